@@ -1,0 +1,93 @@
+// The library's one exception and log-record type, and the way every log site uses it.
+#ifndef KESTREL_COMMON_SIMPLE_EXCEPTION_H
+#define KESTREL_COMMON_SIMPLE_EXCEPTION_H
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <source_location>
+#include <string>
+
+#include "kestrel/log.h"
+
+// Carries a formatted message with the source file and line where it was made. Thrown and caught
+// by reference, or built on the spot and logged. No exception leaves a public function.
+class SimpleException {
+  public:
+    SimpleException() = default;
+
+    // Formats the message printf-style; it is cut at 255 characters.
+    SimpleException(const std::string& file, long line, const char* format, ...)
+        __attribute__((format(printf, 4, 5)));
+
+    virtual ~SimpleException() = default;
+
+    // Writes "<prefix><file>(<line>): <message>" to the system log at LOG_ERR, whatever the level.
+    void Log(const std::string& prefix) const;
+
+    // Writes prefix and message only, with no file, line or newline.
+    void LogPlain(const std::string& prefix) const;
+
+    const std::string& message() const { return message_; }
+    long line() const { return line_; }
+    const std::string& file() const { return file_; }
+
+    static SimpleException from_arguments(const std::string& file, long line, const char* format,
+                                          va_list arguments);
+
+  private:
+    std::string message_;
+    long line_ = 0;
+    std::string file_;
+};
+
+// Swallows a printf-style call: debug printing routed through it is switched off.
+void myprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Prints to standard output whatever `stream` is, and returns what vprintf returned.
+int myfprintf(std::FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+namespace kestrel {
+
+// A log line of a level is written when sx_Debug is above the level's threshold.
+struct LogLevel {
+    int32_t threshold;
+    const char* prefix;
+
+    bool enabled() const { return sx_Debug > threshold; }
+};
+
+// Two prefix shapes: two of the four end in a blank.
+inline constexpr LogLevel kError{1, "ERR: "};
+inline constexpr LogLevel kWarning{2, "WARN:"};
+inline constexpr LogLevel kDebug{3, "DBG: "};
+inline constexpr LogLevel kVerbose{4, "DBG2:"};
+
+// Where a line comes from: the source path that the line carries, and the line number.
+struct LogSite {
+    const char* file;
+    long line;
+};
+
+inline LogSite at(const char* file, std::source_location here = std::source_location::current()) {
+    return {file, static_cast<long>(here.line())};
+}
+
+// Writes a line if its level is enabled; below it nothing is built or formatted. Never throws.
+void log_line(const LogLevel& level, LogSite site, const char* format, ...) noexcept
+    __attribute__((format(printf, 3, 4)));
+
+// The same with no prefix and no level test, for the few lines that are always written.
+void log_always(LogSite site, const char* format, ...) noexcept
+    __attribute__((format(printf, 2, 3)));
+
+// Logs an exception that was caught, if the level is enabled. Never throws.
+void log_caught(const LogLevel& level, const SimpleException& caught) noexcept;
+
+// The message of a foreign exception, where it is logged and where it is thrown on.
+inline constexpr const char* kUnhandledLogged = "Unhandled exception caught\n";
+inline constexpr const char* kUnhandledThrown = "Unhandled exception caught";
+
+}  // namespace kestrel
+
+#endif

@@ -1,0 +1,354 @@
+#include "kestrel/hosts.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
+
+// Where the bytes come from. read() is only asked for bytes that are available.
+class Source {
+  public:
+    Source() = default;
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+    virtual ~Source() = default;
+
+    virtual bool arriving() const { return false; }
+    virtual bool complete() const { return true; }
+    virtual uint32_t available() const = 0;
+    // The whole length, where it is known; false where it is not yet.
+    virtual bool length(uint32_t& size) const {
+        size = available();
+        return true;
+    }
+    virtual bool read(void* data, uint32_t offset, uint32_t count) = 0;
+    virtual int wait() { return KST_HOST_COMPLETE; }
+};
+
+class FileSource final : public Source {
+  public:
+    FileSource(int fd, uint32_t size) : fd_(fd), size_(size) {}
+    ~FileSource() override { close(fd_); }
+
+    uint32_t available() const override { return size_; }
+
+    bool read(void* data, uint32_t offset, uint32_t count) override {
+        auto* to = static_cast<uint8_t*>(data);
+        while (count > 0) {
+            const ssize_t got = pread(fd_, to, count, static_cast<off_t>(offset));
+            if (got < 0 && errno == EINTR) continue;
+            if (got <= 0) return false;  // an error, or a file that was cut while we read it
+            to += got;
+            offset += static_cast<uint32_t>(got);
+            count -= static_cast<uint32_t>(got);
+        }
+        return true;
+    }
+
+  private:
+    int fd_;
+    uint32_t size_;
+};
+
+class MemorySource final : public Source {
+  public:
+    MemorySource(const void* data, uint32_t size)
+        : data_(static_cast<const uint8_t*>(data)), size_(size) {}
+
+    uint32_t available() const override { return size_; }
+
+    bool read(void* data, uint32_t offset, uint32_t count) override {
+        std::memcpy(data, data_ + offset, count);
+        return true;
+    }
+
+  private:
+    const uint8_t* data_;
+    uint32_t size_;
+};
+
+// Reveals another source step by step.
+class GrowingSource final : public Source {
+  public:
+    GrowingSource(std::unique_ptr<Source> whole, uint32_t step)
+        : whole_(std::move(whole)), step_(std::max(step, uint32_t{1})) {}
+
+    bool arriving() const override { return true; }
+    bool complete() const override { return revealed_ == whole_->available(); }
+    uint32_t available() const override { return revealed_; }
+    bool length(uint32_t& size) const override { return whole_->length(size); }
+    bool read(void* data, uint32_t offset, uint32_t count) override {
+        return whole_->read(data, offset, count);
+    }
+    int wait() override {
+        if (complete()) return KST_HOST_COMPLETE;
+        revealed_ += std::min(step_, whole_->available() - revealed_);
+        return KST_HOST_MORE;
+    }
+
+  private:
+    std::unique_ptr<Source> whole_;
+    uint32_t step_;
+    uint32_t revealed_ = 0;
+};
+
+class PipeSource final : public Source {
+  public:
+    explicit PipeSource(int fd) : fd_(fd) {}
+
+    bool arriving() const override { return true; }
+    bool complete() const override { return ended_; }
+    uint32_t available() const override { return static_cast<uint32_t>(bytes_.size()); }
+    bool length(uint32_t& size) const override {
+        size = available();
+        return ended_;
+    }
+    bool read(void* data, uint32_t offset, uint32_t count) override {
+        std::memcpy(data, bytes_.data() + offset, count);
+        return true;
+    }
+    int wait() override;
+
+  private:
+    static constexpr size_t kPiece = 65536;
+
+    int fd_;
+    bool ended_ = false;
+    std::vector<uint8_t> bytes_;
+};
+
+int PipeSource::wait() {
+    if (ended_) return KST_HOST_COMPLETE;
+    const size_t had = bytes_.size();
+    try {
+        bytes_.resize(had + kPiece);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return KST_HOST_FAULT;
+    }
+    ssize_t got;
+    do {
+        pollfd ready{fd_, POLLIN, 0};
+        static_cast<void>(poll(&ready, 1, -1));  // so that a non-blocking pipe is waited for too
+        got = ::read(fd_, bytes_.data() + had, kPiece);
+    } while (got < 0 && (errno == EINTR || errno == EAGAIN));
+    bytes_.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    if (got < 0) return KST_HOST_FAULT;
+    if (bytes_.size() > kMostBytes) {
+        bytes_.resize(had);
+        errno = EFBIG;
+        return KST_HOST_FAULT;
+    }
+    ended_ = got == 0;
+    return ended_ ? KST_HOST_COMPLETE : KST_HOST_MORE;
+}
+
+}  // namespace
+
+struct kst_host {
+    explicit kst_host(std::unique_ptr<Source> from) : source(std::move(from)) {}
+
+    std::unique_ptr<Source> source;
+    uint32_t position = 0;
+    uint32_t used = 0;
+    KST_IOSTREAM_CALLBACK_INTERFACE callbacks{};
+
+    // Reads what is there of `count` bytes at `offset`. While more is to come, a read that the
+    // available bytes do not cover is not-yet and reads nothing; behind the end it is short.
+    uint32_t read_at(void* data, uint32_t offset, uint32_t count, uint32_t& got) {
+        got = 0;
+        const uint32_t there = source->available();
+        const uint32_t readable = offset < there ? std::min(count, there - offset) : 0;
+        if (readable < count && !source->complete()) return KST_HOST_NOT_YET;
+        if (readable > 0 && !source->read(data, offset, readable)) return KST_HOST_FAILED;
+        got = readable;
+        used = std::max(used, offset + readable);
+        return KST_HOST_OK;
+    }
+};
+
+namespace {
+
+kst_host& host_of(void* context) {
+    return *static_cast<kst_host*>(context);
+}
+
+uint32_t get_offset(void* context, uint32_t* offset) {
+    *offset = host_of(context).position;
+    return KST_HOST_OK;
+}
+
+uint32_t seek(void* context, uint32_t offset) {
+    host_of(context).position = offset;
+    return KST_HOST_OK;
+}
+
+uint32_t seek_n_read(void* context, void* data, uint32_t* count, int32_t offset) {
+    kst_host& host = host_of(context);
+    const uint32_t from = offset == -1 ? host.position : static_cast<uint32_t>(offset);
+    uint32_t got = 0;
+    const uint32_t status = host.read_at(data, from, *count, got);
+    *count = got;
+    if (status == KST_HOST_OK) host.position = from + got;
+    return status;
+}
+
+uint32_t seek_n_write(void*, const void*, uint32_t, int32_t) {
+    return KST_HOST_FAILED;
+}
+
+uint32_t get_stream_size(void* context, uint32_t* size) {
+    return host_of(context).source->length(*size) ? KST_HOST_OK : KST_HOST_NOT_YET;
+}
+
+uint32_t is_eof(void* context) {
+    const kst_host& host = host_of(context);
+    return host.source->complete() && host.position >= host.source->available() ? 1 : 0;
+}
+
+uint32_t index_read(void* context, void* data, uint32_t offset, uint32_t count,
+                    uint32_t* bytes_read) {
+    return host_of(context).read_at(data, offset, count, *bytes_read);
+}
+
+uint32_t advance_read(void*, uint32_t) {
+    return KST_HOST_OK;
+}
+
+uint32_t check_status(void*, uint32_t* result, uint32_t status) {
+    *result = status == KST_HOST_NOT_YET ? uint32_t{KST_IO_NOT_YET} : status;
+    return KST_HOST_OK;
+}
+
+// Wraps a source in a host with a filled table; null with errno set when there is no memory.
+template <typename MakeSource>
+kst_host* make_host(MakeSource make_source) {
+    try {
+        auto host = std::make_unique<kst_host>(make_source());
+        host->callbacks = {host.get(),      get_offset, seek,       seek_n_read,  seek_n_write,
+                           get_stream_size, is_eof,     index_read, advance_read, check_status};
+        return host.release();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+}
+
+// A descriptor that closes itself unless it is handed on.
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() {
+        if (fd_ >= 0) close(fd_);
+    }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+  private:
+    int fd_;
+};
+
+// Hands `wrap` a way to make the source of the file at `path`; null with errno set when the file
+// cannot be read.
+template <typename Wrap>
+kst_host* open_path(const char* path, Wrap wrap) {
+    Descriptor fd(open(path, O_RDONLY | O_CLOEXEC));
+    struct stat about {};
+    if (fd.get() < 0 || fstat(fd.get(), &about) != 0) return nullptr;
+    if (S_ISDIR(about.st_mode)) {
+        errno = EISDIR;
+        return nullptr;
+    }
+    if (static_cast<uint64_t>(about.st_size) > kMostBytes) {
+        errno = EFBIG;
+        return nullptr;
+    }
+    return make_host([&] {
+        auto file = std::make_unique<FileSource>(fd.get(), static_cast<uint32_t>(about.st_size));
+        fd.release();
+        return wrap(std::move(file));
+    });
+}
+
+}  // namespace
+
+kst_host* kst_host_from_file(const char* path) {
+    return open_path(path, [](std::unique_ptr<Source> file) { return file; });
+}
+
+kst_host* kst_host_from_growing_file(const char* path, uint32_t step) {
+    return open_path(path, [step](std::unique_ptr<Source> file) {
+        return std::make_unique<GrowingSource>(std::move(file), step);
+    });
+}
+
+kst_host* kst_host_from_memory(const void* data, size_t size) {
+    if (size > kMostBytes) {
+        errno = EFBIG;
+        return nullptr;
+    }
+    return make_host(
+        [=] { return std::make_unique<MemorySource>(data, static_cast<uint32_t>(size)); });
+}
+
+kst_host* kst_host_from_growing_memory(const void* data, size_t size, uint32_t step) {
+    if (size > kMostBytes) {
+        errno = EFBIG;
+        return nullptr;
+    }
+    return make_host([=] {
+        return std::make_unique<GrowingSource>(
+            std::make_unique<MemorySource>(data, static_cast<uint32_t>(size)), step);
+    });
+}
+
+kst_host* kst_host_from_pipe(int fd) {
+    return make_host([=] { return std::make_unique<PipeSource>(fd); });
+}
+
+void kst_host_close(kst_host* host) {
+    delete host;
+}
+
+KST_IOSTREAM_CALLBACK_INTERFACE* kst_host_callbacks(kst_host* host) {
+    return &host->callbacks;
+}
+
+int kst_host_is_arriving(const kst_host* host) {
+    return host->source->arriving() ? 1 : 0;
+}
+
+int kst_host_is_complete(const kst_host* host) {
+    return host->source->complete() ? 1 : 0;
+}
+
+int kst_host_wait(kst_host* host) {
+    return host->source->wait();
+}
+
+void kst_host_rewind(kst_host* host) {
+    host->position = 0;
+}
+
+uint32_t kst_host_bytes_available(const kst_host* host) {
+    return host->source->available();
+}
+
+uint32_t kst_host_bytes_used(const kst_host* host) {
+    return host->used;
+}

@@ -1,0 +1,8 @@
+/* Visibility of the exported names. The library is built with hidden visibility; what carries
+ * KESTREL_API is its whole public surface. */
+#ifndef KESTREL_API_H
+#define KESTREL_API_H
+
+#define KESTREL_API __attribute__((visibility("default")))
+
+#endif

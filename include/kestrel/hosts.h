@@ -1,0 +1,91 @@
+/* Ready-made hosts: stream tables for a file, for memory, and for a file that is still arriving.
+ *
+ * A host owns its stream and its table. Open one, hand kst_host_callbacks() to kst_Open, and close
+ * it after the handle. A host serves one handle at a time and is not safe to use from two threads
+ * at once. Offsets are 32 bits wide, so a stream is at most 4 GiB - 1 bytes long. Part of the
+ * companion library kestrel_hosts. Usable from C and C++.
+ *
+ * Playing a file that arrives:
+ *
+ *     kst_host* host = kst_host_from_pipe(fd);
+ *     while (kst_Open(&handle, kst_host_callbacks(host), "ar") != KST_SUCCESS) {
+ *         if (kst_host_wait(host) != KST_HOST_MORE) give_up();
+ *         kst_host_rewind(host);
+ *     }
+ *     // kst_ReadChunk(..., kst_host_is_arriving(host)); on KST_NOT_YET: kst_host_wait, call again
+ */
+#ifndef KESTREL_HOSTS_H
+#define KESTREL_HOSTS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "kestrel/api.h"
+#include "kestrel/stream.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct kst_host kst_host;
+
+/* The statuses that the slots of these hosts return. CheckStatus classifies the first as success,
+ * the second as a failure and the third as KST_IO_NOT_YET. */
+enum { KST_HOST_OK = 0, KST_HOST_FAILED = 1, KST_HOST_NOT_YET = 2 };
+
+/* What kst_host_wait answers. */
+enum { KST_HOST_FAULT = -1, KST_HOST_COMPLETE = 0, KST_HOST_MORE = 1 };
+
+/* Every opening function returns null on failure with the reason in errno (ENOMEM, EFBIG for a
+ * stream of 4 GiB and more, or what the system said of the path). */
+
+/* A complete file, read with positioned reads. */
+KESTREL_API kst_host* kst_host_from_file(const char* path);
+
+/* `size` complete bytes at `data`, which the caller keeps alive and unchanged. */
+KESTREL_API kst_host* kst_host_from_memory(const void* data, size_t size);
+
+/* A file served as if it were still arriving: nothing of it is there at first, and each
+ * kst_host_wait reveals `step` bytes more (at least 1). Its whole length is known from the start,
+ * as that of a download usually is. */
+KESTREL_API kst_host* kst_host_from_growing_file(const char* path, uint32_t step);
+
+/* The same over memory, which the caller keeps alive and unchanged. */
+KESTREL_API kst_host* kst_host_from_growing_memory(const void* data, size_t size, uint32_t step);
+
+/* What a pipe, a socket or a terminal delivers. The bytes are kept until the host is closed; `fd`
+ * stays the caller's. The length is not known before the end: until then GetStreamSize answers
+ * not-yet. */
+KESTREL_API kst_host* kst_host_from_pipe(int fd);
+
+/* Closes the host and frees its table. Null is ignored. */
+KESTREL_API void kst_host_close(kst_host* host);
+
+/* The host's stream table, valid until kst_host_close. Of its slots, SeekNWrite always fails. */
+KESTREL_API KST_IOSTREAM_CALLBACK_INTERFACE* kst_host_callbacks(kst_host* host);
+
+/* Non-zero for a host whose file arrives: pass it as the flag of kst_ReadChunk. */
+KESTREL_API int kst_host_is_arriving(const kst_host* host);
+
+/* Non-zero when no more bytes will come than are there now. */
+KESTREL_API int kst_host_is_complete(const kst_host* host);
+
+/* Waits until more bytes are there (a pipe is read, blocking) and answers KST_HOST_MORE;
+ * KST_HOST_COMPLETE when the stream has ended, which may be learned only here; KST_HOST_FAULT when
+ * the stream failed, with the reason in errno. */
+KESTREL_API int kst_host_wait(kst_host* host);
+
+/* Moves the stream back to offset 0, which opening the stream again needs. */
+KESTREL_API void kst_host_rewind(kst_host* host);
+
+/* How many bytes are there now. */
+KESTREL_API uint32_t kst_host_bytes_available(const kst_host* host);
+
+/* The end of the furthest byte that has been read, for showing progress. */
+KESTREL_API uint32_t kst_host_bytes_used(const kst_host* host);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
