@@ -1,0 +1,183 @@
+// The platform's two native formats: the current one, `tel`, and the older one, `orb`. Header
+// records, packet headers, the packetisers that cut samples into packets, and the AMR frame format
+// conversions.
+//
+// The records and packets are described in kestrel/native_records.h and docs/native-format.md.
+// `tel` fields are in host byte order (little-endian on x86), `orb` headers are big-endian. None of
+// these functions throws or allocates.
+#ifndef KESTREL_NATIVE_H
+#define KESTREL_NATIVE_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "kestrel/api.h"
+
+struct iso_track;
+
+// Running packet-header state of one `tel` stream.
+struct TEL_RTP {
+    uint32_t reserved;
+    uint32_t size;    // payload bytes of the packet at hand, payload header included
+    uint32_t magic;   // 13
+    uint32_t marker;  // 0 or 1
+    uint32_t type;    // payload type given at init
+    uint32_t seq;     // next sequence number, 0 to 65535
+    uint32_t time;    // timestamp of the packet at hand, in clock units
+    uint32_t mode;    // packetisation mode
+    uint32_t flags;   // a set of native_flags
+    uint32_t clock;   // Hz
+};
+
+// The same ten fields for an `orb` stream.
+struct ORB_RTP {
+    uint32_t reserved, size, magic, marker, type, seq, time, mode, flags, clock;
+};
+
+// Packetisation modes of H.263.
+enum native_mode : int32_t {
+    NATIVE_MODE_PLAIN = 0,
+    NATIVE_MODE_RFC2190 = 2190,
+    NATIVE_MODE_RFC2190_MB = 2190 + 0x80000,  // cut at macroblock boundaries, mode B
+    NATIVE_MODE_RFC2429 = 2429
+};
+
+// Bits of TEL_RTP::flags and ORB_RTP::flags.
+inline constexpr uint32_t native_drop_no_data = 1;         // drop AMR NO_DATA frames
+inline constexpr uint32_t native_amr_format_1 = 2;         // AMR narrow band input is in format 1
+inline constexpr uint32_t orb_header_printed = 1u << 16;   // the header was printed already
+inline constexpr uint32_t orb_check_quietly = 1u << 29;    // check headers that are read
+inline constexpr uint32_t orb_check_and_print = 1u << 30;  // and print what is wrong with them
+inline constexpr uint32_t native_verbose = 1u << 31;       // tell of fragments and dropped frames
+
+inline constexpr uint32_t native_magic = 13;
+inline constexpr int tel_header_size = 20;
+inline constexpr int orb_header_size = 12;
+
+struct tel_native;
+struct orb_native;
+
+// Packetises one sample; see tel_native_packet.
+typedef int tel_packetiser(void* out, int out_size, void* in, int in_len, double duration,
+                           tel_native* state);
+typedef int orb_packetiser(void* out, int out_size, void* in, int in_len, double duration,
+                           orb_native* state);
+
+// Packetiser state of one `tel` stream.
+struct tel_native {
+    uint32_t codec;  // an iso_codec
+    uint32_t count;  // packets written
+    TEL_RTP hdr;
+    const uint8_t* dsi;  // H.264 parameter sets, each behind its length
+    int32_t dsi_len;
+    double time_acc;       // exact running timestamp, in clock units
+    int32_t max_payload;   // bytes per packet
+    uint32_t h263_src;     // H.263 source format carried from picture to picture
+    int32_t nal_len_size;  // bytes of a NAL unit's length field
+    uint32_t spare;
+    tel_packetiser* packetise;  // null when the codec has none
+};
+
+// Packetiser state of one `orb` stream.
+struct orb_native {
+    uint32_t codec;
+    ORB_RTP hdr;
+    uint32_t zero[2];
+    double time_acc;
+    int32_t max_payload;
+    uint32_t spare;
+    orb_packetiser* packetise;
+};
+
+// A stream that orb_get_header reads from.
+struct mfileio {
+    // Reads up to `count` elements of `size` bytes; returns the elements read.
+    size_t (*read)(void* buffer, size_t size, size_t count, void* handle);
+    void* handle;
+};
+
+extern "C" {
+
+// --- packet headers ---
+
+// Writes a 20-byte `tel` header for a payload of hdr->size bytes, with hdr's time, marker (0 or 1)
+// and sequence number and the given payload type (below 128), and steps the sequence number.
+// Returns 20.
+KESTREL_API int tel_put_header(void* out, TEL_RTP* hdr, int payload_type);
+
+// Writes a 12-byte `orb` header from `hdr` and steps the sequence number. Returns 12.
+KESTREL_API int orb_put_header(void* out, ORB_RTP* hdr);
+
+// Reads a 12-byte `orb` header into `hdr`; hdr->seq must hold the previous packet's number, or
+// 0xFFFFFFFE before the first. 1 when a header was read, 0 when the stream ended. With check flags
+// set, a wrong magic number or sequence is told on standard error; the header is returned either
+// way.
+KESTREL_API int orb_get_header(mfileio* f, ORB_RTP* hdr);
+
+// Prints the header on standard error, unless it was printed already.
+KESTREL_API void print_orb_header(ORB_RTP* hdr);
+
+// Rewrites the 12-byte RTP header at `pkt` into an `orb` header in place. `len` is the length of
+// the whole RTP packet. Marker, sequence number and timestamp are kept.
+KESTREL_API void rtp2orb(unsigned char* pkt, unsigned len, int payload_type, int ignored);
+
+// Writes the 20-byte `tel` header for the packet whose `orb` header is at `orb_hdr`.
+KESTREL_API void tel_put_header_orb2tel(const unsigned char* orb_hdr, void* out, int payload_type);
+
+// --- stream header records; each fills the record at `out` and returns its size in bytes, or -1
+// when `out` is null ---
+
+// PROP_Header_Info of an audio stream, with the number of frames.
+KESTREL_API int tel_put_hdr_aud_prop(void* out, uint32_t frame_count);
+// AUD_Codec_Header for AMR narrow and wide band.
+KESTREL_API int tel_put_hdr_aud_codec(void* out);
+KESTREL_API int tel_put_hdr_aud_codec_wb(void* out);
+// AUD_Header_IndxInfo; the record has no place for the number of frames.
+KESTREL_API int tel_put_hdr_aud_index(void* out, uint32_t frame_count);
+// VID_FileInfo of an audio or a video stream, with the track's duration in seconds.
+KESTREL_API int tel_put_hdr_fileInfo(void* out, double duration);
+KESTREL_API int tel_put_hdr_vid_fileInfo(void* out, double duration);
+// AUD_AudFrame_Native for AMR narrow and wide band: a frame of `length` bytes in all at the state's
+// time and sequence number, which are stepped by one frame.
+KESTREL_API int tel_put_hdr_aud_frame(void* out, tel_native* state, uint32_t length);
+KESTREL_API int tel_put_hdr_aud_frame_wb(void* out, tel_native* state, uint32_t length);
+
+// --- packetisers ---
+
+// Prepares `state` for the samples of `track`: a packet of at most `max_packet` bytes (H.264 and
+// `orb`; the other `tel` packets carry up to 1400), mode and flags as above. 0, or -1 for a codec
+// that is rejected.
+KESTREL_API int tel_native_init(tel_native* state, int payload_type, int max_packet, int mode,
+                                iso_track* track, int flags);
+KESTREL_API int orb_native_init(orb_native* state, int payload_type, int max_packet, int mode,
+                                iso_track* track, int flags);
+
+// Cuts one sample of `in_len` bytes and `duration` seconds into packets, written back to back into
+// `out`. Returns the bytes written; -1 when `out_size` is too small or the codec has no packetiser;
+// -2 when an H.263 picture header cannot be parsed. After -1 the packets written so far stand.
+KESTREL_API int tel_native_packet(void* out, int out_size, void* in, int in_len, double duration,
+                                  tel_native* state);
+KESTREL_API int orb_native_packet(void* out, int out_size, void* in, int in_len, double duration,
+                                  orb_native* state);
+
+// --- AMR frames: format 1 is the storage format (RFC 4867, 5.3), format 2 the interface format
+// with the type in the low bits and each nibble reversed, format 3 wide-band storage ---
+
+// Length in bytes of the frame that begins at `frame`, from its first byte alone; -1 for another
+// format number.
+KESTREL_API int amr_get_size(const void* frame, int format);
+// Which format, 1 or 2, a narrow-band frame of `len` bytes is in, and its frame type through `ft`
+// (may be null); -1 when neither.
+KESTREL_API int amr_get_format(const void* frame, int len, int* ft);
+// One frame from format 1 to 2 and back: bytes written, 0 for a type that has no frame. `in` holds
+// a whole frame; a frame in format 1 is at most one byte longer than in format 2.
+KESTREL_API int amr2cod(const void* in, void* out);
+KESTREL_API int cod2amr(const void* in, void* out);
+// A run of whole frames: bytes written. Stops at the first that cannot be converted or is cut.
+KESTREL_API int amr1_to_amr2(const void* in, void* out, int len);
+KESTREL_API int amr2_to_amr1(const void* in, void* out, int len);
+// Does nothing; kept as an entry point.
+KESTREL_API void orb_remove_amr_dtx(void* buf, int len, int flags);
+}
+
+#endif

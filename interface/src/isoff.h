@@ -1,0 +1,116 @@
+// Inside of the ISO reader: what its source files share.
+#ifndef KESTREL_INTERFACE_ISOFF_H
+#define KESTREL_INTERFACE_ISOFF_H
+
+#include "common/bytes.h"
+#include "kestrel/isoff.h"
+
+namespace kestrel {
+
+// The source path that the reader's log lines carry.
+inline constexpr const char* kIsoffSource = "isoff";
+
+// A short diagnostic line on the standard error stream.
+void diagnose(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// --- arena ---
+
+// Frees every block of a chain of arena blocks.
+void safefree(void* first_block);
+
+// `count` zeroed objects from the arena, or null.
+template <typename T>
+T* arena_array(iso_file* file, size_t count);
+
+// --- byte readers: big-endian, from the in-memory `moov` while in_moov_buffer is 1, else from the
+// stream ---
+
+// Reads exactly `count` bytes of the stream; false on a failure or when fewer came.
+bool read_stream(iso_file* file, void* to, uint32_t count);
+
+// Take bytes of, and move in, the in-memory `moov`. Asking for more than is left prints a line,
+// changes nothing and answers false.
+bool read_buf(iso_file* file, void* to, uint32_t count);
+bool seek_buf(iso_file* file, uint32_t count);
+
+bool getbytes(iso_file* file, void* to, uint32_t count);
+
+// A value that cannot be read is 0; that of getint32, 0xFFFFFFFF.
+uint8_t getbyte(iso_file* file);
+uint16_t getint16(iso_file* file);
+uint32_t getint24(iso_file* file);
+uint32_t getint32(iso_file* file);
+
+// A four-character code, NUL-terminated.
+bool getID(iso_file* file, char (&code)[5]);
+
+// An MPEG-4 descriptor length (ISO/IEC 14496-1, 8.3.3): stores it and returns the number of bytes
+// it took, -1 when it cannot be read.
+int getxlen(iso_file* file, uint32_t& length);
+
+// Passes over `count` bytes: 1, 0 when they cannot be read, -1 when the stream does not tell its
+// offset.
+int skip(iso_file* file, uint32_t count);
+
+// The in-memory media data, with fread's and fseek's arguments.
+size_t mread(void* destination, size_t size, size_t count, iso_file* file);
+int mseek(iso_file* file, long offset, int whence);
+
+// --- box walk ---
+
+struct isobox {
+    const char* type;  // four characters; null ends a table
+    // Reads the body of `body` bytes. 0: go on; 1: end the walk successfully; any other value: end
+    // it with that value.
+    int (*handler)(iso_file* file, uint32_t body);
+};
+
+// Walks the boxes of `table` over `size` bytes. Inside `moov` a handler sees the bytes of its own
+// box and no more, whatever the sizes in the file say.
+int parse(iso_file* file, const isobox* table, int size);
+
+// Walks what is left of the box at hand.
+int parse_rest(iso_file* file, const isobox* table);
+
+// Walks the whole file; its result is of no account to isoFFopen.
+int read_header(iso_file* file);
+
+// --- box handlers that live elsewhere ---
+
+int read_stts(iso_file* file, uint32_t body);
+int read_ctts(iso_file* file, uint32_t body);
+int read_stsc(iso_file* file, uint32_t body);
+int read_stsz(iso_file* file, uint32_t body);
+int read_stco(iso_file* file, uint32_t body);
+int read_stss(iso_file* file, uint32_t body);
+int read_sbgp(iso_file* file, uint32_t body);
+int read_sgpd(iso_file* file, uint32_t body);
+
+int read_damr(iso_file* file, uint32_t body);
+int read_dawp(iso_file* file, uint32_t body);
+
+// Brings a track's tables into agreement when its `stbl` has been read: fills the chunk ends, sets
+// the cursor to the first sample. 0, or -1 when the tables cannot be used.
+int check_tables(iso_track* track);
+
+// --- samples ---
+
+uint32_t sample_size_of(const iso_track* track, int32_t sample);
+void set_sample_pos(iso_track* track, int32_t target);
+
+// A value in track units as seconds; 0.0 for a timescale of 0.
+double seconds(double units, uint32_t timescale);
+
+// --- definitions ---
+
+template <typename T>
+T* arena_array(iso_file* file, size_t count) {
+    if (count > SIZE_MAX / 2 / sizeof(T)) return nullptr;
+    void* memory = isoFFmalloc(file, count * sizeof(T));
+    if (memory != nullptr) std::memset(memory, 0, count * sizeof(T));
+    return static_cast<T*>(memory);
+}
+
+}  // namespace kestrel
+
+#endif

@@ -1,0 +1,139 @@
+#include "kestrel/kestrel.h"
+
+#include <cstdlib>
+
+#include "interface/src/mmfiInterface.h"
+#include "kestrel/kstutil.h"
+
+// The exported functions.
+
+using namespace kestrel;
+
+namespace {
+
+constexpr uint32_t kDefaultOpenSize = 20480;
+constexpr int32_t kLastStatus = 24;  // the end mark of the table
+
+struct StatusText {
+    int32_t code;
+    const char* text;
+};
+
+constexpr StatusText kStatusTexts[] = {
+    {0, "Success"},
+    {1, "Reached end of file"},
+    {2, "Some unknown failure"},
+    {3, "Requested file does not exist"},
+    {4, "File is corrupt"},
+    {5, "Bad 3gp handle passed in"},
+    {6, "Unable to allocate memory"},
+    {7, "Unsupported mode string specified in Open"},
+    {8, "Library is not opened for this operation"},
+    {9, "Library has already been opened"},
+    {10, "This operation is not supported"},
+    {11, "3gp file contains more tracks than supported"},
+    {12, "Hint tracks are required"},
+    {13, "Invalid or NULL argument supplied"},
+    {14, "Requested track does not exist"},
+    {15, "Unknown/unsupported coder found"},
+    {16,
+     "Problem with IO Stream callback interface read - call kst_GetIOCallbackStatus for more info"},
+    {17, "Data is not available in FIO buffers yet"},
+    {18, "Invalid Timestamp supplied"},
+    {19, "Invalid Seek Flags supplied"},
+    {kLastStatus, "Invalid status value"},
+};
+
+// Every function slot is required; the context word may be anything.
+bool is_complete(const KST_IOSTREAM_CALLBACK_INTERFACE* callbacks) {
+    return callbacks != nullptr && callbacks->GetOffset && callbacks->Seek &&
+           callbacks->SeekNRead && callbacks->SeekNWrite && callbacks->GetStreamSize &&
+           callbacks->IsEOF && callbacks->IndexRead && callbacks->AdvanceRead &&
+           callbacks->CheckStatus;
+}
+
+// Opens the handle over `file`, which stays the caller's when the status is not 0 and the handle
+// variable was not touched.
+int32_t open_over(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
+                  const char* mode, iso_file* file) {
+    auto* record = static_cast<mm_Interface*>(std::malloc(sizeof(mm_Interface)));
+    if (record == nullptr) {
+        isoFFclose(file);
+        return KST_NO_MEMORY;
+    }
+    *handle_out = record;
+    record->file = file;
+    const int32_t status = mmfi_Open(record, mode);
+    if (status == KST_SUCCESS) {
+        kstutil_seek(callbacks, 0);
+        return KST_SUCCESS;
+    }
+    mmfi_Close(record);
+    std::free(record);
+    *handle_out = nullptr;
+    return status;
+}
+
+int32_t check_arguments(mm_Interface** handle_out, const KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
+                        const char* mode) {
+    if (handle_out == nullptr) return KST_BAD_HANDLE;
+    if (!is_complete(callbacks)) return KST_BAD_ARGUMENT;
+    return mode == nullptr ? int32_t{KST_BAD_MODE} : int32_t{KST_SUCCESS};
+}
+
+}  // namespace
+
+int32_t kst_Open(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
+                 const char* mode) {
+    return kst_Open2(handle_out, callbacks, mode, kDefaultOpenSize);
+}
+
+int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
+                  const char* mode, uint32_t) {
+    // The file is opened before any argument is checked; hosts may count on being asked.
+    int error = 0;
+    iso_file* file = isoFFopen(callbacks, "r", &error);
+    const int32_t status = check_arguments(handle_out, callbacks, mode);
+    if (status != KST_SUCCESS) {
+        isoFFclose(file);
+        return status;
+    }
+    return open_over(handle_out, callbacks, mode, file);
+}
+
+int32_t kst_ReadChunk(mm_Interface* handle, unsigned char* buffer, uint32_t* size, bool flag) {
+    if (handle == nullptr) return KST_BAD_HANDLE;
+    if (buffer == nullptr || size == nullptr) return KST_BAD_ARGUMENT;
+    return mmfi_Read(handle, buffer, size, flag);
+}
+
+int32_t kst_Close(mm_Interface** handle_in_out) {
+    if (handle_in_out == nullptr) return KST_BAD_HANDLE;
+    if (*handle_in_out == nullptr) return KST_SUCCESS;
+    mmfi_Close(*handle_in_out);
+    std::free(*handle_in_out);
+    *handle_in_out = nullptr;
+    return KST_SUCCESS;
+}
+
+int32_t kst_SeekTo(mm_Interface* handle, uint32_t position) {
+    if (handle == nullptr) return KST_BAD_HANDLE;
+    // Position 0 is refused as an argument, not as an operation: kept on purpose.
+    return position == 0 ? KST_BAD_ARGUMENT : KST_NOT_SUPPORTED;
+}
+
+int32_t kst_GetIOCallbackStatus(mm_Interface* handle, uint32_t* status_out) {
+    if (handle == nullptr) return KST_BAD_HANDLE;
+    return status_out == nullptr ? KST_BAD_ARGUMENT : KST_SUCCESS;
+}
+
+const char* kst_StatusString(int32_t code) {
+    for (const StatusText* row = kStatusTexts; row->code != kLastStatus; ++row) {
+        if (row->code == code) return row->text;
+    }
+    return "Unknown status";
+}
+
+void kstutil_printData(const unsigned char* data, int size) {
+    printInfo(data, size);
+}

@@ -1,0 +1,39 @@
+// AMR frame tables (3GPP TS 26.101, TS 26.201).
+#ifndef KESTREL_NATIVE_AMR_FORMAT_H
+#define KESTREL_NATIVE_AMR_FORMAT_H
+
+#include <cstdint>
+
+namespace kestrel {
+
+inline constexpr int kAmrFrameTypes = 16;
+
+// Speech bits of each narrow-band frame type; 8 is comfort noise, 9 to 15 carry none.
+inline constexpr uint16_t bits[kAmrFrameTypes] = {95, 103, 118, 134, 148, 159, 204, 244, 39};
+
+// The same for the wide band, where 9 is comfort noise.
+inline constexpr uint16_t kWideBandBits[kAmrFrameTypes] = {132, 177, 253, 285, 317,
+                                                           365, 397, 461, 477, 40};
+
+// Payload bytes of each wide-band frame type, as the packetiser takes them. Comfort noise (9) is
+// one byte longer than its 40 bits need and types 10 to 13 have lengths though they carry nothing:
+// kept on purpose.
+inline constexpr uint8_t amr_wb_size[kAmrFrameTypes] = {17, 23, 32, 36, 40, 46, 50, 58,
+                                                        60, 6,  34, 45, 60, 60, 0,  0};
+
+// A nibble with its bits reversed.
+inline constexpr uint8_t flip[16] = {0, 8, 4, 12, 2, 10, 6, 14, 1, 9, 5, 13, 3, 11, 7, 15};
+
+// Frame type of a storage-format header byte.
+constexpr int storage_frame_type(uint8_t header) {
+    return header >> 3 & 15;
+}
+
+// Bytes of a storage-format frame of `speech_bits`, its header byte included.
+constexpr int storage_frame_size(int speech_bits) {
+    return (speech_bits + 7) / 8 + 1;
+}
+
+}  // namespace kestrel
+
+#endif

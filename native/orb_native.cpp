@@ -1,0 +1,84 @@
+#include "native/orb_native.h"
+
+#include "kestrel/isoff.h"
+
+// Setting up a packetiser, and the entry that calls the one that was chosen.
+
+using namespace kestrel;
+
+namespace {
+
+constexpr uint32_t kAmrClock = 8000;
+constexpr uint32_t kAmrWideBandClock = 16000;
+constexpr int32_t kMostPayload = 1400;
+
+// What the init calls install for a codec. Accepted codecs may have no packetiser.
+struct CodecEntry {
+    int32_t codec;
+    uint32_t clock;  // Hz
+    tel_packetiser* tel;
+    orb_packetiser* orb;
+};
+
+constexpr CodecEntry kCodecs[] = {
+    {ISO_CODEC_MP4A, 0, nullptr, nullptr},
+    {ISO_CODEC_SAMR, kAmrClock, tel_amr_packet, orb_amr_packet},
+    {ISO_CODEC_SAWB, kAmrWideBandClock, tel_amr_packet, nullptr},
+    {ISO_CODEC_SAWP, 0, nullptr, nullptr},
+};
+
+const CodecEntry* find_codec(int32_t codec) {
+    for (const CodecEntry& entry : kCodecs) {
+        if (entry.codec == codec) return &entry;
+    }
+    return nullptr;
+}
+
+template <typename Header>
+void init_header(Header& hdr, int payload_type, int mode, int flags, uint32_t clock) {
+    hdr = Header{};
+    hdr.magic = native_magic;
+    hdr.type = static_cast<uint32_t>(payload_type);
+    hdr.mode = static_cast<uint32_t>(mode);
+    hdr.flags = static_cast<uint32_t>(flags);
+    hdr.clock = clock;
+}
+
+}  // namespace
+
+int tel_native_init(tel_native* state, int payload_type, int max_packet, int mode, iso_track* track,
+                    int flags) {
+    const CodecEntry* entry = find_codec(track->codec);
+    if (entry == nullptr) return -1;
+    *state = tel_native{};
+    state->codec = static_cast<uint32_t>(track->codec);
+    state->max_payload = kMostPayload;
+    state->packetise = entry->tel;
+    init_header(state->hdr, payload_type, mode, flags, entry->clock);
+    static_cast<void>(max_packet);
+    return 0;
+}
+
+int tel_native_packet(void* out, int out_size, void* in, int in_len, double duration,
+                      tel_native* state) {
+    if (state->packetise == nullptr) return -1;
+    return state->packetise(out, out_size, in, in_len, duration, state);
+}
+
+int orb_native_init(orb_native* state, int payload_type, int max_packet, int mode, iso_track* track,
+                    int flags) {
+    const CodecEntry* entry = find_codec(track->codec);
+    if (entry == nullptr) return -1;
+    *state = orb_native{};
+    state->codec = static_cast<uint32_t>(track->codec);
+    state->max_payload = max_packet - orb_header_size;
+    state->packetise = entry->orb;
+    init_header(state->hdr, payload_type, mode, flags, entry->clock);
+    return 0;
+}
+
+int orb_native_packet(void* out, int out_size, void* in, int in_len, double duration,
+                      orb_native* state) {
+    if (state->packetise == nullptr) return -1;
+    return state->packetise(out, out_size, in, in_len, duration, state);
+}

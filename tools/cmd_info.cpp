@@ -1,0 +1,144 @@
+#include <nlohmann/json.hpp>
+
+#include "tools/commands.h"
+#include "tools/support.h"
+
+// What a file holds, and what of it can be played.
+
+namespace tool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct Options {
+    std::string input;
+    bool json = false;
+};
+
+bool is_hint(const iso_track* track) {
+    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
+}
+
+Json describe_track(iso_track* track) {
+    int samples = 0;
+    int bytes = 0;
+    double duration = 0.0;
+    isoFFtrackInfo(track, nullptr, &samples, &duration, &bytes);
+    Json out{{"id", track->track_id},
+             {"handler", track->handler},
+             {"codec", codec_name(track->codec)},
+             {"timescale", track->timescale},
+             {"duration_seconds", duration},
+             {"samples", samples},
+             {"bytes", static_cast<uint32_t>(bytes)}};
+    if (is_hint(track)) {
+        out["hints_track"] = track->hint_track_ref;
+        out["rtp_timescale"] = track->rtp_timescale;
+        out["longest_packet"] = track->rtp_max_packet;
+    } else if (std::string(track->handler) == "vide") {
+        out["width"] = track->width;
+        out["height"] = track->height;
+    } else if (track->codec == ISO_CODEC_SAMR || track->codec == ISO_CODEC_SAWB) {
+        out["frames_per_sample"] = track->frames_per_sample;
+    }
+    if (track->sync_count > 0) out["sync_samples"] = track->sync_count;
+    return out;
+}
+
+Json describe_file(iso_file* file) {
+    double duration = 0.0;
+    isoFFfileInfo(file, nullptr, &duration, nullptr);
+    Json out{{"major_brand", file->major_brand},
+             {"minor_version", file->minor_version},
+             {"compatible_brands", file->compatible_brands ? file->compatible_brands : ""},
+             {"timescale", file->timescale},
+             {"duration_seconds", duration},
+             {"tracks", Json::array()}};
+    for (int n = 1; iso_track* track = isoFFselect(file, nullptr, n); ++n)
+        out["tracks"].push_back(describe_track(track));
+    return out;
+}
+
+// Opens the file the way a host would, and tells what came of it.
+Json try_function_road(kst_host* host, const char* medium, const std::string& mode) {
+    kst_host_rewind(host);
+    int32_t status = KST_SUCCESS;
+    const Handle handle = open_track(host, mode, status);
+    return {{"road", "function"},
+            {"medium", medium},
+            {"plays", status == KST_SUCCESS},
+            {"status", status},
+            {"text", kst_StatusString(status)}};
+}
+
+void print_track(const Json& track) {
+    std::printf("track %-6u %s, %.3f s, %u samples, %u bytes", track["id"].get<uint32_t>(),
+                track["codec"].get<std::string>().c_str(), track["duration_seconds"].get<double>(),
+                track["samples"].get<uint32_t>(), track["bytes"].get<uint32_t>());
+    std::printf(", timescale %u", track["timescale"].get<uint32_t>());
+    if (track.contains("width")) {
+        std::printf(", %u x %u", track["width"].get<uint32_t>(), track["height"].get<uint32_t>());
+    }
+    if (track.contains("sync_samples")) {
+        std::printf(", %u sync samples", track["sync_samples"].get<uint32_t>());
+    }
+    if (track.contains("hints_track")) {
+        std::printf(", for track %u, packets of at most %u bytes",
+                    track["hints_track"].get<uint32_t>(), track["longest_packet"].get<uint32_t>());
+    }
+    std::printf("\n");
+}
+
+void print_verdict(const Json& verdict) {
+    const std::string road = verdict["road"].get<std::string>() + " road,";
+    std::printf("%-15s %s: ", road.c_str(), verdict["medium"].get<std::string>().c_str());
+    if (verdict["plays"].get<bool>()) {
+        std::printf("plays\n");
+    } else {
+        std::printf("does not play: %s (%d)\n", verdict["text"].get<std::string>().c_str(),
+                    verdict["status"].get<int>());
+    }
+}
+
+void print_text(const std::string& input, const Json& about) {
+    std::printf("%s\n", input.c_str());
+    std::printf("brand        %s, version %d; compatible: %s\n",
+                about["major_brand"].get<std::string>().c_str(), about["minor_version"].get<int>(),
+                about["compatible_brands"].get<std::string>().c_str());
+    std::printf("duration     %.3f s, timescale %u\n", about["duration_seconds"].get<double>(),
+                about["timescale"].get<uint32_t>());
+    for (const Json& track : about["tracks"])
+        print_track(track);
+    for (const Json& verdict : about["verdicts"])
+        print_verdict(verdict);
+}
+
+void info(const Options& options) {
+    Host host = open_host(options.input);
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
+    const IsoFile file = open_iso(host.get(), callbacks);
+    if (file->first_track == nullptr && file->major_brand[0] == '\0') {
+        throw Error(options.input + ": has neither a file type nor a movie box: no 3GP file");
+    }
+    Json about = describe_file(file.get());
+    about["verdicts"] = {try_function_road(host.get(), "audio", "ar"),
+                         try_function_road(host.get(), "video", "vr")};
+    if (options.json) {
+        std::printf("%s\n", about.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    } else {
+        print_text(options.input, about);
+    }
+}
+
+}  // namespace
+
+void add_info(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command =
+        app.add_subcommand("info", "Show brands, tracks and hint tracks, and what can be played");
+    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    command->add_flag("--json", options->json, "Print JSON");
+    command->callback([options] { info(*options); });
+}
+
+}  // namespace tool

@@ -1,0 +1,99 @@
+#include <nlohmann/json.hpp>
+
+#include "tools/commands.h"
+#include "tools/native_walk.h"
+#include "tools/support.h"
+
+namespace tool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct Options {
+    std::string input;
+    bool json = false;
+};
+
+std::string hex(std::span<const uint8_t> bytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (const uint8_t byte : bytes) {
+        out += kDigits[byte >> 4];
+        out += kDigits[byte & 15];
+    }
+    return out;
+}
+
+struct AsText {
+    std::string operator()(uint32_t number) const { return std::to_string(number); }
+    std::string operator()(std::span<const uint8_t> bytes) const { return hex(bytes); }
+    std::string operator()(const std::string& text) const {
+        return "\"" + text.substr(0, text.find('\0')) + "\"";
+    }
+};
+
+struct AsJson {
+    Json operator()(uint32_t number) const { return number; }
+    Json operator()(std::span<const uint8_t> bytes) const { return hex(bytes); }
+    Json operator()(const std::string& text) const { return text.substr(0, text.find('\0')); }
+};
+
+class TextSink final : public RecordSink {
+  public:
+    void record(const StreamRecord& record) override {
+        std::printf("%8zu  %-20s", record.offset, record.name.c_str());
+        for (const Field& field : record.fields)
+            std::printf(" %s %s", field.name.c_str(), std::visit(AsText{}, field.value).c_str());
+        if (!record.payload.empty()) std::printf(" payload %zu bytes", record.payload.size());
+        std::printf("\n");
+    }
+};
+
+class JsonSink final : public RecordSink {
+  public:
+    void record(const StreamRecord& record) override {
+        Json fields = Json::object();
+        for (const Field& field : record.fields)
+            fields[field.name] = std::visit(AsJson{}, field.value);
+        Json out{{"offset", record.offset}, {"record", record.name}, {"fields", fields}};
+        if (!record.payload.empty()) out["payload"] = hex(record.payload);
+        records.push_back(std::move(out));
+    }
+
+    Json records = Json::array();
+};
+
+void inspect(const Options& options) {
+    const std::vector<uint8_t> stream = read_whole(options.input);
+    TextSink text;
+    JsonSink json;
+    std::optional<Damage> damage;
+    try {
+        walk_native(stream, options.json ? static_cast<RecordSink&>(json) : text);
+    } catch (const Damage& found) {
+        damage = found;
+    }
+    if (options.json) {
+        Json out{{"bytes", stream.size()}, {"records", std::move(json.records)}};
+        if (damage) out["damage"] = {{"offset", damage->offset}, {"reason", damage->reason}};
+        std::printf("%s\n", out.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    }
+    if (damage) {
+        std::fflush(stdout);
+        throw Error(options.input + ": makes no sense from byte " + std::to_string(damage->offset) +
+                    " on: " + damage->reason);
+    }
+}
+
+}  // namespace
+
+void add_inspect(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand(
+        "inspect", "Walk a native stream record by record, and tell where it stops making sense");
+    command->add_option("STREAM", options->input, "Native stream; - is standard input")->required();
+    command->add_flag("--json", options->json, "Print JSON");
+    command->callback([options] { inspect(*options); });
+}
+
+}  // namespace tool

@@ -1,0 +1,167 @@
+#include "tools/native_walk.h"
+
+#include <cstring>
+
+#include "kestrel/native_records.h"
+
+namespace tool {
+
+using namespace kestrel;
+
+namespace {
+
+constexpr uint32_t kNarrowBandCoder = 10;
+constexpr uint32_t kWideBandCoder = 20;
+constexpr uint32_t kWideBandCoding = 51;
+constexpr uint32_t kZeroWord = 4;
+constexpr uint32_t kModeByte = 1;
+constexpr uint32_t kSmallestFrame = sizeof(AUD_AudFrame_Native) + kZeroWord + kModeByte + 1;
+
+// Bits of each speech frame type (RFC 4867, 3GPP TS 26.101 and TS 26.201).
+constexpr uint16_t kNarrowBandBits[16] = {95, 103, 118, 134, 148, 159, 204, 244, 39};
+constexpr uint16_t kWideBandBits[16] = {132, 177, 253, 285, 317, 365, 397, 461, 477, 40};
+
+class Walk {
+  public:
+    Walk(std::span<const uint8_t> stream, RecordSink& sink) : stream_(stream), sink_(sink) {}
+
+    void run();
+
+  private:
+    [[noreturn]] void damaged(size_t offset, const std::string& reason) const {
+        throw Damage{offset, reason};
+    }
+
+    std::span<const uint8_t> take(size_t count, const char* what);
+
+    // Takes a record and lists its fields into `shown`.
+    template <typename Record>
+    Record take_record(const char* name, StreamRecord& shown);
+
+    // Takes a record that has nothing behind it.
+    template <typename Record>
+    Record header_record(const char* name);
+
+    void audio_headers(const PROP_Header_Info& first);
+    void audio_frame();
+
+    std::span<const uint8_t> stream_;
+    RecordSink& sink_;
+    size_t position_ = 0;
+    Medium medium_ = Medium::kNarrowBandSpeech;
+};
+
+std::span<const uint8_t> Walk::take(size_t count, const char* what) {
+    if (count > stream_.size() - position_) {
+        damaged(position_, std::string("the stream ends inside ") + what + ": " +
+                               std::to_string(count) + " bytes wanted, " +
+                               std::to_string(stream_.size() - position_) + " left");
+    }
+    auto taken = stream_.subspan(position_, count);
+    position_ += count;
+    return taken;
+}
+
+// Turns the fields of a record into named values.
+struct FieldLister {
+    std::vector<Field>& fields;
+    std::span<const uint8_t> raw;  // the record in the stream
+    const uint8_t* record;         // the record in memory
+
+    void operator()(const char* name, uint32_t value) const { fields.push_back({name, value}); }
+    void operator()(const char* name, uint16_t value) const {
+        fields.push_back({name, uint32_t{value}});
+    }
+    void operator()(const char* name, uint8_t value) const {
+        fields.push_back({name, uint32_t{value}});
+    }
+    template <size_t N>
+    void operator()(const char* name, const char (&text)[N]) const {
+        fields.push_back({name, std::string(text, N)});
+    }
+    template <size_t N>
+    void operator()(const char* name, const uint8_t (&bytes)[N]) const {
+        fields.push_back({name, raw.subspan(static_cast<size_t>(bytes - record), N)});
+    }
+};
+
+template <typename Record>
+Record Walk::take_record(const char* name, StreamRecord& shown) {
+    shown.offset = position_;
+    shown.name = name;
+    const auto raw = take(sizeof(Record), name);
+    Record record;
+    std::memcpy(&record, raw.data(), sizeof record);
+    visit_fields(record, FieldLister{shown.fields, raw, reinterpret_cast<uint8_t*>(&record)});
+    return record;
+}
+
+template <typename Record>
+Record Walk::header_record(const char* name) {
+    StreamRecord shown;
+    const Record record = take_record<Record>(name, shown);
+    sink_.record(shown);
+    return record;
+}
+
+void Walk::run() {
+    const auto first = header_record<PROP_Header_Info>("PROP_Header_Info");
+    if (std::memcmp(first.medium, kAudioMedium, sizeof first.medium) != 0) {
+        damaged(0, "the stream does not begin with the name of a medium");
+    }
+    if (first.constant != kPropConstant) damaged(12, "the constant of the first record is not 10");
+    audio_headers(first);
+    sink_.medium(medium_);
+    while (position_ < stream_.size())
+        audio_frame();
+}
+
+void Walk::audio_headers(const PROP_Header_Info& first) {
+    const size_t codec_at = position_;
+    const auto codec = header_record<AUD_Codec_Header>("AUD_Codec_Header");
+    if (codec.length != sizeof codec) damaged(codec_at, "the codec record tells a wrong length");
+    if (codec.coding == kWideBandCoding) medium_ = Medium::kWideBandSpeech;
+    header_record<AUD_Header_IndxInfo>("AUD_Header_IndxInfo");
+    header_record<VID_FileInfo>("VID_FileInfo");
+    if (first.header_length != position_ + first.padding) {
+        damaged(8, "the length of the header records is " + std::to_string(position_) + ", not " +
+                       std::to_string(first.header_length));
+    }
+    take(first.padding, "the padding of the header records");
+}
+
+void Walk::audio_frame() {
+    const size_t at = position_;
+    StreamRecord shown;
+    const auto header = take_record<AUD_AudFrame_Native>("AUD_AudFrame_Native", shown);
+    const bool wide = medium_ == Medium::kWideBandSpeech;
+    if (header.coder != (wide ? kWideBandCoder : kNarrowBandCoder)) {
+        damaged(at, "the frame tells another coder: " + std::to_string(header.coder));
+    }
+    if (header.time != header.time_again) damaged(at, "the two times of the frame differ");
+    if (header.frame_length < kSmallestFrame) damaged(at, "the frame length leaves no frame");
+    for (const uint8_t zero : take(kZeroWord, "a frame's zero word")) {
+        if (zero != 0) damaged(position_ - kZeroWord, "the word behind the frame header is not 0");
+    }
+    const uint8_t mode = take(kModeByte, "a frame's mode byte")[0];
+    const auto frame = take(at + header.frame_length - position_, "a speech frame");
+    const int type = frame[0] >> 3 & 15;
+    const int bits = wide ? kWideBandBits[type] : kNarrowBandBits[type];
+    if (frame.size() != static_cast<size_t>((bits + 7) / 8 + 1)) {
+        damaged(at, "a frame of type " + std::to_string(type) + " cannot have " +
+                        std::to_string(frame.size()) + " bytes");
+    }
+    shown.fields.push_back({"mode_byte", uint32_t{mode}});
+    shown.fields.push_back({"frame_type", static_cast<uint32_t>(type)});
+    shown.payload = frame;
+    sink_.record(shown);
+    sink_.speech_frame(frame);
+}
+
+}  // namespace
+
+void walk_native(std::span<const uint8_t> stream, RecordSink& sink) {
+    Walk(stream, sink).run();
+}
+
+}  // namespace tool

@@ -1,0 +1,159 @@
+#include "tools/support.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace tool {
+
+Error system_error(const std::string& file) {
+    return Error(file + ": " + std::strerror(errno));
+}
+
+Error status_error(const std::string& file, int32_t status, const std::string& more) {
+    return Error(
+        file + ": " + kst_StatusString(status) + " (" + std::to_string(status) + ")" + more,
+        status == KST_BAD_MODE ? kWrongUsage : kFailed);
+}
+
+Host open_host(const std::string& path, std::optional<uint32_t> arriving) {
+    Host host;
+    if (path == "-") {
+        host.reset(kst_host_from_pipe(STDIN_FILENO));
+    } else if (arriving) {
+        host.reset(kst_host_from_growing_file(path.c_str(), *arriving));
+    } else {
+        host.reset(kst_host_from_file(path.c_str()));
+    }
+    if (host == nullptr) throw system_error(path);
+    return host;
+}
+
+Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
+    for (;;) {
+        mm_Interface* handle = nullptr;
+        status = kst_Open(&handle, kst_host_callbacks(host), mode.c_str());
+        if (status == KST_SUCCESS) return Handle(handle);
+        // What is missing may be the part of the file that has not arrived.
+        if (status != KST_FAILURE || kst_host_is_complete(host)) return nullptr;
+        if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error("input");
+        kst_host_rewind(host);
+    }
+}
+
+IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
+    int waited = KST_HOST_MORE;
+    while (waited == KST_HOST_MORE)
+        waited = kst_host_wait(host);
+    if (waited == KST_HOST_FAULT) throw system_error("input");
+    callbacks = kst_host_callbacks(host);
+    IsoFile file(isoFFopen(callbacks, "r", nullptr));
+    if (file == nullptr) throw Error("out of memory");
+    return file;
+}
+
+namespace {
+
+bool is_same_file(const std::string& a, const std::string& b) {
+    struct stat about_a {
+    }, about_b{};
+    return stat(a.c_str(), &about_a) == 0 && stat(b.c_str(), &about_b) == 0 &&
+           about_a.st_dev == about_b.st_dev && about_a.st_ino == about_b.st_ino;
+}
+
+}  // namespace
+
+Output::Output(const std::string& path, const std::string& input) : path_(path), file_(stdout) {
+    if (path == "-") return;
+    if (is_same_file(path, input)) {
+        throw Error(path + ": is the input; choose another output", kWrongUsage);
+    }
+    file_ = std::fopen(path.c_str(), "wb");
+    if (file_ == nullptr) throw system_error(path);
+}
+
+Output::~Output() {
+    if (file_ != stdout && file_ != nullptr) std::fclose(file_);
+}
+
+void Output::write(std::span<const uint8_t> bytes) {
+    if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size())
+        throw system_error(path_);
+    written_ += bytes.size();
+}
+
+void Output::finish() {
+    if (std::fflush(file_) != 0) throw system_error(path_);
+}
+
+std::vector<uint8_t> read_whole(const std::string& path) {
+    Host host = open_host(path);
+    int waited = KST_HOST_MORE;
+    while (waited == KST_HOST_MORE)
+        waited = kst_host_wait(host.get());
+    if (waited == KST_HOST_FAULT) throw system_error(path);
+    std::vector<uint8_t> bytes(kst_host_bytes_available(host.get()));
+    auto count = static_cast<uint32_t>(bytes.size());
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host.get());
+    const uint32_t status =
+        callbacks->IndexRead(callbacks->Context, bytes.data(), 0, count, &count);
+    if (status != KST_HOST_OK || count != bytes.size()) throw system_error(path);
+    return bytes;
+}
+
+namespace {
+
+constexpr auto kFirstShown = std::chrono::milliseconds(500);
+constexpr auto kShownEvery = std::chrono::milliseconds(200);
+
+double megabytes(uint64_t bytes) {
+    return static_cast<double>(bytes) / 1e6;
+}
+
+}  // namespace
+
+Progress::Progress()
+    : on_terminal_(isatty(STDERR_FILENO) != 0), next_(Clock::now() + kFirstShown) {}
+
+Progress::~Progress() {
+    if (shown_) std::fputs("\r\033[K", stderr);
+}
+
+void Progress::show(const kst_host* host, uint64_t written) {
+    if (!on_terminal_ || Clock::now() < next_) return;
+    next_ = Clock::now() + kShownEvery;
+    shown_ = true;
+    std::fprintf(stderr, "\r%.1f of %.1f MB read, %.1f MB written\033[K",
+                 megabytes(kst_host_bytes_used(host)), megabytes(kst_host_bytes_available(host)),
+                 megabytes(written));
+    std::fflush(stderr);
+}
+
+const char* codec_name(int32_t codec) {
+    switch (codec) {
+        case ISO_CODEC_MP4V:
+            return "MPEG-4 Visual";
+        case ISO_CODEC_MP4A:
+            return "AAC";
+        case ISO_CODEC_S263:
+            return "H.263";
+        case ISO_CODEC_SAMR:
+            return "AMR-NB";
+        case ISO_CODEC_AVC1:
+            return "H.264";
+        case ISO_CODEC_SAWB:
+            return "AMR-WB";
+        case ISO_CODEC_SAWP:
+            return "AMR-WB+";
+        case ISO_CODEC_RTP:
+            return "RTP hints";
+        case ISO_CODEC_SRTP:
+            return "SRTP hints";
+        default:
+            return "unknown";
+    }
+}
+
+}  // namespace tool

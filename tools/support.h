@@ -1,0 +1,109 @@
+// What the commands of the tool share: hosts, handles and outputs that close themselves, and
+// errors.
+#ifndef KESTREL_TOOLS_SUPPORT_H
+#define KESTREL_TOOLS_SUPPORT_H
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "kestrel/hosts.h"
+#include "kestrel/isoff.h"
+#include "kestrel/kestrel.h"
+
+namespace tool {
+
+enum ExitCode { kDone = 0, kFailed = 1, kWrongUsage = 2 };
+
+// Ends a command: main prints the text as one line and exits with the code.
+struct Error : std::runtime_error {
+    explicit Error(const std::string& text, ExitCode code = kFailed)
+        : std::runtime_error(text), exit_code(code) {}
+    ExitCode exit_code;
+};
+
+// "FILE: TEXT", with the reason that the system left in errno.
+Error system_error(const std::string& file);
+
+// "FILE: TEXT (NUMBER)" of a library status.
+Error status_error(const std::string& file, int32_t status, const std::string& more = "");
+
+struct HostCloser {
+    void operator()(kst_host* host) const { kst_host_close(host); }
+};
+using Host = std::unique_ptr<kst_host, HostCloser>;
+
+// A host for a path ("-" is standard input, as it arrives), or for a file that grows by `arriving`
+// bytes at each retry.
+Host open_host(const std::string& path, std::optional<uint32_t> arriving = std::nullopt);
+
+struct HandleCloser {
+    void operator()(mm_Interface* handle) const { kst_Close(&handle); }
+};
+using Handle = std::unique_ptr<mm_Interface, HandleCloser>;
+
+// Opens a track, waiting for more of a file that is still arriving. Null when it cannot be opened;
+// `status` tells why.
+Handle open_track(kst_host* host, const std::string& mode, int32_t& status);
+
+struct FileCloser {
+    void operator()(iso_file* file) const { isoFFclose(file); }
+};
+using IsoFile = std::unique_ptr<iso_file, FileCloser>;
+
+// Reads a file's boxes, all of it waited for. `callbacks` must outlive the record.
+IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks);
+
+// A file that is written, or standard output for "-". What was written stays when the command
+// fails.
+class Output {
+  public:
+    // Refuses to overwrite `input`.
+    Output(const std::string& path, const std::string& input);
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+    ~Output();
+
+    void write(std::span<const uint8_t> bytes);
+    // Writes what is buffered out; a full disk is told here at the latest.
+    void finish();
+    uint64_t written() const { return written_; }
+
+  private:
+    std::string path_;
+    std::FILE* file_;
+    uint64_t written_ = 0;
+};
+
+// All bytes of a file, or of standard input for "-".
+std::vector<uint8_t> read_whole(const std::string& path);
+
+// A line on the terminal for work that takes longer than a moment; nothing anywhere else.
+class Progress {
+  public:
+    Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress();
+
+    void show(const kst_host* host, uint64_t written);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    bool on_terminal_;
+    bool shown_ = false;
+    Clock::time_point next_;
+};
+
+// Of a sample entry: "AMR-NB" for ISO_CODEC_SAMR and so on.
+const char* codec_name(int32_t codec);
+
+}  // namespace tool
+
+#endif
