@@ -23,6 +23,7 @@ int32_t deliver(mm_Interface* handle, kst_host* host, const std::string& input, 
         progress.show(host, output.written());
         if (status == KST_SUCCESS) continue;
         if (status != KST_NOT_YET || kst_host_is_complete(host)) return status;
+        output.finish();  // whoever reads the stream need not wait with us
         if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(input);
     }
 }

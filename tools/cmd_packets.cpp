@@ -9,7 +9,7 @@
 namespace tool {
 namespace {
 
-constexpr int kLongestPacket = 65535;
+constexpr uint32_t kLongestPacket = 65535;
 
 struct Options {
     std::string input;
@@ -42,17 +42,18 @@ bool is_hint(const iso_track* track) {
 void print_track(iso_file* file, iso_track* hint, const Options& options) {
     const std::string name = options.input + ": hint track " + std::to_string(hint->track_id);
     iso_track* media = track_with_id(file, hint->hint_track_ref);
-    if (media == nullptr) throw Error(name + " refers to no track");
-    if (hint->rtp_max_packet > static_cast<uint32_t>(kLongestPacket)) {
+    if (hint->rtp_max_packet > kLongestPacket) {
         throw Error(name + " tells packets of " + std::to_string(hint->rtp_max_packet) + " bytes");
     }
-    if (isoFFrtpHinter(media, static_cast<int>(hint->rtp_max_packet)) != hint) {
-        throw Error(name + " cannot be told from another of the same track and packet size");
-    }
+    // A hint track that holds all its payload itself refers to no other.
+    rtp_hint_state cursor{};
+    cursor.media_track = media != nullptr ? media : hint;
+    hint->hint = &cursor;
     std::vector<uint8_t> buffer(hint->rtp_max_packet);
     int length;
     while ((length = isoFFrtpPacket(hint, buffer.data())) > 0)
         print_packet(hint, std::span(buffer).first(static_cast<size_t>(length)), options.hex);
+    hint->hint = nullptr;
     if (length < 0) {
         std::fflush(stdout);
         throw Error(name + (length == -2 ? ": the file cannot be read" : ": damaged hint sample"));

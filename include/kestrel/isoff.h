@@ -114,7 +114,9 @@ struct iso_sgpd_entry {
     iso_sgpd_entry* next;
 };
 
-// Position of the RTP packet reader in a hint track.
+// Position of the RTP packet reader in a hint track. isoFFrtpHinter makes one; a caller that wants
+// the packets of a certain hint track may hang a zeroed one of its own, with media_track filled, on
+// iso_track::hint, and take it away before the file is closed.
 struct rtp_hint_state {
     iso_track* media_track;  // the hinted track
     int32_t packets_left;    // packets of the current hint sample not yet produced

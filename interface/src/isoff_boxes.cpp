@@ -177,7 +177,9 @@ int read_hdlr(iso_file* file, uint32_t) {
 }
 
 int read_hint_reference(iso_file* file, uint32_t) {
-    if (current(file) != nullptr) current(file)->hint_track_ref = getint32(file);
+    // A hint track that holds all its payload itself may refer to no track.
+    const bool refers = file->moov_left >= sizeof(uint32_t);
+    if (current(file) != nullptr && refers) current(file)->hint_track_ref = getint32(file);
     return 0;
 }
 

@@ -1,0 +1,437 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <iostream>
+
+#include "kestrel/kstutil.h"
+#include "tests/support/playing.h"
+#include "tests/support/syslog_capture.h"
+
+// The exported functions on whole files: what comes out, however the file arrives and whatever the
+// host does.
+
+namespace {
+
+struct SpeechFile {
+    const char* file;
+    const char* truth;
+    bool wide_band;
+};
+
+constexpr SpeechFile kSpeechFiles[] = {
+    {"amrnb_plain.3gp", "amrnb.amr", false},
+    {"amrnb_plain_mdat_first.3gp", "amrnb.amr", false},
+    {"amrnb_hinted.3gp", "amrnb.amr", false},
+    {"amrnb_hinted_1450.3gp", "amrnb.amr", false},
+    {"amrnb_hinted_multi.3gp", "amrnb.amr", false},
+    {"amrnb_dtx_hinted.3gp", "amrnb_dtx.amr", false},
+    {"amrwb_plain.3gp", "amrwb.amr", true},
+    {"amrwb_hinted.3gp", "amrwb.amr", true},
+    {"amrwb_dtx_hinted.3gp", "amrwb_dtx.amr", true},
+};
+
+TEST(FunctionRoad, SpeechComesOutAsItWentIn) {
+    for (const SpeechFile& speech : kSpeechFiles) {
+        SCOPED_TRACE(speech.file);
+        const Played played = play(read_sample(speech.file), "ar");
+        EXPECT_EQ(played.status, KST_END_OF_FILE);
+        EXPECT_EQ(unpack_speech(played.stream, speech.wide_band),
+                  read_sample(std::string("truth/") + speech.truth));
+    }
+}
+
+TEST(FunctionRoad, AnyArrivalGivesTheSameBytes) {
+    for (const SpeechFile& speech : kSpeechFiles) {
+        SCOPED_TRACE(speech.file);
+        const Bytes file = read_sample(speech.file);
+        const Bytes whole = play(file, "ar").stream;
+        std::vector<uint32_t> steps = {1000, 1024, 4096, 9999, 65536, 1000000};
+        for (uint32_t step = 1; step <= 300; ++step)
+            steps.push_back(step);
+        for (const uint32_t step : steps) {
+            const Played played = play_arriving(file, "ar", step);
+            ASSERT_EQ(played.status, KST_END_OF_FILE) << "step " << step;
+            ASSERT_TRUE(played.stream == whole) << "step " << step;
+        }
+    }
+}
+
+TEST(FunctionRoad, OfSeveralTracksTheLastIsPlayed) {
+    const Played played = play(read_sample("two_amrnb_hinted.3gp"), "ar");
+    EXPECT_EQ(unpack_speech(played.stream, false), read_sample("truth/amrnb_dtx.amr"));
+}
+
+TEST(FunctionRoad, HeaderRecordsThenFramesInTwoCalls) {
+    const Bytes file = read_sample("amrnb_dtx_hinted.3gp");
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    mm_Interface* handle = nullptr;
+    ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), "Ra"), KST_SUCCESS);
+    Bytes buffer(KST_LARGEST_CHUNK);
+    uint8_t last_mode_byte = 0;
+    for (const uint32_t expected : {24u, 16u, 12u, 16u}) {
+        auto size = static_cast<uint32_t>(buffer.size());
+        EXPECT_EQ(kst_ReadChunk(handle, buffer.data(), &size, false), KST_SUCCESS);
+        EXPECT_EQ(size, expected);
+    }
+    int comfort_noise = 0;
+    for (int frame = 0; frame < 715; ++frame) {
+        auto size = static_cast<uint32_t>(buffer.size());
+        ASSERT_EQ(kst_ReadChunk(handle, buffer.data(), &size, false), KST_SUCCESS);
+        ASSERT_EQ(size, 24u);
+        const uint32_t length = buffer[0];
+        EXPECT_EQ(buffer[4], 10);
+        EXPECT_EQ(buffer[8] | buffer[9] << 8 | buffer[10] << 16, frame * 160);
+        EXPECT_EQ(buffer[16] | buffer[17] << 8, frame);
+        size = static_cast<uint32_t>(buffer.size());
+        ASSERT_EQ(kst_ReadChunk(handle, buffer.data(), &size, false), KST_SUCCESS);
+        EXPECT_EQ(size, length - 24);
+        const int type = buffer[1] >> 3 & 15;
+        // Comfort noise and empty frames go under the mode of the speech before them.
+        if (type < 8) last_mode_byte = static_cast<uint8_t>(type * 16);
+        comfort_noise += type == 8;
+        EXPECT_EQ(buffer[0], last_mode_byte);
+    }
+    EXPECT_GT(comfort_noise, 0);
+    auto size = static_cast<uint32_t>(buffer.size());
+    EXPECT_EQ(kst_ReadChunk(handle, buffer.data(), &size, false), KST_END_OF_FILE);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(kst_Close(&handle), KST_SUCCESS);
+    EXPECT_EQ(handle, nullptr);
+    kst_host_close(host);
+}
+
+// A host that gives every call less room than the chunk needs is told the need, and misses nothing.
+TEST(FunctionRoad, ChunkWithoutRoomStays) {
+    const Bytes file = read_sample("amrwb_dtx_hinted.3gp");
+    const Bytes whole = play(file, "ar").stream;
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    mm_Interface* handle = nullptr;
+    ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), "ar"), KST_SUCCESS);
+    Bytes stream;
+    int refused = 0;
+    for (;;) {
+        Bytes buffer(1, 0xEE);
+        uint32_t size = 0;
+        int32_t status = kst_ReadChunk(handle, buffer.data(), &size, false);
+        if (status == KST_BAD_ARGUMENT) {
+            ++refused;
+            EXPECT_EQ(buffer[0], 0xEE);
+            buffer.resize(size);
+            status = kst_ReadChunk(handle, buffer.data(), &size, false);
+            EXPECT_EQ(size, status == KST_SUCCESS ? buffer.size() : 0u);
+        }
+        if (status != KST_SUCCESS) {
+            EXPECT_EQ(status, KST_END_OF_FILE);
+            break;
+        }
+        stream.insert(stream.end(), buffer.begin(), buffer.end());
+    }
+    EXPECT_GT(refused, 700);
+    EXPECT_TRUE(stream == whole);
+    kst_Close(&handle);
+    kst_host_close(host);
+}
+
+// --- hosts that fail ---
+
+// Reads on through every failure that leaves the handle usable.
+Bytes read_through_failures(mm_Interface* handle, bool flag, int32_t& status) {
+    Bytes stream;
+    Bytes buffer(KST_LARGEST_CHUNK);
+    int failures = 0;
+    for (;;) {
+        auto size = static_cast<uint32_t>(buffer.size());
+        status = kst_ReadChunk(handle, buffer.data(), &size, flag);
+        stream.insert(stream.end(), buffer.begin(), buffer.begin() + size);
+        if (status == KST_SUCCESS) continue;
+        EXPECT_THAT(status, testing::AnyOf(KST_END_OF_FILE, KST_FAILURE, KST_NOT_YET));
+        if (status == KST_END_OF_FILE || ++failures > 2) return stream;
+    }
+}
+
+class EveryCallFailing : public testing::TestWithParam<std::tuple<const char*, bool, bool>> {};
+
+// The k-th call fails, once or from then on, for every k.
+TEST_P(EveryCallFailing, KeepsWhatWasDelivered) {
+    const auto [name, flag, for_good] = GetParam();
+    const Bytes file = read_sample(name);
+    const Bytes whole = play(file, "ar").stream;
+    int failing = 0;
+    for (bool reached = true; reached; ++failing) {
+        FaultyHost host(file);
+        host.fault = [&, good = for_good](int call) -> uint32_t {
+            return call == failing || (good && call > failing) ? KST_HOST_FAILED : KST_HOST_OK;
+        };
+        mm_Interface* handle = nullptr;
+        int32_t status = kst_Open(&handle, host.callbacks(), "ar");
+        if (status == KST_SUCCESS) {
+            const Bytes stream = read_through_failures(handle, flag, status);
+            if (for_good) {
+                ASSERT_LE(stream.size(), whole.size());
+                ASSERT_TRUE(std::equal(stream.begin(), stream.end(), whole.begin()))
+                    << "call " << failing;
+            } else {
+                ASSERT_EQ(status, KST_END_OF_FILE);
+                ASSERT_TRUE(stream == whole) << "call " << failing;
+            }
+            kst_Close(&handle);
+        } else {
+            ASSERT_EQ(status, KST_FAILURE);
+            ASSERT_EQ(handle, nullptr);
+            host.fault = nullptr;
+            host.rewind();
+            ASSERT_EQ(kst_Open(&handle, host.callbacks(), "ar"), KST_SUCCESS);
+            kst_Close(&handle);
+        }
+        reached = host.calls > failing;
+    }
+    std::cout << name << ": " << failing - 1 << " calls failed in turn\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Speech, EveryCallFailing,
+    testing::Combine(testing::Values("amrnb_plain.3gp", "amrnb_plain_mdat_first.3gp",
+                                     "amrnb_hinted.3gp", "amrnb_hinted_1450.3gp",
+                                     "amrnb_hinted_multi.3gp", "amrnb_dtx_hinted.3gp",
+                                     "amrwb_plain.3gp", "amrwb_hinted.3gp", "amrwb_dtx_hinted.3gp",
+                                     "two_amrnb_hinted.3gp"),
+                     testing::Bool(), testing::Bool()));
+
+TEST(FunctionRoad, RepositioningFollowsTheFlag) {
+    const Bytes file = read_sample("amrnb_plain.3gp");
+    for (const bool flag : {false, true}) {
+        FaultyHost host(file);
+        mm_Interface* handle = nullptr;
+        ASSERT_EQ(kst_Open(&handle, host.callbacks(), "ar"), KST_SUCCESS);
+        Bytes buffer(KST_LARGEST_CHUNK);
+        uint32_t size = 0;
+        for (int i = 0; i < 5; ++i) {
+            host.names.clear();
+            size = KST_LARGEST_CHUNK;
+            ASSERT_EQ(kst_ReadChunk(handle, buffer.data(), &size, flag), KST_SUCCESS);
+        }
+        using testing::ElementsAre;
+        if (flag) {
+            EXPECT_THAT(host.names, ElementsAre("IndexRead", "AdvanceRead"));
+        } else {
+            EXPECT_THAT(host.names, ElementsAre("Seek", "SeekNRead", "Seek"));
+            uint32_t offset = 0;
+            kstutil_getoffset(*std::make_unique<KST_IOSTREAM_CALLBACK_INTERFACE*>(host.callbacks()),
+                              &offset);
+            EXPECT_EQ(Bytes(file.begin() + offset, file.begin() + offset + 32), [&] {
+                const Bytes truth = read_sample("truth/amrnb.amr");
+                return Bytes(truth.begin() + 6 + 32, truth.begin() + 6 + 64);
+            }());
+        }
+        kst_Close(&handle);
+    }
+}
+
+TEST(FunctionRoad, RefusedRepositioningIsStatus2AndADebugLine) {
+    const Bytes file = read_sample("amrnb_plain.3gp");
+    for (const int32_t level : {3, 4}) {
+        FaultyHost host(file);
+        mm_Interface* handle = nullptr;
+        ASSERT_EQ(kst_Open(&handle, host.callbacks(), "ar"), KST_SUCCESS);
+        Bytes buffer(KST_LARGEST_CHUNK);
+        uint32_t size = KST_LARGEST_CHUNK;
+        for (int i = 0; i < 4; ++i, size = KST_LARGEST_CHUNK)
+            ASSERT_EQ(kst_ReadChunk(handle, buffer.data(), &size, true), KST_SUCCESS);
+        host.fault = [&](int) -> uint32_t { return host.names.back() == "AdvanceRead" ? 7 : 0; };
+        const SyslogCapture log(level);
+        EXPECT_EQ(kst_ReadChunk(handle, buffer.data(), &size, true), KST_FAILURE);
+        EXPECT_EQ(size, 24u);  // the frame header was delivered all the same
+        if (level == 3) {
+            EXPECT_THAT(log.lines(), testing::IsEmpty());
+        } else {
+            EXPECT_THAT(log.messages(),
+                        testing::ElementsAre(testing::MatchesRegex(
+                            "DBG: IO Callback Interface failed with status 7 offset [0-9a-f]+")));
+        }
+        kst_Close(&handle);
+    }
+}
+
+// --- opening ---
+
+struct OpenCase {
+    const char* file;
+    const char* mode;
+    int32_t status;
+    const char* message;  // logged; null for none
+};
+
+TEST(FunctionRoad, OpenAnswersTheDocumentedStatusAndLine) {
+    const OpenCase cases[] = {
+        {"amrnb_plain.3gp", "", 7, "ERR: Mode not specified"},
+        {"amrnb_plain.3gp", "r", 7, "ERR: Mode not specified"},
+        {"amrnb_plain.3gp", "a", 7, "ERR: Direction not specified"},
+        {"amrnb_plain.3gp", "x", 7, "ERR: Invalid/unsupported mode switch [x] specified"},
+        {"amrnb_plain.3gp", "A R", 7, "ERR: Invalid/unsupported mode switch [ ] specified"},
+        {"amrnb_plain.3gp", "arW", 7, "ERR: Invalid/unsupported mode switch [w] specified"},
+        {"amrnb_plain.3gp", "rrVA", 0, nullptr},
+        {"amrnb_plain.3gp", "avr", 2, "ERR: Valid video track (MPEG4, H263, H264) not found."},
+        {"aac_plain.3gp", "ar", 2, "ERR: Unsupported track: AAC."},
+        {"aac_plain.3gp", "vr", 2, "ERR: Valid video track (MPEG4, H263, H264) not found."},
+        {"h263_plain.3gp", "ar", 2, "ERR: Valid audio track (AMR-NB, AMR-WB) not found."},
+        {"h263_plain.3gp", "VR", 0, nullptr},
+    };
+    for (const OpenCase& c : cases) {
+        SCOPED_TRACE(std::string(c.file) + " " + c.mode);
+        const Bytes file = read_sample(c.file);
+        kst_host* host = kst_host_from_memory(file.data(), file.size());
+        auto* const untouched = reinterpret_cast<mm_Interface*>(16);
+        mm_Interface* handle = untouched;
+        const SyslogCapture log(3);
+        EXPECT_EQ(kst_Open(&handle, kst_host_callbacks(host), c.mode), c.status);
+        if (c.status == 0) {
+            EXPECT_THAT(log.lines(), testing::IsEmpty());
+            kst_Close(&handle);
+        } else {
+            EXPECT_EQ(handle, nullptr);
+            EXPECT_THAT(log.messages(), testing::ElementsAre(c.message));
+            EXPECT_THAT(log.lines()[0], testing::HasSubstr(".//interface/src/mmfiInterface("));
+        }
+        kst_host_close(host);
+    }
+}
+
+TEST(FunctionRoad, OpenChecksItsArgumentsAfterReading) {
+    const Bytes file = read_sample("amrnb_plain.3gp");
+    FaultyHost host(file);
+    mm_Interface* handle = nullptr;
+    EXPECT_EQ(kst_Open2(nullptr, host.callbacks(), "ar", 0), 5);
+    EXPECT_GT(host.calls, 0);
+    EXPECT_EQ(kst_Open2(&handle, nullptr, "ar", 0), 13);
+    EXPECT_EQ(kst_Open2(&handle, host.callbacks(), nullptr, 0), 7);
+
+    KST_IOSTREAM_CALLBACK_INTERFACE full = *host.callbacks();
+    const auto slots = sizeof full / sizeof(void*);
+    for (size_t slot = 1; slot < slots; ++slot) {
+        KST_IOSTREAM_CALLBACK_INTERFACE holed = full;
+        std::memset(reinterpret_cast<char*>(&holed) + slot * sizeof(void*), 0, sizeof(void*));
+        host.rewind();
+        EXPECT_EQ(kst_Open(&handle, &holed, "ar"), 13) << "slot " << slot;
+        EXPECT_EQ(handle, nullptr);
+    }
+    EXPECT_EQ(kst_Close(nullptr), 5);
+    EXPECT_EQ(kst_Close(&handle), 0);
+}
+
+TEST(FunctionRoad, OpenLeavesTheStreamAtItsBeginning) {
+    const Bytes file = read_sample("amrnb_plain.3gp");
+    FaultyHost host(file);
+    mm_Interface* handle = nullptr;
+    ASSERT_EQ(kst_Open(&handle, host.callbacks(), "ar"), 0);
+    uint32_t offset = 99;
+    host.callbacks()->GetOffset(host.callbacks()->Context, &offset);
+    EXPECT_EQ(offset, 0u);
+
+    uint32_t value = 77;
+    unsigned char byte = 0;
+    EXPECT_EQ(kst_ReadChunk(nullptr, &byte, &value, false), 5);
+    host.calls = 0;
+    EXPECT_EQ(kst_ReadChunk(handle, nullptr, &value, false), 13);
+    EXPECT_EQ(kst_ReadChunk(handle, &byte, nullptr, false), 13);
+    EXPECT_EQ(host.calls, 0);
+    EXPECT_EQ(kst_SeekTo(nullptr, 0), 5);
+    EXPECT_EQ(kst_SeekTo(handle, 0), 13);
+    EXPECT_EQ(kst_SeekTo(handle, 1000), 10);
+    EXPECT_EQ(kst_GetIOCallbackStatus(nullptr, &value), 5);
+    EXPECT_EQ(kst_GetIOCallbackStatus(handle, nullptr), 13);
+    EXPECT_EQ(kst_GetIOCallbackStatus(handle, &value), 0);
+    EXPECT_EQ(value, 77u);
+    kst_Close(&handle);
+}
+
+TEST(FunctionRoad, StatusTexts) {
+    EXPECT_STREQ(kst_StatusString(0), "Success");
+    EXPECT_STREQ(kst_StatusString(13), "Invalid or NULL argument supplied");
+    EXPECT_STREQ(kst_StatusString(16),
+                 "Problem with IO Stream callback interface read - call kst_GetIOCallbackStatus "
+                 "for more info");
+    EXPECT_STREQ(kst_StatusString(19), "Invalid Seek Flags supplied");
+    for (const int32_t code : {-1, 20, 21, 22, 23, 24, 25})
+        EXPECT_STREQ(kst_StatusString(code), "Unknown status");
+}
+
+// --- damaged files ---
+
+TEST(FunctionRoad, CutFilesKeepWhatIsThere) {
+    for (const char* name : {"amrnb_plain.3gp", "amrnb_plain_mdat_first.3gp", "amrwb_hinted.3gp"}) {
+        const Bytes file = read_sample(name);
+        const Bytes whole = play(file, "ar").stream;
+        for (size_t length = 0; length < file.size(); length += length < 2000 ? 1 : 101) {
+            const Played played =
+                play(Bytes(file.begin(), file.begin() + static_cast<long>(length)), "ar");
+            ASSERT_THAT(played.status, testing::AnyOf(KST_FAILURE, KST_NOT_YET, KST_END_OF_FILE));
+            if (!played.opened) {
+                ASSERT_EQ(played.status, KST_FAILURE);
+            }
+            ASSERT_LE(played.stream.size(), whole.size());
+            ASSERT_TRUE(std::equal(played.stream.begin(), played.stream.end(), whole.begin()))
+                << name << " cut at " << length;
+        }
+    }
+}
+
+// Every byte of the movie box in turn is set to values that hurt; nothing may crash or hang.
+TEST(FunctionRoad, SpoiltMovieBoxesDoNoHarm) {
+    for (const char* name : {"amrnb_plain.3gp", "two_amrnb_hinted.3gp"}) {
+        Bytes file = read_sample(name);
+        for (size_t at = 0; at < 2600 && at < file.size(); ++at) {
+            const uint8_t before = file[at];
+            for (const uint8_t value : {uint8_t{0}, uint8_t{1}, uint8_t{0x7F}, uint8_t{0xFF}}) {
+                file[at] = value;
+                const Played played = play(file, "ar");
+                ASSERT_NE(played.status, KST_SUCCESS);
+            }
+            file[at] = before;
+        }
+    }
+}
+
+// A frame cut at the end of its sample is filled up, so that the stream keeps its form.
+TEST(FunctionRoad, FramesOfASampleAndACutOne) {
+    Bytes frame(32, 0x55);
+    frame[0] = 0x3C;
+    const Bytes cut = {0x3C, 1, 2, 3};
+    const Bytes samples = join({frame, frame, frame, cut, {0x7C}});
+    const auto build = [&](uint32_t offset) {
+        return join({ftyp(),
+                     movie({track({.entry = samr_entry(3),
+                                   .tables = one_chunk_tables({96, 0, 4, 1}, 480, offset)})}),
+                     box("mdat", {samples})});
+    };
+    const auto media_at = static_cast<uint32_t>(build(0).size() - samples.size());
+    const Played played = play(build(media_at), "ar");
+    EXPECT_EQ(played.status, KST_END_OF_FILE);
+    Bytes filled(32);
+    std::copy(cut.begin(), cut.end(), filled.begin());
+    EXPECT_EQ(unpack_speech(played.stream, false),
+              join({text("#!AMR\n"), frame, frame, frame, filled, {0x7C}}));
+    // 4 samples of 480 units, three frames of 160 in each.
+    EXPECT_EQ(played.stream[20], 12);
+}
+
+TEST(FunctionRoad, DumpShowsTenBytesALine) {
+    uint8_t data[40];
+    for (uint8_t i = 0; i < sizeof data; ++i)
+        data[i] = i;
+    {
+        const SyslogCapture log(4);
+        kstutil_printData(data, 25);
+        kstutil_printData(data, 0);
+        EXPECT_THAT(
+            log.messages(),
+            testing::ElementsAre("DBG: Dump:sz=25", "DBG: Data:00 01 02 03 04 05 06 07 08 09",
+                                 "DBG: Data:0a 0b 0c 0d 0e 0f 10 11 12 13",
+                                 "DBG: Data:14 15 16 17 18 19 1a 1b 1c 1d"));
+    }
+    const SyslogCapture log(3);
+    kstutil_printData(data, 25);
+    EXPECT_THAT(log.lines(), testing::IsEmpty());
+}
+
+}  // namespace

@@ -1,0 +1,639 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "interface/src/isoff.h"
+#include "kestrel/hosts.h"
+#include "tests/support/files.h"
+#include "tests/support/syslog_capture.h"
+
+// The ISO reader: box walk, sample tables, samples and hint packets, on files made box by box.
+
+namespace {
+
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+// An open file with the bytes and the host under it, and what opening it printed.
+class Opened {
+  public:
+    explicit Opened(Bytes bytes) : bytes_(std::move(bytes)) {
+        host_ = kst_host_from_memory(bytes_.data(), bytes_.size());
+        callbacks_ = kst_host_callbacks(host_);
+        CaptureStderr();
+        file = isoFFopen(callbacks_, "r", nullptr);
+        printed = GetCapturedStderr();
+    }
+    Opened(const Opened&) = delete;
+    Opened& operator=(const Opened&) = delete;
+    ~Opened() {
+        isoFFclose(file);
+        kst_host_close(host_);
+    }
+
+    iso_track* track(int n = 1) { return isoFFselect(file, nullptr, n); }
+
+    iso_file* file;
+    std::string printed;
+
+  private:
+    Bytes bytes_;
+    kst_host* host_;
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
+};
+
+Bytes with_tables(const Bytes& tables) {
+    return join({ftyp(), movie({track({.entry = samr_entry(), .tables = tables})})});
+}
+
+Bytes stts(std::initializer_list<uint32_t> pairs) {
+    return box("stts", {words({0, static_cast<uint32_t>(pairs.size() / 2)}), words(pairs)});
+}
+Bytes stsc(std::initializer_list<uint32_t> triples) {
+    return box("stsc", {words({0, static_cast<uint32_t>(triples.size() / 3)}), words(triples)});
+}
+Bytes stsz(uint32_t constant, uint32_t count, std::initializer_list<uint32_t> sizes = {}) {
+    return box("stsz", {words({0, constant, count}), words(sizes)});
+}
+Bytes stco(std::initializer_list<uint32_t> offsets) {
+    return box("stco", {words({0, static_cast<uint32_t>(offsets.size())}), words(offsets)});
+}
+
+// --- tables ---
+
+struct TableCase {
+    const char* what;
+    Bytes tables;
+    int32_t samples;
+    int32_t chunks;
+    std::vector<uint32_t> offsets;  // of the samples
+    const char* printed;
+};
+
+TEST(SampleTables, AreBroughtIntoAgreement) {
+    const TableCase cases[] = {
+        {"a constant size and one entry for all chunks",
+         join({stts({6, 160}), stsc({1, 2, 1}), stsz(10, 6), stco({100, 200, 300})}),
+         6,
+         3,
+         {100, 110, 200, 210, 300, 310},
+         ""},
+        {"runs of chunks",
+         join({stts({6, 160}), stsc({1, 1, 1, 3, 4, 1}), stsz(0, 6, {1, 2, 3, 4, 5, 6}),
+               stco({100, 200, 300})}),
+         6,
+         3,
+         {100, 200, 300, 303, 307, 312},
+         ""},
+        {"as many chunks as samples: the runs are not consulted",
+         join({stts({3, 160}), stsc({1, 99, 1}), stsz(7, 3), stco({300, 100, 200})}),
+         3,
+         3,
+         {300, 100, 200},
+         ""},
+        {"more chunks than samples fill",
+         join({stts({4, 160}), stsc({1, 2, 1}), stsz(10, 4), stco({100, 200, 300})}),
+         4,
+         2,
+         {100, 110, 200, 210},
+         "Warning: inconsistent stsc/stco/stsz tables --- sample count 4/4 stco count 3/2 \n"},
+        {"more samples than the chunks hold",
+         join({stts({9, 160}), stsc({1, 2, 1}), stsz(10, 9), stco({100, 200})}),
+         4,
+         2,
+         {100, 110, 200, 210},
+         "Warning: inconsistent stsc/stco/stsz tables --- sample count 9/4 stco count 2/2 \n"},
+        {"no runs at all",
+         join({stts({2, 160}), stsz(10, 2), stco({100})}),
+         0,
+         0,
+         {},
+         "Warning: inconsistent stsc/stco/stsz tables --- sample count 2/0 stco count 1/0 \n"},
+        {"too few times",
+         join({stts({2, 160}), stsc({1, 3, 1}), stsz(10, 3), stco({100})}),
+         0,
+         0,
+         {},
+         "invalid stts\n"},
+        {"too few composition times",
+         join({stts({3, 160}), box("ctts", {words({0, 1, 2, 5})}), stsc({1, 3, 1}), stsz(10, 3),
+               stco({100})}),
+         0,
+         0,
+         {},
+         "invalid ctts 2\n"},
+        {"an empty composition table",
+         join({stts({3, 160}), box("ctts", {words({0, 0})}), stsc({1, 3, 1}), stsz(10, 3),
+               stco({100})}),
+         3,
+         1,
+         {100, 110, 120},
+         ""},
+        {"a second stts", join({stts({1, 1}), stts({1, 1})}), 0, 0, {}, "extra stts\n"},
+        {"a second stsz", join({stsz(1, 1), stsz(1, 1)}), 0, 0, {}, "extra stsz\n"},
+        {"a second stco", join({stco({1}), stco({1})}), 0, 0, {}, "extra stco\n"},
+        {"a second ctts",
+         join({box("ctts", {words({0, 0})}), box("ctts", {words({0, 0})})}),
+         0,
+         0,
+         {},
+         "extra ctts\n"},
+        {"a second stss",
+         join({box("stss", {words({0, 0})}), box("stss", {words({0, 0})})}),
+         0,
+         0,
+         {},
+         "extra stss\n"},
+        {"a second sbgp",
+         join({box("sbgp", {words({0, 0, 0})}), box("sbgp", {words({0, 0, 0})})}),
+         0,
+         0,
+         {},
+         "extra sbgp\n"},
+        {"a second sgpd",
+         join({box("sgpd", {words({0}), text("roll"), be32(0)}),
+               box("sgpd", {words({0}), text("roll"), be32(0)})}),
+         0,
+         0,
+         {},
+         "skipping unknown grouping type: roll\nextra sgpd\n"},
+        {"counts that the boxes do not hold",
+         join({stts({1, 160}), box("stsz", {words({0, 0, 0xFFFFFFFF, 1})})}),
+         0,
+         0,
+         {},
+         ""},
+        {"a count of 2^31 samples of one size",
+         join({stts({0x7FFFFFFF, 1}), stsc({1, 0x7FFFFFFF, 1}), stsz(0x10000, 0x80000000),
+               stco({100})}),
+         0,
+         0,
+         {},
+         ""},
+    };
+    for (const TableCase& c : cases) {
+        SCOPED_TRACE(c.what);
+        Opened opened(with_tables(c.tables));
+        EXPECT_EQ(opened.printed, c.printed);
+        iso_track* track = opened.track();
+        ASSERT_NE(track, nullptr);
+        EXPECT_EQ(track->sample_count, c.samples);
+        EXPECT_EQ(track->chunk_count, c.chunks);
+        for (size_t i = 0; i < c.offsets.size(); ++i) {
+            // Forwards, and from the far end back.
+            for (const int from : {0, track->sample_count - 1}) {
+                isoFFsetPosition(track, from);
+                EXPECT_EQ(isoFFsetPosition(track, static_cast<int>(i)), 0);
+                EXPECT_EQ(track->cur_offset, c.offsets[i]) << "sample " << i << " from " << from;
+            }
+        }
+        EXPECT_EQ(isoFFsetPosition(track, c.samples), -1);
+        EXPECT_EQ(isoFFsetPosition(track, -1), -1);
+    }
+}
+
+TEST(SampleTables, GroupsAndSyncSamplesAreKept) {
+    Opened opened(with_tables(
+        join({one_chunk_tables({1, 1}, 160, 0), box("stss", {words({0, 2, 1, 31})}),
+              box("sbgp", {words({0, 0, 2, 5, 1, 7, 2})}),
+              box("sgpd", {words({0}), text("avcb"), be32(2), be16(1), words({1, 2, 3, 4, 5}),
+                           be16(2), words({6, 7, 8, 9, 10, 11, 12, 13, 14, 15})})})));
+    const iso_track* track = opened.track();
+    ASSERT_EQ(track->sync_count, 2u);
+    EXPECT_EQ(track->sync_samples[1], 31u);
+    ASSERT_EQ(track->sbgp_count, 2u);
+    EXPECT_EQ(track->sbgp_list->next->sample_count, 7u);
+    EXPECT_EQ(track->sbgp_list->next->next, nullptr);
+    EXPECT_STREQ(track->sgpd_type, "avcb");
+    ASSERT_EQ(track->sgpd_count, 2u);
+    EXPECT_EQ(track->sgpd_list->next->records[1].words[4], 15u);
+}
+
+// --- reading ---
+
+TEST(Samples, AreReadByCursorAndByNumber) {
+    const Bytes media = text("aabbbcccc");
+    const auto build = [&](uint32_t at) {
+        const Bytes tables =
+            join({stts({1, 800, 2, 400}), box("ctts", {words({0, 2, 1, 80, 2, 0})}),
+                  stsc({1, 3, 1}), stsz(0, 3, {2, 3, 4}), stco({at})});
+        return join({with_tables(tables), box("mdat", {media})});
+    };
+    Opened opened(build(static_cast<uint32_t>(build(0).size() - media.size())));
+    iso_track* track = opened.track();
+    char buffer[16] = {};
+    double duration = 0.0;
+    double offset = 0.0;
+    int size = 0;
+
+    EXPECT_EQ(isoFFframeInfo(track, &duration, &size), 0);
+    EXPECT_EQ(size, 2);
+    EXPECT_EQ(isoFFread(track, buffer, 1, &duration, &offset), -1);  // does not fit: cursor stays
+    EXPECT_EQ(isoFFread(track, buffer, 2, &duration, &offset), 2);
+    EXPECT_STREQ(buffer, "aa");
+    EXPECT_DOUBLE_EQ(duration, 0.1);
+    EXPECT_DOUBLE_EQ(offset, 0.01);
+
+    EXPECT_EQ(isoFFreadAt(track, 2, 1, buffer, 100, &duration, &offset), 3);  // cut to the sample
+    EXPECT_EQ(std::string(buffer, 3), "ccc");
+    EXPECT_DOUBLE_EQ(duration, 0.05);
+    EXPECT_DOUBLE_EQ(offset, 0.0);
+    EXPECT_EQ(isoFFread(track, buffer, 16, nullptr, nullptr),
+              4);  // the same sample, from its start
+    EXPECT_EQ(std::string(buffer, 4), "cccc");
+    EXPECT_EQ(isoFFread(track, buffer, 16, nullptr, nullptr), -1);
+    EXPECT_EQ(isoFFframeInfo(track, &duration, &size), -1);
+
+    EXPECT_EQ(isoFFreadAt(track, 1, 3, buffer, 1, nullptr, nullptr), 0);
+    EXPECT_EQ(isoFFreadAt(track, 1, 0, buffer, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(isoFFreadAt(track, 3, 0, buffer, 1, nullptr, nullptr), -1);
+    EXPECT_EQ(isoFFreadAt(track, -1, 0, buffer, 1, nullptr, nullptr), -1);
+    EXPECT_EQ(isoFFreadAt(nullptr, 0, 0, buffer, 1, nullptr, nullptr), -1);
+    EXPECT_EQ(isoFFreadAt(track, 1, 1, buffer, 2, nullptr, nullptr), 2);
+    EXPECT_EQ(std::string(buffer, 2), "bb");
+
+    int codec = 0, samples = 0, bytes = 0, tracks = 0;
+    EXPECT_EQ(isoFFtrackInfo(track, &codec, &samples, &duration, &bytes), 0);
+    EXPECT_EQ(codec, ISO_CODEC_SAMR);
+    EXPECT_EQ(samples, 3);
+    EXPECT_DOUBLE_EQ(duration, 1.0);
+    EXPECT_EQ(bytes, 9);
+    EXPECT_EQ(isoFFfileInfo(opened.file, &tracks, &duration, &bytes), 0);
+    EXPECT_EQ(tracks, 1);
+    EXPECT_EQ(isoFFtrackInfo(nullptr, &codec, &samples, &duration, &bytes), -1);
+    EXPECT_EQ(isoFFfileInfo(nullptr, &codec, &duration, &bytes), -1);
+}
+
+TEST(Samples, InterleaveIsTheLongestRunOfOneTrack) {
+    const auto one = [](uint32_t id, const Bytes& tables) {
+        return track({.id = id, .entry = samr_entry(), .tables = tables});
+    };
+    // a: 4 samples of 0.1 s at 100, then 2 at 300; b: 3 samples of 0.02 s at 200.
+    const Bytes a = join({stts({6, 800}), stsc({1, 4, 1, 2, 2, 1}), stsz(10, 6), stco({100, 300})});
+    const Bytes b = join({stts({3, 160}), stsc({1, 3, 1}), stsz(10, 3), stco({200})});
+    EXPECT_NEAR(isoFFgetInterleave(Opened(join({ftyp(), movie({one(1, a), one(2, b)})})).file), 0.4,
+                1e-9);
+    EXPECT_EQ(isoFFgetInterleave(Opened(join({ftyp(), movie({one(1, a)})})).file), 0.0);
+    // Tracks at the same places come to an end too.
+    EXPECT_NEAR(isoFFgetInterleave(Opened(join({ftyp(), movie({one(1, a), one(2, a)})})).file), 0.1,
+                1e-9);
+}
+
+// --- boxes ---
+
+TEST(BoxWalk, TakesBrandsMovieAndTrackValues) {
+    const Bytes iods = box("iods", {be32(0), {0x10, 0x80, 0x07}, be16(0x1234), {1, 2, 3, 4, 5}});
+    const Bytes udta = box("udta", {box("hnti", {box("rtp ", {text("sdp "), text("v=0")})})});
+    const Bytes track_udta = box("udta", {box("hnti", {box("sdp ", {text("m=audio")})})});
+    const Bytes meta = box("meta", {be32(0), box("xml ", {text("<x/>")})});
+    const Bytes entry = rtp_entry(1450, 90000,
+                                  join({box("tsro", {be32(77)}), box("snro", {be32(88)}),
+                                        box("srpp", {be32(0), text("aaaabbbbccccdddd")})}));
+    const Bytes mvhd = box("mvhd", {words({0, 11, 12, 1000, 2500}), zeros(76), be32(9)});
+    const Bytes file = join(
+        {box("ftyp", {text("3gr6"), be32(256), text("3gp53gp4")}), box("free", {zeros(5)}),
+         box("moov",
+             {mvhd, iods,
+              track({.id = 3,
+                     .handler = "hint",
+                     .entry = entry,
+                     .tables = {},
+                     .extra = join({meta, track_udta, box("tref", {box("hint", {be32(1)})})})}),
+              udta, zeros(4)})});
+    Opened opened(file);
+    EXPECT_EQ(opened.printed, "");
+    EXPECT_STREQ(opened.file->major_brand, "3gr6");
+    EXPECT_EQ(opened.file->minor_version, 256);
+    EXPECT_STREQ(opened.file->compatible_brands, "3gp5 3gp4");
+    EXPECT_EQ(opened.file->timescale, 1000u);
+    EXPECT_EQ(opened.file->duration, 2500u);
+    EXPECT_EQ(opened.file->next_track_id, 9u);
+    EXPECT_EQ(opened.file->od_id, 0x1234u >> 6);
+    EXPECT_EQ(opened.file->scene_profile, 2u);
+    EXPECT_EQ(opened.file->audio_profile, 3u);
+    EXPECT_STREQ(opened.file->sdp_text, "v=0");
+    const iso_track* hint = isoFFselect(opened.file, "hint", 1);
+    ASSERT_NE(hint, nullptr);
+    EXPECT_STREQ(hint->sdp_text, "m=audio");
+    EXPECT_EQ(hint->hint_track_ref, 1u);
+    EXPECT_EQ(hint->rtp_max_packet, 1450u);
+    EXPECT_EQ(hint->rtp_timescale, 90000u);
+    EXPECT_EQ(hint->rtp_ts_offset, 77u);
+    EXPECT_EQ(hint->rtp_seq_offset, 88u);
+    EXPECT_STREQ(hint->srpp_schemes[2], "cccc");
+
+    EXPECT_EQ(isoFFcompatible(opened.file, "3gp9 3gp4"), 0);
+    EXPECT_EQ(isoFFcompatible(opened.file, "3gr6"), 0);
+    EXPECT_EQ(isoFFcompatible(opened.file, "3gp93gp5"), 0);
+    EXPECT_EQ(isoFFcompatible(opened.file, "3gp9 isom"), -1);
+    EXPECT_EQ(isoFFcompatible(opened.file, "gp5 "), -1);
+    EXPECT_EQ(isoFFcompatible(opened.file, nullptr), -1);
+    EXPECT_EQ(isoFFcompatible(nullptr, "3gp5"), -1);
+}
+
+TEST(BoxWalk, KeepsWithinBoxesThatLie) {
+    const Bytes tables = one_chunk_tables({1}, 160, 0);
+    const Bytes good = track({.id = 1, .entry = samr_entry(), .tables = tables});
+    struct Case {
+        const char* what;
+        Bytes file;
+        int tracks;
+    };
+    Bytes overrun = box("abcd", {zeros(4)});
+    overrun[3] = 200;  // claims more than the movie box has
+    Bytes to_the_end = movie({good});
+    to_the_end[3] = 0, to_the_end[2] = 0;
+    const Bytes empty_udta = box("udta", {});
+    const Case cases[] = {
+        {"nothing", {}, 0},
+        {"no boxes", text("this is no 3GP file, but has bytes"), 0},
+        {"a lying ftyp", join({be32(0x7FFFFFFF), text("ftyp"), text("3gp5")}), 0},
+        {"a lying moov", join({be32(0x7FFFFFFF), text("moov"), good}), 0},
+        {"a lying mdat in front", join({be32(0xFFFFFFF0), text("mdat"), zeros(100)}), 0},
+        {"a box of size 1", join({ftyp(), be32(1), text("free"), movie({good})}), 0},
+        {"a box that overruns moov", join({ftyp(), movie({good, overrun})}), 1},
+        {"an empty udta in front of the tracks", join({ftyp(), movie({empty_udta, good, good})}),
+         2},
+        {"a moov of size 0", join({ftyp(), to_the_end}), 0},
+        {"media without a track header",
+         join({ftyp(), movie({box("trak", {box("mdia", {box("mdhd", {zeros(24)})})}), good})}), 1},
+        {"a second moov", join({ftyp(), movie({good}), movie({good})}), 2},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Opened opened(c.file);
+        ASSERT_NE(opened.file, nullptr);
+        int tracks = -1;
+        isoFFfileInfo(opened.file, &tracks, nullptr, nullptr);
+        EXPECT_EQ(tracks, c.tracks);
+    }
+}
+
+TEST(BoxWalk, MediaInFrontOfTheMovieIsLoaded) {
+    const Bytes good = track({.entry = samr_entry(), .tables = one_chunk_tables({1}, 160, 0)});
+    const Bytes media = box("mdat", {text("0123456789")});
+    Opened first(join({ftyp(), media, movie({good})}));
+    iso_file* file = first.file;
+    ASSERT_NE(file->mdat_buffer, nullptr);
+    ASSERT_NE(file->mem_read, nullptr);
+    EXPECT_EQ(file->mdat_end - file->mdat_start, 10u);
+    char got[16] = {};
+    ASSERT_EQ(file->mem_seek(file->mem_cookie, static_cast<long>(file->mdat_start) + 7, SEEK_SET),
+              0);
+    EXPECT_EQ(file->mem_read(got, 1, sizeof got, file->mem_cookie), 3u);
+    EXPECT_STREQ(got, "789");
+    ASSERT_EQ(file->mem_seek(file->mem_cookie, static_cast<long>(file->mdat_end), SEEK_SET), 0);
+    EXPECT_EQ(file->mem_read(got, 1, 1, file->mem_cookie), 0u);
+    EXPECT_EQ(file->mem_seek(file->mem_cookie, -1, SEEK_SET), -1);
+
+    Opened behind(join({ftyp(), movie({good}), media, movie({good})}));
+    EXPECT_EQ(behind.file->mdat_buffer, nullptr);
+    EXPECT_EQ(isoFFselect(behind.file, "soun", 2), nullptr);  // the walk ended at the media
+    EXPECT_NE(isoFFselect(behind.file, "soun", 1), nullptr);
+    EXPECT_EQ(isoFFselect(behind.file, "vide", 1), nullptr);
+    EXPECT_EQ(isoFFselect(nullptr, nullptr, 1), nullptr);
+}
+
+TEST(BoxWalk, OpenTellsBadModes) {
+    _TAG_KST_IOSTREAM_CALLBACK_INTERFACE* none = nullptr;
+    int error = 0;
+    EXPECT_EQ(isoFFopen(none, "x", &error), nullptr);
+    EXPECT_EQ(error, -1);
+    EXPECT_EQ(isoFFopen(none, "", nullptr), nullptr);
+    EXPECT_EQ(isoFFclose(nullptr), -1);
+    // A null table, and one with null slots, yield a record without tracks.
+    _TAG_KST_IOSTREAM_CALLBACK_INTERFACE empty{};
+    for (auto* table : {none, &empty}) {
+        iso_file* file = isoFFopen(table, "r", &error);
+        ASSERT_NE(file, nullptr);
+        EXPECT_EQ(isoFFselect(file, nullptr, 1), nullptr);
+        EXPECT_EQ(isoFFclose(file), 0);
+    }
+    iso_file* writing = isoFFopen(none, "w", &error);
+    ASSERT_NE(writing, nullptr);
+    EXPECT_STREQ(writing->major_brand, "3gp6");
+    EXPECT_STREQ(writing->compatible_brands, "3gp5 3gp4");
+    const iso_track* track = isoFFtrack(writing);
+    EXPECT_EQ(track->track_id, 1u);
+    EXPECT_EQ(track->matrix[0], 0x10000u);
+    EXPECT_EQ(writing->next_track_id, 2u);
+    EXPECT_EQ(writing->header_size, 194u + 325u);
+    isoFFclose(writing);
+}
+
+TEST(Arena, ServesSmallAndLargeAndCounts) {
+    _TAG_KST_IOSTREAM_CALLBACK_INTERFACE* none = nullptr;
+    iso_file* file = isoFFopen(none, "r", nullptr);
+    const int32_t before = malloccount;
+    for (const size_t size :
+         {size_t{1}, size_t{2047984}, size_t{2047985}, size_t{5000000}, size_t{8}}) {
+        auto* bytes = static_cast<uint8_t*>(isoFFmalloc(file, size));
+        ASSERT_NE(bytes, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(bytes) % 8, 0u);
+        std::memset(bytes, 0xAB, size);  // the sanitizer sees a block that is too small
+    }
+    EXPECT_EQ(malloccount - before, 5);
+    EXPECT_EQ(isoFFmalloc(file, SIZE_MAX - 8), nullptr);
+    isoFFclose(file);
+}
+
+// --- hint packets ---
+
+// A media track of two samples and a hint track, both in one `mdat`.
+class HintFile {
+  public:
+    Bytes hint_samples;  // all hint samples, back to back
+    std::vector<uint32_t> hint_sizes;
+    uint32_t max_packet = 1400;
+    Bytes more_entry;
+    Bytes more_tracks;
+
+    Bytes build() const {
+        const Bytes media = text("abcdefghijXYZ");
+        const auto at =
+            static_cast<uint32_t>(assemble(0, media).size() - media.size() - hint_samples.size());
+        return assemble(at, media);
+    }
+
+  private:
+    Bytes assemble(uint32_t at, const Bytes& media) const {
+        const Bytes media_track =
+            track({.id = 1, .entry = samr_entry(), .tables = one_chunk_tables({10, 3}, 160, at)});
+        return join({ftyp(), movie({media_track, hint_track(at + 13), more_tracks}),
+                     box("mdat", {media, hint_samples})});
+    }
+    Bytes hint_track(uint32_t at) const {
+        return track({.id = 2,
+                      .handler = "hint",
+                      .entry = rtp_entry(max_packet, 8000, more_entry),
+                      .tables = one_chunk_tables(hint_sizes, 160, at),
+                      .extra = box("tref", {box("hint", {be32(1)})})});
+    }
+};
+
+Bytes packet_entry(uint8_t marker_type, uint16_t sequence, uint16_t constructors,
+                   uint8_t flags = 0) {
+    return join({be32(0), {0x30, marker_type}, be16(sequence), {0, flags}, be16(constructors)});
+}
+Bytes immediate(const std::string& payload, uint8_t count) {
+    Bytes out = join({{1, count}, text(payload)});
+    out.resize(16);
+    return out;
+}
+Bytes from_sample(uint8_t type, uint8_t reference, uint16_t length, uint32_t number,
+                  uint32_t offset) {
+    return join({{type, reference}, be16(length), words({number, offset, 0})});
+}
+
+std::string payload_of(const Bytes& packet, int length) {
+    return std::string(packet.begin() + 12, packet.begin() + length);
+}
+
+TEST(HintPackets, AreBuiltFromTheirConstructors) {
+    HintFile made;
+    const Bytes first = join(
+        {be16(2), be16(0), packet_entry(0x80 | 96, 10, 4), Bytes(16), immediate("<>", 2),
+         from_sample(2, 0, 4, 1, 3), from_sample(3, 0, 2, 2, 1), packet_entry(96, 11, 3, 4),
+         be32(12), zeros(8), immediate("12345678901234", 200), Bytes(16, 9), immediate("", 0)});
+    const Bytes empty = join({be16(0), be16(0)});
+    const Bytes self = join(
+        {be16(1), be16(0), packet_entry(96, 12, 1), from_sample(2, 255, 4, 3, 32), text("self")});
+    made.hint_samples = join({first, empty, self});
+    made.hint_sizes = {static_cast<uint32_t>(first.size()), 4, static_cast<uint32_t>(self.size())};
+    made.more_entry = join({box("tsro", {be32(1000)}), box("snro", {be32(65530)})});
+    Opened opened(made.build());
+    iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
+    ASSERT_EQ(hint, opened.track(2));
+    Bytes buffer(1400);
+
+    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12 + 2 + 4 + 2);
+    EXPECT_EQ(payload_of(buffer, 20), "<>defgYZ");
+    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 12),
+              join({{0xB0, 0x80 | 96}, be16(65540 & 0xFFFF), be32(1000), be32(0)}));
+    EXPECT_EQ(hint->last_payload_type, 96u);
+    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12 + 14);
+    EXPECT_EQ(payload_of(buffer, 26), "12345678901234");
+    EXPECT_EQ(hint->last_seq, (65530u + 11) & 0xFFFF);
+    // The hint sample without packets took no time.
+    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 16);
+    EXPECT_EQ(payload_of(buffer, 16), "self");
+    EXPECT_EQ(hint->last_timestamp, 1160u);
+    {
+        const SyslogCapture log(4);
+        EXPECT_EQ(isoFFrtpPacket(hint, buffer.data()), 0);
+        EXPECT_THAT(log.lines(), testing::ElementsAre(
+                                     "DBG: isoff(358): isoFFrtpPacket() EOF:  hint->sample=0003 "
+                                     "> tp->sample_count=0003\n"));
+    }
+    EXPECT_EQ(isoFFrtpPacket(hint, buffer.data()), 0);
+    // Positioning the hint track is seeking, from the end too; the time runs on.
+    isoFFsetPosition(hint, 0);
+    EXPECT_EQ(isoFFrtpPacket(hint, buffer.data()), 20);
+    EXPECT_EQ(hint->last_timestamp, 1320u);
+
+    hint->seq_rebase = 1;
+    hint->rtp_seq_offset = 100;
+    isoFFrtpHinter(opened.track(1), 1400);
+    isoFFsetPosition(hint, 0);
+    EXPECT_GT(isoFFrtpPacket(hint, buffer.data()), 0);
+    EXPECT_EQ(hint->last_seq, 100u);
+    EXPECT_EQ(hint->seq_rebase, 2u);
+    EXPECT_GT(isoFFrtpPacket(hint, buffer.data()), 0);
+    EXPECT_EQ(hint->last_seq, 101u);
+}
+
+struct BadHint {
+    const char* what;
+    Bytes sample;
+    uint32_t max_packet;
+    int result;
+};
+
+TEST(HintPackets, BadOnesFail) {
+    const Bytes begin = join({be16(1), be16(0)});
+    const BadHint cases[] = {
+        {"a sample number past the end",
+         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 1, 3, 0)}), 1400, -1},
+        {"sample number 0", join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 1, 0, 0)}), 1400,
+         -1},
+        {"more bytes than the sample has",
+         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 11, 1, 0)}), 1400, -1},
+        {"an offset past the sample",
+         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 1, 1, 10)}), 1400, -1},
+        {"constructors that are not there", join({begin, packet_entry(96, 0, 9), Bytes(16)}), 1400,
+         -1},
+        {"an entry that is not there", begin, 1400, -1},
+        {"a cut header", {0}, 1400, -1},
+        {"extra information past all bounds",
+         join({begin, packet_entry(96, 0, 1, 4), be32(0xFFFFFFFF), Bytes(16)}), 1400, -1},
+        {"a packet longer than told",
+         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 10, 1, 0)}), 21, -1},
+        {"a packet as long as told",
+         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 10, 1, 0)}), 22, 22},
+        {"no room for a header", join({begin, packet_entry(96, 0, 0)}), 11, -1},
+    };
+    for (const BadHint& c : cases) {
+        SCOPED_TRACE(c.what);
+        HintFile made;
+        made.hint_samples = c.sample;
+        made.hint_sizes = {static_cast<uint32_t>(c.sample.size())};
+        made.max_packet = c.max_packet;
+        Opened opened(made.build());
+        iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
+        ASSERT_NE(hint, nullptr);
+        const std::unique_ptr<uint8_t[]> buffer(new uint8_t[c.max_packet]);
+        EXPECT_EQ(isoFFrtpPacket(hint, buffer.get()), c.result);
+    }
+    EXPECT_EQ(isoFFrtpPacket(nullptr, nullptr), -1);
+    HintFile made;
+    Opened opened(made.build());
+    EXPECT_EQ(isoFFrtpPacket(opened.track(2), nullptr), -1);  // no cursor
+}
+
+// A packet that copies from an earlier hint sample must not send the reader back there for ever.
+TEST(HintPackets, CopyingFromAnEarlierHintSampleDoesNotRunInACircle) {
+    HintFile made;
+    const Bytes plain = join({be16(1), be16(0), packet_entry(96, 0, 0)});
+    const Bytes looking_back =
+        join({be16(2), be16(0), packet_entry(96, 1, 1), from_sample(2, 255, 2, 1, 0),
+              packet_entry(96, 2, 1), from_sample(2, 255, 2, 1, 0)});
+    made.hint_samples = join({plain, looking_back});
+    made.hint_sizes = {16, 60};
+    Opened opened(made.build());
+    iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
+    Bytes buffer(1400);
+    std::vector<uint32_t> sequence;
+    for (int length; (length = isoFFrtpPacket(hint, buffer.data())) > 0 && sequence.size() < 9;)
+        sequence.push_back(hint->last_seq);
+    EXPECT_THAT(sequence, testing::ElementsAre(0, 1, 2));
+}
+
+TEST(HintPackets, TheBestHintTrackIsChosen) {
+    HintFile made;
+    made.max_packet = 1000;
+    const auto other = [](uint32_t id, uint32_t max_packet) {
+        return track({.id = id,
+                      .handler = "hint",
+                      .entry = rtp_entry(max_packet),
+                      .extra = box("tref", {box("hint", {be32(1)})})});
+    };
+    made.more_tracks = join({other(3, 1400), other(4, 1400)});
+    Opened opened(made.build());
+    iso_track* media = opened.track(1);
+    struct Choice {
+        int limit;
+        uint32_t id;  // 0: none
+    };
+    for (const Choice choice :
+         {Choice{999, 0}, {1000, 2}, {1200, 2}, {1400, 3}, {1500, 3}, {-1, 0}}) {
+        const iso_track* found = isoFFfindHintTrack(media, choice.limit);
+        EXPECT_EQ(found == nullptr ? 0 : found->track_id, choice.id) << choice.limit;
+        EXPECT_EQ(isoFFrtpHinter(media, choice.limit), found);
+    }
+    EXPECT_EQ(isoFFrtpHinter(nullptr, 1400), nullptr);
+    EXPECT_EQ(isoFFrtpHinter(opened.track(2), 1400), nullptr);
+}
+
+}  // namespace

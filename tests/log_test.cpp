@@ -1,0 +1,80 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "common/bit_reader.h"
+#include "common/bytes.h"
+#include "common/simple_exception.h"
+#include "tests/support/syslog_capture.h"
+
+// Logging, and the readers that everything else stands on.
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(Log, LevelsDecideWhatIsWritten) {
+    const kestrel::LogLevel levels[] = {kestrel::kError, kestrel::kWarning, kestrel::kDebug,
+                                        kestrel::kVerbose};
+    const std::vector<std::string> lines = {"ERR: a(1): x\n", "WARN:a(1): x\n", "DBG: a(1): x\n",
+                                            "DBG2:a(1): x\n"};
+    for (int32_t level = 0; level <= 5; ++level) {
+        const SyslogCapture log(level);
+        for (const auto& each : levels)
+            kestrel::log_line(each, {"a", 1}, "%s", "x");
+        const auto written = static_cast<size_t>(std::max(level - 1, 0));
+        EXPECT_EQ(log.lines(), std::vector<std::string>(
+                                   lines.begin(), lines.begin() + static_cast<long>(written)));
+    }
+}
+
+TEST(Log, FirstLevelIsThree) {
+    EXPECT_EQ(sx_Debug, 3);
+}
+
+TEST(Log, ExceptionsWriteThemselves) {
+    const SyslogCapture log(0);
+    SimpleException().Log("ERR: ");
+    SimpleException().LogPlain("");
+    const SimpleException made(".//a/b", 42, "%s %d", "text", 7);
+    made.Log("WARN:");
+    made.LogPlain("P:");
+    SimpleException("f", 1, "%s", std::string(255, 'y').c_str()).LogPlain("");
+    SimpleException("f", 1, "%s", std::string(400, 'z').c_str()).LogPlain("");
+    EXPECT_THAT(log.lines(), ElementsAre("ERR: Unknown error occured\n", "Unknown error occured\n",
+                                         "WARN:.//a/b(42): text 7\n", "P:text 7",
+                                         std::string(255, 'y'), std::string(255, 'z')));
+}
+
+TEST(Log, ConsoleHelpers) {
+    testing::internal::CaptureStdout();
+    myprintf("%d\n", 1);
+    EXPECT_EQ(myfprintf(stderr, "%d-%s\n", 2, "x"), 4);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "2-x\n");
+}
+
+TEST(Readers, NeverLeaveTheirBytes) {
+    const uint8_t bytes[] = {0x12, 0x34, 0x56, 0x78, 0x9A};
+    kestrel::ByteReader reader(bytes);
+    EXPECT_EQ(reader.be16(), 0x1234);
+    EXPECT_EQ(reader.be24(), 0x56789Au);
+    EXPECT_TRUE(reader.ok());
+    EXPECT_EQ(reader.be32(), 0u);
+    EXPECT_FALSE(reader.ok());
+    EXPECT_EQ(reader.remaining(), 0u);
+
+    for (size_t from = 0; from < 40; ++from) {
+        for (unsigned count = 0; count <= 32; ++count) {
+            kestrel::BitReader bits(bytes, from);
+            uint64_t expected = 0;
+            for (size_t i = from; i < from + count; ++i)
+                expected = expected << 1 | (i < 40 ? bytes[i / 8] >> (7 - i % 8) & 1 : 0);
+            EXPECT_EQ(bits.peek(count), expected);
+            EXPECT_EQ(bits.get(count), expected);
+            EXPECT_EQ(bits.ok(), from + count <= 40);
+            EXPECT_EQ(bits.position(), std::min<size_t>(from + count, 40));
+        }
+    }
+}
+
+}  // namespace

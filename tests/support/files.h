@@ -1,0 +1,51 @@
+// Sample files, and small files that a test makes box by box.
+#ifndef KESTREL_TESTS_FILES_H
+#define KESTREL_TESTS_FILES_H
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+
+// A file below samples/.
+Bytes read_sample(const std::string& name);
+
+// Names of the files in samples/ that begin with one of the prefixes; all for an empty list.
+std::vector<std::string> sample_names(std::initializer_list<const char*> prefixes = {});
+
+// Big-endian pieces of a file.
+Bytes be16(uint32_t value);
+Bytes be32(uint32_t value);
+Bytes words(std::initializer_list<uint32_t> values);
+Bytes text(const std::string& characters);
+Bytes zeros(size_t count);
+Bytes join(std::initializer_list<Bytes> parts);
+
+// A box of the type around its parts.
+Bytes box(const std::string& type, std::initializer_list<Bytes> parts);
+
+// The parts of a track, as far as a test wants to bend them.
+struct TrackSpec {
+    uint32_t id = 1;
+    std::string handler = "soun";
+    uint32_t timescale = 8000;
+    uint32_t duration = 8000;
+    Bytes entry = {};   // sample entry with its header
+    Bytes tables = {};  // the children of `stbl` behind `stsd`
+    Bytes extra = {};   // further children of `trak`
+};
+
+Bytes track(const TrackSpec& spec);
+Bytes movie(std::initializer_list<Bytes> tracks);
+Bytes ftyp();
+
+// A `samr` entry with its `damr`, and an `rtp ` entry.
+Bytes samr_entry(uint8_t frames_per_sample = 1);
+Bytes rtp_entry(uint32_t max_packet, uint32_t timescale = 8000, const Bytes& more = {});
+
+// Sample tables: one time entry, the given sizes, all samples in one chunk at `offset`.
+Bytes one_chunk_tables(const std::vector<uint32_t>& sizes, uint32_t delta, uint32_t offset);
+
+#endif

@@ -1,0 +1,258 @@
+"""The command-line tool as a person meets it: commands, outputs, messages and exit codes."""
+
+import hashlib
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+TOOL = os.environ["KESTREL_TOOL"]
+SAMPLES = pathlib.Path(os.environ["KESTREL_SAMPLES"])
+SPEECH = {
+    "amrnb_plain": "amrnb", "amrnb_plain_mdat_first": "amrnb", "amrnb_hinted": "amrnb",
+    "amrnb_hinted_1450": "amrnb", "amrnb_hinted_multi": "amrnb", "amrnb_dtx_hinted": "amrnb_dtx",
+    "two_amrnb_hinted": "amrnb_dtx", "amrwb_plain": "amrwb", "amrwb_hinted": "amrwb",
+    "amrwb_dtx_hinted": "amrwb_dtx",
+}
+
+
+def sample(name):
+    return str(SAMPLES / f"{name}.3gp")
+
+
+def run(*arguments, stdin=None):
+    return subprocess.run([TOOL, *map(str, arguments)], input=stdin, capture_output=True,
+                          timeout=120, check=False)
+
+
+class ToolTest(unittest.TestCase):
+    def setUp(self):
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.scratch = pathlib.Path(scratch.name)
+
+    def assert_fails(self, result, code, message):
+        self.assertEqual(result.returncode, code, result.stderr)
+        self.assertEqual(result.stderr.decode().count("\n"), 1, result.stderr)
+        self.assertIn(message, result.stderr.decode())
+
+    def extract(self, name, mode, *options):
+        result = run("extract", sample(name), mode, *options)
+        self.assertEqual((result.returncode, result.stderr), (0, b""), name)
+        return result.stdout
+
+    def unpack(self, stream):
+        result = run("unpack", "-", "-o", "-", stdin=stream)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        return result.stdout
+
+
+class Extract(ToolTest):
+    def test_speech_comes_back(self):
+        for name, truth in SPEECH.items():
+            for options in [(), ("--arriving", 1), ("--arriving", 777), ("--arriving", 10**7)]:
+                with self.subTest(name=name, options=options):
+                    stream = self.extract(name, "ar", *options)
+                    self.assertEqual(self.unpack(stream),
+                                     (SAMPLES / "truth" / f"{truth}.amr").read_bytes())
+
+    def test_standard_input_is_played_while_it_arrives(self):
+        whole = self.extract("amrnb_plain", "ar")
+        data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+        tool = subprocess.Popen([TOOL, "extract", "-", "ar"], stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, bufsize=0)
+        self.addCleanup(tool.kill)
+        tool.stdin.write(data[:-1000])
+        # The input has not ended, yet what has arrived is there.
+        first = b""
+        while len(first) < 8000:
+            first += tool.stdout.read(1024)
+        self.assertEqual(first, whole[: len(first)])
+        tool.stdin.write(data[-1000:])
+        rest, errors = tool.communicate(timeout=60)
+        self.assertEqual(first + rest, whole)
+        self.assertEqual((tool.returncode, errors), (0, b""))
+
+    def test_failed_open_leaves_no_output(self):
+        out = self.scratch / "out"
+        (self.scratch / "empty").write_bytes(b"")
+        (self.scratch / "random").write_bytes(hashlib.sha512(b"x").digest() * 99)
+        cases = [
+            (sample("aac_plain"), "ar", 1, "Some unknown failure (2)"),
+            (sample("amrnb_plain"), "vr", 1, "Some unknown failure (2)"),
+            (self.scratch / "empty", "ar", 1, "Some unknown failure (2)"),
+            (self.scratch / "random", "ar", 1, "Some unknown failure (2)"),
+            (sample("amrnb_plain"), "ax", 2, "Unsupported mode string specified in Open (7)"),
+            (self.scratch / "none", "ar", 1, "No such file or directory"),
+            (self.scratch, "ar", 1, "Is a directory"),
+        ]
+        for path, mode, code, message in cases:
+            with self.subTest(path=str(path), mode=mode):
+                result = run("extract", path, mode, "-o", out)
+                last = result.stderr.decode().splitlines()[-1]
+                self.assertEqual(result.returncode, code)
+                self.assertIn(f"{path}: ", last)
+                self.assertIn(message, last)
+                self.assertFalse(out.exists())
+
+    def test_cut_file_keeps_what_was_delivered(self):
+        whole = self.extract("amrnb_plain", "ar")
+        data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+        cut = self.scratch / "cut.3gp"
+        cut.write_bytes(data[: len(data) // 2])
+        out = self.scratch / "out"
+        for options in [(), ("--arriving", 100)]:
+            result = run("extract", cut, "ar", "-o", out, *options)
+            kept = out.read_bytes()
+            self.assert_fails(result, 1, "Data is not available in FIO buffers yet (17); "
+                                         f"kept {len(kept)} bytes")
+            self.assertGreater(len(kept), 1000)
+            self.assertTrue(whole.startswith(kept))
+        # What was kept is a stream that can be unpacked.
+        truth = (SAMPLES / "truth" / "amrnb.amr").read_bytes()
+        self.assertTrue(truth.startswith(self.unpack(kept)))
+
+    def test_outputs_that_cannot_be_written(self):
+        copy = self.scratch / "in.3gp"
+        copy.write_bytes(pathlib.Path(sample("amrnb_plain")).read_bytes())
+        self.assert_fails(run("extract", copy, "ar", "-o", copy), 2, "is the input")
+        self.assert_fails(run("extract", copy, "ar", "-o", self.scratch), 1, "Is a directory")
+        if os.path.exists("/dev/full"):
+            self.assert_fails(run("extract", copy, "ar", "-o", "/dev/full"), 1, "No space left")
+
+
+class Usage(ToolTest):
+    def test_wrong_usage_is_told_in_one_line(self):
+        for arguments in [(), ("nonsense",), ("extract",), ("extract", "x"), ("unpack", "x"),
+                          ("extract", "x", "ar", "--arriving", "0"),
+                          ("extract", "-", "ar", "--arriving", "5"),
+                          ("info", "x", "--no-such-option")]:
+            with self.subTest(arguments=arguments):
+                self.assert_fails(run(*arguments), 2, "kestrel: ")
+
+    def test_help_names_every_command(self):
+        text = run("--help").stdout.decode()
+        for command in ["extract", "info", "inspect", "unpack", "packets"]:
+            self.assertIn(command, text)
+            self.assertEqual(run(command, "--help").returncode, 0)
+        self.assertRegex(run("--version").stdout.decode(), r"^kestrel \d+\.\d+\.\d+\n$")
+
+
+class Info(ToolTest):
+    def info(self, name):
+        result = run("info", sample(name), "--json")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return json.loads(result.stdout)
+
+    def test_tracks_and_hints(self):
+        about = self.info("av_h263_amrnb_hinted")
+        self.assertEqual(about["major_brand"], "3gp4")
+        codecs = {track["id"]: track["codec"] for track in about["tracks"]}
+        self.assertEqual(codecs, {1: "H.263", 2: "AMR-NB", 65536: "RTP hints", 65537: "RTP hints"})
+        self.assertEqual(about["tracks"][3]["hints_track"], 2)
+        self.assertEqual(about["tracks"][0]["width"], 176)
+
+    def test_verdicts(self):
+        for name, audio, video in [("amrnb_plain", 0, 2), ("aac_plain", 2, 2),
+                                   ("av_h264_amrwb_hinted", 0, 0), ("h263_plain", 2, 0)]:
+            verdicts = {v["medium"]: v for v in self.info(name)["verdicts"]
+                        if v["road"] == "function"}
+            self.assertEqual([verdicts[m]["status"] for m in ("audio", "video")], [audio, video])
+            self.assertEqual(verdicts["audio"]["plays"], audio == 0)
+        text = run("info", sample("aac_plain")).stdout.decode()
+        self.assertIn("audio: does not play: Some unknown failure (2)", text)
+
+    def test_what_is_no_3gp_file(self):
+        result = run("info", "-", stdin=b"not a box in sight, but text")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("no 3GP file", result.stderr.decode())
+
+
+class Packets(ToolTest):
+    def test_agree_with_an_independent_reader(self):
+        names = sorted(path.stem for path in (SAMPLES / "truth").glob("*.packets"))
+        self.assertGreater(len(names), 20)
+        for name in names:
+            with self.subTest(name=name):
+                truth = [line.split() for line in
+                         (SAMPLES / "truth" / f"{name}.packets").read_text().splitlines()]
+                lines = run("packets", sample(name), "--hex").stdout.decode().splitlines()
+                got = [line.split() for line in lines]
+                self.assertEqual(len(got), len(truth))
+                # There the timestamps of these are in display order.
+                columns = [0, 1, 2, 3, 4, 6] if "_b_" in name else [0, 1, 2, 3, 4, 5, 6]
+                first = {}
+                for mine, theirs in zip(got, truth):
+                    track, length, marker, kind, sequence, time, packet = mine
+                    base = first.setdefault(track, (int(sequence), int(time)))
+                    payload = bytes.fromhex(packet)[12:]
+                    row = [track, length, marker, kind, str((int(sequence) - base[0]) % 2**16),
+                           str((int(time) - base[1]) % 2**32), hashlib.md5(payload).hexdigest()]
+                    self.assertEqual([row[c] for c in columns], [theirs[c] for c in columns])
+
+    def test_payload_in_the_hint_track_itself(self):
+        lines = run("packets", sample("h263_hinted_selfref"), "--hex").stdout.decode().splitlines()
+        pictures = b""
+        for line in lines:
+            payload = bytes.fromhex(line.split()[6])[12:]
+            # RFC 4629: two bytes, and two zero bytes of a start code left out when P is set.
+            pictures += (b"\0\0" if payload[0] & 4 else b"") + payload[2:]
+        self.assertEqual(pictures, (SAMPLES / "truth" / "h263.h263").read_bytes())
+
+    def test_one_track_of_two(self):
+        both = run("packets", sample("two_amrnb_hinted")).stdout.decode().splitlines()
+        for track in ("65536", "65537"):
+            one = run("packets", sample("two_amrnb_hinted"), "--track", track).stdout.decode()
+            self.assertEqual(one.splitlines(), [line for line in both if line.startswith(track)])
+        self.assert_fails(run("packets", sample("two_amrnb_hinted"), "--track", 1), 1,
+                          "no hint track with this ID")
+        self.assert_fails(run("packets", sample("amrnb_plain")), 1, "no hint track")
+
+
+class Inspect(ToolTest):
+    def test_every_record_is_named(self):
+        stream = self.extract("amrnb_dtx_hinted", "ar")
+        result = run("inspect", "-", "--json", stdin=stream)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        records = json.loads(result.stdout)["records"]
+        self.assertEqual([r["record"] for r in records[:5]],
+                         ["PROP_Header_Info", "AUD_Codec_Header", "AUD_Header_IndxInfo",
+                          "VID_FileInfo", "AUD_AudFrame_Native"])
+        self.assertEqual(records[0]["fields"]["value"], 715)
+        self.assertEqual(len(records), 4 + 715)
+        self.assertEqual([r["fields"]["sequence"] for r in records[4:]], list(range(715)))
+        text = run("inspect", "-", stdin=stream).stdout.decode()
+        self.assertIn('medium "AUDIO   "', text)
+        self.assertEqual(len(text.splitlines()), len(records))
+
+    def test_damage_is_located(self):
+        stream = bytearray(self.extract("amrnb_plain", "ar"))
+        frame = 68 + 3 * 57
+        cases = [
+            (b"", 0, "ends inside PROP_Header_Info"),
+            (stream[: frame + 30], frame + 25, "ends inside a speech frame"),
+            (b"OTHER" + stream[5:], 0, "name of a medium"),
+            (stream[:frame] + b"\xff\xff\xff\xff" + stream[frame + 4:], None, "ends inside"),
+            (stream[:frame] + b"\x3a" + stream[frame + 1:], frame, "cannot have"),
+            (stream[:frame + 4] + b"\x14" + stream[frame + 5:], frame, "another coder"),
+            (stream[:frame + 20] + b"\x01" + stream[frame + 21:], frame + 20, "is not 0"),
+        ]
+        for damaged, at, reason in cases:
+            with self.subTest(reason=reason):
+                result = run("inspect", "-", "--json", stdin=bytes(damaged))
+                self.assert_fails(result, 1, reason)
+                damage = json.loads(result.stdout)["damage"]
+                if at is not None:
+                    self.assertEqual(damage["offset"], at)
+        # Unpacking keeps what comes before the damage.
+        result = run("unpack", "-", "-o", "-", stdin=bytes(stream[: frame + 30]))
+        self.assert_fails(result, 1, "kept what came before")
+        truth = (SAMPLES / "truth" / "amrnb.amr").read_bytes()
+        self.assertEqual(result.stdout, truth[: 6 + 3 * 32])
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + sys.argv[1:], verbosity=1)
