@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <source_location>
 #include <string>
 
 #include "kestrel/log.h"
@@ -33,7 +32,7 @@ class SimpleException {
     const std::string& file() const { return file_; }
 
     static SimpleException from_arguments(const std::string& file, long line, const char* format,
-                                          va_list arguments);
+                                          va_list arguments) __attribute__((format(printf, 3, 0)));
 
   private:
     std::string message_;
@@ -69,8 +68,8 @@ struct LogSite {
     long line;
 };
 
-inline LogSite at(const char* file, std::source_location here = std::source_location::current()) {
-    return {file, static_cast<long>(here.line())};
+inline LogSite at(const char* file, long line = __builtin_LINE()) {
+    return {file, line};
 }
 
 // Writes a line if its level is enabled; below it nothing is built or formatted. Never throws.

@@ -4,7 +4,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <regex>
 
 #include "kestrel/log.h"
 
@@ -12,7 +11,8 @@ namespace {
 
 std::vector<std::string>* captured = nullptr;
 
-void capture(int priority, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) void capture(int priority, const char* format,
+                                                   va_list arguments) {
     if (captured == nullptr) return;
     char text[1024];
     std::vsnprintf(text, sizeof text, format, arguments);
@@ -51,11 +51,25 @@ const std::vector<std::string>& SyslogCapture::lines() const {
     return *captured;
 }
 
+namespace {
+
+// "ERR: a/b(12): text" without "a/b(12): ".
+std::string without_place(const std::string& line) {
+    constexpr size_t kPrefix = 5;
+    const size_t prefix = line[0] == '.' || line.size() < kPrefix ? 0 : kPrefix;
+    const size_t open = line.find('(', prefix);
+    const size_t close = line.find("): ", prefix);
+    const bool has_place = open != std::string::npos && close != std::string::npos &&
+                           line.find(' ', prefix) > open && open < close;
+    return has_place ? line.substr(0, prefix) + line.substr(close + 3) : line;
+}
+
+}  // namespace
+
 std::vector<std::string> SyslogCapture::messages() const {
-    static const std::regex kPlace(R"(^(ERR: |WARN:|DBG: |DBG2:|)[^ ]*\(\d+\): )");
     std::vector<std::string> out;
     for (const std::string& line : *captured) {
-        std::string text = std::regex_replace(line, kPlace, "$1");
+        std::string text = without_place(line);
         if (!text.empty() && text.back() == '\n') text.pop_back();
         out.push_back(text);
     }
