@@ -1,0 +1,149 @@
+// Walks a coded H.263 picture macroblock by macroblock (ITU-T H.263, clause 5), without decoding
+// it, so that a packetiser can cut it between two macroblocks and tell the receiver what RFC 2190
+// mode B wants to know of the one a packet begins with.
+//
+// Walked are I and P pictures of every source format and custom size, with the optional modes of
+// Annexes D, F, I, J, K (without rectangular slices), S and T. Refused are Annexes C, E, G, M, N,
+// O, P, Q and R: the picture header of such a picture does not parse.
+#ifndef KESTREL_NATIVE_H263_PARSE_H
+#define KESTREL_NATIVE_H263_PARSE_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "common/bit_reader.h"
+
+// A place in a picture: `bit` counts from the most significant bit of the byte, 0 to 7.
+struct BitPosition {
+    size_t byte = 0;
+    unsigned bit = 0;
+
+    friend bool operator==(const BitPosition&, const BitPosition&) = default;
+};
+
+// A motion vector or a difference of two, in half pixels.
+struct nch_vector {
+    int16_t x = 0;
+    int16_t y = 0;
+};
+
+// The values of the picture's source format (PTYPE bits 6 to 8, or OPPTYPE bits 1 to 3).
+enum : uint8_t {
+    kNchSubQcif = 1,
+    kNchQcif = 2,
+    kNchCif = 3,
+    kNch4Cif = 4,
+    kNch16Cif = 5,
+    kNchCustom = 6,
+};
+
+// The values of the picture coding type.
+enum : uint8_t { kNchIntra = 0, kNchInter = 1 };
+
+// The optional modes in force.
+struct nch_modes {
+    bool plus = false;                   // the picture header has PLUSPTYPE
+    bool unrestricted_vectors = false;   // Annex D
+    bool advanced_prediction = false;    // Annex F
+    bool advanced_intra = false;         // Annex I
+    bool deblocking = false;             // Annex J
+    bool slices = false;                 // Annex K
+    bool arbitrary_slice_order = false;  // Annex K
+    bool alternative_inter_vlc = false;  // Annex S
+    bool modified_quantisation = false;  // Annex T
+    bool custom_clock = false;           // the picture header has ETR
+};
+
+// The picture layer. A picture with UFEP 000 takes its format and modes from the picture before, so
+// this is kept from one picture to the next.
+struct nch_picture {
+    uint8_t source_format = 0;       // 0 before the first picture
+    uint8_t coding_type = 0;         // kNchIntra or kNchInter
+    uint8_t temporal_reference = 0;  // TR
+    uint8_t quantiser = 0;           // PQUANT, 1 to 31
+    uint16_t width = 0;              // pixels
+    uint16_t height = 0;             // pixels
+    nch_modes modes;
+
+    // The size in macroblocks; a partly covered one counts.
+    unsigned columns() const { return (width + 15U) / 16U; }
+    unsigned rows() const { return (height + 15U) / 16U; }
+    unsigned macroblocks() const { return columns() * rows(); }
+
+    // Macroblock rows in a GOB.
+    unsigned rows_per_gob() const { return height <= 400 ? 1U : height <= 800 ? 2U : 4U; }
+};
+
+// The largest custom picture is 2048 pixels wide (5.1.5).
+inline constexpr unsigned kNchMostColumns = 2048 / 16;
+
+// What is added to the motion vector predictors where they are kept.
+inline constexpr int kNchVectorBias = 32;
+
+// One macroblock, as things stood where it begins: behind the header of a GOB or slice that begins
+// with it, before its own DQUANT and vectors.
+struct nch_macroblock {
+    size_t first_bit = 0;    // in the picture; where its own bits begin, behind such a header
+    uint8_t gob_number = 0;  // 0 is the first; in slices too it is the one of that place
+    uint16_t address = 0;    // in scan order from the first macroblock of its GOB
+    uint8_t quantiser = 0;   // 1 to 31
+    // Predictors in half pixels, kNchVectorBias added: of the vector (or the first of four), and of
+    // the third of four; without four vectors the latter is 0 and so kept as the bias alone.
+    int16_t hmv1 = kNchVectorBias;
+    int16_t vmv1 = kNchVectorBias;
+    int16_t hmv2 = kNchVectorBias;
+    int16_t vmv2 = kNchVectorBias;
+};
+
+// The walker's record. A zero-initialised one is ready for a first picture. It holds no pointers: a
+// plain copy, kept with the position it belongs to, goes on from there at any time.
+struct nch_state {
+    nch_picture picture;
+    nch_macroblock macroblock;  // the one that was walked last
+
+    // Where the walk stands.
+    unsigned next_address = 0;      // of the next macroblock in the picture's scan order
+    unsigned macroblocks_left = 0;  // not yet walked; 0 outside a picture
+    unsigned segment_start = 0;     // first macroblock behind the last picture, GOB or slice header
+    uint8_t quantiser = 0;          // in force
+
+    // Vectors that later predictors need: blocks 2 and 4 of the macroblock before, and blocks 3 and
+    // 4 of the latest macroblock in each column.
+    std::array<nch_vector, 2> left{};
+    std::array<std::array<nch_vector, 2>, kNchMostColumns> above{};
+};
+
+// The results of get_start_of_mb.
+enum : int { kNchWalked = 0, kNchEndOfPicture = 1, kNchFailed = -1 };
+
+// Walks the macroblock at `position` of `picture`, a coded picture that begins with its start code.
+// At (0, 0) the picture header is parsed first, and where the next 16 bits are zero the GOB or
+// slice header there. Returns kNchWalked with `position` moved behind the macroblock, where the
+// next one or the stuffing before its header begins, and state.macroblock telling of the one that
+// was walked. Returns kNchEndOfPicture when all have been walked, and kNchFailed when the bits
+// cannot be followed; `position` and state.macroblock then keep their values and the rest of the
+// picture cannot be walked either, but the next picture can.
+int get_start_of_mb(nch_state& state, std::span<const uint8_t> picture, BitPosition& position);
+
+// The layers, in the order of their nesting. Each moves the reader past what it parsed and returns
+// whether that could be followed; where not, the records keep nothing to rely on.
+
+// The picture header to the end of PSUPP.
+bool nch_picture_parse(kestrel::BitReader& reader, nch_picture& picture);
+
+// A GOB header, stuffing before it included. It must be that of the GOB which is due.
+bool nch_gob_parse(kestrel::BitReader& reader, nch_state& state);
+
+// A slice header, stuffing before it included. Slices in order must begin with the macroblock that
+// is due.
+bool nch_slice_parse(kestrel::BitReader& reader, nch_state& state);
+
+// The short slice header right behind the picture header (Annex K).
+bool nch_first_slice_parse(kestrel::BitReader& reader, nch_state& state);
+
+// A macroblock, stuffing before it included; describes it in state.macroblock.
+bool nch_mb_parse(kestrel::BitReader& reader, nch_state& state);
+
+#endif

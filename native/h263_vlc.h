@@ -1,0 +1,62 @@
+// The variable-length codes of the H.263 macroblock layer (ITU-T H.263, 5.3 and 5.4, Annex D).
+#ifndef KESTREL_NATIVE_H263_VLC_H
+#define KESTREL_NATIVE_H263_VLC_H
+
+#include <cstdint>
+#include <optional>
+
+#include "common/bit_reader.h"
+
+namespace kestrel {
+
+// MB type of Tables 7 and 8 (the standard's own numbers).
+enum class MbType : uint8_t {
+    kInter = 0,
+    kInterQ = 1,
+    kInter4V = 2,
+    kIntra = 3,
+    kIntraQ = 4,
+    kInter4VQ = 5,
+    kStuffing = 6,  // no macroblock: bits that the encoder put in to fill up
+};
+
+constexpr bool is_intra(MbType type) {
+    return type == MbType::kIntra || type == MbType::kIntraQ;
+}
+constexpr bool has_four_vectors(MbType type) {
+    return type == MbType::kInter4V || type == MbType::kInter4VQ;
+}
+constexpr bool has_dquant(MbType type) {
+    return type == MbType::kInterQ || type == MbType::kIntraQ || type == MbType::kInter4VQ;
+}
+
+// MCBPC: the type, and which chrominance blocks carry coefficients (bit 1 is CB, bit 0 is CR).
+struct Mcbpc {
+    MbType type = MbType::kStuffing;
+    unsigned chroma = 0;
+};
+
+// Each reader moves past the code it found and yields nothing where no code of its table stands.
+// Reading past the end shows in the BitReader only.
+std::optional<Mcbpc> read_mcbpc_intra(BitReader& reader);
+std::optional<Mcbpc> read_mcbpc_inter(BitReader& reader);
+
+// CBPY in its meaning for intra macroblocks, four bits, block 1 in the highest. For inter
+// macroblocks the same code means the complement.
+std::optional<unsigned> read_cbpy_intra(BitReader& reader);
+
+// A motion vector difference of Table 14, in half pixels, -32..32.
+std::optional<int> read_mvd(BitReader& reader);
+
+// A motion vector difference of the reversible code of Table D.3, in half pixels, -4095..4095.
+std::optional<int> read_reversible_mvd(BitReader& reader);
+
+// One TCOEF event of Table 16, its sign or its escape fields included; yields LAST.
+// `extended_level` allows the long escape of Annex T. The tables of Annexes I and S give the same
+// code words other runs and levels but never another LAST, so that this one walks their
+// blocks as well.
+std::optional<bool> read_tcoef(BitReader& reader, bool extended_level);
+
+}  // namespace kestrel
+
+#endif
