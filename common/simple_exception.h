@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <source_location>
 #include <string>
 
 #include "kestrel/log.h"
@@ -69,8 +68,9 @@ struct LogSite {
     long line;
 };
 
-inline LogSite at(const char* file, std::source_location here = std::source_location::current()) {
-    return {file, static_cast<long>(here.line())};
+// (The builtin and not std::source_location, which clang 14 does not have.)
+inline LogSite at(const char* file, int line = __builtin_LINE()) {
+    return {file, line};
 }
 
 // Writes a line if its level is enabled; below it nothing is built or formatted. Never throws.
