@@ -62,8 +62,9 @@ int myfprintf(std::FILE* stream, const char* format, ...) {
 namespace kestrel {
 namespace {
 
-void log_arguments(const char* prefix, LogSite site, const char* format,
-                   va_list arguments) noexcept {
+__attribute__((format(printf, 3, 0))) void log_arguments(const char* prefix, LogSite site,
+                                                         const char* format,
+                                                         va_list arguments) noexcept {
     try {
         SimpleException::from_arguments(site.file, site.line, format, arguments).Log(prefix);
     } catch (...) {

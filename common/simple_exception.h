@@ -32,7 +32,7 @@ class SimpleException {
     const std::string& file() const { return file_; }
 
     static SimpleException from_arguments(const std::string& file, long line, const char* format,
-                                          va_list arguments);
+                                          va_list arguments) __attribute__((format(printf, 3, 0)));
 
   private:
     std::string message_;

@@ -10,7 +10,8 @@ std::vector<LoggedLine>& captured() {
     return lines;
 }
 
-void capture(int priority, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) void capture(int priority, const char* format,
+                                                   va_list arguments) {
     char text[1024];
     std::vsnprintf(text, sizeof text, format, arguments);
     captured().push_back({priority, text});
@@ -19,14 +20,16 @@ void capture(int priority, const char* format, va_list arguments) {
 }  // namespace
 
 // These take the place of libc's; a fortified build calls the second.
-extern "C" void syslog(int priority, const char* format, ...) {
+extern "C" __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format,
+                                                             ...) {
     va_list arguments;
     va_start(arguments, format);
     capture(priority, format, arguments);
     va_end(arguments);
 }
 
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
+extern "C" __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int,
+                                                                   const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     capture(priority, format, arguments);
