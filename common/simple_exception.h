@@ -68,6 +68,7 @@ struct LogSite {
     long line;
 };
 
+// (The builtin and not std::source_location, which clang 14 does not have.)
 inline LogSite at(const char* file, long line = __builtin_LINE()) {
     return {file, line};
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <limits>
 #include <memory>
 #include <new>
@@ -36,6 +37,8 @@ class Source {
     }
     virtual bool read(void* data, uint32_t offset, uint32_t count) = 0;
     virtual int wait() { return KST_HOST_COMPLETE; }
+    virtual bool write(const void*, uint32_t, uint32_t) { return false; }
+    virtual const std::vector<uint8_t>* written() const { return nullptr; }
 };
 
 class FileSource final : public Source {
@@ -78,6 +81,30 @@ class MemorySource final : public Source {
   private:
     const uint8_t* data_;
     uint32_t size_;
+};
+
+class WritableSource final : public Source {
+  public:
+    uint32_t available() const override { return static_cast<uint32_t>(bytes_.size()); }
+    bool read(void* data, uint32_t offset, uint32_t count) override {
+        std::memcpy(data, bytes_.data() + offset, count);
+        return true;
+    }
+    bool write(const void* data, uint32_t offset, uint32_t count) override {
+        const uint64_t end = uint64_t{offset} + count;
+        if (end > kMostBytes) return false;
+        try {
+            if (end > bytes_.size()) bytes_.resize(static_cast<size_t>(end));
+        } catch (const std::exception&) {
+            return false;
+        }
+        if (count > 0) std::memcpy(bytes_.data() + offset, data, count);
+        return true;
+    }
+    const std::vector<uint8_t>* written() const override { return &bytes_; }
+
+  private:
+    std::vector<uint8_t> bytes_;
 };
 
 // Reveals another source step by step.
@@ -206,8 +233,12 @@ uint32_t seek_n_read(void* context, void* data, uint32_t* count, int32_t offset)
     return status;
 }
 
-uint32_t seek_n_write(void*, const void*, uint32_t, int32_t) {
-    return KST_HOST_FAILED;
+uint32_t seek_n_write(void* context, const void* data, uint32_t count, int32_t offset) {
+    kst_host& host = host_of(context);
+    const uint32_t to = offset == -1 ? host.position : static_cast<uint32_t>(offset);
+    if (!host.source->write(data, to, count)) return KST_HOST_FAILED;
+    host.position = to + count;
+    return KST_HOST_OK;
 }
 
 uint32_t get_stream_size(void* context, uint32_t* size) {
@@ -306,6 +337,10 @@ kst_host* kst_host_from_memory(const void* data, size_t size) {
         [=] { return std::make_unique<MemorySource>(data, static_cast<uint32_t>(size)); });
 }
 
+kst_host* kst_host_for_writing_memory(void) {
+    return make_host([] { return std::make_unique<WritableSource>(); });
+}
+
 kst_host* kst_host_from_growing_memory(const void* data, size_t size, uint32_t step) {
     if (size > kMostBytes) {
         errno = EFBIG;
@@ -327,6 +362,12 @@ void kst_host_close(kst_host* host) {
 
 KST_IOSTREAM_CALLBACK_INTERFACE* kst_host_callbacks(kst_host* host) {
     return &host->callbacks;
+}
+
+const void* kst_host_written(const kst_host* host, size_t* size) {
+    const auto* written = host->source->written();
+    *size = written != nullptr ? written->size() : 0;
+    return written != nullptr ? written->data() : nullptr;
 }
 
 int kst_host_is_arriving(const kst_host* host) {

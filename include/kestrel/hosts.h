@@ -45,6 +45,10 @@ KESTREL_API kst_host* kst_host_from_file(const char* path);
 /* `size` complete bytes at `data`, which the caller keeps alive and unchanged. */
 KESTREL_API kst_host* kst_host_from_memory(const void* data, size_t size);
 
+/* An empty stream in memory that can be written and read back. SeekNWrite grows it: bytes between
+ * its end and the place written to become zeros. What was written is kst_host_written(). */
+KESTREL_API kst_host* kst_host_for_writing_memory(void);
+
 /* A file served as if it were still arriving: nothing of it is there at first, and each
  * kst_host_wait reveals `step` bytes more (at least 1). Its whole length is known from the start,
  * as that of a download usually is. */
@@ -61,8 +65,13 @@ KESTREL_API kst_host* kst_host_from_pipe(int fd);
 /* Closes the host and frees its table. Null is ignored. */
 KESTREL_API void kst_host_close(kst_host* host);
 
-/* The host's stream table, valid until kst_host_close. Of its slots, SeekNWrite always fails. */
+/* The host's stream table, valid until kst_host_close. Of its slots, SeekNWrite always fails,
+ * except for a host made by kst_host_for_writing_memory. */
 KESTREL_API KST_IOSTREAM_CALLBACK_INTERFACE* kst_host_callbacks(kst_host* host);
+
+/* The bytes of a host made by kst_host_for_writing_memory, `*size` of them, until the next write or
+ * kst_host_close; null with a size of 0 for any other host. */
+KESTREL_API const void* kst_host_written(const kst_host* host, size_t* size);
 
 /* Non-zero for a host whose file arrives: pass it as the flag of kst_ReadChunk. */
 KESTREL_API int kst_host_is_arriving(const kst_host* host);

@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 #include "kestrel/log.h"
 
@@ -53,15 +54,23 @@ const std::vector<std::string>& SyslogCapture::lines() const {
 
 namespace {
 
-// "ERR: a/b(12): text" without "a/b(12): ".
-std::string without_place(const std::string& line) {
-    constexpr size_t kPrefix = 5;
-    const size_t prefix = line[0] == '.' || line.size() < kPrefix ? 0 : kPrefix;
-    const size_t open = line.find('(', prefix);
-    const size_t close = line.find("): ", prefix);
-    const bool has_place = open != std::string::npos && close != std::string::npos &&
-                           line.find(' ', prefix) > open && open < close;
-    return has_place ? line.substr(0, prefix) + line.substr(close + 3) : line;
+constexpr size_t kPrefix = 5;  // characters of each level's prefix
+
+bool has_prefix(const std::string& line) {
+    for (const char* prefix : {"ERR: ", "WARN:", "DBG: ", "DBG2:"}) {
+        if (line.starts_with(prefix)) return true;
+    }
+    return false;
+}
+
+// "ERR: a/b(12): text\n" in its two parts, "ERR: " and "text".
+std::pair<std::string, std::string> split(const std::string& line) {
+    const std::string prefix = has_prefix(line) ? line.substr(0, kPrefix) : "";
+    std::string text = line.substr(prefix.size());
+    const size_t close = text.find("): ");
+    if (close != std::string::npos && text.find(' ') > close) text = text.substr(close + 3);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    return {prefix, text};
 }
 
 }  // namespace
@@ -69,9 +78,19 @@ std::string without_place(const std::string& line) {
 std::vector<std::string> SyslogCapture::messages() const {
     std::vector<std::string> out;
     for (const std::string& line : *captured) {
-        std::string text = without_place(line);
-        if (!text.empty() && text.back() == '\n') text.pop_back();
-        out.push_back(text);
+        const auto [prefix, text] = split(line);
+        out.push_back(prefix + text);
     }
     return out;
+}
+
+std::vector<std::string> SyslogCapture::texts() const {
+    std::vector<std::string> out;
+    for (const std::string& line : *captured)
+        out.push_back(split(line).second);
+    return out;
+}
+
+void SyslogCapture::clear() {
+    captured->clear();
 }

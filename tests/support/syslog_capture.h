@@ -19,6 +19,11 @@ class SyslogCapture {
     // The lines without file and line number: "ERR: .//a/b(12): text\n" becomes "ERR: text".
     std::vector<std::string> messages() const;
 
+    // The same without the level's prefix.
+    std::vector<std::string> texts() const;
+
+    void clear();
+
   private:
     int32_t level_before_;
 };

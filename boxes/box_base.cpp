@@ -1,0 +1,251 @@
+#include "boxes/box_base.h"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+
+#include "boxes/fields.h"
+#include "common/simple_exception.h"
+
+namespace Qvox3gp {
+namespace {
+
+constexpr const char* kSource = ".//boxes/box_base";
+constexpr uint32_t kSecondsFrom1904To1970 = 2082844800;
+
+void debug(const char* text, const kestrel::LogSite& site) {
+    kestrel::log_line(kestrel::kDebug, site, "%s", text);
+}
+
+}  // namespace
+
+void throw_invalid_size(const BoxExtent& extent) {
+    const kestrel::LogSite site = kestrel::at(kSource);
+    throw SimpleException(site.file, site.line,
+                          "Invalid size found in box.  Current file position is %u, box size is "
+                          "%u, total offset is %u.  File size is %u.",
+                          extent.start, extent.size, extent.start + extent.size, extent.file_size);
+}
+
+void Box::Dump(Stream& io) const {
+    set_start(macro_Tell(io));
+    var32_write(io, GetSize());
+    var32_write_noswap(io, type_);
+}
+
+void Box::Read(Stream& io, unsigned int file_size) {
+    const uint32_t start = macro_Tell(io);
+    set_start(start);
+    if (start >= file_size) {
+        debug("Box::Read() resetting box...", kestrel::at(kSource));
+        Box::Reset();
+        return;
+    }
+    var32_read(io, size_);
+    var32_read_noswap(io, type_);
+    const BoxExtent extent{start, size_, file_size};
+    if (extent.end() > file_size) throw_invalid_size(extent);
+    if (macro_IsEOF(io)) {
+        debug("Box::Read() resetting box due to EOF", kestrel::at(kSource));
+        Box::Reset();
+    }
+}
+
+void Box::Reset() {
+    set_header(0, kUnknownType);
+}
+
+unsigned int Box::GetSize() const {
+    return kBoxHeaderSize;
+}
+
+unsigned int Box::GetSizeWhole() const {
+    return size_;
+}
+
+void Box::Peek(Stream& io, unsigned int file_size) {
+    Read(io, file_size);
+    seek_to_start(io);
+}
+
+void Box::Skip(Stream& io) {
+    seek_to_start(io);
+    macro_SeekRel(io, static_cast<int32_t>(size_));
+}
+
+bool Box::read_header(Stream& io, unsigned int file_size, BoxExtent& extent) {
+    Box::Read(io, file_size);
+    extent = {start_offset(), size_, file_size};
+    return !is_reset();
+}
+
+void Box::seek_to_start(Stream& io) const {
+    if (start_ == std::streampos(-1)) {
+        const kestrel::LogSite site = kestrel::at(kSource);
+        throw SimpleException(site.file, site.line, "Box has no place in the stream yet");
+    }
+    macro_Seek(io, start_offset());
+}
+
+Stream& operator<<(Stream& io, const Box& box) {
+    box.Dump(io);
+    return io;
+}
+
+uint32_t peek_box(Stream& io, uint32_t file_size) {
+    if (macro_Tell(io) >= file_size) {
+        debug("peek_box() returning unknown box due to EOF or stream position past file size",
+              kestrel::at(kSource));
+        return kUnknownType;
+    }
+    Box next;
+    next.Peek(io, file_size);
+    return next.GetType();
+}
+
+void FullBox::Dump(Stream& io) const {
+    set_start(macro_Tell(io));
+    FieldWriter writer(io);
+    writer.header(GetSize(), GetType());
+    fields(writer, *this);
+    writer.flush();
+}
+
+void FullBox::Read(Stream& io, unsigned int file_size) {
+    BoxExtent extent{};
+    if (!read_header(io, file_size, extent)) return;
+    FieldReader reader(io, extent);
+    fields(reader, *this);
+}
+
+unsigned int FullBox::GetSize() const {
+    return kFullBoxHeaderSize;
+}
+
+uint32_t GetCurrentTimestamp() {
+    return static_cast<uint32_t>(std::time(nullptr)) + kSecondsFrom1904To1970;
+}
+
+Timed::Timed() : creation_time_(GetCurrentTimestamp()), modification_time_(creation_time_) {}
+
+void Timed::Dump(Stream& io) const {
+    position_ = static_cast<std::streamoff>(macro_Tell(io));
+    FieldWriter writer(io);
+    fields(writer, *this);
+    writer.flush();
+}
+
+void Timed::Read(Stream& io, unsigned int file_size) {
+    const uint32_t position = macro_Tell(io);
+    position_ = static_cast<std::streamoff>(position);
+    FieldReader reader(io, {position, file_size - std::min(position, file_size), file_size});
+    fields(reader, *this);
+}
+
+unsigned int Timed::GetSize() const {
+    FieldSizer sizer(0);
+    fields(sizer, *this);
+    return sizer.size();
+}
+
+std::streampos Timed::GetPosition() const {
+    return position_;
+}
+
+UnknownBox::UnknownBox() = default;
+UnknownBox::~UnknownBox() = default;
+
+template <class F, class Self>
+void UnknownBox::fields(F& f, Self& self) {
+    f.skipped_body(self, 0);
+}
+
+void visit_fields(const Box& box, FieldVisitor& visitor) {
+    if (const auto* listed = dynamic_cast<const Listed*>(&box)) listed->list_fields(visitor);
+}
+
+void visit_children(const Box& box, const ChildVisitor& visitor) {
+    if (const auto* listed = dynamic_cast<const Listed*>(&box)) listed->list_children(visitor);
+}
+
+void FieldReader::take(std::span<uint8_t> to) {
+    if (!unread_.empty()) {
+        std::copy_n(unread_.begin(), to.size(), to.begin());
+        unread_ = unread_.subspan(to.size());
+        return;
+    }
+    if (to.size() > rest_of_box()) return;
+    macro_Read(io_, to.data(), static_cast<uint32_t>(to.size()));
+    position_ += to.size();
+}
+
+void FieldReader::fetch(uint32_t size) {
+    piece_.assign(size, 0);
+    fill(piece_);
+    unread_ = piece_;
+}
+
+// All of `to`, however the host cuts it; less than that means that the box claims bytes that the
+// stream does not have.
+void FieldReader::fill(std::span<uint8_t> to) {
+    const auto wanted = static_cast<uint32_t>(to.size());
+    if (wanted > 0 && read_available(io_, to.data(), wanted) < wanted) throw_invalid_size(extent_);
+    position_ += wanted;
+}
+
+void FieldReader::blob(std::string_view, std::vector<uint8_t>& data, uint32_t size) {
+    require(size);
+    data.clear();
+    while (size > 0) {
+        const uint32_t now = std::min(size, kPiece);
+        const size_t had = data.size();
+        data.resize(had + now);
+        fill(std::span(data).subspan(had));
+        size -= now;
+    }
+}
+
+void FieldReader::dropped_text() {
+    constexpr uint32_t kTerminator = 1;
+    uint32_t rest = rest_of_box();
+    rest -= std::min(rest, kTerminator);
+    while (rest > 0) {
+        const uint32_t now = std::min(rest, kPiece);
+        piece_.assign(now, 0);
+        fill(piece_);
+        rest -= now;
+    }
+    std::array<uint8_t, kTerminator> terminator{};
+    take(terminator);
+}
+
+void FieldReader::descriptor_size(std::string_view, uint32_t& value, uint8_t& width) {
+    value = 0;
+    if (rest_of_box() == 0) return;
+    width = static_cast<uint8_t>(ReadDescriptorSize(io_, value));
+    position_ += width;
+}
+
+void FieldWriter::descriptor_size(std::string_view, const uint32_t& value, const uint8_t& width) {
+    for (unsigned left = width; left-- > 0;) {
+        const uint32_t more = left > 0 ? 0x80 : 0;
+        pending_.push_back(static_cast<uint8_t>(more | (value >> (7 * left) & 0x7F)));
+    }
+}
+
+void FieldWriter::flush() {
+    if (pending_.empty()) return;
+    macro_Write(io_, pending_.data(), static_cast<uint32_t>(pending_.size()));
+    pending_.clear();
+}
+
+bool finish_child(Stream& io, const Box& child, uint32_t file_size) {
+    if (child.is_reset() && (macro_Tell(io) >= file_size || macro_IsEOF(io))) return false;
+    const auto start = static_cast<uint32_t>(static_cast<std::streamoff>(child.GetStart()));
+    const BoxExtent extent{start, child.GetSizeWhole(), file_size};
+    if (extent.size < kBoxHeaderSize) throw_invalid_size(extent);
+    if (macro_Tell(io) < extent.end()) macro_Seek(io, static_cast<uint32_t>(extent.end()));
+    return true;
+}
+
+}  // namespace Qvox3gp

@@ -1,0 +1,64 @@
+// The media data box.
+#ifndef KESTREL_BOXES_MDAT_BOX_H
+#define KESTREL_BOXES_MDAT_BOX_H
+
+#include <cstdint>
+#include <vector>
+
+#include "boxes/box_base.h"
+
+namespace Qvox3gp {
+
+class CHintSample;
+
+// Where one written chunk lies: the file offset of its first byte, and its size in bytes.
+class ChunkDef {
+  public:
+    ChunkDef() = default;
+    ChunkDef(uint32_t at, uint32_t bytes) : offset(at), size(bytes) {}
+    ChunkDef(const ChunkDef&) = default;
+    ChunkDef& operator=(const ChunkDef&) = default;
+    virtual ~ChunkDef() = default;
+
+    uint32_t offset = 0;
+    uint32_t size = 0;
+};
+
+// "mdat". Reading skips the media; Dump writes the header only. To write media: Dump, then a chunk
+// after the other, then Close; then patch the chunk tables from the lists that this box kept
+// (Fixupable) and dump them again. Each chunk holds one sample.
+class MdatBox : public Described<MdatBox, Box> {
+  public:
+    MdatBox();
+    ~MdatBox() override;
+
+    // Writes the final size into the header and moves to the end of the media.
+    virtual void Close(Stream& io);
+
+    // Appends `size` bytes to the media, wherever the stream stands, and their place to `chunks`,
+    // one of the lists below. Throws when the file would reach 4 GiB.
+    virtual void AddChunk(Stream& io, std::vector<ChunkDef>& chunks, const void* data,
+                          unsigned int size);
+
+    // The same with the bytes of a hint sample.
+    virtual void AddHintChunk(Stream& io, std::vector<ChunkDef>& chunks, const CHintSample* sample);
+
+    std::vector<ChunkDef>& VideoChunks() { return video_; }
+    std::vector<ChunkDef>& VideoHintChunks() { return video_hint_; }
+    std::vector<ChunkDef>& AudioChunks() { return audio_; }
+    std::vector<ChunkDef>& AudioHintChunks() { return audio_hint_; }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    uint32_t written_ = 0;
+    std::vector<ChunkDef> video_;
+    std::vector<ChunkDef> video_hint_;
+    std::vector<ChunkDef> audio_;
+    std::vector<ChunkDef> audio_hint_;
+};
+
+}  // namespace Qvox3gp
+
+#endif

@@ -1,0 +1,379 @@
+// The sample description box, its entries and their codec configuration boxes.
+#ifndef KESTREL_BOXES_SAMPLE_ENTRIES_H
+#define KESTREL_BOXES_SAMPLE_ENTRIES_H
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "boxes/box_base.h"
+
+namespace Qvox3gp {
+
+class SampleEntry : public Box {
+  public:
+    explicit SampleEntry(unsigned int type = kUnknownType) : Box(type) {}
+
+    // Which entry of "dref" tells where the media is, from 1.
+    uint16_t GetDataReferenceIndex() const { return data_reference_index_; }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    std::array<uint8_t, 6> reserved_{};
+    uint16_t data_reference_index_ = 1;
+};
+
+// An entry of any type that has no class of its own, hint entries included: everything behind the
+// box header, kept raw.
+class NullSampleEntry : public Described<NullSampleEntry, SampleEntry> {
+  public:
+    explicit NullSampleEntry(unsigned int type = kUnknownType);
+    ~NullSampleEntry() override;
+
+    const std::vector<uint8_t>& GetData() const { return data_; }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    std::vector<uint8_t> data_;
+};
+
+// A hint entry of any protocol: its data is kept raw. Never made by reading.
+class HintSampleEntry : public Described<HintSampleEntry, SampleEntry> {
+  public:
+    explicit HintSampleEntry(unsigned int type = code("rtp "));
+    ~HintSampleEntry() override;
+
+    const std::vector<uint8_t>& GetData() const { return data_; }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    std::vector<uint8_t> data_;
+};
+
+// "tims": the ticks per second of the RTP timestamps.
+class TimeScaleEntry : public Described<TimeScaleEntry, Box> {
+  public:
+    TimeScaleEntry();
+    ~TimeScaleEntry() override;
+
+    uint32_t GetTimescale() const { return timescale_; }
+    void SetTimescale(uint32_t timescale) { timescale_ = timescale; }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    uint32_t timescale_ = 90000;
+};
+
+// "rtp " (ISO/IEC 14496-12, 9.1.2). Never made by reading; for building hint tracks.
+class RTPHintSampleEntry : public Described<RTPHintSampleEntry, SampleEntry> {
+  public:
+    RTPHintSampleEntry();
+    ~RTPHintSampleEntry() override;
+
+    void SetMaxPacketSize(uint32_t bytes) { max_packet_size_ = bytes; }
+    TimeScaleEntry* GetTimeScaleEntry() const { return timescale_.get(); }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    uint16_t version_ = 1;
+    uint16_t highest_compatible_version_ = 1;
+    uint32_t max_packet_size_ = 1450;
+    std::unique_ptr<TimeScaleEntry> timescale_;
+};
+
+// "damr" (3GPP TS 26.244)
+class AMRSpecificBox : public Described<AMRSpecificBox, Box> {
+  public:
+    AMRSpecificBox();
+    ~AMRSpecificBox() override;
+
+    // A bit per mode that may occur.
+    uint16_t GetModeSet() const { return mode_set_; }
+    uint8_t GetFramesPerSample() const { return frames_per_sample_; }
+    void SetModes(uint16_t mode_set, uint8_t frames_per_sample) {
+        mode_set_ = mode_set;
+        frames_per_sample_ = frames_per_sample;
+    }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    uint32_t vendor_ = 0;
+    uint8_t decoder_version_ = 0;
+    uint16_t mode_set_ = 0x81FF;  // all speech modes of AMR and comfort noise
+    uint8_t mode_change_period_ = 0;
+    uint8_t frames_per_sample_ = 1;
+};
+
+// "samr" and "sawb". An entry without its "damr" is read and complained about in the log.
+class AMRSampleEntry : public Described<AMRSampleEntry, SampleEntry> {
+  public:
+    explicit AMRSampleEntry(unsigned int type = code("samr"));
+    ~AMRSampleEntry() override;
+
+    // Null when the entry has none.
+    AMRSpecificBox* GetAMRSpecific() const { return specific_.get(); }
+    void SetAMRSpecific(std::unique_ptr<AMRSpecificBox> specific);
+    void SetTimescale(uint16_t timescale) { timescale_ = timescale; }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+    void after_read() const;
+
+  private:
+    std::array<uint32_t, 2> reserved_{};
+    uint16_t channel_count_ = 2;
+    uint16_t sample_size_ = 16;
+    uint32_t reserved_2_ = 0;
+    uint16_t timescale_ = 8000;
+    uint16_t reserved_3_ = 0;
+    std::unique_ptr<AMRSpecificBox> specific_;
+};
+
+// What the entries of visual codecs have in common.
+struct VisualLayout {
+    std::array<uint32_t, 4> reserved{};
+    uint16_t width = 0;
+    uint16_t height = 0;
+    uint32_t horizontal_resolution = 0x00480000;  // 72 dots per inch, 16.16
+    uint32_t vertical_resolution = 0x00480000;
+    uint32_t reserved_2 = 0;
+    uint16_t frame_count = 1;
+    std::array<uint8_t, 32> compressor_name{};
+    uint16_t depth = 0x0018;
+    uint16_t pre_defined = 0xFFFF;
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+};
+
+// "d263" (3GPP TS 26.244)
+class H263SpecificBox : public Described<H263SpecificBox, Box> {
+  public:
+    H263SpecificBox();
+    ~H263SpecificBox() override;
+
+    uint8_t GetLevel() const { return level_; }
+    uint8_t GetProfile() const { return profile_; }
+    void SetProfile(uint8_t profile, uint8_t level) {
+        profile_ = profile;
+        level_ = level;
+    }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    uint32_t vendor_ = 0;
+    uint8_t decoder_version_ = 0;
+    uint8_t level_ = 10;
+    uint8_t profile_ = 0;
+};
+
+// "s263". Its "d263" is read without a look at what follows.
+class H263SampleEntry : public Described<H263SampleEntry, SampleEntry, FixupableDims> {
+  public:
+    H263SampleEntry();
+    ~H263SampleEntry() override;
+
+    void SetDimensions(unsigned int width, unsigned int height) override;
+    void GoToStart(Stream& io) override;
+
+    uint16_t GetWidth() const { return visual_.width; }
+    uint16_t GetHeight() const { return visual_.height; }
+    H263SpecificBox* GetH263Specific() const { return specific_.get(); }
+    void SetH263Specific(std::unique_ptr<H263SpecificBox> specific);
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    VisualLayout visual_;
+    std::unique_ptr<H263SpecificBox> specific_;
+};
+
+// The length of a descriptor and in how many bytes it is written.
+struct DescriptorSize {
+    uint32_t value = 0;
+    uint8_t width = 4;
+};
+
+// The elementary stream descriptor of ISO/IEC 14496-1, as it stands in an "esds".
+struct ESDInfo {
+    uint8_t es_tag = 0x03;
+    DescriptorSize es_size;
+    uint16_t es_id = 0;
+    uint8_t flags = 0;
+    uint8_t decoder_config_tag = 0x04;
+    DescriptorSize decoder_config_size;
+    uint8_t object_type_indication = 0x20;
+    uint32_t stream_type_and_buffer_size = 0x11000000;  // visual stream, then 24 bits of bytes
+    uint32_t max_bit_rate = 0;
+    uint32_t average_bit_rate = 0;
+    uint8_t decoder_specific_tag = 0x05;
+    DescriptorSize decoder_specific_size;
+    std::vector<uint8_t> decoder_specific;
+    uint8_t sl_config_tag = 0x06;
+    DescriptorSize sl_config_size{1, 4};
+    uint8_t sl_predefined = 2;
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+};
+
+// "esds". Optional fields that the ES descriptor's flags select are not supported.
+//
+// Read ends the process with exit status 1, after a line on the standard error stream, when the
+// object type indication is not that of MPEG-4 Visual. A host that cannot have that must look at
+// the file before it opens it.
+class ESDBox : public Described<ESDBox, FullBox> {
+  public:
+    ESDBox();
+    ~ESDBox() override;
+
+    const ESDInfo& GetESDInfo() const { return info_; }
+    // Sets the decoder specific information and the descriptor lengths that follow from it.
+    void SetDecoderSpecific(std::span<const uint8_t> data);
+    void SetBitRates(uint32_t max, uint32_t average);
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+    void after_read() const;
+
+  private:
+    ESDInfo info_;
+};
+
+// "mp4v". Its "esds" is read without a look at what follows. Its Read can end the process.
+class MP4VisualSampleEntry : public Described<MP4VisualSampleEntry, SampleEntry, FixupableDims> {
+  public:
+    MP4VisualSampleEntry();
+    ~MP4VisualSampleEntry() override;
+
+    void SetDimensions(unsigned int width, unsigned int height) override;
+    void GoToStart(Stream& io) override;
+
+    uint16_t GetWidth() const { return visual_.width; }
+    uint16_t GetHeight() const { return visual_.height; }
+    ESDBox* GetESDBox() const { return esds_.get(); }
+    void SetESDBox(std::unique_ptr<ESDBox> esds);
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    VisualLayout visual_;
+    std::unique_ptr<ESDBox> esds_;
+};
+
+struct ParameterSet {
+    uint16_t length = 0;
+    std::vector<uint8_t> data;
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+};
+
+// "avcC" (ISO/IEC 14496-15). A full box by class, yet laid out as a plain one; its header is read
+// as eight plain bytes, with no start position and no check of the size. What follows the picture
+// parameter sets is not read.
+class AVCCBox : public Described<AVCCBox, FullBox> {
+  public:
+    AVCCBox();
+    ~AVCCBox() override;
+
+    uint8_t GetProfile() const { return profile_; }
+    uint8_t GetLevel() const { return level_; }
+    // Bytes of the length in front of each NAL unit of a sample: 1 to 4.
+    unsigned int GetNalLengthSize() const { return (nal_length_ & kNalLengthBits) + 1u; }
+    // Every parameter set behind a start code 00 00 00 01, sequence sets first.
+    const std::vector<uint8_t>& GetParameterSets() const { return buffer_; }
+
+    void SetProfile(uint8_t profile, uint8_t compatibility, uint8_t level);
+    // At most 31 sequence and 255 picture sets of at most 65535 bytes; false for what does not fit.
+    bool AddSequenceSet(std::span<const uint8_t> set);
+    bool AddPictureSet(std::span<const uint8_t> set);
+
+    bool read_header(Stream& io, unsigned int file_size, BoxExtent& extent);
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+    void after_read() { gather(); }
+
+  private:
+    static constexpr uint8_t kNalLengthBits = 0x03;
+    static constexpr uint8_t kSequenceCountBits = 0x1F;
+
+    template <class F, class Sets>
+    static void sets(F& f, std::string_view name, Sets& sets, unsigned count);
+    void gather();
+
+    uint8_t configuration_version_ = 1;
+    uint8_t profile_ = 66;
+    uint8_t profile_compatibility_ = 0;
+    uint8_t level_ = 10;
+    uint8_t nal_length_ = 0xFF;      // six reserved bits
+    uint8_t sequence_count_ = 0xE0;  // three reserved bits
+    std::vector<ParameterSet> sequence_sets_;
+    uint8_t picture_count_ = 0;
+    std::vector<ParameterSet> picture_sets_;
+    std::vector<uint8_t> buffer_;
+};
+
+// "avc1". Its "avcC" is read without a look at what follows.
+class H264SampleEntry : public Described<H264SampleEntry, SampleEntry, FixupableDims> {
+  public:
+    H264SampleEntry();
+    ~H264SampleEntry() override;
+
+    void SetDimensions(unsigned int width, unsigned int height) override;
+    void GoToStart(Stream& io) override;
+
+    uint16_t GetWidth() const { return visual_.width; }
+    uint16_t GetHeight() const { return visual_.height; }
+    AVCCBox* GetAVCCBox() const { return avcc_.get(); }
+    void SetAVCCBox(std::unique_ptr<AVCCBox> avcc);
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    VisualLayout visual_;
+    std::unique_ptr<AVCCBox> avcc_;
+};
+
+// "stsd". Its Read can end the process (see ESDBox).
+class StsdBox : public Described<StsdBox, FullBox, Rewindable> {
+  public:
+    StsdBox();
+    ~StsdBox() override;
+
+    void GoToStart(Stream& io) override;
+
+    void AddSampleEntry(SampleEntry* entry, bool owned) { entries_.add(entry, owned); }
+    const std::vector<SampleEntry*>& GetSampleEntries() const { return entries_.boxes(); }
+    const std::vector<SampleEntry*>& children() const { return entries_.boxes(); }
+
+    Box& new_child(uint32_t type);
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  private:
+    BoxList<SampleEntry> entries_;
+};
+
+}  // namespace Qvox3gp
+
+#endif

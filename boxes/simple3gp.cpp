@@ -1,0 +1,57 @@
+#include "boxes/simple3gp.h"
+
+#include "boxes/fields.h"
+#include "common/simple_exception.h"
+
+namespace Qvox3gp {
+namespace {
+
+constexpr const char* kSource = ".//boxes/simple3gp";
+
+}  // namespace
+
+Simple3gp::Simple3gp() = default;
+Simple3gp::~Simple3gp() = default;
+
+template <class F, class Self>
+void Simple3gp::fields(F& f, Self& self) {
+    f.children(self);
+}
+
+void Simple3gp::Dump(Stream& io) const {
+    set_start(macro_Tell(io));
+    for (const Box* child : children())
+        child->Dump(io);
+}
+
+unsigned int Simple3gp::GetSize() const {
+    FieldSizer sizer(0);
+    fields(sizer, *this);
+    return sizer.size();
+}
+
+Box& Simple3gp::new_child(uint32_t type) {
+    static constexpr ChildKind<Simple3gp> kKinds[] = {
+        {code("mdat"), StoreChild<&Simple3gp::AddMdat>::make},
+        {code("moov"), StoreChild<&Simple3gp::SetMoov>::make},
+        {code("ftyp"), StoreChild<&Simple3gp::SetFtyp>::make}};
+    const char* name = type == code("mdat")   ? "MdatBox"
+                       : type == code("moov") ? "MoovBox"
+                       : type == code("ftyp") ? "FtypBox"
+                                              : "UnknownBox";
+    kestrel::log_line(kestrel::kDebug, kestrel::at(kSource), "Simple3gp::Read() Creating %s", name);
+    return make_child(*this, kKinds, type);
+}
+
+void Simple3gp::Read(Stream& io, unsigned int) {
+    const uint32_t file_size = GetFileSize(io);
+    uint32_t next = peek_box(io, file_size);
+    while (!macro_IsEOF(io) && macro_Tell(io) < file_size) {
+        Box& child = new_child(next);
+        child.Read(io, file_size);
+        if (!finish_child(io, child, file_size)) return;
+        next = peek_box(io, file_size);
+    }
+}
+
+}  // namespace Qvox3gp

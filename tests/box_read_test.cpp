@@ -1,0 +1,745 @@
+// Reading boxes: stream failures, sizes and counts that lie, and each layout's edges.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cinttypes>
+#include <functional>
+
+#include "boxes/sample_entries.h"
+#include "boxes/sample_tables.h"
+#include "boxes/simple3gp.h"
+#include "boxes/track_boxes.h"
+#include "common/simple_exception.h"
+#include "tests/support/allocation_watch.h"
+#include "tests/support/box_io.h"
+#include "tests/support/syslog_capture.h"
+
+namespace Qvox3gp {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr const char* kInvalidSize = "Invalid size found in box.";
+
+std::string message_of(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const SimpleException& exception) {
+        return exception.message();
+    }
+    return "";
+}
+
+std::string invalid_size(uint32_t position, uint32_t size, uint32_t file_size) {
+    return "Invalid size found in box.  Current file position is " + std::to_string(position) +
+           ", box size is " + std::to_string(size) + ", total offset is " +
+           std::to_string(position + size) + ".  File size is " + std::to_string(file_size) + ".";
+}
+
+enum class Slot { kNone, kGetOffset, kSeek, kRead, kWrite, kSize };
+
+// A host in front of another: fails one slot from its n-th call on, counts the calls, and can
+// claim a size or cut reads short.
+class FrontHost {
+  public:
+    explicit FrontHost(Bytes bytes = {}) : inner_(std::move(bytes)) {
+        table_ = {this, get_offset, seek, read, write, size, eof, index_read, advance, check};
+        io_ = &table_;
+    }
+    Stream& io() { return io_; }
+    int calls() const { return calls_; }
+    void reset_calls() { calls_ = 0; }
+
+    Slot failing = Slot::kNone;
+    int fail_at = 0;  // of all calls; with kNone any slot
+    uint32_t failure = 7;
+    uint32_t classified = 1;
+    bool silent = false;  // succeeds without delivering anything
+    uint32_t claimed_size = 0;
+
+  private:
+    static FrontHost& of(void* context) { return *static_cast<FrontHost*>(context); }
+    Stream& in() { return inner_.io(); }
+    bool fails(Slot slot) {
+        ++calls_;
+        return fail_at > 0 ? calls_ >= fail_at : slot == failing;
+    }
+    static uint32_t get_offset(void* c, uint32_t* offset) {
+        if (of(c).fails(Slot::kGetOffset)) return of(c).failure;
+        return of(c).silent ? 0 : of(c).in()->GetOffset(of(c).in()->Context, offset);
+    }
+    static uint32_t seek(void* c, uint32_t offset) {
+        if (of(c).fails(Slot::kSeek)) return of(c).failure;
+        return of(c).in()->Seek(of(c).in()->Context, offset);
+    }
+    static uint32_t read(void* c, void* data, uint32_t* count, int32_t offset) {
+        if (of(c).fails(Slot::kRead)) return of(c).failure;
+        EXPECT_EQ(offset, -1);
+        if (of(c).silent) *count = 0;
+        return of(c).silent ? 0 : of(c).in()->SeekNRead(of(c).in()->Context, data, count, offset);
+    }
+    static uint32_t write(void* c, const void* data, uint32_t count, int32_t offset) {
+        if (of(c).fails(Slot::kWrite)) return of(c).failure;
+        return of(c).in()->SeekNWrite(of(c).in()->Context, data, count, offset);
+    }
+    static uint32_t size(void* c, uint32_t* size) {
+        if (of(c).fails(Slot::kSize)) return of(c).failure;
+        const uint32_t status = of(c).in()->GetStreamSize(of(c).in()->Context, size);
+        of(c).in()->Seek(of(c).in()->Context, *size);  // a size query may move the position
+        if (of(c).claimed_size > 0) *size = of(c).claimed_size;
+        return status;
+    }
+    static uint32_t eof(void* c) {
+        return of(c).claimed_size > 0 ? 0 : of(c).in()->IsEOF(of(c).in()->Context);
+    }
+    static uint32_t index_read(void*, void*, uint32_t, uint32_t, uint32_t*) { return 7; }
+    static uint32_t advance(void*, uint32_t) { return 7; }
+    static uint32_t check(void* c, uint32_t* result, uint32_t status) {
+        *result = status == of(c).failure ? of(c).classified : 0;
+        return 0;
+    }
+
+    MemoryStream inner_;
+    KST_IOSTREAM_CALLBACK_INTERFACE table_{};
+    Stream io_ = nullptr;
+    int calls_ = 0;
+};
+
+TEST(StreamIo, FailuresCarryTheStatusAndTheContext) {
+    struct Case {
+        Slot slot;
+        const char* name;
+        std::function<void(Stream&)> call;
+    };
+    uint8_t byte = 0;
+    uint32_t word = 0;
+    const Case cases[] = {
+        {Slot::kRead, "SeekNRead", [&](Stream& io) { macro_Read(io, &byte, 1); }},
+        {Slot::kRead, "SeekNRead", [&](Stream& io) { var32_read(io, word); }},
+        {Slot::kRead, "SeekNRead", [&](Stream& io) { ReadDescriptorSize(io, word); }},
+        {Slot::kWrite, "SeekNWrite", [&](Stream& io) { macro_Write(io, &byte, 1); }},
+        {Slot::kWrite, "SeekNWrite", [&](Stream& io) { var16_write(io, 1); }},
+        {Slot::kSeek, "Seek", [](Stream& io) { macro_Seek(io, 1); }},
+        {Slot::kSeek, "Seek", [](Stream& io) { macro_SeekRel(io, 1); }},
+        {Slot::kGetOffset, "GetOffset", [](Stream& io) { macro_Tell(io); }},
+        {Slot::kGetOffset, "GetOffset", [](Stream& io) { macro_SeekRel(io, 1); }},
+        {Slot::kGetOffset, "GetOffset", [](Stream& io) { GetFileSize(io); }},
+        {Slot::kSeek, "Seek", [](Stream& io) { GetFileSize(io); }},
+        // The size query goes by another query's name.
+        {Slot::kSize, "Tell", [](Stream& io) { GetFileSize(io); }},
+    };
+    for (const Case& each : cases) {
+        for (uint32_t classified : {1u, 5u, 13u}) {  // not yet is a failure here as well
+            FrontHost host(zeros(8));
+            host.failing = each.slot;
+            host.failure = 0xFFFFFFFE;
+            host.classified = classified;
+            char expected[160];
+            std::snprintf(expected, sizeof expected,
+                          "IO Callback %s() failed with status: -2.  IO Context: 0x%" PRIXPTR,
+                          each.name, reinterpret_cast<uintptr_t>(&host));
+            EXPECT_EQ(message_of([&] { each.call(host.io()); }), expected);
+        }
+    }
+}
+
+TEST(StreamIo, ReadsAndWritesBigEndianAndAsTheBytesLie) {
+    MemoryStream out;
+    var8_write(out.io(), 0xAB);
+    var8_write_noswap(out.io(), 0xCD);
+    var16_write(out.io(), 0x1234);
+    var32_write(out.io(), 0xFEDCBA98);
+    var32_write_noswap(out.io(), code("moov"));
+    const Bytes bytes = out.written();
+    EXPECT_EQ(bytes, be(0xABCD, 2) + u16(0x1234) + u32(0xFEDCBA98) + text("moov"));
+
+    MemoryStream in(bytes);
+    uint8_t u8a = 0, u8b = 0;
+    uint16_t u16a = 0;
+    int32_t i32 = 0;
+    uint32_t raw = 0;
+    var8_read(in.io(), u8a);
+    var8_read_noswap(in.io(), u8b);
+    var16_read(in.io(), u16a);
+    var32_read(in.io(), i32);
+    var32_read_noswap(in.io(), raw);
+    EXPECT_EQ(u8a, 0xAB);
+    EXPECT_EQ(u8b, 0xCD);
+    EXPECT_EQ(u16a, 0x1234);
+    EXPECT_EQ(i32, static_cast<int32_t>(0xFEDCBA98));
+    EXPECT_EQ(type_text(raw), "moov");
+    EXPECT_TRUE(macro_IsEOF(in.io()));
+    macro_SeekRel(in.io(), -10);
+    int16_t i16 = 0;
+    uint32_t u32a = 0;
+    macro_SeekRel(in.io(), 2);
+    var16_read(in.io(), i16);
+    EXPECT_EQ(i16, static_cast<int16_t>(0xFEDC));
+    macro_SeekRel(in.io(), -2);
+    var32_read(in.io(), u32a);
+    EXPECT_EQ(u32a, 0xFEDCBA98u);
+}
+
+TEST(StreamIo, ShortAndSilentHostsLeaveNothingUninitialised) {
+    FrontHost host(zeros(8));
+    host.silent = true;
+    uint8_t buffer[2] = {1, 2};
+    macro_Read(host.io(), buffer, 2);  // untouched: a short read is not detected
+    EXPECT_EQ(buffer[1], 2);
+    EXPECT_EQ(macro_Tell(host.io()), 0u);
+    uint32_t value = 99;
+    var32_read(host.io(), value);
+    EXPECT_EQ(value, 0u);
+    value = 99;
+    ReadDescriptorSize(host.io(), value);
+    EXPECT_EQ(value, 0u);
+}
+
+TEST(StreamIo, FileSizeKeepsThePositionAndIsLoggedWhenDebugging) {
+    for (int32_t level : {3, 4}) {
+        SyslogCapture log(level);
+        FrontHost host(zeros(40));
+        macro_Seek(host.io(), 12);
+        EXPECT_EQ(GetFileSize(host.io()), 40u);
+        EXPECT_EQ(macro_Tell(host.io()), 12u);
+        if (level == 3) {
+            EXPECT_THAT(log.lines(), IsEmpty());
+        } else {
+            EXPECT_THAT(log.texts(), ElementsAre("File size is: 40 bytes"));
+            EXPECT_THAT(log.lines()[0], StartsWith("DBG: .//boxes/"));
+        }
+    }
+}
+
+TEST(StreamIo, DescriptorSizes) {
+    struct Case {
+        Bytes bytes;
+        uint32_t size;
+        unsigned taken;
+    };
+    const Case cases[] = {{{0x05}, 5, 1},
+                          {{0x7F}, 127, 1},
+                          {{0x81, 0x00}, 128, 2},
+                          {{0x80, 0x80, 0x80, 0x22}, 0x22, 4},
+                          {{0xFF, 0xFF, 0xFF, 0xFF, 0x01}, 0x0FFFFFFF, 4}};
+    for (const Case& each : cases) {
+        MemoryStream in(each.bytes);
+        uint32_t size = 0;
+        EXPECT_EQ(ReadDescriptorSize(in.io(), size), each.taken);
+        EXPECT_EQ(size, each.size);
+        EXPECT_EQ(in.position(), each.taken);
+    }
+}
+
+// --- box headers -------------------------------------------------------------------------------
+
+TEST(BoxHeader, IsTakenLiterally) {
+    for (uint32_t size : {0u, 1u, 7u, 8u, 12u}) {
+        MemoryStream in(header(size, "free") + zeros(8));
+        Box box;
+        EXPECT_EQ(type_text(box.GetType()), "????");
+        box.Read(in.io(), in.size());
+        EXPECT_EQ(box.GetSizeWhole(), size);
+        EXPECT_EQ(type_text(box.GetType()), "free");
+        EXPECT_EQ(static_cast<std::streamoff>(box.GetStart()), 0);
+        box.Skip(in.io());
+        EXPECT_EQ(in.position(), size);
+        box.Reset();
+        EXPECT_EQ(box.GetSizeWhole(), 0u);
+        EXPECT_EQ(type_text(box.GetType()), "????");
+    }
+}
+
+TEST(BoxHeader, MayEndWithTheFileButNotBehindIt) {
+    for (uint32_t size : {20u, 21u, 0xFFFFFFFFu}) {
+        MemoryStream in(zeros(4) + header(size, "mdat") + zeros(12));
+        macro_Seek(in.io(), 4);
+        Box box;
+        const std::string message = message_of([&] { box.Read(in.io(), in.size()); });
+        EXPECT_EQ(message, size == 20 ? "" : invalid_size(4, size, 24));
+    }
+}
+
+TEST(BoxHeader, IsResetAtTheEndOfTheFile) {
+    struct Case {
+        uint32_t position;
+        const char* logged;
+        const char* peek_logged;
+    };
+    const Case cases[] = {
+        {16, "Box::Read() resetting box...",
+         "peek_box() returning unknown box due to EOF or stream position past file size"},
+        {99, "Box::Read() resetting box...",
+         "peek_box() returning unknown box due to EOF or stream position past file size"},
+        {8, "Box::Read() resetting box due to EOF", "Box::Read() resetting box due to EOF"}};
+    for (const Case& each : cases) {
+        SyslogCapture log(4);
+        MemoryStream in(box("skip") + box("free"));
+        macro_Seek(in.io(), each.position);
+        Box read(code("moov"));
+        read.Read(in.io(), in.size());
+        EXPECT_TRUE(read.is_reset());
+        EXPECT_THAT(log.texts(), ElementsAre(each.logged));
+        log.clear();
+        macro_Seek(in.io(), each.position);
+        EXPECT_EQ(type_text(peek_box(in.io(), in.size())), "????");
+        EXPECT_EQ(in.position(), each.position);
+        EXPECT_THAT(log.texts(), ElementsAre(each.peek_logged));
+    }
+}
+
+TEST(BoxHeader, PeekingLeavesTheStreamWhereItWas) {
+    MemoryStream in(zeros(3) + box("moov", zeros(5)));
+    macro_Seek(in.io(), 3);
+    EXPECT_EQ(peek_box(in.io(), in.size()), code("moov"));
+    EXPECT_EQ(in.position(), 3u);
+    UnknownBox unknown;
+    unknown.Read(in.io(), in.size());
+    EXPECT_EQ(in.position(), in.size());
+    EXPECT_EQ(unknown.GetSize(), 8u);
+    EXPECT_EQ(unknown.GetSizeWhole(), 13u);
+    FullBox full;
+    EXPECT_EQ(full.GetSize(), 12u);
+}
+
+// --- whole files -------------------------------------------------------------------------------
+
+// Reads a file and hands it to a check; answers what was thrown.
+std::string read_file(
+    const Bytes& bytes, const std::function<void(Simple3gp&)>& check = [](Simple3gp&) {}) {
+    MemoryStream in(bytes);
+    Simple3gp file;
+    const std::string message = message_of([&] { file.Read(in.io(), 0); });
+    check(file);
+    return message;
+}
+
+const Bytes kFtyp = box("ftyp", text("3gp4") + u32(0x200) + text("3gp4"));
+
+TEST(WholeFile, LogsWhatItCreates) {
+    SyslogCapture log(4);
+    EXPECT_EQ(read_file(kFtyp + box("moov", box("udta", zeros(4))) + box("mdat", zeros(4)) +
+                        box("wide", zeros(1))),
+              "");
+    std::vector<std::string> created;
+    for (const auto& line : log.texts()) {
+        if (line.starts_with("Simple3gp::Read()")) created.push_back(line);
+    }
+    EXPECT_THAT(
+        created,
+        ElementsAre("Simple3gp::Read() Creating FtypBox", "Simple3gp::Read() Creating MoovBox",
+                    "Simple3gp::Read() Creating MdatBox", "Simple3gp::Read() Creating UnknownBox"));
+    EXPECT_EQ(log.texts()[0],
+              "File size is: " + std::to_string(kFtyp.size() + 20 + 12 + 9) + " bytes");
+}
+
+TEST(WholeFile, TheLastFtypAndMoovCount) {
+    const Bytes second = box("ftyp", text("mp42") + u32(0));
+    read_file(kFtyp + box("moov", box("trak", box("free", zeros(1)))) + second +
+                  box("moov", box("free", zeros(1))) + box("free", zeros(1)),
+              [](Simple3gp& file) {
+                  EXPECT_EQ(file.GetFtyp()->GetMajorBrand(), code("mp42"));
+                  EXPECT_THAT(file.GetFtyp()->GetCompatibleBrands(), IsEmpty());
+                  EXPECT_THAT(file.GetMoov()->GetTraks(), IsEmpty());
+                  EXPECT_EQ(file.children().size(), 5u);  // the earlier ones live on
+              });
+}
+
+TEST(WholeFile, EmptyAndHeaderOnlyFilesEndCleanly) {
+    for (const Bytes& bytes :
+         {Bytes{}, box("free"), box("ftyp"), kFtyp + box("free"), kFtyp + box("moov"),
+          kFtyp + box("moov", box("free")), kFtyp + box("moov", box("trak", box("mdia")))}) {
+        EXPECT_EQ(read_file(bytes), "");
+    }
+}
+
+// Every place where boxes are read in a loop, with a hole for one more box.
+std::vector<std::function<Bytes(const Bytes&)>> loops() {
+    std::vector<std::function<Bytes(const Bytes&)>> all;
+    all.push_back([](const Bytes& hole) { return hole; });
+    for (const char* path :
+         {"moov", "moov/trak", "moov/trak/tref", "moov/trak/edts", "moov/trak/mdia",
+          "moov/trak/mdia/minf", "moov/trak/mdia/minf/dinf", "moov/trak/mdia/minf/stbl"}) {
+        all.push_back([path = std::string(path)](const Bytes& hole) {
+            Bytes bytes = hole;
+            for (size_t end = path.size() + 1; end >= 5; end -= 5) {
+                bytes = box(path.substr(end - 5, 4), bytes);
+            }
+            return bytes;
+        });
+    }
+    const auto stbl = all.back();
+    all.push_back([stbl](const Bytes& hole) { return stbl(full_box("stsd", u32(1) + hole)); });
+    const auto dinf = all[7];
+    all.push_back([dinf](const Bytes& hole) { return dinf(full_box("dref", u32(1) + hole)); });
+    return all;
+}
+
+TEST(WholeFile, ABoxThatDoesNotMoveTheStreamEndsTheReading) {
+    for (const auto& loop : loops()) {
+        for (uint32_t size = 0; size < 8; ++size) {
+            const Bytes bytes = loop(header(size, "free") + zeros(4)) + zeros(4);
+            EXPECT_THAT(read_file(bytes), StartsWith(kInvalidSize)) << size;
+        }
+        EXPECT_EQ(read_file(loop(header(8, "free")) + box("free", zeros(1))), "");
+    }
+}
+
+TEST(WholeFile, OnlyTheFileBoundsAChild) {
+    const Bytes tail = box("free", zeros(20));
+    for (const auto& loop : loops()) {
+        const Bytes alone = loop(header(8, "free"));
+        const auto reach = static_cast<uint32_t>(8 + tail.size());
+        // As far as the end of the file, past the container's own end: the container stops there.
+        EXPECT_EQ(read_file(loop(header(reach, "free")) + tail), "");
+        EXPECT_THAT(read_file(loop(header(reach + 1, "free")) + tail), StartsWith(kInvalidSize));
+    }
+}
+
+TEST(WholeFile, WhatFollowsABoxsFieldsIsPassedOver) {
+    // A version 1 header is read as version 0, which is not noticed: the timescale is the low half
+    // of the creation time and the rest of the file stands.
+    const Bytes mvhd = box(
+        "mvhd", be(0x01000000, 4) + be(111, 8) + be(222, 8) + u32(90000) + be(333, 8) + zeros(80));
+    read_file(
+        kFtyp +
+            box("moov", mvhd + box("trak", box("tref", zeros(0) + box("hint", u32(5) + u32(6))))) +
+            box("mdat", zeros(1)),
+        [](Simple3gp& file) {
+            ASSERT_NE(file.GetMoov()->GetMvhd(), nullptr);
+            EXPECT_EQ(file.GetMoov()->GetMvhd()->GetTimescale(), 0u);
+            EXPECT_EQ(file.GetMoov()->GetMvhd()->GetDuration(), 222u);
+            const auto* hint =
+                file.GetMoov()->GetTraks().at(0)->GetTref()->GetTrackReferenceTypeBox();
+            EXPECT_EQ(hint->GetTrackID(0), 5u);
+            EXPECT_EQ(hint->GetTrackID(1), 0u);
+            EXPECT_EQ(file.children().size(), 3u);
+        });
+}
+
+TEST(WholeFile, ABoxTooShortForItsFieldsTakesNothingOfTheNext) {
+    const Bytes moov =
+        box("moov", box("mvhd", zeros(6)) + box("trak", box("tkhd") + box("tref", box("hint"))));
+    EXPECT_EQ(read_file(moov + box("mdat", zeros(1)),
+                        [](Simple3gp& file) {
+                            const auto& traks = file.GetMoov()->GetTraks();
+                            ASSERT_EQ(traks.size(), 1u);
+                            EXPECT_EQ(traks[0]->GetTkhd()->GetTrackId(), 0u);
+                            EXPECT_EQ(
+                                traks[0]->GetTref()->GetTrackReferenceTypeBox()->GetTrackID(0), 0u);
+                        }),
+              "");
+}
+
+TEST(WholeFile, AFailureAtAnyCallIsAnExceptionAndNothingLeaks) {
+    const Bytes bytes = file_bytes(KESTREL_SAMPLES "/av_h264_amrwb_hinted.3gp");
+    FrontHost good(bytes);
+    Simple3gp whole;
+    whole.Read(good.io(), 0);
+    ASSERT_GT(good.calls(), 300);
+    for (int call = 1; call <= good.calls(); call += 3) {
+        FrontHost host(bytes);
+        host.fail_at = call;
+        Simple3gp file;
+        EXPECT_THAT(message_of([&] { file.Read(host.io(), 0); }), StartsWith("IO Callback "));
+    }
+}
+
+TEST(WholeFile, CutAnywhereItReadsOrThrows) {
+    const Bytes bytes = file_bytes(KESTREL_SAMPLES "/mpeg4_hinted.3gp");
+    const size_t header_bytes = std::min<size_t>(bytes.size(), 4000);
+    for (size_t size = 0; size < header_bytes; size += 3) {
+        const std::string message =
+            read_file(Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)));
+        EXPECT_TRUE(message.empty() || message.starts_with(kInvalidSize)) << message;
+    }
+}
+
+// --- counts ------------------------------------------------------------------------------------
+
+struct TableCase {
+    const char* type;
+    Bytes before;  // between the full box header and the count
+    uint32_t entry_bytes;
+    std::function<std::unique_ptr<Box>()> make;
+    std::function<size_t(const Box&)> count;
+};
+
+template <class T, class Count>
+TableCase table(const char* type, Bytes before, uint32_t entry_bytes, Count count) {
+    return {type, std::move(before), entry_bytes, [] { return std::make_unique<T>(); },
+            [count](const Box& box) { return (dynamic_cast<const T&>(box).*count)().size(); }};
+}
+
+std::vector<TableCase> tables() {
+    return {table<ElstBox>("elst", {}, 12, &ElstBox::GetEditEntries),
+            table<SttsBox>("stts", {}, 8, &SttsBox::GetSampleEntries),
+            table<StscBox>("stsc", {}, 12, &StscBox::GetSampleEntries),
+            table<StszBox>("stsz", u32(0), 4, &StszBox::GetChunkSizes),
+            table<StcoBox>("stco", {}, 4, &StcoBox::GetChunkOffsets),
+            table<StssBox>("stss", {}, 4, &StssBox::GetSyncSampleEntries)};
+}
+
+TEST(Tables, HoldWhatTheBoxHoldsAndNoMore) {
+    for (const TableCase& each : tables()) {
+        for (uint32_t entries : {0u, 1u, 20000u}) {
+            const Bytes body = each.before + u32(entries) + zeros(entries * each.entry_bytes);
+            FrontHost in(full_box(each.type, body) + zeros(64));
+            const auto made = each.make();
+            made->Read(in.io(), static_cast<uint32_t>(12 + body.size()) + 64);
+            EXPECT_EQ(each.count(*made), entries) << each.type;
+            EXPECT_EQ(made->GetSize(), 12 + body.size());
+            EXPECT_EQ(macro_Tell(in.io()), 12 + body.size());
+            EXPECT_LT(in.calls(), 40) << each.type << ": tables are read in large pieces";
+        }
+        for (uint32_t entries : {2u, 0x40000000u, 0xFFFFFFFFu}) {
+            const Bytes body = each.before + u32(entries) + zeros(each.entry_bytes * 2 - 1);
+            MemoryStream in(full_box(each.type, body) + zeros(64));
+            const auto made = each.make();
+            largest_allocation = 0;
+            EXPECT_EQ(message_of([&] { made->Read(in.io(), in.size()); }),
+                      invalid_size(0, static_cast<uint32_t>(12 + body.size()), in.size()));
+            EXPECT_LT(largest_allocation, 4096u);
+        }
+    }
+}
+
+TEST(Tables, ALyingStreamSizeAllocatesNothingAhead) {
+    for (const TableCase& each : tables()) {
+        for (bool silent : {false, true}) {
+            const uint32_t count = (0xFFFFFFF0u - 64) / each.entry_bytes;
+            FrontHost in(header(0xFFFFFFF0u, each.type) + zeros(4) + each.before + u32(count) +
+                         zeros(100000));
+            in.claimed_size = 0xFFFFFFFFu;
+            in.silent = silent;
+            const auto made = each.make();
+            largest_allocation = 0;
+            const std::string message = message_of([&] { made->Read(in.io(), 0xFFFFFFFF); });
+            if (!silent) {
+                EXPECT_THAT(message, StartsWith(kInvalidSize));
+            }
+            EXPECT_LT(largest_allocation, 1u << 20) << each.type;
+        }
+    }
+}
+
+TEST(Tables, UniformSizesHaveNoList) {
+    MemoryStream in(full_box("stsz", u32(20) + u32(0xFFFFFFFF)) + zeros(4));
+    StszBox stsz;
+    stsz.Read(in.io(), in.size());
+    EXPECT_EQ(stsz.GetSampleSize(), 20u);
+    EXPECT_EQ(stsz.GetSampleCount(), 0xFFFFFFFFu);
+    EXPECT_THAT(stsz.GetChunkSizes(), IsEmpty());
+    EXPECT_EQ(stsz.GetSize(), 20u);
+}
+
+TEST(Tables, BoxesInCountedListsAreBoundedByTheirBox) {
+    for (const char* type : {"stsd", "dref"}) {
+        const Bytes wrong = full_box(type, u32(3) + box("rtp ") + box("rtp "));
+        const Bytes fewer = full_box(type, u32(2) + box("rtp ", zeros(24)));
+        const auto in_track = [&](const Bytes& bytes) {
+            const bool dref = std::string(type) == "dref";
+            return box("moov",
+                       box("trak", box("mdia", box("minf", box(dref ? "dinf" : "stbl", bytes))))) +
+                   box("free", zeros(1));
+        };
+        EXPECT_THAT(read_file(in_track(wrong)), StartsWith(kInvalidSize));
+        EXPECT_EQ(read_file(in_track(fewer)), "");
+    }
+}
+
+// --- layouts -----------------------------------------------------------------------------------
+
+template <class T>
+std::unique_ptr<T> read_box(const Bytes& bytes) {
+    MemoryStream in(bytes + zeros(1));
+    auto made = std::make_unique<T>();
+    made->Read(in.io(), in.size());
+    return made;
+}
+
+TEST(Layout, FtypBrands) {
+    EXPECT_THAT(read_box<FtypBox>(box("ftyp", text("3gp4") + u32(1)))->GetCompatibleBrands(),
+                IsEmpty());
+    EXPECT_THAT(read_box<FtypBox>(box("ftyp", text("3gp4") + u32(1) + text("3gp53gp6") + zeros(3)))
+                    ->GetCompatibleBrands(),
+                ElementsAre(code("3gp5"), code("3gp6")));
+    EXPECT_THAT(read_box<FtypBox>(box("ftyp", zeros(2)))->GetCompatibleBrands(), IsEmpty());
+}
+
+TEST(Layout, HandlerNamesOfAnyLengthAreDropped) {
+    for (size_t name : {0u, 1u, 2u, 14u, 200000u}) {
+        const auto hdlr =
+            read_box<HdlrBox>(full_box("hdlr", zeros(4) + text("hint") + zeros(12) + zeros(name)));
+        EXPECT_EQ(hdlr->GetHandlerType(), code("hint"));
+        EXPECT_EQ(hdlr->GetSize(), 33u);
+    }
+}
+
+TEST(Layout, ReferencesThatAreNotHintsAreUnknown) {
+    const auto tref = read_box<TrefBox>(box("tref", box("cdsc", u32(1))));
+    EXPECT_EQ(tref->GetTrackReferenceTypeBox(), nullptr);
+    ASSERT_EQ(tref->children().size(), 1u);
+    EXPECT_NE(dynamic_cast<const UnknownBox*>(tref->children()[0]), nullptr);
+}
+
+TEST(Layout, EditEntries) {
+    const auto elst =
+        read_box<ElstBox>(full_box("elst", u32(2) + u32(600) + u32(0xFFFFFFFF) + u32(0x00010000) +
+                                               u32(5) + u32(7) + u32(0x00020003)));
+    ASSERT_EQ(elst->GetEditEntries().size(), 2u);
+    EXPECT_EQ(elst->GetEditEntries()[0].media_time, -1);
+    EXPECT_EQ(elst->GetEditEntries()[1].segment_duration, 5u);
+    EXPECT_EQ(elst->GetEditEntries()[1].media_rate_integer, 2);
+    EXPECT_EQ(elst->GetEditEntries()[1].media_rate_fraction, 3);
+}
+
+const Bytes kEntryFields = zeros(6) + u16(1);
+const Bytes kAmrFields = kEntryFields + zeros(8) + u16(2) + u16(16) + zeros(4) + u16(8000) + u16(0);
+const Bytes kVisualFields = kEntryFields + zeros(16) + u16(176) + u16(144) + u32(0x480000) +
+                            u32(0x480000) + zeros(4) + u16(1) + zeros(32) + u16(24) + u16(0xFFFF);
+
+std::unique_ptr<StsdBox> read_stsd(const Bytes& entry) {
+    return read_box<StsdBox>(full_box("stsd", u32(1) + entry));
+}
+
+TEST(SampleEntries, HintEntriesAreKeptRaw) {
+    const Bytes body = kEntryFields + u16(1) + u16(1) + u32(1450) + box("tims", u32(90000));
+    const auto stsd = read_stsd(box("rtp ", body));
+    const auto* entry = dynamic_cast<const NullSampleEntry*>(stsd->GetSampleEntries().at(0));
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->GetType(), code("rtp "));
+    EXPECT_EQ(entry->GetData(), body);
+    // The class that a writer uses has the same layout.
+    EXPECT_EQ(dump(RTPHintSampleEntry()), box("rtp ", body));
+    const auto again = read_box<RTPHintSampleEntry>(box("rtp ", body));
+    EXPECT_EQ(again->GetTimeScaleEntry()->GetTimescale(), 90000u);
+    EXPECT_EQ(read_box<HintSampleEntry>(box("rtp ", body))->GetData().size(), body.size() - 8);
+}
+
+TEST(SampleEntries, Amr) {
+    const Bytes damr = box("damr", text("ABCD") + be(1, 1) + u16(0x81FF) + be(0, 1) + be(5, 1));
+    for (const char* type : {"samr", "sawb"}) {
+        SyslogCapture log(3);
+        const auto with = read_stsd(box(type, kAmrFields + damr));
+        const auto* entry = dynamic_cast<const AMRSampleEntry*>(with->GetSampleEntries().at(0));
+        ASSERT_NE(entry, nullptr);
+        EXPECT_EQ(type_text(entry->GetType()), type);
+        ASSERT_NE(entry->GetAMRSpecific(), nullptr);
+        EXPECT_EQ(entry->GetAMRSpecific()->GetModeSet(), 0x81FF);
+        EXPECT_EQ(entry->GetAMRSpecific()->GetFramesPerSample(), 5);
+        EXPECT_THAT(log.lines(), IsEmpty());
+    }
+}
+
+TEST(SampleEntries, AmrWithoutItsBoxIsLoggedAndKept) {
+    for (int32_t level : {1, 2}) {
+        SyslogCapture log(level);
+        const auto without = read_stsd(box("samr", kAmrFields));
+        const auto* entry = dynamic_cast<const AMRSampleEntry*>(without->GetSampleEntries().at(0));
+        EXPECT_EQ(entry->GetAMRSpecific(), nullptr);
+        if (level == 1) {
+            EXPECT_THAT(log.lines(), IsEmpty());
+        } else {
+            EXPECT_THAT(
+                log.texts(),
+                ElementsAre("No AMRSpecificBox(damr) in AMRSampleEntry box. Try to keep going..."));
+            EXPECT_THAT(log.lines()[0], StartsWith("ERR: "));
+        }
+    }
+}
+
+TEST(SampleEntries, H263) {
+    const Bytes d263 = box("d263", text("ABCD") + be(0, 1) + be(45, 1) + be(3, 1));
+    const auto stsd = read_stsd(box("s263", kVisualFields + d263 + box("pasp", zeros(8))));
+    const auto* entry = dynamic_cast<const H263SampleEntry*>(stsd->GetSampleEntries().at(0));
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->GetWidth(), 176);
+    EXPECT_EQ(entry->GetHeight(), 144);
+    EXPECT_EQ(entry->GetH263Specific()->GetLevel(), 45);
+    EXPECT_EQ(entry->GetH263Specific()->GetProfile(), 3);
+}
+
+TEST(SampleEntries, AMissingConfigurationIsReadFromWhatFollows) {
+    // Not detected: the next box is taken for it, whatever its type.
+    MemoryStream in(box("s263", kVisualFields) +
+                    box("stts", u32(0) + be(0, 1) + be(20, 1) + be(1, 1)) + zeros(4));
+    H263SampleEntry entry;
+    entry.Read(in.io(), in.size());
+    ASSERT_NE(entry.GetH263Specific(), nullptr);
+    EXPECT_EQ(entry.GetH263Specific()->GetType(), code("stts"));
+    EXPECT_EQ(entry.GetH263Specific()->GetLevel(), 20);
+}
+
+Bytes esds(uint8_t object_type, const Bytes& info, const Bytes& info_size) {
+    return full_box("esds", be(3, 1) + be(0x20, 1) + u16(1) + be(0, 1) + be(4, 1) + be(0x15, 1) +
+                                be(object_type, 1) + u32(0x11000000) + u32(64000) + u32(48000) +
+                                be(5, 1) + info_size + info + be(6, 1) + be(1, 1) + be(2, 1));
+}
+
+TEST(SampleEntries, Mpeg4) {
+    const Bytes info = text("config");
+    for (const Bytes& size : {be(6, 1), be(0x80808006, 4)}) {
+        const Bytes bytes = box("mp4v", kVisualFields + esds(0x20, info, size));
+        const auto stsd = read_stsd(bytes);
+        const auto* entry =
+            dynamic_cast<const MP4VisualSampleEntry*>(stsd->GetSampleEntries().at(0));
+        ASSERT_NE(entry, nullptr);
+        const ESDInfo& read = entry->GetESDBox()->GetESDInfo();
+        EXPECT_EQ(read.decoder_specific, info);
+        EXPECT_EQ(read.max_bit_rate, 64000u);
+        EXPECT_EQ(read.sl_predefined, 2);
+        EXPECT_EQ(dump(*entry), bytes);
+    }
+    for (const Bytes& size : {be(0x8148, 2), be(0xFFFFFF7F, 4), be(0x10, 1)}) {
+        EXPECT_THAT(
+            message_of([&] { read_stsd(box("mp4v", kVisualFields + esds(0x20, info, size))); }),
+            StartsWith(kInvalidSize));
+    }
+}
+
+TEST(SampleEntriesDeathTest, AForeignCodecEndsTheProcess) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    const Bytes bytes = box("mp4v", kVisualFields + esds(0x40, text("config"), be(6, 1)));
+    EXPECT_EXIT(read_stsd(bytes), testing::ExitedWithCode(1),
+                "^Bad 3GP file, only MP4 Video codec accepted in mp4v box\n$");
+}
+
+Bytes avcc(const Bytes& sequence_sets, const Bytes& picture_sets) {
+    return box("avcC", Bytes{1, 66, 0xC0, 10, 0xFF} + sequence_sets + picture_sets);
+}
+
+TEST(SampleEntries, H264ParameterSetsStandBehindStartCodes) {
+    const Bytes start = {0, 0, 0, 1};
+    const Bytes sequence(10, 0x67);
+    const Bytes picture(4, 0x68);
+    const Bytes bytes = box("avc1", kVisualFields + avcc(be(0xE1, 1) + u16(10) + sequence,
+                                                         be(1, 1) + u16(4) + picture));
+    const auto stsd = read_stsd(bytes);
+    const auto* entry = dynamic_cast<const H264SampleEntry*>(stsd->GetSampleEntries().at(0));
+    ASSERT_NE(entry, nullptr);
+    const AVCCBox& read = *entry->GetAVCCBox();
+    EXPECT_EQ(read.GetParameterSets(), start + sequence + start + picture);
+    EXPECT_EQ(read.GetNalLengthSize(), 4u);
+    EXPECT_EQ(static_cast<std::streamoff>(read.GetStart()), -1);
+    EXPECT_EQ(dump(*entry), bytes);
+}
+
+TEST(SampleEntries, H264ManyAndLargeSets) {
+    const Bytes large(65535, 7);
+    Bytes sets = be(0xFF, 1);
+    for (int i = 0; i < 31; ++i)
+        sets = sets + u16(65535) + large;
+    Bytes pictures = be(0, 1);
+    const auto avc = read_box<AVCCBox>(avcc(sets, pictures));
+    EXPECT_EQ(avc->GetParameterSets().size(), 31u * (65535 + 4));
+    // A set that the file does not hold; the box's own size is not believed either way.
+    MemoryStream in(header(0, "avcC") + Bytes{1, 66, 0, 10, 0xFF, 0xE1} + u16(20) + zeros(19));
+    AVCCBox cut;
+    EXPECT_THAT(message_of([&] { cut.Read(in.io(), in.size()); }), StartsWith(kInvalidSize));
+}
+
+}  // namespace
+}  // namespace Qvox3gp
