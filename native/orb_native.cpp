@@ -1,5 +1,8 @@
 #include "native/orb_native.h"
 
+#include <algorithm>
+
+#include "common/clock.h"
 #include "kestrel/isoff.h"
 
 // Setting up a packetiser, and the entry that calls the one that was chosen.
@@ -8,6 +11,7 @@ using namespace kestrel;
 
 namespace {
 
+constexpr uint32_t kVideoClock = 90000;
 constexpr uint32_t kAmrClock = 8000;
 constexpr uint32_t kAmrWideBandClock = 16000;
 constexpr int32_t kMostPayload = 1400;
@@ -21,6 +25,9 @@ struct CodecEntry {
 };
 
 constexpr CodecEntry kCodecs[] = {
+    {ISO_CODEC_MP4V, kVideoClock, tel_video_packet, orb_video_packet},
+    {ISO_CODEC_S263, kVideoClock, tel_video_packet, orb_video_packet},
+    {ISO_CODEC_AVC1, kVideoClock, tel_rfc3984_packet, nullptr},
     {ISO_CODEC_MP4A, 0, nullptr, nullptr},
     {ISO_CODEC_SAMR, kAmrClock, tel_amr_packet, orb_amr_packet},
     {ISO_CODEC_SAWB, kAmrWideBandClock, tel_amr_packet, nullptr},
@@ -55,7 +62,12 @@ int tel_native_init(tel_native* state, int payload_type, int max_packet, int mod
     state->max_payload = kMostPayload;
     state->packetise = entry->tel;
     init_header(state->hdr, payload_type, mode, flags, entry->clock);
-    static_cast<void>(max_packet);
+    if (track->codec == ISO_CODEC_AVC1) {
+        state->max_payload = max_packet;
+        state->nal_len_size = track->nal_length_size;
+        state->dsi = track->param_sets;
+        state->dsi_len = static_cast<int32_t>(track->param_sets_length);
+    }
     return 0;
 }
 
@@ -81,4 +93,43 @@ int orb_native_packet(void* out, int out_size, void* in, int in_len, double dura
                       orb_native* state) {
     if (state->packetise == nullptr) return -1;
     return state->packetise(out, out_size, in, in_len, duration, state);
+}
+
+int orb_buffer_estimate(iso_track* track, int mode, double factor) {
+    constexpr double kFewestPacketsPerSample = 10;
+    constexpr double kLargestCountFactor = 100;  // above it, `factor` is a packet size
+    constexpr double kFrameSeconds = 0.02;
+    constexpr double kRfc2190Headers = 16;
+    int count = 0;
+    int signed_bytes = 0;
+    double duration = 0.0;
+    if (isoFFtrackInfo(track, nullptr, &count, &duration, &signed_bytes) != 0) return 0;
+    const double bytes = static_cast<uint32_t>(signed_bytes);
+    const double packets =
+        factor <= kLargestCountFactor
+            ? std::floor(count * std::max(factor, kFewestPacketsPerSample) + 0.5)
+            : std::max<double>(count, std::floor(bytes / (factor - kRfc2190Headers) + 0.5)) *
+                  kFewestPacketsPerSample;
+    double estimate = 0.0;
+    switch (track->codec) {
+        case ISO_CODEC_MP4A:
+        case ISO_CODEC_SAWP:
+            estimate = count * double{orb_header_size} + bytes;
+            break;
+        case ISO_CODEC_SAMR:
+        case ISO_CODEC_SAWB:
+            estimate = std::floor(duration / kFrameSeconds + 0.5) * orb_header_size + bytes;
+            break;
+        case ISO_CODEC_S263:
+            estimate =
+                packets * (mode == NATIVE_MODE_RFC2190 ? kRfc2190Headers : orb_header_size) + bytes;
+            break;
+        case ISO_CODEC_MP4V:
+        case ISO_CODEC_AVC1:
+            estimate = packets * orb_header_size + bytes;
+            break;
+        default:
+            break;
+    }
+    return static_cast<int>(std::min<double>(estimate, INT32_MAX));
 }

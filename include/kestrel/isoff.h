@@ -149,6 +149,7 @@ struct iso_track {
     int32_t layer, alternate_group, volume;
     uint8_t* dsi;  // decoder-specific information: payload of `esds`, or the whole `avcC`
     uint32_t dsi_length;
+    uint32_t dsi_capacity;                           // bytes that `dsi` has room for
     uint32_t buffer_size, max_bitrate, avg_bitrate;  // bytes, bits per second
     uint32_t profile_compat;                         // `avcC` byte 2
     int32_t nal_length_size;                         // bytes of a NAL unit's length field
@@ -291,6 +292,28 @@ KESTREL_API iso_track* isoFFfindHintTrack(iso_track* media, int max_packet);
 // when the stream fails.
 // To seek, move the hint track with isoFFsetPosition: the next packet comes from there.
 KESTREL_API int isoFFrtpPacket(iso_track* hint, void* buffer);
+
+// The decoder-specific information as stored (payload of `esds`, or the whole `avcC`), null without
+// one; it stays the file's. `prepend` non-zero makes isoFFframeInfo count it into the next sample.
+KESTREL_API uint8_t* isoFFgetDecoderSpecificInfo(iso_track* track, int* length, int prepend);
+
+// The parameter sets of an `avcC`, each behind a start code 00 00 00 01, sequence sets first.
+// Stores a new buffer through `out`, to be released with systemfree, and returns its length; -1
+// without decoder-specific information or memory. `prepend` is not looked at.
+KESTREL_API int isoFFGetDSIin3GPP(iso_track* track, int prepend, unsigned char** out);
+
+// Writes the parameter sets of `media` as `tel` packets into `buffer`, which must hold
+// param_sets_length bytes and 20 for each set, and stores their total length. They take the next
+// sequence numbers of `hint`, whose packets then follow without a gap.
+KESTREL_API void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type,
+                                 unsigned char* buffer, int* length);
+
+// From parameter sets separated by start codes 00 00 00 01 to an `avcC` record of at most 256 bytes
+// with 2-byte NAL unit lengths; other NAL units are left out. 1 with a new buffer, to be released
+// with systemfree; 0 without memory, without a sequence parameter set, or when 256 bytes are too
+// few.
+KESTREL_API int convertDCI_3gpp_to_ISO(const unsigned char* in, unsigned length,
+                                       unsigned char** out, int* out_length);
 
 // Memory from the file's arena, which goes as a whole when the file is closed; isoFFfree only
 // counts. Null when there is none.

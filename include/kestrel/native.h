@@ -4,7 +4,7 @@
 //
 // The records and packets are described in kestrel/native_records.h and docs/native-format.md.
 // `tel` fields are in host byte order (little-endian on x86), `orb` headers are big-endian. None of
-// these functions throws or allocates.
+// these functions throws.
 #ifndef KESTREL_NATIVE_H
 #define KESTREL_NATIVE_H
 
@@ -142,6 +142,25 @@ KESTREL_API int tel_put_hdr_vid_fileInfo(void* out, double duration);
 KESTREL_API int tel_put_hdr_aud_frame(void* out, tel_native* state, uint32_t length);
 KESTREL_API int tel_put_hdr_aud_frame_wb(void* out, tel_native* state, uint32_t length);
 
+// PROP_Header_Info of a video stream (MPEG-4, H.263, H.264), with the frame rate.
+KESTREL_API int tel_put_hdr_vid_prop(void* out, uint32_t value);
+KESTREL_API int tel_put_hdr_vid_prop263(void* out, uint32_t value);
+KESTREL_API int tel_put_hdr_vid_prop264(void* out, uint32_t value);
+// VID_Header_NTSInfo and VID_Header_IndxInfo, all zero.
+KESTREL_API int tel_put_hdr_vid_nts(void* out);
+KESTREL_API int tel_put_hdr_vid_index(void* out);
+// VID_Header_CodecInfo with the track's picture size and the bit rate in bits per second. H.263 is
+// named "s263" when iso_track::last_payload_type is 34, else "s263+".
+KESTREL_API int tel_put_hdr_vid_codec(void* out, const iso_track* track, uint32_t value);
+KESTREL_API int tel_put_hdr_vid_codec263(void* out, const iso_track* track, uint32_t value);
+KESTREL_API int tel_put_hdr_vid_codec264(void* out, const iso_track* track, uint32_t value);
+// Codec configuration, from the track's decoder configuration; at most 350 bytes of it. The H.264
+// record leaves its last three bytes as they were, and the constraint word when the parameter sets
+// are 8 bytes or shorter.
+KESTREL_API int tel_put_hdr_vid_codecCfg(void* out, const iso_track* track);
+KESTREL_API int tel_put_hdr_vid_codecCfg263(void* out, const iso_track* track);
+KESTREL_API int tel_put_hdr_vid_codecCfg264(void* out, iso_track* track);
+
 // --- packetisers ---
 
 // Prepares `state` for the samples of `track`: a packet of at most `max_packet` bytes (H.264 and
@@ -155,10 +174,16 @@ KESTREL_API int orb_native_init(orb_native* state, int payload_type, int max_pac
 // Cuts one sample of `in_len` bytes and `duration` seconds into packets, written back to back into
 // `out`. Returns the bytes written; -1 when `out_size` is too small or the codec has no packetiser;
 // -2 when an H.263 picture header cannot be parsed. After -1 the packets written so far stand.
+// For H.264 `out` must have room for four bytes beyond `out_size` for each FU-A packet that fits:
+// their two header bytes are credited to the room instead of charged.
 KESTREL_API int tel_native_packet(void* out, int out_size, void* in, int in_len, double duration,
                                   tel_native* state);
 KESTREL_API int orb_native_packet(void* out, int out_size, void* in, int in_len, double duration,
                                   orb_native* state);
+
+// An upper estimate, in bytes, of the `orb` output of a whole track. `factor` up to 100 is packets
+// per sample (at least 10 are taken), above it the packet size.
+KESTREL_API int orb_buffer_estimate(iso_track* track, int mode, double factor);
 
 // --- AMR frames: format 1 is the storage format (RFC 4867, 5.3), format 2 the interface format
 // with the type in the low bits and each nibble reversed, format 3 wide-band storage ---

@@ -78,6 +78,140 @@ void visit_fields(const VID_FileInfo& r, Visitor&& visitor) {
     visitor("filler", r.filler);
 }
 
+// Start offsets of the two media, in clock units; 0 where they are not known.
+struct VID_Header_NTSInfo {
+    uint32_t video_start;
+    uint32_t audio_start;
+};
+static_assert(sizeof(VID_Header_NTSInfo) == 8);
+
+template <typename Visitor>
+void visit_fields(const VID_Header_NTSInfo& r, Visitor&& visitor) {
+    visitor("video_start", r.video_start);
+    visitor("audio_start", r.audio_start);
+}
+
+struct VID_Header_IndxInfo {
+    uint32_t index_words[2];
+};
+static_assert(sizeof(VID_Header_IndxInfo) == 8);
+
+template <typename Visitor>
+void visit_fields(const VID_Header_IndxInfo& r, Visitor&& visitor) {
+    visitor("index_0", r.index_words[0]);
+    visitor("index_1", r.index_words[1]);
+}
+
+struct VID_Header_CodecInfo {
+    char codec[8];  // "mp4v", "s263", "s263+" or "s264", padded with NULs
+    uint32_t zero;
+    uint32_t bit_rate;  // bits per second
+    uint32_t width;     // pixels
+    uint32_t height;
+    uint32_t config_length;  // 356, or 365 for H.264; not the size of the record that follows
+};
+static_assert(sizeof(VID_Header_CodecInfo) == 28);
+
+template <typename Visitor>
+void visit_fields(const VID_Header_CodecInfo& r, Visitor&& visitor) {
+    visitor("codec", r.codec);
+    visitor("zero", r.zero);
+    visitor("bit_rate", r.bit_rate);
+    visitor("width", r.width);
+    visitor("height", r.height);
+    visitor("config_length", r.config_length);
+}
+
+struct VID_Header_MPEG4CodecConfig {
+    uint32_t profile_level;
+    uint8_t config[kMostConfigBytes];  // decoder-specific information, zero-filled
+    uint16_t length;                   // of it, in bytes
+};
+static_assert(sizeof(VID_Header_MPEG4CodecConfig) == 356);
+
+template <typename Visitor>
+void visit_fields(const VID_Header_MPEG4CodecConfig& r, Visitor&& visitor) {
+    visitor("profile_level", r.profile_level);
+    visitor("config", r.config);
+    visitor("length", r.length);
+}
+
+struct VID_Header_H263CodecConfig {
+    uint32_t profile;
+    uint32_t level;
+};
+static_assert(sizeof(VID_Header_H263CodecConfig) == 8);
+
+template <typename Visitor>
+void visit_fields(const VID_Header_H263CodecConfig& r, Visitor&& visitor) {
+    visitor("profile", r.profile);
+    visitor("level", r.level);
+}
+
+struct VID_Header_H264CodecConfig {
+    uint32_t profile;
+    uint32_t constraints;
+    uint32_t level;
+    uint8_t config[kMostConfigBytes];  // parameter sets behind start codes, zero-filled
+    uint16_t length;                   // of them, in bytes
+    uint8_t two;                       // 2
+    uint8_t unused[3];
+};
+static_assert(sizeof(VID_Header_H264CodecConfig) == 368);
+
+template <typename Visitor>
+void visit_fields(const VID_Header_H264CodecConfig& r, Visitor&& visitor) {
+    visitor("profile", r.profile);
+    visitor("constraints", r.constraints);
+    visitor("level", r.level);
+    visitor("config", r.config);
+    visitor("length", r.length);
+    visitor("two", r.two);
+    visitor("unused", r.unused);
+}
+
+// What precedes the packets of a video frame. total_length counts this record, the two words, the
+// packets and the padding behind them, which makes it a multiple of 4.
+struct VID_Frame_Record {
+    uint32_t total_length;
+    uint32_t packet_count;
+    uint32_t padding;
+};
+static_assert(sizeof(VID_Frame_Record) == 12);
+
+template <typename Visitor>
+void visit_fields(const VID_Frame_Record& r, Visitor&& visitor) {
+    visitor("total_length", r.total_length);
+    visitor("packet_count", r.packet_count);
+    visitor("padding", r.padding);
+}
+
+// The two words between a frame's record and its packets.
+struct VID_Frame_Words {
+    uint32_t four = 4;
+    uint32_t one = 1;
+};
+static_assert(sizeof(VID_Frame_Words) == 8);
+
+template <typename Visitor>
+void visit_fields(const VID_Frame_Words& r, Visitor&& visitor) {
+    visitor("four", r.four);
+    visitor("one", r.one);
+}
+
+// The bytes of zeros that round `length` up to a multiple of 4.
+constexpr uint32_t frame_padding(uint32_t length) {
+    return (4 - length % 4) % 4;
+}
+
+// The record of a frame whose packets take `packet_bytes` bytes.
+constexpr VID_Frame_Record frame_record(uint32_t packet_bytes, uint32_t packet_count) {
+    const auto unpadded =
+        static_cast<uint32_t>(packet_bytes + sizeof(VID_Frame_Record) + sizeof(VID_Frame_Words));
+    const uint32_t padding = frame_padding(unpadded);
+    return {unpadded + padding, packet_count, padding};
+}
+
 // Header of one speech frame; a zero word, a mode byte and the frame follow.
 struct AUD_AudFrame_Native {
     uint32_t frame_length;  // of the whole frame: this header and all that follows

@@ -88,10 +88,20 @@ int read_sgpd(iso_file* file, uint32_t body);
 
 int read_damr(iso_file* file, uint32_t body);
 int read_dawp(iso_file* file, uint32_t body);
+int read_d263(iso_file* file, uint32_t body);
+int read_esds(iso_file* file, uint32_t body);
+int read_avcC(iso_file* file, uint32_t body);
+
+// Keeps a copy of decoder-specific information in the track; false when there is no memory.
+bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes);
 
 // Brings a track's tables into agreement when its `stbl` has been read: fills the chunk ends, sets
 // the cursor to the first sample. 0, or -1 when the tables cannot be used.
 int check_tables(iso_track* track);
+
+// The hint track of `media` that isoFFrtpHinter attached with this packet limit, its cursor left
+// alone; null without one that has packets.
+iso_track* attached_hint_track(const iso_track* media, int max_packet);
 
 // --- samples ---
 

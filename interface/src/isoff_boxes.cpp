@@ -260,7 +260,8 @@ constexpr isobox rtp_box[] = {{"tims", read_tims},
                               {"srpp", read_srpp},
                               {nullptr, nullptr}};
 
-constexpr isobox dec_spec_box[] = {{"damr", read_damr}, {"dawp", read_dawp}, {nullptr, nullptr}};
+constexpr isobox dec_spec_box[] = {{"damr", read_damr}, {"dawp", read_dawp}, {"d263", read_d263},
+                                   {"avcC", read_avcC}, {"esds", read_esds}, {nullptr, nullptr}};
 
 constexpr isobox stsd_box[] = {{"mp4a", read_mp4a}, {"mp4v", read_mp4v}, {"samr", read_samr},
                                {"sawb", read_sawb}, {"sawp", read_sawp}, {"s263", read_s263},

@@ -1,11 +1,23 @@
-#include "interface/src/isoff.h"
+#include <algorithm>
+#include <vector>
 
-// Decoder configuration of the sample entries.
+#include "interface/src/isoff.h"
+#include "kestrel/native.h"
+#include "native/orb_native.h"
+
+// Decoder configuration of the sample entries, and the forms in which callers get it.
 
 namespace kestrel {
 namespace {
 
-// Vendor and decoder version begin every 3GPP configuration box (3GPP TS 26.244, clause 6).
+constexpr uint8_t kSequenceSet = 7;  // NAL unit types (ITU-T H.264, table 7-1)
+constexpr uint8_t kPictureSet = 8;
+constexpr uint8_t kNalType = 0x1F;
+constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
+
+// --- 3GPP configuration boxes (3GPP TS 26.244, clause 6) ---
+
+// Vendor and decoder version begin each of them.
 iso_track* read_vendor(iso_file* file) {
     iso_track* track = file->current_track;
     if (track == nullptr) return nullptr;
@@ -14,7 +26,217 @@ iso_track* read_vendor(iso_file* file) {
     return track;
 }
 
+// --- esds (ISO/IEC 14496-1, 7.2.6) ---
+
+enum DescriptorTag : uint8_t {
+    kEsDescriptor = 3,
+    kDecoderConfigDescriptor = 4,
+    kDecoderSpecificInfo = 5,
+};
+
+// Reads descriptors while bytes remain, and hands each body to `read_body(tag)` with the view
+// limited to it. 0, or -1 when one claims more than there is.
+template <typename ReadBody>
+int walk_descriptors(iso_file* file, ReadBody read_body) {
+    while (file->moov_left > 0) {
+        const uint8_t tag = getbyte(file);
+        uint32_t length = 0;
+        if (getxlen(file, length) < 0 || length > file->moov_left) return -1;
+        const uint32_t behind = file->moov_left - length;
+        uint8_t* const end = file->moov_buffer + length;
+        file->moov_left = length;
+        const int result = read_body(tag);
+        file->moov_buffer = end;
+        file->moov_left = behind;
+        if (result != 0) return result;
+    }
+    return 0;
+}
+
+int read_specific_info(iso_file* file, iso_track* track) {
+    if (!keep_dsi(track, {file->moov_buffer, file->moov_left})) return -1;
+    // The profile and level follow the start code of a visual object sequence (14496-2, 6.2.2).
+    constexpr uint32_t kVisualObjectSequence = 0x000001B0;
+    const bool has_level = track->dsi_length > 4 && load_be32(track->dsi) == kVisualObjectSequence;
+    track->level = has_level ? track->dsi[4] : uint8_t{0};
+    return 0;
+}
+
+int read_decoder_config(iso_file* file, iso_track* track) {
+    track->object_type = getbyte(file);
+    track->stream_type = getbyte(file) >> 2;
+    track->buffer_size = getint24(file);
+    track->max_bitrate = getint32(file);
+    track->avg_bitrate = getint32(file);
+    return walk_descriptors(file, [&](uint8_t tag) {
+        return tag == kDecoderSpecificInfo ? read_specific_info(file, track) : 0;
+    });
+}
+
+int read_es_descriptor(iso_file* file, iso_track* track) {
+    if (file->moov_left < 3) return -1;
+    skip(file, 3);  // ES ID and flags
+    return walk_descriptors(file, [&](uint8_t tag) {
+        return tag == kDecoderConfigDescriptor ? read_decoder_config(file, track) : 0;
+    });
+}
+
+// --- avcC (ISO/IEC 14496-15, 5.2.4.1) ---
+
+struct AvccHeader {
+    uint8_t profile, compatibility, level, nal_length_size;
+};
+
+// The fixed part in front of the sequence parameter sets.
+AvccHeader read_avcc_header(ByteReader& reader) {
+    AvccHeader header{};
+    reader.u8();  // version
+    header.profile = reader.u8();
+    header.compatibility = reader.u8();
+    header.level = reader.u8();
+    header.nal_length_size = static_cast<uint8_t>((reader.u8() & 3) + 1);
+    return header;
+}
+
+// Visits the sets of one kind. Only the low five bits of the count are taken, for picture parameter
+// sets as well, so more than 31 of them are not supported: kept on purpose.
+template <typename Visit>
+uint32_t visit_sets(ByteReader& reader, Visit visit) {
+    const uint32_t count = reader.u8() & 0x1F;
+    for (uint32_t i = 0; i < count; ++i) {
+        const auto set = reader.take(reader.be16());
+        if (reader.ok()) visit(set);
+    }
+    return count;
+}
+
+// The parameter sets of one kind, each behind a length as wide as those of the stream.
+uint32_t append_prefixed_sets(ByteReader& reader, int width, std::vector<uint8_t>& to, bool& fits) {
+    return visit_sets(reader, [&](std::span<const uint8_t> set) {
+        if (width == 1 && set.size() > 0xFF) fits = false;
+        for (int i = width - 1; i >= 0; --i) {
+            to.push_back(static_cast<uint8_t>(i < 2 ? set.size() >> (8 * i) : 0));
+        }
+        to.insert(to.end(), set.begin(), set.end());
+    });
+}
+
+bool store_param_sets(iso_track* track) {
+    ByteReader reader({track->dsi, track->dsi_length});
+    const AvccHeader header = read_avcc_header(reader);
+    track->profile = header.profile;
+    track->profile_compat = header.compatibility;
+    track->level = header.level;
+    track->nal_length_size = header.nal_length_size;
+    std::vector<uint8_t> sets;
+    bool fits = true;
+    track->sps_count = append_prefixed_sets(reader, track->nal_length_size, sets, fits);
+    const size_t sps_length = sets.size();
+    track->pps_count = append_prefixed_sets(reader, track->nal_length_size, sets, fits);
+    if (!reader.ok() || !fits) return false;
+    // One block: the sequence sets, then the picture sets.
+    track->param_sets = arena_array<uint8_t>(track->file, sets.size());
+    if (track->param_sets == nullptr) return false;
+    std::copy(sets.begin(), sets.end(), track->param_sets);
+    track->param_sets_length = static_cast<uint32_t>(sets.size());
+    track->sps_block = track->param_sets;
+    track->pps_block = track->param_sets + sps_length;
+    return true;
+}
+
+// Appends every set of an `avcC` behind a start code.
+void append_start_coded(std::span<const uint8_t> avcc, std::vector<uint8_t>& to) {
+    ByteReader reader(avcc);
+    read_avcc_header(reader);
+    const auto append = [&](std::span<const uint8_t> set) {
+        to.insert(to.end(), std::begin(kStartCode), std::end(kStartCode));
+        to.insert(to.end(), set.begin(), set.end());
+    };
+    visit_sets(reader, append);
+    visit_sets(reader, append);
+}
+
+// A system-allocated copy; null without memory.
+unsigned char* hand_over(const std::vector<uint8_t>& bytes) {
+    auto* copy = static_cast<unsigned char*>(systemmalloc(std::max<size_t>(bytes.size(), 1)));
+    if (copy != nullptr) std::copy(bytes.begin(), bytes.end(), copy);
+    return copy;
+}
+
+// --- parameter sets with start codes to `avcC` ---
+
+using NalUnit = std::span<const uint8_t>;
+
+struct ParameterSets {
+    std::vector<NalUnit> sequence;
+    std::vector<NalUnit> picture;
+
+    void add(NalUnit unit) {
+        constexpr size_t kMostSequenceSets = 32;
+        constexpr size_t kMostPictureSets = 128;
+        if (unit.empty()) return;
+        const uint8_t type = unit[0] & kNalType;
+        if (type == kSequenceSet && sequence.size() < kMostSequenceSets) sequence.push_back(unit);
+        if (type == kPictureSet && picture.size() < kMostPictureSets) picture.push_back(unit);
+    }
+};
+
+// Cuts at each 00 00 01. A unit ends four bytes before the byte that completes the code, so units
+// must be separated by four-byte start codes.
+ParameterSets cut_units(std::span<const uint8_t> in) {
+    ParameterSets sets;
+    if (in.size() >= 4 && std::equal(std::begin(kStartCode), std::end(kStartCode), in.begin())) {
+        in = in.subspan(4);
+    }
+    size_t start = 0;
+    for (size_t i = 2; i < in.size(); ++i) {
+        if (in[i - 2] != 0 || in[i - 1] != 0 || in[i] != 1) continue;
+        const size_t counted = i + 1 - start;
+        if (counted > 4) sets.add(in.subspan(start, counted - 4));
+        start = i + 1;
+    }
+    sets.add(in.subspan(start));
+    return sets;
+}
+
+void append_sets(std::vector<uint8_t>& to, const std::vector<NalUnit>& sets) {
+    for (const NalUnit& set : sets) {
+        to.push_back(static_cast<uint8_t>(set.size() >> 8));
+        to.push_back(static_cast<uint8_t>(set.size()));
+        to.insert(to.end(), set.begin(), set.end());
+    }
+}
+
+// Empty when the sets make no record.
+std::vector<uint8_t> make_avcc(const ParameterSets& sets) {
+    constexpr size_t kProfileCompatibilityLevel = 4;  // bytes of the first set that are looked at
+    constexpr size_t kMostBytes = 256;
+    constexpr uint8_t kTwoByteLengths = 0xFD;
+    constexpr uint8_t kReservedBits = 0xE0;
+    if (sets.sequence.empty() || sets.sequence[0].size() < kProfileCompatibilityLevel) return {};
+    const NalUnit first = sets.sequence[0];
+    std::vector<uint8_t> record = {1, first[1], first[2], first[3], kTwoByteLengths};
+    record.push_back(static_cast<uint8_t>(kReservedBits | sets.sequence.size()));
+    append_sets(record, sets.sequence);
+    record.push_back(static_cast<uint8_t>(sets.picture.size()));
+    append_sets(record, sets.picture);
+    if (record.size() > kMostBytes) record.clear();
+    return record;
+}
+
 }  // namespace
+
+bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
+    if (bytes.size() > track->dsi_capacity || track->dsi == nullptr) {
+        auto* memory = arena_array<uint8_t>(track->file, bytes.size());
+        if (memory == nullptr) return false;
+        track->dsi = memory;
+        track->dsi_capacity = static_cast<uint32_t>(bytes.size());
+    }
+    std::copy(bytes.begin(), bytes.end(), track->dsi);
+    track->dsi_length = static_cast<uint32_t>(bytes.size());
+    return true;
+}
 
 int read_damr(iso_file* file, uint32_t) {
     iso_track* track = read_vendor(file);
@@ -30,4 +252,85 @@ int read_dawp(iso_file* file, uint32_t) {
     return 0;
 }
 
+int read_d263(iso_file* file, uint32_t) {
+    iso_track* track = read_vendor(file);
+    if (track == nullptr) return 0;
+    track->level = getbyte(file);
+    track->profile = getbyte(file);
+    return 0;
+}
+
+int read_esds(iso_file* file, uint32_t) {
+    iso_track* track = file->current_track;
+    if (track == nullptr) return 0;
+    getint32(file);  // version and flags
+    return walk_descriptors(file, [&](uint8_t tag) {
+        if (tag == kEsDescriptor) return read_es_descriptor(file, track);
+        diagnose("esds: skipping tag %d\n", tag);
+        return 0;
+    });
+}
+
+int read_avcC(iso_file* file, uint32_t) try {
+    iso_track* track = file->current_track;
+    if (track == nullptr) return 0;
+    if (!keep_dsi(track, {file->moov_buffer, file->moov_left})) return -1;
+    return store_param_sets(track) ? 0 : -1;
+} catch (const std::bad_alloc&) {
+    return -1;
+}
+
 }  // namespace kestrel
+
+using namespace kestrel;
+
+uint8_t* isoFFgetDecoderSpecificInfo(iso_track* track, int* length, int prepend) {
+    if (track == nullptr) return nullptr;
+    if (length != nullptr) *length = static_cast<int>(track->dsi_length);
+    if (prepend != 0) {
+        track->flags |= iso_track_prepends_dsi;
+    } else {
+        track->flags &= ~iso_track_prepends_dsi;
+    }
+    return track->dsi;
+}
+
+int isoFFGetDSIin3GPP(iso_track* track, int, unsigned char** out) try {
+    if (track == nullptr || track->dsi == nullptr) return -1;
+    std::vector<uint8_t> sets;
+    append_start_coded({track->dsi, track->dsi_length}, sets);
+    *out = hand_over(sets);
+    return *out == nullptr ? -1 : static_cast<int>(sets.size());
+} catch (const std::bad_alloc&) {
+    return -1;
+}
+
+void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type, unsigned char* buffer,
+                     int* length) {
+    constexpr uint32_t kVideoClock = 90000;
+    const bool packets_produced = hint->seq_rebase == 2;
+    tel_native state{};
+    state.hdr.time = packets_produced ? hint->last_timestamp : hint->rtp_ts_offset;
+    state.hdr.seq = packets_produced ? hint->last_seq : hint->rtp_seq_offset & 0xFFFF;
+    state.hdr.clock = kVideoClock;
+    state.hdr.type = static_cast<uint32_t>(payload_type);
+    state.hdr.magic = native_magic;
+    state.nal_len_size = media->nal_length_size;
+    state.dsi = media->param_sets;
+    state.dsi_len = static_cast<int32_t>(media->param_sets_length);
+    *length = tel_h264_packetise_dsi(buffer, &state);
+    hint->rtp_seq_offset += media->sps_count + media->pps_count;
+    if (hint->seq_rebase == 0) hint->seq_rebase = 1;
+}
+
+int convertDCI_3gpp_to_ISO(const unsigned char* in, unsigned length, unsigned char** out,
+                           int* out_length) try {
+    const std::vector<uint8_t> record = make_avcc(cut_units({in, length}));
+    if (record.empty()) return 0;
+    *out = hand_over(record);
+    if (*out == nullptr) return 0;
+    *out_length = static_cast<int>(record.size());
+    return 1;
+} catch (const std::bad_alloc&) {
+    return 0;
+}

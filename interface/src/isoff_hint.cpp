@@ -280,6 +280,13 @@ iso_track* best_hint_track(const iso_track* media, int max_packet) {
 }
 
 }  // namespace
+
+iso_track* attached_hint_track(const iso_track* media, int max_packet) {
+    iso_track* track = best_hint_track(media, max_packet);
+    const bool usable = track != nullptr && track->hint != nullptr && track->sample_count > 0;
+    return usable ? track : nullptr;
+}
+
 }  // namespace kestrel
 
 using namespace kestrel;
