@@ -22,7 +22,10 @@ int32_t deliver(mm_Interface* handle, kst_host* host, const std::string& input, 
         output.write({buffer.data(), size});
         progress.show(host, output.written());
         if (status == KST_SUCCESS) continue;
-        if (status != KST_NOT_YET || kst_host_is_complete(host)) return status;
+        // Data that has not arrived is not-yet, but a failure where it is missing for the first
+        // frame.
+        const bool may_arrive = status == KST_NOT_YET || (status == KST_FAILURE && size == 0);
+        if (!may_arrive || kst_host_is_complete(host)) return status;
         output.finish();  // whoever reads the stream need not wait with us
         if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(input);
     }

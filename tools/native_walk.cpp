@@ -1,5 +1,6 @@
 #include "tools/native_walk.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include "kestrel/native_records.h"
@@ -42,13 +43,19 @@ class Walk {
     template <typename Record>
     Record header_record(const char* name);
 
-    void audio_headers(const PROP_Header_Info& first);
+    void check_header_length(const PROP_Header_Info& first);
+    void audio_headers();
     void audio_frame();
+    void video_headers();
+    void video_config(const VID_Header_CodecInfo& codec, size_t codec_at);
+    void video_frame();
+    void video_packet(size_t frame_end);
 
     std::span<const uint8_t> stream_;
     RecordSink& sink_;
     size_t position_ = 0;
     Medium medium_ = Medium::kNarrowBandSpeech;
+    std::span<const uint8_t> config_;
 };
 
 std::span<const uint8_t> Walk::take(size_t count, const char* what) {
@@ -106,28 +113,112 @@ Record Walk::header_record(const char* name) {
 
 void Walk::run() {
     const auto first = header_record<PROP_Header_Info>("PROP_Header_Info");
-    if (std::memcmp(first.medium, kAudioMedium, sizeof first.medium) != 0) {
-        damaged(0, "the stream does not begin with the name of a medium");
-    }
+    const bool audio = std::memcmp(first.medium, kAudioMedium, sizeof first.medium) == 0;
+    const bool video = std::memcmp(first.medium, kVideoMedium, sizeof first.medium) == 0;
+    if (!audio && !video) damaged(0, "the stream does not begin with the name of a medium");
     if (first.constant != kPropConstant) damaged(12, "the constant of the first record is not 10");
-    audio_headers(first);
-    sink_.medium(medium_);
-    while (position_ < stream_.size())
-        audio_frame();
+    if (audio) {
+        audio_headers();
+    } else {
+        video_headers();
+    }
+    check_header_length(first);
+    sink_.medium(medium_, config_);
+    while (position_ < stream_.size()) {
+        if (audio) {
+            audio_frame();
+        } else {
+            video_frame();
+        }
+    }
 }
 
-void Walk::audio_headers(const PROP_Header_Info& first) {
+void Walk::check_header_length(const PROP_Header_Info& first) {
+    if (first.header_length != uint64_t{position_} + first.padding) {
+        damaged(8, "the length of the header records is " + std::to_string(position_) + ", not " +
+                       std::to_string(first.header_length));
+    }
+    take(first.padding, "the padding of the header records");
+}
+
+void Walk::audio_headers() {
     const size_t codec_at = position_;
     const auto codec = header_record<AUD_Codec_Header>("AUD_Codec_Header");
     if (codec.length != sizeof codec) damaged(codec_at, "the codec record tells a wrong length");
     if (codec.coding == kWideBandCoding) medium_ = Medium::kWideBandSpeech;
     header_record<AUD_Header_IndxInfo>("AUD_Header_IndxInfo");
     header_record<VID_FileInfo>("VID_FileInfo");
-    if (first.header_length != position_ + first.padding) {
-        damaged(8, "the length of the header records is " + std::to_string(position_) + ", not " +
-                       std::to_string(first.header_length));
+}
+
+void Walk::video_headers() {
+    header_record<VID_Header_NTSInfo>("VID_Header_NTSInfo");
+    header_record<VID_Header_IndxInfo>("VID_Header_IndxInfo");
+    const size_t codec_at = position_;
+    video_config(header_record<VID_Header_CodecInfo>("VID_Header_CodecInfo"), codec_at);
+    header_record<VID_FileInfo>("VID_FileInfo");
+}
+
+void Walk::video_config(const VID_Header_CodecInfo& codec, size_t codec_at) {
+    const std::string name(codec.codec, strnlen(codec.codec, sizeof codec.codec));
+    if (name == "s263" || name == "s263+") {
+        medium_ = name == "s263" ? Medium::kH263Rfc2190 : Medium::kH263Rfc4629;
+        header_record<VID_Header_H263CodecConfig>("VID_Header_H263CodecConfig");
+    } else if (name == "mp4v") {
+        medium_ = Medium::kMpeg4;
+        const size_t at = position_ + offsetof(VID_Header_MPEG4CodecConfig, config);
+        const auto record =
+            header_record<VID_Header_MPEG4CodecConfig>("VID_Header_MPEG4CodecConfig");
+        if (record.length > sizeof record.config) {
+            damaged(at, "the decoder configuration is longer than its record");
+        }
+        config_ = stream_.subspan(at, record.length);
+    } else if (name == "s264") {
+        medium_ = Medium::kH264;
+        header_record<VID_Header_H264CodecConfig>("VID_Header_H264CodecConfig");
+    } else {
+        damaged(codec_at, "the codec record names no codec: " + name);
     }
-    take(first.padding, "the padding of the header records");
+}
+
+void Walk::video_frame() {
+    const size_t at = position_;
+    const auto frame = header_record<VID_Frame_Record>("VID_Frame_Record");
+    constexpr size_t kFixedPart = sizeof(VID_Frame_Record) + sizeof(VID_Frame_Words);
+    if (frame.total_length < kFixedPart + uint64_t{frame.padding}) {
+        damaged(at, "the frame length leaves no frame");
+    }
+    if (frame.total_length > stream_.size() - at) {
+        damaged(at, "the stream ends inside a frame: " + std::to_string(frame.total_length) +
+                        " bytes wanted, " + std::to_string(stream_.size() - at) + " left");
+    }
+    const size_t end = at + frame.total_length - frame.padding;
+    const auto words = header_record<VID_Frame_Words>("VID_Frame_Words");
+    if (words.four != 4 || words.one != 1) {
+        damaged(at + sizeof frame, "the words behind the frame record are not 4 and 1");
+    }
+    for (uint32_t i = 0; i < frame.packet_count; ++i)
+        video_packet(end);
+    if (position_ != end) damaged(position_, "the frame does not end behind its last packet");
+    take(frame.padding, "the padding of a frame");
+}
+
+void Walk::video_packet(size_t frame_end) {
+    const size_t at = position_;
+    StreamRecord shown;
+    const auto header = take_record<TEL_Packet_Header>("TEL_Packet_Header", shown);
+    if (header.packet_length < sizeof header || header.packet_length > frame_end - at) {
+        damaged(at, "the packet length does not fit its frame: " +
+                        std::to_string(header.packet_length));
+    }
+    if (header.rtp_word >> 30 != 2 || header.time != header.time_again) {
+        damaged(at, "this is no packet header");
+    }
+    shown.fields.push_back({"marker", header.rtp_word >> 23 & 1});
+    shown.fields.push_back({"payload_type", header.rtp_word >> 16 & 0x7F});
+    shown.fields.push_back({"sequence", header.rtp_word & 0xFFFF});
+    shown.payload = take(header.packet_length - sizeof header, "a packet");
+    sink_.record(shown);
+    sink_.video_packet(shown.payload);
 }
 
 void Walk::audio_frame() {

@@ -24,7 +24,9 @@ struct StreamRecord {
     std::span<const uint8_t> payload;
 };
 
-enum class Medium { kNarrowBandSpeech, kWideBandSpeech };
+// What a stream carries. The two kinds of H.263 differ in the payload header of their packets:
+// RFC 2190 or RFC 4629.
+enum class Medium { kNarrowBandSpeech, kWideBandSpeech, kH263Rfc2190, kH263Rfc4629, kMpeg4, kH264 };
 
 // Takes the records as the walk comes to them.
 class RecordSink {
@@ -35,10 +37,12 @@ class RecordSink {
     virtual ~RecordSink() = default;
 
     virtual void record(const StreamRecord&) {}
-    // Called once, behind the last header record.
-    virtual void medium(Medium) {}
+    // Called once, behind the last header record, with the decoder configuration of MPEG-4.
+    virtual void medium(Medium, std::span<const uint8_t>) {}
     // A speech frame in storage format: its header byte, then its bits.
     virtual void speech_frame(std::span<const uint8_t>) {}
+    // The payload of a video packet: what RTP would carry.
+    virtual void video_packet(std::span<const uint8_t>) {}
 };
 
 // Where a stream stops making sense, and why.

@@ -8,6 +8,7 @@
 
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
+#include "kestrel/native_records.h"
 
 namespace kestrel {
 
@@ -16,13 +17,6 @@ inline constexpr uint32_t kBufferSize = 64000;
 enum Mode : uint32_t { kModeNone = 0, kModeAudio = 1, kModeVideo = 16 };
 
 enum Direction : uint32_t { kDirectionNone = 0, kDirectionRead = 1 };
-
-// The record of a video frame: what precedes its packets in the stream.
-struct FrameRecord {
-    uint32_t total_length;
-    uint32_t packet_count;
-    uint32_t padding;
-};
 
 }  // namespace kestrel
 
@@ -50,8 +44,8 @@ struct mm_Interface {
     uint8_t second_flag;
     uint32_t track_id;
     iso_track* track;
-    kestrel::FrameRecord kept_frame;  // video: of the frame that is staged
-    uint32_t staged_from;             // audio: where in `staging` the staged bytes begin
+    kestrel::VID_Frame_Record kept_frame;  // video: of the frame that is staged
+    uint32_t staged_from;                  // audio: where in `staging` the staged bytes begin
 
     uint8_t* sample_buffer() { return sample_area + 2; }
     uint8_t* mode_byte() { return sample_area + 1; }

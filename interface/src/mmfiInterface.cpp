@@ -24,7 +24,8 @@ void initialise(mm_Interface* record) {
     record->mode_name = nullptr;
     record->track_id = 0;
     record->track = nullptr;
-    record->kept_frame = FrameRecord{};
+    record->native = tel_native{};
+    record->kept_frame = VID_Frame_Record{};
 }
 
 void clear_mode(mm_Interface* record) {
@@ -184,6 +185,12 @@ int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, b
             return mmfi_Read_AMRNB(record, buffer, size, flag);
         case ISO_CODEC_SAWB:
             return mmfi_Read_AMRWB(record, buffer, size, flag);
+        case ISO_CODEC_MP4V:
+            return mmfi_Read_MPEG4(record, buffer, size, flag);
+        case ISO_CODEC_S263:
+            return mmfi_Read_H263(record, buffer, size, flag);
+        case ISO_CODEC_AVC1:
+            return mmfi_Read_H264(record, buffer, size, flag);
         default:
             return KST_FAILURE;
     }

@@ -32,6 +32,9 @@ int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, b
 
 int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
 int32_t mmfi_Read_AMRWB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read_H263(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read_MPEG4(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read_H264(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
 
 // Tells the host where the track's next data lies: announces it or moves the stream there, as the
 // file record's flag says. 0, or 2 when the host fails.
