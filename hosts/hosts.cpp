@@ -162,7 +162,7 @@ int PipeSource::wait() {
     const size_t had = bytes_.size();
     try {
         bytes_.resize(had + kPiece);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {  // no memory, or more than a vector can hold
         errno = ENOMEM;
         return KST_HOST_FAULT;
     }
@@ -202,7 +202,7 @@ struct kst_host {
         if (readable < count && !source->complete()) return KST_HOST_NOT_YET;
         if (readable > 0 && !source->read(data, offset, readable)) return KST_HOST_FAILED;
         got = readable;
-        used = std::max(used, offset + readable);
+        if (readable > 0) used = std::max(used, offset + readable);
         return KST_HOST_OK;
     }
 };

@@ -54,7 +54,7 @@ Json describe_file(iso_file* file) {
              {"timescale", file->timescale},
              {"duration_seconds", duration},
              {"tracks", Json::array()}};
-    for (int n = 1; iso_track* track = isoFFselect(file, nullptr, n); ++n)
+    for (iso_track* track = file->first_track; track != nullptr; track = track->next)
         out["tracks"].push_back(describe_track(track));
     return out;
 }

@@ -29,7 +29,7 @@ void print_packet(const iso_track* hint, std::span<const uint8_t> packet, bool h
 }
 
 iso_track* track_with_id(iso_file* file, uint32_t id) {
-    for (int n = 1; iso_track* track = isoFFselect(file, nullptr, n); ++n) {
+    for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
         if (track->track_id == id) return track;
     }
     return nullptr;
@@ -66,7 +66,7 @@ void packets(const Options& options) {
     const IsoFile file = open_iso(host.get(), callbacks);
     if (isatty(STDOUT_FILENO)) std::printf("# track bytes marker type sequence timestamp\n");
     int printed = 0;
-    for (int n = 1; iso_track* track = isoFFselect(file.get(), nullptr, n); ++n) {
+    for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
         const bool wanted = !options.track || *options.track == track->track_id;
         if (!is_hint(track) || !wanted) continue;
         print_track(file.get(), track, options);

@@ -60,21 +60,38 @@ class Rfc2190 final : public Depacketiser {
     uint8_t shared_ = 0;
 };
 
-// RFC 6416: the stream itself. The configuration goes in front unless the stream has it.
+// RFC 6416: the stream itself; or RFC 3640, where the AU headers and their length in bits go in
+// front of it. The first packet tells which: only in the former it begins with a start code. The
+// configuration goes in front unless the stream has it.
 class Mpeg4 final : public Depacketiser {
   public:
     Mpeg4(std::span<const uint8_t> config, ByteSink sink)
         : Depacketiser(std::move(sink)), config_(config.begin(), config.end()) {}
 
     void packet(std::span<const uint8_t> payload) override {
-        if (!begun_ && !(payload.size() >= 4 && kestrel::load_be32(payload.data()) == 0x000001B0)) {
-            emit(config_);
-        }
+        if (!begun_) has_au_headers_ = !begins_with(payload, kStartCodePrefix);
+        if (has_au_headers_) payload = behind_au_headers(payload);
+        if (!begun_ && !begins_with(payload, kVisualObjectSequence)) emit(config_);
         begun_ = true;
         emit(payload);
     }
 
   private:
+    static constexpr uint8_t kStartCodePrefix[] = {0, 0, 1};
+    static constexpr uint8_t kVisualObjectSequence[] = {0, 0, 1, 0xB0};
+
+    static bool begins_with(std::span<const uint8_t> payload, std::span<const uint8_t> code) {
+        return payload.size() >= code.size() &&
+               std::equal(code.begin(), code.end(), payload.begin());
+    }
+
+    static std::span<const uint8_t> behind_au_headers(std::span<const uint8_t> payload) {
+        if (payload.size() < 2) return {};
+        const size_t headers = 2 + (size_t{kestrel::load_be16(payload.data())} + 7) / 8;
+        return headers <= payload.size() ? payload.subspan(headers) : std::span<const uint8_t>();
+    }
+
+    bool has_au_headers_ = false;
     std::vector<uint8_t> config_;
     bool begun_ = false;
 };

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "kestrel/native_records.h"
+#include "native/amr_format.h"
 
 namespace tool {
 
@@ -17,10 +18,6 @@ constexpr uint32_t kWideBandCoding = 51;
 constexpr uint32_t kZeroWord = 4;
 constexpr uint32_t kModeByte = 1;
 constexpr uint32_t kSmallestFrame = sizeof(AUD_AudFrame_Native) + kZeroWord + kModeByte + 1;
-
-// Bits of each speech frame type (RFC 4867, 3GPP TS 26.101 and TS 26.201).
-constexpr uint16_t kNarrowBandBits[16] = {95, 103, 118, 134, 148, 159, 204, 244, 39};
-constexpr uint16_t kWideBandBits[16] = {132, 177, 253, 285, 317, 365, 397, 461, 477, 40};
 
 class Walk {
   public:
@@ -236,9 +233,9 @@ void Walk::audio_frame() {
     }
     const uint8_t mode = take(kModeByte, "a frame's mode byte")[0];
     const auto frame = take(at + header.frame_length - position_, "a speech frame");
-    const int type = frame[0] >> 3 & 15;
-    const int bits = wide ? kWideBandBits[type] : kNarrowBandBits[type];
-    if (frame.size() != static_cast<size_t>((bits + 7) / 8 + 1)) {
+    const int type = storage_frame_type(frame[0]);
+    const int speech_bits = wide ? kWideBandBits[type] : bits[type];
+    if (frame.size() != static_cast<size_t>(storage_frame_size(speech_bits))) {
         damaged(at, "a frame of type " + std::to_string(type) + " cannot have " +
                         std::to_string(frame.size()) + " bytes");
     }

@@ -44,6 +44,7 @@ struct iso_file {
     uint32_t duration;                          // in movie units
     uint32_t next_track_id;
     iso_track* first_track;    // list in file order
+    iso_track* last_track;
     iso_track* current_track;  // the track being filled: that of the last `tkhd`
     char major_brand[5];
     int32_t minor_version;
@@ -187,6 +188,7 @@ struct iso_track {
 
     // Read cursor.
     int32_t cur_sample;   // next sample to read, from 0
+    uint32_t positioned;  // 1 once isoFFsetPosition was asked to move the cursor
     uint32_t dsi_sent;    // non-zero once the decoder configuration was delivered
     uint32_t cur_offset;  // file offset of cur_sample
     int32_t cur_chunk;
@@ -278,8 +280,9 @@ KESTREL_API int isoFFsetPosition(iso_track* track, int sample);
 KESTREL_API double isoFFgetInterleave(iso_file* file);
 
 // Of the hint tracks that refer to `media` and whose packets are at most `max_packet` bytes long,
-// the one with the longest packets (the first of equals), with its packet cursor reset to the first
-// packet. Null when there is none.
+// the one with the longest packets (the first of equals), with its packet cursor made or reset. The
+// next packet is the first of the hint sample that the hint track stands on, which after opening is
+// the first; isoFFsetPosition moves it. Null when there is none.
 KESTREL_API iso_track* isoFFrtpHinter(iso_track* media, int max_packet);
 
 // The same track, with its packet cursor left where it is; a hint sample that was not finished is
@@ -290,7 +293,8 @@ KESTREL_API iso_track* isoFFfindHintTrack(iso_track* media, int max_packet);
 // must hold iso_track::rtp_max_packet bytes. Returns its length; 0 at the end of the hint track; -1
 // without a cursor, for a read that comes up short, or for a packet longer than rtp_max_packet; -2
 // when the stream fails.
-// To seek, move the hint track with isoFFsetPosition: the next packet comes from there.
+// To seek, move the hint track with isoFFsetPosition: the next packet is the first of the hint
+// sample there (but where that is the hint sample at hand, its packets go on). Timestamps run on.
 KESTREL_API int isoFFrtpPacket(iso_track* hint, void* buffer);
 
 // The decoder-specific information as stored (payload of `esds`, or the whole `avcC`), null without

@@ -76,7 +76,7 @@ void set_unity(uint32_t (&matrix)[9]) {
 bool has_brand(const iso_file* file, const char* code) {
     if (std::strncmp(file->major_brand, code, 4) == 0) return true;
     const char* list = file->compatible_brands;
-    while (list != nullptr && std::strlen(list) >= 4) {
+    while (list != nullptr && strnlen(list, 4) == 4) {
         if (std::strncmp(list, code, 4) == 0) return true;
         list += list[4] == '\0' ? 4 : 5;
     }
@@ -114,10 +114,8 @@ iso_track* isoFFtrack(iso_file* file) {
     track->magic = iso_track_magic;
     track->file = file;
     track->flags = iso_track_prepends_dsi;
-    iso_track** end = &file->first_track;
-    while (*end != nullptr)
-        end = &(*end)->next;
-    *end = track;
+    (file->last_track == nullptr ? file->first_track : file->last_track->next) = track;
+    file->last_track = track;
     if (file->write_mode) {
         track->track_id = file->next_track_id++;
         track->creation_time = file->creation_time;
@@ -139,7 +137,7 @@ iso_track* isoFFselect(iso_file* file, const char* handler, int n) {
 
 int isoFFcompatible(iso_file* file, const char* brands) {
     if (file == nullptr || brands == nullptr) return -1;
-    while (std::strlen(brands) >= 4) {
+    while (strnlen(brands, 4) == 4) {
         if (has_brand(file, brands)) return 0;
         brands += brands[4] == ' ' ? 5 : 4;
     }

@@ -189,6 +189,8 @@ void read_matrix(iso_file* file, iso_track* track) {
 }
 
 int read_tkhd(iso_file* file, uint32_t) {
+    constexpr uint32_t kBody = 84;  // of version 0
+    if (file->moov_left < kBody) return -1;
     const uint8_t version = getbyte(file);
     getint24(file);  // flags
     iso_track* track = isoFFtrack(file);

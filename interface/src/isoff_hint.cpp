@@ -110,6 +110,8 @@ class PacketReader {
     void begin_packets(const SampleHeader& header);
     void note_read_position();
     void next_sample();
+    void stay_on_sample();
+    int build_packet(PacketBuffer& packet);
 
     iso_track* track_;
     rtp_hint_state& hint_;
@@ -117,11 +119,12 @@ class PacketReader {
     uint32_t copied_offset_ = 0;
 };
 
-// A caller seeks by positioning the hint track; the cursor follows. At the end the hint track stays
-// on its last sample, so being elsewhere means that the caller went back.
+// A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
+// left to differ from, only a call of isoFFsetPosition counts.
 void PacketReader::resynchronise() {
-    const int32_t expected = std::min(hint_.sample, track_->sample_count - 1);
-    if (track_->cur_sample == expected || track_->cur_sample >= track_->sample_count) return;
+    const bool moved = at_end() ? track_->positioned != 0 : hint_.sample != track_->cur_sample;
+    track_->positioned = 0;
+    if (!moved) return;
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
     hint_.offset = 0;
@@ -145,9 +148,12 @@ void PacketReader::begin_packets(const SampleHeader& header) {
     if (hint_.rtp_time > kClockWrapsAt) hint_.rtp_time -= kClockWrap;
 }
 
-// Opens hint samples until one has packets.
+// Opens hint samples until one has packets. A run of empty ones that is longer than any hinter
+// writes is taken for damage, since a few bytes of tables can tell of billions.
 int PacketReader::open_sample() {
-    while (hint_.packets_left == 0 && !at_end()) {
+    constexpr int kMostEmptySamples = 65536;
+    for (int empty = 0; hint_.packets_left == 0 && !at_end(); ++empty) {
+        if (empty > kMostEmptySamples) return -1;
         uint8_t raw[kSampleHeader];
         SampleHeader header{};
         hint_.offset = 0;
@@ -166,7 +172,13 @@ int PacketReader::open_sample() {
 void PacketReader::next_sample() {
     hint_.offset = 0;
     hint_.sample++;
-    isoFFsetPosition(track_, hint_.sample);
+    stay_on_sample();
+}
+
+// Puts the hint track on the cursor's sample, or leaves it on the last at the end. Whatever moved
+// it there must not be taken for a seek.
+void PacketReader::stay_on_sample() {
+    if (!at_end()) set_sample_pos(track_, hint_.sample);
 }
 
 int PacketReader::write_header(PacketBuffer& packet, const PacketEntry& entry) {
@@ -245,7 +257,7 @@ void PacketReader::note_read_position() {
         std::min(track_->last_read_pos, copied_from_->cur_offset + copied_offset_);
 }
 
-int PacketReader::read_packet(PacketBuffer& packet) {
+int PacketReader::build_packet(PacketBuffer& packet) {
     uint8_t raw[kPacketEntry];
     int result = read_own(raw, sizeof raw);
     if (result != 0) return result;
@@ -254,11 +266,16 @@ int PacketReader::read_packet(PacketBuffer& packet) {
     if (result == 0 && (entry.flags & kExtraInformation)) result = skip_extra_information();
     for (uint16_t i = 0; i < entry.constructors && result == 0; ++i)
         result = run_constructor(packet);
-    if (result != 0) return result;
-    note_read_position();
+    return result;
+}
+
+int PacketReader::read_packet(PacketBuffer& packet) {
+    const int result = build_packet(packet);
+    if (result == 0) note_read_position();
     // A constructor that copied from another of the hint track's own samples moved its cursor;
     // were it left there, the next call would take that for a seek and could run in a circle.
-    isoFFsetPosition(track_, hint_.sample);
+    stay_on_sample();
+    if (result != 0) return result;
     if (--hint_.packets_left == 0) next_sample();
     return 0;
 }

@@ -9,15 +9,21 @@
 namespace kestrel {
 namespace {
 
-uint32_t saturating_add(uint32_t a, uint32_t b) {
-    return a > UINT32_MAX - b ? UINT32_MAX : a + b;
+uint32_t saturating_add(uint32_t offset, uint64_t bytes) {
+    return static_cast<uint32_t>(std::min<uint64_t>(offset + bytes, UINT32_MAX));
 }
 
-// One sample on in a time table.
+// `samples` on in a time table.
 template <typename Entry>
-void advance_time(const Entry* entries, int32_t count, int32_t& index, int32_t& in_entry) {
-    if (index >= count) return;
-    if (static_cast<uint32_t>(++in_entry) >= entries[index].count) {
+void advance_time(const Entry* entries, int32_t count, int32_t& index, int32_t& in_entry,
+                  uint32_t samples) {
+    while (index < count) {
+        const uint32_t left = entries[index].count - static_cast<uint32_t>(in_entry);
+        if (samples < left) {
+            in_entry += static_cast<int32_t>(samples);
+            return;
+        }
+        samples -= left;
         in_entry = 0;
         ++index;
     }
@@ -31,8 +37,28 @@ const Entry* entry_at(const Entry* entries, int32_t count, int32_t& index) {
     return index < count ? &entries[index] : nullptr;
 }
 
-void advance_cursor(iso_track* track) {
-    track->cur_offset = saturating_add(track->cur_offset, sample_size_of(track, track->cur_sample));
+void advance_times(iso_track* track, uint32_t samples) {
+    advance_time(track->stts, track->stts_count, track->stts_index, track->stts_in_entry, samples);
+    advance_time(track->ctts, track->ctts_count, track->ctts_index, track->ctts_in_entry, samples);
+}
+
+// How many samples of constant size the cursor may pass at once, of `wanted`: to the end of the
+// chunk at the most.
+uint32_t samples_at_once(const iso_track* track, uint32_t wanted) {
+    if (track->sample_size == 0 || track->cur_chunk >= track->chunk_count) return 1;
+    const uint32_t end = track->chunks[track->cur_chunk].end;
+    if (track->cur_offset >= end) return 1;
+    const uint32_t bytes = end - track->cur_offset;
+    const uint32_t left = bytes / track->sample_size + (bytes % track->sample_size != 0 ? 1 : 0);
+    return std::min(wanted, left);
+}
+
+// Passes as many samples as can be passed in one step, at least one and at most `wanted`. The times
+// are left to the caller.
+void advance_place(iso_track* track, uint32_t wanted) {
+    const uint32_t samples = samples_at_once(track, wanted);
+    const uint64_t bytes = uint64_t{samples} * sample_size_of(track, track->cur_sample);
+    track->cur_offset = saturating_add(track->cur_offset, bytes);
     if (track->cur_chunk < track->chunk_count &&
         track->cur_offset >= track->chunks[track->cur_chunk].end) {
         track->cur_chunk++;
@@ -40,11 +66,12 @@ void advance_cursor(iso_track* track) {
             track->cur_offset = track->chunks[track->cur_chunk].start;
         }
     }
-    entry_at(track->stts, track->stts_count, track->stts_index);
-    advance_time(track->stts, track->stts_count, track->stts_index, track->stts_in_entry);
-    entry_at(track->ctts, track->ctts_count, track->ctts_index);
-    advance_time(track->ctts, track->ctts_count, track->ctts_index, track->ctts_in_entry);
-    track->cur_sample++;
+    track->cur_sample += static_cast<int32_t>(samples);
+}
+
+void advance_cursor(iso_track* track) {
+    advance_place(track, 1);
+    advance_times(track, 1);
 }
 
 void rewind_cursor(iso_track* track) {
@@ -94,8 +121,10 @@ double seconds(double units, uint32_t timescale) {
 
 void set_sample_pos(iso_track* track, int32_t target) {
     if (track->cur_sample > target) rewind_cursor(track);
+    const auto samples = static_cast<uint32_t>(target - track->cur_sample);
     while (track->cur_sample < target)
-        advance_cursor(track);
+        advance_place(track, static_cast<uint32_t>(target - track->cur_sample));
+    advance_times(track, samples);
 }
 
 }  // namespace kestrel
@@ -135,6 +164,7 @@ int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned
 int isoFFsetPosition(iso_track* track, int sample) {
     if (track == nullptr || sample < 0 || sample >= track->sample_count) return -1;
     set_sample_pos(track, sample);
+    track->positioned = 1;
     return 0;
 }
 

@@ -39,6 +39,7 @@ iso_track* begin_table(iso_file* file, TableBit bit, const char* refusal, int& r
 // no memory taken, when the box does not hold them.
 template <typename Entry>
 Entry* take_entries(iso_file* file, uint32_t stored, int32_t& count) {
+    count = 0;
     const uint32_t told = getint32(file);
     if (told > INT_MAX || told > file->moov_left / stored) return nullptr;
     auto* entries = arena_array<Entry>(file, told);

@@ -192,6 +192,7 @@ int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, b
         case ISO_CODEC_AVC1:
             return mmfi_Read_H264(record, buffer, size, flag);
         default:
+            *size = 0;
             return KST_FAILURE;
     }
 }
