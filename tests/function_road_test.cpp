@@ -57,6 +57,20 @@ TEST(FunctionRoad, AnyArrivalGivesTheSameBytes) {
     }
 }
 
+TEST(FunctionRoad, AnyArrivalGivesTheSameVideo) {
+    for (const std::string& name : sample_names({"av_", "h263", "h264", "mpeg4"})) {
+        SCOPED_TRACE(name);
+        const Bytes file = read_sample(name);
+        const Played whole = play(file, "vr");
+        EXPECT_EQ(whole.status, KST_END_OF_FILE);
+        for (const uint32_t step : {7u, 61u, 100u, 299u, 1000u, 1400u, 9999u, 65536u, 1000000u}) {
+            const Played played = play_arriving(file, "vr", step);
+            ASSERT_EQ(played.status, KST_END_OF_FILE) << "step " << step;
+            ASSERT_TRUE(played.stream == whole.stream) << "step " << step;
+        }
+    }
+}
+
 TEST(FunctionRoad, OfSeveralTracksTheLastIsPlayed) {
     const Played played = play(read_sample("two_amrnb_hinted.3gp"), "ar");
     EXPECT_EQ(unpack_speech(played.stream, false), read_sample("truth/amrnb_dtx.amr"));
@@ -156,7 +170,8 @@ class EveryCallFailing : public testing::TestWithParam<std::tuple<const char*, b
 TEST_P(EveryCallFailing, KeepsWhatWasDelivered) {
     const auto [name, flag, for_good] = GetParam();
     const Bytes file = read_sample(name);
-    const Bytes whole = play(file, "ar").stream;
+    const char* const mode = std::string(name).starts_with("amr") ? "ar" : "vr";
+    const Bytes whole = play(file, mode).stream;
     int failing = 0;
     for (bool reached = true; reached; ++failing) {
         FaultyHost host(file);
@@ -164,7 +179,7 @@ TEST_P(EveryCallFailing, KeepsWhatWasDelivered) {
             return call == failing || (good && call > failing) ? KST_HOST_FAILED : KST_HOST_OK;
         };
         mm_Interface* handle = nullptr;
-        int32_t status = kst_Open(&handle, host.callbacks(), "ar");
+        int32_t status = kst_Open(&handle, host.callbacks(), mode);
         if (status == KST_SUCCESS) {
             const Bytes stream = read_through_failures(handle, flag, status);
             if (for_good) {
@@ -181,7 +196,7 @@ TEST_P(EveryCallFailing, KeepsWhatWasDelivered) {
             ASSERT_EQ(handle, nullptr);
             host.fault = nullptr;
             host.rewind();
-            ASSERT_EQ(kst_Open(&handle, host.callbacks(), "ar"), KST_SUCCESS);
+            ASSERT_EQ(kst_Open(&handle, host.callbacks(), mode), KST_SUCCESS);
             kst_Close(&handle);
         }
         reached = host.calls > failing;
@@ -195,7 +210,8 @@ INSTANTIATE_TEST_SUITE_P(
                                      "amrnb_hinted.3gp", "amrnb_hinted_1450.3gp",
                                      "amrnb_hinted_multi.3gp", "amrnb_dtx_hinted.3gp",
                                      "amrwb_plain.3gp", "amrwb_hinted.3gp", "amrwb_dtx_hinted.3gp",
-                                     "two_amrnb_hinted.3gp"),
+                                     "h263_hinted.3gp", "h263_plain.3gp", "h264_hinted.3gp",
+                                     "h264_plain.3gp", "mpeg4_hinted.3gp", "mpeg4_plain.3gp"),
                      testing::Bool(), testing::Bool()));
 
 TEST(FunctionRoad, RepositioningFollowsTheFlag) {
@@ -225,6 +241,84 @@ TEST(FunctionRoad, RepositioningFollowsTheFlag) {
             }());
         }
         kst_Close(&handle);
+    }
+}
+
+// The first call delivers the property record, the second all other records and the first frame's,
+// the third that frame's packets, and so on; each frame's total is that of its two calls.
+TEST(FunctionRoad, VideoCallsAlternateBetweenRecordAndPackets) {
+    for (const auto& [name, headers] : {std::pair{"h263_hinted.3gp", 92u},
+                                        {"h263_plain.3gp", 92u},
+                                        {"mpeg4_hinted.3gp", 440u},
+                                        {"h264_plain.3gp", 452u}}) {
+        SCOPED_TRACE(name);
+        const Bytes file = read_sample(name);
+        kst_host* host = kst_host_from_memory(file.data(), file.size());
+        mm_Interface* handle = nullptr;
+        ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), "vr"), KST_SUCCESS);
+        Bytes buffer(KST_LARGEST_CHUNK);
+        std::vector<uint32_t> sizes;
+        const auto read = [&] {
+            // Without room the call tells what it needs and changes nothing.
+            uint32_t size = 0;
+            const int32_t refused = kst_ReadChunk(handle, buffer.data(), &size, false);
+            EXPECT_EQ(refused, KST_BAD_ARGUMENT);
+            uint32_t delivered = size;
+            const int32_t status = kst_ReadChunk(handle, buffer.data(), &delivered, false);
+            EXPECT_EQ(delivered, status == KST_SUCCESS ? size : 0u);
+            sizes.push_back(delivered);
+            return status;
+        };
+        ASSERT_EQ(read(), KST_SUCCESS);
+        EXPECT_EQ(sizes[0], 24u);
+        EXPECT_EQ(buffer[20], 15);  // frames per second
+        int frames = 0;
+        for (int32_t status = KST_SUCCESS; (status = read()) == KST_SUCCESS; ++frames) {
+            EXPECT_EQ(sizes.back(), frames == 0 ? headers - 24 + 12 : 12u);
+            const uint8_t* record = &buffer[sizes.back() - 12];
+            const uint32_t total = record[0] | static_cast<uint32_t>(record[1]) << 8;
+            ASSERT_EQ(read(), KST_SUCCESS);
+            EXPECT_EQ(sizes.back() + 12, total);
+            EXPECT_EQ(total % 4, 0u);
+            EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 8), (Bytes{4, 0, 0, 0, 1, 0, 0, 0}));
+        }
+        EXPECT_EQ(frames, 30);
+        kst_Close(&handle);
+        kst_host_close(host);
+    }
+}
+
+// A frame that outgrows the buffers is a failure, again and again, and nothing is written outside.
+TEST(FunctionRoad, FramesTooLargeForTheBuffers) {
+    for (const uint32_t size : {62900u, 63000u, 64001u}) {
+        const Bytes entry = box("s263", {zeros(24), be16(176), be16(144), zeros(8), zeros(42)});
+        const auto build = [&](uint32_t at) {
+            return join({ftyp(),
+                         movie({track({.handler = "vide",
+                                       .timescale = 90000,
+                                       .entry = entry,
+                                       .tables = one_chunk_tables({size, 10}, 6000, at)})}),
+                         box("mdat", {Bytes(size + 10, 0x33)})});
+        };
+        const Bytes file = build(static_cast<uint32_t>(build(0).size() - size - 10));
+        kst_host* host = kst_host_from_memory(file.data(), file.size());
+        mm_Interface* handle = nullptr;
+        ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), "vr"), KST_SUCCESS);
+        Bytes buffer(KST_LARGEST_CHUNK);
+        uint32_t room = KST_LARGEST_CHUNK;
+        EXPECT_EQ(kst_ReadChunk(handle, buffer.data(), &room, false), KST_SUCCESS);
+        for (int i = 0; i < 3; ++i) {
+            room = KST_LARGEST_CHUNK;
+            const int32_t status = kst_ReadChunk(handle, buffer.data(), &room, false);
+            if (size == 62900u) {  // with the headers of its packets it just fits
+                EXPECT_EQ(status, KST_SUCCESS);
+            } else {
+                EXPECT_EQ(status, KST_FAILURE);
+                EXPECT_EQ(room, 0u);
+            }
+        }
+        kst_Close(&handle);
+        kst_host_close(host);
     }
 }
 

@@ -240,10 +240,11 @@ TEST(AmrPackets, InitAcceptsTheCodecsOfTheTable) {
         uint32_t clock;
         bool tel, orb;
     };
-    const Case cases[] = {{-1, -1, 0, false, false}, {1, 0, 0, false, false},
-                          {3, 0, 8000, true, true},  {5, 0, 16000, true, false},
-                          {6, -1, 0, false, false},  {7, 0, 0, false, false},
-                          {8, -1, 0, false, false},  {9, -1, 0, false, false}};
+    const Case cases[] = {
+        {-1, -1, 0, false, false},  {0, 0, 90000, true, true},  {1, 0, 0, false, false},
+        {2, 0, 90000, true, true},  {4, 0, 90000, true, false}, {3, 0, 8000, true, true},
+        {5, 0, 16000, true, false}, {6, -1, 0, false, false},   {7, 0, 0, false, false},
+        {8, -1, 0, false, false},   {9, -1, 0, false, false}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.codec);
         iso_track track = track_of(c.codec);

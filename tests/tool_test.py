@@ -4,6 +4,8 @@ import hashlib
 import json
 import os
 import pathlib
+import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -17,6 +19,31 @@ SPEECH = {
     "two_amrnb_hinted": "amrnb_dtx", "amrwb_plain": "amrwb", "amrwb_hinted": "amrwb",
     "amrwb_dtx_hinted": "amrwb_dtx",
 }
+
+
+VIDEO = {  # file: truth
+    "av_h263_amrnb_hinted": "h263.h263", "h263_plain": "h263.h263", "h263_hinted": "h263.h263",
+    "h263_hinted_1450": "h263.h263", "h263_hinted_mtu500": "h263.h263",
+    "h263_hinted_selfref": "h263.h263", "h263_cif_hinted": "h263_cif.h263",
+    "h263plus_hinted": "h263plus.h263", "h264_plain": "h264.h264", "h264_hinted": "h264.h264",
+    "h264_hinted_1450": "h264.h264", "h264_hinted_nooffset": "h264.h264",
+    "av_h264_amrwb_hinted": "h264.h264", "h264_slices_b_hinted": "h264_slices_b.h264",
+    "mpeg4_plain": "mpeg4.m4v", "mpeg4_hinted": "mpeg4.m4v", "mpeg4_hinted_1450": "mpeg4.m4v",
+    "mpeg4_b_hinted": "mpeg4_b.m4v",
+}
+
+
+def pictures(stream, kind):
+    """The coded pictures of a stream: without parameter sets or configuration headers."""
+    if kind == "h264":
+        units = re.split(b"\0?\0\0\1", stream)
+        return [unit for unit in units if unit and unit[0] & 31 not in (7, 8)]
+    if kind == "m4v":
+        # Groups and pictures; a configuration begins with a visual object sequence and ends at one.
+        starts = [m.start() for m in re.finditer(b"\0\0\1[\xb0\xb3\xb6]", stream)] + [len(stream)]
+        units = [stream[a:b] for a, b in zip(starts, starts[1:])]
+        return [unit for unit in units if unit[3] != 0xB0]
+    return stream
 
 
 def sample(name):
@@ -58,6 +85,36 @@ class Extract(ToolTest):
                     stream = self.extract(name, "ar", *options)
                     self.assertEqual(self.unpack(stream),
                                      (SAMPLES / "truth" / f"{truth}.amr").read_bytes())
+
+    def test_video_comes_back(self):
+        for name, truth in VIDEO.items():
+            whole = None
+            for options in [(), ("--arriving", 999), ("--arriving", 70001)]:
+                with self.subTest(name=name, options=options):
+                    stream = self.extract(name, "vr", *options)
+                    whole = whole or stream
+                    self.assertEqual(stream, whole)
+            kind = truth.split(".")[1]
+            expected = (SAMPLES / "truth" / truth).read_bytes()
+            self.assertEqual(pictures(self.unpack(whole), kind), pictures(expected, kind), name)
+
+    @unittest.skipUnless(shutil.which("ffmpeg"), "ffmpeg is not installed")
+    def test_a_decoder_gets_the_pictures_of_the_file(self):
+        def frames(path, *options):
+            result = subprocess.run(
+                ["ffmpeg", "-v", "error", *options, "-i", str(path), "-map", "0:v", "-vsync",
+                 "passthrough", "-f", "framemd5", "-"], capture_output=True, check=False)
+            self.assertEqual((result.returncode, result.stderr), (0, b""), path)
+            lines = result.stdout.decode().splitlines()
+            return [line.split(",")[-1].strip() for line in lines if not line.startswith("#")]
+
+        for name, truth in VIDEO.items():
+            with self.subTest(name=name):
+                kind = truth.split(".")[1]
+                out = self.scratch / f"{name}.{kind}"
+                out.write_bytes(self.unpack(self.extract(name, "vr")))
+                decoded = frames(out, "-f", {"h263": "h263", "m4v": "m4v", "h264": "h264"}[kind])
+                self.assertEqual(decoded, frames(sample(name)))
 
     def test_standard_input_is_played_while_it_arrives(self):
         whole = self.extract("amrnb_plain", "ar")
@@ -227,6 +284,25 @@ class Inspect(ToolTest):
         text = run("inspect", "-", stdin=stream).stdout.decode()
         self.assertIn('medium "AUDIO   "', text)
         self.assertEqual(len(text.splitlines()), len(records))
+
+    def test_video_frames_and_their_damage(self):
+        stream = self.extract("h263_hinted", "vr")
+        result = run("inspect", "-", "--json", stdin=stream)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        records = json.loads(result.stdout)["records"]
+        self.assertEqual([r["record"] for r in records[:9]],
+                         ["PROP_Header_Info", "VID_Header_NTSInfo", "VID_Header_IndxInfo",
+                          "VID_Header_CodecInfo", "VID_Header_H263CodecConfig", "VID_FileInfo",
+                          "VID_Frame_Record", "VID_Frame_Words", "TEL_Packet_Header"])
+        self.assertEqual(records[3]["fields"]["codec"], "s263+")
+        packets = [r["fields"]["sequence"] for r in records if r["record"] == "TEL_Packet_Header"]
+        self.assertEqual([(n - packets[0]) % 65536 for n in packets], list(range(56)))
+        for at, value, reason in [(40, b"x", "names no codec"), (92, b"\xff", "does not"),
+                                  (96, b"\x09", "does not"), (104, b"\x05", "not 4 and 1"),
+                                  (112, b"\x01", "")]:
+            damaged = stream[:at] + value + stream[at + 1:]
+            self.assert_fails(run("inspect", "-", stdin=damaged), 1, reason)
+        self.assert_fails(run("inspect", "-", stdin=stream[:-1]), 1, "ends inside a frame")
 
     def test_damage_is_located(self):
         stream = bytearray(self.extract("amrnb_plain", "ar"))

@@ -42,7 +42,9 @@ class Rfc2190 final : public Depacketiser {
         std::vector<uint8_t> bytes(payload.begin() + static_cast<long>(header), payload.end());
         bytes.front() &= static_cast<uint8_t>(0xFF >> start_bit);
         bytes.back() &= static_cast<uint8_t>(0xFF << bits_behind);
-        if (has_shared_) bytes.front() |= shared_;
+        // A picture may end inside a byte; the next one begins with a byte of its own.
+        if (has_shared_ && start_bit == 0) emit({&shared_, 1});
+        if (has_shared_ && start_bit != 0) bytes.front() |= shared_;
         has_shared_ = bits_behind != 0;
         if (has_shared_) {
             shared_ = bytes.back();

@@ -12,7 +12,10 @@ Played read_to_end(mm_Interface* handle, kst_host* host) {
             kst_ReadChunk(handle, buffer.data(), &size, kst_host_is_arriving(host) != 0);
         played.stream.insert(played.stream.end(), buffer.begin(), buffer.begin() + size);
         if (played.status == KST_SUCCESS) continue;
-        if (played.status != KST_NOT_YET || kst_host_is_complete(host)) return played;
+        // In front of the first video frame, not-yet is told as a failure that delivers nothing.
+        const bool may_arrive =
+            played.status == KST_NOT_YET || (played.status == KST_FAILURE && size == 0);
+        if (!may_arrive || kst_host_is_complete(host)) return played;
         kst_host_wait(host);
     }
 }
