@@ -26,40 +26,72 @@ class Rfc4629 final : public Depacketiser {
     }
 };
 
-// RFC 2190: a header of 4, 8 or 12 bytes; a byte that two packets share is put together from both.
+// RFC 2190: a header of 4, 8 or 12 bytes. A byte that two packets share is put together from both,
+// by the bits that their headers tell.
 class Rfc2190 final : public Depacketiser {
   public:
     using Depacketiser::Depacketiser;
 
     void packet(std::span<const uint8_t> payload) override {
-        if (payload.empty()) return;
-        const bool f = (payload[0] & 0x80) != 0;
-        const bool p = (payload[0] & 0x40) != 0;
-        const size_t header = !f ? 4 : !p ? 8 : 12;
-        if (payload.size() <= header) return;
-        const unsigned start_bit = payload[0] >> 3 & 7;
-        const unsigned bits_behind = payload[0] & 7;
-        std::vector<uint8_t> bytes(payload.begin() + static_cast<long>(header), payload.end());
-        bytes.front() &= static_cast<uint8_t>(0xFF >> start_bit);
-        bytes.back() &= static_cast<uint8_t>(0xFF << bits_behind);
-        // A picture may end inside a byte; the next one begins with a byte of its own.
-        if (has_shared_ && start_bit == 0) emit({&shared_, 1});
-        if (has_shared_ && start_bit != 0) bytes.front() |= shared_;
-        has_shared_ = bits_behind != 0;
-        if (has_shared_) {
-            shared_ = bytes.back();
-            bytes.pop_back();
-        }
+        const Header header = parse(payload);
+        if (payload.size() <= header.size) return;
+        std::vector<uint8_t> bytes(payload.begin() + static_cast<long>(header.size), payload.end());
+        if (has_held_) join_held(header, bytes.front());
+        // The last byte may be shared, which only the next packet settles.
+        held_ = bytes.back();
+        held_by_ = header;
+        has_held_ = true;
+        bytes.pop_back();
         emit(bytes);
     }
 
     void finish() override {
-        if (has_shared_) emit({&shared_, 1});
+        if (has_held_) emit({&held_, 1});
     }
 
   private:
-    bool has_shared_ = false;
-    uint8_t shared_ = 0;
+    struct Header {
+        size_t size = 4;
+        bool tells_bits = true;
+        unsigned start_bit = 0;    // of the first byte
+        unsigned bits_behind = 0;  // of the last byte, which are not this packet's
+    };
+
+    // Some writers spoil mode B headers with negative vectors: ones all the way to the front.
+    static bool is_spoilt(std::span<const uint8_t> payload) {
+        return payload.size() >= 4 &&
+               std::all_of(payload.begin(), payload.begin() + 4, [](auto b) { return b == 0xFF; });
+    }
+
+    static Header parse(std::span<const uint8_t> payload) {
+        if (payload.empty()) return {};
+        if (is_spoilt(payload)) return {8, false, 0, 0};
+        const bool f = (payload[0] & 0x80) != 0;
+        const bool p = (payload[0] & 0x40) != 0;
+        return {!f   ? size_t{4}
+                : !p ? size_t{8}
+                     : size_t{12},
+                true, payload[0] >> 3 & 7u, payload[0] & 7u};
+    }
+
+    // Settles the byte held back, in front of a packet that begins with `first`.
+    void join_held(const Header& next, uint8_t& first) {
+        const bool shared = held_by_.tells_bits ? held_by_.bits_behind != 0 &&
+                                                      (!next.tells_bits || next.start_bit != 0)
+                            : next.tells_bits ? next.start_bit != 0
+                                              : held_ == first;
+        if (!shared) {
+            emit({&held_, 1});
+        } else if (held_by_.tells_bits && next.tells_bits) {
+            const auto mine = static_cast<uint8_t>(0xFF << held_by_.bits_behind);
+            const auto its = static_cast<uint8_t>(0xFF >> next.start_bit);
+            first = static_cast<uint8_t>((held_ & mine) | (first & its));
+        }
+    }
+
+    bool has_held_ = false;
+    uint8_t held_ = 0;
+    Header held_by_;
 };
 
 // RFC 6416: the stream itself; or RFC 3640, where the AU headers and their length in bits go in
