@@ -11,6 +11,7 @@ void add_info(CLI::App& app);
 void add_inspect(CLI::App& app);
 void add_unpack(CLI::App& app);
 void add_packets(CLI::App& app);
+void add_boxes(CLI::App& app);
 
 }  // namespace tool
 

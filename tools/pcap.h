@@ -1,0 +1,30 @@
+// A capture file of RTP packets, as a network analyser opens it.
+#ifndef KESTREL_TOOLS_PCAP_H
+#define KESTREL_TOOLS_PCAP_H
+
+#include <span>
+#include <string>
+
+#include "tools/support.h"
+
+namespace tool {
+
+// Where the captured packets pretend to go (RFC 5737 sets these addresses aside for documents).
+inline constexpr const char* kCaptureAddress = "192.0.2.2";
+inline constexpr uint16_t kFirstCapturePort = 5004;
+
+// Writes RTP packets as UDP over IPv4 into a capture of link type raw IP.
+class PcapWriter {
+  public:
+    explicit PcapWriter(Output& output);
+
+    // `seconds` is the time that the packet is stamped with.
+    void packet(std::span<const uint8_t> rtp, uint16_t port, double seconds);
+
+  private:
+    Output& output_;
+};
+
+}  // namespace tool
+
+#endif
