@@ -40,7 +40,11 @@ class NalUnits {
         return !unit.empty();
     }
 
-    bool at_end() const { return bytes_.size() <= length_size_; }
+    bool has_more() const {
+        NalUnits rest = *this;
+        NalUnit unit;
+        return rest.next(unit);
+    }
 
   private:
     std::span<const uint8_t> bytes_;
@@ -162,7 +166,7 @@ int tel_rfc3984_packet(void* out, int out_size, void* in, int in_len, double dur
     NalUnits units({static_cast<const uint8_t*>(in), in_len > 0 ? static_cast<size_t>(in_len) : 0},
                    state->nal_len_size);
     for (NalUnit unit; units.next(unit);) {
-        if (!access_unit.put(unit, units.at_end())) return -1;
+        if (!access_unit.put(unit, !units.has_more())) return -1;
     }
     return output.written();
 }

@@ -35,16 +35,15 @@ bool MacroblockCutter::find_boundary(size_t limit) {
 }
 
 VideoFragment MacroblockCutter::cut(size_t begin, size_t budget) {
-    if (!walking_ || picture_.size() - begin <= budget) {
-        VideoFragment fragment = cut_at_start_code(picture_, begin, budget);
-        fragment.macroblock = fragment_macroblock_;
-        fragment.start_bit = walking_ ? fragment_start_.bit : 0;
-        return fragment;
-    }
     VideoFragment fragment;
     fragment.begin = begin;
-    fragment.start_bit = fragment_start_.bit;
-    walking_ = find_boundary(begin + budget);
+    fragment.start_bit = walking_ ? fragment_start_.bit : 0;
+    fragment.macroblock = fragment_macroblock_;
+    if (picture_.size() - begin <= budget) {
+        fragment.length = picture_.size() - begin;
+        return fragment;
+    }
+    walking_ = walking_ && find_boundary(begin + budget);
     fragment.macroblock = fragment_macroblock_;
     if (!walking_) {
         fragment.length = budget;

@@ -30,14 +30,15 @@ struct VideoFragment {
 // Cuts a sample in front of start codes, or anywhere where there are none.
 VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, size_t budget);
 
-// Cuts an H.263 picture between macroblocks, as long as its walker can tell them.
+// Cuts an H.263 picture between macroblocks, as long as its walker can tell them. Each picture is
+// walked on its own, so one whose header leaves its format and modes to the picture before cannot
+// be.
 class MacroblockCutter {
   public:
     explicit MacroblockCutter(std::span<const uint8_t> picture) : picture_(picture) {}
 
     // The fragment that begins where the one before ended and takes at most `budget` bytes. Once
-    // the macroblocks can no longer be told, this and all later ones are cut by cut_at_start_code,
-    // but the first of these at the budget.
+    // the macroblocks can no longer be told, this and all later ones end at the budget.
     VideoFragment cut(size_t begin, size_t budget);
 
     const nch_state& state() const { return state_; }

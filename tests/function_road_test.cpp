@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "kestrel/isoff.h"
 #include "kestrel/kstutil.h"
 #include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
@@ -286,6 +287,89 @@ TEST(FunctionRoad, VideoCallsAlternateBetweenRecordAndPackets) {
         kst_Close(&handle);
         kst_host_close(host);
     }
+}
+
+// --- files that once wrote outside the buffers ---
+
+Bytes video_file(const Bytes& entry, const std::vector<uint32_t>& sizes, const Bytes& media) {
+    const auto build = [&](uint32_t at) {
+        return join({ftyp(),
+                     movie({track({.handler = "vide",
+                                   .timescale = 90000,
+                                   .entry = entry,
+                                   .tables = one_chunk_tables(sizes, 6000, at)})}),
+                     box("mdat", {media})});
+    };
+    return build(static_cast<uint32_t>(build(0).size() - media.size()));
+}
+
+Bytes visual_entry(const char* type, const Bytes& config) {
+    return box(type, {zeros(24), be16(176), be16(144), zeros(8), zeros(42), config});
+}
+
+// NAL units one byte longer than a packet make two fragments each, and each fragment takes four
+// bytes more than it is charged.
+TEST(FunctionRoad, ManyUnitsJustLongerThanAPacketStayInTheBuffer) {
+    const Bytes avcc = box("avcC", {{1, 66, 0, 30, 0xFD, 0xE1}, be16(4), {0x67, 66, 0, 30}, {0}});
+    for (const uint32_t last : {1u, 300u, 500u, 612u, 700u, 900u}) {
+        Bytes sample;
+        for (const uint32_t size : std::vector<uint32_t>(44, 1401)) {
+            const Bytes unit = join({be16(size), Bytes(size, 0x41)});
+            sample.insert(sample.end(), unit.begin(), unit.end());
+        }
+        const Bytes unit = join({be16(last), Bytes(last, 0x41)});
+        sample.insert(sample.end(), unit.begin(), unit.end());
+        const Bytes file =
+            video_file(visual_entry("avc1", avcc), {static_cast<uint32_t>(sample.size())}, sample);
+        const Played played = play(file, "vr");
+        EXPECT_THAT(played.status, testing::AnyOf(KST_END_OF_FILE, KST_FAILURE));
+    }
+}
+
+// A damaged second configuration must not leave half of the first: its sets would be walked with
+// lengths of another width.
+TEST(FunctionRoad, DamagedSecondConfigurationLeavesNoParameterSets) {
+    Bytes set(200, 1);
+    set[0] = 0x67;
+    const Bytes good = box("avcC", {{1, 66, 0, 30, 0xFF, 0xE1}, be16(200), set, {0}});
+    const Bytes cut = box("avcC", {{1, 66, 0, 30, 0xFC, 0xFF}, be16(9)});
+    const Bytes file = video_file(visual_entry("avc1", join({good, cut})), {10}, Bytes(10, 0x65));
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
+    iso_file* iso = isoFFopen(callbacks, "r", nullptr);
+    const iso_track* damaged = isoFFselect(iso, "vide", 1);
+    ASSERT_NE(damaged, nullptr);
+    EXPECT_EQ(damaged->sps_count + damaged->pps_count, 0u);
+    EXPECT_EQ(damaged->param_sets_length, 0u);
+    isoFFclose(iso);
+    kst_host_close(host);
+}
+
+// Configurations that grow from sample to sample take memory for the largest of them only.
+TEST(FunctionRoad, GrowingConfigurationsTakeLittleMemory) {
+    std::vector<uint32_t> sizes;
+    Bytes media;
+    for (uint32_t length = 20; length < 2000; length += 5) {
+        const Bytes config = join({{0, 0, 1, 0xB0, 1}, Bytes(length, 0x33)});
+        const Bytes sample = join({config, {0, 0, 1, 0xB6, 0x10, 1, 2, 3}});
+        sizes.push_back(static_cast<uint32_t>(sample.size()));
+        media.insert(media.end(), sample.begin(), sample.end());
+    }
+    const Bytes file = video_file(visual_entry("mp4v", {}), sizes, media);
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    mm_Interface* handle = nullptr;
+    ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), "vr"), KST_SUCCESS);
+    const int32_t before = malloccount;
+    Bytes buffer(KST_LARGEST_CHUNK);
+    int32_t status = KST_SUCCESS;
+    while (status == KST_SUCCESS) {
+        uint32_t size = KST_LARGEST_CHUNK;
+        status = kst_ReadChunk(handle, buffer.data(), &size, false);
+    }
+    EXPECT_EQ(status, KST_END_OF_FILE);
+    EXPECT_LT(malloccount - before, 12);  // of 396 samples, each with a larger one
+    kst_Close(&handle);
+    kst_host_close(host);
 }
 
 // A frame that outgrows the buffers is a failure, again and again, and nothing is written outside.

@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -192,7 +193,7 @@ class Usage(ToolTest):
 
     def test_help_names_every_command(self):
         text = run("--help").stdout.decode()
-        for command in ["extract", "info", "inspect", "unpack", "packets"]:
+        for command in ["extract", "info", "inspect", "unpack", "packets", "boxes"]:
             self.assertIn(command, text)
             self.assertEqual(run(command, "--help").returncode, 0)
         self.assertRegex(run("--version").stdout.decode(), r"^kestrel \d+\.\d+\.\d+\n$")
@@ -267,6 +268,76 @@ class Packets(ToolTest):
         self.assert_fails(run("packets", sample("two_amrnb_hinted"), "--track", 1), 1,
                           "no hint track with this ID")
         self.assert_fails(run("packets", sample("amrnb_plain")), 1, "no hint track")
+
+
+    def test_capture_and_its_description(self):
+        name = "av_h264_amrwb_hinted"
+        out = self.scratch / "cap.pcap"
+        self.assertEqual(run("packets", sample(name), "--pcap", out).returncode, 0)
+        data = out.read_bytes()
+        self.assertEqual(data[:4], bytes.fromhex("d4c3b2a1"))
+        captured = {5004: [], 5006: []}
+        at, last = 24, (0, 0)
+        while at < len(data):
+            seconds, micros, length, _ = struct.unpack("<4I", data[at: at + 16])
+            packet = data[at + 16: at + 16 + length]
+            self.assertGreaterEqual((seconds, micros), last)
+            last = (seconds, micros)
+            captured[int.from_bytes(packet[22:24], "big")].append(packet[28:].hex())
+            at += 16 + length
+        for track, port in (("65536", 5004), ("65537", 5006)):
+            lines = run("packets", sample(name), "--hex", "--track", track).stdout.decode()
+            self.assertEqual(captured[port], [line.split()[6] for line in lines.splitlines()])
+        text = (self.scratch / "cap.sdp").read_text()
+        self.assertIn("m=video 5004 RTP/AVP 96", text)
+        self.assertIn("a=rtpmap:97 AMR-WB/16000", text)
+        self.assertIn("c=IN IP4 192.0.2.2", text)
+
+
+class Boxes(ToolTest):
+    def test_tree_agrees_with_an_independent_lister(self):
+        golden, name = {}, None
+        listing = pathlib.Path(__file__).parent / "golden" / "box_list.txt"
+        for line in listing.read_text().splitlines():
+            if line.startswith("file "):
+                name = line[5:-4]
+                golden[name] = []
+            elif not line.startswith("#") and line.strip():
+                depth, rest = line.split(" ", 1)
+                kind, offset, size = rest.rsplit(" ", 2)
+                golden[name].append((int(depth), kind, int(offset), int(size)))
+        self.assertGreater(len(golden), 30)
+        for name, expected in golden.items():
+            with self.subTest(name=name):
+                result = run("boxes", sample(name), "--json")
+                self.assertEqual((result.returncode, result.stderr), (0, b""))
+                seen = set()
+
+                def walk(boxes):
+                    for box in boxes:
+                        seen.add((box["type"], box["offset"], box["size"]))
+                        walk(box.get("children", []))
+
+                walk(json.loads(result.stdout))
+                theirs = {row[1:] for row in expected}
+                # Boxes inside those that the model skips are not in the tree.
+                self.assertTrue(all(row in theirs for row in seen if row[0] not in ("url ",)),
+                                seen - theirs)
+                modelled = {"ftyp", "moov", "mdat", "free", "mvhd", "trak", "tkhd", "tref", "edts",
+                            "elst", "mdia", "mdhd", "minf", "dinf", "stbl", "stsd", "stts", "stsc",
+                            "stsz", "stco", "stss", "ctts"}
+                self.assertEqual({row for row in theirs - seen if row[0] in modelled}, set())
+
+    def test_damaged_tree_is_shown_to_where_it_ends(self):
+        data = bytearray(pathlib.Path(sample("amrnb_plain")).read_bytes())
+        size = int.from_bytes(data[28:32], "big")
+        self.assertEqual(data[32:36], b"moov")
+        data[28:32] = (len(data) * 2).to_bytes(4, "big")
+        result = run("boxes", "-", stdin=bytes(data))
+        self.assert_fails(result, 1, f"Invalid size found in box.  Current file position is 28, "
+                                     f"box size is {len(data) * 2}")
+        self.assertIn("ftyp", result.stdout.decode())
+        self.assertGreater(size, 8)
 
 
 class Inspect(ToolTest):

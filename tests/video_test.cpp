@@ -360,6 +360,7 @@ TEST(H264Packets, FragmentsAndParameterSets) {
          {0, 1, 1}},
         {"a length that lies", join({be32(0xFFFFFFF0), {0x41, 1, 2}}), {3}, {1}},
         {"empty units and a cut length", join({be32(0), nal(0x41, 2, 4), {0, 0, 1}}), {2}, {1}},
+        {"empty units behind the last", join({nal(0x41, 2, 4), be32(0), be32(0)}), {2}, {1}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

@@ -43,7 +43,7 @@ struct iso_file {
     uint32_t timescale;                         // movie units per second
     uint32_t duration;                          // in movie units
     uint32_t next_track_id;
-    iso_track* first_track;    // list in file order
+    iso_track* first_track;  // list in file order
     iso_track* last_track;
     iso_track* current_track;  // the track being filled: that of the last `tkhd`
     char major_brand[5];
@@ -307,8 +307,10 @@ KESTREL_API uint8_t* isoFFgetDecoderSpecificInfo(iso_track* track, int* length, 
 KESTREL_API int isoFFGetDSIin3GPP(iso_track* track, int prepend, unsigned char** out);
 
 // Writes the parameter sets of `media` as `tel` packets into `buffer`, which must hold
-// param_sets_length bytes and 20 for each set, and stores their total length. They take the next
-// sequence numbers of `hint`, whose packets then follow without a gap.
+// param_sets_length bytes and 20 for each set, and stores their total length. Before the first
+// packet of `hint` they take its next sequence numbers, and its packets follow without a gap; later
+// they begin with the number and time of its last packet. Their payload type is 103 whatever is
+// given.
 KESTREL_API void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type,
                                  unsigned char* buffer, int* length);
 

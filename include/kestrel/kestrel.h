@@ -65,8 +65,10 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
  * cannot be had now; nothing was consumed, so call again when more has arrived (a file that was cut
  * short answers so for ever). KST_BAD_HANDLE: null handle. KST_BAD_ARGUMENT: null buffer or size;
  * or no room for the chunk: then `*size` is the room that it needs, nothing was consumed, and the
- * call can be repeated. KST_FAILURE: the track cannot be read on, or, with `*size` not 0, the chunk
- * was delivered but the stream could not be repositioned behind it. 23 (no name in the table): the
+ * call can be repeated. KST_FAILURE with `*size` 0: the track cannot be read on, or the data of the
+ * first video frame cannot be had now; nothing was consumed, so while the file is incomplete the
+ * call may be repeated as after KST_NOT_YET. KST_FAILURE with `*size` not 0: the chunk was
+ * delivered, but the stream could not be repositioned behind it. 23 (no name in the table): the
  * codec record could not be written. */
 KESTREL_API int32_t kst_ReadChunk(mm_Interface* handle, unsigned char* buffer, uint32_t* size,
                                   bool flag);

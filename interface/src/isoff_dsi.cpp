@@ -101,27 +101,39 @@ AvccHeader read_avcc_header(ByteReader& reader) {
 // Visits the sets of one kind. Only the low five bits of the count are taken, for picture parameter
 // sets as well, so more than 31 of them are not supported: kept on purpose.
 template <typename Visit>
-uint32_t visit_sets(ByteReader& reader, Visit visit) {
+void visit_sets(ByteReader& reader, Visit visit) {
     const uint32_t count = reader.u8() & 0x1F;
     for (uint32_t i = 0; i < count; ++i) {
         const auto set = reader.take(reader.be16());
         if (reader.ok()) visit(set);
     }
-    return count;
 }
 
-// The parameter sets of one kind, each behind a length as wide as those of the stream.
+// The parameter sets of one kind that are not empty, each behind a length as wide as those of the
+// stream. Returns how many.
 uint32_t append_prefixed_sets(ByteReader& reader, int width, std::vector<uint8_t>& to, bool& fits) {
-    return visit_sets(reader, [&](std::span<const uint8_t> set) {
+    uint32_t count = 0;
+    visit_sets(reader, [&](std::span<const uint8_t> set) {
+        if (set.empty()) return;
         if (width == 1 && set.size() > 0xFF) fits = false;
+        ++count;
         for (int i = width - 1; i >= 0; --i) {
             to.push_back(static_cast<uint8_t>(i < 2 ? set.size() >> (8 * i) : 0));
         }
         to.insert(to.end(), set.begin(), set.end());
     });
+    return count;
 }
 
+void forget_param_sets(iso_track* track) {
+    track->sps_count = track->pps_count = 0;
+    track->sps_block = track->pps_block = track->param_sets = nullptr;
+    track->param_sets_length = 0;
+}
+
+// Keeps the parameter sets of the track's `avcC`, all or none of them.
 bool store_param_sets(iso_track* track) {
+    forget_param_sets(track);
     ByteReader reader({track->dsi, track->dsi_length});
     const AvccHeader header = read_avcc_header(reader);
     track->profile = header.profile;
@@ -130,17 +142,19 @@ bool store_param_sets(iso_track* track) {
     track->nal_length_size = header.nal_length_size;
     std::vector<uint8_t> sets;
     bool fits = true;
-    track->sps_count = append_prefixed_sets(reader, track->nal_length_size, sets, fits);
+    const uint32_t sps_count = append_prefixed_sets(reader, header.nal_length_size, sets, fits);
     const size_t sps_length = sets.size();
-    track->pps_count = append_prefixed_sets(reader, track->nal_length_size, sets, fits);
+    const uint32_t pps_count = append_prefixed_sets(reader, header.nal_length_size, sets, fits);
     if (!reader.ok() || !fits) return false;
     // One block: the sequence sets, then the picture sets.
-    track->param_sets = arena_array<uint8_t>(track->file, sets.size());
-    if (track->param_sets == nullptr) return false;
-    std::copy(sets.begin(), sets.end(), track->param_sets);
+    auto* block = arena_array<uint8_t>(track->file, sets.size());
+    if (block == nullptr) return false;
+    std::copy(sets.begin(), sets.end(), block);
+    track->sps_count = sps_count;
+    track->pps_count = pps_count;
+    track->param_sets = track->sps_block = block;
+    track->pps_block = block + sps_length;
     track->param_sets_length = static_cast<uint32_t>(sets.size());
-    track->sps_block = track->param_sets;
-    track->pps_block = track->param_sets + sps_length;
     return true;
 }
 
@@ -228,10 +242,13 @@ std::vector<uint8_t> make_avcc(const ParameterSets& sets) {
 
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
     if (bytes.size() > track->dsi_capacity || track->dsi == nullptr) {
-        auto* memory = arena_array<uint8_t>(track->file, bytes.size());
+        // The arena takes nothing back, so a configuration that keeps growing must not take a new
+        // block each time.
+        const size_t capacity = std::max<size_t>(bytes.size(), size_t{2} * track->dsi_capacity);
+        auto* memory = arena_array<uint8_t>(track->file, capacity);
         if (memory == nullptr) return false;
         track->dsi = memory;
-        track->dsi_capacity = static_cast<uint32_t>(bytes.size());
+        track->dsi_capacity = static_cast<uint32_t>(capacity);
     }
     std::copy(bytes.begin(), bytes.end(), track->dsi);
     track->dsi_length = static_cast<uint32_t>(bytes.size());

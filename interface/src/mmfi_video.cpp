@@ -30,8 +30,9 @@ constexpr uint8_t kMarkerBit = 0x80;
 constexpr uint32_t kRtpHeader = 12;
 constexpr uint8_t kVisualObjectSequence = 0xB0;
 constexpr uint8_t kVop = 0xB6;
-// What the H.264 packetiser may write beyond the room it is told: four bytes for each fragment.
-constexpr uint32_t kFragmentCredit = 4 * (kBufferSize / kMostPacketBytes + 1);
+// What the H.264 packetiser may write beyond the room it is told: four bytes for each fragment, and
+// a unit that is just longer than a packet makes two.
+constexpr uint32_t kFragmentCredit = 2 * 4 * (kBufferSize / kMostPacketBytes + 1);
 
 // What tells the codecs apart.
 struct Codec {
@@ -100,7 +101,12 @@ class SavedTrack {
         if (track->hint != nullptr) hint_ = *track->hint;
     }
     void restore() const {
-        *track_ = saved_;
+        iso_track back = saved_;
+        // Memory that a configuration was given stays the track's.
+        back.dsi = track_->dsi;
+        back.dsi_length = track_->dsi_length;
+        back.dsi_capacity = track_->dsi_capacity;
+        *track_ = back;
         if (track_->hint != nullptr) *track_->hint = hint_;
     }
 
@@ -302,13 +308,16 @@ int32_t VideoReader::keep_and_reposition(const Gathered& gathered, uint32_t fram
 int32_t VideoReader::put_header_records() {
     const uint32_t headers = header_records_size();
     if (!has_room(size_, headers + sizeof(VID_Frame_Record))) return KST_BAD_ARGUMENT;
+    // An H.263 stream's name depends on its packets; an MPEG-4 sample may replace the configuration
+    // that belongs into these records.
+    if (hint_ == nullptr) append_header_records();
     const Gathered gathered = gather(true);
     if (gathered.status != KST_SUCCESS) {
         // Not-yet is told as a failure here, but nothing is lost: the next call begins anew.
         const bool end = gathered.status == KST_END_OF_FILE;
         return deliver_nothing(end ? KST_END_OF_FILE : KST_FAILURE, kHeaderRecords);
     }
-    append_header_records();
+    if (hint_ != nullptr) append_header_records();
     return keep_and_reposition(gathered, headers);
 }
 
@@ -327,7 +336,7 @@ int32_t VideoReader::put_frame_packets() {
 
 int32_t VideoReader::put_frame_record() {
     if (!has_room(size_, sizeof(VID_Frame_Record))) return KST_BAD_ARGUMENT;
-    record_->kept_frame = VID_Frame_Record{};
+    if (hint_ != nullptr) record_->kept_frame = VID_Frame_Record{};
     const Gathered gathered = gather(false);
     if (gathered.status == KST_SUCCESS) return keep_and_reposition(gathered, 0);
     if (gathered.not_yet) put_record(buffer_, record_->kept_frame);
