@@ -2,10 +2,6 @@
 
 #include <syslog.h>
 
-extern "C" {
-int32_t sx_Debug = 3;
-}
-
 namespace {
 
 constexpr size_t kMessageBuffer = 256;

@@ -1,0 +1,5 @@
+#include "kestrel/log.h"
+
+extern "C" {
+int32_t sx_Debug = 3;
+}
