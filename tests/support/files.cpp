@@ -67,14 +67,14 @@ Bytes box(const std::string& type, std::initializer_list<Bytes> parts) {
     return join({be32(static_cast<uint32_t>(body.size() + 8)), text(type), body});
 }
 
-Bytes track(const TrackSpec& spec) {
-    const Bytes tkhd = box("tkhd", {words({0, 0, 0, spec.id, 0, spec.duration, 0, 0}), be16(0),
+Bytes track(const TrackSpec& about) {
+    const Bytes tkhd = box("tkhd", {words({0, 0, 0, about.id, 0, about.duration, 0, 0}), be16(0),
                                     be16(0), be16(0x100), be16(0), zeros(36), words({0, 0})});
-    const Bytes mdhd = box("mdhd", {words({0, 0, 0, spec.timescale, spec.duration, 0})});
-    const Bytes hdlr = box("hdlr", {words({0, 0}), text(spec.handler), zeros(13)});
-    const Bytes stsd = box("stsd", {words({0, 1}), spec.entry});
-    const Bytes mdia = box("mdia", {mdhd, hdlr, box("minf", {box("stbl", {stsd, spec.tables})})});
-    return box("trak", {tkhd, mdia, spec.extra});
+    const Bytes mdhd = box("mdhd", {words({0, 0, 0, about.timescale, about.duration, 0})});
+    const Bytes hdlr = box("hdlr", {words({0, 0}), text(about.handler), zeros(13)});
+    const Bytes stsd = box("stsd", {words({0, 1}), about.entry});
+    const Bytes mdia = box("mdia", {mdhd, hdlr, box("minf", {box("stbl", {stsd, about.tables})})});
+    return box("trak", {tkhd, mdia, about.extra});
 }
 
 Bytes movie(std::initializer_list<Bytes> tracks) {

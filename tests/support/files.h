@@ -37,7 +37,7 @@ struct TrackSpec {
     Bytes extra = {};   // further children of `trak`
 };
 
-Bytes track(const TrackSpec& spec);
+Bytes track(const TrackSpec& about);
 Bytes movie(std::initializer_list<Bytes> tracks);
 Bytes ftyp();
 
