@@ -295,6 +295,10 @@ void settle_movie(iso_file* file) {
     }
 }
 
+bool spool_sample(iso_track* track, const void* data, uint32_t size) {
+    return size == 0 || std::fwrite(data, 1, size, track->spool) == size;
+}
+
 int take_sample(iso_track* track, const void* data, uint32_t size, uint32_t duration,
                 int32_t cts_offset) {
     iso_file* file = track->file;
@@ -305,7 +309,7 @@ int take_sample(iso_track* track, const void* data, uint32_t size, uint32_t dura
     if (file->direct_write) {
         const int flushed = flush_frame(track, data, frame);
         if (flushed < 0) return flushed;
-    } else if (track->spool != nullptr && std::fwrite(data, 1, size, track->spool) != size) {
+    } else if (track->spool != nullptr && !spool_sample(track, data, size)) {
         file->finalised = 1;  // what comes behind it in the temporary file is lost
         return kFellShort;
     }
