@@ -309,7 +309,8 @@ void hint(const Options& options) {
     const int closed = isoFFclose(to.release());
     stream.finish();  // tells what the system said of a write
     if (closed == -2) throw std::bad_alloc();
-    if (closed != 0) throw Error(options.output + ": the file would be too large");
+    if (closed == -6) throw Error(options.output + ": the file would be too large");
+    if (closed != 0) throw system_error("temporary file");
 }
 
 }  // namespace

@@ -27,6 +27,9 @@ size_t HintPacket::size() const {
 
 namespace {
 
+// A hint sample counts its packets in 16 bits; a sample that makes more is not laid out to its end.
+constexpr size_t kMostPackets = UINT16_MAX;
+
 // --- speech ---
 
 struct SpeechFrame {
@@ -43,6 +46,7 @@ bool find_frames(std::span<const uint8_t> sample, bool wide_band,
         const auto size =
             static_cast<size_t>(storage_frame_size(wide_band ? kWideBandBits[type] : bits[type]));
         if (size > sample.size() - at) return false;
+        if (frames.size() == kMostPackets) return false;
         frames.push_back({at, size - 1, sample[at]});
         at += size;
     }
@@ -137,18 +141,18 @@ void put_part(ByteWriter& out, const PacketPart& part, uint32_t media_sample) {
 }
 
 // The extra information that moves a packet's timestamp (9.1.3.1, "rtpo").
-void put_time_offset(ByteWriter& out, int32_t offset) {
+void put_time_offset(ByteWriter& out, uint32_t offset) {
     constexpr uint32_t kBox = 12, kAll = 4 + kBox;
     out.u32(kAll);
     out.u32(kBox);
     out.u32(fourcc("rtpo"));
-    out.u32(static_cast<uint32_t>(offset));
+    out.u32(offset);
 }
 
 void put_packet(ByteWriter& out, const HintPacket& packet, const HintSampleFacts& facts,
                 uint16_t sequence) {
     constexpr uint8_t kVersion2 = 0x80, kMarker = 0x80, kExtraInformation = 4;
-    const int32_t time_offset = facts.time_offset + packet.time_offset;
+    const int64_t time_offset = int64_t{facts.time_offset} + packet.time_offset;
     out.u32(0);  // sent when the sample's time has come
     out.u8(kVersion2);
     out.u8((packet.marker ? kMarker : 0U) | facts.payload_type);
@@ -156,7 +160,7 @@ void put_packet(ByteWriter& out, const HintPacket& packet, const HintSampleFacts
     out.u8(0);
     out.u8(time_offset != 0 ? kExtraInformation : 0);
     out.u16(static_cast<uint32_t>(constructors_of(packet)));
-    if (time_offset != 0) put_time_offset(out, time_offset);
+    if (time_offset != 0) put_time_offset(out, static_cast<uint32_t>(time_offset));
     for (const PacketPart& part : packet.parts)
         put_part(out, part, facts.media_sample);
 }
@@ -185,7 +189,7 @@ bool packets_of_picture(std::span<const uint8_t> sample, VideoPayload kind, size
     if (!plan.begin(source_format)) return false;
     while (!plan.at_end()) {
         VideoPacket next;
-        if (!plan.next(next)) return false;
+        if (packets.size() == kMostPackets || !plan.next(next)) return false;
         HintPacket& packet = packets.emplace_back();
         packet.marker = next.fragment.is_last();
         packet.add_own(std::span(next.header.bytes).first(next.header.size));
@@ -202,6 +206,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
     };
     NalUnits units(sample, length_size);
     for (NalUnit unit; units.next(unit);) {
+        if (packets.size() >= kMostPackets) return false;
         if (unit.size() <= static_cast<size_t>(max_payload)) {
             packets.emplace_back().add_range(offset_of(unit), unit.size());
             continue;
@@ -220,7 +225,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
 
 std::vector<uint8_t> make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts) {
     std::vector<uint8_t> sample;
-    if (packets.size() > UINT16_MAX) return sample;
+    if (packets.size() > kMostPackets) return sample;
     ByteWriter out(sample);
     out.u16(static_cast<uint32_t>(packets.size()));
     out.u16(0);

@@ -26,6 +26,7 @@ constexpr int kLeastPacket = 64;
 constexpr int kMostPacket = 65535;
 constexpr int kLastPayloadType = 127;
 constexpr int kCannotBeCut = -3;
+constexpr int kTooLong = -7;
 
 bool is_speech(const iso_track* media) {
     return media->codec == ISO_CODEC_SAMR || media->codec == ISO_CODEC_SAWB;
@@ -182,9 +183,9 @@ void count_packets(iso_track* hint, const HintPackets& packets) {
 }
 
 // The time that a sample takes on the RTP clock, counted so that rounding does not add up.
-uint32_t rtp_duration(const iso_track* hint, uint32_t media_duration) {
+int64_t rtp_duration(const iso_track* hint, uint32_t media_duration) {
     const auto begin = static_cast<int64_t>(hint->hinter->media_time);
-    return static_cast<uint32_t>(rescale(begin + media_duration, hint) - rescale(begin, hint));
+    return rescale(begin + media_duration, hint) - rescale(begin, hint);
 }
 
 void describe_hint_track(iso_track* hint, iso_track* media, int max_packet, int payload_type) {
@@ -240,6 +241,8 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
     // A hint sample without packets would hold the clock; one of an empty sample has an empty one.
     if (packets.empty()) packets.emplace_back();
     const auto units = static_cast<uint32_t>(duration);
+    const int64_t rtp_units = rtp_duration(hint, units);
+    if (rtp_units > UINT32_MAX) return kTooLong;
     std::vector<uint8_t> hint_sample = make_hint_sample(
         packets, {static_cast<uint8_t>(hint->last_payload_type), hint->hinter->sequence,
                   static_cast<uint32_t>(hint->sample_count) + 1,
@@ -247,7 +250,7 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
     if (hint_sample.empty() || hint_sample.size() > INT32_MAX) return kCannotBeCut;
     hint->frame_default = 0;  // a time that rounds to nothing is nothing
     const int written = isoFFwrite(hint, hint_sample.data(), static_cast<int>(hint_sample.size()),
-                                   static_cast<int>(rtp_duration(hint, units)), 0);
+                                   static_cast<int>(static_cast<uint32_t>(rtp_units)), 0);
     if (written < 0) return written;
     count_packets(hint, packets);
     hint->hinter->media_time += units;
