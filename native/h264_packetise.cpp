@@ -1,7 +1,6 @@
 #include <algorithm>
 
-#include "common/bytes.h"
-#include "kestrel/codec.h"
+#include "native/h264_units.h"
 #include "native/orb_native.h"
 #include "native/packet_output.h"
 
@@ -10,46 +9,9 @@
 namespace kestrel {
 namespace {
 
-constexpr uint8_t kNalType = 0x1F;
-constexpr uint8_t kNalReferenceIdc = 0x60;
 constexpr uint8_t kIdrSlice = 5;
 constexpr uint8_t kSequenceSet = 7;
 constexpr uint8_t kPictureSet = 8;
-constexpr uint8_t kFuA = 28;
-constexpr uint8_t kFuStart = 0x80;
-constexpr uint8_t kFuEnd = 0x40;
-constexpr int kFuHeaders = 2;  // indicator and header
-
-using NalUnit = std::span<const uint8_t>;
-
-// The length-prefixed NAL units of a run of bytes. One that claims more than there is ends with
-// the bytes; empty ones are passed over.
-class NalUnits {
-  public:
-    NalUnits(std::span<const uint8_t> bytes, int length_size)
-        : bytes_(bytes), length_size_(static_cast<size_t>(std::clamp(length_size, 1, 4))) {}
-
-    bool next(NalUnit& unit) {
-        unit = {};
-        while (unit.empty() && bytes_.size() > length_size_) {
-            const size_t told = h264_get_nal_size(bytes_.data(), static_cast<int>(length_size_));
-            bytes_ = bytes_.subspan(length_size_);
-            unit = bytes_.first(std::min(told, bytes_.size()));
-            bytes_ = bytes_.subspan(unit.size());
-        }
-        return !unit.empty();
-    }
-
-    bool has_more() const {
-        NalUnits rest = *this;
-        NalUnit unit;
-        return rest.next(unit);
-    }
-
-  private:
-    std::span<const uint8_t> bytes_;
-    size_t length_size_;
-};
 
 NalUnits parameter_sets(const tel_native* state) {
     return NalUnits({state->dsi, state->dsi ? static_cast<size_t>(state->dsi_len) : 0},
@@ -105,23 +67,16 @@ bool AccessUnit::put_single(NalUnit unit, bool is_last) {
 }
 
 bool AccessUnit::put_fragments(NalUnit unit) {
-    const auto most = static_cast<size_t>(std::max(state_->max_payload - kFuHeaders, 0));
-    if (most == 0) return false;
-    const uint8_t indicator = static_cast<uint8_t>((unit[0] & kNalReferenceIdc) | kFuA);
-    const uint8_t type = unit[0] & kNalType;
-    uint8_t start = kFuStart;
-    for (unit = unit.subspan(1); !unit.empty(); start = 0) {
-        const bool last = unit.size() <= most;
-        const NalUnit fragment = unit.first(std::min(unit.size(), most));
-        if (static_cast<int>(fragment.size()) + tel_header_size > room_) return false;
-        const uint8_t headers[kFuHeaders] = {
-            indicator, static_cast<uint8_t>(start | (last ? kFuEnd : 0) | type)};
+    FuFragments fragments(unit, state_->max_payload);
+    if (!fragments.has_room()) return false;
+    for (FuFragment fragment{}; fragments.next(fragment);) {
+        const int size = static_cast<int>(fragment.bytes.size());
+        if (size + tel_header_size > room_) return false;
         // The last fragment carries the marker even when further units of the sample follow.
-        state_->hdr.marker = last ? 1 : 0;
-        put_packet(output_, state_, headers, fragment);
+        state_->hdr.marker = fragment.is_last ? 1 : 0;
+        put_packet(output_, state_, fragment.headers, fragment.bytes);
         // The two FU bytes are credited instead of charged: kept as it stands.
-        room_ -= static_cast<int>(fragment.size()) + tel_header_size - kFuHeaders;
-        unit = unit.subspan(fragment.size());
+        room_ -= size + tel_header_size - kFuHeaders;
     }
     return true;
 }

@@ -340,6 +340,184 @@ class Boxes(ToolTest):
         self.assertGreater(size, 8)
 
 
+# Media tracks of one kind, and what the tool must give back of them.
+PLAIN = {
+    "amrnb_plain": ("ar", "amrnb.amr"), "amrnb_plain_mdat_first": ("ar", "amrnb.amr"),
+    "amrwb_plain": ("ar", "amrwb.amr"), "h263_plain": ("vr", "h263.h263"),
+    "mpeg4_plain": ("vr", "mpeg4.m4v"), "h264_plain": ("vr", "h264.h264"),
+}
+
+
+def boxes(data, path):
+    """The bodies of the boxes at a path below the top level, in order."""
+    if not path:
+        return [data]
+    found = []
+    at = 0
+    while at + 8 <= len(data):
+        size = int.from_bytes(data[at:at + 4], "big")
+        if data[at + 4:at + 8] == path[0]:
+            found += boxes(data[at + 8:at + size], path[1:])
+        at += max(size, 8)
+    return found
+
+
+STBL = [b"moov", b"trak", b"mdia", b"minf", b"stbl"]
+
+
+class Hint(ToolTest):
+    def hint(self, source, *options):
+        out = self.scratch / "hinted.3gp"
+        result = run("hint", source, "-o", out, *options)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        return out
+
+    def media(self, path, mode):
+        stream = run("extract", path, mode)
+        self.assertEqual((stream.returncode, stream.stderr), (0, b""))
+        return self.unpack(stream.stdout)
+
+    def packets(self, path):
+        result = run("packets", path, "--hex")
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        return [line.split() for line in result.stdout.decode().splitlines()]
+
+    def without_configuration(self, media, name):
+        """The stream without its decoder configuration, which the library delivers ahead of a
+        stream with hints but at every intra picture of one without."""
+        data = pathlib.Path(sample(name)).read_bytes()
+        if name == "h264_plain":
+            units = media.split(b"\0\0\0\1")
+            return [unit for unit in units if unit[:1] not in (b"\x67", b"\x68")]
+        if name == "mpeg4_plain":
+            entry = boxes(data, STBL + [b"stsd"])[0]
+            config = entry[entry.index(b"\0\0\1\xb0"):]
+            return media.replace(config[:config.rindex(b"\x06")], b"")
+        return media
+
+    def test_media_come_back(self):
+        for name, (mode, truth) in PLAIN.items():
+            for options in [(), ("--mtu", 300), ("--mtu", 1400), ("--rfc2190",)]:
+                with self.subTest(name=name, options=options):
+                    hinted = self.hint(sample(name), *options)
+                    media = self.without_configuration(self.media(hinted, mode), name)
+                    plain = self.without_configuration(self.media(sample(name), mode), name)
+                    self.assertEqual(media, plain)
+                    if isinstance(media, bytes):
+                        known = (SAMPLES / "truth" / truth).read_bytes()
+                        self.assertEqual(media, self.without_configuration(known, name))
+                    limit = options[1] if options[:1] == ("--mtu",) else 1400
+                    self.assertLessEqual(max(int(p[1]) for p in self.packets(hinted)), limit)
+
+    def test_samples_and_tables_are_those_of_the_original(self):
+        for name in PLAIN:
+            with self.subTest(name=name):
+                before = pathlib.Path(sample(name)).read_bytes()
+                after = self.hint(sample(name)).read_bytes()
+                self.assertEqual(after[4:8], b"ftyp")
+                for table in (b"stts", b"ctts", b"stss", b"stsz"):
+                    was = boxes(before, STBL + [table])
+                    now = boxes(after, STBL + [table])
+                    self.assertEqual(now[:1], was[:1], table)
+                    if table == b"stss":
+                        self.assertEqual(now[1:], was)
+                self.assertEqual(boxes(after, [b"moov", b"trak", b"edts", b"elst"])[:1],
+                                 boxes(before, [b"moov", b"trak", b"edts", b"elst"]))
+                self.assertLess(after.index(b"moov"), after.index(b"mdat"))
+
+    def test_agrees_with_an_independent_hinter(self):
+        for name, mode in [("amrnb", "ar"), ("amrwb", "ar"), ("h263", "vr"), ("mpeg4", "vr"),
+                           ("h264", "vr")]:
+            with self.subTest(name=name):
+                hinted = self.hint(sample(f"{name}_plain"))
+                self.assertEqual(self.media(hinted, mode),
+                                 self.media(sample(f"{name}_hinted"), mode))
+                times = {packet[5] for packet in self.packets(hinted)}
+                others = {packet[5] for packet in self.packets(sample(f"{name}_hinted"))}
+                # It puts several speech samples into one hint sample.
+                self.assertLessEqual(others, times)
+                if mode == "vr":
+                    self.assertEqual(others, times)
+
+    def test_rfc2190_has_its_payload_type(self):
+        hinted = self.hint(sample("h263_plain"), "--rfc2190", "--mtu", 500)
+        packets = self.packets(hinted)
+        self.assertEqual({packet[3] for packet in packets}, {"34"})
+        # Mode B follows a cut between macroblocks.
+        self.assertTrue(any(packet[6][24:26] >= "80" for packet in packets))
+
+    def test_independent_player_reads_it(self):
+        if shutil.which("ffmpeg") is None or shutil.which("ffprobe") is None:
+            self.skipTest("no ffmpeg")
+        # All that it says, and of every file with hints: it does not decode them.
+        known = re.compile(rb"^Unsupported codec with id 0 for input stream \d+\n", re.MULTILINE)
+        for name in PLAIN:
+            with self.subTest(name=name):
+                hinted = self.hint(sample(name))
+                probed = subprocess.run(["ffprobe", "-v", "warning", hinted], capture_output=True,
+                                        check=True, timeout=60)
+                self.assertEqual(known.sub(b"", probed.stderr), b"")
+                sums = []
+                for path in (sample(name), hinted):
+                    played = subprocess.run(
+                        ["ffmpeg", "-v", "warning", "-i", path, "-map", "0:0", "-c", "copy", "-f",
+                         "framemd5", "-"], capture_output=True, check=True, timeout=60)
+                    self.assertEqual(known.sub(b"", played.stderr), b"")
+                    # Sizes, times and sums of all packets.
+                    sums.append([line for line in played.stdout.splitlines()
+                                 if not line.startswith(b"#")])
+                self.assertEqual(*sums)
+
+    def test_hinted_file_is_refused_unless_replaced(self):
+        out = self.scratch / "out.3gp"
+        for name, mode in [("av_h263_amrnb_hinted", "ar"), ("av_h264_amrwb_hinted", "vr"),
+                           ("mpeg4_b_hinted", "vr"), ("h264_slices_b_hinted", "vr"),
+                           ("h263_cif_hinted", "vr"), ("amrwb_dtx_hinted", "ar")]:
+            with self.subTest(name=name):
+                self.assert_fails(run("hint", sample(name), "-o", out), 1, "--replace")
+                self.assertFalse(out.exists())
+                hinted = self.hint(sample(name), "--replace")
+                self.assertEqual(self.media(hinted, mode), self.media(sample(name), mode))
+                again = self.scratch / "again.3gp"
+                again.write_bytes(hinted.read_bytes())
+                # What was made once is made the same from itself.
+                self.assertEqual(self.hint(again, "--replace").read_bytes(), again.read_bytes())
+
+    def test_what_cannot_be_hinted(self):
+        out = self.scratch / "out.3gp"
+        data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+        (self.scratch / "cut.3gp").write_bytes(data[:-20])
+        (self.scratch / "kind.3gp").write_bytes(data.replace(b"samr", b"abcd"))
+        (self.scratch / "none.3gp").write_bytes(b"")
+        cases = [
+            (sample("aac_plain"), (), 1, "no AMR, H.263, MPEG-4 or H.264 track"),
+            (self.scratch / "cut.3gp", (), 1, "not in the file"),
+            (self.scratch / "kind.3gp", (), 1, "unknown kind"),
+            (self.scratch / "none.3gp", (), 1, "no AMR"),
+            (sample("amrnb_plain"), ("--mtu", 63), 2, "63"),
+        ]
+        for path, options, code, message in cases:
+            with self.subTest(path=str(path)):
+                result = run("hint", path, "-o", out, *options)
+                self.assertEqual(result.returncode, code)
+                self.assertIn(message, result.stderr.decode().splitlines()[-1])
+                self.assertFalse(out.exists())
+        self.assert_fails(run("hint", self.scratch / "cut.3gp", "-o", self.scratch / "cut.3gp"), 1,
+                          "not in the file")
+        copy = self.scratch / "in.3gp"
+        copy.write_bytes(data)
+        self.assert_fails(run("hint", copy, "-o", copy), 2, "is the input")
+        self.assertEqual(copy.read_bytes(), data)
+        if pathlib.Path("/dev/full").exists():
+            self.assert_fails(run("hint", copy, "-o", "/dev/full"), 1, "No space left")
+
+    def test_standard_streams(self):
+        data = pathlib.Path(sample("h264_plain")).read_bytes()
+        piped = run("hint", "-", "-o", "-", stdin=data)
+        self.assertEqual((piped.returncode, piped.stderr), (0, b""))
+        self.assertEqual(piped.stdout, self.hint(sample("h264_plain")).read_bytes())
+
+
 class Inspect(ToolTest):
     def test_every_record_is_named(self):
         stream = self.extract("amrnb_dtx_hinted", "ar")

@@ -7,6 +7,7 @@
 namespace tool {
 
 void add_extract(CLI::App& app);
+void add_hint(CLI::App& app);
 void add_info(CLI::App& app);
 void add_inspect(CLI::App& app);
 void add_unpack(CLI::App& app);

@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
     tool::add_unpack(app);
     tool::add_packets(app);
     tool::add_boxes(app);
+    tool::add_hint(app);
     try {
         return parse_and_run(app, argc, argv);
     } catch (const tool::Error& error) {

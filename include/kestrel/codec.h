@@ -1,11 +1,15 @@
 // Small scanners over coded video: picture headers, start codes, NAL unit lengths. None keeps
-// state, allocates or throws, and none reads outside the bytes that it is given.
+// state, allocates or throws, and none reads outside the bytes that it is given. And tracks of a
+// codec for the file writer of kestrel/isoff.h.
 #ifndef KESTREL_CODEC_H
 #define KESTREL_CODEC_H
 
 #include <cstdint>
 
 #include "kestrel/api.h"
+
+struct iso_file;
+struct iso_track;
 
 // What an H.263 picture header tells (ITU-T H.263, 5.1), and what an H.263 track is made from.
 struct H263VCFG {
@@ -40,6 +44,27 @@ KESTREL_API int CheckForIFrame(const unsigned char* buf, int len);
 
 // Offset of the first start code 00 00 01 `code` that is followed by a byte below 64, or -1.
 KESTREL_API int FindStartCode(const unsigned char* buf, int len, unsigned char code);
+
+// Tracks for a file that is being written (kestrel/isoff.h). Each creates a track with its handler,
+// sample entry and longest duration; samples are then written with isoFFwrite. Null for a file that
+// is not being written, for a configuration that makes no sense, or without memory. The track
+// belongs to the file.
+
+// H.263: timescale, width, height, profile and level of `cfg`.
+KESTREL_API iso_track* h263_isoFFtrack(iso_file* file, H263VCFG* cfg);
+
+// AMR in the storage format, narrow band (8000 units a second) or wide band (16000). `mode_set` has
+// a bit for each frame type that may occur, `frames_per_sample` is 1 to 15.
+KESTREL_API iso_track* amr_isoFFtrack(iso_file* file, int wide_band, unsigned mode_set,
+                                      unsigned frames_per_sample);
+
+// H.264, from the `avcC` record of `length` bytes.
+KESTREL_API iso_track* h264_isoFFtrack(iso_file* file, const void* avcc, unsigned length,
+                                       unsigned width, unsigned height, unsigned timescale);
+
+// MPEG-4 Visual, from the configuration in front of the first picture (DecoderSpecificInfo).
+KESTREL_API iso_track* mpeg4_isoFFtrack(iso_file* file, const void* config, unsigned length,
+                                        unsigned width, unsigned height, unsigned timescale);
 }
 
 #endif

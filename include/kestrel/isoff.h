@@ -1,4 +1,4 @@
-// The ISO base media file reader (ISO/IEC 14496-12 with the 3GPP sample entries).
+// The ISO base media file reader and writer (ISO/IEC 14496-12 with the 3GPP sample entries).
 //
 // isoFFopen walks a file's boxes through the host's stream table into one iso_file with a list of
 // iso_track records; samples and RTP packets are then read from a track. The records are plain and
@@ -8,11 +8,20 @@
 //
 // Times are seconds in double precision: a value in track units divided by the track's timescale,
 // or 0.0 where that timescale is 0. All file offsets and sizes are in bytes.
+//
+// Writing: isoFFopen(stream, "w", ...) over an empty stream, isoFFtrack or one of the *_isoFFtrack
+// functions for each track, isoFFwrite for each sample in decoding order, isoFFclose. The samples
+// wait in memory and the file is written as a whole at close, `moov` first; with
+// iso_file::direct_write they go to the stream as they come, and `moov` stands at the end. The
+// fields of a track that describe it (handler, codec, timescale, configuration, sync_samples,
+// sbgp_list, edits, sdp_text ...) may be filled in until isoFFclose, with memory from isoFFmalloc.
+// Functions that read samples answer -1 for a track that is being written.
 #ifndef KESTREL_ISOFF_H
 #define KESTREL_ISOFF_H
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "kestrel/api.h"
 #include "kestrel/stream.h"
@@ -59,7 +68,8 @@ struct iso_file {
     iso_file* mem_cookie;
     uint32_t depth;        // nesting of the running box walk
     uint32_t header_size;  // writer: running estimate of the size of `moov`
-    // Writer: file size limit in bytes, then the two interleave parameters.
+    // Writer: file size limit in bytes; the longest that a track may run and the longest that one
+    // track's samples run on before another's, both in seconds.
     uint32_t size_limit;
     double interleave_limit, interleave_span;
     // Allocation arena: number of blocks, first and newest one, what is free in the newest, and
@@ -73,6 +83,15 @@ struct iso_file {
     uint8_t* moov_buffer;     // next byte of the in-memory `moov`
     uint32_t moov_left;       // its bytes not yet consumed, of the box at hand
     char* sdp_text;           // movie-level SDP
+
+    // Writer.
+    uint32_t has_visual;    // 1: `iods` tells that there is visual media (14496-1, table 5)
+    uint32_t direct_write;  // 1: samples go to the stream as they come; set before the first one
+    uint32_t finalised;     // 1: the file was written, or can no longer be
+    uint32_t write_pos;     // bytes written to the stream
+    uint32_t media_base;    // what iso_run::start counts from
+    uint32_t direct_track_limit;  // direct_write: highest track ID that takes samples
+    iso_track* direct_track;      // direct_write: the track whose samples come last
 };
 
 inline constexpr uint32_t iso_file_magic = 0x0C0DE100;
@@ -114,6 +133,31 @@ struct iso_sgpd_entry {
     iso_sgpd_record* records;
     iso_sgpd_entry* next;
 };
+
+struct iso_elst_entry {
+    uint64_t segment_duration;  // movie units
+    int64_t media_time;         // track units; -1 for an empty edit
+    uint32_t media_rate;        // 16.16
+};
+
+// Writer: a sample that was taken. Its bytes are at `data`, or null where they went elsewhere.
+struct iso_frame {
+    uint32_t duration;   // track units
+    int32_t cts_offset;  // track units
+    uint32_t size;       // bytes
+    const uint8_t* data;
+    void* reserved;
+    iso_frame* next;  // in decoding order
+};
+
+// Writer: samples of a track that stand together in the file, which makes them a chunk.
+struct iso_run {
+    uint32_t start;  // from iso_file::media_base
+    uint32_t samples;
+    iso_run* next;
+};
+
+struct iso_hinter;
 
 // Position of the RTP packet reader in a hint track. isoFFrtpHinter makes one; a caller that wants
 // the packets of a certain hint track may hang a zeroed one of its own, with media_track filled, on
@@ -217,6 +261,32 @@ struct iso_track {
     uint32_t last_read_pos;      // lowest file position touched by the last packet
     uint32_t last_payload_type;  // of the last packet
     char srpp_schemes[4][5];
+
+    // Media header, edit list, visual sample entry.
+    uint16_t language;  // three letters of five bits each (ISO 639-2/T)
+    int32_t edit_count;
+    iso_elst_entry* edits;
+    uint32_t frame_count;  // of a visual sample entry: frames in a sample
+    uint32_t depth;        // of the same: bits of a pixel
+
+    // Writer. The figures of the reader (sample_count, sample_size while it is the same for all,
+    // duration, stts_count ...) run on as samples are taken.
+    iso_frame* first_frame;
+    iso_frame* last_frame;
+    uint32_t frame_default;   // duration that a sample with a duration of 0 gets
+    uint32_t duration_limit;  // longest media duration, track units
+    uint64_t header_cost;     // bytes that the samples add to the file
+    uint32_t closed;          // 1: a limit was met; no more samples are taken
+    // A temporary file in which the samples wait instead of in memory. The caller hangs one opened
+    // for update here before the first sample; isoFFclose closes it.
+    std::FILE* spool;
+    iso_run* first_run;
+    iso_run* last_run;
+    uint32_t run_count;
+    uint32_t run_units;         // direct_write: duration of the newest run, track units
+    uint64_t counted_sizes[5];  // of the sample tables, as they were measured
+    uint32_t max_pdu, avg_pdu;  // hint track: bytes of a packet's payload and header
+    iso_hinter* hinter;         // hint track: makes its samples
 };
 
 // Bit of iso_track::flags: the decoder configuration counts into the next sample's size.
@@ -232,11 +302,56 @@ extern "C" {
 KESTREL_API iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* mode,
                                 int* error);
 
-// Ends the record and frees everything that hangs from it. 0, or -1 for null.
+// Ends the record and frees everything that hangs from it, temporary files included. A file that is
+// being written is finished first. 0; -1 for null; and when the file could not be finished, in
+// which case what the stream holds is not a whole file: -2 no memory, -5 the stream or a temporary
+// file failed or took too few bytes, -6 the file would be larger than 32 bits can tell.
 KESTREL_API int isoFFclose(iso_file* file);
 
-// Creates a track at the end of the list; null when there is no memory.
+// Creates a track at the end of the list; null when there is no memory. In write mode it has the
+// next track ID, the file's times and the unity matrix; handler, codec and timescale are the
+// caller's to fill in.
 KESTREL_API iso_track* isoFFtrack(iso_file* file);
+
+// Takes the next sample of a track that is being written: `size` bytes at `data`, `duration` and
+// composition offset in track units. A duration of 0 repeats iso_track::frame_default, and any
+// other becomes it. The bytes are copied. Returns `size`, or
+//   -1  null track, negative size, no data, or the file is not being written
+//   -2  no memory
+//   -5  the file has been finished already, or the stream or the track's temporary file fell short
+//   -6  the file would grow beyond iso_file::size_limit; the track is closed
+//   -7  the track would run longer than iso_track::duration_limit; the track is closed
+//   -8  the track was closed by an earlier -6 or -7
+//   -9  direct_write: the track was made after the first sample of the file was written
+KESTREL_API int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_offset);
+
+// Sets the brands of a file that is being written: four-character codes separated by one blank, the
+// first of which becomes the major brand; all of them are the compatible brands. 0, or -1 for a
+// null argument, a list of another shape, or no memory.
+KESTREL_API int isoFFsetBrand(iso_file* file, const char* brands, int minor_version);
+
+// Keeps a copy of `length` bytes of decoder configuration for the writer: an `avcC` record for
+// codec ISO_CODEC_AVC1, else the DecoderSpecificInfo of `esds`. 0, or -1 for a null argument, a
+// length below 1, an `avcC` that makes no sense, or no memory.
+KESTREL_API int isoFFsetDecoderSpecificInfo(iso_track* track, const void* dsi, int length);
+
+// How rtp_isoFFtrack packs H.263.
+enum iso_h263_payload : int32_t { ISO_H263_RFC4629 = 0, ISO_H263_RFC2190 = 1 };
+
+// Creates the RTP hint track of `media`, an AMR, H.263, MPEG-4 or H.264 track of the same file that
+// is being written, with `payload_type` and packets of at most `max_packet` bytes (RTP header of 12
+// bytes included, 64 to 65535). Its clock is 90000 Hz for video and the sampling rate for speech;
+// its SDP is in `sdp_text`, its edits are those of `media` at the time. Null for any other track or
+// without memory.
+KESTREL_API iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet,
+                                      int payload_type, iso_h263_payload h263_payload);
+
+// Writes the hint sample of the next sample of the media track: its bytes, and its duration and
+// composition offset in units of the media track. Returns the size of the hint sample, an error
+// of isoFFwrite, or -3 when the sample cannot be cut into packets by the rules of its payload
+// format.
+KESTREL_API int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
+                               int cts_offset);
 
 // The n-th track (from 1) of the given handler type, or of any when `handler` is null. Null when
 // there is none, for a null file and in write mode.

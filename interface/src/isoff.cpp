@@ -20,6 +20,7 @@ constexpr double kInterleaveLimit = 7158278.0;
 constexpr double kInterleaveSpan = 1.0;
 constexpr const char* kWriterMajorBrand = "3gp6";
 constexpr const char* kWriterCompatibleBrands = "3gp5 3gp4";
+constexpr uint16_t kUndetermined = 0x55C4;         // "und" as a language (ISO 639-2/T)
 constexpr uint32_t kUnity = 0x00010000;            // 16.16
 constexpr uint32_t kUnityProjection = 0x40000000;  // 2.30
 
@@ -62,6 +63,7 @@ bool begin_writing(iso_file* file) {
 void release(iso_file* file) {
     for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
         if (track->hint_from_system) systemfree(track->hint);
+        if (track->spool != nullptr) std::fclose(track->spool);
     }
     systemfree(file->mdat_buffer);
     safefree(file->first_chunk);
@@ -92,19 +94,28 @@ iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* m
         return nullptr;
     }
     iso_file* file = new_record(stream);
-    if (file == nullptr || (first == 'w' && !begin_writing(file))) {
-        if (file != nullptr) release(file);
+    if (file == nullptr) {
         tell(error, -2);
         return nullptr;
     }
     read_header(file);
+    if (first == 'r') return file;
+    // The walk has run over whatever the output holds; a file that is written starts afresh.
+    release(file);
+    file = new_record(stream);
+    if (file == nullptr || !begin_writing(file)) {
+        if (file != nullptr) release(file);
+        tell(error, -2);
+        return nullptr;
+    }
     return file;
 }
 
 int isoFFclose(iso_file* file) {
     if (file == nullptr) return -1;
+    const int result = file->write_mode ? finalise(file) : 0;
     release(file);
-    return 0;
+    return result;
 }
 
 iso_track* isoFFtrack(iso_file* file) {
@@ -121,6 +132,8 @@ iso_track* isoFFtrack(iso_file* file) {
         track->creation_time = file->creation_time;
         track->modification_time = file->modification_time;
         set_unity(track->matrix);
+        track->language = kUndetermined;
+        track->duration_limit = UINT32_MAX;
         file->header_size += kTrackHeaderEstimate;
     }
     return track;

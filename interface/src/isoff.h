@@ -95,6 +95,9 @@ int read_avcC(iso_file* file, uint32_t body);
 // Keeps a copy of decoder-specific information in the track; false when there is no memory.
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes);
 
+// Whether `bytes` are an `avcC` record that keeps to its length.
+bool is_avcc(std::span<const uint8_t> bytes);
+
 // Brings a track's tables into agreement when its `stbl` has been read: fills the chunk ends, sets
 // the cursor to the first sample. 0, or -1 when the tables cannot be used.
 int check_tables(iso_track* track);
@@ -102,6 +105,40 @@ int check_tables(iso_track* track);
 // The hint track of `media` that isoFFrtpHinter attached with this packet limit, its cursor left
 // alone; null without one that has packets.
 iso_track* attached_hint_track(const iso_track* media, int max_packet);
+
+// --- writer ---
+
+// Writes what the file still lacks, once. 0, or a negative code of isoFFclose.
+int finalise(iso_file* file);
+
+// Writes at the stream's position; false when the stream failed or took fewer bytes.
+bool write_stream(iso_file* file, const void* from, uint32_t count);
+
+// Takes the pass of a box writer: measure, then write.
+enum Pass { kCountPass = 0, kWritePass = 1 };
+
+// Box writers. Each puts the box that the record describes at the start of `to` (with kCountPass,
+// nothing) and returns the bytes that the box occupies. Bytes that `to` has no room for are counted
+// only.
+uint64_t write_ftyp(Pass pass, std::span<uint8_t> to, const iso_file* file);
+uint64_t write_moov(Pass pass, std::span<uint8_t> to, iso_file* file);
+uint64_t write_stts(Pass pass, std::span<uint8_t> to, iso_track* track);
+uint64_t write_ctts(Pass pass, std::span<uint8_t> to, iso_track* track);
+uint64_t write_stsz(Pass pass, std::span<uint8_t> to, iso_track* track);
+uint64_t write_stss(Pass pass, std::span<uint8_t> to, iso_track* track);
+uint64_t write_sbgp(Pass pass, std::span<uint8_t> to, iso_track* track);
+
+// Length of a track in movie units: that of its edits, or of its media without any.
+uint32_t movie_duration(const iso_track* track);
+
+// A new track of a file that is being written, with what every codec's track needs: its codec, and
+// from the timescale the longest that it may run. `entry_bytes` is what its sample entry and media
+// header add to the header. Null without memory or for a file that is not being written.
+iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale, uint32_t entry_bytes);
+
+// The same for a picture of a size in pixels.
+iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, uint32_t width,
+                            uint32_t height, uint32_t entry_bytes);
 
 // --- samples ---
 

@@ -167,6 +167,7 @@ int read_mdhd(iso_file* file, uint32_t) {
     track->modification_time = getint32(file);
     track->timescale = getint32(file);
     track->duration = getint32(file);
+    track->language = getint16(file);
     return 0;
 }
 
@@ -295,7 +296,32 @@ int read_mdia(iso_file* file, uint32_t) {
     return parse_rest(file, mdia_box);
 }
 
-constexpr isobox edts_box[] = {{"elst", pass_over}, {nullptr, nullptr}};
+// Edits are kept for whoever copies a file; reading samples does not look at them. A list that its
+// box does not hold is none.
+int read_elst(iso_file* file, uint32_t) {
+    constexpr uint32_t kEntry = 12, kWideEntry = 20;
+    iso_track* track = current(file);
+    if (track == nullptr || track->edits != nullptr || file->moov_left < 8) return 0;
+    const bool wide = getbyte(file) != 0;
+    getint24(file);  // flags
+    const uint32_t count = getint32(file);
+    if (count == 0 || count > file->moov_left / (wide ? kWideEntry : kEntry)) return 0;
+    track->edits = arena_array<iso_elst_entry>(file, count);
+    if (track->edits == nullptr) return -1;
+    track->edit_count = static_cast<int32_t>(count);
+    for (iso_elst_entry& edit : std::span(track->edits, count)) {
+        const uint64_t duration_high = wide ? getint32(file) : 0;
+        edit.segment_duration = duration_high << 32 | getint32(file);
+        const uint64_t time_high = wide ? getint32(file) : 0;
+        const uint32_t time_low = getint32(file);
+        edit.media_time = wide ? static_cast<int64_t>(time_high << 32 | time_low)
+                               : static_cast<int32_t>(time_low);
+        edit.media_rate = getint32(file);
+    }
+    return 0;
+}
+
+constexpr isobox edts_box[] = {{"elst", read_elst}, {nullptr, nullptr}};
 
 int read_edts(iso_file* file, uint32_t) {
     return parse_rest(file, edts_box);

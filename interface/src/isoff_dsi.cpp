@@ -53,12 +53,16 @@ int walk_descriptors(iso_file* file, ReadBody read_body) {
     return 0;
 }
 
-int read_specific_info(iso_file* file, iso_track* track) {
-    if (!keep_dsi(track, {file->moov_buffer, file->moov_left})) return -1;
-    // The profile and level follow the start code of a visual object sequence (14496-2, 6.2.2).
+// The profile and level follow the start code of a visual object sequence (14496-2, 6.2.2).
+void keep_visual_level(iso_track* track) {
     constexpr uint32_t kVisualObjectSequence = 0x000001B0;
     const bool has_level = track->dsi_length > 4 && load_be32(track->dsi) == kVisualObjectSequence;
     track->level = has_level ? track->dsi[4] : uint8_t{0};
+}
+
+int read_specific_info(iso_file* file, iso_track* track) {
+    if (!keep_dsi(track, {file->moov_buffer, file->moov_left})) return -1;
+    keep_visual_level(track);
     return 0;
 }
 
@@ -255,6 +259,18 @@ bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
     return true;
 }
 
+bool is_avcc(std::span<const uint8_t> bytes) {
+    ByteReader reader(bytes);
+    const int width = read_avcc_header(reader).nal_length_size;
+    bool fits = true;
+    const auto check = [&](std::span<const uint8_t> set) {
+        fits = fits && (width > 1 || set.size() <= 0xFF);
+    };
+    visit_sets(reader, check);
+    visit_sets(reader, check);
+    return reader.ok() && fits;
+}
+
 int read_damr(iso_file* file, uint32_t) {
     iso_track* track = read_vendor(file);
     if (track == nullptr) return 0;
@@ -310,6 +326,17 @@ uint8_t* isoFFgetDecoderSpecificInfo(iso_track* track, int* length, int prepend)
         track->flags &= ~iso_track_prepends_dsi;
     }
     return track->dsi;
+}
+
+int isoFFsetDecoderSpecificInfo(iso_track* track, const void* dsi, int length) try {
+    if (track == nullptr || dsi == nullptr || length < 1) return -1;
+    const std::span bytes(static_cast<const uint8_t*>(dsi), static_cast<size_t>(length));
+    if (!keep_dsi(track, bytes)) return -1;
+    if (track->codec == ISO_CODEC_AVC1) return store_param_sets(track) ? 0 : -1;
+    keep_visual_level(track);
+    return 0;
+} catch (const std::bad_alloc&) {
+    return -1;
 }
 
 int isoFFGetDSIin3GPP(iso_track* track, int, unsigned char** out) try {

@@ -109,6 +109,11 @@ uint32_t read_at(iso_file* file, uint32_t offset, void* buffer, uint32_t length,
     return failed ? 0 : std::min(got, length);
 }
 
+// A track that is being written has no tables yet.
+bool is_readable(const iso_track* track) {
+    return track != nullptr && !track->file->write_mode;
+}
+
 }  // namespace
 
 uint32_t sample_size_of(const iso_track* track, int32_t sample) {
@@ -133,7 +138,8 @@ using namespace kestrel;
 
 int isoFFread(iso_track* track, void* buffer, int buffer_size, double* duration,
               double* cts_offset) {
-    if (track == nullptr || buffer_size < 0 || track->cur_sample >= track->sample_count) return -1;
+    if (!is_readable(track) || buffer_size < 0 || track->cur_sample >= track->sample_count)
+        return -1;
     const uint32_t size = sample_size_of(track, track->cur_sample);
     if (size > static_cast<uint32_t>(buffer_size)) return -1;
     bool failed = false;
@@ -146,7 +152,7 @@ int isoFFread(iso_track* track, void* buffer, int buffer_size, double* duration,
 
 int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned length,
                 double* duration, double* cts_offset) {
-    if (track == nullptr || sample < 0 || sample >= track->sample_count) return -1;
+    if (!is_readable(track) || sample < 0 || sample >= track->sample_count) return -1;
     const uint32_t size = sample_size_of(track, sample);
     if (length == 0 || offset < 0 || static_cast<uint32_t>(offset) >= size) return 0;
     set_sample_pos(track, sample);
@@ -162,14 +168,14 @@ int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned
 }
 
 int isoFFsetPosition(iso_track* track, int sample) {
-    if (track == nullptr || sample < 0 || sample >= track->sample_count) return -1;
+    if (!is_readable(track) || sample < 0 || sample >= track->sample_count) return -1;
     set_sample_pos(track, sample);
     track->positioned = 1;
     return 0;
 }
 
 int isoFFframeInfo(iso_track* track, double* duration, int* size) {
-    if (track == nullptr || track->cur_sample >= track->sample_count) return -1;
+    if (!is_readable(track) || track->cur_sample >= track->sample_count) return -1;
     tell_times(track, duration, nullptr);
     if (size != nullptr) {
         const bool with_dsi = track->dsi_sent == 0 &&
@@ -242,6 +248,7 @@ double pass_samples(iso_track* track, uint32_t limit) {
 double isoFFgetInterleave(iso_file* file) {
     int tracks = 0;
     if (isoFFfileInfo(file, &tracks, nullptr, nullptr) != 0 || tracks == 0) return 0.0;
+    if (file->write_mode) return 0.0;
     // The walk moves on copies of the tracks, so that the tracks' own cursors stay where they are.
     auto* cursors =
         static_cast<iso_track*>(systemmalloc(static_cast<size_t>(tracks) * sizeof(iso_track)));

@@ -1,0 +1,90 @@
+// The NAL units of an H.264 sample, and the fragments of one that is longer than a packet.
+#ifndef KESTREL_NATIVE_H264_UNITS_H
+#define KESTREL_NATIVE_H264_UNITS_H
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <span>
+
+#include "kestrel/codec.h"
+
+namespace kestrel {
+
+using NalUnit = std::span<const uint8_t>;
+
+inline constexpr uint8_t kNalType = 0x1F;  // of a unit's first byte
+
+// The length-prefixed NAL units of a run of bytes. One that claims more than there is ends with
+// the bytes; empty ones are passed over.
+class NalUnits {
+  public:
+    NalUnits(std::span<const uint8_t> bytes, int length_size)
+        : bytes_(bytes), length_size_(static_cast<size_t>(std::clamp(length_size, 1, 4))) {}
+
+    bool next(NalUnit& unit) {
+        unit = {};
+        while (unit.empty() && bytes_.size() > length_size_) {
+            const size_t told = h264_get_nal_size(bytes_.data(), static_cast<int>(length_size_));
+            bytes_ = bytes_.subspan(length_size_);
+            unit = bytes_.first(std::min(told, bytes_.size()));
+            bytes_ = bytes_.subspan(unit.size());
+        }
+        return !unit.empty();
+    }
+
+    // Whether a unit that is not empty follows.
+    bool has_more() const {
+        NalUnits rest = *this;
+        NalUnit unit;
+        return rest.next(unit);
+    }
+
+  private:
+    std::span<const uint8_t> bytes_;
+    size_t length_size_;
+};
+
+// A fragment with the FU indicator and FU header that go in front of it (RFC 6184, 5.8).
+struct FuFragment {
+    std::array<uint8_t, 2> headers;
+    std::span<const uint8_t> bytes;
+    bool is_last;
+};
+
+inline constexpr int kFuHeaders = 2;
+
+// FU-A: the unit behind its first byte, which the headers stand for, in packets of `max_payload`.
+class FuFragments {
+  public:
+    FuFragments(NalUnit unit, int max_payload)
+        : unit_header_(unit[0]),
+          rest_(unit.subspan(1)),
+          most_(static_cast<size_t>(std::max(max_payload - kFuHeaders, 0))) {}
+
+    // False at the end, and when packets have no room.
+    bool next(FuFragment& fragment) {
+        constexpr uint8_t kFuA = 28, kStart = 0x80, kEnd = 0x40, kNalReferenceIdc = 0x60;
+        if (rest_.empty() || most_ == 0) return false;
+        fragment.is_last = rest_.size() <= most_;
+        fragment.bytes = rest_.first(std::min(rest_.size(), most_));
+        const int ends = (is_first_ ? kStart : 0) | (fragment.is_last ? kEnd : 0);
+        fragment.headers = {static_cast<uint8_t>((unit_header_ & kNalReferenceIdc) | kFuA),
+                            static_cast<uint8_t>(ends | (unit_header_ & kNalType))};
+        rest_ = rest_.subspan(fragment.bytes.size());
+        is_first_ = false;
+        return true;
+    }
+
+    bool has_room() const { return most_ != 0; }
+
+  private:
+    uint8_t unit_header_;
+    std::span<const uint8_t> rest_;
+    size_t most_;
+    bool is_first_ = true;
+};
+
+}  // namespace kestrel
+
+#endif

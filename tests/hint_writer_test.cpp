@@ -1,0 +1,375 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "interface/src/isoff.h"
+#include "kestrel/codec.h"
+#include "kestrel/hosts.h"
+#include "tests/support/files.h"
+
+// Hint tracks that the writer makes, read back packet by packet.
+
+namespace {
+
+constexpr int kRtpHeader = 12;
+
+struct Sample {
+    Bytes bytes;
+    int duration;
+    int cts_offset = 0;
+};
+
+struct Packet {
+    bool marker;
+    uint32_t timestamp;
+    Bytes payload;
+};
+
+using MakeTrack = iso_track* (*)(iso_file*);
+
+iso_track* narrow_band(iso_file* file) {
+    return amr_isoFFtrack(file, 0, 0x81FF, 10);
+}
+iso_track* wide_band(iso_file* file) {
+    return amr_isoFFtrack(file, 1, 0x83FF, 10);
+}
+iso_track* h264(iso_file* file) {
+    const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
+    return h264_isoFFtrack(file, avcc, sizeof avcc, 176, 144, 12800);
+}
+iso_track* mpeg4(iso_file* file) {
+    const uint8_t config[] = {0, 0, 1, 0xB0, 8};
+    return mpeg4_isoFFtrack(file, config, sizeof config, 176, 144, 30000);
+}
+iso_track* h263(iso_file* file) {
+    H263VCFG cfg{};
+    cfg.width = 176;
+    cfg.height = 144;
+    cfg.timescale = 29970;
+    return h263_isoFFtrack(file, &cfg);
+}
+
+// A media track and its hint track, written and read back.
+class Hinted {
+  public:
+    Hinted(MakeTrack make, int max_packet, const std::vector<Sample>& samples, bool direct = false)
+        : host_(kst_host_for_writing_memory()), callbacks_(kst_host_callbacks(host_)) {
+        iso_file* out = isoFFopen(callbacks_, "w", nullptr);
+        out->direct_write = direct;
+        iso_track* to = make(out);
+        iso_track* to_hint = rtp_isoFFtrack(out, to, max_packet, 96, ISO_H263_RFC4629);
+        for (const Sample& sample : samples) {
+            Bytes copy = sample.bytes;
+            const int size = static_cast<int>(copy.size());
+            written = isoFFwrite(to, copy.data(), size, sample.duration, sample.cts_offset);
+            if (written < 0) break;
+            written =
+                isoFFwriteHint(to_hint, copy.data(), size, sample.duration, sample.cts_offset);
+            if (written < 0) break;
+        }
+        closed = isoFFclose(out);
+        kst_host_rewind(host_);
+        file_ = isoFFopen(callbacks_, "r", nullptr);
+        media = isoFFselect(file_, nullptr, 1);
+        hint = isoFFrtpHinter(media, max_packet);
+    }
+    Hinted(const Hinted&) = delete;
+    Hinted& operator=(const Hinted&) = delete;
+    ~Hinted() {
+        isoFFclose(file_);
+        kst_host_close(host_);
+    }
+
+    std::vector<Packet> packets() const {
+        std::vector<Packet> all;
+        Bytes buffer(hint->rtp_max_packet);
+        int length;
+        while ((length = isoFFrtpPacket(hint, buffer.data())) > 0) {
+            EXPECT_EQ(kestrel::load_be16(&buffer[2]), all.size() & 0xFFFF);  // sequence numbers
+            EXPECT_EQ(buffer[0], 0x80);
+            all.push_back({(buffer[1] & 0x80) != 0, kestrel::load_be32(&buffer[4]),
+                           Bytes(buffer.begin() + kRtpHeader, buffer.begin() + length)});
+        }
+        EXPECT_EQ(length, 0);
+        return all;
+    }
+
+    int written = 0;
+    int closed = 0;
+    iso_track* media;
+    iso_track* hint;
+
+  private:
+    kst_host* host_;
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
+    iso_file* file_;
+};
+
+using Random = std::mt19937;
+
+int pick(Random& random, int from, int to) {
+    return std::uniform_int_distribution<int>(from, to)(random);
+}
+
+Bytes random_bytes(Random& random, size_t size) {
+    Bytes bytes(size);
+    for (uint8_t& byte : bytes)
+        byte = static_cast<uint8_t>(pick(random, 1, 255));
+    return bytes;
+}
+
+// --- payloads back to the samples they were made from ---
+
+// Bytes of speech behind the header byte of a frame (3GPP TS 26.101 and 26.201).
+size_t speech_bytes(int type, bool wide) {
+    static constexpr size_t kNarrow[] = {12, 13, 15, 17, 19, 20, 26, 31, 5};
+    static constexpr size_t kWide[] = {17, 23, 32, 36, 40, 46, 50, 58, 60, 5};
+    if (wide) return type < 10 ? kWide[type] : 0;
+    return type < 9 ? kNarrow[type] : 0;
+}
+
+Bytes speech_sample(Random& random, bool wide) {
+    Bytes sample;
+    for (int frames = pick(random, 1, 10); frames > 0; --frames) {
+        const int types[] = {pick(random, 0, wide ? 9 : 8), 15};
+        const int type = types[pick(random, 0, 9) == 0];
+        sample.push_back(static_cast<uint8_t>(type << 3 | 4));
+        const Bytes speech = random_bytes(random, speech_bytes(type, wide));
+        sample.insert(sample.end(), speech.begin(), speech.end());
+    }
+    return sample;
+}
+
+// Appends the frames of a packet in the storage format; returns how many.
+size_t take_speech(const Bytes& payload, bool wide, Bytes& to) {
+    EXPECT_EQ(payload.at(0), 0xF0);
+    size_t count = 1;
+    while (payload.at(count) & 0x80)
+        ++count;
+    size_t at = 1 + count;
+    for (size_t i = 1; i <= count; ++i) {
+        const auto header = static_cast<uint8_t>(payload[i] & 0x7F);
+        const size_t size = speech_bytes(header >> 3, wide);
+        to.push_back(header);
+        to.insert(to.end(), payload.begin() + static_cast<long>(at),
+                  payload.begin() + static_cast<long>(at + size));
+        at += size;
+    }
+    EXPECT_EQ(at, payload.size());
+    return count;
+}
+
+void append_unit(const Bytes& unit, Bytes& to) {
+    const Bytes length = be32(static_cast<uint32_t>(unit.size()));
+    to.insert(to.end(), length.begin(), length.end());
+    to.insert(to.end(), unit.begin(), unit.end());
+}
+
+Bytes units_sample(Random& random) {
+    Bytes sample;
+    for (int units = pick(random, 1, 4); units > 0; --units) {
+        Bytes unit = random_bytes(random, static_cast<size_t>(pick(random, 2, 900)));
+        unit[0] = static_cast<uint8_t>(pick(random, 0, 3) << 5 | pick(random, 1, 5));
+        append_unit(unit, sample);
+    }
+    return sample;
+}
+
+// Appends a unit to the sample when the packet ends one; `open` is what came of it so far.
+void take_unit(const Bytes& payload, Bytes& open, Bytes& to) {
+    if ((payload.at(0) & 0x1F) != 28) {
+        EXPECT_TRUE(open.empty());
+        append_unit(payload, to);
+        return;
+    }
+    const bool starts = (payload.at(1) & 0x80) != 0;
+    EXPECT_EQ(starts, open.empty());
+    if (starts) open = {static_cast<uint8_t>((payload[0] & 0x60) | (payload[1] & 0x1F))};
+    open.insert(open.end(), payload.begin() + 2, payload.end());
+    if ((payload[1] & 0x40) == 0) return;
+    append_unit(open, to);
+    open.clear();
+}
+
+Bytes picture_sample(Random& random) {
+    Bytes sample = {0, 0, 0x80, 0x02, 0x08};  // an H.263 picture start code, QCIF
+    for (int pieces = pick(random, 0, 5); pieces > 0; --pieces) {
+        const Bytes piece = random_bytes(random, static_cast<size_t>(pick(random, 1, 500)));
+        sample.insert(sample.end(), piece.begin(), piece.end());
+        sample.insert(sample.end(), {0, 0, 0x84});  // a GOB start code
+    }
+    return sample;
+}
+
+struct Codec {
+    const char* name;
+    MakeTrack make;
+    Bytes (*sample)(Random&);
+    uint32_t clock;
+};
+
+const Codec kCodecs[] = {
+    {"amr", narrow_band, [](Random& random) { return speech_sample(random, false); }, 8000},
+    {"amr_wb", wide_band, [](Random& random) { return speech_sample(random, true); }, 16000},
+    {"h264", h264, units_sample, 90000},
+    {"mpeg4", mpeg4, picture_sample, 90000},
+    {"h263", h263, picture_sample, 90000},
+};
+
+// The sample that the packets of one timestamp carry.
+Bytes put_together(const Codec& codec, std::span<const Packet> packets) {
+    Bytes sample;
+    Bytes open;
+    for (const Packet& packet : packets) {
+        if (codec.make == narrow_band || codec.make == wide_band) {
+            take_speech(packet.payload, codec.make == wide_band, sample);
+        } else if (codec.make == h264) {
+            take_unit(packet.payload, open, sample);
+        } else {
+            const bool h263_header = codec.make == h263;
+            if (h263_header && packet.payload.at(0) == 4) sample.insert(sample.end(), {0, 0});
+            sample.insert(sample.end(), packet.payload.begin() + (h263_header ? 2 : 0),
+                          packet.payload.end());
+        }
+    }
+    EXPECT_TRUE(open.empty());
+    return sample;
+}
+
+class HintWriter : public testing::TestWithParam<Codec> {};
+
+TEST_P(HintWriter, PacketsCarryTheSamplesAtTheirTimes) {
+    const Codec& codec = GetParam();
+    for (unsigned seed = 1; seed <= 30; ++seed) {
+        SCOPED_TRACE(seed);
+        Random random(seed);
+        const int max_packet = pick(random, 80, 700);
+        std::vector<Sample> samples(static_cast<size_t>(pick(random, 0, 40)));
+        for (Sample& sample : samples)
+            sample = {codec.sample(random), pick(random, 1, 2000), pick(random, 0, 3) * 10};
+        const Hinted hinted(codec.make, max_packet, samples, seed % 2 == 0);
+        ASSERT_EQ(hinted.closed, 0);
+        ASSERT_NE(hinted.hint, nullptr);
+        ASSERT_EQ(hinted.hint->sample_count, static_cast<int>(samples.size()));
+        EXPECT_EQ(hinted.hint->rtp_timescale, codec.clock);
+        const std::vector<Packet> packets = hinted.packets();
+        size_t at = 0;
+        uint64_t media_time = 0;
+        for (const Sample& sample : samples) {
+            const uint32_t timestamp = static_cast<uint32_t>(std::llround(
+                static_cast<double>(media_time) * codec.clock / hinted.media->timescale));
+            const size_t first = at;
+            while (at < packets.size() && packets[at].timestamp == timestamp)
+                ++at;
+            ASSERT_GT(at, first);
+            EXPECT_EQ(put_together(codec, std::span(packets).subspan(first, at - first)),
+                      sample.bytes);
+            for (size_t i = first; i < at; ++i) {
+                EXPECT_EQ(packets[i].marker, codec.clock == 90000 && i + 1 == at);
+                EXPECT_LE(packets[i].payload.size() + kRtpHeader, static_cast<size_t>(max_packet));
+            }
+            media_time += static_cast<uint64_t>(sample.duration);
+        }
+        EXPECT_EQ(at, packets.size());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, HintWriter, testing::ValuesIn(kCodecs),
+                         [](const auto& codec) { return codec.param.name; });
+
+TEST(HintTrack, SaysWhatItHolds) {
+    const Bytes unit = {0, 0, 0, 2, 0x65, 9};
+    const Hinted hinted(h264, 1400, {{unit, 512}});
+    const iso_track* hint = hinted.hint;
+    EXPECT_STREQ(hint->handler, "hint");
+    EXPECT_EQ(hint->hint_track_ref, hinted.media->track_id);
+    EXPECT_EQ(hint->rtp_max_packet, 1400U);
+    EXPECT_STREQ(hint->sdp_text,
+                 "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=fmtp:96 "
+                 "profile-level-id=42001E; packetization-mode=1; "
+                 "sprop-parameter-sets=Z0IAHg==,aAk=\r\na=control:trackID=2\r\n");
+}
+
+// Where a sample is split, the later packets' times are in the extra information (RTP units).
+TEST(HintTrack, SplitSpeechKeepsItsTimes) {
+    Bytes sample;
+    for (int i = 0; i < 6; ++i) {
+        sample.push_back(0x3C);
+        sample.resize(sample.size() + 31, 7);
+    }
+    const Hinted hinted(narrow_band, 12 + 1 + 4 * 32, {{sample, 960}});
+    const auto packets = hinted.packets();
+    ASSERT_EQ(packets.size(), 2U);
+    EXPECT_EQ(packets[0].payload.size(), 1U + 4 * 32);
+    Bytes stored(static_cast<size_t>(hinted.hint->total_bytes));
+    isoFFreadAt(hinted.hint, 0, 0, stored.data(), static_cast<unsigned>(stored.size()), nullptr,
+                nullptr);
+    const Bytes offset = join({words({16, 12}), text("rtpo"), be32(4 * 160)});
+    EXPECT_THAT(std::string(stored.begin(), stored.end()),
+                testing::HasSubstr(std::string(offset.begin(), offset.end())));
+}
+
+TEST(HintTrack, EmptySampleKeepsTheClockRunning) {
+    const Bytes picture = {0, 0, 1, 0xB6, 1};
+    const Hinted hinted(mpeg4, 1400, {{picture, 1000}, {{}, 1000}, {picture, 1000}});
+    const auto packets = hinted.packets();
+    ASSERT_EQ(packets.size(), 3U);
+    EXPECT_TRUE(packets[1].payload.empty());
+    EXPECT_EQ(packets[2].timestamp, 6000U);
+}
+
+TEST(HintTrack, WhatCannotBeCutIsTold) {
+    const Bytes cut_frame = {0x3C, 1, 2};
+    EXPECT_EQ(Hinted(narrow_band, 1400, {{cut_frame, 160}}).written, -3);
+    Bytes long_frame(61, 1);
+    long_frame[0] = 0x44;  // wide band, 23.85 kbit/s: 60 bytes behind the header
+    EXPECT_EQ(Hinted(wide_band, 74, {{long_frame, 320}}).closed, 0);
+    EXPECT_EQ(Hinted(wide_band, 73, {{long_frame, 320}}).written, -3);
+}
+
+// A sample that makes more packets than a hint sample can count is refused, whatever its size.
+TEST(HintTrack, TooManyPacketsAreTold) {
+    Bytes units;
+    for (int i = 0; i < 65536; ++i)
+        append_unit({0x61}, units);
+    EXPECT_EQ(Hinted(h264, 1400, {{units, 512}}).written, -3);
+    EXPECT_EQ(Hinted(narrow_band, 1400, {{Bytes(65536, 0x7C), 160}}).written, -3);
+    units.resize(units.size() - 5);
+    EXPECT_EQ(Hinted(h264, 1400, {{units, 512}}).closed, 0);
+}
+
+TEST(HintTrack, TimesBeyondTheClockAreTold) {
+    const auto slow = [](iso_file* file) {
+        iso_track* track = mpeg4(file);
+        track->timescale = 1;
+        return track;
+    };
+    const Bytes picture = {0, 0, 1, 0xB6, 1};
+    EXPECT_EQ(Hinted(slow, 1400, {{picture, 47721}}).closed, 0);  // 2^32 / 90000 s
+    EXPECT_EQ(Hinted(slow, 1400, {{picture, 47722}}).written, -7);
+    EXPECT_EQ(Hinted(slow, 1400, {{picture, 40000}, {picture, 10000}}).written, -7);
+}
+
+TEST(HintTrack, NeedsAMediumAndALimit) {
+    kst_host* host = kst_host_for_writing_memory();
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
+    iso_file* file = isoFFopen(callbacks, "w", nullptr);
+    iso_file* other = isoFFopen(callbacks, "w", nullptr);
+    iso_track* speech = narrow_band(file);
+    iso_track* plain = isoFFtrack(file);
+    EXPECT_EQ(rtp_isoFFtrack(file, nullptr, 1400, 96, ISO_H263_RFC4629), nullptr);
+    EXPECT_EQ(rtp_isoFFtrack(other, speech, 1400, 96, ISO_H263_RFC4629), nullptr);
+    EXPECT_EQ(rtp_isoFFtrack(file, plain, 1400, 96, ISO_H263_RFC4629), nullptr);
+    EXPECT_EQ(rtp_isoFFtrack(file, speech, 63, 96, ISO_H263_RFC4629), nullptr);
+    EXPECT_EQ(rtp_isoFFtrack(file, speech, 65536, 96, ISO_H263_RFC4629), nullptr);
+    EXPECT_EQ(rtp_isoFFtrack(file, speech, 1400, 128, ISO_H263_RFC4629), nullptr);
+    EXPECT_EQ(isoFFwriteHint(speech, "", 0, 1, 0), -1);
+    EXPECT_EQ(isoFFwriteHint(nullptr, "", 0, 1, 0), -1);
+    isoFFclose(other);
+    isoFFclose(file);
+    kst_host_close(host);
+}
+
+}  // namespace

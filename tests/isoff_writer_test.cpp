@@ -1,0 +1,667 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <memory>
+#include <random>
+
+#include "interface/src/isoff.h"
+#include "kestrel/codec.h"
+#include "kestrel/hosts.h"
+#include "tests/support/files.h"
+
+// The ISO writer: what it writes is read back by the reader.
+
+namespace {
+
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+// An output in memory whose writes can be made to fail, or to take one byte less than they say.
+class Output {
+  public:
+    enum Fault { kNone, kFails, kCuts };
+
+    Output() {
+        table = {this, offset, seek, read, write, size, eof, index, advance, check};
+        callbacks = &table;
+    }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    Bytes bytes;
+    uint32_t at = 0;
+    Fault fault = kNone;
+    int faulty_write = -1;  // number of the write that is at fault, from 0
+    int writes = 0;
+    bool can_seek = true;
+    KST_IOSTREAM_CALLBACK_INTERFACE table;
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks;
+
+  private:
+    static Output& self(void* context) { return *static_cast<Output*>(context); }
+    static uint32_t offset(void* context, uint32_t* to) {
+        *to = self(context).at;
+        return 0;
+    }
+    static uint32_t seek(void* context, uint32_t to) {
+        if (!self(context).can_seek && to != self(context).at) return 1;
+        self(context).at = to;
+        return 0;
+    }
+    static uint32_t read(void* context, void* data, uint32_t* count, int32_t) {
+        Output& out = self(context);
+        const auto there = static_cast<uint32_t>(out.bytes.size());
+        *count = std::min(*count, there - std::min(out.at, there));
+        std::copy_n(out.bytes.begin() + out.at, *count, static_cast<uint8_t*>(data));
+        out.at += *count;
+        return 0;
+    }
+    static uint32_t write(void* context, const void* data, uint32_t count, int32_t) {
+        Output& out = self(context);
+        const bool at_fault = out.writes++ == out.faulty_write;
+        if (at_fault && out.fault == kFails) return 1;
+        if (at_fault && out.fault == kCuts) --count;
+        out.bytes.resize(std::max<size_t>(out.bytes.size(), size_t{out.at} + count));
+        std::copy_n(static_cast<const uint8_t*>(data), count, out.bytes.begin() + out.at);
+        out.at += count;
+        return 0;
+    }
+    static uint32_t size(void* context, uint32_t* to) {
+        *to = static_cast<uint32_t>(self(context).bytes.size());
+        return 0;
+    }
+    static uint32_t eof(void*) { return 0; }
+    static uint32_t index(void*, void*, uint32_t, uint32_t, uint32_t*) { return 1; }
+    static uint32_t advance(void*, uint32_t) { return 0; }
+    static uint32_t check(void*, uint32_t* result, uint32_t status) {
+        *result = status;
+        return 0;
+    }
+};
+
+// A file read back.
+class Reread {
+  public:
+    explicit Reread(const Bytes& bytes)
+        : host_(kst_host_from_memory(bytes.data(), bytes.size()), kst_host_close),
+          callbacks_(kst_host_callbacks(host_.get())) {
+        CaptureStderr();
+        file = isoFFopen(callbacks_, "r", nullptr);
+        printed = GetCapturedStderr();
+    }
+    Reread(const Reread&) = delete;
+    Reread& operator=(const Reread&) = delete;
+    ~Reread() { isoFFclose(file); }
+
+    iso_file* file;
+    std::string printed;
+
+  private:
+    std::unique_ptr<kst_host, void (*)(kst_host*)> host_;
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
+};
+
+iso_file* open_for_writing(Output& out) {
+    return isoFFopen(out.callbacks, "w", nullptr);
+}
+
+template <typename T>
+T* copy_to_arena(iso_file* file, const std::vector<T>& values) {
+    T* copy = kestrel::arena_array<T>(file, values.size());
+    std::copy(values.begin(), values.end(), copy);
+    return copy;
+}
+
+char* text_in_arena(iso_file* file, const std::string& characters) {
+    return copy_to_arena(
+        file, std::vector<char>(characters.c_str(), characters.c_str() + characters.size() + 1));
+}
+
+// --- tracks at random ---
+
+struct Sample {
+    Bytes bytes;
+    int duration;
+    int cts_offset;
+};
+
+struct RandomTrack {
+    int32_t codec;
+    Bytes config;
+    std::vector<Sample> samples;
+    std::vector<uint32_t> sync;
+    bool has_sync;
+    std::vector<iso_elst_entry> edits;
+    std::vector<std::pair<uint32_t, uint32_t>> groups;
+    std::vector<std::vector<iso_sgpd_record>> group_entries;
+    std::string sdp;
+};
+
+using Random = std::mt19937;
+
+int pick(Random& random, int from, int to) {
+    return std::uniform_int_distribution<int>(from, to)(random);
+}
+
+Bytes random_bytes(Random& random, int size) {
+    Bytes bytes(static_cast<size_t>(size));
+    for (uint8_t& byte : bytes)
+        byte = static_cast<uint8_t>(pick(random, 0, 255));
+    return bytes;
+}
+
+std::vector<Sample> random_samples(Random& random) {
+    std::vector<Sample> samples;
+    const bool same_size = pick(random, 0, 2) == 0;
+    const int offsets = pick(random, 0, 2);  // none, positive ones, of either sign
+    const int size = pick(random, 0, 40);
+    int duration = pick(random, 1, 3000);
+    for (int left = pick(random, 0, 120); left > 0; --left) {
+        if (pick(random, 0, 3) == 0) duration = pick(random, 1, 3000);
+        const int offset = offsets == 0 ? 0 : pick(random, offsets == 1 ? 0 : -2, 2) * 100;
+        const int bytes = same_size ? size : pick(random, 0, 300);
+        samples.push_back({random_bytes(random, bytes), duration, offset});
+    }
+    return samples;
+}
+
+RandomTrack random_track(Random& random) {
+    static constexpr int32_t kCodecs[] = {ISO_CODEC_MP4V, ISO_CODEC_S263, ISO_CODEC_SAMR,
+                                          ISO_CODEC_SAWB, ISO_CODEC_AVC1};
+    RandomTrack track{};
+    track.codec = kCodecs[pick(random, 0, 4)];
+    track.config = random_bytes(random, pick(random, 1, 40));
+    if (track.codec == ISO_CODEC_AVC1) {
+        track.config = {1, 66, 0xC0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0xC0, 30, 1, 0, 2, 0x68, 9};
+    }
+    track.samples = random_samples(random);
+    track.has_sync = pick(random, 0, 1) == 1;
+    for (uint32_t i = 1; track.has_sync && i <= track.samples.size(); ++i)
+        if (pick(random, 0, 4) == 0) track.sync.push_back(i);
+    if (pick(random, 0, 1)) track.edits.push_back({77, -1, 0x10000});
+    if (pick(random, 0, 1)) track.edits.push_back({uint64_t{1} << 33, 5, 0x10000});
+    for (int i = pick(random, 0, 3); i > 0; --i)
+        track.groups.emplace_back(pick(random, 1, 9), pick(random, 0, 3));
+    for (int i = pick(random, 0, 2); i > 0; --i)
+        track.group_entries.emplace_back(static_cast<size_t>(pick(random, 0, 3)),
+                                         iso_sgpd_record{{1, 2, 3, 4, 5}});
+    if (pick(random, 0, 1)) track.sdp = "m=video 0 RTP/AVP 96\r\n";
+    return track;
+}
+
+iso_track* create(iso_file* file, RandomTrack& from) {
+    const auto length = static_cast<unsigned>(from.config.size());
+    H263VCFG cfg{};
+    cfg.width = 176;
+    cfg.height = 144;
+    cfg.timescale = 3000;
+    cfg.profile = 3;
+    cfg.level = 10;
+    switch (from.codec) {
+        case ISO_CODEC_S263:
+            return h263_isoFFtrack(file, &cfg);
+        case ISO_CODEC_AVC1:
+            return h264_isoFFtrack(file, from.config.data(), length, 352, 288, 15360);
+        case ISO_CODEC_MP4V:
+            return mpeg4_isoFFtrack(file, from.config.data(), length, 128, 96, 90000);
+        default:
+            return amr_isoFFtrack(file, from.codec == ISO_CODEC_SAWB, 0x81FF, 5);
+    }
+}
+
+void describe(iso_track* track, const RandomTrack& from) {
+    iso_file* file = track->file;
+    if (from.has_sync) track->sync_samples = copy_to_arena(file, from.sync);
+    track->sync_count = static_cast<uint32_t>(from.sync.size());
+    track->edits = copy_to_arena(file, from.edits);
+    track->edit_count = static_cast<int32_t>(from.edits.size());
+    if (!from.sdp.empty()) track->sdp_text = text_in_arena(file, from.sdp);
+    iso_sbgp_entry** group = &track->sbgp_list;
+    for (const auto& [samples, index] : from.groups) {
+        *group = copy_to_arena<iso_sbgp_entry>(file, {{samples, index, nullptr}});
+        group = &(*group)->next;
+        track->sbgp_count++;
+    }
+    iso_sgpd_entry** entry = &track->sgpd_list;
+    for (const auto& records : from.group_entries) {
+        *entry = copy_to_arena<iso_sgpd_entry>(
+            file, {{static_cast<uint16_t>(records.size()), copy_to_arena(file, records), nullptr}});
+        entry = &(*entry)->next;
+        track->sgpd_count++;
+    }
+    std::copy_n("avcb", 5, track->sgpd_type);
+}
+
+enum class Mode { kQueued, kSpooled, kDirect };
+
+// Writes the tracks with their samples in turns; the result of isoFFclose.
+int write_file(Output& out, std::vector<RandomTrack>& tracks, Mode mode) {
+    iso_file* file = open_for_writing(out);
+    file->direct_write = mode == Mode::kDirect;
+    std::vector<iso_track*> made;
+    for (RandomTrack& from : tracks) {
+        made.push_back(create(file, from));
+        describe(made.back(), from);
+        if (mode == Mode::kSpooled) made.back()->spool = std::tmpfile();
+    }
+    bool more = true;
+    for (size_t i = 0; more; ++i) {
+        more = false;
+        for (size_t t = 0; t < tracks.size(); ++t) {
+            if (i >= tracks[t].samples.size()) continue;
+            Sample& sample = tracks[t].samples[i];
+            isoFFwrite(made[t], sample.bytes.data(), static_cast<int>(sample.bytes.size()),
+                       sample.duration, sample.cts_offset);
+            more = true;
+        }
+    }
+    return isoFFclose(file);
+}
+
+void expect_samples(iso_track* track, const std::vector<Sample>& samples) {
+    ASSERT_EQ(track->sample_count, static_cast<int>(samples.size()));
+    Bytes buffer(1000);
+    for (const Sample& sample : samples) {
+        double duration = 0;
+        double offset = 0;
+        const int got = isoFFread(track, buffer.data(), 1000, &duration, &offset);
+        ASSERT_EQ(got, static_cast<int>(sample.bytes.size()));
+        ASSERT_TRUE(std::equal(sample.bytes.begin(), sample.bytes.end(), buffer.begin()));
+        ASSERT_DOUBLE_EQ(duration * track->timescale, sample.duration);
+        ASSERT_DOUBLE_EQ(offset * track->timescale, sample.cts_offset);
+    }
+}
+
+void expect_groups(const iso_track* track, const RandomTrack& from) {
+    std::vector<std::pair<uint32_t, uint32_t>> groups;
+    for (const iso_sbgp_entry* entry = track->sbgp_list; entry != nullptr; entry = entry->next)
+        groups.emplace_back(entry->sample_count, entry->group_description_index);
+    EXPECT_EQ(groups, from.groups);
+    std::vector<size_t> record_counts;
+    for (const iso_sgpd_entry* entry = track->sgpd_list; entry != nullptr; entry = entry->next) {
+        record_counts.push_back(entry->count);
+        for (const iso_sgpd_record& record : std::span(entry->records, entry->count))
+            EXPECT_EQ(record.words[4], 5U);
+    }
+    std::vector<size_t> wanted;
+    for (const auto& records : from.group_entries)
+        wanted.push_back(records.size());
+    EXPECT_EQ(record_counts, wanted);
+}
+
+void expect_description(const iso_track* track, const RandomTrack& from) {
+    EXPECT_EQ(track->codec, from.codec);
+    if (from.codec == ISO_CODEC_AVC1 || from.codec == ISO_CODEC_MP4V) {
+        EXPECT_EQ(Bytes(track->dsi, track->dsi + track->dsi_length), from.config);
+    }
+    if (from.codec == ISO_CODEC_SAMR || from.codec == ISO_CODEC_SAWB) {
+        EXPECT_EQ(track->mode_set, 0x81FF);
+        EXPECT_EQ(track->frames_per_sample, 5);
+    }
+    if (from.codec == ISO_CODEC_S263) {
+        EXPECT_STREQ(track->vendor, "VXYZ");
+        EXPECT_EQ(std::pair(int{track->profile}, int{track->level}), std::pair(3, 10));
+        EXPECT_EQ(std::pair(track->width, track->height), std::pair(176U, 144U));
+    }
+    EXPECT_EQ(std::vector(track->sync_samples, track->sync_samples + track->sync_count), from.sync);
+    ASSERT_EQ(static_cast<size_t>(track->edit_count), from.edits.size());
+    for (size_t i = 0; i < from.edits.size(); ++i) {
+        EXPECT_EQ(track->edits[i].segment_duration, from.edits[i].segment_duration);
+        EXPECT_EQ(track->edits[i].media_time, from.edits[i].media_time);
+    }
+    EXPECT_EQ(track->sdp_text == nullptr ? "" : track->sdp_text, from.sdp);
+    expect_groups(track, from);
+}
+
+class RandomFiles : public testing::TestWithParam<Mode> {};
+
+TEST_P(RandomFiles, ComeBackEqual) {
+    for (unsigned seed = 1; seed <= 60; ++seed) {
+        SCOPED_TRACE(seed);
+        Random random(seed);
+        std::vector<RandomTrack> tracks;
+        for (int i = pick(random, 0, 3); i >= 0; --i)
+            tracks.push_back(random_track(random));
+        Output out;
+        CaptureStderr();
+        ASSERT_EQ(write_file(out, tracks, GetParam()), 0);
+        EXPECT_EQ(GetCapturedStderr(), "");
+        Reread reread(out.bytes);
+        EXPECT_EQ(reread.printed, "");
+        iso_track* track = reread.file->first_track;
+        for (const RandomTrack& from : tracks) {
+            ASSERT_NE(track, nullptr);
+            expect_description(track, from);
+            expect_samples(track, from.samples);
+            track = track->next;
+        }
+        EXPECT_EQ(track, nullptr);
+    }
+}
+
+// The one fault of a stream, whichever write it hits, is told; what is left is never whole.
+TEST_P(RandomFiles, EveryFaultIsToldAndLeavesNoWholeFile) {
+    Random random(7);
+    std::vector<RandomTrack> tracks = {random_track(random), random_track(random)};
+    for (RandomTrack& track : tracks)
+        track.samples.resize(6, {{1, 2, 3}, 100, 0});
+    Output whole;
+    ASSERT_EQ(write_file(whole, tracks, GetParam()), 0);
+    for (const auto fault : {Output::kFails, Output::kCuts}) {
+        for (int k = 0; k < whole.writes; ++k) {
+            SCOPED_TRACE(testing::Message() << fault << " at write " << k);
+            Output out;
+            out.fault = fault;
+            out.faulty_write = k;
+            EXPECT_EQ(write_file(out, tracks, GetParam()), -5);
+            EXPECT_NE(out.bytes, whole.bytes);
+            // Its boxes do not end where it ends, or it has no tracks.
+            size_t end = 0;
+            while (end + 8 <= out.bytes.size() && kestrel::load_be32(&out.bytes[end]) >= 8)
+                end += kestrel::load_be32(&out.bytes[end]);
+            Reread reread(out.bytes);
+            EXPECT_TRUE(end != out.bytes.size() || reread.file->first_track == nullptr);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, RandomFiles,
+                         testing::Values(Mode::kQueued, Mode::kSpooled, Mode::kDirect));
+
+// --- where things stand in the file ---
+
+std::vector<std::string> top_level_boxes(const Bytes& bytes) {
+    std::vector<std::string> types;
+    for (size_t at = 0; at + 8 <= bytes.size(); at += kestrel::load_be32(&bytes[at]))
+        types.emplace_back(&bytes[at + 4], &bytes[at + 8]);
+    return types;
+}
+
+iso_track* speech_track(iso_file* file) {
+    return amr_isoFFtrack(file, 0, 0x81FF, 1);
+}
+
+TEST(Writer, MovieComesFirstUnlessSamplesGoOutDirectly) {
+    using testing::ElementsAre;
+    for (const bool direct : {false, true}) {
+        Output out;
+        iso_file* file = open_for_writing(out);
+        file->direct_write = direct;
+        out.can_seek = direct;
+        iso_track* track = speech_track(file);
+        uint8_t sample[32] = {0x3C};
+        EXPECT_EQ(isoFFwrite(track, sample, 32, 160, 0), 32);
+        EXPECT_EQ(out.bytes.empty(), !direct);
+        EXPECT_EQ(isoFFclose(file), 0);
+        const std::vector<std::string> boxes = top_level_boxes(out.bytes);
+        EXPECT_THAT(boxes, direct ? ElementsAre("ftyp", "mdat", "moov")
+                                  : ElementsAre("ftyp", "moov", "mdat"));
+    }
+}
+
+TEST(Writer, TracksTakeTurnsNoLongerThanTheSpan) {
+    for (const double span : {0.0, 0.25, 1.0, 100.0}) {
+        Output out;
+        iso_file* file = open_for_writing(out);
+        file->interleave_span = span;
+        iso_track* tracks[] = {speech_track(file), speech_track(file)};
+        uint8_t sample[13] = {4};
+        for (iso_track* track : tracks)
+            for (int i = 0; i < 200; ++i)
+                isoFFwrite(track, sample, 13, 160, 0);
+        ASSERT_EQ(isoFFclose(file), 0);
+        Reread reread(out.bytes);
+        // No run is longer than the span, or than one sample where that is longer.
+        const double longest = isoFFgetInterleave(reread.file);
+        EXPECT_LE(longest, std::max(span, 0.02) + 1e-9);
+        EXPECT_GE(longest, std::min(std::max(span, 0.02), 4.0) - 0.02 - 1e-9);
+    }
+}
+
+TEST(Writer, OutputThatHeldAFileStartsAfresh) {
+    Output out;
+    out.bytes = read_sample("amrnb_plain_mdat_first.3gp");
+    iso_file* file = open_for_writing(out);
+    EXPECT_EQ(file->first_track, nullptr);
+    EXPECT_EQ(file->next_track_id, 1U);
+    EXPECT_STREQ(file->major_brand, "3gp6");
+    EXPECT_EQ(isoFFclose(file), 0);
+    EXPECT_THAT(top_level_boxes(Bytes(out.bytes.begin(), out.bytes.begin() + out.at)),
+                testing::ElementsAre("ftyp", "moov", "mdat"));
+}
+
+TEST(Writer, BrandsAreFourCharacterCodes) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    EXPECT_EQ(isoFFsetBrand(nullptr, "3gp4", 0), -1);
+    for (const char* wrong : {"", "3gp", "3gp4 ", "3gp4 isom m"})
+        EXPECT_EQ(isoFFsetBrand(file, wrong, 0), -1) << wrong;
+    EXPECT_EQ(isoFFsetBrand(file, nullptr, 0), -1);
+    EXPECT_EQ(isoFFsetBrand(file, "3gr6 isom", 512), 0);
+    EXPECT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    EXPECT_STREQ(reread.file->major_brand, "3gr6");
+    EXPECT_STREQ(reread.file->compatible_brands, "3gr6 isom");
+    EXPECT_EQ(reread.file->minor_version, 512);
+}
+
+// --- limits and error codes ---
+
+TEST(Writer, DurationOfZeroRepeatsTheOneBefore) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* track = speech_track(file);
+    uint8_t sample[] = {1};
+    for (const int duration : {0, 160, 0, 320, 0})
+        isoFFwrite(track, sample, 1, duration, 0);
+    EXPECT_EQ(track->duration, 960U);
+    EXPECT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    EXPECT_EQ(reread.file->first_track->stts_count, 3);
+}
+
+TEST(Writer, BadArguments) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* track = speech_track(file);
+    uint8_t sample[] = {1};
+    EXPECT_EQ(isoFFwrite(nullptr, sample, 1, 1, 0), -1);
+    EXPECT_EQ(isoFFwrite(track, sample, -1, 1, 0), -1);
+    EXPECT_EQ(isoFFwrite(track, nullptr, 1, 1, 0), -1);
+    EXPECT_EQ(isoFFwrite(track, nullptr, 0, 1, 0), 0);
+    // What is being written is not read.
+    double duration = 0;
+    EXPECT_EQ(isoFFread(track, sample, 1, &duration, nullptr), -1);
+    EXPECT_EQ(isoFFreadAt(track, 0, 0, sample, 1, &duration, nullptr), -1);
+    EXPECT_EQ(isoFFframeInfo(track, &duration, nullptr), -1);
+    EXPECT_EQ(isoFFsetPosition(track, 0), -1);
+    EXPECT_EQ(isoFFgetInterleave(file), 0.0);
+    EXPECT_EQ(isoFFclose(file), 0);
+    EXPECT_EQ(isoFFclose(nullptr), -1);
+    Reread reread(out.bytes);
+    EXPECT_EQ(isoFFwrite(reread.file->first_track, sample, 1, 1, 0), -1);
+}
+
+// The first sample of 10 bytes costs 10 + 4, an stts entry of 8 and 8 more; one of 11 bytes behind
+// it is refused when 11 + 30 + 24 is above the limit.
+TEST(Writer, SizeLimitClosesTheTrack) {
+    for (const uint32_t limit : {65U, 64U}) {
+        Output out;
+        iso_file* file = open_for_writing(out);
+        file->size_limit = limit;
+        iso_track* track = speech_track(file);
+        uint8_t sample[16] = {};
+        ASSERT_EQ(isoFFwrite(track, sample, 10, 160, 0), 10);
+        EXPECT_EQ(isoFFwrite(track, sample, 11, 160, 0), limit == 65 ? 11 : -6);
+        EXPECT_EQ(isoFFwrite(track, sample, 1, 160, 0), limit == 65 ? -6 : -8);
+        // Another track goes on, and the file is finished with what was taken.
+        EXPECT_EQ(isoFFwrite(speech_track(file), sample, 10, 160, 0), 10);
+        EXPECT_EQ(isoFFclose(file), 0);
+        Reread reread(out.bytes);
+        EXPECT_EQ(reread.file->first_track->sample_count, limit == 65 ? 2 : 1);
+    }
+}
+
+TEST(Writer, HeaderCostFollowsTheTables) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* track = speech_track(file);
+    struct Step {
+        int size, duration, offset;
+        uint64_t cost;
+    };
+    const Step steps[] = {
+        {10, 160, 0, 10 + 4 + 8 + 8},  // a time entry, and the first sample
+        {10, 160, 0, 10 + 4},
+        {10, 320, 0, 10 + 4 + 8},
+        {12, 320, 5, 12 + 4 + 8 + 4 + 4 * 3},  // sizes of the three before come in
+        {12, 320, 5, 12 + 4 + 4},
+    };
+    uint8_t sample[16] = {};
+    uint64_t cost = 0;
+    for (const Step& step : steps) {
+        isoFFwrite(track, sample, step.size, step.duration, step.offset);
+        EXPECT_EQ(track->header_cost, cost += step.cost);
+    }
+    isoFFclose(file);
+}
+
+TEST(Writer, DurationLimitClosesTheTrack) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    file->interleave_limit = 2.0;  // seconds
+    iso_track* track = speech_track(file);
+    uint8_t sample[] = {1};
+    EXPECT_EQ(track->duration_limit, 16000U);
+    EXPECT_EQ(isoFFwrite(track, sample, 1, 16000, 0), 1);
+    EXPECT_EQ(isoFFwrite(track, sample, 1, 1, 0), -7);
+    EXPECT_EQ(isoFFwrite(track, sample, 1, 1, 0), -8);
+    EXPECT_EQ(isoFFclose(file), 0);
+}
+
+TEST(Writer, FinishedFileTakesNothing) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* track = speech_track(file);
+    uint8_t sample[] = {1};
+    EXPECT_EQ(kestrel::finalise(file), 0);
+    EXPECT_EQ(isoFFwrite(track, sample, 1, 1, 0), -5);
+    EXPECT_EQ(isoFFclose(file), -5);
+}
+
+TEST(Writer, FullTemporaryFileIsTold) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* track = speech_track(file);
+    track->spool = std::fopen("/dev/full", "r+b");
+    if (track->spool == nullptr) GTEST_SKIP() << "no /dev/full";
+    std::setvbuf(track->spool, nullptr, _IONBF, 0);
+    uint8_t sample[] = {1};
+    EXPECT_EQ(isoFFwrite(track, sample, 1, 1, 0), -5);
+    EXPECT_EQ(isoFFclose(file), -5);
+    EXPECT_TRUE(out.bytes.empty());
+}
+
+TEST(Writer, DirectModeRefusesTracksThatComeLate) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    file->direct_write = 1;
+    iso_track* early[] = {speech_track(file), speech_track(file)};
+    uint8_t sample[] = {1};
+    EXPECT_EQ(isoFFwrite(early[0], sample, 1, 160, 0), 1);
+    EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), -9);
+    EXPECT_EQ(isoFFwrite(early[1], sample, 1, 160, 0), 1);
+    EXPECT_EQ(isoFFclose(file), 0);
+}
+
+TEST(Writer, DirectModeNeedsAStreamThatSeeks) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    file->direct_write = 1;
+    uint8_t sample[] = {1};
+    EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), 1);
+    out.can_seek = false;
+    EXPECT_EQ(isoFFclose(file), -5);
+    Reread reread(out.bytes);
+    EXPECT_EQ(reread.file->first_track, nullptr);
+}
+
+TEST(Writer, MediaBeyondThirtyTwoBitsIsTold) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    for (int i = 0; i < 3; ++i) {
+        iso_track* track = speech_track(file);
+        track->spool = std::tmpfile();
+        uint8_t sample[] = {1};
+        isoFFwrite(track, sample, 1, 160, 0);
+        track->first_frame->size = 0x7FFFFF00;  // as if that much had been taken
+    }
+    EXPECT_EQ(isoFFclose(file), -6);
+    EXPECT_TRUE(out.bytes.empty());
+}
+
+TEST(Writer, TrackHelpersRefuseWhatMakesNoSense) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    const uint8_t cut_avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 9, 0x67};
+    H263VCFG cfg{};
+    EXPECT_EQ(h263_isoFFtrack(nullptr, &cfg), nullptr);
+    EXPECT_EQ(h263_isoFFtrack(file, nullptr), nullptr);
+    EXPECT_EQ(amr_isoFFtrack(file, 0, 0x10000, 1), nullptr);
+    EXPECT_EQ(amr_isoFFtrack(file, 1, 0x81FF, 0), nullptr);
+    EXPECT_EQ(amr_isoFFtrack(file, 1, 0x81FF, 16), nullptr);
+    EXPECT_EQ(h264_isoFFtrack(file, cut_avcc, sizeof cut_avcc, 16, 16, 90000), nullptr);
+    EXPECT_EQ(mpeg4_isoFFtrack(file, nullptr, 3, 16, 16, 90000), nullptr);
+    EXPECT_EQ(file->first_track, nullptr);
+    EXPECT_EQ(isoFFsetDecoderSpecificInfo(nullptr, cut_avcc, 1), -1);
+    const uint32_t header = file->header_size;
+    EXPECT_EQ(h263_isoFFtrack(file, &cfg)->frame_count, 1U);
+    EXPECT_EQ(file->header_size, header + 325 + 121);
+    EXPECT_EQ(isoFFclose(file), 0);
+}
+
+// --- the two passes ---
+
+TEST(Writer, TablesThatChangeBetweenThePassesAreTold) {
+    using kestrel::kCountPass;
+    using kestrel::kWritePass;
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* track = speech_track(file);
+    track->sync_samples = copy_to_arena<uint32_t>(file, {1, 2, 3});
+    track->sbgp_list = copy_to_arena<iso_sbgp_entry>(file, {{1, 1, nullptr}});
+    track->sbgp_count = track->sync_count = 1;
+    uint8_t sample[2] = {};
+    isoFFwrite(track, sample, 1, 160, 3);
+    kestrel::write_moov(kCountPass, {}, file);
+    kestrel::write_ctts(kCountPass, {}, track);
+    isoFFwrite(track, sample, 2, 161, 4);
+    track->sync_count = 2;
+    track->sbgp_list->next = copy_to_arena<iso_sbgp_entry>(file, {{1, 1, nullptr}});
+    track->sbgp_count = 2;
+    Bytes room(64);
+    const std::pair<uint64_t (*)(kestrel::Pass, std::span<uint8_t>, iso_track*), const char*>
+        tables[] = {
+            {kestrel::write_stts, "Pass1 1 24 Pass 2 32 --- dtd count 2\n"},
+            {kestrel::write_ctts, "Pass1 1 24 Pass 2 32 --- cto count 2\n"},
+            {kestrel::write_stsz, "Pass1 1 20 Pass 2 28 --- sample size = 0 sample count = 2\n"},
+            {kestrel::write_stss, "Pass1 1 20 Pass 2 24 --- sample count = 2\n"},
+            {kestrel::write_sbgp, "Pass1 1 28 Pass 2 36 --- sbgp count 2\n"},
+        };
+    for (const auto& [write, text] : tables) {
+        CaptureStderr();
+        write(kWritePass, room, track);
+        EXPECT_EQ(GetCapturedStderr(), text);
+        // A destination that is too small is not written past.
+        CaptureStderr();
+        Bytes small(20, 0xAA);
+        write(kWritePass, std::span(small).first(12), track);
+        EXPECT_EQ(Bytes(small.begin() + 12, small.end()), Bytes(8, 0xAA));
+        GetCapturedStderr();
+    }
+    isoFFclose(file);
+}
+
+}  // namespace

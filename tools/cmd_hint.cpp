@@ -1,0 +1,336 @@
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "tools/commands.h"
+#include "tools/output_stream.h"
+#include "tools/support.h"
+
+// Copies a file and adds an RTP hint track for each medium that has a payload format.
+
+namespace tool {
+namespace {
+
+constexpr uint32_t kLongestPacket = 65535;
+constexpr uint32_t kShortestPacket = 64;
+constexpr int kFirstDynamicPayloadType = 96;
+constexpr int kLastPayloadType = 127;
+constexpr int kRfc2190PayloadType = 34;       // assigned by RFC 3551
+constexpr uint64_t kMostInMemory = 64 << 20;  // bytes of samples; more wait in temporary files
+
+struct Options {
+    std::string input;
+    std::string output;
+    uint32_t mtu = 1400;
+    bool rfc2190 = false;
+    bool replace = false;
+};
+
+bool is_hint(const iso_track* track) {
+    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
+}
+
+bool has_payload_format(const iso_track* track) {
+    static constexpr std::array kCodecs = {ISO_CODEC_MP4V, ISO_CODEC_S263, ISO_CODEC_SAMR,
+                                           ISO_CODEC_AVC1, ISO_CODEC_SAWB};
+    return std::find(kCodecs.begin(), kCodecs.end(), track->codec) != kCodecs.end();
+}
+
+template <typename T>
+T* arena_copy(iso_file* file, const T* from, size_t count) {
+    if (from == nullptr) return nullptr;
+    auto* copy = static_cast<T*>(isoFFmalloc(file, count * sizeof(T)));
+    if (copy == nullptr) throw std::bad_alloc();
+    std::copy_n(from, count, copy);
+    return copy;
+}
+
+void copy_groups(iso_track* to, const iso_track* from) {
+    iso_sbgp_entry** group = &to->sbgp_list;
+    for (const iso_sbgp_entry* entry = from->sbgp_list; entry != nullptr; entry = entry->next) {
+        *group = arena_copy(to->file, entry, 1);
+        (*group)->next = nullptr;
+        group = &(*group)->next;
+    }
+    to->sbgp_count = from->sbgp_count;
+    iso_sgpd_entry** description = &to->sgpd_list;
+    for (const iso_sgpd_entry* entry = from->sgpd_list; entry != nullptr; entry = entry->next) {
+        *description = arena_copy(to->file, entry, 1);
+        (*description)->records = arena_copy(to->file, entry->records, entry->count);
+        (*description)->next = nullptr;
+        description = &(*description)->next;
+    }
+    to->sgpd_count = from->sgpd_count;
+    std::memcpy(to->sgpd_type, from->sgpd_type, sizeof to->sgpd_type);
+}
+
+void copy_sync_samples(iso_track* to, const iso_track* from) {
+    to->sync_samples = arena_copy(to->file, from->sync_samples, from->sync_count);
+    to->sync_count = from->sync_count;
+}
+
+// What a sample entry and its configuration box tell.
+void copy_entry(iso_track* to, const iso_track* from) {
+    to->codec = from->codec;
+    std::memcpy(to->vendor, from->vendor, sizeof to->vendor);
+    to->decoder_version = from->decoder_version;
+    to->level = from->level;
+    to->profile = from->profile;
+    to->mode_set = from->mode_set;
+    to->mode_change_period = from->mode_change_period;
+    to->frames_per_sample = from->frames_per_sample;
+    to->object_type = from->object_type;
+    to->stream_type = from->stream_type;
+    to->buffer_size = from->buffer_size;
+    to->max_bitrate = from->max_bitrate;
+    to->avg_bitrate = from->avg_bitrate;
+    to->channel_count = from->channel_count;
+    to->sample_bits = from->sample_bits;
+    to->horiz_resolution = from->horiz_resolution;
+    to->vert_resolution = from->vert_resolution;
+    if (from->dsi_length == 0) return;
+    if (isoFFsetDecoderSpecificInfo(to, from->dsi, static_cast<int>(from->dsi_length)) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
+// A track like `from`, without its samples.
+iso_track* copy_track(iso_file* file, const iso_track* from) {
+    iso_track* to = isoFFtrack(file);
+    if (to == nullptr) throw std::bad_alloc();
+    std::memcpy(to->handler, from->handler, sizeof to->handler);
+    to->track_id = from->track_id;
+    to->creation_time = from->creation_time;
+    to->modification_time = from->modification_time;
+    to->timescale = from->timescale;
+    to->language = from->language;
+    to->layer = from->layer;
+    to->alternate_group = from->alternate_group;
+    to->volume = from->volume;
+    to->width = from->width;
+    to->height = from->height;
+    std::copy(std::begin(from->matrix), std::end(from->matrix), std::begin(to->matrix));
+    to->edits = arena_copy(file, from->edits, static_cast<size_t>(from->edit_count));
+    to->edit_count = from->edit_count;
+    copy_entry(to, from);
+    copy_groups(to, from);
+    copy_sync_samples(to, from);
+    return to;
+}
+
+void copy_movie(iso_file* to, const iso_file* from) {
+    to->od_id = from->od_id;
+    to->od_profile = from->od_profile;
+    to->scene_profile = from->scene_profile;
+    to->visual_profile = from->visual_profile;
+    to->graphics_profile = from->graphics_profile;
+    to->audio_profile = from->audio_profile;
+    to->creation_time = from->creation_time;
+    to->modification_time = from->modification_time;
+    if (from->timescale != 0) to->timescale = from->timescale;
+    to->duration = from->duration;
+}
+
+// The brands of the input, its major one first; a file without any keeps those of the writer.
+void copy_brands(iso_file* to, const iso_file* from) {
+    std::string brands = from->major_brand;
+    if (brands.size() != 4) return;
+    const std::string compatible =
+        from->compatible_brands == nullptr ? "" : from->compatible_brands;
+    for (size_t at = 0; at + 4 <= compatible.size(); at += 5) {
+        const std::string brand = compatible.substr(at, 4);
+        if (brand != from->major_brand) brands += ' ' + brand;
+    }
+    // A brand that holds zero bytes has no place in the list.
+    isoFFsetBrand(to, brands.c_str(), from->minor_version);
+}
+
+// A medium on its way from one file to the other.
+struct Medium {
+    iso_track* from;
+    iso_track* to;
+    iso_track* hint;  // null for one without a payload format
+};
+
+class Hinter {
+  public:
+    Hinter(const Options& options, iso_file* from, iso_file* to)
+        : options_(options), from_(from), to_(to) {}
+
+    void run() {
+        refuse_what_cannot_be_copied();
+        copy_movie(to_, from_);
+        copy_brands(to_, from_);
+        copy_tracks();
+        add_hint_tracks();
+        for (const Medium& medium : media_)
+            copy_samples(medium);
+    }
+
+  private:
+    Error error(const iso_track* track, const std::string& text) const {
+        return Error(options_.input + ": track " + std::to_string(track->track_id) + text);
+    }
+
+    void refuse_what_cannot_be_copied() const {
+        int usable = 0;
+        for (const iso_track* track = from_->first_track; track != nullptr; track = track->next) {
+            if (is_hint(track)) {
+                if (!options_.replace) {
+                    throw error(track, " is a hint track; --replace makes new ones");
+                }
+                continue;
+            }
+            if (track->codec == ISO_CODEC_NONE) throw error(track, " is of an unknown kind");
+            if (track->timescale == 0) throw error(track, " has no timescale");
+            usable += has_payload_format(track) ? 1 : 0;
+        }
+        if (usable == 0) {
+            throw Error(options_.input + ": no AMR, H.263, MPEG-4 or H.264 track");
+        }
+    }
+
+    void copy_tracks() {
+        uint64_t bytes = 0;
+        uint32_t highest_id = 0;
+        for (iso_track* track = from_->first_track; track != nullptr; track = track->next) {
+            if (is_hint(track)) continue;
+            media_.push_back({track, copy_track(to_, track), nullptr});
+            highest_id = std::max(highest_id, track->track_id);
+            bytes += track->total_bytes;
+        }
+        if (highest_id == UINT32_MAX) throw Error(options_.input + ": no track ID is left");
+        to_->next_track_id = highest_id + 1;
+        for (const Medium& medium : media_) {
+            if (bytes > kMostInMemory) medium.to->spool = std::tmpfile();
+            if (bytes > kMostInMemory && medium.to->spool == nullptr) {
+                throw system_error("temporary file");
+            }
+        }
+    }
+
+    int payload_type_of(const iso_track* track) {
+        if (track->codec == ISO_CODEC_S263 && options_.rfc2190) return kRfc2190PayloadType;
+        return next_payload_type_ < kLastPayloadType ? next_payload_type_++ : kLastPayloadType;
+    }
+
+    void add_hint_tracks() {
+        for (Medium& medium : media_) {
+            if (!has_payload_format(medium.from)) continue;
+            medium.hint = rtp_isoFFtrack(to_, medium.to, static_cast<int>(options_.mtu),
+                                         payload_type_of(medium.from),
+                                         options_.rfc2190 ? ISO_H263_RFC2190 : ISO_H263_RFC4629);
+            if (medium.hint == nullptr) throw std::bad_alloc();
+            copy_sync_samples(medium.hint, medium.from);
+        }
+    }
+
+    // Track units of a time in seconds that the reader made of them.
+    static int units(double seconds, const iso_track* track) {
+        const double value = seconds * track->timescale;
+        return static_cast<int>(static_cast<int64_t>(value < 0 ? value - 0.5 : value + 0.5));
+    }
+
+    void copy_samples(const Medium& medium) {
+        std::vector<uint8_t> buffer;
+        for (int left = medium.from->sample_count; left > 0; --left) {
+            int size = 0;
+            isoFFgetDecoderSpecificInfo(medium.from, nullptr, 0);  // not counted into the size
+            isoFFframeInfo(medium.from, nullptr, &size);
+            if (size < 0 || static_cast<uint32_t>(size) > available_bytes()) {
+                throw error(medium.from, " has a sample that is longer than the file");
+            }
+            buffer.resize(std::max<size_t>(static_cast<size_t>(size), 1));
+            double duration = 0.0;
+            double offset = 0.0;
+            if (isoFFread(medium.from, buffer.data(), size, &duration, &offset) != size) {
+                throw error(medium.from, " has a sample that is not in the file");
+            }
+            write_sample(medium, buffer.data(), size, units(duration, medium.from),
+                         units(offset, medium.from));
+        }
+    }
+
+    void write_sample(const Medium& medium, uint8_t* data, int size, int duration, int offset) {
+        medium.to->frame_default = 0;  // a sample that lasts no time stays so
+        const int written = isoFFwrite(medium.to, data, size, duration, offset);
+        if (written < 0) refuse_sample(medium, written);
+        if (medium.hint == nullptr) return;
+        const int hinted = isoFFwriteHint(medium.hint, data, size, duration, offset);
+        if (hinted < 0) refuse_sample(medium, hinted);
+    }
+
+    [[noreturn]] void refuse_sample(const Medium& medium, int result) const {
+        constexpr int kNoMemory = -2, kCannotBeCut = -3, kTooLarge = -6, kTooLong = -7;
+        switch (result) {
+            case kNoMemory:
+                throw std::bad_alloc();
+            case kCannotBeCut:
+                throw error(medium.from, ": sample " + std::to_string(medium.to->sample_count) +
+                                             " cannot be cut into packets");
+            case kTooLarge:
+                throw error(medium.from, " is too large for one file");
+            case kTooLong:
+                throw error(medium.from, " lasts too long");
+            default:
+                throw system_error("temporary file");
+        }
+    }
+
+    uint32_t available_bytes() const {
+        uint32_t size = 0;
+        from_->stream->GetStreamSize(from_->stream->Context, &size);
+        return size;
+    }
+
+    const Options& options_;
+    iso_file* from_;
+    iso_file* to_;
+    std::vector<Medium> media_;
+    int next_payload_type_ = kFirstDynamicPayloadType;
+};
+
+void hint(const Options& options) {
+    Host host = open_host(options.input);
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
+    const IsoFile from = open_iso(host.get(), callbacks);
+    // Nothing goes to the output before the last sample was taken, so a file that is refused leaves
+    // none behind.
+    OutputStream stream(options.output, options.input);
+    KST_IOSTREAM_CALLBACK_INTERFACE* table = stream.table();
+    IsoFile to(isoFFopen(table, "w", nullptr));
+    if (to == nullptr) throw std::bad_alloc();
+    try {
+        Hinter(options, from.get(), to.get()).run();
+    } catch (...) {
+        stream.refuse();
+        throw;
+    }
+    const int closed = isoFFclose(to.release());
+    stream.finish();  // tells what the system said of a write
+    if (closed == -2) throw std::bad_alloc();
+    if (closed == -6) throw Error(options.output + ": the file would be too large");
+    if (closed != 0) throw system_error("temporary file");
+}
+
+}  // namespace
+
+void add_hint(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("hint", "Copy a 3GP file and add RTP hint tracks to it");
+    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    command->add_option("-o,--output", options->output, "Where to write; - is standard output")
+        ->required();
+    command
+        ->add_option("--mtu", options->mtu,
+                     "Longest packet in bytes, RTP header included; players accept up to 1400")
+        ->check(CLI::Range(kShortestPacket, kLongestPacket))
+        ->capture_default_str();
+    command->add_flag("--rfc2190", options->rfc2190,
+                      "Pack H.263 by RFC 2190 (payload type 34), not by RFC 4629");
+    command->add_flag("--replace", options->replace,
+                      "Leave out the hint tracks that FILE has, instead of refusing it");
+    command->callback([options] { hint(*options); });
+}
+
+}  // namespace tool

@@ -1,0 +1,53 @@
+// A stream table for the writer over an output of the tool. It takes bytes in order only.
+#ifndef KESTREL_TOOLS_OUTPUT_STREAM_H
+#define KESTREL_TOOLS_OUTPUT_STREAM_H
+
+#include <exception>
+#include <optional>
+
+#include "tools/support.h"
+
+namespace tool {
+
+class OutputStream {
+  public:
+    // The output is made when the first bytes come; a path that is `input` is refused then.
+    OutputStream(std::string path, std::string input);
+    OutputStream(const OutputStream&) = delete;
+    OutputStream& operator=(const OutputStream&) = delete;
+
+    KST_IOSTREAM_CALLBACK_INTERFACE* table() { return &table_; }
+
+    // Takes no more bytes.
+    void refuse() { refuses_ = true; }
+
+    // Writes what is buffered out. Throws what ended the writing.
+    void finish();
+
+  private:
+    static OutputStream& self(void* context) { return *static_cast<OutputStream*>(context); }
+    static uint32_t get_offset(void* context, uint32_t* offset);
+    static uint32_t seek(void* context, uint32_t offset);
+    static uint32_t read(void* context, void* data, uint32_t* count, int32_t offset);
+    static uint32_t write(void* context, const void* data, uint32_t count, int32_t offset);
+    static uint32_t size(void* context, uint32_t* size);
+    static uint32_t is_eof(void* context);
+    static uint32_t index_read(void* context, void* data, uint32_t offset, uint32_t count,
+                               uint32_t* bytes_read);
+    static uint32_t advance(void* context, uint32_t offset);
+    static uint32_t check_status(void* context, uint32_t* result, uint32_t status);
+
+    uint32_t written() const;
+    void take(std::span<const uint8_t> bytes);
+
+    std::string path_;
+    std::string input_;
+    std::optional<Output> output_;
+    bool refuses_ = false;
+    std::exception_ptr failure_;
+    KST_IOSTREAM_CALLBACK_INTERFACE table_;
+};
+
+}  // namespace tool
+
+#endif
