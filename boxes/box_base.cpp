@@ -174,7 +174,11 @@ void FieldReader::take(std::span<uint8_t> to) {
         unread_ = unread_.subspan(to.size());
         return;
     }
-    if (to.size() > rest_of_box()) return;
+    if (to.size() > rest_of_box()) {
+        // What the box is too short for is zero, and so is all that would follow it.
+        position_ = std::max(position_, extent_.end());
+        return;
+    }
     macro_Read(io_, to.data(), static_cast<uint32_t>(to.size()));
     position_ += to.size();
 }
@@ -188,9 +192,12 @@ void FieldReader::fetch(uint32_t size) {
 // All of `to`, however the host cuts it; less than that means that the box claims bytes that the
 // stream does not have.
 void FieldReader::fill(std::span<uint8_t> to) {
-    const auto wanted = static_cast<uint32_t>(to.size());
-    if (wanted > 0 && read_available(io_, to.data(), wanted) < wanted) throw_invalid_size(extent_);
-    position_ += wanted;
+    while (!to.empty()) {
+        const uint32_t got = read_available(io_, to.data(), static_cast<uint32_t>(to.size()));
+        if (got == 0) throw_invalid_size(extent_);
+        to = to.subspan(got);
+        position_ += got;
+    }
 }
 
 void FieldReader::blob(std::string_view, std::vector<uint8_t>& data, uint32_t size) {
@@ -222,7 +229,7 @@ void FieldReader::dropped_text() {
 void FieldReader::descriptor_size(std::string_view, uint32_t& value, uint8_t& width) {
     value = 0;
     if (rest_of_box() == 0) return;
-    width = static_cast<uint8_t>(ReadDescriptorSize(io_, value));
+    width = static_cast<uint8_t>(ReadDescriptorSize(io_, value, rest_of_box()));
     position_ += width;
 }
 

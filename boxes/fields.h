@@ -45,6 +45,7 @@ template <class Self>
 class FieldOps {
   public:
     static constexpr bool kReads = false;
+    static constexpr bool kLists = false;  // lists values, which must have been kept
 
     template <class T>
     void u8(std::string_view name, T& value) {
@@ -349,6 +350,8 @@ class FieldWriter : public FieldOps<FieldWriter> {
 // Hands named fields to a FieldVisitor.
 class FieldLister : public FieldOps<FieldLister> {
   public:
+    static constexpr bool kLists = true;
+
     explicit FieldLister(FieldVisitor& visitor) : visitor_(visitor) {}
 
     template <class T>

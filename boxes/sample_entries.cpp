@@ -11,6 +11,8 @@ namespace Qvox3gp {
 namespace {
 
 constexpr const char* kSource = ".//boxes/sample_entries";
+constexpr uint16_t kNarrowBandRate = 8000;  // samples a second of "samr" and "sawb"
+constexpr uint16_t kWideBandRate = 16000;
 constexpr uint8_t kMpeg4Visual = 0x20;  // object type indication, ISO/IEC 14496-1, 8.6.6
 constexpr std::array<uint8_t, 4> kStartCode = {0, 0, 0, 1};
 
@@ -72,7 +74,8 @@ void AMRSpecificBox::fields(F& f, Self& self) {
     f.u8("frames_per_sample", self.frames_per_sample_);
 }
 
-AMRSampleEntry::AMRSampleEntry(unsigned int type) : Described(type) {}
+AMRSampleEntry::AMRSampleEntry(unsigned int type)
+    : Described(type), timescale_(type == code("sawb") ? kWideBandRate : kNarrowBandRate) {}
 AMRSampleEntry::~AMRSampleEntry() = default;
 
 void AMRSampleEntry::SetAMRSpecific(std::unique_ptr<AMRSpecificBox> specific) {
@@ -155,6 +158,9 @@ void ESDInfo::fields(F& f, Self& self) {
     f.descriptor_size("decoder_config_size", self.decoder_config_size.value,
                       self.decoder_config_size.width);
     f.u8("object_type_indication", self.object_type_indication);
+    if constexpr (F::kReads) {
+        if (self.object_type_indication != kMpeg4Visual) exit_on_foreign_codec();
+    }
     f.u32("stream_type_and_buffer_size", self.stream_type_and_buffer_size);
     f.u32("max_bit_rate", self.max_bit_rate);
     f.u32("average_bit_rate", self.average_bit_rate);
@@ -178,14 +184,14 @@ void ESDBox::fields(F& f, Self& self) {
     ESDInfo::fields(f, self.info_);
 }
 
-void ESDBox::after_read() const {
-    if (info_.object_type_indication != kMpeg4Visual) exit_on_foreign_codec();
-}
-
 void ESDBox::SetDecoderSpecific(std::span<const uint8_t> data) {
     constexpr uint32_t kTag = 1;
     constexpr uint32_t kDecoderConfigFields = 13;
     constexpr uint32_t kEsFields = 3;
+    // As read, a length may have been written in fewer bytes than the new one needs.
+    info_.decoder_specific_size.width = DescriptorSize{}.width;
+    info_.decoder_config_size.width = DescriptorSize{}.width;
+    info_.es_size.width = DescriptorSize{}.width;
     info_.decoder_specific.assign(data.begin(), data.end());
     info_.decoder_specific_size.value = static_cast<uint32_t>(data.size());
     info_.decoder_config_size.value = kDecoderConfigFields + kTag +

@@ -14,13 +14,14 @@ namespace Qvox3gp {
 
 class SampleEntry : public Box {
   public:
-    explicit SampleEntry(unsigned int type = kUnknownType) : Box(type) {}
-
     // Which entry of "dref" tells where the media is, from 1.
     uint16_t GetDataReferenceIndex() const { return data_reference_index_; }
 
     template <class F, class Self>
     static void fields(F& f, Self& self);
+
+  protected:
+    explicit SampleEntry(unsigned int type = kUnknownType) : Box(type) {}
 
   private:
     std::array<uint8_t, 6> reserved_{};
@@ -138,7 +139,7 @@ class AMRSampleEntry : public Described<AMRSampleEntry, SampleEntry> {
     uint16_t channel_count_ = 2;
     uint16_t sample_size_ = 16;
     uint32_t reserved_2_ = 0;
-    uint16_t timescale_ = 8000;
+    uint16_t timescale_;
     uint16_t reserved_3_ = 0;
     std::unique_ptr<AMRSpecificBox> specific_;
 };
@@ -251,7 +252,6 @@ class ESDBox : public Described<ESDBox, FullBox> {
 
     template <class F, class Self>
     static void fields(F& f, Self& self);
-    void after_read() const;
 
   private:
     ESDInfo info_;

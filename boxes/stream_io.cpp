@@ -133,7 +133,7 @@ void var32_write_noswap(Stream& callbacks, uint32_t value) {
     macro_Write(callbacks, &value, sizeof value);
 }
 
-unsigned int ReadDescriptorSize(Stream& callbacks, unsigned int& size) {
+unsigned int ReadDescriptorSize(Stream& callbacks, unsigned int& size, unsigned int most) {
     size = 0;
     unsigned int taken = 0;
     uint8_t byte = 0;
@@ -141,7 +141,7 @@ unsigned int ReadDescriptorSize(Stream& callbacks, unsigned int& size) {
         var8_read(callbacks, byte);
         size = size << 7 | (byte & 0x7F);
         ++taken;
-    } while ((byte & 0x80) != 0 && taken < kMostDescriptorBytes);
+    } while ((byte & 0x80) != 0 && taken < std::min(most, kMostDescriptorBytes));
     return taken;
 }
 

@@ -53,7 +53,7 @@ void var32_write_noswap(Stream& callbacks, uint32_t value);
 
 // The length of an MPEG-4 descriptor (ISO/IEC 14496-1, 8.3.3): up to four bytes of seven bits, most
 // significant first, going on while the top bit is set. Answers how many bytes it took.
-unsigned int ReadDescriptorSize(Stream& callbacks, unsigned int& size);
+unsigned int ReadDescriptorSize(Stream& callbacks, unsigned int& size, unsigned int most = 4);
 
 }  // namespace Qvox3gp
 

@@ -181,7 +181,7 @@ template <class F, class Self>
 void VmhdBox::fields(F& f, Self& self) {
     FullBox::fields(f, self);
     uint16_t graphics_mode_not_kept = 0;
-    f.u16("graphics_mode", graphics_mode_not_kept);
+    if constexpr (!F::kLists) f.u16("graphics_mode", graphics_mode_not_kept);
     f.u16s("opcolor", self.opcolor_);
 }
 
@@ -223,8 +223,8 @@ template <class F, class Self>
 void DataEntryBox::fields(F& f, Self& self) {
     if constexpr (F::kReads) {
         f.skipped_body(self, 0);
-    } else {
-        FullBox::fields(f, self);
+    } else if constexpr (!F::kLists) {
+        FullBox::fields(f, self);  // nothing of it was kept to be listed
     }
 }
 

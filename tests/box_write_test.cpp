@@ -18,6 +18,7 @@
 #include "boxes/track_boxes.h"
 #include "common/simple_exception.h"
 #include "tests/support/box_io.h"
+#include "tests/support/playing.h"
 
 namespace Qvox3gp {
 namespace {
@@ -280,6 +281,24 @@ TEST_P(BuiltFile, ReadsBackAsItWasBuilt) {
     }
     EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + file.GetFtyp()->GetSize()),
               dump(*file.GetFtyp()));
+}
+
+TEST_P(BuiltFile, PlaysOnTheFunctionRoad) {
+    const Bytes bytes = FileBuilder().build(GetParam());
+    const Played speech = play(bytes, "ar");
+    EXPECT_EQ(speech.status, KST_END_OF_FILE);
+    Bytes frames = text("#!AMR\n");
+    for (uint32_t i = 0; i < FileBuilder::kSpeechSamples; ++i)
+        frames = frames + FileBuilder::speech_sample(i);
+    EXPECT_EQ(unpack_speech(speech.stream, false), frames);
+    const Played video = play(bytes, "vr");
+    EXPECT_EQ(video.status, KST_END_OF_FILE);
+    size_t expected = 92;  // header records; then each picture with its start code shortened by two
+    for (uint32_t i = 0; i < FileBuilder::kPictures; ++i) {
+        const size_t frame = 20 + 20 + 2 + FileBuilder::picture(i).size() - 2;
+        expected += (frame + 3) / 4 * 4;
+    }
+    EXPECT_EQ(video.stream.size(), expected);
 }
 
 std::string output_of(const std::string& command) {

@@ -129,8 +129,10 @@ void print(const Json& box, int depth) {
 
 void boxes(const Options& options) {
     Host host = open_host(options.input);
-    while (kst_host_wait(host.get()) == KST_HOST_MORE) {
-    }
+    int waited = KST_HOST_MORE;
+    while (waited == KST_HOST_MORE)
+        waited = kst_host_wait(host.get());
+    if (waited == KST_HOST_FAULT) throw system_error(options.input);
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host.get());
     Qvox3gp::Simple3gp file;
     std::string failure;

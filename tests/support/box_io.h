@@ -11,16 +11,11 @@
 
 #include "boxes/box_base.h"
 #include "kestrel/hosts.h"
-
-using Bytes = std::vector<uint8_t>;
+#include "tests/support/files.h"
 
 inline Bytes operator+(Bytes left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
-}
-
-inline Bytes text(std::string_view characters) {
-    return {characters.begin(), characters.end()};
 }
 
 inline Bytes be(uint64_t value, unsigned width) {

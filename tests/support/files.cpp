@@ -47,7 +47,7 @@ Bytes words(std::initializer_list<uint32_t> values) {
     return out;
 }
 
-Bytes text(const std::string& characters) {
+Bytes text(std::string_view characters) {
     return Bytes(characters.begin(), characters.end());
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
@@ -19,7 +20,7 @@ std::vector<std::string> sample_names(std::initializer_list<const char*> prefixe
 Bytes be16(uint32_t value);
 Bytes be32(uint32_t value);
 Bytes words(std::initializer_list<uint32_t> values);
-Bytes text(const std::string& characters);
+Bytes text(std::string_view characters);
 Bytes zeros(size_t count);
 Bytes join(std::initializer_list<Bytes> parts);
 
