@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <exception>
 #include <new>
 #include <vector>
 
@@ -342,7 +343,7 @@ int finalise(iso_file* file) try {
     if (!file->direct_write) return write_queued(file);
     if (!begin_direct(file)) return kFellShort;
     return finish_direct(file, static_cast<uint32_t>(write_ftyp(kCountPass, {}, file)));
-} catch (const std::bad_alloc&) {
+} catch (const std::exception&) {  // no memory, or more than a vector can hold
     return kNoMemory;
 }
 

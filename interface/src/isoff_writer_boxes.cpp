@@ -24,7 +24,7 @@ class BoxBody {
     }
 
     void u8(uint32_t value) {
-        if (fits(1)) to_[position_] = static_cast<uint8_t>(value);
+        if (fits(1)) *here() = static_cast<uint8_t>(value);
         position_ += 1;
     }
     void u16(uint32_t value) {
@@ -36,7 +36,7 @@ class BoxBody {
         u16(value);
     }
     void u32(uint32_t value) {
-        if (fits(4)) store_be32(&to_[position_], value);
+        if (fits(4)) store_be32(here(), value);
         position_ += 4;
     }
     void u64(uint64_t value) {
@@ -50,7 +50,7 @@ class BoxBody {
             u8(i < length ? static_cast<uint8_t>(code[i]) : 0);
     }
     void bytes(const void* data, size_t count) {
-        if (fits(count) && count != 0) std::memcpy(&to_[position_], data, count);
+        if (fits(count) && count != 0) std::memcpy(here(), data, count);
         position_ += count;
     }
     void zeros(size_t count) {
@@ -76,6 +76,7 @@ class BoxBody {
     bool fits(size_t count) const {
         return pass_ == kWritePass && position_ <= to_.size() && count <= to_.size() - position_;
     }
+    uint8_t* here() const { return to_.data() + static_cast<size_t>(position_); }
     std::span<uint8_t> rest() const {
         return position_ <= to_.size() ? to_.subspan(static_cast<size_t>(position_))
                                        : std::span<uint8_t>();
