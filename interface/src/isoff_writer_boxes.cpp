@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cmath>
 #include <string_view>
 
 #include "interface/src/isoff.h"
@@ -692,14 +691,16 @@ uint64_t write_moov(Pass pass, std::span<uint8_t> to, iso_file* file) {
 }
 
 uint32_t movie_duration(const iso_track* track) {
-    double units = seconds(track->duration, track->timescale) * track->file->timescale;
+    uint64_t units = 0;
     if (track->edit_count > 0) {
-        units = 0.0;
         for (const iso_elst_entry& edit :
              std::span(track->edits, static_cast<size_t>(track->edit_count)))
-            units += static_cast<double>(edit.segment_duration);
+            units += std::min<uint64_t>(edit.segment_duration, UINT32_MAX);
+    } else if (track->timescale != 0) {
+        const uint64_t scaled = uint64_t{track->duration} * track->file->timescale;
+        units = (scaled + track->timescale / 2) / track->timescale;
     }
-    return units >= UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(std::round(units));
+    return static_cast<uint32_t>(std::min<uint64_t>(units, UINT32_MAX));
 }
 
 }  // namespace kestrel
