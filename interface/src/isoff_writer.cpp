@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <exception>
 #include <new>
 #include <vector>
 
@@ -101,8 +102,7 @@ bool begin_run(iso_track* track, uint32_t start) {
 
 // Whether a run of `units` may take `more` units without running longer than the file's span.
 bool span_allows(const iso_track* track, uint64_t units, uint64_t more) {
-    return seconds(static_cast<double>(units + more), track->timescale) <=
-           track->file->interleave_span;
+    return static_cast<double>(units + more) <= track->file->interleave_span * track->timescale;
 }
 
 // --- direct-write mode ---
@@ -169,7 +169,11 @@ struct Queue {
     iso_frame* next;
     uint64_t time;  // of `next`, track units
 
-    double at() const { return seconds(static_cast<double>(time), track->timescale); }
+    // Whether the other is further on. In whole numbers, so that every machine lays a file out the
+    // same way; times and timescales have 32 bits each.
+    bool is_before(const Queue& other) const {
+        return time * other.track->timescale < other.time * track->timescale;
+    }
 };
 
 struct PlannedRun {
@@ -184,7 +188,7 @@ Queue* least_far_on(std::vector<Queue>& queues) {
     Queue* least = nullptr;
     for (Queue& queue : queues) {
         if (queue.next == nullptr) continue;
-        if (least == nullptr || queue.at() < least->at()) least = &queue;
+        if (least == nullptr || queue.is_before(*least)) least = &queue;
     }
     return least;
 }
@@ -342,7 +346,7 @@ int finalise(iso_file* file) try {
     if (!file->direct_write) return write_queued(file);
     if (!begin_direct(file)) return kFellShort;
     return finish_direct(file, static_cast<uint32_t>(write_ftyp(kCountPass, {}, file)));
-} catch (const std::bad_alloc&) {
+} catch (const std::exception&) {  // no memory, or more than a vector can hold
     return kNoMemory;
 }
 

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cmath>
 #include <string_view>
 
 #include "interface/src/isoff.h"
@@ -24,7 +23,7 @@ class BoxBody {
     }
 
     void u8(uint32_t value) {
-        if (fits(1)) to_[position_] = static_cast<uint8_t>(value);
+        if (fits(1)) *here() = static_cast<uint8_t>(value);
         position_ += 1;
     }
     void u16(uint32_t value) {
@@ -36,7 +35,7 @@ class BoxBody {
         u16(value);
     }
     void u32(uint32_t value) {
-        if (fits(4)) store_be32(&to_[position_], value);
+        if (fits(4)) store_be32(here(), value);
         position_ += 4;
     }
     void u64(uint64_t value) {
@@ -50,7 +49,7 @@ class BoxBody {
             u8(i < length ? static_cast<uint8_t>(code[i]) : 0);
     }
     void bytes(const void* data, size_t count) {
-        if (fits(count) && count != 0) std::memcpy(&to_[position_], data, count);
+        if (fits(count) && count != 0) std::memcpy(here(), data, count);
         position_ += count;
     }
     void zeros(size_t count) {
@@ -76,6 +75,7 @@ class BoxBody {
     bool fits(size_t count) const {
         return pass_ == kWritePass && position_ <= to_.size() && count <= to_.size() - position_;
     }
+    uint8_t* here() const { return to_.data() + static_cast<size_t>(position_); }
     std::span<uint8_t> rest() const {
         return position_ <= to_.size() ? to_.subspan(static_cast<size_t>(position_))
                                        : std::span<uint8_t>();
@@ -691,14 +691,16 @@ uint64_t write_moov(Pass pass, std::span<uint8_t> to, iso_file* file) {
 }
 
 uint32_t movie_duration(const iso_track* track) {
-    double units = seconds(track->duration, track->timescale) * track->file->timescale;
+    uint64_t units = 0;
     if (track->edit_count > 0) {
-        units = 0.0;
         for (const iso_elst_entry& edit :
              std::span(track->edits, static_cast<size_t>(track->edit_count)))
-            units += static_cast<double>(edit.segment_duration);
+            units += std::min<uint64_t>(edit.segment_duration, UINT32_MAX);
+    } else if (track->timescale != 0) {
+        const uint64_t scaled = uint64_t{track->duration} * track->file->timescale;
+        units = (scaled + track->timescale / 2) / track->timescale;
     }
-    return units >= UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(std::round(units));
+    return static_cast<uint32_t>(std::min<uint64_t>(units, UINT32_MAX));
 }
 
 }  // namespace kestrel

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <exception>
 #include <new>
 #include <string>
 
@@ -255,6 +256,6 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
     count_packets(hint, packets);
     hint->hinter->media_time += units;
     return written;
-} catch (const std::bad_alloc&) {
+} catch (const std::exception&) {  // no memory, or more than a vector can hold
     return -2;
 }
