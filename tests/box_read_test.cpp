@@ -707,6 +707,9 @@ TEST(SampleEntriesDeathTest, AForeignCodecEndsTheProcess) {
     const Bytes bytes = box("mp4v", kVisualFields + esds(0x40, text("config"), be(6, 1)));
     EXPECT_EXIT(read_stsd(bytes), testing::ExitedWithCode(1),
                 "^Bad 3GP file, only MP4 Video codec accepted in mp4v box\n$");
+    // The codec is looked at before the lengths behind it.
+    const Bytes lying = box("mp4v", kVisualFields + esds(0x40, text("config"), be(0x7F, 1)));
+    EXPECT_EXIT(read_stsd(lying), testing::ExitedWithCode(1), "^Bad 3GP file");
 }
 
 Bytes avcc(const Bytes& sequence_sets, const Bytes& picture_sets) {

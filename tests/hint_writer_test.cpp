@@ -242,14 +242,14 @@ class HintWriter : public testing::TestWithParam<Codec> {};
 
 TEST_P(HintWriter, PacketsCarryTheSamplesAtTheirTimes) {
     const Codec& codec = GetParam();
-    for (unsigned seed = 1; seed <= 30; ++seed) {
-        SCOPED_TRACE(seed);
-        Random random(seed);
+    for (unsigned round = 1; round <= 30; ++round) {
+        SCOPED_TRACE(round);
+        Random random(round);
         const int max_packet = pick(random, 80, 700);
         std::vector<Sample> samples(static_cast<size_t>(pick(random, 0, 40)));
         for (Sample& sample : samples)
             sample = {codec.sample(random), pick(random, 1, 2000), pick(random, 0, 3) * 10};
-        const Hinted hinted(codec.make, max_packet, samples, seed % 2 == 0);
+        const Hinted hinted(codec.make, max_packet, samples, round % 2 == 0);
         ASSERT_EQ(hinted.closed, 0);
         ASSERT_NE(hinted.hint, nullptr);
         ASSERT_EQ(hinted.hint->sample_count, static_cast<int>(samples.size()));

@@ -318,9 +318,9 @@ void expect_description(const iso_track* track, const RandomTrack& from) {
 class RandomFiles : public testing::TestWithParam<Mode> {};
 
 TEST_P(RandomFiles, ComeBackEqual) {
-    for (unsigned seed = 1; seed <= 60; ++seed) {
-        SCOPED_TRACE(seed);
-        Random random(seed);
+    for (unsigned round = 1; round <= 60; ++round) {
+        SCOPED_TRACE(round);
+        Random random(round);
         std::vector<RandomTrack> tracks;
         for (int i = pick(random, 0, 3); i >= 0; --i)
             tracks.push_back(random_track(random));

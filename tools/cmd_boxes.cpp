@@ -35,16 +35,6 @@ std::string printable(std::string_view code) {
     return out;
 }
 
-std::string hex(std::span<const uint8_t> bytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string out;
-    for (const uint8_t byte : bytes) {
-        out += kDigits[byte >> 4];
-        out += kDigits[byte & 15];
-    }
-    return out;
-}
-
 // Gathers the fields of one box into a JSON object; lists become arrays.
 class FieldCollector final : public Qvox3gp::FieldVisitor {
   public:

@@ -14,16 +14,6 @@ struct Options {
     bool json = false;
 };
 
-std::string hex(std::span<const uint8_t> bytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string out;
-    for (const uint8_t byte : bytes) {
-        out += kDigits[byte >> 4];
-        out += kDigits[byte & 15];
-    }
-    return out;
-}
-
 struct AsText {
     std::string operator()(uint32_t number) const { return std::to_string(number); }
     std::string operator()(std::span<const uint8_t> bytes) const { return hex(bytes); }

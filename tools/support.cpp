@@ -131,6 +131,16 @@ void Progress::show(const kst_host* host, uint64_t written) {
     std::fflush(stderr);
 }
 
+std::string hex(std::span<const uint8_t> bytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (const uint8_t byte : bytes) {
+        out += kDigits[byte >> 4];
+        out += kDigits[byte & 15];
+    }
+    return out;
+}
+
 const char* codec_name(int32_t codec) {
     switch (codec) {
         case ISO_CODEC_MP4V:

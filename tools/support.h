@@ -101,6 +101,9 @@ class Progress {
     Clock::time_point next_;
 };
 
+// Two lower-case digits a byte.
+std::string hex(std::span<const uint8_t> bytes);
+
 // Of a sample entry: "AMR-NB" for ISO_CODEC_SAMR and so on.
 const char* codec_name(int32_t codec);
 
