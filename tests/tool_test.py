@@ -366,6 +366,26 @@ STBL = [b"moov", b"trak", b"mdia", b"minf", b"stbl"]
 
 
 class Hint(ToolTest):
+    def test_files_that_would_not_come_over_unchanged_are_refused(self):
+        data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+        tkhd = data.index(b"tkhd") + 4
+        stsc = data.index(b"stsc") + 4
+        stsz = data.index(b"stsz") + 4
+        self.assertEqual(data[tkhd + 12: tkhd + 16], (1).to_bytes(4, "big"))
+        no_id = data[: tkhd + 12] + bytes(4) + data[tkhd + 16:]
+        large = data[: stsz + 4] + (0x1000).to_bytes(4, "big") + data[stsz + 8:]
+        cases = [(no_id, "no track ID"), (large, "more sample bytes than it has")]
+        if int.from_bytes(data[stsc + 4: stsc + 8], "big") > 1:
+            at = stsc + 8 + 12 + 8
+            cases.append((data[:at] + (2).to_bytes(4, "big") + data[at + 4:], "several sample"))
+        out = self.scratch / "out.3gp"
+        for damaged, reason in cases:
+            with self.subTest(reason=reason):
+                result = run("hint", "-", "-o", out, stdin=damaged)
+                self.assertEqual(result.returncode, 1)
+                self.assertIn(reason, result.stderr.decode())
+                self.assertFalse(out.exists())
+
     def hint(self, source, *options):
         out = self.scratch / "hinted.3gp"
         result = run("hint", source, "-o", out, *options)

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <set>
 
 #include "tools/commands.h"
 #include "tools/output_stream.h"
@@ -45,7 +46,9 @@ T* arena_copy(iso_file* file, const T* from, size_t count) {
     return copy;
 }
 
+// Groups whose descriptions the reader did not keep stay behind: they would refer to nothing.
 void copy_groups(iso_track* to, const iso_track* from) {
+    if (from->sgpd_list == nullptr) return;
     iso_sbgp_entry** group = &to->sbgp_list;
     for (const iso_sbgp_entry* entry = from->sbgp_list; entry != nullptr; entry = entry->next) {
         *group = arena_copy(to->file, entry, 1);
@@ -183,10 +186,45 @@ class Hinter {
             }
             if (track->codec == ISO_CODEC_NONE) throw error(track, " is of an unknown kind");
             if (track->timescale == 0) throw error(track, " has no timescale");
+            if (track->track_id == 0) throw error(track, ": no track ID that could be referred to");
+            if (has_several_descriptions(track)) {
+                throw error(track, " has several sample descriptions");
+            }
             usable += has_payload_format(track) ? 1 : 0;
         }
         if (usable == 0) {
             throw Error(options_.input + ": no AMR, H.263, MPEG-4 or H.264 track");
+        }
+        refuse_equal_ids();
+        refuse_more_samples_than_bytes();
+    }
+
+    static bool has_several_descriptions(const iso_track* track) {
+        for (int32_t i = 1; i < track->stsc_count; ++i) {
+            if (track->stsc[i].description_index != track->stsc[0].description_index) return true;
+        }
+        return false;
+    }
+
+    void refuse_equal_ids() const {
+        std::set<uint32_t> ids;
+        for (const iso_track* track = from_->first_track; track != nullptr; track = track->next) {
+            const bool is_new = is_hint(track) || ids.insert(track->track_id).second;
+            if (!is_new) throw error(track, ": another track has the same ID");
+        }
+    }
+
+    // Samples that lie on top of each other would make a small file into a huge one.
+    void refuse_more_samples_than_bytes() const {
+        uint64_t bytes = 0;
+        for (const iso_track* track = from_->first_track; track != nullptr; track = track->next) {
+            if (is_hint(track)) continue;
+            for (int32_t i = 0; track->sample_size == 0 && i < track->sample_count; ++i)
+                bytes += track->sample_sizes[i];
+            bytes += uint64_t{track->sample_size} * static_cast<uint32_t>(track->sample_count);
+        }
+        if (bytes > available_bytes()) {
+            throw Error(options_.input + ": its tables tell more sample bytes than it has");
         }
     }
 
@@ -307,10 +345,15 @@ void hint(const Options& options) {
         throw;
     }
     const int closed = isoFFclose(to.release());
-    stream.finish();  // tells what the system said of a write
-    if (closed == -2) throw std::bad_alloc();
-    if (closed == -6) throw Error(options.output + ": the file would be too large");
-    if (closed != 0) throw system_error("temporary file");
+    try {
+        stream.finish();  // tells what the system said of a write
+        if (closed == -2) throw std::bad_alloc();
+        if (closed == -6) throw Error(options.output + ": the file would be too large");
+        if (closed != 0) throw system_error("temporary file");
+    } catch (...) {
+        stream.discard();  // the movie box stands first, so a part would look whole
+        throw;
+    }
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include "tools/output_stream.h"
 
+#include <filesystem>
+#include <system_error>
+
 namespace tool {
 
 OutputStream::OutputStream(std::string path, std::string input)
@@ -20,6 +23,13 @@ void OutputStream::take(std::span<const uint8_t> bytes) {
 void OutputStream::finish() {
     if (failure_) std::rethrow_exception(failure_);
     if (output_) output_->finish();
+}
+
+void OutputStream::discard() {
+    if (!output_) return;
+    output_.reset();
+    std::error_code ignored;
+    if (std::filesystem::is_regular_file(path_, ignored)) std::filesystem::remove(path_, ignored);
 }
 
 uint32_t OutputStream::get_offset(void* context, uint32_t* offset) {

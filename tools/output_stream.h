@@ -24,6 +24,10 @@ class OutputStream {
     // Writes what is buffered out. Throws what ended the writing.
     void finish();
 
+    // Takes back an output file that was made, if it was: a part of it could be taken for the
+    // whole.
+    void discard();
+
   private:
     static OutputStream& self(void* context) { return *static_cast<OutputStream*>(context); }
     static uint32_t get_offset(void* context, uint32_t* offset);

@@ -327,7 +327,7 @@ KESTREL_API int isoFFwrite(iso_track* track, void* data, int size, int duration,
 
 // Sets the brands of a file that is being written: four-character codes separated by one blank, the
 // first of which becomes the major brand; all of them are the compatible brands. 0, or -1 for a
-// null argument, a list of another shape, or no memory.
+// null argument, a list of another shape, no memory, or once samples were written directly.
 KESTREL_API int isoFFsetBrand(iso_file* file, const char* brands, int minor_version);
 
 // Keeps a copy of `length` bytes of decoder configuration for the writer: an `avcC` record for

@@ -146,12 +146,19 @@ int begin_flush(iso_track* track) {
     return track->track_id > track->file->direct_track_limit ? kTrackTooLate : 0;
 }
 
+bool passes_agree(uint64_t measured, uint64_t written) {
+    if (written == measured) return true;
+    diagnose("isoff error: pass 1 header size (%d) different from pass 2 (%d)\n",
+             static_cast<int>(measured), static_cast<int>(written));
+    return false;
+}
+
 // Writes `moov` behind the media, then the size of `mdat` in front of it.
 int finish_direct(iso_file* file, uint32_t media_header) {
     const uint32_t media_end = file->write_pos;
     std::vector<uint8_t> moov(static_cast<size_t>(write_moov(kCountPass, {}, file)));
     const uint64_t written = write_moov(kWritePass, moov, file);
-    if (written != moov.size()) return kFellShort;
+    if (!passes_agree(moov.size(), written)) return kFellShort;
     if (moov.size() > UINT32_MAX - media_end) return kTooLarge;
     if (!write_stream(file, moov.data(), static_cast<uint32_t>(moov.size()))) return kFellShort;
     uint8_t raw[4];
@@ -272,11 +279,7 @@ std::vector<uint8_t> make_header(iso_file* file, uint64_t media) {
     uint8_t* mdat = header.data() + header.size() - kBoxHeader;
     store_be32(mdat, static_cast<uint32_t>(media + kBoxHeader));
     store_be32(mdat + 4, fourcc("mdat"));
-    if (written != measured) {
-        diagnose("isoff error: pass 1 header size (%d) different from pass 2 (%d)\n",
-                 static_cast<int>(measured), static_cast<int>(written));
-        header.clear();
-    }
+    if (!passes_agree(measured, written)) header.clear();
     return header;
 }
 
@@ -386,6 +389,7 @@ using namespace kestrel;
 int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
     constexpr size_t kCodeAndBlank = 5;
     if (file == nullptr || brands == nullptr) return -1;
+    if (file->write_pos != 0) return -1;  // `ftyp` stands in the file already
     const size_t length = std::strlen(brands) + 1;
     if (length < kCodeAndBlank || length % kCodeAndBlank != 0) return -1;
     auto* list = arena_array<char>(file, length);

@@ -244,10 +244,13 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
     const auto units = static_cast<uint32_t>(duration);
     const int64_t rtp_units = rtp_duration(hint, units);
     if (rtp_units > UINT32_MAX) return kTooLong;
+    // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
+    const int64_t begin = hint->hinter->media_time;
+    const int64_t composition = rescale(begin + cts_offset, hint) - rescale(begin, hint);
     std::vector<uint8_t> hint_sample = make_hint_sample(
-        packets, {static_cast<uint8_t>(hint->last_payload_type), hint->hinter->sequence,
-                  static_cast<uint32_t>(hint->sample_count) + 1,
-                  static_cast<int32_t>(rescale(cts_offset, hint))});
+        packets,
+        {static_cast<uint8_t>(hint->last_payload_type), hint->hinter->sequence,
+         static_cast<uint32_t>(hint->sample_count) + 1, static_cast<int32_t>(composition)});
     if (hint_sample.empty() || hint_sample.size() > INT32_MAX) return kCannotBeCut;
     hint->frame_default = 0;  // a time that rounds to nothing is nothing
     const int written = isoFFwrite(hint, hint_sample.data(), static_cast<int>(hint_sample.size()),
