@@ -576,6 +576,20 @@ TEST(Writer, DirectModeRefusesTracksThatComeLate) {
     EXPECT_EQ(isoFFclose(file), 0);
 }
 
+// Written directly, the brands stand in front of the media: later ones would move what is there.
+TEST(Writer, BrandsStandOnceMediaIsWritten) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    file->direct_write = 1;
+    uint8_t sample[] = {1};
+    EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), 1);
+    EXPECT_EQ(isoFFsetBrand(file, "3gp6 3gp5 3gp4 isom", 0), -1);
+    EXPECT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    EXPECT_STREQ(reread.file->compatible_brands, "3gp5 3gp4");
+    EXPECT_NE(isoFFselect(reread.file, "soun", 1), nullptr);
+}
+
 TEST(Writer, DirectModeNeedsAStreamThatSeeks) {
     Output out;
     iso_file* file = open_for_writing(out);
