@@ -1,31 +1,125 @@
+#include <map>
+
 #include "tools/commands.h"
 #include "tools/support.h"
 
 namespace tool {
 namespace {
 
+enum class Sync { kNext, kPrevious, kNearest };
+
 struct Options {
     std::string input;
     std::string mode;
     std::string output = "-";
     std::optional<uint32_t> arriving;
+    Road road = Road::kFunction;
+    std::optional<uint32_t> from_ms;
+    Sync sync = Sync::kPrevious;
 };
 
+// What is played, on either road.
+class Player {
+  public:
+    Player() = default;
+    Player(const Player&) = delete;
+    Player& operator=(const Player&) = delete;
+    virtual ~Player() = default;
+
+    virtual int32_t read(std::span<uint8_t> buffer, uint32_t& size, bool arriving) = 0;
+    // Whether more data may undo the failure of a read.
+    virtual bool may_arrive(int32_t status, uint32_t size) const = 0;
+};
+
+class FunctionPlayer final : public Player {
+  public:
+    explicit FunctionPlayer(Handle handle) : handle_(std::move(handle)) {}
+
+    int32_t read(std::span<uint8_t> buffer, uint32_t& size, bool arriving) override {
+        size = static_cast<uint32_t>(buffer.size());
+        return kst_ReadChunk(handle_.get(), buffer.data(), &size, arriving);
+    }
+    // Data that has not arrived is not-yet, but a failure where it is missing for the first frame.
+    bool may_arrive(int32_t status, uint32_t size) const override {
+        return status == KST_NOT_YET || (status == KST_FAILURE && size == 0);
+    }
+
+  private:
+    Handle handle_;
+};
+
+class ClassPlayer final : public Player {
+  public:
+    explicit ClassPlayer(ClassObject object) : object_(std::move(object)) {}
+
+    int32_t read(std::span<uint8_t> buffer, uint32_t& size, bool arriving) override {
+        size = static_cast<uint32_t>(buffer.size());
+        return static_cast<int32_t>(object_->ReadChunk(buffer.data(), &size, arriving));
+    }
+    bool may_arrive(int32_t status, uint32_t) const override { return status == KST_NOT_YET; }
+
+  private:
+    ClassObject object_;
+};
+
+uint32_t sync_flag(Sync sync) {
+    switch (sync) {
+        case Sync::kNext:
+            return KST_SEEK_NEXT_SYNC;
+        case Sync::kPrevious:
+            return KST_SEEK_PREVIOUS_SYNC;
+        default:
+            return KST_SEEK_NEAREST_SYNC;
+    }
+}
+
+// Seeks and tells what came of it, waiting for the place to arrive.
+void seek(C3gpInterface& player, kst_host* host, const Options& options) {
+    for (;;) {
+        _TAG_KST_SEEK_PARAMS params{};
+        params.nTime = *options.from_ms;
+        params.fFlags = KST_SEEK_ABSOLUTE | sync_flag(options.sync);
+        const auto status = static_cast<int32_t>(player.SeekTo(&params));
+        if (status == KST_SUCCESS) {
+            std::fprintf(stderr, "from %u ms: frame %u, file offset %d\n", params.nTime,
+                         params.uFrameNum, static_cast<int>(params.uFileOffset));
+            return;
+        }
+        if (status != KST_FAILURE || kst_host_is_complete(host)) {
+            throw status_error(options.input, status, "; cannot begin there");
+        }
+        if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(options.input);
+    }
+}
+
+std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {
+    int32_t status = KST_SUCCESS;
+    if (options.road == Road::kClass) {
+        ClassObject object = open_object(host, options.mode, status);
+        if (object == nullptr) throw status_error(options.input, status);
+        if (options.from_ms) seek(*object, host, options);
+        return std::make_unique<ClassPlayer>(std::move(object));
+    }
+    Handle handle = open_track(host, options.mode, status);
+    if (handle == nullptr) {
+        const bool may_explain = status == KST_FAILURE && options.input != "-";
+        throw status_error(options.input, status,
+                           may_explain ? "; 'kestrel info' shows what the file has" : "");
+    }
+    return std::make_unique<FunctionPlayer>(std::move(handle));
+}
+
 // Delivers every chunk; returns the status that ended the stream.
-int32_t deliver(mm_Interface* handle, kst_host* host, const std::string& input, Output& output) {
+int32_t deliver(Player& player, kst_host* host, const std::string& input, Output& output) {
     std::vector<uint8_t> buffer(KST_LARGEST_CHUNK);
     Progress progress;
     for (;;) {
-        auto size = static_cast<uint32_t>(buffer.size());
-        const bool arriving = kst_host_is_arriving(host) != 0;
-        const int32_t status = kst_ReadChunk(handle, buffer.data(), &size, arriving);
+        uint32_t size = 0;
+        const int32_t status = player.read(buffer, size, kst_host_is_arriving(host) != 0);
         output.write({buffer.data(), size});
         progress.show(host, output.written());
         if (status == KST_SUCCESS) continue;
-        // Data that has not arrived is not-yet, but a failure where it is missing for the first
-        // frame.
-        const bool may_arrive = status == KST_NOT_YET || (status == KST_FAILURE && size == 0);
-        if (!may_arrive || kst_host_is_complete(host)) return status;
+        if (!player.may_arrive(status, size) || kst_host_is_complete(host)) return status;
         output.finish();  // whoever reads the stream need not wait with us
         if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(input);
     }
@@ -33,22 +127,37 @@ int32_t deliver(mm_Interface* handle, kst_host* host, const std::string& input, 
 
 void extract(const Options& options) {
     Host host = open_host(options.input, options.arriving);
-    int32_t status = KST_SUCCESS;
-    Handle handle = open_track(host.get(), options.mode, status);
-    if (handle == nullptr) {
-        const bool may_explain = status == KST_FAILURE && options.input != "-";
-        throw status_error(options.input, status,
-                           may_explain ? "; 'kestrel info' shows what the file has" : "");
-    }
+    const std::unique_ptr<Player> player = open_player(host.get(), options);
     // Made only now, so that a file that cannot be opened leaves no output behind.
     Output output(options.output, options.input);
-    status = deliver(handle.get(), host.get(), options.input, output);
+    const int32_t status = deliver(*player, host.get(), options.input, output);
     output.finish();
     if (status != KST_END_OF_FILE) {
         throw status_error(
             options.input, status,
             "; kept " + std::to_string(output.written()) + " bytes that were delivered before");
     }
+}
+
+void add_road_options(CLI::App* command, const std::shared_ptr<Options>& options) {
+    static const std::map<std::string, Road> kRoads = {{"function", Road::kFunction},
+                                                       {"class", Road::kClass}};
+    static const std::map<std::string, Sync> kSyncs = {
+        {"next", Sync::kNext}, {"previous", Sync::kPrevious}, {"nearest", Sync::kNearest}};
+    command
+        ->add_option("--road", options->road,
+                     "The library's way in: function (kst_Open) or class (C3gpInterface)")
+        ->transform(CLI::Transformer(kRoads))
+        ->check(CLI::IsMember(kRoads))
+        ->option_text("function|class [function]");
+    CLI::Option* from = command->add_option(
+        "--from", options->from_ms, "Begin at a sync sample near MS milliseconds; --road class");
+    from->type_name("MS");
+    command->add_option("--sync", options->sync, "Which sync sample near --from is meant")
+        ->transform(CLI::Transformer(kSyncs))
+        ->check(CLI::IsMember(kSyncs))
+        ->option_text("next|previous|nearest [previous]")
+        ->needs(from);
 }
 
 }  // namespace
@@ -72,9 +181,13 @@ void add_extract(CLI::App& app) {
                      "Serve FILE as if N more bytes arrived before each retry")
         ->type_name("N")
         ->check(CLI::Range(uint32_t{1}, UINT32_MAX));
+    add_road_options(command, options);
     command->callback([options] {
         if (options->arriving && options->input == "-") {
             throw Error("--arriving needs a FILE; standard input arrives by itself", kWrongUsage);
+        }
+        if (options->from_ms && options->road != Road::kClass) {
+            throw Error("--from needs --road class; the function road cannot seek", kWrongUsage);
         }
         extract(*options);
     });

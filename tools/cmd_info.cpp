@@ -71,6 +71,30 @@ Json try_function_road(kst_host* host, const char* medium, const std::string& mo
             {"text", kst_StatusString(status)}};
 }
 
+// The class road ends the process for an "mp4v" of another codec (see kestrel/c3gpinterface.h).
+bool would_exit(const iso_file* file) {
+    constexpr uint8_t kMpeg4Visual = 0x20;
+    const iso_track* track = file->first_track;
+    while (track != nullptr &&
+           (track->codec != ISO_CODEC_MP4V || track->object_type == kMpeg4Visual))
+        track = track->next;
+    return track != nullptr;
+}
+
+Json try_class_road(kst_host* host, const iso_file* file, const char* medium,
+                    const std::string& mode) {
+    int32_t status = KST_UNKNOWN_CODER;
+    if (!would_exit(file)) {
+        kst_host_rewind(host);
+        open_object(host, mode, status);
+    }
+    return {{"road", "class"},
+            {"medium", medium},
+            {"plays", status == KST_SUCCESS},
+            {"status", status},
+            {"text", kst_StatusString(status)}};
+}
+
 void print_track(const Json& track) {
     std::printf("track %-6u %s, %.3f s, %u samples, %u bytes", track["id"].get<uint32_t>(),
                 track["codec"].get<std::string>().c_str(), track["duration_seconds"].get<double>(),
@@ -122,7 +146,9 @@ void info(const Options& options) {
     }
     Json about = describe_file(file.get());
     about["verdicts"] = {try_function_road(host.get(), "audio", "ar"),
-                         try_function_road(host.get(), "video", "vr")};
+                         try_function_road(host.get(), "video", "vr"),
+                         try_class_road(host.get(), file.get(), "audio", "ar"),
+                         try_class_road(host.get(), file.get(), "video", "vr")};
     if (options.json) {
         std::printf("%s\n", about.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
     } else {

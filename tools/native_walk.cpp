@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "common/bytes.h"
 #include "kestrel/native_records.h"
 #include "native/amr_format.h"
 
@@ -15,9 +16,12 @@ namespace {
 constexpr uint32_t kNarrowBandCoder = 10;
 constexpr uint32_t kWideBandCoder = 20;
 constexpr uint32_t kWideBandCoding = 51;
+constexpr uint32_t kFirstCoding = 26;  // of AMR narrow band: one for each bit rate
+constexpr uint32_t kLastCoding = 33;
 constexpr uint32_t kZeroWord = 4;
 constexpr uint32_t kModeByte = 1;
-constexpr uint32_t kSmallestFrame = sizeof(AUD_AudFrame_Native) + kZeroWord + kModeByte + 1;
+constexpr uint32_t kFrameHeader = sizeof(AUD_AudFrame_Native) + kZeroWord;
+constexpr uint32_t kSmallestFrame = kFrameHeader + kModeByte + 1;
 
 class Walk {
   public:
@@ -43,6 +47,8 @@ class Walk {
     void check_header_length(const PROP_Header_Info& first);
     void audio_headers();
     void audio_frame();
+    void speech_frame(StreamRecord& shown, size_t at);
+    void speech_payload(StreamRecord& shown, std::span<const uint8_t> payload, size_t at);
     void video_headers();
     void video_config(const VID_Header_CodecInfo& codec, size_t codec_at);
     void video_frame();
@@ -52,6 +58,7 @@ class Walk {
     RecordSink& sink_;
     size_t position_ = 0;
     Medium medium_ = Medium::kNarrowBandSpeech;
+    bool rtp_payloads_ = false;  // a speech frame holds RTP payloads, not one speech frame
     std::span<const uint8_t> config_;
 };
 
@@ -143,6 +150,13 @@ void Walk::audio_headers() {
     const auto codec = header_record<AUD_Codec_Header>("AUD_Codec_Header");
     if (codec.length != sizeof codec) damaged(codec_at, "the codec record tells a wrong length");
     if (codec.coding == kWideBandCoding) medium_ = Medium::kWideBandSpeech;
+    // Only the class road, whose frames hold RTP payloads, tells no bits per sample.
+    rtp_payloads_ = codec.bits_per_sample == 0;
+    const bool narrow = codec.coding >= kFirstCoding && codec.coding <= kLastCoding;
+    if (!narrow && (rtp_payloads_ || medium_ != Medium::kWideBandSpeech)) {
+        damaged(codec_at,
+                "the codec record tells an unknown coding: " + std::to_string(codec.coding));
+    }
     header_record<AUD_Header_IndxInfo>("AUD_Header_IndxInfo");
     header_record<VID_FileInfo>("VID_FileInfo");
 }
@@ -227,23 +241,59 @@ void Walk::audio_frame() {
         damaged(at, "the frame tells another coder: " + std::to_string(header.coder));
     }
     if (header.time != header.time_again) damaged(at, "the two times of the frame differ");
-    if (header.frame_length < kSmallestFrame) damaged(at, "the frame length leaves no frame");
+    const uint32_t smallest = rtp_payloads_ ? kFrameHeader : kSmallestFrame;
+    if (header.frame_length < smallest) damaged(at, "the frame length leaves no frame");
     for (const uint8_t zero : take(kZeroWord, "a frame's zero word")) {
         if (zero != 0) damaged(position_ - kZeroWord, "the word behind the frame header is not 0");
     }
+    const size_t end = at + header.frame_length;
+    if (rtp_payloads_) {
+        speech_payload(shown, take(end - position_, "a speech payload"), at);
+        return;
+    }
     const uint8_t mode = take(kModeByte, "a frame's mode byte")[0];
-    const auto frame = take(at + header.frame_length - position_, "a speech frame");
+    shown.fields.push_back({"mode_byte", uint32_t{mode}});
+    shown.payload = take(end - position_, "a speech frame");
+    speech_frame(shown, at);
+}
+
+void Walk::speech_frame(StreamRecord& shown, size_t at) {
+    const auto frame = shown.payload;
+    const bool wide = medium_ == Medium::kWideBandSpeech;
     const int type = storage_frame_type(frame[0]);
     const int speech_bits = wide ? kWideBandBits[type] : bits[type];
     if (frame.size() != static_cast<size_t>(storage_frame_size(speech_bits))) {
         damaged(at, "a frame of type " + std::to_string(type) + " cannot have " +
                         std::to_string(frame.size()) + " bytes");
     }
-    shown.fields.push_back({"mode_byte", uint32_t{mode}});
     shown.fields.push_back({"frame_type", static_cast<uint32_t>(type)});
-    shown.payload = frame;
     sink_.record(shown);
     sink_.speech_frame(frame);
+}
+
+// Octet-aligned payloads (RFC 4867, 4.3 and 4.4), back to back: a codec mode request, a table of
+// contents with a byte for each frame, all but the last with the top bit set, and the frames' bits.
+void Walk::speech_payload(StreamRecord& shown, std::span<const uint8_t> payload, size_t at) {
+    constexpr uint8_t kMore = 0x80;
+    shown.payload = payload;
+    sink_.record(shown);
+    ByteReader reader(payload);
+    while (reader.remaining() > 0) {
+        reader.skip(1);
+        std::vector<uint8_t> contents;
+        do {
+            contents.push_back(reader.u8());
+        } while (reader.ok() && (contents.back() & kMore) != 0);
+        for (const uint8_t entry : contents) {
+            const auto header = static_cast<uint8_t>(entry & ~kMore);
+            const int size = storage_frame_size(bits[storage_frame_type(header)]) - 1;
+            const auto speech = reader.take(static_cast<size_t>(size));
+            if (!reader.ok()) damaged(at, "a speech payload ends inside a frame");
+            std::vector<uint8_t> frame{header};
+            frame.insert(frame.end(), speech.begin(), speech.end());
+            sink_.speech_frame(frame);
+        }
+    }
 }
 
 }  // namespace

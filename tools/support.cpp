@@ -43,6 +43,18 @@ Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
     }
 }
 
+ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status) {
+    auto object = std::make_unique<C3gpInterface>();
+    for (;;) {
+        status = static_cast<int32_t>(object->Open(kst_host_callbacks(host), mode.c_str()));
+        if (status == KST_SUCCESS) return object;
+        // What is missing may be the part of the file that has not arrived.
+        if (status == KST_BAD_MODE || kst_host_is_complete(host)) return nullptr;
+        if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error("input");
+        kst_host_rewind(host);
+    }
+}
+
 IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
     int waited = KST_HOST_MORE;
     while (waited == KST_HOST_MORE)

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "kestrel/c3gpinterface.h"
 #include "kestrel/hosts.h"
 #include "kestrel/isoff.h"
 #include "kestrel/kestrel.h"
@@ -51,6 +52,14 @@ using Handle = std::unique_ptr<mm_Interface, HandleCloser>;
 // Opens a track, waiting for more of a file that is still arriving. Null when it cannot be opened;
 // `status` tells why.
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status);
+
+// The library's two ways in.
+enum class Road { kFunction, kClass };
+
+using ClassObject = std::unique_ptr<C3gpInterface>;
+
+// The same on the class road.
+ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status);
 
 struct FileCloser {
     void operator()(iso_file* file) const { isoFFclose(file); }

@@ -1,0 +1,334 @@
+// Playing a 3GP file through a class: C3gpInterface opens one medium of a file over the host's
+// stream, seeks in it by time, and delivers it as a native stream (docs/native-format.md).
+//
+//     C3gpInterface player;
+//     unsigned int status = player.Open(callbacks, "ar");
+//     while (status == KST_SUCCESS) {
+//         unsigned int size = sizeof buffer;
+//         status = player.ReadChunk(buffer, &size, false);
+//         consume(buffer, size);
+//     }
+//
+// The medium must have one track, in AMR narrow band, H.263 or MPEG-4 Visual, and that track an RTP
+// hint track: each hint sample becomes one frame of the stream.
+//
+// Objects are independent of each other; one must not be used from two threads at once. Statuses
+// are those of kestrel/status.h; no function throws unless its comment says so. The system log
+// tells why something failed (kestrel/log.h).
+//
+// Open can end the process: an MPEG-4 sample entry whose object type is not that of MPEG-4 Visual
+// exits with status 1 after a line on the standard error stream. A host that cannot have that must
+// look at the file first.
+#ifndef KESTREL_C3GPINTERFACE_H
+#define KESTREL_C3GPINTERFACE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "kestrel/api.h"
+#include "kestrel/status.h"
+#include "kestrel/stream.h"
+
+// A request to SeekTo, and what came of it.
+struct _TAG_KST_SEEK_PARAMS {
+    uint32_t uReserved;    // the caller's own; neither read nor written
+    uint32_t nTime;        // in: the target, ms; out: the time of the sample reached, ms
+    uint32_t uFrameNum;    // out: the hint sample reached, from 1
+    uint32_t uFileOffset;  // out: where reading resumes, bytes; 0xFFFFFFFF where that is not known
+    uint32_t fFlags;       // in: one mode and one sync rule; other bits are ignored
+};
+
+// Values of _TAG_KST_SEEK_PARAMS::fFlags.
+enum KST_SEEK_FLAGS : uint32_t {
+    KST_SEEK_RELATIVE = 0x10000,  // nTime is added to the time of the next frame; may be negative
+    KST_SEEK_ABSOLUTE = 0x20000,  // nTime counts from the beginning
+    // In a track without a table of sync samples every sample is one.
+    KST_SEEK_NEXT_SYNC = 1,      // the sync sample at or after the target
+    KST_SEEK_PREVIOUS_SYNC = 2,  // the sync sample at or before the target
+    KST_SEEK_NEAREST_SYNC = 4    // of two around the target the farther one; at a tie the earlier
+};
+
+// What a frame writer is opened with.
+struct _TAG_AUDIO_OPEN_PARAMS {
+    uint32_t uDuration;    // ms
+    uint32_t uFrameCount;  // hint samples
+    uint32_t uCoder;       // 10: AMR narrow band
+    uint32_t uClockFreq;   // Hz
+    uint32_t uBitRate;     // bits per second
+};
+
+struct _TAG_VIDEO_OPEN_PARAMS {
+    uint32_t uCodec;               // 0 H.263, 1 H.263-1998, 2 MPEG-4 Visual, 3 none
+    uint32_t uDuration;            // ms
+    uint32_t uFrameCount;          // media samples
+    uint32_t uWidth;               // pixels
+    uint32_t uHeight;              // pixels
+    double fFrameRate;             // frames per second
+    uint32_t uAvgBitRate;          // bits per second
+    const unsigned char* pConfig;  // MPEG-4 decoder configuration; copied by the writer's Open
+    uint32_t uConfigLength;        // bytes
+    uint32_t uProfile, uLevel;     // H.263
+    uint32_t uVideoStart;          // start offset, 1/90000 s
+    uint32_t uAudioStart;          // start offset of the file's audio, in its own timescale
+    uint32_t uLargestSample;       // bytes, as the tables tell
+};
+
+namespace Qvox3gp {
+class ElstBox;
+class MdhdBox;
+class MoovBox;
+class Simple3gp;
+class StblBox;
+class StcoBox;
+class StscBox;
+class StssBox;
+class StszBox;
+class SttsBox;
+class TrakBox;
+struct SampleToChunkEntry;
+struct TimeToSampleEntry;
+}  // namespace Qvox3gp
+
+class PropFile;
+class PropFileAudio;
+class PropFileVideo;
+
+class KESTREL_API C3gpInterface {
+  public:
+    // The boxes of one track.
+    struct BaseBoxes {
+        Qvox3gp::MdhdBox* mdhd = nullptr;
+        Qvox3gp::StblBox* stbl = nullptr;
+        Qvox3gp::ElstBox* elst = nullptr;  // may be null
+        Qvox3gp::SttsBox* stts = nullptr;
+        Qvox3gp::StszBox* stsz = nullptr;
+        Qvox3gp::StscBox* stsc = nullptr;
+        Qvox3gp::StcoBox* stco = nullptr;
+        Qvox3gp::StssBox* stss = nullptr;  // may be null
+    };
+    using HintBoxes = BaseBoxes;
+    using AVBoxes = BaseBoxes;
+
+    // Where a media sample lies in the file, bytes.
+    struct _TAG_SAMPLEINFO {
+        uint32_t uOffset = 0;
+        uint32_t uSize = 0;  // 0 also for a sample that no chunk holds
+    };
+
+    C3gpInterface();
+    explicit C3gpInterface(unsigned int ignored);
+    C3gpInterface(const C3gpInterface&) = delete;
+    C3gpInterface& operator=(const C3gpInterface&) = delete;
+    ~C3gpInterface();
+
+    // Opens one medium of the file behind `io`, which must stand at offset 0 and whose boxes must
+    // all be there. `mode` is a string of letters in any case and order: `a` (audio) or `v` (video;
+    // of several the last counts) and `r` (read). The table must outlive the object or its Close.
+    //
+    // An environment variable KST_LOG_DEBUG that is exactly "1" sets sx_Debug to 4, and
+    // KST_LOG_DEBUG_VERBOSE to 5.
+    //
+    // KST_SUCCESS: the stream stands at offset 0. KST_ALREADY_OPEN: nothing has changed. All other
+    // failures leave the object closed: KST_BAD_MODE; KST_BAD_ARGUMENT: null table or slot;
+    // KST_CORRUPT: a box is missing or damaged, or cannot be read yet; KST_TOO_MANY_TRACKS,
+    // KST_NO_SUCH_TRACK, KST_NO_HINT_TRACK, KST_NO_MEMORY; KST_UNKNOWN_CODER: video that is neither
+    // H.263 nor MPEG-4; KST_FAILURE: audio that is not AMR narrow band, and anything else. A file
+    // that still arrives may be opened again later, from offset 0.
+    unsigned int Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode);
+
+    // Ends playing and frees what the object holds; it may be opened again. Closing a closed object
+    // does nothing. KST_SUCCESS.
+    unsigned int Close();
+
+    // What Close does to the object itself: forgets medium, direction, stream and tables.
+    void Reset();
+
+    // Delivers the next bytes of the stream: `*size` is how many are wanted on the way in and how
+    // many were delivered on the way out. `fio` says how the host serves the stream, and may differ
+    // from call to call: true for one that fills over time (IndexRead), false for a seekable one
+    // (Seek and SeekNRead). AdvanceRead is called for every hint sample in both.
+    //
+    // KST_SUCCESS: all that was wanted. KST_END_OF_FILE: there is no more; `*size` bytes were the
+    // last. KST_NOT_YET: `*size` is 0 and nothing was consumed, so call again when more has arrived
+    // (a file that was cut short answers so for ever). KST_IO_FAILURE: a callback failed with
+    // `fio`. KST_NOT_OPEN, KST_BAD_ARGUMENT (null pointer), KST_FAILURE, KST_CORRUPT. After a
+    // failure too `*size` is 0 and nothing was lost: the call may be repeated.
+    //
+    // Hint samples that make no sense are left out, and so are constructors that reach outside
+    // their media sample or make a frame too long.
+    unsigned int ReadChunk(unsigned char* buffer, unsigned int* size, bool fio);
+
+    // Moves playing to a sync sample near a time. Bytes of the header records or of the frame in
+    // hand that ReadChunk has not delivered yet are still delivered first, whole.
+    //
+    // Times are counted in the media track's timescale, whole units per ms; the tables of a hint
+    // track that counts in another are read as if they were in it too.
+    //
+    // A failure leaves playing where it was: KST_NOT_OPEN, KST_BAD_ARGUMENT (null),
+    // KST_BAD_SEEK_FLAGS; KST_BAD_TIMESTAMP: target past the duration; KST_CORRUPT: a sample table
+    // is missing or wrong; KST_DIVIDE_BY_ZERO, KST_TABLE_TOO_SHORT; KST_NO_HINT_OFFSET: no hint
+    // sample there, as with the previous sync sample in front of the first one, or one at 2 GiB or
+    // beyond; KST_FAILURE: a callback failed or has not got the hint sample yet.
+    unsigned int SeekTo(_TAG_KST_SEEK_PARAMS* params);
+
+  private:
+    friend class PropFile;              // asks for media samples
+    friend struct C3gpInterfaceAccess;  // the tests' way in
+
+    // Where playing stands.
+    struct Cursors {
+        unsigned int m_iHintSample = 1;
+        uint64_t m_uFrameTime = 0;  // timescale units
+        unsigned int chunk = 1;
+        unsigned int sample_offset_in_chunk = 0;
+        unsigned int samples_per_chunk = 1;
+        uint64_t cur_chunk_bytes = 0;  // of the chunk, already passed
+        // Indices into the tables.
+        size_t chunk_offset = 0;
+        size_t sample_size = 0;
+        size_t sample_to_chunk = 0;
+        size_t time_to_sample = 0;
+        unsigned int time_to_sample_index = 0;  // of the sample within that entry
+    };
+
+    // A run of chunks with one number of samples, found by walking the table backwards.
+    struct ChunkRun;
+
+    void OpenMedium(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode);
+    void ParseOpenMode(const char* mode);
+    void ApplySwitch(char letter);
+    void Open3GPtoQRT();
+    void ForgetBoxes();
+    void Read3gpBoxes();
+    void ReadTracks();
+    void AddTrack(Qvox3gp::TrakBox* trak);
+    void AddHintTrack(Qvox3gp::TrakBox* trak);
+    void ValidateTracks();
+    void GetTrakData(BaseBoxes& boxes, Qvox3gp::TrakBox* trak);
+    void StoreTrackTables();
+    void AllocBuffers();
+    void RequireSamplesInFile();
+    void CalcSampleOffsets(const BaseBoxes& boxes, std::vector<_TAG_SAMPLEINFO>& table);
+    void Parse3gpBoxes();
+    void ParseAudioBoxes();
+    void ParseVideoBoxes();
+    void ParseGenericVideoBoxes();
+    void ParseCodecSpecificBoxes();
+    unsigned int FindVideoCodec();
+    unsigned int PeekH263Track();
+    void ParseH263Boxes();
+    void ParseH263_1998Boxes();
+    void ParseMPEG4Boxes();
+    void ParseEditBoxes();
+    uint32_t VideoStart() const;
+    uint32_t AudioStart();
+    uint32_t CalcAvgBitRate(const Qvox3gp::StszBox* stsz, uint32_t duration) const;
+    static uint32_t GetAMRBitRate(uint32_t modeSet);
+    void CreateFileObjects();
+    void CreateAudioObject();
+    void CreateVideoObject();
+    std::unique_ptr<PropFileVideo> NewVideoObject();
+    void CloseWriters();
+    void FreeBuffers();
+
+    // Locating samples and times; sample numbers count from 1.
+
+    // File offset of a hint sample, -1 when there is none; its size through `size`.
+    int CalcHintOffset(unsigned int hintSample, unsigned int* size);
+    // File offset of a media sample; -1 when there is none, and for the last one.
+    int CalcMediaOffset(unsigned int mediaSample) const;
+    unsigned int ConvertMsTimeToMdhdTime(unsigned int ms) const;
+    // The hint sample of a time; the last one for a time at or past the end.
+    unsigned int ConvertMdhdTimeToSample(unsigned int mdhdTime);
+    unsigned int GetTimestampInMs(unsigned int hintSample);
+    unsigned int GetSyncSample(unsigned int sample, unsigned int syncFlags);
+    // The lowest media sample that the hint sample refers to, -1 when it refers to none.
+    int GetMediaSample(unsigned int hintSample, unsigned int fileOffset, unsigned int size);
+    // A media sample's size, and its bytes through `bytes`, valid until the next call. 0 when it
+    // has not arrived yet. Throws an unsigned int for a sample that the tables do not have.
+    unsigned int GetMediaSample(unsigned int mediaSample, const unsigned char** bytes);
+    // The ticks of each of the track's samples, as many as its size table tells.
+    static void CalcTimeDeltas(const BaseBoxes* boxes, unsigned int* deltas);
+
+    ChunkRun FindChunkRun(unsigned int hintSample) const;
+    uint64_t BytesBefore(unsigned int first, unsigned int sample, unsigned int* size) const;
+    unsigned int ResetInternals(unsigned int hintSample, unsigned int fileOffset);
+    void Seek(_TAG_KST_SEEK_PARAMS* params);
+    unsigned int SeekTarget(const _TAG_KST_SEEK_PARAMS* params);
+
+    void Read(unsigned char* buffer, unsigned int* size);
+    void Deliver(unsigned char* buffer, unsigned int count);
+    bool GetNextFrame();
+    bool FeedWriter();
+    void FinishPass();
+    PropFile* Writer() const;
+    unsigned char* GetPropBuffer(unsigned int* available);
+    void MarkPropBytesRead(unsigned int count);
+    bool GetCurrentHintSample();
+    uint32_t HintSampleSize(const Cursors& at) const;
+    uint64_t HintSampleOffset(const Cursors& at) const;
+    bool AdvanceToNextHintSample();
+    void AdvanceChunk(Cursors& next);
+    void AdvanceTime(Cursors& next);
+    void SkipEmptyTimeEntries(Cursors& next) const;
+    bool ReadBytes(std::vector<unsigned char>& to, uint32_t offset, uint32_t size);
+    uint32_t IOFileStreamRead(void* data, uint32_t offset, uint32_t count);
+    void IOFileStreamAdvance(uint32_t offset);
+
+    // Only during Open.
+    AVBoxes m_AVBoxes;
+    HintBoxes m_HintBoxes;
+    std::unique_ptr<Qvox3gp::Simple3gp> m_pSimple3gp;
+    std::map<uint32_t, Qvox3gp::TrakBox*> m_VideoTracks;
+    std::map<uint32_t, Qvox3gp::TrakBox*> m_AudioTracks;
+    std::map<uint32_t, Qvox3gp::TrakBox*> m_HintTracks;  // by the ID of the track they refer to
+
+    unsigned int m_uStatus = KST_SUCCESS;
+    unsigned int m_uMedium = 0;
+    unsigned int m_uDirection = 0;
+    _TAG_KST_IOSTREAM_CALLBACK_INTERFACE* m_pIOCallback = nullptr;
+    unsigned int m_uVideoCodec = 3;
+
+    uint32_t m_uMediaTimescale = 0;
+    uint32_t m_uMovieTimescale = 0;
+    uint32_t m_uMediaDuration = 0;  // ms
+    const uint32_t* m_pTimescale = &m_uMediaTimescale;
+
+    _TAG_VIDEO_OPEN_PARAMS m_VideoParams{};
+    _TAG_AUDIO_OPEN_PARAMS m_AudioParams{};
+    std::unique_ptr<PropFileVideo> m_pPropVideo;
+    std::unique_ptr<PropFileAudio> m_pPropAudio;
+
+    std::vector<_TAG_SAMPLEINFO> m_SampleInfo;
+    std::vector<unsigned char> m_MediaSample;
+    unsigned int m_uMediaSampleHeld = 0;  // whose bytes m_MediaSample has; 0 for none
+    std::vector<unsigned char> m_HintSample;
+
+    // Copies of the hint track's tables. One size stands for all when all are the same.
+    std::vector<uint32_t> m_ChunkOffsets;
+    std::vector<Qvox3gp::SampleToChunkEntry> m_SampleToChunk;
+    std::vector<uint32_t> m_SampleSizes;
+    std::vector<Qvox3gp::TimeToSampleEntry> m_TimeToSample;
+    std::vector<uint32_t> m_SyncSamples;
+
+    const char* m_szMedium = "";
+    unsigned int m_uMediaSamples = 0;
+    unsigned int m_uHintSamples = 0;
+    bool m_fHasSyncTable = false;
+    unsigned int m_uHintChunks = 0;
+
+    Cursors m_Now;      // of playing
+    Cursors m_Scratch;  // of the sample that a seek has found
+    bool m_fEndOfFile = false;
+    bool m_fPassOpen = false;  // a frame was made whose hint sample has not been left yet
+    uint32_t m_uHintOffset = 0;
+    bool m_fFIO = false;
+    uint32_t m_uIOStatus = 0;  // of the last callback read
+    // Bytes taken from the writer that no call has delivered yet.
+    std::vector<unsigned char> m_Taken;
+};
+
+#endif

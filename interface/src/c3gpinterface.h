@@ -1,0 +1,26 @@
+// What the files of the class driver share.
+#ifndef KESTREL_INTERFACE_C3GPINTERFACE_H
+#define KESTREL_INTERFACE_C3GPINTERFACE_H
+
+#include "common/simple_exception.h"
+#include "kestrel/c3gpinterface.h"
+
+namespace kestrel {
+
+inline constexpr const char* kDriverSource = ".//interface/src/c3gpinterface";
+
+enum DriverMedium : unsigned int { kNoMedium = 0, kAudio = 1, kVideo = 16 };
+enum DriverDirection : unsigned int { kNoDirection = 0, kRead = 1 };
+enum DriverVideoCodec : unsigned int { kH263 = 0, kH263_1998 = 1, kMpeg4 = 2, kNoCodec = 3 };
+
+// Bytes that are asked for or allocated at once on the word of a table; more follow only when these
+// have come.
+inline constexpr uint32_t kTrustedBytes = 65536;
+
+// Sets the status that the public function will return, and throws.
+[[noreturn]] void fail(unsigned int& status_field, unsigned int status, LogSite site,
+                       const char* format, ...) __attribute__((format(printf, 4, 5)));
+
+}  // namespace kestrel
+
+#endif

@@ -1,0 +1,83 @@
+// The frame writers for video: each hint sample becomes a frame record, two words and its RTP
+// packets' payloads, each behind a packet header, exactly as the function road frames them.
+#ifndef KESTREL_PROPFILE_VIDEO_H
+#define KESTREL_PROPFILE_VIDEO_H
+
+#include "kestrel/c3gpinterface.h"
+#include "native/header_records.h"
+#include "propfile/src/propfile_base.h"
+
+class PropFileVideo : public PropFile {
+  public:
+    PropFileVideo(C3gpInterface* driver, const kestrel::VideoFormat& format)
+        : PropFile(driver), m_Format(format) {}
+    ~PropFileVideo() override;
+
+    void FillOffsetTable() override;
+    void PacketizeFrame(const unsigned char* hint, double time) override;
+
+    // Puts the stream header records into the buffer. The index record, which carries nothing on
+    // the function road, has the frame rate as To1616 gives it in its first word. True, or
+    // SimpleException.
+    virtual bool Open(const _TAG_VIDEO_OPEN_PARAMS* params);
+    virtual void Close();
+    virtual void AllocBuffers();
+
+    // Answers the payload bytes that the packet added.
+    unsigned int ProcessPacket(const unsigned char** cursor, double time);
+
+    // Bytes of the codec record and the codec configuration record.
+    uint32_t GetCodecHeaderSize() const;
+
+  protected:
+    // Appends those two records.
+    virtual void SetupCodecHeaders(const _TAG_VIDEO_OPEN_PARAMS& params) = 0;
+
+    template <class Record>
+    void Put(const Record& record) {
+        Append(&record, sizeof record);
+    }
+    const kestrel::VideoFormat& format() const { return m_Format; }
+
+  private:
+    void BuildFrame(const unsigned char* hint, double time);
+
+    const kestrel::VideoFormat& m_Format;
+    uint32_t m_uFrameRecord = 0;  // places in the buffer
+    uint32_t m_uFrameWords = 0;
+    uint32_t m_uPackets = 0;
+    uint32_t m_uFirstSize = 0;  // of the buffer, bytes
+};
+
+// H.263 with RFC 2190 payloads.
+class PropFileVideoH263 : public PropFileVideo {
+  public:
+    explicit PropFileVideoH263(C3gpInterface* driver)
+        : PropFileVideoH263(driver, kestrel::kH263Format) {}
+    ~PropFileVideoH263() override;
+
+  protected:
+    PropFileVideoH263(C3gpInterface* driver, const kestrel::VideoFormat& format)
+        : PropFileVideo(driver, format) {}
+    void SetupCodecHeaders(const _TAG_VIDEO_OPEN_PARAMS& params) override;
+};
+
+// H.263 with RFC 4629 payloads.
+class PropFileVideoH263_1998 : public PropFileVideoH263 {
+  public:
+    explicit PropFileVideoH263_1998(C3gpInterface* driver)
+        : PropFileVideoH263(driver, kestrel::kH263PlusFormat) {}
+    ~PropFileVideoH263_1998() override;
+};
+
+class PropFileVideoMPEG4 : public PropFileVideo {
+  public:
+    explicit PropFileVideoMPEG4(C3gpInterface* driver)
+        : PropFileVideo(driver, kestrel::kMpeg4Format) {}
+    ~PropFileVideoMPEG4() override;
+
+  protected:
+    void SetupCodecHeaders(const _TAG_VIDEO_OPEN_PARAMS& params) override;
+};
+
+#endif

@@ -1,0 +1,3 @@
+#include "propfile/src/propfile_video.h"
+
+PropFileVideoH263_1998::~PropFileVideoH263_1998() = default;
