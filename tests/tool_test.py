@@ -182,6 +182,39 @@ class Extract(ToolTest):
             self.assert_fails(run("extract", copy, "ar", "-o", "/dev/full"), 1, "No space left")
 
 
+class ClassRoad(ToolTest):
+    def test_speech_is_that_of_the_function_road(self):
+        for name in ["amrnb_hinted", "amrnb_hinted_multi", "amrnb_dtx_hinted"]:
+            truth = (SAMPLES / "truth" / f"{SPEECH[name]}.amr").read_bytes()
+            for options in [(), ("--arriving", 999), ("--arriving", 70001)]:
+                with self.subTest(name=name, options=options):
+                    stream = self.extract(name, "ar", "--road", "class", *options)
+                    self.assertEqual(self.unpack(stream), truth)
+
+    def test_video_packets_are_those_of_the_hint_track(self):
+        for name in ["h263_hinted", "h263_hinted_1450", "h263_hinted_mtu500", "h263plus_hinted",
+                     "h263_rfc2190_hinted_1450", "mpeg4_hinted", "mpeg4_hinted_1450",
+                     "mpeg4_b_hinted", "av_h263_amrnb_hinted"]:
+            with self.subTest(name=name):
+                stream = self.extract(name, "vr", "--road", "class")
+                self.assertEqual(self.extract(name, "vr", "--road", "class", "--arriving", 4001),
+                                 stream)
+                records = json.loads(run("inspect", "-", "--json", stdin=stream).stdout)["records"]
+                payloads = [hashlib.md5(bytes.fromhex(r["payload"])).hexdigest() for r in records
+                            if r["record"] == "TEL_Packet_Header"]
+                truth = (SAMPLES / "truth" / f"{name}.packets").read_text().splitlines()
+                rows = [line.split() for line in truth]
+                self.assertEqual(payloads, [row[6] for row in rows if row[0] == rows[0][0]])
+
+    def test_what_it_does_not_play(self):
+        for name, mode, status in [("amrwb_hinted", "ar", 2), ("amrnb_plain", "ar", 12),
+                                   ("two_amrnb_hinted", "ar", 11), ("amrnb_hinted", "vr", 14),
+                                   ("h264_hinted", "vr", 15)]:
+            result = run("extract", sample(name), mode, "--road", "class")
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(f"({status})", result.stderr.decode())
+
+
 class Usage(ToolTest):
     def test_wrong_usage_is_told_in_one_line(self):
         for arguments in [(), ("nonsense",), ("extract",), ("extract", "x"), ("unpack", "x"),

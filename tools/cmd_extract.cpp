@@ -147,15 +147,13 @@ void add_road_options(CLI::App* command, const std::shared_ptr<Options>& options
     command
         ->add_option("--road", options->road,
                      "The library's way in: function (kst_Open) or class (C3gpInterface)")
-        ->transform(CLI::Transformer(kRoads))
-        ->check(CLI::IsMember(kRoads))
+        ->transform(CLI::CheckedTransformer(kRoads))
         ->option_text("function|class [function]");
     CLI::Option* from = command->add_option(
         "--from", options->from_ms, "Begin at a sync sample near MS milliseconds; --road class");
     from->type_name("MS");
     command->add_option("--sync", options->sync, "Which sync sample near --from is meant")
-        ->transform(CLI::Transformer(kSyncs))
-        ->check(CLI::IsMember(kSyncs))
+        ->transform(CLI::CheckedTransformer(kSyncs))
         ->option_text("next|previous|nearest [previous]")
         ->needs(from);
 }
