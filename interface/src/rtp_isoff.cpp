@@ -245,7 +245,7 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
     const int64_t rtp_units = rtp_duration(hint, units);
     if (rtp_units > UINT32_MAX) return kTooLong;
     // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
-    const int64_t begin = hint->hinter->media_time;
+    const auto begin = static_cast<int64_t>(hint->hinter->media_time);
     const int64_t composition = rescale(begin + cts_offset, hint) - rescale(begin, hint);
     std::vector<uint8_t> hint_sample = make_hint_sample(
         packets,
