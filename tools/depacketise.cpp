@@ -19,7 +19,7 @@ class Rfc4629 final : public Depacketiser {
         if (payload.size() < 2) return;
         const bool start_code = (payload[0] & 0x04) != 0;
         const bool redundancy = (payload[0] & 0x02) != 0;  // one byte of VRC
-        const size_t extra_header = (payload[0] & 1) << 5 | payload[1] >> 3;
+        const auto extra_header = static_cast<size_t>((payload[0] & 1) << 5 | payload[1] >> 3);
         const size_t headers = 2 + (redundancy ? 1 : 0) + extra_header;
         if (start_code) emit(std::span(kStartCode).first(2));
         if (headers <= payload.size()) emit(payload.subspan(headers));
