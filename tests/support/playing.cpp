@@ -54,7 +54,7 @@ Bytes unpack_speech(const Bytes& stream, bool wide_band) {
     constexpr size_t kFrameHeader = 25;  // record, zero word, mode byte
     Bytes out = text(wide_band ? "#!AMR-WB\n" : "#!AMR\n");
     for (size_t at = kHeaders; at + kFrameHeader <= stream.size();) {
-        const size_t length = stream[at] | stream[at + 1] << 8;
+        const auto length = static_cast<size_t>(stream[at] | stream[at + 1] << 8);
         if (length < kFrameHeader || at + length > stream.size()) break;
         out.insert(out.end(), stream.begin() + static_cast<long>(at + kFrameHeader),
                    stream.begin() + static_cast<long>(at + length));

@@ -23,14 +23,16 @@ __attribute__((format(printf, 2, 0))) void capture(int priority, const char* for
 }  // namespace
 
 // The test program's own definitions stand in front of libc's.
-extern "C" void syslog(int priority, const char* format, ...) {
+extern "C" __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format,
+                                                             ...) {
     va_list arguments;
     va_start(arguments, format);
     capture(priority, format, arguments);
     va_end(arguments);
 }
 
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
+extern "C" __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int,
+                                                                   const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     capture(priority, format, arguments);
