@@ -158,6 +158,7 @@ struct iso_run {
 };
 
 struct iso_hinter;
+struct iso_index;
 
 // Position of the RTP packet reader in a hint track. isoFFrtpHinter makes one; a caller that wants
 // the packets of a certain hint track may hang a zeroed one of its own, with media_track filled, on
@@ -229,6 +230,7 @@ struct iso_track {
     iso_stts_entry* stts;
     iso_ctts_entry* ctts;
     uint32_t tables_seen;  // which tables were read, so that a second one is told
+    iso_index* index;      // finds any sample at once; null while the file is being written
 
     // Read cursor.
     int32_t cur_sample;   // next sample to read, from 0

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <climits>
 
-#include "interface/src/isoff.h"
+#include "interface/src/isoff_index.h"
 #include "kestrel/kstutil.h"
 
 // Reading samples: the cursor walk over the tables, and access by cursor and by number.
@@ -9,24 +9,44 @@
 namespace kestrel {
 namespace {
 
-uint32_t saturating_add(uint32_t offset, uint64_t bytes) {
-    return static_cast<uint32_t>(std::min<uint64_t>(offset + bytes, UINT32_MAX));
+inline uint32_t saturating_add(uint32_t offset, uint32_t bytes) {
+    return static_cast<uint32_t>(std::min(uint64_t{offset} + bytes, uint64_t{UINT32_MAX}));
 }
 
-// `samples` on in a time table.
-template <typename Entry>
-void advance_time(const Entry* entries, int32_t count, int32_t& index, int32_t& in_entry,
-                  uint32_t samples) {
-    while (index < count) {
-        const uint32_t left = entries[index].count - static_cast<uint32_t>(in_entry);
-        if (samples < left) {
-            in_entry += static_cast<int32_t>(samples);
-            return;
+// A position in a time table: an entry, and how many of its samples lie in front.
+struct TimeCursor {
+    int32_t& index;
+    int32_t& in_entry;
+
+    // Moves from `from` samples into the table to `to`. `before` tells how many samples lie in
+    // front of each entry.
+    template <typename Entry>
+    void move(const Entry* entries, int32_t count, const uint32_t* before, int32_t from,
+              int32_t to) const {
+        if (count == 0) return;
+        if (from <= to && index < count) {
+            const auto passed = static_cast<uint32_t>(to - from);
+            if (passed < entries[index].count - static_cast<uint32_t>(in_entry)) {
+                in_entry += static_cast<int32_t>(passed);
+                return;
+            }
         }
-        samples -= left;
-        in_entry = 0;
-        ++index;
+        // The last entry that begins at the sample or in front of it; so never one that stands for
+        // no sample, unless the table ends with it.
+        const uint32_t* behind =
+            std::upper_bound(before + 1, before + count, static_cast<uint32_t>(to));
+        index = static_cast<int32_t>(behind - before) - 1;
+        in_entry = to - static_cast<int32_t>(before[index]);
     }
+};
+
+void move_times(iso_track* track, int32_t from) {
+    const iso_index& index = *track->index;
+    const int32_t to = track->cur_sample;
+    TimeCursor{track->stts_index, track->stts_in_entry}.move(track->stts, track->stts_count,
+                                                             index.stts_samples, from, to);
+    TimeCursor{track->ctts_index, track->ctts_in_entry}.move(track->ctts, track->ctts_count,
+                                                             index.ctts_samples, from, to);
 }
 
 // The entry in force at the cursor; entries that stand for no sample are not.
@@ -37,49 +57,10 @@ const Entry* entry_at(const Entry* entries, int32_t count, int32_t& index) {
     return index < count ? &entries[index] : nullptr;
 }
 
-void advance_times(iso_track* track, uint32_t samples) {
-    advance_time(track->stts, track->stts_count, track->stts_index, track->stts_in_entry, samples);
-    advance_time(track->ctts, track->ctts_count, track->ctts_index, track->ctts_in_entry, samples);
-}
-
-// How many samples of constant size the cursor may pass at once, of `wanted`: to the end of the
-// chunk at the most.
-uint32_t samples_at_once(const iso_track* track, uint32_t wanted) {
-    if (track->sample_size == 0 || track->cur_chunk >= track->chunk_count) return 1;
-    const uint32_t end = track->chunks[track->cur_chunk].end;
-    if (track->cur_offset >= end) return 1;
-    const uint32_t bytes = end - track->cur_offset;
-    const uint32_t left = bytes / track->sample_size + (bytes % track->sample_size != 0 ? 1 : 0);
-    return std::min(wanted, left);
-}
-
-// Passes as many samples as can be passed in one step, at least one and at most `wanted`. The times
-// are left to the caller.
-void advance_place(iso_track* track, uint32_t wanted) {
-    const uint32_t samples = samples_at_once(track, wanted);
-    const uint64_t bytes = uint64_t{samples} * sample_size_of(track, track->cur_sample);
-    track->cur_offset = saturating_add(track->cur_offset, bytes);
-    if (track->cur_chunk < track->chunk_count &&
-        track->cur_offset >= track->chunks[track->cur_chunk].end) {
-        track->cur_chunk++;
-        if (track->cur_chunk < track->chunk_count) {
-            track->cur_offset = track->chunks[track->cur_chunk].start;
-        }
-    }
-    track->cur_sample += static_cast<int32_t>(samples);
-}
-
 void advance_cursor(iso_track* track) {
+    const int32_t from = track->cur_sample;
     advance_place(track, 1);
-    advance_times(track, 1);
-}
-
-void rewind_cursor(iso_track* track) {
-    track->cur_sample = 0;
-    track->cur_chunk = 0;
-    track->cur_offset = track->chunk_count >= 1 ? track->chunks[0].start : 0;
-    track->stts_index = track->stts_in_entry = 0;
-    track->ctts_index = track->ctts_in_entry = 0;
+    move_times(track, from);
 }
 
 uint32_t duration_at_cursor(iso_track* track) {
@@ -109,6 +90,46 @@ uint32_t read_at(iso_file* file, uint32_t offset, void* buffer, uint32_t length,
     return failed ? 0 : std::min(got, length);
 }
 
+// Bytes of the track's data from `offset` to the end of the chunk at the cursor.
+uint32_t bytes_to_chunk_end(const iso_track* track, uint32_t offset) {
+    if (track->cur_chunk >= track->chunk_count) return 0;
+    const uint32_t end = track->chunks[track->cur_chunk].end;
+    return offset < end ? end - offset : 0;
+}
+
+// Serves `length` bytes at `offset` from the track's window, which is filled ahead, to the end of
+// the chunk at most: what the track will ask for next in any case. False when it cannot; a failure
+// of reading ahead is of no account, since what is asked for may be there all the same.
+bool read_window(iso_track* track, uint32_t offset, void* buffer, uint32_t length) {
+    ReadWindow* window = track->index->window;
+    if (window == nullptr) {
+        window = track->index->window = arena_array<ReadWindow>(track->file, 1);
+        if (window == nullptr) return false;
+    }
+    const uint32_t into = offset - window->start;
+    if (into > window->length || length > window->length - into) {
+        const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
+        if (ahead <= length) return false;
+        bool failed = false;
+        window->start = offset;
+        window->length = read_at(track->file, offset, window->bytes, ahead, failed);
+        if (window->length < length) return false;
+        std::memcpy(buffer, window->bytes, length);
+        return true;
+    }
+    std::memcpy(buffer, window->bytes + into, length);
+    return true;
+}
+
+// Small pieces come out of the window, large ones straight from the stream.
+uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint32_t length,
+                           bool& failed) {
+    constexpr uint32_t kLarge = 512;
+    failed = false;
+    if (length < kLarge && read_window(track, offset, buffer, length)) return length;
+    return read_at(track->file, offset, buffer, length, failed);
+}
+
 // A track that is being written has no tables yet.
 bool is_readable(const iso_track* track) {
     return track != nullptr && !track->file->write_mode;
@@ -120,16 +141,39 @@ uint32_t sample_size_of(const iso_track* track, int32_t sample) {
     return track->sample_size != 0 ? track->sample_size : track->sample_sizes[sample];
 }
 
+namespace {
+
+// The last checkpoint that is not behind `sample`.
+const Checkpoint& checkpoint_before(const iso_track* track, int32_t sample) {
+    const Checkpoint* first = track->index->checkpoints;
+    const Checkpoint* behind =
+        std::upper_bound(first + 1, first + track->index->checkpoint_count, sample,
+                         [](int32_t wanted, const Checkpoint& at) { return wanted < at.sample; });
+    return *(behind - 1);
+}
+
+void stand_at(iso_track* track, const Checkpoint& at) {
+    track->cur_sample = at.sample;
+    track->cur_chunk = at.chunk;
+    track->cur_offset = at.offset;
+}
+
+}  // namespace
+
 double seconds(double units, uint32_t timescale) {
     return timescale == 0 ? 0.0 : units / timescale;
 }
 
 void set_sample_pos(iso_track* track, int32_t target) {
-    if (track->cur_sample > target) rewind_cursor(track);
-    const auto samples = static_cast<uint32_t>(target - track->cur_sample);
+    const int32_t from = track->cur_sample;
+    if (target == from) return;
+    if (target < from || static_cast<uint32_t>(target - from) > kStepsPerCheckpoint) {
+        const Checkpoint& nearest = checkpoint_before(track, target);
+        if (target < from || nearest.sample > from) stand_at(track, nearest);
+    }
     while (track->cur_sample < target)
         advance_place(track, static_cast<uint32_t>(target - track->cur_sample));
-    advance_times(track, samples);
+    move_times(track, from);
 }
 
 }  // namespace kestrel
@@ -143,7 +187,7 @@ int isoFFread(iso_track* track, void* buffer, int buffer_size, double* duration,
     const uint32_t size = sample_size_of(track, track->cur_sample);
     if (size > static_cast<uint32_t>(buffer_size)) return -1;
     bool failed = false;
-    const uint32_t got = read_at(track->file, track->cur_offset, buffer, size, failed);
+    const uint32_t got = read_sample_bytes(track, track->cur_offset, buffer, size, failed);
     if (failed || got < size) return -2;
     tell_times(track, duration, cts_offset);
     advance_cursor(track);
@@ -160,7 +204,7 @@ int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned
         std::min({length, size - static_cast<uint32_t>(offset), static_cast<uint32_t>(INT_MAX)});
     const uint32_t from = saturating_add(track->cur_offset, static_cast<uint32_t>(offset));
     bool failed = false;
-    const uint32_t got = read_at(track->file, from, buffer, wanted, failed);
+    const uint32_t got = read_sample_bytes(track, from, buffer, wanted, failed);
     // Only the positioned read's failure is told; that of a seek or a plain read shows as 0 bytes.
     if (failed && track->file->indexed_read) return -2;
     tell_times(track, duration, cts_offset);
@@ -230,12 +274,27 @@ struct LowestTwo {
     }
 };
 
+// Samples of the track's entry that the cursor may pass at once, of those that begin in front of
+// `limit`: at least one.
+uint32_t samples_in_front(const iso_track* track, uint32_t limit) {
+    if (track->sample_size == 0 || track->cur_offset >= limit) return 1;
+    const uint32_t bytes = limit - track->cur_offset;
+    const uint32_t samples = bytes / track->sample_size + (bytes % track->sample_size != 0 ? 1 : 0);
+    const auto left = static_cast<uint32_t>(track->sample_count - track->cur_sample);
+    const uint32_t same_duration =
+        track->stts[track->stts_index].count - static_cast<uint32_t>(track->stts_in_entry);
+    return std::min({samples, left, same_duration});
+}
+
 // Passes the samples of `track` that lie in front of `limit`, at least one; returns their time.
 double pass_samples(iso_track* track, uint32_t limit) {
     double units = 0.0;
     do {
-        units += duration_at_cursor(track);
-        advance_cursor(track);
+        const int32_t from = track->cur_sample;
+        const double duration = duration_at_cursor(track);
+        advance_place(track, samples_in_front(track, limit));
+        units += duration * (track->cur_sample - from);
+        move_times(track, from);
         if (track->cur_sample >= track->sample_count || track->cur_chunk >= track->chunk_count) {
             track->cur_offset = kNoMoreSamples;
         }
@@ -258,8 +317,10 @@ double isoFFgetInterleave(iso_file* file) {
         *cursor = *track;
         rewind_cursor(cursor++);
     }
+    // Tables whose samples lie on top of each other can tell of any number of turns.
+    constexpr int kMostVisits = 1 << 27;
     double longest = 0.0;
-    for (;;) {
+    for (int turns = kMostVisits / tracks; turns > 0; --turns) {
         LowestTwo lowest;
         for (int i = 0; i < tracks; ++i) {
             const bool done = cursors[i].cur_offset == kNoMoreSamples;

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <climits>
 
-#include "interface/src/isoff.h"
+#include "interface/src/isoff_index.h"
 
 // The sample table boxes (ISO/IEC 14496-12, 8.6 to 8.9) and the check that brings them into
 // agreement with each other.
@@ -279,8 +279,7 @@ int check_tables(iso_track* track) {
     } else {
         fill_chunks_by_runs(track);
     }
-    if (track->chunk_count >= 1) track->cur_offset = track->chunks[0].start;
-    return 0;
+    return make_index(track) ? 0 : -1;
 }
 
 }  // namespace kestrel
