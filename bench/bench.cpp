@@ -1,0 +1,345 @@
+// What the library's work costs on long recordings, beside a plain copy of the same bytes in the
+// same pieces. bench/run turns the figures into ratios.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "bench/long_files.h"
+#include "kestrel/c3gpinterface.h"
+#include "kestrel/codec.h"
+#include "kestrel/hosts.h"
+#include "kestrel/isoff.h"
+#include "kestrel/kestrel.h"
+#include "kestrel/native.h"
+
+namespace {
+
+using bench::long_file;
+using bench::Recording;
+using Bytes = std::vector<uint8_t>;
+using State = benchmark::State;
+
+constexpr int kMostPacketBytes = 1400;
+
+[[noreturn]] void give_up(const char* what) {
+    std::fprintf(stderr, "bench: %s\n", what);
+    std::exit(1);
+}
+
+struct CloseHost {
+    void operator()(kst_host* host) const { kst_host_close(host); }
+};
+using Host = std::unique_ptr<kst_host, CloseHost>;
+
+Host memory_host(std::span<const uint8_t> file) {
+    Host host(kst_host_from_memory(file.data(), file.size()));
+    if (host == nullptr) give_up("no memory");
+    return host;
+}
+
+// A file open in the ISO reader, with the packet cursor of its first hint track.
+struct Opened {
+    explicit Opened(std::span<const uint8_t> bytes)
+        : host(memory_host(bytes)), callbacks(kst_host_callbacks(host.get())) {
+        file = isoFFopen(callbacks, "r", nullptr);
+        if (file == nullptr) give_up("no memory");
+        media = file->first_track;
+        hint = isoFFrtpHinter(media, kMostPacketBytes);
+        if (hint == nullptr) give_up("no hint track");
+        file->indexed_read = 1;
+    }
+    Opened(const Opened&) = delete;
+    Opened& operator=(const Opened&) = delete;
+    ~Opened() { isoFFclose(file); }
+
+    Host host;
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks;
+    iso_file* file;
+    iso_track* media;
+    iso_track* hint;
+};
+
+// Bytes in pieces, and a copy of them piece by piece: what the machine can do at best.
+struct Pieces {
+    Bytes bytes;
+    std::vector<uint32_t> lengths;
+
+    void add(const void* piece, size_t length) {
+        const auto* from = static_cast<const uint8_t*>(piece);
+        bytes.insert(bytes.end(), from, from + length);
+        lengths.push_back(static_cast<uint32_t>(length));
+    }
+};
+
+void copy_pieces(State& state, const Pieces& pieces, size_t room) {
+    Bytes to(room);
+    for (auto _ : state) {
+        const uint8_t* from = pieces.bytes.data();
+        for (const uint32_t length : pieces.lengths) {
+            std::memcpy(to.data(), from, length);
+            benchmark::DoNotOptimize(to.data());
+            benchmark::ClobberMemory();
+            from += length;
+        }
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * pieces.bytes.size()));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * pieces.lengths.size()));
+}
+
+// --- RTP packets ---
+
+void packets(State& state, std::span<const uint8_t> bytes) {
+    Opened opened(bytes);
+    uint8_t packet[kMostPacketBytes];
+    int64_t count = 0;
+    for (auto _ : state) {
+        isoFFsetPosition(opened.hint, 0);
+        for (int length; (length = isoFFrtpPacket(opened.hint, packet)) != 0; ++count) {
+            if (length < 0) give_up("a packet that cannot be read");
+            benchmark::DoNotOptimize(packet);
+            benchmark::ClobberMemory();
+        }
+    }
+    state.SetItemsProcessed(count);
+}
+
+void packets_copy(State& state, std::span<const uint8_t> bytes) {
+    Opened opened(bytes);
+    Pieces pieces;
+    uint8_t packet[kMostPacketBytes];
+    for (int length; (length = isoFFrtpPacket(opened.hint, packet)) > 0;)
+        pieces.add(packet, static_cast<size_t>(length));
+    copy_pieces(state, pieces, kMostPacketBytes);
+}
+
+// --- opening ---
+
+void open_function(State& state, std::span<const uint8_t> bytes, const char* mode) {
+    const Host host = memory_host(bytes);
+    for (auto _ : state) {
+        kst_host_rewind(host.get());
+        mm_Interface* handle = nullptr;
+        if (kst_Open(&handle, kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
+            give_up("a file that does not open");
+        kst_Close(&handle);
+    }
+}
+
+void open_class(State& state, std::span<const uint8_t> bytes, const char* mode) {
+    const Host host = memory_host(bytes);
+    C3gpInterface player;
+    for (auto _ : state) {
+        kst_host_rewind(host.get());
+        if (player.Open(kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
+            give_up("a file that does not open");
+        player.Close();
+    }
+}
+
+// --- whole conversions, the opening left out ---
+
+constexpr unsigned kClassChunk = 4096;
+
+// Calls `take` with each chunk that the road delivers.
+template <typename Take>
+void convert_function(const Host& host, const char* mode, State* state, Take take) {
+    if (state != nullptr) state->PauseTiming();
+    kst_host_rewind(host.get());
+    mm_Interface* handle = nullptr;
+    if (kst_Open(&handle, kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
+        give_up("a file that does not open");
+    static Bytes buffer(KST_LARGEST_CHUNK);
+    if (state != nullptr) state->ResumeTiming();
+    int32_t status = KST_SUCCESS;
+    while (status == KST_SUCCESS) {
+        auto size = static_cast<uint32_t>(buffer.size());
+        status = kst_ReadChunk(handle, buffer.data(), &size, false);
+        take(buffer.data(), size);
+    }
+    if (status != KST_END_OF_FILE) give_up("a stream that ends early");
+    kst_Close(&handle);
+}
+
+template <typename Take>
+void convert_class(const Host& host, const char* mode, State* state, Take take) {
+    if (state != nullptr) state->PauseTiming();
+    kst_host_rewind(host.get());
+    C3gpInterface player;
+    if (player.Open(kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
+        give_up("a file that does not open");
+    static Bytes buffer(kClassChunk);
+    if (state != nullptr) state->ResumeTiming();
+    unsigned int status = KST_SUCCESS;
+    while (status == KST_SUCCESS) {
+        unsigned int size = kClassChunk;
+        status = player.ReadChunk(buffer.data(), &size, false);
+        take(buffer.data(), size);
+    }
+    if (status != KST_END_OF_FILE) give_up("a stream that ends early");
+}
+
+template <typename Convert>
+void conversion(State& state, std::span<const uint8_t> bytes, Convert convert) {
+    const Host host = memory_host(bytes);
+    for (auto _ : state) {
+        convert(host, &state, [](const uint8_t* chunk, size_t) {
+            benchmark::DoNotOptimize(chunk);
+            benchmark::ClobberMemory();
+        });
+    }
+}
+
+template <typename Convert>
+void conversion_copy(State& state, std::span<const uint8_t> bytes, Convert convert) {
+    Pieces pieces;
+    convert(memory_host(bytes), static_cast<State*>(nullptr),
+            [&](const uint8_t* chunk, size_t size) { pieces.add(chunk, size); });
+    copy_pieces(state, pieces, KST_LARGEST_CHUNK);
+}
+
+// --- jumps ---
+
+void random_access(State& state, std::span<const uint8_t> bytes) {
+    Opened opened(bytes);
+    std::minstd_rand random(1);
+    uint8_t byte[1];
+    const auto samples = static_cast<unsigned>(opened.media->sample_count);
+    for (auto _ : state) {
+        const auto sample = static_cast<int>(random() % samples);
+        if (isoFFreadAt(opened.media, sample, 0, byte, 1, nullptr, nullptr) != 1)
+            give_up("a sample that cannot be read");
+    }
+}
+
+void seeks(State& state, std::span<const uint8_t> bytes, const char* mode, unsigned minutes) {
+    const Host host = memory_host(bytes);
+    C3gpInterface player;
+    if (player.Open(kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
+        give_up("a file that does not open");
+    std::minstd_rand random(1);
+    for (auto _ : state) {
+        _TAG_KST_SEEK_PARAMS params{};
+        params.nTime = static_cast<uint32_t>(random()) % (minutes * 60000);
+        params.fFlags = KST_SEEK_ABSOLUTE | KST_SEEK_PREVIOUS_SYNC;
+        if (player.SeekTo(&params) != KST_SUCCESS) give_up("a seek that fails");
+    }
+}
+
+// --- packetisers and the H.263 walker alone ---
+
+using Samples = std::vector<Bytes>;
+
+void packetiser(State& state, const Samples& samples, int codec, int mode) {
+    iso_track track{};
+    track.codec = codec;
+    track.timescale = 90000;
+    track.nal_length_size = 4;
+    Bytes out(1 << 20);
+    int64_t bytes = 0;
+    for (auto _ : state) {
+        tel_native packetised{};
+        tel_native_init(&packetised, 96, kMostPacketBytes, mode, &track, 0);
+        for (const Bytes& sample : samples) {
+            const int written = tel_native_packet(
+                out.data(), static_cast<int>(out.size()), const_cast<uint8_t*>(sample.data()),
+                static_cast<int>(sample.size()), 0.04, &packetised);
+            if (written < 0) give_up("a sample that cannot be cut");
+            benchmark::ClobberMemory();
+            bytes += static_cast<int64_t>(sample.size());
+        }
+    }
+    state.SetBytesProcessed(bytes);
+}
+
+void samples_copy(State& state, const Samples& samples) {
+    Pieces pieces;
+    for (const Bytes& sample : samples)
+        pieces.add(sample.data(), sample.size());
+    copy_pieces(state, pieces, 1 << 20);
+}
+
+// --- the list ---
+
+template <typename Function>
+void add(const std::string& name, Function function) {
+    benchmark::RegisterBenchmark(name.c_str(), function)->Unit(benchmark::kMicrosecond);
+}
+
+struct Long {
+    const char* name;
+    Recording recording;
+    const char* mode;
+    unsigned minutes;  // and a tenth of them
+};
+
+constexpr Long kLong[] = {{"speech", Recording::kSpeech, "ar", 60},
+                          {"qcif", Recording::kQcif, "vr", 20},
+                          {"cif", Recording::kCif, "vr", 20}};
+
+void add_long(const Long& about, unsigned minutes) {
+    const auto bytes = [=] { return long_file(about.recording, minutes); };
+    const char* mode = about.mode;
+    const std::string suffix = std::string("/") + about.name + "/" + std::to_string(minutes);
+    add("open_function" + suffix, [=](State& s) { open_function(s, bytes(), mode); });
+    add("open_class" + suffix, [=](State& s) { open_class(s, bytes(), mode); });
+    add("packets" + suffix, [=](State& s) { packets(s, bytes()); });
+    add("packets_copy" + suffix, [=](State& s) { packets_copy(s, bytes()); });
+    const auto function_road = [=](const Host& host, State* state, auto take) {
+        convert_function(host, mode, state, take);
+    };
+    const auto class_road = [=](const Host& host, State* state, auto take) {
+        convert_class(host, mode, state, take);
+    };
+    add("convert_function" + suffix, [=](State& s) { conversion(s, bytes(), function_road); });
+    add("convert_function_copy" + suffix,
+        [=](State& s) { conversion_copy(s, bytes(), function_road); });
+    add("convert_class" + suffix, [=](State& s) { conversion(s, bytes(), class_road); });
+    add("convert_class_copy" + suffix, [=](State& s) { conversion_copy(s, bytes(), class_road); });
+    add("random_access" + suffix, [=](State& s) { random_access(s, bytes()); });
+    add("seek" + suffix, [=](State& s) { seeks(s, bytes(), mode, minutes); });
+}
+
+void add_packetiser(const char* name, const char* file, int codec, int mode) {
+    const auto samples = std::make_shared<Samples>(bench::samples_of(file));
+    add(std::string("packetise/") + name, [=](State& s) { packetiser(s, *samples, codec, mode); });
+    add(std::string("packetise_copy/") + name, [=](State& s) { samples_copy(s, *samples); });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // bench --write RECORDING MINUTES FILE writes a recording out.
+    if (argc == 5 && std::string(argv[1]) == "--write") {
+        for (const Long& about : kLong) {
+            if (std::string(argv[2]) != about.name) continue;
+            const auto bytes = long_file(about.recording, static_cast<unsigned>(atoi(argv[3])));
+            std::FILE* out = std::fopen(argv[4], "wb");
+            if (out == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), out) != bytes.size() ||
+                std::fclose(out) != 0) {
+                give_up("the file cannot be written");
+            }
+            return 0;
+        }
+        give_up("there is no such recording");
+    }
+    for (const Long& about : kLong) {
+        add_long(about, about.minutes / 10);
+        add_long(about, about.minutes);
+    }
+    add_packetiser("amr", "amrnb_plain.3gp", ISO_CODEC_SAMR, NATIVE_MODE_PLAIN);
+    add_packetiser("h263_rfc4629", "h263_cif_hinted.3gp", ISO_CODEC_S263, NATIVE_MODE_RFC2429);
+    add_packetiser("h263_rfc2190", "h263_cif_hinted.3gp", ISO_CODEC_S263, NATIVE_MODE_RFC2190);
+    // The macroblock mode is the H.263 walker at work.
+    add_packetiser("h263_macroblocks", "h263_cif_hinted.3gp", ISO_CODEC_S263,
+                   NATIVE_MODE_RFC2190_MB);
+    add_packetiser("mpeg4", "mpeg4_plain.3gp", ISO_CODEC_MP4V, NATIVE_MODE_PLAIN);
+    add_packetiser("h264", "h264_plain.3gp", ISO_CODEC_AVC1, NATIVE_MODE_PLAIN);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
