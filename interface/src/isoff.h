@@ -146,7 +146,9 @@ uint32_t sample_size_of(const iso_track* track, int32_t sample);
 void set_sample_pos(iso_track* track, int32_t target);
 
 // A value in track units as seconds; 0.0 for a timescale of 0.
-double seconds(double units, uint32_t timescale);
+inline double seconds(double units, uint32_t timescale) {
+    return timescale == 0 ? 0.0 : units / timescale;
+}
 
 // --- definitions ---
 

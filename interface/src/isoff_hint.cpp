@@ -2,7 +2,7 @@
 
 #include "common/clock.h"
 #include "common/simple_exception.h"
-#include "interface/src/isoff.h"
+#include "interface/src/isoff_index.h"
 
 // RTP packets from a hint track (ISO/IEC 14496-12, 9.1): the packets of each hint sample are
 // rebuilt from their entries and constructors.
@@ -25,11 +25,6 @@ enum SeqRebase : uint32_t { kNoRebase = 0, kRebaseNext = 1, kRebased = 2 };
 
 enum ConstructorType : uint8_t { kNoop = 0, kImmediate = 1, kSample = 2, kSampleDescription = 3 };
 
-struct SampleHeader {
-    uint16_t packets;
-    double duration;  // seconds
-};
-
 struct PacketEntry {
     uint8_t header_bits;  // P and X of the RTP header
     uint8_t marker_and_type;
@@ -45,232 +40,281 @@ struct SampleConstructor {
     uint32_t offset;
 };
 
-PacketEntry parse_entry(const uint8_t (&raw)[kPacketEntry]) {
-    ByteReader reader(raw);
-    PacketEntry entry{};
-    reader.be32();  // relative transmission time
-    entry.header_bits = reader.u8();
-    entry.marker_and_type = reader.u8();
-    entry.sequence = reader.be16();
-    reader.u8();  // reserved
-    entry.flags = reader.u8();
-    entry.constructors = reader.be16();
-    return entry;
+// The first four bytes of an entry are its relative transmission time, which is of no interest.
+PacketEntry parse_entry(const uint8_t* raw) {
+    return {raw[4], raw[5], load_be16(raw + 6), raw[9], load_be16(raw + 10)};
 }
 
-SampleConstructor parse_sample_constructor(const uint8_t (&raw)[kConstructor]) {
-    ByteReader reader(raw);
-    SampleConstructor constructor{};
-    reader.u8();  // type
-    constructor.track_reference = reader.u8();
-    constructor.length = reader.be16();
-    constructor.sample_number = reader.be32();
-    constructor.offset = reader.be32();
-    return constructor;
+SampleConstructor parse_sample_constructor(const uint8_t* raw) {
+    return {raw[1], load_be16(raw + 2), load_be32(raw + 4), load_be32(raw + 8)};
 }
 
-// Where a packet is built: the caller's buffer, and how much of it may be filled.
-class PacketBuffer {
-  public:
-    PacketBuffer(void* bytes, uint32_t room) : bytes_(static_cast<uint8_t*>(bytes)), room_(room) {}
-
-    uint32_t length() const { return length_; }
-
-    // Room for `count` more bytes, or null.
-    uint8_t* extend(uint32_t count) {
-        if (count > room_ - length_) return nullptr;
-        uint8_t* at = bytes_ + length_;
-        length_ += count;
-        return at;
+// A copy of few bytes, most often a speech frame, in blocks that overlap at the end.
+inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
+    constexpr uint32_t kBlock = 16;
+    if (count < kBlock) {
+        for (uint32_t i = 0; i < count; ++i)
+            to[i] = from[i];
+        return;
     }
+    for (uint32_t at = 0; at < count - kBlock; at += kBlock)
+        std::memcpy(to + at, from + at, kBlock);
+    std::memcpy(to + (count - kBlock), from + (count - kBlock), kBlock);
+}
 
-  private:
-    uint8_t* bytes_;
-    uint32_t room_;
-    uint32_t length_ = 0;
-};
+// Reads `count` bytes of a hint sample that cannot be looked at as a whole. 0, or the code that
+// ends the call.
+int read_own(iso_track* track, int32_t sample, uint32_t offset, uint8_t* to, uint32_t count) {
+    if (offset > INT32_MAX) return -1;
+    const int got =
+        isoFFreadAt(track, sample, static_cast<int>(offset), to, count, nullptr, nullptr);
+    if (got < 0) return got;
+    return static_cast<uint32_t>(got) < count ? -1 : 0;
+}
 
-// Builds the packets of one hint track. Its functions return 0, or the code that ends the call.
+// Builds the next packet of one hint track in the caller's buffer. Its functions return 0, or the
+// code that ends the call. One object serves one call; what it needs for each packet is small, and
+// none of it is reached through a pointer, so that it stays in registers.
 class PacketReader {
   public:
-    explicit PacketReader(iso_track* track) : track_(track), hint_(*track->hint) {}
+    PacketReader(iso_track* track, void* buffer, uint8_t (&scratch)[kConstructor])
+        : track_(track),
+          hint_(*track->hint),
+          offset_(hint_.offset),
+          packet_(static_cast<uint8_t*>(buffer)),
+          room_(track->rtp_max_packet),
+          scratch_(scratch) {}
 
     void resynchronise();
     int open_sample();
-    int read_packet(PacketBuffer& packet);
+    int read_packet();
     bool at_end() const { return hint_.sample >= track_->sample_count; }
+    uint32_t length() const { return length_; }
+
+    // Ends the call: the position stays where it has come to, also after a failure.
+    void leave() { hint_.offset = offset_; }
 
   private:
-    int read_own(void* to, uint32_t count, double* duration = nullptr);
+    uint8_t* extend(uint32_t count);
+    void view_sample();
+    int take_own(uint32_t count);
     int skip_extra_information();
-    int write_header(PacketBuffer& packet, const PacketEntry& entry);
-    int run_constructor(PacketBuffer& packet);
-    int copy_immediate(PacketBuffer& packet, const uint8_t (&raw)[kConstructor]);
-    int copy_sample(PacketBuffer& packet, const uint8_t (&raw)[kConstructor]);
-    void begin_packets(const SampleHeader& header);
+    int write_header(const PacketEntry& entry);
+    int run_constructor();
+    int copy_immediate();
+    int copy_sample();
+    int copy_bytes(iso_track* source, const SampleConstructor& from, uint8_t* to);
+    void begin_packets(uint32_t packets);
     void note_read_position();
     void next_sample();
     void stay_on_sample();
-    int build_packet(PacketBuffer& packet);
+    int build_packet();
 
     iso_track* track_;
     rtp_hint_state& hint_;
+    uint32_t offset_;  // hint_.offset while the call lasts
+    uint8_t* packet_;  // length_ bytes of room_ are filled
+    uint32_t room_;
+    uint32_t length_ = 0;
+    const uint8_t* whole_ = nullptr;  // the hint sample, where all of it was read ahead
+    uint32_t whole_size_ = 0;
+    const uint8_t* own_ = nullptr;  // what take_own has taken, in whole_ or in scratch_
+    uint8_t* scratch_;
     const iso_track* copied_from_ = nullptr;  // track and offset of the last sample constructor
     uint32_t copied_offset_ = 0;
 };
 
+// Room for `count` more bytes of the packet, or null.
+inline uint8_t* PacketReader::extend(uint32_t count) {
+    if (count > room_ - length_) return nullptr;
+    uint8_t* at = packet_ + length_;
+    length_ += count;
+    return at;
+}
+
 // A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
 // left to differ from, only a call of isoFFsetPosition counts.
-void PacketReader::resynchronise() {
+inline void PacketReader::resynchronise() {
     const bool moved = at_end() ? track_->positioned != 0 : hint_.sample != track_->cur_sample;
     track_->positioned = 0;
     if (!moved) return;
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
-    hint_.offset = 0;
+    offset_ = 0;
 }
 
-int PacketReader::read_own(void* to, uint32_t count, double* duration) {
-    if (hint_.offset > INT32_MAX) return -1;
-    const int got = isoFFreadAt(track_, hint_.sample, static_cast<int>(hint_.offset), to, count,
-                                duration, nullptr);
-    if (got < 0) return got;
-    if (static_cast<uint32_t>(got) < count) return -1;
-    hint_.offset += count;
+// Looks at the whole hint sample, if it is short enough to be read ahead and is there.
+inline void PacketReader::view_sample() {
+    whole_size_ = 0;
+    if (track_->cur_sample != hint_.sample || at_end()) return;
+    const uint32_t size = size_at_cursor(track_);
+    whole_ = from_window(track_, track_->cur_offset, size);
+    if (whole_ != nullptr) whole_size_ = size;
+}
+
+// Points own_ at the next `count` bytes of the hint sample, at most those of a constructor.
+inline int PacketReader::take_own(uint32_t count) {
+    if (uint64_t{offset_} + count <= whole_size_) {
+        own_ = whole_ + offset_;
+    } else {
+        whole_size_ = 0;  // reading may move what was read ahead
+        const int result = read_own(track_, hint_.sample, offset_, scratch_, count);
+        if (result != 0) return result;
+        own_ = scratch_;
+    }
+    offset_ += count;
     return 0;
 }
 
-void PacketReader::begin_packets(const SampleHeader& header) {
-    hint_.packets_left = header.packets;
+inline void PacketReader::begin_packets(uint32_t packets) {
+    hint_.packets_left = static_cast<int32_t>(packets);
     hint_.timestamp = clock_to_timestamp(hint_.rtp_time) + track_->rtp_ts_offset;
-    hint_.rtp_time += track_->rtp_timescale * header.duration;
+    hint_.rtp_time +=
+        track_->rtp_timescale * seconds(duration_at_cursor(track_), track_->timescale);
     // Reduced by 2^32 - 1, one short of the range, and only once.
     if (hint_.rtp_time > kClockWrapsAt) hint_.rtp_time -= kClockWrap;
 }
 
 // Opens hint samples until one has packets. A run of empty ones that is longer than any hinter
 // writes is taken for damage, since a few bytes of tables can tell of billions.
-int PacketReader::open_sample() {
+inline int PacketReader::open_sample() {
     constexpr int kMostEmptySamples = 65536;
     for (int empty = 0; hint_.packets_left == 0 && !at_end(); ++empty) {
         if (empty > kMostEmptySamples) return -1;
-        uint8_t raw[kSampleHeader];
-        SampleHeader header{};
-        hint_.offset = 0;
-        const int result = read_own(raw, sizeof raw, &header.duration);
+        offset_ = 0;
+        view_sample();
+        const int result = take_own(kSampleHeader);
         if (result != 0) return result;
-        header.packets = load_be16(raw);
-        if (header.packets == 0) {
+        const uint16_t packets = load_be16(own_);
+        if (packets == 0) {
             next_sample();
         } else {
-            begin_packets(header);
+            begin_packets(packets);
         }
     }
     return 0;
 }
 
-void PacketReader::next_sample() {
-    hint_.offset = 0;
+inline void PacketReader::next_sample() {
+    offset_ = 0;
     hint_.sample++;
     stay_on_sample();
 }
 
 // Puts the hint track on the cursor's sample, or leaves it on the last at the end. Whatever moved
 // it there must not be taken for a seek.
-void PacketReader::stay_on_sample() {
-    if (!at_end()) set_sample_pos(track_, hint_.sample);
+inline void PacketReader::stay_on_sample() {
+    if (!at_end()) move_cursor(track_, hint_.sample);
 }
 
-int PacketReader::write_header(PacketBuffer& packet, const PacketEntry& entry) {
-    uint8_t* header = packet.extend(kRtpHeader);
+inline int PacketReader::write_header(const PacketEntry& entry) {
+    uint8_t* header = extend(kRtpHeader);
     if (header == nullptr) return -1;
     track_->last_payload_type = entry.marker_and_type & kPayloadType;
     if (track_->seq_rebase == kRebaseNext) {
         track_->rtp_seq_offset -= entry.sequence;
         track_->seq_rebase = kRebased;
     }
-    track_->last_seq = (track_->rtp_seq_offset + entry.sequence) & 0xFFFF;
-    track_->last_timestamp = hint_.timestamp;
-    header[0] = entry.header_bits | kRtpVersion2;
-    header[1] = entry.marker_and_type;
-    store_be16(header + 2, static_cast<uint16_t>(track_->last_seq));
-    store_be32(header + 4, hint_.timestamp);
-    store_be32(header + 8, hint_.ssrc);
+    const uint32_t sequence = (track_->rtp_seq_offset + entry.sequence) & 0xFFFF;
+    const uint32_t timestamp = hint_.timestamp;
+    const uint32_t ssrc = hint_.ssrc;
+    track_->last_seq = sequence;
+    track_->last_timestamp = timestamp;
+    const uint32_t first_byte = entry.header_bits | kRtpVersion2;
+    store_be32(header, first_byte << 24 | uint32_t{entry.marker_and_type} << 16 | sequence);
+    store_be32(header + 4, timestamp);
+    store_be32(header + 8, ssrc);
     return 0;
 }
 
 // The length counts its own four bytes.
-int PacketReader::skip_extra_information() {
-    const uint32_t start = hint_.offset;
-    uint8_t raw[4];
-    const int result = read_own(raw, sizeof raw);
+inline int PacketReader::skip_extra_information() {
+    constexpr uint32_t kLength = 4;
+    const uint32_t start = offset_;
+    const int result = take_own(kLength);
     if (result != 0) return result;
-    const uint32_t length = load_be32(raw);
+    const uint32_t length = load_be32(own_);
     if (length > UINT32_MAX - start) return -1;
-    hint_.offset = start + length;
+    offset_ = start + length;
     return 0;
 }
 
-int PacketReader::copy_immediate(PacketBuffer& packet, const uint8_t (&raw)[kConstructor]) {
-    const uint8_t count = std::min(raw[1], kLongestImmediate);
-    uint8_t* to = packet.extend(count);
+inline int PacketReader::copy_immediate() {
+    const uint8_t count = std::min(own_[1], kLongestImmediate);
+    uint8_t* to = extend(count);
     if (to == nullptr) return -1;
-    std::memcpy(to, raw + 2, count);
+    copy_small(to, own_ + 2, count);
     return 0;
 }
 
-int PacketReader::copy_sample(PacketBuffer& packet, const uint8_t (&raw)[kConstructor]) {
-    const SampleConstructor from = parse_sample_constructor(raw);
+// Bytes of a sample that were read ahead are taken from there; all others, and all that is odd, go
+// the long way.
+inline int PacketReader::copy_bytes(iso_track* source, const SampleConstructor& from, uint8_t* to) {
+    const auto sample = static_cast<int32_t>(from.sample_number - 1);
+    if (from.length < kSmallRead && sample >= 0 && sample < source->sample_count) {
+        move_cursor(source, sample);
+        const bool inside = uint64_t{from.offset} + from.length <= size_at_cursor(source);
+        const uint32_t at = saturating_add(source->cur_offset, from.offset);
+        const uint8_t* bytes = inside ? from_window(source, at, from.length) : nullptr;
+        if (bytes != nullptr) {
+            copy_small(to, bytes, from.length);
+            return from.length;
+        }
+    }
+    return isoFFreadAt(source, sample, static_cast<int>(from.offset), to, from.length, nullptr,
+                       nullptr);
+}
+
+inline int PacketReader::copy_sample() {
+    const SampleConstructor from = parse_sample_constructor(own_);
     iso_track* source = from.track_reference == kOwnTrack ? track_ : hint_.media_track;
-    uint8_t* to = packet.extend(from.length);
+    uint8_t* to = extend(from.length);
     if (to == nullptr || from.sample_number > INT32_MAX || from.offset > INT32_MAX) return -1;
-    const int got = isoFFreadAt(source, static_cast<int>(from.sample_number) - 1,
-                                static_cast<int>(from.offset), to, from.length, nullptr, nullptr);
+    const int got = copy_bytes(source, from, to);
+    if (source == track_) whole_size_ = 0;  // its cursor and what was read ahead have moved
     copied_from_ = source;
     copied_offset_ = from.offset;
     if (got < 0) return got;
     return got < from.length ? -1 : 0;
 }
 
-int PacketReader::run_constructor(PacketBuffer& packet) {
-    uint8_t raw[kConstructor];
-    const int result = read_own(raw, sizeof raw);
+inline int PacketReader::run_constructor() {
+    const int result = take_own(kConstructor);
     if (result != 0) return result;
-    switch (raw[0]) {
+    switch (own_[0]) {
         case kImmediate:
-            return copy_immediate(packet, raw);
+            return copy_immediate();
         case kSample:
         case kSampleDescription:
             // A sample description constructor is served like a sample constructor: its bytes come
             // from the sample of that number, not from a sample description. Kept on purpose.
-            return copy_sample(packet, raw);
+            return copy_sample();
         case kNoop:
         default:
             return 0;
     }
 }
 
-void PacketReader::note_read_position() {
-    track_->last_read_pos = track_->cur_offset + hint_.offset;
-    if (copied_from_ == nullptr) return;
+inline void PacketReader::note_read_position() {
+    const uint32_t own = track_->cur_offset + offset_;
     track_->last_read_pos =
-        std::min(track_->last_read_pos, copied_from_->cur_offset + copied_offset_);
+        copied_from_ == nullptr ? own : std::min(own, copied_from_->cur_offset + copied_offset_);
 }
 
-int PacketReader::build_packet(PacketBuffer& packet) {
-    uint8_t raw[kPacketEntry];
-    int result = read_own(raw, sizeof raw);
+inline int PacketReader::build_packet() {
+    if (whole_size_ == 0) view_sample();
+    int result = take_own(kPacketEntry);
     if (result != 0) return result;
-    const PacketEntry entry = parse_entry(raw);
-    result = write_header(packet, entry);
+    const PacketEntry entry = parse_entry(own_);
+    result = write_header(entry);
     if (result == 0 && (entry.flags & kExtraInformation)) result = skip_extra_information();
-    for (uint16_t i = 0; i < entry.constructors && result == 0; ++i)
-        result = run_constructor(packet);
+    for (uint32_t left = entry.constructors; left > 0 && result == 0; --left)
+        result = run_constructor();
     return result;
 }
 
-int PacketReader::read_packet(PacketBuffer& packet) {
-    const int result = build_packet(packet);
+inline int PacketReader::read_packet() {
+    const int result = build_packet();
     if (result == 0) note_read_position();
     // A constructor that copied from another of the hint track's own samples moved its cursor;
     // were it left there, the next call would take that for a seek and could run in a circle.
@@ -335,17 +379,18 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
 
 int isoFFrtpPacket(iso_track* hint, void* buffer) {
     if (hint == nullptr || hint->hint == nullptr || hint->hint->media_track == nullptr) return -1;
-    PacketReader reader(hint);
+    uint8_t scratch[kConstructor];
+    PacketReader reader(hint, buffer, scratch);
     reader.resynchronise();
     int result = reader.open_sample();
-    if (result != 0) return result;
-    if (reader.at_end()) {
+    if (result == 0 && reader.at_end()) {
+        reader.leave();
         log_line(kDebug, {kIsoffSource, kEndOfTrackLine},
                  "isoFFrtpPacket() EOF:  hint->sample=%04d > tp->sample_count=%04d",
                  hint->sample_count, hint->hint->sample);  // the two figures stand in this order
         return 0;
     }
-    PacketBuffer packet(buffer, hint->rtp_max_packet);
-    result = reader.read_packet(packet);
-    return result != 0 ? result : static_cast<int>(packet.length());
+    if (result == 0) result = reader.read_packet();
+    reader.leave();
+    return result != 0 ? result : static_cast<int>(reader.length());
 }

@@ -8,10 +8,6 @@
 namespace kestrel {
 namespace {
 
-uint32_t saturating_add(uint32_t offset, uint64_t bytes) {
-    return static_cast<uint32_t>(std::min<uint64_t>(offset + bytes, UINT32_MAX));
-}
-
 // How many samples of constant size the cursor may pass at once, of `wanted`: to the end of the
 // chunk at the most, and behind the last chunk, where nothing ends any more, all of them.
 uint32_t samples_at_once(const iso_track* track, uint32_t wanted) {
@@ -72,21 +68,12 @@ void rewind_cursor(iso_track* track) {
     track->cur_offset = track->chunk_count >= 1 ? track->chunks[0].start : 0;
     track->stts_index = track->stts_in_entry = 0;
     track->ctts_index = track->ctts_in_entry = 0;
+    track->next_until = track->next_alike = 0;
 }
 
 void advance_place(iso_track* track, uint32_t wanted) {
     const uint32_t samples = samples_at_once(track, wanted);
-    const uint64_t bytes = uint64_t{samples} * sample_size_of(track, track->cur_sample);
-    track->cur_offset = saturating_add(track->cur_offset, bytes);
-    track->cur_sample += static_cast<int32_t>(samples);
-    if (track->cur_chunk >= track->chunk_count ||
-        track->cur_offset < track->chunks[track->cur_chunk].end) {
-        return;
-    }
-    track->cur_chunk++;
-    if (track->cur_chunk < track->chunk_count) {
-        track->cur_offset = track->chunks[track->cur_chunk].start;
-    }
+    pass(track, samples, uint64_t{samples} * size_at_cursor(track));
 }
 
 bool make_index(iso_track* track) {

@@ -9,10 +9,6 @@
 namespace kestrel {
 namespace {
 
-inline uint32_t saturating_add(uint32_t offset, uint32_t bytes) {
-    return static_cast<uint32_t>(std::min(uint64_t{offset} + bytes, uint64_t{UINT32_MAX}));
-}
-
 // A position in a time table: an entry, and how many of its samples lie in front.
 struct TimeCursor {
     int32_t& index;
@@ -40,40 +36,15 @@ struct TimeCursor {
     }
 };
 
-void move_times(iso_track* track, int32_t from) {
-    const iso_index& index = *track->index;
-    const int32_t to = track->cur_sample;
-    TimeCursor{track->stts_index, track->stts_in_entry}.move(track->stts, track->stts_count,
-                                                             index.stts_samples, from, to);
-    TimeCursor{track->ctts_index, track->ctts_in_entry}.move(track->ctts, track->ctts_count,
-                                                             index.ctts_samples, from, to);
-}
-
-// The entry in force at the cursor; entries that stand for no sample are not.
-template <typename Entry>
-const Entry* entry_at(const Entry* entries, int32_t count, int32_t& index) {
-    while (index < count && entries[index].count == 0)
-        ++index;
-    return index < count ? &entries[index] : nullptr;
-}
-
-void advance_cursor(iso_track* track) {
-    const int32_t from = track->cur_sample;
-    advance_place(track, 1);
-    move_times(track, from);
-}
-
-uint32_t duration_at_cursor(iso_track* track) {
-    const auto* entry = entry_at(track->stts, track->stts_count, track->stts_index);
-    return entry == nullptr ? 0 : entry->delta;
-}
-
 // Stores the times of the sample at the cursor, in seconds, where they are wanted.
 void tell_times(iso_track* track, double* duration, double* cts_offset) {
     if (duration != nullptr) *duration = seconds(duration_at_cursor(track), track->timescale);
     if (cts_offset == nullptr) return;
-    const auto* entry = entry_at(track->ctts, track->ctts_count, track->ctts_index);
-    *cts_offset = entry == nullptr ? 0.0 : seconds(entry->offset, track->timescale);
+    while (track->ctts_index < track->ctts_count && track->ctts[track->ctts_index].count == 0)
+        ++track->ctts_index;
+    const bool has_entry = track->ctts_index < track->ctts_count;
+    *cts_offset =
+        has_entry ? seconds(track->ctts[track->ctts_index].offset, track->timescale) : 0.0;
 }
 
 // Reads at a file offset in the way that the host asked for. `failed` tells a stream failure; the
@@ -97,36 +68,14 @@ uint32_t bytes_to_chunk_end(const iso_track* track, uint32_t offset) {
     return offset < end ? end - offset : 0;
 }
 
-// Serves `length` bytes at `offset` from the track's window, which is filled ahead, to the end of
-// the chunk at most: what the track will ask for next in any case. False when it cannot; a failure
-// of reading ahead is of no account, since what is asked for may be there all the same.
-bool read_window(iso_track* track, uint32_t offset, void* buffer, uint32_t length) {
-    ReadWindow* window = track->index->window;
-    if (window == nullptr) {
-        window = track->index->window = arena_array<ReadWindow>(track->file, 1);
-        if (window == nullptr) return false;
-    }
-    const uint32_t into = offset - window->start;
-    if (into > window->length || length > window->length - into) {
-        const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
-        if (ahead <= length) return false;
-        bool failed = false;
-        window->start = offset;
-        window->length = read_at(track->file, offset, window->bytes, ahead, failed);
-        if (window->length < length) return false;
-        std::memcpy(buffer, window->bytes, length);
-        return true;
-    }
-    std::memcpy(buffer, window->bytes + into, length);
-    return true;
-}
-
-// Small pieces come out of the window, large ones straight from the stream.
 uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint32_t length,
                            bool& failed) {
-    constexpr uint32_t kLarge = 512;
     failed = false;
-    if (length < kLarge && read_window(track, offset, buffer, length)) return length;
+    const uint8_t* ahead = length < kSmallRead ? from_window(track, offset, length) : nullptr;
+    if (ahead != nullptr) {
+        std::memcpy(buffer, ahead, length);
+        return length;
+    }
     return read_at(track->file, offset, buffer, length, failed);
 }
 
@@ -136,6 +85,42 @@ bool is_readable(const iso_track* track) {
 }
 
 }  // namespace
+
+void move_times(iso_track* track, int32_t from) {
+    const iso_index& index = *track->index;
+    const int32_t to = track->cur_sample;
+    TimeCursor{track->stts_index, track->stts_in_entry}.move(track->stts, track->stts_count,
+                                                             index.stts_samples, from, to);
+    TimeCursor{track->ctts_index, track->ctts_in_entry}.move(track->ctts, track->ctts_count,
+                                                             index.ctts_samples, from, to);
+}
+
+void advance_by_tables(iso_track* track) {
+    const int32_t from = track->cur_sample;
+    advance_place(track, 1);
+    move_times(track, from);
+    const bool in_chunk = track->cur_chunk < track->chunk_count;
+    track->next_until = in_chunk ? track->chunks[track->cur_chunk].end : 0;
+    if (track->ctts_count == 0 && track->stts_index < track->stts_count) {
+        const uint32_t count = track->stts[track->stts_index].count;
+        const uint32_t with_this = static_cast<uint32_t>(track->stts_in_entry) + 1;
+        track->next_alike = count > with_this ? count - with_this : 0;
+    }
+}
+
+const uint8_t* fill_window(iso_track* track, uint32_t offset, uint32_t length) {
+    ReadWindow& window = track->index->window;
+    const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
+    if (ahead <= length) return nullptr;
+    if (window.bytes == nullptr) {
+        window.bytes = arena_array<uint8_t>(track->file, ReadWindow::kRoom);
+        if (window.bytes == nullptr) return nullptr;
+    }
+    bool failed = false;
+    window.start = offset;
+    window.length = read_at(track->file, offset, window.bytes, ahead, failed);
+    return length <= window.length ? window.bytes : nullptr;
+}
 
 uint32_t sample_size_of(const iso_track* track, int32_t sample) {
     return track->sample_size != 0 ? track->sample_size : track->sample_sizes[sample];
@@ -160,13 +145,10 @@ void stand_at(iso_track* track, const Checkpoint& at) {
 
 }  // namespace
 
-double seconds(double units, uint32_t timescale) {
-    return timescale == 0 ? 0.0 : units / timescale;
-}
-
 void set_sample_pos(iso_track* track, int32_t target) {
     const int32_t from = track->cur_sample;
     if (target == from) return;
+    track->next_until = track->next_alike = 0;
     if (target < from || static_cast<uint32_t>(target - from) > kStepsPerCheckpoint) {
         const Checkpoint& nearest = checkpoint_before(track, target);
         if (target < from || nearest.sample > from) stand_at(track, nearest);
