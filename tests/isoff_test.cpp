@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <random>
 
 #include "interface/src/isoff.h"
 #include "kestrel/hosts.h"
@@ -12,6 +13,7 @@
 
 namespace {
 
+using kestrel::sample_size_of;
 using testing::HasSubstr;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
@@ -279,6 +281,107 @@ TEST(Samples, InterleaveIsTheLongestRunOfOneTrack) {
     // Tracks at the same places come to an end too.
     EXPECT_NEAR(isoFFgetInterleave(Opened(join({ftyp(), movie({one(1, a), one(2, a)})})).file), 0.1,
                 1e-9);
+}
+
+// --- jumps ---
+
+// Tables that no muxer would write: empty chunks and time entries, samples of no bytes, chunks on
+// top of each other.
+Bytes random_tables(std::mt19937& random) {
+    const auto below = [&](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+    const uint32_t samples = 1 + below(400);
+    const uint32_t constant = below(2) * (1 + below(50));
+    const auto time_table = [&](const char* type) {
+        Bytes entries;
+        uint32_t count = 0;
+        for (uint32_t covered = 0; covered < samples; ++count) {
+            const uint32_t run = below(3) == 0 ? 0 : 1 + below(90);
+            covered += run;
+            entries = join({entries, words({run, below(1000)})});
+        }
+        return box(type, {words({0, count}), entries});
+    };
+    Bytes sizes, runs, offsets;
+    for (uint32_t i = 0; constant == 0 && i < samples; ++i)
+        sizes = join({sizes, be32(below(4) == 0 ? 0 : below(60))});
+    const uint32_t run_count = 1 + below(6);
+    for (uint32_t i = 0, chunk = 1; i < run_count; ++i, chunk += 1 + below(5))
+        runs = join({runs, words({chunk, below(12), 1})});
+    const uint32_t chunks = below(5) == 0 ? samples : 1 + below(120);
+    for (uint32_t i = 0; i < chunks; ++i)
+        offsets = join({offsets, be32(below(3000))});
+    return join({time_table("stts"), below(2) == 0 ? Bytes{} : time_table("ctts"),
+                 box("stsc", {words({0, run_count}), runs}),
+                 box("stsz", {words({0, constant, samples}), sizes}),
+                 box("stco", {words({0, chunks}), offsets})});
+}
+
+// Where a reader of ISO/IEC 14496-12 tables finds a sample when it walks there step by step.
+struct Walk {
+    explicit Walk(const iso_track* of) : track(of) {
+        if (track->chunk_count > 0) offset = track->chunks[0].start;
+        settle();
+    }
+    void step() {
+        offset += track->sample_size != 0 ? track->sample_size
+                                          : track->sample_sizes[static_cast<size_t>(sample)];
+        if (chunk < track->chunk_count && offset >= track->chunks[chunk].end &&
+            ++chunk < track->chunk_count) {
+            offset = track->chunks[chunk].start;
+        }
+        ++sample;
+        ++in_stts;
+        ++in_ctts;
+        settle();
+    }
+    void settle() {
+        for (; stts < track->stts_count && in_stts >= track->stts[stts].count; in_stts = 0)
+            ++stts;
+        for (; ctts < track->ctts_count && in_ctts >= track->ctts[ctts].count; in_ctts = 0)
+            ++ctts;
+    }
+
+    const iso_track* track;
+    int32_t sample = 0, chunk = 0, stts = 0, ctts = 0;
+    uint32_t in_stts = 0, in_ctts = 0, offset = 0;
+};
+
+TEST(Samples, AreFoundByJumpsWhereAWalkFindsThem) {
+    std::mt19937 random(20);
+    int compared = 0;
+    for (int round = 0; round < 300; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        Opened opened(join({with_tables(random_tables(random)), zeros(9000)}));
+        iso_track* track = opened.track();
+        ASSERT_NE(track, nullptr);
+        std::vector<Walk> places;
+        for (Walk walk(track); walk.sample < track->sample_count; walk.step())
+            places.push_back(walk);
+        for (int jump = 0; jump < 200 && !places.empty(); ++jump, ++compared) {
+            // Far, near, and step by step as reading does.
+            const auto here = static_cast<size_t>(track->cur_sample);
+            size_t to =
+                jump % 3 == 0 ? random() % places.size() : (here + random() % 50) % places.size();
+            uint8_t bytes[64];
+            if (jump % 3 == 1 && here + 1 < places.size()) {
+                to = here + 1;
+                ASSERT_GE(isoFFread(track, bytes, sizeof bytes, nullptr, nullptr), 0);
+            } else {
+                ASSERT_EQ(isoFFsetPosition(track, static_cast<int>(to)), 0);
+            }
+            const Walk& place = places[to];
+            ASSERT_EQ(track->cur_sample, place.sample);
+            ASSERT_EQ(track->cur_offset, place.offset);
+            ASSERT_EQ(track->cur_chunk, place.chunk);
+            if (sample_size_of(track, track->cur_sample) == 0) continue;
+            double duration = 0.0, composition = 0.0;
+            ASSERT_EQ(isoFFreadAt(track, place.sample, 0, bytes, 1, &duration, &composition), 1);
+            ASSERT_EQ(duration, track->stts[place.stts].delta / 8000.0);
+            ASSERT_EQ(composition,
+                      track->ctts_count > 0 ? track->ctts[place.ctts].offset / 8000.0 : 0.0);
+        }
+    }
+    EXPECT_GT(compared, 20000);
 }
 
 // --- boxes ---
