@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -41,6 +42,8 @@ class Source {
     virtual const std::vector<uint8_t>* written() const { return nullptr; }
 };
 
+// Reads go through a few blocks that were read last, so that the many small reads of a player, here
+// of its packets' descriptions and there of the media, are few reads of the file.
 class FileSource final : public Source {
   public:
     FileSource(int fd, uint32_t size) : fd_(fd), size_(size) {}
@@ -50,6 +53,33 @@ class FileSource final : public Source {
 
     bool read(void* data, uint32_t offset, uint32_t count) override {
         auto* to = static_cast<uint8_t*>(data);
+        while (count > 0) {
+            const uint32_t into = offset % kBlockSize;
+            const uint32_t piece = std::min(count, kBlockSize - into);
+            if (into == 0 && piece == kBlockSize) {
+                if (!read_file(to, offset, piece)) return false;
+            } else {
+                const Block* block = block_at(offset - into);
+                if (block == nullptr) return false;
+                std::memcpy(to, block->bytes.data() + into, piece);
+            }
+            to += piece;
+            offset += piece;
+            count -= piece;
+        }
+        return true;
+    }
+
+  private:
+    static constexpr uint32_t kBlockSize = 65536;
+
+    struct Block {
+        std::vector<uint8_t> bytes;
+        uint32_t offset = 0;
+        uint64_t last_use = 0;  // 0: holds nothing
+    };
+
+    bool read_file(uint8_t* to, uint32_t offset, uint32_t count) const {
         while (count > 0) {
             const ssize_t got = pread(fd_, to, count, static_cast<off_t>(offset));
             if (got < 0 && errno == EINTR) continue;
@@ -61,9 +91,34 @@ class FileSource final : public Source {
         return true;
     }
 
-  private:
+    // The block that begins at `offset`; null when it cannot be read.
+    const Block* block_at(uint32_t offset) {
+        Block* oldest = &blocks_[0];
+        for (Block& block : blocks_) {
+            if (block.last_use != 0 && block.offset == offset) {
+                block.last_use = ++uses_;
+                return &block;
+            }
+            if (block.last_use < oldest->last_use) oldest = &block;
+        }
+        oldest->last_use = 0;
+        try {
+            oldest->bytes.resize(std::min(kBlockSize, size_ - offset));
+        } catch (const std::bad_alloc&) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+        const auto count = static_cast<uint32_t>(oldest->bytes.size());
+        if (!read_file(oldest->bytes.data(), offset, count)) return nullptr;
+        oldest->offset = offset;
+        oldest->last_use = ++uses_;
+        return oldest;
+    }
+
     int fd_;
     uint32_t size_;
+    uint64_t uses_ = 0;
+    std::array<Block, 4> blocks_;
 };
 
 class MemorySource final : public Source {

@@ -77,13 +77,15 @@ bool is_same_file(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-Output::Output(const std::string& path, const std::string& input) : path_(path), file_(stdout) {
+Output::Output(const std::string& path, const std::string& input)
+    : path_(path), file_(stdout), buffer_(kBufferSize) {
     if (path == "-") return;
     if (is_same_file(path, input)) {
         throw Error(path + ": is the input; choose another output", kWrongUsage);
     }
     file_ = std::fopen(path.c_str(), "wb");
     if (file_ == nullptr) throw system_error(path);
+    std::setvbuf(file_, buffer_.data(), _IOFBF, buffer_.size());
 }
 
 Output::~Output() {

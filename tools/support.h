@@ -85,8 +85,11 @@ class Output {
     uint64_t written() const { return written_; }
 
   private:
+    static constexpr size_t kBufferSize = 256 << 10;
+
     std::string path_;
     std::FILE* file_;
+    std::vector<char> buffer_;  // of a file, so that it is written in large pieces
     uint64_t written_ = 0;
 };
 
