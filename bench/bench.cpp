@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -30,6 +31,10 @@ constexpr int kMostPacketBytes = 1400;
     std::fprintf(stderr, "bench: %s\n", what);
     std::exit(1);
 }
+
+// Recordings that are gone through one after the other: a long one, or as many short ones as are
+// together as long, so that both meet the same caches.
+using Files = std::vector<std::span<const uint8_t>>;
 
 struct CloseHost {
     void operator()(kst_host* host) const { kst_host_close(host); }
@@ -93,51 +98,59 @@ void copy_pieces(State& state, const Pieces& pieces, size_t room) {
 
 // --- RTP packets ---
 
-void packets(State& state, std::span<const uint8_t> bytes) {
-    Opened opened(bytes);
+void packets(State& state, const Files& files) {
+    std::vector<std::unique_ptr<Opened>> all;
+    for (const auto& bytes : files)
+        all.push_back(std::make_unique<Opened>(bytes));
     uint8_t packet[kMostPacketBytes];
     int64_t count = 0;
     for (auto _ : state) {
-        isoFFsetPosition(opened.hint, 0);
-        for (int length; (length = isoFFrtpPacket(opened.hint, packet)) != 0; ++count) {
-            if (length < 0) give_up("a packet that cannot be read");
-            benchmark::DoNotOptimize(packet);
-            benchmark::ClobberMemory();
+        for (const auto& opened : all) {
+            isoFFsetPosition(opened->hint, 0);
+            for (int length; (length = isoFFrtpPacket(opened->hint, packet)) != 0; ++count) {
+                if (length < 0) give_up("a packet that cannot be read");
+                benchmark::DoNotOptimize(packet);
+                benchmark::ClobberMemory();
+            }
         }
     }
     state.SetItemsProcessed(count);
 }
 
-void packets_copy(State& state, std::span<const uint8_t> bytes) {
-    Opened opened(bytes);
+void packets_copy(State& state, const Files& files) {
     Pieces pieces;
     uint8_t packet[kMostPacketBytes];
-    for (int length; (length = isoFFrtpPacket(opened.hint, packet)) > 0;)
-        pieces.add(packet, static_cast<size_t>(length));
+    for (const auto& bytes : files) {
+        Opened opened(bytes);
+        for (int length; (length = isoFFrtpPacket(opened.hint, packet)) > 0;)
+            pieces.add(packet, static_cast<size_t>(length));
+    }
     copy_pieces(state, pieces, kMostPacketBytes);
 }
 
 // --- opening ---
 
-void open_function(State& state, std::span<const uint8_t> bytes, const char* mode) {
-    const Host host = memory_host(bytes);
+void open_function(State& state, const Files& files, const char* mode) {
     for (auto _ : state) {
-        kst_host_rewind(host.get());
-        mm_Interface* handle = nullptr;
-        if (kst_Open(&handle, kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
-            give_up("a file that does not open");
-        kst_Close(&handle);
+        for (const auto& bytes : files) {
+            const Host host = memory_host(bytes);
+            mm_Interface* handle = nullptr;
+            if (kst_Open(&handle, kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
+                give_up("a file that does not open");
+            kst_Close(&handle);
+        }
     }
 }
 
-void open_class(State& state, std::span<const uint8_t> bytes, const char* mode) {
-    const Host host = memory_host(bytes);
+void open_class(State& state, const Files& files, const char* mode) {
     C3gpInterface player;
     for (auto _ : state) {
-        kst_host_rewind(host.get());
-        if (player.Open(kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
-            give_up("a file that does not open");
-        player.Close();
+        for (const auto& bytes : files) {
+            const Host host = memory_host(bytes);
+            if (player.Open(kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
+                give_up("a file that does not open");
+            player.Close();
+        }
     }
 }
 
@@ -184,49 +197,59 @@ void convert_class(const Host& host, const char* mode, State* state, Take take) 
 }
 
 template <typename Convert>
-void conversion(State& state, std::span<const uint8_t> bytes, Convert convert) {
-    const Host host = memory_host(bytes);
+void conversion(State& state, const Files& files, Convert convert) {
     for (auto _ : state) {
-        convert(host, &state, [](const uint8_t* chunk, size_t) {
-            benchmark::DoNotOptimize(chunk);
-            benchmark::ClobberMemory();
-        });
+        for (const auto& bytes : files) {
+            convert(memory_host(bytes), &state, [](const uint8_t* chunk, size_t) {
+                benchmark::DoNotOptimize(chunk);
+                benchmark::ClobberMemory();
+            });
+        }
     }
 }
 
 template <typename Convert>
-void conversion_copy(State& state, std::span<const uint8_t> bytes, Convert convert) {
+void conversion_copy(State& state, const Files& files, Convert convert) {
     Pieces pieces;
-    convert(memory_host(bytes), static_cast<State*>(nullptr),
-            [&](const uint8_t* chunk, size_t size) { pieces.add(chunk, size); });
+    for (const auto& bytes : files) {
+        convert(memory_host(bytes), static_cast<State*>(nullptr),
+                [&](const uint8_t* chunk, size_t size) { pieces.add(chunk, size); });
+    }
     copy_pieces(state, pieces, KST_LARGEST_CHUNK);
 }
 
 // --- jumps ---
 
-void random_access(State& state, std::span<const uint8_t> bytes) {
-    Opened opened(bytes);
+void random_access(State& state, const Files& files) {
+    std::vector<std::unique_ptr<Opened>> all;
+    for (const auto& bytes : files)
+        all.push_back(std::make_unique<Opened>(bytes));
     std::minstd_rand random(1);
     uint8_t byte[1];
-    const auto samples = static_cast<unsigned>(opened.media->sample_count);
     for (auto _ : state) {
-        const auto sample = static_cast<int>(random() % samples);
-        if (isoFFreadAt(opened.media, sample, 0, byte, 1, nullptr, nullptr) != 1)
+        iso_track* track = all[random() % all.size()]->media;
+        const auto sample = static_cast<int>(random() % static_cast<unsigned>(track->sample_count));
+        if (isoFFreadAt(track, sample, 0, byte, 1, nullptr, nullptr) != 1)
             give_up("a sample that cannot be read");
     }
 }
 
-void seeks(State& state, std::span<const uint8_t> bytes, const char* mode, unsigned minutes) {
-    const Host host = memory_host(bytes);
-    C3gpInterface player;
-    if (player.Open(kst_host_callbacks(host.get()), mode) != KST_SUCCESS)
-        give_up("a file that does not open");
+void seeks(State& state, const Files& files, const char* mode, unsigned minutes) {
+    std::vector<Host> hosts;
+    std::vector<std::unique_ptr<C3gpInterface>> players;
+    for (const auto& bytes : files) {
+        hosts.push_back(memory_host(bytes));
+        players.push_back(std::make_unique<C3gpInterface>());
+        if (players.back()->Open(kst_host_callbacks(hosts.back().get()), mode) != KST_SUCCESS)
+            give_up("a file that does not open");
+    }
     std::minstd_rand random(1);
     for (auto _ : state) {
         _TAG_KST_SEEK_PARAMS params{};
         params.nTime = static_cast<uint32_t>(random()) % (minutes * 60000);
         params.fFlags = KST_SEEK_ABSOLUTE | KST_SEEK_PREVIOUS_SYNC;
-        if (player.SeekTo(&params) != KST_SUCCESS) give_up("a seek that fails");
+        if (players[random() % players.size()]->SeekTo(&params) != KST_SUCCESS)
+            give_up("a seek that fails");
     }
 }
 
@@ -267,41 +290,52 @@ void samples_copy(State& state, const Samples& samples) {
 
 template <typename Function>
 void add(const std::string& name, Function function) {
-    benchmark::RegisterBenchmark(name.c_str(), function)->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark(name.c_str(), function)->Unit(benchmark::kNanosecond);
 }
 
 struct Long {
     const char* name;
     Recording recording;
     const char* mode;
-    unsigned minutes;  // and a tenth of them
+    unsigned minutes;  // and, that often, a tenth of them
 };
+
+constexpr unsigned kShorter = 10;
 
 constexpr Long kLong[] = {{"speech", Recording::kSpeech, "ar", 60},
                           {"qcif", Recording::kQcif, "vr", 20},
                           {"cif", Recording::kCif, "vr", 20}};
 
-void add_long(const Long& about, unsigned minutes) {
+void add_long(const Long& about, unsigned minutes, unsigned copies) {
     const auto bytes = [=] { return long_file(about.recording, minutes); };
+    const auto files = [=] {
+        static std::map<std::string, std::vector<Bytes>> kept;
+        std::vector<Bytes>& of = kept[about.name + std::to_string(minutes)];
+        while (of.size() + 1 < copies)
+            of.emplace_back(bytes().begin(), bytes().end());
+        Files all(of.begin(), of.end());
+        all.push_back(bytes());
+        return all;
+    };
     const char* mode = about.mode;
     const std::string suffix = std::string("/") + about.name + "/" + std::to_string(minutes);
-    add("open_function" + suffix, [=](State& s) { open_function(s, bytes(), mode); });
-    add("open_class" + suffix, [=](State& s) { open_class(s, bytes(), mode); });
-    add("packets" + suffix, [=](State& s) { packets(s, bytes()); });
-    add("packets_copy" + suffix, [=](State& s) { packets_copy(s, bytes()); });
+    add("open_function" + suffix, [=](State& s) { open_function(s, files(), mode); });
+    add("open_class" + suffix, [=](State& s) { open_class(s, files(), mode); });
+    add("packets" + suffix, [=](State& s) { packets(s, files()); });
+    add("packets_copy" + suffix, [=](State& s) { packets_copy(s, files()); });
     const auto function_road = [=](const Host& host, State* state, auto take) {
         convert_function(host, mode, state, take);
     };
     const auto class_road = [=](const Host& host, State* state, auto take) {
         convert_class(host, mode, state, take);
     };
-    add("convert_function" + suffix, [=](State& s) { conversion(s, bytes(), function_road); });
+    add("convert_function" + suffix, [=](State& s) { conversion(s, files(), function_road); });
     add("convert_function_copy" + suffix,
-        [=](State& s) { conversion_copy(s, bytes(), function_road); });
-    add("convert_class" + suffix, [=](State& s) { conversion(s, bytes(), class_road); });
-    add("convert_class_copy" + suffix, [=](State& s) { conversion_copy(s, bytes(), class_road); });
-    add("random_access" + suffix, [=](State& s) { random_access(s, bytes()); });
-    add("seek" + suffix, [=](State& s) { seeks(s, bytes(), mode, minutes); });
+        [=](State& s) { conversion_copy(s, files(), function_road); });
+    add("convert_class" + suffix, [=](State& s) { conversion(s, files(), class_road); });
+    add("convert_class_copy" + suffix, [=](State& s) { conversion_copy(s, files(), class_road); });
+    add("random_access" + suffix, [=](State& s) { random_access(s, files()); });
+    add("seek" + suffix, [=](State& s) { seeks(s, files(), mode, minutes); });
 }
 
 void add_packetiser(const char* name, const char* file, int codec, int mode) {
@@ -328,8 +362,8 @@ int main(int argc, char** argv) {
         give_up("there is no such recording");
     }
     for (const Long& about : kLong) {
-        add_long(about, about.minutes / 10);
-        add_long(about, about.minutes);
+        add_long(about, about.minutes / kShorter, kShorter);
+        add_long(about, about.minutes, 1);
     }
     add_packetiser("amr", "amrnb_plain.3gp", ISO_CODEC_SAMR, NATIVE_MODE_PLAIN);
     add_packetiser("h263_rfc4629", "h263_cif_hinted.3gp", ISO_CODEC_S263, NATIVE_MODE_RFC2429);

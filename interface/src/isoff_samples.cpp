@@ -112,6 +112,16 @@ const uint8_t* fill_window(iso_track* track, uint32_t offset, uint32_t length) {
     ReadWindow& window = track->index->window;
     const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
     if (ahead <= length) return nullptr;
+    // Who jumps about is not served ahead, before a second piece follows the first; the bytes that
+    // a packet has in place of those in the file may lie between them.
+    constexpr uint32_t kGap = 64;
+    const bool goes_on = offset - window.start <= window.length + kGap ||
+                         track->cur_offset == track->chunks[track->cur_chunk].start;
+    if (!goes_on) {
+        window.start = saturating_add(offset, length);
+        window.length = 0;
+        return nullptr;
+    }
     if (window.bytes == nullptr) {
         window.bytes = arena_array<uint8_t>(track->file, ReadWindow::kRoom);
         if (window.bytes == nullptr) return nullptr;
