@@ -210,10 +210,10 @@ class Arrival {
     // One byte a step, so that `steps` decides what each wait brings.
     void expect_whole(const std::function<uint32_t()>& steps, const std::string& what) {
         for (const bool flag : {true, false}) {
-            const Played played =
-                play_arriving(file_, about_.mode, 1, on_class(1000, flag, steps));
+            const Played played = play_arriving(file_, about_.mode, 1, on_class(1000, flag, steps));
             ASSERT_EQ(played.status, KST_END_OF_FILE) << what;
-            ASSERT_TRUE(played.stream == whole_) << what << (flag ? " with" : " without") << " flag";
+            ASSERT_TRUE(played.stream == whole_)
+                << what << (flag ? " with" : " without") << " flag";
             ++played_;
             waits_ += played.waits;
         }
@@ -389,18 +389,18 @@ TEST_P(EveryHostCall, MayFail) {
     std::cout << tried << " faults in " << faults.calls() << " calls\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, EveryHostCall,
-    testing::Combine(testing::Values(ClassFile{"amrnb_hinted_1450", "ar"},
-                                     ClassFile{"amrnb_hinted_multi", "ar"},
-                                     ClassFile{"av_h263_amrnb_hinted", "vr"},
-                                     ClassFile{"h263_rfc2190_hinted_1450", "vr"},
-                                     ClassFile{"mpeg4_hinted", "vr"}),
-                     testing::Bool()),
-    [](const auto& row) {
-        return std::string(std::get<0>(row.param).file) +
-               (std::get<1>(row.param) ? "_with_flag" : "_without");
-    });
+INSTANTIATE_TEST_SUITE_P(Files, EveryHostCall,
+                         testing::Combine(testing::Values(ClassFile{"amrnb_hinted_1450", "ar"},
+                                                          ClassFile{"amrnb_hinted_multi", "ar"},
+                                                          ClassFile{"av_h263_amrnb_hinted", "vr"},
+                                                          ClassFile{"h263_rfc2190_hinted_1450",
+                                                                    "vr"},
+                                                          ClassFile{"mpeg4_hinted", "vr"}),
+                                          testing::Bool()),
+                         [](const auto& row) {
+                             return std::string(std::get<0>(row.param).file) +
+                                    (std::get<1>(row.param) ? "_with_flag" : "_without");
+                         });
 
 // --- seeking ---
 
@@ -587,7 +587,9 @@ Bytes doctor(Bytes file, const char* mode, Doctored how) {
 class Seeking {
   public:
     Seeking(const Bytes& file, const char* mode)
-        : file_(file), list_(list_file(file_, mode)), whole_(whole_stream(file_, mode)),
+        : file_(file),
+          list_(list_file(file_, mode)),
+          whole_(whole_stream(file_, mode)),
           host_(file_) {
         EXPECT_EQ(player_.Open(host_.callbacks(), mode), KST_SUCCESS);
         split();
@@ -684,10 +686,9 @@ TEST_P(ClassRoad, ReadingOnAfterASeekGivesTheRest) {
     Bytes expected = seeking.headers();
     uint32_t reached = 0;
     for (uint32_t frame = seeking.frames(); frame >= 1; --frame) {
-        const auto ms =
-            static_cast<uint32_t>((list.hints[frame - 1].start + list.per_ms() - 1) / list.per_ms());
-        const Landing landing =
-            seek(seeking.player(), ms, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
+        const auto ms = static_cast<uint32_t>((list.hints[frame - 1].start + list.per_ms() - 1) /
+                                              list.per_ms());
+        const Landing landing = seek(seeking.player(), ms, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
         if (landing.status == KST_BAD_TIMESTAMP) continue;
         ASSERT_EQ(landing.frame, frame);
         Bytes got = seeking.read_on();
@@ -712,8 +713,8 @@ TEST_P(ClassRoad, ReadingOnAfterASeekGivesTheRest) {
     const Landing last = expected_landing(list, list.duration_ms(), KST_SEEK_NEXT_SYNC);
     Bytes got = join({begun, seeking.read_on()});
     forget_flag(got, about.mode);
-    Bytes rest = join({Bytes(tail.begin(), tail.begin() + static_cast<long>(first)),
-                       seeking.tail(last.frame)});
+    Bytes rest = join(
+        {Bytes(tail.begin(), tail.begin() + static_cast<long>(first)), seeking.tail(last.frame)});
     forget_flag(rest, about.mode);
     EXPECT_TRUE(got == rest);
 }

@@ -289,10 +289,6 @@ Bytes video_file(const Bytes& entry, const std::vector<uint32_t>& sizes, const B
     return build(static_cast<uint32_t>(build(0).size() - media.size()));
 }
 
-Bytes visual_entry(const char* type, const Bytes& config) {
-    return box(type, {zeros(24), be16(176), be16(144), zeros(8), zeros(42), config});
-}
-
 // NAL units one byte longer than a packet make two fragments each, and each fragment takes four
 // bytes more than it is charged.
 TEST(FunctionRoad, ManyUnitsJustLongerThanAPacketStayInTheBuffer) {

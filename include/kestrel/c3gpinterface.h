@@ -261,7 +261,7 @@ class KESTREL_API C3gpInterface {
     void Seek(_TAG_KST_SEEK_PARAMS* params);
     unsigned int SeekTarget(const _TAG_KST_SEEK_PARAMS* params);
 
-    void Read(unsigned char* buffer, unsigned int* size);
+    unsigned int Read(unsigned char* buffer, unsigned int wanted);
     void Deliver(unsigned char* buffer, unsigned int count);
     bool GetNextFrame();
     bool FeedWriter();

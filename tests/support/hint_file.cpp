@@ -6,24 +6,23 @@ void HintFile::add_hint(const Bytes& hint_sample) {
 }
 
 Bytes HintFile::build() const {
-    return assemble(
-        static_cast<uint32_t>(assemble(0).size() - media.size() - hint_samples.size()));
+    return assemble(static_cast<uint32_t>(assemble(0).size() - media.size() - hint_samples.size()));
 }
 
 Bytes HintFile::assemble(uint32_t at) const {
     TrackSpec about = media_track;
-    about.tables = one_chunk_tables(media_sizes, 160, at);
-    return join({ftyp(),
-                 movie({track(about), hint_track(at + static_cast<uint32_t>(media.size())),
-                        more_tracks}),
-                 box("mdat", {media, hint_samples})});
+    about.tables = one_chunk_tables(media_sizes, delta, at);
+    return join(
+        {ftyp(),
+         movie({track(about), hint_track(at + static_cast<uint32_t>(media.size())), more_tracks}),
+         box("mdat", {media, hint_samples})});
 }
 
 Bytes HintFile::hint_track(uint32_t at) const {
     return track({.id = 2,
                   .handler = "hint",
                   .entry = rtp_entry(max_packet, 8000, more_entry),
-                  .tables = join({one_chunk_tables(hint_sizes, 160, at), more_hint_tables}),
+                  .tables = join({one_chunk_tables(hint_sizes, delta, at), more_hint_tables}),
                   .extra = box("tref", {box("hint", {be32(media_track.id)})})});
 }
 
@@ -39,6 +38,11 @@ Bytes immediate(const std::string& payload, uint8_t count) {
     Bytes out = join({{1, count}, text(payload)});
     out.resize(16);
     return out;
+}
+
+Bytes immediate(const Bytes& payload) {
+    return immediate(std::string(payload.begin(), payload.end()),
+                     static_cast<uint8_t>(payload.size()));
 }
 
 Bytes from_sample(uint8_t type, uint8_t reference, uint16_t length, uint32_t number,

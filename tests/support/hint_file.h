@@ -12,6 +12,7 @@ class HintFile {
     TrackSpec media_track = {.id = 1, .entry = samr_entry()};  // its tables are made
     Bytes hint_samples;                                        // all hint samples, back to back
     std::vector<uint32_t> hint_sizes;
+    uint32_t delta = 160;  // ticks from sample to sample
     uint32_t max_packet = 1400;
     Bytes more_entry;
     Bytes more_hint_tables;  // further children of the hint track's `stbl`
@@ -31,6 +32,7 @@ Bytes packet_entry(uint8_t marker_type, uint16_t sequence, uint16_t constructors
                    uint8_t flags = 0);
 // Constructors.
 Bytes immediate(const std::string& payload, uint8_t count);
+Bytes immediate(const Bytes& payload);
 Bytes from_sample(uint8_t type, uint8_t reference, uint16_t length, uint32_t number,
                   uint32_t offset);
 

@@ -64,9 +64,8 @@ Played play_class(kst_host* host, const char* mode, const Playing& how) {
 }  // namespace
 
 ReadCall read_call(mm_Interface* handle, bool flag) {
-    return [=](uint8_t* buffer, uint32_t* size) {
-        return kst_ReadChunk(handle, buffer, size, flag);
-    };
+    return
+        [=](uint8_t* buffer, uint32_t* size) { return kst_ReadChunk(handle, buffer, size, flag); };
 }
 
 ReadCall read_call(C3gpInterface& player, bool flag) {
