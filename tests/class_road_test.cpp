@@ -28,7 +28,7 @@ using testing::IsEmpty;
 struct ClassFile {
     const char* file;  // without its ending
     const char* mode;
-    const char* speech = nullptr;  // truth, for those that carry it
+    const char* speech = nullptr;  // what it carries, below truth/
 };
 
 constexpr ClassFile kFiles[] = {
@@ -148,9 +148,11 @@ TEST_P(ClassRoad, PacketsAreThoseOfTheHintTrack) {
     const std::vector<Packet> expected = true_packets(about, list.packets[0].sequence);
     EXPECT_FALSE(expected.empty());
     EXPECT_EQ(list.packets, expected);
-    if (about.speech != nullptr) {
-        EXPECT_EQ(list.speech, read_sample("truth/" + std::string(about.speech) + ".amr"));
-    }
+    if (about.speech == nullptr) return;
+    Bytes speech = read_sample("truth/" + std::string(about.speech) + ".amr");
+    // That hint track ends 18 frames early.
+    if (std::string(about.file) == "amrnb_hinted_1450") speech.resize(speech.size() - 18 * 32);
+    EXPECT_EQ(list.speech, speech);
 }
 
 TEST_P(ClassRoad, AnyRequestGivesTheSameBytes) {
@@ -682,7 +684,12 @@ TEST_P(ClassRoad, ReadingOnAfterASeekGivesTheRest) {
     const ClassFile& about = GetParam();
     Seeking seeking(doctor(load(about), about.mode, Doctored::kNoSync), about.mode);
     const Listing& list = seeking.list();
-    // In front of the first frame the header records are still delivered.
+    // What a call has taken that could not deliver is not lost by a seek: the header records.
+    Bytes begun(1000);
+    uint32_t size = 1000;
+    seeking.host().fault = [](int) -> uint32_t { return KST_HOST_NOT_YET; };
+    ASSERT_EQ(seeking.player().ReadChunk(begun.data(), &size, true), KST_NOT_YET);
+    seeking.host().fault = nullptr;
     Bytes expected = seeking.headers();
     uint32_t reached = 0;
     for (uint32_t frame = seeking.frames(); frame >= 1; --frame) {
@@ -703,8 +710,8 @@ TEST_P(ClassRoad, ReadingOnAfterASeekGivesTheRest) {
     }
     EXPECT_GE(reached + 2, seeking.frames());
     // In the middle of a frame, the rest of it comes first.
-    Bytes begun(10);
-    uint32_t size = 10;
+    begun.resize(10);
+    size = 10;
     seek(seeking.player(), 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
     ASSERT_EQ(seeking.player().ReadChunk(begun.data(), &size, false), KST_SUCCESS);
     seek(seeking.player(), list.duration_ms(), KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
