@@ -330,7 +330,8 @@ TEST(ClassOpen, AnswersTheDocumentedStatusAndLine) {
 }
 
 TEST(ClassOpen, LetsTheLastMediumCountAndStaysOpen) {
-    FaultyHost host(read_sample("av_h263_amrnb_hinted.3gp"));
+    const Bytes file = read_sample("av_h263_amrnb_hinted.3gp");
+    FaultyHost host(file);
     C3gpInterface player(7);
     const SyslogCapture log(3);
     ASSERT_EQ(player.Open(host.callbacks(), "RvAvrA"), KST_SUCCESS);
@@ -352,7 +353,8 @@ TEST(ClassOpen, LetsTheLastMediumCountAndStaysOpen) {
 }
 
 TEST(ClassOpen, RefusesTablesWithHoles) {
-    FaultyHost host(read_sample("amrnb_hinted.3gp"));
+    const Bytes file = read_sample("amrnb_hinted.3gp");
+    FaultyHost host(file);
     C3gpInterface player;
     EXPECT_EQ(player.Open(nullptr, "ar"), KST_BAD_ARGUMENT);
     EXPECT_EQ(player.Open(host.callbacks(), nullptr), KST_BAD_MODE);

@@ -168,6 +168,23 @@ TEST_P(ClassRoad, AnyRequestGivesTheSameBytes) {
     }
 }
 
+TEST_P(ClassRoad, TheFlagMayChangeFromReadToRead) {
+    const ClassFile& about = GetParam();
+    const Bytes file = load(about);
+    FaultyHost host(file);
+    C3gpInterface player;
+    ASSERT_EQ(player.Open(host.callbacks(), about.mode), KST_SUCCESS);
+    bool flag = false;
+    const ReadThrough got = read_through_failures(
+        [&](uint8_t* buffer, uint32_t* size) {
+            flag = !flag;
+            return read_call(player, flag)(buffer, size);
+        },
+        33);
+    EXPECT_THAT(got.failures, IsEmpty());
+    EXPECT_TRUE(got.stream == whole_stream(file, about.mode));
+}
+
 // --- files that arrive ---
 
 struct BoxPlace {
@@ -272,6 +289,7 @@ struct Fault {
 constexpr Fault kFaults[] = {{"once", KST_HOST_FAILED, false},
                              {"for good", KST_HOST_FAILED, true},
                              {"not yet", KST_HOST_NOT_YET, false},
+                             {"not yet, the other way", KST_IO_NOT_YET_ALSO, false},
                              {"short", KST_HOST_OK, false}};
 
 // What ReadChunk answers when a slot does that.
@@ -279,7 +297,7 @@ int32_t expected_status(const std::string& slot, const Fault& fault) {
     const bool stream_call = slot == "Seek" || slot == "SeekNRead";
     if (fault.status == KST_HOST_OK) return KST_NOT_YET;
     if (stream_call) return KST_FAILURE;
-    return fault.status == KST_HOST_NOT_YET ? KST_NOT_YET : KST_IO_FAILURE;
+    return fault.status == KST_HOST_FAILED ? KST_IO_FAILURE : KST_NOT_YET;
 }
 
 bool is_read(const std::string& slot) {

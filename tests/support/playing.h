@@ -57,7 +57,8 @@ Bytes unpack_speech(const Bytes& stream, bool wide_band);
 // kst_host.
 class FaultyHost {
   public:
-    explicit FaultyHost(const Bytes& file);
+    explicit FaultyHost(const Bytes& file);  // which is kept by the caller
+    explicit FaultyHost(Bytes&&) = delete;
     FaultyHost(const FaultyHost&) = delete;
     FaultyHost& operator=(const FaultyHost&) = delete;
     ~FaultyHost();
