@@ -701,10 +701,10 @@ void drive(const Bytes& file, const char* mode) {
         }
     }
     // Not yet and failing by turns, at every slot.
-    int reads = 0;
-    int advances = 0;
+    size_t reads = 0;
+    size_t advances = 0;
     host.fault = [&](int) -> uint32_t {
-        int& turn = host.names.back() == "AdvanceRead" ? advances : reads;
+        size_t& turn = host.names.back() == "AdvanceRead" ? advances : reads;
         constexpr uint32_t kN = KST_HOST_NOT_YET, kF = KST_HOST_FAILED, kO = KST_HOST_OK;
         constexpr uint32_t kTurns[] = {kN, kO, kF, kO, kO, kO, kN};
         return kTurns[turn++ % std::size(kTurns)];
