@@ -69,9 +69,9 @@ TEST(ClassFrames, AreBuiltFromTheirConstructors) {
     // Dropped: outside its sample, of no sample, longer than its field. Skipped: a sample
     // description, and what has no meaning.
     made.add_hint(hint_sample(
-        1, {packet_entry(96, 11, 7), from_sample(2, 0, 11, 1, 0), from_sample(2, 0, 1, 3, 0),
-            from_sample(2, 0, 1, 0, 0), immediate("12345678901234", 15), from_sample(3, 0, 2, 1, 0),
-            Bytes(16, 9), immediate(kSpeech)}));
+        1, {packet_entry(96, 11, 8), from_sample(2, 0, 11, 1, 0), from_sample(2, 0, 1, 1, 11),
+            from_sample(2, 0, 1, 3, 0), from_sample(2, 0, 1, 0, 0), immediate("12345678901234", 15),
+            from_sample(3, 0, 2, 1, 0), Bytes(16, 9), immediate(kSpeech)}));
     made.add_hint(hint_sample(2, {packet_entry(96, 12, 1), immediate(kNoData),
                                   packet_entry(96, 13, 1), immediate(kSpeech)}));
     made.add_hint(hint_sample(1, {packet_entry(96, 14, 1), immediate(kNoData)}));
