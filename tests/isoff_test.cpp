@@ -7,6 +7,7 @@
 #include "interface/src/isoff.h"
 #include "kestrel/hosts.h"
 #include "tests/support/files.h"
+#include "tests/support/hint_file.h"
 #include "tests/support/syslog_capture.h"
 
 // The ISO reader: box walk, sample tables, samples and hint packets, on files made box by box.
@@ -543,52 +544,6 @@ TEST(Arena, ServesSmallAndLargeAndCounts) {
 }
 
 // --- hint packets ---
-
-// A media track of two samples and a hint track, both in one `mdat`.
-class HintFile {
-  public:
-    Bytes hint_samples;  // all hint samples, back to back
-    std::vector<uint32_t> hint_sizes;
-    uint32_t max_packet = 1400;
-    Bytes more_entry;
-    Bytes more_tracks;
-
-    Bytes build() const {
-        const Bytes media = text("abcdefghijXYZ");
-        const auto at =
-            static_cast<uint32_t>(assemble(0, media).size() - media.size() - hint_samples.size());
-        return assemble(at, media);
-    }
-
-  private:
-    Bytes assemble(uint32_t at, const Bytes& media) const {
-        const Bytes media_track =
-            track({.id = 1, .entry = samr_entry(), .tables = one_chunk_tables({10, 3}, 160, at)});
-        return join({ftyp(), movie({media_track, hint_track(at + 13), more_tracks}),
-                     box("mdat", {media, hint_samples})});
-    }
-    Bytes hint_track(uint32_t at) const {
-        return track({.id = 2,
-                      .handler = "hint",
-                      .entry = rtp_entry(max_packet, 8000, more_entry),
-                      .tables = one_chunk_tables(hint_sizes, 160, at),
-                      .extra = box("tref", {box("hint", {be32(1)})})});
-    }
-};
-
-Bytes packet_entry(uint8_t marker_type, uint16_t sequence, uint16_t constructors,
-                   uint8_t flags = 0) {
-    return join({be32(0), {0x30, marker_type}, be16(sequence), {0, flags}, be16(constructors)});
-}
-Bytes immediate(const std::string& payload, uint8_t count) {
-    Bytes out = join({{1, count}, text(payload)});
-    out.resize(16);
-    return out;
-}
-Bytes from_sample(uint8_t type, uint8_t reference, uint16_t length, uint32_t number,
-                  uint32_t offset) {
-    return join({{type, reference}, be16(length), words({number, offset, 0})});
-}
 
 std::string payload_of(const Bytes& packet, int length) {
     return std::string(packet.begin() + 12, packet.begin() + length);

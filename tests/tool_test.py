@@ -206,6 +206,33 @@ class ClassRoad(ToolTest):
                 rows = [line.split() for line in truth]
                 self.assertEqual(payloads, [row[6] for row in rows if row[0] == rows[0][0]])
 
+    def test_pictures_are_those_of_the_function_road(self):
+        for name in ["h263_hinted", "h263_cif_hinted", "h263_hinted_mtu500", "h263plus_hinted",
+                     "h263_rfc2190_hinted_1450", "mpeg4_hinted", "mpeg4_b_hinted",
+                     "av_h263_amrnb_hinted"]:
+            with self.subTest(name=name):
+                pictures = self.unpack(self.extract(name, "vr", "--road", "class"))
+                self.assertEqual(pictures, self.unpack(self.extract(name, "vr")))
+
+    def test_seeking_tells_where_it_begins(self):
+        whole = self.extract("h263_hinted", "vr", "--road", "class")
+        begins = [int.from_bytes(whole[8:12], "little")]
+        headers = whole[:begins[0]]
+        while begins[-1] < len(whole):
+            length = whole[begins[-1]:begins[-1] + 4]
+            begins.append(begins[-1] + int.from_bytes(length, "little"))
+        frames = []
+        for options in [("--sync", "next"), ("--sync", "previous"), ("--sync", "nearest"), (),
+                        ("--sync", "next", "--arriving", "3000")]:
+            with self.subTest(options=options):
+                result = run("extract", sample("h263_hinted"), "vr", "--road", "class", "--from",
+                             "900", *options)
+                told = re.fullmatch(r"from \d+ ms: frame (\d+), file offset \d+\n",
+                                    result.stderr.decode())
+                frames.append(int(told[1]))
+                self.assertEqual(result.stdout, headers + whole[begins[frames[-1] - 1]:])
+        self.assertEqual(frames, [11, 1, 11, 1, 11])
+
     def test_what_it_does_not_play(self):
         for name, mode, status in [("amrwb_hinted", "ar", 2), ("amrnb_plain", "ar", 12),
                                    ("two_amrnb_hinted", "ar", 11), ("amrnb_hinted", "vr", 14),
@@ -220,9 +247,19 @@ class Usage(ToolTest):
         for arguments in [(), ("nonsense",), ("extract",), ("extract", "x"), ("unpack", "x"),
                           ("extract", "x", "ar", "--arriving", "0"),
                           ("extract", "-", "ar", "--arriving", "5"),
+                          ("extract", "x", "ar", "--from", "5"),
+                          ("extract", "x", "ar", "--road", "class", "--sync", "next"),
+                          ("extract", "x", "ar", "--road", "class", "--from", "-1"),
                           ("info", "x", "--no-such-option")]:
             with self.subTest(arguments=arguments):
                 self.assert_fails(run(*arguments), 2, "kestrel: ")
+
+    def test_wrong_words_are_told_with_the_right_ones(self):
+        for option, words in [("--road", "{function,class}"), ("--sync", "{next,previous,nearest}")]:
+            self.assert_fails(run("extract", "x", "ar", "--from", "5", option, "up"), 2,
+                              f"{option}: up not in {words}")
+            self.assert_fails(run("extract", "x", "ar", "--from", "5", option, "0"), 2,
+                              f"{option}: 0 not in {words}")
 
     def test_help_names_every_command(self):
         text = run("--help").stdout.decode()

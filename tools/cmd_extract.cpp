@@ -1,4 +1,5 @@
-#include <map>
+#include <utility>
+#include <vector>
 
 #include "tools/commands.h"
 #include "tools/support.h"
@@ -139,21 +140,37 @@ void extract(const Options& options) {
     }
 }
 
+// An option that takes one of a few words.
+template <class Value>
+CLI::Option* add_choice(CLI::App* command, const char* name, Value& value,
+                        const std::vector<std::pair<std::string, Value>>& choices,
+                        const char* about) {
+    std::vector<std::string> words;
+    for (const auto& choice : choices)
+        words.push_back(choice.first);
+    const auto choose = [&value, choices](const std::string& word) {
+        for (const auto& choice : choices) {
+            if (choice.first == word) value = choice.second;
+        }
+    };
+    return command->add_option_function<std::string>(name, choose, about)
+        ->check(CLI::IsMember(words));
+}
+
 void add_road_options(CLI::App* command, const std::shared_ptr<Options>& options) {
-    static const std::map<std::string, Road> kRoads = {{"function", Road::kFunction},
-                                                       {"class", Road::kClass}};
-    static const std::map<std::string, Sync> kSyncs = {
-        {"next", Sync::kNext}, {"previous", Sync::kPrevious}, {"nearest", Sync::kNearest}};
-    command
-        ->add_option("--road", options->road,
+    add_choice<Road>(command, "--road", options->road,
+                     {{"function", Road::kFunction}, {"class", Road::kClass}},
                      "The library's way in: function (kst_Open) or class (C3gpInterface)")
-        ->transform(CLI::CheckedTransformer(kRoads))
         ->option_text("function|class [function]");
-    CLI::Option* from = command->add_option(
-        "--from", options->from_ms, "Begin at a sync sample near MS milliseconds; --road class");
+    CLI::Option* from = command->add_option("--from", options->from_ms,
+                                            "With --road class: begin at the sync sample near MS "
+                                            "milliseconds, and tell which that is");
     from->type_name("MS");
-    command->add_option("--sync", options->sync, "Which sync sample near --from is meant")
-        ->transform(CLI::CheckedTransformer(kSyncs))
+    add_choice<Sync>(
+        command, "--sync", options->sync,
+        {{"next", Sync::kNext}, {"previous", Sync::kPrevious}, {"nearest", Sync::kNearest}},
+        "Which sync sample is meant: the one at or after MS, the one at or before it, or of the "
+        "two around it the farther one")
         ->option_text("next|previous|nearest [previous]")
         ->needs(from);
 }

@@ -135,8 +135,10 @@ class KESTREL_API C3gpInterface {
     // failures leave the object closed: KST_BAD_MODE; KST_BAD_ARGUMENT: null table or slot;
     // KST_CORRUPT: a box is missing or damaged, or cannot be read yet; KST_TOO_MANY_TRACKS,
     // KST_NO_SUCH_TRACK, KST_NO_HINT_TRACK, KST_NO_MEMORY; KST_UNKNOWN_CODER: video that is neither
-    // H.263 nor MPEG-4; KST_FAILURE: audio that is not AMR narrow band, and anything else. A file
-    // that still arrives may be opened again later, from offset 0.
+    // H.263 nor MPEG-4; KST_NOT_YET: the first hint sample of H.263 video is not there;
+    // KST_FAILURE: audio that is not AMR narrow band, and anything else. A file that still arrives
+    // may be opened again later, from offset 0: its size must be known, and the header of its last
+    // box be there.
     unsigned int Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode);
 
     // Ends playing and frees what the object holds; it may be opened again. Closing a closed object
@@ -259,7 +261,7 @@ class KESTREL_API C3gpInterface {
     void Seek(_TAG_KST_SEEK_PARAMS* params);
     unsigned int SeekTarget(const _TAG_KST_SEEK_PARAMS* params);
 
-    void Read(unsigned char* buffer, unsigned int* size);
+    unsigned int Read(unsigned char* buffer, unsigned int wanted);
     void Deliver(unsigned char* buffer, unsigned int count);
     bool GetNextFrame();
     bool FeedWriter();

@@ -33,14 +33,13 @@ uintptr_t address(const void* pointer) {
 
 unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size, bool fio) {
     m_uStatus = KST_SUCCESS;
-    if (m_uMedium == kNoMedium) {
-        if (size != nullptr) *size = 0;
-        return m_uStatus = KST_NOT_OPEN;
-    }
+    const unsigned int wanted = size != nullptr ? *size : 0;
+    if (size != nullptr) *size = 0;  // until it is delivered
+    if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
     if (buffer == nullptr || size == nullptr) return m_uStatus = KST_BAD_ARGUMENT;
     try {
         m_fFIO = fio;
-        Read(buffer, size);
+        *size = Read(buffer, wanted);
         return m_uStatus;
     } catch (const SimpleException& caught) {
         log_caught(kError, caught);
@@ -48,14 +47,12 @@ unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size,
         log_always(at(kDriverSource), "%s", kUnhandledLogged);
     }
     if (m_uStatus == KST_SUCCESS) m_uStatus = KST_FAILURE;
-    *size = 0;
     return m_uStatus;
 }
 
-// What is taken from the writer on the way waits in m_Taken, so that a call which ends without
-// delivering anything loses nothing.
-void C3gpInterface::Read(unsigned char* buffer, unsigned int* size) {
-    const unsigned int wanted = *size;
+// Answers the bytes delivered. What is taken from the writer on the way waits in m_Taken, so that a
+// call which ends without delivering anything loses nothing.
+unsigned int C3gpInterface::Read(unsigned char* buffer, unsigned int wanted) {
     unsigned int available = 0;
     const unsigned char* data = GetPropBuffer(&available);
     log_line(kVerbose, at(kDriverSource), "%d bytes requested, %d bytes available", wanted,
@@ -68,14 +65,13 @@ void C3gpInterface::Read(unsigned char* buffer, unsigned int* size) {
         if (!GetNextFrame()) {
             log_line(kVerbose, at(kDriverSource), "EOF reached");
             m_uStatus = KST_END_OF_FILE;
-            *size = static_cast<unsigned int>(m_Taken.size());
-            Deliver(buffer, *size);
-            return;
+            const auto last = static_cast<unsigned int>(m_Taken.size());
+            Deliver(buffer, last);
+            return last;
         }
         if (m_uStatus == KST_NOT_YET) {
             log_line(kVerbose, at(kDriverSource), "Waiting for more FIO data...");
-            *size = 0;
-            return;
+            return 0;
         }
         data = GetPropBuffer(&available);
     }
@@ -85,6 +81,7 @@ void C3gpInterface::Read(unsigned char* buffer, unsigned int* size) {
     if (wanted > kept) std::memcpy(buffer + kept, data, wanted - kept);
     MarkPropBytesRead(wanted - kept);
     Deliver(buffer, kept);
+    return wanted;
 }
 
 // Hands out the first `count` of the bytes that were taken before.

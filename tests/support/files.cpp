@@ -96,6 +96,10 @@ Bytes rtp_entry(uint32_t max_packet, uint32_t timescale, const Bytes& more) {
     return box("rtp ", {zeros(8), be16(1), be16(1), be32(max_packet), tims, more});
 }
 
+Bytes visual_entry(const char* type, const Bytes& more) {
+    return box(type, {zeros(24), be16(176), be16(144), zeros(8), zeros(42), more});
+}
+
 Bytes one_chunk_tables(const std::vector<uint32_t>& sizes, uint32_t delta, uint32_t offset) {
     const auto count = static_cast<uint32_t>(sizes.size());
     Bytes size_list;

@@ -46,6 +46,9 @@ Bytes ftyp();
 Bytes samr_entry(uint8_t frames_per_sample = 1);
 Bytes rtp_entry(uint32_t max_packet, uint32_t timescale = 8000, const Bytes& more = {});
 
+// A video entry of 176 by 144, with the boxes that tell more.
+Bytes visual_entry(const char* type, const Bytes& more);
+
 // Sample tables: one time entry, the given sizes, all samples in one chunk at `offset`.
 Bytes one_chunk_tables(const std::vector<uint32_t>& sizes, uint32_t delta, uint32_t offset);
 

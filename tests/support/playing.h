@@ -1,24 +1,54 @@
-// Playing a stream through the exported functions, and hosts that misbehave.
+// Playing a stream on either road, and hosts that misbehave.
 #ifndef KESTREL_TESTS_PLAYING_H
 #define KESTREL_TESTS_PLAYING_H
 
 #include <functional>
+#include <optional>
 
+#include "kestrel/c3gpinterface.h"
 #include "kestrel/hosts.h"
 #include "kestrel/kestrel.h"
 #include "tests/support/files.h"
+
+// The library's two ways in: kst_Open and C3gpInterface.
+enum class Road { kFunction, kClass };
+
+// How a test plays.
+struct Playing {
+    Road road = Road::kFunction;
+    uint32_t request = KST_LARGEST_CHUNK;  // bytes asked for at once
+    std::optional<bool> flag = {};         // of each read; unset: whether the host's file arrives
+    // How many steps of the host a wait takes; unset: one.
+    std::function<uint32_t()> steps = {};
+};
 
 // What came of playing a track.
 struct Played {
     int32_t status = KST_SUCCESS;  // that ended it
     bool opened = false;
     Bytes stream;
+    int waits = 0;  // for more of the file, once it was open
 };
 
 // Opens and reads to the end, waiting for a host whose file arrives.
-Played play(kst_host* host, const char* mode);
-Played play(const Bytes& file, const char* mode);
-Played play_arriving(const Bytes& file, const char* mode, uint32_t step);
+Played play(kst_host* host, const char* mode, const Playing& how = {});
+Played play(const Bytes& file, const char* mode, const Playing& how = {});
+Played play_arriving(const Bytes& file, const char* mode, uint32_t step, const Playing& how = {});
+
+// One call of ReadChunk on what is open.
+using ReadCall = std::function<int32_t(uint8_t* buffer, uint32_t* size)>;
+ReadCall read_call(mm_Interface* handle, bool flag);
+ReadCall read_call(C3gpInterface& player, bool flag);
+
+// What came of reading through failures.
+struct ReadThrough {
+    Bytes stream;
+    std::vector<int32_t> failures;
+    int32_t status = KST_SUCCESS;  // that ended it
+};
+
+// Reads to the end of the stream, or to the third failure.
+ReadThrough read_through_failures(const ReadCall& read, uint32_t request = KST_LARGEST_CHUNK);
 
 // The speech file (RFC 4867, 5) that an audio stream was made from.
 Bytes unpack_speech(const Bytes& stream, bool wide_band);
@@ -27,7 +57,8 @@ Bytes unpack_speech(const Bytes& stream, bool wide_band);
 // kst_host.
 class FaultyHost {
   public:
-    explicit FaultyHost(const Bytes& file);
+    explicit FaultyHost(const Bytes& file);  // which is kept by the caller
+    explicit FaultyHost(Bytes&&) = delete;
     FaultyHost(const FaultyHost&) = delete;
     FaultyHost& operator=(const FaultyHost&) = delete;
     ~FaultyHost();
@@ -38,12 +69,15 @@ class FaultyHost {
     // Asked before each call with its number, from 0; a status other than KST_HOST_OK is returned
     // in place of the call.
     std::function<uint32_t(int call)> fault;
+    // Asked before each read that no fault stops; true has it deliver half of what is wanted.
+    std::function<bool(int call)> cut;
     int calls = 0;
     std::vector<std::string> names;  // of the slots called, in order
 
   private:
     struct Slots;
     uint32_t ask(const char* name);
+    uint32_t allowed(uint32_t count) const;
 
     kst_host* host_;
     KST_IOSTREAM_CALLBACK_INTERFACE* inner_;

@@ -1,0 +1,870 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "kestrel/log.h"
+#include "kestrel/native_records.h"
+#include "propfile/src/propfile_audio.h"
+#include "tests/support/hint_file.h"
+#include "tests/support/playing.h"
+#include "tests/support/syslog_capture.h"
+
+// What C3gpInterface makes of files that were made for it: its frames, its statuses, and the lines
+// it writes to the system log.
+
+// The driver's steps that no public function shows.
+struct C3gpInterfaceAccess {
+    static uint32_t amr_bit_rate(uint32_t mode_set) {
+        return C3gpInterface::GetAMRBitRate(mode_set);
+    }
+};
+
+namespace {
+
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+const Playing kOnClass{.road = Road::kClass, .steps = {}};
+
+// --- frames of made hint samples ---
+
+Bytes le16(uint32_t value) {
+    return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
+}
+
+Bytes le32(uint32_t value) {
+    return join({le16(value & 0xFFFF), le16(value >> 16)});
+}
+
+Bytes speech_frame(uint32_t time, uint32_t sequence, uint32_t flag, const Bytes& payload) {
+    return join({le32(static_cast<uint32_t>(24 + payload.size())), le32(10), le32(time), le32(time),
+                 le16(sequence), le16(flag), le32(0), payload});
+}
+
+const Bytes kNoData = {0xF0, 0x7C};
+const Bytes kSpeech = {0xF0, 0x3C, 0x55};
+
+// The frames, behind the header records.
+Bytes frames_of(const HintFile& made) {
+    constexpr long kHeaders = 68;
+    const Played played = play(made.build(), "ar", kOnClass);
+    EXPECT_EQ(played.status, KST_END_OF_FILE);
+    EXPECT_GE(played.stream.size(), size_t{kHeaders});
+    return Bytes(played.stream.begin() + kHeaders, played.stream.end());
+}
+
+TEST(ClassFrames, AreBuiltFromTheirConstructors) {
+    HintFile made;
+    made.add_hint(hint_sample(1, {packet_entry(96, 9, 4), Bytes(16), immediate("<>", 2),
+                                  from_sample(2, 0, 4, 1, 3), from_sample(2, 0, 3, 2, 0)}));
+    made.add_hint(hint_sample(0, {}));
+    made.add_hint(hint_sample(
+        1, {packet_entry(96, 10, 2, 4), be32(12), zeros(8), immediate("", 0), immediate(kNoData)}));
+    // Dropped: outside its sample, of no sample, longer than its field. Skipped: a sample
+    // description, and what has no meaning.
+    made.add_hint(hint_sample(
+        1, {packet_entry(96, 11, 8), from_sample(2, 0, 11, 1, 0), from_sample(2, 0, 1, 1, 11),
+            from_sample(2, 0, 1, 3, 0), from_sample(2, 0, 1, 0, 0), immediate("12345678901234", 15),
+            from_sample(3, 0, 2, 1, 0), Bytes(16, 9), immediate(kSpeech)}));
+    made.add_hint(hint_sample(2, {packet_entry(96, 12, 1), immediate(kNoData),
+                                  packet_entry(96, 13, 1), immediate(kSpeech)}));
+    made.add_hint(hint_sample(1, {packet_entry(96, 14, 1), immediate(kNoData)}));
+    // Left out: a second packet is told of, and a length too small for itself.
+    made.add_hint(hint_sample(2, {packet_entry(96, 15, 1), immediate(kSpeech)}));
+    made.add_hint(hint_sample(1, {packet_entry(96, 15, 0, 4), be32(3)}));
+    made.add_hint(hint_sample(1, {packet_entry(96, 16, 1), immediate(kSpeech)}));
+    const Bytes two_packets = join({kNoData, kSpeech});
+    EXPECT_EQ(frames_of(made),
+              join({speech_frame(0, 9, 0, text("<>defgXYZ")), join({le32(24), le32(10), zeros(16)}),
+                    speech_frame(320, 10, 0, kNoData), speech_frame(480, 11, 1, kSpeech),
+                    speech_frame(640, 13, 1, two_packets), speech_frame(800, 14, 0, kNoData),
+                    speech_frame(1280, 16, 1, kSpeech)}));
+}
+
+TEST(ClassFrames, TakeWhatFitsTheirBuffer) {
+    HintFile made;
+    made.delta = 4;
+    made.media = Bytes(1600, 0xF0);
+    made.media_sizes = {1600};
+    made.add_hint(hint_sample(1, {packet_entry(96, 1, 3), from_sample(2, 0, 1500, 1, 0),
+                                  from_sample(2, 0, 45, 1, 0), from_sample(2, 0, 44, 1, 0)}));
+    made.add_hint(hint_sample(1, {packet_entry(96, 2, 1), immediate(kSpeech)}));
+    // Half a millisecond is a whole one.
+    EXPECT_EQ(frames_of(made),
+              join({speech_frame(0, 1, 0, Bytes(1544, 0xF0)), speech_frame(8, 2, 0, kSpeech)}));
+}
+
+TEST(ClassFrames, WriterGivesOutWhatItHas) {
+    PropFileAudio writer(nullptr);
+    const _TAG_AUDIO_OPEN_PARAMS params{1000, 50, 10, 8000, 12200};
+    EXPECT_TRUE(writer.Open(&params));
+    unsigned int available = 0;
+    EXPECT_NE(writer.GetBuffer(&available), nullptr);
+    EXPECT_EQ(available, 68u);
+    writer.OffsetBytes(60);
+    try {
+        writer.OffsetBytes(9);
+        ADD_FAILURE() << "took more than there is";
+    } catch (const SimpleException& caught) {
+        EXPECT_EQ(caught.message(), "Invalid offset - 9 bytes requested, 8 available");
+    }
+    writer.OffsetBytes(8);
+    EXPECT_EQ(writer.ByteCount(), 0u);
+    writer.Close();
+    EXPECT_EQ(writer.GetBuffer(&available), nullptr);
+    EXPECT_EQ(PropFile::GetPadding(4), 0u);
+    EXPECT_EQ(PropFile::GetPadding(5), 3u);
+    EXPECT_EQ(PropFile::To1616(29.97), 29u << 16 | 97);
+    EXPECT_EQ(PropFile::To1616(15.0), 15u << 16);
+}
+
+TEST(ClassFrames, BitRateOfAModeSet) {
+    uint32_t mode_set = 1;
+    for (const uint32_t rate : {4750u, 5150u, 5900u, 6700u, 7400u, 7950u, 10200u, 12200u}) {
+        EXPECT_EQ(C3gpInterfaceAccess::amr_bit_rate(mode_set), rate);
+        mode_set *= 2;
+    }
+    EXPECT_EQ(C3gpInterfaceAccess::amr_bit_rate(0), 12200u);
+    EXPECT_EQ(C3gpInterfaceAccess::amr_bit_rate(3), 12200u);
+}
+
+// --- header records ---
+
+template <class Record>
+Record record_at(const Bytes& stream, size_t offset) {
+    Record record{};
+    if (offset + sizeof record > stream.size()) throw std::runtime_error("short stream");
+    std::memcpy(&record, &stream[offset], sizeof record);
+    return record;
+}
+
+TEST(ClassHeaders, OfVideo) {
+    const Bytes stream = play(read_sample("h263_rfc2190_hinted_1450.3gp"), "vr", kOnClass).stream;
+    const auto prop = record_at<kestrel::PROP_Header_Info>(stream, 0);
+    EXPECT_EQ(prop.header_length, 92u);
+    EXPECT_EQ(prop.value, 15u);
+    const auto index = record_at<kestrel::VID_Header_IndxInfo>(stream, 32);
+    EXPECT_EQ(index.index_words[0], 15u << 16);
+    EXPECT_EQ(index.index_words[1], 0u);
+    const auto codec = record_at<kestrel::VID_Header_CodecInfo>(stream, 40);
+    EXPECT_STREQ(codec.codec, "s263");
+    EXPECT_EQ(codec.width, 352u);
+    EXPECT_EQ(codec.height, 288u);
+    const auto info = record_at<kestrel::VID_FileInfo>(stream, 76);
+    EXPECT_EQ(info.duration_ms, 1000u);
+    const Bytes plus = play(read_sample("h263_hinted.3gp"), "vr", kOnClass).stream;
+    EXPECT_STREQ(record_at<kestrel::VID_Header_CodecInfo>(plus, 40).codec, "s263+");
+}
+
+Bytes edit_list(const Bytes& edits) {
+    return box("edts",
+               {box("elst", {be32(0), be32(static_cast<uint32_t>(edits.size() / 12)), edits})});
+}
+
+// H.263 with a packet of its own, beside an audio track.
+HintFile video_file(const Bytes& video_edits, const Bytes& audio_extra) {
+    HintFile made;
+    made.media_track = {.id = 1,
+                        .handler = "vide",
+                        .timescale = 90000,
+                        .duration = 90000,
+                        .entry = visual_entry("s263", box("d263", {text("test"), {1, 10, 0}})),
+                        .extra = video_edits};
+    made.add_hint(hint_sample(1, {packet_entry(0x80 | 34, 1, 1), immediate("abc", 3)}));
+    made.more_tracks = track({.id = 3,
+                              .entry = samr_entry(),
+                              .tables = one_chunk_tables({}, 160, 0),
+                              .extra = audio_extra});
+    return made;
+}
+
+TEST(ClassHeaders, StartOffsetsComeFromEmptyEdits) {
+    const Bytes normal = words({500, 0, 0x10000});
+    const Bytes late100 = words({100, 0xFFFFFFFF, 0x10000});
+    const Bytes late50 = words({50, 0xFFFFFFFF, 0x10000});
+    const struct {
+        Bytes video, audio;
+        uint32_t video_start, audio_start;
+    } cases[] = {
+        {{}, {}, 0, 0},
+        {edit_list(normal), edit_list(normal), 0, 0},
+        {edit_list(join({late100, late50})), {}, 9000, 0},
+        {edit_list(join({normal, late50})), edit_list(normal), 4500, 0},
+        {{}, edit_list(late100), 0, 800},
+        {edit_list(late100), edit_list(late50), 9000 - 400, 0},
+        {edit_list(words({1, 0xFFFFFFFF, 0})), edit_list(late50), 0, 400 - 90},
+    };
+    for (const auto& c : cases) {
+        Bytes file = video_file(c.video, c.audio).build();
+        const SyslogCapture log(3);
+        const Bytes stream = play(file, "vr", kOnClass).stream;
+        EXPECT_THAT(log.lines(), IsEmpty());
+        const auto start = record_at<kestrel::VID_Header_NTSInfo>(stream, 24);
+        EXPECT_EQ(start.video_start, c.video_start);
+        EXPECT_EQ(start.audio_start, c.audio_start);
+    }
+    // A movie without a timescale.
+    Bytes file = video_file(edit_list(late100), edit_list(late50)).build();
+    const std::string mvhd = "mvhd";
+    const auto at = std::search(file.begin(), file.end(), mvhd.begin(), mvhd.end());
+    std::fill_n(at + 16, 4, uint8_t{0});
+    const auto start =
+        record_at<kestrel::VID_Header_NTSInfo>(play(file, "vr", kOnClass).stream, 24);
+    EXPECT_EQ(start.video_start | start.audio_start, 0u);
+}
+
+// --- statuses ---
+
+// The n-th box of a type becomes one that nobody knows.
+Bytes without(Bytes file, const std::string& type, int nth = 0) {
+    auto at = file.begin();
+    for (;; ++at) {
+        at = std::search(at, file.end(), type.begin(), type.end());
+        if (at == file.end()) throw std::runtime_error("no box " + type);
+        if (nth-- == 0) break;
+    }
+    std::copy_n("xxxx", 4, at);
+    return file;
+}
+
+// Writes a word behind the type of the n-th box.
+Bytes with_word(Bytes file, const std::string& type, int nth, size_t offset, uint32_t value) {
+    const Bytes marked = without(file, type, nth);
+    const auto at = std::mismatch(file.begin(), file.end(), marked.begin()).first;
+    const Bytes bytes = be32(value);
+    std::copy(bytes.begin(), bytes.end(), at + 4 + static_cast<long>(offset));
+    return file;
+}
+
+constexpr size_t kMdhdTimescale = 12;
+constexpr size_t kTableCount = 4;
+
+struct OpenCase {
+    std::string what;
+    Bytes file;
+    const char* mode;
+    unsigned int status;
+    std::string message;
+};
+
+std::vector<OpenCase> open_cases() {
+    const Bytes speech = read_sample("amrnb_hinted.3gp");
+    const Bytes both =
+        video_file(edit_list(words({1, 0xFFFFFFFF, 0})), edit_list(words({1, 0xFFFFFFFF, 0})))
+            .build();
+    std::vector<OpenCase> cases = {
+        {"", speech, "", 7, "Mode not specified"},
+        {"", speech, "r", 7, "Mode not specified"},
+        {"", speech, "A", 7, "Direction not specified"},
+        {"", speech, "rx", 7, "Invalid/unsupported mode switch [x] specified"},
+        {"", speech, "a r", 7, "Invalid/unsupported mode switch [ ] specified"},
+        {"", speech, "W", 7, "Invalid/unsupported mode switch [w] specified"},
+        {"", speech, "vr", 14, "File does not contain video track"},
+        {"", read_sample("h263_hinted.3gp"), "ra", 14, "File does not contain audio track"},
+        {"", read_sample("two_amrnb_hinted.3gp"), "ar", 11, "Too many audio tracks found"},
+        {"", read_sample("amrnb_plain.3gp"), "ar", 12,
+         "audio track ID 1 does not have a hint track."},
+        {"", read_sample("h263_plain.3gp"), "vr", 12,
+         "video track ID 1 does not have a hint track."},
+        {"", read_sample("amrwb_hinted.3gp"), "ar", 2, "Unsupported audio coder type found"},
+        {"", read_sample("aac_hinted.3gp"), "ar", 2, "Unsupported audio coder type found"},
+        {"", read_sample("h264_hinted.3gp"), "vr", 15, "Unknown / unsuppoorted video codec found"},
+        {"hint of a missing track", with_word(speech, "tref", 0, 8, 9), "ar", 12,
+         "audio track ID 1 does not have a hint track."},
+        {"no timescale", with_word(speech, "mdhd", 0, kMdhdTimescale, 0), "ar", 4,
+         "Error: Undefined sound timescale in source file"},
+        {"no timescale", with_word(both, "mdhd", 0, kMdhdTimescale, 0), "vr", 4,
+         "Undefined video timescale in source file"},
+        {"no entries", without(speech, "stsd"), "ar", 2, "Audio codec information not found"},
+        {"audio without mdhd", without(both, "mdhd", 2), "vr", 4, "Could not find mdhd box"},
+        {"audio without elst", without(both, "elst", 1), "vr", 4, "Could not find elst box"},
+        {"nothing", {}, "ar", 4, "Could not find ftyp box"},
+    };
+    cases.push_back(
+        {"foreign entry", without(speech, "samr"), "ar", 2, "Unsupported audio coder type found"});
+    // The first reference is that of "tref", then come handlers.
+    for (const char* type : {"ftyp", "moov", "mdia", "hdlr", "tkhd", "tref", "hint", "minf", "mdhd",
+                             "stbl", "stts", "stsz", "stsc", "stco"}) {
+        for (const int nth : {0, 1}) {
+            const std::string name = type;
+            if (nth == 1 &&
+                (name == "ftyp" || name == "moov" || name == "tref" || name == "hint")) {
+                continue;
+            }
+            cases.push_back({"without " + name + " " + std::to_string(nth),
+                             without(speech, name, nth), "ar", 4,
+                             "Could not find " + name + " box"});
+        }
+    }
+    return cases;
+}
+
+TEST(ClassOpen, AnswersTheDocumentedStatusAndLine) {
+    int tried = 0;
+    for (const OpenCase& c : open_cases()) {
+        SCOPED_TRACE(c.what + " " + c.mode + ": " + c.message);
+        kst_host* host = kst_host_from_memory(c.file.data(), c.file.size());
+        C3gpInterface player;
+        const SyslogCapture log(3);
+        EXPECT_EQ(player.Open(kst_host_callbacks(host), c.mode), c.status);
+        ASSERT_FALSE(log.lines().empty());
+        EXPECT_EQ(log.messages().back(), "ERR: " + c.message);
+        for (const std::string& line : log.lines()) {
+            EXPECT_THAT(line, AnyOf(StartsWith("ERR: .//interface/src/c3gpinterface("),
+                                    StartsWith("ERR: .//boxes/sample_entries(")));
+        }
+        uint32_t size = 1;
+        unsigned char byte = 0;
+        EXPECT_EQ(player.ReadChunk(&byte, &size, false), KST_NOT_OPEN);
+        EXPECT_EQ(size, 0u);
+        kst_host_close(host);
+        ++tried;
+    }
+    EXPECT_GT(tried, 40);
+}
+
+TEST(ClassOpen, LetsTheLastMediumCountAndStaysOpen) {
+    const Bytes file = read_sample("av_h263_amrnb_hinted.3gp");
+    FaultyHost host(file);
+    C3gpInterface player(7);
+    const SyslogCapture log(3);
+    ASSERT_EQ(player.Open(host.callbacks(), "RvAvrA"), KST_SUCCESS);
+    uint32_t offset = 99;
+    host.callbacks()->GetOffset(host.callbacks()->Context, &offset);
+    EXPECT_EQ(offset, 0u);
+    EXPECT_EQ(player.Open(nullptr, nullptr), KST_ALREADY_OPEN);
+    Bytes medium(8);
+    uint32_t size = 8;
+    EXPECT_EQ(player.ReadChunk(medium.data(), &size, false), KST_SUCCESS);
+    EXPECT_EQ(medium, text("AUDIO   "));
+    size = 8;
+    EXPECT_EQ(player.ReadChunk(nullptr, &size, false), KST_BAD_ARGUMENT);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(player.ReadChunk(medium.data(), nullptr, false), KST_BAD_ARGUMENT);
+    EXPECT_EQ(player.Close(), KST_SUCCESS);
+    EXPECT_EQ(player.Close(), KST_SUCCESS);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(ClassOpen, RefusesTablesWithHoles) {
+    const Bytes file = read_sample("amrnb_hinted.3gp");
+    FaultyHost host(file);
+    C3gpInterface player;
+    EXPECT_EQ(player.Open(nullptr, "ar"), KST_BAD_ARGUMENT);
+    EXPECT_EQ(player.Open(host.callbacks(), nullptr), KST_BAD_MODE);
+    for (size_t slot = 1; slot < sizeof *host.callbacks() / sizeof(void*); ++slot) {
+        KST_IOSTREAM_CALLBACK_INTERFACE holed = *host.callbacks();
+        std::memset(reinterpret_cast<char*>(&holed) + slot * sizeof(void*), 0, sizeof(void*));
+        EXPECT_EQ(player.Open(&holed, "ar"), KST_BAD_ARGUMENT) << "slot " << slot;
+    }
+    EXPECT_EQ(host.calls, 0);
+}
+
+// Tables that end too early, or count nothing.
+struct SeekCase {
+    Bytes file;
+    uint32_t flags;
+    unsigned int status;
+    const char* message;
+};
+
+constexpr uint32_t kNext = KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC;
+constexpr uint32_t kPrevious = KST_SEEK_ABSOLUTE | KST_SEEK_PREVIOUS_SYNC;
+constexpr uint32_t kRelative = KST_SEEK_RELATIVE | KST_SEEK_NEXT_SYNC;
+
+// Three frames of speech; sync samples as told.
+HintFile three_frames(std::initializer_list<uint32_t> syncs = {}) {
+    HintFile made;
+    for (uint16_t i = 0; i < 3; ++i) {
+        made.add_hint(hint_sample(
+            1, {packet_entry(96, i, 2), immediate(kSpeech), from_sample(2, 0, 2, 1, i)}));
+    }
+    if (syncs.size() > 0) {
+        made.more_hint_tables =
+            box("stss", {be32(0), be32(static_cast<uint32_t>(syncs.size())), words(syncs)});
+    }
+    return made;
+}
+
+std::vector<SeekCase> seek_cases() {
+    const Bytes file = three_frames().build();
+    HintFile still = three_frames();
+    still.delta = 0;
+    const Bytes slow = with_word(file, "mdhd", 0, kMdhdTimescale, 999);
+    return {
+        {file, KST_SEEK_ABSOLUTE, 19, "Illegal Seek Flags"},
+        {still.build(), kNext, 20,
+         "C3gpInterface::ConvertMdhdTimeToSample - Attempt to divide by zero."},
+        {slow, kNext, 20, "C3gpInterface::GetTimestampInMs - Attempt to divide by zero"},
+        {slow, kRelative, 2, "Attempting to Divide by Zero"},
+        {with_word(file, "stsc", 1, kTableCount, 0), kNext, 4,
+         "C3gpInterface::CalcHintOffset - No Sample-to-Chunk Table in Hint Track"},
+        {with_word(file, "stco", 1, kTableCount, 0), kNext, 22,
+         "C3gpInterface::SeekTo - Could not calculate Hint Track Offset"},
+        {three_frames({2}).build(), kPrevious, 22,
+         "C3gpInterface::SeekTo - Could not calculate Hint Track Offset"},
+        {three_frames({9}).build(), kNext, 4, "STSS Corruption (sync_sample=9, max_samples=3)."},
+        {with_word(three_frames({3}).build(), "stts", 1, 8, 2), kNext, 21,
+         "AUDIO: Iterated off the end of the time to sample table!"},
+    };
+}
+
+TEST(ClassSeek, AnswersTheDocumentedStatusAndLine) {
+    for (const SeekCase& c : seek_cases()) {
+        SCOPED_TRACE(c.message);
+        FaultyHost host(c.file);
+        C3gpInterface player;
+        ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+        _TAG_KST_SEEK_PARAMS params{1, 0, 2, 3, c.flags};
+        const SyslogCapture log(3);
+        EXPECT_EQ(player.SeekTo(&params), c.status);
+        EXPECT_THAT(log.messages(), ElementsAre(std::string("ERR: ") + c.message));
+        EXPECT_EQ(params.uReserved, 1u);
+        EXPECT_EQ(params.uFrameNum, 2u);
+        EXPECT_EQ(params.uFileOffset, 3u);
+    }
+}
+
+// Tables that end too early stop playing; what was delivered stays.
+TEST(ClassRead, TellsTablesThatEndTooEarly) {
+    const Bytes file = three_frames().build();
+    const Bytes whole = play(file, "ar", kOnClass).stream;
+    const struct {
+        Bytes file;
+        int status;
+        const char* message;
+    } cases[] = {
+        {with_word(file, "stts", 1, 8, 1), 2,
+         "AUDIO: Iterated off the end of the time to sample table!"},
+        {with_word(file, "stsc", 1, 12, 1), 2,
+         "AUDIO: Iterated off the end of the chunk offset table!"},
+        {with_word(file, "stco", 1, kTableCount, 0), 4,
+         "AUDIO: Iterated off the end of the chunk offset table!"},
+    };
+    for (const auto& c : cases) {
+        Playing how = kOnClass;
+        how.request = 1;
+        const SyslogCapture log(3);
+        const Played played = play(c.file, "ar", how);
+        EXPECT_EQ(played.status, c.status) << c.message;
+        EXPECT_THAT(log.messages(), ElementsAre(std::string("ERR: ") + c.message));
+        EXPECT_GE(played.stream.size(), 68u);
+        EXPECT_TRUE(std::equal(played.stream.begin(), played.stream.end(), whole.begin()));
+    }
+}
+
+// --- log lines ---
+
+// The end of what a conversion may have written at `text`; null for nothing.
+const char* end_of_value(char conversion, bool padded, const char* text) {
+    const char* end = text;
+    if (conversion == 'c') return *text != '\0' ? text + 1 : nullptr;
+    if (conversion == 'd' && *end == '-') ++end;
+    const char* const digits = conversion == 'x'   ? "0123456789abcdef"
+                               : conversion == 'X' ? "0123456789ABCDEF"
+                               : conversion == 'f' ? "0123456789."
+                                                   : "0123456789";
+    const size_t count = std::strspn(end, digits);
+    end += count;
+    if (padded) end += std::strspn(end, " ");
+    return count > 0 ? end : nullptr;
+}
+
+// Whether a text is what a printf format may give.
+bool is_made_by(const char* format, const char* text) {
+    for (; *format != '\0'; ++format) {
+        if (*format != '%') {
+            if (*format != *text++) return false;
+            continue;
+        }
+        const bool padded = format[1] == '-';
+        format = std::strpbrk(format, "cdfsxX");
+        if (*format == 's') {
+            while (*++text != '\0') {
+                if (is_made_by(format + 1, text)) return true;
+            }
+            return false;
+        }
+        text = end_of_value(*format, padded, text);
+        if (text == nullptr) return false;
+    }
+    return *text == '\0';
+}
+
+// Lines of the road at verbose level: prefix, and format of the text. The bare lines of the hint
+// sample's trace have neither prefix nor place nor a newline of their own.
+struct Line {
+    const char* prefix;
+    const char* format;
+};
+
+constexpr const char* kTrace = "trace";
+
+const std::vector<Line> kLines = {
+    // opening
+    {"", "Kestrel: Set log level to DEBUG"},
+    {"", "Kestrel: Set log level to DEBUG_VERBOSE"},
+    {"DBG: ", "Switch [%c] found"},
+    {"DBG: ", "Read3gpBoxes(): m_pIOCallback=0x%x, m_pIOCallback->pUserContext=0x%x"},
+    {"DBG: ", "Reading 3gp boxes from file"},
+    {"DBG: ", "Reading 3gp boxes complete"},
+    {"DBG: ", "Found 3gp major brand: 0x%X"},
+    {"DBG: ", "Found audio track"},
+    {"DBG: ", "Found Hint track"},
+    {"DBG: ", "Hint track ID %d is associated with track ID %d"},
+    {"DBG: ", "Found video track"},
+    {"DBG: ", "%s track ID: %d"},
+    {"DBG: ", "Found %d media samples and %d hint samples"},
+    {"DBG: ", "Allocating %d bytes for media sample buffer"},
+    {"DBG: ", "Allocating %d bytes for media sample offset buffer"},
+    {"DBG: ", "Allocating %d bytes for hint sample buffer"},
+    {"DBG: ", "Chunks counted: %d  Samples counted: %d"},
+    {"DBG: ", "Audio frame count: %d"},
+    {"DBG: ", "Audio timescale: %d  Audio bitrate: %d"},
+    {"DBG: ", "Video timescale: %d"},
+    {"DBG: ", "Video duration: %d MS"},
+    {"DBG: ", "MPEG4 Video codec found"},
+    {"DBG: ", "Video frame count: %d"},
+    {"DBG: ", "Video FPS: %f  Duration: %d  Bitrate: %d"},
+    {"DBG: ", "H263 Video codec found"},
+    {"DBG: ", "H263_1998 Video codec found"},
+    {"DBG: ", "VideoNTS: %d  In 3gp file: %d  timescale_mvhd: %d  ClockFreq: %d"},
+    {"DBG: ", "AudioNTS: %d  In 3gp file: %d  timescale_mvhd: %d  ClockFreq: %d"},
+    {"DBG: ", "Creating H263 object"},
+    {"DBG: ", "Creating H263_1998 object"},
+    {"DBG: ", "Creating MPEG4 object"},
+    {"DBG: ", "Opening video object"},
+    {"DBG: ", "Allocating %d bytes for audio frame"},
+    {"DBG: ", "Allocating %d bytes for video frame"},
+    // seeking
+    {"DBG2:",
+     "C3gpInterface::CalcHintOffset - Processing STSC Entry (s=%d, fs=%d, ls=%d, ns=%d, "
+     "fc=%d, lc=%d, nc=%d)."},
+    {"DBG2:",
+     "C3gpInterface::CalcHintOffset - Matched STSC Entry (sig=%d, sic=%d, fsic=%d, "
+     "cig=%d, c=%d)."},
+    {"DBG2:", "C3gpInterface::CalcHintOffset - All hint samples are same size (size=%d)."},
+    {"DBG: ",
+     "C3gpInterface::CalcHintOffset - Calculated Hint Sample File Offset (sample=%d, "
+     "offset=%d, size=%d)."},
+    {"DBG: ",
+     "C3gpInterface::CalcMediaOffset - Calculated Media Sample File Offset (sample=%d, "
+     "offset=%d)."},
+    {"DBG: ", "C3gpInterface::ConvertMsTimeToMdhdTime - Converted Timecode (ms=%d, mdhd=%d)."},
+    {"DBG2:",
+     "C3gpInterface::ConvertMdhdTimeToSample - Advancing to next STTS Entry (count=%d, "
+     "delta=%d)."},
+    {"DBG2:",
+     "C3gpInterface::ConvertMdhdTimeToSample - Matched STTS Entry (offset=%d, "
+     "sample=%d)."},
+    {"DBG: ",
+     "C3gpInterface::ConvertMdhdTimeToSample - Coverted MDHD Time to Sample (mdhd=%d, "
+     "sample=%d)."},
+    {"DBG2:",
+     "C3gpInterface::GetTimestampInMs - Advancing to next STSS Entry (count=%d, "
+     "delta=%d)."},
+    {"DBG: ",
+     "C3gpInterface::GetTimestampInMs - Converting MDHD Time to MS Time "
+     "(count=%d,delta=%d,mdhd=%d,scale=%d,ms=%d)."},
+    {"DBG2:",
+     "C3gpInterface::GetTimestampInMs - Setting temp frametime and time-to-samples "
+     "(ft=%d, tts=%d)."},
+    {"DBG: ",
+     "C3gpInterface::GetTimestampInMs - Converting Sample to Time in MS (sample=%d, "
+     "ms=%d)."},
+    {"DBG2:", "C3gpInterface::GetSyncSample - Track does not contain STSS Box."},
+    {"DBG2:", "C3gpInterface::GetSyncSample - Track contains STSS Box."},
+    {"DBG2:",
+     "C3gpInterface::GetSyncSample - Comparing Sample to STSS Entry (sample=%d, prev=%d, "
+     "cur=%d)."},
+    {"DBG: ",
+     "C3gpInterface::GetSyncSample - Calculated Seek Sample (sample=%d, seek_sample=%d, "
+     "flags=%d)."},
+    {"DBG2:", "C3gpInterface::GetMediaSample - Processing Hint Sample (num_packets=%d)."},
+    {"DBG2:", "C3gpInterface::GetMediaSample - Found Media Sample (sample=%d)."},
+    {"DBG: ",
+     "C3gpInterface::GetMediaSample - Determined First Media Sample (hint_sample=%d, "
+     "first_media_sample=%d)."},
+    {"DBG: ",
+     "C3gpInterface::SeekTo - Validating Parameters (nTime=%d, fFlags=%d, "
+     "m_iHintSample=%d, m_uFrameTime=%d, uTrackDuration=%d)."},
+    {"DBG: ",
+     "C3gpInterface::SeekTo - Returning Results (nTime=%d, uFrameNum=%d, "
+     "uFileOffset=%d)."},
+    {"DBG: ",
+     "ResetInternals: cur_hint_sample=%d, cur_chunk_bytes=%d, samples_per_chunk=%d, "
+     "sample_offset_in_chunk=%d, chunk=%d"},
+    {"ERR: ", "Invalid Timestamp"},
+    // reading
+    {"DBG2:", "%d bytes requested, %d bytes available"},
+    {"DBG2:", "In while loop.  uToWrite: %d  uBytesAvail: %d"},
+    {"DBG2:", "EOF reached"},
+    {"DBG2:", "Waiting for more FIO data..."},
+    {"DBG2:", "Exited while loop.  uToWrite: %d  uBytesAvail: %d"},
+    {"DBG2:", "In do loop in GetNextFrame()"},
+    {"DBG2:", "Exiting GetNextFrame() due to EOF"},
+    {"DBG2:", "Exiting GetNextFrame() with valid packet."},
+    {"DBG2:", "Frame %-4d: Retrieving hint sample from offset %d"},
+    {"DBG2:", "Moving to next SampleToChunk entry at chunk %d.  New SamplesPerChunk: %d"},
+    {"DBG2:", "Moving to next Chunk entry at sample %d  Current SamplesPerChunk: %d"},
+    {"DBG2:", "Moving to next TimeToSample entry at sample %d"},
+    {"DBG2:", "Moving IO Callback file pointer to: %d"},
+    {"WARN:", "Received invalid packet exception"},
+    {"ERR: ",
+     "IO Callback Interface IndexRead() failed with status: %d.  IO Context: 0x%X  "
+     "DataPtr: 0x%X  nBytes: %d  Offset: %d"},
+    {"ERR: ",
+     "IO Callback Interface AdvanceRead() failed with status: %d.  IO Context: 0x%X  "
+     "Offset: %d"},
+    // frames
+    {"WARN:", "caught unexpected UInt32 exception from ProcessPacket(). Rethrowing..."},
+    {"DBG: ",
+     "IO Callback Interface IndexRead() failed with status: %d.  IO Context: 0x%X  "
+     "DataPtr: 0x%X  nBytes: %d  Offset: %d"},
+    {"DBG2:", "Dropped Hint Track Sample due to invalid content"},
+    {"DBG2:", "Padding size: %d"},
+    {"DBG2:", "Set offset to %d"},
+    {"DBG2:", "---Packet %d---\n"},
+    {"DBG2:", "Packet contains %d bytes"},
+    {"DBG2:", "Parsed %d bytes from the hint track.  Audio Framesize: %d\n"},
+    {"DBG2:", "Parsed %d bytes from the hint track.  Video Framesize: %d\n"},
+    {kTrace, "RTPnoopconstructor\n"},
+    {kTrace, "RTPimmediateconstructor\n"},
+    {kTrace, "count(8):                %d\n"},
+    {kTrace, "  padding:               %d\n"},
+    {kTrace, "  data: "},
+    {kTrace, "%02X "},
+    {kTrace, "RTPsampleconstructor\n"},
+    {kTrace,
+     "trackrefindex(8):        %d\nlength(16):              %d\n"
+     "samplenumber(32):        %d\nsampleoffset(32):        %d\n"
+     "bytesperblock(16):       %d\nsamplesperblock(16):     %d\n"},
+    {kTrace, "RTPsampledescriptionconstructor\n"},
+    {kTrace,
+     "trackrefindex(8):        %d\nlength(16):              %d\n"
+     "sampledescriptionindex(32): %d\nsampledescriptionoffset(32): %d\n"},
+    {kTrace, "packetcount: %d\n"},
+    {kTrace, "constructor_type(8):     %d\n"},
+    {kTrace,
+     "relative_time(32):       0x%08X\nRTPheader(16):           0x%04X\n"
+     "  P_bit:                 0x%01X\n  X_bit:                 0x%01X\n"
+     "  M_bit:                 0x%01X\n  payload_type:          0x%02X\n"},
+    {kTrace,
+     "RTPsequenceseed(16):     0x%04X\nRTPflags(16):            0x%04X\n"
+     "  extra_flag:            0x%01X\n  bframe_flag:           0x%01X\n"
+     "  repeat_flag:           0x%01X\nentrycount(16):          %d\n"},
+    {kTrace, "extra_information_length(32): %d\n"},
+};
+
+// A captured line in its parts; the place is empty for a line of the trace.
+struct Parts {
+    std::string prefix;
+    std::string place;
+    std::string text;
+
+    auto operator<=>(const Parts&) const = default;
+};
+
+Parts take_apart(const std::string& line) {
+    Parts parts;
+    for (const char* prefix : {"ERR: ", "WARN:", "DBG: ", "DBG2:"}) {
+        if (line.starts_with(prefix)) parts.prefix = prefix;
+    }
+    const std::string rest = line.substr(parts.prefix.size());
+    if (!rest.starts_with(".//")) return {kTrace, "", line};
+    const size_t open = rest.find('(');
+    const size_t close = rest.find("): ");
+    EXPECT_EQ(rest.back(), '\n');
+    parts.place = rest.substr(0, open);
+    parts.text = rest.substr(close + 3, rest.size() - close - 4);
+    return parts;
+}
+
+// Plays, seeks and fails in every way that has a line.
+void drive(const Bytes& file, const char* mode) {
+    const auto read_all = [](C3gpInterface& player, bool flag) {
+        return read_through_failures(read_call(player, flag), 500);
+    };
+    FaultyHost host(file);
+    C3gpInterface player;
+    ASSERT_EQ(player.Open(host.callbacks(), mode), KST_SUCCESS);
+    for (const uint32_t ms : {0u, 250u, 1000u, 5900u, UINT32_MAX}) {
+        for (const uint32_t rule : {KST_SEEK_NEXT_SYNC, KST_SEEK_PREVIOUS_SYNC}) {
+            _TAG_KST_SEEK_PARAMS params{0, ms, 0, 0, KST_SEEK_ABSOLUTE | rule};
+            player.SeekTo(&params);
+        }
+    }
+    // Not yet and failing by turns, at every slot.
+    size_t reads = 0;
+    size_t advances = 0;
+    host.fault = [&](int) -> uint32_t {
+        size_t& turn = host.names.back() == "AdvanceRead" ? advances : reads;
+        constexpr uint32_t kN = KST_HOST_NOT_YET, kF = KST_HOST_FAILED, kO = KST_HOST_OK;
+        constexpr uint32_t kTurns[] = {kN, kO, kF, kO, kO, kO, kN};
+        return kTurns[turn++ % std::size(kTurns)];
+    };
+    for (int i = 0; i < 10; ++i)
+        read_all(player, true);
+    host.fault = nullptr;
+    EXPECT_EQ(read_all(player, true).status, KST_END_OF_FILE);
+}
+
+// A file whose hint samples have every constructor, and some that make no sense.
+Bytes odd_file() {
+    HintFile made = three_frames({1, 3});
+    made.add_hint(hint_sample(2, {packet_entry(96, 1, 1)}));
+    made.add_hint(hint_sample(
+        1, {packet_entry(96, 10, 5, 4), be32(12), zeros(8), immediate("", 0), Bytes(16),
+            from_sample(3, 0, 2, 1, 0), from_sample(2, 0, 11, 1, 0), immediate(kSpeech)}));
+    return made.build();
+}
+
+Bytes even_file() {
+    HintFile made = three_frames();
+    Bytes file = made.build();
+    const uint32_t size = made.hint_sizes[0];
+    return with_word(file, "stsz", 1, 4, size);  // one size for all three
+}
+
+std::set<Parts> lines_of_class_road(int32_t level) {
+    const SyslogCapture log(level);
+    for (const char* name : {"amrnb_hinted_1450.3gp", "amrnb_hinted_multi.3gp"})
+        drive(read_sample(name), "ar");
+    for (const char* name : {"h263_rfc2190_hinted_1450.3gp", "h263_hinted.3gp", "mpeg4_hinted.3gp"})
+        drive(read_sample(name), "vr");
+    drive(odd_file(), "ar");
+    drive(even_file(), "ar");
+    const Bytes late = edit_list(words({1, 0xFFFFFFFF, 0}));
+    drive(video_file(late, late).build(), "vr");
+    std::set<Parts> lines;
+    for (const std::string& line : log.lines()) {
+        Parts parts = take_apart(line);
+        if (!parts.place.starts_with(".//boxes/")) lines.insert(parts);
+    }
+    return lines;
+}
+
+class Environment {
+  public:
+    Environment(const char* debug, const char* verbose) : level_before_(sx_Debug) {
+        setenv(kDebugName, debug, 1);
+        setenv(kVerboseName, verbose, 1);
+    }
+    Environment(const Environment&) = delete;
+    Environment& operator=(const Environment&) = delete;
+    ~Environment() {
+        unsetenv(kDebugName);
+        unsetenv(kVerboseName);
+        sx_Debug = level_before_;
+    }
+
+  private:
+    static constexpr const char* kDebugName = "KST_LOG_DEBUG";
+    static constexpr const char* kVerboseName = "KST_LOG_DEBUG_VERBOSE";
+    int32_t level_before_;
+};
+
+TEST(ClassLog, EveryLineIsWrittenAtItsLevel) {
+    std::set<Parts> lines = lines_of_class_road(5);
+    lines.insert({"", "", "Kestrel: Set log level to DEBUG"});  // another test's
+    lines.insert({"", "", "Kestrel: Set log level to DEBUG_VERBOSE"});
+    std::set<const Line*> seen;
+    for (const Parts& parts : lines) {
+        bool known = false;
+        for (const Line& line : kLines) {
+            if (parts.prefix != line.prefix || !is_made_by(line.format, parts.text.c_str())) {
+                continue;
+            }
+            known = true;
+            seen.insert(&line);
+        }
+        EXPECT_TRUE(known) << parts.prefix << parts.place << ": " << parts.text;
+        const bool writer = parts.place.starts_with(".//propfile/src/propfile_");
+        EXPECT_TRUE(writer || parts.place.empty() ||
+                    parts.place == ".//interface/src/c3gpinterface")
+            << parts.place;
+    }
+    for (const Line& line : kLines)
+        EXPECT_TRUE(seen.contains(&line)) << "never written: " << line.prefix << line.format;
+}
+
+TEST(ClassLog, LevelsDecideWhatIsWritten) {
+    const std::map<std::string, int32_t> from = {
+        {"ERR: ", 2}, {"WARN:", 3}, {"DBG: ", 4}, {"DBG2:", 5}, {kTrace, 5}};
+    const auto kinds = [](const std::set<Parts>& lines) {
+        std::set<std::string> prefixes;
+        for (const Parts& parts : lines)
+            prefixes.insert(parts.prefix);
+        return prefixes;
+    };
+    for (int32_t level = 0; level <= 5; ++level) {
+        std::set<std::string> expected;
+        for (const auto& [prefix, least] : from) {
+            if (level >= least) expected.insert(prefix);
+        }
+        EXPECT_EQ(kinds(lines_of_class_road(level)), expected) << level;
+    }
+}
+
+TEST(ClassLog, TheEnvironmentSetsTheLevelAtOpening) {
+    const std::string debug = "Kestrel: Set log level to DEBUG";
+    const std::string verbose = "Kestrel: Set log level to DEBUG_VERBOSE";
+    const struct {
+        const char* debug;
+        const char* verbose;
+        int32_t level;
+        std::vector<std::string> messages;
+    } cases[] = {{"1", "", 4, {debug}},
+                 {"", "1", 5, {verbose}},
+                 {"1", "1", 5, {debug, verbose}},
+                 {"1 ", "10", 0, {}},
+                 {"yes", "", 0, {}}};
+    for (const auto& c : cases) {
+        const SyslogCapture log(0);
+        const Environment set(c.debug, c.verbose);
+        C3gpInterface player;
+        EXPECT_EQ(player.Open(nullptr, "?"), KST_BAD_MODE);
+        EXPECT_EQ(sx_Debug, c.level);
+        std::vector<std::string> messages = log.messages();
+        ASSERT_GE(messages.size(), c.messages.size());
+        messages.resize(c.messages.size());
+        EXPECT_EQ(messages, c.messages);
+    }
+}
+
+// The function road writes little: what failed, and traces of the files it reads.
+TEST(FunctionLog, EveryLineIsWrittenAtItsLevel) {
+    const Bytes file = read_sample("amrnb_hinted.3gp");
+    for (int32_t level = 0; level <= 5; ++level) {
+        const SyslogCapture log(level);
+        EXPECT_EQ(play(file, "a", {}).status, KST_BAD_MODE);
+        EXPECT_EQ(play(file, "vr", {}).status, KST_FAILURE);
+        FaultyHost host(file);
+        mm_Interface* handle = nullptr;
+        ASSERT_EQ(kst_Open(&handle, host.callbacks(), "ar"), KST_SUCCESS);
+        host.fault = [&](int) -> uint32_t { return host.names.back() == "AdvanceRead" ? 7 : 0; };
+        read_through_failures(read_call(handle, true));
+        kst_Close(&handle);
+        std::set<std::string> messages;
+        for (const std::string& message : log.messages())
+            messages.insert(message.substr(0, message.find(" offset ")));
+        std::set<std::string> expected;
+        if (level >= 2) {
+            expected = {"ERR: Direction not specified",
+                        "ERR: Valid video track (MPEG4, H263, H264) not found."};
+        }
+        if (level >= 4) {
+            expected.insert("DBG: Direction not specified");
+            expected.insert("DBG: IO Callback Interface failed with status 7");
+        }
+        EXPECT_EQ(messages, expected) << level;
+    }
+}
+
+}  // namespace
