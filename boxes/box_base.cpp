@@ -177,9 +177,11 @@ void FieldReader::take(std::span<uint8_t> to) {
     if (to.size() > rest_of_box()) {
         // What the box is too short for is zero, and so is all that would follow it.
         position_ = std::max(position_, extent_.end());
+        complete_ = false;
         return;
     }
-    macro_Read(io_, to.data(), static_cast<uint32_t>(to.size()));
+    const auto count = static_cast<uint32_t>(to.size());
+    if (read_available(io_, to.data(), count) < count) complete_ = false;
     position_ += to.size();
 }
 

@@ -267,6 +267,11 @@ class FieldReader : public FieldOps<FieldReader> {
     }
     bool child_follows(uint32_t type, bool) { return peek_box(io_, extent_.file_size) == type; }
 
+    // Throws an invalid size when a field before this was not in the box or not in the stream.
+    void require_complete() const {
+        if (!complete_) throw_invalid_size(extent_);
+    }
+
     // Fetches a fixed run of fields at once.
     void prepare(uint64_t size) {
         piece_.assign(static_cast<size_t>(size), 0);
@@ -290,6 +295,7 @@ class FieldReader : public FieldOps<FieldReader> {
     Stream& io_;
     BoxExtent extent_;
     uint64_t position_;
+    bool complete_ = true;             // no field came up short
     std::vector<uint8_t> piece_;       // fetched ahead of the fields
     std::span<const uint8_t> unread_;  // what the fields have not taken of it
 };

@@ -159,6 +159,7 @@ void ESDInfo::fields(F& f, Self& self) {
                       self.decoder_config_size.width);
     f.u8("object_type_indication", self.object_type_indication);
     if constexpr (F::kReads) {
+        f.require_complete();  // the process ends over a type that was read, not over a missing one
         if (self.object_type_indication != kMpeg4Visual) exit_on_foreign_codec();
     }
     f.u32("stream_type_and_buffer_size", self.stream_type_and_buffer_size);

@@ -155,16 +155,19 @@ class KESTREL_API C3gpInterface {
     //
     // KST_SUCCESS: all that was wanted. KST_END_OF_FILE: there is no more; `*size` bytes were the
     // last. KST_NOT_YET: `*size` is 0 and nothing was consumed, so call again when more has arrived
-    // (a file that was cut short answers so for ever). KST_IO_FAILURE: a callback failed with
-    // `fio`. KST_NOT_OPEN, KST_BAD_ARGUMENT (null pointer), KST_FAILURE, KST_CORRUPT. After a
-    // failure too `*size` is 0 and nothing was lost: the call may be repeated.
+    // (a file that was cut short answers so for ever). KST_IO_FAILURE: IndexRead or AdvanceRead
+    // failed. KST_FAILURE: another callback failed, or a table ended too early. KST_CORRUPT: a
+    // table makes no sense, or thousands of hint samples on end. KST_NOT_OPEN, KST_BAD_ARGUMENT
+    // (null pointer). After a failure too `*size` is 0 and nothing was lost: the call may be
+    // repeated, and a smaller size gets what was ready in front of the fault.
     //
     // Hint samples that make no sense are left out, and so are constructors that reach outside
     // their media sample or make a frame too long.
     unsigned int ReadChunk(unsigned char* buffer, unsigned int* size, bool fio);
 
-    // Moves playing to a sync sample near a time. Bytes of the header records or of the frame in
-    // hand that ReadChunk has not delivered yet are still delivered first, whole.
+    // Moves playing to a sync sample near a time. Bytes of the header records or of frames that
+    // were made and that ReadChunk has not delivered yet are still delivered first, whole: of one
+    // frame, or after a ReadChunk that failed of as many as it asked for.
     //
     // Times are counted in the media track's timescale, whole units per ms; the tables of a hint
     // track that counts in another are read as if they were in it too.
@@ -263,6 +266,7 @@ class KESTREL_API C3gpInterface {
 
     unsigned int Read(unsigned char* buffer, unsigned int wanted);
     void Deliver(unsigned char* buffer, unsigned int count);
+    size_t TakenBytes() const;
     bool GetNextFrame();
     bool FeedWriter();
     void FinishPass();
@@ -329,8 +333,9 @@ class KESTREL_API C3gpInterface {
     uint32_t m_uHintOffset = 0;
     bool m_fFIO = false;
     uint32_t m_uIOStatus = 0;  // of the last callback read
-    // Bytes taken from the writer that no call has delivered yet.
+    // Bytes taken from the writer; the first m_uDelivered of them have been delivered since.
     std::vector<unsigned char> m_Taken;
+    size_t m_uDelivered = 0;
 };
 
 #endif

@@ -265,5 +265,6 @@ void C3gpInterface::FreeBuffers() {
     release(m_HintSample);
     release(m_SampleInfo);
     release(m_Taken);
+    m_uDelivered = 0;
     m_uMediaSampleHeld = 0;
 }

@@ -56,16 +56,16 @@ unsigned int C3gpInterface::Read(unsigned char* buffer, unsigned int wanted) {
     unsigned int available = 0;
     const unsigned char* data = GetPropBuffer(&available);
     log_line(kVerbose, at(kDriverSource), "%d bytes requested, %d bytes available", wanted,
-             static_cast<unsigned int>(m_Taken.size() + available));
-    while (wanted > m_Taken.size() + uint64_t{available}) {
+             static_cast<unsigned int>(TakenBytes() + available));
+    while (wanted > TakenBytes() + uint64_t{available}) {
         log_line(kVerbose, at(kDriverSource), "In while loop.  uToWrite: %d  uBytesAvail: %d",
-                 static_cast<unsigned int>(wanted - m_Taken.size()), available);
+                 static_cast<unsigned int>(wanted - TakenBytes()), available);
         m_Taken.insert(m_Taken.end(), data, data + available);
         MarkPropBytesRead(available);
         if (!GetNextFrame()) {
             log_line(kVerbose, at(kDriverSource), "EOF reached");
             m_uStatus = KST_END_OF_FILE;
-            const auto last = static_cast<unsigned int>(m_Taken.size());
+            const auto last = static_cast<unsigned int>(TakenBytes());
             Deliver(buffer, last);
             return last;
         }
@@ -75,7 +75,7 @@ unsigned int C3gpInterface::Read(unsigned char* buffer, unsigned int wanted) {
         }
         data = GetPropBuffer(&available);
     }
-    const auto kept = static_cast<unsigned int>(std::min<size_t>(m_Taken.size(), wanted));
+    const auto kept = static_cast<unsigned int>(std::min<size_t>(TakenBytes(), wanted));
     log_line(kVerbose, at(kDriverSource), "Exited while loop.  uToWrite: %d  uBytesAvail: %d",
              wanted - kept, available);
     if (wanted > kept) std::memcpy(buffer + kept, data, wanted - kept);
@@ -86,9 +86,15 @@ unsigned int C3gpInterface::Read(unsigned char* buffer, unsigned int wanted) {
 
 // Hands out the first `count` of the bytes that were taken before.
 void C3gpInterface::Deliver(unsigned char* buffer, unsigned int count) {
-    const auto end = m_Taken.begin() + static_cast<std::ptrdiff_t>(count);
-    std::copy(m_Taken.begin(), end, buffer);
-    m_Taken.erase(m_Taken.begin(), end);
+    std::copy_n(m_Taken.begin() + static_cast<std::ptrdiff_t>(m_uDelivered), count, buffer);
+    m_uDelivered += count;
+    if (TakenBytes() > m_uDelivered) return;
+    m_Taken.erase(m_Taken.begin(), m_Taken.begin() + static_cast<std::ptrdiff_t>(m_uDelivered));
+    m_uDelivered = 0;
+}
+
+size_t C3gpInterface::TakenBytes() const {
+    return m_Taken.size() - m_uDelivered;
 }
 
 PropFile* C3gpInterface::Writer() const {
@@ -108,7 +114,9 @@ void C3gpInterface::MarkPropBytesRead(unsigned int count) {
 }
 
 bool C3gpInterface::GetNextFrame() {
-    for (;;) {
+    // Few bytes of tables can tell of billions of hint samples that make no sense.
+    constexpr int kMostInvalid = 4096;
+    for (int passes = 0; passes < kMostInvalid; ++passes) {
         log_line(kVerbose, at(kDriverSource), "In do loop in GetNextFrame()");
         FinishPass();  // of an earlier call that failed there
         if (m_fEndOfFile) {
@@ -128,6 +136,8 @@ bool C3gpInterface::GetNextFrame() {
         }
         if (m_uStatus == KST_NOT_YET) return true;
     }
+    fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "%s: No valid hint sample among the next %d",
+         m_szMedium, kMostInvalid);
 }
 
 // Has the writer make a frame of the current hint sample; false when that makes no sense. The
@@ -186,6 +196,8 @@ bool C3gpInterface::GetCurrentHintSample() {
 unsigned int C3gpInterface::GetMediaSample(unsigned int mediaSample, const unsigned char** bytes) {
     const bool known = mediaSample >= 1 && mediaSample <= m_SampleInfo.size() &&
                        m_SampleInfo[mediaSample - 1].uSize > 0;
+    // Not the "no data yet" of a sample that has not arrived: this one never will, so only what
+    // refers to it is dropped instead of the frame being waited for.
     if (!known) throw PropFile::kInvalidContent;
     if (m_uMediaSampleHeld != mediaSample) {
         const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];

@@ -16,6 +16,7 @@ constexpr uint32_t kModeFlags = 0x30000;
 constexpr uint32_t kSyncFlags = 0x7;
 constexpr uint32_t kMsPerSecond = 1000;
 constexpr unsigned int kNoSample = 0xFFFFFFFF;
+constexpr unsigned int kNoOffset = 0xFFFFFFFF;
 
 bool are_valid(uint32_t flags) {
     const uint32_t mode = flags & kModeFlags;
@@ -71,7 +72,8 @@ class MediaSampleFinder final : public PropFile {
 
 }  // namespace
 
-// Numbers are 64 bits wide: a table may tell more samples than there are.
+// Numbers are 64 bits wide: a table may tell more samples than there are. The chunks of a run are
+// at most those of the offset table, and the walk ends before the first sample, so none overflows.
 struct C3gpInterface::ChunkRun {
     bool found = false;
     size_t entry = 0;
@@ -84,13 +86,15 @@ C3gpInterface::ChunkRun C3gpInterface::FindChunkRun(unsigned int hintSample) con
     const int64_t sample = hintSample;
     int64_t last_sample = m_uHintSamples;
     int64_t last_chunk = m_uHintChunks;
-    for (size_t entry = m_SampleToChunk.size(); entry-- > 0;) {
+    for (size_t entry = m_SampleToChunk.size(); entry-- > 0 && last_sample >= 1;) {
         const int64_t first_chunk = m_SampleToChunk[entry].first_chunk;
         const int64_t samples_per_chunk = m_SampleToChunk[entry].samples_per_chunk;
-        const int64_t chunks = last_chunk - first_chunk + 1;
+        const int64_t chunks = std::min<int64_t>(last_chunk, m_uHintChunks) - first_chunk + 1;
         // A table that runs backwards has no samples in such a run.
         const int64_t samples = samples_per_chunk * std::max<int64_t>(chunks, 0);
-        const int64_t first_sample = last_sample - samples + 1;
+        int64_t first_sample = last_sample - samples + 1;
+        // A last chunk that is not full must not shift the samples of the first run.
+        if (entry == 0 && first_sample < 1 && first_chunk == 1) first_sample = 1;
         log_line(kVerbose, at(kDriverSource),
                  "C3gpInterface::CalcHintOffset - Processing STSC Entry (s=%" PRId64 ", fs=%" PRId64
                  ", ls=%" PRId64 ", ns=%" PRId64 ", fc=%" PRId64 ", lc=%" PRId64 ", nc=%" PRId64
@@ -131,7 +135,6 @@ int C3gpInterface::CalcHintOffset(unsigned int hintSample, unsigned int* size) {
     int offset = -1;
     *size = 0;
     const ChunkRun run = FindChunkRun(hintSample);
-    // A first sample below 1: the chunks could hold more samples than there are.
     if (run.found && hintSample > 0 && run.first_chunk > 0) {
         if (run.samples_per_chunk == 0) {
             fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
@@ -415,7 +418,9 @@ unsigned int C3gpInterface::ResetInternals(unsigned int hintSample, unsigned int
              "sample_offset_in_chunk=%d, chunk=%d",
              hintSample, static_cast<unsigned int>(next.cur_chunk_bytes), next.samples_per_chunk,
              next.sample_offset_in_chunk, next.chunk);
-    Qvox3gp::macro_Seek(m_pIOCallback, fileOffset);  // playing stays where it is if this fails
+    // Playing stays where it is if this fails. There is no offset to go to for the last media
+    // sample; every read goes to its own place in any case.
+    if (fileOffset != kNoOffset) Qvox3gp::macro_Seek(m_pIOCallback, fileOffset);
     m_Now = next;
     m_fEndOfFile = false;
     m_fPassOpen = false;

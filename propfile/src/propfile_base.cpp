@@ -18,14 +18,17 @@ constexpr uint16_t kExtraFlag = 0x0004;
 constexpr uint32_t kImmediateData = 14;
 constexpr uint32_t kTypeByte = 1;
 
-// Writes a line of the hint sample's trace: its bare text, at the verbose level.
-__attribute__((format(printf, 1, 2))) void trace(const char* format, ...) {
+// Writes a line of the hint sample's trace: its bare text, at the verbose level. Without memory for
+// the line the work goes on without it.
+__attribute__((format(printf, 1, 2))) void trace(const char* format, ...) noexcept {
     if (!kVerbose.enabled()) return;
     va_list arguments;
     va_start(arguments, format);
-    const SimpleException line = SimpleException::from_arguments(kSource, 0, format, arguments);
+    try {
+        SimpleException::from_arguments(kSource, 0, format, arguments).LogPlain("");
+    } catch (const std::bad_alloc&) {
+    }
     va_end(arguments);
-    line.LogPlain("");
 }
 
 unsigned bit(uint16_t value, uint16_t mask) {
