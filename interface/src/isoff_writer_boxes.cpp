@@ -90,10 +90,6 @@ bool is_hint(const iso_track* track) {
     return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
 }
 
-bool is_visual(const iso_track* track) {
-    return track->handler[0] == 'v';
-}
-
 // --- the check of the two passes ---
 
 enum Table { kSttsTable, kCttsTable, kStszTable, kStssTable, kSbgpTable };
@@ -356,8 +352,10 @@ uint64_t write_stbl(Pass pass, std::span<uint8_t> to, iso_track* track) {
     box.child(write_stsc, track);
     box.child(write_stco, track);
     if (track->sync_samples != nullptr) box.child(write_stss, track);
-    if (track->sbgp_list != nullptr) box.child(write_sbgp, track);
-    if (track->sgpd_list != nullptr) box.child(write_sgpd, track);
+    // Groups of no type could not be told from others.
+    const bool has_groups = track->sgpd_type[0] != '\0';
+    if (has_groups && track->sbgp_list != nullptr) box.child(write_sbgp, track);
+    if (has_groups && track->sgpd_list != nullptr) box.child(write_sgpd, track);
     return box.finish();
 }
 
@@ -444,10 +442,8 @@ uint64_t write_mdia(Pass pass, std::span<uint8_t> to, iso_track* track) {
 // --- track ---
 
 uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    constexpr uint32_t kEnabled = 1, kInMovieAndPreview = 6;
-    const bool audible = track->handler[0] == 's';
     BoxBody box(pass, to, "tkhd");
-    box.version_and_flags(0, is_hint(track) ? kEnabled : kEnabled | kInMovieAndPreview);
+    box.version_and_flags(0, track->header_flags);
     box.u32(track->creation_time);
     box.u32(track->modification_time);
     box.u32(track->track_id);
@@ -456,12 +452,12 @@ uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     box.zeros(8);
     box.u16(static_cast<uint32_t>(track->layer));
     box.u16(static_cast<uint32_t>(track->alternate_group));
-    box.u16(track->volume != 0 || !audible ? static_cast<uint32_t>(track->volume) : kFullVolume);
+    box.u16(static_cast<uint32_t>(track->volume));
     box.u16(0);
     for (const uint32_t element : track->matrix)
         box.u32(element);
-    box.u32(is_visual(track) ? track->width << 16 : 0);
-    box.u32(is_visual(track) ? track->height << 16 : 0);
+    box.u32(track->display_width);
+    box.u32(track->display_height);
     return box.finish();
 }
 
