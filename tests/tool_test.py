@@ -476,8 +476,16 @@ class Hint(ToolTest):
         stsz = data.index(b"stsz") + 4
         self.assertEqual(data[tkhd + 12: tkhd + 16], (1).to_bytes(4, "big"))
         no_id = data[: tkhd + 12] + bytes(4) + data[tkhd + 16:]
+        # A second sample entry like the first.
+        entry = boxes(data, STBL + [b"stsd"])[0][8:]
+        stsd = data.index(b"stsd")
+        two = bytearray(data[:stsd + 12] + entry + data[stsd + 12:])
+        for box in (b"moov", b"trak", b"mdia", b"minf", b"stbl", b"stsd"):
+            at = two.index(box) - 4
+            two[at:at + 4] = (int.from_bytes(two[at:at + 4], "big") + len(entry)).to_bytes(4, "big")
         large = data[: stsz + 4] + (0x1000).to_bytes(4, "big") + data[stsz + 8:]
-        cases = [(no_id, "no track ID"), (large, "more sample bytes than it has")]
+        cases = [(no_id, "no track ID"), (large, "more sample bytes than it has"),
+                 (bytes(two), "several sample")]
         if int.from_bytes(data[stsc + 4: stsc + 8], "big") > 1:
             at = stsc + 8 + 12 + 8
             cases.append((data[:at] + (2).to_bytes(4, "big") + data[at + 4:], "several sample"))
@@ -544,6 +552,8 @@ class Hint(ToolTest):
                     self.assertEqual(now[:1], was[:1], table)
                     if table == b"stss":
                         self.assertEqual(now[1:], was)
+                entries = STBL + [b"stsd"]
+                self.assertEqual(boxes(after, entries)[0], boxes(before, entries)[0])
                 self.assertEqual(boxes(after, [b"moov", b"trak", b"edts", b"elst"])[:1],
                                  boxes(before, [b"moov", b"trak", b"edts", b"elst"]))
                 self.assertLess(after.index(b"moov"), after.index(b"mdat"))

@@ -75,6 +75,8 @@ void copy_sync_samples(iso_track* to, const iso_track* from) {
 // What a sample entry and its configuration box tell.
 void copy_entry(iso_track* to, const iso_track* from) {
     to->codec = from->codec;
+    to->entry = arena_copy(to->file, from->entry, from->entry_length);
+    to->entry_length = from->entry_length;
     std::memcpy(to->vendor, from->vendor, sizeof to->vendor);
     to->decoder_version = from->decoder_version;
     to->level = from->level;
@@ -203,6 +205,7 @@ class Hinter {
     }
 
     static bool has_several_descriptions(const iso_track* track) {
+        if (track->entry_count > 1) return true;
         for (int32_t i = 1; i < track->stsc_count; ++i) {
             if (track->stsc[i].description_index != track->stsc[0].description_index) return true;
         }

@@ -271,6 +271,11 @@ struct iso_track {
     uint16_t language;                       // three letters of five bits each (ISO 639-2/T)
     int32_t edit_count;
     iso_elst_entry* edits;
+    // Body of the sample entry as read, the last of `entry_count` that were. A track that is
+    // written with one has what stands in it behind the data reference index, else what the fields
+    // tell.
+    const uint8_t* entry;
+    uint32_t entry_length, entry_count;
     uint32_t frame_count;  // of a visual sample entry: frames in a sample
     uint32_t depth;        // of the same: bits of a pixel
 

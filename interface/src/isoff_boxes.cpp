@@ -381,10 +381,20 @@ int read_srpp(iso_file* file, uint32_t) {
     return parse_rest(file, sinf_box);
 }
 
-int read_visual_entry(iso_file* file, int32_t codec) {
+// Begins a sample entry of a medium; the track that it describes, or null.
+iso_track* begin_entry(iso_file* file, int32_t codec) {
     iso_track* track = current(file);
-    if (track == nullptr) return 0;
+    if (track == nullptr) return nullptr;
     track->codec = codec;
+    track->entry = file->moov_buffer;
+    track->entry_length = file->moov_left;
+    track->entry_count++;
+    return track;
+}
+
+int read_visual_entry(iso_file* file, int32_t codec) {
+    iso_track* track = begin_entry(file, codec);
+    if (track == nullptr) return 0;
     skip(file, 24);  // reserved, data reference index, pre-defined
     const uint16_t width = getint16(file);
     const uint16_t height = getint16(file);
@@ -397,9 +407,8 @@ int read_visual_entry(iso_file* file, int32_t codec) {
 }
 
 int read_audio_entry(iso_file* file, int32_t codec) {
-    iso_track* track = current(file);
+    iso_track* track = begin_entry(file, codec);
     if (track == nullptr) return 0;
-    track->codec = codec;
     skip(file, 16);  // reserved, data reference index
     const uint16_t channel_count = getint16(file);
     const uint16_t sample_bits = getint16(file);

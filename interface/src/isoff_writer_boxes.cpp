@@ -176,9 +176,14 @@ uint64_t write_esds(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 
 // --- sample entries ---
 
-void begin_entry(BoxBody& box) {
-    box.zeros(6);
+// Puts what every entry begins with; and all of one that was read, in which case it is true.
+bool begin_entry(BoxBody& box, const iso_track* track) {
+    constexpr uint32_t kReserved = 6, kCommonPart = 8;
+    box.zeros(kReserved);
     box.u16(1);  // data reference index
+    if (track->entry == nullptr || track->entry_length < kCommonPart) return false;
+    box.bytes(track->entry + kCommonPart, track->entry_length - kCommonPart);
+    return true;
 }
 
 using ConfigWriter = uint64_t (*)(Pass, std::span<uint8_t>, const iso_track*);
@@ -189,7 +194,7 @@ uint64_t write_visual_entry(Pass pass, std::span<uint8_t> to, const iso_track* t
     constexpr uint32_t kColour = 24;
     constexpr size_t kCompressorName = 32;
     BoxBody box(pass, to, type);
-    begin_entry(box);
+    if (begin_entry(box, track)) return box.finish();
     box.zeros(16);  // pre-defined and reserved
     box.u16(track->width);
     box.u16(track->height);
@@ -208,7 +213,7 @@ uint64_t write_audio_entry(Pass pass, std::span<uint8_t> to, const iso_track* tr
                            const char* type, ConfigWriter config) {
     constexpr uint32_t kChannels = 2, kSampleBits = 16;  // whatever is coded (26.244, 6.5)
     BoxBody box(pass, to, type);
-    begin_entry(box);
+    if (begin_entry(box, track)) return box.finish();
     box.zeros(8);
     box.u16(track->channel_count != 0 ? track->channel_count : kChannels);
     box.u16(track->sample_bits != 0 ? track->sample_bits : kSampleBits);
@@ -230,7 +235,7 @@ void put_value_box(BoxBody& box, const char* type, uint32_t value) {
 uint64_t write_hint_entry(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     const bool is_srtp = track->codec == ISO_CODEC_SRTP;
     BoxBody box(pass, to, is_srtp ? "srtp" : "rtp ");
-    begin_entry(box);
+    begin_entry(box, track);
     box.u16(track->rtp_hint_version != 0 ? track->rtp_hint_version : 1);
     box.u16(track->rtp_highest_compat != 0 ? track->rtp_highest_compat : 1);
     box.u32(track->rtp_max_packet);
