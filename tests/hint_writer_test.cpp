@@ -4,6 +4,7 @@
 #include <cmath>
 #include <random>
 
+#include "interface/src/hint_packets.h"
 #include "interface/src/isoff.h"
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
@@ -51,15 +52,19 @@ iso_track* h263(iso_file* file) {
     return h263_isoFFtrack(file, &cfg);
 }
 
+enum class Mode { kQueued, kSpooled, kDirect };
+
 // A media track and its hint track, written and read back.
 class Hinted {
   public:
-    Hinted(MakeTrack make, int max_packet, const std::vector<Sample>& samples, bool direct = false)
+    Hinted(MakeTrack make, int max_packet, const std::vector<Sample>& samples,
+           Mode mode = Mode::kQueued, iso_h263_payload h263_payload = ISO_H263_RFC4629)
         : host_(kst_host_for_writing_memory()), callbacks_(kst_host_callbacks(host_)) {
         iso_file* out = isoFFopen(callbacks_, "w", nullptr);
-        out->direct_write = direct;
+        out->direct_write = mode == Mode::kDirect;
         iso_track* to = make(out);
-        iso_track* to_hint = rtp_isoFFtrack(out, to, max_packet, 96, ISO_H263_RFC4629);
+        iso_track* to_hint = rtp_isoFFtrack(out, to, max_packet, 96, h263_payload);
+        if (mode == Mode::kSpooled) to_hint->spool = std::tmpfile();
         for (const Sample& sample : samples) {
             Bytes copy = sample.bytes;
             const int size = static_cast<int>(copy.size());
@@ -249,7 +254,7 @@ TEST_P(HintWriter, PacketsCarryTheSamplesAtTheirTimes) {
         std::vector<Sample> samples(static_cast<size_t>(pick(random, 0, 40)));
         for (Sample& sample : samples)
             sample = {codec.sample(random), pick(random, 1, 2000), pick(random, 0, 3) * 10};
-        const Hinted hinted(codec.make, max_packet, samples, round % 2 == 0);
+        const Hinted hinted(codec.make, max_packet, samples, static_cast<Mode>(round % 3));
         ASSERT_EQ(hinted.closed, 0);
         ASSERT_NE(hinted.hint, nullptr);
         ASSERT_EQ(hinted.hint->sample_count, static_cast<int>(samples.size()));
@@ -318,6 +323,11 @@ TEST(HintTrack, EmptySampleKeepsTheClockRunning) {
     ASSERT_EQ(packets.size(), 3U);
     EXPECT_TRUE(packets[1].payload.empty());
     EXPECT_EQ(packets[2].timestamp, 6000U);
+    // Nor does a picture header that is not there end an H.263 track.
+    const Bytes intra = {0, 0, 0x80, 0x02, 0x08, 1};
+    const Hinted rfc2190(h263, 1400, {{intra, 1000}, {{}, 1000}, {intra, 1000}}, Mode::kQueued,
+                         ISO_H263_RFC2190);
+    EXPECT_EQ(rfc2190.packets().size(), 3U);
 }
 
 TEST(HintTrack, WhatCannotBeCutIsTold) {
@@ -338,6 +348,15 @@ TEST(HintTrack, TooManyPacketsAreTold) {
     append_unit({0x61}, units);
     EXPECT_EQ(Hinted(h264, 1400, {{units, 512}}).written, -3);
     EXPECT_EQ(Hinted(narrow_band, 1400, {{Bytes(65536, 0x7C), 160}}).written, -3);
+    // However long a unit is, no more packets are laid out than can be counted.
+    const size_t most = 1 + 50 * 65535;  // in packets of 64 bytes, 14 of them headers
+    for (const size_t size : {most, most + 1, 3 * most}) {
+        Bytes unit;
+        append_unit(Bytes(size, 0x61), unit);
+        kestrel::HintPackets packets;
+        EXPECT_EQ(kestrel::packets_of_units(unit, 4, 64, packets), size == most);
+        EXPECT_EQ(packets.size(), 65535U);
+    }
 }
 
 TEST(HintTrack, TimesBeyondTheClockAreTold) {

@@ -12,9 +12,19 @@
 
 // The ISO writer: what it writes is read back by the reader.
 
+// While this is set, the library gets no more memory from malloc.
+static bool no_memory = false;
+
+extern "C" {
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size);
+void* __wrap_malloc(size_t size) {
+    return no_memory ? nullptr : __real_malloc(size);
+}
+}
+
 namespace {
 
-using testing::HasSubstr;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -127,13 +137,24 @@ struct Sample {
     int cts_offset;
 };
 
+struct TrackHeader {
+    uint32_t flags;
+    int32_t layer, alternate_group, volume;
+    uint32_t display_width, display_height;
+    uint32_t turn;  // an element of the matrix
+
+    auto operator<=>(const TrackHeader&) const = default;
+};
+
 struct RandomTrack {
     int32_t codec;
+    TrackHeader header;
     Bytes config;
     std::vector<Sample> samples;
     std::vector<uint32_t> sync;
     bool has_sync;
     std::vector<iso_elst_entry> edits;
+    const char* group_type;
     std::vector<std::pair<uint32_t, uint32_t>> groups;
     std::vector<std::vector<iso_sgpd_record>> group_entries;
     std::string sdp;
@@ -172,6 +193,13 @@ RandomTrack random_track(Random& random) {
                                           ISO_CODEC_SAWB, ISO_CODEC_AVC1};
     RandomTrack track{};
     track.codec = kCodecs[pick(random, 0, 4)];
+    track.header = {static_cast<uint32_t>(pick(random, 0, 15)),
+                    pick(random, 0, 0xFFFF),
+                    pick(random, 0, 3),
+                    pick(random, 0, 2) * 0x80,
+                    static_cast<uint32_t>(pick(random, 0, INT_MAX)),
+                    static_cast<uint32_t>(pick(random, 0, INT_MAX)),
+                    static_cast<uint32_t>(pick(random, 0, INT_MAX))};
     track.config = random_bytes(random, pick(random, 1, 40));
     if (track.codec == ISO_CODEC_AVC1) {
         track.config = {1, 66, 0xC0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0xC0, 30, 1, 0, 2, 0x68, 9};
@@ -182,6 +210,7 @@ RandomTrack random_track(Random& random) {
         if (pick(random, 0, 4) == 0) track.sync.push_back(i);
     if (pick(random, 0, 1)) track.edits.push_back({77, -1, 0x10000});
     if (pick(random, 0, 1)) track.edits.push_back({uint64_t{1} << 33, 5, 0x10000});
+    track.group_type = pick(random, 0, 1) ? "avcb" : "3gag";
     for (int i = pick(random, 0, 3); i > 0; --i)
         track.groups.emplace_back(pick(random, 1, 9), pick(random, 0, 3));
     for (int i = pick(random, 0, 2); i > 0; --i)
@@ -211,8 +240,24 @@ iso_track* create(iso_file* file, RandomTrack& from) {
     }
 }
 
+void set_header(iso_track* track, const TrackHeader& header) {
+    track->header_flags = header.flags;
+    track->layer = header.layer;
+    track->alternate_group = header.alternate_group;
+    track->volume = header.volume;
+    track->display_width = header.display_width;
+    track->display_height = header.display_height;
+    track->matrix[1] = header.turn;
+}
+
+TrackHeader header_of(const iso_track* track) {
+    return {track->header_flags,  track->layer,          track->alternate_group, track->volume,
+            track->display_width, track->display_height, track->matrix[1]};
+}
+
 void describe(iso_track* track, const RandomTrack& from) {
     iso_file* file = track->file;
+    set_header(track, from.header);
     if (from.has_sync) track->sync_samples = copy_to_arena(file, from.sync);
     track->sync_count = static_cast<uint32_t>(from.sync.size());
     track->edits = copy_to_arena(file, from.edits);
@@ -231,7 +276,7 @@ void describe(iso_track* track, const RandomTrack& from) {
         entry = &(*entry)->next;
         track->sgpd_count++;
     }
-    std::copy_n("avcb", 5, track->sgpd_type);
+    std::copy_n(from.group_type, 5, track->sgpd_type);
 }
 
 enum class Mode { kQueued, kSpooled, kDirect };
@@ -289,10 +334,12 @@ void expect_groups(const iso_track* track, const RandomTrack& from) {
     for (const auto& records : from.group_entries)
         wanted.push_back(records.size());
     EXPECT_EQ(record_counts, wanted);
+    EXPECT_STREQ(track->sgpd_type, wanted.empty() ? "" : from.group_type);
 }
 
 void expect_description(const iso_track* track, const RandomTrack& from) {
     EXPECT_EQ(track->codec, from.codec);
+    EXPECT_EQ(header_of(track), from.header);
     if (from.codec == ISO_CODEC_AVC1 || from.codec == ISO_CODEC_MP4V) {
         EXPECT_EQ(Bytes(track->dsi, track->dsi + track->dsi_length), from.config);
     }
@@ -504,21 +551,31 @@ TEST(Writer, SizeLimitClosesTheTrack) {
     }
 }
 
-TEST(Writer, HeaderCostFollowsTheTables) {
+// Tracks that keep to the limit one by one do not grow beyond 32 bits together.
+TEST(Writer, AllTracksTogetherHaveALimitToo) {
+    for (const uint32_t beyond : {0U, 1U}) {
+        Output out;
+        iso_file* file = open_for_writing(out);
+        iso_track* tracks[] = {speech_track(file), speech_track(file)};
+        uint8_t sample[16] = {};
+        ASSERT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), 10);
+        tracks[1]->header_cost =  // as if that much had been taken
+            UINT32_MAX - file->header_size - tracks[0]->header_cost - 24 - 10 + beyond;
+        EXPECT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), beyond ? -6 : 10);
+        EXPECT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), beyond ? -8 : -6);
+        EXPECT_EQ(isoFFclose(file), 0);
+    }
+}
+
+struct Step {
+    int size, duration, offset;
+    uint64_t cost;
+};
+
+void expect_costs(std::span<const Step> steps) {
     Output out;
     iso_file* file = open_for_writing(out);
     iso_track* track = speech_track(file);
-    struct Step {
-        int size, duration, offset;
-        uint64_t cost;
-    };
-    const Step steps[] = {
-        {10, 160, 0, 10 + 4 + 8 + 8},  // a time entry, and the first sample
-        {10, 160, 0, 10 + 4},
-        {10, 320, 0, 10 + 4 + 8},
-        {12, 320, 5, 12 + 4 + 8 + 4 + 4 * 3},  // sizes of the three before come in
-        {12, 320, 5, 12 + 4 + 4},
-    };
     uint8_t sample[16] = {};
     uint64_t cost = 0;
     for (const Step& step : steps) {
@@ -526,6 +583,20 @@ TEST(Writer, HeaderCostFollowsTheTables) {
         EXPECT_EQ(track->header_cost, cost += step.cost);
     }
     isoFFclose(file);
+}
+
+TEST(Writer, HeaderCostFollowsTheTables) {
+    const Step steps[] = {
+        {10, 160, 0, 10 + 4 + 8 + 8},  // a time entry, and the first sample
+        {10, 160, 0, 10 + 4},
+        {10, 320, 0, 10 + 4 + 8},
+        {12, 320, 5, 12 + 4 + 8 + 4 + 4 * 3},  // sizes of the three before come in
+        {12, 320, 5, 12 + 4 + 4},
+    };
+    expect_costs(steps);
+    // A first sample that is empty needs the table of sizes from the start.
+    const Step empty_first[] = {{0, 160, 0, 4 + 8 + 8 + 4}, {9, 160, 0, 9 + 4 + 4}};
+    expect_costs(empty_first);
 }
 
 TEST(Writer, DurationLimitClosesTheTrack) {
@@ -616,6 +687,107 @@ TEST(Writer, MediaBeyondThirtyTwoBitsIsTold) {
     EXPECT_TRUE(out.bytes.empty());
 }
 
+// --- memory that ends ---
+
+// From here on the file's arena has `room` bytes, fewer than it really has, and gets no more.
+class LittleMemory {
+  public:
+    LittleMemory(iso_file* file, size_t room) {
+        file->chunk_free = room;
+        no_memory = true;
+    }
+    LittleMemory(const LittleMemory&) = delete;
+    LittleMemory& operator=(const LittleMemory&) = delete;
+    ~LittleMemory() { no_memory = false; }
+};
+
+iso_track* h264_track(iso_file* file) {
+    const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
+    return h264_isoFFtrack(file, avcc, sizeof avcc, 16, 16, 90000);
+}
+
+// Wherever the memory ends, no track is left half made.
+TEST(Writer, TrackThatCannotBeMadeIsTakenBack) {
+    const std::pair<const char*, iso_track* (*)(iso_file*)> makers[] = {
+        {"AMR", speech_track},
+        {"H.264", h264_track},
+        {"MPEG-4", [](iso_file* file) { return mpeg4_isoFFtrack(file, "abc", 3, 16, 16, 90000); }},
+        {"hint", [](iso_file* file) {
+             return rtp_isoFFtrack(file, file->first_track, 1400, 96, ISO_H263_RFC4629);
+         }}};
+    for (const auto& [name, make] : makers) {
+        int refused = 0;
+        for (bool made = false; !made; ++refused) {
+            SCOPED_TRACE(testing::Message() << name << ", " << 8 * refused << " bytes");
+            Output out;
+            iso_file* file = open_for_writing(out);
+            iso_track* first = speech_track(file);
+            first->edits = copy_to_arena<iso_elst_entry>(file, {{100, 0, 0x10000}});
+            first->edit_count = 1;
+            const uint32_t header = file->header_size;
+            {
+                const LittleMemory memory(file, static_cast<size_t>(8 * refused));
+                made = make(file) != nullptr;
+            }
+            EXPECT_EQ(first->next != nullptr, made);
+            EXPECT_EQ(file->last_track == first, !made);
+            EXPECT_EQ(file->next_track_id, made ? 3U : 2U);
+            EXPECT_EQ(file->header_size == header && !file->has_visual, !made);
+            EXPECT_EQ(isoFFclose(file), 0);
+            Reread reread(out.bytes);
+            EXPECT_EQ(isoFFselect(reread.file, nullptr, 2) != nullptr, made);
+        }
+        EXPECT_GT(refused, 10);
+    }
+}
+
+// What was taken before stays good, and the file goes on when there is memory again.
+TEST(Writer, NoMemoryIsTold) {
+    for (const bool direct : {false, true}) {
+        Output out;
+        iso_file* file = open_for_writing(out);
+        file->direct_write = direct;
+        iso_track* track = speech_track(file);
+        uint8_t sample[] = {1};
+        EXPECT_EQ(isoFFwrite(track, sample, 1, 160, 0), 1);
+        for (size_t room = 0, written = 0; written == 0; room += 8) {
+            const LittleMemory memory(file, room);
+            if (room == 0) {
+                EXPECT_EQ(isoFFsetBrand(file, "3gp6", 0), -1);
+            }
+            const int result = isoFFwrite(track, sample, 1, 160, 0);
+            EXPECT_EQ(result, room == 0 || result < 0 ? -2 : 1);
+            written = result == 1;
+        }
+        file->chunk_free = 0;
+        EXPECT_EQ(isoFFwrite(track, sample, 1, 160, 0), 1);
+        EXPECT_EQ(isoFFclose(file), 0);
+        Reread reread(out.bytes);
+        EXPECT_EQ(reread.file->first_track->sample_count, 3);
+    }
+    Output out;
+    iso_file* file = open_for_writing(out);
+    uint8_t sample[] = {1};
+    isoFFwrite(speech_track(file), sample, 1, 160, 0);
+    const LittleMemory memory(file, 0);
+    EXPECT_EQ(isoFFclose(file), -2);
+    EXPECT_TRUE(out.bytes.empty());
+    int error = 0;
+    EXPECT_EQ(isoFFopen(out.callbacks, "w", &error), nullptr);
+    EXPECT_EQ(error, -2);
+}
+
+TEST(Writer, GroupsOfNoTypeAreLeftOut) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* track = speech_track(file);
+    track->sbgp_list = copy_to_arena<iso_sbgp_entry>(file, {{1, 1, nullptr}});
+    track->sbgp_count = 1;
+    EXPECT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    EXPECT_EQ(reread.file->first_track->sbgp_list, nullptr);
+}
+
 TEST(Writer, TrackHelpersRefuseWhatMakesNoSense) {
     Output out;
     iso_file* file = open_for_writing(out);
@@ -647,6 +819,7 @@ TEST(Writer, TablesThatChangeBetweenThePassesAreTold) {
     track->sync_samples = copy_to_arena<uint32_t>(file, {1, 2, 3});
     track->sbgp_list = copy_to_arena<iso_sbgp_entry>(file, {{1, 1, nullptr}});
     track->sbgp_count = track->sync_count = 1;
+    std::copy_n("avcb", 5, track->sgpd_type);
     uint8_t sample[2] = {};
     isoFFwrite(track, sample, 1, 160, 3);
     kestrel::write_moov(kCountPass, {}, file);

@@ -75,6 +75,8 @@ void copy_sync_samples(iso_track* to, const iso_track* from) {
 // What a sample entry and its configuration box tell.
 void copy_entry(iso_track* to, const iso_track* from) {
     to->codec = from->codec;
+    to->entry = arena_copy(to->file, from->entry, from->entry_length);
+    to->entry_length = from->entry_length;
     std::memcpy(to->vendor, from->vendor, sizeof to->vendor);
     to->decoder_version = from->decoder_version;
     to->level = from->level;
@@ -107,6 +109,9 @@ iso_track* copy_track(iso_file* file, const iso_track* from) {
     to->modification_time = from->modification_time;
     to->timescale = from->timescale;
     to->language = from->language;
+    to->header_flags = from->header_flags;
+    to->display_width = from->display_width;
+    to->display_height = from->display_height;
     to->layer = from->layer;
     to->alternate_group = from->alternate_group;
     to->volume = from->volume;
@@ -130,7 +135,7 @@ void copy_movie(iso_file* to, const iso_file* from) {
     to->audio_profile = from->audio_profile;
     to->creation_time = from->creation_time;
     to->modification_time = from->modification_time;
-    if (from->timescale != 0) to->timescale = from->timescale;
+    if (from->edit_timescale != 0) to->timescale = from->edit_timescale;
     to->duration = from->duration;
 }
 
@@ -200,6 +205,7 @@ class Hinter {
     }
 
     static bool has_several_descriptions(const iso_track* track) {
+        if (track->entry_count > 1) return true;
         for (int32_t i = 1; i < track->stsc_count; ++i) {
             if (track->stsc[i].description_index != track->stsc[0].description_index) return true;
         }
@@ -239,12 +245,16 @@ class Hinter {
         }
         if (highest_id == UINT32_MAX) throw Error(options_.input + ": no track ID is left");
         to_->next_track_id = highest_id + 1;
-        for (const Medium& medium : media_) {
-            if (bytes > kMostInMemory) medium.to->spool = std::tmpfile();
-            if (bytes > kMostInMemory && medium.to->spool == nullptr) {
-                throw system_error("temporary file");
-            }
-        }
+        spools_ = bytes > kMostInMemory;
+        for (const Medium& medium : media_)
+            spool(medium.to);
+    }
+
+    // Where there is much to copy, the samples of a track wait in a temporary file.
+    void spool(iso_track* track) const {
+        if (!spools_) return;
+        track->spool = std::tmpfile();
+        if (track->spool == nullptr) throw system_error("temporary file");
     }
 
     int payload_type_of(const iso_track* track) {
@@ -260,6 +270,7 @@ class Hinter {
                                          options_.rfc2190 ? ISO_H263_RFC2190 : ISO_H263_RFC4629);
             if (medium.hint == nullptr) throw std::bad_alloc();
             copy_sync_samples(medium.hint, medium.from);
+            spool(medium.hint);
         }
     }
 
@@ -325,6 +336,7 @@ class Hinter {
     iso_file* from_;
     iso_file* to_;
     std::vector<Medium> media_;
+    bool spools_ = false;
     int next_payload_type_ = kFirstDynamicPayloadType;
 };
 

@@ -83,6 +83,9 @@ struct iso_file {
     uint8_t* moov_buffer;     // next byte of the in-memory `moov`
     uint32_t moov_left;       // its bytes not yet consumed, of the box at hand
     char* sdp_text;           // movie-level SDP
+    // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
+    // timescale and duration. Edit lists count in these.
+    uint32_t edit_timescale;
 
     // Writer.
     uint32_t has_visual;    // 1: `iods` tells that there is visual media (14496-1, table 5)
@@ -192,7 +195,7 @@ struct iso_track {
     uint8_t frames_per_sample;
     uint8_t object_type;  // MPEG-4 object type indication
     uint8_t stream_type;
-    int32_t layer, alternate_group, volume;
+    int32_t layer, alternate_group, volume;  // volume: 8.8
     uint8_t* dsi;  // decoder-specific information: payload of `esds`, or the whole `avcC`
     uint32_t dsi_length;
     uint32_t dsi_capacity;                           // bytes that `dsi` has room for
@@ -268,10 +271,17 @@ struct iso_track {
     uint32_t last_payload_type;  // of the last packet
     char srpp_schemes[4][5];
 
-    // Media header, edit list, visual sample entry.
-    uint16_t language;  // three letters of five bits each (ISO 639-2/T)
+    // Track header, media header, edit list, visual sample entry.
+    uint32_t header_flags;                   // of `tkhd`
+    uint32_t display_width, display_height;  // pixels, 16.16; of `tkhd`
+    uint16_t language;                       // three letters of five bits each (ISO 639-2/T)
     int32_t edit_count;
     iso_elst_entry* edits;
+    // Body of the sample entry as read, the last of `entry_count` that were. A track that is
+    // written with one has what stands in it behind the data reference index, else what the fields
+    // tell.
+    const uint8_t* entry;
+    uint32_t entry_length, entry_count;
     uint32_t frame_count;  // of a visual sample entry: frames in a sample
     uint32_t depth;        // of the same: bits of a pixel
 
@@ -311,12 +321,13 @@ KESTREL_API iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, c
 // Ends the record and frees everything that hangs from it, temporary files included. A file that is
 // being written is finished first. 0; -1 for null; and when the file could not be finished, in
 // which case what the stream holds is not a whole file: -2 no memory, -5 the stream or a temporary
-// file failed or took too few bytes, -6 the file would be larger than 32 bits can tell.
+// file failed or took too few bytes, or the header came out other than it was measured, -6 the file
+// would be larger than 32 bits can tell.
 KESTREL_API int isoFFclose(iso_file* file);
 
 // Creates a track at the end of the list; null when there is no memory. In write mode it has the
-// next track ID, the file's times and the unity matrix; handler, codec and timescale are the
-// caller's to fill in.
+// next track ID, the file's times and the unity matrix, and is enabled; handler, codec, timescale,
+// and what is not 0 of volume and display size are the caller's to fill in.
 KESTREL_API iso_track* isoFFtrack(iso_file* file);
 
 // Takes the next sample of a track that is being written: `size` bytes at `data`, `duration` and
@@ -325,7 +336,8 @@ KESTREL_API iso_track* isoFFtrack(iso_file* file);
 //   -1  null track, negative size, no data, or the file is not being written
 //   -2  no memory
 //   -5  the file has been finished already, or the stream or the track's temporary file fell short
-//   -6  the file would grow beyond iso_file::size_limit; the track is closed
+//   -6  with it, what the track takes would be more than iso_file::size_limit, or what all tracks
+//       take more than 32 bits can tell; the track is closed
 //   -7  the track would run longer than iso_track::duration_limit; the track is closed
 //   -8  the track was closed by an earlier -6 or -7
 //   -9  direct_write: the track was made after the first sample of the file was written

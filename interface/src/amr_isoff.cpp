@@ -10,6 +10,7 @@ iso_track* amr_isoFFtrack(iso_file* file, int wide_band, unsigned mode_set,
     constexpr uint32_t kEntryBytes = 69;  // sample entry (36), damr (17), smhd (16)
     constexpr uint32_t kNarrowBandRate = 8000, kWideBandRate = 16000;  // Hz
     constexpr unsigned kMostFrames = 15;
+    constexpr int32_t kFullVolume = 0x0100;  // 8.8
     if (mode_set > UINT16_MAX || frames_per_sample < 1 || frames_per_sample > kMostFrames) {
         return nullptr;
     }
@@ -19,6 +20,7 @@ iso_track* amr_isoFFtrack(iso_file* file, int wide_band, unsigned mode_set,
     if (track == nullptr) return nullptr;
     std::memcpy(track->handler, "soun", sizeof track->handler);
     std::memcpy(track->vendor, "VXYZ", sizeof track->vendor);
+    track->volume = kFullVolume;
     track->mode_set = static_cast<uint16_t>(mode_set);
     track->frames_per_sample = static_cast<uint8_t>(frames_per_sample);
     return track;

@@ -19,16 +19,16 @@ struct PictureFormat {
 // entry without it.
 iso_track* configured_track(iso_file* file, int32_t codec, const void* config, unsigned length,
                             const PictureFormat& picture, uint32_t entry_bytes) {
-    // The whole configuration is looked at before a track is made that could not be taken back.
     if (config == nullptr || length < 1 || length > INT_MAX) return nullptr;
     if (codec == ISO_CODEC_AVC1 && !is_avcc({static_cast<const uint8_t*>(config), length})) {
         return nullptr;
     }
+    TrackAttempt attempt(file);
     iso_track* track = new_visual_track(file, codec, picture.timescale, picture.width,
                                         picture.height, entry_bytes + length);
     if (track == nullptr) return nullptr;
     const int kept = isoFFsetDecoderSpecificInfo(track, config, static_cast<int>(length));
-    return kept == 0 ? track : nullptr;
+    return kept == 0 ? attempt.keep(track) : nullptr;
 }
 
 }  // namespace

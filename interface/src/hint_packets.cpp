@@ -185,6 +185,7 @@ bool packets_of_speech(std::span<const uint8_t> sample, bool wide_band, size_t m
 
 bool packets_of_picture(std::span<const uint8_t> sample, VideoPayload kind, size_t max_packet,
                         uint32_t& source_format, HintPackets& packets) {
+    if (sample.empty()) return true;  // a picture that was left out has no header either
     VideoPackets plan(kind, sample, static_cast<int32_t>(max_packet - kRtpHeaderSize));
     if (!plan.begin(source_format)) return false;
     while (!plan.at_end()) {
@@ -214,6 +215,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
         FuFragments fragments(unit, max_payload);
         if (!fragments.has_room()) return false;
         for (FuFragment fragment{}; fragments.next(fragment);) {
+            if (packets.size() >= kMostPackets) return false;
             HintPacket& packet = packets.emplace_back();
             packet.add_own(fragment.headers);
             packet.add_range(offset_of(fragment.bytes), fragment.bytes.size());

@@ -23,6 +23,7 @@ constexpr const char* kWriterCompatibleBrands = "3gp5 3gp4";
 constexpr uint16_t kUndetermined = 0x55C4;         // "und" as a language (ISO 639-2/T)
 constexpr uint32_t kUnity = 0x00010000;            // 16.16
 constexpr uint32_t kUnityProjection = 0x40000000;  // 2.30
+constexpr uint32_t kEnabledInMovieAndPreview = 7;  // flags of `tkhd`
 
 void tell(int* error, int code) {
     if (error != nullptr) *error = code;
@@ -132,6 +133,7 @@ iso_track* isoFFtrack(iso_file* file) {
         track->creation_time = file->creation_time;
         track->modification_time = file->modification_time;
         set_unity(track->matrix);
+        track->header_flags = kEnabledInMovieAndPreview;
         track->language = kUndetermined;
         track->duration_limit = UINT32_MAX;
         file->header_size += kTrackHeaderEstimate;

@@ -131,6 +131,23 @@ uint64_t write_sbgp(Pass pass, std::span<uint8_t> to, iso_track* track);
 // Length of a track in movie units: that of its edits, or of its media without any.
 uint32_t movie_duration(const iso_track* track);
 
+// Making a track in several steps: what was added to the file since is taken back at the end of the
+// scope, but for a track that is kept.
+class TrackAttempt {
+  public:
+    explicit TrackAttempt(iso_file* file);
+    TrackAttempt(const TrackAttempt&) = delete;
+    TrackAttempt& operator=(const TrackAttempt&) = delete;
+    ~TrackAttempt();
+
+    iso_track* keep(iso_track* track);
+
+  private:
+    iso_file* file_;  // null when there is nothing to take back
+    iso_track* last_track_ = nullptr;
+    uint32_t next_track_id_ = 0, header_size_ = 0, has_visual_ = 0;
+};
+
 // A new track of a file that is being written, with what every codec's track needs: its codec, and
 // from the timescale the longest that it may run. `entry_bytes` is what its sample entry and media
 // header add to the header. Null without memory or for a file that is not being written.

@@ -15,6 +15,7 @@ constexpr uint32_t kFirstPiece = 1 << 20;
 // The first letters of a version-0 and a version-1 header differ in nothing but the width of their
 // times; the wide ones are passed over, not read.
 constexpr uint32_t kWideMovieTimes = 28;
+constexpr uint32_t kWideDates = 16;  // the first two of them
 constexpr uint32_t kWideTrackTimes = 32;
 
 iso_track* current(iso_file* file) {
@@ -193,10 +194,11 @@ int read_tkhd(iso_file* file, uint32_t) {
     constexpr uint32_t kBody = 84;  // of version 0
     if (file->moov_left < kBody) return -1;
     const uint8_t version = getbyte(file);
-    getint24(file);  // flags
+    const uint32_t flags = getint24(file);
     iso_track* track = isoFFtrack(file);
     if (track == nullptr) return -1;
     file->current_track = track;
+    track->header_flags = flags;
     if (version == 0) {
         track->creation_time = getint32(file);
         track->modification_time = getint32(file);
@@ -213,8 +215,10 @@ int read_tkhd(iso_file* file, uint32_t) {
     track->volume = getint16(file);
     getint16(file);  // reserved
     read_matrix(file, track);
-    track->width = getint32(file) >> 16;
-    track->height = getint32(file) >> 16;
+    track->display_width = getint32(file);
+    track->display_height = getint32(file);
+    track->width = track->display_width >> 16;
+    track->height = track->display_height >> 16;
     return 0;
 }
 
@@ -243,10 +247,12 @@ int read_mvhd(iso_file* file, uint32_t) {
     if (version == 0) {
         file->creation_time = getint32(file);
         file->modification_time = getint32(file);
-        file->timescale = getint32(file);
+        file->timescale = file->edit_timescale = getint32(file);
         file->duration = getint32(file);
     } else {
-        skip(file, kWideMovieTimes);
+        skip(file, kWideDates);
+        file->edit_timescale = getint32(file);
+        skip(file, kWideMovieTimes - kWideDates - 4);
     }
     skip(file, 4 + 2 + 70);  // rate, volume; reserved, matrix and pre-defined
     file->next_track_id = getint32(file);
@@ -375,10 +381,20 @@ int read_srpp(iso_file* file, uint32_t) {
     return parse_rest(file, sinf_box);
 }
 
-int read_visual_entry(iso_file* file, int32_t codec) {
+// Begins a sample entry of a medium; the track that it describes, or null.
+iso_track* begin_entry(iso_file* file, int32_t codec) {
     iso_track* track = current(file);
-    if (track == nullptr) return 0;
+    if (track == nullptr) return nullptr;
     track->codec = codec;
+    track->entry = file->moov_buffer;
+    track->entry_length = file->moov_left;
+    track->entry_count++;
+    return track;
+}
+
+int read_visual_entry(iso_file* file, int32_t codec) {
+    iso_track* track = begin_entry(file, codec);
+    if (track == nullptr) return 0;
     skip(file, 24);  // reserved, data reference index, pre-defined
     const uint16_t width = getint16(file);
     const uint16_t height = getint16(file);
@@ -391,9 +407,8 @@ int read_visual_entry(iso_file* file, int32_t codec) {
 }
 
 int read_audio_entry(iso_file* file, int32_t codec) {
-    iso_track* track = current(file);
+    iso_track* track = begin_entry(file, codec);
     if (track == nullptr) return 0;
-    track->codec = codec;
     skip(file, 16);  // reserved, data reference index
     const uint16_t channel_count = getint16(file);
     const uint16_t sample_bits = getint16(file);

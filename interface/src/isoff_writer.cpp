@@ -14,7 +14,7 @@ namespace {
 enum WriteError {
     kBadArgument = -1,
     kNoMemory = -2,
-    kFellShort = -5,  // finalised already, or the stream or a temporary file failed
+    kFellShort = -5,  // finalised already, or what was to be written did not come out whole
     kTooLarge = -6,
     kTooLong = -7,
     kTrackClosed = -8,
@@ -37,7 +37,8 @@ uint64_t header_cost_of(const iso_track* track, const iso_frame& frame) {
     uint64_t cost = uint64_t{frame.size} + kSizeCost;
     if (frame.duration != duration_before) cost += kEntryCost;
     if (frame.cts_offset != offset_before) cost += kEntryCost;
-    if (before == nullptr) return cost + kEntryCost;
+    // Where the first is empty, its size cannot stand for all: the table is necessary at once.
+    if (before == nullptr) return cost + kEntryCost + (frame.size == 0 ? kSizeCost : 0);
     const auto samples = static_cast<uint64_t>(track->sample_count);
     if (track->sample_size == 0) return cost + kSizeCost;
     // The size table becomes necessary, for the samples so far as well.
@@ -79,12 +80,24 @@ iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
     return frame;
 }
 
+// Whether the file has room for `size` more bytes of a track's sample: below the limit that each
+// track is held to, and, with what the others take, where 32 bits can tell it.
+bool has_room(const iso_track* track, uint32_t size) {
+    const iso_file* file = track->file;
+    const uint64_t more = uint64_t{size} + kFileOverhead;
+    if (track->header_cost + more > file->size_limit) return false;
+    uint64_t taken = file->header_size;
+    for (const iso_track* one = file->first_track; one != nullptr; one = one->next)
+        taken += one->header_cost;
+    return taken + more <= UINT32_MAX;
+}
+
 int check_limits(iso_track* track, uint32_t size, uint32_t duration) {
-    const uint64_t bytes = uint64_t{size} + track->header_cost + kFileOverhead;
     const uint64_t units = uint64_t{track->duration} + duration;
-    if (bytes <= track->file->size_limit && units <= track->duration_limit) return 0;
+    const bool fits = has_room(track, size);
+    if (fits && units <= track->duration_limit) return 0;
     track->closed = 1;
-    return bytes > track->file->size_limit ? kTooLarge : kTooLong;
+    return fits ? kTooLong : kTooLarge;
 }
 
 // --- chunks ---
@@ -264,23 +277,22 @@ bool rewind_spools(iso_file* file) {
     return true;
 }
 
-// `ftyp`, `moov` and the header of `mdat`, as one run of bytes. Empty when they come to more than a
-// file can hold, or to something else than was measured.
-std::vector<uint8_t> make_header(iso_file* file, uint64_t media) {
+// `ftyp`, `moov` and the header of `mdat`, as one run of bytes. 0, or an error when they come to
+// more than a file can hold or to something else than was measured.
+int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header) {
     const uint64_t ftyp = write_ftyp(kCountPass, {}, file);
     const uint64_t moov = write_moov(kCountPass, {}, file);
     const uint64_t measured = ftyp + moov + kBoxHeader;
-    if (measured + media > UINT32_MAX) return {};
+    if (measured + media > UINT32_MAX) return kTooLarge;
     file->media_base = static_cast<uint32_t>(measured);
-    std::vector<uint8_t> header(static_cast<size_t>(measured));
+    header.resize(static_cast<size_t>(measured));
     uint64_t written = write_ftyp(kWritePass, header, file);
     written += write_moov(kWritePass, std::span(header).subspan(static_cast<size_t>(ftyp)), file);
     written += kBoxHeader;
     uint8_t* mdat = header.data() + header.size() - kBoxHeader;
     store_be32(mdat, static_cast<uint32_t>(media + kBoxHeader));
     store_be32(mdat + 4, fourcc("mdat"));
-    if (!passes_agree(measured, written)) header.clear();
-    return header;
+    return passes_agree(measured, written) ? 0 : kFellShort;
 }
 
 int write_queued(iso_file* file) {
@@ -288,8 +300,9 @@ int write_queued(iso_file* file) {
     uint64_t media = 0;
     const int planned = plan(file, runs, media);
     if (planned != 0) return planned;
-    const std::vector<uint8_t> header = make_header(file, media);
-    if (header.empty()) return kTooLarge;
+    std::vector<uint8_t> header;
+    const int made = make_header(file, media, header);
+    if (made != 0) return made;
     if (!rewind_spools(file)) return kFellShort;
     if (!write_stream(file, header.data(), static_cast<uint32_t>(header.size()))) return kFellShort;
     return std::all_of(runs.begin(), runs.end(), write_run) ? 0 : kFellShort;
@@ -353,6 +366,28 @@ int finalise(iso_file* file) try {
     return kNoMemory;
 }
 
+TrackAttempt::TrackAttempt(iso_file* file) : file_(file) {
+    if (file == nullptr) return;
+    last_track_ = file->last_track;
+    next_track_id_ = file->next_track_id;
+    header_size_ = file->header_size;
+    has_visual_ = file->has_visual;
+}
+
+TrackAttempt::~TrackAttempt() {
+    if (file_ == nullptr) return;
+    (last_track_ == nullptr ? file_->first_track : last_track_->next) = nullptr;
+    file_->last_track = last_track_;
+    file_->next_track_id = next_track_id_;
+    file_->header_size = header_size_;
+    file_->has_visual = has_visual_;
+}
+
+iso_track* TrackAttempt::keep(iso_track* track) {
+    file_ = nullptr;
+    return track;
+}
+
 iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale,
                            uint32_t entry_bytes) {
     if (file == nullptr || !file->write_mode) return nullptr;
@@ -376,6 +411,8 @@ iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, u
     std::memcpy(track->handler, "vide", sizeof track->handler);
     track->width = width;
     track->height = height;
+    track->display_width = width << 16;
+    track->display_height = height << 16;
     track->horiz_resolution = track->vert_resolution = kScreenResolution;
     track->depth = kColourDepth;
     track->frame_count = 1;

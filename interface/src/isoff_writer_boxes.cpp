@@ -90,10 +90,6 @@ bool is_hint(const iso_track* track) {
     return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
 }
 
-bool is_visual(const iso_track* track) {
-    return track->handler[0] == 'v';
-}
-
 // --- the check of the two passes ---
 
 enum Table { kSttsTable, kCttsTable, kStszTable, kStssTable, kSbgpTable };
@@ -180,9 +176,14 @@ uint64_t write_esds(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 
 // --- sample entries ---
 
-void begin_entry(BoxBody& box) {
-    box.zeros(6);
+// Puts what every entry begins with; and all of one that was read, in which case it is true.
+bool begin_entry(BoxBody& box, const iso_track* track) {
+    constexpr uint32_t kReserved = 6, kCommonPart = 8;
+    box.zeros(kReserved);
     box.u16(1);  // data reference index
+    if (track->entry == nullptr || track->entry_length < kCommonPart) return false;
+    box.bytes(track->entry + kCommonPart, track->entry_length - kCommonPart);
+    return true;
 }
 
 using ConfigWriter = uint64_t (*)(Pass, std::span<uint8_t>, const iso_track*);
@@ -193,7 +194,7 @@ uint64_t write_visual_entry(Pass pass, std::span<uint8_t> to, const iso_track* t
     constexpr uint32_t kColour = 24;
     constexpr size_t kCompressorName = 32;
     BoxBody box(pass, to, type);
-    begin_entry(box);
+    if (begin_entry(box, track)) return box.finish();
     box.zeros(16);  // pre-defined and reserved
     box.u16(track->width);
     box.u16(track->height);
@@ -212,7 +213,7 @@ uint64_t write_audio_entry(Pass pass, std::span<uint8_t> to, const iso_track* tr
                            const char* type, ConfigWriter config) {
     constexpr uint32_t kChannels = 2, kSampleBits = 16;  // whatever is coded (26.244, 6.5)
     BoxBody box(pass, to, type);
-    begin_entry(box);
+    if (begin_entry(box, track)) return box.finish();
     box.zeros(8);
     box.u16(track->channel_count != 0 ? track->channel_count : kChannels);
     box.u16(track->sample_bits != 0 ? track->sample_bits : kSampleBits);
@@ -234,7 +235,7 @@ void put_value_box(BoxBody& box, const char* type, uint32_t value) {
 uint64_t write_hint_entry(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     const bool is_srtp = track->codec == ISO_CODEC_SRTP;
     BoxBody box(pass, to, is_srtp ? "srtp" : "rtp ");
-    begin_entry(box);
+    begin_entry(box, track);
     box.u16(track->rtp_hint_version != 0 ? track->rtp_hint_version : 1);
     box.u16(track->rtp_highest_compat != 0 ? track->rtp_highest_compat : 1);
     box.u32(track->rtp_max_packet);
@@ -356,8 +357,10 @@ uint64_t write_stbl(Pass pass, std::span<uint8_t> to, iso_track* track) {
     box.child(write_stsc, track);
     box.child(write_stco, track);
     if (track->sync_samples != nullptr) box.child(write_stss, track);
-    if (track->sbgp_list != nullptr) box.child(write_sbgp, track);
-    if (track->sgpd_list != nullptr) box.child(write_sgpd, track);
+    // Groups of no type could not be told from others.
+    const bool has_groups = track->sgpd_type[0] != '\0';
+    if (has_groups && track->sbgp_list != nullptr) box.child(write_sbgp, track);
+    if (has_groups && track->sgpd_list != nullptr) box.child(write_sgpd, track);
     return box.finish();
 }
 
@@ -444,10 +447,8 @@ uint64_t write_mdia(Pass pass, std::span<uint8_t> to, iso_track* track) {
 // --- track ---
 
 uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    constexpr uint32_t kEnabled = 1, kInMovieAndPreview = 6;
-    const bool audible = track->handler[0] == 's';
     BoxBody box(pass, to, "tkhd");
-    box.version_and_flags(0, is_hint(track) ? kEnabled : kEnabled | kInMovieAndPreview);
+    box.version_and_flags(0, track->header_flags);
     box.u32(track->creation_time);
     box.u32(track->modification_time);
     box.u32(track->track_id);
@@ -456,12 +457,12 @@ uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     box.zeros(8);
     box.u16(static_cast<uint32_t>(track->layer));
     box.u16(static_cast<uint32_t>(track->alternate_group));
-    box.u16(track->volume != 0 || !audible ? static_cast<uint32_t>(track->volume) : kFullVolume);
+    box.u16(static_cast<uint32_t>(track->volume));
     box.u16(0);
     for (const uint32_t element : track->matrix)
         box.u32(element);
-    box.u32(is_visual(track) ? track->width << 16 : 0);
-    box.u32(is_visual(track) ? track->height << 16 : 0);
+    box.u32(track->display_width);
+    box.u32(track->display_height);
     return box.finish();
 }
 

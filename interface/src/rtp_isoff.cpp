@@ -190,7 +190,9 @@ int64_t rtp_duration(const iso_track* hint, uint32_t media_duration) {
 }
 
 void describe_hint_track(iso_track* hint, iso_track* media, int max_packet, int payload_type) {
+    constexpr uint32_t kEnabled = 1;  // and no part of what is shown
     std::memcpy(hint->handler, "hint", sizeof hint->handler);
+    hint->header_flags = kEnabled;
     hint->hint_track_ref = media->track_id;
     hint->rtp_hint_version = hint->rtp_highest_compat = 1;
     hint->rtp_max_packet = static_cast<uint32_t>(max_packet);
@@ -220,13 +222,15 @@ iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet, int 
     }
     auto* hinter = arena_array<iso_hinter>(file, 1);
     if (hinter == nullptr) return nullptr;
+    TrackAttempt attempt(file);
     iso_track* hint = new_media_track(file, ISO_CODEC_RTP, clock_of(media), kEntryBytes);
     if (hint == nullptr) return nullptr;
     hinter->media = media;
     hinter->payload = payload_of(media, h263_payload);
     hint->hinter = hinter;
     describe_hint_track(hint, media, max_packet, payload_type);
-    return keep_edits(hint) && keep_sdp(hint, sdp_of(hint, media)) ? hint : nullptr;
+    if (!keep_edits(hint) || !keep_sdp(hint, sdp_of(hint, media))) return nullptr;
+    return attempt.keep(hint);
 } catch (const std::bad_alloc&) {
     return nullptr;
 }
