@@ -77,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input({data, size});
     const uint8_t how = input.choices.u8();
     const char* mode = how & 1 ? "rv" : "ra";
-    const uint32_t room = how & 2 ? KST_LARGEST_CHUNK : 1 + uint32_t{input.choices.u16()};
+    const uint32_t room = how & 2 ? uint32_t{KST_LARGEST_CHUNK} : 1 + uint32_t{input.choices.u16()};
     const bool flag = how & 4;
 
     Host whole_host(input.file);

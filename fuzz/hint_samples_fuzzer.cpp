@@ -26,8 +26,8 @@ struct Sample {
 Sample read_here(iso_track* track) {
     Sample sample;
     sample.bytes.resize(kMostRoom);
-    sample.length = isoFFread(track, sample.bytes.data(), kMostRoom, &sample.duration,
-                              &sample.offset);
+    sample.length =
+        isoFFread(track, sample.bytes.data(), kMostRoom, &sample.duration, &sample.offset);
     check(sample.length <= kMostRoom);
     sample.bytes.resize(static_cast<size_t>(std::max(sample.length, 0)));
     if (sample.length < 0) sample.duration = sample.offset = 0;

@@ -25,9 +25,8 @@ class Reader final : public tool::RecordSink {
     void medium(tool::Medium medium, View config) override {
         check(!joiner_);
         look_at(config);
-        joiner_ = tool::make_depacketiser(medium, config, [this](View bytes) {
-            joined_ += bytes.size();
-        });
+        joiner_ = tool::make_depacketiser(medium, config,
+                                          [this](View bytes) { joined_ += bytes.size(); });
     }
     void speech_frame(View frame) override { check(!frame.empty() && frame.size() <= 62); }
     void video_packet(View payload) override {

@@ -50,7 +50,8 @@ Bytes sample_bytes(Choices& choices, int32_t codec) {
 }
 
 iso_track* make_media(iso_file* file, int32_t codec) {
-    const uint8_t avcc[] = {1, 66, 0xC0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0xC0, 30, 1, 0, 2, 0x68, 9};
+    const uint8_t avcc[] = {1,  66,   0xC0, 30, 0xFF, 0xE1, 0,    4, 0x67,
+                            66, 0xC0, 30,   1,  0,    2,    0x68, 9};
     const uint8_t config[] = {0, 0, 1, 0xB0, 1};
     H263VCFG cfg{};
     cfg.width = 176;
@@ -90,8 +91,8 @@ void write_sample(Track& track, Choices& choices) {
     Sample sample{sample_bytes(choices, track.media->codec), 1 + choices.u16() % 9000,
                   static_cast<int8_t>(choices.u8())};
     const auto size = static_cast<int>(sample.bytes.size());
-    check(isoFFwrite(track.media, sample.bytes.data(), size, sample.duration,
-                     sample.cts_offset) == size);
+    check(isoFFwrite(track.media, sample.bytes.data(), size, sample.duration, sample.cts_offset) ==
+          size);
     if (track.hint != nullptr) {
         const int hinted = isoFFwriteHint(track.hint, sample.bytes.data(), size, sample.duration,
                                           sample.cts_offset);
@@ -111,8 +112,8 @@ void check_samples(iso_track* track, const Track& written) {
     Bytes buffer(4000);
     for (const Sample& sample : written.samples) {
         double duration = 0, offset = 0;
-        const int got = isoFFread(track, buffer.data(), static_cast<int>(buffer.size()), &duration,
-                                  &offset);
+        const int got =
+            isoFFread(track, buffer.data(), static_cast<int>(buffer.size()), &duration, &offset);
         check(got == static_cast<int>(sample.bytes.size()));
         check(std::equal(sample.bytes.begin(), sample.bytes.end(), buffer.begin()));
         check(near(duration, sample.duration, written.timescale));

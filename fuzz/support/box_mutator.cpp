@@ -24,9 +24,10 @@ struct Container {
 };
 
 constexpr Container kContainers[] = {
-    {"moov", 0},  {"trak", 0},  {"mdia", 0},  {"minf", 0},  {"stbl", 0},  {"edts", 0}, {"dinf", 0},
-    {"udta", 0},  {"tref", 0},  {"hnti", 0},  {"hinf", 0},  {"meta", 4},  {"stsd", 8}, {"dref", 8},
-    {"samr", 28}, {"sawb", 28}, {"mp4a", 28}, {"mp4v", 78}, {"s263", 78}, {"avc1", 78}, {"rtp ", 16}};
+    {"moov", 0},  {"trak", 0},  {"mdia", 0},  {"minf", 0},  {"stbl", 0},  {"edts", 0},
+    {"dinf", 0},  {"udta", 0},  {"tref", 0},  {"hnti", 0},  {"hinf", 0},  {"meta", 4},
+    {"stsd", 8},  {"dref", 8},  {"samr", 28}, {"sawb", 28}, {"mp4a", 28}, {"mp4v", 78},
+    {"s263", 78}, {"avc1", 78}, {"rtp ", 16}};
 
 struct Box {
     size_t offset;
@@ -41,8 +42,7 @@ struct Box {
 
 class File {
   public:
-    File(View bytes, Numbers& numbers)
-        : bytes_(bytes.begin(), bytes.end()), numbers_(numbers) {
+    File(View bytes, Numbers& numbers) : bytes_(bytes.begin(), bytes.end()), numbers_(numbers) {
         parse(0, bytes_.size(), -1);
     }
 
@@ -115,10 +115,10 @@ Box& File::pick_sibling(const Box& box) {
 
 uint32_t File::value_near(uint32_t value) {
     const auto length = static_cast<uint32_t>(bytes_.size());
-    const uint32_t values[] = {0,          1,          2,          0x7F,       0x80,
-                               0xFF,       0x7FFF,     0x8000,     0xFFFF,     0x10000,
-                               0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0xFFFFFFFE, 0x40000000,
-                               length,     length - 1, length + 1, value + 1,  value - 1,
+    const uint32_t values[] = {0,          1,          2,          0x7F,           0x80,
+                               0xFF,       0x7FFF,     0x8000,     0xFFFF,         0x10000,
+                               0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0xFFFFFFFE,     0x40000000,
+                               length,     length - 1, length + 1, value + 1,      value - 1,
                                value * 2,  value / 2,  0 - value,  numbers_.next()};
     return values[numbers_.below(std::size(values))];
 }
@@ -192,8 +192,7 @@ void File::resize_body(const Box& box) {
     if (box.fields == 0) return;
     const auto parent = static_cast<int>(&box - boxes_.data());
     const size_t from = numbers_.below(static_cast<uint32_t>(box.fields));
-    const size_t count =
-        std::min<size_t>(box.fields - from, size_t{1} << numbers_.below(7));
+    const size_t count = std::min<size_t>(box.fields - from, size_t{1} << numbers_.below(7));
     const size_t at = box.offset + kHeader + from;
     const auto begin = bytes_.begin() + static_cast<std::ptrdiff_t>(at);
     if (numbers_.below(2) == 0) {
@@ -207,9 +206,7 @@ void File::swap(const Box& one, const Box& other) {
     const Box& first = one.offset < other.offset ? one : other;
     const Box& second = one.offset < other.offset ? other : one;
     if (first.end() > second.offset) return;
-    const auto place = [&](size_t at) {
-        return bytes_.begin() + static_cast<std::ptrdiff_t>(at);
-    };
+    const auto place = [&](size_t at) { return bytes_.begin() + static_cast<std::ptrdiff_t>(at); };
     Bytes swapped(place(second.offset), place(second.end()));
     swapped.insert(swapped.end(), place(first.end()), place(second.offset));
     swapped.insert(swapped.end(), place(first.offset), place(first.end()));
@@ -261,7 +258,8 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
     for (int i = 0; i < 4; ++i)
         numbers.next();
     const Input input({data, size});
-    if (size <= kChoiceBytes || numbers.below(8) == 0) return LLVMFuzzerMutate(data, size, max_size);
+    if (size <= kChoiceBytes || numbers.below(8) == 0)
+        return LLVMFuzzerMutate(data, size, max_size);
     if (numbers.below(8) == 0) {
         LLVMFuzzerMutate(data + input.file.size(), kChoiceBytes, kChoiceBytes);
         return size;

@@ -105,11 +105,11 @@ struct Host::Slots {
 };
 
 Host::Host(View file)
-    : file_(file),
-      there_(file.size()),
-      table_{this,           Slots::get_offset,  Slots::seek,   Slots::read,
-             Slots::write,   Slots::stream_size, Slots::is_eof, Slots::index_read,
-             Slots::advance, Slots::check_status} {}
+    : file_(file), there_(file.size()), table_{this,           Slots::get_offset,
+                                               Slots::seek,    Slots::read,
+                                               Slots::write,   Slots::stream_size,
+                                               Slots::is_eof,  Slots::index_read,
+                                               Slots::advance, Slots::check_status} {}
 
 Host::Host(View file, uint32_t seed) : Host(file) {
     there_ = 0;
