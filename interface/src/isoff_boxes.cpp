@@ -458,9 +458,6 @@ int read_ftyp(iso_file* file, uint32_t body) {
 }
 
 int read_moov(iso_file* file, uint32_t body) {
-    // A file has one movie. With a second one counted in, a file that arrives would play otherwise
-    // than the whole one.
-    if (file->first_track != nullptr) return 1;
     file->moov_buffer = read_into_arena(file, body);
     if (file->moov_buffer == nullptr) return -1;
     file->moov_left = body;

@@ -43,9 +43,10 @@ void advance_times(iso_track* track, uint32_t samples) {
 }
 
 // How many samples of constant size the cursor may pass at once, of `wanted`: to the end of the
-// chunk at the most.
+// chunk at the most, and all of them behind the last one.
 uint32_t samples_at_once(const iso_track* track, uint32_t wanted) {
-    if (track->sample_size == 0 || track->cur_chunk >= track->chunk_count) return 1;
+    if (track->sample_size == 0) return 1;
+    if (track->cur_chunk >= track->chunk_count) return wanted;
     const uint32_t end = track->chunks[track->cur_chunk].end;
     if (track->cur_offset >= end) return 1;
     const uint32_t bytes = end - track->cur_offset;
@@ -230,12 +231,27 @@ struct LowestTwo {
     }
 };
 
+// How many samples from the cursor on lie in front of `limit` and have the duration of the first.
+uint32_t samples_alike(iso_track* track, uint32_t limit) {
+    if (track->sample_size == 0 || limit <= track->cur_offset) return 1;
+    auto alike = static_cast<uint32_t>(track->sample_count - track->cur_sample);
+    const auto* entry = entry_at(track->stts, track->stts_count, track->stts_index);
+    if (entry != nullptr) {
+        alike = std::min(alike, entry->count - static_cast<uint32_t>(track->stts_in_entry));
+    }
+    return std::min(alike, (limit - track->cur_offset - 1) / track->sample_size + 1);
+}
+
 // Passes the samples of `track` that lie in front of `limit`, at least one; returns their time.
 double pass_samples(iso_track* track, uint32_t limit) {
     double units = 0.0;
     do {
-        units += duration_at_cursor(track);
-        advance_cursor(track);
+        const double delta = duration_at_cursor(track);
+        const int32_t before = track->cur_sample;
+        advance_place(track, samples_alike(track, limit));
+        const auto passed = static_cast<uint32_t>(track->cur_sample - before);
+        advance_times(track, passed);
+        units += delta * passed;
         if (track->cur_sample >= track->sample_count || track->cur_chunk >= track->chunk_count) {
             track->cur_offset = kNoMoreSamples;
         }
@@ -259,7 +275,10 @@ double isoFFgetInterleave(iso_file* file) {
         rewind_cursor(cursor++);
     }
     double longest = 0.0;
-    for (;;) {
+    // Tracks that lie on each other can take turns as often as their counts claim; no file that was
+    // written in turns has so many.
+    constexpr int kMostLooks = 1 << 24;
+    for (int looks = 0; looks <= kMostLooks; looks += tracks) {
         LowestTwo lowest;
         for (int i = 0; i < tracks; ++i) {
             const bool done = cursors[i].cur_offset == kNoMoreSamples;
