@@ -277,7 +277,7 @@ double isoFFgetInterleave(iso_file* file) {
     double longest = 0.0;
     // Tracks that lie on each other can take turns as often as their counts claim; no file that was
     // written in turns has so many.
-    constexpr int kMostLooks = 1 << 24;
+    constexpr int kMostLooks = 1 << 22;
     for (int looks = 0; looks <= kMostLooks; looks += tracks) {
         LowestTwo lowest;
         for (int i = 0; i < tracks; ++i) {
