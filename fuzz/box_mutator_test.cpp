@@ -86,7 +86,7 @@ TEST(BoxMutator, KeepsSizesAndMostlyChunkOffsetsRight) {
 
 // Bytes without boxes, and inputs that are no more than choices, are left to libFuzzer.
 TEST(BoxMutator, LeavesOtherBytesAlone) {
-    for (const size_t size : {0, 1, 16, 17, 100}) {
+    for (const size_t size : {size_t{0}, size_t{1}, size_t{16}, size_t{17}, size_t{100}}) {
         for (unsigned seed = 1; seed <= 50; ++seed) {
             const Bytes bytes = mutated(Bytes(size, 0xFF), seed);
             EXPECT_TRUE(bytes.empty() || (size > 16 && bytes.size() == size));
