@@ -1,27 +1,18 @@
 // Any bytes as a file: reading ends, in a tree or in a SimpleException; a tree lists its fields
 // and children, and what it dumps is as long as it says and reads back to the same dump.
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 #include <string_view>
 #include <vector>
 
-#include "boxes/foreign_codec_exit.h"
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
+#include "fuzz/support/support.h"
 #include "kestrel/hosts.h"
-
-namespace Qvox3gp {
-
-// In place of the process exit.
-void exit_on_foreign_codec() {
-    throw SimpleException("fuzz", 0, "foreign codec");
-}
-
-}  // namespace Qvox3gp
 
 namespace {
 
+using fuzz::check;
 using Qvox3gp::Box;
 
 class Touch : public Qvox3gp::FieldVisitor {
@@ -68,10 +59,6 @@ std::vector<uint8_t> dump(const Qvox3gp::Simple3gp& file) {
     std::vector<uint8_t> bytes(data, data + size);
     kst_host_close(host);
     return bytes;
-}
-
-void check(bool holds) {
-    if (!holds) std::abort();
 }
 
 }  // namespace

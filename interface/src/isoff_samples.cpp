@@ -310,7 +310,7 @@ double isoFFgetInterleave(iso_file* file) {
         rewind_cursor(cursor++);
     }
     // Tables whose samples lie on top of each other can tell of any number of turns.
-    constexpr int kMostVisits = 1 << 27;
+    constexpr int kMostVisits = 1 << 22;
     double longest = 0.0;
     for (int turns = kMostVisits / tracks; turns > 0; --turns) {
         LowestTwo lowest;
