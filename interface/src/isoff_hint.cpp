@@ -52,7 +52,7 @@ SampleConstructor parse_sample_constructor(const uint8_t* raw) {
 // A copy of few bytes, most often a speech frame, in blocks that overlap at the end.
 inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
     constexpr uint32_t kBlock = 16;
-    if (count < kBlock) {
+    if (count < kBlock) [[unlikely]] {
         for (uint32_t i = 0; i < count; ++i)
             to[i] = from[i];
         return;
@@ -60,6 +60,17 @@ inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
     for (uint32_t at = 0; at < count - kBlock; at += kBlock)
         std::memcpy(to + at, from + at, kBlock);
     std::memcpy(to + (count - kBlock), from + (count - kBlock), kBlock);
+}
+
+// Duration of the hint sample at the cursor in units of the RTP clock.
+inline double rtp_units(iso_track* track) {
+    RtpStep& step = track->index->rtp_step;
+    const uint32_t delta = duration_at_cursor(track);
+    if (step.delta != delta || step.rate != track->rtp_timescale) {
+        step = {delta, track->rtp_timescale,
+                track->rtp_timescale * seconds(delta, track->timescale)};
+    }
+    return step.units;
 }
 
 // Reads `count` bytes of a hint sample that cannot be looked at as a whole. 0, or the code that
@@ -107,7 +118,6 @@ class PacketReader {
     void begin_packets(uint32_t packets);
     void note_read_position();
     void next_sample();
-    void stay_on_sample();
     int build_packet();
 
     iso_track* track_;
@@ -122,6 +132,7 @@ class PacketReader {
     uint8_t* scratch_;
     const iso_track* copied_from_ = nullptr;  // track and offset of the last sample constructor
     uint32_t copied_offset_ = 0;
+    bool strayed_ = false;  // the hint track's cursor is not on the sample of its packets
 };
 
 // Room for `count` more bytes of the packet, or null.
@@ -135,9 +146,12 @@ inline uint8_t* PacketReader::extend(uint32_t count) {
 // A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
 // left to differ from, only a call of isoFFsetPosition counts.
 inline void PacketReader::resynchronise() {
-    const bool moved = at_end() ? track_->positioned != 0 : hint_.sample != track_->cur_sample;
+    bool moved = hint_.sample != track_->cur_sample;
+    if (at_end()) [[unlikely]]
+        moved = track_->positioned != 0;
     track_->positioned = 0;
-    if (!moved) return;
+    if (!moved) [[likely]]
+        return;
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
     offset_ = 0;
@@ -145,11 +159,9 @@ inline void PacketReader::resynchronise() {
 
 // Looks at the whole hint sample, if it is short enough to be read ahead and is there.
 inline void PacketReader::view_sample() {
-    whole_size_ = 0;
-    if (track_->cur_sample != hint_.sample || at_end()) return;
     const uint32_t size = size_at_cursor(track_);
     whole_ = from_window(track_, track_->cur_offset, size);
-    if (whole_ != nullptr) whole_size_ = size;
+    whole_size_ = whole_ != nullptr ? size : 0;
 }
 
 // Points own_ at the next `count` bytes of the hint sample, at most those of a constructor.
@@ -169,8 +181,7 @@ inline int PacketReader::take_own(uint32_t count) {
 inline void PacketReader::begin_packets(uint32_t packets) {
     hint_.packets_left = static_cast<int32_t>(packets);
     hint_.timestamp = clock_to_timestamp(hint_.rtp_time) + track_->rtp_ts_offset;
-    hint_.rtp_time +=
-        track_->rtp_timescale * seconds(duration_at_cursor(track_), track_->timescale);
+    hint_.rtp_time += rtp_units(track_);
     // Reduced by 2^32 - 1, one short of the range, and only once.
     if (hint_.rtp_time > kClockWrapsAt) hint_.rtp_time -= kClockWrap;
 }
@@ -198,13 +209,7 @@ inline int PacketReader::open_sample() {
 inline void PacketReader::next_sample() {
     offset_ = 0;
     hint_.sample++;
-    stay_on_sample();
-}
-
-// Puts the hint track on the cursor's sample, or leaves it on the last at the end. Whatever moved
-// it there must not be taken for a seek.
-inline void PacketReader::stay_on_sample() {
-    if (!at_end()) move_cursor(track_, hint_.sample);
+    if (!at_end()) advance_cursor(track_);
 }
 
 inline int PacketReader::write_header(const PacketEntry& entry) {
@@ -240,10 +245,16 @@ inline int PacketReader::skip_extra_information() {
 }
 
 inline int PacketReader::copy_immediate() {
-    const uint8_t count = std::min(own_[1], kLongestImmediate);
+    const uint32_t count = std::min(own_[1], kLongestImmediate);
+    const uint32_t room = room_ - length_;
     uint8_t* to = extend(count);
     if (to == nullptr) return -1;
-    copy_small(to, own_ + 2, count);
+    // All that the constructor has, where there is room: what is too much is written over.
+    if (room >= kLongestImmediate) {
+        std::memcpy(to, own_ + 2, kLongestImmediate);
+    } else {
+        std::memcpy(to, own_ + 2, count);
+    }
     return 0;
 }
 
@@ -271,7 +282,10 @@ inline int PacketReader::copy_sample() {
     uint8_t* to = extend(from.length);
     if (to == nullptr || from.sample_number > INT32_MAX || from.offset > INT32_MAX) return -1;
     const int got = copy_bytes(source, from, to);
-    if (source == track_) whole_size_ = 0;  // its cursor and what was read ahead have moved
+    if (source == track_) {
+        whole_size_ = 0;  // its cursor and what was read ahead have moved
+        strayed_ = true;
+    }
     copied_from_ = source;
     copied_offset_ = from.offset;
     if (got < 0) return got;
@@ -318,7 +332,8 @@ inline int PacketReader::read_packet() {
     if (result == 0) note_read_position();
     // A constructor that copied from another of the hint track's own samples moved its cursor;
     // were it left there, the next call would take that for a seek and could run in a circle.
-    stay_on_sample();
+    if (strayed_) [[unlikely]]
+        move_cursor(track_, hint_.sample);
     if (result != 0) return result;
     if (--hint_.packets_left == 0) next_sample();
     return 0;

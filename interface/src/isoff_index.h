@@ -20,6 +20,14 @@ struct Checkpoint {
     uint32_t offset;
 };
 
+// What a hint sample of `delta` track units adds to a clock of `rate` Hz. Kept, since dividing takes
+// as long as all else that a short packet needs.
+struct RtpStep {
+    uint32_t delta;
+    uint32_t rate;  // 0: nothing is kept
+    double units;
+};
+
 // What was read ahead of one track: bytes of the file from `start` on.
 struct ReadWindow {
     static constexpr uint32_t kRoom = 4096;
@@ -40,6 +48,7 @@ struct iso_index {
     uint32_t* stts_samples;
     uint32_t* ctts_samples;
     kestrel::ReadWindow window;
+    kestrel::RtpStep rtp_step;
 };
 
 namespace kestrel {
