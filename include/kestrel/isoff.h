@@ -243,10 +243,9 @@ struct iso_track {
     int32_t cur_chunk;
     int32_t stts_index, stts_in_entry;  // time-to-sample entry of cur_sample, samples before it
     int32_t ctts_index, ctts_in_entry;
-    // The next samples follow the one at hand in the file up to this offset, and next_alike of them
-    // last as long as it does: what the cursor can pass without a look at the tables. 0 where that
-    // is not known.
-    uint32_t next_until, next_alike;
+    // How many of the next samples are known to follow the one at hand in its chunk and to last as
+    // long as it does: the cursor comes to them without a look at the tables.
+    uint32_t next_alike;
 
     uint32_t sync_count;
     uint32_t* sync_samples;  // as stored: counting from 1

@@ -57,7 +57,8 @@ inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
             to[i] = from[i];
         return;
     }
-    for (uint32_t at = 0; at < count - kBlock; at += kBlock)
+    std::memcpy(to, from, kBlock);
+    for (uint32_t at = kBlock; at < count - kBlock; at += kBlock)
         std::memcpy(to + at, from + at, kBlock);
     std::memcpy(to + (count - kBlock), from + (count - kBlock), kBlock);
 }
@@ -65,10 +66,9 @@ inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
 // Duration of the hint sample at the cursor in units of the RTP clock.
 inline double rtp_units(iso_track* track) {
     RtpStep& step = track->index->rtp_step;
-    const uint32_t delta = duration_at_cursor(track);
-    if (step.delta != delta || step.rate != track->rtp_timescale) {
-        step = {delta, track->rtp_timescale,
-                track->rtp_timescale * seconds(delta, track->timescale)};
+    if (step.entry != track->stts_index || step.rate != track->rtp_timescale) [[unlikely]] {
+        const double duration = seconds(duration_at_cursor(track), track->timescale);
+        step = {track->stts_index, track->rtp_timescale, track->rtp_timescale * duration};
     }
     return step.units;
 }
@@ -146,12 +146,10 @@ inline uint8_t* PacketReader::extend(uint32_t count) {
 // A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
 // left to differ from, only a call of isoFFsetPosition counts.
 inline void PacketReader::resynchronise() {
-    bool moved = hint_.sample != track_->cur_sample;
-    if (at_end()) [[unlikely]]
-        moved = track_->positioned != 0;
+    if (hint_.sample == track_->cur_sample && track_->positioned == 0) return;
+    const bool moved = at_end() ? track_->positioned != 0 : hint_.sample != track_->cur_sample;
     track_->positioned = 0;
-    if (!moved) [[likely]]
-        return;
+    if (!moved) return;
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
     offset_ = 0;
@@ -190,18 +188,19 @@ inline void PacketReader::begin_packets(uint32_t packets) {
 // writes is taken for damage, since a few bytes of tables can tell of billions.
 inline int PacketReader::open_sample() {
     constexpr int kMostEmptySamples = 65536;
-    for (int empty = 0; hint_.packets_left == 0 && !at_end(); ++empty) {
-        if (empty > kMostEmptySamples) return -1;
+    int empty = 0;
+    while (hint_.packets_left == 0 && !at_end()) {
         offset_ = 0;
         view_sample();
         const int result = take_own(kSampleHeader);
         if (result != 0) return result;
         const uint16_t packets = load_be16(own_);
-        if (packets == 0) {
-            next_sample();
-        } else {
+        if (packets != 0) {
             begin_packets(packets);
+            return 0;
         }
+        if (++empty > kMostEmptySamples) return -1;
+        next_sample();
     }
     return 0;
 }
@@ -258,31 +257,39 @@ inline int PacketReader::copy_immediate() {
     return 0;
 }
 
-// Bytes of a sample that were read ahead are taken from there; all others, and all that is odd, go
-// the long way.
+// The long way, for what was not read ahead and all that is odd.
+int copy_from_stream(iso_track* source, const SampleConstructor& from, uint8_t* to) {
+    if (from.sample_number > INT32_MAX || from.offset > INT32_MAX) return -1;
+    return isoFFreadAt(source, static_cast<int>(from.sample_number) - 1,
+                       static_cast<int>(from.offset), to, from.length, nullptr, nullptr);
+}
+
+// Bytes of a sample that were read ahead are taken from there.
 inline int PacketReader::copy_bytes(iso_track* source, const SampleConstructor& from, uint8_t* to) {
-    const auto sample = static_cast<int32_t>(from.sample_number - 1);
-    if (from.length < kSmallRead && sample >= 0 && sample < source->sample_count) {
-        move_cursor(source, sample);
+    const uint32_t sample = from.sample_number - 1;
+    if (from.length < kSmallRead && sample < static_cast<uint32_t>(source->sample_count)) {
+        move_cursor(source, static_cast<int32_t>(sample));
+        const uint64_t at = uint64_t{source->cur_offset} + from.offset;
         const bool inside = uint64_t{from.offset} + from.length <= size_at_cursor(source);
-        const uint32_t at = saturating_add(source->cur_offset, from.offset);
-        const uint8_t* bytes = inside ? from_window(source, at, from.length) : nullptr;
-        if (bytes != nullptr) {
+        const uint8_t* bytes = inside && at <= UINT32_MAX
+                                   ? from_window(source, static_cast<uint32_t>(at), from.length)
+                                   : nullptr;
+        if (bytes != nullptr) [[likely]] {
             copy_small(to, bytes, from.length);
             return from.length;
         }
     }
-    return isoFFreadAt(source, sample, static_cast<int>(from.offset), to, from.length, nullptr,
-                       nullptr);
+    return copy_from_stream(source, from, to);
 }
 
 inline int PacketReader::copy_sample() {
     const SampleConstructor from = parse_sample_constructor(own_);
-    iso_track* source = from.track_reference == kOwnTrack ? track_ : hint_.media_track;
+    const bool own_track = from.track_reference == kOwnTrack;
+    iso_track* source = own_track ? track_ : hint_.media_track;
     uint8_t* to = extend(from.length);
-    if (to == nullptr || from.sample_number > INT32_MAX || from.offset > INT32_MAX) return -1;
+    if (to == nullptr) return -1;
     const int got = copy_bytes(source, from, to);
-    if (source == track_) {
+    if (source == track_) [[unlikely]] {
         whole_size_ = 0;  // its cursor and what was read ahead have moved
         strayed_ = true;
     }

@@ -68,7 +68,7 @@ void rewind_cursor(iso_track* track) {
     track->cur_offset = track->chunk_count >= 1 ? track->chunks[0].start : 0;
     track->stts_index = track->stts_in_entry = 0;
     track->ctts_index = track->ctts_in_entry = 0;
-    track->next_until = track->next_alike = 0;
+    track->next_alike = 0;
 }
 
 void advance_place(iso_track* track, uint32_t wanted) {

@@ -20,11 +20,11 @@ struct Checkpoint {
     uint32_t offset;
 };
 
-// What a hint sample of `delta` track units adds to a clock of `rate` Hz. Kept, since dividing takes
-// as long as all else that a short packet needs.
+// What a hint sample of a time entry adds to a clock of `rate` Hz. Kept, since dividing takes as
+// long as much else that a short packet needs.
 struct RtpStep {
-    uint32_t delta;
-    uint32_t rate;  // 0: nothing is kept
+    int32_t entry;
+    uint32_t rate;  // 0: nothing is kept, or nothing is to be added
     double units;
 };
 
@@ -97,15 +97,14 @@ void advance_by_tables(iso_track* track);
 
 // Moves the cursor, which is not behind the last sample, to the next.
 inline void advance_cursor(iso_track* track) {
-    const uint64_t next = uint64_t{track->cur_offset} + size_at_cursor(track);
-    if (track->next_alike == 0 || next >= track->next_until) {
+    if (track->next_alike == 0) [[unlikely]] {
         advance_by_tables(track);
         return;
     }
     track->next_alike--;
     track->stts_in_entry++;
+    track->cur_offset += size_at_cursor(track);
     track->cur_sample++;
-    track->cur_offset = static_cast<uint32_t>(next);
 }
 
 // Moves the cursor to a sample of the track; most often that is the one at hand or the next.
@@ -140,8 +139,9 @@ const uint8_t* fill_window(iso_track* track, uint32_t offset, uint32_t length);
 // the stream. Valid until the next call for the track.
 inline const uint8_t* from_window(iso_track* track, uint32_t offset, uint32_t length) {
     const ReadWindow& window = track->index->window;
-    const uint32_t into = offset - window.start;
-    if (into <= window.length && length <= window.length - into) return window.bytes + into;
+    const uint64_t into = uint64_t{offset} - window.start;  // huge in front of the window
+    if (into <= window.length && into + length <= window.length) [[likely]]
+        return window.bytes + into;
     return fill_window(track, offset, length);
 }
 

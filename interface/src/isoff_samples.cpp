@@ -79,6 +79,22 @@ uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint
     return read_at(track->file, offset, buffer, length, failed);
 }
 
+// How many of the next samples lie behind the one at hand in its chunk, as far as it is worth
+// looking.
+uint32_t next_in_chunk(const iso_track* track) {
+    constexpr uint32_t kFarEnough = 64;
+    if (track->cur_chunk >= track->chunk_count) return 0;
+    const uint32_t end = track->chunks[track->cur_chunk].end;
+    const auto left = static_cast<uint32_t>(track->sample_count - track->cur_sample) - 1;
+    uint64_t offset = track->cur_offset;
+    uint32_t next = 0;
+    for (; next < std::min(left, kFarEnough); ++next) {
+        offset += sample_size_of(track, track->cur_sample + static_cast<int32_t>(next));
+        if (offset >= end) break;
+    }
+    return next;
+}
+
 // A track that is being written has no tables yet.
 bool is_readable(const iso_track* track) {
     return track != nullptr && !track->file->write_mode;
@@ -99,13 +115,10 @@ void advance_by_tables(iso_track* track) {
     const int32_t from = track->cur_sample;
     advance_place(track, 1);
     move_times(track, from);
-    const bool in_chunk = track->cur_chunk < track->chunk_count;
-    track->next_until = in_chunk ? track->chunks[track->cur_chunk].end : 0;
-    if (track->ctts_count == 0 && track->stts_index < track->stts_count) {
-        const uint32_t count = track->stts[track->stts_index].count;
-        const uint32_t with_this = static_cast<uint32_t>(track->stts_in_entry) + 1;
-        track->next_alike = count > with_this ? count - with_this : 0;
-    }
+    if (track->ctts_count > 0 || track->cur_sample >= track->sample_count) return;
+    const uint32_t in_entry =
+        track->stts[track->stts_index].count - static_cast<uint32_t>(track->stts_in_entry);
+    if (in_entry > 1) track->next_alike = std::min(in_entry - 1, next_in_chunk(track));
 }
 
 const uint8_t* fill_window(iso_track* track, uint32_t offset, uint32_t length) {
@@ -158,7 +171,7 @@ void stand_at(iso_track* track, const Checkpoint& at) {
 void set_sample_pos(iso_track* track, int32_t target) {
     const int32_t from = track->cur_sample;
     if (target == from) return;
-    track->next_until = track->next_alike = 0;
+    track->next_alike = 0;
     if (target < from || static_cast<uint32_t>(target - from) > kStepsPerCheckpoint) {
         const Checkpoint& nearest = checkpoint_before(track, target);
         if (target < from || nearest.sample > from) stand_at(track, nearest);
