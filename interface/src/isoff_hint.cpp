@@ -58,8 +58,10 @@ inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
         return;
     }
     std::memcpy(to, from, kBlock);
-    for (uint32_t at = kBlock; at < count - kBlock; at += kBlock)
-        std::memcpy(to + at, from + at, kBlock);
+    if (count > 2 * kBlock) {
+        for (uint32_t at = kBlock; at < count - kBlock; at += kBlock)
+            std::memcpy(to + at, from + at, kBlock);
+    }
     std::memcpy(to + (count - kBlock), from + (count - kBlock), kBlock);
 }
 
@@ -137,7 +139,8 @@ class PacketReader {
 
 // Room for `count` more bytes of the packet, or null.
 inline uint8_t* PacketReader::extend(uint32_t count) {
-    if (count > room_ - length_) return nullptr;
+    if (count > room_ - length_) [[unlikely]]
+        return nullptr;
     uint8_t* at = packet_ + length_;
     length_ += count;
     return at;
@@ -164,7 +167,7 @@ inline void PacketReader::view_sample() {
 
 // Points own_ at the next `count` bytes of the hint sample, at most those of a constructor.
 inline int PacketReader::take_own(uint32_t count) {
-    if (uint64_t{offset_} + count <= whole_size_) {
+    if (uint64_t{offset_} + count <= whole_size_) [[likely]] {
         own_ = whole_ + offset_;
     } else {
         whole_size_ = 0;  // reading may move what was read ahead
@@ -195,7 +198,7 @@ inline int PacketReader::open_sample() {
         const int result = take_own(kSampleHeader);
         if (result != 0) return result;
         const uint16_t packets = load_be16(own_);
-        if (packets != 0) {
+        if (packets != 0) [[likely]] {
             begin_packets(packets);
             return 0;
         }
@@ -215,7 +218,7 @@ inline int PacketReader::write_header(const PacketEntry& entry) {
     uint8_t* header = extend(kRtpHeader);
     if (header == nullptr) return -1;
     track_->last_payload_type = entry.marker_and_type & kPayloadType;
-    if (track_->seq_rebase == kRebaseNext) {
+    if (track_->seq_rebase == kRebaseNext) [[unlikely]] {
         track_->rtp_seq_offset -= entry.sequence;
         track_->seq_rebase = kRebased;
     }
@@ -249,7 +252,7 @@ inline int PacketReader::copy_immediate() {
     uint8_t* to = extend(count);
     if (to == nullptr) return -1;
     // All that the constructor has, where there is room: what is too much is written over.
-    if (room >= kLongestImmediate) {
+    if (room >= kLongestImmediate) [[likely]] {
         std::memcpy(to, own_ + 2, kLongestImmediate);
     } else {
         std::memcpy(to, own_ + 2, count);
@@ -267,10 +270,11 @@ int copy_from_stream(iso_track* source, const SampleConstructor& from, uint8_t* 
 // Bytes of a sample that were read ahead are taken from there.
 inline int PacketReader::copy_bytes(iso_track* source, const SampleConstructor& from, uint8_t* to) {
     const uint32_t sample = from.sample_number - 1;
-    if (from.length < kSmallRead && sample < static_cast<uint32_t>(source->sample_count)) {
+    if (sample < static_cast<uint32_t>(source->sample_count)) [[likely]] {
         move_cursor(source, static_cast<int32_t>(sample));
         const uint64_t at = uint64_t{source->cur_offset} + from.offset;
-        const bool inside = uint64_t{from.offset} + from.length <= size_at_cursor(source);
+        const bool inside = is_small_piece(source, from.length) &&
+                            uint64_t{from.offset} + from.length <= size_at_cursor(source);
         const uint8_t* bytes = inside && at <= UINT32_MAX
                                    ? from_window(source, static_cast<uint32_t>(at), from.length)
                                    : nullptr;

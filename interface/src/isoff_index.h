@@ -127,8 +127,14 @@ inline uint32_t duration_at_cursor(iso_track* track) {
 
 // --- the window ---
 
-// Pieces below this many bytes are read ahead; longer ones come straight from the stream.
-inline constexpr uint32_t kSmallRead = 512;
+// Whether a piece of the sample at the cursor is worth reading ahead from: one of a small sample,
+// which others follow, or a tiny one, as a descriptor in a hint sample is. What follows any other
+// piece is mostly long, and comes straight from the stream.
+inline bool is_small_piece(const iso_track* track, uint32_t length) {
+    constexpr uint32_t kSmallSample = 512;
+    constexpr uint32_t kTinyPiece = 16;
+    return length <= kTinyPiece || (length < kSmallSample && size_at_cursor(track) < kSmallSample);
+}
 
 // Reads ahead from `offset`, to the end of the chunk at the cursor at most: what the track will be
 // asked for next in any case. Null when the window cannot serve `length` bytes there; a failure of

@@ -71,7 +71,8 @@ uint32_t bytes_to_chunk_end(const iso_track* track, uint32_t offset) {
 uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint32_t length,
                            bool& failed) {
     failed = false;
-    const uint8_t* ahead = length < kSmallRead ? from_window(track, offset, length) : nullptr;
+    const uint8_t* ahead =
+        is_small_piece(track, length) ? from_window(track, offset, length) : nullptr;
     if (ahead != nullptr) {
         std::memcpy(buffer, ahead, length);
         return length;
