@@ -180,9 +180,15 @@ void FieldReader::take(std::span<uint8_t> to) {
         complete_ = false;
         return;
     }
-    const auto count = static_cast<uint32_t>(to.size());
-    if (read_available(io_, to.data(), count) < count) complete_ = false;
     position_ += to.size();
+    while (!to.empty()) {
+        const uint32_t got = read_available(io_, to.data(), static_cast<uint32_t>(to.size()));
+        if (got == 0) {
+            complete_ = false;  // the stream ends here; what it lacks stays zero
+            return;
+        }
+        to = to.subspan(got);
+    }
 }
 
 void FieldReader::fetch(uint32_t size) {
@@ -230,9 +236,13 @@ void FieldReader::dropped_text() {
 
 void FieldReader::descriptor_size(std::string_view, uint32_t& value, uint8_t& width) {
     value = 0;
-    if (rest_of_box() == 0) return;
+    if (rest_of_box() == 0) {
+        complete_ = false;
+        return;
+    }
     width = static_cast<uint8_t>(ReadDescriptorSize(io_, value, rest_of_box()));
     position_ += width;
+    if (macro_Tell(io_) != position_) complete_ = false;
 }
 
 void FieldWriter::descriptor_size(std::string_view, const uint32_t& value, const uint8_t& width) {

@@ -267,9 +267,10 @@ class FieldReader : public FieldOps<FieldReader> {
     }
     bool child_follows(uint32_t type, bool) { return peek_box(io_, extent_.file_size) == type; }
 
-    // Throws an invalid size when a field before this was not in the box or not in the stream.
-    void require_complete() const {
-        if (!complete_) throw_invalid_size(extent_);
+    // Throws an invalid size when `sound` is false, or when a field before this was not in the box
+    // or not in the stream.
+    void require_sound(bool sound) const {
+        if (!sound || !complete_) throw_invalid_size(extent_);
     }
 
     // Fetches a fixed run of fields at once.

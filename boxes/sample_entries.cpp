@@ -159,7 +159,7 @@ void ESDInfo::fields(F& f, Self& self) {
                       self.decoder_config_size.width);
     f.u8("object_type_indication", self.object_type_indication);
     if constexpr (F::kReads) {
-        f.require_complete();  // the process ends over a type that was read, not over a missing one
+        f.require_sound(true);  // the process ends over a type that was read, not a missing one
         if (self.object_type_indication != kMpeg4Visual) exit_on_foreign_codec();
     }
     f.u32("stream_type_and_buffer_size", self.stream_type_and_buffer_size);
@@ -182,6 +182,8 @@ ESDBox::~ESDBox() = default;
 template <class F, class Self>
 void ESDBox::fields(F& f, Self& self) {
     FullBox::fields(f, self);
+    // What a host that cut a read short has shifted is no descriptor.
+    if constexpr (F::kReads) f.require_sound(self.GetType() == code("esds"));
     ESDInfo::fields(f, self.info_);
 }
 

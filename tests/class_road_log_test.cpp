@@ -459,6 +459,105 @@ TEST(ClassRead, TellsTablesThatEndTooEarly) {
     }
 }
 
+// --- hostile tables ---
+
+TEST(ClassTables, ThousandsOfHintSamplesThatMakeNoSenseEndTheCall) {
+    HintFile made;
+    for (int i = 0; i < 6000; ++i)
+        made.add_hint({0});
+    made.add_hint(hint_sample(1, {packet_entry(96, 1, 1), immediate(kSpeech)}));
+    const Bytes file = made.build();
+    FaultyHost host(file);
+    C3gpInterface player;
+    const SyslogCapture log(2);
+    ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+    const int opened = host.calls;
+    Bytes buffer(1000);
+    auto size = static_cast<uint32_t>(buffer.size());
+    EXPECT_EQ(player.ReadChunk(buffer.data(), &size, false), KST_CORRUPT);
+    EXPECT_EQ(size, 0u);
+    EXPECT_LT(host.calls - opened, 6000 * 5);
+    EXPECT_THAT(log.messages(),
+                ElementsAre("ERR: AUDIO: No valid hint sample among the next 4096"));
+    // It goes on from there: the frame behind all of them comes with the next call.
+    size = static_cast<uint32_t>(buffer.size());
+    EXPECT_EQ(player.ReadChunk(buffer.data(), &size, false), KST_END_OF_FILE);
+    EXPECT_GT(size, 68u);
+}
+
+TEST(ClassTables, RunsOfBillionsAreSearchedWithoutOverflow) {
+    const Bytes speech = read_sample("amrnb_hinted.3gp");
+    for (const uint32_t first : {0u, 1u, 2u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+        Bytes file = speech;
+        for (const auto& [offset, value] :
+             {std::pair<size_t, uint32_t>{12, 0xFFFFFFFF}, {20, first}, {24, 0xFFFFFFFF}}) {
+            file = with_word(file, "stsc", 1, offset, value);
+        }
+        FaultyHost host(file);
+        C3gpInterface player;
+        ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+        _TAG_KST_SEEK_PARAMS params{0, 3000, 0, 0, kNext};
+        player.SeekTo(&params);
+        uint32_t size = 68;
+        Bytes headers(size);
+        EXPECT_EQ(player.ReadChunk(headers.data(), &size, false), KST_SUCCESS);
+    }
+}
+
+// Where a seek to a time arrives, and the next bytes that are read there.
+std::tuple<unsigned int, uint32_t, Bytes> arrive(const Bytes& file, uint32_t ms) {
+    FaultyHost host(file);
+    C3gpInterface player;
+    EXPECT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+    _TAG_KST_SEEK_PARAMS params{0, ms, 0, 0, kNext};
+    const unsigned int status = player.SeekTo(&params);
+    Bytes bytes(200);
+    auto size = static_cast<uint32_t>(bytes.size());
+    player.ReadChunk(bytes.data(), &size, false);
+    bytes.resize(size);
+    return {status, params.uFrameNum, bytes};
+}
+
+// 298 samples, 25 in each of 12 chunks: the file tells of the shorter last one, or it does not.
+TEST(ClassTables, ALastChunkThatIsNotFullShiftsNoSample) {
+    const Bytes told = read_sample("amrnb_hinted.3gp");
+    const Bytes untold = with_word(told, "stsc", 1, kTableCount, 1);
+    ASSERT_EQ(play(told, "ar", kOnClass).stream, play(untold, "ar", kOnClass).stream);
+    for (uint32_t ms = 0; ms < 5960; ms += 20)
+        EXPECT_EQ(arrive(untold, ms), arrive(told, ms)) << ms;
+}
+
+// The last media sample has no offset, so there is nowhere to send the stream.
+TEST(ClassSeek, ReachesTheEndOverHostsThatCheckOffsets) {
+    const Bytes file = read_sample("amrnb_hinted.3gp");
+    FaultyHost host(file);
+    static uint32_t (*plain_seek)(void*, uint32_t);
+    plain_seek = host.callbacks()->Seek;
+    host.callbacks()->Seek = [](void* context, uint32_t offset) {
+        return offset == UINT32_MAX ? uint32_t{KST_HOST_FAILED} : plain_seek(context, offset);
+    };
+    C3gpInterface player;
+    ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+    _TAG_KST_SEEK_PARAMS params{0, 5943, 0, 0, kNext};
+    EXPECT_EQ(player.SeekTo(&params), KST_SUCCESS);
+    EXPECT_EQ(params.uFrameNum, 298u);
+    EXPECT_EQ(params.uFileOffset, UINT32_MAX);
+}
+
+// A host that cuts a read short must not make an MPEG-4 track look foreign, which ends the process.
+TEST(ClassOpen, LivesOnWhenTheObjectTypeWasNotRead) {
+    const Bytes file = read_sample("mpeg4_hinted.3gp");
+    FaultyHost counted(file);
+    C3gpInterface first;
+    ASSERT_EQ(first.Open(counted.callbacks(), "vr"), KST_SUCCESS);
+    for (int k = 0; k < counted.calls; ++k) {
+        FaultyHost host(file);
+        host.cut = [&](int call) { return call == k; };
+        C3gpInterface player;
+        player.Open(host.callbacks(), "vr");
+    }
+}
+
 // --- log lines ---
 
 // The end of what a conversion may have written at `text`; null for nothing.

@@ -356,9 +356,6 @@ bool Faults::run(int failing, const Fault& fault) {
     const std::string& slot = names_[static_cast<size_t>(failing)];
     const bool is_cut = fault.status == KST_HOST_OK;
     if (is_cut && !is_read(slot)) return false;
-    // In MPEG-4, the zeros of a box read short name a foreign codec, which ends the process.
-    const bool mpeg4 = std::string(about_.file).starts_with("mpeg4");
-    if (is_cut && mpeg4 && failing < open_calls_) return false;
     FaultyHost host(file_);
     const auto hit = [=, good = fault.for_good](int call) {
         return call == failing || (good && call > failing);
