@@ -207,6 +207,24 @@ class ClassRoad(ToolTest):
                 rows = [line.split() for line in truth]
                 self.assertEqual(payloads, [row[6] for row in rows if row[0] == rows[0][0]])
 
+    def test_what_lies_in_front_of_a_fault_is_kept(self):
+        for name, mode in [("h263_hinted", "vr"), ("mpeg4_hinted", "vr"), ("amrnb_hinted", "ar")]:
+            whole = self.extract(name, mode, "--road", "class")
+            data = bytearray(pathlib.Path(sample(name)).read_bytes())
+            table = data.index(b"stco") + 8  # of the media, behind version and flags
+            count = int.from_bytes(data[table : table + 4], "big")
+            for chunk in range(1, count):
+                with self.subTest(name=name, chunk=chunk):
+                    lost = bytearray(data)
+                    lost[table + 4 + 4 * chunk : table + 8 + 4 * chunk] = b"\x7f\xff\xff\xff"
+                    path = self.scratch / "lost.3gp"
+                    path.write_bytes(lost)
+                    result = run("extract", path, mode, "--road", "class", "-o", "-")
+                    self.assert_fails(result, 1, f"kept {len(result.stdout)} bytes")
+                    self.assertTrue(whole.startswith(result.stdout))
+                    self.assertGreater(len(result.stdout), len(whole) * chunk // count // 3)
+                    self.unpack(result.stdout)  # it ends with a whole frame
+
     def test_pictures_are_those_of_the_function_road(self):
         for name in ["h263_hinted", "h263_cif_hinted", "h263_hinted_mtu500", "h263plus_hinted",
                      "h263_rfc2190_hinted_1450", "mpeg4_hinted", "mpeg4_b_hinted",

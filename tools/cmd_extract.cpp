@@ -30,6 +30,8 @@ class Player {
     virtual int32_t read(std::span<uint8_t> buffer, uint32_t& size, bool arriving) = 0;
     // Whether more data may undo the failure of a read.
     virtual bool may_arrive(int32_t status, uint32_t size) const = 0;
+    // What was ready in front of a read that failed, put into the buffer; its size.
+    virtual uint32_t rest(std::span<uint8_t>, bool /*arriving*/) { return 0; }
 };
 
 class FunctionPlayer final : public Player {
@@ -58,6 +60,15 @@ class ClassPlayer final : public Player {
         return static_cast<int32_t>(object_->ReadChunk(buffer.data(), &size, arriving));
     }
     bool may_arrive(int32_t status, uint32_t) const override { return status == KST_NOT_YET; }
+    // A read that failed delivers nothing of what it asked for; less of it may be had.
+    uint32_t rest(std::span<uint8_t> buffer, bool arriving) override {
+        uint32_t had = 0;
+        for (auto piece = static_cast<uint32_t>(buffer.size()) / 2; piece > 0; piece /= 2) {
+            unsigned int size = piece;
+            if (object_->ReadChunk(&buffer[had], &size, arriving) == KST_SUCCESS) had += size;
+        }
+        return had;
+    }
 
   private:
     ClassObject object_;
@@ -120,7 +131,13 @@ int32_t deliver(Player& player, kst_host* host, const std::string& input, Output
         output.write({buffer.data(), size});
         progress.show(host, output.written());
         if (status == KST_SUCCESS) continue;
-        if (!player.may_arrive(status, size) || kst_host_is_complete(host)) return status;
+        if (!player.may_arrive(status, size) || kst_host_is_complete(host)) {
+            if (status != KST_END_OF_FILE) {
+                size = player.rest(buffer, kst_host_is_arriving(host) != 0);
+                output.write({buffer.data(), size});
+            }
+            return status;
+        }
         output.finish();  // whoever reads the stream need not wait with us
         if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(input);
     }
