@@ -1,3 +1,4 @@
+#include <bit>
 #include <utility>
 #include <vector>
 
@@ -60,10 +61,12 @@ class ClassPlayer final : public Player {
         return static_cast<int32_t>(object_->ReadChunk(buffer.data(), &size, arriving));
     }
     bool may_arrive(int32_t status, uint32_t) const override { return status == KST_NOT_YET; }
-    // A read that failed delivers nothing of what it asked for; less of it may be had.
+    // A read that failed delivers nothing of what it asked for; less of it may be had. Powers of
+    // two come to any amount.
     uint32_t rest(std::span<uint8_t> buffer, bool arriving) override {
         uint32_t had = 0;
-        for (auto piece = static_cast<uint32_t>(buffer.size()) / 2; piece > 0; piece /= 2) {
+        const auto most = static_cast<uint32_t>(buffer.size() - 1);
+        for (uint32_t piece = std::bit_floor(most); piece > 0; piece /= 2) {
             unsigned int size = piece;
             if (object_->ReadChunk(&buffer[had], &size, arriving) == KST_SUCCESS) had += size;
         }
