@@ -130,17 +130,18 @@ class MemorySource final : public Source {
 
     bool read(void* data, uint32_t offset, uint32_t count) override {
         std::memcpy(data, data_ + offset, count);
-        fetch_ahead(offset + count);
+        fetch_ahead(offset + count, count);
         return true;
     }
 
   private:
     // A player goes on where it has read, or close behind: what lies there is asked of the memory
-    // while the player is busy with what it has got.
-    void fetch_ahead(uint32_t from) {
-        constexpr uint32_t kAhead = 4096;
+    // while the player is busy with what it has got. The more it read, the more it will.
+    void fetch_ahead(uint32_t from, uint32_t count) {
+        constexpr uint32_t kMost = 4096;
         constexpr uint32_t kLine = 64;
-        const uint64_t until = from + std::min(kAhead, size_ - from);
+        const uint32_t ahead = std::min(kMost, std::min(count, kMost) * 4);
+        const uint64_t until = from + std::min(ahead, size_ - from);
         uint64_t at = fetched_ > from && fetched_ <= until ? fetched_ : from;
         for (; at < until; at += kLine)
             __builtin_prefetch(data_ + at);
