@@ -993,7 +993,7 @@ TEST(Writer, RefusedConfigurationChangesNothing) {
         EXPECT_EQ(isoFFsetDecoderSpecificInfo(track, bad.data(), static_cast<int>(bad.size())), -1);
         expect_unchanged(track);
     }
-    for (const size_t room : {0, 8, 16, 200}) {
+    for (const size_t room : {0U, 8U, 16U, 200U}) {
         const LittleMemory memory(file, room);
         EXPECT_EQ(isoFFsetDecoderSpecificInfo(track, other.data(), 300), -1);
         expect_unchanged(track);
