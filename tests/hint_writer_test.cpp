@@ -74,7 +74,14 @@ class Hinted {
                 isoFFwriteHint(to_hint, copy.data(), size, sample.duration, sample.cts_offset);
             if (written < 0) break;
         }
+        if (written == -7) {
+            after_end = isoFFwriteHint(to_hint, samples[0].bytes.data(),
+                                       static_cast<int>(samples[0].bytes.size()), 1, 0);
+        }
         closed = isoFFclose(out);
+        size_t size = 0;
+        const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host_, &size));
+        file_bytes = Bytes(bytes, bytes + size);
         kst_host_rewind(host_);
         file_ = isoFFopen(callbacks_, "r", nullptr);
         media = isoFFselect(file_, nullptr, 1);
@@ -102,7 +109,9 @@ class Hinted {
     }
 
     int written = 0;
+    int after_end = 0;  // of a hint sample behind one that came too late
     int closed = 0;
+    Bytes file_bytes;
     iso_track* media;
     iso_track* hint;
 
@@ -297,6 +306,16 @@ TEST(HintTrack, SaysWhatItHolds) {
                  "sprop-parameter-sets=Z0IAHg==,aAk=\r\na=control:trackID=2\r\n");
 }
 
+// Parameter sets that are in the stream only are none that could be told.
+TEST(HintTrack, DescriptionNamesNoSetsWhereThereAreNone) {
+    const auto bare = [](iso_file* file) {
+        const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE0, 0};
+        return h264_isoFFtrack(file, avcc, sizeof avcc, 176, 144, 12800);
+    };
+    const Hinted hinted(bare, 1400, {});
+    EXPECT_THAT(hinted.hint->sdp_text, testing::HasSubstr("packetization-mode=1\r\n"));
+}
+
 // Where a sample is split, the later packets' times are in the extra information (RTP units).
 TEST(HintTrack, SplitSpeechKeepsItsTimes) {
     Bytes sample;
@@ -367,8 +386,71 @@ TEST(HintTrack, TimesBeyondTheClockAreTold) {
     };
     const Bytes picture = {0, 0, 1, 0xB6, 1};
     EXPECT_EQ(Hinted(slow, 1400, {{picture, 47721}}).closed, 0);  // 2^32 / 90000 s
-    EXPECT_EQ(Hinted(slow, 1400, {{picture, 47722}}).written, -7);
-    EXPECT_EQ(Hinted(slow, 1400, {{picture, 40000}, {picture, 10000}}).written, -7);
+    const std::vector<Sample> too_long[] = {{{picture, 47722}},
+                                            {{picture, 40000}, {picture, 10000}}};
+    for (const auto& samples : too_long) {
+        const Hinted hinted(slow, 1400, samples);
+        EXPECT_EQ(hinted.written, -7);
+        EXPECT_EQ(hinted.after_end, -8);
+        EXPECT_EQ(hinted.closed, 0);
+    }
+    EXPECT_EQ(Hinted(mpeg4, 1400, {{picture, -1}}).written, -1);
+}
+
+// Bytes of payload and RTP header, and the bits of a second: the fullest, and all together
+// (ISO/IEC 14496-12, 8.4.5.4).
+TEST(HintTrack, HeaderTellsThePacketsAndTheirRates) {
+    constexpr int kSecond = 30000;
+    const auto picture = [](size_t size) { return Bytes(size - kRtpHeader, 1); };
+    struct {
+        std::vector<Sample> samples;
+        uint32_t most, average, highest_rate, rate;
+    } const cases[] = {
+        {{}, 0, 0, 0, 0},
+        {{{picture(100), kSecond}}, 100, 100, 800, 800},
+        // What lies a second apart is not in the same second.
+        {{{picture(100), kSecond}, {picture(300), kSecond}}, 300, 200, 2400, 1600},
+        {{{picture(100), kSecond - 1}, {picture(300), kSecond + 1}}, 300, 200, 3200, 1600},
+        {{{picture(100), kSecond / 2},
+          {picture(200), kSecond / 2},
+          {picture(60), 3 * kSecond},
+          {picture(240), 2 * kSecond}},
+         240,
+         150,
+         2400,
+         800},
+    };
+    for (const auto& wanted : cases) {
+        const Hinted hinted(mpeg4, 1400, wanted.samples);
+        const std::string bytes(hinted.file_bytes.begin(), hinted.file_bytes.end());
+        const size_t hmhd = bytes.find("hmhd");
+        ASSERT_NE(hmhd, std::string::npos);
+        const uint8_t* body = hinted.file_bytes.data() + hmhd + 4;
+        EXPECT_EQ(kestrel::load_be16(body + 4), wanted.most);
+        EXPECT_EQ(kestrel::load_be16(body + 6), wanted.average);
+        EXPECT_EQ(kestrel::load_be32(body + 8), wanted.highest_rate);
+        EXPECT_EQ(kestrel::load_be32(body + 12), wanted.rate);
+    }
+}
+
+// The caller may give the sample entry; it then stands alone.
+TEST(HintTrack, EntryOfTheCallerIsTheWholeEntry) {
+    const Bytes entry = join({Bytes(7, 0), {1, 0, 3, 0, 2}, be32(777)});
+    kst_host* host = kst_host_for_writing_memory();
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
+    iso_file* file = isoFFopen(callbacks, "w", nullptr);
+    iso_track* track = isoFFtrack(file);
+    track->codec = ISO_CODEC_RTP;
+    track->entry = entry.data();
+    track->entry_length = static_cast<uint32_t>(entry.size());
+    EXPECT_EQ(isoFFclose(file), 0);
+    kst_host_rewind(host);
+    file = isoFFopen(callbacks, "r", nullptr);
+    EXPECT_EQ(file->first_track->rtp_hint_version, 3);
+    EXPECT_EQ(file->first_track->rtp_max_packet, 777U);
+    EXPECT_EQ(file->first_track->rtp_timescale, 0U);  // no `tims` was given
+    isoFFclose(file);
+    kst_host_close(host);
 }
 
 TEST(HintTrack, NeedsAMediumAndALimit) {
@@ -381,6 +463,13 @@ TEST(HintTrack, NeedsAMediumAndALimit) {
     EXPECT_EQ(rtp_isoFFtrack(file, nullptr, 1400, 96, ISO_H263_RFC4629), nullptr);
     EXPECT_EQ(rtp_isoFFtrack(other, speech, 1400, 96, ISO_H263_RFC4629), nullptr);
     EXPECT_EQ(rtp_isoFFtrack(file, plain, 1400, 96, ISO_H263_RFC4629), nullptr);
+    // Nor is there anything to tell of these two.
+    for (const int32_t codec : {ISO_CODEC_AVC1, ISO_CODEC_MP4V}) {
+        iso_track* unconfigured = isoFFtrack(file);
+        unconfigured->codec = codec;
+        unconfigured->timescale = 1000;
+        EXPECT_EQ(rtp_isoFFtrack(file, unconfigured, 1400, 96, ISO_H263_RFC4629), nullptr);
+    }
     EXPECT_EQ(rtp_isoFFtrack(file, speech, 63, 96, ISO_H263_RFC4629), nullptr);
     EXPECT_EQ(rtp_isoFFtrack(file, speech, 65536, 96, ISO_H263_RFC4629), nullptr);
     EXPECT_EQ(rtp_isoFFtrack(file, speech, 1400, 128, ISO_H263_RFC4629), nullptr);

@@ -46,18 +46,24 @@ class Output {
     int faulty_write = -1;  // number of the write that is at fault, from 0
     int writes = 0;
     bool can_seek = true;
+    int refused_seek = -1;  // number of the seek that fails, from 0
+    int seeks = 0;
+    enum Position { kTold, kOneOff, kNotTold } position = kTold;
     KST_IOSTREAM_CALLBACK_INTERFACE table;
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks;
 
   private:
     static Output& self(void* context) { return *static_cast<Output*>(context); }
     static uint32_t offset(void* context, uint32_t* to) {
-        *to = self(context).at;
-        return 0;
+        const Output& out = self(context);
+        *to = out.at + (out.position == kOneOff ? 1 : 0);
+        return out.position == kNotTold ? 1 : 0;
     }
     static uint32_t seek(void* context, uint32_t to) {
-        if (!self(context).can_seek && to != self(context).at) return 1;
-        self(context).at = to;
+        Output& out = self(context);
+        if (!out.can_seek && to != out.at) return 1;
+        if (out.seeks++ == out.refused_seek) return 1;
+        out.at = to;
         return 0;
     }
     static uint32_t read(void* context, void* data, uint32_t* count, int32_t) {
@@ -142,13 +148,24 @@ struct TrackHeader {
     int32_t layer, alternate_group, volume;
     uint32_t display_width, display_height;
     uint32_t turn;  // an element of the matrix
+    uint16_t language;
 
     auto operator<=>(const TrackHeader&) const = default;
+};
+
+// What the sample entry tells of the picture or the sound.
+struct Format {
+    uint32_t timescale;
+    uint32_t width, height;
+    uint32_t channels, bits;
+
+    auto operator<=>(const Format&) const = default;
 };
 
 struct RandomTrack {
     int32_t codec;
     TrackHeader header;
+    Format format;
     Bytes config;
     std::vector<Sample> samples;
     std::vector<uint32_t> sync;
@@ -178,14 +195,23 @@ std::vector<Sample> random_samples(Random& random) {
     const bool same_size = pick(random, 0, 2) == 0;
     const int offsets = pick(random, 0, 2);  // none, positive ones, of either sign
     const int size = pick(random, 0, 40);
-    int duration = pick(random, 1, 3000);
+    const int shortest = pick(random, 0, 1);
+    int duration = pick(random, shortest, 3000);
     for (int left = pick(random, 0, 120); left > 0; --left) {
-        if (pick(random, 0, 3) == 0) duration = pick(random, 1, 3000);
+        if (pick(random, 0, 3) == 0) duration = pick(random, shortest, shortest * 2999 + 1);
         const int offset = offsets == 0 ? 0 : pick(random, offsets == 1 ? 0 : -2, 2) * 100;
         const int bytes = same_size ? size : pick(random, 0, 300);
         samples.push_back({random_bytes(random, bytes), duration, offset});
     }
     return samples;
+}
+
+// Only the entry of narrow band speech is read for its channels and bits.
+Format random_format(Random& random, int32_t codec) {
+    const auto number = [&](int most) { return static_cast<uint32_t>(pick(random, 1, most)); };
+    if (codec == ISO_CODEC_SAMR) return {8000, 0, 0, number(9), number(32)};
+    if (codec == ISO_CODEC_SAWB) return {16000, 0, 0, 0, 0};
+    return {number(INT_MAX), number(0xFFFF), number(0xFFFF), 0, 0};
 }
 
 RandomTrack random_track(Random& random) {
@@ -199,7 +225,9 @@ RandomTrack random_track(Random& random) {
                     pick(random, 0, 2) * 0x80,
                     static_cast<uint32_t>(pick(random, 0, INT_MAX)),
                     static_cast<uint32_t>(pick(random, 0, INT_MAX)),
-                    static_cast<uint32_t>(pick(random, 0, INT_MAX))};
+                    static_cast<uint32_t>(pick(random, 0, INT_MAX)),
+                    static_cast<uint16_t>(pick(random, 0, 0x7FFF))};
+    track.format = random_format(random, track.codec);
     track.config = random_bytes(random, pick(random, 1, 40));
     if (track.codec == ISO_CODEC_AVC1) {
         track.config = {1, 66, 0xC0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0xC0, 30, 1, 0, 2, 0x68, 9};
@@ -223,18 +251,21 @@ RandomTrack random_track(Random& random) {
 iso_track* create(iso_file* file, RandomTrack& from) {
     const auto length = static_cast<unsigned>(from.config.size());
     H263VCFG cfg{};
-    cfg.width = 176;
-    cfg.height = 144;
-    cfg.timescale = 3000;
+    const Format& format = from.format;
+    cfg.width = format.width;
+    cfg.height = format.height;
+    cfg.timescale = format.timescale;
     cfg.profile = 3;
     cfg.level = 10;
     switch (from.codec) {
         case ISO_CODEC_S263:
             return h263_isoFFtrack(file, &cfg);
         case ISO_CODEC_AVC1:
-            return h264_isoFFtrack(file, from.config.data(), length, 352, 288, 15360);
+            return h264_isoFFtrack(file, from.config.data(), length, format.width, format.height,
+                                   format.timescale);
         case ISO_CODEC_MP4V:
-            return mpeg4_isoFFtrack(file, from.config.data(), length, 128, 96, 90000);
+            return mpeg4_isoFFtrack(file, from.config.data(), length, format.width, format.height,
+                                    format.timescale);
         default:
             return amr_isoFFtrack(file, from.codec == ISO_CODEC_SAWB, 0x81FF, 5);
     }
@@ -248,16 +279,25 @@ void set_header(iso_track* track, const TrackHeader& header) {
     track->display_width = header.display_width;
     track->display_height = header.display_height;
     track->matrix[1] = header.turn;
+    track->language = header.language;
 }
 
 TrackHeader header_of(const iso_track* track) {
     return {track->header_flags,  track->layer,          track->alternate_group, track->volume,
-            track->display_width, track->display_height, track->matrix[1]};
+            track->display_width, track->display_height, track->matrix[1],       track->language};
+}
+
+Format format_of(const iso_track* track) {
+    const bool is_video = std::string(track->handler) == "vide";
+    return {track->timescale, is_video ? track->width : 0, is_video ? track->height : 0,
+            track->channel_count, track->sample_bits};
 }
 
 void describe(iso_track* track, const RandomTrack& from) {
     iso_file* file = track->file;
     set_header(track, from.header);
+    track->channel_count = from.format.channels;
+    track->sample_bits = from.format.bits;
     if (from.has_sync) track->sync_samples = copy_to_arena(file, from.sync);
     track->sync_count = static_cast<uint32_t>(from.sync.size());
     track->edits = copy_to_arena(file, from.edits);
@@ -282,8 +322,10 @@ void describe(iso_track* track, const RandomTrack& from) {
 enum class Mode { kQueued, kSpooled, kDirect };
 
 // Writes the tracks with their samples in turns; the result of isoFFclose.
-int write_file(Output& out, std::vector<RandomTrack>& tracks, Mode mode) {
+int write_file(Output& out, std::vector<RandomTrack>& tracks, Mode mode,
+               const std::string& brands = "3gp6") {
     iso_file* file = open_for_writing(out);
+    EXPECT_EQ(isoFFsetBrand(file, brands.c_str(), 77), 0);
     file->direct_write = mode == Mode::kDirect;
     std::vector<iso_track*> made;
     for (RandomTrack& from : tracks) {
@@ -297,6 +339,7 @@ int write_file(Output& out, std::vector<RandomTrack>& tracks, Mode mode) {
         for (size_t t = 0; t < tracks.size(); ++t) {
             if (i >= tracks[t].samples.size()) continue;
             Sample& sample = tracks[t].samples[i];
+            made[t]->frame_default = 0;  // a duration of 0 is one
             isoFFwrite(made[t], sample.bytes.data(), static_cast<int>(sample.bytes.size()),
                        sample.duration, sample.cts_offset);
             more = true;
@@ -340,6 +383,7 @@ void expect_groups(const iso_track* track, const RandomTrack& from) {
 void expect_description(const iso_track* track, const RandomTrack& from) {
     EXPECT_EQ(track->codec, from.codec);
     EXPECT_EQ(header_of(track), from.header);
+    EXPECT_EQ(format_of(track), from.format);
     if (from.codec == ISO_CODEC_AVC1 || from.codec == ISO_CODEC_MP4V) {
         EXPECT_EQ(Bytes(track->dsi, track->dsi + track->dsi_length), from.config);
     }
@@ -350,7 +394,6 @@ void expect_description(const iso_track* track, const RandomTrack& from) {
     if (from.codec == ISO_CODEC_S263) {
         EXPECT_STREQ(track->vendor, "VXYZ");
         EXPECT_EQ(std::pair(int{track->profile}, int{track->level}), std::pair(3, 10));
-        EXPECT_EQ(std::pair(track->width, track->height), std::pair(176U, 144U));
     }
     EXPECT_EQ(std::vector(track->sync_samples, track->sync_samples + track->sync_count), from.sync);
     ASSERT_EQ(static_cast<size_t>(track->edit_count), from.edits.size());
@@ -362,6 +405,13 @@ void expect_description(const iso_track* track, const RandomTrack& from) {
     expect_groups(track, from);
 }
 
+std::string random_brand(Random& random) {
+    std::string brand;
+    while (brand.size() < 4)
+        brand += static_cast<char>(pick(random, '0', 'z'));
+    return brand;
+}
+
 class RandomFiles : public testing::TestWithParam<Mode> {};
 
 TEST_P(RandomFiles, ComeBackEqual) {
@@ -371,12 +421,19 @@ TEST_P(RandomFiles, ComeBackEqual) {
         std::vector<RandomTrack> tracks;
         for (int i = pick(random, 0, 3); i >= 0; --i)
             tracks.push_back(random_track(random));
+        std::string brands = random_brand(random);
+        for (int i = pick(random, 0, 4); i > 0; --i)
+            brands += ' ' + random_brand(random);
         Output out;
         CaptureStderr();
-        ASSERT_EQ(write_file(out, tracks, GetParam()), 0);
+        ASSERT_EQ(write_file(out, tracks, GetParam(), brands), 0);
         EXPECT_EQ(GetCapturedStderr(), "");
         Reread reread(out.bytes);
         EXPECT_EQ(reread.printed, "");
+        EXPECT_EQ(reread.file->movie_result, 0);
+        EXPECT_EQ(reread.file->major_brand, brands.substr(0, 4));
+        EXPECT_EQ(reread.file->minor_version, 77);
+        EXPECT_EQ(reread.file->compatible_brands, brands);
         iso_track* track = reread.file->first_track;
         for (const RandomTrack& from : tracks) {
             ASSERT_NE(track, nullptr);
@@ -404,13 +461,22 @@ TEST_P(RandomFiles, EveryFaultIsToldAndLeavesNoWholeFile) {
             out.faulty_write = k;
             EXPECT_EQ(write_file(out, tracks, GetParam()), -5);
             EXPECT_NE(out.bytes, whole.bytes);
-            // Its boxes do not end where it ends, or it has no tracks.
-            size_t end = 0;
-            while (end + 8 <= out.bytes.size() && kestrel::load_be32(&out.bytes[end]) >= 8)
-                end += kestrel::load_be32(&out.bytes[end]);
-            Reread reread(out.bytes);
-            EXPECT_TRUE(end != out.bytes.size() || reread.file->first_track == nullptr);
+            EXPECT_EQ(Reread(out.bytes).file->first_track, nullptr);
         }
+    }
+    for (int k = 0; k < whole.seeks; ++k) {
+        SCOPED_TRACE(testing::Message() << "seek " << k);
+        Output out;
+        out.refused_seek = k;
+        const int closed = write_file(out, tracks, GetParam());
+        EXPECT_TRUE(closed == -5 || (closed == 0 && out.bytes == whole.bytes)) << closed;
+        EXPECT_TRUE(out.bytes == whole.bytes || Reread(out.bytes).file->first_track == nullptr);
+    }
+    for (const auto position : {Output::kOneOff, Output::kNotTold}) {
+        Output out;
+        out.position = position;
+        EXPECT_EQ(write_file(out, tracks, GetParam()), -5);
+        EXPECT_EQ(Reread(out.bytes).file->first_track, nullptr);
     }
 }
 
@@ -467,6 +533,49 @@ TEST(Writer, TracksTakeTurnsNoLongerThanTheSpan) {
     }
 }
 
+// Of tracks that are equally far on the first comes first, however many there are.
+TEST(Writer, ManyTracksStandInTheOrderOfTheirTimes) {
+    constexpr int kTracks = 8000, kSamples = 10;
+    Output out;
+    iso_file* file = open_for_writing(out);
+    file->interleave_span = 0.0;
+    std::vector<iso_track*> tracks(kTracks);
+    for (iso_track*& track : tracks)
+        track = speech_track(file);
+    for (int sample = 0; sample < kSamples; ++sample) {
+        for (iso_track* track : tracks)
+            ASSERT_EQ(isoFFwrite(track, nullptr, 0, 160, 0), 0);
+    }
+    uint8_t byte[] = {7};
+    for (iso_track* track : tracks)
+        ASSERT_EQ(isoFFwrite(track, byte, 1, 160, 0), 1);
+    ASSERT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    uint32_t next = static_cast<uint32_t>(out.bytes.size()) - kTracks;
+    for (iso_track* track = reread.file->first_track; track != nullptr; track = track->next) {
+        ASSERT_EQ(track->chunk_count, kSamples + 1);
+        ASSERT_EQ(track->chunks[kSamples].start, next++);
+    }
+    EXPECT_EQ(next, out.bytes.size());
+}
+
+// A track whose clock does not run is laid out as if it ran once a second.
+TEST(Writer, TrackWithoutATimescaleIsWritten) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* tracks[] = {isoFFtrack(file), speech_track(file)};
+    tracks[0]->codec = ISO_CODEC_SAMR;
+    uint8_t sample[] = {1};
+    for (int i = 0; i < 3; ++i) {
+        for (iso_track* track : tracks)
+            EXPECT_EQ(isoFFwrite(track, sample, 1, 8000, 0), 1);
+    }
+    EXPECT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    for (const iso_track* track = reread.file->first_track; track != nullptr; track = track->next)
+        EXPECT_EQ(track->sample_count, 3);
+}
+
 TEST(Writer, OutputThatHeldAFileStartsAfresh) {
     Output out;
     out.bytes = read_sample("amrnb_plain_mdat_first.3gp");
@@ -492,6 +601,9 @@ TEST(Writer, BrandsAreFourCharacterCodes) {
     EXPECT_STREQ(reread.file->major_brand, "3gr6");
     EXPECT_STREQ(reread.file->compatible_brands, "3gr6 isom");
     EXPECT_EQ(reread.file->minor_version, 512);
+    // A file that is being read keeps the brands that it has.
+    EXPECT_EQ(isoFFsetBrand(reread.file, "3gp4", 0), -1);
+    EXPECT_STREQ(reread.file->major_brand, "3gr6");
 }
 
 // --- limits and error codes ---
@@ -516,6 +628,7 @@ TEST(Writer, BadArguments) {
     uint8_t sample[] = {1};
     EXPECT_EQ(isoFFwrite(nullptr, sample, 1, 1, 0), -1);
     EXPECT_EQ(isoFFwrite(track, sample, -1, 1, 0), -1);
+    EXPECT_EQ(isoFFwrite(track, sample, 1, -1, 0), -1);
     EXPECT_EQ(isoFFwrite(track, nullptr, 1, 1, 0), -1);
     EXPECT_EQ(isoFFwrite(track, nullptr, 0, 1, 0), 0);
     // What is being written is not read.
@@ -561,6 +674,7 @@ TEST(Writer, AllTracksTogetherHaveALimitToo) {
         ASSERT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), 10);
         tracks[1]->header_cost =  // as if that much had been taken
             UINT32_MAX - file->header_size - tracks[0]->header_cost - 24 - 10 + beyond;
+        file->track_cost += tracks[1]->header_cost;
         EXPECT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), beyond ? -6 : 10);
         EXPECT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), beyond ? -8 : -6);
         EXPECT_EQ(isoFFclose(file), 0);
@@ -659,6 +773,26 @@ TEST(Writer, BrandsStandOnceMediaIsWritten) {
     Reread reread(out.bytes);
     EXPECT_STREQ(reread.file->compatible_brands, "3gp5 3gp4");
     EXPECT_NE(isoFFselect(reread.file, "soun", 1), nullptr);
+}
+
+TEST(Writer, FirstSampleSettlesTheMode) {
+    for (const bool direct : {false, true}) {
+        for (const bool changes : {false, true}) {
+            Output out;
+            iso_file* file = open_for_writing(out);
+            file->direct_write = direct;
+            iso_track* track = speech_track(file);
+            uint8_t sample[] = {1, 2, 3};
+            for (int i = 0; i < 4; ++i) {
+                EXPECT_EQ(isoFFwrite(track, sample, 3, 160, 0), 3);
+                file->direct_write = direct != changes;
+            }
+            EXPECT_EQ(isoFFclose(file), 0);
+            EXPECT_EQ(top_level_boxes(out.bytes).back(), direct ? "moov" : "mdat");
+            Reread reread(out.bytes);
+            expect_samples(reread.file->first_track, std::vector<Sample>(4, {{1, 2, 3}, 160, 0}));
+        }
+    }
 }
 
 TEST(Writer, DirectModeNeedsAStreamThatSeeks) {
@@ -777,6 +911,24 @@ TEST(Writer, NoMemoryIsTold) {
     EXPECT_EQ(error, -2);
 }
 
+TEST(Writer, InterleaveNeedsMemory) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* tracks[] = {speech_track(file), speech_track(file)};
+    uint8_t sample[] = {1};
+    for (int i = 0; i < 4; ++i) {
+        for (iso_track* track : tracks)
+            isoFFwrite(track, sample, 1, 8000, 0);
+    }
+    EXPECT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    {
+        const LittleMemory memory(reread.file, 0);
+        EXPECT_EQ(isoFFgetInterleave(reread.file), -1.0);
+    }
+    EXPECT_EQ(isoFFgetInterleave(reread.file), 1.0);
+}
+
 TEST(Writer, GroupsOfNoTypeAreLeftOut) {
     Output out;
     iso_file* file = open_for_writing(out);
@@ -792,7 +944,19 @@ TEST(Writer, TrackHelpersRefuseWhatMakesNoSense) {
     Output out;
     iso_file* file = open_for_writing(out);
     const uint8_t cut_avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 9, 0x67};
+    struct {
+        uint32_t width, height, timescale;
+    } const pictures[] = {{0, 16, 1}, {16, 0, 1}, {16, 16, 0}, {0x10000, 16, 1}, {16, 0x10000, 1}};
     H263VCFG cfg{};
+    for (const auto& [width, height, timescale] : pictures) {
+        cfg.width = width;
+        cfg.height = height;
+        cfg.timescale = timescale;
+        EXPECT_EQ(h263_isoFFtrack(file, &cfg), nullptr);
+        EXPECT_EQ(mpeg4_isoFFtrack(file, "abc", 3, width, height, timescale), nullptr);
+    }
+    cfg.width = cfg.height = 0xFFFF;
+    cfg.timescale = 1;
     EXPECT_EQ(h263_isoFFtrack(nullptr, &cfg), nullptr);
     EXPECT_EQ(h263_isoFFtrack(file, nullptr), nullptr);
     EXPECT_EQ(amr_isoFFtrack(file, 0, 0x10000, 1), nullptr);
@@ -806,6 +970,38 @@ TEST(Writer, TrackHelpersRefuseWhatMakesNoSense) {
     EXPECT_EQ(h263_isoFFtrack(file, &cfg)->frame_count, 1U);
     EXPECT_EQ(file->header_size, header + 325 + 121);
     EXPECT_EQ(isoFFclose(file), 0);
+}
+
+// A configuration that is refused leaves the one before, wherever its memory ends.
+TEST(Writer, RefusedConfigurationChangesNothing) {
+    const Bytes good = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
+    const Bytes other(300, 0);  // a record without sets, longer than what there is room for
+    const Bytes cut = {1, 100, 1, 51, 0xFE, 0xE1, 0, 9, 0x67};
+    const Bytes wide_set = join({{1, 100, 1, 51, 0xFC, 0xE1, 1, 0}, Bytes(256, 0x67), {0}});
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* track = h264_track(file);
+    const auto expect_unchanged = [&](const iso_track* of) {
+        EXPECT_EQ(Bytes(of->dsi, of->dsi + of->dsi_length), good);
+        EXPECT_EQ(std::pair(int{of->profile}, int{of->level}), std::pair(66, 30));
+        EXPECT_EQ(std::pair(of->profile_compat, of->nal_length_size), std::pair(0U, 4));
+        EXPECT_EQ(std::pair(of->sps_count, of->pps_count), std::pair(1U, 1U));
+        EXPECT_EQ(Bytes(of->param_sets, of->param_sets + of->param_sets_length),
+                  (Bytes{0, 0, 0, 4, 0x67, 66, 0, 30, 0, 0, 0, 2, 0x68, 9}));
+    };
+    for (const Bytes& bad : {cut, wide_set}) {
+        EXPECT_EQ(isoFFsetDecoderSpecificInfo(track, bad.data(), static_cast<int>(bad.size())), -1);
+        expect_unchanged(track);
+    }
+    for (const size_t room : {0U, 8U, 16U, 200U}) {
+        const LittleMemory memory(file, room);
+        EXPECT_EQ(isoFFsetDecoderSpecificInfo(track, other.data(), 300), -1);
+        expect_unchanged(track);
+    }
+    EXPECT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    ASSERT_NE(reread.file->first_track, nullptr);
+    expect_unchanged(reread.file->first_track);
 }
 
 // --- the two passes ---

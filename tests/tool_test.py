@@ -6,7 +6,9 @@ import json
 import os
 import pathlib
 import re
+import resource
 import shutil
+import signal
 import struct
 import subprocess
 import sys
@@ -552,6 +554,130 @@ class Hint(ToolTest):
                 self.assertIn(reason, result.stderr.decode())
                 self.assertFalse(out.exists())
 
+    def test_damaged_movie_is_not_copied_in_part(self):
+        both = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+
+        def patched(data, box, at, number, width=4, occurrence=1):
+            start = -1
+            for _ in range(occurrence):
+                start = data.index(box, start + 1)
+            start += 4 + at
+            old = int.from_bytes(data[start:start + width], "big")
+            value = number(old) if callable(number) else number
+            self.assertNotEqual(value, old)
+            return data[:start] + value.to_bytes(width, "big") + data[start + width:]
+
+        def file(name):
+            return pathlib.Path(sample(name)).read_bytes()
+
+        h264, mpeg4 = file("h264_plain"), file("mpeg4_plain")
+        movie, tables = "movie box is damaged", "sample tables"
+        cases = [
+            ("stts of none", patched(both, b"stts", 4, 0), movie),
+            ("second stts of none", patched(both, b"stts", 4, 0, occurrence=2), movie),
+            ("stsz tells more", patched(both, b"stsz", 8, lambda n: n + 5), movie),
+            ("second stsz tells more", patched(both, b"stsz", 8, lambda n: n + 5, 4, 2), movie),
+            ("huge chunks", patched(both, b"stsc", 12, 1000000), tables),
+            ("long descriptor", patched(mpeg4, b"esds", 5, 0x7F, 1), movie),
+            ("broken avcC", patched(h264, b"avcC", 6, 0xFFFF, 2), movie),
+        ]
+        for box in (b"stts", b"stsc", b"stsz", b"stco"):
+            cases.append((f"no {box}", both.replace(box, b"free", 1), ""))
+        cases += [(f"no {box}", data.replace(box, b"free", 1), "no decoder configuration")
+                  for box, data in [(b"avcC", h264), (b"esds", mpeg4), (b"d263", both)]]
+        out = self.scratch / "out.3gp"
+        for name, damaged, reason in cases:
+            with self.subTest(name):
+                result = run("hint", "-", "-o", out, "--replace", stdin=damaged)
+                self.assertEqual(result.returncode, 1)
+                last = result.stderr.decode().splitlines()[-1]
+                self.assertRegex(last, reason or f"{movie}|{tables}")
+                self.assertNotIn("memory", last)
+                self.assertFalse(out.exists())
+
+    def test_video_that_lasts_too_long_is_told_why(self):
+        data = bytearray(pathlib.Path(sample("mpeg4_plain")).read_bytes())
+        mdhd = data.index(b"mdhd") + 4
+        data[mdhd + 12:mdhd + 16] = (1).to_bytes(4, "big")  # each tick is a second
+        stts = data.index(b"stts") + 4
+        data[stts + 12:stts + 16] = (30000).to_bytes(4, "big")  # the first entry's samples
+        result = run("hint", "-", "-o", self.scratch / "out.3gp", stdin=bytes(data))
+        self.assert_fails(result, 1, "hint track counts 90000 units a second in 32 bits, so up to "
+                                     "13 h 15 min")
+
+    # --- outputs that do not become whole ---
+
+    def folder(self):
+        return sorted(path.name for path in self.scratch.iterdir())
+
+    def test_output_comes_whole_under_its_name(self):
+        whole = self.hint(sample("amrnb_plain")).read_bytes()
+        old = self.scratch / "old.3gp"
+        old.write_bytes(b"old")
+        old.chmod(0o640)
+        (self.scratch / "link.3gp").symlink_to("old.3gp")
+        (self.scratch / "new_link.3gp").symlink_to("target.3gp")
+        for out, file in [("link.3gp", old), ("new_link.3gp", self.scratch / "target.3gp"),
+                          ("new.3gp", self.scratch / "new.3gp")]:
+            with self.subTest(out=out):
+                result = subprocess.run([TOOL, "hint", sample("amrnb_plain"), "-o", out],
+                                        cwd=self.scratch, umask=0o027, check=False, timeout=60)
+                self.assertEqual(result.returncode, 0)
+                self.assertEqual(file.read_bytes(), whole)
+                self.assertEqual(file.stat().st_mode & 0o777, 0o640)
+        self.assertTrue((self.scratch / "link.3gp").is_symlink())
+        self.assertEqual(self.folder(), ["hinted.3gp", "link.3gp", "new.3gp", "new_link.3gp",
+                                         "old.3gp", "target.3gp"])
+
+    def test_failed_write_leaves_what_was_there(self):
+        def limited():
+            resource.setrlimit(resource.RLIMIT_FSIZE, (20000, 20000))
+
+        old = self.scratch / "old.3gp"
+        old.write_bytes(b"old")
+        (self.scratch / "link.3gp").symlink_to("old.3gp")
+        there = self.folder()
+        for out in ("old.3gp", "link.3gp", "new.3gp"):
+            with self.subTest(out=out):
+                result = subprocess.run([TOOL, "hint", sample("h264_plain"), "-o", out],
+                                        cwd=self.scratch, preexec_fn=limited, capture_output=True,
+                                        check=False, timeout=60)
+                self.assert_fails(result, 1, f"{out}: File too large")
+                self.assertEqual(self.folder(), there)
+                self.assertEqual(old.read_bytes(), b"old")
+                self.assertTrue((self.scratch / "link.3gp").is_symlink())
+        self.assert_fails(run("hint", sample("amrnb_plain"), "-o", self.scratch), 1,
+                          "Is a directory")
+        self.assert_fails(run("hint", sample("amrnb_plain"), "-o", self.scratch / "no" / "out"), 1,
+                          "No such file")
+
+    def test_interrupt_leaves_what_was_there(self):
+        # One picture is so large that its writing can be watched.
+        data = bytearray(pathlib.Path(sample("mpeg4_plain")).read_bytes())
+        self.assertLess(data.index(b"moov"), data.index(b"mdat"))
+        stsz = data.index(b"stsz") + 4
+        count = int.from_bytes(data[stsz + 8:stsz + 12], "big")
+        last = stsz + 8 + 4 * count
+        size = int.from_bytes(data[last:last + 4], "big")
+        data[last:last + 4] = (size + (60 << 20)).to_bytes(4, "big")
+        large, old = self.scratch / "large.3gp", self.scratch / "old.3gp"
+        large.write_bytes(data + b"\1" * (60 << 20))
+        old.write_bytes(b"old")
+        there = self.folder()
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            for _ in range(20):
+                old.write_bytes(b"old")
+                with subprocess.Popen([TOOL, "hint", large, "-o", old, "--mtu", "65535"]) as tool:
+                    while tool.poll() is None and self.folder() == there:
+                        pass
+                    tool.send_signal(number)
+                self.assertIn(tool.returncode, (0, -number))
+                self.assertEqual(self.folder(), there)
+                if tool.returncode != 0:
+                    break
+            self.assertEqual(tool.returncode, -number)  # was caught in the act
+            self.assertEqual(old.read_bytes(), b"old")
+
     def hint(self, source, *options):
         out = self.scratch / "hinted.3gp"
         result = run("hint", source, "-o", out, *options)
@@ -745,10 +871,15 @@ class Hint(ToolTest):
         cases = [
             (sample("aac_plain"), (), 1, "no AMR, H.263, MPEG-4 or H.264 track"),
             (self.scratch / "cut.3gp", (), 1, "not in the file"),
-            (self.scratch / "kind.3gp", (), 1, "unknown kind"),
+            (self.scratch / "kind.3gp", (), 1, "track 1 is of an unknown kind (handler 'soun')"),
             (self.scratch / "none.3gp", (), 1, "no AMR"),
             (sample("amrnb_plain"), ("--mtu", 63), 2, "63"),
+            (sample("amrwb_plain"), ("--mtu", 64), 1,
+             "sample 1 cannot be cut into packets of at most 64 bytes; a frame needs up to 74"),
+            ("", (), 2, "name of a file is empty"),
         ]
+        self.assert_fails(run("hint", sample("amrnb_plain"), "-o", ""), 2, "file is empty")
+        self.hint(sample("amrwb_plain"), "--mtu", 74)
         for path, options, code, message in cases:
             with self.subTest(path=str(path)):
                 result = run("hint", path, "-o", out, *options)

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstring>
 #include <set>
 
@@ -29,6 +30,35 @@ struct Options {
 
 bool is_hint(const iso_track* track) {
     return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
+}
+
+// Whether the reader found the tables that tell of the samples, and could use all that they tell.
+bool has_whole_tables(const iso_track* track) {
+    const bool has_sizes = track->sample_size != 0 || track->sample_sizes != nullptr;
+    return track->stts != nullptr && track->stsc != nullptr && track->chunks != nullptr &&
+           has_sizes && static_cast<uint32_t>(track->sample_count) == track->told_samples;
+}
+
+// Whether a track has what its decoder and the description of its packets need.
+bool has_configuration(const iso_track* track) {
+    switch (track->codec) {
+        case ISO_CODEC_AVC1:
+            return track->dsi_length != 0 && track->nal_length_size != 0;
+        case ISO_CODEC_MP4V:
+            return track->dsi_length != 0;
+        case ISO_CODEC_S263:  // `d263`; level 0 is none
+            return track->vendor[0] != '\0' || track->level != 0;
+        default:
+            return true;
+    }
+}
+
+// Of a kind of media, as its handler names it.
+std::string shown_handler(const iso_track* track) {
+    std::string text;
+    for (const char c : std::string(track->handler))
+        text += c >= ' ' && c <= '~' ? c : '?';
+    return text.empty() ? "none" : "'" + text + "'";
 }
 
 bool has_payload_format(const iso_track* track) {
@@ -94,9 +124,10 @@ void copy_entry(iso_track* to, const iso_track* from) {
     to->horiz_resolution = from->horiz_resolution;
     to->vert_resolution = from->vert_resolution;
     if (from->dsi_length == 0) return;
-    if (isoFFsetDecoderSpecificInfo(to, from->dsi, static_cast<int>(from->dsi_length)) != 0) {
-        throw std::bad_alloc();
-    }
+    if (isoFFsetDecoderSpecificInfo(to, from->dsi, static_cast<int>(from->dsi_length)) == 0) return;
+    // Other configurations are taken as they are.
+    if (from->codec != ISO_CODEC_AVC1) throw std::bad_alloc();
+    throw Error("track " + std::to_string(from->track_id) + ": its avcC is damaged");
 }
 
 // A track like `from`, without its samples.
@@ -181,6 +212,10 @@ class Hinter {
     }
 
     void refuse_what_cannot_be_copied() const {
+        if (from_->movie_result != 0) {
+            throw Error(options_.input +
+                        ": its movie box is damaged; tracks or tables are missing");
+        }
         int usable = 0;
         for (const iso_track* track = from_->first_track; track != nullptr; track = track->next) {
             if (is_hint(track)) {
@@ -189,12 +224,7 @@ class Hinter {
                 }
                 continue;
             }
-            if (track->codec == ISO_CODEC_NONE) throw error(track, " is of an unknown kind");
-            if (track->timescale == 0) throw error(track, " has no timescale");
-            if (track->track_id == 0) throw error(track, ": no track ID that could be referred to");
-            if (has_several_descriptions(track)) {
-                throw error(track, " has several sample descriptions");
-            }
+            refuse_track(track);
             usable += has_payload_format(track) ? 1 : 0;
         }
         if (usable == 0) {
@@ -202,6 +232,20 @@ class Hinter {
         }
         refuse_equal_ids();
         refuse_more_samples_than_bytes();
+    }
+
+    void refuse_track(const iso_track* track) const {
+        if (track->codec == ISO_CODEC_NONE) {
+            throw error(track, " is of an unknown kind (handler " + shown_handler(track) +
+                                   ") and cannot be copied; take it out of the file first");
+        }
+        if (track->timescale == 0) throw error(track, " has no timescale");
+        if (track->track_id == 0) throw error(track, ": no track ID that could be referred to");
+        if (has_several_descriptions(track)) {
+            throw error(track, " has several sample descriptions");
+        }
+        if (!has_whole_tables(track)) throw error(track, " has damaged or missing sample tables");
+        if (!has_configuration(track)) throw error(track, " has no decoder configuration");
     }
 
     static bool has_several_descriptions(const iso_track* track) {
@@ -275,9 +319,9 @@ class Hinter {
     }
 
     // Track units of a time in seconds that the reader made of them.
-    static int units(double seconds, const iso_track* track) {
+    static int64_t units(double seconds, const iso_track* track) {
         const double value = seconds * track->timescale;
-        return static_cast<int>(static_cast<int64_t>(value < 0 ? value - 0.5 : value + 0.5));
+        return static_cast<int64_t>(value < 0 ? value - 0.5 : value + 0.5);
     }
 
     void copy_samples(const Medium& medium) {
@@ -295,35 +339,57 @@ class Hinter {
             if (isoFFread(medium.from, buffer.data(), size, &duration, &offset) != size) {
                 throw error(medium.from, " has a sample that is not in the file");
             }
-            write_sample(medium, buffer.data(), size, units(duration, medium.from),
-                         units(offset, medium.from));
+            const int64_t lasts = units(duration, medium.from);
+            if (lasts > INT_MAX) throw error(medium.from, " has a sample that lasts too long");
+            write_sample(medium, buffer.data(), size, static_cast<int>(lasts),
+                         static_cast<int>(units(offset, medium.from)));
         }
     }
 
     void write_sample(const Medium& medium, uint8_t* data, int size, int duration, int offset) {
         medium.to->frame_default = 0;  // a sample that lasts no time stays so
         const int written = isoFFwrite(medium.to, data, size, duration, offset);
-        if (written < 0) refuse_sample(medium, written);
+        if (written < 0) refuse_sample(medium, medium.to, written);
         if (medium.hint == nullptr) return;
         const int hinted = isoFFwriteHint(medium.hint, data, size, duration, offset);
-        if (hinted < 0) refuse_sample(medium, hinted);
+        if (hinted < 0) refuse_sample(medium, medium.hint, hinted);
     }
 
-    [[noreturn]] void refuse_sample(const Medium& medium, int result) const {
+    [[noreturn]] void refuse_sample(const Medium& medium, const iso_track* refused,
+                                    int result) const {
         constexpr int kNoMemory = -2, kCannotBeCut = -3, kTooLarge = -6, kTooLong = -7;
         switch (result) {
             case kNoMemory:
                 throw std::bad_alloc();
             case kCannotBeCut:
                 throw error(medium.from, ": sample " + std::to_string(medium.to->sample_count) +
-                                             " cannot be cut into packets");
+                                             " cannot be cut into packets of at most " +
+                                             std::to_string(options_.mtu) + " bytes" +
+                                             limit_advice(medium.from));
             case kTooLarge:
                 throw error(medium.from, " is too large for one file");
             case kTooLong:
-                throw error(medium.from, " lasts too long");
+                throw error(
+                    medium.from,
+                    " lasts too long: " + std::string(is_hint(refused) ? "its hint track" : "it") +
+                        " counts " + std::to_string(refused->timescale) +
+                        " units a second in 32 bits, so up to " + hours_and_minutes(refused));
             default:
                 throw system_error("temporary file");
         }
+    }
+
+    // What would help a speech frame into a packet.
+    std::string limit_advice(const iso_track* track) const {
+        constexpr uint32_t kLongestWideBandFrame = 74;  // headers, and 23.85 kbit/s for 20 ms
+        if (track->codec != ISO_CODEC_SAWB || options_.mtu >= kLongestWideBandFrame) return "";
+        return "; a frame needs up to " + std::to_string(kLongestWideBandFrame) + " (--mtu)";
+    }
+
+    // The longest that a track's clock can count.
+    static std::string hours_and_minutes(const iso_track* track) {
+        const uint32_t minutes = UINT32_MAX / track->timescale / 60;
+        return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
     }
 
     uint32_t available_bytes() const {
@@ -357,15 +423,11 @@ void hint(const Options& options) {
         throw;
     }
     const int closed = isoFFclose(to.release());
-    try {
-        stream.finish();  // tells what the system said of a write
-        if (closed == -2) throw std::bad_alloc();
-        if (closed == -6) throw Error(options.output + ": the file would be too large");
-        if (closed != 0) throw system_error("temporary file");
-    } catch (...) {
-        stream.discard();  // the movie box stands first, so a part would look whole
-        throw;
-    }
+    stream.tell_failure();  // what the system said of a write
+    if (closed == -2) throw std::bad_alloc();
+    if (closed == -6) throw Error(options.output + ": the file would be too large");
+    if (closed != 0) throw system_error("temporary file");
+    stream.finish();
 }
 
 }  // namespace
@@ -373,9 +435,15 @@ void hint(const Options& options) {
 void add_hint(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("hint", "Copy a 3GP file and add RTP hint tracks to it");
-    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    const auto is_name = [](const std::string& name) {
+        return name.empty() ? std::string("the name of a file is empty") : std::string();
+    };
+    command->add_option("FILE", options->input, "3GP file; - is standard input")
+        ->required()
+        ->check(is_name);
     command->add_option("-o,--output", options->output, "Where to write; - is standard output")
-        ->required();
+        ->required()
+        ->check(is_name);
     command
         ->add_option("--mtu", options->mtu,
                      "Longest packet in bytes, RTP header included; players accept up to 1400")

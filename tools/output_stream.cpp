@@ -1,8 +1,5 @@
 #include "tools/output_stream.h"
 
-#include <filesystem>
-#include <system_error>
-
 namespace tool {
 
 OutputStream::OutputStream(std::string path, std::string input)
@@ -20,16 +17,13 @@ void OutputStream::take(std::span<const uint8_t> bytes) {
     output_->write(bytes);
 }
 
-void OutputStream::finish() {
+void OutputStream::tell_failure() const {
     if (failure_) std::rethrow_exception(failure_);
-    if (output_) output_->finish();
 }
 
-void OutputStream::discard() {
-    if (!output_) return;
-    output_.reset();
-    std::error_code ignored;
-    if (std::filesystem::is_regular_file(path_, ignored)) std::filesystem::remove(path_, ignored);
+void OutputStream::finish() {
+    tell_failure();
+    if (output_) output_->finish();
 }
 
 uint32_t OutputStream::get_offset(void* context, uint32_t* offset) {

@@ -5,7 +5,7 @@
 #include <exception>
 #include <optional>
 
-#include "tools/support.h"
+#include "tools/whole_output.h"
 
 namespace tool {
 
@@ -21,12 +21,12 @@ class OutputStream {
     // Takes no more bytes.
     void refuse() { refuses_ = true; }
 
-    // Writes what is buffered out. Throws what ended the writing.
+    // Makes what was written the output. Throws what ended the writing. An output that does not
+    // come to this is not left behind: a part of it could be taken for the whole.
     void finish();
 
-    // Takes back an output file that was made, if it was: a part of it could be taken for the
-    // whole.
-    void discard();
+    // Throws what ended the writing, if something did.
+    void tell_failure() const;
 
   private:
     static OutputStream& self(void* context) { return *static_cast<OutputStream*>(context); }
@@ -46,7 +46,7 @@ class OutputStream {
 
     std::string path_;
     std::string input_;
-    std::optional<Output> output_;
+    std::optional<WholeOutput> output_;
     bool refuses_ = false;
     std::exception_ptr failure_;
     KST_IOSTREAM_CALLBACK_INTERFACE table_;

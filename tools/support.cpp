@@ -77,14 +77,26 @@ bool is_same_file(const std::string& a, const std::string& b) {
 
 }  // namespace
 
+void refuse_input_as_output(const std::string& path, const std::string& input) {
+    if (!is_same_file(path, input)) return;
+    throw Error(path + ": is the input; choose another output", kWrongUsage);
+}
+
 Output::Output(const std::string& path, const std::string& input)
     : path_(path), file_(stdout), buffer_(kBufferSize) {
     if (path == "-") return;
-    if (is_same_file(path, input)) {
-        throw Error(path + ": is the input; choose another output", kWrongUsage);
-    }
+    refuse_input_as_output(path, input);
     file_ = std::fopen(path.c_str(), "wb");
-    if (file_ == nullptr) throw system_error(path);
+    keep_buffer();
+}
+
+Output::Output(int descriptor, const std::string& path)
+    : path_(path), file_(fdopen(descriptor, "wb")), buffer_(kBufferSize) {
+    keep_buffer();
+}
+
+void Output::keep_buffer() {
+    if (file_ == nullptr) throw system_error(path_);
     std::setvbuf(file_, buffer_.data(), _IOFBF, buffer_.size());
 }
 

@@ -69,12 +69,17 @@ using IsoFile = std::unique_ptr<iso_file, FileCloser>;
 // Reads a file's boxes, all of it waited for. `callbacks` must outlive the record.
 IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks);
 
+// Refuses an output that is the file `input`.
+void refuse_input_as_output(const std::string& path, const std::string& input);
+
 // A file that is written, or standard output for "-". What was written stays when the command
 // fails.
 class Output {
   public:
     // Refuses to overwrite `input`.
     Output(const std::string& path, const std::string& input);
+    // Writes to a descriptor, which it closes; errors name `path`.
+    Output(int descriptor, const std::string& path);
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
     ~Output();
@@ -86,6 +91,8 @@ class Output {
 
   private:
     static constexpr size_t kBufferSize = 256 << 10;
+
+    void keep_buffer();
 
     std::string path_;
     std::FILE* file_;

@@ -50,6 +50,8 @@ KESTREL_API int FindStartCode(const unsigned char* buf, int len, unsigned char c
 // is not being written, for a configuration that makes no sense, or without memory. The track
 // belongs to the file.
 
+// Those of pictures need a timescale above 0, and 1 to 65535 pixels each way.
+
 // H.263: timescale, width, height, profile and level of `cfg`.
 KESTREL_API iso_track* h263_isoFFtrack(iso_file* file, H263VCFG* cfg);
 

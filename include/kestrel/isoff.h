@@ -12,7 +12,9 @@
 // Writing: isoFFopen(stream, "w", ...) over an empty stream, isoFFtrack or one of the *_isoFFtrack
 // functions for each track, isoFFwrite for each sample in decoding order, isoFFclose. The samples
 // wait in memory and the file is written as a whole at close, `moov` first; with
-// iso_file::direct_write they go to the stream as they come, and `moov` stands at the end. The
+// iso_file::direct_write, which is looked at when the first sample comes, they go to the stream as
+// they come, and `moov` stands at the end. A file that could not be finished has no `moov`, unless
+// its stream cannot seek back: then it may have one, with media missing behind it. The
 // fields of a track that describe it (handler, codec, timescale, configuration, sync_samples,
 // sbgp_list, edits, sdp_text ...) may be filled in until isoFFclose, with memory from isoFFmalloc.
 // Functions that read samples answer -1 for a track that is being written.
@@ -89,12 +91,20 @@ struct iso_file {
 
     // Writer.
     uint32_t has_visual;    // 1: `iods` tells that there is visual media (14496-1, table 5)
-    uint32_t direct_write;  // 1: samples go to the stream as they come; set before the first one
+    uint32_t direct_write;  // 1: samples go to the stream as they come; later changes do nothing
     uint32_t finalised;     // 1: the file was written, or can no longer be
     uint32_t write_pos;     // bytes written to the stream
     uint32_t media_base;    // what iso_run::start counts from
     uint32_t direct_track_limit;  // direct_write: highest track ID that takes samples
     iso_track* direct_track;      // direct_write: the track whose samples come last
+
+    // What came of reading `moov`: 0, or another value where it could not be read to its end, so
+    // that tables, or tracks that stand behind, may be missing.
+    int32_t movie_result;
+
+    // Writer.
+    uint32_t write_way;   // settled by the first sample: 0 not yet, 1 queued, 2 direct
+    uint64_t track_cost;  // sum of iso_track::header_cost
 };
 
 inline constexpr uint32_t iso_file_magic = 0x0C0DE100;
@@ -302,6 +312,9 @@ struct iso_track {
     uint64_t counted_sizes[5];  // of the sample tables, as they were measured
     uint32_t max_pdu, avg_pdu;  // hint track: bytes of a packet's payload and header
     iso_hinter* hinter;         // hint track: makes its samples
+
+    // Number of samples that `stsz` tells. sample_count is less where the tables do not agree.
+    uint32_t told_samples;
 };
 
 // Bit of iso_track::flags: the decoder configuration counts into the next sample's size.
@@ -332,7 +345,7 @@ KESTREL_API iso_track* isoFFtrack(iso_file* file);
 // Takes the next sample of a track that is being written: `size` bytes at `data`, `duration` and
 // composition offset in track units. A duration of 0 repeats iso_track::frame_default, and any
 // other becomes it. The bytes are copied. Returns `size`, or
-//   -1  null track, negative size, no data, or the file is not being written
+//   -1  null track, negative size or duration, no data, or the file is not being written
 //   -2  no memory
 //   -5  the file has been finished already, or the stream or the track's temporary file fell short
 //   -6  with it, what the track takes would be more than iso_file::size_limit, or what all tracks
@@ -344,12 +357,13 @@ KESTREL_API int isoFFwrite(iso_track* track, void* data, int size, int duration,
 
 // Sets the brands of a file that is being written: four-character codes separated by one blank, the
 // first of which becomes the major brand; all of them are the compatible brands. 0, or -1 for a
-// null argument, a list of another shape, no memory, or once samples were written directly.
+// null argument, a list of another shape, no memory, a file that is being read, or once samples
+// were written directly.
 KESTREL_API int isoFFsetBrand(iso_file* file, const char* brands, int minor_version);
 
 // Keeps a copy of `length` bytes of decoder configuration for the writer: an `avcC` record for
 // codec ISO_CODEC_AVC1, else the DecoderSpecificInfo of `esds`. 0, or -1 for a null argument, a
-// length below 1, an `avcC` that makes no sense, or no memory.
+// length below 1, an `avcC` that makes no sense, or no memory; the track is then as it was.
 KESTREL_API int isoFFsetDecoderSpecificInfo(iso_track* track, const void* dsi, int length);
 
 // How rtp_isoFFtrack packs H.263.
@@ -358,15 +372,16 @@ enum iso_h263_payload : int32_t { ISO_H263_RFC4629 = 0, ISO_H263_RFC2190 = 1 };
 // Creates the RTP hint track of `media`, an AMR, H.263, MPEG-4 or H.264 track of the same file that
 // is being written, with `payload_type` and packets of at most `max_packet` bytes (RTP header of 12
 // bytes included, 64 to 65535). Its clock is 90000 Hz for video and the sampling rate for speech;
-// its SDP is in `sdp_text`, its edits are those of `media` at the time. Null for any other track or
-// without memory.
+// its SDP is in `sdp_text`, its edits are those of `media` at the time. Null for any other track,
+// for an H.264 or MPEG-4 one without decoder configuration, or without memory.
 KESTREL_API iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet,
                                       int payload_type, iso_h263_payload h263_payload);
 
 // Writes the hint sample of the next sample of the media track: its bytes, and its duration and
 // composition offset in units of the media track. Returns the size of the hint sample, an error
 // of isoFFwrite, or -3 when the sample cannot be cut into packets by the rules of its payload
-// format.
+// format. -7 where the track would run longer than 32 bits count at its clock: 13 h 15 min of
+// video.
 KESTREL_API int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
                                int cts_offset);
 
@@ -408,8 +423,8 @@ KESTREL_API int isoFFreadAt(iso_track* track, int sample, int offset, void* buff
 KESTREL_API int isoFFsetPosition(iso_track* track, int sample);
 
 // The largest time, in seconds, that one track runs on in the file before another's data begins;
-// 0.0 with fewer than two tracks that have samples, -1.0 without memory. Tables that lay millions of
-// samples on top of each other are not looked through to their end.
+// 0.0 with fewer than two tracks that have samples, -1.0 without memory. Tables that lay millions
+// of samples on top of each other are not looked through to their end.
 KESTREL_API double isoFFgetInterleave(iso_file* file);
 
 // Of the hint tracks that refer to `media` and whose packets are at most `max_packet` bytes long,

@@ -95,9 +95,6 @@ int read_avcC(iso_file* file, uint32_t body);
 // Keeps a copy of decoder-specific information in the track; false when there is no memory.
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes);
 
-// Whether `bytes` are an `avcC` record that keeps to its length.
-bool is_avcc(std::span<const uint8_t> bytes);
-
 // Brings a track's tables into agreement when its `stbl` has been read: fills the chunk ends, sets
 // the cursor to the first sample. 0, or -1 when the tables cannot be used.
 int check_tables(iso_track* track);
@@ -113,6 +110,13 @@ int finalise(iso_file* file);
 
 // Writes at the stream's position; false when the stream failed or took fewer bytes.
 bool write_stream(iso_file* file, const void* from, uint32_t count);
+
+// 0, or the error of isoFFwrite for a file that is finished or a track that is closed.
+int check_open(const iso_track* track);
+
+// isoFFwrite of arguments that make sense, with the duration as it is. May throw std::bad_alloc.
+int write_sample(iso_track* track, std::span<const uint8_t> sample, uint32_t duration,
+                 int32_t cts_offset);
 
 // Takes the pass of a box writer: measure, then write.
 enum Pass { kCountPass = 0, kWritePass = 1 };
@@ -153,7 +157,8 @@ class TrackAttempt {
 // header add to the header. Null without memory or for a file that is not being written.
 iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale, uint32_t entry_bytes);
 
-// The same for a picture of a size in pixels.
+// The same for a picture of a size in pixels, 1 to 65535 each; null for another size, or a
+// timescale of 0.
 iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, uint32_t width,
                             uint32_t height, uint32_t entry_bytes);
 

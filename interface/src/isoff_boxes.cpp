@@ -473,13 +473,14 @@ int read_ftyp(iso_file* file, uint32_t body) {
 }
 
 int read_moov(iso_file* file, uint32_t body) {
+    file->movie_result = -1;  // unless it is read to its end
     file->moov_buffer = read_into_arena(file, body);
     if (file->moov_buffer == nullptr) return -1;
     file->moov_left = body;
     file->in_moov_buffer = 1;
-    const int walked = parse_rest(file, moov_box);
+    file->movie_result = parse_rest(file, moov_box);
     file->in_moov_buffer = 0;
-    return walked;
+    return file->movie_result;
 }
 
 int read_mdat(iso_file* file, uint32_t body) {

@@ -135,30 +135,51 @@ void forget_param_sets(iso_track* track) {
     track->param_sets_length = 0;
 }
 
-// Keeps the parameter sets of the track's `avcC`, all or none of them.
-bool store_param_sets(iso_track* track) {
-    forget_param_sets(track);
-    ByteReader reader({track->dsi, track->dsi_length});
-    const AvccHeader header = read_avcc_header(reader);
+void keep_avcc_header(iso_track* track, const AvccHeader& header) {
     track->profile = header.profile;
     track->profile_compat = header.compatibility;
     track->level = header.level;
     track->nal_length_size = header.nal_length_size;
-    std::vector<uint8_t> sets;
+}
+
+// The parameter sets of an `avcC` as a track holds them: the sequence sets, then the picture sets.
+struct ParamSets {
+    std::vector<uint8_t> bytes;
+    size_t sps_length = 0;
+    uint32_t sps_count = 0, pps_count = 0;
+};
+
+// False when the record does not keep to its length, or a set not to the width of the lengths.
+bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSets& sets) {
+    ByteReader reader(avcc);
+    header = read_avcc_header(reader);
     bool fits = true;
-    const uint32_t sps_count = append_prefixed_sets(reader, header.nal_length_size, sets, fits);
-    const size_t sps_length = sets.size();
-    const uint32_t pps_count = append_prefixed_sets(reader, header.nal_length_size, sets, fits);
-    if (!reader.ok() || !fits) return false;
-    // One block: the sequence sets, then the picture sets.
-    auto* block = arena_array<uint8_t>(track->file, sets.size());
-    if (block == nullptr) return false;
-    std::copy(sets.begin(), sets.end(), block);
-    track->sps_count = sps_count;
-    track->pps_count = pps_count;
+    sets.sps_count = append_prefixed_sets(reader, header.nal_length_size, sets.bytes, fits);
+    sets.sps_length = sets.bytes.size();
+    sets.pps_count = append_prefixed_sets(reader, header.nal_length_size, sets.bytes, fits);
+    return reader.ok() && fits;
+}
+
+// Puts the sets into `block`, which has room for them.
+void keep_param_sets(iso_track* track, const ParamSets& sets, uint8_t* block) {
+    std::copy(sets.bytes.begin(), sets.bytes.end(), block);
+    track->sps_count = sets.sps_count;
+    track->pps_count = sets.pps_count;
     track->param_sets = track->sps_block = block;
-    track->pps_block = block + sps_length;
-    track->param_sets_length = static_cast<uint32_t>(sets.size());
+    track->pps_block = block + sets.sps_length;
+    track->param_sets_length = static_cast<uint32_t>(sets.bytes.size());
+}
+
+// Makes `avcc` the configuration of a track that is being written; false, and nothing changed, when
+// it makes no sense or there is no memory.
+bool replace_avcc(iso_track* track, std::span<const uint8_t> avcc) {
+    AvccHeader header{};
+    ParamSets sets;
+    if (!take_param_sets(avcc, header, sets)) return false;
+    auto* block = arena_array<uint8_t>(track->file, sets.bytes.size());
+    if (block == nullptr || !keep_dsi(track, avcc)) return false;
+    keep_avcc_header(track, header);
+    keep_param_sets(track, sets, block);
     return true;
 }
 
@@ -259,18 +280,6 @@ bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
     return true;
 }
 
-bool is_avcc(std::span<const uint8_t> bytes) {
-    ByteReader reader(bytes);
-    const int width = read_avcc_header(reader).nal_length_size;
-    bool fits = true;
-    const auto check = [&](std::span<const uint8_t> set) {
-        fits = fits && (width > 1 || set.size() <= 0xFF);
-    };
-    visit_sets(reader, check);
-    visit_sets(reader, check);
-    return reader.ok() && fits;
-}
-
 int read_damr(iso_file* file, uint32_t) {
     iso_track* track = read_vendor(file);
     if (track == nullptr) return 0;
@@ -308,7 +317,16 @@ int read_avcC(iso_file* file, uint32_t) try {
     iso_track* track = file->current_track;
     if (track == nullptr) return 0;
     if (!keep_dsi(track, {file->moov_buffer, file->moov_left})) return -1;
-    return store_param_sets(track) ? 0 : -1;
+    forget_param_sets(track);
+    AvccHeader header{};
+    ParamSets sets;
+    const bool whole = take_param_sets({track->dsi, track->dsi_length}, header, sets);
+    keep_avcc_header(track, header);
+    if (!whole) return -1;
+    auto* block = arena_array<uint8_t>(track->file, sets.bytes.size());
+    if (block == nullptr) return -1;
+    keep_param_sets(track, sets, block);
+    return 0;
 } catch (const std::bad_alloc&) {
     return -1;
 }
@@ -331,8 +349,8 @@ uint8_t* isoFFgetDecoderSpecificInfo(iso_track* track, int* length, int prepend)
 int isoFFsetDecoderSpecificInfo(iso_track* track, const void* dsi, int length) try {
     if (track == nullptr || dsi == nullptr || length < 1) return -1;
     const std::span bytes(static_cast<const uint8_t*>(dsi), static_cast<size_t>(length));
+    if (track->codec == ISO_CODEC_AVC1) return replace_avcc(track, bytes) ? 0 : -1;
     if (!keep_dsi(track, bytes)) return -1;
-    if (track->codec == ISO_CODEC_AVC1) return store_param_sets(track) ? 0 : -1;
     keep_visual_level(track);
     return 0;
 } catch (const std::bad_alloc&) {

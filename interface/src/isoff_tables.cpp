@@ -186,11 +186,13 @@ int read_stsz(iso_file* file, uint32_t) {
         const uint32_t count = getint32(file);
         if (count > INT_MAX) return -1;
         track->sample_count = static_cast<int32_t>(count);
+        track->told_samples = count;
         track->total_bytes = count * track->sample_size;
         return 0;
     }
     track->sample_sizes = take_entries<uint32_t>(file, 4, track->sample_count);
     if (track->sample_sizes == nullptr) return -1;
+    track->told_samples = static_cast<uint32_t>(track->sample_count);
     for (int32_t i = 0; i < track->sample_count; ++i) {
         const uint32_t size = getint32(file);
         track->sample_sizes[i] = size;

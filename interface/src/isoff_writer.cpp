@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <exception>
 #include <new>
+#include <queue>
 #include <vector>
 
 #include "interface/src/isoff.h"
@@ -22,11 +23,22 @@ enum WriteError {
 };
 
 constexpr uint32_t kBoxHeader = 8;
+constexpr uint32_t kBoxSizeField = 4;
 constexpr uint32_t kFileOverhead = 24;  // that isoFFwrite adds to what a track costs
 
 // What a sample adds to the header.
 constexpr uint32_t kSizeCost = 4;
 constexpr uint32_t kEntryCost = 8;  // a time-to-sample or composition entry, and the first sample
+
+// iso_file::write_way.
+enum WriteWay { kNotSettled, kQueued, kDirect };
+
+// Whether samples go to the stream as they come. What the caller wants is asked once: samples that
+// went one way cannot go on the other.
+bool is_direct(iso_file* file) {
+    if (file->write_way == kNotSettled) file->write_way = file->direct_write ? kDirect : kQueued;
+    return file->write_way == kDirect;
+}
 
 // --- taking samples ---
 
@@ -47,7 +59,9 @@ uint64_t header_cost_of(const iso_track* track, const iso_frame& frame) {
 
 void count_frame(iso_track* track, iso_frame* frame) {
     const iso_frame* before = track->last_frame;
-    track->header_cost += header_cost_of(track, *frame);
+    const uint64_t cost = header_cost_of(track, *frame);
+    track->header_cost += cost;
+    track->file->track_cost += cost;
     if (before == nullptr) track->sample_size = frame->size;
     if (frame->size != track->sample_size) track->sample_size = 0;
     if (before == nullptr || frame->duration != before->duration) track->stts_count++;
@@ -66,7 +80,7 @@ void append_frame(iso_track* track, iso_frame* frame) {
 
 // A record for the sample, with its bytes behind it where they are to wait in memory.
 iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
-    const bool in_memory = track->spool == nullptr && !track->file->direct_write;
+    const bool in_memory = track->spool == nullptr && !is_direct(track->file);
     const size_t kept = in_memory ? size : 0;
     if (kept > SIZE_MAX - sizeof(iso_frame)) return nullptr;
     auto* memory = static_cast<uint8_t*>(isoFFmalloc(track->file, sizeof(iso_frame) + kept));
@@ -86,10 +100,7 @@ bool has_room(const iso_track* track, uint32_t size) {
     const iso_file* file = track->file;
     const uint64_t more = uint64_t{size} + kFileOverhead;
     if (track->header_cost + more > file->size_limit) return false;
-    uint64_t taken = file->header_size;
-    for (const iso_track* one = file->first_track; one != nullptr; one = one->next)
-        taken += one->header_cost;
-    return taken + more <= UINT32_MAX;
+    return file->header_size + file->track_cost + more <= UINT32_MAX;
 }
 
 int check_limits(iso_track* track, uint32_t size, uint32_t duration) {
@@ -116,6 +127,17 @@ bool begin_run(iso_track* track, uint32_t start) {
 // Whether a run of `units` may take `more` units without running longer than the file's span.
 bool span_allows(const iso_track* track, uint64_t units, uint64_t more) {
     return static_cast<double>(units + more) <= track->file->interleave_span * track->timescale;
+}
+
+// --- going back in the stream ---
+
+// Stands the stream, and what the file knows of it, at a position that was written before.
+bool move_to(iso_file* file, uint32_t position) {
+    uint32_t at = 0;
+    if (kstutil_seek(file->stream, static_cast<int32_t>(position)) != 0) return false;
+    if (kstutil_getoffset(file->stream, &at) != 0 || at != position) return false;
+    file->write_pos = position;
+    return true;
 }
 
 // --- direct-write mode ---
@@ -159,6 +181,15 @@ int begin_flush(iso_track* track) {
     return track->track_id > track->file->direct_track_limit ? kTrackTooLate : 0;
 }
 
+// Puts four bytes where others were written before, and goes back to the end of the file.
+bool patch(iso_file* file, uint32_t at, uint32_t value) {
+    const uint32_t end = file->write_pos;
+    uint8_t raw[4];
+    store_be32(raw, value);
+    if (!move_to(file, at) || !write_stream(file, raw, sizeof raw)) return false;
+    return move_to(file, end);
+}
+
 bool passes_agree(uint64_t measured, uint64_t written) {
     if (written == measured) return true;
     diagnose("isoff error: pass 1 header size (%d) different from pass 2 (%d)\n",
@@ -174,11 +205,7 @@ int finish_direct(iso_file* file, uint32_t media_header) {
     if (!passes_agree(moov.size(), written)) return kFellShort;
     if (moov.size() > UINT32_MAX - media_end) return kTooLarge;
     if (!write_stream(file, moov.data(), static_cast<uint32_t>(moov.size()))) return kFellShort;
-    uint8_t raw[4];
-    store_be32(raw, media_end - media_header);
-    if (kstutil_seek(file->stream, static_cast<int32_t>(media_header)) != 0) return kFellShort;
-    file->write_pos = media_header;
-    return write_stream(file, raw, sizeof raw) ? 0 : kFellShort;
+    return patch(file, media_header, media_end - media_header) ? 0 : kFellShort;
 }
 
 // --- queued mode ---
@@ -188,11 +215,17 @@ struct Queue {
     iso_track* track;
     iso_frame* next;
     uint64_t time;  // of `next`, track units
+    size_t number;  // of the track in the list
 
-    // Whether the other is further on. In whole numbers, so that every machine lays a file out the
-    // same way; times and timescales have 32 bits each.
-    bool is_before(const Queue& other) const {
-        return time * other.track->timescale < other.time * track->timescale;
+    uint64_t timescale() const { return std::max<uint32_t>(track->timescale, 1); }
+
+    // Whether the other's samples come first: it is less far on, or as far and earlier in the list.
+    // In whole numbers, so that every machine lays a file out the same way; times and timescales
+    // have 32 bits each.
+    bool operator<(const Queue& other) const {
+        const uint64_t own = time * other.timescale();
+        const uint64_t others = other.time * timescale();
+        return own != others ? own > others : number > other.number;
     }
 };
 
@@ -201,17 +234,6 @@ struct PlannedRun {
     const iso_frame* first;
     uint32_t samples;
 };
-
-// The track whose samples come next: the one that is least far on; of equals, the first in the
-// list.
-Queue* least_far_on(std::vector<Queue>& queues) {
-    Queue* least = nullptr;
-    for (Queue& queue : queues) {
-        if (queue.next == nullptr) continue;
-        if (least == nullptr || queue.is_before(*least)) least = &queue;
-    }
-    return least;
-}
 
 // Takes samples into a run as long as its span allows, at least one; returns their bytes.
 uint64_t fill_run(Queue& queue) {
@@ -231,16 +253,21 @@ uint64_t fill_run(Queue& queue) {
 // Lays the samples of all tracks out behind one another; the media bytes through `media`. 0 or an
 // error.
 int plan(iso_file* file, std::vector<PlannedRun>& runs, uint64_t& media) {
-    std::vector<Queue> queues;
-    for (iso_track* track = file->first_track; track != nullptr; track = track->next)
-        queues.push_back({track, track->first_frame, 0});
+    std::priority_queue<Queue> queues;  // its top is the one whose samples come next
+    size_t number = 0;
+    for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
+        if (track->first_frame != nullptr) queues.push({track, track->first_frame, 0, number++});
+    }
     media = 0;
-    while (Queue* queue = least_far_on(queues)) {
+    while (!queues.empty()) {
         if (media > UINT32_MAX) return kTooLarge;
-        const iso_frame* first = queue->next;
-        if (!begin_run(queue->track, static_cast<uint32_t>(media))) return kNoMemory;
-        media += fill_run(*queue);
-        runs.push_back({queue->track, first, queue->track->last_run->samples});
+        Queue queue = queues.top();
+        queues.pop();
+        const iso_frame* first = queue.next;
+        if (!begin_run(queue.track, static_cast<uint32_t>(media))) return kNoMemory;
+        media += fill_run(queue);
+        runs.push_back({queue.track, first, queue.track->last_run->samples});
+        if (queue.next != nullptr) queues.push(queue);
     }
     return 0;
 }
@@ -277,15 +304,17 @@ bool rewind_spools(iso_file* file) {
     return true;
 }
 
-// `ftyp`, `moov` and the header of `mdat`, as one run of bytes. 0, or an error when they come to
-// more than a file can hold or to something else than was measured.
-int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header) {
+// `ftyp`, `moov` and the header of `mdat`, as one run of bytes, and where the type of `moov` stands
+// in it. 0, or an error when they come to more than a file can hold or to something else than was
+// measured.
+int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header, size_t& moov_type) {
     const uint64_t ftyp = write_ftyp(kCountPass, {}, file);
     const uint64_t moov = write_moov(kCountPass, {}, file);
     const uint64_t measured = ftyp + moov + kBoxHeader;
     if (measured + media > UINT32_MAX) return kTooLarge;
     file->media_base = static_cast<uint32_t>(measured);
     header.resize(static_cast<size_t>(measured));
+    moov_type = static_cast<size_t>(ftyp) + kBoxSizeField;
     uint64_t written = write_ftyp(kWritePass, header, file);
     written += write_moov(kWritePass, std::span(header).subspan(static_cast<size_t>(ftyp)), file);
     written += kBoxHeader;
@@ -295,17 +324,42 @@ int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header) {
     return passes_agree(measured, written) ? 0 : kFellShort;
 }
 
+// Whether the stream goes back to its start, and on again to where it stands.
+bool can_go_back(iso_file* file) {
+    const uint32_t here = file->write_pos;
+    return move_to(file, 0) && move_to(file, here);
+}
+
+// The header, and the samples behind it. `moov` is free space until the last sample is written, so
+// that a file that is cut off has none; a stream that cannot go back gets it at once.
+int write_parts(iso_file* file, std::vector<uint8_t>& header, size_t moov_type,
+                const std::vector<PlannedRun>& runs) {
+    const std::span bytes(header);
+    const auto write = [&](std::span<const uint8_t> part) {
+        return write_stream(file, part.data(), static_cast<uint32_t>(part.size()));
+    };
+    if (!write(bytes.first(moov_type))) return kFellShort;
+    const uint32_t written = file->write_pos;
+    const bool goes_back = can_go_back(file);
+    file->write_pos = written;
+    if (goes_back) store_be32(header.data() + moov_type, fourcc("free"));
+    if (!write(bytes.subspan(moov_type))) return kFellShort;
+    if (!std::all_of(runs.begin(), runs.end(), write_run)) return kFellShort;
+    if (!goes_back) return 0;
+    return patch(file, static_cast<uint32_t>(moov_type), fourcc("moov")) ? 0 : kFellShort;
+}
+
 int write_queued(iso_file* file) {
     std::vector<PlannedRun> runs;
     uint64_t media = 0;
     const int planned = plan(file, runs, media);
     if (planned != 0) return planned;
     std::vector<uint8_t> header;
-    const int made = make_header(file, media, header);
+    size_t moov_type = 0;
+    const int made = make_header(file, media, header, moov_type);
     if (made != 0) return made;
     if (!rewind_spools(file)) return kFellShort;
-    if (!write_stream(file, header.data(), static_cast<uint32_t>(header.size()))) return kFellShort;
-    return std::all_of(runs.begin(), runs.end(), write_run) ? 0 : kFellShort;
+    return write_parts(file, header, moov_type, runs);
 }
 
 // The times of the movie header.
@@ -326,7 +380,7 @@ int take_sample(iso_track* track, const void* data, uint32_t size, uint32_t dura
     if (frame == nullptr) return kNoMemory;
     frame->duration = duration;
     frame->cts_offset = cts_offset;
-    if (file->direct_write) {
+    if (is_direct(file)) {
         const int flushed = flush_frame(track, data, frame);
         if (flushed < 0) return flushed;
     } else if (track->spool != nullptr && !spool_sample(track, data, size)) {
@@ -359,11 +413,26 @@ int finalise(iso_file* file) try {
     if (file->finalised) return kFellShort;
     file->finalised = 1;
     settle_movie(file);
-    if (!file->direct_write) return write_queued(file);
+    if (!is_direct(file)) return write_queued(file);
     if (!begin_direct(file)) return kFellShort;
     return finish_direct(file, static_cast<uint32_t>(write_ftyp(kCountPass, {}, file)));
 } catch (const std::exception&) {  // no memory, or more than a vector can hold
     return kNoMemory;
+}
+
+int check_open(const iso_track* track) {
+    if (track->file->finalised) return kFellShort;
+    return track->closed ? kTrackClosed : 0;
+}
+
+int write_sample(iso_track* track, std::span<const uint8_t> sample, uint32_t duration,
+                 int32_t cts_offset) {
+    const auto size = static_cast<uint32_t>(sample.size());
+    int refused = check_open(track);
+    if (refused == 0) refused = check_limits(track, size, duration);
+    if (refused == 0 && is_direct(track->file)) refused = begin_flush(track);
+    if (refused != 0) return refused;
+    return take_sample(track, sample.data(), size, duration, cts_offset);
 }
 
 TrackAttempt::TrackAttempt(iso_file* file) : file_(file) {
@@ -405,6 +474,8 @@ iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, u
                             uint32_t height, uint32_t entry_bytes) {
     constexpr uint32_t kScreenResolution = 0x00480000;  // 72 dots per inch
     constexpr uint32_t kColourDepth = 24;
+    const bool has_picture = width - 1 < UINT16_MAX && height - 1 < UINT16_MAX;
+    if (timescale == 0 || !has_picture) return nullptr;
     iso_track* track = new_media_track(file, codec, timescale, entry_bytes);
     if (track == nullptr) return nullptr;
     file->has_visual = 1;
@@ -426,6 +497,7 @@ using namespace kestrel;
 int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
     constexpr size_t kCodeAndBlank = 5;
     if (file == nullptr || brands == nullptr) return -1;
+    if (!file->write_mode) return -1;
     if (file->write_pos != 0) return -1;  // `ftyp` stands in the file already
     const size_t length = std::strlen(brands) + 1;
     if (length < kCodeAndBlank || length % kCodeAndBlank != 0) return -1;
@@ -440,19 +512,13 @@ int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
 }
 
 int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_offset) try {
-    if (track == nullptr || size < 0 || (data == nullptr && size > 0)) return kBadArgument;
-    iso_file* file = track->file;
-    if (!file->write_mode) return kBadArgument;
-    if (file->finalised) return kFellShort;
-    if (track->closed) return kTrackClosed;
-    const uint32_t units = duration == 0 ? track->frame_default : static_cast<uint32_t>(duration);
-    const int limited = check_limits(track, static_cast<uint32_t>(size), units);
-    if (limited != 0) return limited;
-    if (file->direct_write) {
-        const int refused = begin_flush(track);
-        if (refused != 0) return refused;
+    if (track == nullptr || size < 0 || duration < 0 || (data == nullptr && size > 0) ||
+        !track->file->write_mode) {
+        return kBadArgument;
     }
-    return take_sample(track, data, static_cast<uint32_t>(size), units, cts_offset);
+    const uint32_t units = duration == 0 ? track->frame_default : static_cast<uint32_t>(duration);
+    return write_sample(track, {static_cast<const uint8_t*>(data), static_cast<size_t>(size)},
+                        units, cts_offset);
 } catch (const std::bad_alloc&) {
     return kNoMemory;
 }

@@ -235,7 +235,7 @@ void put_value_box(BoxBody& box, const char* type, uint32_t value) {
 uint64_t write_hint_entry(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     const bool is_srtp = track->codec == ISO_CODEC_SRTP;
     BoxBody box(pass, to, is_srtp ? "srtp" : "rtp ");
-    begin_entry(box, track);
+    if (begin_entry(box, track)) return box.finish();
     box.u16(track->rtp_hint_version != 0 ? track->rtp_hint_version : 1);
     box.u16(track->rtp_highest_compat != 0 ? track->rtp_highest_compat : 1);
     box.u32(track->rtp_max_packet);

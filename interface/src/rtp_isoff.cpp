@@ -9,6 +9,17 @@
 
 // RTP hint tracks for the writer (ISO/IEC 14496-12, 9.1): the track with its SDP, and its samples.
 
+namespace kestrel {
+
+// A hint sample that was written.
+struct SentSample {
+    uint64_t time;   // RTP units
+    uint64_t bytes;  // of its packets
+    SentSample* next;
+};
+
+}  // namespace kestrel
+
 // What a hint track that is being written knows of its media track. Lives in the arena.
 struct iso_hinter {
     iso_track* media;
@@ -17,6 +28,11 @@ struct iso_hinter {
     uint16_t sequence;       // of the next packet
     uint64_t media_time;     // of the next sample, media units
     uint64_t packets, bytes;
+    // Samples of the last second, for the highest bit rate; and records for those to come.
+    kestrel::SentSample* first_sent;
+    kestrel::SentSample* last_sent;
+    kestrel::SentSample* spare;
+    uint64_t sent_bytes;  // of the last second
 };
 
 namespace kestrel {
@@ -26,6 +42,7 @@ constexpr uint32_t kVideoClock = 90000;
 constexpr int kLeastPacket = 64;
 constexpr int kMostPacket = 65535;
 constexpr int kLastPayloadType = 127;
+constexpr int kNoMemory = -2;
 constexpr int kCannotBeCut = -3;
 constexpr int kTooLong = -7;
 
@@ -40,9 +57,15 @@ uint32_t clock_of(const iso_track* media) {
 }
 
 bool can_be_hinted(const iso_track* media) {
-    const bool is_video = media->codec == ISO_CODEC_S263 || media->codec == ISO_CODEC_MP4V ||
-                          media->codec == ISO_CODEC_AVC1;
-    return media->timescale != 0 && (is_speech(media) || is_video);
+    if (media->timescale == 0) return false;
+    switch (media->codec) {
+        case ISO_CODEC_AVC1:
+            return media->dsi_length != 0 && media->nal_length_size != 0;
+        case ISO_CODEC_MP4V:
+            return media->dsi_length != 0;
+        default:
+            return is_speech(media) || media->codec == ISO_CODEC_S263;
+    }
 }
 
 // --- SDP (RFC 4566 and the payload formats' media types) ---
@@ -71,7 +94,8 @@ std::string base64(std::span<const uint8_t> bytes) {
     return text;
 }
 
-// The parameter sets of an `avcC` record, separated by commas (RFC 6184, 8.1).
+// The parameter sets of an `avcC` record, separated by commas (RFC 6184, 8.1); nothing where all of
+// them are in the stream.
 std::string sprop_parameter_sets(const iso_track* media) {
     constexpr size_t kFixedPart = 5;
     ByteReader reader({media->dsi, media->dsi_length});
@@ -83,7 +107,7 @@ std::string sprop_parameter_sets(const iso_track* media) {
             sets += base64(reader.take(reader.be16()));
         }
     }
-    return sets;
+    return sets.empty() ? "" : "; sprop-parameter-sets=" + sets;
 }
 
 struct MediaType {
@@ -103,10 +127,9 @@ MediaType media_type_of(const iso_track* media, const iso_hinter* hinter) {
             return {"H263-2000", "profile=" + std::to_string(media->profile) +
                                      "; level=" + std::to_string(media->level)};
         case ISO_CODEC_AVC1:
-            return {
-                "H264",
-                "profile-level-id=" + (dsi.size() >= 4 ? hex(dsi.subspan(1, 3)) : "42000A") +
-                    "; packetization-mode=1; sprop-parameter-sets=" + sprop_parameter_sets(media)};
+            return {"H264",
+                    "profile-level-id=" + (dsi.size() >= 4 ? hex(dsi.subspan(1, 3)) : "42000A") +
+                        "; packetization-mode=1" + sprop_parameter_sets(media)};
         default:
             return {"MP4V-ES",
                     "profile-level-id=" + std::to_string(media->level) + "; config=" + hex(dsi)};
@@ -169,6 +192,42 @@ bool plan_packets(const iso_track* hint, std::span<const uint8_t> sample, HintPa
         return packets_of_units(sample, media->nal_length_size, most, packets);
     }
     return packets_of_picture(sample, hinter->payload, most, hinter->source_format, packets);
+}
+
+// --- bit rates ---
+
+uint32_t bits_per_second(uint64_t bytes, uint64_t units, uint32_t timescale) {
+    const double rate = 8.0 * static_cast<double>(bytes) * timescale / static_cast<double>(units);
+    return static_cast<uint32_t>(std::min(rate, static_cast<double>(UINT32_MAX)));
+}
+
+// A record for the next sample, in place of that of one which is a second old, so that they do not
+// pile up in the arena. Null without memory.
+SentSample* take_record(iso_track* hint) {
+    iso_hinter* hinter = hint->hinter;
+    while (hinter->first_sent != nullptr &&
+           hinter->first_sent->time + hint->timescale <= hint->duration) {
+        SentSample* old = hinter->first_sent;
+        hinter->first_sent = old->next;
+        hinter->sent_bytes -= old->bytes;
+        old->next = hinter->spare;
+        hinter->spare = old;
+    }
+    if (hinter->spare == nullptr) hinter->spare = arena_array<SentSample>(hint->file, 1);
+    return hinter->spare;
+}
+
+// Counts a sample that was written into the rates, with the record that was taken for it.
+void count_rates(iso_track* hint, SentSample* sent, uint64_t time, uint64_t bytes) {
+    iso_hinter* hinter = hint->hinter;
+    hinter->spare = sent->next;
+    *sent = {time, bytes, nullptr};
+    (hinter->first_sent == nullptr ? hinter->first_sent : hinter->last_sent->next) = sent;
+    hinter->last_sent = sent;
+    hinter->sent_bytes += bytes;
+    hint->max_bitrate = std::max(hint->max_bitrate, bits_per_second(hinter->sent_bytes, 1, 1));
+    hint->avg_bitrate =
+        hint->duration == 0 ? 0 : bits_per_second(hinter->bytes, hint->duration, hint->timescale);
 }
 
 void count_packets(iso_track* hint, const HintPackets& packets) {
@@ -237,9 +296,12 @@ iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet, int 
 
 int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
                    int cts_offset) try {
-    if (hint == nullptr || hint->hinter == nullptr || size < 0 || (sample == nullptr && size > 0)) {
+    if (hint == nullptr || hint->hinter == nullptr || size < 0 || duration < 0 ||
+        (sample == nullptr && size > 0)) {
         return -1;
     }
+    const int refused = check_open(hint);
+    if (refused != 0) return refused;
     HintPackets packets;
     const std::span bytes(static_cast<const uint8_t*>(sample), static_cast<size_t>(size));
     if (!plan_packets(hint, bytes, packets)) return kCannotBeCut;
@@ -247,7 +309,10 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
     if (packets.empty()) packets.emplace_back();
     const auto units = static_cast<uint32_t>(duration);
     const int64_t rtp_units = rtp_duration(hint, units);
-    if (rtp_units > UINT32_MAX) return kTooLong;
+    if (rtp_units > UINT32_MAX) {
+        hint->closed = 1;
+        return kTooLong;
+    }
     // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
     const auto begin = static_cast<int64_t>(hint->hinter->media_time);
     const int64_t composition = rescale(begin + cts_offset, hint) - rescale(begin, hint);
@@ -256,13 +321,16 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
         {static_cast<uint8_t>(hint->last_payload_type), hint->hinter->sequence,
          static_cast<uint32_t>(hint->sample_count) + 1, static_cast<int32_t>(composition)});
     if (hint_sample.empty() || hint_sample.size() > INT32_MAX) return kCannotBeCut;
-    hint->frame_default = 0;  // a time that rounds to nothing is nothing
-    const int written = isoFFwrite(hint, hint_sample.data(), static_cast<int>(hint_sample.size()),
-                                   static_cast<int>(static_cast<uint32_t>(rtp_units)), 0);
+    SentSample* sent = take_record(hint);
+    if (sent == nullptr) return kNoMemory;
+    const uint64_t time = hint->duration;
+    const uint64_t bytes_before = hint->hinter->bytes;
+    const int written = write_sample(hint, hint_sample, static_cast<uint32_t>(rtp_units), 0);
     if (written < 0) return written;
     count_packets(hint, packets);
+    count_rates(hint, sent, time, hint->hinter->bytes - bytes_before);
     hint->hinter->media_time += units;
     return written;
 } catch (const std::exception&) {  // no memory, or more than a vector can hold
-    return -2;
+    return kNoMemory;
 }
