@@ -6,6 +6,7 @@
 #include "tools/commands.h"
 #include "tools/output_stream.h"
 #include "tools/support.h"
+#include "tools/verdict.h"
 
 // Copies a file and adds an RTP hint track for each medium that has a payload format.
 
@@ -26,10 +27,6 @@ struct Options {
     bool rfc2190 = false;
     bool replace = false;
 };
-
-bool is_hint(const iso_track* track) {
-    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
-}
 
 bool has_payload_format(const iso_track* track) {
     static constexpr std::array kCodecs = {ISO_CODEC_MP4V, ISO_CODEC_S263, ISO_CODEC_SAMR,
