@@ -12,7 +12,9 @@ namespace {
 constexpr double kWide = 1000;  // of every drawing, in its own units
 constexpr double kHigh = 100;
 constexpr uint32_t kLongestAccepted = 1400;  // bytes of a packet that the function road takes
-constexpr size_t kBarsApart = 80;            // so many bars at most stand apart
+constexpr char kBarsTold[] = "; full colour: the mean, pale: the most";
+constexpr double kLabelled = 0.97;  // of the height; the title stands above
+constexpr size_t kBarsApart = 80;   // so many bars at most stand apart
 
 // The largest of 1, 2 and 5 times a power of ten that is not above `value`.
 double nice_below(double value) {
@@ -61,6 +63,7 @@ class Figure {
     void add_marks() {
         for (double at = scale_.step; at < scale_.top; at += scale_.step) {
             add_line("grid", scale_.y(at), kWide);
+            if (at > scale_.top * kLabelled) continue;
             html_ += format("<span class=\"y\" style=\"bottom:%.1f%%\">", kHigh - scale_.y(at)) +
                      mark_text(at, scale_) + "</span>";
         }
@@ -97,7 +100,7 @@ std::string show_range(const Range& range, const char* unit) {
     return range.least == range.most ? most : show_count(range.least) + " to " + most;
 }
 
-// A bar for each column that has values: its top at the largest, and faint from the smallest up.
+// A bar for each column that has values: up to their mean, and paler up to the largest.
 std::string bars(const std::vector<Range>& columns, const Grid& grid, const Scale& scale,
                  const char* unit, uint32_t limit) {
     std::string out;
@@ -109,20 +112,21 @@ std::string bars(const std::vector<Range>& columns, const Grid& grid, const Scal
         const double width = grid.column * share;
         const std::string text = show_range(range, unit) + " at " + grid.when(i);
         const double top = scale.y(range.most);
-        const double middle = scale.y(range.least);
-        const bool over = limit > 0 && range.most > limit;
-        if (middle > top) {
-            out += rect(over ? "bar over faint" : "bar faint", x, width, top, middle - top, text);
+        const double middle = scale.y(range.mean());
+        const std::string kind = limit > 0 && range.most > limit ? "bar over" : "bar";
+        if (range.least < range.most) {
+            out += rect((kind + " faint").c_str(), x, width, top, middle - top, text);
         }
-        out += rect(over && middle <= top ? "bar over" : "bar", x, width, middle, kHigh - middle,
-                    text);
+        out += rect(kind.c_str(), x, width, middle, kHigh - middle, text);
     }
+    if (columns.size() > kBarsApart) return "<g class=\"dense\">" + out + "</g>";
     return out;
 }
 
 }  // namespace
 
 std::string clock_text(double seconds, double total) {
+    if (seconds <= 0) return "0";
     if (total < 5) return format("%.1f s", seconds);
     if (total < 120) return format("%.0f s", seconds);
     const auto whole = static_cast<unsigned long long>(std::llround(seconds));
@@ -231,6 +235,7 @@ std::string packet_size_chart(const TrackFigures& figures, double total) {
     std::string told = show_count(packets.packets) +
                        (packets.packets == 1 ? " packet of " : " packets of ") +
                        show_range(packets.sizes, " bytes");
+    if (packets.sizes.least < packets.sizes.most) told += kBarsTold;
     if (limit) told += "; dashed: the 1,400 that the function road accepts";
     Figure figure("Packet sizes, bytes", told, "", scale);
     figure.add_marks();
@@ -279,11 +284,7 @@ std::string edit_strip(const iso_track* track, uint32_t movie_timescale) {
         const double x = total > 0 ? at / total * kWide : 0;
         const double width = total > 0 ? length(i) / total * kWide : kWide;
         if (empty) {
-            shapes += format(
-                          "<rect x=\"%.2f\" y=\"0\" width=\"%.2f\" height=\"100\" "
-                          "style=\"fill:url(#wait)\"><title>",
-                          x, width) +
-                      text + "</title></rect>";
+            shapes += rect("wait", x, width, 0, kHigh, text);
         } else {
             shapes += rect("", x, std::max(width - 2, 1.0), 0, kHigh, text);
         }

@@ -289,19 +289,23 @@ void gather_track(ReportData& data, iso_track* track) {
     data.tracks.push_back(std::move(figures));
 }
 
+// Where data is missing, packets cannot be made; that is told once.
 void tell_problems(ReportData& data) {
-    for (const TrackFigures& figures : data.tracks) {
+    const auto tell = [&](const TrackFigures& figures, const std::string& what) {
         const iso_track* track = figures.track;
-        const std::string name = format("Track %u (%s)", track->track_id, codec_name(track->codec));
-        if (figures.outside.chunks > 0) {
-            data.problems.push_back(name + ": " + show_count(figures.outside.chunks) + " of " +
-                                    show_count(static_cast<uint32_t>(track->chunk_count)) +
-                                    " chunks reach behind the end of the file; " +
-                                    show_bytes(figures.outside.bytes) + " are missing.");
-        }
-        if (!figures.packets.damage.empty()) {
-            data.problems.push_back(name + ": " + figures.packets.damage);
-        }
+        data.problems.push_back(
+            format("Track %u (%s): ", track->track_id, codec_name(track->codec)) + what);
+    };
+    for (const TrackFigures& figures : data.tracks) {
+        if (figures.outside.chunks == 0) continue;
+        tell(figures, show_count(figures.outside.chunks) + " of " +
+                          show_count(static_cast<uint32_t>(figures.track->chunk_count)) +
+                          " chunks reach behind the end of the file; " +
+                          show_bytes(figures.outside.bytes) + " are missing.");
+    }
+    if (!data.problems.empty()) return;
+    for (const TrackFigures& figures : data.tracks) {
+        if (!figures.packets.damage.empty()) tell(figures, figures.packets.damage);
     }
 }
 
@@ -310,6 +314,7 @@ void tell_problems(ReportData& data) {
 void Range::add(uint32_t value) {
     least = count == 0 ? value : std::min(least, value);
     most = std::max(most, value);
+    sum += value;
     ++count;
 }
 

@@ -26,11 +26,13 @@ struct MapPiece {
     double share = 1;  // of the bytes there
 };
 
-// Smallest and largest of the values that fell into one column of time; count 0 for none.
+// The values that fell into one column of time.
 struct Range {
     uint32_t count = 0, least = 0, most = 0;
+    uint64_t sum = 0;
 
     void add(uint32_t value);
+    double mean() const { return count == 0 ? 0.0 : static_cast<double>(sum) / count; }
 };
 
 struct PacketFigures {

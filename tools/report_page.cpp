@@ -25,14 +25,6 @@ constexpr char kCross[] =
     "r=\"9\" fill=\"currentColor\" fill-opacity=\".18\"/><path d=\"M6.5 6.5l7 7m0-7l-7 7\" "
     "fill=\"none\" stroke=\"currentColor\" stroke-width=\"2\"/></svg>";
 
-constexpr char kPatterns[] =
-    "<svg width=\"0\" height=\"0\" style=\"position:absolute\" aria-hidden=\"true\"><defs>"
-    "<pattern id=\"gone\" width=\"8\" height=\"8\" patternUnits=\"userSpaceOnUse\" "
-    "patternTransform=\"rotate(45)\"><line class=\"hatch\" x1=\"0\" x2=\"0\" y1=\"0\" y2=\"8\"/>"
-    "</pattern><pattern id=\"wait\" width=\"10\" height=\"10\" patternUnits=\"userSpaceOnUse\" "
-    "patternTransform=\"rotate(45)\"><line class=\"wait\" x1=\"0\" x2=\"0\" y1=\"0\" y2=\"10\"/>"
-    "</pattern></defs></svg>\n";
-
 const char* kind_of(const iso_track* track) {
     if (is_hint(track)) return "hint";
     if (is_of(track, Medium::kVideo)) return "video";
@@ -104,7 +96,7 @@ class Page {
             "<meta http-equiv=\"Content-Security-Policy\" "
             "content=\"default-src 'none'; style-src 'unsafe-inline'\"/><title>" +
             escape(name_) + " – Kestrel report</title><style>" + kReportStyle +
-            "</style></head><body>" + kPatterns + "<main>";
+            "</style></head><body><main>";
     }
 
     // --- at a glance ---
@@ -205,7 +197,8 @@ class Page {
                 "</span></div>";
         if (!verdict.plays()) {
             out_ += "<p>" + escape(verdict.why) +
-                    format(" <span class=\"muted\">Status %d.</span>", verdict.status) + "</p>";
+                    format(" <span class=\"muted\">Status&#160;%d.</span>", verdict.status) +
+                    "</p>";
         }
         if (!verdict.mend.empty()) {
             const bool sure = verdict.reason == Reason::kNoHintTrack;
@@ -251,11 +244,7 @@ class Page {
     }
 
     std::string missing(const std::string& text) const {
-        return format(
-                   "<rect x=\"%.1f\" y=\"0\" width=\"%.1f\" height=\"100\" "
-                   "style=\"fill:url(#gone)\"><title>",
-                   kWide - gone_, gone_) +
-               escape(text) + "</title></rect>";
+        return rect("gone", kWide - gone_, gone_, 0, 100, text);
     }
 
     static const char* kind_of_box(const TopBox& box) {
@@ -278,14 +267,6 @@ class Page {
             const double x = place(static_cast<double>(box.offset));
             const double width = place(static_cast<double>(end)) - x;
             if (box.cut) missing_bytes = box.offset + box.size - size;
-            if (box.broken) {
-                shapes += format(
-                              "<rect x=\"%.2f\" y=\"0\" width=\"%.2f\" height=\"100\" "
-                              "style=\"fill:url(#gone)\"><title>",
-                              x, std::max(width, kThinnest)) +
-                          escape(about(box)) + "</title></rect>";
-                continue;
-            }
             shapes += rect(kind_of_box(box), x, std::max(width - 1, kThinnest), 0, 100, about(box));
         }
         if (missing_bytes > 0) shapes += missing(show_bytes(missing_bytes) + " missing");
@@ -320,7 +301,13 @@ class Page {
         out_ +=
             "<section><h2>Where the bytes are</h2><p class=\"note\">The file from its first "
             "byte to its last: the boxes, and below them the chunks of each track.";
-        if (gone_ > 0) out_ += " What stands hatched at the right is missing.";
+        if (gone_ > 0) out_ += " What is red at the right is missing.";
+        const bool shared =
+            std::any_of(data_.tracks.begin(), data_.tracks.end(), [](const TrackFigures& track) {
+                return std::any_of(track.map.begin(), track.map.end(),
+                                   [](const MapPiece& piece) { return piece.share < 1; });
+            });
+        if (shared) out_ += " A track is the paler, the fewer of the bytes there are its own.";
         out_ += "</p>";
         add_box_row();
         for (const TrackFigures& figures : data_.tracks)
@@ -355,10 +342,10 @@ class Page {
                         " samples of " +
                         fact("", figures.sizes.least == figures.sizes.most
                                      ? show_bytes(figures.sizes.most)
-                                     : show_count(figures.sizes.least) + " to " +
+                                     : show_bytes(figures.sizes.least) + " to " +
                                            show_bytes(figures.sizes.most)));
-        facts.push_back(fact("", show_count(static_cast<uint32_t>(track->chunk_count))) +
-                        " chunks");
+        const auto chunks = static_cast<uint32_t>(track->chunk_count);
+        facts.push_back(fact("", show_count(chunks)) + (chunks == 1 ? " chunk" : " chunks"));
         facts.push_back("clock " + fact("", show_count(track->timescale)) + " Hz");
         if (!figures.has_sync_table && is_of(track, Medium::kVideo)) {
             facts.push_back("every sample is a sync sample");
@@ -380,7 +367,7 @@ class Page {
         out_ +=
             format("<div class=\"under hint\"><h3>%s <span class=\"muted\">track %u</span></h3>",
                    codec_name(track->codec), track->track_id);
-        std::string line = "tells of packets of at most " +
+        std::string line = "announces packets of at most " +
                            fact("", show_count(track->rtp_max_packet)) + " bytes · clock " +
                            fact("", show_count(track->rtp_timescale)) + " Hz · " +
                            fact("", show_bytes(track->total_bytes)) + " of hints";

@@ -44,7 +44,7 @@ p { margin: 0; }
   padding: 10px 14px; }
 dt { color: var(--muted); font-size: 12px; }
 dd { margin: 0; font-size: 18px; font-weight: 600; overflow-wrap: anywhere; }
-dd small { font-size: 12px; font-weight: 400; color: var(--muted); }
+dd small { display: block; font-size: 12px; font-weight: 400; color: var(--muted); }
 section { background: var(--card); border: 1px solid var(--line); border-radius: 12px;
   padding: 18px 20px 20px; margin-top: 16px; }
 section > .note { margin-bottom: 14px; }
@@ -109,8 +109,9 @@ figcaption b { font-weight: 600; } figcaption span { color: var(--muted); }
 .bar { fill: var(--hue); } .bar.faint { fill-opacity: .35; } .bar.over { fill: var(--bad); }
 .hover { fill: var(--hue); fill-opacity: 0; } .hover:hover { fill-opacity: .18; }
 .bar:hover, .strip rect:hover { filter: brightness(1.25); }
-.hatch { stroke: var(--bad); stroke-width: 3; }
-.wait { stroke: var(--muted); stroke-width: 2; }
+.strip .gone { fill: var(--bad); fill-opacity: .38; }
+.strip .wait { fill: var(--muted); fill-opacity: .3; }
+.dense { shape-rendering: crispEdges; }
 .track-axis { margin: 3px 0 0 44px; }
 .under { border-top: 1px dashed var(--line); margin-top: 20px; padding-top: 14px; }
 .under h3::before { content: ""; display: inline-block; width: 9px; height: 9px;

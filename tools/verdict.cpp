@@ -141,7 +141,6 @@ bool has_hints(const iso_file* file) {
 Reason reason_of(const Trial& trial, Road road, const iso_track* track) {
     if (!trial.answered) return Reason::kEndsProcess;
     if (trial.opened && trial.status == KST_SUCCESS) return Reason::kPlays;
-    if (trial.status == KST_NOT_YET) return Reason::kIncomplete;
     if (trial.opened) return Reason::kDamaged;
     if (track == nullptr) return Reason::kNoTrack;
     if (!plays_codec(road, track->codec)) return Reason::kCodec;
@@ -153,6 +152,27 @@ Reason reason_of(const Trial& trial, Road road, const iso_track* track) {
         default:
             return Reason::kDamaged;
     }
+}
+
+bool is_whole(const iso_track* track, uint32_t size) {
+    return outside_file(track, size).chunks == 0;
+}
+
+// What is copied for new hints.
+bool media_is_whole(const iso_file* file, uint32_t size) {
+    const iso_track* track = file->first_track;
+    while (track != nullptr && (is_hint(track) || is_whole(track, size)))
+        track = track->next;
+    return track == nullptr;
+}
+
+// True when what was found damaged lacks data that the tables place behind the end.
+bool lacks_data(const Verdict& verdict, const iso_file* file, const iso_track* track,
+                uint32_t size) {
+    if (verdict.status == KST_NOT_YET) return true;
+    if (track == nullptr) return false;
+    const iso_track* hint = hint_track_of(file, track);
+    return !is_whole(track, size) || (hint != nullptr && !is_whole(hint, size));
 }
 
 std::string why(const Verdict& verdict, const iso_track* track) {
@@ -174,7 +194,9 @@ std::string why(const Verdict& verdict, const iso_track* track) {
             return "The file has several " + medium +
                    " tracks, and this road plays a file with one.";
         case Reason::kIncomplete:
-            return "The file ends before its " + medium + " does: get the whole file.";
+            return verdict.mend.empty()
+                       ? "The file ends before its " + medium + " does: get the whole file."
+                       : "The " + medium + " is whole, but its RTP hints are not.";
         case Reason::kDamaged:
             return verdict.opens ? "It stops at damaged data after " +
                                        std::to_string(verdict.delivered) + " bytes of stream."
@@ -188,15 +210,16 @@ std::string why(const Verdict& verdict, const iso_track* track) {
 
 std::string mend(const Verdict& verdict, const iso_file* file, const iso_track* track,
                  uint32_t size) {
-    // A file with hint tracks, even of no use, is hinted anew only when asked to.
-    if (verdict.reason == Reason::kNoHintTrack) return has_hints(file) ? "hint --replace" : "hint";
-    // What fails with the media whole fails for its hints.
-    const bool stops = verdict.opens && !verdict.plays();
-    if (stops && track != nullptr && hint_track_of(file, track) != nullptr &&
-        outside_file(track, size).chunks == 0) {
-        return "hint --replace";
+    const bool fails = verdict.reason == Reason::kNoHintTrack ||
+                       verdict.reason == Reason::kDamaged || verdict.reason == Reason::kIncomplete;
+    if (!fails || track == nullptr || track->sample_count == 0 || !media_is_whole(file, size)) {
+        return "";
     }
-    return "";
+    // With the media whole, new hints play. The class road also minds all other boxes, which are
+    // made anew with them. A file that has hints, even of no use, is hinted anew only when asked
+    // to.
+    if (verdict.road == Road::kClass) return has_hints(file) ? "hint --replace" : "hint";
+    return verdict.opens && hint_track_of(file, track) != nullptr ? "hint --replace" : "";
 }
 
 std::string quoted(const std::string& text) {
@@ -303,8 +326,12 @@ Verdict judge(kst_host* host, const iso_file* file, Road road, Medium medium) {
     verdict.status = trial.status;
     verdict.opens = trial.opened;
     verdict.delivered = trial.delivered;
+    const uint32_t size = kst_host_bytes_available(host);
+    if (verdict.reason == Reason::kDamaged && lacks_data(verdict, file, track, size)) {
+        verdict.reason = Reason::kIncomplete;
+    }
+    verdict.mend = mend(verdict, file, track, size);
     verdict.why = why(verdict, track);
-    verdict.mend = mend(verdict, file, track, kst_host_bytes_available(host));
     return verdict;
 }
 
