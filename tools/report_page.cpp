@@ -113,24 +113,32 @@ class Page {
         });
     }
 
+    // Plays in part at least.
+    bool begins(Medium medium) const {
+        return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
+            return verdict->medium == medium && verdict->opens && verdict->delivered > 0;
+        });
+    }
+
     std::string headline(Tone& tone) const {
         tone = Tone::kPoor;
         if (!data_.scan.is_3gp()) return "This is no 3GP file";
         if (present_.empty()) return "There is no audio and no video here";
         std::string silent;
-        bool everywhere = true, function = true;
+        bool everywhere = true, function = true, begins = false;
         for (const Medium medium : kMedia) {
             if (!has_medium(data_.file.get(), medium)) continue;
             const bool here = plays(medium, Road::kFunction), there = plays(medium, Road::kClass);
-            if (!here && !there)
-                silent += (silent.empty() ? "" : " and ") + std::string(word(medium));
             everywhere = everywhere && here && there;
             function = function && here;
+            if (here || there) continue;
+            silent += (silent.empty() ? "" : " nor ") + std::string(word(medium));
+            begins = begins || this->begins(medium);
         }
         if (!silent.empty()) {
-            const bool both = silent.size() > std::strlen(word(Medium::kAudio));
-            return (both ? "Neither audio nor video plays" : "Its " + silent + " does not play") +
-                   std::string(" to the end");
+            const bool both = silent.find(' ') != std::string::npos;
+            return (both ? "Neither " + silent + " plays" : "Its " + silent + " does not play") +
+                   (begins ? " to the end" : "");
         }
         tone = everywhere ? Tone::kGood : Tone::kFair;
         return everywhere ? "Plays on both roads"
