@@ -220,7 +220,7 @@ class Page {
     void add_verdicts() {
         out_ +=
             "<section><h2>Does it play?</h2><p class=\"note\">The library has two ways in. Each "
-            "was opened and played to the end of the medium.</p>";
+            "is tried: opened, and played to the end of the medium.</p>";
         for (const Medium medium : kMedia) {
             if (!has_medium(data_.file.get(), medium)) continue;
             out_ += format("<div class=\"medium %s\"><h3>%s</h3><div class=\"pair\">", word(medium),

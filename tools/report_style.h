@@ -126,7 +126,7 @@ footer { margin-top: 22px; text-align: center; color: var(--muted); font-size: 1
   section { padding: 14px 14px 16px; } .pair { grid-template-columns: 1fr; gap: 8px; }
   .row { grid-template-columns: 1fr; gap: 3px; margin-top: 9px; } .wide { display: none; }
   .tiles { grid-template-columns: 1fr 1fr; gap: 8px; } dd { font-size: 16px; }
-  .plot, .track-axis { margin-left: 36px; }
+  .plot, .track-axis { margin-left: 36px; } .road .name { margin-left: 0; width: 100%; }
 }
 @media print { body { background: #fff; } section { break-inside: avoid; } }
 )css";
