@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -85,7 +87,7 @@ class Checker {
 
     void print(const char* medium, const char* function, const char* by_class, const char* mend,
                const std::string& file) {
-        progress_.clear();
+        if (lines_are_seen_) progress_.clear();
         std::printf("%s\t%s\t%s\t%s\t%s\n", medium, function, by_class, mend,
                     on_one_line(file).c_str());
     }
@@ -154,6 +156,7 @@ class Checker {
     size_t done_ = 0;
     size_t failed_ = 0;
     Progress progress_;
+    const bool lines_are_seen_ = isatty(STDOUT_FILENO) != 0;
 };
 
 }  // namespace
