@@ -1,12 +1,15 @@
 """The command-line tool as a person meets it: commands, outputs, messages and exit codes."""
 
 import hashlib
+import html.parser
 import itertools
 import json
 import os
 import pathlib
+import random
 import re
 import resource
+import shlex
 import shutil
 import signal
 import struct
@@ -14,6 +17,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import xml.etree.ElementTree
 
 TOOL = os.environ["KESTREL_TOOL"]
 SAMPLES = pathlib.Path(os.environ["KESTREL_SAMPLES"])
@@ -284,7 +288,8 @@ class Usage(ToolTest):
 
     def test_help_names_every_command(self):
         text = run("--help").stdout.decode()
-        for command in ["extract", "info", "inspect", "unpack", "packets", "boxes"]:
+        for command in ["extract", "info", "inspect", "unpack", "packets", "boxes", "report",
+                        "check"]:
             self.assertIn(command, text)
             self.assertEqual(run(command, "--help").returncode, 0)
         self.assertRegex(run("--version").stdout.decode(), r"^kestrel \d+\.\d+\.\d+\n$")
@@ -961,6 +966,428 @@ class Inspect(ToolTest):
         self.assert_fails(result, 1, "kept what came before")
         truth = (SAMPLES / "truth" / "amrnb.amr").read_bytes()
         self.assertEqual(result.stdout, truth[: 6 + 3 * 32])
+
+
+CONTAINERS = (b"moov", b"trak", b"mdia", b"minf", b"stbl")
+
+
+def rebuilt(data, changes):
+    """The boxes with the bodies of some types replaced (None leaves the box out)."""
+    out, at = b"", 0
+    while at + 8 <= len(data):
+        size, kind = int.from_bytes(data[at:at + 4], "big"), data[at + 4:at + 8]
+        body = data[at + 8:at + size]
+        body = changes[kind] if kind in changes else body
+        if body is not None:
+            body = rebuilt(body, changes) if kind in CONTAINERS else body
+            out += struct.pack(">I4s", len(body) + 8, kind) + body
+        at += max(size, 8)
+    return out
+
+
+def speech_file(samples, together=50, stored=None):
+    """AMR of so many samples of 32 bytes, of which the file has `stored`."""
+    data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+    frame = boxes(data, [b"mdat"])[0][:32]
+    chunks = -(-samples // together)
+    changes = {b"mdat": None, b"free": None, b"edts": None,
+               b"stts": struct.pack(">4I", 0, 1, samples, 160),
+               b"stsz": struct.pack(">3I", 0, 32, samples),
+               b"stsc": struct.pack(">8I", 0, 2, 1, together, 1, chunks,
+                                    samples - together * (chunks - 1), 1)}
+    if chunks == 1:
+        changes[b"stsc"] = struct.pack(">5I", 0, 1, 1, samples, 1)
+    for begin in (0, None):  # the second time with the length known
+        begin = len(head) + 8 if begin is None else begin
+        changes[b"stco"] = struct.pack(f">2I{chunks}I", 0, chunks,
+                                       *(begin + 32 * together * i & 0xFFFFFFFF
+                                         for i in range(chunks)))
+        head = rebuilt(data, changes)
+    stored = samples if stored is None else stored
+    return head + struct.pack(">I4s", 32 * stored + 8, b"mdat") + frame * stored
+
+
+def foreign_mpeg4(name="mpeg4_hinted"):
+    """An MPEG-4 sample entry of another codec, which the class road ends the process for."""
+    data = bytearray(pathlib.Path(sample(name)).read_bytes())
+    at = data.index(b"esds")
+    kind = data.index(b"\x20\x11", at)
+    assert kind < at + 40
+    data[kind] = 0x6C
+    return bytes(data)
+
+
+def damaged_copies(count, seed=7):
+    """Samples with bytes changed, in the movie box or anywhere, or cut; the same at each run."""
+    chance = random.Random(seed)
+    paths = sorted(SAMPLES.glob("*.3gp"))
+    for number in range(count):
+        path = paths[number % len(paths)]
+        data = bytearray(path.read_bytes())
+        if number % 4 == 3:
+            data = data[:chance.randrange(len(data))]
+        else:
+            movie = data.index(b"moov")
+            near = (movie, min(movie + 5000, len(data))) if number % 4 else (0, len(data))
+            for _ in range(4):
+                data[chance.randrange(*near)] = chance.randrange(256)
+        yield f"{path.stem}, copy {number}", bytes(data)
+
+
+class Check(ToolTest):
+    def check(self, *arguments):
+        result = run("check", *arguments)
+        lines = result.stdout.decode(errors="surrogateescape").splitlines()
+        return result, [tuple(line.split("\t")) for line in lines]
+
+    def write(self, name, data):
+        path = self.scratch / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(data)
+        return path
+
+    def test_samples(self):
+        hinted, plain = ("plays", "plays", "-"), ("plays", "no-hint-track", "hint")
+        one_road, none = ("plays", "codec", "-"), ("codec", "codec", "-")
+        known = {"audio": {}, "video": {}}
+        for name in [*SPEECH, "av_h263_amrnb_hinted", "av_h264_amrwb_hinted", "aac_plain",
+                     "aac_hinted"]:
+            known["audio"][name] = (none if "aac" in name else one_road if "amrwb" in name else
+                                    plain if "plain" in name else hinted)
+        known["audio"]["two_amrnb_hinted"] = ("plays", "several-tracks", "-")
+        for name in [*VIDEO, "h263_rfc2190_hinted_1450"]:
+            known["video"][name] = (one_road if "h264" in name else plain if "plain" in name else
+                                    hinted)
+        known["video"]["h263_hinted_selfref"] = ("plays", "no-hint-track", "hint --replace")
+        result, rows = self.check(SAMPLES)
+        expected = [(medium, *known[medium][path.stem], str(path))
+                    for path in sorted(SAMPLES.glob("*.3gp")) for medium in ("audio", "video")
+                    if path.stem in known[medium]]
+        self.assertEqual(rows, expected)
+        self.assert_fails(result, 1, f"2 of {len(list(SAMPLES.glob('*.3gp')))} files do not play")
+        # With a road named, the other one is not judged.
+        for road, code, row in [("function", 0, ("audio", "plays", "-", "-")),
+                                ("class", 1, ("audio", "-", "no-hint-track", "hint"))]:
+            result, rows = self.check("--road", road, sample("amrnb_plain"))
+            self.assertEqual((result.returncode, rows), (code, [(*row, sample("amrnb_plain"))]))
+
+    def test_verdicts_are_what_extract_comes_to(self):
+        names = [(path.stem, path.read_bytes()) for path in sorted(SAMPLES.glob("*.3gp"))]
+        seen = set()
+        for name, data in [*names, *damaged_copies(90)]:
+            path = self.write("file.3gp", data)
+            result, rows = self.check(path)
+            self.assertIn(result.returncode, (0, 1), name)
+            self.assertGreaterEqual(len(rows), 1)
+            played = []
+            for row in rows:
+                seen.update(row[1:3])
+                if row[0] == "-":
+                    played.append(False)
+                    continue
+                roads = []
+                for road, word in zip(("function", "class"), row[1:3]):
+                    with self.subTest(name=name, road=road, row=row):
+                        out = run("extract", path, row[0][0] + "r", "--road", road)
+                        self.assertEqual(word == "plays", out.returncode == 0, out.stderr)
+                        roads.append(word == "plays")
+                played.append(any(roads))
+            self.assertEqual(result.returncode, 0 if all(played) else 1, name)
+        # The copies are damaged in many ways.
+        self.assertLessEqual({"plays", "codec", "incomplete", "damaged", "no-hint-track"}, seen)
+
+    def test_what_is_named_mends(self):
+        tail = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        self.assertEqual(boxes(tail, [b"free"])[-1:], [tail[-67:]])
+        files = {f"{name}.3gp": pathlib.Path(sample(name)).read_bytes()
+                 for name in [*PLAIN, "h263_hinted_selfref"]}
+        files["cut box.3gp"] = tail[:-5]
+        files["it's.3gp"] = rebuilt(tail, {})[:-5]
+        for name, data in files.items():
+            path = self.write(name, data)
+            _, rows = self.check(path)
+            for row in rows:
+                if row[3] == "-":
+                    continue
+                with self.subTest(name=name, row=row):
+                    self.assertNotEqual(row[2], "plays")
+                    # The command as info and report show it, through a shell.
+                    verdicts = json.loads(run("info", path, "--json").stdout)["verdicts"]
+                    shown = [v["mend"] for v in verdicts if v["medium"] == row[0] and "mend" in v]
+                    words = shlex.split(shown[0])
+                    self.assertEqual(words[0], "kestrel")
+                    out = self.scratch / "mended.3gp"
+                    mended = run(*[str(out) if word == "OUT" else word for word in words[1:]])
+                    self.assertEqual((mended.returncode, mended.stderr), (0, b""))
+                    after = {r[0]: r for r in self.check(out)[1]}
+                    self.assertEqual(after[row[0]][1:3], ("plays", "plays"))
+
+    def test_files_that_are_none(self):
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        movie = boxes(data, [b"moov"])[0]
+        cases = [
+            (b"", [("-", "not-3gp", "not-3gp", "-")]),
+            (b"no box in sight, but a text", [("-", "not-3gp", "not-3gp", "-")]),
+            (data[:28], [("-", "damaged", "damaged", "-")]),
+            (rebuilt(data, {b"trak": None}), [("-", "damaged", "damaged", "-")]),
+            # What a movie box has lost with its end is told beside what is left of it.
+            (data[:data.index(b"moov") + len(movie) // 3],
+             [("video", "incomplete", "incomplete", "-"), ("-", "damaged", "damaged", "-")]),
+        ]
+        for content, expected in cases:
+            with self.subTest(expected=expected, size=len(content)):
+                result, rows = self.check(self.write("file.3gp", content))
+                if "video" in expected[0]:
+                    self.assertEqual([row[0] for row in rows][-1:], ["-"])
+                else:
+                    self.assertEqual([row[:4] for row in rows], expected)
+                self.assert_fails(result, 1, "1 of 1 file does not play")
+        result, rows = self.check(self.scratch / "none.3gp", sample("amrnb_plain"))
+        self.assertEqual([row[1] for row in rows], ["unreadable", "plays"])
+        self.assertEqual(result.returncode, 1)
+        self.assert_fails(run("check"), 2, "FILE")
+        self.assert_fails(run("check", "--road", "up", "x"), 2, "up not in")
+
+    def test_a_file_that_ends_the_process_does_not_end_the_check(self):
+        bad = self.write("bad.3gp", foreign_mpeg4())
+        self.assertEqual(run("extract", bad, "vr", "--road", "class").returncode, 1)
+        good = sample("amrnb_hinted")
+        result, rows = self.check(good, bad, good)
+        self.assertEqual([row[:3] for row in rows],
+                         [("audio", "plays", "plays"), ("video", "plays", "ends-process"),
+                          ("audio", "plays", "plays")])
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        verdicts = json.loads(run("info", bad, "--json").stdout)["verdicts"]
+        self.assertEqual([v["reason"] for v in verdicts if v["medium"] == "video"],
+                         ["plays", "ends-process"])
+
+    def test_folders_and_odd_names(self):
+        data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        names = ["a.3gp", "b/c.3GP", "b/d/e.mp4", "b/two\nlines\t\\.3gp", "z.3gpp"]
+        for name in names:
+            self.write("in/" + name, data)
+        self.write("in/b/readme.txt", b"not looked at")
+        (self.scratch / "in" / "loop").symlink_to(self.scratch / "in")
+        result, rows = self.check(self.scratch / "in")
+        shown = [name.replace("\\", "\\x5c").replace("\n", "\\x0a").replace("\t", "\\x09")
+                 for name in names]
+        self.assertEqual([row[4] for row in rows], [f"{self.scratch}/in/{name}" for name in shown])
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        # Nothing of what waits to be written is written twice by the processes that judge.
+        many = [self.scratch / "in" / "a.3gp"] * 40
+        self.assertEqual(len(self.check(*many)[1]), 40)
+        piped = run("check", "-", stdin=data)
+        self.assertEqual(piped.stdout, b"audio\tplays\tplays\t-\t-\n")
+
+
+class Outside(html.parser.HTMLParser):
+    """What a page would fetch or run."""
+
+    def __init__(self):
+        super().__init__()
+        self.found = []
+
+    def handle_starttag(self, tag, attrs):
+        if tag in ("script", "link", "iframe", "object", "embed", "img", "base", "form", "a"):
+            self.found.append(tag)
+        for name, value in attrs:
+            if name.startswith("on") or name in ("src", "href", "xlink:href", "srcset", "action"):
+                self.found.append((tag, name, value))
+            if name == "style" and "url(" in value:
+                self.found.append((tag, name, value))
+
+    def handle_data(self, data):
+        if self.lasttag == "style" and re.search(r"@import|url\(|expression", data):
+            self.found.append(data)
+
+
+class Report(ToolTest):
+    LARGEST_PAGE = 500_000
+
+    def page(self, source, stdin=None):
+        """The tree of a report that was looked over."""
+        out = self.scratch / "report.html"
+        result = run("report", source, "-o", out, stdin=stdin)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        self.assertLess(out.stat().st_size, self.LARGEST_PAGE)
+        text = out.read_text(encoding="utf-8")
+        outside = Outside()
+        outside.feed(text)
+        self.assertEqual(outside.found, [])
+        page = xml.etree.ElementTree.fromstring(text)
+        for shape in page.iter():
+            for name in ("x", "y", "width", "height", "d", "x2", "y1", "style"):
+                self.assertNotRegex(shape.get(name, ""), "nan|inf|e[+-]")
+        return page
+
+    @staticmethod
+    def words(element):
+        return re.sub(r"\s+", " ", " ".join(element.itertext()))
+
+    @staticmethod
+    def of_class(page, kind):
+        return [e for e in page.iter() if kind in e.get("class", "").split()]
+
+    def test_samples_and_damaged_copies(self):
+        for path in sorted(SAMPLES.glob("*.3gp")):
+            with self.subTest(path=path.name):
+                page = self.page(path)
+                self.assertEqual(self.of_class(page, "damage"), [])
+                self.assertIn(path.name, self.words(page))
+                # The verdicts are those of check.
+                rows = [line.split("\t") for line in run("check", path).stdout.decode().splitlines()]
+                told = [self.words(said).strip() for said in self.of_class(page, "said")]
+                self.assertEqual([t == "plays" for t in told],
+                                 [word == "plays" for row in rows for word in row[1:3]])
+        for name, data in damaged_copies(120):
+            with self.subTest(name=name):
+                self.page("-", stdin=data)
+
+    def test_chunks_are_where_they_lie(self):
+        for name in ["av_h263_amrnb_hinted", "h263_hinted_1450", "two_amrnb_hinted"]:
+            data = pathlib.Path(sample(name)).read_bytes()
+            expected = []
+            for trak in boxes(data, [b"moov", b"trak"]):
+                tables = {kind: boxes(trak, [*STBL[2:], kind])[0]
+                          for kind in (b"stsc", b"stsz", b"stco")}
+                offsets = [n for n, in struct.iter_unpack(">I", tables[b"stco"][8:])]
+                size, count = struct.unpack(">2I", tables[b"stsz"][4:12])
+                sizes = ([size] * count if size else
+                         [n for n, in struct.iter_unpack(">I", tables[b"stsz"][12:])])
+                runs = list(struct.iter_unpack(">3I", tables[b"stsc"][8:]))
+                at, row = 0, []
+                for number, offset in enumerate(offsets, 1):
+                    each = [run[1] for run in runs if run[0] <= number][-1]
+                    row.append((offset, offset + sum(sizes[at:at + each])))
+                    at += each
+                expected.append(row)
+            rows = []
+            for row in self.of_class(self.page(sample(name)), "row")[1:-1]:
+                titles = [e.text for e in row.iter("title")]
+                rows.append([tuple(int(n.replace(",", "")) for n in
+                                   re.fullmatch(r"1 chunk, bytes (\S+) to (\S+)", t).groups())
+                             for t in titles])
+            self.assertEqual(rows, expected, name)
+
+    def test_packets_and_rates_are_those_of_the_truth(self):
+        for name in ["av_h263_amrnb_hinted", "h263_hinted_mtu500", "amrnb_hinted_multi",
+                     "mpeg4_hinted_1450"]:
+            truth = [line.split() for line in
+                     (SAMPLES / "truth" / f"{name}.packets").read_text().splitlines()]
+            page = self.words(self.page(sample(name)))
+            for track in {row[0] for row in truth}:
+                sizes = [int(row[1]) for row in truth if row[0] == track]
+                frames = [len(list(group)) for _, group in
+                          itertools.groupby(row[5] for row in truth if row[0] == track)]
+                least, most = f"{min(sizes):,}", f"{max(sizes):,}"
+                span = most if least == most else f"{least} to {most}"
+                self.assertIn(f"{len(sizes):,} packets of {span} bytes", page)
+                span = (str(frames[0]) if min(frames) == max(frames) else
+                        f"{min(frames)} to {max(frames)}")
+                self.assertIn(f"Packets per hint sample {span}", page)
+            for track in json.loads(run("info", sample(name), "--json").stdout)["tracks"]:
+                if "hints_track" in track:
+                    continue
+                rate = track["bytes"] * 8 / track["duration_seconds"] / 1000
+                self.assertIn(f"on average {rate:.1f} kbit/s", page)
+                if "sync_samples" in track:
+                    self.assertIn(f"{track['sync_samples']} of {track['samples']}", page)
+
+    def test_an_hour_stays_small(self):
+        page = self.page("-", stdin=speech_file(180000))
+        self.assertIn("Plays on the function road", self.words(page))
+        self.assertIn("1:00:00 h", self.words(page))
+        self.assertIn("180,000 samples", self.words(page))
+        self.assertIn("on average 12.8 kbit/s, at most 12.8 kbit/s", self.words(page))
+        for strip in self.of_class(page, "strip"):
+            self.assertLessEqual(len(list(strip)), 480)
+
+    def test_tables_that_lie(self):
+        lies = [speech_file(2**31 - 1, 2**31 - 1, 10), speech_file(5000, 1, 10)]
+        data = pathlib.Path(sample("h263_hinted")).read_bytes()
+        for changes in [{b"stsz": struct.pack(">3I", 0, 1, 2**31 - 1)},
+                        {b"stts": struct.pack(">4I", 0, 1, 30, 2**32 - 1)},
+                        {b"stts": struct.pack(">4I", 0, 1, 30, 0)},
+                        {b"stss": struct.pack(">6I", 0, 4, 30, 1, 1, 2**32 - 1)},
+                        {b"stco": struct.pack(">3I", 0, 1, 2**32 - 1)}]:
+            lies.append(rebuilt(data, changes))
+        mdhd = data.index(b"mdhd") + 16
+        lies.append(data[:mdhd] + bytes(4) + data[mdhd + 4:])
+        lies.append(struct.pack(">I4s", 8, b"free") * 30000)
+        trak = boxes(data, [b"moov", b"trak"])[0]
+        many = (struct.pack(">I4s", len(trak) + 8, b"trak") + trak) * 300
+        movie = rebuilt(data, {b"moov": None})
+        lies.append(movie + struct.pack(">I4s", len(many) + 8, b"moov") + many)
+        for number, lie in enumerate(lies):
+            with self.subTest(number=number):
+                self.page("-", stdin=lie)
+
+    def test_damage_is_told(self):
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        stbl = data.index(b"stbl") - 4
+        cases = [
+            (b"", ["The file is empty."]),
+            (b"x", ["too few for a box"]),
+            (b"not a box in sight, but text", ["this is no 3GP file", "This is no 3GP file"]),
+            (data[:28], ["There is no movie box"]),
+            (data[:len(data) * 7 // 10], ["Box 'mdat' at byte", "chunks reach behind the end",
+                                          "Neither audio nor video plays to the end"]),
+            (data[:stbl] + bytes.fromhex("7fffffff") + data[stbl + 4:],
+             [f"Box 'stbl' at byte {stbl} in moov / trak 1 / mdia / minf tells 2147483647"]),
+            (rebuilt(data, {b"stco": None}), ["There is no 'stco' box in moov / trak 1"]),
+            (data + b"\0\0\0\1mdat" + bytes(20), ["tells its size in a form that is not read"]),
+            (foreign_mpeg4(), ["Opening ends the whole process"]),
+        ]
+        for damaged, told in cases:
+            page = self.words(self.page("-", stdin=damaged))
+            for text in told:
+                with self.subTest(text=text):
+                    self.assertIn(text, page)
+
+    def test_texts_of_the_file_stay_texts(self):
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        evil = b'</pre><script>alert(1)</script>"\'><img src=x onerror=alert(1)>&lt;\xff\xc0\x80\0'
+        sdp = boxes(data, [b"moov", b"trak", b"udta", b"hnti", b"sdp "])
+        self.assertGreater(len(sdp[0]), len(evil))
+        cases = [data.replace(sdp[0], evil[:-1].ljust(len(sdp[0]))),
+                 data.replace(b"isom", b'"><s'), data.replace(b"3gp4", b"<b>\0"),
+                 data.replace(b"s263", b'<&">'), data.replace(b"vide", b"<i>\x1b"),
+                 data.replace(b"mdat", b"<u>\"")]
+        name = "<img src=x onerror=alert(1)>\u202e&'\".3gp"
+        for number, content in enumerate(cases):
+            with self.subTest(number=number):
+                self.assertNotEqual(content, data)
+                path = self.scratch / name
+                path.write_bytes(content)
+                page = self.page(path)
+                self.assertEqual({e.tag for e in page.iter()} & {"script", "img", "s", "u"}, set())
+                self.assertIn("<img src=x onerror=alert(1)>\ufffd&'\".3gp",
+                              self.words(page.find(".//h1")))
+        text = self.words(self.page("-", stdin=cases[0]))
+        self.assertIn("<script>alert(1)</script>", text)
+
+    def test_edit_list(self):
+        data = pathlib.Path(sample("h263_plain")).read_bytes()
+        scale = int.from_bytes(boxes(data, [b"moov", b"mvhd"])[0][12:16], "big")
+        ticks = int.from_bytes(boxes(data, STBL[:3] + [b"mdhd"])[0][12:16], "big")
+        elst = struct.pack(">2I" + "IiI" * 2, 0, 2, scale // 2, -1, 0x10000, scale * 3, ticks // 4,
+                           0x8000)
+        edts = struct.pack(">I4s", len(elst) + 8, b"elst") + elst
+        text = self.words(self.page("-", stdin=rebuilt(data, {b"edts": edts})))
+        self.assertIn("for 0.50 s nothing, then for 3.00 s the media from 0.250 s on at 0.50 times "
+                      "its speed", text)
+
+    def test_outputs(self):
+        copy = self.scratch / "in.3gp"
+        copy.write_bytes(pathlib.Path(sample("amrnb_plain")).read_bytes())
+        self.assert_fails(run("report", copy, "-o", copy), 2, "is the input")
+        self.assert_fails(run("report", copy), 2, "--output")
+        self.assert_fails(run("report", self.scratch / "none", "-o", "-"), 1, "No such file")
+        if os.path.exists("/dev/full"):
+            self.assert_fails(run("report", copy, "-o", "/dev/full"), 1, "No space left")
+        out = self.scratch / "report.html"
+        run("report", copy, "-o", out)
+        self.assertEqual(run("report", copy, "-o", "-").stdout, out.read_bytes())
 
 
 if __name__ == "__main__":

@@ -23,18 +23,6 @@ struct Options {
     bool json = false;
 };
 
-// Characters of a code that do not print are shown as \xNN.
-std::string printable(std::string_view code) {
-    std::string out;
-    for (const char c : code) {
-        char text[8];
-        const bool prints = c >= ' ' && c <= '~';
-        std::snprintf(text, sizeof text, prints ? "%c" : "\\x%02x", static_cast<unsigned char>(c));
-        out += text;
-    }
-    return out;
-}
-
 // Gathers the fields of one box into a JSON object; lists become arrays.
 class FieldCollector final : public Qvox3gp::FieldVisitor {
   public:

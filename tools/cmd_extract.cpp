@@ -160,23 +160,6 @@ void extract(const Options& options) {
     }
 }
 
-// An option that takes one of a few words.
-template <class Value>
-CLI::Option* add_choice(CLI::App* command, const char* name, Value& value,
-                        const std::vector<std::pair<std::string, Value>>& choices,
-                        const char* about) {
-    std::vector<std::string> words;
-    for (const auto& choice : choices)
-        words.push_back(choice.first);
-    const auto choose = [&value, choices](const std::string& word) {
-        for (const auto& choice : choices) {
-            if (choice.first == word) value = choice.second;
-        }
-    };
-    return command->add_option_function<std::string>(name, choose, about)
-        ->check(CLI::IsMember(words));
-}
-
 void add_road_options(CLI::App* command, const std::shared_ptr<Options>& options) {
     add_choice<Road>(command, "--road", options->road,
                      {{"function", Road::kFunction}, {"class", Road::kClass}},

@@ -7,6 +7,7 @@
 #include "tools/commands.h"
 #include "tools/output_stream.h"
 #include "tools/support.h"
+#include "tools/verdict.h"
 
 // Copies a file and adds an RTP hint track for each medium that has a payload format.
 
@@ -27,10 +28,6 @@ struct Options {
     bool rfc2190 = false;
     bool replace = false;
 };
-
-bool is_hint(const iso_track* track) {
-    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
-}
 
 // Whether the reader found the tables that tell of the samples, and could use all that they tell.
 bool has_whole_tables(const iso_track* track) {
@@ -55,9 +52,7 @@ bool has_configuration(const iso_track* track) {
 
 // Of a kind of media, as its handler names it.
 std::string shown_handler(const iso_track* track) {
-    std::string text;
-    for (const char c : std::string(track->handler))
-        text += c >= ' ' && c <= '~' ? c : '?';
+    const std::string text = printable(track->handler);
     return text.empty() ? "none" : "'" + text + "'";
 }
 

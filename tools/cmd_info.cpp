@@ -2,6 +2,7 @@
 
 #include "tools/commands.h"
 #include "tools/support.h"
+#include "tools/verdict.h"
 
 // What a file holds, and what of it can be played.
 
@@ -14,10 +15,6 @@ struct Options {
     std::string input;
     bool json = false;
 };
-
-bool is_hint(const iso_track* track) {
-    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
-}
 
 Json describe_track(iso_track* track) {
     int samples = 0;
@@ -59,40 +56,14 @@ Json describe_file(iso_file* file) {
     return out;
 }
 
-// Opens the file the way a host would, and tells what came of it.
-Json try_function_road(kst_host* host, const char* medium, const std::string& mode) {
-    kst_host_rewind(host);
-    int32_t status = KST_SUCCESS;
-    const Handle handle = open_track(host, mode, status);
-    return {{"road", "function"},
-            {"medium", medium},
-            {"plays", status == KST_SUCCESS},
-            {"status", status},
-            {"text", kst_StatusString(status)}};
-}
-
-// The class road ends the process for an "mp4v" of another codec (see kestrel/c3gpinterface.h).
-bool would_exit(const iso_file* file) {
-    constexpr uint8_t kMpeg4Visual = 0x20;
-    const iso_track* track = file->first_track;
-    while (track != nullptr &&
-           (track->codec != ISO_CODEC_MP4V || track->object_type == kMpeg4Visual))
-        track = track->next;
-    return track != nullptr;
-}
-
-Json try_class_road(kst_host* host, const iso_file* file, const char* medium,
-                    const std::string& mode) {
-    int32_t status = KST_UNKNOWN_CODER;
-    if (!would_exit(file)) {
-        kst_host_rewind(host);
-        open_object(host, mode, status);
-    }
-    return {{"road", "class"},
-            {"medium", medium},
-            {"plays", status == KST_SUCCESS},
-            {"status", status},
-            {"text", kst_StatusString(status)}};
+Json describe_verdict(const Verdict& verdict, const std::string& input) {
+    Json out{{"road", word(verdict.road)},    {"medium", word(verdict.medium)},
+             {"opens", verdict.opens},        {"plays", verdict.plays()},
+             {"status", verdict.status},      {"text", kst_StatusString(verdict.status)},
+             {"reason", word(verdict.reason)}};
+    if (!verdict.why.empty()) out["why"] = verdict.why;
+    if (!verdict.mend.empty()) out["mend"] = mending_command(verdict, input);
+    return out;
 }
 
 void print_track(const Json& track) {
@@ -118,10 +89,15 @@ void print_verdict(const Json& verdict) {
     std::printf("%-15s %s: ", road.c_str(), verdict["medium"].get<std::string>().c_str());
     if (verdict["plays"].get<bool>()) {
         std::printf("plays\n");
-    } else {
-        std::printf("does not play: %s (%d)\n", verdict["text"].get<std::string>().c_str(),
-                    verdict["status"].get<int>());
+        return;
     }
+    std::printf("%s: %s (%d)\n",
+                verdict["opens"].get<bool>() ? "stops before its end" : "does not play",
+                verdict["text"].get<std::string>().c_str(), verdict["status"].get<int>());
+    if (verdict["reason"] == word(Reason::kNoTrack)) return;
+    std::printf("%28s%s\n", "", verdict["why"].get<std::string>().c_str());
+    if (!verdict.contains("mend")) return;
+    std::printf("%28smend it: %s\n", "", verdict["mend"].get<std::string>().c_str());
 }
 
 void print_text(const std::string& input, const Json& about) {
@@ -145,10 +121,9 @@ void info(const Options& options) {
         throw Error(options.input + ": has neither a file type nor a movie box: no 3GP file");
     }
     Json about = describe_file(file.get());
-    about["verdicts"] = {try_function_road(host.get(), "audio", "ar"),
-                         try_function_road(host.get(), "video", "vr"),
-                         try_class_road(host.get(), file.get(), "audio", "ar"),
-                         try_class_road(host.get(), file.get(), "video", "vr")};
+    about["verdicts"] = Json::array();
+    for (const Verdict& verdict : judge_all(host.get(), file.get()))
+        about["verdicts"].push_back(describe_verdict(verdict, options.input));
     if (options.json) {
         std::printf("%s\n", about.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
     } else {

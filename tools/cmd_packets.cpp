@@ -8,6 +8,7 @@
 #include "tools/commands.h"
 #include "tools/pcap.h"
 #include "tools/support.h"
+#include "tools/verdict.h"
 
 // The RTP packets of the hint tracks: as lines, or as a capture with a session description.
 
@@ -22,10 +23,6 @@ struct Options {
     std::optional<uint32_t> track;
     bool hex = false;
 };
-
-bool is_hint(const iso_track* track) {
-    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
-}
 
 iso_track* track_with_id(const iso_file* file, uint32_t id) {
     iso_track* track = file->first_track;

@@ -3,16 +3,38 @@
 #define KESTREL_TOOLS_COMMANDS_H
 
 #include <CLI/CLI.hpp>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace tool {
 
+void add_check(CLI::App& app);
 void add_extract(CLI::App& app);
 void add_hint(CLI::App& app);
 void add_info(CLI::App& app);
 void add_inspect(CLI::App& app);
 void add_unpack(CLI::App& app);
 void add_packets(CLI::App& app);
+void add_report(CLI::App& app);
 void add_boxes(CLI::App& app);
+
+// An option that takes one of a few words.
+template <class Value, class Target>
+CLI::Option* add_choice(CLI::App* command, const char* name, Target& value,
+                        const std::vector<std::pair<std::string, Value>>& choices,
+                        const char* about) {
+    std::vector<std::string> words;
+    for (const auto& choice : choices)
+        words.push_back(choice.first);
+    const auto choose = [&value, choices](const std::string& word) {
+        for (const auto& choice : choices) {
+            if (choice.first == word) value = choice.second;
+        }
+    };
+    return command->add_option_function<std::string>(name, choose, about)
+        ->check(CLI::IsMember(words));
+}
 
 }  // namespace tool
 

@@ -39,6 +39,8 @@ int main(int argc, char** argv) {
     tool::add_packets(app);
     tool::add_boxes(app);
     tool::add_hint(app);
+    tool::add_report(app);
+    tool::add_check(app);
     try {
         return parse_and_run(app, argc, argv);
     } catch (const tool::Error& error) {

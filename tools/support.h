@@ -11,6 +11,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kestrel/c3gpinterface.h"
@@ -112,16 +113,43 @@ class Progress {
     ~Progress();
 
     void show(const kst_host* host, uint64_t written);
+    void show_count(size_t done, size_t of, const char* what);
+    // Takes the line away, for something else to be printed.
+    void clear();
 
   private:
+    bool is_due();
+
     using Clock = std::chrono::steady_clock;
     bool on_terminal_;
     bool shown_ = false;
     Clock::time_point next_;
 };
 
+// Keeps what is written to standard error while it lives, so that the library's remarks on a file
+// do not come between the lines of a command.
+class ErrorCapture {
+  public:
+    ErrorCapture();
+    ErrorCapture(const ErrorCapture&) = delete;
+    ErrorCapture& operator=(const ErrorCapture&) = delete;
+    ~ErrorCapture();
+
+    // Ends the capture. The first few lines, each once, and none longer than 255 characters.
+    std::vector<std::string> lines();
+
+  private:
+    void restore();
+
+    std::FILE* kept_;
+    int saved_ = -1;
+};
+
 // Two lower-case digits a byte.
 std::string hex(std::span<const uint8_t> bytes);
+
+// Characters that do not print, and those beyond ASCII, are shown as \xNN.
+std::string printable(std::string_view text);
 
 // Of a sample entry: "AMR-NB" for ISO_CODEC_SAMR and so on.
 const char* codec_name(int32_t codec);

@@ -1,0 +1,199 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+
+#include "tools/commands.h"
+#include "tools/file_scan.h"
+#include "tools/markup.h"
+#include "tools/support.h"
+#include "tools/verdict.h"
+
+// What plays of many files, for scripts.
+
+namespace tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Options {
+    std::vector<std::string> paths;
+    std::optional<Road> road;
+};
+
+// The endings of the names that are looked at in folders.
+bool is_3gp_name(const fs::path& path) {
+    static constexpr std::array kEndings = {".3gp", ".3gpp", ".3g2", ".3gpp2", ".mp4"};
+    std::string ending = path.extension().string();
+    std::transform(ending.begin(), ending.end(), ending.begin(), [](unsigned char c) {
+        return static_cast<char>(c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c);
+    });
+    return std::find(kEndings.begin(), kEndings.end(), ending) != kEndings.end();
+}
+
+// A name that stays on its line: control characters and backslashes become \xNN.
+std::string on_one_line(const std::string& name) {
+    std::string out;
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7F && c != '\\') {
+            out += c;
+        } else {
+            out += format("\\x%02x", byte);
+        }
+    }
+    return out;
+}
+
+class Checker {
+  public:
+    explicit Checker(const Options& options) : options_(options) {}
+
+    void run() {
+        for (const std::string& path : options_.paths)
+            collect(path);
+        for (const std::string& file : files_) {
+            progress_.show_count(done_++, files_.size(), "files");
+            check(file);
+        }
+        progress_.clear();
+        std::fflush(stdout);
+        if (failed_ == 0) return;
+        throw Error(std::to_string(failed_) + " of " + std::to_string(files_.size()) +
+                    (files_.size() == 1 ? " file does" : " files do") + " not play");
+    }
+
+  private:
+    // Links to folders are not followed.
+    void collect(const std::string& path) {
+        std::error_code failure;
+        if (path == "-" || !fs::is_directory(path, failure)) {
+            files_.push_back(path);
+            return;
+        }
+        std::vector<std::string> found;
+        fs::recursive_directory_iterator at(path, failure);
+        for (; !failure && at != fs::recursive_directory_iterator(); at.increment(failure)) {
+            std::error_code no_file;
+            if (is_3gp_name(at->path()) && at->is_regular_file(no_file)) {
+                found.push_back(at->path().string());
+            }
+        }
+        if (failure) throw Error(path + ": " + failure.message());
+        std::sort(found.begin(), found.end());
+        files_.insert(files_.end(), found.begin(), found.end());
+    }
+
+    void print(const char* medium, const char* function, const char* by_class, const char* mend,
+               const std::string& file) {
+        if (lines_are_seen_) progress_.clear();
+        std::printf("%s\t%s\t%s\t%s\t%s\n", medium, function, by_class, mend,
+                    on_one_line(file).c_str());
+    }
+
+    // The line of a file in which no medium was found.
+    void print_whole(const char* reason, const std::string& file) {
+        const bool function = !options_.road || options_.road == Road::kFunction;
+        const bool by_class = !options_.road || options_.road == Road::kClass;
+        print("-", function ? reason : "-", by_class ? reason : "-", "-", file);
+    }
+
+    void check(const std::string& file) {
+        bool plays = false;
+        try {
+            const Host host = open_host(file);
+            plays = check_open(host.get(), file);
+        } catch (const Error&) {
+            print_whole("unreadable", file);
+        }
+        failed_ += plays ? 0 : 1;
+    }
+
+    // True when all of its media play.
+    bool check_open(kst_host* host, const std::string& file) {
+        KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
+        const IsoFile boxes = open_quietly(host, callbacks);
+        const FileScan scan = scan_file(callbacks);
+        bool all = true, any = false;
+        for (const Medium medium : kMedia) {
+            if (!has_medium(boxes.get(), medium)) continue;
+            any = true;
+            all = check_medium(host, boxes.get(), medium, file) && all;
+        }
+        if (any && !scan.movie_is_cut) return all;
+        // Tracks may have been lost with the end of the movie box.
+        print_whole(!scan.is_3gp()        ? "not-3gp"
+                    : scan.damage.empty() ? "no-track"
+                                          : "damaged",
+                    file);
+        return false;
+    }
+
+    static IsoFile open_quietly(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
+        const ErrorCapture remarks;
+        return open_iso(host, callbacks);
+    }
+
+    bool check_medium(kst_host* host, const iso_file* boxes, Medium medium,
+                      const std::string& file) {
+        const char* words[kRoads.size()] = {"-", "-"};
+        std::string mend = "-";
+        bool plays = false;
+        for (const Road road : kRoads) {
+            if (options_.road && options_.road != road) continue;
+            const Verdict verdict = judge(host, boxes, road, medium);
+            words[road == Road::kClass] = word(verdict.reason);
+            plays = plays || verdict.plays();
+            if (!verdict.mend.empty()) mend = verdict.mend;
+        }
+        print(word(medium), words[0], words[1], mend.c_str(), file);
+        return plays;
+    }
+
+    const Options& options_;
+    std::vector<std::string> files_;
+    size_t done_ = 0;
+    size_t failed_ = 0;
+    Progress progress_;
+    const bool lines_are_seen_ = isatty(STDOUT_FILENO) != 0;
+};
+
+}  // namespace
+
+void add_check(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command =
+        app.add_subcommand("check", "Tell for scripts which files play, and what mends the rest");
+    command
+        ->add_option("FILE", options->paths,
+                     "3GP files, - for standard input, and folders, which are searched with all\n"
+                     "below them for names in .3gp .3gpp .3g2 .3gpp2 .mp4")
+        ->required();
+    add_choice<Road>(command, "--road", options->road,
+                     {{"function", Road::kFunction}, {"class", Road::kClass}},
+                     "Judge one road alone; otherwise a medium plays where either road plays it")
+        ->option_text("function|class");
+    command->footer(
+        "A line for each medium that a file has, with tabs between its columns:\n"
+        "  1  audio or video; - for a file in which neither was found\n"
+        "  2  what comes of it on the function road (kst_Open), played to its end\n"
+        "  3  the same on the class road (C3gpInterface)\n"
+        "  4  the command that mends it, hint or hint --replace; - for none\n"
+        "  5  the file, with control characters and backslashes as \\xNN\n"
+        "Columns 2 and 3 are -, where the road is not judged, or one of\n"
+        "  plays           delivered to its end\n"
+        "  no-hint-track   this road needs an RTP hint track\n"
+        "  codec           this road does not play the codec\n"
+        "  several-tracks  this road plays a file with one track of the medium\n"
+        "  incomplete      data is missing that the tables tell of\n"
+        "  damaged         a box, a table or a sample makes no sense\n"
+        "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"
+        "  no-track        no audio and no video\n"
+        "  not-3gp         no file type box and no movie box\n"
+        "  unreadable      the system does not give the file out\n"
+        "Exit status: 0 all media of all files play, 1 some do not, 2 wrong usage.");
+    command->callback([options] { Checker(*options).run(); });
+}
+
+}  // namespace tool

@@ -1,0 +1,40 @@
+#include "tools/commands.h"
+#include "tools/report_data.h"
+#include "tools/report_page.h"
+#include "tools/support.h"
+
+// A page that shows a file at a glance.
+
+namespace tool {
+namespace {
+
+struct Options {
+    std::string input;
+    std::string output;
+};
+
+void report(const Options& options) {
+    Host host = open_host(options.input);
+    const ReportData data = gather(host.get(), options.input);
+    const std::string page = render_page(data);
+    Output output(options.output, options.input);
+    output.write({reinterpret_cast<const uint8_t*>(page.data()), page.size()});
+    output.finish();
+}
+
+}  // namespace
+
+void add_report(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command =
+        app.add_subcommand("report", "Draw a 3GP file on one page: map, rates, packets, verdicts");
+    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    command->add_option("-o,--output", options->output, "Page to write; - is standard output")
+        ->required();
+    command->footer(
+        "The page is one HTML file that needs nothing else and no script. A damaged file gets one\n"
+        "too, which says what is wrong.");
+    command->callback([options] { report(*options); });
+}
+
+}  // namespace tool

@@ -1,0 +1,115 @@
+#include "tools/markup.h"
+
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <vector>
+
+namespace tool {
+namespace {
+
+constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
+
+// Length of the UTF-8 sequence at the beginning of `text` and what it stands for; 0 for none.
+size_t decode(std::string_view text, uint32_t& code) {
+    const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
+    const uint8_t first = byte(0);
+    const size_t length = first < 0x80   ? 1
+                          : first < 0xC2 ? 0
+                          : first < 0xE0 ? 2
+                          : first < 0xF0 ? 3
+                          : first < 0xF5 ? 4
+                                         : 0;
+    if (length == 0 || length > text.size()) return 0;
+    code = length == 1 ? first : first & (0x7Fu >> length);
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0) != 0x80) return 0;
+        code = code << 6 | (byte(i) & 0x3F);
+    }
+    static constexpr uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+    return code < kLeast[length] || surrogate || code > 0x10FFFF ? 0 : length;
+}
+
+bool may_stand(uint32_t code) {
+    const bool control =
+        (code < 0x20 && code != '\n' && code != '\t') || (code >= 0x7F && code < 0xA0);
+    const bool turns = code == 0x200E || code == 0x200F || code == 0x061C ||
+                       (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
+    return !control && !turns && (code & 0xFFFE) != 0xFFFE;
+}
+
+}  // namespace
+
+std::string escape(std::string_view text) {
+    std::string out;
+    while (!text.empty()) {
+        uint32_t code = 0;
+        const size_t length = decode(text, code);
+        if (length == 0 || !may_stand(code)) {
+            out += kReplacement;
+        } else if (code == '&') {
+            out += "&amp;";
+        } else if (code == '<') {
+            out += "&lt;";
+        } else if (code == '>') {
+            out += "&gt;";
+        } else if (code == '"') {
+            out += "&quot;";
+        } else if (code == '\'') {
+            out += "&#39;";
+        } else {
+            out += text.substr(0, length);
+        }
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
+    return out;
+}
+
+std::string format(const char* form, ...) {
+    va_list arguments;
+    va_start(arguments, form);
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, form, arguments);
+    va_end(arguments);
+    std::string out(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    if (length > 0) std::vsnprintf(out.data(), out.size() + 1, form, again);
+    va_end(again);
+    return out;
+}
+
+std::string show_bytes(uint64_t bytes) {
+    if (bytes < 1000) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+    const auto value = static_cast<double>(bytes);
+    if (value < 999950) return format("%.1f kB", value / 1e3);
+    if (value < 999.95e6) return format("%.1f MB", value / 1e6);
+    return format("%.2f GB", value / 1e9);
+}
+
+std::string show_count(uint64_t count) {
+    const std::string digits = std::to_string(count);
+    std::string out;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > 0 && (digits.size() - i) % 3 == 0) out += ',';
+        out += digits[i];
+    }
+    return out;
+}
+
+std::string show_seconds(double seconds) {
+    if (seconds < 60) return format("%.2f s", seconds);
+    const auto whole = static_cast<uint64_t>(std::llround(seconds));
+    const auto part = [](uint64_t value) { return static_cast<unsigned>(value % 60); };
+    if (whole < 3600) return format("%u:%02u min", part(whole / 60), part(whole));
+    return format("%llu:%02u:%02u h", static_cast<unsigned long long>(whole / 3600),
+                  part(whole / 60), part(whole));
+}
+
+std::string show_rate(double bits_per_second) {
+    if (bits_per_second < 999.5) return format("%.0f bit/s", bits_per_second);
+    if (bits_per_second < 999950) return format("%.1f kbit/s", bits_per_second / 1e3);
+    return format("%.1f Mbit/s", bits_per_second / 1e6);
+}
+
+}  // namespace tool

@@ -1,0 +1,28 @@
+// Text for a page: everything that comes from a file goes through `escape`.
+#ifndef KESTREL_TOOLS_MARKUP_H
+#define KESTREL_TOOLS_MARKUP_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+// For HTML and XML, between tags and in quoted attributes. What is no UTF-8, what XML forbids, and
+// what turns the direction of writing becomes U+FFFD.
+std::string escape(std::string_view text);
+
+std::string format(const char* form, ...) __attribute__((format(printf, 1, 2)));
+
+// "61.2 kB", "4.0 GB"; "1 byte".
+std::string show_bytes(uint64_t bytes);
+// "12,345".
+std::string show_count(uint64_t count);
+// "2.00 s", "14:03", "1:00:00".
+std::string show_seconds(double seconds);
+// "12.3 kbit/s".
+std::string show_rate(double bits_per_second);
+
+}  // namespace tool
+
+#endif

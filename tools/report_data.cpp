@@ -1,0 +1,344 @@
+#include "tools/report_data.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "tools/markup.h"
+
+namespace tool {
+namespace {
+
+// A few bytes of tables can tell of billions of samples.
+constexpr uint32_t kMostSamples = 1 << 23;     // of a track
+constexpr uint64_t kMostHintBytes = 64 << 20;  // of the hint samples of a track
+constexpr uint64_t kMostPacketBytes = 256 << 20;
+constexpr uint32_t kLongestPacket = 65000;
+
+uint32_t size_of(const iso_track* track, uint32_t sample) {
+    return track->sample_size != 0 ? track->sample_size : track->sample_sizes[sample];
+}
+
+uint32_t samples_of(const iso_track* track) {
+    return static_cast<uint32_t>(std::max(track->sample_count, 0));
+}
+
+// Durations in the order of the samples.
+class TimeWalk {
+  public:
+    explicit TimeWalk(const iso_track* track) : track_(track) {}
+
+    uint32_t next() {
+        while (entry_ < track_->stts_count && used_ >= track_->stts[entry_].count) {
+            ++entry_;
+            used_ = 0;
+        }
+        if (entry_ >= track_->stts_count) return 0;
+        ++used_;
+        return track_->stts[entry_].delta;
+    }
+
+  private:
+    const iso_track* track_;
+    int32_t entry_ = 0;
+    uint32_t used_ = 0;
+};
+
+// The columns of a track's time. Each takes as many samples as any other, as far as they last
+// equally long, so that a steady track looks steady.
+class Columns {
+  public:
+    Columns(uint32_t samples, double units) : units_(units) {
+        const auto most = static_cast<uint32_t>(kTimeColumns);
+        const uint32_t together = std::max((samples + most - 1) / most, uint32_t{1});
+        count_ = std::max((samples + together - 1) / together, uint32_t{1});
+    }
+
+    size_t count() const { return count_; }
+    double width() const { return units_ / static_cast<double>(count_); }
+    size_t at(double time) const {
+        const double column = units_ > 0 ? time / width() : 0;
+        return static_cast<size_t>(std::clamp(column, 0.0, static_cast<double>(count_ - 1)));
+    }
+
+    // Adds `amount` evenly to the columns of a span of time.
+    void spread(std::vector<double>& to, double from, double until, double amount) const {
+        const size_t first = at(from);
+        const size_t last = at(std::max(from, until - width() * 1e-9));
+        if (first == last || until <= from) {
+            to[first] += amount;
+            return;
+        }
+        for (size_t i = first; i <= last; ++i) {
+            const double begin = std::max(from, static_cast<double>(i) * width());
+            const double end = std::min(until, static_cast<double>(i + 1) * width());
+            to[i] += amount * std::max(end - begin, 0.0) / (until - from);
+        }
+    }
+
+  private:
+    double units_;
+    size_t count_;
+};
+
+double units_of(const iso_track* track, uint32_t samples) {
+    TimeWalk times(track);
+    double units = 0;
+    for (uint32_t i = 0; i < samples; ++i)
+        units += times.next();
+    return units;
+}
+
+double to_seconds(const iso_track* track, double units) {
+    return track->timescale == 0 ? 0.0 : units / track->timescale;
+}
+
+// Sync samples while the samples go by in order.
+class SyncWalk {
+  public:
+    explicit SyncWalk(const iso_track* track)
+        : numbers_(track->sync_samples, track->sync_samples + track->sync_count) {
+        std::sort(numbers_.begin(), numbers_.end());
+    }
+
+    bool next() {
+        ++sample_;
+        while (at_ < numbers_.size() && numbers_[at_] < sample_)
+            ++at_;
+        return at_ < numbers_.size() && numbers_[at_] == sample_;
+    }
+
+  private:
+    std::vector<uint32_t> numbers_;  // from 1
+    size_t at_ = 0;
+    uint32_t sample_ = 0;
+};
+
+void gather_samples(TrackFigures& figures) {
+    const iso_track* track = figures.track;
+    const uint32_t samples = std::min(samples_of(track), kMostSamples);
+    figures.samples = samples;
+    figures.complete = samples == samples_of(track);
+    figures.has_sync_table = track->sync_count > 0;
+    const double units = units_of(track, samples);
+    figures.seconds = to_seconds(track, units);
+    if (samples == 0) return;
+
+    const Columns columns(samples, units);
+    figures.rate.assign(columns.count(), 0.0);
+    figures.syncs.assign(columns.count(), 0);
+    TimeWalk times(track);
+    SyncWalk syncs(track);
+    double time = 0, last_sync = 0, gap = 0, bytes = 0;
+    for (uint32_t i = 0; i < samples; ++i) {
+        const uint32_t size = size_of(track, i);
+        const uint32_t duration = times.next();
+        figures.sizes.add(size);
+        bytes += size;
+        columns.spread(figures.rate, time, time + duration, size);
+        if (syncs.next()) {
+            ++figures.sync_count;
+            ++figures.syncs[columns.at(time + duration * 0.001)];
+            gap = std::max(gap, time - last_sync);
+            last_sync = time;
+        }
+        time += duration;
+    }
+    figures.longest_gap = to_seconds(track, std::max(gap, units - last_sync));
+    if (figures.seconds <= 0) {
+        figures.rate.clear();
+        return;
+    }
+    const double column_seconds = figures.seconds / static_cast<double>(columns.count());
+    for (double& rate : figures.rate) {
+        rate = rate * 8 / column_seconds;
+        figures.peak_rate = std::max(figures.peak_rate, rate);
+    }
+    figures.average_rate = bytes * 8 / figures.seconds;
+}
+
+// Takes the packets of a hint track one after the other, and to which sample each belongs.
+void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media) {
+    PacketFigures& out = figures.packets;
+    if (hint->rtp_max_packet > kLongestPacket) {
+        out.damage =
+            "The track tells of packets of " + show_count(hint->rtp_max_packet) + " bytes.";
+        return;
+    }
+    const auto samples = static_cast<uint32_t>(figures.samples);
+    const double units = units_of(hint, samples);
+    const Columns columns(std::max(samples, 1u), units);
+    out.size_by_time.assign(columns.count(), {});
+    out.frame_by_time.assign(columns.count(), {});
+
+    rtp_hint_state cursor{};
+    cursor.media_track = media != nullptr ? media : hint;
+    hint->hint = &cursor;
+    std::vector<uint8_t> buffer(std::max(hint->rtp_max_packet, 1u));
+    TimeWalk times(hint);
+    double time = 0, duration = times.next();
+    uint64_t hint_bytes = 0, packet_bytes = 0;
+    uint32_t sample = 0, in_sample = 0;
+    const auto column = [&] { return columns.at(time + duration * 0.5); };
+    const auto leave_sample = [&] {
+        out.frame_by_time[column()].add(in_sample);
+        out.per_frame.add(in_sample);
+        hint_bytes += size_of(hint, sample);
+        time += duration;
+        duration = times.next();
+        in_sample = 0;
+        ++sample;
+    };
+    int length = 0;
+    while (sample < samples && hint_bytes <= kMostHintBytes && packet_bytes <= kMostPacketBytes) {
+        length = isoFFrtpPacket(hint, buffer.data());
+        if (length <= 0) break;
+        // Behind the last packet of a sample the cursor stands on the next one.
+        const bool last = cursor.packets_left == 0;
+        const auto current = static_cast<uint32_t>(cursor.sample - (last ? 1 : 0));
+        while (sample < std::min(current, samples - 1))
+            leave_sample();  // had no packets
+        ++in_sample;
+        ++out.packets;
+        packet_bytes += static_cast<uint32_t>(length);
+        out.sizes.add(static_cast<uint32_t>(length));
+        out.size_by_time[column()].add(static_cast<uint32_t>(length));
+        if (last) leave_sample();
+    }
+    hint->hint = nullptr;
+    if (length < 0) {
+        out.damage = "Hint sample " + show_count(uint64_t{sample} + 1) + " of " +
+                     show_count(samples) +
+                     (length == -2 ? " is not in the file." : " makes no packet.");
+    }
+    out.complete = length < 0 || sample >= samples || length == 0;
+}
+
+// --- where the chunks lie ---
+
+void map_each_chunk(TrackFigures& figures, uint32_t file_size) {
+    for (int32_t i = 0; i < figures.track->chunk_count; ++i) {
+        const iso_chunk& chunk = figures.track->chunks[i];
+        const uint32_t end = std::min(chunk.end, file_size);
+        if (chunk.start < end) {
+            figures.map.push_back({double(chunk.start), double(end), 1, 1.0});
+        }
+    }
+}
+
+void map_columns(TrackFigures& figures, uint32_t file_size) {
+    const double width = std::max(file_size / static_cast<double>(kMapColumns), 1.0);
+    const auto column = [&](double at) {
+        return std::min(static_cast<size_t>(at / width), kMapColumns - 1);
+    };
+    std::vector<double> bytes(kMapColumns + 1, 0.0);
+    std::vector<double> through(kMapColumns + 1, 0.0);  // chunks that cover a column: differences
+    std::vector<uint32_t> begun(kMapColumns, 0);
+    for (int32_t i = 0; i < figures.track->chunk_count; ++i) {
+        const iso_chunk& chunk = figures.track->chunks[i];
+        const uint32_t end = std::min(chunk.end, file_size);
+        if (chunk.start >= end) continue;
+        const size_t first = column(chunk.start);
+        const size_t last = column(end - 1.0);
+        ++begun[first];
+        if (first == last) {
+            bytes[first] += end - chunk.start;
+            continue;
+        }
+        bytes[first] += static_cast<double>(first + 1) * width - chunk.start;
+        bytes[last] += end - static_cast<double>(last) * width;
+        through[first + 1] += 1;
+        through[last] -= 1;
+    }
+    double covering = 0;
+    for (size_t i = 0; i < kMapColumns; ++i) {
+        covering += through[i];
+        const double share = std::min(bytes[i] / width + covering, 1.0);
+        if (share <= 0) continue;
+        const double from = static_cast<double>(i) * width;
+        const double level = std::max(std::round(share * 5) / 5, 0.2);
+        const bool goes_on = !figures.map.empty() && figures.map.back().to == from &&
+                             figures.map.back().share == level;
+        if (!goes_on) figures.map.push_back({from, from, 0, level});
+        figures.map.back().to = std::min(static_cast<double>(i + 1) * width, double(file_size));
+        figures.map.back().chunks += begun[i];
+    }
+}
+
+iso_track* track_with_id(const iso_file* file, uint32_t id) {
+    iso_track* track = file->first_track;
+    while (track != nullptr && (track->track_id != id || is_hint(track)))
+        track = track->next;
+    return track;
+}
+
+void gather_track(ReportData& data, iso_track* track) {
+    TrackFigures figures;
+    figures.track = track;
+    gather_samples(figures);
+    const uint32_t file_size = data.scan.file_size;
+    figures.outside = outside_file(track, file_size);
+    if (static_cast<size_t>(std::max(track->chunk_count, 0)) <= kMostChunksShown) {
+        map_each_chunk(figures, file_size);
+    } else {
+        map_columns(figures, file_size);
+    }
+    if (is_hint(track)) {
+        gather_packets(figures, track, track_with_id(data.file.get(), track->hint_track_ref));
+    }
+    data.seconds = std::max(data.seconds, figures.seconds);
+    data.tracks.push_back(std::move(figures));
+}
+
+// Where data is missing, packets cannot be made; that is told once.
+void tell_problems(ReportData& data) {
+    const auto tell = [&](const TrackFigures& figures, const std::string& what) {
+        const iso_track* track = figures.track;
+        data.problems.push_back(
+            format("Track %u (%s): ", track->track_id, codec_name(track->codec)) + what);
+    };
+    for (const TrackFigures& figures : data.tracks) {
+        if (figures.outside.chunks == 0) continue;
+        tell(figures, show_count(figures.outside.chunks) + " of " +
+                          show_count(static_cast<uint32_t>(figures.track->chunk_count)) +
+                          " chunks reach behind the end of the file; " +
+                          show_bytes(figures.outside.bytes) + " are missing.");
+    }
+    if (!data.problems.empty()) return;
+    for (const TrackFigures& figures : data.tracks) {
+        if (!figures.packets.damage.empty()) tell(figures, figures.packets.damage);
+    }
+}
+
+}  // namespace
+
+void Range::add(uint32_t value) {
+    least = count == 0 ? value : std::min(least, value);
+    most = std::max(most, value);
+    sum += value;
+    ++count;
+}
+
+ReportData gather(kst_host* host, const std::string& input) {
+    ReportData data;
+    data.input = input;
+    {
+        ErrorCapture errors;
+        KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
+        data.file = open_iso(host, callbacks);
+        data.remarks = errors.lines();
+        data.scan = scan_file(callbacks);
+    }
+    for (iso_track* track = data.file->first_track; track != nullptr; track = track->next) {
+        (is_hint(track) ? data.hint_bytes : data.media_bytes) += track->total_bytes;
+        if (data.tracks.size() < kMostTracks) {
+            gather_track(data, track);
+        } else {
+            ++data.tracks_left_out;
+        }
+    }
+    tell_problems(data);
+    data.verdicts = judge_all(host, data.file.get());
+    return data;
+}
+
+}  // namespace tool

@@ -1,0 +1,84 @@
+// The figures of a report: everything that a page shows, reduced to a few hundred columns whatever
+// the size of the file.
+#ifndef KESTREL_TOOLS_REPORT_DATA_H
+#define KESTREL_TOOLS_REPORT_DATA_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/file_scan.h"
+#include "tools/support.h"
+#include "tools/verdict.h"
+
+namespace tool {
+
+inline constexpr size_t kMapColumns = 480;   // of the file's bytes
+inline constexpr size_t kTimeColumns = 150;  // of a track's time
+inline constexpr size_t kMostChunksShown = 150;
+inline constexpr size_t kMostTracks = 12;
+inline constexpr size_t kMostEdits = 12;
+
+// A stretch of the file that holds data of a track.
+struct MapPiece {
+    double from = 0, to = 0;  // bytes
+    uint32_t chunks = 0;
+    double share = 1;  // of the bytes there
+};
+
+// The values that fell into one column of time.
+struct Range {
+    uint32_t count = 0, least = 0, most = 0;
+    uint64_t sum = 0;
+
+    void add(uint32_t value);
+    double mean() const { return count == 0 ? 0.0 : static_cast<double>(sum) / count; }
+};
+
+struct PacketFigures {
+    uint32_t packets = 0;
+    Range sizes;      // bytes, RTP header included
+    Range per_frame;  // packets of a hint sample
+    std::vector<Range> size_by_time;
+    std::vector<Range> frame_by_time;
+    std::string damage;    // where the hint samples make no sense
+    bool complete = true;  // false where there were too many to look at
+};
+
+struct TrackFigures {
+    const iso_track* track = nullptr;
+    double seconds = 0;           // sum of the samples' durations
+    uint64_t samples = 0;         // looked at
+    bool complete = true;         // false where there were too many to look at
+    Range sizes;                  // bytes of a sample
+    double average_rate = 0;      // bits per second
+    double peak_rate = 0;         // of a column
+    std::vector<double> rate;     // bits per second, a column each of seconds / rate.size()
+    std::vector<uint32_t> syncs;  // how many sync samples, a column each
+    uint32_t sync_count = 0;
+    bool has_sync_table = false;
+    double longest_gap = 0;  // seconds from a sync sample to the next, or to the end
+    std::vector<MapPiece> map;
+    Outside outside;
+    PacketFigures packets;  // of a hint track
+};
+
+struct ReportData {
+    std::string input;
+    FileScan scan;
+    IsoFile file;
+    double seconds = 0;  // of the longest track
+    std::vector<TrackFigures> tracks;
+    size_t tracks_left_out = 0;
+    uint64_t media_bytes = 0, hint_bytes = 0;  // as the tables tell
+    std::vector<Verdict> verdicts;             // of judge_all
+    std::vector<std::string> problems;         // of the tracks, a sentence each
+    std::vector<std::string> remarks;          // lines that the reader wrote
+};
+
+// The host must outlive the figures.
+ReportData gather(kst_host* host, const std::string& input);
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,436 @@
+#include "tools/report_page.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+
+#include "tools/markup.h"
+#include "tools/report_charts.h"
+#include "tools/report_style.h"
+
+namespace tool {
+namespace {
+
+constexpr double kWide = 1000;      // of the map, in its own units
+constexpr double kGone = 70;        // of these, for what is missing behind the end
+constexpr size_t kMostChips = 14;   // boxes named below the map
+constexpr size_t kMostText = 2000;  // characters of a text of the file
+
+constexpr char kTick[] =
+    "<svg class=\"icon\" viewBox=\"0 0 20 20\" aria-hidden=\"true\"><circle cx=\"10\" cy=\"10\" "
+    "r=\"9\" fill=\"currentColor\" fill-opacity=\".18\"/><path d=\"M5.5 10.5l3 3 6-6.5\" "
+    "fill=\"none\" stroke=\"currentColor\" stroke-width=\"2\"/></svg>";
+constexpr char kCross[] =
+    "<svg class=\"icon\" viewBox=\"0 0 20 20\" aria-hidden=\"true\"><circle cx=\"10\" cy=\"10\" "
+    "r=\"9\" fill=\"currentColor\" fill-opacity=\".18\"/><path d=\"M6.5 6.5l7 7m0-7l-7 7\" "
+    "fill=\"none\" stroke=\"currentColor\" stroke-width=\"2\"/></svg>";
+
+const char* kind_of(const iso_track* track) {
+    if (is_hint(track)) return "hint";
+    if (is_of(track, Medium::kVideo)) return "video";
+    return is_of(track, Medium::kAudio) ? "audio" : "other";
+}
+
+std::string name_of(const iso_track* track) {
+    const std::string codec = codec_name(track->codec);
+    return codec == "unknown" ? "Unknown codec" : codec;
+}
+
+std::string pixels(const iso_track* track) {
+    if (!is_of(track, Medium::kVideo) || track->width == 0) return "";
+    return format("%u × %u", track->width, track->height);
+}
+
+std::string text_of(const char* text) {
+    return text == nullptr ? "" : std::string(text, strnlen(text, kMostText));
+}
+
+class Page {
+  public:
+    explicit Page(const ReportData& data)
+        : data_(data), name_(std::filesystem::path(data.input).filename().string()) {
+        if (data.input == "-") name_ = "standard input";
+        for (const Verdict& verdict : data.verdicts) {
+            if (has_medium(data.file.get(), verdict.medium)) present_.push_back(&verdict);
+        }
+        const bool cut = std::any_of(data.scan.boxes.begin(), data.scan.boxes.end(),
+                                     [](const TopBox& box) { return box.cut; });
+        const bool outside =
+            std::any_of(data.tracks.begin(), data.tracks.end(),
+                        [](const TrackFigures& track) { return track.outside.chunks > 0; });
+        gone_ = cut || outside ? kGone : 0;
+    }
+
+    std::string render() {
+        add_head();
+        add_summary();
+        add_damage();
+        add_verdicts();
+        add_map();
+        for (const TrackFigures& figures : data_.tracks) {
+            if (!is_hint(figures.track) || media_of(figures.track) == nullptr) add_track(figures);
+        }
+        if (data_.tracks_left_out > 0) {
+            out_ += "<section><p class=\"muted\">" + show_count(data_.tracks_left_out) +
+                    " more tracks are not drawn.</p></section>\n";
+        }
+        out_ +=
+            "<footer>Made by kestrel report " KESTREL_VERSION "</footer></main></body></html>\n";
+        return std::move(out_);
+    }
+
+  private:
+    const TrackFigures* media_of(const iso_track* hint) const {
+        for (const TrackFigures& figures : data_.tracks) {
+            const iso_track* track = figures.track;
+            if (!is_hint(track) && track->track_id == hint->hint_track_ref) return &figures;
+        }
+        return nullptr;
+    }
+
+    void add_head() {
+        out_ +=
+            "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"/>"
+            "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>"
+            "<meta name=\"color-scheme\" content=\"light dark\"/>"
+            "<meta http-equiv=\"Content-Security-Policy\" "
+            "content=\"default-src 'none'; style-src 'unsafe-inline'\"/><title>" +
+            escape(name_) + " – Kestrel report</title><style>" + kReportStyle +
+            "</style></head><body><main>";
+    }
+
+    // --- at a glance ---
+
+    enum class Tone { kGood, kFair, kPoor };
+
+    static const char* name(Tone tone) {
+        return tone == Tone::kGood ? "good" : tone == Tone::kFair ? "fair" : "poor";
+    }
+
+    bool plays(Medium medium, Road road) const {
+        return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
+            return verdict->medium == medium && verdict->road == road && verdict->plays();
+        });
+    }
+
+    // Plays in part at least.
+    bool begins(Medium medium) const {
+        return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
+            return verdict->medium == medium && verdict->opens && verdict->delivered > 0;
+        });
+    }
+
+    std::string headline(Tone& tone) const {
+        tone = Tone::kPoor;
+        if (!data_.scan.is_3gp()) return "This is no 3GP file";
+        if (present_.empty()) return "There is no audio and no video here";
+        std::string silent;
+        bool everywhere = true, function = true, begins = false;
+        for (const Medium medium : kMedia) {
+            if (!has_medium(data_.file.get(), medium)) continue;
+            const bool here = plays(medium, Road::kFunction), there = plays(medium, Road::kClass);
+            everywhere = everywhere && here && there;
+            function = function && here;
+            if (here || there) continue;
+            silent += (silent.empty() ? "" : " nor ") + std::string(word(medium));
+            begins = begins || this->begins(medium);
+        }
+        if (!silent.empty()) {
+            const bool both = silent.find(' ') != std::string::npos;
+            return (both ? "Neither " + silent + " plays" : "Its " + silent + " does not play") +
+                   (begins ? " to the end" : "");
+        }
+        tone = everywhere ? Tone::kGood : Tone::kFair;
+        return everywhere ? "Plays on both roads"
+               : function ? "Plays on the function road"
+                          : "Plays, but not all of it on one road";
+    }
+
+    void add_tile(const char* what, const std::string& value, const std::string& more) {
+        out_ += std::string("<div><dt>") + what + "</dt><dd>" + escape(value);
+        if (!more.empty()) out_ += " <small>" + escape(more) + "</small>";
+        out_ += "</dd></div>";
+    }
+
+    void add_summary() {
+        Tone tone = Tone::kPoor;
+        const std::string said = headline(tone);
+        out_ += "<header><p class=\"kicker\">3GP file</p><h1><bdi>" + escape(name_) +
+                "</bdi></h1><p class=\"lead " + name(tone) + "\">" +
+                (tone == Tone::kPoor ? kCross : kTick) + "<span>" + said +
+                "</span></p><dl class=\"tiles\">";
+        const double size = data_.scan.file_size;
+        add_tile("Size", show_bytes(data_.scan.file_size), "");
+        add_tile("Duration", data_.seconds > 0 ? show_seconds(data_.seconds) : "–", "");
+        add_tile("Bit rate", data_.seconds > 0 ? show_rate(size * 8 / data_.seconds) : "–",
+                 data_.seconds > 0 ? "of the whole file" : "");
+        const uint64_t hints = std::min<uint64_t>(data_.hint_bytes, data_.scan.file_size);
+        add_tile("Hints", hints == 0 ? "none" : format("%.1f %%", 100.0 * double(hints) / size),
+                 hints == 0 ? "" : "of the file");
+        const std::string brand = printable(data_.file->major_brand);
+        add_tile("Brand", brand.empty() ? "–" : brand, text_of(data_.file->compatible_brands));
+        out_ += "</dl></header>\n";
+    }
+
+    void add_damage() {
+        if (data_.scan.damage.empty() && data_.problems.empty() && data_.remarks.empty()) return;
+        const bool damaged = !data_.scan.damage.empty() || !data_.problems.empty();
+        out_ += damaged ? "<section class=\"damage\"><h2>What is wrong with it</h2><ul>"
+                        : "<section><h2>What the reader remarks</h2><ul class=\"muted\">";
+        for (const std::string& sentence : data_.scan.damage)
+            out_ += "<li>" + escape(sentence) + "</li>";
+        if (data_.scan.more_damage > 0) {
+            out_ += "<li>And " + show_count(data_.scan.more_damage) + " more of that kind.</li>";
+        }
+        for (const std::string& sentence : data_.problems)
+            out_ += "<li>" + escape(sentence) + "</li>";
+        for (const std::string& line : data_.remarks)
+            out_ += std::string("<li>") + (damaged ? "The reader remarks: " : "") + "<code>" +
+                    escape(line) + "</code></li>";
+        out_ += "</ul></section>\n";
+    }
+
+    // --- verdicts ---
+
+    void add_road(const Verdict& verdict) {
+        const bool function = verdict.road == Road::kFunction;
+        const char* said = verdict.plays()                          ? "plays"
+                           : verdict.opens && verdict.delivered > 0 ? "stops before its end"
+                                                                    : "does not play";
+        out_ += std::string("<div class=\"road ") + (verdict.plays() ? "good" : "poor") +
+                "\"><div class=\"head\"><span class=\"said\">" +
+                (verdict.plays() ? kTick : kCross) + said + "</span><span class=\"name\">" +
+                (function ? "function road <code>kst_Open</code>"
+                          : "class road <code>C3gpInterface</code>") +
+                "</span></div>";
+        if (!verdict.plays()) {
+            out_ += "<p>" + escape(verdict.why) +
+                    format(" <span class=\"muted\">Status&#160;%d.</span>", verdict.status) +
+                    "</p>";
+        }
+        if (!verdict.mend.empty()) {
+            const bool sure = verdict.reason == Reason::kNoHintTrack;
+            out_ += std::string("<p>") + (sure ? "Mend it with" : "New hints may mend it") +
+                    ":</p><code class=\"mend\">" + escape(mending_command(verdict, data_.input)) +
+                    "</code>";
+        }
+        out_ += "</div>";
+    }
+
+    void add_verdicts() {
+        out_ +=
+            "<section><h2>Does it play?</h2><p class=\"note\">The library has two ways in. Each "
+            "is tried: opened, and played to the end of the medium.</p>";
+        for (const Medium medium : kMedia) {
+            if (!has_medium(data_.file.get(), medium)) continue;
+            out_ += format("<div class=\"medium %s\"><h3>%s</h3><div class=\"pair\">", word(medium),
+                           medium == Medium::kAudio ? "Audio" : "Video");
+            for (const Verdict* verdict : present_) {
+                if (verdict->medium == medium) add_road(*verdict);
+            }
+            out_ += "</div></div>";
+        }
+        if (present_.empty()) {
+            out_ += "<p class=\"poor\">No track of audio or video was found, so neither can.</p>";
+        }
+        out_ += "</section>\n";
+    }
+
+    // --- the map ---
+
+    double place(double byte) const {
+        const double size = std::max(data_.scan.file_size, 1u);
+        return std::min(byte / size, 1.0) * (kWide - gone_);
+    }
+
+    static std::string row(const std::string& label, const std::string& kind,
+                           const std::string& shapes) {
+        return "<div class=\"row " + kind + "\"><div class=\"label\">" + label +
+               "</div><svg class=\"strip\" viewBox=\"0 0 1000 100\" preserveAspectRatio=\"none\" "
+               "role=\"img\" aria-label=\"Map of the file\">" +
+               shapes + "</svg></div>\n";
+    }
+
+    std::string missing(const std::string& text) const {
+        return rect("gone", kWide - gone_, gone_, 0, 100, text);
+    }
+
+    static const char* kind_of_box(const TopBox& box) {
+        if (box.broken) return "gone";
+        return box.type == "moov" ? "movie" : box.type == "mdat" ? "media" : "box";
+    }
+
+    static std::string about(const TopBox& box) {
+        return (box.broken ? "no box" : box.type) + ", " + show_bytes(box.size) + " at " +
+               show_count(box.offset);
+    }
+
+    void add_box_row() {
+        std::string shapes;
+        uint64_t missing_bytes = 0;
+        constexpr double kThinnest = 2;
+        for (const TopBox& box : data_.scan.boxes) {
+            const uint64_t size = data_.scan.file_size;
+            const uint64_t end = std::min(box.offset + box.size, size);
+            const double x = place(static_cast<double>(box.offset));
+            const double width = place(static_cast<double>(end)) - x;
+            if (box.cut) missing_bytes = box.offset + box.size - size;
+            shapes += rect(kind_of_box(box), x, std::max(width - 1, kThinnest), 0, 100, about(box));
+        }
+        if (missing_bytes > 0) shapes += missing(show_bytes(missing_bytes) + " missing");
+        out_ += row("Boxes", "other", shapes);
+    }
+
+    void add_track_row(const TrackFigures& figures) {
+        std::string shapes;
+        constexpr double kThinnest = 0.8;
+        for (const MapPiece& piece : figures.map) {
+            const double x = place(piece.from);
+            const double width = std::max(place(piece.to) - x, kThinnest);
+            const std::string text = (piece.chunks == 1 ? std::string("1 chunk")
+                                                        : show_count(piece.chunks) + " chunks") +
+                                     ", bytes " + show_count(static_cast<uint64_t>(piece.from)) +
+                                     " to " + show_count(static_cast<uint64_t>(piece.to));
+            std::string bar = rect("", x, width, 0, 100, text);
+            if (piece.share < 1) bar.insert(5, format(" fill-opacity=\"%.1f\"", piece.share));
+            shapes += bar;
+        }
+        if (figures.outside.chunks > 0) {
+            shapes += missing(show_count(figures.outside.chunks) + " chunks reach behind the end");
+        }
+        const iso_track* track = figures.track;
+        const std::string label =
+            escape(name_of(track)) + format(" <small>track %u</small>", track->track_id);
+        out_ += row(label, kind_of(track), shapes);
+    }
+
+    void add_map() {
+        if (data_.scan.file_size == 0) return;
+        out_ +=
+            "<section><h2>Where the bytes are</h2><p class=\"note\">The file from its first "
+            "byte to its last: the boxes, and below them the chunks of each track.";
+        if (gone_ > 0) out_ += " What is red at the right is missing.";
+        const bool shared =
+            std::any_of(data_.tracks.begin(), data_.tracks.end(), [](const TrackFigures& track) {
+                return std::any_of(track.map.begin(), track.map.end(),
+                                   [](const MapPiece& piece) { return piece.share < 1; });
+            });
+        if (shared) out_ += " A track is the paler, the fewer of the bytes there are its own.";
+        out_ += "</p>";
+        add_box_row();
+        for (const TrackFigures& figures : data_.tracks)
+            add_track_row(figures);
+        out_ += "<div class=\"row\"><div class=\"label\"></div>" +
+                byte_axis(data_.scan.file_size, gone_) + "</div><ul class=\"chips\">";
+        for (size_t i = 0; i < std::min(data_.scan.boxes.size(), kMostChips); ++i) {
+            const TopBox& box = data_.scan.boxes[i];
+            out_ += format("<li class=\"%s\"><b>", kind_of_box(box)) +
+                    escape(box.broken ? "no box" : box.type) + "</b> " + show_bytes(box.size) +
+                    (box.cut ? ", cut" : "") + "</li>";
+        }
+        if (data_.scan.boxes.size() > kMostChips) {
+            out_ += "<li>and " + show_count(data_.scan.boxes.size() - kMostChips) + " more</li>";
+        }
+        out_ += "</ul></section>\n";
+    }
+
+    // --- tracks ---
+
+    static std::string fact(const std::string& what, const std::string& value) {
+        return (what.empty() ? "" : what + " ") + "<b>" + escape(value) + "</b>";
+    }
+
+    void add_facts(const TrackFigures& figures) {
+        const iso_track* track = figures.track;
+        std::vector<std::string> facts;
+        const std::string size = pixels(track);
+        if (!size.empty()) facts.push_back("<b>" + size + "</b> pixels");
+        facts.push_back(fact("", show_seconds(figures.seconds)));
+        facts.push_back(fact("", show_count(static_cast<uint32_t>(track->sample_count))) +
+                        " samples of " +
+                        fact("", figures.sizes.least == figures.sizes.most
+                                     ? show_bytes(figures.sizes.most)
+                                     : show_bytes(figures.sizes.least) + " to " +
+                                           show_bytes(figures.sizes.most)));
+        const auto chunks = static_cast<uint32_t>(track->chunk_count);
+        facts.push_back(fact("", show_count(chunks)) + (chunks == 1 ? " chunk" : " chunks"));
+        facts.push_back("clock " + fact("", show_count(track->timescale)) + " Hz");
+        if (!figures.has_sync_table && is_of(track, Medium::kVideo)) {
+            facts.push_back("every sample is a sync sample");
+        }
+        if (track->edit_count <= 0) facts.push_back("no edit list");
+        std::string line;
+        for (const std::string& one : facts)
+            line += (line.empty() ? "" : " · ") + one;
+        out_ += "<p class=\"facts\">" + line + "</p>";
+        if (!figures.complete) {
+            out_ += "<p class=\"note poor\">Drawn: the first " + show_count(figures.samples) +
+                    " samples.</p>";
+        }
+    }
+
+    void add_hints(const TrackFigures& figures) {
+        const iso_track* track = figures.track;
+        const PacketFigures& packets = figures.packets;
+        out_ +=
+            format("<div class=\"under hint\"><h3>%s <span class=\"muted\">track %u</span></h3>",
+                   codec_name(track->codec), track->track_id);
+        std::string line = "announces packets of at most " +
+                           fact("", show_count(track->rtp_max_packet)) + " bytes · clock " +
+                           fact("", show_count(track->rtp_timescale)) + " Hz · " +
+                           fact("", show_bytes(track->total_bytes)) + " of hints";
+        constexpr uint32_t kLongestAccepted = 1400;
+        if (track->rtp_max_packet > kLongestAccepted) {
+            line += " · more than 1,400, so the function road makes packets of its own";
+        }
+        out_ += "<p class=\"facts\">" + line + "</p>";
+        if (!packets.damage.empty()) {
+            out_ += "<p class=\"poor\">" + escape(packets.damage) + "</p>";
+        } else if (!packets.complete) {
+            out_ += "<p class=\"note poor\">Drawn: the first " + show_count(packets.packets) +
+                    " packets.</p>";
+        }
+        out_ += packet_size_chart(figures, data_.seconds);
+        out_ += packet_count_chart(figures, data_.seconds);
+        if (packets.packets > 0) out_ += time_axis(data_.seconds);
+        const std::string sdp = text_of(track->sdp_text);
+        if (!sdp.empty()) {
+            out_ += "<details><summary>Session description</summary><pre>" + escape(sdp) +
+                    "</pre></details>";
+        }
+        out_ += "</div>";
+    }
+
+    void add_track(const TrackFigures& figures) {
+        const iso_track* track = figures.track;
+        out_ += format("<section class=\"card %s\"><h2>", kind_of(track)) + name_of(track) +
+                format(" <span class=\"muted\">track %u</span></h2>", track->track_id);
+        add_facts(figures);
+        const std::string rate = rate_chart(figures, data_.seconds);
+        out_ += rate + sync_chart(figures, data_.seconds);
+        if (!rate.empty()) out_ += time_axis(data_.seconds);
+        out_ += edit_strip(track, data_.file->edit_timescale);
+        if (is_hint(track)) {
+            add_hints(figures);
+        } else {
+            for (const TrackFigures& hint : data_.tracks) {
+                if (is_hint(hint.track) && media_of(hint.track) == &figures) add_hints(hint);
+            }
+        }
+        out_ += "</section>\n";
+    }
+
+    const ReportData& data_;
+    std::string name_;
+    std::vector<const Verdict*> present_;  // of the media that the file has
+    double gone_ = 0;                      // width of what is missing behind the end
+    std::string out_;
+};
+
+}  // namespace
+
+std::string render_page(const ReportData& data) {
+    return Page(data).render();
+}
+
+}  // namespace tool

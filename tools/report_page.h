@@ -1,0 +1,16 @@
+// The page of a report: HTML that is well-formed XML as well, with drawings in SVG, no script and
+// nothing from outside.
+#ifndef KESTREL_TOOLS_REPORT_PAGE_H
+#define KESTREL_TOOLS_REPORT_PAGE_H
+
+#include <string>
+
+#include "tools/report_data.h"
+
+namespace tool {
+
+std::string render_page(const ReportData& data);
+
+}  // namespace tool
+
+#endif
