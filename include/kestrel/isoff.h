@@ -86,6 +86,8 @@ struct iso_file {
     // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
     // timescale and duration. Edit lists count in these.
     uint32_t edit_timescale;
+    uint32_t
+        lacked_memory;  // 1: an allocation for the file failed, so something of it may be missing
 
     // Writer.
     uint32_t has_visual;    // 1: `iods` tells that there is visual media (14496-1, table 5)
@@ -409,8 +411,8 @@ KESTREL_API int isoFFreadAt(iso_track* track, int sample, int offset, void* buff
 KESTREL_API int isoFFsetPosition(iso_track* track, int sample);
 
 // The largest time, in seconds, that one track runs on in the file before another's data begins;
-// 0.0 with fewer than two tracks that have samples, -1.0 without memory. Tables that lay millions of
-// samples on top of each other are not looked through to their end.
+// 0.0 with fewer than two tracks that have samples, -1.0 without memory. Tables that lay millions
+// of samples on top of each other are not looked through to their end.
 KESTREL_API double isoFFgetInterleave(iso_file* file);
 
 // Of the hint tracks that refer to `media` and whose packets are at most `max_packet` bytes long,

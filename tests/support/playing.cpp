@@ -63,6 +63,17 @@ Played play_class(kst_host* host, const char* mode, const Playing& how) {
 
 }  // namespace
 
+std::vector<Medium> sample_media() {
+    std::vector<Medium> media;
+    for (const std::string& name : sample_names()) {
+        const bool both = name.starts_with("av_");
+        const bool sound = name.find("amr") != std::string::npos || name.starts_with("aac");
+        if (sound) media.push_back({name, "ar"});
+        if (!sound || both) media.push_back({name, "vr"});
+    }
+    return media;
+}
+
 ReadCall read_call(mm_Interface* handle, bool flag) {
     return
         [=](uint8_t* buffer, uint32_t* size) { return kst_ReadChunk(handle, buffer, size, flag); };

@@ -22,6 +22,15 @@ struct Playing {
     std::function<uint32_t()> steps = {};
 };
 
+// A sample file and a mode that is at home in it.
+struct Medium {
+    std::string file;
+    const char* mode;
+};
+
+// Of all sample files; of one with sound and pictures, both.
+std::vector<Medium> sample_media();
+
 // What came of playing a track.
 struct Played {
     int32_t status = KST_SUCCESS;  // that ended it
