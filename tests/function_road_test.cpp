@@ -150,57 +150,6 @@ TEST(FunctionRoad, ChunkWithoutRoomStays) {
 
 // --- hosts that fail ---
 
-class EveryCallFailing : public testing::TestWithParam<std::tuple<const char*, bool, bool>> {};
-
-// The k-th call fails, once or from then on, for every k.
-TEST_P(EveryCallFailing, KeepsWhatWasDelivered) {
-    const auto [name, flag, for_good] = GetParam();
-    const Bytes file = read_sample(name);
-    const char* const mode = std::string(name).starts_with("amr") ? "ar" : "vr";
-    const Bytes whole = play(file, mode).stream;
-    int failing = 0;
-    for (bool reached = true; reached; ++failing) {
-        FaultyHost host(file);
-        host.fault = [&, good = for_good](int call) -> uint32_t {
-            return call == failing || (good && call > failing) ? KST_HOST_FAILED : KST_HOST_OK;
-        };
-        mm_Interface* handle = nullptr;
-        const int32_t status = kst_Open(&handle, host.callbacks(), mode);
-        if (status == KST_SUCCESS) {
-            const auto [stream, failures, end] = read_through_failures(read_call(handle, flag));
-            EXPECT_THAT(failures, testing::Each(testing::AnyOf(KST_FAILURE, KST_NOT_YET)));
-            if (for_good) {
-                ASSERT_LE(stream.size(), whole.size());
-                ASSERT_TRUE(std::equal(stream.begin(), stream.end(), whole.begin()))
-                    << "call " << failing;
-            } else {
-                ASSERT_EQ(end, KST_END_OF_FILE);
-                ASSERT_TRUE(stream == whole) << "call " << failing;
-            }
-            kst_Close(&handle);
-        } else {
-            ASSERT_EQ(status, KST_FAILURE);
-            ASSERT_EQ(handle, nullptr);
-            host.fault = nullptr;
-            host.rewind();
-            ASSERT_EQ(kst_Open(&handle, host.callbacks(), mode), KST_SUCCESS);
-            kst_Close(&handle);
-        }
-        reached = host.calls > failing;
-    }
-    std::cout << name << ": " << failing - 1 << " calls failed in turn\n";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Speech, EveryCallFailing,
-    testing::Combine(testing::Values("amrnb_plain.3gp", "amrnb_plain_mdat_first.3gp",
-                                     "amrnb_hinted.3gp", "amrnb_hinted_1450.3gp",
-                                     "amrnb_hinted_multi.3gp", "amrnb_dtx_hinted.3gp",
-                                     "amrwb_plain.3gp", "amrwb_hinted.3gp", "amrwb_dtx_hinted.3gp",
-                                     "h263_hinted.3gp", "h263_plain.3gp", "h264_hinted.3gp",
-                                     "h264_plain.3gp", "mpeg4_hinted.3gp", "mpeg4_plain.3gp"),
-                     testing::Bool(), testing::Bool()));
-
 TEST(FunctionRoad, RepositioningFollowsTheFlag) {
     const Bytes file = read_sample("amrnb_plain.3gp");
     for (const bool flag : {false, true}) {
