@@ -267,6 +267,8 @@ void C3gpInterface::Reset() {
 
 void C3gpInterface::FreeBuffers() {
     release(m_MediaSample);
+    release(m_MediaPiece);
+    m_uReadAhead = kFirstReadAhead;
     release(m_HintSample);
     release(m_SampleInfo);
     release(m_Taken);
