@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
-#include <random>
 #include <sstream>
 
 #include "boxes/sample_tables.h"
@@ -183,99 +182,6 @@ TEST_P(ClassRoad, TheFlagMayChangeFromReadToRead) {
         33);
     EXPECT_THAT(got.failures, IsEmpty());
     EXPECT_TRUE(got.stream == whole_stream(file, about.mode));
-}
-
-// --- files that arrive ---
-
-struct BoxPlace {
-    size_t at;
-    size_t end;
-    std::string type;
-};
-
-// The boxes at the top and in the movie box, in the order of their ends.
-std::vector<BoxPlace> find_boxes(const Bytes& file) {
-    std::vector<BoxPlace> boxes;
-    const auto walk = [&](const auto& self, size_t at, size_t end) -> void {
-        while (at + 8 <= end) {
-            const size_t next = at + kestrel::load_be32(&file[at]);
-            const std::string type(file.begin() + static_cast<long>(at + 4),
-                                   file.begin() + static_cast<long>(at + 8));
-            if (type == "moov") self(self, at + 8, next);
-            boxes.push_back({at, next, type});
-            at = next;
-        }
-    };
-    walk(walk, 0, file.size());
-    return boxes;
-}
-
-// Opening needs the header of every box, so what is behind the media would make it wait for all.
-Bytes without_tail(Bytes file) {
-    const BoxPlace last = find_boxes(file).back();
-    if (last.type == "free") file.resize(last.at);
-    return file;
-}
-
-class Arrival {
-  public:
-    explicit Arrival(const ClassFile& about) : about_(about), file_(without_tail(load(about))) {
-        whole_ = whole_stream(file_, about.mode);
-    }
-    const Bytes& file() const { return file_; }
-    int played() const { return played_; }
-    int waits() const { return waits_; }
-
-    // One byte a step, so that `steps` decides what each wait brings.
-    void expect_whole(const std::function<uint32_t()>& steps, const std::string& what) {
-        for (const bool flag : {true, false}) {
-            const Played played = play_arriving(file_, about_.mode, 1, on_class(1000, flag, steps));
-            ASSERT_EQ(played.status, KST_END_OF_FILE) << what;
-            ASSERT_TRUE(played.stream == whole_)
-                << what << (flag ? " with" : " without") << " flag";
-            ++played_;
-            waits_ += played.waits;
-        }
-    }
-
-  private:
-    ClassFile about_;
-    Bytes file_;
-    Bytes whole_;
-    int played_ = 0;
-    int waits_ = 0;
-};
-
-TEST_P(ClassRoad, AnyArrivalGivesTheSameBytes) {
-    Arrival arrival(GetParam());
-    arrival.expect_whole([] { return 4001; }, "pieces of 4001");
-    const std::vector<BoxPlace> boxes = find_boxes(arrival.file());
-    if (boxes.back().type == "mdat") {  // otherwise all must be there before it opens
-        std::vector<uint32_t> sizes = {61, 299, 1400, 65536};
-        if (arrival.file().size() < 26000) sizes.push_back(1);
-        for (const uint32_t size : sizes)
-            arrival.expect_whole([=] { return size; }, "pieces of " + std::to_string(size));
-    }
-    size_t revealed = 0;
-    size_t next = 0;
-    arrival.expect_whole(
-        [&] {
-            if (next == boxes.size()) next = revealed = 0;  // the second time of playing
-            const size_t step = boxes[next].end - revealed;
-            revealed = boxes[next++].end;
-            return static_cast<uint32_t>(step);
-        },
-        "box by box");
-    const uint32_t seed = std::random_device()();
-    std::mt19937 random(seed);
-    for (int round = 0; round < 8; ++round) {
-        const uint32_t most = 64u << round;
-        arrival.expect_whole([&] { return 1 + static_cast<uint32_t>(random()) % most; },
-                             "random, seed " + std::to_string(seed));
-    }
-    std::cout << arrival.played() << " schedules, " << arrival.waits()
-              << " waits while playing, seed " << seed << "\n";
-    EXPECT_EQ(arrival.waits() > 0, boxes.back().type == "mdat");
 }
 
 // --- seeking ---

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <iostream>
 
 #include "boxes/foreign_codec_exit.h"
@@ -13,7 +12,7 @@
 // Every sample file on both roads over a host whose calls go wrong, one after the other and in
 // every way: the documented status comes, what was delivered is good, and when the host is mended
 // the rest follows. By default some calls of each file are taken, the same ones each time; with
-// KESTREL_EVERY_CALL=1 in the environment, all.
+// KESTREL_THOROUGH=1 in the environment, all.
 
 // In place of the process exit: the zeros of a box that was read short name a foreign codec.
 void Qvox3gp::exit_on_foreign_codec() {
@@ -28,11 +27,6 @@ using testing::Each;
 using testing::Ge;
 using testing::IsEmpty;
 using testing::Le;
-
-bool every_call() {
-    const char* set = std::getenv("KESTREL_EVERY_CALL");
-    return set != nullptr && *set == '1';
-}
 
 // A handle of one road.
 class Player {
@@ -109,7 +103,7 @@ bool Faults::takes(int call) const {
     const auto is_near = [&](int place) { return std::abs(call - place) < kNear; };
     // What is read with the flag has been opened as without it.
     if (flag_ && call < open_calls_) return false;
-    if (every_call()) return true;
+    if (thorough()) return true;
     const int step = std::max(calls() / kBetween, 1) | 1;
     return is_near(0) || is_near(open_calls_) || is_near(open_calls_ + 4 * kNear) ||
            is_near(calls()) || call % step == step / 2;
@@ -226,16 +220,9 @@ TEST_P(EveryHostCall, MaySayTheSameForEver) {
     }
 }
 
-std::string name_of(const testing::TestParamInfo<std::tuple<Medium, Road>>& info) {
-    const auto& [medium, road] = info.param;
-    const std::string stem = medium.file.substr(0, medium.file.find('.'));
-    return stem + (medium.mode[0] == 'a' ? "_audio" : "_video") +
-           (road == Road::kFunction ? "_function" : "_class");
-}
-
 INSTANTIATE_TEST_SUITE_P(Files, EveryHostCall,
                          testing::Combine(testing::ValuesIn(sample_media()),
                                           testing::Values(Road::kFunction, Road::kClass)),
-                         name_of);
+                         [](const auto& row) { return std::apply(name_of, row.param); });
 
 }  // namespace

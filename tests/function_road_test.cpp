@@ -42,36 +42,6 @@ TEST(FunctionRoad, SpeechComesOutAsItWentIn) {
     }
 }
 
-TEST(FunctionRoad, AnyArrivalGivesTheSameBytes) {
-    for (const SpeechFile& speech : kSpeechFiles) {
-        SCOPED_TRACE(speech.file);
-        const Bytes file = read_sample(speech.file);
-        const Bytes whole = play(file, "ar").stream;
-        std::vector<uint32_t> steps = {1000, 1024, 4096, 9999, 65536, 1000000};
-        for (uint32_t step = 1; step <= 300; ++step)
-            steps.push_back(step);
-        for (const uint32_t step : steps) {
-            const Played played = play_arriving(file, "ar", step);
-            ASSERT_EQ(played.status, KST_END_OF_FILE) << "step " << step;
-            ASSERT_TRUE(played.stream == whole) << "step " << step;
-        }
-    }
-}
-
-TEST(FunctionRoad, AnyArrivalGivesTheSameVideo) {
-    for (const std::string& name : sample_names({"av_", "h263", "h264", "mpeg4"})) {
-        SCOPED_TRACE(name);
-        const Bytes file = read_sample(name);
-        const Played whole = play(file, "vr");
-        EXPECT_EQ(whole.status, KST_END_OF_FILE);
-        for (const uint32_t step : {7u, 61u, 100u, 299u, 1000u, 1400u, 9999u, 65536u, 1000000u}) {
-            const Played played = play_arriving(file, "vr", step);
-            ASSERT_EQ(played.status, KST_END_OF_FILE) << "step " << step;
-            ASSERT_TRUE(played.stream == whole.stream) << "step " << step;
-        }
-    }
-}
-
 TEST(FunctionRoad, OfSeveralTracksTheLastIsPlayed) {
     const Played played = play(read_sample("two_amrnb_hinted.3gp"), "ar");
     EXPECT_EQ(unpack_speech(played.stream, false), read_sample("truth/amrnb_dtx.amr"));

@@ -1,6 +1,7 @@
 #include "tests/support/playing.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace {
 
@@ -78,6 +79,17 @@ std::vector<Medium> sample_media() {
         if (!sound || both) media.push_back({name, "vr"});
     }
     return media;
+}
+
+bool thorough() {
+    const char* set = std::getenv("KESTREL_THOROUGH");
+    return set != nullptr && *set == '1';
+}
+
+std::string name_of(const Medium& medium, Road road) {
+    const std::string stem = medium.file.substr(0, medium.file.find('.'));
+    return stem + (medium.mode[0] == 'a' ? "_audio" : "_video") +
+           (road == Road::kFunction ? "_function" : "_class");
 }
 
 ReadCall read_call(mm_Interface* handle, bool flag) {

@@ -15,6 +15,10 @@
 // The library's two ways in: kst_Open and C3gpInterface.
 enum class Road { kFunction, kClass };
 
+// Whether the environment has KESTREL_THOROUGH=1, for tests that otherwise take a part of the
+// cases.
+bool thorough();
+
 // How a test plays.
 struct Playing {
     Road road = Road::kFunction;
@@ -33,6 +37,9 @@ std::ostream& operator<<(std::ostream& out, const Medium& medium);
 
 // Of all sample files; of one with sound and pictures, both.
 std::vector<Medium> sample_media();
+
+// What a test of a medium on a road is called.
+std::string name_of(const Medium& medium, Road road);
 
 // What came of playing a track.
 struct Played {
