@@ -12,6 +12,7 @@
 #include "tests/support/allocation_watch.h"
 #include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/writing.h"
 
 // Every allocation in turn fails, alone and with all behind it: the documented status comes,
 // nothing is lost that was delivered or is still to come, and there is no leak (with the address
@@ -181,96 +182,28 @@ TEST_F(NoMemory, BoxModel) {
 
 // --- the ISO reader's and writer's functions ---
 
-struct Written {
-    iso_track* media = nullptr;
-    iso_track* hint = nullptr;
-    Bytes sample;
-    int media_samples = 0;
-    int hint_samples = 0;
-};
-
-const uint8_t kAvcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
-
-std::vector<Written> make_tracks(iso_file* file, AllocationFault& fault) {
-    H263VCFG h263{};
-    h263.width = 176;
-    h263.height = 144;
-    h263.timescale = 3000;
-    h263.level = 10;
-    const Bytes picture = join({{0, 0, 0x80, 2, 8}, Bytes(3000, 0x55)});
-    std::vector<Written> tracks(4);
-    tracks[0].sample = Bytes(32, 0x3C);
-    tracks[1].sample = tracks[2].sample = picture;
-    tracks[3].sample = join({{0, 0, 0x0B, 0xB8}, Bytes(3000, 0x65)});
-    fault.during([&] {
-        tracks[0].media = amr_isoFFtrack(file, 0, 0x81FF, 1);
-        tracks[1].media = h263_isoFFtrack(file, &h263);
-        tracks[2].media = mpeg4_isoFFtrack(file, "abc", 3, 128, 96, 90000);
-        tracks[3].media = h264_isoFFtrack(file, kAvcc, sizeof kAvcc, 352, 288, 15360);
-        for (Written& track : tracks)
-            track.hint = rtp_isoFFtrack(file, track.media, 1400, 96, ISO_H263_RFC4629);
-    });
-    return tracks;
-}
-
-void write_sample(Written& track, AllocationFault& fault) {
-    constexpr int kDuration = 160;
-    const int size = static_cast<int>(track.sample.size());
-    if (track.media == nullptr) return;
-    const int written = fault.during(
-        [&] { return isoFFwrite(track.media, track.sample.data(), size, kDuration, 0); });
-    EXPECT_THAT(written, AnyOf(size, -2, -5));
-    track.media_samples += written == size;
-    if (track.hint == nullptr || written != size) return;
-    const int hinted = fault.during(
-        [&] { return isoFFwriteHint(track.hint, track.sample.data(), size, kDuration, 0); });
-    EXPECT_TRUE(hinted > 0 || hinted == -2 || hinted == -5);
-    track.hint_samples += hinted > 0;
-}
-
-void expect_written(const Bytes& bytes, const std::vector<Written>& tracks) {
-    const Host host = memory_host(bytes);
-    auto* callbacks = kst_host_callbacks(host.get());
-    iso_file* file = isoFFopen(callbacks, "r", nullptr);
-    int32_t samples = 0;
-    int32_t expected = 0;
-    for (int i = 1; const iso_track* track = isoFFselect(file, nullptr, i); ++i)
-        samples += track->sample_count;
-    for (const Written& track : tracks)
-        expected += track.media_samples + track.hint_samples;
-    EXPECT_EQ(samples, expected);
-    isoFFclose(file);
-}
-
 TEST_F(NoMemory, Writer) {
-    for (const uint32_t direct : {0u, 1u}) {
+    for (const bool direct : {false, true}) {
         SCOPED_TRACE(direct);
         fail_each([&](AllocationFault& fault) {
             const Host host(kst_host_for_writing_memory());
-            auto* callbacks = kst_host_callbacks(host.get());
-            int error = 0;
-            iso_file* file = fault.during([&] { return isoFFopen(callbacks, "w", &error); });
-            if (file == nullptr) {
-                EXPECT_EQ(error, -2);
-                return;
-            }
-            file->direct_write = direct;
-            std::vector<Written> tracks = make_tracks(file, fault);
-            for (int sample = 0; sample < 3; ++sample) {
-                for (Written& track : tracks)
-                    write_sample(track, fault);
-            }
-            const int closed = fault.during([&] { return isoFFclose(file); });
-            EXPECT_THAT(closed, AnyOf(0, -2, -5));
+            const Around around = [&](const std::function<void()>& call) { fault.during(call); };
+            const Writing writing =
+                write_every_codec(kst_host_callbacks(host.get()), direct, around);
+            EXPECT_THAT(writing.open_error, AnyOf(0, -2));
+            // The host too may have had no memory.
+            EXPECT_THAT(writing.failures, Each(AnyOf(-2, -5)));
+            if (writing.open_error != 0 || writing.closed != 0) return;
             size_t size = 0;
             const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host.get(), &size));
-            if (closed == 0) expect_written(Bytes(bytes, bytes + size), tracks);
+            EXPECT_EQ(samples_in(Bytes(bytes, bytes + size)), writing.samples);
         });
     }
 }
 
 TEST_F(NoMemory, ReaderFunctions) {
     const Bytes file = read_sample("h264_hinted.3gp");
+    const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
     const uint8_t sets[] = {0, 0, 0, 1, 0x67, 66, 0, 30, 0, 0, 0, 1, 0x68, 9};
     fail_each([&](AllocationFault& fault) {
         const Host host = memory_host(file);
@@ -291,7 +224,7 @@ TEST_F(NoMemory, ReaderFunctions) {
             length = isoFFGetDSIin3GPP(media, 0, &start_coded);
             int record_length = 0;
             converted = convertDCI_3gpp_to_ISO(sets, sizeof sets, &record, &record_length);
-            kept = isoFFsetDecoderSpecificInfo(media, kAvcc, sizeof kAvcc);
+            kept = isoFFsetDecoderSpecificInfo(media, avcc, sizeof avcc);
         });
         EXPECT_TRUE(interleave >= 0.0 || interleave == -1.0);
         EXPECT_EQ(length == -1, start_coded == nullptr);

@@ -5,9 +5,9 @@
 
 #include "boxes/foreign_codec_exit.h"
 #include "common/simple_exception.h"
-#include "kestrel/isoff.h"
 #include "kestrel/log.h"
 #include "tests/support/playing.h"
+#include "tests/support/writing.h"
 
 // Every sample file on both roads over a host whose calls go wrong, one after the other and in
 // every way: the documented status comes, what was delivered is good, and when the host is mended
@@ -218,6 +218,36 @@ TEST_P(EveryHostCall, MaySayTheSameForEver) {
             }
         }
     }
+}
+
+// --- the writer ---
+
+// What was written whole although a call went wrong is whole; otherwise the writer says so.
+TEST(WriterHost, EveryCallMayGoWrong) {
+    const Around plainly = [](const std::function<void()>& call) { call(); };
+    int tried = 0;
+    for (const bool direct : {false, true}) {
+        FaultyHost good;
+        const Writing all = write_every_codec(good.callbacks(), direct, plainly);
+        EXPECT_EQ(all.closed, 0);
+        EXPECT_EQ(samples_in(good.written()), all.samples);
+        for (const Fault& fault : kFaults) {
+            for (int failing = 0; failing < good.calls; ++failing) {
+                if (!can_fault(good.names[static_cast<size_t>(failing)], fault.kind)) continue;
+                SCOPED_TRACE(testing::Message() << fault.name << ", call " << failing);
+                FaultyHost host;
+                host.break_at(failing, fault);
+                const Writing writing = write_every_codec(host.callbacks(), direct, plainly);
+                EXPECT_THAT(writing.failures, Each(-5));
+                EXPECT_THAT(writing.closed, AnyOf(0, -5));
+                if (fault.honest() && writing.closed == 0) {
+                    EXPECT_TRUE(host.written() == good.written());
+                }
+                ++tried;
+            }
+        }
+    }
+    std::cout << tried << " faults\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, EveryHostCall,

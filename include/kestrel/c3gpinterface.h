@@ -156,10 +156,10 @@ class KESTREL_API C3gpInterface {
     // KST_SUCCESS: all that was wanted. KST_END_OF_FILE: there is no more; `*size` bytes were the
     // last. KST_NOT_YET: `*size` is 0 and nothing was consumed, so call again when more has arrived
     // (a file that was cut short answers so for ever). KST_IO_FAILURE: IndexRead or AdvanceRead
-    // failed. KST_FAILURE: another callback failed, or a table ended too early. KST_CORRUPT: a
-    // table makes no sense, or thousands of hint samples on end. KST_NOT_OPEN, KST_BAD_ARGUMENT
-    // (null pointer). After a failure too `*size` is 0 and nothing was lost: the call may be
-    // repeated, and a smaller size gets what was ready in front of the fault.
+    // failed. KST_FAILURE: another callback failed, a table ended too early, or memory ran out.
+    // KST_CORRUPT: a table makes no sense, or thousands of hint samples on end. KST_NOT_OPEN,
+    // KST_BAD_ARGUMENT (null pointer). After a failure too `*size` is 0 and nothing was lost: the
+    // call may be repeated, and a smaller size gets what was ready in front of the fault.
     //
     // Hint samples that make no sense are left out, and so are constructors that reach outside
     // their media sample or make a frame too long.

@@ -240,14 +240,25 @@ struct FaultyHost::Slots {
 };
 
 FaultyHost::FaultyHost(const Bytes& file)
-    : host_(kst_host_from_memory(file.data(), file.size())),
-      inner_(kst_host_callbacks(host_)),
-      table_{this,           Slots::get_offset,  Slots::seek,   Slots::read,
-             Slots::write,   Slots::stream_size, Slots::is_eof, Slots::index_read,
-             Slots::advance, Slots::check} {}
+    : FaultyHost(kst_host_from_memory(file.data(), file.size())) {}
+
+FaultyHost::FaultyHost() : FaultyHost(kst_host_for_writing_memory()) {}
+
+FaultyHost::FaultyHost(kst_host* host)
+    : host_(host), inner_(kst_host_callbacks(host_)), table_{this,           Slots::get_offset,
+                                                             Slots::seek,    Slots::read,
+                                                             Slots::write,   Slots::stream_size,
+                                                             Slots::is_eof,  Slots::index_read,
+                                                             Slots::advance, Slots::check} {}
 
 FaultyHost::~FaultyHost() {
     kst_host_close(host_);
+}
+
+Bytes FaultyHost::written() const {
+    size_t size = 0;
+    const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host_, &size));
+    return Bytes(bytes, bytes + size);
 }
 
 void FaultyHost::break_at(int at, const Fault& how) {

@@ -112,6 +112,7 @@ bool can_fault(std::string_view slot, FaultKind kind);
 class FaultyHost {
   public:
     explicit FaultyHost(const Bytes& file);  // which is kept by the caller
+    FaultyHost();                            // an empty one, to be written
     explicit FaultyHost(Bytes&&) = delete;
     FaultyHost(const FaultyHost&) = delete;
     FaultyHost& operator=(const FaultyHost&) = delete;
@@ -119,6 +120,7 @@ class FaultyHost {
 
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks() { return &table_; }
     void rewind() { kst_host_rewind(host_); }
+    Bytes written() const;
 
     // From then on, or at that call only, the calls are at fault that can be; mend() ends it.
     void break_at(int call, const Fault& how);
@@ -141,6 +143,8 @@ class FaultyHost {
   private:
     struct Slots;
     uint32_t ask(const char* name);
+
+    explicit FaultyHost(kst_host* host);
 
     kst_host* host_;
     KST_IOSTREAM_CALLBACK_INTERFACE* inner_;
