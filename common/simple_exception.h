@@ -2,6 +2,7 @@
 #ifndef KESTREL_COMMON_SIMPLE_EXCEPTION_H
 #define KESTREL_COMMON_SIMPLE_EXCEPTION_H
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -53,7 +54,10 @@ struct LogLevel {
     int32_t threshold;
     const char* prefix;
 
-    bool enabled() const { return sx_Debug > threshold; }
+    // The host may set the level at any time, from any thread.
+    bool enabled() const {
+        return std::atomic_ref(sx_Debug).load(std::memory_order_relaxed) > threshold;
+    }
 };
 
 // Two prefix shapes: two of the four end in a blank.

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "common/clock.h"
+#include "interface/src/isoff.h"
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
 
@@ -157,12 +158,12 @@ int tel_put_hdr_vid_codecCfg264(void* out, iso_track* track) {
     // Behind the first start code and the NAL unit's header byte.
     constexpr size_t kProfile = 5, kConstraints = 6, kLevel = 7;
     if (out == nullptr) return -1;
-    unsigned char* sets = nullptr;
-    const int length = isoFFGetDSIin3GPP(track, 0, &sets);
     VID_Header_H264CodecConfig record;
     std::memcpy(&record, out, sizeof record);  // some of its bytes stay as they were
-    record.length =
-        copy_config(record.config, {sets, length > 0 ? static_cast<size_t>(length) : 0});
+    std::fill(std::begin(record.config), std::end(record.config), uint8_t{0});
+    const bool has_sets = track != nullptr && track->dsi != nullptr;
+    const size_t length = has_sets ? put_start_coded_sets(track, record.config) : 0;
+    record.length = static_cast<uint16_t>(std::min(length, sizeof record.config));
     record.two = 2;
     record.profile = record.level = 0;
     if (record.length > kLevel + 1) {
@@ -170,6 +171,5 @@ int tel_put_hdr_vid_codecCfg264(void* out, iso_track* track) {
         record.constraints = record.config[kConstraints];
         record.level = record.config[kLevel];
     }
-    systemfree(sets);
     return put_record(out, record);
 }

@@ -500,10 +500,10 @@ TEST(Tables, HoldWhatTheBoxHoldsAndNoMore) {
             const Bytes body = each.before + u32(entries) + zeros(each.entry_bytes * 2 - 1);
             MemoryStream in(full_box(each.type, body) + zeros(64));
             const auto made = each.make();
-            largest_allocation = 0;
+            const AllocationWatch watch;
             EXPECT_EQ(message_of([&] { made->Read(in.io(), in.size()); }),
                       invalid_size(0, static_cast<uint32_t>(12 + body.size()), in.size()));
-            EXPECT_LT(largest_allocation, 4096u);
+            EXPECT_LT(watch.largest(), 4096u);
         }
     }
 }
@@ -517,12 +517,12 @@ TEST(Tables, ALyingStreamSizeAllocatesNothingAhead) {
             in.claimed_size = 0xFFFFFFFFu;
             in.silent = silent;
             const auto made = each.make();
-            largest_allocation = 0;
+            const AllocationWatch watch;
             const std::string message = message_of([&] { made->Read(in.io(), 0xFFFFFFFF); });
             if (!silent) {
                 EXPECT_THAT(message, StartsWith(kInvalidSize));
             }
-            EXPECT_LT(largest_allocation, 1u << 20) << each.type;
+            EXPECT_LT(watch.largest(), 1u << 20) << each.type;
         }
     }
 }

@@ -42,36 +42,6 @@ TEST(FunctionRoad, SpeechComesOutAsItWentIn) {
     }
 }
 
-TEST(FunctionRoad, AnyArrivalGivesTheSameBytes) {
-    for (const SpeechFile& speech : kSpeechFiles) {
-        SCOPED_TRACE(speech.file);
-        const Bytes file = read_sample(speech.file);
-        const Bytes whole = play(file, "ar").stream;
-        std::vector<uint32_t> steps = {1000, 1024, 4096, 9999, 65536, 1000000};
-        for (uint32_t step = 1; step <= 300; ++step)
-            steps.push_back(step);
-        for (const uint32_t step : steps) {
-            const Played played = play_arriving(file, "ar", step);
-            ASSERT_EQ(played.status, KST_END_OF_FILE) << "step " << step;
-            ASSERT_TRUE(played.stream == whole) << "step " << step;
-        }
-    }
-}
-
-TEST(FunctionRoad, AnyArrivalGivesTheSameVideo) {
-    for (const std::string& name : sample_names({"av_", "h263", "h264", "mpeg4"})) {
-        SCOPED_TRACE(name);
-        const Bytes file = read_sample(name);
-        const Played whole = play(file, "vr");
-        EXPECT_EQ(whole.status, KST_END_OF_FILE);
-        for (const uint32_t step : {7u, 61u, 100u, 299u, 1000u, 1400u, 9999u, 65536u, 1000000u}) {
-            const Played played = play_arriving(file, "vr", step);
-            ASSERT_EQ(played.status, KST_END_OF_FILE) << "step " << step;
-            ASSERT_TRUE(played.stream == whole.stream) << "step " << step;
-        }
-    }
-}
-
 TEST(FunctionRoad, OfSeveralTracksTheLastIsPlayed) {
     const Played played = play(read_sample("two_amrnb_hinted.3gp"), "ar");
     EXPECT_EQ(unpack_speech(played.stream, false), read_sample("truth/amrnb_dtx.amr"));
@@ -149,57 +119,6 @@ TEST(FunctionRoad, ChunkWithoutRoomStays) {
 }
 
 // --- hosts that fail ---
-
-class EveryCallFailing : public testing::TestWithParam<std::tuple<const char*, bool, bool>> {};
-
-// The k-th call fails, once or from then on, for every k.
-TEST_P(EveryCallFailing, KeepsWhatWasDelivered) {
-    const auto [name, flag, for_good] = GetParam();
-    const Bytes file = read_sample(name);
-    const char* const mode = std::string(name).starts_with("amr") ? "ar" : "vr";
-    const Bytes whole = play(file, mode).stream;
-    int failing = 0;
-    for (bool reached = true; reached; ++failing) {
-        FaultyHost host(file);
-        host.fault = [&, good = for_good](int call) -> uint32_t {
-            return call == failing || (good && call > failing) ? KST_HOST_FAILED : KST_HOST_OK;
-        };
-        mm_Interface* handle = nullptr;
-        const int32_t status = kst_Open(&handle, host.callbacks(), mode);
-        if (status == KST_SUCCESS) {
-            const auto [stream, failures, end] = read_through_failures(read_call(handle, flag));
-            EXPECT_THAT(failures, testing::Each(testing::AnyOf(KST_FAILURE, KST_NOT_YET)));
-            if (for_good) {
-                ASSERT_LE(stream.size(), whole.size());
-                ASSERT_TRUE(std::equal(stream.begin(), stream.end(), whole.begin()))
-                    << "call " << failing;
-            } else {
-                ASSERT_EQ(end, KST_END_OF_FILE);
-                ASSERT_TRUE(stream == whole) << "call " << failing;
-            }
-            kst_Close(&handle);
-        } else {
-            ASSERT_EQ(status, KST_FAILURE);
-            ASSERT_EQ(handle, nullptr);
-            host.fault = nullptr;
-            host.rewind();
-            ASSERT_EQ(kst_Open(&handle, host.callbacks(), mode), KST_SUCCESS);
-            kst_Close(&handle);
-        }
-        reached = host.calls > failing;
-    }
-    std::cout << name << ": " << failing - 1 << " calls failed in turn\n";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Speech, EveryCallFailing,
-    testing::Combine(testing::Values("amrnb_plain.3gp", "amrnb_plain_mdat_first.3gp",
-                                     "amrnb_hinted.3gp", "amrnb_hinted_1450.3gp",
-                                     "amrnb_hinted_multi.3gp", "amrnb_dtx_hinted.3gp",
-                                     "amrwb_plain.3gp", "amrwb_hinted.3gp", "amrwb_dtx_hinted.3gp",
-                                     "h263_hinted.3gp", "h263_plain.3gp", "h264_hinted.3gp",
-                                     "h264_plain.3gp", "mpeg4_hinted.3gp", "mpeg4_plain.3gp"),
-                     testing::Bool(), testing::Bool()));
 
 TEST(FunctionRoad, RepositioningFollowsTheFlag) {
     const Bytes file = read_sample("amrnb_plain.3gp");

@@ -8,20 +8,10 @@
 #include "interface/src/isoff.h"
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
+#include "tests/support/allocation_watch.h"
 #include "tests/support/files.h"
 
 // The ISO writer: what it writes is read back by the reader.
-
-// While this is set, the library gets no more memory from malloc.
-static bool no_memory = false;
-
-extern "C" {
-void* __real_malloc(size_t size);
-void* __wrap_malloc(size_t size);
-void* __wrap_malloc(size_t size) {
-    return no_memory ? nullptr : __real_malloc(size);
-}
-}
 
 namespace {
 
@@ -826,13 +816,13 @@ TEST(Writer, MediaBeyondThirtyTwoBitsIsTold) {
 // From here on the file's arena has `room` bytes, fewer than it really has, and gets no more.
 class LittleMemory {
   public:
-    LittleMemory(iso_file* file, size_t room) {
-        file->chunk_free = room;
-        no_memory = true;
-    }
-    LittleMemory(const LittleMemory&) = delete;
-    LittleMemory& operator=(const LittleMemory&) = delete;
-    ~LittleMemory() { no_memory = false; }
+    LittleMemory(iso_file* file, size_t room) { file->chunk_free = room; }
+
+  private:
+    static constexpr size_t kArenaBlock = 1000000;  // at least
+
+    AllocationFault fault_{0, true, kArenaBlock};
+    AllocationFault::Armed armed_{fault_};
 };
 
 iso_track* h264_track(iso_file* file) {
@@ -922,10 +912,8 @@ TEST(Writer, InterleaveNeedsMemory) {
     }
     EXPECT_EQ(isoFFclose(file), 0);
     Reread reread(out.bytes);
-    {
-        const LittleMemory memory(reread.file, 0);
-        EXPECT_EQ(isoFFgetInterleave(reread.file), -1.0);
-    }
+    AllocationFault fault(0, true);
+    EXPECT_EQ(fault.during([&] { return isoFFgetInterleave(reread.file); }), -1.0);
     EXPECT_EQ(isoFFgetInterleave(reread.file), 1.0);
 }
 

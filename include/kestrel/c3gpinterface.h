@@ -156,10 +156,10 @@ class KESTREL_API C3gpInterface {
     // KST_SUCCESS: all that was wanted. KST_END_OF_FILE: there is no more; `*size` bytes were the
     // last. KST_NOT_YET: `*size` is 0 and nothing was consumed, so call again when more has arrived
     // (a file that was cut short answers so for ever). KST_IO_FAILURE: IndexRead or AdvanceRead
-    // failed. KST_FAILURE: another callback failed, or a table ended too early. KST_CORRUPT: a
-    // table makes no sense, or thousands of hint samples on end. KST_NOT_OPEN, KST_BAD_ARGUMENT
-    // (null pointer). After a failure too `*size` is 0 and nothing was lost: the call may be
-    // repeated, and a smaller size gets what was ready in front of the fault.
+    // failed. KST_FAILURE: another callback failed, a table ended too early, or memory ran out.
+    // KST_CORRUPT: a table makes no sense, or thousands of hint samples on end. KST_NOT_OPEN,
+    // KST_BAD_ARGUMENT (null pointer). After a failure too `*size` is 0 and nothing was lost: the
+    // call may be repeated, and a smaller size gets what was ready in front of the fault.
     //
     // Hint samples that make no sense are left out, and so are constructors that reach outside
     // their media sample or make a frame too long.
@@ -182,6 +182,8 @@ class KESTREL_API C3gpInterface {
   private:
     friend class PropFile;              // asks for media samples
     friend struct C3gpInterfaceAccess;  // the tests' way in
+
+    static constexpr uint64_t kFirstReadAhead = 65536;
 
     // Where playing stands.
     struct Cursors {
@@ -252,9 +254,11 @@ class KESTREL_API C3gpInterface {
     unsigned int GetSyncSample(unsigned int sample, unsigned int syncFlags);
     // The lowest media sample that the hint sample refers to, -1 when it refers to none.
     int GetMediaSample(unsigned int hintSample, unsigned int fileOffset, unsigned int size);
-    // A media sample's size, and its bytes through `bytes`, valid until the next call. 0 when it
-    // has not arrived yet. Throws an unsigned int for a sample that the tables do not have.
-    unsigned int GetMediaSample(unsigned int mediaSample, const unsigned char** bytes);
+    // Bytes of a media sample, valid until the next call; null when the sample has not arrived
+    // yet. Throws an unsigned int for bytes that the tables do not have.
+    const unsigned char* GetMediaBytes(unsigned int mediaSample, uint32_t offset, uint32_t length);
+    bool HoldMediaSample(unsigned int mediaSample);
+    bool HasArrived(const _TAG_SAMPLEINFO& sample);
     // The ticks of each of the track's samples, as many as its size table tells.
     static void CalcTimeDeltas(const BaseBoxes* boxes, unsigned int* deltas);
 
@@ -310,7 +314,10 @@ class KESTREL_API C3gpInterface {
 
     std::vector<_TAG_SAMPLEINFO> m_SampleInfo;
     std::vector<unsigned char> m_MediaSample;
-    unsigned int m_uMediaSampleHeld = 0;  // whose bytes m_MediaSample has; 0 for none
+    unsigned int m_uMediaSampleHeld = 0;      // whose bytes m_MediaSample has; 0 for none
+    std::vector<unsigned char> m_MediaPiece;  // of a sample that is not held
+    uint64_t m_uReadAhead = kFirstReadAhead;  // bytes that whole samples may still take
+    uint64_t m_uBytesHandled = 0;             // read from the host, or put into frames
     std::vector<unsigned char> m_HintSample;
 
     // Copies of the hint track's tables. One size stands for all when all are the same.

@@ -88,6 +88,8 @@ struct iso_file {
     // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
     // timescale and duration. Edit lists count in these.
     uint32_t edit_timescale;
+    uint32_t
+        lacked_memory;  // 1: an allocation for the file failed, so something of it may be missing
 
     // Writer.
     uint32_t has_visual;    // 1: `iods` tells that there is visual media (14496-1, table 5)

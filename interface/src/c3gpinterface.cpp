@@ -1,5 +1,6 @@
 #include "interface/src/c3gpinterface.h"
 
+#include <atomic>
 #include <cctype>
 #include <cstdarg>
 #include <cstdlib>
@@ -23,13 +24,17 @@ bool is_set(const char* variable) {
     return value != nullptr && std::strcmp(value, "1") == 0;
 }
 
+void set_log_level(int32_t level) {
+    std::atomic_ref(sx_Debug).store(level, std::memory_order_relaxed);
+}
+
 void read_environment() {
     if (is_set("KST_LOG_DEBUG")) {
-        sx_Debug = 4;
+        set_log_level(4);
         log_always(at(kDriverSource), "Kestrel: Set log level to DEBUG");
     }
     if (is_set("KST_LOG_DEBUG_VERBOSE")) {
-        sx_Debug = 5;
+        set_log_level(5);
         log_always(at(kDriverSource), "Kestrel: Set log level to DEBUG_VERBOSE");
     }
 }
@@ -262,6 +267,8 @@ void C3gpInterface::Reset() {
 
 void C3gpInterface::FreeBuffers() {
     release(m_MediaSample);
+    release(m_MediaPiece);
+    m_uReadAhead = kFirstReadAhead;
     release(m_HintSample);
     release(m_SampleInfo);
     release(m_Taken);

@@ -14,6 +14,11 @@ using namespace kestrel;
 
 namespace {
 
+// Bytes that each constructor may have read ahead in its media sample besides as many again as it
+// takes, so that constructors which go back and forth between large samples do not have each of
+// them read time and again.
+constexpr uint32_t kReadAheadEach = 256;
+
 // What a read that fell short leaves to try.
 bool is_not_yet(uint32_t classification) {
     return classification == KST_IO_NOT_YET || classification == KST_IO_NOT_YET_ALSO;
@@ -116,7 +121,10 @@ void C3gpInterface::MarkPropBytesRead(unsigned int count) {
 bool C3gpInterface::GetNextFrame() {
     // Few bytes of tables can tell of billions of hint samples that make no sense.
     constexpr int kMostInvalid = 4096;
-    for (int passes = 0; passes < kMostInvalid; ++passes) {
+    constexpr uint64_t kMostInvalidBytes = 16 << 20;
+    const uint64_t from = m_uBytesHandled;
+    int passes = 0;
+    for (; passes < kMostInvalid && m_uBytesHandled - from <= kMostInvalidBytes; ++passes) {
         log_line(kVerbose, at(kDriverSource), "In do loop in GetNextFrame()");
         FinishPass();  // of an earlier call that failed there
         if (m_fEndOfFile) {
@@ -137,7 +145,7 @@ bool C3gpInterface::GetNextFrame() {
         if (m_uStatus == KST_NOT_YET) return true;
     }
     fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "%s: No valid hint sample among the next %d",
-         m_szMedium, kMostInvalid);
+         m_szMedium, passes);
 }
 
 // Has the writer make a frame of the current hint sample; false when that makes no sense. The
@@ -193,20 +201,44 @@ bool C3gpInterface::GetCurrentHintSample() {
     return ReadBytes(m_HintSample, m_uHintOffset, HintSampleSize(m_Now));
 }
 
-unsigned int C3gpInterface::GetMediaSample(unsigned int mediaSample, const unsigned char** bytes) {
+const unsigned char* C3gpInterface::GetMediaBytes(unsigned int mediaSample, uint32_t offset,
+                                                  uint32_t length) {
     const bool known = mediaSample >= 1 && mediaSample <= m_SampleInfo.size() &&
                        m_SampleInfo[mediaSample - 1].uSize > 0;
     // Not the "no data yet" of a sample that has not arrived: this one never will, so only what
     // refers to it is dropped instead of the frame being waited for.
     if (!known) throw PropFile::kInvalidContent;
-    if (m_uMediaSampleHeld != mediaSample) {
-        const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
-        m_uMediaSampleHeld = 0;
-        if (!ReadBytes(m_MediaSample, sample.uOffset, sample.uSize)) return 0;
-        m_uMediaSampleHeld = mediaSample;
+    const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
+    m_uReadAhead += kReadAheadEach + 2 * uint64_t{length};
+    m_uBytesHandled += length;
+    const bool hold = m_uMediaSampleHeld == mediaSample || sample.uSize <= m_uReadAhead;
+    if (hold && !HoldMediaSample(mediaSample)) return nullptr;
+    if (!hold && !HasArrived(sample)) return nullptr;
+    if (offset > sample.uSize || length > sample.uSize - offset) throw PropFile::kInvalidContent;
+    if (hold) return m_MediaSample.data() + offset;
+    const bool there = length == 0 || ReadBytes(m_MediaPiece, sample.uOffset + offset, length);
+    return there ? m_MediaPiece.data() : nullptr;
+}
+
+// Has the whole sample in memory; false when it has not arrived.
+bool C3gpInterface::HoldMediaSample(unsigned int mediaSample) {
+    if (m_uMediaSampleHeld == mediaSample) return true;
+    const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
+    m_uMediaSampleHeld = 0;
+    if (!ReadBytes(m_MediaSample, sample.uOffset, sample.uSize)) return false;
+    m_uMediaSampleHeld = mediaSample;
+    m_uReadAhead -= sample.uSize;
+    return true;
+}
+
+// Whether the last byte of a sample is there, and so, in a file that arrives in order, all.
+bool C3gpInterface::HasArrived(const _TAG_SAMPLEINFO& sample) {
+    const uint64_t last = uint64_t{sample.uOffset} + sample.uSize - 1;
+    if (last > UINT32_MAX) {
+        m_uStatus = KST_NOT_YET;
+        return false;
     }
-    *bytes = m_MediaSample.data();
-    return static_cast<unsigned int>(m_MediaSample.size());
+    return ReadBytes(m_MediaPiece, static_cast<uint32_t>(last), 1);
 }
 
 // Fills `to`; false, with the status set, when not all of the bytes can be had yet. Grows with what
@@ -217,6 +249,7 @@ bool C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset, u
     while (to.size() < size) {
         const size_t had = to.size();
         const uint32_t now = std::min(static_cast<uint32_t>(size - had), kTrustedBytes);
+        m_uBytesHandled += now;
         to.resize(had + now);
         const uint64_t from = uint64_t{offset} + had;
         uint32_t got = 0;

@@ -95,6 +95,10 @@ int read_avcC(iso_file* file, uint32_t body);
 // Keeps a copy of decoder-specific information in the track; false when there is no memory.
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes);
 
+// Puts the parameter sets of the track's `avcC` behind start codes, as far as there is room for
+// them, and returns the length of all.
+size_t put_start_coded_sets(const iso_track* track, std::span<uint8_t> to);
+
 // Brings a track's tables into agreement when its `stbl` has been read: fills the chunk ends, sets
 // the cursor to the first sample. 0, or -1 when the tables cannot be used.
 int check_tables(iso_track* track);

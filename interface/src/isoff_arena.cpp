@@ -1,3 +1,4 @@
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,11 @@ constexpr size_t kOwnBlockFrom = 2047993;  // a need from here on gets a block o
 
 static_assert(sizeof(void*) <= kBlockHeader);
 
+// The counters are plain integers to the host, and count for every thread.
+void count_one(int32_t& counter) {
+    std::atomic_ref(counter).fetch_add(1, std::memory_order_relaxed);
+}
+
 void set_next_block(void* block, void* next) {
     std::memcpy(block, &next, sizeof next);
 }
@@ -38,7 +44,10 @@ bool getChunk(iso_file* file, size_t rounded) {
                             ? rounded + kAllocationHeader + kBlockHeader
                             : kBlockSize;
     void* block = std::malloc(size);
-    if (block == nullptr) return false;
+    if (block == nullptr) {
+        file->lacked_memory = 1;
+        return false;
+    }
     set_next_block(block, nullptr);
     if (file->last_chunk == nullptr) {
         file->first_chunk = block;
@@ -61,21 +70,21 @@ void* isoFFmalloc(iso_file* file, size_t size) {
     void* memory = file->chunk_next + kAllocationHeader;
     file->chunk_next += rounded + kAllocationHeader;
     file->chunk_free -= rounded + kAllocationHeader;
-    malloccount++;
+    count_one(malloccount);
     return memory;
 }
 
 void isoFFfree(void*) {
-    freecount++;
+    count_one(freecount);
 }
 
 void* systemmalloc(size_t size) {
-    malloccount++;
+    count_one(malloccount);
     return std::malloc(size);
 }
 
 void systemfree(void* memory) {
-    if (memory != nullptr) freecount++;
+    if (memory != nullptr) count_one(freecount);
     std::free(memory);
 }
 

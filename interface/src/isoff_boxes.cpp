@@ -63,6 +63,7 @@ uint8_t* read_into_arena(iso_file* file, uint32_t size) {
     uint32_t read = 0;
     bool no_memory = false;
     uint8_t* grown = read_growing(file, size, read, no_memory);
+    if (no_memory) file->lacked_memory = 1;
     if (grown == nullptr) return nullptr;
     auto* bytes = static_cast<uint8_t*>(isoFFmalloc(file, size));
     if (bytes != nullptr) std::memcpy(bytes, grown, size);

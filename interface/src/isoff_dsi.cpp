@@ -183,18 +183,6 @@ bool replace_avcc(iso_track* track, std::span<const uint8_t> avcc) {
     return true;
 }
 
-// Appends every set of an `avcC` behind a start code.
-void append_start_coded(std::span<const uint8_t> avcc, std::vector<uint8_t>& to) {
-    ByteReader reader(avcc);
-    read_avcc_header(reader);
-    const auto append = [&](std::span<const uint8_t> set) {
-        to.insert(to.end(), std::begin(kStartCode), std::end(kStartCode));
-        to.insert(to.end(), set.begin(), set.end());
-    };
-    visit_sets(reader, append);
-    visit_sets(reader, append);
-}
-
 // A system-allocated copy; null without memory.
 unsigned char* hand_over(const std::vector<uint8_t>& bytes) {
     auto* copy = static_cast<unsigned char*>(systemmalloc(std::max<size_t>(bytes.size(), 1)));
@@ -265,6 +253,24 @@ std::vector<uint8_t> make_avcc(const ParameterSets& sets) {
 
 }  // namespace
 
+size_t put_start_coded_sets(const iso_track* track, std::span<uint8_t> to) {
+    ByteReader reader({track->dsi, track->dsi_length});
+    read_avcc_header(reader);
+    size_t length = 0;
+    const auto put = [&](std::span<const uint8_t> bytes) {
+        const auto room = to.subspan(std::min(length, to.size()));
+        std::copy_n(bytes.begin(), std::min(bytes.size(), room.size()), room.begin());
+        length += bytes.size();
+    };
+    const auto put_set = [&](std::span<const uint8_t> set) {
+        put(kStartCode);
+        put(set);
+    };
+    visit_sets(reader, put_set);
+    visit_sets(reader, put_set);
+    return length;
+}
+
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
     if (bytes.size() > track->dsi_capacity || track->dsi == nullptr) {
         // The arena takes nothing back, so a configuration that keeps growing must not take a new
@@ -328,6 +334,7 @@ int read_avcC(iso_file* file, uint32_t) try {
     keep_param_sets(track, sets, block);
     return 0;
 } catch (const std::bad_alloc&) {
+    file->lacked_memory = 1;
     return -1;
 }
 
@@ -357,14 +364,13 @@ int isoFFsetDecoderSpecificInfo(iso_track* track, const void* dsi, int length) t
     return -1;
 }
 
-int isoFFGetDSIin3GPP(iso_track* track, int, unsigned char** out) try {
+int isoFFGetDSIin3GPP(iso_track* track, int, unsigned char** out) {
     if (track == nullptr || track->dsi == nullptr) return -1;
-    std::vector<uint8_t> sets;
-    append_start_coded({track->dsi, track->dsi_length}, sets);
-    *out = hand_over(sets);
-    return *out == nullptr ? -1 : static_cast<int>(sets.size());
-} catch (const std::bad_alloc&) {
-    return -1;
+    const size_t length = put_start_coded_sets(track, {});
+    *out = static_cast<unsigned char*>(systemmalloc(std::max<size_t>(length, 1)));
+    if (*out == nullptr) return -1;
+    put_start_coded_sets(track, {*out, length});
+    return static_cast<int>(length);
 }
 
 void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type, unsigned char* buffer,

@@ -93,7 +93,9 @@ int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* ca
     // The file is opened before any argument is checked; hosts may count on being asked.
     int error = 0;
     iso_file* file = isoFFopen(callbacks, "r", &error);
-    const int32_t status = check_arguments(handle_out, callbacks, mode);
+    int32_t status = check_arguments(handle_out, callbacks, mode);
+    const bool lacked_memory = file == nullptr || file->lacked_memory;
+    if (status == KST_SUCCESS && lacked_memory) status = KST_NO_MEMORY;
     if (status != KST_SUCCESS) {
         isoFFclose(file);
         return status;

@@ -155,13 +155,11 @@ unsigned int PropFile::ProcessRTPsampleconstructor(const unsigned char** p) {
         "sampleoffset(32):        %d\nbytesperblock(16):       %d\nsamplesperblock(16):     %d\n",
         fields.track_reference, fields.length, fields.sample_number, fields.sample_offset,
         fields.bytes_per_block, fields.samples_per_block);
-    const unsigned char* bytes = nullptr;
-    const unsigned int size = m_pDriver->GetMediaSample(fields.sample_number, &bytes);
-    if (size == 0) throw kNoMediaYet;
-    if (fields.sample_offset > size || fields.length > size - fields.sample_offset) {
-        throw kInvalidContent;
-    }
-    Append(bytes + fields.sample_offset, fields.length);
+    RequireRoom(fields.length);
+    const unsigned char* bytes =
+        m_pDriver->GetMediaBytes(fields.sample_number, fields.sample_offset, fields.length);
+    if (bytes == nullptr) throw kNoMediaYet;
+    Append(bytes, fields.length);
     return fields.length;
 }
 
@@ -252,11 +250,17 @@ void PropFile::AllocateFrame(uint32_t bytes, uint32_t most) {
     StartFrame();
 }
 
-void PropFile::Append(const void* bytes, uint32_t count) {
+void PropFile::RequireRoom(uint32_t count) const {
     if (count > m_uMostBytes - m_uFill) throw kInvalidContent;
+}
+
+void PropFile::Append(const void* bytes, uint32_t count) {
+    RequireRoom(count);
     const size_t needed = size_t{m_uFill} + count;
     if (needed > m_Buffer.size()) {
-        m_Buffer.resize(std::min<size_t>(std::max(needed, 2 * m_Buffer.size()), m_uMostBytes));
+        const size_t grown = std::min<size_t>(std::max(needed, 2 * m_Buffer.size()), m_uMostBytes);
+        m_Buffer.reserve(grown);  // exactly; resizing alone would double again
+        m_Buffer.resize(grown);
     }
     if (count > 0) std::memcpy(m_Buffer.data() + m_uFill, bytes, count);
     m_uFill += count;

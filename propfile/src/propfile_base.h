@@ -105,6 +105,7 @@ class PropFile {
 
   private:
     void Require(const unsigned char* p, uint32_t count) const;
+    void RequireRoom(uint32_t count) const;  // in the frame
     unsigned int ProcessConstructor(uint8_t type, const unsigned char** cursor);
 
     std::vector<unsigned char> m_Buffer;

@@ -19,10 +19,11 @@ Bytes HintFile::assemble(uint32_t at) const {
 }
 
 Bytes HintFile::hint_track(uint32_t at) const {
+    const Bytes tables = hint_tables ? hint_tables(at) : one_chunk_tables(hint_sizes, delta, at);
     return track({.id = 2,
                   .handler = "hint",
                   .entry = rtp_entry(max_packet, 8000, more_entry),
-                  .tables = join({one_chunk_tables(hint_sizes, delta, at), more_hint_tables}),
+                  .tables = join({tables, more_hint_tables}),
                   .extra = box("tref", {box("hint", {be32(media_track.id)})})});
 }
 

@@ -2,6 +2,8 @@
 #ifndef KESTREL_TESTS_HINT_FILE_H
 #define KESTREL_TESTS_HINT_FILE_H
 
+#include <functional>
+
 #include "tests/support/files.h"
 
 // A media track and its hint track, their samples in one `mdat`.
@@ -17,6 +19,8 @@ class HintFile {
     Bytes more_entry;
     Bytes more_hint_tables;  // further children of the hint track's `stbl`
     Bytes more_tracks;
+    // Sample tables of the hint track, whose samples begin at `at`, in place of the honest ones.
+    std::function<Bytes(uint32_t at)> hint_tables = {};
 
     void add_hint(const Bytes& hint_sample);
     Bytes build() const;

@@ -1,5 +1,8 @@
 #include "tests/support/playing.h"
 
+#include <algorithm>
+#include <cstdlib>
+
 namespace {
 
 // Waits for a host, as far as the schedule tells.
@@ -63,6 +66,32 @@ Played play_class(kst_host* host, const char* mode, const Playing& how) {
 
 }  // namespace
 
+std::ostream& operator<<(std::ostream& out, const Medium& medium) {
+    return out << medium.file << " " << medium.mode;
+}
+
+std::vector<Medium> sample_media() {
+    std::vector<Medium> media;
+    for (const std::string& name : sample_names()) {
+        const bool both = name.starts_with("av_");
+        const bool sound = name.find("amr") != std::string::npos || name.starts_with("aac");
+        if (sound) media.push_back({name, "ar"});
+        if (!sound || both) media.push_back({name, "vr"});
+    }
+    return media;
+}
+
+bool thorough() {
+    const char* set = std::getenv("KESTREL_THOROUGH");
+    return set != nullptr && *set == '1';
+}
+
+std::string name_of(const Medium& medium, Road road) {
+    const std::string stem = medium.file.substr(0, medium.file.find('.'));
+    return stem + (medium.mode[0] == 'a' ? "_audio" : "_video") +
+           (road == Road::kFunction ? "_function" : "_class");
+}
+
 ReadCall read_call(mm_Interface* handle, bool flag) {
     return
         [=](uint8_t* buffer, uint32_t* size) { return kst_ReadChunk(handle, buffer, size, flag); };
@@ -120,63 +149,144 @@ Bytes unpack_speech(const Bytes& stream, bool wide_band) {
     return out;
 }
 
+bool can_fault(std::string_view slot, FaultKind kind) {
+    const bool reads = slot == "SeekNRead" || slot == "IndexRead";
+    const bool has_place = slot != "SeekNWrite" && slot != "AdvanceRead";
+    return kind == FaultKind::kStatus || reads || (kind == FaultKind::kLie && has_place);
+}
+
 struct FaultyHost::Slots {
-    static FaultyHost& of(void* context) { return *static_cast<FaultyHost*>(context); }
-
-    template <typename Slot, typename... Arguments>
-    static uint32_t pass(void* context, const char* name, Slot slot, Arguments... arguments) {
-        FaultyHost& self = of(context);
-        const uint32_t fault = self.ask(name);
-        if (fault != KST_HOST_OK) return fault;
-        return (self.inner_->*slot)(self.inner_->Context, arguments...);
-    }
-
+    static constexpr uint32_t kElsewhere = 13;  // bytes away
     using Table = KST_IOSTREAM_CALLBACK_INTERFACE;
 
+    static FaultyHost& of(void* context) { return *static_cast<FaultyHost*>(context); }
+
+    // A call as the hooks have it.
+    struct Call {
+        Call(void* context, const char* name) : self(of(context)) {
+            const int number = self.calls;
+            halved = self.cut && self.cut(number);
+            overstated = self.overstate && self.overstate(number);
+            away = self.lie && self.lie(number) ? kElsewhere : 0;
+            status = self.ask(name);
+        }
+        template <typename Slot, typename... Arguments>
+        uint32_t pass(Slot slot, Arguments... arguments) const {
+            if (status != KST_HOST_OK) return status;
+            return (self.inner_->*slot)(self.inner_->Context, arguments...);
+        }
+        uint32_t allowed(uint32_t count) const { return halved ? count / 2 : count; }
+        void tell(uint32_t& got, uint32_t wanted) const {
+            if (overstated && status == KST_HOST_OK) got = wanted + 1000;
+        }
+
+        FaultyHost& self;
+        bool halved;
+        bool overstated;
+        uint32_t away;
+        uint32_t status;
+    };
+
     static uint32_t get_offset(void* c, uint32_t* offset) {
-        return pass(c, "GetOffset", &Table::GetOffset, offset);
+        const Call call(c, "GetOffset");
+        const uint32_t status = call.pass(&Table::GetOffset, offset);
+        *offset += call.away;
+        return status;
     }
-    static uint32_t seek(void* c, uint32_t offset) { return pass(c, "Seek", &Table::Seek, offset); }
+    static uint32_t seek(void* c, uint32_t offset) {
+        const Call call(c, "Seek");
+        return call.pass(&Table::Seek, offset + call.away);
+    }
     static uint32_t read(void* c, void* data, uint32_t* count, int32_t offset) {
-        *count = of(c).allowed(*count);
-        return pass(c, "SeekNRead", &Table::SeekNRead, data, count, offset);
+        const Call call(c, "SeekNRead");
+        const uint32_t wanted = *count;
+        *count = call.allowed(wanted);
+        const uint32_t status = call.pass(&Table::SeekNRead, data, count, offset);
+        if (call.away != 0)
+            std::reverse(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + *count);
+        call.tell(*count, wanted);
+        return status;
     }
     static uint32_t write(void* c, const void* data, uint32_t count, int32_t offset) {
-        return pass(c, "SeekNWrite", &Table::SeekNWrite, data, count, offset);
+        return Call(c, "SeekNWrite").pass(&Table::SeekNWrite, data, count, offset);
     }
     static uint32_t stream_size(void* c, uint32_t* size) {
-        return pass(c, "GetStreamSize", &Table::GetStreamSize, size);
+        const Call call(c, "GetStreamSize");
+        const uint32_t status = call.pass(&Table::GetStreamSize, size);
+        *size += call.away;
+        return status;
     }
     static uint32_t is_eof(void* c) {
-        FaultyHost& self = of(c);
-        return self.inner_->IsEOF(self.inner_->Context);
+        const FaultyHost& self = of(c);
+        return self.eof ? *self.eof : self.inner_->IsEOF(self.inner_->Context);
     }
     static uint32_t index_read(void* c, void* data, uint32_t offset, uint32_t count,
                                uint32_t* got) {
-        return pass(c, "IndexRead", &Table::IndexRead, data, offset, of(c).allowed(count), got);
+        const Call call(c, "IndexRead");
+        const uint32_t status =
+            call.pass(&Table::IndexRead, data, offset + call.away, call.allowed(count), got);
+        call.tell(*got, count);
+        return status;
     }
     static uint32_t advance(void* c, uint32_t offset) {
-        return pass(c, "AdvanceRead", &Table::AdvanceRead, offset);
+        return Call(c, "AdvanceRead").pass(&Table::AdvanceRead, offset);
     }
     static uint32_t check(void* c, uint32_t* result, uint32_t status) {
-        FaultyHost& self = of(c);
-        return self.inner_->CheckStatus(self.inner_->Context, result, status);
+        const FaultyHost& self = of(c);
+        const uint32_t answer = self.inner_->CheckStatus(self.inner_->Context, result, status);
+        if (self.classification) *result = *self.classification;
+        return answer;
     }
 };
 
 FaultyHost::FaultyHost(const Bytes& file)
-    : host_(kst_host_from_memory(file.data(), file.size())),
-      inner_(kst_host_callbacks(host_)),
-      table_{this,           Slots::get_offset,  Slots::seek,   Slots::read,
-             Slots::write,   Slots::stream_size, Slots::is_eof, Slots::index_read,
-             Slots::advance, Slots::check} {}
+    : FaultyHost(kst_host_from_memory(file.data(), file.size())) {}
+
+FaultyHost::FaultyHost() : FaultyHost(kst_host_for_writing_memory()) {}
+
+FaultyHost::FaultyHost(kst_host* host)
+    : host_(host), inner_(kst_host_callbacks(host_)), table_{this,           Slots::get_offset,
+                                                             Slots::seek,    Slots::read,
+                                                             Slots::write,   Slots::stream_size,
+                                                             Slots::is_eof,  Slots::index_read,
+                                                             Slots::advance, Slots::check} {}
 
 FaultyHost::~FaultyHost() {
     kst_host_close(host_);
 }
 
-uint32_t FaultyHost::allowed(uint32_t count) const {
-    return cut && cut(calls) ? count / 2 : count;
+Bytes FaultyHost::written() const {
+    size_t size = 0;
+    const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host_, &size));
+    return Bytes(bytes, bytes + size);
+}
+
+void FaultyHost::break_at(int at, const Fault& how) {
+    const auto hit = [at, good = how.for_good](int call) {
+        return call == at || (good && call > at);
+    };
+    switch (how.kind) {
+        case FaultKind::kStatus:
+            fault = [hit, status = how.status](int call) -> uint32_t {
+                return hit(call) ? status : uint32_t{KST_HOST_OK};
+            };
+            break;
+        case FaultKind::kShort:
+            cut = hit;
+            break;
+        case FaultKind::kTooMany:
+            overstate = hit;
+            break;
+        case FaultKind::kLie:
+            lie = hit;
+            break;
+    }
+}
+
+void FaultyHost::mend() {
+    fault = nullptr;
+    cut = overstate = lie = nullptr;
+    eof = classification = std::nullopt;
 }
 
 uint32_t FaultyHost::ask(const char* name) {

@@ -4,6 +4,8 @@
 
 #include <functional>
 #include <optional>
+#include <ostream>
+#include <string_view>
 
 #include "kestrel/c3gpinterface.h"
 #include "kestrel/hosts.h"
@@ -13,6 +15,10 @@
 // The library's two ways in: kst_Open and C3gpInterface.
 enum class Road { kFunction, kClass };
 
+// Whether the environment has KESTREL_THOROUGH=1, for tests that otherwise take a part of the
+// cases.
+bool thorough();
+
 // How a test plays.
 struct Playing {
     Road road = Road::kFunction;
@@ -21,6 +27,19 @@ struct Playing {
     // How many steps of the host a wait takes; unset: one.
     std::function<uint32_t()> steps = {};
 };
+
+// A sample file and a mode that is at home in it.
+struct Medium {
+    std::string file;
+    const char* mode;
+};
+std::ostream& operator<<(std::ostream& out, const Medium& medium);
+
+// Of all sample files; of one with sound and pictures, both.
+std::vector<Medium> sample_media();
+
+// What a test of a medium on a road is called.
+std::string name_of(const Medium& medium, Road road);
 
 // What came of playing a track.
 struct Played {
@@ -53,11 +72,47 @@ ReadThrough read_through_failures(const ReadCall& read, uint32_t request = KST_L
 // The speech file (RFC 4867, 5) that an audio stream was made from.
 Bytes unpack_speech(const Bytes& stream, bool wide_band);
 
+// What a host call can come to other than what was asked for.
+enum class FaultKind {
+    kStatus,   // the call does nothing and returns a status
+    kShort,    // a read delivers half of what is wanted, and says so
+    kTooMany,  // a read says that it delivered more than was wanted
+    kLie,      // the call works on, or tells of, another place in the file
+};
+
+struct Fault {
+    const char* name;
+    FaultKind kind;
+    uint32_t status;  // of kStatus
+    bool for_good;    // not once, but from then on
+
+    // Whether nothing that the call said was untrue, so that nothing may be lost.
+    bool honest() const { return kind == FaultKind::kStatus || kind == FaultKind::kShort; }
+};
+
+inline constexpr Fault kFaults[] = {
+    {"once", FaultKind::kStatus, KST_HOST_FAILED, false},
+    {"for good", FaultKind::kStatus, KST_HOST_FAILED, true},
+    {"not yet", FaultKind::kStatus, KST_HOST_NOT_YET, false},
+    {"not yet, for ever", FaultKind::kStatus, KST_HOST_NOT_YET, true},
+    {"not yet, the other way", FaultKind::kStatus, KST_IO_NOT_YET_ALSO, false},
+    {"short", FaultKind::kShort, KST_HOST_OK, false},
+    {"short, for ever", FaultKind::kShort, KST_HOST_OK, true},
+    {"too many", FaultKind::kTooMany, KST_HOST_OK, false},
+    {"too many, for ever", FaultKind::kTooMany, KST_HOST_OK, true},
+    {"elsewhere", FaultKind::kLie, KST_HOST_OK, false},
+    {"elsewhere, for ever", FaultKind::kLie, KST_HOST_OK, true},
+};
+
+// Whether a call of the slot can come to that.
+bool can_fault(std::string_view slot, FaultKind kind);
+
 // A host over memory whose calls can be made to fail. The statuses it returns are those of
 // kst_host.
 class FaultyHost {
   public:
     explicit FaultyHost(const Bytes& file);  // which is kept by the caller
+    FaultyHost();                            // an empty one, to be written
     explicit FaultyHost(Bytes&&) = delete;
     FaultyHost(const FaultyHost&) = delete;
     FaultyHost& operator=(const FaultyHost&) = delete;
@@ -65,19 +120,31 @@ class FaultyHost {
 
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks() { return &table_; }
     void rewind() { kst_host_rewind(host_); }
+    Bytes written() const;
+
+    // From then on, or at that call only, the calls are at fault that can be; mend() ends it.
+    void break_at(int call, const Fault& how);
+    void mend();
 
     // Asked before each call with its number, from 0; a status other than KST_HOST_OK is returned
     // in place of the call.
     std::function<uint32_t(int call)> fault;
     // Asked before each read that no fault stops; true has it deliver half of what is wanted.
     std::function<bool(int call)> cut;
+    // The same for calls that tell too much or of another place.
+    std::function<bool(int call)> overstate;
+    std::function<bool(int call)> lie;
+    // What IsEOF and CheckStatus say, whatever holds; their calls are not counted.
+    std::optional<uint32_t> eof;
+    std::optional<uint32_t> classification;
     int calls = 0;
-    std::vector<std::string> names;  // of the slots called, in order
+    std::vector<std::string_view> names;  // of the slots called, in order
 
   private:
     struct Slots;
     uint32_t ask(const char* name);
-    uint32_t allowed(uint32_t count) const;
+
+    explicit FaultyHost(kst_host* host);
 
     kst_host* host_;
     KST_IOSTREAM_CALLBACK_INTERFACE* inner_;

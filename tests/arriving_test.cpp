@@ -1,0 +1,131 @@
+#include <gtest/gtest.h>
+
+#include <iostream>
+#include <random>
+
+#include "common/bytes.h"
+#include "tests/support/playing.h"
+
+// Every sample file on both roads while it arrives: whatever the steps in which it comes, it plays
+// to the bytes and the status of the whole file. With KESTREL_THOROUGH=1 in the environment, large
+// files arrive byte by byte as well.
+
+namespace {
+
+struct BoxPlace {
+    size_t at;
+    size_t end;
+    std::string type;
+};
+
+// The boxes at the top and in the movie box, in the order of their ends.
+std::vector<BoxPlace> find_boxes(const Bytes& file) {
+    std::vector<BoxPlace> boxes;
+    const auto walk = [&](const auto& self, size_t at, size_t end) -> void {
+        while (at + 8 <= end) {
+            const size_t next = at + kestrel::load_be32(&file[at]);
+            const std::string type(file.begin() + static_cast<long>(at + 4),
+                                   file.begin() + static_cast<long>(at + 8));
+            if (type == "moov") self(self, at + 8, next);
+            boxes.push_back({at, next, type});
+            at = next;
+        }
+    };
+    walk(walk, 0, file.size());
+    return boxes;
+}
+
+// The class needs the header of every box to open, so what is behind the media would make it wait
+// for all.
+Bytes without_tail(Bytes file) {
+    const BoxPlace last = find_boxes(file).back();
+    if (last.type == "free") file.resize(last.at);
+    return file;
+}
+
+class Arrival {
+  public:
+    Arrival(const Medium& medium, Road road)
+        : medium_(medium), road_(road), file_(without_tail(read_sample(medium.file))) {
+        whole_ = play(file_, medium.mode, {.road = road});
+    }
+    const Bytes& file() const { return file_; }
+    const Played& whole() const { return whole_; }
+    int played() const { return played_; }
+    int waits() const { return waits_; }
+
+    // Each wait brings what `steps` answers. Such a schedule is made anew for each time of playing.
+    void expect_whole(const std::function<std::function<uint32_t()>()>& schedule,
+                      const std::string& what) {
+        for (const bool flag : {true, false}) {
+            const Playing how{.road = road_, .request = 1000, .flag = flag, .steps = schedule()};
+            const Played played = play_arriving(file_, medium_.mode, 1, sized(how));
+            ASSERT_EQ(played.status, whole_.status) << what;
+            ASSERT_TRUE(played.stream == whole_.stream)
+                << what << (flag ? " with" : " without") << " flag";
+            ++played_;
+            waits_ += played.waits;
+        }
+    }
+    void expect_whole(uint32_t piece) {
+        expect_whole([=] { return [=] { return piece; }; }, "pieces of " + std::to_string(piece));
+    }
+
+  private:
+    // Chunks of the function road are asked for with room for any.
+    Playing sized(Playing how) const {
+        if (road_ == Road::kFunction) how.request = KST_LARGEST_CHUNK;
+        return how;
+    }
+
+    Medium medium_;
+    Road road_;
+    Bytes file_;
+    Played whole_;
+    int played_ = 0;
+    int waits_ = 0;
+};
+
+class EverySample : public testing::TestWithParam<std::tuple<Medium, Road>> {};
+
+TEST_P(EverySample, PlaysAlikeHoweverItArrives) {
+    const auto& [medium, road] = GetParam();
+    Arrival arrival(medium, road);
+    for (const uint32_t piece : {1u, 61u, 299u, 1400u, 4001u, 65536u}) {
+        // Each step of a file that is not open yet is another open.
+        const size_t steps = arrival.file().size() / piece;
+        if (steps <= (arrival.whole().opened ? 20000u : 100u) || thorough())
+            arrival.expect_whole(piece);
+    }
+    const std::vector<BoxPlace> boxes = find_boxes(arrival.file());
+    arrival.expect_whole(
+        [&] {
+            return [&boxes, revealed = size_t{0}, next = size_t{0}]() mutable {
+                const size_t end = next < boxes.size() ? boxes[next++].end : revealed + 1;
+                const size_t step = end - revealed;
+                revealed = end;
+                return static_cast<uint32_t>(step);
+            };
+        },
+        "box by box");
+    const uint32_t seed = std::random_device()();
+    std::mt19937 random(seed);
+    for (int round = 0; round < 8; ++round) {
+        const uint32_t most = 64u << round;
+        arrival.expect_whole(
+            [&] { return [&random, most] { return 1 + static_cast<uint32_t>(random()) % most; }; },
+            "random, seed " + std::to_string(seed));
+    }
+    std::cout << arrival.played() << " schedules, " << arrival.waits()
+              << " waits while playing, seed " << seed << "\n";
+    if (arrival.whole().opened && boxes.back().type == "mdat") {
+        EXPECT_GT(arrival.waits(), 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, EverySample,
+                         testing::Combine(testing::ValuesIn(sample_media()),
+                                          testing::Values(Road::kFunction, Road::kClass)),
+                         [](const auto& row) { return std::apply(name_of, row.param); });
+
+}  // namespace

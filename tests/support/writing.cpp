@@ -1,0 +1,84 @@
+#include "tests/support/writing.h"
+
+#include "kestrel/codec.h"
+#include "kestrel/hosts.h"
+#include "kestrel/isoff.h"
+
+namespace {
+
+struct Track {
+    iso_track* media = nullptr;
+    iso_track* hint = nullptr;
+    Bytes sample = {};
+};
+
+std::vector<Track> make_tracks(iso_file* file, const Around& around) {
+    const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
+    H263VCFG h263{};
+    h263.width = 176;
+    h263.height = 144;
+    h263.timescale = 3000;
+    h263.level = 10;
+    const Bytes picture = join({{0, 0, 0x80, 2, 8}, Bytes(3000, 0x55)});
+    std::vector<Track> tracks(4);
+    tracks[0].sample = Bytes(32, 0x3C);
+    tracks[1].sample = tracks[2].sample = picture;
+    tracks[3].sample = join({{0, 0, 0x0B, 0xB8}, Bytes(3000, 0x65)});
+    around([&] {
+        tracks[0].media = amr_isoFFtrack(file, 0, 0x81FF, 1);
+        tracks[1].media = h263_isoFFtrack(file, &h263);
+        tracks[2].media = mpeg4_isoFFtrack(file, "abc", 3, 128, 96, 90000);
+        tracks[3].media = h264_isoFFtrack(file, avcc, sizeof avcc, 352, 288, 15360);
+        for (Track& track : tracks)
+            track.hint = rtp_isoFFtrack(file, track.media, 1400, 96, ISO_H263_RFC4629);
+    });
+    return tracks;
+}
+
+void write_sample(Track& track, const Around& around, Writing& writing) {
+    constexpr int kDuration = 160;
+    const auto size = static_cast<int>(track.sample.size());
+    const auto note = [&](int result) {
+        if (result < 0) writing.failures.push_back(result);
+        writing.samples += result > 0;
+        return result > 0;
+    };
+    int result = 0;
+    if (track.media == nullptr) return;
+    around([&] { result = isoFFwrite(track.media, track.sample.data(), size, kDuration, 0); });
+    if (!note(result) || track.hint == nullptr) return;
+    around([&] { result = isoFFwriteHint(track.hint, track.sample.data(), size, kDuration, 0); });
+    note(result);
+}
+
+}  // namespace
+
+Writing write_every_codec(KST_IOSTREAM_CALLBACK_INTERFACE* stream, bool direct,
+                          const Around& around) {
+    constexpr int kSamples = 3;
+    Writing writing;
+    iso_file* file = nullptr;
+    around([&] { file = isoFFopen(stream, "w", &writing.open_error); });
+    if (file == nullptr) return writing;
+    file->direct_write = direct;
+    file->creation_time = file->modification_time = 0;
+    std::vector<Track> tracks = make_tracks(file, around);
+    for (int i = 0; i < kSamples; ++i) {
+        for (Track& track : tracks)
+            write_sample(track, around, writing);
+    }
+    around([&] { writing.closed = isoFFclose(file); });
+    return writing;
+}
+
+int32_t samples_in(const Bytes& bytes) {
+    kst_host* host = kst_host_from_memory(bytes.data(), bytes.size());
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
+    iso_file* file = isoFFopen(callbacks, "r", nullptr);
+    int32_t samples = 0;
+    for (int i = 1; const iso_track* track = isoFFselect(file, nullptr, i); ++i)
+        samples += track->sample_count;
+    isoFFclose(file);
+    kst_host_close(host);
+    return samples;
+}
