@@ -409,8 +409,8 @@ KESTREL_API int isoFFreadAt(iso_track* track, int sample, int offset, void* buff
 KESTREL_API int isoFFsetPosition(iso_track* track, int sample);
 
 // The largest time, in seconds, that one track runs on in the file before another's data begins;
-// 0.0 with fewer than two tracks that have samples, -1.0 without memory. Tables that lay millions of
-// samples on top of each other are not looked through to their end.
+// 0.0 with fewer than two tracks that have samples, -1.0 without memory. Tables that lay millions
+// of samples on top of each other are not looked through to their end.
 KESTREL_API double isoFFgetInterleave(iso_file* file);
 
 // Of the hint tracks that refer to `media` and whose packets are at most `max_packet` bytes long,
