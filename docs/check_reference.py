@@ -13,8 +13,8 @@ EXEMPT = {"C3gpInterface", "~C3gpInterface", "operator=", "visit_fields"}
 
 
 def described(member):
-    return any("".join(member.find(part).itertext()).strip()
-               for part in ("briefdescription", "detaileddescription"))
+    return any("".join(member.find(text).itertext()).strip()
+               for text in ("briefdescription", "detaileddescription"))
 
 
 def main():

@@ -10,46 +10,47 @@
 #include <unistd.h>
 
 /* The statuses of this host are its own affair; check_status tells the library what they mean. */
-enum { OK = 0, FAILED = 1 };
+static const uint32_t kOk = 0;
+static const uint32_t kFailed = 1;
 
 static int fd_of(void* context) {
     return *(const int*)context;
 }
 
 static uint32_t seek(void* context, uint32_t offset) {
-    return lseek(fd_of(context), (off_t)offset, SEEK_SET) < 0 ? FAILED : OK;
+    return lseek(fd_of(context), (off_t)offset, SEEK_SET) < 0 ? kFailed : kOk;
 }
 
 static uint32_t get_offset(void* context, uint32_t* offset) {
     const off_t at = lseek(fd_of(context), 0, SEEK_CUR);
     *offset = (uint32_t)at;
-    return at < 0 ? FAILED : OK;
+    return at < 0 ? kFailed : kOk;
 }
 
 static uint32_t seek_n_read(void* context, void* data, uint32_t* count, int32_t offset) {
-    if (offset != -1 && seek(context, (uint32_t)offset) != OK) return FAILED;
+    if (offset != -1 && seek(context, (uint32_t)offset) != kOk) return kFailed;
     const ssize_t got = read(fd_of(context), data, *count);
     *count = got < 0 ? 0 : (uint32_t)got;
-    return got < 0 ? FAILED : OK;
+    return got < 0 ? kFailed : kOk;
 }
 
 /* Playing writes nothing. */
 static uint32_t seek_n_write(void* context, const void* data, uint32_t count, int32_t offset) {
     (void)context, (void)data, (void)count, (void)offset;
-    return FAILED;
+    return kFailed;
 }
 
 static uint32_t get_stream_size(void* context, uint32_t* size) {
     struct stat about;
-    if (fstat(fd_of(context), &about) != 0) return FAILED;
+    if (fstat(fd_of(context), &about) != 0) return kFailed;
     *size = (uint32_t)about.st_size;
-    return OK;
+    return kOk;
 }
 
 static uint32_t is_eof(void* context) {
     uint32_t offset = 0;
     uint32_t size = 0;
-    return get_offset(context, &offset) == OK && get_stream_size(context, &size) == OK &&
+    return get_offset(context, &offset) == kOk && get_stream_size(context, &size) == kOk &&
            offset >= size;
 }
 
@@ -57,19 +58,19 @@ static uint32_t index_read(void* context, void* data, uint32_t offset, uint32_t 
                            uint32_t* bytes_read) {
     const ssize_t got = pread(fd_of(context), data, count, (off_t)offset);
     *bytes_read = got < 0 ? 0 : (uint32_t)got;
-    return got < 0 ? FAILED : OK;
+    return got < 0 ? kFailed : kOk;
 }
 
 /* This host keeps the whole file, so that it need not know how far reading has come. */
 static uint32_t advance_read(void* context, uint32_t offset) {
     (void)context, (void)offset;
-    return OK;
+    return kOk;
 }
 
 static uint32_t check_status(void* context, uint32_t* result, uint32_t status) {
     (void)context;
     *result = status; /* 0 is KST_IO_OK, and any number without a meaning is a failure */
-    return OK;
+    return kOk;
 }
 
 int main(int argc, char** argv) {

@@ -44,6 +44,13 @@ def complete(*words):
     return sorted(result.stdout.split())
 
 
+def run_in(folder, line):
+    """Runs a command line as it is written, with the tool on the path."""
+    path = f"{TOOL.parent}:{os.environ['PATH']}"
+    subprocess.run(["bash", "-euo", "pipefail", "-c", line], cwd=folder, check=True,
+                   capture_output=True, env={**os.environ, "PATH": path})
+
+
 class ManPages(unittest.TestCase):
     def pages(self):
         yield "kestrel", ()
@@ -80,13 +87,18 @@ class ManPages(unittest.TestCase):
                 shutil.copy(SAMPLES / "h263_plain.3gp", f"{scratch}/plain.3gp")
                 for line in lines:
                     with self.subTest(page=source.name, line=line):
-                        self.run_in(scratch, line)
+                        run_in(scratch, line)
 
-    @staticmethod
-    def run_in(folder, line):
-        path = f"{TOOL.parent}:{os.environ['PATH']}"
-        subprocess.run(["bash", "-euo", "pipefail", "-c", line], cwd=folder, check=True,
-                       capture_output=True, env={**os.environ, "PATH": path})
+
+class Readme(unittest.TestCase):
+    def test_commands_run_as_written(self):
+        lines = re.findall(r"^    build/x64/bin/(kestrel .*)$", (ROOT / "README.md").read_text(),
+                           re.M)
+        self.assertGreater(len(lines), 2)
+        with tempfile.TemporaryDirectory() as scratch:
+            (pathlib.Path(scratch) / "samples").symlink_to(SAMPLES)
+            for line in lines:
+                run_in(scratch, line)
 
 
 class Completion(unittest.TestCase):

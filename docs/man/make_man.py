@@ -141,16 +141,16 @@ def page(tool, name, source):
     # The hand-written text: the description first, then what follows the options.
     if "@COMMANDS@" in source:
         source = source.replace("@COMMANDS@", commands(text))
-    parts = re.split(r"(?m)^(?=\.Sh )", source)
-    description, rest = parts[1], parts[2:]
+    sections = re.split(r"(?m)^(?=\.Sh )", source)
+    description, rest = sections[1], sections[2:]
     summary = text.summary[0].lower() + text.summary[1:]
     lines = [f".Dd {date()}", f".Dt {name.upper()} 1", ".Os", ".Sh NAME", f".Nm {name}",
              f".Nd {escape(summary)}", ".Sh SYNOPSIS", *synopsis(name.replace("-", " ", 1), text),
              description.rstrip("\n"), *options(text)]
-    own = {part.split("\n", 1)[0]: part.rstrip("\n") for part in rest}
+    own = {section.split("\n", 1)[0]: section.rstrip("\n") for section in rest}
     lines += own.pop(".Sh ENVIRONMENT", "").splitlines()
     lines += own.pop(".Sh EXIT STATUS", "\n".join(exit_status())).split("\n")
-    lines += [line for part in own.values() for line in part.split("\n")]
+    lines += [line for section in own.values() for line in section.split("\n")]
     return "\n".join(lines + see_also(tool, name)) + "\n"
 
 

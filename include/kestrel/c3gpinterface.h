@@ -274,8 +274,8 @@ class KESTREL_API C3gpInterface {
     unsigned char* GetPropBuffer(unsigned int* available);
     void MarkPropBytesRead(unsigned int count);
     bool GetCurrentHintSample();
-    uint32_t HintSampleSize(const Cursors& at) const;
-    uint64_t HintSampleOffset(const Cursors& at) const;
+    uint32_t HintSampleSize(const Cursors& where) const;
+    uint64_t HintSampleOffset(const Cursors& where) const;
     bool AdvanceToNextHintSample();
     void AdvanceChunk(Cursors& next);
     void AdvanceTime(Cursors& next);
