@@ -313,7 +313,7 @@ std::string read_file(
     const Bytes& bytes, const std::function<void(Simple3gp&)>& check = [](Simple3gp&) {}) {
     MemoryStream in(bytes);
     Simple3gp file;
-    const std::string message = message_of([&] { file.Read(in.io(), 0); });
+    std::string message = message_of([&] { file.Read(in.io(), 0); });
     check(file);
     return message;
 }

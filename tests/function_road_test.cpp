@@ -496,8 +496,8 @@ TEST(FunctionRoad, FramesOfASampleAndACutOne) {
 
 TEST(FunctionRoad, DumpShowsTenBytesALine) {
     uint8_t data[40];
-    for (uint8_t i = 0; i < sizeof data; ++i)
-        data[i] = i;
+    for (size_t i = 0; i < sizeof data; ++i)
+        data[i] = static_cast<uint8_t>(i);
     {
         const SyslogCapture log(4);
         kstutil_printData(data, 25);

@@ -15,7 +15,6 @@
 namespace {
 
 using kestrel::sample_size_of;
-using testing::HasSubstr;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 

@@ -11,7 +11,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 TEST(Log, LevelsDecideWhatIsWritten) {
     const kestrel::LogLevel levels[] = {kestrel::kError, kestrel::kWarning, kestrel::kDebug,

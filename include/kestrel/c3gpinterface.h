@@ -254,9 +254,11 @@ class KESTREL_API C3gpInterface {
     unsigned int GetSyncSample(unsigned int sample, unsigned int syncFlags);
     // The lowest media sample that the hint sample refers to, -1 when it refers to none.
     int GetMediaSample(unsigned int hintSample, unsigned int fileOffset, unsigned int size);
-    // Bytes of a media sample, valid until the next call; null when the sample has not arrived
-    // yet. Throws an unsigned int for bytes that the tables do not have.
-    const unsigned char* GetMediaBytes(unsigned int mediaSample, uint32_t offset, uint32_t length);
+    // A media sample's size, and `length` of its bytes from `offset` on through `bytes`, valid
+    // until the next call. 0 when the sample has not arrived yet. Throws an unsigned int for a
+    // sample that the tables do not have, and for bytes outside it.
+    unsigned int GetMediaSample(unsigned int mediaSample, uint32_t offset, uint32_t length,
+                                const unsigned char** bytes);
     bool HoldMediaSample(unsigned int mediaSample);
     bool HasArrived(const _TAG_SAMPLEINFO& sample);
     // The ticks of each of the track's samples, as many as its size table tells.
@@ -278,8 +280,8 @@ class KESTREL_API C3gpInterface {
     unsigned char* GetPropBuffer(unsigned int* available);
     void MarkPropBytesRead(unsigned int count);
     bool GetCurrentHintSample();
-    uint32_t HintSampleSize(const Cursors& at) const;
-    uint64_t HintSampleOffset(const Cursors& at) const;
+    uint32_t HintSampleSize(const Cursors& where) const;
+    uint64_t HintSampleOffset(const Cursors& where) const;
     bool AdvanceToNextHintSample();
     void AdvanceChunk(Cursors& next);
     void AdvanceTime(Cursors& next);

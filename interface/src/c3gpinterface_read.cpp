@@ -201,8 +201,8 @@ bool C3gpInterface::GetCurrentHintSample() {
     return ReadBytes(m_HintSample, m_uHintOffset, HintSampleSize(m_Now));
 }
 
-const unsigned char* C3gpInterface::GetMediaBytes(unsigned int mediaSample, uint32_t offset,
-                                                  uint32_t length) {
+unsigned int C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset,
+                                           uint32_t length, const unsigned char** bytes) {
     const bool known = mediaSample >= 1 && mediaSample <= m_SampleInfo.size() &&
                        m_SampleInfo[mediaSample - 1].uSize > 0;
     // Not the "no data yet" of a sample that has not arrived: this one never will, so only what
@@ -212,12 +212,12 @@ const unsigned char* C3gpInterface::GetMediaBytes(unsigned int mediaSample, uint
     m_uReadAhead += kReadAheadEach + 2 * uint64_t{length};
     m_uBytesHandled += length;
     const bool hold = m_uMediaSampleHeld == mediaSample || sample.uSize <= m_uReadAhead;
-    if (hold && !HoldMediaSample(mediaSample)) return nullptr;
-    if (!hold && !HasArrived(sample)) return nullptr;
+    if (hold && !HoldMediaSample(mediaSample)) return 0;
+    if (!hold && !HasArrived(sample)) return 0;
     if (offset > sample.uSize || length > sample.uSize - offset) throw PropFile::kInvalidContent;
-    if (hold) return m_MediaSample.data() + offset;
-    const bool there = length == 0 || ReadBytes(m_MediaPiece, sample.uOffset + offset, length);
-    return there ? m_MediaPiece.data() : nullptr;
+    if (!hold && length > 0 && !ReadBytes(m_MediaPiece, sample.uOffset + offset, length)) return 0;
+    *bytes = hold ? m_MediaSample.data() + offset : m_MediaPiece.data();
+    return sample.uSize;
 }
 
 // Has the whole sample in memory; false when it has not arrived.

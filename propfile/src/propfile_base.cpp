@@ -156,9 +156,10 @@ unsigned int PropFile::ProcessRTPsampleconstructor(const unsigned char** p) {
         fields.track_reference, fields.length, fields.sample_number, fields.sample_offset,
         fields.bytes_per_block, fields.samples_per_block);
     RequireRoom(fields.length);
-    const unsigned char* bytes =
-        m_pDriver->GetMediaBytes(fields.sample_number, fields.sample_offset, fields.length);
-    if (bytes == nullptr) throw kNoMediaYet;
+    const unsigned char* bytes = nullptr;
+    const unsigned int size = m_pDriver->GetMediaSample(fields.sample_number, fields.sample_offset,
+                                                        fields.length, &bytes);
+    if (size == 0) throw kNoMediaYet;
     Append(bytes, fields.length);
     return fields.length;
 }

@@ -1,0 +1,59 @@
+# The Debian packages: `scripts/package` makes them for amd64 and i386.
+set(KESTREL_MAINTAINER
+    "Kestrel maintainers <maintainers@kestrel.invalid>"
+    CACHE STRING "Maintainer field of the Debian packages")
+
+if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
+else()
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME kestrel)
+set(CPACK_PACKAGE_VENDOR Kestrel)
+set(CPACK_PACKAGE_CONTACT ${KESTREL_MAINTAINER})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL library development tools)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+
+# The dependencies are those that the binaries show, as dpkg-shlibdeps knows them.
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/package_config.cmake)
+set(CPACK_KESTREL_SHLIBDEPS ${CMAKE_CURRENT_LIST_DIR}/shlibdeps)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+
+set(same_version "(= ${PROJECT_VERSION})")
+
+# kestrel_package(COMPONENT NAME SECTION MULTIARCH SUMMARY CONTENTS). CPack has no variable for the
+# field Multi-Arch, so it goes behind another.
+macro(kestrel_package component name section multiarch summary contents)
+    set(CPACK_DEBIAN_${component}_PACKAGE_NAME ${name})
+    set(CPACK_DEBIAN_${component}_PACKAGE_SECTION "${section}\nMulti-Arch: ${multiarch}")
+    set(CPACK_DEBIAN_${component}_DESCRIPTION
+        "${summary}
+Kestrel reads 3GP files through callbacks of the host, also while they
+arrive, and delivers one track, speech or video, as a native stream.
+
+${contents}")
+endmacro()
+
+set(library_package libkestrel${PROJECT_VERSION_MAJOR})
+kestrel_package(LIBRARY ${library_package} libs same "library that reads 3GP files"
+                "This package has the shared libraries.")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+
+kestrel_package(
+    DEVELOPMENT libkestrel-dev libdevel same "library that reads 3GP files (development files)"
+    "This package has headers, files for pkg-config and CMake, and examples.")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} ${same_version}")
+
+kestrel_package(
+    TOOLS kestrel-tools video foreign "command-line tool for 3GP files"
+    "This package has the command kestrel, which shows, plays and mends files.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} ${same_version}")
+
+include(CPack)

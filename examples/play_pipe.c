@@ -1,0 +1,59 @@
+/* Plays one track of a file that arrives on standard input, while it arrives, and writes it to
+ * standard output as a native stream. Where the next data is not there yet, the library answers 17
+ * (KST_NOT_YET): wait for more, and make the same call again.
+ *
+ *     download | play_pipe MODE >STREAM
+ */
+#include <kestrel/hosts.h>
+#include <kestrel/kestrel.h>
+#include <stdio.h>
+#include <unistd.h>
+
+/* What has not arrived may be what opening needs. */
+static int32_t open_arriving(mm_Interface** handle, kst_host* host, const char* mode) {
+    for (;;) {
+        const int32_t status = kst_Open(handle, kst_host_callbacks(host), mode);
+        if (status != KST_FAILURE || kst_host_is_complete(host)) return status;
+        if (kst_host_wait(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
+        kst_host_rewind(host);
+    }
+}
+
+/* A first video frame that has not arrived is a failure without a byte. */
+static bool is_not_yet(int32_t status, uint32_t size) {
+    return status == KST_NOT_YET || (status == KST_FAILURE && size == 0);
+}
+
+static int32_t read_arriving(mm_Interface* handle, kst_host* host, unsigned char* chunk,
+                             uint32_t* size) {
+    for (;;) {
+        *size = KST_LARGEST_CHUNK;
+        const int32_t status = kst_ReadChunk(handle, chunk, size, true);
+        if (!is_not_yet(status, *size) || kst_host_is_complete(host)) return status;
+        if (kst_host_wait(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
+    }
+}
+
+int main(int argc, char** argv) {
+    if (argc != 2) return 2;
+    kst_host* host = kst_host_from_pipe(STDIN_FILENO);
+    if (host == NULL) {
+        perror("play_pipe");
+        return 1;
+    }
+
+    static unsigned char chunk[KST_LARGEST_CHUNK];
+    mm_Interface* handle = NULL;
+    int32_t status = open_arriving(&handle, host, argv[1]);
+    while (status == KST_SUCCESS) {
+        uint32_t size = 0;
+        status = read_arriving(handle, host, chunk, &size);
+        if (status == KST_SUCCESS) fwrite(chunk, 1, size, stdout);
+    }
+    kst_Close(&handle);
+    kst_host_close(host);
+
+    if (status == KST_END_OF_FILE && fflush(stdout) == 0) return 0;
+    fprintf(stderr, "play_pipe: %s\n", kst_StatusString(status));
+    return 1;
+}

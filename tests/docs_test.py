@@ -1,0 +1,156 @@
+"""What is written about Kestrel is so: quotes are the files' text, links lead somewhere, man pages
+and completion know every option, and the examples of man pages run as written."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+TOOL = pathlib.Path(os.environ["KESTREL_TOOL"])
+MAN = pathlib.Path(os.environ["KESTREL_MAN"])
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+COMPLETION = ROOT / "tools" / "completion" / "kestrel"
+SAMPLES = ROOT / "samples"
+
+
+def tool_help(*command):
+    return subprocess.run([TOOL, *command, "--help"], check=True, capture_output=True,
+                          text=True).stdout
+
+
+def listed(text, title):
+    """The first words of the entries of one list in a help text."""
+    body = re.search(rf"^{title}:\n((?:  .*\n)+)", text, re.M)
+    return re.findall(r"^  (\S+)", body.group(1), re.M) if body else []
+
+
+def commands():
+    return listed(tool_help(), "Subcommands")
+
+
+def options(*command):
+    return [name for entry in listed(tool_help(*command), "Options") for name in entry.split(",")]
+
+
+def complete(*words):
+    """What Bash offers for the last of the words."""
+    script = (f'source "{COMPLETION}"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
+              '_kestrel "$1"; printf "%s\\n" "${COMPREPLY[@]}"')
+    result = subprocess.run(["bash", "-c", script, "bash", TOOL, *words], check=True,
+                            capture_output=True, text=True)
+    return sorted(result.stdout.split())
+
+
+def run_in(folder, line):
+    """Runs a command line as it is written, with the tool on the path."""
+    path = f"{TOOL.parent}:{os.environ['PATH']}"
+    subprocess.run(["bash", "-euo", "pipefail", "-c", line], cwd=folder, check=True,
+                   capture_output=True, env={**os.environ, "PATH": path})
+
+
+class ManPages(unittest.TestCase):
+    def pages(self):
+        yield "kestrel", ()
+        for command in commands():
+            yield f"kestrel-{command}", (command,)
+
+    def test_each_command_has_a_page_with_every_option(self):
+        for name, command in self.pages():
+            with self.subTest(page=name):
+                page = MAN / f"{name}.1"
+                self.assertTrue(page.exists(), f"write docs/man/{name}.mdoc")
+                text = subprocess.run(["mandoc", "-Tascii", page], check=True, capture_output=True,
+                                      text=True).stdout
+                text = re.sub(".\x08", "", text)  # bold and underlined
+                entries = set(re.findall(r"^ {5}(?=-)(.*)$", text, re.M))
+                told = {word.strip(",") for entry in entries for word in entry.split()}
+                self.assertEqual([], [option for option in options(*command)
+                                      if option not in told])
+                for positional in listed(tool_help(*command), "Positionals"):
+                    self.assertRegex(text, rf"(?m)^ {{5}}{positional}\b")
+
+    def test_mandoc_finds_nothing_to_complain_of(self):
+        for page in MAN.glob("*.1"):
+            result = subprocess.run(["mandoc", "-Tlint", "-Wwarning", page], check=False,
+                                    capture_output=True, text=True)
+            self.assertEqual((result.returncode, result.stdout), (0, ""))
+
+    def test_examples_run_as_written(self):
+        for source in sorted((ROOT / "docs" / "man").glob("*.mdoc")):
+            lines = re.findall(r"^\.Dl (.*)$", source.read_text(), re.M)
+            self.assertTrue(lines, f"{source.name} has no example")
+            with tempfile.TemporaryDirectory() as scratch:
+                shutil.copy(SAMPLES / "av_h263_amrnb_hinted.3gp", f"{scratch}/clip.3gp")
+                shutil.copy(SAMPLES / "h263_plain.3gp", f"{scratch}/plain.3gp")
+                for line in lines:
+                    with self.subTest(page=source.name, line=line):
+                        run_in(scratch, line)
+
+
+class Readme(unittest.TestCase):
+    def test_commands_run_as_written(self):
+        lines = re.findall(r"^    build/x64/bin/(kestrel .*)$", (ROOT / "README.md").read_text(),
+                           re.M)
+        self.assertGreater(len(lines), 2)
+        with tempfile.TemporaryDirectory() as scratch:
+            (pathlib.Path(scratch) / "samples").symlink_to(SAMPLES)
+            for line in lines:
+                run_in(scratch, line)
+
+
+class Completion(unittest.TestCase):
+    def test_offers_what_the_help_tells(self):
+        self.assertEqual(complete(""), sorted(commands() + options()))
+        for command in commands():
+            self.assertEqual(complete(command, "-"), sorted(options(command)), command)
+
+    def test_offers_what_fits_what_was_begun(self):
+        cases = {
+            ("ex",): ["extract"],
+            ("extract", "--ou"): ["--output"],
+            ("extract", "clip.3gp", "ar", "--road", ""): ["class", "function"],
+            ("extract", "clip.3gp", "vr", "--sync", "n"): ["nearest", "next"],
+            ("extract", "--output", ""): [],  # a file, which Bash looks up
+            ("extract", ""): [],
+            ("nonsense", "--"): ["--help", "--version"],
+        }
+        for words, offered in cases.items():
+            self.assertEqual(complete(*words), offered, words)
+
+
+class Documents(unittest.TestCase):
+    documents = [ROOT / name for name in ("README.md", "CHANGELOG.md", "CONTRIBUTING.md",
+                                          "SECURITY.md")] + sorted((ROOT / "docs").glob("*.md"))
+
+    def test_links_lead_somewhere(self):
+        for document in self.documents:
+            for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", document.read_text()):
+                self.assertTrue((document.parent / link).exists(), f"{document.name}: {link}")
+
+    def test_every_document_is_in_the_index(self):
+        index = (ROOT / "docs" / "index.md").read_text()
+        for document in (ROOT / "docs").glob("*.md"):
+            if document.name != "index.md":
+                self.assertIn(f"({document.name})", index)
+
+    def test_quotes_are_the_text_of_the_files(self):
+        """A quote is an indented block behind a line that ends with the link of its file."""
+        text = (ROOT / "README.md").read_text()
+        quotes = re.findall(r"\]\((examples/\S+)\)[^\n]*:\n\n((?:(?:    .*)?\n)+)", text)
+        self.assertEqual({file for file, _ in quotes},
+                         {f"examples/{path.name}" for path in (ROOT / "examples").glob("*.c*")})
+        for file, quote in quotes:
+            lines = re.sub("(?m)^    ", "", quote).strip("\n").split("\n")
+            whole = (ROOT / file).read_text().split("\n")
+            margin = {len(line) - len(line.lstrip()) for line in whole if line.strip() ==
+                      lines[0].strip()}
+            runs = (["\n".join(line[cut:] for line in whole[at:at + len(lines)])
+                     for at in range(len(whole)) for cut in margin])
+            self.assertIn("\n".join(lines), runs, file)
+
+
+if __name__ == "__main__":
+    unittest.main()

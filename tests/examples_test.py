@@ -1,0 +1,106 @@
+"""The examples, played against what the command-line tool delivers and against the truth."""
+
+import contextlib
+import os
+import pathlib
+import subprocess
+import threading
+import time
+import unittest
+
+BIN = pathlib.Path(os.environ["KESTREL_EXAMPLES"])
+TOOL = os.environ["KESTREL_TOOL"]
+SAMPLES = pathlib.Path(os.environ["KESTREL_SAMPLES"])
+
+
+def run(*command, **more):
+    return subprocess.run([*map(str, command)], capture_output=True, timeout=60, check=False, **more)
+
+
+def unpacked(stream):
+    return run(TOOL, "unpack", "-", "-o", "-", input=stream).stdout
+
+
+class Examples(unittest.TestCase):
+    def assert_plays(self, result, truth):
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(unpacked(result.stdout), (SAMPLES / "truth" / truth).read_bytes())
+
+    def test_smallest_host(self):
+        for name, mode, truth in [("amrnb_plain", "ar", "amrnb.amr"),
+                                  ("amrwb_hinted", "ar", "amrwb.amr"),
+                                  ("h263_hinted", "vr", "h263.h263")]:
+            self.assert_plays(run(BIN / "smallest_host", SAMPLES / f"{name}.3gp", mode), truth)
+
+    def test_pipe(self):
+        for name, mode, truth in [("amrnb_plain_mdat_first", "ar", "amrnb.amr"),
+                                  ("av_h263_amrnb_hinted", "vr", "h263.h263"),
+                                  ("h263_plain", "vr", "h263.h263")]:
+            with self.subTest(name):
+                self.assert_plays(self.play_slowly((SAMPLES / f"{name}.3gp").read_bytes(), mode),
+                                  truth)
+
+    def test_pipe_plays_while_the_file_arrives(self):
+        """Half of a file whose movie box comes first is played before the rest is there."""
+        data = (SAMPLES / "h263_plain.3gp").read_bytes()
+        player = subprocess.Popen([BIN / "play_pipe", "vr"], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE)
+        player.stdin.write(data[:len(data) // 2])
+        player.stdin.flush()
+        early = player.stdout.read(4096)  # would wait for ever if the rest were needed
+        player.stdin.write(data[len(data) // 2:])
+        player.stdin.close()
+        stream = early + player.stdout.read()
+        player.stdout.close()
+        self.assertEqual(player.wait(timeout=60), 0)
+        self.assertEqual(unpacked(stream), (SAMPLES / "truth" / "h263.h263").read_bytes())
+
+    def play_slowly(self, data, mode):
+        """Writes to the player in small steps with rests, so that it meets data that is not there
+        yet."""
+        player = subprocess.Popen([BIN / "play_pipe", mode], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+        def feed():
+            step = len(data) // 16
+            with contextlib.suppress(BrokenPipeError):  # it has all that it wanted
+                for at in range(0, len(data), step):
+                    player.stdin.write(data[at:at + step])
+                    player.stdin.flush()
+                    time.sleep(0.01)
+            with contextlib.suppress(BrokenPipeError):
+                player.stdin.close()
+
+        feeder = threading.Thread(target=feed)
+        feeder.start()
+        out = player.stdout.read()
+        feeder.join()
+        player.stdout.close()
+        with player.stderr:
+            errors = player.stderr.read()
+        return subprocess.CompletedProcess("play_pipe", player.wait(timeout=60), out, errors)
+
+    def test_class_road_seeks(self):
+        file = SAMPLES / "h263_hinted.3gp"
+        for milliseconds in (0, 700, 1999):
+            seek = run(BIN / "class_seek", file, "vr", milliseconds)
+            tool = run(TOOL, "extract", file, "vr", "--road", "class", "--from", milliseconds)
+            self.assertEqual((seek.returncode, tool.returncode), (0, 0), seek.stderr)
+            self.assertEqual(seek.stdout, tool.stdout)
+        self.assert_plays(run(BIN / "class_seek", file, "vr", 0), "h263.h263")
+
+    def test_what_cannot_be_played_is_told(self):
+        plain = SAMPLES / "h263_plain.3gp"
+        cut = plain.read_bytes()[:-1000]
+        for result, text in [
+                (run(BIN / "class_seek", plain, "vr", 0), b"Hint tracks"),
+                (run(BIN / "class_seek", SAMPLES / "h263_hinted.3gp", "vr", 2001), b"imestamp"),
+                (run(BIN / "smallest_host", plain, "ar"), b"unknown failure"),
+                (run(BIN / "smallest_host", SAMPLES / "none.3gp", "ar"), b"No such file"),
+                (run(BIN / "play_pipe", "vr", input=cut), b"play_pipe: ")]:
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(text, result.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
