@@ -95,8 +95,8 @@ std::vector<Sample> single_frames(const std::vector<Sample>& samples) {
 iso_track* make_media(iso_file* file, Recording recording, const iso_track* like) {
     if (recording == Recording::kSpeech) return amr_isoFFtrack(file, 0, 1 << 7, 1);
     H263VCFG cfg{};
-    cfg.width = like->width >> 16;
-    cfg.height = like->height >> 16;
+    cfg.width = like->width;
+    cfg.height = like->height;
     cfg.timescale = like->timescale;
     cfg.profile = static_cast<uint32_t>(like->profile);
     cfg.level = static_cast<uint32_t>(like->level);

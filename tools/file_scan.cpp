@@ -134,8 +134,8 @@ class Scanner {
             seen.insert(header->type);
             const Container* child = fits ? container(header->type) : nullptr;
             if (child != nullptr) {
-                const std::string number =
-                    child->type == "trak" ? " " + std::to_string(++tracks) : "";
+                std::string number;
+                if (child->type == "trak") number.append(1, ' ').append(std::to_string(++tracks));
                 walk(*child, name + " / " + header->type + number, from + kHeader, from + size);
             }
             from += size;
