@@ -8,7 +8,7 @@
 #include "tests/support/files.h"
 
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
-                                          unsigned seed);
+                                          unsigned salt);
 
 // libFuzzer's own mutation, which knows nothing of boxes: its inputs are told by their size.
 extern "C" size_t LLVMFuzzerMutate(uint8_t*, size_t, size_t) {
@@ -26,10 +26,10 @@ Bytes input() {
 }
 
 // Empty where the bytes were left to libFuzzer.
-Bytes mutated(const Bytes& from, unsigned seed) {
+Bytes mutated(const Bytes& from, unsigned salt) {
     Bytes bytes = from;
     bytes.resize(kRoom);
-    bytes.resize(LLVMFuzzerCustomMutator(bytes.data(), from.size(), kRoom, seed));
+    bytes.resize(LLVMFuzzerCustomMutator(bytes.data(), from.size(), kRoom, salt));
     return bytes;
 }
 
@@ -62,10 +62,10 @@ TEST(BoxMutator, KeepsSizesAndMostlyChunkOffsetsRight) {
     const Bytes from = input();
     const Bytes chunk = first_chunk(from);
     int made = 0, changed = 0, right = 0, resized = 0, resized_right = 0, kept_chunk = 0;
-    for (unsigned seed = 1; seed <= 2000; ++seed) {
-        const Bytes bytes = mutated(from, seed);
+    for (unsigned salt = 1; salt <= 2000; ++salt) {
+        const Bytes bytes = mutated(from, salt);
         ASSERT_LE(bytes.size(), kRoom);
-        ASSERT_EQ(bytes, mutated(from, seed));
+        ASSERT_EQ(bytes, mutated(from, salt));
         if (bytes.empty()) continue;
         ++made;
         changed += bytes != from;
@@ -87,8 +87,8 @@ TEST(BoxMutator, KeepsSizesAndMostlyChunkOffsetsRight) {
 // Bytes without boxes, and inputs that are no more than choices, are left to libFuzzer.
 TEST(BoxMutator, LeavesOtherBytesAlone) {
     for (const size_t size : {size_t{0}, size_t{1}, size_t{16}, size_t{17}, size_t{100}}) {
-        for (unsigned seed = 1; seed <= 50; ++seed) {
-            const Bytes bytes = mutated(Bytes(size, 0xFF), seed);
+        for (unsigned salt = 1; salt <= 50; ++salt) {
+            const Bytes bytes = mutated(Bytes(size, 0xFF), salt);
             EXPECT_TRUE(bytes.empty() || (size > 16 && bytes.size() == size));
         }
     }

@@ -94,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t how = input.choices.u8();
     const char* mode = how & 1 ? "rv" : "ra";
     const unsigned room = 1 + unsigned{input.choices.u16()};
-    const uint32_t seed = input.choices.u16();
+    const uint32_t salt = input.choices.u16();
 
     if (how & 2) {
         check(wander(input.file, input.choices, mode, false) ==
@@ -103,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     Host whole_host(input.file);
     const Played whole = play(whole_host, mode, room, how & 4);
-    Host arriving_host(input.file, seed);
+    Host arriving_host(input.file, salt);
     const Played arriving = play(arriving_host, mode, room, true);
     check(arriving.status == whole.status && arriving.stream == whole.stream);
     return 0;

@@ -40,9 +40,9 @@ Sample read_at(iso_track* track, int number) {
 }
 
 // The first part of sample `number` is what isoFFread gave, whichever way it is read.
-void check_part(iso_track* track, int number, const Sample& sample, uint32_t seed) {
-    const auto offset = static_cast<int>(seed % 64);
-    Bytes part(1 + seed % 512);
+void check_part(iso_track* track, int number, const Sample& sample, uint32_t salt) {
+    const auto offset = static_cast<int>(salt % 64);
+    Bytes part(1 + salt % 512);
     const int got = isoFFreadAt(track, number, offset, part.data(),
                                 static_cast<unsigned>(part.size()), nullptr, nullptr);
     check(got <= static_cast<int>(part.size()));

@@ -108,16 +108,16 @@ TEST_P(EverySample, PlaysAlikeHoweverItArrives) {
             };
         },
         "box by box");
-    const uint32_t seed = std::random_device()();
-    std::mt19937 random(seed);
+    const uint32_t salt = std::random_device()();
+    std::mt19937 random(salt);
     for (int round = 0; round < 8; ++round) {
         const uint32_t most = 64u << round;
         arrival.expect_whole(
             [&] { return [&random, most] { return 1 + static_cast<uint32_t>(random()) % most; }; },
-            "random, seed " + std::to_string(seed));
+            "random, salt " + std::to_string(salt));
     }
     std::cout << arrival.played() << " schedules, " << arrival.waits()
-              << " waits while playing, seed " << seed << "\n";
+              << " waits while playing, salt " << salt << "\n";
     if (arrival.whole().opened && boxes.back().type == "mdat") {
         EXPECT_GT(arrival.waits(), 0);
     }

@@ -1017,9 +1017,9 @@ def foreign_mpeg4(name="mpeg4_hinted"):
     return bytes(data)
 
 
-def damaged_copies(count, seed=7):
+def damaged_copies(count, salt=7):
     """Samples with bytes changed, in the movie box or anywhere, or cut; the same at each run."""
-    chance = random.Random(seed)
+    chance = random.Random(salt)
     paths = sorted(SAMPLES.glob("*.3gp"))
     for number in range(count):
         path = paths[number % len(paths)]

@@ -255,8 +255,8 @@ void File::mutate(size_t room) {
 }  // namespace
 
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
-                                          unsigned seed) {
-    Numbers numbers(seed);
+                                          unsigned salt) {
+    Numbers numbers(salt);
     for (int i = 0; i < 4; ++i)
         numbers.next();
     const Input input({data, size});

@@ -111,9 +111,9 @@ Host::Host(View file)
                                                Slots::is_eof,  Slots::index_read,
                                                Slots::advance, Slots::check_status} {}
 
-Host::Host(View file, uint32_t seed) : Host(file) {
+Host::Host(View file, uint32_t salt) : Host(file) {
     there_ = 0;
-    schedule_ = Numbers(seed);
+    schedule_ = Numbers(salt);
 }
 
 uint32_t Host::read_at(void* data, uint32_t offset, uint32_t count, uint32_t& got) {

@@ -49,10 +49,10 @@ struct Input {
     Choices choices;
 };
 
-// Repeatable numbers from a seed (xorshift).
+// Repeatable numbers from a salt (xorshift).
 class Numbers {
   public:
-    explicit Numbers(uint32_t seed) : state_(seed | 1) {}
+    explicit Numbers(uint32_t salt) : state_(salt | 1) {}
 
     uint32_t next();
     uint32_t below(uint32_t end) { return end == 0 ? 0 : next() % end; }
@@ -65,8 +65,8 @@ class Numbers {
 class Host {
   public:
     explicit Host(View file);
-    // Nothing is there at first; each wait() reveals some more, as the seed has it.
-    Host(View file, uint32_t seed);
+    // Nothing is there at first; each wait() reveals some more, as the salt has it.
+    Host(View file, uint32_t salt);
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
