@@ -60,8 +60,11 @@ class FileSource final : public Source {
                 if (!read_file(to, offset, piece)) return false;
             } else {
                 const Block* block = block_at(offset - into);
-                if (block == nullptr) return false;
-                std::memcpy(to, block->bytes.data() + into, piece);
+                if (block != nullptr) {
+                    std::memcpy(to, block->bytes.data() + into, piece);
+                } else if (!read_file(to, offset, piece)) {  // a part of the block may be there
+                    return false;
+                }
             }
             to += piece;
             offset += piece;

@@ -901,6 +901,21 @@ TEST(Writer, NoMemoryIsTold) {
     EXPECT_EQ(error, -2);
 }
 
+// A track that is being written has no tables yet.
+TEST(Writer, GivesOutNoPackets) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    iso_track* media = speech_track(file);
+    iso_track* hint = rtp_isoFFtrack(file, media, 1400, 96, ISO_H263_RFC4629);
+    uint8_t frame[32] = {0x3C};
+    EXPECT_EQ(isoFFwrite(media, frame, sizeof frame, 160, 0), int{sizeof frame});
+    EXPECT_GT(isoFFwriteHint(hint, frame, sizeof frame, 160, 0), 0);
+    uint8_t packet[1400];
+    ASSERT_EQ(isoFFrtpHinter(media, 1400), hint);
+    EXPECT_EQ(isoFFrtpPacket(hint, packet), -1);
+    EXPECT_EQ(isoFFclose(file), 0);
+}
+
 TEST(Writer, InterleaveNeedsMemory) {
     Output out;
     iso_file* file = open_for_writing(out);

@@ -262,25 +262,30 @@ inline int PacketReader::copy_immediate() {
 
 // The long way, for what was not read ahead and all that is odd.
 int copy_from_stream(iso_track* source, const SampleConstructor& from, uint8_t* to) {
-    if (from.sample_number > INT32_MAX || from.offset > INT32_MAX) return -1;
-    return isoFFreadAt(source, static_cast<int>(from.sample_number) - 1,
-                       static_cast<int>(from.offset), to, from.length, nullptr, nullptr);
+    if (from.sample_number > INT32_MAX) return -1;
+    const auto offset = static_cast<int>(std::min(from.offset, uint32_t{INT32_MAX}));
+    return isoFFreadAt(source, static_cast<int>(from.sample_number) - 1, offset, to, from.length,
+                       nullptr, nullptr);
 }
 
 // Bytes of a sample that were read ahead are taken from there.
 inline int PacketReader::copy_bytes(iso_track* source, const SampleConstructor& from, uint8_t* to) {
     const uint32_t sample = from.sample_number - 1;
-    if (sample < static_cast<uint32_t>(source->sample_count)) [[likely]] {
-        move_cursor(source, static_cast<int32_t>(sample));
-        const uint64_t at = uint64_t{source->cur_offset} + from.offset;
-        const bool inside = is_small_piece(source, from.length) &&
-                            uint64_t{from.offset} + from.length <= size_at_cursor(source);
-        const uint8_t* bytes = inside && at <= UINT32_MAX
-                                   ? from_window(source, static_cast<uint32_t>(at), from.length)
-                                   : nullptr;
-        if (bytes != nullptr) [[likely]] {
-            copy_small(to, bytes, from.length);
-            return from.length;
+    const bool known =
+        sample < static_cast<uint32_t>(source->sample_count) && source->index != nullptr;
+    if (known && from.length > 0) [[likely]] {
+        const uint32_t size = size_of(source, static_cast<int32_t>(sample));
+        const bool inside = uint64_t{from.offset} + from.length <= size;
+        if (inside && is_small_piece(size, from.length)) {
+            move_cursor(source, static_cast<int32_t>(sample));
+            const uint64_t at = uint64_t{source->cur_offset} + from.offset;
+            const uint8_t* bytes = at <= UINT32_MAX
+                                       ? from_window(source, static_cast<uint32_t>(at), from.length)
+                                       : nullptr;
+            if (bytes != nullptr) [[likely]] {
+                copy_small(to, bytes, from.length);
+                return from.length;
+            }
         }
     }
     return copy_from_stream(source, from, to);
@@ -405,6 +410,7 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
 
 int isoFFrtpPacket(iso_track* hint, void* buffer) {
     if (hint == nullptr || hint->hint == nullptr || hint->hint->media_track == nullptr) return -1;
+    if (hint->index == nullptr && hint->file->write_mode) return -1;
     uint8_t scratch[kConstructor];
     PacketReader reader(hint, buffer, scratch);
     reader.resynchronise();

@@ -74,8 +74,12 @@ inline uint32_t saturating_add(uint32_t offset, uint64_t bytes) {
     return static_cast<uint32_t>(std::min<uint64_t>(offset + bytes, UINT32_MAX));
 }
 
+inline uint32_t size_of(const iso_track* track, int32_t sample) {
+    return track->sample_size != 0 ? track->sample_size : track->sample_sizes[sample];
+}
+
 inline uint32_t size_at_cursor(const iso_track* track) {
-    return track->sample_size != 0 ? track->sample_size : track->sample_sizes[track->cur_sample];
+    return size_of(track, track->cur_sample);
 }
 
 // Passes `samples` samples of one chunk, of `bytes` bytes together.
@@ -127,13 +131,13 @@ inline uint32_t duration_at_cursor(iso_track* track) {
 
 // --- the window ---
 
-// Whether a piece of the sample at the cursor is worth reading ahead from: one of a small sample,
-// which others follow, or a tiny one, as a descriptor in a hint sample is. What follows any other
-// piece is mostly long, and comes straight from the stream.
-inline bool is_small_piece(const iso_track* track, uint32_t length) {
+// Whether a piece of a sample is worth reading ahead from: one of a small sample, which others
+// follow, or a tiny one, as a descriptor in a hint sample is. What follows any other piece is
+// mostly long, and comes straight from the stream.
+inline bool is_small_piece(uint32_t sample_size, uint32_t length) {
     constexpr uint32_t kSmallSample = 512;
     constexpr uint32_t kTinyPiece = 16;
-    return length <= kTinyPiece || (length < kSmallSample && size_at_cursor(track) < kSmallSample);
+    return length <= kTinyPiece || (length < kSmallSample && sample_size < kSmallSample);
 }
 
 // Reads ahead from `offset`, to the end of the chunk at the cursor at most: what the track will be

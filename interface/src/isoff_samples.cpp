@@ -71,8 +71,9 @@ uint32_t bytes_to_chunk_end(const iso_track* track, uint32_t offset) {
 uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint32_t length,
                            bool& failed) {
     failed = false;
-    const uint8_t* ahead =
-        is_small_piece(track, length) ? from_window(track, offset, length) : nullptr;
+    const uint8_t* ahead = is_small_piece(size_at_cursor(track), length)
+                               ? from_window(track, offset, length)
+                               : nullptr;
     if (ahead != nullptr) {
         std::memcpy(buffer, ahead, length);
         return length;
@@ -80,16 +81,16 @@ uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint
     return read_at(track->file, offset, buffer, length, failed);
 }
 
-// How many of the next samples lie behind the one at hand in its chunk, as far as it is worth
-// looking.
-uint32_t next_in_chunk(const iso_track* track) {
+// How many of the next samples lie behind the one at hand in its chunk: of `most`, and as far as it
+// is worth looking.
+uint32_t next_in_chunk(const iso_track* track, uint32_t most) {
     constexpr uint32_t kFarEnough = 64;
     if (track->cur_chunk >= track->chunk_count) return 0;
     const uint32_t end = track->chunks[track->cur_chunk].end;
     const auto left = static_cast<uint32_t>(track->sample_count - track->cur_sample) - 1;
     uint64_t offset = track->cur_offset;
     uint32_t next = 0;
-    for (; next < std::min(left, kFarEnough); ++next) {
+    for (; next < std::min({left, most, kFarEnough}); ++next) {
         offset += sample_size_of(track, track->cur_sample + static_cast<int32_t>(next));
         if (offset >= end) break;
     }
@@ -119,7 +120,7 @@ void advance_by_tables(iso_track* track) {
     if (track->ctts_count > 0 || track->cur_sample >= track->sample_count) return;
     const uint32_t in_entry =
         track->stts[track->stts_index].count - static_cast<uint32_t>(track->stts_in_entry);
-    if (in_entry > 1) track->next_alike = std::min(in_entry - 1, next_in_chunk(track));
+    if (in_entry > 1) track->next_alike = next_in_chunk(track, in_entry - 1);
 }
 
 const uint8_t* fill_window(iso_track* track, uint32_t offset, uint32_t length) {
