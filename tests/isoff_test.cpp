@@ -608,6 +608,22 @@ struct BadHint {
     int result;
 };
 
+// A piece of no bytes is none, wherever it is said to lie, and leaves the media where they are.
+TEST(HintPackets, PiecesOfNoBytesAreNone) {
+    for (const uint32_t offset : {0u, 9u, 10u, 0x80000000u}) {
+        HintFile made;
+        made.add_hint(hint_sample(1, {packet_entry(96, 1, 3), from_sample(2, 0, 2, 2, 0),
+                                      from_sample(2, 0, 0, 1, offset), immediate("ab", 2)}));
+        Opened opened(made.build());
+        iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
+        ASSERT_NE(hint, nullptr);
+        Bytes buffer(1400);
+        ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12 + 2 + 2);
+        EXPECT_EQ(payload_of(buffer, 16), "XYab");
+        EXPECT_EQ(opened.track(1)->cur_sample, 1);
+    }
+}
+
 TEST(HintPackets, BadOnesFail) {
     const Bytes begin = join({be16(1), be16(0)});
     const BadHint cases[] = {
