@@ -67,6 +67,7 @@ class ClassPlayer final : public Player {
         uint32_t had = 0;
         const auto most = static_cast<uint32_t>(buffer.size() - 1);
         for (uint32_t piece = std::bit_floor(most); piece > 0; piece /= 2) {
+            if (piece > buffer.size() - had) continue;  // the host has got better meanwhile
             unsigned int size = piece;
             if (object_->ReadChunk(&buffer[had], &size, arriving) == KST_SUCCESS) had += size;
         }

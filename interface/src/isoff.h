@@ -168,7 +168,9 @@ iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, u
 
 // --- samples ---
 
-uint32_t sample_size_of(const iso_track* track, int32_t sample);
+inline uint32_t sample_size_of(const iso_track* track, int32_t sample) {
+    return track->sample_size != 0 ? track->sample_size : track->sample_sizes[sample];
+}
 void set_sample_pos(iso_track* track, int32_t target);
 
 // A value in track units as seconds; 0.0 for a timescale of 0.

@@ -274,7 +274,7 @@ inline int PacketReader::copy_bytes(iso_track* source, const SampleConstructor& 
     const bool known =
         sample < static_cast<uint32_t>(source->sample_count) && source->index != nullptr;
     if (known && from.length > 0) [[likely]] {
-        const uint32_t size = size_of(source, static_cast<int32_t>(sample));
+        const uint32_t size = sample_size_of(source, static_cast<int32_t>(sample));
         const bool inside = uint64_t{from.offset} + from.length <= size;
         if (inside && is_small_piece(size, from.length)) {
             move_cursor(source, static_cast<int32_t>(sample));
@@ -293,8 +293,7 @@ inline int PacketReader::copy_bytes(iso_track* source, const SampleConstructor& 
 
 inline int PacketReader::copy_sample() {
     const SampleConstructor from = parse_sample_constructor(own_);
-    const bool own_track = from.track_reference == kOwnTrack;
-    iso_track* source = own_track ? track_ : hint_.media_track;
+    iso_track* source = from.track_reference == kOwnTrack ? track_ : hint_.media_track;
     uint8_t* to = extend(from.length);
     if (to == nullptr) return -1;
     const int got = copy_bytes(source, from, to);

@@ -74,12 +74,8 @@ inline uint32_t saturating_add(uint32_t offset, uint64_t bytes) {
     return static_cast<uint32_t>(std::min<uint64_t>(offset + bytes, UINT32_MAX));
 }
 
-inline uint32_t size_of(const iso_track* track, int32_t sample) {
-    return track->sample_size != 0 ? track->sample_size : track->sample_sizes[sample];
-}
-
 inline uint32_t size_at_cursor(const iso_track* track) {
-    return size_of(track, track->cur_sample);
+    return sample_size_of(track, track->cur_sample);
 }
 
 // Passes `samples` samples of one chunk, of `bytes` bytes together.

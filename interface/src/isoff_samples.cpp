@@ -147,10 +147,6 @@ const uint8_t* fill_window(iso_track* track, uint32_t offset, uint32_t length) {
     return length <= window.length ? window.bytes : nullptr;
 }
 
-uint32_t sample_size_of(const iso_track* track, int32_t sample) {
-    return track->sample_size != 0 ? track->sample_size : track->sample_sizes[sample];
-}
-
 namespace {
 
 // The last checkpoint that is not behind `sample`.
