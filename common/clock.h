@@ -15,7 +15,8 @@ inline constexpr double kClockWrap = 4294967295.0;
 // Truncates to 32 bits, modulo 2^32; what is negative or no number becomes 0.
 inline uint32_t truncate_to_u32(double value) {
     constexpr double kRange = 4294967296.0;
-    if (value >= 0.0 && value < kRange) return static_cast<uint32_t>(value);
+    if (value >= 0.0 && value < kRange) [[likely]]
+        return static_cast<uint32_t>(value);
     if (!(value >= 0.0) || std::isinf(value)) return 0;
     return static_cast<uint32_t>(std::fmod(value, kRange));
 }

@@ -14,7 +14,7 @@ constexpr uint32_t kSampleHeader = 4;
 constexpr uint32_t kPacketEntry = 12;
 constexpr uint32_t kConstructor = 16;
 constexpr uint32_t kRtpHeader = 12;
-constexpr uint8_t kRtpVersion2 = 0x80;
+constexpr uint32_t kRtpVersion2 = 0x80000000;  // in the first word of a header
 constexpr uint8_t kPayloadType = 0x7F;
 constexpr uint8_t kExtraInformation = 4;  // flag of a packet entry
 constexpr uint8_t kLongestImmediate = 14;
@@ -25,12 +25,16 @@ enum SeqRebase : uint32_t { kNoRebase = 0, kRebaseNext = 1, kRebased = 2 };
 
 enum ConstructorType : uint8_t { kNoop = 0, kImmediate = 1, kSample = 2, kSampleDescription = 3 };
 
+// An entry in words, since that is how it is taken apart fastest. The first four of its bytes are
+// its relative transmission time, which is of no interest.
 struct PacketEntry {
-    uint8_t header_bits;  // P and X of the RTP header
-    uint8_t marker_and_type;
-    uint16_t sequence;
-    uint8_t flags;
-    uint16_t constructors;
+    uint32_t header;  // as the first word of an RTP header, the version left to us
+    uint32_t rest;    // flags in 16 bits, count of constructors in 16
+
+    uint8_t payload_type() const { return header >> 16 & kPayloadType; }
+    uint16_t sequence() const { return header & 0xFFFF; }
+    uint16_t constructors() const { return rest & 0xFFFF; }
+    bool has_extra_information() const { return (rest >> 16 & kExtraInformation) != 0; }
 };
 
 struct SampleConstructor {
@@ -40,9 +44,8 @@ struct SampleConstructor {
     uint32_t offset;
 };
 
-// The first four bytes of an entry are its relative transmission time, which is of no interest.
 PacketEntry parse_entry(const uint8_t* raw) {
-    return {raw[4], raw[5], load_be16(raw + 6), raw[9], load_be16(raw + 10)};
+    return {load_be32(raw + 4), load_be32(raw + 8)};
 }
 
 SampleConstructor parse_sample_constructor(const uint8_t* raw) {
@@ -77,7 +80,7 @@ inline double rtp_units(iso_track* track) {
 
 // Reads `count` bytes of a hint sample that cannot be looked at as a whole. 0, or the code that
 // ends the call.
-int read_own(iso_track* track, int32_t sample, uint32_t offset, uint8_t* to, uint32_t count) {
+int read_own(iso_track* track, int32_t sample, uint64_t offset, uint8_t* to, uint32_t count) {
     if (offset > INT32_MAX) return -1;
     const int got =
         isoFFreadAt(track, sample, static_cast<int>(offset), to, count, nullptr, nullptr);
@@ -94,21 +97,23 @@ class PacketReader {
         : track_(track),
           hint_(*track->hint),
           offset_(hint_.offset),
-          packet_(static_cast<uint8_t*>(buffer)),
+          to_(static_cast<uint8_t*>(buffer)),
           room_(track->rtp_max_packet),
           scratch_(scratch) {}
+
+    static constexpr int kAtEnd = 1;  // what open_sample answers behind the last packet
 
     void resynchronise();
     int open_sample();
     int read_packet();
-    bool at_end() const { return hint_.sample >= track_->sample_count; }
-    uint32_t length() const { return length_; }
+    uint32_t length() const { return track_->rtp_max_packet - room_; }
 
     // Ends the call: the position stays where it has come to, also after a failure.
-    void leave() { hint_.offset = offset_; }
+    void leave() { hint_.offset = static_cast<uint32_t>(offset_); }
 
   private:
-    uint8_t* extend(uint32_t count);
+    bool at_end() const { return hint_.sample >= track_->sample_count; }
+    bool extend(uint32_t count);
     void view_sample();
     int take_own(uint32_t count);
     int skip_extra_information();
@@ -116,7 +121,6 @@ class PacketReader {
     int run_constructor();
     int copy_immediate();
     int copy_sample();
-    int copy_bytes(iso_track* source, const SampleConstructor& from, uint8_t* to);
     void begin_packets(uint32_t packets);
     void note_read_position();
     void next_sample();
@@ -124,32 +128,31 @@ class PacketReader {
 
     iso_track* track_;
     rtp_hint_state& hint_;
-    uint32_t offset_;  // hint_.offset while the call lasts
-    uint8_t* packet_;  // length_ bytes of room_ are filled
-    uint32_t room_;
-    uint32_t length_ = 0;
+    uint64_t offset_;                 // hint_.offset while the call lasts
+    uint8_t* to_;                     // where the packet goes on
+    uint32_t room_;                   // and what it may still have
     const uint8_t* whole_ = nullptr;  // the hint sample, where all of it was read ahead
     uint32_t whole_size_ = 0;
     const uint8_t* own_ = nullptr;  // what take_own has taken, in whole_ or in scratch_
     uint8_t* scratch_;
-    const iso_track* copied_from_ = nullptr;  // track and offset of the last sample constructor
-    uint32_t copied_offset_ = 0;
+    uint32_t copied_at_ = UINT32_MAX;  // file offset that the last sample constructor named
     bool strayed_ = false;  // the hint track's cursor is not on the sample of its packets
 };
 
-// Room for `count` more bytes of the packet, or null.
-inline uint8_t* PacketReader::extend(uint32_t count) {
-    if (count > room_ - length_) [[unlikely]]
-        return nullptr;
-    uint8_t* at = packet_ + length_;
-    length_ += count;
-    return at;
+// Takes `count` more bytes into the packet, if there is room for them.
+inline bool PacketReader::extend(uint32_t count) {
+    if (count > room_) [[unlikely]]
+        return false;
+    to_ += count;
+    room_ -= count;
+    return true;
 }
 
 // A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
 // left to differ from, only a call of isoFFsetPosition counts.
 inline void PacketReader::resynchronise() {
-    if (hint_.sample == track_->cur_sample && track_->positioned == 0) return;
+    if (hint_.sample == track_->cur_sample && track_->positioned == 0) [[likely]]
+        return;
     const bool moved = at_end() ? track_->positioned != 0 : hint_.sample != track_->cur_sample;
     track_->positioned = 0;
     if (!moved) return;
@@ -167,7 +170,7 @@ inline void PacketReader::view_sample() {
 
 // Points own_ at the next `count` bytes of the hint sample, at most those of a constructor.
 inline int PacketReader::take_own(uint32_t count) {
-    if (uint64_t{offset_} + count <= whole_size_) [[likely]] {
+    if (offset_ + count <= whole_size_) [[likely]] {
         own_ = whole_ + offset_;
     } else {
         whole_size_ = 0;  // reading may move what was read ahead
@@ -187,12 +190,19 @@ inline void PacketReader::begin_packets(uint32_t packets) {
     if (hint_.rtp_time > kClockWrapsAt) hint_.rtp_time -= kClockWrap;
 }
 
-// Opens hint samples until one has packets. A run of empty ones that is longer than any hinter
-// writes is taken for damage, since a few bytes of tables can tell of billions.
+// Sees to it that the hint sample at the cursor has packets left: opens samples until one has some,
+// or there are no more. A run of empty ones that is longer
+// than any hinter writes is taken for damage, since a few bytes of tables can tell of billions.
 inline int PacketReader::open_sample() {
     constexpr int kMostEmptySamples = 65536;
+    if (at_end()) [[unlikely]]
+        return kAtEnd;
+    if (hint_.packets_left != 0) {
+        view_sample();
+        return 0;
+    }
     int empty = 0;
-    while (hint_.packets_left == 0 && !at_end()) {
+    do {
         offset_ = 0;
         view_sample();
         const int result = take_own(kSampleHeader);
@@ -204,8 +214,8 @@ inline int PacketReader::open_sample() {
         }
         if (++empty > kMostEmptySamples) return -1;
         next_sample();
-    }
-    return 0;
+    } while (!at_end());
+    return kAtEnd;
 }
 
 inline void PacketReader::next_sample() {
@@ -215,20 +225,19 @@ inline void PacketReader::next_sample() {
 }
 
 inline int PacketReader::write_header(const PacketEntry& entry) {
-    uint8_t* header = extend(kRtpHeader);
-    if (header == nullptr) return -1;
-    track_->last_payload_type = entry.marker_and_type & kPayloadType;
+    uint8_t* header = to_;
+    if (!extend(kRtpHeader)) return -1;
+    track_->last_payload_type = entry.payload_type();
     if (track_->seq_rebase == kRebaseNext) [[unlikely]] {
-        track_->rtp_seq_offset -= entry.sequence;
+        track_->rtp_seq_offset -= entry.sequence();
         track_->seq_rebase = kRebased;
     }
-    const uint32_t sequence = (track_->rtp_seq_offset + entry.sequence) & 0xFFFF;
+    const uint32_t sequence = (track_->rtp_seq_offset + entry.sequence()) & 0xFFFF;
     const uint32_t timestamp = hint_.timestamp;
     const uint32_t ssrc = hint_.ssrc;
     track_->last_seq = sequence;
     track_->last_timestamp = timestamp;
-    const uint32_t first_byte = entry.header_bits | kRtpVersion2;
-    store_be32(header, first_byte << 24 | uint32_t{entry.marker_and_type} << 16 | sequence);
+    store_be32(header, (entry.header & 0xFFFF0000) | kRtpVersion2 | sequence);
     store_be32(header + 4, timestamp);
     store_be32(header + 8, ssrc);
     return 0;
@@ -237,20 +246,20 @@ inline int PacketReader::write_header(const PacketEntry& entry) {
 // The length counts its own four bytes.
 inline int PacketReader::skip_extra_information() {
     constexpr uint32_t kLength = 4;
-    const uint32_t start = offset_;
+    const uint64_t start = offset_;
     const int result = take_own(kLength);
     if (result != 0) return result;
     const uint32_t length = load_be32(own_);
-    if (length > UINT32_MAX - start) return -1;
+    if (start + length > UINT32_MAX) return -1;
     offset_ = start + length;
     return 0;
 }
 
 inline int PacketReader::copy_immediate() {
     const uint32_t count = std::min(own_[1], kLongestImmediate);
-    const uint32_t room = room_ - length_;
-    uint8_t* to = extend(count);
-    if (to == nullptr) return -1;
+    const uint32_t room = room_;
+    uint8_t* to = to_;
+    if (!extend(count)) return -1;
     // All that the constructor has, where there is room: what is too much is written over.
     if (room >= kLongestImmediate) [[likely]] {
         std::memcpy(to, own_ + 2, kLongestImmediate);
@@ -260,51 +269,50 @@ inline int PacketReader::copy_immediate() {
     return 0;
 }
 
-// The long way, for what was not read ahead and all that is odd.
-int copy_from_stream(iso_track* source, const SampleConstructor& from, uint8_t* to) {
-    if (from.sample_number > INT32_MAX) return -1;
-    const auto offset = static_cast<int>(std::min(from.offset, uint32_t{INT32_MAX}));
-    return isoFFreadAt(source, static_cast<int>(from.sample_number) - 1, offset, to, from.length,
-                       nullptr, nullptr);
+// The bytes that a constructor names, where they were read ahead; the cursor is moved to their
+// sample. Null for what has to be read from the stream, and for all that is odd: the cursor is left
+// alone by a piece of no bytes, and by one that is not inside its sample.
+inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
+    const uint32_t sample = from.sample_number - 1;
+    if (sample >= static_cast<uint32_t>(source->sample_count)) return nullptr;
+    if (source->index == nullptr || from.length == 0) return nullptr;
+    const uint32_t size = sample_size_of(source, static_cast<int32_t>(sample));
+    if (from.length > size || from.offset > size - from.length) return nullptr;
+    if (!is_small_piece(size, from.length)) [[unlikely]]
+        return nullptr;
+    move_cursor(source, static_cast<int32_t>(sample));
+    return from_window(source, uint64_t{source->cur_offset} + from.offset, from.length);
 }
 
-// Bytes of a sample that were read ahead are taken from there.
-inline int PacketReader::copy_bytes(iso_track* source, const SampleConstructor& from, uint8_t* to) {
-    const uint32_t sample = from.sample_number - 1;
-    const bool known =
-        sample < static_cast<uint32_t>(source->sample_count) && source->index != nullptr;
-    if (known && from.length > 0) [[likely]] {
-        const uint32_t size = sample_size_of(source, static_cast<int32_t>(sample));
-        const bool inside = uint64_t{from.offset} + from.length <= size;
-        if (inside && is_small_piece(size, from.length)) {
-            move_cursor(source, static_cast<int32_t>(sample));
-            const uint64_t at = uint64_t{source->cur_offset} + from.offset;
-            const uint8_t* bytes = at <= UINT32_MAX
-                                       ? from_window(source, static_cast<uint32_t>(at), from.length)
-                                       : nullptr;
-            if (bytes != nullptr) [[likely]] {
-                copy_small(to, bytes, from.length);
-                return from.length;
-            }
-        }
-    }
-    return copy_from_stream(source, from, to);
+// The long way, for what was not read ahead. 0, or the code that ends the call. The constructor is
+// parsed again, since one that could be handed over would be written to memory for each packet.
+[[gnu::noinline]] int copy_from_stream(iso_track* source, const uint8_t* constructor, uint8_t* to) {
+    const SampleConstructor from = parse_sample_constructor(constructor);
+    if (from.sample_number > INT32_MAX) return -1;
+    const auto offset = static_cast<int>(std::min(from.offset, uint32_t{INT32_MAX}));
+    const int got = isoFFreadAt(source, static_cast<int>(from.sample_number) - 1, offset, to,
+                                from.length, nullptr, nullptr);
+    if (got < 0) return got;
+    return got < from.length ? -1 : 0;
 }
 
 inline int PacketReader::copy_sample() {
     const SampleConstructor from = parse_sample_constructor(own_);
     iso_track* source = from.track_reference == kOwnTrack ? track_ : hint_.media_track;
-    uint8_t* to = extend(from.length);
-    if (to == nullptr) return -1;
-    const int got = copy_bytes(source, from, to);
+    uint8_t* to = to_;
+    if (!extend(from.length)) return -1;
+    int result = 0;
     if (source == track_) [[unlikely]] {
-        whole_size_ = 0;  // its cursor and what was read ahead have moved
+        whole_size_ = 0;  // its cursor and what was read ahead will move
         strayed_ = true;
+        result = copy_from_stream(source, own_, to);
+    } else if (const uint8_t* bytes = bytes_ahead(source, from); bytes != nullptr) [[likely]] {
+        copy_small(to, bytes, from.length);
+    } else {
+        result = copy_from_stream(source, own_, to);
     }
-    copied_from_ = source;
-    copied_offset_ = from.offset;
-    if (got < 0) return got;
-    return got < from.length ? -1 : 0;
+    copied_at_ = source->cur_offset + from.offset;
+    return result;
 }
 
 inline int PacketReader::run_constructor() {
@@ -325,21 +333,23 @@ inline int PacketReader::run_constructor() {
 }
 
 inline void PacketReader::note_read_position() {
-    const uint32_t own = track_->cur_offset + offset_;
     track_->last_read_pos =
-        copied_from_ == nullptr ? own : std::min(own, copied_from_->cur_offset + copied_offset_);
+        std::min(track_->cur_offset + static_cast<uint32_t>(offset_), copied_at_);
 }
 
 inline int PacketReader::build_packet() {
-    if (whole_size_ == 0) view_sample();
     int result = take_own(kPacketEntry);
     if (result != 0) return result;
     const PacketEntry entry = parse_entry(own_);
     result = write_header(entry);
-    if (result == 0 && (entry.flags & kExtraInformation)) result = skip_extra_information();
-    for (uint32_t left = entry.constructors; left > 0 && result == 0; --left)
+    if (result == 0 && entry.has_extra_information()) result = skip_extra_information();
+    if (result != 0) return result;
+    for (uint32_t left = entry.constructors(); left > 0; --left) {
         result = run_constructor();
-    return result;
+        if (result != 0) [[unlikely]]
+            return result;
+    }
+    return 0;
 }
 
 inline int PacketReader::read_packet() {
@@ -409,12 +419,13 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
 
 int isoFFrtpPacket(iso_track* hint, void* buffer) {
     if (hint == nullptr || hint->hint == nullptr || hint->hint->media_track == nullptr) return -1;
+    if (buffer == nullptr) return -1;
     if (hint->index == nullptr && hint->file->write_mode) return -1;
     uint8_t scratch[kConstructor];
     PacketReader reader(hint, buffer, scratch);
     reader.resynchronise();
     int result = reader.open_sample();
-    if (result == 0 && reader.at_end()) {
+    if (result == PacketReader::kAtEnd) [[unlikely]] {
         reader.leave();
         log_line(kDebug, {kIsoffSource, kEndOfTrackLine},
                  "isoFFrtpPacket() EOF:  hint->sample=%04d > tp->sample_count=%04d",

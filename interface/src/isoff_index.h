@@ -127,25 +127,25 @@ inline uint32_t duration_at_cursor(iso_track* track) {
 
 // --- the window ---
 
-// Whether a piece of a sample is worth reading ahead from: one of a small sample, which others
-// follow, or a tiny one, as a descriptor in a hint sample is. What follows any other piece is
-// mostly long, and comes straight from the stream.
+// Whether a piece of a sample, no longer than that, is worth reading ahead from: one of a small
+// sample, which others follow, or a tiny one, as a descriptor in a hint sample is. What follows any
+// other piece is mostly long, and comes straight from the stream.
 inline bool is_small_piece(uint32_t sample_size, uint32_t length) {
     constexpr uint32_t kSmallSample = 512;
     constexpr uint32_t kTinyPiece = 16;
-    return length <= kTinyPiece || (length < kSmallSample && sample_size < kSmallSample);
+    return sample_size < kSmallSample || length <= kTinyPiece;
 }
 
 // Reads ahead from `offset`, to the end of the chunk at the cursor at most: what the track will be
 // asked for next in any case. Null when the window cannot serve `length` bytes there; a failure of
 // reading ahead is of no account, since what is asked for may be there all the same.
-const uint8_t* fill_window(iso_track* track, uint32_t offset, uint32_t length);
+const uint8_t* fill_window(iso_track* track, uint64_t offset, uint32_t length);
 
 // `length` bytes of the track's data at `offset`, read ahead; null when they have to be read from
 // the stream. Valid until the next call for the track.
-inline const uint8_t* from_window(iso_track* track, uint32_t offset, uint32_t length) {
+inline const uint8_t* from_window(iso_track* track, uint64_t offset, uint32_t length) {
     const ReadWindow& window = track->index->window;
-    const uint64_t into = uint64_t{offset} - window.start;  // huge in front of the window
+    const uint64_t into = offset - window.start;  // huge in front of the window
     if (into <= window.length && into + length <= window.length) [[likely]]
         return window.bytes + into;
     return fill_window(track, offset, length);

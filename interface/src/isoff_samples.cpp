@@ -123,7 +123,9 @@ void advance_by_tables(iso_track* track) {
     if (in_entry > 1) track->next_alike = next_in_chunk(track, in_entry - 1);
 }
 
-const uint8_t* fill_window(iso_track* track, uint32_t offset, uint32_t length) {
+const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
+    if (wanted > UINT32_MAX) return nullptr;
+    const auto offset = static_cast<uint32_t>(wanted);
     ReadWindow& window = track->index->window;
     const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
     if (ahead <= length) return nullptr;
