@@ -49,7 +49,7 @@ Played play(Host& host, const char* mode, unsigned size, bool fio) {
     if (!open(player, host, mode, played.status)) return played;
     for (int reads = 0; reads < kMostReads && played.stream.size() < kMostOutput;) {
         played.status = read(player, host, size, fio, played.stream);
-        if (played.status != KST_SUCCESS && played.status != KST_END_OF_FILE && !host.complete()) {
+        if (played.status == KST_NOT_YET && !host.complete()) {
             host.wait();
             continue;
         }
