@@ -20,8 +20,6 @@
 namespace {
 
 using Qvox3gp::code;
-using testing::AnyOf;
-using testing::Each;
 using testing::IsEmpty;
 
 struct ClassFile {

@@ -106,7 +106,7 @@ TEST(Threads, FilesAreWritten) {
         EXPECT_EQ(isoFFclose(file), 0);
         size_t size = 0;
         const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host, &size));
-        const Bytes written(bytes, bytes + size);
+        Bytes written(bytes, bytes + size);
         kst_host_close(host);
         return written;
     };

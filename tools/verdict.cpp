@@ -225,7 +225,7 @@ std::string mend(const Verdict& verdict, const iso_file* file, const iso_track* 
 std::string quoted(const std::string& text) {
     static constexpr char kPlain[] =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./+,:@%=";
-    const std::string path = text.starts_with('-') && text.size() > 1 ? "./" + text : text;
+    std::string path = text.starts_with('-') && text.size() > 1 ? "./" + text : text;
     if (!path.empty() && path.find_first_not_of(std::string(kPlain) + "-") == std::string::npos) {
         return path;
     }
