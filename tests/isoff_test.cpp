@@ -645,6 +645,10 @@ TEST(HintPackets, BadOnesFail) {
          join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 10, 1, 0)}), 21, -1},
         {"a packet as long as told",
          join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 10, 1, 0)}), 22, 22},
+        {"immediate bytes that fill the packet",
+         join({begin, packet_entry(96, 0, 1), immediate("1234567890", 10)}), 22, 22},
+        {"immediate bytes past the packet",
+         join({begin, packet_entry(96, 0, 1), immediate("1234567890", 10)}), 21, -1},
         {"no room for a header", join({begin, packet_entry(96, 0, 0)}), 11, -1},
     };
     for (const BadHint& c : cases) {
@@ -657,6 +661,7 @@ TEST(HintPackets, BadOnesFail) {
         iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
         ASSERT_NE(hint, nullptr);
         const std::unique_ptr<uint8_t[]> buffer(new uint8_t[c.max_packet]);
+        EXPECT_EQ(isoFFrtpPacket(hint, nullptr), -1);
         EXPECT_EQ(isoFFrtpPacket(hint, buffer.get()), c.result);
     }
     EXPECT_EQ(isoFFrtpPacket(nullptr, nullptr), -1);

@@ -201,14 +201,16 @@ Format random_format(Random& random, int32_t codec) {
     const auto number = [&](int most) { return static_cast<uint32_t>(pick(random, 1, most)); };
     if (codec == ISO_CODEC_SAMR) return {8000, 0, 0, number(9), number(32)};
     if (codec == ISO_CODEC_SAWB) return {16000, 0, 0, 0, 0};
+    if (codec == ISO_CODEC_SAWP || codec == ISO_CODEC_MP4A) return {8000, 0, 0, 0, 0};
     return {number(INT_MAX), number(0xFFFF), number(0xFFFF), 0, 0};
 }
 
 RandomTrack random_track(Random& random) {
     static constexpr int32_t kCodecs[] = {ISO_CODEC_MP4V, ISO_CODEC_S263, ISO_CODEC_SAMR,
-                                          ISO_CODEC_SAWB, ISO_CODEC_AVC1};
+                                          ISO_CODEC_SAWB, ISO_CODEC_AVC1, ISO_CODEC_SAWP,
+                                          ISO_CODEC_MP4A};
     RandomTrack track{};
-    track.codec = kCodecs[pick(random, 0, 4)];
+    track.codec = kCodecs[pick(random, 0, 6)];
     track.header = {static_cast<uint32_t>(pick(random, 0, 15)),
                     pick(random, 0, 0xFFFF),
                     pick(random, 0, 3),
@@ -256,8 +258,13 @@ iso_track* create(iso_file* file, RandomTrack& from) {
         case ISO_CODEC_MP4V:
             return mpeg4_isoFFtrack(file, from.config.data(), length, format.width, format.height,
                                     format.timescale);
-        default:
-            return amr_isoFFtrack(file, from.codec == ISO_CODEC_SAWB, 0x81FF, 5);
+        default: {
+            iso_track* track = amr_isoFFtrack(file, from.codec == ISO_CODEC_SAWB, 0x81FF, 5);
+            track->codec = from.codec;
+            track->dsi = copy_to_arena(file, from.config);
+            track->dsi_length = length;
+            return track;
+        }
     }
 }
 
@@ -312,11 +319,16 @@ void describe(iso_track* track, const RandomTrack& from) {
 enum class Mode { kQueued, kSpooled, kDirect };
 
 // Writes the tracks with their samples in turns; the result of isoFFclose.
+constexpr char kMovieSdp[] = "v=0\r\n";  // of files with several tracks
+
 int write_file(Output& out, std::vector<RandomTrack>& tracks, Mode mode,
                const std::string& brands = "3gp6") {
     iso_file* file = open_for_writing(out);
     EXPECT_EQ(isoFFsetBrand(file, brands.c_str(), 77), 0);
+    // What is written does not depend on the clock.
+    file->creation_time = file->modification_time = 3'000'000'000;
     file->direct_write = mode == Mode::kDirect;
+    if (tracks.size() > 1) file->sdp_text = text_in_arena(file, kMovieSdp);
     std::vector<iso_track*> made;
     for (RandomTrack& from : tracks) {
         made.push_back(create(file, from));
@@ -374,7 +386,9 @@ void expect_description(const iso_track* track, const RandomTrack& from) {
     EXPECT_EQ(track->codec, from.codec);
     EXPECT_EQ(header_of(track), from.header);
     EXPECT_EQ(format_of(track), from.format);
-    if (from.codec == ISO_CODEC_AVC1 || from.codec == ISO_CODEC_MP4V) {
+    const bool has_config = from.codec == ISO_CODEC_AVC1 || from.codec == ISO_CODEC_MP4V ||
+                            from.codec == ISO_CODEC_MP4A;
+    if (has_config) {
         EXPECT_EQ(Bytes(track->dsi, track->dsi + track->dsi_length), from.config);
     }
     if (from.codec == ISO_CODEC_SAMR || from.codec == ISO_CODEC_SAWB) {
@@ -424,6 +438,7 @@ TEST_P(RandomFiles, ComeBackEqual) {
         EXPECT_EQ(reread.file->major_brand, brands.substr(0, 4));
         EXPECT_EQ(reread.file->minor_version, 77);
         EXPECT_EQ(reread.file->compatible_brands, brands);
+        EXPECT_STREQ(reread.file->sdp_text, tracks.size() > 1 ? kMovieSdp : nullptr);
         iso_track* track = reread.file->first_track;
         for (const RandomTrack& from : tracks) {
             ASSERT_NE(track, nullptr);
