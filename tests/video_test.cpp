@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <sstream>
 
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
@@ -139,13 +140,18 @@ uint32_t bits_at(const Bytes& bytes, unsigned first, unsigned count) {
     return value;
 }
 
-// What mode B tells of the macroblock that a packet begins with is what the walker finds there.
+// What mode B tells of the macroblock that a packet begins with is what the walker finds there, and
+// each cut is printed where that is asked for.
 TEST(H263Packets, ModeBHeadersTellTheMacroblock) {
-    tel_native state = state_of(ISO_CODEC_S263, NATIVE_MODE_RFC2190_MB, 500);
+    tel_native state =
+        state_of(ISO_CODEC_S263, NATIVE_MODE_RFC2190_MB, 500, static_cast<int>(native_verbose));
     Bytes out(200000);
     int checked = 0;
     for (const Bytes& picture : pictures_of("mb_qcif_gob.h263")) {
+        CaptureStderr();
         const std::vector<Packet> packets = packets_of(out, packetise(state, picture, out));
+        const std::string printed = GetCapturedStderr();
+        std::ostringstream cuts;
         nch_state walker{};
         BitPosition position;
         size_t bit = 0;  // of the picture, where the packet begins
@@ -179,9 +185,15 @@ TEST(H263Packets, ModeBHeadersTellTheMacroblock) {
                 ASSERT_EQ(predictor(57), there.vmv2);
                 ++checked;
             }
+            if (i + 1 < packets.size()) {
+                cuts << "Fragmenting payload: old_len=" << picture.size() - bit / 8
+                     << " new_len=" << payload.size() - header << ", at MB boundary, ebit=" << ebit
+                     << '\n';
+            }
             bit += (payload.size() - header) * 8 - sbit - ebit;
         }
         ASSERT_EQ(bit, picture.size() * 8);
+        ASSERT_EQ(printed, cuts.str());
     }
     EXPECT_GT(checked, 80);
 }
