@@ -295,6 +295,39 @@ class Usage(ToolTest):
         self.assertRegex(run("--version").stdout.decode(), r"^kestrel \d+\.\d+\.\d+\n$")
 
 
+class StandardStreams(ToolTest):
+    COMMANDS = [("check", sample("amrnb_hinted")), ("info", sample("amrnb_hinted")),
+                ("boxes", sample("amrnb_hinted")), ("packets", sample("amrnb_hinted")),
+                ("inspect", "stream"), ("--help",), ("--version",)]
+
+    def run_with(self, redirections, *arguments):
+        """Through a shell, which can close streams."""
+        words = shlex.join(map(str, [TOOL, *arguments]))
+        return subprocess.run(["sh", "-c", f"{words} {redirections}"], capture_output=True,
+                              timeout=120, check=False)
+
+    @unittest.skipUnless(os.path.exists("/dev/full"), "there is no /dev/full")
+    def test_lost_output_is_told(self):
+        stream = self.scratch / "stream.tel"
+        run("extract", sample("amrnb_hinted"), "ar", "-o", stream)
+        for command, *rest in self.COMMANDS:
+            rest = [stream if command == "inspect" else word for word in rest]
+            for redirection in [">/dev/full", ">&-"]:
+                with self.subTest(command=command, redirection=redirection):
+                    result = self.run_with(redirection, command, *rest)
+                    self.assert_fails(result, 1, "kestrel: standard output: ")
+
+    def test_closed_streams_change_nothing(self):
+        expected = run("check", sample("av_h263_amrnb_hinted")).stdout
+        for closed in ["<&-", "2>&-", "<&- 2>&-"]:
+            result = self.run_with(closed, "check", sample("av_h263_amrnb_hinted"))
+            self.assertEqual((result.returncode, result.stdout), (0, expected), closed)
+        out = self.scratch / "out.3gp"
+        result = self.run_with("<&- >&- 2>&-", "hint", sample("h263_plain"), "-o", out)
+        self.assertEqual(result.returncode, 0)
+        self.assertEqual(run("check", out).returncode, 0)
+
+
 class Info(ToolTest):
     def info(self, name):
         result = run("info", sample(name), "--json")
@@ -1142,9 +1175,6 @@ class Check(ToolTest):
                 else:
                     self.assertEqual([row[:4] for row in rows], expected)
                 self.assert_fails(result, 1, "1 of 1 file does not play")
-        result, rows = self.check(self.scratch / "none.3gp", sample("amrnb_plain"))
-        self.assertEqual([row[1] for row in rows], ["unreadable", "plays"])
-        self.assertEqual(result.returncode, 1)
         self.assert_fails(run("check"), 2, "FILE")
         self.assert_fails(run("check", "--road", "up", "x"), 2, "up not in")
 
@@ -1160,6 +1190,61 @@ class Check(ToolTest):
         verdicts = json.loads(run("info", bad, "--json").stdout)["verdicts"]
         self.assertEqual([v["reason"] for v in verdicts if v["medium"] == "video"],
                          ["plays", "ends-process"])
+
+    def unprivileged(self):
+        """What has a process run with the rights of a user for whom limits hold."""
+        if os.geteuid() != 0:
+            return {}
+        user = {"user": 65534, "group": 65534}
+        try:
+            subprocess.run([TOOL, "--version"], capture_output=True, check=True, **user)
+        except (PermissionError, subprocess.CalledProcessError):
+            self.skipTest("another user cannot run the tool")
+        return user
+
+    def test_what_cannot_be_read_is_told_and_the_rest_judged(self):
+        good = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        self.write("in/a.3gp", good)
+        self.write("in/locked/b.3gp", good)
+        self.write("in/z.3gp", good)
+        (self.scratch / "in" / "dangling.3gp").symlink_to("nowhere")
+        os.mkfifo(self.scratch / "in" / "fifo.3gp")
+        (self.scratch / "in" / "locked").chmod(0)
+        os.chmod(self.scratch, 0o755)
+        result = subprocess.run([TOOL, "check", "in", "none.3gp", "in/z.3gp"], cwd=self.scratch,
+                                capture_output=True, timeout=120, check=False, **self.unprivileged())
+        rows = [line.split("\t") for line in result.stdout.decode().splitlines()]
+        self.assertEqual([(row[1], row[4]) for row in rows],
+                         [("plays", "in/a.3gp"), ("unreadable", "in/dangling.3gp"),
+                          ("unreadable", "in/fifo.3gp"), ("unreadable", "in/locked"),
+                          ("plays", "in/z.3gp"), ("unreadable", "none.3gp"), ("plays", "in/z.3gp")])
+        self.assertEqual(result.stderr.decode().splitlines(),
+                         ["kestrel: in/dangling.3gp: No such file or directory",
+                          "kestrel: in/fifo.3gp: Is a pipe; give it as standard input, -",
+                          "kestrel: in/locked: Permission denied",
+                          "kestrel: none.3gp: No such file or directory",
+                          "kestrel: 4 of 7 files do not play"])
+        self.assertEqual(result.returncode, 1)
+
+    def test_a_run_that_cannot_judge_ends_with_its_reason(self):
+        user = self.unprivileged()
+        for limit, number, message in [(resource.RLIMIT_NPROC, 0, "fork: "),
+                                       (resource.RLIMIT_NOFILE, 4, "temporary file: ")]:
+            result = subprocess.run(
+                [TOOL, "check", sample("amrnb_hinted")], capture_output=True, timeout=120,
+                check=False, preexec_fn=lambda: resource.setrlimit(limit, (number, number)), **user)
+            with self.subTest(message=message):
+                self.assert_fails(result, 1, message)
+                self.assertEqual(result.stdout, b"")
+
+    def test_folders_without_a_file_are_told(self):
+        (self.scratch / "empty").mkdir()
+        self.write("other/readme.txt", b"not looked at")
+        for names, lines in [(["empty"], 0), (["other"], 0), (["empty", "other"], 0),
+                             (["empty", sample("amrnb_hinted")], 1)]:
+            result, rows = self.check(*(self.scratch / name for name in names))
+            self.assertEqual(len(rows), lines)
+            self.assert_fails(result, 1, f"{self.scratch / names[0]}: no name in .3gp")
 
     def test_folders_and_odd_names(self):
         data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
