@@ -1104,6 +1104,52 @@ class Check(ToolTest):
             result, rows = self.check("--road", road, sample("amrnb_plain"))
             self.assertEqual((result.returncode, rows), (code, [(*row, sample("amrnb_plain"))]))
 
+    @staticmethod
+    def media_bytes(stream):
+        """None where the media themselves make no sense, which a verdict does not look at."""
+        walk = json.loads(run("inspect", "-", "--json", stdin=stream).stdout)
+        if "damage" in walk:
+            return None
+        return sum(len(record.get("payload", "")) // 2 for record in walk["records"])
+
+    def test_where_no_frame_or_few_come_nothing_plays(self):
+        none, few, good = "damaged", "incomplete", "plays"
+        zeros, gone = "zeros", "renamed"
+        cases = [  # of plain files, where the function road has nothing but the media's own tables
+            ("mpeg4_plain", b"stco", zeros, none, 0), ("mpeg4_plain", b"stco", gone, none, 0),
+            ("mpeg4_plain", b"stsc", zeros, none, 0), ("mpeg4_plain", b"stsz", zeros, none, 0),
+            ("h263_plain", b"stsz", gone, none, 0), ("amrnb_plain", b"stsz", zeros, none, 0),
+            ("amrnb_plain", b"stsc", gone, none, 0), ("amrwb_plain", b"stco", gone, none, 0),
+            # On the class road the hints count.
+            ("h263_hinted", b"stsz", zeros, none, 1), ("mpeg4_hinted", b"stsc", zeros, none, 1)]
+        for name, table, how, expected, road in cases:
+            data = bytearray(pathlib.Path(sample(name)).read_bytes())
+            at = data.rindex(table)
+            if how == gone:
+                data[at:at + 4] = b"free"
+            else:
+                data[at + 8:at + 20] = bytes(12)
+            with self.subTest(name=name, table=table, how=how):
+                result, rows = self.check(self.write("file.3gp", data))
+                self.assertEqual(rows[0][1 + road], expected)
+                self.assertNotEqual(rows[0][2], good)
+                self.assertEqual(result.returncode, 0 if road else 1)
+        # Of thirty pictures, and of speech, the beginning alone is hinted.
+        for name, function, amount in [("mpeg4_hinted", few, "10 of 30 pictures"),
+                                       ("h263_hinted", few, "10 of 30 pictures"),
+                                       ("amrnb_hinted", good, r"3\d % of the bytes of its audio")]:
+            data = pathlib.Path(sample(name)).read_bytes()
+            hints = data.rindex(b"stsz") + 4
+            size, count = struct.unpack(">2I", data[hints + 4:hints + 12])
+            cut = data[:hints + 8] + struct.pack(">I", count // 3) + data[hints + 12:]
+            with self.subTest(name=name):
+                path = self.write("file.3gp", cut)
+                result, rows = self.check(path)
+                self.assertEqual(rows[0][1:4], (function, few, "hint --replace"))
+                self.assertEqual(result.returncode, 0 if function == good else 1)
+                self.assertRegex(run("info", path).stdout.decode(),
+                                 f"plays in part: Success \\(0\\)\n *It delivers only {amount}\\.")
+
     def test_verdicts_are_what_extract_comes_to(self):
         names = [(path.stem, path.read_bytes()) for path in sorted(SAMPLES.glob("*.3gp"))]
         seen = set()
@@ -1113,6 +1159,11 @@ class Check(ToolTest):
             self.assertIn(result.returncode, (0, 1), name)
             self.assertGreaterEqual(len(rows), 1)
             played = []
+            about = json.loads(run("info", path, "--json").stdout or '{"tracks": []}')
+            told = {}  # bytes; the last track is played
+            for track in about["tracks"]:
+                medium = {"AMR": "audio", "H.2": "video", "MPE": "video"}.get(track["codec"][:3])
+                told[medium] = track["bytes"]
             for row in rows:
                 seen.update(row[1:3])
                 if row[0] == "-":
@@ -1122,7 +1173,12 @@ class Check(ToolTest):
                 for road, word in zip(("function", "class"), row[1:3]):
                     with self.subTest(name=name, road=road, row=row):
                         out = run("extract", path, row[0][0] + "r", "--road", road)
-                        self.assertEqual(word == "plays", out.returncode == 0, out.stderr)
+                        if out.returncode == 0:
+                            came = self.media_bytes(out.stdout)
+                            if came is not None:
+                                self.assertEqual(word == "plays", came > 0.9 * told[row[0]], came)
+                        else:
+                            self.assertNotEqual(word, "plays", out.stderr)
                         roads.append(word == "plays")
                 played.append(any(roads))
             self.assertEqual(result.returncode, 0 if all(played) else 1, name)
@@ -1177,6 +1233,49 @@ class Check(ToolTest):
                 self.assert_fails(result, 1, "1 of 1 file does not play")
         self.assert_fails(run("check"), 2, "FILE")
         self.assert_fails(run("check", "--road", "up", "x"), 2, "up not in")
+
+    def test_a_mend_that_does_not_mend_is_not_told(self):
+        hdlr = boxes(pathlib.Path(sample("h263_hinted")).read_bytes(), STBL[:3] + [b"hdlr"])[0]
+        cases = [("h263_hinted", hdlr, hdlr.replace(b"vide", b"vid\0")),  # copied as it is
+                 ("amrnb_plain", b"mdhd", b"mdhx"), ("mpeg4_plain", b"esds", b"esdx"),
+                 ("amrnb_plain", b"hdlr", b"hdlx")]
+        for name, old, new in cases:
+            data = pathlib.Path(sample(name)).read_bytes()
+            with self.subTest(name=name, old=old[:8]):
+                _, rows = self.check(self.write("file.3gp", data.replace(old, new)))
+                self.assertNotEqual(rows[0][2], "plays")
+                self.assertEqual(rows[0][3], "-")
+
+    @unittest.skipUnless(os.path.exists("/proc/self/task"), "needs /proc")
+    def test_a_reader_that_crashes_is_damage(self):
+        # Long at work: many chunks at one place.
+        data = speech_file(5_000_000, 50, 50)
+        offsets = data.index(b"stco") + 8
+        count, first = struct.unpack(">2I", data[offsets:offsets + 8])
+        data = data[:offsets + 4] + struct.pack(">I", first) * count + data[offsets + 4 + 4 * count:]
+        tool = subprocess.Popen([TOOL, "check", "--road", "function",
+                                 self.write("long.3gp", data)], stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
+        self.addCleanup(tool.kill)
+        children = pathlib.Path(f"/proc/{tool.pid}/task/{tool.pid}/children")
+        while not children.read_text().split():
+            self.assertIsNone(tool.poll())
+        os.kill(int(children.read_text().split()[0]), signal.SIGSEGV)
+        out, _ = tool.communicate(timeout=120)
+        self.assertEqual(out.decode().split("\t")[:4], ["audio", "damaged", "-", "-"])
+        self.assertEqual(tool.returncode, 1)
+
+    def test_the_track_that_a_road_takes_is_judged(self):
+        data = pathlib.Path(sample("two_amrnb_hinted")).read_bytes()
+        tables = [match.start() + 8 for match in re.finditer(b"stco", data)]
+        for number, word in [(0, "plays"), (1, "incomplete")]:
+            # The last track is played; the chunk of one lies behind the end.
+            lost = bytearray(data)
+            lost[tables[number] + 4:tables[number] + 8] = b"\x7f\xff\xff\xff"
+            path = self.write("file.3gp", lost)
+            self.assertEqual(self.check(path)[1][0][1:3], (word, "several-tracks"))
+        page = run("report", sample("two_amrnb_hinted"), "-o", "-").stdout.decode()
+        self.assertIn("Played: track 2; not judged: track 1.", page)
 
     def test_a_file_that_ends_the_process_does_not_end_the_check(self):
         bad = self.write("bad.3gp", foreign_mpeg4())

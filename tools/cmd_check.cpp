@@ -195,23 +195,25 @@ void add_check(CLI::App& app) {
         ->option_text("function|class");
     command->footer(
         "A line for each medium that a file has, with tabs between its columns:\n"
-        "  1  audio or video; - for a file in which neither was found\n"
+        "  1  audio or video; - for a file in which neither was found, or whose movie box is cut\n"
         "  2  what comes of it on the function road (kst_Open), played to its end\n"
         "  3  the same on the class road (C3gpInterface)\n"
-        "  4  the command that mends it, hint or hint --replace; - for none\n"
+        "  4  what mends it, as was tried: hint or hint --replace; - for nothing, and for what\n"
+        "     is not tried, a file of more than 128 MiB\n"
         "  5  the file, with control characters and backslashes as \\xNN\n"
         "Columns 2 and 3 are -, where the road is not judged, or one of\n"
         "  plays           delivered to its end\n"
         "  no-hint-track   this road needs an RTP hint track\n"
         "  codec           this road does not play the codec\n"
         "  several-tracks  this road plays a file with one track of the medium\n"
-        "  incomplete      data is missing that the tables tell of\n"
-        "  damaged         a box, a table or a sample makes no sense\n"
+        "  incomplete      the file ends too early, or less than 9 tenths of a track come out\n"
+        "  damaged         a box, a table or a sample makes no sense, or no frame comes out\n"
         "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"
         "  no-track        no audio and no video\n"
-        "  not-3gp         no file type box and no movie box\n"
-        "  unreadable      the system does not give the file out\n"
-        "Exit status: 0 all media of all files play, 1 some do not, 2 wrong usage.");
+        "  not-3gp         no file type box and no movie box; an empty file too\n"
+        "  unreadable      the system does not give the file or folder out\n"
+        "Exit status: 0 all media of all files play, 1 some do not or a folder has no such name,\n"
+        "2 wrong usage.");
     command->callback([options] { Checker(*options).run(); });
 }
 

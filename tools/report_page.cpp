@@ -116,15 +116,23 @@ class Page {
     // Plays in part at least.
     bool begins(Medium medium) const {
         return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
-            return verdict->medium == medium && verdict->opens && verdict->delivered > 0;
+            return verdict->medium == medium && verdict->frames > 0;
         });
+    }
+
+    // How much of it comes, where it comes to its end on some road.
+    std::string amount(Medium medium) const {
+        for (const Verdict* verdict : present_) {
+            if (verdict->medium == medium && !verdict->amount.empty()) return verdict->amount;
+        }
+        return "";
     }
 
     std::string headline(Tone& tone) const {
         tone = Tone::kPoor;
         if (!data_.scan.is_3gp()) return "This is no 3GP file";
         if (present_.empty()) return "There is no audio and no video here";
-        std::string silent;
+        std::string silent, in_part;
         bool everywhere = true, function = true, begins = false;
         for (const Medium medium : kMedia) {
             if (!has_medium(data_.file.get(), medium)) continue;
@@ -134,9 +142,11 @@ class Page {
             if (here || there) continue;
             silent += (silent.empty() ? "" : " nor ") + std::string(word(medium));
             begins = begins || this->begins(medium);
+            in_part = amount(medium);
         }
         if (!silent.empty()) {
             const bool both = silent.find(' ') != std::string::npos;
+            if (!both && !in_part.empty()) return "Plays only " + in_part;
             return (both ? "Neither " + silent + " plays" : "Its " + silent + " does not play") +
                    (begins ? " to the end" : "");
         }
@@ -194,27 +204,43 @@ class Page {
 
     void add_road(const Verdict& verdict) {
         const bool function = verdict.road == Road::kFunction;
-        const char* said = verdict.plays()                          ? "plays"
-                           : verdict.opens && verdict.delivered > 0 ? "stops before its end"
-                                                                    : "does not play";
         out_ += std::string("<div class=\"road ") + (verdict.plays() ? "good" : "poor") +
                 "\"><div class=\"head\"><span class=\"said\">" +
-                (verdict.plays() ? kTick : kCross) + said + "</span><span class=\"name\">" +
+                (verdict.plays() ? kTick : kCross) + verdict.outcome() +
+                "</span><span class=\"name\">" +
                 (function ? "function road <code>kst_Open</code>"
                           : "class road <code>C3gpInterface</code>") +
                 "</span></div>";
         if (!verdict.plays()) {
-            out_ += "<p>" + escape(verdict.why) +
-                    format(" <span class=\"muted\">Status&#160;%d.</span>", verdict.status) +
-                    "</p>";
+            out_ += "<p>" + escape(verdict.why);
+            if (verdict.status != KST_SUCCESS) {
+                out_ += format(" <span class=\"muted\">Status&#160;%d: ", verdict.status) +
+                        escape(kst_StatusString(verdict.status)) + ".</span>";
+            }
+            out_ += "</p>";
         }
         if (!verdict.mend.empty()) {
-            const bool sure = verdict.reason == Reason::kNoHintTrack;
-            out_ += std::string("<p>") + (sure ? "Mend it with" : "New hints may mend it") +
-                    ":</p><code class=\"mend\">" + escape(mending_command(verdict, data_.input)) +
-                    "</code>";
+            out_ += "<p>Mend it with:</p><code class=\"mend\">" +
+                    escape(mending_command(verdict, data_.input)) + "</code>";
+        }
+        const std::string others = other_tracks(verdict);
+        if (verdict.opens && !others.empty()) {
+            out_ += format("<p class=\"muted\">Played: track %u; not judged: track ",
+                           verdict.track_id) +
+                    others + ".</p>";
         }
         out_ += "</div>";
+    }
+
+    // Of the same medium.
+    std::string other_tracks(const Verdict& verdict) const {
+        std::string out;
+        for (const iso_track* track = data_.file->first_track; track != nullptr;
+             track = track->next) {
+            if (!is_of(track, verdict.medium) || track->track_id == verdict.track_id) continue;
+            out += (out.empty() ? "" : ", ") + std::to_string(track->track_id);
+        }
+        return out;
     }
 
     void add_verdicts() {
