@@ -1192,6 +1192,8 @@ class Check(ToolTest):
                  for name in [*PLAIN, "h263_hinted_selfref"]}
         files["cut box.3gp"] = tail[:-5]
         files["it's.3gp"] = rebuilt(tail, {})[:-5]
+        for odd in ["two\nlines\t'\\.3gp", "\udcff\x1b.3gp", "\u202e.3gp", "\u00e9 .3gp"]:
+            files[odd] = files["amrnb_plain.3gp"]
         for name, data in files.items():
             path = self.write(name, data)
             _, rows = self.check(path)
@@ -1203,7 +1205,10 @@ class Check(ToolTest):
                     # The command as info and report show it, through a shell.
                     verdicts = json.loads(run("info", path, "--json").stdout)["verdicts"]
                     shown = [v["mend"] for v in verdicts if v["medium"] == row[0] and "mend" in v]
-                    words = shlex.split(shown[0])
+                    words = subprocess.run(["bash", "-c", f"printf '%s\\0' {shown[0]}"],
+                                           capture_output=True, check=True).stdout.split(b"\0")
+                    words = [os.fsdecode(word) for word in words[:-1]]
+                    self.assertNotRegex(shown[0], r"[\x00-\x1f\u202e\ufffd]")
                     self.assertEqual(words[0], "kestrel")
                     out = self.scratch / "mended.3gp"
                     mended = run(*[str(out) if word == "OUT" else word for word in words[1:]])
@@ -1477,6 +1482,73 @@ class Report(ToolTest):
                 if "sync_samples" in track:
                     self.assertIn(f"{track['sync_samples']} of {track['samples']}", page)
 
+    def test_bars_stand_where_their_samples_are(self):
+        for name in ["amrnb_hinted_1450", "h264_hinted_1450", "h263_hinted_1450",
+                     "mpeg4_hinted_1450", "h263_rfc2190_hinted_1450", "two_amrnb_hinted"]:
+            with self.subTest(name=name):
+                page = self.page(sample(name))
+                hints = [track for track in json.loads(run("info", sample(name), "--json").stdout)
+                         ["tracks"] if "hints_track" in track and track["samples"] <= 150]
+                charts = [[bar for bar in svg if "faint" not in bar.get("class", "") and
+                           bar.get("class", "").startswith("bar")] for svg in page.iter("svg")
+                          if svg.get("aria-label") == "Packets per hint sample"]
+                charts = [chart for chart in charts if chart]
+                self.assertEqual([len(chart) for chart in charts][:len(hints)],
+                                 [track["samples"] for track in hints])
+                for bars in charts:
+                    ends = [float(bar.get("x")) + float(bar.get("width")) for bar in bars]
+                    gaps = [float(bar.get("x")) - end for bar, end in zip(bars[1:], ends)]
+                    widest = max(float(bar.get("width")) for bar in bars)
+                    self.assertLess(max(gaps, default=0), widest * 0.4)
+
+    def test_headlines_and_figures(self):
+        data = {name: pathlib.Path(sample(name)).read_bytes()
+                for name in ["av_h263_amrnb_hinted", "h263_hinted", "h263_hinted_selfref",
+                             "amrnb_plain", "h263_plain"]}
+        movie = data["h263_plain"].index(b"moov")
+        length = int.from_bytes(data["h263_plain"][movie - 4:movie], "big")
+        both = data["av_h263_amrnb_hinted"]
+        offsets = bytearray(pathlib.Path(sample("mpeg4_b_hinted")).read_bytes())
+        offsets[offsets.index(b"ctts") + 39] = 0  # the class road does not look at these
+        cases = [
+            (bytes(offsets), ["Plays on the class road"], []),
+            (b"no boxes here, but a text", ["This is no 3GP file"], ["3GP file This"]),
+            (speech_file(0), ["no samples"], ["0 samples"]),
+            # The last sample is told shorter than its bytes last.
+            (data["amrnb_plain"], ["at most 12.8 kbit/s"], []),
+            (data["h263_plain"][:movie - 4 + length - 4], [], ["There is no audio"]),
+            (both[:both.index(b"moov") + 200], ["The movie box is cut: nothing can be played"],
+             ["There is no audio"]),
+            (data["h263_hinted_selfref"], ["No RTP hint track refers to the video"],
+             ["has no RTP hint track", "track 65536 RTP hints track 65536"]),
+            (both[:len(both) * 7 // 10], ["Bit rate – data is missing", "Hints – data is missing",
+                                          "its width does not tell how much",
+                                          "Hint sample 11 of 30 is not in the file"],
+             ["makes no packet"]),
+        ]
+        for content, told, not_told in cases:
+            text = self.words(self.page("-", stdin=content))
+            for part in told:
+                with self.subTest(told=part):
+                    self.assertIn(part, text)
+            for part in not_told:
+                with self.subTest(not_told=part):
+                    self.assertNotIn(part, text)
+
+    def test_sync_samples_of_long_files_are_paler_where_they_are_few(self):
+        data = pathlib.Path(sample("h263_plain")).read_bytes()
+        size = int.from_bytes(boxes(data, STBL[:5] + [b"stsz"])[0][12:16], "big")
+        count = 600
+        syncs = [*range(1, 101), *range(101, count, 20)]
+        chunk = boxes(data, STBL + [b"stco"])[0][8:12]
+        page = self.page("-", stdin=rebuilt(data, {
+            b"stsz": struct.pack(">3I", 0, size, count), b"stco": struct.pack(">2I", 0, 1) + chunk,
+            b"stsc": struct.pack(">5I", 0, 1, 1, count, 1),
+            b"stts": struct.pack(">4I", 0, 1, count, 1000),
+            b"stss": struct.pack(f">2I{len(syncs)}I", 0, len(syncs), *syncs)}))
+        chart = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Sync samples"][0]
+        self.assertEqual({bar.get("fill-opacity") for bar in chart}, {"1.00", "0.25"})
+
     def test_an_hour_stays_small(self):
         page = self.page("-", stdin=speech_file(180000))
         self.assertIn("Plays on the function road", self.words(page))
@@ -1546,7 +1618,7 @@ class Report(ToolTest):
                 page = self.page(path)
                 self.assertEqual({e.tag for e in page.iter()} & {"script", "img", "s", "u"}, set())
                 self.assertIn("<img src=x onerror=alert(1)>\ufffd&'\".3gp",
-                              self.words(page.find(".//h1")))
+                              "".join(page.find(".//h1").itertext()))
         text = self.words(self.page("-", stdin=cases[0]))
         self.assertIn("<script>alert(1)</script>", text)
 
@@ -1557,7 +1629,18 @@ class Report(ToolTest):
         elst = struct.pack(">2I" + "IiI" * 2, 0, 2, scale // 2, -1, 0x10000, scale * 3, ticks // 4,
                            0x8000)
         edts = struct.pack(">I4s", len(elst) + 8, b"elst") + elst
-        text = self.words(self.page("-", stdin=rebuilt(data, {b"edts": edts})))
+        page = self.page("-", stdin=rebuilt(data, {b"edts": edts}))
+        strip = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Edit list"][0]
+        text = self.words(page)
+        # On the axis of time, which ends with the media.
+        seconds = json.loads(run("info", sample("h263_plain"), "--json").stdout)["duration_seconds"]
+        first, second = [(float(e.get("x")), float(e.get("width"))) for e in strip]
+        self.assertAlmostEqual(first[1], 500 / seconds, delta=1)
+        self.assertAlmostEqual(sum(second), min(3500 / seconds, 1000), delta=3)
+        page = self.page("-", stdin=rebuilt(data, {b"edts": struct.pack(">I", 28) + b"elst" +
+                                                   struct.pack(">2IIiI", 0, 1, 0, 0, 0x10000)}))
+        strip = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Edit list"][0]
+        self.assertEqual(len(strip), 0)
         self.assertIn("for 0.50 s nothing, then for 3.00 s the media from 0.250 s on at 0.50 times "
                       "its speed", text)
 
@@ -1570,6 +1653,12 @@ class Report(ToolTest):
         if os.path.exists("/dev/full"):
             self.assert_fails(run("report", copy, "-o", "/dev/full"), 1, "No space left")
         out = self.scratch / "report.html"
+        out.write_text("the page before")
+        limited = subprocess.run(
+            [TOOL, "report", copy, "-o", out], capture_output=True, timeout=120, check=False,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
+        self.assert_fails(limited, 1, "File too large")
+        self.assertEqual(out.read_text(), "the page before")
         run("report", copy, "-o", out)
         self.assertEqual(run("report", copy, "-o", "-").stdout, out.read_bytes())
 

@@ -315,7 +315,7 @@ std::string why_damaged(const Verdict& verdict, const Outcome& outcome, const is
 }
 
 std::string why(const Verdict& verdict, const Outcome& outcome, const iso_track* track,
-                uint32_t size) {
+                uint32_t size, bool hints) {
     const std::string medium = word(verdict.medium);
     const std::string codec = track != nullptr ? codec_name(track->codec) : "unknown";
     switch (verdict.reason) {
@@ -324,7 +324,9 @@ std::string why(const Verdict& verdict, const Outcome& outcome, const iso_track*
         case Reason::kNoTrack:
             return "The file has no " + medium + " track.";
         case Reason::kNoHintTrack:
-            return "The " + medium + " has no RTP hint track, and this road plays nothing else.";
+            return (hints ? "No RTP hint track refers to the " + medium
+                          : "The " + medium + " has no RTP hint track") +
+                   ", and this road plays nothing else.";
         case Reason::kCodec:
             return std::string("This road does not play ") +
                    (codec == "unknown" ? "this " + medium + " codec" : codec) +
@@ -371,6 +373,18 @@ std::string quoted(const std::string& text) {
     std::string path = text.starts_with('-') && text.size() > 1 ? "./" + text : text;
     if (!path.empty() && path.find_first_not_of(std::string(kPlain) + "-") == std::string::npos) {
         return path;
+    }
+    // What a page or a terminal would not show as it is goes into a form of bash and others.
+    const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+    if (std::any_of(path.begin(), path.end(), is_control) ||
+        escape(path).find("\xEF\xBF\xBD") != std::string::npos) {
+        std::string out = "$'";
+        for (const char c : path) {
+            const auto byte = static_cast<unsigned char>(c);
+            const bool shown = c >= ' ' && c <= '~' && c != '\'' && c != '\\';
+            out += shown ? std::string(1, c) : format("\\x%02x", byte);
+        }
+        return out + "'";
     }
     std::string out = "'";
     for (const char c : path)
@@ -493,7 +507,7 @@ Verdict judge(kst_host* host, const iso_file* file, Road road, Medium medium) {
         verdict.reason = Reason::kIncomplete;
     }
     verdict.mend = mend(host, verdict, file, track, size);
-    verdict.why = why(verdict, outcome, track, size);
+    verdict.why = why(verdict, outcome, track, size, has_hints(file));
     return verdict;
 }
 
