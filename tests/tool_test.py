@@ -1500,6 +1500,8 @@ class Report(ToolTest):
                     gaps = [float(bar.get("x")) - end for bar, end in zip(bars[1:], ends)]
                     widest = max(float(bar.get("width")) for bar in bars)
                     self.assertLess(max(gaps, default=0), widest * 0.4)
+                    # A last sample that is told too short lasts like the others, or to the end.
+                    self.assertGreater(float(bars[-1].get("width")), min(widest, 1000 - ends[-2]) / 2)
 
     def test_headlines_and_figures(self):
         data = {name: pathlib.Path(sample(name)).read_bytes()

@@ -88,7 +88,7 @@ class Grid {
     Grid(const TrackFigures& figures, double total) : edges_(figures.edges), total_(total) {}
 
     // Of the edge in front of column `i`, or behind the last one.
-    double x(size_t i) const { return total_ > 0 ? edges_[i] / total_ * kWide : 0; }
+    double x(size_t i) const { return total_ > 0 ? std::min(edges_[i] / total_, 1.0) * kWide : 0; }
     double width(size_t i) const { return x(i + 1) - x(i); }
     std::string when(size_t i) const {
         return total_ < kClockFrom ? format("%.2f s", edges_[i]) : show_seconds(edges_[i]);

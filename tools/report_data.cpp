@@ -119,17 +119,16 @@ void gather_samples(TrackFigures& figures) {
         time += duration;
     }
     figures.seconds = to_seconds(track, time);
-    figures.edges.push_back(figures.seconds);
+    // The last sample is often told shorter than it is.
+    const double cut_off = to_seconds(track, before > duration ? before - duration : 0);
+    figures.edges.push_back(figures.seconds + cut_off);
     figures.longest_gap = to_seconds(track, std::max(gap, time - last_sync));
     if (figures.seconds <= 0) {
         figures.rate.clear();
         return;
     }
-    // The last sample is often told shorter than it is.
-    const double cut_off = to_seconds(track, before > duration ? before - duration : 0);
     for (size_t i = 0; i < columns.count(); ++i) {
-        const double seconds =
-            figures.edges[i + 1] - figures.edges[i] + (i + 1 == columns.count() ? cut_off : 0);
+        const double seconds = figures.edges[i + 1] - figures.edges[i];
         figures.rate[i] = seconds > 0 ? figures.rate[i] * 8 / seconds : 0;
         figures.peak_rate = std::max(figures.peak_rate, figures.rate[i]);
     }

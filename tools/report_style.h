@@ -9,7 +9,7 @@ inline constexpr char kReportStyle[] = R"css(
   color-scheme: light dark;
   --bg: #f4f6f8; --card: #fff; --ink: #15202b; --muted: #5a6878; --line: #dfe4ea; --grid: #e8ecf0;
   --track: #eef1f4; --video: #4556de; --audio: #0a8474; --hint: #b76a08; --movie: #8f4fb8;
-  --media: #778593; --box: #5f7186; --ok: #1a7a3a; --okbg: #e6f4ea; --bad: #b92626; --warn: #8c5105;
+  --media: #778593; --box: #44546a; --ok: #1a7a3a; --okbg: #e6f4ea; --bad: #b92626; --warn: #8c5105;
   --badbg: #fcebea; --code: #f0f3f6;
 }
 @media (prefers-color-scheme: dark) {
@@ -123,6 +123,7 @@ pre { margin: 8px 0 0; padding: 10px 12px; background: var(--code); border-radiu
   white-space: pre-wrap; overflow-wrap: anywhere;
   font: 12px/1.5 ui-monospace, "DejaVu Sans Mono", Menlo, Consolas, monospace; }
 footer { margin-top: 22px; text-align: center; color: var(--muted); font-size: 12px; }
+@media (max-width: 860px) { dd { font-size: 15px; } .tiles div { padding: 10px; } }
 @media (max-width: 640px) {
   main { padding: 18px 12px 28px; } h1 { font-size: 23px; } .lead { font-size: 16px; }
   section { padding: 14px 14px 16px; } .pair { grid-template-columns: 1fr; gap: 8px; }
