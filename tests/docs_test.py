@@ -90,6 +90,17 @@ class ManPages(unittest.TestCase):
                         run_in(scratch, line)
 
 
+class Words(unittest.TestCase):
+    def test_every_word_of_check_is_explained(self):
+        footer = tool_help("check").split("Columns 2 and 3")[1]
+        words = re.findall(r"^  ([a-z0-9-]+)  +\w", footer, re.M)
+        self.assertGreater(len(words), 8)
+        page = (ROOT / "docs" / "man" / "kestrel-check.mdoc").read_text().replace("\\-", "-")
+        self.assertEqual(re.findall(r"^\.It Sy (\S+)", page, re.M), words)
+        table = re.findall(r"^\| `([a-z0-9-]+)` \|", (ROOT / "docs" / "report.md").read_text(), re.M)
+        self.assertEqual(table, words)
+
+
 class Readme(unittest.TestCase):
     def test_commands_run_as_written(self):
         lines = re.findall(r"^    build/x64/bin/(kestrel .*)$", (ROOT / "README.md").read_text(),

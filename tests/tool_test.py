@@ -295,6 +295,39 @@ class Usage(ToolTest):
         self.assertRegex(run("--version").stdout.decode(), r"^kestrel \d+\.\d+\.\d+\n$")
 
 
+class StandardStreams(ToolTest):
+    COMMANDS = [("check", sample("amrnb_hinted")), ("info", sample("amrnb_hinted")),
+                ("boxes", sample("amrnb_hinted")), ("packets", sample("amrnb_hinted")),
+                ("inspect", "stream"), ("--help",), ("--version",)]
+
+    def run_with(self, redirections, *arguments):
+        """Through a shell, which can close streams."""
+        words = shlex.join(map(str, [TOOL, *arguments]))
+        return subprocess.run(["sh", "-c", f"{words} {redirections}"], capture_output=True,
+                              timeout=120, check=False)
+
+    @unittest.skipUnless(os.path.exists("/dev/full"), "there is no /dev/full")
+    def test_lost_output_is_told(self):
+        stream = self.scratch / "stream.tel"
+        run("extract", sample("amrnb_hinted"), "ar", "-o", stream)
+        for command, *rest in self.COMMANDS:
+            rest = [stream if command == "inspect" else word for word in rest]
+            for redirection in [">/dev/full", ">&-"]:
+                with self.subTest(command=command, redirection=redirection):
+                    result = self.run_with(redirection, command, *rest)
+                    self.assert_fails(result, 1, "kestrel: standard output: ")
+
+    def test_closed_streams_change_nothing(self):
+        expected = run("check", sample("av_h263_amrnb_hinted")).stdout
+        for closed in ["<&-", "2>&-", "<&- 2>&-"]:
+            result = self.run_with(closed, "check", sample("av_h263_amrnb_hinted"))
+            self.assertEqual((result.returncode, result.stdout), (0, expected), closed)
+        out = self.scratch / "out.3gp"
+        result = self.run_with("<&- >&- 2>&-", "hint", sample("h263_plain"), "-o", out)
+        self.assertEqual(result.returncode, 0)
+        self.assertEqual(run("check", out).returncode, 0)
+
+
 class Info(ToolTest):
     def info(self, name):
         result = run("info", sample(name), "--json")
@@ -1071,6 +1104,52 @@ class Check(ToolTest):
             result, rows = self.check("--road", road, sample("amrnb_plain"))
             self.assertEqual((result.returncode, rows), (code, [(*row, sample("amrnb_plain"))]))
 
+    @staticmethod
+    def media_bytes(stream):
+        """None where the media themselves make no sense, which a verdict does not look at."""
+        walk = json.loads(run("inspect", "-", "--json", stdin=stream).stdout)
+        if "damage" in walk:
+            return None
+        return sum(len(record.get("payload", "")) // 2 for record in walk["records"])
+
+    def test_where_no_frame_or_few_come_nothing_plays(self):
+        none, few, good = "damaged", "incomplete", "plays"
+        zeros, gone = "zeros", "renamed"
+        cases = [  # of plain files, where the function road has nothing but the media's own tables
+            ("mpeg4_plain", b"stco", zeros, none, 0), ("mpeg4_plain", b"stco", gone, none, 0),
+            ("mpeg4_plain", b"stsc", zeros, none, 0), ("mpeg4_plain", b"stsz", zeros, none, 0),
+            ("h263_plain", b"stsz", gone, none, 0), ("amrnb_plain", b"stsz", zeros, none, 0),
+            ("amrnb_plain", b"stsc", gone, none, 0), ("amrwb_plain", b"stco", gone, none, 0),
+            # On the class road the hints count.
+            ("h263_hinted", b"stsz", zeros, none, 1), ("mpeg4_hinted", b"stsc", zeros, none, 1)]
+        for name, table, how, expected, road in cases:
+            data = bytearray(pathlib.Path(sample(name)).read_bytes())
+            at = data.rindex(table)
+            if how == gone:
+                data[at:at + 4] = b"free"
+            else:
+                data[at + 8:at + 20] = bytes(12)
+            with self.subTest(name=name, table=table, how=how):
+                result, rows = self.check(self.write("file.3gp", data))
+                self.assertEqual(rows[0][1 + road], expected)
+                self.assertNotEqual(rows[0][2], good)
+                self.assertEqual(result.returncode, 0 if road else 1)
+        # Of thirty pictures, and of speech, the beginning alone is hinted.
+        for name, function, amount in [("mpeg4_hinted", few, "10 of 30 pictures"),
+                                       ("h263_hinted", few, "10 of 30 pictures"),
+                                       ("amrnb_hinted", good, r"3\d % of the bytes of its audio")]:
+            data = pathlib.Path(sample(name)).read_bytes()
+            hints = data.rindex(b"stsz") + 4
+            size, count = struct.unpack(">2I", data[hints + 4:hints + 12])
+            cut = data[:hints + 8] + struct.pack(">I", count // 3) + data[hints + 12:]
+            with self.subTest(name=name):
+                path = self.write("file.3gp", cut)
+                result, rows = self.check(path)
+                self.assertEqual(rows[0][1:4], (function, few, "hint --replace"))
+                self.assertEqual(result.returncode, 0 if function == good else 1)
+                self.assertRegex(run("info", path).stdout.decode(),
+                                 f"plays in part: Success \\(0\\)\n *It delivers only {amount}\\.")
+
     def test_verdicts_are_what_extract_comes_to(self):
         names = [(path.stem, path.read_bytes()) for path in sorted(SAMPLES.glob("*.3gp"))]
         seen = set()
@@ -1080,6 +1159,11 @@ class Check(ToolTest):
             self.assertIn(result.returncode, (0, 1), name)
             self.assertGreaterEqual(len(rows), 1)
             played = []
+            about = json.loads(run("info", path, "--json").stdout or '{"tracks": []}')
+            told = {}  # bytes; the last track is played
+            for track in about["tracks"]:
+                medium = {"AMR": "audio", "H.2": "video", "MPE": "video"}.get(track["codec"][:3])
+                told[medium] = track["bytes"]
             for row in rows:
                 seen.update(row[1:3])
                 if row[0] == "-":
@@ -1089,7 +1173,12 @@ class Check(ToolTest):
                 for road, word in zip(("function", "class"), row[1:3]):
                     with self.subTest(name=name, road=road, row=row):
                         out = run("extract", path, row[0][0] + "r", "--road", road)
-                        self.assertEqual(word == "plays", out.returncode == 0, out.stderr)
+                        if out.returncode == 0:
+                            came = self.media_bytes(out.stdout)
+                            if came is not None:
+                                self.assertEqual(word == "plays", came > 0.9 * told[row[0]], came)
+                        else:
+                            self.assertNotEqual(word, "plays", out.stderr)
                         roads.append(word == "plays")
                 played.append(any(roads))
             self.assertEqual(result.returncode, 0 if all(played) else 1, name)
@@ -1103,6 +1192,8 @@ class Check(ToolTest):
                  for name in [*PLAIN, "h263_hinted_selfref"]}
         files["cut box.3gp"] = tail[:-5]
         files["it's.3gp"] = rebuilt(tail, {})[:-5]
+        for odd in ["two\nlines\t'\\.3gp", "\udcff\x1b.3gp", "\u202e.3gp", "\u00e9 .3gp"]:
+            files[odd] = files["amrnb_plain.3gp"]
         for name, data in files.items():
             path = self.write(name, data)
             _, rows = self.check(path)
@@ -1114,7 +1205,10 @@ class Check(ToolTest):
                     # The command as info and report show it, through a shell.
                     verdicts = json.loads(run("info", path, "--json").stdout)["verdicts"]
                     shown = [v["mend"] for v in verdicts if v["medium"] == row[0] and "mend" in v]
-                    words = shlex.split(shown[0])
+                    words = subprocess.run(["bash", "-c", f"printf '%s\\0' {shown[0]}"],
+                                           capture_output=True, check=True).stdout.split(b"\0")
+                    words = [os.fsdecode(word) for word in words[:-1]]
+                    self.assertNotRegex(shown[0], r"[\x00-\x1f\u202e\ufffd]")
                     self.assertEqual(words[0], "kestrel")
                     out = self.scratch / "mended.3gp"
                     mended = run(*[str(out) if word == "OUT" else word for word in words[1:]])
@@ -1142,11 +1236,51 @@ class Check(ToolTest):
                 else:
                     self.assertEqual([row[:4] for row in rows], expected)
                 self.assert_fails(result, 1, "1 of 1 file does not play")
-        result, rows = self.check(self.scratch / "none.3gp", sample("amrnb_plain"))
-        self.assertEqual([row[1] for row in rows], ["unreadable", "plays"])
-        self.assertEqual(result.returncode, 1)
         self.assert_fails(run("check"), 2, "FILE")
         self.assert_fails(run("check", "--road", "up", "x"), 2, "up not in")
+
+    def test_a_mend_that_does_not_mend_is_not_told(self):
+        hdlr = boxes(pathlib.Path(sample("h263_hinted")).read_bytes(), STBL[:3] + [b"hdlr"])[0]
+        cases = [("h263_hinted", hdlr, hdlr.replace(b"vide", b"vid\0")),  # copied as it is
+                 ("amrnb_plain", b"mdhd", b"mdhx"), ("mpeg4_plain", b"esds", b"esdx"),
+                 ("amrnb_plain", b"hdlr", b"hdlx")]
+        for name, old, new in cases:
+            data = pathlib.Path(sample(name)).read_bytes()
+            with self.subTest(name=name, old=old[:8]):
+                _, rows = self.check(self.write("file.3gp", data.replace(old, new)))
+                self.assertNotEqual(rows[0][2], "plays")
+                self.assertEqual(rows[0][3], "-")
+
+    @unittest.skipUnless(os.path.exists("/proc/self/task"), "needs /proc")
+    def test_a_reader_that_crashes_is_damage(self):
+        # Long at work: many chunks at one place.
+        data = speech_file(5_000_000, 50, 50)
+        offsets = data.index(b"stco") + 8
+        count, first = struct.unpack(">2I", data[offsets:offsets + 8])
+        data = data[:offsets + 4] + struct.pack(">I", first) * count + data[offsets + 4 + 4 * count:]
+        tool = subprocess.Popen([TOOL, "check", "--road", "function",
+                                 self.write("long.3gp", data)], stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
+        self.addCleanup(tool.kill)
+        children = pathlib.Path(f"/proc/{tool.pid}/task/{tool.pid}/children")
+        while not children.read_text().split():
+            self.assertIsNone(tool.poll())
+        os.kill(int(children.read_text().split()[0]), signal.SIGKILL)
+        out, _ = tool.communicate(timeout=120)
+        self.assertEqual(out.decode().split("\t")[:4], ["audio", "damaged", "-", "-"])
+        self.assertEqual(tool.returncode, 1)
+
+    def test_the_track_that_a_road_takes_is_judged(self):
+        data = pathlib.Path(sample("two_amrnb_hinted")).read_bytes()
+        tables = [match.start() + 8 for match in re.finditer(b"stco", data)]
+        for number, word in [(0, "plays"), (1, "incomplete")]:
+            # The last track is played; the chunk of one lies behind the end.
+            lost = bytearray(data)
+            lost[tables[number] + 4:tables[number] + 8] = b"\x7f\xff\xff\xff"
+            path = self.write("file.3gp", lost)
+            self.assertEqual(self.check(path)[1][0][1:3], (word, "several-tracks"))
+        page = run("report", sample("two_amrnb_hinted"), "-o", "-").stdout.decode()
+        self.assertIn("Played: track 2; not judged: track 1.", page)
 
     def test_a_file_that_ends_the_process_does_not_end_the_check(self):
         bad = self.write("bad.3gp", foreign_mpeg4())
@@ -1160,6 +1294,63 @@ class Check(ToolTest):
         verdicts = json.loads(run("info", bad, "--json").stdout)["verdicts"]
         self.assertEqual([v["reason"] for v in verdicts if v["medium"] == "video"],
                          ["plays", "ends-process"])
+
+    def unprivileged(self):
+        """What has a process run with the rights of a user for whom limits hold."""
+        # A sanitized build would start a process that looks for leaks.
+        env = {"env": {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}}
+        if os.geteuid() != 0:
+            return env
+        user = {"user": 65534, "group": 65534, **env}
+        try:
+            subprocess.run([TOOL, "--version"], capture_output=True, check=True, **user)
+        except (PermissionError, subprocess.CalledProcessError):
+            self.skipTest("another user cannot run the tool")
+        return user
+
+    def test_what_cannot_be_read_is_told_and_the_rest_judged(self):
+        good = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        self.write("in/a.3gp", good)
+        self.write("in/locked/b.3gp", good)
+        self.write("in/z.3gp", good)
+        (self.scratch / "in" / "dangling.3gp").symlink_to("nowhere")
+        os.mkfifo(self.scratch / "in" / "fifo.3gp")
+        (self.scratch / "in" / "locked").chmod(0)
+        os.chmod(self.scratch, 0o755)
+        result = subprocess.run([TOOL, "check", "in", "none.3gp", "in/z.3gp"], cwd=self.scratch,
+                                capture_output=True, timeout=120, check=False, **self.unprivileged())
+        rows = [line.split("\t") for line in result.stdout.decode().splitlines()]
+        self.assertEqual([(row[1], row[4]) for row in rows],
+                         [("plays", "in/a.3gp"), ("unreadable", "in/dangling.3gp"),
+                          ("unreadable", "in/fifo.3gp"), ("unreadable", "in/locked"),
+                          ("plays", "in/z.3gp"), ("unreadable", "none.3gp"), ("plays", "in/z.3gp")])
+        self.assertEqual(result.stderr.decode().splitlines(),
+                         ["kestrel: in/dangling.3gp: No such file or directory",
+                          "kestrel: in/fifo.3gp: Is a pipe; give it as standard input, -",
+                          "kestrel: in/locked: Permission denied",
+                          "kestrel: none.3gp: No such file or directory",
+                          "kestrel: 4 of 7 files do not play"])
+        self.assertEqual(result.returncode, 1)
+
+    def test_a_run_that_cannot_judge_ends_with_its_reason(self):
+        user = self.unprivileged()
+        for limit, number, message in [(resource.RLIMIT_NPROC, 0, "fork: "),
+                                       (resource.RLIMIT_NOFILE, 4, "temporary file: ")]:
+            result = subprocess.run(
+                [TOOL, "check", sample("amrnb_hinted")], capture_output=True, timeout=120,
+                check=False, preexec_fn=lambda: resource.setrlimit(limit, (number, number)), **user)
+            with self.subTest(message=message):
+                self.assert_fails(result, 1, message)
+                self.assertEqual(result.stdout, b"")
+
+    def test_folders_without_a_file_are_told(self):
+        (self.scratch / "empty").mkdir()
+        self.write("other/readme.txt", b"not looked at")
+        for names, lines in [(["empty"], 0), (["other"], 0), (["empty", "other"], 0),
+                             (["empty", sample("amrnb_hinted")], 1)]:
+            result, rows = self.check(*(self.scratch / name for name in names))
+            self.assertEqual(len(rows), lines)
+            self.assert_fails(result, 1, f"{self.scratch / names[0]}: no name in .3gp")
 
     def test_folders_and_odd_names(self):
         data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
@@ -1293,6 +1484,75 @@ class Report(ToolTest):
                 if "sync_samples" in track:
                     self.assertIn(f"{track['sync_samples']} of {track['samples']}", page)
 
+    def test_bars_stand_where_their_samples_are(self):
+        for name in ["amrnb_hinted_1450", "h264_hinted_1450", "h263_hinted_1450",
+                     "mpeg4_hinted_1450", "h263_rfc2190_hinted_1450", "two_amrnb_hinted"]:
+            with self.subTest(name=name):
+                page = self.page(sample(name))
+                hints = [track for track in json.loads(run("info", sample(name), "--json").stdout)
+                         ["tracks"] if "hints_track" in track and track["samples"] <= 150]
+                charts = [[bar for bar in svg if "faint" not in bar.get("class", "") and
+                           bar.get("class", "").startswith("bar")] for svg in page.iter("svg")
+                          if svg.get("aria-label") == "Packets per hint sample"]
+                charts = [chart for chart in charts if chart]
+                self.assertEqual([len(chart) for chart in charts][:len(hints)],
+                                 [track["samples"] for track in hints])
+                for bars in charts:
+                    ends = [float(bar.get("x")) + float(bar.get("width")) for bar in bars]
+                    gaps = [float(bar.get("x")) - end for bar, end in zip(bars[1:], ends)]
+                    widest = max(float(bar.get("width")) for bar in bars)
+                    self.assertLess(max(gaps, default=0), widest * 0.4)
+                    # A last sample that is told too short lasts like the others, or to the end.
+                    self.assertGreater(float(bars[-1].get("width")), min(widest, 1000 - ends[-2]) / 2)
+
+    def test_headlines_and_figures(self):
+        data = {name: pathlib.Path(sample(name)).read_bytes()
+                for name in ["av_h263_amrnb_hinted", "h263_hinted", "h263_hinted_selfref",
+                             "amrnb_plain", "h263_plain"]}
+        movie = data["h263_plain"].index(b"moov")
+        length = int.from_bytes(data["h263_plain"][movie - 4:movie], "big")
+        both = data["av_h263_amrnb_hinted"]
+        offsets = bytearray(pathlib.Path(sample("mpeg4_b_hinted")).read_bytes())
+        offsets[offsets.index(b"ctts") + 39] = 0  # the class road does not look at these
+        cases = [
+            (bytes(offsets), ["Plays on the class road"], []),
+            (b"no boxes here, but a text", ["This is no 3GP file"], ["3GP file This"]),
+            (speech_file(0), ["no samples"], ["0 samples"]),
+            # The last sample is told shorter than its bytes last.
+            (data["amrnb_plain"], ["at most 12.8 kbit/s"], []),
+            (data["h263_plain"][:movie - 4 + length - 4], [], ["There is no audio"]),
+            (both[:both.index(b"moov") + 200], ["The movie box is cut: nothing can be played"],
+             ["There is no audio"]),
+            (data["h263_hinted_selfref"], ["No RTP hint track refers to the video"],
+             ["has no RTP hint track", "track 65536 RTP hints track 65536"]),
+            (both[:len(both) * 7 // 10], ["Bit rate – data is missing", "Hints – data is missing",
+                                          "its width does not tell how much",
+                                          "Hint sample 11 of 30 is not in the file"],
+             ["makes no packet"]),
+        ]
+        for content, told, not_told in cases:
+            text = self.words(self.page("-", stdin=content))
+            for part in told:
+                with self.subTest(told=part):
+                    self.assertIn(part, text)
+            for part in not_told:
+                with self.subTest(not_told=part):
+                    self.assertNotIn(part, text)
+
+    def test_sync_samples_of_long_files_are_paler_where_they_are_few(self):
+        data = pathlib.Path(sample("h263_plain")).read_bytes()
+        size = int.from_bytes(boxes(data, STBL[:5] + [b"stsz"])[0][12:16], "big")
+        count = 600
+        syncs = [*range(1, 101), *range(101, count, 20)]
+        chunk = boxes(data, STBL + [b"stco"])[0][8:12]
+        page = self.page("-", stdin=rebuilt(data, {
+            b"stsz": struct.pack(">3I", 0, size, count), b"stco": struct.pack(">2I", 0, 1) + chunk,
+            b"stsc": struct.pack(">5I", 0, 1, 1, count, 1),
+            b"stts": struct.pack(">4I", 0, 1, count, 1000),
+            b"stss": struct.pack(f">2I{len(syncs)}I", 0, len(syncs), *syncs)}))
+        chart = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Sync samples"][0]
+        self.assertEqual({bar.get("fill-opacity") for bar in chart}, {"1.00", "0.25"})
+
     def test_an_hour_stays_small(self):
         page = self.page("-", stdin=speech_file(180000))
         self.assertIn("Plays on the function road", self.words(page))
@@ -1362,7 +1622,7 @@ class Report(ToolTest):
                 page = self.page(path)
                 self.assertEqual({e.tag for e in page.iter()} & {"script", "img", "s", "u"}, set())
                 self.assertIn("<img src=x onerror=alert(1)>\ufffd&'\".3gp",
-                              self.words(page.find(".//h1")))
+                              "".join(page.find(".//h1").itertext()))
         text = self.words(self.page("-", stdin=cases[0]))
         self.assertIn("<script>alert(1)</script>", text)
 
@@ -1373,7 +1633,18 @@ class Report(ToolTest):
         elst = struct.pack(">2I" + "IiI" * 2, 0, 2, scale // 2, -1, 0x10000, scale * 3, ticks // 4,
                            0x8000)
         edts = struct.pack(">I4s", len(elst) + 8, b"elst") + elst
-        text = self.words(self.page("-", stdin=rebuilt(data, {b"edts": edts})))
+        page = self.page("-", stdin=rebuilt(data, {b"edts": edts}))
+        strip = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Edit list"][0]
+        text = self.words(page)
+        # On the axis of time, which ends with the media.
+        seconds = json.loads(run("info", sample("h263_plain"), "--json").stdout)["duration_seconds"]
+        first, second = [(float(e.get("x")), float(e.get("width"))) for e in strip]
+        self.assertAlmostEqual(first[1], 500 / seconds, delta=1)
+        self.assertAlmostEqual(sum(second), min(3500 / seconds, 1000), delta=3)
+        page = self.page("-", stdin=rebuilt(data, {b"edts": struct.pack(">I", 28) + b"elst" +
+                                                   struct.pack(">2IIiI", 0, 1, 0, 0, 0x10000)}))
+        strip = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Edit list"][0]
+        self.assertEqual(len(strip), 0)
         self.assertIn("for 0.50 s nothing, then for 3.00 s the media from 0.250 s on at 0.50 times "
                       "its speed", text)
 
@@ -1386,6 +1657,12 @@ class Report(ToolTest):
         if os.path.exists("/dev/full"):
             self.assert_fails(run("report", copy, "-o", "/dev/full"), 1, "No space left")
         out = self.scratch / "report.html"
+        out.write_text("the page before")
+        limited = subprocess.run(
+            [TOOL, "report", copy, "-o", out], capture_output=True, timeout=120, check=False,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
+        self.assert_fails(limited, 1, "File too large")
+        self.assertEqual(out.read_text(), "the page before")
         run("report", copy, "-o", out)
         self.assertEqual(run("report", copy, "-o", "-").stdout, out.read_bytes())
 

@@ -129,7 +129,7 @@ void boxes(const Options& options) {
             print(box, 0);
     }
     if (failure.empty()) return;
-    std::fflush(stdout);
+    finish_standard_output();
     throw Error(options.input + ": " + failure);
 }
 

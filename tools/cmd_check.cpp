@@ -58,31 +58,43 @@ class Checker {
             check(file);
         }
         progress_.clear();
-        std::fflush(stdout);
-        if (failed_ == 0) return;
-        throw Error(std::to_string(failed_) + " of " + std::to_string(files_.size()) +
-                    (files_.size() == 1 ? " file does" : " files do") + " not play");
+        finish_standard_output();
+        std::string failure;
+        if (failed_ > 0) {
+            failure = std::to_string(failed_) + " of " + std::to_string(files_.size()) +
+                      (files_.size() == 1 ? " file does" : " files do") + " not play";
+        }
+        for (const std::string& folder : empty_)
+            failure += (failure.empty() ? "" : "; ") + folder + ": no name in .3gp or the like";
+        if (!failure.empty()) throw Error(failure);
     }
 
   private:
-    // Links to folders are not followed.
     void collect(const std::string& path) {
-        std::error_code failure;
-        if (path == "-" || !fs::is_directory(path, failure)) {
+        std::error_code no_folder;
+        if (path == "-" || !fs::is_directory(path, no_folder)) {
             files_.push_back(path);
             return;
         }
         std::vector<std::string> found;
-        fs::recursive_directory_iterator at(path, failure);
-        for (; !failure && at != fs::recursive_directory_iterator(); at.increment(failure)) {
-            std::error_code no_file;
-            if (is_3gp_name(at->path()) && at->is_regular_file(no_file)) {
-                found.push_back(at->path().string());
-            }
-        }
-        if (failure) throw Error(path + ": " + failure.message());
+        search(path, found);
+        if (found.empty()) empty_.push_back(path);
         std::sort(found.begin(), found.end());
         files_.insert(files_.end(), found.begin(), found.end());
+    }
+
+    // Links to folders are not followed. What cannot be read is found, as opening it will tell why.
+    static void search(const fs::path& folder, std::vector<std::string>& found) {
+        std::error_code failure, no_folder;
+        fs::directory_iterator at(folder, failure);
+        for (; !failure && at != fs::directory_iterator(); at.increment(failure)) {
+            if (!at->is_directory(no_folder)) {
+                if (is_3gp_name(at->path())) found.push_back(at->path().string());
+            } else if (!at->is_symlink(no_folder)) {
+                search(at->path(), found);
+            }
+        }
+        if (failure) found.push_back(folder.string());
     }
 
     void print(const char* medium, const char* function, const char* by_class, const char* mend,
@@ -100,14 +112,20 @@ class Checker {
     }
 
     void check(const std::string& file) {
-        bool plays = false;
-        try {
-            const Host host = open_host(file);
-            plays = check_open(host.get(), file);
-        } catch (const Error&) {
-            print_whole("unreadable", file);
-        }
+        const Host host = open_or_tell(file);
+        const bool plays = host != nullptr && check_open(host.get(), file);
         failed_ += plays ? 0 : 1;
+    }
+
+    Host open_or_tell(const std::string& file) {
+        try {
+            return open_host(file);
+        } catch (const Error& error) {
+            print_whole("unreadable", file);
+            progress_.clear();
+            std::fprintf(stderr, "kestrel: %s\n", error.what());
+            return nullptr;
+        }
     }
 
     // True when all of its media play.
@@ -153,6 +171,7 @@ class Checker {
 
     const Options& options_;
     std::vector<std::string> files_;
+    std::vector<std::string> empty_;  // folders in which nothing was found
     size_t done_ = 0;
     size_t failed_ = 0;
     Progress progress_;
@@ -176,23 +195,25 @@ void add_check(CLI::App& app) {
         ->option_text("function|class");
     command->footer(
         "A line for each medium that a file has, with tabs between its columns:\n"
-        "  1  audio or video; - for a file in which neither was found\n"
+        "  1  audio or video; - for a file in which neither was found, or whose movie box is cut\n"
         "  2  what comes of it on the function road (kst_Open), played to its end\n"
         "  3  the same on the class road (C3gpInterface)\n"
-        "  4  the command that mends it, hint or hint --replace; - for none\n"
+        "  4  what mends it, as was tried: hint or hint --replace; - for nothing, and for what\n"
+        "     is not tried, a file of more than 128 MiB\n"
         "  5  the file, with control characters and backslashes as \\xNN\n"
         "Columns 2 and 3 are -, where the road is not judged, or one of\n"
         "  plays           delivered to its end\n"
         "  no-hint-track   this road needs an RTP hint track\n"
         "  codec           this road does not play the codec\n"
         "  several-tracks  this road plays a file with one track of the medium\n"
-        "  incomplete      data is missing that the tables tell of\n"
-        "  damaged         a box, a table or a sample makes no sense\n"
+        "  incomplete      the file ends too early, or less than 9 tenths of a track come out\n"
+        "  damaged         a box, a table or a sample makes no sense, or no frame comes out\n"
         "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"
         "  no-track        no audio and no video\n"
-        "  not-3gp         no file type box and no movie box\n"
-        "  unreadable      the system does not give the file out\n"
-        "Exit status: 0 all media of all files play, 1 some do not, 2 wrong usage.");
+        "  not-3gp         no file type box and no movie box; an empty file too\n"
+        "  unreadable      the system does not give the file or folder out\n"
+        "Exit status: 0 all media of all files play, 1 some do not or a folder has no such name,\n"
+        "2 wrong usage.");
     command->callback([options] { Checker(*options).run(); });
 }
 

@@ -57,9 +57,13 @@ Json describe_file(iso_file* file) {
 }
 
 Json describe_verdict(const Verdict& verdict, const std::string& input) {
-    Json out{{"road", word(verdict.road)},    {"medium", word(verdict.medium)},
-             {"opens", verdict.opens},        {"plays", verdict.plays()},
-             {"status", verdict.status},      {"text", kst_StatusString(verdict.status)},
+    Json out{{"road", word(verdict.road)},
+             {"medium", word(verdict.medium)},
+             {"opens", verdict.opens},
+             {"plays", verdict.plays()},
+             {"outcome", verdict.outcome()},
+             {"status", verdict.status},
+             {"text", kst_StatusString(verdict.status)},
              {"reason", word(verdict.reason)}};
     if (!verdict.why.empty()) out["why"] = verdict.why;
     if (!verdict.mend.empty()) out["mend"] = mending_command(verdict, input);
@@ -91,8 +95,7 @@ void print_verdict(const Json& verdict) {
         std::printf("plays\n");
         return;
     }
-    std::printf("%s: %s (%d)\n",
-                verdict["opens"].get<bool>() ? "stops before its end" : "does not play",
+    std::printf("%s: %s (%d)\n", verdict["outcome"].get<std::string>().c_str(),
                 verdict["text"].get<std::string>().c_str(), verdict["status"].get<int>());
     if (verdict["reason"] == word(Reason::kNoTrack)) return;
     std::printf("%28s%s\n", "", verdict["why"].get<std::string>().c_str());

@@ -69,7 +69,7 @@ void inspect(const Options& options) {
         std::printf("%s\n", out.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
     }
     if (damage) {
-        std::fflush(stdout);
+        finish_standard_output();
         throw Error(options.input + ": makes no sense from byte " + std::to_string(damage->offset) +
                     " on: " + damage->reason);
     }

@@ -153,7 +153,7 @@ void take_track(const iso_file* file, iso_track* hint, const Options& options, P
         taker.packet(hint, std::span(buffer).first(static_cast<size_t>(length)));
     hint->hint = nullptr;
     if (length < 0) {
-        std::fflush(stdout);
+        finish_standard_output();
         throw Error(name + (length == -2 ? ": the file cannot be read" : ": damaged hint sample"));
     }
 }

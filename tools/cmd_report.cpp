@@ -2,6 +2,7 @@
 #include "tools/report_data.h"
 #include "tools/report_page.h"
 #include "tools/support.h"
+#include "tools/whole_output.h"
 
 // A page that shows a file at a glance.
 
@@ -17,7 +18,7 @@ void report(const Options& options) {
     Host host = open_host(options.input);
     const ReportData data = gather(host.get(), options.input);
     const std::string page = render_page(data);
-    Output output(options.output, options.input);
+    WholeOutput output(options.output, options.input);  // a good page stays until this one is whole
     output.write({reinterpret_cast<const uint8_t*>(page.data()), page.size()});
     output.finish();
 }

@@ -16,9 +16,12 @@ int report(const char* text, int exit_code) {
 int parse_and_run(CLI::App& app, int argc, char** argv) {
     try {
         app.parse(argc, argv);  // runs the command that was named
+        tool::finish_standard_output();
         return tool::kDone;
     } catch (const CLI::Success& asked_for) {
-        return app.exit(asked_for);  // --help and --version
+        const int code = app.exit(asked_for);  // --help and --version
+        tool::finish_standard_output();
+        return code;
     } catch (const CLI::ParseError& wrong) {
         return report((std::string(wrong.what()) + " (try --help)").c_str(), tool::kWrongUsage);
     }
@@ -27,6 +30,7 @@ int parse_and_run(CLI::App& app, int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    tool::hold_standard_streams();
     CLI::App app("Gets media out of 3GP files as the platform's native streams.", "kestrel");
     app.require_subcommand(1);
     app.set_version_flag("--version", "kestrel " KESTREL_VERSION);

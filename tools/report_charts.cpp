@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 
 #include "tools/markup.h"
 
@@ -82,17 +83,22 @@ class Figure {
 };
 
 // The columns of one track on an axis of all time.
-struct Grid {
-    double column;  // width
-    double seconds;
+class Grid {
+  public:
+    Grid(const TrackFigures& figures, double total) : edges_(figures.edges), total_(total) {}
 
-    Grid(const TrackFigures& figures, size_t columns, double total)
-        : column(total > 0 ? figures.seconds / total * kWide / static_cast<double>(columns) : 0),
-          seconds(columns > 0 ? figures.seconds / static_cast<double>(columns) : 0) {}
+    // Of the edge in front of column `i`, or behind the last one.
+    double x(size_t i) const { return total_ > 0 ? std::min(edges_[i] / total_, 1.0) * kWide : 0; }
+    double width(size_t i) const { return x(i + 1) - x(i); }
+    std::string when(size_t i) const {
+        return total_ < kClockFrom ? format("%.2f s", edges_[i]) : show_seconds(edges_[i]);
+    }
 
-    double x(size_t i) const { return static_cast<double>(i) * column; }
-    double end(size_t columns) const { return static_cast<double>(columns) * column; }
-    std::string when(size_t i) const { return format("%.2f s", static_cast<double>(i) * seconds); }
+  private:
+    static constexpr double kClockFrom = 120;  // seconds from which on the axis tells minutes
+
+    const std::vector<double>& edges_;
+    double total_;
 };
 
 std::string show_range(const Range& range, const char* unit) {
@@ -105,19 +111,22 @@ std::string bars(const std::vector<Range>& columns, const Grid& grid, const Scal
                  const char* unit, uint32_t limit) {
     std::string out;
     const double share = columns.size() <= kBarsApart ? 0.78 : 1.0;
+    constexpr double kThinnest = 1, kCapHeight = 4;
     for (size_t i = 0; i < columns.size(); ++i) {
         const Range& range = columns[i];
         if (range.count == 0 || range.most == 0) continue;
-        const double x = grid.x(i) + grid.column * (1 - share) / 2;
-        const double width = grid.column * share;
+        const double width = std::max(grid.width(i) * share, kThinnest);
+        const double x = grid.x(i) + (grid.width(i) - width) / 2;
         const std::string text = show_range(range, unit) + " at " + grid.when(i);
         const double top = scale.y(range.most);
         const double middle = scale.y(range.mean());
-        const std::string kind = limit > 0 && range.most > limit ? "bar over" : "bar";
+        const bool over = limit > 0 && range.most > limit;
+        const std::string kind = over ? "bar over" : "bar";
         if (range.least < range.most) {
             out += rect((kind + " faint").c_str(), x, width, top, middle - top, text);
         }
         out += rect(kind.c_str(), x, width, middle, kHigh - middle, text);
+        if (over) out += rect("cap", x, width, top, kCapHeight, text);
     }
     if (columns.size() > kBarsApart) return "<g class=\"dense\">" + out + "</g>";
     return out;
@@ -139,6 +148,10 @@ std::string rect(const char* kind, double x, double width, double y, double heig
     return format("<rect class=\"%s\" x=\"%.2f\" y=\"%.1f\" width=\"%.2f\" height=\"%.1f\">", kind,
                   x, y, std::max(width, 0.01), std::max(height, 0.1)) +
            "<title>" + escape(text) + "</title></rect>";
+}
+
+void set_opacity(std::string& rect, double opacity) {
+    rect.insert(std::strlen("<rect"), format(" fill-opacity=\"%.2f\"", opacity));
 }
 
 std::string time_axis(double total) {
@@ -181,7 +194,7 @@ std::string rate_chart(const TrackFigures& figures, double total) {
     if (figures.rate.empty()) return "";
     const Scale scale = scale_for(figures.peak_rate, 1);
     const size_t columns = figures.rate.size();
-    const Grid grid(figures, columns, total);
+    const Grid grid(figures, total);
     const char* unit = scale.unit >= 1e6   ? "Bit rate, Mbit/s"
                        : scale.unit >= 1e3 ? "Bit rate, kbit/s"
                                            : "Bit rate, bit/s";
@@ -196,13 +209,13 @@ std::string rate_chart(const TrackFigures& figures, double total) {
         // The first point has both coordinates, all others one.
         path += i == 0 ? format("%.2f %.1f", grid.x(0), y) : format("V%.1f", y);
         path += format("H%.2f", grid.x(i + 1));
-        hovers += rect("hover", grid.x(i), grid.column, 0, kHigh,
+        hovers += rect("hover", grid.x(i), grid.width(i), 0, kHigh,
                        show_rate(figures.rate[i]) + " at " + grid.when(i));
     }
     figure.add("<path class=\"area\" d=\"M0 100L" + path + "V100Z\"/>");
     figure.add_line("base", kHigh, kWide);
     figure.add("<path class=\"line\" d=\"M" + path + "\"/>");
-    figure.add_line("mean", scale.y(figures.average_rate), grid.end(columns));
+    figure.add_line("mean", scale.y(figures.average_rate), grid.x(columns));
     figure.add(hovers);
     return figure.finish();
 }
@@ -212,14 +225,19 @@ std::string sync_chart(const TrackFigures& figures, double total) {
     const std::string told = show_count(figures.sync_count) + " of " + show_count(figures.samples) +
                              ", at most " + show_seconds(figures.longest_gap) +
                              " from one to the next";
-    Figure figure("Sync samples", told, "ticks", {});
-    const Grid grid(figures, figures.syncs.size(), total);
-    constexpr double kThinnest = 2;
+    const bool apart = figures.together == 1;
+    Figure figure("Sync samples", apart ? told : told + "; the darker, the more", "ticks", {});
+    const Grid grid(figures, total);
+    constexpr double kThinnest = 2, kPalest = 0.15;
+    const double most = *std::max_element(figures.syncs.begin(), figures.syncs.end());
     for (size_t i = 0; i < figures.syncs.size(); ++i) {
         if (figures.syncs[i] == 0) continue;
-        const double width = std::min(std::max(grid.column * 0.5, kThinnest), 6.0);
-        figure.add(rect("bar", grid.x(i), width, 0, kHigh,
-                        show_count(figures.syncs[i]) + " at " + grid.when(i)));
+        const double width =
+            apart ? std::clamp(grid.width(i) * 0.5, kThinnest, 6.0) : grid.width(i);
+        std::string tick = rect("bar", grid.x(i), width, 0, kHigh,
+                                show_count(figures.syncs[i]) + " at " + grid.when(i));
+        if (!apart) set_opacity(tick, std::max(figures.syncs[i] / most, kPalest));
+        figure.add(tick);
     }
     return figure.finish();
 }
@@ -231,7 +249,7 @@ std::string packet_size_chart(const TrackFigures& figures, double total) {
     const bool limit = packets.sizes.most >= kNearLimit;
     const Scale scale =
         scale_for(limit ? std::max(packets.sizes.most, kLongestAccepted) : packets.sizes.most, 1);
-    const Grid grid(figures, packets.size_by_time.size(), total);
+    const Grid grid(figures, total);
     std::string told = show_count(packets.packets) +
                        (packets.packets == 1 ? " packet of " : " packets of ") +
                        show_range(packets.sizes, " bytes");
@@ -249,7 +267,7 @@ std::string packet_count_chart(const TrackFigures& figures, double total) {
     const PacketFigures& packets = figures.packets;
     if (packets.packets == 0 || figures.seconds <= 0) return "";
     const Scale scale = scale_for(packets.per_frame.most, 1);
-    const Grid grid(figures, packets.frame_by_time.size(), total);
+    const Grid grid(figures, total);
     Figure figure("Packets per hint sample", show_range(packets.per_frame, ""), "low", scale);
     figure.add_marks();
     figure.add(bars(packets.frame_by_time, grid, scale, " in a sample", 0));
@@ -257,15 +275,12 @@ std::string packet_count_chart(const TrackFigures& figures, double total) {
     return figure.finish();
 }
 
-std::string edit_strip(const iso_track* track, uint32_t movie_timescale) {
+std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double total) {
     if (track->edit_count <= 0 || movie_timescale == 0) return "";
     const auto shown = std::min(static_cast<size_t>(track->edit_count), kMostEdits);
     const auto length = [&](size_t i) {
         return static_cast<double>(track->edits[i].segment_duration) / movie_timescale;
     };
-    double total = 0;
-    for (size_t i = 0; i < shown; ++i)
-        total += length(i);
     std::string shapes, told;
     double at = 0;
     for (size_t i = 0; i < shown; ++i) {
@@ -281,12 +296,12 @@ std::string edit_strip(const iso_track* track, uint32_t movie_timescale) {
             text += format(" at %.2f times its speed", edit.media_rate / 65536.0);
         }
         told += (i == 0 ? "" : ", then ") + text;
-        const double x = total > 0 ? at / total * kWide : 0;
-        const double width = total > 0 ? length(i) / total * kWide : kWide;
-        if (empty) {
-            shapes += rect("wait", x, width, 0, kHigh, text);
-        } else {
-            shapes += rect("", x, std::max(width - 2, 1.0), 0, kHigh, text);
+        // What reaches behind the axis, or lasts no time, is told alone.
+        const double until = std::min(at + length(i), total);
+        if (until > at) {
+            const double x = at / total * kWide, width = (until - at) / total * kWide;
+            shapes += empty ? rect("wait", x, width, 0, kHigh, text)
+                            : rect("", x, std::max(width - 2, 1.0), 0, kHigh, text);
         }
         at += length(i);
     }

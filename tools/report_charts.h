@@ -16,6 +16,9 @@ std::string clock_text(double seconds, double total);
 std::string rect(const char* kind, double x, double width, double y, double height,
                  const std::string& text);
 
+// Of such a bar.
+void set_opacity(std::string& rect, double opacity);
+
 // An axis of time from 0 to `total` seconds, and one of bytes, whose last `gone` thousandths stand
 // for what is missing.
 std::string time_axis(double total);
@@ -27,8 +30,8 @@ std::string sync_chart(const TrackFigures& figures, double total);
 std::string packet_size_chart(const TrackFigures& figures, double total);
 std::string packet_count_chart(const TrackFigures& figures, double total);
 
-// The edits of a track: what is shown when.
-std::string edit_strip(const iso_track* track, uint32_t movie_timescale);
+// The edits of a track, over the same axis: what is shown when.
+std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double total);
 
 }  // namespace tool
 

@@ -43,50 +43,23 @@ class TimeWalk {
     uint32_t used_ = 0;
 };
 
-// The columns of a track's time. Each takes as many samples as any other, as far as they last
-// equally long, so that a steady track looks steady.
+// The columns of a track. Each takes as many samples as any other, and begins and ends with them.
 class Columns {
   public:
-    Columns(uint32_t samples, double units) : units_(units) {
+    explicit Columns(uint32_t samples) {
         const auto most = static_cast<uint32_t>(kTimeColumns);
-        const uint32_t together = std::max((samples + most - 1) / most, uint32_t{1});
-        count_ = std::max((samples + together - 1) / together, uint32_t{1});
+        together_ = std::max((samples + most - 1) / most, uint32_t{1});
+        count_ = std::max((samples + together_ - 1) / together_, uint32_t{1});
     }
 
     size_t count() const { return count_; }
-    double width() const { return units_ / static_cast<double>(count_); }
-    size_t at(double time) const {
-        const double column = units_ > 0 ? time / width() : 0;
-        return static_cast<size_t>(std::clamp(column, 0.0, static_cast<double>(count_ - 1)));
-    }
-
-    // Adds `amount` evenly to the columns of a span of time.
-    void spread(std::vector<double>& to, double from, double until, double amount) const {
-        const size_t first = at(from);
-        const size_t last = at(std::max(from, until - width() * 1e-9));
-        if (first == last || until <= from) {
-            to[first] += amount;
-            return;
-        }
-        for (size_t i = first; i <= last; ++i) {
-            const double begin = std::max(from, static_cast<double>(i) * width());
-            const double end = std::min(until, static_cast<double>(i + 1) * width());
-            to[i] += amount * std::max(end - begin, 0.0) / (until - from);
-        }
-    }
+    uint32_t together() const { return together_; }
+    size_t of(uint32_t sample) const { return std::min<size_t>(sample / together_, count_ - 1); }
 
   private:
-    double units_;
+    uint32_t together_;
     size_t count_;
 };
-
-double units_of(const iso_track* track, uint32_t samples) {
-    TimeWalk times(track);
-    double units = 0;
-    for (uint32_t i = 0; i < samples; ++i)
-        units += times.next();
-    return units;
-}
 
 double to_seconds(const iso_track* track, double units) {
     return track->timescale == 0 ? 0.0 : units / track->timescale;
@@ -119,45 +92,51 @@ void gather_samples(TrackFigures& figures) {
     figures.samples = samples;
     figures.complete = samples == samples_of(track);
     figures.has_sync_table = track->sync_count > 0;
-    const double units = units_of(track, samples);
-    figures.seconds = to_seconds(track, units);
     if (samples == 0) return;
 
-    const Columns columns(samples, units);
+    const Columns columns(samples);
+    figures.together = columns.together();
     figures.rate.assign(columns.count(), 0.0);
     figures.syncs.assign(columns.count(), 0);
     TimeWalk times(track);
     SyncWalk syncs(track);
     double time = 0, last_sync = 0, gap = 0, bytes = 0;
+    uint32_t duration = 0, before = 0;
     for (uint32_t i = 0; i < samples; ++i) {
         const uint32_t size = size_of(track, i);
-        const uint32_t duration = times.next();
+        before = duration;
+        duration = times.next();
         figures.sizes.add(size);
         bytes += size;
-        columns.spread(figures.rate, time, time + duration, size);
+        if (i % columns.together() == 0) figures.edges.push_back(to_seconds(track, time));
+        figures.rate[columns.of(i)] += size;
         if (syncs.next()) {
             ++figures.sync_count;
-            ++figures.syncs[columns.at(time + duration * 0.001)];
+            ++figures.syncs[columns.of(i)];
             gap = std::max(gap, time - last_sync);
             last_sync = time;
         }
         time += duration;
     }
-    figures.longest_gap = to_seconds(track, std::max(gap, units - last_sync));
+    figures.seconds = to_seconds(track, time);
+    // The last sample is often told shorter than it is.
+    const double cut_off = to_seconds(track, before > duration ? before - duration : 0);
+    figures.edges.push_back(figures.seconds + cut_off);
+    figures.longest_gap = to_seconds(track, std::max(gap, time - last_sync));
     if (figures.seconds <= 0) {
         figures.rate.clear();
         return;
     }
-    const double column_seconds = figures.seconds / static_cast<double>(columns.count());
-    for (double& rate : figures.rate) {
-        rate = rate * 8 / column_seconds;
-        figures.peak_rate = std::max(figures.peak_rate, rate);
+    for (size_t i = 0; i < columns.count(); ++i) {
+        const double seconds = figures.edges[i + 1] - figures.edges[i];
+        figures.rate[i] = seconds > 0 ? figures.rate[i] * 8 / seconds : 0;
+        figures.peak_rate = std::max(figures.peak_rate, figures.rate[i]);
     }
-    figures.average_rate = bytes * 8 / figures.seconds;
+    figures.average_rate = bytes * 8 / (figures.seconds + cut_off);
 }
 
 // Takes the packets of a hint track one after the other, and to which sample each belongs.
-void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media) {
+void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media, uint32_t file_size) {
     PacketFigures& out = figures.packets;
     if (hint->rtp_max_packet > kLongestPacket) {
         out.damage =
@@ -165,8 +144,7 @@ void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media) {
         return;
     }
     const auto samples = static_cast<uint32_t>(figures.samples);
-    const double units = units_of(hint, samples);
-    const Columns columns(std::max(samples, 1u), units);
+    const Columns columns(samples);
     out.size_by_time.assign(columns.count(), {});
     out.frame_by_time.assign(columns.count(), {});
 
@@ -174,19 +152,18 @@ void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media) {
     cursor.media_track = media != nullptr ? media : hint;
     hint->hint = &cursor;
     std::vector<uint8_t> buffer(std::max(hint->rtp_max_packet, 1u));
-    TimeWalk times(hint);
-    double time = 0, duration = times.next();
     uint64_t hint_bytes = 0, packet_bytes = 0;
     uint32_t sample = 0, in_sample = 0;
-    const auto column = [&] { return columns.at(time + duration * 0.5); };
+    const auto column = [&] { return columns.of(sample); };
     const auto leave_sample = [&] {
         out.frame_by_time[column()].add(in_sample);
         out.per_frame.add(in_sample);
         hint_bytes += size_of(hint, sample);
-        time += duration;
-        duration = times.next();
         in_sample = 0;
         ++sample;
+    };
+    const auto lacks = [&](const iso_track* track) {
+        return outside_file(track, file_size).chunks > 0;
     };
     int length = 0;
     while (sample < samples && hint_bytes <= kMostHintBytes && packet_bytes <= kMostPacketBytes) {
@@ -206,9 +183,11 @@ void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media) {
     }
     hint->hint = nullptr;
     if (length < 0) {
-        out.damage = "Hint sample " + show_count(uint64_t{sample} + 1) + " of " +
-                     show_count(samples) +
-                     (length == -2 ? " is not in the file." : " makes no packet.");
+        out.damage =
+            "Hint sample " + show_count(uint64_t{sample} + 1) + " of " + show_count(samples) +
+            (length == -2 || lacks(hint)        ? " is not in the file."
+             : media != nullptr && lacks(media) ? " refers to media that are not in the file."
+                                                : " makes no packet.");
     }
     out.complete = length < 0 || sample >= samples || length == 0;
 }
@@ -283,7 +262,8 @@ void gather_track(ReportData& data, iso_track* track) {
         map_columns(figures, file_size);
     }
     if (is_hint(track)) {
-        gather_packets(figures, track, track_with_id(data.file.get(), track->hint_track_ref));
+        gather_packets(figures, track, track_with_id(data.file.get(), track->hint_track_ref),
+                       file_size);
     }
     data.seconds = std::max(data.seconds, figures.seconds);
     data.tracks.push_back(std::move(figures));

@@ -53,7 +53,9 @@ struct TrackFigures {
     Range sizes;                  // bytes of a sample
     double average_rate = 0;      // bits per second
     double peak_rate = 0;         // of a column
-    std::vector<double> rate;     // bits per second, a column each of seconds / rate.size()
+    std::vector<double> edges;    // of the columns, seconds; one more than there are columns
+    uint32_t together = 1;        // samples in a column
+    std::vector<double> rate;     // bits per second, a column each
     std::vector<uint32_t> syncs;  // how many sync samples, a column each
     uint32_t sync_count = 0;
     bool has_sync_table = false;

@@ -41,6 +41,19 @@ std::string pixels(const iso_track* track) {
     return format("%u × %u", track->width, track->height);
 }
 
+// A name that stays in one line, for a heading or label.
+std::string unbroken(const std::string& name) {
+    return "<span class=\"nb\">" + name + "</span>";
+}
+
+// Markup of a file's name that may go on in the next line behind its parts.
+std::string breakable(const std::string& name) {
+    std::string out;
+    for (const char c : name)
+        out += c == '_' || c == '.' ? std::string(1, c) + "<wbr/>" : std::string(1, c);
+    return out;
+}
+
 std::string text_of(const char* text) {
     return text == nullptr ? "" : std::string(text, strnlen(text, kMostText));
 }
@@ -116,33 +129,48 @@ class Page {
     // Plays in part at least.
     bool begins(Medium medium) const {
         return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
-            return verdict->medium == medium && verdict->opens && verdict->delivered > 0;
+            return verdict->medium == medium && verdict->frames > 0;
         });
+    }
+
+    // How much of it comes, where it comes to its end on some road.
+    std::string amount(Medium medium) const {
+        for (const Verdict* verdict : present_) {
+            if (verdict->medium == medium && !verdict->amount.empty()) return verdict->amount;
+        }
+        return "";
     }
 
     std::string headline(Tone& tone) const {
         tone = Tone::kPoor;
         if (!data_.scan.is_3gp()) return "This is no 3GP file";
-        if (present_.empty()) return "There is no audio and no video here";
-        std::string silent;
-        bool everywhere = true, function = true, begins = false;
+        if (present_.empty()) {
+            return data_.scan.movie_is_cut ? "The movie box is cut: nothing can be played"
+                                           : "There is no audio and no video here";
+        }
+        std::string silent, in_part;
+        bool function = true, by_class = true, begins = false;
         for (const Medium medium : kMedia) {
             if (!has_medium(data_.file.get(), medium)) continue;
             const bool here = plays(medium, Road::kFunction), there = plays(medium, Road::kClass);
-            everywhere = everywhere && here && there;
             function = function && here;
+            by_class = by_class && there;
             if (here || there) continue;
             silent += (silent.empty() ? "" : " nor ") + std::string(word(medium));
             begins = begins || this->begins(medium);
+            in_part = amount(medium);
         }
         if (!silent.empty()) {
             const bool both = silent.find(' ') != std::string::npos;
+            if (!both && !in_part.empty()) return "Plays only " + in_part;
             return (both ? "Neither " + silent + " plays" : "Its " + silent + " does not play") +
                    (begins ? " to the end" : "");
         }
-        tone = everywhere ? Tone::kGood : Tone::kFair;
-        return everywhere ? "Plays on both roads"
-               : function ? "Plays on the function road"
+        if (data_.scan.movie_is_cut) return "The movie box is cut: tracks may be missing";
+        tone = function && by_class ? Tone::kGood : Tone::kFair;
+        if (tone == Tone::kGood) return "Plays on both roads";
+        return function   ? "Plays on the function road"
+               : by_class ? "Plays on the class road"
                           : "Plays, but not all of it on one road";
     }
 
@@ -155,18 +183,29 @@ class Page {
     void add_summary() {
         Tone tone = Tone::kPoor;
         const std::string said = headline(tone);
-        out_ += "<header><p class=\"kicker\">3GP file</p><h1><bdi>" + escape(name_) +
-                "</bdi></h1><p class=\"lead " + name(tone) + "\">" +
+        out_ += std::string("<header><p class=\"kicker\">") +
+                (data_.scan.is_3gp() ? "3GP file" : "File") + "</p><h1><bdi>" +
+                breakable(escape(name_)) + "</bdi></h1><p class=\"lead " + name(tone) + "\">" +
                 (tone == Tone::kPoor ? kCross : kTick) + "<span>" + said +
                 "</span></p><dl class=\"tiles\">";
         const double size = data_.scan.file_size;
         add_tile("Size", show_bytes(data_.scan.file_size), "");
         add_tile("Duration", data_.seconds > 0 ? show_seconds(data_.seconds) : "–", "");
-        add_tile("Bit rate", data_.seconds > 0 ? show_rate(size * 8 / data_.seconds) : "–",
-                 data_.seconds > 0 ? "of the whole file" : "");
+        // With a part of the file gone, neither would be true.
+        const char* unknown = "data is missing";
+        const bool whole = gone_ == 0, rated = whole && data_.seconds > 0;
+        add_tile("Bit rate", rated ? show_rate(size * 8 / data_.seconds) : "–",
+                 rated    ? "of the whole file"
+                 : !whole ? unknown
+                          : "");
         const uint64_t hints = std::min<uint64_t>(data_.hint_bytes, data_.scan.file_size);
-        add_tile("Hints", hints == 0 ? "none" : format("%.1f %%", 100.0 * double(hints) / size),
-                 hints == 0 ? "" : "of the file");
+        add_tile("Hints",
+                 hints == 0 ? "none"
+                 : whole    ? format("%.1f %%", 100.0 * double(hints) / size)
+                            : "–",
+                 hints == 0 ? ""
+                 : whole    ? "of the file"
+                            : unknown);
         const std::string brand = printable(data_.file->major_brand);
         add_tile("Brand", brand.empty() ? "–" : brand, text_of(data_.file->compatible_brands));
         out_ += "</dl></header>\n";
@@ -194,27 +233,43 @@ class Page {
 
     void add_road(const Verdict& verdict) {
         const bool function = verdict.road == Road::kFunction;
-        const char* said = verdict.plays()                          ? "plays"
-                           : verdict.opens && verdict.delivered > 0 ? "stops before its end"
-                                                                    : "does not play";
         out_ += std::string("<div class=\"road ") + (verdict.plays() ? "good" : "poor") +
                 "\"><div class=\"head\"><span class=\"said\">" +
-                (verdict.plays() ? kTick : kCross) + said + "</span><span class=\"name\">" +
+                (verdict.plays() ? kTick : kCross) + verdict.outcome() +
+                "</span><span class=\"name\">" +
                 (function ? "function road <code>kst_Open</code>"
                           : "class road <code>C3gpInterface</code>") +
                 "</span></div>";
         if (!verdict.plays()) {
-            out_ += "<p>" + escape(verdict.why) +
-                    format(" <span class=\"muted\">Status&#160;%d.</span>", verdict.status) +
-                    "</p>";
+            out_ += "<p>" + escape(verdict.why);
+            if (verdict.status != KST_SUCCESS) {
+                out_ += format(" <span class=\"muted\">Status&#160;%d: ", verdict.status) +
+                        escape(kst_StatusString(verdict.status)) + ".</span>";
+            }
+            out_ += "</p>";
         }
         if (!verdict.mend.empty()) {
-            const bool sure = verdict.reason == Reason::kNoHintTrack;
-            out_ += std::string("<p>") + (sure ? "Mend it with" : "New hints may mend it") +
-                    ":</p><code class=\"mend\">" + escape(mending_command(verdict, data_.input)) +
-                    "</code>";
+            out_ += "<p>Mend it with:</p><code class=\"mend\">" +
+                    escape(mending_command(verdict, data_.input)) + "</code>";
+        }
+        const std::string others = other_tracks(verdict);
+        if (verdict.opens && !others.empty()) {
+            out_ += format("<p class=\"muted\">Played: track %u; not judged: track ",
+                           verdict.track_id) +
+                    others + ".</p>";
         }
         out_ += "</div>";
+    }
+
+    // Of the same medium.
+    std::string other_tracks(const Verdict& verdict) const {
+        std::string out;
+        for (const iso_track* track = data_.file->first_track; track != nullptr;
+             track = track->next) {
+            if (!is_of(track, verdict.medium) || track->track_id == verdict.track_id) continue;
+            out += (out.empty() ? "" : ", ") + std::to_string(track->track_id);
+        }
+        return out;
     }
 
     void add_verdicts() {
@@ -244,11 +299,11 @@ class Page {
     }
 
     static std::string row(const std::string& label, const std::string& kind,
-                           const std::string& shapes) {
+                           const std::string& shapes, const std::string& about) {
         return "<div class=\"row " + kind + "\"><div class=\"label\">" + label +
                "</div><svg class=\"strip\" viewBox=\"0 0 1000 100\" preserveAspectRatio=\"none\" "
-               "role=\"img\" aria-label=\"Map of the file\">" +
-               shapes + "</svg></div>\n";
+               "role=\"img\" aria-label=\"Where the bytes are: " +
+               about + "\">" + shapes + "</svg></div>\n";
     }
 
     std::string missing(const std::string& text) const {
@@ -278,7 +333,7 @@ class Page {
             shapes += rect(kind_of_box(box), x, std::max(width - 1, kThinnest), 0, 100, about(box));
         }
         if (missing_bytes > 0) shapes += missing(show_bytes(missing_bytes) + " missing");
-        out_ += row("Boxes", "other", shapes);
+        out_ += row("Boxes", "other", shapes, "boxes");
     }
 
     void add_track_row(const TrackFigures& figures) {
@@ -292,16 +347,16 @@ class Page {
                                      ", bytes " + show_count(static_cast<uint64_t>(piece.from)) +
                                      " to " + show_count(static_cast<uint64_t>(piece.to));
             std::string bar = rect("", x, width, 0, 100, text);
-            if (piece.share < 1) bar.insert(5, format(" fill-opacity=\"%.1f\"", piece.share));
+            if (piece.share < 1) set_opacity(bar, piece.share);
             shapes += bar;
         }
         if (figures.outside.chunks > 0) {
             shapes += missing(show_count(figures.outside.chunks) + " chunks reach behind the end");
         }
         const iso_track* track = figures.track;
-        const std::string label =
-            escape(name_of(track)) + format(" <small>track %u</small>", track->track_id);
-        out_ += row(label, kind_of(track), shapes);
+        const std::string number = format("track %u", track->track_id);
+        out_ += row(unbroken(name_of(track)) + " <small>" + number + "</small>", kind_of(track),
+                    shapes, name_of(track) + ", " + number);
     }
 
     void add_map() {
@@ -309,7 +364,8 @@ class Page {
         out_ +=
             "<section><h2>Where the bytes are</h2><p class=\"note\">The file from its first "
             "byte to its last: the boxes, and below them the chunks of each track.";
-        if (gone_ > 0) out_ += " What is red at the right is missing.";
+        if (gone_ > 0)
+            out_ += " What is red at the right is missing; its width does not tell how much.";
         const bool shared =
             std::any_of(data_.tracks.begin(), data_.tracks.end(), [](const TrackFigures& track) {
                 return std::any_of(track.map.begin(), track.map.end(),
@@ -340,18 +396,21 @@ class Page {
         return (what.empty() ? "" : what + " ") + "<b>" + escape(value) + "</b>";
     }
 
+    static std::string about_samples(const TrackFigures& figures) {
+        const Range& sizes = figures.sizes;
+        const std::string most = show_bytes(sizes.most);
+        return fact("", show_count(static_cast<uint32_t>(figures.track->sample_count))) +
+               " samples of " +
+               fact("", sizes.least == sizes.most ? most : show_bytes(sizes.least) + " to " + most);
+    }
+
     void add_facts(const TrackFigures& figures) {
         const iso_track* track = figures.track;
         std::vector<std::string> facts;
         const std::string size = pixels(track);
         if (!size.empty()) facts.push_back("<b>" + size + "</b> pixels");
         facts.push_back(fact("", show_seconds(figures.seconds)));
-        facts.push_back(fact("", show_count(static_cast<uint32_t>(track->sample_count))) +
-                        " samples of " +
-                        fact("", figures.sizes.least == figures.sizes.most
-                                     ? show_bytes(figures.sizes.most)
-                                     : show_bytes(figures.sizes.least) + " to " +
-                                           show_bytes(figures.sizes.most)));
+        facts.push_back(track->sample_count > 0 ? about_samples(figures) : "<b>no samples</b>");
         const auto chunks = static_cast<uint32_t>(track->chunk_count);
         facts.push_back(fact("", show_count(chunks)) + (chunks == 1 ? " chunk" : " chunks"));
         facts.push_back("clock " + fact("", show_count(track->timescale)) + " Hz");
@@ -372,9 +431,11 @@ class Page {
     void add_hints(const TrackFigures& figures) {
         const iso_track* track = figures.track;
         const PacketFigures& packets = figures.packets;
-        out_ +=
-            format("<div class=\"under hint\"><h3>%s <span class=\"muted\">track %u</span></h3>",
-                   codec_name(track->codec), track->track_id);
+        out_ += "<div class=\"under hint\">";
+        if (media_of(track) != nullptr) {  // else it has a card of its own
+            out_ += format("<h3>%s <span class=\"muted\">track %u</span></h3>",
+                           codec_name(track->codec), track->track_id);
+        }
         std::string line = "announces packets of at most " +
                            fact("", show_count(track->rtp_max_packet)) + " bytes · clock " +
                            fact("", show_count(track->rtp_timescale)) + " Hz · " +
@@ -403,13 +464,14 @@ class Page {
 
     void add_track(const TrackFigures& figures) {
         const iso_track* track = figures.track;
-        out_ += format("<section class=\"card %s\"><h2>", kind_of(track)) + name_of(track) +
+        out_ += format("<section class=\"card %s\"><h2>", kind_of(track)) +
+                unbroken(name_of(track)) +
                 format(" <span class=\"muted\">track %u</span></h2>", track->track_id);
         add_facts(figures);
         const std::string rate = rate_chart(figures, data_.seconds);
         out_ += rate + sync_chart(figures, data_.seconds);
         if (!rate.empty()) out_ += time_axis(data_.seconds);
-        out_ += edit_strip(track, data_.file->edit_timescale);
+        out_ += edit_strip(track, data_.file->edit_timescale, data_.seconds);
         if (is_hint(track)) {
             add_hints(figures);
         } else {

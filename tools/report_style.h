@@ -9,7 +9,7 @@ inline constexpr char kReportStyle[] = R"css(
   color-scheme: light dark;
   --bg: #f4f6f8; --card: #fff; --ink: #15202b; --muted: #5a6878; --line: #dfe4ea; --grid: #e8ecf0;
   --track: #eef1f4; --video: #4556de; --audio: #0a8474; --hint: #b76a08; --movie: #8f4fb8;
-  --media: #9aa7b5; --box: #5f7186; --ok: #1a7a3a; --okbg: #e6f4ea; --bad: #b92626;
+  --media: #778593; --box: #44546a; --ok: #1a7a3a; --okbg: #e6f4ea; --bad: #b92626; --warn: #8c5105;
   --badbg: #fcebea; --code: #f0f3f6;
 }
 @media (prefers-color-scheme: dark) {
@@ -17,7 +17,7 @@ inline constexpr char kReportStyle[] = R"css(
     --bg: #0e1319; --card: #161d26; --ink: #e7ecf2; --muted: #9aa7b6; --line: #2a3541;
     --grid: #242e39; --track: #1d2631; --video: #8d9aff; --audio: #3acbb5; --hint: #f0a744;
     --movie: #cf94f2; --media: #57677a; --box: #8fa1b5; --ok: #55cd7e; --okbg: #14301f;
-    --bad: #ff837a; --badbg: #3a1c1d; --code: #0f151c;
+    --bad: #ff837a; --badbg: #3a1c1d; --code: #0f151c; --warn: #f0a744;
   }
 }
 * { box-sizing: border-box; }
@@ -32,15 +32,16 @@ p { margin: 0; }
 .kicker { color: var(--muted); font-size: 12px; font-weight: 600; letter-spacing: .09em;
   text-transform: uppercase; }
 .lead { font-size: 18px; font-weight: 600; display: flex; gap: 9px; align-items: center; }
+.nb { white-space: nowrap; }
 .muted, .note { color: var(--muted); }
 .note { font-size: 13px; }
-.good { color: var(--ok); } .poor { color: var(--bad); } .fair { color: var(--hint); }
+.good { color: var(--ok); } .poor { color: var(--bad); } .fair { color: var(--warn); }
 .video { --hue: var(--video); } .audio { --hue: var(--audio); } .hint { --hue: var(--hint); }
 .other { --hue: var(--box); }
 .icon { width: 20px; height: 20px; flex: none; }
-.tiles { display: grid; grid-template-columns: repeat(auto-fit, minmax(140px, 1fr)); gap: 12px;
+.tiles { display: grid; grid-template-columns: repeat(5, 1fr); gap: 12px;
   margin: 20px 0 0; }
-.tiles div { background: var(--card); border: 1px solid var(--line); border-radius: 10px;
+.tiles div { min-width: 0; background: var(--card); border: 1px solid var(--line); border-radius: 10px;
   padding: 10px 14px; }
 dt { color: var(--muted); font-size: 12px; }
 dd { margin: 0; font-size: 18px; font-weight: 600; overflow-wrap: anywhere; }
@@ -107,6 +108,7 @@ figcaption b { font-weight: 600; } figcaption span { color: var(--muted); }
 .mean { stroke: var(--hue); stroke-width: 1; stroke-dasharray: 2 3; opacity: .8;
   vector-effect: non-scaling-stroke; }
 .bar { fill: var(--hue); } .bar.faint { fill-opacity: .35; } .bar.over { fill: var(--bad); }
+.cap { fill: var(--ink); }
 .hover { fill: var(--hue); fill-opacity: 0; } .hover:hover { fill-opacity: .18; }
 .bar:hover, .strip rect:hover { filter: brightness(1.25); }
 .strip .gone { fill: var(--bad); fill-opacity: .38; }
@@ -121,11 +123,13 @@ pre { margin: 8px 0 0; padding: 10px 12px; background: var(--code); border-radiu
   white-space: pre-wrap; overflow-wrap: anywhere;
   font: 12px/1.5 ui-monospace, "DejaVu Sans Mono", Menlo, Consolas, monospace; }
 footer { margin-top: 22px; text-align: center; color: var(--muted); font-size: 12px; }
+@media (max-width: 860px) { dd { font-size: 15px; } .tiles div { padding: 10px; } }
 @media (max-width: 640px) {
   main { padding: 18px 12px 28px; } h1 { font-size: 23px; } .lead { font-size: 16px; }
   section { padding: 14px 14px 16px; } .pair { grid-template-columns: 1fr; gap: 8px; }
   .row { grid-template-columns: 1fr; gap: 3px; margin-top: 9px; } .wide { display: none; }
   .tiles { grid-template-columns: 1fr 1fr; gap: 8px; } dd { font-size: 16px; }
+  .tiles div:last-child { grid-column: span 2; }
   .plot, .track-axis { margin-left: 36px; } .road .name { margin-left: 0; width: 100%; }
 }
 @media print { body { background: #fff; } section { break-inside: avoid; } }

@@ -1,5 +1,6 @@
 #include "tools/support.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,8 +22,12 @@ Error status_error(const std::string& file, int32_t status, const std::string& m
 
 Host open_host(const std::string& path, std::optional<uint32_t> arriving) {
     Host host;
+    struct stat about {};
     if (path == "-") {
         host.reset(kst_host_from_pipe(STDIN_FILENO));
+    } else if (stat(path.c_str(), &about) == 0 && S_ISFIFO(about.st_mode)) {
+        // Opening it would wait for a writer.
+        throw Error(path + ": Is a pipe; give it as standard input, -");
     } else if (arriving) {
         host.reset(kst_host_from_growing_file(path.c_str(), *arriving));
     } else {
@@ -113,6 +118,20 @@ void Output::write(std::span<const uint8_t> bytes) {
 
 void Output::finish() {
     if (std::fflush(file_) != 0) throw system_error(path_);
+}
+
+void hold_standard_streams() {
+    // Opened the wrong way round. The lowest free number is given out, so each gets its own.
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) >= 0) continue;
+        open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+}
+
+void finish_standard_output() {
+    if (std::fflush(stdout) != 0) throw system_error("standard output");
+    // An earlier piece; its reason is gone.
+    if (std::ferror(stdout) != 0) throw Error("standard output: not all of it could be written");
 }
 
 std::vector<uint8_t> read_whole(const std::string& path) {

@@ -101,6 +101,13 @@ class Output {
     uint64_t written_ = 0;
 };
 
+// Opens something in place of each standard stream that is closed, of which all reads and writes
+// fail, so that no file gets the number of one.
+void hold_standard_streams();
+
+// Writes out what waits for standard output; throws when not all of it could be written.
+void finish_standard_output();
+
 // All bytes of a file, or of standard input for "-".
 std::vector<uint8_t> read_whole(const std::string& path);
 

@@ -6,97 +6,37 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <numeric>
 
 #include "kestrel/log.h"
+#include "tools/frame_tally.h"
+#include "tools/hinter.h"
+#include "tools/markup.h"
 
 namespace tool {
 namespace {
 
 constexpr uint64_t kMostPlayed = 256 << 20;  // bytes of stream: a few bytes of tables tell of more
+constexpr uint32_t kMostEmptyReads = 1 << 16;
+constexpr unsigned kMostSeconds = 300;
+constexpr uint32_t kMostHinted = 128 << 20;  // bytes of a file that is hinted for trial
 
 // What came of playing, as the other process tells it.
 struct Trial {
-    bool answered = false;
     bool opened = false;
+    bool in_part = false;  // came to an end, but much of what the tables tell of did not come
     int32_t status = KST_UNKNOWN_CODER;
-    uint64_t delivered = 0;
+    uint64_t delivered = 0;  // bytes of stream
+    uint64_t frames = 0;
+    uint64_t media_bytes = 0;
+
+    bool plays() const { return opened && status == KST_SUCCESS && frames > 0 && !in_part; }
 };
 
 const char* mode_of(Medium medium) {
     return medium == Medium::kAudio ? "ar" : "vr";
-}
-
-// Calls `read` until the stream ends, fails, or has been long enough.
-template <typename Read>
-void play(Trial& trial, Read read) {
-    std::vector<uint8_t> buffer(KST_LARGEST_CHUNK);
-    trial.opened = true;
-    trial.status = KST_SUCCESS;
-    while (trial.status == KST_SUCCESS && trial.delivered < kMostPlayed) {
-        auto size = static_cast<uint32_t>(buffer.size());
-        trial.status = read(buffer.data(), &size);
-        trial.delivered += size;
-    }
-    if (trial.status == KST_END_OF_FILE) trial.status = KST_SUCCESS;
-}
-
-Trial try_road(kst_host* host, Road road, Medium medium) {
-    Trial trial;
-    trial.answered = true;
-    const bool arriving = kst_host_is_arriving(host) != 0;
-    kst_host_rewind(host);
-    if (road == Road::kFunction) {
-        const Handle handle = open_track(host, mode_of(medium), trial.status);
-        if (handle == nullptr) return trial;
-        play(trial, [&](uint8_t* to, uint32_t* size) {
-            return kst_ReadChunk(handle.get(), to, size, arriving);
-        });
-    } else {
-        const ClassObject object = open_object(host, mode_of(medium), trial.status);
-        if (object == nullptr) return trial;
-        play(trial, [&](uint8_t* to, uint32_t* size) {
-            return static_cast<int32_t>(object->ReadChunk(to, size, arriving));
-        });
-    }
-    return trial;
-}
-
-// The life of the other process. It leaves by _exit, or by the exit of the class road.
-[[noreturn]] void try_and_tell(int to, kst_host* host, Road road, Medium medium) {
-    const int nowhere = open("/dev/null", O_WRONLY);
-    if (nowhere >= 0) dup2(nowhere, STDERR_FILENO);
-    sx_Debug = 0;
-    try {
-        const Trial trial = try_road(host, road, medium);
-        if (write(to, &trial, sizeof trial) != sizeof trial) _exit(kFailed);
-    } catch (...) {
-        _exit(kFailed);
-    }
-    _exit(kDone);
-}
-
-Trial try_apart(kst_host* host, Road road, Medium medium) {
-    int ends[2];
-    if (pipe(ends) != 0) throw system_error("pipe");
-    std::fflush(nullptr);  // or an exit over there would write what waits here once more
-    const pid_t child = fork();
-    if (child < 0) {
-        close(ends[0]);
-        close(ends[1]);
-        throw system_error("fork");
-    }
-    if (child == 0) try_and_tell(ends[1], host, road, medium);
-    close(ends[1]);
-    Trial told;
-    ssize_t got = 0;
-    do {
-        got = read(ends[0], &told, sizeof told);
-    } while (got < 0 && errno == EINTR);
-    close(ends[0]);
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    return got == sizeof told ? told : Trial{};
 }
 
 bool plays_codec(Road road, int32_t codec) {
@@ -113,15 +53,184 @@ bool plays_codec(Road road, int32_t codec) {
     }
 }
 
-// The first track of the medium that the road plays, else the first of the medium at all.
+// The track that the road takes, else the first of the medium. The function road takes the track ID
+// of the last track that it plays, and the first such track with that ID; the class road takes
+// tracks by their handlers, and of those with one ID the last.
 const iso_track* track_for(const iso_file* file, Road road, Medium medium) {
-    const iso_track* found = nullptr;
+    const auto takes = [&](const iso_track* track) {
+        if (road == Road::kFunction) return is_of(track, medium) && plays_codec(road, track->codec);
+        return std::strcmp(track->handler, medium == Medium::kAudio ? "soun" : "vide") == 0;
+    };
+    const iso_track* first = nullptr;
+    const iso_track* last = nullptr;
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next) {
-        if (!is_of(track, medium)) continue;
-        if (plays_codec(road, track->codec)) return track;
-        if (found == nullptr) found = track;
+        if (first == nullptr && is_of(track, medium)) first = track;
+        if (takes(track)) last = track;
     }
-    return found;
+    if (last == nullptr || road == Road::kClass) return last != nullptr ? last : first;
+    const iso_track* taken = file->first_track;
+    while (!(takes(taken) && taken->track_id == last->track_id))
+        taken = taken->next;
+    return taken;
+}
+
+double share(uint64_t part, uint64_t whole) {
+    return whole == 0 ? 1.0 : static_cast<double>(part) / static_cast<double>(whole);
+}
+
+// The media bytes that the tables tell of, also those of samples that the reader found no place
+// for.
+double told_bytes(const iso_track* track) {
+    const auto samples = static_cast<uint32_t>(std::max(track->sample_count, 0));
+    const auto bytes = static_cast<double>(sample_bytes(track));
+    return samples == 0 ? 0 : bytes * std::max(track->told_samples, samples) / samples;
+}
+
+// Bytes are compared, as frames need not be samples: speech has several in one, and hint tracks
+// may cut as they like. Packets hold no less than the samples, but for the lengths in front of
+// NAL units; there the pictures count too.
+bool is_in_part(const Trial& trial, const iso_track* track) {
+    constexpr double kEnough = 0.9;
+    if (static_cast<double>(trial.media_bytes) >= kEnough * told_bytes(track)) return false;
+    return track->codec != ISO_CODEC_AVC1 || share(trial.frames, track->told_samples) < kEnough;
+}
+
+// Calls `read` until the stream ends, fails, or has been long enough.
+template <typename Read>
+void play(Trial& trial, const iso_track* track, Read read) {
+    std::vector<uint8_t> buffer(KST_LARGEST_CHUNK);
+    FrameTally tally;
+    uint32_t empty = 0;
+    trial.opened = true;
+    trial.status = KST_SUCCESS;
+    while (trial.status == KST_SUCCESS && trial.delivered < kMostPlayed) {
+        auto size = static_cast<uint32_t>(buffer.size());
+        trial.status = read(buffer.data(), &size);
+        tally.take({buffer.data(), size});
+        trial.delivered += size;
+        empty = size == 0 ? empty + 1 : 0;
+        if (trial.status == KST_SUCCESS && empty > kMostEmptyReads) trial.status = KST_FAILURE;
+    }
+    trial.frames = tally.frames();
+    trial.media_bytes = tally.bytes();
+    if (trial.status != KST_END_OF_FILE) return;
+    trial.status = KST_SUCCESS;
+    trial.in_part = trial.frames > 0 && track != nullptr && is_in_part(trial, track);
+}
+
+Trial try_road(kst_host* host, const iso_file* file, Road road, Medium medium) {
+    Trial trial;
+    const iso_track* track = track_for(file, road, medium);
+    const bool arriving = kst_host_is_arriving(host) != 0;
+    kst_host_rewind(host);
+    if (road == Road::kFunction) {
+        const Handle handle = open_track(host, mode_of(medium), trial.status);
+        if (handle == nullptr) return trial;
+        play(trial, track, [&](uint8_t* to, uint32_t* size) {
+            return kst_ReadChunk(handle.get(), to, size, arriving);
+        });
+    } else {
+        const ClassObject object = open_object(host, mode_of(medium), trial.status);
+        if (object == nullptr) return trial;
+        play(trial, track, [&](uint8_t* to, uint32_t* size) {
+            return static_cast<int32_t>(object->ReadChunk(to, size, arriving));
+        });
+    }
+    return trial;
+}
+
+// Hints the file in memory, and plays what came of it.
+Trial try_hinted(kst_host* host, bool replace, Road road, Medium medium) {
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
+    kst_host_rewind(host);
+    const IsoFile from = open_iso(host, callbacks);
+    const Host memory(kst_host_for_writing_memory());
+    if (memory == nullptr) throw std::bad_alloc();
+    KST_IOSTREAM_CALLBACK_INTERFACE* table = kst_host_callbacks(memory.get());
+    IsoFile to(isoFFopen(table, "w", nullptr));
+    if (to == nullptr) throw std::bad_alloc();
+    HintOptions options;
+    options.replace = replace;
+    try {
+        copy_with_hints(options, from.get(), to.get());
+    } catch (const Error&) {
+        return {};
+    }
+    if (isoFFclose(to.release()) != 0) return {};
+    size_t size = 0;
+    const void* bytes = kst_host_written(memory.get(), &size);
+    const Host hinted(kst_host_from_memory(bytes, size));
+    if (hinted == nullptr) throw std::bad_alloc();
+    const IsoFile file = open_iso(hinted.get(), callbacks);
+    return try_road(hinted.get(), file.get(), road, medium);
+}
+
+// How a process that tries something ended.
+enum class End { kTold, kExit, kSignal, kFault };
+
+struct Outcome {
+    End end = End::kFault;
+    int signal = 0;
+    Trial trial;
+};
+
+constexpr int kFaultCode = 3;  // of a process that could not try; the exit of the class road is 1
+
+// The life of the other process. It leaves by _exit, or by the exit of the class road.
+template <typename Try>
+[[noreturn]] void try_and_tell(int to, Try attempt) {
+    const int nowhere = open("/dev/null", O_WRONLY);
+    if (nowhere >= 0) dup2(nowhere, STDERR_FILENO);
+    sx_Debug = 0;
+    std::signal(SIGALRM, SIG_DFL);
+    alarm(kMostSeconds);
+    try {
+        const Trial trial = attempt();
+        if (write(to, &trial, sizeof trial) != sizeof trial) _exit(kFaultCode);
+    } catch (...) {
+        _exit(kFaultCode);
+    }
+    _exit(kDone);
+}
+
+template <typename Try>
+Outcome try_apart(Try attempt) {
+    int ends[2];
+    if (pipe(ends) != 0) throw system_error("pipe");
+    std::fflush(nullptr);           // or an exit over there would write what waits here once more
+    std::signal(SIGCHLD, SIG_DFL);  // where it is ignored, nothing is told of how a process ended
+    const pid_t child = fork();
+    if (child < 0) {
+        const Error failure = system_error("fork");
+        close(ends[0]);
+        close(ends[1]);
+        throw failure;
+    }
+    if (child == 0) try_and_tell(ends[1], attempt);
+    close(ends[1]);
+    Outcome outcome;
+    ssize_t got = 0;
+    do {
+        got = read(ends[0], &outcome.trial, sizeof outcome.trial);
+    } while (got < 0 && errno == EINTR);
+    close(ends[0]);
+    int how = 0;
+    pid_t waited = 0;
+    while ((waited = waitpid(child, &how, 0)) < 0 && errno == EINTR) {
+    }
+    if (got == sizeof outcome.trial) {
+        outcome.end = End::kTold;
+        return outcome;
+    }
+    outcome.trial = {};
+    if (waited != child) return outcome;
+    if (WIFSIGNALED(how)) {
+        outcome.end = End::kSignal;
+        outcome.signal = WTERMSIG(how);
+    } else if (WEXITSTATUS(how) == kFailed) {
+        outcome.end = End::kExit;
+    }
+    return outcome;
 }
 
 const iso_track* hint_track_of(const iso_file* file, const iso_track* media) {
@@ -138,9 +247,12 @@ bool has_hints(const iso_file* file) {
     return track != nullptr;
 }
 
-Reason reason_of(const Trial& trial, Road road, const iso_track* track) {
-    if (!trial.answered) return Reason::kEndsProcess;
-    if (trial.opened && trial.status == KST_SUCCESS) return Reason::kPlays;
+Reason reason_of(const Outcome& outcome, Road road, const iso_track* track) {
+    const Trial& trial = outcome.trial;
+    if (outcome.end == End::kExit) return Reason::kEndsProcess;
+    if (outcome.end == End::kSignal) return Reason::kDamaged;
+    if (trial.plays()) return Reason::kPlays;
+    if (trial.in_part) return Reason::kIncomplete;
     if (trial.opened) return Reason::kDamaged;
     if (track == nullptr) return Reason::kNoTrack;
     if (!plays_codec(road, track->codec)) return Reason::kCodec;
@@ -175,7 +287,35 @@ bool lacks_data(const Verdict& verdict, const iso_file* file, const iso_track* t
     return !is_whole(track, size) || (hint != nullptr && !is_whole(hint, size));
 }
 
-std::string why(const Verdict& verdict, const iso_track* track) {
+// How much of it plays, of what is incomplete though nothing is missing from the file.
+std::string amount(const Trial& trial, const iso_track* track, Medium medium) {
+    if (medium == Medium::kVideo && trial.frames < track->told_samples) {
+        return std::to_string(trial.frames) + " of " + std::to_string(track->told_samples) +
+               " pictures";
+    }
+    const double percent = 100 * static_cast<double>(trial.media_bytes) / told_bytes(track);
+    return format("%.0f %% of the bytes of its %s", percent, word(medium));
+}
+
+std::string why_damaged(const Verdict& verdict, const Outcome& outcome, const iso_track* track) {
+    if (outcome.signal == SIGALRM) {
+        return "Playing it did not come to an end within " + std::to_string(kMostSeconds) + " s.";
+    }
+    if (outcome.end == End::kSignal) {
+        return "The reader ended by signal " + std::to_string(outcome.signal) + ".";
+    }
+    if (!verdict.opens) return "A box or table that playing needs is missing or damaged.";
+    if (verdict.status == KST_SUCCESS) {
+        return track != nullptr && track->told_samples == 0
+                   ? "It opens, but its track has no samples."
+                   : "It opens, but no frame comes out: a table or all samples make no sense.";
+    }
+    return "It stops at damaged data after " + std::to_string(verdict.delivered) +
+           " bytes of stream.";
+}
+
+std::string why(const Verdict& verdict, const Outcome& outcome, const iso_track* track,
+                uint32_t size, bool hints) {
     const std::string medium = word(verdict.medium);
     const std::string codec = track != nullptr ? codec_name(track->codec) : "unknown";
     switch (verdict.reason) {
@@ -184,7 +324,9 @@ std::string why(const Verdict& verdict, const iso_track* track) {
         case Reason::kNoTrack:
             return "The file has no " + medium + " track.";
         case Reason::kNoHintTrack:
-            return "The " + medium + " has no RTP hint track, and this road plays nothing else.";
+            return (hints ? "No RTP hint track refers to the " + medium
+                          : "The " + medium + " has no RTP hint track") +
+                   ", and this road plays nothing else.";
         case Reason::kCodec:
             return std::string("This road does not play ") +
                    (codec == "unknown" ? "this " + medium + " codec" : codec) +
@@ -194,13 +336,12 @@ std::string why(const Verdict& verdict, const iso_track* track) {
             return "The file has several " + medium +
                    " tracks, and this road plays a file with one.";
         case Reason::kIncomplete:
-            return verdict.mend.empty()
+            if (!verdict.amount.empty()) return "It delivers only " + verdict.amount + ".";
+            return track == nullptr || !is_whole(track, size)
                        ? "The file ends before its " + medium + " does: get the whole file."
                        : "The " + medium + " is whole, but its RTP hints are not.";
         case Reason::kDamaged:
-            return verdict.opens ? "It stops at damaged data after " +
-                                       std::to_string(verdict.delivered) + " bytes of stream."
-                                 : "A box or table that playing needs is missing or damaged.";
+            return why_damaged(verdict, outcome, track);
         case Reason::kEndsProcess:
             return "Opening ends the whole process: there is an MPEG-4 sample entry of another "
                    "codec.";
@@ -208,18 +349,22 @@ std::string why(const Verdict& verdict, const iso_track* track) {
     return "";
 }
 
-std::string mend(const Verdict& verdict, const iso_file* file, const iso_track* track,
-                 uint32_t size) {
+// New hints play where the media are whole, and all boxes that the roads mind are made anew with
+// them; but many a file cannot be hinted, and some do not play for another reason. So what is told
+// was seen to work. A file that has hints, even of no use, is hinted anew only when asked to.
+std::string mend(kst_host* host, const Verdict& verdict, const iso_file* file,
+                 const iso_track* track, uint32_t size) {
     const bool fails = verdict.reason == Reason::kNoHintTrack ||
                        verdict.reason == Reason::kDamaged || verdict.reason == Reason::kIncomplete;
-    if (!fails || track == nullptr || track->sample_count == 0 || !media_is_whole(file, size)) {
+    if (!fails || track == nullptr || track->sample_count == 0 || size > kMostHinted ||
+        !media_is_whole(file, size)) {
         return "";
     }
-    // With the media whole, new hints play. The class road also minds all other boxes, which are
-    // made anew with them. A file that has hints, even of no use, is hinted anew only when asked
-    // to.
-    if (verdict.road == Road::kClass) return has_hints(file) ? "hint --replace" : "hint";
-    return verdict.opens && hint_track_of(file, track) != nullptr ? "hint --replace" : "";
+    const bool replace = has_hints(file);
+    const Outcome hinted =
+        try_apart([&] { return try_hinted(host, replace, verdict.road, verdict.medium); });
+    if (!hinted.trial.plays()) return "";
+    return replace ? "hint --replace" : "hint";
 }
 
 std::string quoted(const std::string& text) {
@@ -228,6 +373,18 @@ std::string quoted(const std::string& text) {
     std::string path = text.starts_with('-') && text.size() > 1 ? "./" + text : text;
     if (!path.empty() && path.find_first_not_of(std::string(kPlain) + "-") == std::string::npos) {
         return path;
+    }
+    // What a page or a terminal would not show as it is goes into a form of bash and others.
+    const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+    if (std::any_of(path.begin(), path.end(), is_control) ||
+        escape(path).find("\xEF\xBF\xBD") != std::string::npos) {
+        std::string out = "$'";
+        for (const char c : path) {
+            const auto byte = static_cast<unsigned char>(c);
+            const bool shown = c >= ' ' && c <= '~' && c != '\'' && c != '\\';
+            out += shown ? std::string(1, c) : format("\\x%02x", byte);
+        }
+        return out + "'";
     }
     std::string out = "'";
     for (const char c : path)
@@ -265,6 +422,13 @@ const char* word(Reason reason) {
             return "ends-process";
     }
     return "";
+}
+
+const char* Verdict::outcome() const {
+    if (plays()) return "plays";
+    if (!amount.empty()) return "plays in part";
+    if (frames > 0) return "stops before its end";
+    return opens && status == KST_SUCCESS ? "gives no frame" : "does not play";
 }
 
 std::string mending_command(const Verdict& verdict, const std::string& input) {
@@ -316,22 +480,34 @@ Outside outside_file(const iso_track* track, uint32_t size) {
     return out;
 }
 
+uint64_t sample_bytes(const iso_track* track) {
+    const auto samples = static_cast<uint32_t>(std::max(track->sample_count, 0));
+    if (track->sample_sizes == nullptr) return uint64_t{track->sample_size} * samples;
+    return std::accumulate(track->sample_sizes, track->sample_sizes + samples, uint64_t{0});
+}
+
 Verdict judge(kst_host* host, const iso_file* file, Road road, Medium medium) {
+    const Outcome outcome = try_apart([&] { return try_road(host, file, road, medium); });
+    if (outcome.end == End::kFault) throw Error("judging: out of memory, or its process failed");
     const iso_track* track = track_for(file, road, medium);
-    const Trial trial = try_apart(host, road, medium);
+    const Trial& trial = outcome.trial;
+    const uint32_t size = kst_host_bytes_available(host);
     Verdict verdict;
     verdict.road = road;
     verdict.medium = medium;
-    verdict.reason = reason_of(trial, road, track);
+    verdict.reason = reason_of(outcome, road, track);
     verdict.status = trial.status;
     verdict.opens = trial.opened;
     verdict.delivered = trial.delivered;
-    const uint32_t size = kst_host_bytes_available(host);
-    if (verdict.reason == Reason::kDamaged && lacks_data(verdict, file, track, size)) {
+    verdict.frames = trial.frames;
+    verdict.track_id = track != nullptr ? track->track_id : 0;
+    if (trial.in_part) verdict.amount = amount(trial, track, medium);
+    if (verdict.reason == Reason::kDamaged && outcome.end == End::kTold &&
+        lacks_data(verdict, file, track, size)) {
         verdict.reason = Reason::kIncomplete;
     }
-    verdict.mend = mend(verdict, file, track, size);
-    verdict.why = why(verdict, track);
+    verdict.mend = mend(host, verdict, file, track, size);
+    verdict.why = why(verdict, outcome, track, size, has_hints(file));
     return verdict;
 }
 

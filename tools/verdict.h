@@ -20,8 +20,8 @@ enum class Reason {
     kNoHintTrack,    // the class road needs one
     kCodec,          // the road does not play this codec
     kSeveralTracks,  // the class road wants one track of the medium
-    kIncomplete,     // data is missing that the tables tell of
-    kDamaged,        // a box, a table or a sample makes no sense
+    kIncomplete,     // the file ends too early, or much that the tables tell of does not come
+    kDamaged,        // a box, a table or a sample makes no sense, or nothing comes
     kEndsProcess     // opening ends the process (see kestrel/c3gpinterface.h)
 };
 
@@ -32,10 +32,17 @@ struct Verdict {
     int32_t status = 0;      // of the call that ended it; KST_SUCCESS for what plays
     bool opens = false;      // the failure, if any, came while it played
     uint64_t delivered = 0;  // bytes of native stream
+    uint64_t frames = 0;     // in them
+    uint32_t track_id = 0;   // of the track that was judged; 0 for none
+    std::string amount;      // "15 of 30 pictures", of what comes to its end but lacks much
     std::string why;         // a sentence for a person; empty for what plays
-    std::string mend;        // the command that mends it and its options: "hint", "hint --replace"
+    // The command that mends it and its options, "hint" or "hint --replace": tried, and what came
+    // of it played.
+    std::string mend;
 
     bool plays() const { return reason == Reason::kPlays; }
+    // "plays", "stops before its end" and so on, for a person.
+    const char* outcome() const;
 };
 
 // One word each, which scripts may rely on.
@@ -52,6 +59,9 @@ bool is_hint(const iso_track* track);
 bool is_of(const iso_track* track, Medium medium);
 bool has_medium(const iso_file* file, Medium medium);
 
+// The sum of the sizes of a track's samples.
+uint64_t sample_bytes(const iso_track* track);
+
 // What a track's tables place behind the end of a file of `size` bytes.
 struct Outside {
     uint32_t chunks = 0;
@@ -60,8 +70,10 @@ struct Outside {
 Outside outside_file(const iso_track* track, uint32_t size);
 
 // Opens one medium on one road and plays it to its end, or for the first 256 MiB of its stream, in
-// a process of its own: opening on the class road may end it. What the library has to say meanwhile
-// goes nowhere. The host must be complete, and is the caller's again afterwards.
+// a process of its own: opening on the class road may end it. What fails is hinted in memory and
+// tried once more, to see what mends it, except for files of more than 128 MiB. What the library
+// has to say meanwhile goes nowhere. The host must be complete, and is the caller's again
+// afterwards.
 Verdict judge(kst_host* host, const iso_file* file, Road road, Medium medium);
 
 // All four, function road first, audio first.
