@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstring>
 #include <numeric>
+#include <type_traits>
 
 #include "kestrel/log.h"
 #include "tools/frame_tally.h"
@@ -23,10 +24,11 @@ constexpr uint32_t kMostEmptyReads = 1 << 16;
 constexpr unsigned kMostSeconds = 300;
 constexpr uint32_t kMostHinted = 128 << 20;  // bytes of a file that is hinted for trial
 
-// What came of playing, as the other process tells it.
+// What came of playing, as the other process tells it: byte for byte, so none lies between.
 struct Trial {
     bool opened = false;
     bool in_part = false;  // came to an end, but much of what the tables tell of did not come
+    uint16_t unused = 0;
     int32_t status = KST_UNKNOWN_CODER;
     uint64_t delivered = 0;  // bytes of stream
     uint64_t frames = 0;
@@ -34,6 +36,7 @@ struct Trial {
 
     bool plays() const { return opened && status == KST_SUCCESS && frames > 0 && !in_part; }
 };
+static_assert(std::has_unique_object_representations_v<Trial>);
 
 const char* mode_of(Medium medium) {
     return medium == Medium::kAudio ? "ar" : "vr";
