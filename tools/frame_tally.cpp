@@ -27,7 +27,7 @@ uint64_t less(uint64_t from, uint64_t what) {
 void FrameTally::take(std::span<const uint8_t> stream) {
     while (!stream.empty()) {
         if (skipped_ > 0) {
-            const size_t count = std::min<uint64_t>(skipped_, stream.size());
+            const auto count = static_cast<size_t>(std::min<uint64_t>(skipped_, stream.size()));
             skipped_ -= count;
             stream = stream.subspan(count);
             continue;
