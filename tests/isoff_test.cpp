@@ -661,13 +661,44 @@ TEST(HintPackets, BadOnesFail) {
         iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
         ASSERT_NE(hint, nullptr);
         const std::unique_ptr<uint8_t[]> buffer(new uint8_t[c.max_packet]);
-        EXPECT_EQ(isoFFrtpPacket(hint, nullptr), -1);
         EXPECT_EQ(isoFFrtpPacket(hint, buffer.get()), c.result);
     }
     EXPECT_EQ(isoFFrtpPacket(nullptr, nullptr), -1);
     HintFile made;
     Opened opened(made.build());
     EXPECT_EQ(isoFFrtpPacket(opened.track(2), nullptr), -1);  // no cursor
+}
+
+// No room for a packet is needed where there is none.
+TEST(HintPackets, NullIsABufferOfNoBytes) {
+    for (const bool has_packet : {false, true}) {
+        HintFile made;
+        made.hint_samples = join({be16(has_packet ? 1 : 0), be16(0), packet_entry(96, 0, 0)});
+        made.hint_sizes = {16};
+        made.max_packet = 0;
+        Opened opened(made.build());
+        iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
+        ASSERT_NE(hint, nullptr);
+        EXPECT_EQ(isoFFrtpPacket(hint, nullptr), has_packet ? -1 : 0);
+    }
+}
+
+// The place that a packet is said to begin at is told by the cursors at its end: behind a piece of
+// another of its own samples, by where reading on has brought the hint track's.
+TEST(HintPackets, TellTheLowestPlaceThatTheirCursorsName) {
+    HintFile made;
+    const Bytes plain = join({be16(1), be16(0), packet_entry(96, 0, 0)});
+    const Bytes looking_back = join({be16(1), be16(0), packet_entry(96, 1, 2),
+                                     from_sample(2, 255, 2, 1, 0), immediate("x", 1)});
+    made.hint_samples = join({plain, looking_back});
+    made.hint_sizes = {16, static_cast<uint32_t>(looking_back.size())};
+    Opened opened(made.build());
+    iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
+    ASSERT_NE(hint, nullptr);
+    Bytes buffer(1400);
+    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12);
+    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12 + 2 + 1);
+    EXPECT_EQ(hint->last_read_pos, hint->chunks[0].start + 16);
 }
 
 // A packet that copies from an earlier hint sample must not send the reader back there for ever.

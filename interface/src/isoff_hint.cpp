@@ -135,7 +135,8 @@ class PacketReader {
     uint32_t whole_size_ = 0;
     const uint8_t* own_ = nullptr;  // what take_own has taken, in whole_ or in scratch_
     uint8_t* scratch_;
-    uint32_t copied_at_ = UINT32_MAX;  // file offset that the last sample constructor named
+    const iso_track* copied_from_ = nullptr;  // track and offset of the last sample constructor
+    uint32_t copied_offset_ = 0;
     bool strayed_ = false;  // the hint track's cursor is not on the sample of its packets
 };
 
@@ -226,7 +227,7 @@ inline void PacketReader::next_sample() {
 
 inline int PacketReader::write_header(const PacketEntry& entry) {
     uint8_t* header = to_;
-    if (!extend(kRtpHeader)) return -1;
+    if (header == nullptr || !extend(kRtpHeader)) return -1;
     track_->last_payload_type = entry.payload_type();
     if (track_->seq_rebase == kRebaseNext) [[unlikely]] {
         track_->rtp_seq_offset -= entry.sequence();
@@ -311,7 +312,8 @@ inline int PacketReader::copy_sample() {
     } else {
         result = copy_from_stream(source, own_, to);
     }
-    copied_at_ = source->cur_offset + from.offset;
+    copied_from_ = source;
+    copied_offset_ = from.offset;
     return result;
 }
 
@@ -333,11 +335,14 @@ inline int PacketReader::run_constructor() {
 }
 
 inline void PacketReader::note_read_position() {
+    const uint32_t own = track_->cur_offset + static_cast<uint32_t>(offset_);
     track_->last_read_pos =
-        std::min(track_->cur_offset + static_cast<uint32_t>(offset_), copied_at_);
+        copied_from_ == nullptr ? own : std::min(own, copied_from_->cur_offset + copied_offset_);
 }
 
 inline int PacketReader::build_packet() {
+    if (whole_size_ == 0) [[unlikely]]
+        view_sample();  // its header may have been read by itself
     int result = take_own(kPacketEntry);
     if (result != 0) return result;
     const PacketEntry entry = parse_entry(own_);
@@ -419,7 +424,6 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
 
 int isoFFrtpPacket(iso_track* hint, void* buffer) {
     if (hint == nullptr || hint->hint == nullptr || hint->hint->media_track == nullptr) return -1;
-    if (buffer == nullptr) return -1;
     if (hint->index == nullptr && hint->file->write_mode) return -1;
     uint8_t scratch[kConstructor];
     PacketReader reader(hint, buffer, scratch);
