@@ -192,16 +192,13 @@ inline void PacketReader::begin_packets(uint32_t packets) {
 }
 
 // Sees to it that the hint sample at the cursor has packets left: opens samples until one has some,
-// or there are no more. A run of empty ones that is longer
-// than any hinter writes is taken for damage, since a few bytes of tables can tell of billions.
+// or there are no more. A run of empty ones that is longer than any hinter writes is taken for
+// damage, since a few bytes of tables can tell of billions.
 inline int PacketReader::open_sample() {
     constexpr int kMostEmptySamples = 65536;
     if (at_end()) [[unlikely]]
         return kAtEnd;
-    if (hint_.packets_left != 0) {
-        view_sample();
-        return 0;
-    }
+    if (hint_.packets_left != 0) return 0;
     int empty = 0;
     do {
         offset_ = 0;
@@ -271,8 +268,8 @@ inline int PacketReader::copy_immediate() {
 }
 
 // The bytes that a constructor names, where they were read ahead; the cursor is moved to their
-// sample. Null for what has to be read from the stream, and for all that is odd: the cursor is left
-// alone by a piece of no bytes, and by one that is not inside its sample.
+// sample. Null for what has to be read from the stream, and for all that is odd, a piece of no
+// bytes or one that is not inside its sample, which leaves the cursor alone here.
 inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     const uint32_t sample = from.sample_number - 1;
     if (sample >= static_cast<uint32_t>(source->sample_count)) return nullptr;
@@ -341,8 +338,8 @@ inline void PacketReader::note_read_position() {
 }
 
 inline int PacketReader::build_packet() {
-    if (whole_size_ == 0) [[unlikely]]
-        view_sample();  // its header may have been read by itself
+    // A later packet of the sample, or its header had to be read by itself.
+    if (whole_size_ == 0) view_sample();
     int result = take_own(kPacketEntry);
     if (result != 0) return result;
     const PacketEntry entry = parse_entry(own_);
