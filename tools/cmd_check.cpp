@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 struct Options {
     std::vector<std::string> paths;
-    std::optional<Road> road;
+    std::optional<Api> api;
 };
 
 // The endings of the names that are looked at in folders.
@@ -106,8 +106,8 @@ class Checker {
 
     // The line of a file in which no medium was found.
     void print_whole(const char* reason, const std::string& file) {
-        const bool function = !options_.road || options_.road == Road::kFunction;
-        const bool by_class = !options_.road || options_.road == Road::kClass;
+        const bool function = !options_.api || options_.api == Api::kFunction;
+        const bool by_class = !options_.api || options_.api == Api::kClass;
         print("-", function ? reason : "-", by_class ? reason : "-", "-", file);
     }
 
@@ -155,13 +155,13 @@ class Checker {
 
     bool check_medium(kst_host* host, const iso_file* boxes, Medium medium,
                       const std::string& file) {
-        const char* words[kRoads.size()] = {"-", "-"};
+        const char* words[kApis.size()] = {"-", "-"};
         std::string mend = "-";
         bool plays = false;
-        for (const Road road : kRoads) {
-            if (options_.road && options_.road != road) continue;
-            const Verdict verdict = judge(host, boxes, road, medium);
-            words[road == Road::kClass] = word(verdict.reason);
+        for (const Api api : kApis) {
+            if (options_.api && options_.api != api) continue;
+            const Verdict verdict = judge(host, boxes, api, medium);
+            words[api == Api::kClass] = word(verdict.reason);
             plays = plays || verdict.plays();
             if (!verdict.mend.empty()) mend = verdict.mend;
         }
@@ -189,23 +189,23 @@ void add_check(CLI::App& app) {
                      "3GP files, - for standard input, and folders, which are searched with all\n"
                      "below them for names in .3gp .3gpp .3g2 .3gpp2 .mp4")
         ->required();
-    add_choice<Road>(command, "--road", options->road,
-                     {{"function", Road::kFunction}, {"class", Road::kClass}},
-                     "Judge one road alone; otherwise a medium plays where either road plays it")
+    add_choice<Api>(command, "--api", options->api,
+                    {{"function", Api::kFunction}, {"class", Api::kClass}},
+                    "Judge one API alone; otherwise a medium plays where either API plays it")
         ->option_text("function|class");
     command->footer(
         "A line for each medium that a file has, with tabs between its columns:\n"
         "  1  audio or video; - for a file in which neither was found, or whose movie box is cut\n"
-        "  2  what comes of it on the function road (kst_Open), played to its end\n"
-        "  3  the same on the class road (C3gpInterface)\n"
+        "  2  what comes of it with the function API (kst_Open), played to its end\n"
+        "  3  the same with the class API (C3gpInterface)\n"
         "  4  what mends it, as was tried: hint or hint --replace; - for nothing, and for what\n"
         "     is not tried, a file of more than 128 MiB\n"
         "  5  the file, with control characters and backslashes as \\xNN\n"
-        "Columns 2 and 3 are -, where the road is not judged, or one of\n"
+        "Columns 2 and 3 are -, where the API is not judged, or one of\n"
         "  plays           delivered to its end\n"
-        "  no-hint-track   this road needs an RTP hint track\n"
-        "  codec           this road does not play the codec\n"
-        "  several-tracks  this road plays a file with one track of the medium\n"
+        "  no-hint-track   this API needs an RTP hint track\n"
+        "  codec           this API does not play the codec\n"
+        "  several-tracks  this API plays a file with one track of the medium\n"
         "  incomplete      the file ends too early, or less than 9 tenths of a track come out\n"
         "  damaged         a box, a table or a sample makes no sense, or no frame comes out\n"
         "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"

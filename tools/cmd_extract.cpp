@@ -15,7 +15,7 @@ struct Options {
     std::string mode;
     std::string output = "-";
     std::optional<uint32_t> arriving;
-    Road road = Road::kFunction;
+    Api road = Api::kFunction;
     std::optional<uint32_t> from_ms;
     Sync sync = Sync::kPrevious;
 };
@@ -110,7 +110,7 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
 
 std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {
     int32_t status = KST_SUCCESS;
-    if (options.road == Road::kClass) {
+    if (options.road == Api::kClass) {
         ClassObject object = open_object(host, options.mode, status);
         if (object == nullptr) throw status_error(options.input, status);
         if (options.from_ms) seek(*object, host, options);
@@ -162,9 +162,9 @@ void extract(const Options& options) {
 }
 
 void add_road_options(CLI::App* command, const std::shared_ptr<Options>& options) {
-    add_choice<Road>(command, "--road", options->road,
-                     {{"function", Road::kFunction}, {"class", Road::kClass}},
-                     "The library's way in: function (kst_Open) or class (C3gpInterface)")
+    add_choice<Api>(command, "--road", options->road,
+                    {{"function", Api::kFunction}, {"class", Api::kClass}},
+                    "The library's way in: function (kst_Open) or class (C3gpInterface)")
         ->option_text("function|class [function]");
     CLI::Option* from = command->add_option("--from", options->from_ms,
                                             "With --road class: begin at the sync sample near MS "
@@ -205,7 +205,7 @@ void add_extract(CLI::App& app) {
         if (options->arriving && options->input == "-") {
             throw Error("--arriving needs a FILE; standard input arrives by itself", kWrongUsage);
         }
-        if (options->from_ms && options->road != Road::kClass) {
+        if (options->from_ms && options->road != Api::kClass) {
             throw Error("--from needs --road class; the function road cannot seek", kWrongUsage);
         }
         extract(*options);

@@ -57,7 +57,7 @@ Json describe_file(iso_file* file) {
 }
 
 Json describe_verdict(const Verdict& verdict, const std::string& input) {
-    Json out{{"road", word(verdict.road)},
+    Json out{{"api", word(verdict.api)},
              {"medium", word(verdict.medium)},
              {"opens", verdict.opens},
              {"plays", verdict.plays()},
@@ -89,8 +89,8 @@ void print_track(const Json& track) {
 }
 
 void print_verdict(const Json& verdict) {
-    const std::string road = verdict["road"].get<std::string>() + " road,";
-    std::printf("%-15s %s: ", road.c_str(), verdict["medium"].get<std::string>().c_str());
+    const std::string api = verdict["api"].get<std::string>() + " API,";
+    std::printf("%-15s %s: ", api.c_str(), verdict["medium"].get<std::string>().c_str());
     if (verdict["plays"].get<bool>()) {
         std::printf("plays\n");
         return;

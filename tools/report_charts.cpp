@@ -12,7 +12,7 @@ namespace {
 
 constexpr double kWide = 1000;  // of every drawing, in its own units
 constexpr double kHigh = 100;
-constexpr uint32_t kLongestAccepted = 1400;  // bytes of a packet that the function road takes
+constexpr uint32_t kLongestAccepted = 1400;  // bytes of a packet that the function API takes
 constexpr char kBarsTold[] = "; full colour: the mean, pale: the most";
 constexpr double kLabelled = 0.97;  // of the height; the title stands above
 constexpr size_t kBarsApart = 80;   // so many bars at most stand apart
@@ -254,7 +254,7 @@ std::string packet_size_chart(const TrackFigures& figures, double total) {
                        (packets.packets == 1 ? " packet of " : " packets of ") +
                        show_range(packets.sizes, " bytes");
     if (packets.sizes.least < packets.sizes.most) told += kBarsTold;
-    if (limit) told += "; dashed: the 1,400 that the function road accepts";
+    if (limit) told += "; dashed: the 1,400 that the function API accepts";
     Figure figure("Packet sizes, bytes", told, "", scale);
     figure.add_marks();
     figure.add(bars(packets.size_by_time, grid, scale, " bytes", kLongestAccepted));

@@ -120,9 +120,9 @@ class Page {
         return tone == Tone::kGood ? "good" : tone == Tone::kFair ? "fair" : "poor";
     }
 
-    bool plays(Medium medium, Road road) const {
+    bool plays(Medium medium, Api api) const {
         return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
-            return verdict->medium == medium && verdict->road == road && verdict->plays();
+            return verdict->medium == medium && verdict->api == api && verdict->plays();
         });
     }
 
@@ -133,7 +133,7 @@ class Page {
         });
     }
 
-    // How much of it comes, where it comes to its end on some road.
+    // How much of it comes, where it comes to its end with some API.
     std::string amount(Medium medium) const {
         for (const Verdict* verdict : present_) {
             if (verdict->medium == medium && !verdict->amount.empty()) return verdict->amount;
@@ -152,7 +152,7 @@ class Page {
         bool function = true, by_class = true, begins = false;
         for (const Medium medium : kMedia) {
             if (!has_medium(data_.file.get(), medium)) continue;
-            const bool here = plays(medium, Road::kFunction), there = plays(medium, Road::kClass);
+            const bool here = plays(medium, Api::kFunction), there = plays(medium, Api::kClass);
             function = function && here;
             by_class = by_class && there;
             if (here || there) continue;
@@ -168,10 +168,10 @@ class Page {
         }
         if (data_.scan.movie_is_cut) return "The movie box is cut: tracks may be missing";
         tone = function && by_class ? Tone::kGood : Tone::kFair;
-        if (tone == Tone::kGood) return "Plays on both roads";
-        return function   ? "Plays on the function road"
-               : by_class ? "Plays on the class road"
-                          : "Plays, but not all of it on one road";
+        if (tone == Tone::kGood) return "Plays with both APIs";
+        return function   ? "Plays with the function API"
+               : by_class ? "Plays with the class API"
+                          : "Plays, but not all of it with one API";
     }
 
     void add_tile(const char* what, const std::string& value, const std::string& more) {
@@ -231,14 +231,14 @@ class Page {
 
     // --- verdicts ---
 
-    void add_road(const Verdict& verdict) {
-        const bool function = verdict.road == Road::kFunction;
-        out_ += std::string("<div class=\"road ") + (verdict.plays() ? "good" : "poor") +
+    void add_api(const Verdict& verdict) {
+        const bool function = verdict.api == Api::kFunction;
+        out_ += std::string("<div class=\"api ") + (verdict.plays() ? "good" : "poor") +
                 "\"><div class=\"head\"><span class=\"said\">" +
                 (verdict.plays() ? kTick : kCross) + verdict.outcome() +
                 "</span><span class=\"name\">" +
-                (function ? "function road <code>kst_Open</code>"
-                          : "class road <code>C3gpInterface</code>") +
+                (function ? "function API <code>kst_Open</code>"
+                          : "class API <code>C3gpInterface</code>") +
                 "</span></div>";
         if (!verdict.plays()) {
             out_ += "<p>" + escape(verdict.why);
@@ -281,7 +281,7 @@ class Page {
             out_ += format("<div class=\"medium %s\"><h3>%s</h3><div class=\"pair\">", word(medium),
                            medium == Medium::kAudio ? "Audio" : "Video");
             for (const Verdict* verdict : present_) {
-                if (verdict->medium == medium) add_road(*verdict);
+                if (verdict->medium == medium) add_api(*verdict);
             }
             out_ += "</div></div>";
         }
@@ -442,7 +442,7 @@ class Page {
                            fact("", show_bytes(track->total_bytes)) + " of hints";
         constexpr uint32_t kLongestAccepted = 1400;
         if (track->rtp_max_packet > kLongestAccepted) {
-            line += " · more than 1,400, so the function road makes packets of its own";
+            line += " · more than 1,400, so the function API makes packets of its own";
         }
         out_ += "<p class=\"facts\">" + line + "</p>";
         if (!packets.damage.empty()) {

@@ -56,14 +56,14 @@ section > .note { margin-bottom: 14px; }
 .medium + .medium { margin-top: 18px; }
 .medium h3::before, .card h2::before { content: ""; display: inline-block; width: 11px;
   height: 11px; border-radius: 3px; background: var(--hue); margin-right: 8px; }
-.road { border: 1px solid var(--line); border-radius: 10px; padding: 11px 14px; min-width: 0; }
-.road.good { background: var(--okbg); border-color: transparent; color: inherit; }
-.road.poor { background: var(--badbg); border-color: transparent; color: inherit; }
-.road .head { display: flex; flex-wrap: wrap; gap: 2px 10px; align-items: center; }
-.road .said { display: inline-flex; gap: 7px; align-items: center; font-weight: 700; }
-.road.good .said { color: var(--ok); } .road.poor .said { color: var(--bad); }
-.road .name { color: var(--muted); font-size: 13px; margin-left: auto; }
-.road p { margin-top: 5px; font-size: 14px; }
+.api { border: 1px solid var(--line); border-radius: 10px; padding: 11px 14px; min-width: 0; }
+.api.good { background: var(--okbg); border-color: transparent; color: inherit; }
+.api.poor { background: var(--badbg); border-color: transparent; color: inherit; }
+.api .head { display: flex; flex-wrap: wrap; gap: 2px 10px; align-items: center; }
+.api .said { display: inline-flex; gap: 7px; align-items: center; font-weight: 700; }
+.api.good .said { color: var(--ok); } .api.poor .said { color: var(--bad); }
+.api .name { color: var(--muted); font-size: 13px; margin-left: auto; }
+.api p { margin-top: 5px; font-size: 14px; }
 code { font: 13px/1.45 ui-monospace, "DejaVu Sans Mono", Menlo, Consolas, monospace;
   overflow-wrap: anywhere; }
 .mend { display: block; background: var(--code); border: 1px solid var(--line); border-radius: 7px;
@@ -130,7 +130,7 @@ footer { margin-top: 22px; text-align: center; color: var(--muted); font-size: 1
   .row { grid-template-columns: 1fr; gap: 3px; margin-top: 9px; } .wide { display: none; }
   .tiles { grid-template-columns: 1fr 1fr; gap: 8px; } dd { font-size: 16px; }
   .tiles div:last-child { grid-column: span 2; }
-  .plot, .track-axis { margin-left: 36px; } .road .name { margin-left: 0; width: 100%; }
+  .plot, .track-axis { margin-left: 36px; } .api .name { margin-left: 0; width: 100%; }
 }
 @media print { body { background: #fff; } section { break-inside: avoid; } }
 )css";

@@ -55,11 +55,11 @@ using Handle = std::unique_ptr<mm_Interface, HandleCloser>;
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status);
 
 // The library's two ways in.
-enum class Road { kFunction, kClass };
+enum class Api { kFunction, kClass };
 
 using ClassObject = std::unique_ptr<C3gpInterface>;
 
-// The same on the class road.
+// The same on the class API.
 ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status);
 
 struct FileCloser {

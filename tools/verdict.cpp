@@ -42,7 +42,7 @@ const char* mode_of(Medium medium) {
     return medium == Medium::kAudio ? "ar" : "vr";
 }
 
-bool plays_codec(Road road, int32_t codec) {
+bool plays_codec(Api api, int32_t codec) {
     switch (codec) {
         case ISO_CODEC_SAMR:
         case ISO_CODEC_S263:
@@ -50,18 +50,18 @@ bool plays_codec(Road road, int32_t codec) {
             return true;
         case ISO_CODEC_SAWB:
         case ISO_CODEC_AVC1:
-            return road == Road::kFunction;
+            return api == Api::kFunction;
         default:
             return false;
     }
 }
 
-// The track that the road takes, else the first of the medium. The function road takes the track ID
-// of the last track that it plays, and the first such track with that ID; the class road takes
+// The track that the API takes, else the first of the medium. The function API takes the track ID
+// of the last track that it plays, and the first such track with that ID; the class API takes
 // tracks by their handlers, and of those with one ID the last.
-const iso_track* track_for(const iso_file* file, Road road, Medium medium) {
+const iso_track* track_for(const iso_file* file, Api api, Medium medium) {
     const auto takes = [&](const iso_track* track) {
-        if (road == Road::kFunction) return is_of(track, medium) && plays_codec(road, track->codec);
+        if (api == Api::kFunction) return is_of(track, medium) && plays_codec(api, track->codec);
         return std::strcmp(track->handler, medium == Medium::kAudio ? "soun" : "vide") == 0;
     };
     const iso_track* first = nullptr;
@@ -70,7 +70,7 @@ const iso_track* track_for(const iso_file* file, Road road, Medium medium) {
         if (first == nullptr && is_of(track, medium)) first = track;
         if (takes(track)) last = track;
     }
-    if (last == nullptr || road == Road::kClass) return last != nullptr ? last : first;
+    if (last == nullptr || api == Api::kClass) return last != nullptr ? last : first;
     const iso_track* taken = file->first_track;
     while (!(takes(taken) && taken->track_id == last->track_id))
         taken = taken->next;
@@ -121,12 +121,12 @@ void play(Trial& trial, const iso_track* track, Read read) {
     trial.in_part = trial.frames > 0 && track != nullptr && is_in_part(trial, track);
 }
 
-Trial try_road(kst_host* host, const iso_file* file, Road road, Medium medium) {
+Trial try_api(kst_host* host, const iso_file* file, Api api, Medium medium) {
     Trial trial;
-    const iso_track* track = track_for(file, road, medium);
+    const iso_track* track = track_for(file, api, medium);
     const bool arriving = kst_host_is_arriving(host) != 0;
     kst_host_rewind(host);
-    if (road == Road::kFunction) {
+    if (api == Api::kFunction) {
         const Handle handle = open_track(host, mode_of(medium), trial.status);
         if (handle == nullptr) return trial;
         play(trial, track, [&](uint8_t* to, uint32_t* size) {
@@ -143,7 +143,7 @@ Trial try_road(kst_host* host, const iso_file* file, Road road, Medium medium) {
 }
 
 // Hints the file in memory, and plays what came of it.
-Trial try_hinted(kst_host* host, bool replace, Road road, Medium medium) {
+Trial try_hinted(kst_host* host, bool replace, Api api, Medium medium) {
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
     kst_host_rewind(host);
     const IsoFile from = open_iso(host, callbacks);
@@ -165,7 +165,7 @@ Trial try_hinted(kst_host* host, bool replace, Road road, Medium medium) {
     const Host hinted(kst_host_from_memory(bytes, size));
     if (hinted == nullptr) throw std::bad_alloc();
     const IsoFile file = open_iso(hinted.get(), callbacks);
-    return try_road(hinted.get(), file.get(), road, medium);
+    return try_api(hinted.get(), file.get(), api, medium);
 }
 
 // How a process that tries something ended.
@@ -177,9 +177,9 @@ struct Outcome {
     Trial trial;
 };
 
-constexpr int kFaultCode = 3;  // of a process that could not try; the exit of the class road is 1
+constexpr int kFaultCode = 3;  // of a process that could not try; the exit of the class API is 1
 
-// The life of the other process. It leaves by _exit, or by the exit of the class road.
+// The life of the other process. It leaves by _exit, or by the exit of the class API.
 template <typename Try>
 [[noreturn]] void try_and_tell(int to, Try attempt) {
     const int nowhere = open("/dev/null", O_WRONLY);
@@ -250,7 +250,7 @@ bool has_hints(const iso_file* file) {
     return track != nullptr;
 }
 
-Reason reason_of(const Outcome& outcome, Road road, const iso_track* track) {
+Reason reason_of(const Outcome& outcome, Api api, const iso_track* track) {
     const Trial& trial = outcome.trial;
     if (outcome.end == End::kExit) return Reason::kEndsProcess;
     if (outcome.end == End::kSignal) return Reason::kDamaged;
@@ -258,7 +258,7 @@ Reason reason_of(const Outcome& outcome, Road road, const iso_track* track) {
     if (trial.in_part) return Reason::kIncomplete;
     if (trial.opened) return Reason::kDamaged;
     if (track == nullptr) return Reason::kNoTrack;
-    if (!plays_codec(road, track->codec)) return Reason::kCodec;
+    if (!plays_codec(api, track->codec)) return Reason::kCodec;
     switch (trial.status) {
         case KST_TOO_MANY_TRACKS:
             return Reason::kSeveralTracks;
@@ -329,15 +329,15 @@ std::string why(const Verdict& verdict, const Outcome& outcome, const iso_track*
         case Reason::kNoHintTrack:
             return (hints ? "No RTP hint track refers to the " + medium
                           : "The " + medium + " has no RTP hint track") +
-                   ", and this road plays nothing else.";
+                   ", and this API plays nothing else.";
         case Reason::kCodec:
-            return std::string("This road does not play ") +
+            return std::string("This API does not play ") +
                    (codec == "unknown" ? "this " + medium + " codec" : codec) +
-                   (verdict.road == Road::kClass ? "; it plays AMR-NB, H.263 and MPEG-4 Visual."
-                                                 : "; convert it with another tool first.");
+                   (verdict.api == Api::kClass ? "; it plays AMR-NB, H.263 and MPEG-4 Visual."
+                                               : "; convert it with another tool first.");
         case Reason::kSeveralTracks:
             return "The file has several " + medium +
-                   " tracks, and this road plays a file with one.";
+                   " tracks, and this API plays a file with one.";
         case Reason::kIncomplete:
             if (!verdict.amount.empty()) return "It delivers only " + verdict.amount + ".";
             return track == nullptr || !is_whole(track, size)
@@ -352,7 +352,7 @@ std::string why(const Verdict& verdict, const Outcome& outcome, const iso_track*
     return "";
 }
 
-// New hints play where the media are whole, and all boxes that the roads mind are made anew with
+// New hints play where the media are whole, and all boxes that the APIs mind are made anew with
 // them; but many a file cannot be hinted, and some do not play for another reason. So what is told
 // was seen to work. A file that has hints, even of no use, is hinted anew only when asked to.
 std::string mend(kst_host* host, const Verdict& verdict, const iso_file* file,
@@ -365,7 +365,7 @@ std::string mend(kst_host* host, const Verdict& verdict, const iso_file* file,
     }
     const bool replace = has_hints(file);
     const Outcome hinted =
-        try_apart([&] { return try_hinted(host, replace, verdict.road, verdict.medium); });
+        try_apart([&] { return try_hinted(host, replace, verdict.api, verdict.medium); });
     if (!hinted.trial.plays()) return "";
     return replace ? "hint --replace" : "hint";
 }
@@ -397,8 +397,8 @@ std::string quoted(const std::string& text) {
 
 }  // namespace
 
-const char* word(Road road) {
-    return road == Road::kFunction ? "function" : "class";
+const char* word(Api api) {
+    return api == Api::kFunction ? "function" : "class";
 }
 
 const char* word(Medium medium) {
@@ -489,16 +489,16 @@ uint64_t sample_bytes(const iso_track* track) {
     return std::accumulate(track->sample_sizes, track->sample_sizes + samples, uint64_t{0});
 }
 
-Verdict judge(kst_host* host, const iso_file* file, Road road, Medium medium) {
-    const Outcome outcome = try_apart([&] { return try_road(host, file, road, medium); });
+Verdict judge(kst_host* host, const iso_file* file, Api api, Medium medium) {
+    const Outcome outcome = try_apart([&] { return try_api(host, file, api, medium); });
     if (outcome.end == End::kFault) throw Error("judging: out of memory, or its process failed");
-    const iso_track* track = track_for(file, road, medium);
+    const iso_track* track = track_for(file, api, medium);
     const Trial& trial = outcome.trial;
     const uint32_t size = kst_host_bytes_available(host);
     Verdict verdict;
-    verdict.road = road;
+    verdict.api = api;
     verdict.medium = medium;
-    verdict.reason = reason_of(outcome, road, track);
+    verdict.reason = reason_of(outcome, api, track);
     verdict.status = trial.status;
     verdict.opens = trial.opened;
     verdict.delivered = trial.delivered;
@@ -516,9 +516,9 @@ Verdict judge(kst_host* host, const iso_file* file, Road road, Medium medium) {
 
 std::vector<Verdict> judge_all(kst_host* host, const iso_file* file) {
     std::vector<Verdict> verdicts;
-    for (const Road road : kRoads) {
+    for (const Api api : kApis) {
         for (const Medium medium : kMedia)
-            verdicts.push_back(judge(host, file, road, medium));
+            verdicts.push_back(judge(host, file, api, medium));
     }
     return verdicts;
 }

@@ -1,4 +1,4 @@
-// What of a file plays on which of the library's two roads, why the rest does not, and what mends
+// What of a file plays on which of the library's two APIs, why the rest does not, and what mends
 // it. The one place for these words: info, report and check tell what is found here.
 #ifndef KESTREL_TOOLS_VERDICT_H
 #define KESTREL_TOOLS_VERDICT_H
@@ -17,16 +17,16 @@ enum class Medium { kAudio, kVideo };
 enum class Reason {
     kPlays,          // opens, and is delivered to its end
     kNoTrack,        // the file has no track of the medium
-    kNoHintTrack,    // the class road needs one
-    kCodec,          // the road does not play this codec
-    kSeveralTracks,  // the class road wants one track of the medium
+    kNoHintTrack,    // the class API needs one
+    kCodec,          // the API does not play this codec
+    kSeveralTracks,  // the class API wants one track of the medium
     kIncomplete,     // the file ends too early, or much that the tables tell of does not come
     kDamaged,        // a box, a table or a sample makes no sense, or nothing comes
     kEndsProcess     // opening ends the process (see kestrel/c3gpinterface.h)
 };
 
 struct Verdict {
-    Road road = Road::kFunction;
+    Api api = Api::kFunction;
     Medium medium = Medium::kAudio;
     Reason reason = Reason::kNoTrack;
     int32_t status = 0;      // of the call that ended it; KST_SUCCESS for what plays
@@ -46,7 +46,7 @@ struct Verdict {
 };
 
 // One word each, which scripts may rely on.
-const char* word(Road road);
+const char* word(Api api);
 const char* word(Medium medium);
 const char* word(Reason reason);
 
@@ -69,17 +69,17 @@ struct Outside {
 };
 Outside outside_file(const iso_track* track, uint32_t size);
 
-// Opens one medium on one road and plays it to its end, or for the first 256 MiB of its stream, in
-// a process of its own: opening on the class road may end it. What fails is hinted in memory and
+// Opens one medium on one API and plays it to its end, or for the first 256 MiB of its stream, in
+// a process of its own: opening of the class API may end it. What fails is hinted in memory and
 // tried once more, to see what mends it, except for files of more than 128 MiB. What the library
 // has to say meanwhile goes nowhere. The host must be complete, and is the caller's again
 // afterwards.
-Verdict judge(kst_host* host, const iso_file* file, Road road, Medium medium);
+Verdict judge(kst_host* host, const iso_file* file, Api api, Medium medium);
 
-// All four, function road first, audio first.
+// All four, function API first, audio first.
 std::vector<Verdict> judge_all(kst_host* host, const iso_file* file);
 
-inline constexpr std::array kRoads = {Road::kFunction, Road::kClass};
+inline constexpr std::array kApis = {Api::kFunction, Api::kClass};
 inline constexpr std::array kMedia = {Medium::kAudio, Medium::kVideo};
 
 }  // namespace tool

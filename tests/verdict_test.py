@@ -1,0 +1,721 @@
+"""What the tool says of files: info, check and report, their words, reasons and exit codes."""
+
+import html.parser
+import itertools
+import json
+import os
+import pathlib
+import random
+import re
+import resource
+import signal
+import struct
+import subprocess
+import sys
+import unittest
+import xml.etree.ElementTree
+
+from tool_test import (PLAIN, SAMPLES, SPEECH, STBL, TOOL, VIDEO, ToolTest, boxes, run, sample)
+
+EXTRACT_API = "--road"  # the option of extract that names an API
+CONTAINERS = (b"moov", b"trak", b"mdia", b"minf", b"stbl")
+
+
+def rebuilt(data, changes):
+    """The boxes with the bodies of some types replaced (None leaves the box out)."""
+    out, at = b"", 0
+    while at + 8 <= len(data):
+        size, kind = int.from_bytes(data[at:at + 4], "big"), data[at + 4:at + 8]
+        body = data[at + 8:at + size]
+        body = changes[kind] if kind in changes else body
+        if body is not None:
+            body = rebuilt(body, changes) if kind in CONTAINERS else body
+            out += struct.pack(">I4s", len(body) + 8, kind) + body
+        at += max(size, 8)
+    return out
+
+
+def speech_file(samples, together=50, stored=None):
+    """AMR of so many samples of 32 bytes, of which the file has `stored`."""
+    data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+    frame = boxes(data, [b"mdat"])[0][:32]
+    chunks = -(-samples // together)
+    changes = {b"mdat": None, b"free": None, b"edts": None,
+               b"stts": struct.pack(">4I", 0, 1, samples, 160),
+               b"stsz": struct.pack(">3I", 0, 32, samples),
+               b"stsc": struct.pack(">8I", 0, 2, 1, together, 1, chunks,
+                                    samples - together * (chunks - 1), 1)}
+    if chunks == 1:
+        changes[b"stsc"] = struct.pack(">5I", 0, 1, 1, samples, 1)
+    for begin in (0, None):  # the second time with the length known
+        begin = len(head) + 8 if begin is None else begin
+        changes[b"stco"] = struct.pack(f">2I{chunks}I", 0, chunks,
+                                       *(begin + 32 * together * i & 0xFFFFFFFF
+                                         for i in range(chunks)))
+        head = rebuilt(data, changes)
+    stored = samples if stored is None else stored
+    return head + struct.pack(">I4s", 32 * stored + 8, b"mdat") + frame * stored
+
+
+def foreign_mpeg4(name="mpeg4_hinted"):
+    """An MPEG-4 sample entry of another codec, which the class API ends the process for."""
+    data = bytearray(pathlib.Path(sample(name)).read_bytes())
+    at = data.index(b"esds")
+    kind = data.index(b"\x20\x11", at)
+    assert kind < at + 40
+    data[kind] = 0x6C
+    return bytes(data)
+
+
+def damaged_copies(count, salt=7):
+    """Samples with bytes changed, in the movie box or anywhere, or cut; the same at each run."""
+    chance = random.Random(salt)
+    paths = sorted(SAMPLES.glob("*.3gp"))
+    for number in range(count):
+        path = paths[number % len(paths)]
+        data = bytearray(path.read_bytes())
+        if number % 4 == 3:
+            data = data[:chance.randrange(len(data))]
+        else:
+            movie = data.index(b"moov")
+            near = (movie, min(movie + 5000, len(data))) if number % 4 else (0, len(data))
+            for _ in range(4):
+                data[chance.randrange(*near)] = chance.randrange(256)
+        yield f"{path.stem}, copy {number}", bytes(data)
+
+
+class Info(ToolTest):
+    def info(self, name):
+        result = run("info", sample(name), "--json")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return json.loads(result.stdout)
+
+    def test_tracks_and_hints(self):
+        about = self.info("av_h263_amrnb_hinted")
+        self.assertEqual(about["major_brand"], "3gp4")
+        codecs = {track["id"]: track["codec"] for track in about["tracks"]}
+        self.assertEqual(codecs, {1: "H.263", 2: "AMR-NB", 65536: "RTP hints", 65537: "RTP hints"})
+        self.assertEqual(about["tracks"][3]["hints_track"], 2)
+        self.assertEqual(about["tracks"][0]["width"], 176)
+
+    def test_verdicts(self):
+        for name, audio, video in [("amrnb_plain", 0, 2), ("aac_plain", 2, 2),
+                                   ("av_h264_amrwb_hinted", 0, 0), ("h263_plain", 2, 0)]:
+            verdicts = {v["medium"]: v for v in self.info(name)["verdicts"]
+                        if v["api"] == "function"}
+            self.assertEqual([verdicts[m]["status"] for m in ("audio", "video")], [audio, video])
+            self.assertEqual(verdicts["audio"]["plays"], audio == 0)
+        text = run("info", sample("aac_plain")).stdout.decode()
+        self.assertIn("audio: does not play: Some unknown failure (2)", text)
+
+    def test_what_is_no_3gp_file(self):
+        result = run("info", "-", stdin=b"not a box in sight, but text")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("no 3GP file", result.stderr.decode())
+
+
+class Check(ToolTest):
+    def check(self, *arguments):
+        result = run("check", *arguments)
+        lines = result.stdout.decode(errors="surrogateescape").splitlines()
+        return result, [tuple(line.split("\t")) for line in lines]
+
+    def write(self, name, data):
+        path = self.scratch / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(data)
+        return path
+
+    def test_samples(self):
+        hinted, plain = ("plays", "plays", "-"), ("plays", "no-hint-track", "hint")
+        one_api, none = ("plays", "codec", "-"), ("codec", "codec", "-")
+        known = {"audio": {}, "video": {}}
+        for name in [*SPEECH, "av_h263_amrnb_hinted", "av_h264_amrwb_hinted", "aac_plain",
+                     "aac_hinted"]:
+            known["audio"][name] = (none if "aac" in name else one_api if "amrwb" in name else
+                                    plain if "plain" in name else hinted)
+        known["audio"]["two_amrnb_hinted"] = ("plays", "several-tracks", "-")
+        for name in [*VIDEO, "h263_rfc2190_hinted_1450"]:
+            known["video"][name] = (one_api if "h264" in name else plain if "plain" in name else
+                                    hinted)
+        known["video"]["h263_hinted_selfref"] = ("plays", "no-hint-track", "hint --replace")
+        result, rows = self.check(SAMPLES)
+        expected = [(medium, *known[medium][path.stem], str(path))
+                    for path in sorted(SAMPLES.glob("*.3gp")) for medium in ("audio", "video")
+                    if path.stem in known[medium]]
+        self.assertEqual(rows, expected)
+        self.assert_fails(result, 1, f"2 of {len(list(SAMPLES.glob('*.3gp')))} files do not play")
+        # With an API named, the other one is not judged.
+        for api, code, row in [("function", 0, ("audio", "plays", "-", "-")),
+                                ("class", 1, ("audio", "-", "no-hint-track", "hint"))]:
+            result, rows = self.check("--api", api, sample("amrnb_plain"))
+            self.assertEqual((result.returncode, rows), (code, [(*row, sample("amrnb_plain"))]))
+
+    @staticmethod
+    def media_bytes(stream):
+        """None where the media themselves make no sense, which a verdict does not look at."""
+        walk = json.loads(run("inspect", "-", "--json", stdin=stream).stdout)
+        if "damage" in walk:
+            return None
+        return sum(len(record.get("payload", "")) // 2 for record in walk["records"])
+
+    def test_where_no_frame_or_few_come_nothing_plays(self):
+        none, few, good = "damaged", "incomplete", "plays"
+        zeros, gone = "zeros", "renamed"
+        cases = [  # of plain files, where the function API has nothing but the media's own tables
+            ("mpeg4_plain", b"stco", zeros, none, 0), ("mpeg4_plain", b"stco", gone, none, 0),
+            ("mpeg4_plain", b"stsc", zeros, none, 0), ("mpeg4_plain", b"stsz", zeros, none, 0),
+            ("h263_plain", b"stsz", gone, none, 0), ("amrnb_plain", b"stsz", zeros, none, 0),
+            ("amrnb_plain", b"stsc", gone, none, 0), ("amrwb_plain", b"stco", gone, none, 0),
+            # On the class API the hints count.
+            ("h263_hinted", b"stsz", zeros, none, 1), ("mpeg4_hinted", b"stsc", zeros, none, 1)]
+        for name, table, how, expected, api in cases:
+            data = bytearray(pathlib.Path(sample(name)).read_bytes())
+            at = data.rindex(table)
+            if how == gone:
+                data[at:at + 4] = b"free"
+            else:
+                data[at + 8:at + 20] = bytes(12)
+            with self.subTest(name=name, table=table, how=how):
+                result, rows = self.check(self.write("file.3gp", data))
+                self.assertEqual(rows[0][1 + api], expected)
+                self.assertNotEqual(rows[0][2], good)
+                self.assertEqual(result.returncode, 0 if api else 1)
+        # Of thirty pictures, and of speech, the beginning alone is hinted.
+        for name, function, amount in [("mpeg4_hinted", few, "10 of 30 pictures"),
+                                       ("h263_hinted", few, "10 of 30 pictures"),
+                                       ("amrnb_hinted", good, r"3\d % of the bytes of its audio")]:
+            data = pathlib.Path(sample(name)).read_bytes()
+            hints = data.rindex(b"stsz") + 4
+            size, count = struct.unpack(">2I", data[hints + 4:hints + 12])
+            cut = data[:hints + 8] + struct.pack(">I", count // 3) + data[hints + 12:]
+            with self.subTest(name=name):
+                path = self.write("file.3gp", cut)
+                result, rows = self.check(path)
+                self.assertEqual(rows[0][1:4], (function, few, "hint --replace"))
+                self.assertEqual(result.returncode, 0 if function == good else 1)
+                self.assertRegex(run("info", path).stdout.decode(),
+                                 f"plays in part: Success \\(0\\)\n *It delivers only {amount}\\.")
+
+    def test_verdicts_are_what_extract_comes_to(self):
+        names = [(path.stem, path.read_bytes()) for path in sorted(SAMPLES.glob("*.3gp"))]
+        seen = set()
+        for name, data in [*names, *damaged_copies(90)]:
+            path = self.write("file.3gp", data)
+            result, rows = self.check(path)
+            self.assertIn(result.returncode, (0, 1), name)
+            self.assertGreaterEqual(len(rows), 1)
+            played = []
+            about = json.loads(run("info", path, "--json").stdout or '{"tracks": []}')
+            told = {}  # bytes; the last track is played
+            for track in about["tracks"]:
+                medium = {"AMR": "audio", "H.2": "video", "MPE": "video"}.get(track["codec"][:3])
+                told[medium] = track["bytes"]
+            for row in rows:
+                seen.update(row[1:3])
+                if row[0] == "-":
+                    played.append(False)
+                    continue
+                apis = []
+                for api, word in zip(("function", "class"), row[1:3]):
+                    with self.subTest(name=name, api=api, row=row):
+                        out = run("extract", path, row[0][0] + "r", EXTRACT_API, api)
+                        if out.returncode == 0:
+                            came = self.media_bytes(out.stdout)
+                            if came is not None:
+                                self.assertEqual(word == "plays", came > 0.9 * told[row[0]], came)
+                        else:
+                            self.assertNotEqual(word, "plays", out.stderr)
+                        apis.append(word == "plays")
+                played.append(any(apis))
+            self.assertEqual(result.returncode, 0 if all(played) else 1, name)
+        # The copies are damaged in many ways.
+        self.assertLessEqual({"plays", "codec", "incomplete", "damaged", "no-hint-track"}, seen)
+
+    def test_what_is_named_mends(self):
+        tail = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        self.assertEqual(boxes(tail, [b"free"])[-1:], [tail[-67:]])
+        files = {f"{name}.3gp": pathlib.Path(sample(name)).read_bytes()
+                 for name in [*PLAIN, "h263_hinted_selfref"]}
+        files["cut box.3gp"] = tail[:-5]
+        files["it's.3gp"] = rebuilt(tail, {})[:-5]
+        for odd in ["two\nlines\t'\\.3gp", "\udcff\x1b.3gp", "\u202e.3gp", "\u00e9 .3gp"]:
+            files[odd] = files["amrnb_plain.3gp"]
+        for name, data in files.items():
+            path = self.write(name, data)
+            _, rows = self.check(path)
+            for row in rows:
+                if row[3] == "-":
+                    continue
+                with self.subTest(name=name, row=row):
+                    self.assertNotEqual(row[2], "plays")
+                    # The command as info and report show it, through a shell.
+                    verdicts = json.loads(run("info", path, "--json").stdout)["verdicts"]
+                    shown = [v["mend"] for v in verdicts if v["medium"] == row[0] and "mend" in v]
+                    words = subprocess.run(["bash", "-c", f"printf '%s\\0' {shown[0]}"],
+                                           capture_output=True, check=True).stdout.split(b"\0")
+                    words = [os.fsdecode(word) for word in words[:-1]]
+                    self.assertNotRegex(shown[0], r"[\x00-\x1f\u202e\ufffd]")
+                    self.assertEqual(words[0], "kestrel")
+                    out = self.scratch / "mended.3gp"
+                    mended = run(*[str(out) if word == "OUT" else word for word in words[1:]])
+                    self.assertEqual((mended.returncode, mended.stderr), (0, b""))
+                    after = {r[0]: r for r in self.check(out)[1]}
+                    self.assertEqual(after[row[0]][1:3], ("plays", "plays"))
+
+    def test_files_that_are_none(self):
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        movie = boxes(data, [b"moov"])[0]
+        cases = [
+            (b"", [("-", "not-3gp", "not-3gp", "-")]),
+            (b"no box in sight, but a text", [("-", "not-3gp", "not-3gp", "-")]),
+            (data[:28], [("-", "damaged", "damaged", "-")]),
+            (rebuilt(data, {b"trak": None}), [("-", "damaged", "damaged", "-")]),
+            # What a movie box has lost with its end is told beside what is left of it.
+            (data[:data.index(b"moov") + len(movie) // 3],
+             [("video", "incomplete", "incomplete", "-"), ("-", "damaged", "damaged", "-")]),
+        ]
+        for content, expected in cases:
+            with self.subTest(expected=expected, size=len(content)):
+                result, rows = self.check(self.write("file.3gp", content))
+                if "video" in expected[0]:
+                    self.assertEqual([row[0] for row in rows][-1:], ["-"])
+                else:
+                    self.assertEqual([row[:4] for row in rows], expected)
+                self.assert_fails(result, 1, "1 of 1 file does not play")
+        self.assert_fails(run("check"), 2, "FILE")
+        self.assert_fails(run("check", "--api", "up", "x"), 2, "up not in")
+
+    def test_a_mend_that_does_not_mend_is_not_told(self):
+        hdlr = boxes(pathlib.Path(sample("h263_hinted")).read_bytes(), STBL[:3] + [b"hdlr"])[0]
+        cases = [("h263_hinted", hdlr, hdlr.replace(b"vide", b"vid\0")),  # copied as it is
+                 ("amrnb_plain", b"mdhd", b"mdhx"), ("mpeg4_plain", b"esds", b"esdx"),
+                 ("amrnb_plain", b"hdlr", b"hdlx")]
+        for name, old, new in cases:
+            data = pathlib.Path(sample(name)).read_bytes()
+            with self.subTest(name=name, old=old[:8]):
+                _, rows = self.check(self.write("file.3gp", data.replace(old, new)))
+                self.assertNotEqual(rows[0][2], "plays")
+                self.assertEqual(rows[0][3], "-")
+
+    @unittest.skipUnless(os.path.exists("/proc/self/task"), "needs /proc")
+    def test_a_reader_that_crashes_is_damage(self):
+        # Long at work: many chunks at one place.
+        data = speech_file(5_000_000, 50, 50)
+        offsets = data.index(b"stco") + 8
+        count, first = struct.unpack(">2I", data[offsets:offsets + 8])
+        data = data[:offsets + 4] + struct.pack(">I", first) * count + data[offsets + 4 + 4 * count:]
+        tool = subprocess.Popen([TOOL, "check", "--api", "function",
+                                 self.write("long.3gp", data)], stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
+        self.addCleanup(tool.kill)
+        children = pathlib.Path(f"/proc/{tool.pid}/task/{tool.pid}/children")
+        while not children.read_text().split():
+            self.assertIsNone(tool.poll())
+        os.kill(int(children.read_text().split()[0]), signal.SIGKILL)
+        out, _ = tool.communicate(timeout=120)
+        self.assertEqual(out.decode().split("\t")[:4], ["audio", "damaged", "-", "-"])
+        self.assertEqual(tool.returncode, 1)
+
+    def test_the_track_that_an_api_takes_is_judged(self):
+        data = pathlib.Path(sample("two_amrnb_hinted")).read_bytes()
+        tables = [match.start() + 8 for match in re.finditer(b"stco", data)]
+        for number, word in [(0, "plays"), (1, "incomplete")]:
+            # The last track is played; the chunk of one lies behind the end.
+            lost = bytearray(data)
+            lost[tables[number] + 4:tables[number] + 8] = b"\x7f\xff\xff\xff"
+            path = self.write("file.3gp", lost)
+            self.assertEqual(self.check(path)[1][0][1:3], (word, "several-tracks"))
+        page = run("report", sample("two_amrnb_hinted"), "-o", "-").stdout.decode()
+        self.assertIn("Played: track 2; not judged: track 1.", page)
+
+    def test_a_file_that_ends_the_process_does_not_end_the_check(self):
+        bad = self.write("bad.3gp", foreign_mpeg4())
+        self.assertEqual(run("extract", bad, "vr", EXTRACT_API, "class").returncode, 1)
+        good = sample("amrnb_hinted")
+        result, rows = self.check(good, bad, good)
+        self.assertEqual([row[:3] for row in rows],
+                         [("audio", "plays", "plays"), ("video", "plays", "ends-process"),
+                          ("audio", "plays", "plays")])
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        verdicts = json.loads(run("info", bad, "--json").stdout)["verdicts"]
+        self.assertEqual([v["reason"] for v in verdicts if v["medium"] == "video"],
+                         ["plays", "ends-process"])
+
+    def unprivileged(self):
+        """What has a process run with the rights of a user for whom limits hold."""
+        # A sanitized build would start a process that looks for leaks.
+        env = {"env": {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}}
+        if os.geteuid() != 0:
+            return env
+        user = {"user": 65534, "group": 65534, **env}
+        try:
+            subprocess.run([TOOL, "--version"], capture_output=True, check=True, **user)
+        except (PermissionError, subprocess.CalledProcessError):
+            self.skipTest("another user cannot run the tool")
+        return user
+
+    def test_what_cannot_be_read_is_told_and_the_rest_judged(self):
+        good = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        self.write("in/a.3gp", good)
+        self.write("in/locked/b.3gp", good)
+        self.write("in/z.3gp", good)
+        (self.scratch / "in" / "dangling.3gp").symlink_to("nowhere")
+        os.mkfifo(self.scratch / "in" / "fifo.3gp")
+        (self.scratch / "in" / "locked").chmod(0)
+        os.chmod(self.scratch, 0o755)
+        result = subprocess.run([TOOL, "check", "in", "none.3gp", "in/z.3gp"], cwd=self.scratch,
+                                capture_output=True, timeout=120, check=False, **self.unprivileged())
+        rows = [line.split("\t") for line in result.stdout.decode().splitlines()]
+        self.assertEqual([(row[1], row[4]) for row in rows],
+                         [("plays", "in/a.3gp"), ("unreadable", "in/dangling.3gp"),
+                          ("unreadable", "in/fifo.3gp"), ("unreadable", "in/locked"),
+                          ("plays", "in/z.3gp"), ("unreadable", "none.3gp"), ("plays", "in/z.3gp")])
+        self.assertEqual(result.stderr.decode().splitlines(),
+                         ["kestrel: in/dangling.3gp: No such file or directory",
+                          "kestrel: in/fifo.3gp: Is a pipe; give it as standard input, -",
+                          "kestrel: in/locked: Permission denied",
+                          "kestrel: none.3gp: No such file or directory",
+                          "kestrel: 4 of 7 files do not play"])
+        self.assertEqual(result.returncode, 1)
+
+    def test_a_run_that_cannot_judge_ends_with_its_reason(self):
+        user = self.unprivileged()
+        limits = [(resource.RLIMIT_NPROC, 0, "fork: ")]
+        # The sanitizer of undefined behaviour needs descriptors of its own.
+        if b"__ubsan_handle" not in pathlib.Path(TOOL).read_bytes():
+            limits.append((resource.RLIMIT_NOFILE, 4, "temporary file: "))
+        for limit, number, message in limits:
+            result = subprocess.run(
+                [TOOL, "check", sample("amrnb_hinted")], capture_output=True, timeout=120,
+                check=False, preexec_fn=lambda: resource.setrlimit(limit, (number, number)), **user)
+            with self.subTest(message=message):
+                self.assert_fails(result, 1, message)
+                self.assertEqual(result.stdout, b"")
+
+    def test_folders_without_a_file_are_told(self):
+        (self.scratch / "empty").mkdir()
+        self.write("other/readme.txt", b"not looked at")
+        for names, lines in [(["empty"], 0), (["other"], 0), (["empty", "other"], 0),
+                             (["empty", sample("amrnb_hinted")], 1)]:
+            result, rows = self.check(*(self.scratch / name for name in names))
+            self.assertEqual(len(rows), lines)
+            self.assert_fails(result, 1, f"{self.scratch / names[0]}: no name in .3gp")
+
+    def test_folders_and_odd_names(self):
+        data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        names = ["a.3gp", "b/c.3GP", "b/d/e.mp4", "b/two\nlines\t\\.3gp", "z.3gpp"]
+        for name in names:
+            self.write("in/" + name, data)
+        self.write("in/b/readme.txt", b"not looked at")
+        (self.scratch / "in" / "loop").symlink_to(self.scratch / "in")
+        result, rows = self.check(self.scratch / "in")
+        shown = [name.replace("\\", "\\x5c").replace("\n", "\\x0a").replace("\t", "\\x09")
+                 for name in names]
+        self.assertEqual([row[4] for row in rows], [f"{self.scratch}/in/{name}" for name in shown])
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        # Nothing of what waits to be written is written twice by the processes that judge.
+        many = [self.scratch / "in" / "a.3gp"] * 40
+        self.assertEqual(len(self.check(*many)[1]), 40)
+        piped = run("check", "-", stdin=data)
+        self.assertEqual(piped.stdout, b"audio\tplays\tplays\t-\t-\n")
+
+
+class Outside(html.parser.HTMLParser):
+    """What a page would fetch or run."""
+
+    def __init__(self):
+        super().__init__()
+        self.found = []
+
+    def handle_starttag(self, tag, attrs):
+        if tag in ("script", "link", "iframe", "object", "embed", "img", "base", "form", "a"):
+            self.found.append(tag)
+        for name, value in attrs:
+            if name.startswith("on") or name in ("src", "href", "xlink:href", "srcset", "action"):
+                self.found.append((tag, name, value))
+            if name == "style" and "url(" in value:
+                self.found.append((tag, name, value))
+
+    def handle_data(self, data):
+        if self.lasttag == "style" and re.search(r"@import|url\(|expression", data):
+            self.found.append(data)
+
+
+class Report(ToolTest):
+    LARGEST_PAGE = 500_000
+
+    def page(self, source, stdin=None):
+        """The tree of a report that was looked over."""
+        out = self.scratch / "report.html"
+        result = run("report", source, "-o", out, stdin=stdin)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        self.assertLess(out.stat().st_size, self.LARGEST_PAGE)
+        text = out.read_text(encoding="utf-8")
+        outside = Outside()
+        outside.feed(text)
+        self.assertEqual(outside.found, [])
+        page = xml.etree.ElementTree.fromstring(text)
+        for shape in page.iter():
+            for name in ("x", "y", "width", "height", "d", "x2", "y1", "style"):
+                self.assertNotRegex(shape.get(name, ""), "nan|inf|e[+-]")
+        return page
+
+    @staticmethod
+    def words(element):
+        return re.sub(r"\s+", " ", " ".join(element.itertext()))
+
+    @staticmethod
+    def of_class(page, kind):
+        return [e for e in page.iter() if kind in e.get("class", "").split()]
+
+    def test_samples_and_damaged_copies(self):
+        for path in sorted(SAMPLES.glob("*.3gp")):
+            with self.subTest(path=path.name):
+                page = self.page(path)
+                self.assertEqual(self.of_class(page, "damage"), [])
+                self.assertIn(path.name, self.words(page))
+                # The verdicts are those of check.
+                rows = [line.split("\t") for line in run("check", path).stdout.decode().splitlines()]
+                told = [self.words(said).strip() for said in self.of_class(page, "said")]
+                self.assertEqual([t == "plays" for t in told],
+                                 [word == "plays" for row in rows for word in row[1:3]])
+        for name, data in damaged_copies(120):
+            with self.subTest(name=name):
+                self.page("-", stdin=data)
+
+    def test_chunks_are_where_they_lie(self):
+        for name in ["av_h263_amrnb_hinted", "h263_hinted_1450", "two_amrnb_hinted"]:
+            data = pathlib.Path(sample(name)).read_bytes()
+            expected = []
+            for trak in boxes(data, [b"moov", b"trak"]):
+                tables = {kind: boxes(trak, [*STBL[2:], kind])[0]
+                          for kind in (b"stsc", b"stsz", b"stco")}
+                offsets = [n for n, in struct.iter_unpack(">I", tables[b"stco"][8:])]
+                size, count = struct.unpack(">2I", tables[b"stsz"][4:12])
+                sizes = ([size] * count if size else
+                         [n for n, in struct.iter_unpack(">I", tables[b"stsz"][12:])])
+                runs = list(struct.iter_unpack(">3I", tables[b"stsc"][8:]))
+                at, row = 0, []
+                for number, offset in enumerate(offsets, 1):
+                    each = [run[1] for run in runs if run[0] <= number][-1]
+                    row.append((offset, offset + sum(sizes[at:at + each])))
+                    at += each
+                expected.append(row)
+            rows = []
+            for row in self.of_class(self.page(sample(name)), "row")[1:-1]:
+                titles = [e.text for e in row.iter("title")]
+                rows.append([tuple(int(n.replace(",", "")) for n in
+                                   re.fullmatch(r"1 chunk, bytes (\S+) to (\S+)", t).groups())
+                             for t in titles])
+            self.assertEqual(rows, expected, name)
+
+    def test_packets_and_rates_are_those_of_the_truth(self):
+        for name in ["av_h263_amrnb_hinted", "h263_hinted_mtu500", "amrnb_hinted_multi",
+                     "mpeg4_hinted_1450"]:
+            truth = [line.split() for line in
+                     (SAMPLES / "truth" / f"{name}.packets").read_text().splitlines()]
+            page = self.words(self.page(sample(name)))
+            for track in {row[0] for row in truth}:
+                sizes = [int(row[1]) for row in truth if row[0] == track]
+                frames = [len(list(group)) for _, group in
+                          itertools.groupby(row[5] for row in truth if row[0] == track)]
+                least, most = f"{min(sizes):,}", f"{max(sizes):,}"
+                span = most if least == most else f"{least} to {most}"
+                self.assertIn(f"{len(sizes):,} packets of {span} bytes", page)
+                span = (str(frames[0]) if min(frames) == max(frames) else
+                        f"{min(frames)} to {max(frames)}")
+                self.assertIn(f"Packets per hint sample {span}", page)
+            for track in json.loads(run("info", sample(name), "--json").stdout)["tracks"]:
+                if "hints_track" in track:
+                    continue
+                rate = track["bytes"] * 8 / track["duration_seconds"] / 1000
+                self.assertIn(f"on average {rate:.1f} kbit/s", page)
+                if "sync_samples" in track:
+                    self.assertIn(f"{track['sync_samples']} of {track['samples']}", page)
+
+    def test_bars_stand_where_their_samples_are(self):
+        for name in ["amrnb_hinted_1450", "h264_hinted_1450", "h263_hinted_1450",
+                     "mpeg4_hinted_1450", "h263_rfc2190_hinted_1450", "two_amrnb_hinted"]:
+            with self.subTest(name=name):
+                page = self.page(sample(name))
+                hints = [track for track in json.loads(run("info", sample(name), "--json").stdout)
+                         ["tracks"] if "hints_track" in track and track["samples"] <= 150]
+                charts = [[bar for bar in svg if "faint" not in bar.get("class", "") and
+                           bar.get("class", "").startswith("bar")] for svg in page.iter("svg")
+                          if svg.get("aria-label") == "Packets per hint sample"]
+                charts = [chart for chart in charts if chart]
+                self.assertEqual([len(chart) for chart in charts][:len(hints)],
+                                 [track["samples"] for track in hints])
+                for bars in charts:
+                    ends = [float(bar.get("x")) + float(bar.get("width")) for bar in bars]
+                    gaps = [float(bar.get("x")) - end for bar, end in zip(bars[1:], ends)]
+                    widest = max(float(bar.get("width")) for bar in bars)
+                    self.assertLess(max(gaps, default=0), widest * 0.4)
+                    # A last sample that is told too short lasts like the others, or to the end.
+                    self.assertGreater(float(bars[-1].get("width")), min(widest, 1000 - ends[-2]) / 2)
+
+    def test_headlines_and_figures(self):
+        data = {name: pathlib.Path(sample(name)).read_bytes()
+                for name in ["av_h263_amrnb_hinted", "h263_hinted", "h263_hinted_selfref",
+                             "amrnb_plain", "h263_plain"]}
+        movie = data["h263_plain"].index(b"moov")
+        length = int.from_bytes(data["h263_plain"][movie - 4:movie], "big")
+        both = data["av_h263_amrnb_hinted"]
+        offsets = bytearray(pathlib.Path(sample("mpeg4_b_hinted")).read_bytes())
+        offsets[offsets.index(b"ctts") + 39] = 0  # the class API does not look at these
+        cases = [
+            (bytes(offsets), ["Plays with the class API"], []),
+            (b"no boxes here, but a text", ["This is no 3GP file"], ["3GP file This"]),
+            (speech_file(0), ["no samples"], ["0 samples"]),
+            # The last sample is told shorter than its bytes last.
+            (data["amrnb_plain"], ["at most 12.8 kbit/s"], []),
+            (data["h263_plain"][:movie - 4 + length - 4], [], ["There is no audio"]),
+            (both[:both.index(b"moov") + 200], ["The movie box is cut: nothing can be played"],
+             ["There is no audio"]),
+            (data["h263_hinted_selfref"], ["No RTP hint track refers to the video"],
+             ["has no RTP hint track", "track 65536 RTP hints track 65536"]),
+            (both[:len(both) * 7 // 10], ["Bit rate – data is missing", "Hints – data is missing",
+                                          "its width does not tell how much",
+                                          "Hint sample 11 of 30 is not in the file"],
+             ["makes no packet"]),
+        ]
+        for content, told, not_told in cases:
+            text = self.words(self.page("-", stdin=content))
+            for part in told:
+                with self.subTest(told=part):
+                    self.assertIn(part, text)
+            for part in not_told:
+                with self.subTest(not_told=part):
+                    self.assertNotIn(part, text)
+
+    def test_sync_samples_of_long_files_are_paler_where_they_are_few(self):
+        data = pathlib.Path(sample("h263_plain")).read_bytes()
+        size = int.from_bytes(boxes(data, STBL[:5] + [b"stsz"])[0][12:16], "big")
+        count = 600
+        syncs = [*range(1, 101), *range(101, count, 20)]
+        chunk = boxes(data, STBL + [b"stco"])[0][8:12]
+        page = self.page("-", stdin=rebuilt(data, {
+            b"stsz": struct.pack(">3I", 0, size, count), b"stco": struct.pack(">2I", 0, 1) + chunk,
+            b"stsc": struct.pack(">5I", 0, 1, 1, count, 1),
+            b"stts": struct.pack(">4I", 0, 1, count, 1000),
+            b"stss": struct.pack(f">2I{len(syncs)}I", 0, len(syncs), *syncs)}))
+        chart = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Sync samples"][0]
+        self.assertEqual({bar.get("fill-opacity") for bar in chart}, {"1.00", "0.25"})
+
+    def test_an_hour_stays_small(self):
+        page = self.page("-", stdin=speech_file(180000))
+        self.assertIn("Plays with the function API", self.words(page))
+        self.assertIn("1:00:00 h", self.words(page))
+        self.assertIn("180,000 samples", self.words(page))
+        self.assertIn("on average 12.8 kbit/s, at most 12.8 kbit/s", self.words(page))
+        for strip in self.of_class(page, "strip"):
+            self.assertLessEqual(len(list(strip)), 480)
+
+    def test_tables_that_lie(self):
+        lies = [speech_file(2**31 - 1, 2**31 - 1, 10), speech_file(5000, 1, 10)]
+        data = pathlib.Path(sample("h263_hinted")).read_bytes()
+        for changes in [{b"stsz": struct.pack(">3I", 0, 1, 2**31 - 1)},
+                        {b"stts": struct.pack(">4I", 0, 1, 30, 2**32 - 1)},
+                        {b"stts": struct.pack(">4I", 0, 1, 30, 0)},
+                        {b"stss": struct.pack(">6I", 0, 4, 30, 1, 1, 2**32 - 1)},
+                        {b"stco": struct.pack(">3I", 0, 1, 2**32 - 1)}]:
+            lies.append(rebuilt(data, changes))
+        mdhd = data.index(b"mdhd") + 16
+        lies.append(data[:mdhd] + bytes(4) + data[mdhd + 4:])
+        lies.append(struct.pack(">I4s", 8, b"free") * 30000)
+        trak = boxes(data, [b"moov", b"trak"])[0]
+        many = (struct.pack(">I4s", len(trak) + 8, b"trak") + trak) * 300
+        movie = rebuilt(data, {b"moov": None})
+        lies.append(movie + struct.pack(">I4s", len(many) + 8, b"moov") + many)
+        for number, lie in enumerate(lies):
+            with self.subTest(number=number):
+                self.page("-", stdin=lie)
+
+    def test_damage_is_told(self):
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        stbl = data.index(b"stbl") - 4
+        cases = [
+            (b"", ["The file is empty."]),
+            (b"x", ["too few for a box"]),
+            (b"not a box in sight, but text", ["this is no 3GP file", "This is no 3GP file"]),
+            (data[:28], ["There is no movie box"]),
+            (data[:len(data) * 7 // 10], ["Box 'mdat' at byte", "chunks reach behind the end",
+                                          "Neither audio nor video plays to the end"]),
+            (data[:stbl] + bytes.fromhex("7fffffff") + data[stbl + 4:],
+             [f"Box 'stbl' at byte {stbl} in moov / trak 1 / mdia / minf tells 2147483647"]),
+            (rebuilt(data, {b"stco": None}), ["There is no 'stco' box in moov / trak 1"]),
+            (data + b"\0\0\0\1mdat" + bytes(20), ["tells its size in a form that is not read"]),
+            (foreign_mpeg4(), ["Opening ends the whole process"]),
+        ]
+        for damaged, told in cases:
+            page = self.words(self.page("-", stdin=damaged))
+            for text in told:
+                with self.subTest(text=text):
+                    self.assertIn(text, page)
+
+    def test_texts_of_the_file_stay_texts(self):
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        evil = b'</pre><script>alert(1)</script>"\'><img src=x onerror=alert(1)>&lt;\xff\xc0\x80\0'
+        sdp = boxes(data, [b"moov", b"trak", b"udta", b"hnti", b"sdp "])
+        self.assertGreater(len(sdp[0]), len(evil))
+        cases = [data.replace(sdp[0], evil[:-1].ljust(len(sdp[0]))),
+                 data.replace(b"isom", b'"><s'), data.replace(b"3gp4", b"<b>\0"),
+                 data.replace(b"s263", b'<&">'), data.replace(b"vide", b"<i>\x1b"),
+                 data.replace(b"mdat", b"<u>\"")]
+        name = "<img src=x onerror=alert(1)>\u202e&'\".3gp"
+        for number, content in enumerate(cases):
+            with self.subTest(number=number):
+                self.assertNotEqual(content, data)
+                path = self.scratch / name
+                path.write_bytes(content)
+                page = self.page(path)
+                self.assertEqual({e.tag for e in page.iter()} & {"script", "img", "s", "u"}, set())
+                self.assertIn("<img src=x onerror=alert(1)>\ufffd&'\".3gp",
+                              "".join(page.find(".//h1").itertext()))
+        text = self.words(self.page("-", stdin=cases[0]))
+        self.assertIn("<script>alert(1)</script>", text)
+
+    def test_edit_list(self):
+        data = pathlib.Path(sample("h263_plain")).read_bytes()
+        scale = int.from_bytes(boxes(data, [b"moov", b"mvhd"])[0][12:16], "big")
+        ticks = int.from_bytes(boxes(data, STBL[:3] + [b"mdhd"])[0][12:16], "big")
+        elst = struct.pack(">2I" + "IiI" * 2, 0, 2, scale // 2, -1, 0x10000, scale * 3, ticks // 4,
+                           0x8000)
+        edts = struct.pack(">I4s", len(elst) + 8, b"elst") + elst
+        page = self.page("-", stdin=rebuilt(data, {b"edts": edts}))
+        strip = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Edit list"][0]
+        text = self.words(page)
+        # On the axis of time, which ends with the media.
+        seconds = json.loads(run("info", sample("h263_plain"), "--json").stdout)["duration_seconds"]
+        first, second = [(float(e.get("x")), float(e.get("width"))) for e in strip]
+        self.assertAlmostEqual(first[1], 500 / seconds, delta=1)
+        self.assertAlmostEqual(sum(second), min(3500 / seconds, 1000), delta=3)
+        page = self.page("-", stdin=rebuilt(data, {b"edts": struct.pack(">I", 28) + b"elst" +
+                                                   struct.pack(">2IIiI", 0, 1, 0, 0, 0x10000)}))
+        strip = [svg for svg in page.iter("svg") if svg.get("aria-label") == "Edit list"][0]
+        self.assertEqual(len(strip), 0)
+        self.assertIn("for 0.50 s nothing, then for 3.00 s the media from 0.250 s on at 0.50 times "
+                      "its speed", text)
+
+    def test_outputs(self):
+        copy = self.scratch / "in.3gp"
+        copy.write_bytes(pathlib.Path(sample("amrnb_plain")).read_bytes())
+        self.assert_fails(run("report", copy, "-o", copy), 2, "is the input")
+        self.assert_fails(run("report", copy), 2, "--output")
+        self.assert_fails(run("report", self.scratch / "none", "-o", "-"), 1, "No such file")
+        if os.path.exists("/dev/full"):
+            self.assert_fails(run("report", copy, "-o", "/dev/full"), 1, "No space left")
+        out = self.scratch / "report.html"
+        out.write_text("the page before")
+        limited = subprocess.run(
+            [TOOL, "report", copy, "-o", out], capture_output=True, timeout=120, check=False,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
+        self.assert_fails(limited, 1, "File too large")
+        self.assertEqual(out.read_text(), "the page before")
+        run("report", copy, "-o", out)
+        self.assertEqual(run("report", copy, "-o", "-").stdout, out.read_bytes())
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + sys.argv[1:], verbosity=1)
