@@ -4,7 +4,7 @@
 
 #include "fuzz/support/support.h"
 #include "kestrel/codec.h"
-#include "native/h263_parse.h"
+#include "native/codec/h263_parse.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
 #include "kestrel/native_records.h"
-#include "native/h264_units.h"
+#include "native/codec/h264_units.h"
 #include "tools/depacketise.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "native/h264_units.h"
+#include "native/codec/h264_units.h"
 #include "native/orb_native.h"
 #include "native/packet_output.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "common/clock.h"
-#include "interface/src/isoff.h"
+#include "interface/src/isoff/isoff.h"
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
 

@@ -1,9 +1,9 @@
 #include <cstdio>
 
 #include "kestrel/isoff.h"
+#include "native/codec/video_packets.h"
 #include "native/orb_native.h"
 #include "native/packet_output.h"
-#include "native/video_packets.h"
 
 // H.263 and MPEG-4 pictures into packets of both formats.
 

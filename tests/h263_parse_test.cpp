@@ -1,6 +1,6 @@
 // The H.263 walker against what independent encoders and a decoder told of their streams, and
 // against hand-made pictures where those use too little of the standard.
-#include "native/h263_parse.h"
+#include "native/codec/h263_parse.h"
 
 #include <gtest/gtest.h>
 

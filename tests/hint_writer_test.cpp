@@ -4,8 +4,8 @@
 #include <cmath>
 #include <random>
 
-#include "interface/src/hint_packets.h"
-#include "interface/src/isoff.h"
+#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/write/hint_sample_planner.h"
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
 #include "tests/support/files.h"

@@ -5,7 +5,7 @@
 #include <memory>
 #include <random>
 
-#include "interface/src/isoff.h"
+#include "interface/src/isoff/isoff.h"
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
 #include "tests/support/allocation_watch.h"

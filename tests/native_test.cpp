@@ -7,7 +7,7 @@
 
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
-#include "native/amr_format.h"
+#include "native/codec/amr_format.h"
 #include "tests/support/files.h"
 
 // Packet headers, header records, AMR frames and the AMR packetisers.

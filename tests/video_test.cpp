@@ -11,8 +11,8 @@
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
 #include "kestrel/native_records.h"
-#include "native/h263_parse.h"
-#include "native/h263_payload.h"
+#include "native/codec/h263_parse.h"
+#include "native/codec/h263_payload.h"
 #include "tests/support/files.h"
 #include "tools/depacketise.h"
 

@@ -5,7 +5,7 @@
 
 #include "common/bytes.h"
 #include "kestrel/native_records.h"
-#include "native/amr_format.h"
+#include "native/codec/amr_format.h"
 
 namespace tool {
 

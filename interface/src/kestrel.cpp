@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "interface/src/mmfiInterface.h"
+#include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/kstutil.h"
 
 // The exported functions.

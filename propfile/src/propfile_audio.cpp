@@ -7,7 +7,7 @@
 
 #include "common/clock.h"
 #include "kestrel/native_records.h"
-#include "native/amr_format.h"
+#include "native/codec/amr_format.h"
 
 using namespace kestrel;
 

@@ -116,3 +116,19 @@ unsigned int PropFileVideo::ProcessPacket(const unsigned char** cursor, double t
     log_line(kVerbose, at(kSource), "Packet contains %d bytes", bytes);
     return bytes;
 }
+
+PropFileVideoH263::~PropFileVideoH263() = default;
+
+void PropFileVideoH263::SetupCodecHeaders(const _TAG_VIDEO_OPEN_PARAMS& params) {
+    Put(video_codec(format(), params.uAvgBitRate, params.uWidth, params.uHeight));
+    Put(VID_Header_H263CodecConfig{params.uProfile, params.uLevel});
+}
+
+PropFileVideoH263_1998::~PropFileVideoH263_1998() = default;
+
+PropFileVideoMPEG4::~PropFileVideoMPEG4() = default;
+
+void PropFileVideoMPEG4::SetupCodecHeaders(const _TAG_VIDEO_OPEN_PARAMS& params) {
+    Put(video_codec(format(), params.uAvgBitRate, params.uWidth, params.uHeight));
+    Put(mpeg4_config({params.pConfig, params.pConfig != nullptr ? params.uConfigLength : 0}));
+}

@@ -1,0 +1,277 @@
+#include "interface/src/driver/driver.h"
+
+#include <atomic>
+#include <cctype>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "boxes/sample_tables.h"
+#include "boxes/simple3gp.h"
+#include "boxes/stream_io.h"
+#include "propfile/src/propfile_audio.h"
+#include "propfile/src/propfile_video.h"
+
+// Opening and closing.
+
+using namespace kestrel;
+
+namespace {
+
+bool is_set(const char* variable) {
+    const char* value = std::getenv(variable);
+    return value != nullptr && std::strcmp(value, "1") == 0;
+}
+
+void set_log_level(int32_t level) {
+    std::atomic_ref(sx_Debug).store(level, std::memory_order_relaxed);
+}
+
+void read_environment() {
+    if (is_set("KST_LOG_DEBUG")) {
+        set_log_level(4);
+        log_always(at(kDriverSource), "Kestrel: Set log level to DEBUG");
+    }
+    if (is_set("KST_LOG_DEBUG_VERBOSE")) {
+        set_log_level(5);
+        log_always(at(kDriverSource), "Kestrel: Set log level to DEBUG_VERBOSE");
+    }
+}
+
+bool is_complete(const _TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io) {
+    return io != nullptr && io->GetOffset && io->Seek && io->SeekNRead && io->SeekNWrite &&
+           io->GetStreamSize && io->IsEOF && io->IndexRead && io->AdvanceRead && io->CheckStatus;
+}
+
+template <class T>
+void release(std::vector<T>& values) {
+    std::vector<T>().swap(values);
+}
+
+}  // namespace
+
+namespace kestrel {
+
+void fail(unsigned int& status_field, unsigned int status, LogSite site, const char* format, ...) {
+    status_field = status;
+    va_list arguments;
+    va_start(arguments, format);
+    SimpleException made = SimpleException::from_arguments(site.file, site.line, format, arguments);
+    va_end(arguments);
+    throw made;
+}
+
+}  // namespace kestrel
+
+C3gpInterface::C3gpInterface() = default;
+
+C3gpInterface::C3gpInterface(unsigned int) : C3gpInterface() {}
+
+C3gpInterface::~C3gpInterface() {
+    Close();
+}
+
+unsigned int C3gpInterface::Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode) {
+    m_uStatus = KST_SUCCESS;
+    try {
+        read_environment();
+        if (m_uMedium != kNoMedium) {
+            m_uStatus = KST_ALREADY_OPEN;
+            return m_uStatus;
+        }
+        OpenMedium(io, mode);
+        return m_uStatus;
+    } catch (const SimpleException& caught) {
+        log_caught(kError, caught);
+    } catch (...) {
+        log_always(at(kDriverSource), "%s", kUnhandledLogged);
+    }
+    const unsigned int status = m_uStatus != KST_SUCCESS ? m_uStatus : unsigned{KST_FAILURE};
+    Close();
+    m_uStatus = status;
+    return status;
+}
+
+void C3gpInterface::OpenMedium(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode) {
+    Close();
+    ParseOpenMode(mode);
+    if (!is_complete(io)) {
+        fail(m_uStatus, KST_BAD_ARGUMENT, at(kDriverSource),
+             "Stream table is null or has a null function");
+    }
+    m_pIOCallback = io;
+    if (m_uDirection != kRead) {
+        fail(m_uStatus, KST_NOT_SUPPORTED, at(kDriverSource), "Unsupported conversion type");
+    }
+    Open3GPtoQRT();
+}
+
+void C3gpInterface::ParseOpenMode(const char* mode) {
+    m_uMedium = kNoMedium;
+    m_uDirection = kNoDirection;
+    try {
+        for (const char* at_letter = mode; at_letter != nullptr && *at_letter != '\0'; ++at_letter)
+            ApplySwitch(static_cast<char>(std::tolower(static_cast<unsigned char>(*at_letter))));
+        if (m_uMedium == kNoMedium) {
+            fail(m_uStatus, KST_BAD_MODE, at(kDriverSource), "Mode not specified");
+        }
+        if (m_uDirection == kNoDirection) {
+            fail(m_uStatus, KST_BAD_MODE, at(kDriverSource), "Direction not specified");
+        }
+    } catch (...) {
+        m_uMedium = kNoMedium;
+        m_uDirection = kNoDirection;
+        throw;
+    }
+}
+
+void C3gpInterface::ApplySwitch(char letter) {
+    log_line(kDebug, at(kDriverSource), "Switch [%c] found", letter);
+    switch (letter) {
+        case 'r':
+            m_uDirection = kRead;
+            break;
+        case 'a':
+            m_uMedium = kAudio;
+            m_szMedium = "AUDIO";
+            break;
+        case 'v':
+            m_uMedium = kVideo;
+            m_szMedium = "VIDEO";
+            break;
+        default:
+            fail(m_uStatus, KST_BAD_MODE, at(kDriverSource),
+                 "Invalid/unsupported mode switch [%c] specified", letter);
+    }
+}
+
+void C3gpInterface::Open3GPtoQRT() {
+    try {
+        m_pSimple3gp = std::make_unique<Qvox3gp::Simple3gp>();
+    } catch (const std::bad_alloc&) {
+        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource), "Could not create 3gp object");
+    }
+    Read3gpBoxes();
+    ValidateTracks();
+    StoreTrackTables();
+    AllocBuffers();
+    CalcSampleOffsets(m_AVBoxes, m_SampleInfo);
+    Parse3gpBoxes();
+    CreateFileObjects();
+    ForgetBoxes();
+    Qvox3gp::macro_Seek(m_pIOCallback, 0);
+}
+
+void C3gpInterface::ForgetBoxes() {
+    m_AVBoxes = {};
+    m_HintBoxes = {};
+    m_VideoTracks.clear();
+    m_AudioTracks.clear();
+    m_HintTracks.clear();
+    m_pSimple3gp.reset();
+    m_VideoParams.pConfig = nullptr;
+}
+
+void C3gpInterface::CreateFileObjects() {
+    if (m_uMedium == kAudio) {
+        CreateAudioObject();
+    } else {
+        CreateVideoObject();
+    }
+}
+
+void C3gpInterface::CreateAudioObject() {
+    try {
+        m_pPropAudio = std::make_unique<PropFileAudio>(this);
+    } catch (const std::bad_alloc&) {
+        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource), "Unable to create audio file object");
+    }
+    if (!m_pPropAudio->Open(&m_AudioParams)) {
+        fail(m_uStatus, KST_FAILURE, at(kDriverSource), "Error opening audio object");
+    }
+}
+
+std::unique_ptr<PropFileVideo> C3gpInterface::NewVideoObject() {
+    switch (m_uVideoCodec) {
+        case kH263:
+            log_line(kDebug, at(kDriverSource), "Creating H263 object");
+            return std::make_unique<PropFileVideoH263>(this);
+        case kH263_1998:
+            log_line(kDebug, at(kDriverSource), "Creating H263_1998 object");
+            return std::make_unique<PropFileVideoH263_1998>(this);
+        case kMpeg4:
+            log_line(kDebug, at(kDriverSource), "Creating MPEG4 object");
+            return std::make_unique<PropFileVideoMPEG4>(this);
+        default:
+            return nullptr;
+    }
+}
+
+void C3gpInterface::CreateVideoObject() {
+    try {
+        m_pPropVideo = NewVideoObject();
+    } catch (const std::bad_alloc&) {
+        m_pPropVideo = nullptr;
+    }
+    if (m_pPropVideo == nullptr) {
+        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource), "Unable to create video file object");
+    }
+    log_line(kDebug, at(kDriverSource), "Opening video object");
+    if (!m_pPropVideo->Open(&m_VideoParams)) {
+        fail(m_uStatus, KST_FAILURE, at(kDriverSource), "Error opening video object");
+    }
+}
+
+unsigned int C3gpInterface::Close() {
+    m_uStatus = KST_SUCCESS;
+    try {
+        CloseWriters();
+    } catch (const SimpleException& caught) {
+        log_caught(kError, caught);
+    } catch (...) {
+        log_always(at(kDriverSource), "%s", kUnhandledLogged);
+    }
+    Reset();
+    return m_uStatus;
+}
+
+void C3gpInterface::CloseWriters() {
+    if (m_pPropVideo != nullptr) m_pPropVideo->Close();
+    if (m_pPropAudio != nullptr) m_pPropAudio->Close();
+}
+
+void C3gpInterface::Reset() {
+    m_uStatus = KST_SUCCESS;
+    m_uMedium = kNoMedium;
+    m_uDirection = kNoDirection;
+    m_pIOCallback = nullptr;
+    m_uVideoCodec = kNoCodec;
+    m_pPropVideo.reset();
+    m_pPropAudio.reset();
+    ForgetBoxes();
+    FreeBuffers();
+    release(m_ChunkOffsets);
+    release(m_SampleToChunk);
+    release(m_SampleSizes);
+    release(m_TimeToSample);
+    release(m_SyncSamples);
+    m_uMediaTimescale = m_uMovieTimescale = m_uMediaDuration = 0;
+    m_VideoParams = {};
+    m_AudioParams = {};
+    m_uMediaSamples = m_uHintSamples = m_uHintChunks = 0;
+    m_fHasSyncTable = false;
+    m_Now = m_Scratch = {};
+    m_fEndOfFile = m_fPassOpen = m_fFIO = false;
+}
+
+void C3gpInterface::FreeBuffers() {
+    release(m_MediaSample);
+    release(m_MediaPiece);
+    m_uReadAhead = kFirstReadAhead;
+    release(m_HintSample);
+    release(m_SampleInfo);
+    release(m_Taken);
+    m_uDelivered = 0;
+    m_uMediaSampleHeld = 0;
+}

@@ -1,0 +1,428 @@
+#include <algorithm>
+#include <cinttypes>
+
+#include "boxes/sample_tables.h"
+#include "boxes/stream_io.h"
+#include "interface/src/driver/driver.h"
+#include "propfile/src/propfile_base.h"
+
+// Locating samples, converting times, and seeking.
+
+using namespace kestrel;
+
+namespace {
+
+constexpr uint32_t kModeFlags = 0x30000;
+constexpr uint32_t kSyncFlags = 0x7;
+constexpr uint32_t kMsPerSecond = 1000;
+constexpr unsigned int kNoSample = 0xFFFFFFFF;
+constexpr unsigned int kNoOffset = 0xFFFFFFFF;
+
+bool are_valid(uint32_t flags) {
+    const uint32_t mode = flags & kModeFlags;
+    const uint32_t sync = flags & kSyncFlags;
+    return (mode == KST_SEEK_RELATIVE || mode == KST_SEEK_ABSOLUTE) &&
+           (sync == KST_SEEK_NEXT_SYNC || sync == KST_SEEK_PREVIOUS_SYNC ||
+            sync == KST_SEEK_NEAREST_SYNC);
+}
+
+// Finds the lowest media sample that a hint sample's constructors name.
+class MediaSampleFinder final : public PropFile {
+  public:
+    explicit MediaSampleFinder(const std::vector<unsigned char>& hint)
+        : PropFile(nullptr), m_pCursor(hint.data()) {
+        LimitHintSample(hint.data() + hint.size());
+    }
+    void FillOffsetTable() override {}
+    void PacketizeFrame(const unsigned char*, double) override {}
+
+    unsigned int Find() {
+        try {
+            _TAG_RTPsample3gp sample{};
+            GetRTPsample3gp(&sample, &m_pCursor);
+            log_line(kVerbose, at(kDriverSource),
+                     "C3gpInterface::GetMediaSample - Processing Hint Sample (num_packets=%d).",
+                     sample.packetcount);
+            for (unsigned int i = 0; i < sample.packetcount; ++i)
+                LookThroughPacket();
+        } catch (unsigned int) {
+            // A hint sample that is cut short counts as far as it goes; playing leaves it out.
+        }
+        return m_uLowest;
+    }
+
+  private:
+    void LookThroughPacket() {
+        _TAG_RTPpacket3gp packet{};
+        GetRTPpacket3gp(&packet, &m_pCursor);
+        for (unsigned int i = 0; i < packet.entrycount; ++i) {
+            const unsigned char* inside = m_pCursor;
+            Skip(&m_pCursor, kConstructorSize);
+            if (GetAndAdvance8(&inside) != kSample) continue;
+            const uint32_t number = GetSampleConstructor(&inside).sample_number;
+            log_line(kVerbose, at(kDriverSource),
+                     "C3gpInterface::GetMediaSample - Found Media Sample (sample=%d).", number);
+            m_uLowest = std::min(m_uLowest, number);
+        }
+    }
+
+    const unsigned char* m_pCursor;
+    unsigned int m_uLowest = kNoSample;
+};
+
+}  // namespace
+
+// Numbers are 64 bits wide: a table may tell more samples than there are. The chunks of a run are
+// at most those of the offset table, and the walk ends before the first sample, so none overflows.
+struct C3gpInterface::ChunkRun {
+    bool found = false;
+    size_t entry = 0;
+    int64_t first_chunk = 0;
+    int64_t samples_per_chunk = 0;
+    int64_t first_sample = 0;
+};
+
+C3gpInterface::ChunkRun C3gpInterface::FindChunkRun(unsigned int hintSample) const {
+    const int64_t sample = hintSample;
+    int64_t last_sample = m_uHintSamples;
+    int64_t last_chunk = m_uHintChunks;
+    for (size_t entry = m_SampleToChunk.size(); entry-- > 0 && last_sample >= 1;) {
+        const int64_t first_chunk = m_SampleToChunk[entry].first_chunk;
+        const int64_t samples_per_chunk = m_SampleToChunk[entry].samples_per_chunk;
+        const int64_t chunks = std::min<int64_t>(last_chunk, m_uHintChunks) - first_chunk + 1;
+        // A table that runs backwards has no samples in such a run.
+        const int64_t samples = samples_per_chunk * std::max<int64_t>(chunks, 0);
+        int64_t first_sample = last_sample - samples + 1;
+        // A last chunk that is not full must not shift the samples of the first run.
+        if (entry == 0 && first_sample < 1 && first_chunk == 1) first_sample = 1;
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::CalcHintOffset - Processing STSC Entry (s=%" PRId64 ", fs=%" PRId64
+                 ", ls=%" PRId64 ", ns=%" PRId64 ", fc=%" PRId64 ", lc=%" PRId64 ", nc=%" PRId64
+                 ").",
+                 sample, first_sample, last_sample, samples, first_chunk, last_chunk, chunks);
+        if (first_sample <= sample && sample <= last_sample) {
+            return {true, entry, first_chunk, samples_per_chunk, first_sample};
+        }
+        last_sample = first_sample - 1;
+        last_chunk = first_chunk - 1;
+    }
+    return {};
+}
+
+// The bytes of the samples from `first` up to the one before `sample`, and the size of `sample`.
+uint64_t C3gpInterface::BytesBefore(unsigned int first, unsigned int sample,
+                                    unsigned int* size) const {
+    if (m_SampleSizes.size() == 1) {
+        *size = m_SampleSizes[0];
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::CalcHintOffset - All hint samples are same size (size=%d).",
+                 *size);
+        return uint64_t{*size} * (sample - first);
+    }
+    if (m_SampleSizes.size() < sample) return UINT64_MAX;
+    uint64_t bytes = 0;
+    for (unsigned int i = first; i < sample; ++i)
+        bytes += m_SampleSizes[i - 1];
+    *size = m_SampleSizes[sample - 1];
+    return bytes;
+}
+
+int C3gpInterface::CalcHintOffset(unsigned int hintSample, unsigned int* size) {
+    if (m_SampleToChunk.empty()) {
+        fail(m_uStatus, KST_CORRUPT, at(kDriverSource),
+             "C3gpInterface::CalcHintOffset - No Sample-to-Chunk Table in Hint Track");
+    }
+    int offset = -1;
+    *size = 0;
+    const ChunkRun run = FindChunkRun(hintSample);
+    if (run.found && hintSample > 0 && run.first_chunk > 0) {
+        if (run.samples_per_chunk == 0) {
+            fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
+                 "C3gpInterface::CalcHintOffset - Attempt to divide by zero");
+        }
+        const int64_t in_group = hintSample - run.first_sample;
+        const int64_t chunk_in_group = in_group / run.samples_per_chunk;
+        const int64_t in_chunk = in_group % run.samples_per_chunk;
+        const int64_t first_in_chunk = run.samples_per_chunk * chunk_in_group + run.first_sample;
+        const auto chunk = static_cast<unsigned int>(run.first_chunk + chunk_in_group);
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::CalcHintOffset - Matched STSC Entry (sig=%" PRId64 ", sic=%" PRId64
+                 ", fsic=%" PRId64 ", cig=%" PRId64 ", c=%d).",
+                 in_group, in_chunk, first_in_chunk, chunk_in_group, chunk);
+        m_Scratch.chunk = chunk;
+        m_Scratch.sample_offset_in_chunk = static_cast<unsigned int>(in_chunk);
+        m_Scratch.sample_to_chunk = run.entry;
+        if (chunk <= m_ChunkOffsets.size()) {
+            const auto first = static_cast<unsigned int>(std::max<int64_t>(first_in_chunk, 1));
+            m_Scratch.cur_chunk_bytes = BytesBefore(first, hintSample, size);
+            if (m_Scratch.cur_chunk_bytes == UINT64_MAX) {
+                fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
+                     "C3gpInterface::CalcHintOffset - Invalid Array Access (index=%d, size=%d).",
+                     hintSample, static_cast<unsigned int>(m_SampleSizes.size()));
+            }
+            const uint64_t place = m_ChunkOffsets[chunk - 1] + m_Scratch.cur_chunk_bytes;
+            offset = place <= INT32_MAX ? static_cast<int>(place) : -1;
+        }
+    }
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::CalcHintOffset - Calculated Hint Sample File Offset (sample=%d, "
+             "offset=%d, size=%d).",
+             hintSample, offset, *size);
+    return offset;
+}
+
+int C3gpInterface::CalcMediaOffset(unsigned int mediaSample) const {
+    // The last sample has no offset: "less than" and not "at most", on purpose.
+    const bool known =
+        mediaSample >= 1 && mediaSample < m_uMediaSamples && mediaSample <= m_SampleInfo.size();
+    const int offset = known ? static_cast<int>(m_SampleInfo[mediaSample - 1].uOffset) : -1;
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::CalcMediaOffset - Calculated Media Sample File Offset (sample=%d, "
+             "offset=%d).",
+             mediaSample, offset);
+    return offset;
+}
+
+unsigned int C3gpInterface::ConvertMsTimeToMdhdTime(unsigned int ms) const {
+    // Whole units a millisecond: 44100 Hz counts as 44 on purpose.
+    const auto mdhd = static_cast<unsigned int>(
+        std::min(uint64_t{*m_pTimescale / kMsPerSecond} * ms, uint64_t{UINT32_MAX}));
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::ConvertMsTimeToMdhdTime - Converted Timecode (ms=%d, mdhd=%d).", ms,
+             mdhd);
+    return mdhd;
+}
+
+unsigned int C3gpInterface::ConvertMdhdTimeToSample(unsigned int mdhdTime) {
+    uint64_t samples = 0;
+    uint64_t time = 0;
+    auto entry = m_TimeToSample.begin();
+    for (; entry != m_TimeToSample.end(); ++entry) {
+        const uint64_t ticks = uint64_t{entry->sample_count} * entry->sample_delta;
+        if (time + ticks > mdhdTime) break;
+        time += ticks;
+        samples += entry->sample_count;
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::ConvertMdhdTimeToSample - Advancing to next STTS Entry "
+                 "(count=%d, delta=%d).",
+                 entry->sample_count, entry->sample_delta);
+    }
+    uint64_t sample = m_uHintSamples;
+    if (entry != m_TimeToSample.end()) {
+        const uint64_t offset = mdhdTime - time;
+        sample = std::min<uint64_t>(offset / entry->sample_delta + samples + 1, m_uHintSamples);
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::ConvertMdhdTimeToSample - Matched STTS Entry (offset=%d, "
+                 "sample=%d).",
+                 static_cast<unsigned int>(offset), static_cast<unsigned int>(sample));
+    } else if (time == 0) {
+        // No entry lasts any time, so none can say how far the target is.
+        fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
+             "C3gpInterface::ConvertMdhdTimeToSample - Attempt to divide by zero.");
+    }
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::ConvertMdhdTimeToSample - Coverted MDHD Time to Sample (mdhd=%d, "
+             "sample=%d).",
+             mdhdTime, static_cast<unsigned int>(sample));
+    return static_cast<unsigned int>(sample);
+}
+
+unsigned int C3gpInterface::GetTimestampInMs(unsigned int hintSample) {
+    uint64_t samples = 0;
+    uint64_t time = 0;
+    size_t entry = 0;
+    const auto holds = [&](const Qvox3gp::TimeToSampleEntry& e) {
+        return samples < hintSample && hintSample <= samples + e.sample_count;
+    };
+    for (; entry < m_TimeToSample.size() && !holds(m_TimeToSample[entry]); ++entry) {
+        const Qvox3gp::TimeToSampleEntry& passed = m_TimeToSample[entry];
+        samples += passed.sample_count;
+        time += uint64_t{passed.sample_count} * passed.sample_delta;
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::GetTimestampInMs - Advancing to next STSS Entry (count=%d, "
+                 "delta=%d).",
+                 passed.sample_count, passed.sample_delta);
+    }
+    if (hintSample == 0) {
+        // No sample, as in front of the first sync sample. Locating it will fail.
+        entry = 0;
+        time = 0;
+    } else if (entry == m_TimeToSample.size()) {
+        fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
+             "%s: Iterated off the end of the time to sample table!", m_szMedium);
+    }
+    const bool counted = hintSample > 0;
+    const auto index = static_cast<unsigned int>(counted ? hintSample - samples - 1 : 0);
+    const Qvox3gp::TimeToSampleEntry at_entry =
+        counted ? m_TimeToSample[entry] : Qvox3gp::TimeToSampleEntry{};
+    const uint64_t mdhd = uint64_t{at_entry.sample_delta} * index + time;
+    if (*m_pTimescale < kMsPerSecond) {
+        fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
+             "C3gpInterface::GetTimestampInMs - Attempt to divide by zero");
+    }
+    const auto ms = static_cast<unsigned int>(mdhd / (*m_pTimescale / kMsPerSecond));
+    const auto shown = static_cast<unsigned int>(mdhd);
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::GetTimestampInMs - Converting MDHD Time to MS Time "
+             "(count=%d,delta=%d,mdhd=%d,scale=%d,ms=%d).",
+             at_entry.sample_count, at_entry.sample_delta, shown, *m_pTimescale, ms);
+    m_Scratch.time_to_sample = entry;
+    m_Scratch.time_to_sample_index = index;
+    m_Scratch.m_uFrameTime = mdhd;
+    log_line(kVerbose, at(kDriverSource),
+             "C3gpInterface::GetTimestampInMs - Setting temp frametime and time-to-samples "
+             "(ft=%d, tts=%d).",
+             shown, index);
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::GetTimestampInMs - Converting Sample to Time in MS (sample=%d, "
+             "ms=%d).",
+             hintSample, ms);
+    return ms;
+}
+
+unsigned int C3gpInterface::GetSyncSample(unsigned int sample, unsigned int syncFlags) {
+    if (!m_fHasSyncTable) {
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::GetSyncSample - Track does not contain STSS Box.");
+        return sample;
+    }
+    log_line(kVerbose, at(kDriverSource),
+             "C3gpInterface::GetSyncSample - Track contains STSS Box.");
+    unsigned int result = 0;
+    unsigned int prev = 0;
+    for (const uint32_t cur : m_SyncSamples) {
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::GetSyncSample - Comparing Sample to STSS Entry (sample=%d, "
+                 "prev=%d, cur=%d).",
+                 sample, prev, cur);
+        if (cur == sample) {
+            result = sample;
+            break;
+        }
+        if (prev <= sample && sample <= cur) {
+            if (syncFlags == KST_SEEK_PREVIOUS_SYNC) {
+                result = prev;
+            } else if (syncFlags == KST_SEEK_NEXT_SYNC) {
+                result = cur;
+            } else {
+                // The farther one, and the earlier at a tie: the comparison is meant so.
+                result = sample - prev >= cur - sample ? prev : cur;
+            }
+            break;
+        }
+        prev = cur;
+    }
+    if (result == 0) result = prev;
+    if (result > m_uHintSamples) {
+        fail(m_uStatus, KST_CORRUPT, at(kDriverSource),
+             "STSS Corruption (sync_sample=%d, max_samples=%d).", result, m_uHintSamples);
+    }
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::GetSyncSample - Calculated Seek Sample (sample=%d, seek_sample=%d, "
+             "flags=%d).",
+             sample, result, syncFlags);
+    return result;
+}
+
+int C3gpInterface::GetMediaSample(unsigned int hintSample, unsigned int fileOffset,
+                                  unsigned int size) {
+    m_fFIO = false;
+    if (!ReadBytes(m_HintSample, fileOffset, size)) {
+        fail(m_uStatus, KST_FAILURE, at(kDriverSource), "Hint sample is not there yet");
+    }
+    const unsigned int first = MediaSampleFinder(m_HintSample).Find();
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::GetMediaSample - Determined First Media Sample (hint_sample=%d, "
+             "first_media_sample=%d).",
+             hintSample, first);
+    return static_cast<int>(first);
+}
+
+unsigned int C3gpInterface::SeekTo(_TAG_KST_SEEK_PARAMS* params) {
+    m_uStatus = KST_SUCCESS;
+    if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
+    if (params == nullptr) return m_uStatus = KST_BAD_ARGUMENT;
+    try {
+        Seek(params);
+        return m_uStatus;
+    } catch (const SimpleException& caught) {
+        log_caught(kError, caught);
+    } catch (...) {
+        log_always(at(kDriverSource), "%s", kUnhandledLogged);
+    }
+    if (m_uStatus == KST_SUCCESS) m_uStatus = KST_FAILURE;
+    return m_uStatus;
+}
+
+unsigned int C3gpInterface::SeekTarget(const _TAG_KST_SEEK_PARAMS* params) {
+    if (!are_valid(params->fFlags)) {
+        fail(m_uStatus, KST_BAD_SEEK_FLAGS, at(kDriverSource), "Illegal Seek Flags");
+    }
+    unsigned int target = params->nTime;
+    if ((params->fFlags & kModeFlags) == KST_SEEK_RELATIVE) {
+        const uint32_t per_ms = *m_pTimescale / kMsPerSecond;
+        if (per_ms == 0) {
+            fail(m_uStatus, KST_FAILURE, at(kDriverSource), "Attempting to Divide by Zero");
+        }
+        target += static_cast<unsigned int>(m_Now.m_uFrameTime / per_ms);
+    }
+    if (target > m_uMediaDuration) {
+        fail(m_uStatus, KST_BAD_TIMESTAMP, at(kDriverSource), "Invalid Timestamp");
+    }
+    return target;
+}
+
+void C3gpInterface::Seek(_TAG_KST_SEEK_PARAMS* params) {
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::SeekTo - Validating Parameters (nTime=%d, fFlags=%d, "
+             "m_iHintSample=%d, m_uFrameTime=%d, uTrackDuration=%d).",
+             params->nTime, params->fFlags, m_Now.m_iHintSample,
+             static_cast<unsigned int>(m_Now.m_uFrameTime), m_uMediaDuration);
+    const unsigned int mdhd = ConvertMsTimeToMdhdTime(SeekTarget(params));
+    const unsigned int sample = ConvertMdhdTimeToSample(mdhd);
+    const unsigned int sync = GetSyncSample(sample, params->fFlags & kSyncFlags);
+    const unsigned int ms = GetTimestampInMs(sync);
+    unsigned int size = 0;
+    const int hint_offset = CalcHintOffset(sync, &size);
+    if (hint_offset < 0) {
+        fail(m_uStatus, KST_NO_HINT_OFFSET, at(kDriverSource),
+             "C3gpInterface::SeekTo - Could not calculate Hint Track Offset");
+    }
+    const int first = GetMediaSample(sync, static_cast<unsigned int>(hint_offset), size);
+    const int media_offset = CalcMediaOffset(static_cast<unsigned int>(first));
+    // The hint offset once more and not the media offset: -1 for a media sample that has none
+    // passes on, on purpose.
+    if (hint_offset < 0) {
+        fail(m_uStatus, KST_NO_HINT_OFFSET, at(kDriverSource),
+             "C3gpInterface::SeekTo - Could not calculate Media Track Offset");
+    }
+    const auto file_offset = static_cast<unsigned int>(std::min(media_offset, hint_offset));
+    ResetInternals(sync, file_offset);
+    params->nTime = ms;
+    params->uFrameNum = sync;
+    params->uFileOffset = file_offset;
+    log_line(kDebug, at(kDriverSource),
+             "C3gpInterface::SeekTo - Returning Results (nTime=%d, uFrameNum=%d, "
+             "uFileOffset=%d).",
+             ms, sync, file_offset);
+}
+
+unsigned int C3gpInterface::ResetInternals(unsigned int hintSample, unsigned int fileOffset) {
+    Cursors next = m_Scratch;
+    next.m_iHintSample = hintSample;
+    next.samples_per_chunk = m_SampleToChunk[next.sample_to_chunk].samples_per_chunk;
+    if (next.chunk >= 1 && next.chunk <= m_ChunkOffsets.size()) next.chunk_offset = next.chunk - 1;
+    if (m_SampleSizes.size() >= hintSample) next.sample_size = hintSample - 1;
+    log_line(kDebug, at(kDriverSource),
+             "ResetInternals: cur_hint_sample=%d, cur_chunk_bytes=%d, samples_per_chunk=%d, "
+             "sample_offset_in_chunk=%d, chunk=%d",
+             hintSample, static_cast<unsigned int>(next.cur_chunk_bytes), next.samples_per_chunk,
+             next.sample_offset_in_chunk, next.chunk);
+    // Playing stays where it is if this fails. There is no offset to go to for the last media
+    // sample; every read goes to its own place in any case.
+    if (fileOffset != kNoOffset) Qvox3gp::macro_Seek(m_pIOCallback, fileOffset);
+    m_Now = next;
+    m_fEndOfFile = false;
+    m_fPassOpen = false;
+    return 1;
+}

@@ -1,0 +1,120 @@
+#include <algorithm>
+#include <cstdio>
+
+#include "interface/src/isoff/isoff.h"
+#include "kestrel/kstutil.h"
+
+// The byte readers: one source of bytes, the in-memory `moov` or the stream, behind all of them.
+
+namespace kestrel {
+
+bool read_stream(iso_file* file, void* to, uint32_t count) {
+    uint32_t got = count;
+    return kstutil_seeknread(file->stream, to, &got) == 0 && got == count;
+}
+
+bool read_buf(iso_file* file, void* to, uint32_t count) {
+    if (count > file->moov_left) {
+        diagnose("read_buf, EOF %d left, %d requested\n", static_cast<int>(file->moov_left),
+                 static_cast<int>(count));
+        return false;
+    }
+    std::memcpy(to, file->moov_buffer, count);
+    file->moov_buffer += count;
+    file->moov_left -= count;
+    return true;
+}
+
+bool seek_buf(iso_file* file, uint32_t count) {
+    if (count > file->moov_left) {
+        diagnose("seek_buf, EOF %d left, %d requested\n", static_cast<int>(file->moov_left),
+                 static_cast<int>(count));
+        return false;
+    }
+    file->moov_buffer += count;
+    file->moov_left -= count;
+    return true;
+}
+
+bool getbytes(iso_file* file, void* to, uint32_t count) {
+    return file->in_moov_buffer ? read_buf(file, to, count) : read_stream(file, to, count);
+}
+
+uint8_t getbyte(iso_file* file) {
+    uint8_t raw = 0;
+    return getbytes(file, &raw, 1) ? raw : uint8_t{0};
+}
+
+uint16_t getint16(iso_file* file) {
+    uint8_t raw[2];
+    return getbytes(file, raw, sizeof raw) ? load_be16(raw) : uint16_t{0};
+}
+
+uint32_t getint24(iso_file* file) {
+    uint8_t raw[3];
+    return getbytes(file, raw, sizeof raw) ? load_be24(raw) : 0;
+}
+
+uint32_t getint32(iso_file* file) {
+    uint8_t raw[4];
+    return getbytes(file, raw, sizeof raw) ? load_be32(raw) : 0xFFFFFFFF;
+}
+
+bool getID(iso_file* file, char (&code)[5]) {
+    code[0] = code[4] = '\0';
+    return getbytes(file, code, 4);
+}
+
+int getxlen(iso_file* file, uint32_t& length) {
+    length = 0;
+    for (int taken = 1;; ++taken) {
+        uint8_t raw = 0;
+        if (!getbytes(file, &raw, 1)) return -1;
+        length = length << 7 | (raw & 0x7F);
+        if ((raw & 0x80) == 0) return taken;
+    }
+}
+
+namespace {
+
+// A stream that refuses to seek forward is read forward.
+int read_over(iso_file* file, uint32_t count) {
+    uint8_t discarded[1024];
+    while (count > 0) {
+        const uint32_t piece = std::min<uint32_t>(count, sizeof discarded);
+        if (!read_stream(file, discarded, piece)) return 0;
+        count -= piece;
+    }
+    return 1;
+}
+
+}  // namespace
+
+int skip(iso_file* file, uint32_t count) {
+    if (file->in_moov_buffer) return seek_buf(file, count) ? 1 : 0;
+    uint32_t offset = 0;
+    if (kstutil_getoffset(file->stream, &offset) != 0) return -1;
+    if (count > UINT32_MAX - offset) return 0;  // past what any stream can hold
+    if (kstutil_seek(file->stream, static_cast<int32_t>(offset + count)) == 0) return 1;
+    return read_over(file, count);
+}
+
+size_t mread(void* destination, size_t size, size_t count, iso_file* file) {
+    if (file->file_pos < file->mdat_start || file->file_pos >= file->mdat_end) return 0;
+    const size_t left = file->mdat_end - file->file_pos;
+    const size_t wanted = size != 0 && count > SIZE_MAX / size ? SIZE_MAX : size * count;
+    const size_t copied = std::min(wanted, left);
+    std::memcpy(destination, file->mdat_buffer + (file->file_pos - file->mdat_start), copied);
+    return copied;
+}
+
+int mseek(iso_file* file, long offset, int whence) {
+    int64_t target = offset;
+    if (whence == SEEK_CUR) target += file->file_pos;
+    if (whence == SEEK_END) target += file->mdat_end;
+    if (target < 0 || target > UINT32_MAX) return -1;
+    file->file_pos = static_cast<uint32_t>(target);
+    return 0;
+}
+
+}  // namespace kestrel

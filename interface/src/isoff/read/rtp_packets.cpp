@@ -1,0 +1,439 @@
+#include <algorithm>
+
+#include "common/clock.h"
+#include "common/simple_exception.h"
+#include "interface/src/isoff/read/sample_index.h"
+
+// RTP packets from a hint track (ISO/IEC 14496-12, 9.1): the packets of each hint sample are
+// rebuilt from their entries and constructors.
+
+namespace kestrel {
+namespace {
+
+constexpr uint32_t kSampleHeader = 4;
+constexpr uint32_t kPacketEntry = 12;
+constexpr uint32_t kConstructor = 16;
+constexpr uint32_t kRtpHeader = 12;
+constexpr uint32_t kRtpVersion2 = 0x80000000;  // in the first word of a header
+constexpr uint8_t kPayloadType = 0x7F;
+constexpr uint8_t kExtraInformation = 4;  // flag of a packet entry
+constexpr uint8_t kLongestImmediate = 14;
+constexpr uint8_t kOwnTrack = 255;  // track reference of a constructor
+constexpr long kEndOfTrackLine = 358;
+
+enum SeqRebase : uint32_t { kNoRebase = 0, kRebaseNext = 1, kRebased = 2 };
+
+enum ConstructorType : uint8_t { kNoop = 0, kImmediate = 1, kSample = 2, kSampleDescription = 3 };
+
+// An entry in words, since that is how it is taken apart fastest. The first four of its bytes are
+// its relative transmission time, which is of no interest.
+struct PacketEntry {
+    uint32_t header;  // as the first word of an RTP header, the version left to us
+    uint32_t rest;    // flags in 16 bits, count of constructors in 16
+
+    uint8_t payload_type() const { return header >> 16 & kPayloadType; }
+    uint16_t sequence() const { return header & 0xFFFF; }
+    uint16_t constructors() const { return rest & 0xFFFF; }
+    bool has_extra_information() const { return (rest >> 16 & kExtraInformation) != 0; }
+};
+
+struct SampleConstructor {
+    uint8_t track_reference;
+    uint16_t length;
+    uint32_t sample_number;  // from 1
+    uint32_t offset;
+};
+
+PacketEntry parse_entry(const uint8_t* raw) {
+    return {load_be32(raw + 4), load_be32(raw + 8)};
+}
+
+SampleConstructor parse_sample_constructor(const uint8_t* raw) {
+    return {raw[1], load_be16(raw + 2), load_be32(raw + 4), load_be32(raw + 8)};
+}
+
+// A copy of few bytes, most often a speech frame, in blocks that overlap at the end.
+inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
+    constexpr uint32_t kBlock = 16;
+    if (count < kBlock) [[unlikely]] {
+        for (uint32_t i = 0; i < count; ++i)
+            to[i] = from[i];
+        return;
+    }
+    std::memcpy(to, from, kBlock);
+    if (count > 2 * kBlock) {
+        for (uint32_t at = kBlock; at < count - kBlock; at += kBlock)
+            std::memcpy(to + at, from + at, kBlock);
+    }
+    std::memcpy(to + (count - kBlock), from + (count - kBlock), kBlock);
+}
+
+// Duration of the hint sample at the cursor in units of the RTP clock.
+inline double rtp_units(iso_track* track) {
+    RtpStep& step = track->index->rtp_step;
+    if (step.entry != track->stts_index || step.rate != track->rtp_timescale) [[unlikely]] {
+        const double duration = seconds(duration_at_cursor(track), track->timescale);
+        step = {track->stts_index, track->rtp_timescale, track->rtp_timescale * duration};
+    }
+    return step.units;
+}
+
+// Reads `count` bytes of a hint sample that cannot be looked at as a whole. 0, or the code that
+// ends the call.
+int read_own(iso_track* track, int32_t sample, uint64_t offset, uint8_t* to, uint32_t count) {
+    if (offset > INT32_MAX) return -1;
+    const int got =
+        isoFFreadAt(track, sample, static_cast<int>(offset), to, count, nullptr, nullptr);
+    if (got < 0) return got;
+    return static_cast<uint32_t>(got) < count ? -1 : 0;
+}
+
+// Builds the next packet of one hint track in the caller's buffer. Its functions return 0, or the
+// code that ends the call. One object serves one call; what it needs for each packet is small, and
+// none of it is reached through a pointer, so that it stays in registers.
+class PacketReader {
+  public:
+    PacketReader(iso_track* track, void* buffer, uint8_t (&scratch)[kConstructor])
+        : track_(track),
+          hint_(*track->hint),
+          offset_(hint_.offset),
+          to_(static_cast<uint8_t*>(buffer)),
+          room_(track->rtp_max_packet),
+          scratch_(scratch) {}
+
+    static constexpr int kAtEnd = 1;  // what open_sample answers behind the last packet
+
+    void resynchronise();
+    int open_sample();
+    int read_packet();
+    uint32_t length() const { return track_->rtp_max_packet - room_; }
+
+    // Ends the call: the position stays where it has come to, also after a failure.
+    void leave() { hint_.offset = static_cast<uint32_t>(offset_); }
+
+  private:
+    bool at_end() const { return hint_.sample >= track_->sample_count; }
+    bool extend(uint32_t count);
+    void view_sample();
+    int take_own(uint32_t count);
+    int skip_extra_information();
+    int write_header(const PacketEntry& entry);
+    int run_constructor();
+    int copy_immediate();
+    int copy_sample();
+    void begin_packets(uint32_t packets);
+    void note_read_position();
+    void next_sample();
+    int build_packet();
+
+    iso_track* track_;
+    rtp_hint_state& hint_;
+    uint64_t offset_;                 // hint_.offset while the call lasts
+    uint8_t* to_;                     // where the packet goes on
+    uint32_t room_;                   // and what it may still have
+    const uint8_t* whole_ = nullptr;  // the hint sample, where all of it was read ahead
+    uint32_t whole_size_ = 0;
+    const uint8_t* own_ = nullptr;  // what take_own has taken, in whole_ or in scratch_
+    uint8_t* scratch_;
+    const iso_track* copied_from_ = nullptr;  // track and offset of the last sample constructor
+    uint32_t copied_offset_ = 0;
+    bool strayed_ = false;  // the hint track's cursor is not on the sample of its packets
+};
+
+// Takes `count` more bytes into the packet, if there is room for them.
+inline bool PacketReader::extend(uint32_t count) {
+    if (count > room_) [[unlikely]]
+        return false;
+    to_ += count;
+    room_ -= count;
+    return true;
+}
+
+// A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
+// left to differ from, only a call of isoFFsetPosition counts.
+inline void PacketReader::resynchronise() {
+    if (hint_.sample == track_->cur_sample && track_->positioned == 0) [[likely]]
+        return;
+    const bool moved = at_end() ? track_->positioned != 0 : hint_.sample != track_->cur_sample;
+    track_->positioned = 0;
+    if (!moved) return;
+    hint_.sample = track_->cur_sample;
+    hint_.packets_left = 0;
+    offset_ = 0;
+}
+
+// Looks at the whole hint sample, if it is short enough to be read ahead and is there.
+inline void PacketReader::view_sample() {
+    const uint32_t size = size_at_cursor(track_);
+    whole_ = from_window(track_, track_->cur_offset, size);
+    whole_size_ = whole_ != nullptr ? size : 0;
+}
+
+// Points own_ at the next `count` bytes of the hint sample, at most those of a constructor.
+inline int PacketReader::take_own(uint32_t count) {
+    if (offset_ + count <= whole_size_) [[likely]] {
+        own_ = whole_ + offset_;
+    } else {
+        whole_size_ = 0;  // reading may move what was read ahead
+        const int result = read_own(track_, hint_.sample, offset_, scratch_, count);
+        if (result != 0) return result;
+        own_ = scratch_;
+    }
+    offset_ += count;
+    return 0;
+}
+
+inline void PacketReader::begin_packets(uint32_t packets) {
+    hint_.packets_left = static_cast<int32_t>(packets);
+    hint_.timestamp = clock_to_timestamp(hint_.rtp_time) + track_->rtp_ts_offset;
+    hint_.rtp_time += rtp_units(track_);
+    // Reduced by 2^32 - 1, one short of the range, and only once.
+    if (hint_.rtp_time > kClockWrapsAt) hint_.rtp_time -= kClockWrap;
+}
+
+// Sees to it that the hint sample at the cursor has packets left: opens samples until one has some,
+// or there are no more. A run of empty ones that is longer than any hinter writes is taken for
+// damage, since a few bytes of tables can tell of billions.
+inline int PacketReader::open_sample() {
+    constexpr int kMostEmptySamples = 65536;
+    if (at_end()) [[unlikely]]
+        return kAtEnd;
+    if (hint_.packets_left != 0) return 0;
+    int empty = 0;
+    do {
+        offset_ = 0;
+        view_sample();
+        const int result = take_own(kSampleHeader);
+        if (result != 0) return result;
+        const uint16_t packets = load_be16(own_);
+        if (packets != 0) [[likely]] {
+            begin_packets(packets);
+            return 0;
+        }
+        if (++empty > kMostEmptySamples) return -1;
+        next_sample();
+    } while (!at_end());
+    return kAtEnd;
+}
+
+inline void PacketReader::next_sample() {
+    offset_ = 0;
+    hint_.sample++;
+    if (!at_end()) advance_cursor(track_);
+}
+
+inline int PacketReader::write_header(const PacketEntry& entry) {
+    uint8_t* header = to_;
+    if (header == nullptr || !extend(kRtpHeader)) return -1;
+    track_->last_payload_type = entry.payload_type();
+    if (track_->seq_rebase == kRebaseNext) [[unlikely]] {
+        track_->rtp_seq_offset -= entry.sequence();
+        track_->seq_rebase = kRebased;
+    }
+    const uint32_t sequence = (track_->rtp_seq_offset + entry.sequence()) & 0xFFFF;
+    const uint32_t timestamp = hint_.timestamp;
+    const uint32_t ssrc = hint_.ssrc;
+    track_->last_seq = sequence;
+    track_->last_timestamp = timestamp;
+    store_be32(header, (entry.header & 0xFFFF0000) | kRtpVersion2 | sequence);
+    store_be32(header + 4, timestamp);
+    store_be32(header + 8, ssrc);
+    return 0;
+}
+
+// The length counts its own four bytes.
+inline int PacketReader::skip_extra_information() {
+    constexpr uint32_t kLength = 4;
+    const uint64_t start = offset_;
+    const int result = take_own(kLength);
+    if (result != 0) return result;
+    const uint32_t length = load_be32(own_);
+    if (start + length > UINT32_MAX) return -1;
+    offset_ = start + length;
+    return 0;
+}
+
+inline int PacketReader::copy_immediate() {
+    const uint32_t count = std::min(own_[1], kLongestImmediate);
+    const uint32_t room = room_;
+    uint8_t* to = to_;
+    if (!extend(count)) return -1;
+    // All that the constructor has, where there is room: what is too much is written over.
+    if (room >= kLongestImmediate) [[likely]] {
+        std::memcpy(to, own_ + 2, kLongestImmediate);
+    } else {
+        std::memcpy(to, own_ + 2, count);
+    }
+    return 0;
+}
+
+// The bytes that a constructor names, where they were read ahead; the cursor is moved to their
+// sample. Null for what has to be read from the stream, and for all that is odd, a piece of no
+// bytes or one that is not inside its sample, which leaves the cursor alone here.
+inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
+    const uint32_t sample = from.sample_number - 1;
+    if (sample >= static_cast<uint32_t>(source->sample_count)) return nullptr;
+    if (source->index == nullptr || from.length == 0) return nullptr;
+    const uint32_t size = sample_size_of(source, static_cast<int32_t>(sample));
+    if (from.length > size || from.offset > size - from.length) return nullptr;
+    if (!is_small_piece(size, from.length)) [[unlikely]]
+        return nullptr;
+    move_cursor(source, static_cast<int32_t>(sample));
+    return from_window(source, uint64_t{source->cur_offset} + from.offset, from.length);
+}
+
+// The long way, for what was not read ahead. 0, or the code that ends the call. The constructor is
+// parsed again, since one that could be handed over would be written to memory for each packet.
+[[gnu::noinline]] int copy_from_stream(iso_track* source, const uint8_t* constructor, uint8_t* to) {
+    const SampleConstructor from = parse_sample_constructor(constructor);
+    if (from.sample_number > INT32_MAX) return -1;
+    const auto offset = static_cast<int>(std::min(from.offset, uint32_t{INT32_MAX}));
+    const int got = isoFFreadAt(source, static_cast<int>(from.sample_number) - 1, offset, to,
+                                from.length, nullptr, nullptr);
+    if (got < 0) return got;
+    return got < from.length ? -1 : 0;
+}
+
+inline int PacketReader::copy_sample() {
+    const SampleConstructor from = parse_sample_constructor(own_);
+    iso_track* source = from.track_reference == kOwnTrack ? track_ : hint_.media_track;
+    uint8_t* to = to_;
+    if (!extend(from.length)) return -1;
+    int result = 0;
+    if (source == track_) [[unlikely]] {
+        whole_size_ = 0;  // its cursor and what was read ahead will move
+        strayed_ = true;
+        result = copy_from_stream(source, own_, to);
+    } else if (const uint8_t* bytes = bytes_ahead(source, from); bytes != nullptr) [[likely]] {
+        copy_small(to, bytes, from.length);
+    } else {
+        result = copy_from_stream(source, own_, to);
+    }
+    copied_from_ = source;
+    copied_offset_ = from.offset;
+    return result;
+}
+
+inline int PacketReader::run_constructor() {
+    const int result = take_own(kConstructor);
+    if (result != 0) return result;
+    switch (own_[0]) {
+        case kImmediate:
+            return copy_immediate();
+        case kSample:
+        case kSampleDescription:
+            // A sample description constructor is served like a sample constructor: its bytes come
+            // from the sample of that number, not from a sample description. Kept on purpose.
+            return copy_sample();
+        case kNoop:
+        default:
+            return 0;
+    }
+}
+
+inline void PacketReader::note_read_position() {
+    const uint32_t own = track_->cur_offset + static_cast<uint32_t>(offset_);
+    track_->last_read_pos =
+        copied_from_ == nullptr ? own : std::min(own, copied_from_->cur_offset + copied_offset_);
+}
+
+inline int PacketReader::build_packet() {
+    // A later packet of the sample, or its header had to be read by itself.
+    if (whole_size_ == 0) view_sample();
+    int result = take_own(kPacketEntry);
+    if (result != 0) return result;
+    const PacketEntry entry = parse_entry(own_);
+    result = write_header(entry);
+    if (result == 0 && entry.has_extra_information()) result = skip_extra_information();
+    if (result != 0) return result;
+    for (uint32_t left = entry.constructors(); left > 0; --left) {
+        result = run_constructor();
+        if (result != 0) [[unlikely]]
+            return result;
+    }
+    return 0;
+}
+
+inline int PacketReader::read_packet() {
+    const int result = build_packet();
+    if (result == 0) note_read_position();
+    // A constructor that copied from another of the hint track's own samples moved its cursor;
+    // were it left there, the next call would take that for a seek and could run in a circle.
+    if (strayed_) [[unlikely]]
+        move_cursor(track_, hint_.sample);
+    if (result != 0) return result;
+    if (--hint_.packets_left == 0) next_sample();
+    return 0;
+}
+
+bool is_hint_track_of(const iso_track* track, const iso_track* media, int max_packet) {
+    const bool is_hint = track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
+    return is_hint && track->hint_track_ref == media->track_id &&
+           int64_t{track->rtp_max_packet} <= max_packet;
+}
+
+iso_track* best_hint_track(const iso_track* media, int max_packet) {
+    if (media == nullptr || media->file == nullptr) return nullptr;
+    iso_track* best = nullptr;
+    for (iso_track* track = media->file->first_track; track != nullptr; track = track->next) {
+        if (!is_hint_track_of(track, media, max_packet)) continue;
+        if (best == nullptr || track->rtp_max_packet > best->rtp_max_packet) best = track;
+    }
+    return best;
+}
+
+}  // namespace
+
+iso_track* attached_hint_track(const iso_track* media, int max_packet) {
+    iso_track* track = best_hint_track(media, max_packet);
+    const bool usable = track != nullptr && track->hint != nullptr && track->sample_count > 0;
+    return usable ? track : nullptr;
+}
+
+}  // namespace kestrel
+
+using namespace kestrel;
+
+iso_track* isoFFrtpHinter(iso_track* media, int max_packet) {
+    iso_track* track = best_hint_track(media, max_packet);
+    if (track == nullptr) return nullptr;
+    if (track->hint == nullptr) track->hint = arena_array<rtp_hint_state>(track->file, 1);
+    if (track->hint == nullptr) return nullptr;
+    *track->hint = rtp_hint_state{};
+    track->hint->media_track = media;
+    return track;
+}
+
+iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
+    iso_track* track = best_hint_track(media, max_packet);
+    if (track == nullptr) return nullptr;
+    if (track->hint == nullptr) {
+        auto* made = static_cast<rtp_hint_state*>(systemmalloc(sizeof(rtp_hint_state)));
+        if (made == nullptr) return nullptr;
+        *made = rtp_hint_state{};
+        track->hint = made;
+        track->hint_from_system = 1;
+    }
+    track->hint->media_track = media;
+    track->hint->packets_left = 0;
+    return track;
+}
+
+int isoFFrtpPacket(iso_track* hint, void* buffer) {
+    if (hint == nullptr || hint->hint == nullptr || hint->hint->media_track == nullptr) return -1;
+    if (hint->index == nullptr && hint->file->write_mode) return -1;
+    uint8_t scratch[kConstructor];
+    PacketReader reader(hint, buffer, scratch);
+    reader.resynchronise();
+    int result = reader.open_sample();
+    if (result == PacketReader::kAtEnd) [[unlikely]] {
+        reader.leave();
+        log_line(kDebug, {kIsoffSource, kEndOfTrackLine},
+                 "isoFFrtpPacket() EOF:  hint->sample=%04d > tp->sample_count=%04d",
+                 hint->sample_count, hint->hint->sample);  // the two figures stand in this order
+        return 0;
+    }
+    if (result == 0) result = reader.read_packet();
+    reader.leave();
+    return result != 0 ? result : static_cast<int>(reader.length());
+}

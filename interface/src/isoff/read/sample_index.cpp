@@ -1,0 +1,86 @@
+#include "interface/src/isoff/read/sample_index.h"
+
+#include <algorithm>
+
+// The index of a track: made once by the same walk that reading takes, so that a checkpoint is what
+// a walk from the first sample would have found, whatever the tables say.
+
+namespace kestrel {
+namespace {
+
+// How many samples of constant size the cursor may pass at once, of `wanted`: to the end of the
+// chunk at the most, and behind the last chunk, where nothing ends any more, all of them.
+uint32_t samples_at_once(const iso_track* track, uint32_t wanted) {
+    if (track->sample_size == 0) return 1;
+    if (track->cur_chunk >= track->chunk_count) return wanted;
+    const uint32_t end = track->chunks[track->cur_chunk].end;
+    if (track->cur_offset >= end) return 1;
+    const uint32_t bytes = end - track->cur_offset;
+    const uint32_t left = bytes / track->sample_size + (bytes % track->sample_size != 0 ? 1 : 0);
+    return std::min(wanted, left);
+}
+
+// The most steps that a walk over the whole track takes. Of constant sizes each but the last
+// enters another chunk.
+size_t most_steps(const iso_track* track) {
+    const auto samples = static_cast<size_t>(track->sample_count);
+    if (track->sample_size == 0) return samples;
+    return std::min(samples, static_cast<size_t>(track->chunk_count) + 1);
+}
+
+bool make_checkpoints(iso_track* track, iso_index* index) {
+    const size_t most = most_steps(track) / kStepsPerCheckpoint + 1;
+    index->checkpoints = arena_array<Checkpoint>(track->file, most);
+    if (index->checkpoints == nullptr) return false;
+    rewind_cursor(track);
+    uint32_t step = 0;
+    do {
+        if (step++ % kStepsPerCheckpoint == 0 && index->checkpoint_count < most) {
+            index->checkpoints[index->checkpoint_count++] = {track->cur_sample, track->cur_chunk,
+                                                             track->cur_offset};
+        }
+        if (track->cur_sample < track->sample_count) {
+            advance_place(track, static_cast<uint32_t>(track->sample_count - track->cur_sample));
+        }
+    } while (track->cur_sample < track->sample_count);
+    rewind_cursor(track);
+    return true;
+}
+
+// How many samples lie in front of each entry of a time table.
+template <typename Entry>
+bool count_samples(iso_track* track, const Entry* entries, int32_t count, uint32_t*& before) {
+    before = arena_array<uint32_t>(track->file, static_cast<size_t>(count));
+    if (before == nullptr) return false;
+    uint32_t samples = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        before[i] = samples;
+        samples = saturating_add(samples, entries[i].count);
+    }
+    return true;
+}
+
+}  // namespace
+
+void rewind_cursor(iso_track* track) {
+    track->cur_sample = 0;
+    track->cur_chunk = 0;
+    track->cur_offset = track->chunk_count >= 1 ? track->chunks[0].start : 0;
+    track->stts_index = track->stts_in_entry = 0;
+    track->ctts_index = track->ctts_in_entry = 0;
+    track->next_alike = 0;
+}
+
+void advance_place(iso_track* track, uint32_t wanted) {
+    const uint32_t samples = samples_at_once(track, wanted);
+    pass(track, samples, uint64_t{samples} * size_at_cursor(track));
+}
+
+bool make_index(iso_track* track) {
+    track->index = arena_array<iso_index>(track->file, 1);
+    return track->index != nullptr && make_checkpoints(track, track->index) &&
+           count_samples(track, track->stts, track->stts_count, track->index->stts_samples) &&
+           count_samples(track, track->ctts, track->ctts_count, track->index->ctts_samples);
+}
+
+}  // namespace kestrel

@@ -1,0 +1,287 @@
+#include <algorithm>
+#include <climits>
+
+#include "interface/src/isoff/read/sample_index.h"
+
+// The sample table boxes (ISO/IEC 14496-12, 8.6 to 8.9) and the check that brings them into
+// agreement with each other.
+
+namespace kestrel {
+namespace {
+
+enum TableBit : uint32_t {
+    kStts = 1,
+    kCtts = 2,
+    kStsz = 4,
+    kStco = 8,
+    kStss = 16,
+    kSbgp = 32,
+    kSgpd = 64,
+};
+
+// Passes over version and flags, and refuses the second table of a kind in one track. Null when
+// the table is not to be read; a table outside any track is of no interest.
+iso_track* begin_table(iso_file* file, TableBit bit, const char* refusal, int& result) {
+    result = 0;
+    iso_track* track = file->current_track;
+    if (track == nullptr) return nullptr;
+    if (track->tables_seen & bit) {
+        diagnose("%s", refusal);
+        result = -1;
+        return nullptr;
+    }
+    track->tables_seen |= bit;
+    getint32(file);  // version and flags
+    return track;
+}
+
+// Reads an entry count and takes an array for that many entries of `stored` bytes each; null, and
+// no memory taken, when the box does not hold them.
+template <typename Entry>
+Entry* take_entries(iso_file* file, uint32_t stored, int32_t& count) {
+    count = 0;
+    const uint32_t told = getint32(file);
+    if (told > INT_MAX || told > file->moov_left / stored) return nullptr;
+    auto* entries = arena_array<Entry>(file, told);
+    if (entries != nullptr) count = static_cast<int32_t>(told);
+    return entries;
+}
+
+// Samples that a time table speaks of.
+template <typename Entry>
+uint64_t samples_told(const Entry* entries, int32_t count) {
+    uint64_t sum = 0;
+    for (int32_t i = 0; i < count; ++i)
+        sum += entries[i].count;
+    return sum;
+}
+
+// The `end` of a chunk of `bytes` bytes; file offsets stop at 32 bits.
+uint32_t chunk_end(uint32_t start, uint64_t bytes) {
+    return static_cast<uint32_t>(std::min<uint64_t>(start + bytes, UINT32_MAX));
+}
+
+bool times_agree(const iso_track* track) {
+    const auto samples = static_cast<uint64_t>(track->sample_count);
+    if (samples_told(track->stts, track->stts_count) < samples) {
+        diagnose("invalid stts\n");
+        return false;
+    }
+    const uint64_t composed = samples_told(track->ctts, track->ctts_count);
+    if (composed >= 1 && composed < samples) {
+        diagnose("invalid ctts %d\n", static_cast<int>(composed));
+        return false;
+    }
+    return true;
+}
+
+// How many samples each chunk holds, chunk by chunk. The first-chunk numbers of the entries are
+// used for their differences only.
+class ChunkRuns {
+  public:
+    explicit ChunkRuns(const iso_track* track) : track_(track) {}
+
+    // Moves to the next chunk. The last entry stays in force.
+    void next_chunk() {
+        if (--run_ >= 1) return;
+        if (has_next()) ++entry_;
+        run_ = has_next() ? int64_t{track_->stsc[entry_ + 1].first_chunk} -
+                                int64_t{track_->stsc[entry_].first_chunk}
+                          : 1;
+    }
+
+    uint32_t samples() const { return track_->stsc[entry_].samples_per_chunk; }
+
+  private:
+    bool has_next() const { return entry_ + 1 < track_->stsc_count; }
+
+    const iso_track* track_;
+    int32_t entry_ = -1;
+    int64_t run_ = 0;
+};
+
+uint64_t bytes_of_samples(const iso_track* track, int32_t first, uint32_t count) {
+    if (track->sample_size != 0) return uint64_t{count} * track->sample_size;
+    uint64_t bytes = 0;
+    for (uint32_t i = 0; i < count; ++i)
+        bytes += track->sample_sizes[static_cast<uint32_t>(first) + i];
+    return bytes;
+}
+
+void fill_single_sample_chunks(iso_track* track) {
+    for (int32_t i = 0; i < track->chunk_count; ++i) {
+        iso_chunk& chunk = track->chunks[i];
+        chunk.end = chunk_end(chunk.start, sample_size_of(track, i));
+    }
+}
+
+void fill_chunks_by_runs(iso_track* track) {
+    int32_t covered = 0;
+    int32_t chunk = 0;
+    ChunkRuns runs(track);
+    for (; track->stsc_count > 0 && chunk < track->chunk_count; ++chunk) {
+        runs.next_chunk();
+        const uint32_t count = runs.samples();
+        if (count > static_cast<uint32_t>(track->sample_count - covered)) break;
+        track->chunks[chunk].end =
+            chunk_end(track->chunks[chunk].start, bytes_of_samples(track, covered, count));
+        covered += static_cast<int32_t>(count);
+    }
+    if (covered == track->sample_count && chunk == track->chunk_count) return;
+    diagnose(
+        "Warning: inconsistent stsc/stco/stsz tables --- sample count %d/%d stco count %d/%d \n",
+        track->sample_count, covered, track->chunk_count, chunk);
+    track->sample_count = covered;
+    track->chunk_count = chunk;
+}
+
+}  // namespace
+
+int read_stts(iso_file* file, uint32_t) {
+    int result;
+    iso_track* track = begin_table(file, kStts, "extra stts\n", result);
+    if (track == nullptr) return result;
+    track->stts = take_entries<iso_stts_entry>(file, 8, track->stts_count);
+    if (track->stts == nullptr) return -1;
+    for (int32_t i = 0; i < track->stts_count; ++i) {
+        track->stts[i].count = getint32(file);
+        track->stts[i].delta = getint32(file);
+    }
+    return 0;
+}
+
+int read_ctts(iso_file* file, uint32_t) {
+    int result;
+    iso_track* track = begin_table(file, kCtts, "extra ctts\n", result);
+    if (track == nullptr) return result;
+    track->ctts = take_entries<iso_ctts_entry>(file, 8, track->ctts_count);
+    if (track->ctts == nullptr) return -1;
+    for (int32_t i = 0; i < track->ctts_count; ++i) {
+        track->ctts[i].count = getint32(file);
+        track->ctts[i].offset = static_cast<int32_t>(getint32(file));
+    }
+    return 0;
+}
+
+int read_stsc(iso_file* file, uint32_t) {
+    iso_track* track = file->current_track;
+    if (track == nullptr) return 0;
+    getint32(file);  // version and flags
+    track->stsc = take_entries<iso_stsc_entry>(file, 12, track->stsc_count);
+    if (track->stsc == nullptr) return -1;
+    for (int32_t i = 0; i < track->stsc_count; ++i) {
+        track->stsc[i].first_chunk = getint32(file);
+        track->stsc[i].samples_per_chunk = getint32(file);
+        track->stsc[i].description_index = getint32(file);
+    }
+    return 0;
+}
+
+int read_stsz(iso_file* file, uint32_t) {
+    int result;
+    iso_track* track = begin_table(file, kStsz, "extra stsz\n", result);
+    if (track == nullptr) return result;
+    track->sample_size = getint32(file);
+    if (track->sample_size != 0) {
+        const uint32_t count = getint32(file);
+        if (count > INT_MAX) return -1;
+        track->sample_count = static_cast<int32_t>(count);
+        track->told_samples = count;
+        track->total_bytes = count * track->sample_size;
+        return 0;
+    }
+    track->sample_sizes = take_entries<uint32_t>(file, 4, track->sample_count);
+    if (track->sample_sizes == nullptr) return -1;
+    track->told_samples = static_cast<uint32_t>(track->sample_count);
+    for (int32_t i = 0; i < track->sample_count; ++i) {
+        const uint32_t size = getint32(file);
+        track->sample_sizes[i] = size;
+        track->total_bytes += size;
+        track->max_sample_size = std::max(track->max_sample_size, size);
+    }
+    return 0;
+}
+
+int read_stco(iso_file* file, uint32_t) {
+    int result;
+    iso_track* track = begin_table(file, kStco, "extra stco\n", result);
+    if (track == nullptr) return result;
+    track->chunks = take_entries<iso_chunk>(file, 4, track->chunk_count);
+    if (track->chunks == nullptr) return -1;
+    for (int32_t i = 0; i < track->chunk_count; ++i)
+        track->chunks[i].start = getint32(file);
+    return 0;
+}
+
+int read_stss(iso_file* file, uint32_t) {
+    int result;
+    iso_track* track = begin_table(file, kStss, "extra stss\n", result);
+    if (track == nullptr) return result;
+    int32_t count = 0;
+    track->sync_samples = take_entries<uint32_t>(file, 4, count);
+    if (track->sync_samples == nullptr) return -1;
+    track->sync_count = static_cast<uint32_t>(count);
+    for (int32_t i = 0; i < count; ++i)
+        track->sync_samples[i] = getint32(file);
+    return 0;
+}
+
+int read_sbgp(iso_file* file, uint32_t) {
+    int result;
+    iso_track* track = begin_table(file, kSbgp, "extra sbgp\n", result);
+    if (track == nullptr) return result;
+    getint32(file);  // grouping type
+    int32_t count = 0;
+    auto* entries = take_entries<iso_sbgp_entry>(file, 8, count);
+    if (entries == nullptr) return -1;
+    track->sbgp_count = static_cast<uint32_t>(count);
+    track->sbgp_list = count > 0 ? entries : nullptr;
+    for (int32_t i = 0; i < count; ++i) {
+        entries[i].sample_count = getint32(file);
+        entries[i].group_description_index = getint32(file);
+        entries[i].next = i + 1 < count ? &entries[i + 1] : nullptr;
+    }
+    return 0;
+}
+
+int read_sgpd(iso_file* file, uint32_t) {
+    int result;
+    iso_track* track = begin_table(file, kSgpd, "extra sgpd\n", result);
+    if (track == nullptr) return result;
+    getID(file, track->sgpd_type);
+    const uint32_t type = load_be32(reinterpret_cast<const uint8_t*>(track->sgpd_type));
+    if (type != fourcc("3gag") && type != fourcc("avcb")) {
+        diagnose("skipping unknown grouping type: %s\n", track->sgpd_type);
+        return 0;
+    }
+    int32_t count = 0;
+    auto* entries = take_entries<iso_sgpd_entry>(file, 2, count);
+    if (entries == nullptr) return -1;
+    for (int32_t i = 0; i < count; ++i) {
+        const uint16_t records = getint16(file);
+        if (records > file->moov_left / sizeof(iso_sgpd_record)) return -1;
+        entries[i].count = records;
+        entries[i].records = arena_array<iso_sgpd_record>(file, records);
+        if (entries[i].records == nullptr) return -1;
+        for (uint16_t r = 0; r < records; ++r) {
+            for (uint32_t& word : entries[i].records[r].words)
+                word = getint32(file);
+        }
+        entries[i].next = i + 1 < count ? &entries[i + 1] : nullptr;
+    }
+    track->sgpd_count = static_cast<uint32_t>(count);
+    track->sgpd_list = count > 0 ? entries : nullptr;
+    return 0;
+}
+
+int check_tables(iso_track* track) {
+    if (!times_agree(track)) return -1;
+    if (track->sample_count == track->chunk_count) {
+        fill_single_sample_chunks(track);
+    } else {
+        fill_chunks_by_runs(track);
+    }
+    return make_index(track) ? 0 : -1;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,339 @@
+#include <algorithm>
+#include <climits>
+
+#include "interface/src/isoff/read/sample_index.h"
+#include "kestrel/kstutil.h"
+
+// Reading samples: the cursor walk over the tables, and access by cursor and by number.
+
+namespace kestrel {
+namespace {
+
+// A position in a time table: an entry, and how many of its samples lie in front.
+struct TimeCursor {
+    int32_t& index;
+    int32_t& in_entry;
+
+    // Moves from `from` samples into the table to `to`. `before` tells how many samples lie in
+    // front of each entry.
+    template <typename Entry>
+    void move(const Entry* entries, int32_t count, const uint32_t* before, int32_t from,
+              int32_t to) const {
+        if (count == 0) return;
+        if (from <= to && index < count) {
+            const auto passed = static_cast<uint32_t>(to - from);
+            if (passed < entries[index].count - static_cast<uint32_t>(in_entry)) {
+                in_entry += static_cast<int32_t>(passed);
+                return;
+            }
+        }
+        // The last entry that begins at the sample or in front of it; so never one that stands for
+        // no sample, unless the table ends with it.
+        const uint32_t* behind =
+            std::upper_bound(before + 1, before + count, static_cast<uint32_t>(to));
+        index = static_cast<int32_t>(behind - before) - 1;
+        in_entry = to - static_cast<int32_t>(before[index]);
+    }
+};
+
+// Stores the times of the sample at the cursor, in seconds, where they are wanted.
+void tell_times(iso_track* track, double* duration, double* cts_offset) {
+    if (duration != nullptr) *duration = seconds(duration_at_cursor(track), track->timescale);
+    if (cts_offset == nullptr) return;
+    while (track->ctts_index < track->ctts_count && track->ctts[track->ctts_index].count == 0)
+        ++track->ctts_index;
+    const bool has_entry = track->ctts_index < track->ctts_count;
+    *cts_offset =
+        has_entry ? seconds(track->ctts[track->ctts_index].offset, track->timescale) : 0.0;
+}
+
+// Reads at a file offset in the way that the host asked for. `failed` tells a stream failure; the
+// result is the number of bytes read, never more than were asked for.
+uint32_t read_at(iso_file* file, uint32_t offset, void* buffer, uint32_t length, bool& failed) {
+    uint32_t got = 0;
+    if (file->indexed_read) {
+        failed = kstutil_indexread(file->stream, buffer, offset, length, &got) != 0;
+    } else {
+        got = length;
+        failed = kstutil_seek(file->stream, static_cast<int32_t>(offset)) != 0 ||
+                 kstutil_seeknread(file->stream, buffer, &got) != 0;
+    }
+    return failed ? 0 : std::min(got, length);
+}
+
+// Bytes of the track's data from `offset` to the end of the chunk at the cursor.
+uint32_t bytes_to_chunk_end(const iso_track* track, uint32_t offset) {
+    if (track->cur_chunk >= track->chunk_count) return 0;
+    const uint32_t end = track->chunks[track->cur_chunk].end;
+    return offset < end ? end - offset : 0;
+}
+
+uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint32_t length,
+                           bool& failed) {
+    failed = false;
+    const uint8_t* ahead = is_small_piece(size_at_cursor(track), length)
+                               ? from_window(track, offset, length)
+                               : nullptr;
+    if (ahead != nullptr) {
+        std::memcpy(buffer, ahead, length);
+        return length;
+    }
+    return read_at(track->file, offset, buffer, length, failed);
+}
+
+// How many of the next samples lie behind the one at hand in its chunk: of `most`, and as far as it
+// is worth looking.
+uint32_t next_in_chunk(const iso_track* track, uint32_t most) {
+    constexpr uint32_t kFarEnough = 64;
+    if (track->cur_chunk >= track->chunk_count) return 0;
+    const uint32_t end = track->chunks[track->cur_chunk].end;
+    const auto left = static_cast<uint32_t>(track->sample_count - track->cur_sample) - 1;
+    uint64_t offset = track->cur_offset;
+    uint32_t next = 0;
+    for (; next < std::min({left, most, kFarEnough}); ++next) {
+        offset += sample_size_of(track, track->cur_sample + static_cast<int32_t>(next));
+        if (offset >= end) break;
+    }
+    return next;
+}
+
+// A track that is being written has no tables yet.
+bool is_readable(const iso_track* track) {
+    return track != nullptr && !track->file->write_mode;
+}
+
+}  // namespace
+
+void move_times(iso_track* track, int32_t from) {
+    const iso_index& index = *track->index;
+    const int32_t to = track->cur_sample;
+    TimeCursor{track->stts_index, track->stts_in_entry}.move(track->stts, track->stts_count,
+                                                             index.stts_samples, from, to);
+    TimeCursor{track->ctts_index, track->ctts_in_entry}.move(track->ctts, track->ctts_count,
+                                                             index.ctts_samples, from, to);
+}
+
+void advance_by_tables(iso_track* track) {
+    const int32_t from = track->cur_sample;
+    advance_place(track, 1);
+    move_times(track, from);
+    if (track->ctts_count > 0 || track->cur_sample >= track->sample_count) return;
+    const uint32_t in_entry =
+        track->stts[track->stts_index].count - static_cast<uint32_t>(track->stts_in_entry);
+    if (in_entry > 1) track->next_alike = next_in_chunk(track, in_entry - 1);
+}
+
+const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
+    if (wanted > UINT32_MAX) return nullptr;
+    const auto offset = static_cast<uint32_t>(wanted);
+    ReadWindow& window = track->index->window;
+    const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
+    if (ahead <= length) return nullptr;
+    // Who jumps about is not served ahead, before a second piece follows the first; the bytes that
+    // a packet has in place of those in the file may lie between them.
+    constexpr uint32_t kGap = 64;
+    const bool goes_on = offset - window.start <= window.length + kGap ||
+                         track->cur_offset == track->chunks[track->cur_chunk].start;
+    if (!goes_on) {
+        window.start = saturating_add(offset, length);
+        window.length = 0;
+        return nullptr;
+    }
+    if (window.bytes == nullptr) {
+        window.bytes = arena_array<uint8_t>(track->file, ReadWindow::kRoom);
+        if (window.bytes == nullptr) return nullptr;
+    }
+    bool failed = false;
+    window.start = offset;
+    window.length = read_at(track->file, offset, window.bytes, ahead, failed);
+    return length <= window.length ? window.bytes : nullptr;
+}
+
+namespace {
+
+// The last checkpoint that is not behind `sample`.
+const Checkpoint& checkpoint_before(const iso_track* track, int32_t sample) {
+    const Checkpoint* first = track->index->checkpoints;
+    const Checkpoint* behind =
+        std::upper_bound(first + 1, first + track->index->checkpoint_count, sample,
+                         [](int32_t wanted, const Checkpoint& at) { return wanted < at.sample; });
+    return *(behind - 1);
+}
+
+void stand_at(iso_track* track, const Checkpoint& at) {
+    track->cur_sample = at.sample;
+    track->cur_chunk = at.chunk;
+    track->cur_offset = at.offset;
+}
+
+}  // namespace
+
+void set_sample_pos(iso_track* track, int32_t target) {
+    const int32_t from = track->cur_sample;
+    if (target == from) return;
+    track->next_alike = 0;
+    if (target < from || static_cast<uint32_t>(target - from) > kStepsPerCheckpoint) {
+        const Checkpoint& nearest = checkpoint_before(track, target);
+        if (target < from || nearest.sample > from) stand_at(track, nearest);
+    }
+    while (track->cur_sample < target)
+        advance_place(track, static_cast<uint32_t>(target - track->cur_sample));
+    move_times(track, from);
+}
+
+}  // namespace kestrel
+
+using namespace kestrel;
+
+int isoFFread(iso_track* track, void* buffer, int buffer_size, double* duration,
+              double* cts_offset) {
+    if (!is_readable(track) || buffer_size < 0 || track->cur_sample >= track->sample_count)
+        return -1;
+    const uint32_t size = sample_size_of(track, track->cur_sample);
+    if (size > static_cast<uint32_t>(buffer_size)) return -1;
+    bool failed = false;
+    const uint32_t got = read_sample_bytes(track, track->cur_offset, buffer, size, failed);
+    if (failed || got < size) return -2;
+    tell_times(track, duration, cts_offset);
+    advance_cursor(track);
+    return static_cast<int>(size);
+}
+
+int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned length,
+                double* duration, double* cts_offset) {
+    if (!is_readable(track) || sample < 0 || sample >= track->sample_count) return -1;
+    const uint32_t size = sample_size_of(track, sample);
+    if (length == 0 || offset < 0 || static_cast<uint32_t>(offset) >= size) return 0;
+    set_sample_pos(track, sample);
+    const uint32_t wanted =
+        std::min({length, size - static_cast<uint32_t>(offset), static_cast<uint32_t>(INT_MAX)});
+    const uint32_t from = saturating_add(track->cur_offset, static_cast<uint32_t>(offset));
+    bool failed = false;
+    const uint32_t got = read_sample_bytes(track, from, buffer, wanted, failed);
+    // Only the positioned read's failure is told; that of a seek or a plain read shows as 0 bytes.
+    if (failed && track->file->indexed_read) return -2;
+    tell_times(track, duration, cts_offset);
+    return static_cast<int>(got);
+}
+
+int isoFFsetPosition(iso_track* track, int sample) {
+    if (!is_readable(track) || sample < 0 || sample >= track->sample_count) return -1;
+    set_sample_pos(track, sample);
+    track->positioned = 1;
+    return 0;
+}
+
+int isoFFframeInfo(iso_track* track, double* duration, int* size) {
+    if (!is_readable(track) || track->cur_sample >= track->sample_count) return -1;
+    tell_times(track, duration, nullptr);
+    if (size != nullptr) {
+        const bool with_dsi = track->dsi_sent == 0 &&
+                              (track->flags & iso_track_prepends_dsi) != 0 &&
+                              track->dsi_length >= 1;
+        const uint32_t bytes = sample_size_of(track, track->cur_sample);
+        *size = static_cast<int>(bytes + (with_dsi ? track->dsi_length : 0));
+    }
+    return 0;
+}
+
+int isoFFtrackInfo(iso_track* track, int* codec, int* sample_count, double* duration, int* bytes) {
+    if (track == nullptr) return -1;
+    if (codec != nullptr) *codec = track->codec;
+    if (sample_count != nullptr) *sample_count = track->sample_count;
+    if (duration != nullptr) *duration = seconds(track->duration, track->timescale);
+    if (bytes != nullptr) *bytes = static_cast<int>(track->total_bytes);
+    return 0;
+}
+
+int isoFFfileInfo(iso_file* file, int* tracks, double* duration, int* bytes) {
+    if (file == nullptr) return -1;
+    int count = 0;
+    uint32_t sum = 0;
+    for (const iso_track* track = file->first_track; track != nullptr; track = track->next) {
+        ++count;
+        sum += track->total_bytes;
+    }
+    if (tracks != nullptr) *tracks = count;
+    if (duration != nullptr) *duration = seconds(file->duration, file->timescale);
+    if (bytes != nullptr) *bytes = static_cast<int>(sum);
+    return 0;
+}
+
+namespace {
+
+constexpr uint32_t kNoMoreSamples = 0xFFFFFFFF;
+
+// The tracks with the lowest and the second lowest file position; null where there is none. Of
+// equals, the earlier in the list comes first.
+struct LowestTwo {
+    iso_track* first = nullptr;
+    iso_track* second = nullptr;
+
+    void consider(iso_track* track) {
+        if (first == nullptr || track->cur_offset < first->cur_offset) {
+            second = first;
+            first = track;
+        } else if (second == nullptr || track->cur_offset < second->cur_offset) {
+            second = track;
+        }
+    }
+};
+
+// Samples of the track's entry that the cursor may pass at once, of those that begin in front of
+// `limit`: at least one.
+uint32_t samples_in_front(const iso_track* track, uint32_t limit) {
+    if (track->sample_size == 0 || track->cur_offset >= limit) return 1;
+    const uint32_t bytes = limit - track->cur_offset;
+    const uint32_t samples = bytes / track->sample_size + (bytes % track->sample_size != 0 ? 1 : 0);
+    const auto left = static_cast<uint32_t>(track->sample_count - track->cur_sample);
+    const uint32_t same_duration =
+        track->stts[track->stts_index].count - static_cast<uint32_t>(track->stts_in_entry);
+    return std::min({samples, left, same_duration});
+}
+
+// Passes the samples of `track` that lie in front of `limit`, at least one; returns their time.
+double pass_samples(iso_track* track, uint32_t limit) {
+    double units = 0.0;
+    do {
+        const int32_t from = track->cur_sample;
+        const double duration = duration_at_cursor(track);
+        advance_place(track, samples_in_front(track, limit));
+        units += duration * (track->cur_sample - from);
+        move_times(track, from);
+        if (track->cur_sample >= track->sample_count || track->cur_chunk >= track->chunk_count) {
+            track->cur_offset = kNoMoreSamples;
+        }
+    } while (track->cur_offset < limit);
+    return seconds(units, track->timescale);
+}
+
+}  // namespace
+
+double isoFFgetInterleave(iso_file* file) {
+    int tracks = 0;
+    if (isoFFfileInfo(file, &tracks, nullptr, nullptr) != 0 || tracks == 0) return 0.0;
+    if (file->write_mode) return 0.0;
+    // The walk moves on copies of the tracks, so that the tracks' own cursors stay where they are.
+    auto* cursors =
+        static_cast<iso_track*>(systemmalloc(static_cast<size_t>(tracks) * sizeof(iso_track)));
+    if (cursors == nullptr) return -1.0;
+    iso_track* cursor = cursors;
+    for (const iso_track* track = file->first_track; track != nullptr; track = track->next) {
+        *cursor = *track;
+        rewind_cursor(cursor++);
+    }
+    // Tables whose samples lie on top of each other can tell of any number of turns.
+    constexpr int kMostVisits = 1 << 22;
+    double longest = 0.0;
+    for (int turns = kMostVisits / tracks; turns > 0; --turns) {
+        LowestTwo lowest;
+        for (int i = 0; i < tracks; ++i) {
+            const bool done = cursors[i].cur_offset == kNoMoreSamples;
+            if (cursors[i].sample_count > 0 && !done) lowest.consider(&cursors[i]);
+        }
+        if (lowest.second == nullptr) break;
+        longest = std::max(longest, pass_samples(lowest.first, lowest.second->cur_offset));
+    }
+    systemfree(cursors);
+    return longest;
+}

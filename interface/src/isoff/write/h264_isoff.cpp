@@ -1,0 +1,51 @@
+#include <climits>
+
+#include "interface/src/isoff/isoff.h"
+#include "kestrel/codec.h"
+
+// Tracks for the writer whose sample entries hold a configuration record: H.264 (ISO/IEC 14496-15)
+// and MPEG-4 Visual (ISO/IEC 14496-14).
+
+using namespace kestrel;
+
+namespace {
+
+struct PictureFormat {
+    uint32_t width, height;  // pixels
+    uint32_t timescale;
+};
+
+// A track that keeps its configuration; null where that cannot be. `entry_bytes` are those of the
+// entry without it.
+iso_track* configured_track(iso_file* file, int32_t codec, const void* config, unsigned length,
+                            const PictureFormat& picture, uint32_t entry_bytes) {
+    if (config == nullptr || length < 1 || length > INT_MAX) return nullptr;
+    TrackAttempt attempt(file);
+    iso_track* track = new_visual_track(file, codec, picture.timescale, picture.width,
+                                        picture.height, entry_bytes + length);
+    if (track == nullptr) return nullptr;
+    const int kept = isoFFsetDecoderSpecificInfo(track, config, static_cast<int>(length));
+    return kept == 0 ? attempt.keep(track) : nullptr;
+}
+
+}  // namespace
+
+iso_track* h264_isoFFtrack(iso_file* file, const void* avcc, unsigned length, unsigned width,
+                           unsigned height, unsigned timescale) {
+    constexpr uint32_t kEntryBytes = 114;  // avc1 (86), header of avcC (8), vmhd (20)
+    return configured_track(file, ISO_CODEC_AVC1, avcc, length, {width, height, timescale},
+                            kEntryBytes);
+}
+
+iso_track* mpeg4_isoFFtrack(iso_file* file, const void* config, unsigned length, unsigned width,
+                            unsigned height, unsigned timescale) {
+    constexpr uint32_t kEntryBytes = 155;   // mp4v (86), esds (49), vmhd (20)
+    constexpr uint8_t kMpeg4Visual = 0x20;  // object type indication (14496-1, table 8)
+    constexpr uint8_t kVisualStream = 4;    // stream type (14496-1, table 9)
+    iso_track* track = configured_track(file, ISO_CODEC_MP4V, config, length,
+                                        {width, height, timescale}, kEntryBytes);
+    if (track == nullptr) return nullptr;
+    track->object_type = kMpeg4Visual;
+    track->stream_type = kVisualStream;
+    return track;
+}

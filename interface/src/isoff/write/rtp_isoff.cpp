@@ -1,0 +1,336 @@
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <new>
+#include <string>
+
+#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/write/hint_sample_planner.h"
+
+// RTP hint tracks for the writer (ISO/IEC 14496-12, 9.1): the track with its SDP, and its samples.
+
+namespace kestrel {
+
+// A hint sample that was written.
+struct SentSample {
+    uint64_t time;   // RTP units
+    uint64_t bytes;  // of its packets
+    SentSample* next;
+};
+
+}  // namespace kestrel
+
+// What a hint track that is being written knows of its media track. Lives in the arena.
+struct iso_hinter {
+    iso_track* media;
+    kestrel::VideoPayload payload;
+    uint32_t source_format;  // of the last H.263 picture
+    uint16_t sequence;       // of the next packet
+    uint64_t media_time;     // of the next sample, media units
+    uint64_t packets, bytes;
+    // Samples of the last second, for the highest bit rate; and records for those to come.
+    kestrel::SentSample* first_sent;
+    kestrel::SentSample* last_sent;
+    kestrel::SentSample* spare;
+    uint64_t sent_bytes;  // of the last second
+};
+
+namespace kestrel {
+namespace {
+
+constexpr uint32_t kVideoClock = 90000;
+constexpr int kLeastPacket = 64;
+constexpr int kMostPacket = 65535;
+constexpr int kLastPayloadType = 127;
+constexpr int kNoMemory = -2;
+constexpr int kCannotBeCut = -3;
+constexpr int kTooLong = -7;
+
+bool is_speech(const iso_track* media) {
+    return media->codec == ISO_CODEC_SAMR || media->codec == ISO_CODEC_SAWB;
+}
+
+uint32_t clock_of(const iso_track* media) {
+    constexpr uint32_t kNarrowBandRate = 8000, kWideBandRate = 16000;
+    if (!is_speech(media)) return kVideoClock;
+    return media->codec == ISO_CODEC_SAWB ? kWideBandRate : kNarrowBandRate;
+}
+
+bool can_be_hinted(const iso_track* media) {
+    if (media->timescale == 0) return false;
+    switch (media->codec) {
+        case ISO_CODEC_AVC1:
+            return media->dsi_length != 0 && media->nal_length_size != 0;
+        case ISO_CODEC_MP4V:
+            return media->dsi_length != 0;
+        default:
+            return is_speech(media) || media->codec == ISO_CODEC_S263;
+    }
+}
+
+// --- SDP (RFC 4566 and the payload formats' media types) ---
+
+std::string hex(std::span<const uint8_t> bytes) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
+    }
+    return text;
+}
+
+std::string base64(std::span<const uint8_t> bytes) {
+    constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    for (size_t at = 0; at < bytes.size(); at += 3) {
+        const size_t count = std::min<size_t>(bytes.size() - at, 3);
+        uint32_t group = 0;
+        for (size_t i = 0; i < 3; ++i)
+            group = group << 8 | (i < count ? bytes[at + i] : 0U);
+        for (size_t i = 0; i < 4; ++i)
+            text += i <= count ? kDigits[group >> (18 - 6 * i) & 63] : '=';
+    }
+    return text;
+}
+
+// The parameter sets of an `avcC` record, separated by commas (RFC 6184, 8.1); nothing where all of
+// them are in the stream.
+std::string sprop_parameter_sets(const iso_track* media) {
+    constexpr size_t kFixedPart = 5;
+    ByteReader reader({media->dsi, media->dsi_length});
+    reader.skip(kFixedPart);
+    std::string sets;
+    for (int kind = 0; kind < 2; ++kind) {
+        for (int left = reader.u8() & 0x1F; left > 0 && reader.ok(); --left) {
+            if (!sets.empty()) sets += ',';
+            sets += base64(reader.take(reader.be16()));
+        }
+    }
+    return sets.empty() ? "" : "; sprop-parameter-sets=" + sets;
+}
+
+struct MediaType {
+    std::string name;
+    std::string parameters;
+};
+
+MediaType media_type_of(const iso_track* media, const iso_hinter* hinter) {
+    const std::span<const uint8_t> dsi(media->dsi, media->dsi_length);
+    switch (media->codec) {
+        case ISO_CODEC_SAMR:
+            return {"AMR", "octet-align=1"};
+        case ISO_CODEC_SAWB:
+            return {"AMR-WB", "octet-align=1"};
+        case ISO_CODEC_S263:
+            if (hinter->payload != VideoPayload::kRfc4629) return {"H263", ""};
+            return {"H263-2000", "profile=" + std::to_string(media->profile) +
+                                     "; level=" + std::to_string(media->level)};
+        case ISO_CODEC_AVC1:
+            return {"H264",
+                    "profile-level-id=" + (dsi.size() >= 4 ? hex(dsi.subspan(1, 3)) : "42000A") +
+                        "; packetization-mode=1" + sprop_parameter_sets(media)};
+        default:
+            return {"MP4V-ES",
+                    "profile-level-id=" + std::to_string(media->level) + "; config=" + hex(dsi)};
+    }
+}
+
+std::string sdp_of(const iso_track* hint, const iso_track* media) {
+    const MediaType type = media_type_of(media, hint->hinter);
+    const std::string number = std::to_string(hint->last_payload_type);
+    std::string text = is_speech(media) ? "m=audio 0 RTP/AVP " : "m=video 0 RTP/AVP ";
+    text += number + "\r\na=rtpmap:" + number + ' ' + type.name + '/' +
+            std::to_string(hint->rtp_timescale) + "\r\n";
+    if (!type.parameters.empty()) text += "a=fmtp:" + number + ' ' + type.parameters + "\r\n";
+    return text + "a=control:trackID=" + std::to_string(hint->track_id) + "\r\n";
+}
+
+bool keep_sdp(iso_track* hint, const std::string& text) {
+    hint->sdp_text = arena_array<char>(hint->file, text.size() + 1);
+    if (hint->sdp_text == nullptr) return false;
+    std::copy(text.begin(), text.end(), hint->sdp_text);
+    return true;
+}
+
+// --- times ---
+
+// From media units to RTP units, rounded.
+int64_t rescale(int64_t units, const iso_track* hint) {
+    return std::llround(static_cast<long double>(units) * hint->timescale /
+                        hint->hinter->media->timescale);
+}
+
+bool keep_edits(iso_track* hint) {
+    const iso_track* media = hint->hinter->media;
+    if (media->edit_count <= 0) return true;
+    const auto count = static_cast<size_t>(media->edit_count);
+    hint->edits = arena_array<iso_elst_entry>(hint->file, count);
+    if (hint->edits == nullptr) return false;
+    hint->edit_count = media->edit_count;
+    for (size_t i = 0; i < count; ++i) {
+        hint->edits[i] = media->edits[i];
+        if (media->edits[i].media_time > 0) {
+            hint->edits[i].media_time = rescale(media->edits[i].media_time, hint);
+        }
+    }
+    return true;
+}
+
+// --- samples ---
+
+bool plan_packets(const iso_track* hint, std::span<const uint8_t> sample, HintPackets& packets) {
+    constexpr uint32_t kFramesPerSecond = 50;
+    iso_hinter* hinter = hint->hinter;
+    const iso_track* media = hinter->media;
+    const size_t most = hint->rtp_max_packet;
+    if (is_speech(media)) {
+        return packets_of_speech(sample, media->codec == ISO_CODEC_SAWB, most,
+                                 hint->timescale / kFramesPerSecond, packets);
+    }
+    if (media->codec == ISO_CODEC_AVC1) {
+        return packets_of_units(sample, media->nal_length_size, most, packets);
+    }
+    return packets_of_picture(sample, hinter->payload, most, hinter->source_format, packets);
+}
+
+// --- bit rates ---
+
+uint32_t bits_per_second(uint64_t bytes, uint64_t units, uint32_t timescale) {
+    const double rate = 8.0 * static_cast<double>(bytes) * timescale / static_cast<double>(units);
+    return static_cast<uint32_t>(std::min(rate, static_cast<double>(UINT32_MAX)));
+}
+
+// A record for the next sample, in place of that of one which is a second old, so that they do not
+// pile up in the arena. Null without memory.
+SentSample* take_record(iso_track* hint) {
+    iso_hinter* hinter = hint->hinter;
+    while (hinter->first_sent != nullptr &&
+           hinter->first_sent->time + hint->timescale <= hint->duration) {
+        SentSample* old = hinter->first_sent;
+        hinter->first_sent = old->next;
+        hinter->sent_bytes -= old->bytes;
+        old->next = hinter->spare;
+        hinter->spare = old;
+    }
+    if (hinter->spare == nullptr) hinter->spare = arena_array<SentSample>(hint->file, 1);
+    return hinter->spare;
+}
+
+// Counts a sample that was written into the rates, with the record that was taken for it.
+void count_rates(iso_track* hint, SentSample* sent, uint64_t time, uint64_t bytes) {
+    iso_hinter* hinter = hint->hinter;
+    hinter->spare = sent->next;
+    *sent = {time, bytes, nullptr};
+    (hinter->first_sent == nullptr ? hinter->first_sent : hinter->last_sent->next) = sent;
+    hinter->last_sent = sent;
+    hinter->sent_bytes += bytes;
+    hint->max_bitrate = std::max(hint->max_bitrate, bits_per_second(hinter->sent_bytes, 1, 1));
+    hint->avg_bitrate =
+        hint->duration == 0 ? 0 : bits_per_second(hinter->bytes, hint->duration, hint->timescale);
+}
+
+void count_packets(iso_track* hint, const HintPackets& packets) {
+    iso_hinter* hinter = hint->hinter;
+    for (const HintPacket& packet : packets) {
+        const auto size = static_cast<uint32_t>(packet.size());
+        hint->max_pdu = std::max(hint->max_pdu, size);
+        hinter->bytes += size;
+    }
+    hinter->packets += packets.size();
+    hinter->sequence = static_cast<uint16_t>(hinter->sequence + packets.size());
+    hint->avg_pdu = static_cast<uint32_t>(hinter->bytes / std::max<uint64_t>(hinter->packets, 1));
+}
+
+// The time that a sample takes on the RTP clock, counted so that rounding does not add up.
+int64_t rtp_duration(const iso_track* hint, uint32_t media_duration) {
+    const auto begin = static_cast<int64_t>(hint->hinter->media_time);
+    return rescale(begin + media_duration, hint) - rescale(begin, hint);
+}
+
+void describe_hint_track(iso_track* hint, iso_track* media, int max_packet, int payload_type) {
+    constexpr uint32_t kEnabled = 1;  // and no part of what is shown
+    std::memcpy(hint->handler, "hint", sizeof hint->handler);
+    hint->header_flags = kEnabled;
+    hint->hint_track_ref = media->track_id;
+    hint->rtp_hint_version = hint->rtp_highest_compat = 1;
+    hint->rtp_max_packet = static_cast<uint32_t>(max_packet);
+    hint->rtp_timescale = hint->timescale;
+    hint->last_payload_type = static_cast<uint32_t>(payload_type);
+    hint->language = media->language;
+}
+
+VideoPayload payload_of(const iso_track* media, iso_h263_payload h263_payload) {
+    if (media->codec != ISO_CODEC_S263) return VideoPayload::kPlain;
+    return h263_payload == ISO_H263_RFC2190 ? VideoPayload::kRfc2190Macroblocks
+                                            : VideoPayload::kRfc4629;
+}
+
+}  // namespace
+}  // namespace kestrel
+
+using namespace kestrel;
+
+iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet, int payload_type,
+                          iso_h263_payload h263_payload) try {
+    constexpr uint32_t kEntryBytes = 84;  // rtp (24), tims (12), hmhd (28), tref (20)
+    if (file == nullptr || media == nullptr || media->file != file || !can_be_hinted(media) ||
+        max_packet < kLeastPacket || max_packet > kMostPacket || payload_type < 0 ||
+        payload_type > kLastPayloadType) {
+        return nullptr;
+    }
+    auto* hinter = arena_array<iso_hinter>(file, 1);
+    if (hinter == nullptr) return nullptr;
+    TrackAttempt attempt(file);
+    iso_track* hint = new_media_track(file, ISO_CODEC_RTP, clock_of(media), kEntryBytes);
+    if (hint == nullptr) return nullptr;
+    hinter->media = media;
+    hinter->payload = payload_of(media, h263_payload);
+    hint->hinter = hinter;
+    describe_hint_track(hint, media, max_packet, payload_type);
+    if (!keep_edits(hint) || !keep_sdp(hint, sdp_of(hint, media))) return nullptr;
+    return attempt.keep(hint);
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
+
+int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
+                   int cts_offset) try {
+    if (hint == nullptr || hint->hinter == nullptr || size < 0 || duration < 0 ||
+        (sample == nullptr && size > 0)) {
+        return -1;
+    }
+    const int refused = check_open(hint);
+    if (refused != 0) return refused;
+    HintPackets packets;
+    const std::span bytes(static_cast<const uint8_t*>(sample), static_cast<size_t>(size));
+    if (!plan_packets(hint, bytes, packets)) return kCannotBeCut;
+    // A hint sample without packets would hold the clock; one of an empty sample has an empty one.
+    if (packets.empty()) packets.emplace_back();
+    const auto units = static_cast<uint32_t>(duration);
+    const int64_t rtp_units = rtp_duration(hint, units);
+    if (rtp_units > UINT32_MAX) {
+        hint->closed = 1;
+        return kTooLong;
+    }
+    // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
+    const auto begin = static_cast<int64_t>(hint->hinter->media_time);
+    const int64_t composition = rescale(begin + cts_offset, hint) - rescale(begin, hint);
+    std::vector<uint8_t> hint_sample = make_hint_sample(
+        packets,
+        {static_cast<uint8_t>(hint->last_payload_type), hint->hinter->sequence,
+         static_cast<uint32_t>(hint->sample_count) + 1, static_cast<int32_t>(composition)});
+    if (hint_sample.empty() || hint_sample.size() > INT32_MAX) return kCannotBeCut;
+    SentSample* sent = take_record(hint);
+    if (sent == nullptr) return kNoMemory;
+    const uint64_t time = hint->duration;
+    const uint64_t bytes_before = hint->hinter->bytes;
+    const int written = write_sample(hint, hint_sample, static_cast<uint32_t>(rtp_units), 0);
+    if (written < 0) return written;
+    count_packets(hint, packets);
+    count_rates(hint, sent, time, hint->hinter->bytes - bytes_before);
+    hint->hinter->media_time += units;
+    return written;
+} catch (const std::exception&) {  // no memory, or more than a vector can hold
+    return kNoMemory;
+}

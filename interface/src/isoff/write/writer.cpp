@@ -1,0 +1,524 @@
+#include <algorithm>
+#include <exception>
+#include <new>
+#include <queue>
+#include <vector>
+
+#include "interface/src/isoff/isoff.h"
+#include "kestrel/kstutil.h"
+
+// The writer: takes samples, decides where they stand in the file, and writes it.
+
+namespace kestrel {
+namespace {
+
+enum WriteError {
+    kBadArgument = -1,
+    kNoMemory = -2,
+    kFellShort = -5,  // finalised already, or what was to be written did not come out whole
+    kTooLarge = -6,
+    kTooLong = -7,
+    kTrackClosed = -8,
+    kTrackTooLate = -9,
+};
+
+constexpr uint32_t kBoxHeader = 8;
+constexpr uint32_t kBoxSizeField = 4;
+constexpr uint32_t kFileOverhead = 24;  // that isoFFwrite adds to what a track costs
+
+// What a sample adds to the header.
+constexpr uint32_t kSizeCost = 4;
+constexpr uint32_t kEntryCost = 8;  // a time-to-sample or composition entry, and the first sample
+
+// iso_file::write_way.
+enum WriteWay { kNotSettled, kQueued, kDirect };
+
+// Whether samples go to the stream as they come. What the caller wants is asked once: samples that
+// went one way cannot go on the other.
+bool is_direct(iso_file* file) {
+    if (file->write_way == kNotSettled) file->write_way = file->direct_write ? kDirect : kQueued;
+    return file->write_way == kDirect;
+}
+
+// --- taking samples ---
+
+uint64_t header_cost_of(const iso_track* track, const iso_frame& frame) {
+    const iso_frame* before = track->last_frame;
+    const uint32_t duration_before = before == nullptr ? 0 : before->duration;
+    const int32_t offset_before = before == nullptr ? 0 : before->cts_offset;
+    uint64_t cost = uint64_t{frame.size} + kSizeCost;
+    if (frame.duration != duration_before) cost += kEntryCost;
+    if (frame.cts_offset != offset_before) cost += kEntryCost;
+    // Where the first is empty, its size cannot stand for all: the table is necessary at once.
+    if (before == nullptr) return cost + kEntryCost + (frame.size == 0 ? kSizeCost : 0);
+    const auto samples = static_cast<uint64_t>(track->sample_count);
+    if (track->sample_size == 0) return cost + kSizeCost;
+    // The size table becomes necessary, for the samples so far as well.
+    return frame.size != track->sample_size ? cost + kSizeCost + kSizeCost * samples : cost;
+}
+
+void count_frame(iso_track* track, iso_frame* frame) {
+    const iso_frame* before = track->last_frame;
+    const uint64_t cost = header_cost_of(track, *frame);
+    track->header_cost += cost;
+    track->file->track_cost += cost;
+    if (before == nullptr) track->sample_size = frame->size;
+    if (frame->size != track->sample_size) track->sample_size = 0;
+    if (before == nullptr || frame->duration != before->duration) track->stts_count++;
+    if (before == nullptr || frame->cts_offset != before->cts_offset) track->ctts_count++;
+    track->sample_count++;
+    track->duration += frame->duration;
+    track->total_bytes += frame->size;
+    track->max_sample_size = std::max(track->max_sample_size, frame->size);
+}
+
+void append_frame(iso_track* track, iso_frame* frame) {
+    count_frame(track, frame);
+    (track->last_frame == nullptr ? track->first_frame : track->last_frame->next) = frame;
+    track->last_frame = frame;
+}
+
+// A record for the sample, with its bytes behind it where they are to wait in memory.
+iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
+    const bool in_memory = track->spool == nullptr && !is_direct(track->file);
+    const size_t kept = in_memory ? size : 0;
+    if (kept > SIZE_MAX - sizeof(iso_frame)) return nullptr;
+    auto* memory = static_cast<uint8_t*>(isoFFmalloc(track->file, sizeof(iso_frame) + kept));
+    if (memory == nullptr) return nullptr;
+    auto* frame = new (memory) iso_frame{};
+    frame->size = size;
+    if (in_memory) {
+        if (kept != 0) std::memcpy(memory + sizeof(iso_frame), data, kept);
+        frame->data = memory + sizeof(iso_frame);
+    }
+    return frame;
+}
+
+// Whether the file has room for `size` more bytes of a track's sample: below the limit that each
+// track is held to, and, with what the others take, where 32 bits can tell it.
+bool has_room(const iso_track* track, uint32_t size) {
+    const iso_file* file = track->file;
+    const uint64_t more = uint64_t{size} + kFileOverhead;
+    if (track->header_cost + more > file->size_limit) return false;
+    return file->header_size + file->track_cost + more <= UINT32_MAX;
+}
+
+int check_limits(iso_track* track, uint32_t size, uint32_t duration) {
+    const uint64_t units = uint64_t{track->duration} + duration;
+    const bool fits = has_room(track, size);
+    if (fits && units <= track->duration_limit) return 0;
+    track->closed = 1;
+    return fits ? kTooLong : kTooLarge;
+}
+
+// --- chunks ---
+
+bool begin_run(iso_track* track, uint32_t start) {
+    auto* run = arena_array<iso_run>(track->file, 1);
+    if (run == nullptr) return false;
+    run->start = start;
+    (track->last_run == nullptr ? track->first_run : track->last_run->next) = run;
+    track->last_run = run;
+    track->run_count++;
+    track->run_units = 0;
+    return true;
+}
+
+// Whether a run of `units` may take `more` units without running longer than the file's span.
+bool span_allows(const iso_track* track, uint64_t units, uint64_t more) {
+    return static_cast<double>(units + more) <= track->file->interleave_span * track->timescale;
+}
+
+// --- going back in the stream ---
+
+// Stands the stream, and what the file knows of it, at a position that was written before.
+bool move_to(iso_file* file, uint32_t position) {
+    uint32_t at = 0;
+    if (kstutil_seek(file->stream, static_cast<int32_t>(position)) != 0) return false;
+    if (kstutil_getoffset(file->stream, &at) != 0 || at != position) return false;
+    file->write_pos = position;
+    return true;
+}
+
+// --- direct-write mode ---
+
+// Puts `ftyp` and the header of `mdat` in front of the first sample. Until the file is finished the
+// box runs to the end of the file, so that one that never is has no `moov`.
+bool begin_direct(iso_file* file) {
+    if (file->write_pos != 0) return true;
+    uint8_t raw[kBoxHeader] = {};
+    store_be32(raw + 4, fourcc("mdat"));
+    std::vector<uint8_t> ftyp(static_cast<size_t>(write_ftyp(kCountPass, {}, file)));
+    write_ftyp(kWritePass, ftyp, file);
+    file->direct_track_limit = file->next_track_id - 1;
+    for (const iso_track* track = file->first_track; track != nullptr; track = track->next)
+        file->direct_track_limit = std::max(file->direct_track_limit, track->track_id);
+    return write_stream(file, ftyp.data(), static_cast<uint32_t>(ftyp.size())) &&
+           write_stream(file, raw, sizeof raw);
+}
+
+// Writes a sample behind what was written before. Its size, or an error.
+int flush_frame(iso_track* track, const void* data, iso_frame* frame) {
+    iso_file* file = track->file;
+    const bool goes_on =
+        file->direct_track == track && span_allows(track, track->run_units, frame->duration);
+    if (!goes_on && !begin_run(track, file->write_pos)) return kNoMemory;
+    file->direct_track = track;
+    if (!write_stream(file, data, frame->size)) {
+        file->finalised = 1;  // the stream no longer stands where the tables would tell
+        return kFellShort;
+    }
+    track->last_run->samples++;
+    track->run_units += frame->duration;
+    return static_cast<int>(frame->size);
+}
+
+int begin_flush(iso_track* track) {
+    if (!begin_direct(track->file)) {
+        track->file->finalised = 1;
+        return kFellShort;
+    }
+    return track->track_id > track->file->direct_track_limit ? kTrackTooLate : 0;
+}
+
+// Puts four bytes where others were written before, and goes back to the end of the file.
+bool patch(iso_file* file, uint32_t at, uint32_t value) {
+    const uint32_t end = file->write_pos;
+    uint8_t raw[4];
+    store_be32(raw, value);
+    if (!move_to(file, at) || !write_stream(file, raw, sizeof raw)) return false;
+    return move_to(file, end);
+}
+
+bool passes_agree(uint64_t measured, uint64_t written) {
+    if (written == measured) return true;
+    diagnose("isoff error: pass 1 header size (%d) different from pass 2 (%d)\n",
+             static_cast<int>(measured), static_cast<int>(written));
+    return false;
+}
+
+// Writes `moov` behind the media, then the size of `mdat` in front of it.
+int finish_direct(iso_file* file, uint32_t media_header) {
+    const uint32_t media_end = file->write_pos;
+    std::vector<uint8_t> moov(static_cast<size_t>(write_moov(kCountPass, {}, file)));
+    const uint64_t written = write_moov(kWritePass, moov, file);
+    if (!passes_agree(moov.size(), written)) return kFellShort;
+    if (moov.size() > UINT32_MAX - media_end) return kTooLarge;
+    if (!write_stream(file, moov.data(), static_cast<uint32_t>(moov.size()))) return kFellShort;
+    return patch(file, media_header, media_end - media_header) ? 0 : kFellShort;
+}
+
+// --- queued mode ---
+
+// The next samples of a track that are not yet in a run.
+struct Queue {
+    iso_track* track;
+    iso_frame* next;
+    uint64_t time;  // of `next`, track units
+    size_t number;  // of the track in the list
+
+    uint64_t timescale() const { return std::max<uint32_t>(track->timescale, 1); }
+
+    // Whether the other's samples come first: it is less far on, or as far and earlier in the list.
+    // In whole numbers, so that every machine lays a file out the same way; times and timescales
+    // have 32 bits each.
+    bool operator<(const Queue& other) const {
+        const uint64_t own = time * other.timescale();
+        const uint64_t others = other.time * timescale();
+        return own != others ? own > others : number > other.number;
+    }
+};
+
+struct PlannedRun {
+    iso_track* track;
+    const iso_frame* first;
+    uint32_t samples;
+};
+
+// Takes samples into a run as long as its span allows, at least one; returns their bytes.
+uint64_t fill_run(Queue& queue) {
+    uint64_t bytes = 0;
+    uint64_t units = 0;
+    iso_run* run = queue.track->last_run;
+    do {
+        bytes += queue.next->size;
+        units += queue.next->duration;
+        run->samples++;
+        queue.next = queue.next->next;
+    } while (queue.next != nullptr && span_allows(queue.track, units, queue.next->duration));
+    queue.time += units;
+    return bytes;
+}
+
+// Lays the samples of all tracks out behind one another; the media bytes through `media`. 0 or an
+// error.
+int plan(iso_file* file, std::vector<PlannedRun>& runs, uint64_t& media) {
+    std::priority_queue<Queue> queues;  // its top is the one whose samples come next
+    size_t number = 0;
+    for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
+        if (track->first_frame != nullptr) queues.push({track, track->first_frame, 0, number++});
+    }
+    media = 0;
+    while (!queues.empty()) {
+        if (media > UINT32_MAX) return kTooLarge;
+        Queue queue = queues.top();
+        queues.pop();
+        const iso_frame* first = queue.next;
+        if (!begin_run(queue.track, static_cast<uint32_t>(media))) return kNoMemory;
+        media += fill_run(queue);
+        runs.push_back({queue.track, first, queue.track->last_run->samples});
+        if (queue.next != nullptr) queues.push(queue);
+    }
+    return 0;
+}
+
+bool write_spooled(iso_track* track, uint32_t size) {
+    uint8_t piece[4096];
+    while (size > 0) {
+        const uint32_t count = std::min<uint32_t>(size, sizeof piece);
+        if (std::fread(piece, 1, count, track->spool) != count) return false;
+        if (!write_stream(track->file, piece, count)) return false;
+        size -= count;
+    }
+    return true;
+}
+
+bool write_run(const PlannedRun& run) {
+    const iso_frame* frame = run.first;
+    for (uint32_t i = 0; i < run.samples; ++i, frame = frame->next) {
+        const bool written = frame->data == nullptr
+                                 ? write_spooled(run.track, frame->size)
+                                 : write_stream(run.track->file, frame->data, frame->size);
+        if (!written) return false;
+    }
+    return true;
+}
+
+bool rewind_spools(iso_file* file) {
+    for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
+        if (track->spool == nullptr) continue;
+        if (std::fflush(track->spool) != 0 || std::fseek(track->spool, 0, SEEK_SET) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// `ftyp`, `moov` and the header of `mdat`, as one run of bytes, and where the type of `moov` stands
+// in it. 0, or an error when they come to more than a file can hold or to something else than was
+// measured.
+int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header, size_t& moov_type) {
+    const uint64_t ftyp = write_ftyp(kCountPass, {}, file);
+    const uint64_t moov = write_moov(kCountPass, {}, file);
+    const uint64_t measured = ftyp + moov + kBoxHeader;
+    if (measured + media > UINT32_MAX) return kTooLarge;
+    file->media_base = static_cast<uint32_t>(measured);
+    header.resize(static_cast<size_t>(measured));
+    moov_type = static_cast<size_t>(ftyp) + kBoxSizeField;
+    uint64_t written = write_ftyp(kWritePass, header, file);
+    written += write_moov(kWritePass, std::span(header).subspan(static_cast<size_t>(ftyp)), file);
+    written += kBoxHeader;
+    uint8_t* mdat = header.data() + header.size() - kBoxHeader;
+    store_be32(mdat, static_cast<uint32_t>(media + kBoxHeader));
+    store_be32(mdat + 4, fourcc("mdat"));
+    return passes_agree(measured, written) ? 0 : kFellShort;
+}
+
+// Whether the stream goes back to its start, and on again to where it stands.
+bool can_go_back(iso_file* file) {
+    const uint32_t here = file->write_pos;
+    return move_to(file, 0) && move_to(file, here);
+}
+
+// The header, and the samples behind it. `moov` is free space until the last sample is written, so
+// that a file that is cut off has none; a stream that cannot go back gets it at once.
+int write_parts(iso_file* file, std::vector<uint8_t>& header, size_t moov_type,
+                const std::vector<PlannedRun>& runs) {
+    const std::span bytes(header);
+    const auto write = [&](std::span<const uint8_t> part) {
+        return write_stream(file, part.data(), static_cast<uint32_t>(part.size()));
+    };
+    if (!write(bytes.first(moov_type))) return kFellShort;
+    const uint32_t written = file->write_pos;
+    const bool goes_back = can_go_back(file);
+    file->write_pos = written;
+    if (goes_back) store_be32(header.data() + moov_type, fourcc("free"));
+    if (!write(bytes.subspan(moov_type))) return kFellShort;
+    if (!std::all_of(runs.begin(), runs.end(), write_run)) return kFellShort;
+    if (!goes_back) return 0;
+    return patch(file, static_cast<uint32_t>(moov_type), fourcc("moov")) ? 0 : kFellShort;
+}
+
+int write_queued(iso_file* file) {
+    std::vector<PlannedRun> runs;
+    uint64_t media = 0;
+    const int planned = plan(file, runs, media);
+    if (planned != 0) return planned;
+    std::vector<uint8_t> header;
+    size_t moov_type = 0;
+    const int made = make_header(file, media, header, moov_type);
+    if (made != 0) return made;
+    if (!rewind_spools(file)) return kFellShort;
+    return write_parts(file, header, moov_type, runs);
+}
+
+// The times of the movie header.
+void settle_movie(iso_file* file) {
+    for (const iso_track* track = file->first_track; track != nullptr; track = track->next) {
+        file->duration = std::max(file->duration, movie_duration(track));
+    }
+}
+
+bool spool_sample(iso_track* track, const void* data, uint32_t size) {
+    return size == 0 || std::fwrite(data, 1, size, track->spool) == size;
+}
+
+int take_sample(iso_track* track, const void* data, uint32_t size, uint32_t duration,
+                int32_t cts_offset) {
+    iso_file* file = track->file;
+    iso_frame* frame = new_frame(track, data, size);
+    if (frame == nullptr) return kNoMemory;
+    frame->duration = duration;
+    frame->cts_offset = cts_offset;
+    if (is_direct(file)) {
+        const int flushed = flush_frame(track, data, frame);
+        if (flushed < 0) return flushed;
+    } else if (track->spool != nullptr && !spool_sample(track, data, size)) {
+        file->finalised = 1;  // what comes behind it in the temporary file is lost
+        return kFellShort;
+    }
+    append_frame(track, frame);
+    track->frame_default = duration;
+    return static_cast<int>(size);
+}
+
+}  // namespace
+
+bool write_stream(iso_file* file, const void* from, uint32_t count) {
+    const auto* table = file->stream;
+    if (table == nullptr || table->SeekNWrite == nullptr) return false;
+    if (count == 0) return true;
+    if (count > UINT32_MAX - file->write_pos) return false;
+    // The write starts the file, so it goes where a file starts.
+    if (file->write_pos == 0 && kstutil_seek(file->stream, 0) != 0) return false;
+    const uint32_t status = table->SeekNWrite(table->Context, from, count, -1);
+    if ((status & 0xFFFF) != 0) return false;
+    // The slot does not tell how much it took; the position does.
+    file->write_pos += count;
+    uint32_t at = 0;
+    return kstutil_getoffset(file->stream, &at) == 0 && at == file->write_pos;
+}
+
+int finalise(iso_file* file) try {
+    if (file->finalised) return kFellShort;
+    file->finalised = 1;
+    settle_movie(file);
+    if (!is_direct(file)) return write_queued(file);
+    if (!begin_direct(file)) return kFellShort;
+    return finish_direct(file, static_cast<uint32_t>(write_ftyp(kCountPass, {}, file)));
+} catch (const std::exception&) {  // no memory, or more than a vector can hold
+    return kNoMemory;
+}
+
+int check_open(const iso_track* track) {
+    if (track->file->finalised) return kFellShort;
+    return track->closed ? kTrackClosed : 0;
+}
+
+int write_sample(iso_track* track, std::span<const uint8_t> sample, uint32_t duration,
+                 int32_t cts_offset) {
+    const auto size = static_cast<uint32_t>(sample.size());
+    int refused = check_open(track);
+    if (refused == 0) refused = check_limits(track, size, duration);
+    if (refused == 0 && is_direct(track->file)) refused = begin_flush(track);
+    if (refused != 0) return refused;
+    return take_sample(track, sample.data(), size, duration, cts_offset);
+}
+
+TrackAttempt::TrackAttempt(iso_file* file) : file_(file) {
+    if (file == nullptr) return;
+    last_track_ = file->last_track;
+    next_track_id_ = file->next_track_id;
+    header_size_ = file->header_size;
+    has_visual_ = file->has_visual;
+}
+
+TrackAttempt::~TrackAttempt() {
+    if (file_ == nullptr) return;
+    (last_track_ == nullptr ? file_->first_track : last_track_->next) = nullptr;
+    file_->last_track = last_track_;
+    file_->next_track_id = next_track_id_;
+    file_->header_size = header_size_;
+    file_->has_visual = has_visual_;
+}
+
+iso_track* TrackAttempt::keep(iso_track* track) {
+    file_ = nullptr;
+    return track;
+}
+
+iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale,
+                           uint32_t entry_bytes) {
+    if (file == nullptr || !file->write_mode) return nullptr;
+    iso_track* track = isoFFtrack(file);
+    if (track == nullptr) return nullptr;
+    track->codec = codec;
+    track->timescale = timescale;
+    const double units = file->interleave_limit * timescale;
+    track->duration_limit = units >= 4294967295.0 ? UINT32_MAX : static_cast<uint32_t>(units);
+    file->header_size += entry_bytes;
+    return track;
+}
+
+iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, uint32_t width,
+                            uint32_t height, uint32_t entry_bytes) {
+    constexpr uint32_t kScreenResolution = 0x00480000;  // 72 dots per inch
+    constexpr uint32_t kColourDepth = 24;
+    const bool has_picture = width - 1 < UINT16_MAX && height - 1 < UINT16_MAX;
+    if (timescale == 0 || !has_picture) return nullptr;
+    iso_track* track = new_media_track(file, codec, timescale, entry_bytes);
+    if (track == nullptr) return nullptr;
+    file->has_visual = 1;
+    std::memcpy(track->handler, "vide", sizeof track->handler);
+    track->width = width;
+    track->height = height;
+    track->display_width = width << 16;
+    track->display_height = height << 16;
+    track->horiz_resolution = track->vert_resolution = kScreenResolution;
+    track->depth = kColourDepth;
+    track->frame_count = 1;
+    return track;
+}
+
+}  // namespace kestrel
+
+using namespace kestrel;
+
+int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
+    constexpr size_t kCodeAndBlank = 5;
+    if (file == nullptr || brands == nullptr) return -1;
+    if (!file->write_mode) return -1;
+    if (file->write_pos != 0) return -1;  // `ftyp` stands in the file already
+    const size_t length = std::strlen(brands) + 1;
+    if (length < kCodeAndBlank || length % kCodeAndBlank != 0) return -1;
+    auto* list = arena_array<char>(file, length);
+    if (list == nullptr) return -1;
+    std::memcpy(list, brands, length);
+    std::memcpy(file->major_brand, brands, 4);
+    file->major_brand[4] = '\0';
+    file->minor_version = minor_version;
+    file->compatible_brands = list;
+    return 0;
+}
+
+int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_offset) try {
+    if (track == nullptr || size < 0 || duration < 0 || (data == nullptr && size > 0) ||
+        !track->file->write_mode) {
+        return kBadArgument;
+    }
+    const uint32_t units = duration == 0 ? track->frame_default : static_cast<uint32_t>(duration);
+    return write_sample(track, {static_cast<const uint8_t*>(data), static_cast<size_t>(size)},
+                        units, cts_offset);
+} catch (const std::bad_alloc&) {
+    return kNoMemory;
+}

@@ -1,0 +1,52 @@
+// The conversion layer: opens a file for a mode, selects the track, and converts it to the native
+// format call by call. The readers return statuses; mmfi_Open lets no exception out.
+#ifndef KESTREL_INTERFACE_MMFIINTERFACE_H
+#define KESTREL_INTERFACE_MMFIINTERFACE_H
+
+#include "interface/src/mmfi/mm_interface.h"
+
+namespace kestrel {
+
+// The source path that the layer's log lines carry.
+inline constexpr const char* kMmfiSource = ".//interface/src/mmfiInterface";
+
+// The largest RTP packets that are taken from a hint track, in bytes.
+inline constexpr int kMostPacketBytes = 1400;
+
+// Prepares the record for reading the track that `mode` names; record->file is set already and may
+// be null. Returns a status.
+int32_t mmfi_Open(mm_Interface* record, const char* mode);
+
+// Parses a mode string into mode and direction: 1. A bad one clears both, sets the status and
+// throws SimpleException.
+int mmfiParseModeInfo(mm_Interface* record, const char* mode);
+
+// Closes the file; the record stays the caller's. Returns 0.
+int32_t mmfi_Close(mm_Interface* record);
+
+// Debug dump of `size` bytes; reads up to nine bytes past them.
+void printInfo(const unsigned char* data, int size);
+
+// Hands the call to the reader of the track's codec. Throws SimpleException for a null record.
+int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+
+int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read_AMRWB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read_H263(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read_MPEG4(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read_H264(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+
+// Tells the host where the track's next data lies: announces it or moves the stream there, as the
+// file record's flag says. 0, or 2 when the host fails.
+int32_t mmfi_seek(iso_track* track, uint32_t offset);
+
+// Stores the host's flag and counts the call: every reader begins so.
+void begin_read(mm_Interface* record, bool flag);
+
+// Whether a chunk of `needed` bytes fits what the host has told through `size`. When it does not,
+// `size` becomes what is needed.
+bool has_room(uint32_t* size, uint32_t needed);
+
+}  // namespace kestrel
+
+#endif

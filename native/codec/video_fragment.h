@@ -1,0 +1,63 @@
+// Where a coded picture is cut into packets. The rules choose; writing headers and copying bytes is
+// the packetisers' affair.
+#ifndef KESTREL_NATIVE_VIDEO_FRAGMENT_H
+#define KESTREL_NATIVE_VIDEO_FRAGMENT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "native/codec/h263_parse.h"
+
+namespace kestrel {
+
+enum class CutAt { kEndOfSample, kMacroblock, kStartCode, kAnywhere };
+
+// One fragment of a sample. A boundary inside a byte puts that byte into both fragments.
+struct VideoFragment {
+    size_t begin = 0;        // first byte
+    size_t length = 0;       // bytes
+    unsigned start_bit = 0;  // of the first byte, where the fragment begins
+    unsigned end_bit = 0;    // of the last byte, where it ends; 0: behind the last byte
+    CutAt cut = CutAt::kEndOfSample;
+    nch_macroblock macroblock;  // the one it begins with, where fragments follow macroblocks
+
+    bool is_last() const { return cut == CutAt::kEndOfSample; }
+    size_t next() const { return begin + length - (end_bit != 0 ? 1 : 0); }
+};
+
+// Cuts a sample in front of start codes, or anywhere where there are none.
+VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, size_t budget);
+
+// Cuts an H.263 picture between macroblocks, as long as its walker can tell them. Each picture is
+// walked on its own, so one whose header leaves its format and modes to the picture before cannot
+// be.
+class MacroblockCutter {
+  public:
+    explicit MacroblockCutter(std::span<const uint8_t> picture) : picture_(picture) {}
+
+    // The fragment that begins where the one before ended and takes at most `budget` bytes. Once
+    // the macroblocks can no longer be told, this and all later ones end at the budget.
+    VideoFragment cut(size_t begin, size_t budget);
+
+    const nch_state& state() const { return state_; }
+
+  private:
+    // Walks until the macroblock at candidate_ is the last that begins in front of `limit` and ends
+    // at or behind it; false when the walker fails or no such macroblock begins a later fragment.
+    bool find_boundary(size_t limit);
+
+    std::span<const uint8_t> picture_;
+    nch_state state_;
+    bool walking_ = true;
+    bool started_ = false;
+    BitPosition fragment_start_;
+    BitPosition candidate_;  // where the macroblock walked last begins
+    BitPosition next_;       // and where it ends
+    nch_macroblock fragment_macroblock_;
+};
+
+}  // namespace kestrel
+
+#endif
