@@ -6,7 +6,7 @@
 
 #include "tools/commands.h"
 #include "tools/file_scan.h"
-#include "tools/markup.h"
+#include "tools/report/markup.h"
 #include "tools/support.h"
 #include "tools/verdict.h"
 

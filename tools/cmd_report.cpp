@@ -1,6 +1,6 @@
 #include "tools/commands.h"
-#include "tools/report_data.h"
-#include "tools/report_page.h"
+#include "tools/report/data.h"
+#include "tools/report/page.h"
 #include "tools/support.h"
 #include "tools/whole_output.h"
 

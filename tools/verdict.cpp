@@ -14,7 +14,7 @@
 #include "kestrel/log.h"
 #include "tools/frame_tally.h"
 #include "tools/hinter.h"
-#include "tools/markup.h"
+#include "tools/report/markup.h"
 
 namespace tool {
 namespace {

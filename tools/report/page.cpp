@@ -1,12 +1,12 @@
-#include "tools/report_page.h"
+#include "tools/report/page.h"
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 
-#include "tools/markup.h"
-#include "tools/report_charts.h"
-#include "tools/report_style.h"
+#include "tools/report/charts.h"
+#include "tools/report/markup.h"
+#include "tools/report/style.h"
 
 namespace tool {
 namespace {

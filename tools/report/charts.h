@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "tools/report_data.h"
+#include "tools/report/data.h"
 
 namespace tool {
 

@@ -1,11 +1,11 @@
-#include "tools/report_charts.h"
+#include "tools/report/charts.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
 
-#include "tools/markup.h"
+#include "tools/report/markup.h"
 
 namespace tool {
 namespace {

@@ -1,9 +1,9 @@
-#include "tools/report_data.h"
+#include "tools/report/data.h"
 
 #include <algorithm>
 #include <cmath>
 
-#include "tools/markup.h"
+#include "tools/report/markup.h"
 
 namespace tool {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/markup.h"
+#include "tools/report/markup.h"
 
 #include <cmath>
 #include <cstdarg>
