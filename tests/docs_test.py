@@ -122,7 +122,7 @@ class Completion(unittest.TestCase):
         cases = {
             ("ex",): ["extract"],
             ("extract", "--ou"): ["--output"],
-            ("extract", "clip.3gp", "ar", "--road", ""): ["class", "function"],
+            ("extract", "clip.3gp", "ar", "--api", ""): ["class", "function"],
             ("extract", "clip.3gp", "vr", "--sync", "n"): ["nearest", "next"],
             ("extract", "--output", ""): [],  # a file, which Bash looks up
             ("extract", ""): [],

@@ -80,11 +80,11 @@ class Examples(unittest.TestCase):
             errors = player.stderr.read()
         return subprocess.CompletedProcess("play_pipe", player.wait(timeout=60), out, errors)
 
-    def test_class_road_seeks(self):
+    def test_class_api_seeks(self):
         file = SAMPLES / "h263_hinted.3gp"
         for milliseconds in (0, 700, 1999):
             seek = run(BIN / "class_seek", file, "vr", milliseconds)
-            tool = run(TOOL, "extract", file, "vr", "--road", "class", "--from", milliseconds)
+            tool = run(TOOL, "extract", file, "vr", "--api", "class", "--from", milliseconds)
             self.assertEqual((seek.returncode, tool.returncode), (0, 0), seek.stderr)
             self.assertEqual(seek.stdout, tool.stdout)
         self.assert_plays(run(BIN / "class_seek", file, "vr", 0), "h263.h263")

@@ -186,13 +186,13 @@ class Extract(ToolTest):
             self.assert_fails(run("extract", copy, "ar", "-o", "/dev/full"), 1, "No space left")
 
 
-class ClassRoad(ToolTest):
-    def test_speech_is_that_of_the_function_road(self):
+class ClassApi(ToolTest):
+    def test_speech_is_that_of_the_function_api(self):
         for name in ["amrnb_hinted", "amrnb_hinted_multi", "amrnb_dtx_hinted"]:
             truth = (SAMPLES / "truth" / f"{SPEECH[name]}.amr").read_bytes()
             for options in [(), ("--arriving", 999), ("--arriving", 70001)]:
                 with self.subTest(name=name, options=options):
-                    stream = self.extract(name, "ar", "--road", "class", *options)
+                    stream = self.extract(name, "ar", "--api", "class", *options)
                     self.assertEqual(self.unpack(stream), truth)
 
     def test_video_packets_are_those_of_the_hint_track(self):
@@ -200,8 +200,8 @@ class ClassRoad(ToolTest):
                      "h263_rfc2190_hinted_1450", "mpeg4_hinted", "mpeg4_hinted_1450",
                      "mpeg4_b_hinted", "av_h263_amrnb_hinted"]:
             with self.subTest(name=name):
-                stream = self.extract(name, "vr", "--road", "class")
-                self.assertEqual(self.extract(name, "vr", "--road", "class", "--arriving", 4001),
+                stream = self.extract(name, "vr", "--api", "class")
+                self.assertEqual(self.extract(name, "vr", "--api", "class", "--arriving", 4001),
                                  stream)
                 records = json.loads(run("inspect", "-", "--json", stdin=stream).stdout)["records"]
                 payloads = [hashlib.md5(bytes.fromhex(r["payload"])).hexdigest() for r in records
@@ -212,7 +212,7 @@ class ClassRoad(ToolTest):
 
     def test_what_lies_in_front_of_a_fault_is_kept(self):
         for name, mode in [("h263_hinted", "vr"), ("mpeg4_hinted", "vr"), ("amrnb_hinted", "ar")]:
-            whole = self.extract(name, mode, "--road", "class")
+            whole = self.extract(name, mode, "--api", "class")
             data = bytearray(pathlib.Path(sample(name)).read_bytes())
             table = data.index(b"stco") + 8  # of the media, behind version and flags
             count = int.from_bytes(data[table : table + 4], "big")
@@ -222,22 +222,22 @@ class ClassRoad(ToolTest):
                     lost[table + 4 + 4 * chunk : table + 8 + 4 * chunk] = b"\x7f\xff\xff\xff"
                     path = self.scratch / "lost.3gp"
                     path.write_bytes(lost)
-                    result = run("extract", path, mode, "--road", "class", "-o", "-")
+                    result = run("extract", path, mode, "--api", "class", "-o", "-")
                     self.assert_fails(result, 1, f"kept {len(result.stdout)} bytes")
                     self.assertTrue(whole.startswith(result.stdout))
                     self.assertGreater(len(result.stdout), len(whole) * chunk // count // 3)
                     self.unpack(result.stdout)  # it ends with a whole frame
 
-    def test_pictures_are_those_of_the_function_road(self):
+    def test_pictures_are_those_of_the_function_api(self):
         for name in ["h263_hinted", "h263_cif_hinted", "h263_hinted_mtu500", "h263plus_hinted",
                      "h263_rfc2190_hinted_1450", "mpeg4_hinted", "mpeg4_b_hinted",
                      "av_h263_amrnb_hinted"]:
             with self.subTest(name=name):
-                pictures = self.unpack(self.extract(name, "vr", "--road", "class"))
+                pictures = self.unpack(self.extract(name, "vr", "--api", "class"))
                 self.assertEqual(pictures, self.unpack(self.extract(name, "vr")))
 
     def test_seeking_tells_where_it_begins(self):
-        whole = self.extract("h263_hinted", "vr", "--road", "class")
+        whole = self.extract("h263_hinted", "vr", "--api", "class")
         begins = [int.from_bytes(whole[8:12], "little")]
         headers = whole[:begins[0]]
         while begins[-1] < len(whole):
@@ -247,7 +247,7 @@ class ClassRoad(ToolTest):
         for options in [("--sync", "next"), ("--sync", "previous"), ("--sync", "nearest"), (),
                         ("--sync", "next", "--arriving", "3000")]:
             with self.subTest(options=options):
-                result = run("extract", sample("h263_hinted"), "vr", "--road", "class", "--from",
+                result = run("extract", sample("h263_hinted"), "vr", "--api", "class", "--from",
                              "900", *options)
                 told = re.fullmatch(r"from \d+ ms: frame (\d+), file offset \d+\n",
                                     result.stderr.decode())
@@ -259,7 +259,7 @@ class ClassRoad(ToolTest):
         for name, mode, status in [("amrwb_hinted", "ar", 2), ("amrnb_plain", "ar", 12),
                                    ("two_amrnb_hinted", "ar", 11), ("amrnb_hinted", "vr", 14),
                                    ("h264_hinted", "vr", 15)]:
-            result = run("extract", sample(name), mode, "--road", "class")
+            result = run("extract", sample(name), mode, "--api", "class")
             self.assertEqual(result.returncode, 1)
             self.assertIn(f"({status})", result.stderr.decode())
 
@@ -270,14 +270,14 @@ class Usage(ToolTest):
                           ("extract", "x", "ar", "--arriving", "0"),
                           ("extract", "-", "ar", "--arriving", "5"),
                           ("extract", "x", "ar", "--from", "5"),
-                          ("extract", "x", "ar", "--road", "class", "--sync", "next"),
-                          ("extract", "x", "ar", "--road", "class", "--from", "-1"),
+                          ("extract", "x", "ar", "--api", "class", "--sync", "next"),
+                          ("extract", "x", "ar", "--api", "class", "--from", "-1"),
                           ("info", "x", "--no-such-option")]:
             with self.subTest(arguments=arguments):
                 self.assert_fails(run(*arguments), 2, "kestrel: ")
 
     def test_wrong_words_are_told_with_the_right_ones(self):
-        for option, words in [("--road", "{function,class}"), ("--sync", "{next,previous,nearest}")]:
+        for option, words in [("--api", "{function,class}"), ("--sync", "{next,previous,nearest}")]:
             self.assert_fails(run("extract", "x", "ar", "--from", "5", option, "up"), 2,
                               f"{option}: up not in {words}")
             self.assert_fails(run("extract", "x", "ar", "--from", "5", option, "0"), 2,
@@ -774,13 +774,13 @@ class Hint(ToolTest):
                 self.assertTrue(carried == others)
                 self.assertLessEqual(max(int(packet[1]) for packet in ours), limit)
 
-    def test_plays_on_the_class_road(self):
+    def test_plays_with_the_class_api(self):
         for name in ["amrnb_plain", "amrnb_plain_mdat_first", "h263_plain", "mpeg4_plain"]:
             mode, truth = PLAIN[name]
             for options in [(), ("--mtu", 300), ("--rfc2190",)]:
                 with self.subTest(name=name, options=options):
                     hinted = self.hint(sample(name), *options)
-                    result = run("extract", hinted, mode, "--road", "class")
+                    result = run("extract", hinted, mode, "--api", "class")
                     self.assertEqual((result.returncode, result.stderr), (0, b""))
                     if mode == "ar":
                         known = (SAMPLES / "truth" / truth).read_bytes()

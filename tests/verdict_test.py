@@ -17,7 +17,6 @@ import xml.etree.ElementTree
 
 from tool_test import (PLAIN, SAMPLES, SPEECH, STBL, TOOL, VIDEO, ToolTest, boxes, run, sample)
 
-EXTRACT_API = "--road"  # the option of extract that names an API
 CONTAINERS = (b"moov", b"trak", b"mdia", b"minf", b"stbl")
 
 
@@ -219,7 +218,7 @@ class Check(ToolTest):
                 apis = []
                 for api, word in zip(("function", "class"), row[1:3]):
                     with self.subTest(name=name, api=api, row=row):
-                        out = run("extract", path, row[0][0] + "r", EXTRACT_API, api)
+                        out = run("extract", path, row[0][0] + "r", "--api", api)
                         if out.returncode == 0:
                             came = self.media_bytes(out.stdout)
                             if came is not None:
@@ -331,7 +330,7 @@ class Check(ToolTest):
 
     def test_a_file_that_ends_the_process_does_not_end_the_check(self):
         bad = self.write("bad.3gp", foreign_mpeg4())
-        self.assertEqual(run("extract", bad, "vr", EXTRACT_API, "class").returncode, 1)
+        self.assertEqual(run("extract", bad, "vr", "--api", "class").returncode, 1)
         good = sample("amrnb_hinted")
         result, rows = self.check(good, bad, good)
         self.assertEqual([row[:3] for row in rows],

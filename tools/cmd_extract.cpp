@@ -15,12 +15,12 @@ struct Options {
     std::string mode;
     std::string output = "-";
     std::optional<uint32_t> arriving;
-    Api road = Api::kFunction;
+    Api api = Api::kFunction;
     std::optional<uint32_t> from_ms;
     Sync sync = Sync::kPrevious;
 };
 
-// What is played, on either road.
+// What is played, of either API.
 class Player {
   public:
     Player() = default;
@@ -110,7 +110,7 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
 
 std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {
     int32_t status = KST_SUCCESS;
-    if (options.road == Api::kClass) {
+    if (options.api == Api::kClass) {
         ClassObject object = open_object(host, options.mode, status);
         if (object == nullptr) throw status_error(options.input, status);
         if (options.from_ms) seek(*object, host, options);
@@ -161,13 +161,13 @@ void extract(const Options& options) {
     }
 }
 
-void add_road_options(CLI::App* command, const std::shared_ptr<Options>& options) {
-    add_choice<Api>(command, "--road", options->road,
+void add_api_options(CLI::App* command, const std::shared_ptr<Options>& options) {
+    add_choice<Api>(command, "--api", options->api,
                     {{"function", Api::kFunction}, {"class", Api::kClass}},
-                    "The library's way in: function (kst_Open) or class (C3gpInterface)")
+                    "The library's API: function (kst_Open) or class (C3gpInterface)")
         ->option_text("function|class [function]");
     CLI::Option* from = command->add_option("--from", options->from_ms,
-                                            "With --road class: begin at the sync sample near MS "
+                                            "With --api class: begin at the sync sample near MS "
                                             "milliseconds, and tell which that is");
     from->type_name("MS");
     add_choice<Sync>(
@@ -200,13 +200,13 @@ void add_extract(CLI::App& app) {
                      "Serve FILE as if N more bytes arrived before each retry")
         ->type_name("N")
         ->check(CLI::Range(uint32_t{1}, UINT32_MAX));
-    add_road_options(command, options);
+    add_api_options(command, options);
     command->callback([options] {
         if (options->arriving && options->input == "-") {
             throw Error("--arriving needs a FILE; standard input arrives by itself", kWrongUsage);
         }
-        if (options->from_ms && options->road != Api::kClass) {
-            throw Error("--from needs --road class; the function road cannot seek", kWrongUsage);
+        if (options->from_ms && options->api != Api::kClass) {
+            throw Error("--from needs --api class; the function API cannot seek", kWrongUsage);
         }
         extract(*options);
     });

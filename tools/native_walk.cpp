@@ -150,7 +150,7 @@ void Walk::audio_headers() {
     const auto codec = header_record<AUD_Codec_Header>("AUD_Codec_Header");
     if (codec.length != sizeof codec) damaged(codec_at, "the codec record tells a wrong length");
     if (codec.coding == kWideBandCoding) medium_ = Medium::kWideBandSpeech;
-    // Only the class road, whose frames hold RTP payloads, tells no bits per sample.
+    // Only the class API, whose frames hold RTP payloads, tells no bits per sample.
     rtp_payloads_ = codec.bits_per_sample == 0;
     const bool narrow = codec.coding >= kFirstCoding && codec.coding <= kLastCoding;
     if (!narrow && (rtp_payloads_ || medium_ != Medium::kWideBandSpeech)) {
