@@ -1,0 +1,154 @@
+// What a file of the ISO base media family or a QuickTime file contains: its tracks with all their
+// samples, in whatever form the file tells them (sample tables or movie fragments, 32 or 64 bits,
+// plain or compact tables). The media itself is not read.
+#ifndef KESTREL_COMPANION_IMPORTER_MOVIE_H
+#define KESTREL_COMPANION_IMPORTER_MOVIE_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kestrel/stream.h"
+
+namespace kestrel::importer {
+
+// A four-character code as the big-endian number that it is in a file.
+constexpr std::uint32_t fourcc(const char (&code)[5]) {
+    std::uint32_t number = 0;
+    for (int i = 0; i < 4; ++i)
+        number = number << 8 | static_cast<std::uint8_t>(code[i]);
+    return number;
+}
+
+// A sample of a track. The samples of a track stand in decoding order; the decoding time of one is
+// the sum of the durations before it.
+struct Sample {
+    std::uint64_t offset = 0;             // in the file
+    std::uint32_t size = 0;               // bytes
+    std::uint32_t duration = 0;           // media timescale
+    std::int32_t composition_offset = 0;  // media timescale; may be negative
+    std::uint32_t description : 31 = 0;   // index into Track::descriptions, from 0
+    std::uint32_t is_sync : 1 = 1;
+};
+static_assert(sizeof(Sample) == 24);
+
+// A sample entry (ISO/IEC 14496-12, 8.5.2), whole, with its header. A QuickTime sound description
+// of version 1 or 2 is rewritten as an AudioSampleEntry where its codec has one there (`mp4a`,
+// `samr`, `sawb`, `sawp`), with the boxes that QuickTime keeps in `wave`; all others are verbatim.
+struct Description {
+    std::uint32_t type = 0;
+    std::vector<std::uint8_t> box;
+};
+
+// An entry of an edit list (8.6.6).
+struct Edit {
+    std::uint64_t duration = 0;        // movie timescale
+    std::int64_t media_time = 0;       // media timescale; -1: nothing is presented
+    std::uint32_t rate = 0x0001'0000;  // 16.16
+};
+
+// Tracks that this one refers to, for one purpose (8.3.3).
+struct Reference {
+    std::uint32_t type = 0;
+    std::vector<std::uint32_t> track_ids;
+};
+
+// A sample grouping of the sample tables (8.9), verbatim: the boxes `sgpd` (empty where there is
+// none) and `sbgp` (empty where all samples are of the default group). Groups of fragments are not
+// kept.
+struct Group {
+    std::uint32_t type = 0;
+    std::uint32_t parameter = 0;
+    std::vector<std::uint8_t> descriptions;
+    std::vector<std::uint8_t> samples;
+};
+
+// The forms in which a file or a track says what it says, beyond those of a plain 3GP file.
+struct Forms {
+    bool large_boxes = false;       // a box of a 64-bit size (size 1)
+    bool boxes_to_end = false;      // a box that ends with the file or its container (size 0)
+    bool version1_headers = false;  // a version-1 mvhd, tkhd, mdhd or elst
+    bool large_offsets = false;     // co64
+    bool compact_sizes = false;     // stz2
+    bool negative_offsets = false;  // a version-1 ctts or trun, or a composition offset below zero
+    bool fragments = false;         // moof
+    bool quicktime = false;         // the brand "qt  ", no ftyp, or a QuickTime sound description
+    bool several_descriptions = false;  // a sample entry that differs from the track's first
+};
+
+struct Track {
+    std::uint32_t id = 0;
+    std::uint32_t handler = 0;
+    std::uint32_t timescale = 0;      // units a second, never 0
+    std::uint64_t duration = 0;       // media timescale: the sum of the samples' durations
+    std::uint16_t language = 0x55C4;  // packed ISO 639-2/T; "und" for a QuickTime language code
+    std::string name;                 // from hdlr, bytes as they are in the file
+    std::uint64_t creation_time = 0, modification_time = 0;  // seconds since 1904-01-01
+    std::uint32_t flags = 0;                                 // of tkhd
+    std::array<std::int32_t, 9> matrix{};
+    std::uint32_t width = 0, height = 0;  // from tkhd, 16.16
+    std::uint16_t layer = 0, alternate_group = 0, volume = 0;
+    bool encrypted = false;  // a sample entry is a protected one (`encv`, `enca`...) or has a sinf
+    std::vector<std::uint8_t>
+        media_header;  // the box vmhd, smhd, hmhd, nmhd, sthd or gmhd, verbatim
+    std::vector<Description> descriptions;  // no two of one codec and configuration
+    std::vector<Edit> edits;
+    std::vector<Reference> references;
+    std::vector<Group> groups;
+    std::vector<Sample> samples;             // of the movie box and of all fragments
+    std::uint32_t samples_in_movie_box = 0;  // so many of them come from the movie box's tables
+    Forms forms;
+};
+
+struct Brands {
+    std::uint32_t major = 0, minor = 0;  // 0 where the file has no ftyp
+    std::vector<std::uint32_t> compatible;
+};
+
+struct Movie {
+    Brands brands;
+    std::uint32_t timescale = 0;                             // units a second, never 0
+    std::uint64_t duration = 0;                              // movie timescale
+    std::uint64_t creation_time = 0, modification_time = 0;  // seconds since 1904-01-01
+    std::vector<std::uint8_t> object_descriptor;             // the box iods, verbatim, or empty
+    std::vector<Track> tracks;
+    bool fragmented = false;  // same as forms.fragments
+    Forms forms;              // those of the tracks included
+};
+
+// A file with more samples is refused.
+inline constexpr std::uint32_t kMostSamples = 1 << 24;
+
+struct Options {
+    // Keeps the samples that are whole when the file is cut or fragments are missing: of each
+    // track, those before the first one that is not.
+    bool salvage = false;
+};
+
+struct Result {
+    bool ok = false;
+    std::string error;     // one sentence without a full stop that names the box and its offset
+    std::string salvaged;  // what was left out, one sentence without a full stop, or empty
+};
+
+// Reads what the file that `host` serves contains into `movie`.
+//
+// Only IndexRead, GetStreamSize, GetOffset, Seek and CheckStatus are called; the stream's position
+// is left as it was. The bodies of mdat boxes are not read. Holds 24 bytes for a sample of the
+// file, in time and memory linear in the size of its boxes. A file that is still arriving is read
+// once all of it is there: an answer of not-yet is an error here.
+//
+// Nothing is lost in silence. A table that contradicts another, a sample that lies outside the
+// file, a box that is cut, or a fragment that is missing ends in an error; the contents of `movie`
+// are then unspecified. Of these, only what a cut or incomplete file lacks can be salvaged.
+//
+// Times of fragments: a track's fragments begin where their tfdt says. A gap after the sample
+// before, or an overlap with it, changes the duration of that sample. When tracks begin at
+// different times, those that begin later get an empty edit.
+Result import_movie(KST_IOSTREAM_CALLBACK_INTERFACE& host, const Options& options, Movie& movie);
+
+}  // namespace kestrel::importer
+
+#endif
