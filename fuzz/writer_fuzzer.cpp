@@ -165,7 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto* callbacks = kst_host_callbacks(host);
     iso_file* file = isoFFopen(callbacks, "w", nullptr);
     check(file != nullptr);
-    file->direct_write = how & 1;
+    isoFFfileDetails(file)->direct_write = how & 1;
     file->interleave_span = how >> 1 & 7;
     std::vector<Track> tracks;
     for (int left = 1 + (how >> 4) % 3; left > 0; --left)

@@ -61,10 +61,10 @@ class Hinted {
            Mode mode = Mode::kQueued, iso_h263_payload h263_payload = ISO_H263_RFC4629)
         : host_(kst_host_for_writing_memory()), callbacks_(kst_host_callbacks(host_)) {
         iso_file* out = isoFFopen(callbacks_, "w", nullptr);
-        out->direct_write = mode == Mode::kDirect;
+        out->own->direct_write = mode == Mode::kDirect;
         iso_track* to = make(out);
         iso_track* to_hint = rtp_isoFFtrack(out, to, max_packet, 96, h263_payload);
-        if (mode == Mode::kSpooled) to_hint->spool = std::tmpfile();
+        if (mode == Mode::kSpooled) to_hint->own->spool = std::tmpfile();
         for (const Sample& sample : samples) {
             Bytes copy = sample.bytes;
             const int size = static_cast<int>(copy.size());
@@ -441,8 +441,8 @@ TEST(HintTrack, EntryOfTheCallerIsTheWholeEntry) {
     iso_file* file = isoFFopen(callbacks, "w", nullptr);
     iso_track* track = isoFFtrack(file);
     track->codec = ISO_CODEC_RTP;
-    track->entry = entry.data();
-    track->entry_length = static_cast<uint32_t>(entry.size());
+    track->own->entry = entry.data();
+    track->own->entry_length = static_cast<uint32_t>(entry.size());
     EXPECT_EQ(isoFFclose(file), 0);
     kst_host_rewind(host);
     file = isoFFopen(callbacks, "r", nullptr);

@@ -269,19 +269,21 @@ iso_track* create(iso_file* file, RandomTrack& from) {
 }
 
 void set_header(iso_track* track, const TrackHeader& header) {
-    track->header_flags = header.flags;
+    track->own->header_flags = header.flags;
     track->layer = header.layer;
     track->alternate_group = header.alternate_group;
     track->volume = header.volume;
-    track->display_width = header.display_width;
-    track->display_height = header.display_height;
+    track->own->display_width = header.display_width;
+    track->own->display_height = header.display_height;
     track->matrix[1] = header.turn;
-    track->language = header.language;
+    track->own->language = header.language;
 }
 
 TrackHeader header_of(const iso_track* track) {
-    return {track->header_flags,  track->layer,          track->alternate_group, track->volume,
-            track->display_width, track->display_height, track->matrix[1],       track->language};
+    return {track->own->header_flags,  track->layer,
+            track->alternate_group,    track->volume,
+            track->own->display_width, track->own->display_height,
+            track->matrix[1],          track->own->language};
 }
 
 Format format_of(const iso_track* track) {
@@ -297,8 +299,8 @@ void describe(iso_track* track, const RandomTrack& from) {
     track->sample_bits = from.format.bits;
     if (from.has_sync) track->sync_samples = copy_to_arena(file, from.sync);
     track->sync_count = static_cast<uint32_t>(from.sync.size());
-    track->edits = copy_to_arena(file, from.edits);
-    track->edit_count = static_cast<int32_t>(from.edits.size());
+    track->own->edits = copy_to_arena(file, from.edits);
+    track->own->edit_count = static_cast<int32_t>(from.edits.size());
     if (!from.sdp.empty()) track->sdp_text = text_in_arena(file, from.sdp);
     iso_sbgp_entry** group = &track->sbgp_list;
     for (const auto& [samples, index] : from.groups) {
@@ -327,13 +329,13 @@ int write_file(Output& out, std::vector<RandomTrack>& tracks, Mode mode,
     EXPECT_EQ(isoFFsetBrand(file, brands.c_str(), 77), 0);
     // What is written does not depend on the clock.
     file->creation_time = file->modification_time = 3'000'000'000;
-    file->direct_write = mode == Mode::kDirect;
+    file->own->direct_write = mode == Mode::kDirect;
     if (tracks.size() > 1) file->sdp_text = text_in_arena(file, kMovieSdp);
     std::vector<iso_track*> made;
     for (RandomTrack& from : tracks) {
         made.push_back(create(file, from));
         describe(made.back(), from);
-        if (mode == Mode::kSpooled) made.back()->spool = std::tmpfile();
+        if (mode == Mode::kSpooled) made.back()->own->spool = std::tmpfile();
     }
     bool more = true;
     for (size_t i = 0; more; ++i) {
@@ -341,7 +343,7 @@ int write_file(Output& out, std::vector<RandomTrack>& tracks, Mode mode,
         for (size_t t = 0; t < tracks.size(); ++t) {
             if (i >= tracks[t].samples.size()) continue;
             Sample& sample = tracks[t].samples[i];
-            made[t]->frame_default = 0;  // a duration of 0 is one
+            made[t]->own->frame_default = 0;  // a duration of 0 is one
             isoFFwrite(made[t], sample.bytes.data(), static_cast<int>(sample.bytes.size()),
                        sample.duration, sample.cts_offset);
             more = true;
@@ -400,10 +402,10 @@ void expect_description(const iso_track* track, const RandomTrack& from) {
         EXPECT_EQ(std::pair(int{track->profile}, int{track->level}), std::pair(3, 10));
     }
     EXPECT_EQ(std::vector(track->sync_samples, track->sync_samples + track->sync_count), from.sync);
-    ASSERT_EQ(static_cast<size_t>(track->edit_count), from.edits.size());
+    ASSERT_EQ(static_cast<size_t>(track->own->edit_count), from.edits.size());
     for (size_t i = 0; i < from.edits.size(); ++i) {
-        EXPECT_EQ(track->edits[i].segment_duration, from.edits[i].segment_duration);
-        EXPECT_EQ(track->edits[i].media_time, from.edits[i].media_time);
+        EXPECT_EQ(track->own->edits[i].segment_duration, from.edits[i].segment_duration);
+        EXPECT_EQ(track->own->edits[i].media_time, from.edits[i].media_time);
     }
     EXPECT_EQ(track->sdp_text == nullptr ? "" : track->sdp_text, from.sdp);
     expect_groups(track, from);
@@ -434,7 +436,7 @@ TEST_P(RandomFiles, ComeBackEqual) {
         EXPECT_EQ(GetCapturedStderr(), "");
         Reread reread(out.bytes);
         EXPECT_EQ(reread.printed, "");
-        EXPECT_EQ(reread.file->movie_result, 0);
+        EXPECT_EQ(reread.file->own->movie_result, 0);
         EXPECT_EQ(reread.file->major_brand, brands.substr(0, 4));
         EXPECT_EQ(reread.file->minor_version, 77);
         EXPECT_EQ(reread.file->compatible_brands, brands);
@@ -506,7 +508,7 @@ TEST(Writer, MovieComesFirstUnlessSamplesGoOutDirectly) {
     for (const bool direct : {false, true}) {
         Output out;
         iso_file* file = open_for_writing(out);
-        file->direct_write = direct;
+        file->own->direct_write = direct;
         out.can_seek = direct;
         iso_track* track = speech_track(file);
         uint8_t sample[32] = {0x3C};
@@ -677,9 +679,9 @@ TEST(Writer, AllTracksTogetherHaveALimitToo) {
         iso_track* tracks[] = {speech_track(file), speech_track(file)};
         uint8_t sample[16] = {};
         ASSERT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), 10);
-        tracks[1]->header_cost =  // as if that much had been taken
-            UINT32_MAX - file->header_size - tracks[0]->header_cost - 24 - 10 + beyond;
-        file->track_cost += tracks[1]->header_cost;
+        tracks[1]->own->header_cost =  // as if that much had been taken
+            UINT32_MAX - file->header_size - tracks[0]->own->header_cost - 24 - 10 + beyond;
+        file->own->track_cost += tracks[1]->own->header_cost;
         EXPECT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), beyond ? -6 : 10);
         EXPECT_EQ(isoFFwrite(tracks[0], sample, 10, 160, 0), beyond ? -8 : -6);
         EXPECT_EQ(isoFFclose(file), 0);
@@ -699,7 +701,7 @@ void expect_costs(std::span<const Step> steps) {
     uint64_t cost = 0;
     for (const Step& step : steps) {
         isoFFwrite(track, sample, step.size, step.duration, step.offset);
-        EXPECT_EQ(track->header_cost, cost += step.cost);
+        EXPECT_EQ(track->own->header_cost, cost += step.cost);
     }
     isoFFclose(file);
 }
@@ -724,7 +726,7 @@ TEST(Writer, DurationLimitClosesTheTrack) {
     file->interleave_limit = 2.0;  // seconds
     iso_track* track = speech_track(file);
     uint8_t sample[] = {1};
-    EXPECT_EQ(track->duration_limit, 16000U);
+    EXPECT_EQ(track->own->duration_limit, 16000U);
     EXPECT_EQ(isoFFwrite(track, sample, 1, 16000, 0), 1);
     EXPECT_EQ(isoFFwrite(track, sample, 1, 1, 0), -7);
     EXPECT_EQ(isoFFwrite(track, sample, 1, 1, 0), -8);
@@ -745,9 +747,9 @@ TEST(Writer, FullTemporaryFileIsTold) {
     Output out;
     iso_file* file = open_for_writing(out);
     iso_track* track = speech_track(file);
-    track->spool = std::fopen("/dev/full", "r+b");
-    if (track->spool == nullptr) GTEST_SKIP() << "no /dev/full";
-    std::setvbuf(track->spool, nullptr, _IONBF, 0);
+    track->own->spool = std::fopen("/dev/full", "r+b");
+    if (track->own->spool == nullptr) GTEST_SKIP() << "no /dev/full";
+    std::setvbuf(track->own->spool, nullptr, _IONBF, 0);
     uint8_t sample[] = {1};
     EXPECT_EQ(isoFFwrite(track, sample, 1, 1, 0), -5);
     EXPECT_EQ(isoFFclose(file), -5);
@@ -757,7 +759,7 @@ TEST(Writer, FullTemporaryFileIsTold) {
 TEST(Writer, DirectModeRefusesTracksThatComeLate) {
     Output out;
     iso_file* file = open_for_writing(out);
-    file->direct_write = 1;
+    file->own->direct_write = 1;
     iso_track* early[] = {speech_track(file), speech_track(file)};
     uint8_t sample[] = {1};
     EXPECT_EQ(isoFFwrite(early[0], sample, 1, 160, 0), 1);
@@ -770,7 +772,7 @@ TEST(Writer, DirectModeRefusesTracksThatComeLate) {
 TEST(Writer, BrandsStandOnceMediaIsWritten) {
     Output out;
     iso_file* file = open_for_writing(out);
-    file->direct_write = 1;
+    file->own->direct_write = 1;
     uint8_t sample[] = {1};
     EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), 1);
     EXPECT_EQ(isoFFsetBrand(file, "3gp6 3gp5 3gp4 isom", 0), -1);
@@ -785,12 +787,12 @@ TEST(Writer, FirstSampleSettlesTheMode) {
         for (const bool changes : {false, true}) {
             Output out;
             iso_file* file = open_for_writing(out);
-            file->direct_write = direct;
+            file->own->direct_write = direct;
             iso_track* track = speech_track(file);
             uint8_t sample[] = {1, 2, 3};
             for (int i = 0; i < 4; ++i) {
                 EXPECT_EQ(isoFFwrite(track, sample, 3, 160, 0), 3);
-                file->direct_write = direct != changes;
+                file->own->direct_write = direct != changes;
             }
             EXPECT_EQ(isoFFclose(file), 0);
             EXPECT_EQ(top_level_boxes(out.bytes).back(), direct ? "moov" : "mdat");
@@ -803,7 +805,7 @@ TEST(Writer, FirstSampleSettlesTheMode) {
 TEST(Writer, DirectModeNeedsAStreamThatSeeks) {
     Output out;
     iso_file* file = open_for_writing(out);
-    file->direct_write = 1;
+    file->own->direct_write = 1;
     uint8_t sample[] = {1};
     EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), 1);
     out.can_seek = false;
@@ -817,10 +819,10 @@ TEST(Writer, MediaBeyondThirtyTwoBitsIsTold) {
     iso_file* file = open_for_writing(out);
     for (int i = 0; i < 3; ++i) {
         iso_track* track = speech_track(file);
-        track->spool = std::tmpfile();
+        track->own->spool = std::tmpfile();
         uint8_t sample[] = {1};
         isoFFwrite(track, sample, 1, 160, 0);
-        track->first_frame->size = 0x7FFFFF00;  // as if that much had been taken
+        track->own->first_frame->size = 0x7FFFFF00;  // as if that much had been taken
     }
     EXPECT_EQ(isoFFclose(file), -6);
     EXPECT_TRUE(out.bytes.empty());
@@ -861,17 +863,17 @@ TEST(Writer, TrackThatCannotBeMadeIsTakenBack) {
             Output out;
             iso_file* file = open_for_writing(out);
             iso_track* first = speech_track(file);
-            first->edits = copy_to_arena<iso_elst_entry>(file, {{100, 0, 0x10000}});
-            first->edit_count = 1;
+            first->own->edits = copy_to_arena<iso_elst_entry>(file, {{100, 0, 0x10000}});
+            first->own->edit_count = 1;
             const uint32_t header = file->header_size;
             {
                 const LittleMemory memory(file, static_cast<size_t>(8 * refused));
                 made = make(file) != nullptr;
             }
             EXPECT_EQ(first->next != nullptr, made);
-            EXPECT_EQ(file->last_track == first, !made);
+            EXPECT_EQ(file->own->last_track == first, !made);
             EXPECT_EQ(file->next_track_id, made ? 3U : 2U);
-            EXPECT_EQ(file->header_size == header && !file->has_visual, !made);
+            EXPECT_EQ(file->header_size == header && !file->own->has_visual, !made);
             EXPECT_EQ(isoFFclose(file), 0);
             Reread reread(out.bytes);
             EXPECT_EQ(isoFFselect(reread.file, nullptr, 2) != nullptr, made);
@@ -885,7 +887,7 @@ TEST(Writer, NoMemoryIsTold) {
     for (const bool direct : {false, true}) {
         Output out;
         iso_file* file = open_for_writing(out);
-        file->direct_write = direct;
+        file->own->direct_write = direct;
         iso_track* track = speech_track(file);
         uint8_t sample[] = {1};
         EXPECT_EQ(isoFFwrite(track, sample, 1, 160, 0), 1);
@@ -985,7 +987,7 @@ TEST(Writer, TrackHelpersRefuseWhatMakesNoSense) {
     EXPECT_EQ(file->first_track, nullptr);
     EXPECT_EQ(isoFFsetDecoderSpecificInfo(nullptr, cut_avcc, 1), -1);
     const uint32_t header = file->header_size;
-    EXPECT_EQ(h263_isoFFtrack(file, &cfg)->frame_count, 1U);
+    EXPECT_EQ(h263_isoFFtrack(file, &cfg)->own->frame_count, 1U);
     EXPECT_EQ(file->header_size, header + 325 + 121);
     EXPECT_EQ(isoFFclose(file), 0);
 }

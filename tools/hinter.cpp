@@ -20,7 +20,8 @@ constexpr uint64_t kMostInMemory = 64 << 20;  // bytes of samples; more wait in 
 bool has_whole_tables(const iso_track* track) {
     const bool has_sizes = track->sample_size != 0 || track->sample_sizes != nullptr;
     return track->stts != nullptr && track->stsc != nullptr && track->chunks != nullptr &&
-           has_sizes && static_cast<uint32_t>(track->sample_count) == track->told_samples;
+           has_sizes &&
+           static_cast<uint32_t>(track->sample_count) == isoFFtrackDetails(track)->declared_samples;
 }
 
 // Whether a track has what its decoder and the description of its packets need.
@@ -87,8 +88,9 @@ void copy_sync_samples(iso_track* to, const iso_track* from) {
 // What a sample entry and its configuration box tell.
 void copy_entry(iso_track* to, const iso_track* from) {
     to->codec = from->codec;
-    to->entry = arena_copy(to->file, from->entry, from->entry_length);
-    to->entry_length = from->entry_length;
+    const iso_track_details* details = isoFFtrackDetails(from);
+    isoFFtrackDetails(to)->entry = arena_copy(to->file, details->entry, details->entry_length);
+    isoFFtrackDetails(to)->entry_length = details->entry_length;
     std::memcpy(to->vendor, from->vendor, sizeof to->vendor);
     to->decoder_version = from->decoder_version;
     to->level = from->level;
@@ -112,6 +114,17 @@ void copy_entry(iso_track* to, const iso_track* from) {
     throw Error("track " + std::to_string(from->track_id) + ": its avcC is damaged");
 }
 
+void copy_details(iso_track* to_track, const iso_track* from_track) {
+    iso_track_details* to = isoFFtrackDetails(to_track);
+    const iso_track_details* from = isoFFtrackDetails(from_track);
+    to->language = from->language;
+    to->header_flags = from->header_flags;
+    to->display_width = from->display_width;
+    to->display_height = from->display_height;
+    to->edits = arena_copy(to_track->file, from->edits, static_cast<size_t>(from->edit_count));
+    to->edit_count = from->edit_count;
+}
+
 // A track like `from`, without its samples.
 iso_track* copy_track(iso_file* file, const iso_track* from) {
     iso_track* to = isoFFtrack(file);
@@ -121,18 +134,13 @@ iso_track* copy_track(iso_file* file, const iso_track* from) {
     to->creation_time = from->creation_time;
     to->modification_time = from->modification_time;
     to->timescale = from->timescale;
-    to->language = from->language;
-    to->header_flags = from->header_flags;
-    to->display_width = from->display_width;
-    to->display_height = from->display_height;
     to->layer = from->layer;
     to->alternate_group = from->alternate_group;
     to->volume = from->volume;
     to->width = from->width;
     to->height = from->height;
     std::copy(std::begin(from->matrix), std::end(from->matrix), std::begin(to->matrix));
-    to->edits = arena_copy(file, from->edits, static_cast<size_t>(from->edit_count));
-    to->edit_count = from->edit_count;
+    copy_details(to, from);
     copy_entry(to, from);
     copy_groups(to, from);
     copy_sync_samples(to, from);
@@ -148,7 +156,8 @@ void copy_movie(iso_file* to, const iso_file* from) {
     to->audio_profile = from->audio_profile;
     to->creation_time = from->creation_time;
     to->modification_time = from->modification_time;
-    if (from->edit_timescale != 0) to->timescale = from->edit_timescale;
+    const uint32_t timescale = isoFFfileDetails(from)->edit_timescale;
+    if (timescale != 0) to->timescale = timescale;
     to->duration = from->duration;
 }
 
@@ -194,7 +203,7 @@ class Hinter {
     }
 
     void refuse_what_cannot_be_copied() const {
-        if (from_->movie_result != 0) {
+        if (isoFFfileDetails(from_)->movie_result != 0) {
             throw Error(options_.input +
                         ": its movie box is damaged; tracks or tables are missing");
         }
@@ -231,7 +240,7 @@ class Hinter {
     }
 
     static bool has_several_descriptions(const iso_track* track) {
-        if (track->entry_count > 1) return true;
+        if (isoFFtrackDetails(track)->entry_count > 1) return true;
         for (int32_t i = 1; i < track->stsc_count; ++i) {
             if (track->stsc[i].description_index != track->stsc[0].description_index) return true;
         }
@@ -276,8 +285,9 @@ class Hinter {
     // Where there is much to copy, the samples of a track wait in a temporary file.
     void spool(iso_track* track) const {
         if (!spools_) return;
-        track->spool = std::tmpfile();
-        if (track->spool == nullptr) throw system_error("temporary file");
+        std::FILE*& spool = isoFFtrackDetails(track)->spool;
+        spool = std::tmpfile();
+        if (spool == nullptr) throw system_error("temporary file");
     }
 
     int payload_type_of(const iso_track* track) {
@@ -326,7 +336,7 @@ class Hinter {
     }
 
     void write_sample(const Medium& medium, uint8_t* data, int size, int duration, int offset) {
-        medium.to->frame_default = 0;  // a sample that lasts no time stays so
+        isoFFtrackDetails(medium.to)->frame_default = 0;  // a sample that lasts no time stays so
         const int written = isoFFwrite(medium.to, data, size, duration, offset);
         if (written < 0) refuse_sample(medium, medium.to, written);
         if (medium.hint == nullptr) return;

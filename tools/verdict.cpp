@@ -86,7 +86,9 @@ double share(uint64_t part, uint64_t whole) {
 double told_bytes(const iso_track* track) {
     const auto samples = static_cast<uint32_t>(std::max(track->sample_count, 0));
     const auto bytes = static_cast<double>(sample_bytes(track));
-    return samples == 0 ? 0 : bytes * std::max(track->told_samples, samples) / samples;
+    return samples == 0
+               ? 0
+               : bytes * std::max(isoFFtrackDetails(track)->declared_samples, samples) / samples;
 }
 
 // Bytes are compared, as frames need not be samples: speech has several in one, and hint tracks
@@ -95,7 +97,8 @@ double told_bytes(const iso_track* track) {
 bool is_in_part(const Trial& trial, const iso_track* track) {
     constexpr double kEnough = 0.9;
     if (static_cast<double>(trial.media_bytes) >= kEnough * told_bytes(track)) return false;
-    return track->codec != ISO_CODEC_AVC1 || share(trial.frames, track->told_samples) < kEnough;
+    return track->codec != ISO_CODEC_AVC1 ||
+           share(trial.frames, isoFFtrackDetails(track)->declared_samples) < kEnough;
 }
 
 // Calls `read` until the stream ends, fails, or has been long enough.
@@ -292,9 +295,9 @@ bool lacks_data(const Verdict& verdict, const iso_file* file, const iso_track* t
 
 // How much of it plays, of what is incomplete though nothing is missing from the file.
 std::string amount(const Trial& trial, const iso_track* track, Medium medium) {
-    if (medium == Medium::kVideo && trial.frames < track->told_samples) {
-        return std::to_string(trial.frames) + " of " + std::to_string(track->told_samples) +
-               " pictures";
+    if (medium == Medium::kVideo && trial.frames < isoFFtrackDetails(track)->declared_samples) {
+        return std::to_string(trial.frames) + " of " +
+               std::to_string(isoFFtrackDetails(track)->declared_samples) + " pictures";
     }
     const double percent = 100 * static_cast<double>(trial.media_bytes) / told_bytes(track);
     return format("%.0f %% of the bytes of its %s", percent, word(medium));
@@ -309,7 +312,7 @@ std::string why_damaged(const Verdict& verdict, const Outcome& outcome, const is
     }
     if (!verdict.opens) return "A box or table that playing needs is missing or damaged.";
     if (verdict.status == KST_SUCCESS) {
-        return track != nullptr && track->told_samples == 0
+        return track != nullptr && isoFFtrackDetails(track)->declared_samples == 0
                    ? "It opens, but its track has no samples."
                    : "It opens, but no frame comes out: a table or all samples make no sense.";
     }

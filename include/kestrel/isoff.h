@@ -12,11 +12,12 @@
 // Writing: isoFFopen(stream, "w", ...) over an empty stream, isoFFtrack or one of the *_isoFFtrack
 // functions for each track, isoFFwrite for each sample in decoding order, isoFFclose. The samples
 // wait in memory and the file is written as a whole at close, `moov` first; with
-// iso_file::direct_write, which is looked at when the first sample comes, they go to the stream as
-// they come, and `moov` stands at the end. A file that could not be finished has no `moov`, unless
-// its stream cannot seek back: then it may have one, with media missing behind it. The
-// fields of a track that describe it (handler, codec, timescale, configuration, sync_samples,
-// sbgp_list, edits, sdp_text ...) may be filled in until isoFFclose, with memory from isoFFmalloc.
+// iso_file_details::direct_write, which is looked at when the first sample comes, they go to the
+// stream as they come, and `moov` stands at the end. A file that could not be finished has no
+// `moov`, unless its stream cannot seek back: then it may have one, with media missing after it.
+// The fields of a track and of its details that describe it (handler, codec, timescale,
+// configuration, sync_samples, sbgp_list, edits, sdp_text ...) may be filled in until isoFFclose,
+// with memory from isoFFmalloc.
 // Functions that read samples answer -1 for a track that is being written.
 #ifndef KESTREL_ISOFF_H
 #define KESTREL_ISOFF_H
@@ -43,6 +44,8 @@ enum iso_codec : int32_t {
 };
 
 struct iso_track;
+struct iso_file_private;
+struct iso_track_private;
 
 struct iso_file {
     _TAG_KST_IOSTREAM_CALLBACK_INTERFACE* stream;  // the host's table
@@ -54,8 +57,7 @@ struct iso_file {
     uint32_t timescale;                         // movie units per second
     uint32_t duration;                          // in movie units
     uint32_t next_track_id;
-    iso_track* first_track;  // list in file order
-    iso_track* last_track;
+    iso_track* first_track;    // list in file order
     iso_track* current_track;  // the track being filled: that of the last `tkhd`
     char major_brand[5];
     int32_t minor_version;
@@ -85,28 +87,7 @@ struct iso_file {
     uint8_t* moov_buffer;     // next byte of the in-memory `moov`
     uint32_t moov_left;       // its bytes not yet consumed, of the box at hand
     char* sdp_text;           // movie-level SDP
-    // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
-    // timescale and duration. Edit lists count in these.
-    uint32_t edit_timescale;
-    uint32_t
-        lacked_memory;  // 1: an allocation for the file failed, so something of it may be missing
-
-    // Writer.
-    uint32_t has_visual;    // 1: `iods` tells that there is visual media (14496-1, table 5)
-    uint32_t direct_write;  // 1: samples go to the stream as they come; later changes do nothing
-    uint32_t finalised;     // 1: the file was written, or can no longer be
-    uint32_t write_pos;     // bytes written to the stream
-    uint32_t media_base;    // what iso_run::start counts from
-    uint32_t direct_track_limit;  // direct_write: highest track ID that takes samples
-    iso_track* direct_track;      // direct_write: the track whose samples come last
-
-    // What came of reading `moov`: 0, or another value where it could not be read to its end, so
-    // that tables, or tracks that stand behind, may be missing.
-    int32_t movie_result;
-
-    // Writer.
-    uint32_t write_way;   // settled by the first sample: 0 not yet, 1 queued, 2 direct
-    uint64_t track_cost;  // sum of iso_track::header_cost
+    iso_file_private* own;    // the library's; see isoFFfileDetails
 };
 
 inline constexpr uint32_t iso_file_magic = 0x0C0DE100;
@@ -155,26 +136,6 @@ struct iso_elst_entry {
     uint32_t media_rate;        // 16.16
 };
 
-// Writer: a sample that was taken. Its bytes are at `data`, or null where they went elsewhere.
-struct iso_frame {
-    uint32_t duration;   // track units
-    int32_t cts_offset;  // track units
-    uint32_t size;       // bytes
-    const uint8_t* data;
-    void* reserved;
-    iso_frame* next;  // in decoding order
-};
-
-// Writer: samples of a track that stand together in the file, which makes them a chunk.
-struct iso_run {
-    uint32_t start;  // from iso_file::media_base
-    uint32_t samples;
-    iso_run* next;
-};
-
-struct iso_hinter;
-struct iso_index;
-
 // Position of the RTP packet reader in a hint track. isoFFrtpHinter makes one; a caller that wants
 // the packets of a certain hint track may hang a zeroed one of its own, with media_track filled, on
 // iso_track::hint, and take it away before the file is closed.
@@ -210,7 +171,6 @@ struct iso_track {
     int32_t layer, alternate_group, volume;  // volume: 8.8
     uint8_t* dsi;  // decoder-specific information: payload of `esds`, or the whole `avcC`
     uint32_t dsi_length;
-    uint32_t dsi_capacity;                           // bytes that `dsi` has room for
     uint32_t buffer_size, max_bitrate, avg_bitrate;  // bytes, bits per second
     uint32_t profile_compat;                         // `avcC` byte 2
     int32_t nal_length_size;                         // bytes of a NAL unit's length field
@@ -244,20 +204,14 @@ struct iso_track {
     int32_t stsc_count;
     iso_stts_entry* stts;
     iso_ctts_entry* ctts;
-    uint32_t tables_seen;  // which tables were read, so that a second one is told
-    iso_index* index;      // finds any sample at once; null while the file is being written
 
     // Read cursor.
     int32_t cur_sample;   // next sample to read, from 0
-    uint32_t positioned;  // 1 once isoFFsetPosition was asked to move the cursor
     uint32_t dsi_sent;    // non-zero once the decoder configuration was delivered
     uint32_t cur_offset;  // file offset of cur_sample
     int32_t cur_chunk;
     int32_t stts_index, stts_in_entry;  // time-to-sample entry of cur_sample, samples before it
     int32_t ctts_index, ctts_in_entry;
-    // How many of the next samples are known to follow the one at hand in its chunk and to last as
-    // long as it does: the cursor comes to them without a look at the tables.
-    uint32_t next_alike;
 
     uint32_t sync_count;
     uint32_t* sync_samples;  // as stored: counting from 1
@@ -269,7 +223,6 @@ struct iso_track {
 
     // Hint track.
     rtp_hint_state* hint;
-    uint32_t hint_from_system;  // 1 when `hint` came from the system allocator, not the arena
     uint16_t rtp_hint_version, rtp_highest_compat;
     uint32_t rtp_max_packet;  // bytes, RTP header included
     uint32_t rtp_timescale;
@@ -282,6 +235,22 @@ struct iso_track {
     uint32_t last_payload_type;  // of the last packet
     char srpp_schemes[4][5];
 
+    iso_track_private* own;  // the library's; see isoFFtrackDetails
+};
+
+// What a file's record has besides the fields above: isoFFfileDetails.
+struct iso_file_details {
+    // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
+    // timescale and duration. Edit lists count in these.
+    uint32_t edit_timescale;
+    // Result of reading `moov`: 0, or another value where it could not be read to its end, so that
+    // tables, or tracks that follow, may be missing.
+    int32_t movie_result;
+    uint32_t direct_write;  // writer, 1: samples go to the stream as they come
+};
+
+// What a track's record has besides the fields above: isoFFtrackDetails.
+struct iso_track_details {
     // Track header, media header, edit list, visual sample entry.
     uint32_t header_flags;                   // of `tkhd`
     uint32_t display_width, display_height;  // pixels, 16.16; of `tkhd`
@@ -289,34 +258,22 @@ struct iso_track {
     int32_t edit_count;
     iso_elst_entry* edits;
     // Body of the sample entry as read, the last of `entry_count` that were. A track that is
-    // written with one has what stands in it behind the data reference index, else what the fields
-    // tell.
+    // written with one has what follows the data reference index in it, else what the fields
+    // declare.
     const uint8_t* entry;
     uint32_t entry_length, entry_count;
     uint32_t frame_count;  // of a visual sample entry: frames in a sample
     uint32_t depth;        // of the same: bits of a pixel
+    // Number of samples that `stsz` declares. sample_count is less where the tables do not agree.
+    uint32_t declared_samples;
 
-    // Writer. The figures of the reader (sample_count, sample_size while it is the same for all,
-    // duration, stts_count ...) run on as samples are taken.
-    iso_frame* first_frame;
-    iso_frame* last_frame;
-    uint32_t frame_default;   // duration that a sample with a duration of 0 gets
-    uint32_t duration_limit;  // longest media duration, track units
-    uint64_t header_cost;     // bytes that the samples add to the file
-    uint32_t closed;          // 1: a limit was met; no more samples are taken
+    // Writer.
+    uint32_t frame_default;     // duration that a sample with a duration of 0 gets
+    uint32_t duration_limit;    // longest media duration, track units
+    uint32_t max_pdu, avg_pdu;  // hint track: bytes of a packet's payload and header
     // A temporary file in which the samples wait instead of in memory. The caller hangs one opened
     // for update here before the first sample; isoFFclose closes it.
     std::FILE* spool;
-    iso_run* first_run;
-    iso_run* last_run;
-    uint32_t run_count;
-    uint32_t run_units;         // direct_write: duration of the newest run, track units
-    uint64_t counted_sizes[5];  // of the sample tables, as they were measured
-    uint32_t max_pdu, avg_pdu;  // hint track: bytes of a packet's payload and header
-    iso_hinter* hinter;         // hint track: makes its samples
-
-    // Number of samples that `stsz` tells. sample_count is less where the tables do not agree.
-    uint32_t told_samples;
 };
 
 // Bit of iso_track::flags: the decoder configuration counts into the next sample's size.
@@ -339,20 +296,26 @@ KESTREL_API iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, c
 // would be larger than 32 bits can tell.
 KESTREL_API int isoFFclose(iso_file* file);
 
+// Returns what the file's record has besides its fields; null for null. It belongs to the record.
+KESTREL_API iso_file_details* isoFFfileDetails(const iso_file* file);
+
+// Returns what the track's record has besides its fields; null for null. It belongs to the record.
+KESTREL_API iso_track_details* isoFFtrackDetails(const iso_track* track);
+
 // Creates a track at the end of the list; null when there is no memory. In write mode it has the
 // next track ID, the file's times and the unity matrix, and is enabled; handler, codec, timescale,
 // and what is not 0 of volume and display size are the caller's to fill in.
 KESTREL_API iso_track* isoFFtrack(iso_file* file);
 
 // Takes the next sample of a track that is being written: `size` bytes at `data`, `duration` and
-// composition offset in track units. A duration of 0 repeats iso_track::frame_default, and any
-// other becomes it. The bytes are copied. Returns `size`, or
+// composition offset in track units. A duration of 0 repeats iso_track_details::frame_default, and
+// any other becomes it. The bytes are copied. Returns `size`, or
 //   -1  null track, negative size or duration, no data, or the file is not being written
 //   -2  no memory
 //   -5  the file has been finished already, or the stream or the track's temporary file fell short
 //   -6  with it, what the track takes would be more than iso_file::size_limit, or what all tracks
 //       take more than 32 bits can tell; the track is closed
-//   -7  the track would run longer than iso_track::duration_limit; the track is closed
+//   -7  the track would run longer than iso_track_details::duration_limit; the track is closed
 //   -8  the track was closed by an earlier -6 or -7
 //   -9  direct_write: the track was made after the first sample of the file was written
 KESTREL_API int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_offset);

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "interface/src/isoff/private.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/kstutil.h"
 
@@ -94,7 +95,7 @@ int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* ca
     int error = 0;
     iso_file* file = isoFFopen(callbacks, "r", &error);
     int32_t status = check_arguments(handle_out, callbacks, mode);
-    const bool lacked_memory = file == nullptr || file->lacked_memory;
+    const bool lacked_memory = file == nullptr || file->own->lacked_memory;
     if (status == KST_SUCCESS && lacked_memory) status = KST_NO_MEMORY;
     if (status != KST_SUCCESS) {
         isoFFclose(file);

@@ -60,7 +60,7 @@ Writing write_every_codec(KST_IOSTREAM_CALLBACK_INTERFACE* stream, bool direct,
     iso_file* file = nullptr;
     around([&] { file = isoFFopen(stream, "w", &writing.open_error); });
     if (file == nullptr) return writing;
-    file->direct_write = direct;
+    isoFFfileDetails(file)->direct_write = direct;
     file->creation_time = file->modification_time = 0;
     std::vector<Track> tracks = make_tracks(file, around);
     for (int i = 0; i < kSamples; ++i) {

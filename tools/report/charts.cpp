@@ -276,15 +276,16 @@ std::string packet_count_chart(const TrackFigures& figures, double total) {
 }
 
 std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double total) {
-    if (track->edit_count <= 0 || movie_timescale == 0) return "";
-    const auto shown = std::min(static_cast<size_t>(track->edit_count), kMostEdits);
+    const iso_track_details* details = isoFFtrackDetails(track);
+    if (details->edit_count <= 0 || movie_timescale == 0) return "";
+    const auto shown = std::min(static_cast<size_t>(details->edit_count), kMostEdits);
     const auto length = [&](size_t i) {
-        return static_cast<double>(track->edits[i].segment_duration) / movie_timescale;
+        return static_cast<double>(details->edits[i].segment_duration) / movie_timescale;
     };
     std::string shapes, told;
     double at = 0;
     for (size_t i = 0; i < shown; ++i) {
-        const iso_elst_entry& edit = track->edits[i];
+        const iso_elst_entry& edit = details->edits[i];
         const bool empty = edit.media_time < 0;
         const double from =
             track->timescale == 0 ? 0.0 : static_cast<double>(edit.media_time) / track->timescale;
@@ -305,8 +306,8 @@ std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double 
         }
         at += length(i);
     }
-    if (static_cast<size_t>(track->edit_count) > shown) {
-        told += " and " + show_count(static_cast<size_t>(track->edit_count) - shown) + " more";
+    if (static_cast<size_t>(details->edit_count) > shown) {
+        told += " and " + show_count(static_cast<size_t>(details->edit_count) - shown) + " more";
     }
     return "<figure class=\"chart\"><figcaption><b>Edit list</b><span>" + told +
            "</span></figcaption><div class=\"plot\"><svg class=\"strip thin\" "

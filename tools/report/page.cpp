@@ -417,7 +417,7 @@ class Page {
         if (!figures.has_sync_table && is_of(track, Medium::kVideo)) {
             facts.push_back("every sample is a sync sample");
         }
-        if (track->edit_count <= 0) facts.push_back("no edit list");
+        if (isoFFtrackDetails(track)->edit_count <= 0) facts.push_back("no edit list");
         std::string line;
         for (const std::string& one : facts)
             line += (line.empty() ? "" : " · ") + one;
@@ -471,7 +471,8 @@ class Page {
         const std::string rate = rate_chart(figures, data_.seconds);
         out_ += rate + sync_chart(figures, data_.seconds);
         if (!rate.empty()) out_ += time_axis(data_.seconds);
-        out_ += edit_strip(track, data_.file->edit_timescale, data_.seconds);
+        out_ +=
+            edit_strip(track, isoFFfileDetails(data_.file.get())->edit_timescale, data_.seconds);
         if (is_hint(track)) {
             add_hints(figures);
         } else {

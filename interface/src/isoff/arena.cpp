@@ -45,7 +45,7 @@ bool getChunk(iso_file* file, size_t rounded) {
                             : kBlockSize;
     void* block = std::malloc(size);
     if (block == nullptr) {
-        file->lacked_memory = 1;
+        file->own->lacked_memory = 1;
         return false;
     }
     set_next_block(block, nullptr);

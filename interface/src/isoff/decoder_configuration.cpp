@@ -272,14 +272,15 @@ size_t put_start_coded_sets(const iso_track* track, std::span<uint8_t> to) {
 }
 
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
-    if (bytes.size() > track->dsi_capacity || track->dsi == nullptr) {
+    if (bytes.size() > track->own->dsi_capacity || track->dsi == nullptr) {
         // The arena takes nothing back, so a configuration that keeps growing must not take a new
         // block each time.
-        const size_t capacity = std::max<size_t>(bytes.size(), size_t{2} * track->dsi_capacity);
+        const size_t capacity =
+            std::max<size_t>(bytes.size(), size_t{2} * track->own->dsi_capacity);
         auto* memory = arena_array<uint8_t>(track->file, capacity);
         if (memory == nullptr) return false;
         track->dsi = memory;
-        track->dsi_capacity = static_cast<uint32_t>(capacity);
+        track->own->dsi_capacity = static_cast<uint32_t>(capacity);
     }
     std::copy(bytes.begin(), bytes.end(), track->dsi);
     track->dsi_length = static_cast<uint32_t>(bytes.size());
@@ -334,7 +335,7 @@ int read_avcC(iso_file* file, uint32_t) try {
     keep_param_sets(track, sets, block);
     return 0;
 } catch (const std::bad_alloc&) {
-    file->lacked_memory = 1;
+    file->own->lacked_memory = 1;
     return -1;
 }
 

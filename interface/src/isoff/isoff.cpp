@@ -31,7 +31,13 @@ void tell(int* error, int code) {
 
 iso_file* new_record(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
     auto* file = static_cast<iso_file*>(std::calloc(1, sizeof(iso_file)));
-    if (file == nullptr) return nullptr;
+    auto* own = static_cast<iso_file_private*>(std::calloc(1, sizeof(iso_file_private)));
+    if (file == nullptr || own == nullptr) {
+        std::free(file);
+        std::free(own);
+        return nullptr;
+    }
+    file->own = own;
     file->stream = stream;
     file->magic = iso_file_magic;
     file->od_id = 1;
@@ -63,11 +69,12 @@ bool begin_writing(iso_file* file) {
 
 void release(iso_file* file) {
     for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
-        if (track->hint_from_system) systemfree(track->hint);
-        if (track->spool != nullptr) std::fclose(track->spool);
+        if (track->own->hint_from_system) systemfree(track->hint);
+        if (track->own->spool != nullptr) std::fclose(track->own->spool);
     }
     systemfree(file->mdat_buffer);
     safefree(file->first_chunk);
+    std::free(file->own);
     std::free(file);
 }
 
@@ -122,23 +129,33 @@ int isoFFclose(iso_file* file) {
 iso_track* isoFFtrack(iso_file* file) {
     if (file == nullptr) return nullptr;
     auto* track = arena_array<iso_track>(file, 1);
-    if (track == nullptr) return nullptr;
+    auto* own = arena_array<iso_track_private>(file, 1);
+    if (track == nullptr || own == nullptr) return nullptr;
+    track->own = own;
     track->magic = iso_track_magic;
     track->file = file;
     track->flags = iso_track_prepends_dsi;
-    (file->last_track == nullptr ? file->first_track : file->last_track->next) = track;
-    file->last_track = track;
+    (file->own->last_track == nullptr ? file->first_track : file->own->last_track->next) = track;
+    file->own->last_track = track;
     if (file->write_mode) {
         track->track_id = file->next_track_id++;
         track->creation_time = file->creation_time;
         track->modification_time = file->modification_time;
         set_unity(track->matrix);
-        track->header_flags = kEnabledInMovieAndPreview;
-        track->language = kUndetermined;
-        track->duration_limit = UINT32_MAX;
+        track->own->header_flags = kEnabledInMovieAndPreview;
+        track->own->language = kUndetermined;
+        track->own->duration_limit = UINT32_MAX;
         file->header_size += kTrackHeaderEstimate;
     }
     return track;
+}
+
+iso_file_details* isoFFfileDetails(const iso_file* file) {
+    return file == nullptr ? nullptr : file->own;
+}
+
+iso_track_details* isoFFtrackDetails(const iso_track* track) {
+    return track == nullptr ? nullptr : track->own;
 }
 
 iso_track* isoFFselect(iso_file* file, const char* handler, int n) {

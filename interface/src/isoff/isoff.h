@@ -3,7 +3,7 @@
 #define KESTREL_INTERFACE_ISOFF_H
 
 #include "common/bytes.h"
-#include "kestrel/isoff.h"
+#include "interface/src/isoff/private.h"
 
 namespace kestrel {
 

@@ -98,6 +98,8 @@ bool stage(mm_Interface* record, const void* bytes, uint32_t count) {
 class SavedTrack {
   public:
     explicit SavedTrack(iso_track* track) : track_(track), saved_(*track) {
+        positioned_ = track->own->positioned;
+        next_alike_ = track->own->next_alike;
         if (track->hint != nullptr) hint_ = *track->hint;
     }
     void restore() const {
@@ -105,14 +107,16 @@ class SavedTrack {
         // Memory that a configuration was given stays the track's.
         back.dsi = track_->dsi;
         back.dsi_length = track_->dsi_length;
-        back.dsi_capacity = track_->dsi_capacity;
         *track_ = back;
+        track_->own->positioned = positioned_;
+        track_->own->next_alike = next_alike_;
         if (track_->hint != nullptr) *track_->hint = hint_;
     }
 
   private:
     iso_track* track_;
     iso_track saved_;
+    uint32_t positioned_, next_alike_;
     rtp_hint_state hint_{};
 };
 

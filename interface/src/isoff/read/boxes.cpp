@@ -63,7 +63,7 @@ uint8_t* read_into_arena(iso_file* file, uint32_t size) {
     uint32_t read = 0;
     bool no_memory = false;
     uint8_t* grown = read_growing(file, size, read, no_memory);
-    if (no_memory) file->lacked_memory = 1;
+    if (no_memory) file->own->lacked_memory = 1;
     if (grown == nullptr) return nullptr;
     auto* bytes = static_cast<uint8_t*>(isoFFmalloc(file, size));
     if (bytes != nullptr) std::memcpy(bytes, grown, size);
@@ -169,7 +169,7 @@ int read_mdhd(iso_file* file, uint32_t) {
     track->modification_time = getint32(file);
     track->timescale = getint32(file);
     track->duration = getint32(file);
-    track->language = getint16(file);
+    track->own->language = getint16(file);
     return 0;
 }
 
@@ -199,7 +199,7 @@ int read_tkhd(iso_file* file, uint32_t) {
     iso_track* track = isoFFtrack(file);
     if (track == nullptr) return -1;
     file->current_track = track;
-    track->header_flags = flags;
+    track->own->header_flags = flags;
     if (version == 0) {
         track->creation_time = getint32(file);
         track->modification_time = getint32(file);
@@ -216,10 +216,10 @@ int read_tkhd(iso_file* file, uint32_t) {
     track->volume = getint16(file);
     getint16(file);  // reserved
     read_matrix(file, track);
-    track->display_width = getint32(file);
-    track->display_height = getint32(file);
-    track->width = track->display_width >> 16;
-    track->height = track->display_height >> 16;
+    track->own->display_width = getint32(file);
+    track->own->display_height = getint32(file);
+    track->width = track->own->display_width >> 16;
+    track->height = track->own->display_height >> 16;
     return 0;
 }
 
@@ -248,11 +248,11 @@ int read_mvhd(iso_file* file, uint32_t) {
     if (version == 0) {
         file->creation_time = getint32(file);
         file->modification_time = getint32(file);
-        file->timescale = file->edit_timescale = getint32(file);
+        file->timescale = file->own->edit_timescale = getint32(file);
         file->duration = getint32(file);
     } else {
         skip(file, kWideDates);
-        file->edit_timescale = getint32(file);
+        file->own->edit_timescale = getint32(file);
         skip(file, kWideMovieTimes - kWideDates - 4);
     }
     skip(file, 4 + 2 + 70);  // rate, volume; reserved, matrix and pre-defined
@@ -308,15 +308,15 @@ int read_mdia(iso_file* file, uint32_t) {
 int read_elst(iso_file* file, uint32_t) {
     constexpr uint32_t kEntry = 12, kWideEntry = 20;
     iso_track* track = current(file);
-    if (track == nullptr || track->edits != nullptr || file->moov_left < 8) return 0;
+    if (track == nullptr || track->own->edits != nullptr || file->moov_left < 8) return 0;
     const bool wide = getbyte(file) != 0;
     getint24(file);  // flags
     const uint32_t count = getint32(file);
     if (count == 0 || count > file->moov_left / (wide ? kWideEntry : kEntry)) return 0;
-    track->edits = arena_array<iso_elst_entry>(file, count);
-    if (track->edits == nullptr) return -1;
-    track->edit_count = static_cast<int32_t>(count);
-    for (iso_elst_entry& edit : std::span(track->edits, count)) {
+    track->own->edits = arena_array<iso_elst_entry>(file, count);
+    if (track->own->edits == nullptr) return -1;
+    track->own->edit_count = static_cast<int32_t>(count);
+    for (iso_elst_entry& edit : std::span(track->own->edits, count)) {
         const uint64_t duration_high = wide ? getint32(file) : 0;
         edit.segment_duration = duration_high << 32 | getint32(file);
         const uint64_t time_high = wide ? getint32(file) : 0;
@@ -387,9 +387,9 @@ iso_track* begin_entry(iso_file* file, int32_t codec) {
     iso_track* track = current(file);
     if (track == nullptr) return nullptr;
     track->codec = codec;
-    track->entry = file->moov_buffer;
-    track->entry_length = file->moov_left;
-    track->entry_count++;
+    track->own->entry = file->moov_buffer;
+    track->own->entry_length = file->moov_left;
+    track->own->entry_count++;
     return track;
 }
 
@@ -474,14 +474,14 @@ int read_ftyp(iso_file* file, uint32_t body) {
 }
 
 int read_moov(iso_file* file, uint32_t body) {
-    file->movie_result = -1;  // unless it is read to its end
+    file->own->movie_result = -1;  // unless it is read to its end
     file->moov_buffer = read_into_arena(file, body);
     if (file->moov_buffer == nullptr) return -1;
     file->moov_left = body;
     file->in_moov_buffer = 1;
-    file->movie_result = parse_rest(file, moov_box);
+    file->own->movie_result = parse_rest(file, moov_box);
     file->in_moov_buffer = 0;
-    return file->movie_result;
+    return file->own->movie_result;
 }
 
 int read_mdat(iso_file* file, uint32_t body) {

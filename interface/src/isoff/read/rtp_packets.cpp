@@ -70,7 +70,7 @@ inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
 
 // Duration of the hint sample at the cursor in units of the RTP clock.
 inline double rtp_units(iso_track* track) {
-    RtpStep& step = track->index->rtp_step;
+    RtpStep& step = track->own->index->rtp_step;
     if (step.entry != track->stts_index || step.rate != track->rtp_timescale) [[unlikely]] {
         const double duration = seconds(duration_at_cursor(track), track->timescale);
         step = {track->stts_index, track->rtp_timescale, track->rtp_timescale * duration};
@@ -152,10 +152,10 @@ inline bool PacketReader::extend(uint32_t count) {
 // A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
 // left to differ from, only a call of isoFFsetPosition counts.
 inline void PacketReader::resynchronise() {
-    if (hint_.sample == track_->cur_sample && track_->positioned == 0) [[likely]]
+    if (hint_.sample == track_->cur_sample && track_->own->positioned == 0) [[likely]]
         return;
-    const bool moved = at_end() ? track_->positioned != 0 : hint_.sample != track_->cur_sample;
-    track_->positioned = 0;
+    const bool moved = at_end() ? track_->own->positioned != 0 : hint_.sample != track_->cur_sample;
+    track_->own->positioned = 0;
     if (!moved) return;
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
@@ -273,7 +273,7 @@ inline int PacketReader::copy_immediate() {
 inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     const uint32_t sample = from.sample_number - 1;
     if (sample >= static_cast<uint32_t>(source->sample_count)) return nullptr;
-    if (source->index == nullptr || from.length == 0) return nullptr;
+    if (source->own->index == nullptr || from.length == 0) return nullptr;
     const uint32_t size = sample_size_of(source, static_cast<int32_t>(sample));
     if (from.length > size || from.offset > size - from.length) return nullptr;
     if (!is_small_piece(size, from.length)) [[unlikely]]
@@ -412,7 +412,7 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
         if (made == nullptr) return nullptr;
         *made = rtp_hint_state{};
         track->hint = made;
-        track->hint_from_system = 1;
+        track->own->hint_from_system = 1;
     }
     track->hint->media_track = media;
     track->hint->packets_left = 0;
@@ -421,7 +421,7 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
 
 int isoFFrtpPacket(iso_track* hint, void* buffer) {
     if (hint == nullptr || hint->hint == nullptr || hint->hint->media_track == nullptr) return -1;
-    if (hint->index == nullptr && hint->file->write_mode) return -1;
+    if (hint->own->index == nullptr && hint->file->write_mode) return -1;
     uint8_t scratch[kConstructor];
     PacketReader reader(hint, buffer, scratch);
     reader.resynchronise();

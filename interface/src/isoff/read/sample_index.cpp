@@ -68,7 +68,7 @@ void rewind_cursor(iso_track* track) {
     track->cur_offset = track->chunk_count >= 1 ? track->chunks[0].start : 0;
     track->stts_index = track->stts_in_entry = 0;
     track->ctts_index = track->ctts_in_entry = 0;
-    track->next_alike = 0;
+    track->own->next_alike = 0;
 }
 
 void advance_place(iso_track* track, uint32_t wanted) {
@@ -77,10 +77,10 @@ void advance_place(iso_track* track, uint32_t wanted) {
 }
 
 bool make_index(iso_track* track) {
-    track->index = arena_array<iso_index>(track->file, 1);
-    return track->index != nullptr && make_checkpoints(track, track->index) &&
-           count_samples(track, track->stts, track->stts_count, track->index->stts_samples) &&
-           count_samples(track, track->ctts, track->ctts_count, track->index->ctts_samples);
+    track->own->index = arena_array<iso_index>(track->file, 1);
+    return track->own->index != nullptr && make_checkpoints(track, track->own->index) &&
+           count_samples(track, track->stts, track->stts_count, track->own->index->stts_samples) &&
+           count_samples(track, track->ctts, track->ctts_count, track->own->index->ctts_samples);
 }
 
 }  // namespace kestrel

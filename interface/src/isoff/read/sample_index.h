@@ -97,11 +97,11 @@ void advance_by_tables(iso_track* track);
 
 // Moves the cursor, which is not behind the last sample, to the next.
 inline void advance_cursor(iso_track* track) {
-    if (track->next_alike == 0) [[unlikely]] {
+    if (track->own->next_alike == 0) [[unlikely]] {
         advance_by_tables(track);
         return;
     }
-    track->next_alike--;
+    track->own->next_alike--;
     track->stts_in_entry++;
     track->cur_offset += size_at_cursor(track);
     track->cur_sample++;
@@ -144,7 +144,7 @@ const uint8_t* fill_window(iso_track* track, uint64_t offset, uint32_t length);
 // `length` bytes of the track's data at `offset`, read ahead; null when they have to be read from
 // the stream. Valid until the next call for the track.
 inline const uint8_t* from_window(iso_track* track, uint64_t offset, uint32_t length) {
-    const ReadWindow& window = track->index->window;
+    const ReadWindow& window = track->own->index->window;
     const uint64_t into = offset - window.start;  // huge in front of the window
     if (into <= window.length && into + length <= window.length) [[likely]]
         return window.bytes + into;

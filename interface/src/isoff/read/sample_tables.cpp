@@ -25,12 +25,12 @@ iso_track* begin_table(iso_file* file, TableBit bit, const char* refusal, int& r
     result = 0;
     iso_track* track = file->current_track;
     if (track == nullptr) return nullptr;
-    if (track->tables_seen & bit) {
+    if (track->own->tables_seen & bit) {
         diagnose("%s", refusal);
         result = -1;
         return nullptr;
     }
-    track->tables_seen |= bit;
+    track->own->tables_seen |= bit;
     getint32(file);  // version and flags
     return track;
 }
@@ -186,13 +186,13 @@ int read_stsz(iso_file* file, uint32_t) {
         const uint32_t count = getint32(file);
         if (count > INT_MAX) return -1;
         track->sample_count = static_cast<int32_t>(count);
-        track->told_samples = count;
+        track->own->declared_samples = count;
         track->total_bytes = count * track->sample_size;
         return 0;
     }
     track->sample_sizes = take_entries<uint32_t>(file, 4, track->sample_count);
     if (track->sample_sizes == nullptr) return -1;
-    track->told_samples = static_cast<uint32_t>(track->sample_count);
+    track->own->declared_samples = static_cast<uint32_t>(track->sample_count);
     for (int32_t i = 0; i < track->sample_count; ++i) {
         const uint32_t size = getint32(file);
         track->sample_sizes[i] = size;

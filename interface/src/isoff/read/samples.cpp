@@ -105,7 +105,7 @@ bool is_readable(const iso_track* track) {
 }  // namespace
 
 void move_times(iso_track* track, int32_t from) {
-    const iso_index& index = *track->index;
+    const iso_index& index = *track->own->index;
     const int32_t to = track->cur_sample;
     TimeCursor{track->stts_index, track->stts_in_entry}.move(track->stts, track->stts_count,
                                                              index.stts_samples, from, to);
@@ -120,13 +120,13 @@ void advance_by_tables(iso_track* track) {
     if (track->ctts_count > 0 || track->cur_sample >= track->sample_count) return;
     const uint32_t in_entry =
         track->stts[track->stts_index].count - static_cast<uint32_t>(track->stts_in_entry);
-    if (in_entry > 1) track->next_alike = next_in_chunk(track, in_entry - 1);
+    if (in_entry > 1) track->own->next_alike = next_in_chunk(track, in_entry - 1);
 }
 
 const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
     if (wanted > UINT32_MAX) return nullptr;
     const auto offset = static_cast<uint32_t>(wanted);
-    ReadWindow& window = track->index->window;
+    ReadWindow& window = track->own->index->window;
     const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
     if (ahead <= length) return nullptr;
     // Who jumps about is not served ahead, before a second piece follows the first; the bytes that
@@ -153,9 +153,9 @@ namespace {
 
 // The last checkpoint that is not behind `sample`.
 const Checkpoint& checkpoint_before(const iso_track* track, int32_t sample) {
-    const Checkpoint* first = track->index->checkpoints;
+    const Checkpoint* first = track->own->index->checkpoints;
     const Checkpoint* behind =
-        std::upper_bound(first + 1, first + track->index->checkpoint_count, sample,
+        std::upper_bound(first + 1, first + track->own->index->checkpoint_count, sample,
                          [](int32_t wanted, const Checkpoint& at) { return wanted < at.sample; });
     return *(behind - 1);
 }
@@ -171,7 +171,7 @@ void stand_at(iso_track* track, const Checkpoint& at) {
 void set_sample_pos(iso_track* track, int32_t target) {
     const int32_t from = track->cur_sample;
     if (target == from) return;
-    track->next_alike = 0;
+    track->own->next_alike = 0;
     if (target < from || static_cast<uint32_t>(target - from) > kStepsPerCheckpoint) {
         const Checkpoint& nearest = checkpoint_before(track, target);
         if (target < from || nearest.sample > from) stand_at(track, nearest);
@@ -219,7 +219,7 @@ int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned
 int isoFFsetPosition(iso_track* track, int sample) {
     if (!is_readable(track) || sample < 0 || sample >= track->sample_count) return -1;
     set_sample_pos(track, sample);
-    track->positioned = 1;
+    track->own->positioned = 1;
     return 0;
 }
 
@@ -314,6 +314,7 @@ double isoFFgetInterleave(iso_file* file) {
     if (isoFFfileInfo(file, &tracks, nullptr, nullptr) != 0 || tracks == 0) return 0.0;
     if (file->write_mode) return 0.0;
     // The walk moves on copies of the tracks, so that the tracks' own cursors stay where they are.
+    // Of the private records, which are shared, it only forgets what is known to lie ahead.
     auto* cursors =
         static_cast<iso_track*>(systemmalloc(static_cast<size_t>(tracks) * sizeof(iso_track)));
     if (cursors == nullptr) return -1.0;

@@ -96,8 +96,8 @@ enum Table { kSttsTable, kCttsTable, kStszTable, kStssTable, kSbgpTable };
 
 // Keeps what the first pass measured; false when the second came to something else.
 bool passes_agree(Pass pass, iso_track* track, Table table, uint64_t size) {
-    if (pass == kCountPass) track->counted_sizes[table] = size;
-    return track->counted_sizes[table] == size;
+    if (pass == kCountPass) track->own->counted_sizes[table] = size;
+    return track->own->counted_sizes[table] == size;
 }
 
 int shown(uint64_t number) {
@@ -181,8 +181,8 @@ bool begin_entry(BoxBody& box, const iso_track* track) {
     constexpr uint32_t kReserved = 6, kCommonPart = 8;
     box.zeros(kReserved);
     box.u16(1);  // data reference index
-    if (track->entry == nullptr || track->entry_length < kCommonPart) return false;
-    box.bytes(track->entry + kCommonPart, track->entry_length - kCommonPart);
+    if (track->own->entry == nullptr || track->own->entry_length < kCommonPart) return false;
+    box.bytes(track->own->entry + kCommonPart, track->own->entry_length - kCommonPart);
     return true;
 }
 
@@ -201,9 +201,9 @@ uint64_t write_visual_entry(Pass pass, std::span<uint8_t> to, const iso_track* t
     box.u32(track->horiz_resolution != 0 ? track->horiz_resolution : kPlainText << 16);
     box.u32(track->vert_resolution != 0 ? track->vert_resolution : kPlainText << 16);
     box.u32(0);
-    box.u16(track->frame_count != 0 ? track->frame_count : 1);
+    box.u16(track->own->frame_count != 0 ? track->own->frame_count : 1);
     box.zeros(kCompressorName);
-    box.u16(track->depth != 0 ? track->depth : kColour);
+    box.u16(track->own->depth != 0 ? track->own->depth : kColour);
     box.u16(kNoColourTable);
     box.child(config, track);
     return box.finish();
@@ -283,7 +283,7 @@ uint64_t write_stsd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 // Puts a pair of run length and value for each run of samples with the same value.
 template <typename Value>
 void put_value_runs(BoxBody& box, const iso_track* track, Value value) {
-    for (const iso_frame* frame = track->first_frame; frame != nullptr;) {
+    for (const iso_frame* frame = track->own->first_frame; frame != nullptr;) {
         const iso_frame* first = frame;
         uint32_t count = 0;
         for (; frame != nullptr && value(frame) == value(first); frame = frame->next)
@@ -295,7 +295,7 @@ void put_value_runs(BoxBody& box, const iso_track* track, Value value) {
 
 bool has_cts_offsets(const iso_track* track) {
     return track->ctts_count > 1 ||
-           (track->first_frame != nullptr && track->first_frame->cts_offset != 0);
+           (track->own->first_frame != nullptr && track->own->first_frame->cts_offset != 0);
 }
 
 // Visits the runs whose chunks hold another number of samples than the chunk before.
@@ -303,7 +303,7 @@ template <typename Visit>
 void visit_chunk_kinds(const iso_track* track, Visit visit) {
     uint32_t chunk = 0;
     uint32_t last = 0;
-    for (const iso_run* run = track->first_run; run != nullptr; run = run->next) {
+    for (const iso_run* run = track->own->first_run; run != nullptr; run = run->next) {
         ++chunk;
         if (run->samples != last) visit(chunk, run->samples);
         last = run->samples;
@@ -327,9 +327,9 @@ uint64_t write_stsc(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 uint64_t write_stco(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "stco");
     box.version_and_flags(0, 0);
-    box.u32(track->run_count);
-    for (const iso_run* run = track->first_run; run != nullptr; run = run->next)
-        box.u32(track->file->media_base + run->start);
+    box.u32(track->own->run_count);
+    for (const iso_run* run = track->own->first_run; run != nullptr; run = run->next)
+        box.u32(track->file->own->media_base + run->start);
     return box.finish();
 }
 
@@ -386,8 +386,8 @@ uint64_t write_dinf(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 uint64_t write_hmhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "hmhd");
     box.version_and_flags(0, 0);
-    box.u16(std::min<uint32_t>(track->max_pdu, UINT16_MAX));
-    box.u16(std::min<uint32_t>(track->avg_pdu, UINT16_MAX));
+    box.u16(std::min<uint32_t>(track->own->max_pdu, UINT16_MAX));
+    box.u16(std::min<uint32_t>(track->own->avg_pdu, UINT16_MAX));
     box.u32(track->max_bitrate);
     box.u32(track->avg_bitrate);
     box.u32(0);
@@ -421,7 +421,7 @@ uint64_t write_mdhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     box.u32(track->modification_time);
     box.u32(track->timescale);
     box.u32(track->duration);
-    box.u16(track->language);
+    box.u16(track->own->language);
     box.u16(0);
     return box.finish();
 }
@@ -448,7 +448,7 @@ uint64_t write_mdia(Pass pass, std::span<uint8_t> to, iso_track* track) {
 
 uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "tkhd");
-    box.version_and_flags(0, track->header_flags);
+    box.version_and_flags(0, track->own->header_flags);
     box.u32(track->creation_time);
     box.u32(track->modification_time);
     box.u32(track->track_id);
@@ -461,8 +461,8 @@ uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     box.u16(0);
     for (const uint32_t element : track->matrix)
         box.u32(element);
-    box.u32(track->display_width);
-    box.u32(track->display_height);
+    box.u32(track->own->display_width);
+    box.u32(track->own->display_height);
     return box.finish();
 }
 
@@ -479,7 +479,7 @@ uint64_t write_tref(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 }
 
 uint64_t write_elst(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    const std::span edits(track->edits, static_cast<size_t>(track->edit_count));
+    const std::span edits(track->own->edits, static_cast<size_t>(track->own->edit_count));
     const bool wide = std::any_of(edits.begin(), edits.end(), [](const iso_elst_entry& edit) {
         return edit.segment_duration > UINT32_MAX || edit.media_time > INT32_MAX ||
                edit.media_time < INT32_MIN;
@@ -545,7 +545,7 @@ uint64_t write_trak(Pass pass, std::span<uint8_t> to, iso_track* track) {
     BoxBody box(pass, to, "trak");
     box.child(write_tkhd, track);
     if (is_hint(track)) box.child(write_tref, track);
-    if (track->edit_count > 0) box.child(write_edts, track);
+    if (track->own->edit_count > 0) box.child(write_edts, track);
     box.child(write_mdia, track);
     if (track->sdp_text != nullptr) box.child(write_track_udta, track);
     return box.finish();
@@ -576,7 +576,7 @@ uint64_t write_iods(Pass pass, std::span<uint8_t> to, const iso_file* file) {
     constexpr uint32_t kReservedBits = 0x0F;
     constexpr uint32_t kLength = 7;
     constexpr uint32_t kNoCapability = 0xFF, kNotTold = 0xFE;  // 14496-1, table 5
-    const bool untold = file->has_visual && file->visual_profile == kNoCapability;
+    const bool untold = file->own->has_visual && file->visual_profile == kNoCapability;
     BoxBody box(pass, to, "iods");
     box.version_and_flags(0, 0);
     put_descriptor(box, kInitialObjectDescriptor, kLength);
@@ -598,15 +598,15 @@ uint64_t write_stts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     put_value_runs(box, track, [](const iso_frame* frame) { return frame->duration; });
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kSttsTable, size)) {
-        diagnose("Pass1 1 %d Pass 2 %d --- dtd count %d\n", shown(track->counted_sizes[kSttsTable]),
-                 shown(size), track->stts_count);
+        diagnose("Pass1 1 %d Pass 2 %d --- dtd count %d\n",
+                 shown(track->own->counted_sizes[kSttsTable]), shown(size), track->stts_count);
     }
     return size;
 }
 
 uint64_t write_ctts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     bool negative = false;
-    for (const iso_frame* frame = track->first_frame; frame != nullptr; frame = frame->next)
+    for (const iso_frame* frame = track->own->first_frame; frame != nullptr; frame = frame->next)
         negative = negative || frame->cts_offset < 0;
     BoxBody box(pass, to, "ctts");
     box.version_and_flags(negative ? 1 : 0, 0);
@@ -614,8 +614,8 @@ uint64_t write_ctts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     put_value_runs(box, track, [](const iso_frame* frame) { return frame->cts_offset; });
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kCttsTable, size)) {
-        diagnose("Pass1 1 %d Pass 2 %d --- cto count %d\n", shown(track->counted_sizes[kCttsTable]),
-                 shown(size), track->ctts_count);
+        diagnose("Pass1 1 %d Pass 2 %d --- cto count %d\n",
+                 shown(track->own->counted_sizes[kCttsTable]), shown(size), track->ctts_count);
     }
     return size;
 }
@@ -625,15 +625,15 @@ uint64_t write_stsz(Pass pass, std::span<uint8_t> to, iso_track* track) {
     box.version_and_flags(0, 0);
     box.u32(track->sample_size);
     box.u32(static_cast<uint32_t>(track->sample_count));
-    for (const iso_frame* frame = track->first_frame; frame != nullptr && track->sample_size == 0;
-         frame = frame->next) {
+    for (const iso_frame* frame = track->own->first_frame;
+         frame != nullptr && track->sample_size == 0; frame = frame->next) {
         box.u32(frame->size);
     }
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kStszTable, size)) {
         diagnose("Pass1 1 %d Pass 2 %d --- sample size = %d sample count = %d\n",
-                 shown(track->counted_sizes[kStszTable]), shown(size), shown(track->sample_size),
-                 track->sample_count);
+                 shown(track->own->counted_sizes[kStszTable]), shown(size),
+                 shown(track->sample_size), track->sample_count);
     }
     return size;
 }
@@ -647,7 +647,8 @@ uint64_t write_stss(Pass pass, std::span<uint8_t> to, iso_track* track) {
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kStssTable, size)) {
         diagnose("Pass1 1 %d Pass 2 %d --- sample count = %d\n",
-                 shown(track->counted_sizes[kStssTable]), shown(size), shown(track->sync_count));
+                 shown(track->own->counted_sizes[kStssTable]), shown(size),
+                 shown(track->sync_count));
     }
     return size;
 }
@@ -664,7 +665,8 @@ uint64_t write_sbgp(Pass pass, std::span<uint8_t> to, iso_track* track) {
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kSbgpTable, size)) {
         diagnose("Pass1 1 %d Pass 2 %d --- sbgp count %d\n",
-                 shown(track->counted_sizes[kSbgpTable]), shown(size), shown(track->sbgp_count));
+                 shown(track->own->counted_sizes[kSbgpTable]), shown(size),
+                 shown(track->sbgp_count));
     }
     return size;
 }
@@ -693,9 +695,9 @@ uint64_t write_moov(Pass pass, std::span<uint8_t> to, iso_file* file) {
 
 uint32_t movie_duration(const iso_track* track) {
     uint64_t units = 0;
-    if (track->edit_count > 0) {
+    if (track->own->edit_count > 0) {
         for (const iso_elst_entry& edit :
-             std::span(track->edits, static_cast<size_t>(track->edit_count)))
+             std::span(track->own->edits, static_cast<size_t>(track->own->edit_count)))
             units += std::min<uint64_t>(edit.segment_duration, UINT32_MAX);
     } else if (track->timescale != 0) {
         const uint64_t scaled = uint64_t{track->duration} * track->file->timescale;

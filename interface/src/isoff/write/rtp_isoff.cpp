@@ -137,7 +137,7 @@ MediaType media_type_of(const iso_track* media, const iso_hinter* hinter) {
 }
 
 std::string sdp_of(const iso_track* hint, const iso_track* media) {
-    const MediaType type = media_type_of(media, hint->hinter);
+    const MediaType type = media_type_of(media, hint->own->hinter);
     const std::string number = std::to_string(hint->last_payload_type);
     std::string text = is_speech(media) ? "m=audio 0 RTP/AVP " : "m=video 0 RTP/AVP ";
     text += number + "\r\na=rtpmap:" + number + ' ' + type.name + '/' +
@@ -158,20 +158,20 @@ bool keep_sdp(iso_track* hint, const std::string& text) {
 // From media units to RTP units, rounded.
 int64_t rescale(int64_t units, const iso_track* hint) {
     return std::llround(static_cast<long double>(units) * hint->timescale /
-                        hint->hinter->media->timescale);
+                        hint->own->hinter->media->timescale);
 }
 
 bool keep_edits(iso_track* hint) {
-    const iso_track* media = hint->hinter->media;
-    if (media->edit_count <= 0) return true;
-    const auto count = static_cast<size_t>(media->edit_count);
-    hint->edits = arena_array<iso_elst_entry>(hint->file, count);
-    if (hint->edits == nullptr) return false;
-    hint->edit_count = media->edit_count;
+    const iso_track* media = hint->own->hinter->media;
+    if (media->own->edit_count <= 0) return true;
+    const auto count = static_cast<size_t>(media->own->edit_count);
+    hint->own->edits = arena_array<iso_elst_entry>(hint->file, count);
+    if (hint->own->edits == nullptr) return false;
+    hint->own->edit_count = media->own->edit_count;
     for (size_t i = 0; i < count; ++i) {
-        hint->edits[i] = media->edits[i];
-        if (media->edits[i].media_time > 0) {
-            hint->edits[i].media_time = rescale(media->edits[i].media_time, hint);
+        hint->own->edits[i] = media->own->edits[i];
+        if (media->own->edits[i].media_time > 0) {
+            hint->own->edits[i].media_time = rescale(media->own->edits[i].media_time, hint);
         }
     }
     return true;
@@ -181,7 +181,7 @@ bool keep_edits(iso_track* hint) {
 
 bool plan_packets(const iso_track* hint, std::span<const uint8_t> sample, HintPackets& packets) {
     constexpr uint32_t kFramesPerSecond = 50;
-    iso_hinter* hinter = hint->hinter;
+    iso_hinter* hinter = hint->own->hinter;
     const iso_track* media = hinter->media;
     const size_t most = hint->rtp_max_packet;
     if (is_speech(media)) {
@@ -204,7 +204,7 @@ uint32_t bits_per_second(uint64_t bytes, uint64_t units, uint32_t timescale) {
 // A record for the next sample, in place of that of one which is a second old, so that they do not
 // pile up in the arena. Null without memory.
 SentSample* take_record(iso_track* hint) {
-    iso_hinter* hinter = hint->hinter;
+    iso_hinter* hinter = hint->own->hinter;
     while (hinter->first_sent != nullptr &&
            hinter->first_sent->time + hint->timescale <= hint->duration) {
         SentSample* old = hinter->first_sent;
@@ -219,7 +219,7 @@ SentSample* take_record(iso_track* hint) {
 
 // Counts a sample that was written into the rates, with the record that was taken for it.
 void count_rates(iso_track* hint, SentSample* sent, uint64_t time, uint64_t bytes) {
-    iso_hinter* hinter = hint->hinter;
+    iso_hinter* hinter = hint->own->hinter;
     hinter->spare = sent->next;
     *sent = {time, bytes, nullptr};
     (hinter->first_sent == nullptr ? hinter->first_sent : hinter->last_sent->next) = sent;
@@ -231,33 +231,34 @@ void count_rates(iso_track* hint, SentSample* sent, uint64_t time, uint64_t byte
 }
 
 void count_packets(iso_track* hint, const HintPackets& packets) {
-    iso_hinter* hinter = hint->hinter;
+    iso_hinter* hinter = hint->own->hinter;
     for (const HintPacket& packet : packets) {
         const auto size = static_cast<uint32_t>(packet.size());
-        hint->max_pdu = std::max(hint->max_pdu, size);
+        hint->own->max_pdu = std::max(hint->own->max_pdu, size);
         hinter->bytes += size;
     }
     hinter->packets += packets.size();
     hinter->sequence = static_cast<uint16_t>(hinter->sequence + packets.size());
-    hint->avg_pdu = static_cast<uint32_t>(hinter->bytes / std::max<uint64_t>(hinter->packets, 1));
+    hint->own->avg_pdu =
+        static_cast<uint32_t>(hinter->bytes / std::max<uint64_t>(hinter->packets, 1));
 }
 
 // The time that a sample takes on the RTP clock, counted so that rounding does not add up.
 int64_t rtp_duration(const iso_track* hint, uint32_t media_duration) {
-    const auto begin = static_cast<int64_t>(hint->hinter->media_time);
+    const auto begin = static_cast<int64_t>(hint->own->hinter->media_time);
     return rescale(begin + media_duration, hint) - rescale(begin, hint);
 }
 
 void describe_hint_track(iso_track* hint, iso_track* media, int max_packet, int payload_type) {
     constexpr uint32_t kEnabled = 1;  // and no part of what is shown
     std::memcpy(hint->handler, "hint", sizeof hint->handler);
-    hint->header_flags = kEnabled;
+    hint->own->header_flags = kEnabled;
     hint->hint_track_ref = media->track_id;
     hint->rtp_hint_version = hint->rtp_highest_compat = 1;
     hint->rtp_max_packet = static_cast<uint32_t>(max_packet);
     hint->rtp_timescale = hint->timescale;
     hint->last_payload_type = static_cast<uint32_t>(payload_type);
-    hint->language = media->language;
+    hint->own->language = media->own->language;
 }
 
 VideoPayload payload_of(const iso_track* media, iso_h263_payload h263_payload) {
@@ -286,7 +287,7 @@ iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet, int 
     if (hint == nullptr) return nullptr;
     hinter->media = media;
     hinter->payload = payload_of(media, h263_payload);
-    hint->hinter = hinter;
+    hint->own->hinter = hinter;
     describe_hint_track(hint, media, max_packet, payload_type);
     if (!keep_edits(hint) || !keep_sdp(hint, sdp_of(hint, media))) return nullptr;
     return attempt.keep(hint);
@@ -296,7 +297,7 @@ iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet, int 
 
 int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
                    int cts_offset) try {
-    if (hint == nullptr || hint->hinter == nullptr || size < 0 || duration < 0 ||
+    if (hint == nullptr || hint->own->hinter == nullptr || size < 0 || duration < 0 ||
         (sample == nullptr && size > 0)) {
         return -1;
     }
@@ -310,26 +311,26 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
     const auto units = static_cast<uint32_t>(duration);
     const int64_t rtp_units = rtp_duration(hint, units);
     if (rtp_units > UINT32_MAX) {
-        hint->closed = 1;
+        hint->own->closed = 1;
         return kTooLong;
     }
     // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
-    const auto begin = static_cast<int64_t>(hint->hinter->media_time);
+    const auto begin = static_cast<int64_t>(hint->own->hinter->media_time);
     const int64_t composition = rescale(begin + cts_offset, hint) - rescale(begin, hint);
     std::vector<uint8_t> hint_sample = make_hint_sample(
         packets,
-        {static_cast<uint8_t>(hint->last_payload_type), hint->hinter->sequence,
+        {static_cast<uint8_t>(hint->last_payload_type), hint->own->hinter->sequence,
          static_cast<uint32_t>(hint->sample_count) + 1, static_cast<int32_t>(composition)});
     if (hint_sample.empty() || hint_sample.size() > INT32_MAX) return kCannotBeCut;
     SentSample* sent = take_record(hint);
     if (sent == nullptr) return kNoMemory;
     const uint64_t time = hint->duration;
-    const uint64_t bytes_before = hint->hinter->bytes;
+    const uint64_t bytes_before = hint->own->hinter->bytes;
     const int written = write_sample(hint, hint_sample, static_cast<uint32_t>(rtp_units), 0);
     if (written < 0) return written;
     count_packets(hint, packets);
-    count_rates(hint, sent, time, hint->hinter->bytes - bytes_before);
-    hint->hinter->media_time += units;
+    count_rates(hint, sent, time, hint->own->hinter->bytes - bytes_before);
+    hint->own->hinter->media_time += units;
     return written;
 } catch (const std::exception&) {  // no memory, or more than a vector can hold
     return kNoMemory;

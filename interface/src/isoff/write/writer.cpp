@@ -36,14 +36,15 @@ enum WriteWay { kNotSettled, kQueued, kDirect };
 // Whether samples go to the stream as they come. What the caller wants is asked once: samples that
 // went one way cannot go on the other.
 bool is_direct(iso_file* file) {
-    if (file->write_way == kNotSettled) file->write_way = file->direct_write ? kDirect : kQueued;
-    return file->write_way == kDirect;
+    if (file->own->write_way == kNotSettled)
+        file->own->write_way = file->own->direct_write ? kDirect : kQueued;
+    return file->own->write_way == kDirect;
 }
 
 // --- taking samples ---
 
 uint64_t header_cost_of(const iso_track* track, const iso_frame& frame) {
-    const iso_frame* before = track->last_frame;
+    const iso_frame* before = track->own->last_frame;
     const uint32_t duration_before = before == nullptr ? 0 : before->duration;
     const int32_t offset_before = before == nullptr ? 0 : before->cts_offset;
     uint64_t cost = uint64_t{frame.size} + kSizeCost;
@@ -58,10 +59,10 @@ uint64_t header_cost_of(const iso_track* track, const iso_frame& frame) {
 }
 
 void count_frame(iso_track* track, iso_frame* frame) {
-    const iso_frame* before = track->last_frame;
+    const iso_frame* before = track->own->last_frame;
     const uint64_t cost = header_cost_of(track, *frame);
-    track->header_cost += cost;
-    track->file->track_cost += cost;
+    track->own->header_cost += cost;
+    track->file->own->track_cost += cost;
     if (before == nullptr) track->sample_size = frame->size;
     if (frame->size != track->sample_size) track->sample_size = 0;
     if (before == nullptr || frame->duration != before->duration) track->stts_count++;
@@ -74,13 +75,14 @@ void count_frame(iso_track* track, iso_frame* frame) {
 
 void append_frame(iso_track* track, iso_frame* frame) {
     count_frame(track, frame);
-    (track->last_frame == nullptr ? track->first_frame : track->last_frame->next) = frame;
-    track->last_frame = frame;
+    (track->own->last_frame == nullptr ? track->own->first_frame : track->own->last_frame->next) =
+        frame;
+    track->own->last_frame = frame;
 }
 
 // A record for the sample, with its bytes behind it where they are to wait in memory.
 iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
-    const bool in_memory = track->spool == nullptr && !is_direct(track->file);
+    const bool in_memory = track->own->spool == nullptr && !is_direct(track->file);
     const size_t kept = in_memory ? size : 0;
     if (kept > SIZE_MAX - sizeof(iso_frame)) return nullptr;
     auto* memory = static_cast<uint8_t*>(isoFFmalloc(track->file, sizeof(iso_frame) + kept));
@@ -99,15 +101,15 @@ iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
 bool has_room(const iso_track* track, uint32_t size) {
     const iso_file* file = track->file;
     const uint64_t more = uint64_t{size} + kFileOverhead;
-    if (track->header_cost + more > file->size_limit) return false;
-    return file->header_size + file->track_cost + more <= UINT32_MAX;
+    if (track->own->header_cost + more > file->size_limit) return false;
+    return file->header_size + file->own->track_cost + more <= UINT32_MAX;
 }
 
 int check_limits(iso_track* track, uint32_t size, uint32_t duration) {
     const uint64_t units = uint64_t{track->duration} + duration;
     const bool fits = has_room(track, size);
-    if (fits && units <= track->duration_limit) return 0;
-    track->closed = 1;
+    if (fits && units <= track->own->duration_limit) return 0;
+    track->own->closed = 1;
     return fits ? kTooLong : kTooLarge;
 }
 
@@ -117,10 +119,10 @@ bool begin_run(iso_track* track, uint32_t start) {
     auto* run = arena_array<iso_run>(track->file, 1);
     if (run == nullptr) return false;
     run->start = start;
-    (track->last_run == nullptr ? track->first_run : track->last_run->next) = run;
-    track->last_run = run;
-    track->run_count++;
-    track->run_units = 0;
+    (track->own->last_run == nullptr ? track->own->first_run : track->own->last_run->next) = run;
+    track->own->last_run = run;
+    track->own->run_count++;
+    track->own->run_units = 0;
     return true;
 }
 
@@ -136,7 +138,7 @@ bool move_to(iso_file* file, uint32_t position) {
     uint32_t at = 0;
     if (kstutil_seek(file->stream, static_cast<int32_t>(position)) != 0) return false;
     if (kstutil_getoffset(file->stream, &at) != 0 || at != position) return false;
-    file->write_pos = position;
+    file->own->write_pos = position;
     return true;
 }
 
@@ -145,14 +147,14 @@ bool move_to(iso_file* file, uint32_t position) {
 // Puts `ftyp` and the header of `mdat` in front of the first sample. Until the file is finished the
 // box runs to the end of the file, so that one that never is has no `moov`.
 bool begin_direct(iso_file* file) {
-    if (file->write_pos != 0) return true;
+    if (file->own->write_pos != 0) return true;
     uint8_t raw[kBoxHeader] = {};
     store_be32(raw + 4, fourcc("mdat"));
     std::vector<uint8_t> ftyp(static_cast<size_t>(write_ftyp(kCountPass, {}, file)));
     write_ftyp(kWritePass, ftyp, file);
-    file->direct_track_limit = file->next_track_id - 1;
+    file->own->direct_track_limit = file->next_track_id - 1;
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next)
-        file->direct_track_limit = std::max(file->direct_track_limit, track->track_id);
+        file->own->direct_track_limit = std::max(file->own->direct_track_limit, track->track_id);
     return write_stream(file, ftyp.data(), static_cast<uint32_t>(ftyp.size())) &&
            write_stream(file, raw, sizeof raw);
 }
@@ -160,30 +162,30 @@ bool begin_direct(iso_file* file) {
 // Writes a sample behind what was written before. Its size, or an error.
 int flush_frame(iso_track* track, const void* data, iso_frame* frame) {
     iso_file* file = track->file;
-    const bool goes_on =
-        file->direct_track == track && span_allows(track, track->run_units, frame->duration);
-    if (!goes_on && !begin_run(track, file->write_pos)) return kNoMemory;
-    file->direct_track = track;
+    const bool goes_on = file->own->direct_track == track &&
+                         span_allows(track, track->own->run_units, frame->duration);
+    if (!goes_on && !begin_run(track, file->own->write_pos)) return kNoMemory;
+    file->own->direct_track = track;
     if (!write_stream(file, data, frame->size)) {
-        file->finalised = 1;  // the stream no longer stands where the tables would tell
+        file->own->finalised = 1;  // the stream no longer stands where the tables would tell
         return kFellShort;
     }
-    track->last_run->samples++;
-    track->run_units += frame->duration;
+    track->own->last_run->samples++;
+    track->own->run_units += frame->duration;
     return static_cast<int>(frame->size);
 }
 
 int begin_flush(iso_track* track) {
     if (!begin_direct(track->file)) {
-        track->file->finalised = 1;
+        track->file->own->finalised = 1;
         return kFellShort;
     }
-    return track->track_id > track->file->direct_track_limit ? kTrackTooLate : 0;
+    return track->track_id > track->file->own->direct_track_limit ? kTrackTooLate : 0;
 }
 
 // Puts four bytes where others were written before, and goes back to the end of the file.
 bool patch(iso_file* file, uint32_t at, uint32_t value) {
-    const uint32_t end = file->write_pos;
+    const uint32_t end = file->own->write_pos;
     uint8_t raw[4];
     store_be32(raw, value);
     if (!move_to(file, at) || !write_stream(file, raw, sizeof raw)) return false;
@@ -199,7 +201,7 @@ bool passes_agree(uint64_t measured, uint64_t written) {
 
 // Writes `moov` behind the media, then the size of `mdat` in front of it.
 int finish_direct(iso_file* file, uint32_t media_header) {
-    const uint32_t media_end = file->write_pos;
+    const uint32_t media_end = file->own->write_pos;
     std::vector<uint8_t> moov(static_cast<size_t>(write_moov(kCountPass, {}, file)));
     const uint64_t written = write_moov(kWritePass, moov, file);
     if (!passes_agree(moov.size(), written)) return kFellShort;
@@ -239,7 +241,7 @@ struct PlannedRun {
 uint64_t fill_run(Queue& queue) {
     uint64_t bytes = 0;
     uint64_t units = 0;
-    iso_run* run = queue.track->last_run;
+    iso_run* run = queue.track->own->last_run;
     do {
         bytes += queue.next->size;
         units += queue.next->duration;
@@ -256,7 +258,8 @@ int plan(iso_file* file, std::vector<PlannedRun>& runs, uint64_t& media) {
     std::priority_queue<Queue> queues;  // its top is the one whose samples come next
     size_t number = 0;
     for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
-        if (track->first_frame != nullptr) queues.push({track, track->first_frame, 0, number++});
+        if (track->own->first_frame != nullptr)
+            queues.push({track, track->own->first_frame, 0, number++});
     }
     media = 0;
     while (!queues.empty()) {
@@ -266,7 +269,7 @@ int plan(iso_file* file, std::vector<PlannedRun>& runs, uint64_t& media) {
         const iso_frame* first = queue.next;
         if (!begin_run(queue.track, static_cast<uint32_t>(media))) return kNoMemory;
         media += fill_run(queue);
-        runs.push_back({queue.track, first, queue.track->last_run->samples});
+        runs.push_back({queue.track, first, queue.track->own->last_run->samples});
         if (queue.next != nullptr) queues.push(queue);
     }
     return 0;
@@ -276,7 +279,7 @@ bool write_spooled(iso_track* track, uint32_t size) {
     uint8_t piece[4096];
     while (size > 0) {
         const uint32_t count = std::min<uint32_t>(size, sizeof piece);
-        if (std::fread(piece, 1, count, track->spool) != count) return false;
+        if (std::fread(piece, 1, count, track->own->spool) != count) return false;
         if (!write_stream(track->file, piece, count)) return false;
         size -= count;
     }
@@ -296,8 +299,9 @@ bool write_run(const PlannedRun& run) {
 
 bool rewind_spools(iso_file* file) {
     for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
-        if (track->spool == nullptr) continue;
-        if (std::fflush(track->spool) != 0 || std::fseek(track->spool, 0, SEEK_SET) != 0) {
+        if (track->own->spool == nullptr) continue;
+        if (std::fflush(track->own->spool) != 0 ||
+            std::fseek(track->own->spool, 0, SEEK_SET) != 0) {
             return false;
         }
     }
@@ -312,7 +316,7 @@ int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header, si
     const uint64_t moov = write_moov(kCountPass, {}, file);
     const uint64_t measured = ftyp + moov + kBoxHeader;
     if (measured + media > UINT32_MAX) return kTooLarge;
-    file->media_base = static_cast<uint32_t>(measured);
+    file->own->media_base = static_cast<uint32_t>(measured);
     header.resize(static_cast<size_t>(measured));
     moov_type = static_cast<size_t>(ftyp) + kBoxSizeField;
     uint64_t written = write_ftyp(kWritePass, header, file);
@@ -326,7 +330,7 @@ int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header, si
 
 // Whether the stream goes back to its start, and on again to where it stands.
 bool can_go_back(iso_file* file) {
-    const uint32_t here = file->write_pos;
+    const uint32_t here = file->own->write_pos;
     return move_to(file, 0) && move_to(file, here);
 }
 
@@ -339,9 +343,9 @@ int write_parts(iso_file* file, std::vector<uint8_t>& header, size_t moov_type,
         return write_stream(file, part.data(), static_cast<uint32_t>(part.size()));
     };
     if (!write(bytes.first(moov_type))) return kFellShort;
-    const uint32_t written = file->write_pos;
+    const uint32_t written = file->own->write_pos;
     const bool goes_back = can_go_back(file);
-    file->write_pos = written;
+    file->own->write_pos = written;
     if (goes_back) store_be32(header.data() + moov_type, fourcc("free"));
     if (!write(bytes.subspan(moov_type))) return kFellShort;
     if (!std::all_of(runs.begin(), runs.end(), write_run)) return kFellShort;
@@ -370,7 +374,7 @@ void settle_movie(iso_file* file) {
 }
 
 bool spool_sample(iso_track* track, const void* data, uint32_t size) {
-    return size == 0 || std::fwrite(data, 1, size, track->spool) == size;
+    return size == 0 || std::fwrite(data, 1, size, track->own->spool) == size;
 }
 
 int take_sample(iso_track* track, const void* data, uint32_t size, uint32_t duration,
@@ -383,12 +387,12 @@ int take_sample(iso_track* track, const void* data, uint32_t size, uint32_t dura
     if (is_direct(file)) {
         const int flushed = flush_frame(track, data, frame);
         if (flushed < 0) return flushed;
-    } else if (track->spool != nullptr && !spool_sample(track, data, size)) {
-        file->finalised = 1;  // what comes behind it in the temporary file is lost
+    } else if (track->own->spool != nullptr && !spool_sample(track, data, size)) {
+        file->own->finalised = 1;  // what comes behind it in the temporary file is lost
         return kFellShort;
     }
     append_frame(track, frame);
-    track->frame_default = duration;
+    track->own->frame_default = duration;
     return static_cast<int>(size);
 }
 
@@ -398,20 +402,20 @@ bool write_stream(iso_file* file, const void* from, uint32_t count) {
     const auto* table = file->stream;
     if (table == nullptr || table->SeekNWrite == nullptr) return false;
     if (count == 0) return true;
-    if (count > UINT32_MAX - file->write_pos) return false;
+    if (count > UINT32_MAX - file->own->write_pos) return false;
     // The write starts the file, so it goes where a file starts.
-    if (file->write_pos == 0 && kstutil_seek(file->stream, 0) != 0) return false;
+    if (file->own->write_pos == 0 && kstutil_seek(file->stream, 0) != 0) return false;
     const uint32_t status = table->SeekNWrite(table->Context, from, count, -1);
     if ((status & 0xFFFF) != 0) return false;
     // The slot does not tell how much it took; the position does.
-    file->write_pos += count;
+    file->own->write_pos += count;
     uint32_t at = 0;
-    return kstutil_getoffset(file->stream, &at) == 0 && at == file->write_pos;
+    return kstutil_getoffset(file->stream, &at) == 0 && at == file->own->write_pos;
 }
 
 int finalise(iso_file* file) try {
-    if (file->finalised) return kFellShort;
-    file->finalised = 1;
+    if (file->own->finalised) return kFellShort;
+    file->own->finalised = 1;
     settle_movie(file);
     if (!is_direct(file)) return write_queued(file);
     if (!begin_direct(file)) return kFellShort;
@@ -421,8 +425,8 @@ int finalise(iso_file* file) try {
 }
 
 int check_open(const iso_track* track) {
-    if (track->file->finalised) return kFellShort;
-    return track->closed ? kTrackClosed : 0;
+    if (track->file->own->finalised) return kFellShort;
+    return track->own->closed ? kTrackClosed : 0;
 }
 
 int write_sample(iso_track* track, std::span<const uint8_t> sample, uint32_t duration,
@@ -437,19 +441,19 @@ int write_sample(iso_track* track, std::span<const uint8_t> sample, uint32_t dur
 
 TrackAttempt::TrackAttempt(iso_file* file) : file_(file) {
     if (file == nullptr) return;
-    last_track_ = file->last_track;
+    last_track_ = file->own->last_track;
     next_track_id_ = file->next_track_id;
     header_size_ = file->header_size;
-    has_visual_ = file->has_visual;
+    has_visual_ = file->own->has_visual;
 }
 
 TrackAttempt::~TrackAttempt() {
     if (file_ == nullptr) return;
     (last_track_ == nullptr ? file_->first_track : last_track_->next) = nullptr;
-    file_->last_track = last_track_;
+    file_->own->last_track = last_track_;
     file_->next_track_id = next_track_id_;
     file_->header_size = header_size_;
-    file_->has_visual = has_visual_;
+    file_->own->has_visual = has_visual_;
 }
 
 iso_track* TrackAttempt::keep(iso_track* track) {
@@ -465,7 +469,7 @@ iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale,
     track->codec = codec;
     track->timescale = timescale;
     const double units = file->interleave_limit * timescale;
-    track->duration_limit = units >= 4294967295.0 ? UINT32_MAX : static_cast<uint32_t>(units);
+    track->own->duration_limit = units >= 4294967295.0 ? UINT32_MAX : static_cast<uint32_t>(units);
     file->header_size += entry_bytes;
     return track;
 }
@@ -478,15 +482,15 @@ iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, u
     if (timescale == 0 || !has_picture) return nullptr;
     iso_track* track = new_media_track(file, codec, timescale, entry_bytes);
     if (track == nullptr) return nullptr;
-    file->has_visual = 1;
+    file->own->has_visual = 1;
     std::memcpy(track->handler, "vide", sizeof track->handler);
     track->width = width;
     track->height = height;
-    track->display_width = width << 16;
-    track->display_height = height << 16;
+    track->own->display_width = width << 16;
+    track->own->display_height = height << 16;
     track->horiz_resolution = track->vert_resolution = kScreenResolution;
-    track->depth = kColourDepth;
-    track->frame_count = 1;
+    track->own->depth = kColourDepth;
+    track->own->frame_count = 1;
     return track;
 }
 
@@ -498,7 +502,7 @@ int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
     constexpr size_t kCodeAndBlank = 5;
     if (file == nullptr || brands == nullptr) return -1;
     if (!file->write_mode) return -1;
-    if (file->write_pos != 0) return -1;  // `ftyp` stands in the file already
+    if (file->own->write_pos != 0) return -1;  // `ftyp` stands in the file already
     const size_t length = std::strlen(brands) + 1;
     if (length < kCodeAndBlank || length % kCodeAndBlank != 0) return -1;
     auto* list = arena_array<char>(file, length);
@@ -516,7 +520,8 @@ int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_off
         !track->file->write_mode) {
         return kBadArgument;
     }
-    const uint32_t units = duration == 0 ? track->frame_default : static_cast<uint32_t>(duration);
+    const uint32_t units =
+        duration == 0 ? track->own->frame_default : static_cast<uint32_t>(duration);
     return write_sample(track, {static_cast<const uint8_t*>(data), static_cast<size_t>(size)},
                         units, cts_offset);
 } catch (const std::bad_alloc&) {

@@ -1,0 +1,69 @@
+// What the library keeps for a file and for a track beside their public records.
+#ifndef KESTREL_ISOFF_PRIVATE_H
+#define KESTREL_ISOFF_PRIVATE_H
+
+#include "kestrel/isoff.h"
+
+struct iso_hinter;
+struct iso_index;
+
+// Writer: a sample that was taken. Its bytes are at `data`, or null where they went elsewhere.
+struct iso_frame {
+    uint32_t duration;   // track units
+    int32_t cts_offset;  // track units
+    uint32_t size;       // bytes
+    const uint8_t* data;
+    void* reserved;
+    iso_frame* next;  // in decoding order
+};
+
+// Writer: samples of a track that stand together in the file, which makes them a chunk.
+struct iso_run {
+    uint32_t start;  // from iso_file_private::media_base
+    uint32_t samples;
+    iso_run* next;
+};
+
+struct iso_file_private : iso_file_details {
+    iso_track* last_track;
+    // 1: an allocation for the file failed, so something of it may be missing.
+    uint32_t lacked_memory;
+
+    // Writer.
+    uint32_t has_visual;          // 1: `iods` declares visual media (14496-1, table 5)
+    uint32_t finalised;           // 1: the file was written, or can no longer be
+    uint32_t write_pos;           // bytes written to the stream
+    uint32_t media_base;          // what iso_run::start counts from
+    uint32_t direct_track_limit;  // direct_write: highest track ID that takes samples
+    iso_track* direct_track;      // direct_write: the track whose samples come last
+    uint32_t write_way;           // settled by the first sample: 0 not yet, 1 queued, 2 direct
+    uint64_t track_cost;          // sum of iso_track_private::header_cost
+};
+
+struct iso_track_private : iso_track_details {
+    uint32_t dsi_capacity;      // bytes that `dsi` has room for
+    uint32_t tables_seen;       // which tables were read, so that a second one is refused
+    uint32_t hint_from_system;  // 1 when `hint` came from the system allocator, not the arena
+    iso_index* index;           // finds any sample at once; null while the file is being written
+
+    // Read cursor.
+    uint32_t positioned;  // 1 once isoFFsetPosition was asked to move the cursor
+    // How many of the next samples are known to follow the one at hand in its chunk and to last as
+    // long as it does: the cursor moves to them without a look at the tables.
+    uint32_t next_alike;
+
+    // Writer. The figures of the reader (sample_count, sample_size while it is the same for all,
+    // duration, stts_count ...) run on as samples are taken.
+    iso_frame* first_frame;
+    iso_frame* last_frame;
+    uint64_t header_cost;  // bytes that the samples add to the file
+    uint32_t closed;       // 1: a limit was met; no more samples are taken
+    iso_run* first_run;
+    iso_run* last_run;
+    uint32_t run_count;
+    uint32_t run_units;         // direct_write: duration of the newest run, track units
+    uint64_t counted_sizes[5];  // of the sample tables, as they were measured
+    iso_hinter* hinter;         // hint track: makes its samples
+};
+
+#endif
