@@ -59,4 +59,4 @@ install(
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
     COMPONENT tools
     FILES_MATCHING
-    PATTERN "*.1")
+    PATTERN "*.1.gz")

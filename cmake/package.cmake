@@ -43,8 +43,10 @@ endmacro()
 set(library_package libkestrel${PROJECT_VERSION_MAJOR})
 kestrel_package(LIBRARY ${library_package} libs same "library that reads 3GP files"
                 "This package has the shared libraries.")
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# The control files are ours: those that CPack makes run ldconfig in scripts of the package.
+configure_file(cmake/debian/shlibs.in debian/shlibs @ONLY)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
+    "${PROJECT_BINARY_DIR}/debian/shlibs;${PROJECT_SOURCE_DIR}/cmake/debian/triggers")
 
 kestrel_package(
     DEVELOPMENT libkestrel-dev libdevel same "library that reads 3GP files (development files)"
@@ -55,5 +57,17 @@ kestrel_package(
     TOOLS kestrel-tools video foreign "command-line tool for 3GP files"
     "This package has the command kestrel, which shows, plays and mends files.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} ${same_version}")
+
+# What every Debian package has: copyright and changelog.
+configure_file(cmake/debian/changelog.in debian/changelog @ONLY)
+kestrel_gzip(${PROJECT_BINARY_DIR}/debian/changelog ${PROJECT_BINARY_DIR}/debian/changelog.gz)
+add_custom_target(kestrel_debian_changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog.gz)
+foreach(component library development tools)
+    string(TOUPPER ${component} upper)
+    install(
+        FILES cmake/debian/copyright ${PROJECT_BINARY_DIR}/debian/changelog.gz
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
+        COMPONENT ${component})
+endforeach()
 
 include(CPack)
