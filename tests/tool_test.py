@@ -325,6 +325,63 @@ class StandardStreams(ToolTest):
         self.assertEqual(run("check", out).returncode, 0)
 
 
+class ForeignTexts(ToolTest):
+    """Escape sequences, C1 bytes, line breaks and changes of direction in what is not the tool's own
+    text do not reach a terminal."""
+
+    EVIL = [b"\x1b[2J", b"\xc2\x9b1m", b"\r\n\x9b\x7f", b"\xe2\x80\xae<"]
+    NAME = "\x1b]0;x\x07\u202e\u009b\udc9b\n.3gp"
+    COMMANDS = [("info",), ("info", "--json"), ("boxes",), ("boxes", "--json"), ("packets",),
+                ("packets", "--track", "9"), ("check",), ("hint", "-o", "out"),
+                ("report", "-o", "page"), ("extract", "ar", "--verbose", "-o", "out"),
+                ("extract", "vr", "--api", "class", "-o", "out"), ("inspect",), ("unpack", "-o", "out")]
+
+    def assert_harmless(self, *arguments):
+        result = subprocess.run([TOOL, *arguments], cwd=self.scratch, capture_output=True,
+                                timeout=120, check=False)
+        text = (result.stdout + result.stderr).decode("utf-8")  # throws on a lone C1 byte
+        self.assertNotRegex(text, "[\x00-\x08\x0b-\x1f\x7f-\x9f\u2028\u2029\u202e]", arguments)
+        return result
+
+    def test_files(self):
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        fields = [b"3gp4", b"isom", b"s263", b"samr", b"soun", b"rtp ", b"tims", b"d263", b"stts",
+                  b"tkhd", b"mdat", b"m=vi"]
+        path = self.scratch / self.NAME
+        for number, field in enumerate(fields):
+            self.assertIn(field, data)
+            path.write_bytes(data.replace(field, self.EVIL[number % len(self.EVIL)]))
+            for command, *options in self.COMMANDS:
+                with self.subTest(field=field, command=command):
+                    self.assert_harmless(command, os.fsencode(self.NAME), *options)
+        self.assertIn(b"\\x1b]0;x\\x07\\xe2\\x80\\xae\\xc2\\x9b\\x9b\\x0a.3gp",
+                      self.assert_harmless("check", os.fsencode(self.NAME)).stdout)
+
+    def test_native_streams(self):
+        stream = self.extract("h263_hinted", "vr")
+        path = self.scratch / self.NAME
+        for field in [b"VIDEO", b"s263+"]:
+            for evil in self.EVIL:
+                path.write_bytes(stream.replace(field, evil.ljust(5, b"\0"), 1))
+                for options in [("inspect",), ("inspect", "--json"), ("unpack", "-o", "out")]:
+                    self.assert_harmless(options[0], os.fsencode(self.NAME), *options[1:])
+
+
+class Remarks(ToolTest):
+    def test_the_library_speaks_when_it_is_asked_to(self):
+        path = self.scratch / "cut.3gp"
+        data = bytearray(pathlib.Path(sample("amrnb_plain")).read_bytes())
+        data[data.index(b"mdhd") - 1] = 12
+        path.write_bytes(data)
+        quiet = run("extract", path, "ar")
+        self.assert_fails(quiet, 1, f"kestrel: {path}: ")
+        lines = run("extract", path, "ar", "--verbose").stderr.decode().splitlines()
+        self.assertGreater(len(lines), 1)
+        for line in lines:
+            self.assertTrue(line.startswith(f"kestrel: {path}: "), line)
+        self.assertEqual(lines[-1] + "\n", quiet.stderr.decode())
+
+
 class Packets(ToolTest):
     def test_agree_with_an_independent_reader(self):
         names = sorted(path.stem for path in (SAMPLES / "truth").glob("*.packets"))

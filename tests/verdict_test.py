@@ -330,7 +330,8 @@ class Check(ToolTest):
 
     def test_a_file_that_ends_the_process_does_not_end_the_check(self):
         bad = self.write("bad.3gp", foreign_mpeg4())
-        self.assertEqual(run("extract", bad, "vr", "--api", "class").returncode, 1)
+        self.assert_fails(run("extract", bad, "vr", "--api", "class"), 1,
+                          f"{bad}: Bad 3GP file, only MP4 Video codec accepted")
         good = sample("amrnb_hinted")
         result, rows = self.check(good, bad, good)
         self.assertEqual([row[:3] for row in rows],
@@ -383,7 +384,7 @@ class Check(ToolTest):
         limits = [(resource.RLIMIT_NPROC, 0, "fork: ")]
         # The sanitizer of undefined behaviour needs descriptors of its own.
         if b"__ubsan_handle" not in pathlib.Path(TOOL).read_bytes():
-            limits.append((resource.RLIMIT_NOFILE, 4, "temporary file: "))
+            limits.append((resource.RLIMIT_NOFILE, 4, "pipe: "))
         for limit, number, message in limits:
             result = subprocess.run(
                 [TOOL, "check", sample("amrnb_hinted")], capture_output=True, timeout=120,

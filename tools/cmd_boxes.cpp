@@ -1,10 +1,10 @@
 #include <cstring>
-#include <nlohmann/json.hpp>
 
 #include "boxes/field_visitor.h"
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
 #include "tools/commands.h"
+#include "tools/json.h"
 #include "tools/support.h"
 
 // The box tree of a file as the object model sees it.
@@ -12,7 +12,6 @@
 namespace tool {
 namespace {
 
-using Json = nlohmann::ordered_json;
 using Qvox3gp::Box;
 using Qvox3gp::ChildPlace;
 
@@ -122,7 +121,7 @@ void boxes(const Options& options) {
     Json all = Json::array();
     visit_children(file, [&](const ChildPlace& place) { all.push_back(describe(place)); });
     if (options.json) {
-        std::printf("%s\n", all.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+        std::printf("%s\n", json_text(all).c_str());
     } else {
         std::printf("%10s %10s  box\n", "offset", "size");
         for (const Json& box : all)

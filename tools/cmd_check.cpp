@@ -32,20 +32,6 @@ bool is_3gp_name(const fs::path& path) {
     return std::find(kEndings.begin(), kEndings.end(), ending) != kEndings.end();
 }
 
-// A name that stays on its line: control characters and backslashes become \xNN.
-std::string on_one_line(const std::string& name) {
-    std::string out;
-    for (const char c : name) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7F && c != '\\') {
-            out += c;
-        } else {
-            out += format("\\x%02x", byte);
-        }
-    }
-    return out;
-}
-
 class Checker {
   public:
     explicit Checker(const Options& options) : options_(options) {}
@@ -101,7 +87,7 @@ class Checker {
                const std::string& file) {
         if (lines_are_seen_) progress_.clear();
         std::printf("%s\t%s\t%s\t%s\t%s\n", medium, function, by_class, mend,
-                    on_one_line(file).c_str());
+                    printable_word(file).c_str());
     }
 
     // The line of a file in which no medium was found.
@@ -123,7 +109,7 @@ class Checker {
         } catch (const Error& error) {
             print_whole("unreadable", file);
             progress_.clear();
-            std::fprintf(stderr, "kestrel: %s\n", error.what());
+            say(error.what());
             return nullptr;
         }
     }

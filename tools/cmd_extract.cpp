@@ -97,7 +97,7 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
         params.fFlags = KST_SEEK_ABSOLUTE | sync_flag(options.sync);
         const auto status = static_cast<int32_t>(player.SeekTo(&params));
         if (status == KST_SUCCESS) {
-            std::fprintf(stderr, "from %u ms: frame %u, file offset %d\n", params.nTime,
+            std::fprintf(error_stream(), "from %u ms: frame %u, file offset %d\n", params.nTime,
                          params.uFrameNum, static_cast<int>(params.uFileOffset));
             return;
         }

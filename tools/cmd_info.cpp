@@ -1,6 +1,5 @@
-#include <nlohmann/json.hpp>
-
 #include "tools/commands.h"
+#include "tools/json.h"
 #include "tools/support.h"
 #include "tools/verdict.h"
 
@@ -8,8 +7,6 @@
 
 namespace tool {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct Options {
     std::string input;
@@ -104,10 +101,11 @@ void print_verdict(const Json& verdict) {
 }
 
 void print_text(const std::string& input, const Json& about) {
-    std::printf("%s\n", input.c_str());
+    std::printf("%s\n", printable(input).c_str());
     std::printf("brand        %s, version %d; compatible: %s\n",
-                about["major_brand"].get<std::string>().c_str(), about["minor_version"].get<int>(),
-                about["compatible_brands"].get<std::string>().c_str());
+                printable(about["major_brand"].get<std::string>()).c_str(),
+                about["minor_version"].get<int>(),
+                printable(about["compatible_brands"].get<std::string>()).c_str());
     std::printf("duration     %.3f s, timescale %u\n", about["duration_seconds"].get<double>(),
                 about["timescale"].get<uint32_t>());
     for (const Json& track : about["tracks"])
@@ -128,7 +126,7 @@ void info(const Options& options) {
     for (const Verdict& verdict : judge_all(host.get(), file.get()))
         about["verdicts"].push_back(describe_verdict(verdict, options.input));
     if (options.json) {
-        std::printf("%s\n", about.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+        std::printf("%s\n", json_text(about).c_str());
     } else {
         print_text(options.input, about);
     }

@@ -1,13 +1,10 @@
-#include <nlohmann/json.hpp>
-
 #include "tools/commands.h"
+#include "tools/json.h"
 #include "tools/native_walk.h"
 #include "tools/support.h"
 
 namespace tool {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct Options {
     std::string input;
@@ -18,7 +15,7 @@ struct AsText {
     std::string operator()(uint32_t number) const { return std::to_string(number); }
     std::string operator()(std::span<const uint8_t> bytes) const { return hex(bytes); }
     std::string operator()(const std::string& text) const {
-        return "\"" + text.substr(0, text.find('\0')) + "\"";
+        return "\"" + printable(text.substr(0, text.find('\0'))) + "\"";
     }
 };
 
@@ -66,7 +63,7 @@ void inspect(const Options& options) {
     if (options.json) {
         Json out{{"bytes", stream.size()}, {"records", std::move(json.records)}};
         if (damage) out["damage"] = {{"offset", damage->offset}, {"reason", damage->reason}};
-        std::printf("%s\n", out.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+        std::printf("%s\n", json_text(out).c_str());
     }
     if (damage) {
         finish_standard_output();

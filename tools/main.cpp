@@ -8,8 +8,8 @@
 
 namespace {
 
-int report(const char* text, int exit_code) {
-    std::fprintf(stderr, "kestrel: %s\n", text);
+int report(std::string_view text, int exit_code) {
+    tool::say(text);
     return exit_code;
 }
 
@@ -27,10 +27,8 @@ int parse_and_run(CLI::App& app, int argc, char** argv) {
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    tool::hold_standard_streams();
+// The commands as a user gives them; returns the exit code. No exception leaves it.
+int run(int argc, char** argv) {
     CLI::App app("Gets media out of 3GP files as the platform's native streams.", "kestrel");
     app.require_subcommand(1);
     app.set_version_flag("--version", "kestrel " KESTREL_VERSION);
@@ -45,11 +43,30 @@ int main(int argc, char** argv) {
     tool::add_hint(app);
     tool::add_report(app);
     tool::add_check(app);
-    try {
-        return parse_and_run(app, argc, argv);
-    } catch (const tool::Error& error) {
-        return report(error.what(), error.exit_code);
-    } catch (const std::bad_alloc&) {
-        return report("out of memory", tool::kFailed);
+    for (CLI::App* command : app.get_subcommands({})) {
+        command->add_flag_callback("--verbose", tool::show_remarks,
+                                   "Print what the library remarks on the file");
     }
+    return parse_and_run(app, argc, argv);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int code = tool::kFailed;
+    tool::hold_standard_streams();
+    try {
+        tool::take_over_remarks();
+        code = run(argc, argv);
+    } catch (const tool::Error& error) {
+        code = report(error.what(), error.exit_code);
+    } catch (const std::bad_alloc&) {
+        code = report("out of memory", tool::kFailed);
+    } catch (const std::length_error&) {  // of a container: more than the address space holds
+        code = report("out of memory", tool::kFailed);
+    } catch (const std::exception& error) {
+        code = report(error.what(), tool::kFailed);
+    }
+    tool::expect_exit();
+    return code;
 }

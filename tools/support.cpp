@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -34,6 +33,7 @@ Host open_host(const std::string& path, std::optional<uint32_t> arriving) {
         host.reset(kst_host_from_file(path.c_str()));
     }
     if (host == nullptr) throw system_error(path);
+    set_remark_file(path == "-" ? "standard input" : path);
     return host;
 }
 
@@ -168,7 +168,7 @@ Progress::~Progress() {
 }
 
 void Progress::clear() {
-    if (shown_) std::fputs("\r\033[K", stderr);
+    if (shown_) std::fputs("\r\033[K", error_stream());
     shown_ = false;
 }
 
@@ -180,51 +180,16 @@ bool Progress::is_due() {
 
 void Progress::show(const kst_host* host, uint64_t written) {
     if (!is_due()) return;
-    std::fprintf(stderr, "\r%.1f of %.1f MB read, %.1f MB written\033[K",
+    std::fprintf(error_stream(), "\r%.1f of %.1f MB read, %.1f MB written\033[K",
                  megabytes(kst_host_bytes_used(host)), megabytes(kst_host_bytes_available(host)),
                  megabytes(written));
-    std::fflush(stderr);
+    std::fflush(error_stream());
 }
 
 void Progress::show_count(size_t done, size_t of, const char* what) {
     if (!is_due()) return;
-    std::fprintf(stderr, "\r%zu of %zu %s\033[K", done, of, what);
-    std::fflush(stderr);
-}
-
-ErrorCapture::ErrorCapture() : kept_(std::tmpfile()) {
-    if (kept_ == nullptr) throw system_error("temporary file");
-    std::fflush(stderr);
-    saved_ = dup(STDERR_FILENO);
-    if (saved_ >= 0) dup2(fileno(kept_), STDERR_FILENO);
-}
-
-ErrorCapture::~ErrorCapture() {
-    restore();
-    std::fclose(kept_);
-}
-
-std::vector<std::string> ErrorCapture::lines() {
-    constexpr size_t kMostLines = 8;
-    restore();
-    std::rewind(kept_);
-    std::vector<std::string> out;
-    char line[256];
-    while (out.size() < kMostLines && std::fgets(line, sizeof line, kept_) != nullptr) {
-        std::string text = line;
-        while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-            text.pop_back();
-        if (std::find(out.begin(), out.end(), text) == out.end()) out.push_back(text);
-    }
-    return out;
-}
-
-void ErrorCapture::restore() {
-    if (saved_ < 0) return;
-    std::fflush(stderr);
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    saved_ = -1;
+    std::fprintf(error_stream(), "\r%zu of %zu %s\033[K", done, of, what);
+    std::fflush(error_stream());
 }
 
 std::string hex(std::span<const uint8_t> bytes) {
@@ -233,18 +198,6 @@ std::string hex(std::span<const uint8_t> bytes) {
     for (const uint8_t byte : bytes) {
         out += kDigits[byte >> 4];
         out += kDigits[byte & 15];
-    }
-    return out;
-}
-
-std::string printable(std::string_view text) {
-    std::string out;
-    for (const char c : text) {
-        char shown[8];
-        const bool prints = c >= ' ' && c <= '~';
-        std::snprintf(shown, sizeof shown, prints ? "%c" : "\\x%02x",
-                      static_cast<unsigned char>(c));
-        out += shown;
     }
     return out;
 }

@@ -18,6 +18,8 @@
 #include "kestrel/hosts.h"
 #include "kestrel/isoff.h"
 #include "kestrel/kestrel.h"
+#include "tools/messages.h"
+#include "tools/text.h"
 
 namespace tool {
 
@@ -133,30 +135,8 @@ class Progress {
     Clock::time_point next_;
 };
 
-// Keeps what is written to standard error while it lives, so that the library's remarks on a file
-// do not come between the lines of a command.
-class ErrorCapture {
-  public:
-    ErrorCapture();
-    ErrorCapture(const ErrorCapture&) = delete;
-    ErrorCapture& operator=(const ErrorCapture&) = delete;
-    ~ErrorCapture();
-
-    // Ends the capture. The first few lines, each once, and none longer than 255 characters.
-    std::vector<std::string> lines();
-
-  private:
-    void restore();
-
-    std::FILE* kept_;
-    int saved_ = -1;
-};
-
 // Two lower-case digits a byte.
 std::string hex(std::span<const uint8_t> bytes);
-
-// Characters that do not print, and those beyond ASCII, are shown as \xNN.
-std::string printable(std::string_view text);
 
 // Of a sample entry: "AMR-NB" for ISO_CODEC_SAMR and so on.
 const char* codec_name(int32_t codec);

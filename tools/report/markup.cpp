@@ -5,38 +5,16 @@
 #include <cstdio>
 #include <vector>
 
+#include "tools/text.h"
+
 namespace tool {
 namespace {
 
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
-// Length of the UTF-8 sequence at the beginning of `text` and what it stands for; 0 for none.
-size_t decode(std::string_view text, uint32_t& code) {
-    const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
-    const uint8_t first = byte(0);
-    const size_t length = first < 0x80   ? 1
-                          : first < 0xC2 ? 0
-                          : first < 0xE0 ? 2
-                          : first < 0xF0 ? 3
-                          : first < 0xF5 ? 4
-                                         : 0;
-    if (length == 0 || length > text.size()) return 0;
-    code = length == 1 ? first : first & (0x7Fu >> length);
-    for (size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) return 0;
-        code = code << 6 | (byte(i) & 0x3F);
-    }
-    static constexpr uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
-    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-    return code < kLeast[length] || surrogate || code > 0x10FFFF ? 0 : length;
-}
-
+// A page may have line breaks and tabs.
 bool may_stand(uint32_t code) {
-    const bool control =
-        (code < 0x20 && code != '\n' && code != '\t') || (code >= 0x7F && code < 0xA0);
-    const bool turns = code == 0x200E || code == 0x200F || code == 0x061C ||
-                       (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
-    return !control && !turns && (code & 0xFFFE) != 0xFFFE;
+    return is_shown(code) || code == '\n' || code == '\t';
 }
 
 }  // namespace
@@ -44,8 +22,7 @@ bool may_stand(uint32_t code) {
 std::string escape(std::string_view text) {
     std::string out;
     while (!text.empty()) {
-        uint32_t code = 0;
-        const size_t length = decode(text, code);
+        const auto [length, code] = first_character(text);
         if (length == 0 || !may_stand(code)) {
             out += kReplacement;
         } else if (code == '&') {
