@@ -3,9 +3,9 @@
 #include <algorithm>
 
 #include "common/clock.h"
-#include "interface/src/isoff/isoff.h"
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
+#include "native/codec/avcc.h"
 
 // The stream header records and the audio frame header of the `tel` format.
 
@@ -162,7 +162,8 @@ int tel_put_hdr_vid_codecCfg264(void* out, iso_track* track) {
     std::memcpy(&record, out, sizeof record);  // some of its bytes stay as they were
     std::fill(std::begin(record.config), std::end(record.config), uint8_t{0});
     const bool has_sets = track != nullptr && track->dsi != nullptr;
-    const size_t length = has_sets ? put_start_coded_sets(track, record.config) : 0;
+    const size_t length =
+        has_sets ? put_start_coded_sets({track->dsi, track->dsi_length}, record.config) : 0;
     record.length = static_cast<uint16_t>(std::min(length, sizeof record.config));
     record.two = 2;
     record.profile = record.level = 0;

@@ -51,6 +51,34 @@ def run_in(folder, line):
                    capture_output=True, env={**os.environ, "PATH": path})
 
 
+class Layers(unittest.TestCase):
+    """Includes follow the layers that the build files declare."""
+
+    def check(self, *folder):
+        return subprocess.run([ROOT / "scripts" / "layers", *folder], capture_output=True, text=True)
+
+    def test_no_include_goes_up(self):
+        self.assertEqual(self.check().returncode, 0, self.check().stderr)
+
+    def test_a_planted_include_or_circle_is_found(self):
+        for file, line, fault in (
+                ("native/codec/avcc.cpp", '#include "boxes/box_base.h"', "codec may not use"),
+                ("common/bytes.h", '#include "native/orb_native.h"', "common may not use")):
+            with self.subTest(file=file), tempfile.TemporaryDirectory() as scratch:
+                for folder in ("common", "native", "boxes", "propfile", "interface"):
+                    shutil.copytree(ROOT / folder, pathlib.Path(scratch, folder))
+                planted = pathlib.Path(scratch, file)
+                planted.write_text(line + "\n" + planted.read_text())
+                self.assertIn(fault, self.check(scratch).stderr)
+        with tempfile.TemporaryDirectory() as scratch:
+            for name, used in (("a", "b"), ("b", "a")):
+                folder = pathlib.Path(scratch, name)
+                folder.mkdir()
+                (folder / "CMakeLists.txt").write_text(
+                    f"kestrel_module({name} USES {used} SOURCES {name}.cpp)")
+            self.assertIn("circle: a -> b -> a", self.check(scratch).stderr)
+
+
 class ManPages(unittest.TestCase):
     def pages(self):
         yield "kestrel", ()

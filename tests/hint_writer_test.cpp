@@ -4,7 +4,8 @@
 #include <cmath>
 #include <random>
 
-#include "interface/src/isoff/isoff.h"
+#include "common/bytes.h"
+#include "interface/src/isoff/record/record.h"
 #include "interface/src/isoff/write/hint_sample_planner.h"
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"

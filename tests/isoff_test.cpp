@@ -4,7 +4,7 @@
 #include <memory>
 #include <random>
 
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/record/record.h"
 #include "kestrel/hosts.h"
 #include "tests/support/files.h"
 #include "tests/support/hint_file.h"

@@ -5,7 +5,9 @@
 #include <memory>
 #include <random>
 
-#include "interface/src/isoff/isoff.h"
+#include "common/bytes.h"
+#include "interface/src/isoff/write/boxes.h"
+#include "interface/src/isoff/write/writer.h"
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
 #include "tests/support/allocation_watch.h"

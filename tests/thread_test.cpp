@@ -4,7 +4,7 @@
 #include <iostream>
 #include <thread>
 
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/record/record.h"
 #include "kestrel/codec.h"
 #include "tests/support/playing.h"
 

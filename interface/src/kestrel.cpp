@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "interface/src/isoff/private.h"
+#include "interface/src/isoff/record/private.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/kstutil.h"
 

@@ -1,7 +1,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/read/decoder_configuration.h"
+#include "interface/src/isoff/read/rtp_packets.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/codec.h"
 #include "kestrel/native_records.h"

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <climits>
 
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/read/box_walk.h"
+#include "interface/src/isoff/read/byte_source.h"
+#include "interface/src/isoff/read/sample_tables.h"
 
 // The box walk, and the handlers of all boxes but the sample tables and the decoder configuration.
 

@@ -1,7 +1,9 @@
 #include <algorithm>
 
+#include "common/bytes.h"
 #include "common/clock.h"
 #include "common/simple_exception.h"
+#include "interface/src/isoff/read/rtp_packets.h"
 #include "interface/src/isoff/read/sample_index.h"
 
 // RTP packets from a hint track (ISO/IEC 14496-12, 9.1): the packets of each hint sample are

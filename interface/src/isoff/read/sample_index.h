@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/record/record.h"
 
 namespace kestrel {
 
@@ -106,6 +106,9 @@ inline void advance_cursor(iso_track* track) {
     track->cur_offset += size_at_cursor(track);
     track->cur_sample++;
 }
+
+// Moves the cursor to any sample of the track.
+void set_sample_pos(iso_track* track, int32_t target);
 
 // Moves the cursor to a sample of the track; most often that is the one at hand or the next.
 inline void move_cursor(iso_track* track, int32_t target) {

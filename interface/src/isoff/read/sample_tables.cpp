@@ -1,7 +1,10 @@
 #include <algorithm>
 #include <climits>
 
+#include "interface/src/isoff/read/box_walk.h"
+#include "interface/src/isoff/read/byte_source.h"
 #include "interface/src/isoff/read/sample_index.h"
+#include "interface/src/isoff/read/sample_tables.h"
 
 // The sample table boxes (ISO/IEC 14496-12, 8.6 to 8.9) and the check that brings them into
 // agreement with each other.

@@ -1,4 +1,4 @@
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/write/writer.h"
 #include "kestrel/codec.h"
 
 // AMR tracks for the writer (3GPP TS 26.244, 6.5).

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <string_view>
 
-#include "interface/src/isoff/isoff.h"
+#include "common/bytes.h"
+#include "interface/src/isoff/write/boxes.h"
+#include "interface/src/isoff/write/writer.h"
 
 // The boxes that the writer makes (ISO/IEC 14496-12; 3GPP TS 26.244 for the sample entries). Each
 // is described once: the same lines count its bytes and write them.

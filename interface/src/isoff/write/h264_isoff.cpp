@@ -1,6 +1,6 @@
 #include <climits>
 
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/write/writer.h"
 #include "kestrel/codec.h"
 
 // Tracks for the writer whose sample entries hold a configuration record: H.264 (ISO/IEC 14496-15)

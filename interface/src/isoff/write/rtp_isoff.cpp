@@ -4,8 +4,9 @@
 #include <new>
 #include <string>
 
-#include "interface/src/isoff/isoff.h"
+#include "common/bytes.h"
 #include "interface/src/isoff/write/hint_sample_planner.h"
+#include "interface/src/isoff/write/writer.h"
 
 // RTP hint tracks for the writer (ISO/IEC 14496-12, 9.1): the track with its SDP, and its samples.
 

@@ -4,7 +4,9 @@
 #include <queue>
 #include <vector>
 
-#include "interface/src/isoff/isoff.h"
+#include "common/bytes.h"
+#include "interface/src/isoff/write/boxes.h"
+#include "interface/src/isoff/write/writer.h"
 #include "kestrel/kstutil.h"
 
 // The writer: takes samples, decides where they stand in the file, and writes it.

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/record/record.h"
 
 // Memory of the ISO reader. All that hangs from an open file comes from an arena of large blocks
 // that is released as a whole.

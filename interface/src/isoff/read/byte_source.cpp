@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "interface/src/isoff/isoff.h"
+#include "interface/src/isoff/read/byte_source.h"
 #include "kestrel/kstutil.h"
 
 // The byte readers: one source of bytes, the in-memory `moov` or the stream, behind all of them.

@@ -1,19 +1,15 @@
 #include <algorithm>
 #include <vector>
 
-#include "interface/src/isoff/isoff.h"
-#include "kestrel/native.h"
-#include "native/orb_native.h"
+#include "interface/src/isoff/read/box_walk.h"
+#include "interface/src/isoff/read/byte_source.h"
+#include "interface/src/isoff/read/decoder_configuration.h"
+#include "native/codec/avcc.h"
 
 // Decoder configuration of the sample entries, and the forms in which callers get it.
 
 namespace kestrel {
 namespace {
-
-constexpr uint8_t kSequenceSet = 7;  // NAL unit types (ITU-T H.264, table 7-1)
-constexpr uint8_t kPictureSet = 8;
-constexpr uint8_t kNalType = 0x1F;
-constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
 
 // --- 3GPP configuration boxes (3GPP TS 26.244, clause 6) ---
 
@@ -87,48 +83,6 @@ int read_es_descriptor(iso_file* file, iso_track* track) {
 
 // --- avcC (ISO/IEC 14496-15, 5.2.4.1) ---
 
-struct AvccHeader {
-    uint8_t profile, compatibility, level, nal_length_size;
-};
-
-// The fixed part in front of the sequence parameter sets.
-AvccHeader read_avcc_header(ByteReader& reader) {
-    AvccHeader header{};
-    reader.u8();  // version
-    header.profile = reader.u8();
-    header.compatibility = reader.u8();
-    header.level = reader.u8();
-    header.nal_length_size = static_cast<uint8_t>((reader.u8() & 3) + 1);
-    return header;
-}
-
-// Visits the sets of one kind. Only the low five bits of the count are taken, for picture parameter
-// sets as well, so more than 31 of them are not supported: kept on purpose.
-template <typename Visit>
-void visit_sets(ByteReader& reader, Visit visit) {
-    const uint32_t count = reader.u8() & 0x1F;
-    for (uint32_t i = 0; i < count; ++i) {
-        const auto set = reader.take(reader.be16());
-        if (reader.ok()) visit(set);
-    }
-}
-
-// The parameter sets of one kind that are not empty, each behind a length as wide as those of the
-// stream. Returns how many.
-uint32_t append_prefixed_sets(ByteReader& reader, int width, std::vector<uint8_t>& to, bool& fits) {
-    uint32_t count = 0;
-    visit_sets(reader, [&](std::span<const uint8_t> set) {
-        if (set.empty()) return;
-        if (width == 1 && set.size() > 0xFF) fits = false;
-        ++count;
-        for (int i = width - 1; i >= 0; --i) {
-            to.push_back(static_cast<uint8_t>(i < 2 ? set.size() >> (8 * i) : 0));
-        }
-        to.insert(to.end(), set.begin(), set.end());
-    });
-    return count;
-}
-
 void forget_param_sets(iso_track* track) {
     track->sps_count = track->pps_count = 0;
     track->sps_block = track->pps_block = track->param_sets = nullptr;
@@ -140,24 +94,6 @@ void keep_avcc_header(iso_track* track, const AvccHeader& header) {
     track->profile_compat = header.compatibility;
     track->level = header.level;
     track->nal_length_size = header.nal_length_size;
-}
-
-// The parameter sets of an `avcC` as a track holds them: the sequence sets, then the picture sets.
-struct ParamSets {
-    std::vector<uint8_t> bytes;
-    size_t sps_length = 0;
-    uint32_t sps_count = 0, pps_count = 0;
-};
-
-// False when the record does not keep to its length, or a set not to the width of the lengths.
-bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSets& sets) {
-    ByteReader reader(avcc);
-    header = read_avcc_header(reader);
-    bool fits = true;
-    sets.sps_count = append_prefixed_sets(reader, header.nal_length_size, sets.bytes, fits);
-    sets.sps_length = sets.bytes.size();
-    sets.pps_count = append_prefixed_sets(reader, header.nal_length_size, sets.bytes, fits);
-    return reader.ok() && fits;
 }
 
 // Puts the sets into `block`, which has room for them.
@@ -190,86 +126,7 @@ unsigned char* hand_over(const std::vector<uint8_t>& bytes) {
     return copy;
 }
 
-// --- parameter sets with start codes to `avcC` ---
-
-using NalUnit = std::span<const uint8_t>;
-
-struct ParameterSets {
-    std::vector<NalUnit> sequence;
-    std::vector<NalUnit> picture;
-
-    void add(NalUnit unit) {
-        constexpr size_t kMostSequenceSets = 32;
-        constexpr size_t kMostPictureSets = 128;
-        if (unit.empty()) return;
-        const uint8_t type = unit[0] & kNalType;
-        if (type == kSequenceSet && sequence.size() < kMostSequenceSets) sequence.push_back(unit);
-        if (type == kPictureSet && picture.size() < kMostPictureSets) picture.push_back(unit);
-    }
-};
-
-// Cuts at each 00 00 01. A unit ends four bytes before the byte that completes the code, so units
-// must be separated by four-byte start codes.
-ParameterSets cut_units(std::span<const uint8_t> in) {
-    ParameterSets sets;
-    if (in.size() >= 4 && std::equal(std::begin(kStartCode), std::end(kStartCode), in.begin())) {
-        in = in.subspan(4);
-    }
-    size_t start = 0;
-    for (size_t i = 2; i < in.size(); ++i) {
-        if (in[i - 2] != 0 || in[i - 1] != 0 || in[i] != 1) continue;
-        const size_t counted = i + 1 - start;
-        if (counted > 4) sets.add(in.subspan(start, counted - 4));
-        start = i + 1;
-    }
-    sets.add(in.subspan(start));
-    return sets;
-}
-
-void append_sets(std::vector<uint8_t>& to, const std::vector<NalUnit>& sets) {
-    for (const NalUnit& set : sets) {
-        to.push_back(static_cast<uint8_t>(set.size() >> 8));
-        to.push_back(static_cast<uint8_t>(set.size()));
-        to.insert(to.end(), set.begin(), set.end());
-    }
-}
-
-// Empty when the sets make no record.
-std::vector<uint8_t> make_avcc(const ParameterSets& sets) {
-    constexpr size_t kProfileCompatibilityLevel = 4;  // bytes of the first set that are looked at
-    constexpr size_t kMostBytes = 256;
-    constexpr uint8_t kTwoByteLengths = 0xFD;
-    constexpr uint8_t kReservedBits = 0xE0;
-    if (sets.sequence.empty() || sets.sequence[0].size() < kProfileCompatibilityLevel) return {};
-    const NalUnit first = sets.sequence[0];
-    std::vector<uint8_t> record = {1, first[1], first[2], first[3], kTwoByteLengths};
-    record.push_back(static_cast<uint8_t>(kReservedBits | sets.sequence.size()));
-    append_sets(record, sets.sequence);
-    record.push_back(static_cast<uint8_t>(sets.picture.size()));
-    append_sets(record, sets.picture);
-    if (record.size() > kMostBytes) record.clear();
-    return record;
-}
-
 }  // namespace
-
-size_t put_start_coded_sets(const iso_track* track, std::span<uint8_t> to) {
-    ByteReader reader({track->dsi, track->dsi_length});
-    read_avcc_header(reader);
-    size_t length = 0;
-    const auto put = [&](std::span<const uint8_t> bytes) {
-        const auto room = to.subspan(std::min(length, to.size()));
-        std::copy_n(bytes.begin(), std::min(bytes.size(), room.size()), room.begin());
-        length += bytes.size();
-    };
-    const auto put_set = [&](std::span<const uint8_t> set) {
-        put(kStartCode);
-        put(set);
-    };
-    visit_sets(reader, put_set);
-    visit_sets(reader, put_set);
-    return length;
-}
 
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
     if (bytes.size() > track->own->dsi_capacity || track->dsi == nullptr) {
@@ -367,34 +224,16 @@ int isoFFsetDecoderSpecificInfo(iso_track* track, const void* dsi, int length) t
 
 int isoFFGetDSIin3GPP(iso_track* track, int, unsigned char** out) {
     if (track == nullptr || track->dsi == nullptr) return -1;
-    const size_t length = put_start_coded_sets(track, {});
+    const size_t length = put_start_coded_sets({track->dsi, track->dsi_length}, {});
     *out = static_cast<unsigned char*>(systemmalloc(std::max<size_t>(length, 1)));
     if (*out == nullptr) return -1;
-    put_start_coded_sets(track, {*out, length});
+    put_start_coded_sets({track->dsi, track->dsi_length}, {*out, length});
     return static_cast<int>(length);
-}
-
-void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type, unsigned char* buffer,
-                     int* length) {
-    constexpr uint32_t kVideoClock = 90000;
-    const bool packets_produced = hint->seq_rebase == 2;
-    tel_native state{};
-    state.hdr.time = packets_produced ? hint->last_timestamp : hint->rtp_ts_offset;
-    state.hdr.seq = packets_produced ? hint->last_seq : hint->rtp_seq_offset & 0xFFFF;
-    state.hdr.clock = kVideoClock;
-    state.hdr.type = static_cast<uint32_t>(payload_type);
-    state.hdr.magic = native_magic;
-    state.nal_len_size = media->nal_length_size;
-    state.dsi = media->param_sets;
-    state.dsi_len = static_cast<int32_t>(media->param_sets_length);
-    *length = tel_h264_packetise_dsi(buffer, &state);
-    hint->rtp_seq_offset += media->sps_count + media->pps_count;
-    if (hint->seq_rebase == 0) hint->seq_rebase = 1;
 }
 
 int convertDCI_3gpp_to_ISO(const unsigned char* in, unsigned length, unsigned char** out,
                            int* out_length) try {
-    const std::vector<uint8_t> record = make_avcc(cut_units({in, length}));
+    const std::vector<uint8_t> record = make_avcc({in, length});
     if (record.empty()) return 0;
     *out = hand_over(record);
     if (*out == nullptr) return 0;

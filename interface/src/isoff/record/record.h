@@ -1,0 +1,44 @@
+// What reading and writing share: the records of a file and its tracks, and their memory.
+#ifndef KESTREL_ISOFF_RECORD_H
+#define KESTREL_ISOFF_RECORD_H
+
+#include <cstring>
+#include <span>
+
+#include "interface/src/isoff/record/private.h"
+
+namespace kestrel {
+
+// The source path that the reader's log lines carry.
+inline constexpr const char* kIsoffSource = "isoff";
+
+// A short diagnostic line on the standard error stream.
+void diagnose(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Frees every block of a chain of arena blocks.
+void safefree(void* first_block);
+
+// `count` zeroed objects from the arena, or null.
+template <typename T>
+T* arena_array(iso_file* file, size_t count);
+
+inline uint32_t sample_size_of(const iso_track* track, int32_t sample) {
+    return track->sample_size != 0 ? track->sample_size : track->sample_sizes[sample];
+}
+
+// A value in track units as seconds; 0.0 for a timescale of 0.
+inline double seconds(double units, uint32_t timescale) {
+    return timescale == 0 ? 0.0 : units / timescale;
+}
+
+template <typename T>
+T* arena_array(iso_file* file, size_t count) {
+    if (count > SIZE_MAX / 2 / sizeof(T)) return nullptr;
+    void* memory = isoFFmalloc(file, count * sizeof(T));
+    if (memory != nullptr) std::memset(memory, 0, count * sizeof(T));
+    return static_cast<T*>(memory);
+}
+
+}  // namespace kestrel
+
+#endif

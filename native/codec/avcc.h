@@ -1,0 +1,36 @@
+// The decoder configuration record of H.264, `avcC` (ISO/IEC 14496-15, 5.2.4.1).
+#ifndef KESTREL_CODEC_AVCC_H
+#define KESTREL_CODEC_AVCC_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace kestrel {
+
+struct AvccHeader {
+    uint8_t profile, compatibility, level, nal_length_size;
+};
+
+// The parameter sets of an `avcC` as a track holds them: the sequence sets, then the picture sets.
+struct ParamSets {
+    std::vector<uint8_t> bytes;
+    size_t sps_length = 0;
+    uint32_t sps_count = 0, pps_count = 0;
+};
+
+// False when the record does not keep to its length, or a set not to the width of the lengths.
+bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSets& sets);
+
+// Puts the parameter sets of a record into `to`, each after a start code, as far as there is room
+// for them. Returns the length of all.
+size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to);
+
+// Makes a record of parameter sets that are separated by start codes 00 00 00 01; empty when they
+// make none.
+std::vector<uint8_t> make_avcc(std::span<const uint8_t> units);
+
+}  // namespace kestrel
+
+#endif
