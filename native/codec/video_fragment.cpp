@@ -1,6 +1,18 @@
 #include "native/codec/video_fragment.h"
 
+#include <cstring>
+
 namespace kestrel {
+namespace {
+
+// The last zero byte from `begin` on and before `end`; `end` where there is none.
+size_t last_zero_byte(std::span<const uint8_t> bytes, size_t begin, size_t end) {
+    const void* found = memrchr(bytes.data() + begin, 0, end - begin);
+    if (found == nullptr) return end;
+    return static_cast<size_t>(static_cast<const uint8_t*>(found) - bytes.data());
+}
+
+}  // namespace
 
 VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, size_t budget) {
     constexpr size_t kFirstCut = 8;  // a fragment is not cut in front of its own start code
@@ -12,11 +24,16 @@ VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, s
     }
     fragment.length = budget;
     fragment.cut = CutAt::kAnywhere;
-    for (size_t i = begin + budget - 1; i-- > begin + kFirstCut;) {
-        if (sample[i] != 0 || sample[i + 1] != 0) continue;
-        fragment.length = i - begin;
-        fragment.cut = CutAt::kStartCode;
-        break;
+    const size_t first = begin + kFirstCut;
+    for (size_t end = begin + budget; end > first + 1;) {
+        const size_t zero = last_zero_byte(sample, first + 1, end);
+        if (zero == end) break;
+        if (sample[zero - 1] == 0) {
+            fragment.length = zero - 1 - begin;
+            fragment.cut = CutAt::kStartCode;
+            break;
+        }
+        end = zero;
     }
     return fragment;
 }
