@@ -269,6 +269,7 @@ TEST_P(HintWriter, PacketsCarryTheSamplesAtTheirTimes) {
         ASSERT_NE(hinted.hint, nullptr);
         ASSERT_EQ(hinted.hint->sample_count, static_cast<int>(samples.size()));
         EXPECT_EQ(hinted.hint->rtp_timescale, codec.clock);
+        EXPECT_EQ(hinted.hint->timescale, hinted.media->timescale);
         const std::vector<Packet> packets = hinted.packets();
         size_t at = 0;
         uint64_t media_time = 0;
@@ -379,23 +380,36 @@ TEST(HintTrack, TooManyPacketsAreTold) {
     }
 }
 
-TEST(HintTrack, TimesBeyondTheClockAreTold) {
+// The class API counts hint times in the units of the media track.
+TEST(HintTrack, CountsInTheUnitsOfItsMedium) {
     const auto slow = [](iso_file* file) {
         iso_track* track = mpeg4(file);
         track->timescale = 1;
         return track;
     };
     const Bytes picture = {0, 0, 1, 0xB6, 1};
-    EXPECT_EQ(Hinted(slow, 1400, {{picture, 47721}}).closed, 0);  // 2^32 / 90000 s
-    const std::vector<Sample> too_long[] = {{{picture, 47722}},
-                                            {{picture, 40000}, {picture, 10000}}};
-    for (const auto& samples : too_long) {
-        const Hinted hinted(slow, 1400, samples);
-        EXPECT_EQ(hinted.written, -7);
-        EXPECT_EQ(hinted.after_end, -8);
-        EXPECT_EQ(hinted.closed, 0);
-    }
+    const std::vector<Sample> samples = {{picture, 40000, 1}, {picture, 10000}};
+    const Hinted hinted(slow, 1400, samples);
+    EXPECT_EQ(hinted.hint->timescale, 1U);
+    EXPECT_EQ(hinted.hint->duration, 50000U);
+    EXPECT_EQ(hinted.hint->rtp_timescale, 90000U);
+    const auto packets = hinted.packets();
+    ASSERT_EQ(packets.size(), 2U);
+    EXPECT_EQ(packets[1].timestamp, static_cast<uint32_t>(90000ULL * 40000));
+
+    const auto shortest = [](iso_file* file) {
+        file->interleave_limit = 1000.0;  // seconds that a track may last
+        iso_track* track = mpeg4(file);
+        isoFFtrackDetails(track)->duration_limit = UINT32_MAX;
+        return track;
+    };
+    const Hinted too_long(shortest, 1400, {{picture, 30000000}, {picture, 1}});
+    EXPECT_EQ(too_long.written, -7);
+    EXPECT_EQ(too_long.after_end, -8);
+    EXPECT_EQ(too_long.closed, 0);
     EXPECT_EQ(Hinted(mpeg4, 1400, {{picture, -1}}).written, -1);
+    // A composition time that an RTP timestamp cannot be moved by.
+    EXPECT_EQ(Hinted(slow, 1400, {{picture, 1, 30000}}).written, -7);
 }
 
 // Bytes of payload and RTP header, and the bits of a second: the fullest, and all together

@@ -659,13 +659,11 @@ class Hint(ToolTest):
 
     def test_video_that_lasts_too_long_is_told_why(self):
         data = bytearray(pathlib.Path(sample("mpeg4_plain")).read_bytes())
-        mdhd = data.index(b"mdhd") + 4
-        data[mdhd + 12:mdhd + 16] = (1).to_bytes(4, "big")  # each tick is a second
         stts = data.index(b"stts") + 4
-        data[stts + 12:stts + 16] = (30000).to_bytes(4, "big")  # the first entry's samples
+        data[stts + 12:stts + 16] = (0x7FFFFFFF).to_bytes(4, "big")  # the first entry's samples
         result = run("hint", "-", "-o", self.scratch / "out.3gp", stdin=bytes(data))
-        self.assert_fails(result, 1, "hint track counts 90000 units a second in 32 bits, so up to "
-                                     "13 h 15 min")
+        self.assert_fails(result, 1, "it counts 15360 units a second in 32 bits, so up to "
+                                     "77 h 40 min")
 
     # --- outputs that do not become whole ---
 

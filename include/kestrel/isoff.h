@@ -336,17 +336,17 @@ enum iso_h263_payload : int32_t { ISO_H263_RFC4629 = 0, ISO_H263_RFC2190 = 1 };
 
 // Creates the RTP hint track of `media`, an AMR, H.263, MPEG-4 or H.264 track of the same file that
 // is being written, with `payload_type` and packets of at most `max_packet` bytes (RTP header of 12
-// bytes included, 64 to 65535). Its clock is 90000 Hz for video and the sampling rate for speech;
-// its SDP is in `sdp_text`, its edits are those of `media` at the time. Null for any other track,
-// for an H.264 or MPEG-4 one without decoder configuration, or without memory.
+// bytes included, 64 to 65535). Its timescale is that of `media`; its RTP clock is 90000 Hz for
+// video and the sampling rate for speech. Its SDP is in `sdp_text`, its edits are those of `media`
+// at the time. Null for any other track, for an H.264 or MPEG-4 one without decoder configuration,
+// or without memory.
 KESTREL_API iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet,
                                       int payload_type, iso_h263_payload h263_payload);
 
 // Writes the hint sample of the next sample of the media track: its bytes, and its duration and
 // composition offset in units of the media track. Returns the size of the hint sample, an error
 // of isoFFwrite, or -3 when the sample cannot be cut into packets by the rules of its payload
-// format. -7 where the track would run longer than 32 bits count at its clock: 13 h 15 min of
-// video.
+// format. Also -7 for a composition offset of more than 32 bits at the RTP clock.
 KESTREL_API int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
                                int cts_offset);
 

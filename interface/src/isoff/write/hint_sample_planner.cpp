@@ -9,20 +9,45 @@
 
 namespace kestrel {
 
-void HintPacket::add_own(std::span<const uint8_t> bytes) {
-    if (!bytes.empty()) parts.push_back({{bytes.begin(), bytes.end()}});
-}
-
-void HintPacket::add_range(size_t offset, size_t length) {
-    if (length == 0) return;
-    parts.push_back({{}, static_cast<uint32_t>(offset), static_cast<uint32_t>(length)});
-}
-
 size_t HintPacket::size() const {
-    size_t bytes = kRtpHeaderSize;
-    for (const PacketPart& part : parts)
-        bytes += part.size();
+    size_t bytes = kRtpHeaderSize + own.size();
+    for (const SampleRange& range : ranges)
+        bytes += range.length;
     return bytes;
+}
+
+HintPacket HintPackets::operator[](size_t packet) const {
+    const Record& record = packets_[packet];
+    const bool is_last = packet + 1 == packets_.size();
+    const size_t own_end = is_last ? own_.size() : packets_[packet + 1].first_own;
+    const size_t ranges_end = is_last ? ranges_.size() : packets_[packet + 1].first_range;
+    return {record.marker, record.time_offset,
+            std::span(own_).subspan(record.first_own, own_end - record.first_own),
+            std::span(ranges_).subspan(record.first_range, ranges_end - record.first_range)};
+}
+
+void HintPackets::clear() {
+    packets_.clear();
+    own_.clear();
+    ranges_.clear();
+}
+
+void HintPackets::begin_packet(int32_t time_offset) {
+    packets_.push_back({false, time_offset, own_.size(), ranges_.size()});
+}
+
+void HintPackets::add_own(std::span<const uint8_t> bytes) {
+    own_.insert(own_.end(), bytes.begin(), bytes.end());
+}
+
+void HintPackets::add_range(size_t offset, size_t length) {
+    if (length == 0) return;
+    ranges_.push_back({static_cast<uint32_t>(offset), static_cast<uint32_t>(length)});
+}
+
+void HintPackets::move_times(int32_t offset) {
+    for (Record& packet : packets_)
+        packet.time_offset += offset;
 }
 
 namespace {
@@ -54,18 +79,19 @@ bool find_frames(std::span<const uint8_t> sample, bool wide_band,
 }
 
 // One packet: mode request, table of contents, speech (RFC 4867, 4.4).
-HintPacket speech_packet(std::span<const SpeechFrame> frames) {
+void add_speech_packet(std::span<const SpeechFrame> frames, int32_t time, HintPackets& packets) {
     constexpr uint8_t kNoModeRequest = 0xF0;
     constexpr uint8_t kMoreFollow = 0x80, kTypeAndQuality = 0x7C;
-    std::vector<uint8_t> contents = {kNoModeRequest};
+    packets.begin_packet(time);
+    packets.add_own({&kNoModeRequest, 1});
+    for (const SpeechFrame& frame : frames) {
+        const bool more_follow = &frame != &frames.back();
+        const auto contents = static_cast<uint8_t>((frame.header & kTypeAndQuality) |
+                                                   (more_follow ? kMoreFollow : 0));
+        packets.add_own({&contents, 1});
+    }
     for (const SpeechFrame& frame : frames)
-        contents.push_back(static_cast<uint8_t>((frame.header & kTypeAndQuality) | kMoreFollow));
-    contents.back() &= static_cast<uint8_t>(~kMoreFollow);
-    HintPacket packet;
-    packet.add_own(contents);
-    for (const SpeechFrame& frame : frames)
-        packet.add_range(frame.offset + 1, frame.speech);
-    return packet;
+        packets.add_range(frame.offset + 1, frame.speech);
 }
 
 // How many of the frames a packet takes.
@@ -106,11 +132,7 @@ class ByteWriter {
 constexpr size_t kMostImmediate = 14;  // bytes in an immediate constructor
 
 size_t constructors_of(const HintPacket& packet) {
-    size_t count = 0;
-    for (const PacketPart& part : packet.parts) {
-        count += part.length != 0 ? 1 : (part.own.size() + kMostImmediate - 1) / kMostImmediate;
-    }
-    return count;
+    return packet.ranges.size() + (packet.own.size() + kMostImmediate - 1) / kMostImmediate;
 }
 
 void put_immediate(ByteWriter& out, std::span<const uint8_t> bytes) {
@@ -125,17 +147,13 @@ void put_immediate(ByteWriter& out, std::span<const uint8_t> bytes) {
     }
 }
 
-void put_part(ByteWriter& out, const PacketPart& part, uint32_t media_sample) {
+void put_range(ByteWriter& out, const SampleRange& range, uint32_t media_sample) {
     constexpr uint8_t kFromSample = 2, kHintedTrack = 0;
-    if (part.length == 0) {
-        put_immediate(out, part.own);
-        return;
-    }
     out.u8(kFromSample);
     out.u8(kHintedTrack);
-    out.u16(part.length);
+    out.u16(range.length);
     out.u32(media_sample);
-    out.u32(part.offset);
+    out.u32(range.offset);
     out.u16(1);  // bytes per block
     out.u16(1);  // samples per block
 }
@@ -152,17 +170,17 @@ void put_time_offset(ByteWriter& out, uint32_t offset) {
 void put_packet(ByteWriter& out, const HintPacket& packet, const HintSampleFacts& facts,
                 uint16_t sequence) {
     constexpr uint8_t kVersion2 = 0x80, kMarker = 0x80, kExtraInformation = 4;
-    const int64_t time_offset = int64_t{facts.time_offset} + packet.time_offset;
     out.u32(0);  // sent when the sample's time has come
     out.u8(kVersion2);
     out.u8((packet.marker ? kMarker : 0U) | facts.payload_type);
     out.u16(sequence);
     out.u8(0);
-    out.u8(time_offset != 0 ? kExtraInformation : 0);
+    out.u8(packet.time_offset != 0 ? kExtraInformation : 0);
     out.u16(static_cast<uint32_t>(constructors_of(packet)));
-    if (time_offset != 0) put_time_offset(out, static_cast<uint32_t>(time_offset));
-    for (const PacketPart& part : packet.parts)
-        put_part(out, part, facts.media_sample);
+    if (packet.time_offset != 0) put_time_offset(out, static_cast<uint32_t>(packet.time_offset));
+    put_immediate(out, packet.own);
+    for (const SampleRange& range : packet.ranges)
+        put_range(out, range, facts.media_sample);
 }
 
 }  // namespace
@@ -175,8 +193,7 @@ bool packets_of_speech(std::span<const uint8_t> sample, bool wide_band, size_t m
     for (std::span<const SpeechFrame> frames(found); !frames.empty();) {
         const size_t count = frames_that_fit(frames, max_packet);
         if (count == 0) return false;
-        packets.push_back(speech_packet(frames.first(count)));
-        packets.back().time_offset = static_cast<int32_t>(time);
+        add_speech_packet(frames.first(count), static_cast<int32_t>(time), packets);
         time += static_cast<uint32_t>(count) * frame_time;
         frames = frames.subspan(count);
     }
@@ -191,10 +208,10 @@ bool packets_of_picture(std::span<const uint8_t> sample, VideoPayload kind, size
     while (!plan.at_end()) {
         VideoPacket next;
         if (packets.size() == kMostPackets || !plan.next(next)) return false;
-        HintPacket& packet = packets.emplace_back();
-        packet.marker = next.fragment.is_last();
-        packet.add_own(std::span(next.header.bytes).first(next.header.size));
-        packet.add_range(next.fragment.begin, next.fragment.length);
+        packets.begin_packet();
+        if (next.fragment.is_last()) packets.set_marker();
+        packets.add_own(std::span(next.header.bytes).first(next.header.size));
+        packets.add_range(next.fragment.begin, next.fragment.length);
     }
     return true;
 }
@@ -209,34 +226,37 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
     for (NalUnit unit; units.next(unit);) {
         if (packets.size() >= kMostPackets) return false;
         if (unit.size() <= static_cast<size_t>(max_payload)) {
-            packets.emplace_back().add_range(offset_of(unit), unit.size());
+            packets.begin_packet();
+            packets.add_range(offset_of(unit), unit.size());
             continue;
         }
         FuFragments fragments(unit, max_payload);
         if (!fragments.has_room()) return false;
         for (FuFragment fragment{}; fragments.next(fragment);) {
             if (packets.size() >= kMostPackets) return false;
-            HintPacket& packet = packets.emplace_back();
-            packet.add_own(fragment.headers);
-            packet.add_range(offset_of(fragment.bytes), fragment.bytes.size());
+            packets.begin_packet();
+            packets.add_own(fragment.headers);
+            packets.add_range(offset_of(fragment.bytes), fragment.bytes.size());
         }
     }
-    if (!packets.empty()) packets.back().marker = true;  // the end of the access unit
+    if (!packets.empty()) packets.set_marker();  // the end of the access unit
     return true;
 }
 
-std::vector<uint8_t> make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts) {
-    std::vector<uint8_t> sample;
-    if (packets.size() > kMostPackets) return sample;
+bool make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts,
+                      std::vector<uint8_t>& sample) {
+    sample.clear();
+    if (packets.size() > kMostPackets) return false;
     ByteWriter out(sample);
     out.u16(static_cast<uint32_t>(packets.size()));
     out.u16(0);
     uint16_t sequence = facts.sequence;
-    for (const HintPacket& packet : packets) {
-        if (constructors_of(packet) > UINT16_MAX) return {};
+    for (size_t i = 0; i < packets.size(); ++i) {
+        const HintPacket packet = packets[i];
+        if (constructors_of(packet) > UINT16_MAX) return false;
         put_packet(out, packet, facts, sequence++);
     }
-    return sample;
+    return true;
 }
 
 }  // namespace kestrel

@@ -12,28 +12,51 @@ namespace kestrel {
 
 inline constexpr size_t kRtpHeaderSize = 12;  // RFC 3550, 5.1
 
-// A piece of a packet: bytes that the hint sample holds itself, or a range of the media sample.
-struct PacketPart {
-    std::vector<uint8_t> own;
-    uint32_t offset = 0;
-    uint32_t length = 0;  // 0 for own bytes
-
-    size_t size() const { return own.size() + length; }
+// Bytes of the media sample.
+struct SampleRange {
+    uint32_t offset;
+    uint32_t length;
 };
 
+// A packet: bytes that the hint sample holds itself, then ranges of the media sample.
 struct HintPacket {
     bool marker = false;
     int32_t time_offset = 0;  // of its timestamp from that of the hint sample, RTP units
-    std::vector<PacketPart> parts;
+    std::span<const uint8_t> own;
+    std::span<const SampleRange> ranges;
 
-    void add_own(std::span<const uint8_t> bytes);
-    void add_range(size_t offset, size_t length);
     size_t size() const;  // RTP header included
 };
 
-using HintPackets = std::vector<HintPacket>;
+// The packets of a media sample, in order. The memory stays for the next sample.
+class HintPackets {
+  public:
+    size_t size() const { return packets_.size(); }
+    bool empty() const { return packets_.empty(); }
+    HintPacket operator[](size_t packet) const;
 
-// Each lays a sample out over packets of at most `max_packet` bytes; false when that cannot be.
+    void clear();
+    void begin_packet(int32_t time_offset = 0);
+    // Add to the packet that was begun last: its own bytes, then its ranges.
+    void add_own(std::span<const uint8_t> bytes);
+    void add_range(size_t offset, size_t length);
+    void set_marker() { packets_.back().marker = true; }
+    // Moves the timestamps of all packets.
+    void move_times(int32_t offset);
+
+  private:
+    struct Record {
+        bool marker;
+        int32_t time_offset;
+        size_t first_own, first_range;  // where those of the packet begin
+    };
+    std::vector<Record> packets_;
+    std::vector<uint8_t> own_;
+    std::vector<SampleRange> ranges_;
+};
+
+// Each lays a sample out over packets of at most `max_packet` bytes, which it adds to `packets`;
+// false when that cannot be.
 
 // RFC 4867, octet-aligned: the frames of the storage format, `frame_time` RTP units each.
 bool packets_of_speech(std::span<const uint8_t> sample, bool wide_band, size_t max_packet,
@@ -52,11 +75,12 @@ struct HintSampleFacts {
     uint8_t payload_type;
     uint16_t sequence;      // of the first packet
     uint32_t media_sample;  // counts from 1
-    int32_t time_offset;    // of the timestamps, RTP units
 };
 
-// The hint sample (ISO/IEC 14496-12, 9.1.3) of the packets; empty when it cannot hold them.
-std::vector<uint8_t> make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts);
+// Makes the hint sample (ISO/IEC 14496-12, 9.1.3) of the packets in `sample`; false when it cannot
+// hold them.
+bool make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts,
+                      std::vector<uint8_t>& sample);
 
 }  // namespace kestrel
 

@@ -1,11 +1,11 @@
+#include "interface/src/isoff/write/hint_track.h"
+
 #include <algorithm>
-#include <cmath>
 #include <exception>
 #include <new>
 #include <string>
 
 #include "common/bytes.h"
-#include "interface/src/isoff/write/hint_sample_planner.h"
 #include "interface/src/isoff/write/writer.h"
 
 // RTP hint tracks for the writer (ISO/IEC 14496-12, 9.1): the track with its SDP, and its samples.
@@ -14,7 +14,7 @@ namespace kestrel {
 
 // A hint sample that was written.
 struct SentSample {
-    uint64_t time;   // RTP units
+    uint64_t time;   // track units
     uint64_t bytes;  // of its packets
     SentSample* next;
 };
@@ -26,8 +26,9 @@ struct iso_hinter {
     iso_track* media;
     kestrel::VideoPayload payload;
     uint32_t source_format;  // of the last H.263 picture
+    uint32_t samples;        // made so far
     uint16_t sequence;       // of the next packet
-    uint64_t media_time;     // of the next sample, media units
+    uint64_t media_time;     // of the next sample, track units
     uint64_t packets, bytes;
     // Samples of the last second, for the highest bit rate; and records for those to come.
     kestrel::SentSample* first_sent;
@@ -46,6 +47,7 @@ constexpr int kLastPayloadType = 127;
 constexpr int kNoMemory = -2;
 constexpr int kCannotBeCut = -3;
 constexpr int kTooLong = -7;
+constexpr uint32_t kSpeechFramesPerSecond = 50;
 
 bool is_speech(const iso_track* media) {
     return media->codec == ISO_CODEC_SAMR || media->codec == ISO_CODEC_SAWB;
@@ -156,10 +158,11 @@ bool keep_sdp(iso_track* hint, const std::string& text) {
 
 // --- times ---
 
-// From media units to RTP units, rounded.
-int64_t rescale(int64_t units, const iso_track* hint) {
-    return std::llround(static_cast<long double>(units) * hint->timescale /
-                        hint->own->hinter->media->timescale);
+// From track units to RTP units, rounded.
+int64_t rtp_units(int64_t units, const iso_track* hint) {
+    const int64_t scaled = units * hint->rtp_timescale;
+    const int64_t half = hint->timescale / 2;
+    return (scaled + (scaled < 0 ? -half : half)) / hint->timescale;
 }
 
 bool keep_edits(iso_track* hint) {
@@ -169,25 +172,19 @@ bool keep_edits(iso_track* hint) {
     hint->own->edits = arena_array<iso_elst_entry>(hint->file, count);
     if (hint->own->edits == nullptr) return false;
     hint->own->edit_count = media->own->edit_count;
-    for (size_t i = 0; i < count; ++i) {
-        hint->own->edits[i] = media->own->edits[i];
-        if (media->own->edits[i].media_time > 0) {
-            hint->own->edits[i].media_time = rescale(media->own->edits[i].media_time, hint);
-        }
-    }
+    std::copy_n(media->own->edits, count, hint->own->edits);
     return true;
 }
 
 // --- samples ---
 
 bool plan_packets(const iso_track* hint, std::span<const uint8_t> sample, HintPackets& packets) {
-    constexpr uint32_t kFramesPerSecond = 50;
     iso_hinter* hinter = hint->own->hinter;
     const iso_track* media = hinter->media;
     const size_t most = hint->rtp_max_packet;
     if (is_speech(media)) {
         return packets_of_speech(sample, media->codec == ISO_CODEC_SAWB, most,
-                                 hint->timescale / kFramesPerSecond, packets);
+                                 hint->rtp_timescale / kSpeechFramesPerSecond, packets);
     }
     if (media->codec == ISO_CODEC_AVC1) {
         return packets_of_units(sample, media->nal_length_size, most, packets);
@@ -202,12 +199,12 @@ uint32_t bits_per_second(uint64_t bytes, uint64_t units, uint32_t timescale) {
     return static_cast<uint32_t>(std::min(rate, static_cast<double>(UINT32_MAX)));
 }
 
-// A record for the next sample, in place of that of one which is a second old, so that they do not
-// pile up in the arena. Null without memory.
-SentSample* take_record(iso_track* hint) {
+// Has a record for the next sample, in place of that of one which is a second old, so that they do
+// not pile up in the arena. False without memory.
+bool have_record(iso_track* hint) {
     iso_hinter* hinter = hint->own->hinter;
     while (hinter->first_sent != nullptr &&
-           hinter->first_sent->time + hint->timescale <= hint->duration) {
+           hinter->first_sent->time + hint->timescale <= hinter->media_time) {
         SentSample* old = hinter->first_sent;
         hinter->first_sent = old->next;
         hinter->sent_bytes -= old->bytes;
@@ -215,26 +212,27 @@ SentSample* take_record(iso_track* hint) {
         hinter->spare = old;
     }
     if (hinter->spare == nullptr) hinter->spare = arena_array<SentSample>(hint->file, 1);
-    return hinter->spare;
+    return hinter->spare != nullptr;
 }
 
-// Counts a sample that was written into the rates, with the record that was taken for it.
-void count_rates(iso_track* hint, SentSample* sent, uint64_t time, uint64_t bytes) {
+// Counts a sample of which the packets have `bytes` into the rates.
+void count_rates(iso_track* hint, uint64_t bytes, uint32_t duration) {
     iso_hinter* hinter = hint->own->hinter;
+    SentSample* sent = hinter->spare;
     hinter->spare = sent->next;
-    *sent = {time, bytes, nullptr};
+    *sent = {hinter->media_time, bytes, nullptr};
     (hinter->first_sent == nullptr ? hinter->first_sent : hinter->last_sent->next) = sent;
     hinter->last_sent = sent;
     hinter->sent_bytes += bytes;
     hint->max_bitrate = std::max(hint->max_bitrate, bits_per_second(hinter->sent_bytes, 1, 1));
-    hint->avg_bitrate =
-        hint->duration == 0 ? 0 : bits_per_second(hinter->bytes, hint->duration, hint->timescale);
+    const uint64_t lasts = hinter->media_time + duration;
+    hint->avg_bitrate = lasts == 0 ? 0 : bits_per_second(hinter->bytes, lasts, hint->timescale);
 }
 
 void count_packets(iso_track* hint, const HintPackets& packets) {
     iso_hinter* hinter = hint->own->hinter;
-    for (const HintPacket& packet : packets) {
-        const auto size = static_cast<uint32_t>(packet.size());
+    for (size_t i = 0; i < packets.size(); ++i) {
+        const auto size = static_cast<uint32_t>(packets[i].size());
         hint->own->max_pdu = std::max(hint->own->max_pdu, size);
         hinter->bytes += size;
     }
@@ -244,12 +242,6 @@ void count_packets(iso_track* hint, const HintPackets& packets) {
         static_cast<uint32_t>(hinter->bytes / std::max<uint64_t>(hinter->packets, 1));
 }
 
-// The time that a sample takes on the RTP clock, counted so that rounding does not add up.
-int64_t rtp_duration(const iso_track* hint, uint32_t media_duration) {
-    const auto begin = static_cast<int64_t>(hint->own->hinter->media_time);
-    return rescale(begin + media_duration, hint) - rescale(begin, hint);
-}
-
 void describe_hint_track(iso_track* hint, iso_track* media, int max_packet, int payload_type) {
     constexpr uint32_t kEnabled = 1;  // and no part of what is shown
     std::memcpy(hint->handler, "hint", sizeof hint->handler);
@@ -257,7 +249,7 @@ void describe_hint_track(iso_track* hint, iso_track* media, int max_packet, int 
     hint->hint_track_ref = media->track_id;
     hint->rtp_hint_version = hint->rtp_highest_compat = 1;
     hint->rtp_max_packet = static_cast<uint32_t>(max_packet);
-    hint->rtp_timescale = hint->timescale;
+    hint->rtp_timescale = clock_of(media);
     hint->last_payload_type = static_cast<uint32_t>(payload_type);
     hint->own->language = media->own->language;
 }
@@ -269,6 +261,35 @@ VideoPayload payload_of(const iso_track* media, iso_h263_payload h263_payload) {
 }
 
 }  // namespace
+
+int make_next_hint(iso_track* hint, std::span<const uint8_t> sample, int32_t cts_offset,
+                   HintSample& made) {
+    const iso_hinter* hinter = hint->own->hinter;
+    made.packets.clear();
+    if (!plan_packets(hint, sample, made.packets)) return kCannotBeCut;
+    // A hint sample without packets would hold the clock; one of an empty sample has an empty one.
+    if (made.packets.empty()) made.packets.begin_packet();
+    // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
+    const auto begin = static_cast<int64_t>(hinter->media_time);
+    const int64_t composition = rtp_units(begin + cts_offset, hint) - rtp_units(begin, hint);
+    if (composition < INT32_MIN || composition > INT32_MAX) return kTooLong;
+    if (composition != 0) made.packets.move_times(static_cast<int32_t>(composition));
+    const HintSampleFacts facts = {static_cast<uint8_t>(hint->last_payload_type), hinter->sequence,
+                                   hinter->samples + 1};
+    const bool fits = make_hint_sample(made.packets, facts, made.bytes);
+    if (!fits || made.bytes.size() > INT32_MAX) return kCannotBeCut;
+    return have_record(hint) ? 0 : kNoMemory;
+}
+
+void count_hint(iso_track* hint, const HintSample& made, uint32_t duration) {
+    iso_hinter* hinter = hint->own->hinter;
+    const uint64_t bytes_before = hinter->bytes;
+    count_packets(hint, made.packets);
+    count_rates(hint, hinter->bytes - bytes_before, duration);
+    hinter->samples++;
+    hinter->media_time += duration;
+}
+
 }  // namespace kestrel
 
 using namespace kestrel;
@@ -284,7 +305,7 @@ iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet, int 
     auto* hinter = arena_array<iso_hinter>(file, 1);
     if (hinter == nullptr) return nullptr;
     TrackAttempt attempt(file);
-    iso_track* hint = new_media_track(file, ISO_CODEC_RTP, clock_of(media), kEntryBytes);
+    iso_track* hint = new_media_track(file, ISO_CODEC_RTP, media->timescale, kEntryBytes);
     if (hint == nullptr) return nullptr;
     hinter->media = media;
     hinter->payload = payload_of(media, h263_payload);
@@ -304,34 +325,13 @@ int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
     }
     const int refused = check_open(hint);
     if (refused != 0) return refused;
-    HintPackets packets;
-    const std::span bytes(static_cast<const uint8_t*>(sample), static_cast<size_t>(size));
-    if (!plan_packets(hint, bytes, packets)) return kCannotBeCut;
-    // A hint sample without packets would hold the clock; one of an empty sample has an empty one.
-    if (packets.empty()) packets.emplace_back();
+    HintSample made;
+    const int failed = make_next_hint(
+        hint, {static_cast<const uint8_t*>(sample), static_cast<size_t>(size)}, cts_offset, made);
+    if (failed != 0) return failed;
     const auto units = static_cast<uint32_t>(duration);
-    const int64_t rtp_units = rtp_duration(hint, units);
-    if (rtp_units > UINT32_MAX) {
-        hint->own->closed = 1;
-        return kTooLong;
-    }
-    // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
-    const auto begin = static_cast<int64_t>(hint->own->hinter->media_time);
-    const int64_t composition = rescale(begin + cts_offset, hint) - rescale(begin, hint);
-    std::vector<uint8_t> hint_sample = make_hint_sample(
-        packets,
-        {static_cast<uint8_t>(hint->last_payload_type), hint->own->hinter->sequence,
-         static_cast<uint32_t>(hint->sample_count) + 1, static_cast<int32_t>(composition)});
-    if (hint_sample.empty() || hint_sample.size() > INT32_MAX) return kCannotBeCut;
-    SentSample* sent = take_record(hint);
-    if (sent == nullptr) return kNoMemory;
-    const uint64_t time = hint->duration;
-    const uint64_t bytes_before = hint->own->hinter->bytes;
-    const int written = write_sample(hint, hint_sample, static_cast<uint32_t>(rtp_units), 0);
-    if (written < 0) return written;
-    count_packets(hint, packets);
-    count_rates(hint, sent, time, hint->own->hinter->bytes - bytes_before);
-    hint->own->hinter->media_time += units;
+    const int written = write_sample(hint, made.bytes, units, 0);
+    if (written >= 0) count_hint(hint, made, units);
     return written;
 } catch (const std::exception&) {  // no memory, or more than a vector can hold
     return kNoMemory;
