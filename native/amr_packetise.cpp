@@ -4,6 +4,8 @@
 
 #include "common/clock.h"
 #include "kestrel/isoff.h"
+#include "native/codec/amr_format.h"
+#include "native/codec/payload_types.h"
 #include "native/orb_native.h"
 
 // AMR: one packet a frame, in both formats.
@@ -11,8 +13,6 @@
 namespace kestrel {
 namespace {
 
-constexpr int kTelPayloadType = 101;
-constexpr uint32_t kFramesPerSecond = 50;
 constexpr uint8_t kNoDataFormat1 = 0x78;
 constexpr uint8_t kNoDataFormat2 = 0x0F;
 
@@ -22,7 +22,7 @@ struct Tel {
     static constexpr int kHeaderSize = tel_header_size;
     static int put_header(void* out, State* state) {
         state->count++;
-        return tel_put_header(out, &state->hdr, kTelPayloadType);
+        return tel_put_header(out, &state->hdr, kNativeAmrPayloadType);
     }
 };
 
@@ -62,7 +62,7 @@ int amr_packet(void* out, int out_size, const void* in, int in_len, typename For
         const int length = std::min(amr_get_size(frame, format), in_len);
         state->hdr.size = static_cast<uint32_t>(length);
         state->hdr.time = clock_to_timestamp(state->time_acc);
-        state->time_acc = clock_after(state->time_acc, state->hdr.clock / kFramesPerSecond);
+        state->time_acc = clock_after(state->time_acc, state->hdr.clock / kAmrFramesPerSecond);
         if (!drops(state->hdr, frame, length)) {
             // The check above does not cover the headers of many short frames.
             if (Format::kHeaderSize + length > out_size - written) return -1;

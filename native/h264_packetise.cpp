@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "native/codec/h264_units.h"
+#include "native/codec/payload_types.h"
 #include "native/orb_native.h"
 #include "native/packet_output.h"
 
@@ -8,10 +9,6 @@
 
 namespace kestrel {
 namespace {
-
-constexpr uint8_t kIdrSlice = 5;
-constexpr uint8_t kSequenceSet = 7;
-constexpr uint8_t kPictureSet = 8;
 
 NalUnits parameter_sets(const tel_native* state) {
     return NalUnits({state->dsi, state->dsi ? static_cast<size_t>(state->dsi_len) : 0},
@@ -22,7 +19,7 @@ NalUnits parameter_sets(const tel_native* state) {
 void put_packet(PacketOutput& output, tel_native* state, NalUnit head, NalUnit body) {
     state->hdr.size = static_cast<uint32_t>(head.size() + body.size());
     state->count++;
-    tel_put_header(output.at(), &state->hdr, kH264PayloadType);
+    tel_put_header(output.at(), &state->hdr, kNativeH264PayloadType);
     output.advance(tel_header_size);
     output.append(head);
     output.append(body);
@@ -82,7 +79,7 @@ bool AccessUnit::put_fragments(NalUnit unit) {
 }
 
 bool AccessUnit::put(NalUnit unit, bool is_last) {
-    const uint8_t type = unit[0] & kNalType;
+    const uint8_t type = nal_type(unit);
     if (type == kSequenceSet || type == kPictureSet) sets_seen_ = true;
     if (type == kIdrSlice && !sets_seen_) {
         if (!put_parameter_sets()) return false;

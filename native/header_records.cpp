@@ -5,7 +5,9 @@
 #include "common/clock.h"
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
+#include "native/codec/amr_format.h"
 #include "native/codec/avcc.h"
+#include "native/codec/payload_types.h"
 
 // The stream header records and the audio frame header of the `tel` format.
 
@@ -18,10 +20,6 @@ constexpr uint32_t kAudioHeaderLength = sizeof(PROP_Header_Info) + sizeof(AUD_Co
 static_assert(kAudioHeaderLength == 68);
 
 constexpr uint8_t kFiller = 0xCC;
-constexpr uint32_t kNarrowBandCoder = 10;
-constexpr uint32_t kWideBandCoder = 20;
-constexpr uint32_t kNarrowBandFrame = 160;  // samples of 20 ms
-constexpr uint32_t kWideBandFrame = 320;
 
 PROP_Header_Info prop(const char* medium, uint32_t header_length, uint32_t value) {
     PROP_Header_Info record{{}, header_length, kPropConstant, 0, value};
@@ -36,12 +34,12 @@ uint16_t copy_config(uint8_t (&field)[kMostConfigBytes], std::span<const uint8_t
     return static_cast<uint16_t>(length);
 }
 
-int put_audio_frame(void* out, tel_native* state, uint32_t length, uint32_t coder,
-                    uint32_t samples) {
+int put_audio_frame(void* out, tel_native* state, uint32_t length, const AmrBand& band) {
     TEL_RTP& hdr = state->hdr;
-    const int written = put_record(out, AUD_AudFrame_Native{length, coder, hdr.time, hdr.time,
-                                                            static_cast<uint16_t>(hdr.seq), 0});
-    hdr.time += samples;
+    const int written =
+        put_record(out, AUD_AudFrame_Native{length, band.native_coder, hdr.time, hdr.time,
+                                            static_cast<uint16_t>(hdr.seq), 0});
+    hdr.time += band.samples_per_frame;
     hdr.seq++;
     return written;
 }
@@ -103,11 +101,11 @@ int tel_put_hdr_vid_fileInfo(void* out, double duration) {
 }
 
 int tel_put_hdr_aud_frame(void* out, tel_native* state, uint32_t length) {
-    return put_audio_frame(out, state, length, kNarrowBandCoder, kNarrowBandFrame);
+    return put_audio_frame(out, state, length, kNarrowBand);
 }
 
 int tel_put_hdr_aud_frame_wb(void* out, tel_native* state, uint32_t length) {
-    return put_audio_frame(out, state, length, kWideBandCoder, kWideBandFrame);
+    return put_audio_frame(out, state, length, kWideBand);
 }
 
 int tel_put_hdr_vid_prop(void* out, uint32_t value) {
@@ -135,7 +133,6 @@ int tel_put_hdr_vid_codec(void* out, const iso_track* track, uint32_t value) {
 }
 
 int tel_put_hdr_vid_codec263(void* out, const iso_track* track, uint32_t value) {
-    constexpr uint32_t kRfc2190PayloadType = 34;
     const VideoFormat& format =
         track->last_payload_type == kRfc2190PayloadType ? kH263Format : kH263PlusFormat;
     return put_record(out, video_codec(format, value, track->width, track->height));

@@ -4,6 +4,7 @@
 
 #include "common/clock.h"
 #include "kestrel/isoff.h"
+#include "native/codec/amr_format.h"
 
 // Setting up a packetiser, and the entry that calls the one that was chosen.
 
@@ -12,8 +13,6 @@ using namespace kestrel;
 namespace {
 
 constexpr uint32_t kVideoClock = 90000;
-constexpr uint32_t kAmrClock = 8000;
-constexpr uint32_t kAmrWideBandClock = 16000;
 constexpr int32_t kMostPayload = 1400;
 
 // What the init calls install for a codec. Accepted codecs may have no packetiser.
@@ -29,8 +28,8 @@ constexpr CodecEntry kCodecs[] = {
     {ISO_CODEC_S263, kVideoClock, tel_video_packet, orb_video_packet},
     {ISO_CODEC_AVC1, kVideoClock, tel_rfc3984_packet, nullptr},
     {ISO_CODEC_MP4A, 0, nullptr, nullptr},
-    {ISO_CODEC_SAMR, kAmrClock, tel_amr_packet, orb_amr_packet},
-    {ISO_CODEC_SAWB, kAmrWideBandClock, tel_amr_packet, nullptr},
+    {ISO_CODEC_SAMR, kNarrowBand.sampling_rate, tel_amr_packet, orb_amr_packet},
+    {ISO_CODEC_SAWB, kWideBand.sampling_rate, tel_amr_packet, nullptr},
     {ISO_CODEC_SAWP, 0, nullptr, nullptr},
 };
 

@@ -12,11 +12,6 @@ tel_packetiser tel_video_packet;
 orb_packetiser orb_video_packet;
 tel_packetiser tel_rfc3984_packet;
 
-// Payload types that the `tel` packetisers write, whatever was given at init.
-inline constexpr int kH263PayloadType = 34;
-inline constexpr int kMpeg4PayloadType = 102;
-inline constexpr int kH264PayloadType = 103;
-
 // Writes the state's parameter sets as packets with the current marker; returns the bytes written.
 // `out` must hold h264_dsi_packets_size(state).
 int tel_h264_packetise_dsi(void* out, tel_native* state);

@@ -1,6 +1,7 @@
 #include <cstdio>
 
 #include "kestrel/isoff.h"
+#include "native/codec/payload_types.h"
 #include "native/codec/video_packets.h"
 #include "native/orb_native.h"
 #include "native/packet_output.h"
@@ -55,7 +56,7 @@ bool put_packet(PacketOutput& output, tel_native* state, std::span<const uint8_t
     hdr.size = static_cast<uint32_t>(header.size + fragment.length);
     state->count++;
     const bool is_h263 = state->codec == ISO_CODEC_S263;
-    tel_put_header(output.at(), &hdr, is_h263 ? kH263PayloadType : kMpeg4PayloadType);
+    tel_put_header(output.at(), &hdr, is_h263 ? kNativeH263PayloadType : kNativeMpeg4PayloadType);
     output.advance(tel_header_size);
     output.append(std::span(header.bytes).first(header.size));
     output.append(sample.subspan(fragment.begin, fragment.length));

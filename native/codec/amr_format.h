@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "native/codec/payload_types.h"
+
 namespace kestrel {
 
 inline constexpr int kAmrFrameTypes = 16;
@@ -20,6 +22,20 @@ inline constexpr uint16_t kWideBandBits[kAmrFrameTypes] = {132, 177, 253, 285, 3
 // kept on purpose.
 inline constexpr uint8_t amr_wb_size[kAmrFrameTypes] = {17, 23, 32, 36, 40, 46, 50, 58,
                                                         60, 6,  34, 45, 60, 60, 0,  0};
+
+// What tells the two bands apart.
+struct AmrBand {
+    const uint16_t (&frame_bits)[kAmrFrameTypes];
+    uint32_t sampling_rate;  // Hz, also that of the RTP clock
+    uint32_t samples_per_frame;
+    uint32_t native_coder;  // of the native stream's frame records
+    int native_payload_type;
+};
+
+inline constexpr uint32_t kAmrFramesPerSecond = 50;
+
+inline constexpr AmrBand kNarrowBand{bits, 8000, 160, 10, kNativeAmrPayloadType};
+inline constexpr AmrBand kWideBand{kWideBandBits, 16000, 320, 20, kNativeAmrWideBandPayloadType};
 
 // A nibble with its bits reversed.
 inline constexpr uint8_t flip[16] = {0, 8, 4, 12, 2, 10, 6, 14, 1, 9, 5, 13, 3, 11, 7, 15};

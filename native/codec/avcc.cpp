@@ -3,14 +3,10 @@
 #include <algorithm>
 
 #include "common/bytes.h"
+#include "native/codec/nal_unit.h"
 
 namespace kestrel {
 namespace {
-
-constexpr uint8_t kSequenceSet = 7;  // NAL unit types (ITU-T H.264, table 7-1)
-constexpr uint8_t kPictureSet = 8;
-constexpr uint8_t kNalType = 0x1F;
-constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
 
 // The fixed part in front of the sequence parameter sets.
 AvccHeader read_avcc_header(ByteReader& reader) {
@@ -50,8 +46,6 @@ uint32_t append_prefixed_sets(ByteReader& reader, int width, std::vector<uint8_t
     return count;
 }
 
-using NalUnit = std::span<const uint8_t>;
-
 struct ParameterSets {
     std::vector<NalUnit> sequence;
     std::vector<NalUnit> picture;
@@ -60,7 +54,7 @@ struct ParameterSets {
         constexpr size_t kMostSequenceSets = 32;
         constexpr size_t kMostPictureSets = 128;
         if (unit.empty()) return;
-        const uint8_t type = unit[0] & kNalType;
+        const uint8_t type = nal_type(unit);
         if (type == kSequenceSet && sequence.size() < kMostSequenceSets) sequence.push_back(unit);
         if (type == kPictureSet && picture.size() < kMostPictureSets) picture.push_back(unit);
     }

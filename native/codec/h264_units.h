@@ -8,12 +8,9 @@
 #include <span>
 
 #include "kestrel/codec.h"
+#include "native/codec/nal_unit.h"
 
 namespace kestrel {
-
-using NalUnit = std::span<const uint8_t>;
-
-inline constexpr uint8_t kNalType = 0x1F;  // of a unit's first byte
 
 // The length-prefixed NAL units of a run of bytes. One that claims more than there is ends with
 // the bytes; empty ones are passed over.
@@ -64,13 +61,13 @@ class FuFragments {
 
     // False at the end, and when packets have no room.
     bool next(FuFragment& fragment) {
-        constexpr uint8_t kFuA = 28, kStart = 0x80, kEnd = 0x40, kNalReferenceIdc = 0x60;
+        constexpr uint8_t kStart = 0x80, kEnd = 0x40, kNalReferenceIdc = 0x60;
         if (rest_.empty() || most_ == 0) return false;
         fragment.is_last = rest_.size() <= most_;
         fragment.bytes = rest_.first(std::min(rest_.size(), most_));
         const int ends = (is_first_ ? kStart : 0) | (fragment.is_last ? kEnd : 0);
         fragment.headers = {static_cast<uint8_t>((unit_header_ & kNalReferenceIdc) | kFuA),
-                            static_cast<uint8_t>(ends | (unit_header_ & kNalType))};
+                            static_cast<uint8_t>(ends | (unit_header_ & kNalTypeBits))};
         rest_ = rest_.subspan(fragment.bytes.size());
         is_first_ = false;
         return true;

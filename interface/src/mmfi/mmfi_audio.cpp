@@ -22,7 +22,6 @@ enum ReaderState : uint32_t {
     kFrameBytes = 5,
 };
 
-constexpr uint32_t kFramesPerSecond = 50;
 constexpr uint32_t kZeroWord = sizeof(uint32_t);
 constexpr uint32_t kFrameHeaderSize = sizeof(AUD_AudFrame_Native) + kZeroWord;
 constexpr uint32_t kModeByte = 1;
@@ -30,19 +29,17 @@ constexpr uint32_t kModeByte = 1;
 constexpr uint32_t kFrameOverhead = kFrameHeaderSize + kModeByte;
 constexpr int kEndOfTrack = -1;
 
-// What tells the two bands apart.
+// How the streams of the two bands differ.
 struct Band {
-    const uint16_t (&frame_bits)[kAmrFrameTypes];
-    uint32_t samples_per_frame;
+    const AmrBand& amr;
     int highest_mode_byte;  // of the speech modes; the types above carry none of their own
-    int payload_type;
     int (*put_codec)(void*);
     int (*put_frame)(void*, tel_native*, uint32_t);
 };
 
-constexpr Band kNarrowBand{bits, 160, 7 * 16, 101, tel_put_hdr_aud_codec, tel_put_hdr_aud_frame};
-constexpr Band kWideBand{kWideBandBits,           320, 8 * 16, 102, tel_put_hdr_aud_codec_wb,
-                         tel_put_hdr_aud_frame_wb};
+constexpr Band kNarrowBandStream{kNarrowBand, 7 * 16, tel_put_hdr_aud_codec, tel_put_hdr_aud_frame};
+constexpr Band kWideBandStream{kWideBand, 8 * 16, tel_put_hdr_aud_codec_wb,
+                               tel_put_hdr_aud_frame_wb};
 
 uint32_t frame_count(iso_track* track, const Band& band) {
     int samples = 0;
@@ -50,7 +47,7 @@ uint32_t frame_count(iso_track* track, const Band& band) {
     if (track->frames_per_sample == 1) return static_cast<uint32_t>(samples);
     uint32_t frames = 0;
     for (int32_t i = 0; i < track->stts_count; ++i)
-        frames += track->stts[i].count * (track->stts[i].delta / band.samples_per_frame);
+        frames += track->stts[i].count * (track->stts[i].delta / band.amr.samples_per_frame);
     return frames;
 }
 
@@ -87,8 +84,8 @@ int32_t put_file_info_record(mm_Interface* record, const Band& band, unsigned ch
     double duration = 0.0;
     isoFFtrackInfo(record->track, nullptr, nullptr, &duration, nullptr);
     *size = static_cast<uint32_t>(tel_put_hdr_fileInfo(buffer, duration));
-    tel_native_init(&record->native, band.payload_type, kMostPacketBytes, NATIVE_MODE_PLAIN,
-                    record->track, 0);
+    tel_native_init(&record->native, band.amr.native_payload_type, kMostPacketBytes,
+                    NATIVE_MODE_PLAIN, record->track, 0);
     return KST_SUCCESS;
 }
 
@@ -109,7 +106,7 @@ int stage_sample(mm_Interface* record) {
 uint32_t take_frame(mm_Interface* record, const Band& band) {
     const uint8_t* frame = record->staging + record->staged_from;
     const int type = storage_frame_type(frame[0]);
-    const auto size = static_cast<uint32_t>(storage_frame_size(band.frame_bits[type]));
+    const auto size = static_cast<uint32_t>(storage_frame_size(band.amr.frame_bits[type]));
     const uint32_t there = std::min<uint32_t>(size, record->staged_count);
     std::memcpy(record->sample_buffer(), frame, there);
     std::memset(record->sample_buffer() + there, 0, size - there);
@@ -126,7 +123,7 @@ uint32_t take_frame(mm_Interface* record, const Band& band) {
 // The frame's time is the running clock, rounded; the clock then grows by one frame.
 void step_clock(tel_native& native) {
     native.hdr.time = clock_to_timestamp(native.time_acc);
-    native.time_acc = clock_after(native.time_acc, native.hdr.clock / kFramesPerSecond);
+    native.time_acc = clock_after(native.time_acc, native.hdr.clock / kAmrFramesPerSecond);
 }
 
 int32_t tell_not_yet(unsigned char* buffer, uint32_t* size) {
@@ -191,11 +188,11 @@ int32_t read_audio(mm_Interface* record, const Band& band, unsigned char* buffer
 }  // namespace
 
 int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_audio(record, kNarrowBand, buffer, size, flag);
+    return read_audio(record, kNarrowBandStream, buffer, size, flag);
 }
 
 int32_t mmfi_Read_AMRWB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_audio(record, kWideBand, buffer, size, flag);
+    return read_audio(record, kWideBandStream, buffer, size, flag);
 }
 
 }  // namespace kestrel

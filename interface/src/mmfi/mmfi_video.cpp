@@ -7,6 +7,8 @@
 #include "kestrel/codec.h"
 #include "kestrel/native_records.h"
 #include "kestrel/status.h"
+#include "native/codec/payload_types.h"
+#include "native/codec/rtp_hint_sample.h"
 #include "native/header_records.h"
 #include "native/orb_native.h"
 
@@ -28,7 +30,6 @@ constexpr int kEnd = 0;      // of a hint track
 constexpr int kNotYet = -2;  // a read that cannot be served now
 constexpr int kMarkerByte = 1;
 constexpr uint8_t kMarkerBit = 0x80;
-constexpr uint32_t kRtpHeader = 12;
 constexpr uint8_t kVisualObjectSequence = 0xB0;
 constexpr uint8_t kVop = 0xB6;
 // What the H.264 packetiser may write beyond the room it is told: four bytes for each fragment, and
@@ -46,19 +47,19 @@ struct Codec {
 };
 
 constexpr Codec kH263{kH263Format,
-                      kH263PayloadType,
+                      kNativeH263PayloadType,
                       NATIVE_MODE_RFC2429,
                       tel_put_hdr_vid_prop263,
                       tel_put_hdr_vid_codec263,
                       [](void* out, iso_track* t) { return tel_put_hdr_vid_codecCfg263(out, t); }};
 constexpr Codec kMpeg4{kMpeg4Format,
-                       kMpeg4PayloadType,
+                       kNativeMpeg4PayloadType,
                        NATIVE_MODE_PLAIN,
                        tel_put_hdr_vid_prop,
                        tel_put_hdr_vid_codec,
                        [](void* out, iso_track* t) { return tel_put_hdr_vid_codecCfg(out, t); }};
 constexpr Codec kH264{kH264Format,
-                      kH264PayloadType,
+                      kNativeH264PayloadType,
                       NATIVE_MODE_PLAIN,
                       tel_put_hdr_vid_prop264,
                       tel_put_hdr_vid_codec264,
@@ -147,7 +148,7 @@ bool stage_rtp_packet(mm_Interface* record, const Codec& codec, uint32_t length)
     rtp2orb(packet, length, codec.payload_type, 0);
     tel_put_header_orb2tel(packet, header, codec.payload_type);
     return stage(record, header, sizeof header) &&
-           stage(record, packet + kRtpHeader, length - kRtpHeader);
+           stage(record, packet + kRtpHeaderSize, length - kRtpHeaderSize);
 }
 
 // The parameter sets that go ahead of an H.264 stream.
@@ -156,7 +157,7 @@ bool stage_parameter_sets(mm_Interface* record, iso_track* hint, uint32_t& packe
     const uint32_t sets = media->sps_count + media->pps_count;
     if (media->param_sets_length + uint64_t{sets} * tel_header_size > kBufferSize) return false;
     int length = 0;
-    isoFFgetAvccDsi(hint, record->track, kH264PayloadType, record->staging, &length);
+    isoFFgetAvccDsi(hint, record->track, kNativeH264PayloadType, record->staging, &length);
     record->staged_count = static_cast<uint16_t>(length);
     packets = sets;
     return true;
@@ -171,7 +172,7 @@ Gathered gather_packets(mm_Interface* record, const Codec& codec, iso_track* hin
         const int length = isoFFrtpPacket(hint, record->sample_buffer());
         if (length == kEnd) return ended();
         if (length == kNotYet) return not_yet();
-        if (length < static_cast<int>(kRtpHeader)) return failed();
+        if (length < static_cast<int>(kRtpHeaderSize)) return failed();
         marker = (record->sample_buffer()[kMarkerByte] & kMarkerBit) != 0;
         if (!stage_rtp_packet(record, codec, static_cast<uint32_t>(length))) return failed();
         gathered.packets++;

@@ -5,6 +5,7 @@
 #include "common/simple_exception.h"
 #include "interface/src/isoff/read/rtp_packets.h"
 #include "interface/src/isoff/read/sample_index.h"
+#include "native/codec/rtp_hint_sample.h"
 
 // RTP packets from a hint track (ISO/IEC 14496-12, 9.1): the packets of each hint sample are
 // rebuilt from their entries and constructors.
@@ -12,20 +13,11 @@
 namespace kestrel {
 namespace {
 
-constexpr uint32_t kSampleHeader = 4;
-constexpr uint32_t kPacketEntry = 12;
-constexpr uint32_t kConstructor = 16;
-constexpr uint32_t kRtpHeader = 12;
 constexpr uint32_t kRtpVersion2 = 0x80000000;  // in the first word of a header
 constexpr uint8_t kPayloadType = 0x7F;
-constexpr uint8_t kExtraInformation = 4;  // flag of a packet entry
-constexpr uint8_t kLongestImmediate = 14;
-constexpr uint8_t kOwnTrack = 255;  // track reference of a constructor
 constexpr long kEndOfTrackLine = 358;
 
 enum SeqRebase : uint32_t { kNoRebase = 0, kRebaseNext = 1, kRebased = 2 };
-
-enum ConstructorType : uint8_t { kNoop = 0, kImmediate = 1, kSample = 2, kSampleDescription = 3 };
 
 // An entry in words, since that is how it is taken apart fastest. The first four of its bytes are
 // its relative transmission time, which is of no interest.
@@ -39,19 +31,8 @@ struct PacketEntry {
     bool has_extra_information() const { return (rest >> 16 & kExtraInformation) != 0; }
 };
 
-struct SampleConstructor {
-    uint8_t track_reference;
-    uint16_t length;
-    uint32_t sample_number;  // from 1
-    uint32_t offset;
-};
-
 PacketEntry parse_entry(const uint8_t* raw) {
     return {load_be32(raw + 4), load_be32(raw + 8)};
-}
-
-SampleConstructor parse_sample_constructor(const uint8_t* raw) {
-    return {raw[1], load_be16(raw + 2), load_be32(raw + 4), load_be32(raw + 8)};
 }
 
 // A copy of few bytes, most often a speech frame, in blocks that overlap at the end.
@@ -95,7 +76,7 @@ int read_own(iso_track* track, int32_t sample, uint64_t offset, uint8_t* to, uin
 // none of it is reached through a pointer, so that it stays in registers.
 class PacketReader {
   public:
-    PacketReader(iso_track* track, void* buffer, uint8_t (&scratch)[kConstructor])
+    PacketReader(iso_track* track, void* buffer, uint8_t (&scratch)[kConstructorSize])
         : track_(track),
           hint_(*track->hint),
           offset_(hint_.offset),
@@ -205,7 +186,7 @@ inline int PacketReader::open_sample() {
     do {
         offset_ = 0;
         view_sample();
-        const int result = take_own(kSampleHeader);
+        const int result = take_own(kHintHeaderSize);
         if (result != 0) return result;
         const uint16_t packets = load_be16(own_);
         if (packets != 0) [[likely]] {
@@ -226,7 +207,7 @@ inline void PacketReader::next_sample() {
 
 inline int PacketReader::write_header(const PacketEntry& entry) {
     uint8_t* header = to_;
-    if (header == nullptr || !extend(kRtpHeader)) return -1;
+    if (header == nullptr || !extend(kRtpHeaderSize)) return -1;
     track_->last_payload_type = entry.payload_type();
     if (track_->seq_rebase == kRebaseNext) [[unlikely]] {
         track_->rtp_seq_offset -= entry.sequence();
@@ -245,9 +226,8 @@ inline int PacketReader::write_header(const PacketEntry& entry) {
 
 // The length counts its own four bytes.
 inline int PacketReader::skip_extra_information() {
-    constexpr uint32_t kLength = 4;
     const uint64_t start = offset_;
-    const int result = take_own(kLength);
+    const int result = take_own(kExtraLengthSize);
     if (result != 0) return result;
     const uint32_t length = load_be32(own_);
     if (start + length > UINT32_MAX) return -1;
@@ -256,13 +236,13 @@ inline int PacketReader::skip_extra_information() {
 }
 
 inline int PacketReader::copy_immediate() {
-    const uint32_t count = std::min(own_[1], kLongestImmediate);
+    const uint32_t count = std::min(own_[1], kMaxImmediate);
     const uint32_t room = room_;
     uint8_t* to = to_;
     if (!extend(count)) return -1;
     // All that the constructor has, where there is room: what is too much is written over.
-    if (room >= kLongestImmediate) [[likely]] {
-        std::memcpy(to, own_ + 2, kLongestImmediate);
+    if (room >= kMaxImmediate) [[likely]] {
+        std::memcpy(to, own_ + 2, kMaxImmediate);
     } else {
         std::memcpy(to, own_ + 2, count);
     }
@@ -277,19 +257,19 @@ inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     if (sample >= static_cast<uint32_t>(source->sample_count)) return nullptr;
     if (source->own->index == nullptr || from.length == 0) return nullptr;
     const uint32_t size = sample_size_of(source, static_cast<int32_t>(sample));
-    if (from.length > size || from.offset > size - from.length) return nullptr;
+    if (from.length > size || from.sample_offset > size - from.length) return nullptr;
     if (!is_small_piece(size, from.length)) [[unlikely]]
         return nullptr;
     move_cursor(source, static_cast<int32_t>(sample));
-    return from_window(source, uint64_t{source->cur_offset} + from.offset, from.length);
+    return from_window(source, uint64_t{source->cur_offset} + from.sample_offset, from.length);
 }
 
 // The long way, for what was not read ahead. 0, or the code that ends the call. The constructor is
 // parsed again, since one that could be handed over would be written to memory for each packet.
 [[gnu::noinline]] int copy_from_stream(iso_track* source, const uint8_t* constructor, uint8_t* to) {
-    const SampleConstructor from = parse_sample_constructor(constructor);
+    const SampleConstructor from = load_sample_constructor(constructor);
     if (from.sample_number > INT32_MAX) return -1;
-    const auto offset = static_cast<int>(std::min(from.offset, uint32_t{INT32_MAX}));
+    const auto offset = static_cast<int>(std::min(from.sample_offset, uint32_t{INT32_MAX}));
     const int got = isoFFreadAt(source, static_cast<int>(from.sample_number) - 1, offset, to,
                                 from.length, nullptr, nullptr);
     if (got < 0) return got;
@@ -297,8 +277,8 @@ inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
 }
 
 inline int PacketReader::copy_sample() {
-    const SampleConstructor from = parse_sample_constructor(own_);
-    iso_track* source = from.track_reference == kOwnTrack ? track_ : hint_.media_track;
+    const SampleConstructor from = load_sample_constructor(own_);
+    iso_track* source = from.track_reference == kHintTrackItself ? track_ : hint_.media_track;
     uint8_t* to = to_;
     if (!extend(from.length)) return -1;
     int result = 0;
@@ -312,22 +292,22 @@ inline int PacketReader::copy_sample() {
         result = copy_from_stream(source, own_, to);
     }
     copied_from_ = source;
-    copied_offset_ = from.offset;
+    copied_offset_ = from.sample_offset;
     return result;
 }
 
 inline int PacketReader::run_constructor() {
-    const int result = take_own(kConstructor);
+    const int result = take_own(kConstructorSize);
     if (result != 0) return result;
     switch (own_[0]) {
-        case kImmediate:
+        case kImmediateConstructor:
             return copy_immediate();
-        case kSample:
-        case kSampleDescription:
+        case kSampleConstructor:
+        case kDescriptionConstructor:
             // A sample description constructor is served like a sample constructor: its bytes come
             // from the sample of that number, not from a sample description. Kept on purpose.
             return copy_sample();
-        case kNoop:
+        case kNoopConstructor:
         default:
             return 0;
     }
@@ -342,7 +322,7 @@ inline void PacketReader::note_read_position() {
 inline int PacketReader::build_packet() {
     // A later packet of the sample, or its header had to be read by itself.
     if (whole_size_ == 0) view_sample();
-    int result = take_own(kPacketEntry);
+    int result = take_own(kPacketEntrySize);
     if (result != 0) return result;
     const PacketEntry entry = parse_entry(own_);
     result = write_header(entry);
@@ -424,7 +404,7 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
 int isoFFrtpPacket(iso_track* hint, void* buffer) {
     if (hint == nullptr || hint->hint == nullptr || hint->hint->media_track == nullptr) return -1;
     if (hint->own->index == nullptr && hint->file->write_mode) return -1;
-    uint8_t scratch[kConstructor];
+    uint8_t scratch[kConstructorSize];
     PacketReader reader(hint, buffer, scratch);
     reader.resynchronise();
     int result = reader.open_sample();

@@ -1,0 +1,20 @@
+// RTP payload types.
+#ifndef KESTREL_CODEC_PAYLOAD_TYPES_H
+#define KESTREL_CODEC_PAYLOAD_TYPES_H
+
+namespace kestrel {
+
+inline constexpr int kRfc2190PayloadType = 34;  // H.263 by RFC 2190, assigned by RFC 3551
+inline constexpr int kFirstDynamicPayloadType = 96;
+inline constexpr int kLastPayloadType = 127;
+
+// What the packets of the native stream carry, whatever the file's own are.
+inline constexpr int kNativeAmrPayloadType = 101;
+inline constexpr int kNativeAmrWideBandPayloadType = 102;
+inline constexpr int kNativeH263PayloadType = kRfc2190PayloadType;
+inline constexpr int kNativeMpeg4PayloadType = 102;
+inline constexpr int kNativeH264PayloadType = 103;
+
+}  // namespace kestrel
+
+#endif

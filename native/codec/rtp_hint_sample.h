@@ -1,0 +1,70 @@
+// The layout of an RTP hint sample (ISO/IEC 14496-12, 9.1.3): a header, then packet entries, each
+// followed by its constructors. All values are big-endian.
+//
+// Readers differ in what they do with a constructor that names bytes outside its sample, and in
+// what a sample description constructor delivers; that stays with them.
+#ifndef KESTREL_CODEC_RTP_HINT_SAMPLE_H
+#define KESTREL_CODEC_RTP_HINT_SAMPLE_H
+
+#include <cstdint>
+
+#include "common/bytes.h"
+
+namespace kestrel {
+
+inline constexpr uint32_t kRtpHeaderSize = 12;  // RFC 3550, 5.1
+
+inline constexpr uint32_t kHintHeaderSize = 4;  // packet count, reserved
+inline constexpr uint32_t kPacketEntrySize = 12;
+inline constexpr uint32_t kConstructorSize = 16;
+
+// Flag of a packet entry: extra information follows it, after a length that counts its own 4 bytes.
+inline constexpr uint32_t kExtraInformation = 4;
+inline constexpr uint32_t kExtraLengthSize = 4;
+
+enum ConstructorType : uint8_t {
+    kNoopConstructor = 0,
+    kImmediateConstructor = 1,
+    kSampleConstructor = 2,
+    kDescriptionConstructor = 3
+};
+
+inline constexpr uint8_t kMaxImmediate = 14;  // bytes in an immediate constructor
+
+// Track reference of a constructor: the hint track itself. Any other value is the hinted track.
+inline constexpr uint8_t kHintTrackItself = 255;
+inline constexpr uint8_t kHintedTrack = 0;
+
+struct SampleConstructor {
+    uint8_t track_reference;
+    uint16_t length;
+    uint32_t sample_number;  // from 1
+    uint32_t sample_offset;
+    uint16_t bytes_per_block;
+    uint16_t samples_per_block;
+};
+
+// From the kConstructorSize bytes of a sample or sample description constructor.
+constexpr SampleConstructor load_sample_constructor(const uint8_t* raw) {
+    return {raw[1],
+            load_be16(raw + 2),
+            load_be32(raw + 4),
+            load_be32(raw + 8),
+            load_be16(raw + 12),
+            load_be16(raw + 14)};
+}
+
+// Into kConstructorSize bytes.
+inline void store_sample_constructor(uint8_t* raw, const SampleConstructor& from) {
+    raw[0] = kSampleConstructor;
+    raw[1] = from.track_reference;
+    store_be16(raw + 2, from.length);
+    store_be32(raw + 4, from.sample_number);
+    store_be32(raw + 8, from.sample_offset);
+    store_be16(raw + 12, from.bytes_per_block);
+    store_be16(raw + 14, from.samples_per_block);
+}
+
+}  // namespace kestrel
+
+#endif
