@@ -38,6 +38,9 @@ VIDEO = {  # file: truth
 }
 
 
+NOBODY = 65534  # a user without rights
+
+
 def pictures(stream, kind):
     """The coded pictures of a stream: without parameter sets or configuration headers."""
     if kind == "h264":
@@ -80,6 +83,20 @@ class ToolTest(unittest.TestCase):
         result = run("unpack", "-", "-o", "-", stdin=stream)
         self.assertEqual((result.returncode, result.stderr), (0, b""))
         return result.stdout
+
+
+    def unprivileged(self):
+        """What has a process run with the rights of a user for whom limits hold."""
+        # A sanitized build would start a process that looks for leaks.
+        env = {"env": {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}}
+        if os.geteuid() != 0:
+            return env
+        user = {"user": NOBODY, "group": NOBODY, **env}
+        try:
+            subprocess.run([TOOL, "--version"], capture_output=True, check=True, **user)
+        except (PermissionError, subprocess.CalledProcessError):
+            self.skipTest("another user cannot run the tool")
+        return user
 
 
 class Extract(ToolTest):
@@ -960,6 +977,122 @@ class Hint(ToolTest):
         piped = run("hint", "-", "-o", "-", stdin=data)
         self.assertEqual((piped.returncode, piped.stderr), (0, b""))
         self.assertEqual(piped.stdout, self.hint(sample("h264_plain")).read_bytes())
+
+
+def needs_root(test):
+    return unittest.skipUnless(os.geteuid() == 0, "only root can act as a second user")(test)
+
+
+class Outputs(ToolTest):
+    """What an output replaces, follows and leaves."""
+
+    COMMANDS = [("hint", sample("amrnb_plain")), ("report", sample("amrnb_plain"))]
+
+    def write(self, command, out, **options):
+        options = {"umask": 0o022, **options}
+        return subprocess.run([TOOL, *command, "-o", out], cwd=self.scratch, capture_output=True,
+                              check=False, timeout=60, **options)
+
+    def listing(self):
+        return sorted(str(path.relative_to(self.scratch)) for path in self.scratch.rglob("*"))
+
+    def assert_leaves_all(self, command, out, message, victim, **options):
+        there = self.listing()
+        self.assert_fails(self.write(command, out, **options), 1, message)
+        self.assertEqual((victim.read_bytes(), self.listing()), (b"old", there))
+
+    def test_permissions_of_own_files_are_kept_and_special_bits_never(self):
+        out = self.scratch / "out"
+        for command in self.COMMANDS:
+            for before, after in [(0o640, 0o640), (0o4755, 0o755), (0o2711, 0o711), (0o6666, 0o666)]:
+                with self.subTest(command=command[0], before=oct(before)):
+                    out.write_bytes(b"old")
+                    out.chmod(before)
+                    self.assertEqual(self.write(command, "out").returncode, 0)
+                    self.assertEqual(oct(out.stat().st_mode & 0o7777), oct(after))
+
+    @needs_root
+    def test_permissions_of_files_of_others_are_not_copied(self):
+        out = self.scratch / "out"
+        self.scratch.chmod(0o1777)
+        for command in self.COMMANDS:
+            with self.subTest(command=command[0]):
+                out.write_bytes(b"old")
+                os.chown(out, NOBODY, NOBODY)
+                out.chmod(0o6777)
+                self.assertEqual(self.write(command, "out").returncode, 0)
+                about = out.stat()
+                self.assertEqual((about.st_uid, about.st_gid, oct(about.st_mode & 0o7777)),
+                                 (0, 0, "0o644"))
+                self.assertGreater(about.st_size, 3)
+
+    @needs_root
+    def test_links_of_others_in_shared_folders_are_not_followed(self):
+        victim = self.scratch / "victim"
+        shared = self.scratch / "shared"
+        shared.mkdir()
+        for owner, mode, followed in [(NOBODY, 0o1777, False), (NOBODY, 0o1757, False),
+                                      (NOBODY, 0o755, True), (NOBODY, 0o777, True),
+                                      (0, 0o1777, True)]:
+            shared.chmod(mode)
+            for command in self.COMMANDS:
+                for target in ("victim", "new"):
+                    with self.subTest(command=command[0], owner=owner, mode=oct(mode), to=target):
+                        victim.write_bytes(b"old")
+                        link = shared / "link"
+                        link.unlink(missing_ok=True)
+                        link.symlink_to(f"../{target}")
+                        os.chown(link, owner, owner, follow_symlinks=False)
+                        if not followed:
+                            self.assert_leaves_all(command, "shared/link", "Permission denied",
+                                                   victim)
+                            continue
+                        self.assertEqual(self.write(command, "shared/link").returncode, 0)
+                        self.assertGreater((self.scratch / target).stat().st_size, 3)
+                        self.assertTrue(link.is_symlink())
+                        if target == "new":
+                            (self.scratch / target).unlink()
+
+    def test_what_cannot_be_looked_at_is_not_taken_for_absent(self):
+        victim = self.scratch / "victim"
+        victim.write_bytes(b"old")
+        (self.scratch / "loop").symlink_to("loop2")
+        (self.scratch / "loop2").symlink_to("loop")
+        (self.scratch / "through").symlink_to("victim/out")
+        (self.scratch / "folder").mkdir()
+        for command in self.COMMANDS:
+            for out, message in [("loop", "Too many levels of symbolic links"),
+                                 ("x" * 300, "File name too long"), ("folder", "Is a directory"),
+                                 ("folder/", "Is a directory"), ("through", "Not a directory"),
+                                 ("none/out", "No such file or directory")]:
+                with self.subTest(command=command[0], out=out[:20]):
+                    self.assert_leaves_all(command, out, f"{out}: {message}", victim)
+
+    @needs_root
+    def test_what_may_not_be_written_stays(self):
+        victim = self.scratch / "locked" / "victim"
+        victim.parent.mkdir()
+        victim.write_bytes(b"old")
+        self.scratch.chmod(0o755)
+        user = {**self.unprivileged(), "extra_groups": []}
+        for folder, mode, message in [(0o700, 0o666, "Permission denied"),
+                                      (0o777, 0o644, "Permission denied"),
+                                      (0o755, 0o666, "cannot make a file in its folder")]:
+            victim.parent.chmod(folder)
+            victim.chmod(mode)
+            for command in self.COMMANDS:
+                with self.subTest(command=command[0], folder=oct(folder), file=oct(mode)):
+                    self.assert_leaves_all(command, "locked/victim", message, victim, **user)
+
+    def test_streams_of_the_process_are_written_as_they_are(self):
+        for command in self.COMMANDS:
+            plain = self.write(command, "-").stdout
+            self.assertEqual(self.write(command, "/dev/stdout").stdout, plain)
+            with (self.scratch / "out").open("wb") as out:
+                out.write(b"before ")
+                out.flush()
+                subprocess.run([TOOL, *command, "-o", "-"], stdout=out, check=True, timeout=60)
+            self.assertEqual((self.scratch / "out").read_bytes(), b"before " + plain)
 
 
 class Inspect(ToolTest):

@@ -342,19 +342,6 @@ class Check(ToolTest):
         self.assertEqual([v["reason"] for v in verdicts if v["medium"] == "video"],
                          ["plays", "ends-process"])
 
-    def unprivileged(self):
-        """What has a process run with the rights of a user for whom limits hold."""
-        # A sanitized build would start a process that looks for leaks.
-        env = {"env": {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}}
-        if os.geteuid() != 0:
-            return env
-        user = {"user": 65534, "group": 65534, **env}
-        try:
-            subprocess.run([TOOL, "--version"], capture_output=True, check=True, **user)
-        except (PermissionError, subprocess.CalledProcessError):
-            self.skipTest("another user cannot run the tool")
-        return user
-
     def test_what_cannot_be_read_is_told_and_the_rest_judged(self):
         good = pathlib.Path(sample("amrnb_hinted")).read_bytes()
         self.write("in/a.3gp", good)

@@ -74,11 +74,12 @@ IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
 
 namespace {
 
-bool is_same_file(const std::string& a, const std::string& b) {
-    struct stat about_a {
-    }, about_b{};
-    return stat(a.c_str(), &about_a) == 0 && stat(b.c_str(), &about_b) == 0 &&
-           about_a.st_dev == about_b.st_dev && about_a.st_ino == about_b.st_ino;
+bool is_same_file(const std::string& path, const std::string& input) {
+    struct stat out {
+    }, in{};
+    const int found = input == "-" ? fstat(STDIN_FILENO, &in) : stat(input.c_str(), &in);
+    return found == 0 && S_ISREG(in.st_mode) && stat(path.c_str(), &out) == 0 &&
+           in.st_dev == out.st_dev && in.st_ino == out.st_ino;
 }
 
 }  // namespace

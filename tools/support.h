@@ -91,6 +91,7 @@ class Output {
     // Writes what is buffered out; a full disk is told here at the latest.
     void finish();
     uint64_t written() const { return written_; }
+    int descriptor() const { return fileno(file_); }
 
   private:
     static constexpr size_t kBufferSize = 256 << 10;

@@ -4,39 +4,36 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <climits>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <random>
 
 namespace tool {
 namespace {
 
-namespace fs = std::filesystem;
-
 // --- what a signal takes with it ---
 
-constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr size_t kTemporaryName = 32;  // room for one
 
-// The one temporary file; empty when there is none. Changed only while the signals are blocked.
-char unfinished[PATH_MAX];
+// A temporary file; without a name there is none.
+struct Unfinished {
+    int folder = -1;
+    std::array<char, kTemporaryName> name{};
+};
 
-sigset_t ending_signals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : kEndingSignals)
-        sigaddset(&set, signal);
-    return set;
-}
+// Changed only while signals are blocked.
+std::array<Unfinished, 4> unfinished;
 
-// Holds the ending signals back until the end of the scope.
+// Holds all signals back until the end of the scope.
 class SignalsHeld {
   public:
     SignalsHeld() {
-        const sigset_t set = ending_signals();
-        sigprocmask(SIG_BLOCK, &set, &before_);
+        sigset_t all;
+        sigfillset(&all);
+        sigprocmask(SIG_BLOCK, &all, &before_);
     }
     SignalsHeld(const SignalsHeld&) = delete;
     SignalsHeld& operator=(const SignalsHeld&) = delete;
@@ -46,104 +43,156 @@ class SignalsHeld {
     sigset_t before_;
 };
 
-// Removes the file and ends the process by the signal, as it would have without a handler.
+// Removes the files and ends the process by the signal, as it would have without a handler.
 extern "C" void remove_unfinished(int signal) {
-    if (unfinished[0] != '\0') unlink(unfinished);
+    for (const Unfinished& file : unfinished) {
+        if (file.name[0] != '\0') unlinkat(file.folder, file.name.data(), 0);
+    }
     std::signal(signal, SIG_DFL);
     raise(signal);  // comes when the handler returns
 }
 
+bool ends_process(int signal) {
+    switch (signal) {
+        case SIGKILL:  // cannot be caught
+        case SIGSTOP:
+        case SIGTSTP:  // stop the process
+        case SIGTTIN:
+        case SIGTTOU:
+        case SIGCHLD:  // are ignored
+        case SIGCONT:
+        case SIGURG:
+        case SIGWINCH:
+            return false;
+        default:
+            return true;
+    }
+}
+
 // A signal that whoever started the process has it ignore stays ignored.
 void watch_signals() {
-    for (const int signal : kEndingSignals) {
-        struct sigaction action {};
-        sigaction(signal, nullptr, &action);
-        if (action.sa_handler != SIG_DFL) continue;
-        action.sa_handler = remove_unfinished;
-        action.sa_mask = ending_signals();
-        sigaction(signal, &action, nullptr);
-    }
     // A file that grows beyond the process's limit is a failed write.
     std::signal(SIGXFSZ, SIG_IGN);
-}
-
-// --- names and rights ---
-
-// Where a chain of symbolic links leads, whether there is something or not.
-fs::path behind_links(fs::path path) {
-    constexpr int kMostLinks = 40;
-    std::error_code failed;
-    for (int left = kMostLinks; left > 0 && fs::is_symlink(path, failed); --left) {
-        const fs::path next = fs::read_symlink(path, failed);
-        if (failed) break;
-        path = next.is_absolute() ? next : path.parent_path() / next;
+    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+        struct sigaction action {};
+        if (!ends_process(signal) || sigaction(signal, nullptr, &action) != 0) continue;
+        if (action.sa_handler != SIG_DFL) continue;
+        action.sa_handler = remove_unfinished;
+        sigfillset(&action.sa_mask);
+        sigaction(signal, &action, nullptr);  // fails for those of the C library
     }
-    return path;
 }
 
-// The rights that a file which is opened for writing gets: its own, or those of a new one.
-mode_t rights_of(const std::string& path) {
-    struct stat about {};
-    if (stat(path.c_str(), &about) == 0) return about.st_mode & 07777;
+void remember(int folder, const std::string& name) {
+    for (Unfinished& file : unfinished) {
+        if (file.name[0] != '\0') continue;
+        file.folder = folder;
+        std::copy_n(name.c_str(), name.size() + 1, file.name.begin());
+        return;
+    }
+}
+
+void forget(const std::string& name) {
+    for (Unfinished& file : unfinished) {
+        if (name == file.name.data()) file = {};
+    }
+}
+
+// --- names and permissions ---
+
+std::string random_name() {
+    static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::random_device chance;
+    std::uniform_int_distribution<size_t> letter(0, sizeof kLetters - 2);
+    std::string name = ".kestrel-";
+    for (int i = 0; i < 12; ++i)
+        name += kLetters[letter(chance)];
+    return name;
+}
+
+mode_t mode_of_new_files() {
     const mode_t mask = umask(0);
     umask(mask);
     return 0666 & ~mask;
 }
 
-bool is_written_as_it_is(const std::string& path) {
-    struct stat about {};
-    if (path == "-") return true;
-    return stat(path.c_str(), &about) == 0 && !S_ISREG(about.st_mode);
+// Gives a file the permissions of one of the caller's that it replaces. Where it cannot have the
+// same group, its group may do no more than everybody.
+void copy_permissions(int descriptor, const struct stat& replaced) {
+    mode_t mode = replaced.st_mode & 0777;
+    struct stat now {};
+    const bool same_group = fstat(descriptor, &now) == 0 && now.st_gid == replaced.st_gid;
+    if (!same_group && fchown(descriptor, static_cast<uid_t>(-1), replaced.st_gid) != 0) {
+        mode &= ~mode_t{070} | (mode & 07) << 3;
+    }
+    fchmod(descriptor, mode);
 }
 
 }  // namespace
 
 WholeOutput::WholeOutput(const std::string& path, const std::string& input) : path_(path) {
-    if (is_written_as_it_is(path)) {
+    if (path != "-") {
+        refuse_input_as_output(path, input);
+        place_ = find_output_place(path);
+    }
+    if (path == "-" || !place_.is_regular_or_new()) {
         output_.emplace(path, input);
         return;
     }
-    refuse_input_as_output(path, input);
-    target_ = behind_links(path).string();
     // A file that may not be written is not replaced either.
-    if (access(target_.c_str(), W_OK) != 0 && errno != ENOENT) throw system_error(path_);
+    if (place_.there &&
+        faccessat(place_.folder.get(), place_.name.c_str(), W_OK, AT_EACCESS) != 0) {
+        throw system_error(path_);
+    }
     make_temporary();
 }
 
 WholeOutput::~WholeOutput() {
     output_.reset();
+    if (temporary_.empty()) return;
     const SignalsHeld held;
-    if (!temporary_.empty()) unlink(temporary_.c_str());
-    unfinished[0] = '\0';
+    unlinkat(place_.folder.get(), temporary_.c_str(), 0);
+    forget(temporary_);
 }
 
 void WholeOutput::make_temporary() {
-    std::string name = (fs::path(target_).parent_path() / ".kestrel-XXXXXX").string();
-    if (name.size() >= sizeof unfinished) throw Error(path_ + ": " + std::strerror(ENAMETOOLONG));
-    int descriptor = -1;
-    {
-        const SignalsHeld held;
-        descriptor = mkstemp(name.data());
-        if (descriptor < 0) throw system_error(path_);
-        temporary_ = name;
-        std::memcpy(unfinished, name.c_str(), name.size() + 1);
-        watch_signals();
+    constexpr int kMostTries = 100;
+    Descriptor made;
+    const SignalsHeld held;
+    for (int left = kMostTries; !made && left > 0; --left) {
+        temporary_ = random_name();
+        made = Descriptor(openat(place_.folder.get(), temporary_.c_str(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!made && errno != EEXIST) break;
     }
-    fchmod(descriptor, rights_of(target_));  // where it cannot be, the file is the user's alone
-    output_.emplace(descriptor, path_);
-}
-
-void WholeOutput::write(std::span<const uint8_t> bytes) {
-    output_->write(bytes);
+    if (!made) {
+        const int reason = errno;
+        temporary_.clear();
+        throw Error(path_ + ": cannot make a file in its folder: " + std::strerror(reason));
+    }
+    remember(place_.folder.get(), temporary_);
+    watch_signals();
+    output_.emplace(made.release(), path_);
 }
 
 void WholeOutput::finish() {
     output_->finish();
     if (temporary_.empty()) return;
+    const int folder = place_.folder.get();
     const SignalsHeld held;
-    if (std::rename(temporary_.c_str(), target_.c_str()) != 0) throw system_error(path_);
+    struct stat replaced {};
+    const bool own = fstatat(folder, place_.name.c_str(), &replaced, AT_SYMLINK_NOFOLLOW) == 0 &&
+                     S_ISREG(replaced.st_mode) && replaced.st_uid == geteuid();
+    if (own) {
+        copy_permissions(output_->descriptor(), replaced);
+    } else {
+        fchmod(output_->descriptor(), mode_of_new_files());
+    }
+    if (renameat(folder, temporary_.c_str(), folder, place_.name.c_str()) != 0) {
+        throw system_error(path_);
+    }
+    forget(temporary_);
     temporary_.clear();
-    unfinished[0] = '\0';
 }
 
 }  // namespace tool
