@@ -33,6 +33,7 @@ struct Sample {
     std::uint32_t is_sync : 1 = 1;
 };
 static_assert(sizeof(Sample) == 24);
+inline constexpr std::uint32_t kDescriptionBits = 0x7FFF'FFFF;
 
 // A sample entry (ISO/IEC 14496-12, 8.5.2), whole, with its header. A QuickTime sound description
 // of version 1 or 2 is rewritten as an AudioSampleEntry where its codec has one there (`mp4a`,

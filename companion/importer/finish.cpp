@@ -1,0 +1,178 @@
+// What can be said when all samples are known: whether they are in the file, and the times and
+// edits that follow from them.
+#include <algorithm>
+
+#include "companion/importer/parts.h"
+
+namespace kestrel::importer {
+
+namespace {
+
+constexpr std::int64_t kNothing = -1;  // media time of an empty edit
+
+bool is_whole(const Sample& sample, std::uint64_t file_size) {
+    return sample.size == 0 ||
+           (sample.offset <= file_size && sample.size <= file_size - sample.offset);
+}
+
+// Every sample must be in the file; a track is cut before the first that is not.
+bool check_places(Import& import, Track& track) {
+    const std::uint64_t size = import.source.size();
+    const auto at = std::find_if(track.samples.begin(), track.samples.end(),
+                                 [&](const Sample& sample) { return !is_whole(sample, size); });
+    if (at == track.samples.end()) return true;
+    const auto number = at - track.samples.begin() + 1;
+    const bool kept = import.lacks("sample " + std::to_string(number) + " of track " +
+                                   std::to_string(track.id) + ", " + std::to_string(at->size) +
+                                   " bytes at offset " + std::to_string(at->offset) +
+                                   ", lies outside the file of " + std::to_string(size) + " bytes");
+    track.samples.erase(at, track.samples.end());
+    track.samples_in_movie_box =
+        std::min(track.samples_in_movie_box, static_cast<std::uint32_t>(track.samples.size()));
+    return kept;
+}
+
+std::uint64_t media_duration(const Track& track) {
+    std::uint64_t duration = 0;
+    for (const Sample& sample : track.samples)
+        duration += sample.duration;
+    return duration;
+}
+
+std::uint64_t in_movie(const Movie& movie, const Track& track, std::uint64_t media) {
+    return rescale(media, track.timescale, movie.timescale);
+}
+
+// The duration of the track from a media time on, in the movie's timescale.
+std::uint64_t rest(const Movie& movie, const Track& track, std::int64_t from) {
+    const auto begin = static_cast<std::uint64_t>(std::max<std::int64_t>(from, 0));
+    return in_movie(movie, track, track.duration - std::min(track.duration, begin));
+}
+
+std::uint64_t presented(const Movie& movie, const Track& track) {
+    if (track.edits.empty()) return in_movie(movie, track, track.duration);
+    std::uint64_t duration = 0;
+    for (const Edit& edit : track.edits)
+        duration += std::min(edit.duration, UINT64_MAX - duration);
+    return duration;
+}
+
+auto first_presented(std::vector<Edit>& edits) {
+    return std::find_if(edits.begin(), edits.end(),
+                        [](const Edit& edit) { return edit.media_time != kNothing; });
+}
+
+// Media times count from the first sample, which fragments may have put at a later time. Returns
+// how long after its media time the track then begins, in the movie's timescale.
+std::uint64_t count_from_start(const Movie& movie, Track& track, std::uint64_t start) {
+    const auto begin = static_cast<std::int64_t>(start);
+    const auto first = first_presented(track.edits);
+    const std::int64_t first_time = first == track.edits.end() ? 0 : first->media_time;
+    const std::uint64_t gap =
+        first_time >= begin
+            ? 0
+            : in_movie(movie, track, static_cast<std::uint64_t>(begin - first_time));
+    if (first != track.edits.end()) first->duration -= std::min(first->duration, gap);
+    for (Edit& edit : track.edits) {
+        if (edit.media_time != kNothing) {
+            edit.media_time = std::max<std::int64_t>(edit.media_time - begin, 0);
+        }
+    }
+    return gap;
+}
+
+void delay(const Movie& movie, Track& track, std::uint64_t time) {
+    if (track.edits.empty()) track.edits.push_back({.duration = rest(movie, track, 0)});
+    track.edits.insert(first_presented(track.edits), {.duration = time, .media_time = kNothing});
+}
+
+// The earliest track begins the movie, and the others after it as their fragments say.
+void align_starts(Import& import) {
+    Movie& movie = import.movie;
+    const auto starts_late = [](const TrackImport& state) { return state.start > 0; };
+    if (std::none_of(import.tracks.begin(), import.tracks.end(), starts_late)) return;
+    std::vector<std::uint64_t> gaps(movie.tracks.size());
+    std::uint64_t common = UINT64_MAX;
+    for (std::size_t i = 0; i < gaps.size(); ++i) {
+        if (movie.tracks[i].samples.empty()) continue;
+        gaps[i] = count_from_start(movie, movie.tracks[i], import.tracks[i].start);
+        common = std::min(common, gaps[i]);
+    }
+    for (std::size_t i = 0; i < gaps.size(); ++i) {
+        if (gaps[i] > common) delay(movie, movie.tracks[i], gaps[i] - common);
+    }
+}
+
+// An edit list may have been written when only the samples of the movie box were known: its last
+// edit then lasts 0, or as long as they do. It lasts as long as the media.
+void extend_last_edit(const Movie& movie, Track& track) {
+    if (track.edits.empty() || track.edits.back().media_time == kNothing) return;
+    Edit& last = track.edits.back();
+    std::uint64_t known = 0;
+    std::uint32_t longest = 0;
+    for (std::uint32_t i = 0; i < track.samples_in_movie_box; ++i) {
+        known += track.samples[i].duration;
+        longest = std::max(longest, track.samples[i].duration);
+    }
+    const std::uint64_t begin =
+        static_cast<std::uint64_t>(std::max<std::int64_t>(last.media_time, 0));
+    const std::uint64_t covered = in_movie(movie, track, known - std::min(known, begin));
+    const std::uint64_t rounding = in_movie(movie, track, longest) + 1;
+    if (last.duration == 0 || (known > 0 && last.duration + rounding >= covered)) {
+        last.duration = std::max(last.duration, rest(movie, track, last.media_time));
+    }
+}
+
+void cut_edits(const Movie& movie, Track& track) {
+    for (Edit& edit : track.edits) {
+        if (edit.media_time == kNothing) continue;
+        edit.duration = std::min(edit.duration, rest(movie, track, edit.media_time));
+    }
+}
+
+void merge(Forms& into, const Forms& more) {
+    into.version1_headers |= more.version1_headers;
+    into.large_offsets |= more.large_offsets;
+    into.compact_sizes |= more.compact_sizes;
+    into.negative_offsets |= more.negative_offsets;
+    into.several_descriptions |= more.several_descriptions;
+}
+
+// How much of a file that lacks something was kept.
+std::string salvaged_text(const Import& import) {
+    std::uint64_t declared = 0;
+    std::uint64_t kept = 0;
+    for (std::size_t i = 0; i < import.tracks.size(); ++i) {
+        declared += import.tracks[i].declared;
+        kept += import.movie.tracks[i].samples.size();
+    }
+    return "kept " + std::to_string(kept) + " of the " + std::to_string(declared) +
+           " samples that the file declares: " + import.salvaged;
+}
+
+}  // namespace
+
+bool finish_movie(Import& import) {
+    Movie& movie = import.movie;
+    for (Track& track : movie.tracks) {
+        if (!check_places(import, track)) return false;
+    }
+    for (Track& track : movie.tracks)
+        track.duration = media_duration(track);
+    align_starts(import);
+    std::uint64_t duration = 0;
+    for (Track& track : movie.tracks) {
+        if (movie.forms.fragments) extend_last_edit(movie, track);
+        if (!import.salvaged.empty()) cut_edits(movie, track);
+        duration = std::max(duration, presented(movie, track));
+        merge(movie.forms, track.forms);
+    }
+    movie.fragmented = movie.forms.fragments;
+    if (movie.duration == 0 || movie.fragmented || !import.salvaged.empty()) {
+        movie.duration = duration;
+    }
+    if (!import.salvaged.empty()) import.salvaged = salvaged_text(import);
+    return true;
+}
+
+}  // namespace kestrel::importer

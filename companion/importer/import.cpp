@@ -1,0 +1,84 @@
+#include "companion/importer/import.h"
+
+#include <algorithm>
+
+namespace kestrel::importer {
+
+bool Import::fail(const std::string& what) {
+    if (error.empty()) error = source.error().empty() ? what : source.error();
+    return false;
+}
+
+bool Import::fail(const Box& box, const std::string& what) {
+    return fail(place_text(box) + " " + what);
+}
+
+bool Import::whole(const BoxReader& reader, const Box& box) {
+    if (!reader.failed()) return true;
+    if (reader.bad_child()) {
+        return fail(box, "has a child at offset " + std::to_string(*reader.bad_child()) +
+                             " of an impossible size");
+    }
+    return fail(box, "is shorter than what it declares");
+}
+
+bool Import::lacks(const std::string& what) {
+    if (!options.salvage) return fail(what);
+    if (salvaged.empty()) salvaged = what;
+    return true;
+}
+
+std::optional<std::uint32_t> Import::claim_samples(const Box& box, std::uint64_t count,
+                                                   std::uint32_t size) {
+    if (count > kMostSamples - std::min<std::uint64_t>(claimed_, kMostSamples)) {
+        fail(box, "exceeds the " + std::to_string(kMostSamples) + " samples that are read");
+        return std::nullopt;
+    }
+    if (size > 0 && count > source.size() / size) {
+        if (!options.salvage) {
+            fail(box, "declares " + std::to_string(count) + " samples of " + std::to_string(size) +
+                          " bytes, more than the file has");
+            return std::nullopt;
+        }
+        count = source.size() / size;
+    }
+    // A sample takes a byte in the media or in a table, or it is none.
+    if (count > source.size() - std::min(claimed_, source.size())) {
+        fail(box, "declares more samples than the file has bytes");
+        return std::nullopt;
+    }
+    claimed_ += count;
+    return static_cast<std::uint32_t>(count);
+}
+
+void Import::note(const Box& box) {
+    movie.forms.large_boxes |= box.large;
+    movie.forms.boxes_to_end |= box.to_end;
+}
+
+bool Import::index_tracks() {
+    track_ids_.clear();
+    for (std::size_t i = 0; i < movie.tracks.size(); ++i)
+        track_ids_.emplace_back(movie.tracks[i].id, i);
+    std::sort(track_ids_.begin(), track_ids_.end());
+    const auto same = [](const auto& a, const auto& b) { return a.first == b.first; };
+    const auto twice = std::adjacent_find(track_ids_.begin(), track_ids_.end(), same);
+    if (twice == track_ids_.end()) return true;
+    return fail("two tracks have the ID " + std::to_string(twice->first));
+}
+
+std::optional<std::size_t> Import::find_track(std::uint32_t id) const {
+    const auto at = std::lower_bound(track_ids_.begin(), track_ids_.end(),
+                                     std::pair<std::uint32_t, std::size_t>(id, 0));
+    if (at == track_ids_.end() || at->first != id) return std::nullopt;
+    return at->second;
+}
+
+std::uint64_t rescale(std::uint64_t value, std::uint32_t from, std::uint32_t to) {
+    const std::uint64_t whole = value / from;
+    if (to != 0 && whole >= UINT64_MAX / to) return UINT64_MAX;
+    // The rest is below 2^32, and so its product fits.
+    return whole * to + value % from * to / from;
+}
+
+}  // namespace kestrel::importer

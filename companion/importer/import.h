@@ -1,0 +1,139 @@
+// What the parts of the importer share while a file is read.
+#ifndef KESTREL_COMPANION_IMPORTER_IMPORT_H
+#define KESTREL_COMPANION_IMPORTER_IMPORT_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "companion/importer/box_reader.h"
+#include "companion/importer/movie.h"
+#include "companion/importer/source.h"
+
+namespace kestrel::importer {
+
+// What the movie box says of the fragments of a track (`trex`), or a fragment of itself (`tfhd`).
+struct RunDefaults {
+    std::uint32_t description = 1;  // from 1
+    std::optional<std::uint32_t> duration;
+    std::optional<std::uint32_t> size;
+    std::uint32_t flags = 0;
+};
+
+// Sound whose tables count units that are no packets (QuickTime, sound descriptions): `units` of
+// them make a packet of `bytes`.
+struct SoundPacking {
+    std::uint32_t units = 1;
+    std::uint32_t bytes = 1;
+};
+
+// A track while it is read; the track itself is the one of the same number in Movie::tracks.
+struct TrackImport {
+    // For each sample entry in the file's order.
+    struct Entry {
+        std::uint32_t description = 0;  // index into Track::descriptions
+        std::uint16_t data_reference = 1;
+    };
+    std::vector<Entry> entries;
+    std::vector<bool> media_is_here;  // for each data reference; empty where none is declared
+    SoundPacking packing;
+
+    // Samples that the file declares; with salvage there may be fewer in Track::samples.
+    std::uint64_t declared = 0;
+
+    // Movie fragments. Times are decoding times in the media timescale.
+    RunDefaults defaults;
+    std::uint64_t fragment_samples = 0;  // declared in all fragments
+    std::uint64_t start = 0;             // of the first sample
+    std::uint64_t end = 0;               // of the last sample
+    std::uint64_t next = 0;              // where the next run begins without a tfdt
+    std::uint32_t fragments = 0;         // with samples of the track
+    std::uint64_t fragments_begin = 0;   // time of the first of them
+    std::uint32_t gaps_seen = 0;         // of Import::sequence_gaps
+};
+
+class Import {
+  public:
+    Import(Source& file, const Options& how, Movie& into)
+        : source(file), options(how), movie(into) {}
+    Import(const Import&) = delete;
+    Import& operator=(const Import&) = delete;
+
+    // Keep the first error, and return false.
+    bool fail(const std::string& what);
+    bool fail(const Box& box, const std::string& what);
+    // Returns whether everything that was read of the box was there, or fails with the reason.
+    bool whole(const BoxReader& reader, const Box& box);
+    // Fails because the file lacks something, unless what is whole is to be kept: then notes the
+    // reason and returns true.
+    bool lacks(const std::string& what);
+
+    // Counts samples that a box declares against the bounds of a file; `size` is that of each of
+    // them, or 0 where sizes differ. Returns how many of them can be whole: all, or with salvage as
+    // many as the file has bytes for. Nothing is returned for a count that no file can have.
+    std::optional<std::uint32_t> claim_samples(const Box& box, std::uint64_t count,
+                                               std::uint32_t size);
+
+    // Notes the forms of a header.
+    void note(const Box& box);
+
+    // The index of the track of the ID in Movie::tracks.
+    std::optional<std::size_t> find_track(std::uint32_t id) const;
+    // Sorts the IDs for find_track(); false when two tracks have the same.
+    bool index_tracks();
+
+    Source& source;
+    const Options& options;
+    Movie& movie;
+    std::vector<TrackImport> tracks;
+    bool announces_fragments = false;          // mvex
+    std::optional<Box> declared_duration_box;  // mehd
+    std::uint64_t declared_duration = 0;       // of mehd, movie timescale
+    std::uint32_t sequence_gaps = 0;           // in the numbers of the fragments
+    std::string error;
+    std::string salvaged;
+
+  private:
+    std::uint64_t claimed_ = 0;
+    std::vector<std::pair<std::uint32_t, std::size_t>> track_ids_;
+};
+
+// Reads one kind of box into a record.
+template <typename Into>
+struct BoxHandler {
+    std::uint32_t type;
+    bool (*read)(Import&, const Box&, Into&);
+};
+
+// Reads the boxes from the cursor of `children` to its end with the handlers of their types, and
+// skips those that have none. `container` is where they are, for the error.
+template <typename Into>
+bool read_boxes(Import& import, const Box& container, BoxReader children,
+                std::span<const BoxHandler<Into>> handlers, Into& into) {
+    for (Box box; children.next(box);) {
+        import.note(box);
+        for (const BoxHandler<Into>& handler : handlers) {
+            if (handler.type == box.type && !handler.read(import, box, into)) return false;
+        }
+    }
+    return import.whole(children, container);
+}
+
+// The version and the flags at the start of a full box (4.2).
+struct VersionAndFlags {
+    explicit VersionAndFlags(BoxReader& reader) : version(reader.u8()), flags(reader.u24()) {}
+
+    std::uint8_t version;
+    std::uint32_t flags;
+};
+
+// `value` of one timescale in another, rounded down. Values of a file can exceed what fits: the
+// result is then the largest that does.
+std::uint64_t rescale(std::uint64_t value, std::uint32_t from, std::uint32_t to);
+
+}  // namespace kestrel::importer
+
+#endif

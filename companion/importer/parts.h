@@ -1,0 +1,51 @@
+// The importer's parts, one for each concern, in the order in which they are used. Each returns
+// false after Import::fail().
+#ifndef KESTREL_COMPANION_IMPORTER_PARTS_H
+#define KESTREL_COMPANION_IMPORTER_PARTS_H
+
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "companion/importer/import.h"
+
+namespace kestrel::importer {
+
+// movie_boxes.cpp: the brands; the movie box with its tracks (track_boxes.cpp).
+bool read_brands(Import& import, const Box& ftyp);
+bool read_movie_box(Import& import, const Box& moov);
+
+// track_boxes.cpp: adds the track of a trak.
+bool read_track(Import& import, const Box& trak);
+
+// sample_entries.cpp: the sample entries of an stsd, those of one codec and configuration joined.
+bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImport& state);
+
+// sample_tables.cpp: the samples that the boxes of an stbl describe.
+struct SampleTables {
+    std::optional<Box> sizes;    // stsz or stz2
+    std::optional<Box> times;    // stts
+    std::optional<Box> offsets;  // ctts
+    std::optional<Box> sync;     // stss
+    std::optional<Box> runs;     // stsc
+    std::optional<Box> chunks;   // stco or co64
+    std::vector<Box> groups;     // sbgp and sgpd
+};
+bool read_samples(Import& import, const SampleTables& tables, Track& track, TrackImport& state);
+// The index into Track::descriptions for the number that a table gives, from 1.
+bool find_description(Import& import, const Box& box, std::uint32_t number, const Track& track,
+                      const TrackImport& state, std::uint32_t& index);
+
+// fragments.cpp: the samples of all movie fragments, in the order of the file; the segment indexes
+// (sidx), which say how long the file is.
+bool read_fragments(Import& import, std::span<const Box> moofs);
+bool check_segment_index(Import& import, const Box& sidx);
+bool check_declared_duration(Import& import);
+
+// finish.cpp: checks that all samples are in the file, and brings times, durations and edits to
+// those of the samples that were read.
+bool finish_movie(Import& import);
+
+}  // namespace kestrel::importer
+
+#endif
