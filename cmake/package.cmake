@@ -40,9 +40,12 @@ arrive, and delivers one track, speech or video, as a native stream.
 ${contents}")
 endmacro()
 
+if(CPACK_DEBIAN_PACKAGE_ARCHITECTURE STREQUAL i386)
+    set(needs_sse2 " They need a processor with SSE2.")
+endif()
 set(library_package libkestrel${PROJECT_VERSION_MAJOR})
 kestrel_package(LIBRARY ${library_package} libs same "library that reads 3GP files"
-                "This package has the shared libraries.")
+                "This package has the shared libraries.${needs_sse2}")
 # The control files are ours: those that CPack makes run ldconfig in scripts of the package.
 configure_file(cmake/debian/shlibs.in debian/shlibs @ONLY)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA

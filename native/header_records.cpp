@@ -1,6 +1,7 @@
 #include "native/header_records.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "common/clock.h"
 #include "kestrel/isoff.h"
@@ -44,6 +45,14 @@ int put_audio_frame(void* out, tel_native* state, uint32_t length, const AmrBand
     return written;
 }
 
+// The product may be rounded to just below a whole number of milliseconds; seconds that are nearest
+// to one count as it.
+uint32_t truncated_to_ms(double seconds) {
+    constexpr double kMsPerSecond = 1000;
+    const double ms = std::floor(seconds * kMsPerSecond);
+    return truncate_to_u32((ms + 1) / kMsPerSecond == seconds ? ms + 1 : ms);
+}
+
 }  // namespace
 
 namespace kestrel {
@@ -69,7 +78,7 @@ VID_Header_MPEG4CodecConfig mpeg4_config(std::span<const uint8_t> config) {
 }
 
 VID_FileInfo file_info(double duration_seconds) {
-    VID_FileInfo record{truncate_to_u32(duration_seconds * 1000), {}};
+    VID_FileInfo record{truncated_to_ms(duration_seconds), {}};
     std::memset(record.filler, kFiller, sizeof record.filler);
     return record;
 }

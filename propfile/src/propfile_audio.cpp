@@ -137,8 +137,9 @@ unsigned int PropFileAudio::ProcessPacket(const unsigned char** cursor, double t
     const uint32_t payload = fill();
     _TAG_RTPpacket3gp packet{};
     GetRTPpacket3gp(&packet, cursor);
+    // Divided last, so that a whole number of ticks comes out whole.
     const double ms = std::floor(time * 1000 + 0.5);
-    const uint32_t timestamp = truncate_to_u32(m_uClockFreq / 1000.0 * ms);
+    const uint32_t timestamp = truncate_to_u32(m_uClockFreq * ms / 1000.0);
     const unsigned int bytes = [&] {
         AUD_AudFrame_Native header{0, m_uCoder, timestamp, timestamp, packet.sequence_seed, 0};
         Patch(m_uFrameHeader + offsetof(AUD_AudFrame_Native, coder), &header.coder,

@@ -1,9 +1,9 @@
 #include <algorithm>
-#include <limits>
 
 #include "boxes/sample_entries.h"
 #include "boxes/sample_tables.h"
 #include "boxes/track_boxes.h"
+#include "common/ratio.h"
 #include "interface/src/driver/driver.h"
 #include "propfile/src/propfile_base.h"
 
@@ -19,15 +19,10 @@ constexpr uint32_t kNarrowBandCoder = 10;
 constexpr uint32_t kDefaultH263Level = 10;
 constexpr int32_t kEmptyEdit = -1;  // media time
 
-// Truncated to 32 bits; what does not fit becomes the largest value.
-uint32_t truncated(long double value) {
-    constexpr auto kMost = std::numeric_limits<uint32_t>::max();
-    if (!(value > 0)) return 0;
-    return value >= static_cast<long double>(kMost) ? kMost : static_cast<uint32_t>(value);
-}
+constexpr uint32_t kMsPerSecond = 1000;
 
 uint32_t in_ms(uint32_t duration, uint32_t timescale) {
-    return truncated(static_cast<long double>(duration) / timescale * 1000);
+    return scaled(duration, kMsPerSecond, timescale);
 }
 
 const Qvox3gp::EditEntry* first_empty_edit(const Qvox3gp::ElstBox& elst) {
@@ -39,8 +34,7 @@ const Qvox3gp::EditEntry* first_empty_edit(const Qvox3gp::ElstBox& elst) {
 
 // Movie ticks in ticks of `clock`; 0 where a scale is 0.
 uint32_t rescaled(uint32_t ticks, uint32_t movie_timescale, uint32_t clock) {
-    if (movie_timescale == 0 || clock == 0) return 0;
-    return truncated(ticks / (static_cast<long double>(movie_timescale) / clock));
+    return scaled(ticks, clock, movie_timescale);
 }
 
 // Reads hint samples without making frames of them.
@@ -160,8 +154,9 @@ void C3gpInterface::ParseCodecSpecificBoxes() {
     params.uDuration = m_uMediaDuration;
     params.uFrameCount = m_uMediaSamples;
     log_line(kDebug, at(kDriverSource), "Video frame count: %d", params.uFrameCount);
+    // Divided once, so that a whole rate comes out whole.
     params.fFrameRate =
-        m_uMediaDuration != 0 ? params.uFrameCount / (m_uMediaDuration / 1000.0) : 0.0;
+        m_uMediaDuration != 0 ? params.uFrameCount * double{kMsPerSecond} / m_uMediaDuration : 0.0;
     params.uAvgBitRate = CalcAvgBitRate(m_AVBoxes.stsz, m_uMediaDuration);
     for (const _TAG_SAMPLEINFO& sample : m_SampleInfo)
         params.uLargestSample = std::max(params.uLargestSample, sample.uSize);
@@ -231,13 +226,13 @@ void C3gpInterface::ParseMPEG4Boxes() {
 }
 
 uint32_t C3gpInterface::CalcAvgBitRate(const Qvox3gp::StszBox* stsz, uint32_t duration) const {
-    if (duration == 0) return 0;
+    constexpr uint32_t kBitsPerByte = 8;
     uint64_t bytes = uint64_t{stsz->GetSampleSize()} * stsz->GetSampleCount();
     if (stsz->GetSampleSize() == 0) {
         for (const uint32_t size : stsz->GetChunkSizes())
             bytes += size;
     }
-    return truncated(static_cast<long double>(bytes) * 8 / duration * 1000);
+    return scaled(bytes, kBitsPerByte * kMsPerSecond, duration);
 }
 
 void C3gpInterface::ParseEditBoxes() {

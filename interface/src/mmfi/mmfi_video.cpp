@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/ratio.h"
 #include "interface/src/isoff/read/decoder_configuration.h"
 #include "interface/src/isoff/read/rtp_packets.h"
 #include "interface/src/mmfi/mmfiInterface.h"
@@ -71,15 +72,11 @@ struct Rates {
     uint32_t bits = 0;
 };
 
-Rates rates_of(iso_track* track) {
-    int samples = 0;
-    int bytes = 0;
-    double duration = 0.0;
-    isoFFtrackInfo(track, nullptr, &samples, &duration, &bytes);
-    if (duration <= 0.0) return {};
-    return {static_cast<uint32_t>(std::min(samples / duration, 4294967295.0)),
-            static_cast<uint32_t>(
-                std::min(8.0 * static_cast<uint32_t>(bytes) / duration, 4294967295.0))};
+Rates rates_of(const iso_track* track) {
+    constexpr uint64_t kBitsPerByte = 8;
+    const auto samples = static_cast<uint32_t>(track->sample_count);
+    return {scaled(samples, track->timescale, track->duration),
+            scaled(kBitsPerByte * track->total_bytes, track->timescale, track->duration)};
 }
 
 double duration_of(iso_track* track) {

@@ -1,0 +1,260 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iomanip>
+#include <sstream>
+
+#include "kestrel/codec.h"
+#include "kestrel/isoff.h"
+#include "kestrel/native.h"
+#include "kestrel/native_records.h"
+#include "tests/support/playing.h"
+
+// Streams and seek results are the same on every word size: of each sample, and of short clips
+// whose times are not whole in seconds, compared with the digests in golden/streams.txt.
+// KESTREL_RENEW_GOLDEN=1 writes that list anew.
+
+namespace {
+
+constexpr const char* kGolden = KESTREL_TEST_DATA "/golden/streams.txt";
+
+// FNV-1a over the values given.
+class Digest {
+  public:
+    void add(const Bytes& bytes) {
+        add(static_cast<uint32_t>(bytes.size()));
+        for (const uint8_t byte : bytes)
+            add_byte(byte);
+    }
+    void add(uint32_t value) {
+        for (int shift = 0; shift < 32; shift += 8)
+            add_byte(static_cast<uint8_t>(value >> shift));
+    }
+    uint64_t value() const { return hash_; }
+
+  private:
+    void add_byte(uint8_t byte) { hash_ = (hash_ ^ byte) * 0x100000001B3; }
+    uint64_t hash_ = 0xCBF29CE484222325;
+};
+
+// What is compared of a medium, or of a row of clips together.
+struct Digests {
+    Digest function, classes, seeks;
+};
+
+void add_seek(Digest& digest, C3gpInterface& player, int32_t time, uint32_t flags) {
+    _TAG_KST_SEEK_PARAMS seek{};
+    seek.nTime = time;
+    seek.fFlags = flags;
+    digest.add(player.SeekTo(&seek));
+    digest.add(static_cast<uint32_t>(seek.nTime));
+    digest.add(seek.uFrameNum);
+    digest.add(seek.uFileOffset);
+    Bytes frame(KST_LARGEST_CHUNK);
+    uint32_t size = KST_LARGEST_CHUNK;
+    digest.add(player.ReadChunk(frame.data(), &size, false));
+    frame.resize(size);
+    digest.add(frame);
+}
+
+void add_seeks(Digest& digest, const Bytes& file, const char* mode) {
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    C3gpInterface player;
+    digest.add(player.Open(kst_host_callbacks(host), mode));
+    for (const int32_t time : {0, 20, 33, 41, 100, 334, 501, 1001, 2002, 5000, 14280}) {
+        for (const uint32_t sync :
+             {KST_SEEK_NEXT_SYNC, KST_SEEK_PREVIOUS_SYNC, KST_SEEK_NEAREST_SYNC}) {
+            add_seek(digest, player, time, KST_SEEK_ABSOLUTE | sync);
+            add_seek(digest, player, time / 20, KST_SEEK_RELATIVE | sync);
+        }
+    }
+    player.Close();
+    kst_host_close(host);
+}
+
+void add_played(Digest& digest, const Bytes& file, const char* mode, Road road) {
+    const Played played = play(file, mode, {.road = road});
+    digest.add(static_cast<uint32_t>(played.status));
+    digest.add(played.stream);
+}
+
+void add_medium(Digests& digests, const Bytes& file, const char* mode) {
+    add_played(digests.function, file, mode, Road::kFunction);
+    add_played(digests.classes, file, mode, Road::kClass);
+    add_seeks(digests.seeks, file, mode);
+}
+
+std::string line_of(const std::string& name, const Digests& digests) {
+    std::ostringstream line;
+    line << name << std::hex << std::setfill('0');
+    for (const Digest& digest : {digests.function, digests.classes, digests.seeks})
+        line << ' ' << std::setw(16) << digest.value();
+    return line.str();
+}
+
+// --- clips ---
+
+struct Clock {
+    uint32_t timescale;
+    int delta;  // of a sample
+};
+
+constexpr Clock kClocks[] = {{50, 1},       {600, 24},     {1000, 33},   {8000, 160},
+                             {8000, 167},   {12800, 512},  {15360, 512}, {16000, 320},
+                             {30000, 1001}, {90000, 3600}, {90000, 3003}};
+
+struct Codec {
+    const char* name;
+    const char* mode;
+    iso_track* (*make)(iso_file*);
+    Bytes sample_head;
+};
+
+const Codec kCodecs[] = {
+    {"amr", "ar", [](iso_file* file) { return amr_isoFFtrack(file, 0, 0x81FF, 1); }, {0x3C}},
+    {"amr-wb", "ar", [](iso_file* file) { return amr_isoFFtrack(file, 1, 0x83FF, 1); }, {0x04}},
+    {"h263",
+     "vr",
+     [](iso_file* file) {
+         H263VCFG config{};
+         config.width = 176;
+         config.height = 144;
+         config.timescale = 90000;
+         config.level = 10;
+         return h263_isoFFtrack(file, &config);
+     },
+     {0, 0, 0x80, 2, 8}},
+    {"mpeg4",
+     "vr",
+     [](iso_file* file) { return mpeg4_isoFFtrack(file, "\0\0\1\xB0\3", 5, 176, 144, 90000); },
+     {0, 0, 1, 0xB6, 0x10}},
+    {"h264",
+     "vr",
+     [](iso_file* file) {
+         const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
+         return h264_isoFFtrack(file, avcc, sizeof avcc, 176, 144, 90000);
+     },
+     {0, 0, 0, 36, 0x65}},
+};
+
+void keep_sync_samples(iso_track* track, std::initializer_list<uint32_t> numbers) {
+    track->sync_samples =
+        static_cast<uint32_t*>(isoFFmalloc(track->file, numbers.size() * sizeof(uint32_t)));
+    std::copy(numbers.begin(), numbers.end(), track->sync_samples);
+    track->sync_count = static_cast<uint32_t>(numbers.size());
+}
+
+void write_clip(iso_file* file, const Codec& codec, const Clock& clock, int samples) {
+    file->creation_time = file->modification_time = 0;
+    iso_track* media = codec.make(file);
+    media->timescale = clock.timescale;
+    iso_track* hint = rtp_isoFFtrack(file, media, 1400, 96, ISO_H263_RFC4629);
+    for (iso_track* track : {media, hint}) {
+        if (samples > 31 && *codec.mode == 'v') keep_sync_samples(track, {1, 31});
+    }
+    Bytes sample = codec.sample_head;
+    sample.resize(*codec.mode == 'v' ? 40 : sample[0] == 4 ? 18 : 32, 0x5A);
+    const auto size = static_cast<int>(sample.size());
+    for (int i = 0; i < samples; ++i) {
+        EXPECT_EQ(isoFFwrite(media, sample.data(), size, clock.delta, 0), size);
+        EXPECT_GT(isoFFwriteHint(hint, sample.data(), size, clock.delta, 0), 0);
+    }
+}
+
+Bytes make_clip(const Codec& codec, const Clock& clock, int samples) {
+    kst_host* host = kst_host_for_writing_memory();
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
+    iso_file* file = isoFFopen(callbacks, "w", nullptr);
+    write_clip(file, codec, clock, samples);
+    EXPECT_EQ(isoFFclose(file), 0);
+    size_t size = 0;
+    const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host, &size));
+    const Bytes clip(bytes, bytes + size);
+    kst_host_close(host);
+    return clip;
+}
+
+// --- the list ---
+
+std::vector<std::string> sample_lines() {
+    std::vector<std::string> lines;
+    for (const Medium& medium : sample_media()) {
+        Digests digests;
+        add_medium(digests, read_sample(medium.file), medium.mode);
+        lines.push_back(line_of(medium.file + " " + medium.mode, digests));
+    }
+    return lines;
+}
+
+std::vector<std::string> clip_lines() {
+    constexpr int kLongest = 60;  // samples
+    std::vector<std::string> lines;
+    for (const Codec& codec : kCodecs) {
+        for (const Clock& clock : kClocks) {
+            Digests digests;
+            for (int samples = 1; samples <= kLongest; ++samples)
+                add_medium(digests, make_clip(codec, clock, samples), codec.mode);
+            lines.push_back(line_of(std::string(codec.name) + ' ' + std::to_string(clock.delta) +
+                                        '/' + std::to_string(clock.timescale),
+                                    digests));
+        }
+    }
+    return lines;
+}
+
+TEST(SameStreams, OnEveryWordSize) {
+    std::vector<std::string> lines = sample_lines();
+    for (const std::string& line : clip_lines())
+        lines.push_back(line);
+    if (std::getenv("KESTREL_RENEW_GOLDEN") != nullptr) {
+        std::ofstream out(kGolden);
+        out << "# Digests of what a medium gives: name, streams of both APIs, seeks.\n"
+            << "# same_streams_test compares; KESTREL_RENEW_GOLDEN=1 has it write.\n";
+        for (const std::string& line : lines)
+            out << line << '\n';
+        GTEST_SKIP() << "the list was written";
+    }
+    std::vector<std::string> golden;
+    std::ifstream in(kGolden);
+    for (std::string line; std::getline(in, line);) {
+        if (!line.starts_with('#')) golden.push_back(line);
+    }
+    ASSERT_EQ(lines.size(), golden.size());
+    for (size_t i = 0; i < lines.size(); ++i)
+        EXPECT_EQ(lines[i], golden[i]);
+}
+
+template <typename Record>
+Record record_at(const Bytes& stream, size_t at) {
+    Record record{};
+    if (at + sizeof record <= stream.size())
+        std::memcpy(&record, stream.data() + at, sizeof record);
+    return record;
+}
+
+TEST(SameStreams, WholeFiguresComeOutWhole) {
+    using namespace kestrel;
+    constexpr size_t kCodecInfo =
+        sizeof(PROP_Header_Info) + sizeof(VID_Header_NTSInfo) + sizeof(VID_Header_IndxInfo);
+    constexpr size_t kFileInfo =
+        kCodecInfo + sizeof(VID_Header_CodecInfo) + sizeof(VID_Header_H263CodecConfig);
+    const Codec& h263 = kCodecs[2];
+    for (uint32_t samples = 1; samples <= 60; ++samples) {
+        const Bytes clip = make_clip(h263, {12800, 512}, static_cast<int>(samples));
+        for (const Road road : {Road::kFunction, Road::kClass}) {
+            const Bytes stream = play(clip, h263.mode, {.road = road}).stream;
+            EXPECT_EQ(record_at<PROP_Header_Info>(stream, 0).value, 25U) << samples;
+            EXPECT_EQ(record_at<VID_Header_CodecInfo>(stream, kCodecInfo).bit_rate, 8000U);
+            EXPECT_EQ(record_at<VID_FileInfo>(stream, kFileInfo).duration_ms, 40 * samples);
+        }
+    }
+    for (uint32_t ms = 0; ms < 100000; ++ms) {
+        VID_FileInfo info{};
+        tel_put_hdr_fileInfo(&info, ms / 1000.0);
+        ASSERT_EQ(info.duration_ms, ms);
+    }
+}
+
+}  // namespace
