@@ -5,11 +5,15 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <sstream>
 
 #include "kestrel/hosts.h"
+#include "tests/support/allocation_watch.h"
 #include "tests/support/files.h"
 #include "tests/support/md5.h"
+#include "tests/support/movie_forms.h"
 
 namespace {
 
@@ -92,5 +96,452 @@ INSTANTIATE_TEST_SUITE_P(Importer, WildSample, testing::ValuesIn(wild_samples())
                              std::replace(name.begin(), name.end(), '.', '_');
                              return name;
                          });
+
+// --- Every form
+
+// The tracks of a movie as far as they must be those of the clip.
+std::string describe(const Bytes& file, const Movie& movie) {
+    std::ostringstream text;
+    for (const Track& track : movie.tracks) {
+        text << "track " << track.id << ' ' << code(track.handler) << ' ' << track.timescale
+             << " in " << movie.timescale << " language " << track.language << " name "
+             << track.name << " times " << track.creation_time << ' ' << track.modification_time
+             << " flags " << track.flags << " matrix " << track.matrix[3] << " area " << track.width
+             << ' ' << track.height << " order " << track.layer << ' ' << track.alternate_group
+             << ' ' << track.volume << (track.encrypted ? " encrypted" : "");
+        for (const Reference& reference : track.references) {
+            text << " refers " << code(reference.type);
+            for (const std::uint32_t id : reference.track_ids)
+                text << ' ' << id;
+        }
+        for (const Edit& edit : track.edits)
+            text << " edit " << edit.duration << ' ' << edit.media_time << ' ' << edit.rate;
+        for (const Description& entry : track.descriptions)
+            text << ' ' << code(entry.type) << ' ' << md5(entry.box);
+        text << '\n';
+        for (const Sample& sample : track.samples) {
+            text << track.id << ' ' << sample.duration << ' ' << sample.composition_offset << ' '
+                 << sample.is_sync << ' ' << sample.description << ' ' << sample.size << ' '
+                 << md5(std::span(file).subspan(sample.offset, sample.size)) << "\n";
+        }
+    }
+    return text.str();
+}
+
+// The same of the clip.
+std::string describe(const std::vector<ClipTrack>& clip) {
+    std::ostringstream text;
+    for (const ClipTrack& track : clip) {
+        std::uint64_t duration = 0;
+        for (const ClipSample& sample : track.samples)
+            duration += sample.duration;
+        text << "track " << track.id << ' ' << track.handler << ' ' << track.timescale
+             << " in 1000 language 21956 name Handler times 11 12 flags 7 matrix -65536 area "
+                "11534336 "
+                "9437184 order 2 3 256";
+        if (track.handler == "text") text << " refers cdsc 1 7";
+        if (track.handler == "soun") {
+            text << " edit 250 -1 65536 edit " << duration * 1000 / track.timescale << " 0 65536";
+        }
+        for (const Bytes& entry : track.entries)
+            text << ' ' << std::string(entry.begin() + 4, entry.begin() + 8) << ' ' << md5(entry);
+        text << '\n';
+        for (const ClipSample& sample : track.samples) {
+            text << track.id << ' ' << sample.duration << ' ' << sample.composition_offset << ' '
+                 << sample.is_sync << ' ' << sample.entry << ' ' << sample.data.size() << ' '
+                 << md5(sample.data) << '\n';
+        }
+    }
+    return text.str();
+}
+
+void expect_reads_back(const MovieForms& forms) {
+    const MadeMovie made = make_movie(forms);
+    const Imported imported = import_bytes(made.file);
+    ASSERT_TRUE(imported.result.ok) << forms.name() << ": " << imported.result.error;
+    EXPECT_EQ(describe(made.file, imported.movie), describe(made.tracks)) << forms.name();
+    EXPECT_EQ(imported.movie.tracks[0].groups.size(), forms[kGroups] == 0 ? 0u : 2u);
+}
+
+TEST(Importer, ReadsEveryPairOfForms) {
+    for (size_t one = 0; one < kDimensions; ++one) {
+        for (size_t other = 0; other < one; ++other) {
+            for (int choice = 0; choice < kChoices[one] * kChoices[other]; ++choice) {
+                MovieForms forms;
+                // Forms of fragments need some.
+                if (one > kFragments) forms.choices[kFragments] = 2;
+                forms.choices[one] = choice / kChoices[other];
+                forms.choices[other] = choice % kChoices[other];
+                expect_reads_back(forms);
+                if (HasFailure()) return;
+            }
+        }
+    }
+}
+
+TEST(Importer, ReadsRunsOfAllFlags) {
+    constexpr std::uint32_t kFlags[] = {0x1, 0x4, 0x100, 0x200, 0x400, 0x800};
+    for (std::uint32_t set = 0; set < 64; ++set) {
+        MovieForms forms;
+        forms.choices[kFragments] = 2;
+        forms.choices[kBase] = 1;  // with which an offset of the data may be left out
+        forms.choices[kRuns] = 1;
+        forms.run_flags = 0;
+        for (size_t i = 0; i < 6; ++i) {
+            if ((set >> i & 1) != 0) *forms.run_flags |= kFlags[i];
+        }
+        forms.choices[kComposition] = (*forms.run_flags & 0x800) != 0 ? 2 : 0;
+        expect_reads_back(forms);
+        if (HasFailure()) FAIL() << "flags " << *forms.run_flags;
+    }
+}
+
+// --- What is cut or contradicts itself
+
+// The bytes of all samples of a track.
+std::vector<Bytes> media(const Bytes& file, const Track& track) {
+    std::vector<Bytes> all;
+    for (const Sample& sample : track.samples) {
+        const auto at = file.begin() + static_cast<std::ptrdiff_t>(sample.offset);
+        all.emplace_back(at, at + static_cast<std::ptrdiff_t>(sample.size));
+    }
+    return all;
+}
+
+bool begins_with(const std::vector<Bytes>& all, const std::vector<Bytes>& first) {
+    return first.size() <= all.size() && std::equal(first.begin(), first.end(), all.begin());
+}
+
+// Wherever a file ends, either nothing is lost, or that is an error. Salvage keeps first samples.
+TEST(Importer, LosesNothingOfCutFiles) {
+    for (const MovieForms& forms : single_forms()) {
+        const MadeMovie made = make_movie(forms);
+        const Movie whole = import_bytes(made.file).movie;
+        size_t salvaged = 0;
+        for (size_t length = 0; length < made.file.size(); ++length) {
+            const Bytes cut(made.file.begin(),
+                            made.file.begin() + static_cast<std::ptrdiff_t>(length));
+            const Imported strict = import_bytes(cut);
+            ASSERT_EQ(strict.result.ok, strict.result.error.empty());
+            const Imported kept = import_bytes(cut, {.salvage = true});
+            ASSERT_EQ(strict.result.ok, kept.result.ok && kept.result.salvaged.empty());
+            if (!kept.result.ok) continue;
+            salvaged += !strict.result.ok;
+            for (size_t i = 0; i < whole.tracks.size(); ++i) {
+                const auto all = media(made.file, whole.tracks[i]);
+                const auto found = media(cut, kept.movie.tracks[i]);
+                ASSERT_TRUE(strict.result.ok ? found == all : begins_with(all, found))
+                    << forms.name() << " of " << length << " bytes";
+            }
+        }
+        EXPECT_EQ(salvaged > 0, forms[kMediaPlace] == 0 || forms[kFragments] != 0) << forms.name();
+    }
+}
+
+// Puts bytes at a place of the body of a box, found by the number of boxes of its type before it.
+Bytes with(Bytes file, const std::string& type, size_t at, const Bytes& bytes, int before = 0) {
+    auto found = file.begin();
+    for (int i = 0; i <= before; ++i)
+        found = std::search(found + (i > 0), file.end(), type.begin(), type.end());
+    if (found == file.end()) throw std::runtime_error("no " + type);
+    std::copy(bytes.begin(), bytes.end(), found + 4 + static_cast<std::ptrdiff_t>(at));
+    return file;
+}
+
+Bytes renamed(Bytes file, const std::string& type, const std::string& name, int before = 0) {
+    return with(std::move(file), type, static_cast<size_t>(-4), text(name), before);
+}
+
+MovieForms forms_of(std::initializer_list<std::pair<Dimension, int>> choices) {
+    MovieForms forms;
+    for (const auto& [dimension, choice] : choices)
+        forms.choices[dimension] = choice;
+    return forms;
+}
+
+TEST(Importer, SaysWhatIsWrong) {
+    const Bytes plain = make_movie({}).file;
+    const Bytes compact = make_movie(forms_of({{kSampleSize, 4}})).file;
+    const Bytes parts = make_movie(forms_of({{kFragments, 2}, {kValues, 1}, {kTimes, 2}})).file;
+    MovieForms elsewhere;
+    elsewhere.media_elsewhere = true;
+    const struct {
+        Bytes file;
+        const char* error;
+    } kCases[] = {
+        {{}, "no movie box"},
+        {renamed(plain, "moov", "free"), "no movie box"},
+        {join({plain, renamed(plain, "avc1", "mp4v")}), "second movie"},
+        {renamed(plain, "mvhd", "free"), "moov at offset 20 has no mvhd"},
+        {renamed(plain, "trak", "cmov"), "compressed"},
+        {with(plain, "mvhd", 12, be32(0)), "timescale of 0"},
+        {with(plain, "mdhd", 12, be32(0)), "timescale of 0"},
+        {with(plain, "tkhd", 12, be32(0)), "track ID 0"},
+        {with(plain, "tkhd", 12, be32(7)), "two tracks have the ID 7"},
+        {renamed(plain, "mdhd", "free"), "has no mdhd"},
+        {renamed(plain, "stsd", "free"), "has no stsd"},
+        {renamed(plain, "stts", "free"), "no times"},
+        {renamed(plain, "stco", "free"), "no chunks"},
+        {renamed(plain, "stss", "stts"), "second of its kind in stbl"},
+        {with(plain, "mdia", -8, be32(1u << 20)), "child at offset"},
+        {with(plain, "stsd", -8, be32(12)), "impossible size"},
+        {with(plain, "stts", 4, be32(11)), "covers 11 samples of 12"},
+        {with(plain, "stts", 4, be32(1u << 30)), "shorter than what it declares"},
+        {with(plain, "stts", 8, be32(9)), "covers 20 samples of 12"},
+        {with(plain, "stss", 8, be32(13)), "names sample 13 of 12"},
+        {with(plain, "stsz", 8, be32(0xFFFFFFFF)), "shorter than what it declares"},
+        {with(plain, "stsz", 4, words({1, 0xFFFFFFFF})), "samples that are read"},
+        {with(plain, "stsz", 4, words({100, 1000000})), "1000000 samples of 100 bytes"},
+        {with(plain, "stsz", 12, be32(1u << 30)), "sample 1 of track 1"},
+        {with(plain, "stco", 8, be32(0xFFFFFFF0)), "outside the file"},
+        {with(plain, "stco", 4, be32(5)), "no place for all samples"},
+        {with(plain, "stsc", 8, be32(2)), "out of order"},
+        {with(plain, "stsc", 20, be32(1)), "out of order"},
+        {with(plain, "stsc", 16, be32(2)), "sample entry 2 of 1"},
+        {make_movie(elsewhere).file, "track 1 keeps its media in another file"},
+        {with(compact, "stz2", 7, {5}), "sizes of 5 bits"},
+        {with(compact, "stz2", 8, be32(1000000)), "shorter than what it declares"},
+        {renamed(parts, "tfhd", "free"), "traf at offset"},
+        {with(parts, "tfhd", 4, be32(99)), "track 99, which the movie box does not have"},
+        {with(parts, "trun", 4, be32(0xFFFFFFFF)), "samples that are read"},
+        {with(parts, "trun", 4, be32(1000000)), "more samples than the file has bytes"},
+        {with(parts, "trun", 8, be32(0x80000000)), "outside the file"},
+        {with(parts, "trun", 2, {0x0F, 0x05}), "shorter than what it declares"},
+        {with(parts, "tfdt", 4, be32(0xFFFFFFFF)), "impossible time"},
+        {with(parts, "tfdt", 4, be32(1), 4), "does not follow"},
+        {with(parts, "mehd", 4, be32(5000)), "fragments are missing"},
+        {Bytes(parts.begin(), std::search(parts.begin(), parts.end(), "moof", "moof" + 4) - 4),
+         "no fragments"},
+    };
+    for (const auto& [file, error] : kCases) {
+        const Imported imported = import_bytes(file);
+        EXPECT_FALSE(imported.result.ok) << error;
+        EXPECT_THAT(imported.result.error, testing::HasSubstr(error));
+    }
+}
+
+TEST(Importer, NotesProtectedTracks) {
+    const Bytes plain = make_movie({}).file;
+    EXPECT_FALSE(import_bytes(plain).movie.tracks[0].encrypted);
+    EXPECT_TRUE(import_bytes(renamed(plain, "avc1", "encv")).movie.tracks[0].encrypted);
+    EXPECT_TRUE(import_bytes(renamed(plain, "avcC", "sinf")).movie.tracks[0].encrypted);
+    EXPECT_TRUE(import_bytes(renamed(plain, "esds", "sinf")).movie.tracks[1].encrypted);
+}
+
+TEST(Importer, TakesRepeatedMovieBoxesOnce) {
+    const MadeMovie made = make_movie(forms_of({{kFragments, 2}}));
+    const auto first = std::search(made.file.begin(), made.file.end(), "moof", "moof" + 4) - 4;
+    const Bytes start(made.file.begin(), first);
+    Bytes twice = join({start, Bytes(first, made.file.end())});
+    // default-base-is-moof: fragments can be moved.
+    twice.insert(twice.begin() + static_cast<std::ptrdiff_t>(start.size()), start.begin(),
+                 start.end());
+    const Imported imported = import_bytes(twice);
+    ASSERT_TRUE(imported.result.ok) << imported.result.error;
+    EXPECT_EQ(describe(twice, imported.movie), describe(made.tracks));
+}
+
+// --- Times of fragments
+
+Imported import_timed(std::function<std::uint64_t(size_t, std::uint64_t)> time,
+                      std::function<std::uint32_t(std::uint32_t)> number = {},
+                      bool salvage = false) {
+    MovieForms forms = forms_of({{kFragments, 2}, {kTimes, 2}});
+    forms.fragment_time = std::move(time);
+    forms.fragment_number = std::move(number);
+    return import_bytes(make_movie(forms).file, {.salvage = salvage});
+}
+
+std::vector<std::uint32_t> durations(const Track& track) {
+    std::vector<std::uint32_t> all;
+    for (const Sample& sample : track.samples)
+        all.push_back(sample.duration);
+    return all;
+}
+
+TEST(Importer, FollowsTheTimesOfFragments) {
+    const auto told = durations(import_timed({}).movie.tracks[0]);
+    for (const int change : {500, -500}) {
+        const Imported imported = import_timed([&](size_t track, std::uint64_t time) {
+            return track == 0 && time > 0 ? time + static_cast<std::uint64_t>(change) : time;
+        });
+        ASSERT_TRUE(imported.result.ok) << imported.result.error;
+        auto expected = told;
+        expected[3] += static_cast<std::uint32_t>(change);
+        EXPECT_EQ(durations(imported.movie.tracks[0]), expected);
+    }
+}
+
+TEST(Importer, DelaysTracksThatBeginLater) {
+    const Imported imported = import_timed([](size_t track, std::uint64_t time) {
+        const std::uint64_t start[] = {15360, 8000 * 3 / 2, 600};  // 1, 1.5 and 1 second
+        return time + start[track];
+    });
+    ASSERT_TRUE(imported.result.ok) << imported.result.error;
+    const std::vector<Track>& tracks = imported.movie.tracks;
+    EXPECT_THAT(tracks[0].edits, testing::IsEmpty());
+    EXPECT_EQ(tracks[0].samples[0].duration, 960u);
+    const std::vector<Edit>& edits = tracks[1].edits;
+    ASSERT_EQ(edits.size(), 3u);  // the file's own late start and this one add up
+    EXPECT_EQ(edits[0].duration + edits[1].duration, 750u);
+    EXPECT_EQ(edits[2].media_time, 0);
+    EXPECT_EQ(imported.movie.duration, 1751u);
+}
+
+TEST(Importer, MissesFragments) {
+    // A number and the time that goes with it are left out.
+    const auto number = [](std::uint32_t sequence) { return sequence > 1 ? sequence + 1 : 1; };
+    const auto later = [](size_t, std::uint64_t time) { return time > 0 ? time + 4000 : time; };
+    const Imported missing = import_timed(later, number);
+    EXPECT_THAT(missing.result.error, testing::HasSubstr("fragments are missing before moof"));
+    const Imported salvaged = import_timed(later, number, true);
+    EXPECT_TRUE(salvaged.result.ok);
+    EXPECT_THAT(salvaged.result.salvaged, testing::HasSubstr("kept 32 of the 32 samples"));
+    // Numbers alone say nothing.
+    EXPECT_TRUE(import_timed({}, number).result.ok);
+    EXPECT_TRUE(import_timed(later).result.ok);
+}
+
+// --- Sound of QuickTime whose tables count units
+
+TEST(Importer, MakesPacketsOfUnitsOfSound) {
+    const struct {
+        const char* type;
+        Bytes rest;  // of the entry, from its version on
+        std::uint32_t size, duration, last;
+    } kCases[] = {
+        {"twos", join({zeros(8), be16(2), be16(16), zeros(4), words({8000u << 16})}), 4, 1, 1},
+        {"ima4",
+         join({be16(1), zeros(6), be16(2), be16(16), zeros(4), words({8000u << 16}),
+               words({64, 34, 68, 2})}),
+         68, 64, 22},
+        {"mp4a",
+         join({be16(1), zeros(6), be16(2), be16(16), be16(0xFFFE), zeros(2),
+               words({8000u << 16, 64, 34, 68, 2})}),
+         1, 1, 1},
+    };
+    for (const auto& [type, rest, size, duration, last] : kCases) {
+        constexpr std::uint32_t kUnits = 150;
+        const TrackSpec about{.entry = box(type, {zeros(6), be16(1), rest}),
+                              .tables = join({box("stts", {words({0, 1, kUnits, 1})}),
+                                              box("stsc", {words({0, 1, 1, kUnits, 1})}),
+                                              box("stsz", {words({0, 1, kUnits})}),
+                                              box("stco", {words({0, 1, 8})})})};
+        const Bytes file = join({box("mdat", {zeros(1000)}), movie({track(about)})});
+        const Imported imported = import_bytes(file);
+        ASSERT_TRUE(imported.result.ok) << imported.result.error;
+        const std::vector<Sample>& samples = imported.movie.tracks[0].samples;
+        ASSERT_EQ(samples.size(), (kUnits + duration - 1) / duration);
+        EXPECT_EQ(samples[1].offset, 8 + size);
+        EXPECT_EQ(samples[1].size, size);
+        EXPECT_EQ(samples[1].duration, duration);
+        EXPECT_EQ(samples.back().duration, last);
+    }
+}
+
+// --- The host, time and memory
+
+// A table over another host that fails a read, and notes what is read.
+class WatchingHost {
+  public:
+    explicit WatchingHost(const Bytes& file)
+        : host_(kst_host_from_memory(file.data(), file.size())) {
+        table_ = *kst_host_callbacks(host_);
+        table_.Context = this;
+        table_.GetOffset = [](void* self, std::uint32_t* offset) {
+            return of(self).inner().GetOffset(of(self).inner().Context, offset);
+        };
+        table_.Seek = [](void* self, std::uint32_t offset) {
+            return of(self).inner().Seek(of(self).inner().Context, offset);
+        };
+        table_.GetStreamSize = [](void* self, std::uint32_t* size) {
+            return of(self).inner().GetStreamSize(of(self).inner().Context, size);
+        };
+        table_.IndexRead = [](void* self, void* data, std::uint32_t offset, std::uint32_t count,
+                              std::uint32_t* got) {
+            return of(self).read(data, offset, count, got);
+        };
+        table_.CheckStatus = [](void* self, std::uint32_t* result, std::uint32_t status) {
+            return of(self).inner().CheckStatus(of(self).inner().Context, result, status);
+        };
+    }
+    WatchingHost(const WatchingHost&) = delete;
+    WatchingHost& operator=(const WatchingHost&) = delete;
+    ~WatchingHost() { kst_host_close(host_); }
+
+    Imported import() {
+        Imported imported;
+        imported.result = import_movie(table_, {}, imported.movie);
+        return imported;
+    }
+
+    std::uint32_t failing = UINT32_MAX;  // number of the read that fails
+    std::uint32_t reads = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t furthest = 0;
+
+  private:
+    static WatchingHost& of(void* self) { return *static_cast<WatchingHost*>(self); }
+    KST_IOSTREAM_CALLBACK_INTERFACE& inner() { return *kst_host_callbacks(host_); }
+    std::uint32_t read(void* data, std::uint32_t offset, std::uint32_t count, std::uint32_t* got) {
+        if (reads++ == failing) return KST_HOST_FAILED;
+        bytes += count;
+        furthest = std::max<std::uint64_t>(furthest, offset + count);
+        return inner().IndexRead(inner().Context, data, offset, count, got);
+    }
+
+    kst_host* host_;
+    KST_IOSTREAM_CALLBACK_INTERFACE table_;
+};
+
+TEST(Importer, FailsWithItsHost) {
+    for (const MovieForms& forms : {MovieForms{}, forms_of({{kFragments, 1}, {kIndex, 1}})}) {
+        const Bytes file = make_movie(forms).file;
+        WatchingHost good(file);
+        ASSERT_TRUE(good.import().result.ok);
+        for (std::uint32_t i = 0; i < good.reads; ++i) {
+            WatchingHost host(file);
+            host.failing = i;
+            const Imported imported = host.import();
+            EXPECT_FALSE(imported.result.ok);
+            EXPECT_EQ(imported.result.error, "the host failed to read the file");
+        }
+    }
+    kst_host* arriving = kst_host_from_growing_memory("abcdefgh", 8, 1);
+    Movie movie;
+    EXPECT_THAT(import_movie(*kst_host_callbacks(arriving), {}, movie).error,
+                testing::HasSubstr("not arrived"));
+    kst_host_close(arriving);
+}
+
+// The media is not read, and the tables once.
+TEST(Importer, ReadsTheTablesOnly) {
+    for (const std::string& name : wild_samples()) {
+        const Bytes file = read_sample("wild/" + name);
+        WatchingHost host(file);
+        const Movie movie = host.import().movie;
+        std::uint64_t in_samples = 0;
+        for (const Track& track : movie.tracks) {
+            for (const Sample& sample : track.samples)
+                in_samples += sample.size;
+        }
+        EXPECT_LE(host.bytes, 4 * (file.size() - in_samples)) << name;
+    }
+}
+
+// 24 bytes a sample, in every form.
+TEST(Importer, HoldsItsTablesOnce) {
+    for (MovieForms forms : single_forms()) {
+        forms.length = 500;
+        const MadeMovie made = make_movie(forms);
+        size_t samples = 0;
+        for (const ClipTrack& track : made.tracks)
+            samples += track.samples.size();
+        const AllocationWatch watch;
+        const Imported imported = import_bytes(made.file);
+        ASSERT_TRUE(imported.result.ok) << forms.name() << ": " << imported.result.error;
+        EXPECT_LE(watch.peak(), 2 * 24 * samples + 65536) << forms.name();
+    }
+}
 
 }  // namespace

@@ -120,7 +120,6 @@ bool find_file_boxes(Import& import, FileBoxes& boxes) {
     bool good = true;
     while (!read_file_box(import, file, boxes, good)) {
     }
-    if (!import.source.error().empty()) return import.fail("");
     return good && (boxes.movie || import.fail("the file has no movie box (moov)"));
 }
 
@@ -145,7 +144,9 @@ bool read_file(Import& import) {
     for (const Box& index : boxes.indexes) {
         if (!check_segment_index(import, index)) return false;
     }
-    return check_declared_duration(import) && finish_movie(import);
+    if (!check_declared_duration(import) || !finish_movie(import)) return false;
+    // A read that failed where bytes that are no box would have been passed over.
+    return import.source.error().empty() || import.fail("");
 }
 
 }  // namespace

@@ -143,7 +143,9 @@ struct Result {
 //
 // Nothing is lost in silence. A table that contradicts another, a sample that lies outside the
 // file, a box that is cut, or a fragment that is missing ends in an error; the contents of `movie`
-// are then unspecified. Of these, only what a cut or incomplete file lacks can be salvaged.
+// are then unspecified. Of these, only what a cut or incomplete file lacks can be salvaged. A
+// fragment is known to be missing from a segment index (sidx), from the declared duration (mehd),
+// and where the numbers and the times of fragments jump together.
 //
 // Times of fragments: a track's fragments begin where their tfdt says. A gap after the sample
 // before, or an overlap with it, changes the duration of that sample. When tracks begin at

@@ -230,12 +230,16 @@ Bytes configuration(Source& source, const Entry& entry) {
                                       entry.channels, entry.sample_bits, entry.sample_rate}) {
         append(key, value, 4);
     }
-    const bool boxes = each_child(source, entry.children, entry.box.end, [&](const Box& child) {
+    const auto add = [&](const Box& child) {
         if (child.type == fourcc("esds")) {
             append(key, esds_configuration(source, child));
         } else if (!contains(kInformative, child.type)) {
             append(key, whole_box(source, child));
         }
+    };
+    const bool boxes = each_child(source, entry.children, entry.box.end, [&](const Box& child) {
+        const bool wave = entry.quicktime_sound && child.type == fourcc("wave");
+        if (!wave || !each_child(source, child.body, child.end, add)) add(child);
     });
     if (!boxes || entry.children == entry.box.end) append(key, whole_box(source, entry.box));
     return key;
