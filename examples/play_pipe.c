@@ -7,6 +7,7 @@
 #include <kestrel/hosts.h>
 #include <kestrel/kestrel.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 /* What has not arrived may be what opening needs. */
@@ -25,9 +26,9 @@ static bool is_not_yet(int32_t status, uint32_t size) {
 }
 
 static int32_t read_arriving(mm_Interface* handle, kst_host* host, unsigned char* chunk,
-                             uint32_t* size) {
+                             uint32_t room, uint32_t* size) {
     for (;;) {
-        *size = KST_LARGEST_CHUNK;
+        *size = room;
         const int32_t status = kst_ReadChunk(handle, chunk, size, true);
         if (!is_not_yet(status, *size) || kst_host_is_complete(host)) return status;
         if (kst_host_wait(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
@@ -42,14 +43,20 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    static unsigned char chunk[KST_LARGEST_CHUNK];
     mm_Interface* handle = NULL;
     int32_t status = open_arriving(&handle, host, argv[1]);
-    while (status == KST_SUCCESS) {
+    uint32_t room = KST_LARGEST_CHUNK;
+    unsigned char* chunk = malloc(room);
+    while (status == KST_SUCCESS && chunk != NULL) {
         uint32_t size = 0;
-        status = read_arriving(handle, host, chunk, &size);
+        status = read_arriving(handle, host, chunk, room, &size);
         if (status == KST_SUCCESS) fwrite(chunk, 1, size, stdout);
+        if (status != KST_BAD_ARGUMENT || size <= room) continue;
+        free(chunk); /* too small for a large frame */
+        chunk = malloc(room = size);
+        status = KST_SUCCESS;
     }
+    free(chunk);
     kst_Close(&handle);
     kst_host_close(host);
 

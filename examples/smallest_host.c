@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <kestrel/kestrel.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,14 +85,20 @@ int main(int argc, char** argv) {
                                             seek_n_write, get_stream_size, is_eof, index_read,
                                             advance_read, check_status};
 
-    static unsigned char chunk[KST_LARGEST_CHUNK];
     mm_Interface* handle = NULL;
     int32_t status = kst_Open(&handle, &host, argv[2]);
-    while (status == KST_SUCCESS) {
-        uint32_t size = sizeof chunk;
+    uint32_t room = KST_LARGEST_CHUNK;
+    unsigned char* chunk = malloc(room);
+    while (status == KST_SUCCESS && chunk != NULL) {
+        uint32_t size = room;
         status = kst_ReadChunk(handle, chunk, &size, false);
         if (status == KST_SUCCESS) fwrite(chunk, 1, size, stdout);
+        if (status != KST_BAD_ARGUMENT || size <= room) continue;
+        free(chunk); /* too small for a large frame */
+        chunk = malloc(room = size);
+        status = KST_SUCCESS;
     }
+    free(chunk);
     kst_Close(&handle);
 
     close(fd);

@@ -38,7 +38,7 @@ int32_t read_chunk(mm_Interface* handle, Host& host, uint32_t room, bool flag, B
     uint32_t size = room;
     int32_t status = kst_ReadChunk(handle, buffer.data(), &size, flag);
     if (status == KST_BAD_ARGUMENT) {
-        check(size > room && size <= KST_LARGEST_CHUNK);
+        check(size > room && size <= KST_MAX_CHUNK);
         buffer.assign(size, 0);
         const uint32_t wanted = size;
         status = kst_ReadChunk(handle, buffer.data(), &size, flag);

@@ -113,7 +113,7 @@ bool nal_stream(View sample, const Case& how, Bytes& stream) {
     };
     kestrel::NalUnits units(sample, how.nal_length_size);
     for (kestrel::NalUnit unit; units.next(unit);) {
-        const uint8_t type = unit[0] & kestrel::kNalType;
+        const uint8_t type = unit[0] & kestrel::kNalTypeBits;
         if (type >= kFirstAggregate || (unit[0] & 0x80) != 0) return false;
         if (type == kSequenceSet || type == kPictureSet) sets_seen = true;
         if (type == kIdrSlice && !sets_seen) {

@@ -28,7 +28,8 @@ class Player {
     Player& operator=(const Player&) = delete;
     virtual ~Player() = default;
 
-    virtual int32_t read(std::span<uint8_t> buffer, uint32_t& size, bool arriving) = 0;
+    // Reads into the buffer, which grows where a chunk asks for more room.
+    virtual int32_t read(std::vector<uint8_t>& buffer, uint32_t& size, bool arriving) = 0;
     // Whether more data may undo the failure of a read.
     virtual bool may_arrive(int32_t status, uint32_t size) const = 0;
     // What was ready in front of a read that failed, put into the buffer; its size.
@@ -39,9 +40,13 @@ class FunctionPlayer final : public Player {
   public:
     explicit FunctionPlayer(Handle handle) : handle_(std::move(handle)) {}
 
-    int32_t read(std::span<uint8_t> buffer, uint32_t& size, bool arriving) override {
-        size = static_cast<uint32_t>(buffer.size());
-        return kst_ReadChunk(handle_.get(), buffer.data(), &size, arriving);
+    int32_t read(std::vector<uint8_t>& buffer, uint32_t& size, bool arriving) override {
+        for (;;) {
+            size = static_cast<uint32_t>(buffer.size());
+            const int32_t status = kst_ReadChunk(handle_.get(), buffer.data(), &size, arriving);
+            if (status != KST_BAD_ARGUMENT || size <= buffer.size()) return status;
+            buffer.resize(size);
+        }
     }
     // Data that has not arrived is not-yet, but a failure where it is missing for the first frame.
     bool may_arrive(int32_t status, uint32_t size) const override {
@@ -56,7 +61,7 @@ class ClassPlayer final : public Player {
   public:
     explicit ClassPlayer(ClassObject object) : object_(std::move(object)) {}
 
-    int32_t read(std::span<uint8_t> buffer, uint32_t& size, bool arriving) override {
+    int32_t read(std::vector<uint8_t>& buffer, uint32_t& size, bool arriving) override {
         size = static_cast<uint32_t>(buffer.size());
         return static_cast<int32_t>(object_->ReadChunk(buffer.data(), &size, arriving));
     }

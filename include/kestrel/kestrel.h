@@ -31,8 +31,14 @@ extern "C" {
 /* One open file and one of its tracks. Made by kst_Open, owned by the library until kst_Close. */
 typedef struct mm_Interface mm_Interface;
 
-/* A buffer of this many bytes has room for any chunk. */
-enum { KST_LARGEST_CHUNK = 64064 };
+enum {
+    /* A buffer of this many bytes has room for any chunk, but for that of a frame which takes more
+     * than 64,000 bytes with the headers of its packets. For such a one kst_ReadChunk returns
+     * KST_BAD_ARGUMENT with the bytes that it needs in `*size`. */
+    KST_LARGEST_CHUNK = 64064,
+    /* No chunk is larger. A longer frame is KST_FAILURE. */
+    KST_MAX_CHUNK = (16 << 20) + 64
+};
 
 /* Opens the file behind `callbacks` and selects the track that `mode` names.
  *

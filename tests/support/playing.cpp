@@ -29,8 +29,12 @@ Played read_to_end(const ReadCall& read, kst_host* host, const Playing& how) {
     played.opened = true;
     Bytes buffer(how.request);
     for (;;) {
-        uint32_t size = how.request;
+        auto size = static_cast<uint32_t>(buffer.size());
         played.status = read(buffer.data(), &size);
+        if (played.status == KST_BAD_ARGUMENT && size > buffer.size()) {
+            buffer.resize(size);
+            continue;
+        }
         played.stream.insert(played.stream.end(), buffer.begin(), buffer.begin() + size);
         if (played.status == KST_SUCCESS) continue;
         const bool later = may_arrive(played.status, size, how.road, flag_of(host, how));

@@ -69,6 +69,8 @@ void release(iso_file* file) {
         if (track->own->spool != nullptr) std::fclose(track->own->spool);
     }
     systemfree(file->mdat_buffer);
+    systemfree(file->own->large_sample.bytes);
+    systemfree(file->own->large_staging.bytes);
     safefree(file->first_chunk);
     std::free(file->own);
     std::free(file);

@@ -214,10 +214,4 @@ void begin_read(mm_Interface* record, bool flag) {
     record->read_calls++;
 }
 
-bool has_room(uint32_t* size, uint32_t needed) {
-    const bool fits = *size >= needed;
-    if (!fits) *size = needed;
-    return fits;
-}
-
 }  // namespace kestrel

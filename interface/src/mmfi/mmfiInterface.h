@@ -43,10 +43,6 @@ int32_t mmfi_seek(iso_track* track, uint32_t offset);
 // Stores the host's flag and counts the call: every reader begins so.
 void begin_read(mm_Interface* record, bool flag);
 
-// Whether a chunk of `needed` bytes fits what the host has told through `size`. When it does not,
-// `size` becomes what is needed.
-bool has_room(uint32_t* size, uint32_t needed);
-
 }  // namespace kestrel
 
 #endif

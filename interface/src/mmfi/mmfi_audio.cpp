@@ -2,9 +2,11 @@
 #include <cstring>
 
 #include "common/clock.h"
+#include "interface/src/isoff/record/record.h"
+#include "interface/src/mmfi/frame_store.h"
+#include "interface/src/mmfi/host_chunk.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/native_records.h"
-#include "kestrel/status.h"
 #include "native/codec/amr_format.h"
 
 // The audio readers: four header records, then two calls a speech frame. A sample holds frames in
@@ -27,7 +29,6 @@ constexpr uint32_t kFrameHeaderSize = sizeof(AUD_AudFrame_Native) + kZeroWord;
 constexpr uint32_t kModeByte = 1;
 // What the frame record counts besides the frame: the record, the zero word and the mode byte.
 constexpr uint32_t kFrameOverhead = kFrameHeaderSize + kModeByte;
-constexpr int kEndOfTrack = -1;
 
 // How the streams of the two bands differ.
 struct Band {
@@ -51,67 +52,71 @@ uint32_t frame_count(iso_track* track, const Band& band) {
     return frames;
 }
 
-int32_t put_property_record(mm_Interface* record, const Band& band, unsigned char* buffer,
-                            uint32_t* size) {
-    if (!has_room(size, sizeof(PROP_Header_Info))) return KST_BAD_ARGUMENT;
+int32_t put_property_record(mm_Interface* record, const Band& band, HostChunk chunk) {
+    if (!chunk.holds(sizeof(PROP_Header_Info))) return chunk.ask_for(sizeof(PROP_Header_Info));
     record->reader_state = kCodecRecord;
-    *size = static_cast<uint32_t>(tel_put_hdr_aud_prop(buffer, frame_count(record->track, band)));
-    return KST_SUCCESS;
+    return chunk.deliver(static_cast<uint32_t>(
+        tel_put_hdr_aud_prop(chunk.bytes(), frame_count(record->track, band))));
 }
 
-int32_t put_codec_record(mm_Interface* record, const Band& band, unsigned char* buffer,
-                         uint32_t* size) {
-    if (!has_room(size, sizeof(AUD_Codec_Header))) return KST_BAD_ARGUMENT;
+int32_t put_codec_record(mm_Interface* record, const Band& band, HostChunk chunk) {
+    if (!chunk.holds(sizeof(AUD_Codec_Header))) return chunk.ask_for(sizeof(AUD_Codec_Header));
     record->reader_state = kIndexRecord;
-    const int written = band.put_codec(buffer);
-    *size = static_cast<uint32_t>(std::max(written, 0));
+    const int written = band.put_codec(chunk.bytes());
     // A code outside the status table, kept on purpose.
-    return written < 0 ? int32_t{KST_CODEC_RECORD_FAILED} : int32_t{KST_SUCCESS};
+    if (written < 0) return chunk.deliver(0, KST_CODEC_RECORD_FAILED);
+    return chunk.deliver(static_cast<uint32_t>(written));
 }
 
-int32_t put_index_record(mm_Interface* record, const Band& band, unsigned char* buffer,
-                         uint32_t* size) {
-    if (!has_room(size, sizeof(AUD_Header_IndxInfo))) return KST_BAD_ARGUMENT;
+int32_t put_index_record(mm_Interface* record, const Band& band, HostChunk chunk) {
+    if (!chunk.holds(sizeof(AUD_Header_IndxInfo)))
+        return chunk.ask_for(sizeof(AUD_Header_IndxInfo));
     record->reader_state = kFileInfoRecord;
-    *size = static_cast<uint32_t>(tel_put_hdr_aud_index(buffer, frame_count(record->track, band)));
-    return KST_SUCCESS;
+    return chunk.deliver(static_cast<uint32_t>(
+        tel_put_hdr_aud_index(chunk.bytes(), frame_count(record->track, band))));
 }
 
-int32_t put_file_info_record(mm_Interface* record, const Band& band, unsigned char* buffer,
-                             uint32_t* size) {
-    if (!has_room(size, sizeof(VID_FileInfo))) return KST_BAD_ARGUMENT;
+int32_t put_file_info_record(mm_Interface* record, const Band& band, HostChunk chunk) {
+    if (!chunk.holds(sizeof(VID_FileInfo))) return chunk.ask_for(sizeof(VID_FileInfo));
     record->reader_state = kFrameHeader;
     double duration = 0.0;
     isoFFtrackInfo(record->track, nullptr, nullptr, &duration, nullptr);
-    *size = static_cast<uint32_t>(tel_put_hdr_fileInfo(buffer, duration));
+    const int written = tel_put_hdr_fileInfo(chunk.bytes(), duration);
     tel_native_init(&record->native, band.amr.native_payload_type, kMostPacketBytes,
                     NATIVE_MODE_PLAIN, record->track, 0);
-    return KST_SUCCESS;
+    return chunk.deliver(static_cast<uint32_t>(written));
 }
 
-// Reads the next sample that holds anything into the staging buffer: the bytes read, or what
-// isoFFread answered.
-int stage_sample(mm_Interface* record) {
-    int got;
-    do {
-        got = isoFFread(record->track, record->staging, kBufferSize, nullptr, nullptr);
-    } while (got == 0);
-    record->staged_from = 0;
-    record->staged_count = static_cast<uint16_t>(std::max(got, 0));
-    return got;
+// Stages the next sample that holds anything. Returns KST_SUCCESS, KST_END_OF_FILE, KST_NOT_YET, or
+// KST_FAILURE for a sample that cannot be read.
+int32_t stage_sample(mm_Interface* record) {
+    iso_track* track = record->track;
+    Staging staging(record);
+    while (track->cur_sample < track->sample_count) {
+        const uint32_t size = sample_size_of(track, track->cur_sample);
+        if (size > kMaxFrameBytes) return KST_FAILURE;
+        if (!may_allocate(track, size)) return KST_NOT_YET;
+        uint8_t* room = staging.room(size);
+        if (room == nullptr) return KST_FAILURE;
+        const int got = isoFFread(track, room, static_cast<int>(size), nullptr, nullptr);
+        if (got < 0) return KST_NOT_YET;
+        staging.replace(room, static_cast<uint32_t>(got));
+        if (got > 0) return KST_SUCCESS;
+    }
+    return KST_END_OF_FILE;
 }
 
 // The frame at the head of the staged bytes, taken into the sample buffer behind its mode byte.
 // Returns its size. What a cut frame lacks is filled with zeros.
 uint32_t take_frame(mm_Interface* record, const Band& band) {
-    const uint8_t* frame = record->staging + record->staged_from;
+    Staging staging(record);
+    const uint8_t* frame = staging.bytes();
     const int type = storage_frame_type(frame[0]);
     const auto size = static_cast<uint32_t>(storage_frame_size(band.amr.frame_bits[type]));
-    const uint32_t there = std::min<uint32_t>(size, record->staged_count);
+    const uint32_t there = std::min(size, staging.count());
     std::memcpy(record->sample_buffer(), frame, there);
     std::memset(record->sample_buffer() + there, 0, size - there);
-    record->staged_from += there;
-    record->staged_count = static_cast<uint16_t>(record->staged_count - there);
+    staging.consume(there);
 
     const int mode_byte = type * 16;
     if (mode_byte <= band.highest_mode_byte)
@@ -126,73 +131,67 @@ void step_clock(tel_native& native) {
     native.time_acc = clock_after(native.time_acc, native.hdr.clock / kAmrFramesPerSecond);
 }
 
-int32_t tell_not_yet(unsigned char* buffer, uint32_t* size) {
+// Not-yet leaves a frame record without a frame in the buffer, and delivers nothing.
+int32_t deliver_not_yet(HostChunk chunk) {
     const uint32_t record[sizeof(AUD_AudFrame_Native) / sizeof(uint32_t)] = {
         0, sizeof(AUD_AudFrame_Native)};
-    std::memcpy(buffer, record, sizeof record);
-    *size = 0;
-    return KST_NOT_YET;
+    std::memcpy(chunk.bytes(), record, sizeof record);
+    return chunk.deliver(0, KST_NOT_YET);
 }
 
-int32_t put_frame_header(mm_Interface* record, const Band& band, unsigned char* buffer,
-                         uint32_t* size) {
-    if (!has_room(size, kFrameHeaderSize)) return KST_BAD_ARGUMENT;
-    const bool new_sample = record->staged_count == 0;
-    const int got = new_sample ? stage_sample(record) : 1;
-    if (got == kEndOfTrack) {
-        *size = 0;
-        return KST_END_OF_FILE;
-    }
-    if (got < 0) return tell_not_yet(buffer, size);
+int32_t put_frame_header(mm_Interface* record, const Band& band, HostChunk chunk) {
+    if (!chunk.holds(kFrameHeaderSize)) return chunk.ask_for(kFrameHeaderSize);
+    const bool new_sample = Staging(record).count() == 0;
+    const int32_t status = new_sample ? stage_sample(record) : int32_t{KST_SUCCESS};
+    if (status == KST_NOT_YET) return deliver_not_yet(chunk);
+    if (status != KST_SUCCESS) return chunk.deliver(0, status);
 
     record->reader_state = kFrameBytes;
     const uint32_t frame_size = take_frame(record, band);
     step_clock(record->native);
-    band.put_frame(buffer, &record->native, frame_size + kFrameOverhead);
-    std::memset(buffer + sizeof(AUD_AudFrame_Native), 0, kZeroWord);
+    band.put_frame(chunk.bytes(), &record->native, frame_size + kFrameOverhead);
+    std::memset(chunk.bytes() + sizeof(AUD_AudFrame_Native), 0, kZeroWord);
     record->auxiliary_count = static_cast<uint16_t>(frame_size + kModeByte);
-    *size = kFrameHeaderSize;
-    return new_sample ? mmfi_seek(record->track, record->track->cur_offset) : int32_t{KST_SUCCESS};
+    return chunk.deliver(kFrameHeaderSize, new_sample
+                                               ? mmfi_seek(record->track, record->track->cur_offset)
+                                               : int32_t{KST_SUCCESS});
 }
 
-int32_t put_frame_bytes(mm_Interface* record, unsigned char* buffer, uint32_t* size) {
-    if (!has_room(size, record->auxiliary_count)) return KST_BAD_ARGUMENT;
+int32_t put_frame_bytes(mm_Interface* record, HostChunk chunk) {
+    if (!chunk.holds(record->auxiliary_count)) return chunk.ask_for(record->auxiliary_count);
     record->reader_state = kFrameHeader;
-    std::memcpy(buffer, record->mode_byte(), record->auxiliary_count);
-    *size = record->auxiliary_count;
-    return KST_SUCCESS;
+    std::memcpy(chunk.bytes(), record->mode_byte(), record->auxiliary_count);
+    return chunk.deliver(record->auxiliary_count);
 }
 
-int32_t read_audio(mm_Interface* record, const Band& band, unsigned char* buffer, uint32_t* size,
-                   bool flag) {
+int32_t read_audio(mm_Interface* record, const Band& band, HostChunk chunk, bool flag) {
     begin_read(record, flag);
     switch (record->reader_state) {
         case kPropertyRecord:
-            return put_property_record(record, band, buffer, size);
+            return put_property_record(record, band, chunk);
         case kCodecRecord:
-            return put_codec_record(record, band, buffer, size);
+            return put_codec_record(record, band, chunk);
         case kIndexRecord:
-            return put_index_record(record, band, buffer, size);
+            return put_index_record(record, band, chunk);
         case kFileInfoRecord:
-            return put_file_info_record(record, band, buffer, size);
+            return put_file_info_record(record, band, chunk);
         case kFrameHeader:
-            return put_frame_header(record, band, buffer, size);
+            return put_frame_header(record, band, chunk);
         case kFrameBytes:
-            return put_frame_bytes(record, buffer, size);
+            return put_frame_bytes(record, chunk);
         default:
-            *size = 0;
-            return KST_SUCCESS;
+            return chunk.deliver(0);
     }
 }
 
 }  // namespace
 
 int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_audio(record, kNarrowBandStream, buffer, size, flag);
+    return read_audio(record, kNarrowBandStream, {buffer, size}, flag);
 }
 
 int32_t mmfi_Read_AMRWB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_audio(record, kWideBandStream, buffer, size, flag);
+    return read_audio(record, kWideBandStream, {buffer, size}, flag);
 }
 
 }  // namespace kestrel

@@ -24,10 +24,19 @@ struct iso_run {
     iso_run* next;
 };
 
+// Memory for a frame that outgrows the buffers of a handle; from systemmalloc.
+struct iso_frame_buffer {
+    uint8_t* bytes;
+    uint32_t capacity, used;
+};
+
 struct iso_file_private : iso_file_details {
     iso_track* last_track;
     // 1: an allocation for the file failed, so something of it may be missing.
     uint32_t lacked_memory;
+
+    // Conversion layer.
+    iso_frame_buffer large_sample, large_staging;
 
     // Writer.
     uint32_t has_visual;          // 1: `iods` declares visual media (14496-1, table 5)

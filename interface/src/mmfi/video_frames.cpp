@@ -1,0 +1,181 @@
+#include "interface/src/mmfi/video_frames.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "interface/src/isoff/read/decoder_configuration.h"
+#include "interface/src/isoff/read/track_state.h"
+#include "interface/src/mmfi/frame_store.h"
+#include "interface/src/mmfi/mmfiInterface.h"
+#include "kestrel/codec.h"
+#include "kestrel/status.h"
+#include "native/codec/rtp_hint_sample.h"
+
+namespace kestrel {
+namespace {
+
+// Results of the ISO reader.
+constexpr int kEndOfTrack = 0;  // of a hint track
+constexpr int kNotYet = -2;     // a read that cannot be served now
+
+constexpr int kNoRoom = -1;  // of a packetiser
+constexpr uint8_t kVisualObjectSequence = 0xB0;
+constexpr uint8_t kVop = 0xB6;
+
+constexpr Gathered kFailed{KST_FAILURE, 0};
+constexpr Gathered kMissing{KST_NOT_YET, 0};
+constexpr Gathered kEnded{KST_END_OF_FILE, 0};
+
+// --- packets of the hint track ---
+
+bool has_marker(const uint8_t* packet) {
+    constexpr uint8_t kMarkerBit = 0x80;
+    return (packet[1] & kMarkerBit) != 0;
+}
+
+bool stage_rtp_packet(Staging& staging, uint8_t* packet, uint32_t length, int payload_type) {
+    uint8_t header[tel_header_size];
+    rtp2orb(packet, length, payload_type, 0);
+    tel_put_header_orb2tel(packet, header, payload_type);
+    return staging.append(header, sizeof header) &&
+           staging.append(packet + kRtpHeaderSize, length - kRtpHeaderSize);
+}
+
+// The parameter sets that go ahead of an H.264 stream.
+bool stage_parameter_sets(mm_Interface* record, iso_track* hint, int payload_type,
+                          uint32_t& packets) {
+    const iso_track* media = record->track;
+    packets = media->sps_count + media->pps_count;
+    const uint64_t size = media->param_sets_length + uint64_t{packets} * tel_header_size;
+    if (size > kMaxFrameBytes) return false;
+    Staging staging(record);
+    uint8_t* room = staging.room(static_cast<uint32_t>(size));
+    if (room == nullptr) return false;
+    int length = 0;
+    isoFFgetAvccDsi(hint, record->track, payload_type, room, &length);
+    staging.replace(room, static_cast<uint32_t>(length));
+    return true;
+}
+
+Gathered gather_packets(mm_Interface* record, int payload_type, iso_track* hint, bool first) {
+    Staging staging(record);
+    staging.clear();
+    uint32_t packets = 0;
+    const bool with_sets = first && record->track->codec == ISO_CODEC_AVC1;
+    if (with_sets && !stage_parameter_sets(record, hint, payload_type, packets)) return kFailed;
+    uint8_t* packet = record->sample_buffer();
+    for (bool marker = false; !marker; ++packets) {
+        const int length = isoFFrtpPacket(hint, packet);
+        if (length == kEndOfTrack) return kEnded;
+        if (length == kNotYet) return kMissing;
+        if (length < static_cast<int>(kRtpHeaderSize)) return kFailed;
+        marker = has_marker(packet);
+        if (!stage_rtp_packet(staging, packet, static_cast<uint32_t>(length), payload_type)) {
+            return kFailed;
+        }
+    }
+    record->track->last_payload_type = hint->last_payload_type;
+    return {KST_SUCCESS, packets};
+}
+
+// --- packets cut from a sample ---
+
+struct Sample {
+    uint8_t* bytes;
+    int length;
+    double duration;
+};
+
+// Reads the sample at the cursor, with room for a configuration ahead of it.
+int32_t read_sample(mm_Interface* record, Sample& sample) {
+    iso_track* track = record->track;
+    if (track->cur_sample >= track->sample_count) return KST_END_OF_FILE;
+    const uint32_t size = sample_size_of(track, track->cur_sample);
+    const uint32_t config = track->codec == ISO_CODEC_MP4V ? track->dsi_length : 0;
+    if (size > kMaxFrameBytes || config > kMaxFrameBytes - size) return KST_FAILURE;
+    if (!may_allocate(track, size)) return KST_NOT_YET;
+    sample.bytes = sample_room(record, size + config);
+    if (sample.bytes == nullptr) return KST_FAILURE;
+    sample.length =
+        isoFFread(track, sample.bytes, static_cast<int>(size), &sample.duration, nullptr);
+    if (sample.length == kNotYet) return KST_NOT_YET;
+    return sample.length < 0 ? int32_t{KST_FAILURE} : int32_t{KST_SUCCESS};
+}
+
+// The configuration headers of an intra MPEG-4 picture are kept; one that has none is given those
+// that were kept, ahead of it. False without memory.
+bool attach_mpeg4_config(iso_track* track, Sample& sample) {
+    if (!CheckForIFrame(sample.bytes, sample.length)) return true;
+    const int begin = FindStartCode(sample.bytes, sample.length, kVisualObjectSequence);
+    const int config =
+        begin < 0 ? 0 : FindStartCode(sample.bytes + begin, sample.length - begin, kVop);
+    if (config >= 1) {
+        return keep_dsi(track, {sample.bytes + begin, static_cast<size_t>(config)});
+    }
+    if (track->dsi == nullptr || track->dsi_length == 0) return true;
+    std::memmove(sample.bytes + track->dsi_length, sample.bytes,
+                 static_cast<size_t>(sample.length));
+    std::memcpy(sample.bytes, track->dsi, track->dsi_length);
+    sample.length += static_cast<int>(track->dsi_length);
+    return true;
+}
+
+// What the H.264 packetiser may write beyond the room it is given: four bytes for each fragment,
+// and a unit that is just longer than a packet makes two.
+uint32_t overrun(const iso_track* track, uint32_t capacity) {
+    return track->codec == ISO_CODEC_AVC1 ? 2 * 4 * (capacity / kMostPacketBytes + 1) : 0;
+}
+
+// Packetises the sample into the staging buffer, and where that is too small again into a larger
+// one.
+Gathered packetise(mm_Interface* record, const Sample& sample) {
+    Staging staging(record);
+    const tel_native before = record->native;
+    uint32_t capacity = kBufferSize;
+    for (;; capacity = std::min(2 * capacity, kMaxFrameBytes)) {
+        if (capacity < static_cast<uint32_t>(sample.length)) continue;
+        uint8_t* room = staging.room(capacity);
+        if (room == nullptr) return kFailed;
+        const int staged =
+            tel_native_packet(room, static_cast<int>(capacity - overrun(record->track, capacity)),
+                              sample.bytes, sample.length, sample.duration, &record->native);
+        if (staged >= 0) {
+            staging.replace(room, static_cast<uint32_t>(staged));
+            return {KST_SUCCESS, record->native.count - before.count};
+        }
+        if (staged != kNoRoom || capacity == kMaxFrameBytes) return kFailed;
+        record->native = before;
+    }
+}
+
+Gathered gather_sample(mm_Interface* record, const VideoPacketisation& how, bool first) {
+    iso_track* track = record->track;
+    if (first) {
+        tel_native_init(&record->native, how.payload_type, kMostPacketBytes, how.mode, track, 0);
+    }
+    Sample sample{};
+    const int32_t status = read_sample(record, sample);
+    if (status != KST_SUCCESS) return {status, 0};
+    if (track->codec == ISO_CODEC_MP4V && !attach_mpeg4_config(track, sample)) return kFailed;
+    return packetise(record, sample);
+}
+
+}  // namespace
+
+Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_track* hint,
+                      bool first) {
+    const TrackState media(record->track);
+    const TrackState source(hint != nullptr ? hint : record->track);
+    const tel_native native = record->native;
+    const Gathered gathered = hint != nullptr
+                                  ? gather_packets(record, how.payload_type, hint, first)
+                                  : gather_sample(record, how, first);
+    if (gathered.status == KST_SUCCESS) return gathered;
+    media.restore();
+    source.restore();
+    record->native = native;
+    Staging(record).clear();
+    return gathered;
+}
+
+}  // namespace kestrel
