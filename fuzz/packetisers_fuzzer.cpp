@@ -5,12 +5,12 @@
 #include <memory>
 
 #include "common/bytes.h"
+#include "companion/stream/depacketise.h"
 #include "fuzz/support/support.h"
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
 #include "kestrel/native_records.h"
 #include "native/codec/h264_units.h"
-#include "tools/depacketise.h"
 
 namespace {
 
@@ -90,10 +90,10 @@ Bytes concatenated(const Packets& packets) {
     return joined;
 }
 
-Bytes depacketised(const Packets& packets, tool::Medium medium) {
+Bytes depacketised(const Packets& packets, kestrel::stream::Medium medium) {
     Bytes joined;
-    const auto joiner = tool::make_depacketiser(
-        medium, {}, [&](View bytes) { joined.insert(joined.end(), bytes.begin(), bytes.end()); });
+    const auto joiner = kestrel::stream::make_depacketiser(
+        medium, {}, {[&](View bytes) { joined.insert(joined.end(), bytes.begin(), bytes.end()); }});
     for (const Bytes& packet : packets)
         joiner->packet(packet);
     joiner->finish();
@@ -131,11 +131,11 @@ void check_joined(const Packets& packets, View sample, const Case& how) {
     if (how.codec == ISO_CODEC_AVC1) {
         wanted.clear();
         if (!nal_stream(sample, how, wanted)) return;
-        check(depacketised(packets, tool::Medium::kH264) == wanted);
+        check(depacketised(packets, kestrel::stream::Medium::kH264) == wanted);
     } else if (how.codec == ISO_CODEC_S263 && how.mode == NATIVE_MODE_RFC2429) {
-        check(depacketised(packets, tool::Medium::kH263Rfc4629) == wanted);
+        check(depacketised(packets, kestrel::stream::Medium::kH263Rfc4629) == wanted);
     } else if (how.codec == ISO_CODEC_S263 && how.mode != NATIVE_MODE_PLAIN) {
-        check(depacketised(packets, tool::Medium::kH263Rfc2190) == wanted);
+        check(depacketised(packets, kestrel::stream::Medium::kH263Rfc2190) == wanted);
     } else {
         check(concatenated(packets) == wanted);
     }

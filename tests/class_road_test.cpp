@@ -10,9 +10,9 @@
 #include "boxes/simple3gp.h"
 #include "boxes/track_boxes.h"
 #include "common/bytes.h"
+#include "companion/stream/native_walk.h"
 #include "kestrel/native_records.h"
 #include "tests/support/playing.h"
-#include "tools/native_walk.h"
 
 // C3gpInterface on whole files: what comes out, however the file arrives, wherever playing begins
 // and whatever the host does.
@@ -90,7 +90,7 @@ std::ostream& operator<<(std::ostream& out, const Packet& p) {
 }
 
 // The packets of a stream; for speech, whose frames do not tell marker and type, one a frame.
-class PacketList final : public tool::RecordSink {
+class PacketList final : public kestrel::stream::RecordSink {
   public:
     std::vector<Packet> packets;
     Bytes speech = text("#!AMR\n");
@@ -98,10 +98,10 @@ class PacketList final : public tool::RecordSink {
     void speech_frame(std::span<const uint8_t> frame) override {
         speech.insert(speech.end(), frame.begin(), frame.end());
     }
-    void record(const tool::StreamRecord& record) override {
+    void record(const kestrel::stream::StreamRecord& record) override {
         const auto size = static_cast<uint32_t>(record.payload.size());
         const auto number = [&](const char* name) {
-            for (const tool::Field& field : record.fields) {
+            for (const kestrel::stream::Field& field : record.fields) {
                 if (field.name == name) return std::get<uint32_t>(field.value);
             }
             return 0u;
@@ -140,7 +140,7 @@ TEST_P(ClassRoad, PacketsAreThoseOfTheHintTrack) {
     const ClassFile& about = GetParam();
     const Bytes stream = whole_stream(load(about), about.mode);
     PacketList list;
-    tool::walk_native(stream, list);
+    kestrel::stream::walk_native(stream, list);
     ASSERT_FALSE(list.packets.empty());
     const std::vector<Packet> expected = true_packets(about, list.packets[0].sequence);
     EXPECT_FALSE(expected.empty());

@@ -1124,7 +1124,7 @@ class Inspect(ToolTest):
         packets = [r["fields"]["sequence"] for r in records if r["record"] == "TEL_Packet_Header"]
         self.assertEqual([(n - packets[0]) % 65536 for n in packets], list(range(56)))
         for at, value, reason in [(40, b"x", "names no codec"), (92, b"\xff", "does not"),
-                                  (96, b"\x09", "does not"), (104, b"\x05", "not 4 and 1"),
+                                  (96, b"\x09", "ends before its last"), (104, b"\x05", "not 4 and 1"),
                                   (112, b"\x01", "")]:
             damaged = stream[:at] + value + stream[at + 1:]
             self.assert_fails(run("inspect", "-", stdin=damaged), 1, reason)
@@ -1137,7 +1137,7 @@ class Inspect(ToolTest):
             (b"", 0, "ends inside PROP_Header_Info"),
             (stream[: frame + 30], frame + 25, "ends inside a speech frame"),
             (b"OTHER" + stream[5:], 0, "name of a medium"),
-            (stream[:frame] + b"\xff\xff\xff\xff" + stream[frame + 4:], None, "ends inside"),
+            (stream[:frame] + b"\xff\xff\xff\xff" + stream[frame + 4:], frame, "no frame has"),
             (stream[:frame] + b"\x3a" + stream[frame + 1:], frame, "cannot have"),
             (stream[:frame + 4] + b"\x14" + stream[frame + 5:], frame, "another coder"),
             (stream[:frame + 20] + b"\x01" + stream[frame + 21:], frame + 20, "is not 0"),

@@ -6,6 +6,7 @@
 #include <random>
 #include <sstream>
 
+#include "companion/stream/depacketise.h"
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
 #include "kestrel/isoff.h"
@@ -14,7 +15,6 @@
 #include "native/codec/h263_parse.h"
 #include "native/codec/h263_payload.h"
 #include "tests/support/files.h"
-#include "tools/depacketise.h"
 
 // Codec helpers, decoder configuration and the video packetisers.
 
@@ -67,10 +67,10 @@ std::vector<Packet> packets_of(const Bytes& out, int length) {
     return packets;
 }
 
-Bytes joined(const std::vector<Packet>& packets, tool::Medium medium) {
+Bytes joined(const std::vector<Packet>& packets, kestrel::stream::Medium medium) {
     Bytes out;
-    auto joiner = tool::make_depacketiser(
-        medium, {}, [&](auto bytes) { out.insert(out.end(), bytes.begin(), bytes.end()); });
+    auto joiner = kestrel::stream::make_depacketiser(
+        medium, {}, {[&](auto bytes) { out.insert(out.end(), bytes.begin(), bytes.end()); }});
     for (const Packet& packet : packets)
         joiner->packet(packet.payload);
     joiner->finish();
@@ -100,14 +100,14 @@ int packetise(tel_native& state, Bytes sample, Bytes& out, double duration = 0.0
 
 struct ModeCase {
     int mode;
-    tool::Medium medium;
+    kestrel::stream::Medium medium;
     size_t header;  // bytes in front of the payload
 };
 
 TEST(H263Packets, JoinToThePictureInEveryMode) {
-    const ModeCase modes[] = {{NATIVE_MODE_RFC2190, tool::Medium::kH263Rfc2190, 4},
-                              {NATIVE_MODE_RFC2190_MB, tool::Medium::kH263Rfc2190, 4},
-                              {NATIVE_MODE_RFC2429, tool::Medium::kH263Rfc4629, 2}};
+    const ModeCase modes[] = {{NATIVE_MODE_RFC2190, kestrel::stream::Medium::kH263Rfc2190, 4},
+                              {NATIVE_MODE_RFC2190_MB, kestrel::stream::Medium::kH263Rfc2190, 4},
+                              {NATIVE_MODE_RFC2429, kestrel::stream::Medium::kH263Rfc4629, 2}};
     for (const char* name : {"mb_qcif.h263", "mb_qcif_gob.h263", "mb_qcif_lowrate.h263"}) {
         const std::vector<Bytes> pictures = pictures_of(name);
         ASSERT_GT(pictures.size(), 20u);
@@ -402,7 +402,7 @@ TEST(H264Packets, FragmentsJoinAndAccountForTheirRoom) {
         Bytes out(40000);
         const int length = packetise(state, sample, out);
         const std::vector<Packet> packets = packets_of(out, length);
-        EXPECT_EQ(joined(packets, tool::Medium::kH264),
+        EXPECT_EQ(joined(packets, kestrel::stream::Medium::kH264),
                   join({{0, 0, 0, 1}, Bytes(sample.begin() + 2, sample.end())}));
         EXPECT_EQ(packets[0].payload[0], (0x61 & 0x60) | 28);
         EXPECT_EQ(packets[0].payload[1], 0x80 | 1);
@@ -663,7 +663,7 @@ TEST(H263Packets, OfAPeerJoinToItsSamples) {
     ASSERT_EQ(isoFFsetPosition(file.track, 0), 0);
     for (int length; (length = isoFFread(file.track, sample.data(), 64000, nullptr, nullptr)) > 0;)
         samples.insert(samples.end(), sample.begin(), sample.begin() + length);
-    EXPECT_EQ(joined(packets, tool::Medium::kH263Rfc2190), samples);
+    EXPECT_EQ(joined(packets, kestrel::stream::Medium::kH263Rfc2190), samples);
 }
 
 // --- helpers ---

@@ -1,10 +1,12 @@
+#include "companion/stream/native_walk.h"
 #include "tools/commands.h"
 #include "tools/json.h"
-#include "tools/native_walk.h"
 #include "tools/support.h"
 
 namespace tool {
 namespace {
+
+namespace stream = kestrel::stream;
 
 struct Options {
     std::string input;
@@ -25,22 +27,23 @@ struct AsJson {
     Json operator()(const std::string& text) const { return text.substr(0, text.find('\0')); }
 };
 
-class TextSink final : public RecordSink {
+class TextSink final : public stream::RecordSink {
   public:
-    void record(const StreamRecord& record) override {
-        std::printf("%8zu  %-20s", record.offset, record.name.c_str());
-        for (const Field& field : record.fields)
+    void record(const stream::StreamRecord& record) override {
+        std::printf("%8llu  %-20s", static_cast<unsigned long long>(record.offset),
+                    record.name.c_str());
+        for (const stream::Field& field : record.fields)
             std::printf(" %s %s", field.name.c_str(), std::visit(AsText{}, field.value).c_str());
         if (!record.payload.empty()) std::printf(" payload %zu bytes", record.payload.size());
         std::printf("\n");
     }
 };
 
-class JsonSink final : public RecordSink {
+class JsonSink final : public stream::RecordSink {
   public:
-    void record(const StreamRecord& record) override {
+    void record(const stream::StreamRecord& record) override {
         Json fields = Json::object();
-        for (const Field& field : record.fields)
+        for (const stream::Field& field : record.fields)
             fields[field.name] = std::visit(AsJson{}, field.value);
         Json out{{"offset", record.offset}, {"record", record.name}, {"fields", fields}};
         if (!record.payload.empty()) out["payload"] = hex(record.payload);
@@ -50,24 +53,35 @@ class JsonSink final : public RecordSink {
     Json records = Json::array();
 };
 
+template <typename Step>
+std::optional<stream::Damage> damage_in(Step step) {
+    try {
+        step();
+        return std::nullopt;
+    } catch (const stream::Damage& damage) {
+        return damage;
+    }
+}
+
 void inspect(const Options& options) {
-    const std::vector<uint8_t> stream = read_whole(options.input);
     TextSink text;
     JsonSink json;
-    std::optional<Damage> damage;
-    try {
-        walk_native(stream, options.json ? static_cast<RecordSink&>(json) : text);
-    } catch (const Damage& found) {
-        damage = found;
-    }
+    stream::NativeWalk walk(options.json ? static_cast<stream::RecordSink&>(json) : text);
+    std::optional<stream::Damage> damage;
+    uint64_t bytes = 0;
+    read_pieces(options.input, [&](auto piece) {
+        bytes += piece.size();
+        if (!damage) damage = damage_in([&] { walk.feed(piece); });
+    });
+    if (!damage) damage = damage_in([&] { walk.finish(); });
     if (options.json) {
-        Json out{{"bytes", stream.size()}, {"records", std::move(json.records)}};
+        Json out{{"bytes", bytes}, {"records", std::move(json.records)}};
         if (damage) out["damage"] = {{"offset", damage->offset}, {"reason", damage->reason}};
         std::printf("%s\n", json_text(out).c_str());
     }
     if (damage) {
         finish_standard_output();
-        throw Error(options.input + ": makes no sense from byte " + std::to_string(damage->offset) +
+        throw Error(options.input + ": damaged from byte " + std::to_string(damage->offset) +
                     " on: " + damage->reason);
     }
 }
@@ -77,7 +91,7 @@ void inspect(const Options& options) {
 void add_inspect(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
-        "inspect", "Walk a native stream record by record, and tell where it stops making sense");
+        "inspect", "Walk a native stream record by record, and report where it is damaged");
     command->add_option("STREAM", options->input, "Native stream; - is standard input")->required();
     command->add_flag("--json", options->json, "Print JSON");
     command->callback([options] { inspect(*options); });

@@ -1,14 +1,16 @@
 #include <cstring>
 
+#include "companion/stream/depacketise.h"
+#include "companion/stream/native_walk.h"
 #include "tools/commands.h"
-#include "tools/depacketise.h"
-#include "tools/native_walk.h"
 #include "tools/support.h"
 
 // A native stream back to the media file it came from.
 
 namespace tool {
 namespace {
+
+namespace stream = kestrel::stream;
 
 // The first bytes of a speech file (RFC 4867, 5.1).
 constexpr char kNarrowBandMagic[] = "#!AMR\n";
@@ -19,20 +21,22 @@ struct Options {
     std::string output;
 };
 
-class MediaSink final : public RecordSink {
+class MediaWriter final : public stream::RecordSink {
   public:
-    explicit MediaSink(Output& output) : output_(output) {}
+    explicit MediaWriter(Output& output) : output_(output) {}
 
-    void medium(Medium medium, std::span<const uint8_t> config) override {
-        if (medium == Medium::kNarrowBandSpeech) write_text(kNarrowBandMagic);
-        if (medium == Medium::kWideBandSpeech) write_text(kWideBandMagic);
-        depacketiser_ =
-            make_depacketiser(medium, config, [this](auto bytes) { output_.write(bytes); });
+    void header(const stream::StreamHeader& header) override {
+        if (header.medium == stream::Medium::kNarrowBandSpeech) write_text(kNarrowBandMagic);
+        if (header.medium == stream::Medium::kWideBandSpeech) write_text(kWideBandMagic);
+        depacketiser_ = stream::make_depacketiser(header.medium, header.config,
+                                                  {[this](auto bytes) { output_.write(bytes); }});
     }
 
     void speech_frame(std::span<const uint8_t> frame) override { output_.write(frame); }
 
-    void video_packet(std::span<const uint8_t> payload) override { depacketiser_->packet(payload); }
+    void video_packet(const stream::VideoPacket& packet) override {
+        depacketiser_->packet(packet.payload);
+    }
 
     void finish() {
         if (depacketiser_ != nullptr) depacketiser_->finish();
@@ -45,21 +49,32 @@ class MediaSink final : public RecordSink {
     }
 
     Output& output_;
-    std::unique_ptr<Depacketiser> depacketiser_;
+    std::unique_ptr<stream::Depacketiser> depacketiser_;
 };
 
 void unpack(const Options& options) {
-    const std::vector<uint8_t> stream = read_whole(options.input);
-    Output output(options.output, options.input);
-    MediaSink sink(output);
+    std::optional<Output> output;
+    std::optional<MediaWriter> media;
+    std::optional<stream::NativeWalk> walk;
+    const auto begin = [&] {  // only now, so that an input that cannot be read leaves no output
+        if (walk) return;
+        output.emplace(options.output, options.input);
+        media.emplace(*output);
+        walk.emplace(*media);
+    };
     try {
-        walk_native(stream, sink);
-    } catch (const Damage& damage) {
-        sink.finish();
-        throw Error(options.input + ": makes no sense from byte " + std::to_string(damage.offset) +
+        read_pieces(options.input, [&](auto piece) {
+            begin();
+            walk->feed(piece);
+        });
+        begin();
+        walk->finish();
+    } catch (const stream::Damage& damage) {
+        media->finish();
+        throw Error(options.input + ": damaged from byte " + std::to_string(damage.offset) +
                     " on: " + damage.reason + "; kept what came before");
     }
-    sink.finish();
+    media->finish();
 }
 
 }  // namespace

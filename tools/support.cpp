@@ -135,19 +135,23 @@ void finish_standard_output() {
     if (std::ferror(stdout) != 0) throw Error("standard output: not all of it could be written");
 }
 
-std::vector<uint8_t> read_whole(const std::string& path) {
-    Host host = open_host(path);
-    int waited = KST_HOST_MORE;
-    while (waited == KST_HOST_MORE)
-        waited = kst_host_wait(host.get());
-    if (waited == KST_HOST_FAULT) throw system_error(path);
-    std::vector<uint8_t> bytes(kst_host_bytes_available(host.get()));
-    auto count = static_cast<uint32_t>(bytes.size());
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host.get());
-    const uint32_t status =
-        callbacks->IndexRead(callbacks->Context, bytes.data(), 0, count, &count);
-    if (status != KST_HOST_OK || count != bytes.size()) throw system_error(path);
-    return bytes;
+void read_pieces(const std::string& path,
+                 const std::function<void(std::span<const uint8_t>)>& take) {
+    constexpr size_t kPiece = 256 << 10;
+    const int descriptor = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) throw system_error(path);
+    const auto close_file = [&](const int*) {
+        if (descriptor != STDIN_FILENO) close(descriptor);
+    };
+    const std::unique_ptr<const int, decltype(close_file)> closer(&descriptor, close_file);
+    std::vector<uint8_t> piece(kPiece);
+    for (;;) {
+        const ssize_t got = read(descriptor, piece.data(), piece.size());
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) throw system_error(path);
+        if (got == 0) return;
+        take(std::span(piece).first(static_cast<size_t>(got)));
+    }
 }
 
 namespace {

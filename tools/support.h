@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -111,8 +112,9 @@ void hold_standard_streams();
 // Writes out what waits for standard output; throws when not all of it could be written.
 void finish_standard_output();
 
-// All bytes of a file, or of standard input for "-".
-std::vector<uint8_t> read_whole(const std::string& path);
+// Passes the bytes of a file, or of standard input for "-", to `take` piece by piece as they come.
+void read_pieces(const std::string& path,
+                 const std::function<void(std::span<const uint8_t>)>& take);
 
 // A line on the terminal for work that takes longer than a moment; nothing anywhere else.
 class Progress {

@@ -1,13 +1,12 @@
-#include "tools/depacketise.h"
+#include "companion/stream/depacketise.h"
 
 #include <algorithm>
 
 #include "common/bytes.h"
+#include "native/codec/nal_unit.h"
 
-namespace tool {
+namespace kestrel::stream {
 namespace {
-
-constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
 
 // RFC 4629: a header of two bytes and what it announces; P stands for the two zero bytes of a start
 // code.
@@ -27,7 +26,7 @@ class Rfc4629 final : public Depacketiser {
 };
 
 // RFC 2190: a header of 4, 8 or 12 bytes. A byte that two packets share is put together from both,
-// by the bits that their headers tell.
+// by the bits that their headers declare.
 class Rfc2190 final : public Depacketiser {
   public:
     using Depacketiser::Depacketiser;
@@ -35,26 +34,29 @@ class Rfc2190 final : public Depacketiser {
     void packet(std::span<const uint8_t> payload) override {
         const Header header = parse(payload);
         if (payload.size() <= header.size) return;
-        std::vector<uint8_t> bytes(payload.begin() + static_cast<long>(header.size), payload.end());
-        if (has_held_) join_held(header, bytes.front());
+        const auto bytes = payload.subspan(header.size);
+        uint8_t first = bytes.front();
+        const bool joined = has_held_ && join_held(header, first);
         // The last byte may be shared, which only the next packet settles.
-        held_ = bytes.back();
+        held_ = bytes.size() == 1 ? first : bytes.back();
         held_by_ = header;
         has_held_ = true;
-        bytes.pop_back();
-        emit(bytes);
+        if (bytes.size() == 1) return;
+        if (joined) emit({&first, 1});
+        emit(bytes.subspan(joined ? 1 : 0, bytes.size() - (joined ? 2 : 1)));
     }
 
     void finish() override {
         if (has_held_) emit({&held_, 1});
+        has_held_ = false;
     }
 
   private:
     struct Header {
         size_t size = 4;
-        bool tells_bits = true;
-        unsigned start_bit = 0;    // of the first byte
-        unsigned bits_behind = 0;  // of the last byte, which are not this packet's
+        bool has_bits = true;
+        unsigned start_bit = 0;   // of the first byte
+        unsigned bits_after = 0;  // of the last byte, which are not this packet's
     };
 
     // Some writers spoil mode B headers with negative vectors: ones all the way to the front.
@@ -74,19 +76,21 @@ class Rfc2190 final : public Depacketiser {
                 true, payload[0] >> 3 & 7u, payload[0] & 7u};
     }
 
-    // Settles the byte held back, in front of a packet that begins with `first`.
-    void join_held(const Header& next, uint8_t& first) {
-        const bool shared = held_by_.tells_bits ? held_by_.bits_behind != 0 &&
-                                                      (!next.tells_bits || next.start_bit != 0)
-                            : next.tells_bits ? next.start_bit != 0
-                                              : held_ == first;
+    // Settles the byte held back, before a packet that begins with `first`. True when the two are
+    // one, which `first` then is.
+    bool join_held(const Header& next, uint8_t& first) {
+        const bool shared =
+            held_by_.has_bits ? held_by_.bits_after != 0 && (!next.has_bits || next.start_bit != 0)
+            : next.has_bits   ? next.start_bit != 0
+                              : held_ == first;
         if (!shared) {
             emit({&held_, 1});
-        } else if (held_by_.tells_bits && next.tells_bits) {
-            const auto mine = static_cast<uint8_t>(0xFF << held_by_.bits_behind);
+        } else if (held_by_.has_bits && next.has_bits) {
+            const auto mine = static_cast<uint8_t>(0xFF << held_by_.bits_after);
             const auto its = static_cast<uint8_t>(0xFF >> next.start_bit);
             first = static_cast<uint8_t>((held_ & mine) | (first & its));
         }
+        return shared;
     }
 
     bool has_held_ = false;
@@ -94,17 +98,17 @@ class Rfc2190 final : public Depacketiser {
     Header held_by_;
 };
 
-// RFC 6416: the stream itself; or RFC 3640, where the AU headers and their length in bits go in
-// front of it. The first packet tells which: only in the former it begins with a start code. The
-// configuration goes in front unless the stream has it.
+// RFC 6416: the stream itself; or RFC 3640, where the AU headers and their length in bits go before
+// it. The first packet shows which: only in the former it begins with a start code. The
+// configuration goes first unless the stream has it.
 class Mpeg4 final : public Depacketiser {
   public:
-    Mpeg4(std::span<const uint8_t> config, ByteSink sink)
+    Mpeg4(std::span<const uint8_t> config, MediaSink sink)
         : Depacketiser(std::move(sink)), config_(config.begin(), config.end()) {}
 
     void packet(std::span<const uint8_t> payload) override {
         if (!begun_) has_au_headers_ = !begins_with(payload, kStartCodePrefix);
-        if (has_au_headers_) payload = behind_au_headers(payload);
+        if (has_au_headers_) payload = after_au_headers(payload);
         if (!begun_ && !begins_with(payload, kVisualObjectSequence)) emit(config_);
         begun_ = true;
         emit(payload);
@@ -119,9 +123,9 @@ class Mpeg4 final : public Depacketiser {
                std::equal(code.begin(), code.end(), payload.begin());
     }
 
-    static std::span<const uint8_t> behind_au_headers(std::span<const uint8_t> payload) {
+    static std::span<const uint8_t> after_au_headers(std::span<const uint8_t> payload) {
         if (payload.size() < 2) return {};
-        const size_t headers = 2 + (size_t{kestrel::load_be16(payload.data())} + 7) / 8;
+        const size_t headers = 2 + (size_t{load_be16(payload.data())} + 7) / 8;
         return headers <= payload.size() ? payload.subspan(headers) : std::span<const uint8_t>();
     }
 
@@ -130,54 +134,71 @@ class Mpeg4 final : public Depacketiser {
     bool begun_ = false;
 };
 
-// RFC 6184: single NAL units, aggregates (STAP-A) and fragments (FU-A), each behind a start code.
+// RFC 6184: single NAL units, aggregates (STAP-A) and fragments (FU-A).
 class H264 final : public Depacketiser {
   public:
     using Depacketiser::Depacketiser;
 
     void packet(std::span<const uint8_t> payload) override {
-        constexpr uint8_t kStapA = 24, kFuA = 28;
         if (payload.empty()) return;
-        const uint8_t type = payload[0] & 0x1F;
+        const uint8_t type = nal_type(payload);
+        if (type == kFuA) {
+            fragment(payload);
+            return;
+        }
+        in_fragments_ = false;
         if (type == kStapA) {
             aggregate(payload.subspan(1));
-        } else if (type == kFuA) {
-            fragment(payload);
         } else {
             unit(payload);
         }
     }
 
+    void finish() override { in_fragments_ = false; }
+
   private:
     void unit(std::span<const uint8_t> nal) const {
-        emit(kStartCode);
+        begin_unit();
         emit(nal);
     }
 
     void aggregate(std::span<const uint8_t> units) const {
-        kestrel::ByteReader reader(units);
+        ByteReader reader(units);
         while (reader.remaining() > 2) {
             const auto nal = reader.take(reader.be16());
             if (reader.ok()) unit(nal);
         }
     }
 
-    void fragment(std::span<const uint8_t> payload) const {
-        constexpr uint8_t kStart = 0x80;
+    // A unit whose first fragment is missing begins with the one that is there.
+    void fragment(std::span<const uint8_t> payload) {
+        constexpr uint8_t kStart = 0x80, kEnd = 0x40;
         if (payload.size() < 2) return;
-        if (payload[1] & kStart) {
-            const uint8_t header = static_cast<uint8_t>((payload[0] & 0xE0) | (payload[1] & 0x1F));
-            emit(kStartCode);
+        if ((payload[1] & kStart) != 0 || !in_fragments_) {
+            const auto header =
+                static_cast<uint8_t>((payload[0] & 0xE0) | (payload[1] & kNalTypeBits));
+            begin_unit();
             emit({&header, 1});
         }
+        in_fragments_ = (payload[1] & kEnd) == 0;
         emit(payload.subspan(2));
     }
+
+    bool in_fragments_ = false;  // the next fragment goes on with the same unit
 };
 
 }  // namespace
 
+void Depacketiser::begin_unit() const {
+    if (sink_.begin_unit) {
+        sink_.begin_unit();
+    } else {
+        sink_.bytes(kStartCode);
+    }
+}
+
 std::unique_ptr<Depacketiser> make_depacketiser(Medium medium, std::span<const uint8_t> config,
-                                                ByteSink sink) {
+                                                MediaSink sink) {
     switch (medium) {
         case Medium::kH263Rfc2190:
             return std::make_unique<Rfc2190>(std::move(sink));
@@ -192,4 +213,4 @@ std::unique_ptr<Depacketiser> make_depacketiser(Medium medium, std::span<const u
     }
 }
 
-}  // namespace tool
+}  // namespace kestrel::stream
