@@ -8,6 +8,8 @@
 #include <variant>
 #include <vector>
 
+#include "kestrel/kestrel.h"
+
 namespace kestrel::stream {
 
 // A field of a record: a number, or bytes shown in hex, or a text.
@@ -92,7 +94,7 @@ struct Damage {
 };
 
 // No frame of a native stream is longer, its record and packets together.
-inline constexpr uint32_t kMostFrameBytes = 16 << 20;
+inline constexpr uint32_t kMostFrameBytes = KST_MAX_CHUNK;
 
 // Walks a stream that arrives in pieces. Memory: at most one frame, and never more than was fed.
 // feed() and finish() throw Damage at the first damaged place; the walk is over then.
