@@ -728,33 +728,6 @@ class Hint(ToolTest):
         self.assert_fails(run("hint", sample("amrnb_plain"), "-o", self.scratch / "no" / "out"), 1,
                           "No such file")
 
-    def test_interrupt_leaves_what_was_there(self):
-        # One picture is so large that its writing can be watched.
-        data = bytearray(pathlib.Path(sample("mpeg4_plain")).read_bytes())
-        self.assertLess(data.index(b"moov"), data.index(b"mdat"))
-        stsz = data.index(b"stsz") + 4
-        count = int.from_bytes(data[stsz + 8:stsz + 12], "big")
-        last = stsz + 8 + 4 * count
-        size = int.from_bytes(data[last:last + 4], "big")
-        data[last:last + 4] = (size + (60 << 20)).to_bytes(4, "big")
-        large, old = self.scratch / "large.3gp", self.scratch / "old.3gp"
-        large.write_bytes(data + b"\1" * (60 << 20))
-        old.write_bytes(b"old")
-        there = self.folder()
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            for _ in range(20):
-                old.write_bytes(b"old")
-                with subprocess.Popen([TOOL, "hint", large, "-o", old, "--mtu", "65535"]) as tool:
-                    while tool.poll() is None and self.folder() == there:
-                        pass
-                    tool.send_signal(number)
-                self.assertIn(tool.returncode, (0, -number))
-                self.assertEqual(self.folder(), there)
-                if tool.returncode != 0:
-                    break
-            self.assertEqual(tool.returncode, -number)  # was caught in the act
-            self.assertEqual(old.read_bytes(), b"old")
-
     def hint(self, source, *options):
         out = self.scratch / "hinted.3gp"
         result = run("hint", source, "-o", out, *options)
@@ -986,7 +959,13 @@ def needs_root(test):
 class Outputs(ToolTest):
     """What an output replaces, follows and leaves."""
 
-    COMMANDS = [("hint", sample("amrnb_plain")), ("report", sample("amrnb_plain"))]
+    COMMANDS = [("hint", sample("amrnb_plain")), ("report", sample("amrnb_plain")),
+                ("unpack", "stream")]
+
+    def setUp(self):
+        super().setUp()
+        stream = self.scratch / "stream"
+        stream.write_bytes(self.extract("amrnb_plain", "ar"))
 
     def write(self, command, out, **options):
         options = {"umask": 0o022, **options}
@@ -1084,6 +1063,27 @@ class Outputs(ToolTest):
                 with self.subTest(command=command[0], folder=oct(folder), file=oct(mode)):
                     self.assert_leaves_all(command, "locked/victim", message, victim, **user)
 
+    def test_every_signal_that_ends_the_process_takes_the_temporary_file_along(self):
+        old = self.scratch / "old"
+        old.write_bytes(b"old")
+        stream = self.extract("amrnb_plain", "ar")
+        others = {signal.SIGKILL, signal.SIGSTOP, signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU,
+                  signal.SIGCHLD, signal.SIGCONT, signal.SIGURG, signal.SIGWINCH, signal.SIGXFSZ}
+        if b"__asan_" in pathlib.Path(TOOL).read_bytes():  # has handlers of its own
+            others |= {signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, signal.SIGILL, signal.SIGABRT}
+        for number in sorted(signal.valid_signals() - others):
+            there = self.listing()
+            with self.subTest(signal=number), subprocess.Popen(
+                    [TOOL, "unpack", "-", "-o", old], stdin=subprocess.PIPE,
+                    preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CORE, (0, 0))) as tool:
+                tool.stdin.write(stream[:1000])
+                tool.stdin.flush()
+                while self.listing() == there:
+                    self.assertIsNone(tool.poll())
+                tool.send_signal(number)
+                self.assertEqual(tool.wait(timeout=60), -number)
+                self.assertEqual((self.listing(), old.read_bytes()), (there, b"old"))
+
     def test_streams_of_the_process_are_written_as_they_are(self):
         for command in self.COMMANDS:
             plain = self.write(command, "-").stdout
@@ -1091,7 +1091,8 @@ class Outputs(ToolTest):
             with (self.scratch / "out").open("wb") as out:
                 out.write(b"before ")
                 out.flush()
-                subprocess.run([TOOL, *command, "-o", "-"], stdout=out, check=True, timeout=60)
+                subprocess.run([TOOL, *command, "-o", "-"], cwd=self.scratch, stdout=out,
+                               check=True, timeout=60)
             self.assertEqual((self.scratch / "out").read_bytes(), b"before " + plain)
 
 
@@ -1149,11 +1150,62 @@ class Inspect(ToolTest):
                 damage = json.loads(result.stdout)["damage"]
                 if at is not None:
                     self.assertEqual(damage["offset"], at)
+        self.assert_fails(run("inspect", sample("amrnb_plain")), 1, "extract a track of it first")
         # Unpacking keeps what comes before the damage.
         result = run("unpack", "-", "-o", "-", stdin=bytes(stream[: frame + 30]))
-        self.assert_fails(result, 1, "kept what came before")
+        self.assert_fails(result, 1, "kept what comes before, left out 5 bytes")
         truth = (SAMPLES / "truth" / "amrnb.amr").read_bytes()
         self.assertEqual(result.stdout, truth[: 6 + 3 * 32])
+
+    def test_longer_than_memory(self):
+        stream = self.extract("amrnb_plain", "ar")
+        padding = 200 << 20
+        header = bytearray(stream[:68])
+        header[8:12] = (68 + padding).to_bytes(4, "little")
+        header[16:20] = padding.to_bytes(4, "little")
+        with (self.scratch / "long.native").open("wb") as file:
+            file.write(header)
+            file.seek(padding, os.SEEK_CUR)
+            file.write(stream[68:])
+
+        def run_in_little_memory(*arguments):
+            limit = 100 << 20
+            if b"__asan_" in pathlib.Path(TOOL).read_bytes():
+                limit = resource.RLIM_INFINITY
+            return subprocess.run(
+                [TOOL, *arguments], cwd=self.scratch, capture_output=True, timeout=120, check=True,
+                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit))).stdout
+
+        records = run_in_little_memory("inspect", "long.native").splitlines()
+        self.assertEqual(len(records), 4 + 298)
+        self.assertEqual(int(records[4].split()[0]), 68 + padding)
+        self.assertEqual(run_in_little_memory("unpack", "long.native", "-o", "-"),
+                         (SAMPLES / "truth" / "amrnb.amr").read_bytes())
+
+    def test_unpacking_what_lacks_packets_fails(self):
+        stream = self.extract("h264_hinted", "vr")
+        records = json.loads(run("inspect", "-", "--json", stdin=stream).stdout)["records"]
+        starts = [r["offset"] for r in records if r["record"] == "VID_Frame_Record"]
+        packets = [r for r in records if r["record"] == "TEL_Packet_Header"]
+        inside = sum(starts[3] <= packet["offset"] < starts[5] for packet in packets)
+        reserved = bytearray(stream)
+        payload = bytes.fromhex(packets[9]["payload"])
+        reserved[stream.index(payload)] = 30  # a reserved type of NAL unit
+        for damaged, message in [(stream[:starts[3]] + stream[starts[5]:],
+                                  f"{inside} packets are missing"),
+                                 (bytes(reserved), "1 packet is malformed")]:
+            result = run("unpack", "-", "-o", "-", stdin=damaged)
+            self.assert_fails(result, 1, f"standard input: {message}; kept the rest")
+            self.assertGreater(len(result.stdout), len(stream) // 2)
+
+    def test_where_nothing_is_unpacked_the_output_stays(self):
+        stream = self.extract("amrnb_plain", "ar")
+        out = self.scratch / "out"
+        for content in [b"", b"no stream", stream[:40], stream[:68], stream[:70]]:
+            out.write_bytes(b"old")
+            self.assertEqual(run("unpack", "-", "-o", out, stdin=content).returncode, 1)
+            self.assertEqual(out.read_bytes(), b"old")
+        self.assertEqual([path.name for path in self.scratch.iterdir()], ["out"])
 
 
 if __name__ == "__main__":

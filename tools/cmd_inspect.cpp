@@ -1,7 +1,6 @@
-#include "companion/stream/native_walk.h"
 #include "tools/commands.h"
 #include "tools/json.h"
-#include "tools/support.h"
+#include "tools/native_file.h"
 
 namespace tool {
 namespace {
@@ -39,51 +38,48 @@ class TextSink final : public stream::RecordSink {
     }
 };
 
+// Prints the records as they come: a stream may be larger than the memory.
 class JsonSink final : public stream::RecordSink {
   public:
+    JsonSink() { std::printf("{\n  \"records\": ["); }
+
     void record(const stream::StreamRecord& record) override {
         Json fields = Json::object();
         for (const stream::Field& field : record.fields)
             fields[field.name] = std::visit(AsJson{}, field.value);
         Json out{{"offset", record.offset}, {"record", record.name}, {"fields", fields}};
         if (!record.payload.empty()) out["payload"] = hex(record.payload);
-        records.push_back(std::move(out));
+        std::printf("%s\n    %s", any_ ? "," : "", json_text(out, 4).c_str());
+        any_ = true;
     }
 
-    Json records = Json::array();
+    void finish(uint64_t bytes, const std::optional<stream::Damage>& damage) const {
+        std::printf("%s],\n  \"bytes\": %llu", any_ ? "\n  " : "",
+                    static_cast<unsigned long long>(bytes));
+        if (damage) {
+            const Json about{{"offset", damage->offset}, {"reason", damage->reason}};
+            std::printf(",\n  \"damage\": %s", json_text(about, 2).c_str());
+        }
+        std::printf("\n}\n");
+    }
+
+  private:
+    bool any_ = false;
 };
 
-template <typename Step>
-std::optional<stream::Damage> damage_in(Step step) {
-    try {
-        step();
-        return std::nullopt;
-    } catch (const stream::Damage& damage) {
-        return damage;
-    }
-}
-
 void inspect(const Options& options) {
-    TextSink text;
-    JsonSink json;
-    stream::NativeWalk walk(options.json ? static_cast<stream::RecordSink&>(json) : text);
-    std::optional<stream::Damage> damage;
-    uint64_t bytes = 0;
-    read_pieces(options.input, [&](auto piece) {
-        bytes += piece.size();
-        if (!damage) damage = damage_in([&] { walk.feed(piece); });
-    });
-    if (!damage) damage = damage_in([&] { walk.finish(); });
+    WalkedFile walked;
     if (options.json) {
-        Json out{{"bytes", bytes}, {"records", std::move(json.records)}};
-        if (damage) out["damage"] = {{"offset", damage->offset}, {"reason", damage->reason}};
-        std::printf("%s\n", json_text(out).c_str());
+        JsonSink sink;
+        walked = walk_file(options.input, sink);
+        sink.finish(walked.bytes, walked.damage);
+    } else {
+        TextSink sink;
+        walked = walk_file(options.input, sink);
     }
-    if (damage) {
-        finish_standard_output();
-        throw Error(options.input + ": damaged from byte " + std::to_string(damage->offset) +
-                    " on: " + damage->reason);
-    }
+    if (!walked.damage) return;
+    finish_standard_output();
+    throw damage_error(options.input, *walked.damage);
 }
 
 }  // namespace

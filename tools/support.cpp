@@ -1,21 +1,32 @@
 #include "tools/support.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "tools/descriptor.h"
+
 namespace tool {
 
+std::string input_name(const std::string& path) {
+    return path == "-" ? "standard input" : path;
+}
+
+Error file_error(const std::string& file, const std::string& text, ExitCode code) {
+    return Error(input_name(file) + ": " + text, code);
+}
+
 Error system_error(const std::string& file) {
-    return Error(file + ": " + std::strerror(errno));
+    return file_error(file, std::strerror(errno));
 }
 
 Error status_error(const std::string& file, int32_t status, const std::string& more) {
-    return Error(
-        file + ": " + kst_StatusString(status) + " (" + std::to_string(status) + ")" + more,
+    return file_error(
+        file, std::string(kst_StatusString(status)) + " (" + std::to_string(status) + ")" + more,
         status == KST_BAD_MODE ? kWrongUsage : kFailed);
 }
 
@@ -26,14 +37,14 @@ Host open_host(const std::string& path, std::optional<uint32_t> arriving) {
         host.reset(kst_host_from_pipe(STDIN_FILENO));
     } else if (stat(path.c_str(), &about) == 0 && S_ISFIFO(about.st_mode)) {
         // Opening it would wait for a writer.
-        throw Error(path + ": Is a pipe; give it as standard input, -");
+        throw file_error(path, "Is a pipe; give it as standard input, -");
     } else if (arriving) {
         host.reset(kst_host_from_growing_file(path.c_str(), *arriving));
     } else {
         host.reset(kst_host_from_file(path.c_str()));
     }
     if (host == nullptr) throw system_error(path);
-    set_remark_file(path == "-" ? "standard input" : path);
+    set_remark_file(input_name(path));
     return host;
 }
 
@@ -86,7 +97,7 @@ bool is_same_file(const std::string& path, const std::string& input) {
 
 void refuse_input_as_output(const std::string& path, const std::string& input) {
     if (!is_same_file(path, input)) return;
-    throw Error(path + ": is the input; choose another output", kWrongUsage);
+    throw file_error(path, "is the input; choose another output", kWrongUsage);
 }
 
 Output::Output(const std::string& path, const std::string& input)
@@ -138,16 +149,15 @@ void finish_standard_output() {
 void read_pieces(const std::string& path,
                  const std::function<void(std::span<const uint8_t>)>& take) {
     constexpr size_t kPiece = 256 << 10;
-    const int descriptor = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const Descriptor opened(path == "-" ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const int descriptor = path == "-" ? STDIN_FILENO : opened.get();
     if (descriptor < 0) throw system_error(path);
-    const auto close_file = [&](const int*) {
-        if (descriptor != STDIN_FILENO) close(descriptor);
-    };
-    const std::unique_ptr<const int, decltype(close_file)> closer(&descriptor, close_file);
     std::vector<uint8_t> piece(kPiece);
     for (;;) {
+        pollfd ready{descriptor, POLLIN, 0};
+        static_cast<void>(poll(&ready, 1, -1));  // for a pipe that does not block
         const ssize_t got = read(descriptor, piece.data(), piece.size());
-        if (got < 0 && errno == EINTR) continue;
+        if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (got < 0) throw system_error(path);
         if (got == 0) return;
         take(std::span(piece).first(static_cast<size_t>(got)));

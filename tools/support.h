@@ -33,6 +33,12 @@ struct Error : std::runtime_error {
     ExitCode exit_code;
 };
 
+// What a path is called in messages: "standard input" for "-".
+std::string input_name(const std::string& path);
+
+// "FILE: TEXT".
+Error file_error(const std::string& file, const std::string& text, ExitCode code = kFailed);
+
 // "FILE: TEXT", with the reason that the system left in errno.
 Error system_error(const std::string& file);
 

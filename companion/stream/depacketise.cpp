@@ -14,14 +14,16 @@ class Rfc4629 final : public Depacketiser {
   public:
     using Depacketiser::Depacketiser;
 
-    void packet(std::span<const uint8_t> payload) override {
-        if (payload.size() < 2) return;
+    bool packet(std::span<const uint8_t> payload) override {
+        if (payload.size() < 2) return false;
         const bool start_code = (payload[0] & 0x04) != 0;
         const bool redundancy = (payload[0] & 0x02) != 0;  // one byte of VRC
         const auto extra_header = static_cast<size_t>((payload[0] & 1) << 5 | payload[1] >> 3);
         const size_t headers = 2 + (redundancy ? 1 : 0) + extra_header;
+        if (headers > payload.size()) return false;
         if (start_code) emit(std::span(kStartCode).first(2));
-        if (headers <= payload.size()) emit(payload.subspan(headers));
+        emit(payload.subspan(headers));
+        return true;
     }
 };
 
@@ -31,9 +33,9 @@ class Rfc2190 final : public Depacketiser {
   public:
     using Depacketiser::Depacketiser;
 
-    void packet(std::span<const uint8_t> payload) override {
+    bool packet(std::span<const uint8_t> payload) override {
         const Header header = parse(payload);
-        if (payload.size() <= header.size) return;
+        if (payload.size() <= header.size) return false;
         const auto bytes = payload.subspan(header.size);
         uint8_t first = bytes.front();
         const bool joined = has_held_ && join_held(header, first);
@@ -41,9 +43,10 @@ class Rfc2190 final : public Depacketiser {
         held_ = bytes.size() == 1 ? first : bytes.back();
         held_by_ = header;
         has_held_ = true;
-        if (bytes.size() == 1) return;
+        if (bytes.size() == 1) return true;
         if (joined) emit({&first, 1});
         emit(bytes.subspan(joined ? 1 : 0, bytes.size() - (joined ? 2 : 1)));
+        return true;
     }
 
     void finish() override {
@@ -106,12 +109,13 @@ class Mpeg4 final : public Depacketiser {
     Mpeg4(std::span<const uint8_t> config, MediaSink sink)
         : Depacketiser(std::move(sink)), config_(config.begin(), config.end()) {}
 
-    void packet(std::span<const uint8_t> payload) override {
+    bool packet(std::span<const uint8_t> payload) override {
         if (!begun_) has_au_headers_ = !begins_with(payload, kStartCodePrefix);
         if (has_au_headers_) payload = after_au_headers(payload);
         if (!begun_ && !begins_with(payload, kVisualObjectSequence)) emit(config_);
         begun_ = true;
         emit(payload);
+        return !payload.empty();
     }
 
   private:
@@ -139,19 +143,15 @@ class H264 final : public Depacketiser {
   public:
     using Depacketiser::Depacketiser;
 
-    void packet(std::span<const uint8_t> payload) override {
-        if (payload.empty()) return;
+    bool packet(std::span<const uint8_t> payload) override {
+        if (payload.empty()) return false;
         const uint8_t type = nal_type(payload);
-        if (type == kFuA) {
-            fragment(payload);
-            return;
-        }
+        if (type == kFuA) return fragment(payload);
         in_fragments_ = false;
-        if (type == kStapA) {
-            aggregate(payload.subspan(1));
-        } else {
-            unit(payload);
-        }
+        if (type == kStapA) return aggregate(payload.subspan(1));
+        if (type > kStapA) return false;  // of interleaved mode, or reserved
+        unit(payload);
+        return true;
     }
 
     void finish() override { in_fragments_ = false; }
@@ -162,18 +162,19 @@ class H264 final : public Depacketiser {
         emit(nal);
     }
 
-    void aggregate(std::span<const uint8_t> units) const {
+    bool aggregate(std::span<const uint8_t> units) const {
         ByteReader reader(units);
         while (reader.remaining() > 2) {
             const auto nal = reader.take(reader.be16());
             if (reader.ok()) unit(nal);
         }
+        return reader.ok() && reader.remaining() == 0;
     }
 
     // A unit whose first fragment is missing begins with the one that is there.
-    void fragment(std::span<const uint8_t> payload) {
+    bool fragment(std::span<const uint8_t> payload) {
         constexpr uint8_t kStart = 0x80, kEnd = 0x40;
-        if (payload.size() < 2) return;
+        if (payload.size() < 2) return false;
         if ((payload[1] & kStart) != 0 || !in_fragments_) {
             const auto header =
                 static_cast<uint8_t>((payload[0] & 0xE0) | (payload[1] & kNalTypeBits));
@@ -182,6 +183,7 @@ class H264 final : public Depacketiser {
         }
         in_fragments_ = (payload[1] & kEnd) == 0;
         emit(payload.subspan(2));
+        return true;
     }
 
     bool in_fragments_ = false;  // the next fragment goes on with the same unit

@@ -26,7 +26,9 @@ class Depacketiser {
     Depacketiser& operator=(const Depacketiser&) = delete;
     virtual ~Depacketiser() = default;
 
-    virtual void packet(std::span<const uint8_t> payload) = 0;
+    // Returns false for a payload that is malformed or of a kind that is not joined; it is left
+    // out, or what is malformed of it.
+    virtual bool packet(std::span<const uint8_t> payload) = 0;
     // Passes on what was held back for the next packet. More packets may follow.
     virtual void finish() {}
 

@@ -1,8 +1,10 @@
 #include "companion/stream/native_walk.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstring>
+#include <string_view>
 
 #include "common/bytes.h"
 #include "kestrel/native_records.h"
@@ -29,6 +31,13 @@ uint32_t load_word(std::span<const uint8_t> bytes) {
     uint32_t value;
     std::memcpy(&value, bytes.data(), sizeof value);
     return value;
+}
+
+// Of a box that 3GP files begin with.
+bool is_box_type(const char* type) {
+    static constexpr std::array<std::string_view, 5> kTypes = {"ftyp", "moov", "mdat", "free",
+                                                               "skip"};
+    return std::find(kTypes.begin(), kTypes.end(), std::string_view(type, 4)) != kTypes.end();
 }
 
 // Turns the fields of a record into named values.
@@ -157,7 +166,11 @@ void NativeWalk::first_record() {
     const auto first = header_record<PROP_Header_Info>("PROP_Header_Info");
     is_audio_ = std::memcmp(first.medium, kAudioMedium, sizeof first.medium) == 0;
     const bool video = std::memcmp(first.medium, kVideoMedium, sizeof first.medium) == 0;
-    if (!is_audio_ && !video) damaged(0, "the stream does not begin with the name of a medium");
+    if (!is_audio_ && !video) {
+        damaged(0, is_box_type(&first.medium[4])
+                       ? "this is a 3GP file; extract a track of it first"
+                       : "the stream does not begin with the name of a medium");
+    }
     if (first.constant != kPropConstant) damaged(12, "the constant of the first record is not 10");
     declared_length_ = first.header_length;
     padding_ = first.padding;

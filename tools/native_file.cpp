@@ -1,0 +1,37 @@
+#include "tools/native_file.h"
+
+namespace tool {
+
+using kestrel::stream::Damage;
+
+namespace {
+
+template <typename Step>
+std::optional<Damage> damage_in(Step step) {
+    try {
+        step();
+        return std::nullopt;
+    } catch (const Damage& damage) {
+        return damage;
+    }
+}
+
+}  // namespace
+
+WalkedFile walk_file(const std::string& path, kestrel::stream::RecordSink& sink) {
+    WalkedFile walked;
+    kestrel::stream::NativeWalk walk(sink);
+    read_pieces(path, [&](auto piece) {
+        walked.bytes += piece.size();
+        if (!walked.damage) walked.damage = damage_in([&] { walk.feed(piece); });
+    });
+    if (!walked.damage) walked.damage = damage_in([&] { walk.finish(); });
+    return walked;
+}
+
+Error damage_error(const std::string& file, const Damage& damage, const std::string& more) {
+    return file_error(file, "damaged from byte " + std::to_string(damage.offset) +
+                                " on: " + damage.reason + more);
+}
+
+}  // namespace tool
