@@ -1,35 +1,95 @@
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <deque>
 #include <filesystem>
+#include <map>
 
 #include "tools/commands.h"
-#include "tools/file_scan.h"
-#include "tools/report/markup.h"
+#include "tools/judge/media_search.h"
+#include "tools/judge/verdict_json.h"
 #include "tools/support.h"
-#include "tools/verdict.h"
 
-// What plays of many files, for scripts.
+// What plays of many files, for scripts. Each file is judged in a process of its own, several at a
+// time, and the lines come in the order of the files.
 
 namespace tool {
 namespace {
 
-namespace fs = std::filesystem;
-
 struct Options {
     std::vector<std::string> paths;
     std::optional<Api> api;
+    TimeLimit time;
+    uint32_t processes = 1;
+    bool json = false;
+    bool quick = false;
+    bool skipped = false;  // lists what was skipped
 };
 
-// The endings of the names that are looked at in folders.
-bool is_3gp_name(const fs::path& path) {
-    static constexpr std::array kEndings = {".3gp", ".3gpp", ".3g2", ".3gpp2", ".mp4"};
-    std::string ending = path.extension().string();
-    std::transform(ending.begin(), ending.end(), ending.begin(), [](unsigned char c) {
-        return static_cast<char>(c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c);
-    });
-    return std::find(kEndings.begin(), kEndings.end(), ending) != kEndings.end();
+// --- judging one file ---
+
+// What is found of a file, as its process passes it on:
+//   reason    of the whole file, where no medium was found or its movie box is cut
+//   message   for standard error
+//   fatal     why the run cannot go on
+//   verdicts  as `describe` has them, and the bare `command` of a fix
+class FileCheck {
+  public:
+    FileCheck(const Options& options, const std::string& path, Clock::time_point deadline)
+        : options_(options), path_(path), deadline_(deadline) {}
+
+    Json run() {
+        Json found{{"verdicts", Json::array()}};
+        Host host;
+        try {
+            host = open_host(path_);
+        } catch (const Error& error) {
+            found["reason"] = "unreadable";
+            found["message"] = error.what();
+            return found;
+        }
+        try {
+            check(host.get(), found);
+        } catch (const Error& error) {
+            found["fatal"] = error.what();
+        }
+        return found;
+    }
+
+  private:
+    void check(kst_host* host, Json& found) const {
+        const FileFacts facts = gather_facts(host);
+        Judge judge(facts, deadline_);
+        for (const MediaKind kind : kMedia) {
+            if (!has_medium(facts, kind)) continue;
+            for (const Api api : kApis) {
+                if (options_.api && options_.api != api) continue;
+                add(options_.quick ? judge.look(api, kind) : judge.judge(api, kind), found);
+            }
+        }
+        // Tracks may have been lost with the end of the movie box.
+        if (!found["verdicts"].empty() && !facts.scan.movie_is_cut) return;
+        found["reason"] = facts.scan.is_3gp() ? word(reason_for_no_media(facts)) : "not-3gp";
+    }
+
+    void add(const Verdict& verdict, Json& found) const {
+        Json one = describe(verdict, path_);
+        if (!verdict.fix.empty()) one["command"] = verdict.fix;
+        found["verdicts"].push_back(std::move(one));
+    }
+
+    const Options& options_;
+    const std::string& path_;
+    Clock::time_point deadline_;
+};
+
+// --- all of them ---
+
+bool is_good(const std::string& reason) {
+    return reason == word(Reason::kPlays) || reason == word(Reason::kNotPlayed);
 }
 
 class Checker {
@@ -39,127 +99,206 @@ class Checker {
     void run() {
         for (const std::string& path : options_.paths)
             collect(path);
-        for (const std::string& file : files_) {
-            progress_.show_count(done_++, files_.size(), "files");
-            check(file);
+        size_t next = 0;
+        while (next < files_.size() || !running_.empty()) {
+            while (next < files_.size() && may_start())
+                start(next++);
+            wait();
+            // In their order, however they end.
+            while (!running_.empty() && running_.front().found) {
+                print(running_.front());
+                running_.pop_front();
+            }
         }
         progress_.clear();
+        if (options_.json) print_json();
         finish_standard_output();
-        std::string failure;
-        if (failed_ > 0) {
-            failure = std::to_string(failed_) + " of " + std::to_string(files_.size()) +
-                      (files_.size() == 1 ? " file does" : " files do") + " not play";
-        }
-        for (const std::string& folder : empty_)
-            failure += (failure.empty() ? "" : "; ") + folder + ": no name in .3gp or the like";
-        if (!failure.empty()) throw Error(failure);
+        if (!failure().empty()) throw Error(failure());
     }
 
   private:
+    struct Running {
+        size_t file;  // its index
+        std::unique_ptr<ChildProcess> child;
+        std::optional<Json> found;
+    };
+
+    void add_file(FoundFile file) {
+        if (!file.is_media) {
+            ++skipped_;
+            if (!options_.skipped && !options_.json) return;
+        }
+        files_.push_back(std::move(file));
+    }
+
     void collect(const std::string& path) {
         std::error_code no_folder;
-        if (path == "-" || !fs::is_directory(path, no_folder)) {
-            files_.push_back(path);
+        if (path == "-" || !std::filesystem::is_directory(path, no_folder)) {
+            add_file({path, true});
             return;
         }
-        std::vector<std::string> found;
-        search(path, found);
-        if (found.empty()) empty_.push_back(path);
-        std::sort(found.begin(), found.end());
-        files_.insert(files_.end(), found.begin(), found.end());
+        std::vector<FoundFile> found = search_folder(path);
+        if (std::none_of(found.begin(), found.end(), [](auto& file) { return file.is_media; }))
+            empty_.push_back(path);
+        for (FoundFile& file : found)
+            add_file(std::move(file));
     }
 
-    // Links to folders are not followed. What cannot be read is found, as opening it will tell why.
-    static void search(const fs::path& folder, std::vector<std::string>& found) {
-        std::error_code failure, no_folder;
-        fs::directory_iterator at(folder, failure);
-        for (; !failure && at != fs::directory_iterator(); at.increment(failure)) {
-            if (!at->is_directory(no_folder)) {
-                if (is_3gp_name(at->path())) found.push_back(at->path().string());
-            } else if (!at->is_symlink(no_folder)) {
-                search(at->path(), found);
-            }
+    void start(size_t number) {
+        // Longer than the file's own limit, which ends with a verdict for each medium.
+        constexpr auto kGrace = std::chrono::seconds(2);
+        if (!files_[number].is_media) {
+            running_.push_back(
+                {number, nullptr, Json{{"verdicts", Json::array()}, {"reason", "skipped"}}});
+            return;
         }
-        if (failure) found.push_back(folder.string());
+        const auto deadline = options_.time.deadline();
+        const std::string& path = files_[number].path;
+        running_.push_back(
+            {number,
+             std::make_unique<ChildProcess>(
+                 ChildLimits{deadline + kGrace, 0},
+                 [&, deadline] { return json_line(FileCheck(options_, path, deadline).run()); }),
+             std::nullopt});
     }
 
-    void print(const char* medium, const char* function, const char* by_class, const char* mend,
-               const std::string& file) {
-        if (lines_are_seen_) progress_.clear();
-        std::printf("%s\t%s\t%s\t%s\t%s\n", medium, function, by_class, mend,
-                    printable_word(file).c_str());
+    // A file that takes long holds up the lines of those after it, which wait in memory.
+    bool may_start() const {
+        constexpr size_t kMostWaiting = 1000;
+        const auto at_work =
+            std::count_if(running_.begin(), running_.end(), [](auto& one) { return !one.found; });
+        return static_cast<size_t>(at_work) < options_.processes && running_.size() < kMostWaiting;
     }
 
-    // The line of a file in which no medium was found.
-    void print_whole(const char* reason, const std::string& file) {
-        const bool function = !options_.api || options_.api == Api::kFunction;
-        const bool by_class = !options_.api || options_.api == Api::kClass;
-        print("-", function ? reason : "-", by_class ? reason : "-", "-", file);
+    // Takes what the processes pass on, until one ends or a moment has passed.
+    void wait() {
+        std::vector<pollfd> ready;
+        std::vector<Running*> at_work;
+        auto deadline = Clock::now() + std::chrono::milliseconds(200);
+        for (Running& one : running_) {
+            if (one.found) continue;
+            at_work.push_back(&one);
+            ready.push_back({one.child->descriptor(), POLLIN, 0});
+            deadline = std::min(deadline, one.child->deadline());
+        }
+        if (ready.empty()) return;
+        if (poll(ready.data(), ready.size(), poll_timeout(deadline)) < 0 && errno != EINTR)
+            throw system_error("poll");
+        for (size_t i = 0; i < ready.size(); ++i) {
+            ChildProcess& child = *at_work[i]->child;
+            const bool has_ended = ready[i].revents != 0 && !child.take();
+            if (has_ended || Clock::now() >= child.deadline())
+                at_work[i]->found = result_of(child.finish());
+        }
+        progress_.show_count(done_, files_.size(), "files");
     }
 
-    void check(const std::string& file) {
-        const Host host = open_or_tell(file);
-        const bool plays = host != nullptr && check_open(host.get(), file);
+    static Json result_of(const ChildResult& result) {
+        if (result.end == ChildResult::End::kReported)
+            return Json::parse(result.report, nullptr, false);
+        const bool late = result.end == ChildResult::End::kTimeout;
+        const bool memory = result.end == ChildResult::End::kNoMemory;
+        return Json{{"verdicts", Json::array()},
+                    {"reason", word(late     ? Reason::kTimeout
+                                    : memory ? Reason::kMemory
+                                             : Reason::kDamaged)}};
+    }
+
+    // The file's lines; with --json, its object for later.
+    void print(const Running& one) {
+        const FoundFile& file = files_[one.file];
+        const Json& found = *one.found;
+        if (found.contains("fatal")) throw Error(found["fatal"].get<std::string>());
+        ++done_;
+        bool plays = true;
+        for (const MediaKind kind : kMedia)
+            plays = print_medium(kind, found["verdicts"], file.path) && plays;
+        if (found.contains("reason")) {
+            const auto reason = found["reason"].get<std::string>();
+            const bool function = options_.api != Api::kClass;
+            const bool by_class = options_.api != Api::kFunction;
+            print_line("-", function ? reason : "-", by_class ? reason : "-", "-", file.path);
+            plays = plays && !file.is_media;
+            if (file.is_media) ++reasons_[reason];
+        }
+        judged_ += file.is_media ? 1 : 0;
         failed_ += plays ? 0 : 1;
-    }
-
-    Host open_or_tell(const std::string& file) {
-        try {
-            return open_host(file);
-        } catch (const Error& error) {
-            print_whole("unreadable", file);
+        if (found.contains("message")) {
             progress_.clear();
-            say(error.what());
-            return nullptr;
+            std::fflush(stdout);
+            say(found["message"].get<std::string>());
         }
+        if (options_.json) keep_json(found, file.path, plays);
     }
 
-    // True when all of its media play.
-    bool check_open(kst_host* host, const std::string& file) {
-        KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
-        const IsoFile boxes = open_quietly(host, callbacks);
-        const FileScan scan = scan_file(callbacks);
-        bool all = true, any = false;
-        for (const Medium medium : kMedia) {
-            if (!has_medium(boxes.get(), medium)) continue;
-            any = true;
-            all = check_medium(host, boxes.get(), medium, file) && all;
-        }
-        if (any && !scan.movie_is_cut) return all;
-        // Tracks may have been lost with the end of the movie box.
-        print_whole(!scan.is_3gp()        ? "not-3gp"
-                    : scan.damage.empty() ? "no-track"
-                                          : "damaged",
-                    file);
-        return false;
-    }
-
-    static IsoFile open_quietly(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
-        const ErrorCapture remarks;
-        return open_iso(host, callbacks);
-    }
-
-    bool check_medium(kst_host* host, const iso_file* boxes, Medium medium,
-                      const std::string& file) {
-        const char* words[kApis.size()] = {"-", "-"};
-        std::string mend = "-";
+    // True when no API was asked to play it, or one does.
+    bool print_medium(MediaKind kind, const Json& verdicts, const std::string& file) {
+        std::map<std::string, std::string> reasons{{"function", "-"}, {"class", "-"}};
+        std::string fix = "-", first;
         bool plays = false;
-        for (const Api api : kApis) {
-            if (options_.api && options_.api != api) continue;
-            const Verdict verdict = judge(host, boxes, api, medium);
-            words[api == Api::kClass] = word(verdict.reason);
-            plays = plays || verdict.plays();
-            if (!verdict.mend.empty()) mend = verdict.mend;
+        for (const Json& verdict : verdicts) {
+            if (verdict["medium"] != word(kind)) continue;
+            const auto reason = verdict["reason"].get<std::string>();
+            reasons[verdict["api"].get<std::string>()] = reason;
+            plays = plays || is_good(reason);
+            if (first.empty()) first = reason;
+            if (verdict.contains("command")) fix = verdict["command"].get<std::string>();
         }
-        print(word(medium), words[0], words[1], mend.c_str(), file);
+        if (first.empty()) return true;
+        if (!plays) ++reasons_[first];
+        print_line(word(kind), reasons["function"], reasons["class"], fix, file);
         return plays;
     }
 
+    void print_line(const char* medium, const std::string& function, const std::string& by_class,
+                    const std::string& fix, const std::string& file) {
+        if (options_.json) return;
+        if (lines_are_seen_) progress_.clear();
+        std::printf("%s\t%s\t%s\t%s\t%s\n", medium, function.c_str(), by_class.c_str(), fix.c_str(),
+                    printable_word(file).c_str());
+    }
+
+    void keep_json(Json found, const std::string& file, bool plays) {
+        Json out{{"file", file}, {"plays", plays}};
+        if (found.contains("reason")) out["reason"] = found["reason"];
+        if (found.contains("message")) out["message"] = found["message"];
+        for (Json& verdict : found["verdicts"])
+            verdict.erase("command");
+        out["verdicts"] = std::move(found["verdicts"]);
+        objects_.push_back(std::move(out));
+    }
+
+    void print_json() const {
+        const Json summary{{"files", judged_},
+                           {"do_not_play", failed_},
+                           {"skipped", skipped_},
+                           {"reasons", reasons_}};
+        std::printf("%s\n", json_text(Json{{"files", objects_}, {"summary", summary}}).c_str());
+    }
+
+    std::string failure() const {
+        std::string out;
+        if (failed_ > 0) {
+            out = std::to_string(failed_) + " of " + std::to_string(judged_) +
+                  (judged_ == 1 ? " file does" : " files do") + " not play";
+            std::string separator = ": ";
+            for (const auto& [reason, count] : reasons_) {
+                out += separator + std::to_string(count) + " " + reason;
+                separator = ", ";
+            }
+        }
+        for (const std::string& folder : empty_)
+            out += (out.empty() ? "" : "; ") + folder + ": no media file";
+        return out;
+    }
+
     const Options& options_;
-    std::vector<std::string> files_;
-    std::vector<std::string> empty_;  // folders in which nothing was found
-    size_t done_ = 0;
-    size_t failed_ = 0;
+    std::vector<FoundFile> files_;
+    std::vector<std::string> empty_;         // folders in which nothing was found
+    std::deque<Running> running_;            // in the order of the files
+    std::map<std::string, size_t> reasons_;  // of what does not play: media, or whole files
+    Json objects_ = Json::array();
+    size_t done_ = 0, judged_ = 0, failed_ = 0, skipped_ = 0;
     Progress progress_;
     const bool lines_are_seen_ = isatty(STDOUT_FILENO) != 0;
 };
@@ -169,36 +308,56 @@ class Checker {
 void add_check(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
-        app.add_subcommand("check", "Tell for scripts which files play, and what mends the rest");
+        app.add_subcommand("check", "Report for scripts which files play, and what fixes the rest");
     command
         ->add_option("FILE", options->paths,
                      "3GP files, - for standard input, and folders, which are searched with all\n"
-                     "below them for names in .3gp .3gpp .3g2 .3gpp2 .mp4")
+                     "below them: files that begin with a box of such a file, or have a name in\n"
+                     ".3gp .3gpp .3g2 .3gpp2 .mp4, are judged, and the others skipped")
         ->required();
     add_choice<Api>(command, "--api", options->api,
                     {{"function", Api::kFunction}, {"class", Api::kClass}},
                     "Judge one API alone; otherwise a medium plays where either API plays it")
         ->option_text("function|class");
+    command->add_option("-j,--jobs", options->processes, "Judge so many files at a time (1)")
+        ->check(CLI::Range(1, 1024))
+        ->option_text("N");
+    add_timeout(command, options->time);
+    command->add_flag("--quick", options->quick,
+                      "Look at the tables alone: nothing is played, and no fix is tried");
+    command->add_flag("--skipped", options->skipped, "Print a line for each file that was skipped");
+    command->add_flag("--json", options->json, "Print JSON, with a sentence for each reason");
     command->footer(
         "A line for each medium that a file has, with tabs between its columns:\n"
         "  1  audio or video; - for a file in which neither was found, or whose movie box is cut\n"
-        "  2  what comes of it with the function API (kst_Open), played to its end\n"
-        "  3  the same with the class API (C3gpInterface)\n"
-        "  4  what mends it, as was tried: hint or hint --replace; - for nothing, and for what\n"
-        "     is not tried, a file of more than 128 MiB\n"
+        "  2  the verdict for the function API (kst_Open), played to its end\n"
+        "  3  the same for the class API (C3gpInterface)\n"
+        "  4  the command that fixes it, as was tried: hint or hint --replace; - for none, and\n"
+        "     where none is tried: files of more than 128 MiB or 1,048,576 samples\n"
         "  5  the file, with control characters and backslashes as \\xNN\n"
-        "Columns 2 and 3 are -, where the API is not judged, or one of\n"
-        "  plays           delivered to its end\n"
+        "Columns 2 and 3 are - where the API is not judged, or one of\n"
+        "  plays           all samples of the file are delivered\n"
         "  no-hint-track   this API needs an RTP hint track\n"
+        "  self-hinted     the packets are in the hint track itself, which this API does not read\n"
         "  codec           this API does not play the codec\n"
+        "  encrypted       the track is encrypted\n"
         "  several-tracks  this API plays a file with one track of the medium\n"
-        "  incomplete      the file ends too early, or less than 9 tenths of a track come out\n"
-        "  damaged         a box, a table or a sample makes no sense, or no frame comes out\n"
+        "  fragmented      samples are in movie fragments, which this API does not read\n"
+        "  large-box       a box declares its size in a form that this API does not read\n"
+        "  unknown-table   a table has a form that this API does not read\n"
+        "  large-frame     a sample is larger than this API can hold\n"
+        "  incomplete      the file ends too early, or not all of a track is delivered\n"
+        "  implausible     what is delivered cannot be of the codec: bytes of a wrong place\n"
+        "  damaged         a box, a table or a sample is malformed, or no frame is delivered\n"
         "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"
+        "  memory          playing takes more memory than the tables account for\n"
+        "  timeout         judging was not done in time\n"
+        "  not-played      with --quick: the tables show no reason against it\n"
         "  no-track        no audio and no video\n"
         "  not-3gp         no file type box and no movie box; an empty file too\n"
         "  unreadable      the system does not give the file or folder out\n"
-        "Exit status: 0 all media of all files play, 1 some do not or a folder has no such name,\n"
+        "  skipped         with --skipped: a file in a folder that is not judged\n"
+        "Exit status: 0 all media of all files play, 1 some do not or a folder has no such file,\n"
         "2 wrong usage.");
     command->callback([options] { Checker(*options).run(); });
 }

@@ -1,7 +1,6 @@
 #include "tools/commands.h"
-#include "tools/json.h"
+#include "tools/judge/verdict_json.h"
 #include "tools/support.h"
-#include "tools/verdict.h"
 
 // What a file holds, and what of it can be played.
 
@@ -11,6 +10,7 @@ namespace {
 struct Options {
     std::string input;
     bool json = false;
+    TimeLimit time;
 };
 
 Json describe_track(iso_track* track) {
@@ -53,20 +53,6 @@ Json describe_file(iso_file* file) {
     return out;
 }
 
-Json describe_verdict(const Verdict& verdict, const std::string& input) {
-    Json out{{"api", word(verdict.api)},
-             {"medium", word(verdict.medium)},
-             {"opens", verdict.opens},
-             {"plays", verdict.plays()},
-             {"outcome", verdict.outcome()},
-             {"status", verdict.status},
-             {"text", kst_StatusString(verdict.status)},
-             {"reason", word(verdict.reason)}};
-    if (!verdict.why.empty()) out["why"] = verdict.why;
-    if (!verdict.mend.empty()) out["mend"] = mending_command(verdict, input);
-    return out;
-}
-
 void print_track(const Json& track) {
     std::printf("track %-6u %s, %.3f s, %u samples, %u bytes", track["id"].get<uint32_t>(),
                 track["codec"].get<std::string>().c_str(), track["duration_seconds"].get<double>(),
@@ -85,22 +71,27 @@ void print_track(const Json& track) {
     std::printf("\n");
 }
 
-void print_verdict(const Json& verdict) {
-    const std::string api = verdict["api"].get<std::string>() + " API,";
-    std::printf("%-15s %s: ", api.c_str(), verdict["medium"].get<std::string>().c_str());
-    if (verdict["plays"].get<bool>()) {
+void print_verdict(const Verdict& verdict, const std::string& input) {
+    const std::string api = word(verdict.api) + std::string(" API,");
+    std::printf("%-15s %s: ", api.c_str(), word(verdict.kind));
+    if (verdict.reason == Reason::kNoTrack) {
+        std::printf("no %s track\n", word(verdict.kind));
+        return;
+    }
+    if (verdict.plays()) {
         std::printf("plays\n");
         return;
     }
-    std::printf("%s: %s (%d)\n", verdict["outcome"].get<std::string>().c_str(),
-                verdict["text"].get<std::string>().c_str(), verdict["status"].get<int>());
-    if (verdict["reason"] == word(Reason::kNoTrack)) return;
-    std::printf("%28s%s\n", "", verdict["why"].get<std::string>().c_str());
-    if (!verdict.contains("mend")) return;
-    std::printf("%28smend it: %s\n", "", verdict["mend"].get<std::string>().c_str());
+    std::printf("%s (%s", verdict.outcome(), word(verdict.reason));
+    if (verdict.status != KST_SUCCESS) {
+        std::printf("; status %d: %s", verdict.status, kst_StatusString(verdict.status));
+    }
+    std::printf(")\n%28s%s\n", "", printable(verdict.why).c_str());
+    if (!verdict.fix.empty())
+        std::printf("%28sfix it: %s\n", "", printable(fix_command(verdict, input)).c_str());
 }
 
-void print_text(const std::string& input, const Json& about) {
+void print_text(const std::string& input, const Json& about, const std::vector<Verdict>& verdicts) {
     std::printf("%s\n", printable(input).c_str());
     std::printf("brand        %s, version %d; compatible: %s\n",
                 printable(about["major_brand"].get<std::string>()).c_str(),
@@ -110,25 +101,26 @@ void print_text(const std::string& input, const Json& about) {
                 about["timescale"].get<uint32_t>());
     for (const Json& track : about["tracks"])
         print_track(track);
-    for (const Json& verdict : about["verdicts"])
-        print_verdict(verdict);
+    for (const Verdict& verdict : verdicts)
+        print_verdict(verdict, input);
 }
 
 void info(const Options& options) {
-    Host host = open_host(options.input);
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
-    const IsoFile file = open_iso(host.get(), callbacks);
-    if (file->first_track == nullptr && file->major_brand[0] == '\0') {
+    const auto deadline = options.time.deadline();
+    const Host host = open_host(options.input);
+    const FileFacts facts = gather_facts(host.get());
+    if (!facts.scan.is_3gp()) {
         throw Error(options.input + ": has neither a file type nor a movie box: no 3GP file");
     }
-    Json about = describe_file(file.get());
-    about["verdicts"] = Json::array();
-    for (const Verdict& verdict : judge_all(host.get(), file.get()))
-        about["verdicts"].push_back(describe_verdict(verdict, options.input));
+    const std::vector<Verdict> verdicts = Judge(facts, deadline).judge_all();
+    Json about = describe_file(facts.file.get());
     if (options.json) {
+        about["verdicts"] = Json::array();
+        for (const Verdict& verdict : verdicts)
+            about["verdicts"].push_back(describe(verdict, options.input));
         std::printf("%s\n", json_text(about).c_str());
     } else {
-        print_text(options.input, about);
+        print_text(options.input, about, verdicts);
     }
 }
 
@@ -140,6 +132,7 @@ void add_info(CLI::App& app) {
         app.add_subcommand("info", "Show brands, tracks and hint tracks, and what can be played");
     command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
     command->add_flag("--json", options->json, "Print JSON");
+    add_timeout(command, options->time);
     command->callback([options] { info(*options); });
 }
 

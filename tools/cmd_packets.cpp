@@ -8,7 +8,7 @@
 #include "tools/commands.h"
 #include "tools/pcap.h"
 #include "tools/support.h"
-#include "tools/verdict.h"
+#include "tools/judge/media_tracks.h"
 
 // The RTP packets of the hint tracks: as lines, or as a capture with a session description.
 

@@ -12,11 +12,13 @@ namespace {
 struct Options {
     std::string input;
     std::string output;
+    TimeLimit time;
 };
 
 void report(const Options& options) {
-    Host host = open_host(options.input);
-    const ReportData data = gather(host.get(), options.input);
+    const auto deadline = options.time.deadline();
+    const Host host = open_host(options.input);
+    const ReportData data = gather(host.get(), options.input, deadline);
     const std::string page = render_page(data);
     WholeOutput output(options.output, options.input);  // a good page stays until this one is whole
     output.write({reinterpret_cast<const uint8_t*>(page.data()), page.size()});
@@ -32,6 +34,7 @@ void add_report(CLI::App& app) {
     command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
     command->add_option("-o,--output", options->output, "Page to write; - is standard output")
         ->required();
+    add_timeout(command, options->time);
     command->footer(
         "The page is one HTML file that needs nothing else and no script. A damaged file gets one\n"
         "too, which says what is wrong.");

@@ -3,6 +3,8 @@
 #define KESTREL_TOOLS_COMMANDS_H
 
 #include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,6 +36,25 @@ CLI::Option* add_choice(CLI::App* command, const char* name, Target& value,
     };
     return command->add_option_function<std::string>(name, choose, about)
         ->check(CLI::IsMember(words));
+}
+
+// How long a file may take.
+struct TimeLimit {
+    uint32_t seconds = 60;
+
+    std::chrono::steady_clock::time_point deadline() const {
+        return std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    }
+};
+
+inline void add_timeout(CLI::App* command, TimeLimit& limit) {
+    command
+        ->add_option(
+            "--timeout", limit.seconds,
+            "Seconds that judging a file may take (60); what is not done by then gets the\n"
+            "verdict timeout")
+        ->check(CLI::Range(1, 1000000))
+        ->option_text("SECONDS");
 }
 
 }  // namespace tool

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <set>
 
-#include "tools/verdict.h"
+#include "tools/judge/media_tracks.h"
 
 namespace tool {
 namespace {

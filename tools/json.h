@@ -18,6 +18,11 @@ inline std::string json_text(const Json& value, size_t margin = 0) {
     return text;
 }
 
+// The same in one line.
+inline std::string json_line(const Json& value) {
+    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
 }  // namespace tool
 
 #endif

@@ -144,11 +144,13 @@ std::span<const uint8_t> NativeWalk::take(size_t count, const char* what) {
 template <typename Record>
 Record NativeWalk::take_record(const char* name, StreamRecord& shown) {
     shown.offset = offset();
-    shown.name = name;
+    if (sink_.wants_records()) shown.name = name;
     const auto raw = take(sizeof(Record), name);
     Record record;
     std::memcpy(&record, raw.data(), sizeof record);
-    visit_fields(record, FieldLister{shown.fields, raw, reinterpret_cast<uint8_t*>(&record)});
+    if (sink_.wants_records()) {
+        visit_fields(record, FieldLister{shown.fields, raw, reinterpret_cast<uint8_t*>(&record)});
+    }
     return record;
 }
 
@@ -348,11 +350,13 @@ void NativeWalk::video_packet(uint64_t frame_end) {
     packet.payload_type = static_cast<uint8_t>(header.rtp_word >> 16 & 0x7F);
     packet.sequence = static_cast<uint16_t>(header.rtp_word & 0xFFFF);
     packet.payload = take(header.packet_length - sizeof header, "a packet");
-    shown.fields.push_back({"marker", uint32_t{packet.marker}});
-    shown.fields.push_back({"payload_type", uint32_t{packet.payload_type}});
-    shown.fields.push_back({"sequence", uint32_t{packet.sequence}});
-    shown.payload = packet.payload;
-    sink_.record(shown);
+    if (sink_.wants_records()) {
+        shown.fields.push_back({"marker", uint32_t{packet.marker}});
+        shown.fields.push_back({"payload_type", uint32_t{packet.payload_type}});
+        shown.fields.push_back({"sequence", uint32_t{packet.sequence}});
+        shown.payload = packet.payload;
+        sink_.record(shown);
+    }
     sink_.video_packet(packet);
 }
 

@@ -71,6 +71,8 @@ class RecordSink {
     RecordSink& operator=(const RecordSink&) = delete;
     virtual ~RecordSink() = default;
 
+    // False when record() does nothing, so that no record is listed for it.
+    virtual bool wants_records() const { return true; }
     virtual void record(const StreamRecord&) {}
     // Called once, after the last header record.
     virtual void header(const StreamHeader&) {}

@@ -254,7 +254,7 @@ void gather_track(ReportData& data, iso_track* track) {
     TrackFigures figures;
     figures.track = track;
     gather_samples(figures);
-    const uint32_t file_size = data.scan.file_size;
+    const uint32_t file_size = data.facts.scan.file_size;
     figures.outside = outside_file(track, file_size);
     if (static_cast<size_t>(std::max(track->chunk_count, 0)) <= kMostChunksShown) {
         map_each_chunk(figures, file_size);
@@ -262,7 +262,7 @@ void gather_track(ReportData& data, iso_track* track) {
         map_columns(figures, file_size);
     }
     if (is_hint(track)) {
-        gather_packets(figures, track, track_with_id(data.file.get(), track->hint_track_ref),
+        gather_packets(figures, track, track_with_id(data.facts.file.get(), track->hint_track_ref),
                        file_size);
     }
     data.seconds = std::max(data.seconds, figures.seconds);
@@ -298,17 +298,11 @@ void Range::add(uint32_t value) {
     ++count;
 }
 
-ReportData gather(kst_host* host, const std::string& input) {
+ReportData gather(kst_host* host, const std::string& input, Clock::time_point deadline) {
     ReportData data;
     data.input = input;
-    {
-        ErrorCapture errors;
-        KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
-        data.file = open_iso(host, callbacks);
-        data.remarks = errors.lines();
-        data.scan = scan_file(callbacks);
-    }
-    for (iso_track* track = data.file->first_track; track != nullptr; track = track->next) {
+    data.facts = gather_facts(host);
+    for (iso_track* track = data.facts.file->first_track; track != nullptr; track = track->next) {
         (is_hint(track) ? data.hint_bytes : data.media_bytes) += track->total_bytes;
         if (data.tracks.size() < kMostTracks) {
             gather_track(data, track);
@@ -317,7 +311,7 @@ ReportData gather(kst_host* host, const std::string& input) {
         }
     }
     tell_problems(data);
-    data.verdicts = judge_all(host, data.file.get());
+    data.verdicts = Judge(data.facts, deadline).judge_all();
     return data;
 }
 

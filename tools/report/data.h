@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "tools/file_scan.h"
+#include "tools/judge/file_facts.h"
+#include "tools/judge/verdict.h"
 #include "tools/support.h"
-#include "tools/verdict.h"
 
 namespace tool {
 
@@ -67,19 +67,17 @@ struct TrackFigures {
 
 struct ReportData {
     std::string input;
-    FileScan scan;
-    IsoFile file;
+    FileFacts facts;
     double seconds = 0;  // of the longest track
     std::vector<TrackFigures> tracks;
     size_t tracks_left_out = 0;
     uint64_t media_bytes = 0, hint_bytes = 0;  // as the tables tell
-    std::vector<Verdict> verdicts;             // of judge_all
+    std::vector<Verdict> verdicts;             // all four
     std::vector<std::string> problems;         // of the tracks, a sentence each
-    std::vector<std::string> remarks;          // lines that the reader wrote
 };
 
-// The host must outlive the figures.
-ReportData gather(kst_host* host, const std::string& input);
+// Judges until `deadline`. The host must outlive the figures.
+ReportData gather(kst_host* host, const std::string& input, Clock::time_point deadline);
 
 }  // namespace tool
 

@@ -27,8 +27,8 @@ constexpr char kCross[] =
 
 const char* kind_of(const iso_track* track) {
     if (is_hint(track)) return "hint";
-    if (is_of(track, Medium::kVideo)) return "video";
-    return is_of(track, Medium::kAudio) ? "audio" : "other";
+    if (is_of(track, MediaKind::kVideo)) return "video";
+    return is_of(track, MediaKind::kAudio) ? "audio" : "other";
 }
 
 std::string name_of(const iso_track* track) {
@@ -37,7 +37,7 @@ std::string name_of(const iso_track* track) {
 }
 
 std::string pixels(const iso_track* track) {
-    if (!is_of(track, Medium::kVideo) || track->width == 0) return "";
+    if (!is_of(track, MediaKind::kVideo) || track->width == 0) return "";
     return format("%u × %u", track->width, track->height);
 }
 
@@ -64,9 +64,9 @@ class Page {
         : data_(data), name_(std::filesystem::path(data.input).filename().string()) {
         if (data.input == "-") name_ = "standard input";
         for (const Verdict& verdict : data.verdicts) {
-            if (has_medium(data.file.get(), verdict.medium)) present_.push_back(&verdict);
+            if (has_medium(data.facts, verdict.kind)) present_.push_back(&verdict);
         }
-        const bool cut = std::any_of(data.scan.boxes.begin(), data.scan.boxes.end(),
+        const bool cut = std::any_of(data.facts.scan.boxes.begin(), data.facts.scan.boxes.end(),
                                      [](const TopBox& box) { return box.cut; });
         const bool outside =
             std::any_of(data.tracks.begin(), data.tracks.end(),
@@ -120,45 +120,45 @@ class Page {
         return tone == Tone::kGood ? "good" : tone == Tone::kFair ? "fair" : "poor";
     }
 
-    bool plays(Medium medium, Api api) const {
+    bool plays(MediaKind kind, Api api) const {
         return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
-            return verdict->medium == medium && verdict->api == api && verdict->plays();
+            return verdict->kind == kind && verdict->api == api && verdict->plays();
         });
     }
 
     // Plays in part at least.
-    bool begins(Medium medium) const {
+    bool begins(MediaKind kind) const {
         return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
-            return verdict->medium == medium && verdict->frames > 0;
+            return verdict->kind == kind && verdict->frames > 0;
         });
     }
 
     // How much of it comes, where it comes to its end with some API.
-    std::string amount(Medium medium) const {
+    std::string amount(MediaKind kind) const {
         for (const Verdict* verdict : present_) {
-            if (verdict->medium == medium && !verdict->amount.empty()) return verdict->amount;
+            if (verdict->kind == kind && !verdict->amount.empty()) return verdict->amount;
         }
         return "";
     }
 
     std::string headline(Tone& tone) const {
         tone = Tone::kPoor;
-        if (!data_.scan.is_3gp()) return "This is no 3GP file";
+        if (!data_.facts.scan.is_3gp()) return "This is no 3GP file";
         if (present_.empty()) {
-            return data_.scan.movie_is_cut ? "The movie box is cut: nothing can be played"
-                                           : "There is no audio and no video here";
+            return data_.facts.scan.movie_is_cut ? "The movie box is cut: nothing can be played"
+                                                 : "There is no audio and no video here";
         }
         std::string silent, in_part;
         bool function = true, by_class = true, begins = false;
-        for (const Medium medium : kMedia) {
-            if (!has_medium(data_.file.get(), medium)) continue;
-            const bool here = plays(medium, Api::kFunction), there = plays(medium, Api::kClass);
+        for (const MediaKind kind : kMedia) {
+            if (!has_medium(data_.facts, kind)) continue;
+            const bool here = plays(kind, Api::kFunction), there = plays(kind, Api::kClass);
             function = function && here;
             by_class = by_class && there;
             if (here || there) continue;
-            silent += (silent.empty() ? "" : " nor ") + std::string(word(medium));
-            begins = begins || this->begins(medium);
-            in_part = amount(medium);
+            silent += (silent.empty() ? "" : " nor ") + std::string(word(kind));
+            begins = begins || this->begins(kind);
+            in_part = amount(kind);
         }
         if (!silent.empty()) {
             const bool both = silent.find(' ') != std::string::npos;
@@ -166,7 +166,7 @@ class Page {
             return (both ? "Neither " + silent + " plays" : "Its " + silent + " does not play") +
                    (begins ? " to the end" : "");
         }
-        if (data_.scan.movie_is_cut) return "The movie box is cut: tracks may be missing";
+        if (data_.facts.scan.movie_is_cut) return "The movie box is cut: tracks may be missing";
         tone = function && by_class ? Tone::kGood : Tone::kFair;
         if (tone == Tone::kGood) return "Plays with both APIs";
         return function   ? "Plays with the function API"
@@ -184,12 +184,12 @@ class Page {
         Tone tone = Tone::kPoor;
         const std::string said = headline(tone);
         out_ += std::string("<header><p class=\"kicker\">") +
-                (data_.scan.is_3gp() ? "3GP file" : "File") + "</p><h1><bdi>" +
+                (data_.facts.scan.is_3gp() ? "3GP file" : "File") + "</p><h1><bdi>" +
                 breakable(escape(name_)) + "</bdi></h1><p class=\"lead " + name(tone) + "\">" +
                 (tone == Tone::kPoor ? kCross : kTick) + "<span>" + said +
                 "</span></p><dl class=\"tiles\">";
-        const double size = data_.scan.file_size;
-        add_tile("Size", show_bytes(data_.scan.file_size), "");
+        const double size = data_.facts.scan.file_size;
+        add_tile("Size", show_bytes(data_.facts.scan.file_size), "");
         add_tile("Duration", data_.seconds > 0 ? show_seconds(data_.seconds) : "–", "");
         // With a part of the file gone, neither would be true.
         const char* unknown = "data is missing";
@@ -198,7 +198,7 @@ class Page {
                  rated    ? "of the whole file"
                  : !whole ? unknown
                           : "");
-        const uint64_t hints = std::min<uint64_t>(data_.hint_bytes, data_.scan.file_size);
+        const uint64_t hints = std::min<uint64_t>(data_.hint_bytes, data_.facts.scan.file_size);
         add_tile("Hints",
                  hints == 0 ? "none"
                  : whole    ? format("%.1f %%", 100.0 * double(hints) / size)
@@ -206,24 +206,28 @@ class Page {
                  hints == 0 ? ""
                  : whole    ? "of the file"
                             : unknown);
-        const std::string brand = printable(data_.file->major_brand);
-        add_tile("Brand", brand.empty() ? "–" : brand, text_of(data_.file->compatible_brands));
+        const std::string brand = printable(data_.facts.file->major_brand);
+        add_tile("Brand", brand.empty() ? "–" : brand,
+                 text_of(data_.facts.file->compatible_brands));
         out_ += "</dl></header>\n";
     }
 
     void add_damage() {
-        if (data_.scan.damage.empty() && data_.problems.empty() && data_.remarks.empty()) return;
-        const bool damaged = !data_.scan.damage.empty() || !data_.problems.empty();
+        if (data_.facts.scan.damage.empty() && data_.problems.empty() &&
+            data_.facts.remarks.empty())
+            return;
+        const bool damaged = !data_.facts.scan.damage.empty() || !data_.problems.empty();
         out_ += damaged ? "<section class=\"damage\"><h2>What is wrong with it</h2><ul>"
                         : "<section><h2>What the reader remarks</h2><ul class=\"muted\">";
-        for (const std::string& sentence : data_.scan.damage)
+        for (const std::string& sentence : data_.facts.scan.damage)
             out_ += "<li>" + escape(sentence) + "</li>";
-        if (data_.scan.more_damage > 0) {
-            out_ += "<li>And " + show_count(data_.scan.more_damage) + " more of that kind.</li>";
+        if (data_.facts.scan.more_damage > 0) {
+            out_ +=
+                "<li>And " + show_count(data_.facts.scan.more_damage) + " more of that kind.</li>";
         }
         for (const std::string& sentence : data_.problems)
             out_ += "<li>" + escape(sentence) + "</li>";
-        for (const std::string& line : data_.remarks)
+        for (const std::string& line : data_.facts.remarks)
             out_ += std::string("<li>") + (damaged ? "The reader remarks: " : "") + "<code>" +
                     escape(line) + "</code></li>";
         out_ += "</ul></section>\n";
@@ -248,9 +252,9 @@ class Page {
             }
             out_ += "</p>";
         }
-        if (!verdict.mend.empty()) {
-            out_ += "<p>Mend it with:</p><code class=\"mend\">" +
-                    escape(mending_command(verdict, data_.input)) + "</code>";
+        if (!verdict.fix.empty()) {
+            out_ += "<p>This command fixes it:</p><code class=\"fix\">" +
+                    escape(fix_command(verdict, data_.input)) + "</code>";
         }
         const std::string others = other_tracks(verdict);
         if (verdict.opens && !others.empty()) {
@@ -264,9 +268,9 @@ class Page {
     // Of the same medium.
     std::string other_tracks(const Verdict& verdict) const {
         std::string out;
-        for (const iso_track* track = data_.file->first_track; track != nullptr;
+        for (const iso_track* track = data_.facts.file->first_track; track != nullptr;
              track = track->next) {
-            if (!is_of(track, verdict.medium) || track->track_id == verdict.track_id) continue;
+            if (!is_of(track, verdict.kind) || track->track_id == verdict.track_id) continue;
             out += (out.empty() ? "" : ", ") + std::to_string(track->track_id);
         }
         return out;
@@ -274,14 +278,14 @@ class Page {
 
     void add_verdicts() {
         out_ +=
-            "<section><h2>Does it play?</h2><p class=\"note\">The library has two ways in. Each "
+            "<section><h2>Does it play?</h2><p class=\"note\">The library has two APIs. Each "
             "is tried: opened, and played to the end of the medium.</p>";
-        for (const Medium medium : kMedia) {
-            if (!has_medium(data_.file.get(), medium)) continue;
-            out_ += format("<div class=\"medium %s\"><h3>%s</h3><div class=\"pair\">", word(medium),
-                           medium == Medium::kAudio ? "Audio" : "Video");
+        for (const MediaKind kind : kMedia) {
+            if (!has_medium(data_.facts, kind)) continue;
+            out_ += format("<div class=\"medium %s\"><h3>%s</h3><div class=\"pair\">", word(kind),
+                           kind == MediaKind::kAudio ? "Audio" : "Video");
             for (const Verdict* verdict : present_) {
-                if (verdict->medium == medium) add_api(*verdict);
+                if (verdict->kind == kind) add_api(*verdict);
             }
             out_ += "</div></div>";
         }
@@ -294,7 +298,7 @@ class Page {
     // --- the map ---
 
     double place(double byte) const {
-        const double size = std::max(data_.scan.file_size, 1u);
+        const double size = std::max(data_.facts.scan.file_size, 1u);
         return std::min(byte / size, 1.0) * (kWide - gone_);
     }
 
@@ -312,7 +316,9 @@ class Page {
 
     static const char* kind_of_box(const TopBox& box) {
         if (box.broken) return "gone";
-        return box.type == "moov" ? "movie" : box.type == "mdat" ? "media" : "box";
+        return box.type == "moov" || box.type == "moof" ? "movie"
+               : box.type == "mdat"                     ? "media"
+                                                        : "box";
     }
 
     static std::string about(const TopBox& box) {
@@ -324,8 +330,8 @@ class Page {
         std::string shapes;
         uint64_t missing_bytes = 0;
         constexpr double kThinnest = 2;
-        for (const TopBox& box : data_.scan.boxes) {
-            const uint64_t size = data_.scan.file_size;
+        for (const TopBox& box : data_.facts.scan.boxes) {
+            const uint64_t size = data_.facts.scan.file_size;
             const uint64_t end = std::min(box.offset + box.size, size);
             const double x = place(static_cast<double>(box.offset));
             const double width = place(static_cast<double>(end)) - x;
@@ -360,7 +366,7 @@ class Page {
     }
 
     void add_map() {
-        if (data_.scan.file_size == 0) return;
+        if (data_.facts.scan.file_size == 0) return;
         out_ +=
             "<section><h2>Where the bytes are</h2><p class=\"note\">The file from its first "
             "byte to its last: the boxes, and below them the chunks of each track.";
@@ -377,15 +383,16 @@ class Page {
         for (const TrackFigures& figures : data_.tracks)
             add_track_row(figures);
         out_ += "<div class=\"row\"><div class=\"label\"></div>" +
-                byte_axis(data_.scan.file_size, gone_) + "</div><ul class=\"chips\">";
-        for (size_t i = 0; i < std::min(data_.scan.boxes.size(), kMostChips); ++i) {
-            const TopBox& box = data_.scan.boxes[i];
+                byte_axis(data_.facts.scan.file_size, gone_) + "</div><ul class=\"chips\">";
+        for (size_t i = 0; i < std::min(data_.facts.scan.boxes.size(), kMostChips); ++i) {
+            const TopBox& box = data_.facts.scan.boxes[i];
             out_ += format("<li class=\"%s\"><b>", kind_of_box(box)) +
                     escape(box.broken ? "no box" : box.type) + "</b> " + show_bytes(box.size) +
                     (box.cut ? ", cut" : "") + "</li>";
         }
-        if (data_.scan.boxes.size() > kMostChips) {
-            out_ += "<li>and " + show_count(data_.scan.boxes.size() - kMostChips) + " more</li>";
+        if (const size_t all = data_.facts.scan.boxes.size() + data_.facts.scan.more_boxes;
+            all > kMostChips) {
+            out_ += "<li>and " + show_count(all - kMostChips) + " more</li>";
         }
         out_ += "</ul></section>\n";
     }
@@ -414,7 +421,7 @@ class Page {
         const auto chunks = static_cast<uint32_t>(track->chunk_count);
         facts.push_back(fact("", show_count(chunks)) + (chunks == 1 ? " chunk" : " chunks"));
         facts.push_back("clock " + fact("", show_count(track->timescale)) + " Hz");
-        if (!figures.has_sync_table && is_of(track, Medium::kVideo)) {
+        if (!figures.has_sync_table && is_of(track, MediaKind::kVideo)) {
             facts.push_back("every sample is a sync sample");
         }
         if (isoFFtrackDetails(track)->edit_count <= 0) facts.push_back("no edit list");
@@ -471,8 +478,8 @@ class Page {
         const std::string rate = rate_chart(figures, data_.seconds);
         out_ += rate + sync_chart(figures, data_.seconds);
         if (!rate.empty()) out_ += time_axis(data_.seconds);
-        out_ +=
-            edit_strip(track, isoFFfileDetails(data_.file.get())->edit_timescale, data_.seconds);
+        out_ += edit_strip(track, isoFFfileDetails(data_.facts.file.get())->edit_timescale,
+                           data_.seconds);
         if (is_hint(track)) {
             add_hints(figures);
         } else {

@@ -66,7 +66,7 @@ section > .note { margin-bottom: 14px; }
 .api p { margin-top: 5px; font-size: 14px; }
 code { font: 13px/1.45 ui-monospace, "DejaVu Sans Mono", Menlo, Consolas, monospace;
   overflow-wrap: anywhere; }
-.mend { display: block; background: var(--code); border: 1px solid var(--line); border-radius: 7px;
+.fix { display: block; background: var(--code); border: 1px solid var(--line); border-radius: 7px;
   padding: 6px 10px; margin-top: 5px; }
 .row { display: grid; grid-template-columns: 130px 1fr; gap: 12px; align-items: center;
   margin-top: 7px; }

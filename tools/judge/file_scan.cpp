@@ -1,0 +1,285 @@
+#include "tools/judge/file_scan.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <set>
+#include <span>
+
+#include "common/bytes.h"
+#include "tools/support.h"
+
+namespace tool {
+namespace {
+
+constexpr uint32_t kHeader = 8;
+constexpr uint32_t kLargeHeader = 16;  // with a 64-bit size
+constexpr uint32_t kLargeSize = 1, kOpenSize = 0;
+
+struct Header {
+    uint64_t size;  // of the whole box, as declared
+    uint32_t length;
+    uint32_t form;  // the 32-bit size field
+    std::string type;
+};
+
+// A box whose body is a list of boxes, and which of them a file cannot do without. "a|b" is one of
+// two.
+struct Container {
+    std::string_view type;
+    std::vector<std::string_view> needs;
+};
+
+const Container* container(std::string_view type) {
+    static const std::array<Container, 5> kContainers = {
+        {{"moov", {"mvhd", "trak"}},
+         {"trak", {"tkhd", "mdia"}},
+         {"mdia", {"mdhd", "hdlr", "minf"}},
+         {"minf", {"stbl"}},
+         {"stbl", {"stsd", "stts", "stsc", "stsz|stz2", "stco|co64"}}}};
+    const auto* found = std::find_if(kContainers.begin(), kContainers.end(),
+                                     [&](const Container& one) { return one.type == type; });
+    return found == kContainers.end() ? nullptr : found;
+}
+
+bool contains(const std::vector<std::string>& all, std::string_view one) {
+    return std::find(all.begin(), all.end(), one) != all.end();
+}
+
+class Scanner {
+  public:
+    explicit Scanner(KST_IOSTREAM_CALLBACK_INTERFACE* stream) : stream_(stream) {
+        stream->GetStreamSize(stream->Context, &scan_.file_size);
+    }
+
+    FileScan run() {
+        uint64_t at = 0;
+        while (at < scan_.file_size && seen_ < kMostBoxes)
+            at = take_top_box(at);
+        if (at < scan_.file_size) {
+            report("There are more than " + std::to_string(kMostBoxes) +
+                   " boxes; the rest was not looked at.");
+        }
+        report_what_is_missing();
+        return std::move(scan_);
+    }
+
+  private:
+    static std::string place(const std::string& type, uint64_t offset) {
+        return "Box '" + type + "' at byte " + std::to_string(offset);
+    }
+
+    void report(const std::string& sentence) {
+        if (scan_.damage.size() < kMostDamage) {
+            scan_.damage.push_back(sentence);
+        } else {
+            ++scan_.more_damage;
+        }
+    }
+
+    bool read(std::span<uint8_t> to, uint64_t offset) {
+        if (offset + to.size() > scan_.file_size) return false;
+        const auto count = static_cast<uint32_t>(to.size());
+        uint32_t got = 0;
+        const uint32_t status = stream_->IndexRead(stream_->Context, to.data(),
+                                                   static_cast<uint32_t>(offset), count, &got);
+        return status == 0 && got == count;
+    }
+
+    // The header at `offset`, after which `left` bytes are there for the box.
+    std::optional<Header> header_at(uint64_t offset, uint64_t left) {
+        std::array<uint8_t, kLargeHeader> raw{};
+        if (left < kHeader || !read(std::span(raw).first(kHeader), offset)) return std::nullopt;
+        ++seen_;
+        const auto* type = reinterpret_cast<const char*>(&raw[4]);
+        const uint32_t form = kestrel::load_be32(raw.data());
+        Header header{form, kHeader, form, printable({type, 4})};
+        if (form == kLargeSize) {
+            if (left < kLargeHeader || !read(std::span(raw).subspan(kHeader), offset + kHeader))
+                return std::nullopt;
+            header.size =
+                uint64_t{kestrel::load_be32(&raw[8])} << 32 | kestrel::load_be32(&raw[12]);
+            header.length = kLargeHeader;
+            scan_.has_large_sizes = true;
+        }
+        return header;
+    }
+
+    uint64_t take_top_box(uint64_t at) {
+        const uint64_t left = scan_.file_size - at;
+        std::optional<Header> header = header_at(at, left);
+        if (header && header->form == kOpenSize) {
+            header->size = left;
+            scan_.has_open_sizes = true;
+        }
+        if (!header || header->size < header->length) {
+            report("The " + std::to_string(left) + " bytes from byte " + std::to_string(at) +
+                   " to the end are " + (header ? "no box." : "too few for a box."));
+            keep({"?", at, left, false, true});
+            return scan_.file_size;
+        }
+        const bool cut = header->size > left;
+        keep({header->type, at, header->size, cut, false});
+        if (cut) report_cut(*header, at);
+        const uint64_t size = std::min(header->size, left);
+        scan_.has_file_type = scan_.has_file_type || header->type == "ftyp";
+        if (header->type == "moof") {
+            ++scan_.fragments;
+            scan_.movie_bytes += size;
+        } else if (header->type == "moov") {
+            scan_.has_movie = true;
+            scan_.movie_is_cut = scan_.movie_is_cut || cut;
+            scan_.movie_bytes += size;
+            walk(*container("moov"), "moov", at + header->length, at + size);
+        }
+        return at + size;
+    }
+
+    void keep(const TopBox& box) {
+        if (scan_.boxes.size() < kMostTopBoxes) {
+            scan_.boxes.push_back(box);
+        } else {
+            ++scan_.more_boxes;
+        }
+    }
+
+    void report_cut(const Header& header, uint64_t at) {
+        const uint64_t missing = header.size - (scan_.file_size - at);
+        report(place(header.type, at) + " declares " + std::to_string(header.size) +
+               " bytes, but the file ends " + std::to_string(missing) + " bytes before that.");
+    }
+
+    // The containers nest in one way only, so this goes no deeper than they do.
+    void walk(const Container& parent, const std::string& name, uint64_t from, uint64_t end) {
+        std::set<std::string, std::less<>> seen;
+        int tracks = 0;
+        while (end - from >= kHeader && seen_ < kMostBoxes) {
+            const uint64_t left = end - from;
+            const std::optional<Header> header = header_at(from, left);
+            if (!header) break;
+            if (header->size < header->length || header->size > left) {
+                report(place(header->type, from) + " in " + name + " declares " +
+                       std::to_string(header->size) + " bytes where " + std::to_string(left) +
+                       " are left.");
+                if (header->size < header->length) return;
+            }
+            const uint64_t size = std::min(header->size, left);
+            seen.insert(header->type);
+            note(parent, *header, from, from + size);
+            const bool fits =
+                parent.type == "moov" ? header->type == "trak" : is_needed(parent, header->type);
+            const Container* child = fits ? container(header->type) : nullptr;
+            if (child != nullptr) {
+                std::string number;
+                if (child->type == "trak") number.append(1, ' ').append(std::to_string(++tracks));
+                walk(*child, name + " / " + header->type + number, from + header->length,
+                     from + size);
+            }
+            from += size;
+        }
+        for (const std::string_view needed : parent.needs) {
+            if (seen_ < kMostBoxes && !has_needed(seen, needed)) {
+                report("There is no '" + std::string(needed.substr(0, 4)) + "' box in " + name +
+                       ".");
+            }
+        }
+    }
+
+    // What is kept of a track's boxes.
+    void note(const Container& parent, const Header& header, uint64_t at, uint64_t end) {
+        if (parent.type == "moov" && header.type == "trak") {
+            // Those of a file with more tracks all go into one that is not kept.
+            if (scan_.tracks.size() < kMostScannedTracks) {
+                scan_.tracks.emplace_back();
+                track_ = &scan_.tracks.back();
+            } else {
+                spare_ = {};
+                track_ = &spare_;
+            }
+        }
+        if (track_ == nullptr) return;
+        const uint64_t body = at + header.length;
+        if (header.type == "tkhd" || header.type == "mdhd") {
+            note_header(header, body, end);
+        } else if (parent.type == "stbl") {
+            if (track_->tables.size() < kMostKept) track_->tables.push_back(header.type);
+            if (header.type == "stsd") note_entries(body, end);
+        }
+    }
+
+    void note_header(const Header& header, uint64_t body, uint64_t end) {
+        constexpr uint32_t kIdAfter32 = 12, kIdAfter64 = 20;  // bytes of version, flags and times
+        std::array<uint8_t, 4> raw{};
+        if (end - body < raw.size() || !read(raw, body)) return;
+        const bool large = raw[0] == 1;
+        if (large) track_->version1.push_back(header.type);
+        const uint64_t id_at = body + (large ? kIdAfter64 : kIdAfter32);
+        if (header.type == "tkhd" && id_at + raw.size() <= end && read(raw, id_at))
+            track_->id = kestrel::load_be32(raw.data());
+    }
+
+    void note_entries(uint64_t body, uint64_t end) {
+        constexpr uint32_t kVersionAndCount = 8;
+        uint64_t at = body + kVersionAndCount;
+        while (at + kHeader <= end && track_->entries.size() < kMostKept && seen_ < kMostBoxes) {
+            const std::optional<Header> entry = header_at(at, end - at);
+            if (!entry || entry->size < entry->length) return;
+            track_->entries.push_back(entry->type);
+            at += entry->size;
+        }
+    }
+
+    static bool has_needed(const std::set<std::string, std::less<>>& seen,
+                           std::string_view needed) {
+        constexpr size_t kType = 4;
+        for (size_t at = 0; at < needed.size(); at += kType + 1) {
+            if (seen.contains(needed.substr(at, kType))) return true;
+        }
+        return false;
+    }
+
+    static bool is_needed(const Container& parent, std::string_view type) {
+        return std::find(parent.needs.begin(), parent.needs.end(), type) != parent.needs.end();
+    }
+
+    void report_what_is_missing() {
+        if (scan_.file_size == 0) return report("The file is empty.");
+        if (!scan_.is_3gp())
+            return report("There is no file type box and no movie box: this is no 3GP file.");
+        if (!scan_.has_movie) {
+            report("There is no movie box ('moov'): without it nothing of the media can be found.");
+        }
+    }
+
+    static constexpr size_t kMostKept = 32;  // types of a track
+
+    KST_IOSTREAM_CALLBACK_INTERFACE* stream_;
+    FileScan scan_;
+    TrackBoxes* track_ = nullptr;
+    TrackBoxes spare_;
+    uint32_t seen_ = 0;
+};
+
+}  // namespace
+
+bool TrackBoxes::has_table(std::string_view type) const {
+    return contains(tables, type);
+}
+
+bool TrackBoxes::is_encrypted() const {
+    return std::any_of(entries.begin(), entries.end(), [](const std::string& type) {
+        return type == "encv" || type == "enca" || type == "enct" || type == "encs";
+    });
+}
+
+const TrackBoxes* FileScan::track(uint32_t id) const {
+    const auto found = std::find_if(tracks.begin(), tracks.end(),
+                                    [&](const TrackBoxes& track) { return track.id == id; });
+    return found == tracks.end() ? nullptr : &*found;
+}
+
+FileScan scan_file(KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
+    return Scanner(stream).run();
+}
+
+}  // namespace tool

@@ -1,0 +1,64 @@
+// The boxes of a file by their headers alone, and what is wrong with them: what can be said of a
+// file that no reader takes.
+#ifndef KESTREL_TOOLS_JUDGE_FILE_SCAN_H
+#define KESTREL_TOOLS_JUDGE_FILE_SCAN_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kestrel/stream.h"
+
+namespace tool {
+
+struct TopBox {
+    std::string type;  // as `printable` shows it
+    uint64_t offset = 0;
+    uint64_t size = 0;    // as the header declares
+    bool cut = false;     // ends after the end of the file
+    bool broken = false;  // no header of a box: what is left of the file
+};
+
+// The boxes of a track that decide who can read it.
+struct TrackBoxes {
+    uint32_t id = 0;
+    std::vector<std::string> tables;    // children of `stbl`, as `printable` shows them
+    std::vector<std::string> entries;   // sample entries, the first few
+    std::vector<std::string> version1;  // of `tkhd` and `mdhd`, those with 64-bit times
+
+    bool has_table(std::string_view type) const;
+    bool is_encrypted() const;
+};
+
+struct FileScan {
+    uint32_t file_size = 0;
+    std::vector<TopBox> boxes;        // of the top level, at most kMostTopBoxes
+    uint32_t more_boxes = 0;          // how many more there are
+    std::vector<std::string> damage;  // a sentence each, at most kMostDamage
+    uint32_t more_damage = 0;         // how many more there are
+    std::vector<TrackBoxes> tracks;   // of movie boxes, in file order, at most kMostScannedTracks
+    uint64_t movie_bytes = 0;         // of movie and fragment boxes
+    uint32_t fragments = 0;           // `moof` boxes
+    bool has_file_type = false;
+    bool has_movie = false;
+    bool movie_is_cut = false;
+    bool has_large_sizes = false;  // a box declares its size with 64 bits
+    bool has_open_sizes = false;   // a box of the top level runs to the end of the file
+
+    bool is_3gp() const { return has_file_type || has_movie; }
+    const TrackBoxes* track(uint32_t id) const;
+};
+
+// Walks the box headers. The stream table must have all of the file. Costs a read for each box, and
+// at most kMostBoxes of them.
+FileScan scan_file(KST_IOSTREAM_CALLBACK_INTERFACE* stream);
+
+inline constexpr size_t kMostDamage = 20;
+inline constexpr uint32_t kMostBoxes = 50000;
+inline constexpr size_t kMostTopBoxes = 200;
+inline constexpr size_t kMostScannedTracks = 64;
+
+}  // namespace tool
+
+#endif

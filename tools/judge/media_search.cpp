@@ -1,0 +1,76 @@
+#include "tools/judge/media_search.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <string_view>
+
+#include "common/bytes.h"
+
+namespace tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool has_media_name(const fs::path& path) {
+    static constexpr std::array kEndings = {".3gp", ".3gpp", ".3g2", ".3gpp2", ".mp4"};
+    std::string ending = path.extension().string();
+    std::transform(ending.begin(), ending.end(), ending.begin(), [](unsigned char c) {
+        return static_cast<char>(c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c);
+    });
+    return std::find(kEndings.begin(), kEndings.end(), ending) != kEndings.end();
+}
+
+// True when the file begins with a box that such a file may begin with.
+bool begins_with_box(int file) {
+    static constexpr std::array<std::string_view, 10> kTypes = {
+        "ftyp", "moov", "mdat", "moof", "styp", "sidx", "free", "skip", "wide", "pnot"};
+    std::array<uint8_t, 8> head{};
+    if (pread(file, head.data(), head.size(), 0) != static_cast<ssize_t>(head.size())) return false;
+    const uint32_t size = kestrel::load_be32(head.data());
+    const std::string_view type(reinterpret_cast<const char*>(&head[4]), 4);
+    return (size < 2 || size >= head.size()) &&
+           std::find(kTypes.begin(), kTypes.end(), type) != kTypes.end();
+}
+
+bool is_media(const fs::path& path) {
+    if (has_media_name(path)) return true;
+    struct stat about {};
+    if (stat(path.c_str(), &about) != 0) return errno != ENOENT;
+    if (!S_ISREG(about.st_mode)) return false;
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (file < 0) return true;
+    const bool found = begins_with_box(file);
+    close(file);
+    return found;
+}
+
+}  // namespace
+
+std::vector<FoundFile> search_folder(const std::string& folder) {
+    std::vector<FoundFile> found;
+    std::vector<fs::path> folders{folder};
+    while (!folders.empty()) {
+        const fs::path here = std::move(folders.back());
+        folders.pop_back();
+        std::error_code failure, unknown;
+        fs::directory_iterator at(here, failure);
+        for (; !failure && at != fs::directory_iterator(); at.increment(failure)) {
+            if (!at->is_directory(unknown)) {
+                found.push_back({at->path().string(), is_media(at->path())});
+            } else if (!at->is_symlink(unknown)) {
+                folders.push_back(at->path());
+            }
+        }
+        if (failure) found.push_back({here.string(), true});
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+}  // namespace tool

@@ -1,0 +1,23 @@
+// Finding the media files below a folder.
+#ifndef KESTREL_TOOLS_JUDGE_MEDIA_SEARCH_H
+#define KESTREL_TOOLS_JUDGE_MEDIA_SEARCH_H
+
+#include <string>
+#include <vector>
+
+namespace tool {
+
+struct FoundFile {
+    std::string path;
+    bool is_media = false;  // by its content or its name; also what cannot be read
+
+    auto operator<=>(const FoundFile&) const = default;
+};
+
+// All files below a folder, sorted by path. Links to folders are not followed. A folder that cannot
+// be read is among them. Has one folder open at a time.
+std::vector<FoundFile> search_folder(const std::string& folder);
+
+}  // namespace tool
+
+#endif

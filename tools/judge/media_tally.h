@@ -1,0 +1,63 @@
+// What comes out of a native stream, counted and looked at as it comes, whatever its length.
+#ifndef KESTREL_TOOLS_JUDGE_MEDIA_TALLY_H
+#define KESTREL_TOOLS_JUDGE_MEDIA_TALLY_H
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "companion/stream/depacketise.h"
+#include "companion/stream/native_walk.h"
+
+namespace tool {
+
+// Plain numbers, so that a process can pass them on as bytes.
+struct MediaCounts {
+    uint64_t frames = 0;  // of the native stream: pictures, or speech of one frame or sample
+    uint64_t bytes = 0;   // of media: pictures without packet headers, speech frames as stored
+    uint64_t empty_frames = 0;  // of speech: without speech or comfort noise, a byte each
+    // Frames whose bytes cannot be what their codec writes, and the number of the first, from 1.
+    uint64_t implausible = 0;
+    uint64_t first_implausible = 0;
+};
+
+// Takes a native stream in pieces. Holds one frame. A frame is plausible when
+//   AMR      its frame types are of the codec, and a payload ends with its last frame
+//   H.263    it begins with a picture start code (ITU-T H.263, 5.1.1)
+//   MPEG-4   it begins with a start code prefix (ISO/IEC 14496-2, 6.2.1)
+//   H.264    its NAL unit headers, and the slice headers' first fields, have values that exist
+//            (ITU-T H.264, 7.3.1 and 7.4.3)
+// and always when it is empty.
+class MediaTally final : private kestrel::stream::RecordSink {
+  public:
+    MediaTally() : walk_(*this) {}
+
+    void take(std::span<const uint8_t> stream);
+    const MediaCounts& counts() const { return counts_; }
+
+  private:
+    bool wants_records() const override { return false; }
+    void header(const kestrel::stream::StreamHeader& header) override;
+    void begin_frame() override;
+    void end_frame() override;
+    void video_packet(const kestrel::stream::VideoPacket& packet) override;
+    void speech_frame(std::span<const uint8_t> frame) override;
+
+    void take_picture(std::span<const uint8_t> bytes);
+    void end_unit();
+    void count_implausible();
+
+    kestrel::stream::NativeWalk walk_;
+    bool lost_ = false;  // the stream is no native stream from here on
+    kestrel::stream::Medium medium_ = kestrel::stream::Medium::kNarrowBandSpeech;
+    std::unique_ptr<kestrel::stream::Depacketiser> depacketiser_;
+    std::array<uint8_t, 12> first_{};  // of the picture, or of the NAL unit at hand
+    size_t got_ = 0;
+    bool plausible_ = true;  // the frame at hand, so far
+    MediaCounts counts_;
+};
+
+}  // namespace tool
+
+#endif

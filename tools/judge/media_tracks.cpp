@@ -1,0 +1,207 @@
+#include "tools/judge/media_tracks.h"
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+#include <span>
+#include <vector>
+
+#include "common/bytes.h"
+
+namespace tool {
+namespace {
+
+const char* handler_of(MediaKind kind) {
+    return kind == MediaKind::kAudio ? "soun" : "vide";
+}
+
+// The first track of a list that `fits`; null for none.
+template <typename Fits>
+const iso_track* find_track(const iso_track* track, Fits fits) {
+    while (track != nullptr && !fits(track))
+        track = track->next;
+    return track;
+}
+
+// A hint sample (ISO/IEC 14496-12, 9.1.3): true when a packet of it takes bytes out of the hint
+// track.
+bool takes_from_itself(std::span<const uint8_t> hint_sample) {
+    constexpr size_t kTimeAndHeader = 8;  // relative time, RTP header bits, sequence seed
+    constexpr uint16_t kExtra = 4;        // flag: additional information follows
+    constexpr size_t kConstructor = 16;   // bytes
+    constexpr uint8_t kFromSample = 2, kThisTrack = 0xFF;
+    kestrel::ByteReader reader(hint_sample);
+    const uint16_t packets = reader.be16();
+    reader.skip(2);
+    for (uint16_t packet = 0; packet < packets && reader.ok(); ++packet) {
+        reader.skip(kTimeAndHeader);
+        const uint16_t flags = reader.be16();
+        const uint16_t constructors = reader.be16();
+        if ((flags & kExtra) != 0) reader.skip(std::max(reader.be32(), 4u) - 4);
+        for (uint16_t i = 0; i < constructors && reader.ok(); ++i) {
+            const auto constructor = reader.take(kConstructor);
+            if (reader.ok() && constructor[0] == kFromSample && constructor[1] == kThisTrack)
+                return true;
+        }
+    }
+    return false;
+}
+
+bool takes_from_itself(const iso_track* hint) {
+    constexpr int kLooked = 16;               // samples
+    constexpr uint32_t kMostBytes = 1 << 16;  // of one
+    std::vector<uint8_t> bytes;
+    for (int sample = 0; sample < std::min(hint->sample_count, kLooked); ++sample) {
+        bytes.resize(std::min(sample_size_of(hint, static_cast<uint32_t>(sample)), kMostBytes));
+        // Reading moves the cursor of the track, which nobody else uses.
+        const int got = isoFFreadAt(const_cast<iso_track*>(hint), sample, 0, bytes.data(),
+                                    static_cast<unsigned>(bytes.size()), nullptr, nullptr);
+        if (got <= 0) continue;
+        if (takes_from_itself({bytes.data(), static_cast<size_t>(got)})) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+const char* word(Api api) {
+    return api == Api::kFunction ? "function" : "class";
+}
+
+const char* word(MediaKind kind) {
+    return kind == MediaKind::kAudio ? "audio" : "video";
+}
+
+bool is_hint(const iso_track* track) {
+    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
+}
+
+bool is_of(const iso_track* track, MediaKind kind) {
+    switch (track->codec) {
+        case ISO_CODEC_SAMR:
+        case ISO_CODEC_SAWB:
+        case ISO_CODEC_SAWP:
+        case ISO_CODEC_MP4A:
+            return kind == MediaKind::kAudio;
+        case ISO_CODEC_S263:
+        case ISO_CODEC_MP4V:
+        case ISO_CODEC_AVC1:
+            return kind == MediaKind::kVideo;
+        case ISO_CODEC_RTP:
+        case ISO_CODEC_SRTP:
+            return false;
+        default:
+            return std::strcmp(track->handler, handler_of(kind)) == 0;
+    }
+}
+
+bool has_medium(const iso_file* file, MediaKind kind) {
+    return find_track(file->first_track, [&](auto* track) { return is_of(track, kind); }) !=
+           nullptr;
+}
+
+bool plays_codec(Api api, int32_t codec) {
+    switch (codec) {
+        case ISO_CODEC_SAMR:
+        case ISO_CODEC_S263:
+        case ISO_CODEC_MP4V:
+            return true;
+        case ISO_CODEC_SAWB:
+        case ISO_CODEC_AVC1:
+            return api == Api::kFunction;
+        default:
+            return false;
+    }
+}
+
+// The function API takes the track ID of the last track that it plays, and the first such track
+// with that ID; the class API takes tracks by their handlers, and of those with one ID the last.
+const iso_track* track_for(const iso_file* file, Api api, MediaKind kind) {
+    const auto takes = [&](const iso_track* track) {
+        if (api == Api::kFunction) return is_of(track, kind) && plays_codec(api, track->codec);
+        return std::strcmp(track->handler, handler_of(kind)) == 0;
+    };
+    const iso_track* last = nullptr;
+    for (const iso_track* track = file->first_track; track != nullptr; track = track->next) {
+        if (takes(track)) last = track;
+    }
+    if (last == nullptr) {
+        return find_track(file->first_track, [&](auto* track) { return is_of(track, kind); });
+    }
+    if (api == Api::kClass) return last;
+    return find_track(file->first_track, [&](auto* track) {
+        return takes(track) && track->track_id == last->track_id;
+    });
+}
+
+bool has_several(const iso_file* file, MediaKind kind) {
+    const auto takes = [&](const iso_track* track) {
+        return std::strcmp(track->handler, handler_of(kind)) == 0;
+    };
+    const iso_track* first = find_track(file->first_track, takes);
+    return first != nullptr && find_track(first->next, [&](auto* track) {
+                                   return takes(track) && track->track_id != first->track_id;
+                               }) != nullptr;
+}
+
+const iso_track* hint_track_of(const iso_file* file, const iso_track* media) {
+    return find_track(file->first_track, [&](auto* track) {
+        return is_hint(track) && track->hint_track_ref == media->track_id;
+    });
+}
+
+bool has_hints(const iso_file* file) {
+    return find_track(file->first_track, is_hint) != nullptr;
+}
+
+bool is_self_hinted(const iso_file* file, const iso_track* media) {
+    const iso_track* hint = hint_track_of(file, media);
+    if (hint != nullptr) return takes_from_itself(hint);
+    return find_track(file->first_track, [](auto* track) {
+               const bool is_alone =
+                   track->hint_track_ref == 0 || track->hint_track_ref == track->track_id;
+               return is_hint(track) && is_alone && takes_from_itself(track);
+           }) != nullptr;
+}
+
+uint32_t sample_size_of(const iso_track* track, uint32_t sample) {
+    return track->sample_sizes == nullptr ? track->sample_size : track->sample_sizes[sample];
+}
+
+Declared declared(const iso_track* track) {
+    Declared out;
+    out.samples = isoFFtrackDetails(track)->declared_samples;  // entries of sample_sizes
+    if (track->sample_sizes == nullptr) {
+        out.filled = track->sample_size == 0 ? 0 : out.samples;
+        out.bytes = out.samples * track->sample_size;
+        out.largest = track->sample_size;
+        return out;
+    }
+    for (uint32_t sample = 0; sample < out.samples; ++sample) {
+        const uint32_t size = track->sample_sizes[sample];
+        out.filled += size > 0 ? 1 : 0;
+        out.bytes += size;
+        out.largest = std::max(out.largest, size);
+    }
+    return out;
+}
+
+uint64_t sample_bytes(const iso_track* track) {
+    const auto samples = static_cast<uint32_t>(std::max(track->sample_count, 0));
+    if (track->sample_sizes == nullptr) return uint64_t{track->sample_size} * samples;
+    return std::accumulate(track->sample_sizes, track->sample_sizes + samples, uint64_t{0});
+}
+
+Outside outside_file(const iso_track* track, uint32_t size) {
+    Outside out;
+    for (int32_t i = 0; i < track->chunk_count; ++i) {
+        const iso_chunk& chunk = track->chunks[i];
+        if (chunk.end <= size) continue;
+        ++out.chunks;
+        const uint32_t from = std::max(chunk.start, size);
+        out.bytes += chunk.end > from ? chunk.end - from : 0;
+    }
+    return out;
+}
+
+}  // namespace tool

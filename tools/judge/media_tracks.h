@@ -1,0 +1,65 @@
+// The tracks of a file by what they carry, and which of them an API takes.
+#ifndef KESTREL_TOOLS_JUDGE_MEDIA_TRACKS_H
+#define KESTREL_TOOLS_JUDGE_MEDIA_TRACKS_H
+
+#include <array>
+#include <cstdint>
+
+#include "tools/support.h"
+
+namespace tool {
+
+enum class MediaKind { kAudio, kVideo };
+
+inline constexpr std::array kApis = {Api::kFunction, Api::kClass};
+inline constexpr std::array kMedia = {MediaKind::kAudio, MediaKind::kVideo};
+
+// "function", "class"; "audio", "video".
+const char* word(Api api);
+const char* word(MediaKind kind);
+
+bool is_hint(const iso_track* track);
+
+// Of a track that is no hint track, by its codec, else by its handler. False for any other.
+bool is_of(const iso_track* track, MediaKind kind);
+bool has_medium(const iso_file* file, MediaKind kind);
+
+bool plays_codec(Api api, int32_t codec);
+
+// The track that the API takes, else the first of the medium; null where there is none.
+const iso_track* track_for(const iso_file* file, Api api, MediaKind kind);
+
+// True when the class API finds more than one track of the medium.
+bool has_several(const iso_file* file, MediaKind kind);
+
+const iso_track* hint_track_of(const iso_file* file, const iso_track* media);
+bool has_hints(const iso_file* file);
+
+// True when the hint track of `media`, or one that refers to no other track, takes payloads out of
+// itself. The first samples of the hint track are looked at.
+bool is_self_hinted(const iso_file* file, const iso_track* media);
+
+uint32_t sample_size_of(const iso_track* track, uint32_t sample);
+
+// What a track's tables declare, also of samples for which the reader found no place.
+struct Declared {
+    uint64_t samples = 0;
+    uint64_t filled = 0;  // of them, those that are not empty
+    uint64_t bytes = 0;
+    uint32_t largest = 0;  // bytes
+};
+Declared declared(const iso_track* track);
+
+// The sum of the sizes of the samples that the reader found a place for.
+uint64_t sample_bytes(const iso_track* track);
+
+// What a track's tables place after the end of a file of `size` bytes.
+struct Outside {
+    uint32_t chunks = 0;
+    uint64_t bytes = 0;
+};
+Outside outside_file(const iso_track* track, uint32_t size);
+
+}  // namespace tool
+
+#endif

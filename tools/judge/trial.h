@@ -1,0 +1,39 @@
+// Playing a medium with one of the APIs, in a process of its own.
+#ifndef KESTREL_TOOLS_JUDGE_TRIAL_H
+#define KESTREL_TOOLS_JUDGE_TRIAL_H
+
+#include <cstdint>
+
+#include "tools/judge/child_process.h"
+#include "tools/judge/media_tally.h"
+#include "tools/judge/media_tracks.h"
+
+namespace tool {
+
+// What playing came to. Plain numbers, which the process passes on as bytes.
+struct Trial {
+    uint64_t opened = 0;                 // 1 when it was
+    int64_t status = KST_UNKNOWN_CODER;  // of the call that ended it; KST_SUCCESS for the end
+    uint64_t delivered = 0;              // bytes of stream
+    MediaCounts counts;
+};
+
+struct TrialResult {
+    ChildResult::End end = ChildResult::End::kFault;
+    int signal = 0;
+    Trial trial;
+
+    // Opened, and delivered to the end of the stream, with a frame at least.
+    bool reached_end() const {
+        return end == ChildResult::End::kReported && trial.opened != 0 &&
+               trial.status == KST_SUCCESS && trial.counts.frames > 0;
+    }
+};
+
+// Opens one medium with one API and plays it to its end. The host must be complete, and is the
+// caller's again afterwards. Opening with the class API may end the process that does it.
+TrialResult try_playing(kst_host* host, Api api, MediaKind kind, const ChildLimits& limits);
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,508 @@
+#include "tools/judge/verdict.h"
+
+#include <algorithm>
+#include <span>
+
+#include "native/codec/amr_format.h"
+#include "tools/report/markup.h"
+
+namespace tool {
+namespace {
+
+using End = ChildResult::End;
+
+// The memory that playing may take: a handle holds a multiple of the boxes that it reads.
+constexpr uint64_t kMemory = 256 << 20;
+constexpr uint64_t kMemoryForEachByte = 64;  // of movie and fragment boxes
+
+constexpr uint32_t kLeastLarge = 60000;  // bytes of a sample that an API may have no room for
+
+// What one judgement is about.
+struct Subject {
+    const FileFacts& facts;
+    Api api;
+    MediaKind kind;
+    const iso_track* track;  // null for none
+    Expected expected;       // of the track
+};
+
+Subject subject_of(const FileFacts& facts, Api api, MediaKind kind) {
+    const iso_track* track = track_for(facts.file.get(), api, kind);
+    return {facts, api, kind, track, track != nullptr ? expected_of(facts, track) : Expected{}};
+}
+
+// --- how much came out ---
+
+// The speech frames of a track's samples that hold something, without their empty ones, which a
+// hint track may leave out.
+uint64_t filled_speech_bytes(const iso_track* track) {
+    constexpr uint32_t kLongest = 1 << 16;  // bytes of a sample
+    const auto* table = track->codec == ISO_CODEC_SAWB ? kestrel::kWideBand.frame_bits
+                                                       : kestrel::kNarrowBand.frame_bits;
+    std::vector<uint8_t> sample;
+    uint64_t bytes = 0;
+    for (int32_t number = 0; number < track->sample_count; ++number) {
+        sample.resize(std::min(sample_size_of(track, static_cast<uint32_t>(number)), kLongest));
+        // Reading moves the track's cursor, which nobody else uses.
+        const int got = isoFFreadAt(const_cast<iso_track*>(track), number, 0, sample.data(),
+                                    static_cast<unsigned>(sample.size()), nullptr, nullptr);
+        for (size_t at = 0; at < static_cast<size_t>(std::max(got, 0));) {
+            const int type = kestrel::storage_frame_type(sample[at]);
+            const auto size = static_cast<size_t>(kestrel::storage_frame_size(table[type]));
+            bytes += size > 1 ? size : 0;
+            at += size;
+        }
+    }
+    return bytes;
+}
+
+bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
+    if (counts.bytes >= subject.expected.bytes) return true;
+    return subject.track != nullptr &&
+           subject.expected.samples == static_cast<uint64_t>(subject.track->sample_count) &&
+           counts.bytes - counts.empty_frames >= filled_speech_bytes(subject.track);
+}
+
+// Pictures are counted. Their bytes may be fewer than in the samples, as packets leave out what a
+// decoder does not need.
+bool is_all(const Subject& subject, const MediaCounts& counts) {
+    constexpr double kEnough = 0.9;
+    if (subject.kind == MediaKind::kAudio) return is_all_speech(subject, counts);
+    return counts.frames >= subject.expected.pictures &&
+           static_cast<double>(counts.bytes) >=
+               kEnough * static_cast<double>(subject.expected.bytes);
+}
+
+// A frame whose type needs more bytes than its sample has is filled up with zeros.
+bool has_filled_up_speech(const Subject& subject, const MediaCounts& counts) {
+    return subject.kind == MediaKind::kAudio && subject.api == Api::kFunction &&
+           subject.expected.in_fragments == 0 && counts.bytes > subject.expected.bytes;
+}
+
+bool plays(const Subject& subject, const TrialResult& result) {
+    const MediaCounts& counts = result.trial.counts;
+    return result.reached_end() && counts.implausible == 0 &&
+           !has_filled_up_speech(subject, counts) && is_all(subject, counts);
+}
+
+// --- what the file's boxes explain ---
+
+const TrackBoxes* boxes_of(const Subject& subject) {
+    return subject.track != nullptr ? subject.facts.scan.track(subject.track->track_id) : nullptr;
+}
+
+bool is_encrypted(const Subject& subject) {
+    const TrackBoxes* boxes = boxes_of(subject);
+    return boxes != nullptr && boxes->is_encrypted();
+}
+
+// The name of a box in a form that neither API reads, and that stands for one which playing needs;
+// empty for none.
+std::string unread_table(const Subject& subject) {
+    const TrackBoxes* boxes = boxes_of(subject);
+    if (boxes == nullptr) return "";
+    for (const char* type : {"stz2", "co64"}) {
+        if (boxes->has_table(type)) return type;
+    }
+    return "";
+}
+
+// The same, of boxes that an API may as well do without.
+std::string unknown_table(const Subject& subject) {
+    const TrackBoxes* boxes = boxes_of(subject);
+    if (boxes == nullptr || !unread_table(subject).empty()) return unread_table(subject);
+    for (const char* type : {"sgpd", "sbgp"}) {
+        if (std::count(boxes->tables.begin(), boxes->tables.end(), type) > 1)
+            return std::string("a second ") + type;
+    }
+    return boxes->version1.empty() ? "" : "version 1 of " + boxes->version1.front();
+}
+
+bool has_odd_sizes(const FileFacts& facts) {
+    return facts.scan.has_large_sizes || facts.scan.has_open_sizes;
+}
+
+bool is_whole(const iso_track* track, uint32_t size) {
+    return outside_file(track, size).chunks == 0;
+}
+
+// True when data that the tables place after the end of the file is missing.
+bool lacks_data(const Subject& subject, int64_t status) {
+    if (status == KST_NOT_YET) return true;
+    if (subject.track == nullptr) return false;
+    const uint32_t size = subject.facts.scan.file_size;
+    const iso_track* hint = hint_track_of(subject.facts.file.get(), subject.track);
+    return !is_whole(subject.track, size) || (hint != nullptr && !is_whole(hint, size));
+}
+
+// --- the reason ---
+
+// Of what did not open, or failed before its end.
+Reason reason_of_failure(const Subject& subject, const Trial& trial) {
+    const FileFacts& facts = subject.facts;
+    if (trial.status == KST_TOO_MANY_TRACKS) return Reason::kSeveralTracks;
+    if (trial.status == KST_NO_MEMORY) return Reason::kMemory;
+    const bool is_class = subject.api == Api::kClass;
+    if (is_class && subject.track != nullptr && has_hints(facts.file.get()) &&
+        is_self_hinted(facts.file.get(), subject.track)) {
+        return Reason::kSelfHinted;
+    }
+    if (trial.status == KST_NO_HINT_TRACK) return Reason::kNoHintTrack;
+    if (subject.expected.in_fragments > 0) return Reason::kFragmented;
+    const bool nothing_came = trial.counts.frames == 0;
+    if (nothing_came && !unknown_table(subject).empty()) return Reason::kUnknownTable;
+    if (trial.opened == 0 && has_odd_sizes(facts)) return Reason::kLargeBox;
+    if (trial.counts.implausible > 0) return Reason::kImplausible;
+    if (subject.expected.largest >= kLeastLarge && trial.status != KST_NOT_YET)
+        return Reason::kLargeFrame;
+    return lacks_data(subject, trial.status) ? Reason::kIncomplete : Reason::kDamaged;
+}
+
+Reason reason_of_end(const Subject& subject, const TrialResult& result) {
+    if (plays(subject, result)) return Reason::kPlays;
+    const MediaCounts& counts = result.trial.counts;
+    const iso_file* file = subject.facts.file.get();
+    if (subject.api == Api::kClass && subject.track != nullptr &&
+        is_self_hinted(file, subject.track)) {
+        return Reason::kSelfHinted;
+    }
+    if (counts.implausible > 0 || has_filled_up_speech(subject, counts))
+        return Reason::kImplausible;
+    return subject.expected.in_fragments > 0 ? Reason::kFragmented : Reason::kIncomplete;
+}
+
+Reason reason_of(const Subject& subject, const TrialResult& result) {
+    if (is_encrypted(subject)) return Reason::kEncrypted;
+    if (subject.track != nullptr && !result.reached_end() &&
+        !plays_codec(subject.api, subject.track->codec) && result.end == End::kReported) {
+        return Reason::kCodec;
+    }
+    switch (result.end) {
+        case End::kExit:
+            return Reason::kEndsProcess;
+        case End::kSignal:
+            return Reason::kDamaged;
+        case End::kTimeout:
+            return Reason::kTimeout;
+        case End::kNoMemory:
+            return Reason::kMemory;
+        case End::kFault:
+            throw Error("judging: its process failed");
+        case End::kReported:
+            break;
+    }
+    if (result.reached_end()) return reason_of_end(subject, result);
+    return reason_of_failure(subject, result.trial);
+}
+
+// Of the tables alone.
+Reason reason_by_tables(const Subject& subject) {
+    const iso_file* file = subject.facts.file.get();
+    const iso_track* track = subject.track;
+    if (is_encrypted(subject)) return Reason::kEncrypted;
+    if (track == nullptr)
+        return has_odd_sizes(subject.facts) ? Reason::kLargeBox : Reason::kDamaged;
+    if (!plays_codec(subject.api, track->codec)) return Reason::kCodec;
+    if (subject.api == Api::kClass) {
+        if (has_several(file, subject.kind)) return Reason::kSeveralTracks;
+        if (has_hints(file) && is_self_hinted(file, track)) return Reason::kSelfHinted;
+        if (hint_track_of(file, track) == nullptr) return Reason::kNoHintTrack;
+    }
+    if (subject.expected.in_fragments > 0) return Reason::kFragmented;
+    if (!unread_table(subject).empty()) return Reason::kUnknownTable;
+    if (subject.expected.pictures == 0) return Reason::kDamaged;
+    return lacks_data(subject, KST_SUCCESS) ? Reason::kIncomplete : Reason::kNotPlayed;
+}
+
+// --- sentences ---
+
+// How much comes out, of what lacks some.
+std::string amount(const Subject& subject, const MediaCounts& counts) {
+    const Expected& expected = subject.expected;
+    if (subject.kind == MediaKind::kVideo && counts.frames < expected.pictures) {
+        return std::to_string(counts.frames) + " of " + std::to_string(expected.pictures) +
+               " pictures";
+    }
+    if (expected.bytes == 0) return "";
+    const double percent =
+        100 * static_cast<double>(counts.bytes) / static_cast<double>(expected.bytes);
+    return format(
+        percent > 99 ? "%.2f %% of the bytes of its %s" : "%.0f %% of the bytes of its %s",
+        std::min(percent, 99.99), word(subject.kind));
+}
+
+std::string name_of_codec(const Subject& subject) {
+    std::string codec = subject.track != nullptr ? codec_name(subject.track->codec) : "unknown";
+    if (codec != "unknown") return codec;
+    const TrackBoxes* boxes =
+        subject.track != nullptr ? subject.facts.scan.track(subject.track->track_id) : nullptr;
+    if (boxes == nullptr || boxes->entries.empty())
+        return "this " + std::string(word(subject.kind)) + " codec";
+    return "the codec '" + boxes->entries.front() + "'";
+}
+
+std::string why_incomplete(const Subject& subject, const Verdict& verdict) {
+    if (!verdict.amount.empty()) return "It delivers only " + verdict.amount + ".";
+    return subject.track == nullptr || !is_whole(subject.track, subject.facts.scan.file_size)
+               ? "The file ends before its " + std::string(word(subject.kind)) +
+                     " does: get the whole file."
+               : "The " + std::string(word(subject.kind)) + " is whole, but its RTP hints are not.";
+}
+
+std::string why_implausible(const Subject& subject, const MediaCounts& counts) {
+    if (counts.implausible == 0) {
+        return "Its samples are too short for the speech frames in them: the bytes are of a wrong "
+               "place.";
+    }
+    return format(
+        "%llu of %llu frames cannot be %s, the first is number %llu: bytes of a wrong "
+        "place.",
+        static_cast<unsigned long long>(counts.implausible),
+        static_cast<unsigned long long>(counts.frames), name_of_codec(subject).c_str(),
+        static_cast<unsigned long long>(counts.first_implausible));
+}
+
+std::string why_damaged(const Subject& subject, const Verdict& verdict, const TrialResult& result) {
+    if (result.end == End::kSignal) {
+        return "The reader ended by signal " + std::to_string(result.signal) + ".";
+    }
+    if (!verdict.opens) return "A box or table that playing needs is missing or damaged.";
+    if (verdict.status == KST_SUCCESS) {
+        return subject.track != nullptr && subject.expected.pictures == 0
+                   ? "It opens, but its track has no samples."
+                   : "It opens, but no frame comes out: a table or all samples are malformed.";
+    }
+    return "It stops at damaged data after " + std::to_string(verdict.delivered) +
+           " bytes of stream.";
+}
+
+std::string why(const Subject& subject, const Verdict& verdict, const TrialResult& result) {
+    const std::string medium = word(subject.kind);
+    switch (verdict.reason) {
+        case Reason::kPlays:
+        case Reason::kNotPlayed:
+            return "";
+        case Reason::kNoTrack:
+            return "The file has no " + medium + " track.";
+        case Reason::kNoHintTrack:
+            return (has_hints(subject.facts.file.get())
+                        ? "No RTP hint track refers to the " + medium
+                        : "The " + medium + " has no RTP hint track") +
+                   ", and this API plays nothing else.";
+        case Reason::kSelfHinted:
+            return "The packets of the " + medium +
+                   " are in the hint track itself, where this API does not look for them.";
+        case Reason::kCodec:
+            return "This API does not play " + name_of_codec(subject) +
+                   (verdict.api == Api::kClass ? "; it plays AMR-NB, H.263 and MPEG-4 Visual."
+                                               : "; convert it with another tool first.");
+        case Reason::kEncrypted:
+            return "The " + medium + " is encrypted.";
+        case Reason::kSeveralTracks:
+            return "The file has several " + medium +
+                   " tracks, and this API plays a file with one.";
+        case Reason::kFragmented:
+            return show_count(subject.expected.in_fragments) + " samples of the " + medium +
+                   " are in movie fragments, which this API does not read.";
+        case Reason::kLargeBox:
+            return "A box declares its size in a form that this API does not read: with 64 bits, "
+                   "or "
+                   "to the end of the file.";
+        case Reason::kUnknownTable:
+            return "The " + medium +
+                   " has a table that this API does not read: " + unknown_table(subject) + ".";
+        case Reason::kLargeFrame:
+            return "A sample of " + show_count(subject.expected.largest) +
+                   " bytes is larger than this API can hold.";
+        case Reason::kIncomplete:
+            return why_incomplete(subject, verdict);
+        case Reason::kImplausible:
+            return why_implausible(subject, result.trial.counts);
+        case Reason::kDamaged:
+            return why_damaged(subject, verdict, result);
+        case Reason::kEndsProcess:
+            return "Opening ends the whole process: there is an MPEG-4 sample entry of another "
+                   "codec.";
+        case Reason::kMemory:
+            return "Playing it takes more memory than its tables account for.";
+        case Reason::kTimeout:
+            return "Judging it was not done in time; --timeout gives it more.";
+    }
+    return "";
+}
+
+std::string quoted(const std::string& text) {
+    static constexpr char kPlain[] =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./+,:@%=";
+    std::string path = text.starts_with('-') && text.size() > 1 ? "./" + text : text;
+    if (!path.empty() && path.find_first_not_of(std::string(kPlain) + "-") == std::string::npos) {
+        return path;
+    }
+    // What a page or a terminal would not show as it is goes into a form of bash and others.
+    const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+    if (std::any_of(path.begin(), path.end(), is_control) ||
+        escape(path).find("\xEF\xBF\xBD") != std::string::npos) {
+        std::string out = "$'";
+        for (const char c : path) {
+            const auto byte = static_cast<unsigned char>(c);
+            const bool shown = c >= ' ' && c <= '~' && c != '\'' && c != '\\';
+            out += shown ? std::string(1, c) : format("\\x%02x", byte);
+        }
+        return out + "'";
+    }
+    std::string out = "'";
+    for (const char c : path)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+bool may_have_fix(Reason reason) {
+    switch (reason) {
+        case Reason::kNoHintTrack:
+        case Reason::kSelfHinted:
+        case Reason::kFragmented:
+        case Reason::kLargeBox:
+        case Reason::kUnknownTable:
+        case Reason::kLargeFrame:
+        case Reason::kIncomplete:
+        case Reason::kImplausible:
+        case Reason::kDamaged:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+const char* word(Reason reason) {
+    switch (reason) {
+        case Reason::kPlays:
+            return "plays";
+        case Reason::kNoTrack:
+            return "no-track";
+        case Reason::kNoHintTrack:
+            return "no-hint-track";
+        case Reason::kSelfHinted:
+            return "self-hinted";
+        case Reason::kCodec:
+            return "codec";
+        case Reason::kEncrypted:
+            return "encrypted";
+        case Reason::kSeveralTracks:
+            return "several-tracks";
+        case Reason::kFragmented:
+            return "fragmented";
+        case Reason::kLargeBox:
+            return "large-box";
+        case Reason::kUnknownTable:
+            return "unknown-table";
+        case Reason::kLargeFrame:
+            return "large-frame";
+        case Reason::kIncomplete:
+            return "incomplete";
+        case Reason::kImplausible:
+            return "implausible";
+        case Reason::kDamaged:
+            return "damaged";
+        case Reason::kEndsProcess:
+            return "ends-process";
+        case Reason::kMemory:
+            return "memory";
+        case Reason::kTimeout:
+            return "timeout";
+        case Reason::kNotPlayed:
+            return "not-played";
+    }
+    return "";
+}
+
+const char* Verdict::outcome() const {
+    if (plays()) return "plays";
+    if (reason == Reason::kImplausible) return "gives no media";
+    if (!amount.empty()) return "plays in part";
+    if (frames > 0) return "stops before its end";
+    return opens && status == KST_SUCCESS ? "gives no frame" : "does not play";
+}
+
+std::string fix_command(const Verdict& verdict, const std::string& input) {
+    if (verdict.fix.empty()) return "";
+    const size_t options = verdict.fix.find(' ');
+    const std::string more = options == std::string::npos ? "" : verdict.fix.substr(options);
+    return "kestrel " + verdict.fix.substr(0, options) + " " + quoted(input) + more + " -o OUT";
+}
+
+Judge::Judge(const FileFacts& facts, Clock::time_point deadline)
+    : facts_(facts),
+      limits_{deadline, kMemory + kMemoryForEachByte * facts.scan.movie_bytes},
+      fixes_(facts, limits_) {}
+
+Verdict Judge::judge(Api api, MediaKind kind) {
+    const Subject subject = subject_of(facts_, api, kind);
+    Verdict verdict;
+    verdict.api = api;
+    verdict.kind = kind;
+    if (subject.track == nullptr && !has_medium(facts_, kind)) {
+        verdict.why = why(subject, verdict, {});
+        return verdict;
+    }
+    const TrialResult result = try_playing(facts_.host, api, kind, limits_);
+    const Trial& trial = result.trial;
+    verdict.tried = true;
+    verdict.reason = reason_of(subject, result);
+    verdict.status = static_cast<int32_t>(trial.status);
+    verdict.opens = trial.opened != 0;
+    verdict.delivered = trial.delivered;
+    verdict.frames = trial.counts.frames;
+    verdict.track_id = subject.track != nullptr ? subject.track->track_id : 0;
+    if (result.reached_end() && !verdict.plays()) verdict.amount = amount(subject, trial.counts);
+    if (may_have_fix(verdict.reason)) {
+        verdict.fix = fixes_.find(
+            api, kind, [&](const TrialResult& fixed) { return tool::plays(subject, fixed); });
+    }
+    verdict.why = why(subject, verdict, result);
+    return verdict;
+}
+
+Verdict Judge::look(Api api, MediaKind kind) const {
+    const Subject subject = subject_of(facts_, api, kind);
+    Verdict verdict;
+    verdict.api = api;
+    verdict.kind = kind;
+    verdict.track_id = subject.track != nullptr ? subject.track->track_id : 0;
+    if (subject.track != nullptr || has_medium(facts_, kind))
+        verdict.reason = reason_by_tables(subject);
+    verdict.why = why(subject, verdict, {});
+    return verdict;
+}
+
+std::vector<Verdict> Judge::judge_all() {
+    std::vector<Verdict> verdicts;
+    for (const Api api : kApis) {
+        for (const MediaKind kind : kMedia)
+            verdicts.push_back(judge(api, kind));
+    }
+    return verdicts;
+}
+
+Reason reason_for_no_media(const FileFacts& facts) {
+    if (facts.scan.movie_is_cut) return Reason::kDamaged;
+    if (facts.scan.has_movie && has_odd_sizes(facts)) return Reason::kLargeBox;
+    return facts.scan.damage.empty() ? Reason::kNoTrack : Reason::kDamaged;
+}
+
+std::string why_not_opened(const FileFacts& facts, Api api, MediaKind kind, int32_t status) {
+    const Subject subject = subject_of(facts, api, kind);
+    TrialResult result;
+    result.end = End::kReported;
+    result.trial.status = status;
+    Verdict verdict;
+    verdict.api = api;
+    verdict.kind = kind;
+    verdict.status = status;
+    if (subject.track != nullptr || has_medium(facts, kind))
+        verdict.reason = reason_of(subject, result);
+    return why(subject, verdict, result);
+}
+
+}  // namespace tool
