@@ -317,6 +317,8 @@ TEST(Importer, SaysWhatIsWrong) {
         const Imported imported = import_bytes(file);
         EXPECT_FALSE(imported.result.ok) << error;
         EXPECT_THAT(imported.result.error, testing::HasSubstr(error));
+        const Result salvaged = import_bytes(file, {.salvage = true}).result;
+        EXPECT_NE(salvaged.ok, salvaged.salvaged.empty()) << error;
     }
 }
 
@@ -404,38 +406,45 @@ TEST(Importer, MissesFragments) {
 
 // --- Sound of QuickTime whose tables count units
 
-TEST(Importer, MakesPacketsOfUnitsOfSound) {
+// Two chunks of 1,500 and of 1,000 units.
+TEST(Importer, JoinsUnitsOfSound) {
+    const auto version0 = join({zeros(8), be16(2), be16(16), zeros(4), words({8000u << 16})});
+    const auto version1 = [](std::uint32_t compression) {
+        return join({be16(1), zeros(6), be16(2), be16(16), be16(compression), zeros(2),
+                     words({8000u << 16, 64, 34, 68, 2})});
+    };
     const struct {
         const char* type;
         Bytes rest;  // of the entry, from its version on
-        std::uint32_t size, duration, last;
+        std::uint32_t size_in_table;
+        size_t samples;
+        std::uint32_t size, duration, last_size, last_duration;
     } kCases[] = {
-        {"twos", join({zeros(8), be16(2), be16(16), zeros(4), words({8000u << 16})}), 4, 1, 1},
-        {"ima4",
-         join({be16(1), zeros(6), be16(2), be16(16), zeros(4), words({8000u << 16}),
-               words({64, 34, 68, 2})}),
-         68, 64, 22},
-        {"mp4a",
-         join({be16(1), zeros(6), be16(2), be16(16), be16(0xFFFE), zeros(2),
-               words({8000u << 16, 64, 34, 68, 2})}),
-         1, 1, 1},
+        {"twos", version0, 1, 3, 4096, 1024, 4000, 1000},
+        {"twos", version0, 4, 3, 4096, 1024, 4000, 1000},
+        {"twos", version0, 2, 2500, 2, 1, 2, 1},
+        {"ima4", version1(0), 1, 40, 68, 64, 68, 40},
+        {"mp4a", version1(0xFFFE), 1, 2500, 1, 1, 1, 1},
     };
-    for (const auto& [type, rest, size, duration, last] : kCases) {
-        constexpr std::uint32_t kUnits = 150;
-        const TrackSpec about{.entry = box(type, {zeros(6), be16(1), rest}),
-                              .tables = join({box("stts", {words({0, 1, kUnits, 1})}),
-                                              box("stsc", {words({0, 1, 1, kUnits, 1})}),
-                                              box("stsz", {words({0, 1, kUnits})}),
-                                              box("stco", {words({0, 1, 8})})})};
-        const Bytes file = join({box("mdat", {zeros(1000)}), movie({track(about)})});
+    for (const auto& expected : kCases) {
+        const TrackSpec about{
+            .entry = box(expected.type, {zeros(6), be16(1), expected.rest}),
+            .tables = join({box("stts", {words({0, 1, 2500, 1})}),
+                            box("stsc", {words({0, 1, 1, 1500, 1})}),
+                            box("stsz", {words({0, expected.size_in_table, 2500})}),
+                            box("stco", {words({0, 2, 8, 9000})})})};
+        const Bytes file = join({box("mdat", {zeros(15000)}), movie({track(about)})});
         const Imported imported = import_bytes(file);
         ASSERT_TRUE(imported.result.ok) << imported.result.error;
         const std::vector<Sample>& samples = imported.movie.tracks[0].samples;
-        ASSERT_EQ(samples.size(), (kUnits + duration - 1) / duration);
-        EXPECT_EQ(samples[1].offset, 8 + size);
-        EXPECT_EQ(samples[1].size, size);
-        EXPECT_EQ(samples[1].duration, duration);
-        EXPECT_EQ(samples.back().duration, last);
+        ASSERT_EQ(samples.size(), expected.samples) << expected.type;
+        EXPECT_EQ(samples[0].offset, 8u);
+        EXPECT_EQ(samples[1].offset, 8 + expected.size);
+        EXPECT_EQ(samples[0].size, expected.size);
+        EXPECT_EQ(samples[0].duration, expected.duration);
+        EXPECT_EQ(samples.back().size, expected.last_size);
+        EXPECT_EQ(samples.back().duration, expected.last_duration);
+        EXPECT_EQ(imported.movie.tracks[0].duration, 2500u);
     }
 }
 

@@ -35,11 +35,10 @@ std::optional<std::uint32_t> Import::claim_samples(const Box& box, std::uint64_t
         return std::nullopt;
     }
     if (size > 0 && count > source.size() / size) {
-        if (!options.salvage) {
-            fail(box, "declares " + std::to_string(count) + " samples of " + std::to_string(size) +
-                          " bytes, more than the file has");
-            return std::nullopt;
-        }
+        const std::string what = place_text(box) + " declares " + std::to_string(count) +
+                                 " samples of " + std::to_string(size) +
+                                 " bytes, more than the file has";
+        if (!lacks(what)) return std::nullopt;
         count = source.size() / size;
     }
     // A sample takes a byte in the media or in a table, or it is none.

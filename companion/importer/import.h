@@ -23,11 +23,13 @@ struct RunDefaults {
     std::uint32_t flags = 0;
 };
 
-// Sound whose tables count units that are no packets (QuickTime, sound descriptions): `units` of
-// them make a packet of `bytes`.
+// Sound whose tables can count units of which several make a sample: the numbers of all channels at
+// one time. A packet of a codec has `bytes`; of PCM, `units` are what is joined, and fewer are left
+// at the end of a chunk.
 struct SoundPacking {
-    std::uint32_t units = 1;
-    std::uint32_t bytes = 1;
+    std::uint32_t units = 1;       // in a sample; 1: the tables count samples
+    std::uint32_t bytes = 0;       // of a packet, or 0 for PCM
+    std::uint32_t unit_bytes = 0;  // of PCM
 };
 
 // A track while it is read; the track itself is the one of the same number in Movie::tracks.

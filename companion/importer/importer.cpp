@@ -1,6 +1,7 @@
 // The file's own boxes, and import_movie().
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <utility>
 
 #include "companion/importer/parts.h"
@@ -84,43 +85,53 @@ bool end_early(Import& import, const FileBoxes& boxes, const std::string& what) 
     return boxes.fragments.empty() || import.lacks(what);
 }
 
-// Returns whether the walk is at its end, and sets `good` to false when it failed.
-bool read_file_box(Import& import, BoxReader& file, FileBoxes& boxes, bool& good) {
+enum class Walk { kGoOn, kAtEnd, kFailed };
+
+Walk end_walk(bool good) {
+    return good ? Walk::kAtEnd : Walk::kFailed;
+}
+
+// There is no header at the offset.
+Walk end_of_boxes(Import& import, const FileBoxes& boxes, const BoxReader& file,
+                  std::uint64_t offset) {
+    const std::string place = "offset " + std::to_string(offset);
+    if (file.failed()) return end_walk(end_early(import, boxes, "there is no box at " + place));
+    if (is_filling(import.source, offset)) return Walk::kAtEnd;
+    return end_walk(end_early(import, boxes, "the box at " + place + " is cut"));
+}
+
+// Boxes at the beginning of a segment, of which fragments follow.
+constexpr std::uint32_t kSegmentBoxes[] = {
+    fourcc("moof"), fourcc("styp"), fourcc("sidx"), fourcc("ssix"), fourcc("emsg"), fourcc("prft"),
+};
+
+// Of other boxes than these, the samples in them tell whether something is lost.
+Walk end_in_box(Import& import, const FileBoxes& boxes, const Box& box) {
+    const std::string cut = cut_text(import, box);
+    if (box.type == fourcc("moov")) return end_walk(import.fail(cut));
+    const auto* end = std::end(kSegmentBoxes);
+    if (std::find(std::begin(kSegmentBoxes), end, box.type) != end) {
+        return end_walk(import.lacks(cut));
+    }
+    return end_walk(boxes.movie || end_early(import, boxes, cut));
+}
+
+Walk read_file_box(Import& import, BoxReader& file, FileBoxes& boxes) {
     const std::uint64_t offset = file.at();
     Box box;
-    if (!file.header(box)) {
-        const std::string place = "offset " + std::to_string(offset);
-        if (file.failed()) {
-            good = end_early(import, boxes, "there is no box at " + place);
-        } else if (!is_filling(import.source, offset)) {
-            good = end_early(import, boxes, "the box at " + place + " is cut");
-        }
-        return true;
-    }
-    if (box.type != 0) import.note(box);
-    if (box.end > import.source.size()) {
-        const bool essential = box.type == fourcc("moov");
-        const std::string cut = cut_text(import, box);
-        if (essential) {
-            good = import.fail(cut);
-        } else if (box.type == fourcc("moof")) {
-            good = import.lacks(cut);
-        } else if (!boxes.movie) {
-            good = end_early(import, boxes, cut);
-        }
-        return true;
-    }
-    good = keep_box(import, box, boxes);
+    if (!file.header(box)) return end_of_boxes(import, boxes, file, offset);
+    if (box.type != 0) import.note(box);  // zeros may fill the end
+    if (box.end > import.source.size()) return end_in_box(import, boxes, box);
     file.skip(box.end - file.at());
-    return !good;
+    return keep_box(import, box, boxes) ? Walk::kGoOn : Walk::kFailed;
 }
 
 bool find_file_boxes(Import& import, FileBoxes& boxes) {
     BoxReader file(import.source, 0, import.source.size(), BoxReader::ReadAhead::kNo);
-    bool good = true;
-    while (!read_file_box(import, file, boxes, good)) {
-    }
-    return good && (boxes.movie || import.fail("the file has no movie box (moov)"));
+    Walk walk = Walk::kGoOn;
+    while (walk == Walk::kGoOn)
+        walk = read_file_box(import, file, boxes);
+    return walk == Walk::kAtEnd && (boxes.movie || import.fail("the file has no movie box (moov)"));
 }
 
 bool is_without_samples(const Movie& movie) {

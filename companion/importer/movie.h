@@ -23,7 +23,7 @@ constexpr std::uint32_t fourcc(const char (&code)[5]) {
 }
 
 // A sample of a track. The samples of a track stand in decoding order; the decoding time of one is
-// the sum of the durations before it.
+// the sum of the durations before it. Of PCM sound, up to 1,024 samples of a chunk are one.
 struct Sample {
     std::uint64_t offset = 0;             // in the file
     std::uint32_t size = 0;               // bytes

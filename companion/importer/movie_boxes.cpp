@@ -1,5 +1,5 @@
 // ftyp and moov with its own boxes: mvhd, iods, mvex.
-#include <iterator>
+#include <algorithm>
 
 #include "companion/importer/parts.h"
 
@@ -77,7 +77,7 @@ bool read_track_defaults(Import& import, const Box& box, Import&) {
     const VersionAndFlags head(reader);
     const std::uint32_t id = reader.u32();
     RunDefaults defaults;
-    defaults.description = reader.u32();
+    defaults.description = std::max(reader.u32(), 1u);  // some writers have 0
     defaults.duration = reader.u32();
     defaults.size = reader.u32();
     defaults.flags = reader.u32();

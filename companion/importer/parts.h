@@ -32,6 +32,18 @@ struct SampleTables {
     std::vector<Box> groups;     // sbgp and sgpd
 };
 bool read_samples(Import& import, const SampleTables& tables, Track& track, TrackImport& state);
+
+// sound_units.cpp: whether the tables count units of sound, of which several make a sample; the
+// samples of such tables.
+struct SoundUnits {
+    std::uint32_t count = 0;  // 0: the tables count samples
+    std::uint32_t duration = 0;
+};
+bool find_sound_units(Import& import, const SampleTables& tables, const Track& track,
+                      const TrackImport& state, SoundUnits& units);
+bool read_sound_units(Import& import, const SampleTables& tables, const SoundUnits& units,
+                      Track& track, TrackImport& state);
+
 // The index into Track::descriptions for the number that a table gives, from 1.
 bool find_description(Import& import, const Box& box, std::uint32_t number, const Track& track,
                       const TrackImport& state, std::uint32_t& index);

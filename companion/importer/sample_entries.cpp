@@ -21,12 +21,14 @@ constexpr std::uint32_t kProtected[] = {
     fourcc("encv"), fourcc("enca"), fourcc("enct"), fourcc("encs"),
     fourcc("encm"), fourcc("drms"), fourcc("drmi"),
 };
-// QuickTime sounds that are one number a channel, of the bits that the entry says or of 8.
+// PCM: one number a channel, of the bits that the entry says or of 8.
 constexpr std::uint32_t kLinearSound[] = {
-    fourcc("raw "), fourcc("twos"), fourcc("sowt"), fourcc("NONE"),
-    fourcc("in24"), fourcc("in32"), fourcc("fl32"), fourcc("fl64"),
+    fourcc("raw "), fourcc("twos"), fourcc("sowt"), fourcc("NONE"), fourcc("in24"), fourcc("in32"),
+    fourcc("fl32"), fourcc("fl64"), fourcc("lpcm"), fourcc("ipcm"), fourcc("fpcm"),
 };
 constexpr std::uint32_t kLogarithmicSound[] = {fourcc("ulaw"), fourcc("alaw")};
+// So many times of PCM are joined to a sample.
+constexpr std::uint32_t kJoinedTimes = 1024;
 // Codecs with an AudioSampleEntry, and the boxes with their configuration.
 constexpr std::uint32_t kIsoSound[] = {
     fourcc("mp4a"),
@@ -68,7 +70,7 @@ void read_sound_version1(BoxReader& reader, Entry& entry, bool constant_packets)
     reader.skip(4);  // bytes of a packet of one channel
     const std::uint32_t bytes = reader.u32();
     reader.skip(4);  // bytes of a sample
-    if (constant_packets && units > 0 && bytes > 0) entry.packing = {units, bytes};
+    if (constant_packets && units > 0) entry.packing = {.units = units, .bytes = bytes};
 }
 
 void read_sound_version2(BoxReader& reader, Entry& entry) {
@@ -80,7 +82,7 @@ void read_sound_version2(BoxReader& reader, Entry& entry) {
     reader.skip(4);  // flags of the format
     const std::uint32_t bytes = reader.u32();
     const std::uint32_t units = reader.u32();
-    if (bytes > 0 && units > 0) entry.packing = {units, bytes};
+    if (units > 0) entry.packing = {.units = units, .bytes = bytes};
     // The whole hertz, which the 16 bits of an AudioSampleEntry hold up to 65,535.
     constexpr int kFractionBits = 52;
     const int exponent = static_cast<int>(rate >> kFractionBits & 0x7FF) - 1023;
@@ -93,6 +95,24 @@ void read_sound_version2(BoxReader& reader, Entry& entry) {
     if (structure > read) reader.skip(structure - read);
 }
 
+void set_pcm_packing(Entry& entry) {
+    const bool linear = contains(kLinearSound, entry.box.type);
+    if (linear || contains(kLogarithmicSound, entry.box.type)) {
+        const std::uint64_t width = linear ? (std::uint64_t{entry.sample_bits} + 7) / 8 : 1;
+        const std::uint64_t bytes = entry.packing.units == 1 && entry.packing.bytes > 0
+                                        ? entry.packing.bytes
+                                        : entry.channels * width;
+        entry.packing = {};
+        constexpr std::uint64_t kMostBytes = 1024;  // 32 channels of 256 bits
+        if (bytes > 0 && bytes <= kMostBytes) {
+            entry.packing = {.units = kJoinedTimes,
+                             .unit_bytes = static_cast<std::uint32_t>(bytes)};
+        }
+    } else if (entry.packing.bytes == 0) {
+        entry.packing = {};
+    }
+}
+
 void read_sound(BoxReader& reader, Entry& entry, bool quicktime_versions) {
     constexpr std::uint16_t kVariablePackets = 0xFFFE;
     const std::uint16_t version = reader.u16();
@@ -102,17 +122,13 @@ void read_sound(BoxReader& reader, Entry& entry, bool quicktime_versions) {
     const std::uint16_t compression = reader.u16();
     reader.skip(2);  // size of a packet
     entry.sample_rate = reader.u32();
-    if (contains(kLinearSound, entry.box.type)) {
-        entry.packing.bytes = entry.channels * ((entry.sample_bits + 7) / 8);
-    } else if (contains(kLogarithmicSound, entry.box.type)) {
-        entry.packing.bytes = entry.channels;
-    }
     if (quicktime_versions && version == 1) {
         read_sound_version1(reader, entry, compression != kVariablePackets);
     }
     if (quicktime_versions && version == 2) read_sound_version2(reader, entry);
     entry.quicktime_sound = quicktime_versions && (version == 1 || version == 2);
     entry.children = reader.at();
+    set_pcm_packing(entry);
 }
 
 bool read_entry(Import& import, std::uint32_t handler, bool quicktime_versions, Entry& entry) {

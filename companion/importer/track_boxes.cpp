@@ -149,6 +149,18 @@ bool read_media_header(Import& import, const Box& box, TrackParts& parts) {
     return track.timescale != 0 || import.fail(box, "has a timescale of 0");
 }
 
+// The name ends with a zero, or in QuickTime begins with its length. It may be missing. Some files
+// have the one where the other should be.
+std::string handler_name(const Bytes& bytes, bool quicktime) {
+    if (bytes.empty()) return {};
+    constexpr std::uint8_t kFirstLetter = 0x20;
+    const std::size_t rest = bytes.size() - 1;
+    const bool counted = quicktime ? bytes[0] <= rest : bytes[0] == rest && bytes[0] < kFirstLetter;
+    const auto begin = bytes.begin() + (counted ? 1 : 0);
+    const auto end = counted ? begin + bytes[0] : bytes.end();
+    return {begin, std::find(begin, end, std::uint8_t{0})};
+}
+
 bool read_handler(Import& import, const Box& box, TrackParts& parts) {
     Track& track = parts.track;
     BoxReader reader(import.source, box);
@@ -156,11 +168,7 @@ bool read_handler(Import& import, const Box& box, TrackParts& parts) {
     const bool quicktime = reader.u32() != 0;  // the component type, 'mhlr'
     track.handler = reader.u32();
     reader.skip(12);  // reserved
-    // The name ends with a zero, or in QuickTime begins with its length. It may be missing.
-    std::uint64_t length = reader.left();
-    if (quicktime && length > 0) length = std::min<std::uint64_t>(reader.u8(), reader.left());
-    const Bytes name = reader.bytes(length);
-    track.name.assign(name.begin(), std::find(name.begin(), name.end(), std::uint8_t{0}));
+    track.name = handler_name(reader.bytes(reader.left()), quicktime);
     return import.whole(reader, box);
 }
 

@@ -24,10 +24,10 @@ struct Container {
 };
 
 constexpr Container kContainers[] = {
-    {"moov", 0},  {"trak", 0},  {"mdia", 0},  {"minf", 0},  {"stbl", 0},  {"edts", 0},
-    {"dinf", 0},  {"udta", 0},  {"tref", 0},  {"hnti", 0},  {"hinf", 0},  {"meta", 4},
-    {"stsd", 8},  {"dref", 8},  {"samr", 28}, {"sawb", 28}, {"mp4a", 28}, {"mp4v", 78},
-    {"s263", 78}, {"avc1", 78}, {"rtp ", 16}};
+    {"moov", 0},  {"trak", 0},  {"mdia", 0},  {"minf", 0}, {"stbl", 0},  {"edts", 0},  {"mvex", 0},
+    {"moof", 0},  {"traf", 0},  {"wave", 0},  {"dinf", 0}, {"udta", 0},  {"tref", 0},  {"hnti", 0},
+    {"hinf", 0},  {"meta", 4},  {"stsd", 8},  {"dref", 8}, {"samr", 28}, {"sawb", 28}, {"mp4a", 28},
+    {"mp4v", 78}, {"s263", 78}, {"avc1", 78}, {"rtp ", 16}};
 
 struct Box {
     size_t offset;
