@@ -52,6 +52,7 @@ bool drops(const Header& hdr, const uint8_t* frame, int length) {
 
 template <typename Format>
 int amr_packet(void* out, int out_size, const void* in, int in_len, typename Format::State* state) {
+    state->hdr.time = clock_to_timestamp(state->time_acc);
     // The one check of the whole sample takes an `orb` header for either format, and once.
     if (in_len < 0 || in_len > out_size - orb_header_size) return -1;
     const auto* frame = static_cast<const uint8_t*>(in);

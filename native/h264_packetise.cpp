@@ -10,9 +10,10 @@
 namespace kestrel {
 namespace {
 
+// Empty sets make packets too: their track counts them.
 NalUnits parameter_sets(const tel_native* state) {
     return NalUnits({state->dsi, state->dsi ? static_cast<size_t>(state->dsi_len) : 0},
-                    state->nal_len_size);
+                    state->nal_len_size, EmptyUnits::kTaken);
 }
 
 // Writes one packet of the parts; the caller has seen to the room.

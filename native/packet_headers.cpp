@@ -39,17 +39,13 @@ void put_tel(void* out, uint32_t payload, uint32_t time, uint32_t word) {
     std::memcpy(out, &header, sizeof header);
 }
 
-uint32_t next_sequence(uint32_t seq) {
-    return seq >= kLastSequence ? 0 : seq + 1;
-}
-
 }  // namespace
 
 int tel_put_header(void* out, TEL_RTP* hdr, int payload_type) {
     // Nothing is masked: the type must be below 128 and the marker 0 or 1.
     put_tel(out, hdr->size, hdr->time,
             rtp_word(hdr->marker, static_cast<uint32_t>(payload_type), hdr->seq));
-    hdr->seq = next_sequence(hdr->seq);
+    hdr->seq = hdr->seq >= kLastSequence ? 0 : hdr->seq + 1;
     return tel_header_size;
 }
 
@@ -70,7 +66,8 @@ int orb_put_header(void* out, ORB_RTP* hdr) {
         static_cast<uint8_t>(hdr->marker << 7 | (hdr->type & kTypeMask));
     store_be16(raw + OrbLayout::kSequence, static_cast<uint16_t>(hdr->seq));
     store_be32(raw + OrbLayout::kTime, hdr->time);
-    hdr->seq = next_sequence(hdr->seq);
+    // Of a number that is out of range already, only what the stream carries wraps.
+    hdr->seq = hdr->seq == kLastSequence ? 0 : hdr->seq + 1;
     return orb_header_size;
 }
 

@@ -546,6 +546,8 @@ TEST(FunctionRoad, DumpShowsTenBytesALine) {
             testing::ElementsAre("DBG: Dump:sz=25", "DBG: Data:00 01 02 03 04 05 06 07 08 09",
                                  "DBG: Data:0a 0b 0c 0d 0e 0f 10 11 12 13",
                                  "DBG: Data:14 15 16 17 18 19 1a 1b 1c 1d"));
+        EXPECT_THAT(log.lines(),
+                    testing::Each(testing::StartsWith("DBG: .//interface/src/kestrel(")));
     }
     const SyslogCapture log(3);
     kstutil_printData(data, 25);

@@ -8,6 +8,7 @@
 #include "kestrel/hosts.h"
 #include "tests/support/files.h"
 #include "tests/support/hint_file.h"
+#include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
 
 // The ISO reader: box walk, sample tables, samples and hint packets, on files made box by box.
@@ -45,6 +46,13 @@ class Opened {
     kst_host* host_;
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
 };
+
+// Whether the function API opens a movie of the tracks.
+bool opens(const Bytes& tracks, const char* mode) {
+    const SyslogCapture quiet(0);
+    const Bytes file = join({ftyp(), movie({tracks})});
+    return play(file, mode).opened;
+}
 
 Bytes with_tables(const Bytes& tables) {
     return join({ftyp(), movie({track({.entry = samr_entry(), .tables = tables})})});
@@ -474,6 +482,113 @@ TEST(BoxWalk, KeepsWithinBoxesThatLie) {
     }
 }
 
+Bytes visual_track(uint32_t id, const Bytes& avcc) {
+    return track({.id = id,
+                  .handler = "vide",
+                  .entry = visual_entry("avc1", box("avcC", {avcc})),
+                  .tables = one_chunk_tables({1}, 160, 0)});
+}
+
+// Gives the box at `at` another size.
+Bytes resized(Bytes bytes, size_t at, size_t size) {
+    const Bytes raw = be32(static_cast<uint32_t>(size));
+    std::copy(raw.begin(), raw.end(), bytes.begin() + static_cast<long>(at));
+    return bytes;
+}
+
+// A track of no use leaves the others as they are, and does not go unsaid.
+TEST(BoxWalk, DamageOfOneTrackLeavesTheOthers) {
+    const Bytes good =
+        track({.id = 7, .entry = samr_entry(), .tables = one_chunk_tables({1}, 160, 0)});
+    const Bytes media(good.begin() + 8 + 92, good.end());  // after the track header
+    const auto with_header = [&](const Bytes& body) {
+        return box("trak", {box("tkhd", {body}), media});
+    };
+    const Bytes wide_header = join({{1, 0, 0, 0}, zeros(80)});
+    const Bytes avcc = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
+    const Bytes one_byte_lengths =
+        join({{1, 66, 0, 30, 0xFC, 0xE1}, be16(256), Bytes(256, 0x67), {0}});
+    const Bytes both = join({good, good});
+    struct Case {
+        const char* what;
+        Bytes tracks;
+        int left;  // tracks with a sample
+        uint32_t lost;
+        const char* printed;
+    };
+    const Case cases[] = {
+        {"no damage", good, 2, 0, ""},
+        {"a short header", with_header(zeros(83)), 1, 1,
+         "read_buf, EOF 83 left, 84 requested\nskipping track: no whole tkhd\n"},
+        {"a short header of version 1", with_header(wide_header), 1, 1,
+         "read_buf, EOF 84 left, 96 requested\nskipping track: no whole tkhd\n"},
+        {"no header", box("trak", {media}), 1, 1, "skipping track: no whole tkhd\n"},
+        {"a size that covers the next track", resized(both, 0, both.size()), 2, 1,
+         "skipping track: inside another track\n"},
+        {"a whole avcC", visual_track(1, avcc), 2, 0, ""},
+        {"a cut avcC", visual_track(1, Bytes(avcc.begin(), avcc.end() - 1)), 2, 0,
+         "read_buf, EOF 16 left, 17 requested\n"},
+        {"a set that is too long for its length", visual_track(1, one_byte_lengths), 2, 0,
+         "avcC: a parameter set is too long for its length field\n"},
+        {"a table that claims too much", resized(good, good.size() - 20, 99), 2, 0,
+         "read_buf, EOF 12 left, 91 requested\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Opened opened(join({ftyp(), movie({c.tracks, good})}));
+        int left = 0;
+        for (int i = 1; opened.track(i) != nullptr; ++i)
+            left += opened.track(i)->sample_count;
+        EXPECT_EQ(left, c.left);
+        EXPECT_EQ(isoFFfileDetails(opened.file)->lost_tracks, c.lost);
+        EXPECT_EQ(isoFFfileDetails(opened.file)->movie_result, 0);
+        EXPECT_EQ(opened.printed, c.printed);
+        if (std::string(opened.track(1)->handler) != "vide") continue;
+        const bool whole = c.printed[0] == '\0';
+        EXPECT_EQ(opened.track(1)->dsi_length, whole ? avcc.size() : 0);
+        EXPECT_EQ(opens(c.tracks, "vr"), whole);
+    }
+}
+
+TEST(BoxWalk, RemarksAreBounded) {
+    const Bytes entry = box("xxxx", {});
+    const Bytes overrun = resized(entry, 0, 99);
+    Bytes tracks;
+    for (int i = 0; i < 1000; ++i)
+        tracks = join({tracks, box("trak", {overrun})});
+    Opened opened(join({ftyp(), movie({tracks})}));
+    EXPECT_EQ(std::count(opened.printed.begin(), opened.printed.end(), '\n'), 101);
+    EXPECT_THAT(opened.printed, testing::EndsWith("further remarks left out\n"));
+}
+
+TEST(BoxWalk, ASecondFtypReleasesTheListOfTheFirst) {
+    int32_t released[2];
+    for (const bool second : {false, true}) {
+        const int32_t before = freecount;
+        Opened opened(join({second ? ftyp() : Bytes(), ftyp(), movie({})}));
+        released[second] = freecount - before;
+    }
+    EXPECT_EQ(released[true], released[false] + 1);
+}
+
+// A host whose position does not move must not have the same boxes walked for ever.
+TEST(BoxWalk, EndsWhereTheHostDoesNotMoveOn) {
+    const Bytes file = join({box("free", {}), box("free", {zeros(40)}), box("free", {})});
+    for (const uint32_t stands : {0u, 8u, 16u}) {
+        FaultyHost host(file);
+        KST_IOSTREAM_CALLBACK_INTERFACE table = *host.callbacks();
+        static uint32_t place;
+        place = stands;
+        table.GetOffset = [](void*, uint32_t* offset) {
+            *offset = place;
+            return uint32_t{KST_HOST_OK};
+        };
+        KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = &table;
+        isoFFclose(isoFFopen(callbacks, "r", nullptr));
+        EXPECT_LT(host.calls, 20);
+    }
+}
+
 TEST(BoxWalk, MediaInFrontOfTheMovieIsLoaded) {
     const Bytes good = track({.entry = samr_entry(), .tables = one_chunk_tables({1}, 160, 0)});
     const Bytes media = box("mdat", {text("0123456789")});
@@ -542,6 +657,28 @@ TEST(Arena, ServesSmallAndLargeAndCounts) {
     isoFFclose(file);
 }
 
+// The cursors of time stand at the end of their tables, and looking at a sample moves none.
+TEST(Samples, CursorsStandAtTheEndAfterTheLastSample) {
+    const Bytes ctts = box("ctts", {words({0, 2}), words({0, 9, 3, 5})});
+    Opened opened(with_tables(
+        join({stts({0, 7, 2, 160, 1, 80}), stsc({1, 3, 1}), stsz(1, 3), stco({0}), ctts})));
+    iso_track* track = opened.track();
+    uint8_t buffer[4];
+    for (const double wanted : {160, 160, 80}) {
+        const iso_track before = *track;
+        double duration = 0.0;
+        EXPECT_EQ(isoFFframeInfo(track, &duration, nullptr), 0);
+        EXPECT_EQ(duration, wanted / 8000);
+        EXPECT_EQ(std::memcmp(&before, track, sizeof before), 0);
+        ASSERT_EQ(isoFFread(track, buffer, sizeof buffer, nullptr, nullptr), 1);
+    }
+    EXPECT_EQ(track->cur_sample, 3);
+    EXPECT_EQ(track->stts_index, track->stts_count);
+    EXPECT_EQ(track->ctts_index, track->ctts_count);
+    EXPECT_EQ(track->stts_in_entry, 0);
+    EXPECT_EQ(track->ctts_in_entry, 0);
+}
+
 // --- hint packets ---
 
 std::string payload_of(const Bytes& packet, int length) {
@@ -599,6 +736,25 @@ TEST(HintPackets, AreBuiltFromTheirConstructors) {
     EXPECT_EQ(hint->seq_rebase, 2u);
     EXPECT_GT(isoFFrtpPacket(hint, buffer.data()), 0);
     EXPECT_EQ(hint->last_seq, 101u);
+}
+
+// A hint sample that is begun again in the middle has the same time, and lasts once.
+TEST(HintPackets, OfASampleThatIsBegunAgainKeepTheirTime) {
+    HintFile made;
+    const Bytes pair = join({be16(2), be16(0), packet_entry(96, 0, 0), packet_entry(96, 1, 0)});
+    made.hint_samples = join({pair, pair, pair});
+    made.hint_sizes = std::vector<uint32_t>(3, static_cast<uint32_t>(pair.size()));
+    Opened opened(made.build());
+    iso_track* media = opened.track(1);
+    iso_track* hint = isoFFrtpHinter(media, 1400);
+    std::vector<uint32_t> times;
+    Bytes buffer(1400);
+    for (const bool again : {false, true, false, true, false, false, false}) {
+        if (again) isoFFfindHintTrack(media, 1400);
+        ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12);
+        times.push_back(hint->last_timestamp);
+    }
+    EXPECT_THAT(times, testing::ElementsAre(0, 0, 0, 160, 160, 320, 320));
 }
 
 struct BadHint {

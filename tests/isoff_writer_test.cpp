@@ -968,13 +968,15 @@ TEST(Writer, TrackHelpersRefuseWhatMakesNoSense) {
     const uint8_t cut_avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 9, 0x67};
     struct {
         uint32_t width, height, timescale;
-    } const pictures[] = {{0, 16, 1}, {16, 0, 1}, {16, 16, 0}, {0x10000, 16, 1}, {16, 0x10000, 1}};
+    } const pictures[] = {{0x10000, 16, 1}, {16, 0x10000, 1}, {0, 16, 1}, {16, 0, 1}, {16, 16, 0}};
     H263VCFG cfg{};
     for (const auto& [width, height, timescale] : pictures) {
         cfg.width = width;
         cfg.height = height;
         cfg.timescale = timescale;
-        EXPECT_EQ(h263_isoFFtrack(file, &cfg), nullptr);
+        if (std::max(width, height) > 0xFFFF) {
+            EXPECT_EQ(h263_isoFFtrack(file, &cfg), nullptr);
+        }
         EXPECT_EQ(mpeg4_isoFFtrack(file, "abc", 3, width, height, timescale), nullptr);
     }
     cfg.width = cfg.height = 0xFFFF;
@@ -992,6 +994,27 @@ TEST(Writer, TrackHelpersRefuseWhatMakesNoSense) {
     EXPECT_EQ(h263_isoFFtrack(file, &cfg)->own->frame_count, 1U);
     EXPECT_EQ(file->header_size, header + 325 + 121);
     EXPECT_EQ(isoFFclose(file), 0);
+}
+
+// What an H.263 track lacks at first is filled in before the file is closed.
+TEST(Writer, H263TracksTakeTheirFormatLate) {
+    Output out;
+    iso_file* file = open_for_writing(out);
+    H263VCFG cfg{};
+    iso_track* track = h263_isoFFtrack(file, &cfg);
+    ASSERT_NE(track, nullptr);
+    uint8_t picture[] = {0, 0, 0x80, 2, 8};
+    EXPECT_EQ(isoFFwrite(track, picture, sizeof picture, 3003, 0), 5);
+    track->timescale = 90000;
+    track->width = 176;
+    track->height = 144;
+    EXPECT_EQ(isoFFclose(file), 0);
+    Reread reread(out.bytes);
+    const iso_track* read = reread.file->first_track;
+    EXPECT_EQ(read->timescale, 90000u);
+    EXPECT_EQ(read->width, 176u);
+    EXPECT_EQ(read->height, 144u);
+    EXPECT_EQ(read->duration, 3003u);
 }
 
 // A configuration that is refused leaves the one before, wherever its memory ends.

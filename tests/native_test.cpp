@@ -49,6 +49,9 @@ TEST(PacketHeaders, OrbLayoutThereAndBack) {
     EXPECT_EQ(orb_put_header(out.data(), &hdr), 12);
     EXPECT_EQ(out, join({be16(0), be16(300), {13, 0x80 | 101}, be16(65535), be32(7)}));
     EXPECT_EQ(hdr.seq, 0u);
+    hdr.seq = 70000;  // only 65536 becomes 0
+    orb_put_header(out.data(), &hdr);
+    EXPECT_EQ(hdr.seq, 70001u);
 }
 
 // An `orb` stream in memory.
@@ -339,6 +342,22 @@ TEST(AmrPackets, NoDataFramesAreDroppedOnRequest) {
         // The wrap takes 2^32 - 1 off.
         EXPECT_DOUBLE_EQ(tel.time_acc, 160.0);
     }
+}
+
+// The time of the next frame is set also where there is none, or no room for it.
+TEST(AmrPackets, EachCallSetsTheTime) {
+    uint8_t frame[] = {0x7C};
+    uint8_t out[100];
+    iso_track track = track_of(ISO_CODEC_SAMR);
+    tel_native tel{};
+    orb_native orb{};
+    tel_native_init(&tel, 101, 1400, 0, &track, 0);
+    orb_native_init(&orb, 101, 1400, 0, &track, 0);
+    tel.time_acc = orb.time_acc = 499.6;
+    EXPECT_EQ(tel_native_packet(out, sizeof out, frame, 0, 0.0, &tel), 0);
+    EXPECT_EQ(orb_native_packet(out, 12, frame, 1, 0.0, &orb), -1);
+    EXPECT_EQ(tel.hdr.time, 500u);
+    EXPECT_EQ(orb.hdr.time, 500u);
 }
 
 TEST(AmrPackets, StayWithinTheOutput) {

@@ -658,7 +658,7 @@ class Hint(ToolTest):
             ("second stsz tells more", patched(both, b"stsz", 8, lambda n: n + 5, 4, 2), movie),
             ("huge chunks", patched(both, b"stsc", 12, 1000000), tables),
             ("long descriptor", patched(mpeg4, b"esds", 5, 0x7F, 1), movie),
-            ("broken avcC", patched(h264, b"avcC", 6, 0xFFFF, 2), movie),
+            ("broken avcC", patched(h264, b"avcC", 6, 0xFFFF, 2), "no decoder configuration"),
         ]
         for box in (b"stts", b"stsc", b"stsz", b"stco"):
             cases.append((f"no {box}", both.replace(box, b"free", 1), ""))

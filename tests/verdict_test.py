@@ -286,6 +286,20 @@ class Check(ToolTest):
         self.assert_fails(run("check"), 2, "FILE")
         self.assert_fails(run("check", "--api", "up", "x"), 2, "up not in")
 
+    def test_a_track_inside_another_is_reported(self):
+        data = bytearray(pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes())
+        first = data.index(b"trak") - 4
+        size = int.from_bytes(data[first:first + 4], "big")
+        size += int.from_bytes(data[first + size:first + size + 4], "big")
+        data[first:first + 4] = size.to_bytes(4, "big")
+        path = self.write("file.3gp", data)
+        self.assertEqual(json.loads(run("info", path, "--json").stdout)["lost_tracks"], 1)
+        self.assertIn(b"lost tracks  1:", run("info", path).stdout)
+        result, rows = self.check(path)
+        self.assertEqual(rows[-1][:4], ("-", "damaged", "damaged", "-"))
+        self.assertEqual(result.returncode, 1)
+        self.assert_fails(run("hint", "--replace", path, "-o", "-"), 1, "movie box is damaged")
+
     def test_a_command_that_fixes_nothing_is_not_named(self):
         hdlr = boxes(pathlib.Path(sample("h263_hinted")).read_bytes(), STBL[:3] + [b"hdlr"])[0]
         cases = [("h263_hinted", hdlr, hdlr.replace(b"vide", b"vid\0")),  # copied as it is

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cstring>
 #include <memory>
@@ -504,6 +505,7 @@ TEST(DecoderConfig, AvccParameterSetsInAllForms) {
         EXPECT_EQ(length, 25);
         EXPECT_EQ(record[4], 0xFD);
         EXPECT_EQ(Bytes(record + 5, record + length), Bytes(track->dsi + 5, track->dsi + 25));
+        EXPECT_GE(malloc_usable_size(record), 256u);
         systemfree(record);
         systemfree(sets);
 
@@ -523,6 +525,24 @@ TEST(DecoderConfig, AvccParameterSetsInAllForms) {
         isoFFgetAvccDsi(&hint, track, 96, out.data(), &length);
         EXPECT_EQ(hint.rtp_seq_offset, 65539u);
     }
+}
+
+// Sets of no bytes are counted, and each makes a packet, so that no number is left out.
+TEST(DecoderConfig, EmptyParameterSetsCount) {
+    const Bytes sets = join({{0xE2}, be16(0), be16(2), {0x67, 66}, {1}, be16(0)});
+    VideoFile file(with_entry(visual_entry("avc1", box("avcC", {{1, 66, 0, 30, 0xFD}, sets}))));
+    ASSERT_NE(file.track, nullptr);
+    EXPECT_EQ(file.track->sps_count, 2u);
+    EXPECT_EQ(file.track->pps_count, 1u);
+    EXPECT_EQ(file.track->param_sets_length, 3 * 2 + 2u);
+    iso_track hint{};
+    Bytes out(100);
+    int length = 0;
+    isoFFgetAvccDsi(&hint, file.track, 96, out.data(), &length);
+    const std::vector<Packet> packets = packets_of(out, length);
+    ASSERT_EQ(packets.size(), 3u);
+    EXPECT_EQ(packets[1].payload, (Bytes{0x67, 66}));
+    EXPECT_EQ(packets[2].seq + 1, hint.rtp_seq_offset);
 }
 
 TEST(DecoderConfig, AvccDamage) {

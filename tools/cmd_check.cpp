@@ -32,7 +32,7 @@ struct Options {
 // --- judging one file ---
 
 // What is found of a file, as its process passes it on:
-//   reason    of the whole file, where no medium was found or its movie box is cut
+//   reason    of the whole file, where no medium was found or tracks may be missing
 //   message   for standard error
 //   fatal     why the run cannot go on
 //   verdicts  as `describe` has them, and the bare `command` of a fix
@@ -70,8 +70,7 @@ class FileCheck {
                 add(options_.quick ? judge.look(api, kind) : judge.judge(api, kind), found);
             }
         }
-        // Tracks may have been lost with the end of the movie box.
-        if (!found["verdicts"].empty() && !facts.scan.movie_is_cut) return;
+        if (!found["verdicts"].empty() && !may_lack_tracks(facts)) return;
         found["reason"] = facts.scan.is_3gp() ? word(reason_for_no_media(facts)) : "not-3gp";
     }
 
@@ -329,7 +328,8 @@ void add_check(CLI::App& app) {
     command->add_flag("--json", options->json, "Print JSON, with a sentence for each reason");
     command->footer(
         "A line for each medium that a file has, with tabs between its columns:\n"
-        "  1  audio or video; - for a file in which neither was found, or whose movie box is cut\n"
+        "  1  audio or video; - for a file in which neither was found, whose movie box is cut, or\n"
+        "     that has tracks which cannot be read\n"
         "  2  the verdict for the function API (kst_Open), played to its end\n"
         "  3  the same for the class API (C3gpInterface)\n"
         "  4  the command that fixes it, as was tried: hint or hint --replace; - for none, and\n"

@@ -50,6 +50,8 @@ Json describe_file(iso_file* file) {
              {"tracks", Json::array()}};
     for (iso_track* track = file->first_track; track != nullptr; track = track->next)
         out["tracks"].push_back(describe_track(track));
+    const uint32_t lost = isoFFfileDetails(file)->lost_tracks;
+    if (lost > 0) out["lost_tracks"] = lost;
     return out;
 }
 
@@ -101,6 +103,10 @@ void print_text(const std::string& input, const Json& about, const std::vector<V
                 about["timescale"].get<uint32_t>());
     for (const Json& track : about["tracks"])
         print_track(track);
+    if (about.contains("lost_tracks")) {
+        std::printf("lost tracks  %u: inside another track, or without a whole header\n",
+                    about["lost_tracks"].get<uint32_t>());
+    }
     for (const Verdict& verdict : verdicts)
         print_verdict(verdict, input);
 }

@@ -108,10 +108,9 @@ void copy_entry(iso_track* to, const iso_track* from) {
     to->horiz_resolution = from->horiz_resolution;
     to->vert_resolution = from->vert_resolution;
     if (from->dsi_length == 0) return;
-    if (isoFFsetDecoderSpecificInfo(to, from->dsi, static_cast<int>(from->dsi_length)) == 0) return;
-    // Other configurations are taken as they are.
-    if (from->codec != ISO_CODEC_AVC1) throw std::bad_alloc();
-    throw Error("track " + std::to_string(from->track_id) + ": its avcC is damaged");
+    // A configuration that was read can be written.
+    const int length = static_cast<int>(from->dsi_length);
+    if (isoFFsetDecoderSpecificInfo(to, from->dsi, length) != 0) throw std::bad_alloc();
 }
 
 void copy_details(iso_track* to_track, const iso_track* from_track) {
@@ -203,7 +202,8 @@ class Hinter {
     }
 
     void refuse_what_cannot_be_copied() const {
-        if (isoFFfileDetails(from_)->movie_result != 0) {
+        const iso_file_details* details = isoFFfileDetails(from_);
+        if (details->movie_result != 0 || details->lost_tracks != 0) {
             throw Error(options_.input +
                         ": its movie box is damaged; tracks or tables are missing");
         }

@@ -52,7 +52,9 @@ KESTREL_API int FindStartCode(const unsigned char* buf, int len, unsigned char c
 
 // Those of pictures need a timescale above 0, and 1 to 65535 pixels each way.
 
-// H.263: timescale, width, height, profile and level of `cfg`.
+// H.263: timescale, width, height, profile and level of `cfg`. Of the first three, 0 is to be
+// filled in until isoFFclose, the size also in iso_track_details; without a timescale the track
+// may run for any time.
 KESTREL_API iso_track* h263_isoFFtrack(iso_file* file, H263VCFG* cfg);
 
 // AMR in the storage format, narrow band (8000 units a second) or wide band (16000). `mode_set` has

@@ -246,6 +246,8 @@ struct iso_file_details {
     // Result of reading `moov`: 0, or another value where it could not be read to its end, so that
     // tables, or tracks that follow, may be missing.
     int32_t movie_result;
+    // Number of `trak` boxes that were skipped: inside another one, or without a whole `tkhd`.
+    uint32_t lost_tracks;
     uint32_t direct_write;  // writer, 1: samples go to the stream as they come
 };
 
@@ -428,9 +430,9 @@ KESTREL_API void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_
                                  unsigned char* buffer, int* length);
 
 // From parameter sets separated by start codes 00 00 00 01 to an `avcC` record of at most 256 bytes
-// with 2-byte NAL unit lengths; other NAL units are left out. 1 with a new buffer, to be released
-// with systemfree; 0 without memory, without a sequence parameter set, or when 256 bytes are too
-// few.
+// with 2-byte NAL unit lengths; other NAL units are left out. 1 with a new buffer of 256 bytes, to
+// be released with systemfree, and the length of the record in it; 0 without memory, without a
+// sequence parameter set, or when 256 bytes are too few.
 KESTREL_API int convertDCI_3gpp_to_ISO(const unsigned char* in, unsigned length,
                                        unsigned char** out, int* out_length);
 

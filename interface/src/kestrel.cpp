@@ -12,6 +12,7 @@ using namespace kestrel;
 
 namespace {
 
+constexpr const char* kSource = ".//interface/src/kestrel";  // that log lines carry
 constexpr uint32_t kDefaultOpenSize = 20480;
 constexpr int32_t kLastStatus = 24;  // the end mark of the table
 
@@ -91,7 +92,9 @@ int32_t kst_Open(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* cal
 
 int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
                   const char* mode, uint32_t) {
-    // The file is opened before any argument is checked; hosts may count on being asked.
+    // The file is opened before any argument is checked; hosts may count on being asked. Where
+    // memory runs out at any point of opening, the status is 6: a file that was read in part only
+    // would seem to lack what could not be kept.
     int error = 0;
     iso_file* file = isoFFopen(callbacks, "r", &error);
     int32_t status = check_arguments(handle_out, callbacks, mode);
@@ -138,5 +141,5 @@ const char* kst_StatusString(int32_t code) {
 }
 
 void kstutil_printData(const unsigned char* data, int size) {
-    printInfo(data, size);
+    printInfo(kSource, data, size);
 }

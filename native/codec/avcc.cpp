@@ -30,12 +30,10 @@ void visit_sets(ByteReader& reader, Visit visit) {
     }
 }
 
-// The parameter sets of one kind that are not empty, each behind a length as wide as those of the
-// stream. Returns how many.
+// Appends the parameter sets of one kind, empty ones too. Returns how many.
 uint32_t append_prefixed_sets(ByteReader& reader, int width, std::vector<uint8_t>& to, bool& fits) {
     uint32_t count = 0;
     visit_sets(reader, [&](std::span<const uint8_t> set) {
-        if (set.empty()) return;
         if (width == 1 && set.size() > 0xFF) fits = false;
         ++count;
         for (int i = width - 1; i >= 0; --i) {
@@ -89,7 +87,6 @@ void append_sets(std::vector<uint8_t>& to, const std::vector<NalUnit>& sets) {
 // Empty when the sets make no record.
 std::vector<uint8_t> make_record(const ParameterSets& sets) {
     constexpr size_t kProfileCompatibilityLevel = 4;  // bytes of the first set that are looked at
-    constexpr size_t kMostBytes = 256;
     constexpr uint8_t kTwoByteLengths = 0xFD;
     constexpr uint8_t kReservedBits = 0xE0;
     if (sets.sequence.empty() || sets.sequence[0].size() < kProfileCompatibilityLevel) return {};
@@ -99,7 +96,7 @@ std::vector<uint8_t> make_record(const ParameterSets& sets) {
     append_sets(record, sets.sequence);
     record.push_back(static_cast<uint8_t>(sets.picture.size()));
     append_sets(record, sets.picture);
-    if (record.size() > kMostBytes) record.clear();
+    if (record.size() > kMostAvccBytes) record.clear();
     return record;
 }
 
@@ -113,6 +110,23 @@ bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSet
     sets.sps_length = sets.bytes.size();
     sets.pps_count = append_prefixed_sets(reader, header.nal_length_size, sets.bytes, fits);
     return reader.ok() && fits;
+}
+
+size_t avcc_length(std::span<const uint8_t> avcc) {
+    constexpr size_t kFixedPart = 5;
+    constexpr size_t kSetLength = 2;
+    ByteReader reader(avcc);
+    reader.skip(kFixedPart);
+    size_t length = kFixedPart;
+    for (int kind = 0; kind < 2; ++kind) {
+        ++length;
+        for (int left = reader.u8() & 0x1F; left > 0; --left) {
+            const uint16_t set = reader.be16();
+            reader.skip(set);
+            length += kSetLength + set;
+        }
+    }
+    return length;
 }
 
 size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to) {

@@ -13,7 +13,8 @@ struct AvccHeader {
     uint8_t profile, compatibility, level, nal_length_size;
 };
 
-// The parameter sets of an `avcC` as a track holds them: the sequence sets, then the picture sets.
+// The parameter sets of an `avcC` as a track holds them: the sequence sets, then the picture sets,
+// each after a length as wide as those of the stream.
 struct ParamSets {
     std::vector<uint8_t> bytes;
     size_t sps_length = 0;
@@ -23,12 +24,18 @@ struct ParamSets {
 // False when the record does not keep to its length, or a set not to the width of the lengths.
 bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSets& sets);
 
+// Returns how long a record is by its counts and lengths, as far as they are there.
+size_t avcc_length(std::span<const uint8_t> avcc);
+
 // Puts the parameter sets of a record into `to`, each after a start code, as far as there is room
 // for them. Returns the length of all.
 size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to);
 
+// The largest record that make_avcc makes.
+inline constexpr size_t kMostAvccBytes = 256;
+
 // Makes a record of parameter sets that are separated by start codes 00 00 00 01; empty when they
-// make none.
+// make none, or one of more than kMostAvccBytes.
 std::vector<uint8_t> make_avcc(std::span<const uint8_t> units);
 
 }  // namespace kestrel

@@ -12,22 +12,29 @@
 
 namespace kestrel {
 
+enum class EmptyUnits { kPassedOver, kTaken };
+
 // The length-prefixed NAL units of a run of bytes. One that claims more than there is ends with
-// the bytes; empty ones are passed over.
+// the bytes.
 class NalUnits {
   public:
-    NalUnits(std::span<const uint8_t> bytes, int length_size)
-        : bytes_(bytes), length_size_(static_cast<size_t>(std::clamp(length_size, 1, 4))) {}
+    NalUnits(std::span<const uint8_t> bytes, int length_size,
+             EmptyUnits empty = EmptyUnits::kPassedOver)
+        : bytes_(bytes),
+          length_size_(static_cast<size_t>(std::clamp(length_size, 1, 4))),
+          takes_empty_(empty == EmptyUnits::kTaken) {}
 
     bool next(NalUnit& unit) {
-        unit = {};
-        while (unit.empty() && bytes_.size() > length_size_) {
-            const size_t told = h264_get_nal_size(bytes_.data(), static_cast<int>(length_size_));
+        while (bytes_.size() >= length_size_) {
+            const size_t declared =
+                h264_get_nal_size(bytes_.data(), static_cast<int>(length_size_));
             bytes_ = bytes_.subspan(length_size_);
-            unit = bytes_.first(std::min(told, bytes_.size()));
+            unit = bytes_.first(std::min(declared, bytes_.size()));
             bytes_ = bytes_.subspan(unit.size());
+            if (takes_empty_ || !unit.empty()) return true;
         }
-        return !unit.empty();
+        unit = {};
+        return false;
     }
 
     // Whether a unit that is not empty follows.
@@ -40,6 +47,7 @@ class NalUnits {
   private:
     std::span<const uint8_t> bytes_;
     size_t length_size_;
+    bool takes_empty_;
 };
 
 // A fragment with the FU indicator and FU header that go in front of it (RFC 6184, 5.8).

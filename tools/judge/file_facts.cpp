@@ -15,6 +15,10 @@ FileFacts gather_facts(kst_host* host) {
     return facts;
 }
 
+bool may_lack_tracks(const FileFacts& facts) {
+    return facts.scan.movie_is_cut || isoFFfileDetails(facts.file.get())->lost_tracks > 0;
+}
+
 Expected expected_of(const FileFacts& facts, const iso_track* track) {
     static_cast<void>(facts);
     const Declared tables = declared(track);

@@ -23,6 +23,9 @@ struct FileFacts {
 // is in the remarks.
 FileFacts gather_facts(kst_host* host);
 
+// Whether tracks may be missing: the movie box is cut, or has tracks that cannot be read.
+bool may_lack_tracks(const FileFacts& facts);
+
 // What of a medium's track should come out of an API that plays it.
 struct Expected {
     uint64_t samples = 0;

@@ -486,7 +486,7 @@ std::vector<Verdict> Judge::judge_all() {
 }
 
 Reason reason_for_no_media(const FileFacts& facts) {
-    if (facts.scan.movie_is_cut) return Reason::kDamaged;
+    if (may_lack_tracks(facts)) return Reason::kDamaged;
     if (facts.scan.has_movie && has_odd_sizes(facts)) return Reason::kLargeBox;
     return facts.scan.damage.empty() ? Reason::kNoTrack : Reason::kDamaged;
 }

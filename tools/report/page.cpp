@@ -167,6 +167,7 @@ class Page {
                    (begins ? " to the end" : "");
         }
         if (data_.facts.scan.movie_is_cut) return "The movie box is cut: tracks may be missing";
+        if (may_lack_tracks(data_.facts)) return "The movie box has tracks that cannot be read";
         tone = function && by_class ? Tone::kGood : Tone::kFair;
         if (tone == Tone::kGood) return "Plays with both APIs";
         return function   ? "Plays with the function API"

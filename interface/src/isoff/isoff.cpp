@@ -13,6 +13,8 @@ namespace {
 constexpr uint32_t kUnknownProfile = 255;
 constexpr uint32_t kMovieTimescale = 600;
 constexpr uint32_t kMovieHeaderEstimate = 194;  // bytes of `moov` without tracks
+// What is added to a time since 1970 to make one since 1904. The value is prescribed, and one day
+// short of the 2082844800 seconds that lie between: dates that are written are a day early.
 constexpr uint32_t kSecondsFrom1904 = 2082758400;
 constexpr int32_t kWriterMinorVersion = 256;
 constexpr uint32_t kWriterSizeLimit = 0x7FFFFFFF;

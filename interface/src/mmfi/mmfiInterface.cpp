@@ -3,6 +3,7 @@
 #include <cctype>
 
 #include "common/simple_exception.h"
+#include "interface/src/isoff/record/private.h"
 #include "kestrel/kstutil.h"
 #include "kestrel/status.h"
 
@@ -67,15 +68,16 @@ void parse_switches(mm_Interface* record, const char* mode) {
     }
 }
 
-bool accepts(uint32_t mode, int32_t codec) {
-    switch (codec) {
+bool accepts(uint32_t mode, const iso_track* track) {
+    switch (track->codec) {
         case ISO_CODEC_SAMR:
         case ISO_CODEC_SAWB:
             return mode == kModeAudio;
         case ISO_CODEC_MP4V:
         case ISO_CODEC_S263:
-        case ISO_CODEC_AVC1:
             return mode == kModeVideo;
+        case ISO_CODEC_AVC1:  // does not play with a configuration that could not be read
+            return mode == kModeVideo && track->own->has_bad_config == 0;
         default:
             return false;
     }
@@ -86,7 +88,7 @@ iso_track* first_accepted(const mm_Interface* record, const uint32_t* track_id =
     iso_track* track = record->file == nullptr ? nullptr : record->file->first_track;
     for (; track != nullptr; track = track->next) {
         const bool has_id = track_id == nullptr || track->track_id == *track_id;
-        if (has_id && accepts(record->mode, track->codec)) return track;
+        if (has_id && accepts(record->mode, track)) return track;
     }
     return nullptr;
 }
@@ -112,7 +114,7 @@ void require_track(mm_Interface* record) {
 // The last accepted track gives the track ID; of several tracks with that ID the first is taken.
 iso_track* choose_track(mm_Interface* record) {
     for (iso_track* track = record->file->first_track; track != nullptr; track = track->next) {
-        if (accepts(record->mode, track->codec)) record->track_id = track->track_id;
+        if (accepts(record->mode, track)) record->track_id = track->track_id;
     }
     return first_accepted(record, &record->track_id);
 }
@@ -164,12 +166,12 @@ int32_t mmfi_Close(mm_Interface* record) {
     return KST_SUCCESS;
 }
 
-void printInfo(const unsigned char* data, int size) {
+void printInfo(const char* source, const unsigned char* data, int size) {
     constexpr int kPerLine = 10;
     if (!kDebug.enabled() || size < 1) return;
-    log_line(kDebug, at(kMmfiSource), "Dump:sz=%d", size);
+    log_line(kDebug, at(source), "Dump:sz=%d", size);
     for (; size > 0; size -= kPerLine, data += kPerLine) {
-        log_line(kDebug, at(kMmfiSource), "Data:%02x %02x %02x %02x %02x %02x %02x %02x %02x %02x",
+        log_line(kDebug, at(source), "Data:%02x %02x %02x %02x %02x %02x %02x %02x %02x %02x",
                  data[0], data[1], data[2], data[3], data[4], data[5], data[6], data[7], data[8],
                  data[9]);
     }

@@ -24,8 +24,9 @@ int mmfiParseModeInfo(mm_Interface* record, const char* mode);
 // Closes the file; the record stays the caller's. Returns 0.
 int32_t mmfi_Close(mm_Interface* record);
 
-// Debug dump of `size` bytes; reads up to nine bytes past them.
-void printInfo(const unsigned char* data, int size);
+// Debug dump of `size` bytes; reads up to nine bytes past them. The lines carry the source path of
+// whoever asks.
+void printInfo(const char* source, const unsigned char* data, int size);
 
 // Hands the call to the reader of the track's codec. Throws SimpleException for a null record.
 int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);

@@ -76,7 +76,7 @@ class VideoReader {
     VideoReader(mm_Interface* record, const Codec& codec, HostChunk chunk)
         : record_(record),
           codec_(codec),
-          hint_(attached_hint_track(record->track, kMostPacketBytes)),
+          hint_(attached_hint_track(record->track)),
           chunk_(chunk) {}
 
     int32_t read();
@@ -103,6 +103,8 @@ Gathered VideoReader::gather(bool first) {
     return gather_frame(record_, codec_.packets, hint_, first);
 }
 
+// The state stays where it was, also after the end (1) and a failure (2): a later call asks for the
+// frame again, instead of delivering packets that were never staged.
 int32_t VideoReader::deliver_nothing(int32_t status, ReaderState state) {
     record_->reader_state = state;
     return chunk_.deliver(0, status);

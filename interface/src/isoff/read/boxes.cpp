@@ -78,7 +78,7 @@ uint8_t* read_into_arena(iso_file* file, uint32_t size) {
 // What is left of the box at hand, and a NUL, into `text`; a second one is refused.
 int read_sdp_text(iso_file* file, char*& text) {
     if (text != nullptr) {
-        diagnose("extra sdp\n");
+        remark(file, "extra sdp\n");
         return -1;
     }
     const uint32_t length = file->moov_left;
@@ -194,8 +194,12 @@ void read_matrix(iso_file* file, iso_track* track) {
 }
 
 int read_tkhd(iso_file* file, uint32_t) {
-    constexpr uint32_t kBody = 84;  // of version 0
-    if (file->moov_left < kBody) return -1;
+    constexpr uint32_t kBody = 84, kWideBody = 96;  // of version 0, and of the others
+    const uint32_t needed = file->moov_left > 0 && *file->moov_buffer != 0 ? kWideBody : kBody;
+    if (file->moov_left < needed) {
+        remark_end_of_buffer(file, "read_buf", needed);
+        return 0;
+    }
     const uint8_t version = getbyte(file);
     const uint32_t flags = getint24(file);
     iso_track* track = isoFFtrack(file);
@@ -362,12 +366,30 @@ int read_udta(iso_file* file, uint32_t) {
     return parse_rest(file, udta_box);
 }
 
-constexpr isobox trak_box[] = {{"tkhd", read_tkhd}, {"mdia", read_mdia}, {"edts", read_edts},
-                               {"meta", read_meta}, {"tref", read_tref}, {"udta", read_udta},
-                               {nullptr, nullptr}};
+void lose_track(iso_file* file, const char* why) {
+    file->own->lost_tracks++;
+    remark(file, "skipping track: %s\n", why);
+}
 
+// The size of the track before it covers this one as well.
+int skip_inner_trak(iso_file* file, uint32_t) {
+    lose_track(file, "inside another track");
+    return 0;
+}
+
+constexpr isobox trak_box[] = {{"tkhd", read_tkhd},       {"mdia", read_mdia}, {"edts", read_edts},
+                               {"meta", read_meta},       {"tref", read_tref}, {"udta", read_udta},
+                               {"trak", skip_inner_trak}, {nullptr, nullptr}};
+
+// What stands in a track without a header that can be read belongs to no track.
 int read_trak(iso_file* file, uint32_t) {
-    return parse_rest(file, trak_box);
+    iso_track* const before = file->current_track;
+    file->current_track = nullptr;
+    const int result = parse_rest(file, trak_box);
+    if (file->current_track != nullptr) return result;
+    file->current_track = before;
+    if (result == 0) lose_track(file, "no whole tkhd");
+    return result;
 }
 
 constexpr isobox moov_box[] = {{"mvhd", read_mvhd},
@@ -461,7 +483,8 @@ int read_ftyp(iso_file* file, uint32_t body) {
     constexpr uint32_t kCode = 4;
     if (body < kFixedPart || !getID(file, file->major_brand)) return -1;
     file->minor_version = static_cast<int32_t>(getint32(file));
-    file->compatible_brands = nullptr;  // an earlier list stays in the arena
+    if (file->compatible_brands != nullptr) isoFFfree(file->compatible_brands);
+    file->compatible_brands = nullptr;
     const uint32_t count = (body - kFixedPart) / kCode;
     if (count == 0) return pass_over(file, body - kFixedPart);
     const uint8_t* codes = read_into_arena(file, body - kFixedPart);
@@ -529,6 +552,9 @@ const isobox* find(const isobox* table, uint32_t type) {
 // them is passed over.
 int run_bounded(iso_file* file, const isobox* box, uint32_t body, bool to_end) {
     const uint32_t left = file->moov_left;
+    if (!to_end && body > left) {
+        remark_end_of_buffer(file, box == nullptr ? "seek_buf" : "read_buf", body);
+    }
     const uint32_t own = to_end ? left : std::min(body, left);
     uint8_t* const behind = file->moov_buffer + own;
     file->moov_left = own;

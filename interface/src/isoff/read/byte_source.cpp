@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 
 #include "interface/src/isoff/read/byte_source.h"
@@ -10,13 +11,18 @@ namespace kestrel {
 
 bool read_stream(iso_file* file, void* to, uint32_t count) {
     uint32_t got = count;
+    std::memset(to, 0, count);
     return kstutil_seeknread(file->stream, to, &got) == 0 && got == count;
+}
+
+void remark_end_of_buffer(iso_file* file, const char* request, uint64_t count) {
+    remark(file, "%s, EOF %d left, %d requested\n", request, static_cast<int>(file->moov_left),
+           static_cast<int>(std::min<uint64_t>(count, INT_MAX)));
 }
 
 bool read_buf(iso_file* file, void* to, uint32_t count) {
     if (count > file->moov_left) {
-        diagnose("read_buf, EOF %d left, %d requested\n", static_cast<int>(file->moov_left),
-                 static_cast<int>(count));
+        remark_end_of_buffer(file, "read_buf", count);
         return false;
     }
     std::memcpy(to, file->moov_buffer, count);
@@ -27,8 +33,7 @@ bool read_buf(iso_file* file, void* to, uint32_t count) {
 
 bool seek_buf(iso_file* file, uint32_t count) {
     if (count > file->moov_left) {
-        diagnose("seek_buf, EOF %d left, %d requested\n", static_cast<int>(file->moov_left),
-                 static_cast<int>(count));
+        remark_end_of_buffer(file, "seek_buf", count);
         return false;
     }
     file->moov_buffer += count;
@@ -95,6 +100,11 @@ int skip(iso_file* file, uint32_t count) {
     uint32_t offset = 0;
     if (kstutil_getoffset(file->stream, &offset) != 0) return -1;
     if (count > UINT32_MAX - offset) return 0;  // past what any stream can hold
+    // A host that stands still or goes back would have the same boxes walked again: since the last
+    // call at least a box header was read.
+    constexpr uint32_t kBoxHeader = 8;
+    if (offset < uint64_t{file->own->passed_pos} + kBoxHeader) return -1;
+    file->own->passed_pos = offset + count;
     if (kstutil_seek(file->stream, static_cast<int32_t>(offset + count)) == 0) return 1;
     return read_over(file, count);
 }

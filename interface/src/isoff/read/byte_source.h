@@ -7,13 +7,17 @@
 
 namespace kestrel {
 
-// Reads exactly `count` bytes of the stream; false on a failure or when fewer came.
+// Reads exactly `count` bytes of the stream; false on a failure or when fewer came. Bytes that the
+// host claims and did not write are 0.
 bool read_stream(iso_file* file, void* to, uint32_t count);
 
 // Take bytes of, and move in, the in-memory `moov`. Asking for more than is left prints a line,
 // changes nothing and answers false.
 bool read_buf(iso_file* file, void* to, uint32_t count);
 bool seek_buf(iso_file* file, uint32_t count);
+
+// Prints the line of read_buf or seek_buf for a request of more than is left.
+void remark_end_of_buffer(iso_file* file, const char* request, uint64_t count);
 
 bool getbytes(iso_file* file, void* to, uint32_t count);
 

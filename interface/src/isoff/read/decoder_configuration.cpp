@@ -89,6 +89,14 @@ void forget_param_sets(iso_track* track) {
     track->param_sets_length = 0;
 }
 
+// Leaves the track without configuration: one that cannot be read is none.
+void refuse_config(iso_track* track) {
+    forget_param_sets(track);
+    track->dsi = nullptr;
+    track->dsi_length = track->own->dsi_capacity = 0;
+    track->own->has_bad_config = 1;
+}
+
 void keep_avcc_header(iso_track* track, const AvccHeader& header) {
     track->profile = header.profile;
     track->profile_compat = header.compatibility;
@@ -117,13 +125,6 @@ bool replace_avcc(iso_track* track, std::span<const uint8_t> avcc) {
     keep_avcc_header(track, header);
     keep_param_sets(track, sets, block);
     return true;
-}
-
-// A system-allocated copy; null without memory.
-unsigned char* hand_over(const std::vector<uint8_t>& bytes) {
-    auto* copy = static_cast<unsigned char*>(systemmalloc(std::max<size_t>(bytes.size(), 1)));
-    if (copy != nullptr) std::copy(bytes.begin(), bytes.end(), copy);
-    return copy;
 }
 
 }  // namespace
@@ -172,7 +173,7 @@ int read_esds(iso_file* file, uint32_t) {
     getint32(file);  // version and flags
     return walk_descriptors(file, [&](uint8_t tag) {
         if (tag == kEsDescriptor) return read_es_descriptor(file, track);
-        diagnose("esds: skipping tag %d\n", tag);
+        remark(file, "esds: skipping tag %d\n", tag);
         return 0;
     });
 }
@@ -184,9 +185,18 @@ int read_avcC(iso_file* file, uint32_t) try {
     forget_param_sets(track);
     AvccHeader header{};
     ParamSets sets;
-    const bool whole = take_param_sets({track->dsi, track->dsi_length}, header, sets);
+    if (!take_param_sets({track->dsi, track->dsi_length}, header, sets)) {
+        const size_t needed = avcc_length({track->dsi, track->dsi_length});
+        if (needed > track->dsi_length) {
+            remark_end_of_buffer(file, "read_buf", needed);
+        } else {
+            remark(file, "avcC: a parameter set is too long for its length field\n");
+        }
+        refuse_config(track);
+        return 0;
+    }
+    track->own->has_bad_config = 0;
     keep_avcc_header(track, header);
-    if (!whole) return -1;
     auto* block = arena_array<uint8_t>(track->file, sets.bytes.size());
     if (block == nullptr) return -1;
     keep_param_sets(track, sets, block);
@@ -235,8 +245,10 @@ int convertDCI_3gpp_to_ISO(const unsigned char* in, unsigned length, unsigned ch
                            int* out_length) try {
     const std::vector<uint8_t> record = make_avcc({in, length});
     if (record.empty()) return 0;
-    *out = hand_over(record);
+    *out = static_cast<unsigned char*>(systemmalloc(kMostAvccBytes));
     if (*out == nullptr) return 0;
+    std::memset(*out, 0, kMostAvccBytes);
+    std::copy(record.begin(), record.end(), *out);
     *out_length = static_cast<int>(record.size());
     return 1;
 } catch (const std::bad_alloc&) {

@@ -140,6 +140,7 @@ inline void PacketReader::resynchronise() {
     const bool moved = at_end() ? track_->own->positioned != 0 : hint_.sample != track_->cur_sample;
     track_->own->positioned = 0;
     if (!moved) return;
+    track_->own->begun_again = 0;
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
     offset_ = 0;
@@ -168,6 +169,10 @@ inline int PacketReader::take_own(uint32_t count) {
 
 inline void PacketReader::begin_packets(uint32_t packets) {
     hint_.packets_left = static_cast<int32_t>(packets);
+    if (track_->own->begun_again != 0) [[unlikely]] {
+        track_->own->begun_again = 0;  // its time and duration are counted already
+        return;
+    }
     hint_.timestamp = clock_to_timestamp(hint_.rtp_time) + track_->rtp_ts_offset;
     hint_.rtp_time += rtp_units(track_);
     // Reduced by 2^32 - 1, one short of the range, and only once.
@@ -366,8 +371,8 @@ iso_track* best_hint_track(const iso_track* media, int max_packet) {
 
 }  // namespace
 
-iso_track* attached_hint_track(const iso_track* media, int max_packet) {
-    iso_track* track = best_hint_track(media, max_packet);
+iso_track* attached_hint_track(const iso_track* media) {
+    iso_track* track = media->own->attached_hint;
     const bool usable = track != nullptr && track->hint != nullptr && track->sample_count > 0;
     return usable ? track : nullptr;
 }
@@ -383,6 +388,8 @@ iso_track* isoFFrtpHinter(iso_track* media, int max_packet) {
     if (track->hint == nullptr) return nullptr;
     *track->hint = rtp_hint_state{};
     track->hint->media_track = media;
+    media->own->attached_hint = track;
+    track->own->begun_again = 0;
     return track;
 }
 
@@ -396,6 +403,7 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
         track->hint = made;
         track->own->hint_from_system = 1;
     }
+    if (track->hint->packets_left > 0) track->own->begun_again = 1;
     track->hint->media_track = media;
     track->hint->packets_left = 0;
     return track;

@@ -6,9 +6,9 @@
 
 namespace kestrel {
 
-// The hint track of `media` that isoFFrtpHinter attached with this packet limit, its cursor left
-// alone; null without one that has packets.
-iso_track* attached_hint_track(const iso_track* media, int max_packet);
+// The hint track that isoFFrtpHinter last attached to `media`, its cursor left alone; null without
+// one that has samples. It is looked up once: a file may have any number of tracks.
+iso_track* attached_hint_track(const iso_track* media);
 
 }  // namespace kestrel
 

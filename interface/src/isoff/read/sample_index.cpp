@@ -47,6 +47,15 @@ bool make_checkpoints(iso_track* track, iso_index* index) {
     return true;
 }
 
+// The first entry of a time table that stands for a sample; the end of the table without one.
+template <typename Entry>
+int32_t first_in_force(const Entry* entries, int32_t count) {
+    int32_t index = 0;
+    while (index < count && entries[index].count == 0)
+        ++index;
+    return index;
+}
+
 // How many samples lie in front of each entry of a time table.
 template <typename Entry>
 bool count_samples(iso_track* track, const Entry* entries, int32_t count, uint32_t*& before) {
@@ -66,8 +75,9 @@ void rewind_cursor(iso_track* track) {
     track->cur_sample = 0;
     track->cur_chunk = 0;
     track->cur_offset = track->chunk_count >= 1 ? track->chunks[0].start : 0;
-    track->stts_index = track->stts_in_entry = 0;
-    track->ctts_index = track->ctts_in_entry = 0;
+    track->stts_index = first_in_force(track->stts, track->stts_count);
+    track->ctts_index = first_in_force(track->ctts, track->ctts_count);
+    track->stts_in_entry = track->ctts_in_entry = 0;
     track->own->next_alike = 0;
 }
 

@@ -121,10 +121,7 @@ inline void move_cursor(iso_track* track, int32_t target) {
 }
 
 // Duration of the sample at the cursor, track units.
-inline uint32_t duration_at_cursor(iso_track* track) {
-    // Entries that stand for no sample are not in force.
-    while (track->stts_index < track->stts_count && track->stts[track->stts_index].count == 0)
-        ++track->stts_index;
+inline uint32_t duration_at_cursor(const iso_track* track) {
     return track->stts_index < track->stts_count ? track->stts[track->stts_index].delta : 0;
 }
 

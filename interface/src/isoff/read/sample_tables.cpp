@@ -29,7 +29,7 @@ iso_track* begin_table(iso_file* file, TableBit bit, const char* refusal, int& r
     iso_track* track = file->current_track;
     if (track == nullptr) return nullptr;
     if (track->own->tables_seen & bit) {
-        diagnose("%s", refusal);
+        remark(file, "%s", refusal);
         result = -1;
         return nullptr;
     }
@@ -67,12 +67,12 @@ uint32_t chunk_end(uint32_t start, uint64_t bytes) {
 bool times_agree(const iso_track* track) {
     const auto samples = static_cast<uint64_t>(track->sample_count);
     if (samples_told(track->stts, track->stts_count) < samples) {
-        diagnose("invalid stts\n");
+        remark(track->file, "invalid stts\n");
         return false;
     }
     const uint64_t composed = samples_told(track->ctts, track->ctts_count);
     if (composed >= 1 && composed < samples) {
-        diagnose("invalid ctts %d\n", static_cast<int>(composed));
+        remark(track->file, "invalid ctts %d\n", static_cast<int>(composed));
         return false;
     }
     return true;
@@ -131,9 +131,9 @@ void fill_chunks_by_runs(iso_track* track) {
         covered += static_cast<int32_t>(count);
     }
     if (covered == track->sample_count && chunk == track->chunk_count) return;
-    diagnose(
-        "Warning: inconsistent stsc/stco/stsz tables --- sample count %d/%d stco count %d/%d \n",
-        track->sample_count, covered, track->chunk_count, chunk);
+    remark(track->file,
+           "Warning: inconsistent stsc/stco/stsz tables --- sample count %d/%d stco count %d/%d \n",
+           track->sample_count, covered, track->chunk_count, chunk);
     track->sample_count = covered;
     track->chunk_count = chunk;
 }
@@ -254,7 +254,7 @@ int read_sgpd(iso_file* file, uint32_t) {
     getID(file, track->sgpd_type);
     const uint32_t type = load_be32(reinterpret_cast<const uint8_t*>(track->sgpd_type));
     if (type != fourcc("3gag") && type != fourcc("avcb")) {
-        diagnose("skipping unknown grouping type: %s\n", track->sgpd_type);
+        remark(track->file, "skipping unknown grouping type: %s\n", track->sgpd_type);
         return 0;
     }
     int32_t count = 0;

@@ -27,21 +27,22 @@ struct TimeCursor {
                 return;
             }
         }
-        // The last entry that begins at the sample or in front of it; so never one that stands for
-        // no sample, unless the table ends with it.
-        const uint32_t* behind =
+        // The last entry that begins at the sample or before it; so never one that stands for no
+        // sample. After the last sample of the table, its end.
+        const uint32_t* after =
             std::upper_bound(before + 1, before + count, static_cast<uint32_t>(to));
-        index = static_cast<int32_t>(behind - before) - 1;
+        index = static_cast<int32_t>(after - before) - 1;
         in_entry = to - static_cast<int32_t>(before[index]);
+        if (static_cast<uint32_t>(in_entry) < entries[index].count) return;
+        index = count;
+        in_entry = 0;
     }
 };
 
 // Stores the times of the sample at the cursor, in seconds, where they are wanted.
-void tell_times(iso_track* track, double* duration, double* cts_offset) {
+void store_times(const iso_track* track, double* duration, double* cts_offset) {
     if (duration != nullptr) *duration = seconds(duration_at_cursor(track), track->timescale);
     if (cts_offset == nullptr) return;
-    while (track->ctts_index < track->ctts_count && track->ctts[track->ctts_index].count == 0)
-        ++track->ctts_index;
     const bool has_entry = track->ctts_index < track->ctts_count;
     *cts_offset =
         has_entry ? seconds(track->ctts[track->ctts_index].offset, track->timescale) : 0.0;
@@ -194,7 +195,7 @@ int isoFFread(iso_track* track, void* buffer, int buffer_size, double* duration,
     bool failed = false;
     const uint32_t got = read_sample_bytes(track, track->cur_offset, buffer, size, failed);
     if (failed || got < size) return -2;
-    tell_times(track, duration, cts_offset);
+    store_times(track, duration, cts_offset);
     advance_cursor(track);
     return static_cast<int>(size);
 }
@@ -212,7 +213,7 @@ int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned
     const uint32_t got = read_sample_bytes(track, from, buffer, wanted, failed);
     // Only the positioned read's failure is told; that of a seek or a plain read shows as 0 bytes.
     if (failed && track->file->indexed_read) return -2;
-    tell_times(track, duration, cts_offset);
+    store_times(track, duration, cts_offset);
     return static_cast<int>(got);
 }
 
@@ -225,7 +226,7 @@ int isoFFsetPosition(iso_track* track, int sample) {
 
 int isoFFframeInfo(iso_track* track, double* duration, int* size) {
     if (!is_readable(track) || track->cur_sample >= track->sample_count) return -1;
-    tell_times(track, duration, nullptr);
+    store_times(track, duration, nullptr);
     if (size != nullptr) {
         const bool with_dsi = track->dsi_sent == 0 &&
                               (track->flags & iso_track_prepends_dsi) != 0 &&

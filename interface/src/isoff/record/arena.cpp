@@ -98,7 +98,12 @@ void safefree(void* first_block) {
     }
 }
 
-void diagnose(const char* format, ...) {
+void remark(iso_file* file, const char* format, ...) {
+    if (file->own->remarks > kMostRemarks) return;
+    if (file->own->remarks++ == kMostRemarks) {
+        std::fputs("further remarks left out\n", stderr);
+        return;
+    }
     va_list arguments;
     va_start(arguments, format);
     std::vfprintf(stderr, format, arguments);

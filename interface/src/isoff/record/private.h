@@ -32,6 +32,8 @@ struct iso_frame_buffer {
 
 struct iso_file_private : iso_file_details {
     iso_track* last_track;
+    uint32_t remarks;     // lines about the file that were printed
+    uint32_t passed_pos;  // stream offset that passing over a box last asked for
     // 1: an allocation for the file failed, so something of it may be missing.
     uint32_t lacked_memory;
 
@@ -50,10 +52,14 @@ struct iso_file_private : iso_file_details {
 };
 
 struct iso_track_private : iso_track_details {
+    iso_track* attached_hint;   // that isoFFrtpHinter last found for this track
     uint32_t dsi_capacity;      // bytes that `dsi` has room for
     uint32_t tables_seen;       // which tables were read, so that a second one is refused
     uint32_t hint_from_system;  // 1 when `hint` came from the system allocator, not the arena
-    iso_index* index;           // finds any sample at once; null while the file is being written
+    // 1: the next hint sample is begun again, so its duration is in the packet cursor's time.
+    uint32_t begun_again;
+    uint32_t has_bad_config;  // 1: the decoder configuration could not be read
+    iso_index* index;         // finds any sample at once; null while the file is being written
 
     // Read cursor.
     uint32_t positioned;  // 1 once isoFFsetPosition was asked to move the cursor

@@ -600,8 +600,8 @@ uint64_t write_stts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     put_value_runs(box, track, [](const iso_frame* frame) { return frame->duration; });
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kSttsTable, size)) {
-        diagnose("Pass1 1 %d Pass 2 %d --- dtd count %d\n",
-                 shown(track->own->counted_sizes[kSttsTable]), shown(size), track->stts_count);
+        remark(track->file, "Pass1 1 %d Pass 2 %d --- dtd count %d\n",
+               shown(track->own->counted_sizes[kSttsTable]), shown(size), track->stts_count);
     }
     return size;
 }
@@ -616,8 +616,8 @@ uint64_t write_ctts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     put_value_runs(box, track, [](const iso_frame* frame) { return frame->cts_offset; });
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kCttsTable, size)) {
-        diagnose("Pass1 1 %d Pass 2 %d --- cto count %d\n",
-                 shown(track->own->counted_sizes[kCttsTable]), shown(size), track->ctts_count);
+        remark(track->file, "Pass1 1 %d Pass 2 %d --- cto count %d\n",
+               shown(track->own->counted_sizes[kCttsTable]), shown(size), track->ctts_count);
     }
     return size;
 }
@@ -633,9 +633,9 @@ uint64_t write_stsz(Pass pass, std::span<uint8_t> to, iso_track* track) {
     }
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kStszTable, size)) {
-        diagnose("Pass1 1 %d Pass 2 %d --- sample size = %d sample count = %d\n",
-                 shown(track->own->counted_sizes[kStszTable]), shown(size),
-                 shown(track->sample_size), track->sample_count);
+        remark(track->file, "Pass1 1 %d Pass 2 %d --- sample size = %d sample count = %d\n",
+               shown(track->own->counted_sizes[kStszTable]), shown(size), shown(track->sample_size),
+               track->sample_count);
     }
     return size;
 }
@@ -648,9 +648,8 @@ uint64_t write_stss(Pass pass, std::span<uint8_t> to, iso_track* track) {
         box.u32(sample);
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kStssTable, size)) {
-        diagnose("Pass1 1 %d Pass 2 %d --- sample count = %d\n",
-                 shown(track->own->counted_sizes[kStssTable]), shown(size),
-                 shown(track->sync_count));
+        remark(track->file, "Pass1 1 %d Pass 2 %d --- sample count = %d\n",
+               shown(track->own->counted_sizes[kStssTable]), shown(size), shown(track->sync_count));
     }
     return size;
 }
@@ -666,9 +665,8 @@ uint64_t write_sbgp(Pass pass, std::span<uint8_t> to, iso_track* track) {
     }
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kSbgpTable, size)) {
-        diagnose("Pass1 1 %d Pass 2 %d --- sbgp count %d\n",
-                 shown(track->own->counted_sizes[kSbgpTable]), shown(size),
-                 shown(track->sbgp_count));
+        remark(track->file, "Pass1 1 %d Pass 2 %d --- sbgp count %d\n",
+               shown(track->own->counted_sizes[kSbgpTable]), shown(size), shown(track->sbgp_count));
     }
     return size;
 }

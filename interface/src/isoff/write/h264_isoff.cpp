@@ -20,6 +20,7 @@ struct PictureFormat {
 iso_track* configured_track(iso_file* file, int32_t codec, const void* config, unsigned length,
                             const PictureFormat& picture, uint32_t entry_bytes) {
     if (config == nullptr || length < 1 || length > INT_MAX) return nullptr;
+    if (picture.timescale == 0 || picture.width == 0 || picture.height == 0) return nullptr;
     TrackAttempt attempt(file);
     iso_track* track = new_visual_track(file, codec, picture.timescale, picture.width,
                                         picture.height, entry_bytes + length);

@@ -194,10 +194,10 @@ bool patch(iso_file* file, uint32_t at, uint32_t value) {
     return move_to(file, end);
 }
 
-bool passes_agree(uint64_t measured, uint64_t written) {
+bool passes_agree(iso_file* file, uint64_t measured, uint64_t written) {
     if (written == measured) return true;
-    diagnose("isoff error: pass 1 header size (%d) different from pass 2 (%d)\n",
-             static_cast<int>(measured), static_cast<int>(written));
+    remark(file, "isoff error: pass 1 header size (%d) different from pass 2 (%d)\n",
+           static_cast<int>(measured), static_cast<int>(written));
     return false;
 }
 
@@ -206,7 +206,7 @@ int finish_direct(iso_file* file, uint32_t media_header) {
     const uint32_t media_end = file->own->write_pos;
     std::vector<uint8_t> moov(static_cast<size_t>(write_moov(kCountPass, {}, file)));
     const uint64_t written = write_moov(kWritePass, moov, file);
-    if (!passes_agree(moov.size(), written)) return kFellShort;
+    if (!passes_agree(file, moov.size(), written)) return kFellShort;
     if (moov.size() > UINT32_MAX - media_end) return kTooLarge;
     if (!write_stream(file, moov.data(), static_cast<uint32_t>(moov.size()))) return kFellShort;
     return patch(file, media_header, media_end - media_header) ? 0 : kFellShort;
@@ -327,7 +327,7 @@ int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header, si
     uint8_t* mdat = header.data() + header.size() - kBoxHeader;
     store_be32(mdat, static_cast<uint32_t>(media + kBoxHeader));
     store_be32(mdat + 4, fourcc("mdat"));
-    return passes_agree(measured, written) ? 0 : kFellShort;
+    return passes_agree(file, measured, written) ? 0 : kFellShort;
 }
 
 // Whether the stream goes back to its start, and on again to where it stands.
@@ -471,7 +471,9 @@ iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale,
     track->codec = codec;
     track->timescale = timescale;
     const double units = file->interleave_limit * timescale;
-    track->own->duration_limit = units >= 4294967295.0 ? UINT32_MAX : static_cast<uint32_t>(units);
+    // A timescale that is still to be filled in sets no limit.
+    const bool limited = timescale != 0 && units < 4294967295.0;
+    track->own->duration_limit = limited ? static_cast<uint32_t>(units) : UINT32_MAX;
     file->header_size += entry_bytes;
     return track;
 }
@@ -480,8 +482,7 @@ iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, u
                             uint32_t height, uint32_t entry_bytes) {
     constexpr uint32_t kScreenResolution = 0x00480000;  // 72 dots per inch
     constexpr uint32_t kColourDepth = 24;
-    const bool has_picture = width - 1 < UINT16_MAX && height - 1 < UINT16_MAX;
-    if (timescale == 0 || !has_picture) return nullptr;
+    if (width > UINT16_MAX || height > UINT16_MAX) return nullptr;
     iso_track* track = new_media_track(file, codec, timescale, entry_bytes);
     if (track == nullptr) return nullptr;
     file->own->has_visual = 1;
@@ -503,6 +504,8 @@ using namespace kestrel;
 int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
     constexpr size_t kCodeAndBlank = 5;
     if (file == nullptr || brands == nullptr) return -1;
+    // Refuses more than null arguments and lists of another shape: brands of a file that is read,
+    // or that stand in the output already, cannot be set.
     if (!file->write_mode) return -1;
     if (file->own->write_pos != 0) return -1;  // `ftyp` stands in the file already
     const size_t length = std::strlen(brands) + 1;
@@ -518,6 +521,8 @@ int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
 }
 
 int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_offset) try {
+    // Refuses more than a null track and a negative size: without data, with a negative duration or
+    // in a file that is read there is no sample to write.
     if (track == nullptr || size < 0 || duration < 0 || (data == nullptr && size > 0) ||
         !track->file->write_mode) {
         return kBadArgument;

@@ -46,8 +46,7 @@ class TrackAttempt {
 // header add to the header. Null without memory or for a file that is not being written.
 iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale, uint32_t entry_bytes);
 
-// The same for a picture of a size in pixels, 1 to 65535 each; null for another size, or a
-// timescale of 0.
+// The same for a picture of a size in pixels, at most 65535 each; null for a larger one.
 iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, uint32_t width,
                             uint32_t height, uint32_t entry_bytes);
 
