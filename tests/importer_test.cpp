@@ -32,6 +32,10 @@ Imported import_bytes(const Bytes& file, const Options& options = {}) {
     return imported;
 }
 
+std::span<const std::uint8_t> bytes_of(const Bytes& file, const Sample& sample) {
+    return std::span(file).subspan(static_cast<size_t>(sample.offset), sample.size);
+}
+
 std::string code(std::uint32_t type) {
     std::string text;
     for (int shift = 24; shift >= 0; shift -= 8)
@@ -51,8 +55,7 @@ std::vector<std::string> frame_lines(const Bytes& file, const Track& track) {
         std::ostringstream line;
         line << track.id << ' ' << code(track.descriptions.at(sample.description).type) << ' '
              << track.timescale << ' ' << time << ' ' << sample.composition_offset - least << ' '
-             << sample.size << (sample.is_sync ? " sync " : " - ")
-             << md5(std::span(file).subspan(sample.offset, sample.size));
+             << sample.size << (sample.is_sync ? " sync " : " - ") << md5(bytes_of(file, sample));
         lines.push_back(line.str());
         time += sample.duration;
     }
@@ -122,7 +125,7 @@ std::string describe(const Bytes& file, const Movie& movie) {
         for (const Sample& sample : track.samples) {
             text << track.id << ' ' << sample.duration << ' ' << sample.composition_offset << ' '
                  << sample.is_sync << ' ' << sample.description << ' ' << sample.size << ' '
-                 << md5(std::span(file).subspan(sample.offset, sample.size)) << "\n";
+                 << md5(bytes_of(file, sample)) << "\n";
         }
     }
     return text.str();
@@ -202,8 +205,8 @@ TEST(Importer, ReadsRunsOfAllFlags) {
 std::vector<Bytes> media(const Bytes& file, const Track& track) {
     std::vector<Bytes> all;
     for (const Sample& sample : track.samples) {
-        const auto at = file.begin() + static_cast<std::ptrdiff_t>(sample.offset);
-        all.emplace_back(at, at + static_cast<std::ptrdiff_t>(sample.size));
+        const auto bytes = bytes_of(file, sample);
+        all.emplace_back(bytes.begin(), bytes.end());
     }
     return all;
 }
@@ -239,17 +242,24 @@ TEST(Importer, LosesNothingOfCutFiles) {
 }
 
 // Puts bytes at a place of the body of a box, found by the number of boxes of its type before it.
-Bytes with(Bytes file, const std::string& type, size_t at, const Bytes& bytes, int before = 0) {
+Bytes with(Bytes file, const std::string& type, std::ptrdiff_t at, const Bytes& bytes,
+           int before = 0) {
     auto found = file.begin();
     for (int i = 0; i <= before; ++i)
         found = std::search(found + (i > 0), file.end(), type.begin(), type.end());
     if (found == file.end()) throw std::runtime_error("no " + type);
-    std::copy(bytes.begin(), bytes.end(), found + 4 + static_cast<std::ptrdiff_t>(at));
+    std::copy(bytes.begin(), bytes.end(), found + 4 + at);
     return file;
 }
 
 Bytes renamed(Bytes file, const std::string& type, const std::string& name, int before = 0) {
-    return with(std::move(file), type, static_cast<size_t>(-4), text(name), before);
+    return with(std::move(file), type, -4, text(name), before);
+}
+
+// What comes before the first fragment.
+Bytes before_fragments(const Bytes& file) {
+    const std::string_view type = "moof";
+    return {file.begin(), std::search(file.begin(), file.end(), type.begin(), type.end()) - 4};
 }
 
 MovieForms forms_of(std::initializer_list<std::pair<Dimension, int>> choices) {
@@ -310,8 +320,7 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(parts, "tfdt", 4, be32(0xFFFFFFFF)), "impossible time"},
         {with(parts, "tfdt", 4, be32(1), 4), "does not follow"},
         {with(parts, "mehd", 4, be32(5000)), "fragments are missing"},
-        {Bytes(parts.begin(), std::search(parts.begin(), parts.end(), "moof", "moof" + 4) - 4),
-         "no fragments"},
+        {before_fragments(parts), "no fragments"},
     };
     for (const auto& [file, error] : kCases) {
         const Imported imported = import_bytes(file);
@@ -332,12 +341,9 @@ TEST(Importer, NotesProtectedTracks) {
 
 TEST(Importer, TakesRepeatedMovieBoxesOnce) {
     const MadeMovie made = make_movie(forms_of({{kFragments, 2}}));
-    const auto first = std::search(made.file.begin(), made.file.end(), "moof", "moof" + 4) - 4;
-    const Bytes start(made.file.begin(), first);
-    Bytes twice = join({start, Bytes(first, made.file.end())});
+    const Bytes start = before_fragments(made.file);
     // default-base-is-moof: fragments can be moved.
-    twice.insert(twice.begin() + static_cast<std::ptrdiff_t>(start.size()), start.begin(),
-                 start.end());
+    const Bytes twice = join({start, made.file});
     const Imported imported = import_bytes(twice);
     ASSERT_TRUE(imported.result.ok) << imported.result.error;
     EXPECT_EQ(describe(twice, imported.movie), describe(made.tracks));
