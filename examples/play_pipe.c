@@ -15,8 +15,7 @@ static int32_t open_arriving(mm_Interface** handle, kst_host* host, const char* 
     for (;;) {
         const int32_t status = kst_Open(handle, kst_host_callbacks(host), mode);
         if (status != KST_FAILURE || kst_host_is_complete(host)) return status;
-        if (kst_host_wait(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
-        kst_host_rewind(host);
+        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
     }
 }
 

@@ -128,4 +128,67 @@ INSTANTIATE_TEST_SUITE_P(Files, EverySample,
                                           testing::Values(Road::kFunction, Road::kClass)),
                          [](const auto& row) { return std::apply(name_of, row.param); });
 
+// What opening a file that arrives took.
+struct Opening {
+    int tries = 0;
+    uint32_t arrived = 0;
+};
+// As kestrel/hosts.h shows it.
+Opening open_arriving(const Bytes& file, const char* mode, Road road, uint32_t step) {
+    kst_host* host = kst_host_from_growing_memory(file.data(), file.size(), step);
+    Opening opening;
+    const auto try_to_open = [&](const auto& open) {
+        for (;;) {
+            ++opening.tries;
+            if (open() == KST_SUCCESS) break;
+            if (kst_host_is_complete(host) || kst_host_wait_to_open(host) < 0) break;
+        }
+        opening.arrived = kst_host_bytes_available(host);
+    };
+    mm_Interface* handle = nullptr;
+    C3gpInterface player;
+    if (road == Road::kFunction) {
+        try_to_open([&] { return kst_Open(&handle, kst_host_callbacks(host), mode); });
+    } else {
+        try_to_open(
+            [&] { return static_cast<int32_t>(player.Open(kst_host_callbacks(host), mode)); });
+    }
+    kst_Close(&handle);
+    kst_host_close(host);
+    return opening;
+}
+
+// `count` bytes that no reader looks at, as a box.
+Bytes skipped_box(uint32_t count) {
+    Bytes box(count);
+    kestrel::store_be32(box.data(), count);
+    std::copy_n("skip", 4, &box[4]);
+    return box;
+}
+
+TEST(Opening, TakesFewTriesWhereverTheMovieBoxIs) {
+    constexpr uint32_t kSkipped = 2'000'000;
+    for (const Road road : {Road::kFunction, Road::kClass}) {
+        const Bytes movie = without_tail(read_sample("h263_hinted.3gp"));
+        const BoxPlace box = find_boxes(movie).at(0);
+        ASSERT_EQ(box.type, "ftyp");
+        const size_t end = find_boxes(movie).end()[-2].end;
+        for (const bool skipped_first : {false, true}) {
+            // Chunk offsets are wrong then, which opening does not look at.
+            Bytes file = movie;
+            const Bytes skipped = skipped_box(kSkipped);
+            file.insert(skipped_first ? file.begin() : file.end(), skipped.begin(), skipped.end());
+            const size_t needed = end + (skipped_first ? kSkipped : 0);
+            for (const uint32_t step : {1u, 100u, 65536u}) {
+                SCOPED_TRACE(testing::Message() << step << (skipped_first ? ", last" : ", first"));
+                const Opening opening = open_arriving(file, "vr", road, step);
+                EXPECT_LE(opening.tries, 45);
+                if (road == Road::kFunction) {
+                    EXPECT_LE(opening.arrived, needed + 8 + step);
+                }
+            }
+        }
+    }
+}
+
 }  // namespace

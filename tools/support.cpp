@@ -55,8 +55,7 @@ Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
         if (status == KST_SUCCESS) return Handle(handle);
         // What is missing may be the part of the file that has not arrived.
         if (status != KST_FAILURE || kst_host_is_complete(host)) return nullptr;
-        if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error("input");
-        kst_host_rewind(host);
+        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw system_error("input");
     }
 }
 
@@ -67,8 +66,7 @@ ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status
         if (status == KST_SUCCESS) return object;
         // What is missing may be the part of the file that has not arrived.
         if (status == KST_BAD_MODE || kst_host_is_complete(host)) return nullptr;
-        if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error("input");
-        kst_host_rewind(host);
+        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw system_error("input");
     }
 }
 

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "companion/hosts/movie_watch.h"
+
 namespace {
 
 constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
@@ -264,6 +266,7 @@ struct kst_host {
     std::unique_ptr<Source> source;
     uint32_t position = 0;
     uint32_t used = 0;
+    kestrel::hosts::MovieWatch movie;
     KST_IOSTREAM_CALLBACK_INTERFACE callbacks{};
 
     // Reads what is there of `count` bytes at `offset`. While more is to come, a read that the
@@ -453,6 +456,20 @@ int kst_host_is_complete(const kst_host* host) {
 
 int kst_host_wait(kst_host* host) {
     return host->source->wait();
+}
+
+int kst_host_wait_to_open(kst_host* host) {
+    kst_host_rewind(host);
+    Source& source = *host->source;
+    const uint64_t had = source.available();
+    for (;;) {
+        const int waited = source.wait();
+        if (waited != KST_HOST_MORE) return waited;
+        const uint64_t has = source.available();
+        const bool news = host->movie.has_news(
+            has, [&](void* to, uint32_t at, uint32_t count) { return source.read(to, at, count); });
+        if (news || has >= had + had / 2) return KST_HOST_MORE;
+    }
 }
 
 void kst_host_rewind(kst_host* host) {

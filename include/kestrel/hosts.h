@@ -9,8 +9,7 @@
  *
  *     kst_host* host = kst_host_from_pipe(fd);
  *     while (kst_Open(&handle, kst_host_callbacks(host), "ar") != KST_SUCCESS) {
- *         if (kst_host_wait(host) != KST_HOST_MORE) give_up();
- *         kst_host_rewind(host);
+ *         if (kst_host_is_complete(host) || kst_host_wait_to_open(host) < 0) give_up();
  *     }
  *     // kst_ReadChunk(..., kst_host_is_arriving(host)); on KST_NOT_YET: kst_host_wait, call again
  */
@@ -83,6 +82,12 @@ KESTREL_API int kst_host_is_complete(const kst_host* host);
  * KST_HOST_COMPLETE when the stream has ended, which may be learned only here; KST_HOST_FAULT when
  * the stream failed, with the reason in errno. */
 KESTREL_API int kst_host_wait(kst_host* host);
+
+/* The same between two tries to open: waits until the movie box ('moov') is there as a whole, a box
+ * header after it is there, or the stream has grown by half, and moves the stream back to offset 0.
+ * So the tries are few, however the stream arrives. Ask kst_host_is_complete() before the call: only
+ * if it answers 0 may another try succeed, also after KST_HOST_COMPLETE. */
+KESTREL_API int kst_host_wait_to_open(kst_host* host);
 
 /* Moves the stream back to offset 0, which opening the stream again needs. */
 KESTREL_API void kst_host_rewind(kst_host* host);
