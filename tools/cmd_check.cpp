@@ -61,7 +61,7 @@ class FileCheck {
 
   private:
     void check(kst_host* host, Json& found) const {
-        const FileFacts facts = gather_facts(host);
+        const FileFacts facts = gather_facts(host, deadline_);
         Judge judge(facts, deadline_);
         for (const MediaKind kind : kMedia) {
             if (!has_medium(facts, kind)) continue;

@@ -114,7 +114,7 @@ void print_text(const std::string& input, const Json& about, const std::vector<V
 void info(const Options& options) {
     const auto deadline = options.time.deadline();
     const Host host = open_host(options.input);
-    const FileFacts facts = gather_facts(host.get());
+    const FileFacts facts = gather_facts(host.get(), deadline);
     if (!facts.scan.is_3gp()) {
         throw Error(options.input + ": has neither a file type nor a movie box: no 3GP file");
     }

@@ -1,10 +1,103 @@
 #include "tools/judge/file_facts.h"
 
+#include <algorithm>
+#include <cstring>
+#include <type_traits>
+
+#include "companion/importer/movie.h"
 #include "tools/messages.h"
 
 namespace tool {
+namespace {
 
-FileFacts gather_facts(kst_host* host) {
+using kestrel::importer::fourcc;
+
+static_assert(std::has_unique_object_representations_v<ImportedTrack>);
+
+int32_t codec_of(uint32_t entry) {
+    switch (entry) {
+        case fourcc("samr"):
+            return ISO_CODEC_SAMR;
+        case fourcc("sawb"):
+            return ISO_CODEC_SAWB;
+        case fourcc("sawp"):
+            return ISO_CODEC_SAWP;
+        case fourcc("mp4a"):
+            return ISO_CODEC_MP4A;
+        case fourcc("s263"):
+            return ISO_CODEC_S263;
+        case fourcc("mp4v"):
+            return ISO_CODEC_MP4V;
+        case fourcc("avc1"):
+            return ISO_CODEC_AVC1;
+        default:
+            return ISO_CODEC_NONE;
+    }
+}
+
+ImportedTrack summary(const kestrel::importer::Track& track) {
+    ImportedTrack out;
+    out.id = track.id;
+    out.entry = track.descriptions.empty() ? 0 : track.descriptions.front().type;
+    out.codec = codec_of(out.entry);
+    out.kind = track.handler == fourcc("soun")   ? static_cast<uint32_t>(MediaKind::kAudio)
+               : track.handler == fourcc("vide") ? static_cast<uint32_t>(MediaKind::kVideo)
+                                                 : ImportedTrack::kNoMedium;
+    out.is_encrypted = track.encrypted ? 1 : 0;
+    out.samples = track.samples.size();
+    out.in_fragments = out.samples - std::min<uint64_t>(track.samples_in_movie_box, out.samples);
+    for (const kestrel::importer::Sample& sample : track.samples) {
+        out.filled += sample.size > 0 ? 1 : 0;
+        out.bytes += sample.size;
+        out.largest = std::max<uint64_t>(out.largest, sample.size);
+    }
+    return out;
+}
+
+bool has_odd_form(const FileScan& scan) {
+    const auto is_odd = [](const TrackBoxes& track) {
+        return track.has_table("stz2") || track.has_table("co64") || track.is_encrypted() ||
+               !track.version1.empty();
+    };
+    return scan.has_movie && (scan.fragments > 0 || scan.has_large_sizes || scan.has_open_sizes ||
+                              std::any_of(scan.tracks.begin(), scan.tracks.end(), is_odd));
+}
+
+// In a process of its own, as the tables may take time and memory.
+std::vector<ImportedTrack> import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream,
+                                         const ChildLimits& limits) {
+    const ChildResult result = run_apart(limits, [&] {
+        kestrel::importer::Movie movie;
+        std::string out;
+        // Of a cut file, what there is.
+        if (!kestrel::importer::import_movie(stream, {.salvage = true}, movie).ok) return out;
+        for (const kestrel::importer::Track& track : movie.tracks) {
+            const ImportedTrack one = summary(track);
+            out.append(reinterpret_cast<const char*>(&one), sizeof one);
+        }
+        return out;
+    });
+    std::vector<ImportedTrack> tracks(result.report.size() / sizeof(ImportedTrack));
+    if (!tracks.empty())
+        std::memcpy(tracks.data(), result.report.data(), tracks.size() * sizeof(ImportedTrack));
+    return tracks;
+}
+
+}  // namespace
+
+uint64_t memory_limit(const FileScan& scan) {
+    constexpr uint64_t kLeast = 256 << 20;
+    constexpr uint64_t kForEachByte = 64;  // of movie and fragment boxes
+    return kLeast + kForEachByte * scan.movie_bytes;
+}
+
+const ImportedTrack* FileFacts::imported_track(uint32_t id) const {
+    const auto found = std::find_if(imported.begin(), imported.end(),
+                                    [&](const ImportedTrack& track) { return track.id == id; });
+    return found == imported.end() ? nullptr : &*found;
+}
+
+FileFacts gather_facts(kst_host* host, Clock::time_point deadline) {
     FileFacts facts;
     facts.host = host;
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
@@ -12,6 +105,8 @@ FileFacts gather_facts(kst_host* host) {
     facts.file = open_iso(host, callbacks);
     facts.remarks = capture.lines();
     facts.scan = scan_file(callbacks);
+    if (has_odd_form(facts.scan))
+        facts.imported = import_tracks(*callbacks, {deadline, memory_limit(facts.scan)});
     return facts;
 }
 
@@ -19,14 +114,20 @@ bool may_lack_tracks(const FileFacts& facts) {
     return facts.scan.movie_is_cut || isoFFfileDetails(facts.file.get())->lost_tracks > 0;
 }
 
-Expected expected_of(const FileFacts& facts, const iso_track* track) {
-    static_cast<void>(facts);
+Expected expected_of(const iso_track* track, const ImportedTrack* imported) {
+    if (imported != nullptr) {
+        return {imported->samples, imported->filled, imported->bytes, imported->largest,
+                imported->in_fragments};
+    }
+    if (track == nullptr) return {};
     const Declared tables = declared(track);
     return {tables.samples, tables.filled, tables.bytes, tables.largest, 0};
 }
 
 bool has_medium(const FileFacts& facts, MediaKind kind) {
-    return has_medium(facts.file.get(), kind);
+    return has_medium(facts.file.get(), kind) ||
+           std::any_of(facts.imported.begin(), facts.imported.end(),
+                       [&](const ImportedTrack& track) { return track.is_of(kind); });
 }
 
 }  // namespace tool

@@ -43,6 +43,8 @@ bool FixFinder::is_worth_a_try() const {
     uint64_t samples = 0;
     for (const iso_track* track = facts_.file->first_track; track != nullptr; track = track->next)
         samples += static_cast<uint32_t>(std::max(track->sample_count, 0));
+    for (const ImportedTrack& track : facts_.imported)
+        samples += track.samples;
     return facts_.scan.file_size <= kMostBytes && samples > 0 && samples <= kMostSamples;
 }
 

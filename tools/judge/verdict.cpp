@@ -11,10 +11,6 @@ namespace {
 
 using End = ChildResult::End;
 
-// The memory that playing may take: a handle holds a multiple of the boxes that it reads.
-constexpr uint64_t kMemory = 256 << 20;
-constexpr uint64_t kMemoryForEachByte = 64;  // of movie and fragment boxes
-
 constexpr uint32_t kLeastLarge = 60000;  // bytes of a sample that an API may have no room for
 
 // What one judgement is about.
@@ -22,13 +18,33 @@ struct Subject {
     const FileFacts& facts;
     Api api;
     MediaKind kind;
-    const iso_track* track;  // null for none
-    Expected expected;       // of the track
+    const iso_track* track;         // as the library's reader has it; null for none
+    const ImportedTrack* imported;  // the same with all its samples; null for a plain file
+    Expected expected;              // of the track
+
+    bool has_track() const { return track != nullptr || imported != nullptr; }
+    uint32_t track_id() const {
+        return track != nullptr ? track->track_id : imported != nullptr ? imported->id : 0;
+    }
+    int32_t codec() const {
+        return track != nullptr      ? track->codec
+               : imported != nullptr ? imported->codec
+                                     : int32_t{ISO_CODEC_NONE};
+    }
 };
+
+// Of the tracks that the reader did not find, the last.
+const ImportedTrack* unread_track(const FileFacts& facts, MediaKind kind) {
+    const auto found = std::find_if(facts.imported.rbegin(), facts.imported.rend(),
+                                    [&](const ImportedTrack& track) { return track.is_of(kind); });
+    return found == facts.imported.rend() ? nullptr : &*found;
+}
 
 Subject subject_of(const FileFacts& facts, Api api, MediaKind kind) {
     const iso_track* track = track_for(facts.file.get(), api, kind);
-    return {facts, api, kind, track, track != nullptr ? expected_of(facts, track) : Expected{}};
+    const ImportedTrack* imported =
+        track != nullptr ? facts.imported_track(track->track_id) : unread_track(facts, kind);
+    return {facts, api, kind, track, imported, expected_of(track, imported)};
 }
 
 // --- how much came out ---
@@ -88,12 +104,13 @@ bool plays(const Subject& subject, const TrialResult& result) {
 // --- what the file's boxes explain ---
 
 const TrackBoxes* boxes_of(const Subject& subject) {
-    return subject.track != nullptr ? subject.facts.scan.track(subject.track->track_id) : nullptr;
+    return subject.has_track() ? subject.facts.scan.track(subject.track_id()) : nullptr;
 }
 
 bool is_encrypted(const Subject& subject) {
     const TrackBoxes* boxes = boxes_of(subject);
-    return boxes != nullptr && boxes->is_encrypted();
+    return (boxes != nullptr && boxes->is_encrypted()) ||
+           (subject.imported != nullptr && subject.imported->is_encrypted != 0);
 }
 
 // The name of a box in a form that neither API reads, and that stands for one which playing needs;
@@ -173,8 +190,8 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
 
 Reason reason_of(const Subject& subject, const TrialResult& result) {
     if (is_encrypted(subject)) return Reason::kEncrypted;
-    if (subject.track != nullptr && !result.reached_end() &&
-        !plays_codec(subject.api, subject.track->codec) && result.end == End::kReported) {
+    if (subject.has_track() && !result.reached_end() &&
+        !plays_codec(subject.api, subject.codec()) && result.end == End::kReported) {
         return Reason::kCodec;
     }
     switch (result.end) {
@@ -200,9 +217,9 @@ Reason reason_by_tables(const Subject& subject) {
     const iso_file* file = subject.facts.file.get();
     const iso_track* track = subject.track;
     if (is_encrypted(subject)) return Reason::kEncrypted;
+    if (!plays_codec(subject.api, subject.codec())) return Reason::kCodec;
     if (track == nullptr)
         return has_odd_sizes(subject.facts) ? Reason::kLargeBox : Reason::kDamaged;
-    if (!plays_codec(subject.api, track->codec)) return Reason::kCodec;
     if (subject.api == Api::kClass) {
         if (has_several(file, subject.kind)) return Reason::kSeveralTracks;
         if (has_hints(file) && is_self_hinted(file, track)) return Reason::kSelfHinted;
@@ -232,10 +249,9 @@ std::string amount(const Subject& subject, const MediaCounts& counts) {
 }
 
 std::string name_of_codec(const Subject& subject) {
-    std::string codec = subject.track != nullptr ? codec_name(subject.track->codec) : "unknown";
+    std::string codec = codec_name(subject.codec());
     if (codec != "unknown") return codec;
-    const TrackBoxes* boxes =
-        subject.track != nullptr ? subject.facts.scan.track(subject.track->track_id) : nullptr;
+    const TrackBoxes* boxes = boxes_of(subject);
     if (boxes == nullptr || boxes->entries.empty())
         return "this " + std::string(word(subject.kind)) + " codec";
     return "the codec '" + boxes->entries.front() + "'";
@@ -433,16 +449,14 @@ std::string fix_command(const Verdict& verdict, const std::string& input) {
 }
 
 Judge::Judge(const FileFacts& facts, Clock::time_point deadline)
-    : facts_(facts),
-      limits_{deadline, kMemory + kMemoryForEachByte * facts.scan.movie_bytes},
-      fixes_(facts, limits_) {}
+    : facts_(facts), limits_{deadline, memory_limit(facts.scan)}, fixes_(facts, limits_) {}
 
 Verdict Judge::judge(Api api, MediaKind kind) {
     const Subject subject = subject_of(facts_, api, kind);
     Verdict verdict;
     verdict.api = api;
     verdict.kind = kind;
-    if (subject.track == nullptr && !has_medium(facts_, kind)) {
+    if (!subject.has_track()) {
         verdict.why = why(subject, verdict, {});
         return verdict;
     }
@@ -454,7 +468,7 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     verdict.opens = trial.opened != 0;
     verdict.delivered = trial.delivered;
     verdict.frames = trial.counts.frames;
-    verdict.track_id = subject.track != nullptr ? subject.track->track_id : 0;
+    verdict.track_id = subject.track_id();
     if (result.reached_end() && !verdict.plays()) verdict.amount = amount(subject, trial.counts);
     if (may_have_fix(verdict.reason)) {
         verdict.fix = fixes_.find(
@@ -469,9 +483,8 @@ Verdict Judge::look(Api api, MediaKind kind) const {
     Verdict verdict;
     verdict.api = api;
     verdict.kind = kind;
-    verdict.track_id = subject.track != nullptr ? subject.track->track_id : 0;
-    if (subject.track != nullptr || has_medium(facts_, kind))
-        verdict.reason = reason_by_tables(subject);
+    verdict.track_id = subject.track_id();
+    if (subject.has_track()) verdict.reason = reason_by_tables(subject);
     verdict.why = why(subject, verdict, {});
     return verdict;
 }
@@ -500,8 +513,7 @@ std::string why_not_opened(const FileFacts& facts, Api api, MediaKind kind, int3
     verdict.api = api;
     verdict.kind = kind;
     verdict.status = status;
-    if (subject.track != nullptr || has_medium(facts, kind))
-        verdict.reason = reason_of(subject, result);
+    if (subject.has_track()) verdict.reason = reason_of(subject, result);
     return why(subject, verdict, result);
 }
 

@@ -301,7 +301,7 @@ void Range::add(uint32_t value) {
 ReportData gather(kst_host* host, const std::string& input, Clock::time_point deadline) {
     ReportData data;
     data.input = input;
-    data.facts = gather_facts(host);
+    data.facts = gather_facts(host, deadline);
     for (iso_track* track = data.facts.file->first_track; track != nullptr; track = track->next) {
         (is_hint(track) ? data.hint_bytes : data.media_bytes) += track->total_bytes;
         if (data.tracks.size() < kMostTracks) {
