@@ -85,6 +85,34 @@ def damaged_copies(count, salt=7):
         yield f"{path.stem}, copy {number}", bytes(data)
 
 
+class Memory(ToolTest):
+    def peak(self, *arguments):
+        """The most bytes that a process of the tool had."""
+        tool = subprocess.Popen([TOOL, *map(str, arguments)], stdout=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL)
+        _, status, used = os.wait4(tool.pid, 0)
+        tool.returncode = os.waitstatus_to_exitcode(status)
+        self.assertIn(tool.returncode, (0, 1))
+        return used.ru_maxrss * 1024
+
+    @unittest.skipIf(b"__asan_" in pathlib.Path(TOOL).read_bytes(), "takes memory of its own")
+    def test_a_multiple_of_the_tables_is_enough(self):
+        data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+        count = 200_000
+        tables = {kind: struct.pack(">2I", 0, count) + entry * count for kind, entry in [
+            (b"stts", struct.pack(">2I", 1, 160)), (b"stco", struct.pack(">I", 1000)),
+            (b"stsc", struct.pack(">3I", 1, 1, 1))]}
+        tables[b"stsz"] = struct.pack(">3I", 0, 0, count) + struct.pack(">I", 32) * count
+        large = rebuilt(data, tables)
+        path = self.scratch / "large.3gp"
+        path.write_bytes(large)
+        for times, command in [(2, ("boxes",)), (2, ("boxes", "--json")), (8, ("info",)),
+                               (8, ("check",)), (8, ("report", "-o", "-"))]:
+            with self.subTest(command=command):
+                more = self.peak(*command, path) - self.peak(*command, sample("amrnb_plain"))
+                self.assertLess(more, times * len(large))
+
+
 class Info(ToolTest):
     def info(self, name):
         result = run("info", sample(name), "--json")
@@ -418,6 +446,94 @@ class Check(ToolTest):
             with self.subTest(message=message):
                 self.assert_fails(result, 1, message)
                 self.assertEqual(result.stdout, b"")
+
+    def reasons(self, path, *options):
+        """Of each medium, the words for the two APIs."""
+        return {row[0]: row[1:3] for row in self.check(*options, path)[1]}
+
+    def test_forms_that_the_library_does_not_read(self):
+        plain = ("plays", "no-hint-track")
+        av = {form: {"audio": words, "video": words} for form, words in {
+            "co64": ("unknown-table", "no-hint-track"), "stz2": ("unknown-table", "no-hint-track"),
+            "fragmented": ("fragmented", "no-hint-track"),
+            "fragmented_after_moov": ("fragmented", "no-hint-track"),
+            "fragmented_dash": ("fragmented", "no-hint-track"),
+            "fragmented_each_frame": ("fragmented", "no-hint-track"),
+            "large_size_mdat": ("large-box", "large-box"),
+            "mdat_to_end_of_file": ("plays", "large-box"),
+            "version1_headers": plain, "uuid_and_meta": plain, "late_sound": plain}.items()}
+        av["fragmented_b_frames"] = {"video": ("fragmented", "codec")}
+        av["timed_text_aac"] = {"audio": ("codec", "codec"), "video": plain}
+        for name, expected in av.items():
+            path = next((SAMPLES / "wild").glob(f"{name}.[!f]*"))
+            with self.subTest(name=name):
+                self.assertEqual(self.reasons(path), expected)
+                told = run("info", path).stdout.decode()
+                for words in expected.values():
+                    for word in words:
+                        self.assertIn("plays" if word == "plays" else f"({word}", told)
+        # The tables alone say the same, but for what came out.
+        for name in ["co64", "fragmented", "large_size_mdat", "late_sound"]:
+            quick = self.reasons(SAMPLES / "wild" / f"{name}.3gp", "--quick")
+            self.assertEqual(quick, {kind: tuple(w.replace("plays", "not-played") for w in words)
+                                     for kind, words in av[name].items()})
+
+    def test_encrypted_tracks(self):
+        for name, entry, kind in [("h263_hinted", b"s263", b"encv"), ("amrnb_hinted", b"samr", b"enca"),
+                                  ("h264_plain", b"avc1", b"encv")]:
+            data = pathlib.Path(sample(name)).read_bytes().replace(entry, kind)
+            medium = "video" if kind == b"encv" else "audio"
+            path = self.write("file.3gp", data)
+            self.assertEqual(self.reasons(path), {medium: ("encrypted", "encrypted")}, name)
+            self.assertIn(f"The {medium} is encrypted.", run("info", path).stdout.decode())
+
+    def test_bytes_of_a_wrong_place_are_implausible(self):
+        """Chunks of the media that lie a few bytes beside where the samples are."""
+        for name in ["h263_plain", "mpeg4_plain", "h264_plain", "amrnb_plain", "amrwb_plain",
+                     "h263_hinted", "mpeg4_b_hinted", "amrnb_hinted", "h263_rfc2190_hinted_1450"]:
+            for moved, which in [(5, slice(None)), (-7, slice(None)), (3, slice(0, 1))]:
+                data = bytearray(pathlib.Path(sample(name)).read_bytes())
+                at = data.index(b"stco") + 8
+                count, = struct.unpack_from(">I", data, at)
+                offsets = list(struct.unpack_from(f">{count}I", data, at + 4))
+                offsets[which] = [offset + moved for offset in offsets[which]]
+                struct.pack_into(f">{count}I", data, at + 4, *offsets)
+                with self.subTest(name=name, moved=moved, chunks=which):
+                    words, = self.reasons(self.write("file.3gp", data)).values()
+                    self.assertEqual(words[0], "implausible")
+                    self.assertIn(words[1], ("implausible", "no-hint-track", "codec"))
+
+    def test_many_at_a_time(self):
+        """The lines and the counts are those of one at a time, in any order of ending."""
+        data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        self.write("in/slow.3gp", speech_file(300_000, 300_000, 300_000))
+        for number in range(30):
+            self.write(f"in/{number}", data if number % 3 else b"{}")
+        self.write("in/z.3gp", data[:4000])
+        one, rows = self.check(self.scratch / "in")
+        self.assertEqual(len(rows), 22)  # by content, whatever the name
+        for options in [("-j", 7), ("--jobs", 2)]:
+            many = run("check", *options, self.scratch / "in")
+            self.assertEqual((many.stdout, many.stderr), (one.stdout, one.stderr))
+        skipped = self.check("--skipped", self.scratch / "in")[1]
+        self.assertEqual([row[1] for row in skipped].count("skipped"), 10)
+        listed = run("check", "--json", "-j", 3, self.scratch / "in")
+        self.assertEqual((listed.returncode, listed.stderr), (one.returncode, one.stderr))
+        about = json.loads(listed.stdout)
+        self.assertEqual(about["summary"], {"files": 22, "do_not_play": 1, "skipped": 10,
+                                            "reasons": {"incomplete": 1}})
+        words = [(v["medium"], file["file"], v["api"], v["reason"]) for file in about["files"]
+                 for v in file["verdicts"]]
+        self.assertEqual(words, [(row[0], row[4], api, word) for row in rows
+                                 for api, word in zip(("function", "class"), row[1:3])])
+
+    def test_folders_take_no_descriptor_each(self):
+        deep = pathlib.Path("in", *["d"] * 100, "file.3gp")
+        self.write(deep, pathlib.Path(sample("amrnb_hinted")).read_bytes())
+        result = subprocess.run(
+            [TOOL, "check", "in"], cwd=self.scratch, capture_output=True, timeout=120, check=False,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32)))
+        self.assertEqual(result.stdout.decode(), f"audio\tplays\tplays\t-\t{deep}\n")
 
     def test_folders_without_a_file_are_told(self):
         (self.scratch / "empty").mkdir()

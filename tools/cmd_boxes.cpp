@@ -15,52 +15,11 @@ namespace {
 using Qvox3gp::Box;
 using Qvox3gp::ChildPlace;
 
-constexpr size_t kMostShownBytes = 64;  // of a run of bytes, in the printed tree
+constexpr size_t kMostShownBytes = 32;  // of a run of bytes, in the printed tree
 
 struct Options {
     std::string input;
     bool json = false;
-};
-
-// Gathers the fields of one box into a JSON object; lists become arrays.
-class FieldCollector final : public Qvox3gp::FieldVisitor {
-  public:
-    FieldCollector() { open_.push_back(Json::object()); }
-
-    Json take() { return std::move(open_.front()); }
-
-    void number(std::string_view name, int64_t value) override { put(name, value); }
-    void code(std::string_view name, std::string_view four) override { put(name, printable(four)); }
-    void bytes(std::string_view name, std::span<const uint8_t> data) override {
-        put(name, hex(data));
-    }
-    void begin_list(std::string_view name) override { open(name, Json::array()); }
-    void end_list() override { close(); }
-    void begin_record() override { open("", Json::object()); }
-    void end_record() override { close(); }
-
-  private:
-    void put(std::string_view name, Json value) {
-        if (open_.back().is_array()) {
-            open_.back().push_back(std::move(value));
-        } else {
-            open_.back()[std::string(name)] = std::move(value);
-        }
-    }
-    void open(std::string_view name, Json empty) {
-        names_.emplace_back(name);
-        open_.push_back(std::move(empty));
-    }
-    void close() {
-        Json done = std::move(open_.back());
-        open_.pop_back();
-        const std::string name = names_.back();
-        names_.pop_back();
-        put(name, std::move(done));
-    }
-
-    std::vector<Json> open_;
-    std::vector<std::string> names_;
 };
 
 // The type's bytes in memory spell the code.
@@ -71,37 +30,159 @@ std::string type_of(const Box& box) {
     return printable({code, sizeof code});
 }
 
-Json describe(const ChildPlace& place) {
-    FieldCollector fields;
-    visit_fields(*place.box, fields);
-    Json out{{"type", type_of(*place.box)}, {"offset", place.offset}, {"size", place.size}};
-    Json values = fields.take();
-    if (!values.empty()) out["fields"] = std::move(values);
-    Json children = Json::array();
-    visit_children(*place.box,
-                   [&](const ChildPlace& child) { children.push_back(describe(child)); });
-    if (!children.empty()) out["children"] = std::move(children);
-    return out;
-}
+// --- a line for each box ---
 
-std::string shorten(const Json& value) {
-    if (value.is_array()) return std::to_string(value.size()) + " entries";
-    if (!value.is_string()) return value.dump();
-    const auto text = value.get<std::string>();
-    return text.size() <= kMostShownBytes ? text : text.substr(0, kMostShownBytes) + "...";
-}
-
-void print(const Json& box, int depth) {
-    std::printf("%10lld %10u  %*s%s", static_cast<long long>(box["offset"].get<int64_t>()),
-                box["size"].get<uint32_t>(), 2 * depth, "", box["type"].get<std::string>().c_str());
-    if (box.contains("fields")) {
-        for (const auto& [name, value] : box["fields"].items())
-            std::printf(" %s=%s", name.c_str(), shorten(value).c_str());
+// Prints the fields of a box after its type: a list by its length.
+class FieldLine final : public Qvox3gp::FieldVisitor {
+  public:
+    void number(std::string_view name, int64_t value) override {
+        if (take(name)) std::printf("%lld", static_cast<long long>(value));
     }
+    void code(std::string_view name, std::string_view four) override {
+        if (take(name)) std::printf("%s", printable(four).c_str());
+    }
+    void bytes(std::string_view name, std::span<const uint8_t> data) override {
+        if (!take(name)) return;
+        const bool all = data.size() <= kMostShownBytes;
+        std::printf("%s%s", hex(all ? data : data.first(kMostShownBytes)).c_str(),
+                    all ? "" : "...");
+    }
+    void begin_list(std::string_view name) override {
+        if (take(name)) entries_ = 0;
+        ++depth_;
+    }
+    void end_list() override {
+        if (--depth_ == 0) std::printf("%zu entries", entries_);
+    }
+    void begin_record() override {
+        take("");
+        ++depth_;
+    }
+    void end_record() override { --depth_; }
+
+  private:
+    // Prints the name of a field of the box itself; counts the entries of a list of it.
+    bool take(std::string_view name) {
+        entries_ += depth_ == 1 ? 1 : 0;
+        if (depth_ > 0) return false;
+        std::printf(" %.*s=", static_cast<int>(name.size()), name.data());
+        return true;
+    }
+
+    int depth_ = 0;
+    size_t entries_ = 0;
+};
+
+void print_line(const ChildPlace& place, int depth) {
+    std::printf("%10lld %10u  %*s%s", static_cast<long long>(place.offset), place.size, 2 * depth,
+                "", type_of(*place.box).c_str());
+    FieldLine fields;
+    visit_fields(*place.box, fields);
     std::printf("\n");
-    if (!box.contains("children")) return;
-    for (const Json& child : box["children"])
-        print(child, depth + 1);
+    visit_children(*place.box, [&](const ChildPlace& child) { print_line(child, depth + 1); });
+}
+
+// --- JSON ---
+
+// Prints values as they come, in the form of json_text: a tree may be many times the tables.
+class JsonPrinter {
+  public:
+    void text(std::string_view name, const std::string& value) {
+        begin_value(name);
+        std::fputs(json_line(value).c_str(), stdout);
+    }
+    void number(std::string_view name, int64_t value) {
+        begin_value(name);
+        std::printf("%lld", static_cast<long long>(value));
+    }
+    void open(std::string_view name, char bracket) {
+        begin_value(name);
+        std::putchar(bracket);
+        levels_.push_back({bracket, true});
+    }
+    void close() {
+        const Level level = levels_.back();
+        levels_.pop_back();
+        if (!level.empty) begin_line();
+        std::putchar(level.bracket == '[' ? ']' : '}');
+    }
+
+  private:
+    struct Level {
+        char bracket;
+        bool empty;
+    };
+
+    void begin_line() const { std::printf("\n%*s", static_cast<int>(2 * levels_.size()), ""); }
+
+    void begin_value(std::string_view name) {
+        if (levels_.empty()) return;
+        if (!levels_.back().empty) std::putchar(',');
+        levels_.back().empty = false;
+        begin_line();
+        if (levels_.back().bracket == '{')
+            std::printf("\"%.*s\": ", static_cast<int>(name.size()), name.data());
+    }
+
+    std::vector<Level> levels_;
+};
+
+// Prints the fields of a box as an object, if it has any; lists become arrays.
+class FieldObject final : public Qvox3gp::FieldVisitor {
+  public:
+    explicit FieldObject(JsonPrinter& out) : out_(out) {}
+    ~FieldObject() override {
+        if (any_) out_.close();
+    }
+
+    void number(std::string_view name, int64_t value) override {
+        begin();
+        out_.number(name, value);
+    }
+    void code(std::string_view name, std::string_view four) override {
+        begin();
+        out_.text(name, printable(four));
+    }
+    void bytes(std::string_view name, std::span<const uint8_t> data) override {
+        begin();
+        out_.text(name, hex(data));
+    }
+    void begin_list(std::string_view name) override { open(name, '['); }
+    void end_list() override { out_.close(); }
+    void begin_record() override { open("", '{'); }
+    void end_record() override { out_.close(); }
+
+  private:
+    void begin() {
+        if (!any_) out_.open("fields", '{');
+        any_ = true;
+    }
+    void open(std::string_view name, char bracket) {
+        begin();
+        out_.open(name, bracket);
+    }
+
+    JsonPrinter& out_;
+    bool any_ = false;
+};
+
+void print_json(JsonPrinter& out, const ChildPlace& place) {
+    out.open("", '{');
+    out.text("type", type_of(*place.box));
+    out.number("offset", place.offset);
+    out.number("size", place.size);
+    {
+        FieldObject fields(out);
+        visit_fields(*place.box, fields);
+    }
+    bool any = false;
+    visit_children(*place.box, [&](const ChildPlace& child) {
+        if (!any) out.open("children", '[');
+        any = true;
+        print_json(out, child);
+    });
+    if (any) out.close();
+    out.close();
 }
 
 void boxes(const Options& options) {
@@ -118,14 +199,15 @@ void boxes(const Options& options) {
     } catch (const SimpleException& caught) {
         failure = caught.message();  // what was read before is shown all the same
     }
-    Json all = Json::array();
-    visit_children(file, [&](const ChildPlace& place) { all.push_back(describe(place)); });
     if (options.json) {
-        std::printf("%s\n", json_text(all).c_str());
+        JsonPrinter out;
+        out.open("", '[');
+        visit_children(file, [&](const ChildPlace& place) { print_json(out, place); });
+        out.close();
+        std::printf("\n");
     } else {
         std::printf("%10s %10s  box\n", "offset", "size");
-        for (const Json& box : all)
-            print(box, 0);
+        visit_children(file, [](const ChildPlace& place) { print_line(place, 0); });
     }
     if (failure.empty()) return;
     finish_standard_output();

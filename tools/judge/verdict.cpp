@@ -49,34 +49,43 @@ Subject subject_of(const FileFacts& facts, Api api, MediaKind kind) {
 
 // --- how much came out ---
 
-// The speech frames of a track's samples that hold something, without their empty ones, which a
-// hint track may leave out.
-uint64_t filled_speech_bytes(const iso_track* track) {
+// What the samples of a track of speech are.
+struct Speech {
+    // Without empty frames, which a hint track may leave out.
+    uint64_t filled_bytes = 0;
+    bool is_whole = true;  // each sample ends with its last frame
+};
+
+Speech speech_of(const iso_track* track) {
     constexpr uint32_t kLongest = 1 << 16;  // bytes of a sample
-    const auto* table = track->codec == ISO_CODEC_SAWB ? kestrel::kWideBand.frame_bits
-                                                       : kestrel::kNarrowBand.frame_bits;
+    const kestrel::AmrBand& band =
+        track->codec == ISO_CODEC_SAWB ? kestrel::kWideBand : kestrel::kNarrowBand;
     std::vector<uint8_t> sample;
-    uint64_t bytes = 0;
+    Speech speech;
     for (int32_t number = 0; number < track->sample_count; ++number) {
         sample.resize(std::min(sample_size_of(track, static_cast<uint32_t>(number)), kLongest));
         // Reading moves the track's cursor, which nobody else uses.
         const int got = isoFFreadAt(const_cast<iso_track*>(track), number, 0, sample.data(),
                                     static_cast<unsigned>(sample.size()), nullptr, nullptr);
-        for (size_t at = 0; at < static_cast<size_t>(std::max(got, 0));) {
+        const auto end = static_cast<size_t>(std::max(got, 0));
+        size_t at = 0;
+        while (at < end) {
             const int type = kestrel::storage_frame_type(sample[at]);
-            const auto size = static_cast<size_t>(kestrel::storage_frame_size(table[type]));
-            bytes += size > 1 ? size : 0;
+            const auto size =
+                static_cast<size_t>(kestrel::storage_frame_size(band.frame_bits[type]));
+            speech.filled_bytes += size > 1 ? size : 0;
             at += size;
         }
+        speech.is_whole = speech.is_whole && at == end;
     }
-    return bytes;
+    return speech;
 }
 
 bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
     if (counts.bytes >= subject.expected.bytes) return true;
     return subject.track != nullptr &&
            subject.expected.samples == static_cast<uint64_t>(subject.track->sample_count) &&
-           counts.bytes - counts.empty_frames >= filled_speech_bytes(subject.track);
+           counts.bytes - counts.empty_frames >= speech_of(subject.track).filled_bytes;
 }
 
 // Pictures are counted. Their bytes may be fewer than in the samples, as packets leave out what a
@@ -89,16 +98,21 @@ bool is_all(const Subject& subject, const MediaCounts& counts) {
                kEnough * static_cast<double>(subject.expected.bytes);
 }
 
-// A frame whose type needs more bytes than its sample has is filled up with zeros.
-bool has_filled_up_speech(const Subject& subject, const MediaCounts& counts) {
-    return subject.kind == MediaKind::kAudio && subject.api == Api::kFunction &&
-           subject.expected.in_fragments == 0 && counts.bytes > subject.expected.bytes;
+// Speech that looks right but is not: the function API fills up with zeros a frame whose type needs
+// more bytes than its sample has, and hints may have the frames' headers in themselves.
+bool has_misplaced_speech(const Subject& subject, const MediaCounts& counts) {
+    if (subject.kind != MediaKind::kAudio || subject.track == nullptr ||
+        subject.expected.in_fragments > 0) {
+        return false;
+    }
+    return subject.api == Api::kFunction ? counts.bytes > subject.expected.bytes
+                                         : !speech_of(subject.track).is_whole;
 }
 
 bool plays(const Subject& subject, const TrialResult& result) {
     const MediaCounts& counts = result.trial.counts;
-    return result.reached_end() && counts.implausible == 0 &&
-           !has_filled_up_speech(subject, counts) && is_all(subject, counts);
+    return result.reached_end() && counts.implausible == 0 && is_all(subject, counts) &&
+           !has_misplaced_speech(subject, counts);
 }
 
 // --- what the file's boxes explain ---
@@ -183,7 +197,7 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
         is_self_hinted(file, subject.track)) {
         return Reason::kSelfHinted;
     }
-    if (counts.implausible > 0 || has_filled_up_speech(subject, counts))
+    if (counts.implausible > 0 || has_misplaced_speech(subject, counts))
         return Reason::kImplausible;
     return subject.expected.in_fragments > 0 ? Reason::kFragmented : Reason::kIncomplete;
 }
@@ -267,7 +281,7 @@ std::string why_incomplete(const Subject& subject, const Verdict& verdict) {
 
 std::string why_implausible(const Subject& subject, const MediaCounts& counts) {
     if (counts.implausible == 0) {
-        return "Its samples are too short for the speech frames in them: the bytes are of a wrong "
+        return "Its samples do not end with the speech frames in them: the bytes are of a wrong "
                "place.";
     }
     return format(
