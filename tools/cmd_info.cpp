@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "tools/commands.h"
 #include "tools/judge/verdict_json.h"
 #include "tools/support.h"
@@ -39,7 +41,23 @@ Json describe_track(iso_track* track) {
     return out;
 }
 
-Json describe_file(iso_file* file) {
+// What the library's reader does not have of a file in an odd form.
+void add_imported(const FileFacts& facts, Json& tracks) {
+    for (const ImportedTrack& track : facts.imported) {
+        const auto known = std::find_if(tracks.begin(), tracks.end(),
+                                        [&](const Json& one) { return one["id"] == track.id; });
+        if (known == tracks.end()) {
+            tracks.push_back({{"id", track.id},
+                              {"codec", codec_name(track.codec)},
+                              {"samples_not_read", track.samples}});
+        } else if (const auto read = (*known)["samples"].get<uint64_t>(); read < track.samples) {
+            (*known)["samples_not_read"] = track.samples - read;
+        }
+    }
+}
+
+Json describe_file(const FileFacts& facts) {
+    iso_file* file = facts.file.get();
     double duration = 0.0;
     isoFFfileInfo(file, nullptr, &duration, nullptr);
     Json out{{"major_brand", file->major_brand},
@@ -50,12 +68,26 @@ Json describe_file(iso_file* file) {
              {"tracks", Json::array()}};
     for (iso_track* track = file->first_track; track != nullptr; track = track->next)
         out["tracks"].push_back(describe_track(track));
+    add_imported(facts, out["tracks"]);
     const uint32_t lost = isoFFfileDetails(file)->lost_tracks;
     if (lost > 0) out["lost_tracks"] = lost;
     return out;
 }
 
+void print_unread(const Json& track) {
+    if (!track.contains("samples_not_read")) return;
+    std::printf(", %llu samples that the library does not read",
+                track["samples_not_read"].get<unsigned long long>());
+}
+
 void print_track(const Json& track) {
+    if (!track.contains("samples")) {
+        std::printf("track %-6u %s", track["id"].get<uint32_t>(),
+                    track["codec"].get<std::string>().c_str());
+        print_unread(track);
+        std::printf("\n");
+        return;
+    }
     std::printf("track %-6u %s, %.3f s, %u samples, %u bytes", track["id"].get<uint32_t>(),
                 track["codec"].get<std::string>().c_str(), track["duration_seconds"].get<double>(),
                 track["samples"].get<uint32_t>(), track["bytes"].get<uint32_t>());
@@ -70,6 +102,7 @@ void print_track(const Json& track) {
         std::printf(", for track %u, packets of at most %u bytes",
                     track["hints_track"].get<uint32_t>(), track["longest_packet"].get<uint32_t>());
     }
+    print_unread(track);
     std::printf("\n");
 }
 
@@ -119,7 +152,7 @@ void info(const Options& options) {
         throw Error(options.input + ": has neither a file type nor a movie box: no 3GP file");
     }
     const std::vector<Verdict> verdicts = Judge(facts, deadline).judge_all();
-    Json about = describe_file(facts.file.get());
+    Json about = describe_file(facts);
     if (options.json) {
         about["verdicts"] = Json::array();
         for (const Verdict& verdict : verdicts)
