@@ -1,18 +1,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstring>
 #include <functional>
 #include <iostream>
 
+#include "interface/src/isoff/record/private.h"
+#include "interface/src/mmfi/mm_interface.h"
 #include "kestrel/log.h"
 #include "tests/support/allocation_watch.h"
 #include "tests/support/hint_file.h"
 #include "tests/support/playing.h"
+#include "tests/support/syslog_capture.h"
 
 // What hostile files cost: memory at once, bytes read and calls of the host, in proportion to what
-// the file has and what it delivers.
+// the file has and what it delivers; steps of a call of the function API, and lines that it prints.
 
 namespace {
 
@@ -29,7 +34,26 @@ class CountingHost {
     uint64_t calls = 0;
     uint64_t bytes = 0;
 
+    // Of a file that arrives: how much has, and how much more with each read that came too early.
+    uint32_t arrived = UINT32_MAX;
+    uint32_t step = 0;
+    uint32_t hole = UINT32_MAX;  // a byte that does not come
+    // Reads by IndexRead, and those of them that asked for less at the place of the one before.
+    uint64_t reads = 0;
+    uint64_t repeated = 0;
+    // Number of the read that claims success and writes nothing.
+    uint64_t unwritten_read = UINT64_MAX;
+
   private:
+    static constexpr uint32_t kNotYet = 5;
+    static constexpr uint32_t kLow16Zero = 0x10000;  // a status that counts as success
+
+    bool is_unwritten() { return reads++ == unwritten_read; }
+    uint32_t wait_for(uint32_t from, uint32_t end) {
+        if (end <= arrived && (hole < from || hole >= end)) return 0;
+        arrived += std::min(step, UINT32_MAX - arrived);
+        return kNotYet;
+    }
     static CountingHost& of(void* context) {
         CountingHost& self = *static_cast<CountingHost*>(context);
         ++self.calls;
@@ -52,6 +76,7 @@ class CountingHost {
     }
     static uint32_t read(void* c, void* data, uint32_t* count, int32_t) {
         CountingHost& self = of(c);
+        if (self.is_unwritten()) return kLow16Zero;
         *count = self.copy(data, self.at_, *count);
         self.at_ += *count;
         return 0;
@@ -66,8 +91,14 @@ class CountingHost {
     }
     static uint32_t eof(void* c) { return of(c).at_ >= of(c).file_.size() ? 1 : 0; }
     static uint32_t index(void* c, void* data, uint32_t from, uint32_t count, uint32_t* got) {
-        *got = of(c).copy(data, from, count);
-        return 0;
+        CountingHost& self = of(c);
+        if (self.is_unwritten()) return kLow16Zero;
+        self.repeated += from == self.last_from_ && count < self.last_count_ ? 1 : 0;
+        self.last_from_ = from;
+        self.last_count_ = count;
+        const uint32_t status = self.wait_for(from, from + count);
+        *got = status == 0 ? self.copy(data, from, count) : 0;
+        return status;
     }
     static uint32_t advance(void* c, uint32_t) {
         of(c);
@@ -80,6 +111,7 @@ class CountingHost {
 
     const Bytes& file_;
     uint32_t at_ = 0;
+    uint32_t last_from_ = 0, last_count_ = 0;
     KST_IOSTREAM_CALLBACK_INTERFACE table_;
 };
 
@@ -88,7 +120,17 @@ struct Cost {
     uint64_t bytes = 0;
     uint64_t calls = 0;
     uint64_t delivered = 0;
+    uint64_t steps = 0;  // of one call at most, besides one for each byte that it delivers
+    int64_t lines = 0;
 };
+
+// Packets, constructors and empty hint samples that were interpreted until now.
+uint64_t steps_of(const mm_Interface* handle) {
+    uint64_t steps = 0;
+    for (const iso_track* track = handle->file->first_track; track != nullptr; track = track->next)
+        steps += track->own->hint_steps;
+    return steps;
+}
 
 // Plays until the end, a failure, or much more than the file has.
 template <typename Read>
@@ -113,9 +155,15 @@ Cost play_counted(const Bytes& file, const char* mode, Road road, bool flag) {
         mm_Interface* handle = nullptr;
         kst_Open(&handle, host.callbacks(), mode);
         if (handle != nullptr) {
-            cost.delivered =
-                deliver([&](auto* to, auto* size) { return kst_ReadChunk(handle, to, size, flag); },
-                        buffer);
+            uint64_t before = 0;
+            const auto read = [&](auto* to, auto* size) {
+                const int32_t status = kst_ReadChunk(handle, to, size, flag);
+                const uint64_t steps = steps_of(handle) - before;
+                before += steps;
+                cost.steps = std::max(cost.steps, steps - std::min<uint64_t>(steps, *size));
+                return status;
+            };
+            cost.delivered = deliver(read, buffer);
         }
         kst_Close(&handle);
     } else {
@@ -202,6 +250,24 @@ Bytes to_and_fro(uint16_t constructors, uint16_t length, uint32_t samples) {
     return sample;
 }
 
+// A hint sample of one packet whose constructors take single bytes of one sample of a track, far
+// from each other in turn.
+Bytes jumping(uint16_t constructors, uint8_t reference, uint32_t distance) {
+    Bytes sample = hint_sample(1, {packet_entry(0x80 | 34, 1, constructors)});
+    for (uint32_t i = 0; i < constructors; ++i) {
+        const Bytes one = from_sample(2, reference, 1, 1, i % 2 * distance);
+        sample.insert(sample.end(), one.begin(), one.end());
+    }
+    return sample;
+}
+
+// A file that lists such a hint sample 50 times.
+Bytes jumping_file(Kind kind, uint8_t reference, uint32_t distance) {
+    const Bytes hint = jumping(1300, reference, distance);
+    return hinted(kind, hint, 60000,
+                  [&](uint32_t at) { return repeated_tables(50, hint.size(), at); });
+}
+
 Bytes nested(const char* type, uint32_t depth) {
     Bytes out;
     for (uint32_t left = depth; left > 0; --left) {
@@ -265,6 +331,25 @@ const Hostile kHostile[] = {
                        [&](uint32_t at) { return repeated_tables(1000, hint.size(), at); });
      },
      1000 * 101 * 16},
+    {"bytes taken far from each other", [](Kind kind) { return jumping_file(kind, 0, 30000); },
+     50 * 1301 * 16},
+    {"bytes of the hint sample far from each other",
+     [](Kind kind) { return jumping_file(kind, 255, 10000); }, 50 * 1301 * 16},
+    {"packets of constructors that do nothing",
+     [](Kind kind) {
+         const Bytes hint = join({hint_sample(1, {packet_entry(34, 1, 4000)}), zeros(4000 * 16)});
+         return hinted(kind, hint, 10,
+                       [&](uint32_t at) { return repeated_tables(2000, hint.size(), at); });
+     },
+     2000 * 4001 * 16},
+    {"full tables and many empty ones after them",
+     [](Kind kind) {
+         TrackSpec about =
+             media_track(kind, one_chunk_tables(std::vector<uint32_t>(25000, 1), 160, 0));
+         about.extra = box("mdia", {box("minf", {many(box("stbl", {}), 20000)})});
+         return join({ftyp(), movie({track(about)})});
+     }},
+    {"many short movie headers", [](Kind) { return in_movie(many(box("mvhd", {}), 20000)); }},
     {"nested boxes",
      [](Kind) {
          return join({ftyp(), nested("moov", 50000)});
@@ -307,11 +392,14 @@ uint64_t most_calls(uint64_t size, uint64_t delivered, uint64_t listed) {
     return 1000 + 4 * (size + delivered + listed);
 }
 
-class Bounds : public testing::TestWithParam<Hostile> {
-  protected:
-    Bounds() { sx_Debug = 0; }
-    ~Bounds() override { sx_Debug = 3; }
-};
+// Of a call of the function API.
+constexpr uint64_t kMostSteps = 1200000;
+
+// Remarks of the function API about one file, the line that further ones are left out, and what is
+// logged of an open that fails.
+constexpr int64_t kMostLines = 100 + 1 + 1;
+
+class Bounds : public testing::TestWithParam<Hostile> {};
 
 TEST_P(Bounds, HoldForHostileFiles) {
     const Hostile& hostile = GetParam();
@@ -319,18 +407,23 @@ TEST_P(Bounds, HoldForHostileFiles) {
         const Bytes file = hostile.file(kind);
         for (const Road road : {Road::kFunction, Road::kClass}) {
             for (const bool flag : {false, true}) {
+                // The log of the class API costs memory of the test.
+                const SyslogCapture log(road == Road::kFunction ? 3 : 0);
                 testing::internal::CaptureStderr();
-                const Cost cost =
-                    play_counted(file, kind == Kind::kAudio ? "ar" : "vr", road, flag);
-                testing::internal::GetCapturedStderr();
+                Cost cost = play_counted(file, kind == Kind::kAudio ? "ar" : "vr", road, flag);
+                const std::string printed = testing::internal::GetCapturedStderr();
+                cost.lines = std::count(printed.begin(), printed.end(), '\n') +
+                             static_cast<int64_t>(log.lines().size());
                 std::cout << file.size() << " bytes, " << (kind == Kind::kAudio ? "audio" : "video")
                           << (road == Road::kFunction ? ", function road" : ", class road")
                           << (flag ? ", flag: " : ": ") << cost.memory << " bytes held, "
                           << cost.bytes << " read in " << cost.calls << " calls, " << cost.delivered
-                          << " delivered\n";
+                          << " delivered, " << cost.steps << " steps, " << cost.lines << " lines\n";
                 EXPECT_LE(cost.memory, most_memory(road, file.size()));
                 EXPECT_LE(cost.bytes, most_bytes(file.size(), cost.delivered, hostile.listed));
                 EXPECT_LE(cost.calls, most_calls(file.size(), cost.delivered, hostile.listed));
+                EXPECT_LE(cost.steps, kMostSteps);
+                EXPECT_LE(cost.lines, kMostLines);
             }
         }
     }
@@ -344,5 +437,107 @@ std::string name_of(const testing::TestParamInfo<Hostile>& info) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, Bounds, testing::ValuesIn(kHostile), name_of);
+
+// Reads to the end, or until so many calls have delivered nothing.
+Bytes play_open(mm_Interface* handle, bool flag, int waits, uint8_t filler = 0) {
+    Bytes buffer(KST_LARGEST_CHUNK, filler);
+    Bytes stream;
+    for (int32_t status = KST_SUCCESS; status != KST_END_OF_FILE && waits > 0;) {
+        auto size = static_cast<uint32_t>(buffer.size());
+        status = kst_ReadChunk(handle, buffer.data(), &size, flag);
+        if (status != KST_SUCCESS) --waits;
+        stream.insert(stream.end(), buffer.begin(), buffer.begin() + size);
+    }
+    return stream;
+}
+
+// What lies ahead of a file that arrives is not there, and is not asked for each time.
+TEST(ReadingAhead, OfAFileThatArrivesCostsFewCalls) {
+    for (const char* name : {"h263_hinted_mtu500", "amrnb_hinted", "mpeg4_hinted"}) {
+        const Bytes file = read_sample(std::string(name) + ".3gp");
+        const size_t movie_end =
+            std::search(file.begin(), file.end(), std::begin("mdat"), std::begin("mdat") + 4) -
+            file.begin() + 4u;
+        for (const uint32_t step : {1u, 50u, 1000u}) {
+            CountingHost host(file);
+            mm_Interface* handle = nullptr;
+            ASSERT_EQ(kst_Open(&handle, host.callbacks(), *name == 'a' ? "ar" : "vr"), 0);
+            host.arrived = static_cast<uint32_t>(movie_end);
+            host.step = step;
+            play_open(handle, true, 1000000);
+            kst_Close(&handle);
+            const uint64_t exact = host.reads - host.repeated;
+            EXPECT_LE(host.reads, exact + exact / 10 + 2) << name << ' ' << step;
+        }
+    }
+}
+
+// What a frame lacks is asked for by itself until it has come: waiting does not read the frame
+// again and again.
+TEST(ReadingAhead, WaitingForTheEndOfAFrameReadsLittle) {
+    HintFile made;
+    made.media_track = media_track(Kind::kVideo, {});
+    made.media = Bytes(50000, 0x5A);
+    made.media_sizes = {50000};
+    Bytes hint = be32(50u << 16);
+    for (uint16_t i = 0; i < 50; ++i) {
+        const auto marker = static_cast<uint8_t>(i == 49 ? 0x80 : 0);
+        hint = join({hint, packet_entry(marker | 34, i, 1), from_sample(2, 0, 1000, 1, i * 1000u)});
+    }
+    made.add_hint(hint);
+    const Bytes file = made.build();
+    CountingHost host(file);
+    mm_Interface* handle = nullptr;
+    ASSERT_EQ(kst_Open(&handle, host.callbacks(), "vr"), 0);
+    host.bytes = 0;
+    host.hole = static_cast<uint32_t>(file.size() - hint.size()) - 1;  // the end of the media
+    EXPECT_EQ(play_open(handle, true, 1000).size(), sizeof(kestrel::PROP_Header_Info));
+    EXPECT_LT(host.bytes, 2 * file.size());
+    kst_Close(&handle);
+}
+
+// A file may have any number of tracks: reading a chunk does not look through them.
+TEST(HintTracks, AreLookedUpWhenTheFileIsOpened) {
+    const Bytes file = read_sample("h263_hinted_mtu500.3gp");
+    Bytes streams[2];
+    for (const bool hidden : {false, true}) {
+        CountingHost host(file);
+        mm_Interface* handle = nullptr;
+        ASSERT_EQ(kst_Open(&handle, host.callbacks(), "vr"), 0);
+        iso_track* const tracks = handle->file->first_track;
+        if (hidden) handle->file->first_track = nullptr;
+        streams[hidden] = play_open(handle, false, 3);
+        handle->file->first_track = tracks;
+        kst_Close(&handle);
+    }
+    EXPECT_EQ(streams[true], streams[false]);
+}
+
+// Bytes that no host wrote are not delivered: what comes out does not depend on what lay in memory.
+TEST(Unwritten, BytesAreNotDelivered) {
+    for (const char* name : {"h263_hinted_mtu500", "amrnb_hinted", "h264_plain"}) {
+        const Bytes file = read_sample(std::string(name) + ".3gp");
+        for (const bool flag : {false, true}) {
+            for (uint64_t read = 0; read < 60; ++read) {
+                Bytes streams[2];
+                for (const int filler : {0, 1}) {
+                    const uint8_t byte = filler == 0 ? 0x11 : 0xEE;
+                    mallopt(M_PERTURB, byte);
+                    const SyslogCapture quiet(0);
+                    CountingHost host(file);
+                    host.unwritten_read = read;
+                    testing::internal::CaptureStderr();
+                    mm_Interface* handle = nullptr;
+                    kst_Open(&handle, host.callbacks(), *name == 'a' ? "ar" : "vr");
+                    if (handle != nullptr) streams[filler] = play_open(handle, flag, 3, byte);
+                    kst_Close(&handle);
+                    testing::internal::GetCapturedStderr();
+                }
+                mallopt(M_PERTURB, 0);
+                ASSERT_EQ(streams[0], streams[1]) << name << ' ' << flag << ' ' << read;
+            }
+        }
+    }
+}
 
 }  // namespace

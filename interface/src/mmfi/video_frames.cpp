@@ -5,6 +5,7 @@
 
 #include "interface/src/isoff/read/decoder_configuration.h"
 #include "interface/src/isoff/read/track_state.h"
+#include "interface/src/isoff/record/private.h"
 #include "interface/src/mmfi/frame_store.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/codec.h"
@@ -21,6 +22,10 @@ constexpr int kNotYet = -2;     // a read that cannot be served now
 constexpr int kNoRoom = -1;  // of a packetiser
 constexpr uint8_t kVisualObjectSequence = 0xB0;
 constexpr uint8_t kVop = 0xB6;
+
+// Packets, constructors and empty hint samples that a frame may have, besides one for each of its
+// bytes. More than any hinter writes are taken for damage: a call must come back.
+constexpr uint64_t kMaxFrameSteps = 1 << 20;
 
 constexpr Gathered kFailed{KST_FAILURE, 0};
 constexpr Gathered kMissing{KST_NOT_YET, 0};
@@ -63,6 +68,7 @@ Gathered gather_packets(mm_Interface* record, int payload_type, iso_track* hint,
     uint32_t packets = 0;
     const bool with_sets = first && record->track->codec == ISO_CODEC_AVC1;
     if (with_sets && !stage_parameter_sets(record, hint, payload_type, packets)) return kFailed;
+    const uint64_t steps_before = hint->own->hint_steps;
     uint8_t* packet = record->sample_buffer();
     for (bool marker = false; !marker; ++packets) {
         const int length = isoFFrtpPacket(hint, packet);
@@ -73,6 +79,7 @@ Gathered gather_packets(mm_Interface* record, int payload_type, iso_track* hint,
         if (!stage_rtp_packet(staging, packet, static_cast<uint32_t>(length), payload_type)) {
             return kFailed;
         }
+        if (hint->own->hint_steps - steps_before > kMaxFrameSteps + staging.count()) return kFailed;
     }
     record->track->last_payload_type = hint->last_payload_type;
     return {KST_SUCCESS, packets};
@@ -164,12 +171,17 @@ Gathered gather_sample(mm_Interface* record, const VideoPacketisation& how, bool
 
 Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_track* hint,
                       bool first) {
+    // What was missing the last time is asked for by itself, before all of the frame is read again.
+    uint64_t& missing = record->file->own->missing;
+    if (!missing_has_arrived(record->file)) return kMissing;
+    missing = 0;
     const TrackState media(record->track);
     const TrackState source(hint != nullptr ? hint : record->track);
     const tel_native native = record->native;
     const Gathered gathered = hint != nullptr
                                   ? gather_packets(record, how.payload_type, hint, first)
                                   : gather_sample(record, how, first);
+    if (gathered.status != KST_NOT_YET) missing = 0;
     if (gathered.status == KST_SUCCESS) return gathered;
     media.restore();
     source.restore();

@@ -469,7 +469,13 @@ int read_stbl(iso_file* file, uint32_t) {
     iso_track* track = current(file);
     if (track == nullptr) return 0;
     const int walked = parse_rest(file, stbl_box);
-    if (walked == 0 && check_tables(track) == 0) return 0;
+    // A further `stbl` without tables of its own leaves nothing to check: a file may have many.
+    const bool is_checked =
+        track->own->index != nullptr && track->own->tables_checked == track->own->tables_seen;
+    if (walked == 0 && (is_checked || check_tables(track) == 0)) {
+        track->own->tables_checked = track->own->tables_seen;
+        return 0;
+    }
     // A track whose tables cannot be used has no samples.
     track->sample_count = 0;
     track->chunk_count = 0;

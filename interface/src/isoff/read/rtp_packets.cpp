@@ -191,6 +191,8 @@ inline int PacketReader::open_sample() {
     do {
         offset_ = 0;
         view_sample();
+        // Once for each sample: a later packet of it looks at the same bytes.
+        if (whole_size_ != 0) track_->own->index->window.earn(whole_size_);
         const int result = take_own(kHintHeaderSize);
         if (result != 0) return result;
         const uint16_t packets = load_be16(own_);
@@ -198,6 +200,7 @@ inline int PacketReader::open_sample() {
             begin_packets(packets);
             return 0;
         }
+        track_->own->hint_steps++;
         if (++empty > kMostEmptySamples) return -1;
         next_sample();
     } while (!at_end());
@@ -266,7 +269,10 @@ inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     if (!is_small_piece(size, from.length)) [[unlikely]]
         return nullptr;
     move_cursor(source, static_cast<int32_t>(sample));
-    return from_window(source, uint64_t{source->cur_offset} + from.sample_offset, from.length);
+    const uint8_t* bytes =
+        from_window(source, uint64_t{source->cur_offset} + from.sample_offset, from.length);
+    if (bytes != nullptr) source->own->index->window.earn(from.length);
+    return bytes;
 }
 
 // The long way, for what was not read ahead. 0, or the code that ends the call. The constructor is
@@ -330,6 +336,7 @@ inline int PacketReader::build_packet() {
     int result = take_own(kPacketEntrySize);
     if (result != 0) return result;
     const PacketEntry entry = parse_entry(own_);
+    track_->own->hint_steps += 1 + entry.constructors();
     result = write_header(entry);
     if (result == 0 && entry.has_extra_information()) result = skip_extra_information();
     if (result != 0) return result;

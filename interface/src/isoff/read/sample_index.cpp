@@ -88,7 +88,9 @@ void advance_place(iso_track* track, uint32_t wanted) {
 
 bool make_index(iso_track* track) {
     track->own->index = arena_array<iso_index>(track->file, 1);
-    return track->own->index != nullptr && make_checkpoints(track, track->own->index) &&
+    if (track->own->index == nullptr) return false;
+    track->own->index->window.credit = ReadWindow::kFirstCredit;
+    return make_checkpoints(track, track->own->index) &&
            count_samples(track, track->stts, track->stts_count, track->own->index->stts_samples) &&
            count_samples(track, track->ctts, track->ctts_count, track->own->index->ctts_samples);
 }

@@ -28,13 +28,24 @@ struct RtpStep {
     double units;
 };
 
-// What was read ahead of one track: bytes of the file from `start` on.
+// What was read ahead of one track: bytes of the file from `start` on. Bytes that are read ahead
+// cost credit, and bytes that are taken earn it, so that tables which make readers jump about
+// cannot have much more read than is taken.
 struct ReadWindow {
     static constexpr uint32_t kRoom = 4096;
+    static constexpr uint64_t kFirstCredit = 2 * kRoom;
+    static constexpr uint64_t kCreditPerByte = 2;
+    // How many reads of exactly what was asked for must succeed after reading ahead failed, before
+    // it is tried again: of a file that arrives, what lies ahead is not there.
+    static constexpr uint32_t kReadsAfterFailure = 10;
 
     uint8_t* bytes;  // null until a read could use them
     uint32_t start;
     uint32_t length;
+    uint64_t credit;  // bytes that may still be read ahead
+    uint32_t wait;    // reads that must succeed before reading ahead is tried again
+
+    void earn(uint32_t taken) { credit += kCreditPerByte * taken; }
 };
 
 }  // namespace kestrel
@@ -137,12 +148,13 @@ inline bool is_small_piece(uint32_t sample_size, uint32_t length) {
 }
 
 // Reads ahead from `offset`, to the end of the chunk at the cursor at most: what the track will be
-// asked for next in any case. Null when the window cannot serve `length` bytes there; a failure of
-// reading ahead is of no account, since what is asked for may be there all the same.
+// asked for next in any case. Returns null when the window cannot serve `length` bytes there; a
+// failure of reading ahead is of no account, since what is asked for may be there all the same.
 const uint8_t* fill_window(iso_track* track, uint64_t offset, uint32_t length);
 
 // `length` bytes of the track's data at `offset`, read ahead; null when they have to be read from
-// the stream. Valid until the next call for the track.
+// the stream. Valid until the next call for the track. The caller has the window earn what it
+// takes.
 inline const uint8_t* from_window(iso_track* track, uint64_t offset, uint32_t length) {
     const ReadWindow& window = track->own->index->window;
     const uint64_t into = offset - window.start;  // huge in front of the window

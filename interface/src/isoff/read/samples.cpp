@@ -2,6 +2,7 @@
 #include <climits>
 
 #include "interface/src/isoff/read/sample_index.h"
+#include "interface/src/isoff/read/track_state.h"
 #include "kestrel/kstutil.h"
 
 // Reading samples: the cursor walk over the tables, and access by cursor and by number.
@@ -52,6 +53,7 @@ void store_times(const iso_track* track, double* duration, double* cts_offset) {
 // result is the number of bytes read, never more than were asked for.
 uint32_t read_at(iso_file* file, uint32_t offset, void* buffer, uint32_t length, bool& failed) {
     uint32_t got = 0;
+    std::memset(buffer, 0, length);  // a host may claim bytes that it did not write
     if (file->indexed_read) {
         failed = kstutil_indexread(file->stream, buffer, offset, length, &got) != 0;
     } else {
@@ -72,14 +74,20 @@ uint32_t bytes_to_chunk_end(const iso_track* track, uint32_t offset) {
 uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint32_t length,
                            bool& failed) {
     failed = false;
+    ReadWindow& window = track->own->index->window;
     const uint8_t* ahead = is_small_piece(size_at_cursor(track), length)
                                ? from_window(track, offset, length)
                                : nullptr;
     if (ahead != nullptr) {
+        window.earn(length);
         std::memcpy(buffer, ahead, length);
         return length;
     }
-    return read_at(track->file, offset, buffer, length, failed);
+    const uint32_t got = read_at(track->file, offset, buffer, length, failed);
+    window.earn(got);
+    if (got == length && window.wait > 0) --window.wait;
+    track->file->own->missing = got < length ? uint64_t{offset} + length : 0;
+    return got;
 }
 
 // How many of the next samples lie behind the one at hand in its chunk: of `most`, and as far as it
@@ -130,12 +138,12 @@ const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
     ReadWindow& window = track->own->index->window;
     const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
     if (ahead <= length) return nullptr;
-    // Who jumps about is not served ahead, before a second piece follows the first; the bytes that
-    // a packet has in place of those in the file may lie between them.
+    // Who jumps about is not served ahead, before a second piece follows the first or the beginning
+    // of a chunk; the bytes that a packet has in place of those in the file may lie between them.
     constexpr uint32_t kGap = 64;
     const bool goes_on = offset - window.start <= window.length + kGap ||
-                         track->cur_offset == track->chunks[track->cur_chunk].start;
-    if (!goes_on) {
+                         offset - track->chunks[track->cur_chunk].start <= kGap;
+    if (!goes_on || window.wait > 0 || ahead > window.credit) {
         window.start = saturating_add(offset, length);
         window.length = 0;
         return nullptr;
@@ -145,9 +153,20 @@ const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
         if (window.bytes == nullptr) return nullptr;
     }
     bool failed = false;
+    window.credit -= ahead;
     window.start = offset;
     window.length = read_at(track->file, offset, window.bytes, ahead, failed);
-    return length <= window.length ? window.bytes : nullptr;
+    if (length <= window.length) return window.bytes;
+    window.wait = ReadWindow::kReadsAfterFailure;
+    return nullptr;
+}
+
+bool missing_has_arrived(iso_file* file) {
+    const uint64_t end = file->own->missing;
+    if (end == 0 || end > UINT32_MAX) return true;
+    uint8_t last = 0;
+    bool failed = false;
+    return read_at(file, static_cast<uint32_t>(end - 1), &last, 1, failed) == 1;
 }
 
 namespace {
