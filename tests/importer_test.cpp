@@ -308,6 +308,7 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(plain, "stsc", 8, be32(2)), "out of order"},
         {with(plain, "stsc", 20, be32(1)), "out of order"},
         {with(plain, "stsc", 16, be32(2)), "sample entry 2 of 1"},
+        {with(plain, "stsc", 12, be32(1000)), "left without samples"},
         {make_movie(elsewhere).file, "track 1 keeps its media in another file"},
         {with(compact, "stz2", 7, {5}), "sizes of 5 bits"},
         {with(compact, "stz2", 8, be32(1000000)), "shorter than what it declares"},

@@ -1,42 +1,75 @@
+#include "kestrel/hinter.h"
 #include "tools/commands.h"
-#include "tools/hinter.h"
 #include "tools/output_stream.h"
 #include "tools/support.h"
 
-// Copies a file and adds an RTP hint track for each medium that has a payload format.
+// Copies a file and adds an RTP hint track for each medium that has a payload format: the call of
+// the companion library, from file to file.
 
 namespace tool {
 namespace {
 
-constexpr uint32_t kLongestPacket = 65535;
-constexpr uint32_t kShortestPacket = 64;
-
-struct Options : HintOptions {
+struct Options {
+    std::string input;
     std::string output;
+    uint32_t max_packet = KST_HINT_DEFAULT_PACKET;
+    bool rfc2190 = false;
+    bool replace = false;
+    bool drop_others = false;
+    bool salvage = false;
+
+    uint32_t flags() const {
+        uint32_t all = 0;
+        if (rfc2190) all |= KST_HINT_RFC2190;
+        if (replace) all |= KST_HINT_REPLACE;
+        if (drop_others) all |= KST_HINT_DROP_OTHERS;
+        if (salvage) all |= KST_HINT_SALVAGE;
+        return all;
+    }
 };
+
+int show_progress(void* progress, uint64_t done, uint64_t all) {
+    constexpr uint64_t kMegabyte = 1000000;
+    static_cast<Progress*>(progress)->show_count(static_cast<size_t>(done / kMegabyte),
+                                                 static_cast<size_t>(all / kMegabyte), "MB done");
+    return 0;
+}
+
+[[noreturn]] void refuse(const Options& options, int result, const std::string& error) {
+    switch (result) {
+        case KST_HINT_NO_MEMORY:
+            throw std::bad_alloc();
+        case KST_HINT_HAS_HINTS:
+            throw Error(options.input + ": " + error + "; --replace makes new ones");
+        case KST_HINT_TOO_LARGE:
+        case KST_HINT_DESTINATION_FAILED:
+            throw Error(options.output + ": " + error);
+        default:
+            throw Error(options.input + ": " + error);
+    }
+}
 
 void hint(const Options& options) {
     Host host = open_host(options.input);
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
-    const IsoFile from = open_iso(host.get(), callbacks);
-    // Nothing goes to the output before the last sample was taken, so a file that is refused leaves
-    // none behind.
+    wait_for_all(host.get());
+    // Nothing goes to the output before the last packet was planned, so a file that is refused
+    // leaves none behind.
     OutputStream stream(options.output, options.input);
-    KST_IOSTREAM_CALLBACK_INTERFACE* table = stream.table();
-    IsoFile to(isoFFopen(table, "w", nullptr));
-    if (to == nullptr) throw std::bad_alloc();
-    try {
-        copy_with_hints(options, from.get(), to.get());
-    } catch (...) {
-        stream.refuse();
-        throw;
-    }
-    const int closed = isoFFclose(to.release());
+    Progress progress;
+    kst_hint_options how = {};
+    how.struct_size = sizeof how;
+    how.flags = options.flags();
+    how.max_packet = options.max_packet;
+    how.progress = show_progress;
+    how.progress_context = &progress;
+    kst_hint_report report = {};
+    report.struct_size = sizeof report;
+    const int result = kst_hint(kst_host_callbacks(host.get()), stream.table(), &how, &report);
+    progress.clear();
     stream.tell_failure();  // what the system said of a write
-    if (closed == -2) throw std::bad_alloc();
-    if (closed == -6) throw Error(options.output + ": the file would be too large");
-    if (closed != 0) throw system_error("temporary file");
+    if (result != KST_HINT_DONE) refuse(options, result, report.error);
     stream.finish();
+    if (report.left_out[0] != '\0') say(options.input + ": " + report.left_out);
 }
 
 }  // namespace
@@ -54,14 +87,18 @@ void add_hint(CLI::App& app) {
         ->required()
         ->check(is_name);
     command
-        ->add_option("--mtu", options->mtu,
+        ->add_option("--mtu", options->max_packet,
                      "Longest packet in bytes, RTP header included; players accept up to 1400")
-        ->check(CLI::Range(kShortestPacket, kLongestPacket))
+        ->check(CLI::Range(uint32_t{KST_HINT_SHORTEST_PACKET}, uint32_t{KST_HINT_LONGEST_PACKET}))
         ->capture_default_str();
     command->add_flag("--rfc2190", options->rfc2190,
                       "Pack H.263 by RFC 2190 (payload type 34), not by RFC 4629");
     command->add_flag("--replace", options->replace,
                       "Leave out the hint tracks that FILE has, instead of refusing it");
+    command->add_flag("--drop-others", options->drop_others,
+                      "Leave out each track that gets no hint track");
+    command->add_flag("--salvage", options->salvage,
+                      "Keep the samples that are whole of a file that is cut");
     command->callback([options] { hint(*options); });
 }
 

@@ -70,11 +70,15 @@ ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status
     }
 }
 
-IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
+void wait_for_all(kst_host* host) {
     int waited = KST_HOST_MORE;
     while (waited == KST_HOST_MORE)
         waited = kst_host_wait(host);
     if (waited == KST_HOST_FAULT) throw system_error("input");
+}
+
+IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
+    wait_for_all(host);
     callbacks = kst_host_callbacks(host);
     IsoFile file(isoFFopen(callbacks, "r", nullptr));
     if (file == nullptr) throw Error("out of memory");

@@ -76,6 +76,9 @@ struct FileCloser {
 };
 using IsoFile = std::unique_ptr<iso_file, FileCloser>;
 
+// Waits until all of a file that is still arriving is there.
+void wait_for_all(kst_host* host);
+
 // Reads a file's boxes, all of it waited for. `callbacks` must outlive the record.
 IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks);
 

@@ -149,7 +149,14 @@ bool place_samples(Import& import, const SampleTables& tables, Target& to) {
             chunk.offset += samples[placed].size;
         }
     }
-    return placed == samples.size() || import.fail(*tables.chunks, "has no place for all samples");
+    if (placed < samples.size()) {
+        return import.fail(*tables.chunks, "has no place for all samples");
+    }
+    // A further chunk means that samples were put into the wrong ones.
+    Chunk further;
+    const bool has_all = placed == to.state.declared;
+    const bool has_further = has_all && walk.next(further) && further.samples > 0;
+    return !has_further || import.fail(*tables.chunks, "has chunks that are left without samples");
 }
 
 // Of sgpd and sbgp (8.9): the box and what it groups by.

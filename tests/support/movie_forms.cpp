@@ -138,8 +138,11 @@ Bytes quicktime_sound_entry(uint32_t bit_rate, int version, uint8_t channels = 2
 }
 
 Bytes video_entry(uint8_t level, const Bytes& more = {}) {
-    return plain_box("avc1", {entry_head(), zeros(16), be16(176), be16(144), zeros(50),
-                              plain_box("avcC", {{1, 66, 0, level}}), more});
+    const Bytes sequence_set = {0xE1, 0, 4, 0x67, 66, 0, level};
+    const Bytes picture_set = {1, 0, 2, 0x68, 9};
+    return plain_box(
+        "avc1", {entry_head(), zeros(16), be16(176), be16(144), zeros(50),
+                 plain_box("avcC", {{1, 66, 0, level, 0xFF}, sequence_set, picture_set}), more});
 }
 
 Bytes text_entry(uint8_t justification) {

@@ -23,6 +23,10 @@ int parse_rest(iso_file* file, const isobox* table);
 // Walks the whole file; its result is of no account to isoFFopen.
 int read_header(iso_file* file);
 
+// Reads a whole sample entry, which must outlive the file, into a track that has none: its codec,
+// where that is a known one, and decoder configuration. False when the entry is damaged.
+bool read_sample_entry(iso_track* track, std::span<uint8_t> box);
+
 // Box handlers of other files.
 
 int read_stts(iso_file* file, uint32_t body);

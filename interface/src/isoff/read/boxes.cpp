@@ -612,6 +612,19 @@ int parse_rest(iso_file* file, const isobox* table) {
     return parse(file, table, static_cast<int>(std::min<uint32_t>(file->moov_left, INT_MAX)));
 }
 
+bool read_sample_entry(iso_track* track, std::span<uint8_t> box) {
+    iso_file* file = track->file;
+    file->current_track = track;
+    file->in_moov_buffer = 1;
+    file->moov_buffer = box.data();
+    file->moov_left = static_cast<uint32_t>(box.size());
+    const int result = parse_rest(file, stsd_box);
+    file->in_moov_buffer = 0;
+    file->moov_buffer = nullptr;
+    file->moov_left = 0;
+    return result == 0;
+}
+
 int read_header(iso_file* file) {
     const int result = parse(file, file_box, 0);
     if (file->mdat_buffer != nullptr) {

@@ -2,10 +2,16 @@
 #ifndef KESTREL_ISOFF_PRIVATE_H
 #define KESTREL_ISOFF_PRIVATE_H
 
+#include <span>
+
 #include "kestrel/isoff.h"
 
 struct iso_hinter;
 struct iso_index;
+namespace kestrel {
+class SampleProvider;
+struct CopiedBoxes;
+}  // namespace kestrel
 
 // Writer: a sample that was taken. Its bytes are at `data`, or null where they went elsewhere.
 struct iso_frame {
@@ -21,6 +27,7 @@ struct iso_frame {
 struct iso_run {
     uint32_t start;  // from iso_file_private::media_base
     uint32_t samples;
+    uint32_t description;  // sample entry, from 1
     iso_run* next;
 };
 
@@ -50,6 +57,8 @@ struct iso_file_private : iso_file_details {
     iso_track* direct_track;      // direct_write: the track whose samples come last
     uint32_t write_way;           // settled by the first sample: 0 not yet, 1 queued, 2 direct
     uint64_t track_cost;          // sum of iso_track_private::header_cost
+    // The box `iods` of the file that this one is copied from; empty where the fields declare it.
+    std::span<const uint8_t> copied_iods;
 };
 
 struct iso_track_private : iso_track_details {
@@ -80,9 +89,11 @@ struct iso_track_private : iso_track_details {
     iso_run* first_run;
     iso_run* last_run;
     uint32_t run_count;
-    uint32_t run_units;         // direct_write: duration of the newest run, track units
-    uint64_t counted_sizes[5];  // of the sample tables, as they were measured
-    iso_hinter* hinter;         // hint track: makes its samples
+    uint32_t run_units;                  // direct_write: duration of the newest run, track units
+    uint64_t counted_sizes[5];           // of the sample tables, as they were measured
+    iso_hinter* hinter;                  // hint track: makes its samples
+    kestrel::SampleProvider* provider;   // null where samples are queued
+    const kestrel::CopiedBoxes* copied;  // null where the fields declare all
 };
 
 #endif

@@ -3,6 +3,8 @@
 
 #include "common/bytes.h"
 #include "interface/src/isoff/write/boxes.h"
+#include "interface/src/isoff/write/copied_boxes.h"
+#include "interface/src/isoff/write/sample_provider.h"
 #include "interface/src/isoff/write/writer.h"
 
 // The boxes that the writer makes (ISO/IEC 14496-12; 3GPP TS 26.244 for the sample entries). Each
@@ -87,6 +89,14 @@ class BoxBody {
     std::span<uint8_t> to_;
     uint64_t position_ = 0;
 };
+
+// A box that is written as it was read.
+uint64_t write_copied(Pass pass, std::span<uint8_t> to, const std::span<const uint8_t>* box) {
+    if (pass == kWritePass && box->size() <= to.size()) {
+        std::copy(box->begin(), box->end(), to.begin());
+    }
+    return box->size();
+}
 
 bool is_hint(const iso_track* track) {
     return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
@@ -271,7 +281,32 @@ uint64_t write_entry(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     }
 }
 
+uint64_t write_copied_entry(Pass pass, std::span<uint8_t> to,
+                            const std::span<const uint8_t>* entry) {
+    constexpr size_t kDataReference = 14;  // where its index is (8.5.2.2)
+    constexpr uint16_t kThisFile = 1;
+    const uint64_t size = write_copied(pass, to, entry);
+    if (pass == kWritePass && size <= to.size() && size >= kDataReference + 2) {
+        store_be16(to.data() + kDataReference, kThisFile);
+    }
+    return size;
+}
+
+uint64_t write_copied_stsd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
+    const auto& entries = track->own->copied->sample_entries;
+    BoxBody box(pass, to, "stsd");
+    box.version_and_flags(0, 0);
+    box.u32(static_cast<uint32_t>(entries.size()));
+    for (const std::span<const uint8_t>& entry : entries)
+        box.child(write_copied_entry, &entry);
+    return box.finish();
+}
+
 uint64_t write_stsd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
+    const CopiedBoxes* copied = track->own->copied;
+    if (copied != nullptr && !copied->sample_entries.empty()) {
+        return write_copied_stsd(pass, to, track);
+    }
     const bool has_entry = write_entry(kCountPass, {}, track) != 0;
     BoxBody box(pass, to, "stsd");
     box.version_and_flags(0, 0);
@@ -285,43 +320,46 @@ uint64_t write_stsd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 // Puts a pair of run length and value for each run of samples with the same value.
 template <typename Value>
 void put_value_runs(BoxBody& box, const iso_track* track, Value value) {
-    for (const iso_frame* frame = track->own->first_frame; frame != nullptr;) {
-        const iso_frame* first = frame;
+    for (SampleWalk sample(track); !sample.at_end();) {
+        const auto first = value(sample.figures());
         uint32_t count = 0;
-        for (; frame != nullptr && value(frame) == value(first); frame = frame->next)
+        for (; !sample.at_end() && value(sample.figures()) == first; sample.next())
             ++count;
         box.u32(count);
-        box.u32(static_cast<uint32_t>(value(first)));
+        box.u32(static_cast<uint32_t>(first));
     }
 }
 
 bool has_cts_offsets(const iso_track* track) {
-    return track->ctts_count > 1 ||
-           (track->own->first_frame != nullptr && track->own->first_frame->cts_offset != 0);
+    const SampleWalk first(track);
+    return track->ctts_count > 1 || (!first.at_end() && first.figures().cts_offset != 0);
 }
 
-// Visits the runs whose chunks hold another number of samples than the chunk before.
+// Visits the runs whose chunks hold another number of samples than the chunk before, or samples of
+// another description.
 template <typename Visit>
 void visit_chunk_kinds(const iso_track* track, Visit visit) {
     uint32_t chunk = 0;
-    uint32_t last = 0;
+    const iso_run* last = nullptr;
     for (const iso_run* run = track->own->first_run; run != nullptr; run = run->next) {
         ++chunk;
-        if (run->samples != last) visit(chunk, run->samples);
-        last = run->samples;
+        const bool is_alike = last != nullptr && run->samples == last->samples &&
+                              run->description == last->description;
+        if (!is_alike) visit(chunk, *run);
+        last = run;
     }
 }
 
 uint64_t write_stsc(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     uint32_t kinds = 0;
-    visit_chunk_kinds(track, [&](uint32_t, uint32_t) { ++kinds; });
+    visit_chunk_kinds(track, [&](uint32_t, const iso_run&) { ++kinds; });
     BoxBody box(pass, to, "stsc");
     box.version_and_flags(0, 0);
     box.u32(kinds);
-    visit_chunk_kinds(track, [&](uint32_t first_chunk, uint32_t samples) {
+    visit_chunk_kinds(track, [&](uint32_t first_chunk, const iso_run& run) {
         box.u32(first_chunk);
-        box.u32(samples);
-        box.u32(1);  // sample description
+        box.u32(run.samples);
+        box.u32(run.description);
     });
     return box.finish();
 }
@@ -363,6 +401,10 @@ uint64_t write_stbl(Pass pass, std::span<uint8_t> to, iso_track* track) {
     const bool has_groups = track->sgpd_type[0] != '\0';
     if (has_groups && track->sbgp_list != nullptr) box.child(write_sbgp, track);
     if (has_groups && track->sgpd_list != nullptr) box.child(write_sgpd, track);
+    if (track->own->copied != nullptr) {
+        for (const std::span<const uint8_t>& group : track->own->copied->groups)
+            box.child(write_copied, &group);
+    }
     return box.finish();
 }
 
@@ -398,6 +440,10 @@ uint64_t write_hmhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 
 // The header that goes with the handler's first letter; none for other media.
 uint64_t write_media_header(Pass pass, std::span<uint8_t> to, const iso_track* track) {
+    const CopiedBoxes* copied = track->own->copied;
+    if (copied != nullptr && !copied->media_header.empty()) {
+        return write_copied(pass, to, &copied->media_header);
+    }
     const char handler = track->handler[0];
     if (handler == 'h') return write_hmhd(pass, to, track);
     if (handler != 's' && handler != 't' && handler != 'v') return 0;
@@ -434,7 +480,9 @@ uint64_t write_hdlr(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     box.u32(0);
     box.id(track->handler);
     box.zeros(12);
-    box.u8(0);  // an empty name
+    const CopiedBoxes* copied = track->own->copied;
+    if (copied != nullptr) box.bytes(copied->name.data(), copied->name.size());
+    box.u8(0);  // ends the name
     return box.finish();
 }
 
@@ -468,16 +516,29 @@ uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     return box.finish();
 }
 
-uint64_t write_hint_reference(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "hint");
-    box.u32(track->hint_track_ref);
+uint64_t write_reference(Pass pass, std::span<uint8_t> to, const CopiedReference* reference) {
+    char type[4];
+    store_be32(reinterpret_cast<uint8_t*>(type), reference->type);
+    BoxBody box(pass, to, type);
+    for (const uint32_t id : reference->track_ids)
+        box.u32(id);
     return box.finish();
 }
 
 uint64_t write_tref(Pass pass, std::span<uint8_t> to, const iso_track* track) {
+    const CopiedReference hint = {fourcc("hint"), {track->hint_track_ref}};
     BoxBody box(pass, to, "tref");
-    box.child(write_hint_reference, track);
+    if (is_hint(track)) box.child(write_reference, &hint);
+    if (track->own->copied != nullptr) {
+        for (const CopiedReference& reference : track->own->copied->references)
+            box.child(write_reference, &reference);
+    }
     return box.finish();
+}
+
+bool has_references(const iso_track* track) {
+    const CopiedBoxes* copied = track->own->copied;
+    return is_hint(track) || (copied != nullptr && !copied->references.empty());
 }
 
 uint64_t write_elst(Pass pass, std::span<uint8_t> to, const iso_track* track) {
@@ -546,7 +607,7 @@ uint64_t write_movie_udta(Pass pass, std::span<uint8_t> to, const iso_file* file
 uint64_t write_trak(Pass pass, std::span<uint8_t> to, iso_track* track) {
     BoxBody box(pass, to, "trak");
     box.child(write_tkhd, track);
-    if (is_hint(track)) box.child(write_tref, track);
+    if (has_references(track)) box.child(write_tref, track);
     if (track->own->edit_count > 0) box.child(write_edts, track);
     box.child(write_mdia, track);
     if (track->sdp_text != nullptr) box.child(write_track_udta, track);
@@ -597,7 +658,7 @@ uint64_t write_stts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     BoxBody box(pass, to, "stts");
     box.version_and_flags(0, 0);
     box.u32(static_cast<uint32_t>(track->stts_count));
-    put_value_runs(box, track, [](const iso_frame* frame) { return frame->duration; });
+    put_value_runs(box, track, [](const SampleFigures& sample) { return sample.duration; });
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kSttsTable, size)) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- dtd count %d\n",
@@ -608,12 +669,12 @@ uint64_t write_stts(Pass pass, std::span<uint8_t> to, iso_track* track) {
 
 uint64_t write_ctts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     bool negative = false;
-    for (const iso_frame* frame = track->own->first_frame; frame != nullptr; frame = frame->next)
-        negative = negative || frame->cts_offset < 0;
+    for (SampleWalk sample(track); !sample.at_end() && !negative; sample.next())
+        negative = sample.figures().cts_offset < 0;
     BoxBody box(pass, to, "ctts");
     box.version_and_flags(negative ? 1 : 0, 0);
     box.u32(static_cast<uint32_t>(track->ctts_count));
-    put_value_runs(box, track, [](const iso_frame* frame) { return frame->cts_offset; });
+    put_value_runs(box, track, [](const SampleFigures& sample) { return sample.cts_offset; });
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kCttsTable, size)) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- cto count %d\n",
@@ -627,10 +688,8 @@ uint64_t write_stsz(Pass pass, std::span<uint8_t> to, iso_track* track) {
     box.version_and_flags(0, 0);
     box.u32(track->sample_size);
     box.u32(static_cast<uint32_t>(track->sample_count));
-    for (const iso_frame* frame = track->own->first_frame;
-         frame != nullptr && track->sample_size == 0; frame = frame->next) {
-        box.u32(frame->size);
-    }
+    for (SampleWalk sample(track); !sample.at_end() && track->sample_size == 0; sample.next())
+        box.u32(sample.figures().size);
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kStszTable, size)) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- sample size = %d sample count = %d\n",
@@ -686,7 +745,8 @@ uint64_t write_ftyp(Pass pass, std::span<uint8_t> to, const iso_file* file) {
 uint64_t write_moov(Pass pass, std::span<uint8_t> to, iso_file* file) {
     BoxBody box(pass, to, "moov");
     box.child(write_mvhd, file);
-    box.child(write_iods, file);
+    const std::span<const uint8_t> iods = file->own->copied_iods;
+    iods.empty() ? box.child(write_iods, file) : box.child(write_copied, &iods);
     for (iso_track* track = file->first_track; track != nullptr; track = track->next)
         box.child(write_trak, track);
     if (file->sdp_text != nullptr) box.child(write_movie_udta, file);

@@ -1,12 +1,14 @@
+#include "interface/src/isoff/write/writer.h"
+
 #include <algorithm>
 #include <exception>
 #include <new>
-#include <queue>
 #include <vector>
 
 #include "common/bytes.h"
 #include "interface/src/isoff/write/boxes.h"
-#include "interface/src/isoff/write/writer.h"
+#include "interface/src/isoff/write/chunk_layout.h"
+#include "interface/src/isoff/write/media_output.h"
 #include "kestrel/kstutil.h"
 
 // The writer: takes samples, decides where they stand in the file, and writes it.
@@ -45,40 +47,45 @@ bool is_direct(iso_file* file) {
 
 // --- taking samples ---
 
-uint64_t header_cost_of(const iso_track* track, const iso_frame& frame) {
-    const iso_frame* before = track->own->last_frame;
+// `before` is the track's sample before it, null for its first.
+uint64_t header_cost_of(const iso_track* track, const SampleFigures& sample,
+                        const SampleFigures* before) {
     const uint32_t duration_before = before == nullptr ? 0 : before->duration;
     const int32_t offset_before = before == nullptr ? 0 : before->cts_offset;
-    uint64_t cost = uint64_t{frame.size} + kSizeCost;
-    if (frame.duration != duration_before) cost += kEntryCost;
-    if (frame.cts_offset != offset_before) cost += kEntryCost;
+    uint64_t cost = uint64_t{sample.size} + kSizeCost;
+    if (sample.duration != duration_before) cost += kEntryCost;
+    if (sample.cts_offset != offset_before) cost += kEntryCost;
     // Where the first is empty, its size cannot stand for all: the table is necessary at once.
-    if (before == nullptr) return cost + kEntryCost + (frame.size == 0 ? kSizeCost : 0);
+    if (before == nullptr) return cost + kEntryCost + (sample.size == 0 ? kSizeCost : 0);
     const auto samples = static_cast<uint64_t>(track->sample_count);
     if (track->sample_size == 0) return cost + kSizeCost;
     // The size table becomes necessary, for the samples so far as well.
-    return frame.size != track->sample_size ? cost + kSizeCost + kSizeCost * samples : cost;
+    return sample.size != track->sample_size ? cost + kSizeCost + kSizeCost * samples : cost;
 }
 
-void count_frame(iso_track* track, iso_frame* frame) {
-    const iso_frame* before = track->own->last_frame;
-    const uint64_t cost = header_cost_of(track, *frame);
+void count_sample(iso_track* track, const SampleFigures& sample, const SampleFigures* before) {
+    const uint64_t cost = header_cost_of(track, sample, before);
     track->own->header_cost += cost;
     track->file->own->track_cost += cost;
-    if (before == nullptr) track->sample_size = frame->size;
-    if (frame->size != track->sample_size) track->sample_size = 0;
-    if (before == nullptr || frame->duration != before->duration) track->stts_count++;
-    if (before == nullptr || frame->cts_offset != before->cts_offset) track->ctts_count++;
+    if (before == nullptr) track->sample_size = sample.size;
+    if (sample.size != track->sample_size) track->sample_size = 0;
+    if (before == nullptr || sample.duration != before->duration) track->stts_count++;
+    if (before == nullptr || sample.cts_offset != before->cts_offset) track->ctts_count++;
     track->sample_count++;
-    track->duration += frame->duration;
-    track->total_bytes += frame->size;
-    track->max_sample_size = std::max(track->max_sample_size, frame->size);
+    track->duration += sample.duration;
+    track->total_bytes += sample.size;
+    track->max_sample_size = std::max(track->max_sample_size, sample.size);
+}
+
+SampleFigures figures_of(const iso_frame& frame) {
+    return {frame.size, frame.duration, frame.cts_offset};
 }
 
 void append_frame(iso_track* track, iso_frame* frame) {
-    count_frame(track, frame);
-    (track->own->last_frame == nullptr ? track->own->first_frame : track->own->last_frame->next) =
-        frame;
+    iso_frame* last = track->own->last_frame;
+    const SampleFigures before = last == nullptr ? SampleFigures{} : figures_of(*last);
+    count_sample(track, figures_of(*frame), last == nullptr ? nullptr : &before);
+    (last == nullptr ? track->own->first_frame : last->next) = frame;
     track->own->last_frame = frame;
 }
 
@@ -115,24 +122,6 @@ int check_limits(iso_track* track, uint32_t size, uint32_t duration) {
     return fits ? kTooLong : kTooLarge;
 }
 
-// --- chunks ---
-
-bool begin_run(iso_track* track, uint32_t start) {
-    auto* run = arena_array<iso_run>(track->file, 1);
-    if (run == nullptr) return false;
-    run->start = start;
-    (track->own->last_run == nullptr ? track->own->first_run : track->own->last_run->next) = run;
-    track->own->last_run = run;
-    track->own->run_count++;
-    track->own->run_units = 0;
-    return true;
-}
-
-// Whether a run of `units` may take `more` units without running longer than the file's span.
-bool span_allows(const iso_track* track, uint64_t units, uint64_t more) {
-    return static_cast<double>(units + more) <= track->file->interleave_span * track->timescale;
-}
-
 // --- going back in the stream ---
 
 // Stands the stream, and what the file knows of it, at a position that was written before.
@@ -166,7 +155,8 @@ int flush_frame(iso_track* track, const void* data, iso_frame* frame) {
     iso_file* file = track->file;
     const bool goes_on = file->own->direct_track == track &&
                          span_allows(track, track->own->run_units, frame->duration);
-    if (!goes_on && !begin_run(track, file->own->write_pos)) return kNoMemory;
+    constexpr uint32_t kOnlyDescription = 1;
+    if (!goes_on && !begin_run(track, file->own->write_pos, kOnlyDescription)) return kNoMemory;
     file->own->direct_track = track;
     if (!write_stream(file, data, frame->size)) {
         file->own->finalised = 1;  // the stream no longer stands where the tables would tell
@@ -214,89 +204,39 @@ int finish_direct(iso_file* file, uint32_t media_header) {
 
 // --- queued mode ---
 
-// The next samples of a track that are not yet in a run.
-struct Queue {
-    iso_track* track;
-    iso_frame* next;
-    uint64_t time;  // of `next`, track units
-    size_t number;  // of the track in the list
-
-    uint64_t timescale() const { return std::max<uint32_t>(track->timescale, 1); }
-
-    // Whether the other's samples come first: it is less far on, or as far and earlier in the list.
-    // In whole numbers, so that every machine lays a file out the same way; times and timescales
-    // have 32 bits each.
-    bool operator<(const Queue& other) const {
-        const uint64_t own = time * other.timescale();
-        const uint64_t others = other.time * timescale();
-        return own != others ? own > others : number > other.number;
-    }
-};
-
-struct PlannedRun {
-    iso_track* track;
-    const iso_frame* first;
-    uint32_t samples;
-};
-
-// Takes samples into a run as long as its span allows, at least one; returns their bytes.
-uint64_t fill_run(Queue& queue) {
-    uint64_t bytes = 0;
-    uint64_t units = 0;
-    iso_run* run = queue.track->own->last_run;
-    do {
-        bytes += queue.next->size;
-        units += queue.next->duration;
-        run->samples++;
-        queue.next = queue.next->next;
-    } while (queue.next != nullptr && span_allows(queue.track, units, queue.next->duration));
-    queue.time += units;
-    return bytes;
-}
-
-// Lays the samples of all tracks out behind one another; the media bytes through `media`. 0 or an
-// error.
-int plan(iso_file* file, std::vector<PlannedRun>& runs, uint64_t& media) {
-    std::priority_queue<Queue> queues;  // its top is the one whose samples come next
-    size_t number = 0;
-    for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
-        if (track->own->first_frame != nullptr)
-            queues.push({track, track->own->first_frame, 0, number++});
-    }
-    media = 0;
-    while (!queues.empty()) {
-        if (media > UINT32_MAX) return kTooLarge;
-        Queue queue = queues.top();
-        queues.pop();
-        const iso_frame* first = queue.next;
-        if (!begin_run(queue.track, static_cast<uint32_t>(media))) return kNoMemory;
-        media += fill_run(queue);
-        runs.push_back({queue.track, first, queue.track->own->last_run->samples});
-        if (queue.next != nullptr) queues.push(queue);
-    }
-    return 0;
-}
-
-bool write_spooled(iso_track* track, uint32_t size) {
+bool write_spooled(std::FILE* spool, uint32_t size, MediaOutput& output) {
     uint8_t piece[4096];
     while (size > 0) {
         const uint32_t count = std::min<uint32_t>(size, sizeof piece);
-        if (std::fread(piece, 1, count, track->own->spool) != count) return false;
-        if (!write_stream(track->file, piece, count)) return false;
+        if (std::fread(piece, 1, count, spool) != count) return false;
+        if (!output.write({piece, count})) return false;
         size -= count;
     }
     return true;
 }
 
-bool write_run(const PlannedRun& run) {
-    const iso_frame* frame = run.first;
-    for (uint32_t i = 0; i < run.samples; ++i, frame = frame->next) {
+bool write_queued_chunk(const ChunkOrder::Chunk& chunk, MediaOutput& output) {
+    const iso_frame* frame = chunk.first.frame();
+    for (uint32_t i = 0; i < chunk.samples; ++i, frame = frame->next) {
         const bool written = frame->data == nullptr
-                                 ? write_spooled(run.track, frame->size)
-                                 : write_stream(run.track->file, frame->data, frame->size);
+                                 ? write_spooled(chunk.track->own->spool, frame->size, output)
+                                 : output.write({frame->data, frame->size});
         if (!written) return false;
     }
     return true;
+}
+
+bool write_media(iso_file* file) {
+    MediaOutput output(file);
+    for (ChunkOrder chunks(file); !chunks.at_end();) {
+        const ChunkOrder::Chunk chunk = chunks.next();
+        SampleProvider* provider = chunk.first.provider();
+        const bool written = provider == nullptr
+                                 ? write_queued_chunk(chunk, output)
+                                 : provider->write(chunk.first.number(), chunk.samples, output);
+        if (!written) return false;
+    }
+    return output.flush();
 }
 
 bool rewind_spools(iso_file* file) {
@@ -338,8 +278,7 @@ bool can_go_back(iso_file* file) {
 
 // The header, and the samples behind it. `moov` is free space until the last sample is written, so
 // that a file that is cut off has none; a stream that cannot go back gets it at once.
-int write_parts(iso_file* file, std::vector<uint8_t>& header, size_t moov_type,
-                const std::vector<PlannedRun>& runs) {
+int write_parts(iso_file* file, std::vector<uint8_t>& header, size_t moov_type) {
     const std::span bytes(header);
     const auto write = [&](std::span<const uint8_t> part) {
         return write_stream(file, part.data(), static_cast<uint32_t>(part.size()));
@@ -350,22 +289,20 @@ int write_parts(iso_file* file, std::vector<uint8_t>& header, size_t moov_type,
     file->own->write_pos = written;
     if (goes_back) store_be32(header.data() + moov_type, fourcc("free"));
     if (!write(bytes.subspan(moov_type))) return kFellShort;
-    if (!std::all_of(runs.begin(), runs.end(), write_run)) return kFellShort;
+    if (!write_media(file)) return kFellShort;
     if (!goes_back) return 0;
     return patch(file, static_cast<uint32_t>(moov_type), fourcc("moov")) ? 0 : kFellShort;
 }
 
 int write_queued(iso_file* file) {
-    std::vector<PlannedRun> runs;
-    uint64_t media = 0;
-    const int planned = plan(file, runs, media);
-    if (planned != 0) return planned;
+    const std::optional<uint64_t> media = lay_out_chunks(file);
+    if (!media) return kNoMemory;
     std::vector<uint8_t> header;
     size_t moov_type = 0;
-    const int made = make_header(file, media, header, moov_type);
+    const int made = make_header(file, *media, header, moov_type);
     if (made != 0) return made;
     if (!rewind_spools(file)) return kFellShort;
-    return write_parts(file, header, moov_type, runs);
+    return write_parts(file, header, moov_type);
 }
 
 // The times of the movie header.
@@ -424,6 +361,39 @@ int finalise(iso_file* file) try {
     return finish_direct(file, static_cast<uint32_t>(write_ftyp(kCountPass, {}, file)));
 } catch (const std::exception&) {  // no memory, or more than a vector can hold
     return kNoMemory;
+}
+
+bool MediaOutput::write(std::span<const uint8_t> bytes) {
+    if (bytes.size() > kPiece - waiting_.size() && !flush()) return false;
+    if (bytes.size() > kPiece) {
+        return write_stream(file_, bytes.data(), static_cast<uint32_t>(bytes.size()));
+    }
+    waiting_.insert(waiting_.end(), bytes.begin(), bytes.end());
+    return true;
+}
+
+bool MediaOutput::flush() {
+    const auto size = static_cast<uint32_t>(waiting_.size());
+    const bool written = write_stream(file_, waiting_.data(), size);
+    waiting_.clear();
+    return written;
+}
+
+int provide_samples(iso_track* track, SampleProvider& provider) {
+    SampleFigures before;
+    for (uint32_t i = 0; i < provider.count(); ++i) {
+        const SampleFigures sample = provider.figures(i);
+        const int refused = check_limits(track, sample.size, sample.duration);
+        if (refused != 0) return refused;
+        count_sample(track, sample, i == 0 ? nullptr : &before);
+        before = sample;
+    }
+    track->own->provider = &provider;
+    return 0;
+}
+
+void abandon(iso_file* file) {
+    file->own->finalised = 1;
 }
 
 int check_open(const iso_track* track) {

@@ -1,0 +1,41 @@
+// What becomes of a call: the first failure, and how far it has come.
+#ifndef KESTREL_COMPANION_HINTER_OUTCOME_H
+#define KESTREL_COMPANION_HINTER_OUTCOME_H
+
+#include <cstdint>
+#include <string>
+
+#include "kestrel/hinter.h"
+
+namespace kestrel::hinter {
+
+class Outcome {
+  public:
+    Outcome(kst_hint_progress progress, void* context) : progress_(progress), context_(context) {}
+    Outcome(const Outcome&) = delete;
+    Outcome& operator=(const Outcome&) = delete;
+
+    // Keeps the first failure, and returns false.
+    bool fail(int result, const std::string& error);
+    bool has_failed() const { return result_ != KST_HINT_DONE; }
+    int result() const { return result_; }
+    const std::string& error() const { return error_; }
+
+    // Bytes of samples to go through.
+    void expect(uint64_t bytes) { all_ += bytes; }
+    // Bytes that were gone through; false when the caller cancels.
+    bool advance(uint64_t bytes);
+
+  private:
+    static constexpr uint64_t kReportEvery = 64 << 10;  // bytes
+
+    int result_ = KST_HINT_DONE;
+    std::string error_;
+    kst_hint_progress progress_;
+    void* context_;
+    uint64_t done_ = 0, reported_ = 0, all_ = 0;
+};
+
+}  // namespace kestrel::hinter
+
+#endif

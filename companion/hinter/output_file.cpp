@@ -1,0 +1,246 @@
+#include "companion/hinter/output_file.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <numeric>
+#include <string>
+
+#include "common/bytes.h"
+#include "interface/src/isoff/read/box_walk.h"
+#include "interface/src/isoff/record/record.h"
+
+namespace kestrel::hinter {
+namespace {
+
+using importer::fourcc;
+
+bool is_written(const Choice& choice) {
+    return choice.fate == Fate::kHinted || choice.fate == Fate::kCopied;
+}
+
+// A date in the 32 bits of version-0 boxes.
+uint32_t date(uint64_t seconds) {
+    return static_cast<uint32_t>(std::min<uint64_t>(seconds, UINT32_MAX));
+}
+
+template <typename T>
+T* keep(T* made) {
+    if (made == nullptr) throw std::bad_alloc();
+    return made;
+}
+
+// --- brands ---
+
+// Brands that declare what the output is not: a QuickTime file, or one in fragments.
+constexpr std::array kOtherForms = {fourcc("qt  "), fourcc("dash"), fourcc("msdh"), fourcc("msix"),
+                                    fourcc("risx"), fourcc("lmsg"), fourcc("sims"), fourcc("cmfc"),
+                                    fourcc("cmf2"), fourcc("cmff"), fourcc("cmfs"), fourcc("cmfl")};
+
+bool is_brand(uint32_t code) {
+    for (unsigned shift = 0; shift < 32; shift += 8) {
+        const uint32_t character = code >> shift & 0xFF;
+        if (character < ' ' || character > '~') return false;
+    }
+    return std::find(kOtherForms.begin(), kOtherForms.end(), code) == kOtherForms.end();
+}
+
+// The brands of the source, its major one first; those of 3GP where it has none that hold.
+void copy_brands(iso_file* file, const importer::Brands& from) {
+    std::vector<uint32_t> codes = {from.major};
+    for (const uint32_t code : from.compatible) {
+        if (std::find(codes.begin(), codes.end(), code) == codes.end()) codes.push_back(code);
+    }
+    std::string brands;
+    for (const uint32_t code : codes) {
+        if (!is_brand(code)) continue;
+        if (!brands.empty()) brands += ' ';
+        for (const unsigned shift : {24U, 16U, 8U, 0U})
+            brands += static_cast<char>(code >> shift & 0xFF);
+    }
+    const bool has_brands = !brands.empty() && is_brand(from.major);
+    isoFFsetBrand(file, has_brands ? brands.c_str() : "3gp6 3gp5 3gp4",
+                  has_brands ? static_cast<int>(from.minor) : file->minor_version);
+}
+
+// --- times ---
+
+bool fits(const importer::Track& track, uint32_t factor) {
+    if (uint64_t{track.timescale} * factor > UINT32_MAX) return false;
+    if (track.duration > UINT32_MAX / factor) return false;
+    const int64_t most = INT32_MAX / factor;
+    return std::all_of(track.samples.begin(), track.samples.end(),
+                       [&](const importer::Sample& sample) {
+                           return std::abs(int64_t{sample.composition_offset}) <= most;
+                       }) &&
+           std::all_of(track.edits.begin(), track.edits.end(), [&](const importer::Edit& edit) {
+               return edit.media_time <= std::numeric_limits<int64_t>::max() / factor;
+           });
+}
+
+// The class API counts a whole number of units in a millisecond. A timescale of which that is not
+// true becomes the least multiple of which it is, where all times fit into 32 bits.
+uint32_t factor_of(const iso_track* to, const importer::Track& track) {
+    constexpr uint32_t kMilliseconds = 1000;
+    const bool is_known =
+        to->codec == ISO_CODEC_SAMR || to->codec == ISO_CODEC_S263 || to->codec == ISO_CODEC_MP4V;
+    const uint32_t factor = kMilliseconds / std::gcd(track.timescale, kMilliseconds);
+    return is_known && fits(track, factor) ? factor : 1;
+}
+
+// --- tables ---
+
+void copy_edits(Written& written) {
+    const importer::Track& from = *written.from;
+    if (from.edits.empty()) return;
+    iso_track_details* details = isoFFtrackDetails(written.to);
+    details->edits = keep(arena_array<iso_elst_entry>(written.to->file, from.edits.size()));
+    details->edit_count = static_cast<int32_t>(from.edits.size());
+    std::transform(from.edits.begin(), from.edits.end(), details->edits,
+                   [&](const importer::Edit& edit) {
+                       const int64_t time =
+                           edit.media_time > 0 ? edit.media_time * written.factor : edit.media_time;
+                       return iso_elst_entry{edit.duration, time, edit.rate};
+                   });
+}
+
+void copy_sync_samples(iso_track* to, const importer::Track& from) {
+    const auto count = static_cast<size_t>(
+        std::count_if(from.samples.begin(), from.samples.end(),
+                      [](const importer::Sample& sample) { return sample.is_sync != 0; }));
+    if (count == from.samples.size()) return;
+    to->sync_samples = keep(arena_array<uint32_t>(to->file, std::max<size_t>(count, 1)));
+    for (size_t i = 0; i < from.samples.size(); ++i) {
+        if (from.samples[i].is_sync)
+            to->sync_samples[to->sync_count++] = static_cast<uint32_t>(i + 1);
+    }
+}
+
+// --- boxes ---
+
+// Those who refer to a track that is not written would refer to nothing.
+void copy_references(Written& written, const std::vector<Choice>& choices) {
+    const auto is_there = [&](uint32_t id) {
+        return std::any_of(choices.begin(), choices.end(), [&](const Choice& choice) {
+            return is_written(choice) && choice.track->id == id;
+        });
+    };
+    for (const importer::Reference& reference : written.from->references) {
+        CopiedReference copy = {reference.type, {}};
+        std::copy_if(reference.track_ids.begin(), reference.track_ids.end(),
+                     std::back_inserter(copy.track_ids), is_there);
+        if (!copy.track_ids.empty()) written.boxes.references.push_back(copy);
+    }
+}
+
+// The library reads one grouping of a track, in its first version.
+void copy_groups(Written& written) {
+    constexpr size_t kVersion = 8;  // where it is in a box
+    for (const importer::Group& group : written.from->groups) {
+        const bool is_read = (group.samples.size() <= kVersion || group.samples[kVersion] == 0) &&
+                             group.type != fourcc("3gag") && group.type != fourcc("avcb");
+        if (!is_read) continue;
+        if (!group.samples.empty()) written.boxes.groups.emplace_back(group.samples);
+        if (!group.descriptions.empty()) written.boxes.groups.emplace_back(group.descriptions);
+        return;
+    }
+}
+
+void copy_boxes(Written& written, const Choice& choice, const std::vector<Choice>& choices) {
+    importer::Track& from = *written.from;
+    written.boxes.name = from.name;
+    written.boxes.media_header = from.media_header;
+    if (written.is_hinted) {
+        std::vector<uint8_t>& entry = from.descriptions[choice.description].box;
+        written.boxes.sample_entries = {entry};
+        read_sample_entry(written.to, entry);
+    } else {
+        for (const importer::Description& description : from.descriptions)
+            written.boxes.sample_entries.emplace_back(description.box);
+    }
+    copy_references(written, choices);
+    copy_groups(written);
+    written.to->own->copied = &written.boxes;
+}
+
+void describe_track(iso_track* to, const importer::Track& from) {
+    store_be32(reinterpret_cast<uint8_t*>(to->handler), from.handler);
+    to->track_id = from.id;
+    to->creation_time = date(from.creation_time);
+    to->modification_time = date(from.modification_time);
+    to->timescale = from.timescale;
+    to->layer = from.layer;
+    to->alternate_group = from.alternate_group;
+    to->volume = from.volume;
+    std::copy(from.matrix.begin(), from.matrix.end(), std::begin(to->matrix));
+    iso_track_details* details = isoFFtrackDetails(to);
+    details->language = from.language;
+    details->header_flags = from.flags;
+    details->display_width = from.width;
+    details->display_height = from.height;
+}
+
+// Gives a whole box a header with a size of 32 bits, the only one that players know.
+void shorten_header(std::vector<uint8_t>& box) {
+    constexpr size_t kHeader = 8, kLargeHeader = 16;
+    constexpr uint32_t kLargeSize = 1;
+    if (box.size() >= kLargeHeader && load_be32(box.data()) == kLargeSize) {
+        box.erase(box.begin() + kHeader, box.begin() + kLargeHeader);
+    }
+    if (box.size() >= kHeader) store_be32(box.data(), static_cast<uint32_t>(box.size()));
+}
+
+}  // namespace
+
+void shorten_headers(importer::Movie& movie) {
+    shorten_header(movie.object_descriptor);
+    for (importer::Track& track : movie.tracks) {
+        shorten_header(track.media_header);
+        for (importer::Description& description : track.descriptions)
+            shorten_header(description.box);
+        for (importer::Group& group : track.groups) {
+            shorten_header(group.samples);
+            shorten_header(group.descriptions);
+        }
+    }
+}
+
+void describe_movie(iso_file* file, const importer::Movie& movie,
+                    const std::vector<Choice>& choices) {
+    file->creation_time = date(movie.creation_time);
+    file->modification_time = date(movie.modification_time);
+    file->timescale = movie.timescale;
+    file->size_limit = UINT32_MAX;
+    copy_brands(file, movie.brands);
+    // The longest track may have been dropped, and the object descriptor may name those that were.
+    const bool is_whole = std::none_of(choices.begin(), choices.end(), [](const Choice& choice) {
+        return choice.fate == Fate::kDropped;
+    });
+    if (is_whole) {
+        file->duration = movie.duration > UINT32_MAX ? 0 : static_cast<uint32_t>(movie.duration);
+        file->own->copied_iods = movie.object_descriptor;
+    }
+    for (const Choice& choice : choices) {
+        if (is_written(choice))
+            file->next_track_id = std::max(file->next_track_id, choice.track->id + 1);
+    }
+}
+
+void make_track(iso_file* file, const Choice& choice, const std::vector<Choice>& choices,
+                Written& written) {
+    const uint32_t next_id = file->next_track_id;
+    written.to = keep(isoFFtrack(file));
+    file->next_track_id = next_id;
+    written.to->codec = ISO_CODEC_NONE;
+    describe_track(written.to, *written.from);
+    copy_boxes(written, choice, choices);
+    if (written.is_hinted) written.factor = factor_of(written.to, *written.from);
+    written.to->timescale *= written.factor;
+    copy_edits(written);
+    copy_sync_samples(written.to, *written.from);
+}
+
+}  // namespace kestrel::hinter

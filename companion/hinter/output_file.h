@@ -1,0 +1,38 @@
+// The records of what is written, made from what was read.
+#ifndef KESTREL_COMPANION_HINTER_OUTPUT_FILE_H
+#define KESTREL_COMPANION_HINTER_OUTPUT_FILE_H
+
+#include <vector>
+
+#include "companion/hinter/track_choice.h"
+#include "companion/importer/movie.h"
+#include "interface/src/isoff/write/copied_boxes.h"
+#include "kestrel/isoff.h"
+
+namespace kestrel::hinter {
+
+// A track of the source that is written.
+struct Written {
+    importer::Track* from;
+    bool is_hinted;
+    iso_track* to = nullptr;
+    uint32_t factor = 1;  // of its times: units of `to` for one of `from`
+    CopiedBoxes boxes;
+};
+
+// Gives the boxes that were read whole the headers that players know. Call it first.
+void shorten_headers(importer::Movie& movie);
+
+// Both may throw std::bad_alloc. What they take from the movie must outlive the file.
+
+// The movie header and the brands.
+void describe_movie(iso_file* file, const importer::Movie& movie,
+                    const std::vector<Choice>& choices);
+
+// Makes the track without its samples.
+void make_track(iso_file* file, const Choice& choice, const std::vector<Choice>& choices,
+                Written& written);
+
+}  // namespace kestrel::hinter
+
+#endif

@@ -1,0 +1,39 @@
+// The packets of all samples of a track in a few bytes each, so that no sample need be laid out
+// twice.
+#ifndef KESTREL_COMPANION_HINTER_PACKET_PLAN_H
+#define KESTREL_COMPANION_HINTER_PACKET_PLAN_H
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "interface/src/isoff/write/hint_sample_planner.h"
+
+namespace kestrel::hinter {
+
+// Takes the packets of one sample after the other, and gives them back in the same order.
+class PacketPlan {
+  public:
+    void add(const HintPackets& packets);
+    // The packets of the next sample; only as often as there were samples.
+    void take(HintPackets& packets);
+
+  private:
+    // A number in groups of seven bits, the lowest first; the high bit of a byte says that more
+    // follow.
+    void put(uint32_t number);
+    uint32_t get();
+    std::span<const uint8_t> get_bytes(size_t count);
+
+    void put_packet(const HintPacket& packet);
+    void get_packet(HintPackets& packets);
+
+    static constexpr size_t kBlock = 64 << 10;
+
+    std::vector<std::vector<uint8_t>> blocks_;  // a sample's packets are in one
+    size_t block_ = 0, at_ = 0;                 // of the next sample to be taken
+};
+
+}  // namespace kestrel::hinter
+
+#endif

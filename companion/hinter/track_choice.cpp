@@ -1,0 +1,210 @@
+#include "companion/hinter/track_choice.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <new>
+#include <set>
+
+#include "companion/importer/box_reader.h"
+#include "interface/src/isoff/read/box_walk.h"
+#include "interface/src/isoff/write/sample_provider.h"
+
+namespace kestrel::hinter {
+namespace {
+
+using importer::fourcc;
+
+constexpr std::array kHintTypes = {fourcc("rtp "), fourcc("srtp"), fourcc("rrtp"), fourcc("rsrp"),
+                                   fourcc("fdp "), fourcc("sm2t"), fourcc("rm2t")};
+constexpr std::array kPayloadTypes = {fourcc("samr"), fourcc("sawb"), fourcc("s263"),
+                                      fourcc("mp4v"), fourcc("avc1")};
+constexpr uint32_t kLongestSample = 16 << 20;  // bytes that a player takes
+
+template <size_t Count>
+bool is_one_of(const std::array<uint32_t, Count>& types, uint32_t type) {
+    return std::find(types.begin(), types.end(), type) != types.end();
+}
+
+uint32_t type_of(const importer::Track& track) {
+    return track.descriptions.empty() ? 0 : track.descriptions[0].type;
+}
+
+bool is_hint(const importer::Track& track) {
+    return track.handler == fourcc("hint") || is_one_of(kHintTypes, type_of(track));
+}
+
+std::string name_of(const importer::Track& track) {
+    return "track " + std::to_string(track.id);
+}
+
+struct CloseFile {
+    void operator()(iso_file* file) const {
+        abandon(file);
+        isoFFclose(file);
+    }
+};
+
+class Chooser {
+  public:
+    Chooser(importer::Movie& movie, uint32_t flags, Outcome& outcome)
+        : movie_(movie), flags_(flags), outcome_(outcome) {
+        KST_IOSTREAM_CALLBACK_INTERFACE* nowhere = nullptr;
+        scratch_.reset(isoFFopen(nowhere, "w", nullptr));
+        if (scratch_ == nullptr) throw std::bad_alloc();
+    }
+
+    bool run(std::vector<Choice>& choices) {
+        for (importer::Track& track : movie_.tracks) {
+            Choice& choice = choices.emplace_back(Choice{&track, Fate::kCopied});
+            if (!decide(choice)) return false;
+        }
+        return check_ids(choices) && check_playable(choices);
+    }
+
+  private:
+    bool refuse(const importer::Track& track, const std::string& text) {
+        return outcome_.fail(KST_HINT_REFUSED, name_of(track) + text);
+    }
+
+    bool decide(Choice& choice) {
+        const importer::Track& track = *choice.track;
+        if (is_hint(track)) {
+            choice.fate = Fate::kReplaced;
+            return (flags_ & KST_HINT_REPLACE) != 0 ||
+                   outcome_.fail(KST_HINT_HAS_HINTS, name_of(track) + " is a hint track");
+        }
+        if (track.encrypted) {
+            choice.fate = Fate::kDropped;
+            return drops_others() || refuse(track, " is encrypted");
+        }
+        bool has_format = false;
+        if (!find_format(choice, has_format)) return false;
+        if (has_format) {
+            choice.fate = Fate::kHinted;
+            return check_samples(track);
+        }
+        choice.fate = drops_others() ? Fate::kDropped : Fate::kCopied;
+        return choice.fate == Fate::kDropped || check_entries(*choice.track);
+    }
+
+    bool drops_others() const { return (flags_ & KST_HINT_DROP_OTHERS) != 0; }
+
+    // Reads a sample entry as the library will that plays what is written; null when it cannot.
+    const iso_track* read_entry(importer::Description& description) {
+        iso_track* track = isoFFtrack(scratch_.get());
+        if (track == nullptr) throw std::bad_alloc();
+        track->codec = ISO_CODEC_NONE;
+        return read_sample_entry(track, description.box) ? track : nullptr;
+    }
+
+    // Whether the track's medium has a payload format; false when it cannot be hinted nevertheless.
+    bool find_format(Choice& choice, bool& has_format) {
+        importer::Track& track = *choice.track;
+        if (!is_one_of(kPayloadTypes, type_of(track))) return true;
+        if (!track.samples.empty()) choice.description = track.samples[0].description;
+        const bool is_alone = std::all_of(
+            track.samples.begin(), track.samples.end(),
+            [&](const auto& sample) { return sample.description == choice.description; });
+        if (!is_alone) return refuse(track, " has several sample descriptions that differ");
+        const iso_track* entry = read_entry(track.descriptions[choice.description]);
+        if (entry == nullptr) return refuse(track, ": its decoder configuration is damaged");
+        if (is_foreign(entry)) {
+            return drops_others() || refuse(track,
+                                            " (mp4v) is not MPEG-4 Visual, and the class API "
+                                            "ends the process on it");
+        }
+        has_format = has_configuration(entry);
+        return has_format || refuse(track, " has no decoder configuration");
+    }
+
+    // `mp4v` is used for other codecs as well.
+    static bool is_foreign(const iso_track* entry) {
+        constexpr uint8_t kMpeg4Visual = 0x20;  // ISO/IEC 14496-1, table 8
+        return entry->codec == ISO_CODEC_MP4V && entry->object_type != kMpeg4Visual &&
+               entry->dsi_length != 0;
+    }
+
+    static bool has_configuration(const iso_track* entry) {
+        switch (entry->codec) {
+            case ISO_CODEC_AVC1:
+                return entry->dsi_length != 0 && entry->nal_length_size != 0;
+            case ISO_CODEC_MP4V:
+                return entry->dsi_length != 0;
+            case ISO_CODEC_S263:  // `d263`; level 0 is none
+                return entry->vendor[0] != '\0' || entry->level != 0;
+            default:
+                return true;
+        }
+    }
+
+    // An entry that the library cannot read would keep it from all tracks.
+    bool check_entries(importer::Track& track) {
+        for (importer::Description& description : track.descriptions) {
+            if (read_entry(description) == nullptr) {
+                return refuse(track, " (" + importer::type_text(description.type) +
+                                         "): its decoder configuration is damaged");
+            }
+        }
+        return true;
+    }
+
+    bool check_samples(const importer::Track& track) {
+        const auto longest = std::max_element(
+            track.samples.begin(), track.samples.end(),
+            [](const auto& one, const auto& other) { return one.size < other.size; });
+        if (longest == track.samples.end() || longest->size <= kLongestSample) return true;
+        return refuse(track, ": sample " + std::to_string(longest - track.samples.begin() + 1) +
+                                 " has " + std::to_string(longest->size) +
+                                 " bytes, more than the " + std::to_string(kLongestSample) +
+                                 " that a player takes");
+    }
+
+    bool check_ids(const std::vector<Choice>& choices) {
+        std::set<uint32_t> ids;
+        for (const Choice& choice : choices) {
+            if (choice.fate == Fate::kReplaced || choice.fate == Fate::kDropped) continue;
+            if (choice.track->id == 0) return refuse(*choice.track, " has no track ID");
+            if (!ids.insert(choice.track->id).second) {
+                return refuse(*choice.track, ": another track has the same ID");
+            }
+        }
+        const uint64_t highest = ids.empty() ? 0 : *ids.rbegin();
+        return highest + ids.size() < UINT32_MAX ||
+               outcome_.fail(KST_HINT_REFUSED, "no track ID is left for hint tracks");
+    }
+
+    bool check_playable(const std::vector<Choice>& choices) {
+        for (const Choice& choice : choices) {
+            if (choice.fate == Fate::kHinted) return true;
+        }
+        for (const Choice& choice : choices) {
+            if (choice.track->encrypted) return refuse(*choice.track, " is encrypted");
+        }
+        return outcome_.fail(KST_HINT_REFUSED, "no AMR, H.263, MPEG-4 or H.264 track");
+    }
+
+    importer::Movie& movie_;
+    uint32_t flags_;
+    Outcome& outcome_;
+    std::unique_ptr<iso_file, CloseFile> scratch_;
+};
+
+}  // namespace
+
+bool choose_tracks(importer::Movie& movie, uint32_t flags, Outcome& outcome,
+                   std::vector<Choice>& choices) {
+    return Chooser(movie, flags, outcome).run(choices);
+}
+
+std::string dropped_text(const std::vector<Choice>& choices) {
+    std::string text;
+    for (const Choice& choice : choices) {
+        if (choice.fate != Fate::kDropped) continue;
+        if (!text.empty()) text += ", ";
+        text += name_of(*choice.track) + " (" + importer::type_text(type_of(*choice.track)) + ")";
+    }
+    return text;
+}
+
+}  // namespace kestrel::hinter

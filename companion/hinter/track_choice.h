@@ -1,0 +1,36 @@
+// Which tracks of the source are written, and which of them get hint tracks.
+#ifndef KESTREL_COMPANION_HINTER_TRACK_CHOICE_H
+#define KESTREL_COMPANION_HINTER_TRACK_CHOICE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "companion/hinter/outcome.h"
+#include "companion/importer/movie.h"
+
+namespace kestrel::hinter {
+
+enum class Fate {
+    kHinted,
+    kCopied,
+    kDropped,   // has no payload format
+    kReplaced,  // is a hint track
+};
+
+struct Choice {
+    importer::Track* track;
+    Fate fate;
+    uint32_t description = 0;  // kHinted: the only one that samples have, from 0
+};
+
+// Decides about all tracks. False when the source cannot be copied as it is asked.
+bool choose_tracks(importer::Movie& movie, uint32_t flags, Outcome& outcome,
+                   std::vector<Choice>& choices);
+
+// "track 3 (tx3g), track 4 (mp4a)" of those that were dropped.
+std::string dropped_text(const std::vector<Choice>& choices);
+
+}  // namespace kestrel::hinter
+
+#endif

@@ -1,0 +1,31 @@
+// Media data on its way to the stream.
+#ifndef KESTREL_ISOFF_MEDIA_OUTPUT_H
+#define KESTREL_ISOFF_MEDIA_OUTPUT_H
+
+#include <span>
+#include <vector>
+
+#include "interface/src/isoff/record/record.h"
+
+namespace kestrel {
+
+// Collects small pieces, so that the stream gets large ones.
+class MediaOutput {
+  public:
+    explicit MediaOutput(iso_file* file) : file_(file) { waiting_.reserve(kPiece); }
+
+    // False when the stream failed or took fewer bytes.
+    bool write(std::span<const uint8_t> bytes);
+    // Hands on what is left.
+    bool flush();
+
+  private:
+    static constexpr size_t kPiece = 64 << 10;
+
+    iso_file* file_;
+    std::vector<uint8_t> waiting_;
+};
+
+}  // namespace kestrel
+
+#endif

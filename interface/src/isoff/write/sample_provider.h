@@ -1,0 +1,74 @@
+// Samples of a track that is being written, wherever they are kept.
+#ifndef KESTREL_ISOFF_SAMPLE_PROVIDER_H
+#define KESTREL_ISOFF_SAMPLE_PROVIDER_H
+
+#include <cstdint>
+
+#include "interface/src/isoff/record/record.h"
+
+namespace kestrel {
+
+class MediaOutput;
+
+// What the tables of a file declare about a sample.
+struct SampleFigures {
+    uint32_t size = 0;         // bytes
+    uint32_t duration = 0;     // track units
+    int32_t cts_offset = 0;    // track units
+    uint32_t description = 1;  // sample entry, from 1
+};
+
+// The samples of a track whose caller keeps them itself instead of queueing them: their figures at
+// any time, their bytes once, in order, when the file is written. Sample numbers count from 0.
+class SampleProvider {
+  public:
+    virtual ~SampleProvider() = default;
+    virtual uint32_t count() const = 0;
+    virtual SampleFigures figures(uint32_t sample) const = 0;
+    // Writes the bytes of `count` samples from `first` on; false ends the writing of the file.
+    virtual bool write(uint32_t first, uint32_t count, MediaOutput& output) = 0;
+};
+
+// Makes `provider`, which must outlive the file, the samples of a track that has none. 0, or -6 or
+// -7 as isoFFwrite.
+int provide_samples(iso_track* track, SampleProvider& provider);
+
+// Has isoFFclose release the file without writing it.
+void abandon(iso_file* file);
+
+// A cursor over the samples that a track has queued or that are provided for it.
+class SampleWalk {
+  public:
+    explicit SampleWalk(const iso_track* track)
+        : provider_(track->own->provider), frame_(track->own->first_frame) {}
+
+    bool at_end() const {
+        return provider_ == nullptr ? frame_ == nullptr : number_ >= provider_->count();
+    }
+    SampleFigures figures() const {
+        if (provider_ != nullptr) return provider_->figures(number_);
+        return {frame_->size, frame_->duration, frame_->cts_offset};
+    }
+    void next() {
+        if (provider_ == nullptr) frame_ = frame_->next;
+        ++number_;
+    }
+    void skip(uint32_t samples) {
+        for (uint32_t i = 0; i < samples && provider_ == nullptr; ++i)
+            frame_ = frame_->next;
+        number_ += samples;
+    }
+
+    uint32_t number() const { return number_; }             // of the sample, from 0
+    const iso_frame* frame() const { return frame_; }       // null for a provided one
+    SampleProvider* provider() const { return provider_; }  // null for a queued one
+
+  private:
+    SampleProvider* provider_;
+    const iso_frame* frame_;
+    uint32_t number_ = 0;
+};
+
+}  // namespace kestrel
+
+#endif

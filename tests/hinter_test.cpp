@@ -1,0 +1,521 @@
+#include "kestrel/hinter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <numeric>
+
+#include "common/bytes.h"
+#include "companion/importer/movie.h"
+#include "kestrel/isoff.h"
+#include "tests/support/files.h"
+#include "tests/support/movie_forms.h"
+#include "tests/support/playing.h"
+
+// Files through kst_hint: what is written is compared with the source sample by sample, played and
+// sought in.
+
+namespace {
+
+using kestrel::importer::fourcc;
+using kestrel::importer::Movie;
+using kestrel::importer::Sample;
+using kestrel::importer::Track;
+
+struct Hinted {
+    int result = -1;
+    kst_hint_report report = {};
+    Bytes file;
+};
+
+kst_hint_options with(uint32_t flags, uint32_t max_packet = 0) {
+    kst_hint_options options = {};
+    options.struct_size = sizeof options;
+    options.flags = flags;
+    options.max_packet = max_packet;
+    return options;
+}
+
+Hinted hint(KST_IOSTREAM_CALLBACK_INTERFACE* source, const kst_hint_options& options) {
+    Hinted hinted;
+    hinted.report.struct_size = sizeof hinted.report;
+    kst_host* to = kst_host_for_writing_memory();
+    hinted.result = kst_hint(source, kst_host_callbacks(to), &options, &hinted.report);
+    size_t size = 0;
+    const auto* bytes = static_cast<const uint8_t*>(kst_host_written(to, &size));
+    hinted.file.assign(bytes, bytes + size);
+    kst_host_close(to);
+    return hinted;
+}
+
+Hinted hint(const Bytes& source, const kst_hint_options& options = with(0)) {
+    kst_host* from = kst_host_from_memory(source.data(), source.size());
+    Hinted hinted = hint(kst_host_callbacks(from), options);
+    kst_host_close(from);
+    return hinted;
+}
+
+Movie import(const Bytes& file) {
+    Movie movie;
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    const auto result = import_movie(*kst_host_callbacks(host), {}, movie);
+    EXPECT_TRUE(result.ok) << result.error;
+    kst_host_close(host);
+    return movie;
+}
+
+const Track* find(const Movie& movie, uint32_t id) {
+    const auto at = std::find_if(movie.tracks.begin(), movie.tracks.end(),
+                                 [&](const Track& track) { return track.id == id; });
+    return at == movie.tracks.end() ? nullptr : &*at;
+}
+
+bool is_hint(const Track& track) {
+    return track.handler == fourcc("hint");
+}
+
+std::span<const uint8_t> bytes_of(const Bytes& file, const Sample& sample) {
+    return std::span(file).subspan(static_cast<size_t>(sample.offset), sample.size);
+}
+
+// Without its header, which may have a 64-bit size.
+std::span<const uint8_t> body_of(const Bytes& box) {
+    const bool is_large = box.size() > 16 && kestrel::load_be32(box.data()) == 1;
+    return std::span(box).subspan(std::min<size_t>(is_large ? 16 : 8, box.size()));
+}
+
+// --- the same samples ---
+
+// Each track of the source, with its samples at their times.
+void expect_same_track(const Bytes& source, const Track& was, const Bytes& hinted,
+                       const Track& now) {
+    ASSERT_EQ(now.timescale % was.timescale, 0U);
+    const uint32_t factor = now.timescale / was.timescale;
+    EXPECT_EQ(now.handler, was.handler);
+    EXPECT_EQ(now.name, was.name);
+    EXPECT_EQ(now.language, was.language);
+    EXPECT_EQ(now.flags, was.flags);
+    EXPECT_EQ(now.matrix, was.matrix);
+    EXPECT_TRUE(std::ranges::equal(body_of(now.media_header), body_of(was.media_header)));
+    ASSERT_EQ(now.edits.size(), was.edits.size());
+    for (size_t i = 0; i < was.edits.size(); ++i) {
+        const int64_t time = was.edits[i].media_time;
+        EXPECT_EQ(now.edits[i].duration, was.edits[i].duration);
+        EXPECT_EQ(now.edits[i].media_time, time > 0 ? time * factor : time);
+    }
+    ASSERT_EQ(now.samples.size(), was.samples.size());
+    for (size_t i = 0; i < was.samples.size(); ++i) {
+        SCOPED_TRACE(i);
+        const Sample& before = was.samples[i];
+        const Sample& after = now.samples[i];
+        ASSERT_EQ(after.size, before.size);
+        ASSERT_TRUE(std::ranges::equal(bytes_of(hinted, after), bytes_of(source, before)));
+        ASSERT_EQ(after.duration, before.duration * factor);
+        ASSERT_EQ(after.composition_offset,
+                  before.composition_offset * static_cast<int32_t>(factor));
+        ASSERT_EQ(after.is_sync, before.is_sync);
+        ASSERT_EQ(now.descriptions[after.description].type,
+                  was.descriptions[before.description].type);
+    }
+}
+
+void expect_same_tracks(const Bytes& source, const Bytes& hinted) {
+    const Movie before = import(source);
+    const Movie after = import(hinted);
+    EXPECT_EQ(after.timescale, before.timescale);
+    for (const Track& was : before.tracks) {
+        if (is_hint(was)) continue;
+        SCOPED_TRACE(was.id);
+        const Track* now = find(after, was.id);
+        ASSERT_NE(now, nullptr);
+        expect_same_track(source, was, hinted, *now);
+    }
+    for (const Track& track : after.tracks) {
+        if (!is_hint(track)) continue;
+        const Track* media = find(after, track.references.at(0).track_ids.at(0));
+        ASSERT_NE(media, nullptr);
+        EXPECT_EQ(track.timescale, media->timescale);
+        ASSERT_EQ(track.samples.size(), media->samples.size());
+        for (size_t i = 0; i < track.samples.size(); ++i)
+            ASSERT_EQ(track.samples[i].duration, media->samples[i].duration);
+    }
+}
+
+std::vector<std::string> all_clips() {
+    std::vector<std::string> names = sample_names();
+    for (const auto& entry : std::filesystem::directory_iterator(KESTREL_SAMPLES "/wild")) {
+        if (entry.path().extension() != ".frames")
+            names.push_back("wild/" + entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool is_unsupported(const std::string& name) {
+    return name.starts_with("aac");
+}
+
+class Clip : public testing::TestWithParam<std::string> {};
+
+TEST_P(Clip, KeepsEverySample) {
+    const Bytes source = read_sample(GetParam());
+    for (const auto& options :
+         {with(KST_HINT_REPLACE), with(KST_HINT_REPLACE | KST_HINT_RFC2190, 300)}) {
+        SCOPED_TRACE(options.max_packet);
+        const Hinted hinted = hint(source, options);
+        if (is_unsupported(GetParam())) {
+            EXPECT_EQ(hinted.result, KST_HINT_REFUSED);
+            EXPECT_STREQ(hinted.report.error, "no AMR, H.263, MPEG-4 or H.264 track");
+            EXPECT_TRUE(hinted.file.empty());
+            continue;
+        }
+        ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
+        EXPECT_STREQ(hinted.report.error, "");
+        EXPECT_STREQ(hinted.report.left_out, "");
+        EXPECT_EQ(hinted.report.bytes, hinted.file.size());
+        expect_same_tracks(source, hinted.file);
+        // Hinting again finds the same to do.
+        EXPECT_EQ(hint(hinted.file, options).file, hinted.file);
+    }
+}
+
+// A hinted medium as the library plays it.
+struct HintedMedium {
+    const Track* track;
+    const char* mode;
+    bool class_api;  // knows the codec, and the medium is the only one of its kind
+};
+
+std::vector<HintedMedium> hinted_media(const Movie& movie) {
+    std::vector<HintedMedium> media;
+    for (const Track& hint_track : movie.tracks) {
+        if (!is_hint(hint_track)) continue;
+        const Track* track = find(movie, hint_track.references.at(0).track_ids.at(0));
+        const uint32_t type = track->descriptions.at(0).type;
+        const bool is_known =
+            type == fourcc("samr") || type == fourcc("s263") || type == fourcc("mp4v");
+        const auto alike = std::ranges::count_if(
+            movie.tracks, [&](const Track& other) { return other.handler == track->handler; });
+        media.push_back(
+            {track, track->handler == fourcc("soun") ? "ar" : "vr", is_known && alike == 1});
+    }
+    return media;
+}
+
+TEST_P(Clip, PlaysAlsoWhileItArrives) {
+    constexpr uint32_t kStep = 9973;  // bytes
+    if (is_unsupported(GetParam())) return;
+    const Hinted hinted = hint(read_sample(GetParam()), with(KST_HINT_REPLACE));
+    const Movie movie = import(hinted.file);
+    for (const HintedMedium& medium : hinted_media(movie)) {
+        for (const Road api : {Road::kFunction, Road::kClass}) {
+            if (api == Road::kClass && !medium.class_api) continue;
+            SCOPED_TRACE(std::string(medium.mode) + (api == Road::kClass ? " class" : " function"));
+            const Played whole = play(hinted.file, medium.mode, {.road = api});
+            EXPECT_EQ(whole.status, KST_END_OF_FILE);
+            // A header and the samples, which the native format makes no smaller.
+            const uint64_t media = std::accumulate(
+                medium.track->samples.begin(), medium.track->samples.end(), uint64_t{0},
+                [](uint64_t bytes, const Sample& sample) { return bytes + sample.size; });
+            EXPECT_GT(whole.stream.size(), media * 9 / 10);
+            const Played arriving = play_arriving(hinted.file, medium.mode, kStep, {.road = api});
+            EXPECT_EQ(arriving.status, KST_END_OF_FILE);
+            EXPECT_EQ(arriving.stream, whole.stream);
+        }
+    }
+}
+
+// --- seeking by time ---
+
+// The sync sample that a rule chooses for a sample, both from 1 (0 for none).
+uint32_t chosen(const std::vector<uint32_t>& syncs, uint32_t sample, uint32_t rule) {
+    const auto next = std::lower_bound(syncs.begin(), syncs.end(), sample);
+    if (next != syncs.end() && *next == sample) return sample;
+    const uint32_t before = next == syncs.begin() ? 0 : *std::prev(next);
+    if (next == syncs.end() || rule == KST_SEEK_PREVIOUS_SYNC) return before;
+    if (rule == KST_SEEK_NEXT_SYNC) return *next;
+    return sample - before >= *next - sample ? before : *next;  // the farther one
+}
+
+// Seeks to times all over the medium, and compares the sample reached with that of the time.
+void expect_right_seeks(const Bytes& file, const HintedMedium& medium) {
+    const Track& track = *medium.track;
+    std::vector<uint64_t> begins;
+    std::vector<uint32_t> syncs;
+    uint64_t time = 0;
+    for (const Sample& sample : track.samples) {
+        begins.push_back(time);
+        if (sample.is_sync) syncs.push_back(static_cast<uint32_t>(begins.size()));
+        time += sample.duration;
+    }
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    C3gpInterface player;
+    ASSERT_EQ(player.Open(kst_host_callbacks(host), medium.mode), 0U);
+    for (uint64_t ms = 0; ms * track.timescale < time * 1000; ms += ms % 5 + 1) {
+        const auto at = std::upper_bound(begins.begin(), begins.end(), ms * track.timescale / 1000);
+        const auto sample = static_cast<uint32_t>(at - begins.begin());
+        for (const uint32_t rule :
+             {KST_SEEK_NEXT_SYNC, KST_SEEK_PREVIOUS_SYNC, KST_SEEK_NEAREST_SYNC}) {
+            const uint32_t wanted = chosen(syncs, sample, rule);
+            _TAG_KST_SEEK_PARAMS seek = {};
+            seek.nTime = static_cast<uint32_t>(ms);
+            seek.fFlags = KST_SEEK_ABSOLUTE | rule;
+            ASSERT_EQ(player.SeekTo(&seek), 0U) << ms;
+            ASSERT_EQ(seek.uFrameNum, wanted) << ms << " ms by rule " << rule;
+            ASSERT_EQ(seek.nTime, begins[wanted - 1] * 1000 / track.timescale);
+        }
+    }
+    player.Close();
+    kst_host_close(host);
+}
+
+TEST_P(Clip, SeeksToTheSampleOfATime) {
+    if (is_unsupported(GetParam())) return;
+    const Hinted hinted = hint(read_sample(GetParam()), with(KST_HINT_REPLACE));
+    const Movie movie = import(hinted.file);
+    for (const HintedMedium& medium : hinted_media(movie)) {
+        if (medium.class_api) expect_right_seeks(hinted.file, medium);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Hinter, Clip, testing::ValuesIn(all_clips()), [](const auto& about) {
+    std::string name = about.param;
+    std::ranges::replace_if(
+        name, [](char c) { return c == '.' || c == '/'; }, '_');
+    return name;
+});
+
+// Whatever a file counts in: the class API counts whole units of a millisecond.
+TEST(Hinter, SeeksInEveryTimescale) {
+    for (const char* name : {"amrnb_plain.3gp", "h263_plain.3gp", "mpeg4_plain.3gp"}) {
+        for (const uint32_t timescale : {25U, 600U, 1000U, 11025U, 29970U, 44100U, 90000U}) {
+            SCOPED_TRACE(timescale);
+            Bytes source = read_sample(name);
+            const Bytes mdhd = text("mdhd");
+            const auto at = std::ranges::search(source, mdhd).begin();
+            kestrel::store_be32(&*at + 16, timescale);
+            Bytes stts = text("stts");
+            const auto table = std::ranges::search(source, stts).begin();
+            const uint32_t delta = std::max(timescale / 15, 1U);  // of the first entry
+            kestrel::store_be32(&*table + 16, delta);
+            const Hinted hinted = hint(source);
+            ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
+            expect_same_tracks(source, hinted.file);
+            const Movie movie = import(hinted.file);
+            EXPECT_EQ(movie.tracks.at(0).timescale, std::lcm(timescale, 1000U));
+            expect_right_seeks(hinted.file, hinted_media(movie).at(0));
+        }
+    }
+}
+
+// --- other tracks ---
+
+TEST(Hinter, KeepsOrDropsOtherTracks) {
+    const Bytes source = read_sample("wild/timed_text_aac.mp4");
+    const Hinted kept = hint(source);
+    EXPECT_EQ(kept.report.tracks, 3U);
+    EXPECT_EQ(kept.report.hint_tracks, 1U);
+    EXPECT_EQ(kept.report.dropped_tracks, 0U);
+    const Hinted dropped = hint(source, with(KST_HINT_DROP_OTHERS));
+    EXPECT_EQ(dropped.report.tracks, 1U);
+    EXPECT_EQ(dropped.report.dropped_tracks, 2U);
+    EXPECT_STREQ(dropped.report.left_out, "left out track 2 (mp4a), track 3 (tx3g)");
+    EXPECT_EQ(import(dropped.file).tracks.size(), 2U);
+    const Hinted replaced = hint(kept.file, with(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS));
+    EXPECT_EQ(replaced.report.replaced_tracks, 1U);
+    EXPECT_EQ(replaced.file, dropped.file);
+}
+
+TEST(Hinter, KeepsReferencesToTracksThatAreThere) {
+    const Movie kept = import(hint(read_sample("wild/systems_tracks.mp4")).file);
+    const Movie was = import(read_sample("wild/systems_tracks.mp4"));
+    EXPECT_EQ(kept.object_descriptor, was.object_descriptor);
+    size_t references = 0;
+    for (const Track& track : was.tracks) {
+        ASSERT_EQ(find(kept, track.id)->references.size(), track.references.size());
+        for (size_t i = 0; i < track.references.size(); ++i) {
+            EXPECT_EQ(find(kept, track.id)->references[i].type, track.references[i].type);
+            EXPECT_EQ(find(kept, track.id)->references[i].track_ids, track.references[i].track_ids);
+            ++references;
+        }
+    }
+    EXPECT_GT(references, 0U);
+    const Hinted alone = hint(read_sample("wild/systems_tracks.mp4"), with(KST_HINT_DROP_OTHERS));
+    for (const Track& track : import(alone.file).tracks) {
+        for (const auto& reference : track.references)
+            EXPECT_EQ(reference.type, fourcc("hint"));
+    }
+}
+
+void replace_first(Bytes& file, std::string_view from, std::string_view to) {
+    const auto at = std::search(file.begin(), file.end(), from.begin(), from.end());
+    ASSERT_NE(at, file.end());
+    std::copy(to.begin(), to.end(), at);
+}
+
+TEST(Hinter, RefusesEncryptedTracksButForDroppingThem) {
+    Bytes source = read_sample("av_h263_amrnb_hinted.3gp");
+    replace_first(source, "s263", "encv");
+    const Hinted refused = hint(source, with(KST_HINT_REPLACE));
+    EXPECT_EQ(refused.result, KST_HINT_REFUSED);
+    EXPECT_STREQ(refused.report.error, "track 1 is encrypted");
+    EXPECT_TRUE(refused.file.empty());
+    const Hinted dropped = hint(source, with(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS));
+    ASSERT_EQ(dropped.result, KST_HINT_DONE);
+    EXPECT_EQ(play(dropped.file, "ar").status, KST_END_OF_FILE);
+    replace_first(source, "samr", "enca");
+    EXPECT_STREQ(hint(source, with(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS)).report.error,
+                 "track 1 is encrypted");
+}
+
+TEST(Hinter, SalvagesWhatIsWholeOfACutFile) {
+    Bytes source = read_sample("wild/fragmented_each_frame.3gp");
+    source.resize(source.size() / 2);
+    const Hinted refused = hint(source);
+    EXPECT_EQ(refused.result, KST_HINT_REFUSED);
+    EXPECT_TRUE(refused.file.empty());
+    const Hinted salvaged = hint(source, with(KST_HINT_SALVAGE));
+    ASSERT_EQ(salvaged.result, KST_HINT_DONE) << salvaged.report.error;
+    EXPECT_THAT(salvaged.report.left_out, testing::StartsWith("kept "));
+    EXPECT_GT(salvaged.report.samples, 20U);
+    for (const char* mode : {"ar", "vr"})
+        EXPECT_EQ(play(salvaged.file, mode).status, KST_END_OF_FILE);
+}
+
+// --- forms and damages ---
+
+// Files of one clip in all forms that the importer reads.
+TEST(Hinter, CopiesEveryForm) {
+    for (const MovieForms& forms : single_forms()) {
+        SCOPED_TRACE(forms.name());
+        const Bytes source = make_movie(forms).file;
+        const Hinted hinted = hint(source);
+        if (forms[kEntries] == 2) {
+            EXPECT_STREQ(hinted.report.error,
+                         "track 1 has several sample descriptions that differ");
+            EXPECT_TRUE(hinted.file.empty());
+            continue;
+        }
+        ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
+        expect_same_tracks(source, hinted.file);
+        EXPECT_EQ(play(hinted.file, "vr").status, KST_END_OF_FILE);
+    }
+}
+
+TEST(Hinter, RefusesWhatItCannotHint) {
+    constexpr uint32_t kLong = 0x7FFFFFFF;
+    const struct {
+        const char* name;
+        const char* file;
+        const char* box;
+        size_t offset;  // of four bytes in the body that are replaced, or of the type before it
+        uint32_t value;
+        const char* error;
+    } cases[] = {
+        {"no avcC", "h264_plain.3gp", "avcC", 0, fourcc("free"),
+         "track 1 has no decoder configuration"},
+        {"no esds", "mpeg4_plain.3gp", "esds", 0, fourcc("free"),
+         "track 1 has no decoder configuration"},
+        {"no d263", "h263_plain.3gp", "d263", 0, fourcc("free"),
+         "track 1 has no decoder configuration"},
+        {"long descriptor", "mpeg4_plain.3gp", "esds", 8, 0x037F7F7F,
+         "track 1: its decoder configuration is damaged"},
+        {"long parameter set", "h264_plain.3gp", "avcC", 10, 0xFFFFFFFF,
+         "track 1 has no decoder configuration"},
+        {"long sample", "mpeg4_plain.3gp", "stts", 16, kLong,
+         "track 1 lasts too long: it counts 15360 units a second in 32 bits, so up to 77 h 40 min"},
+    };
+    for (const auto& damaged : cases) {
+        SCOPED_TRACE(damaged.name);
+        Bytes source = read_sample(damaged.file);
+        const Bytes box = text(damaged.box);
+        const auto at = std::ranges::search(source, box).begin();
+        ASSERT_NE(at, source.end());
+        kestrel::store_be32(&*at + damaged.offset, damaged.value);
+        const Hinted hinted = hint(source);
+        EXPECT_EQ(hinted.result, KST_HINT_REFUSED);
+        EXPECT_STREQ(hinted.report.error, damaged.error);
+        EXPECT_TRUE(hinted.file.empty());
+    }
+}
+
+// --- calls ---
+
+TEST(Hinter, RefusesArgumentsThatItDoesNotKnow) {
+    const Bytes source = read_sample("amrnb_plain.3gp");
+    kst_hint_options other_version = with(0);
+    other_version.struct_size -= 4;
+    for (const auto& options : {with(16), with(0, 63), with(0, 65536), other_version}) {
+        const Hinted hinted = hint(source, options);
+        EXPECT_EQ(hinted.result, KST_HINT_BAD_ARGUMENT);
+        EXPECT_TRUE(hinted.file.empty());
+    }
+    kst_host* host = kst_host_for_writing_memory();
+    EXPECT_EQ(kst_hint(nullptr, kst_host_callbacks(host), nullptr, nullptr), KST_HINT_BAD_ARGUMENT);
+    EXPECT_EQ(kst_hint(kst_host_callbacks(host), nullptr, nullptr, nullptr), KST_HINT_BAD_ARGUMENT);
+    kst_host_close(host);
+    EXPECT_EQ(hint(read_sample("amrnb_hinted.3gp")).result, KST_HINT_HAS_HINTS);
+}
+
+TEST(Hinter, CanBeCancelledAtAnyTime) {
+    const Bytes source = read_sample("wild/large_pictures_mpeg4.3gp");
+    struct Watch {
+        int calls = 0;
+        int last = 0;
+        uint64_t done = 0, all = 0;
+    } watch;
+    kst_hint_options options = with(0);
+    options.progress_context = &watch;
+    options.progress = [](void* context, uint64_t done, uint64_t all) {
+        auto* seen = static_cast<Watch*>(context);
+        EXPECT_GT(done, seen->done);
+        seen->done = done;
+        seen->all = all;
+        return ++seen->calls == seen->last ? 1 : 0;
+    };
+    EXPECT_EQ(hint(source, options).result, KST_HINT_DONE);
+    EXPECT_EQ(watch.done, watch.all);
+    ASSERT_GT(watch.calls, 1);
+    for (int last = 1, calls = watch.calls; last <= calls; ++last) {
+        watch = {0, last};
+        const Hinted hinted = hint(source, options);
+        EXPECT_EQ(hinted.result, KST_HINT_CANCELLED);
+        const Bytes movie_box = text("moov");
+        EXPECT_TRUE(std::ranges::search(hinted.file, movie_box).empty());
+    }
+}
+
+// Each call of either host fails in turn, in every way: what comes out is whole, or an error.
+TEST(Hinter, FailingHostsLeaveNoWholeFile) {
+    const Bytes source = read_sample("wild/fragmented.3gp");
+    const Bytes whole = hint(source).file;
+    const auto run = [&](FaultyHost& from, FaultyHost& to) {
+        kst_hint_report report = {};
+        report.struct_size = sizeof report;
+        const int result = kst_hint(from.callbacks(), to.callbacks(), nullptr, &report);
+        EXPECT_EQ(result == KST_HINT_DONE, report.error[0] == '\0');
+        return result;
+    };
+    FaultyHost from_once(source), to_once;
+    ASSERT_EQ(run(from_once, to_once), KST_HINT_DONE);
+    for (const Fault& fault : kFaults) {
+        if (!fault.honest()) continue;
+        SCOPED_TRACE(fault.name);
+        for (int call = 0; call < from_once.calls; ++call) {
+            if (!can_fault(from_once.names[static_cast<size_t>(call)], fault.kind)) continue;
+            FaultyHost from(source), to;
+            from.break_at(call, fault);
+            EXPECT_EQ(run(from, to) == KST_HINT_DONE, to.written() == whole);
+        }
+        for (int call = 0; call < to_once.calls; ++call) {
+            FaultyHost from(source), to;
+            to.break_at(call, fault);
+            const bool is_done = run(from, to) == KST_HINT_DONE;
+            EXPECT_TRUE(!is_done || to.written() == whole);
+        }
+    }
+}
+
+}  // namespace
