@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "tools/commands.h"
+#include "tools/judge/verdict.h"
 #include "tools/support.h"
 
 namespace tool {
@@ -113,20 +114,27 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
     }
 }
 
+// What a mode string names; the last letter holds.
+MediaKind kind_of(const std::string& mode) {
+    return mode.find_last_of("aA") + 1 > mode.find_last_of("vV") + 1 ? MediaKind::kAudio
+                                                                     : MediaKind::kVideo;
+}
+
+Error open_error(kst_host* host, const Options& options, int32_t status) {
+    if (status == KST_BAD_MODE) return status_error(options.input, status);
+    return open_error(host, options.input, options.api, kind_of(options.mode), status);
+}
+
 std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {
     int32_t status = KST_SUCCESS;
     if (options.api == Api::kClass) {
         ClassObject object = open_object(host, options.mode, status);
-        if (object == nullptr) throw status_error(options.input, status);
+        if (object == nullptr) throw open_error(host, options, status);
         if (options.from_ms) seek(*object, host, options);
         return std::make_unique<ClassPlayer>(std::move(object));
     }
     Handle handle = open_track(host, options.mode, status);
-    if (handle == nullptr) {
-        const bool may_explain = status == KST_FAILURE && options.input != "-";
-        throw status_error(options.input, status,
-                           may_explain ? "; 'kestrel info' shows what the file has" : "");
-    }
+    if (handle == nullptr) throw open_error(host, options, status);
     return std::make_unique<FunctionPlayer>(std::move(handle));
 }
 

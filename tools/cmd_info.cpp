@@ -118,9 +118,7 @@ void print_verdict(const Verdict& verdict, const std::string& input) {
         return;
     }
     std::printf("%s (%s", verdict.outcome(), word(verdict.reason));
-    if (verdict.status != KST_SUCCESS) {
-        std::printf("; status %d: %s", verdict.status, kst_StatusString(verdict.status));
-    }
+    if (verdict.status != KST_SUCCESS) std::printf("; %s", status_words(verdict.status).c_str());
     std::printf(")\n%28s%s\n", "", printable(verdict.why).c_str());
     if (!verdict.fix.empty())
         std::printf("%28sfix it: %s\n", "", printable(fix_command(verdict, input)).c_str());
@@ -148,9 +146,7 @@ void info(const Options& options) {
     const auto deadline = options.time.deadline();
     const Host host = open_host(options.input);
     const FileFacts facts = gather_facts(host.get(), deadline);
-    if (!facts.scan.is_3gp()) {
-        throw Error(options.input + ": has neither a file type nor a movie box: no 3GP file");
-    }
+    if (!facts.scan.is_3gp()) throw no_media_file(options.input);
     const std::vector<Verdict> verdicts = Judge(facts, deadline).judge_all();
     Json about = describe_file(facts);
     if (options.json) {

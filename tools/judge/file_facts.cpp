@@ -85,6 +85,10 @@ std::vector<ImportedTrack> import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream
 
 }  // namespace
 
+Error no_media_file(const std::string& input) {
+    return Error(input + ": not an ISO media file: it has neither a file type nor a movie box");
+}
+
 uint64_t memory_limit(const FileScan& scan) {
     constexpr uint64_t kLeast = 256 << 20;
     constexpr uint64_t kForEachByte = 64;  // of movie and fragment boxes
@@ -102,6 +106,7 @@ FileFacts gather_facts(kst_host* host, Clock::time_point deadline) {
     facts.host = host;
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
     ErrorCapture capture;
+    kst_host_rewind(host);
     facts.file = open_iso(host, callbacks);
     facts.remarks = capture.lines();
     facts.scan = scan_file(callbacks);

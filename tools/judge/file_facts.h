@@ -45,6 +45,9 @@ struct FileFacts {
 // error meanwhile is in the remarks.
 FileFacts gather_facts(kst_host* host, Clock::time_point deadline);
 
+// The error for a file that is none of this kind.
+Error no_media_file(const std::string& input);
+
 // The memory that reading and playing may take: a handle holds a multiple of the boxes that it
 // reads.
 uint64_t memory_limit(const FileScan& scan);

@@ -324,8 +324,9 @@ std::string why(const Subject& subject, const Verdict& verdict, const TrialResul
                    " are in the hint track itself, where this API does not look for them.";
         case Reason::kCodec:
             return "This API does not play " + name_of_codec(subject) +
-                   (verdict.api == Api::kClass ? "; it plays AMR-NB, H.263 and MPEG-4 Visual."
-                                               : "; convert it with another tool first.");
+                   (plays_codec(Api::kFunction, subject.codec())
+                        ? "; the function API does."
+                        : "; convert it with another tool first.");
         case Reason::kEncrypted:
             return "The " + medium + " is encrypted.";
         case Reason::kSeveralTracks:
@@ -455,6 +456,11 @@ const char* Verdict::outcome() const {
     return opens && status == KST_SUCCESS ? "gives no frame" : "does not play";
 }
 
+std::string status_words(int32_t status) {
+    const std::string number = "status " + std::to_string(status);
+    return status == KST_FAILURE ? number : number + ": " + kst_StatusString(status);
+}
+
 std::string fix_command(const Verdict& verdict, const std::string& input) {
     if (verdict.fix.empty()) return "";
     const size_t options = verdict.fix.find(' ');
@@ -518,8 +524,14 @@ Reason reason_for_no_media(const FileFacts& facts) {
     return facts.scan.damage.empty() ? Reason::kNoTrack : Reason::kDamaged;
 }
 
-std::string why_not_opened(const FileFacts& facts, Api api, MediaKind kind, int32_t status) {
+Error open_error(kst_host* host, const std::string& input, Api api, MediaKind kind,
+                 int32_t status) {
+    constexpr auto kPatience = std::chrono::seconds(10);
+    const FileFacts facts = gather_facts(host, Clock::now() + kPatience);
+    if (!facts.scan.is_3gp()) return no_media_file(input);
     const Subject subject = subject_of(facts, api, kind);
+    if (!subject.has_track() && facts.scan.has_movie)
+        return Error(input + ": no " + word(kind) + " track");
     TrialResult result;
     result.end = End::kReported;
     result.trial.status = status;
@@ -527,8 +539,12 @@ std::string why_not_opened(const FileFacts& facts, Api api, MediaKind kind, int3
     verdict.api = api;
     verdict.kind = kind;
     verdict.status = status;
-    if (subject.has_track()) verdict.reason = reason_of(subject, result);
-    return why(subject, verdict, result);
+    verdict.reason = subject.has_track() ? reason_of(subject, result) : Reason::kDamaged;
+    std::string sentence = why(subject, verdict, result);
+    sentence.pop_back();  // its full stop
+    if (may_have_fix(verdict.reason) && input != "-")
+        sentence += "; 'kestrel info' looks for a fix";
+    return Error(input + ": " + sentence + " (" + status_words(status) + ")");
 }
 
 }  // namespace tool

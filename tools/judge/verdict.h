@@ -60,6 +60,9 @@ struct Verdict {
 // One word, which scripts may rely on.
 const char* word(Reason reason);
 
+// "status 12: Hint tracks are required"; the number alone where the text says nothing.
+std::string status_words(int32_t status);
+
 // "kestrel hint FILE -o OUT" for a verdict with a fix, quoted for a shell; else empty.
 std::string fix_command(const Verdict& verdict, const std::string& input);
 
@@ -89,9 +92,9 @@ class Judge {
 // Why no medium was found in a file that has a file type or a movie box, or not all of them.
 Reason reason_for_no_media(const FileFacts& facts);
 
-// Says in a sentence why an API does not open a medium, for which it returned `status`. Nothing is
-// tried. Empty when the file's boxes show no reason.
-std::string why_not_opened(const FileFacts& facts, Api api, MediaKind kind, int32_t status);
+// The error of a command that an API, returning `status`, gave no track to: the reason that the
+// boxes of the file show, and the status. Nothing is tried.
+Error open_error(kst_host* host, const std::string& input, Api api, MediaKind kind, int32_t status);
 
 }  // namespace tool
 
