@@ -370,6 +370,16 @@ TEST(Hinter, RefusesEncryptedTracksButForDroppingThem) {
                  "track 1 is encrypted");
 }
 
+TEST(Hinter, ReplacesDamagedHintTracks) {
+    const Bytes whole = read_sample("h263_hinted.3gp");
+    Bytes source = whole;
+    const Bytes stsz = text("stsz");
+    const auto at = std::ranges::find_end(source, stsz).begin();  // of the hint track
+    kestrel::store_be32(&*at + 12, 7);
+    EXPECT_EQ(hint(source).result, KST_HINT_HAS_HINTS);
+    EXPECT_EQ(hint(source, with(KST_HINT_REPLACE)).file, hint(whole, with(KST_HINT_REPLACE)).file);
+}
+
 TEST(Hinter, SalvagesWhatIsWholeOfACutFile) {
     Bytes source = read_sample("wild/fragmented_each_frame.3gp");
     source.resize(source.size() / 2);

@@ -326,7 +326,7 @@ class Check(ToolTest):
         result, rows = self.check(path)
         self.assertEqual(rows[-1][:4], ("-", "damaged", "damaged", "-"))
         self.assertEqual(result.returncode, 1)
-        self.assert_fails(run("hint", "--replace", path, "-o", "-"), 1, "movie box is damaged")
+        self.assert_fails(run("hint", "--replace", path, "-o", "-"), 1, "is inside trak")
 
     def test_a_command_that_fixes_nothing_is_not_named(self):
         hdlr = boxes(pathlib.Path(sample("h263_hinted")).read_bytes(), STBL[:3] + [b"hdlr"])[0]

@@ -72,8 +72,10 @@ class Job {
 
   private:
     bool import() {
-        importer::Result result =
-            importer::import_movie(*host_, {(options_.flags & KST_HINT_SALVAGE) != 0}, movie_);
+        importer::Options how;
+        how.salvage = (options_.flags & KST_HINT_SALVAGE) != 0;
+        how.skip_hint_tracks = true;  // they are left out, or keep the file from being copied
+        importer::Result result = importer::import_movie(*host_, how, movie_);
         if (!result.ok) return outcome_.fail(KST_HINT_REFUSED, result.error);
         salvaged_ = std::move(result.salvaged);
         shorten_headers(movie_);

@@ -126,6 +126,8 @@ struct Options {
     // Keeps the samples that are whole when the file is cut or fragments are missing: of each
     // track, those before the first one that is not.
     bool salvage = false;
+    // Reads of hint tracks no more than what they are: damages of their tables do not count.
+    bool skip_hint_tracks = false;
 };
 
 struct Result {

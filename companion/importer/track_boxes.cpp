@@ -85,7 +85,8 @@ bool keep(Import& import, const Box& container, const Box& box, TrackBoxes& boxe
         return true;
     }
     if (container.type == kStbl && is_group(box.type)) boxes.groups.push_back(box);
-    return true;
+    // A size that is too large has swallowed the next track.
+    return box.type != kTrak || import.fail(box, "is inside " + place_text(container));
 }
 
 bool find_boxes(Import& import, const Box& container, TrackBoxes& boxes) {
@@ -261,6 +262,7 @@ bool read_track(Import& import, const Box& trak) {
         } else if (step.required != nullptr) {
             return import.fail(trak, std::string("has no ") + step.required);
         }
+        if (import.options.skip_hint_tracks && parts.track.handler == fourcc("hint")) return true;
     }
     return read_samples(import, boxes, parts.track, parts.state);
 }

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <new>
 
-#include "tools/hinter.h"
+#include "kestrel/hinter.h"
+#include "tools/support.h"
 
 namespace tool {
 namespace {
@@ -13,18 +14,16 @@ constexpr uint64_t kMostSamples = 1 << 20;  // of all its tracks
 
 // Copies the file with hint tracks to `to`; false when that cannot be done.
 bool hint_to(kst_host* host, bool replace, std::FILE* to) {
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
+    wait_for_all(host);
     kst_host_rewind(host);
-    const IsoFile from = open_iso(host, callbacks);
     const Host memory(kst_host_for_writing_memory());
     if (memory == nullptr) throw std::bad_alloc();
-    KST_IOSTREAM_CALLBACK_INTERFACE* table = kst_host_callbacks(memory.get());
-    IsoFile made(isoFFopen(table, "w", nullptr));
-    if (made == nullptr) throw std::bad_alloc();
-    HintOptions options;
-    options.replace = replace;
-    copy_with_hints(options, from.get(), made.get());
-    if (isoFFclose(made.release()) != 0) return false;
+    kst_hint_options options = {};
+    options.struct_size = sizeof options;
+    options.flags = replace ? KST_HINT_REPLACE : 0;
+    const int result =
+        kst_hint(kst_host_callbacks(host), kst_host_callbacks(memory.get()), &options, nullptr);
+    if (result != KST_HINT_DONE) return false;
     size_t size = 0;
     const void* bytes = kst_host_written(memory.get(), &size);
     return std::fwrite(bytes, 1, size, to) == size && std::fflush(to) == 0;
