@@ -444,29 +444,97 @@ class Packets(ToolTest):
                           "no hint track with this ID")
         self.assert_fails(run("packets", sample("amrnb_plain")), 1, "no hint track")
 
-
-    def test_capture_and_its_description(self):
-        name = "av_h264_amrwb_hinted"
-        out = self.scratch / "cap.pcap"
-        self.assertEqual(run("packets", sample(name), "--pcap", out).returncode, 0)
-        data = out.read_bytes()
+    def capture(self, path):
+        """The packets of each port in a capture, in order, and its text."""
+        data = path.read_bytes()
         self.assertEqual(data[:4], bytes.fromhex("d4c3b2a1"))
-        captured = {5004: [], 5006: []}
-        at, last = 24, (0, 0)
+        captured, at, last = {}, 24, (0, 0)
         while at < len(data):
             seconds, micros, length, _ = struct.unpack("<4I", data[at: at + 16])
             packet = data[at + 16: at + 16 + length]
             self.assertGreaterEqual((seconds, micros), last)
             last = (seconds, micros)
-            captured[int.from_bytes(packet[22:24], "big")].append(packet[28:].hex())
+            captured.setdefault(int.from_bytes(packet[22:24], "big"), []).append(packet[28:].hex())
             at += 16 + length
-        for track, port in (("65536", 5004), ("65537", 5006)):
-            lines = run("packets", sample(name), "--hex", "--track", track).stdout.decode()
-            self.assertEqual(captured[port], [line.split()[6] for line in lines.splitlines()])
-        text = (self.scratch / "cap.sdp").read_text()
-        self.assertIn("m=video 5004 RTP/AVP 96", text)
-        self.assertIn("a=rtpmap:97 AMR-WB/16000", text)
-        self.assertIn("c=IN IP4 192.0.2.2", text)
+        return captured, path.with_suffix(".sdp").read_bytes().decode()
+
+    def test_capture_and_its_description(self):
+        out = self.scratch / "cap.pcap"
+        for name in ["av_h264_amrwb_hinted", "mpeg4_b_hinted", "two_amrnb_hinted",
+                     "h263_hinted_selfref"]:
+            with self.subTest(name=name):
+                self.assertEqual(run("packets", sample(name), "--pcap", out).returncode, 0)
+                captured, text = self.capture(out)
+                lines = [line.split() for line in
+                         run("packets", sample(name), "--hex").stdout.decode().splitlines()]
+                tracks = sorted({line[0] for line in lines})
+                self.assertEqual(captured, {5004 + 2 * number: [line[6] for line in lines
+                                                                if line[0] == track]
+                                            for number, track in enumerate(tracks)})
+                self.assertIn("c=IN IP4 192.0.2.2", text)
+                self.assertEqual(re.findall(r"(?m)^m=\w+ (\d+)", text),
+                                 [str(port) for port in captured])
+                if name.startswith("av_"):
+                    self.assertIn("m=video 5004 RTP/AVP 96", text)
+                    self.assertIn("a=rtpmap:97 AMR-WB/16000", text)
+
+    def test_names_and_texts_add_no_line_to_the_description(self):
+        data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        text = boxes(data, [b"moov", b"trak", b"udta", b"hnti", b"sdp "])[0]
+        evil = b"m=audio 1 RTP/AVP 97\rc=IN IP4 6.6.6.6\nc=IN IP4 6.6.6.6\nt=1 1\na=\x1b[2J\n"
+        path = self.scratch / "clip\r\nc=IN IP4 6.6.6.6"
+        path.write_bytes(data.replace(text, evil.ljust(len(text), b"\n")))
+        out = self.scratch / "cap.pcap"
+        self.assertEqual(run("packets", path, "--pcap", out).returncode, 0)
+        lines = self.capture(out)[1].split("\r\n")
+        self.assertEqual([line[:2] for line in lines],
+                         ["v=", "o=", "s=", "c=", "t=", "m=", "a=", ""])
+        self.assertEqual(lines[3], "c=IN IP4 192.0.2.2")
+        for line in lines:
+            self.assertNotRegex(line, r"[\x00-\x1f]")
+
+    def test_captures_that_are_refused(self):
+        folder, name = self.scratch / "folder", sample("h263_hinted")
+        folder.mkdir()
+        out = folder / "cap.pcap"
+        (folder / "link.pcap").symlink_to("link.sdp")
+        for path, code, message in [(folder / "z.sdp", 2, "another, such as"),
+                                    (folder / "z.SDP", 2, "another, such as"),
+                                    (folder / "link.pcap", 2, "leads to the same file"),
+                                    (name, 2, "is the input"), ("-", 2, "needs a file")]:
+            self.assert_fails(run("packets", name, "--pcap", path), code, message)
+        self.assertEqual(len(list(folder.iterdir())), 1)
+        self.assertEqual(run("packets", name, "--pcap", out).returncode, 0)
+        size = out.stat().st_size
+        out.write_bytes(b"old")
+        self.assert_fails(run("packets", name, "--pcap", out, "--limit", size - 1), 1,
+                          f"longer than {size - 1} bytes; --limit BYTES")
+        self.assertEqual(out.read_bytes(), b"old")
+        self.assertEqual(run("packets", name, "--pcap", out, "--limit", size).returncode, 0)
+        self.assertEqual(out.stat().st_size, size)
+
+    def test_packets_that_are_left_out_are_a_failure(self):
+        data = pathlib.Path(sample("h263_hinted")).read_bytes()
+        whole = run("packets", sample("h263_hinted")).stdout
+        hint = data.rindex(b"stbl")
+        chunks, runs = (data.index(kind, hint) + 4 for kind in (b"stco", b"stsc"))
+        together = int.from_bytes(data[runs + 12:runs + 16], "big")
+        second = int.from_bytes(data[chunks + 12:chunks + 16], "big")  # offset of a chunk
+        cases = [
+            (data[:chunks + 4] + bytes(4) + data[chunks + 8:], False, "30 of 30 hint samples"),
+            # A packet of more constructors than its hint sample has.
+            (data[:second + 14] + b"\xff\xff" + data[second + 16:], True,
+             f"hint sample {together + 1} of 30 is damaged; its packets and all after them")]
+        out = self.scratch / "cap.pcap"
+        for damaged, some, message in cases:
+            with self.subTest(message=message):
+                out.write_bytes(b"old")
+                result = run("packets", "-", stdin=damaged)
+                self.assert_fails(result, 1, message)
+                self.assertTrue(whole.startswith(result.stdout))
+                self.assertEqual(bool(result.stdout), some)
+                self.assert_fails(run("packets", "-", "--pcap", out, stdin=damaged), 1, message)
+                self.assertEqual(out.read_bytes() != b"old", some)
 
 
 class Boxes(ToolTest):

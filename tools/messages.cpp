@@ -46,9 +46,8 @@ void take_line(Remarks& all) {
         std::vector<std::string>& kept = *all.kept;
         const bool is_new = std::find(kept.begin(), kept.end(), all.last) == kept.end();
         if (is_new && kept.size() < kMostKept) kept.push_back(all.last);
-    } else if (all.shown) {
-        print_remark(all, all.last);
     }
+    if (all.shown) print_remark(all, all.last);
 }
 
 // Takes what is written to `stderr`.

@@ -15,8 +15,8 @@ void say(std::string_view text);
 // Standard error for what is no message, such as a line of progress.
 std::FILE* error_stream();
 
-// From here on what the library writes to `stderr` is a remark: it is left out, printed as
-// "kestrel: FILE: REMARK" when remarks are wanted, or kept by an ErrorCapture. An exit that the
+// From here on what the library writes to `stderr` is a remark: it is printed as
+// "kestrel: FILE: REMARK" when remarks are wanted, and kept by an ErrorCapture. An exit that the
 // library makes in the middle of a command prints its last remark, as nothing else says why.
 void take_over_remarks();
 void show_remarks();

@@ -85,4 +85,11 @@ OutputPlace find_output_place(const std::string& path) {
     fail(path, ELOOP);
 }
 
+bool is_same_place(const OutputPlace& one, const OutputPlace& other) {
+    struct stat a {
+    }, b{};
+    return one.name == other.name && fstat(one.folder.get(), &a) == 0 &&
+           fstat(other.folder.get(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 }  // namespace tool

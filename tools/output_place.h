@@ -27,6 +27,9 @@ struct OutputPlace {
 // nothing is there.
 OutputPlace find_output_place(const std::string& path);
 
+// True for one name in one folder.
+bool is_same_place(const OutputPlace& one, const OutputPlace& other);
+
 }  // namespace tool
 
 #endif

@@ -73,6 +73,10 @@ PcapWriter::PcapWriter(Output& output) : output_(output) {
     output_.write(raw(FileHeader{}));
 }
 
+size_t PcapWriter::size_of(std::span<const uint8_t> rtp) {
+    return sizeof(PacketHeader) + kIpHeader + kUdpHeader + rtp.size();
+}
+
 void PcapWriter::packet(std::span<const uint8_t> rtp, uint16_t port, double seconds) {
     const auto udp = headers(rtp.size(), port);
     const double microseconds = std::floor(seconds * 1e6 + 0.5);

@@ -18,6 +18,9 @@ class PcapWriter {
   public:
     explicit PcapWriter(Output& output);
 
+    // Bytes that a packet takes in the capture.
+    static size_t size_of(std::span<const uint8_t> rtp);
+
     // `seconds` is the time that the packet is stamped with.
     void packet(std::span<const uint8_t> rtp, uint16_t port, double seconds);
 

@@ -27,6 +27,8 @@ class WholeOutput {
     void write(std::span<const uint8_t> bytes) { output_->write(bytes); }
     // The output itself, to be handed on; finish() below ends it.
     Output& output() { return *output_; }
+    // Of an output that is not "-".
+    const OutputPlace& place() const { return place_; }
     uint64_t written() const { return output_ ? output_->written() : 0; }
     void finish();
 

@@ -1,0 +1,32 @@
+// A capture of the packets of hint tracks, and the session description (RFC 8866) that belongs to
+// it.
+#ifndef KESTREL_TOOLS_CAPTURE_H
+#define KESTREL_TOOLS_CAPTURE_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/hint_packets.h"
+#include "tools/pcap.h"
+
+namespace tool {
+
+// More hint tracks are refused: each has a packet in memory and a port.
+inline constexpr size_t kMostCapturedTracks = 64;
+
+// Writes the packets of all tracks in the order of their times, and returns how many. Of a track,
+// packets keep their order, and no time is less than the one before. Returns nothing where the
+// output would grow beyond `limit` bytes.
+std::optional<uint64_t> write_capture(std::vector<std::unique_ptr<HintPackets>>& tracks,
+                                      uint64_t limit, Output& output);
+
+// The description of a session of that name in which the tracks go to the ports of the capture.
+std::string describe_session(const std::string& name,
+                             const std::vector<std::unique_ptr<HintPackets>>& tracks);
+
+}  // namespace tool
+
+#endif

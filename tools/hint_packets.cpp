@@ -1,0 +1,65 @@
+#include "tools/hint_packets.h"
+
+#include <algorithm>
+
+#include "tools/judge/media_tracks.h"
+
+namespace tool {
+namespace {
+
+constexpr uint32_t kLongestPacket = 65000;  // what fits a UDP datagram with room to spare
+
+iso_track* track_with_id(const iso_file* file, uint32_t id) {
+    iso_track* track = file->first_track;
+    while (track != nullptr && track->track_id != id)
+        track = track->next;
+    return track;
+}
+
+}  // namespace
+
+HintPackets::HintPackets(const FileFacts& facts, iso_track* hint)
+    : facts_(facts), hint_(hint), media_(track_with_id(facts.file.get(), hint->hint_track_ref)) {
+    cursor_.media_track = media_ != nullptr ? media_ : hint_;
+    hint_->hint = &cursor_;
+    if (hint_->rtp_max_packet <= kLongestPacket) buffer_.resize(hint_->rtp_max_packet);
+}
+
+std::span<const uint8_t> HintPackets::next() {
+    if (buffer_.empty() || damaged_sample_ > 0) return {};
+    // The packets of another hint track may be made of samples of this one, which moves its cursor.
+    const bool at_end = cursor_.sample >= hint_->sample_count;
+    if (!at_end && hint_->cur_sample != cursor_.sample) isoFFsetPosition(hint_, cursor_.sample);
+    const int length = isoFFrtpPacket(hint_, buffer_.data());
+    if (length < 0) {
+        damaged_sample_ = cursor_.sample + 1;
+        unreadable_ = length == -2;
+    }
+    if (length <= 0) return {};
+    ++made_;
+    return std::span(buffer_).first(static_cast<size_t>(length));
+}
+
+std::string HintPackets::lacks() const {
+    const std::string name = "hint track " + std::to_string(hint_->track_id);
+    if (hint_->rtp_max_packet > kLongestPacket) {
+        return name + " declares packets of " + std::to_string(hint_->rtp_max_packet) +
+               " bytes; the most is " + std::to_string(kLongestPacket);
+    }
+    const Expected expected = expected_of(hint_, facts_.imported_track(hint_->track_id));
+    if (damaged_sample_ > 0) {
+        return name + ": hint sample " + std::to_string(damaged_sample_) + " of " +
+               std::to_string(expected.samples) +
+               (unreadable_ ? " cannot be read" : " is damaged") +
+               "; its packets and all after them are left out";
+    }
+    const auto read = static_cast<uint64_t>(std::max(hint_->sample_count, 0));
+    if (expected.samples > read) {
+        return name + ": " + std::to_string(expected.samples - read) + " of " +
+               std::to_string(expected.samples) + " hint samples are left out, as they are " +
+               (expected.in_fragments > 0 ? "in movie fragments" : "in no chunk");
+    }
+    return made_ == 0 ? name + " has no packets" : "";
+}
+
+}  // namespace tool

@@ -1,0 +1,46 @@
+// The RTP packets of a hint track, in order.
+#ifndef KESTREL_TOOLS_HINT_PACKETS_H
+#define KESTREL_TOOLS_HINT_PACKETS_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools/judge/file_facts.h"
+
+namespace tool {
+
+class HintPackets {
+  public:
+    // The facts must outlive the reader. One reader for a hint track at a time.
+    HintPackets(const FileFacts& facts, iso_track* hint);
+    HintPackets(const HintPackets&) = delete;
+    HintPackets& operator=(const HintPackets&) = delete;
+    ~HintPackets() { hint_->hint = nullptr; }
+
+    const iso_track* track() const { return hint_; }
+    // Null for a track that holds all its payload itself.
+    const iso_track* media() const { return media_; }
+
+    // The next packet, valid until the next call; empty at the end, or where the hint track is
+    // damaged.
+    std::span<const uint8_t> next();
+
+    // What was left out, at the end: a sentence without a full stop, or empty.
+    std::string lacks() const;
+
+  private:
+    const FileFacts& facts_;
+    iso_track* hint_;
+    iso_track* media_;
+    rtp_hint_state cursor_{};
+    std::vector<uint8_t> buffer_;
+    uint64_t made_ = 0;
+    int32_t damaged_sample_ = 0;  // from 1; 0 for none
+    bool unreadable_ = false;     // the stream failed
+};
+
+}  // namespace tool
+
+#endif
