@@ -113,6 +113,7 @@ class ManPages(unittest.TestCase):
             with tempfile.TemporaryDirectory() as scratch:
                 shutil.copy(SAMPLES / "av_h263_amrnb_hinted.3gp", f"{scratch}/clip.3gp")
                 shutil.copy(SAMPLES / "h263_plain.3gp", f"{scratch}/plain.3gp")
+                shutil.copy(SAMPLES / "wild" / "fragmented.3gp", f"{scratch}/upload.mp4")
                 for line in lines:
                     with self.subTest(page=source.name, line=line):
                         run_in(scratch, line)
