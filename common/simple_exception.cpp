@@ -58,20 +58,56 @@ int myfprintf(std::FILE* stream, const char* format, ...) {
 namespace kestrel {
 namespace {
 
+thread_local unsigned int* remarks = nullptr;  // of the handle at work; null for no bound
+
+// Writes a line. Without memory for it the work that wanted to log goes on.
+template <class Line>
+void write(const char* prefix, Line line) noexcept {
+    try {
+        line().Log(prefix);
+    } catch (...) {
+    }
+}
+
+// Counts a remark; false for one that is left out.
+bool admit_remark(const char* prefix, const LogSite& site) noexcept {
+    if (remarks == nullptr) return true;
+    if (*remarks < RemarkScope::kMostRemarks) {
+        ++*remarks;
+        return true;
+    }
+    if (*remarks == RemarkScope::kMostRemarks) {
+        ++*remarks;
+        write(prefix,
+              [&] { return SimpleException(site.file, site.line, "further remarks left out"); });
+    }
+    return false;
+}
+
+bool admits(const LogLevel& level, const LogSite& site) noexcept {
+    return level.enabled() &&
+           (level.threshold > kWarning.threshold || admit_remark(level.prefix, site));
+}
+
 __attribute__((format(printf, 3, 0))) void log_arguments(const char* prefix, LogSite site,
                                                          const char* format,
                                                          va_list arguments) noexcept {
-    try {
-        SimpleException::from_arguments(site.file, site.line, format, arguments).Log(prefix);
-    } catch (...) {
-        // No memory for a log line: the work that wanted to log goes on without it.
-    }
+    write(prefix,
+          [&] { return SimpleException::from_arguments(site.file, site.line, format, arguments); });
 }
 
 }  // namespace
 
+RemarkScope::RemarkScope(unsigned int& written) : before_(remarks) {
+    remarks = &written;
+}
+
+RemarkScope::~RemarkScope() {
+    remarks = before_;
+}
+
 void log_line(const LogLevel& level, LogSite site, const char* format, ...) noexcept {
-    if (!level.enabled()) return;
+    if (!admits(level, site)) return;
     va_list arguments;
     va_start(arguments, format);
     log_arguments(level.prefix, site, format, arguments);
@@ -79,6 +115,7 @@ void log_line(const LogLevel& level, LogSite site, const char* format, ...) noex
 }
 
 void log_always(LogSite site, const char* format, ...) noexcept {
+    if (!admit_remark("", site)) return;
     va_list arguments;
     va_start(arguments, format);
     log_arguments("", site, format, arguments);
@@ -86,11 +123,8 @@ void log_always(LogSite site, const char* format, ...) noexcept {
 }
 
 void log_caught(const LogLevel& level, const SimpleException& caught) noexcept {
-    if (!level.enabled()) return;
-    try {
-        caught.Log(level.prefix);
-    } catch (...) {
-    }
+    if (!admits(level, {caught.file().c_str(), caught.line()})) return;
+    write(level.prefix, [&]() -> const SimpleException& { return caught; });
 }
 
 }  // namespace kestrel

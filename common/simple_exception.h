@@ -66,6 +66,23 @@ inline constexpr LogLevel kWarning{2, "WARN:"};
 inline constexpr LogLevel kDebug{3, "DBG: "};
 inline constexpr LogLevel kVerbose{4, "DBG2:"};
 
+// Bounds the errors and warnings of one handle. While an object of it lives, the thread's lines of
+// these levels and those without a level count in the handle's `written`; after kMostRemarks of
+// them one line says that the rest is left out. Debug lines, which a host asks for, are not
+// bounded.
+class RemarkScope {
+  public:
+    static constexpr unsigned int kMostRemarks = 100;
+
+    explicit RemarkScope(unsigned int& written);
+    RemarkScope(const RemarkScope&) = delete;
+    RemarkScope& operator=(const RemarkScope&) = delete;
+    ~RemarkScope();
+
+  private:
+    unsigned int* before_;  // of the scope around this one; null for none
+};
+
 // Where a line comes from: the source path that the line carries, and the line number.
 struct LogSite {
     const char* file;
