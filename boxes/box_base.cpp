@@ -17,6 +17,11 @@ void debug(const char* text, const kestrel::LogSite& site) {
     kestrel::log_line(kestrel::kDebug, site, "%s", text);
 }
 
+// Throws an invalid size for a host whose Seek landed elsewhere.
+void require_position(Stream& io, const BoxExtent& extent, uint64_t expected) {
+    if (macro_Tell(io) != expected) throw_invalid_size(extent);
+}
+
 }  // namespace
 
 void throw_invalid_size(const BoxExtent& extent) {
@@ -66,11 +71,14 @@ unsigned int Box::GetSizeWhole() const {
 void Box::Peek(Stream& io, unsigned int file_size) {
     Read(io, file_size);
     seek_to_start(io);
+    require_position(io, {start_offset(), size_, file_size}, start_offset());
 }
 
 void Box::Skip(Stream& io) {
     seek_to_start(io);
     macro_SeekRel(io, static_cast<int32_t>(size_));
+    const BoxExtent extent{start_offset(), size_, 0};
+    require_position(io, extent, extent.end());
 }
 
 bool Box::read_header(Stream& io, unsigned int file_size, BoxExtent& extent) {
@@ -174,6 +182,7 @@ void FieldReader::take(std::span<uint8_t> to) {
         unread_ = unread_.subspan(to.size());
         return;
     }
+    std::fill(to.begin(), to.end(), uint8_t{0});  // a host may succeed without writing them
     if (to.size() > rest_of_box()) {
         // What the box is too short for is zero, and so is all that would follow it.
         position_ = std::max(position_, extent_.end());
@@ -258,12 +267,14 @@ void FieldWriter::flush() {
     pending_.clear();
 }
 
-bool finish_child(Stream& io, const Box& child, uint32_t file_size) {
+bool finish_child(Stream& io, const Box& child, uint64_t before, uint32_t file_size) {
     if (child.is_reset() && (macro_Tell(io) >= file_size || macro_IsEOF(io))) return false;
     const auto start = static_cast<uint32_t>(static_cast<std::streamoff>(child.GetStart()));
     const BoxExtent extent{start, child.GetSizeWhole(), file_size};
-    if (extent.size < kBoxHeaderSize) throw_invalid_size(extent);
-    if (macro_Tell(io) < extent.end()) macro_Seek(io, static_cast<uint32_t>(extent.end()));
+    if (extent.size < kBoxHeaderSize || start < before) throw_invalid_size(extent);
+    if (macro_Tell(io) >= extent.end()) return true;
+    macro_Seek(io, static_cast<uint32_t>(extent.end()));
+    require_position(io, extent, extent.end());
     return true;
 }
 

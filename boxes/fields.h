@@ -301,16 +301,18 @@ class FieldReader : public FieldOps<FieldReader> {
     std::span<const uint8_t> unread_;  // what the fields have not taken of it
 };
 
-// Moves behind a child that was read, passing over what follows its fields. False when the file
-// ended instead of the child, which ends the reading; a child that is too small to move the stream
-// on is thrown as an invalid size.
-bool finish_child(Stream& io, const Box& child, uint32_t file_size);
+// Moves the stream to the end of a child that was read, past what follows its fields. False when
+// the file ended instead of the child, which ends the reading. Throws an invalid size when the
+// position does not move forward from `before`, where the child was looked for: the child is
+// smaller than its header, or the host's GetOffset stands still or goes back, or its Seek lands
+// elsewhere.
+bool finish_child(Stream& io, const Box& child, uint64_t before, uint32_t file_size);
 
 template <class Container>
 bool FieldReader::read_child(Container& container) {
     Box& child = container.new_child(peek_box(io_, extent_.file_size));
     child.Read(io_, extent_.file_size);
-    const bool more = finish_child(io_, child, extent_.file_size);
+    const bool more = finish_child(io_, child, position_, extent_.file_size);
     position_ = macro_Tell(io_);
     return more;
 }

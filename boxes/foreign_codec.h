@@ -6,9 +6,9 @@ namespace Qvox3gp {
 
 // Called by the reading of an "esds", after an object type that is not that of MPEG-4 Visual.
 //
-// The library's own, its only process exit, writes the complaint to the standard error stream and
-// exits with status 1. It has a source file of its own, so that a program can link another one:
-// after one that returns, the rest of the "esds" is read as that of MPEG-4 Visual is.
+// It is defined by who reads boxes. The library's, its only process exit, stands with the class
+// driver: it writes a complaint to the standard error stream and exits with status 1. After one that
+// returns, the rest of the "esds" is read like that of MPEG-4 Visual.
 void meet_foreign_codec();
 
 }  // namespace Qvox3gp

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "boxes/fields.h"
-#include "boxes/foreign_codec_exit.h"
+#include "boxes/foreign_codec.h"
 #include "common/simple_exception.h"
 
 namespace Qvox3gp {
@@ -160,7 +160,7 @@ void ESDInfo::fields(F& f, Self& self) {
     f.u8("object_type_indication", self.object_type_indication);
     if constexpr (F::kReads) {
         f.require_sound(true);  // the process ends over a type that was read, not a missing one
-        if (self.object_type_indication != kMpeg4Visual) exit_on_foreign_codec();
+        if (self.object_type_indication != kMpeg4Visual) meet_foreign_codec();
     }
     f.u32("stream_type_and_buffer_size", self.stream_type_and_buffer_size);
     f.u32("max_bit_rate", self.max_bit_rate);
@@ -182,7 +182,8 @@ ESDBox::~ESDBox() = default;
 template <class F, class Self>
 void ESDBox::fields(F& f, Self& self) {
     FullBox::fields(f, self);
-    // What a host that cut a read short has shifted is no descriptor.
+    // Whatever else follows the fields of an "mp4v" entry, because the entry has no "esds" or
+    // because a host cut a read short, is no descriptor and must not end the process.
     if constexpr (F::kReads) f.require_sound(self.GetType() == code("esds"));
     ESDInfo::fields(f, self.info_);
 }

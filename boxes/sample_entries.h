@@ -257,7 +257,8 @@ class ESDBox : public Described<ESDBox, FullBox> {
     ESDInfo info_;
 };
 
-// "mp4v". Its "esds" is read without a look at what follows. Its Read can end the process.
+// "mp4v". An entry without an "esds" right after its fields is thrown as an invalid size. Its Read
+// can end the process.
 class MP4VisualSampleEntry : public Described<MP4VisualSampleEntry, SampleEntry, FixupableDims> {
   public:
     MP4VisualSampleEntry();

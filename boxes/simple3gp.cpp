@@ -44,13 +44,15 @@ Box& Simple3gp::new_child(uint32_t type) {
 }
 
 void Simple3gp::Read(Stream& io, unsigned int) {
-    const uint32_t file_size = GetFileSize(io);
-    uint32_t next = peek_box(io, file_size);
-    while (!macro_IsEOF(io) && macro_Tell(io) < file_size) {
+    file_size_ = GetFileSize(io);
+    uint32_t next = peek_box(io, file_size_);
+    while (!macro_IsEOF(io)) {
+        const uint32_t before = macro_Tell(io);
+        if (before >= file_size_) return;
         Box& child = new_child(next);
-        child.Read(io, file_size);
-        if (!finish_child(io, child, file_size)) return;
-        next = peek_box(io, file_size);
+        child.Read(io, file_size_);
+        if (!finish_child(io, child, before, file_size_)) return;
+        next = peek_box(io, file_size_);
     }
 }
 

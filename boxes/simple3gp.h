@@ -33,6 +33,8 @@ class Simple3gp : public ContainerBox, public ListedBy<Simple3gp> {
     void AddMdat(MdatBox* mdat, bool owned) { adopt(mdat, owned); }
     FtypBox* GetFtyp() const { return ftyp_; }
     MoovBox* GetMoov() const { return moov_; }
+    // The length of the stream when it was read, bytes.
+    uint32_t GetFileSizeRead() const { return file_size_; }
 
     template <class F, class Self>
     static void fields(F& f, Self& self);
@@ -42,6 +44,7 @@ class Simple3gp : public ContainerBox, public ListedBy<Simple3gp> {
 
     FtypBox* ftyp_ = nullptr;
     MoovBox* moov_ = nullptr;
+    uint32_t file_size_ = 0;
 };
 
 }  // namespace Qvox3gp

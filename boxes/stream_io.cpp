@@ -16,16 +16,27 @@ constexpr unsigned kMostDescriptorBytes = 4;
 
 // Throws unless the host calls `status` a success. `slot` is the name that the message carries.
 void check(Stream& callbacks, uint32_t status, const char* slot) {
-    uint32_t result = KST_IO_OK;
-    callbacks->CheckStatus(callbacks->Context, &result, status);
+    const uint32_t result = classify(callbacks, status);
     if (result == KST_IO_OK) return;
     const kestrel::LogSite site = kestrel::at(kSource);
-    throw SimpleException(
+    const SimpleException failure(
         site.file, site.line, "IO Callback %s() failed with status: %d.  IO Context: 0x%" PRIXPTR,
         slot, static_cast<int>(status), reinterpret_cast<uintptr_t>(callbacks->Context));
+    if (is_not_yet(result)) throw NotArrived(failure);
+    throw failure;
 }
 
 }  // namespace
+
+uint32_t classify(Stream& callbacks, uint32_t status) {
+    uint32_t result = KST_IO_OK;
+    callbacks->CheckStatus(callbacks->Context, &result, status);
+    return result;
+}
+
+bool is_not_yet(uint32_t classification) {
+    return classification == KST_IO_NOT_YET || classification == KST_IO_NOT_YET_ALSO;
+}
 
 uint32_t read_available(Stream& callbacks, void* data, uint32_t count) {
     uint32_t delivered = count;

@@ -1,17 +1,28 @@
 // The box model's way to the host's stream. Every function here classifies the status that a slot
 // returned through the host's CheckStatus and throws SimpleException, with the raw status and the
-// host's context word, when it is not a success; a not-yet is a failure here like any other.
+// host's context word, when it is not a success; for a not-yet the exception is a NotArrived.
 #ifndef KESTREL_BOXES_STREAM_IO_H
 #define KESTREL_BOXES_STREAM_IO_H
 
 #include <cstdint>
 
+#include "common/simple_exception.h"
 #include "kestrel/stream.h"
 
 namespace Qvox3gp {
 
 // Handed on by reference, so that every layer reaches the host's one table.
 using Stream = _TAG_KST_IOSTREAM_CALLBACK_INTERFACE*;
+
+// The data is not in the host's buffers yet. The message is that of any other failure.
+class NotArrived : public SimpleException {
+  public:
+    explicit NotArrived(const SimpleException& failure) : SimpleException(failure) {}
+};
+
+// What the host's CheckStatus makes of a status: KST_IO_OK, one of the two not-yets, or a failure.
+uint32_t classify(Stream& callbacks, uint32_t status);
+bool is_not_yet(uint32_t classification);
 
 // Reads `count` bytes at the current position. A short read is not detected: it leaves the rest of
 // `data` as it was, so callers clear it first.

@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include "boxes/field_visitor.h"
+#include "boxes/foreign_codec.h"
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
 #include "tools/commands.h"
@@ -8,6 +9,9 @@
 #include "tools/support.h"
 
 // The box tree of a file as the object model sees it.
+
+// The library ends the process here; a tree is shown whatever the codec.
+void Qvox3gp::meet_foreign_codec() {}
 
 namespace tool {
 namespace {
@@ -194,6 +198,8 @@ void boxes(const Options& options) {
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host.get());
     Qvox3gp::Simple3gp file;
     std::string failure;
+    unsigned int remarks = 0;
+    const kestrel::RemarkScope scope(remarks);
     try {
         file.Read(callbacks, 0);
     } catch (const SimpleException& caught) {

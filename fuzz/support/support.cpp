@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "boxes/foreign_codec_exit.h"
+#include "boxes/foreign_codec.h"
 #include "common/simple_exception.h"
 
 // In place of the process exit.
-void Qvox3gp::exit_on_foreign_codec() {
+void Qvox3gp::meet_foreign_codec() {
     throw SimpleException("fuzz", 0, "foreign codec");
 }
 

@@ -156,11 +156,22 @@ Bytes unpack_speech(const Bytes& stream, bool wide_band) {
 bool can_fault(std::string_view slot, FaultKind kind) {
     const bool reads = slot == "SeekNRead" || slot == "IndexRead";
     const bool has_place = slot != "SeekNWrite" && slot != "AdvanceRead";
-    return kind == FaultKind::kStatus || reads || (kind == FaultKind::kLie && has_place);
+    switch (kind) {
+        case FaultKind::kStatus:
+            return true;
+        case FaultKind::kLie:
+            return has_place;
+        case FaultKind::kBack:
+        case FaultKind::kZero:
+        case FaultKind::kStill:
+            return has_place && slot != "SeekNRead";
+        default:
+            return reads;
+    }
 }
 
 struct FaultyHost::Slots {
-    static constexpr uint32_t kElsewhere = 13;  // bytes away
+    static constexpr uint32_t kElsewhere = 13;  // bytes away, or before
     using Table = KST_IOSTREAM_CALLBACK_INTERFACE;
 
     static FaultyHost& of(void* context) { return *static_cast<FaultyHost*>(context); }
@@ -171,15 +182,31 @@ struct FaultyHost::Slots {
             const int number = self.calls;
             halved = self.cut && self.cut(number);
             overstated = self.overstate && self.overstate(number);
-            away = self.lie && self.lie(number) ? kElsewhere : 0;
+            silent = self.silent && self.silent(number);
+            lies = self.lie && self.lie(number);
             status = self.ask(name);
         }
         template <typename Slot, typename... Arguments>
         uint32_t pass(Slot slot, Arguments... arguments) const {
-            if (status != KST_HOST_OK) return status;
+            if (status != KST_HOST_OK || silent) return status;
             return (self.inner_->*slot)(self.inner_->Context, arguments...);
         }
         uint32_t allowed(uint32_t count) const { return halved ? count / 2 : count; }
+        bool shuffles() const { return lies && self.lie_kind == FaultKind::kLie; }
+        uint32_t place(uint32_t true_place) const {
+            if (!lies) return true_place;
+            switch (self.lie_kind) {
+                case FaultKind::kBack:
+                    return true_place - std::min(true_place, kElsewhere);
+                case FaultKind::kZero:
+                    return 0;
+                case FaultKind::kStill:
+                    if (!self.still_) self.still_ = true_place;
+                    return *self.still_;
+                default:
+                    return true_place + kElsewhere;
+            }
+        }
         void tell(uint32_t& got, uint32_t wanted) const {
             if (overstated && status == KST_HOST_OK) got = wanted + 1000;
         }
@@ -187,26 +214,27 @@ struct FaultyHost::Slots {
         FaultyHost& self;
         bool halved;
         bool overstated;
-        uint32_t away;
+        bool silent;
+        bool lies;
         uint32_t status;
     };
 
     static uint32_t get_offset(void* c, uint32_t* offset) {
         const Call call(c, "GetOffset");
         const uint32_t status = call.pass(&Table::GetOffset, offset);
-        *offset += call.away;
+        *offset = call.place(*offset);
         return status;
     }
     static uint32_t seek(void* c, uint32_t offset) {
         const Call call(c, "Seek");
-        return call.pass(&Table::Seek, offset + call.away);
+        return call.pass(&Table::Seek, call.place(offset));
     }
     static uint32_t read(void* c, void* data, uint32_t* count, int32_t offset) {
         const Call call(c, "SeekNRead");
         const uint32_t wanted = *count;
-        *count = call.allowed(wanted);
+        if (!call.silent) *count = call.allowed(wanted);
         const uint32_t status = call.pass(&Table::SeekNRead, data, count, offset);
-        if (call.away != 0)
+        if (call.shuffles())
             std::reverse(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + *count);
         call.tell(*count, wanted);
         return status;
@@ -217,7 +245,7 @@ struct FaultyHost::Slots {
     static uint32_t stream_size(void* c, uint32_t* size) {
         const Call call(c, "GetStreamSize");
         const uint32_t status = call.pass(&Table::GetStreamSize, size);
-        *size += call.away;
+        *size = call.place(*size);
         return status;
     }
     static uint32_t is_eof(void* c) {
@@ -228,7 +256,7 @@ struct FaultyHost::Slots {
                                uint32_t* got) {
         const Call call(c, "IndexRead");
         const uint32_t status =
-            call.pass(&Table::IndexRead, data, offset + call.away, call.allowed(count), got);
+            call.pass(&Table::IndexRead, data, call.place(offset), call.allowed(count), got);
         call.tell(*got, count);
         return status;
     }
@@ -281,15 +309,20 @@ void FaultyHost::break_at(int at, const Fault& how) {
         case FaultKind::kTooMany:
             overstate = hit;
             break;
-        case FaultKind::kLie:
+        case FaultKind::kSilent:
+            silent = hit;
+            break;
+        default:
             lie = hit;
+            lie_kind = how.kind;
+            still_.reset();
             break;
     }
 }
 
 void FaultyHost::mend() {
     fault = nullptr;
-    cut = overstate = lie = nullptr;
+    cut = overstate = silent = lie = nullptr;
     eof = classification = std::nullopt;
 }
 

@@ -77,7 +77,12 @@ enum class FaultKind {
     kStatus,   // the call does nothing and returns a status
     kShort,    // a read delivers half of what is wanted, and says so
     kTooMany,  // a read says that it delivered more than was wanted
-    kLie,      // the call works on, or tells of, another place in the file
+    kSilent,   // a read succeeds without writing anything, its count included
+    // The call works on, or reports, another place in the file:
+    kLie,   // one further on, and a read at the current position delivers other bytes
+    kBack,  // one before
+    kZero,  // its beginning
+    kStill  // the same place each time
 };
 
 struct Fault {
@@ -102,6 +107,12 @@ inline constexpr Fault kFaults[] = {
     {"too many, for ever", FaultKind::kTooMany, KST_HOST_OK, true},
     {"elsewhere", FaultKind::kLie, KST_HOST_OK, false},
     {"elsewhere, for ever", FaultKind::kLie, KST_HOST_OK, true},
+    {"silent", FaultKind::kSilent, KST_HOST_OK, false},
+    {"silent, for ever", FaultKind::kSilent, KST_HOST_OK, true},
+    {"back", FaultKind::kBack, KST_HOST_OK, false},
+    {"back, for ever", FaultKind::kBack, KST_HOST_OK, true},
+    {"at 0, for ever", FaultKind::kZero, KST_HOST_OK, true},
+    {"still, for ever", FaultKind::kStill, KST_HOST_OK, true},
 };
 
 // Whether a call of the slot can come to that.
@@ -131,9 +142,11 @@ class FaultyHost {
     std::function<uint32_t(int call)> fault;
     // Asked before each read that no fault stops; true has it deliver half of what is wanted.
     std::function<bool(int call)> cut;
-    // The same for calls that tell too much or of another place.
+    // The same for calls that report too much, nothing, or another place.
     std::function<bool(int call)> overstate;
+    std::function<bool(int call)> silent;
     std::function<bool(int call)> lie;
+    FaultKind lie_kind = FaultKind::kLie;
     // What IsEOF and CheckStatus say, whatever holds; their calls are not counted.
     std::optional<uint32_t> eof;
     std::optional<uint32_t> classification;
@@ -148,6 +161,7 @@ class FaultyHost {
 
     kst_host* host_;
     KST_IOSTREAM_CALLBACK_INTERFACE* inner_;
+    std::optional<uint32_t> still_;  // the place of kStill
     KST_IOSTREAM_CALLBACK_INTERFACE table_;
 };
 

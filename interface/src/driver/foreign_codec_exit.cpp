@@ -1,11 +1,11 @@
-#include "boxes/foreign_codec_exit.h"
-
 #include <cstdio>
 #include <cstdlib>
 
+#include "boxes/foreign_codec.h"
+
 namespace Qvox3gp {
 
-void exit_on_foreign_codec() {
+void meet_foreign_codec() {
     std::fputs("Bad 3GP file, only MP4 Video codec accepted in mp4v box\n", stderr);
     std::exit(1);
 }
