@@ -16,9 +16,12 @@
 // are those of kestrel/status.h; no function throws unless its comment says so. The system log
 // tells why something failed (kestrel/log.h).
 //
-// Open can end the process: an MPEG-4 sample entry whose object type is not that of MPEG-4 Visual
-// exits with status 1 after a line on the standard error stream. A host that cannot have that must
-// look at the file first.
+// Open can end the process, and no other function can: a sample entry "mp4v" whose object type is
+// not that of MPEG-4 Visual, in any track and whatever the mode, exits with status 1 after a line
+// on the standard error stream. A host that must live on looks at the file first.
+//
+// An object writes at most 100 errors and warnings to the system log from one Open to the next, and
+// then a line that says that further remarks are left out.
 #ifndef KESTREL_C3GPINTERFACE_H
 #define KESTREL_C3GPINTERFACE_H
 
@@ -133,12 +136,14 @@ class KESTREL_API C3gpInterface {
     //
     // KST_SUCCESS: the stream stands at offset 0. KST_ALREADY_OPEN: nothing has changed. All other
     // failures leave the object closed: KST_BAD_MODE; KST_BAD_ARGUMENT: null table or slot;
-    // KST_CORRUPT: a box is missing or damaged, or cannot be read yet; KST_TOO_MANY_TRACKS,
-    // KST_NO_SUCH_TRACK, KST_NO_HINT_TRACK, KST_NO_MEMORY; KST_UNKNOWN_CODER: video that is neither
-    // H.263 nor MPEG-4; KST_NOT_YET: the first hint sample of H.263 video is not there;
-    // KST_FAILURE: audio that is not AMR narrow band, and anything else. A file that still arrives
-    // may be opened again later, from offset 0: its size must be known, and the header of its last
-    // box be there.
+    // KST_CORRUPT: a box is missing or damaged, or a callback failed while boxes were read;
+    // KST_TOO_MANY_TRACKS, KST_NO_SUCH_TRACK, KST_NO_HINT_TRACK, KST_NO_MEMORY; KST_UNKNOWN_CODER:
+    // video that is neither H.263 nor MPEG-4; KST_FAILURE: a callback said not-yet, audio that is
+    // not AMR narrow band, and anything else.
+    //
+    // A file that still arrives answers KST_FAILURE as long as a box, or the first hint sample of
+    // H.263 video, has not arrived: open again later, from offset 0. The header of its last box
+    // must be there, and its size be known.
     unsigned int Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode);
 
     // Ends playing and frees what the object holds; it may be opened again. Closing a closed object
@@ -153,16 +158,22 @@ class KESTREL_API C3gpInterface {
     // from call to call: true for one that fills over time (IndexRead), false for a seekable one
     // (Seek and SeekNRead). AdvanceRead is called for every hint sample in both.
     //
-    // KST_SUCCESS: all that was wanted. KST_END_OF_FILE: there is no more; `*size` bytes were the
-    // last. KST_NOT_YET: `*size` is 0 and nothing was consumed, so call again when more has arrived
-    // (a file that was cut short answers so for ever). KST_IO_FAILURE: IndexRead or AdvanceRead
-    // failed. KST_FAILURE: another callback failed, a table ended too early, or memory ran out.
-    // KST_CORRUPT: a table makes no sense, or thousands of hint samples on end. KST_NOT_OPEN,
-    // KST_BAD_ARGUMENT (null pointer). After a failure too `*size` is 0 and nothing was lost: the
-    // call may be repeated, and a smaller size gets what was ready in front of the fault.
+    // KST_SUCCESS: all that was wanted; also for nothing wanted, with a null buffer too.
+    // KST_END_OF_FILE: there is no more; `*size` bytes were the last. KST_NOT_YET: `*size` is 0 and
+    // nothing was consumed, so call again when more has arrived (with `fio`, a file that was cut
+    // short answers so for ever). KST_IO_FAILURE: IndexRead or AdvanceRead failed. KST_FAILURE:
+    // another callback failed, or delivered less than was asked for without `fio`; a table ends too
+    // early or leads outside the file; thousands of malformed hint samples follow one another, or
+    // hint samples have more constructors than SECURITY.md allows; memory ran out. KST_NOT_OPEN,
+    // KST_BAD_ARGUMENT (null pointer).
     //
-    // Hint samples that make no sense are left out, and so are constructors that reach outside
-    // their media sample or make a frame too long.
+    // Statuses 1 and 2 keep the state. After any failure `*size` is 0 and nothing was lost: the
+    // call may be repeated, and a smaller size gets what was ready before the fault. At the end of
+    // the file the object stays open for a seek.
+    //
+    // Malformed hint samples are left out, and so are those of which every constructor was dropped.
+    // A constructor is dropped that names no sample of the media track, reaches outside its sample
+    // or makes a frame too long.
     unsigned int ReadChunk(unsigned char* buffer, unsigned int* size, bool fio);
 
     // Moves playing to a sync sample near a time. Bytes of the header records or of frames that
@@ -185,6 +196,13 @@ class KESTREL_API C3gpInterface {
 
     static constexpr uint64_t kFirstReadAhead = 65536;
 
+    // What became of bytes that were asked for.
+    enum class Fetched {
+        kBytes,   // they are there
+        kNotYet,  // they have not arrived; the status says so too
+        kInvalid  // they never will: no file has them
+    };
+
     // Where playing stands.
     struct Cursors {
         unsigned int m_iHintSample = 1;
@@ -199,6 +217,12 @@ class KESTREL_API C3gpInterface {
         size_t sample_to_chunk = 0;
         size_t time_to_sample = 0;
         unsigned int time_to_sample_index = 0;  // of the sample within that entry
+    };
+
+    // What hint samples cost, and what came of it.
+    struct Work {
+        uint64_t done = 0;  // packets and constructors
+        uint64_t made = 0;  // bytes of frames
     };
 
     // A run of chunks with one number of samples, found by walking the table backwards.
@@ -246,23 +270,22 @@ class KESTREL_API C3gpInterface {
     // File offset of a hint sample, -1 when there is none; its size through `size`.
     int CalcHintOffset(unsigned int hintSample, unsigned int* size);
     // File offset of a media sample; -1 when there is none, and for the last one.
-    int CalcMediaOffset(unsigned int mediaSample) const;
-    unsigned int ConvertMsTimeToMdhdTime(unsigned int ms) const;
+    int CalcMediaOffset(unsigned int mediaSample);
+    unsigned int ConvertMsTimeToMdhdTime(unsigned int ms);
     // The hint sample of a time; the last one for a time at or past the end.
     unsigned int ConvertMdhdTimeToSample(unsigned int mdhdTime);
     unsigned int GetTimestampInMs(unsigned int hintSample);
     unsigned int GetSyncSample(unsigned int sample, unsigned int syncFlags);
     // The lowest media sample that the hint sample refers to, -1 when it refers to none.
     int GetMediaSample(unsigned int hintSample, unsigned int fileOffset, unsigned int size);
-    // A media sample's size, and `length` of its bytes from `offset` on through `bytes`, valid
-    // until the next call. 0 when the sample has not arrived yet. Throws an unsigned int for a
-    // sample that the tables do not have, and for bytes outside it.
-    unsigned int GetMediaSample(unsigned int mediaSample, uint32_t offset, uint32_t length,
-                                const unsigned char** bytes);
-    bool HoldMediaSample(unsigned int mediaSample);
-    bool HasArrived(const _TAG_SAMPLEINFO& sample);
-    // The ticks of each of the track's samples, as many as its size table tells.
-    static void CalcTimeDeltas(const BaseBoxes* boxes, unsigned int* deltas);
+    // Gives `length` bytes of a media sample from `offset` on through `bytes`, valid until the next
+    // call; null only asks whether the tables have them. kNotYet until the whole sample has
+    // arrived.
+    Fetched GetMediaSample(unsigned int mediaSample, uint32_t offset, uint32_t length,
+                           const unsigned char** bytes);
+    Fetched HoldMediaSample(unsigned int mediaSample);
+    // The ticks of each of the track's samples, as many as its size table has.
+    void CalcTimeDeltas(const BaseBoxes* boxes, unsigned int* deltas);
 
     ChunkRun FindChunkRun(unsigned int hintSample) const;
     uint64_t BytesBefore(unsigned int first, unsigned int sample, unsigned int* size) const;
@@ -273,20 +296,28 @@ class KESTREL_API C3gpInterface {
     unsigned int Read(unsigned char* buffer, unsigned int wanted);
     void Deliver(unsigned char* buffer, unsigned int count);
     size_t TakenBytes() const;
+    // Feeds one hint sample to the writer; false at the end of the file. KST_NOT_YET in the status
+    // when data is missing.
     bool GetNextFrame();
-    bool FeedWriter();
+    Fetched FeedWriter();
+    Fetched Packetize(double time);
     void FinishPass();
+    void LimitWork();
     PropFile* Writer() const;
     unsigned char* GetPropBuffer(unsigned int* available);
     void MarkPropBytesRead(unsigned int count);
-    bool GetCurrentHintSample();
+    Fetched GetCurrentHintSample();
     uint32_t HintSampleSize(const Cursors& where) const;
     uint64_t HintSampleOffset(const Cursors& where) const;
     bool AdvanceToNextHintSample();
     void AdvanceChunk(Cursors& next);
     void AdvanceTime(Cursors& next);
     void SkipEmptyTimeEntries(Cursors& next) const;
-    bool ReadBytes(std::vector<unsigned char>& to, uint32_t offset, uint32_t size);
+    void MoveTo(const Cursors& next);
+    Fetched ReadBytes(std::vector<unsigned char>& to, uint32_t offset, uint32_t size);
+    uint32_t ReadPiece(void* data, uint64_t offset, uint32_t count);
+    Fetched HasByte(uint64_t offset);
+    Fetched Lacks(uint64_t last);
     uint32_t IOFileStreamRead(void* data, uint32_t offset, uint32_t count);
     void IOFileStreamAdvance(uint32_t offset);
 
@@ -321,6 +352,9 @@ class KESTREL_API C3gpInterface {
     uint64_t m_uReadAhead = kFirstReadAhead;  // bytes that whole samples may still take
     uint64_t m_uBytesHandled = 0;             // read from the host, or put into frames
     std::vector<unsigned char> m_HintSample;
+    bool m_fHintHeld = false;     // m_HintSample has the hint sample that playing stands at
+    bool m_fFrameBegun = false;   // and its frame lacked data
+    uint64_t m_uAwaitedByte = 0;  // offset of the last byte of what was lacking; 0 for nothing
 
     // Copies of the hint track's tables. One size stands for all when all are the same.
     std::vector<uint32_t> m_ChunkOffsets;
@@ -345,6 +379,11 @@ class KESTREL_API C3gpInterface {
     // Bytes taken from the writer; the first m_uDelivered of them have been delivered since.
     std::vector<unsigned char> m_Taken;
     size_t m_uDelivered = 0;
+
+    uint32_t m_uFileSize = 0;     // when it was opened
+    Work m_Work;                  // since the last seek
+    Work m_WorkBefore;            // of it, before the ReadChunk at work
+    unsigned int m_uRemarks = 0;  // errors and warnings that were logged
 };
 
 #endif

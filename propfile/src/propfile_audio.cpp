@@ -55,6 +55,8 @@ uint32_t GetAMRBitsPerSample(uint32_t) {
     return 0;
 }
 
+PropFileAudio::PropFileAudio(C3gpInterface* driver) : PropFile(driver, kSource) {}
+
 PropFileAudio::~PropFileAudio() = default;
 
 void PropFileAudio::FillOffsetTable() {
@@ -81,7 +83,7 @@ void PropFileAudio::AllocBuffers() {
         throw;
     } catch (...) {
         FreeBuffers();
-        throw_unhandled();
+        ThrowUnhandled();
     }
 }
 

@@ -8,7 +8,7 @@
 
 class PropFileAudio : public PropFile {
   public:
-    explicit PropFileAudio(C3gpInterface* driver) : PropFile(driver) {}
+    explicit PropFileAudio(C3gpInterface* driver);
     ~PropFileAudio() override;
 
     void FillOffsetTable() override;
@@ -19,7 +19,7 @@ class PropFileAudio : public PropFile {
     virtual void Close();
     virtual void AllocBuffers();
 
-    // Answers the payload bytes that the packet added.
+    // Returns the payload bytes that the packet added.
     unsigned int ProcessPacket(const unsigned char** cursor, double time);
 
   private:

@@ -52,20 +52,30 @@ void trace_packet(const _TAG_RTPpacket3gp& packet) {
 
 }  // namespace
 
-void log_missing_media() {
-    log_line(kVerbose, at(kSource), "Waiting for more FIO data...");
+PropFile::~PropFile() = default;
+
+void PropFile::LogDropped() const {
+    log_line(kVerbose, at(m_pSource), "Dropped Hint Track Sample due to invalid content");
 }
 
-void log_unexpected_number() {
-    log_line(kWarning, at(kSource),
+void PropFile::LogMissingMedia() const {
+    log_line(kVerbose, at(m_pSource), "Waiting for more FIO data...");
+}
+
+void PropFile::LogUnexpectedNumber() const {
+    log_line(kWarning, at(m_pSource),
              "caught unexpected UInt32 exception from ProcessPacket(). Rethrowing...");
 }
 
-void throw_unhandled() {
-    throw SimpleException(kSource, __LINE__, "%s", kUnhandledThrown);
+void PropFile::ThrowUnhandled() const {
+    throw SimpleException(m_pSource, __LINE__, "%s", kUnhandledThrown);
 }
 
-PropFile::~PropFile() = default;
+void PropFile::LimitHintSample(const unsigned char* end, bool again) {
+    m_pHintEnd = end;
+    m_uPackets = m_uConstructors = m_uDropped = 0;
+    if (!again) m_uKept = 0;
+}
 
 void PropFile::Require(const unsigned char* p, uint32_t count) const {
     if (m_pHintEnd == nullptr || p > m_pHintEnd || static_cast<size_t>(m_pHintEnd - p) < count) {
@@ -128,7 +138,7 @@ unsigned int PropFile::ProcessRTPimmediateconstructor(const unsigned char** p) {
     trace("  padding:               %d\n", static_cast<int>(kImmediateData - count));
     const unsigned char* data = *p;
     Skip(p, kImmediateData);
-    if (count > kImmediateData) throw kInvalidContent;
+    if (count > kImmediateData || !HasRoom(count)) return Drop();
     trace("  data: ");
     for (uint32_t i = 0; i < count; ++i)
         trace("%02X ", data[i]);
@@ -155,12 +165,23 @@ unsigned int PropFile::ProcessRTPsampleconstructor(const unsigned char** p) {
         "sampleoffset(32):        %d\nbytesperblock(16):       %d\nsamplesperblock(16):     %d\n",
         fields.track_reference, fields.length, fields.sample_number, fields.sample_offset,
         fields.bytes_per_block, fields.samples_per_block);
-    RequireRoom(fields.length);
+    if (!HasRoom(fields.length)) return Drop();
+    const bool kept = m_uFill + fields.length <= m_uKept;
     const unsigned char* bytes = nullptr;
-    const unsigned int size = m_pDriver->GetMediaSample(fields.sample_number, fields.sample_offset,
-                                                        fields.length, &bytes);
-    if (size == 0) throw kNoMediaYet;
-    Append(bytes, fields.length);
+    switch (m_pDriver->GetMediaSample(fields.sample_number, fields.sample_offset, fields.length,
+                                      kept ? nullptr : &bytes)) {
+        case C3gpInterface::Fetched::kNotYet:
+            throw kNoMediaYet;
+        case C3gpInterface::Fetched::kInvalid:
+            return Drop();
+        case C3gpInterface::Fetched::kBytes:
+            break;
+    }
+    if (kept) {
+        m_uFill += fields.length;
+    } else {
+        Append(bytes, fields.length);
+    }
     return fields.length;
 }
 
@@ -194,21 +215,32 @@ unsigned int PropFile::ProcessConstructor(uint8_t type, const unsigned char** cu
     }
 }
 
+// Leaves out a constructor of invalid content.
+unsigned int PropFile::Drop() {
+    ++m_uDropped;
+    LogDropped();
+    return 0;
+}
+
 unsigned int PropFile::ProcessConstructors(const unsigned char** cursor, unsigned int count) {
+    ++m_uPackets;
     unsigned int added = 0;
     for (; count > 0; --count) {
         Require(*cursor, kConstructorSize);
         const unsigned char* next = *cursor + kConstructorSize;
         const uint8_t type = GetAndAdvance8(cursor);
         trace("constructor_type(8):     %d\n", type);
+        ++m_uConstructors;
         try {
             added += ProcessConstructor(type, cursor);
         } catch (unsigned int value) {
-            if (value != kInvalidContent) {
-                log_unexpected_number();
+            // A writer's own constructors may throw; those here throw for missing media only.
+            if (value == kInvalidContent) {
+                Drop();
+            } else {
+                if (value != kNoMediaYet) LogUnexpectedNumber();
                 throw;
             }
-            log_line(kVerbose, at(kSource), "Dropped Hint Track Sample due to invalid content");
         }
         *cursor = next;
     }
@@ -251,12 +283,8 @@ void PropFile::AllocateFrame(uint32_t bytes, uint32_t most) {
     StartFrame();
 }
 
-void PropFile::RequireRoom(uint32_t count) const {
-    if (count > m_uMostBytes - m_uFill) throw kInvalidContent;
-}
-
 void PropFile::Append(const void* bytes, uint32_t count) {
-    RequireRoom(count);
+    if (!HasRoom(count)) throw kInvalidContent;
     const size_t needed = size_t{m_uFill} + count;
     if (needed > m_Buffer.size()) {
         const size_t grown = std::min<size_t>(std::max(needed, 2 * m_Buffer.size()), m_uMostBytes);

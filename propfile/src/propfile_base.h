@@ -1,11 +1,13 @@
 // The frame writers' base: it reads RTP hint samples (ISO/IEC 14496-12, 9.1.3) and rebuilds the
 // payloads of their packets in a frame buffer.
 //
-// Content that makes no sense is thrown as the bare number kInvalidContent, media data that has not
-// arrived as kNoMediaYet; everything else is SimpleException.
+// A hint sample that is malformed is thrown as the bare number kInvalidContent, media data that has
+// not arrived as kNoMediaYet; everything else is SimpleException. A constructor of invalid content
+// is dropped, at no more cost than one that is followed.
 #ifndef KESTREL_PROPFILE_BASE_H
 #define KESTREL_PROPFILE_BASE_H
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -46,24 +48,31 @@ class PropFile {
         uint16_t samples_per_block;
     };
 
-    // `driver` serves the media samples and outlives the writer.
-    explicit PropFile(C3gpInterface* driver) : m_pDriver(driver) {}
+    // `driver` serves the media samples and outlives the writer. `source` is the path that the
+    // log lines about frames carry; it is not copied.
+    PropFile(C3gpInterface* driver, const char* source) : m_pSource(source), m_pDriver(driver) {}
     PropFile(const PropFile&) = delete;
     PropFile& operator=(const PropFile&) = delete;
     virtual ~PropFile();
 
     virtual void FillOffsetTable() = 0;
     // Makes one frame of the hint sample that LimitHintSample has bounded. `time` is its time in
-    // seconds. When media data is missing, the frame is left empty for another try.
+    // seconds. When media data is missing, the frame is left empty for another try. Throws
+    // kInvalidContent for a hint sample that is malformed or of which every constructor was
+    // dropped.
     virtual void PacketizeFrame(const unsigned char* hint, double time) = 0;
     virtual void ProcessRTPnoopconstructor(const unsigned char** p);
-    // These answer the bytes that they added to the frame.
+    // These return the bytes that they added to the frame: 0 for one that they dropped.
     virtual unsigned int ProcessRTPimmediateconstructor(const unsigned char** p);
     virtual unsigned int ProcessRTPsampleconstructor(const unsigned char** p);
     virtual unsigned int ProcessRTPsampledescriptionconstructor(const unsigned char** p);
 
-    // Where the hint sample at hand ends. No cursor is followed beyond it.
-    void LimitHintSample(const unsigned char* end) { m_pHintEnd = end; }
+    // Where the hint sample at hand ends. No cursor is followed beyond it. `again` says that it is
+    // the one whose frame lacked media data before.
+    void LimitHintSample(const unsigned char* end, bool again = false);
+
+    // The packets and constructors of the hint sample at hand that were gone through.
+    uint64_t Work() const { return m_uPackets + m_uConstructors; }
 
     uint8_t GetAndAdvance8(const unsigned char** p) const;
     uint16_t GetAndAdvance16(const unsigned char** p) const;
@@ -95,54 +104,64 @@ class PropFile {
     void Patch(uint32_t at, const void* bytes, uint32_t count);
     uint8_t ByteAt(uint32_t at) const { return m_Buffer[at]; }
 
-    // Runs the constructors of a packet; answers the bytes that they added.
+    // Runs the constructors of a packet; returns the bytes that they added.
     unsigned int ProcessConstructors(const unsigned char** cursor, unsigned int count);
 
-    // Runs `build`, and when it throws empties the frame, runs `undo`, and tells the driver what it
-    // needs to know.
+    // Runs `build`, and when it throws empties the frame, runs `undo`, and passes on what the
+    // driver must know. A frame of which every constructor was dropped is invalid content.
     template <class Build, class Undo>
     void GuardFrame(Build build, Undo undo);
 
+    [[noreturn]] void ThrowUnhandled() const;
+
   private:
     void Require(const unsigned char* p, uint32_t count) const;
-    void RequireRoom(uint32_t count) const;  // in the frame
+    bool HasRoom(uint32_t count) const { return count <= m_uMostBytes - m_uFill; }
     unsigned int ProcessConstructor(uint8_t type, const unsigned char** cursor);
+    unsigned int Drop();
+    void LogDropped() const;
+    void LogMissingMedia() const;
+    void LogUnexpectedNumber() const;
 
     std::vector<unsigned char> m_Buffer;
     uint32_t m_uFill = 0;
     uint32_t m_uOffset = 0;
+    const char* m_pSource;
     C3gpInterface* m_pDriver;
     uint32_t m_uMostBytes = 0;
     const unsigned char* m_pHintEnd = nullptr;
+    // Of the hint sample at hand. A frame is at most 16 MiB, a hint sample less than 4 GiB.
+    uint32_t m_uPackets = 0;
+    uint32_t m_uConstructors = 0;
+    uint32_t m_uDropped = 0;
+    uint32_t m_uKept = 0;  // leading bytes of the frame buffer that an earlier try has filled
 };
-
-// What a guarded frame logs, and how it goes on.
-void log_missing_media();
-void log_unexpected_number();
-[[noreturn]] void throw_unhandled();
 
 template <class Build, class Undo>
 void PropFile::GuardFrame(Build build, Undo undo) {
+    const auto empty = [&] {
+        StartFrame();
+        undo();
+    };
     try {
         build();
+        if (m_uConstructors > 0 && m_uDropped == m_uConstructors) throw kInvalidContent;
     } catch (unsigned int value) {
-        StartFrame();
-        undo();
+        m_uKept = value == kNoMediaYet ? std::max(m_uKept, m_uFill) : 0;
+        empty();
         if (value == kNoMediaYet) {
-            log_missing_media();
+            LogMissingMedia();
             return;
         }
-        log_unexpected_number();
+        LogUnexpectedNumber();
         throw;
     } catch (const SimpleException& caught) {
-        StartFrame();
-        undo();
+        empty();
         kestrel::log_caught(kestrel::kDebug, caught);
         throw;
     } catch (...) {
-        StartFrame();
-        undo();
-        throw_unhandled();
+        empty();
+        ThrowUnhandled();
     }
 }
 

@@ -25,6 +25,9 @@ constexpr uint32_t kMostFrameBytes = 16 << 20;
 
 }  // namespace
 
+PropFileVideo::PropFileVideo(C3gpInterface* driver, const VideoFormat& format)
+    : PropFile(driver, kSource), m_Format(format) {}
+
 PropFileVideo::~PropFileVideo() = default;
 
 void PropFileVideo::FillOffsetTable() {
@@ -47,7 +50,7 @@ void PropFileVideo::AllocBuffers() {
         throw;
     } catch (...) {
         FreeBuffers();
-        throw_unhandled();
+        ThrowUnhandled();
     }
 }
 

@@ -9,8 +9,7 @@
 
 class PropFileVideo : public PropFile {
   public:
-    PropFileVideo(C3gpInterface* driver, const kestrel::VideoFormat& format)
-        : PropFile(driver), m_Format(format) {}
+    PropFileVideo(C3gpInterface* driver, const kestrel::VideoFormat& format);
     ~PropFileVideo() override;
 
     void FillOffsetTable() override;
@@ -23,7 +22,7 @@ class PropFileVideo : public PropFile {
     virtual void Close();
     virtual void AllocBuffers();
 
-    // Answers the payload bytes that the packet added.
+    // Returns the payload bytes that the packet added.
     unsigned int ProcessPacket(const unsigned char** cursor, double time);
 
     // Bytes of the codec record and the codec configuration record.

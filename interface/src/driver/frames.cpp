@@ -11,6 +11,8 @@
 // Walking the hint track and delivering frames.
 
 using namespace kestrel;
+using Qvox3gp::classify;
+using Qvox3gp::is_not_yet;
 
 namespace {
 
@@ -19,17 +21,6 @@ namespace {
 // them read time and again.
 constexpr uint32_t kReadAheadEach = 256;
 
-// What a read that fell short leaves to try.
-bool is_not_yet(uint32_t classification) {
-    return classification == KST_IO_NOT_YET || classification == KST_IO_NOT_YET_ALSO;
-}
-
-uint32_t classify(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, uint32_t status) {
-    uint32_t result = KST_IO_OK;
-    io->CheckStatus(io->Context, &result, status);
-    return result;
-}
-
 uintptr_t address(const void* pointer) {
     return reinterpret_cast<uintptr_t>(pointer);
 }
@@ -37,11 +28,12 @@ uintptr_t address(const void* pointer) {
 }  // namespace
 
 unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size, bool fio) {
+    const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
     const unsigned int wanted = size != nullptr ? *size : 0;
     if (size != nullptr) *size = 0;  // until it is delivered
     if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
-    if (buffer == nullptr || size == nullptr) return m_uStatus = KST_BAD_ARGUMENT;
+    if (size == nullptr || (buffer == nullptr && wanted > 0)) return m_uStatus = KST_BAD_ARGUMENT;
     try {
         m_fFIO = fio;
         *size = Read(buffer, wanted);
@@ -55,9 +47,11 @@ unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size,
     return m_uStatus;
 }
 
-// Answers the bytes delivered. What is taken from the writer on the way waits in m_Taken, so that a
-// call which ends without delivering anything loses nothing.
+// Returns the bytes delivered. What is taken from the writer on the way waits in m_Taken, also
+// after KST_FAILURE, so that a call which ends without delivering anything loses nothing.
+// KST_END_OF_FILE keeps the state as well, for a seek.
 unsigned int C3gpInterface::Read(unsigned char* buffer, unsigned int wanted) {
+    m_WorkBefore = m_Work;
     unsigned int available = 0;
     const unsigned char* data = GetPropBuffer(&available);
     log_line(kVerbose, at(kDriverSource), "%d bytes requested, %d bytes available", wanted,
@@ -119,7 +113,7 @@ void C3gpInterface::MarkPropBytesRead(unsigned int count) {
 }
 
 bool C3gpInterface::GetNextFrame() {
-    // Few bytes of tables can tell of billions of hint samples that make no sense.
+    // A few bytes of tables can list billions of hint samples that are malformed.
     constexpr int kMostInvalid = 4096;
     constexpr uint64_t kMostInvalidBytes = 16 << 20;
     const uint64_t from = m_uBytesHandled;
@@ -131,33 +125,57 @@ bool C3gpInterface::GetNextFrame() {
             log_line(kVerbose, at(kDriverSource), "Exiting GetNextFrame() due to EOF");
             return false;
         }
-        const bool valid = FeedWriter();
-        if (m_uStatus == KST_NOT_YET) return true;  // the same hint sample another time
+        LimitWork();
+        const Fetched frame = FeedWriter();
+        if (frame == Fetched::kNotYet) return true;  // the same hint sample another time
         if (m_Now.time_to_sample < m_TimeToSample.size()) {
             m_Now.m_uFrameTime += m_TimeToSample[m_Now.time_to_sample].sample_delta;
         }
         m_fPassOpen = true;
         FinishPass();
-        if (valid) {
+        if (frame == Fetched::kBytes) {
             log_line(kVerbose, at(kDriverSource), "Exiting GetNextFrame() with valid packet.");
             return true;
         }
         if (m_uStatus == KST_NOT_YET) return true;
     }
-    fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "%s: No valid hint sample among the next %d",
+    fail(m_uStatus, KST_FAILURE, at(kDriverSource), "%s: No valid hint sample among the next %d",
          m_szMedium, passes);
 }
 
-// Has the writer make a frame of the current hint sample; false when that makes no sense. The
-// status says when data is missing.
-bool C3gpInterface::FeedWriter() {
+// Throws where hint samples have too many packets and constructors for what comes of them. Every
+// honest one adds bytes to a frame, or takes more bytes of the file than one.
+void C3gpInterface::LimitWork() {
+    constexpr uint64_t kFreeWork = 1 << 20;
+    const uint64_t done = m_Work.done - m_WorkBefore.done;
+    const uint64_t made = m_Work.made - m_WorkBefore.made;
+    const bool of_call = done > kFreeWork + made;
+    const bool of_all = m_Work.done > kFreeWork + m_uFileSize + m_Work.made;
+    if (!of_call && !of_all) return;
+    fail(m_uStatus, KST_FAILURE, at(kDriverSource),
+         "%s: %" PRIu64 " packets and constructors make only %" PRIu64 " bytes", m_szMedium,
+         of_call ? done : m_Work.done, of_call ? made : m_Work.made);
+}
+
+// Has the writer make a frame of the current hint sample.
+C3gpInterface::Fetched C3gpInterface::FeedWriter() {
     const double time = static_cast<double>(m_Now.m_uFrameTime) / *m_pTimescale;
-    if (!GetCurrentHintSample()) return true;
+    // What was lacking is looked for first: the frame would be begun in vain.
+    if (m_fFIO && m_uAwaitedByte != 0 && HasByte(m_uAwaitedByte) != Fetched::kBytes) {
+        return Fetched::kNotYet;
+    }
+    m_uAwaitedByte = 0;
+    if (GetCurrentHintSample() != Fetched::kBytes) return Fetched::kNotYet;
+    return Packetize(time);
+}
+
+C3gpInterface::Fetched C3gpInterface::Packetize(double time) {
     PropFile* writer = Writer();
-    writer->LimitHintSample(m_HintSample.data() + m_HintSample.size());
+    writer->LimitHintSample(m_HintSample.data() + m_HintSample.size(), m_fFrameBegun);
+    m_fFrameBegun = false;
+    Fetched frame = Fetched::kBytes;
     try {
         writer->PacketizeFrame(m_HintSample.data(), time);
-        return true;
     } catch (unsigned int value) {
         if (value != PropFile::kInvalidContent) {
             log_line(kWarning, at(kDriverSource),
@@ -165,8 +183,15 @@ bool C3gpInterface::FeedWriter() {
             throw;
         }
         log_line(kWarning, at(kDriverSource), "Received invalid packet exception");
-        return false;
+        frame = Fetched::kInvalid;
     }
+    if (m_uStatus == KST_NOT_YET) {
+        m_fFrameBegun = true;
+        return Fetched::kNotYet;
+    }
+    m_Work.done += writer->Work();
+    m_Work.made += writer->ByteCount();
+    return frame;
 }
 
 // Leaves the hint sample that a frame was made of.
@@ -184,87 +209,106 @@ uint64_t C3gpInterface::HintSampleOffset(const Cursors& where) const {
     return m_ChunkOffsets[where.chunk_offset] + where.cur_chunk_bytes;
 }
 
-// Reads the current hint sample; false when it has not arrived yet.
-bool C3gpInterface::GetCurrentHintSample() {
+// Has the current hint sample in memory, and keeps it there until the cursors move.
+C3gpInterface::Fetched C3gpInterface::GetCurrentHintSample() {
+    if (m_fHintHeld) return Fetched::kBytes;
     if (m_Now.chunk_offset >= m_ChunkOffsets.size()) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource),
+        fail(m_uStatus, KST_FAILURE, at(kDriverSource),
              "%s: Iterated off the end of the chunk offset table!", m_szMedium);
     }
     const uint64_t offset = HintSampleOffset(m_Now);
     if (offset > UINT32_MAX) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "%s: Hint sample past the end of any file",
+        fail(m_uStatus, KST_FAILURE, at(kDriverSource), "%s: Hint sample past the end of any file",
              m_szMedium);
     }
     m_uHintOffset = static_cast<uint32_t>(offset);
     log_line(kVerbose, at(kDriverSource), "Frame %-4d: Retrieving hint sample from offset %d",
              m_Now.m_iHintSample, m_uHintOffset);
-    return ReadBytes(m_HintSample, m_uHintOffset, HintSampleSize(m_Now));
+    const Fetched got = ReadBytes(m_HintSample, m_uHintOffset, HintSampleSize(m_Now));
+    m_fHintHeld = got == Fetched::kBytes;
+    return got;
 }
 
-unsigned int C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset,
-                                           uint32_t length, const unsigned char** bytes) {
+C3gpInterface::Fetched C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset,
+                                                     uint32_t length, const unsigned char** bytes) {
     const bool known = mediaSample >= 1 && mediaSample <= m_SampleInfo.size() &&
                        m_SampleInfo[mediaSample - 1].uSize > 0;
-    // Not the "no data yet" of a sample that has not arrived: this one never will, so only what
-    // refers to it is dropped instead of the frame being waited for.
-    if (!known) throw PropFile::kInvalidContent;
+    // A sample number that the tables do not have is invalid content (22136) and not missing data
+    // (4660): it never will arrive, so the constructor is dropped instead of the frame being waited
+    // for.
+    if (!known) return Fetched::kInvalid;
     const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
+    if (offset > sample.uSize || length > sample.uSize - offset) return Fetched::kInvalid;
+    if (bytes == nullptr) return Fetched::kBytes;
     m_uReadAhead += kReadAheadEach + 2 * uint64_t{length};
     m_uBytesHandled += length;
-    const bool hold = m_uMediaSampleHeld == mediaSample || sample.uSize <= m_uReadAhead;
-    if (hold && !HoldMediaSample(mediaSample)) return 0;
-    if (!hold && !HasArrived(sample)) return 0;
-    if (offset > sample.uSize || length > sample.uSize - offset) throw PropFile::kInvalidContent;
-    if (!hold && length > 0 && !ReadBytes(m_MediaPiece, sample.uOffset + offset, length)) return 0;
-    *bytes = hold ? m_MediaSample.data() + offset : m_MediaPiece.data();
-    return sample.uSize;
+    if (m_uMediaSampleHeld == mediaSample || sample.uSize <= m_uReadAhead) {
+        const Fetched held = HoldMediaSample(mediaSample);
+        if (held == Fetched::kBytes) *bytes = m_MediaSample.data() + offset;
+        return held;
+    }
+    // With its last byte there, all of it is, in a file that arrives in order.
+    const uint64_t last = uint64_t{sample.uOffset} + sample.uSize - 1;
+    if (HasByte(last) != Fetched::kBytes) return Fetched::kNotYet;
+    *bytes = m_MediaPiece.data();
+    if (length == 0) return Fetched::kBytes;
+    const Fetched piece = ReadBytes(m_MediaPiece, sample.uOffset + offset, length);
+    *bytes = m_MediaPiece.data();
+    return piece;
 }
 
-// Has the whole sample in memory; false when it has not arrived.
-bool C3gpInterface::HoldMediaSample(unsigned int mediaSample) {
-    if (m_uMediaSampleHeld == mediaSample) return true;
+// Has the whole sample in memory.
+C3gpInterface::Fetched C3gpInterface::HoldMediaSample(unsigned int mediaSample) {
+    if (m_uMediaSampleHeld == mediaSample) return Fetched::kBytes;
     const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
     m_uMediaSampleHeld = 0;
-    if (!ReadBytes(m_MediaSample, sample.uOffset, sample.uSize)) return false;
+    const Fetched got = ReadBytes(m_MediaSample, sample.uOffset, sample.uSize);
+    if (got != Fetched::kBytes) return got;
     m_uMediaSampleHeld = mediaSample;
     m_uReadAhead -= sample.uSize;
-    return true;
+    return got;
 }
 
-// Whether the last byte of a sample is there, and so, in a file that arrives in order, all.
-bool C3gpInterface::HasArrived(const _TAG_SAMPLEINFO& sample) {
-    const uint64_t last = uint64_t{sample.uOffset} + sample.uSize - 1;
-    if (last > UINT32_MAX) {
-        m_uStatus = KST_NOT_YET;
-        return false;
-    }
-    return ReadBytes(m_MediaPiece, static_cast<uint32_t>(last), 1);
+// Whether a byte of the file is there.
+C3gpInterface::Fetched C3gpInterface::HasByte(uint64_t offset) {
+    return offset <= UINT32_MAX ? ReadBytes(m_MediaPiece, static_cast<uint32_t>(offset), 1)
+                                : Lacks(offset);
 }
 
-// Fills `to`; false, with the status set, when not all of the bytes can be had yet. Grows with what
-// comes, whatever a table tells.
-bool C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset, uint32_t size) {
+// Fills `to`. Grows with what comes, whatever a table says.
+C3gpInterface::Fetched C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset,
+                                                uint32_t size) {
     to.clear();
     if (!m_fFIO) Qvox3gp::macro_Seek(m_pIOCallback, offset);
     while (to.size() < size) {
         const size_t had = to.size();
         const uint32_t now = std::min(static_cast<uint32_t>(size - had), kTrustedBytes);
         m_uBytesHandled += now;
-        to.resize(had + now);
-        const uint64_t from = uint64_t{offset} + had;
-        uint32_t got = 0;
-        if (m_fFIO && from <= UINT32_MAX) {
-            got = IOFileStreamRead(to.data() + had, static_cast<uint32_t>(from), now);
-        } else if (!m_fFIO) {
-            got = Qvox3gp::read_available(m_pIOCallback, to.data() + had, now);
-        }
-        if (got < now) {
+        to.resize(had + now);  // zeros, which stay where a host succeeds without writing
+        if (ReadPiece(to.data() + had, uint64_t{offset} + had, now) < now) {
             to.clear();
-            m_uStatus = KST_NOT_YET;
-            return false;
+            return Lacks(uint64_t{offset} + size - 1);
         }
     }
-    return true;
+    return Fetched::kBytes;
+}
+
+// The bytes that were there; without the flag, at the position of the stream.
+uint32_t C3gpInterface::ReadPiece(void* data, uint64_t offset, uint32_t count) {
+    if (!m_fFIO) return Qvox3gp::read_available(m_pIOCallback, data, count);
+    return offset <= UINT32_MAX ? IOFileStreamRead(data, static_cast<uint32_t>(offset), count) : 0;
+}
+
+// What follows from bytes, of which that at `last` is the last, not being there: a stream that
+// fills may have them later, one that is served whole has ended.
+C3gpInterface::Fetched C3gpInterface::Lacks(uint64_t last) {
+    if (!m_fFIO) {
+        fail(m_uStatus, KST_FAILURE, at(kDriverSource),
+             "%s: Stream does not deliver its byte at offset %" PRIu64, m_szMedium, last);
+    }
+    m_uStatus = KST_NOT_YET;
+    m_uAwaitedByte = last;
+    return Fetched::kNotYet;
 }
 
 // The bytes that were there, at most `count`.
@@ -308,13 +352,19 @@ bool C3gpInterface::AdvanceToNextHintSample() {
     }
     AdvanceChunk(next);
     AdvanceTime(next);
-    m_Now = next;
-    m_fPassOpen = false;
+    MoveTo(next);
     const auto offset =
         static_cast<uint32_t>(std::min(HintSampleOffset(m_Now), uint64_t{UINT32_MAX}));
     log_line(kVerbose, at(kDriverSource), "Moving IO Callback file pointer to: %d", offset);
     IOFileStreamAdvance(offset);
     return true;
+}
+
+// Leaves the hint sample at hand, with all that is kept of it.
+void C3gpInterface::MoveTo(const Cursors& next) {
+    m_Now = next;
+    m_fPassOpen = m_fHintHeld = m_fFrameBegun = false;
+    m_uAwaitedByte = 0;
 }
 
 void C3gpInterface::AdvanceChunk(Cursors& next) {

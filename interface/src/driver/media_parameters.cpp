@@ -40,7 +40,8 @@ uint32_t rescaled(uint32_t ticks, uint32_t movie_timescale, uint32_t clock) {
 // Reads hint samples without making frames of them.
 class HintSampleReader final : public PropFile {
   public:
-    explicit HintSampleReader(const std::vector<unsigned char>& hint) : PropFile(nullptr) {
+    explicit HintSampleReader(const std::vector<unsigned char>& hint)
+        : PropFile(nullptr, kDriverSource) {
         LimitHintSample(hint.data() + hint.size());
     }
     void FillOffsetTable() override {}
@@ -177,12 +178,10 @@ void C3gpInterface::ParseCodecSpecificBoxes() {
 
 unsigned int C3gpInterface::PeekH263Track() {
     constexpr uint8_t kRfc2190PayloadType = 34;
-    if (m_uHintSamples == 0) {
+    if (m_uHintSamples == 0 || m_ChunkOffsets.empty()) {
         fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "Hint track has no samples");
     }
-    if (!GetCurrentHintSample()) {
-        fail(m_uStatus, KST_NOT_YET, at(kDriverSource), "First hint sample is not there yet");
-    }
+    GetCurrentHintSample();
     _TAG_RTPsample3gp sample{};
     _TAG_RTPpacket3gp packet{};
     const unsigned char* cursor = m_HintSample.data();
@@ -191,7 +190,7 @@ unsigned int C3gpInterface::PeekH263Track() {
         reader.GetRTPsample3gp(&sample, &cursor);
         reader.GetRTPpacket3gp(&packet, &cursor);
     } catch (unsigned int) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "First hint sample makes no sense");
+        fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "First hint sample is malformed");
     }
     const bool rfc2190 = packet.payload_type() == kRfc2190PayloadType;
     log_line(kDebug, at(kDriverSource), "%s Video codec found", rfc2190 ? "H263" : "H263_1998");

@@ -73,6 +73,7 @@ C3gpInterface::~C3gpInterface() {
 }
 
 unsigned int C3gpInterface::Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode) {
+    const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
     try {
         read_environment();
@@ -224,6 +225,7 @@ void C3gpInterface::CreateVideoObject() {
 }
 
 unsigned int C3gpInterface::Close() {
+    const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
     try {
         CloseWriters();
@@ -263,6 +265,11 @@ void C3gpInterface::Reset() {
     m_fHasSyncTable = false;
     m_Now = m_Scratch = {};
     m_fEndOfFile = m_fPassOpen = m_fFIO = false;
+    m_fHintHeld = m_fFrameBegun = false;
+    m_uAwaitedByte = 0;
+    m_uFileSize = 0;
+    m_Work = m_WorkBefore = {};
+    m_uRemarks = 0;
 }
 
 void C3gpInterface::FreeBuffers() {

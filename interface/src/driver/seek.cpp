@@ -30,7 +30,7 @@ bool are_valid(uint32_t flags) {
 class MediaSampleFinder final : public PropFile {
   public:
     explicit MediaSampleFinder(const std::vector<unsigned char>& hint)
-        : PropFile(nullptr), m_pCursor(hint.data()) {
+        : PropFile(nullptr, kDriverSource), m_pCursor(hint.data()) {
         LimitHintSample(hint.data() + hint.size());
     }
     void FillOffsetTable() override {}
@@ -171,7 +171,7 @@ int C3gpInterface::CalcHintOffset(unsigned int hintSample, unsigned int* size) {
     return offset;
 }
 
-int C3gpInterface::CalcMediaOffset(unsigned int mediaSample) const {
+int C3gpInterface::CalcMediaOffset(unsigned int mediaSample) {
     // The last sample has no offset: "less than" and not "at most", on purpose.
     const bool known =
         mediaSample >= 1 && mediaSample < m_uMediaSamples && mediaSample <= m_SampleInfo.size();
@@ -183,7 +183,7 @@ int C3gpInterface::CalcMediaOffset(unsigned int mediaSample) const {
     return offset;
 }
 
-unsigned int C3gpInterface::ConvertMsTimeToMdhdTime(unsigned int ms) const {
+unsigned int C3gpInterface::ConvertMsTimeToMdhdTime(unsigned int ms) {
     // Whole units a millisecond: 44100 Hz counts as 44 on purpose.
     const auto mdhd = static_cast<unsigned int>(
         std::min(uint64_t{*m_pTimescale / kMsPerSecond} * ms, uint64_t{UINT32_MAX}));
@@ -326,10 +326,8 @@ unsigned int C3gpInterface::GetSyncSample(unsigned int sample, unsigned int sync
 
 int C3gpInterface::GetMediaSample(unsigned int hintSample, unsigned int fileOffset,
                                   unsigned int size) {
-    m_fFIO = false;
-    if (!ReadBytes(m_HintSample, fileOffset, size)) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource), "Hint sample is not there yet");
-    }
+    m_fFIO = m_fHintHeld = false;
+    ReadBytes(m_HintSample, fileOffset, size);
     const unsigned int first = MediaSampleFinder(m_HintSample).Find();
     log_line(kDebug, at(kDriverSource),
              "C3gpInterface::GetMediaSample - Determined First Media Sample (hint_sample=%d, "
@@ -339,6 +337,7 @@ int C3gpInterface::GetMediaSample(unsigned int hintSample, unsigned int fileOffs
 }
 
 unsigned int C3gpInterface::SeekTo(_TAG_KST_SEEK_PARAMS* params) {
+    const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
     if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
     if (params == nullptr) return m_uStatus = KST_BAD_ARGUMENT;
@@ -418,11 +417,11 @@ unsigned int C3gpInterface::ResetInternals(unsigned int hintSample, unsigned int
              "sample_offset_in_chunk=%d, chunk=%d",
              hintSample, static_cast<unsigned int>(next.cur_chunk_bytes), next.samples_per_chunk,
              next.sample_offset_in_chunk, next.chunk);
-    // Playing stays where it is if this fails. There is no offset to go to for the last media
-    // sample; every read goes to its own place in any case.
+    // Playing stays where it is if this fails. There is no Seek for the offset -1 of the last media
+    // sample: hosts refuse it, and every read goes to its own place in any case.
     if (fileOffset != kNoOffset) Qvox3gp::macro_Seek(m_pIOCallback, fileOffset);
-    m_Now = next;
+    MoveTo(next);
     m_fEndOfFile = false;
-    m_fPassOpen = false;
+    m_Work = m_WorkBefore = {};
     return 1;
 }

@@ -51,6 +51,9 @@ bool reserve(std::vector<T>& values, size_t count) {
 void C3gpInterface::Read3gpBoxes() {
     try {
         ReadTracks();
+    } catch (const Qvox3gp::NotArrived&) {
+        m_uStatus = KST_FAILURE;  // to be opened again later
+        throw;
     } catch (const SimpleException&) {
         m_uStatus = KST_CORRUPT;
         throw;
@@ -66,6 +69,7 @@ void C3gpInterface::ReadTracks() {
              address(m_pIOCallback), address(m_pIOCallback->Context));
     log_line(kDebug, at(kDriverSource), "Reading 3gp boxes from file");
     m_pSimple3gp->Read(m_pIOCallback, 0);
+    m_uFileSize = m_pSimple3gp->GetFileSizeRead();
     log_line(kDebug, at(kDriverSource), "Reading 3gp boxes complete");
     const auto* ftyp = require(m_pSimple3gp->GetFtyp(), m_uStatus, at(kDriverSource), "ftyp");
     log_line(kDebug, at(kDriverSource), "Found 3gp major brand: 0x%X", ftyp->GetMajorBrand());
@@ -195,7 +199,7 @@ void C3gpInterface::RequireSamplesInFile() {
     constexpr uint32_t kTrustedSamples = 65536;
     const uint32_t size = m_AVBoxes.stsz->GetSampleSize();
     if (size == 0 || m_uMediaSamples <= kTrustedSamples) return;
-    if (uint64_t{size} * m_uMediaSamples > Qvox3gp::GetFileSize(m_pIOCallback)) {
+    if (uint64_t{size} * m_uMediaSamples > m_uFileSize) {
         fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "Media samples exceed the file");
     }
 }
