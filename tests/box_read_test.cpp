@@ -59,6 +59,9 @@ class FrontHost {
     bool silent = false;  // succeeds without delivering anything
     uint32_t claimed_size = 0;
     uint32_t most_a_read = 0xFFFFFFFF;  // delivers no more than this at once
+    // The place that GetOffset reports, and the one that Seek goes to; by default the true ones.
+    std::function<uint32_t(uint32_t)> reported = [](uint32_t place) { return place; };
+    std::function<uint32_t(uint32_t)> reached = [](uint32_t place) { return place; };
 
   private:
     static FrontHost& of(void* context) { return *static_cast<FrontHost*>(context); }
@@ -69,11 +72,14 @@ class FrontHost {
     }
     static uint32_t get_offset(void* c, uint32_t* offset) {
         if (of(c).fails(Slot::kGetOffset)) return of(c).failure;
-        return of(c).silent ? 0 : of(c).in()->GetOffset(of(c).in()->Context, offset);
+        if (of(c).silent) return 0;
+        const uint32_t status = of(c).in()->GetOffset(of(c).in()->Context, offset);
+        *offset = of(c).reported(*offset);
+        return status;
     }
     static uint32_t seek(void* c, uint32_t offset) {
         if (of(c).fails(Slot::kSeek)) return of(c).failure;
-        return of(c).in()->Seek(of(c).in()->Context, offset);
+        return of(c).in()->Seek(of(c).in()->Context, of(c).reached(offset));
     }
     static uint32_t read(void* c, void* data, uint32_t* count, int32_t offset) {
         if (of(c).fails(Slot::kRead)) return of(c).failure;
@@ -389,6 +395,29 @@ TEST(WholeFile, ABoxThatDoesNotMoveTheStreamEndsTheReading) {
     }
 }
 
+TEST(WholeFile, AHostThatDoesNotMoveForwardEndsTheReading) {
+    const auto same = [](uint32_t place) { return place; };
+    const std::function<uint32_t(uint32_t)> lies[] = {
+        [](uint32_t) { return 0u; }, [](uint32_t) { return 40u; },
+        [](uint32_t place) { return 96 - place; },
+        [](uint32_t place) { return place - std::min(place, 13u); },
+        [](uint32_t place) { return place + 1; }};
+    for (const auto& loop : loops()) {
+        for (const auto& lie : lies) {
+            for (const bool seek : {false, true}) {
+                FrontHost host(kFtyp + loop(box("free", zeros(20)) + box("free", zeros(20))) +
+                               zeros(100));
+                (seek ? host.reached : host.reported) = lie;
+                (seek ? host.reported : host.reached) = same;
+                Simple3gp file;
+                const std::string message = message_of([&] { file.Read(host.io(), 0); });
+                EXPECT_THAT(message, StartsWith(kInvalidSize));
+                EXPECT_LT(host.calls(), 1000);
+            }
+        }
+    }
+}
+
 TEST(WholeFile, OnlyTheFileBoundsAChild) {
     const Bytes tail = box("free", zeros(20));
     for (const auto& loop : loops()) {
@@ -699,6 +728,13 @@ TEST(SampleEntries, Mpeg4) {
         EXPECT_THAT(
             message_of([&] { read_stsd(box("mp4v", kVisualFields + esds(0x20, info, size))); }),
             StartsWith(kInvalidSize));
+    }
+}
+
+TEST(SampleEntries, Mpeg4WithoutItsBoxIsInvalid) {
+    for (const Bytes& next : {Bytes{}, box("pasp", zeros(40)), full_box("esdx", zeros(40))}) {
+        EXPECT_THAT(message_of([&] { read_stsd(box("mp4v", kVisualFields + next) + zeros(40)); }),
+                    StartsWith(kInvalidSize));
     }
 }
 

@@ -154,8 +154,6 @@ void Faults::expect_stream(Player& player, FaultyHost& host, int failing, const 
 
 bool Faults::run(int failing, const Fault& fault) {
     if (!can_fault(names_[static_cast<size_t>(failing)], fault.kind)) return false;
-    // The function API takes the bytes of such a read for the file's.
-    if (fault.kind == FaultKind::kSilent && road_ == Road::kFunction) return false;
     FaultyHost host(file_);
     host.break_at(failing, fault);
     Player player(road_);

@@ -113,7 +113,8 @@ void PropFileAudio::Close() {
 
 void PropFileAudio::PacketizeFrame(const unsigned char* hint, double time) {
     const uint32_t before = m_uPreviousFrameType;
-    GuardFrame([&] { BuildFrame(hint, time); }, [&] { m_uPreviousFrameType = before; });
+    GuardFrame(
+        hint, [&] { BuildFrame(hint, time); }, [&] { m_uPreviousFrameType = before; });
 }
 
 void PropFileAudio::BuildFrame(const unsigned char* hint, double time) {

@@ -112,18 +112,33 @@ void PropFile::GetRTPsample3gp(_TAG_RTPsample3gp* sample, const unsigned char** 
     trace("packetcount: %d\n", sample->packetcount);
 }
 
-void PropFile::GetRTPpacket3gp(_TAG_RTPpacket3gp* packet, const unsigned char** p) const {
+// Passes over a packet's extra information, if it has any; returns its length.
+uint32_t PropFile::ReadPacket(_TAG_RTPpacket3gp* packet, const unsigned char** p) const {
     packet->relative_time = GetAndAdvance32(p);
     packet->rtp_header = GetAndAdvance16(p);
     packet->sequence_seed = GetAndAdvance16(p);
     packet->flags = GetAndAdvance16(p);
     packet->entrycount = GetAndAdvance16(p);
-    trace_packet(*packet);
-    if ((packet->flags & kExtraFlag) == 0) return;
+    if ((packet->flags & kExtraFlag) == 0) return 0;
     const uint32_t length = GetAndAdvance32(p);
-    trace("extra_information_length(32): %d\n", length);
     if (length < sizeof length) throw kInvalidContent;  // it counts its own four bytes
     Skip(p, static_cast<uint32_t>(length - sizeof length));
+    return length;
+}
+
+void PropFile::GetRTPpacket3gp(_TAG_RTPpacket3gp* packet, const unsigned char** p) const {
+    const uint32_t extra = ReadPacket(packet, p);
+    trace_packet(*packet);
+    if (extra > 0) trace("extra_information_length(32): %d\n", extra);
+}
+
+void PropFile::RequireWhole(const unsigned char* hint) const {
+    unsigned int packets = GetAndAdvance16(&hint);
+    Skip(&hint, sizeof(_TAG_RTPsample3gp::reserved));
+    for (_TAG_RTPpacket3gp packet{}; packets > 0; --packets) {
+        ReadPacket(&packet, &hint);
+        Skip(&hint, packet.entrycount * kConstructorSize);
+    }
 }
 
 void PropFile::ProcessRTPnoopconstructor(const unsigned char** p) {

@@ -107,15 +107,20 @@ class PropFile {
     // Runs the constructors of a packet; returns the bytes that they added.
     unsigned int ProcessConstructors(const unsigned char** cursor, unsigned int count);
 
-    // Runs `build`, and when it throws empties the frame, runs `undo`, and passes on what the
-    // driver must know. A frame of which every constructor was dropped is invalid content.
+    // Runs `build` on a hint sample that is whole, and when it throws empties the frame, runs
+    // `undo`, and passes on what the driver must know. A frame of which every constructor was
+    // dropped is invalid content.
     template <class Build, class Undo>
-    void GuardFrame(Build build, Undo undo);
+    void GuardFrame(const unsigned char* hint, Build build, Undo undo);
 
     [[noreturn]] void ThrowUnhandled() const;
 
   private:
     void Require(const unsigned char* p, uint32_t count) const;
+    uint32_t ReadPacket(_TAG_RTPpacket3gp* packet, const unsigned char** p) const;
+    // Throws kInvalidContent for a hint sample that ends before its last constructor does: no media
+    // data is read for it.
+    void RequireWhole(const unsigned char* hint) const;
     bool HasRoom(uint32_t count) const { return count <= m_uMostBytes - m_uFill; }
     unsigned int ProcessConstructor(uint8_t type, const unsigned char** cursor);
     unsigned int Drop();
@@ -138,12 +143,13 @@ class PropFile {
 };
 
 template <class Build, class Undo>
-void PropFile::GuardFrame(Build build, Undo undo) {
+void PropFile::GuardFrame(const unsigned char* hint, Build build, Undo undo) {
     const auto empty = [&] {
         StartFrame();
         undo();
     };
     try {
+        RequireWhole(hint);
         build();
         if (m_uConstructors > 0 && m_uDropped == m_uConstructors) throw kInvalidContent;
     } catch (unsigned int value) {

@@ -80,7 +80,8 @@ void PropFileVideo::Close() {
 }
 
 void PropFileVideo::PacketizeFrame(const unsigned char* hint, double time) {
-    GuardFrame([&] { BuildFrame(hint, time); }, [] {});
+    GuardFrame(
+        hint, [&] { BuildFrame(hint, time); }, [] {});
 }
 
 void PropFileVideo::BuildFrame(const unsigned char* hint, double time) {

@@ -72,7 +72,7 @@ Bytes track(const TrackSpec& about) {
                                     be16(0), be16(0x100), be16(0), zeros(36), words({0, 0})});
     const Bytes mdhd = box("mdhd", {words({0, 0, 0, about.timescale, about.duration, 0})});
     const Bytes hdlr = box("hdlr", {words({0, 0}), text(about.handler), zeros(13)});
-    const Bytes stsd = box("stsd", {words({0, 1}), about.entry});
+    const Bytes stsd = box("stsd", {words({0, about.entries}), about.entry});
     const Bytes mdia = box("mdia", {mdhd, hdlr, box("minf", {box("stbl", {stsd, about.tables})})});
     return box("trak", {tkhd, mdia, about.extra});
 }

@@ -33,9 +33,10 @@ struct TrackSpec {
     std::string handler = "soun";
     uint32_t timescale = 8000;
     uint32_t duration = 8000;
-    Bytes entry = {};   // sample entry with its header
-    Bytes tables = {};  // the children of `stbl` behind `stsd`
-    Bytes extra = {};   // further children of `trak`
+    Bytes entry = {};      // sample entry with its header
+    uint32_t entries = 1;  // how many of them there are
+    Bytes tables = {};     // the children of `stbl` behind `stsd`
+    Bytes extra = {};      // further children of `trak`
 };
 
 Bytes track(const TrackSpec& about);

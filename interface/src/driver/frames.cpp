@@ -21,6 +21,9 @@ namespace {
 // them read time and again.
 constexpr uint32_t kReadAheadEach = 256;
 
+// Bytes of the hint sample that a packet or a constructor takes.
+constexpr size_t kSmallestEntry = 12;
+
 uintptr_t address(const void* pointer) {
     return reinterpret_cast<uintptr_t>(pointer);
 }
@@ -189,7 +192,7 @@ C3gpInterface::Fetched C3gpInterface::Packetize(double time) {
         m_fFrameBegun = true;
         return Fetched::kNotYet;
     }
-    m_Work.done += writer->Work();
+    m_Work.done += std::max<uint64_t>(writer->Work(), m_HintSample.size() / kSmallestEntry);
     m_Work.made += writer->ByteCount();
     return frame;
 }
