@@ -7,8 +7,8 @@ namespace Qvox3gp {
 // Called by the reading of an "esds", after an object type that is not that of MPEG-4 Visual.
 //
 // It is defined by who reads boxes. The library's, its only process exit, stands with the class
-// driver: it writes a complaint to the standard error stream and exits with status 1. After one that
-// returns, the rest of the "esds" is read like that of MPEG-4 Visual.
+// driver: it writes a complaint to the standard error stream and exits with status 1. After one
+// that returns, the rest of the "esds" is read like that of MPEG-4 Visual.
 void meet_foreign_codec();
 
 }  // namespace Qvox3gp

@@ -42,6 +42,11 @@ struct Played {
     Bytes stream;
 };
 
+// What a read of bytes that are not there returns depends on the flag.
+unsigned without_flag(unsigned status) {
+    return status == KST_NOT_YET ? unsigned{KST_FAILURE} : status;
+}
+
 // From the beginning to the end.
 Played play(Host& host, const char* mode, unsigned size, bool fio) {
     Played played;
@@ -81,7 +86,7 @@ Bytes wander(View file, Choices choices, const char* mode, bool fio) {
             if (status == KST_SUCCESS) told.push_back(static_cast<uint8_t>(params.uFrameNum));
         }
         // A callback that fails has a status of its own only where it reads by index.
-        if (status != KST_IO_FAILURE) told.push_back(static_cast<uint8_t>(status));
+        if (status != KST_IO_FAILURE) told.push_back(static_cast<uint8_t>(without_flag(status)));
     }
     return told;
 }
@@ -105,6 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Played whole = play(whole_host, mode, room, how & 4);
     Host arriving_host(input.file, salt);
     const Played arriving = play(arriving_host, mode, room, true);
-    check(arriving.status == whole.status && arriving.stream == whole.stream);
+    check(without_flag(arriving.status) == without_flag(whole.status));
+    check(arriving.stream == whole.stream);
     return 0;
 }
