@@ -8,6 +8,7 @@
 
 #include "kestrel/log.h"
 #include "kestrel/native_records.h"
+#include "native/codec/amr_format.h"
 #include "propfile/src/propfile_audio.h"
 #include "tests/support/hint_file.h"
 #include "tests/support/playing.h"
@@ -15,13 +16,6 @@
 
 // What C3gpInterface makes of files that were made for it: its frames, its statuses, and the lines
 // it writes to the system log.
-
-// The driver's steps that no public function shows.
-struct C3gpInterfaceAccess {
-    static uint32_t amr_bit_rate(uint32_t mode_set) {
-        return C3gpInterface::GetAMRBitRate(mode_set);
-    }
-};
 
 namespace {
 
@@ -152,11 +146,11 @@ TEST(ClassFrames, WriterGivesOutWhatItHas) {
 TEST(ClassFrames, BitRateOfAModeSet) {
     uint32_t mode_set = 1;
     for (const uint32_t rate : {4750u, 5150u, 5900u, 6700u, 7400u, 7950u, 10200u, 12200u}) {
-        EXPECT_EQ(C3gpInterfaceAccess::amr_bit_rate(mode_set), rate);
+        EXPECT_EQ(kestrel::amr_bit_rate(mode_set), rate);
         mode_set *= 2;
     }
-    EXPECT_EQ(C3gpInterfaceAccess::amr_bit_rate(0), 12200u);
-    EXPECT_EQ(C3gpInterfaceAccess::amr_bit_rate(3), 12200u);
+    EXPECT_EQ(kestrel::amr_bit_rate(0), 12200u);
+    EXPECT_EQ(kestrel::amr_bit_rate(3), 12200u);
 }
 
 // --- header records ---

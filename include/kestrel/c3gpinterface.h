@@ -27,6 +27,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
@@ -94,6 +95,10 @@ class TrakBox;
 struct SampleToChunkEntry;
 struct TimeToSampleEntry;
 }  // namespace Qvox3gp
+
+namespace kestrel {
+enum class Fetched : unsigned char;
+}
 
 class PropFile;
 class PropFileAudio;
@@ -191,17 +196,9 @@ class KESTREL_API C3gpInterface {
     unsigned int SeekTo(_TAG_KST_SEEK_PARAMS* params);
 
   private:
-    friend class PropFile;              // asks for media samples
-    friend struct C3gpInterfaceAccess;  // the tests' way in
+    using Fetched = kestrel::Fetched;
 
     static constexpr uint64_t kFirstReadAhead = 65536;
-
-    // What became of bytes that were asked for.
-    enum class Fetched {
-        kBytes,   // they are there
-        kNotYet,  // they have not arrived; the status says so too
-        kInvalid  // they never will: no file has them
-    };
 
     // Where playing stands.
     struct Cursors {
@@ -262,6 +259,7 @@ class KESTREL_API C3gpInterface {
     void CreateAudioObject();
     void CreateVideoObject();
     std::unique_ptr<PropFileVideo> NewVideoObject();
+    std::function<Fetched(unsigned int, uint32_t, uint32_t, const unsigned char**)> Media();
     void CloseWriters();
     void FreeBuffers();
 

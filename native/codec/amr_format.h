@@ -34,6 +34,27 @@ struct AmrBand {
 
 inline constexpr uint32_t kAmrFramesPerSecond = 50;
 
+// A narrow-band speech mode and its number in the native stream.
+struct NarrowBandMode {
+    uint32_t bits_per_second;
+    uint32_t native_coding;
+};
+
+// By frame type, 0 to 7.
+inline constexpr NarrowBandMode kNarrowBandModes[] = {{4750, 26},  {5150, 27}, {5900, 28},
+                                                      {6700, 29},  {7400, 30}, {7950, 31},
+                                                      {10200, 32}, {12200, 33}};
+
+// Bit rate of a mode set (of `damr`) that has one mode; that of the highest mode for any other.
+constexpr uint32_t amr_bit_rate(uint32_t mode_set) {
+    uint32_t bit = 1;
+    for (const NarrowBandMode& mode : kNarrowBandModes) {
+        if (mode_set == bit) return mode.bits_per_second;
+        bit <<= 1;
+    }
+    return kNarrowBandModes[7].bits_per_second;
+}
+
 inline constexpr AmrBand kNarrowBand{bits, 8000, 160, 10, kNativeAmrPayloadType};
 inline constexpr AmrBand kWideBand{kWideBandBits, 16000, 320, 20, kNativeAmrWideBandPayloadType};
 

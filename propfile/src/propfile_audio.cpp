@@ -24,8 +24,6 @@ struct CodeOf {
     uint32_t code;
 };
 
-constexpr CodeOf kCodings[] = {{4750, 26}, {5150, 27}, {5900, 28},  {6700, 29},
-                               {7400, 30}, {7950, 31}, {10200, 32}, {12200, 33}};
 constexpr CodeOf kSamplingRates[] = {{6000, 48}, {8000, 64}, {11000, 88}};
 
 template <size_t N>
@@ -44,7 +42,10 @@ uint32_t code_of(const CodeOf (&table)[N], uint32_t value) {
 }  // namespace
 
 uint32_t GetAMRCoding(uint32_t bitsPerSecond) {
-    return code_of(kCodings, bitsPerSecond);
+    for (const NarrowBandMode& mode : kNarrowBandModes) {
+        if (mode.bits_per_second == bitsPerSecond) return mode.native_coding;
+    }
+    return 0;
 }
 
 uint32_t SampleRateHZ_to_MM(uint32_t hertz) {
@@ -55,7 +56,7 @@ uint32_t GetAMRBitsPerSample(uint32_t) {
     return 0;
 }
 
-PropFileAudio::PropFileAudio(C3gpInterface* driver) : PropFile(driver, kSource) {}
+PropFileAudio::PropFileAudio(MediaSource media) : PropFile(std::move(media), kSource) {}
 
 PropFileAudio::~PropFileAudio() = default;
 

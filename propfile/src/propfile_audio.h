@@ -8,7 +8,7 @@
 
 class PropFileAudio : public PropFile {
   public:
-    explicit PropFileAudio(C3gpInterface* driver);
+    explicit PropFileAudio(kestrel::MediaSource media);
     ~PropFileAudio() override;
 
     void FillOffsetTable() override;

@@ -1,5 +1,5 @@
-// The frame writers' base: it reads RTP hint samples (ISO/IEC 14496-12, 9.1.3) and rebuilds the
-// payloads of their packets in a frame buffer.
+// The frame writers' base: it rebuilds the payloads of the packets of an RTP hint sample in a frame
+// buffer.
 //
 // A hint sample that is malformed is thrown as the bare number kInvalidContent, media data that has
 // not arrived as kNoMediaYet; everything else is SimpleException. A constructor of invalid content
@@ -9,48 +9,20 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "common/simple_exception.h"
+#include "propfile/src/hint_sample_parser.h"
+#include "propfile/src/media_source.h"
 
-class C3gpInterface;
-
-struct _TAG_RTPsample3gp {
-    uint16_t packetcount;
-    uint16_t reserved;
-};
-
-struct _TAG_RTPpacket3gp {
-    uint32_t relative_time;
-    uint16_t rtp_header;  // P 0x2000, X 0x1000, M 0x0080, payload type 0x007F
-    uint16_t sequence_seed;
-    uint16_t flags;
-    uint16_t entrycount;
-
-    bool marker() const { return (rtp_header & 0x0080) != 0; }
-    uint8_t payload_type() const { return rtp_header & 0x007F; }
-};
-
-class PropFile {
+class PropFile : public HintSampleParser {
   public:
-    static constexpr unsigned int kInvalidContent = 22136;
     static constexpr unsigned int kNoMediaYet = 4660;
-    static constexpr unsigned int kConstructorSize = 16;
 
-    enum ConstructorType : uint8_t { kNoop = 0, kImmediate = 1, kSample = 2, kDescription = 3 };
-
-    struct SampleConstructor {
-        uint8_t track_reference;
-        uint16_t length;
-        uint32_t sample_number;
-        uint32_t sample_offset;
-        uint16_t bytes_per_block;
-        uint16_t samples_per_block;
-    };
-
-    // `driver` serves the media samples and outlives the writer. `source` is the path that the
-    // log lines about frames carry; it is not copied.
-    PropFile(C3gpInterface* driver, const char* source) : m_pSource(source), m_pDriver(driver) {}
+    // `source` is the path that the log lines about frames carry; it is not copied.
+    PropFile(kestrel::MediaSource media, const char* source)
+        : m_pSource(source), m_Media(std::move(media)) {}
     PropFile(const PropFile&) = delete;
     PropFile& operator=(const PropFile&) = delete;
     virtual ~PropFile();
@@ -73,15 +45,6 @@ class PropFile {
 
     // The packets and constructors of the hint sample at hand that were gone through.
     uint64_t Work() const { return m_uPackets + m_uConstructors; }
-
-    uint8_t GetAndAdvance8(const unsigned char** p) const;
-    uint16_t GetAndAdvance16(const unsigned char** p) const;
-    uint32_t GetAndAdvance32(const unsigned char** p) const;
-    void GetRTPsample3gp(_TAG_RTPsample3gp* sample, const unsigned char** p) const;
-    void GetRTPpacket3gp(_TAG_RTPpacket3gp* packet, const unsigned char** p) const;
-    SampleConstructor GetSampleConstructor(const unsigned char** p) const;
-    // Moves on by `count` bytes.
-    void Skip(const unsigned char** p, uint32_t count) const;
 
     // The bytes not yet taken, `*n` of them (`n` may be null).
     unsigned char* GetBuffer(unsigned int* n);
@@ -116,11 +79,6 @@ class PropFile {
     [[noreturn]] void ThrowUnhandled() const;
 
   private:
-    void Require(const unsigned char* p, uint32_t count) const;
-    uint32_t ReadPacket(_TAG_RTPpacket3gp* packet, const unsigned char** p) const;
-    // Throws kInvalidContent for a hint sample that ends before its last constructor does: no media
-    // data is read for it.
-    void RequireWhole(const unsigned char* hint) const;
     bool HasRoom(uint32_t count) const { return count <= m_uMostBytes - m_uFill; }
     unsigned int ProcessConstructor(uint8_t type, const unsigned char** cursor);
     unsigned int Drop();
@@ -132,9 +90,8 @@ class PropFile {
     uint32_t m_uFill = 0;
     uint32_t m_uOffset = 0;
     const char* m_pSource;
-    C3gpInterface* m_pDriver;
+    kestrel::MediaSource m_Media;
     uint32_t m_uMostBytes = 0;
-    const unsigned char* m_pHintEnd = nullptr;
     // Of the hint sample at hand. A frame is at most 16 MiB, a hint sample less than 4 GiB.
     uint32_t m_uPackets = 0;
     uint32_t m_uConstructors = 0;

@@ -25,8 +25,8 @@ constexpr uint32_t kMostFrameBytes = 16 << 20;
 
 }  // namespace
 
-PropFileVideo::PropFileVideo(C3gpInterface* driver, const VideoFormat& format)
-    : PropFile(driver, kSource), m_Format(format) {}
+PropFileVideo::PropFileVideo(MediaSource media, const VideoFormat& format)
+    : PropFile(std::move(media), kSource), m_Format(format) {}
 
 PropFileVideo::~PropFileVideo() = default;
 

@@ -9,7 +9,7 @@
 
 class PropFileVideo : public PropFile {
   public:
-    PropFileVideo(C3gpInterface* driver, const kestrel::VideoFormat& format);
+    PropFileVideo(kestrel::MediaSource media, const kestrel::VideoFormat& format);
     ~PropFileVideo() override;
 
     void FillOffsetTable() override;
@@ -51,28 +51,28 @@ class PropFileVideo : public PropFile {
 // H.263 with RFC 2190 payloads.
 class PropFileVideoH263 : public PropFileVideo {
   public:
-    explicit PropFileVideoH263(C3gpInterface* driver)
-        : PropFileVideoH263(driver, kestrel::kH263Format) {}
+    explicit PropFileVideoH263(kestrel::MediaSource media)
+        : PropFileVideoH263(std::move(media), kestrel::kH263Format) {}
     ~PropFileVideoH263() override;
 
   protected:
-    PropFileVideoH263(C3gpInterface* driver, const kestrel::VideoFormat& format)
-        : PropFileVideo(driver, format) {}
+    PropFileVideoH263(kestrel::MediaSource media, const kestrel::VideoFormat& format)
+        : PropFileVideo(std::move(media), format) {}
     void SetupCodecHeaders(const _TAG_VIDEO_OPEN_PARAMS& params) override;
 };
 
 // H.263 with RFC 4629 payloads.
 class PropFileVideoH263_1998 : public PropFileVideoH263 {
   public:
-    explicit PropFileVideoH263_1998(C3gpInterface* driver)
-        : PropFileVideoH263(driver, kestrel::kH263PlusFormat) {}
+    explicit PropFileVideoH263_1998(kestrel::MediaSource media)
+        : PropFileVideoH263(std::move(media), kestrel::kH263PlusFormat) {}
     ~PropFileVideoH263_1998() override;
 };
 
 class PropFileVideoMPEG4 : public PropFileVideo {
   public:
-    explicit PropFileVideoMPEG4(C3gpInterface* driver)
-        : PropFileVideo(driver, kestrel::kMpeg4Format) {}
+    explicit PropFileVideoMPEG4(kestrel::MediaSource media)
+        : PropFileVideo(std::move(media), kestrel::kMpeg4Format) {}
     ~PropFileVideoMPEG4() override;
 
   protected:

@@ -4,6 +4,7 @@
 
 #include "common/simple_exception.h"
 #include "kestrel/c3gpinterface.h"
+#include "propfile/src/media_source.h"
 
 namespace kestrel {
 

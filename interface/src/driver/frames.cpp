@@ -161,7 +161,7 @@ void C3gpInterface::LimitWork() {
 }
 
 // Has the writer make a frame of the current hint sample.
-C3gpInterface::Fetched C3gpInterface::FeedWriter() {
+Fetched C3gpInterface::FeedWriter() {
     const double time = static_cast<double>(m_Now.m_uFrameTime) / *m_pTimescale;
     // What was lacking is looked for first: the frame would be begun in vain.
     if (m_fFIO && m_uAwaitedByte != 0 && HasByte(m_uAwaitedByte) != Fetched::kBytes) {
@@ -172,7 +172,7 @@ C3gpInterface::Fetched C3gpInterface::FeedWriter() {
     return Packetize(time);
 }
 
-C3gpInterface::Fetched C3gpInterface::Packetize(double time) {
+Fetched C3gpInterface::Packetize(double time) {
     PropFile* writer = Writer();
     writer->LimitHintSample(m_HintSample.data() + m_HintSample.size(), m_fFrameBegun);
     m_fFrameBegun = false;
@@ -213,7 +213,7 @@ uint64_t C3gpInterface::HintSampleOffset(const Cursors& where) const {
 }
 
 // Has the current hint sample in memory, and keeps it there until the cursors move.
-C3gpInterface::Fetched C3gpInterface::GetCurrentHintSample() {
+Fetched C3gpInterface::GetCurrentHintSample() {
     if (m_fHintHeld) return Fetched::kBytes;
     if (m_Now.chunk_offset >= m_ChunkOffsets.size()) {
         fail(m_uStatus, KST_FAILURE, at(kDriverSource),
@@ -232,8 +232,8 @@ C3gpInterface::Fetched C3gpInterface::GetCurrentHintSample() {
     return got;
 }
 
-C3gpInterface::Fetched C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset,
-                                                     uint32_t length, const unsigned char** bytes) {
+Fetched C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset, uint32_t length,
+                                      const unsigned char** bytes) {
     const bool known = mediaSample >= 1 && mediaSample <= m_SampleInfo.size() &&
                        m_SampleInfo[mediaSample - 1].uSize > 0;
     // A sample number that the tables do not have is invalid content (22136) and not missing data
@@ -261,7 +261,7 @@ C3gpInterface::Fetched C3gpInterface::GetMediaSample(unsigned int mediaSample, u
 }
 
 // Has the whole sample in memory.
-C3gpInterface::Fetched C3gpInterface::HoldMediaSample(unsigned int mediaSample) {
+Fetched C3gpInterface::HoldMediaSample(unsigned int mediaSample) {
     if (m_uMediaSampleHeld == mediaSample) return Fetched::kBytes;
     const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
     m_uMediaSampleHeld = 0;
@@ -273,14 +273,13 @@ C3gpInterface::Fetched C3gpInterface::HoldMediaSample(unsigned int mediaSample) 
 }
 
 // Whether a byte of the file is there.
-C3gpInterface::Fetched C3gpInterface::HasByte(uint64_t offset) {
+Fetched C3gpInterface::HasByte(uint64_t offset) {
     return offset <= UINT32_MAX ? ReadBytes(m_MediaPiece, static_cast<uint32_t>(offset), 1)
                                 : Lacks(offset);
 }
 
 // Fills `to`. Grows with what comes, whatever a table says.
-C3gpInterface::Fetched C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset,
-                                                uint32_t size) {
+Fetched C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset, uint32_t size) {
     to.clear();
     if (!m_fFIO) Qvox3gp::macro_Seek(m_pIOCallback, offset);
     while (to.size() < size) {
@@ -304,7 +303,7 @@ uint32_t C3gpInterface::ReadPiece(void* data, uint64_t offset, uint32_t count) {
 
 // What follows from bytes, of which that at `last` is the last, not being there: a stream that
 // fills may have them later, one that is served whole has ended.
-C3gpInterface::Fetched C3gpInterface::Lacks(uint64_t last) {
+Fetched C3gpInterface::Lacks(uint64_t last) {
     if (!m_fFIO) {
         fail(m_uStatus, KST_FAILURE, at(kDriverSource),
              "%s: Stream does not deliver its byte at offset %" PRIu64, m_szMedium, last);

@@ -5,7 +5,9 @@
 #include "boxes/track_boxes.h"
 #include "common/ratio.h"
 #include "interface/src/driver/driver.h"
-#include "propfile/src/propfile_base.h"
+#include "native/codec/amr_format.h"
+#include "native/codec/payload_types.h"
+#include "propfile/src/hint_sample_parser.h"
 
 // What the media are: codec, timescale, rates, start offsets.
 
@@ -15,7 +17,6 @@ using Qvox3gp::code;
 namespace {
 
 constexpr uint32_t kVideoClock = 90000;  // Hz
-constexpr uint32_t kNarrowBandCoder = 10;
 constexpr uint32_t kDefaultH263Level = 10;
 constexpr int32_t kEmptyEdit = -1;  // media time
 
@@ -36,17 +37,6 @@ const Qvox3gp::EditEntry* first_empty_edit(const Qvox3gp::ElstBox& elst) {
 uint32_t rescaled(uint32_t ticks, uint32_t movie_timescale, uint32_t clock) {
     return scaled(ticks, clock, movie_timescale);
 }
-
-// Reads hint samples without making frames of them.
-class HintSampleReader final : public PropFile {
-  public:
-    explicit HintSampleReader(const std::vector<unsigned char>& hint)
-        : PropFile(nullptr, kDriverSource) {
-        LimitHintSample(hint.data() + hint.size());
-    }
-    void FillOffsetTable() override {}
-    void PacketizeFrame(const unsigned char*, double) override {}
-};
 
 template <class T>
 T* first_entry(const Qvox3gp::StblBox& stbl, uint32_t type) {
@@ -85,7 +75,7 @@ void C3gpInterface::ParseAudioBoxes() {
         if (amr == nullptr || amr->GetType() != code("samr")) continue;
         const auto* specific = amr->GetAMRSpecific();
         m_AudioParams.uBitRate = GetAMRBitRate(specific != nullptr ? specific->GetModeSet() : 0u);
-        m_AudioParams.uCoder = kNarrowBandCoder;
+        m_AudioParams.uCoder = kNarrowBand.native_coder;
     }
     if (m_AudioParams.uCoder == 0) {
         throw SimpleException(kDriverSource, __LINE__, "Unsupported audio coder type found");
@@ -98,24 +88,7 @@ void C3gpInterface::ParseAudioBoxes() {
 }
 
 uint32_t C3gpInterface::GetAMRBitRate(uint32_t modeSet) {
-    switch (modeSet) {
-        case 1:
-            return 4750;
-        case 2:
-            return 5150;
-        case 4:
-            return 5900;
-        case 8:
-            return 6700;
-        case 16:
-            return 7400;
-        case 32:
-            return 7950;
-        case 64:
-            return 10200;
-        default:
-            return 12200;
-    }
+    return amr_bit_rate(modeSet);
 }
 
 void C3gpInterface::ParseVideoBoxes() {
@@ -177,7 +150,6 @@ void C3gpInterface::ParseCodecSpecificBoxes() {
 }
 
 unsigned int C3gpInterface::PeekH263Track() {
-    constexpr uint8_t kRfc2190PayloadType = 34;
     if (m_uHintSamples == 0 || m_ChunkOffsets.empty()) {
         fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "Hint track has no samples");
     }
@@ -185,10 +157,10 @@ unsigned int C3gpInterface::PeekH263Track() {
     _TAG_RTPsample3gp sample{};
     _TAG_RTPpacket3gp packet{};
     const unsigned char* cursor = m_HintSample.data();
-    const HintSampleReader reader(m_HintSample);
+    const HintSampleParser parser(m_HintSample.data() + m_HintSample.size());
     try {
-        reader.GetRTPsample3gp(&sample, &cursor);
-        reader.GetRTPpacket3gp(&packet, &cursor);
+        parser.GetRTPsample3gp(&sample, &cursor);
+        parser.GetRTPpacket3gp(&packet, &cursor);
     } catch (unsigned int) {
         fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "First hint sample is malformed");
     }

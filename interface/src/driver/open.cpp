@@ -184,7 +184,7 @@ void C3gpInterface::CreateFileObjects() {
 
 void C3gpInterface::CreateAudioObject() {
     try {
-        m_pPropAudio = std::make_unique<PropFileAudio>(this);
+        m_pPropAudio = std::make_unique<PropFileAudio>(Media());
     } catch (const std::bad_alloc&) {
         fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource), "Unable to create audio file object");
     }
@@ -193,17 +193,24 @@ void C3gpInterface::CreateAudioObject() {
     }
 }
 
+MediaSource C3gpInterface::Media() {
+    return
+        [this](unsigned int sample, uint32_t offset, uint32_t length, const unsigned char** bytes) {
+            return GetMediaSample(sample, offset, length, bytes);
+        };
+}
+
 std::unique_ptr<PropFileVideo> C3gpInterface::NewVideoObject() {
     switch (m_uVideoCodec) {
         case kH263:
             log_line(kDebug, at(kDriverSource), "Creating H263 object");
-            return std::make_unique<PropFileVideoH263>(this);
+            return std::make_unique<PropFileVideoH263>(Media());
         case kH263_1998:
             log_line(kDebug, at(kDriverSource), "Creating H263_1998 object");
-            return std::make_unique<PropFileVideoH263_1998>(this);
+            return std::make_unique<PropFileVideoH263_1998>(Media());
         case kMpeg4:
             log_line(kDebug, at(kDriverSource), "Creating MPEG4 object");
-            return std::make_unique<PropFileVideoMPEG4>(this);
+            return std::make_unique<PropFileVideoMPEG4>(Media());
         default:
             return nullptr;
     }

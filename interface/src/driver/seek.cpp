@@ -4,7 +4,7 @@
 #include "boxes/sample_tables.h"
 #include "boxes/stream_io.h"
 #include "interface/src/driver/driver.h"
-#include "propfile/src/propfile_base.h"
+#include "propfile/src/hint_sample_parser.h"
 
 // Locating samples, converting times, and seeking.
 
@@ -27,19 +27,15 @@ bool are_valid(uint32_t flags) {
 }
 
 // Finds the lowest media sample that a hint sample's constructors name.
-class MediaSampleFinder final : public PropFile {
+class MediaSampleFinder {
   public:
     explicit MediaSampleFinder(const std::vector<unsigned char>& hint)
-        : PropFile(nullptr, kDriverSource), m_pCursor(hint.data()) {
-        LimitHintSample(hint.data() + hint.size());
-    }
-    void FillOffsetTable() override {}
-    void PacketizeFrame(const unsigned char*, double) override {}
+        : m_Parser(hint.data() + hint.size()), m_pCursor(hint.data()) {}
 
     unsigned int Find() {
         try {
             _TAG_RTPsample3gp sample{};
-            GetRTPsample3gp(&sample, &m_pCursor);
+            m_Parser.GetRTPsample3gp(&sample, &m_pCursor);
             log_line(kVerbose, at(kDriverSource),
                      "C3gpInterface::GetMediaSample - Processing Hint Sample (num_packets=%d).",
                      sample.packetcount);
@@ -54,18 +50,19 @@ class MediaSampleFinder final : public PropFile {
   private:
     void LookThroughPacket() {
         _TAG_RTPpacket3gp packet{};
-        GetRTPpacket3gp(&packet, &m_pCursor);
+        m_Parser.GetRTPpacket3gp(&packet, &m_pCursor);
         for (unsigned int i = 0; i < packet.entrycount; ++i) {
             const unsigned char* inside = m_pCursor;
-            Skip(&m_pCursor, kConstructorSize);
-            if (GetAndAdvance8(&inside) != kSample) continue;
-            const uint32_t number = GetSampleConstructor(&inside).sample_number;
+            m_Parser.Skip(&m_pCursor, kConstructorSize);
+            if (m_Parser.GetAndAdvance8(&inside) != kSampleConstructor) continue;
+            const uint32_t number = m_Parser.GetSampleConstructor(&inside).sample_number;
             log_line(kVerbose, at(kDriverSource),
                      "C3gpInterface::GetMediaSample - Found Media Sample (sample=%d).", number);
             m_uLowest = std::min(m_uLowest, number);
         }
     }
 
+    HintSampleParser m_Parser;
     const unsigned char* m_pCursor;
     unsigned int m_uLowest = kNoSample;
 };
