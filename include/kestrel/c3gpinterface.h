@@ -196,6 +196,8 @@ class KESTREL_API C3gpInterface {
     unsigned int SeekTo(_TAG_KST_SEEK_PARAMS* params);
 
   private:
+    friend struct C3gpInterfaceAccess;  // for tests
+
     using Fetched = kestrel::Fetched;
 
     static constexpr uint64_t kFirstReadAhead = 65536;
