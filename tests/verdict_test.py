@@ -106,6 +106,11 @@ class Memory(ToolTest):
         large = rebuilt(data, tables)
         path = self.scratch / "large.3gp"
         path.write_bytes(large)
+        one_byte = self.scratch / "one_byte.3gp"
+        one_byte.write_bytes(rebuilt(speech_file(400_000, 400_000, 12_500), {
+            b"stsz": struct.pack(">3I", 0, 1, 400_000)}))
+        most = self.peak("check", one_byte) - self.peak("check", sample("amrnb_plain"))
+        self.assertLess(most, 64 * one_byte.stat().st_size)
         for times, command in [(2, ("boxes",)), (2, ("boxes", "--json")), (8, ("info",)),
                                (8, ("check",)), (8, ("report", "-o", "-"))]:
             with self.subTest(command=command):
@@ -452,31 +457,43 @@ class Check(ToolTest):
         return {row[0]: row[1:3] for row in self.check(*options, path)[1]}
 
     def test_forms_that_the_library_does_not_read(self):
-        plain = ("plays", "no-hint-track")
-        av = {form: {"audio": words, "video": words} for form, words in {
-            "co64": ("unknown-table", "no-hint-track"), "stz2": ("unknown-table", "no-hint-track"),
-            "fragmented": ("fragmented", "no-hint-track"),
-            "fragmented_after_moov": ("fragmented", "no-hint-track"),
-            "fragmented_dash": ("fragmented", "no-hint-track"),
-            "fragmented_each_frame": ("fragmented", "no-hint-track"),
-            "large_size_mdat": ("large-box", "large-box"),
-            "mdat_to_end_of_file": ("plays", "large-box"),
-            "version1_headers": plain, "uuid_and_meta": plain, "late_sound": plain}.items()}
-        av["fragmented_b_frames"] = {"video": ("fragmented", "codec")}
-        av["timed_text_aac"] = {"audio": ("codec", "codec"), "video": plain}
+        """Each has its word, and hinting fixes it."""
+        plain, table = ("plays", "no-hint-track", "hint"), ("unknown-table", "no-hint-track", "hint")
+        parts, large = ("fragmented", "no-hint-track", "hint"), ("large-box", "large-box", "hint")
+        forms = {"co64": table, "stz2": table, "fragmented": parts, "fragmented_after_moov": parts,
+                 "fragmented_dash": parts, "fragmented_each_frame": parts, "large_size_mdat": large,
+                 "mdat_to_end_of_file": ("plays", "large-box", "hint"), "version1_headers": plain,
+                 "uuid_and_meta": plain, "late_sound": plain}
+        av = {form: {"audio": words, "video": words} for form, words in forms.items()}
+        av["fragmented_b_frames"] = {"video": ("fragmented", "codec", "hint")}
+        av["large_pictures_mpeg4"] = av["systems_tracks"] = {"video": plain}
+        av["timed_text_aac"] = {"audio": ("codec", "codec", "-"), "video": plain}
         for name, expected in av.items():
             path = next((SAMPLES / "wild").glob(f"{name}.[!f]*"))
             with self.subTest(name=name):
-                self.assertEqual(self.reasons(path), expected)
+                rows = self.check(path)[1]
+                self.assertEqual({row[0]: row[1:4] for row in rows}, expected)
                 told = run("info", path).stdout.decode()
                 for words in expected.values():
-                    for word in words:
+                    for word in words[:2]:
                         self.assertIn("plays" if word == "plays" else f"({word}", told)
         # The tables alone say the same, but for what came out.
         for name in ["co64", "fragmented", "large_size_mdat", "late_sound"]:
             quick = self.reasons(SAMPLES / "wild" / f"{name}.3gp", "--quick")
             self.assertEqual(quick, {kind: tuple(w.replace("plays", "not-played") for w in words)
-                                     for kind, words in av[name].items()})
+                                     for kind, (*words, _) in av[name].items()})
+
+    def test_what_is_whole_of_a_cut_file_can_be_kept(self):
+        for name in ["av_h263_amrnb_hinted", "h263_plain", "wild/fragmented"]:
+            data = pathlib.Path(sample(name)).read_bytes()
+            path = self.write("file.3gp", data[:len(data) * 2 // 3])
+            rows = self.check(path)[1]
+            command = "hint --replace --salvage" if "hinted" in name else "hint --salvage"
+            self.assertEqual({row[3] for row in rows if row[0] == "video"}, {command}, name)
+            fixed = self.scratch / "fixed.3gp"
+            words = command.split()
+            self.assertEqual(run(words[0], path, *words[1:], "-o", fixed).returncode, 0)
+            self.assertEqual({row[1:4] for row in self.check(fixed)[1]}, {("plays", "plays", "-")})
 
     def test_encrypted_tracks(self):
         for name, entry, kind in [("h263_hinted", b"s263", b"encv"), ("amrnb_hinted", b"samr", b"enca"),
@@ -486,6 +503,12 @@ class Check(ToolTest):
             path = self.write("file.3gp", data)
             self.assertEqual(self.reasons(path), {medium: ("encrypted", "encrypted")}, name)
             self.assertIn(f"The {medium} is encrypted.", run("info", path).stdout.decode())
+        # Beside one that plays: what is encrypted is left out.
+        data = pathlib.Path(sample("wild/late_sound")).read_bytes().replace(b"s263", b"encv")
+        rows = self.check(self.write("file.3gp", data.replace(b"mp4v", b"encv")))[1]
+        self.assertEqual([row[:4] for row in rows],
+                         [("audio", "plays", "no-hint-track", "hint --drop-others"),
+                          ("video", "encrypted", "encrypted", "-")])
 
     def test_bytes_of_a_wrong_place_are_implausible(self):
         """Chunks of the media that lie a few bytes beside where the samples are."""

@@ -2,41 +2,38 @@
 #ifndef KESTREL_TOOLS_JUDGE_FIX_H
 #define KESTREL_TOOLS_JUDGE_FIX_H
 
-#include <cstdio>
+#include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "tools/descriptor.h"
 #include "tools/judge/child_process.h"
 #include "tools/judge/file_facts.h"
 #include "tools/judge/trial.h"
 
 namespace tool {
 
-// Runs each command once for a file, into a temporary file without a name, and plays what it made.
-// Files that are large, or have very many samples, are not tried.
+// Runs each command at most once for a file, into a temporary file without a name, and plays what
+// it made. Files that are large, or have very many samples, are not tried.
 class FixFinder {
   public:
     // The facts must outlive the finder.
     FixFinder(const FileFacts& facts, const ChildLimits& limits);
 
-    // The first command after which `is_fixed` holds for what playing came to; empty for none.
-    std::string find(Api api, MediaKind kind,
-                     const std::function<bool(const TrialResult&)>& is_fixed);
+    // Of what playing came to, and whether the command kept only what is whole of a cut file.
+    using IsFixed = std::function<bool(const TrialResult&, bool is_salvage)>;
+
+    // The first command after which `is_fixed` holds, with its options; empty for none.
+    std::string find(Api api, MediaKind kind, const IsFixed& is_fixed);
 
   private:
-    struct Closer {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-    using TemporaryFile = std::unique_ptr<std::FILE, Closer>;
-
     // A command, and what it made of the file.
     struct Candidate {
         std::string command;
-        bool replace = false;
+        uint32_t flags = 0;  // of kst_hint
         bool tried = false;
-        TemporaryFile made;  // null when it was not tried, or failed
+        Descriptor made;  // none when it was not tried, or failed
     };
 
     bool is_worth_a_try() const;

@@ -491,8 +491,10 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     verdict.track_id = subject.track_id();
     if (result.reached_end() && !verdict.plays()) verdict.amount = amount(subject, trial.counts);
     if (may_have_fix(verdict.reason)) {
-        verdict.fix = fixes_.find(
-            api, kind, [&](const TrialResult& fixed) { return tool::plays(subject, fixed); });
+        verdict.fix = fixes_.find(api, kind, [&](const TrialResult& fixed, bool is_salvage) {
+            return is_salvage ? fixed.reached_end() && fixed.trial.counts.implausible == 0
+                              : tool::plays(subject, fixed);
+        });
     }
     verdict.why = why(subject, verdict, result);
     return verdict;
