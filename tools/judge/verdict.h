@@ -48,7 +48,7 @@ struct Verdict {
     uint32_t track_id = 0;   // of the track that was judged; 0 for none
     std::string amount;      // "15 of 30 pictures", of what comes to its end but lacks some
     std::string why;         // a sentence for a person; empty for what plays
-    // The command that fixes it and its options, "hint" or "hint --replace": tried, and the file
+    // The command that fixes it and its options, "hint --replace" and so on: tried, and the file
     // that it made played. Empty for none.
     std::string fix;
 
