@@ -39,8 +39,8 @@ foreach(name kestrel kestrel-hosts)
         COMPONENT development)
 endforeach()
 install(
-    FILES examples/CMakeLists.txt examples/class_seek.cpp examples/play_pipe.c
-          examples/smallest_host.c
+    FILES examples/CMakeLists.txt examples/class_seek.cpp examples/hint_upload.cpp
+          examples/play_pipe.c examples/smallest_host.c
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev/examples
     COMPONENT development)
 

@@ -113,7 +113,8 @@ class ManPages(unittest.TestCase):
             with tempfile.TemporaryDirectory() as scratch:
                 shutil.copy(SAMPLES / "av_h263_amrnb_hinted.3gp", f"{scratch}/clip.3gp")
                 shutil.copy(SAMPLES / "h263_plain.3gp", f"{scratch}/plain.3gp")
-                shutil.copy(SAMPLES / "wild" / "fragmented.3gp", f"{scratch}/upload.mp4")
+                upload = (SAMPLES / "wild" / "fragmented.3gp").read_bytes()
+                pathlib.Path(scratch, "upload.mp4").write_bytes(upload[:len(upload) * 2 // 3])
                 for line in lines:
                     with self.subTest(page=source.name, line=line):
                         run_in(scratch, line)

@@ -4,6 +4,7 @@ import contextlib
 import os
 import pathlib
 import subprocess
+import tempfile
 import threading
 import time
 import unittest
@@ -88,6 +89,22 @@ class Examples(unittest.TestCase):
             self.assertEqual((seek.returncode, tool.returncode), (0, 0), seek.stderr)
             self.assertEqual(seek.stdout, tool.stdout)
         self.assert_plays(run(BIN / "class_seek", file, "vr", 0), "h263.h263")
+
+    def test_upload_of_any_form_plays_on_both_apis(self):
+        for clip, mode, truth in [("wild/fragmented.3gp", "vr", "h263.h263"),
+                                  ("wild/three_gpp2.3g2", "vr", "h263.h263"),
+                                  ("amrnb_plain.3gp", "ar", "amrnb.amr")]:
+            with self.subTest(clip), tempfile.TemporaryDirectory() as folder:
+                streams = [pathlib.Path(folder) / api for api in ("function", "class")]
+                result = run(BIN / "hint_upload", mode, *streams,
+                             input=(SAMPLES / clip).read_bytes())
+                self.assertEqual(result.returncode, 0, result.stderr)
+                for stream in streams:
+                    self.assertEqual(unpacked(stream.read_bytes()),
+                                     (SAMPLES / "truth" / truth).read_bytes())
+        result = run(BIN / "hint_upload", "ar", os.devnull, os.devnull, input=b"no clip")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(b"no movie box", result.stderr)
 
     def test_what_cannot_be_played_is_told(self):
         plain = SAMPLES / "h263_plain.3gp"
