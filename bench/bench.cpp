@@ -25,7 +25,7 @@ using bench::Recording;
 using Bytes = std::vector<uint8_t>;
 using State = benchmark::State;
 
-constexpr int kMostPacketBytes = 1400;
+constexpr int kMaxPacketBytes = 1400;
 
 [[noreturn]] void give_up(const char* what) {
     std::fprintf(stderr, "bench: %s\n", what);
@@ -54,7 +54,7 @@ struct Opened {
         file = isoFFopen(callbacks, "r", nullptr);
         if (file == nullptr) give_up("no memory");
         media = file->first_track;
-        hint = isoFFrtpHinter(media, kMostPacketBytes);
+        hint = isoFFrtpHinter(media, kMaxPacketBytes);
         if (hint == nullptr) give_up("no hint track");
         file->indexed_read = 1;
     }
@@ -102,7 +102,7 @@ void packets(State& state, const Files& files) {
     std::vector<std::unique_ptr<Opened>> all;
     for (const auto& bytes : files)
         all.push_back(std::make_unique<Opened>(bytes));
-    uint8_t packet[kMostPacketBytes];
+    uint8_t packet[kMaxPacketBytes];
     int64_t count = 0;
     for (auto _ : state) {
         for (const auto& opened : all) {
@@ -119,13 +119,13 @@ void packets(State& state, const Files& files) {
 
 void packets_copy(State& state, const Files& files) {
     Pieces pieces;
-    uint8_t packet[kMostPacketBytes];
+    uint8_t packet[kMaxPacketBytes];
     for (const auto& bytes : files) {
         Opened opened(bytes);
         for (int length; (length = isoFFrtpPacket(opened.hint, packet)) > 0;)
             pieces.add(packet, static_cast<size_t>(length));
     }
-    copy_pieces(state, pieces, kMostPacketBytes);
+    copy_pieces(state, pieces, kMaxPacketBytes);
 }
 
 // --- opening ---
@@ -158,7 +158,7 @@ void open_class(State& state, const Files& files, const char* mode) {
 
 constexpr unsigned kClassChunk = 4096;
 
-// Calls `take` with each chunk that the road delivers.
+// Calls `take` with each chunk that the API delivers.
 template <typename Take>
 void convert_function(const Host& host, const char* mode, State* state, Take take) {
     if (state != nullptr) state->PauseTiming();
@@ -266,7 +266,7 @@ void packetiser(State& state, const Samples& samples, int codec, int mode) {
     int64_t bytes = 0;
     for (auto _ : state) {
         tel_native packetised{};
-        tel_native_init(&packetised, 96, kMostPacketBytes, mode, &track, 0);
+        tel_native_init(&packetised, 96, kMaxPacketBytes, mode, &track, 0);
         for (const Bytes& sample : samples) {
             const int written = tel_native_packet(
                 out.data(), static_cast<int>(out.size()), const_cast<uint8_t*>(sample.data()),
@@ -323,17 +323,17 @@ void add_long(const Long& about, unsigned minutes, unsigned copies) {
     add("open_class" + suffix, [=](State& s) { open_class(s, files(), mode); });
     add("packets" + suffix, [=](State& s) { packets(s, files()); });
     add("packets_copy" + suffix, [=](State& s) { packets_copy(s, files()); });
-    const auto function_road = [=](const Host& host, State* state, auto take) {
+    const auto function_api = [=](const Host& host, State* state, auto take) {
         convert_function(host, mode, state, take);
     };
-    const auto class_road = [=](const Host& host, State* state, auto take) {
+    const auto class_api = [=](const Host& host, State* state, auto take) {
         convert_class(host, mode, state, take);
     };
-    add("convert_function" + suffix, [=](State& s) { conversion(s, files(), function_road); });
+    add("convert_function" + suffix, [=](State& s) { conversion(s, files(), function_api); });
     add("convert_function_copy" + suffix,
-        [=](State& s) { conversion_copy(s, files(), function_road); });
-    add("convert_class" + suffix, [=](State& s) { conversion(s, files(), class_road); });
-    add("convert_class_copy" + suffix, [=](State& s) { conversion_copy(s, files(), class_road); });
+        [=](State& s) { conversion_copy(s, files(), function_api); });
+    add("convert_class" + suffix, [=](State& s) { conversion(s, files(), class_api); });
+    add("convert_class_copy" + suffix, [=](State& s) { conversion_copy(s, files(), class_api); });
     add("random_access" + suffix, [=](State& s) { random_access(s, files()); });
     add("seek" + suffix, [=](State& s) { seeks(s, files(), mode, minutes); });
 }

@@ -20,7 +20,7 @@ void counted16(F& f, const List& list) {
 
 HintConstructor HintConstructor::immediate(std::span<const uint8_t> data) {
     HintConstructor made;
-    const size_t size = std::min(data.size(), kMostImmediate);
+    const size_t size = std::min(data.size(), kMaxImmediate);
     made.raw[0] = kImmediate;
     made.raw[1] = static_cast<uint8_t>(size);
     std::copy_n(data.begin(), size, made.raw.begin() + 2);

@@ -11,7 +11,7 @@ namespace Qvox3gp {
 
 // What a constructor adds to the packet: 16 bytes of which the first tells the kind.
 struct HintConstructor {
-    static constexpr size_t kMostImmediate = 14;
+    static constexpr size_t kMaxImmediate = 14;
 
     std::array<uint8_t, 16> raw{};
 

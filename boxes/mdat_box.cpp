@@ -23,10 +23,10 @@ void MdatBox::Close(Stream& io) {
 
 void MdatBox::AddChunk(Stream& io, std::vector<ChunkDef>& chunks, const void* data,
                        unsigned int size) {
-    constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
+    constexpr uint64_t kMaxBytes = std::numeric_limits<uint32_t>::max();
     seek_to_start(io);
     const uint64_t offset = uint64_t{start_offset()} + GetSize();
-    if (offset + size > kMostBytes) {
+    if (offset + size > kMaxBytes) {
         throw_invalid_size({start_offset(), GetSize(), static_cast<uint32_t>(offset)});
     }
     macro_Seek(io, static_cast<uint32_t>(offset));

@@ -10,7 +10,7 @@
 namespace Qvox3gp {
 namespace {
 
-constexpr uint64_t kMostTicks = std::numeric_limits<uint32_t>::max();
+constexpr uint64_t kMaxTicks = std::numeric_limits<uint32_t>::max();
 
 std::vector<uint32_t> gather(const std::vector<ChunkDef>& chunks, uint32_t ChunkDef::*member) {
     std::vector<uint32_t> values;
@@ -25,7 +25,7 @@ uint32_t total_ticks(const std::vector<TimeToSampleEntry>& entries, size_t count
     uint64_t ticks = 0;
     for (size_t i = 0; i < count; ++i) {
         ticks += uint64_t{entries[i].sample_count} * entries[i].sample_delta;
-        if (ticks > kMostTicks) return static_cast<uint32_t>(kMostTicks);
+        if (ticks > kMaxTicks) return static_cast<uint32_t>(kMaxTicks);
     }
     return static_cast<uint32_t>(ticks);
 }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* kSource = ".//boxes/stream_io";
 constexpr int32_t kCurrentPosition = -1;
-constexpr unsigned kMostDescriptorBytes = 4;
+constexpr unsigned kMaxDescriptorBytes = 4;
 
 // Throws unless the host calls `status` a success. `slot` is the name that the message carries.
 void check(Stream& callbacks, uint32_t status, const char* slot) {
@@ -152,7 +152,7 @@ unsigned int ReadDescriptorSize(Stream& callbacks, unsigned int& size, unsigned 
         var8_read(callbacks, byte);
         size = size << 7 | (byte & 0x7F);
         ++taken;
-    } while ((byte & 0x80) != 0 && taken < std::min(most, kMostDescriptorBytes));
+    } while ((byte & 0x80) != 0 && taken < std::min(most, kMaxDescriptorBytes));
     return taken;
 }
 

@@ -72,11 +72,11 @@ void write(const char* prefix, Line line) noexcept {
 // Counts a remark; false for one that is left out.
 bool admit_remark(const char* prefix, const LogSite& site) noexcept {
     if (remarks == nullptr) return true;
-    if (*remarks < RemarkScope::kMostRemarks) {
+    if (*remarks < RemarkScope::kMaxRemarks) {
         ++*remarks;
         return true;
     }
-    if (*remarks == RemarkScope::kMostRemarks) {
+    if (*remarks == RemarkScope::kMaxRemarks) {
         ++*remarks;
         write(prefix,
               [&] { return SimpleException(site.file, site.line, "further remarks left out"); });

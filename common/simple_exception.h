@@ -67,12 +67,12 @@ inline constexpr LogLevel kDebug{3, "DBG: "};
 inline constexpr LogLevel kVerbose{4, "DBG2:"};
 
 // Bounds the errors and warnings of one handle. While an object of it lives, the thread's lines of
-// these levels and those without a level count in the handle's `written`; after kMostRemarks of
+// these levels and those without a level count in the handle's `written`; after kMaxRemarks of
 // them one line says that the rest is left out. Debug lines, which a host asks for, are not
 // bounded.
 class RemarkScope {
   public:
-    static constexpr unsigned int kMostRemarks = 100;
+    static constexpr unsigned int kMaxRemarks = 100;
 
     explicit RemarkScope(unsigned int& written);
     RemarkScope(const RemarkScope&) = delete;

@@ -10,10 +10,10 @@ namespace {
 
 using namespace fuzz;
 
-constexpr int kMostSamples = 100;
-constexpr int kMostPackets = 200;
-constexpr int kMostTracks = 8;
-constexpr int kMostRoom = 1 << 16;
+constexpr int kMaxSamples = 100;
+constexpr int kMaxPackets = 200;
+constexpr int kMaxTracks = 8;
+constexpr int kMaxRoom = 1 << 16;
 
 struct Sample {
     int length = 0;
@@ -25,10 +25,10 @@ struct Sample {
 
 Sample read_here(iso_track* track) {
     Sample sample;
-    sample.bytes.resize(kMostRoom);
+    sample.bytes.resize(kMaxRoom);
     sample.length =
-        isoFFread(track, sample.bytes.data(), kMostRoom, &sample.duration, &sample.offset);
-    check(sample.length <= kMostRoom);
+        isoFFread(track, sample.bytes.data(), kMaxRoom, &sample.duration, &sample.offset);
+    check(sample.length <= kMaxRoom);
     sample.bytes.resize(static_cast<size_t>(std::max(sample.length, 0)));
     if (sample.length < 0) sample.duration = sample.offset = 0;
     return sample;
@@ -53,7 +53,7 @@ void check_part(iso_track* track, int number, const Sample& sample, uint32_t sal
 
 void read_samples(iso_track* track, Numbers& numbers) {
     std::vector<Sample> samples;
-    const int count = std::min(track->sample_count, kMostSamples);
+    const int count = std::min(track->sample_count, kMaxSamples);
     for (int i = 0; i < count; ++i)
         samples.push_back(read_at(track, i));
     for (int i = count; i-- > 0;)
@@ -84,11 +84,11 @@ void read_packets(iso_track* media, int max_packet, Numbers& numbers) {
     if (hint == nullptr) return;
     check(hint->rtp_max_packet <= static_cast<uint32_t>(max_packet));
     int packets = 0;
-    while (packets < kMostPackets && next_packet(hint) > 0)
+    while (packets < kMaxPackets && next_packet(hint) > 0)
         ++packets;
     for (int i = 0; i < 20; ++i) {
         const auto total = static_cast<uint32_t>(std::max(hint->sample_count, 1));
-        const uint32_t end = i % 2 == 0 ? total : std::min(total, uint32_t{kMostSamples});
+        const uint32_t end = i % 2 == 0 ? total : std::min(total, uint32_t{kMaxSamples});
         if (isoFFsetPosition(hint, static_cast<int>(numbers.below(end))) == 0) next_packet(hint);
         next_packet(hint);
     }
@@ -117,7 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(file != nullptr);
     host.check_calls();
     file->indexed_read = how >> 1 & 1;
-    for (int i = 1; i <= kMostTracks; ++i) {
+    for (int i = 1; i <= kMaxTracks; ++i) {
         iso_track* track = isoFFselect(file, nullptr, i);
         if (track == nullptr) break;
         read_packets(track, max_packet, numbers);

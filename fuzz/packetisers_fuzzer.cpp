@@ -17,7 +17,7 @@ namespace {
 using namespace fuzz;
 
 constexpr size_t kLongestSample = 8192;
-constexpr size_t kMostRoom = 1 << 19;
+constexpr size_t kMaxRoom = 1 << 19;
 
 struct Case {
     int32_t codec = 0;
@@ -41,7 +41,7 @@ Case read_case(Choices& choices) {
     how.format_1 = (mode & 0x80) == 0;
     how.max_payload = choices.u16() % 1500;
     const size_t room = choices.u8();
-    how.room = room == 255 ? kMostRoom : room * room;
+    how.room = room == 255 ? kMaxRoom : room * room;
     return how;
 }
 
@@ -166,7 +166,7 @@ void packetise_tel(View sample, const Case& how) {
     check(in == Bytes(sample.begin(), sample.end()));
     if (written < 0) {
         // With room enough only a payload that leaves none, or no picture header, is in the way.
-        const bool has_room = how.room == kMostRoom && (is_speech(how) || how.max_payload > 20);
+        const bool has_room = how.room == kMaxRoom && (is_speech(how) || how.max_payload > 20);
         check(!has_room || written == -2);
         return;
     }

@@ -13,8 +13,8 @@ namespace {
 
 using namespace fuzz;
 
-constexpr int kMostSamples = 400;
-constexpr int kMostPackets = 5000;
+constexpr int kMaxSamples = 400;
+constexpr int kMaxPackets = 5000;
 
 struct Sample {
     Bytes bytes;
@@ -126,7 +126,7 @@ void check_packets(iso_track* media, const Track& written) {
     iso_track* hint = isoFFrtpHinter(media, 65535);
     check(hint != nullptr);
     Bytes packet(hint->rtp_max_packet);
-    for (int packets = 0; packets < kMostPackets; ++packets) {
+    for (int packets = 0; packets < kMaxPackets; ++packets) {
         const int length = isoFFrtpPacket(hint, packet.data());
         check(length >= 0);
         if (length == 0) {
@@ -170,7 +170,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<Track> tracks;
     for (int left = 1 + (how >> 4) % 3; left > 0; --left)
         tracks.push_back(make_track(file, choices));
-    for (int i = 0; i < kMostSamples && !choices.at_end(); ++i)
+    for (int i = 0; i < kMaxSamples && !choices.at_end(); ++i)
         write_sample(tracks[choices.u8() % tracks.size()], choices);
     check(isoFFclose(file) == 0);
     read_back(host, tracks);

@@ -29,7 +29,7 @@ PROP_Header_Info prop(const char* medium, uint32_t header_length, uint32_t value
 }
 
 // Copies as much configuration as the field holds; returns how much that is.
-uint16_t copy_config(uint8_t (&field)[kMostConfigBytes], std::span<const uint8_t> config) {
+uint16_t copy_config(uint8_t (&field)[kMaxConfigBytes], std::span<const uint8_t> config) {
     const size_t length = std::min(config.size(), sizeof field);
     std::fill(std::copy_n(config.begin(), length, field), std::end(field), uint8_t{0});
     return static_cast<uint16_t>(length);

@@ -1,4 +1,4 @@
-// Filling the stream header records from plain values, for the writers of both roads.
+// Filling the stream header records from plain values, for the writers of both APIs.
 #ifndef KESTREL_NATIVE_HEADER_RECORDS_H
 #define KESTREL_NATIVE_HEADER_RECORDS_H
 

@@ -13,7 +13,7 @@ using namespace kestrel;
 namespace {
 
 constexpr uint32_t kVideoClock = 90000;
-constexpr int32_t kMostPayload = 1400;
+constexpr int32_t kMaxPayload = 1400;
 
 // What the init calls install for a codec. Accepted codecs may have no packetiser.
 struct CodecEntry {
@@ -58,7 +58,7 @@ int tel_native_init(tel_native* state, int payload_type, int max_packet, int mod
     if (entry == nullptr) return -1;
     *state = tel_native{};
     state->codec = static_cast<uint32_t>(track->codec);
-    state->max_payload = kMostPayload;
+    state->max_payload = kMaxPayload;
     state->packetise = entry->tel;
     init_header(state->hdr, payload_type, mode, flags, entry->clock);
     if (track->codec == ISO_CODEC_AVC1) {

@@ -64,7 +64,7 @@ void expect_rest(const ReadCall& read, AllocationFault& fault, const Bytes& begu
     EXPECT_TRUE(join({begun, faulty.stream, rest.stream}) == whole);
 }
 
-TEST_F(NoMemory, FunctionRoad) {
+TEST_F(NoMemory, FunctionApi) {
     for (const Medium& medium : sample_media()) {
         SCOPED_TRACE(medium.file);
         const Bytes file = read_sample(medium.file);
@@ -88,11 +88,11 @@ TEST_F(NoMemory, FunctionRoad) {
     }
 }
 
-TEST_F(NoMemory, ClassRoad) {
+TEST_F(NoMemory, ClassApi) {
     for (const Medium& medium : sample_media()) {
         SCOPED_TRACE(medium.file);
         const Bytes file = read_sample(medium.file);
-        const Played whole = play(file, medium.mode, {.road = Road::kClass});
+        const Played whole = play(file, medium.mode, {.api = Api::kClass});
         fail_each([&](AllocationFault& fault) {
             const Host host = memory_host(file);
             C3gpInterface player;

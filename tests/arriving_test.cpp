@@ -6,7 +6,7 @@
 #include "common/bytes.h"
 #include "tests/support/playing.h"
 
-// Every sample file on both roads while it arrives: whatever the steps in which it comes, it plays
+// Every sample file with both APIs while it arrives: whatever the steps in which it comes, it plays
 // to the bytes and the status of the whole file. With KESTREL_THOROUGH=1 in the environment, large
 // files arrive byte by byte as well.
 
@@ -45,9 +45,9 @@ Bytes without_tail(Bytes file) {
 
 class Arrival {
   public:
-    Arrival(const Medium& medium, Road road)
-        : medium_(medium), road_(road), file_(without_tail(read_sample(medium.file))) {
-        whole_ = play(file_, medium.mode, {.road = road});
+    Arrival(const Medium& medium, Api api)
+        : medium_(medium), api_(api), file_(without_tail(read_sample(medium.file))) {
+        whole_ = play(file_, medium.mode, {.api = api});
     }
     const Bytes& file() const { return file_; }
     const Played& whole() const { return whole_; }
@@ -58,7 +58,7 @@ class Arrival {
     void expect_whole(const std::function<std::function<uint32_t()>()>& schedule,
                       const std::string& what) {
         for (const bool flag : {true, false}) {
-            const Playing how{.road = road_, .request = 1000, .flag = flag, .steps = schedule()};
+            const Playing how{.api = api_, .request = 1000, .flag = flag, .steps = schedule()};
             const Played played = play_arriving(file_, medium_.mode, 1, sized(how));
             ASSERT_EQ(played.status, whole_.status) << what;
             ASSERT_TRUE(played.stream == whole_.stream)
@@ -72,25 +72,25 @@ class Arrival {
     }
 
   private:
-    // Chunks of the function road are asked for with room for any.
+    // Chunks of the function API are asked for with room for any.
     Playing sized(Playing how) const {
-        if (road_ == Road::kFunction) how.request = KST_LARGEST_CHUNK;
+        if (api_ == Api::kFunction) how.request = KST_LARGEST_CHUNK;
         return how;
     }
 
     Medium medium_;
-    Road road_;
+    Api api_;
     Bytes file_;
     Played whole_;
     int played_ = 0;
     int waits_ = 0;
 };
 
-class EverySample : public testing::TestWithParam<std::tuple<Medium, Road>> {};
+class EverySample : public testing::TestWithParam<std::tuple<Medium, Api>> {};
 
 TEST_P(EverySample, PlaysAlikeHoweverItArrives) {
-    const auto& [medium, road] = GetParam();
-    Arrival arrival(medium, road);
+    const auto& [medium, api] = GetParam();
+    Arrival arrival(medium, api);
     for (const uint32_t piece : {1u, 61u, 299u, 1400u, 4001u, 65536u}) {
         // Each step of a file that is not open yet is another open.
         const size_t steps = arrival.file().size() / piece;
@@ -125,7 +125,7 @@ TEST_P(EverySample, PlaysAlikeHoweverItArrives) {
 
 INSTANTIATE_TEST_SUITE_P(Files, EverySample,
                          testing::Combine(testing::ValuesIn(sample_media()),
-                                          testing::Values(Road::kFunction, Road::kClass)),
+                                          testing::Values(Api::kFunction, Api::kClass)),
                          [](const auto& row) { return std::apply(name_of, row.param); });
 
 // What opening a file that arrives took.
@@ -134,7 +134,7 @@ struct Opening {
     uint32_t arrived = 0;
 };
 // As kestrel/hosts.h shows it.
-Opening open_arriving(const Bytes& file, const char* mode, Road road, uint32_t step) {
+Opening open_arriving(const Bytes& file, const char* mode, Api api, uint32_t step) {
     kst_host* host = kst_host_from_growing_memory(file.data(), file.size(), step);
     Opening opening;
     const auto try_to_open = [&](const auto& open) {
@@ -147,7 +147,7 @@ Opening open_arriving(const Bytes& file, const char* mode, Road road, uint32_t s
     };
     mm_Interface* handle = nullptr;
     C3gpInterface player;
-    if (road == Road::kFunction) {
+    if (api == Api::kFunction) {
         try_to_open([&] { return kst_Open(&handle, kst_host_callbacks(host), mode); });
     } else {
         try_to_open(
@@ -168,7 +168,7 @@ Bytes skipped_box(uint32_t count) {
 
 TEST(Opening, TakesFewTriesWhereverTheMovieBoxIs) {
     constexpr uint32_t kSkipped = 2'000'000;
-    for (const Road road : {Road::kFunction, Road::kClass}) {
+    for (const Api api : {Api::kFunction, Api::kClass}) {
         const Bytes movie = without_tail(read_sample("h263_hinted.3gp"));
         const BoxPlace box = find_boxes(movie).at(0);
         ASSERT_EQ(box.type, "ftyp");
@@ -181,9 +181,9 @@ TEST(Opening, TakesFewTriesWhereverTheMovieBoxIs) {
             const size_t needed = end + (skipped_first ? kSkipped : 0);
             for (const uint32_t step : {1u, 100u, 65536u}) {
                 SCOPED_TRACE(testing::Message() << step << (skipped_first ? ", last" : ", first"));
-                const Opening opening = open_arriving(file, "vr", road, step);
+                const Opening opening = open_arriving(file, "vr", api, step);
                 EXPECT_LE(opening.tries, 45);
-                if (road == Road::kFunction) {
+                if (api == Api::kFunction) {
                     EXPECT_LE(opening.arrived, needed + 8 + step);
                 }
             }

@@ -175,12 +175,12 @@ void play_class(CountingHost& host, const char* mode, bool flag, Bytes& buffer, 
     }
 }
 
-Cost play_counted(const Bytes& file, const char* mode, Road road, bool flag) {
+Cost play_counted(const Bytes& file, const char* mode, Api api, bool flag) {
     Bytes buffer(KST_LARGEST_CHUNK);
     CountingHost host(file);
     Cost cost;
     const AllocationWatch watch;
-    if (road == Road::kFunction) {
+    if (api == Api::kFunction) {
         mm_Interface* handle = nullptr;
         kst_Open(&handle, host.callbacks(), mode);
         if (handle != nullptr) {
@@ -429,8 +429,8 @@ void PrintTo(const Hostile& hostile, std::ostream* out) {
 
 // --- what is promised (SECURITY.md) ---
 
-uint64_t most_memory(Road road, uint64_t size) {
-    return road == Road::kFunction ? (3u << 20) + 64 * size : (32u << 20) + 32 * size;
+uint64_t most_memory(Api api, uint64_t size) {
+    return api == Api::kFunction ? (3u << 20) + 64 * size : (32u << 20) + 32 * size;
 }
 
 uint64_t most_bytes(uint64_t size, uint64_t delivered, uint64_t listed) {
@@ -442,18 +442,18 @@ uint64_t most_calls(uint64_t size, uint64_t delivered, uint64_t listed) {
 }
 
 // Of a call. The class API goes through the whole of a hint sample, of which a step takes 12 bytes.
-uint64_t most_steps(Road road, uint64_t size) {
-    return road == Road::kFunction ? 1200000 : (1 << 20) + size / 12;
+uint64_t most_steps(Api api, uint64_t size) {
+    return api == Api::kFunction ? 1200000 : (1 << 20) + size / 12;
 }
 
 // Of all calls of the class API.
 uint64_t most_steps_of_all(uint64_t size, uint64_t made) {
-    return most_steps(Road::kClass, size) + size + made;
+    return most_steps(Api::kClass, size) + size + made;
 }
 
 // Remarks of an API about one file, the line that further ones are left out, and what is
 // logged of an open that fails.
-constexpr int64_t kMostLines = 100 + 1 + 1;
+constexpr int64_t kMaxLines = 100 + 1 + 1;
 
 class Bounds : public testing::TestWithParam<Hostile> {};
 
@@ -461,25 +461,25 @@ TEST_P(Bounds, HoldForHostileFiles) {
     const Hostile& hostile = GetParam();
     for (const Kind kind : {Kind::kAudio, Kind::kVideo}) {
         const Bytes file = hostile.file(kind);
-        for (const Road road : {Road::kFunction, Road::kClass}) {
+        for (const Api api : {Api::kFunction, Api::kClass}) {
             for (const bool flag : {false, true}) {
                 const SyslogCapture log(3);
                 testing::internal::CaptureStderr();
-                Cost cost = play_counted(file, kind == Kind::kAudio ? "ar" : "vr", road, flag);
+                Cost cost = play_counted(file, kind == Kind::kAudio ? "ar" : "vr", api, flag);
                 const std::string printed = testing::internal::GetCapturedStderr();
                 cost.lines = std::count(printed.begin(), printed.end(), '\n') +
                              static_cast<int64_t>(log.lines().size());
                 std::cout << file.size() << " bytes, " << (kind == Kind::kAudio ? "audio" : "video")
-                          << (road == Road::kFunction ? ", function road" : ", class road")
+                          << (api == Api::kFunction ? ", function API" : ", class API")
                           << (flag ? ", flag: " : ": ") << cost.memory << " bytes held, "
                           << cost.bytes << " read in " << cost.calls << " calls, " << cost.delivered
                           << " delivered, " << cost.steps << " steps, " << cost.lines << " lines\n";
-                EXPECT_LE(cost.memory, most_memory(road, file.size()));
+                EXPECT_LE(cost.memory, most_memory(api, file.size()));
                 EXPECT_LE(cost.bytes, most_bytes(file.size(), cost.delivered, hostile.listed));
                 EXPECT_LE(cost.calls, most_calls(file.size(), cost.delivered, hostile.listed));
-                EXPECT_LE(cost.steps, most_steps(road, file.size()));
+                EXPECT_LE(cost.steps, most_steps(api, file.size()));
                 EXPECT_LE(cost.all_steps, most_steps_of_all(file.size(), cost.made));
-                EXPECT_LE(cost.lines, kMostLines);
+                EXPECT_LE(cost.lines, kMaxLines);
             }
         }
     }
@@ -544,7 +544,7 @@ TEST(ArrivingBounds, HoldWhileAFrameArrives) {
                  {hint_before_media(of_one, 1, 1000), 100000, 100},
                  {hint_before_media(of_many, kSamples, 20), kSamples * 20, 20}};
     for (const auto& c : cases) {
-        const Cost whole = play_counted(c.file, "vr", Road::kClass, true);
+        const Cost whole = play_counted(c.file, "vr", Api::kClass, true);
         const Cost cost = play_arriving_counted(c.file, c.missing, c.step);
         std::cout << c.file.size() << " bytes: " << cost.bytes << " read in " << cost.calls
                   << " calls, " << cost.delivered << " delivered\n";

@@ -283,7 +283,7 @@ TEST_P(BuiltFile, ReadsBackAsItWasBuilt) {
               dump(*file.GetFtyp()));
 }
 
-TEST_P(BuiltFile, PlaysOnTheFunctionRoad) {
+TEST_P(BuiltFile, PlaysByTheFunctionApi) {
     const Bytes bytes = FileBuilder().build(GetParam());
     const Played speech = play(bytes, "ar");
     EXPECT_EQ(speech.status, KST_END_OF_FILE);

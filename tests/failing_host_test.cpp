@@ -9,7 +9,7 @@
 #include "tests/support/playing.h"
 #include "tests/support/writing.h"
 
-// Every sample file on both roads over a host whose calls go wrong, one after the other and in
+// Every sample file with both APIs over a host whose calls go wrong, one after the other and in
 // every way: the documented status comes, what was delivered is good, and when the host is mended
 // the rest follows. By default some calls of each file are taken, the same ones each time; with
 // KESTREL_THOROUGH=1 in the environment, all.
@@ -28,16 +28,16 @@ using testing::Ge;
 using testing::IsEmpty;
 using testing::Le;
 
-// A handle of one road.
+// A handle of one API.
 class Player {
   public:
-    explicit Player(Road road) : road_(road) {}
+    explicit Player(Api api) : api_(api) {}
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
     ~Player() { close(); }
 
     int32_t open(FaultyHost& host, const char* mode) {
-        if (road_ == Road::kFunction) return kst_Open(&handle_, host.callbacks(), mode);
+        if (api_ == Api::kFunction) return kst_Open(&handle_, host.callbacks(), mode);
         return static_cast<int32_t>(player_.Open(host.callbacks(), mode));
     }
     void close() {
@@ -52,23 +52,23 @@ class Player {
         EXPECT_EQ(player_.ReadChunk(&byte, &size, false), KST_NOT_OPEN);
     }
     ReadThrough read_through(bool flag) {
-        return read_through_failures(road_ == Road::kFunction ? read_call(handle_, flag)
-                                                              : read_call(player_, flag));
+        return read_through_failures(api_ == Api::kFunction ? read_call(handle_, flag)
+                                                            : read_call(player_, flag));
     }
 
   private:
-    Road road_;
+    Api api_;
     mm_Interface* handle_ = nullptr;
     C3gpInterface player_;
 };
 
-// One medium on one road. What the calls of a good host are is learnt first.
+// One medium on one API. What the calls of a good host are is learnt first.
 class Faults {
   public:
-    Faults(const Medium& medium, Road road, bool flag)
-        : medium_(medium), road_(road), flag_(flag), file_(read_sample(medium.file)) {
+    Faults(const Medium& medium, Api api, bool flag)
+        : medium_(medium), api_(api), flag_(flag), file_(read_sample(medium.file)) {
         FaultyHost host(file_);
-        Player player(road);
+        Player player(api);
         status_ = player.open(host, medium.mode);
         open_calls_ = host.calls;
         if (status_ == KST_SUCCESS) whole_ = player.read_through(flag).stream;
@@ -86,7 +86,7 @@ class Faults {
     void expect_failures(const std::vector<int32_t>& failures, int failing, const Fault& fault);
 
     Medium medium_;
-    Road road_;
+    Api api_;
     bool flag_;
     Bytes file_;
     Bytes whole_;
@@ -110,7 +110,7 @@ bool Faults::takes(int call) const {
 }
 
 void Faults::expect_open_failed(int32_t status, Player& player, const Fault& fault) {
-    if (road_ == Road::kFunction) {
+    if (api_ == Api::kFunction) {
         EXPECT_EQ(status, KST_FAILURE);
     } else if (fault.kind == FaultKind::kStatus && status_ == KST_SUCCESS) {
         const bool not_yet = fault.status != KST_HOST_FAILED;
@@ -123,7 +123,7 @@ void Faults::expect_open_failed(int32_t status, Player& player, const Fault& fau
 
 void Faults::expect_failures(const std::vector<int32_t>& failures, int failing,
                              const Fault& fault) {
-    if (road_ == Road::kFunction) {
+    if (api_ == Api::kFunction) {
         EXPECT_THAT(failures, Each(AnyOf(KST_FAILURE, KST_NOT_YET)));
         return;
     }
@@ -146,7 +146,7 @@ void Faults::expect_stream(Player& player, FaultyHost& host, int failing, const 
     const ReadThrough rest = player.read_through(flag_);
     if (!fault.honest()) return;
     const bool while_open = failing < open_calls_;
-    if (while_open && (road_ == Road::kClass || fault.for_good)) return;  // zeros for a box
+    if (while_open && (api_ == Api::kClass || fault.for_good)) return;  // zeros for a box
     if (!while_open) expect_failures(faulty.failures, failing, fault);
     EXPECT_THAT(rest.failures, IsEmpty());
     EXPECT_TRUE(join({faulty.stream, rest.stream}) == whole_);
@@ -156,7 +156,7 @@ bool Faults::run(int failing, const Fault& fault) {
     if (!can_fault(names_[static_cast<size_t>(failing)], fault.kind)) return false;
     FaultyHost host(file_);
     host.break_at(failing, fault);
-    Player player(road_);
+    Player player(api_);
     const int32_t status = player.open(host, medium_.mode);
     if (failing >= open_calls_) {
         EXPECT_EQ(status, status_);
@@ -176,18 +176,18 @@ bool Faults::run(int failing, const Fault& fault) {
     return true;
 }
 
-class EveryHostCall : public testing::TestWithParam<std::tuple<Medium, Road>> {
+class EveryHostCall : public testing::TestWithParam<std::tuple<Medium, Api>> {
   protected:
     EveryHostCall() { sx_Debug = 0; }
     ~EveryHostCall() override { sx_Debug = 3; }
 };
 
 TEST_P(EveryHostCall, MayGoWrong) {
-    const auto& [medium, road] = GetParam();
+    const auto& [medium, api] = GetParam();
     int tried = 0;
     int of = 0;
     for (const bool flag : {false, true}) {
-        Faults faults(medium, road, flag);
+        Faults faults(medium, api, flag);
         of += faults.calls();
         for (int failing = 0; failing < faults.calls(); ++failing) {
             if (!faults.takes(failing)) continue;
@@ -203,14 +203,14 @@ TEST_P(EveryHostCall, MayGoWrong) {
 
 // Slots that always say the same, whatever holds.
 TEST_P(EveryHostCall, MaySayTheSameForEver) {
-    const auto& [medium, road] = GetParam();
+    const auto& [medium, api] = GetParam();
     const Bytes file = read_sample(medium.file);
     for (const bool flag : {false, true}) {
         for (const uint32_t answer : {0u, 1u, 5u, 13u, 0xFFFFFFFFu}) {
             for (const bool eof : {false, true}) {
                 FaultyHost host(file);
                 (eof ? host.eof : host.classification) = answer;
-                Player player(road);
+                Player player(api);
                 if (player.open(host, medium.mode) == KST_SUCCESS) player.read_through(flag);
                 player.close();
                 host.mend();
@@ -253,7 +253,7 @@ TEST(WriterHost, EveryCallMayGoWrong) {
 
 INSTANTIATE_TEST_SUITE_P(Files, EveryHostCall,
                          testing::Combine(testing::ValuesIn(sample_media()),
-                                          testing::Values(Road::kFunction, Road::kClass)),
+                                          testing::Values(Api::kFunction, Api::kClass)),
                          [](const auto& row) { return std::apply(name_of, row.param); });
 
 }  // namespace

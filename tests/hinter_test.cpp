@@ -210,17 +210,17 @@ TEST_P(Clip, PlaysAlsoWhileItArrives) {
     const Hinted hinted = hint(read_sample(GetParam()), with(KST_HINT_REPLACE));
     const Movie movie = import(hinted.file);
     for (const HintedMedium& medium : hinted_media(movie)) {
-        for (const Road api : {Road::kFunction, Road::kClass}) {
-            if (api == Road::kClass && !medium.class_api) continue;
-            SCOPED_TRACE(std::string(medium.mode) + (api == Road::kClass ? " class" : " function"));
-            const Played whole = play(hinted.file, medium.mode, {.road = api});
+        for (const Api api : {Api::kFunction, Api::kClass}) {
+            if (api == Api::kClass && !medium.class_api) continue;
+            SCOPED_TRACE(std::string(medium.mode) + (api == Api::kClass ? " class" : " function"));
+            const Played whole = play(hinted.file, medium.mode, {.api = api});
             EXPECT_EQ(whole.status, KST_END_OF_FILE);
             // A header and the samples, which the native format makes no smaller.
             const uint64_t media = std::accumulate(
                 medium.track->samples.begin(), medium.track->samples.end(), uint64_t{0},
                 [](uint64_t bytes, const Sample& sample) { return bytes + sample.size; });
             EXPECT_GT(whole.stream.size(), media * 9 / 10);
-            const Played arriving = play_arriving(hinted.file, medium.mode, kStep, {.road = api});
+            const Played arriving = play_arriving(hinted.file, medium.mode, kStep, {.api = api});
             EXPECT_EQ(arriving.status, KST_END_OF_FILE);
             EXPECT_EQ(arriving.stream, whole.stream);
         }

@@ -74,15 +74,15 @@ void add_seeks(Digest& digest, const Bytes& file, const char* mode) {
     kst_host_close(host);
 }
 
-void add_played(Digest& digest, const Bytes& file, const char* mode, Road road) {
-    const Played played = play(file, mode, {.road = road});
+void add_played(Digest& digest, const Bytes& file, const char* mode, Api api) {
+    const Played played = play(file, mode, {.api = api});
     digest.add(static_cast<uint32_t>(played.status));
     digest.add(played.stream);
 }
 
 void add_medium(Digests& digests, const Bytes& file, const char* mode) {
-    add_played(digests.function, file, mode, Road::kFunction);
-    add_played(digests.classes, file, mode, Road::kClass);
+    add_played(digests.function, file, mode, Api::kFunction);
+    add_played(digests.classes, file, mode, Api::kClass);
     add_seeks(digests.seeks, file, mode);
 }
 
@@ -243,8 +243,8 @@ TEST(SameStreams, WholeFiguresComeOutWhole) {
     const Codec& h263 = kCodecs[2];
     for (uint32_t samples = 1; samples <= 60; ++samples) {
         const Bytes clip = make_clip(h263, {12800, 512}, static_cast<int>(samples));
-        for (const Road road : {Road::kFunction, Road::kClass}) {
-            const Bytes stream = play(clip, h263.mode, {.road = road}).stream;
+        for (const Api api : {Api::kFunction, Api::kClass}) {
+            const Bytes stream = play(clip, h263.mode, {.api = api}).stream;
             EXPECT_EQ(record_at<PROP_Header_Info>(stream, 0).value, 25U) << samples;
             EXPECT_EQ(record_at<VID_Header_CodecInfo>(stream, kCodecInfo).bit_rate, 8000U);
             EXPECT_EQ(record_at<VID_FileInfo>(stream, kFileInfo).duration_ms, 40 * samples);

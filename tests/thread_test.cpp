@@ -17,7 +17,7 @@ constexpr unsigned kThreads = 8;
 
 struct Job {
     Medium medium;
-    Road road;
+    Api api;
     Bytes file;
     Played expected;
 };
@@ -26,8 +26,8 @@ std::vector<Job> all_jobs() {
     std::vector<Job> jobs;
     for (const Medium& medium : sample_media()) {
         const Bytes file = read_sample(medium.file);
-        for (const Road road : {Road::kFunction, Road::kClass})
-            jobs.push_back({medium, road, file, play(file, medium.mode, {.road = road})});
+        for (const Api api : {Api::kFunction, Api::kClass})
+            jobs.push_back({medium, api, file, play(file, medium.mode, {.api = api})});
     }
     return jobs;
 }
@@ -49,7 +49,7 @@ TEST(Threads, HandlesPlayAsTheyDoAlone) {
         // Each thread begins elsewhere, and some files arrive.
         for (size_t i = 0; i < jobs.size(); ++i) {
             const Job& job = jobs[(i + number * jobs.size() / kThreads) % jobs.size()];
-            const Playing how{.road = job.road};
+            const Playing how{.api = job.api};
             const bool arrives = (i + number) % 3 == 0;
             const Played got = arrives ? play_arriving(job.file, job.medium.mode, 4001, how)
                                        : play(job.file, job.medium.mode, how);

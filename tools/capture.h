@@ -15,7 +15,7 @@
 namespace tool {
 
 // More hint tracks are refused: each has a packet in memory and a port.
-inline constexpr size_t kMostCapturedTracks = 64;
+inline constexpr size_t kMaxCapturedTracks = 64;
 
 // Writes the packets of all tracks in the order of their times, and returns how many. Of a track,
 // packets keep their order, and no time is less than the one before. Returns nothing where the

@@ -19,7 +19,7 @@ namespace {
 using Qvox3gp::Box;
 using Qvox3gp::ChildPlace;
 
-constexpr size_t kMostShownBytes = 32;  // of a run of bytes, in the printed tree
+constexpr size_t kMaxShownBytes = 32;  // of a run of bytes, in the printed tree
 
 struct Options {
     std::string input;
@@ -47,9 +47,8 @@ class FieldLine final : public Qvox3gp::FieldVisitor {
     }
     void bytes(std::string_view name, std::span<const uint8_t> data) override {
         if (!take(name)) return;
-        const bool all = data.size() <= kMostShownBytes;
-        std::printf("%s%s", hex(all ? data : data.first(kMostShownBytes)).c_str(),
-                    all ? "" : "...");
+        const bool all = data.size() <= kMaxShownBytes;
+        std::printf("%s%s", hex(all ? data : data.first(kMaxShownBytes)).c_str(), all ? "" : "...");
     }
     void begin_list(std::string_view name) override {
         if (take(name)) entries_ = 0;

@@ -163,10 +163,10 @@ class Checker {
 
     // A file that takes long holds up the lines of those after it, which wait in memory.
     bool may_start() const {
-        constexpr size_t kMostWaiting = 1000;
+        constexpr size_t kMaxWaiting = 1000;
         const auto at_work =
             std::count_if(running_.begin(), running_.end(), [](auto& one) { return !one.found; });
-        return static_cast<size_t>(at_work) < options_.processes && running_.size() < kMostWaiting;
+        return static_cast<size_t>(at_work) < options_.processes && running_.size() < kMaxWaiting;
     }
 
     // Takes what the processes pass on, until one ends or a moment has passed.

@@ -18,14 +18,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uint64_t kMostCaptured = 1 << 30;
-constexpr auto kMostSeconds = std::chrono::seconds(60);  // for what the tables declare
+constexpr uint64_t kMaxCaptured = 1 << 30;
+constexpr auto kMaxSeconds = std::chrono::seconds(60);  // for what the tables declare
 
 struct Options {
     std::string input;
     std::string pcap;
     std::optional<uint32_t> track;
-    uint64_t limit = kMostCaptured;
+    uint64_t limit = kMaxCaptured;
     bool hex = false;
 };
 
@@ -78,7 +78,7 @@ std::string description_path(const std::string& capture) {
 }
 
 void capture_packets(HintTracks& tracks, const Options& options) {
-    if (tracks.size() > kMostCapturedTracks) {
+    if (tracks.size() > kMaxCapturedTracks) {
         throw file_error(options.input, std::to_string(tracks.size()) +
                                             " hint tracks are too many for a capture; choose one "
                                             "with --track ID");
@@ -103,7 +103,7 @@ void capture_packets(HintTracks& tracks, const Options& options) {
 
 void packets(const Options& options) {
     const Host host = open_host(options.input);
-    const FileFacts facts = gather_facts(host.get(), Clock::now() + kMostSeconds);
+    const FileFacts facts = gather_facts(host.get(), Clock::now() + kMaxSeconds);
     HintTracks tracks = wanted_tracks(facts, options);
     if (options.pcap.empty()) {
         print_packets(tracks, options.hex);

@@ -10,7 +10,7 @@ namespace tool {
 namespace {
 
 constexpr size_t kLongestRemark = 255;
-constexpr size_t kMostKept = 8;
+constexpr size_t kMaxKept = 8;
 
 // What is known of the library's remarks. Never destroyed: the library may write until the very
 // end of the process.
@@ -45,7 +45,7 @@ void take_line(Remarks& all) {
     if (all.kept != nullptr) {
         std::vector<std::string>& kept = *all.kept;
         const bool is_new = std::find(kept.begin(), kept.end(), all.last) == kept.end();
-        if (is_new && kept.size() < kMostKept) kept.push_back(all.last);
+        if (is_new && kept.size() < kMaxKept) kept.push_back(all.last);
     }
     if (all.shown) print_remark(all, all.last);
 }

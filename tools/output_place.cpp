@@ -57,10 +57,10 @@ Descriptor open_folder(int from, const fs::path& at, const std::string& path) {
 }  // namespace
 
 OutputPlace find_output_place(const std::string& path) {
-    constexpr int kMostLinks = 40;
+    constexpr int kMaxLinks = 40;
     OutputPlace place;
     fs::path at = path;
-    for (int left = kMostLinks; left > 0; --left) {
+    for (int left = kMaxLinks; left > 0; --left) {
         const int from = place.folder ? place.folder.get() : AT_FDCWD;
         place.folder = open_folder(from, at, path);
         place.name = at.filename();

@@ -156,10 +156,10 @@ WholeOutput::~WholeOutput() {
 }
 
 void WholeOutput::make_temporary() {
-    constexpr int kMostTries = 100;
+    constexpr int kMaxTries = 100;
     Descriptor made;
     const SignalsHeld held;
-    for (int left = kMostTries; !made && left > 0; --left) {
+    for (int left = kMaxTries; !made && left > 0; --left) {
         temporary_ = random_name();
         made = Descriptor(openat(place_.folder.get(), temporary_.c_str(),
                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));

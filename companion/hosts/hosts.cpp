@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
+constexpr uint64_t kMaxBytes = std::numeric_limits<uint32_t>::max();
 
 // Where the bytes come from. read() is only asked for bytes that are available.
 class Source {
@@ -167,7 +167,7 @@ class WritableSource final : public Source {
     }
     bool write(const void* data, uint32_t offset, uint32_t count) override {
         const uint64_t end = uint64_t{offset} + count;
-        if (end > kMostBytes) return false;
+        if (end > kMaxBytes) return false;
         try {
             if (end > bytes_.size()) bytes_.resize(static_cast<size_t>(end));
         } catch (const std::exception&) {
@@ -249,7 +249,7 @@ int PipeSource::wait() {
     } while (got < 0 && (errno == EINTR || errno == EAGAIN));
     bytes_.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
     if (got < 0) return KST_HOST_FAULT;
-    if (bytes_.size() > kMostBytes) {
+    if (bytes_.size() > kMaxBytes) {
         bytes_.resize(had);
         errno = EFBIG;
         return KST_HOST_FAULT;
@@ -381,7 +381,7 @@ kst_host* open_path(const char* path, Wrap wrap) {
         errno = EISDIR;
         return nullptr;
     }
-    if (static_cast<uint64_t>(about.st_size) > kMostBytes) {
+    if (static_cast<uint64_t>(about.st_size) > kMaxBytes) {
         errno = EFBIG;
         return nullptr;
     }
@@ -405,7 +405,7 @@ kst_host* kst_host_from_growing_file(const char* path, uint32_t step) {
 }
 
 kst_host* kst_host_from_memory(const void* data, size_t size) {
-    if (size > kMostBytes) {
+    if (size > kMaxBytes) {
         errno = EFBIG;
         return nullptr;
     }
@@ -418,7 +418,7 @@ kst_host* kst_host_for_writing_memory(void) {
 }
 
 kst_host* kst_host_from_growing_memory(const void* data, size_t size, uint32_t step) {
-    if (size > kMostBytes) {
+    if (size > kMaxBytes) {
         errno = EFBIG;
         return nullptr;
     }

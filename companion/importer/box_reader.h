@@ -90,7 +90,7 @@ class BoxReader {
 
 template <unsigned kCount>
 std::uint64_t BoxReader::number() {
-    static_assert(kCount <= Source::kMostTaken);
+    static_assert(kCount <= Source::kMaxTaken);
     if (failed_ || left() < kCount) {
         failed_ = true;
         return 0;

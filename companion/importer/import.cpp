@@ -30,8 +30,8 @@ bool Import::lacks(const std::string& what) {
 
 std::optional<std::uint32_t> Import::claim_samples(const Box& box, std::uint64_t count,
                                                    std::uint32_t size) {
-    if (count > kMostSamples - std::min<std::uint64_t>(claimed_, kMostSamples)) {
-        fail(box, "exceeds the " + std::to_string(kMostSamples) + " samples that are read");
+    if (count > kMaxSamples - std::min<std::uint64_t>(claimed_, kMaxSamples)) {
+        fail(box, "exceeds the " + std::to_string(kMaxSamples) + " samples that are read");
         return std::nullopt;
     }
     if (size > 0 && count > source.size() / size) {

@@ -120,7 +120,7 @@ struct Movie {
 };
 
 // A file with more samples is refused.
-inline constexpr std::uint32_t kMostSamples = 1 << 24;
+inline constexpr std::uint32_t kMaxSamples = 1 << 24;
 
 struct Options {
     // Keeps the samples that are whole when the file is cut or fragments are missing: of each

@@ -103,8 +103,8 @@ void set_pcm_packing(Entry& entry) {
                                         ? entry.packing.bytes
                                         : entry.channels * width;
         entry.packing = {};
-        constexpr std::uint64_t kMostBytes = 1024;  // 32 channels of 256 bits
-        if (bytes > 0 && bytes <= kMostBytes) {
+        constexpr std::uint64_t kMaxBytes = 1024;  // 32 channels of 256 bits
+        if (bytes > 0 && bytes <= kMaxBytes) {
             entry.packing = {.units = kJoinedTimes,
                              .unit_bytes = static_cast<std::uint32_t>(bytes)};
         }

@@ -23,7 +23,7 @@ class Source {
     // Why the host could not serve something, or empty.
     const std::string& error() const { return error_; }
 
-    // Returns `count` bytes (at most kMostTaken) of the file at `offset`, valid until the next
+    // Returns `count` bytes (at most kMaxTaken) of the file at `offset`, valid until the next
     // call, or null. What follows them is read ahead, but nothing at or after `limit`.
     // Requires offset + count <= limit <= size().
     const std::uint8_t* take(std::uint64_t offset, std::uint32_t count, std::uint64_t limit) {
@@ -36,7 +36,7 @@ class Source {
     // Copies `count` bytes at `offset`. Requires offset + count <= size().
     bool copy(std::uint64_t offset, std::uint8_t* to, std::uint64_t count);
 
-    static constexpr std::uint32_t kMostTaken = 16;
+    static constexpr std::uint32_t kMaxTaken = 16;
 
   private:
     bool fill(std::uint64_t offset, std::uint64_t limit);

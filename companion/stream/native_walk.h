@@ -96,7 +96,7 @@ struct Damage {
 };
 
 // No frame of a native stream is longer, its record and packets together.
-inline constexpr uint32_t kMostFrameBytes = KST_MAX_CHUNK;
+inline constexpr uint32_t kMaxFrameBytes = KST_MAX_CHUNK;
 
 // Walks a stream that arrives in pieces. Memory: at most one frame, and never more than was fed.
 // feed() and finish() throw Damage at the first damaged place; the walk is over then.

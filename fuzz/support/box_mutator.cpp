@@ -15,7 +15,7 @@ namespace {
 using namespace fuzz;
 
 constexpr size_t kHeader = 8;
-constexpr size_t kMostBoxes = 400;
+constexpr size_t kMaxBoxes = 400;
 
 // A container, and the bytes that stand between its header and its first child.
 struct Container {
@@ -72,7 +72,7 @@ class File {
 };
 
 void File::parse(size_t at, size_t end, int parent) {
-    while (end - at >= kHeader && boxes_.size() < kMostBoxes) {
+    while (end - at >= kHeader && boxes_.size() < kMaxBoxes) {
         const size_t size = load(at, 4);
         if (size < kHeader || size > end - at) return;
         const std::string_view type(reinterpret_cast<const char*>(&bytes_[at + 4]), 4);

@@ -19,7 +19,7 @@ namespace {
 enum HostStatus : uint32_t { kOk, kFailed, kNotYet };
 
 // A file that trickles in is there after so many steps at the latest.
-constexpr int kMostWaits = 64;
+constexpr int kMaxWaits = 64;
 
 }  // namespace
 
@@ -130,7 +130,7 @@ void Host::wait() {
     const auto left = static_cast<uint32_t>(file_.size() - there_);
     // Single bytes and pieces of all sizes, each kind as likely.
     const uint32_t scale = 1u << schedule_.below(16);
-    const uint32_t step = ++waits_ >= kMostWaits ? left : 1 + schedule_.below(scale);
+    const uint32_t step = ++waits_ >= kMaxWaits ? left : 1 + schedule_.below(scale);
     there_ += std::min(step, left);
 }
 

@@ -159,18 +159,18 @@ class KESTREL_API C3gpInterface {
     void Reset();
 
     // Delivers the next bytes of the stream: `*size` is how many are wanted on the way in and how
-    // many were delivered on the way out. `fio` says how the host serves the stream, and may differ
-    // from call to call: true for one that fills over time (IndexRead), false for a seekable one
-    // (Seek and SeekNRead). AdvanceRead is called for every hint sample in both.
+    // many were delivered on the way out. `arriving` says how the host serves the stream, and may
+    // differ from call to call: true for one that fills over time (IndexRead), false for a seekable
+    // one (Seek and SeekNRead). AdvanceRead is called for every hint sample in both.
     //
     // KST_SUCCESS: all that was wanted; also for nothing wanted, with a null buffer too.
     // KST_END_OF_FILE: there is no more; `*size` bytes were the last. KST_NOT_YET: `*size` is 0 and
-    // nothing was consumed, so call again when more has arrived (with `fio`, a file that was cut
-    // short answers so for ever). KST_IO_FAILURE: IndexRead or AdvanceRead failed. KST_FAILURE:
-    // another callback failed, or delivered less than was asked for without `fio`; a table ends too
-    // early or leads outside the file; thousands of malformed hint samples follow one another, or
-    // hint samples have more constructors than SECURITY.md allows; memory ran out. KST_NOT_OPEN,
-    // KST_BAD_ARGUMENT (null pointer).
+    // nothing was consumed, so call again when more has arrived (with `arriving`, a file that was
+    // cut short answers so for ever). KST_IO_FAILURE: IndexRead or AdvanceRead failed. KST_FAILURE:
+    // another callback failed, or delivered less than was asked for without `arriving`; a table
+    // ends too early or leads outside the file; thousands of malformed hint samples follow one
+    // another, or hint samples have more constructors than SECURITY.md allows; memory ran out.
+    // KST_NOT_OPEN, KST_BAD_ARGUMENT (null pointer).
     //
     // Statuses 1 and 2 keep the state. After any failure `*size` is 0 and nothing was lost: the
     // call may be repeated, and a smaller size gets what was ready before the fault. At the end of
@@ -179,7 +179,7 @@ class KESTREL_API C3gpInterface {
     // Malformed hint samples are left out, and so are those of which every constructor was dropped.
     // A constructor is dropped that names no sample of the media track, reaches outside its sample
     // or makes a frame too long.
-    unsigned int ReadChunk(unsigned char* buffer, unsigned int* size, bool fio);
+    unsigned int ReadChunk(unsigned char* buffer, unsigned int* size, bool arriving);
 
     // Moves playing to a sync sample near a time. Bytes of the header records or of frames that
     // were made and that ReadChunk has not delivered yet are still delivered first, whole: of one
@@ -374,7 +374,7 @@ class KESTREL_API C3gpInterface {
     bool m_fEndOfFile = false;
     bool m_fPassOpen = false;  // a frame was made whose hint sample has not been left yet
     uint32_t m_uHintOffset = 0;
-    bool m_fFIO = false;
+    bool m_fArriving = false;
     uint32_t m_uIOStatus = 0;  // of the last callback read
     // Bytes taken from the writer; the first m_uDelivered of them have been delivered since.
     std::vector<unsigned char> m_Taken;

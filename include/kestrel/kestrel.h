@@ -62,7 +62,7 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
 /* Delivers the next chunk of the native stream.
  *
  * `*size` is the room in `buffer` on the way in and the number of bytes delivered on the way out.
- * `flag` says how the host serves the stream, and may differ from call to call: false for a
+ * `arriving` says how the host serves the stream, and may differ from call to call: false for a
  * seekable stream (the library reads with Seek and SeekNRead, and moves the stream to the track's
  * next data), true for one that fills over time (the library reads with IndexRead and announces its
  * progress with AdvanceRead).
@@ -77,7 +77,7 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
  * delivered, but the stream could not be repositioned behind it. 23 (no name in the table): the
  * codec record could not be written. */
 KESTREL_API int32_t kst_ReadChunk(mm_Interface* handle, unsigned char* buffer, uint32_t* size,
-                                  bool flag);
+                                  bool arriving);
 
 /* Closes the handle and stores null in the host's variable. A variable that holds null is
  * KST_SUCCESS, a null pointer KST_BAD_HANDLE. */

@@ -17,7 +17,7 @@ inline constexpr char kAudioMedium[] = "AUDIO   ";
 inline constexpr uint32_t kPropConstant = 10;
 
 // The bytes of decoder configuration that a codec configuration record has room for.
-inline constexpr uint32_t kMostConfigBytes = 350;
+inline constexpr uint32_t kMaxConfigBytes = 350;
 
 // First record of every stream.
 struct PROP_Header_Info {
@@ -124,8 +124,8 @@ void visit_fields(const VID_Header_CodecInfo& r, Visitor&& visitor) {
 
 struct VID_Header_MPEG4CodecConfig {
     uint32_t profile_level;
-    uint8_t config[kMostConfigBytes];  // decoder-specific information, zero-filled
-    uint16_t length;                   // of it, in bytes
+    uint8_t config[kMaxConfigBytes];  // decoder-specific information, zero-filled
+    uint16_t length;                  // of it, in bytes
 };
 static_assert(sizeof(VID_Header_MPEG4CodecConfig) == 356);
 
@@ -152,9 +152,9 @@ struct VID_Header_H264CodecConfig {
     uint32_t profile;
     uint32_t constraints;
     uint32_t level;
-    uint8_t config[kMostConfigBytes];  // parameter sets behind start codes, zero-filled
-    uint16_t length;                   // of them, in bytes
-    uint8_t two;                       // 2
+    uint8_t config[kMaxConfigBytes];  // parameter sets behind start codes, zero-filled
+    uint16_t length;                  // of them, in bytes
+    uint8_t two;                      // 2
     uint8_t unused[3];
 };
 static_assert(sizeof(VID_Header_H264CodecConfig) == 368);

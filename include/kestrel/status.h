@@ -1,4 +1,4 @@
-/* The status codes that both roads of the library report. Usable from C and C++. */
+/* The status codes that both APIs of the library report. Usable from C and C++. */
 #ifndef KESTREL_STATUS_H
 #define KESTREL_STATUS_H
 

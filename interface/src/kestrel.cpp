@@ -107,10 +107,10 @@ int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* ca
     return open_over(handle_out, callbacks, mode, file);
 }
 
-int32_t kst_ReadChunk(mm_Interface* handle, unsigned char* buffer, uint32_t* size, bool flag) {
+int32_t kst_ReadChunk(mm_Interface* handle, unsigned char* buffer, uint32_t* size, bool arriving) {
     if (handle == nullptr) return KST_BAD_HANDLE;
     if (buffer == nullptr || size == nullptr) return KST_BAD_ARGUMENT;
-    return mmfi_Read(handle, buffer, size, flag);
+    return mmfi_Read(handle, buffer, size, arriving);
 }
 
 int32_t kst_Close(mm_Interface** handle_in_out) {

@@ -49,12 +49,12 @@ struct ParameterSets {
     std::vector<NalUnit> picture;
 
     void add(NalUnit unit) {
-        constexpr size_t kMostSequenceSets = 32;
-        constexpr size_t kMostPictureSets = 128;
+        constexpr size_t kMaxSequenceSets = 32;
+        constexpr size_t kMaxPictureSets = 128;
         if (unit.empty()) return;
         const uint8_t type = nal_type(unit);
-        if (type == kSequenceSet && sequence.size() < kMostSequenceSets) sequence.push_back(unit);
-        if (type == kPictureSet && picture.size() < kMostPictureSets) picture.push_back(unit);
+        if (type == kSequenceSet && sequence.size() < kMaxSequenceSets) sequence.push_back(unit);
+        if (type == kPictureSet && picture.size() < kMaxPictureSets) picture.push_back(unit);
     }
 };
 
@@ -96,7 +96,7 @@ std::vector<uint8_t> make_record(const ParameterSets& sets) {
     append_sets(record, sets.sequence);
     record.push_back(static_cast<uint8_t>(sets.picture.size()));
     append_sets(record, sets.picture);
-    if (record.size() > kMostAvccBytes) record.clear();
+    if (record.size() > kMaxAvccBytes) record.clear();
     return record;
 }
 

@@ -32,10 +32,10 @@ size_t avcc_length(std::span<const uint8_t> avcc);
 size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to);
 
 // The largest record that make_avcc makes.
-inline constexpr size_t kMostAvccBytes = 256;
+inline constexpr size_t kMaxAvccBytes = 256;
 
 // Makes a record of parameter sets that are separated by start codes 00 00 00 01; empty when they
-// make none, or one of more than kMostAvccBytes.
+// make none, or one of more than kMaxAvccBytes.
 std::vector<uint8_t> make_avcc(std::span<const uint8_t> units);
 
 }  // namespace kestrel

@@ -155,8 +155,8 @@ bool skip_supplements(BitReader& reader) {
 
 // GSTUF or SSTUF, fewer than eight zeros, and the start code behind.
 bool skip_start_code(BitReader& reader) {
-    constexpr unsigned kMostStuffing = 7;
-    for (unsigned i = 0; i < kMostStuffing && reader.peek(kStartCodeBits) == 0; ++i)
+    constexpr unsigned kMaxStuffing = 7;
+    for (unsigned i = 0; i < kMaxStuffing && reader.peek(kStartCodeBits) == 0; ++i)
         reader.skip(1);
     return reader.get(kStartCodeBits) == 1;
 }
@@ -364,8 +364,8 @@ bool parse_intra_dc(BitReader& reader) {
 
 // The coefficients of one block, to the event that is its last.
 bool parse_coefficients(BitReader& reader, const nch_modes& modes) {
-    constexpr unsigned kMostCoefficients = 64;
-    for (unsigned i = 0; i < kMostCoefficients; ++i) {
+    constexpr unsigned kMaxCoefficients = 64;
+    for (unsigned i = 0; i < kMaxCoefficients; ++i) {
         const std::optional<bool> last = kestrel::read_tcoef(reader, modes.modified_quantisation);
         if (!last) return false;
         if (*last) return true;
@@ -505,12 +505,12 @@ bool nch_mb_parse(BitReader& reader, nch_state& state) {
 }
 
 int get_start_of_mb(nch_state& state, std::span<const uint8_t> picture, BitPosition& position) {
-    constexpr size_t kMostBytes = std::numeric_limits<size_t>::max() / 8;
+    constexpr size_t kMaxBytes = std::numeric_limits<size_t>::max() / 8;
     const bool at_start = position == BitPosition{};
     if (!at_start && state.macroblocks_left == 0) return kNchEndOfPicture;
     const nch_macroblock before = state.macroblock;
     const bool reachable =
-        picture.size() <= kMostBytes && position.byte < picture.size() && position.bit < 8;
+        picture.size() <= kMaxBytes && position.byte < picture.size() && position.bit < 8;
     BitReader reader(picture, reachable ? position.byte * 8 + position.bit : 0);
     bool walked = reachable;
     if (at_start) {

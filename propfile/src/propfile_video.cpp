@@ -17,7 +17,7 @@ constexpr double kClockPerMs = 90.0;  // 90 kHz
 // really comes. No picture of the formats that 3GP files carry comes near the limit.
 constexpr uint32_t kSmallestBuffer = 2048;
 constexpr uint32_t kLargestFirstBuffer = 65536;
-constexpr uint32_t kMostFrameBytes = 16 << 20;
+constexpr uint32_t kMaxFrameBytes = 16 << 20;
 
 [[noreturn]] void throw_no_memory(uint32_t bytes) {
     throw SimpleException(kSource, __LINE__, "Unable to allocate %d bytes for Video frame", bytes);
@@ -40,7 +40,7 @@ void PropFileVideo::AllocBuffers() {
     log_line(kDebug, at(kSource), "Allocating %d bytes for video frame", m_uFirstSize);
     try {
         try {
-            AllocateFrame(m_uFirstSize, kMostFrameBytes);
+            AllocateFrame(m_uFirstSize, kMaxFrameBytes);
         } catch (const std::bad_alloc&) {
             throw_no_memory(m_uFirstSize);
         }

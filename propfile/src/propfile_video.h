@@ -1,5 +1,5 @@
 // The frame writers for video: each hint sample becomes a frame record, two words and its RTP
-// packets' payloads, each behind a packet header, exactly as the function road frames them.
+// packets' payloads, each behind a packet header, exactly as the function API frames them.
 #ifndef KESTREL_PROPFILE_VIDEO_H
 #define KESTREL_PROPFILE_VIDEO_H
 
@@ -16,7 +16,7 @@ class PropFileVideo : public PropFile {
     void PacketizeFrame(const unsigned char* hint, double time) override;
 
     // Puts the stream header records into the buffer. The index record, which carries nothing on
-    // the function road, has the frame rate as To1616 gives it in its first word. True, or
+    // the function API, has the frame rate as To1616 gives it in its first word. True, or
     // SimpleException.
     virtual bool Open(const _TAG_VIDEO_OPEN_PARAMS* params);
     virtual void Close();

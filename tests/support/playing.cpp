@@ -12,8 +12,8 @@ void wait(kst_host* host, const Playing& how) {
 }
 
 // Whether more data may undo what a read answered.
-bool may_arrive(int32_t status, uint32_t size, Road road, bool flag) {
-    if (road == Road::kClass) {
+bool may_arrive(int32_t status, uint32_t size, Api api, bool flag) {
+    if (api == Api::kClass) {
         return size == 0 && status == (flag ? int32_t{KST_NOT_YET} : int32_t{KST_FAILURE});
     }
     // In front of the first video frame, not-yet is told as a failure that delivers nothing.
@@ -37,7 +37,7 @@ Played read_to_end(const ReadCall& read, kst_host* host, const Playing& how) {
         }
         played.stream.insert(played.stream.end(), buffer.begin(), buffer.begin() + size);
         if (played.status == KST_SUCCESS) continue;
-        const bool later = may_arrive(played.status, size, how.road, flag_of(host, how));
+        const bool later = may_arrive(played.status, size, how.api, flag_of(host, how));
         if (!later || kst_host_is_complete(host)) return played;
         wait(host, how);
         ++played.waits;
@@ -90,10 +90,10 @@ bool thorough() {
     return set != nullptr && *set == '1';
 }
 
-std::string name_of(const Medium& medium, Road road) {
+std::string name_of(const Medium& medium, Api api) {
     const std::string stem = medium.file.substr(0, medium.file.find('.'));
     return stem + (medium.mode[0] == 'a' ? "_audio" : "_video") +
-           (road == Road::kFunction ? "_function" : "_class");
+           (api == Api::kFunction ? "_function" : "_class");
 }
 
 ReadCall read_call(mm_Interface* handle, bool flag) {
@@ -108,10 +108,10 @@ ReadCall read_call(C3gpInterface& player, bool flag) {
 }
 
 ReadThrough read_through_failures(const ReadCall& read, uint32_t request) {
-    constexpr size_t kMostFailures = 3;
+    constexpr size_t kMaxFailures = 3;
     ReadThrough through;
     Bytes buffer(request);
-    while (through.failures.size() < kMostFailures) {
+    while (through.failures.size() < kMaxFailures) {
         uint32_t size = request;
         through.status = read(buffer.data(), &size);
         through.stream.insert(through.stream.end(), buffer.begin(), buffer.begin() + size);
@@ -122,7 +122,7 @@ ReadThrough read_through_failures(const ReadCall& read, uint32_t request) {
 }
 
 Played play(kst_host* host, const char* mode, const Playing& how) {
-    return how.road == Road::kClass ? play_class(host, mode, how) : play_function(host, mode, how);
+    return how.api == Api::kClass ? play_class(host, mode, how) : play_function(host, mode, how);
 }
 
 Played play(const Bytes& file, const char* mode, const Playing& how) {

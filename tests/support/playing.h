@@ -1,4 +1,4 @@
-// Playing a stream on either road, and hosts that misbehave.
+// Playing a stream with either API, and hosts that misbehave.
 #ifndef KESTREL_TESTS_PLAYING_H
 #define KESTREL_TESTS_PLAYING_H
 
@@ -13,7 +13,7 @@
 #include "tests/support/files.h"
 
 // The library's two ways in: kst_Open and C3gpInterface.
-enum class Road { kFunction, kClass };
+enum class Api { kFunction, kClass };
 
 // Whether the environment has KESTREL_THOROUGH=1, for tests that otherwise take a part of the
 // cases.
@@ -21,7 +21,7 @@ bool thorough();
 
 // How a test plays.
 struct Playing {
-    Road road = Road::kFunction;
+    Api api = Api::kFunction;
     uint32_t request = KST_LARGEST_CHUNK;  // bytes asked for at once
     std::optional<bool> flag = {};         // of each read; unset: whether the host's file arrives
     // How many steps of the host a wait takes; unset: one.
@@ -38,8 +38,8 @@ std::ostream& operator<<(std::ostream& out, const Medium& medium);
 // Of all sample files; of one with sound and pictures, both.
 std::vector<Medium> sample_media();
 
-// What a test of a medium on a road is called.
-std::string name_of(const Medium& medium, Road road);
+// What a test of a medium on a API is called.
+std::string name_of(const Medium& medium, Api api);
 
 // What came of playing a track.
 struct Played {

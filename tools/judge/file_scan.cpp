@@ -54,10 +54,10 @@ class Scanner {
 
     FileScan run() {
         uint64_t at = 0;
-        while (at < scan_.file_size && seen_ < kMostBoxes)
+        while (at < scan_.file_size && seen_ < kMaxBoxes)
             at = take_top_box(at);
         if (at < scan_.file_size) {
-            report("There are more than " + std::to_string(kMostBoxes) +
+            report("There are more than " + std::to_string(kMaxBoxes) +
                    " boxes; the rest was not looked at.");
         }
         report_what_is_missing();
@@ -70,7 +70,7 @@ class Scanner {
     }
 
     void report(const std::string& sentence) {
-        if (scan_.damage.size() < kMostDamage) {
+        if (scan_.damage.size() < kMaxDamage) {
             scan_.damage.push_back(sentence);
         } else {
             ++scan_.more_damage;
@@ -136,7 +136,7 @@ class Scanner {
     }
 
     void keep(const TopBox& box) {
-        if (scan_.boxes.size() < kMostTopBoxes) {
+        if (scan_.boxes.size() < kMaxTopBoxes) {
             scan_.boxes.push_back(box);
         } else {
             ++scan_.more_boxes;
@@ -153,7 +153,7 @@ class Scanner {
     void walk(const Container& parent, const std::string& name, uint64_t from, uint64_t end) {
         std::set<std::string, std::less<>> seen;
         int tracks = 0;
-        while (end - from >= kHeader && seen_ < kMostBoxes) {
+        while (end - from >= kHeader && seen_ < kMaxBoxes) {
             const uint64_t left = end - from;
             const std::optional<Header> header = header_at(from, left);
             if (!header) break;
@@ -178,7 +178,7 @@ class Scanner {
             from += size;
         }
         for (const std::string_view needed : parent.needs) {
-            if (seen_ < kMostBoxes && !has_needed(seen, needed)) {
+            if (seen_ < kMaxBoxes && !has_needed(seen, needed)) {
                 report("There is no '" + std::string(needed.substr(0, 4)) + "' box in " + name +
                        ".");
             }
@@ -189,7 +189,7 @@ class Scanner {
     void note(const Container& parent, const Header& header, uint64_t at, uint64_t end) {
         if (parent.type == "moov" && header.type == "trak") {
             // Those of a file with more tracks all go into one that is not kept.
-            if (scan_.tracks.size() < kMostScannedTracks) {
+            if (scan_.tracks.size() < kMaxScannedTracks) {
                 scan_.tracks.emplace_back();
                 track_ = &scan_.tracks.back();
             } else {
@@ -202,7 +202,7 @@ class Scanner {
         if (header.type == "tkhd" || header.type == "mdhd") {
             note_header(header, body, end);
         } else if (parent.type == "stbl") {
-            if (track_->tables.size() < kMostKept) track_->tables.push_back(header.type);
+            if (track_->tables.size() < kMaxKept) track_->tables.push_back(header.type);
             if (header.type == "stsd") note_entries(body, end);
         }
     }
@@ -221,7 +221,7 @@ class Scanner {
     void note_entries(uint64_t body, uint64_t end) {
         constexpr uint32_t kVersionAndCount = 8;
         uint64_t at = body + kVersionAndCount;
-        while (at + kHeader <= end && track_->entries.size() < kMostKept && seen_ < kMostBoxes) {
+        while (at + kHeader <= end && track_->entries.size() < kMaxKept && seen_ < kMaxBoxes) {
             const std::optional<Header> entry = header_at(at, end - at);
             if (!entry || entry->size < entry->length) return;
             track_->entries.push_back(entry->type);
@@ -251,7 +251,7 @@ class Scanner {
         }
     }
 
-    static constexpr size_t kMostKept = 32;  // types of a track
+    static constexpr size_t kMaxKept = 32;  // types of a track
 
     KST_IOSTREAM_CALLBACK_INTERFACE* stream_;
     FileScan scan_;

@@ -33,11 +33,11 @@ struct TrackBoxes {
 
 struct FileScan {
     uint32_t file_size = 0;
-    std::vector<TopBox> boxes;        // of the top level, at most kMostTopBoxes
+    std::vector<TopBox> boxes;        // of the top level, at most kMaxTopBoxes
     uint32_t more_boxes = 0;          // how many more there are
-    std::vector<std::string> damage;  // a sentence each, at most kMostDamage
+    std::vector<std::string> damage;  // a sentence each, at most kMaxDamage
     uint32_t more_damage = 0;         // how many more there are
-    std::vector<TrackBoxes> tracks;   // of movie boxes, in file order, at most kMostScannedTracks
+    std::vector<TrackBoxes> tracks;   // of movie boxes, in file order, at most kMaxScannedTracks
     uint64_t movie_bytes = 0;         // of movie and fragment boxes
     uint32_t fragments = 0;           // `moof` boxes
     bool has_file_type = false;
@@ -51,13 +51,13 @@ struct FileScan {
 };
 
 // Walks the box headers. The stream table must have all of the file. Costs a read for each box, and
-// at most kMostBoxes of them.
+// at most kMaxBoxes of them.
 FileScan scan_file(KST_IOSTREAM_CALLBACK_INTERFACE* stream);
 
-inline constexpr size_t kMostDamage = 20;
-inline constexpr uint32_t kMostBoxes = 50000;
-inline constexpr size_t kMostTopBoxes = 200;
-inline constexpr size_t kMostScannedTracks = 64;
+inline constexpr size_t kMaxDamage = 20;
+inline constexpr uint32_t kMaxBoxes = 50000;
+inline constexpr size_t kMaxTopBoxes = 200;
+inline constexpr size_t kMaxScannedTracks = 64;
 
 }  // namespace tool
 

@@ -13,8 +13,8 @@
 namespace tool {
 namespace {
 
-constexpr uint32_t kMostBytes = 128 << 20;  // of a file
-constexpr uint64_t kMostSamples = 1 << 20;  // of all its tracks
+constexpr uint32_t kMaxBytes = 128 << 20;  // of a file
+constexpr uint64_t kMaxSamples = 1 << 20;  // of all its tracks
 
 // A file without a name in the folder for temporary files; none when there can be none.
 Descriptor temporary_file() {
@@ -108,7 +108,7 @@ bool FixFinder::is_worth_a_try() const {
         samples += static_cast<uint32_t>(std::max(track->sample_count, 0));
     for (const ImportedTrack& track : facts_.imported)
         samples += track.samples;
-    return facts_.scan.file_size <= kMostBytes && samples > 0 && samples <= kMostSamples;
+    return facts_.scan.file_size <= kMaxBytes && samples > 0 && samples <= kMaxSamples;
 }
 
 std::string FixFinder::find(Api api, MediaKind kind, const IsFixed& is_fixed) {

@@ -50,7 +50,7 @@ bool is_nal_unit(std::span<const uint8_t> unit) {
         kDelimiter,
         kLastKnown = 21
     };
-    constexpr uint32_t kMostSliceType = 9, kMostPps = 255;
+    constexpr uint32_t kMaxSliceType = 9, kMaxPps = 255;
     const uint8_t type = unit[0] & 0x1F;
     const bool is_reference = (unit[0] & 0x60) != 0;
     if ((unit[0] & 0x80) != 0 || type == 0 || type > kLastKnown) return false;
@@ -62,8 +62,8 @@ bool is_nal_unit(std::span<const uint8_t> unit) {
     const auto slice_type = exp_golomb(unit, at);
     const auto pps = exp_golomb(unit, at);
     // A field that goes on after the bytes at hand may be any.
-    return (!first_macroblock || !slice_type || *slice_type <= kMostSliceType) &&
-           (!pps || *pps <= kMostPps);
+    return (!first_macroblock || !slice_type || *slice_type <= kMaxSliceType) &&
+           (!pps || *pps <= kMaxPps);
 }
 
 }  // namespace

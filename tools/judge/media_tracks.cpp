@@ -48,11 +48,11 @@ bool takes_from_itself(std::span<const uint8_t> hint_sample) {
 }
 
 bool takes_from_itself(const iso_track* hint) {
-    constexpr int kLooked = 16;               // samples
-    constexpr uint32_t kMostBytes = 1 << 16;  // of one
+    constexpr int kLooked = 16;              // samples
+    constexpr uint32_t kMaxBytes = 1 << 16;  // of one
     std::vector<uint8_t> bytes;
     for (int sample = 0; sample < std::min(hint->sample_count, kLooked); ++sample) {
-        bytes.resize(std::min(sample_size_of(hint, static_cast<uint32_t>(sample)), kMostBytes));
+        bytes.resize(std::min(sample_size_of(hint, static_cast<uint32_t>(sample)), kMaxBytes));
         // Reading moves the cursor of the track, which nobody else uses.
         const int got = isoFFreadAt(const_cast<iso_track*>(hint), sample, 0, bytes.data(),
                                     static_cast<unsigned>(bytes.size()), nullptr, nullptr);

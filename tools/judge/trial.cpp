@@ -11,8 +11,8 @@ namespace {
 
 static_assert(std::has_unique_object_representations_v<Trial>);
 
-constexpr uint32_t kMostRoom = 17 << 20;  // of a chunk: a frame of 16 MiB and its headers
-constexpr uint32_t kMostEmptyReads = 1 << 16;
+constexpr uint32_t kMaxRoom = 17 << 20;  // of a chunk: a frame of 16 MiB and its headers
+constexpr uint32_t kMaxEmptyReads = 1 << 16;
 
 const char* mode_of(MediaKind kind) {
     return kind == MediaKind::kAudio ? "ar" : "vr";
@@ -29,7 +29,7 @@ void play(Trial& trial, Read read) {
     while (trial.status == KST_SUCCESS) {
         auto size = static_cast<uint32_t>(buffer.size());
         trial.status = read(buffer.data(), &size);
-        if (trial.status == KST_BAD_ARGUMENT && size > buffer.size() && size <= kMostRoom) {
+        if (trial.status == KST_BAD_ARGUMENT && size > buffer.size() && size <= kMaxRoom) {
             buffer.resize(size);  // the room that the chunk needs
             trial.status = KST_SUCCESS;
             continue;
@@ -37,7 +37,7 @@ void play(Trial& trial, Read read) {
         tally.take({buffer.data(), std::min<size_t>(size, buffer.size())});
         trial.delivered += size;
         empty = size == 0 ? empty + 1 : 0;
-        if (trial.status == KST_SUCCESS && empty > kMostEmptyReads) trial.status = KST_FAILURE;
+        if (trial.status == KST_SUCCESS && empty > kMaxEmptyReads) trial.status = KST_FAILURE;
     }
     trial.counts = tally.counts();
     if (trial.status == KST_END_OF_FILE) trial.status = KST_SUCCESS;

@@ -278,7 +278,7 @@ std::string packet_count_chart(const TrackFigures& figures, double total) {
 std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double total) {
     const iso_track_details* details = isoFFtrackDetails(track);
     if (details->edit_count <= 0 || movie_timescale == 0) return "";
-    const auto shown = std::min(static_cast<size_t>(details->edit_count), kMostEdits);
+    const auto shown = std::min(static_cast<size_t>(details->edit_count), kMaxEdits);
     const auto length = [&](size_t i) {
         return static_cast<double>(details->edits[i].segment_duration) / movie_timescale;
     };

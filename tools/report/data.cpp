@@ -9,9 +9,9 @@ namespace tool {
 namespace {
 
 // A few bytes of tables can tell of billions of samples.
-constexpr uint32_t kMostSamples = 1 << 23;     // of a track
-constexpr uint64_t kMostHintBytes = 64 << 20;  // of the hint samples of a track
-constexpr uint64_t kMostPacketBytes = 256 << 20;
+constexpr uint32_t kMaxSamples = 1 << 23;     // of a track
+constexpr uint64_t kMaxHintBytes = 64 << 20;  // of the hint samples of a track
+constexpr uint64_t kMaxPacketBytes = 256 << 20;
 constexpr uint32_t kLongestPacket = 65000;
 
 uint32_t size_of(const iso_track* track, uint32_t sample) {
@@ -88,7 +88,7 @@ class SyncWalk {
 
 void gather_samples(TrackFigures& figures) {
     const iso_track* track = figures.track;
-    const uint32_t samples = std::min(samples_of(track), kMostSamples);
+    const uint32_t samples = std::min(samples_of(track), kMaxSamples);
     figures.samples = samples;
     figures.complete = samples == samples_of(track);
     figures.has_sync_table = track->sync_count > 0;
@@ -166,7 +166,7 @@ void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media, ui
         return outside_file(track, file_size).chunks > 0;
     };
     int length = 0;
-    while (sample < samples && hint_bytes <= kMostHintBytes && packet_bytes <= kMostPacketBytes) {
+    while (sample < samples && hint_bytes <= kMaxHintBytes && packet_bytes <= kMaxPacketBytes) {
         length = isoFFrtpPacket(hint, buffer.data());
         if (length <= 0) break;
         // Behind the last packet of a sample the cursor stands on the next one.
@@ -256,7 +256,7 @@ void gather_track(ReportData& data, iso_track* track) {
     gather_samples(figures);
     const uint32_t file_size = data.facts.scan.file_size;
     figures.outside = outside_file(track, file_size);
-    if (static_cast<size_t>(std::max(track->chunk_count, 0)) <= kMostChunksShown) {
+    if (static_cast<size_t>(std::max(track->chunk_count, 0)) <= kMaxChunksShown) {
         map_each_chunk(figures, file_size);
     } else {
         map_columns(figures, file_size);
@@ -304,7 +304,7 @@ ReportData gather(kst_host* host, const std::string& input, Clock::time_point de
     data.facts = gather_facts(host, deadline);
     for (iso_track* track = data.facts.file->first_track; track != nullptr; track = track->next) {
         (is_hint(track) ? data.hint_bytes : data.media_bytes) += track->total_bytes;
-        if (data.tracks.size() < kMostTracks) {
+        if (data.tracks.size() < kMaxTracks) {
             gather_track(data, track);
         } else {
             ++data.tracks_left_out;

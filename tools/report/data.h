@@ -15,9 +15,9 @@ namespace tool {
 
 inline constexpr size_t kMapColumns = 480;   // of the file's bytes
 inline constexpr size_t kTimeColumns = 150;  // of a track's time
-inline constexpr size_t kMostChunksShown = 150;
-inline constexpr size_t kMostTracks = 12;
-inline constexpr size_t kMostEdits = 12;
+inline constexpr size_t kMaxChunksShown = 150;
+inline constexpr size_t kMaxTracks = 12;
+inline constexpr size_t kMaxEdits = 12;
 
 // A stretch of the file that holds data of a track.
 struct MapPiece {

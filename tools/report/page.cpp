@@ -11,10 +11,10 @@
 namespace tool {
 namespace {
 
-constexpr double kWide = 1000;      // of the map, in its own units
-constexpr double kGone = 70;        // of these, for what is missing behind the end
-constexpr size_t kMostChips = 14;   // boxes named below the map
-constexpr size_t kMostText = 2000;  // characters of a text of the file
+constexpr double kWide = 1000;     // of the map, in its own units
+constexpr double kGone = 70;       // of these, for what is missing behind the end
+constexpr size_t kMaxChips = 14;   // boxes named below the map
+constexpr size_t kMaxText = 2000;  // characters of a text of the file
 
 constexpr char kTick[] =
     "<svg class=\"icon\" viewBox=\"0 0 20 20\" aria-hidden=\"true\"><circle cx=\"10\" cy=\"10\" "
@@ -55,7 +55,7 @@ std::string breakable(const std::string& name) {
 }
 
 std::string text_of(const char* text) {
-    return text == nullptr ? "" : std::string(text, strnlen(text, kMostText));
+    return text == nullptr ? "" : std::string(text, strnlen(text, kMaxText));
 }
 
 class Page {
@@ -385,15 +385,15 @@ class Page {
             add_track_row(figures);
         out_ += "<div class=\"row\"><div class=\"label\"></div>" +
                 byte_axis(data_.facts.scan.file_size, gone_) + "</div><ul class=\"chips\">";
-        for (size_t i = 0; i < std::min(data_.facts.scan.boxes.size(), kMostChips); ++i) {
+        for (size_t i = 0; i < std::min(data_.facts.scan.boxes.size(), kMaxChips); ++i) {
             const TopBox& box = data_.facts.scan.boxes[i];
             out_ += format("<li class=\"%s\"><b>", kind_of_box(box)) +
                     escape(box.broken ? "no box" : box.type) + "</b> " + show_bytes(box.size) +
                     (box.cut ? ", cut" : "") + "</li>";
         }
         if (const size_t all = data_.facts.scan.boxes.size() + data_.facts.scan.more_boxes;
-            all > kMostChips) {
-            out_ += "<li>and " + show_count(all - kMostChips) + " more</li>";
+            all > kMaxChips) {
+            out_ += "<li>and " + show_count(all - kMaxChips) + " more</li>";
         }
         out_ += "</ul></section>\n";
     }

@@ -30,7 +30,7 @@ uintptr_t address(const void* pointer) {
 
 }  // namespace
 
-unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size, bool fio) {
+unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size, bool arriving) {
     const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
     const unsigned int wanted = size != nullptr ? *size : 0;
@@ -38,7 +38,7 @@ unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size,
     if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
     if (size == nullptr || (buffer == nullptr && wanted > 0)) return m_uStatus = KST_BAD_ARGUMENT;
     try {
-        m_fFIO = fio;
+        m_fArriving = arriving;
         *size = Read(buffer, wanted);
         return m_uStatus;
     } catch (const SimpleException& caught) {
@@ -117,11 +117,11 @@ void C3gpInterface::MarkPropBytesRead(unsigned int count) {
 
 bool C3gpInterface::GetNextFrame() {
     // A few bytes of tables can list billions of hint samples that are malformed.
-    constexpr int kMostInvalid = 4096;
-    constexpr uint64_t kMostInvalidBytes = 16 << 20;
+    constexpr int kMaxInvalid = 4096;
+    constexpr uint64_t kMaxInvalidBytes = 16 << 20;
     const uint64_t from = m_uBytesHandled;
     int passes = 0;
-    for (; passes < kMostInvalid && m_uBytesHandled - from <= kMostInvalidBytes; ++passes) {
+    for (; passes < kMaxInvalid && m_uBytesHandled - from <= kMaxInvalidBytes; ++passes) {
         log_line(kVerbose, at(kDriverSource), "In do loop in GetNextFrame()");
         FinishPass();  // of an earlier call that failed there
         if (m_fEndOfFile) {
@@ -164,7 +164,7 @@ void C3gpInterface::LimitWork() {
 Fetched C3gpInterface::FeedWriter() {
     const double time = static_cast<double>(m_Now.m_uFrameTime) / *m_pTimescale;
     // What was lacking is looked for first: the frame would be begun in vain.
-    if (m_fFIO && m_uAwaitedByte != 0 && HasByte(m_uAwaitedByte) != Fetched::kBytes) {
+    if (m_fArriving && m_uAwaitedByte != 0 && HasByte(m_uAwaitedByte) != Fetched::kBytes) {
         return Fetched::kNotYet;
     }
     m_uAwaitedByte = 0;
@@ -281,7 +281,7 @@ Fetched C3gpInterface::HasByte(uint64_t offset) {
 // Fills `to`. Grows with what comes, whatever a table says.
 Fetched C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset, uint32_t size) {
     to.clear();
-    if (!m_fFIO) Qvox3gp::macro_Seek(m_pIOCallback, offset);
+    if (!m_fArriving) Qvox3gp::macro_Seek(m_pIOCallback, offset);
     while (to.size() < size) {
         const size_t had = to.size();
         const uint32_t now = std::min(static_cast<uint32_t>(size - had), kTrustedBytes);
@@ -297,14 +297,14 @@ Fetched C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset
 
 // The bytes that were there; without the flag, at the position of the stream.
 uint32_t C3gpInterface::ReadPiece(void* data, uint64_t offset, uint32_t count) {
-    if (!m_fFIO) return Qvox3gp::read_available(m_pIOCallback, data, count);
+    if (!m_fArriving) return Qvox3gp::read_available(m_pIOCallback, data, count);
     return offset <= UINT32_MAX ? IOFileStreamRead(data, static_cast<uint32_t>(offset), count) : 0;
 }
 
 // What follows from bytes, of which that at `last` is the last, not being there: a stream that
 // fills may have them later, one that is served whole has ended.
 Fetched C3gpInterface::Lacks(uint64_t last) {
-    if (!m_fFIO) {
+    if (!m_fArriving) {
         fail(m_uStatus, KST_FAILURE, at(kDriverSource),
              "%s: Stream does not deliver its byte at offset %" PRIu64, m_szMedium, last);
     }

@@ -271,7 +271,7 @@ void C3gpInterface::Reset() {
     m_uMediaSamples = m_uHintSamples = m_uHintChunks = 0;
     m_fHasSyncTable = false;
     m_Now = m_Scratch = {};
-    m_fEndOfFile = m_fPassOpen = m_fFIO = false;
+    m_fEndOfFile = m_fPassOpen = m_fArriving = false;
     m_fHintHeld = m_fFrameBegun = false;
     m_uAwaitedByte = 0;
     m_uFileSize = 0;

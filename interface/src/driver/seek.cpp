@@ -323,7 +323,7 @@ unsigned int C3gpInterface::GetSyncSample(unsigned int sample, unsigned int sync
 
 int C3gpInterface::GetMediaSample(unsigned int hintSample, unsigned int fileOffset,
                                   unsigned int size) {
-    m_fFIO = m_fHintHeld = false;
+    m_fArriving = m_fHintHeld = false;
     ReadBytes(m_HintSample, fileOffset, size);
     const unsigned int first = MediaSampleFinder(m_HintSample).Find();
     log_line(kDebug, at(kDriverSource),

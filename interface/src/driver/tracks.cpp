@@ -109,11 +109,11 @@ void C3gpInterface::AddHintTrack(Qvox3gp::TrakBox* trak) {
 }
 
 void C3gpInterface::ValidateTracks() {
-    constexpr size_t kMostTracks = 1;
+    constexpr size_t kMaxTracks = 1;
     const bool audio = m_uMedium == kAudio;
     const auto& tracks = audio ? m_AudioTracks : m_VideoTracks;
     const char* name = audio ? "audio" : "video";
-    if (tracks.size() > kMostTracks) {
+    if (tracks.size() > kMaxTracks) {
         fail(m_uStatus, KST_TOO_MANY_TRACKS, at(kDriverSource), "Too many %s tracks found", name);
     }
     if (tracks.empty()) {

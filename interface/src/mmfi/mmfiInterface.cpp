@@ -127,7 +127,7 @@ void open_for_mode(mm_Interface* record, const char* mode) {
     }
     require_track(record);
     record->track = choose_track(record);
-    isoFFrtpHinter(record->track, kMostPacketBytes);
+    isoFFrtpHinter(record->track, kMaxPacketBytes);
 }
 
 }  // namespace
@@ -177,22 +177,22 @@ void printInfo(const char* source, const unsigned char* data, int size) {
     }
 }
 
-int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
+int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving) {
     if (record == nullptr) {
         throw SimpleException(kMmfiSource, __LINE__, "ReadChunk(): NULL pointer error.");
     }
     record->status = KST_SUCCESS;
     switch (record->track == nullptr ? int32_t{ISO_CODEC_NONE} : record->track->codec) {
         case ISO_CODEC_SAMR:
-            return mmfi_Read_AMRNB(record, buffer, size, flag);
+            return mmfi_Read_AMRNB(record, buffer, size, arriving);
         case ISO_CODEC_SAWB:
-            return mmfi_Read_AMRWB(record, buffer, size, flag);
+            return mmfi_Read_AMRWB(record, buffer, size, arriving);
         case ISO_CODEC_MP4V:
-            return mmfi_Read_MPEG4(record, buffer, size, flag);
+            return mmfi_Read_MPEG4(record, buffer, size, arriving);
         case ISO_CODEC_S263:
-            return mmfi_Read_H263(record, buffer, size, flag);
+            return mmfi_Read_H263(record, buffer, size, arriving);
         case ISO_CODEC_AVC1:
-            return mmfi_Read_H264(record, buffer, size, flag);
+            return mmfi_Read_H264(record, buffer, size, arriving);
         default:
             *size = 0;
             return KST_FAILURE;
@@ -211,8 +211,8 @@ int32_t mmfi_seek(iso_track* track, uint32_t offset) {
     return KST_FAILURE;
 }
 
-void begin_read(mm_Interface* record, bool flag) {
-    record->file->indexed_read = flag ? 1 : 0;
+void begin_read(mm_Interface* record, bool arriving) {
+    record->file->indexed_read = arriving ? 1 : 0;
     record->read_calls++;
 }
 

@@ -11,7 +11,7 @@ namespace kestrel {
 inline constexpr const char* kMmfiSource = ".//interface/src/mmfiInterface";
 
 // The largest RTP packets that are taken from a hint track, in bytes.
-inline constexpr int kMostPacketBytes = 1400;
+inline constexpr int kMaxPacketBytes = 1400;
 
 // Prepares the record for reading the track that `mode` names; record->file is set already and may
 // be null. Returns a status.
@@ -29,20 +29,20 @@ int32_t mmfi_Close(mm_Interface* record);
 void printInfo(const char* source, const unsigned char* data, int size);
 
 // Hands the call to the reader of the track's codec. Throws SimpleException for a null record.
-int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
 
-int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
-int32_t mmfi_Read_AMRWB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
-int32_t mmfi_Read_H263(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
-int32_t mmfi_Read_MPEG4(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
-int32_t mmfi_Read_H264(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag);
+int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
+int32_t mmfi_Read_AMRWB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
+int32_t mmfi_Read_H263(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
+int32_t mmfi_Read_MPEG4(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
+int32_t mmfi_Read_H264(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
 
 // Tells the host where the track's next data lies: announces it or moves the stream there, as the
 // file record's flag says. 0, or 2 when the host fails.
 int32_t mmfi_seek(iso_track* track, uint32_t offset);
 
-// Stores the host's flag and counts the call: every reader begins so.
-void begin_read(mm_Interface* record, bool flag);
+// Stores whether the file is arriving, and counts the call: every reader begins so.
+void begin_read(mm_Interface* record, bool arriving);
 
 }  // namespace kestrel
 

@@ -82,7 +82,7 @@ int32_t put_file_info_record(mm_Interface* record, const Band& band, HostChunk c
     double duration = 0.0;
     isoFFtrackInfo(record->track, nullptr, nullptr, &duration, nullptr);
     const int written = tel_put_hdr_fileInfo(chunk.bytes(), duration);
-    tel_native_init(&record->native, band.amr.native_payload_type, kMostPacketBytes,
+    tel_native_init(&record->native, band.amr.native_payload_type, kMaxPacketBytes,
                     NATIVE_MODE_PLAIN, record->track, 0);
     return chunk.deliver(static_cast<uint32_t>(written));
 }
@@ -164,8 +164,8 @@ int32_t put_frame_bytes(mm_Interface* record, HostChunk chunk) {
     return chunk.deliver(record->auxiliary_count);
 }
 
-int32_t read_audio(mm_Interface* record, const Band& band, HostChunk chunk, bool flag) {
-    begin_read(record, flag);
+int32_t read_audio(mm_Interface* record, const Band& band, HostChunk chunk, bool arriving) {
+    begin_read(record, arriving);
     switch (record->reader_state) {
         case kPropertyRecord:
             return put_property_record(record, band, chunk);
@@ -186,12 +186,14 @@ int32_t read_audio(mm_Interface* record, const Band& band, HostChunk chunk, bool
 
 }  // namespace
 
-int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_audio(record, kNarrowBandStream, {buffer, size}, flag);
+int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size,
+                        bool arriving) {
+    return read_audio(record, kNarrowBandStream, {buffer, size}, arriving);
 }
 
-int32_t mmfi_Read_AMRWB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_audio(record, kWideBandStream, {buffer, size}, flag);
+int32_t mmfi_Read_AMRWB(mm_Interface* record, unsigned char* buffer, uint32_t* size,
+                        bool arriving) {
+    return read_audio(record, kWideBandStream, {buffer, size}, arriving);
 }
 
 }  // namespace kestrel

@@ -201,23 +201,24 @@ int32_t VideoReader::read() {
 }
 
 int32_t read_video(mm_Interface* record, const Codec& codec, unsigned char* buffer, uint32_t* size,
-                   bool flag) {
-    begin_read(record, flag);
+                   bool arriving) {
+    begin_read(record, arriving);
     return VideoReader(record, codec, {buffer, size}).read();
 }
 
 }  // namespace
 
-int32_t mmfi_Read_H263(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_video(record, kH263, buffer, size, flag);
+int32_t mmfi_Read_H263(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving) {
+    return read_video(record, kH263, buffer, size, arriving);
 }
 
-int32_t mmfi_Read_MPEG4(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_video(record, kMpeg4, buffer, size, flag);
+int32_t mmfi_Read_MPEG4(mm_Interface* record, unsigned char* buffer, uint32_t* size,
+                        bool arriving) {
+    return read_video(record, kMpeg4, buffer, size, arriving);
 }
 
-int32_t mmfi_Read_H264(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool flag) {
-    return read_video(record, kH264, buffer, size, flag);
+int32_t mmfi_Read_H264(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving) {
+    return read_video(record, kH264, buffer, size, arriving);
 }
 
 }  // namespace kestrel

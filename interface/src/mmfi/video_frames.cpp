@@ -130,7 +130,7 @@ bool attach_mpeg4_config(iso_track* track, Sample& sample) {
 // What the H.264 packetiser may write beyond the room it is given: four bytes for each fragment,
 // and a unit that is just longer than a packet makes two.
 uint32_t overrun(const iso_track* track, uint32_t capacity) {
-    return track->codec == ISO_CODEC_AVC1 ? 2 * 4 * (capacity / kMostPacketBytes + 1) : 0;
+    return track->codec == ISO_CODEC_AVC1 ? 2 * 4 * (capacity / kMaxPacketBytes + 1) : 0;
 }
 
 // Packetises the sample into the staging buffer, and where that is too small again into a larger
@@ -158,7 +158,7 @@ Gathered packetise(mm_Interface* record, const Sample& sample) {
 Gathered gather_sample(mm_Interface* record, const VideoPacketisation& how, bool first) {
     iso_track* track = record->track;
     if (first) {
-        tel_native_init(&record->native, how.payload_type, kMostPacketBytes, how.mode, track, 0);
+        tel_native_init(&record->native, how.payload_type, kMaxPacketBytes, how.mode, track, 0);
     }
     Sample sample{};
     const int32_t status = read_sample(record, sample);

@@ -245,9 +245,9 @@ int convertDCI_3gpp_to_ISO(const unsigned char* in, unsigned length, unsigned ch
                            int* out_length) try {
     const std::vector<uint8_t> record = make_avcc({in, length});
     if (record.empty()) return 0;
-    *out = static_cast<unsigned char*>(systemmalloc(kMostAvccBytes));
+    *out = static_cast<unsigned char*>(systemmalloc(kMaxAvccBytes));
     if (*out == nullptr) return 0;
-    std::memset(*out, 0, kMostAvccBytes);
+    std::memset(*out, 0, kMaxAvccBytes);
     std::copy(record.begin(), record.end(), *out);
     *out_length = static_cast<int>(record.size());
     return 1;

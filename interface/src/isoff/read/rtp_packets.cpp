@@ -183,7 +183,7 @@ inline void PacketReader::begin_packets(uint32_t packets) {
 // or there are no more. A run of empty ones that is longer than any hinter writes is taken for
 // damage, since a few bytes of tables can tell of billions.
 inline int PacketReader::open_sample() {
-    constexpr int kMostEmptySamples = 65536;
+    constexpr int kMaxEmptySamples = 65536;
     if (at_end()) [[unlikely]]
         return kAtEnd;
     if (hint_.packets_left != 0) return 0;
@@ -201,7 +201,7 @@ inline int PacketReader::open_sample() {
             return 0;
         }
         track_->own->hint_steps++;
-        if (++empty > kMostEmptySamples) return -1;
+        if (++empty > kMaxEmptySamples) return -1;
         next_sample();
     } while (!at_end());
     return kAtEnd;

@@ -344,9 +344,9 @@ double isoFFgetInterleave(iso_file* file) {
         rewind_cursor(cursor++);
     }
     // Tables whose samples lie on top of each other can tell of any number of turns.
-    constexpr int kMostVisits = 1 << 22;
+    constexpr int kMaxVisits = 1 << 22;
     double longest = 0.0;
-    for (int turns = kMostVisits / tracks; turns > 0; --turns) {
+    for (int turns = kMaxVisits / tracks; turns > 0; --turns) {
         LowestTwo lowest;
         for (int i = 0; i < tracks; ++i) {
             const bool done = cursors[i].cur_offset == kNoMoreSamples;

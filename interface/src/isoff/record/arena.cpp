@@ -99,8 +99,8 @@ void safefree(void* first_block) {
 }
 
 void remark(iso_file* file, const char* format, ...) {
-    if (file->own->remarks > kMostRemarks) return;
-    if (file->own->remarks++ == kMostRemarks) {
+    if (file->own->remarks > kMaxRemarks) return;
+    if (file->own->remarks++ == kMaxRemarks) {
         std::fputs("further remarks left out\n", stderr);
         return;
     }

@@ -12,9 +12,9 @@ namespace kestrel {
 // The source path that the reader's log lines carry.
 inline constexpr const char* kIsoffSource = "isoff";
 
-// Prints a short line about the file on the standard error stream. After kMostRemarks lines about
+// Prints a short line about the file on the standard error stream. After kMaxRemarks lines about
 // one file it prints that further ones are left out, and then nothing.
-inline constexpr uint32_t kMostRemarks = 100;
+inline constexpr uint32_t kMaxRemarks = 100;
 void remark(iso_file* file, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Frees every block of a chain of arena blocks.

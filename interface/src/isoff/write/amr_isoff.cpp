@@ -9,9 +9,9 @@ iso_track* amr_isoFFtrack(iso_file* file, int wide_band, unsigned mode_set,
                           unsigned frames_per_sample) {
     constexpr uint32_t kEntryBytes = 69;  // sample entry (36), damr (17), smhd (16)
     constexpr uint32_t kNarrowBandRate = 8000, kWideBandRate = 16000;  // Hz
-    constexpr unsigned kMostFrames = 15;
+    constexpr unsigned kMaxFrames = 15;
     constexpr int32_t kFullVolume = 0x0100;  // 8.8
-    if (mode_set > UINT16_MAX || frames_per_sample < 1 || frames_per_sample > kMostFrames) {
+    if (mode_set > UINT16_MAX || frames_per_sample < 1 || frames_per_sample > kMaxFrames) {
         return nullptr;
     }
     iso_track* track = wide_band

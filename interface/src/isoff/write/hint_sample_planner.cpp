@@ -53,7 +53,7 @@ void HintPackets::move_times(int32_t offset) {
 namespace {
 
 // A hint sample counts its packets in 16 bits; a sample that makes more is not laid out to its end.
-constexpr size_t kMostPackets = UINT16_MAX;
+constexpr size_t kMaxPackets = UINT16_MAX;
 
 // --- speech ---
 
@@ -71,7 +71,7 @@ bool find_frames(std::span<const uint8_t> sample, bool wide_band,
         const auto size =
             static_cast<size_t>(storage_frame_size(wide_band ? kWideBandBits[type] : bits[type]));
         if (size > sample.size() - at) return false;
-        if (frames.size() == kMostPackets) return false;
+        if (frames.size() == kMaxPackets) return false;
         frames.push_back({at, size - 1, sample[at]});
         at += size;
     }
@@ -129,20 +129,20 @@ class ByteWriter {
     std::vector<uint8_t>& bytes_;
 };
 
-constexpr size_t kMostImmediate = 14;  // bytes in an immediate constructor
+constexpr size_t kMaxImmediate = 14;  // bytes in an immediate constructor
 
 size_t constructors_of(const HintPacket& packet) {
-    return packet.ranges.size() + (packet.own.size() + kMostImmediate - 1) / kMostImmediate;
+    return packet.ranges.size() + (packet.own.size() + kMaxImmediate - 1) / kMaxImmediate;
 }
 
 void put_immediate(ByteWriter& out, std::span<const uint8_t> bytes) {
     constexpr uint8_t kImmediate = 1;
     while (!bytes.empty()) {
-        const auto piece = bytes.first(std::min(bytes.size(), kMostImmediate));
+        const auto piece = bytes.first(std::min(bytes.size(), kMaxImmediate));
         out.u8(kImmediate);
         out.u8(static_cast<uint32_t>(piece.size()));
         out.bytes(piece);
-        out.zeros(kMostImmediate - piece.size());
+        out.zeros(kMaxImmediate - piece.size());
         bytes = bytes.subspan(piece.size());
     }
 }
@@ -207,7 +207,7 @@ bool packets_of_picture(std::span<const uint8_t> sample, VideoPayload kind, size
     if (!plan.begin(source_format)) return false;
     while (!plan.at_end()) {
         VideoPacket next;
-        if (packets.size() == kMostPackets || !plan.next(next)) return false;
+        if (packets.size() == kMaxPackets || !plan.next(next)) return false;
         packets.begin_packet();
         if (next.fragment.is_last()) packets.set_marker();
         packets.add_own(std::span(next.header.bytes).first(next.header.size));
@@ -224,7 +224,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
     };
     NalUnits units(sample, length_size);
     for (NalUnit unit; units.next(unit);) {
-        if (packets.size() >= kMostPackets) return false;
+        if (packets.size() >= kMaxPackets) return false;
         if (unit.size() <= static_cast<size_t>(max_payload)) {
             packets.begin_packet();
             packets.add_range(offset_of(unit), unit.size());
@@ -233,7 +233,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
         FuFragments fragments(unit, max_payload);
         if (!fragments.has_room()) return false;
         for (FuFragment fragment{}; fragments.next(fragment);) {
-            if (packets.size() >= kMostPackets) return false;
+            if (packets.size() >= kMaxPackets) return false;
             packets.begin_packet();
             packets.add_own(fragment.headers);
             packets.add_range(offset_of(fragment.bytes), fragment.bytes.size());
@@ -246,7 +246,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
 bool make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts,
                       std::vector<uint8_t>& sample) {
     sample.clear();
-    if (packets.size() > kMostPackets) return false;
+    if (packets.size() > kMaxPackets) return false;
     ByteWriter out(sample);
     out.u16(static_cast<uint32_t>(packets.size()));
     out.u16(0);

@@ -42,7 +42,7 @@ namespace {
 
 constexpr uint32_t kVideoClock = 90000;
 constexpr int kLeastPacket = 64;
-constexpr int kMostPacket = 65535;
+constexpr int kMaxPacket = 65535;
 constexpr int kLastPayloadType = 127;
 constexpr int kNoMemory = -2;
 constexpr int kCannotBeCut = -3;
@@ -298,7 +298,7 @@ iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet, int 
                           iso_h263_payload h263_payload) try {
     constexpr uint32_t kEntryBytes = 84;  // rtp (24), tims (12), hmhd (28), tref (20)
     if (file == nullptr || media == nullptr || media->file != file || !can_be_hinted(media) ||
-        max_packet < kLeastPacket || max_packet > kMostPacket || payload_type < 0 ||
+        max_packet < kLeastPacket || max_packet > kMaxPacket || payload_type < 0 ||
         payload_type > kLastPayloadType) {
         return nullptr;
     }

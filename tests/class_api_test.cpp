@@ -58,10 +58,10 @@ Bytes load(const ClassFile& file) {
     return read_sample(std::string(file.file) + ".3gp");
 }
 
-// On the class road. `flag` unset: as the host is.
+// With the class API. `flag` unset: as the host is.
 Playing on_class(uint32_t request = KST_LARGEST_CHUNK, std::optional<bool> flag = {},
                  std::function<uint32_t()> steps = {}) {
-    return {Road::kClass, request, flag, std::move(steps)};
+    return {Api::kClass, request, flag, std::move(steps)};
 }
 
 Bytes whole_stream(const Bytes& file, const char* mode) {
@@ -70,9 +70,9 @@ Bytes whole_stream(const Bytes& file, const char* mode) {
     return played.stream;
 }
 
-class ClassRoad : public testing::TestWithParam<ClassFile> {};
+class ClassApi : public testing::TestWithParam<ClassFile> {};
 
-INSTANTIATE_TEST_SUITE_P(Files, ClassRoad, testing::ValuesIn(kFiles), name_of);
+INSTANTIATE_TEST_SUITE_P(Files, ClassApi, testing::ValuesIn(kFiles), name_of);
 
 // --- what comes out ---
 
@@ -136,7 +136,7 @@ std::vector<Packet> true_packets(const ClassFile& file, uint32_t sequence) {
     return packets;
 }
 
-TEST_P(ClassRoad, PacketsAreThoseOfTheHintTrack) {
+TEST_P(ClassApi, PacketsAreThoseOfTheHintTrack) {
     const ClassFile& about = GetParam();
     const Bytes stream = whole_stream(load(about), about.mode);
     PacketList list;
@@ -152,7 +152,7 @@ TEST_P(ClassRoad, PacketsAreThoseOfTheHintTrack) {
     EXPECT_EQ(list.speech, speech);
 }
 
-TEST_P(ClassRoad, AnyRequestGivesTheSameBytes) {
+TEST_P(ClassApi, AnyRequestGivesTheSameBytes) {
     const ClassFile& about = GetParam();
     const Bytes file = load(about);
     const Bytes whole = whole_stream(file, about.mode);
@@ -165,7 +165,7 @@ TEST_P(ClassRoad, AnyRequestGivesTheSameBytes) {
     }
 }
 
-TEST_P(ClassRoad, TheFlagMayChangeFromReadToRead) {
+TEST_P(ClassApi, TheFlagMayChangeFromReadToRead) {
     const ClassFile& about = GetParam();
     const Bytes file = load(about);
     FaultyHost host(file);
@@ -429,7 +429,7 @@ void Seeking::expect_landings_for(uint32_t ms, uint32_t& tried) {
     }
 }
 
-TEST_P(ClassRoad, SeeksLandWhereTheTablesSay) {
+TEST_P(ClassApi, SeeksLandWhereTheTablesSay) {
     const ClassFile& about = GetParam();
     uint32_t tried = 0;
     for (const Doctored how :
@@ -458,7 +458,7 @@ void forget_flag(Bytes& tail, const char* mode) {
     if (mode[0] == 'a' && tail.size() > kFlag) tail[kFlag] = 0;
 }
 
-TEST_P(ClassRoad, ReadingOnAfterASeekGivesTheRest) {
+TEST_P(ClassApi, ReadingOnAfterASeekGivesTheRest) {
     const ClassFile& about = GetParam();
     Seeking seeking(doctor(load(about), about.mode, Doctored::kNoSync), about.mode);
     const Listing& list = seeking.list();
@@ -505,7 +505,7 @@ TEST_P(ClassRoad, ReadingOnAfterASeekGivesTheRest) {
 }
 
 // Each host call of a seek in turn fails, is not yet or short; playing goes on where it was.
-TEST_P(ClassRoad, ASeekThatFailsLeavesPlayingWhereItWas) {
+TEST_P(ClassApi, ASeekThatFailsLeavesPlayingWhereItWas) {
     const ClassFile& about = GetParam();
     for (const Fault& fault : kFaults) {
         if (!fault.honest()) continue;
@@ -532,7 +532,7 @@ TEST_P(ClassRoad, ASeekThatFailsLeavesPlayingWhereItWas) {
     }
 }
 
-TEST(ClassRoadSeek, RefusesWhatItCannotDo) {
+TEST(ClassApiSeek, RefusesWhatItCannotDo) {
     Seeking seeking(read_sample("h263_hinted.3gp"), "vr");
     C3gpInterface& player = seeking.player();
     for (const uint32_t flags : {0u, 1u, 0x10000u, 0x20000u, 0x20003u, 0x20005u, 0x20006u, 0x20007u,

@@ -10,8 +10,8 @@ namespace {
 
 using namespace fuzz;
 
-constexpr size_t kMostOutput = 1 << 18;
-constexpr int kMostReads = 200;
+constexpr size_t kMaxOutput = 1 << 18;
+constexpr int kMaxReads = 200;
 
 bool open(C3gpInterface& player, Host& host, const char* mode, unsigned& status) {
     for (;;) {
@@ -25,10 +25,10 @@ bool open(C3gpInterface& player, Host& host, const char* mode, unsigned& status)
 }
 
 // Reads up to `size` bytes behind what is in `stream`.
-unsigned read(C3gpInterface& player, Host& host, unsigned size, bool fio, Bytes& stream) {
+unsigned read(C3gpInterface& player, Host& host, unsigned size, bool arriving, Bytes& stream) {
     Bytes buffer(size);
     unsigned got = size;
-    const unsigned status = player.ReadChunk(buffer.data(), &got, fio);
+    const unsigned status = player.ReadChunk(buffer.data(), &got, arriving);
     host.check_calls();
     check(got <= size);
     if (status == KST_SUCCESS) check(got == size);
@@ -48,12 +48,12 @@ unsigned without_flag(unsigned status) {
 }
 
 // From the beginning to the end.
-Played play(Host& host, const char* mode, unsigned size, bool fio) {
+Played play(Host& host, const char* mode, unsigned size, bool arriving) {
     Played played;
     C3gpInterface player;
     if (!open(player, host, mode, played.status)) return played;
-    for (int reads = 0; reads < kMostReads && played.stream.size() < kMostOutput;) {
-        played.status = read(player, host, size, fio, played.stream);
+    for (int reads = 0; reads < kMaxReads && played.stream.size() < kMaxOutput;) {
+        played.status = read(player, host, size, arriving, played.stream);
         if (played.status == KST_NOT_YET && !host.complete()) {
             host.wait();
             continue;
@@ -65,16 +65,16 @@ Played play(Host& host, const char* mode, unsigned size, bool fio) {
 }
 
 // Reads and seeks as the choices have it, and tells what each came to.
-Bytes wander(View file, Choices choices, const char* mode, bool fio) {
+Bytes wander(View file, Choices choices, const char* mode, bool arriving) {
     Host host(file);
     C3gpInterface player;
     Bytes told;
     unsigned status = KST_SUCCESS;
     if (!open(player, host, mode, status)) return {static_cast<uint8_t>(status)};
-    while (!choices.at_end() && told.size() < kMostOutput) {
+    while (!choices.at_end() && told.size() < kMaxOutput) {
         const uint8_t step = choices.u8();
         if (step & 1) {
-            status = read(player, host, 1 + step * 16u, fio, told);
+            status = read(player, host, 1 + step * 16u, arriving, told);
         } else {
             _TAG_KST_SEEK_PARAMS params{};
             const uint8_t time = choices.u8();

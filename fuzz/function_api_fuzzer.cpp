@@ -11,8 +11,8 @@ namespace {
 using namespace fuzz;
 
 // A few bytes can tell of any number of samples; so much of them is enough.
-constexpr size_t kMostOutput = 1 << 19;
-constexpr int kMostChunks = 300;
+constexpr size_t kMaxOutput = 1 << 19;
+constexpr int kMaxChunks = 300;
 
 struct Played {
     int32_t status = KST_SUCCESS;  // that ended it
@@ -63,7 +63,7 @@ Played play(Host& host, const char* mode, uint32_t room, bool flag) {
             host.wait();
             continue;
         }
-        played.cut = ++chunks >= kMostChunks || played.stream.size() >= kMostOutput;
+        played.cut = ++chunks >= kMaxChunks || played.stream.size() >= kMaxOutput;
         if (played.status != KST_SUCCESS || played.cut) break;
     }
     check(kst_Close(&handle) == KST_SUCCESS && handle == nullptr);

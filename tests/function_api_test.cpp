@@ -32,7 +32,7 @@ constexpr SpeechFile kSpeechFiles[] = {
     {"amrwb_dtx_hinted.3gp", "amrwb_dtx.amr", true},
 };
 
-TEST(FunctionRoad, SpeechComesOutAsItWentIn) {
+TEST(FunctionApi, SpeechComesOutAsItWentIn) {
     for (const SpeechFile& speech : kSpeechFiles) {
         SCOPED_TRACE(speech.file);
         const Played played = play(read_sample(speech.file), "ar");
@@ -42,12 +42,12 @@ TEST(FunctionRoad, SpeechComesOutAsItWentIn) {
     }
 }
 
-TEST(FunctionRoad, OfSeveralTracksTheLastIsPlayed) {
+TEST(FunctionApi, OfSeveralTracksTheLastIsPlayed) {
     const Played played = play(read_sample("two_amrnb_hinted.3gp"), "ar");
     EXPECT_EQ(unpack_speech(played.stream, false), read_sample("truth/amrnb_dtx.amr"));
 }
 
-TEST(FunctionRoad, HeaderRecordsThenFramesInTwoCalls) {
+TEST(FunctionApi, HeaderRecordsThenFramesInTwoCalls) {
     const Bytes file = read_sample("amrnb_dtx_hinted.3gp");
     kst_host* host = kst_host_from_memory(file.data(), file.size());
     mm_Interface* handle = nullptr;
@@ -87,7 +87,7 @@ TEST(FunctionRoad, HeaderRecordsThenFramesInTwoCalls) {
 }
 
 // A host that gives every call less room than the chunk needs is told the need, and misses nothing.
-TEST(FunctionRoad, ChunkWithoutRoomStays) {
+TEST(FunctionApi, ChunkWithoutRoomStays) {
     const Bytes file = read_sample("amrwb_dtx_hinted.3gp");
     const Bytes whole = play(file, "ar").stream;
     kst_host* host = kst_host_from_memory(file.data(), file.size());
@@ -120,7 +120,7 @@ TEST(FunctionRoad, ChunkWithoutRoomStays) {
 
 // --- hosts that fail ---
 
-TEST(FunctionRoad, RepositioningFollowsTheFlag) {
+TEST(FunctionApi, RepositioningFollowsTheFlag) {
     const Bytes file = read_sample("amrnb_plain.3gp");
     for (const bool flag : {false, true}) {
         FaultyHost host(file);
@@ -152,7 +152,7 @@ TEST(FunctionRoad, RepositioningFollowsTheFlag) {
 
 // The first call delivers the property record, the second all other records and the first frame's,
 // the third that frame's packets, and so on; each frame's total is that of its two calls.
-TEST(FunctionRoad, VideoCallsAlternateBetweenRecordAndPackets) {
+TEST(FunctionApi, VideoCallsAlternateBetweenRecordAndPackets) {
     for (const auto& [name, headers] : {std::pair{"h263_hinted.3gp", 92u},
                                         {"h263_plain.3gp", 92u},
                                         {"mpeg4_hinted.3gp", 440u},
@@ -210,7 +210,7 @@ Bytes video_file(const Bytes& entry, const std::vector<uint32_t>& sizes, const B
 
 // NAL units one byte longer than a packet make two fragments each, and each fragment takes four
 // bytes more than it is charged.
-TEST(FunctionRoad, ManyUnitsJustLongerThanAPacketStayInTheBuffer) {
+TEST(FunctionApi, ManyUnitsJustLongerThanAPacketStayInTheBuffer) {
     const Bytes avcc = box("avcC", {{1, 66, 0, 30, 0xFD, 0xE1}, be16(4), {0x67, 66, 0, 30}, {0}});
     for (const uint32_t last : {1u, 300u, 500u, 612u, 700u, 900u}) {
         Bytes sample;
@@ -229,7 +229,7 @@ TEST(FunctionRoad, ManyUnitsJustLongerThanAPacketStayInTheBuffer) {
 
 // A damaged second configuration must not leave half of the first: its sets would be walked with
 // lengths of another width.
-TEST(FunctionRoad, DamagedSecondConfigurationLeavesNoParameterSets) {
+TEST(FunctionApi, DamagedSecondConfigurationLeavesNoParameterSets) {
     Bytes set(200, 1);
     set[0] = 0x67;
     const Bytes good = box("avcC", {{1, 66, 0, 30, 0xFF, 0xE1}, be16(200), set, {0}});
@@ -247,7 +247,7 @@ TEST(FunctionRoad, DamagedSecondConfigurationLeavesNoParameterSets) {
 }
 
 // Configurations that grow from sample to sample take memory for the largest of them only.
-TEST(FunctionRoad, GrowingConfigurationsTakeLittleMemory) {
+TEST(FunctionApi, GrowingConfigurationsTakeLittleMemory) {
     std::vector<uint32_t> sizes;
     Bytes media;
     for (uint32_t length = 20; length < 2000; length += 5) {
@@ -299,7 +299,7 @@ std::vector<Bytes> pictures_of(const Bytes& stream, size_t headers, size_t skipp
 // A frame that outgrows the handle's buffers is staged in one of its own, up to 16 MiB with the
 // headers of its packets. A host with too little room is asked for more. A longer frame is a
 // failure, again and again.
-TEST(FunctionRoad, LargeFrames) {
+TEST(FunctionApi, LargeFrames) {
     constexpr uint32_t kLimit = 16 << 20;
     struct Format {
         const char* type;
@@ -346,7 +346,7 @@ TEST(FunctionRoad, LargeFrames) {
     }
 }
 
-TEST(FunctionRoad, RefusedRepositioningIsStatus2AndADebugLine) {
+TEST(FunctionApi, RefusedRepositioningIsStatus2AndADebugLine) {
     const Bytes file = read_sample("amrnb_plain.3gp");
     for (const int32_t level : {3, 4}) {
         FaultyHost host(file);
@@ -380,7 +380,7 @@ struct OpenCase {
     const char* message;  // logged; null for none
 };
 
-TEST(FunctionRoad, OpenAnswersTheDocumentedStatusAndLine) {
+TEST(FunctionApi, OpenAnswersTheDocumentedStatusAndLine) {
     const OpenCase cases[] = {
         {"amrnb_plain.3gp", "", 7, "ERR: Mode not specified"},
         {"amrnb_plain.3gp", "r", 7, "ERR: Mode not specified"},
@@ -415,7 +415,7 @@ TEST(FunctionRoad, OpenAnswersTheDocumentedStatusAndLine) {
     }
 }
 
-TEST(FunctionRoad, OpenChecksItsArgumentsAfterReading) {
+TEST(FunctionApi, OpenChecksItsArgumentsAfterReading) {
     const Bytes file = read_sample("amrnb_plain.3gp");
     FaultyHost host(file);
     mm_Interface* handle = nullptr;
@@ -437,7 +437,7 @@ TEST(FunctionRoad, OpenChecksItsArgumentsAfterReading) {
     EXPECT_EQ(kst_Close(&handle), 0);
 }
 
-TEST(FunctionRoad, OpenLeavesTheStreamAtItsBeginning) {
+TEST(FunctionApi, OpenLeavesTheStreamAtItsBeginning) {
     const Bytes file = read_sample("amrnb_plain.3gp");
     FaultyHost host(file);
     mm_Interface* handle = nullptr;
@@ -463,7 +463,7 @@ TEST(FunctionRoad, OpenLeavesTheStreamAtItsBeginning) {
     kst_Close(&handle);
 }
 
-TEST(FunctionRoad, StatusTexts) {
+TEST(FunctionApi, StatusTexts) {
     EXPECT_STREQ(kst_StatusString(0), "Success");
     EXPECT_STREQ(kst_StatusString(13), "Invalid or NULL argument supplied");
     EXPECT_STREQ(kst_StatusString(16),
@@ -476,7 +476,7 @@ TEST(FunctionRoad, StatusTexts) {
 
 // --- damaged files ---
 
-TEST(FunctionRoad, CutFilesKeepWhatIsThere) {
+TEST(FunctionApi, CutFilesKeepWhatIsThere) {
     for (const char* name : {"amrnb_plain.3gp", "amrnb_plain_mdat_first.3gp", "amrwb_hinted.3gp"}) {
         const Bytes file = read_sample(name);
         const Bytes whole = play(file, "ar").stream;
@@ -495,7 +495,7 @@ TEST(FunctionRoad, CutFilesKeepWhatIsThere) {
 }
 
 // Every byte of the movie box in turn is set to values that hurt; nothing may crash or hang.
-TEST(FunctionRoad, SpoiltMovieBoxesDoNoHarm) {
+TEST(FunctionApi, SpoiltMovieBoxesDoNoHarm) {
     for (const char* name : {"amrnb_plain.3gp", "two_amrnb_hinted.3gp"}) {
         Bytes file = read_sample(name);
         for (size_t at = 0; at < 2600 && at < file.size(); ++at) {
@@ -511,7 +511,7 @@ TEST(FunctionRoad, SpoiltMovieBoxesDoNoHarm) {
 }
 
 // A frame cut at the end of its sample is filled up, so that the stream keeps its form.
-TEST(FunctionRoad, FramesOfASampleAndACutOne) {
+TEST(FunctionApi, FramesOfASampleAndACutOne) {
     Bytes frame(32, 0x55);
     frame[0] = 0x3C;
     const Bytes cut = {0x3C, 1, 2, 3};
@@ -533,7 +533,7 @@ TEST(FunctionRoad, FramesOfASampleAndACutOne) {
     EXPECT_EQ(played.stream[20], 12);
 }
 
-TEST(FunctionRoad, DumpShowsTenBytesALine) {
+TEST(FunctionApi, DumpShowsTenBytesALine) {
     uint8_t data[40];
     for (size_t i = 0; i < sizeof data; ++i)
         data[i] = static_cast<uint8_t>(i);

@@ -24,7 +24,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-const Playing kOnClass{.road = Road::kClass, .steps = {}};
+const Playing kOnClass{.api = Api::kClass, .steps = {}};
 
 // --- frames of made hint samples ---
 
@@ -616,7 +616,7 @@ bool is_made_by(const char* format, const char* text) {
     return *text == '\0';
 }
 
-// Lines of the road at verbose level: prefix, and format of the text. The bare lines of the hint
+// Lines of the API at verbose level: prefix, and format of the text. The bare lines of the hint
 // sample's trace have neither prefix nor place nor a newline of their own.
 struct Line {
     const char* prefix;
@@ -851,7 +851,7 @@ Bytes even_file() {
     return with_word(file, "stsz", 1, 4, size);  // one size for all three
 }
 
-std::set<Parts> lines_of_class_road(int32_t level) {
+std::set<Parts> lines_of_class_api(int32_t level) {
     const SyslogCapture log(level);
     for (const char* name : {"amrnb_hinted_1450.3gp", "amrnb_hinted_multi.3gp"})
         drive(read_sample(name), "ar");
@@ -890,7 +890,7 @@ class Environment {
 };
 
 TEST(ClassLog, EveryLineIsWrittenAtItsLevel) {
-    std::set<Parts> lines = lines_of_class_road(5);
+    std::set<Parts> lines = lines_of_class_api(5);
     lines.insert({"", "", "Kestrel: Set log level to DEBUG"});  // another test's
     lines.insert({"", "", "Kestrel: Set log level to DEBUG_VERBOSE"});
     std::set<const Line*> seen;
@@ -930,7 +930,7 @@ TEST(ClassLog, LevelsDecideWhatIsWritten) {
         for (const auto& [prefix, least] : from) {
             if (level >= least) expected.insert(prefix);
         }
-        EXPECT_EQ(kinds(lines_of_class_road(level)), expected) << level;
+        EXPECT_EQ(kinds(lines_of_class_api(level)), expected) << level;
     }
 }
 
@@ -1005,7 +1005,7 @@ TEST(ClassLog, TheEnvironmentSetsTheLevelAtOpening) {
     }
 }
 
-// The function road writes little: what failed, and traces of the files it reads.
+// The function API writes little: what failed, and traces of the files it reads.
 TEST(FunctionLog, EveryLineIsWrittenAtItsLevel) {
     const Bytes file = read_sample("amrnb_hinted.3gp");
     for (int32_t level = 0; level <= 5; ++level) {
