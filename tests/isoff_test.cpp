@@ -665,11 +665,18 @@ TEST(Samples, CursorsStandAtTheEndAfterTheLastSample) {
     iso_track* track = opened.track();
     uint8_t buffer[4];
     for (const double wanted : {160, 160, 80}) {
-        const iso_track before = *track;
+        const auto cursors = [&] {
+            return std::tie(track->cur_sample, track->cur_offset, track->cur_chunk,
+                            track->stts_index, track->stts_in_entry, track->ctts_index,
+                            track->ctts_in_entry, track->dsi_sent, track->flags);
+        };
+        const std::tuple<int32_t, uint32_t, int32_t, int32_t, int32_t, int32_t, int32_t, uint32_t,
+                         uint32_t>
+            before = cursors();
         double duration = 0.0;
         EXPECT_EQ(isoFFframeInfo(track, &duration, nullptr), 0);
         EXPECT_EQ(duration, wanted / 8000);
-        EXPECT_EQ(std::memcmp(&before, track, sizeof before), 0);
+        EXPECT_EQ(cursors(), before);
         ASSERT_EQ(isoFFread(track, buffer, sizeof buffer, nullptr, nullptr), 1);
     }
     EXPECT_EQ(track->cur_sample, 3);

@@ -44,12 +44,12 @@ struct Digests {
     Digest function, classes, seeks;
 };
 
-void add_seek(Digest& digest, C3gpInterface& player, int32_t time, uint32_t flags) {
+void add_seek(Digest& digest, C3gpInterface& player, uint32_t time, uint32_t flags) {
     _TAG_KST_SEEK_PARAMS seek{};
     seek.nTime = time;
     seek.fFlags = flags;
     digest.add(player.SeekTo(&seek));
-    digest.add(static_cast<uint32_t>(seek.nTime));
+    digest.add(seek.nTime);
     digest.add(seek.uFrameNum);
     digest.add(seek.uFileOffset);
     Bytes frame(KST_LARGEST_CHUNK);
@@ -63,7 +63,7 @@ void add_seeks(Digest& digest, const Bytes& file, const char* mode) {
     kst_host* host = kst_host_from_memory(file.data(), file.size());
     C3gpInterface player;
     digest.add(player.Open(kst_host_callbacks(host), mode));
-    for (const int32_t time : {0, 20, 33, 41, 100, 334, 501, 1001, 2002, 5000, 14280}) {
+    for (const uint32_t time : {0u, 20u, 33u, 41u, 100u, 334u, 501u, 1001u, 2002u, 5000u, 14280u}) {
         for (const uint32_t sync :
              {KST_SEEK_NEXT_SYNC, KST_SEEK_PREVIOUS_SYNC, KST_SEEK_NEAREST_SYNC}) {
             add_seek(digest, player, time, KST_SEEK_ABSOLUTE | sync);
@@ -171,7 +171,7 @@ Bytes make_clip(const Codec& codec, const Clock& clock, int samples) {
     EXPECT_EQ(isoFFclose(file), 0);
     size_t size = 0;
     const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host, &size));
-    const Bytes clip(bytes, bytes + size);
+    Bytes clip(bytes, bytes + size);
     kst_host_close(host);
     return clip;
 }

@@ -4,7 +4,8 @@
 // iso_track records; samples and RTP packets are then read from a track. The records are plain and
 // may be looked at; only the functions below change them. Functions of this header return counts,
 // 0, or a negative code, and never throw. What cannot be said in a code goes to standard error as
-// a short line. A file record and its tracks belong to one caller at a time.
+// short lines, at most 100 about one file. A file record and its tracks belong to one caller at a
+// time.
 //
 // Times are seconds in double precision: a value in track units divided by the track's timescale,
 // or 0.0 where that timescale is 0. All file offsets and sizes are in bytes.
@@ -287,7 +288,8 @@ extern "C" {
 // 'w' (write). Returns the record, to be given back with isoFFclose; or null, with -1 (bad mode) or
 // -2 (no memory) stored through `error`, which may be null. The header is read at once. A file
 // whose boxes end early or are damaged still yields a record, with the tracks found until there; so
-// does a null or incomplete stream table, with none. The stream is left where the walk stopped.
+// does a null or incomplete stream table, with none. A track that cannot be read is skipped, and
+// counted in iso_file_details::lost_tracks. The stream is left where the walk stopped.
 KESTREL_API iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* mode,
                                 int* error);
 
@@ -401,7 +403,7 @@ KESTREL_API double isoFFgetInterleave(iso_file* file);
 KESTREL_API iso_track* isoFFrtpHinter(iso_track* media, int max_packet);
 
 // The same track, with its packet cursor left where it is; a hint sample that was not finished is
-// begun again.
+// begun again, at its own time.
 KESTREL_API iso_track* isoFFfindHintTrack(iso_track* media, int max_packet);
 
 // Writes the next RTP packet (RFC 3550 header of 12 bytes, then the payload) into `buffer`, which
