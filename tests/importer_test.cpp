@@ -117,6 +117,7 @@ std::string describe(const Bytes& file, const Movie& movie) {
             for (const std::uint32_t id : reference.track_ids)
                 text << ' ' << id;
         }
+        text << " kind " << md5(track.media_header);
         for (const Edit& edit : track.edits)
             text << " edit " << edit.duration << ' ' << edit.media_time << ' ' << edit.rate;
         for (const Description& entry : track.descriptions)
@@ -143,6 +144,7 @@ std::string describe(const std::vector<ClipTrack>& clip) {
                 "11534336 "
                 "9437184 order 2 3 256";
         if (track.handler == "text") text << " refers cdsc 1 7";
+        text << " kind " << md5(track.kind_header);
         if (track.handler == "soun") {
             text << " edit 250 -1 65536 edit " << duration * 1000 / track.timescale << " 0 65536";
         }
@@ -267,6 +269,21 @@ MovieForms forms_of(std::initializer_list<std::pair<Dimension, int>> choices) {
     for (const auto& [dimension, choice] : choices)
         forms.choices[dimension] = choice;
     return forms;
+}
+
+// Without an index and a declared duration, a file that ends with a fragment is complete.
+TEST(Importer, MissesTheRestOfAFragment) {
+    const Bytes file = renamed(make_movie(forms_of({{kFragments, 1}})).file, "mehd", "free");
+    size_t end = before_fragments(file).size();
+    for (size_t length = end; length <= file.size(); ++length) {
+        const Bytes cut(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(length));
+        const bool whole = length == end;
+        EXPECT_EQ(import_bytes(cut).result.ok, whole) << length;
+        if (whole && length < file.size()) {  // on to the end of the next moof and mdat
+            for (int i = 0; i < 2; ++i)
+                end += size_t{file[end + 2]} << 8 | file[end + 3];
+        }
+    }
 }
 
 TEST(Importer, SaysWhatIsWrong) {
@@ -412,6 +429,30 @@ TEST(Importer, MissesFragments) {
 }
 
 // --- Sound of QuickTime whose tables count units
+
+TEST(Importer, RewritesEntriesOfQuickTime) {
+    const Bytes head = join({zeros(6), be16(1), zeros(8), be16(2), be16(16), zeros(4)});
+    const Bytes rate = words({8000u << 16});
+    const Bytes damr = words({0, 0x0081FF00});
+    const Bytes h263 = visual_entry("h263", {});
+    const struct {
+        const char* handler;
+        Bytes entry, expected;
+    } kCases[] = {
+        {"soun",
+         box("samr", {head, rate, box("wave", {box("frma", {text("samr")}), box("samr", {damr})})}),
+         box("samr", {head, rate, box("damr", {damr})})},
+        {"vide", h263,
+         box("s263", {Bytes(h263.begin() + 8, h263.end()), box("d263", {zeros(5), {10, 0}})})},
+    };
+    for (const auto& [handler, entry, expected] : kCases) {
+        const TrackSpec about{
+            .handler = handler, .entry = entry, .tables = one_chunk_tables({1}, 1, 8)};
+        const Imported imported = import_bytes(movie({track(about)}));
+        ASSERT_TRUE(imported.result.ok) << imported.result.error;
+        EXPECT_EQ(imported.movie.tracks[0].descriptions[0].box, expected);
+    }
+}
 
 // Two chunks of 1,500 and of 1,000 units.
 TEST(Importer, JoinsUnitsOfSound) {

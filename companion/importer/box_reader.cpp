@@ -82,4 +82,27 @@ bool BoxReader::next(Box& box) {
     return true;
 }
 
+Bytes whole_box(Source& source, const Box& box) {
+    const std::uint64_t body = box.end - box.body;
+    Bytes bytes(static_cast<std::size_t>(body + BoxReader::kHeader));
+    if (!source.copy(box.body, bytes.data() + BoxReader::kHeader, body)) return {};
+    put(bytes, 0, static_cast<std::uint32_t>(bytes.size()));
+    put(bytes, 4, box.type);
+    return bytes;
+}
+
+void put(Bytes& bytes, std::size_t at, std::uint32_t value) {
+    for (std::size_t i = 0; i < 4; ++i)
+        bytes[at + i] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
+}
+
+void append(Bytes& to, const Bytes& more) {
+    to.insert(to.end(), more.begin(), more.end());
+}
+
+void append(Bytes& to, std::uint64_t value, unsigned count) {
+    while (count-- > 0)
+        to.push_back(static_cast<std::uint8_t>(value >> (8 * count)));
+}
+
 }  // namespace kestrel::importer

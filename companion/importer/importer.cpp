@@ -1,7 +1,6 @@
 // The file's own boxes, and import_movie().
 #include <algorithm>
 #include <exception>
-#include <iterator>
 #include <utility>
 
 #include "companion/importer/parts.h"
@@ -16,6 +15,8 @@ struct FileBoxes {
     std::optional<Box> movie;
     std::vector<Box> fragments;
     std::vector<Box> indexes;  // sidx
+    bool has_fragments = false;
+    std::string cut;  // why boxes end before the file does, or in one that is cut
 };
 
 bool same_bytes(Source& source, const Box& one, const Box& other) {
@@ -55,6 +56,7 @@ bool keep_box(Import& import, const Box& box, FileBoxes& boxes) {
             return keep_movie(import, box, boxes);
         case fourcc("moof"):
             boxes.fragments.push_back(box);
+            boxes.has_fragments = true;
             return true;
         case fourcc("sidx"):
             boxes.indexes.push_back(box);
@@ -69,51 +71,41 @@ std::string cut_text(const Import& import, const Box& box) {
            " of its " + std::to_string(box.size()) + " bytes are there";
 }
 
-// Fewer bytes than a header at the end of a file: some writers fill it with zeros.
-bool is_filling(Source& source, std::uint64_t offset) {
+// Whether what is left of the file is a size of 0, which ends a list of boxes in QuickTime, and
+// zeros. The first bytes of a size can be zeros as well.
+bool is_terminator(Source& source, std::uint64_t offset) {
     BoxReader rest(source, offset, source.size());
-    bool zeros = true;
+    bool zeros = rest.u32() == 0;
     while (rest.left() > 0 && !rest.failed())
         zeros &= rest.u8() == 0;
-    return zeros;
-}
-
-// No more boxes are found, though the file goes on. The sample tables of a movie box name all of
-// its samples; of fragments nobody else knows.
-bool end_early(Import& import, const FileBoxes& boxes, const std::string& what) {
-    if (!boxes.movie) return import.fail(what + ", and the file has no movie box (moov) before it");
-    return boxes.fragments.empty() || import.lacks(what);
+    return zeros && !rest.failed();
 }
 
 enum class Walk { kGoOn, kAtEnd, kFailed };
 
-Walk end_walk(bool good) {
-    return good ? Walk::kAtEnd : Walk::kFailed;
+Walk end_at(FileBoxes& boxes, const std::string& what) {
+    boxes.cut = what;
+    return Walk::kAtEnd;
 }
 
 // There is no header at the offset.
-Walk end_of_boxes(Import& import, const FileBoxes& boxes, const BoxReader& file,
-                  std::uint64_t offset) {
+Walk end_of_boxes(Import& import, FileBoxes& boxes, const BoxReader& file, std::uint64_t offset) {
     const std::string place = "offset " + std::to_string(offset);
-    if (file.failed()) return end_walk(end_early(import, boxes, "there is no box at " + place));
-    if (is_filling(import.source, offset)) return Walk::kAtEnd;
-    return end_walk(end_early(import, boxes, "the box at " + place + " is cut"));
+    if (file.failed()) return end_at(boxes, "there is no box at " + place);
+    if (offset == import.source.size() || is_terminator(import.source, offset)) return Walk::kAtEnd;
+    return end_at(boxes, "the box at " + place + " is cut");
 }
 
-// Boxes at the beginning of a segment, of which fragments follow.
-constexpr std::uint32_t kSegmentBoxes[] = {
-    fourcc("moof"), fourcc("styp"), fourcc("sidx"), fourcc("ssix"), fourcc("emsg"), fourcc("prft"),
-};
-
-// Of other boxes than these, the samples in them tell whether something is lost.
-Walk end_in_box(Import& import, const FileBoxes& boxes, const Box& box) {
+// Of a cut mdat, the samples tell whether something is lost; after mfra there are no fragments.
+Walk end_in_box(Import& import, FileBoxes& boxes, const Box& box) {
     const std::string cut = cut_text(import, box);
-    if (box.type == fourcc("moov")) return end_walk(import.fail(cut));
-    const auto* end = std::end(kSegmentBoxes);
-    if (std::find(std::begin(kSegmentBoxes), end, box.type) != end) {
-        return end_walk(import.lacks(cut));
+    if (box.type == fourcc("moov")) {
+        import.fail(cut);
+        return Walk::kFailed;
     }
-    return end_walk(boxes.movie || end_early(import, boxes, cut));
+    boxes.has_fragments |= box.type == fourcc("moof");
+    const bool complete = box.type == fourcc("mdat") || box.type == fourcc("mfra");
+    return complete && boxes.movie ? Walk::kAtEnd : end_at(boxes, cut);
 }
 
 Walk read_file_box(Import& import, BoxReader& file, FileBoxes& boxes) {
@@ -131,7 +123,9 @@ bool find_file_boxes(Import& import, FileBoxes& boxes) {
     Walk walk = Walk::kGoOn;
     while (walk == Walk::kGoOn)
         walk = read_file_box(import, file, boxes);
-    return walk == Walk::kAtEnd && (boxes.movie || import.fail("the file has no movie box (moov)"));
+    if (walk == Walk::kFailed || boxes.movie) return walk == Walk::kAtEnd;
+    const std::string missing = "the file has no movie box (moov)";
+    return import.fail(boxes.cut.empty() ? missing : boxes.cut + ", and " + missing + " before it");
 }
 
 bool is_without_samples(const Movie& movie) {
@@ -139,17 +133,22 @@ bool is_without_samples(const Movie& movie) {
                        [](const Track& track) { return track.samples.empty(); });
 }
 
+// The sample tables of a movie box name all of its samples; of fragments nobody else knows.
+bool check_end(Import& import, const FileBoxes& boxes) {
+    const bool fragments = boxes.has_fragments || import.announces_fragments;
+    if (fragments && !boxes.cut.empty() && !import.lacks(boxes.cut)) return false;
+    return !import.announces_fragments || !is_without_samples(import.movie) ||
+           import.lacks("the file has no fragments, though its movie box announces them (mvex)");
+}
+
 bool read_file(Import& import) {
     FileBoxes boxes;
     if (!import.source.open()) return import.fail("");
     if (!find_file_boxes(import, boxes)) return false;
-    import.movie.forms.fragments = !boxes.fragments.empty();
+    import.movie.forms.fragments = boxes.has_fragments;
     if (boxes.brands && !read_brands(import, *boxes.brands)) return false;
-    if (!read_movie_box(import, *boxes.movie) || !read_fragments(import, boxes.fragments)) {
-        return false;
-    }
-    if (is_without_samples(import.movie) && import.announces_fragments &&
-        !import.lacks("the file has no fragments, though its movie box announces them (mvex)")) {
+    if (!read_movie_box(import, *boxes.movie) || !read_fragments(import, boxes.fragments) ||
+        !check_end(import, boxes)) {
         return false;
     }
     for (const Box& index : boxes.indexes) {

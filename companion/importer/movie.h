@@ -35,9 +35,12 @@ struct Sample {
 static_assert(sizeof(Sample) == 24);
 inline constexpr std::uint32_t kDescriptionBits = 0x7FFF'FFFF;
 
-// A sample entry (ISO/IEC 14496-12, 8.5.2), whole, with its header. A QuickTime sound description
-// of version 1 or 2 is rewritten as an AudioSampleEntry where its codec has one there (`mp4a`,
-// `samr`, `sawb`, `sawp`), with the boxes that QuickTime keeps in `wave`; all others are verbatim.
+// Boxes are kept whole with a header of 8 bytes, whatever it is in the file.
+
+// A sample entry (ISO/IEC 14496-12, 8.5.2). An entry of QuickTime is
+// rewritten where ISO files have one for its codec: a sound description of version 1 or 2 or with a
+// `wave` as an AudioSampleEntry (`mp4a`, `samr`, `sawb`, `sawp`), `h263` as `s263`. All others are
+// verbatim.
 struct Description {
     std::uint32_t type = 0;
     std::vector<std::uint8_t> box;
@@ -56,7 +59,7 @@ struct Reference {
     std::vector<std::uint32_t> track_ids;
 };
 
-// A sample grouping of the sample tables (8.9), verbatim: the boxes `sgpd` (empty where there is
+// A sample grouping of the sample tables (8.9), as the boxes `sgpd` (empty where there is
 // none) and `sbgp` (empty where all samples are of the default group). Groups of fragments are not
 // kept.
 struct Group {
@@ -92,9 +95,8 @@ struct Track {
     std::uint32_t width = 0, height = 0;  // from tkhd, 16.16
     std::uint16_t layer = 0, alternate_group = 0, volume = 0;
     bool encrypted = false;  // a sample entry is a protected one (`encv`, `enca`...) or has a sinf
-    std::vector<std::uint8_t>
-        media_header;  // the box vmhd, smhd, hmhd, nmhd, sthd or gmhd, verbatim
-    std::vector<Description> descriptions;  // no two of one codec and configuration
+    std::vector<std::uint8_t> media_header;  // the box vmhd, smhd, hmhd, nmhd, sthd or gmhd
+    std::vector<Description> descriptions;   // no two of one codec and configuration
     std::vector<Edit> edits;
     std::vector<Reference> references;
     std::vector<Group> groups;
@@ -113,7 +115,7 @@ struct Movie {
     std::uint32_t timescale = 0;                             // units a second, never 0
     std::uint64_t duration = 0;                              // movie timescale
     std::uint64_t creation_time = 0, modification_time = 0;  // seconds since 1904-01-01
-    std::vector<std::uint8_t> object_descriptor;             // the box iods, verbatim, or empty
+    std::vector<std::uint8_t> object_descriptor;             // the box iods, or empty
     std::vector<Track> tracks;
     bool fragmented = false;  // same as forms.fragments
     Forms forms;              // those of the tracks included

@@ -44,9 +44,8 @@ bool keep_extension(Import&, const Box& box, MovieBoxes& boxes) {
 }
 
 bool keep_object_descriptor(Import& import, const Box& box, MovieBoxes&) {
-    BoxReader reader(import.source, box.offset, box.end);
-    import.movie.object_descriptor = reader.bytes(box.size());
-    return import.whole(reader, box);
+    import.movie.object_descriptor = whole_box(import.source, box);
+    return import.source.error().empty() || import.fail({});
 }
 
 bool note_compressed(Import&, const Box&, MovieBoxes& boxes) {

@@ -170,10 +170,9 @@ bool keep_group(Import& import, const Box& box, Track& track,
     if (!import.whole(reader, box)) return false;
     const auto [at, is_new] = known.try_emplace({type, parameter}, track.groups.size());
     if (is_new) track.groups.push_back({type, parameter, {}, {}});
-    BoxReader all(import.source, box.offset, box.end);
     Group& group = track.groups[at->second];
-    (assigns ? group.samples : group.descriptions) = all.bytes(box.size());
-    return import.whole(all, box);
+    (assigns ? group.samples : group.descriptions) = whole_box(import.source, box);
+    return import.source.error().empty() || import.fail({});
 }
 
 bool keep_groups(Import& import, const std::vector<Box>& boxes, Track& track) {

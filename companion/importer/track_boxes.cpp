@@ -223,9 +223,8 @@ bool read_data_references(Import& import, const Box& box, TrackParts& parts) {
 
 bool keep_kind_header(Import& import, const Box& box, TrackParts& parts) {
     Track& track = parts.track;
-    BoxReader reader(import.source, box.offset, box.end);
-    track.media_header = reader.bytes(box.size());
-    return import.whole(reader, box);
+    track.media_header = whole_box(import.source, box);
+    return import.source.error().empty() || import.fail({});
 }
 
 bool read_entries(Import& import, const Box& box, TrackParts& parts) {

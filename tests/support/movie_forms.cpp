@@ -72,6 +72,7 @@ class MovieMaker {
     Bytes edits(const ClipTrack& track) const;
     Bytes handler(const std::string& type, const std::string& kind, const std::string& name) const;
     Bytes kind_header(const ClipTrack& track) const;
+    Bytes in_form(const Bytes& plain) const;
     Bytes sample_tables(const ClipTrack& track, const std::vector<uint64_t>& chunks) const;
     Bytes entries(const ClipTrack& track) const;
     Bytes file_entry(const ClipTrack& track, size_t number) const;
@@ -160,8 +161,12 @@ bool MovieMaker::is_sync(const ClipTrack& track, size_t number) const {
 
 ClipTrack MovieMaker::make_track(uint32_t id, const std::string& handler, uint32_t timescale,
                                  size_t count) const {
-    ClipTrack track{
-        .id = id, .handler = handler, .timescale = timescale, .samples = {}, .entries = {}};
+    ClipTrack track{.id = id,
+                    .handler = handler,
+                    .timescale = timescale,
+                    .samples = {},
+                    .entries = {},
+                    .kind_header = {}};
     const bool offsets = handler == "vide" && forms_[kComposition] != 0;
     for (size_t i = 0; i < count * forms_.length; ++i) {
         ClipSample sample;
@@ -189,6 +194,7 @@ void MovieMaker::make_clip() {
     tracks_[2].entries = {text_entry(0), text_entry(1)};
     for (ClipTrack& track : tracks_) {
         if (!has(kEntries, 2)) track.entries.pop_back();
+        track.kind_header = kind_header(track);
     }
 }
 
@@ -222,6 +228,12 @@ Bytes MovieMaker::box(const std::string& type, std::initializer_list<Bytes> part
     if (last && has(kBoxSize, 2)) return join({words({0}), code(type), body});
     if (has(kBoxSize, 1)) return join({words({1}), code(type), be64(size + 16u), body});
     return join({words({size + 8u}), code(type), body});
+}
+
+// A plain box with the header that the form has.
+Bytes MovieMaker::in_form(const Bytes& plain) const {
+    const std::string type(plain.begin() + 4, plain.begin() + 8);
+    return box(type, {Bytes(plain.begin() + 8, plain.end())});
 }
 
 Bytes MovieMaker::container(const std::string& type, std::initializer_list<Bytes> parts) const {
@@ -266,9 +278,10 @@ Bytes MovieMaker::edits(const ClipTrack& track) const {
 }
 
 Bytes MovieMaker::kind_header(const ClipTrack& track) const {
-    if (track.handler == "vide") return box("vmhd", {words({1}), zeros(8)});
-    if (track.handler == "soun") return box("smhd", {zeros(8)});
-    return quicktime() ? box("gmhd", {plain_box("gmin", {zeros(16)})}) : box("nmhd", {zeros(4)});
+    if (track.handler == "vide") return plain_box("vmhd", {words({1}), zeros(8)});
+    if (track.handler == "soun") return plain_box("smhd", {zeros(8)});
+    return quicktime() ? plain_box("gmhd", {plain_box("gmin", {zeros(16)})})
+                       : plain_box("nmhd", {zeros(4)});
 }
 
 Bytes MovieMaker::track_box(const ClipTrack& track, const std::vector<uint64_t>& chunks) const {
@@ -283,11 +296,11 @@ Bytes MovieMaker::track_box(const ClipTrack& track, const std::vector<uint64_t>&
     const Bytes data_handler = quicktime() ? handler("hdlr", "url ", "Data") : Bytes{};
     const Bytes refers =
         track.handler == "text" ? box("tref", {plain_box("cdsc", {words({1, 7})})}) : Bytes{};
-    return container("trak",
-                     {track_header(track), refers, edits(track),
-                      container("mdia", {media_header, handler("hdlr", track.handler, "Handler"),
-                                         container("minf", {kind_header(track), data_handler, data,
-                                                            sample_tables(track, chunks)})})});
+    return container(
+        "trak", {track_header(track), refers, edits(track),
+                 container("mdia", {media_header, handler("hdlr", track.handler, "Handler"),
+                                    container("minf", {in_form(track.kind_header), data_handler,
+                                                       data, sample_tables(track, chunks)})})});
 }
 
 Bytes MovieMaker::movie_box(const std::vector<std::vector<uint64_t>>& chunks, bool last) const {

@@ -62,7 +62,10 @@ struct ClipTrack {
     std::string handler;
     uint32_t timescale = 0;
     std::vector<ClipSample> samples;
-    std::vector<Bytes> entries;  // as the ISO form has them, those of one configuration once
+    // As reading must find them: the sample entries in their ISO form, those of one configuration
+    // once, and vmhd or the like.
+    std::vector<Bytes> entries;
+    Bytes kind_header;
 };
 
 struct MadeMovie {

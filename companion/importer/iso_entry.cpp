@@ -1,0 +1,93 @@
+// Entries of QuickTime in the form that ISO files have for their codec.
+#include "companion/importer/sample_entry.h"
+
+namespace kestrel::importer {
+
+namespace {
+
+// Codecs with an AudioSampleEntry, and the boxes with their configuration.
+constexpr std::uint32_t kIsoSound[] = {
+    fourcc("mp4a"),
+    fourcc("samr"),
+    fourcc("sawb"),
+    fourcc("sawp"),
+};
+constexpr std::uint32_t kSoundConfiguration[] = {
+    fourcc("esds"),
+    fourcc("damr"),
+    fourcc("dawp"),
+    fourcc("sinf"),
+};
+constexpr std::uint32_t kIsoH263 = fourcc("s263");
+constexpr std::uint32_t kQuickTimeH263 = fourcc("h263");
+
+// A child of `wave` as a child of an ISO entry, or nothing where it is no configuration. There,
+// that of AMR has the type of its codec.
+Bytes iso_configuration(Source& source, const SampleEntry& entry, const Box& child) {
+    const bool amr = entry.box.type == fourcc("samr") && child.type == fourcc("samr");
+    if (!amr && !contains(kSoundConfiguration, child.type)) return {};
+    Bytes box = whole_box(source, child);
+    if (amr && !box.empty()) put(box, 4, fourcc("damr"));
+    return box;
+}
+
+// The children of a sound entry, with those of `wave` that are the codec's configuration.
+Bytes iso_sound_children(Source& source, const SampleEntry& entry) {
+    Bytes children;
+    each_child(source, entry.children, entry.box.end, [&](const Box& child) {
+        if (child.type != fourcc("wave")) {
+            append(children, whole_box(source, child));
+            return;
+        }
+        each_child(source, child.body, child.end, [&](const Box& inner) {
+            append(children, iso_configuration(source, entry, inner));
+        });
+    });
+    return children;
+}
+
+// An AudioSampleEntry (ISO/IEC 14496-12, 12.2.3).
+Bytes iso_sound_entry(Source& source, const SampleEntry& entry) {
+    Bytes body(6);
+    append(body, entry.data_reference, 2);
+    append(body, 0, 8);
+    append(body, std::min(entry.channels, std::uint32_t{UINT16_MAX}), 2);
+    append(body, 16, 2);  // bits of a sample
+    append(body, 0, 4);
+    append(body, entry.sample_rate, 4);
+    append(body, iso_sound_children(source, entry));
+    Bytes box;
+    append(box, body.size() + 8, 4);
+    append(box, entry.box.type, 4);
+    append(box, body);
+    return box;
+}
+
+// An H263SampleEntry (3GPP TS 26.244, 6.5) of QuickTime's `h263`, which has no configuration.
+Bytes iso_h263_entry(Source& source, const SampleEntry& entry) {
+    Bytes box = whole_box(source, entry.box);
+    if (box.empty()) return box;  // the host failed
+    constexpr std::uint8_t kLevel = 10, kProfile = 0;
+    append(box, 15, 4);
+    append(box, fourcc("d263"), 4);
+    append(box, 0, 5);  // vendor, decoder version
+    box.insert(box.end(), {kLevel, kProfile});
+    put(box, 0, static_cast<std::uint32_t>(box.size()));
+    put(box, 4, kIsoH263);
+    return box;
+}
+
+}  // namespace
+
+Description iso_description(const Import& import, const SampleEntry& entry) {
+    Source& source = import.source;
+    if (entry.quicktime_sound && contains(kIsoSound, entry.box.type)) {
+        return {entry.box.type, iso_sound_entry(source, entry)};
+    }
+    if (entry.box.type == kQuickTimeH263 && entry.is_visual && import.movie.forms.quicktime) {
+        return {kIsoH263, iso_h263_entry(source, entry)};
+    }
+    return {entry.box.type, whole_box(source, entry.box)};
+}
+
+}  // namespace kestrel::importer
