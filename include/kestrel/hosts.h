@@ -85,8 +85,8 @@ KESTREL_API int kst_host_wait(kst_host* host);
 
 /* The same between two tries to open: waits until the movie box ('moov') is there as a whole, a box
  * header after it is there, or the stream has grown by half, and moves the stream back to offset 0.
- * So the tries are few, however the stream arrives. Ask kst_host_is_complete() before the call: only
- * if it answers 0 may another try succeed, also after KST_HOST_COMPLETE. */
+ * So the tries are few, however the stream arrives. Ask kst_host_is_complete() before the call:
+ * only if it answers 0 may another try succeed, also after KST_HOST_COMPLETE. */
 KESTREL_API int kst_host_wait_to_open(kst_host* host);
 
 /* Moves the stream back to offset 0, which opening the stream again needs. */
