@@ -11,10 +11,11 @@ void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* memory, size_t size);
 void __real_free(void* memory);
-void* __wrap_malloc(size_t size);
-void* __wrap_calloc(size_t count, size_t size);
-void* __wrap_realloc(void* memory, size_t size);
-void __wrap_free(void* memory);
+// Visible, since the linker takes calls of a sanitized shared library for calls of these.
+[[gnu::visibility("default")]] void* __wrap_malloc(size_t size);
+[[gnu::visibility("default")]] void* __wrap_calloc(size_t count, size_t size);
+[[gnu::visibility("default")]] void* __wrap_realloc(void* memory, size_t size);
+[[gnu::visibility("default")]] void __wrap_free(void* memory);
 }
 
 namespace {
