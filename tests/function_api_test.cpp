@@ -315,7 +315,7 @@ TEST(FunctionApi, LargeFrames) {
     for (const Format& format : formats) {
         for (const uint32_t size : {62900u, 63000u, 63632u, 64000u, 64001u, 300000u, kLimit}) {
             SCOPED_TRACE(testing::Message() << format.type << ' ' << size);
-            const bool is_h264 = format.config.size() > 0;
+            const bool is_h264 = !format.config.empty();
             Bytes sample(size, 0x33);
             for (uint32_t i = 0; i + 4 < size; i += 5)  // no two zero bytes meet
                 std::memcpy(&sample[i], &i, 4), sample[i + 1] |= 1, sample[i + 3] |= 1;

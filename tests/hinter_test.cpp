@@ -294,10 +294,10 @@ TEST(Hinter, SeeksInEveryTimescale) {
             SCOPED_TRACE(timescale);
             Bytes source = read_sample(name);
             const Bytes mdhd = text("mdhd");
-            const auto at = std::ranges::search(source, mdhd).begin();
+            const auto at = std::search(source.begin(), source.end(), mdhd.begin(), mdhd.end());
             kestrel::store_be32(&*at + 16, timescale);
             Bytes stts = text("stts");
-            const auto table = std::ranges::search(source, stts).begin();
+            const auto table = std::search(source.begin(), source.end(), stts.begin(), stts.end());
             const uint32_t delta = std::max(timescale / 15, 1U);  // of the first entry
             kestrel::store_be32(&*table + 16, delta);
             const Hinted hinted = hint(source);
@@ -374,7 +374,8 @@ TEST(Hinter, ReplacesDamagedHintTracks) {
     const Bytes whole = read_sample("h263_hinted.3gp");
     Bytes source = whole;
     const Bytes stsz = text("stsz");
-    const auto at = std::ranges::find_end(source, stsz).begin();  // of the hint track
+    const auto at =
+        std::find_end(source.begin(), source.end(), stsz.begin(), stsz.end());  // of the hint track
     kestrel::store_be32(&*at + 12, 7);
     EXPECT_EQ(hint(source).result, KST_HINT_HAS_HINTS);
     EXPECT_EQ(hint(source, with(KST_HINT_REPLACE)).file, hint(whole, with(KST_HINT_REPLACE)).file);
@@ -441,7 +442,7 @@ TEST(Hinter, RefusesWhatItCannotHint) {
         SCOPED_TRACE(damaged.name);
         Bytes source = read_sample(damaged.file);
         const Bytes box = text(damaged.box);
-        const auto at = std::ranges::search(source, box).begin();
+        const auto at = std::search(source.begin(), source.end(), box.begin(), box.end());
         ASSERT_NE(at, source.end());
         kestrel::store_be32(&*at + damaged.offset, damaged.value);
         const Hinted hinted = hint(source);
@@ -493,7 +494,9 @@ TEST(Hinter, CanBeCancelledAtAnyTime) {
         const Hinted hinted = hint(source, options);
         EXPECT_EQ(hinted.result, KST_HINT_CANCELLED);
         const Bytes movie_box = text("moov");
-        EXPECT_TRUE(std::ranges::search(hinted.file, movie_box).empty());
+        EXPECT_EQ(
+            std::search(hinted.file.begin(), hinted.file.end(), movie_box.begin(), movie_box.end()),
+            hinted.file.end());
     }
 }
 
