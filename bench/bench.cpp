@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library's work costs on long recordings, beside a plain copy of the same bytes in the
 // same pieces. bench/run turns the figures into ratios.
 

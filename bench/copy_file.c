@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* copy_file FROM TO SIZE: copies a file with reads and writes of SIZE bytes. */
 #include <fcntl.h>
 #include <stdio.h>

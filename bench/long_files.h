@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Long recordings for the benchmarks, made of a sample file's frames over and over, with hint
 // tracks.
 #ifndef KESTREL_BENCH_LONG_FILES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The root classes of the box object model: one class per ISO base media box (ISO/IEC 14496-12)
 // that reads itself from the host's stream, writes itself back and tells its size.
 //

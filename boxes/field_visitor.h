@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Looking at boxes from outside, without knowing their classes: named fields and children.
 #ifndef KESTREL_BOXES_FIELD_VISITOR_H
 #define KESTREL_BOXES_FIELD_VISITOR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The visitors that a box's list of fields serves: one reads, one writes, one sizes, one lists the
 // fields by name and one lists the children. Included only by the files that define boxes.
 //

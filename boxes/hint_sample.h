@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An RTP hint sample to be written (ISO/IEC 14496-12, 9.1.3).
 #ifndef KESTREL_BOXES_HINT_SAMPLE_H
 #define KESTREL_BOXES_HINT_SAMPLE_H

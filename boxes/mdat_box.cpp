@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "boxes/mdat_box.h"
 
 #include <limits>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The media data box.
 #ifndef KESTREL_BOXES_MDAT_BOX_H
 #define KESTREL_BOXES_MDAT_BOX_H

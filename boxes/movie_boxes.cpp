@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "boxes/movie_boxes.h"
 
 #include <utility>

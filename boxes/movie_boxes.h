@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The file type box, the movie and its header.
 #ifndef KESTREL_BOXES_MOVIE_BOXES_H
 #define KESTREL_BOXES_MOVIE_BOXES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "boxes/sample_entries.h"
 
 #include <limits>

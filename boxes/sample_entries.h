@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sample description box, its entries and their codec configuration boxes.
 #ifndef KESTREL_BOXES_SAMPLE_ENTRIES_H
 #define KESTREL_BOXES_SAMPLE_ENTRIES_H

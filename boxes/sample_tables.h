@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sample table container and its tables.
 #ifndef KESTREL_BOXES_SAMPLE_TABLES_H
 #define KESTREL_BOXES_SAMPLE_TABLES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole 3GP file as a tree of boxes.
 #ifndef KESTREL_BOXES_SIMPLE3GP_H
 #define KESTREL_BOXES_SIMPLE3GP_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The box model's way to the host's stream. Every function here classifies the status that a slot
 // returned through the host's CheckStatus and throws SimpleException, with the raw status and the
 // host's context word, when it is not a success; for a not-yet the exception is a NotArrived.

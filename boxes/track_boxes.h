@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The track, its header, references and edits, and the media boxes above the sample tables.
 #ifndef KESTREL_BOXES_TRACK_BOXES_H
 #define KESTREL_BOXES_TRACK_BOXES_H

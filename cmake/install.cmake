@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` puts where, in three components that are the three Debian packages.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)

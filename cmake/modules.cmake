@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # kestrel_module(NAME USES MODULE... SOURCES FILE...): one module of the library, the folder that the
 # calling CMakeLists.txt lies in. Its sources may include headers of their own folder, the public
 # headers, and the folders of the modules under USES; scripts/layers checks that.

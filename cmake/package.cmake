@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The Debian packages: `scripts/package` makes them for amd64 and i386.
 set(KESTREL_MAINTAINER
     "Kestrel maintainers <maintainers@kestrel.invalid>"

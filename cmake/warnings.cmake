@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # One strict warning level for everything that is ours; both compilers must be silent at it.
 add_library(kestrel_warnings INTERFACE)
 target_compile_options(

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading bits, most significant first.
 #ifndef KESTREL_COMMON_BIT_READER_H
 #define KESTREL_COMMON_BIT_READER_H

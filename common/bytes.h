@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte order and bounded reading. Everything in a 3GP file and in an RTP header is big-endian.
 #ifndef KESTREL_COMMON_BYTES_H
 #define KESTREL_COMMON_BYTES_H

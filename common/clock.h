@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Running RTP timestamps: a double accumulator in clock units, rounded to 32 bits.
 #ifndef KESTREL_COMMON_CLOCK_H
 #define KESTREL_COMMON_CLOCK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ratios of whole numbers, truncated without rounding on the way: a value that is whole comes out
 // whole, on every machine.
 #ifndef KESTREL_COMMON_RATIO_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's one exception and log-record type, and the way every log site uses it.
 #ifndef KESTREL_COMMON_SIMPLE_EXCEPTION_H
 #define KESTREL_COMMON_SIMPLE_EXCEPTION_H

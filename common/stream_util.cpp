@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kestrel/kstutil.h"
 
 using Callbacks = _TAG_KST_IOSTREAM_CALLBACK_INTERFACE;

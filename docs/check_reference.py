@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Tells of public functions that the API reference says nothing about.
 
 Usage: check_reference.py XML-FOLDER

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Shows Doxygen the plain comments of the public headers as documentation.
 
 A comment in front of a declaration, or behind it on its line, belongs to it; functions that follow
@@ -47,8 +48,10 @@ def has_trailing_comment(line):
 
 
 def convert(text):
-    blocks = list(comment_blocks(text.split("\n")))
-    out = []
+    lines = text.split("\n")
+    licence = 1 if "SPDX-License-Identifier" in lines[0] else 0
+    blocks = list(comment_blocks(lines[licence:]))
+    out = [""] * licence
     shared = None
     for at, (is_comment, block) in enumerate(blocks):
         following = blocks[at + 1][1][0] if at + 1 < len(blocks) else ""

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plays one track through the class, from a sync sample near a time on, and writes it to standard
 // output as a native stream. The track must have an RTP hint track.
 //

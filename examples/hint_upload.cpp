@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Takes a clip of any form from standard input, hints it in memory, and plays the result through
 // both APIs at once, without a file in between. Writes a native stream for each API; that of the
 // class is empty for a codec that it does not know.

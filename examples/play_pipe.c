@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Plays one track of a file that arrives on standard input, while it arrives, and writes it to
  * standard output as a native stream. Where the next data is not there yet, the library answers 17
  * (KST_NOT_YET): wait for more, and make the same call again.

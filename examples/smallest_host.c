@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The smallest host: a table of callbacks over a file descriptor. Plays one track of a file and
  * writes it to standard output as a native stream.
  *

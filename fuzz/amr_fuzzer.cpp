@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as AMR frames, from one format to the other and back: what could be converted comes
 // back but for the bits that a frame has no use for, and conversions stay within their room.
 #include <memory>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as a file: reading ends, in a tree or in a SimpleException; a tree lists its fields
 // and children, and what it dumps is as long as it says and reads back to the same dump.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as a file, played and sought in through the class: a stream read by position, one read
 // by index, and one that arrives are the same.
 #include <algorithm>

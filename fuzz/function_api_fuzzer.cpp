@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as a file, played through the exported functions: a file that arrives plays as the
 // whole one does, byte for byte and to the same status.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as H.263 pictures: the walk goes forward, stays inside the picture, ends, and a copy of
 // its record goes on as the record itself does.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as a file, read by the tolerant importer: it ends with a movie or an error, what it
 // finds is in the file, and salvage keeps first samples of a cut file and changes nothing of
 // others.

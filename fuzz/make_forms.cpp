@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes small files of every form of the file format into a folder: the starting corpus of the
 // importer's target. Usage: make_forms FOLDER
 #include <cstdio>

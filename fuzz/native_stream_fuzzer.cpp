@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as a native stream: the walk lists records that lie in order inside it, and ends with
 // the stream or at the damage, the same however the stream is cut into pieces.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as a media sample, cut into packets: they join to the sample again, and none is written
 // behind the room that was given.
 #include <algorithm>

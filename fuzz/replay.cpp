@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a target over files, and over all files of directories, without libFuzzer: what was found
 // stays mended.
 #include <cstdio>

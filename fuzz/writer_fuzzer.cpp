@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as calls of the ISO writer: what was written is read back sample by sample, and the
 // packets of the hint tracks hold the samples.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Filling the stream header records from plain values, for the writers of both APIs.
 #ifndef KESTREL_NATIVE_HEADER_RECORDS_H
 #define KESTREL_NATIVE_HEADER_RECORDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Inside of the packetisers: the functions that the init calls choose from.
 #ifndef KESTREL_NATIVE_ORB_NATIVE_H
 #define KESTREL_NATIVE_ORB_NATIVE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The output of a packetiser: packets back to back, within the room that the caller told.
 #ifndef KESTREL_NATIVE_PACKET_OUTPUT_H
 #define KESTREL_NATIVE_PACKET_OUTPUT_H

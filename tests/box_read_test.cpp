@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading boxes: stream failures, sizes and counts that lie, and each layout's edges.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every sample file through the box model, against an independent listing and against its own
 // bytes.
 #include <gtest/gtest.h>

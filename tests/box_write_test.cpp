@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Building files from boxes: written, patched after the media, read back, and judged by ffprobe.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

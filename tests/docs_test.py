@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What is written about Kestrel is so: quotes are the files' text, links lead somewhere, man pages
 and completion know every option, and the examples of man pages run as written."""
 

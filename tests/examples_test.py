@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The examples, played against what the command-line tool delivers and against the truth."""
 
 import contextlib

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The H.263 walker against what independent encoders and a decoder told of their streams, and
 // against hand-made pictures where those use too little of the standard.
 #include "native/codec/h263_parse.h"

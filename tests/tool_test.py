@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The command-line tool as a person meets it: commands, outputs, messages and exit codes."""
 
 import fractions

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the tool says of files: info, check and report, their words, reasons and exit codes."""
 
 import contextlib

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A capture of the packets of hint tracks, and the session description (RFC 8866) that belongs to
 // it.
 #ifndef KESTREL_TOOLS_CAPTURE_H

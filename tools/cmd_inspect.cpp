@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/commands.h"
 #include "tools/json.h"
 #include "tools/native_file.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/commands.h"
 #include "tools/report/data.h"
 #include "tools/report/page.h"

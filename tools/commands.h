@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands of the tool. Each adds itself to the command line with its options and what runs it.
 #ifndef KESTREL_TOOLS_COMMANDS_H
 #define KESTREL_TOOLS_COMMANDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The RTP packets of a hint track, in order.
 #ifndef KESTREL_TOOLS_HINT_PACKETS_H
 #define KESTREL_TOOLS_HINT_PACKETS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // JSON as the tool prints it.
 #ifndef KESTREL_TOOLS_JSON_H
 #define KESTREL_TOOLS_JSON_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lines on standard error: the tool's own messages, and the remarks that the library makes there.
 #ifndef KESTREL_TOOLS_MESSAGES_H
 #define KESTREL_TOOLS_MESSAGES_H

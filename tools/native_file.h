@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Native streams in files, as commands walk them.
 #ifndef KESTREL_TOOLS_NATIVE_FILE_H
 #define KESTREL_TOOLS_NATIVE_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where an output goes: the folder and the name that a path leads to.
 #ifndef KESTREL_TOOLS_OUTPUT_PLACE_H
 #define KESTREL_TOOLS_OUTPUT_PLACE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stream table for the writer over an output of the tool. It takes bytes in order only.
 #ifndef KESTREL_TOOLS_OUTPUT_STREAM_H
 #define KESTREL_TOOLS_OUTPUT_STREAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A capture file of RTP packets, as a network analyser opens it.
 #ifndef KESTREL_TOOLS_PCAP_H
 #define KESTREL_TOOLS_PCAP_H

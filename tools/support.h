@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the commands of the tool share: hosts, handles and outputs that close themselves, and
 // errors.
 #ifndef KESTREL_TOOLS_SUPPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texts that are not the tool's own: of files, streams, file names and command lines.
 #ifndef KESTREL_TOOLS_TEXT_H
 #define KESTREL_TOOLS_TEXT_H

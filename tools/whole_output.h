@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An output that is there as a whole or not at all.
 #ifndef KESTREL_TOOLS_WHOLE_OUTPUT_H
 #define KESTREL_TOOLS_WHOLE_OUTPUT_H

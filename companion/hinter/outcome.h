@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What becomes of a call: the first failure, and how far it has come.
 #ifndef KESTREL_COMPANION_HINTER_OUTCOME_H
 #define KESTREL_COMPANION_HINTER_OUTCOME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records of what is written, made from what was read.
 #ifndef KESTREL_COMPANION_HINTER_OUTPUT_FILE_H
 #define KESTREL_COMPANION_HINTER_OUTPUT_FILE_H

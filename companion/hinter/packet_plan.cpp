@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "companion/hinter/packet_plan.h"
 
 namespace kestrel::hinter {

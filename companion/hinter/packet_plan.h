@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The packets of all samples of a track in a few bytes each, so that no sample need be laid out
 // twice.
 #ifndef KESTREL_COMPANION_HINTER_PACKET_PLAN_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The samples of the tracks that are written, out of the source.
 #ifndef KESTREL_COMPANION_HINTER_SAMPLES_H
 #define KESTREL_COMPANION_HINTER_SAMPLES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which tracks of the source are written, and which of them get hint tracks.
 #ifndef KESTREL_COMPANION_HINTER_TRACK_CHOICE_H
 #define KESTREL_COMPANION_HINTER_TRACK_CHOICE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds the movie box of a file that is arriving, by the headers of the boxes at its top level.
 #ifndef KESTREL_COMPANION_HOSTS_MOVIE_WATCH_H
 #define KESTREL_COMPANION_HOSTS_MOVIE_WATCH_H

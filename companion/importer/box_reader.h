@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Boxes (ISO/IEC 14496-12, 4.2) and a reader that cannot leave the one that it was made for.
 #ifndef KESTREL_COMPANION_IMPORTER_BOX_READER_H
 #define KESTREL_COMPANION_IMPORTER_BOX_READER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The chunks of a track (ISO/IEC 14496-12, 8.7.4 and 8.7.5).
 #ifndef KESTREL_COMPANION_IMPORTER_CHUNKS_H
 #define KESTREL_COMPANION_IMPORTER_CHUNKS_H

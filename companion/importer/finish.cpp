@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What can be said when all samples are known: whether they are in the file, and the times and
 // edits that follow from them.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // moof: movie fragments (ISO/IEC 14496-12, 8.8), and sidx (8.16.3), which says how far they reach.
 #include <algorithm>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the parts of the importer share while a file is read.
 #ifndef KESTREL_COMPANION_IMPORTER_IMPORT_H
 #define KESTREL_COMPANION_IMPORTER_IMPORT_H

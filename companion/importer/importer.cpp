@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The file's own boxes, and import_movie().
 #include <algorithm>
 #include <exception>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Entries of QuickTime in the form that ISO files have for their codec.
 #include "companion/importer/sample_entry.h"
 

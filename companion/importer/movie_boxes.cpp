@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ftyp and moov with its own boxes: mvhd, iods, mvex.
 #include <algorithm>
 

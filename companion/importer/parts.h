@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The importer's parts, one for each concern, in the order in which they are used. Each returns
 // false after Import::fail().
 #ifndef KESTREL_COMPANION_IMPORTER_PARTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // stsd: the sample entries of a track.
 #include <map>
 

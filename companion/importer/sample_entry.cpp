@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "companion/importer/sample_entry.h"
 
 namespace kestrel::importer {

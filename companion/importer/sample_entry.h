@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One sample entry (ISO/IEC 14496-12, 8.5.2 and 12; QuickTime), as far as it is understood.
 #ifndef KESTREL_COMPANION_IMPORTER_SAMPLE_ENTRY_H
 #define KESTREL_COMPANION_IMPORTER_SAMPLE_ENTRY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // stbl: the sample tables (ISO/IEC 14496-12, 8.6 to 8.9), one after the other into the samples of
 // the track.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sound whose tables count units that are smaller than a sample is here: the numbers of PCM, and
 // in QuickTime the uncompressed numbers of a codec with packets of one size.
 #include <algorithm>

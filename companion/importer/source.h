@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The file as the host serves it: positioned reads of known bounds, and a window for small ones.
 #ifndef KESTREL_COMPANION_IMPORTER_SOURCE_H
 #define KESTREL_COMPANION_IMPORTER_SOURCE_H

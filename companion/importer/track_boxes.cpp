@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // trak: its headers, handler, edits and references. The boxes are found first, in whatever order
 // they stand, and then read in the order in which they are needed.
 #include <algorithm>

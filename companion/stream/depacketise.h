@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RTP payloads back to the media stream that they were cut from.
 #ifndef KESTREL_COMPANION_STREAM_DEPACKETISE_H
 #define KESTREL_COMPANION_STREAM_DEPACKETISE_H

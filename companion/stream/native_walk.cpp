@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "companion/stream/native_walk.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks a native stream record by record (docs/native-format.md), in pieces of any size.
 #ifndef KESTREL_COMPANION_STREAM_NATIVE_WALK_H
 #define KESTREL_COMPANION_STREAM_NATIVE_WALK_H

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes a man page (mdoc) from the tool's own help and the hand-written sections in docs/man.
 
 Usage: make_man.py TOOL SOURCE OUT

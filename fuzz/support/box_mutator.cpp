@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mutation of 3GP files that knows boxes (ISO/IEC 14496-12, 4.2): it changes a field inside a box,
 // or removes, doubles, swaps, grows or shrinks boxes, and keeps the sizes of the boxes around them
 // and mostly the chunk offsets right. Inputs that have no boxes are left to libFuzzer's own.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the fuzz targets share: inputs that carry their own choices, and a host whose file arrives
 // by a schedule.
 #ifndef KESTREL_FUZZ_SUPPORT_SUPPORT_H

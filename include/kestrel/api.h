@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Visibility of the exported names. The library is built with hidden visibility; what carries
  * KESTREL_API is its whole public surface. */
 #ifndef KESTREL_API_H

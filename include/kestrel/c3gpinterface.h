@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Playing a 3GP file through a class: C3gpInterface opens one medium of a file over the host's
 // stream, seeks in it by time, and delivers it as a native stream (docs/native-format.md).
 //

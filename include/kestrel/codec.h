@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small scanners over coded video: picture headers, start codes, NAL unit lengths. None keeps
 // state, allocates or throws, and none reads outside the bytes that it is given. And tracks of a
 // codec for the file writer of kestrel/isoff.h.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Making any clip playable: copies a file and adds an RTP hint track for each medium that has a
  * payload format (RFC 4867 for AMR, RFC 4629 or RFC 2190 for H.263, RFC 6416 for MPEG-4, RFC 6184
  * for H.264). Part of the companion library kestrel_hosts. Usable from C and C++.

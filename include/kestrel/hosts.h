@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Ready-made hosts: stream tables for a file, for memory, and for a file that is still arriving.
  *
  * A host owns its stream and its table. Open one, hand kst_host_callbacks() to kst_Open, and close

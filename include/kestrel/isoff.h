@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ISO base media file reader and writer (ISO/IEC 14496-12 with the 3GPP sample entries).
 //
 // isoFFopen walks a file's boxes through the host's stream table into one iso_file with a list of

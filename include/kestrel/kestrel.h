@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Playing a 3GP file: open it over a stream that the host serves, and pull one track out chunk by
  * chunk as a native stream (docs/native-format.md). Usable from C and C++.
  *

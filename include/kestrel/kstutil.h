@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thin wrappers over the slots of a host's stream table (C++).
 //
 // Each calls one slot with the table's context word and returns the slot's status cut to its low

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The process-wide log level. Usable from C and C++. */
 #ifndef KESTREL_LOG_H
 #define KESTREL_LOG_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The platform's two native formats: the current one, `tel`, and the older one, `orb`. Header
 // records, packet headers, the packetisers that cut samples into packets, and the AMR frame format
 // conversions.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records of a native `tel` stream, as they lie in it: fields in host byte order (little-endian
 // on x86), no gaps. docs/native-format.md tells how a stream is made of them.
 //

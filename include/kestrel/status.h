@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The status codes that both APIs of the library report. Usable from C and C++. */
 #ifndef KESTREL_STATUS_H
 #define KESTREL_STATUS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The host's I/O stream callback table: the only way the library touches a file.
  *
  * The host fills one table per stream and passes its address to the library. The table and

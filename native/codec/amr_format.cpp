@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "native/codec/amr_format.h"
 
 #include "kestrel/native.h"

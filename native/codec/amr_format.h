@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // AMR frame tables (3GPP TS 26.101, TS 26.201).
 #ifndef KESTREL_NATIVE_AMR_FORMAT_H
 #define KESTREL_NATIVE_AMR_FORMAT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The decoder configuration record of H.264, `avcC` (ISO/IEC 14496-15, 5.2.4.1).
 #ifndef KESTREL_CODEC_AVCC_H
 #define KESTREL_CODEC_AVCC_H

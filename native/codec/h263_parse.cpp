@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "native/codec/h263_parse.h"
 
 #include <algorithm>

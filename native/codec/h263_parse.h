@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks a coded H.263 picture macroblock by macroblock (ITU-T H.263, clause 5), without decoding
 // it, so that a packetiser can cut it between two macroblocks and tell the receiver what RFC 2190
 // mode B wants to know of the one a packet begins with.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // H.263 payload headers of RTP packets: RFC 2190 modes A and B, and RFC 4629 (which obsoletes
 // RFC 2429).
 #ifndef KESTREL_NATIVE_H263_PAYLOAD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The variable-length codes of the H.263 macroblock layer (ITU-T H.263, 5.3 and 5.4, Annex D).
 #ifndef KESTREL_NATIVE_H263_VLC_H
 #define KESTREL_NATIVE_H263_VLC_H

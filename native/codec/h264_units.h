@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The NAL units of an H.264 sample, and the fragments of one that is longer than a packet.
 #ifndef KESTREL_NATIVE_H264_UNITS_H
 #define KESTREL_NATIVE_H264_UNITS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // NAL units of H.264 (ITU-T H.264, 7.3.1 and annex B).
 #ifndef KESTREL_CODEC_NAL_UNIT_H
 #define KESTREL_CODEC_NAL_UNIT_H

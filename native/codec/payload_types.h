@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RTP payload types.
 #ifndef KESTREL_CODEC_PAYLOAD_TYPES_H
 #define KESTREL_CODEC_PAYLOAD_TYPES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The layout of an RTP hint sample (ISO/IEC 14496-12, 9.1.3): a header, then packet entries, each
 // followed by its constructors. All values are big-endian.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where a coded picture is cut into packets. The rules choose; writing headers and copying bytes is
 // the packetisers' affair.
 #ifndef KESTREL_NATIVE_VIDEO_FRAGMENT_H

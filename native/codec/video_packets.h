@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a picture is laid out over packets: where it is cut, and which payload header goes in front
 // of each piece. Writing them is up to the packetisers and the hint track.
 #ifndef KESTREL_NATIVE_VIDEO_PACKETS_H

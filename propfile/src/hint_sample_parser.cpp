@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "propfile/src/hint_sample_parser.h"
 
 #include <cstdarg>

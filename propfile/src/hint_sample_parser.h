@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading an RTP hint sample (ISO/IEC 14496-12, 9.1.3) field by field, with a trace at the verbose
 // level.
 #ifndef KESTREL_PROPFILE_HINT_SAMPLE_PARSER_H

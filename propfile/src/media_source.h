@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where a frame writer gets media samples from.
 #ifndef KESTREL_PROPFILE_MEDIA_SOURCE_H
 #define KESTREL_PROPFILE_MEDIA_SOURCE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame writer for AMR narrow band: each hint sample becomes a frame header, a zero word and
 // the RTP payloads (RFC 4867, octet-aligned) of its packets.
 #ifndef KESTREL_PROPFILE_AUDIO_H

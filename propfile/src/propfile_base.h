@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame writers' base: it rebuilds the payloads of the packets of an RTP hint sample in a frame
 // buffer.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Watches and upsets the memory of the code under test: how much it asks for, and what becomes of
 // it when an allocation fails. For programs made with watch_allocations() in tests/CMakeLists.txt,
 // whose malloc, calloc, realloc, free and operator new go through here.

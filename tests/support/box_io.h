@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the box model share: streams over memory, and files built byte by byte.
 #ifndef KESTREL_TESTS_SUPPORT_BOX_IO_H
 #define KESTREL_TESTS_SUPPORT_BOX_IO_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample files, and small files that a test makes box by box.
 #ifndef KESTREL_TESTS_FILES_H
 #define KESTREL_TESTS_FILES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tests/support/hint_file.h"
 
 void HintFile::add_hint(const Bytes& hint_sample) {

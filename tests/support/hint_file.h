@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files with an RTP hint track that a test makes packet by packet.
 #ifndef KESTREL_TESTS_HINT_FILE_H
 #define KESTREL_TESTS_HINT_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // MD5 (RFC 1321), in which the digests beside the samples are.
 #ifndef KESTREL_TESTS_MD5_H
 #define KESTREL_TESTS_MD5_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes files of one clip in the forms of the file format, so that all of them can be read back and
 // compared.
 #ifndef KESTREL_TESTS_MOVIE_FORMS_H

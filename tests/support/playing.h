@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Playing a stream with either API, and hosts that misbehave.
 #ifndef KESTREL_TESTS_PLAYING_H
 #define KESTREL_TESTS_PLAYING_H

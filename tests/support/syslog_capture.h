@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Catches what the library writes to the system log while an object of it lives.
 #ifndef KESTREL_TESTS_SYSLOG_CAPTURE_H
 #define KESTREL_TESTS_SYSLOG_CAPTURE_H

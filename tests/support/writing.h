@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writing a file with all that the ISO writer can do.
 #ifndef KESTREL_TESTS_WRITING_H
 #define KESTREL_TESTS_WRITING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Work in a process of its own, which may end that process, crash, hang or take all memory.
 #ifndef KESTREL_TOOLS_JUDGE_CHILD_PROCESS_H
 #define KESTREL_TOOLS_JUDGE_CHILD_PROCESS_H

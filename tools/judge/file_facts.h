@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the boxes and tables of a file say, read once for all that is judged and shown of it.
 #ifndef KESTREL_TOOLS_JUDGE_FILE_FACTS_H
 #define KESTREL_TOOLS_JUDGE_FILE_FACTS_H

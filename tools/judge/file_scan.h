@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The boxes of a file by their headers alone, and what is wrong with them: what can be said of a
 // file that no reader takes.
 #ifndef KESTREL_TOOLS_JUDGE_FILE_SCAN_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Looking for the command that makes a file play, by trying it.
 #ifndef KESTREL_TOOLS_JUDGE_FIX_H
 #define KESTREL_TOOLS_JUDGE_FIX_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finding the media files below a folder.
 #ifndef KESTREL_TOOLS_JUDGE_MEDIA_SEARCH_H
 #define KESTREL_TOOLS_JUDGE_MEDIA_SEARCH_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What comes out of a native stream, counted and looked at as it comes, whatever its length.
 #ifndef KESTREL_TOOLS_JUDGE_MEDIA_TALLY_H
 #define KESTREL_TOOLS_JUDGE_MEDIA_TALLY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracks of a file by what they carry, and which of them an API takes.
 #ifndef KESTREL_TOOLS_JUDGE_MEDIA_TRACKS_H
 #define KESTREL_TOOLS_JUDGE_MEDIA_TRACKS_H

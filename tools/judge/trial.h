@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Playing a medium with one of the APIs, in a process of its own.
 #ifndef KESTREL_TOOLS_JUDGE_TRIAL_H
 #define KESTREL_TOOLS_JUDGE_TRIAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What of a file plays with which of the library's two APIs, why the rest does not, and which
 // command fixes it. The one place for these words: info, report and check print what is found here.
 #ifndef KESTREL_TOOLS_JUDGE_VERDICT_H

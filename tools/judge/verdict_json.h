@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A verdict as JSON, the same in every command.
 #ifndef KESTREL_TOOLS_JUDGE_VERDICT_JSON_H
 #define KESTREL_TOOLS_JUDGE_VERDICT_JSON_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The drawings of a report. Shapes are SVG stretched to the width that there is; all text around
 // them is HTML, which keeps its size on a narrow screen.
 #ifndef KESTREL_TOOLS_REPORT_CHARTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The figures of a report: everything that a page shows, reduced to a few hundred columns whatever
 // the size of the file.
 #ifndef KESTREL_TOOLS_REPORT_DATA_H

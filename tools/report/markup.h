@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text for a page: everything that comes from a file goes through `escape`.
 #ifndef KESTREL_TOOLS_MARKUP_H
 #define KESTREL_TOOLS_MARKUP_H

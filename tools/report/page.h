@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The page of a report: HTML that is well-formed XML as well, with drawings in SVG, no script and
 // nothing from outside.
 #ifndef KESTREL_TOOLS_REPORT_PAGE_H

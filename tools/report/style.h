@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The style sheet of a report.
 #ifndef KESTREL_TOOLS_REPORT_STYLE_H
 #define KESTREL_TOOLS_REPORT_STYLE_H

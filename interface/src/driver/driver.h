@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the files of the class driver share.
 #ifndef KESTREL_INTERFACE_C3GPINTERFACE_H
 #define KESTREL_INTERFACE_C3GPINTERFACE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where one frame lies on its way to the host: the handle's two buffers, and for a frame that
 // outgrows them buffers of its own, which the file record keeps.
 #ifndef KESTREL_MMFI_FRAME_STORE_H

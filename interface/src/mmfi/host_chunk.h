@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The chunk that one kst_ReadChunk delivers: the host's buffer, its room, and what becomes of
 // `*size`.
 #ifndef KESTREL_MMFI_HOST_CHUNK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conversion layer: opens a file for a mode, selects the track, and converts it to the native
 // format call by call. The readers return statuses; mmfi_Open lets no exception out.
 #ifndef KESTREL_INTERFACE_MMFIINTERFACE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
 #include "native/orb_native.h"

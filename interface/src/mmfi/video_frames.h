@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One video frame at a time: its packets, from the hint track or cut from its sample, are staged.
 #ifndef KESTREL_MMFI_VIDEO_FRAMES_H
 #define KESTREL_MMFI_VIDEO_FRAMES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The walk over boxes, and the handlers that it calls.
 #ifndef KESTREL_ISOFF_BOX_WALK_H
 #define KESTREL_ISOFF_BOX_WALK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the bytes of boxes come from.
 #ifndef KESTREL_ISOFF_BYTE_SOURCE_H
 #define KESTREL_ISOFF_BYTE_SOURCE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoder configuration of a track.
 #ifndef KESTREL_ISOFF_DECODER_CONFIGURATION_H
 #define KESTREL_ISOFF_DECODER_CONFIGURATION_H

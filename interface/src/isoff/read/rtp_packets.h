@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RTP packets from hint tracks.
 #ifndef KESTREL_ISOFF_RTP_PACKETS_H
 #define KESTREL_ISOFF_RTP_PACKETS_H

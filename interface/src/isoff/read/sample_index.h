@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finding a sample at once, and moving the cursor of a track: every reader of samples goes through
 // here. What is done for each packet is defined inline.
 #ifndef KESTREL_INTERFACE_ISOFF_INDEX_H

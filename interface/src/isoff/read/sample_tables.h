@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sample tables of a track.
 #ifndef KESTREL_ISOFF_SAMPLE_TABLES_H
 #define KESTREL_ISOFF_SAMPLE_TABLES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where reading a track stands, so that what could not be read whole can be read again.
 #ifndef KESTREL_ISOFF_TRACK_STATE_H
 #define KESTREL_ISOFF_TRACK_STATE_H

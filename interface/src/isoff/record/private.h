@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library keeps for a file and for a track beside their public records.
 #ifndef KESTREL_ISOFF_PRIVATE_H
 #define KESTREL_ISOFF_PRIVATE_H

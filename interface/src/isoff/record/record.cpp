@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "interface/src/isoff/record/record.h"
 
 // Making tracks, and finding tracks and brands.

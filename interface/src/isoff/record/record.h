@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What reading and writing share: the records of a file and its tracks, and their memory.
 #ifndef KESTREL_ISOFF_RECORD_H
 #define KESTREL_ISOFF_RECORD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The box writers.
 #ifndef KESTREL_ISOFF_WRITE_BOXES_H
 #define KESTREL_ISOFF_WRITE_BOXES_H

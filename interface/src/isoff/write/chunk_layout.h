@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which samples stand together in a chunk, and where the chunks stand.
 #ifndef KESTREL_ISOFF_CHUNK_LAYOUT_H
 #define KESTREL_ISOFF_CHUNK_LAYOUT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a track that is copied from another file brings along.
 #ifndef KESTREL_ISOFF_COPIED_BOXES_H
 #define KESTREL_ISOFF_COPIED_BOXES_H

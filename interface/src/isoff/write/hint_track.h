@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hint samples of a hint track that is being written, one after the other.
 #ifndef KESTREL_ISOFF_HINT_TRACK_H
 #define KESTREL_ISOFF_HINT_TRACK_H

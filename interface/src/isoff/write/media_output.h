@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Media data on its way to the stream.
 #ifndef KESTREL_ISOFF_MEDIA_OUTPUT_H
 #define KESTREL_ISOFF_MEDIA_OUTPUT_H

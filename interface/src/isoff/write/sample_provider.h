@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Samples of a track that is being written, wherever they are kept.
 #ifndef KESTREL_ISOFF_SAMPLE_PROVIDER_H
 #define KESTREL_ISOFF_SAMPLE_PROVIDER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writing a file: its state, its tracks, its samples.
 #ifndef KESTREL_ISOFF_WRITER_H
 #define KESTREL_ISOFF_WRITER_H
