@@ -4,7 +4,9 @@
 import contextlib
 import os
 import pathlib
+import re
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -13,6 +15,7 @@ import unittest
 BIN = pathlib.Path(os.environ["KESTREL_EXAMPLES"])
 TOOL = os.environ["KESTREL_TOOL"]
 SAMPLES = pathlib.Path(os.environ["KESTREL_SAMPLES"])
+ROOT = pathlib.Path(__file__).resolve().parent.parent
 
 
 def run(*command, **more):
@@ -118,6 +121,41 @@ class Examples(unittest.TestCase):
                 (run(BIN / "play_pipe", "vr", input=cut), b"play_pipe: ")]:
             self.assertEqual(result.returncode, 1)
             self.assertIn(text, result.stderr)
+
+
+class ReaderOfNativeStreams(unittest.TestCase):
+    """examples/read_stream.py knows nothing but docs/native-format.md."""
+
+    def read(self, stream):
+        result = run(sys.executable, ROOT / "examples" / "read_stream.py", "-", "/dev/stdout",
+                     input=stream)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return result.stdout
+
+    def test_rebuilds_every_sample_as_unpack_does(self):
+        streams = 0
+        for file in sorted([*SAMPLES.glob("*.3gp"), *SAMPLES.glob("wild/*.*")]):
+            for mode, api in ((mode, api) for mode in ("ar", "vr") for api in ("function", "class")):
+                stream = run(TOOL, "extract", file, mode, "--api", api, "-o", "-").stdout
+                if len(stream) <= 68:  # a file that this API does not play
+                    continue
+                with self.subTest(file=file.name, mode=mode, api=api):
+                    self.assertEqual(self.read(stream), unpacked(stream))
+                    streams += 1
+        self.assertGreater(streams, 50)
+
+    def test_rebuilds_the_streams_of_the_page(self):
+        page = (ROOT / "docs" / "native-format.md").read_text()
+        examples = re.findall(r"### .*, (\d+) bytes\n\n((?:    .*\n)+)", page)
+        self.assertEqual(len(examples), 2)
+        for size, lines in examples:
+            stream = b""
+            for at, hexadecimal, zeros in re.findall(
+                    r"^ *(\d+)  (?:((?:[0-9a-f]{2} )*[0-9a-f]{2})(?= {2}|$)|\(00 \* (\d+)\))", lines, re.M):
+                self.assertEqual(len(stream), int(at))
+                stream += bytes(int(zeros)) if zeros else bytes.fromhex(hexadecimal)
+            self.assertEqual(len(stream), int(size))
+            self.assertEqual(self.read(stream), unpacked(stream))
 
 
 if __name__ == "__main__":
