@@ -41,7 +41,7 @@ foreach(name kestrel kestrel-hosts)
 endforeach()
 install(
     FILES examples/CMakeLists.txt examples/class_seek.cpp examples/hint_upload.cpp
-          examples/play_pipe.c examples/smallest_host.c
+          examples/play_pipe.c examples/smallest_host.c examples/read_stream.py
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev/examples
     COMPONENT development)
 

@@ -142,6 +142,14 @@ class Readme(unittest.TestCase):
             for line in lines:
                 run_in(scratch, line)
 
+    def test_shows_what_a_command_prints(self):
+        text = (ROOT / "README.md").read_text()
+        command, output = re.search(
+            r"^    build/x64/bin/kestrel (.*)\n\nprints\n\n```text\n((?:.*\n)+?)```", text, re.M).groups()
+        printed = subprocess.run([TOOL, *command.split()], cwd=ROOT, check=False,
+                                 capture_output=True, text=True).stdout
+        self.assertEqual(printed, output)
+
 
 class Completion(unittest.TestCase):
     def test_offers_what_the_help_tells(self):
