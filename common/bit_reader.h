@@ -3,59 +3,93 @@
 #ifndef KESTREL_COMMON_BIT_READER_H
 #define KESTREL_COMMON_BIT_READER_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
+#include "common/bytes.h"
+
 namespace kestrel {
 
-// A read-only run of bytes with a position in bits. Bits past the end read as zero and make ok()
-// false for good; nothing outside the bytes is ever touched.
+// A cursor in a read-only run of bytes. Bits after the end read as zero and make ok() false for
+// good; nothing outside the bytes is ever touched.
 class BitReader {
   public:
+    // The largest `count` of any member.
+    static constexpr unsigned kMostBits = 24;
+
     BitReader() = default;
     explicit BitReader(std::span<const uint8_t> bytes, size_t bit_position = 0)
-        : bytes_(bytes), position_(bit_position) {}
-
-    bool ok() const { return ok_; }
-    size_t position() const { return position_; }
-    size_t size_in_bits() const { return bytes_.size() * 8; }
-    size_t remaining() const {
-        return position_ < size_in_bits() ? size_in_bits() - position_ : size_t{0};
+        : begin_(bytes.data()),
+          next_(begin_ + std::min(bit_position / 8, bytes.size())),
+          end_(begin_ + bytes.size()) {
+        skip(static_cast<unsigned>(bit_position % 8));
     }
 
-    // The next `count` bits (at most 32) without moving; bits past the end are zero.
-    uint32_t peek(unsigned count) const {
-        uint64_t window = 0;
-        const size_t first = position_ / 8;
-        for (size_t i = 0; i < 5; ++i) {
-            window = window << 8 | (first + i < bytes_.size() ? bytes_[first + i] : uint8_t{0});
-        }
-        const unsigned shift = 40 - static_cast<unsigned>(position_ % 8) - count;
-        return static_cast<uint32_t>(window >> shift & ((uint64_t{1} << count) - 1));
+    bool ok() const { return bits_ >= 0; }
+
+    // In bits, from the first byte. Of no use when ok() is false.
+    size_t position() const {
+        return static_cast<size_t>(next_ - begin_) * 8 - static_cast<size_t>(bits_);
+    }
+
+    // Returns the next `count` bits, 1 or more, without a move.
+    uint32_t peek(unsigned count) {
+        fill(count);
+        return front(count);
     }
 
     uint32_t get(unsigned count) {
         const uint32_t value = peek(count);
-        skip(count);
+        drop(count);
         return value;
     }
 
     bool flag() { return get(1) != 0; }
 
-    void skip(size_t count) {
-        if (count > remaining()) {
-            ok_ = false;
-            position_ = size_in_bits();
-        } else {
-            position_ += count;
-        }
+    void skip(unsigned count) {
+        fill(count);
+        drop(count);
+    }
+
+    // The steps of peek and skip, for a caller that needs one fill for several of them: front and
+    // drop take no more bits, in sum, than fill was called with.
+    void fill(unsigned count) {
+        if (bits_ < static_cast<int>(count)) refill();
+    }
+    uint32_t front(unsigned count) const {
+        return static_cast<uint32_t>(window_ >> (kWindowBits - count));
+    }
+    void drop(unsigned count) {
+        window_ <<= count;
+        bits_ -= static_cast<int>(count);
     }
 
   private:
-    std::span<const uint8_t> bytes_;
-    size_t position_ = 0;
-    bool ok_ = true;
+    static constexpr int kWindowBits = sizeof(size_t) * 8;
+
+    // Makes bits_ at least kMostBits, or as many as there are.
+    void refill() {
+        if (static_cast<size_t>(end_ - next_) < sizeof window_) return refill_at_end();
+        // The bits after the last whole byte are kept as well: the next refill brings them again.
+        window_ |= load_be_word(next_) >> bits_;
+        const int bytes = (kWindowBits - 1 - bits_) / 8;
+        next_ += bytes;
+        bits_ += bytes * 8;
+    }
+
+    void refill_at_end() {
+        for (; next_ != end_ && bits_ <= kWindowBits - 8; bits_ += 8)
+            window_ |= size_t{*next_++} << (kWindowBits - 8 - bits_);
+        bits_ = std::max(bits_, -1);
+    }
+
+    const uint8_t* begin_ = nullptr;
+    const uint8_t* next_ = nullptr;  // the first byte that is not in the window as a whole
+    const uint8_t* end_ = nullptr;
+    size_t window_ = 0;  // the next bits, the first of them on top; zeros after the end
+    int bits_ = 0;       // those of them that count; negative: the cursor is after the end
 };
 
 }  // namespace kestrel

@@ -25,6 +25,18 @@ constexpr uint32_t load_be32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) << 24 | load_be24(p + 1);
 }
 
+// As many bytes as a register holds, in one load.
+inline size_t load_be_word(const uint8_t* p) {
+    size_t word = 0;
+    std::memcpy(&word, p, sizeof word);
+    if constexpr (std::endian::native != std::endian::little) return word;
+    if constexpr (sizeof word == sizeof(uint32_t)) {
+        return __builtin_bswap32(static_cast<uint32_t>(word));
+    } else {
+        return __builtin_bswap64(word);
+    }
+}
+
 inline void store_be16(uint8_t* p, uint16_t value) {
     p[0] = static_cast<uint8_t>(value >> 8);
     p[1] = static_cast<uint8_t>(value);

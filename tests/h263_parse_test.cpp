@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The H.263 walker against what independent encoders and a decoder told of their streams, and
+// The H.263 walker against what independent encoders and a decoder report of their streams, and
 // against hand-made pictures where those use too little of the standard.
 #include "native/codec/h263_parse.h"
 
@@ -7,26 +7,23 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <map>
-#include <random>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
+
+#include "fuzz/support/support.h"
+#include "tests/support/files.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-std::string sample_path(const std::string& name) {
-    return std::string(KESTREL_SAMPLES) + "/" + name;
+std::ifstream open_sample(const std::string& name) {
+    return std::ifstream(std::string(KESTREL_SAMPLES) + "/" + name);
 }
 
 // The pictures of a raw stream; each begins with a picture start code.
 std::vector<Bytes> read_pictures(const std::string& name) {
-    std::ifstream file(sample_path(name), std::ios::binary);
-    const Bytes all((std::istreambuf_iterator<char>(file)), {});
+    const Bytes all = read_sample(name);
     std::vector<Bytes> pictures;
     for (size_t i = 0; i < all.size(); ++i) {
         const bool starts =
@@ -41,25 +38,28 @@ size_t in_bits(const BitPosition& position) {
     return position.byte * 8 + position.bit;
 }
 
-// Walks a whole picture; `visit` sees the state behind every macroblock.
+constexpr auto kNoVisit = [](const nch_state&) {};
+
+// Walks on from `position`; `visit` sees the state after every macroblock.
 template <typename Visit>
-int walk(nch_state& state, const Bytes& picture, BitPosition& position, Visit visit) {
+int walk_from(BitPosition& position, nch_state& state, const Bytes& picture, Visit visit) {
     int result = kNchWalked;
     while ((result = get_start_of_mb(state, picture, position)) == kNchWalked)
         visit(state);
     return result;
 }
 
-int walk(nch_state& state, const Bytes& picture) {
+// Walks a whole picture.
+template <typename Visit = decltype(kNoVisit)>
+int walk(nch_state& state, const Bytes& picture, Visit visit = kNoVisit) {
     BitPosition position;
-    return walk(state, picture, position, [](const nch_state&) {});
+    return walk_from(position, state, picture, visit);
 }
 
-// ---- What the encoder told of its own stream ----
+// ---- What an encoder reports of its own macroblocks ----
 
-using Told = std::tuple<int, int, int, int, int, int, int>;
-
-Told told_by(const nch_macroblock& mb) {
+// Quantiser, GOB, address and predictors: the words of a line of the truth.
+std::vector<int> described(const nch_macroblock& mb) {
     return {mb.quantiser,
             mb.gob_number,
             mb.address,
@@ -69,89 +69,90 @@ Told told_by(const nch_macroblock& mb) {
             mb.vmv2 - kNchVectorBias};
 }
 
-class ToldMacroblocks : public testing::TestWithParam<const char*> {};
-
-TEST_P(ToldMacroblocks, AreMetWithTheirValues) {
-    const std::string name = std::string("truth/") + GetParam();
-    const std::vector<Bytes> pictures = read_pictures(name + ".h263");
-    std::ifstream truth(sample_path(name + ".txt"));
-    nch_state state;
-    std::map<size_t, Told> met;
-    size_t told = 0;
+// Reads a truth file: `picture` is called for each line "picture NUMBER ...", `macroblock` with the
+// numbers of each other line.
+template <typename Picture, typename Macroblock>
+void read_truth(const std::string& name, Picture picture, Macroblock macroblock) {
+    std::ifstream truth = open_sample(name);
     for (std::string line; std::getline(truth, line);) {
         std::istringstream words(line);
-        size_t number = 0;
-        size_t size = 0;
         std::string word;
-        if (line.starts_with("picture")) {
-            words >> word >> number >> word >> size;
-            ASSERT_LT(number, pictures.size());
-            ASSERT_EQ(size, pictures[number].size());
-            BitPosition position;
-            met.clear();
-            EXPECT_EQ(kNchEndOfPicture,
-                      walk(state, pictures[number], position, [&](const nch_state& s) {
-                          met[s.macroblock.first_bit] = told_by(s.macroblock);
-                      }));
+        size_t number = 0;
+        if (line.starts_with("picture") && words >> word >> number) {
+            picture(number);
             continue;
         }
-        int q = 0, gob = 0, address = 0, h1 = 0, v1 = 0, h2 = 0, v2 = 0;
-        words >> number >> q >> gob >> address >> h1 >> v1 >> h2 >> v2;
-        ++told;
-        ASSERT_TRUE(met.contains(number)) << line;
-        ASSERT_EQ(met[number], Told(q, gob, address, h1, v1, h2, v2)) << line;
+        std::vector<int> numbers;
+        for (int value = 0; words >> value;)
+            numbers.push_back(value);
+        macroblock(numbers);
     }
-    EXPECT_GT(told, 2000U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Streams, ToldMacroblocks,
+class EncoderTruth : public testing::TestWithParam<const char*> {};
+
+TEST_P(EncoderTruth, MatchesEveryMacroblock) {
+    const std::string name = std::string("truth/") + GetParam();
+    const std::vector<Bytes> pictures = read_pictures(name + ".h263");
+    nch_state state;
+    std::map<int, std::vector<int>> found;  // by first bit
+    size_t compared = 0;
+    read_truth(
+        name + ".txt",
+        [&](size_t number) {
+            found.clear();
+            walk(state, pictures.at(number), [&](const nch_state& s) {
+                found[static_cast<int>(s.macroblock.first_bit)] = described(s.macroblock);
+            });
+        },
+        [&](std::vector<int>& numbers) {
+            const int first_bit = numbers.at(0);
+            numbers.erase(numbers.begin());
+            ASSERT_EQ(numbers, found[first_bit]) << "at bit " << first_bit;
+            ++compared;
+        });
+    EXPECT_GT(compared, 2000U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, EncoderTruth,
                          testing::Values("mb_qcif", "mb_qcif_gob", "mb_qcif_lowrate"));
 
-// ---- What a decoder told of the vectors, which a wrong predictor would bend ----
+// ---- What a decoder reports of the vectors, which a wrong predictor would bend ----
 
-class ToldVectors : public testing::TestWithParam<const char*> {};
+class DecoderTruth : public testing::TestWithParam<const char*> {};
 
-TEST_P(ToldVectors, AreReached) {
+TEST_P(DecoderTruth, MatchesEveryVector) {
     const std::string name = std::string("h263/") + GetParam();
     const std::vector<Bytes> pictures = read_pictures(name + ".h263");
-    std::ifstream truth(sample_path(name + ".txt"));
-    using Vectors = std::tuple<int, int, int, int>;
-    std::map<std::pair<unsigned, unsigned>, Vectors> reached;
     nch_state state;
+    std::map<std::pair<int, int>, std::vector<int>> found;  // by column and row
     size_t moving = 0;
-    for (std::string line; std::getline(truth, line);) {
-        std::istringstream words(line);
-        if (line.starts_with("picture")) {
-            std::string word;
-            size_t number = 0;
-            words >> word >> number;
-            ASSERT_LT(number, pictures.size());
-            BitPosition position;
-            // What an earlier, larger picture may have left behind must not matter.
+    const auto keep = [&](const nch_state& s) {
+        const unsigned columns = s.picture.columns();
+        const unsigned column = (s.next.address - 1) % columns;
+        const nch_vector second = s.left[0];
+        const nch_vector third = s.above[column][0];
+        found[{column, (s.next.address - 1) / columns}] = {second.x, second.y, third.x, third.y};
+    };
+    read_truth(
+        name + ".txt",
+        [&](size_t number) {
+            // What an earlier, larger picture may have left must not matter.
             for (auto& column : state.above)
                 column.fill({77, -77});
             state.left.fill({55, -55});
-            walk(state, pictures[number], position, [&](const nch_state& s) {
-                const unsigned columns = s.picture.columns();
-                const unsigned column = (s.next_address - 1) % columns;
-                const nch_vector second = s.left[0];
-                const nch_vector third = s.above[column][0];
-                reached[{column, (s.next_address - 1) / columns}] = {second.x, second.y, third.x,
-                                                                     third.y};
-            });
-            continue;
-        }
-        unsigned column = 0, row = 0;
-        int x2 = 0, y2 = 0, x3 = 0, y3 = 0;
-        words >> column >> row >> x2 >> y2 >> x3 >> y3;
-        moving += x2 != 0 || y2 != 0 ? 1U : 0U;
-        const std::pair place(column, row);
-        ASSERT_EQ(reached[place], Vectors(x2, y2, x3, y3)) << line;
-    }
+            walk(state, pictures.at(number), keep);
+        },
+        [&](std::vector<int>& numbers) {
+            const std::pair place(numbers.at(0), numbers.at(1));
+            numbers.erase(numbers.begin(), numbers.begin() + 2);
+            ASSERT_EQ(numbers, found[place]) << "at " << place.first << " " << place.second;
+            moving += numbers[0] != 0 || numbers[1] != 0 ? 1U : 0U;
+        });
     EXPECT_GT(moving, 50U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Streams, ToldVectors,
+INSTANTIATE_TEST_SUITE_P(Streams, DecoderTruth,
                          testing::Values("annex_f", "annex_d_gobs", "annexes_dfijkst",
                                          "custom_two_row_gobs"));
 
@@ -202,14 +203,6 @@ constexpr Stream kStreams[] = {
 
 class WholeStreams : public testing::TestWithParam<Stream> {};
 
-// All that is left behind the last macroblock is the stuffing of its last byte.
-void expect_only_stuffing(const Bytes& picture, const BitPosition& end) {
-    EXPECT_LT(picture.size() * 8 - in_bits(end), 8U);
-    if (end.byte < picture.size()) {
-        EXPECT_EQ(0, picture[end.byte] & (0xff >> end.bit));
-    }
-}
-
 TEST_P(WholeStreams, AreWalkedToTheEndOfEveryPicture) {
     const Stream& stream = GetParam();
     const std::vector<Bytes> pictures = read_pictures(std::string(stream.name) + ".h263");
@@ -218,7 +211,7 @@ TEST_P(WholeStreams, AreWalkedToTheEndOfEveryPicture) {
     for (const Bytes& picture : pictures) {
         unsigned walked = 0;
         BitPosition position;
-        const int result = walk(state, picture, position, [&](const nch_state& s) {
+        const int result = walk_from(position, state, picture, [&](const nch_state& s) {
             const unsigned in_gob = stream.columns * stream.rows_per_gob;
             ASSERT_EQ(walked / in_gob, s.macroblock.gob_number);
             ASSERT_EQ(walked % in_gob, s.macroblock.address);
@@ -226,70 +219,37 @@ TEST_P(WholeStreams, AreWalkedToTheEndOfEveryPicture) {
         });
         EXPECT_EQ(kNchEndOfPicture, result);
         EXPECT_EQ(stream.columns * stream.rows, walked);
-        expect_only_stuffing(picture, position);
+        // All that is left is the stuffing of the last byte.
+        EXPECT_EQ(picture.size(), (in_bits(position) + 7) / 8);
+        EXPECT_TRUE(position.bit == 0 || (picture.back() & (0xff >> position.bit)) == 0);
     }
     EXPECT_EQ(stream.annexes, annexes(state.picture.modes));
 }
 
-// A copied state goes on as the original does, whatever has been walked since.
-TEST_P(WholeStreams, GoOnFromCopies) {
-    const std::vector<Bytes> pictures = read_pictures(std::string(GetParam().name) + ".h263");
+TEST_P(WholeStreams, FailWhereTheyAreCut) {
     nch_state state;
-    for (size_t i = 0; i < std::min<size_t>(pictures.size(), 3); ++i) {
-        nch_state copy = state;
-        BitPosition copied;
-        BitPosition position;
-        for (int n = 0; get_start_of_mb(state, pictures[i], position) == kNchWalked; ++n) {
-            if (n % 7 != 6) continue;
-            for (int again = 0; again < 7; ++again) {
-                ASSERT_EQ(kNchWalked, get_start_of_mb(copy, pictures[i], copied));
-            }
-            ASSERT_EQ(position, copied);
-            ASSERT_EQ(told_by(state.macroblock), told_by(copy.macroblock));
-        }
+    const Bytes whole = read_pictures(std::string(GetParam().name) + ".h263")[0];
+    for (size_t size = 0; size < whole.size(); size += 1 + size / 8) {
+        const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+        EXPECT_EQ(kNchFailed, walk(state, cut)) << size;
     }
 }
 
-// ---- Damage ----
-
-// Walks bytes that may be anything and checks what holds even so.
-void survive(nch_state state, const Bytes& picture) {
-    BitPosition position;
-    size_t before = 0;
-    const int result = walk(state, picture, position, [&](const nch_state& s) {
-        ASSERT_GT(in_bits(position) + 1, before);
-        before = in_bits(position);
-        ASSERT_LE(before, picture.size() * 8);
-        ASSERT_GE(s.macroblock.quantiser, 1);
-        ASSERT_LE(s.macroblock.quantiser, 31);
-        ASSERT_LE(s.macroblock.gob_number, 24);
-        ASSERT_LT(s.macroblock.address, 4 * kNchMostColumns);
-    });
-    EXPECT_NE(kNchWalked, result);
-    EXPECT_NE(kNchWalked, get_start_of_mb(state, picture, position)) << "goes on after its end";
-}
-
-TEST_P(WholeStreams, SurviveCutsAndFlippedBits) {
+// The fuzz target aborts where a walk leaves the picture or a copied state does not go on alike.
+TEST_P(WholeStreams, AreWalkedSafelyWhenDamaged) {
     const std::vector<Bytes> pictures = read_pictures(std::string(GetParam().name) + ".h263");
-    nch_state state;
-    std::mt19937 random(263);
-    for (size_t i = 0; i < std::min<size_t>(pictures.size(), 2); ++i) {
-        const Bytes& whole = pictures[i];
-        for (size_t size = 0; size < whole.size(); size += 1 + size / 4) {
-            const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-            nch_state fresh = state;
-            EXPECT_EQ(kNchFailed, walk(fresh, cut)) << size;
-        }
-        for (int n = 0; n < 150; ++n) {
-            Bytes damaged = whole;
-            // Half of the damage goes to the headers at the start.
-            const size_t reach = n % 2 == 0 ? std::min<size_t>(whole.size(), 16) : whole.size();
-            for (int flips = 1 + n % 3; flips > 0; --flips) {
-                damaged[random() % reach] ^= static_cast<uint8_t>(1U << random() % 8);
-            }
-            survive(state, damaged);
-        }
-        walk(state, whole);
+    fuzz::Numbers random(263);
+    for (int n = 0; n < 200; ++n) {
+        Bytes both = pictures.front();
+        const size_t before = n % 2 == 0 ? 0 : both.size();
+        both.insert(both.end(), pictures.back().begin(), pictures.back().end());
+        // Half of the damage goes to the headers, some of it is noise to the end.
+        const size_t reach = n % 4 < 2 ? size_t{16} : both.size() - before;
+        for (int flips = n % 4; flips > 0; --flips)
+            both[before + random.next() % reach] ^= static_cast<uint8_t>(1U << random.below(8));
+        for (size_t at = before + 11; n % 8 == 0 && at < both.size(); ++at)
+            both[at] = static_cast<uint8_t>(random.next());
+        LLVMFuzzerTestOneInput(both.data(), both.size());
     }
 }
 
@@ -299,19 +259,6 @@ INSTANTIATE_TEST_SUITE_P(Streams, WholeStreams, testing::ValuesIn(kStreams),
                              std::replace(name.begin(), name.end(), '/', '_');
                              return name;
                          });
-
-TEST(Damage, NoiseBehindAPictureHeaderIsSurvived) {
-    const std::vector<Bytes> pictures = read_pictures("h263/annexes_dfijkst.h263");
-    std::mt19937 random(1996);
-    nch_state state;
-    walk(state, pictures[0]);
-    for (int n = 0; n < 300; ++n) {
-        Bytes noise(pictures[1].begin(), pictures[1].begin() + 11);
-        for (int i = 0; i < 300; ++i)
-            noise.push_back(static_cast<uint8_t>(random()));
-        survive(state, noise);
-    }
-}
 
 // ---- Hand-made pictures ----
 
@@ -398,7 +345,7 @@ TEST(Vectors, AreFoldedAsTheModeSays) {
             EXPECT_EQ(x, state.macroblock.hmv1 - kNchVectorBias) << c.what;
             EXPECT_EQ(y, state.macroblock.vmv1 - kNchVectorBias) << c.what;
         }
-        EXPECT_EQ(kNchEndOfPicture, walk(state, picture, position, [](const nch_state&) {}));
+        EXPECT_EQ(kNchEndOfPicture, walk_from(position, state, picture, kNoVisit));
     }
 }
 
@@ -412,7 +359,8 @@ TEST(Vectors, OfFourHaveAPredictorOfTheThird) {
     BitPosition position;
     for (const auto& [h1, v1, h2, v2] : expected) {
         ASSERT_EQ(kNchWalked, get_start_of_mb(state, bits(picture), position));
-        EXPECT_EQ(Told(10, 0, state.next_address - 1, h1, v1, h2, v2), told_by(state.macroblock));
+        const int address = static_cast<int>(state.next.address) - 1;
+        EXPECT_EQ(std::vector<int>({10, 0, address, h1, v1, h2, v2}), described(state.macroblock));
     }
 }
 
@@ -421,7 +369,7 @@ TEST(Vectors, ThatGrowBeyondEveryPictureAreRefused) {
     nch_state state;
     BitPosition position;
     int walked = 0;
-    EXPECT_EQ(kNchFailed, walk(state, bits(kInterPlusD + repeat(farthest, 9)), position,
+    EXPECT_EQ(kNchFailed, walk(state, bits(kInterPlusD + repeat(farthest, 9)),
                                [&](const nch_state&) { ++walked; }));
     EXPECT_EQ(2, walked);
 }
@@ -506,7 +454,7 @@ TEST(Macroblocks, OfEveryKindTakeTheirBitsOrAreRefused) {
 struct HeaderCase {
     const char* what;
     std::string header;
-    unsigned width, height;  // 0 when it is to be refused
+    unsigned width = 0, height = 0;  // 0 when it is to be refused
 };
 
 TEST(PictureHeader, TellsItsSizeOrIsRefused) {
@@ -525,42 +473,37 @@ TEST(PictureHeader, TellsItsSizeOrIsRefused) {
          2048, 1152},
         {"ordered slices, unlimited vectors",
          kPlus + "001 010 01000010000 1000 " + inter + "0 01 00 00101 0 1 0000000 1", 176, 144},
-        {"no picture start code", "0000000000000001 100000 00000111 10 000 010 1 0000 00101 0 0", 0,
-         0},
-        {"PTYPE head", "0000000000000000 100000 00000111 11 000 010 1 0000 00101 0 0", 0, 0},
-        {"format 0", kHead + "000 1 0000 00101 0 0", 0, 0},
-        {"format 6 in PTYPE", kHead + "110 1 0000 00101 0 0", 0, 0},
-        {"arithmetic coding", kHead + "010 1 0100 00101 0 0", 0, 0},
-        {"PB-frames", kHead + "010 1 0001 00101 0 0", 0, 0},
-        {"quantiser 0", kHead + "010 1 0000 00000 0 0", 0, 0},
-        {"several bitstreams", kHead + "010 1 0000 00101 1 00 0", 0, 0},
-        {"UFEP 2", kPlus + "010 010 00000000000 1000 " + inter + tail, 0, 0},
-        {"nothing to refer back to", kPlus + "000 " + inter + tail, 0, 0},
-        {"plus, format 7", kPlus + "001 111 00000000000 1000 " + inter + tail, 0, 0},
-        {"plus, arithmetic coding", kPlus + "001 010 00100000000 1000 " + inter + tail, 0, 0},
-        {"reference selection", kPlus + "001 010 00000001000 1000 " + inter + tail, 0, 0},
-        {"independent segments", kPlus + "001 010 00000000100 1000 " + inter + tail, 0, 0},
-        {"OPPTYPE tail", kPlus + "001 010 00000000000 0000 " + inter + tail, 0, 0},
-        {"improved PB", kPlus + "001 010 00000000000 1000 010 000 001 " + tail, 0, 0},
-        {"B", kPlus + "001 010 00000000000 1000 011 000 001 " + tail, 0, 0},
-        {"EP", kPlus + "001 010 00000000000 1000 101 000 001 " + tail, 0, 0},
-        {"resampling", kPlus + "001 010 00000000000 1000 001 100 001 " + tail, 0, 0},
-        {"reduced resolution", kPlus + "001 010 00000000000 1000 001 010 001 " + tail, 0, 0},
-        {"MPPTYPE tail", kPlus + "001 010 00000000000 1000 001 000 000 " + tail, 0, 0},
-        {"plus, several bitstreams", kPlus + "001 010 00000000000 1000 " + inter + "1 00 00101 0",
-         0, 0},
+        {"no picture start code", "0000000000000001 100000 00000111 10 000 010 1 0000 00101 0 0"},
+        {"PTYPE head", "0000000000000000 100000 00000111 11 000 010 1 0000 00101 0 0"},
+        {"format 0", kHead + "000 1 0000 00101 0 0"},
+        {"format 6 in PTYPE", kHead + "110 1 0000 00101 0 0"},
+        {"arithmetic coding", kHead + "010 1 0100 00101 0 0"},
+        {"PB-frames", kHead + "010 1 0001 00101 0 0"},
+        {"quantiser 0", kHead + "010 1 0000 00000 0 0"},
+        {"several bitstreams", kHead + "010 1 0000 00101 1 00 0"},
+        {"UFEP 2", kPlus + "010 010 00000000000 1000 " + inter + tail},
+        {"nothing to refer back to", kPlus + "000 " + inter + tail},
+        {"plus, format 7", kPlus + "001 111 00000000000 1000 " + inter + tail},
+        {"plus, arithmetic coding", kPlus + "001 010 00100000000 1000 " + inter + tail},
+        {"reference selection", kPlus + "001 010 00000001000 1000 " + inter + tail},
+        {"independent segments", kPlus + "001 010 00000000100 1000 " + inter + tail},
+        {"OPPTYPE tail", kPlus + "001 010 00000000000 0000 " + inter + tail},
+        {"improved PB", kPlus + "001 010 00000000000 1000 010 000 001 " + tail},
+        {"B", kPlus + "001 010 00000000000 1000 011 000 001 " + tail},
+        {"EP", kPlus + "001 010 00000000000 1000 101 000 001 " + tail},
+        {"resampling", kPlus + "001 010 00000000000 1000 001 100 001 " + tail},
+        {"reduced resolution", kPlus + "001 010 00000000000 1000 001 010 001 " + tail},
+        {"MPPTYPE tail", kPlus + "001 010 00000000000 1000 001 000 000 " + tail},
+        {"plus, several bitstreams", kPlus + "001 010 00000000000 1000 " + inter + "1 00 00101 0"},
         {"custom, height 0",
-         kPlus + "001 110 00000000000 1000 " + inter + "0 0010 000110001 1 000000000 00101 0", 0,
-         0},
+         kPlus + "001 110 00000000000 1000 " + inter + "0 0010 000110001 1 000000000 00101 0"},
         {"custom, too tall",
-         kPlus + "001 110 00000000000 1000 " + inter + "0 0010 000110001 1 100100001 00101 0", 0,
-         0},
+         kPlus + "001 110 00000000000 1000 " + inter + "0 0010 000110001 1 100100001 00101 0"},
         {"custom, no marker",
-         kPlus + "001 110 00000000000 1000 " + inter + "0 0010 000110001 0 000011110 00101 0", 0,
-         0},
-        {"vectors without UUI", kPlus + "001 010 01000000000 1000 " + inter + "0 00 00101 0", 0, 0},
+         kPlus + "001 110 00000000000 1000 " + inter + "0 0010 000110001 0 000011110 00101 0"},
+        {"vectors without UUI", kPlus + "001 010 01000000000 1000 " + inter + "0 00 00101 0"},
         {"rectangular slices",
-         kPlus + "001 010 00000010000 1000 " + inter + "0 10 00101 0 1 0000000 1", 0, 0},
+         kPlus + "001 010 00000010000 1000 " + inter + "0 10 00101 0 1 0000000 1"},
     };
     for (const HeaderCase& c : cases) {
         nch_state state;
@@ -650,11 +593,42 @@ TEST(Segments, BeginWhereTheyAreDue) {
         nch_state state;
         BitPosition position;
         unsigned walked = 0;
-        EXPECT_EQ(c.result, walk(state, bits(c.picture + "1111"), position,
-                                 [&](const nch_state&) { ++walked; }))
+        EXPECT_EQ(c.result,
+                  walk(state, bits(c.picture + "1111"), [&](const nch_state&) { ++walked; }))
             << c.what;
         EXPECT_EQ(c.result == kNchEndOfPicture, walked == 48) << c.what;
         EXPECT_EQ(c.quantiser, state.macroblock.quantiser) << c.what;
+    }
+}
+
+// Against bits that are taken one by one.
+TEST(BitReader, ReturnsTheBitsAndZerosAfterTheEnd) {
+    fuzz::Numbers random(24);
+    for (int n = 0; n < 4000; ++n) {
+        Bytes bytes(random.below(24));
+        for (uint8_t& byte : bytes)
+            byte = static_cast<uint8_t>(random.next());
+        size_t at = random.next() % (bytes.size() * 8 + 1);
+        kestrel::BitReader reader(bytes, at);
+        while (reader.ok()) {
+            ASSERT_EQ(at, reader.position());
+            const unsigned count = 1 + random.below(kestrel::BitReader::kMostBits);
+            uint32_t expected = 0;
+            for (size_t bit = at; bit < at + count; ++bit) {
+                const bool set = bit / 8 < bytes.size() && (bytes[bit / 8] << bit % 8 & 0x80) != 0;
+                expected = expected << 1 | (set ? 1U : 0U);
+            }
+            ASSERT_EQ(expected, reader.peek(count));
+            if (random.below(2) == 0) {
+                ASSERT_EQ(expected, reader.get(count));
+            } else {
+                reader.skip(count);
+            }
+            at += count;
+            ASSERT_EQ(at <= bytes.size() * 8, reader.ok());
+        }
+        EXPECT_EQ(0U, reader.get(kestrel::BitReader::kMostBits));
+        EXPECT_FALSE(reader.ok());
     }
 }
 

@@ -163,7 +163,7 @@ bool skip_start_code(BitReader& reader) {
 }
 
 void start_segment(nch_state& state, unsigned address) {
-    state.next_address = address;
+    state.next.move_to(state.picture, address);
     state.segment_start = address;
 }
 
@@ -184,7 +184,7 @@ unsigned slice_address_bits(const nch_picture& picture) {
 bool parse_slice_address(BitReader& reader, const nch_state& state, unsigned& address) {
     address = reader.get(slice_address_bits(state.picture));
     return address < state.picture.macroblocks() &&
-           (state.picture.modes.arbitrary_slice_order || address == state.next_address);
+           (state.picture.modes.arbitrary_slice_order || address == state.next.address);
 }
 
 // SEPB2 keeps a long MBA and SQUANT together from imitating a start code.
@@ -211,8 +211,8 @@ nch_vector median(nch_vector a, nch_vector b, nch_vector c) {
 // right.
 nch_vector predict_upper(const nch_state& state, size_t block, nch_vector left) {
     const unsigned columns = state.picture.columns();
-    const unsigned column = state.next_address % columns;
-    if (state.next_address < state.segment_start + columns) return left;
+    const unsigned column = state.next.column;
+    if (state.next.address < state.segment_start + columns) return left;
     const nch_vector above_right = column + 1 < columns ? state.above[column + 1][0] : nch_vector{};
     return median(left, state.above[column][block], above_right);
 }
@@ -223,8 +223,7 @@ nch_vector predict(const nch_state& state, size_t block, const BlockVectors& own
     nch_vector left;
     if (block % 2 != 0) {
         left = own[block - 1];
-    } else if (state.next_address % state.picture.columns() != 0 &&
-               state.next_address > state.segment_start) {
+    } else if (state.next.column != 0 && state.next.address > state.segment_start) {
         left = state.left[lower ? 1 : 0];
     }
     return lower ? median(left, own[0], own[1]) : predict_upper(state, block, left);
@@ -275,17 +274,24 @@ void describe_third_vector(nch_macroblock& macroblock, nch_vector predictor) {
     macroblock.vmv2 = static_cast<int16_t>(predictor.y + kNchVectorBias);
 }
 
-// MVD, and MVD2 to MVD4 if there are four vectors.
-bool parse_vectors(BitReader& reader, nch_state& state, bool four, BlockVectors& vectors) {
+// MVD2 to MVD4; `vectors` has the first.
+bool parse_other_vectors(BitReader& reader, nch_state& state, BlockVectors& vectors) {
     constexpr size_t kThird = 2;
-    const size_t count = four ? vectors.size() : 1;
-    for (size_t block = 0; block < count; ++block) {
+    for (size_t block = 1; block < vectors.size(); ++block) {
         vectors[block] = predict(state, block, vectors);
         if (block == kThird) describe_third_vector(state.macroblock, vectors[block]);
         if (!read_vector(reader, state.picture.modes, vectors[block])) return false;
     }
-    if (!four) vectors.fill(vectors[0]);
     return true;
+}
+
+// MVD, and MVD2 to MVD4 if there are four vectors; state.macroblock has the first predictor.
+bool parse_vectors(BitReader& reader, nch_state& state, bool four, BlockVectors& vectors) {
+    nch_vector first{static_cast<int16_t>(state.macroblock.hmv1 - kNchVectorBias),
+                     static_cast<int16_t>(state.macroblock.vmv1 - kNchVectorBias)};
+    if (!read_vector(reader, state.picture.modes, first)) return false;
+    vectors.fill(first);
+    return !four || parse_other_vectors(reader, state, vectors);
 }
 
 // ---- Macroblock layer (5.3, 5.4) ----
@@ -356,34 +362,6 @@ bool parse_dquant(BitReader& reader, const nch_modes& modes, uint8_t& quantiser)
     return true;
 }
 
-// INTRADC (5.4.1): two of its values do not exist.
-bool parse_intra_dc(BitReader& reader) {
-    constexpr unsigned kIntraDcBits = 8;
-    const uint32_t value = reader.get(kIntraDcBits);
-    return value != 0 && value != 0x80;
-}
-
-// The coefficients of one block, to the event that is its last.
-bool parse_coefficients(BitReader& reader, const nch_modes& modes) {
-    constexpr unsigned kMaxCoefficients = 64;
-    for (unsigned i = 0; i < kMaxCoefficients; ++i) {
-        const std::optional<bool> last = kestrel::read_tcoef(reader, modes.modified_quantisation);
-        if (!last) return false;
-        if (*last) return true;
-    }
-    return false;
-}
-
-bool parse_blocks(BitReader& reader, const nch_modes& modes, const MbHeader& header) {
-    constexpr unsigned kFirstBlock = 1U << 5;
-    const bool has_dc = is_intra(header.type) && !modes.advanced_intra;
-    for (unsigned block = kFirstBlock; block != 0; block >>= 1) {
-        if (has_dc && !parse_intra_dc(reader)) return false;
-        if ((header.coded_blocks & block) != 0 && !parse_coefficients(reader, modes)) return false;
-    }
-    return true;
-}
-
 // What follows the type of a coded macroblock.
 bool parse_coded_mb(BitReader& reader, nch_state& state, MbHeader& header, BlockVectors& vectors) {
     const nch_modes& modes = state.picture.modes;
@@ -394,18 +372,18 @@ bool parse_coded_mb(BitReader& reader, nch_state& state, MbHeader& header, Block
     if (!intra && !parse_vectors(reader, state, has_four_vectors(header.type), vectors)) {
         return false;
     }
-    return parse_blocks(reader, modes, header);
+    return kestrel::skip_blocks(reader, header.coded_blocks, intra && !modes.advanced_intra,
+                                modes.modified_quantisation);
 }
 
 // Tells of the macroblock that begins here.
 void describe(nch_state& state, size_t first_bit) {
-    const unsigned in_gob = state.picture.columns() * state.picture.rows_per_gob();
     const nch_vector predictor = predict(state, 0, {});
     nch_macroblock& macroblock = state.macroblock;
     macroblock = {};
     macroblock.first_bit = first_bit;
-    macroblock.gob_number = static_cast<uint8_t>(state.next_address / in_gob);
-    macroblock.address = static_cast<uint16_t>(state.next_address % in_gob);
+    macroblock.gob_number = static_cast<uint8_t>(state.next.gob);
+    macroblock.address = static_cast<uint16_t>(state.next.in_gob);
     macroblock.quantiser = state.quantiser;
     macroblock.hmv1 = static_cast<int16_t>(predictor.x + kNchVectorBias);
     macroblock.vmv1 = static_cast<int16_t>(predictor.y + kNchVectorBias);
@@ -414,8 +392,8 @@ void describe(nch_state& state, size_t first_bit) {
 // Goes on to the next macroblock, keeping the vectors that predict later ones.
 void advance(nch_state& state, const BlockVectors& vectors) {
     state.left = {vectors[1], vectors[3]};
-    state.above[state.next_address % state.picture.columns()] = {vectors[2], vectors[3]};
-    ++state.next_address;
+    state.above[state.next.column] = {vectors[2], vectors[3]};
+    state.next.advance(state.picture);
     --state.macroblocks_left;
 }
 
@@ -461,10 +439,10 @@ bool nch_picture_parse(BitReader& reader, nch_picture& picture) {
 bool nch_gob_parse(BitReader& reader, nch_state& state) {
     constexpr unsigned kGnBits = 5;
     if (!skip_start_code(reader)) return false;
-    const unsigned in_gob = state.picture.columns() * state.picture.rows_per_gob();
+    const unsigned in_gob = state.picture.macroblocks_per_gob();
     const unsigned gob = reader.get(kGnBits);
     // The picture's own header stands for that of GOB 0.
-    if (gob == 0 || gob * in_gob != state.next_address) return false;
+    if (gob == 0 || gob * in_gob != state.next.address) return false;
     reader.skip(kGfidBits);
     start_segment(state, gob * in_gob);
     return parse_quantiser(reader, state.quantiser) && reader.ok();
@@ -495,7 +473,7 @@ bool nch_first_slice_parse(BitReader& reader, nch_state& state) {
 
 bool nch_mb_parse(BitReader& reader, nch_state& state) {
     if (state.macroblocks_left == 0) return false;
-    if (state.next_address >= state.picture.macroblocks()) return false;
+    if (state.next.address >= state.picture.macroblocks()) return false;
     describe(state, reader.position());
     MbHeader header;
     BlockVectors vectors{};

@@ -75,6 +75,31 @@ struct nch_picture {
 
     // Macroblock rows in a GOB.
     unsigned rows_per_gob() const { return height <= 400 ? 1U : height <= 800 ? 2U : 4U; }
+    unsigned macroblocks_per_gob() const { return columns() * rows_per_gob(); }
+};
+
+// The place of a macroblock in its picture, kept without divisions from one to the next.
+struct nch_place {
+    unsigned address = 0;  // in scan order from the first macroblock of the picture
+    unsigned column = 0;
+    unsigned gob = 0;     // 0 is the first; in slices too it is the one of that place
+    unsigned in_gob = 0;  // in scan order from the first macroblock of its GOB
+
+    void move_to(const nch_picture& picture, unsigned to) {
+        address = to;
+        column = to % picture.columns();
+        gob = to / picture.macroblocks_per_gob();
+        in_gob = to % picture.macroblocks_per_gob();
+    }
+
+    void advance(const nch_picture& picture) {
+        ++address;
+        if (++column == picture.columns()) column = 0;
+        if (++in_gob == picture.macroblocks_per_gob()) {
+            in_gob = 0;
+            ++gob;
+        }
+    }
 };
 
 // The largest custom picture is 2048 pixels wide (5.1.5).
@@ -105,7 +130,7 @@ struct nch_state {
     nch_macroblock macroblock;  // the one that was walked last
 
     // Where the walk stands.
-    unsigned next_address = 0;      // of the next macroblock in the picture's scan order
+    nch_place next;                 // of the next macroblock
     unsigned macroblocks_left = 0;  // not yet walked; 0 outside a picture
     unsigned segment_start = 0;     // first macroblock behind the last picture, GOB or slice header
     uint8_t quantiser = 0;          // in force

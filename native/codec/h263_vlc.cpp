@@ -46,10 +46,12 @@ class VlcTable {
         return count;
     }
 
+    constexpr VlcHit at(size_t window) const { return hits_[window]; }
+
     std::optional<unsigned> read(BitReader& reader) const {
         const VlcHit hit = hits_[reader.peek(kWidth)];
         if (hit.length == 0) return std::nullopt;
-        reader.skip(hit.length);
+        reader.drop(hit.length);
         return hit.value;
     }
 
@@ -128,7 +130,7 @@ constexpr VlcCode kMvdCodes[] = {
 // clang-format on
 
 // What walking needs of a TCOEF code word: not its run and level, only whether the block goes on.
-enum TcoefKind : uint8_t { kMore, kLast, kEscape };
+enum TcoefKind : uint8_t { kMore, kLast, kEscape, kNone };
 
 // Table 16 without the sign bit. The levels 1, 2, ... of one run stand together.
 // clang-format off
@@ -179,6 +181,38 @@ constexpr VlcTable<6> kCbpy(kCbpyCodes);
 constexpr VlcTable<12> kMvd(kMvdCodes);
 constexpr VlcTable<12> kTcoef(kTcoefCodes);
 
+// A run of events that a window of bits begins with: up to the first that ends the block, is an
+// escape code (its fields are not part of the run) or is not in the window as a whole.
+struct TcoefRun {
+    uint8_t length = 0;  // bits, with the signs, of which the last may stand after the window
+    uint8_t events : 4 = 0;
+    TcoefKind kind : 4 = kNone;  // of the last event; kNone where no code word fits
+};
+
+constexpr unsigned kTcoefWindow = 12;
+constexpr unsigned kLongestTcoefRun = kTcoefWindow + 1;
+
+constexpr TcoefRun tcoef_run(size_t window) {
+    constexpr size_t kMask = (size_t{1} << kTcoefWindow) - 1;
+    TcoefRun run;
+    while (run.length < kTcoefWindow) {
+        const VlcHit hit = kTcoef.at(window << run.length & kMask);
+        if (hit.length == 0 || run.length + hit.length > kTcoefWindow) break;
+        run.kind = static_cast<TcoefKind>(hit.value);
+        run.length = static_cast<uint8_t>(run.length + hit.length + (run.kind == kEscape ? 0 : 1));
+        ++run.events;
+        if (run.kind != kMore) break;
+    }
+    return run;
+}
+
+constexpr auto kTcoefRuns = [] {
+    std::array<TcoefRun, size_t{1} << kTcoefWindow> runs;
+    for (size_t window = 0; window < runs.size(); ++window)
+        runs[window] = tcoef_run(window);
+    return runs;
+}();
+
 // All of the code space is used up but for what could imitate a start code.
 static_assert(kMcbpcIntra.unused() == 7);      // 000000xxx, less the stuffing
 static_assert(kMcbpcInter.unused() == 8 + 1);  // 0000000000xxx and 0000000001101
@@ -191,22 +225,47 @@ std::optional<Mcbpc> as_mcbpc(std::optional<unsigned> value) {
     return Mcbpc{static_cast<MbType>(*value >> 2), *value & 3};
 }
 
-// LAST, RUN and LEVEL behind the escape code (5.4.2, Annex T).
-std::optional<bool> read_escape(BitReader& reader, bool extended_level) {
+// LAST, RUN and LEVEL after the escape code (5.4.2, Annex T); yields LAST.
+std::optional<bool> skip_escape(BitReader& reader, bool extended_level) {
     constexpr unsigned kRunBits = 6;
     constexpr unsigned kLevelBits = 8;
     constexpr unsigned kExtendedLevelBits = 11;
     constexpr uint32_t kForbidden = 0;
     constexpr uint32_t kExtends = 0x80;
-    const bool last = reader.flag();
-    reader.skip(kRunBits);
-    const uint32_t level = reader.get(kLevelBits);
+    const uint32_t fields = reader.get(1 + kRunBits + kLevelBits);
+    const uint32_t level = fields & ((1U << kLevelBits) - 1);
     if (level == kForbidden) return std::nullopt;
     if (level == kExtends) {
         if (!extended_level) return std::nullopt;
         reader.skip(kExtendedLevelBits);
     }
-    return last;
+    return fields >> (kRunBits + kLevelBits) != 0;
+}
+
+// INTRADC (5.4.1): two of its values do not exist.
+bool skip_intra_dc(BitReader& reader) {
+    constexpr unsigned kIntraDcBits = 8;
+    const uint32_t value = reader.get(kIntraDcBits);
+    return value != 0 && value != 0x80;
+}
+
+// The TCOEF events of one block.
+inline bool skip_coefficients(BitReader& reader, bool extended_level) {
+    constexpr unsigned kMostEvents = 64;
+    unsigned events = 0;
+    while (events < kMostEvents) {
+        reader.fill(kLongestTcoefRun);
+        const TcoefRun run = kTcoefRuns[reader.front(kTcoefWindow)];
+        reader.drop(run.length);
+        events += run.events;
+        if (run.kind == kMore) continue;
+        if (run.kind == kLast) return events <= kMostEvents;
+        if (run.kind == kNone) return false;
+        const std::optional<bool> last = skip_escape(reader, extended_level);
+        if (!last) return false;
+        if (*last) return events <= kMostEvents;
+    }
+    return false;
 }
 
 }  // namespace
@@ -244,12 +303,15 @@ std::optional<int> read_reversible_mvd(BitReader& reader) {
     return std::nullopt;
 }
 
-std::optional<bool> read_tcoef(BitReader& reader, bool extended_level) {
-    const std::optional<unsigned> kind = kTcoef.read(reader);
-    if (!kind) return std::nullopt;
-    if (*kind == kEscape) return read_escape(reader, extended_level);
-    reader.skip(1);  // the sign
-    return *kind == kLast;
+bool skip_blocks(BitReader& reader, unsigned coded_blocks, bool has_dc, bool extended_level) {
+    constexpr unsigned kFirstBlock = 1U << 5;
+    BitReader local = reader;  // in registers
+    for (unsigned block = kFirstBlock; block != 0; block >>= 1) {
+        if (has_dc && !skip_intra_dc(local)) return false;
+        if ((coded_blocks & block) != 0 && !skip_coefficients(local, extended_level)) return false;
+    }
+    reader = local;
+    return true;
 }
 
 }  // namespace kestrel

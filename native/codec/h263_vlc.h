@@ -52,11 +52,12 @@ std::optional<int> read_mvd(BitReader& reader);
 // A motion vector difference of the reversible code of Table D.3, in half pixels, -4095..4095.
 std::optional<int> read_reversible_mvd(BitReader& reader);
 
-// One TCOEF event of Table 16, its sign or its escape fields included; yields LAST.
-// `extended_level` allows the long escape of Annex T. The tables of Annexes I and S give the same
-// code words other runs and levels but never another LAST, so that this one walks their
-// blocks as well.
-std::optional<bool> read_tcoef(BitReader& reader, bool extended_level);
+// Moves past the six blocks of a macroblock (5.4): INTRADC, where `has_dc`, and the TCOEF events of
+// those in `coded_blocks` (block 1 in the highest of six bits), up to the one whose LAST is set.
+// Yields false for an INTRADC that does not exist, for bits that are no code word and for a block
+// of more than 64 events. `extended_level` allows the long escape of Annex T. The tables of Annexes
+// I and S give the same code words other runs and levels but the same LAST.
+bool skip_blocks(BitReader& reader, unsigned coded_blocks, bool has_dc, bool extended_level);
 
 }  // namespace kestrel
 
