@@ -16,8 +16,8 @@ namespace kestrel {
 // good; nothing outside the bytes is ever touched.
 class BitReader {
   public:
-    // The largest `count` of any member.
-    static constexpr unsigned kMostBits = 24;
+    // The largest `count`.
+    static constexpr unsigned kMaxBits = 24;
 
     BitReader() = default;
     explicit BitReader(std::span<const uint8_t> bytes, size_t bit_position = 0)
@@ -25,6 +25,21 @@ class BitReader {
           next_(begin_ + std::min(bit_position / 8, bytes.size())),
           end_(begin_ + bytes.size()) {
         skip(static_cast<unsigned>(bit_position % 8));
+    }
+
+    // A copy for a hot loop, and the way back. They go field by field: compilers keep such a copy
+    // in registers, and one that is made as a whole in memory.
+    BitReader fork() const {
+        BitReader copy;
+        copy.begin_ = begin_;
+        copy.end_ = end_;
+        copy.join(*this);
+        return copy;
+    }
+    void join(const BitReader& fork) {
+        next_ = fork.next_;
+        window_ = fork.window_;
+        bits_ = fork.bits_;
     }
 
     bool ok() const { return bits_ >= 0; }
@@ -54,7 +69,7 @@ class BitReader {
     }
 
     // The steps of peek and skip, for a caller that needs one fill for several of them: front and
-    // drop take no more bits, in sum, than fill was called with.
+    // drop reach no farther than the bits that were filled.
     void fill(unsigned count) {
         if (bits_ < static_cast<int>(count)) refill();
     }
@@ -66,17 +81,21 @@ class BitReader {
         bits_ -= static_cast<int>(count);
     }
 
+    // Fills kFilled bits or more. A hot loop does this where fill would branch at random.
+    static constexpr unsigned kFilled = sizeof(size_t) * 8 - 8;
+    void top_up() { refill(); }
+
   private:
     static constexpr int kWindowBits = sizeof(size_t) * 8;
 
-    // Makes bits_ at least kMostBits, or as many as there are.
+    // Makes bits_ at least kFilled, or as many as there are.
     void refill() {
         if (static_cast<size_t>(end_ - next_) < sizeof window_) return refill_at_end();
         // The bits after the last whole byte are kept as well: the next refill brings them again.
         window_ |= load_be_word(next_) >> bits_;
-        const int bytes = (kWindowBits - 1 - bits_) / 8;
+        const unsigned bytes = static_cast<unsigned>(kWindowBits - 1 - bits_) / 8;
         next_ += bytes;
-        bits_ += bytes * 8;
+        bits_ += static_cast<int>(bytes * 8);
     }
 
     void refill_at_end() {

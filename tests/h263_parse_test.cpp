@@ -612,7 +612,7 @@ TEST(BitReader, ReturnsTheBitsAndZerosAfterTheEnd) {
         kestrel::BitReader reader(bytes, at);
         while (reader.ok()) {
             ASSERT_EQ(at, reader.position());
-            const unsigned count = 1 + random.below(kestrel::BitReader::kMostBits);
+            const unsigned count = 1 + random.below(kestrel::BitReader::kMaxBits);
             uint32_t expected = 0;
             for (size_t bit = at; bit < at + count; ++bit) {
                 const bool set = bit / 8 < bytes.size() && (bytes[bit / 8] << bit % 8 & 0x80) != 0;
@@ -627,7 +627,7 @@ TEST(BitReader, ReturnsTheBitsAndZerosAfterTheEnd) {
             at += count;
             ASSERT_EQ(at <= bytes.size() * 8, reader.ok());
         }
-        EXPECT_EQ(0U, reader.get(kestrel::BitReader::kMostBits));
+        EXPECT_EQ(0U, reader.get(kestrel::BitReader::kMaxBits));
         EXPECT_FALSE(reader.ok());
     }
 }

@@ -2,8 +2,6 @@
 #include "native/codec/h263_parse.h"
 
 #include <algorithm>
-#include <limits>
-#include <optional>
 
 #include "native/codec/h263_vlc.h"
 
@@ -198,8 +196,15 @@ bool parse_sepb2(BitReader& reader, const nch_picture& picture) {
 // The vectors of the four luminance blocks.
 using BlockVectors = std::array<nch_vector, 4>;
 
-int16_t median(int16_t a, int16_t b, int16_t c) {
-    return std::max(std::min(a, b), std::min(std::max(a, b), c));
+// The vectors of a macroblock: zeros where it has none.
+struct MbVectors {
+    nch_vector predictor;        // of the first, even where there is no vector
+    nch_vector third_predictor;  // of the third, where there are four
+    BlockVectors blocks{};
+};
+
+int16_t median(int a, int b, int c) {
+    return static_cast<int16_t>(std::max(std::min(a, b), std::min(std::max(a, b), c)));
 }
 
 nch_vector median(nch_vector a, nch_vector b, nch_vector c) {
@@ -209,24 +214,36 @@ nch_vector median(nch_vector a, nch_vector b, nch_vector c) {
 // The predictor of block 1 or 2 (index 0 or 1), given the candidate on its left. Where the
 // macroblock above is outside, the left one stands in for it and so wins, whatever is above on the
 // right.
-nch_vector predict_upper(const nch_state& state, size_t block, nch_vector left) {
-    const unsigned columns = state.picture.columns();
-    const unsigned column = state.next.column;
-    if (state.next.address < state.segment_start + columns) return left;
-    const nch_vector above_right = column + 1 < columns ? state.above[column + 1][0] : nch_vector{};
-    return median(left, state.above[column][block], above_right);
+inline nch_vector predict_upper(const nch_state& state, size_t block, nch_vector left) {
+    const nch_place& place = state.next;
+    if (place.address < state.segment_start + place.columns) return left;
+    const unsigned right = place.column + 1;
+    const nch_vector above_right = right < place.columns ? state.above[right][0] : nch_vector{};
+    return median(left, state.above[place.column][block], above_right);
 }
 
-// The predictor of a block (index 0 to 3), given the vectors of the blocks before it (Figure F.1).
-nch_vector predict(const nch_state& state, size_t block, const BlockVectors& own) {
-    const bool lower = block >= 2;
-    nch_vector left;
-    if (block % 2 != 0) {
-        left = own[block - 1];
-    } else if (state.next.column != 0 && state.next.address > state.segment_start) {
-        left = state.left[lower ? 1 : 0];
+// The vector on the left of block 1 or 3 (row 0 or 1).
+inline nch_vector left_of(const nch_state& state, size_t row) {
+    const bool inside = state.next.column != 0 && state.next.address > state.segment_start;
+    return inside ? state.left[row] : nch_vector{};
+}
+
+// The predictor of the macroblock's first vector.
+inline nch_vector predict_first(const nch_state& state) {
+    return predict_upper(state, 0, left_of(state, 0));
+}
+
+// The predictor of block 2, 3 or 4 (index 1 to 3), given the vectors of those before it (Figure
+// F.1).
+nch_vector predict_other(const nch_state& state, size_t block, const BlockVectors& own) {
+    switch (block) {
+        case 1:
+            return predict_upper(state, 1, own[0]);
+        case 2:
+            return median(left_of(state, 1), own[0], own[1]);
+        default:
+            return median(own[2], own[0], own[1]);
     }
-    return lower ? median(left, own[0], own[1]) : predict_upper(state, block, left);
 }
 
 // A component from its predictor and its difference of Table 14, which stands for two values that
@@ -241,24 +258,25 @@ int fold_component(int predictor, int difference, bool unrestricted) {
 }
 
 bool read_folded_vector(BitReader& reader, bool unrestricted, nch_vector& vector) {
-    const std::optional<int> x = kestrel::read_mvd(reader);
-    const std::optional<int> y = x ? kestrel::read_mvd(reader) : std::nullopt;
-    if (!y) return false;
-    vector.x = static_cast<int16_t>(fold_component(vector.x, *x, unrestricted));
-    vector.y = static_cast<int16_t>(fold_component(vector.y, *y, unrestricted));
+    int x = 0;
+    int y = 0;
+    if (!kestrel::read_mvd(reader, x) || !kestrel::read_mvd(reader, y)) return false;
+    vector.x = static_cast<int16_t>(fold_component(vector.x, x, unrestricted));
+    vector.y = static_cast<int16_t>(fold_component(vector.y, y, unrestricted));
     return true;
 }
 
 bool read_reversible_vector(BitReader& reader, nch_vector& vector) {
     // No vector reaches farther than across the largest picture, with room to spare.
     constexpr int kFarthest = 8191;
-    const std::optional<int> x = kestrel::read_reversible_mvd(reader);
-    const std::optional<int> y = x ? kestrel::read_reversible_mvd(reader) : std::nullopt;
-    if (!y) return false;
+    int x = 0;
+    int y = 0;
+    if (!kestrel::read_reversible_mvd(reader, x)) return false;
+    if (!kestrel::read_reversible_mvd(reader, y)) return false;
     // Two differences of +1 are six zeros; a one keeps them from imitating a start code (D.2).
-    if (*x == 1 && *y == 1 && !reader.flag()) return false;
-    const int sum_x = vector.x + *x;
-    const int sum_y = vector.y + *y;
+    if (x == 1 && y == 1 && !reader.flag()) return false;
+    const int sum_x = vector.x + x;
+    const int sum_y = vector.y + y;
     vector = {static_cast<int16_t>(sum_x), static_cast<int16_t>(sum_y)};
     return std::max({sum_x, -sum_x, sum_y, -sum_y}) <= kFarthest;
 }
@@ -269,28 +287,23 @@ bool read_vector(BitReader& reader, const nch_modes& modes, nch_vector& vector) 
     return read_folded_vector(reader, modes.unrestricted_vectors, vector);
 }
 
-void describe_third_vector(nch_macroblock& macroblock, nch_vector predictor) {
-    macroblock.hmv2 = static_cast<int16_t>(predictor.x + kNchVectorBias);
-    macroblock.vmv2 = static_cast<int16_t>(predictor.y + kNchVectorBias);
-}
-
 // MVD2 to MVD4; `vectors` has the first.
-bool parse_other_vectors(BitReader& reader, nch_state& state, BlockVectors& vectors) {
+bool parse_other_vectors(BitReader& reader, const nch_state& state, MbVectors& vectors) {
     constexpr size_t kThird = 2;
-    for (size_t block = 1; block < vectors.size(); ++block) {
-        vectors[block] = predict(state, block, vectors);
-        if (block == kThird) describe_third_vector(state.macroblock, vectors[block]);
-        if (!read_vector(reader, state.picture.modes, vectors[block])) return false;
+    BlockVectors& blocks = vectors.blocks;
+    for (size_t block = 1; block < blocks.size(); ++block) {
+        blocks[block] = predict_other(state, block, blocks);
+        if (block == kThird) vectors.third_predictor = blocks[block];
+        if (!read_vector(reader, state.picture.modes, blocks[block])) return false;
     }
     return true;
 }
 
-// MVD, and MVD2 to MVD4 if there are four vectors; state.macroblock has the first predictor.
-bool parse_vectors(BitReader& reader, nch_state& state, bool four, BlockVectors& vectors) {
-    nch_vector first{static_cast<int16_t>(state.macroblock.hmv1 - kNchVectorBias),
-                     static_cast<int16_t>(state.macroblock.vmv1 - kNchVectorBias)};
+// MVD, and MVD2 to MVD4 if there are four vectors.
+bool parse_vectors(BitReader& reader, const nch_state& state, bool four, MbVectors& vectors) {
+    nch_vector first = vectors.predictor;
     if (!read_vector(reader, state.picture.modes, first)) return false;
-    vectors.fill(first);
+    vectors.blocks.fill(first);
     return !four || parse_other_vectors(reader, state, vectors);
 }
 
@@ -307,15 +320,16 @@ struct MbHeader {
 // them without saying so, and the type alone tells what follows.
 bool parse_mb_type(BitReader& reader, const nch_picture& picture, MbHeader& header) {
     const bool inter = picture.coding_type == kNchInter;
-    std::optional<kestrel::Mcbpc> mcbpc;
+    kestrel::Mcbpc mcbpc;
     do {
         header.coded = !(inter && reader.flag());
         if (!header.coded) return true;
-        mcbpc = inter ? kestrel::read_mcbpc_inter(reader) : kestrel::read_mcbpc_intra(reader);
-        if (!mcbpc) return false;
-    } while (mcbpc->type == MbType::kStuffing);
-    header.type = mcbpc->type;
-    header.chroma = mcbpc->chroma;
+        const bool read = inter ? kestrel::read_mcbpc_inter(reader, mcbpc)
+                                : kestrel::read_mcbpc_intra(reader, mcbpc);
+        if (!read) return false;
+    } while (mcbpc.type == MbType::kStuffing);
+    header.type = mcbpc.type;
+    header.chroma = mcbpc.chroma;
     return true;
 }
 
@@ -323,11 +337,11 @@ bool parse_mb_type(BitReader& reader, const nch_picture& picture, MbHeader& head
 bool parse_coded_blocks(BitReader& reader, const nch_modes& modes, MbHeader& header) {
     constexpr unsigned kLuminance = 0xf;
     constexpr unsigned kBothChroma = 3;
-    const std::optional<unsigned> cbpy = kestrel::read_cbpy_intra(reader);
-    if (!cbpy) return false;
+    unsigned cbpy = 0;
+    if (!kestrel::read_cbpy_intra(reader, cbpy)) return false;
     const bool as_intra =
         is_intra(header.type) || (modes.alternative_inter_vlc && header.chroma == kBothChroma);
-    header.coded_blocks = (as_intra ? *cbpy : *cbpy ^ kLuminance) << 2 | header.chroma;
+    header.coded_blocks = (as_intra ? cbpy : cbpy ^ kLuminance) << 2 | header.chroma;
     return true;
 }
 
@@ -363,7 +377,7 @@ bool parse_dquant(BitReader& reader, const nch_modes& modes, uint8_t& quantiser)
 }
 
 // What follows the type of a coded macroblock.
-bool parse_coded_mb(BitReader& reader, nch_state& state, MbHeader& header, BlockVectors& vectors) {
+bool parse_coded_mb(BitReader& reader, nch_state& state, MbHeader& header, MbVectors& vectors) {
     const nch_modes& modes = state.picture.modes;
     const bool intra = is_intra(header.type);
     if (intra && modes.advanced_intra) skip_intra_mode(reader);
@@ -376,24 +390,27 @@ bool parse_coded_mb(BitReader& reader, nch_state& state, MbHeader& header, Block
                                 modes.modified_quantisation);
 }
 
-// Tells of the macroblock that begins here.
-void describe(nch_state& state, size_t first_bit) {
-    const nch_vector predictor = predict(state, 0, {});
-    nch_macroblock& macroblock = state.macroblock;
-    macroblock = {};
-    macroblock.first_bit = first_bit;
-    macroblock.gob_number = static_cast<uint8_t>(state.next.gob);
-    macroblock.address = static_cast<uint16_t>(state.next.in_gob);
-    macroblock.quantiser = state.quantiser;
-    macroblock.hmv1 = static_cast<int16_t>(predictor.x + kNchVectorBias);
-    macroblock.vmv1 = static_cast<int16_t>(predictor.y + kNchVectorBias);
+int16_t biased(int16_t component) {
+    return static_cast<int16_t>(component + kNchVectorBias);
+}
+
+// Describes the macroblock that began at `first_bit` with `quantiser` in force.
+void describe(nch_state& state, size_t first_bit, uint8_t quantiser, const MbVectors& vectors) {
+    state.macroblock = {.first_bit = first_bit,
+                        .gob_number = static_cast<uint8_t>(state.next.gob),
+                        .address = static_cast<uint16_t>(state.next.in_gob),
+                        .quantiser = quantiser,
+                        .hmv1 = biased(vectors.predictor.x),
+                        .vmv1 = biased(vectors.predictor.y),
+                        .hmv2 = biased(vectors.third_predictor.x),
+                        .vmv2 = biased(vectors.third_predictor.y)};
 }
 
 // Goes on to the next macroblock, keeping the vectors that predict later ones.
 void advance(nch_state& state, const BlockVectors& vectors) {
     state.left = {vectors[1], vectors[3]};
     state.above[state.next.column] = {vectors[2], vectors[3]};
-    state.next.advance(state.picture);
+    state.next.advance();
     --state.macroblocks_left;
 }
 
@@ -473,35 +490,41 @@ bool nch_first_slice_parse(BitReader& reader, nch_state& state) {
 
 bool nch_mb_parse(BitReader& reader, nch_state& state) {
     if (state.macroblocks_left == 0) return false;
-    if (state.next.address >= state.picture.macroblocks()) return false;
-    describe(state, reader.position());
+    if (state.next.address >= state.next.macroblocks) return false;
+    const size_t first_bit = reader.position();
+    const uint8_t quantiser = state.quantiser;
     MbHeader header;
-    BlockVectors vectors{};
+    MbVectors vectors;
+    vectors.predictor = predict_first(state);
     if (!parse_mb_type(reader, state.picture, header)) return false;
     if (header.coded && !parse_coded_mb(reader, state, header, vectors)) return false;
-    advance(state, vectors);
-    return reader.ok();
+    if (!reader.ok()) return false;
+    describe(state, first_bit, quantiser, vectors);
+    advance(state, vectors.blocks);
+    return true;
+}
+
+int nch_walk(nch_state& state, BitReader& reader, bool at_start) {
+    if (!at_start && state.macroblocks_left == 0) return kNchEndOfPicture;
+    bool walked = true;
+    if (at_start) {
+        walked = parse_picture_start(reader, state);
+    } else if (reader.peek(kStartCodeZeros) == 0) {
+        walked = parse_segment_start(reader, state);
+    }
+    if (walked && nch_mb_parse(reader, state)) return kNchWalked;
+    state.macroblocks_left = 0;
+    return kNchFailed;
 }
 
 int get_start_of_mb(nch_state& state, std::span<const uint8_t> picture, BitPosition& position) {
-    constexpr size_t kMaxBytes = std::numeric_limits<size_t>::max() / 8;
-    const bool at_start = position == BitPosition{};
-    if (!at_start && state.macroblocks_left == 0) return kNchEndOfPicture;
-    const nch_macroblock before = state.macroblock;
-    const bool reachable =
-        picture.size() <= kMaxBytes && position.byte < picture.size() && position.bit < 8;
-    BitReader reader(picture, reachable ? position.byte * 8 + position.bit : 0);
-    bool walked = reachable;
-    if (at_start) {
-        walked = walked && parse_picture_start(reader, state);
-    } else if (walked && reader.peek(kStartCodeZeros) == 0) {
-        walked = parse_segment_start(reader, state);
-    }
-    if (!walked || !nch_mb_parse(reader, state)) {
-        state.macroblock = before;
-        state.macroblocks_left = 0;
-        return kNchFailed;
-    }
+    const bool inside =
+        picture.size() <= kNchMaxBytes && position.byte < picture.size() && position.bit < 8;
+    // Where nothing is, a reader of nothing fails.
+    const BitReader nothing;
+    BitReader reader = inside ? BitReader(picture, position.byte * 8 + position.bit) : nothing;
+    const int result = nch_walk(state, reader, position == BitPosition{});
+    if (result != kNchWalked) return result;
     position = {reader.position() / 8, static_cast<unsigned>(reader.position() % 8)};
-    return kNchWalked;
+    return result;
 }

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 
 #include "common/bit_reader.h"
@@ -84,26 +85,36 @@ struct nch_place {
     unsigned column = 0;
     unsigned gob = 0;     // 0 is the first; in slices too it is the one of that place
     unsigned in_gob = 0;  // in scan order from the first macroblock of its GOB
+    // Of the picture.
+    unsigned columns = 0;
+    unsigned per_gob = 0;
+    unsigned macroblocks = 0;
 
     void move_to(const nch_picture& picture, unsigned to) {
+        columns = picture.columns();
+        per_gob = picture.macroblocks_per_gob();
+        macroblocks = picture.macroblocks();
         address = to;
-        column = to % picture.columns();
-        gob = to / picture.macroblocks_per_gob();
-        in_gob = to % picture.macroblocks_per_gob();
+        column = to % columns;
+        gob = to / per_gob;
+        in_gob = to % per_gob;
     }
 
-    void advance(const nch_picture& picture) {
+    void advance() {
         ++address;
-        if (++column == picture.columns()) column = 0;
-        if (++in_gob == picture.macroblocks_per_gob()) {
+        if (++column == columns) column = 0;
+        if (++in_gob == per_gob) {
             in_gob = 0;
             ++gob;
         }
     }
 };
 
+// The longest picture that is walked, in bytes: positions are counted in bits.
+inline constexpr size_t kNchMaxBytes = std::numeric_limits<size_t>::max() / 8;
+
 // The largest custom picture is 2048 pixels wide (5.1.5).
-inline constexpr unsigned kNchMostColumns = 2048 / 16;
+inline constexpr unsigned kNchMaxColumns = 2048 / 16;
 
 // What is added to the motion vector predictors where they are kept.
 inline constexpr int kNchVectorBias = 32;
@@ -138,7 +149,7 @@ struct nch_state {
     // Vectors that later predictors need: blocks 2 and 4 of the macroblock before, and blocks 3 and
     // 4 of the latest macroblock in each column.
     std::array<nch_vector, 2> left{};
-    std::array<std::array<nch_vector, 2>, kNchMostColumns> above{};
+    std::array<std::array<nch_vector, 2>, kNchMaxColumns> above{};
 };
 
 // The results of get_start_of_mb.
@@ -152,6 +163,11 @@ enum : int { kNchWalked = 0, kNchEndOfPicture = 1, kNchFailed = -1 };
 // cannot be followed; `position` and state.macroblock then keep their values and the rest of the
 // picture cannot be walked either, but the next picture can.
 int get_start_of_mb(nch_state& state, std::span<const uint8_t> picture, BitPosition& position);
+
+// The same for a caller who walks on with one reader, which stands where the macroblock before
+// ended, or at the picture's first bit when `at_start`. Where the result is not kNchWalked, the
+// reader is of no use any more.
+int nch_walk(nch_state& state, kestrel::BitReader& reader, bool at_start);
 
 // The layers, in the order of their nesting. Each moves the reader past what it parsed and returns
 // whether that could be followed; where not, the records keep nothing to rely on.
@@ -169,7 +185,8 @@ bool nch_slice_parse(kestrel::BitReader& reader, nch_state& state);
 // The short slice header right behind the picture header (Annex K).
 bool nch_first_slice_parse(kestrel::BitReader& reader, nch_state& state);
 
-// A macroblock, stuffing before it included; describes it in state.macroblock.
+// A macroblock, stuffing before it included; describes it in state.macroblock, which keeps its
+// value where it cannot be followed.
 bool nch_mb_parse(kestrel::BitReader& reader, nch_state& state);
 
 #endif

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "native/codec/h263_vlc.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
+#include <iterator>
 #include <span>
 
 namespace kestrel {
@@ -36,6 +39,10 @@ class VlcTable {
                 hit = {code.length, code.value};
             }
         }
+        for (size_t window = 0; window < short_hits_.size(); ++window) {
+            const VlcHit hit = hits_[window << (kWidth - kShort)];
+            if (hit.length <= kShort) short_hits_[window] = hit;
+        }
     }
 
     // The windows that no code word covers: a wrong length in a table shows here.
@@ -46,17 +53,25 @@ class VlcTable {
         return count;
     }
 
+    static constexpr unsigned width() { return kWidth; }
     constexpr VlcHit at(size_t window) const { return hits_[window]; }
 
-    std::optional<unsigned> read(BitReader& reader) const {
-        const VlcHit hit = hits_[reader.peek(kWidth)];
-        if (hit.length == 0) return std::nullopt;
+    // Moves past a code word; false where none fits. Short ones, which are most, are looked up in a
+    // table of their own that takes little cache.
+    bool read(BitReader& reader, unsigned& value) const {
+        reader.fill(kWidth);
+        VlcHit hit = short_hits_[reader.front(kShort)];
+        if (hit.length == 0) hit = hits_[reader.front(kWidth)];
         reader.drop(hit.length);
-        return hit.value;
+        value = hit.value;
+        return hit.length != 0;
     }
 
   private:
+    static constexpr unsigned kShort = std::min(kWidth, 7U);
+
     std::array<VlcHit, size_t{1} << kWidth> hits_{};
+    std::array<VlcHit, size_t{1} << kShort> short_hits_{};  // codes of at most kShort bits
 };
 
 constexpr uint8_t mcbpc(MbType type, unsigned chroma) {
@@ -129,8 +144,27 @@ constexpr VlcCode kMvdCodes[] = {
 };
 // clang-format on
 
+// The same with their signs, and kMvdBias added to the values.
+constexpr int kMvdBias = 32;
+constexpr auto kSignedMvdCodes = [] {
+    std::array<VlcCode, 2 * std::size(kMvdCodes) - 1> codes{};
+    size_t count = 0;
+    for (const VlcCode& code : kMvdCodes) {
+        const auto bits = static_cast<uint16_t>(code.bits << 1);
+        const auto length = static_cast<uint8_t>(code.length + 1);
+        if (code.value == 0) {
+            codes[count++] = {code.bits, code.length, kMvdBias};
+            continue;
+        }
+        codes[count++] = {bits, length, static_cast<uint8_t>(kMvdBias + code.value)};
+        codes[count++] = {static_cast<uint16_t>(bits | 1), length,
+                          static_cast<uint8_t>(kMvdBias - code.value)};
+    }
+    return codes;
+}();
+
 // What walking needs of a TCOEF code word: not its run and level, only whether the block goes on.
-enum TcoefKind : uint8_t { kMore, kLast, kEscape, kNone };
+enum TcoefKind : uint8_t { kMore, kLast, kEscape };
 
 // Table 16 without the sign bit. The levels 1, 2, ... of one run stand together.
 // clang-format off
@@ -178,30 +212,40 @@ constexpr VlcCode kTcoefCodes[] = {
 constexpr VlcTable<9> kMcbpcIntra(kMcbpcIntraCodes);
 constexpr VlcTable<13> kMcbpcInter(kMcbpcInterCodes);
 constexpr VlcTable<6> kCbpy(kCbpyCodes);
-constexpr VlcTable<12> kMvd(kMvdCodes);
+constexpr VlcTable<13> kMvd(kSignedMvdCodes);
 constexpr VlcTable<12> kTcoef(kTcoefCodes);
 
-// A run of events that a window of bits begins with: up to the first that ends the block, is an
-// escape code (its fields are not part of the run) or is not in the window as a whole.
+// An escape code (5.4.2): the code word, LAST, RUN and LEVEL.
+constexpr unsigned kEscapeBits = 7;
+constexpr unsigned kRunBits = 6;
+constexpr unsigned kLevelBits = 8;
+constexpr unsigned kWholeEscapeBits = kEscapeBits + 1 + kRunBits + kLevelBits;
+
+constexpr unsigned kMaxEvents = 64;  // of a block
+
+// What a window of bits begins with: an escape code, or a run of other events up to the first that
+// ends its block or is not in the window as a whole.
 struct TcoefRun {
-    uint8_t length = 0;  // bits, with the signs, of which the last may stand after the window
-    uint8_t events : 4 = 0;
-    TcoefKind kind : 4 = kNone;  // of the last event; kNone where no code word fits
+    uint8_t length = 0;                   // bits; the last of them may stand after the window
+    uint8_t events : 7 = kMaxEvents + 1;  // too many where no code word fits
+    uint8_t ends : 1 = 0;                 // 1 when the last event ends its block
 };
 
-constexpr unsigned kTcoefWindow = 12;
-constexpr unsigned kLongestTcoefRun = kTcoefWindow + 1;
+constexpr unsigned kTcoefWindow = 13;
 
 constexpr TcoefRun tcoef_run(size_t window) {
     constexpr size_t kMask = (size_t{1} << kTcoefWindow) - 1;
+    constexpr unsigned kAfterLast = kTcoefWindow - kEscapeBits - 1;
     TcoefRun run;
-    while (run.length < kTcoefWindow) {
-        const VlcHit hit = kTcoef.at(window << run.length & kMask);
-        if (hit.length == 0 || run.length + hit.length > kTcoefWindow) break;
-        run.kind = static_cast<TcoefKind>(hit.value);
-        run.length = static_cast<uint8_t>(run.length + hit.length + (run.kind == kEscape ? 0 : 1));
-        ++run.events;
-        if (run.kind != kMore) break;
+    while (run.length < kTcoefWindow && run.ends == 0) {
+        const size_t rest = window << run.length & kMask;
+        const VlcHit hit = kTcoef.at(rest >> (kTcoefWindow - kTcoef.width()));
+        const bool whole = hit.length != 0 && run.length + hit.length <= kTcoefWindow;
+        if (!whole || (hit.value == kEscape && run.length != 0)) break;
+        if (hit.value == kEscape) return {kWholeEscapeBits, 1, window >> kAfterLast & 1};
+        run.events = run.length == 0 ? 1 : run.events + 1;
+        run.ends = hit.value == kLast;
+        run.length = static_cast<uint8_t>(run.length + hit.length + 1);  // with its sign
     }
     return run;
 }
@@ -217,29 +261,15 @@ constexpr auto kTcoefRuns = [] {
 static_assert(kMcbpcIntra.unused() == 7);      // 000000xxx, less the stuffing
 static_assert(kMcbpcInter.unused() == 8 + 1);  // 0000000000xxx and 0000000001101
 static_assert(kCbpy.unused() == 2);            // 00000x
-static_assert(kMvd.unused() == 2);             // 00000000000x
+static_assert(kMvd.unused() == 4);             // 00000000000xx
 static_assert(kTcoef.unused() == 8);           // 000000000xxx
 
-std::optional<Mcbpc> as_mcbpc(std::optional<unsigned> value) {
-    if (!value) return std::nullopt;
-    return Mcbpc{static_cast<MbType>(*value >> 2), *value & 3};
-}
-
-// LAST, RUN and LEVEL after the escape code (5.4.2, Annex T); yields LAST.
-std::optional<bool> skip_escape(BitReader& reader, bool extended_level) {
-    constexpr unsigned kRunBits = 6;
-    constexpr unsigned kLevelBits = 8;
-    constexpr unsigned kExtendedLevelBits = 11;
-    constexpr uint32_t kForbidden = 0;
-    constexpr uint32_t kExtends = 0x80;
-    const uint32_t fields = reader.get(1 + kRunBits + kLevelBits);
-    const uint32_t level = fields & ((1U << kLevelBits) - 1);
-    if (level == kForbidden) return std::nullopt;
-    if (level == kExtends) {
-        if (!extended_level) return std::nullopt;
-        reader.skip(kExtendedLevelBits);
-    }
-    return fields >> (kRunBits + kLevelBits) != 0;
+template <unsigned kWidth>
+bool read_mcbpc(const VlcTable<kWidth>& table, BitReader& reader, Mcbpc& mcbpc) {
+    unsigned value = 0;
+    if (!table.read(reader, value)) return false;
+    mcbpc = {static_cast<MbType>(value >> 2), value & 3};
+    return true;
 }
 
 // INTRADC (5.4.1): two of its values do not exist.
@@ -249,69 +279,108 @@ bool skip_intra_dc(BitReader& reader) {
     return value != 0 && value != 0x80;
 }
 
-// The TCOEF events of one block.
-inline bool skip_coefficients(BitReader& reader, bool extended_level) {
-    constexpr unsigned kMostEvents = 64;
-    unsigned events = 0;
-    while (events < kMostEvents) {
-        reader.fill(kLongestTcoefRun);
-        const TcoefRun run = kTcoefRuns[reader.front(kTcoefWindow)];
-        reader.drop(run.length);
-        events += run.events;
-        if (run.kind == kMore) continue;
-        if (run.kind == kLast) return events <= kMostEvents;
-        if (run.kind == kNone) return false;
-        const std::optional<bool> last = skip_escape(reader, extended_level);
-        if (!last) return false;
-        if (*last) return events <= kMostEvents;
+// What follows a LEVEL of 0 or 128, which are no levels: 128 announces a longer one (Annex T).
+bool skip_extended_level(BitReader& reader, uint32_t level, bool allowed) {
+    constexpr uint32_t kExtends = 0x80;
+    constexpr unsigned kExtendedLevelBits = 11;
+    if (level != kExtends || !allowed) return false;
+    reader.skip(kExtendedLevelBits);
+    reader.top_up();
+    return true;
+}
+
+// Where a walk over the TCOEF events of a macroblock stands.
+struct EventWalk {
+    unsigned blocks = 0;  // not yet ended
+    unsigned events = 0;  // of the block so far
+    bool failed = false;
+
+    void fail() {
+        failed = true;
+        blocks = 0;
     }
-    return false;
+};
+
+// What a code word is cannot be foreseen, so ends of blocks are counted by arithmetic: every branch
+// here nearly always goes one way.
+inline void skip_run(BitReader& reader, bool extended_level, EventWalk& walk) {
+    const TcoefRun run = kTcoefRuns[reader.front(kTcoefWindow)];
+    const uint32_t level = reader.front(kWholeEscapeBits) & 0xff;  // if it is an escape code
+    reader.drop(run.length);
+    walk.events += run.events;
+    if (walk.events > kMaxEvents) return walk.fail();
+    if ((level & 0x7f) == 0 && run.length == kWholeEscapeBits &&
+        !skip_extended_level(reader, level, extended_level)) {
+        return walk.fail();
+    }
+    const unsigned ends = run.ends;
+    walk.events &= ends - 1;  // 0 at the end of a block
+    walk.blocks -= ends;
+}
+
+// The TCOEF events of `blocks` blocks that follow one another.
+inline bool skip_events(BitReader& reader, unsigned blocks, bool extended_level) {
+    constexpr bool kTwoRunsPerFill = BitReader::kFilled >= 2 * kWholeEscapeBits;
+    EventWalk walk{.blocks = blocks};
+    while (walk.blocks != 0) {
+        reader.top_up();
+        skip_run(reader, extended_level, walk);
+        if (kTwoRunsPerFill && walk.blocks != 0) skip_run(reader, extended_level, walk);
+    }
+    return !walk.failed;
 }
 
 }  // namespace
 
-std::optional<Mcbpc> read_mcbpc_intra(BitReader& reader) {
-    return as_mcbpc(kMcbpcIntra.read(reader));
+bool read_mcbpc_intra(BitReader& reader, Mcbpc& mcbpc) {
+    return read_mcbpc(kMcbpcIntra, reader, mcbpc);
 }
 
-std::optional<Mcbpc> read_mcbpc_inter(BitReader& reader) {
-    return as_mcbpc(kMcbpcInter.read(reader));
+bool read_mcbpc_inter(BitReader& reader, Mcbpc& mcbpc) {
+    return read_mcbpc(kMcbpcInter, reader, mcbpc);
 }
 
-std::optional<unsigned> read_cbpy_intra(BitReader& reader) {
-    return kCbpy.read(reader);
+bool read_cbpy_intra(BitReader& reader, unsigned& cbpy) {
+    return kCbpy.read(reader, cbpy);
 }
 
-std::optional<int> read_mvd(BitReader& reader) {
-    const std::optional<unsigned> size = kMvd.read(reader);
-    if (!size) return std::nullopt;
-    if (*size == 0) return 0;
-    const int magnitude = static_cast<int>(*size);
-    return reader.flag() ? -magnitude : magnitude;
+bool read_mvd(BitReader& reader, int& difference) {
+    unsigned value = 0;
+    const bool read = kMvd.read(reader, value);
+    difference = static_cast<int>(value) - kMvdBias;
+    return read;
 }
 
-std::optional<int> read_reversible_mvd(BitReader& reader) {
+bool read_reversible_mvd(BitReader& reader, int& difference) {
     constexpr int kLargest = 4095;
-    if (reader.flag()) return 0;
+    difference = 0;
+    if (reader.flag()) return true;
     // Pairs of a data bit and a 1 follow; a pair that ends in 0 holds the sign.
     int magnitude = 1;
     while (magnitude <= kLargest) {
         const bool bit = reader.flag();
-        if (!reader.flag()) return bit ? -magnitude : magnitude;
+        if (!reader.flag()) {
+            difference = bit ? -magnitude : magnitude;
+            return true;
+        }
         magnitude = magnitude * 2 + (bit ? 1 : 0);
     }
-    return std::nullopt;
+    return false;
 }
 
 bool skip_blocks(BitReader& reader, unsigned coded_blocks, bool has_dc, bool extended_level) {
-    constexpr unsigned kFirstBlock = 1U << 5;
-    BitReader local = reader;  // in registers
-    for (unsigned block = kFirstBlock; block != 0; block >>= 1) {
-        if (has_dc && !skip_intra_dc(local)) return false;
-        if ((coded_blocks & block) != 0 && !skip_coefficients(local, extended_level)) return false;
+    constexpr unsigned kBlocks = 6;
+    BitReader local = reader.fork();
+    // Without INTRADC between them, the events of all blocks follow one another.
+    unsigned steps = has_dc ? kBlocks : 1;
+    bool skipped = true;
+    while (skipped && steps-- > 0) {
+        const int blocks = has_dc ? coded_blocks >> steps & 1 : std::popcount(coded_blocks);
+        skipped = (!has_dc || skip_intra_dc(local)) &&
+                  skip_events(local, static_cast<unsigned>(blocks), extended_level);
     }
-    reader = local;
-    return true;
+    reader.join(local);
+    return skipped;
 }
 
 }  // namespace kestrel

@@ -4,7 +4,6 @@
 #define KESTREL_NATIVE_H263_VLC_H
 
 #include <cstdint>
-#include <optional>
 
 #include "common/bit_reader.h"
 
@@ -37,26 +36,26 @@ struct Mcbpc {
     unsigned chroma = 0;
 };
 
-// Each reader moves past the code it found and yields nothing where no code of its table stands.
+// Each reader moves past the code it found and returns false where no code of its table stands.
 // Reading past the end shows in the BitReader only.
-std::optional<Mcbpc> read_mcbpc_intra(BitReader& reader);
-std::optional<Mcbpc> read_mcbpc_inter(BitReader& reader);
+bool read_mcbpc_intra(BitReader& reader, Mcbpc& mcbpc);
+bool read_mcbpc_inter(BitReader& reader, Mcbpc& mcbpc);
 
 // CBPY in its meaning for intra macroblocks, four bits, block 1 in the highest. For inter
 // macroblocks the same code means the complement.
-std::optional<unsigned> read_cbpy_intra(BitReader& reader);
+bool read_cbpy_intra(BitReader& reader, unsigned& cbpy);
 
 // A motion vector difference of Table 14, in half pixels, -32..32.
-std::optional<int> read_mvd(BitReader& reader);
+bool read_mvd(BitReader& reader, int& difference);
 
 // A motion vector difference of the reversible code of Table D.3, in half pixels, -4095..4095.
-std::optional<int> read_reversible_mvd(BitReader& reader);
+bool read_reversible_mvd(BitReader& reader, int& difference);
 
-// Moves past the six blocks of a macroblock (5.4): INTRADC, where `has_dc`, and the TCOEF events of
-// those in `coded_blocks` (block 1 in the highest of six bits), up to the one whose LAST is set.
-// Yields false for an INTRADC that does not exist, for bits that are no code word and for a block
-// of more than 64 events. `extended_level` allows the long escape of Annex T. The tables of Annexes
-// I and S give the same code words other runs and levels but the same LAST.
+// Moves past the six blocks of a macroblock (5.4): INTRADC of each where `has_dc`, and the TCOEF
+// events of those in `coded_blocks` (block 1 in the highest of six bits), each up to the one whose
+// LAST is set. Returns false for an INTRADC that does not exist, for bits that are no code word and
+// for a block of more than 64 events. `extended_level` allows the long escape of Annex T. The
+// tables of Annexes I and S give the same code words other runs and levels but the same LAST.
 bool skip_blocks(BitReader& reader, unsigned coded_blocks, bool has_dc, bool extended_level);
 
 }  // namespace kestrel

@@ -42,12 +42,13 @@ VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, s
 bool MacroblockCutter::find_boundary(size_t limit) {
     if (!started_) {
         started_ = true;
-        if (get_start_of_mb(state_, picture_, next_) != kNchWalked) return false;
+        if (picture_.size() > kNchMaxBytes) return false;
+        if (nch_walk(state_, reader_, true) != kNchWalked) return false;
         fragment_macroblock_ = state_.macroblock;
     }
-    while (next_.byte < limit) {
-        candidate_ = next_;
-        if (get_start_of_mb(state_, picture_, next_) != kNchWalked) return false;
+    for (size_t end = reader_.position(); end / 8 < limit; end = reader_.position()) {
+        candidate_ = end;
+        if (nch_walk(state_, reader_, false) != kNchWalked) return false;
     }
     return candidate_ != fragment_start_;  // a macroblock that is longer than a packet
 }
@@ -55,7 +56,7 @@ bool MacroblockCutter::find_boundary(size_t limit) {
 VideoFragment MacroblockCutter::cut(size_t begin, size_t budget) {
     VideoFragment fragment;
     fragment.begin = begin;
-    fragment.start_bit = walking_ ? fragment_start_.bit : 0;
+    fragment.start_bit = walking_ ? fragment_start_ % 8 : 0;
     fragment.macroblock = fragment_macroblock_;
     if (picture_.size() - begin <= budget) {
         fragment.length = picture_.size() - begin;
@@ -68,8 +69,8 @@ VideoFragment MacroblockCutter::cut(size_t begin, size_t budget) {
         fragment.cut = CutAt::kAnywhere;
         return fragment;
     }
-    fragment.end_bit = candidate_.bit;
-    fragment.length = candidate_.byte - begin + (candidate_.bit != 0 ? 1 : 0);
+    fragment.end_bit = candidate_ % 8;
+    fragment.length = (candidate_ + 7) / 8 - begin;
     fragment.cut = CutAt::kMacroblock;
     fragment_start_ = candidate_;
     fragment_macroblock_ = state_.macroblock;

@@ -36,7 +36,8 @@ VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, s
 // be.
 class MacroblockCutter {
   public:
-    explicit MacroblockCutter(std::span<const uint8_t> picture) : picture_(picture) {}
+    explicit MacroblockCutter(std::span<const uint8_t> picture)
+        : picture_(picture), reader_(picture) {}
 
     // The fragment that begins where the one before ended and takes at most `budget` bytes. Once
     // the macroblocks can no longer be told, this and all later ones end at the budget.
@@ -51,11 +52,12 @@ class MacroblockCutter {
 
     std::span<const uint8_t> picture_;
     nch_state state_;
+    BitReader reader_;  // where the macroblock walked last ends
     bool walking_ = true;
     bool started_ = false;
-    BitPosition fragment_start_;
-    BitPosition candidate_;  // where the macroblock walked last begins
-    BitPosition next_;       // and where it ends
+    // In bits from the start of the picture.
+    size_t fragment_start_ = 0;
+    size_t candidate_ = 0;  // where the macroblock walked last begins
     nch_macroblock fragment_macroblock_;
 };
 
