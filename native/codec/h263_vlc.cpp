@@ -242,7 +242,7 @@ constexpr TcoefRun tcoef_run(size_t window) {
         const VlcHit hit = kTcoef.at(rest >> (kTcoefWindow - kTcoef.width()));
         const bool whole = hit.length != 0 && run.length + hit.length <= kTcoefWindow;
         if (!whole || (hit.value == kEscape && run.length != 0)) break;
-        if (hit.value == kEscape) return {kWholeEscapeBits, 1, window >> kAfterLast & 1};
+        if (hit.value == kEscape) return {kWholeEscapeBits, 1, (window >> kAfterLast & 1) != 0};
         run.events = run.length == 0 ? 1 : run.events + 1;
         run.ends = hit.value == kLast;
         run.length = static_cast<uint8_t>(run.length + hit.length + 1);  // with its sign
