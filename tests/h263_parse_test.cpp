@@ -287,7 +287,7 @@ std::string repeat(const std::string& text, int times) {
     return all;
 }
 
-// To the end of the byte, for the start code behind.
+// To the end of the byte, for the start code after it.
 std::string aligned(std::string text) {
     while (count_bits(text) % 8 != 0)
         text += '0';
@@ -314,7 +314,7 @@ TEST(Vectors, AreFoldedAsTheModeSays) {
         const char* what;
         const std::string& picture;
         std::vector<std::string> differences;  // horizontal and vertical, of the first macroblocks
-        std::vector<std::pair<int, int>> predictors;  // of the macroblock behind each
+        std::vector<std::pair<int, int>> predictors;  // of the macroblock after each
     };
     const std::string up31 = "0000000000110 ", down32 = "0000000000101 ", up2 = "0010 ",
                       down2 = "0011 ", none = "1 ";
@@ -378,7 +378,7 @@ TEST(Quantiser, FollowsDquant) {
     struct Case {
         const char* what;
         const std::string& picture;
-        std::vector<std::pair<std::string, int>> steps;  // DQUANT, and the quantiser behind it
+        std::vector<std::pair<std::string, int>> steps;  // DQUANT, and the quantiser after it
     };
     const Case cases[] = {
         {"Table 12",
@@ -393,16 +393,16 @@ TEST(Quantiser, FollowsDquant) {
     };
     for (const Case& c : cases) {
         std::string text = c.picture;
-        for (const auto& [dquant, behind] : c.steps)
+        for (const auto& [dquant, after] : c.steps)
             text += "0001 0011 " + dquant + kSixDc;
         const Bytes picture = bits(text + repeat("1 0011" + kSixDc, 48));
         nch_state state;
         BitPosition position;
         ASSERT_EQ(kNchWalked, get_start_of_mb(state, picture, position)) << c.what;
         EXPECT_EQ(10, state.macroblock.quantiser) << "its own DQUANT comes later";
-        for (const auto& [dquant, behind] : c.steps) {
+        for (const auto& [dquant, after] : c.steps) {
             ASSERT_EQ(kNchWalked, get_start_of_mb(state, picture, position)) << c.what;
-            EXPECT_EQ(behind, state.macroblock.quantiser) << c.what << " " << dquant;
+            EXPECT_EQ(after, state.macroblock.quantiser) << c.what << " " << dquant;
         }
     }
 }
@@ -457,7 +457,7 @@ struct HeaderCase {
     unsigned width = 0, height = 0;  // 0 when it is to be refused
 };
 
-TEST(PictureHeader, TellsItsSizeOrIsRefused) {
+TEST(PictureHeader, ReturnsItsSizeOrIsRefused) {
     const std::string tail = "0 00101 0";  // CPM, PQUANT, PEI
     const std::string inter = "001 000 001 ";
     const HeaderCase cases[] = {

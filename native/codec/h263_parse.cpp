@@ -18,7 +18,7 @@ constexpr int kLargestQuantiser = 31;
 
 // ---- Picture layer (5.1) ----
 
-constexpr unsigned kPlusFormat = 7;  // PTYPE: the format is told in PLUSPTYPE
+constexpr unsigned kPlusFormat = 7;  // PTYPE: PLUSPTYPE has the format
 
 // What of a picture header is needed only while it is parsed.
 struct HeaderPass {
@@ -152,7 +152,7 @@ bool skip_supplements(BitReader& reader) {
 
 // ---- GOB and slice layers (5.2, Annex K) ----
 
-// GSTUF or SSTUF, fewer than eight zeros, and the start code behind.
+// GSTUF or SSTUF, fewer than eight zeros, and the start code after them.
 bool skip_start_code(BitReader& reader) {
     constexpr unsigned kMaxStuffing = 7;
     for (unsigned i = 0; i < kMaxStuffing && reader.peek(kStartCodeBits) == 0; ++i)
@@ -317,7 +317,7 @@ struct MbHeader {
 };
 
 // COD and MCBPC, stuffing skipped. Four vectors belong to Annexes F and J, but some encoders use
-// them without saying so, and the type alone tells what follows.
+// them without a mode for them, and the type alone decides what follows.
 bool parse_mb_type(BitReader& reader, const nch_picture& picture, MbHeader& header) {
     const bool inter = picture.coding_type == kNchInter;
     kestrel::Mcbpc mcbpc;

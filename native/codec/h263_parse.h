@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Walks a coded H.263 picture macroblock by macroblock (ITU-T H.263, clause 5), without decoding
-// it, so that a packetiser can cut it between two macroblocks and tell the receiver what RFC 2190
-// mode B wants to know of the one a packet begins with.
+// it, so that a packetiser can cut it between two macroblocks and give what RFC 2190 mode B
+// requires of the macroblock that a packet begins with.
 //
 // Walked are I and P pictures of every source format and custom size, with the optional modes of
 // Annexes D, F, I, J, K (without rectangular slices), S and T. Refused are Annexes C, E, G, M, N,
@@ -119,10 +119,10 @@ inline constexpr unsigned kNchMaxColumns = 2048 / 16;
 // What is added to the motion vector predictors where they are kept.
 inline constexpr int kNchVectorBias = 32;
 
-// One macroblock, as things stood where it begins: behind the header of a GOB or slice that begins
+// One macroblock, as things stood where it begins: after the header of a GOB or slice that begins
 // with it, before its own DQUANT and vectors.
 struct nch_macroblock {
-    size_t first_bit = 0;    // in the picture; where its own bits begin, behind such a header
+    size_t first_bit = 0;    // in the picture; where its own bits begin, after such a header
     uint8_t gob_number = 0;  // 0 is the first; in slices too it is the one of that place
     uint16_t address = 0;    // in scan order from the first macroblock of its GOB
     uint8_t quantiser = 0;   // 1 to 31
@@ -143,7 +143,7 @@ struct nch_state {
     // Where the walk stands.
     nch_place next;                 // of the next macroblock
     unsigned macroblocks_left = 0;  // not yet walked; 0 outside a picture
-    unsigned segment_start = 0;     // first macroblock behind the last picture, GOB or slice header
+    unsigned segment_start = 0;     // first macroblock after the last picture, GOB or slice header
     uint8_t quantiser = 0;          // in force
 
     // Vectors that later predictors need: blocks 2 and 4 of the macroblock before, and blocks 3 and
@@ -157,8 +157,8 @@ enum : int { kNchWalked = 0, kNchEndOfPicture = 1, kNchFailed = -1 };
 
 // Walks the macroblock at `position` of `picture`, a coded picture that begins with its start code.
 // At (0, 0) the picture header is parsed first, and where the next 16 bits are zero the GOB or
-// slice header there. Returns kNchWalked with `position` moved behind the macroblock, where the
-// next one or the stuffing before its header begins, and state.macroblock telling of the one that
+// slice header there. Returns kNchWalked with `position` moved after the macroblock, where the
+// next one or the stuffing before its header begins, and state.macroblock describing the one that
 // was walked. Returns kNchEndOfPicture when all have been walked, and kNchFailed when the bits
 // cannot be followed; `position` and state.macroblock then keep their values and the rest of the
 // picture cannot be walked either, but the next picture can.
@@ -182,7 +182,7 @@ bool nch_gob_parse(kestrel::BitReader& reader, nch_state& state);
 // is due.
 bool nch_slice_parse(kestrel::BitReader& reader, nch_state& state);
 
-// The short slice header right behind the picture header (Annex K).
+// The short slice header right after the picture header (Annex K).
 bool nch_first_slice_parse(kestrel::BitReader& reader, nch_state& state);
 
 // A macroblock, stuffing before it included; describes it in state.macroblock, which keeps its

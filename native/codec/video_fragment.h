@@ -20,7 +20,7 @@ struct VideoFragment {
     size_t begin = 0;        // first byte
     size_t length = 0;       // bytes
     unsigned start_bit = 0;  // of the first byte, where the fragment begins
-    unsigned end_bit = 0;    // of the last byte, where it ends; 0: behind the last byte
+    unsigned end_bit = 0;    // of the last byte, where it ends; 0: after the last byte
     CutAt cut = CutAt::kEndOfSample;
     nch_macroblock macroblock;  // the one it begins with, where fragments follow macroblocks
 
@@ -31,7 +31,7 @@ struct VideoFragment {
 // Cuts a sample in front of start codes, or anywhere where there are none.
 VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, size_t budget);
 
-// Cuts an H.263 picture between macroblocks, as long as its walker can tell them. Each picture is
+// Cuts an H.263 picture between macroblocks, as long as its walker can follow them. Each picture is
 // walked on its own, so one whose header leaves its format and modes to the picture before cannot
 // be.
 class MacroblockCutter {
@@ -40,14 +40,14 @@ class MacroblockCutter {
         : picture_(picture), reader_(picture) {}
 
     // The fragment that begins where the one before ended and takes at most `budget` bytes. Once
-    // the macroblocks can no longer be told, this and all later ones end at the budget.
+    // the macroblocks can no longer be followed, this and all later ones end at the budget.
     VideoFragment cut(size_t begin, size_t budget);
 
     const nch_state& state() const { return state_; }
 
   private:
     // Walks until the macroblock at candidate_ is the last that begins in front of `limit` and ends
-    // at or behind it; false when the walker fails or no such macroblock begins a later fragment.
+    // at or after it; false when the walker fails or no such macroblock begins a later fragment.
     bool find_boundary(size_t limit);
 
     std::span<const uint8_t> picture_;
