@@ -29,7 +29,7 @@ def listed(text, title):
 
 
 def commands():
-    return listed(tool_help(), "Subcommands")
+    return listed(tool_help(), "Commands")
 
 
 def options(*command):
@@ -98,8 +98,8 @@ class ManPages(unittest.TestCase):
                 told = {word.strip(",") for entry in entries for word in entry.split()}
                 self.assertEqual([], [option for option in options(*command)
                                       if option not in told])
-                for positional in listed(tool_help(*command), "Positionals"):
-                    self.assertRegex(text, rf"(?m)^ {{5}}{positional}\b")
+                for argument in listed(tool_help(*command), "Arguments"):
+                    self.assertRegex(text, rf"(?m)^ {{5}}{argument}\b")
 
     def test_mandoc_finds_nothing_to_complain_of(self):
         for page in MAN.glob("*.1"):

@@ -318,7 +318,7 @@ class Check(ToolTest):
                     self.assertEqual([row[:4] for row in rows], expected)
                 self.assert_fails(result, 1, "1 of 1 file does not play")
         self.assert_fails(run("check"), 2, "FILE")
-        self.assert_fails(run("check", "--api", "up", "x"), 2, "up not in")
+        self.assert_fails(run("check", "--api", "up", "x"), 2, "'up' is none of function, class")
 
     def test_a_track_inside_another_is_reported(self):
         data = bytearray(pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes())

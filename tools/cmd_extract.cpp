@@ -179,17 +179,18 @@ void add_api_options(CLI::App* command, const std::shared_ptr<Options>& options)
     add_choice<Api>(command, "--api", options->api,
                     {{"function", Api::kFunction}, {"class", Api::kClass}},
                     "The library's API: function (kst_Open) or class (C3gpInterface)")
-        ->option_text("function|class [function]");
-    CLI::Option* from = command->add_option("--from", options->from_ms,
-                                            "With --api class: begin at the sync sample near MS "
-                                            "milliseconds, and tell which that is");
+        ->default_str("function");
+    CLI::Option* from =
+        command->add_option("--from", options->from_ms,
+                            "With --api class: begin at the sync sample near MS milliseconds, and "
+                            "print which one it is");
     from->type_name("MS");
     add_choice<Sync>(
         command, "--sync", options->sync,
         {{"next", Sync::kNext}, {"previous", Sync::kPrevious}, {"nearest", Sync::kNearest}},
-        "Which sync sample is meant: the one at or after MS, the one at or before it, or of the "
-        "two around it the farther one")
-        ->option_text("next|previous|nearest [previous]")
+        "Which sync sample is near MS: next is the first at or after it, previous the last at or "
+        "before it, and nearest, by the platform's rule, the farther of these two")
+        ->default_str("previous")
         ->needs(from);
 }
 
@@ -203,9 +204,7 @@ void add_extract(CLI::App& app) {
         ->add_option("FILE", options->input,
                      "3GP file; - reads standard input as it arrives, without waiting for its end")
         ->required();
-    command
-        ->add_option("MODE", options->mode,
-                     "Letters in any order: a (audio) or v (video), and r (read); for example ar")
+    command->add_option("MODE", options->mode, "What to play: ar for audio, vr for video")
         ->required();
     command->add_option("-o,--output", options->output, "Where to write; - is standard output")
         ->capture_default_str();
@@ -217,7 +216,7 @@ void add_extract(CLI::App& app) {
     add_api_options(command, options);
     command->callback([options] {
         if (options->arriving && options->input == "-") {
-            throw Error("--arriving needs a FILE; standard input arrives by itself", kWrongUsage);
+            throw Error("--arriving needs a file; standard input arrives by itself", kWrongUsage);
         }
         if (options->from_ms && options->api != Api::kClass) {
             throw Error("--from needs --api class; the function API cannot seek", kWrongUsage);

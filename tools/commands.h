@@ -4,6 +4,7 @@
 #define KESTREL_TOOLS_COMMANDS_H
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -35,8 +36,13 @@ CLI::Option* add_choice(CLI::App* command, const char* name, Target& value,
             if (choice.first == word) value = choice.second;
         }
     };
+    const auto refuse = [words](const std::string& word) {
+        if (std::find(words.begin(), words.end(), word) != words.end()) return std::string();
+        return "'" + word + "' is none of " + CLI::detail::join(words, ", ");
+    };
     return command->add_option_function<std::string>(name, choose, about)
-        ->check(CLI::IsMember(words));
+        ->check(refuse)
+        ->option_text(CLI::detail::join(words, "|"));
 }
 
 // How long a file may take.

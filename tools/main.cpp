@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <new>
 
+#include "tools/command_line.h"
 #include "tools/commands.h"
 #include "tools/support.h"
 
@@ -14,27 +15,14 @@ int report(std::string_view text, int exit_code) {
     return exit_code;
 }
 
-int parse_and_run(CLI::App& app, int argc, char** argv) {
-    try {
-        app.parse(argc, argv);  // runs the command that was named
-        tool::finish_standard_output();
-        return tool::kDone;
-    } catch (const CLI::Success& asked_for) {
-        const int code = app.exit(asked_for);  // --help and --version
-        tool::finish_standard_output();
-        return code;
-    } catch (const CLI::ParseError& wrong) {
-        return report((std::string(wrong.what()) + " (try --help)").c_str(), tool::kWrongUsage);
-    }
-}
-
-// The commands as a user gives them; returns the exit code. No exception leaves it.
+// Returns the exit code.
 int run(int argc, char** argv) {
     CLI::App app("Gets media out of 3GP files as the platform's native streams.", "kestrel");
     app.require_subcommand(1);
     app.set_version_flag("--version", "kestrel " KESTREL_VERSION);
     app.failure_message(CLI::FailureMessage::simple);
-    app.footer("Exit status: 0 done, 1 failed, 2 wrong usage.");
+    const std::string exit_status = "Exit status: 0 done, 1 failed, 2 wrong usage.";
+    app.footer(exit_status);  // of the commands, too
     tool::add_extract(app);
     tool::add_info(app);
     tool::add_inspect(app);
@@ -46,9 +34,12 @@ int run(int argc, char** argv) {
     tool::add_check(app);
     for (CLI::App* command : app.get_subcommands({})) {
         command->add_flag_callback("--verbose", tool::show_remarks,
-                                   "Print what the library remarks on the file");
+                                   "Print the library's own lines on the file");
     }
-    return parse_and_run(app, argc, argv);
+    app.footer("'kestrel help COMMAND' explains a command, 'kestrel version' shows the version.\n" +
+               exit_status);
+    tool::format_help(app);
+    return tool::run_command_line(app, argc, argv);
 }
 
 }  // namespace

@@ -44,30 +44,13 @@ class Help:
 
 
 class Option:
-    """An option as its line in the help has it, such as "--mtu UINT:UINT in [64 - 65535]=1400"."""
+    """An option as its line in the help has it, such as "--mtu N   Longest packet (required)"."""
 
     def __init__(self, what, about):
-        names, _, rest = what.partition(" ")
+        names, _, self.argument = what.partition(" ")
         self.names = names.split(",")
-        self.about = about.rstrip(".") + "."
-        self.required = self._take(r" ?REQUIRED", rest) is not None
-        excluded = self._take(r" ?Excludes: (\S+)", rest)
-        limits = self._take(r":\w+ in \[(\d+ - \d+)\]", rest)
-        rest = re.sub(r" ?REQUIRED| ?(Excludes|Needs): \S+|:\w+ in \[[^]]*\]", "", rest)
-        default = self._take(r"=(\S+)", rest) or self._take(r" ?\[(\S+)\]", rest)
-        self.argument = re.sub(r"=\S+| ?\[\S+\]", "", rest).strip()
-        self.argument = {"TEXT": "OUT", "UINT": "N"}.get(self.argument, self.argument)
-        if limits:
-            self.about += f" From {limits.replace(' - ', ' to ')}."
-        if default:
-            self.about += f" Without the option: {default}."
-        if excluded:
-            self.about += f" Not together with {excluded}."
-
-    @staticmethod
-    def _take(pattern, text):
-        found = re.search(pattern, text)
-        return found and (found.group(1) if found.re.groups else found.group(0))
+        self.required = about.endswith(" (required)")
+        self.about = about.removesuffix(" (required)").rstrip(".") + "."
 
     def mdoc(self, name):
         argument = f" Ar {escape(self.argument)}" if self.argument else ""
@@ -85,14 +68,14 @@ def options_of(text):
 
 def synopsis(name, text):
     lines = [f".Nm {name}"]
-    if "Subcommands" in text.lists:
+    if "Commands" in text.lists:
         return lines + [".Ar COMMAND", ".Op Ar ARGUMENT ..."]
     for option in options_of(text):
         if "--help" in option.names:
             continue
         item = option.mdoc(option.names[0])
         lines.append(f".{item}" if option.required else f".Op {item}")
-    return lines + [f".Ar {positional}" for positional in text.names("Positionals")]
+    return lines + [f".Ar {argument}" for argument in text.names("Arguments")]
 
 
 def tagged_list(entries):
@@ -104,7 +87,7 @@ def tagged_list(entries):
 
 def options(text):
     entries = [(f"Ar {what.split()[0]}", about.rstrip(".") + ".")
-               for what, about in text.lists.get("Positionals", [])]
+               for what, about in text.lists.get("Arguments", [])]
     entries += [(" , ".join(option.mdoc(name) for name in option.names), option.about)
                 for option in options_of(text)]
     return [".Sh OPTIONS"] + tagged_list(entries)
@@ -112,7 +95,7 @@ def options(text):
 
 def commands(text):
     entries = []
-    for what, about in text.lists["Subcommands"]:
+    for what, about in text.lists["Commands"]:
         entries.append((f"Xr kestrel-{what} 1", about + "."))
     return "\n".join(tagged_list(entries))
 
@@ -122,7 +105,7 @@ def exit_status():
 
 
 def see_also(tool, name):
-    others = [f"kestrel-{command}" for command in Help(tool).names("Subcommands")]
+    others = [f"kestrel-{command}" for command in Help(tool).names("Commands")]
     others = [other for other in ["kestrel"] + others if other != name]
     lines = [f".Xr {other} 1 ," for other in sorted(others)]
     return [".Sh SEE ALSO"] + lines[:-1] + [lines[-1].removesuffix(" ,")]
