@@ -99,7 +99,7 @@ class ManPages(unittest.TestCase):
                 self.assertEqual([], [option for option in options(*command)
                                       if option not in told])
                 for argument in listed(tool_help(*command), "Arguments"):
-                    self.assertRegex(text, rf"(?m)^ {{5}}{argument}\b")
+                    self.assertRegex(text, rf"(?m)^ {{5}}{re.escape(argument)}(?!\w)")
 
     def test_mandoc_finds_nothing_to_complain_of(self):
         for page in MAN.glob("*.1"):
@@ -165,7 +165,7 @@ class Completion(unittest.TestCase):
             ("extract", "clip.3gp", "vr", "--sync", "n"): ["nearest", "next"],
             ("extract", "--output", ""): [],  # a file, which Bash looks up
             ("extract", ""): [],
-            ("nonsense", "--"): ["--help", "--version"],
+            ("nonsense", "--"): [],
         }
         for words, offered in cases.items():
             self.assertEqual(complete(*words), offered, words)

@@ -167,7 +167,7 @@ class Extract(ToolTest):
             (sample("amrnb_plain"), "vr", 1, "no video track"),
             (self.scratch / "empty", "ar", 1, "not an ISO media file"),
             (self.scratch / "random", "ar", 1, "not an ISO media file"),
-            (sample("amrnb_plain"), "ax", 2, "Unsupported mode string specified in Open (7)"),
+            (sample("amrnb_plain"), "ax", 2, "MODE 'ax' is not known: ar plays audio, vr"),
             (self.scratch / "none", "ar", 1, "No such file or directory"),
             (self.scratch, "ar", 1, "Is a directory"),
         ]
@@ -185,17 +185,45 @@ class Extract(ToolTest):
         data = pathlib.Path(sample("amrnb_plain")).read_bytes()
         cut = self.scratch / "cut.3gp"
         cut.write_bytes(data[: len(data) // 2])
+        media = data.index(b"mdat") - 4
+        lost = media + int.from_bytes(data[media:media + 4], "big") - len(data) // 2
         out = self.scratch / "out"
         for options in [(), ("--arriving", 100)]:
             result = run("extract", cut, "ar", "-o", out, *options)
             kept = out.read_bytes()
-            self.assert_fails(result, 1, "Data is not available in FIO buffers yet (17); "
-                                         f"kept {len(kept)} bytes")
+            self.assert_fails(result, 1, f"The file is cut: {lost:,} bytes of 'mdat' are missing "
+                                         f"(status 17); kept {len(kept)} bytes")
             self.assertGreater(len(kept), 1000)
             self.assertTrue(whole.startswith(kept))
         # What was kept is a stream that can be unpacked.
         truth = (SAMPLES / "truth" / "amrnb.amr").read_bytes()
         self.assertTrue(truth.startswith(self.unpack(kept)))
+
+    def test_samples_that_do_not_come_are_a_failure(self):
+        out = self.scratch / "out"
+        hinted = pathlib.Path(sample("h263_hinted")).read_bytes()
+        sizes = hinted.rindex(b"stsz") + 12
+        part = self.scratch / "part.3gp"  # hints of a third of the pictures
+        part.write_bytes(hinted[:sizes] + (10).to_bytes(4, "big") + hinted[sizes + 4:])
+        wild = SAMPLES / "wild"
+        for path, mode, api, some, message in [
+                (part, "vr", "function", True, "7 of 30 pictures"),
+                (part, "vr", "class", True, "10 of 30 pictures"),
+                (sample("h263_hinted_selfref"), "vr", "class", None, "in the hint track itself"),
+                (wild / "fragmented.3gp", "vr", "function", False, "are in movie fragments"),
+                (wild / "fragmented_after_moov.3gp", "vr", "function", True,
+                 "are in movie fragments")]:
+            for options in [(), ("--arriving", 3000)]:
+                with self.subTest(path=str(path), api=api, options=options):
+                    out.write_bytes(b"old")
+                    result = run("extract", path, mode, "--api", api, "-o", out, *options)
+                    self.assert_fails(result, 1, message)
+                    self.assertIn(f"{path}: ", result.stderr.decode())
+                    if some:
+                        self.assertIn(f"kept {out.stat().st_size} bytes of stream",
+                                      result.stderr.decode())
+                    elif not options and some is not None:
+                        self.assertEqual(out.read_bytes(), b"old")
 
     def test_outputs_that_cannot_be_written(self):
         copy = self.scratch / "in.3gp"
@@ -1005,7 +1033,7 @@ class Outputs(ToolTest):
     """What an output replaces, follows and leaves."""
 
     COMMANDS = [("hint", sample("amrnb_plain")), ("report", sample("amrnb_plain")),
-                ("unpack", "stream")]
+                ("unpack", "stream"), ("extract", sample("amrnb_plain"), "ar")]
 
     def setUp(self):
         super().setUp()

@@ -4,8 +4,10 @@
 #include <vector>
 
 #include "tools/commands.h"
+#include "tools/judge/media_tally.h"
 #include "tools/judge/verdict.h"
 #include "tools/support.h"
+#include "tools/whole_output.h"
 
 namespace tool {
 namespace {
@@ -109,7 +111,8 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
             return;
         }
         if (status != KST_FAILURE || kst_host_is_complete(host)) {
-            throw status_error(options.input, status, "; cannot begin there");
+            throw status_error(options.input, status,
+                               "; cannot begin at " + std::to_string(*options.from_ms) + " ms");
         }
         if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(options.input);
     }
@@ -122,7 +125,12 @@ MediaKind kind_of(const std::string& mode) {
 }
 
 Error open_error(kst_host* host, const Options& options, int32_t status) {
-    if (status == KST_BAD_MODE) return status_error(options.input, status);
+    if (status == KST_BAD_MODE) {
+        return file_error(
+            options.input,
+            "MODE '" + options.mode + "' is not known: ar plays audio, vr plays video",
+            kWrongUsage);
+    }
     return open_error(host, options.input, options.api, kind_of(options.mode), status);
 }
 
@@ -139,40 +147,87 @@ std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {
     return std::make_unique<FunctionPlayer>(std::move(handle));
 }
 
+// Where the stream goes. What is played while it arrives is there at once; any other output comes
+// whole, so that a file that was there stays where nothing can be made.
+class StreamOutput {
+  public:
+    explicit StreamOutput(const Options& options) : is_pipe_(options.output == "-") {
+        if (options.input == "-" || options.arriving) {
+            direct_.emplace(options.output, options.input);
+        } else {
+            whole_.emplace(options.output, options.input);
+        }
+    }
+
+    void take(std::span<const uint8_t> bytes) {
+        output().write(bytes);
+        tally_.take(bytes);
+    }
+    // Passes on what was taken, if somebody may wait for it.
+    void flush() {
+        if (direct_) direct_->finish();
+    }
+    // Keeps what was made.
+    void finish() {
+        if (direct_) direct_->finish();
+        if (whole_ && is_kept()) whole_->finish();
+    }
+    // "; kept 5 bytes of stream", of what was made though it is not all.
+    std::string what_is_kept() {
+        return is_kept() ? "; kept " + std::to_string(output().written()) + " bytes of stream" : "";
+    }
+
+    uint64_t written() { return output().written(); }
+    const MediaCounts& counts() const { return tally_.counts(); }
+
+  private:
+    bool is_kept() const { return direct_ || is_pipe_ || tally_.counts().frames > 0; }
+    Output& output() { return direct_ ? *direct_ : whole_->output(); }
+
+    bool is_pipe_;
+    std::optional<Output> direct_;
+    std::optional<WholeOutput> whole_;
+    MediaTally tally_;
+};
+
 // Delivers every chunk; returns the status that ended the stream.
-int32_t deliver(Player& player, kst_host* host, const std::string& input, Output& output) {
+int32_t deliver(Player& player, kst_host* host, const std::string& input, StreamOutput& output) {
     std::vector<uint8_t> buffer(KST_LARGEST_CHUNK);
     Progress progress;
     for (;;) {
         uint32_t size = 0;
         const int32_t status = player.read(buffer, size, kst_host_is_arriving(host) != 0);
-        output.write({buffer.data(), size});
+        output.take({buffer.data(), size});
         progress.show(host, output.written());
         if (status == KST_SUCCESS) continue;
         if (!player.may_arrive(status, size) || kst_host_is_complete(host)) {
             if (status != KST_END_OF_FILE) {
                 size = player.rest(buffer, kst_host_is_arriving(host) != 0);
-                output.write({buffer.data(), size});
+                output.take({buffer.data(), size});
             }
             return status;
         }
-        output.finish();  // whoever reads the stream need not wait with us
+        output.flush();  // whoever reads the stream need not wait with us
         if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(input);
     }
 }
 
 void extract(const Options& options) {
-    Host host = open_host(options.input, options.arriving);
-    const std::unique_ptr<Player> player = open_player(host.get(), options);
-    // Made only now, so that a file that cannot be opened leaves no output behind.
-    Output output(options.output, options.input);
+    const Host host = open_host(options.input, options.arriving);
+    std::unique_ptr<Player> player = open_player(host.get(), options);
+    // Made only now, so that a file that cannot be opened leaves no output.
+    StreamOutput output(options);
     const int32_t status = deliver(*player, host.get(), options.input, output);
+    player.reset();
     output.finish();
-    if (status != KST_END_OF_FILE) {
-        throw status_error(
-            options.input, status,
-            "; kept " + std::to_string(output.written()) + " bytes that were delivered before");
+    if (options.from_ms) {  // how much there is from there on, the tables do not say
+        if (status == KST_END_OF_FILE) return;
+        throw status_error(options.input, status, output.what_is_kept());
     }
+    const std::optional<Error> lacks =
+        play_error(host.get(), options.input, options.api, kind_of(options.mode),
+                   {status, output.written(), output.counts()});
+    if (lacks) throw Error(lacks->what() + output.what_is_kept(), lacks->exit_code);
 }
 
 void add_api_options(CLI::App* command, const std::shared_ptr<Options>& options) {
@@ -221,6 +276,7 @@ void add_extract(CLI::App& app) {
         if (options->from_ms && options->api != Api::kClass) {
             throw Error("--from needs --api class; the function API cannot seek", kWrongUsage);
         }
+        refuse_terminal(options->output);
         extract(*options);
     });
 }

@@ -114,7 +114,10 @@ void add_unpack(CLI::App& app) {
     command->add_option("STREAM", options->input, "Native stream; - is standard input")->required();
     command->add_option("-o,--output", options->output, "Where to write; - is standard output")
         ->required();
-    command->callback([options] { unpack(*options); });
+    command->callback([options] {
+        refuse_terminal(options->output);
+        unpack(*options);
+    });
 }
 
 }  // namespace tool

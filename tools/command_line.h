@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line around the commands: what a user typed is understood or explained.
 #ifndef KESTREL_TOOLS_COMMAND_LINE_H
 #define KESTREL_TOOLS_COMMAND_LINE_H

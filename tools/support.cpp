@@ -103,6 +103,12 @@ void refuse_input_as_output(const std::string& path, const std::string& input) {
     throw file_error(path, "is the input; choose another output", kWrongUsage);
 }
 
+void refuse_terminal(const std::string& path) {
+    if (path != "-" || isatty(STDOUT_FILENO) == 0) return;
+    throw Error("what comes out is no text for a terminal; write it to a file with -o OUT",
+                kWrongUsage);
+}
+
 Output::Output(const std::string& path, const std::string& input)
     : path_(path), file_(stdout), buffer_(kBufferSize) {
     if (path == "-") return;

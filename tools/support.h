@@ -86,6 +86,9 @@ IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks);
 // Refuses an output that is the file `input`.
 void refuse_input_as_output(const std::string& path, const std::string& input);
 
+// Refuses "-" as an output for bytes where standard output is a terminal.
+void refuse_terminal(const std::string& path);
+
 // A file that is written, or standard output for "-". What was written stays when the command
 // fails.
 class Output {

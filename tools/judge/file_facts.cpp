@@ -87,7 +87,7 @@ std::vector<ImportedTrack> import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream
 }  // namespace
 
 Error no_media_file(const std::string& input) {
-    return Error(input + ": not an ISO media file: it has neither a file type nor a movie box");
+    return file_error(input, "not an ISO media file: it has neither a file type nor a movie box");
 }
 
 uint64_t memory_limit(const FileScan& scan) {

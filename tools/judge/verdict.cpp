@@ -272,7 +272,20 @@ std::string name_of_codec(const Subject& subject) {
     return "the codec '" + boxes->entries.front() + "'";
 }
 
+// "72 bytes of 'mdat' are missing", of a file that ends inside a box; empty for another.
+std::string missing_bytes(const FileScan& scan) {
+    for (const TopBox& box : scan.boxes) {
+        if (!box.cut) continue;
+        return show_count(box.offset + box.size - scan.file_size) + " bytes of '" + box.type +
+               "' are missing";
+    }
+    return "";
+}
+
 std::string why_incomplete(const Subject& subject, const Verdict& verdict) {
+    const std::string missing = missing_bytes(subject.facts.scan);
+    if (!missing.empty() && lacks_data(subject, verdict.status))
+        return "The file is cut: " + missing + ".";
     if (!verdict.amount.empty()) return "It delivers only " + verdict.amount + ".";
     return subject.track == nullptr || !is_whole(subject.track, subject.facts.scan.file_size)
                ? "The file ends before its " + std::string(word(subject.kind)) +
@@ -457,9 +470,11 @@ const char* Verdict::outcome() const {
     return opens && status == KST_SUCCESS ? "gives no frame" : "does not play";
 }
 
+// A file that is judged does not grow, so its data is missing, not late.
 std::string status_words(int32_t status) {
     const std::string number = "status " + std::to_string(status);
-    return status == KST_FAILURE ? number : number + ": " + kst_StatusString(status);
+    const bool says_nothing = status == KST_FAILURE || status == KST_NOT_YET;
+    return says_nothing ? number : number + ": " + kst_StatusString(status);
 }
 
 std::string fix_command(const Verdict& verdict, const std::string& input) {
@@ -534,7 +549,7 @@ Error open_error(kst_host* host, const std::string& input, Api api, MediaKind ki
     if (!facts.scan.is_3gp()) return no_media_file(input);
     const Subject subject = subject_of(facts, api, kind);
     if (!subject.has_track() && facts.scan.has_movie)
-        return Error(input + ": no " + word(kind) + " track");
+        return file_error(input, std::string("no ") + word(kind) + " track");
     TrialResult result;
     result.end = End::kReported;
     result.trial.status = status;
@@ -547,7 +562,37 @@ Error open_error(kst_host* host, const std::string& input, Api api, MediaKind ki
     sentence.pop_back();  // its full stop
     if (may_have_fix(verdict.reason) && input != "-")
         sentence += "; 'kestrel info' looks for a fix";
-    return Error(input + ": " + sentence + " (" + status_words(status) + ")");
+    return file_error(input, sentence + " (" + status_words(status) + ")");
+}
+
+std::optional<Error> play_error(kst_host* host, const std::string& input, Api api, MediaKind kind,
+                                const Playback& playback) {
+    constexpr auto kPatience = std::chrono::seconds(10);
+    const FileFacts facts = gather_facts(host, Clock::now() + kPatience);
+    const Subject subject = subject_of(facts, api, kind);
+    const bool ended = playback.status == KST_END_OF_FILE;
+    TrialResult result;
+    result.end = End::kReported;
+    result.trial.opened = 1;
+    result.trial.status = ended ? int32_t{KST_SUCCESS} : playback.status;
+    result.trial.delivered = playback.delivered;
+    result.trial.counts = playback.counts;
+    Verdict verdict;
+    verdict.api = api;
+    verdict.kind = kind;
+    verdict.reason = reason_of(subject, result);
+    if (verdict.plays()) return std::nullopt;
+    verdict.status = ended ? int32_t{KST_SUCCESS} : playback.status;
+    verdict.opens = true;
+    verdict.delivered = playback.delivered;
+    verdict.frames = playback.counts.frames;
+    if (result.reached_end()) verdict.amount = amount(subject, playback.counts);
+    std::string sentence = why(subject, verdict, result);
+    sentence.pop_back();  // its full stop
+    if (!verdict.amount.empty() && sentence.find(verdict.amount) == std::string::npos)
+        sentence += "; " + verdict.amount + " came";
+    if (!ended) sentence += " (" + status_words(playback.status) + ")";
+    return file_error(input, sentence);
 }
 
 }  // namespace tool

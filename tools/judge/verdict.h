@@ -5,6 +5,7 @@
 #define KESTREL_TOOLS_JUDGE_VERDICT_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -96,6 +97,18 @@ Reason reason_for_no_media(const FileFacts& facts);
 // The error of a command that an API, returning `status`, gave no track to: the reason that the
 // boxes of the file show, and the status. Nothing is tried.
 Error open_error(kst_host* host, const std::string& input, Api api, MediaKind kind, int32_t status);
+
+// How a command played a medium.
+struct Playback {
+    int32_t status = KST_END_OF_FILE;  // that ended it
+    uint64_t delivered = 0;            // bytes of native stream
+    MediaCounts counts;                // in them
+};
+
+// The error of a command that played a medium of a complete file: why it stopped, or what of the
+// samples that the file has did not come. Nothing where all of them came.
+std::optional<Error> play_error(kst_host* host, const std::string& input, Api api, MediaKind kind,
+                                const Playback& playback);
 
 }  // namespace tool
 
