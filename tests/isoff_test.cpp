@@ -607,6 +607,15 @@ TEST(BoxWalk, MediaInFrontOfTheMovieIsLoaded) {
     EXPECT_EQ(file->mem_read(got, 1, 1, file->mem_cookie), 0u);
     EXPECT_EQ(file->mem_seek(file->mem_cookie, -1, SEEK_SET), -1);
 
+    // At most so many bytes. A longer body takes the place of a loaded one before it.
+    const Bytes largest = box("mdat", {zeros(iso_mdat_buffer_max)});
+    const Bytes longer = box("mdat", {zeros(iso_mdat_buffer_max + 1)});
+    EXPECT_NE(Opened(join({ftyp(), largest, movie({good})})).file->mdat_buffer, nullptr);
+    Opened skipped(join({ftyp(), media, longer, movie({good})}));
+    EXPECT_EQ(skipped.file->mdat_buffer, nullptr);
+    EXPECT_EQ(skipped.file->mem_read, nullptr);
+    EXPECT_NE(isoFFselect(skipped.file, "soun", 1), nullptr);
+
     Opened behind(join({ftyp(), movie({good}), media, movie({good})}));
     EXPECT_EQ(behind.file->mdat_buffer, nullptr);
     EXPECT_EQ(isoFFselect(behind.file, "soun", 2), nullptr);  // the walk ended at the media

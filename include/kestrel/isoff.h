@@ -66,7 +66,7 @@ struct iso_file {
     char* compatible_brands;        // four-character codes separated by blanks; null for none
     uint32_t file_pos;              // position of the top-level walk
     uint32_t mdat_start, mdat_end;  // file range of a media data body that was loaded
-    uint8_t* mdat_buffer;           // that body, when it stood before `moov`
+    uint8_t* mdat_buffer;           // that body, when it stood before `moov` and was not too long
     uint32_t write_mode;            // 1 when opened with "w"
     // In-memory access to mdat_buffer with the file record as cookie; null without a buffer.
     size_t (*mem_read)(void* destination, size_t size, size_t count, iso_file* cookie);
@@ -94,6 +94,10 @@ struct iso_file {
 
 inline constexpr uint32_t iso_file_magic = 0x0C0DE100;
 inline constexpr uint32_t iso_track_magic = 0x0C0DE200;
+
+// The longest `mdat` body that is loaded into iso_file::mdat_buffer, in bytes. A longer one is
+// skipped by a seek, as one is for which there is no memory.
+inline constexpr uint32_t iso_mdat_buffer_max = 4 << 20;
 
 struct iso_chunk {
     uint32_t start;  // file offset of the chunk

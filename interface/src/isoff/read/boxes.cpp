@@ -12,7 +12,8 @@ namespace kestrel {
 namespace {
 
 constexpr uint32_t kBoxHeader = 8;
-constexpr int kOpenEnded = 0x7FFFFFFF;
+// What a walk of a whole file may cover: as much as offsets reach.
+constexpr int64_t kOpenEnded = UINT32_MAX;
 constexpr uint32_t kFirstPiece = 1 << 20;
 
 // The first letters of a version-0 and a version-1 header differ in nothing but the width of their
@@ -521,6 +522,8 @@ int read_mdat(iso_file* file, uint32_t body) {
     if (file->first_track != nullptr) return 1;  // samples are read from the stream when asked for
     if (body == 0 || file->mem_seek != nullptr) return pass_over(file, body);
     systemfree(file->mdat_buffer);  // of an earlier one: the last before `moov` is kept
+    file->mdat_buffer = nullptr;
+    if (body > iso_mdat_buffer_max) return pass_over(file, body);
     uint32_t read = 0;
     bool no_memory = false;
     file->mdat_buffer = read_growing(file, body, read, no_memory);
