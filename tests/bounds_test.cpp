@@ -622,6 +622,30 @@ TEST(ReadingAhead, OfAFileThatArrivesCostsFewCalls) {
     }
 }
 
+// Where reading ahead failed, what it asked for comes in exact reads before it is tried again.
+TEST(ReadingAhead, IsNotTriedAgainBeforeTheSameBytesHaveCome) {
+    constexpr uint32_t kSize = 20, kSamples = 180;
+    const auto made = [&](uint32_t at) {
+        const Bytes tables = one_chunk_tables(std::vector<uint32_t>(kSamples, kSize), 160, at);
+        return join({ftyp(), movie({track({.entry = samr_entry(), .tables = tables})})});
+    };
+    const auto movie_end = static_cast<uint32_t>(made(0).size());
+    const Bytes file = join({made(movie_end), zeros(kSamples * kSize)});
+    CountingHost host(file);
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = host.callbacks();
+    iso_file* opened = isoFFopen(callbacks, "r", nullptr);
+    opened->indexed_read = 1;
+    host.arrived = movie_end;
+    const uint64_t before = host.reads;
+    uint8_t buffer[kSize];
+    for (uint32_t i = 0; i < kSamples; ++i) {
+        host.arrived += kSize;
+        EXPECT_EQ(isoFFread(opened->first_track, buffer, kSize, nullptr, nullptr), int{kSize});
+    }
+    EXPECT_EQ(host.reads - before, kSamples + 1);
+    isoFFclose(opened);
+}
+
 // What a frame lacks is asked for by itself until it has come: waiting does not read the frame
 // again and again.
 TEST(ReadingAhead, WaitingForTheEndOfAFrameReadsLittle) {

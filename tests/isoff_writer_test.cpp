@@ -439,7 +439,7 @@ TEST_P(RandomFiles, ComeBackEqual) {
         EXPECT_EQ(GetCapturedStderr(), "");
         Reread reread(out.bytes);
         EXPECT_EQ(reread.printed, "");
-        EXPECT_EQ(reread.file->own->movie_result, 0);
+        EXPECT_EQ(reread.file->own->lost_tracks, 0u);
         EXPECT_EQ(reread.file->major_brand, brands.substr(0, 4));
         EXPECT_EQ(reread.file->minor_version, 77);
         EXPECT_EQ(reread.file->compatible_brands, brands);

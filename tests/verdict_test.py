@@ -320,19 +320,39 @@ class Check(ToolTest):
         self.assert_fails(run("check"), 2, "FILE")
         self.assert_fails(run("check", "--api", "up", "x"), 2, "'up' is none of function, class")
 
-    def test_a_track_inside_another_is_reported(self):
-        data = bytearray(pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes())
+    def test_tracks_that_are_lost_are_reported(self):
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
         first = data.index(b"trak") - 4
         size = int.from_bytes(data[first:first + 4], "big")
-        size += int.from_bytes(data[first + size:first + size + 4], "big")
-        data[first:first + 4] = size.to_bytes(4, "big")
-        path = self.write("file.3gp", data)
-        self.assertEqual(json.loads(run("info", path, "--json").stdout)["lost_tracks"], 1)
-        self.assertIn(b"lost tracks  1:", run("info", path).stdout)
-        result, rows = self.check(path)
-        self.assertEqual(rows[-1][:4], ("-", "damaged", "damaged", "-"))
-        self.assertEqual(result.returncode, 1)
+        next_size = int.from_bytes(data[first + size:first + size + 4], "big")
+
+        def patched(at, value):
+            return data[:at] + struct.pack(">I", value) + data[at + 4:]
+
+        movie = data.index(b"moov") - 4
+        header = first + 8 + int.from_bytes(data[first + 8:first + 12], "big")  # its end
+        swapped = (data[:first + 8] + data[header:first + size] + data[first + 8:header] +
+                   data[first + size:])
+        cases = [("covers the next", patched(first, size + next_size), 1),
+                 ("covers three bytes of the next", patched(first, size + 3), 1),
+                 ("media before the header", swapped, 1),
+                 ("too small a box", patched(first + 8, 7), 4),
+                 ("a movie of more than there is", patched(movie, len(data) * 2), None)]
+        for name, content, lost in cases:
+            with self.subTest(name):
+                path = self.write("file.3gp", content)
+                about = json.loads(run("info", path, "--json").stdout)
+                self.assertEqual(about.get("lost_tracks"), lost)
+                self.assertTrue(about["may_lack_tracks"])
+                said = f"lost tracks  {lost or 'any number'}:"
+                self.assertIn(said.encode(), run("info", path).stdout)
+                result, rows = self.check(path)
+                self.assertEqual(rows[-1][:4], ("-", "damaged", "damaged", "-"))
+                self.assertEqual(result.returncode, 1)
+        path = self.write("file.3gp", cases[0][1])
         self.assert_fails(run("hint", "--replace", path, "-o", "-"), 1, "is inside trak")
+        self.assertNotIn("may_lack_tracks",
+                         json.loads(run("info", self.write("file.3gp", data), "--json").stdout))
 
     def test_a_command_that_fixes_nothing_is_not_named(self):
         hdlr = boxes(pathlib.Path(sample("h263_hinted")).read_bytes(), STBL[:3] + [b"hdlr"])[0]
@@ -730,8 +750,13 @@ class Report(ToolTest):
         both = data["av_h263_amrnb_hinted"]
         offsets = bytearray(pathlib.Path(sample("mpeg4_b_hinted")).read_bytes())
         offsets[offsets.index(b"ctts") + 39] = 0  # the class API does not look at these
+        first = offsets.index(b"trak") - 4
+        second = first + int.from_bytes(offsets[first:first + 4], "big")
+        end = second + int.from_bytes(offsets[second:second + 4], "big")
+        last = offsets[:first] + offsets[second:end] + offsets[first:second] + offsets[end:]
         cases = [
-            (bytes(offsets), ["Plays with the class API"], []),
+            (bytes(last), ["Plays with the class API"], []),
+            (bytes(offsets), ["The movie box has tracks that cannot be read"], []),
             (b"no boxes here, but a text", ["This is no 3GP file"], ["3GP file This"]),
             (speech_file(0), ["no samples"], ["0 samples"]),
             # The last sample is told shorter than its bytes last.

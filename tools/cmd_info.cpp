@@ -72,6 +72,7 @@ Json describe_file(const FileFacts& facts) {
     add_imported(facts, out["tracks"]);
     const uint32_t lost = isoFFfileDetails(file)->lost_tracks;
     if (lost > 0) out["lost_tracks"] = lost;
+    if (may_lack_tracks(facts)) out["may_lack_tracks"] = true;
     return out;
 }
 
@@ -136,8 +137,10 @@ void print_text(const std::string& input, const Json& about, const std::vector<V
     for (const Json& track : about["tracks"])
         print_track(track);
     if (about.contains("lost_tracks")) {
-        std::printf("lost tracks  %u: inside another track, or without a whole header\n",
+        std::printf("lost tracks  %u: inside or after a damaged one, or without a header first\n",
                     about["lost_tracks"].get<uint32_t>());
+    } else if (about.contains("may_lack_tracks")) {
+        std::printf("lost tracks  any number: the movie box is cut or damaged\n");
     }
     for (const Verdict& verdict : verdicts)
         print_verdict(verdict, input);

@@ -249,10 +249,8 @@ struct iso_file_details {
     // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
     // timescale and duration. Edit lists count in these.
     uint32_t edit_timescale;
-    // Result of reading `moov`: 0, or another value where it could not be read to its end, so that
-    // tables, or tracks that follow, may be missing.
-    int32_t movie_result;
-    // Number of `trak` boxes that were skipped: inside another one, or without a whole `tkhd`.
+    // Number of `trak` boxes that were skipped: inside another one, after one with damage that ends
+    // the reading, without a whole `tkhd`, or with their `mdia` before it.
     uint32_t lost_tracks;
     uint32_t direct_write;  // writer, 1: samples go to the stream as they come
 };

@@ -162,6 +162,7 @@ class Scanner {
                 report(place(header->type, from) + " in " + name + " declares " +
                        std::to_string(header->size) + " bytes where " + std::to_string(left) +
                        " are left.");
+                scan_.movie_is_cut = scan_.movie_is_cut || parent.type == "moov";
                 if (header->size < header->length) return;
             }
             const uint64_t size = std::min(header->size, left);

@@ -31,6 +31,12 @@ int pass_over(iso_file* file, uint32_t body) {
     return file->in_moov_buffer || skip(file, body) == 1 ? 0 : -1;
 }
 
+// A track of the file that no record is made of, or one without its media.
+void lose_track(iso_file* file, const char* why) {
+    file->own->lost_tracks++;
+    remark(file, "skipping track: %s\n", why);
+}
+
 // --- reading a whole body ---
 
 // Reads `size` bytes of the stream into memory from systemmalloc that grows with the bytes that
@@ -308,6 +314,7 @@ constexpr isobox mdia_box[] = {
     {"mdhd", read_mdhd}, {"hdlr", read_hdlr}, {"minf", read_minf}, {nullptr, nullptr}};
 
 int read_mdia(iso_file* file, uint32_t) {
+    if (current(file) == nullptr) file->own->headless_media = 1;
     return parse_rest(file, mdia_box);
 }
 
@@ -368,29 +375,20 @@ int read_udta(iso_file* file, uint32_t) {
     return parse_rest(file, udta_box);
 }
 
-void lose_track(iso_file* file, const char* why) {
-    file->own->lost_tracks++;
-    remark(file, "skipping track: %s\n", why);
-}
+constexpr isobox trak_box[] = {{"tkhd", read_tkhd}, {"mdia", read_mdia}, {"edts", read_edts},
+                               {"meta", read_meta}, {"tref", read_tref}, {"udta", read_udta},
+                               {nullptr, nullptr}};
 
-// The size of the track before it covers this one as well.
-int skip_inner_trak(iso_file* file, uint32_t) {
-    lose_track(file, "inside another track");
-    return 0;
-}
-
-constexpr isobox trak_box[] = {{"tkhd", read_tkhd},       {"mdia", read_mdia}, {"edts", read_edts},
-                               {"meta", read_meta},       {"tref", read_tref}, {"udta", read_udta},
-                               {"trak", skip_inner_trak}, {nullptr, nullptr}};
-
-// What stands in a track without a header that can be read belongs to no track.
+// What stands in a track without a header that can be read, or before it, belongs to no track.
 int read_trak(iso_file* file, uint32_t) {
     iso_track* const before = file->current_track;
     file->current_track = nullptr;
+    file->own->headless_media = 0;
     const int result = parse_rest(file, trak_box);
-    if (file->current_track != nullptr) return result;
-    file->current_track = before;
-    if (result == 0) lose_track(file, "no whole tkhd");
+    const bool has_header = file->current_track != nullptr;
+    if (!has_header) file->current_track = before;
+    if (!has_header) lose_track(file, "no whole tkhd");
+    if (has_header && file->own->headless_media != 0) lose_track(file, "mdia before tkhd");
     return result;
 }
 
@@ -506,15 +504,24 @@ int read_ftyp(iso_file* file, uint32_t body) {
     return 0;
 }
 
+// Where the walk ended early, the tracks that follow are not read.
+int read_trak_after_damage(iso_file* file, uint32_t) {
+    lose_track(file, "after a damaged one");
+    return 0;
+}
+
+constexpr isobox rest_of_moov_box[] = {{"trak", read_trak_after_damage}, {nullptr, nullptr}};
+
 int read_moov(iso_file* file, uint32_t body) {
-    file->own->movie_result = -1;  // unless it is read to its end
     file->moov_buffer = read_into_arena(file, body);
     if (file->moov_buffer == nullptr) return -1;
     file->moov_left = body;
+    file->own->movie_end = file->moov_buffer + body;
     file->in_moov_buffer = 1;
-    file->own->movie_result = parse_rest(file, moov_box);
+    const int result = parse_rest(file, moov_box);
+    if (result != 0) parse_rest(file, rest_of_moov_box);
     file->in_moov_buffer = 0;
-    return file->own->movie_result;
+    return result;
 }
 
 int read_mdat(iso_file* file, uint32_t body) {
@@ -558,17 +565,27 @@ const isobox* find(const isobox* table, uint32_t type) {
     return nullptr;
 }
 
+// Whether the next track begins with the bytes that a box has left: a size that is too long has cut
+// into it. The box may end inside that track's header.
+bool cuts_into_track(const iso_file* file) {
+    return file->moov_left > 0 && file->own->movie_end - file->moov_buffer >= kBoxHeader &&
+           load_be32(file->moov_buffer + 4) == fourcc("trak");
+}
+
 // Runs a handler on a box inside `moov`: it sees the box's own bytes only, and whatever it left of
 // them is passed over.
 int run_bounded(iso_file* file, const isobox* box, uint32_t body, bool to_end) {
     const uint32_t left = file->moov_left;
+    const bool is_skipped = box == nullptr || box->handler == pass_over;
     if (!to_end && body > left) {
-        remark_end_of_buffer(file, box == nullptr ? "seek_buf" : "read_buf", body);
+        remark_end_of_buffer(file, is_skipped ? "seek_buf" : "read_buf", body);
     }
     const uint32_t own = to_end ? left : std::min(body, left);
     uint8_t* const behind = file->moov_buffer + own;
     file->moov_left = own;
     const int result = box == nullptr ? 0 : box->handler(file, body);
+    if (result == 0 && box != nullptr && cuts_into_track(file))
+        lose_track(file, "begins inside another track");
     file->moov_buffer = behind;
     file->moov_left = left - own;
     return result;
@@ -578,6 +595,8 @@ int run_box(iso_file* file, const isobox* table, const BoxHeader& header) {
     const isobox* box = find(table, header.type);
     const bool to_end = header.size == 0;
     const uint32_t body = to_end ? 0 : header.size - kBoxHeader;
+    if (box == nullptr && file->in_moov_buffer && header.type == fourcc("trak"))
+        lose_track(file, "inside another track");
     if (file->in_moov_buffer) return run_bounded(file, box, body, to_end);
     return box == nullptr ? pass_over(file, body) : box->handler(file, body);
 }
@@ -592,7 +611,11 @@ int walk(iso_file* file, const isobox* table, int size) {
         if (file->in_moov_buffer && left < kBoxHeader) return 0;
         BoxHeader header{};
         if (!read_box_header(file, header)) return at_end_of_input;
-        if (header.size != 0 && header.size < kBoxHeader) return -1;
+        if (header.size != 0 && header.size < kBoxHeader) {
+            if (file->in_moov_buffer) remark(file, "skipping the rest: box size %u\n", header.size);
+            file->moov_left = 0;
+            return -1;
+        }
         left = header.size == 0 ? 0 : left - header.size;
         const bool top = file->depth == 1;
         if (top) file->file_pos += kBoxHeader;
@@ -622,6 +645,7 @@ bool read_sample_entry(iso_track* track, std::span<uint8_t> box) {
     file->in_moov_buffer = 1;
     file->moov_buffer = box.data();
     file->moov_left = static_cast<uint32_t>(box.size());
+    file->own->movie_end = box.data() + box.size();
     const int result = parse_rest(file, stsd_box);
     file->in_moov_buffer = 0;
     file->moov_buffer = nullptr;

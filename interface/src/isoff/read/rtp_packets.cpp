@@ -121,7 +121,8 @@ class PacketReader {
     uint8_t* scratch_;
     const iso_track* copied_from_ = nullptr;  // track and offset of the last sample constructor
     uint32_t copied_offset_ = 0;
-    bool strayed_ = false;  // the hint track's cursor is not on the sample of its packets
+    bool is_begun_ = false;  // the sample to open was open before
+    bool strayed_ = false;   // the hint track's cursor is not on the sample of its packets
 };
 
 // Takes `count` more bytes into the packet, if there is room for them.
@@ -141,7 +142,6 @@ inline void PacketReader::resynchronise() {
     const bool moved = at_end() ? track_->own->positioned != 0 : hint_.sample != track_->cur_sample;
     track_->own->positioned = 0;
     if (!moved) return;
-    track_->own->begun_again = 0;
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
     offset_ = 0;
@@ -170,8 +170,8 @@ inline int PacketReader::take_own(uint32_t count) {
 
 inline void PacketReader::begin_packets(uint32_t packets) {
     hint_.packets_left = static_cast<int32_t>(packets);
-    if (track_->own->begun_again != 0) [[unlikely]] {
-        track_->own->begun_again = 0;  // its time and duration are counted already
+    if (is_begun_) [[unlikely]] {
+        is_begun_ = false;  // its time and duration are counted already
         return;
     }
     hint_.timestamp = clock_to_timestamp(hint_.rtp_time) + track_->rtp_ts_offset;
@@ -188,6 +188,9 @@ inline int PacketReader::open_sample() {
     if (at_end()) [[unlikely]]
         return kAtEnd;
     if (hint_.packets_left != 0) return 0;
+    // isoFFfindHintTrack has the sample begun again that the cursor is inside.
+    const uint64_t begun_at = offset_;
+    is_begun_ = begun_at != 0;
     int empty = 0;
     do {
         offset_ = 0;
@@ -195,12 +198,16 @@ inline int PacketReader::open_sample() {
         // Once for each sample: a later packet of it looks at the same bytes.
         if (whole_size_ != 0) track_->own->index->window.earn(whole_size_);
         const int result = take_own(kHintHeaderSize);
-        if (result != 0) return result;
+        if (result != 0) {
+            if (is_begun_) offset_ = begun_at;
+            return result;
+        }
         const uint16_t packets = load_be16(own_);
         if (packets != 0) [[likely]] {
             begin_packets(packets);
             return 0;
         }
+        is_begun_ = false;
         track_->own->hint_steps++;
         if (++empty > kMaxEmptySamples) return -1;
         next_sample();
@@ -397,7 +404,6 @@ iso_track* isoFFrtpHinter(iso_track* media, int max_packet) {
     *track->hint = rtp_hint_state{};
     track->hint->media_track = media;
     media->own->attached_hint = track;
-    track->own->begun_again = 0;
     return track;
 }
 
@@ -411,9 +417,8 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
         track->hint = made;
         track->own->hint_from_system = 1;
     }
-    if (track->hint->packets_left > 0) track->own->begun_again = 1;
     track->hint->media_track = media;
-    track->hint->packets_left = 0;
+    track->hint->packets_left = 0;  // its offset says whether a sample was begun
     return track;
 }
 

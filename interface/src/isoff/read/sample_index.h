@@ -36,8 +36,9 @@ struct ReadWindow {
     static constexpr uint32_t kRoom = 4096;
     static constexpr uint64_t kFirstCredit = 2 * kRoom;
     static constexpr uint64_t kCreditPerByte = 2;
-    // How many reads of exactly what was asked for must succeed after reading ahead failed, before
-    // it is tried again: of a file that arrives, what lies ahead is not there.
+    // Of a file that arrives, what lies ahead is not there. After reading ahead failed, it is not
+    // tried again before the bytes that it asked for have come in reads of exactly what is wanted,
+    // nor before so many of these, which bounds the calls that are made in vain.
     static constexpr uint32_t kReadsAfterFailure = 10;
 
     uint8_t* bytes;  // null until a read could use them
@@ -45,8 +46,23 @@ struct ReadWindow {
     uint32_t length;
     uint64_t credit;  // bytes that may still be read ahead
     uint32_t wait;    // reads that must succeed before reading ahead is tried again
+    uint32_t awaited_from, awaited_end;  // what reading ahead failed to get; end 0: nothing
 
     void earn(uint32_t taken) { credit += kCreditPerByte * taken; }
+    bool waits() const { return wait > 0 || awaited_end != 0; }
+
+    void fail(uint32_t offset, uint32_t ahead) {
+        wait = kReadsAfterFailure;
+        awaited_from = offset;
+        awaited_end = offset + ahead;
+    }
+
+    // Exactly these bytes have come.
+    void arrive(uint32_t offset, uint32_t count) {
+        if (wait > 0) --wait;
+        const bool covers = uint64_t{offset} + count >= awaited_end;
+        if (covers || offset < awaited_from) awaited_end = 0;
+    }
 };
 
 }  // namespace kestrel

@@ -86,7 +86,7 @@ uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint
     }
     const uint32_t got = read_at(track->file, offset, buffer, length, failed);
     window.earn(got);
-    if (got == length && window.wait > 0) --window.wait;
+    if (got == length) window.arrive(offset, length);
     track->file->own->missing = got < length ? uint64_t{offset} + length : 0;
     return got;
 }
@@ -144,7 +144,7 @@ const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
     constexpr uint32_t kGap = 64;
     const bool goes_on = offset - window.start <= window.length + kGap ||
                          offset - track->chunks[track->cur_chunk].start <= kGap;
-    if (!goes_on || window.wait > 0 || ahead > window.credit) {
+    if (!goes_on || window.waits() || ahead > window.credit) {
         window.start = saturating_add(offset, length);
         window.length = 0;
         return nullptr;
@@ -158,7 +158,7 @@ const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
     window.start = offset;
     window.length = read_at(track->file, offset, window.bytes, ahead, failed);
     if (length <= window.length) return window.bytes;
-    window.wait = ReadWindow::kReadsAfterFailure;
+    window.fail(offset, ahead);
     return nullptr;
 }
 

@@ -14,7 +14,6 @@ TrackState::TrackState(iso_track* track)
       ctts_in_entry_(track->ctts_in_entry),
       positioned_(track->own->positioned),
       next_alike_(track->own->next_alike),
-      begun_again_(track->own->begun_again),
       rtp_seq_offset_(track->rtp_seq_offset),
       seq_rebase_(track->seq_rebase),
       last_seq_(track->last_seq),
@@ -34,7 +33,6 @@ void TrackState::restore() const {
     track_->ctts_in_entry = ctts_in_entry_;
     track_->own->positioned = positioned_;
     track_->own->next_alike = next_alike_;
-    track_->own->begun_again = begun_again_;
     track_->rtp_seq_offset = rtp_seq_offset_;
     track_->seq_rebase = seq_rebase_;
     track_->last_seq = last_seq_;

@@ -22,7 +22,7 @@ class TrackState {
     int32_t cur_sample_, cur_chunk_;
     uint32_t cur_offset_;
     int32_t stts_index_, stts_in_entry_, ctts_index_, ctts_in_entry_;
-    uint32_t positioned_, next_alike_, begun_again_;
+    uint32_t positioned_, next_alike_;
     uint32_t rtp_seq_offset_, seq_rebase_, last_seq_, last_timestamp_, last_read_pos_;
     uint32_t last_payload_type_;
     rtp_hint_state hint_{};

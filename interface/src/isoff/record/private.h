@@ -40,9 +40,11 @@ struct iso_frame_buffer {
 
 struct iso_file_private : iso_file_details {
     iso_track* last_track;
-    uint32_t remarks;     // lines about the file that were printed
-    uint32_t passed_pos;  // stream offset that passing over a box last asked for
-    uint64_t missing;     // end of the piece of a sample that could not be read; 0: none
+    uint32_t remarks;          // lines about the file that were printed
+    uint32_t passed_pos;       // stream offset that passing over a box last asked for
+    const uint8_t* movie_end;  // of the in-memory `moov`
+    uint32_t headless_media;   // 1: the track at hand has an `mdia` before its `tkhd`
+    uint64_t missing;          // end of the piece of a sample that could not be read; 0: none
     // 1: an allocation for the file failed, so something of it may be missing.
     uint32_t lacked_memory;
 
@@ -68,9 +70,7 @@ struct iso_track_private : iso_track_details {
     uint32_t tables_seen;       // which tables were read, so that a second one is refused
     uint32_t tables_checked;    // those that were seen when the tables were last checked
     uint32_t hint_from_system;  // 1 when `hint` came from the system allocator, not the arena
-    // 1: the next hint sample is begun again, so its duration is in the packet cursor's time.
-    uint32_t begun_again;
-    uint32_t has_bad_config;  // 1: the decoder configuration could not be read
+    uint32_t has_bad_config;    // 1: the decoder configuration could not be read
     // Packets, constructors and empty hint samples of this hint track that were interpreted.
     uint64_t hint_steps;
     iso_index* index;  // finds any sample at once; null while the file is being written
