@@ -413,7 +413,7 @@ class Check(ToolTest):
         data = pathlib.Path(sample("two_amrnb_hinted")).read_bytes()
         tables = [match.start() + 8 for match in re.finditer(b"stco", data)]
         for number, word in [(0, "plays"), (1, "incomplete")]:
-            # The last track is played; the chunk of one lies behind the end.
+            # The last track is played; the chunk of one lies past the end.
             lost = bytearray(data)
             lost[tables[number] + 4:tables[number] + 8] = b"\x7f\xff\xff\xff"
             path = self.write("file.3gp", lost)
@@ -762,12 +762,12 @@ class Report(ToolTest):
             # The last sample is told shorter than its bytes last.
             (data["amrnb_plain"], ["at most 12.8 kbit/s"], []),
             (data["h263_plain"][:movie - 4 + length - 4], [], ["There is no audio"]),
-            (both[:both.index(b"moov") + 200], ["The movie box is cut: nothing can be played"],
+            (both[:both.index(b"moov") + 200], ["The movie box is truncated: nothing can be played"],
              ["There is no audio"]),
             (data["h263_hinted_selfref"], ["The packets of the video are in the hint track itself"],
              ["has no RTP hint track", "track 65536 RTP hints track 65536"]),
             (both[:len(both) * 7 // 10], ["Bit rate – data is missing", "Hints – data is missing",
-                                          "its width does not tell how much",
+                                          "its width is not to scale",
                                           "Hint sample 11 of 30 is not in the file"],
              ["makes no packet"]),
         ]
@@ -831,7 +831,7 @@ class Report(ToolTest):
             (b"x", ["too few for a box"]),
             (b"not a box in sight, but text", ["this is no 3GP file", "This is no 3GP file"]),
             (data[:28], ["There is no movie box"]),
-            (data[:len(data) * 7 // 10], ["Box 'mdat' at byte", "chunks reach behind the end",
+            (data[:len(data) * 7 // 10], ["Box 'mdat' at byte", "chunks lie past the end",
                                           "Neither audio nor video plays to the end"]),
             (data[:stbl] + bytes.fromhex("7fffffff") + data[stbl + 4:],
              [f"Box 'stbl' at byte {stbl} in moov / trak 1 / mdia / minf declares 2147483647"]),

@@ -225,7 +225,7 @@ void boxes(const Options& options) {
 void add_boxes(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
-        "boxes", "Show the box tree: offset and size of each box, and the fields of those known");
+        "boxes", "Show the box tree: offset and size of each box, and the fields of known boxes");
     command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
     command->add_flag("--json", options->json, "Print JSON, with all list entries");
     command->callback([options] { boxes(*options); });

@@ -308,36 +308,36 @@ class Checker {
 void add_check(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
-        app.add_subcommand("check", "Report for scripts which files play, and what fixes the rest");
+        app.add_subcommand("check", "Report which files play, and which command fixes the others");
     command
         ->add_option("FILE", options->paths,
-                     "3GP files, - for standard input, and folders, which are searched with all\n"
-                     "below them: files that begin with a box of such a file, or have a name in\n"
-                     ".3gp .3gpp .3g2 .3gpp2 .mp4, are judged, and the others skipped")
+                     "3GP files, - for standard input, and folders, which are searched at all\n"
+                     "depths: files that begin with a box of such a file, or whose name ends in\n"
+                     ".3gp .3gpp .3g2 .3gpp2 .mp4, are judged, others are skipped")
         ->required();
     add_choice<Api>(command, "--api", options->api,
                     {{"function", Api::kFunction}, {"class", Api::kClass}},
-                    "Judge one API alone; otherwise a medium plays where either API plays it")
+                    "Judge this API only; otherwise a medium plays if either API plays it")
         ->option_text("function|class");
-    command->add_option("-j,--jobs", options->processes, "Judge so many files at a time (1)")
+    command->add_option("-j,--jobs", options->processes, "Judge N files at a time (1)")
         ->check(CLI::Range(1, 1024))
         ->option_text("N");
     add_timeout(command, options->time);
     command->add_flag("--quick", options->quick,
-                      "Look at the tables alone: nothing is played, and no fix is tried");
+                      "Read boxes and tables only; play nothing and try no fix");
     command->add_flag("--skipped", options->skipped, "Print a line for each file that was skipped");
     command->add_flag("--json", options->json, "Print JSON, with a sentence for each reason");
     command->footer(
-        "A line for each medium that a file has, with tabs between its columns:\n"
-        "  1  audio or video; - for a file in which neither was found, whose movie box is cut, or\n"
-        "     that has tracks which cannot be read\n"
-        "  2  the verdict for the function API (kst_Open), played to its end\n"
+        "One line for each medium of each file, with tabs between the columns:\n"
+        "  1  audio or video; - for a file in which neither was found, whose movie box is\n"
+        "     truncated, or with tracks that cannot be read\n"
+        "  2  the verdict for the function API (kst_Open), after playing to the end\n"
         "  3  the same for the class API (C3gpInterface)\n"
-        "  4  the command that fixes it, as was tried: hint, with --replace, --drop-others or\n"
-        "     --salvage where it needs them; - for none, and where none is tried: files of more\n"
+        "  4  the command that fixes it: hint, with --replace, --drop-others or --salvage if\n"
+        "     needed. It was tried. - if there is none, or none was tried: the file has more\n"
         "     than 128 MiB or 1,048,576 samples\n"
         "  5  the file, with control characters and backslashes as \\xNN\n"
-        "Columns 2 and 3 are - where the API is not judged, or one of\n"
+        "Columns 2 and 3 are - if the API is not judged, else one of\n"
         "  plays           all samples of the file are delivered\n"
         "  no-hint-track   this API needs an RTP hint track\n"
         "  self-hinted     the packets are in the hint track itself, which this API does not read\n"
@@ -349,7 +349,7 @@ void add_check(CLI::App& app) {
         "  unknown-table   a table has a form that this API does not read\n"
         "  large-frame     a sample is larger than this API can hold\n"
         "  incomplete      the file ends too early, or not all of a track is delivered\n"
-        "  implausible     what is delivered cannot be of the codec: bytes of a wrong place\n"
+        "  implausible     the delivered bytes cannot be of the codec: the tables are wrong\n"
         "  damaged         a box, a table or a sample is malformed, or no frame is delivered\n"
         "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"
         "  memory          playing takes more memory than the tables account for\n"
@@ -357,7 +357,7 @@ void add_check(CLI::App& app) {
         "  not-played      with --quick: the tables show no reason against it\n"
         "  no-track        no audio and no video\n"
         "  not-3gp         no file type box and no movie box; an empty file too\n"
-        "  unreadable      the system does not give the file or folder out\n"
+        "  unreadable      the system cannot open or read the file or folder\n"
         "  skipped         with --skipped: a file in a folder that is not judged\n"
         "Exit status: 0 all media of all files play, 1 some do not or a folder has no such file,\n"
         "2 wrong usage.");

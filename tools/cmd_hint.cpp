@@ -95,11 +95,11 @@ void add_hint(CLI::App& app) {
     command->add_flag("--rfc2190", options->rfc2190,
                       "Pack H.263 by RFC 2190 (payload type 34), not by RFC 4629");
     command->add_flag("--replace", options->replace,
-                      "Leave out the hint tracks that FILE has, instead of refusing it");
+                      "Replace the hint tracks of FILE, instead of refusing it");
     command->add_flag("--drop-others", options->drop_others,
-                      "Leave out each track that gets no hint track");
+                      "Leave out tracks that get no hint track");
     command->add_flag("--salvage", options->salvage,
-                      "Keep the samples that are whole of a file that is cut");
+                      "Keep the complete samples of a truncated file");
     command->callback([options] { hint(*options); });
 }
 

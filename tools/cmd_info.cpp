@@ -167,8 +167,8 @@ void info(const Options& options) {
 
 void add_info(CLI::App& app) {
     auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("info", "Show brands, tracks and hint tracks, and what can be played");
+    CLI::App* command = app.add_subcommand(
+        "info", "Show brands, tracks and hint tracks, and whether each medium plays");
     command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
     command->add_flag("--json", options->json, "Print JSON");
     add_timeout(command, options->time);

@@ -88,7 +88,7 @@ void inspect(const Options& options) {
 void add_inspect(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
-        "inspect", "Walk a native stream record by record, and report where it is damaged");
+        "inspect", "Show a native stream record by record, and where it is malformed");
     command->add_option("STREAM", options->input, "Native stream; - is standard input")->required();
     command->add_flag("--json", options->json, "Print JSON");
     command->callback([options] { inspect(*options); });

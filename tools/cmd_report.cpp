@@ -37,8 +37,8 @@ void add_report(CLI::App& app) {
         ->required();
     add_timeout(command, options->time);
     command->footer(
-        "The page is one HTML file that needs nothing else and no script. A damaged file gets one\n"
-        "too, which says what is wrong.");
+        "The page is one HTML file without script; it loads no other file. The page of a damaged\n"
+        "file lists what is wrong.");
     command->callback([options] { report(*options); });
 }
 

@@ -14,12 +14,12 @@ import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-COMMON_EXIT_STATUS = [(0, "Done."), (1, "Failed; one line on standard error says why."),
+COMMON_EXIT_STATUS = [(0, "Done."), (1, "Failed; one line on standard error gives the reason."),
                       (2, "Wrong usage.")]
 
 
 class Help:
-    """What `kestrel [COMMAND] --help` tells: summary, usage and the entries of each list."""
+    """What `kestrel [COMMAND] --help` prints: summary, usage and the entries of each list."""
 
     def __init__(self, tool, command=None):
         words = [tool] + ([command] if command else []) + ["--help"]

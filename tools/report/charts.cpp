@@ -14,7 +14,7 @@ namespace {
 constexpr double kWide = 1000;  // of every drawing, in its own units
 constexpr double kHigh = 100;
 constexpr uint32_t kLongestAccepted = 1400;  // bytes of a packet that the function API takes
-constexpr char kBarsTold[] = "; full colour: the mean, pale: the most";
+constexpr char kBarsLegend[] = "; full colour: the mean, pale: the most";
 constexpr double kLabelled = 0.97;  // of the height; the title stands above
 constexpr size_t kBarsApart = 80;   // so many bars at most stand apart
 
@@ -52,10 +52,10 @@ std::string mark_text(double value, const Scale& scale) {
 // A chart whose parts are added while it is drawn.
 class Figure {
   public:
-    Figure(const char* title, const std::string& told, const char* kind, const Scale& scale)
+    Figure(const char* title, const std::string& caption, const char* kind, const Scale& scale)
         : scale_(scale) {
         html_ = format("<figure class=\"chart\"><figcaption><b>%s</b><span>", title) +
-                escape(told) + format("</span></figcaption><div class=\"plot %s\">", kind);
+                escape(caption) + format("</span></figcaption><div class=\"plot %s\">", kind);
         svg_ = format(
             "<svg viewBox=\"0 0 1000 100\" preserveAspectRatio=\"none\" role=\"img\" "
             "aria-label=\"%s\">",
@@ -88,7 +88,7 @@ class Grid {
   public:
     Grid(const TrackFigures& figures, double total) : edges_(figures.edges), total_(total) {}
 
-    // Of the edge in front of column `i`, or behind the last one.
+    // Of the edge before column `i`, or after the last one.
     double x(size_t i) const { return total_ > 0 ? std::min(edges_[i] / total_, 1.0) * kWide : 0; }
     double width(size_t i) const { return x(i + 1) - x(i); }
     std::string when(size_t i) const {
@@ -96,7 +96,7 @@ class Grid {
     }
 
   private:
-    static constexpr double kClockFrom = 120;  // seconds from which on the axis tells minutes
+    static constexpr double kClockFrom = 120;  // seconds from which on the axis shows minutes
 
     const std::vector<double>& edges_;
     double total_;
@@ -223,11 +223,12 @@ std::string rate_chart(const TrackFigures& figures, double total) {
 
 std::string sync_chart(const TrackFigures& figures, double total) {
     if (!figures.has_sync_table || figures.seconds <= 0) return "";
-    const std::string told = show_count(figures.sync_count) + " of " + show_count(figures.samples) +
-                             ", at most " + show_seconds(figures.longest_gap) +
-                             " from one to the next";
+    const std::string caption = show_count(figures.sync_count) + " of " +
+                                show_count(figures.samples) + ", at most " +
+                                show_seconds(figures.longest_gap) + " from one to the next";
     const bool apart = figures.together == 1;
-    Figure figure("Sync samples", apart ? told : told + "; the darker, the more", "ticks", {});
+    Figure figure("Sync samples", apart ? caption : caption + "; darker: more of them", "ticks",
+                  {});
     const Grid grid(figures, total);
     constexpr double kThinnest = 2, kPalest = 0.15;
     const double most = *std::max_element(figures.syncs.begin(), figures.syncs.end());
@@ -251,12 +252,12 @@ std::string packet_size_chart(const TrackFigures& figures, double total) {
     const Scale scale =
         scale_for(limit ? std::max(packets.sizes.most, kLongestAccepted) : packets.sizes.most, 1);
     const Grid grid(figures, total);
-    std::string told = show_count(packets.packets) +
-                       (packets.packets == 1 ? " packet of " : " packets of ") +
-                       show_range(packets.sizes, " bytes");
-    if (packets.sizes.least < packets.sizes.most) told += kBarsTold;
-    if (limit) told += "; dashed: the 1,400 that the function API accepts";
-    Figure figure("Packet sizes, bytes", told, "", scale);
+    std::string caption = show_count(packets.packets) +
+                          (packets.packets == 1 ? " packet of " : " packets of ") +
+                          show_range(packets.sizes, " bytes");
+    if (packets.sizes.least < packets.sizes.most) caption += kBarsLegend;
+    if (limit) caption += "; dashed: 1,400, the most that the function API accepts";
+    Figure figure("Packet sizes, bytes", caption, "", scale);
     figure.add_marks();
     figure.add(bars(packets.size_by_time, grid, scale, " bytes", kLongestAccepted));
     figure.add_line("base", kHigh, kWide);
@@ -283,7 +284,7 @@ std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double 
     const auto length = [&](size_t i) {
         return static_cast<double>(details->edits[i].segment_duration) / movie_timescale;
     };
-    std::string shapes, told;
+    std::string shapes, caption;
     double at = 0;
     for (size_t i = 0; i < shown; ++i) {
         const iso_elst_entry& edit = details->edits[i];
@@ -297,8 +298,8 @@ std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double 
         if (!empty && edit.media_rate != kNormalRate) {
             text += format(" at %.2f times its speed", edit.media_rate / 65536.0);
         }
-        told += (i == 0 ? "" : ", then ") + text;
-        // What reaches behind the axis, or lasts no time, is told alone.
+        caption += (i == 0 ? "" : ", then ") + text;
+        // What lies past the axis, or has no duration, is only named.
         const double until = std::min(at + length(i), total);
         if (until > at) {
             const double x = at / total * kWide, width = (until - at) / total * kWide;
@@ -308,9 +309,9 @@ std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double 
         at += length(i);
     }
     if (static_cast<size_t>(details->edit_count) > shown) {
-        told += " and " + show_count(static_cast<size_t>(details->edit_count) - shown) + " more";
+        caption += " and " + show_count(static_cast<size_t>(details->edit_count) - shown) + " more";
     }
-    return "<figure class=\"chart\"><figcaption><b>Edit list</b><span>" + told +
+    return "<figure class=\"chart\"><figcaption><b>Edit list</b><span>" + caption +
            "</span></figcaption><div class=\"plot\"><svg class=\"strip thin\" "
            "style=\"height:16px\" viewBox=\"0 0 1000 100\" preserveAspectRatio=\"none\" "
            "role=\"img\" aria-label=\"Edit list\">" +

@@ -9,7 +9,7 @@
 namespace tool {
 namespace {
 
-// A few bytes of tables can tell of billions of samples.
+// A few bytes of tables can declare billions of samples.
 constexpr uint32_t kMaxSamples = 1 << 23;     // of a track
 constexpr uint64_t kMaxHintBytes = 64 << 20;  // of the hint samples of a track
 constexpr uint64_t kMaxPacketBytes = 256 << 20;
@@ -120,7 +120,7 @@ void gather_samples(TrackFigures& figures) {
         time += duration;
     }
     figures.seconds = to_seconds(track, time);
-    // The last sample is often told shorter than it is.
+    // The last sample is often declared shorter than it is.
     const double cut_off = to_seconds(track, before > duration ? before - duration : 0);
     figures.edges.push_back(figures.seconds + cut_off);
     figures.longest_gap = to_seconds(track, std::max(gap, time - last_sync));
@@ -141,7 +141,7 @@ void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media, ui
     PacketFigures& out = figures.packets;
     if (hint->rtp_max_packet > kLongestPacket) {
         out.damage =
-            "The track tells of packets of " + show_count(hint->rtp_max_packet) + " bytes.";
+            "The track declares packets of " + show_count(hint->rtp_max_packet) + " bytes.";
         return;
     }
     const auto samples = static_cast<uint32_t>(figures.samples);
@@ -170,7 +170,7 @@ void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media, ui
     while (sample < samples && hint_bytes <= kMaxHintBytes && packet_bytes <= kMaxPacketBytes) {
         length = isoFFrtpPacket(hint, buffer.data());
         if (length <= 0) break;
-        // Behind the last packet of a sample the cursor stands on the next one.
+        // After the last packet of a sample the cursor stands on the next one.
         const bool last = cursor.packets_left == 0;
         const auto current = static_cast<uint32_t>(cursor.sample - (last ? 1 : 0));
         while (sample < std::min(current, samples - 1))
@@ -270,23 +270,23 @@ void gather_track(ReportData& data, iso_track* track) {
     data.tracks.push_back(std::move(figures));
 }
 
-// Where data is missing, packets cannot be made; that is told once.
+// If data is missing, packets cannot be made; that is reported once.
 void tell_problems(ReportData& data) {
-    const auto tell = [&](const TrackFigures& figures, const std::string& what) {
+    const auto report = [&](const TrackFigures& figures, const std::string& what) {
         const iso_track* track = figures.track;
         data.problems.push_back(
             format("Track %u (%s): ", track->track_id, codec_name(track->codec)) + what);
     };
     for (const TrackFigures& figures : data.tracks) {
         if (figures.outside.chunks == 0) continue;
-        tell(figures, show_count(figures.outside.chunks) + " of " +
-                          show_count(static_cast<uint32_t>(figures.track->chunk_count)) +
-                          " chunks reach behind the end of the file; " +
-                          show_bytes(figures.outside.bytes) + " are missing.");
+        report(figures, show_count(figures.outside.chunks) + " of " +
+                            show_count(static_cast<uint32_t>(figures.track->chunk_count)) +
+                            " chunks lie past the end of the file; " +
+                            show_bytes(figures.outside.bytes) + " are missing.");
     }
     if (!data.problems.empty()) return;
     for (const TrackFigures& figures : data.tracks) {
-        if (!figures.packets.damage.empty()) tell(figures, figures.packets.damage);
+        if (!figures.packets.damage.empty()) report(figures, figures.packets.damage);
     }
 }
 

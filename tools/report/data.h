@@ -72,7 +72,7 @@ struct ReportData {
     double seconds = 0;  // of the longest track
     std::vector<TrackFigures> tracks;
     size_t tracks_left_out = 0;
-    uint64_t media_bytes = 0, hint_bytes = 0;  // as the tables tell
+    uint64_t media_bytes = 0, hint_bytes = 0;  // as the tables declare
     std::vector<Verdict> verdicts;             // all four
     std::vector<std::string> problems;         // of the tracks, a sentence each
 };

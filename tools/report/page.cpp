@@ -13,7 +13,7 @@ namespace tool {
 namespace {
 
 constexpr double kWide = 1000;     // of the map, in its own units
-constexpr double kGone = 70;       // of these, for what is missing behind the end
+constexpr double kGone = 70;       // of these, for what is missing after the end
 constexpr size_t kMaxChips = 14;   // boxes named below the map
 constexpr size_t kMaxText = 2000;  // characters of a text of the file
 
@@ -47,7 +47,7 @@ std::string unbroken(const std::string& name) {
     return "<span class=\"nb\">" + name + "</span>";
 }
 
-// Markup of a file's name that may go on in the next line behind its parts.
+// Markup of a file's name that may be wrapped after its parts.
 std::string breakable(const std::string& name) {
     std::string out;
     for (const char c : name)
@@ -146,8 +146,9 @@ class Page {
         tone = Tone::kPoor;
         if (!data_.facts.scan.is_3gp()) return "This is no 3GP file";
         if (present_.empty()) {
-            return data_.facts.scan.movie_is_cut ? "The movie box is cut: nothing can be played"
-                                                 : "There is no audio and no video here";
+            return data_.facts.scan.movie_is_cut
+                       ? "The movie box is truncated: nothing can be played"
+                       : "This file has no audio and no video";
         }
         std::string silent, in_part;
         bool function = true, by_class = true, begins = false;
@@ -167,7 +168,8 @@ class Page {
             return (both ? "Neither " + silent + " plays" : "Its " + silent + " does not play") +
                    (begins ? " to the end" : "");
         }
-        if (data_.facts.scan.movie_is_cut) return "The movie box is cut: tracks may be missing";
+        if (data_.facts.scan.movie_is_cut)
+            return "The movie box is truncated: tracks may be missing";
         if (may_lack_tracks(data_.facts)) return "The movie box has tracks that cannot be read";
         tone = function && by_class ? Tone::kGood : Tone::kFair;
         if (tone == Tone::kGood) return "Plays with both APIs";
@@ -220,17 +222,16 @@ class Page {
             return;
         const bool damaged = !data_.facts.scan.damage.empty() || !data_.problems.empty();
         out_ += damaged ? "<section class=\"damage\"><h2>What is wrong with it</h2><ul>"
-                        : "<section><h2>What the reader remarks</h2><ul class=\"muted\">";
+                        : "<section><h2>Remarks of the reader</h2><ul class=\"muted\">";
         for (const std::string& sentence : data_.facts.scan.damage)
             out_ += "<li>" + escape(sentence) + "</li>";
         if (data_.facts.scan.more_damage > 0) {
-            out_ +=
-                "<li>And " + show_count(data_.facts.scan.more_damage) + " more of that kind.</li>";
+            out_ += "<li>" + show_count(data_.facts.scan.more_damage) + " more of this kind.</li>";
         }
         for (const std::string& sentence : data_.problems)
             out_ += "<li>" + escape(sentence) + "</li>";
         for (const std::string& line : data_.facts.remarks)
-            out_ += std::string("<li>") + (damaged ? "The reader remarks: " : "") + "<code>" +
+            out_ += std::string("<li>") + (damaged ? "Remark of the reader: " : "") + "<code>" +
                     escape(line) + "</code></li>";
         out_ += "</ul></section>\n";
     }
@@ -281,7 +282,7 @@ class Page {
     void add_verdicts() {
         out_ +=
             "<section><h2>Does it play?</h2><p class=\"note\">The library has two APIs. Each "
-            "is tried: opened, and played to the end of the medium.</p>";
+            "was tried: it opened the file and played the medium to its end.</p>";
         for (const MediaKind kind : kMedia) {
             if (!has_medium(data_.facts, kind)) continue;
             out_ += format("<div class=\"medium %s\"><h3>%s</h3><div class=\"pair\">", word(kind),
@@ -292,7 +293,7 @@ class Page {
             out_ += "</div></div>";
         }
         if (present_.empty()) {
-            out_ += "<p class=\"poor\">No track of audio or video was found, so neither can.</p>";
+            out_ += "<p class=\"poor\">The file has no audio or video track.</p>";
         }
         out_ += "</section>\n";
     }
@@ -359,7 +360,7 @@ class Page {
             shapes += bar;
         }
         if (figures.outside.chunks > 0) {
-            shapes += missing(show_count(figures.outside.chunks) + " chunks reach behind the end");
+            shapes += missing(show_count(figures.outside.chunks) + " chunks lie past the end");
         }
         const iso_track* track = figures.track;
         const std::string number = format("track %u", track->track_id);
@@ -372,14 +373,14 @@ class Page {
         out_ +=
             "<section><h2>Where the bytes are</h2><p class=\"note\">The file from its first "
             "byte to its last: the boxes, and below them the chunks of each track.";
-        if (gone_ > 0)
-            out_ += " What is red at the right is missing; its width does not tell how much.";
+        if (gone_ > 0) out_ += " What is red at the right is missing; its width is not to scale.";
         const bool shared =
             std::any_of(data_.tracks.begin(), data_.tracks.end(), [](const TrackFigures& track) {
                 return std::any_of(track.map.begin(), track.map.end(),
                                    [](const MapPiece& piece) { return piece.share < 1; });
             });
-        if (shared) out_ += " A track is the paler, the fewer of the bytes there are its own.";
+        if (shared)
+            out_ += " The paler a track, the fewer of the bytes at that place belong to it.";
         out_ += "</p>";
         add_box_row();
         for (const TrackFigures& figures : data_.tracks)
@@ -445,13 +446,13 @@ class Page {
             out_ += format("<h3>%s <span class=\"muted\">track %u</span></h3>",
                            codec_name(track->codec), track->track_id);
         }
-        std::string line = "announces packets of at most " +
+        std::string line = "declares packets of at most " +
                            fact("", show_count(track->rtp_max_packet)) + " bytes · clock " +
                            fact("", show_count(track->rtp_timescale)) + " Hz · " +
                            fact("", show_bytes(track->total_bytes)) + " of hints";
         constexpr uint32_t kLongestAccepted = 1400;
         if (track->rtp_max_packet > kLongestAccepted) {
-            line += " · more than 1,400, so the function API makes packets of its own";
+            line += " · more than 1,400, so the function API cuts its own packets";
         }
         out_ += "<p class=\"facts\">" + line + "</p>";
         if (!packets.damage.empty()) {
@@ -495,7 +496,7 @@ class Page {
     const ReportData& data_;
     std::string name_;
     std::vector<const Verdict*> present_;  // of the media that the file has
-    double gone_ = 0;                      // width of what is missing behind the end
+    double gone_ = 0;                      // width of what is missing after the end
     std::string out_;
 };
 
