@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The root classes of the box object model: one class per ISO base media box (ISO/IEC 14496-12)
-// that reads itself from the host's stream, writes itself back and tells its size.
+// that reads itself from the host's stream, writes itself back and reports its size.
 //
 // A concrete box names its fields once, in file order, in a static member template
 // `fields(f, self)`; Described turns that one list into Read, Dump and GetSize and into the field
@@ -101,7 +101,7 @@ class Box : public Archivable {
     // Reads the box and moves back to its start.
     virtual void Peek(Stream& io, unsigned int file_size);
 
-    // Moves behind the box as read.
+    // Moves past the box as read.
     void Skip(Stream& io);
 
     unsigned int GetType() const { return type_; }
@@ -166,7 +166,7 @@ class FullBox : public Box {
     uint32_t flags_ = 0;  // 24 bits
 };
 
-// Pointers to boxes, each with a bit that tells whether the list owns it.
+// Pointers to boxes, each with a bit that is set if the list owns it.
 template <class T>
 class BoxList {
   public:
@@ -289,7 +289,7 @@ class FixupableDims : public Rewindable {
     virtual void SetDimensions(unsigned int width, unsigned int height) = 0;
 };
 
-// What visit_fields and visit_children find behind a box.
+// What visit_fields and visit_children call for a box.
 class Listed {
   public:
     Listed() = default;

@@ -82,7 +82,7 @@ class FieldOps {
         self().table(name, entries, count, VisitEntry{});
     }
 
-    // Entries whose number is told by something else.
+    // Entries whose number another field declares.
     template <class Vector, class Visit = VisitEntry>
     void table(std::string_view name, Vector& entries, uint32_t, Visit visit = {}) {
         self().begin_list(name);
@@ -105,7 +105,7 @@ class FieldOps {
             self().child_box(*child);
     }
 
-    // A configuration box behind the fields of a sample entry.
+    // A configuration box after the fields of a sample entry.
     template <class T>
     void child(std::unique_ptr<T>& box) {
         if (box != nullptr) self().child_box(*box);

@@ -10,7 +10,7 @@
 
 namespace Qvox3gp {
 
-// What a constructor adds to the packet: 16 bytes of which the first tells the kind.
+// What a constructor adds to the packet: 16 bytes, the first of which is the kind.
 struct HintConstructor {
     static constexpr size_t kMaxImmediate = 14;
 

@@ -15,7 +15,7 @@ namespace Qvox3gp {
 
 class SampleEntry : public Box {
   public:
-    // Which entry of "dref" tells where the media is, from 1.
+    // Which entry of "dref" locates the media, from 1.
     uint16_t GetDataReferenceIndex() const { return data_reference_index_; }
 
     template <class F, class Self>
@@ -29,7 +29,7 @@ class SampleEntry : public Box {
     uint16_t data_reference_index_ = 1;
 };
 
-// An entry of any type that has no class of its own, hint entries included: everything behind the
+// An entry of any type that has no class of its own, hint entries included: everything after the
 // box header, kept raw.
 class NullSampleEntry : public Described<NullSampleEntry, SampleEntry> {
   public:
@@ -301,7 +301,7 @@ class AVCCBox : public Described<AVCCBox, FullBox> {
     uint8_t GetLevel() const { return level_; }
     // Bytes of the length in front of each NAL unit of a sample: 1 to 4.
     unsigned int GetNalLengthSize() const { return (nal_length_ & kNalLengthBits) + 1u; }
-    // Every parameter set behind a start code 00 00 00 01, sequence sets first.
+    // Every parameter set after a start code 00 00 00 01, sequence sets first.
     const std::vector<uint8_t>& GetParameterSets() const { return buffer_; }
 
     void SetProfile(uint8_t profile, uint8_t compatibility, uint8_t level);

@@ -29,7 +29,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY
 set(same_version "(= ${PROJECT_VERSION})")
 
 # kestrel_package(COMPONENT NAME SECTION MULTIARCH SUMMARY CONTENTS). CPack has no variable for the
-# field Multi-Arch, so it goes behind another.
+# field Multi-Arch, so it goes after another.
 macro(kestrel_package component name section multiarch summary contents)
     set(CPACK_DEBIAN_${component}_PACKAGE_NAME ${name})
     set(CPACK_DEBIAN_${component}_PACKAGE_SECTION "${section}\nMulti-Arch: ${multiarch}")
@@ -59,7 +59,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} ${same_version}
 
 kestrel_package(
     TOOLS kestrel-tools video foreign "command-line tool for 3GP files"
-    "This package has the command kestrel, which shows, plays and mends files.")
+    "This package has the command kestrel, which shows, plays and fixes files.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} ${same_version}")
 
 # What every Debian package has: copyright and changelog.

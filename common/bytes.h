@@ -66,7 +66,7 @@ inline void store_code(char (&out)[5], uint32_t code) {
 
 // A read-only run of bytes with a position. A read that the bytes do not cover yields zeros,
 // leaves the position at the end and makes ok() false for good, so a parse is a straight column
-// of reads with one test behind it.
+// of reads with one test after it.
 class ByteReader {
   public:
     ByteReader() = default;

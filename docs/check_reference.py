@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Tells of public functions that the API reference says nothing about.
+"""Reports public functions that have no comment in the API reference.
 
 Usage: check_reference.py XML-FOLDER
 """

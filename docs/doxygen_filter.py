@@ -2,9 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Shows Doxygen the plain comments of the public headers as documentation.
 
-A comment in front of a declaration, or behind it on its line, belongs to it; functions that follow
+A comment before a declaration, or after it on its line, belongs to it; functions that follow
 one another without a blank line share the comment of the first. The comment that a header begins
-with is that of the file. A comment with a blank line behind it is nobody's.
+with is that of the file. A comment before a blank line belongs to none.
 """
 import pathlib
 import re

@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/* The statuses of this host are its own affair; check_status tells the library what they mean. */
+/* The statuses of this host are its own affair; check_status translates them for the library. */
 static const uint32_t kOk = 0;
 static const uint32_t kFailed = 1;
 

@@ -38,9 +38,9 @@ void check_frames(const Bytes& run, int format) {
         const int size = amr_get_size(&run[at], format);
         check(size > 0 && static_cast<size_t>(size) <= run.size() - at);
         int type = -1;
-        const int told = amr_get_format(&run[at], size, &type);
-        // Where the first byte makes sense in both, the storage format is told.
-        check(told == format || told == 1);
+        const int reported = amr_get_format(&run[at], size, &type);
+        // If the first byte is valid in both formats, the storage format is reported.
+        check(reported == format || reported == 1);
         check(type >= 0 && (type < 9 || type == 15));
         at += static_cast<size_t>(size);
     }

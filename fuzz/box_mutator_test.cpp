@@ -11,7 +11,7 @@
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
                                           unsigned salt);
 
-// libFuzzer's own mutation, which knows nothing of boxes: its inputs are told by their size.
+// libFuzzer's own mutation, which knows nothing of boxes: its inputs are known by their size.
 extern "C" size_t LLVMFuzzerMutate(uint8_t*, size_t, size_t) {
     return 0;
 }

@@ -25,7 +25,7 @@ bool open(C3gpInterface& player, Host& host, const char* mode, unsigned& status)
     }
 }
 
-// Reads up to `size` bytes behind what is in `stream`.
+// Reads up to `size` bytes after what is in `stream`.
 unsigned read(C3gpInterface& player, Host& host, unsigned size, bool arriving, Bytes& stream) {
     Bytes buffer(size);
     unsigned got = size;
@@ -65,17 +65,17 @@ Played play(Host& host, const char* mode, unsigned size, bool arriving) {
     return played;
 }
 
-// Reads and seeks as the choices have it, and tells what each came to.
+// Reads and seeks as the choices have it, and records each result.
 Bytes wander(View file, Choices choices, const char* mode, bool arriving) {
     Host host(file);
     C3gpInterface player;
-    Bytes told;
+    Bytes results;
     unsigned status = KST_SUCCESS;
     if (!open(player, host, mode, status)) return {static_cast<uint8_t>(status)};
-    while (!choices.at_end() && told.size() < kMaxOutput) {
+    while (!choices.at_end() && results.size() < kMaxOutput) {
         const uint8_t step = choices.u8();
         if (step & 1) {
-            status = read(player, host, 1 + step * 16u, arriving, told);
+            status = read(player, host, 1 + step * 16u, arriving, results);
         } else {
             _TAG_KST_SEEK_PARAMS params{};
             const uint8_t time = choices.u8();
@@ -84,12 +84,12 @@ Bytes wander(View file, Choices choices, const char* mode, bool arriving) {
                             (step >> 3 & 7u);
             status = player.SeekTo(&params);
             host.check_calls();
-            if (status == KST_SUCCESS) told.push_back(static_cast<uint8_t>(params.uFrameNum));
+            if (status == KST_SUCCESS) results.push_back(static_cast<uint8_t>(params.uFrameNum));
         }
         // A callback that fails has a status of its own only where it reads by index.
-        if (status != KST_IO_FAILURE) told.push_back(static_cast<uint8_t>(without_flag(status)));
+        if (status != KST_IO_FAILURE) results.push_back(static_cast<uint8_t>(without_flag(status)));
     }
-    return told;
+    return results;
 }
 
 }  // namespace

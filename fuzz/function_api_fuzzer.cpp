@@ -11,7 +11,7 @@ namespace {
 
 using namespace fuzz;
 
-// A few bytes can tell of any number of samples; so much of them is enough.
+// A few bytes can declare any number of samples; so many of them are enough.
 constexpr size_t kMaxOutput = 1 << 19;
 constexpr int kMaxChunks = 300;
 
@@ -49,7 +49,7 @@ int32_t read_chunk(mm_Interface* handle, Host& host, uint32_t room, bool flag, B
     check(size <= buffer.size());
     if (status == KST_NOT_YET) check(size == 0);
     stream.insert(stream.end(), buffer.begin(), buffer.begin() + size);
-    // In front of the first video frame, not-yet is told as a failure that delivers nothing.
+    // Before the first video frame, not-yet is reported as a failure that delivers nothing.
     return status == KST_FAILURE && size == 0 ? int32_t{KST_NOT_YET} : status;
 }
 

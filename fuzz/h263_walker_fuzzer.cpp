@@ -52,7 +52,7 @@ void walk(nch_state& state, View picture) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    // A block of its own for each picture, so that a read behind it is seen. The parts that follow
+    // A block of its own for each picture, so that a read past it is seen. The parts that follow
     // a start code are walked one after another with one record.
     nch_state state{};
     size_t begin = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Any bytes as a file, its samples and RTP packets read in every order: each sample is the same
-// forwards, backwards and at random, and nothing is written behind the room that was given.
+// forwards, backwards and at random, and nothing is written past the buffer that was given.
 #include <algorithm>
 #include <memory>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Any bytes as a media sample, cut into packets: they join to the sample again, and none is written
-// behind the room that was given.
+// past the buffer that was given.
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -46,7 +46,7 @@ Case read_case(Choices& choices) {
     return how;
 }
 
-// Parameter sets, each behind its length.
+// Parameter sets, each after its length.
 Bytes parameter_sets(int nal_length_size) {
     Bytes sets(static_cast<size_t>(nal_length_size) + 3);
     sets[static_cast<size_t>(nal_length_size) - 1] = 3;
@@ -101,9 +101,9 @@ Bytes depacketised(const Packets& packets, kestrel::stream::Medium medium) {
     return joined;
 }
 
-// The sample's NAL units behind start codes, the parameter sets in front of the first IDR slice
-// unless some came before it. False when the units cannot be told from aggregates and fragments,
-// or a fragment cannot tell a unit's first bit.
+// The sample's NAL units after start codes, the parameter sets before the first IDR slice
+// unless some came before it. False if the units look like aggregates or fragments,
+// or if a fragment does not have a unit's first bit.
 bool nal_stream(View sample, const Case& how, Bytes& stream) {
     constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
     constexpr uint8_t kIdrSlice = 5, kSequenceSet = 7, kPictureSet = 8, kFirstAggregate = 24;
@@ -158,7 +158,7 @@ void packetise_tel(View sample, const Case& how) {
     check(tel_native_init(&state, 96, how.max_payload, how.mode, &track, flags) == 0);
     state.max_payload = how.max_payload;
     // H.264 needs four bytes more than it was given for each fragment, which are at least one byte
-    // behind a header of 20.
+    // after a header of 20.
     const size_t extra = how.codec == ISO_CODEC_AVC1 ? 4 * (how.room / 19 + 1) : 0;
     const std::unique_ptr<uint8_t[]> out(new uint8_t[how.room + extra]);
     Bytes in(sample.begin(), sample.end());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs a target over files, and over all files of directories, without libFuzzer: what was found
-// stays mended.
+// stays fixed.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -13,7 +13,7 @@ namespace {
 int replay(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     fuzz::Bytes bytes{std::istreambuf_iterator<char>(in), {}};
-    // A block of its own size: a read behind the end is seen by the sanitizers.
+    // A block of its own size: a read past the end is seen by the sanitizers.
     const fuzz::Bytes exact(bytes.begin(), bytes.end());
     LLVMFuzzerTestOneInput(exact.data(), exact.size());
     return 1;

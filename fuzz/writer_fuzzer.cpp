@@ -30,7 +30,7 @@ struct Track {
     std::vector<Sample> samples;
 };
 
-// Bytes that the codec could have: AMR frames, or NAL units behind their lengths, or any.
+// Bytes that the codec could have: AMR frames, or NAL units after their lengths, or any.
 Bytes sample_bytes(Choices& choices, int32_t codec) {
     const size_t size = choices.u8() % 4 == 0 ? choices.u16() % 3000 : choices.u8();
     Numbers numbers(choices.u8());

@@ -162,7 +162,7 @@ int tel_put_hdr_vid_codecCfg263(void* out, const iso_track* track) {
 }
 
 int tel_put_hdr_vid_codecCfg264(void* out, iso_track* track) {
-    // Behind the first start code and the NAL unit's header byte.
+    // After the first start code and the NAL unit's header byte.
     constexpr size_t kProfile = 5, kConstraints = 6, kLevel = 7;
     if (out == nullptr) return -1;
     VID_Header_H264CodecConfig record;

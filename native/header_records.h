@@ -10,7 +10,7 @@
 
 namespace kestrel {
 
-// What tells the video codecs apart in the header records.
+// What differs between the video codecs in the header records.
 struct VideoFormat {
     const char* name;        // in the codec record
     uint32_t config_record;  // bytes of the codec configuration record
@@ -18,8 +18,8 @@ struct VideoFormat {
 };
 
 // The H.263 names differ with the payload header of the packets: RFC 2190 for the first, RFC 4629
-// for the second. Both tell the length of an MPEG-4 configuration record, and H.264 tells 365 for
-// its 368 bytes: platforms know them so.
+// for the second. Both declare the length of an MPEG-4 configuration record, and H.264 declares 365
+// for its 368 bytes: platforms know them so.
 inline constexpr VideoFormat kMpeg4Format{"mp4v", sizeof(VID_Header_MPEG4CodecConfig), 356};
 inline constexpr VideoFormat kH263Format{"s263", sizeof(VID_Header_H263CodecConfig), 356};
 inline constexpr VideoFormat kH263PlusFormat{"s263+", sizeof(VID_Header_H263CodecConfig), 356};

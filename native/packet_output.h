@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The output of a packetiser: packets back to back, within the room that the caller told.
+// The output of a packetiser: packets back to back, within the size that the caller gave.
 #ifndef KESTREL_NATIVE_PACKET_OUTPUT_H
 #define KESTREL_NATIVE_PACKET_OUTPUT_H
 

@@ -15,7 +15,7 @@
 #include "tests/support/syslog_capture.h"
 #include "tests/support/writing.h"
 
-// Every allocation in turn fails, alone and with all behind it: the documented status comes,
+// Every allocation in turn fails, alone and with all after it: the documented status comes,
 // nothing is lost that was delivered or is still to come, and there is no leak (with the address
 // sanitizer).
 
@@ -59,7 +59,7 @@ void expect_rest(const ReadCall& read, AllocationFault& fault, const Bytes& begu
         },
         kRequest);
     EXPECT_THAT(faulty.failures, Each(AnyOf(KST_FAILURE, KST_NO_MEMORY)));
-    fault.mend();
+    fault.repair();
     const ReadThrough rest = read_through_failures(read, kRequest);
     EXPECT_TRUE(rest.failures.empty());
     EXPECT_TRUE(join({begun, faulty.stream, rest.stream}) == whole);
@@ -82,7 +82,7 @@ TEST_F(NoMemory, FunctionApi) {
             }
             EXPECT_THAT(status, AnyOf(KST_FAILURE, KST_NO_MEMORY));
             EXPECT_EQ(handle, nullptr);
-            fault.mend();
+            fault.repair();
             kst_host_rewind(host.get());
             EXPECT_TRUE(play(host.get(), medium.mode).stream == whole.stream);
         });
@@ -106,7 +106,7 @@ TEST_F(NoMemory, ClassApi) {
             if (whole.opened) {
                 EXPECT_THAT(status, AnyOf(KST_FAILURE, KST_NO_MEMORY, KST_CORRUPT));
             }
-            fault.mend();
+            fault.repair();
             kst_host_rewind(host.get());
             EXPECT_EQ(player.Open(kst_host_callbacks(host.get()), medium.mode) == KST_SUCCESS,
                       whole.opened);
@@ -132,7 +132,7 @@ TEST_F(NoMemory, Seeking) {
         unsigned int status = KST_NOT_OPEN;
         if (fault != nullptr) {
             status = fault->during(seek);
-            fault->mend();
+            fault->repair();
             EXPECT_THAT(status, AnyOf(KST_SUCCESS, KST_FAILURE));
             if (status != KST_SUCCESS) status = seek();
         } else {
@@ -171,7 +171,7 @@ TEST_F(NoMemory, BoxModel) {
             return copied ? Bytes(bytes, bytes + size) : Bytes();
         };
         AllocationFault none(0, false);
-        none.mend();
+        none.repair();
         const Bytes whole = copy(none);
         EXPECT_FALSE(whole.empty());
         fail_each([&](AllocationFault& fault) {

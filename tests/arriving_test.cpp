@@ -36,7 +36,7 @@ std::vector<BoxPlace> find_boxes(const Bytes& file) {
     return boxes;
 }
 
-// The class needs the header of every box to open, so what is behind the media would make it wait
+// The class needs the header of every box to open, so what is after the media would make it wait
 // for all.
 Bytes without_tail(Bytes file) {
     const BoxPlace last = find_boxes(file).back();

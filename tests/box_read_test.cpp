@@ -261,7 +261,7 @@ TEST(BoxHeader, IsTakenLiterally) {
     }
 }
 
-TEST(BoxHeader, MayEndWithTheFileButNotBehindIt) {
+TEST(BoxHeader, MayEndWithTheFileButNotAfterIt) {
     for (uint32_t size : {20u, 21u, 0xFFFFFFFFu}) {
         MemoryStream in(zeros(4) + header(size, "mdat") + zeros(12));
         macro_Seek(in.io(), 4);
@@ -744,7 +744,7 @@ TEST(SampleEntriesDeathTest, AForeignCodecEndsTheProcess) {
     const Bytes bytes = box("mp4v", kVisualFields + esds(0x40, text("config"), be(6, 1)));
     EXPECT_EXIT(read_stsd(bytes), testing::ExitedWithCode(1),
                 "^Bad 3GP file, only MP4 Video codec accepted in mp4v box\n$");
-    // The codec is looked at before the lengths behind it.
+    // The codec is checked before the lengths after it.
     const Bytes lying = box("mp4v", kVisualFields + esds(0x40, text("config"), be(0x7F, 1)));
     EXPECT_EXIT(read_stsd(lying), testing::ExitedWithCode(1), "^Bad 3GP file");
 }
@@ -753,7 +753,7 @@ Bytes avcc(const Bytes& sequence_sets, const Bytes& picture_sets) {
     return box("avcC", Bytes{1, 66, 0xC0, 10, 0xFF} + sequence_sets + picture_sets);
 }
 
-TEST(SampleEntries, H264ParameterSetsStandBehindStartCodes) {
+TEST(SampleEntries, H264ParameterSetsFollowStartCodes) {
     const Bytes start = {0, 0, 0, 1};
     const Bytes sequence(10, 0x67);
     const Bytes picture(4, 0x68);
@@ -796,9 +796,9 @@ TEST(HostileBoxes, TablesFromAHostThatCutsReadsShort) {
     EXPECT_EQ(table.GetChunkOffsets()[2999], 2999u);
 }
 
-// What a box is too short for is zero to its end: a narrower field behind it does not take the
+// What a box is too short for is zero to its end: a narrower field after it does not take the
 // rest.
-TEST(HostileBoxes, FieldsBehindTheFirstThatDoesNotFitAreZero) {
+TEST(HostileBoxes, FieldsAfterTheFirstThatDoesNotFitAreZero) {
     MemoryStream in(box("damr", text("test") + Bytes{1, 0x77}));
     AMRSpecificBox damr;
     damr.Read(in.io(), 14);

@@ -97,7 +97,7 @@ std::string test_name(const testing::TestParamInfo<std::string>& info) {
 
 // Bodies that the model does not open.
 const std::set<std::string> kClosed = {"udta", "rtp ", "mp4a", "free"};
-// What the model passes over behind the configuration box of a visual entry.
+// What the model skips after the configuration box of a visual entry.
 const std::set<std::string> kPassedOver = {"pasp", "fiel", "colr", "btrt"};
 
 // What the model can be expected to list of the other program's listing.

@@ -122,7 +122,7 @@ void add_track(MoovBox& moov, Track& track, uint32_t id, uint32_t hinted_id) {
 }
 
 // A file with interleaved speech, video and speech hint samples, whose headers stand before or
-// behind the media.
+// after the media.
 class FileBuilder {
   public:
     static constexpr uint32_t kSpeechSamples = 50;

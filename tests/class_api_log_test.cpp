@@ -45,7 +45,7 @@ Bytes speech_frame(uint32_t time, uint32_t sequence, uint32_t flag, const Bytes&
 const Bytes kNoData = {0xF0, 0x7C};
 const Bytes kSpeech = {0xF0, 0x3C, 0x55};
 
-// The frames, behind the header records.
+// The frames, after the header records.
 Bytes frames_of(const HintFile& made) {
     constexpr long kHeaders = 68;
     const Played played = play(made.build(), "ar", kOnClass);
@@ -253,7 +253,7 @@ Bytes without(Bytes file, const std::string& type, int nth = 0) {
     return file;
 }
 
-// Writes a word behind the type of the n-th box.
+// Writes a word after the type of the n-th box.
 Bytes with_word(Bytes file, const std::string& type, int nth, size_t offset, uint32_t value) {
     const Bytes marked = without(file, type, nth);
     const auto at = std::mismatch(file.begin(), file.end(), marked.begin()).first;
@@ -399,7 +399,7 @@ constexpr uint32_t kNext = KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC;
 constexpr uint32_t kPrevious = KST_SEEK_ABSOLUTE | KST_SEEK_PREVIOUS_SYNC;
 constexpr uint32_t kRelative = KST_SEEK_RELATIVE | KST_SEEK_NEXT_SYNC;
 
-// Three frames of speech; sync samples as told.
+// Three frames of speech; sync samples as given.
 HintFile three_frames(std::initializer_list<uint32_t> syncs = {}) {
     HintFile made;
     for (uint16_t i = 0; i < 3; ++i) {
@@ -453,7 +453,7 @@ TEST(ClassSeek, AnswersTheDocumentedStatusAndLine) {
 }
 
 // Tables that end too early stop playing; what was delivered stays.
-TEST(ClassRead, TellsTablesThatEndTooEarly) {
+TEST(ClassRead, ReportsTablesThatEndTooEarly) {
     const Bytes file = three_frames().build();
     const Bytes whole = play(file, "ar", kOnClass).stream;
     const struct {
@@ -500,7 +500,7 @@ TEST(ClassTables, ThousandsOfHintSamplesThatMakeNoSenseEndTheCall) {
     EXPECT_LT(host.calls - opened, 6000 * 5);
     EXPECT_THAT(log.messages(),
                 ElementsAre("ERR: AUDIO: No valid hint sample among the next 4096"));
-    // It goes on from there: the frame behind all of them comes with the next call.
+    // It goes on from there: the frame after all of them comes with the next call.
     size = static_cast<uint32_t>(buffer.size());
     EXPECT_EQ(player.ReadChunk(buffer.data(), &size, false), KST_END_OF_FILE);
     EXPECT_GT(size, 68u);
@@ -539,13 +539,13 @@ std::tuple<unsigned int, uint32_t, Bytes> arrive(const Bytes& file, uint32_t ms)
     return {status, params.uFrameNum, bytes};
 }
 
-// 298 samples, 25 in each of 12 chunks: the file tells of the shorter last one, or it does not.
+// 298 samples, 25 in each of 12 chunks: the file declares the shorter last one, or it does not.
 TEST(ClassTables, ALastChunkThatIsNotFullShiftsNoSample) {
-    const Bytes told = read_sample("amrnb_hinted.3gp");
-    const Bytes untold = with_word(told, "stsc", 1, kTableCount, 1);
-    ASSERT_EQ(play(told, "ar", kOnClass).stream, play(untold, "ar", kOnClass).stream);
+    const Bytes declared = read_sample("amrnb_hinted.3gp");
+    const Bytes undeclared = with_word(declared, "stsc", 1, kTableCount, 1);
+    ASSERT_EQ(play(declared, "ar", kOnClass).stream, play(undeclared, "ar", kOnClass).stream);
     for (uint32_t ms = 0; ms < 5960; ms += 20)
-        EXPECT_EQ(arrive(untold, ms), arrive(told, ms)) << ms;
+        EXPECT_EQ(arrive(undeclared, ms), arrive(declared, ms)) << ms;
 }
 
 // The last media sample has no offset, so there is nowhere to send the stream.

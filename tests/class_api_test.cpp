@@ -90,7 +90,7 @@ std::ostream& operator<<(std::ostream& out, const Packet& p) {
     return out << p.size << " " << p.marker << " " << p.payload_type << " " << p.sequence;
 }
 
-// The packets of a stream; for speech, whose frames do not tell marker and type, one a frame.
+// The packets of a stream; for speech, whose frames have no marker and type, one a frame.
 class PacketList final : public kestrel::stream::RecordSink {
   public:
     std::vector<Packet> packets;
@@ -228,10 +228,10 @@ std::vector<Listing::Sample> list_samples(const Qvox3gp::StblBox& stbl) {
     const auto& chunks = stbl.GetStco()->GetChunkOffsets();
     size_t number = 0;
     for (size_t chunk = 1; chunk <= chunks.size(); ++chunk) {
-        const auto behind = std::find_if(runs.begin(), runs.end(),
-                                         [&](const auto& run) { return run.first_chunk > chunk; });
+        const auto after = std::find_if(runs.begin(), runs.end(),
+                                        [&](const auto& run) { return run.first_chunk > chunk; });
         uint32_t offset = chunks[chunk - 1];
-        for (uint32_t i = 0; i < std::prev(behind)->samples_per_chunk; ++i, ++number) {
+        for (uint32_t i = 0; i < std::prev(after)->samples_per_chunk; ++i, ++number) {
             const auto& sizes = stsz.GetChunkSizes();
             samples.at(number).size = sizes.empty() ? stsz.GetSampleSize() : sizes.at(number);
             samples.at(number).offset = offset;
@@ -320,10 +320,10 @@ uint32_t pick_sync(const std::vector<uint32_t>& syncs, uint32_t sample, uint32_t
 Landing expected_landing(const Listing& list, uint32_t ms, uint32_t rule) {
     if (ms > list.duration_ms()) return {.status = KST_BAD_TIMESTAMP, .ms = ms};
     const uint64_t ticks = uint64_t{ms} * list.per_ms();
-    const auto behind =
+    const auto after =
         std::find_if(list.hints.begin(), list.hints.end(),
                      [&](const Listing::Sample& sample) { return sample.start > ticks; });
-    auto sample = static_cast<uint32_t>(behind - list.hints.begin());
+    auto sample = static_cast<uint32_t>(after - list.hints.begin());
     if (list.syncs) sample = pick_sync(*list.syncs, sample, rule);
     if (sample == 0) return {.status = KST_NO_HINT_OFFSET, .ms = ms};
     const Listing::Sample& found = list.hints[sample - 1];
@@ -452,7 +452,7 @@ TEST_P(ClassApi, SeeksLandWhereTheTablesSay) {
     std::cout << tried << " seeks\n";
 }
 
-// Whether a speech frame starts is told of what was played before it, so that this one field of the
+// Whether a speech frame starts depends on what was played before it, so that this one field of the
 // first frame is left out.
 void forget_flag(Bytes& tail, const char* mode) {
     constexpr size_t kFlag = offsetof(kestrel::AUD_AudFrame_Native, flag);
@@ -522,7 +522,7 @@ TEST_P(ClassApi, ASeekThatFailsLeavesPlayingWhereItWas) {
                 seek(seeking.player(), 100, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
             ASSERT_GT(host.calls, from + failing);
             const std::string_view last = host.names.back();
-            host.mend();
+            host.repair();
             const bool fails = can_fault(last, fault.kind);
             EXPECT_EQ(landing.status, fails ? KST_FAILURE : KST_SUCCESS) << last;
             if (!fails) continue;

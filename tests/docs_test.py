@@ -95,9 +95,9 @@ class ManPages(unittest.TestCase):
                                       text=True).stdout
                 text = re.sub(".\x08", "", text)  # bold and underlined
                 entries = set(re.findall(r"^ {5}(?=-)(.*)$", text, re.M))
-                told = {word.strip(",") for entry in entries for word in entry.split()}
+                documented = {word.strip(",") for entry in entries for word in entry.split()}
                 self.assertEqual([], [option for option in options(*command)
-                                      if option not in told])
+                                      if option not in documented])
                 for argument in listed(tool_help(*command), "Arguments"):
                     self.assertRegex(text, rf"(?m)^ {{5}}{re.escape(argument)}(?!\w)")
 
@@ -152,7 +152,7 @@ class Readme(unittest.TestCase):
 
 
 class Completion(unittest.TestCase):
-    def test_offers_what_the_help_tells(self):
+    def test_offers_what_the_help_lists(self):
         self.assertEqual(complete(""), sorted(commands() + options()))
         for command in commands():
             self.assertEqual(complete(command, "-"), sorted(options(command)), command)
@@ -187,7 +187,7 @@ class Documents(unittest.TestCase):
                 self.assertIn(f"({document.name})", index)
 
     def test_quotes_are_the_text_of_the_files(self):
-        """A quote is an indented block behind a line that ends with the link of its file."""
+        """A quote is an indented block after a line that ends with the link of its file."""
         text = (ROOT / "README.md").read_text()
         quotes = re.findall(r"\]\((examples/\S+)\)[^\n]*:\n\n((?:(?:    .*)?\n)+)", text)
         self.assertEqual({file for file, _ in quotes},

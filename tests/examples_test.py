@@ -110,7 +110,7 @@ class Examples(unittest.TestCase):
         self.assertEqual(result.returncode, 1)
         self.assertIn(b"no movie box", result.stderr)
 
-    def test_what_cannot_be_played_is_told(self):
+    def test_what_cannot_be_played_is_reported(self):
         plain = SAMPLES / "h263_plain.3gp"
         cut = plain.read_bytes()[:-1000]
         for result, text in [

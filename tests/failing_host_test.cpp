@@ -11,7 +11,7 @@
 #include "tests/support/writing.h"
 
 // Every sample file with both APIs over a host whose calls go wrong, one after the other and in
-// every way: the documented status comes, what was delivered is good, and when the host is mended
+// every way: the documented status comes, what was delivered is good, and when the host is repaired
 // the rest follows. By default some calls of each file are taken, the same ones each time; with
 // KESTREL_THOROUGH=1 in the environment, all.
 
@@ -143,7 +143,7 @@ void Faults::expect_failures(const std::vector<int32_t>& failures, int failing,
 // Reads on over a host that is at fault, and then over one that is not.
 void Faults::expect_stream(Player& player, FaultyHost& host, int failing, const Fault& fault) {
     const ReadThrough faulty = player.read_through(flag_);
-    host.mend();
+    host.repair();
     const ReadThrough rest = player.read_through(flag_);
     if (!fault.honest()) return;
     const bool while_open = failing < open_calls_;
@@ -168,7 +168,7 @@ bool Faults::run(int failing, const Fault& fault) {
         expect_open_failed(status, player, fault);
     }
     player.close();
-    host.mend();
+    host.repair();
     host.rewind();
     EXPECT_EQ(player.open(host, medium_.mode), status_);
     if (status != KST_SUCCESS && status_ == KST_SUCCESS) {
@@ -214,7 +214,7 @@ TEST_P(EveryHostCall, MaySayTheSameForEver) {
                 Player player(api);
                 if (player.open(host, medium.mode) == KST_SUCCESS) player.read_through(flag);
                 player.close();
-                host.mend();
+                host.repair();
                 host.rewind();
                 player.open(host, medium.mode);
             }

@@ -87,7 +87,7 @@ TEST(FunctionApi, HeaderRecordsThenFramesInTwoCalls) {
     kst_host_close(host);
 }
 
-// A host that gives every call less room than the chunk needs is told the need, and misses nothing.
+// A host whose buffer is too small in every call is given the size needed, and misses nothing.
 TEST(FunctionApi, ChunkWithoutRoomStays) {
     const Bytes file = read_sample("amrwb_dtx_hinted.3gp");
     const Bytes whole = play(file, "ar").stream;
@@ -166,7 +166,7 @@ TEST(FunctionApi, VideoCallsAlternateBetweenRecordAndPackets) {
         Bytes buffer(KST_LARGEST_CHUNK);
         std::vector<uint32_t> sizes;
         const auto read = [&] {
-            // Without room the call tells what it needs and changes nothing.
+            // Without room the call reports what it needs and changes nothing.
             uint32_t size = 0;
             const int32_t refused = kst_ReadChunk(handle, buffer.data(), &size, false);
             EXPECT_EQ(refused, KST_BAD_ARGUMENT);

@@ -111,7 +111,7 @@ class Hinted {
     }
 
     int written = 0;
-    int after_end = 0;  // of a hint sample behind one that came too late
+    int after_end = 0;  // of a hint sample after one that came too late
     int closed = 0;
     Bytes file_bytes;
     iso_track* media;
@@ -138,7 +138,7 @@ Bytes random_bytes(Random& random, size_t size) {
 
 // --- payloads back to the samples they were made from ---
 
-// Bytes of speech behind the header byte of a frame (3GPP TS 26.101 and 26.201).
+// Bytes of speech after the header byte of a frame (3GPP TS 26.101 and 26.201).
 size_t speech_bytes(int type, bool wide) {
     static constexpr size_t kNarrow[] = {12, 13, 15, 17, 19, 20, 26, 31, 5};
     static constexpr size_t kWide[] = {17, 23, 32, 36, 40, 46, 50, 58, 60, 5};
@@ -193,7 +193,7 @@ Bytes units_sample(Random& random) {
     return sample;
 }
 
-// Appends a unit to the sample when the packet ends one; `open` is what came of it so far.
+// Appends a unit to the sample when the packet ends one; `open` is its first part.
 void take_unit(const Bytes& payload, Bytes& open, Bytes& to) {
     if ((payload.at(0) & 0x1F) != 28) {
         EXPECT_TRUE(open.empty());
@@ -309,7 +309,7 @@ TEST(HintTrack, SaysWhatItHolds) {
                  "sprop-parameter-sets=Z0IAHg==,aAk=\r\na=control:trackID=2\r\n");
 }
 
-// Parameter sets that are in the stream only are none that could be told.
+// Parameter sets that are in the stream only are none that could be declared.
 TEST(HintTrack, DescriptionNamesNoSetsWhereThereAreNone) {
     const auto bare = [](iso_file* file) {
         const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE0, 0};
@@ -352,17 +352,17 @@ TEST(HintTrack, EmptySampleKeepsTheClockRunning) {
     EXPECT_EQ(rfc2190.packets().size(), 3U);
 }
 
-TEST(HintTrack, WhatCannotBeCutIsTold) {
+TEST(HintTrack, WhatCannotBeCutIsReported) {
     const Bytes cut_frame = {0x3C, 1, 2};
     EXPECT_EQ(Hinted(narrow_band, 1400, {{cut_frame, 160}}).written, -3);
     Bytes long_frame(61, 1);
-    long_frame[0] = 0x44;  // wide band, 23.85 kbit/s: 60 bytes behind the header
+    long_frame[0] = 0x44;  // wide band, 23.85 kbit/s: 60 bytes after the header
     EXPECT_EQ(Hinted(wide_band, 74, {{long_frame, 320}}).closed, 0);
     EXPECT_EQ(Hinted(wide_band, 73, {{long_frame, 320}}).written, -3);
 }
 
 // A sample that makes more packets than a hint sample can count is refused, whatever its size.
-TEST(HintTrack, TooManyPacketsAreTold) {
+TEST(HintTrack, TooManyPacketsAreReported) {
     Bytes units;
     for (int i = 0; i < 65535; ++i)
         append_unit({0x61}, units);
@@ -415,7 +415,7 @@ TEST(HintTrack, CountsInTheUnitsOfItsMedium) {
 
 // Bytes of payload and RTP header, and the bits of a second: the fullest, and all together
 // (ISO/IEC 14496-12, 8.4.5.4).
-TEST(HintTrack, HeaderTellsThePacketsAndTheirRates) {
+TEST(HintTrack, HeaderDeclaresThePacketsAndTheirRates) {
     constexpr int kSecond = 30000;
     const auto picture = [](size_t size) { return Bytes(size - kRtpHeader, 1); };
     struct {
@@ -479,7 +479,7 @@ TEST(HintTrack, NeedsAMediumAndALimit) {
     EXPECT_EQ(rtp_isoFFtrack(file, nullptr, 1400, 96, ISO_H263_RFC4629), nullptr);
     EXPECT_EQ(rtp_isoFFtrack(other, speech, 1400, 96, ISO_H263_RFC4629), nullptr);
     EXPECT_EQ(rtp_isoFFtrack(file, plain, 1400, 96, ISO_H263_RFC4629), nullptr);
-    // Nor is there anything to tell of these two.
+    // Nor is there anything to declare of these two.
     for (const int32_t codec : {ISO_CODEC_AVC1, ISO_CODEC_MP4V}) {
         iso_track* unconfigured = isoFFtrack(file);
         unconfigured->codec = codec;

@@ -387,13 +387,13 @@ std::vector<std::uint32_t> durations(const Track& track) {
 }
 
 TEST(Importer, FollowsTheTimesOfFragments) {
-    const auto told = durations(import_timed({}).movie.tracks[0]);
+    const auto declared = durations(import_timed({}).movie.tracks[0]);
     for (const int change : {500, -500}) {
         const Imported imported = import_timed([&](size_t track, std::uint64_t time) {
             return track == 0 && time > 0 ? time + static_cast<std::uint64_t>(change) : time;
         });
         ASSERT_TRUE(imported.result.ok) << imported.result.error;
-        auto expected = told;
+        auto expected = declared;
         expected[3] += static_cast<std::uint32_t>(change);
         EXPECT_EQ(durations(imported.movie.tracks[0]), expected);
     }

@@ -647,15 +647,15 @@ TEST(BoxWalk, MediaInFrontOfTheMovieIsLoaded) {
     EXPECT_EQ(skipped.file->mem_read, nullptr);
     EXPECT_NE(isoFFselect(skipped.file, "soun", 1), nullptr);
 
-    Opened behind(join({ftyp(), movie({good}), media, movie({good})}));
-    EXPECT_EQ(behind.file->mdat_buffer, nullptr);
-    EXPECT_EQ(isoFFselect(behind.file, "soun", 2), nullptr);  // the walk ended at the media
-    EXPECT_NE(isoFFselect(behind.file, "soun", 1), nullptr);
-    EXPECT_EQ(isoFFselect(behind.file, "vide", 1), nullptr);
+    Opened after(join({ftyp(), movie({good}), media, movie({good})}));
+    EXPECT_EQ(after.file->mdat_buffer, nullptr);
+    EXPECT_EQ(isoFFselect(after.file, "soun", 2), nullptr);  // the walk ended at the media
+    EXPECT_NE(isoFFselect(after.file, "soun", 1), nullptr);
+    EXPECT_EQ(isoFFselect(after.file, "vide", 1), nullptr);
     EXPECT_EQ(isoFFselect(nullptr, nullptr, 1), nullptr);
 }
 
-TEST(BoxWalk, OpenTellsBadModes) {
+TEST(BoxWalk, OpenReportsBadModes) {
     _TAG_KST_IOSTREAM_CALLBACK_INTERFACE* none = nullptr;
     int error = 0;
     EXPECT_EQ(isoFFopen(none, "x", &error), nullptr);
@@ -859,9 +859,9 @@ TEST(HintPackets, BadOnesFail) {
         {"a cut header", {0}, 1400, -1},
         {"extra information past all bounds",
          join({begin, packet_entry(96, 0, 1, 4), be32(0xFFFFFFFF), Bytes(16)}), 1400, -1},
-        {"a packet longer than told",
+        {"a packet longer than declared",
          join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 10, 1, 0)}), 21, -1},
-        {"a packet as long as told",
+        {"a packet as long as declared",
          join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 10, 1, 0)}), 22, 22},
         {"immediate bytes that fill the packet",
          join({begin, packet_entry(96, 0, 1), immediate("1234567890", 10)}), 22, 22},
@@ -901,9 +901,9 @@ TEST(HintPackets, NullIsABufferOfNoBytes) {
     }
 }
 
-// The place that a packet is said to begin at is told by the cursors at its end: behind a piece of
+// The place that a packet is said to begin at follows from the cursors at its end: after a piece of
 // another of its own samples, by where reading on has brought the hint track's.
-TEST(HintPackets, TellTheLowestPlaceThatTheirCursorsName) {
+TEST(HintPackets, ReportTheLowestPlaceThatTheirCursorsName) {
     HintFile made;
     const Bytes plain = join({be16(1), be16(0), packet_entry(96, 0, 0)});
     const Bytes looking_back = join({be16(1), be16(0), packet_entry(96, 1, 2),

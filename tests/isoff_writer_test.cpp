@@ -41,7 +41,7 @@ class Output {
     bool can_seek = true;
     int refused_seek = -1;  // number of the seek that fails, from 0
     int seeks = 0;
-    enum Position { kTold, kOneOff, kNotTold } position = kTold;
+    enum Position { kReported, kOneOff, kNotReported } position = kReported;
     KST_IOSTREAM_CALLBACK_INTERFACE table;
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks;
 
@@ -50,7 +50,7 @@ class Output {
     static uint32_t offset(void* context, uint32_t* to) {
         const Output& out = self(context);
         *to = out.at + (out.position == kOneOff ? 1 : 0);
-        return out.position == kNotTold ? 1 : 0;
+        return out.position == kNotReported ? 1 : 0;
     }
     static uint32_t seek(void* context, uint32_t to) {
         Output& out = self(context);
@@ -146,7 +146,7 @@ struct TrackHeader {
     auto operator<=>(const TrackHeader&) const = default;
 };
 
-// What the sample entry tells of the picture or the sound.
+// What the sample entry declares of the picture or the sound.
 struct Format {
     uint32_t timescale;
     uint32_t width, height;
@@ -455,8 +455,8 @@ TEST_P(RandomFiles, ComeBackEqual) {
     }
 }
 
-// The one fault of a stream, whichever write it hits, is told; what is left is never whole.
-TEST_P(RandomFiles, EveryFaultIsToldAndLeavesNoWholeFile) {
+// The one fault of a stream, whichever write it hits, is reported; what is left is never whole.
+TEST_P(RandomFiles, EveryFaultIsReportedAndLeavesNoWholeFile) {
     Random random(7);
     std::vector<RandomTrack> tracks = {random_track(random), random_track(random)};
     for (RandomTrack& track : tracks)
@@ -482,7 +482,7 @@ TEST_P(RandomFiles, EveryFaultIsToldAndLeavesNoWholeFile) {
         EXPECT_TRUE(closed == -5 || (closed == 0 && out.bytes == whole.bytes)) << closed;
         EXPECT_TRUE(out.bytes == whole.bytes || Reread(out.bytes).file->first_track == nullptr);
     }
-    for (const auto position : {Output::kOneOff, Output::kNotTold}) {
+    for (const auto position : {Output::kOneOff, Output::kNotReported}) {
         Output out;
         out.position = position;
         EXPECT_EQ(write_file(out, tracks, GetParam()), -5);
@@ -654,7 +654,7 @@ TEST(Writer, BadArguments) {
     EXPECT_EQ(isoFFwrite(reread.file->first_track, sample, 1, 1, 0), -1);
 }
 
-// The first sample of 10 bytes costs 10 + 4, an stts entry of 8 and 8 more; one of 11 bytes behind
+// The first sample of 10 bytes costs 10 + 4, an stts entry of 8 and 8 more; one of 11 bytes after
 // it is refused when 11 + 30 + 24 is above the limit.
 TEST(Writer, SizeLimitClosesTheTrack) {
     for (const uint32_t limit : {65U, 64U}) {
@@ -746,7 +746,7 @@ TEST(Writer, FinishedFileTakesNothing) {
     EXPECT_EQ(isoFFclose(file), -5);
 }
 
-TEST(Writer, FullTemporaryFileIsTold) {
+TEST(Writer, FullTemporaryFileIsReported) {
     Output out;
     iso_file* file = open_for_writing(out);
     iso_track* track = speech_track(file);
@@ -817,7 +817,7 @@ TEST(Writer, DirectModeNeedsAStreamThatSeeks) {
     EXPECT_EQ(reread.file->first_track, nullptr);
 }
 
-TEST(Writer, MediaBeyondThirtyTwoBitsIsTold) {
+TEST(Writer, MediaBeyondThirtyTwoBitsIsReported) {
     Output out;
     iso_file* file = open_for_writing(out);
     for (int i = 0; i < 3; ++i) {
@@ -886,7 +886,7 @@ TEST(Writer, TrackThatCannotBeMadeIsTakenBack) {
 }
 
 // What was taken before stays good, and the file goes on when there is memory again.
-TEST(Writer, NoMemoryIsTold) {
+TEST(Writer, NoMemoryIsReported) {
     for (const bool direct : {false, true}) {
         Output out;
         iso_file* file = open_for_writing(out);
@@ -1052,7 +1052,7 @@ TEST(Writer, RefusedConfigurationChangesNothing) {
 
 // --- the two passes ---
 
-TEST(Writer, TablesThatChangeBetweenThePassesAreTold) {
+TEST(Writer, TablesThatChangeBetweenThePassesAreReported) {
     using kestrel::kCountPass;
     using kestrel::kWritePass;
     Output out;

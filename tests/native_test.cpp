@@ -68,7 +68,7 @@ struct OrbStream {
     }
 };
 
-TEST(PacketHeaders, OrbReadingTellsWhatIsWrong) {
+TEST(PacketHeaders, OrbReadingReportsWhatIsWrong) {
     struct Case {
         uint32_t last;
         uint8_t magic;
@@ -186,7 +186,7 @@ TEST(AmrFrames, EachTypeThereAndBack) {
         SCOPED_TRACE(type);
         Bytes frame(static_cast<size_t>((kestrel::bits[type] + 7) / 8 + 1), 0xA7);
         frame[0] = static_cast<uint8_t>(type << 3 | 4);
-        // Bits behind the last speech bit are padding.
+        // Bits after the last speech bit are padding.
         if (type < 9) {
             frame.back() &= static_cast<uint8_t>(0xFF << ((8 - kestrel::bits[type] % 8) % 8));
         }

@@ -262,7 +262,7 @@ class ClassApi(ToolTest):
         for name, mode in [("h263_hinted", "vr"), ("mpeg4_hinted", "vr"), ("amrnb_hinted", "ar")]:
             whole = self.extract(name, mode, "--api", "class")
             data = bytearray(pathlib.Path(sample(name)).read_bytes())
-            table = data.index(b"stco") + 8  # of the media, behind version and flags
+            table = data.index(b"stco") + 8  # of the media, after version and flags
             count = int.from_bytes(data[table : table + 4], "big")
             for chunk in range(1, count):
                 with self.subTest(name=name, chunk=chunk):
@@ -297,9 +297,9 @@ class ClassApi(ToolTest):
             with self.subTest(options=options):
                 result = run("extract", sample("h263_hinted"), "vr", "--api", "class", "--from",
                              "900", *options)
-                told = re.fullmatch(r"from \d+ ms: frame (\d+), file offset \d+\n",
+                reported = re.fullmatch(r"from \d+ ms: frame (\d+), file offset \d+\n",
                                     result.stderr.decode())
-                frames.append(int(told[1]))
+                frames.append(int(reported[1]))
                 self.assertEqual(result.stdout, headers + whole[begins[frames[-1] - 1]:])
         self.assertEqual(frames, [11, 1, 11, 1, 11])
 
@@ -375,7 +375,7 @@ class StandardStreams(ToolTest):
                               timeout=120, check=False)
 
     @unittest.skipUnless(os.path.exists("/dev/full"), "there is no /dev/full")
-    def test_lost_output_is_told(self):
+    def test_lost_output_is_reported(self):
         stream = self.scratch / "stream.tel"
         run("extract", sample("amrnb_hinted"), "ar", "-o", stream)
         for command, *rest in self.COMMANDS:
@@ -676,22 +676,22 @@ STBL = [b"moov", b"trak", b"mdia", b"minf", b"stbl"]
 
 def payload_bits(payloads):
     """A picture out of RFC 2190 packets, which may share a byte at their ends. An independent
-    hinter spoils mode B headers with negative vectors, which then do not tell it."""
+    hinter spoils mode B headers with negative vectors, which then do not have it."""
     picture = bytearray()
-    behind = 0  # bits of the last byte that are not its packet's; None when not told
+    left = 0  # bits of the last byte that are not its packet's; None when not reported
     for payload in payloads:
-        told = payload[:4] != b"\xff" * 4
+        reported = payload[:4] != b"\xff" * 4
         begin, end = payload[0] >> 3 & 7, payload[0] & 7
         data = bytearray(payload[8 if payload[0] & 0x80 else 4:])
-        if told and behind is not None:
-            assert begin == (8 - behind) % 8, "the bits of two packets do not meet"
-        if told and begin:
+        if reported and left is not None:
+            assert begin == (8 - left) % 8, "the bits of two packets do not meet"
+        if reported and begin:
             kept = 0xFF << (8 - begin) & 0xFF
             picture[-1] = picture[-1] & kept | data.pop(0) & ~kept
-        elif not told and (behind or behind is None and data[0] == picture[-1]):
+        elif not reported and (left or left is None and data[0] == picture[-1]):
             picture.pop()
         picture += data
-        behind = end if told else None
+        left = end if reported else None
     return bytes(picture)
 
 

@@ -244,10 +244,10 @@ class Check(ToolTest):
             self.assertGreaterEqual(len(rows), 1)
             played = []
             about = json.loads(run("info", path, "--json").stdout or '{"tracks": []}')
-            told = {}  # bytes; the last track is played
+            reported = {}  # bytes; the last track is played
             for track in about["tracks"]:
                 medium = {"AMR": "audio", "H.2": "video", "MPE": "video"}.get(track["codec"][:3])
-                told[medium] = track["bytes"]
+                reported[medium] = track["bytes"]
             for row in rows:
                 seen.update(row[1:3])
                 if row[0] == "-":
@@ -259,7 +259,7 @@ class Check(ToolTest):
                         out = run("extract", path, row[0][0] + "r", "--api", api)
                         if word == "plays":
                             self.assertEqual(out.returncode, 0, out.stderr)
-                            self.assertGreater(self.media_bytes(out.stdout), 0.9 * told[row[0]])
+                            self.assertGreater(self.media_bytes(out.stdout), 0.9 * reported[row[0]])
                         apis.append(word == "plays")
                 played.append(any(apis))
             self.assertEqual(result.returncode, 0 if all(played) else 1, name)
@@ -305,7 +305,7 @@ class Check(ToolTest):
             (b"no box in sight, but a text", [("-", "not-3gp", "not-3gp", "-")]),
             (data[:28], [("-", "damaged", "damaged", "-")]),
             (rebuilt(data, {b"trak": None}), [("-", "damaged", "damaged", "-")]),
-            # What a movie box has lost with its end is told beside what is left of it.
+            # What a movie box has lost with its end is reported beside what is left of it.
             (data[:data.index(b"moov") + len(movie) // 3],
              [("video", "incomplete", "incomplete", "-"), ("-", "damaged", "damaged", "-")]),
         ]
@@ -494,10 +494,10 @@ class Check(ToolTest):
             with self.subTest(name=name):
                 rows = self.check(path)[1]
                 self.assertEqual({row[0]: row[1:4] for row in rows}, expected)
-                told = run("info", path).stdout.decode()
+                reported = run("info", path).stdout.decode()
                 for words in expected.values():
                     for word in words[:2]:
-                        self.assertIn("plays" if word == "plays" else f"({word}", told)
+                        self.assertIn("plays" if word == "plays" else f"({word}", reported)
         # The tables alone say the same, but for what came out.
         for name in ["co64", "fragmented", "large_size_mdat", "late_sound"]:
             quick = self.reasons(SAMPLES / "wild" / f"{name}.3gp", "--quick")
@@ -579,7 +579,7 @@ class Check(ToolTest):
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32)))
         self.assertEqual(result.stdout.decode(), f"audio\tplays\tplays\t-\t{deep}\n")
 
-    def test_folders_without_a_file_are_told(self):
+    def test_folders_without_a_file_are_reported(self):
         (self.scratch / "empty").mkdir()
         self.write("other/readme.txt", b"not looked at")
         for names, lines in [(["empty"], 0), (["other"], 0), (["empty", "other"], 0),
@@ -663,8 +663,8 @@ class Report(ToolTest):
                 self.assertIn(path.name, self.words(page))
                 # The verdicts are those of check.
                 rows = [line.split("\t") for line in run("check", path).stdout.decode().splitlines()]
-                told = [self.words(said).strip() for said in self.of_class(page, "said")]
-                self.assertEqual([t == "plays" for t in told],
+                reported = [self.words(said).strip() for said in self.of_class(page, "said")]
+                self.assertEqual([t == "plays" for t in reported],
                                  [word == "plays" for row in rows for word in row[1:3]])
         for name, data in damaged_copies(120):
             with self.subTest(name=name):
@@ -738,7 +738,7 @@ class Report(ToolTest):
                     gaps = [float(bar.get("x")) - end for bar, end in zip(bars[1:], ends)]
                     widest = max(float(bar.get("width")) for bar in bars)
                     self.assertLess(max(gaps, default=0), widest * 0.4)
-                    # A last sample that is told too short lasts like the others, or to the end.
+                    # A last sample that is declared too short lasts like the others, or to the end.
                     self.assertGreater(float(bars[-1].get("width")), min(widest, 1000 - ends[-2]) / 2)
 
     def test_headlines_and_figures(self):
@@ -759,7 +759,7 @@ class Report(ToolTest):
             (bytes(offsets), ["The movie box has tracks that cannot be read"], []),
             (b"no boxes here, but a text", ["This is no 3GP file"], ["3GP file This"]),
             (speech_file(0), ["no samples"], ["0 samples"]),
-            # The last sample is told shorter than its bytes last.
+            # The last sample is declared shorter than its bytes last.
             (data["amrnb_plain"], ["at most 12.8 kbit/s"], []),
             (data["h263_plain"][:movie - 4 + length - 4], [], ["There is no audio"]),
             (both[:both.index(b"moov") + 200], ["The movie box is truncated: nothing can be played"],
@@ -771,13 +771,13 @@ class Report(ToolTest):
                                           "Hint sample 11 of 30 is not in the file"],
              ["makes no packet"]),
         ]
-        for content, told, not_told in cases:
+        for content, reported, unreported in cases:
             text = self.words(self.page("-", stdin=content))
-            for part in told:
-                with self.subTest(told=part):
+            for part in reported:
+                with self.subTest(reported=part):
                     self.assertIn(part, text)
-            for part in not_told:
-                with self.subTest(not_told=part):
+            for part in unreported:
+                with self.subTest(unreported=part):
                     self.assertNotIn(part, text)
 
     def test_sync_samples_of_long_files_are_paler_where_they_are_few(self):
@@ -823,7 +823,7 @@ class Report(ToolTest):
             with self.subTest(number=number):
                 self.page("-", stdin=lie)
 
-    def test_damage_is_told(self):
+    def test_damage_is_reported(self):
         data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
         stbl = data.index(b"stbl") - 4
         cases = [
@@ -839,9 +839,9 @@ class Report(ToolTest):
             (data + b"\0\0\0\1mdat" + bytes(20), ["to the end are no box"]),
             (foreign_mpeg4(), ["Opening ends the whole process"]),
         ]
-        for damaged, told in cases:
+        for damaged, reported in cases:
             page = self.words(self.page("-", stdin=damaged))
-            for text in told:
+            for text in reported:
                 with self.subTest(text=text):
                     self.assertIn(text, page)
 

@@ -142,9 +142,9 @@ uint32_t bits_at(const Bytes& bytes, unsigned first, unsigned count) {
     return value;
 }
 
-// What mode B tells of the macroblock that a packet begins with is what the walker finds there, and
-// each cut is printed where that is asked for.
-TEST(H263Packets, ModeBHeadersTellTheMacroblock) {
+// What mode B declares of the macroblock that a packet begins with is what the walker finds there,
+// and each cut is printed where that is asked for.
+TEST(H263Packets, ModeBHeadersDeclareTheMacroblock) {
     tel_native state =
         state_of(ISO_CODEC_S263, NATIVE_MODE_RFC2190_MB, 500, static_cast<int>(native_verbose));
     Bytes out(200000);
@@ -374,7 +374,7 @@ TEST(H264Packets, FragmentsAndParameterSets) {
          {0, 1, 1}},
         {"a length that lies", join({be32(0xFFFFFFF0), {0x41, 1, 2}}), {3}, {1}},
         {"empty units and a cut length", join({be32(0), nal(0x41, 2, 4), {0, 0, 1}}), {2}, {1}},
-        {"empty units behind the last", join({nal(0x41, 2, 4), be32(0), be32(0)}), {2}, {1}},
+        {"empty units after the last", join({nal(0x41, 2, 4), be32(0), be32(0)}), {2}, {1}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

@@ -98,7 +98,7 @@ uint32_t sync_flag(Sync sync) {
     }
 }
 
-// Seeks and tells what came of it, waiting for the place to arrive.
+// Seeks and reports the result, waiting for the place to arrive.
 void seek(C3gpInterface& player, kst_host* host, const Options& options) {
     for (;;) {
         _TAG_KST_SEEK_PARAMS params{};

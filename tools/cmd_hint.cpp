@@ -54,7 +54,7 @@ void hint(const Options& options) {
     Host host = open_host(options.input);
     wait_for_all(host.get());
     // Nothing goes to the output before the last packet was planned, so a file that is refused
-    // leaves none behind.
+    // leaves none.
     OutputStream stream(options.output, options.input);
     Progress progress;
     kst_hint_options how = {};

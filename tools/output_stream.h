@@ -23,7 +23,7 @@ class OutputStream {
     void refuse() { refuses_ = true; }
 
     // Makes what was written the output. Throws what ended the writing. An output that does not
-    // come to this is not left behind: a part of it could be taken for the whole.
+    // come to this is removed: a part of it could be taken for the whole.
     void finish();
 
     // Throws what ended the writing, if something did.

@@ -141,7 +141,7 @@ class MemorySource final : public Source {
     }
 
   private:
-    // A player goes on where it has read, or close behind: what lies there is asked of the memory
+    // A player continues after its last read, or close to it: what lies there is prefetched
     // while the player is busy with what it has got. The more it read, the more it will.
     void fetch_ahead(uint32_t from, uint32_t count) {
         constexpr uint32_t kMost = 4096;
@@ -271,7 +271,7 @@ struct kst_host {
     KST_IOSTREAM_CALLBACK_INTERFACE callbacks{};
 
     // Reads what is there of `count` bytes at `offset`. While more is to come, a read that the
-    // available bytes do not cover is not-yet and reads nothing; behind the end it is short.
+    // available bytes do not cover is not-yet and reads nothing; past the end it is short.
     uint32_t read_at(void* data, uint32_t offset, uint32_t count, uint32_t& got) {
         got = 0;
         const uint32_t there = source->available();

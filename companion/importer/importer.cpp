@@ -97,7 +97,8 @@ Walk end_of_boxes(Import& import, FileBoxes& boxes, const BoxReader& file, std::
     return end_at(boxes, "the box at " + place + " is cut");
 }
 
-// Of a cut mdat, the samples tell whether something is lost; after mfra there are no fragments.
+// For a truncated mdat, the samples show whether something is lost; after mfra there are no
+// fragments.
 Walk end_in_box(Import& import, FileBoxes& boxes, const Box& box) {
     const std::string cut = cut_text(import, box);
     if (box.type == fourcc("moov")) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a file of the ISO base media family or a QuickTime file contains: its tracks with all their
-// samples, in whatever form the file tells them (sample tables or movie fragments, 32 or 64 bits,
+// samples, in whatever form the file has them (sample tables or movie fragments, 32 or 64 bits,
 // plain or compact tables). The media itself is not read.
 #ifndef KESTREL_COMPANION_IMPORTER_MOVIE_H
 #define KESTREL_COMPANION_IMPORTER_MOVIE_H

@@ -11,7 +11,7 @@ bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImp
     BoxReader reader(import.source, stsd);
     const VersionAndFlags head(reader);
     reader.skip(4);  // number of entries
-    // Version 1 of the box is what tells an AudioSampleEntryV1, which has the length of version 0.
+    // Version 1 of the box marks an AudioSampleEntryV1, which has the length of version 0.
     const bool quicktime_versions = import.movie.forms.quicktime || head.version == 0;
     std::map<Bytes, std::uint32_t> known;
     for (Box box; reader.next(box);) {

@@ -33,7 +33,7 @@ constexpr Container kContainers[] = {
 struct Box {
     size_t offset;
     size_t size;
-    size_t fields;  // bytes behind the header that are no child
+    size_t fields;  // bytes after the header that are no child
     int parent;     // index in the list, -1 at the top
     std::string_view type;
 
@@ -135,8 +135,8 @@ void File::change_field(const Box& box) {
     store(at, width, value_near(load(at, width)));
 }
 
-// The number of entries of a table, which stands behind its version and flags. "stsz" has a size
-// for all samples in front of it: with one, few bytes tell of any number.
+// The number of entries of a table, which follows its version and flags. "stsz" has a size
+// for all samples before it: with one, few bytes declare any number.
 void File::change_count(const Box& box) {
     const bool has_size = box.is("stsz");
     const size_t place = has_size ? 8 : 4;
@@ -162,7 +162,7 @@ void File::change_sample_data() {
     store(at, width, value_near(load(at, width)));
 }
 
-// Chunks behind an edit move with their bytes.
+// Chunks after an edit move with their bytes.
 void File::move_chunks(size_t from, int64_t distance) {
     for (const Box& box : boxes_) {
         if (!box.is("stco") || box.fields < 12) continue;
@@ -184,10 +184,10 @@ void File::replace(size_t at, size_t removed, const Bytes& with, int parent) {
         store(box.offset, 4, static_cast<uint32_t>(static_cast<int64_t>(box.size) + distance));
     }
     const auto begin = bytes_.begin() + static_cast<std::ptrdiff_t>(at);
-    const Bytes behind(begin + static_cast<std::ptrdiff_t>(removed), bytes_.end());
+    const Bytes rest(begin + static_cast<std::ptrdiff_t>(removed), bytes_.end());
     bytes_.resize(at);
     bytes_.insert(bytes_.end(), with.begin(), with.end());
-    bytes_.insert(bytes_.end(), behind.begin(), behind.end());
+    bytes_.insert(bytes_.end(), rest.begin(), rest.end());
 }
 
 // Entries of a table, or any bytes, more or fewer.

@@ -19,13 +19,13 @@ namespace fuzz {
 using Bytes = std::vector<uint8_t>;
 using View = std::span<const uint8_t>;
 
-// The choices that stand behind the file in an input, so that the offsets in the file hold.
+// The choices that follow the file in an input, so that the offsets in the file hold.
 inline constexpr size_t kChoiceBytes = 16;
 
 // Aborts when a promise is broken.
 void check(bool holds);
 
-// Reads choices byte by byte; zeros behind the end.
+// Reads choices byte by byte; zeros past the end.
 class Choices {
   public:
     explicit Choices(View bytes) : bytes_(bytes) {}
@@ -42,7 +42,7 @@ class Choices {
     size_t at_ = 0;
 };
 
-// A file and the choices behind it.
+// A file and the choices after it.
 struct Input {
     explicit Input(View bytes);
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Small scanners over coded video: picture headers, start codes, NAL unit lengths. None keeps
-// state, allocates or throws, and none reads outside the bytes that it is given. And tracks of a
-// codec for the file writer of kestrel/isoff.h.
+// Small scanners over coded video: picture headers, start codes, NAL unit lengths. They keep no
+// state, allocate nothing, throw nothing, read only the bytes that they are given, and may be
+// called from any thread. And functions that create tracks of a codec for the file writer of
+// kestrel/isoff.h.
 #ifndef KESTREL_CODEC_H
 #define KESTREL_CODEC_H
 
@@ -12,7 +13,7 @@
 struct iso_file;
 struct iso_track;
 
-// What an H.263 picture header tells (ITU-T H.263, 5.1), and what an H.263 track is made from.
+// Fields of an H.263 picture header (ITU-T H.263, 5.1), and parameters of an H.263 track.
 struct H263VCFG {
     uint32_t unused[3];
     uint32_t height;              // pixels
@@ -28,46 +29,47 @@ struct H263VCFG {
 
 extern "C" {
 
-// Finds the first picture header of a size up to CIF in `len` bytes and fills `cfg` from it.
-// Returns the byte offset of its start code, 0xFFFFFFFF when there is none. A header whose
-// PLUSPTYPE lacks the optional part leaves source_format as the caller has it and reports 176 x
-// 144. Only the words from temporal_reference on that the header tells, and the size, are written.
+// Finds the first picture header, of a picture size up to CIF, in `len` bytes and fills `cfg` from
+// it. Returns the byte offset of its start code, or 0xFFFFFFFF if there is none. Writes the size,
+// and those words from temporal_reference on that the header has. A header whose PLUSPTYPE lacks
+// the optional part leaves source_format unchanged and reports 176 x 144.
 KESTREL_API uint32_t h263_get_config(const unsigned char* buf, unsigned len, H263VCFG* cfg);
 
-// 0 for an intra and 1 for an inter picture, -1 when no picture header is found.
+// Returns 0 for an intra picture, 1 for an inter picture, -1 if `len` bytes have no picture header.
 KESTREL_API int h263_get_frame_type(const void* buf, int len);
 
-// The big-endian value of the `n` bytes at `p`: 1, 2 or 3, and 4 for any other `n`.
+// Returns the big-endian number of `n` bytes (1, 2 or 3; 4 for any other `n`) at `p`.
 KESTREL_API uint32_t h264_get_nal_size(const unsigned char* p, int n);
 
-// 1 when an intra VOP header (ISO/IEC 14496-2, 6.2.5) is in `buf`, else 0.
+// Returns 1 if `len` bytes have an intra VOP header (ISO/IEC 14496-2, 6.2.5), else 0.
 KESTREL_API int CheckForIFrame(const unsigned char* buf, int len);
 
-// Offset of the first start code 00 00 01 `code` that is followed by a byte below 64, or -1.
+// Returns the offset of the first start code 00 00 01 `code` that a byte below 64 follows, or -1.
 KESTREL_API int FindStartCode(const unsigned char* buf, int len, unsigned char code);
 
-// Tracks for a file that is being written (kestrel/isoff.h). Each creates a track with its handler,
-// sample entry and longest duration; samples are then written with isoFFwrite. Null for a file that
-// is not being written, for a configuration that makes no sense, or without memory. The track
-// belongs to the file.
+// The following functions create a track of a file that is being written (kestrel/isoff.h), with
+// its handler, sample entry and longest duration. Write samples with isoFFwrite. They return the
+// track, owned by the file, or null for a file that is not being written, for an invalid
+// configuration, or without memory. For video the timescale is above 0, width and height are 1 to
+// 65535 pixels.
 
-// Those of pictures need a timescale above 0, and 1 to 65535 pixels each way.
-
-// H.263: timescale, width, height, profile and level of `cfg`. Of the first three, 0 is to be
-// filled in until isoFFclose, the size also in iso_track_details; without a timescale the track
-// may run for any time.
+// Creates an H.263 track from timescale, width, height, profile and level of `cfg`. The first three
+// may be 0 here; set them before isoFFclose, the size also in iso_track_details. Without a
+// timescale the duration is not limited.
 KESTREL_API iso_track* h263_isoFFtrack(iso_file* file, H263VCFG* cfg);
 
-// AMR in the storage format, narrow band (8000 units a second) or wide band (16000). `mode_set` has
-// a bit for each frame type that may occur, `frames_per_sample` is 1 to 15.
+// Creates an AMR track whose samples are in storage format: narrow band with timescale 8000, or
+// wide band with 16000. `mode_set` has a bit for each frame type that may occur;
+// `frames_per_sample` is 1 to 15.
 KESTREL_API iso_track* amr_isoFFtrack(iso_file* file, int wide_band, unsigned mode_set,
                                       unsigned frames_per_sample);
 
-// H.264, from the `avcC` record of `length` bytes.
+// Creates an H.264 track from an `avcC` record of `length` bytes.
 KESTREL_API iso_track* h264_isoFFtrack(iso_file* file, const void* avcc, unsigned length,
                                        unsigned width, unsigned height, unsigned timescale);
 
-// MPEG-4 Visual, from the configuration in front of the first picture (DecoderSpecificInfo).
+// Creates an MPEG-4 Visual track from the configuration before the first picture
+// (DecoderSpecificInfo), `length` bytes.
 KESTREL_API iso_track* mpeg4_isoFFtrack(iso_file* file, const void* config, unsigned length,
                                         unsigned width, unsigned height, unsigned timescale);
 }

@@ -1,13 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Making any clip playable: copies a file and adds an RTP hint track for each medium that has a
+/* Copies a clip of any form and adds an RTP hint track to each medium that has a
  * payload format (RFC 4867 for AMR, RFC 4629 or RFC 2190 for H.263, RFC 6416 for MPEG-4, RFC 6184
  * for H.264). Part of the companion library kestrel_hosts. Usable from C and C++.
  *
- * The source may have any form of the ISO base media file format (ISO/IEC 14496-12) that is in use,
- * movie fragments included, or be a QuickTime file. What is written is one plain 3GP file: the
- * movie box first, then the media and the hint samples in turns of at most a second. Each track has
- * the samples of the source with their sizes, times, composition offsets and sync samples, or the
- * call fails.
+ * The source is an ISO base media file (ISO/IEC 14496-12) of any form in use, including movie
+ * fragments, or a QuickTime file. The result is a plain 3GP file: the movie box, then media and
+ * hint samples, interleaved by at most a second. Its tracks have the samples of the source with
+ * their sizes, times, composition offsets and sync samples; otherwise the call fails.
  *
  *     kst_hint_report report;
  *     report.struct_size = sizeof report;
@@ -38,19 +37,18 @@ enum {
     KST_HINT_HAS_HINTS = 5,          /* the source has hint tracks; see KST_HINT_REPLACE */
     KST_HINT_SOURCE_FAILED = 6,      /* the source could not be read, or has not arrived yet */
     KST_HINT_DESTINATION_FAILED = 7, /* the destination took fewer bytes than it was given */
-    KST_HINT_TOO_LARGE = 8           /* what is to be written has 4 GiB or more */
+    KST_HINT_TOO_LARGE = 8           /* the result would have 4 GiB or more */
 };
 
 /* Flags of kst_hint_options. */
 enum {
     /* Pack H.263 by RFC 2190 (payload type 34), not by RFC 4629. */
     KST_HINT_RFC2190 = 1,
-    /* Leave out the hint tracks of the source, instead of refusing it. */
+    /* Replace the hint tracks of the source, instead of refusing it. */
     KST_HINT_REPLACE = 2,
-    /* Leave out each track that gets no hint track: other codecs, text, metadata, encrypted ones.
-     */
+    /* Leave out tracks that get no hint track: other codecs, text, metadata, encrypted tracks. */
     KST_HINT_DROP_OTHERS = 4,
-    /* Of a source that is cut at its end, keep the samples that are whole. */
+    /* Keep the complete samples of a source that is truncated at its end. */
     KST_HINT_SALVAGE = 8
 };
 
@@ -60,8 +58,9 @@ enum {
     KST_HINT_LONGEST_PACKET = 65535
 };
 
-/* Called now and then with the bytes of samples that were gone through, of those in all; both count
- * a sample once for planning its packets and once for copying it. Non-zero cancels. */
+/* Called from time to time, in the thread of kst_hint, with the bytes of samples processed and the
+ * bytes of all. Both count a sample twice: for planning its packets and for copying it. Return
+ * non-zero to cancel. */
 typedef int (*kst_hint_progress)(void* context, uint64_t done, uint64_t all);
 
 typedef struct kst_hint_options {
@@ -72,8 +71,7 @@ typedef struct kst_hint_options {
     void* progress_context;
 } kst_hint_options;
 
-/* What was done. Texts are UTF-8 or the source's own bytes, without a full stop; empty when there
- * is nothing to say. */
+/* Result of kst_hint. Texts are UTF-8 or bytes of the source, without a full stop, or empty. */
 typedef struct kst_hint_report {
     uint32_t struct_size;     /* in: sizeof(kst_hint_report) */
     uint32_t tracks;          /* written, hint tracks not counted */
@@ -84,24 +82,24 @@ typedef struct kst_hint_report {
     uint64_t packets;         /* that the hint tracks describe */
     uint64_t packet_bytes;    /* of these, RTP headers included */
     uint64_t bytes;           /* length of what was written */
-    char error[256];          /* why the call failed */
-    char left_out[256];       /* what KST_HINT_DROP_OTHERS and KST_HINT_SALVAGE left out */
+    char error[256];          /* reason of a failure */
+    char left_out[256];       /* tracks and samples that the flags left out */
 } kst_hint_report;
 
 /* Copies the file that `source` serves to `destination` and adds hint tracks.
  *
- * `source` is read with IndexRead, twice, and must be there as a whole. `destination` is an empty
- * stream that stands at its start. It is written with SeekNWrite in order; where Seek can go back
- * in it, the movie box becomes valid with the last byte. `options` may be null, as may `report`.
- * The tables belong to the caller and are used during the call only.
+ *   source       a complete file; read twice, with IndexRead
+ *   destination  an empty stream at offset 0; written in order, with SeekNWrite. If Seek can go
+ * back in it, the movie box becomes valid with the last byte options      may be null report may be
+ * null The tables remain the caller's and are used during the call only.
  *
- * Returns KST_HINT_DONE, or what failed, with a sentence in report->error. A source that cannot be
- * hinted is refused before the first byte is written. After any failure the destination holds no
- * whole file.
+ * Returns KST_HINT_DONE, or the kind of failure, with a sentence in report->error. A source that
+ * cannot be hinted is refused before the first byte is written. After a failure the destination
+ * does not hold a complete file.
  *
- * Memory: 24 bytes for each sample of the source, about as much for what is written, the longest
- * sample (at most 16 MiB in a track that gets a hint track) and 1 MiB, however long the source is.
- * May be called from several threads at once, with tables of their own. */
+ * Memory: 24 bytes for each sample of the source, about as much for the result, the longest sample
+ * (at most 16 MiB in a track that gets a hint track), and 1 MiB.
+ * Threads: may be called from several threads at once, each with its own tables. */
 KESTREL_API int kst_hint(KST_IOSTREAM_CALLBACK_INTERFACE* source,
                          KST_IOSTREAM_CALLBACK_INTERFACE* destination,
                          const kst_hint_options* options, kst_hint_report* report);

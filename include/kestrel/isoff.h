@@ -2,25 +2,30 @@
 // The ISO base media file reader and writer (ISO/IEC 14496-12 with the 3GPP sample entries).
 //
 // isoFFopen walks a file's boxes through the host's stream table into one iso_file with a list of
-// iso_track records; samples and RTP packets are then read from a track. The records are plain and
-// may be looked at; only the functions below change them. Functions of this header return counts,
-// 0, or a negative code, and never throw. What cannot be said in a code goes to standard error as
-// short lines, at most 100 about one file. A file record and its tracks belong to one caller at a
-// time.
+// iso_track records. Samples and RTP packets are read from a track. A program may read the fields
+// of the records; only the functions below change them.
+//
+// The functions return a count, 0, or a negative code. They never throw. The reader also prints
+// remarks on standard error, at most 100 about one file.
+//
+// Threads: use a file record and its tracks from one thread at a time. Different files are
+// independent.
 //
 // Times are seconds in double precision: a value in track units divided by the track's timescale,
 // or 0.0 where that timescale is 0. All file offsets and sizes are in bytes.
 //
-// Writing: isoFFopen(stream, "w", ...) over an empty stream, isoFFtrack or one of the *_isoFFtrack
-// functions for each track, isoFFwrite for each sample in decoding order, isoFFclose. The samples
-// wait in memory and the file is written as a whole at close, `moov` first; with
-// iso_file_details::direct_write, which is looked at when the first sample comes, they go to the
-// stream as they come, and `moov` stands at the end. A file that could not be finished has no
-// `moov`, unless its stream cannot seek back: then it may have one, with media missing after it.
-// The fields of a track and of its details that describe it (handler, codec, timescale,
-// configuration, sync_samples, sbgp_list, edits, sdp_text ...) may be filled in until isoFFclose,
-// with memory from isoFFmalloc.
-// Functions that read samples answer -1 for a track that is being written.
+// To write a file:
+//   1. isoFFopen(stream, "w", ...) over an empty stream
+//   2. isoFFtrack, or one of the *_isoFFtrack functions, for each track
+//   3. isoFFwrite for each sample, in decoding order
+//   4. isoFFclose
+// Samples are kept in memory, and isoFFclose writes the file, `moov` first. With
+// iso_file_details::direct_write, set before the first sample, each sample is written at once, and
+// `moov` is at the end. A file that could not be finished has no `moov`. Exception: on a stream
+// that cannot seek back it may have one, with media missing after it. Until isoFFclose a program
+// may set the fields that describe a track (handler, codec, timescale, configuration, sync_samples,
+// sbgp_list, edits, sdp_text ...), with memory from isoFFmalloc. Functions that read samples return
+// -1 for a track that is being written.
 #ifndef KESTREL_ISOFF_H
 #define KESTREL_ISOFF_H
 
@@ -142,9 +147,9 @@ struct iso_elst_entry {
     uint32_t media_rate;        // 16.16
 };
 
-// Position of the RTP packet reader in a hint track. isoFFrtpHinter makes one; a caller that wants
-// the packets of a certain hint track may hang a zeroed one of its own, with media_track filled, on
-// iso_track::hint, and take it away before the file is closed.
+// Position of the RTP packet reader in a hint track. isoFFrtpHinter makes one. To read the packets
+// of another hint track, set its iso_track::hint to a zeroed record with media_track set, and reset
+// it to null before the file is closed.
 struct rtp_hint_state {
     iso_track* media_track;  // the hinted track
     int32_t packets_left;    // packets of the current hint sample not yet produced
@@ -184,7 +189,7 @@ struct iso_track {
     uint8_t* sps_block;
     uint32_t pps_count;
     uint8_t* pps_block;
-    uint8_t* param_sets;  // sps_block, then pps_block; each set behind its length
+    uint8_t* param_sets;  // sps_block, then pps_block; each set after its length
     uint32_t param_sets_length;
 
     uint32_t channel_count, sample_bits;         // of `samr`
@@ -287,170 +292,194 @@ inline constexpr uint32_t iso_track_prepends_dsi = 2;
 
 extern "C" {
 
-// Opens the file behind `stream`, which must stand at offset 0. `mode` begins with 'r' (read) or
-// 'w' (write). Returns the record, to be given back with isoFFclose; or null, with -1 (bad mode) or
-// -2 (no memory) stored through `error`, which may be null. The header is read at once. A file
-// whose boxes end early or are damaged still yields a record, with the tracks found until there; so
-// does a null or incomplete stream table, with none. A track that cannot be read is skipped, and
-// counted in iso_file_details::lost_tracks. The stream is left where the walk stopped.
+// Opens a file and reads its header.
+//   stream  the host's table; the stream is at offset 0. The table must outlive the record
+//   mode    begins with 'r' (read) or 'w' (write)
+//   error   may be null; receives -1 (bad mode) or -2 (no memory) when null is returned
+// Returns the record, or null. Release it with isoFFclose.
+// A malformed or truncated file yields a record with the tracks found before that place. A null or
+// incomplete table yields one without tracks. A track that cannot be read is skipped and counted in
+// iso_file_details::lost_tracks. The stream is left where the walk stopped.
 KESTREL_API iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* mode,
                                 int* error);
 
-// Ends the record and frees everything that hangs from it, temporary files included. A file that is
-// being written is finished first. 0; -1 for null; and when the file could not be finished, in
-// which case what the stream holds is not a whole file: -2 no memory, -5 the stream or a temporary
-// file failed or took too few bytes, or the header came out other than it was measured, -6 the file
-// would be larger than 32 bits can tell.
+// Finishes a file that is being written, then releases the record, its tracks, its memory and its
+// temporary files, also after a failure. Does not close the stream. Returns
+//    0  done
+//   -1  null record
+//   -2  no memory
+//   -5  the stream or a temporary file failed or took too few bytes, or the header has another size
+//       than was measured
+//   -6  the file would be larger than 32-bit offsets allow
+// After -2, -5 and -6 the stream does not hold a complete file.
 KESTREL_API int isoFFclose(iso_file* file);
 
-// Returns what the file's record has besides its fields; null for null. It belongs to the record.
+// Returns the details of a file, owned by the file; null for null.
 KESTREL_API iso_file_details* isoFFfileDetails(const iso_file* file);
 
-// Returns what the track's record has besides its fields; null for null. It belongs to the record.
+// Returns the details of a track, owned by the file; null for null.
 KESTREL_API iso_track_details* isoFFtrackDetails(const iso_track* track);
 
-// Creates a track at the end of the list; null when there is no memory. In write mode it has the
-// next track ID, the file's times and the unity matrix, and is enabled; handler, codec, timescale,
-// and what is not 0 of volume and display size are the caller's to fill in.
+// Creates a track at the end of the list. In write mode it gets the next track ID, the times of the
+// file and the unity matrix, and is enabled; the caller sets handler, codec, timescale, and volume
+// and display size if not 0. Returns the track, owned by the file, or null without memory.
 KESTREL_API iso_track* isoFFtrack(iso_file* file);
 
-// Takes the next sample of a track that is being written: `size` bytes at `data`, `duration` and
-// composition offset in track units. A duration of 0 repeats iso_track_details::frame_default, and
-// any other becomes it. The bytes are copied. Returns `size`, or
+// Appends a sample to a track that is being written.
+//   data, size  the sample, which is copied, and its bytes
+//   duration    in track units; 0 repeats the last one (iso_track_details::frame_default)
+//   cts_offset  composition offset, in track units
+// Returns `size`, or
 //   -1  null track, negative size or duration, no data, or the file is not being written
 //   -2  no memory
-//   -5  the file has been finished already, or the stream or the track's temporary file fell short
-//   -6  with it, what the track takes would be more than iso_file::size_limit, or what all tracks
-//       take more than 32 bits can tell; the track is closed
-//   -7  the track would run longer than iso_track_details::duration_limit; the track is closed
+//   -5  the file is finished already, or the stream or the track's temporary file took too few
+//   bytes -6  the track would exceed iso_file::size_limit, or all tracks 32-bit offsets; the track
+//   is
+//       closed
+//   -7  the track would exceed iso_track_details::duration_limit; the track is closed
 //   -8  the track was closed by an earlier -6 or -7
 //   -9  direct_write: the track was made after the first sample of the file was written
 KESTREL_API int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_offset);
 
-// Sets the brands of a file that is being written: four-character codes separated by one blank, the
-// first of which becomes the major brand; all of them are the compatible brands. 0, or -1 for a
-// null argument, a list of another shape, no memory, a file that is being read, or once samples
-// were written directly.
+// Sets the brands of a file that is being written. `brands` is a list of four-character codes
+// separated by one blank: the first is the major brand, all are compatible brands. Returns 0, or -1
+//   - for a null argument or a list of another form,
+//   - for a file that is being read, or after samples were written directly,
+//   - without memory.
 KESTREL_API int isoFFsetBrand(iso_file* file, const char* brands, int minor_version);
 
-// Keeps a copy of `length` bytes of decoder configuration for the writer: an `avcC` record for
-// codec ISO_CODEC_AVC1, else the DecoderSpecificInfo of `esds`. 0, or -1 for a null argument, a
-// length below 1, an `avcC` that makes no sense, or no memory; the track is then as it was.
+// Copies `length` bytes of decoder configuration for the writer: an `avcC` record for codec
+// ISO_CODEC_AVC1, else the DecoderSpecificInfo of `esds`. Returns 0, or -1 for a null argument, a
+// length below 1, a malformed `avcC`, or no memory. After -1 the track is unchanged.
 KESTREL_API int isoFFsetDecoderSpecificInfo(iso_track* track, const void* dsi, int length);
 
 // How rtp_isoFFtrack packs H.263.
 enum iso_h263_payload : int32_t { ISO_H263_RFC4629 = 0, ISO_H263_RFC2190 = 1 };
 
-// Creates the RTP hint track of `media`, an AMR, H.263, MPEG-4 or H.264 track of the same file that
-// is being written, with `payload_type` and packets of at most `max_packet` bytes (RTP header of 12
-// bytes included, 64 to 65535). Its timescale is that of `media`; its RTP clock is 90000 Hz for
-// video and the sampling rate for speech. Its SDP is in `sdp_text`, its edits are those of `media`
-// at the time. Null for any other track, for an H.264 or MPEG-4 one without decoder configuration,
-// or without memory.
+// Creates the RTP hint track of a media track.
+//   file, media  a file that is being written, and an AMR, H.263, MPEG-4 or H.264 track of it
+//   max_packet   longest packet in bytes, RTP header of 12 bytes included; 64 to 65535
+// The hint track gets the timescale and the current edits of `media`, an RTP clock of 90000 Hz for
+// video or of the sampling rate for speech, and an SDP in `sdp_text`.
+// Returns the track, owned by the file. Returns null for any other track, for an H.264 or MPEG-4
+// track without decoder configuration, and without memory.
 KESTREL_API iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet,
                                       int payload_type, iso_h263_payload h263_payload);
 
-// Writes the hint sample of the next sample of the media track: its bytes, and its duration and
-// composition offset in units of the media track. Returns the size of the hint sample, an error
-// of isoFFwrite, or -3 when the sample cannot be cut into packets by the rules of its payload
-// format. Also -7 for a composition offset of more than 32 bits at the RTP clock.
+// Writes the hint sample for the next sample of the media track.
+//   sample, size          the media sample
+//   duration, cts_offset  those of the media sample, in units of the media track
+// Returns the size of the hint sample, an error of isoFFwrite, or
+//   -3  the sample cannot be cut into packets by the rules of its payload format
+//   -7  also: the composition offset exceeds 32 bits in units of the RTP clock
 KESTREL_API int isoFFwriteHint(iso_track* hint, const void* sample, int size, int duration,
                                int cts_offset);
 
-// The n-th track (from 1) of the given handler type, or of any when `handler` is null. Null when
-// there is none, for a null file and in write mode.
+// Returns the n-th track (from 1) of the handler type, or of any type if `handler` is null. Returns
+// null if there is none, for a null file, and in write mode. The track is owned by the file.
 KESTREL_API iso_track* isoFFselect(iso_file* file, const char* handler, int n);
 
-// 0 when one of `brands` (four-character codes, each optionally followed by one blank) is the major
-// brand or a compatible one; -1 when none is, or an argument is null.
+// Looks for brands. `brands` is a list of four-character codes, each optionally followed by one
+// blank. Returns 0 if one of them is the major brand or a compatible brand; -1 if none is, or if an
+// argument is null.
 KESTREL_API int isoFFcompatible(iso_file* file, const char* brands);
 
-// Number of tracks, duration of the movie in seconds, bytes of all samples. Outputs may be null.
-// 0, or -1 for a null file.
+// Reports the number of tracks, the duration of the movie in seconds, and the bytes of all samples.
+// Outputs may be null. Returns 0, or -1 for a null file.
 KESTREL_API int isoFFfileInfo(iso_file* file, int* tracks, double* duration, int* bytes);
 
-// Sample entry kind, number of samples, duration in seconds, bytes of all samples. Outputs may be
-// null. 0, or -1 for a null track.
+// Reports the sample entry kind (an iso_codec), the number of samples, the duration in seconds, and
+// the bytes of all samples. Outputs may be null. Returns 0, or -1 for a null track.
 KESTREL_API int isoFFtrackInfo(iso_track* track, int* codec, int* sample_count, double* duration,
                                int* bytes);
 
-// Duration and size of the sample at the cursor, without reading it. The decoder configuration
-// counts into the size until it was delivered. -1 for a null track and at the end, else 0.
+// Reports the duration, in seconds, and the size, in bytes, of the sample at the cursor, without
+// reading it. The size includes the decoder configuration until that was delivered, if
+// isoFFgetDecoderSpecificInfo asked for it. Returns 0, or -1 for a null track and at the end.
 KESTREL_API int isoFFframeInfo(iso_track* track, double* duration, int* size);
 
-// Reads the sample at the cursor and moves on to the next. Returns its size; -1 for a null track, a
-// negative size, at the end, or when the sample does not fit; -2 when the stream fails or ends
-// inside the sample. After a failure the cursor stands where it was. `duration` and `cts_offset`
-// (seconds) may be null.
+// Reads the sample at the cursor and moves the cursor to the next sample.
+//   buffer, buffer_size   receives the sample, and its capacity in bytes
+//   duration, cts_offset  in seconds; may be null
+// Returns the size of the sample, or
+//   -1  null track, negative size, end of the track, or the sample does not fit
+//   -2  the stream fails or ends inside the sample
+// After a failure the cursor is unchanged.
 KESTREL_API int isoFFread(iso_track* track, void* buffer, int buffer_size, double* duration,
                           double* cts_offset);
 
-// Reads up to `length` bytes from byte `offset` of `sample` (from 0), and leaves the cursor on that
-// sample. Returns the bytes read; 0 when `length` is 0 or `offset` is not inside the sample; -1 for
-// a null track or a sample out of range; -2 when a positioned read fails.
+// Reads up to `length` bytes at byte `offset` of `sample` (from 0), and moves the cursor to that
+// sample. `duration` and `cts_offset` (seconds) may be null. Returns the bytes read, or
+//    0  `length` is 0, or `offset` is not inside the sample
+//   -1  null track, or sample out of range
+//   -2  a positioned read fails
 KESTREL_API int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned length,
                             double* duration, double* cts_offset);
 
-// Moves the cursor to `sample` (from 0). 0, or -1 for a null track or a sample out of range.
+// Moves the cursor to `sample` (from 0). Returns 0, or -1 for a null track or a sample out of
+// range.
 KESTREL_API int isoFFsetPosition(iso_track* track, int sample);
 
-// The largest time, in seconds, that one track runs on in the file before another's data begins;
-// 0.0 with fewer than two tracks that have samples, -1.0 without memory. Tables that lay millions
-// of samples on top of each other are not looked through to their end.
+// Returns the longest time, in seconds, of consecutive samples of one track in the file before data
+// of another track; 0.0 if fewer than two tracks have samples; -1.0 without memory. The search is
+// bounded: it stops early on tables that place millions of samples on top of each other.
 KESTREL_API double isoFFgetInterleave(iso_file* file);
 
-// Of the hint tracks that refer to `media` and whose packets are at most `max_packet` bytes long,
-// the one with the longest packets (the first of equals), with its packet cursor made or reset. The
-// next packet is the first of the hint sample that the hint track stands on, which after opening is
-// the first; isoFFsetPosition moves it. Null when there is none.
+// Finds the hint track of `media` and creates or resets its packet cursor. Of the hint tracks that
+// refer to `media` and declare packets of at most `max_packet` bytes, it takes the one with the
+// longest packets, the first of equals. The next packet is the first of the hint sample at the hint
+// track's cursor: after opening the first one; isoFFsetPosition moves it. Returns the track, owned
+// by the file, or null if there is none.
 KESTREL_API iso_track* isoFFrtpHinter(iso_track* media, int max_packet);
 
-// The same track, with its packet cursor left where it is; a hint sample that was not finished is
-// begun again, at its own time.
+// Finds the same track, and keeps its packet cursor. A hint sample that was read in part begins
+// again, at its own time.
 KESTREL_API iso_track* isoFFfindHintTrack(iso_track* media, int max_packet);
 
-// Writes the next RTP packet (RFC 3550 header of 12 bytes, then the payload) into `buffer`, which
-// must hold iso_track::rtp_max_packet bytes. Returns its length; 0 at the end of the hint track; -1
-// without a cursor, for a read that comes up short, or for a packet longer than rtp_max_packet; -2
-// when the stream fails.
-// To seek, move the hint track with isoFFsetPosition: the next packet is the first of the hint
-// sample there (but where that is the hint sample at hand, its packets go on). Timestamps run on.
+// Writes the next RTP packet into `buffer`: an RFC 3550 header of 12 bytes, then the payload.
+// `buffer` must hold iso_track::rtp_max_packet bytes. Returns the length of the packet, or
+//    0  end of the hint track
+//   -1  no cursor, a short read, or a packet longer than rtp_max_packet
+//   -2  the stream fails
+// To seek, move the hint track with isoFFsetPosition. The next packet is the first of that hint
+// sample, or if that is the current hint sample, its next packet. Timestamps continue.
 KESTREL_API int isoFFrtpPacket(iso_track* hint, void* buffer);
 
-// The decoder-specific information as stored (payload of `esds`, or the whole `avcC`), null without
-// one; it stays the file's. `prepend` non-zero makes isoFFframeInfo count it into the next sample.
+// Returns the decoder-specific information as stored (the payload of `esds`, or the whole `avcC`),
+// owned by the file, and its length in bytes; null if there is none. If `prepend` is not 0,
+// isoFFframeInfo adds it to the size of the next sample.
 KESTREL_API uint8_t* isoFFgetDecoderSpecificInfo(iso_track* track, int* length, int prepend);
 
-// The parameter sets of an `avcC`, each behind a start code 00 00 00 01, sequence sets first.
-// Stores a new buffer through `out`, to be released with systemfree, and returns its length; -1
-// without decoder-specific information or memory. `prepend` is not looked at.
+// Stores the parameter sets of an `avcC`, each after a start code 00 00 00 01, sequence sets first,
+// in a new buffer. Release it with systemfree. Returns its length in bytes; -1 without
+// decoder-specific information or memory. `prepend` is ignored.
 KESTREL_API int isoFFGetDSIin3GPP(iso_track* track, int prepend, unsigned char** out);
 
-// Writes the parameter sets of `media` as `tel` packets into `buffer`, which must hold
-// param_sets_length bytes and 20 for each set, and stores their total length. Before the first
-// packet of `hint` they take its next sequence numbers, and its packets follow without a gap; later
-// they begin with the number and time of its last packet. Their payload type is 103 whatever is
-// given.
+// Writes the parameter sets of `media` as `tel` packets, and stores their total length. `buffer`
+// must hold param_sets_length bytes and 20 for each set. Before the first packet of `hint` they
+// take its next sequence numbers, and its packets follow without a gap. Later they begin with the
+// sequence number and time of its last packet. The payload type is 103; `payload_type` is ignored.
 KESTREL_API void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type,
                                  unsigned char* buffer, int* length);
 
-// From parameter sets separated by start codes 00 00 00 01 to an `avcC` record of at most 256 bytes
-// with 2-byte NAL unit lengths; other NAL units are left out. 1 with a new buffer of 256 bytes, to
-// be released with systemfree, and the length of the record in it; 0 without memory, without a
-// sequence parameter set, or when 256 bytes are too few.
+// Converts parameter sets separated by start codes 00 00 00 01 to an `avcC` record with 2-byte NAL
+// unit lengths. Other NAL units are left out. Returns
+//   1  and stores a new buffer of 256 bytes and the length of the record in it; release the buffer
+//      with systemfree
+//   0  without memory, without a sequence parameter set, or if the record exceeds 256 bytes
 KESTREL_API int convertDCI_3gpp_to_ISO(const unsigned char* in, unsigned length,
                                        unsigned char** out, int* out_length);
 
-// Memory from the file's arena, which goes as a whole when the file is closed; isoFFfree only
-// counts. Null when there is none.
+// Allocates from the arena of the file, which isoFFclose releases as a whole; null without memory.
+// isoFFfree only counts.
 KESTREL_API void* isoFFmalloc(iso_file* file, size_t size);
 KESTREL_API void isoFFfree(void* memory);
 
-// Plain allocation and release that keep the counters.
+// Allocates and releases memory of the process, and counts it.
 KESTREL_API void* systemmalloc(size_t size);
 KESTREL_API void systemfree(void* memory);
 
-// How many allocations and releases the reader has made in this process. Not synchronised:
+// Numbers of allocations and releases of the reader in this process. Not synchronised: for
 // diagnostics only.
 KESTREL_API extern int32_t malloccount;
 KESTREL_API extern int32_t freecount;

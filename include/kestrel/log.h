@@ -11,8 +11,8 @@
 extern "C" {
 #endif
 
-/* Which lines the library writes to the system log (priority LOG_ERR, whatever the level; the
- * library never opens the log itself, so the host's identity and facility apply):
+/* Selects the lines that the library writes to the system log. Their priority is always LOG_ERR.
+ * The library does not open the log, so the identity and facility of the host apply.
  *
  *   0, 1  none
  *   2     errors ("ERR: ")
@@ -20,8 +20,8 @@ extern "C" {
  *   4     debug lines ("DBG: ") as well
  *   5     verbose debug lines ("DBG2:") as well
  *
- * A plain integer that the host may set at any time; a change takes effect at each log site's next
- * test. It is read and written without a lock. */
+ * A host may set this plain integer at any time, from any thread, without a lock. A change takes
+ * effect with the next line. */
 KESTREL_API extern int32_t sx_Debug;
 
 #ifdef __cplusplus

@@ -24,7 +24,7 @@ inline constexpr uint16_t kWideBandBits[kAmrFrameTypes] = {132, 177, 253, 285, 3
 inline constexpr uint8_t amr_wb_size[kAmrFrameTypes] = {17, 23, 32, 36, 40, 46, 50, 58,
                                                         60, 6,  34, 45, 60, 60, 0,  0};
 
-// What tells the two bands apart.
+// What differs between the two bands.
 struct AmrBand {
     const uint16_t (&frame_bits)[kAmrFrameTypes];
     uint32_t sampling_rate;  // Hz, also that of the RTP clock

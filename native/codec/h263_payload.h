@@ -27,7 +27,7 @@ PayloadHeader rfc2190_mode_a(uint32_t source_format, uint32_t coding_type, unsig
 // RFC 2190, 5.2, for a packet that begins with fragment.macroblock of the picture.
 PayloadHeader put_rfc2190_B(const nch_picture& picture, const VideoFragment& fragment);
 
-// RFC 4629, 5.1, without VRC and extra picture header; `start_code` tells that the packet begins
+// RFC 4629, 5.1, without VRC and extra picture header; `start_code` says that the packet begins
 // with a start code whose two zero bytes are left out.
 PayloadHeader rfc4629(bool start_code);
 

@@ -60,7 +60,7 @@ struct FuFragment {
 
 inline constexpr int kFuHeaders = 2;
 
-// FU-A: the unit behind its first byte, which the headers stand for, in packets of `max_payload`.
+// FU-A: the unit after its first byte, which the headers stand for, in packets of `max_payload`.
 class FuFragments {
   public:
     FuFragments(NalUnit unit, int max_payload)

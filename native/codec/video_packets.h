@@ -20,7 +20,7 @@ struct VideoPacket {
 // The packets of one H.263 or MPEG-4 picture, in order.
 class VideoPackets {
   public:
-    // `max_payload` bytes are for the payload header and the fragment behind it.
+    // `max_payload` bytes are for the payload header and the fragment after it.
     VideoPackets(VideoPayload kind, std::span<const uint8_t> sample, int32_t max_payload)
         : kind_(kind), sample_(sample), max_payload_(max_payload), macroblocks_(sample) {}
 

@@ -157,7 +157,7 @@ unsigned int PropFileAudio::ProcessPacket(const unsigned char** cursor, double t
     return bytes;
 }
 
-// 1 for speech behind a frame without data. The table-of-contents byte follows the codec mode
+// 1 for speech after a frame without data. The table-of-contents byte follows the codec mode
 // request (RFC 4867, 4.3); a payload that has none says nothing.
 uint16_t PropFileAudio::SpeechStarts(uint32_t payload, unsigned int bytes) {
     constexpr unsigned int kContents = 1;

@@ -14,8 +14,8 @@ namespace {
 
 constexpr const char* kSource = ".//propfile/src/propfile_video";
 constexpr double kClockPerMs = 90.0;  // 90 kHz
-// The tables tell how large the buffer should be, but are believed only so far; it grows with what
-// really comes. No picture of the formats that 3GP files carry comes near the limit.
+// The tables declare how large the buffer should be, but are trusted only so far; it grows with
+// what really comes. No picture of the formats that 3GP files carry comes near the limit.
 constexpr uint32_t kSmallestBuffer = 2048;
 constexpr uint32_t kLargestFirstBuffer = 65536;
 constexpr uint32_t kMaxFrameBytes = 16 << 20;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The frame writers for video: each hint sample becomes a frame record, two words and its RTP
-// packets' payloads, each behind a packet header, exactly as the function API frames them.
+// packets' payloads, each after a packet header, exactly as the function API frames them.
 #ifndef KESTREL_PROPFILE_VIDEO_H
 #define KESTREL_PROPFILE_VIDEO_H
 

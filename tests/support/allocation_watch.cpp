@@ -104,7 +104,7 @@ AllocationFault::Armed::~Armed() {
 }
 
 bool AllocationFault::fails(size_t size) {
-    if (mended_ || size < smallest_) return false;
+    if (repaired_ || size < smallest_) return false;
     const int call = calls_++;
     return call == failing_ || (for_good_ && call > failing_);
 }

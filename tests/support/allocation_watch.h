@@ -24,7 +24,7 @@ class AllocationWatch {
 class AllocationFault {
   public:
     // Of the allocations of at least `smallest` bytes that of the number fails, from 0, and with
-    // `for_good` all behind it.
+    // `for_good` all after it.
     AllocationFault(int failing, bool for_good, size_t smallest = 0)
         : failing_(failing), for_good_(for_good), smallest_(smallest) {}
     AllocationFault(const AllocationFault&) = delete;
@@ -37,7 +37,7 @@ class AllocationFault {
         return call();
     }
     bool reached() const { return calls_ > failing_; }
-    void mend() { mended_ = true; }
+    void repair() { repaired_ = true; }
     bool fails(size_t size);  // asked by the allocation functions
 
     class Armed {
@@ -52,7 +52,7 @@ class AllocationFault {
     int failing_;
     bool for_good_;
     size_t smallest_;
-    bool mended_ = false;
+    bool repaired_ = false;
     int calls_ = 0;
 };
 

@@ -36,7 +36,7 @@ struct TrackSpec {
     uint32_t duration = 8000;
     Bytes entry = {};      // sample entry with its header
     uint32_t entries = 1;  // how many of them there are
-    Bytes tables = {};     // the children of `stbl` behind `stsd`
+    Bytes tables = {};     // the children of `stbl` after `stsd`
     Bytes extra = {};      // further children of `trak`
 };
 
@@ -48,7 +48,7 @@ Bytes ftyp();
 Bytes samr_entry(uint8_t frames_per_sample = 1);
 Bytes rtp_entry(uint32_t max_packet, uint32_t timescale = 8000, const Bytes& more = {});
 
-// A video entry of 176 by 144, with the boxes that tell more.
+// A video entry of 176 by 144, with further boxes.
 Bytes visual_entry(const char* type, const Bytes& more);
 
 // Sample tables: one time entry, the given sizes, all samples in one chunk at `offset`.

@@ -6,7 +6,7 @@
 
 namespace {
 
-// Waits for a host, as far as the schedule tells.
+// Waits for a host, as far as the schedule says.
 void wait(kst_host* host, const Playing& how) {
     for (uint32_t left = how.steps ? how.steps() : 1; left > 0; --left)
         kst_host_wait(host);
@@ -17,7 +17,7 @@ bool may_arrive(int32_t status, uint32_t size, Api api, bool flag) {
     if (api == Api::kClass) {
         return size == 0 && status == (flag ? int32_t{KST_NOT_YET} : int32_t{KST_FAILURE});
     }
-    // In front of the first video frame, not-yet is told as a failure that delivers nothing.
+    // Before the first video frame, not-yet is reported as a failure that delivers nothing.
     return status == KST_NOT_YET || (status == KST_FAILURE && size == 0);
 }
 
@@ -208,7 +208,7 @@ struct FaultyHost::Slots {
                     return true_place + kElsewhere;
             }
         }
-        void tell(uint32_t& got, uint32_t wanted) const {
+        void report(uint32_t& got, uint32_t wanted) const {
             if (overstated && status == KST_HOST_OK) got = wanted + 1000;
         }
 
@@ -237,7 +237,7 @@ struct FaultyHost::Slots {
         const uint32_t status = call.pass(&Table::SeekNRead, data, count, offset);
         if (call.shuffles())
             std::reverse(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + *count);
-        call.tell(*count, wanted);
+        call.report(*count, wanted);
         return status;
     }
     static uint32_t write(void* c, const void* data, uint32_t count, int32_t offset) {
@@ -258,7 +258,7 @@ struct FaultyHost::Slots {
         const Call call(c, "IndexRead");
         const uint32_t status =
             call.pass(&Table::IndexRead, data, call.place(offset), call.allowed(count), got);
-        call.tell(*got, count);
+        call.report(*got, count);
         return status;
     }
     static uint32_t advance(void* c, uint32_t offset) {
@@ -321,7 +321,7 @@ void FaultyHost::break_at(int at, const Fault& how) {
     }
 }
 
-void FaultyHost::mend() {
+void FaultyHost::repair() {
     fault = nullptr;
     cut = overstate = silent = lie = nullptr;
     eof = classification = std::nullopt;

@@ -42,7 +42,7 @@ std::vector<Medium> sample_media();
 // What a test of a medium on a API is called.
 std::string name_of(const Medium& medium, Api api);
 
-// What came of playing a track.
+// The result of playing a track.
 struct Played {
     int32_t status = KST_SUCCESS;  // that ended it
     bool opened = false;
@@ -60,7 +60,7 @@ using ReadCall = std::function<int32_t(uint8_t* buffer, uint32_t* size)>;
 ReadCall read_call(mm_Interface* handle, bool flag);
 ReadCall read_call(C3gpInterface& player, bool flag);
 
-// What came of reading through failures.
+// The result of reading through failures.
 struct ReadThrough {
     Bytes stream;
     std::vector<int32_t> failures;
@@ -134,9 +134,9 @@ class FaultyHost {
     void rewind() { kst_host_rewind(host_); }
     Bytes written() const;
 
-    // From then on, or at that call only, the calls are at fault that can be; mend() ends it.
+    // From then on, or at that call only, the calls are at fault that can be; repair() ends it.
     void break_at(int call, const Fault& how);
-    void mend();
+    void repair();
 
     // Asked before each call with its number, from 0; a status other than KST_HOST_OK is returned
     // in place of the call.

@@ -11,7 +11,7 @@
 // Makes a call of the library; a test can put something around it.
 using Around = std::function<void(const std::function<void()>& call)>;
 
-// What came of it.
+// The result.
 struct Writing {
     int open_error = 0;
     std::vector<int> failures;  // negative codes of the calls

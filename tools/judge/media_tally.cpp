@@ -13,7 +13,7 @@ using kestrel::stream::Medium;
 
 namespace {
 
-// The bytes that tell a picture's beginning.
+// The bytes that a picture begins with.
 constexpr size_t kCodeBytes = 3;
 
 bool is_picture_start(std::span<const uint8_t> bytes) {

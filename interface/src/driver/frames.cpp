@@ -147,7 +147,7 @@ bool C3gpInterface::GetNextFrame() {
          m_szMedium, passes);
 }
 
-// Throws where hint samples have too many packets and constructors for what comes of them. Every
+// Throws where hint samples have too many packets and constructors for what they make. Every
 // honest one adds bytes to a frame, or takes more bytes of the file than one.
 void C3gpInterface::LimitWork() {
     constexpr uint64_t kFreeWork = 1 << 20;

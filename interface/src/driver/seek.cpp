@@ -70,8 +70,9 @@ class MediaSampleFinder {
 
 }  // namespace
 
-// Numbers are 64 bits wide: a table may tell more samples than there are. The chunks of a run are
-// at most those of the offset table, and the walk ends before the first sample, so none overflows.
+// Numbers are 64 bits wide: a table may declare more samples than there are. The chunks of a run
+// are at most those of the offset table, and the walk ends before the first sample, so none
+// overflows.
 struct C3gpInterface::ChunkRun {
     bool found = false;
     size_t entry = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The record behind a handle: all per-file state of the conversion layer.
+// The record of a handle: all per-file state of the conversion layer.
 #ifndef KESTREL_INTERFACE_MM_INTERFACE_H
 #define KESTREL_INTERFACE_MM_INTERFACE_H
 

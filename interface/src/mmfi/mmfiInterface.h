@@ -38,7 +38,7 @@ int32_t mmfi_Read_H263(mm_Interface* record, unsigned char* buffer, uint32_t* si
 int32_t mmfi_Read_MPEG4(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
 int32_t mmfi_Read_H264(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
 
-// Tells the host where the track's next data lies: announces it or moves the stream there, as the
+// Points the host at the track's next data: announces it or moves the stream there, as the
 // file record's flag says. 0, or 2 when the host fails.
 int32_t mmfi_seek(iso_track* track, uint32_t offset);
 

@@ -107,7 +107,7 @@ int32_t stage_sample(mm_Interface* record) {
     return KST_END_OF_FILE;
 }
 
-// The frame at the head of the staged bytes, taken into the sample buffer behind its mode byte.
+// The frame at the head of the staged bytes, taken into the sample buffer after its mode byte.
 // Returns its size. What a cut frame lacks is filled with zeros.
 uint32_t take_frame(mm_Interface* record, const Band& band) {
     Staging staging(record);

@@ -26,7 +26,7 @@ enum ReaderState : uint32_t {
     kFrameRecord = 3,
 };
 
-// What tells the codecs apart.
+// What differs between the codecs.
 struct Codec {
     const VideoFormat& format;
     VideoPacketisation packets;

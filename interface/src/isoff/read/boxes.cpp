@@ -26,7 +26,7 @@ iso_track* current(iso_file* file) {
     return file->current_track;
 }
 
-// A box whose body is of no interest. Inside `moov` the walk itself moves on behind it.
+// A box whose body is of no interest. Inside `moov` the walk itself moves past it.
 int pass_over(iso_file* file, uint32_t body) {
     return file->in_moov_buffer || skip(file, body) == 1 ? 0 : -1;
 }
@@ -41,7 +41,7 @@ void lose_track(iso_file* file, const char* why) {
 
 // Reads `size` bytes of the stream into memory from systemmalloc that grows with the bytes that
 // really come, so that a size that lies costs no more than the host delivers. Null when the bytes
-// do not come or there is no memory; `no_memory` tells which.
+// do not come or there is no memory; `no_memory` is set for the latter.
 uint8_t* read_growing(iso_file* file, uint32_t size, uint32_t& read, bool& no_memory) {
     uint8_t* bytes = nullptr;
     read = 0;

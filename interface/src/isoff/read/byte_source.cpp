@@ -6,7 +6,7 @@
 #include "interface/src/isoff/read/byte_source.h"
 #include "kestrel/kstutil.h"
 
-// The byte readers: one source of bytes, the in-memory `moov` or the stream, behind all of them.
+// The byte readers: one source of bytes, the in-memory `moov` or the stream, for all of them.
 
 namespace kestrel {
 

@@ -35,7 +35,7 @@ bool getID(iso_file* file, char (&code)[5]);
 // it took, -1 when it cannot be read.
 int getxlen(iso_file* file, uint32_t& length);
 
-// Passes over `count` bytes: 1, 0 when they cannot be read, -1 when the stream does not tell its
+// Passes over `count` bytes: 1, 0 when they cannot be read, -1 when the stream does not report its
 // offset.
 int skip(iso_file* file, uint32_t count);
 

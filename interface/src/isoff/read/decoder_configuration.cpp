@@ -116,7 +116,7 @@ void keep_param_sets(iso_track* track, const ParamSets& sets, uint8_t* block) {
 }
 
 // Makes `avcc` the configuration of a track that is being written; false, and nothing changed, when
-// it makes no sense or there is no memory.
+// it is malformed or there is no memory.
 bool replace_avcc(iso_track* track, std::span<const uint8_t> avcc) {
     AvccHeader header{};
     ParamSets sets;

@@ -85,7 +85,7 @@ class PacketReader {
           room_(track->rtp_max_packet),
           scratch_(scratch) {}
 
-    static constexpr int kAtEnd = 1;  // what open_sample answers behind the last packet
+    static constexpr int kAtEnd = 1;  // what open_sample returns after the last packet
 
     void resynchronise();
     int open_sample();
@@ -182,7 +182,7 @@ inline void PacketReader::begin_packets(uint32_t packets) {
 
 // Sees to it that the hint sample at the cursor has packets left: opens samples until one has some,
 // or there are no more. A run of empty ones that is longer than any hinter writes is taken for
-// damage, since a few bytes of tables can tell of billions.
+// damage, since a few bytes of tables can declare billions.
 inline int PacketReader::open_sample() {
     constexpr int kMaxEmptySamples = 65536;
     if (at_end()) [[unlikely]]

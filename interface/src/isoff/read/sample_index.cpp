@@ -10,7 +10,7 @@ namespace kestrel {
 namespace {
 
 // How many samples of constant size the cursor may pass at once, of `wanted`: to the end of the
-// chunk at the most, and behind the last chunk, where nothing ends any more, all of them.
+// chunk at the most, and after the last chunk, where nothing ends any more, all of them.
 uint32_t samples_at_once(const iso_track* track, uint32_t wanted) {
     if (track->sample_size == 0) return 1;
     if (track->cur_chunk >= track->chunk_count) return wanted;

@@ -123,7 +123,7 @@ inline void pass(iso_track* track, uint32_t samples, uint64_t bytes) {
 // Moves the cursor on to the next sample by the tables, and notes what lies ahead.
 void advance_by_tables(iso_track* track);
 
-// Moves the cursor, which is not behind the last sample, to the next.
+// Moves the cursor, which is not past the last sample, to the next.
 inline void advance_cursor(iso_track* track) {
     if (track->own->next_alike == 0) [[unlikely]] {
         advance_by_tables(track);

@@ -16,7 +16,7 @@ struct TimeCursor {
     int32_t& index;
     int32_t& in_entry;
 
-    // Moves from `from` samples into the table to `to`. `before` tells how many samples lie in
+    // Moves from `from` samples into the table to `to`. `before` is the number of samples in
     // front of each entry.
     template <typename Entry>
     void move(const Entry* entries, int32_t count, const uint32_t* before, int32_t from,
@@ -50,7 +50,7 @@ void store_times(const iso_track* track, double* duration, double* cts_offset) {
         has_entry ? seconds(track->ctts[track->ctts_index].offset, track->timescale) : 0.0;
 }
 
-// Reads at a file offset in the way that the host asked for. `failed` tells a stream failure; the
+// Reads at a file offset in the way that the host asked for. `failed` reports a stream failure; the
 // result is the number of bytes read, never more than were asked for.
 uint32_t read_at(iso_file* file, uint32_t offset, void* buffer, uint32_t length, bool& failed) {
     uint32_t got = 0;
@@ -91,7 +91,7 @@ uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint
     return got;
 }
 
-// How many of the next samples lie behind the one at hand in its chunk: of `most`, and as far as it
+// How many of the next samples lie after the one at hand in its chunk: of `most`, and as far as it
 // is worth looking.
 uint32_t next_in_chunk(const iso_track* track, uint32_t most) {
     constexpr uint32_t kFarEnough = 64;
@@ -172,7 +172,7 @@ bool missing_has_arrived(iso_file* file) {
 
 namespace {
 
-// The last checkpoint that is not behind `sample`.
+// The last checkpoint that is not after `sample`.
 const Checkpoint& checkpoint_before(const iso_track* track, int32_t sample) {
     const Checkpoint* first = track->own->index->checkpoints;
     const Checkpoint* behind =
@@ -231,7 +231,8 @@ int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned
     const uint32_t from = saturating_add(track->cur_offset, static_cast<uint32_t>(offset));
     bool failed = false;
     const uint32_t got = read_sample_bytes(track, from, buffer, wanted, failed);
-    // Only the positioned read's failure is told; that of a seek or a plain read shows as 0 bytes.
+    // Only the positioned read's failure is reported; that of a seek or a plain read shows as 0
+    // bytes.
     if (failed && track->file->indexed_read) return -2;
     store_times(track, duration, cts_offset);
     return static_cast<int>(got);
@@ -344,7 +345,7 @@ double isoFFgetInterleave(iso_file* file) {
         *cursor = *track;
         rewind_cursor(cursor++);
     }
-    // Tables whose samples lie on top of each other can tell of any number of turns.
+    // Tables whose samples lie on top of each other can declare any number of turns.
     constexpr int kMaxVisits = 1 << 22;
     double longest = 0.0;
     for (int turns = kMaxVisits / tracks; turns > 0; --turns) {

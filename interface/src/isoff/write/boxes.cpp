@@ -243,7 +243,7 @@ void put_value_box(BoxBody& box, const char* type, uint32_t value) {
     box.u32(value);
 }
 
-// ISO/IEC 14496-12, 9.1.2; the protected one is not told by its reader, nor here, what its
+// ISO/IEC 14496-12, 9.1.2; the protected one is not given by its reader, nor here, what its
 // `schm` and `schi` hold.
 uint64_t write_hint_entry(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     const bool is_srtp = track->codec == ISO_CODEC_SRTP;
@@ -398,7 +398,7 @@ uint64_t write_stbl(Pass pass, std::span<uint8_t> to, iso_track* track) {
     box.child(write_stsc, track);
     box.child(write_stco, track);
     if (track->sync_samples != nullptr) box.child(write_stss, track);
-    // Groups of no type could not be told from others.
+    // Groups of no type could not be distinguished from others.
     const bool has_groups = track->sgpd_type[0] != '\0';
     if (has_groups && track->sbgp_list != nullptr) box.child(write_sbgp, track);
     if (has_groups && track->sgpd_list != nullptr) box.child(write_sgpd, track);

@@ -60,7 +60,7 @@ constexpr size_t kMaxPackets = UINT16_MAX;
 
 struct SpeechFrame {
     size_t offset;  // of its header byte
-    size_t speech;  // bytes behind it
+    size_t speech;  // bytes after it
     uint8_t header;
 };
 

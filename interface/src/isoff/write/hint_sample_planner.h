@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the bytes of a media sample are laid out over RTP packets, and the hint sample that tells it.
+// How the bytes of a media sample are laid out over RTP packets, and the hint sample that describes
+// it.
 #ifndef KESTREL_INTERFACE_HINT_PACKETS_H
 #define KESTREL_INTERFACE_HINT_PACKETS_H
 

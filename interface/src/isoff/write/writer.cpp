@@ -90,7 +90,7 @@ void append_frame(iso_track* track, iso_frame* frame) {
     track->own->last_frame = frame;
 }
 
-// A record for the sample, with its bytes behind it where they are to wait in memory.
+// A record for the sample, with its bytes after it where they are to wait in memory.
 iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
     const bool in_memory = track->own->spool == nullptr && !is_direct(track->file);
     const size_t kept = in_memory ? size : 0;
@@ -107,7 +107,7 @@ iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
 }
 
 // Whether the file has room for `size` more bytes of a track's sample: below the limit that each
-// track is held to, and, with what the others take, where 32 bits can tell it.
+// track is held to, and, with what the others take, where 32 bits can hold it.
 bool has_room(const iso_track* track, uint32_t size) {
     const iso_file* file = track->file;
     const uint64_t more = uint64_t{size} + kFileOverhead;
@@ -151,7 +151,7 @@ bool begin_direct(iso_file* file) {
            write_stream(file, raw, sizeof raw);
 }
 
-// Writes a sample behind what was written before. Its size, or an error.
+// Writes a sample after what was written before. Its size, or an error.
 int flush_frame(iso_track* track, const void* data, iso_frame* frame) {
     iso_file* file = track->file;
     const bool goes_on = file->own->direct_track == track &&
@@ -160,7 +160,7 @@ int flush_frame(iso_track* track, const void* data, iso_frame* frame) {
     if (!goes_on && !begin_run(track, file->own->write_pos, kOnlyDescription)) return kNoMemory;
     file->own->direct_track = track;
     if (!write_stream(file, data, frame->size)) {
-        file->own->finalised = 1;  // the stream no longer stands where the tables would tell
+        file->own->finalised = 1;  // the stream no longer is at the offset of the tables
         return kFellShort;
     }
     track->own->last_run->samples++;
@@ -192,7 +192,7 @@ bool passes_agree(iso_file* file, uint64_t measured, uint64_t written) {
     return false;
 }
 
-// Writes `moov` behind the media, then the size of `mdat` in front of it.
+// Writes `moov` after the media, then the size of `mdat` before it.
 int finish_direct(iso_file* file, uint32_t media_header) {
     const uint32_t media_end = file->own->write_pos;
     std::vector<uint8_t> moov(static_cast<size_t>(write_moov(kCountPass, {}, file)));
@@ -277,7 +277,7 @@ bool can_go_back(iso_file* file) {
     return move_to(file, 0) && move_to(file, here);
 }
 
-// The header, and the samples behind it. `moov` is free space until the last sample is written, so
+// The header, and the samples after it. `moov` is free space until the last sample is written, so
 // that a file that is cut off has none; a stream that cannot go back gets it at once.
 int write_parts(iso_file* file, std::vector<uint8_t>& header, size_t moov_type) {
     const std::span bytes(header);
@@ -328,7 +328,7 @@ int take_sample(iso_track* track, const void* data, uint32_t size, uint32_t dura
         const int flushed = flush_frame(track, data, frame);
         if (flushed < 0) return flushed;
     } else if (track->own->spool != nullptr && !spool_sample(track, data, size)) {
-        file->own->finalised = 1;  // what comes behind it in the temporary file is lost
+        file->own->finalised = 1;  // what follows it in the temporary file is lost
         return kFellShort;
     }
     append_frame(track, frame);
@@ -347,7 +347,7 @@ bool write_stream(iso_file* file, const void* from, uint32_t count) {
     if (file->own->write_pos == 0 && kstutil_seek(file->stream, 0) != 0) return false;
     const uint32_t status = table->SeekNWrite(table->Context, from, count, -1);
     if ((status & 0xFFFF) != 0) return false;
-    // The slot does not tell how much it took; the position does.
+    // The slot does not report how much it took; the position does.
     file->own->write_pos += count;
     uint32_t at = 0;
     return kstutil_getoffset(file->stream, &at) == 0 && at == file->own->write_pos;
