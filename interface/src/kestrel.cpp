@@ -6,6 +6,7 @@
 #include "interface/src/isoff/record/private.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/kstutil.h"
+#include "kestrel/version.h"
 
 // The exported functions.
 
@@ -132,6 +133,10 @@ int32_t kst_SeekTo(mm_Interface* handle, uint32_t position) {
 int32_t kst_GetIOCallbackStatus(mm_Interface* handle, uint32_t* status_out) {
     if (handle == nullptr) return KST_BAD_HANDLE;
     return status_out == nullptr ? KST_BAD_ARGUMENT : KST_SUCCESS;
+}
+
+uint32_t kst_Version(void) {
+    return KST_VERSION_MAJOR << 16 | KST_VERSION_MINOR << 8 | KST_VERSION_PATCH;
 }
 
 const char* kst_StatusString(int32_t code) {
