@@ -14,8 +14,9 @@
 /* What has not arrived may be what opening needs. */
 static int32_t open_arriving(mm_Interface** handle, kst_host* host, const char* mode) {
     for (;;) {
+        const int complete = kst_host_is_complete(host);
         const int32_t status = kst_Open(handle, kst_host_callbacks(host), mode);
-        if (status != KST_FAILURE || kst_host_is_complete(host)) return status;
+        if (status != KST_FAILURE || complete) return status;
         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
     }
 }
@@ -28,9 +29,12 @@ static bool is_not_yet(int32_t status, uint32_t size) {
 static int32_t read_arriving(mm_Interface* handle, kst_host* host, unsigned char* chunk,
                              uint32_t room, uint32_t* size) {
     for (;;) {
+        const int complete = kst_host_is_complete(host);
         *size = room;
-        const int32_t status = kst_ReadChunk(handle, chunk, size, true);
-        if (!is_not_yet(status, *size) || kst_host_is_complete(host)) return status;
+        const int32_t status = kst_ReadChunk(handle, chunk, size, kst_host_is_arriving(host));
+        if (!is_not_yet(status, *size)) return status;
+        if (kst_host_failed(host) != 0) return KST_IO_FAILURE;
+        if (complete) return status;
         if (kst_host_wait(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
     }
 }

@@ -101,6 +101,7 @@ uint32_t sync_flag(Sync sync) {
 // Seeks and reports the result, waiting for the place to arrive.
 void seek(C3gpInterface& player, kst_host* host, const Options& options) {
     for (;;) {
+        const bool complete = kst_host_is_complete(host) != 0;
         _TAG_KST_SEEK_PARAMS params{};
         params.nTime = *options.from_ms;
         params.fFlags = KST_SEEK_ABSOLUTE | sync_flag(options.sync);
@@ -110,7 +111,8 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
                          params.uFrameNum, static_cast<int>(params.uFileOffset));
             return;
         }
-        if (status != KST_FAILURE || kst_host_is_complete(host)) {
+        refuse_failed(host, options.input);
+        if (status != KST_FAILURE || complete) {
             throw status_error(options.input, status,
                                "; cannot begin at " + std::to_string(*options.from_ms) + " ms");
         }
@@ -195,12 +197,13 @@ int32_t deliver(Player& player, kst_host* host, const std::string& input, Stream
     std::vector<uint8_t> buffer(KST_LARGEST_CHUNK);
     Progress progress;
     for (;;) {
+        const bool complete = kst_host_is_complete(host) != 0;
         uint32_t size = 0;
         const int32_t status = player.read(buffer, size, kst_host_is_arriving(host) != 0);
         output.take({buffer.data(), size});
         progress.show(host, output.written());
         if (status == KST_SUCCESS) continue;
-        if (!player.may_arrive(status, size) || kst_host_is_complete(host)) {
+        if (!player.may_arrive(status, size) || complete || kst_host_failed(host) != 0) {
             if (status != KST_END_OF_FILE) {
                 size = player.rest(buffer, kst_host_is_arriving(host) != 0);
                 output.take({buffer.data(), size});
@@ -220,6 +223,8 @@ void extract(const Options& options) {
     const int32_t status = deliver(*player, host.get(), options.input, output);
     player.reset();
     output.finish();
+    if (errno = kst_host_failed(host.get()); errno != 0)
+        throw Error(system_error(options.input).what() + output.what_is_kept());
     if (options.from_ms) {  // how much there is from there on, the tables do not say
         if (status == KST_END_OF_FILE) return;
         throw status_error(options.input, status, output.what_is_kept());

@@ -49,13 +49,20 @@ Host open_host(const std::string& path, std::optional<uint32_t> arriving) {
     return host;
 }
 
+void refuse_failed(const kst_host* host, const std::string& input) {
+    errno = kst_host_failed(host);
+    if (errno != 0) throw system_error(input);
+}
+
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
     for (;;) {
+        const bool complete = kst_host_is_complete(host) != 0;
         mm_Interface* handle = nullptr;
         status = kst_Open(&handle, kst_host_callbacks(host), mode.c_str());
         if (status == KST_SUCCESS) return Handle(handle);
         // What is missing may be the part of the file that has not arrived.
-        if (status != KST_FAILURE || kst_host_is_complete(host)) return nullptr;
+        refuse_failed(host, "input");
+        if (status != KST_FAILURE || complete) return nullptr;
         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw system_error("input");
     }
 }
@@ -63,10 +70,12 @@ Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
 ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status) {
     auto object = std::make_unique<C3gpInterface>();
     for (;;) {
+        const bool complete = kst_host_is_complete(host) != 0;
         status = static_cast<int32_t>(object->Open(kst_host_callbacks(host), mode.c_str()));
         if (status == KST_SUCCESS) return object;
         // What is missing may be the part of the file that has not arrived.
-        if (status == KST_BAD_MODE || kst_host_is_complete(host)) return nullptr;
+        refuse_failed(host, "input");
+        if (status == KST_BAD_MODE || complete) return nullptr;
         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw system_error("input");
     }
 }

@@ -60,6 +60,9 @@ struct HandleCloser {
 };
 using Handle = std::unique_ptr<mm_Interface, HandleCloser>;
 
+// Throws the system's error where the host failed for good.
+void refuse_failed(const kst_host* host, const std::string& input);
+
 // Opens a track, waiting for more of a file that is still arriving. Null when it cannot be opened;
 // `status` tells why.
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status);

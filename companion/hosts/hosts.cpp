@@ -39,6 +39,7 @@ class Source {
         size = available();
         return true;
     }
+    // False with errno set.
     virtual bool read(void* data, uint32_t offset, uint32_t count) = 0;
     virtual int wait() { return KST_HOST_COMPLETE; }
     virtual bool write(const void*, uint32_t, uint32_t) { return false; }
@@ -89,7 +90,8 @@ class FileSource final : public Source {
         while (count > 0) {
             const ssize_t got = pread(fd_, to, count, static_cast<off_t>(offset));
             if (got < 0 && errno == EINTR) continue;
-            if (got <= 0) return false;  // an error, or a file that was cut while we read it
+            if (got == 0) errno = EIO;  // the file was cut while we read it
+            if (got <= 0) return false;
             to += got;
             offset += static_cast<uint32_t>(got);
             count -= static_cast<uint32_t>(got);
@@ -267,6 +269,7 @@ struct kst_host {
     std::unique_ptr<Source> source;
     uint32_t position = 0;
     uint32_t used = 0;
+    int failure = 0;  // errno of what failed for good
     kestrel::hosts::MovieWatch movie;
     KST_IOSTREAM_CALLBACK_INTERFACE callbacks{};
 
@@ -277,10 +280,19 @@ struct kst_host {
         const uint32_t there = source->available();
         const uint32_t readable = offset < there ? std::min(count, there - offset) : 0;
         if (readable < count && !source->complete()) return KST_HOST_NOT_YET;
-        if (readable > 0 && !source->read(data, offset, readable)) return KST_HOST_FAILED;
+        if (readable > 0 && !source->read(data, offset, readable)) {
+            failure = errno;
+            return KST_HOST_FAILED;
+        }
         got = readable;
         if (readable > 0) used = std::max(used, offset + readable);
         return KST_HOST_OK;
+    }
+
+    int wait() {
+        const int waited = source->wait();
+        if (waited == KST_HOST_FAULT) failure = errno;
+        return waited;
     }
 };
 
@@ -455,8 +467,12 @@ int kst_host_is_complete(const kst_host* host) {
     return host->source->complete() ? 1 : 0;
 }
 
+int kst_host_failed(const kst_host* host) {
+    return host->failure;
+}
+
 int kst_host_wait(kst_host* host) {
-    return host->source->wait();
+    return host->wait();
 }
 
 int kst_host_wait_to_open(kst_host* host) {
@@ -464,7 +480,7 @@ int kst_host_wait_to_open(kst_host* host) {
     Source& source = *host->source;
     const uint64_t had = source.available();
     for (;;) {
-        const int waited = source.wait();
+        const int waited = host->wait();
         if (waited != KST_HOST_MORE) return waited;
         const uint64_t has = source.available();
         const bool news = host->movie.has_news(

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Playing a 3GP file through a class: C3gpInterface opens one medium of a file over the host's
-// stream, seeks in it by time, and delivers it as a native stream (docs/native-format.md).
+// Playing a 3GP file, the class API: C3gpInterface opens one medium of a file over the host's
+// stream, seeks in it by time, and delivers it as a native stream (docs/native-format.md). Usable
+// from C++11.
 //
 //     C3gpInterface player;
 //     unsigned int status = player.Open(callbacks, "ar");
@@ -14,15 +15,17 @@
 // hint track: each hint sample becomes one frame of the stream.
 //
 // Objects are independent of each other; one must not be used from two threads at once. Statuses
-// are those of kestrel/status.h; no function throws unless its comment says so. The system log
-// tells why something failed (kestrel/log.h).
+// are those of kestrel/status.h; no function throws unless its comment says so.
 //
-// Open can end the process, and no other function can: a sample entry "mp4v" whose object type is
-// not that of MPEG-4 Visual, in any track and whatever the mode, exits with status 1 after a line
-// on the standard error stream. A host that must live on looks at the file first.
+// **Open can end the process**, and no other function can: where any track of the file, whatever
+// the mode, has a sample entry "mp4v" whose object type is not that of MPEG-4 Visual, it writes a
+// line to the standard error stream and exits with status 1. A host that must live on looks at the
+// file first.
 //
-// An object writes at most 100 errors and warnings to the system log from one Open to the next, and
-// then a line that says that further remarks are left out.
+// Why something failed goes to the system log (kestrel/log.h): one error for each call that fails,
+// so also for each Open of a file that has not arrived far enough; KST_NOT_YET writes nothing at
+// the default level. An object writes at most 100 errors and warnings from one Open to the next,
+// and then a line that says that further remarks are left out.
 #ifndef KESTREL_C3GPINTERFACE_H
 #define KESTREL_C3GPINTERFACE_H
 
@@ -37,7 +40,7 @@
 #include "kestrel/status.h"
 #include "kestrel/stream.h"
 
-// A request to SeekTo, and what came of it.
+// A request to SeekTo, and its result.
 struct _TAG_KST_SEEK_PARAMS {
     uint32_t uReserved;    // the caller's own; neither read nor written
     uint32_t nTime;        // in: the target, ms; out: the time of the sample reached, ms
@@ -50,10 +53,13 @@ struct _TAG_KST_SEEK_PARAMS {
 enum KST_SEEK_FLAGS : uint32_t {
     KST_SEEK_RELATIVE = 0x10000,  // nTime is added to the time of the next frame; may be negative
     KST_SEEK_ABSOLUTE = 0x20000,  // nTime counts from the beginning
-    // In a track without a table of sync samples every sample is one.
-    KST_SEEK_NEXT_SYNC = 1,      // the sync sample at or after the target
-    KST_SEEK_PREVIOUS_SYNC = 2,  // the sync sample at or before the target
-    KST_SEEK_NEAREST_SYNC = 4    // of two around the target the farther one; at a tie the earlier
+    // The sync sample that is chosen. In a track without a table of sync samples every sample is
+    // one. A target after the last sync sample gets the last.
+    KST_SEEK_NEXT_SYNC = 1,      // the one at or after the target
+    KST_SEEK_PREVIOUS_SYNC = 2,  // the one at or before the target
+    // The one at the target; else, of its two neighbours, the one that is farther away, as the
+    // platform defines it, and at equal distance the earlier one.
+    KST_SEEK_NEAREST_SYNC = 4
 };
 
 // What a frame writer is opened with.
@@ -78,7 +84,7 @@ struct _TAG_VIDEO_OPEN_PARAMS {
     uint32_t uProfile, uLevel;     // H.263
     uint32_t uVideoStart;          // start offset, 1/90000 s
     uint32_t uAudioStart;          // start offset of the file's audio, in its own timescale
-    uint32_t uLargestSample;       // bytes, as the tables tell
+    uint32_t uLargestSample;       // bytes, as the tables say
 };
 
 namespace Qvox3gp {
@@ -133,23 +139,31 @@ class KESTREL_API C3gpInterface {
     C3gpInterface& operator=(const C3gpInterface&) = delete;
     ~C3gpInterface();
 
-    // Opens one medium of the file behind `io`, which must stand at offset 0 and whose boxes must
-    // all be there. `mode` is a string of letters in any case and order: `a` (audio) or `v` (video;
-    // of several the last counts) and `r` (read). The table must outlive the object or its Close.
+    // Opens one medium of the file of `io`. `mode` is a string of letters in any case and order:
+    // `a` (audio) or `v` (video; of several the last counts) and `r` (read). The stream must stand
+    // at offset 0. The table must outlive the object or its Close.
     //
     // An environment variable KST_LOG_DEBUG that is exactly "1" sets sx_Debug to 4, and
     // KST_LOG_DEBUG_VERBOSE to 5.
     //
-    // KST_SUCCESS: the stream stands at offset 0. KST_ALREADY_OPEN: nothing has changed. All other
-    // failures leave the object closed: KST_BAD_MODE; KST_BAD_ARGUMENT: null table or slot;
-    // KST_CORRUPT: a box is missing or damaged, or a callback failed while boxes were read;
-    // KST_TOO_MANY_TRACKS, KST_NO_SUCH_TRACK, KST_NO_HINT_TRACK, KST_NO_MEMORY; KST_UNKNOWN_CODER:
-    // video that is neither H.263 nor MPEG-4; KST_FAILURE: a callback said not-yet, audio that is
-    // not AMR narrow band, and anything else.
+    // Returns:
     //
-    // A file that still arrives answers KST_FAILURE as long as a box, or the first hint sample of
-    // H.263 video, has not arrived: open again later, from offset 0. The header of its last box
-    // must be there, and its size be known.
+    // - KST_SUCCESS: the stream stands at offset 0.
+    // - KST_ALREADY_OPEN: the object stays as it was. After every other failure it is closed.
+    // - KST_BAD_MODE: `mode` is not understood.
+    // - KST_BAD_ARGUMENT: the table, or a slot of it, is null.
+    // - KST_CORRUPT: a box is missing or damaged, or a slot failed while boxes were read.
+    // - KST_NO_SUCH_TRACK: no track of the medium.
+    // - KST_TOO_MANY_TRACKS: several tracks of the medium.
+    // - KST_NO_HINT_TRACK: no hint track refers to the track.
+    // - KST_UNKNOWN_CODER: video that is neither H.263 nor MPEG-4 Visual.
+    // - KST_NO_MEMORY.
+    // - KST_FAILURE: a slot answered not-yet; audio that is not AMR narrow band; anything else.
+    //
+    // A file that arrives can be opened when GetStreamSize answers its length, and these have
+    // arrived: all boxes up to the end of `moov`, the header of every later box, and for H.263 the
+    // first hint sample. Until then Open returns KST_FAILURE: call it again later, with the stream
+    // at offset 0.
     unsigned int Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode);
 
     // Ends playing and frees what the object holds; it may be opened again. Closing a closed object
@@ -159,41 +173,59 @@ class KESTREL_API C3gpInterface {
     // What Close does to the object itself: forgets medium, direction, stream and tables.
     void Reset();
 
-    // Delivers the next bytes of the stream: `*size` is how many are wanted on the way in and how
-    // many were delivered on the way out. `arriving` says how the host serves the stream, and may
+    // Delivers the next bytes of the stream. `*size` is the number of bytes wanted before the call,
+    // and the number delivered after it. `arriving` says how the host serves the stream, and may
     // differ from call to call: true for one that fills over time (IndexRead), false for a seekable
     // one (Seek and SeekNRead). AdvanceRead is called for every hint sample in both.
     //
-    // KST_SUCCESS: all that was wanted; also for nothing wanted, with a null buffer too.
-    // KST_END_OF_FILE: there is no more; `*size` bytes were the last. KST_NOT_YET: `*size` is 0 and
-    // nothing was consumed, so call again when more has arrived (with `arriving`, a file that was
-    // cut short answers so for ever). KST_IO_FAILURE: IndexRead or AdvanceRead failed. KST_FAILURE:
-    // another callback failed, or delivered less than was asked for without `arriving`; a table
-    // ends too early or leads outside the file; thousands of malformed hint samples follow one
-    // another, or hint samples have more constructors than SECURITY.md allows; memory ran out.
-    // KST_NOT_OPEN, KST_BAD_ARGUMENT (null pointer).
+    // Returns:
     //
-    // Statuses 1 and 2 keep the state. After any failure `*size` is 0 and nothing was lost: the
-    // call may be repeated, and a smaller size gets what was ready before the fault. At the end of
-    // the file the object stays open for a seek.
+    // - KST_SUCCESS: all bytes that were wanted were delivered. None may be wanted, also with a
+    // null
+    //   buffer.
+    // - KST_END_OF_FILE: `*size` bytes were delivered, the last ones. The object stays open, for a
+    //   seek.
+    // - KST_NOT_YET: with `arriving`, a read was not served: call again when more has arrived. A
+    //   file that was cut short is answered so for ever.
+    // - KST_IO_FAILURE: IndexRead or AdvanceRead failed.
+    // - KST_FAILURE: another slot failed, or without `arriving` delivered less than was asked for;
+    // a
+    //   table ends too early or leads outside the file; thousands of malformed hint samples follow
+    //   one another, or hint samples have more constructors than SECURITY.md allows; memory ran
+    //   out.
+    // - KST_NOT_OPEN.
+    // - KST_BAD_ARGUMENT: a null pointer.
     //
-    // Malformed hint samples are left out, and so are those of which every constructor was dropped.
-    // A constructor is dropped that names no sample of the media track, reaches outside its sample
+    // After each of these but the first two `*size` is 0 and nothing was lost. The call may be
+    // repeated; one that wants fewer bytes gets those that were ready before the fault.
+    //
+    // A malformed hint sample is left out, and so is one of which every constructor was dropped. A
+    // constructor is dropped if it names no sample of the media track, reaches outside its sample,
     // or makes a frame too long.
     unsigned int ReadChunk(unsigned char* buffer, unsigned int* size, bool arriving);
 
-    // Moves playing to a sync sample near a time. Bytes of the header records or of frames that
-    // were made and that ReadChunk has not delivered yet are still delivered first, whole: of one
-    // frame, or after a ReadChunk that failed of as many as it asked for.
+    // Moves playing to a sync sample near a time. The next ReadChunk delivers what was already made
+    // and not delivered first: the rest of the header records and of one frame, or, after a
+    // ReadChunk that failed, all that it had gathered.
     //
-    // Times are counted in the media track's timescale, whole units per ms; the tables of a hint
-    // track that counts in another are read as if they were in it too.
+    // Times are counted in whole units of the media track's timescale for each millisecond. The
+    // tables of a hint track are read in that timescale too, whatever its own is.
     //
-    // A failure leaves playing where it was: KST_NOT_OPEN, KST_BAD_ARGUMENT (null),
-    // KST_BAD_SEEK_FLAGS; KST_BAD_TIMESTAMP: target past the duration; KST_CORRUPT: a sample table
-    // is missing or wrong; KST_DIVIDE_BY_ZERO, KST_TABLE_TOO_SHORT; KST_NO_HINT_OFFSET: no hint
-    // sample there, as with the previous sync sample in front of the first one, or one at 2 GiB or
-    // beyond; KST_FAILURE: a callback failed or has not got the hint sample yet.
+    // Returns:
+    //
+    // - KST_SUCCESS: `params` has the result.
+    // - KST_NOT_OPEN.
+    // - KST_BAD_ARGUMENT: `params` is null.
+    // - KST_BAD_SEEK_FLAGS.
+    // - KST_BAD_TIMESTAMP: the target is after the duration.
+    // - KST_CORRUPT: a sample table is missing or wrong.
+    // - KST_DIVIDE_BY_ZERO (20): a zero in the sample tables, or a timescale below 1000.
+    // - KST_TABLE_TOO_SHORT (21): the table of sample sizes ends too early.
+    // - KST_NO_HINT_OFFSET (22): no hint sample there, as with the previous sync sample of a target
+    //   before the first one, or one at 2 GiB or after.
+    // - KST_FAILURE: a slot failed, or the hint sample has not arrived.
+    //
+    // A failure leaves playing where it was.
     unsigned int SeekTo(_TAG_KST_SEEK_PARAMS* params);
 
   private:

@@ -2,7 +2,7 @@
 // Small scanners over coded video: picture headers, start codes, NAL unit lengths. They keep no
 // state, allocate nothing, throw nothing, read only the bytes that they are given, and may be
 // called from any thread. And functions that create tracks of a codec for the file writer of
-// kestrel/isoff.h.
+// kestrel/isoff.h. Usable from C++11.
 #ifndef KESTREL_CODEC_H
 #define KESTREL_CODEC_H
 

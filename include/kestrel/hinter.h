@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Copies a clip of any form and adds an RTP hint track to each medium that has a
  * payload format (RFC 4867 for AMR, RFC 4629 or RFC 2190 for H.263, RFC 6416 for MPEG-4, RFC 6184
- * for H.264). Part of the companion library kestrel_hosts. Usable from C and C++.
+ * for H.264). Part of the companion library kestrel_hosts. Usable from C11 and C++11.
  *
  * The source is an ISO base media file (ISO/IEC 14496-12) of any form in use, including movie
  * fragments, or a QuickTime file. The result is a plain 3GP file: the movie box, then media and

@@ -1,18 +1,36 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Ready-made hosts: stream tables for a file, for memory, and for a file that is still arriving.
+ * Part of the companion library kestrel_hosts. Usable from C11 and C++11.
  *
  * A host owns its stream and its table. Open one, hand kst_host_callbacks() to kst_Open, and close
  * it after the handle. A host serves one handle at a time and is not safe to use from two threads
- * at once. Offsets are 32 bits wide, so a stream is at most 4 GiB - 1 bytes long. Part of the
- * companion library kestrel_hosts. Usable from C and C++.
+ * at once. Offsets are 32 bits wide, so a stream is at most 4 GiB - 1 bytes long.
  *
- * Playing a file that arrives:
+ * Playing a file that arrives, here from a pipe:
  *
- *     kst_host* host = kst_host_from_pipe(fd);
- *     while (kst_Open(&handle, kst_host_callbacks(host), "ar") != KST_SUCCESS) {
- *         if (kst_host_is_complete(host) || kst_host_wait_to_open(host) < 0) give_up();
+ *     for (;;) {
+ *         const int complete = kst_host_is_complete(host);
+ *         const int32_t status = kst_Open(handle, kst_host_callbacks(host), mode);
+ *         if (status != KST_FAILURE || complete) return status;
+ *         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
  *     }
- *     // kst_ReadChunk(..., kst_host_is_arriving(host)); on KST_NOT_YET: kst_host_wait, call again
+ *
+ * and then, for each chunk:
+ *
+ *     for (;;) {
+ *         const int complete = kst_host_is_complete(host);
+ *         *size = room;
+ *         const int32_t status = kst_ReadChunk(handle, chunk, size, kst_host_is_arriving(host));
+ *         if (!is_not_yet(status, *size)) return status;
+ *         if (kst_host_failed(host) != 0) return KST_IO_FAILURE;
+ *         if (complete) return status;
+ *         if (kst_host_wait(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
+ *     }
+ *
+ * where is_not_yet() is true for KST_NOT_YET, and for KST_FAILURE with a size of 0, which is what a
+ * first video frame that has not arrived is answered with. "Complete?" is asked before the call, so
+ * that the bytes which make a stream complete are read once more, also where another thread brings
+ * them to a host of your own.
  */
 #ifndef KESTREL_HOSTS_H
 #define KESTREL_HOSTS_H
@@ -37,7 +55,7 @@ enum { KST_HOST_OK = 0, KST_HOST_FAILED = 1, KST_HOST_NOT_YET = 2 };
 enum { KST_HOST_FAULT = -1, KST_HOST_COMPLETE = 0, KST_HOST_MORE = 1 };
 
 /* Every opening function returns null on failure with the reason in errno (ENOMEM, EFBIG for a
- * stream of 4 GiB and more, or what the system said of the path). */
+ * stream of 4 GiB and more, or the error of the path). */
 
 /* A complete file, read with positioned reads. */
 KESTREL_API kst_host* kst_host_from_file(const char* path);
@@ -79,15 +97,25 @@ KESTREL_API int kst_host_is_arriving(const kst_host* host);
 /* Non-zero when no more bytes will come than are there now. */
 KESTREL_API int kst_host_is_complete(const kst_host* host);
 
+/* Returns 0, or an errno value when the host failed for good: a file could not be read (EIO where
+ * it was cut meanwhile), or kst_host_wait answered KST_HOST_FAULT. Ask it when kst_ReadChunk
+ * returns KST_NOT_YET, which it does for a host that failed as well. */
+KESTREL_API int kst_host_failed(const kst_host* host);
+
 /* Waits until more bytes are there (a pipe is read, blocking) and answers KST_HOST_MORE;
  * KST_HOST_COMPLETE when the stream has ended, which may be learned only here; KST_HOST_FAULT when
  * the stream failed, with the reason in errno. */
 KESTREL_API int kst_host_wait(kst_host* host);
 
-/* The same between two tries to open: waits until the movie box ('moov') is there as a whole, a box
- * header after it is there, or the stream has grown by half, and moves the stream back to offset 0.
- * So the tries are few, however the stream arrives. Ask kst_host_is_complete() before the call:
- * only if it answers 0 may another try succeed, also after KST_HOST_COMPLETE. */
+/* The same between two tries to open, and moves the stream back to offset 0. It waits until one of
+ * these is so, which keeps the tries few:
+ *
+ * - the movie box ('moov') is there as a whole;
+ * - a box header after it is there;
+ * - the stream has grown by half since the call.
+ *
+ * After KST_HOST_COMPLETE one more try may succeed: the bytes that it waited for may be the last.
+ */
 KESTREL_API int kst_host_wait_to_open(kst_host* host);
 
 /* Moves the stream back to offset 0, which opening the stream again needs. */

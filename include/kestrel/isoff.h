@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The ISO base media file reader and writer (ISO/IEC 14496-12 with the 3GPP sample entries).
+// The ISO base media file reader and writer (ISO/IEC 14496-12 with the 3GPP sample entries). Usable
+// from C++17.
 //
 // isoFFopen walks a file's boxes through the host's stream table into one iso_file with a list of
 // iso_track records. Samples and RTP packets are read from a track. A program may read the fields

@@ -1,19 +1,33 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Playing a 3GP file: open it over a stream that the host serves, and pull one track out chunk by
- * chunk as a native stream (docs/native-format.md). Usable from C and C++.
+/* Playing a 3GP file, the function API: open it over a stream that the host serves, and pull one
+ * track out chunk by chunk as a native stream (docs/native-format.md). Usable from C11 and C++11.
  *
- *     mm_Interface* handle;
- *     status = kst_Open(&handle, callbacks, "ar");
- *     while (status == KST_SUCCESS) {
- *         uint32_t size = sizeof buffer;
- *         status = kst_ReadChunk(handle, buffer, &size, false);
- *         if (status == KST_SUCCESS) consume(buffer, size);
+ *     mm_Interface* handle = NULL;
+ *     uint32_t room = KST_LARGEST_CHUNK;
+ *     unsigned char* chunk = malloc(room);
+ *     int32_t status = kst_Open(&handle, callbacks, "ar");
+ *     while (status == KST_SUCCESS && chunk != NULL) {
+ *         uint32_t size = room;
+ *         status = kst_ReadChunk(handle, chunk, &size, false);
+ *         if (status == KST_SUCCESS) consume(chunk, size);
+ *         if (status != KST_BAD_ARGUMENT || size <= room) continue;
+ *         free(chunk);  // too small for a large frame
+ *         chunk = malloc(room = size);
+ *         status = KST_SUCCESS;
  *     }
+ *     free(chunk);
  *     kst_Close(&handle);
+ *
+ * The loop for a file that arrives is in kestrel/hosts.h.
  *
  * Handles are independent of each other: any number may be open, each with a stream of its own, in
  * different threads. One handle must not be used from two threads at once. Every function returns a
  * status (kestrel/status.h) unless it says otherwise; none throws.
+ *
+ * The ISO reader writes short lines about damaged boxes and tables to standard error, at most 100
+ * for a handle, and then "further remarks left out". Why opening failed goes to the system log as
+ * an error (kestrel/log.h), one line for each kst_Open, so also for each try at a file whose movie
+ * box has not arrived. Reading writes nothing to the log at the default level, KST_NOT_YET neither.
  */
 #ifndef KESTREL_KESTREL_H
 #define KESTREL_KESTREL_H
@@ -33,26 +47,30 @@ extern "C" {
 typedef struct mm_Interface mm_Interface;
 
 enum {
-    /* A buffer of this many bytes has room for any chunk, but for that of a frame which takes more
-     * than 64,000 bytes with the headers of its packets. For such a one kst_ReadChunk returns
-     * KST_BAD_ARGUMENT with the bytes that it needs in `*size`. */
+    /* Bytes of a buffer with room for any chunk, except that of a frame whose packets and their
+     * headers take more than 64,000 bytes: for that kst_ReadChunk asks for more. */
     KST_LARGEST_CHUNK = 64064,
-    /* No chunk is larger. A longer frame is KST_FAILURE. */
+    /* Bytes of the largest chunk that is delivered. A longer frame is KST_FAILURE. */
     KST_MAX_CHUNK = (16 << 20) + 64
 };
 
-/* Opens the file behind `callbacks` and selects the track that `mode` names.
+/* Opens the file of `callbacks` and selects the track that `mode` names.
  *
- * The stream must stand at offset 0; to open a stream again, for instance one that had not arrived
- * far enough, move it back there first. `mode` is a string of letters in any order and case: `a`
- * (audio: AMR narrow or wide band) or `v` (video: MPEG-4, H.263, H.264), and `r` (read); of several
- * tracks the last one that fits is taken. On success the handle is stored through `handle_out` and
- * the stream is moved back to offset 0. The table must outlive the handle.
+ * `mode` is a string of letters in any order and case: `a` (audio: AMR narrow or wide band) or `v`
+ * (video: MPEG-4 Visual, H.263, H.264), and `r` (read). Of several tracks that fit, the last one is
+ * taken. The stream must stand at offset 0. The table must outlive the handle.
  *
- * KST_BAD_HANDLE: null `handle_out`. KST_BAD_ARGUMENT: null table or null slot in it. KST_BAD_MODE:
- * null or bad mode string. KST_NO_MEMORY. KST_FAILURE: the file has no track that fits, is no 3GP
- * file, or its movie box has not arrived yet; the system log tells which. After a failure the
- * handle variable is null, or untouched when an argument was at fault or memory ran out. */
+ * Returns:
+ *
+ * - KST_SUCCESS: the handle is in `*handle_out`, the stream was moved back to offset 0.
+ * - KST_BAD_HANDLE: `handle_out` is null.
+ * - KST_BAD_ARGUMENT: the table, or a slot of it, is null. `*handle_out` was not touched.
+ * - KST_BAD_MODE: `mode` is null (`*handle_out` was not touched) or not understood (it is null).
+ * - KST_NO_MEMORY: `*handle_out` is null or was not touched: set it to null before the call.
+ * - KST_FAILURE: no track fits, the file is no 3GP file, or its movie box has not arrived whole.
+ *   `*handle_out` is null. The system log has the reason. While the file arrives, move the stream
+ *   back to offset 0 and call again.
+ */
 KESTREL_API int32_t kst_Open(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
                              const char* mode);
 
@@ -62,21 +80,37 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
 
 /* Delivers the next chunk of the native stream.
  *
- * `*size` is the room in `buffer` on the way in and the number of bytes delivered on the way out.
- * `arriving` says how the host serves the stream, and may differ from call to call: false for a
- * seekable stream (the library reads with Seek and SeekNRead, and moves the stream to the track's
- * next data), true for one that fills over time (the library reads with IndexRead and announces its
- * progress with AdvanceRead).
+ * A chunk is what one call delivers: one or more whole records of the stream, or the packets of one
+ * frame. The chunks, one after another, are the stream; where one ends has no meaning in it.
  *
- * KST_SUCCESS: a chunk was delivered. KST_END_OF_FILE: there are no more. KST_NOT_YET: the data
- * cannot be had now; nothing was consumed, so call again when more has arrived (a file that was cut
- * short answers so for ever). KST_BAD_HANDLE: null handle. KST_BAD_ARGUMENT: null buffer or size;
- * or no room for the chunk: then `*size` is the room that it needs, nothing was consumed, and the
- * call can be repeated. KST_FAILURE with `*size` 0: the track cannot be read on, or the data of the
- * first video frame cannot be had now; nothing was consumed, so while the file is incomplete the
- * call may be repeated as after KST_NOT_YET. KST_FAILURE with `*size` not 0: the chunk was
- * delivered, but the stream could not be repositioned behind it. 23 (no name in the table): the
- * codec record could not be written. */
+ * `*size` is the room in `buffer` before the call. `arriving` says how the host serves the stream,
+ * and may differ from call to call: false for a seekable stream (Seek and SeekNRead are called),
+ * true for one that fills over time (IndexRead and AdvanceRead are called, see kestrel/stream.h).
+ *
+ * | Returns                 | `*size` after the call  | Delivered | Call again               |
+ * |-------------------------|-------------------------|-----------|--------------------------|
+ * | KST_SUCCESS             | bytes of the chunk      | yes       | for the next chunk       |
+ * | KST_END_OF_FILE         | 0                       | no        | no; it stays so          |
+ * | KST_NOT_YET             | 0                       | no        | when more has arrived    |
+ * | KST_BAD_ARGUMENT        | room that is needed     | no        | with that room           |
+ * | KST_BAD_ARGUMENT        | as before               | no        | not with a null argument |
+ * | KST_FAILURE             | 0                       | no        | while the file arrives   |
+ * | KST_FAILURE             | bytes of the chunk      | yes       | for the next chunk       |
+ * | KST_CODEC_RECORD_FAILED | 0                       | no        | no                       |
+ * | KST_BAD_HANDLE          | as before               | no        | not with a null handle   |
+ *
+ * Where nothing was delivered nothing was consumed: the next call delivers the same chunk. What was
+ * delivered before stays good.
+ *
+ * - KST_NOT_YET: a read was not served. A file that was cut short, and a host that failed for good,
+ *   are answered so for ever: ask the host whether more can come.
+ * - KST_FAILURE with a size of 0: the track cannot be read on; or the data of the first frame of a
+ *   video has not arrived.
+ * - KST_FAILURE with another size: the host refused the Seek or AdvanceRead after the frame.
+ * - KST_CODEC_RECORD_FAILED (23): the codec record of an AMR stream could not be written. No file
+ *   leads to it.
+ * - Statuses 20 to 22 (KST_DIVIDE_BY_ZERO, KST_TABLE_TOO_SHORT, KST_NO_HINT_OFFSET) are reported by
+ *   the class API alone. */
 KESTREL_API int32_t kst_ReadChunk(mm_Interface* handle, unsigned char* buffer, uint32_t* size,
                                   bool arriving);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Thin wrappers over the slots of a host's stream table (C++).
+// Thin wrappers over the slots of a host's stream table. Usable from C++17.
 //
 // Each calls one slot with the context word of the table, and returns the low 16 bits of the slot's
 // status: a host status whose low half is 0 counts as success. For a null table or a null slot it

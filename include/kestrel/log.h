@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The process-wide log level. Usable from C and C++. */
+/* The process-wide log level. Usable from C11 and C++11. */
 #ifndef KESTREL_LOG_H
 #define KESTREL_LOG_H
 

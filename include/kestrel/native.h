@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The platform's two native formats: the current one, `tel`, and the older one, `orb`. Header
 // records, packet headers, the packetisers that cut samples into packets, and the AMR frame format
-// conversions.
+// conversions. Usable from C11 and C++17.
 //
 // The records and packets are described in kestrel/native_records.h and docs/native-format.md.
 // `tel` fields are in host byte order (little-endian on x86), `orb` headers are big-endian. None of
@@ -9,15 +9,16 @@
 #ifndef KESTREL_NATIVE_H
 #define KESTREL_NATIVE_H
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
 #include "kestrel/api.h"
 
-struct iso_track;
+// A track of the ISO reader (kestrel/isoff.h).
+typedef struct iso_track iso_track;
 
 // Running packet-header state of one `tel` stream.
-struct TEL_RTP {
+typedef struct TEL_RTP {
     uint32_t reserved;
     uint32_t size;    // payload bytes of the packet at hand, payload header included
     uint32_t magic;   // 13
@@ -28,15 +29,15 @@ struct TEL_RTP {
     uint32_t mode;    // packetisation mode
     uint32_t flags;   // a set of native_flags
     uint32_t clock;   // Hz
-};
+} TEL_RTP;
 
 // The same ten fields for an `orb` stream.
-struct ORB_RTP {
+typedef struct ORB_RTP {
     uint32_t reserved, size, magic, marker, type, seq, time, mode, flags, clock;
-};
+} ORB_RTP;
 
 // Packetisation modes of H.263.
-enum native_mode : int32_t {
+enum native_mode {
     NATIVE_MODE_PLAIN = 0,
     NATIVE_MODE_RFC2190 = 2190,
     NATIVE_MODE_RFC2190_MB = 2190 + 0x80000,  // cut at macroblock boundaries, mode B
@@ -44,19 +45,19 @@ enum native_mode : int32_t {
 };
 
 // Bits of TEL_RTP::flags and ORB_RTP::flags.
-inline constexpr uint32_t native_drop_no_data = 1;         // drop AMR NO_DATA frames
-inline constexpr uint32_t native_amr_format_1 = 2;         // AMR narrow band input is in format 1
-inline constexpr uint32_t orb_header_printed = 1u << 16;   // the header was printed already
-inline constexpr uint32_t orb_check_quietly = 1u << 29;    // check headers that are read
-inline constexpr uint32_t orb_check_and_print = 1u << 30;  // and print what is wrong with them
-inline constexpr uint32_t native_verbose = 1u << 31;       // tell of fragments and dropped frames
+static const uint32_t native_drop_no_data = 1;         // drop AMR NO_DATA frames
+static const uint32_t native_amr_format_1 = 2;         // AMR narrow band input is in format 1
+static const uint32_t orb_header_printed = 1u << 16;   // the header was printed already
+static const uint32_t orb_check_quietly = 1u << 29;    // check headers that are read
+static const uint32_t orb_check_and_print = 1u << 30;  // and print what is wrong with them
+static const uint32_t native_verbose = 1u << 31;       // report fragments and dropped frames
 
-inline constexpr uint32_t native_magic = 13;
-inline constexpr int tel_header_size = 20;
-inline constexpr int orb_header_size = 12;
+static const uint32_t native_magic = 13;
+static const int tel_header_size = 20;
+static const int orb_header_size = 12;
 
-struct tel_native;
-struct orb_native;
+typedef struct tel_native tel_native;
+typedef struct orb_native orb_native;
 
 // Packetises one sample; see tel_native_packet.
 typedef int tel_packetiser(void* out, int out_size, void* in, int in_len, double duration,
@@ -65,11 +66,11 @@ typedef int orb_packetiser(void* out, int out_size, void* in, int in_len, double
                            orb_native* state);
 
 // Packetiser state of one `tel` stream.
-struct tel_native {
+typedef struct tel_native {
     uint32_t codec;  // an iso_codec
     uint32_t count;  // packets written
     TEL_RTP hdr;
-    const uint8_t* dsi;  // H.264 parameter sets, each behind its length
+    const uint8_t* dsi;  // H.264 parameter sets, each after its length
     int32_t dsi_len;
     double time_acc;       // exact running timestamp, in clock units
     int32_t max_payload;   // bytes per packet
@@ -77,10 +78,10 @@ struct tel_native {
     int32_t nal_len_size;  // bytes of a NAL unit's length field
     uint32_t spare;
     tel_packetiser* packetise;  // null when the codec has none
-};
+} tel_native;
 
 // Packetiser state of one `orb` stream.
-struct orb_native {
+typedef struct orb_native {
     uint32_t codec;
     ORB_RTP hdr;
     uint32_t zero[2];
@@ -88,16 +89,18 @@ struct orb_native {
     int32_t max_payload;
     uint32_t spare;
     orb_packetiser* packetise;
-};
+} orb_native;
 
 // A stream that orb_get_header reads from.
-struct mfileio {
+typedef struct mfileio {
     // Reads up to `count` elements of `size` bytes; returns the elements read.
     size_t (*read)(void* buffer, size_t size, size_t count, void* handle);
     void* handle;
-};
+} mfileio;
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // --- packet headers ---
 
@@ -111,8 +114,8 @@ KESTREL_API int orb_put_header(void* out, ORB_RTP* hdr);
 
 // Reads a 12-byte `orb` header into `hdr`; hdr->seq must hold the previous packet's number, or
 // 0xFFFFFFFE before the first. 1 when a header was read, 0 when the stream ended. With check flags
-// set, a wrong magic number or sequence is told on standard error; the header is returned either
-// way.
+// set, a wrong magic number or sequence is reported on standard error; the header is returned
+// either way.
 KESTREL_API int orb_get_header(mfileio* f, ORB_RTP* hdr);
 
 // Prints the header on standard error, unless it was printed already.
@@ -204,6 +207,8 @@ KESTREL_API int amr1_to_amr2(const void* in, void* out, int len);
 KESTREL_API int amr2_to_amr1(const void* in, void* out, int len);
 // Does nothing; kept as an entry point.
 KESTREL_API void orb_remove_amr_dtx(void* buf, int len, int flags);
+#ifdef __cplusplus
 }
+#endif
 
 #endif

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The status codes that both APIs of the library report. Usable from C and C++. */
+/* The status codes that both APIs of the library report. Usable from C11 and C++11. */
 #ifndef KESTREL_STATUS_H
 #define KESTREL_STATUS_H
 

@@ -91,7 +91,7 @@ void PropFileVideo::BuildFrame(const unsigned char* hint, double time) {
     _TAG_RTPsample3gp sample{};
     GetRTPsample3gp(&sample, &cursor);
     Put(VID_Frame_Record{});
-    Put(VID_Frame_Words{});
+    Put(kFrameWords);
     for (unsigned int i = 1; i <= sample.packetcount; ++i) {
         log_line(kVerbose, at(kSource), "---Packet %d---\n", i);
         ProcessPacket(&cursor, time);

@@ -250,7 +250,8 @@ struct FaultyHost::Slots {
         return status;
     }
     static uint32_t is_eof(void* c) {
-        const FaultyHost& self = of(c);
+        FaultyHost& self = of(c);
+        self.used.insert("IsEOF");
         return self.eof ? *self.eof : self.inner_->IsEOF(self.inner_->Context);
     }
     static uint32_t index_read(void* c, void* data, uint32_t offset, uint32_t count,
@@ -265,7 +266,8 @@ struct FaultyHost::Slots {
         return Call(c, "AdvanceRead").pass(&Table::AdvanceRead, offset);
     }
     static uint32_t check(void* c, uint32_t* result, uint32_t status) {
-        const FaultyHost& self = of(c);
+        FaultyHost& self = of(c);
+        self.used.insert("CheckStatus");
         const uint32_t answer = self.inner_->CheckStatus(self.inner_->Context, result, status);
         if (self.classification) *result = *self.classification;
         return answer;
@@ -329,6 +331,7 @@ void FaultyHost::repair() {
 
 uint32_t FaultyHost::ask(const char* name) {
     names.emplace_back(name);
+    used.insert(name);
     const int call = calls++;
     return fault ? fault(call) : uint32_t{KST_HOST_OK};
 }

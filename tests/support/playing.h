@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <string_view>
 
 #include "kestrel/c3gpinterface.h"
@@ -153,6 +154,7 @@ class FaultyHost {
     std::optional<uint32_t> classification;
     int calls = 0;
     std::vector<std::string_view> names;  // of the slots called, in order
+    std::set<std::string_view> used;      // of all slots called, IsEOF and CheckStatus too
 
   private:
     struct Slots;

@@ -170,7 +170,7 @@ int32_t VideoReader::put_frame_packets() {
     if (!chunk_.holds(needed)) return chunk_.ask_for(needed);
     record_->reader_state = kFrameRecord;
     unsigned char* to = chunk_.bytes();
-    put_record(to, VID_Frame_Words{});
+    put_record(to, kFrameWords);
     std::memcpy(to + words, staging.bytes(), staged);
     std::memset(to + words + staged, 0, padding);
     return chunk_.deliver(needed);
