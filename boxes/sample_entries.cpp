@@ -251,7 +251,7 @@ bool AVCCBox::read_header(Stream& io, unsigned int file_size, BoxExtent& extent)
     var32_read(io, size);
     var32_read_noswap(io, type);
     set_header(size, type);
-    // The size is not believed; nothing but the file bounds the parameter sets.
+    // The size is not trusted; nothing but the file bounds the parameter sets.
     extent = {start, file_size - std::min(start, file_size), file_size};
     return true;
 }

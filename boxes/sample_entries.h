@@ -299,7 +299,7 @@ class AVCCBox : public Described<AVCCBox, FullBox> {
 
     uint8_t GetProfile() const { return profile_; }
     uint8_t GetLevel() const { return level_; }
-    // Bytes of the length in front of each NAL unit of a sample: 1 to 4.
+    // Bytes of the length before each NAL unit of a sample: 1 to 4.
     unsigned int GetNalLengthSize() const { return (nal_length_ & kNalLengthBits) + 1u; }
     // Every parameter set after a start code 00 00 00 01, sequence sets first.
     const std::vector<uint8_t>& GetParameterSets() const { return buffer_; }

@@ -41,7 +41,7 @@ std::string invalid_size(uint32_t position, uint32_t size, uint32_t file_size) {
 
 enum class Slot { kNone, kGetOffset, kSeek, kRead, kWrite, kSize };
 
-// A host in front of another: fails one slot from its n-th call on, counts the calls, and can
+// A host that wraps another: fails one slot from its n-th call on, counts the calls, and can
 // claim a size or cut reads short.
 class FrontHost {
   public:
@@ -777,7 +777,7 @@ TEST(SampleEntries, H264ManyAndLargeSets) {
     Bytes pictures = be(0, 1);
     const auto avc = read_box<AVCCBox>(avcc(sets, pictures));
     EXPECT_EQ(avc->GetParameterSets().size(), 31u * (65535 + 4));
-    // A set that the file does not hold; the box's own size is not believed either way.
+    // A set that the file does not hold; the box's own size is not trusted either way.
     MemoryStream in(header(0, "avcC") + Bytes{1, 66, 0, 10, 0xFF, 0xE1} + u16(20) + zeros(19));
     AVCCBox cut;
     EXPECT_THAT(message_of([&] { cut.Read(in.io(), in.size()); }), StartsWith(kInvalidSize));

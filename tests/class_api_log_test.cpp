@@ -241,7 +241,7 @@ TEST(ClassHeaders, StartOffsetsComeFromEmptyEdits) {
 
 // --- statuses ---
 
-// The n-th box of a type becomes one that nobody knows.
+// The n-th box of a type becomes an unknown one.
 Bytes without(Bytes file, const std::string& type, int nth = 0) {
     auto at = file.begin();
     for (;; ++at) {

@@ -771,7 +771,7 @@ TEST(Writer, DirectModeRefusesTracksThatComeLate) {
     EXPECT_EQ(isoFFclose(file), 0);
 }
 
-// Written directly, the brands stand in front of the media: later ones would move what is there.
+// Written directly, the brands stand before the media: later ones would move what is there.
 TEST(Writer, BrandsStandOnceMediaIsWritten) {
     Output out;
     iso_file* file = open_for_writing(out);

@@ -103,7 +103,7 @@ int packetise(tel_native& state, Bytes sample, Bytes& out, double duration = 0.0
 struct ModeCase {
     int mode;
     kestrel::stream::Medium medium;
-    size_t header;  // bytes in front of the payload
+    size_t header;  // bytes before the payload
 };
 
 TEST(H263Packets, JoinToThePictureInEveryMode) {

@@ -36,7 +36,7 @@ class Player {
     virtual int32_t read(std::vector<uint8_t>& buffer, uint32_t& size, bool arriving) = 0;
     // Whether more data may undo the failure of a read.
     virtual bool may_arrive(int32_t status, uint32_t size) const = 0;
-    // What was ready in front of a read that failed, put into the buffer; its size.
+    // What was ready before a read that failed, put into the buffer; its size.
     virtual uint32_t rest(std::span<uint8_t>, bool /*arriving*/) { return 0; }
 };
 

@@ -47,7 +47,7 @@ std::string target_of(int link, const std::string& path) {
 }
 
 // The folder of `at`, which is relative to `from`. A link to a folder is followed as the kernel
-// follows links in front of the last name.
+// follows links before the last name.
 Descriptor open_folder(int from, const fs::path& at, const std::string& path) {
     const fs::path parent = at.parent_path() / ".";
     Descriptor folder(openat(from, parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));

@@ -135,7 +135,8 @@ bool is_without_samples(const Movie& movie) {
                        [](const Track& track) { return track.samples.empty(); });
 }
 
-// The sample tables of a movie box name all of its samples; of fragments nobody else knows.
+// The sample tables of a movie box name all of its samples; no other table names those of
+// fragments.
 bool check_end(Import& import, const FileBoxes& boxes) {
     const bool fragments = boxes.has_fragments || import.announces_fragments;
     if (fragments && !boxes.cut.empty() && !import.lacks(boxes.cut)) return false;

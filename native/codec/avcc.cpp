@@ -9,7 +9,7 @@
 namespace kestrel {
 namespace {
 
-// The fixed part in front of the sequence parameter sets.
+// The fixed part before the sequence parameter sets.
 AvccHeader read_avcc_header(ByteReader& reader) {
     AvccHeader header{};
     reader.u8();  // version

@@ -51,7 +51,7 @@ class NalUnits {
     bool takes_empty_;
 };
 
-// A fragment with the FU indicator and FU header that go in front of it (RFC 6184, 5.8).
+// A fragment with the FU indicator and FU header that go before it (RFC 6184, 5.8).
 struct FuFragment {
     std::array<uint8_t, 2> headers;
     std::span<const uint8_t> bytes;

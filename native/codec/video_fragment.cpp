@@ -16,7 +16,7 @@ size_t last_zero_byte(std::span<const uint8_t> bytes, size_t begin, size_t end) 
 }  // namespace
 
 VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, size_t budget) {
-    constexpr size_t kFirstCut = 8;  // a fragment is not cut in front of its own start code
+    constexpr size_t kFirstCut = 8;  // a fragment is not cut before its own start code
     VideoFragment fragment;
     fragment.begin = begin;
     if (sample.size() - begin <= budget) {

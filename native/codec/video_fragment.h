@@ -28,7 +28,7 @@ struct VideoFragment {
     size_t next() const { return begin + length - (end_bit != 0 ? 1 : 0); }
 };
 
-// Cuts a sample in front of start codes, or anywhere where there are none.
+// Cuts a sample before start codes, or anywhere if there are none.
 VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, size_t budget);
 
 // Cuts an H.263 picture between macroblocks, as long as its walker can follow them. Each picture is
@@ -46,7 +46,7 @@ class MacroblockCutter {
     const nch_state& state() const { return state_; }
 
   private:
-    // Walks until the macroblock at candidate_ is the last that begins in front of `limit` and ends
+    // Walks until the macroblock at candidate_ is the last that begins before `limit` and ends
     // at or after it; false when the walker fails or no such macroblock begins a later fragment.
     bool find_boundary(size_t limit);
 

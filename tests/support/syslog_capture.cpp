@@ -23,7 +23,7 @@ __attribute__((format(printf, 2, 0))) void capture(int priority, const char* for
 
 }  // namespace
 
-// The test program's own definitions stand in front of libc's.
+// The test program's own definitions replace those of libc.
 extern "C" __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format,
                                                              ...) {
     va_list arguments;

@@ -54,7 +54,7 @@ bool takes_from_itself(const iso_track* hint) {
     std::vector<uint8_t> bytes;
     for (int sample = 0; sample < std::min(hint->sample_count, kLooked); ++sample) {
         bytes.resize(std::min(sample_size_of(hint, static_cast<uint32_t>(sample)), kMaxBytes));
-        // Reading moves the cursor of the track, which nobody else uses.
+        // Reading moves the cursor of the track, which nothing else uses.
         const int got = isoFFreadAt(const_cast<iso_track*>(hint), sample, 0, bytes.data(),
                                     static_cast<unsigned>(bytes.size()), nullptr, nullptr);
         if (got <= 0) continue;

@@ -65,7 +65,7 @@ Speech speech_of(const iso_track* track) {
     Speech speech;
     for (int32_t number = 0; number < track->sample_count; ++number) {
         sample.resize(std::min(sample_size_of(track, static_cast<uint32_t>(number)), kLongest));
-        // Reading moves the track's cursor, which nobody else uses.
+        // Reading moves the track's cursor, which nothing else uses.
         const int got = isoFFreadAt(const_cast<iso_track*>(track), number, 0, sample.data(),
                                     static_cast<unsigned>(sample.size()), nullptr, nullptr);
         const auto end = static_cast<size_t>(std::max(got, 0));

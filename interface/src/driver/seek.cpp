@@ -243,7 +243,7 @@ unsigned int C3gpInterface::GetTimestampInMs(unsigned int hintSample) {
                  passed.sample_count, passed.sample_delta);
     }
     if (hintSample == 0) {
-        // No sample, as in front of the first sync sample. Locating it will fail.
+        // No sample, as before the first sync sample. Locating it will fail.
         entry = 0;
         time = 0;
     } else if (entry == m_TimeToSample.size()) {

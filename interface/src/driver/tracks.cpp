@@ -34,7 +34,7 @@ uint32_t largest(const Qvox3gp::StszBox& stsz) {
     return *std::max_element(sizes.begin(), sizes.end());
 }
 
-// Reserves what a table may be believed; false when there is no memory.
+// Reserves memory for as much of a table as is trusted; false when there is no memory.
 template <class T>
 bool reserve(std::vector<T>& values, size_t count) {
     try {

@@ -57,7 +57,7 @@ int32_t first_in_force(const Entry* entries, int32_t count) {
     return index;
 }
 
-// How many samples lie in front of each entry of a time table.
+// How many samples lie before each entry of a time table.
 template <typename Entry>
 bool count_samples(iso_track* track, const Entry* entries, int32_t count, uint32_t*& before) {
     before = arena_array<uint32_t>(track->file, static_cast<size_t>(count));

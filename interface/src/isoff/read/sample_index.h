@@ -72,7 +72,7 @@ struct ReadWindow {
 struct iso_index {
     kestrel::Checkpoint* checkpoints;  // at least one, the first at sample 0
     size_t checkpoint_count;
-    // How many samples lie in front of each entry; as long as the tables.
+    // How many samples lie before each entry; as long as the tables.
     uint32_t* stts_samples;
     uint32_t* ctts_samples;
     kestrel::ReadWindow window;
@@ -174,7 +174,7 @@ const uint8_t* fill_window(iso_track* track, uint64_t offset, uint32_t length);
 // takes.
 inline const uint8_t* from_window(iso_track* track, uint64_t offset, uint32_t length) {
     const ReadWindow& window = track->own->index->window;
-    const uint64_t into = offset - window.start;  // huge in front of the window
+    const uint64_t into = offset - window.start;  // huge before the window
     if (into <= window.length && into + length <= window.length) [[likely]]
         return window.bytes + into;
     return fill_window(track, offset, length);

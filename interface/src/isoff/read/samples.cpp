@@ -301,7 +301,7 @@ struct LowestTwo {
     }
 };
 
-// Samples of the track's entry that the cursor may pass at once, of those that begin in front of
+// Samples of the track's entry that the cursor may pass at once, of those that begin before
 // `limit`: at least one.
 uint32_t samples_in_front(const iso_track* track, uint32_t limit) {
     if (track->sample_size == 0 || track->cur_offset >= limit) return 1;
@@ -313,7 +313,7 @@ uint32_t samples_in_front(const iso_track* track, uint32_t limit) {
     return std::min({samples, left, same_duration});
 }
 
-// Passes the samples of `track` that lie in front of `limit`, at least one; returns their time.
+// Passes the samples of `track` that lie before `limit`, at least one; returns their time.
 double pass_samples(iso_track* track, uint32_t limit) {
     double units = 0.0;
     do {

@@ -604,7 +604,7 @@ uint64_t write_movie_udta(Pass pass, std::span<uint8_t> to, const iso_file* file
     return box.finish();
 }
 
-// `meta` would stand in front of `udta`; the record has nothing for it.
+// `meta` would stand before `udta`; the record has nothing for it.
 uint64_t write_trak(Pass pass, std::span<uint8_t> to, iso_track* track) {
     BoxBody box(pass, to, "trak");
     box.child(write_tkhd, track);

@@ -136,7 +136,7 @@ bool move_to(iso_file* file, uint32_t position) {
 
 // --- direct-write mode ---
 
-// Puts `ftyp` and the header of `mdat` in front of the first sample. Until the file is finished the
+// Puts `ftyp` and the header of `mdat` before the first sample. Until the file is finished the
 // box runs to the end of the file, so that one that never is has no `moov`.
 bool begin_direct(iso_file* file) {
     if (file->own->write_pos != 0) return true;
