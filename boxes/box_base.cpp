@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "boxes/fields.h"
 #include "common/simple_exception.h"
@@ -18,9 +20,27 @@ void debug(const char* text, const kestrel::LogSite& site) {
     kestrel::log_line(kestrel::kDebug, site, "%s", text);
 }
 
-// Throws an invalid size for a host whose Seek landed elsewhere.
-void require_position(Stream& io, const BoxExtent& extent, uint64_t expected) {
-    if (macro_Tell(io) != expected) throw_invalid_size(extent);
+// Moves to the end of a box. Throws an invalid size for a host whose Seek lands elsewhere.
+void move_to_end(Stream& io, const BoxExtent& extent) {
+    macro_Seek(io, static_cast<uint32_t>(extent.end()));
+    if (macro_Tell(io) != extent.end()) throw_invalid_size(extent);
+}
+
+// Box reading's first step: the header at the current position, which is `start`.
+BoxHeader read_header_at(Stream& io, uint32_t start, uint32_t file_size) {
+    if (start >= file_size) {
+        debug("Box::Read() resetting box...", kestrel::at(kSource));
+        return {start};
+    }
+    std::array<uint8_t, kBoxHeaderSize> raw{};
+    read_all(io, raw);
+    BoxHeader header{start, kestrel::load_be32(raw.data())};
+    std::memcpy(&header.type, &raw[sizeof header.size], sizeof header.type);
+    const BoxExtent extent{start, header.size, file_size};
+    if (extent.end() > file_size) throw_invalid_size(extent);
+    if (!macro_IsEOF(io)) return header;
+    debug("Box::Read() resetting box due to EOF", kestrel::at(kSource));
+    return {start};
 }
 
 }  // namespace
@@ -40,21 +60,17 @@ void Box::Dump(Stream& io) const {
 }
 
 void Box::Read(Stream& io, unsigned int file_size) {
-    const uint32_t start = macro_Tell(io);
-    set_start(start);
-    if (start >= file_size) {
-        debug("Box::Read() resetting box...", kestrel::at(kSource));
-        Box::Reset();
-        return;
+    if (!std::exchange(header_is_read_, false)) {
+        const BoxHeader header = read_header_at(io, macro_Tell(io), file_size);
+        set_start(header.start);
+        set_header(header.size, header.type);
     }
-    var32_read(io, size_);
-    var32_read_noswap(io, type_);
-    const BoxExtent extent{start, size_, file_size};
-    if (extent.end() > file_size) throw_invalid_size(extent);
-    if (macro_IsEOF(io)) {
-        debug("Box::Read() resetting box due to EOF", kestrel::at(kSource));
-        Box::Reset();
-    }
+}
+
+void Box::resume(const BoxHeader& header) {
+    set_start(header.start);
+    set_header(header.size, header.type);
+    header_is_read_ = true;
 }
 
 void Box::Reset() {
@@ -72,14 +88,10 @@ unsigned int Box::GetSizeWhole() const {
 void Box::Peek(Stream& io, unsigned int file_size) {
     Read(io, file_size);
     seek_to_start(io);
-    require_position(io, {start_offset(), size_, file_size}, start_offset());
 }
 
 void Box::Skip(Stream& io) {
-    seek_to_start(io);
-    macro_SeekRel(io, static_cast<int32_t>(size_));
-    const BoxExtent extent{start_offset(), size_, 0};
-    require_position(io, extent, extent.end());
+    move_to_end(io, {start_offset(), size_, 0});
 }
 
 bool Box::read_header(Stream& io, unsigned int file_size, BoxExtent& extent) {
@@ -101,15 +113,22 @@ Stream& operator<<(Stream& io, const Box& box) {
     return io;
 }
 
-uint32_t peek_box(Stream& io, uint32_t file_size) {
-    if (macro_Tell(io) >= file_size) {
+BoxHeader next_header(Stream& io, uint32_t position, uint32_t file_size) {
+    if (position >= file_size) {
         debug("peek_box() returning unknown box due to EOF or stream position past file size",
               kestrel::at(kSource));
-        return kUnknownType;
+        return {position};
     }
-    Box next;
-    next.Peek(io, file_size);
-    return next.GetType();
+    const BoxHeader header = read_header_at(io, position, file_size);
+    if (header.is_reset()) macro_Seek(io, position);
+    return header;
+}
+
+uint32_t peek_box(Stream& io, uint32_t file_size) {
+    const uint32_t position = macro_Tell(io);
+    const BoxHeader header = next_header(io, position, file_size);
+    if (!header.is_reset()) macro_Seek(io, position);
+    return header.type;
 }
 
 void FullBox::Dump(Stream& io) const {
@@ -123,7 +142,7 @@ void FullBox::Dump(Stream& io) const {
 void FullBox::Read(Stream& io, unsigned int file_size) {
     BoxExtent extent{};
     if (!read_header(io, file_size, extent)) return;
-    FieldReader reader(io, extent);
+    FieldReader reader(io, extent, extent.body());
     fields(reader, *this);
 }
 
@@ -147,7 +166,7 @@ void Timed::Dump(Stream& io) const {
 void Timed::Read(Stream& io, unsigned int file_size) {
     const uint32_t position = macro_Tell(io);
     position_ = static_cast<std::streamoff>(position);
-    FieldReader reader(io, {position, file_size - std::min(position, file_size), file_size});
+    FieldReader reader(io, rest_of_file(position, file_size), position);
     fields(reader, *this);
 }
 
@@ -191,14 +210,7 @@ void FieldReader::take(std::span<uint8_t> to) {
         return;
     }
     position_ += to.size();
-    while (!to.empty()) {
-        const uint32_t got = read_available(io_, to.data(), static_cast<uint32_t>(to.size()));
-        if (got == 0) {
-            complete_ = false;  // the stream ends here; what it lacks stays zero
-            return;
-        }
-        to = to.subspan(got);
-    }
+    if (!read_all(io_, to)) complete_ = false;  // the stream ends here; what it lacks stays zero
 }
 
 void FieldReader::fetch(uint32_t size) {
@@ -207,15 +219,10 @@ void FieldReader::fetch(uint32_t size) {
     unread_ = piece_;
 }
 
-// All of `to`, however the host cuts it; less than that means that the box claims bytes that the
-// stream does not have.
+// All of `to`; less than that means that the box claims bytes that the stream does not have.
 void FieldReader::fill(std::span<uint8_t> to) {
-    while (!to.empty()) {
-        const uint32_t got = read_available(io_, to.data(), static_cast<uint32_t>(to.size()));
-        if (got == 0) throw_invalid_size(extent_);
-        to = to.subspan(got);
-        position_ += got;
-    }
+    if (!read_all(io_, to)) throw_invalid_size(extent_);
+    position_ += to.size();
 }
 
 void FieldReader::blob(std::string_view, std::vector<uint8_t>& data, uint32_t size) {
@@ -255,6 +262,17 @@ void FieldReader::descriptor_size(std::string_view, uint32_t& value, uint8_t& wi
     if (macro_Tell(io_) != position_) complete_ = false;
 }
 
+bool FieldReader::finish_child(const Box& child) {
+    const uint32_t position = macro_Tell(io_);
+    if (child.is_reset() && (position >= extent_.file_size || macro_IsEOF(io_))) return false;
+    const auto start = static_cast<uint32_t>(static_cast<std::streamoff>(child.GetStart()));
+    const BoxExtent extent{start, child.GetSizeWhole(), extent_.file_size};
+    if (extent.size < kBoxHeaderSize || start < position_) throw_invalid_size(extent);
+    if (position < extent.end()) move_to_end(io_, extent);
+    position_ = std::max<uint64_t>(position, extent.end());
+    return true;
+}
+
 void FieldWriter::descriptor_size(std::string_view, const uint32_t& value, const uint8_t& width) {
     for (unsigned left = width; left-- > 0;) {
         const uint32_t more = left > 0 ? 0x80 : 0;
@@ -266,17 +284,6 @@ void FieldWriter::flush() {
     if (pending_.empty()) return;
     macro_Write(io_, pending_.data(), static_cast<uint32_t>(pending_.size()));
     pending_.clear();
-}
-
-bool finish_child(Stream& io, const Box& child, uint64_t before, uint32_t file_size) {
-    if (child.is_reset() && (macro_Tell(io) >= file_size || macro_IsEOF(io))) return false;
-    const auto start = static_cast<uint32_t>(static_cast<std::streamoff>(child.GetStart()));
-    const BoxExtent extent{start, child.GetSizeWhole(), file_size};
-    if (extent.size < kBoxHeaderSize || start < before) throw_invalid_size(extent);
-    if (macro_Tell(io) >= extent.end()) return true;
-    macro_Seek(io, static_cast<uint32_t>(extent.end()));
-    require_position(io, extent, extent.end());
-    return true;
 }
 
 }  // namespace Qvox3gp

@@ -59,14 +59,29 @@ class Archivable {
     Archivable& operator=(const Archivable&) = default;
 };
 
+// The header of a box as read. A reset one has size 0 and type "????": the file ended instead.
+struct BoxHeader {
+    uint32_t start;
+    uint32_t size = 0;
+    uint32_t type = kUnknownType;
+
+    bool is_reset() const { return size == 0 && type == kUnknownType; }
+};
+
 // Where the bytes of the box lie that is being read.
 struct BoxExtent {
     uint32_t start;
     uint32_t size;
     uint32_t file_size;
 
+    uint64_t body() const { return uint64_t{start} + kBoxHeaderSize; }
     uint64_t end() const { return uint64_t{start} + size; }
 };
+
+// What lies in the file from a position on, for fields and boxes that no box encloses.
+constexpr BoxExtent rest_of_file(uint32_t position, uint32_t file_size) {
+    return {position, position < file_size ? file_size - position : 0, file_size};
+}
 
 // Throws "Invalid size found in box." with these numbers.
 [[noreturn]] void throw_invalid_size(const BoxExtent& extent);
@@ -104,13 +119,16 @@ class Box : public Archivable {
     // Moves past the box as read.
     void Skip(Stream& io);
 
+    // Hands over the header that a container has read. The next Read goes on after it.
+    void resume(const BoxHeader& header);
+
     unsigned int GetType() const { return type_; }
 
     // Where the box was read or dumped; -1 before that.
     std::streampos GetStart() const { return start_; }
 
     // True after Reset: the file ended where the box should have been.
-    bool is_reset() const { return size_ == 0 && type_ == kUnknownType; }
+    bool is_reset() const { return BoxHeader{0, size_, type_}.is_reset(); }
 
   protected:
     // What Described reads before the fields: the header, and where the fields must end. False
@@ -133,9 +151,14 @@ class Box : public Archivable {
     mutable std::streampos start_{-1};  // Dump is const and yet gives the box its place
     uint32_t size_ = 0;
     uint32_t type_;
+    bool header_is_read_ = false;  // resume() handed it over, and no Read has used it yet
 };
 
 Stream& operator<<(Stream& io, const Box& box);
+
+// Reads the header of the next box, which begins at `position`, and leaves the stream after it.
+// Where the file ends there, or with that header, the result is reset and the stream stays.
+BoxHeader next_header(Stream& io, uint32_t position, uint32_t file_size);
 
 // The type of the next box, without moving; "????" at the end of the file.
 uint32_t peek_box(Stream& io, uint32_t file_size);

@@ -115,8 +115,10 @@ class FieldOps {
         if (box != nullptr) self().child_box(*box);
     }
 
-    // Whether a child that may be absent is there.
-    bool child_follows(uint32_t, bool present) const { return present; }
+    template <class Box>
+    void optional_child(uint32_t, Box& box) {
+        self().child(box);
+    }
 
     // What only a reader sees.
     void count(uint32_t& value) { self().integer("entry_count", value, 4); }
@@ -187,16 +189,17 @@ uint32_t entry_size(Visit visit) {
     return sizer.size();
 }
 
-// Reads fields from the stream at its current position. A field that the box is too short for reads
-// as zero and takes nothing of what follows the box. Tables and other runs are taken in pieces of
-// bounded size, and memory grows only with what the host delivered; a count that the box cannot
-// hold, or a run that the stream does not deliver, is thrown as an invalid size.
+// Reads fields from the stream at its current position, which the caller states. A field that the
+// box is too short for reads as zero and takes nothing of what follows the box. Tables and other
+// runs are taken in pieces of bounded size, and memory grows only with what the host delivered; a
+// count that the box cannot hold, or a run that the stream does not deliver, is thrown as an
+// invalid size.
 class FieldReader : public FieldOps<FieldReader> {
   public:
     static constexpr bool kReads = true;
 
-    FieldReader(Stream& io, const BoxExtent& extent)
-        : io_(io), extent_(extent), position_(macro_Tell(io)) {}
+    FieldReader(Stream& io, const BoxExtent& extent, uint64_t position)
+        : io_(io), extent_(extent), position_(position) {}
 
     template <class T>
     void integer(std::string_view, T& value, unsigned width) {
@@ -261,12 +264,31 @@ class FieldReader : public FieldOps<FieldReader> {
     }
 
     template <class T>
-    void child(std::unique_ptr<T>& box) {
+    void child(std::unique_ptr<T>& box, const BoxHeader* header = nullptr) {
         box = std::make_unique<T>();
+        if (header != nullptr) box->resume(*header);
         box->Read(io_, extent_.file_size);
         position_ = macro_Tell(io_);
     }
-    bool child_follows(uint32_t type, bool) { return peek_box(io_, extent_.file_size) == type; }
+    // A child that may be absent: what follows is read only if it is of the child's type.
+    template <class T>
+    void optional_child(uint32_t type, std::unique_ptr<T>& box) {
+        const uint32_t position = macro_Tell(io_);
+        const BoxHeader header = next_header(io_, position, extent_.file_size);
+        if (header.type == type) return child(box, &header);
+        if (!header.is_reset()) macro_Seek(io_, position);
+    }
+
+    // The next child of a container. Returns false when the file ended instead.
+    template <class Container>
+    bool read_child(Container& container) {
+        const BoxHeader header =
+            next_header(io_, static_cast<uint32_t>(position_), extent_.file_size);
+        Box& child = container.new_child(header.type);
+        if (!header.is_reset()) child.resume(header);
+        child.Read(io_, extent_.file_size);
+        return finish_child(child);
+    }
 
     // Throws an invalid size when `sound` is false, or when a field before this was not in the box
     // or not in the stream.
@@ -291,8 +313,11 @@ class FieldReader : public FieldOps<FieldReader> {
         if (size > rest_of_box()) throw_invalid_size(extent_);
     }
 
-    template <class Container>
-    bool read_child(Container& container);
+    // Moves past what follows the fields of a child that was read. Returns false when the file
+    // ended instead of the child. Throws an invalid size when the position does not move forward:
+    // the child is smaller than its header, or the host's GetOffset stands still or goes back, or
+    // its Seek lands elsewhere.
+    bool finish_child(const Box& child);
 
     Stream& io_;
     BoxExtent extent_;
@@ -301,22 +326,6 @@ class FieldReader : public FieldOps<FieldReader> {
     std::vector<uint8_t> piece_;       // fetched ahead of the fields
     std::span<const uint8_t> unread_;  // what the fields have not taken of it
 };
-
-// Moves the stream to the end of a child that was read, past what follows its fields. False when
-// the file ended instead of the child, which ends the reading. Throws an invalid size when the
-// position does not move forward from `before`, where the child was looked for: the child is
-// smaller than its header, or the host's GetOffset stands still or goes back, or its Seek lands
-// elsewhere.
-bool finish_child(Stream& io, const Box& child, uint64_t before, uint32_t file_size);
-
-template <class Container>
-bool FieldReader::read_child(Container& container) {
-    Box& child = container.new_child(peek_box(io_, extent_.file_size));
-    child.Read(io_, extent_.file_size);
-    const bool more = finish_child(io_, child, position_, extent_.file_size);
-    position_ = macro_Tell(io_);
-    return more;
-}
 
 // Gathers fields and writes them in one call; children write themselves in between.
 class FieldWriter : public FieldOps<FieldWriter> {
@@ -410,6 +419,10 @@ class ChildLister : public FieldSizer {
     void child(const std::unique_ptr<T>& box) {
         if (box != nullptr) child_box(*box);
     }
+    template <class T>
+    void optional_child(uint32_t, const std::unique_ptr<T>& box) {
+        child(box);
+    }
     void child_box(const Box& child) {
         int64_t offset = static_cast<std::streamoff>(child.GetStart());
         if (offset < 0 && start_ >= 0) offset = start_ + size();
@@ -450,7 +463,7 @@ void Described<Derived, Base, MixIns...>::Read(Stream& io, unsigned int file_siz
     auto& self = static_cast<Derived&>(*this);
     BoxExtent extent{};
     if (!self.read_header(io, file_size, extent)) return;
-    FieldReader reader(io, extent);
+    FieldReader reader(io, extent, extent.body());
     Derived::fields(reader, self);
     self.after_read();
 }

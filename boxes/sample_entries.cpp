@@ -92,7 +92,7 @@ void AMRSampleEntry::fields(F& f, Self& self) {
     f.u32("reserved_3", self.reserved_2_);
     f.u16("timescale", self.timescale_);
     f.u16("reserved_4", self.reserved_3_);
-    if (f.child_follows(code("damr"), self.specific_ != nullptr)) f.child(self.specific_);
+    f.optional_child(code("damr"), self.specific_);
 }
 
 void AMRSampleEntry::after_read() const {
@@ -252,7 +252,7 @@ bool AVCCBox::read_header(Stream& io, unsigned int file_size, BoxExtent& extent)
     var32_read_noswap(io, type);
     set_header(size, type);
     // The size is not trusted; nothing but the file bounds the parameter sets.
-    extent = {start, file_size - std::min(start, file_size), file_size};
+    extent = rest_of_file(start, file_size);
     return true;
 }
 

@@ -46,15 +46,12 @@ Box& Simple3gp::new_child(uint32_t type) {
 
 void Simple3gp::Read(Stream& io, unsigned int) {
     file_size_ = GetFileSize(io);
-    uint32_t next = peek_box(io, file_size_);
-    while (!macro_IsEOF(io)) {
-        const uint32_t before = macro_Tell(io);
-        if (before >= file_size_) return;
-        Box& child = new_child(next);
-        child.Read(io, file_size_);
-        if (!finish_child(io, child, before, file_size_)) return;
-        next = peek_box(io, file_size_);
+    const uint32_t position = macro_Tell(io);
+    FieldReader reader(io, rest_of_file(position, file_size_), position);
+    while (reader.rest_of_box() > 0 && !macro_IsEOF(io)) {
+        if (!reader.read_child(*this)) return;
     }
+    peek_box(io, file_size_);  // logs where the boxes end
 }
 
 }  // namespace Qvox3gp

@@ -37,12 +37,11 @@ class Simple3gp : public ContainerBox, public ListedBy<Simple3gp> {
     // The length of the stream when it was read, bytes.
     uint32_t GetFileSizeRead() const { return file_size_; }
 
+    Box& new_child(uint32_t type);
     template <class F, class Self>
     static void fields(F& f, Self& self);
 
   private:
-    Box& new_child(uint32_t type);
-
     FtypBox* ftyp_ = nullptr;
     MoovBox* moov_ = nullptr;
     uint32_t file_size_ = 0;

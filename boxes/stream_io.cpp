@@ -46,6 +46,16 @@ uint32_t read_available(Stream& callbacks, void* data, uint32_t count) {
     return std::min(delivered, count);
 }
 
+bool read_all(Stream& callbacks, std::span<uint8_t> data) {
+    while (!data.empty()) {
+        const uint32_t got =
+            read_available(callbacks, data.data(), static_cast<uint32_t>(data.size()));
+        if (got == 0) return false;
+        data = data.subspan(got);
+    }
+    return true;
+}
+
 void macro_Read(Stream& callbacks, void* data, uint32_t count) {
     static_cast<void>(read_available(callbacks, data, count));
 }

@@ -6,6 +6,7 @@
 #define KESTREL_BOXES_STREAM_IO_H
 
 #include <cstdint>
+#include <span>
 
 #include "common/simple_exception.h"
 #include "kestrel/stream.h"
@@ -29,8 +30,12 @@ bool is_not_yet(uint32_t classification);
 // `data` as it was, so callers clear it first.
 void macro_Read(Stream& callbacks, void* data, uint32_t count);
 
-// The same, answering how many bytes the host delivered (at most `count`).
+// The same. Returns how many bytes the host delivered, at most `count`.
 uint32_t read_available(Stream& callbacks, void* data, uint32_t count);
+
+// Fills `data` from the current position, however the host cuts the bytes. Returns false when the
+// stream ends before; the rest of `data` then stays as it was.
+bool read_all(Stream& callbacks, std::span<uint8_t> data);
 
 // Writes `count` bytes at the current position.
 void macro_Write(Stream& callbacks, const void* data, uint32_t count);

@@ -51,6 +51,7 @@ class FrontHost {
     }
     Stream& io() { return io_; }
     int calls() const { return calls_; }
+    uint64_t bytes_asked() const { return bytes_asked_; }
     void reset_calls() { calls_ = 0; }
 
     Slot failing = Slot::kNone;
@@ -85,6 +86,7 @@ class FrontHost {
     static uint32_t read(void* c, void* data, uint32_t* count, int32_t offset) {
         if (of(c).fails(Slot::kRead)) return of(c).failure;
         EXPECT_EQ(offset, -1);
+        of(c).bytes_asked_ += *count;
         if (of(c).silent) *count = 0;
         *count = std::min(*count, of(c).most_a_read);
         return of(c).silent ? 0 : of(c).in()->SeekNRead(of(c).in()->Context, data, count, offset);
@@ -114,6 +116,7 @@ class FrontHost {
     KST_IOSTREAM_CALLBACK_INTERFACE table_{};
     Stream io_ = nullptr;
     int calls_ = 0;
+    uint64_t bytes_asked_ = 0;
 };
 
 TEST(StreamIo, FailuresCarryTheStatusAndTheContext) {
@@ -463,6 +466,21 @@ TEST(WholeFile, ABoxTooShortForItsFieldsTakesNothingOfTheNext) {
                                 traks[0]->GetTref()->GetTrackReferenceTypeBox()->GetTrackID(0), 0u);
                         }),
               "");
+}
+
+TEST(WholeFile, NoByteIsReadTwice) {
+    for (const char* name : {"av_h264_amrwb_hinted", "mpeg4_hinted", "amrnb_plain_mdat_first"}) {
+        const Bytes bytes = file_bytes(std::string(KESTREL_SAMPLES "/") + name + ".3gp");
+        FrontHost host(bytes);
+        Simple3gp file;
+        file.Read(host.io(), 0);
+        uint64_t outside_media = bytes.size();
+        for (const Box* child : file.children()) {
+            if (child->GetType() == code("mdat"))
+                outside_media -= child->GetSizeWhole() - kBoxHeaderSize;
+        }
+        EXPECT_LE(host.bytes_asked(), outside_media) << name;
+    }
 }
 
 TEST(WholeFile, AFailureAtAnyCallIsAnExceptionAndNothingLeaks) {
