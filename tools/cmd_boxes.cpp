@@ -194,7 +194,7 @@ void boxes(const Options& options) {
     int waited = KST_HOST_MORE;
     while (waited == KST_HOST_MORE)
         waited = kst_host_wait(host.get());
-    if (waited == KST_HOST_FAULT) throw system_error(options.input);
+    if (waited == KST_HOST_FAULT) throw input_error(options.input);
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host.get());
     Qvox3gp::Simple3gp file;
     std::string failure;

@@ -116,7 +116,7 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
             throw status_error(options.input, status,
                                "; cannot begin at " + std::to_string(*options.from_ms) + " ms");
         }
-        if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(options.input);
+        if (kst_host_wait(host) == KST_HOST_FAULT) throw input_error(options.input);
     }
 }
 
@@ -211,7 +211,7 @@ int32_t deliver(Player& player, kst_host* host, const std::string& input, Stream
             return status;
         }
         output.flush();  // whoever reads the stream need not wait with us
-        if (kst_host_wait(host) == KST_HOST_FAULT) throw system_error(input);
+        if (kst_host_wait(host) == KST_HOST_FAULT) throw input_error(input);
     }
 }
 

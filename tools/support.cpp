@@ -25,6 +25,11 @@ Error system_error(const std::string& file) {
     return file_error(file, std::strerror(errno));
 }
 
+Error input_error(const std::string& file) {
+    if (errno != EFBIG) return system_error(file);
+    return file_error(file, "Has 4 GiB or more, beyond the 32-bit offsets of the format");
+}
+
 Error status_error(const std::string& file, int32_t status, const std::string& more) {
     return file_error(
         file, std::string(kst_StatusString(status)) + " (" + std::to_string(status) + ")" + more,
@@ -44,7 +49,7 @@ Host open_host(const std::string& path, std::optional<uint32_t> arriving) {
     } else {
         host.reset(kst_host_from_file(path.c_str()));
     }
-    if (host == nullptr) throw system_error(path);
+    if (host == nullptr) throw input_error(path);
     set_remark_file(input_name(path));
     return host;
 }
@@ -63,7 +68,7 @@ Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
         // What is missing may be the part of the file that has not arrived.
         refuse_failed(host, "input");
         if (status != KST_FAILURE || complete) return nullptr;
-        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw system_error("input");
+        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("input");
     }
 }
 
@@ -76,7 +81,7 @@ ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status
         // What is missing may be the part of the file that has not arrived.
         refuse_failed(host, "input");
         if (status == KST_BAD_MODE || complete) return nullptr;
-        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw system_error("input");
+        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("input");
     }
 }
 
@@ -84,7 +89,7 @@ void wait_for_all(kst_host* host) {
     int waited = KST_HOST_MORE;
     while (waited == KST_HOST_MORE)
         waited = kst_host_wait(host);
-    if (waited == KST_HOST_FAULT) throw system_error("input");
+    if (waited == KST_HOST_FAULT) throw input_error("input");
 }
 
 IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {

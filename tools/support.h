@@ -43,6 +43,9 @@ Error file_error(const std::string& file, const std::string& text, ExitCode code
 // "FILE: TEXT", with the reason that the system left in errno.
 Error system_error(const std::string& file);
 
+// The same for a file that is read through a host, which takes up to 4 GiB - 1.
+Error input_error(const std::string& file);
+
 // "FILE: TEXT (NUMBER)" of a library status.
 Error status_error(const std::string& file, int32_t status, const std::string& more = "");
 
