@@ -453,6 +453,135 @@ TEST(Hinter, RefusesWhatItCannotHint) {
     }
 }
 
+// --- files of up to 4 GiB - 1 ---
+
+// A host of which only the beginning is kept; all that follows is zeros.
+class LongFile {
+  public:
+    LongFile(Bytes head, uint64_t size) : head_(std::move(head)), size_(size) {
+        table_ = {this,
+                  offset,
+                  seek,
+                  read_here,
+                  write,
+                  length,
+                  [](void*) -> uint32_t { return 0; },
+                  read_at,
+                  seek,
+                  [](void*, uint32_t* result, uint32_t status) -> uint32_t {
+                      *result = status;
+                      return 0;
+                  }};
+    }
+    LongFile(const LongFile&) = delete;
+    LongFile& operator=(const LongFile&) = delete;
+
+    KST_IOSTREAM_CALLBACK_INTERFACE* table() { return &table_; }
+    uint64_t size() const { return size_; }
+
+  private:
+    static constexpr uint64_t kKept = 1 << 20;
+
+    static LongFile& of(void* context) { return *static_cast<LongFile*>(context); }
+    static uint32_t offset(void* context, uint32_t* at) {
+        *at = of(context).position_;
+        return 0;
+    }
+    static uint32_t seek(void* context, uint32_t at) {
+        of(context).position_ = at;
+        return 0;
+    }
+    static uint32_t length(void* context, uint32_t* size) {
+        *size = static_cast<uint32_t>(of(context).size_);
+        return 0;
+    }
+    static uint32_t read_at(void* context, void* data, uint32_t at, uint32_t count, uint32_t* got) {
+        const LongFile& file = of(context);
+        auto* to = static_cast<uint8_t*>(data);
+        *got = static_cast<uint32_t>(
+            std::min<uint64_t>(count, file.size_ - std::min<uint64_t>(at, file.size_)));
+        const uint64_t kept =
+            at < file.head_.size() ? std::min<uint64_t>(*got, file.head_.size() - at) : 0;
+        std::copy_n(file.head_.begin() + at, kept, to);
+        std::fill(to + kept, to + *got, uint8_t{0});
+        return 0;
+    }
+    static uint32_t read_here(void* context, void* data, uint32_t* count, int32_t) {
+        LongFile& file = of(context);
+        read_at(context, data, file.position_, *count, count);
+        file.position_ += *count;
+        return 0;
+    }
+    static uint32_t write(void* context, const void* data, uint32_t count, int32_t) {
+        LongFile& file = of(context);
+        const auto* bytes = static_cast<const uint8_t*>(data);
+        for (uint64_t i = 0; i < count && file.position_ + i < kKept; ++i) {
+            if (file.head_.size() <= file.position_ + i) file.head_.resize(file.position_ + i + 1);
+            file.head_[file.position_ + i] = bytes[i];
+        }
+        file.position_ += count;
+        file.size_ = std::max<uint64_t>(file.size_, file.position_);
+        return 0;
+    }
+
+    Bytes head_;
+    uint64_t size_;
+    uint32_t position_ = 0;
+    KST_IOSTREAM_CALLBACK_INTERFACE table_;
+};
+
+// A frame of speech and text samples of 16 MiB up to the end of a file of `size` bytes.
+LongFile long_source(uint64_t size) {
+    constexpr uint32_t kSample = 16 << 20, kSpeech = 13;
+    const auto head = [&](uint32_t texts, uint32_t offset) {
+        const Bytes text_entry = box("tx3g", {zeros(6), be16(1), zeros(30)});
+        const auto last =
+            static_cast<uint32_t>(size - offset - kSpeech - uint64_t{texts} * kSample);
+        std::vector<uint32_t> sizes(texts, kSample);
+        sizes.push_back(last);
+        return join({ftyp(),
+                     movie({track({.id = 1,
+                                   .entry = samr_entry(),
+                                   .tables = one_chunk_tables({kSpeech}, 160, offset)}),
+                            track({.id = 2,
+                                   .handler = "text",
+                                   .timescale = 1000,
+                                   .entry = text_entry,
+                                   .tables = one_chunk_tables(sizes, 1000, offset + kSpeech)})}),
+                     be32(1),
+                     text("mdat"),
+                     zeros(8),
+                     {0x04},
+                     zeros(12)});
+    };
+    const uint32_t texts = static_cast<uint32_t>(size / kSample) - 1;
+    const auto offset = static_cast<uint32_t>(head(texts, 0).size()) - kSpeech;
+    Bytes file = head(texts, offset);
+    kestrel::store_be32(&file[offset - 4], static_cast<uint32_t>(size - offset + 16));
+    return {file, size};
+}
+
+TEST(Hinter, WritesOffsetsUpTo4GiB) {
+    LongFile source = long_source(0xF0000000);
+    LongFile hinted({}, 0);
+    kst_hint_report report = {};
+    report.struct_size = sizeof report;
+    ASSERT_EQ(kst_hint(source.table(), hinted.table(), nullptr, &report), KST_HINT_DONE)
+        << report.error;
+    EXPECT_EQ(report.bytes, hinted.size());
+    EXPECT_GT(report.bytes, source.size() - 1000);
+    Movie movie;
+    ASSERT_TRUE(import_movie(*hinted.table(), {}, movie).ok);
+    ASSERT_EQ(movie.tracks.size(), 3U);
+    const Sample& last = movie.tracks[1].samples.back();
+    EXPECT_EQ(last.offset + last.size, hinted.size());
+
+    LongFile too_long = long_source(0xFFFFFFFF);
+    LongFile nothing({}, 0);
+    EXPECT_EQ(kst_hint(too_long.table(), nothing.table(), nullptr, &report), KST_HINT_TOO_LARGE);
+    EXPECT_EQ(nothing.size(), 0U);
+}
+
 // --- calls ---
 
 TEST(Hinter, RefusesArgumentsThatItDoesNotKnow) {
