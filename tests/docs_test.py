@@ -180,6 +180,14 @@ class Documents(unittest.TestCase):
             for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", document.read_text()):
                 self.assertTrue((document.parent / link).exists(), f"{document.name}: {link}")
 
+    def test_every_source_file_names_the_licence(self):
+        sources = [file for folder in ROOT.iterdir() if folder.is_dir() and folder.name != "build"
+                   for file in folder.rglob("*") if file.suffix in (".c", ".cpp", ".h", ".py", ".cmake")
+                   or file.name == "CMakeLists.txt"]
+        self.assertGreater(len(sources), 300)
+        self.assertEqual([], [str(file) for file in sources
+                              if "SPDX-License-Identifier: Apache-2.0" not in file.read_text()[:80]])
+
     def test_every_document_is_in_the_index(self):
         index = (ROOT / "docs" / "index.md").read_text()
         for document in (ROOT / "docs").glob("*.md"):

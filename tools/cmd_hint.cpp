@@ -88,8 +88,9 @@ void add_hint(CLI::App& app) {
         ->required()
         ->check(is_name);
     command
-        ->add_option("--mtu", options->max_packet,
-                     "Longest packet in bytes, RTP header included; players accept up to 1400")
+        ->add_option(
+            "--mtu", options->max_packet,
+            "Longest packet in bytes, RTP header included; the function API uses up to 1400")
         ->check(CLI::Range(uint32_t{KST_HINT_SHORTEST_PACKET}, uint32_t{KST_HINT_LONGEST_PACKET}))
         ->capture_default_str();
     command->add_flag("--rfc2190", options->rfc2190,

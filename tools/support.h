@@ -67,7 +67,7 @@ using Handle = std::unique_ptr<mm_Interface, HandleCloser>;
 void refuse_failed(const kst_host* host, const std::string& input);
 
 // Opens a track, waiting for more of a file that is still arriving. Null when it cannot be opened;
-// `status` tells why.
+// `status` is the reason.
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status);
 
 // The library's two ways in.
@@ -108,7 +108,7 @@ class Output {
     ~Output();
 
     void write(std::span<const uint8_t> bytes);
-    // Writes what is buffered out; a full disk is told here at the latest.
+    // Writes what is buffered out; a full disk is reported here at the latest.
     void finish();
     uint64_t written() const { return written_; }
     int descriptor() const { return fileno(file_); }
