@@ -164,9 +164,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t how = choices.u8();
     kst_host* host = kst_host_for_writing_memory();
     auto* callbacks = kst_host_callbacks(host);
-    iso_file* file = isoFFopen(callbacks, "w", nullptr);
+    iso_file* file = isoFFopen(callbacks, (how & 1) != 0 ? "wd" : "w", nullptr);
     check(file != nullptr);
-    isoFFfileDetails(file)->direct_write = how & 1;
     file->interleave_span = how >> 1 & 7;
     std::vector<Track> tracks;
     for (int left = 1 + (how >> 4) % 3; left > 0; --left)

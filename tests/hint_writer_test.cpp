@@ -401,7 +401,7 @@ TEST(HintTrack, CountsInTheUnitsOfItsMedium) {
     const auto shortest = [](iso_file* file) {
         file->interleave_limit = 1000.0;  // seconds that a track may last
         iso_track* track = mpeg4(file);
-        isoFFtrackDetails(track)->duration_limit = UINT32_MAX;
+        track->own->duration_limit = UINT32_MAX;
         return track;
     };
     const Hinted too_long(shortest, 1400, {{picture, 30000000}, {picture, 1}});

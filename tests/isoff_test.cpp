@@ -573,7 +573,7 @@ TEST(BoxWalk, DamageOfOneTrackLeavesTheOthers) {
         for (int i = 1; opened.track(i) != nullptr; ++i)
             left += opened.track(i)->sample_count;
         EXPECT_EQ(left, c.left);
-        EXPECT_EQ(isoFFfileDetails(opened.file)->lost_tracks, c.lost);
+        EXPECT_EQ(opened.file->own->lost_tracks, c.lost);
         EXPECT_EQ(opened.printed, c.printed);
         if (std::string(opened.track(1)->handler) != "vide") continue;
         const bool whole = c.printed[0] == '\0';

@@ -112,8 +112,8 @@ class Reread {
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
 };
 
-iso_file* open_for_writing(Output& out) {
-    return isoFFopen(out.callbacks, "w", nullptr);
+iso_file* open_for_writing(Output& out, bool direct = false) {
+    return isoFFopen(out.callbacks, direct ? "wd" : "w", nullptr);
 }
 
 template <typename T>
@@ -510,8 +510,7 @@ TEST(Writer, MovieComesFirstUnlessSamplesGoOutDirectly) {
     using testing::ElementsAre;
     for (const bool direct : {false, true}) {
         Output out;
-        iso_file* file = open_for_writing(out);
-        file->own->direct_write = direct;
+        iso_file* file = open_for_writing(out, direct);
         out.can_seek = direct;
         iso_track* track = speech_track(file);
         uint8_t sample[32] = {0x3C};
@@ -761,8 +760,7 @@ TEST(Writer, FullTemporaryFileIsReported) {
 
 TEST(Writer, DirectModeRefusesTracksThatComeLate) {
     Output out;
-    iso_file* file = open_for_writing(out);
-    file->own->direct_write = 1;
+    iso_file* file = open_for_writing(out, true);
     iso_track* early[] = {speech_track(file), speech_track(file)};
     uint8_t sample[] = {1};
     EXPECT_EQ(isoFFwrite(early[0], sample, 1, 160, 0), 1);
@@ -774,8 +772,7 @@ TEST(Writer, DirectModeRefusesTracksThatComeLate) {
 // Written directly, the brands stand before the media: later ones would move what is there.
 TEST(Writer, BrandsStandOnceMediaIsWritten) {
     Output out;
-    iso_file* file = open_for_writing(out);
-    file->own->direct_write = 1;
+    iso_file* file = open_for_writing(out, true);
     uint8_t sample[] = {1};
     EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), 1);
     EXPECT_EQ(isoFFsetBrand(file, "3gp6 3gp5 3gp4 isom", 0), -1);
@@ -789,8 +786,7 @@ TEST(Writer, FirstSampleSettlesTheMode) {
     for (const bool direct : {false, true}) {
         for (const bool changes : {false, true}) {
             Output out;
-            iso_file* file = open_for_writing(out);
-            file->own->direct_write = direct;
+            iso_file* file = open_for_writing(out, direct);
             iso_track* track = speech_track(file);
             uint8_t sample[] = {1, 2, 3};
             for (int i = 0; i < 4; ++i) {
@@ -807,8 +803,7 @@ TEST(Writer, FirstSampleSettlesTheMode) {
 
 TEST(Writer, DirectModeNeedsAStreamThatSeeks) {
     Output out;
-    iso_file* file = open_for_writing(out);
-    file->own->direct_write = 1;
+    iso_file* file = open_for_writing(out, true);
     uint8_t sample[] = {1};
     EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), 1);
     out.can_seek = false;
@@ -889,8 +884,7 @@ TEST(Writer, TrackThatCannotBeMadeIsTakenBack) {
 TEST(Writer, NoMemoryIsReported) {
     for (const bool direct : {false, true}) {
         Output out;
-        iso_file* file = open_for_writing(out);
-        file->own->direct_write = direct;
+        iso_file* file = open_for_writing(out, direct);
         iso_track* track = speech_track(file);
         uint8_t sample[] = {1};
         EXPECT_EQ(isoFFwrite(track, sample, 1, 160, 0), 1);
@@ -1013,6 +1007,8 @@ TEST(Writer, H263TracksTakeTheirFormatLate) {
     Reread reread(out.bytes);
     const iso_track* read = reread.file->first_track;
     EXPECT_EQ(read->timescale, 90000u);
+    EXPECT_EQ(read->own->display_width, 176u << 16);
+    EXPECT_EQ(read->own->display_height, 144u << 16);
     EXPECT_EQ(read->width, 176u);
     EXPECT_EQ(read->height, 144u);
     EXPECT_EQ(read->duration, 3003u);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 
+#include "interface/src/isoff/record/private.h"
 #include "tools/commands.h"
 #include "tools/judge/verdict_json.h"
 #include "tools/support.h"
@@ -70,7 +71,7 @@ Json describe_file(const FileFacts& facts) {
     for (iso_track* track = file->first_track; track != nullptr; track = track->next)
         out["tracks"].push_back(describe_track(track));
     add_imported(facts, out["tracks"]);
-    const uint32_t lost = isoFFfileDetails(file)->lost_tracks;
+    const uint32_t lost = file->own->lost_tracks;
     if (lost > 0) out["lost_tracks"] = lost;
     if (may_lack_tracks(facts)) out["may_lack_tracks"] = true;
     return out;

@@ -97,7 +97,7 @@ uint32_t factor_of(const iso_track* to, const importer::Track& track) {
 void copy_edits(Written& written) {
     const importer::Track& from = *written.from;
     if (from.edits.empty()) return;
-    iso_track_details* details = isoFFtrackDetails(written.to);
+    iso_track_private* details = written.to->own;
     details->edits = keep(arena_array<iso_elst_entry>(written.to->file, from.edits.size()));
     details->edit_count = static_cast<int32_t>(from.edits.size());
     std::transform(from.edits.begin(), from.edits.end(), details->edits,
@@ -177,7 +177,7 @@ void describe_track(iso_track* to, const importer::Track& from) {
     to->alternate_group = from.alternate_group;
     to->volume = from.volume;
     std::copy(from.matrix.begin(), from.matrix.end(), std::begin(to->matrix));
-    iso_track_details* details = isoFFtrackDetails(to);
+    iso_track_private* details = to->own;
     details->language = from.language;
     details->header_flags = from.flags;
     details->display_width = from.width;

@@ -54,8 +54,7 @@ KESTREL_API int FindStartCode(const unsigned char* buf, int len, unsigned char c
 // 65535 pixels.
 
 // Creates an H.263 track from timescale, width, height, profile and level of `cfg`. The first three
-// may be 0 here; set them before isoFFclose, the size also in iso_track_details. Without a
-// timescale the duration is not limited.
+// may be 0 here; set them before isoFFclose. Without a timescale the duration is not limited.
 KESTREL_API iso_track* h263_isoFFtrack(iso_file* file, H263VCFG* cfg);
 
 // Creates an AMR track whose samples are in storage format: narrow band with timescale 8000, or

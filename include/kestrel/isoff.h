@@ -16,23 +16,21 @@
 // or 0.0 where that timescale is 0. All file offsets and sizes are in bytes.
 //
 // To write a file:
-//   1. isoFFopen(stream, "w", ...) over an empty stream
+//   1. isoFFopen(stream, "w", ...) over an empty stream, or with "wd" to write directly
 //   2. isoFFtrack, or one of the *_isoFFtrack functions, for each track
 //   3. isoFFwrite for each sample, in decoding order
 //   4. isoFFclose
-// Samples are kept in memory, and isoFFclose writes the file, `moov` first. With
-// iso_file_details::direct_write, set before the first sample, each sample is written at once, and
-// `moov` is at the end. A file that could not be finished has no `moov`. Exception: on a stream
-// that cannot seek back it may have one, with media missing after it. Until isoFFclose a program
-// may set the fields that describe a track (handler, codec, timescale, configuration, sync_samples,
-// sbgp_list, edits, sdp_text ...), with memory from isoFFmalloc. Functions that read samples return
-// -1 for a track that is being written.
+// Samples are kept in memory, and isoFFclose writes the file, `moov` first. Written directly, each
+// sample is written at once, and `moov` is at the end. A file that could not be finished has no
+// `moov`. Exception: on a stream that cannot seek back it may have one, with media missing after
+// it. Until isoFFclose a program may set the fields that describe a track (handler, codec,
+// timescale, width, height, configuration, sync_samples, sbgp_list, sdp_text ...), with memory from
+// isoFFmalloc. Functions that read samples return -1 for a track that is being written.
 #ifndef KESTREL_ISOFF_H
 #define KESTREL_ISOFF_H
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
 #include "kestrel/api.h"
 #include "kestrel/stream.h"
@@ -95,7 +93,7 @@ struct iso_file {
     uint8_t* moov_buffer;     // next byte of the in-memory `moov`
     uint32_t moov_left;       // its bytes not yet consumed, of the box at hand
     char* sdp_text;           // movie-level SDP
-    iso_file_private* own;    // the library's; see isoFFfileDetails
+    iso_file_private* own;    // the library's
 };
 
 inline constexpr uint32_t iso_file_magic = 0x0C0DE100;
@@ -140,12 +138,6 @@ struct iso_sgpd_entry {
     uint16_t count;
     iso_sgpd_record* records;
     iso_sgpd_entry* next;
-};
-
-struct iso_elst_entry {
-    uint64_t segment_duration;  // movie units
-    int64_t media_time;         // track units; -1 for an empty edit
-    uint32_t media_rate;        // 16.16
 };
 
 // Position of the RTP packet reader in a hint track. isoFFrtpHinter makes one. To read the packets
@@ -247,45 +239,7 @@ struct iso_track {
     uint32_t last_payload_type;  // of the last packet
     char srpp_schemes[4][5];
 
-    iso_track_private* own;  // the library's; see isoFFtrackDetails
-};
-
-// What a file's record has besides the fields above: isoFFfileDetails.
-struct iso_file_details {
-    // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
-    // timescale and duration. Edit lists count in these.
-    uint32_t edit_timescale;
-    // Number of `trak` boxes that were skipped: inside another one, after one with damage that ends
-    // the reading, without a whole `tkhd`, or with their `mdia` before it.
-    uint32_t lost_tracks;
-    uint32_t direct_write;  // writer, 1: samples go to the stream as they come
-};
-
-// What a track's record has besides the fields above: isoFFtrackDetails.
-struct iso_track_details {
-    // Track header, media header, edit list, visual sample entry.
-    uint32_t header_flags;                   // of `tkhd`
-    uint32_t display_width, display_height;  // pixels, 16.16; of `tkhd`
-    uint16_t language;                       // three letters of five bits each (ISO 639-2/T)
-    int32_t edit_count;
-    iso_elst_entry* edits;
-    // Body of the sample entry as read, the last of `entry_count` that were. A track that is
-    // written with one has what follows the data reference index in it, else what the fields
-    // declare.
-    const uint8_t* entry;
-    uint32_t entry_length, entry_count;
-    uint32_t frame_count;  // of a visual sample entry: frames in a sample
-    uint32_t depth;        // of the same: bits of a pixel
-    // Number of samples that `stsz` declares. sample_count is less where the tables do not agree.
-    uint32_t declared_samples;
-
-    // Writer.
-    uint32_t frame_default;     // duration that a sample with a duration of 0 gets
-    uint32_t duration_limit;    // longest media duration, track units
-    uint32_t max_pdu, avg_pdu;  // hint track: bytes of a packet's payload and header
-    // A temporary file in which the samples wait instead of in memory. The caller hangs one opened
-    // for update here before the first sample; isoFFclose closes it.
-    std::FILE* spool;
+    iso_track_private* own;  // the library's
 };
 
 // Bit of iso_track::flags: the decoder configuration counts into the next sample's size.
@@ -295,12 +249,12 @@ extern "C" {
 
 // Opens a file and reads its header.
 //   stream  the host's table; the stream is at offset 0. The table must outlive the record
-//   mode    begins with 'r' (read) or 'w' (write)
+//   mode    begins with 'r' (read), 'w' (write) or "wd" (write directly)
 //   error   may be null; receives -1 (bad mode) or -2 (no memory) when null is returned
 // Returns the record, or null. Release it with isoFFclose.
 // A malformed or truncated file yields a record with the tracks found before that place. A null or
-// incomplete table yields one without tracks. A track that cannot be read is skipped and counted in
-// iso_file_details::lost_tracks. The stream is left where the walk stopped.
+// incomplete table yields one without tracks. A track that cannot be read is skipped, with a
+// line on standard error. The stream is left where the walk stopped.
 KESTREL_API iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* mode,
                                 int* error);
 
@@ -315,31 +269,26 @@ KESTREL_API iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, c
 // After -2, -5 and -6 the stream does not hold a complete file.
 KESTREL_API int isoFFclose(iso_file* file);
 
-// Returns the details of a file, owned by the file; null for null.
-KESTREL_API iso_file_details* isoFFfileDetails(const iso_file* file);
-
-// Returns the details of a track, owned by the file; null for null.
-KESTREL_API iso_track_details* isoFFtrackDetails(const iso_track* track);
-
 // Creates a track at the end of the list. In write mode it gets the next track ID, the times of the
 // file and the unity matrix, and is enabled; the caller sets handler, codec, timescale, and volume
-// and display size if not 0. Returns the track, owned by the file, or null without memory.
+// and size if not 0. Pictures are displayed at their size. Returns the track, owned by the file, or
+// null without memory.
 KESTREL_API iso_track* isoFFtrack(iso_file* file);
 
 // Appends a sample to a track that is being written.
 //   data, size  the sample, which is copied, and its bytes
-//   duration    in track units; 0 repeats the last one (iso_track_details::frame_default)
+//   duration    in track units; 0 repeats the last one
 //   cts_offset  composition offset, in track units
 // Returns `size`, or
 //   -1  null track, negative size or duration, no data, or the file is not being written
 //   -2  no memory
-//   -5  the file is finished already, or the stream or the track's temporary file took too few
-//   bytes -6  the track would exceed iso_file::size_limit, or all tracks 32-bit offsets; the track
-//   is
+//   -5  the file is finished already, or the stream took too few bytes
+//   -6  the track would exceed iso_file::size_limit, or all tracks 32-bit offsets; the track is
 //       closed
-//   -7  the track would exceed iso_track_details::duration_limit; the track is closed
+//   -7  the track would exceed its duration limit: iso_file::interleave_limit for those of
+//       kestrel/codec.h, and 2^32 - 1 units; the track is closed
 //   -8  the track was closed by an earlier -6 or -7
-//   -9  direct_write: the track was made after the first sample of the file was written
+//   -9  written directly: the track was made after the first sample of the file was written
 KESTREL_API int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_offset);
 
 // Sets the brands of a file that is being written. `brands` is a list of four-character codes

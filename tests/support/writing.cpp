@@ -59,9 +59,8 @@ Writing write_every_codec(KST_IOSTREAM_CALLBACK_INTERFACE* stream, bool direct,
     constexpr int kSamples = 3;
     Writing writing;
     iso_file* file = nullptr;
-    around([&] { file = isoFFopen(stream, "w", &writing.open_error); });
+    around([&] { file = isoFFopen(stream, direct ? "wd" : "w", &writing.open_error); });
     if (file == nullptr) return writing;
-    isoFFfileDetails(file)->direct_write = direct;
     file->creation_time = file->modification_time = 0;
     std::vector<Track> tracks = make_tracks(file, around);
     for (int i = 0; i < kSamples; ++i) {

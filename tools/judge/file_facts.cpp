@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "companion/importer/movie.h"
+#include "interface/src/isoff/record/private.h"
 #include "tools/messages.h"
 
 namespace tool {
@@ -117,7 +118,7 @@ FileFacts gather_facts(kst_host* host, Clock::time_point deadline) {
 }
 
 bool may_lack_tracks(const FileFacts& facts) {
-    return facts.scan.movie_is_cut || isoFFfileDetails(facts.file.get())->lost_tracks > 0;
+    return facts.scan.movie_is_cut || facts.file->own->lost_tracks > 0;
 }
 
 Expected expected_of(const iso_track* track, const ImportedTrack* imported) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/bytes.h"
+#include "interface/src/isoff/record/private.h"
 
 namespace tool {
 namespace {
@@ -171,7 +172,7 @@ uint32_t sample_size_of(const iso_track* track, uint32_t sample) {
 
 Declared declared(const iso_track* track) {
     Declared out;
-    out.samples = isoFFtrackDetails(track)->declared_samples;  // entries of sample_sizes
+    out.samples = track->own->declared_samples;  // entries of sample_sizes
     if (track->sample_sizes == nullptr) {
         out.filled = track->sample_size == 0 ? 0 : out.samples;
         out.bytes = out.samples * track->sample_size;

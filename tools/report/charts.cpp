@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "interface/src/isoff/record/private.h"
 #include "tools/report/markup.h"
 
 namespace tool {
@@ -278,7 +279,7 @@ std::string packet_count_chart(const TrackFigures& figures, double total) {
 }
 
 std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double total) {
-    const iso_track_details* details = isoFFtrackDetails(track);
+    const iso_track_private* details = track->own;
     if (details->edit_count <= 0 || movie_timescale == 0) return "";
     const auto shown = std::min(static_cast<size_t>(details->edit_count), kMaxEdits);
     const auto length = [&](size_t i) {

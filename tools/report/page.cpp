@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "interface/src/isoff/record/private.h"
 #include "tools/report/charts.h"
 #include "tools/report/markup.h"
 #include "tools/report/style.h"
@@ -427,7 +428,7 @@ class Page {
         if (!figures.has_sync_table && is_of(track, MediaKind::kVideo)) {
             facts.push_back("every sample is a sync sample");
         }
-        if (isoFFtrackDetails(track)->edit_count <= 0) facts.push_back("no edit list");
+        if (track->own->edit_count <= 0) facts.push_back("no edit list");
         std::string line;
         for (const std::string& one : facts)
             line += (line.empty() ? "" : " · ") + one;
@@ -481,8 +482,7 @@ class Page {
         const std::string rate = rate_chart(figures, data_.seconds);
         out_ += rate + sync_chart(figures, data_.seconds);
         if (!rate.empty()) out_ += time_axis(data_.seconds);
-        out_ += edit_strip(track, isoFFfileDetails(data_.facts.file.get())->edit_timescale,
-                           data_.seconds);
+        out_ += edit_strip(track, data_.facts.file->own->edit_timescale, data_.seconds);
         if (is_hint(track)) {
             add_hints(figures);
         } else {

@@ -102,6 +102,7 @@ iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* m
         tell(error, -2);
         return nullptr;
     }
+    file->own->direct_write = mode[1] == 'd' ? 1 : 0;
     return file;
 }
 

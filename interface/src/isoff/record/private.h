@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the library keeps for a file and for a track beside their public records.
+// What the library keeps for a file and for a track beside their public records. The companion
+// library and the tool, which are of the same version, look at it as well.
 #ifndef KESTREL_ISOFF_PRIVATE_H
 #define KESTREL_ISOFF_PRIVATE_H
 
+#include <cstdio>
 #include <span>
 
 #include "kestrel/isoff.h"
@@ -13,6 +15,50 @@ namespace kestrel {
 class SampleProvider;
 struct CopiedBoxes;
 }  // namespace kestrel
+
+struct iso_elst_entry {
+    uint64_t segment_duration;  // movie units
+    int64_t media_time;         // track units; -1 for an empty edit
+    uint32_t media_rate;        // 16.16
+};
+
+// What describes a file besides the fields of its public record.
+struct iso_file_details {
+    // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
+    // timescale and duration. Edit lists count in these.
+    uint32_t edit_timescale;
+    // Number of `trak` boxes that were skipped: inside another one, after one with damage that ends
+    // the reading, without a whole `tkhd`, or with their `mdia` before it.
+    uint32_t lost_tracks;
+    uint32_t direct_write;  // writer, 1: samples go to the stream as they come
+};
+
+// What describes a track besides the fields of its public record, for whoever copies or reports it.
+struct iso_track_details {
+    // Track header, media header, edit list, visual sample entry.
+    uint32_t header_flags;                   // of `tkhd`
+    uint32_t display_width, display_height;  // pixels, 16.16; of `tkhd`
+    uint16_t language;                       // three letters of five bits each (ISO 639-2/T)
+    int32_t edit_count;
+    iso_elst_entry* edits;
+    // Body of the sample entry as read, the last of `entry_count` that were. A track that is
+    // written with one has what follows the data reference index in it, else what the fields
+    // declare.
+    const uint8_t* entry;
+    uint32_t entry_length, entry_count;
+    uint32_t frame_count;  // of a visual sample entry: frames in a sample
+    uint32_t depth;        // of the same: bits of a pixel
+    // Number of samples that `stsz` declares. sample_count is less where the tables do not agree.
+    uint32_t declared_samples;
+
+    // Writer.
+    uint32_t frame_default;     // duration that a sample with a duration of 0 gets
+    uint32_t duration_limit;    // longest media duration, track units
+    uint32_t max_pdu, avg_pdu;  // hint track: bytes of a packet's payload and header
+    // A temporary file, opened for update, in which the samples wait instead of in memory. It is
+    // set before the first sample; isoFFclose closes it.
+    std::FILE* spool;
+};
 
 // Writer: a sample that was taken. Its bytes are at `data`, or null where they went elsewhere.
 struct iso_frame {

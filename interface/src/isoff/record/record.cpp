@@ -54,14 +54,6 @@ iso_track* isoFFtrack(iso_file* file) {
     return track;
 }
 
-iso_file_details* isoFFfileDetails(const iso_file* file) {
-    return file == nullptr ? nullptr : file->own;
-}
-
-iso_track_details* isoFFtrackDetails(const iso_track* track) {
-    return track == nullptr ? nullptr : track->own;
-}
-
 iso_track* isoFFselect(iso_file* file, const char* handler, int n) {
     if (file == nullptr || file->write_mode || n < 1) return nullptr;
     for (iso_track* track = file->first_track; track != nullptr; track = track->next) {

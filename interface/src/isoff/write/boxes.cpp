@@ -497,6 +497,19 @@ uint64_t write_mdia(Pass pass, std::span<uint8_t> to, iso_track* track) {
 
 // --- track ---
 
+struct DisplaySize {
+    uint32_t width, height;  // pixels, 16.16
+};
+
+// Pictures are displayed in their size, where nothing else is declared.
+DisplaySize display_size(const iso_track* track) {
+    const iso_track_private& own = *track->own;
+    const bool declared = own.display_width != 0 || own.display_height != 0;
+    if (declared || own.copied != nullptr) return {own.display_width, own.display_height};
+    constexpr uint32_t kMaxPixels = 0xFFFF;
+    return {std::min(track->width, kMaxPixels) << 16, std::min(track->height, kMaxPixels) << 16};
+}
+
 uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "tkhd");
     box.version_and_flags(0, track->own->header_flags);
@@ -512,8 +525,9 @@ uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     box.u16(0);
     for (const uint32_t element : track->matrix)
         box.u32(element);
-    box.u32(track->own->display_width);
-    box.u32(track->own->display_height);
+    const DisplaySize display = display_size(track);
+    box.u32(display.width);
+    box.u32(display.height);
     return box.finish();
 }
 

@@ -460,8 +460,6 @@ iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, u
     std::memcpy(track->handler, "vide", sizeof track->handler);
     track->width = width;
     track->height = height;
-    track->own->display_width = width << 16;
-    track->own->display_height = height << 16;
     track->horiz_resolution = track->vert_resolution = kScreenResolution;
     track->own->depth = kColourDepth;
     track->own->frame_count = 1;
