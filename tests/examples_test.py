@@ -5,6 +5,7 @@ import contextlib
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -156,6 +157,53 @@ class ReaderOfNativeStreams(unittest.TestCase):
                 stream += bytes(int(zeros)) if zeros else bytes.fromhex(hexadecimal)
             self.assertEqual(len(stream), int(size))
             self.assertEqual(self.read(stream), unpacked(stream))
+
+
+class RunSlice(unittest.TestCase):
+    """A list in slices, as the tasks of a batch job."""
+
+    TASKS = 2
+
+    def setUp(self):
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.folder = pathlib.Path(scratch.name)
+        (self.folder / "a b").mkdir()
+        self.names = [f"a b/{i}.3gp" for i in range(9)] + ["-last.3gp"]
+        for name in self.names:
+            (self.folder / name).write_bytes((SAMPLES / "h263_plain.3gp").read_bytes())
+        (self.folder / "list").write_text("".join(f"./{name}\n" for name in self.names))
+
+    def start(self, task, *arguments):
+        env = {**os.environ, "PATH": f"{pathlib.Path(TOOL).parent}:{os.environ['PATH']}",
+               "JOB_COMPLETION_INDEX": str(task), "TASKS": str(self.TASKS)}
+        return subprocess.Popen([ROOT / "examples" / "at-scale" / "run-slice", *arguments],
+                                cwd=self.folder, env=env, stderr=subprocess.DEVNULL,
+                                start_new_session=True)
+
+    def run_all(self, *arguments):
+        return [self.start(task, *arguments).wait(timeout=120) for task in range(self.TASKS)]
+
+    def test_a_killed_task_is_completed_by_another_run(self):
+        killed = self.start(0, "hint", "list", "out")
+        while killed.poll() is None and not list((self.folder / "out").glob("a b/*")):
+            time.sleep(0.01)
+        with contextlib.suppress(ProcessLookupError):  # it may have ended
+            os.killpg(killed.pid, signal.SIGKILL)
+        killed.wait()
+        self.assertEqual(self.run_all("hint", "list", "out"), [0, 0])
+        whole = run(TOOL, "check", self.folder / "out")
+        self.assertEqual((whole.returncode, whole.stdout.count(b"plays\tplays")),
+                         (0, len(self.names)))
+
+    def test_the_exit_status_is_the_result(self):
+        (self.folder / self.names[1]).write_bytes(b"no clip")
+        for command in ("hint", "check"):
+            self.assertEqual(self.run_all(command, "list", command), [0, 1])
+        reports = [(self.folder / "check" / f"{task}.tsv").read_text() for task in range(self.TASKS)]
+        self.assertEqual([report.count("\n") for report in reports], [5, 5])
+        self.assertEqual(self.start(self.TASKS, "check", "list", "check").wait(), 2)
+        self.assertEqual(self.start(0, "check", "none", "check").wait(), 2)
 
 
 if __name__ == "__main__":
