@@ -7,6 +7,7 @@
 
 #include "companion/importer/movie.h"
 #include "fuzz/support/support.h"
+#include "interface/src/isoff/record/private.h"
 #include "kestrel/hinter.h"
 #include "kestrel/hosts.h"
 #include "kestrel/isoff.h"
@@ -81,7 +82,7 @@ void check_packets(View written, const kst_hint_options& options, const kst_hint
     const MemoryHost host(kst_host_from_memory(written.data(), written.size()));
     auto* callbacks = kst_host_callbacks(host.get());
     iso_file* file = isoFFopen(callbacks, "r", nullptr);
-    check(file != nullptr && isoFFfileDetails(file)->lost_tracks == 0);
+    check(file != nullptr && file->own->lost_tracks == 0);
     const uint32_t limit =
         options.max_packet == 0 ? uint32_t{KST_HINT_DEFAULT_PACKET} : options.max_packet;
     Bytes packet(limit);
