@@ -11,6 +11,11 @@ else()
 endif()
 
 set(CPACK_GENERATOR DEB)
+# The packages are made of what a build folder has, whatever its own prefix is; only what they hold
+# is built for them.
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/package_rpath.cmake)
 set(CPACK_PACKAGE_NAME kestrel)
 set(CPACK_PACKAGE_VENDOR Kestrel)
 set(CPACK_PACKAGE_CONTACT ${KESTREL_MAINTAINER})
@@ -66,6 +71,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} ${same_version}")
 configure_file(cmake/debian/changelog.in debian/changelog @ONLY)
 kestrel_gzip(${PROJECT_BINARY_DIR}/debian/changelog ${PROJECT_BINARY_DIR}/debian/changelog.gz)
 add_custom_target(kestrel_debian_changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog.gz)
+add_custom_target(kestrel_package_parts DEPENDS kestrel kestrel_hosts kestrel_tool kestrel_man
+                                                kestrel_debian_changelog)
 foreach(component library development tools)
     string(TOUPPER ${component} upper)
     install(
