@@ -15,16 +15,16 @@
 
 namespace tool {
 
-// More hint tracks are refused: each has a packet in memory and a port.
+// Limit of hint tracks in a capture: each has a packet in memory and a port.
 inline constexpr size_t kMaxCapturedTracks = 64;
 
-// Writes the packets of all tracks in the order of their times, and returns how many. Of a track,
-// packets keep their order, and no time is less than the one before. Returns nothing where the
-// output would grow beyond `limit` bytes.
+// Writes the packets of all tracks in the order of their times, and returns their number. The
+// packets of a track keep their order, and no time is less than the one before. Returns nothing if
+// the output would exceed `limit` bytes.
 std::optional<uint64_t> write_capture(std::vector<std::unique_ptr<HintPackets>>& tracks,
                                       uint64_t limit, Output& output);
 
-// The description of a session of that name in which the tracks go to the ports of the capture.
+// Returns the description of a session of that name, with the ports of the capture for the tracks.
 std::string describe_session(const std::string& name,
                              const std::vector<std::unique_ptr<HintPackets>>& tracks);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The command line around the commands: what a user typed is understood or explained.
+// Parses the command line, and explains mistakes in it.
 #ifndef KESTREL_TOOLS_COMMAND_LINE_H
 #define KESTREL_TOOLS_COMMAND_LINE_H
 
@@ -11,7 +11,7 @@ namespace tool {
 // understands "help [COMMAND]" and "version". Throws Error for wrong usage.
 int run_command_line(CLI::App& app, int argc, char** argv);
 
-// Gives the help of all commands its form: plain words, at most 80 columns.
+// Sets the form of the help of all commands: plain words, at most 80 columns.
 void format_help(CLI::App& app);
 
 }  // namespace tool

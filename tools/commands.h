@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The commands of the tool. Each adds itself to the command line with its options and what runs it.
+// The commands of the tool. Each adds itself to the command line, with its options and its
+// function.
 #ifndef KESTREL_TOOLS_COMMANDS_H
 #define KESTREL_TOOLS_COMMANDS_H
 
@@ -23,7 +24,7 @@ void add_packets(CLI::App& app);
 void add_report(CLI::App& app);
 void add_boxes(CLI::App& app);
 
-// An option that takes one of a few words.
+// Adds an option that takes one of a few words.
 template <class Value, class Target>
 CLI::Option* add_choice(CLI::App* command, const char* name, Target& value,
                         const std::vector<std::pair<std::string, Value>>& choices,
@@ -45,7 +46,7 @@ CLI::Option* add_choice(CLI::App* command, const char* name, Target& value,
         ->option_text(CLI::detail::join(words, "|"));
 }
 
-// How long a file may take.
+// Adds the option that limits the time for a file.
 struct TimeLimit {
     uint32_t seconds = 60;
 

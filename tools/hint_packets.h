@@ -24,11 +24,11 @@ class HintPackets {
     // Null for a track that holds all its payload itself.
     const iso_track* media() const { return media_; }
 
-    // The next packet, valid until the next call; empty at the end, or where the hint track is
-    // damaged.
+    // Returns the next packet, valid until the next call; empty at the end and if the hint track
+    // is damaged.
     std::span<const uint8_t> next();
 
-    // What was left out, at the end: a sentence without a full stop, or empty.
+    // After the last packet: reports what was left out, without a full stop; else empty.
     std::string lacks() const;
 
   private:

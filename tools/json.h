@@ -10,8 +10,8 @@ namespace tool {
 
 using Json = nlohmann::ordered_json;
 
-// ASCII alone: everything else is escaped, and what is no UTF-8 becomes U+FFFD, so that no text of
-// a file reaches a terminal as it is. Lines after the first are indented by `margin`.
+// Returns ASCII only: other characters are escaped, and invalid UTF-8 becomes U+FFFD, so no text of
+// a file reaches a terminal unescaped. Lines after the first are indented by `margin`.
 inline std::string json_text(const Json& value, size_t margin = 0) {
     std::string text = value.dump(2, ' ', true, Json::error_handler_t::replace);
     for (size_t at = 0; margin > 0 && (at = text.find('\n', at)) != std::string::npos; ++at)

@@ -12,7 +12,7 @@ namespace tool {
 
 class OutputStream {
   public:
-    // The output is made when the first bytes come; a path that is `input` is refused then.
+    // The output is created with the first bytes; a path that is `input` is refused then.
     OutputStream(std::string path, std::string input);
     OutputStream(const OutputStream&) = delete;
     OutputStream& operator=(const OutputStream&) = delete;
@@ -22,11 +22,11 @@ class OutputStream {
     // Takes no more bytes.
     void refuse() { refuses_ = true; }
 
-    // Makes what was written the output. Throws what ended the writing. An output that does not
-    // come to this is removed: a part of it could be taken for the whole.
+    // Completes the output. Throws the error that ended writing. An output that is not completed
+    // is removed: a part of it could be taken for the whole.
     void finish();
 
-    // Throws what ended the writing, if something did.
+    // Throws the error that ended writing, if there is one.
     void tell_failure() const;
 
   private:

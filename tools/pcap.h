@@ -10,7 +10,7 @@
 
 namespace tool {
 
-// Where the captured packets pretend to go (RFC 5737 sets these addresses aside for documents).
+// Addresses in the capture (RFC 5737 reserves these for documentation).
 inline constexpr const char* kCaptureAddress = "192.0.2.2";
 inline constexpr uint16_t kFirstCapturePort = 5004;
 
@@ -22,7 +22,7 @@ class PcapWriter {
     // Bytes that a packet takes in the capture.
     static size_t size_of(std::span<const uint8_t> rtp);
 
-    // `seconds` is the time that the packet is stamped with.
+    // `seconds` is the time stamp of the packet.
     void packet(std::span<const uint8_t> rtp, uint16_t port, double seconds);
 
   private:

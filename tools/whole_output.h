@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// An output that is there as a whole or not at all.
+// An output that is written completely or not at all.
 #ifndef KESTREL_TOOLS_WHOLE_OUTPUT_H
 #define KESTREL_TOOLS_WHOLE_OUTPUT_H
 
@@ -12,21 +12,21 @@
 
 namespace tool {
 
-// Writes a file under a temporary name in its folder and gives it its own at the end, so that one
-// that was there before stays until then. What is no regular file (a pipe, a device, standard
-// output) is written as it is. The new file has the permissions of the one that it replaces, if
-// that belongs to the caller, else those of any new file; never set-user-ID and the like.
+// Writes a file under a temporary name in its folder and renames it at the end; an existing file
+// stays until then. An output that is not a regular file (a pipe, a device, standard output) is
+// written directly. The new file gets the permissions of the file that it replaces if that belongs
+// to the caller, else those of a new file; never set-user-ID, set-group-ID or sticky bits.
 class WholeOutput {
   public:
     // Refuses to overwrite `input`. Symbolic links: see find_output_place.
     WholeOutput(const std::string& path, const std::string& input);
     WholeOutput(const WholeOutput&) = delete;
     WholeOutput& operator=(const WholeOutput&) = delete;
-    // Removes what did not come to finish(). So does a signal that ends the process.
+    // Removes an output without finish(). So does a signal that ends the process.
     ~WholeOutput();
 
     void write(std::span<const uint8_t> bytes) { output_->write(bytes); }
-    // The output itself, to be handed on; finish() below ends it.
+    // The output, for other functions; finish() below ends it.
     Output& output() { return *output_; }
     // Of an output that is not "-".
     const OutputPlace& place() const { return place_; }

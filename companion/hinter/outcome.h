@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What becomes of a call: the first failure, and how far it has come.
+// The result of a call: the first failure, and the progress.
 #ifndef KESTREL_COMPANION_HINTER_OUTCOME_H
 #define KESTREL_COMPANION_HINTER_OUTCOME_H
 
@@ -22,9 +22,9 @@ class Outcome {
     int result() const { return result_; }
     const std::string& error() const { return error_; }
 
-    // Bytes of samples to go through.
+    // Bytes of samples to process.
     void expect(uint64_t bytes) { all_ += bytes; }
-    // Bytes that were gone through; false when the caller cancels.
+    // Reports bytes that were processed; returns false if the caller cancels.
     bool advance(uint64_t bytes);
 
   private:

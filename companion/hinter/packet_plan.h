@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The packets of all samples of a track in a few bytes each, so that no sample need be laid out
+// The packets of all samples of a track, in a few bytes each, so that no sample is packetised
 // twice.
 #ifndef KESTREL_COMPANION_HINTER_PACKET_PLAN_H
 #define KESTREL_COMPANION_HINTER_PACKET_PLAN_H
@@ -12,7 +12,7 @@
 
 namespace kestrel::hinter {
 
-// Takes the packets of one sample after the other, and gives them back in the same order.
+// Stores the packets of samples in order, and returns them in the same order.
 class PacketPlan {
   public:
     void add(const HintPackets& packets);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The samples of the tracks that are written, out of the source.
+// The samples of the tracks that are written, read from the source.
 #ifndef KESTREL_COMPANION_HINTER_SAMPLES_H
 #define KESTREL_COMPANION_HINTER_SAMPLES_H
 
@@ -40,7 +40,7 @@ class SampleReader {
     uint64_t window_begin_ = 0, window_bytes_ = 0;
 };
 
-// A media track's. Times are those of the source times `factor`.
+// The samples of a media track. Times are those of the source multiplied by `factor`.
 class MediaSamples final : public SampleProvider {
   public:
     // `first_description`: that of the source, from 0, which is the first of what is written.
@@ -64,8 +64,8 @@ class MediaSamples final : public SampleProvider {
     SampleReader& reader_;
 };
 
-// A hint track's, which last as long as those of its medium. They are made once to learn their
-// sizes, and again from the plan of their packets when they are written.
+// The samples of a hint track, with the durations of the media samples. They are made twice: first
+// for their sizes, then from the plan of their packets, for writing.
 class HintSamples final : public SampleProvider {
   public:
     HintSamples(const MediaSamples& media, uint8_t payload_type);

@@ -25,7 +25,7 @@ struct Choice {
     uint32_t description = 0;  // kHinted: the only one that samples have, from 0
 };
 
-// Decides about all tracks. False when the source cannot be copied as it is asked.
+// Decides about all tracks. Returns false if the source cannot be copied with these options.
 bool choose_tracks(importer::Movie& movie, uint32_t flags, Outcome& outcome,
                    std::vector<Choice>& choices);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The figures of a report: everything that a page shows, reduced to a few hundred columns whatever
-// the size of the file.
+// The figures of a report: everything that a page shows, reduced to a few hundred columns for files
+// of any size.
 #ifndef KESTREL_TOOLS_REPORT_DATA_H
 #define KESTREL_TOOLS_REPORT_DATA_H
 
@@ -27,7 +27,7 @@ struct MapPiece {
     double share = 1;  // of the bytes there
 };
 
-// The values that fell into one column of time.
+// The values of one column of time.
 struct Range {
     uint32_t count = 0, least = 0, most = 0;
     uint64_t sum = 0;

@@ -9,8 +9,8 @@
 
 namespace tool {
 
-// For HTML and XML, between tags and in quoted attributes. What is no UTF-8, what XML forbids, and
-// what turns the direction of writing becomes U+FFFD.
+// Escapes for HTML and XML, between tags and in quoted attributes. Invalid UTF-8, characters that
+// XML forbids, and characters that change the direction of writing become U+FFFD.
 std::string escape(std::string_view text);
 
 std::string format(const char* form, ...) __attribute__((format(printf, 1, 2)));

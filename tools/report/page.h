@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The page of a report: HTML that is well-formed XML as well, with drawings in SVG, no script and
-// nothing from outside.
+// The page of a report: HTML that is also well-formed XML, with drawings in SVG, without script and
+// without other files.
 #ifndef KESTREL_TOOLS_REPORT_PAGE_H
 #define KESTREL_TOOLS_REPORT_PAGE_H
 
