@@ -145,7 +145,7 @@ int32_t function_open(FaultyHost& host, const Fault& fault) {
 int32_t function_read(FaultyHost& host, const Fault& fault) {
     int32_t both = KST_SUCCESS;
     for (const bool arriving : {false, true}) {
-        host.mend();
+        host.repair();
         host.rewind();
         mm_Interface* handle = nullptr;
         EXPECT_EQ(kst_Open(&handle, host.callbacks(), "ar"), KST_SUCCESS);
