@@ -19,7 +19,7 @@ namespace {
 
 // Bytes that each constructor may have read ahead in its media sample besides as many again as it
 // takes, so that constructors which go back and forth between large samples do not have each of
-// them read time and again.
+// them read repeatedly.
 constexpr uint32_t kReadAheadEach = 256;
 
 // Bytes of the hint sample that a packet or a constructor takes.
@@ -148,7 +148,7 @@ bool C3gpInterface::GetNextFrame() {
 }
 
 // Throws where hint samples have too many packets and constructors for what they make. Every
-// honest one adds bytes to a frame, or takes more bytes of the file than one.
+// valid one adds bytes to a frame, or takes more bytes of the file than one.
 void C3gpInterface::LimitWork() {
     constexpr uint64_t kFreeWork = 1 << 20;
     const uint64_t done = m_Work.done - m_WorkBefore.done;
@@ -164,7 +164,7 @@ void C3gpInterface::LimitWork() {
 // Has the writer make a frame of the current hint sample.
 Fetched C3gpInterface::FeedWriter() {
     const double time = static_cast<double>(m_Now.m_uFrameTime) / *m_pTimescale;
-    // What was lacking is looked for first: the frame would be begun in vain.
+    // Check for the missing byte first: without it the frame cannot be completed.
     if (m_fArriving && m_uAwaitedByte != 0 && HasByte(m_uAwaitedByte) != Fetched::kBytes) {
         return Fetched::kNotYet;
     }

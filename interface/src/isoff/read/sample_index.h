@@ -38,7 +38,7 @@ struct ReadWindow {
     static constexpr uint64_t kCreditPerByte = 2;
     // Of a file that arrives, what lies ahead is not there. After reading ahead failed, it is not
     // tried again before the bytes that it asked for have come in reads of exactly what is wanted,
-    // nor before so many of these, which bounds the calls that are made in vain.
+    // nor before so many of these, which bounds the calls that fail.
     static constexpr uint32_t kReadsAfterFailure = 10;
 
     uint8_t* bytes;  // null until a read could use them
