@@ -10,6 +10,7 @@
 #include <string>
 
 #include "kestrel/log.h"
+#include "kestrel/status.h"
 
 // Carries a formatted message with the source file and line where it was made. Thrown and caught
 // by reference, or built on the spot and logged. No exception leaves a public function.
@@ -109,6 +110,23 @@ void log_caught(const LogLevel& level, const SimpleException& caught) noexcept;
 // The message of a foreign exception, where it is logged and where it is thrown on.
 inline constexpr const char* kUnhandledLogged = "Unhandled exception caught\n";
 inline constexpr const char* kUnhandledThrown = "Unhandled exception caught";
+
+// Runs the body of a public function, which sets `status` before it throws. Logs what it throws; a
+// status that is still a success then becomes KST_FAILURE. Returns whether the body came to its
+// end.
+template <class Status, class Body>
+bool run_guarded(Status& status, LogSite site, Body body) {
+    try {
+        body();
+        return true;
+    } catch (const SimpleException& caught) {
+        log_caught(kError, caught);
+    } catch (...) {
+        log_always(site, "%s", kUnhandledLogged);
+    }
+    if (status == KST_SUCCESS) status = KST_FAILURE;
+    return false;
+}
 
 }  // namespace kestrel
 

@@ -51,6 +51,24 @@ void init_header(Header& hdr, int payload_type, int mode, int flags, uint32_t cl
     hdr.clock = clock;
 }
 
+constexpr double kRfc2190Headers = 16;
+
+double rounded(double value) {
+    return std::floor(value + 0.5);
+}
+
+// The packets that a video track may take, generously. A `factor` of up to 100 is a number of
+// packets a sample, a larger one the size of a packet.
+double video_packets(double samples, double bytes, double factor) {
+    constexpr double kLargestCountFactor = 100;
+    constexpr double kFewestPacketsPerSample = 10;
+    if (factor <= kLargestCountFactor) {
+        return rounded(samples * std::max(factor, kFewestPacketsPerSample));
+    }
+    const double full = rounded(bytes / (factor - kRfc2190Headers));
+    return std::max(samples, full) * kFewestPacketsPerSample;
+}
+
 }  // namespace
 
 int tel_native_init(tel_native* state, int payload_type, int max_packet, int mode, iso_track* track,
@@ -96,37 +114,31 @@ int orb_native_packet(void* out, int out_size, void* in, int in_len, double dura
 }
 
 int orb_buffer_estimate(iso_track* track, int mode, double factor) {
-    constexpr double kFewestPacketsPerSample = 10;
-    constexpr double kLargestCountFactor = 100;  // above it, `factor` is a packet size
-    constexpr double kFrameSeconds = 0.02;
-    constexpr double kRfc2190Headers = 16;
-    int count = 0;
+    constexpr double kSpeechFrameSeconds = 0.02;
+    int samples = 0;
     int signed_bytes = 0;
     double duration = 0.0;
-    if (isoFFtrackInfo(track, nullptr, &count, &duration, &signed_bytes) != 0) return 0;
+    if (isoFFtrackInfo(track, nullptr, &samples, &duration, &signed_bytes) != 0) return 0;
     const double bytes = static_cast<uint32_t>(signed_bytes);
-    const double packets =
-        factor <= kLargestCountFactor
-            ? std::floor(count * std::max(factor, kFewestPacketsPerSample) + 0.5)
-            : std::max<double>(count, std::floor(bytes / (factor - kRfc2190Headers) + 0.5)) *
-                  kFewestPacketsPerSample;
     double estimate = 0.0;
     switch (track->codec) {
         case ISO_CODEC_MP4A:
         case ISO_CODEC_SAWP:
-            estimate = count * double{orb_header_size} + bytes;
+            estimate = bytes + samples * double{orb_header_size};
             break;
         case ISO_CODEC_SAMR:
         case ISO_CODEC_SAWB:
-            estimate = std::floor(duration / kFrameSeconds + 0.5) * orb_header_size + bytes;
+            estimate = bytes + rounded(duration / kSpeechFrameSeconds) * orb_header_size;
             break;
-        case ISO_CODEC_S263:
-            estimate =
-                packets * (mode == NATIVE_MODE_RFC2190 ? kRfc2190Headers : orb_header_size) + bytes;
+        case ISO_CODEC_S263: {
+            const bool rfc2190 = mode == NATIVE_MODE_RFC2190;
+            estimate = bytes + video_packets(samples, bytes, factor) *
+                                   (rfc2190 ? kRfc2190Headers : orb_header_size);
             break;
+        }
         case ISO_CODEC_MP4V:
         case ISO_CODEC_AVC1:
-            estimate = packets * orb_header_size + bytes;
+            estimate = bytes + video_packets(samples, bytes, factor) * orb_header_size;
             break;
         default:
             break;

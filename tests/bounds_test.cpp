@@ -22,12 +22,6 @@
 // the file has and what it delivers; steps of a call, which are packets and constructors that it
 // goes through; and lines that are printed and logged.
 
-struct C3gpInterfaceAccess {
-    // Steps since the file was opened, and the bytes of the frames that were made of them.
-    static uint64_t steps(const C3gpInterface& player) { return player.m_Work.done; }
-    static uint64_t made(const C3gpInterface& player) { return player.m_Work.made; }
-};
-
 namespace {
 
 // Serves a file and counts; needs no memory.
@@ -166,8 +160,8 @@ void play_class(CountingHost& host, const char* mode, bool flag, Bytes& buffer, 
         cost.delivered += deliver(
             [&](auto* to, auto* size) {
                 const unsigned int status = player.ReadChunk(to, size, flag);
-                const uint64_t steps = C3gpInterfaceAccess::steps(player) - cost.all_steps;
-                const uint64_t made = C3gpInterfaceAccess::made(player) - cost.made;
+                const uint64_t steps = player.GetWork().done - cost.all_steps;
+                const uint64_t made = player.GetWork().made - cost.made;
                 cost.all_steps += steps;
                 cost.made += made;
                 cost.steps = std::max(cost.steps, steps - std::min(steps, made));

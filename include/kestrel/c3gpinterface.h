@@ -228,9 +228,14 @@ class KESTREL_API C3gpInterface {
     // A failure leaves playing where it was.
     unsigned int SeekTo(_TAG_KST_SEEK_PARAMS* params);
 
-  private:
-    friend struct C3gpInterfaceAccess;  // for tests
+    // What playing has cost since Open or the last SeekTo.
+    struct Work {
+        uint64_t done = 0;  // packets and constructors gone through
+        uint64_t made = 0;  // bytes of the frames that they made
+    };
+    const Work& GetWork() const { return m_Work; }
 
+  private:
     using Fetched = kestrel::Fetched;
 
     static constexpr uint64_t kFirstReadAhead = 65536;
@@ -251,14 +256,10 @@ class KESTREL_API C3gpInterface {
         unsigned int time_to_sample_index = 0;  // of the sample within that entry
     };
 
-    // What hint samples cost, and what came of it.
-    struct Work {
-        uint64_t done = 0;  // packets and constructors
-        uint64_t made = 0;  // bytes of frames
-    };
-
     // A run of chunks with one number of samples, found by walking the table backwards.
     struct ChunkRun;
+    // Where a hint sample lies in the table of times, and the time at which it begins.
+    struct TimePlace;
 
     void OpenMedium(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode);
     void ParseOpenMode(const char* mode);
@@ -300,13 +301,15 @@ class KESTREL_API C3gpInterface {
 
     // Locating samples and times; sample numbers count from 1.
 
-    // File offset of a hint sample, -1 when there is none; its size through `size`.
+    // File offset of a hint sample, -1 when there is none; its size through `size`. Stores in
+    // m_Scratch which chunk holds it.
     int CalcHintOffset(unsigned int hintSample, unsigned int* size);
     // File offset of a media sample; -1 when there is none, and for the last one.
     int CalcMediaOffset(unsigned int mediaSample);
     unsigned int ConvertMsTimeToMdhdTime(unsigned int ms);
     // The hint sample of a time; the last one for a time at or past the end.
     unsigned int ConvertMdhdTimeToSample(unsigned int mdhdTime);
+    // The time of a hint sample. Stores in m_Scratch where the table of times has it.
     unsigned int GetTimestampInMs(unsigned int hintSample);
     unsigned int GetSyncSample(unsigned int sample, unsigned int syncFlags);
     // The lowest media sample that the hint sample refers to, -1 when it refers to none.
@@ -321,7 +324,10 @@ class KESTREL_API C3gpInterface {
     void CalcTimeDeltas(const BaseBoxes* boxes, unsigned int* deltas);
 
     ChunkRun FindChunkRun(unsigned int hintSample) const;
-    uint64_t BytesBefore(unsigned int first, unsigned int sample, unsigned int* size) const;
+    uint64_t BytesBefore(unsigned int first, unsigned int sample, unsigned int* size);
+    uint64_t FindInChunk(unsigned int hintSample, unsigned int* size);
+    TimePlace FindTime(unsigned int hintSample);
+    unsigned int FindSync(unsigned int sample, unsigned int syncFlags) const;
     unsigned int ResetInternals(unsigned int hintSample, unsigned int fileOffset);
     void Seek(_TAG_KST_SEEK_PARAMS* params);
     unsigned int SeekTarget(const _TAG_KST_SEEK_PARAMS* params);

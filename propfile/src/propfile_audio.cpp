@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
-#include <new>
 
 #include "common/clock.h"
 #include "kestrel/native_records.h"
@@ -33,11 +32,6 @@ uint32_t code_of(const CodeOf (&table)[N], uint32_t value) {
         if (row.value == value) return row.code;
     }
     return 0;
-}
-
-[[noreturn]] void throw_no_memory() {
-    throw SimpleException(kSource, __LINE__, "Unable to allocate %d bytes for Audio frame",
-                          kBufferBytes);
 }
 
 }  // namespace
@@ -73,20 +67,7 @@ void PropFileAudio::FillOffsetTable() {
 
 void PropFileAudio::AllocBuffers() {
     log_line(kDebug, at(kSource), "Allocating %d bytes for audio frame", kBufferBytes);
-    try {
-        try {
-            AllocateFrame(kBufferBytes, kBufferBytes);
-        } catch (const std::bad_alloc&) {
-            throw_no_memory();
-        }
-    } catch (const SimpleException& caught) {
-        FreeBuffers();
-        log_caught(kDebug, caught);
-        throw;
-    } catch (...) {
-        FreeBuffers();
-        ThrowUnhandled();
-    }
+    AllocateFrame(kBufferBytes, kBufferBytes, "Audio");
 }
 
 bool PropFileAudio::Open(const _TAG_AUDIO_OPEN_PARAMS* params) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "common/clock.h"
 
@@ -180,8 +181,16 @@ void PropFile::FreeBuffers() {
     StartFrame();
 }
 
-void PropFile::AllocateFrame(uint32_t bytes, uint32_t most) {
-    m_Buffer.assign(bytes, 0);
+void PropFile::AllocateFrame(uint32_t bytes, uint32_t most, const char* medium) {
+    try {
+        m_Buffer.assign(bytes, 0);
+    } catch (const std::bad_alloc&) {
+        FreeBuffers();
+        const SimpleException failure(m_pSource, __LINE__,
+                                      "Unable to allocate %d bytes for %s frame", bytes, medium);
+        log_caught(kDebug, failure);
+        throw failure;
+    }
     m_uMostBytes = most;
     StartFrame();
 }

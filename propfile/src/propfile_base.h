@@ -58,8 +58,9 @@ class PropFile : public HintSampleParser {
     void FreeBuffers();
 
   protected:
-    // Gives the frame buffer its first size, and how far it may grow.
-    void AllocateFrame(uint32_t bytes, uint32_t most);
+    // Gives the frame buffer its first size, and how far it may grow. Throws without memory, with
+    // the medium in the message; the buffer is then empty.
+    void AllocateFrame(uint32_t bytes, uint32_t most, const char* medium);
     void StartFrame() { m_uFill = m_uOffset = 0; }
     uint32_t fill() const { return m_uFill; }
     // Adds bytes to the frame; invalid content when it would become too long.

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <new>
 
 #include "common/clock.h"
 #include "kestrel/native.h"
@@ -20,10 +19,6 @@ constexpr uint32_t kSmallestBuffer = 2048;
 constexpr uint32_t kLargestFirstBuffer = 65536;
 constexpr uint32_t kMaxFrameBytes = 16 << 20;
 
-[[noreturn]] void throw_no_memory(uint32_t bytes) {
-    throw SimpleException(kSource, __LINE__, "Unable to allocate %d bytes for Video frame", bytes);
-}
-
 }  // namespace
 
 PropFileVideo::PropFileVideo(MediaSource media, const VideoFormat& format)
@@ -39,20 +34,7 @@ void PropFileVideo::FillOffsetTable() {
 
 void PropFileVideo::AllocBuffers() {
     log_line(kDebug, at(kSource), "Allocating %d bytes for video frame", m_uFirstSize);
-    try {
-        try {
-            AllocateFrame(m_uFirstSize, kMaxFrameBytes);
-        } catch (const std::bad_alloc&) {
-            throw_no_memory(m_uFirstSize);
-        }
-    } catch (const SimpleException& caught) {
-        FreeBuffers();
-        log_caught(kDebug, caught);
-        throw;
-    } catch (...) {
-        FreeBuffers();
-        ThrowUnhandled();
-    }
+    AllocateFrame(m_uFirstSize, kMaxFrameBytes, "Video");
 }
 
 uint32_t PropFileVideo::GetCodecHeaderSize() const {

@@ -2,7 +2,9 @@
 #include "tools/report/data.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <utility>
 
 #include "tools/report/markup.h"
 
@@ -87,6 +89,34 @@ class SyncWalk {
     uint32_t sample_ = 0;
 };
 
+// The longest of the gaps between sync samples, in ticks.
+class SyncGaps {
+  public:
+    void end_at(double time) {
+        longest_ = std::max(longest_, time - last_);
+        last_ = time;
+    }
+    double longest() const { return longest_; }
+
+  private:
+    double last_ = 0;
+    double longest_ = 0;
+};
+
+// Turns the bytes that each column has into bits per second.
+void rates_of_bytes(TrackFigures& figures) {
+    if (figures.seconds <= 0) {
+        figures.rate.clear();
+        return;
+    }
+    for (size_t i = 0; i < figures.rate.size(); ++i) {
+        const double seconds = figures.edges[i + 1] - figures.edges[i];
+        figures.rate[i] = seconds > 0 ? figures.rate[i] * 8 / seconds : 0;
+        figures.peak_rate = std::max(figures.peak_rate, figures.rate[i]);
+    }
+    figures.average_rate = static_cast<double>(figures.sizes.sum) * 8 / figures.edges.back();
+}
+
 void gather_samples(TrackFigures& figures) {
     const iso_track* track = figures.track;
     const uint32_t samples = std::min(samples_of(track), kMaxSamples);
@@ -99,41 +129,31 @@ void gather_samples(TrackFigures& figures) {
     figures.together = columns.together();
     figures.rate.assign(columns.count(), 0.0);
     figures.syncs.assign(columns.count(), 0);
-    TimeWalk times(track);
+    TimeWalk durations(track);
     SyncWalk syncs(track);
-    double time = 0, last_sync = 0, gap = 0, bytes = 0;
+    SyncGaps gaps;
+    double time = 0;
     uint32_t duration = 0, before = 0;
     for (uint32_t i = 0; i < samples; ++i) {
-        const uint32_t size = size_of(track, i);
-        before = duration;
-        duration = times.next();
-        figures.sizes.add(size);
-        bytes += size;
         if (i % columns.together() == 0) figures.edges.push_back(to_seconds(track, time));
+        const uint32_t size = size_of(track, i);
+        figures.sizes.add(size);
         figures.rate[columns.of(i)] += size;
         if (syncs.next()) {
             ++figures.sync_count;
             ++figures.syncs[columns.of(i)];
-            gap = std::max(gap, time - last_sync);
-            last_sync = time;
+            gaps.end_at(time);
         }
+        before = std::exchange(duration, durations.next());
         time += duration;
     }
+    gaps.end_at(time);
+    figures.longest_gap = to_seconds(track, gaps.longest());
     figures.seconds = to_seconds(track, time);
     // The last sample is often declared shorter than it is.
     const double cut_off = to_seconds(track, before > duration ? before - duration : 0);
     figures.edges.push_back(figures.seconds + cut_off);
-    figures.longest_gap = to_seconds(track, std::max(gap, time - last_sync));
-    if (figures.seconds <= 0) {
-        figures.rate.clear();
-        return;
-    }
-    for (size_t i = 0; i < columns.count(); ++i) {
-        const double seconds = figures.edges[i + 1] - figures.edges[i];
-        figures.rate[i] = seconds > 0 ? figures.rate[i] * 8 / seconds : 0;
-        figures.peak_rate = std::max(figures.peak_rate, figures.rate[i]);
-    }
-    figures.average_rate = bytes * 8 / (figures.seconds + cut_off);
+    rates_of_bytes(figures);
 }
 
 // Takes the packets of a hint track one after the other, and to which sample each belongs.
@@ -205,43 +225,67 @@ void map_each_chunk(TrackFigures& figures, uint32_t file_size) {
     }
 }
 
+// How much of each column of the file chunks take.
+class FileColumns {
+  public:
+    explicit FileColumns(uint32_t file_size)
+        : width_(std::max(file_size / static_cast<double>(kMapColumns), 1.0)),
+          file_size_(file_size) {}
+
+    // Counts the bytes from `start` up to `end`, which lie in the file.
+    void add(uint32_t start, uint32_t end) {
+        const size_t first = column_of(start);
+        const size_t last = column_of(end - 1.0);
+        ++begun_[first];
+        if (first == last) {
+            bytes_[first] += end - start;
+            return;
+        }
+        bytes_[first] += edge(first + 1) - start;
+        bytes_[last] += end - edge(last);
+        covering_[first + 1] += 1;
+        covering_[last] -= 1;
+    }
+
+    // The columns that have bytes, in steps of a fifth; neighbours of one step as one piece.
+    std::vector<MapPiece> pieces() const {
+        std::vector<MapPiece> pieces;
+        double covering = 0;
+        for (size_t i = 0; i < kMapColumns; ++i) {
+            covering += covering_[i];
+            const double share = std::min(bytes_[i] / width_ + covering, 1.0);
+            if (share <= 0) continue;
+            const double level = std::max(std::round(share * 5) / 5, 0.2);
+            const bool goes_on =
+                !pieces.empty() && pieces.back().to == edge(i) && pieces.back().share == level;
+            if (!goes_on) pieces.push_back({edge(i), edge(i), 0, level});
+            pieces.back().to = std::min(edge(i + 1), double(file_size_));
+            pieces.back().chunks += begun_[i];
+        }
+        return pieces;
+    }
+
+  private:
+    double edge(size_t column) const { return static_cast<double>(column) * width_; }
+    size_t column_of(double at) const {
+        return std::min(static_cast<size_t>(at / width_), kMapColumns - 1);
+    }
+
+    double width_;
+    uint32_t file_size_;
+    std::array<double, kMapColumns> bytes_{};     // of chunks that begin or end in the column
+    std::array<double, kMapColumns> covering_{};  // change of the chunks that cover all of it
+    std::array<uint32_t, kMapColumns> begun_{};
+};
+
 void map_columns(TrackFigures& figures, uint32_t file_size) {
-    const double width = std::max(file_size / static_cast<double>(kMapColumns), 1.0);
-    const auto column = [&](double at) {
-        return std::min(static_cast<size_t>(at / width), kMapColumns - 1);
-    };
-    std::vector<double> bytes(kMapColumns + 1, 0.0);
-    std::vector<double> through(kMapColumns + 1, 0.0);  // chunks that cover a column: differences
-    std::vector<uint32_t> begun(kMapColumns, 0);
+    FileColumns columns(file_size);
     for (int32_t i = 0; i < figures.track->chunk_count; ++i) {
         const iso_chunk& chunk = figures.track->chunks[i];
         const uint32_t end = std::min(chunk.end, file_size);
-        if (chunk.start >= end) continue;
-        const size_t first = column(chunk.start);
-        const size_t last = column(end - 1.0);
-        ++begun[first];
-        if (first == last) {
-            bytes[first] += end - chunk.start;
-            continue;
-        }
-        bytes[first] += static_cast<double>(first + 1) * width - chunk.start;
-        bytes[last] += end - static_cast<double>(last) * width;
-        through[first + 1] += 1;
-        through[last] -= 1;
+        if (chunk.start < end) columns.add(chunk.start, end);
     }
-    double covering = 0;
-    for (size_t i = 0; i < kMapColumns; ++i) {
-        covering += through[i];
-        const double share = std::min(bytes[i] / width + covering, 1.0);
-        if (share <= 0) continue;
-        const double from = static_cast<double>(i) * width;
-        const double level = std::max(std::round(share * 5) / 5, 0.2);
-        const bool goes_on = !figures.map.empty() && figures.map.back().to == from &&
-                             figures.map.back().share == level;
-        if (!goes_on) figures.map.push_back({from, from, 0, level});
-        figures.map.back().to = std::min(static_cast<double>(i + 1) * width, double(file_size));
-        figures.map.back().chunks += begun[i];
-    }
+    figures.map = columns.pieces();
 }
 
 iso_track* track_with_id(const iso_file* file, uint32_t id) {
@@ -271,7 +315,7 @@ void gather_track(ReportData& data, iso_track* track) {
 }
 
 // If data is missing, packets cannot be made; that is reported once.
-void tell_problems(ReportData& data) {
+void report_problems(ReportData& data) {
     const auto report = [&](const TrackFigures& figures, const std::string& what) {
         const iso_track* track = figures.track;
         data.problems.push_back(
@@ -311,7 +355,7 @@ ReportData gather(kst_host* host, const std::string& input, Clock::time_point de
             ++data.tracks_left_out;
         }
     }
-    tell_problems(data);
+    report_problems(data);
     data.verdicts = Judge(data.facts, deadline).judge_all();
     return data;
 }

@@ -38,16 +38,8 @@ unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size,
     if (size != nullptr) *size = 0;  // until it is delivered
     if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
     if (size == nullptr || (buffer == nullptr && wanted > 0)) return m_uStatus = KST_BAD_ARGUMENT;
-    try {
-        m_fArriving = arriving;
-        *size = Read(buffer, wanted);
-        return m_uStatus;
-    } catch (const SimpleException& caught) {
-        log_caught(kError, caught);
-    } catch (...) {
-        log_always(at(kDriverSource), "%s", kUnhandledLogged);
-    }
-    if (m_uStatus == KST_SUCCESS) m_uStatus = KST_FAILURE;
+    m_fArriving = arriving;
+    run_guarded(m_uStatus, at(kDriverSource), [&] { *size = Read(buffer, wanted); });
     return m_uStatus;
 }
 

@@ -76,20 +76,16 @@ C3gpInterface::~C3gpInterface() {
 unsigned int C3gpInterface::Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode) {
     const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
-    try {
+    const bool done = run_guarded(m_uStatus, at(kDriverSource), [&] {
         read_environment();
-        if (m_uMedium != kNoMedium) {
+        if (m_uMedium == kNoMedium) {
+            OpenMedium(io, mode);
+        } else {
             m_uStatus = KST_ALREADY_OPEN;
-            return m_uStatus;
         }
-        OpenMedium(io, mode);
-        return m_uStatus;
-    } catch (const SimpleException& caught) {
-        log_caught(kError, caught);
-    } catch (...) {
-        log_always(at(kDriverSource), "%s", kUnhandledLogged);
-    }
-    const unsigned int status = m_uStatus != KST_SUCCESS ? m_uStatus : unsigned{KST_FAILURE};
+    });
+    if (done) return m_uStatus;
+    const unsigned int status = m_uStatus;
     Close();
     m_uStatus = status;
     return status;
@@ -235,13 +231,7 @@ void C3gpInterface::CreateVideoObject() {
 unsigned int C3gpInterface::Close() {
     const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
-    try {
-        CloseWriters();
-    } catch (const SimpleException& caught) {
-        log_caught(kError, caught);
-    } catch (...) {
-        log_always(at(kDriverSource), "%s", kUnhandledLogged);
-    }
+    run_guarded(m_uStatus, at(kDriverSource), [&] { CloseWriters(); });
     Reset();
     return m_uStatus;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cinttypes>
+#include <numeric>
 
 #include "boxes/sample_tables.h"
 #include "boxes/stream_io.h"
@@ -18,6 +19,7 @@ constexpr uint32_t kSyncFlags = 0x7;
 constexpr uint32_t kMsPerSecond = 1000;
 constexpr unsigned int kNoSample = 0xFFFFFFFF;
 constexpr unsigned int kNoOffset = 0xFFFFFFFF;
+constexpr uint64_t kNowhere = UINT64_MAX;
 
 bool are_valid(uint32_t flags) {
     const uint32_t mode = flags & kModeFlags;
@@ -109,8 +111,7 @@ C3gpInterface::ChunkRun C3gpInterface::FindChunkRun(unsigned int hintSample) con
 }
 
 // The bytes of the samples from `first` up to the one before `sample`, and the size of `sample`.
-uint64_t C3gpInterface::BytesBefore(unsigned int first, unsigned int sample,
-                                    unsigned int* size) const {
+uint64_t C3gpInterface::BytesBefore(unsigned int first, unsigned int sample, unsigned int* size) {
     if (m_SampleSizes.size() == 1) {
         *size = m_SampleSizes[0];
         log_line(kVerbose, at(kDriverSource),
@@ -118,12 +119,40 @@ uint64_t C3gpInterface::BytesBefore(unsigned int first, unsigned int sample,
                  *size);
         return uint64_t{*size} * (sample - first);
     }
-    if (m_SampleSizes.size() < sample) return UINT64_MAX;
-    uint64_t bytes = 0;
-    for (unsigned int i = first; i < sample; ++i)
-        bytes += m_SampleSizes[i - 1];
+    if (m_SampleSizes.size() < sample) {
+        fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
+             "C3gpInterface::CalcHintOffset - Invalid Array Access (index=%d, size=%d).", sample,
+             static_cast<unsigned int>(m_SampleSizes.size()));
+    }
     *size = m_SampleSizes[sample - 1];
-    return bytes;
+    return std::accumulate(&m_SampleSizes[first - 1], &m_SampleSizes[sample - 1], uint64_t{0});
+}
+
+// The file offset of a hint sample and its size, kNowhere when no chunk holds it. Stores in
+// m_Scratch which chunk holds it, and where in it.
+uint64_t C3gpInterface::FindInChunk(unsigned int hintSample, unsigned int* size) {
+    const ChunkRun run = FindChunkRun(hintSample);
+    if (!run.found || hintSample == 0 || run.first_chunk <= 0) return kNowhere;
+    if (run.samples_per_chunk == 0) {
+        fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
+             "C3gpInterface::CalcHintOffset - Attempt to divide by zero");
+    }
+    const int64_t in_group = hintSample - run.first_sample;
+    const int64_t chunk_in_group = in_group / run.samples_per_chunk;
+    const int64_t in_chunk = in_group % run.samples_per_chunk;
+    const int64_t first_in_chunk = run.samples_per_chunk * chunk_in_group + run.first_sample;
+    const auto chunk = static_cast<unsigned int>(run.first_chunk + chunk_in_group);
+    log_line(kVerbose, at(kDriverSource),
+             "C3gpInterface::CalcHintOffset - Matched STSC Entry (sig=%" PRId64 ", sic=%" PRId64
+             ", fsic=%" PRId64 ", cig=%" PRId64 ", c=%d).",
+             in_group, in_chunk, first_in_chunk, chunk_in_group, chunk);
+    m_Scratch.chunk = chunk;
+    m_Scratch.sample_offset_in_chunk = static_cast<unsigned int>(in_chunk);
+    m_Scratch.sample_to_chunk = run.entry;
+    if (chunk > m_ChunkOffsets.size()) return kNowhere;
+    const auto first = static_cast<unsigned int>(std::max<int64_t>(first_in_chunk, 1));
+    m_Scratch.cur_chunk_bytes = BytesBefore(first, hintSample, size);
+    return m_ChunkOffsets[chunk - 1] + m_Scratch.cur_chunk_bytes;
 }
 
 int C3gpInterface::CalcHintOffset(unsigned int hintSample, unsigned int* size) {
@@ -131,38 +160,9 @@ int C3gpInterface::CalcHintOffset(unsigned int hintSample, unsigned int* size) {
         fail(m_uStatus, KST_CORRUPT, at(kDriverSource),
              "C3gpInterface::CalcHintOffset - No Sample-to-Chunk Table in Hint Track");
     }
-    int offset = -1;
     *size = 0;
-    const ChunkRun run = FindChunkRun(hintSample);
-    if (run.found && hintSample > 0 && run.first_chunk > 0) {
-        if (run.samples_per_chunk == 0) {
-            fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
-                 "C3gpInterface::CalcHintOffset - Attempt to divide by zero");
-        }
-        const int64_t in_group = hintSample - run.first_sample;
-        const int64_t chunk_in_group = in_group / run.samples_per_chunk;
-        const int64_t in_chunk = in_group % run.samples_per_chunk;
-        const int64_t first_in_chunk = run.samples_per_chunk * chunk_in_group + run.first_sample;
-        const auto chunk = static_cast<unsigned int>(run.first_chunk + chunk_in_group);
-        log_line(kVerbose, at(kDriverSource),
-                 "C3gpInterface::CalcHintOffset - Matched STSC Entry (sig=%" PRId64 ", sic=%" PRId64
-                 ", fsic=%" PRId64 ", cig=%" PRId64 ", c=%d).",
-                 in_group, in_chunk, first_in_chunk, chunk_in_group, chunk);
-        m_Scratch.chunk = chunk;
-        m_Scratch.sample_offset_in_chunk = static_cast<unsigned int>(in_chunk);
-        m_Scratch.sample_to_chunk = run.entry;
-        if (chunk <= m_ChunkOffsets.size()) {
-            const auto first = static_cast<unsigned int>(std::max<int64_t>(first_in_chunk, 1));
-            m_Scratch.cur_chunk_bytes = BytesBefore(first, hintSample, size);
-            if (m_Scratch.cur_chunk_bytes == UINT64_MAX) {
-                fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
-                     "C3gpInterface::CalcHintOffset - Invalid Array Access (index=%d, size=%d).",
-                     hintSample, static_cast<unsigned int>(m_SampleSizes.size()));
-            }
-            const uint64_t place = m_ChunkOffsets[chunk - 1] + m_Scratch.cur_chunk_bytes;
-            offset = place <= INT32_MAX ? static_cast<int>(place) : -1;
-        }
-    }
+    const uint64_t place = FindInChunk(hintSample, size);
+    const int offset = place <= INT32_MAX ? static_cast<int>(place) : -1;
     log_line(kDebug, at(kDriverSource),
              "C3gpInterface::CalcHintOffset - Calculated Hint Sample File Offset (sample=%d, "
              "offset=%d, size=%d).",
@@ -226,57 +226,80 @@ unsigned int C3gpInterface::ConvertMdhdTimeToSample(unsigned int mdhdTime) {
     return static_cast<unsigned int>(sample);
 }
 
-unsigned int C3gpInterface::GetTimestampInMs(unsigned int hintSample) {
+struct C3gpInterface::TimePlace {
+    size_t entry = 0;
+    unsigned int index = 0;  // of the sample within the entry
+    uint64_t time = 0;       // timescale units
+    Qvox3gp::TimeToSampleEntry run;
+};
+
+C3gpInterface::TimePlace C3gpInterface::FindTime(unsigned int hintSample) {
     uint64_t samples = 0;
     uint64_t time = 0;
-    size_t entry = 0;
-    const auto holds = [&](const Qvox3gp::TimeToSampleEntry& e) {
-        return samples < hintSample && hintSample <= samples + e.sample_count;
-    };
-    for (; entry < m_TimeToSample.size() && !holds(m_TimeToSample[entry]); ++entry) {
-        const Qvox3gp::TimeToSampleEntry& passed = m_TimeToSample[entry];
-        samples += passed.sample_count;
-        time += uint64_t{passed.sample_count} * passed.sample_delta;
+    for (size_t entry = 0; entry < m_TimeToSample.size(); ++entry) {
+        const Qvox3gp::TimeToSampleEntry& run = m_TimeToSample[entry];
+        if (samples < hintSample && hintSample <= samples + run.sample_count) {
+            const auto index = static_cast<unsigned int>(hintSample - samples - 1);
+            return {entry, index, time + uint64_t{run.sample_delta} * index, run};
+        }
+        samples += run.sample_count;
+        time += uint64_t{run.sample_count} * run.sample_delta;
         log_line(kVerbose, at(kDriverSource),
                  "C3gpInterface::GetTimestampInMs - Advancing to next STSS Entry (count=%d, "
                  "delta=%d).",
-                 passed.sample_count, passed.sample_delta);
+                 run.sample_count, run.sample_delta);
     }
-    if (hintSample == 0) {
-        // No sample, as before the first sync sample. Locating it will fail.
-        entry = 0;
-        time = 0;
-    } else if (entry == m_TimeToSample.size()) {
-        fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
-             "%s: Iterated off the end of the time to sample table!", m_szMedium);
-    }
-    const bool counted = hintSample > 0;
-    const auto index = static_cast<unsigned int>(counted ? hintSample - samples - 1 : 0);
-    const Qvox3gp::TimeToSampleEntry at_entry =
-        counted ? m_TimeToSample[entry] : Qvox3gp::TimeToSampleEntry{};
-    const uint64_t mdhd = uint64_t{at_entry.sample_delta} * index + time;
-    if (*m_pTimescale < kMsPerSecond) {
+    // Sample 0 stands for none, as before the first sync sample. Locating it will fail.
+    if (hintSample == 0) return {};
+    fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
+         "%s: Iterated off the end of the time to sample table!", m_szMedium);
+}
+
+unsigned int C3gpInterface::GetTimestampInMs(unsigned int hintSample) {
+    const TimePlace place = FindTime(hintSample);
+    const uint32_t per_ms = *m_pTimescale / kMsPerSecond;
+    if (per_ms == 0) {
         fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
              "C3gpInterface::GetTimestampInMs - Attempt to divide by zero");
     }
-    const auto ms = static_cast<unsigned int>(mdhd / (*m_pTimescale / kMsPerSecond));
-    const auto shown = static_cast<unsigned int>(mdhd);
+    const auto ms = static_cast<unsigned int>(place.time / per_ms);
+    const auto shown = static_cast<unsigned int>(place.time);
     log_line(kDebug, at(kDriverSource),
              "C3gpInterface::GetTimestampInMs - Converting MDHD Time to MS Time "
              "(count=%d,delta=%d,mdhd=%d,scale=%d,ms=%d).",
-             at_entry.sample_count, at_entry.sample_delta, shown, *m_pTimescale, ms);
-    m_Scratch.time_to_sample = entry;
-    m_Scratch.time_to_sample_index = index;
-    m_Scratch.m_uFrameTime = mdhd;
+             place.run.sample_count, place.run.sample_delta, shown, *m_pTimescale, ms);
+    m_Scratch.time_to_sample = place.entry;
+    m_Scratch.time_to_sample_index = place.index;
+    m_Scratch.m_uFrameTime = place.time;
     log_line(kVerbose, at(kDriverSource),
              "C3gpInterface::GetTimestampInMs - Setting temp frametime and time-to-samples "
              "(ft=%d, tts=%d).",
-             shown, index);
+             shown, place.index);
     log_line(kDebug, at(kDriverSource),
              "C3gpInterface::GetTimestampInMs - Converting Sample to Time in MS (sample=%d, "
              "ms=%d).",
              hintSample, ms);
     return ms;
+}
+
+// The sync sample that a rule chooses for a sample, 0 when none is before it.
+unsigned int C3gpInterface::FindSync(unsigned int sample, unsigned int syncFlags) const {
+    unsigned int prev = 0;
+    for (const uint32_t cur : m_SyncSamples) {
+        log_line(kVerbose, at(kDriverSource),
+                 "C3gpInterface::GetSyncSample - Comparing Sample to STSS Entry (sample=%d, "
+                 "prev=%d, cur=%d).",
+                 sample, prev, cur);
+        if (cur == sample) return sample;
+        if (prev <= sample && sample <= cur) {
+            if (syncFlags == KST_SEEK_PREVIOUS_SYNC) return prev;
+            if (syncFlags == KST_SEEK_NEXT_SYNC) return cur;
+            // The farther one, and the earlier at a tie: the comparison is meant so.
+            return sample - prev >= cur - sample ? prev : cur;
+        }
+        prev = cur;
+    }
+    return prev;
 }
 
 unsigned int C3gpInterface::GetSyncSample(unsigned int sample, unsigned int syncFlags) {
@@ -287,31 +310,7 @@ unsigned int C3gpInterface::GetSyncSample(unsigned int sample, unsigned int sync
     }
     log_line(kVerbose, at(kDriverSource),
              "C3gpInterface::GetSyncSample - Track contains STSS Box.");
-    unsigned int result = 0;
-    unsigned int prev = 0;
-    for (const uint32_t cur : m_SyncSamples) {
-        log_line(kVerbose, at(kDriverSource),
-                 "C3gpInterface::GetSyncSample - Comparing Sample to STSS Entry (sample=%d, "
-                 "prev=%d, cur=%d).",
-                 sample, prev, cur);
-        if (cur == sample) {
-            result = sample;
-            break;
-        }
-        if (prev <= sample && sample <= cur) {
-            if (syncFlags == KST_SEEK_PREVIOUS_SYNC) {
-                result = prev;
-            } else if (syncFlags == KST_SEEK_NEXT_SYNC) {
-                result = cur;
-            } else {
-                // The farther one, and the earlier at a tie: the comparison is meant so.
-                result = sample - prev >= cur - sample ? prev : cur;
-            }
-            break;
-        }
-        prev = cur;
-    }
-    if (result == 0) result = prev;
+    const unsigned int result = FindSync(sample, syncFlags);
     if (result > m_uHintSamples) {
         fail(m_uStatus, KST_CORRUPT, at(kDriverSource),
              "STSS Corruption (sync_sample=%d, max_samples=%d).", result, m_uHintSamples);
@@ -340,15 +339,7 @@ unsigned int C3gpInterface::SeekTo(_TAG_KST_SEEK_PARAMS* params) {
     m_uStatus = KST_SUCCESS;
     if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
     if (params == nullptr) return m_uStatus = KST_BAD_ARGUMENT;
-    try {
-        Seek(params);
-        return m_uStatus;
-    } catch (const SimpleException& caught) {
-        log_caught(kError, caught);
-    } catch (...) {
-        log_always(at(kDriverSource), "%s", kUnhandledLogged);
-    }
-    if (m_uStatus == KST_SUCCESS) m_uStatus = KST_FAILURE;
+    run_guarded(m_uStatus, at(kDriverSource), [&] { Seek(params); });
     return m_uStatus;
 }
 

@@ -135,15 +135,7 @@ void open_for_mode(mm_Interface* record, const char* mode) {
 
 int32_t mmfi_Open(mm_Interface* record, const char* mode) {
     initialise(record);
-    try {
-        open_for_mode(record, mode);
-        return record->status;
-    } catch (const SimpleException& caught) {
-        log_caught(kError, caught);
-    } catch (...) {
-        log_always(at(kMmfiSource), "%s", kUnhandledLogged);
-    }
-    if (record->status == KST_SUCCESS) record->status = KST_FAILURE;
+    run_guarded(record->status, at(kMmfiSource), [&] { open_for_mode(record, mode); });
     return record->status;
 }
 

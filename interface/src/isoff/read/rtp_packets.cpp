@@ -39,7 +39,7 @@ PacketEntry parse_entry(const uint8_t* raw) {
 // A copy of few bytes, most often a speech frame, in blocks that overlap at the end.
 inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
     constexpr uint32_t kBlock = 16;
-    if (count < kBlock) [[unlikely]] {
+    if (count < kBlock) {
         for (uint32_t i = 0; i < count; ++i)
             to[i] = from[i];
         return;
@@ -55,7 +55,7 @@ inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
 // Duration of the hint sample at the cursor in units of the RTP clock.
 inline double rtp_units(iso_track* track) {
     RtpStep& step = track->own->index->rtp_step;
-    if (step.entry != track->stts_index || step.rate != track->rtp_timescale) [[unlikely]] {
+    if (step.entry != track->stts_index || step.rate != track->rtp_timescale) {
         const double duration = seconds(duration_at_cursor(track), track->timescale);
         step = {track->stts_index, track->rtp_timescale, track->rtp_timescale * duration};
     }
@@ -127,8 +127,7 @@ class PacketReader {
 
 // Takes `count` more bytes into the packet, if there is room for them.
 inline bool PacketReader::extend(uint32_t count) {
-    if (count > room_) [[unlikely]]
-        return false;
+    if (count > room_) return false;
     to_ += count;
     room_ -= count;
     return true;
@@ -137,8 +136,7 @@ inline bool PacketReader::extend(uint32_t count) {
 // A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
 // left to differ from, only a call of isoFFsetPosition counts.
 inline void PacketReader::resynchronise() {
-    if (hint_.sample == track_->cur_sample && track_->own->positioned == 0) [[likely]]
-        return;
+    if (hint_.sample == track_->cur_sample && track_->own->positioned == 0) return;
     const bool moved = at_end() ? track_->own->positioned != 0 : hint_.sample != track_->cur_sample;
     track_->own->positioned = 0;
     if (!moved) return;
@@ -170,7 +168,7 @@ inline int PacketReader::take_own(uint32_t count) {
 
 inline void PacketReader::begin_packets(uint32_t packets) {
     hint_.packets_left = static_cast<int32_t>(packets);
-    if (is_begun_) [[unlikely]] {
+    if (is_begun_) {
         is_begun_ = false;  // its time and duration are counted already
         return;
     }
@@ -185,8 +183,7 @@ inline void PacketReader::begin_packets(uint32_t packets) {
 // damage, since a few bytes of tables can declare billions.
 inline int PacketReader::open_sample() {
     constexpr int kMaxEmptySamples = 65536;
-    if (at_end()) [[unlikely]]
-        return kAtEnd;
+    if (at_end()) return kAtEnd;
     if (hint_.packets_left != 0) return 0;
     // isoFFfindHintTrack has the sample begun again that the cursor is inside.
     const uint64_t begun_at = offset_;
@@ -203,7 +200,7 @@ inline int PacketReader::open_sample() {
             return result;
         }
         const uint16_t packets = load_be16(own_);
-        if (packets != 0) [[likely]] {
+        if (packets != 0) {
             begin_packets(packets);
             return 0;
         }
@@ -225,7 +222,7 @@ inline int PacketReader::write_header(const PacketEntry& entry) {
     uint8_t* header = to_;
     if (header == nullptr || !extend(kRtpHeaderSize)) return -1;
     track_->last_payload_type = entry.payload_type();
-    if (track_->seq_rebase == kRebaseNext) [[unlikely]] {
+    if (track_->seq_rebase == kRebaseNext) {
         track_->rtp_seq_offset -= entry.sequence();
         track_->seq_rebase = kRebased;
     }
@@ -257,7 +254,7 @@ inline int PacketReader::copy_immediate() {
     uint8_t* to = to_;
     if (!extend(count)) return -1;
     // All that the constructor has, where there is room: what is too much is written over.
-    if (room >= kMaxImmediate) [[likely]] {
+    if (room >= kMaxImmediate) {
         std::memcpy(to, own_ + 2, kMaxImmediate);
     } else {
         std::memcpy(to, own_ + 2, count);
@@ -274,8 +271,7 @@ inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     if (source->own->index == nullptr || from.length == 0) return nullptr;
     const uint32_t size = sample_size_of(source, static_cast<int32_t>(sample));
     if (from.length > size || from.sample_offset > size - from.length) return nullptr;
-    if (!is_small_piece(size, from.length)) [[unlikely]]
-        return nullptr;
+    if (!is_small_piece(size, from.length)) return nullptr;
     move_cursor(source, static_cast<int32_t>(sample));
     const uint8_t* bytes =
         from_window(source, uint64_t{source->cur_offset} + from.sample_offset, from.length);
@@ -283,10 +279,9 @@ inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     return bytes;
 }
 
-// The long way, for what was not read ahead. 0, or the code that ends the call. The constructor is
-// parsed again, since one that could be handed over would be written to memory for each packet.
-[[gnu::noinline]] int copy_from_stream(iso_track* source, const uint8_t* constructor, uint8_t* to) {
-    const SampleConstructor from = load_sample_constructor(constructor);
+// The long way, for what was not read ahead. 0, or the code that ends the call.
+[[gnu::noinline]] int copy_from_stream(iso_track* source, const SampleConstructor& from,
+                                       uint8_t* to) {
     if (from.sample_number > INT32_MAX) return -1;
     const auto offset = static_cast<int>(std::min(from.sample_offset, uint32_t{INT32_MAX}));
     const int got = isoFFreadAt(source, static_cast<int>(from.sample_number) - 1, offset, to,
@@ -301,14 +296,14 @@ inline int PacketReader::copy_sample() {
     uint8_t* to = to_;
     if (!extend(from.length)) return -1;
     int result = 0;
-    if (source == track_) [[unlikely]] {
+    if (source == track_) {
         whole_size_ = 0;  // its cursor and what was read ahead will move
         strayed_ = true;
-        result = copy_from_stream(source, own_, to);
+        result = copy_from_stream(source, from, to);
     } else if (const uint8_t* bytes = bytes_ahead(source, from); bytes != nullptr) [[likely]] {
         copy_small(to, bytes, from.length);
     } else {
-        result = copy_from_stream(source, own_, to);
+        result = copy_from_stream(source, from, to);
     }
     copied_from_ = source;
     copied_offset_ = from.sample_offset;
@@ -350,8 +345,7 @@ inline int PacketReader::build_packet() {
     if (result != 0) return result;
     for (uint32_t left = entry.constructors(); left > 0; --left) {
         result = run_constructor();
-        if (result != 0) [[unlikely]]
-            return result;
+        if (result != 0) return result;
     }
     return 0;
 }
@@ -361,8 +355,7 @@ inline int PacketReader::read_packet() {
     if (result == 0) note_read_position();
     // A constructor that copied from another of the hint track's own samples moved its cursor;
     // were it left there, the next call would take that for a seek and could run in a circle.
-    if (strayed_) [[unlikely]]
-        move_cursor(track_, hint_.sample);
+    if (strayed_) move_cursor(track_, hint_.sample);
     if (result != 0) return result;
     if (--hint_.packets_left == 0) next_sample();
     return 0;
@@ -429,7 +422,7 @@ int isoFFrtpPacket(iso_track* hint, void* buffer) {
     PacketReader reader(hint, buffer, scratch);
     reader.resynchronise();
     int result = reader.open_sample();
-    if (result == PacketReader::kAtEnd) [[unlikely]] {
+    if (result == PacketReader::kAtEnd) {
         reader.leave();
         log_line(kDebug, {kIsoffSource, kEndOfTrackLine},
                  "isoFFrtpPacket() EOF:  hint->sample=%04d > tp->sample_count=%04d",
