@@ -91,7 +91,9 @@ void Box::Peek(Stream& io, unsigned int file_size) {
 }
 
 void Box::Skip(Stream& io) {
-    move_to_end(io, {start_offset(), size_, 0});
+    const uint64_t end = uint64_t{start_offset()} + size_;
+    macro_Seek(io, static_cast<uint32_t>(end));
+    if (macro_Tell(io) != end) throw_invalid_size({start_offset(), size_, GetFileSize(io)});
 }
 
 bool Box::read_header(Stream& io, unsigned int file_size, BoxExtent& extent) {

@@ -7,8 +7,9 @@
 // and child listings of boxes/field_visitor.h (see docs/box-model.md).
 //
 // Every stream failure and every size or count that the file cannot hold is thrown as
-// SimpleException. Reading an "esds" of a codec that is not MPEG-4 Visual ends the process (see
-// ESDBox); every Read that can reach a sample description says so.
+// SimpleException. Reading an "esds" of a codec that is not MPEG-4 Visual calls
+// meet_foreign_codec (boxes/foreign_codec.h): the library's ends the process, the tool's returns.
+// Every Read that can reach a sample description can come to that.
 #ifndef KESTREL_BOXES_BOX_BASE_H
 #define KESTREL_BOXES_BOX_BASE_H
 

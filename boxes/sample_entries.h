@@ -238,9 +238,8 @@ struct ESDInfo {
 
 // "esds". Optional fields that the ES descriptor's flags select are not supported.
 //
-// Read ends the process with exit status 1, after a line on the standard error stream, when the
-// object type indication is not that of MPEG-4 Visual. A host that cannot have that must look at
-// the file before it opens it.
+// Read calls meet_foreign_codec (boxes/foreign_codec.h) when the object type indication is not that
+// of MPEG-4 Visual. The library's ends the process with exit status 1.
 class ESDBox : public Described<ESDBox, FullBox> {
   public:
     ESDBox();

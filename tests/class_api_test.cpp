@@ -459,6 +459,23 @@ void forget_flag(Bytes& tail, const char* mode) {
     if (mode[0] == 'a' && tail.size() > kFlag) tail[kFlag] = 0;
 }
 
+// A host that is read by Seek and SeekNRead has all of its data: what it says of an announcement
+// does not count.
+TEST_P(ClassApi, NotYetOfAnAnnouncementIsNoWaitInPlainMode) {
+    const Bytes file = load(GetParam());
+    const Bytes whole = play(file, GetParam().mode, {.api = Api::kClass}).stream;
+    FaultyHost host(file);
+    C3gpInterface player;
+    ASSERT_EQ(player.Open(host.callbacks(), GetParam().mode), KST_SUCCESS);
+    host.fault = [&](int) -> uint32_t {
+        return host.names.back() == "AdvanceRead" ? KST_HOST_NOT_YET : KST_HOST_OK;
+    };
+    const ReadThrough read = read_through_failures(read_call(player, false), 500);
+    EXPECT_EQ(read.status, KST_END_OF_FILE);
+    EXPECT_EQ(read.failures.size(), 0u);
+    EXPECT_TRUE(read.stream == whole);
+}
+
 TEST_P(ClassApi, ReadingOnAfterASeekGivesTheRest) {
     const ClassFile& about = GetParam();
     Seeking seeking(doctor(load(about), about.mode, Doctored::kNoSync), about.mode);

@@ -40,9 +40,11 @@ class Digest {
     uint64_t hash_ = 0xCBF29CE484222325;
 };
 
-// What is compared of a medium, or of a row of clips together.
+// What is compared of a medium, or of a row of clips together. A stream that is refused has no
+// digest, but a status.
 struct Digests {
     Digest function, classes, seeks;
+    int32_t function_refusal = KST_SUCCESS, class_refusal = KST_SUCCESS;
 };
 
 void add_seek(Digest& digest, C3gpInterface& player, uint32_t time, uint32_t flags) {
@@ -75,23 +77,34 @@ void add_seeks(Digest& digest, const Bytes& file, const char* mode) {
     kst_host_close(host);
 }
 
-void add_played(Digest& digest, const Bytes& file, const char* mode, Api api) {
+// Returns the status of opening.
+int32_t add_played(Digest& digest, const Bytes& file, const char* mode, Api api) {
     const Played played = play(file, mode, {.api = api});
     digest.add(static_cast<uint32_t>(played.status));
     digest.add(played.stream);
+    return played.opened ? KST_SUCCESS : played.status;
 }
 
 void add_medium(Digests& digests, const Bytes& file, const char* mode) {
-    add_played(digests.function, file, mode, Api::kFunction);
-    add_played(digests.classes, file, mode, Api::kClass);
+    digests.function_refusal = add_played(digests.function, file, mode, Api::kFunction);
+    digests.class_refusal = add_played(digests.classes, file, mode, Api::kClass);
     add_seeks(digests.seeks, file, mode);
 }
 
 std::string line_of(const std::string& name, const Digests& digests) {
     std::ostringstream line;
-    line << name << std::hex << std::setfill('0');
-    for (const Digest& digest : {digests.function, digests.classes, digests.seeks})
-        line << ' ' << std::setw(16) << digest.value();
+    line << name << std::setfill('0');
+    const auto add = [&](const Digest& digest, int32_t refusal) {
+        line << ' ';
+        if (refusal != KST_SUCCESS) {
+            line << "refused-" << std::dec << refusal;
+        } else {
+            line << std::hex << std::setw(16) << digest.value();
+        }
+    };
+    add(digests.function, digests.function_refusal);
+    add(digests.classes, digests.class_refusal);
+    add(digests.seeks, digests.class_refusal);
     return line.str();
 }
 
@@ -111,11 +124,16 @@ struct Codec {
     const char* mode;
     iso_track* (*make)(iso_file*);
     Bytes sample_head;
+    int32_t class_refusal = KST_SUCCESS;  // what the class API says to it
 };
 
 const Codec kCodecs[] = {
     {"amr", "ar", [](iso_file* file) { return amr_isoFFtrack(file, 0, 0x81FF, 1); }, {0x3C}},
-    {"amr-wb", "ar", [](iso_file* file) { return amr_isoFFtrack(file, 1, 0x83FF, 1); }, {0x04}},
+    {"amr-wb",
+     "ar",
+     [](iso_file* file) { return amr_isoFFtrack(file, 1, 0x83FF, 1); },
+     {0x04},
+     KST_FAILURE},
     {"h263",
      "vr",
      [](iso_file* file) {
@@ -137,7 +155,8 @@ const Codec kCodecs[] = {
          const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
          return h264_isoFFtrack(file, avcc, sizeof avcc, 176, 144, 90000);
      },
-     {0, 0, 0, 36, 0x65}},
+     {0, 0, 0, 36, 0x65},
+     KST_UNKNOWN_CODER},
 };
 
 void keep_sync_samples(iso_track* track, std::initializer_list<uint32_t> numbers) {
@@ -195,8 +214,11 @@ std::vector<std::string> clip_lines() {
     for (const Codec& codec : kCodecs) {
         for (const Clock& clock : kClocks) {
             Digests digests;
-            for (int samples = 1; samples <= kLongest; ++samples)
+            for (int samples = 1; samples <= kLongest; ++samples) {
                 add_medium(digests, make_clip(codec, clock, samples), codec.mode);
+                EXPECT_EQ(digests.function_refusal, KST_SUCCESS) << codec.name;
+                EXPECT_EQ(digests.class_refusal, codec.class_refusal) << codec.name;
+            }
             lines.push_back(line_of(std::string(codec.name) + ' ' + std::to_string(clock.delta) +
                                         '/' + std::to_string(clock.timescale),
                                     digests));

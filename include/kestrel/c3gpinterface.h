@@ -17,10 +17,11 @@
 // Objects are independent of each other; one must not be used from two threads at once. Statuses
 // are those of kestrel/status.h; no function throws unless its comment says so.
 //
-// **Open can end the process**, and no other function can: where any track of the file, whatever
-// the mode, has a sample entry "mp4v" whose object type is not that of MPEG-4 Visual, it writes a
-// line to the standard error stream and exits with status 1. A host that must live on looks at the
-// file first.
+// **Open can end the process**, and no other function can. On an object that is not open, with a
+// mode and a table that it accepts, it writes a line to the standard error stream and exits with
+// status 1 if any track of the file, whatever the mode, has a sample entry "mp4v" whose "esds"
+// declares another object type than MPEG-4 Visual. A host that must not end examines the file
+// first, or opens it in a process of its own.
 //
 // Why something failed goes to the system log (kestrel/log.h): one error for each call that fails,
 // so also for each Open of a file that has not arrived far enough; KST_NOT_YET writes nothing at
@@ -176,7 +177,8 @@ class KESTREL_API C3gpInterface {
     // Delivers the next bytes of the stream. `*size` is the number of bytes wanted before the call,
     // and the number delivered after it. `arriving` says how the host serves the stream, and may
     // differ from call to call: true for one that fills over time (IndexRead), false for a seekable
-    // one (Seek and SeekNRead). AdvanceRead is called for every hint sample in both.
+    // one (Seek and SeekNRead). AdvanceRead is called for every hint sample in both; a not-yet of
+    // it counts only with `arriving`.
     //
     // Returns:
     //

@@ -236,21 +236,21 @@ Fetched C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset,
     const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
     if (offset > sample.uSize || length > sample.uSize - offset) return Fetched::kInvalid;
     if (bytes == nullptr) return Fetched::kBytes;
-    m_uReadAhead += kReadAheadEach + 2 * uint64_t{length};
     m_uBytesHandled += length;
-    if (m_uMediaSampleHeld == mediaSample || sample.uSize <= m_uReadAhead) {
-        const Fetched held = HoldMediaSample(mediaSample);
-        if (held == Fetched::kBytes) *bytes = m_MediaSample.data() + offset;
-        return held;
-    }
-    // With its last byte there, all of it is, in a file that arrives in order.
-    const uint64_t last = uint64_t{sample.uOffset} + sample.uSize - 1;
-    if (HasByte(last) != Fetched::kBytes) return Fetched::kNotYet;
-    *bytes = m_MediaPiece.data();
-    if (length == 0) return Fetched::kBytes;
-    const Fetched piece = ReadBytes(m_MediaPiece, sample.uOffset + offset, length);
-    *bytes = m_MediaPiece.data();
-    return piece;
+    const auto read_piece = [&] {
+        // With its last byte there, all of it is, in a file that arrives in order.
+        const Fetched last = HasByte(uint64_t{sample.uOffset} + sample.uSize - 1);
+        if (last != Fetched::kBytes || length == 0) return last;
+        return ReadBytes(m_MediaPiece, sample.uOffset + offset, length);
+    };
+    const uint64_t ahead = m_uReadAhead + kReadAheadEach + 2 * uint64_t{length};
+    const bool is_held = m_uMediaSampleHeld == mediaSample;
+    const bool whole = is_held || sample.uSize <= ahead;
+    const Fetched got = whole ? HoldMediaSample(mediaSample) : read_piece();
+    if (got != Fetched::kBytes) return got;
+    m_uReadAhead = whole && !is_held ? ahead - sample.uSize : ahead;
+    *bytes = whole ? m_MediaSample.data() + offset : m_MediaPiece.data();
+    return got;
 }
 
 // Has the whole sample in memory.
@@ -259,9 +259,7 @@ Fetched C3gpInterface::HoldMediaSample(unsigned int mediaSample) {
     const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
     m_uMediaSampleHeld = 0;
     const Fetched got = ReadBytes(m_MediaSample, sample.uOffset, sample.uSize);
-    if (got != Fetched::kBytes) return got;
-    m_uMediaSampleHeld = mediaSample;
-    m_uReadAhead -= sample.uSize;
+    if (got == Fetched::kBytes) m_uMediaSampleHeld = mediaSample;
     return got;
 }
 
@@ -326,7 +324,8 @@ void C3gpInterface::IOFileStreamAdvance(uint32_t offset) {
     const uint32_t result = classify(m_pIOCallback, status);
     if (result == KST_IO_OK) return;
     if (is_not_yet(result)) {
-        m_uStatus = KST_NOT_YET;
+        // A stream that is served whole has all of its data, whatever is said of what lies ahead.
+        if (m_fArriving) m_uStatus = KST_NOT_YET;
         return;
     }
     fail(m_uStatus, KST_IO_FAILURE, at(kDriverSource),
