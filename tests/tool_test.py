@@ -633,20 +633,21 @@ class Boxes(ToolTest):
 
     def test_foreign_codec_of_mp4v_shows_the_tree(self):
         # The library ends the process when it opens such a file through the class API.
-        data = pathlib.Path(sample("mpeg4_hinted")).read_bytes()
-        at = data.index(b"esds") + 8
-        at += data[at:].index(4)  # the tag of the decoder configuration
-        at += 2 + data[at + 1: at + 4].count(0x80)
-        self.assertEqual(data[at], 0x20)
-        trees = []
-        for object_type in (0x20, 0x6C):
-            changed = data[:at] + bytes([object_type]) + data[at + 1:]
-            result = run("boxes", "-", stdin=changed)
-            self.assertEqual((result.returncode, result.stderr), (0, b""))
-            trees.append(result.stdout.decode())
-        self.assertIn("object_type_indication=32", trees[0])
-        self.assertEqual(trees[0].replace("object_type_indication=32",
-                                          "object_type_indication=108"), trees[1])
+        for name in ("mpeg4_hinted", "mpeg4_plain", "mpeg4_b_hinted"):
+            data = pathlib.Path(sample(name)).read_bytes()
+            at = data.index(b"esds") + 8
+            at += data[at:].index(4)  # the tag of the decoder configuration
+            at += 2 + data[at + 1: at + 4].count(0x80)
+            self.assertEqual(data[at], 0x20)
+            own = run("boxes", "-", stdin=data).stdout.decode()
+            self.assertIn("object_type_indication=32", own)
+            for object_type in (0, 0x40, 0x60, 0x6C, 0xFF):
+                with self.subTest(name=name, object_type=object_type):
+                    changed = data[:at] + bytes([object_type]) + data[at + 1:]
+                    result = run("boxes", "-", stdin=changed)
+                    self.assertEqual((result.returncode, result.stderr), (0, b""))
+                    self.assertEqual(result.stdout.decode(),
+                                     own.replace("indication=32", f"indication={object_type}"))
 
 
 # Media tracks of one kind, and what the tool must give back of them.
