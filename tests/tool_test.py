@@ -234,6 +234,49 @@ class Extract(ToolTest):
             self.assert_fails(run("extract", copy, "ar", "-o", "/dev/full"), 1, "No space left")
 
 
+class OneStep(ToolTest):
+    """extract --unpack and --track."""
+
+    def test_a_clip_becomes_its_media_file(self):
+        for name, mode, api, truth in [("amrnb_plain", "ar", "function", "amrnb.amr"),
+                                       ("amrnb_hinted", "ar", "class", "amrnb.amr"),
+                                       ("h263_hinted", "vr", "class", "h263.h263"),
+                                       ("h264_plain", "vr", "function", None)]:
+            for options in [(), ("--arriving", 3000)]:
+                with self.subTest(name=name, api=api, options=options):
+                    media = self.extract(name, mode, "--api", api, "--unpack", *options)
+                    stream = self.extract(name, mode, "--api", api)
+                    self.assertEqual(media, self.unpack(stream))
+                    if truth:
+                        self.assertEqual(media, (SAMPLES / "truth" / truth).read_bytes())
+
+    def test_a_track_is_chosen_by_its_id(self):
+        file = sample("two_amrnb_hinted")
+        tracks = [track for track in json.loads(run("info", file, "--json").stdout)["tracks"]
+                  if track["handler"] == "soun"]
+        self.assertEqual(len(tracks), 2)
+        self.assert_fails(run("extract", file, "ar", "--api", "class"), 1, "several audio tracks")
+        streams = set()
+        for track in tracks:
+            for api in ("function", "class"):
+                result = run("extract", file, "ar", "--api", api, "--track", track["track_id"],
+                             "--unpack")
+                self.assertEqual((result.returncode, result.stderr), (0, b""))
+                self.assertEqual(len(result.stdout), track["bytes"] + len(b"#!AMR\n"))
+                streams.add(result.stdout)
+        self.assertEqual(len(streams), 2)
+        self.assertEqual(pathlib.Path(file).read_bytes().count(b"trak"), 4)
+
+    def test_choices_that_cannot_be(self):
+        av = sample("av_h263_amrnb_hinted")
+        for arguments, code, message in [
+                ((av, "ar", "--track", 1), 1, "has no audio track 1"),
+                ((av, "vr", "--track", 65536), 1, "has no video track 65536"),
+                ((av, "vr", "--track", 1, "--arriving", 10), 2, "as a whole"),
+                (("-", "vr", "--track", 1), 2, "as a whole")]:
+            self.assert_fails(run("extract", *arguments), code, message)
+
+
 class ClassApi(ToolTest):
     def test_speech_is_that_of_the_function_api(self):
         for name in ["amrnb_hinted", "amrnb_hinted_multi", "amrnb_dtx_hinted"]:
@@ -744,6 +787,41 @@ def content(packets, payload):
     return [(time - start, join[payload](data for _, data in group)) for time, group in groups]
 
 
+class BoxPaths(ToolTest):
+    def lines(self, *arguments):
+        result = run("boxes", *arguments)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        return [line.split() for line in result.stdout.decode().splitlines()[1:]]
+
+    def test_a_path_shows_what_it_leads_to(self):
+        file = sample("av_h263_amrnb_hinted")
+        whole = self.lines(file)
+        for path in ("moov", "moov/trak/mdia/minf/stbl/stsd", "moov/trak/tref/hint"):
+            shown = self.lines(file, "--path", path)
+            self.assertEqual({line[2] for line in shown} & {path.split("/")[-1]},
+                             {path.split("/")[-1]})
+            self.assertLessEqual({tuple(line) for line in shown}, {tuple(line) for line in whole})
+        tree = json.loads(run("boxes", file, "--json", "--path", "moov/trak/mdia").stdout)
+        self.assertEqual([box["type"] for box in tree], ["mdia"] * 4)
+        self.assert_fails(run("boxes", file, "--path", "moov/tark"), 1, "has no box moov/tark")
+
+    def test_numbers_are_shown_as_people_read_them(self):
+        text = run("boxes", sample("av_h263_amrnb_hinted")).stdout.decode()
+        for reading in ("width=176 px", "duration=30720 (2.000 s)", "language=und",
+                        "modification_time=2026-11-21T", "horizontal_resolution=72 dpi"):
+            self.assertIn(reading, text)
+
+    def test_fragments_are_opened(self):
+        tree = json.loads(run("boxes", SAMPLES / "wild" / "fragmented.3gp", "--json").stdout)
+        parts = [part for box in tree if box["type"] == "moof" for part in box["children"]]
+        runs = [child for part in parts if part["type"] == "traf" for child in part["children"]
+                if child["type"] == "trun"]
+        self.assertEqual(sum(run["fields"]["sample_count"] for run in runs), 131)
+        extends = json.loads(run("boxes", SAMPLES / "wild" / "fragmented.3gp", "--json", "--path",
+                                 "moov/mvex/trex").stdout)
+        self.assertEqual([box["fields"]["track_id"] for box in extends], [1, 2])
+
+
 class Hint(ToolTest):
     # --- outputs that do not become whole ---
 
@@ -1171,6 +1249,14 @@ class Outputs(ToolTest):
 
 
 class Inspect(ToolTest):
+    def test_codes_are_explained_and_zeros_counted(self):
+        stream = self.extract("amrnb_plain", "ar")
+        text = run("inspect", "-", stdin=stream).stdout.decode()
+        self.assertIn("coding 33 (AMR-NB, up to 12.2 kbit/s) sampling_rate 64 (8000 Hz)", text)
+        stream = self.extract("h264_plain", "vr")
+        text = run("inspect", "-", stdin=stream).stdout.decode()
+        self.assertRegex(text, r"level 11 \(1\.1\) config 00000001[0-9a-f]+ and \d+ zeros length")
+
     def test_every_record_is_named(self):
         stream = self.extract("amrnb_dtx_hinted", "ar")
         result = run("inspect", "-", "--json", stdin=stream)

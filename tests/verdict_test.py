@@ -128,7 +128,7 @@ class Info(ToolTest):
     def test_tracks_and_hints(self):
         about = self.info("av_h263_amrnb_hinted")
         self.assertEqual(about["major_brand"], "3gp4")
-        codecs = {track["id"]: track["codec"] for track in about["tracks"]}
+        codecs = {track["track_id"]: track["codec_name"] for track in about["tracks"]}
         self.assertEqual(codecs, {1: "H.263", 2: "AMR-NB", 65536: "RTP hints", 65537: "RTP hints"})
         self.assertEqual(about["tracks"][3]["hints_track"], 2)
         self.assertEqual(about["tracks"][0]["width"], 176)
@@ -246,7 +246,7 @@ class Check(ToolTest):
             about = json.loads(run("info", path, "--json").stdout or '{"tracks": []}')
             reported = {}  # bytes; the last track is played
             for track in about["tracks"]:
-                medium = {"AMR": "audio", "H.2": "video", "MPE": "video"}.get(track["codec"][:3])
+                medium = {"AMR": "audio", "H.2": "video", "MPE": "video"}.get(track["codec_name"][:3])
                 reported[medium] = track["bytes"]
             for row in rows:
                 seen.update(row[1:3])
@@ -717,8 +717,8 @@ class Report(ToolTest):
                     continue
                 rate = track["bytes"] * 8 / track["duration_seconds"] / 1000
                 self.assertIn(f"on average {rate:.1f} kbit/s", page)
-                if "sync_samples" in track:
-                    self.assertIn(f"{track['sync_samples']} of {track['samples']}", page)
+                if "sync_sample_count" in track:
+                    self.assertIn(f"{track['sync_sample_count']} of {track['sample_count']}", page)
 
     def test_bars_stand_where_their_samples_are(self):
         for name in ["amrnb_hinted_1450", "h264_hinted_1450", "h263_hinted_1450",
@@ -726,13 +726,13 @@ class Report(ToolTest):
             with self.subTest(name=name):
                 page = self.page(sample(name))
                 hints = [track for track in json.loads(run("info", sample(name), "--json").stdout)
-                         ["tracks"] if "hints_track" in track and track["samples"] <= 150]
+                         ["tracks"] if "hints_track" in track and track["sample_count"] <= 150]
                 charts = [[bar for bar in svg if "faint" not in bar.get("class", "") and
                            bar.get("class", "").startswith("bar")] for svg in page.iter("svg")
                           if svg.get("aria-label") == "Packets per hint sample"]
                 charts = [chart for chart in charts if chart]
                 self.assertEqual([len(chart) for chart in charts][:len(hints)],
-                                 [track["samples"] for track in hints])
+                                 [track["sample_count"] for track in hints])
                 for bars in charts:
                     ends = [float(bar.get("x")) + float(bar.get("width")) for bar in bars]
                     gaps = [float(bar.get("x")) - end for bar, end in zip(bars[1:], ends)]

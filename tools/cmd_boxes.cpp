@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
 #include <cstring>
 
 #include "boxes/field_visitor.h"
@@ -6,7 +7,9 @@
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
 #include "tools/commands.h"
-#include "tools/json.h"
+#include "tools/field_reading.h"
+#include "tools/fragment_boxes.h"
+#include "tools/json_printer.h"
 #include "tools/support.h"
 
 // The box tree of a file as the object model sees it.
@@ -24,6 +27,7 @@ constexpr size_t kMaxShownBytes = 32;  // of a run of bytes, in the printed tree
 
 struct Options {
     std::string input;
+    std::string path;  // types joined by slashes; empty for all boxes
     bool json = false;
 };
 
@@ -32,16 +36,76 @@ std::string type_of(const Box& box) {
     const unsigned type = box.GetType();
     char code[4];
     std::memcpy(code, &type, sizeof code);
-    return printable({code, sizeof code});
+    return {code, sizeof code};
 }
+
+// A box of the object model, or one of a movie fragment, which is read when it is shown.
+class ShownBox {
+  public:
+    ShownBox(KST_IOSTREAM_CALLBACK_INTERFACE* stream, const ChildPlace& place)
+        : stream_(stream),
+          type_(type_of(*place.box)),
+          offset_(place.offset),
+          size_(place.size),
+          box_(place.box) {}
+    ShownBox(KST_IOSTREAM_CALLBACK_INTERFACE* stream, const FragmentBox& fragment)
+        : stream_(stream),
+          type_(fragment.type),
+          offset_(static_cast<int64_t>(fragment.offset)),
+          size_(fragment.size),
+          fragment_(&fragment) {}
+
+    const std::string& type() const { return type_; }
+    int64_t offset() const { return offset_; }
+    uint32_t size() const { return size_; }
+
+    void visit_fields(Qvox3gp::FieldVisitor& visitor) const {
+        if (box_ != nullptr) return Qvox3gp::visit_fields(*box_, visitor);
+        for (const FragmentBox::Field& field : fragment_->fields)
+            visitor.number(field.name, field.value);
+    }
+
+    template <typename Visit>
+    void visit_children(Visit visit) const {
+        if (fragment_ != nullptr) return visit_all(fragment_->children, visit);
+        Qvox3gp::visit_children(*box_,
+                                [&](const ChildPlace& place) { visit(ShownBox(stream_, place)); });
+        if (!has_fragment_boxes(type_) || offset_ < 0) return;
+        visit_all(read_fragment_boxes(stream_, static_cast<uint64_t>(offset_), size_), visit);
+    }
+
+  private:
+    template <typename Visit>
+    void visit_all(const std::vector<FragmentBox>& fragments, Visit visit) const {
+        for (const FragmentBox& fragment : fragments)
+            visit(ShownBox(stream_, fragment));
+    }
+
+    KST_IOSTREAM_CALLBACK_INTERFACE* stream_;
+    std::string type_;
+    int64_t offset_;
+    uint32_t size_;
+    const Box* box_ = nullptr;
+    const FragmentBox* fragment_ = nullptr;
+};
 
 // --- a line for each box ---
 
 // Prints the fields of a box after its type: a list by its length.
 class FieldLine final : public Qvox3gp::FieldVisitor {
   public:
+    FieldLine(FieldReading& reading, std::string_view type) : reading_(reading) {
+        reading_.begin_box(type);
+    }
+
     void number(std::string_view name, int64_t value) override {
-        if (take(name)) std::printf("%lld", static_cast<long long>(value));
+        if (!take(name)) return;
+        const std::string read = reading_.of(name, value);
+        if (read.empty()) {
+            std::printf("%lld", static_cast<long long>(value));
+        } else {
+            std::printf("%s", read.c_str());
+        }
     }
     void code(std::string_view name, std::string_view four) override {
         if (take(name)) std::printf("%s", printable(four).c_str());
@@ -73,63 +137,21 @@ class FieldLine final : public Qvox3gp::FieldVisitor {
         return true;
     }
 
+    FieldReading& reading_;
     int depth_ = 0;
     size_t entries_ = 0;
 };
 
-void print_line(const ChildPlace& place, int depth) {
-    std::printf("%10lld %10u  %*s%s", static_cast<long long>(place.offset), place.size, 2 * depth,
-                "", type_of(*place.box).c_str());
-    FieldLine fields;
-    visit_fields(*place.box, fields);
+void print_line(FieldReading& reading, const ShownBox& box, int depth) {
+    std::printf("%10lld %10u  %*s%s", static_cast<long long>(box.offset()), box.size(), 2 * depth,
+                "", printable(box.type()).c_str());
+    FieldLine fields(reading, box.type());
+    box.visit_fields(fields);
     std::printf("\n");
-    visit_children(*place.box, [&](const ChildPlace& child) { print_line(child, depth + 1); });
+    box.visit_children([&](const ShownBox& child) { print_line(reading, child, depth + 1); });
 }
 
 // --- JSON ---
-
-// Prints values as they come, in the form of json_text: a tree may be many times the tables.
-class JsonPrinter {
-  public:
-    void text(std::string_view name, const std::string& value) {
-        begin_value(name);
-        std::fputs(json_line(value).c_str(), stdout);
-    }
-    void number(std::string_view name, int64_t value) {
-        begin_value(name);
-        std::printf("%lld", static_cast<long long>(value));
-    }
-    void open(std::string_view name, char bracket) {
-        begin_value(name);
-        std::putchar(bracket);
-        levels_.push_back({bracket, true});
-    }
-    void close() {
-        const Level level = levels_.back();
-        levels_.pop_back();
-        if (!level.empty) begin_line();
-        std::putchar(level.bracket == '[' ? ']' : '}');
-    }
-
-  private:
-    struct Level {
-        char bracket;
-        bool empty;
-    };
-
-    void begin_line() const { std::printf("\n%*s", static_cast<int>(2 * levels_.size()), ""); }
-
-    void begin_value(std::string_view name) {
-        if (levels_.empty()) return;
-        if (!levels_.back().empty) std::putchar(',');
-        levels_.back().empty = false;
-        begin_line();
-        if (levels_.back().bracket == '{')
-            std::printf("\"%.*s\": ", static_cast<int>(name.size()), name.data());
-    }
-
-    std::vector<Level> levels_;
-};
 
 // Prints the fields of a box as an object, if it has any; lists become arrays.
 class FieldObject final : public Qvox3gp::FieldVisitor {
@@ -170,23 +192,69 @@ class FieldObject final : public Qvox3gp::FieldVisitor {
     bool any_ = false;
 };
 
-void print_json(JsonPrinter& out, const ChildPlace& place) {
+void print_json(JsonPrinter& out, const ShownBox& box) {
     out.open("", '{');
-    out.text("type", type_of(*place.box));
-    out.number("offset", place.offset);
-    out.number("size", place.size);
+    out.text("type", printable(box.type()));
+    out.number("offset", box.offset());
+    out.number("size", box.size());
     {
         FieldObject fields(out);
-        visit_fields(*place.box, fields);
+        box.visit_fields(fields);
     }
     bool any = false;
-    visit_children(*place.box, [&](const ChildPlace& child) {
+    box.visit_children([&](const ShownBox& child) {
         if (!any) out.open("children", '[');
         any = true;
         print_json(out, child);
     });
     if (any) out.close();
     out.close();
+}
+
+// --- which boxes ---
+
+std::vector<std::string> types_in(const std::string& path) {
+    std::vector<std::string> types;
+    for (size_t from = 0; from <= path.size();) {
+        const size_t to = std::min(path.find('/', from), path.size());
+        types.push_back(path.substr(from, to - from));
+        from = to + 1;
+    }
+    return types;
+}
+
+// Shows the boxes that a path leads to, each with all in it. Of no path, all boxes.
+template <typename Show>
+class PathWalk {
+  public:
+    PathWalk(const std::string& path, Show show)
+        : types_(path.empty() ? std::vector<std::string>() : types_in(path)), show_(show) {}
+
+    void visit(const ShownBox& box, size_t depth = 0) {
+        if (!types_.empty() && box.type() != types_[depth]) return;
+        if (depth + 1 >= types_.size()) {
+            ++shown_;
+            return show_(box);
+        }
+        box.visit_children([&](const ShownBox& child) { visit(child, depth + 1); });
+    }
+    size_t shown() const { return shown_; }
+
+  private:
+    std::vector<std::string> types_;
+    Show show_;
+    size_t shown_ = 0;
+};
+
+template <typename Show>
+void show_boxes(const Options& options, KST_IOSTREAM_CALLBACK_INTERFACE* stream, const Box& file,
+                Show show) {
+    PathWalk walk(options.path, show);
+    Qvox3gp::visit_children(file,
+                            [&](const ChildPlace& place) { walk.visit(ShownBox(stream, place)); });
+    if (walk.shown() > 0 || options.path.empty()) return;
+    finish_standard_output();
+    throw file_error(options.input, "has no box " + options.path);
 }
 
 void boxes(const Options& options) {
@@ -205,19 +273,22 @@ void boxes(const Options& options) {
     } catch (const SimpleException& caught) {
         failure = caught.message();  // what was read before is shown all the same
     }
+    const std::string unread = failure.empty() ? "" : options.input + ": " + failure;
     if (options.json) {
         JsonPrinter out;
         out.open("", '[');
-        visit_children(file, [&](const ChildPlace& place) { print_json(out, place); });
+        show_boxes(options, callbacks, file, [&](const ShownBox& box) { print_json(out, box); });
         out.close();
         std::printf("\n");
     } else {
         std::printf("%10s %10s  box\n", "offset", "size");
-        visit_children(file, [](const ChildPlace& place) { print_line(place, 0); });
+        FieldReading reading;
+        show_boxes(options, callbacks, file,
+                   [&](const ShownBox& box) { print_line(reading, box, 0); });
     }
-    if (failure.empty()) return;
+    if (unread.empty()) return;
     finish_standard_output();
-    throw Error(options.input + ": " + failure);
+    throw Error(unread);
 }
 
 }  // namespace
@@ -227,6 +298,10 @@ void add_boxes(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "boxes", "Show the box tree: offset and size of each box, and the fields of known boxes");
     command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    command
+        ->add_option("--path", options->path,
+                     "Only the boxes at this path, with all in them: moov/trak/mdia")
+        ->type_name("TYPE/TYPE...");
     command->add_flag("--json", options->json, "Print JSON, with all list entries");
     command->callback([options] { boxes(*options); });
 }

@@ -6,7 +6,10 @@
 #include "tools/commands.h"
 #include "tools/judge/media_tally.h"
 #include "tools/judge/verdict.h"
+#include "tools/media_writer.h"
+#include "tools/native_file.h"
 #include "tools/support.h"
+#include "tools/track_choice.h"
 #include "tools/whole_output.h"
 
 namespace tool {
@@ -22,6 +25,8 @@ struct Options {
     Api api = Api::kFunction;
     std::optional<uint32_t> from_ms;
     Sync sync = Sync::kPrevious;
+    std::optional<uint32_t> track;  // its ID
+    bool unpack = false;
 };
 
 // What is played, of either API.
@@ -149,8 +154,41 @@ std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {
     return std::make_unique<FunctionPlayer>(std::move(handle));
 }
 
-// Where the stream goes. What is played while it arrives is there at once; any other output comes
-// whole, so that a file that was there stays where nothing can be made.
+// Rebuilds the media file of the stream as it comes.
+class Unpacking {
+  public:
+    explicit Unpacking(Output& output) : media_(output), walk_(media_) {}
+
+    void take(std::span<const uint8_t> bytes) {
+        if (!damage_) check([&] { walk_.feed(bytes); });
+    }
+    void finish() {
+        if (!damage_) check([&] { walk_.finish(); });
+        media_.finish();
+    }
+    // Throws where the media file lacks something of the stream.
+    void require_all(const std::string& input, const std::string& kept) const {
+        if (damage_) throw damage_error(input + ": its stream", *damage_, kept);
+        if (!media_.lacks().empty()) throw file_error(input, media_.lacks() + kept);
+    }
+
+  private:
+    template <typename Step>
+    void check(Step step) {
+        try {
+            step();
+        } catch (const kestrel::stream::Damage& damage) {
+            damage_ = damage;
+        }
+    }
+
+    MediaWriter media_;
+    kestrel::stream::NativeWalk walk_;
+    std::optional<kestrel::stream::Damage> damage_;
+};
+
+// Where the stream goes, or its media. What is played while it arrives is there at once; any other
+// output comes whole, so that a file that was there stays where nothing can be made.
 class StreamOutput {
   public:
     explicit StreamOutput(const Options& options) : is_pipe_(options.output == "-") {
@@ -159,10 +197,16 @@ class StreamOutput {
         } else {
             whole_.emplace(options.output, options.input);
         }
+        if (options.unpack) unpacking_.emplace(output());
     }
 
     void take(std::span<const uint8_t> bytes) {
-        output().write(bytes);
+        if (unpacking_) {
+            unpacking_->take(bytes);
+        } else {
+            output().write(bytes);
+        }
+        delivered_ += bytes.size();
         tally_.take(bytes);
     }
     // Passes on what was taken, if somebody may wait for it.
@@ -171,15 +215,22 @@ class StreamOutput {
     }
     // Keeps what was made.
     void finish() {
+        if (unpacking_) unpacking_->finish();
         if (direct_) direct_->finish();
         if (whole_ && is_kept()) whole_->finish();
     }
+    // Throws where the media file lacks something of a stream that was played to its end.
+    void require_all(const std::string& input) {
+        if (unpacking_) unpacking_->require_all(input, what_is_kept());
+    }
     // "; kept 5 bytes of stream", of what was made though it is not all.
     std::string what_is_kept() {
-        return is_kept() ? "; kept " + std::to_string(output().written()) + " bytes of stream" : "";
+        if (!is_kept()) return "";
+        return "; kept " + std::to_string(output().written()) +
+               (unpacking_ ? " bytes of media" : " bytes of stream");
     }
 
-    uint64_t written() { return output().written(); }
+    uint64_t delivered() const { return delivered_; }
     const MediaCounts& counts() const { return tally_.counts(); }
 
   private:
@@ -189,6 +240,8 @@ class StreamOutput {
     bool is_pipe_;
     std::optional<Output> direct_;
     std::optional<WholeOutput> whole_;
+    std::optional<Unpacking> unpacking_;
+    uint64_t delivered_ = 0;  // bytes of stream
     MediaTally tally_;
 };
 
@@ -201,7 +254,7 @@ int32_t deliver(Player& player, kst_host* host, const std::string& input, Stream
         uint32_t size = 0;
         const int32_t status = player.read(buffer, size, kst_host_is_arriving(host) != 0);
         output.take({buffer.data(), size});
-        progress.show(host, output.written());
+        progress.show(host, output.delivered());
         if (status == KST_SUCCESS) continue;
         if (!player.may_arrive(status, size) || complete || kst_host_failed(host) != 0) {
             if (status != KST_END_OF_FILE) {
@@ -215,24 +268,33 @@ int32_t deliver(Player& player, kst_host* host, const std::string& input, Stream
     }
 }
 
-void extract(const Options& options) {
-    const Host host = open_host(options.input, options.arriving);
-    std::unique_ptr<Player> player = open_player(host.get(), options);
+void extract_from(kst_host* host, const Options& options) {
+    std::unique_ptr<Player> player = open_player(host, options);
     // Made only now, so that a file that cannot be opened leaves no output.
     StreamOutput output(options);
-    const int32_t status = deliver(*player, host.get(), options.input, output);
+    const int32_t status = deliver(*player, host, options.input, output);
     player.reset();
     output.finish();
-    if (errno = kst_host_failed(host.get()); errno != 0)
+    if (errno = kst_host_failed(host); errno != 0)
         throw Error(system_error(options.input).what() + output.what_is_kept());
     if (options.from_ms) {  // how much there is from there on, the tables do not say
-        if (status == KST_END_OF_FILE) return;
+        if (status == KST_END_OF_FILE) return output.require_all(options.input);
         throw status_error(options.input, status, output.what_is_kept());
     }
     const std::optional<Error> lacks =
-        play_error(host.get(), options.input, options.api, kind_of(options.mode),
-                   {status, output.written(), output.counts()});
+        play_error(host, options.input, options.api, kind_of(options.mode),
+                   {status, output.delivered(), output.counts()});
     if (lacks) throw Error(lacks->what() + output.what_is_kept(), lacks->exit_code);
+    output.require_all(options.input);
+}
+
+void extract(const Options& options) {
+    if (options.track) {
+        TrackChoice file(options.input, *options.track, kind_of(options.mode));
+        extract_from(file.host(), options);
+    } else {
+        extract_from(open_host(options.input, options.arriving).get(), options);
+    }
 }
 
 void add_api_options(CLI::App* command, const std::shared_ptr<Options>& options) {
@@ -273,8 +335,17 @@ void add_extract(CLI::App& app) {
                      "Serve FILE as if N more bytes arrived before each retry")
         ->type_name("N")
         ->check(CLI::Range(uint32_t{1}, UINT32_MAX));
+    command
+        ->add_option("--track", options->track,
+                     "Play the track with this ID, where the file has several of the medium")
+        ->type_name("ID");
+    command->add_flag("--unpack", options->unpack,
+                      "Write the media instead of the stream: .amr, .h263, .m4v or .h264");
     add_api_options(command, options);
     command->callback([options] {
+        if (options->track && (options->arriving || options->input == "-")) {
+            throw Error("--track needs a file that is there as a whole", kWrongUsage);
+        }
         if (options->arriving && options->input == "-") {
             throw Error("--arriving needs a file; standard input arrives by itself", kWrongUsage);
         }

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
+#include <optional>
+#include <sstream>
 
 #include "interface/src/isoff/record/private.h"
 #include "tools/commands.h"
+#include "tools/field_reading.h"
 #include "tools/judge/verdict_json.h"
+#include "tools/report/markup.h"
 #include "tools/support.h"
 
 // What a file holds, and what of it can be played.
@@ -17,18 +21,52 @@ struct Options {
     TimeLimit time;
 };
 
-Json describe_track(iso_track* track) {
+// Degrees clockwise, of a matrix that turns; nothing for others (ISO/IEC 14496-12, 8.3.2).
+std::optional<int> rotation(const iso_track* track) {
+    constexpr auto kOne = int32_t{0x10000};
+    const auto at = [&](int i) { return static_cast<int32_t>(track->matrix[i]); };
+    const auto is = [&](int32_t a, int32_t b, int32_t c, int32_t d) {
+        return at(0) == a && at(1) == b && at(3) == c && at(4) == d;
+    };
+    if (is(kOne, 0, 0, kOne)) return 0;
+    if (is(0, kOne, -kOne, 0)) return 90;
+    if (is(-kOne, 0, 0, -kOne)) return 180;
+    if (is(0, -kOne, kOne, 0)) return 270;
+    return std::nullopt;
+}
+
+void add_date(Json& out, const char* name, uint32_t seconds) {
+    if (seconds != 0) out[name] = date_text(seconds);
+}
+
+// The codec of a track: four-character code, name, profile and level.
+void add_codec(const FileFacts& facts, const iso_track* track, Json& out) {
+    const TrackBoxes* boxes = facts.scan.track(track->track_id);
+    if (boxes != nullptr && !boxes->entries.empty()) out["codec"] = boxes->entries.front();
+    out["codec_name"] = codec_name(track->codec);
+    if (track->codec == ISO_CODEC_S263 || track->codec == ISO_CODEC_AVC1) {
+        out["profile"] = track->profile;
+        out["level"] = track->level;
+    } else if (track->codec == ISO_CODEC_MP4V) {
+        out["profile_and_level"] = track->level;
+    }
+}
+
+Json describe_track(const FileFacts& facts, iso_track* track) {
     int samples = 0;
     int bytes = 0;
     double duration = 0.0;
     isoFFtrackInfo(track, nullptr, &samples, &duration, &bytes);
-    Json out{{"id", track->track_id},
-             {"handler", track->handler},
-             {"codec", codec_name(track->codec)},
-             {"timescale", track->timescale},
-             {"duration_seconds", duration},
-             {"samples", samples},
-             {"bytes", static_cast<uint32_t>(bytes)}};
+    Json out{{"track_id", track->track_id}, {"handler", track->handler}};
+    add_codec(facts, track, out);
+    out["timescale"] = track->timescale;
+    out["duration"] = track->duration;
+    out["duration_seconds"] = duration;
+    out["sample_count"] = samples;
+    out["bytes"] = static_cast<uint32_t>(bytes);
+    out["language"] = language_text(track->own->language);
+    add_date(out, "created", track->creation_time);
+    add_date(out, "modified", track->modification_time);
     if (is_hint(track)) {
         out["hints_track"] = track->hint_track_ref;
         out["rtp_timescale"] = track->rtp_timescale;
@@ -36,44 +74,74 @@ Json describe_track(iso_track* track) {
     } else if (std::string(track->handler) == "vide") {
         out["width"] = track->width;
         out["height"] = track->height;
+        if (const auto turned = rotation(track); turned) out["rotation"] = *turned;
     } else if (track->codec == ISO_CODEC_SAMR || track->codec == ISO_CODEC_SAWB) {
         out["frames_per_sample"] = track->frames_per_sample;
     }
-    if (track->sync_count > 0) out["sync_samples"] = track->sync_count;
+    if (track->sync_count > 0) out["sync_sample_count"] = track->sync_count;
     return out;
 }
 
 // What the library's reader does not have of a file in an odd form.
 void add_imported(const FileFacts& facts, Json& tracks) {
     for (const ImportedTrack& track : facts.imported) {
-        const auto known = std::find_if(tracks.begin(), tracks.end(),
-                                        [&](const Json& one) { return one["id"] == track.id; });
+        const auto known = std::find_if(tracks.begin(), tracks.end(), [&](const Json& one) {
+            return one["track_id"] == track.id;
+        });
         if (known == tracks.end()) {
-            tracks.push_back({{"id", track.id},
-                              {"codec", codec_name(track.codec)},
+            tracks.push_back({{"track_id", track.id},
+                              {"codec", printable(code_text(track.entry))},
+                              {"codec_name", codec_name(track.codec)},
                               {"samples_not_read", track.samples}});
-        } else if (const auto read = (*known)["samples"].get<uint64_t>(); read < track.samples) {
+        } else if (const auto read = (*known)["sample_count"].get<uint64_t>();
+                   read < track.samples) {
             (*known)["samples_not_read"] = track.samples - read;
         }
     }
+}
+
+Json brands_of(const iso_file* file) {
+    Json brands = Json::array();
+    std::istringstream words(file->compatible_brands ? file->compatible_brands : "");
+    for (std::string word; words >> word;)
+        brands.push_back(printable(word));
+    return brands;
 }
 
 Json describe_file(const FileFacts& facts) {
     iso_file* file = facts.file.get();
     double duration = 0.0;
     isoFFfileInfo(file, nullptr, &duration, nullptr);
-    Json out{{"major_brand", file->major_brand},
+    Json out{{"major_brand", printable(file->major_brand)},
              {"minor_version", file->minor_version},
-             {"compatible_brands", file->compatible_brands ? file->compatible_brands : ""},
+             {"compatible_brands", brands_of(file)},
              {"timescale", file->timescale},
-             {"duration_seconds", duration},
-             {"tracks", Json::array()}};
+             {"duration", file->duration},
+             {"duration_seconds", duration}};
+    add_date(out, "created", file->creation_time);
+    add_date(out, "modified", file->modification_time);
+    out["tracks"] = Json::array();
     for (iso_track* track = file->first_track; track != nullptr; track = track->next)
-        out["tracks"].push_back(describe_track(track));
+        out["tracks"].push_back(describe_track(facts, track));
     add_imported(facts, out["tracks"]);
     const uint32_t lost = file->own->lost_tracks;
     if (lost > 0) out["lost_tracks"] = lost;
     if (may_lack_tracks(facts)) out["may_lack_tracks"] = true;
+    return out;
+}
+
+// "AMR-NB", "codec 'av01'", "H.264, profile 66, level 3.0".
+std::string codec_text(const Json& track) {
+    const auto name = track["codec_name"].get<std::string>();
+    const std::string code = track.value("codec", "");
+    std::string out = name == "unknown" && !code.empty() ? "codec '" + code + "'" : name;
+    if (track.contains("profile")) {
+        const auto level = track["level"].get<unsigned>();
+        out += format(", profile %u, level ", track["profile"].get<unsigned>()) +
+               (code == "avc1" ? format("%.1f", level / 10.0) : std::to_string(level));
+    }
+    if (track.contains("profile_and_level"))
+        out += format(", profile and level %u", track["profile_and_level"].get<unsigned>());
     return out;
 }
 
@@ -83,27 +151,29 @@ void print_unread(const Json& track) {
                 track["samples_not_read"].get<unsigned long long>());
 }
 
+void print_picture(const Json& track) {
+    if (!track.contains("width")) return;
+    std::printf(", %u x %u", track["width"].get<uint32_t>(), track["height"].get<uint32_t>());
+    if (const int turned = track.value("rotation", 0); turned != 0)
+        std::printf(", turned by %d degrees", turned);
+}
+
 void print_track(const Json& track) {
-    if (!track.contains("samples")) {
-        std::printf("track %-6u %s", track["id"].get<uint32_t>(),
-                    track["codec"].get<std::string>().c_str());
-        print_unread(track);
-        std::printf("\n");
-        return;
-    }
-    std::printf("track %-6u %s, %.3f s, %u samples, %u bytes", track["id"].get<uint32_t>(),
-                track["codec"].get<std::string>().c_str(), track["duration_seconds"].get<double>(),
-                track["samples"].get<uint32_t>(), track["bytes"].get<uint32_t>());
-    std::printf(", timescale %u", track["timescale"].get<uint32_t>());
-    if (track.contains("width")) {
-        std::printf(", %u x %u", track["width"].get<uint32_t>(), track["height"].get<uint32_t>());
-    }
-    if (track.contains("sync_samples")) {
-        std::printf(", %u sync samples", track["sync_samples"].get<uint32_t>());
-    }
-    if (track.contains("hints_track")) {
-        std::printf(", for track %u, packets of at most %u bytes",
-                    track["hints_track"].get<uint32_t>(), track["longest_packet"].get<uint32_t>());
+    std::printf("track %-6u %s", track["track_id"].get<uint32_t>(), codec_text(track).c_str());
+    if (track.contains("sample_count")) {
+        std::printf(", %.3f s, %u samples, %u bytes, timescale %u",
+                    track["duration_seconds"].get<double>(), track["sample_count"].get<uint32_t>(),
+                    track["bytes"].get<uint32_t>(), track["timescale"].get<uint32_t>());
+        print_picture(track);
+        if (track.contains("sync_sample_count"))
+            std::printf(", %u sync samples", track["sync_sample_count"].get<uint32_t>());
+        if (track.contains("hints_track")) {
+            std::printf(", for track %u, packets of at most %u bytes",
+                        track["hints_track"].get<uint32_t>(),
+                        track["longest_packet"].get<uint32_t>());
+        }
+        if (const auto language = track["language"].get<std::string>(); language != "und")
+            std::printf(", language %s", language.c_str());
     }
     print_unread(track);
     std::printf("\n");
@@ -128,13 +198,17 @@ void print_verdict(const Verdict& verdict, const std::string& input) {
 }
 
 void print_text(const std::string& input, const Json& about, const std::vector<Verdict>& verdicts) {
+    std::string brands;
+    for (const Json& brand : about["compatible_brands"])
+        brands += (brands.empty() ? "" : " ") + brand.get<std::string>();
     std::printf("%s\n", printable(input).c_str());
     std::printf("brand        %s, version %d; compatible: %s\n",
-                printable(about["major_brand"].get<std::string>()).c_str(),
-                about["minor_version"].get<int>(),
-                printable(about["compatible_brands"].get<std::string>()).c_str());
+                about["major_brand"].get<std::string>().c_str(), about["minor_version"].get<int>(),
+                brands.c_str());
     std::printf("duration     %.3f s, timescale %u\n", about["duration_seconds"].get<double>(),
                 about["timescale"].get<uint32_t>());
+    if (about.contains("created"))
+        std::printf("created      %s\n", about["created"].get<std::string>().c_str());
     for (const Json& track : about["tracks"])
         print_track(track);
     if (about.contains("lost_tracks")) {

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <map>
+
 #include "tools/commands.h"
 #include "tools/json.h"
 #include "tools/native_file.h"
+#include "tools/report/markup.h"
 
 namespace tool {
 namespace {
@@ -15,7 +18,16 @@ struct Options {
 
 struct AsText {
     std::string operator()(uint32_t number) const { return std::to_string(number); }
-    std::string operator()(std::span<const uint8_t> bytes) const { return hex(bytes); }
+    // Zeros at the end are counted, where they are many.
+    std::string operator()(std::span<const uint8_t> bytes) const {
+        constexpr size_t kMany = 8;
+        size_t end = bytes.size();
+        while (end > 0 && bytes[end - 1] == 0)
+            --end;
+        const size_t zeros = bytes.size() - end;
+        if (zeros < kMany) return hex(bytes);
+        return hex(bytes.first(end)) + (end > 0 ? " and " : "") + std::to_string(zeros) + " zeros";
+    }
     std::string operator()(const std::string& text) const {
         return "\"" + printable(text.substr(0, text.find('\0'))) + "\"";
     }
@@ -27,13 +39,44 @@ struct AsJson {
     Json operator()(const std::string& text) const { return text.substr(0, text.find('\0')); }
 };
 
+// What a code number stands for (docs/native-format.md); empty for a number that is none.
+std::string meaning(const stream::StreamRecord& record, const std::string& field, uint32_t value) {
+    static const std::map<std::pair<std::string, uint32_t>, const char*> kCodes = {
+        {{"coding", 26}, "4.75 kbit/s"},
+        {{"coding", 27}, "5.15 kbit/s"},
+        {{"coding", 28}, "5.9 kbit/s"},
+        {{"coding", 29}, "6.7 kbit/s"},
+        {{"coding", 30}, "7.4 kbit/s"},
+        {{"coding", 31}, "7.95 kbit/s"},
+        {{"coding", 32}, "10.2 kbit/s"},
+        {{"coding", 33}, "AMR-NB, up to 12.2 kbit/s"},
+        {{"coding", 51}, "AMR-WB"},
+        {{"sampling_rate", 48}, "6000 Hz"},
+        {{"sampling_rate", 64}, "8000 Hz"},
+        {{"sampling_rate", 88}, "11000 Hz"},
+        {{"sampling_rate", 128}, "16000 Hz"},
+        {{"coder", 10}, "AMR-NB"},
+        {{"coder", 20}, "AMR-WB"}};
+    const auto found = kCodes.find({field, value});
+    if (found != kCodes.end()) return found->second;
+    const bool is_h264 = record.name == "VID_Header_H264CodecConfig";
+    if (is_h264 && field == "level") return format("%.1f", value / 10.0);
+    if (field == "duration_ms") return format("%.3f s", value / 1000.0);
+    return "";
+}
+
 class TextSink final : public stream::RecordSink {
   public:
     void record(const stream::StreamRecord& record) override {
         std::printf("%8llu  %-20s", static_cast<unsigned long long>(record.offset),
                     record.name.c_str());
-        for (const stream::Field& field : record.fields)
+        for (const stream::Field& field : record.fields) {
             std::printf(" %s %s", field.name.c_str(), std::visit(AsText{}, field.value).c_str());
+            const auto* number = std::get_if<uint32_t>(&field.value);
+            if (number == nullptr) continue;
+            const std::string more = meaning(record, field.name, *number);
+            if (!more.empty()) std::printf(" (%s)", more.c_str());
+        }
         if (!record.payload.empty()) std::printf(" payload %zu bytes", record.payload.size());
         std::printf("\n");
     }
@@ -42,20 +85,18 @@ class TextSink final : public stream::RecordSink {
 // Prints the records as they come: a stream may be larger than the memory.
 class JsonSink final : public stream::RecordSink {
   public:
-    JsonSink() { std::printf("{\n  \"records\": ["); }
-
     void record(const stream::StreamRecord& record) override {
         Json fields = Json::object();
         for (const stream::Field& field : record.fields)
             fields[field.name] = std::visit(AsJson{}, field.value);
         Json out{{"offset", record.offset}, {"record", record.name}, {"fields", fields}};
         if (!record.payload.empty()) out["payload"] = hex(record.payload);
-        std::printf("%s\n    %s", any_ ? "," : "", json_text(out, 4).c_str());
+        std::printf("%s\n    %s", any_ ? "," : kBeginning, json_text(out, 4).c_str());
         any_ = true;
     }
 
     void finish(uint64_t bytes, const std::optional<stream::Damage>& damage) const {
-        std::printf("%s],\n  \"bytes\": %llu", any_ ? "\n  " : "",
+        std::printf("%s],\n  \"bytes\": %llu", any_ ? "\n  " : kBeginning,
                     static_cast<unsigned long long>(bytes));
         if (damage) {
             const Json about{{"offset", damage->offset}, {"reason", damage->reason}};
@@ -65,6 +106,8 @@ class JsonSink final : public stream::RecordSink {
     }
 
   private:
+    static constexpr char kBeginning[] = "{\n  \"records\": [";
+
     bool any_ = false;
 };
 

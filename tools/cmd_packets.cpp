@@ -7,6 +7,7 @@
 #include "common/bytes.h"
 #include "tools/capture.h"
 #include "tools/commands.h"
+#include "tools/json_printer.h"
 #include "tools/judge/child_process.h"
 #include "tools/judge/media_tracks.h"
 #include "tools/support.h"
@@ -28,6 +29,7 @@ struct Options {
     std::optional<uint32_t> track;
     uint64_t limit = kMaxCaptured;
     bool hex = false;
+    bool json = false;
 };
 
 using HintTracks = std::vector<std::unique_ptr<HintPackets>>;
@@ -73,6 +75,37 @@ void print_packets(HintTracks& tracks, bool as_hex) {
     finish_standard_output();
 }
 
+void print_json(HintTracks& tracks, bool with_bytes) {
+    JsonPrinter out;
+    out.open("", '{');
+    out.open("packets", '[');
+    for (const auto& track : tracks) {
+        for (auto packet = track->next(); !packet.empty(); packet = track->next()) {
+            out.open("", '{');
+            out.number("track_id", track->track()->track_id);
+            out.number("bytes", static_cast<int64_t>(packet.size()));
+            out.boolean("marker", (packet[1] & 0x80) != 0);
+            out.number("payload_type", packet[1] & 0x7F);
+            out.number("sequence_number", kestrel::load_be16(&packet[2]));
+            out.number("timestamp", kestrel::load_be32(&packet[4]));
+            if (with_bytes) out.text("packet", hex(packet));
+            out.close();
+        }
+    }
+    out.close();
+    out.open("tracks", '[');
+    for (const auto& track : tracks) {
+        out.open("", '{');
+        out.number("track_id", track->track()->track_id);
+        if (!track->lacks().empty()) out.text("lacks", track->lacks());
+        out.close();
+    }
+    out.close();
+    out.close();
+    std::printf("\n");
+    finish_standard_output();
+}
+
 // "clip.sdp" for "clip.pcap".
 std::string description_path(const std::string& capture) {
     return fs::path(capture).replace_extension("sdp");
@@ -106,7 +139,9 @@ void packets(const Options& options) {
     const Host host = open_host(options.input);
     const FileFacts facts = gather_facts(host.get(), Clock::now() + kMaxSeconds);
     HintTracks tracks = wanted_tracks(facts, options);
-    if (options.pcap.empty()) {
+    if (options.json) {
+        print_json(tracks, options.hex);
+    } else if (options.pcap.empty()) {
         print_packets(tracks, options.hex);
     } else {
         capture_packets(tracks, options);
@@ -132,6 +167,7 @@ void add_packets(CLI::App& app) {
         ->type_name("ID");
     CLI::Option* hex =
         command->add_flag("--hex", options->hex, "Show each packet in hex, as the last column");
+    CLI::Option* json = command->add_flag("--json", options->json, "Print JSON");
     CLI::Option* pcap =
         command
             ->add_option(
@@ -139,7 +175,8 @@ void add_packets(CLI::App& app) {
                 "Write a capture that a network analyser opens, and a session description\n"
                 "beside it, with the ending .sdp")
             ->type_name("OUT")
-            ->excludes(hex);
+            ->excludes(hex)
+            ->excludes(json);
     command->add_option("--limit", options->limit, "With --pcap: longest capture, in bytes")
         ->type_name("BYTES")
         ->capture_default_str()

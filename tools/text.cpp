@@ -69,4 +69,11 @@ std::string printable_word(std::string_view text) {
     return shown_except(text, '\\');
 }
 
+std::string code_text(uint32_t code) {
+    std::string out;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out += static_cast<char>(code >> shift & 0xFF);
+    return out;
+}
+
 }  // namespace tool

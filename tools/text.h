@@ -28,6 +28,9 @@ std::string printable(std::string_view text);
 // The same for scripts: backslashes become \x5c, so that the text can be restored.
 std::string printable_word(std::string_view text);
 
+// The four characters of a code, as they are in a file.
+std::string code_text(uint32_t code);
+
 }  // namespace tool
 
 #endif

@@ -194,6 +194,7 @@ class Scanner {
             if (scan_.tracks.size() < kMaxScannedTracks) {
                 scan_.tracks.emplace_back();
                 track_ = &scan_.tracks.back();
+                track_->offset = at;
             } else {
                 spare_ = {};
                 track_ = &spare_;

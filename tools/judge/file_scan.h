@@ -24,6 +24,7 @@ struct TopBox {
 // The boxes of a track that decide who can read it.
 struct TrackBoxes {
     uint32_t id = 0;
+    uint64_t offset = 0;               // of the box `trak`
     std::vector<std::string> tables;    // children of `stbl`, as `printable` shows them
     std::vector<std::string> entries;   // sample entries, the first few
     std::vector<std::string> version1;  // of `tkhd` and `mdhd`, those with 64-bit times

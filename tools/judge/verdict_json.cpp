@@ -9,7 +9,7 @@ Json describe(const Verdict& verdict, const std::string& input) {
              {"outcome", verdict.outcome()}, {"reason", word(verdict.reason)}};
     if (verdict.tried) {
         out["status"] = verdict.status;
-        out["text"] = kst_StatusString(verdict.status);
+        out["status_text"] = kst_StatusString(verdict.status);
     }
     if (verdict.track_id != 0) out["track_id"] = verdict.track_id;
     if (!verdict.why.empty()) out["why"] = verdict.why;

@@ -1,0 +1,83 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What each command prints with --json is as its schema in docs/json says, for every sample file."""
+
+import json
+import os
+import pathlib
+import subprocess
+import tempfile
+import unittest
+
+import jsonschema
+
+TOOL = os.environ["KESTREL_TOOL"]
+SAMPLES = pathlib.Path(os.environ["KESTREL_SAMPLES"])
+SCHEMAS = pathlib.Path(__file__).resolve().parent.parent / "docs" / "json"
+FILES = sorted(SAMPLES.glob("*.3gp")) + sorted((SAMPLES / "wild").glob("*.3gp"))
+
+
+def run(*arguments, stdin=None):
+    return subprocess.run([TOOL, *map(str, arguments)], input=stdin, capture_output=True,
+                          timeout=120)
+
+
+class JsonOutput(unittest.TestCase):
+    def setUp(self):
+        self.validators = {}
+        for path in SCHEMAS.glob("*.schema.json"):
+            schema = json.loads(path.read_text())
+            jsonschema.Draft202012Validator.check_schema(schema)
+            self.validators[path.name.split(".")[0]] = jsonschema.Draft202012Validator(schema)
+
+    def check(self, command, *arguments, stdin=None):
+        result = run(command, *arguments, "--json", stdin=stdin)
+        if not result.stdout:  # refused as a whole
+            self.assertNotEqual(result.returncode, 0)
+            return None
+        out = json.loads(result.stdout)
+        errors = [f"{list(error.path)}: {error.message}"
+                  for error in self.validators[command].iter_errors(out)]
+        self.assertEqual(errors, [], (command, arguments))
+        return out
+
+    def test_each_command_with_json_has_a_schema(self):
+        text = run("--help").stdout.decode()
+        commands = text[text.index("Commands:"):].split("\n")
+        with_json = {name for name in (line.split()[0] for line in commands[1:]
+                                       if line.startswith("  ") and line[2] != " ")
+                     if "--json" in run(name, "--help").stdout.decode()}
+        self.assertEqual(set(self.validators), with_json)
+
+    def test_files(self):
+        seen = set()
+        for file in FILES:
+            with self.subTest(file=file.name):
+                about = self.check("info", file)
+                self.check("boxes", file)
+                self.check("packets", file, "--hex")
+                for track in about["tracks"]:
+                    seen |= set(track)
+        self.assertLessEqual({"codec", "profile", "profile_and_level", "sync_sample_count", "width",
+                              "rotation", "hints_track", "samples_not_read", "created"}, seen)
+
+    def test_folder(self):
+        with tempfile.TemporaryDirectory() as folder:
+            scratch = pathlib.Path(folder)
+            for name in ("amrnb_plain", "h263_hinted"):
+                (scratch / f"{name}.3gp").write_bytes((SAMPLES / f"{name}.3gp").read_bytes())
+            (scratch / "empty.3gp").write_bytes(b"")
+            (scratch / "notes.txt").write_text("no clip")
+            for options in [(), ("--quick",), ("--api", "class")]:
+                about = self.check("check", scratch, scratch / "absent", *options)
+                self.assertEqual(about["summary"]["skipped"], 1)
+
+    def test_streams(self):
+        for name, mode in (("amrnb_plain", "ar"), ("amrwb_plain", "ar"), ("h264_plain", "vr"),
+                           ("mpeg4_plain", "vr"), ("h263_plain", "vr")):
+            stream = run("extract", SAMPLES / f"{name}.3gp", mode).stdout
+            self.check("inspect", "-", stdin=stream)
+            self.assertIn("damage", self.check("inspect", "-", stdin=stream[:-1]))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/field_reading.h"
+
+#include <chrono>
+
+#include "tools/report/markup.h"
+
+namespace tool {
+namespace {
+
+constexpr double kOne16 = 65536;  // of 16.16 numbers
+constexpr double kOne8 = 256;     // of 8.8 numbers
+constexpr int64_t kAllOnes = 0xFFFFFFFF;
+
+// "176", "176.5".
+std::string number_text(double value) {
+    const bool whole = value == static_cast<double>(static_cast<int64_t>(value));
+    return format(whole ? "%.0f" : "%.3f", value);
+}
+
+}  // namespace
+
+std::string date_text(uint64_t seconds) {
+    using std::chrono::days;
+    using std::chrono::hh_mm_ss;
+    using std::chrono::year;
+    constexpr uint64_t kDay = 86400;
+    constexpr uint64_t kMostDays = 4'000'000;  // so that the year has a name
+    if (seconds / kDay > kMostDays) return std::to_string(seconds) + " s after 1904";
+    const std::chrono::sys_days start(year(1904) / 1 / 1);
+    const std::chrono::year_month_day date(start + days(static_cast<int>(seconds / kDay)));
+    const auto rest = static_cast<unsigned>(seconds % kDay);
+    return format("%04d-%02u-%02uT%02u:%02u:%02uZ", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  rest / 3600, rest / 60 % 60, rest % 60);
+}
+
+std::string language_text(uint32_t packed) {
+    constexpr uint32_t kLetters = 3, kBits = 5, kBeforeA = 0x60;
+    std::string out;
+    for (uint32_t i = kLetters; i > 0; --i)
+        out += static_cast<char>(kBeforeA + (packed >> (kBits * (i - 1)) & 31));
+    const bool is_code = out.find_first_not_of("abcdefghijklmnopqrstuvwxyz") == std::string::npos;
+    return is_code ? out : std::to_string(packed);
+}
+
+void FieldReading::begin_box(std::string_view type) {
+    box_ = type;
+    timescale_ = 0;
+}
+
+std::string FieldReading::duration(uint32_t timescale, int64_t value) const {
+    if (timescale == 0 || value == kAllOnes) return "";
+    return std::to_string(value) +
+           format(" (%.3f s)", static_cast<double>(value) / static_cast<double>(timescale));
+}
+
+std::string FieldReading::of(std::string_view field, int64_t value) {
+    const bool is_header = box_ == "mvhd" || box_ == "tkhd" || box_ == "mdhd";
+    if (field == "timescale" && is_header) {
+        timescale_ = static_cast<uint32_t>(value);
+        if (box_ == "mvhd") movie_timescale_ = timescale_;
+    }
+    if (field == "creation_time" || field == "modification_time")
+        return value == 0 ? "" : date_text(static_cast<uint64_t>(value));
+    if (field == "duration" && is_header)
+        return duration(box_ == "tkhd" ? movie_timescale_ : timescale_, value);
+    if (field == "language" && box_ == "mdhd") return language_text(static_cast<uint32_t>(value));
+    if (field == "width" || field == "height") {
+        const auto pixels = static_cast<double>(value);
+        return number_text(box_ == "tkhd" ? pixels / kOne16 : pixels) + " px";
+    }
+    if (field == "horizontal_resolution" || field == "vertical_resolution")
+        return number_text(static_cast<double>(value) / kOne16) + " dpi";
+    if (field == "rate" && box_ == "mvhd") return number_text(static_cast<double>(value) / kOne16);
+    if (field == "volume") return number_text(static_cast<double>(value) / kOne8);
+    return "";
+}
+
+}  // namespace tool

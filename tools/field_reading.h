@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+// Fields of boxes as people read them: dates, pixels, languages, seconds.
+#ifndef KESTREL_TOOLS_FIELD_READING_H
+#define KESTREL_TOOLS_FIELD_READING_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+// "2026-11-22T01:02:03Z" of seconds since the beginning of 1904.
+std::string date_text(uint64_t seconds);
+// "eng" of a packed ISO 639-2/T code.
+std::string language_text(uint32_t packed);
+
+// Reads the fields of a tree's boxes in their order, as one says how to read another.
+class FieldReading {
+  public:
+    void begin_box(std::string_view type);
+
+    // Empty for a number that needs no more.
+    std::string of(std::string_view field, int64_t value);
+
+  private:
+    std::string duration(uint32_t timescale, int64_t value) const;
+
+    std::string box_;
+    uint32_t timescale_ = 0;  // of the box
+    uint32_t movie_timescale_ = 0;
+};
+
+}  // namespace tool
+
+#endif

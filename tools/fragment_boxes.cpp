@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/fragment_boxes.h"
+
+#include <algorithm>
+#include <array>
+#include <span>
+
+#include "common/bytes.h"
+
+namespace tool {
+namespace {
+
+constexpr uint32_t kHeader = 8;
+constexpr size_t kFieldBytes = 48;  // of a box, that hold its fields
+
+// Takes fields one after the other from the beginning of a box's body.
+class FieldReader {
+  public:
+    FieldReader(std::span<const uint8_t> body, std::vector<FragmentBox::Field>& out)
+        : reader_(body), out_(out) {
+        const uint32_t word = reader_.be32();
+        version_ = word >> 24;
+        flags_ = word & 0xFFFFFF;
+        add("version", version_);
+        add("flags", flags_);
+    }
+
+    bool has(uint32_t flag) const { return (flags_ & flag) != 0; }
+    void word(const char* name) { add(name, reader_.be32()); }
+    void signed_word(const char* name) { add(name, static_cast<int32_t>(reader_.be32())); }
+    // 32 bits in version 0, else 64.
+    void time(const char* name) {
+        const uint64_t high = version_ == 0 ? 0 : reader_.be32();
+        add(name, static_cast<int64_t>(high << 32 | reader_.be32()));
+    }
+    void double_word(const char* name) {
+        const uint64_t high = reader_.be32();
+        add(name, static_cast<int64_t>(high << 32 | reader_.be32()));
+    }
+
+  private:
+    void add(const char* name, int64_t value) {
+        if (reader_.ok()) out_.push_back({name, value});
+    }
+
+    kestrel::ByteReader reader_;
+    std::vector<FragmentBox::Field>& out_;
+    uint32_t version_ = 0;
+    uint32_t flags_ = 0;
+};
+
+void read_mfhd(FieldReader& in) {
+    in.word("sequence_number");
+}
+
+void read_mehd(FieldReader& in) {
+    in.time("fragment_duration");
+}
+
+void read_trex(FieldReader& in) {
+    in.word("track_id");
+    in.word("default_sample_description_index");
+    in.word("default_sample_duration");
+    in.word("default_sample_size");
+    in.word("default_sample_flags");
+}
+
+void read_tfhd(FieldReader& in) {
+    in.word("track_id");
+    if (in.has(0x01)) in.double_word("base_data_offset");
+    if (in.has(0x02)) in.word("sample_description_index");
+    if (in.has(0x08)) in.word("default_sample_duration");
+    if (in.has(0x10)) in.word("default_sample_size");
+    if (in.has(0x20)) in.word("default_sample_flags");
+}
+
+void read_tfdt(FieldReader& in) {
+    in.time("base_media_decode_time");
+}
+
+void read_trun(FieldReader& in) {
+    in.word("sample_count");
+    if (in.has(0x1)) in.signed_word("data_offset");
+    if (in.has(0x4)) in.word("first_sample_flags");
+}
+
+struct Kind {
+    std::string_view type;
+    void (*read)(FieldReader&);
+};
+
+constexpr std::array kKinds = {Kind{"mfhd", read_mfhd}, Kind{"mehd", read_mehd},
+                               Kind{"trex", read_trex}, Kind{"tfhd", read_tfhd},
+                               Kind{"tfdt", read_tfdt}, Kind{"trun", read_trun}};
+
+// How many of the bytes at `offset` there are.
+size_t read_bytes(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset, std::span<uint8_t> to) {
+    if (offset > UINT32_MAX) return 0;
+    uint32_t got = 0;
+    const uint32_t status =
+        stream->IndexRead(stream->Context, to.data(), static_cast<uint32_t>(offset),
+                          static_cast<uint32_t>(to.size()), &got);
+    return status == 0 ? std::min<size_t>(got, to.size()) : 0;
+}
+
+void read_fields(KST_IOSTREAM_CALLBACK_INTERFACE* stream, FragmentBox& box) {
+    const auto* kind = std::find_if(kKinds.begin(), kKinds.end(),
+                                    [&](const Kind& one) { return one.type == box.type; });
+    if (kind == kKinds.end()) return;
+    std::array<uint8_t, kFieldBytes> raw{};
+    const std::span body(raw.data(), std::min<size_t>(raw.size(), box.size - kHeader));
+    FieldReader reader(body.first(read_bytes(stream, box.offset + kHeader, body)), box.fields);
+    kind->read(reader);
+}
+
+// The boxes of one level; those of a track fragment as well, which do not nest.
+std::vector<FragmentBox> read_level(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset,
+                                    uint64_t size, bool opens_tracks) {
+    std::vector<FragmentBox> boxes;
+    const uint64_t end = offset + size;
+    for (uint64_t at = offset + kHeader; at + kHeader <= end;) {
+        std::array<uint8_t, kHeader> raw{};
+        if (read_bytes(stream, at, raw) < raw.size()) break;
+        FragmentBox box;
+        box.size = kestrel::load_be32(raw.data());
+        if (box.size < kHeader || box.size > end - at) break;
+        box.type.assign(reinterpret_cast<const char*>(&raw[4]), 4);
+        box.offset = at;
+        if (box.type == "traf" && opens_tracks) {
+            box.children = read_level(stream, at, box.size, false);
+        } else {
+            read_fields(stream, box);
+        }
+        at += box.size;
+        boxes.push_back(std::move(box));
+    }
+    return boxes;
+}
+
+}  // namespace
+
+bool has_fragment_boxes(std::string_view type) {
+    return type == "moof" || type == "mvex";
+}
+
+std::vector<FragmentBox> read_fragment_boxes(KST_IOSTREAM_CALLBACK_INTERFACE* stream,
+                                             uint64_t offset, uint64_t size) {
+    return read_level(stream, offset, size, true);
+}
+
+}  // namespace tool

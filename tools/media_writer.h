@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+// Rebuilding the media file of a native stream.
+#ifndef KESTREL_TOOLS_MEDIA_WRITER_H
+#define KESTREL_TOOLS_MEDIA_WRITER_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "companion/stream/depacketise.h"
+#include "tools/support.h"
+
+namespace tool {
+
+// Writes a .amr, .h263, .m4v or .h264 file from the records of a stream.
+class MediaWriter final : public kestrel::stream::RecordSink {
+  public:
+    explicit MediaWriter(Output& output) : output_(output) {}
+
+    bool wants_records() const override { return false; }
+    void header(const kestrel::stream::StreamHeader& header) override;
+    void speech_frame(std::span<const uint8_t> frame) override;
+    void video_packet(const kestrel::stream::VideoPacket& packet) override;
+    // Writes what was held back.
+    void finish();
+
+    bool made_any() const { return made_any_; }
+    // What the medium lacks: "2 packets are missing"; empty for nothing.
+    std::string lacks() const;
+
+  private:
+    void count_missing(uint16_t sequence);
+    void write_text(const char* text);
+
+    Output& output_;
+    std::unique_ptr<kestrel::stream::Depacketiser> depacketiser_;
+    bool made_any_ = false;
+    std::optional<uint16_t> last_;  // sequence number
+    uint64_t missing_ = 0;
+    uint64_t malformed_ = 0;
+};
+
+}  // namespace tool
+
+#endif
