@@ -30,6 +30,10 @@ AROUND = {
     "hinter.h": C_PLAYER + """
         #include <kestrel/hosts.h>
         void hint(kst_host* upload, kst_host* hinted) { %s }""",
+    "probe.h": C_PLAYER + """
+        #include <kestrel/hosts.h>
+        #include <kestrel/status.h>
+        void look(kst_host* host) { %s }""",
     "kestrel.h": C_PLAYER + """
         void consume(const unsigned char*, uint32_t);
         int32_t play(KST_IOSTREAM_CALLBACK_INTERFACE* callbacks) {

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "boxes/field_visitor.h"
-#include "boxes/foreign_codec.h"
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
 #include "tools/commands.h"
@@ -13,9 +12,6 @@
 #include "tools/support.h"
 
 // The box tree of a file as the object model sees it.
-
-// The library ends the process here; a tree is shown whatever the codec.
-void Qvox3gp::meet_foreign_codec() {}
 
 namespace tool {
 namespace {

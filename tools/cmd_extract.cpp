@@ -138,7 +138,7 @@ Error open_error(kst_host* host, const Options& options, int32_t status) {
             "MODE '" + options.mode + "' is not known: ar plays audio, vr plays video",
             kWrongUsage);
     }
-    return open_error(host, options.input, options.api, kind_of(options.mode), status);
+    return tool::open_error(host, options.input, options.api, kind_of(options.mode), status);
 }
 
 std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {

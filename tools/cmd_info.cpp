@@ -3,6 +3,7 @@
 #include <optional>
 #include <sstream>
 
+#include "companion/probe/track_info.h"
 #include "interface/src/isoff/record/private.h"
 #include "tools/commands.h"
 #include "tools/field_reading.h"
@@ -40,10 +41,9 @@ void add_date(Json& out, const char* name, uint32_t seconds) {
 }
 
 // The codec of a track: four-character code, name, profile and level.
-void add_codec(const FileFacts& facts, const iso_track* track, Json& out) {
-    const TrackBoxes* boxes = facts.scan.track(track->track_id);
-    if (boxes != nullptr && !boxes->entries.empty()) out["codec"] = boxes->entries.front();
-    out["codec_name"] = codec_name(track->codec);
+void add_codec(const kst_probe_track& about, const iso_track* track, Json& out) {
+    if (about.codec[0] != '\0') out["codec"] = about.codec;
+    out["codec_name"] = about.codec_name;
     if (track->codec == ISO_CODEC_S263 || track->codec == ISO_CODEC_AVC1) {
         out["profile"] = track->profile;
         out["level"] = track->level;
@@ -57,20 +57,21 @@ Json describe_track(const FileFacts& facts, iso_track* track) {
     int bytes = 0;
     double duration = 0.0;
     isoFFtrackInfo(track, nullptr, &samples, &duration, &bytes);
-    Json out{{"track_id", track->track_id}, {"handler", track->handler}};
-    add_codec(facts, track, out);
-    out["timescale"] = track->timescale;
-    out["duration"] = track->duration;
+    const kst_probe_track about = kestrel::probe::describe_track(facts, track);
+    Json out{{"track_id", about.track_id}, {"handler", track->handler}};
+    add_codec(about, track, out);
+    out["timescale"] = about.timescale;
+    out["duration"] = about.duration;
     out["duration_seconds"] = duration;
     out["sample_count"] = samples;
     out["bytes"] = static_cast<uint32_t>(bytes);
-    out["language"] = language_text(track->own->language);
+    out["language"] = about.language;
     add_date(out, "created", track->creation_time);
     add_date(out, "modified", track->modification_time);
-    if (is_hint(track)) {
-        out["hints_track"] = track->hint_track_ref;
+    if (about.medium == KST_MEDIUM_HINT) {
+        out["hints_track"] = about.hints_track;
         out["rtp_timescale"] = track->rtp_timescale;
-        out["longest_packet"] = track->rtp_max_packet;
+        out["longest_packet"] = about.longest_packet;
     } else if (std::string(track->handler) == "vide") {
         out["width"] = track->width;
         out["height"] = track->height;
@@ -78,7 +79,7 @@ Json describe_track(const FileFacts& facts, iso_track* track) {
     } else if (track->codec == ISO_CODEC_SAMR || track->codec == ISO_CODEC_SAWB) {
         out["frames_per_sample"] = track->frames_per_sample;
     }
-    if (track->sync_count > 0) out["sync_sample_count"] = track->sync_count;
+    if (about.sync_samples > 0) out["sync_sample_count"] = about.sync_samples;
     return out;
 }
 

@@ -5,11 +5,11 @@
 #include <filesystem>
 
 #include "common/bytes.h"
+#include "companion/probe/media_tracks.h"
 #include "tools/capture.h"
 #include "tools/commands.h"
 #include "tools/json_printer.h"
 #include "tools/judge/child_process.h"
-#include "tools/judge/media_tracks.h"
 #include "tools/support.h"
 #include "tools/whole_output.h"
 

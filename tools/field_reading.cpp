@@ -3,6 +3,7 @@
 
 #include <chrono>
 
+#include "companion/probe/track_info.h"
 #include "tools/report/markup.h"
 
 namespace tool {
@@ -35,15 +36,6 @@ std::string date_text(uint64_t seconds) {
                   rest / 3600, rest / 60 % 60, rest % 60);
 }
 
-std::string language_text(uint32_t packed) {
-    constexpr uint32_t kLetters = 3, kBits = 5, kBeforeA = 0x60;
-    std::string out;
-    for (uint32_t i = kLetters; i > 0; --i)
-        out += static_cast<char>(kBeforeA + (packed >> (kBits * (i - 1)) & 31));
-    const bool is_code = out.find_first_not_of("abcdefghijklmnopqrstuvwxyz") == std::string::npos;
-    return is_code ? out : std::to_string(packed);
-}
-
 void FieldReading::begin_box(std::string_view type) {
     box_ = type;
     timescale_ = 0;
@@ -65,7 +57,8 @@ std::string FieldReading::of(std::string_view field, int64_t value) {
         return value == 0 ? "" : date_text(static_cast<uint64_t>(value));
     if (field == "duration" && is_header)
         return duration(box_ == "tkhd" ? movie_timescale_ : timescale_, value);
-    if (field == "language" && box_ == "mdhd") return language_text(static_cast<uint32_t>(value));
+    if (field == "language" && box_ == "mdhd")
+        return kestrel::probe::language_text(static_cast<uint32_t>(value));
     if (field == "width" || field == "height") {
         const auto pixels = static_cast<double>(value);
         return number_text(box_ == "tkhd" ? pixels / kOne16 : pixels) + " px";

@@ -11,8 +11,6 @@ namespace tool {
 
 // "2026-11-22T01:02:03Z" of seconds since the beginning of 1904.
 std::string date_text(uint64_t seconds);
-// "eng" of a packed ISO 639-2/T code.
-std::string language_text(uint32_t packed);
 
 // Reads the fields of a tree's boxes in their order, as one says how to read another.
 class FieldReading {

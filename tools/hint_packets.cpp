@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "tools/judge/media_tracks.h"
+#include "companion/probe/media_tracks.h"
 
 namespace tool {
 namespace {

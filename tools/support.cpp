@@ -240,29 +240,4 @@ std::string hex(std::span<const uint8_t> bytes) {
     return out;
 }
 
-const char* codec_name(int32_t codec) {
-    switch (codec) {
-        case ISO_CODEC_MP4V:
-            return "MPEG-4 Visual";
-        case ISO_CODEC_MP4A:
-            return "AAC";
-        case ISO_CODEC_S263:
-            return "H.263";
-        case ISO_CODEC_SAMR:
-            return "AMR-NB";
-        case ISO_CODEC_AVC1:
-            return "H.264";
-        case ISO_CODEC_SAWB:
-            return "AMR-WB";
-        case ISO_CODEC_SAWP:
-            return "AMR-WB+";
-        case ISO_CODEC_RTP:
-            return "RTP hints";
-        case ISO_CODEC_SRTP:
-            return "SRTP hints";
-        default:
-            return "unknown";
-    }
-}
-
 }  // namespace tool

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "companion/probe/file_facts.h"
 #include "kestrel/c3gpinterface.h"
 #include "kestrel/hosts.h"
 #include "kestrel/isoff.h"
@@ -24,6 +25,8 @@
 #include "tools/text.h"
 
 namespace tool {
+
+using namespace kestrel::probe;
 
 enum ExitCode { kDone = 0, kFailed = 1, kWrongUsage = 2 };
 
@@ -70,18 +73,10 @@ void refuse_failed(const kst_host* host, const std::string& input);
 // `status` is the reason.
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status);
 
-// The library's two ways in.
-enum class Api { kFunction, kClass };
-
 using ClassObject = std::unique_ptr<C3gpInterface>;
 
 // The same on the class API.
 ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status);
-
-struct FileCloser {
-    void operator()(iso_file* file) const { isoFFclose(file); }
-};
-using IsoFile = std::unique_ptr<iso_file, FileCloser>;
 
 // Waits until all of a file that is still arriving is there.
 void wait_for_all(kst_host* host);
@@ -159,9 +154,6 @@ class Progress {
 
 // Two lower-case digits a byte.
 std::string hex(std::span<const uint8_t> bytes);
-
-// Of a sample entry: "AMR-NB" for ISO_CODEC_SAMR and so on.
-const char* codec_name(int32_t codec);
 
 }  // namespace tool
 

@@ -10,7 +10,7 @@
 #include <cerrno>
 
 #include "tools/descriptor.h"
-#include "tools/judge/file_facts.h"
+#include "tools/judge/facts.h"
 
 namespace tool {
 namespace {

@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "tools/judge/media_tracks.h"
+#include "companion/probe/media_tracks.h"
 #include "tools/support.h"
 
 namespace tool {

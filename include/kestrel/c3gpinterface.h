@@ -20,8 +20,8 @@
 // **Open can end the process**, and no other function can. On an object that is not open, with a
 // mode and a table that it accepts, it writes a line to the standard error stream and exits with
 // status 1 if any track of the file, whatever the mode, has a sample entry "mp4v" whose "esds"
-// declares another object type than MPEG-4 Visual. A host that must not end examines the file
-// first, or opens it in a process of its own.
+// declares another object type than MPEG-4 Visual. A host that must not end asks
+// kst_probe_open (kestrel/probe.h) first, or opens the file in a process of its own.
 //
 // Why something failed goes to the system log (kestrel/log.h): one error for each call that fails,
 // so also for each Open of a file that has not arrived far enough; KST_NOT_YET writes nothing at

@@ -68,7 +68,8 @@ enum {
  * - KST_BAD_MODE: `mode` is null (`*handle_out` was not touched) or not understood (it is null).
  * - KST_NO_MEMORY: `*handle_out` is null or was not touched: set it to null before the call.
  * - KST_FAILURE: no track fits, the file is no 3GP file, or its movie box has not arrived whole.
- *   `*handle_out` is null. The system log has the reason. While the file arrives, move the stream
+ *   `*handle_out` is null. The system log has the reason, and so has
+ *   kst_probe_open (kestrel/probe.h). While the file arrives, move the stream
  *   back to offset 0 and call again.
  */
 KESTREL_API int32_t kst_Open(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,

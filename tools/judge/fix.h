@@ -10,7 +10,7 @@
 
 #include "tools/descriptor.h"
 #include "tools/judge/child_process.h"
-#include "tools/judge/file_facts.h"
+#include "tools/judge/facts.h"
 #include "tools/judge/trial.h"
 
 namespace tool {

@@ -5,9 +5,10 @@
 
 #include <cstdint>
 
+#include "companion/probe/media_tracks.h"
 #include "tools/judge/child_process.h"
 #include "tools/judge/media_tally.h"
-#include "tools/judge/media_tracks.h"
+#include "tools/support.h"
 
 namespace tool {
 

@@ -14,40 +14,6 @@ using End = ChildResult::End;
 
 constexpr uint32_t kLeastLarge = 60000;  // bytes of a sample that an API may have no room for
 
-// What one judgement is about.
-struct Subject {
-    const FileFacts& facts;
-    Api api;
-    MediaKind kind;
-    const iso_track* track;         // as the library's reader has it; null for none
-    const ImportedTrack* imported;  // the same with all its samples; null for a plain file
-    Expected expected;              // of the track
-
-    bool has_track() const { return track != nullptr || imported != nullptr; }
-    uint32_t track_id() const {
-        return track != nullptr ? track->track_id : imported != nullptr ? imported->id : 0;
-    }
-    int32_t codec() const {
-        return track != nullptr      ? track->codec
-               : imported != nullptr ? imported->codec
-                                     : int32_t{ISO_CODEC_NONE};
-    }
-};
-
-// Of the tracks that the reader did not find, the last.
-const ImportedTrack* unread_track(const FileFacts& facts, MediaKind kind) {
-    const auto found = std::find_if(facts.imported.rbegin(), facts.imported.rend(),
-                                    [&](const ImportedTrack& track) { return track.is_of(kind); });
-    return found == facts.imported.rend() ? nullptr : &*found;
-}
-
-Subject subject_of(const FileFacts& facts, Api api, MediaKind kind) {
-    const iso_track* track = track_for(facts.file.get(), api, kind);
-    const ImportedTrack* imported =
-        track != nullptr ? facts.imported_track(track->track_id) : unread_track(facts, kind);
-    return {facts, api, kind, track, imported, expected_of(track, imported)};
-}
-
 // --- how much came out ---
 
 // What the samples of a track of speech are.
@@ -116,57 +82,6 @@ bool plays(const Subject& subject, const TrialResult& result) {
            !has_misplaced_speech(subject, counts);
 }
 
-// --- what the file's boxes explain ---
-
-const TrackBoxes* boxes_of(const Subject& subject) {
-    return subject.has_track() ? subject.facts.scan.track(subject.track_id()) : nullptr;
-}
-
-bool is_encrypted(const Subject& subject) {
-    const TrackBoxes* boxes = boxes_of(subject);
-    return (boxes != nullptr && boxes->is_encrypted()) ||
-           (subject.imported != nullptr && subject.imported->is_encrypted != 0);
-}
-
-// The name of a box in a form that neither API reads, and that stands for one which playing needs;
-// empty for none.
-std::string unread_table(const Subject& subject) {
-    const TrackBoxes* boxes = boxes_of(subject);
-    if (boxes == nullptr) return "";
-    for (const char* type : {"stz2", "co64"}) {
-        if (boxes->has_table(type)) return type;
-    }
-    return "";
-}
-
-// The same, of boxes that an API may as well do without.
-std::string unknown_table(const Subject& subject) {
-    const TrackBoxes* boxes = boxes_of(subject);
-    if (boxes == nullptr || !unread_table(subject).empty()) return unread_table(subject);
-    for (const char* type : {"sgpd", "sbgp"}) {
-        if (std::count(boxes->tables.begin(), boxes->tables.end(), type) > 1)
-            return std::string("a second ") + type;
-    }
-    return boxes->version1.empty() ? "" : "version 1 of " + boxes->version1.front();
-}
-
-bool has_odd_sizes(const FileFacts& facts) {
-    return facts.scan.has_large_sizes || facts.scan.has_open_sizes;
-}
-
-bool is_whole(const iso_track* track, uint32_t size) {
-    return outside_file(track, size).chunks == 0;
-}
-
-// True when data that the tables place after the end of the file is missing.
-bool lacks_data(const Subject& subject, int64_t status) {
-    if (status == KST_NOT_YET) return true;
-    if (subject.track == nullptr) return false;
-    const uint32_t size = subject.facts.scan.file_size;
-    const iso_track* hint = hint_track_of(subject.facts.file.get(), subject.track);
-    return !is_whole(subject.track, size) || (hint != nullptr && !is_whole(hint, size));
-}
-
 // --- the reason ---
 
 // Of what did not open, or failed before its end.
@@ -227,25 +142,6 @@ Reason reason_of(const Subject& subject, const TrialResult& result) {
     return reason_of_failure(subject, result.trial);
 }
 
-// Of the tables alone.
-Reason reason_by_tables(const Subject& subject) {
-    const iso_file* file = subject.facts.file.get();
-    const iso_track* track = subject.track;
-    if (is_encrypted(subject)) return Reason::kEncrypted;
-    if (!plays_codec(subject.api, subject.codec())) return Reason::kCodec;
-    if (track == nullptr)
-        return has_odd_sizes(subject.facts) ? Reason::kLargeBox : Reason::kDamaged;
-    if (subject.api == Api::kClass) {
-        if (has_several(file, subject.kind)) return Reason::kSeveralTracks;
-        if (has_hints(file) && is_self_hinted(file, track)) return Reason::kSelfHinted;
-        if (hint_track_of(file, track) == nullptr) return Reason::kNoHintTrack;
-    }
-    if (subject.expected.in_fragments > 0) return Reason::kFragmented;
-    if (!unread_table(subject).empty()) return Reason::kUnknownTable;
-    if (subject.expected.pictures == 0) return Reason::kDamaged;
-    return lacks_data(subject, KST_SUCCESS) ? Reason::kIncomplete : Reason::kNotPlayed;
-}
-
 // --- sentences ---
 
 // How much comes out, of what lacks some.
@@ -261,25 +157,6 @@ std::string amount(const Subject& subject, const MediaCounts& counts) {
     return format(
         percent > 99 ? "%.2f %% of the bytes of its %s" : "%.0f %% of the bytes of its %s",
         std::min(percent, 99.99), word(subject.kind));
-}
-
-std::string name_of_codec(const Subject& subject) {
-    std::string codec = codec_name(subject.codec());
-    if (codec != "unknown") return codec;
-    const TrackBoxes* boxes = boxes_of(subject);
-    if (boxes == nullptr || boxes->entries.empty())
-        return "this " + std::string(word(subject.kind)) + " codec";
-    return "the codec '" + boxes->entries.front() + "'";
-}
-
-// "72 bytes of 'mdat' are missing", of a file that ends inside a box; empty for another.
-std::string missing_bytes(const FileScan& scan) {
-    for (const TopBox& box : scan.boxes) {
-        if (!box.cut) continue;
-        return show_count(box.offset + box.size - scan.file_size) + " bytes of '" + box.type +
-               "' are missing";
-    }
-    return "";
 }
 
 std::string why_incomplete(const Subject& subject, const Verdict& verdict) {
@@ -321,59 +198,18 @@ std::string why_damaged(const Subject& subject, const Verdict& verdict, const Tr
 }
 
 std::string why(const Subject& subject, const Verdict& verdict, const TrialResult& result) {
-    const std::string medium = word(subject.kind);
     switch (verdict.reason) {
-        case Reason::kPlays:
-        case Reason::kNotPlayed:
-            return "";
-        case Reason::kNoTrack:
-            return "The file has no " + medium + " track.";
-        case Reason::kNoHintTrack:
-            return (has_hints(subject.facts.file.get())
-                        ? "No RTP hint track refers to the " + medium
-                        : "The " + medium + " has no RTP hint track") +
-                   ", and this API plays nothing else.";
-        case Reason::kSelfHinted:
-            return "The packets of the " + medium +
-                   " are in the hint track itself, where this API does not look for them.";
-        case Reason::kCodec:
-            return "This API does not play " + name_of_codec(subject) +
-                   (plays_codec(Api::kFunction, subject.codec())
-                        ? "; the function API does."
-                        : "; convert it with another tool first.");
-        case Reason::kEncrypted:
-            return "The " + medium + " is encrypted.";
-        case Reason::kSeveralTracks:
-            return "The file has several " + medium +
-                   " tracks, and this API plays a file with one.";
-        case Reason::kFragmented:
-            return show_count(subject.expected.in_fragments) + " samples of the " + medium +
-                   " are in movie fragments, which this API does not read.";
-        case Reason::kLargeBox:
-            return "A box declares its size in a form that this API does not read: with 64 bits, "
-                   "or "
-                   "to the end of the file.";
-        case Reason::kUnknownTable:
-            return "The " + medium +
-                   " has a table that this API does not read: " + unknown_table(subject) + ".";
-        case Reason::kLargeFrame:
-            return "A sample of " + show_count(subject.expected.largest) +
-                   " bytes is larger than this API can hold.";
         case Reason::kIncomplete:
             return why_incomplete(subject, verdict);
         case Reason::kImplausible:
             return why_implausible(subject, result.trial.counts);
         case Reason::kDamaged:
             return why_damaged(subject, verdict, result);
-        case Reason::kEndsProcess:
-            return "Opening ends the whole process: there is an MPEG-4 sample entry of another "
-                   "codec.";
-        case Reason::kMemory:
-            return "Playing it takes more memory than its tables account for.";
         case Reason::kTimeout:
             return "Judging it was not done in time; --timeout gives it more.";
+        default:
+            return why_by_tables(subject, verdict.reason);
     }
-    return "";
 }
 
 std::string quoted(const std::string& text) {
@@ -401,66 +237,7 @@ std::string quoted(const std::string& text) {
     return out + "'";
 }
 
-bool may_have_fix(Reason reason) {
-    switch (reason) {
-        case Reason::kNoHintTrack:
-        case Reason::kSelfHinted:
-        case Reason::kFragmented:
-        case Reason::kLargeBox:
-        case Reason::kUnknownTable:
-        case Reason::kLargeFrame:
-        case Reason::kIncomplete:
-        case Reason::kImplausible:
-        case Reason::kDamaged:
-            return true;
-        default:
-            return false;
-    }
-}
-
 }  // namespace
-
-const char* word(Reason reason) {
-    switch (reason) {
-        case Reason::kPlays:
-            return "plays";
-        case Reason::kNoTrack:
-            return "no-track";
-        case Reason::kNoHintTrack:
-            return "no-hint-track";
-        case Reason::kSelfHinted:
-            return "self-hinted";
-        case Reason::kCodec:
-            return "codec";
-        case Reason::kEncrypted:
-            return "encrypted";
-        case Reason::kSeveralTracks:
-            return "several-tracks";
-        case Reason::kFragmented:
-            return "fragmented";
-        case Reason::kLargeBox:
-            return "large-box";
-        case Reason::kUnknownTable:
-            return "unknown-table";
-        case Reason::kLargeFrame:
-            return "large-frame";
-        case Reason::kIncomplete:
-            return "incomplete";
-        case Reason::kImplausible:
-            return "implausible";
-        case Reason::kDamaged:
-            return "damaged";
-        case Reason::kEndsProcess:
-            return "ends-process";
-        case Reason::kMemory:
-            return "memory";
-        case Reason::kTimeout:
-            return "timeout";
-        case Reason::kNotPlayed:
-            return "not-played";
-    }
-    return "";
-}
 
 const char* Verdict::outcome() const {
     if (plays()) return "plays";
@@ -534,12 +311,6 @@ std::vector<Verdict> Judge::judge_all() {
             verdicts.push_back(judge(api, kind));
     }
     return verdicts;
-}
-
-Reason reason_for_no_media(const FileFacts& facts) {
-    if (may_lack_tracks(facts)) return Reason::kDamaged;
-    if (facts.scan.has_movie && has_odd_sizes(facts)) return Reason::kLargeBox;
-    return facts.scan.damage.empty() ? Reason::kNoTrack : Reason::kDamaged;
 }
 
 Error open_error(kst_host* host, const std::string& input, Api api, MediaKind kind,

@@ -9,34 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "companion/probe/media_tracks.h"
+#include "companion/probe/reasons.h"
 #include "tools/judge/child_process.h"
-#include "tools/judge/file_facts.h"
+#include "tools/judge/facts.h"
 #include "tools/judge/fix.h"
-#include "tools/judge/media_tracks.h"
 #include "tools/judge/trial.h"
 
 namespace tool {
-
-enum class Reason {
-    kPlays,          // opens, and all samples that the file has are delivered
-    kNoTrack,        // the file has no track of the medium
-    kNoHintTrack,    // the class API needs one
-    kSelfHinted,     // the payloads are in the hint track itself, where the class API does not look
-    kCodec,          // the API does not play this codec
-    kEncrypted,      // the track is encrypted
-    kSeveralTracks,  // the class API accepts one track of the medium
-    kFragmented,     // samples are in movie fragments, which the APIs do not read
-    kLargeBox,       // a box declares its size in a form that the API does not read
-    kUnknownTable,   // a table of the track has a form that the API does not read
-    kLargeFrame,     // a sample is larger than the API can hold
-    kIncomplete,     // the file ends too early, or less comes out than it has
-    kImplausible,    // what comes out cannot be of the codec: bytes of a wrong place
-    kDamaged,        // a box, a table or a sample is malformed, or nothing comes out
-    kEndsProcess,    // opening ends the process (see kestrel/c3gpinterface.h)
-    kMemory,         // playing takes more memory than is allowed
-    kTimeout,        // judging was not done in time
-    kNotPlayed       // the tables show no reason against it, and it was not tried
-};
 
 struct Verdict {
     Api api = Api::kFunction;
@@ -58,9 +38,6 @@ struct Verdict {
     // "plays", "stops before its end" and so on, for a person.
     const char* outcome() const;
 };
-
-// One word, which scripts may rely on.
-const char* word(Reason reason);
 
 // "status 12: Hint tracks are required"; the number alone where the text says nothing.
 std::string status_words(int32_t status);
@@ -90,9 +67,6 @@ class Judge {
     ChildLimits limits_;
     FixFinder fixes_;
 };
-
-// Why no medium was found in a file that has a file type or a movie box, or not all of them.
-Reason reason_for_no_media(const FileFacts& facts);
 
 // The error of a command that an API, returning `status`, gave no track to: the reason that the
 // boxes of the file show, and the status. Nothing is tried.

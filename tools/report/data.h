@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/judge/file_facts.h"
+#include "tools/judge/facts.h"
 #include "tools/judge/verdict.h"
 #include "tools/support.h"
 

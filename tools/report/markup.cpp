@@ -65,16 +65,6 @@ std::string show_bytes(uint64_t bytes) {
     return format("%.2f GB", value / 1e9);
 }
 
-std::string show_count(uint64_t count) {
-    const std::string digits = std::to_string(count);
-    std::string out;
-    for (size_t i = 0; i < digits.size(); ++i) {
-        if (i > 0 && (digits.size() - i) % 3 == 0) out += ',';
-        out += digits[i];
-    }
-    return out;
-}
-
 std::string show_seconds(double seconds) {
     if (seconds < 60) return format("%.2f s", seconds);
     const auto whole = static_cast<uint64_t>(std::llround(seconds));

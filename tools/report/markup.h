@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "companion/probe/reasons.h"
+
 namespace tool {
 
 // Escapes for HTML and XML, between tags and in quoted attributes. Invalid UTF-8, characters that
@@ -17,8 +19,7 @@ std::string format(const char* form, ...) __attribute__((format(printf, 1, 2)));
 
 // "61.2 kB", "4.0 GB"; "1 byte".
 std::string show_bytes(uint64_t bytes);
-// "12,345".
-std::string show_count(uint64_t count);
+using kestrel::probe::show_count;
 // "2.00 s", "14:03", "1:00:00".
 std::string show_seconds(double seconds);
 // "12.3 kbit/s".

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "interface/src/isoff/quiet.h"
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/write/writer.h"
 
@@ -80,6 +81,14 @@ void release(iso_file* file) {
 }
 
 }  // namespace
+
+iso_file* kestrel::open_quietly(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream) {
+    iso_file* file = new_record(stream);
+    if (file == nullptr) return nullptr;
+    file->own->remarks = kMaxRemarks + 1;
+    read_header(file);
+    return file;
+}
 
 iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* mode, int* error) {
     const char first = mode == nullptr ? '\0' : mode[0];

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The boxes of a file by their headers alone, and what is wrong with them: what can be said of a
 // file that no reader takes.
-#ifndef KESTREL_TOOLS_JUDGE_FILE_SCAN_H
-#define KESTREL_TOOLS_JUDGE_FILE_SCAN_H
+#ifndef KESTREL_COMPANION_PROBE_FILE_SCAN_H
+#define KESTREL_COMPANION_PROBE_FILE_SCAN_H
 
 #include <cstdint>
 #include <string>
@@ -11,10 +11,10 @@
 
 #include "kestrel/stream.h"
 
-namespace tool {
+namespace kestrel::probe {
 
 struct TopBox {
-    std::string type;  // as `printable` shows it
+    std::string type;  // with other bytes than ASCII as \xNN
     uint64_t offset = 0;
     uint64_t size = 0;    // as the header declares
     bool cut = false;     // ends after the end of the file
@@ -24,8 +24,8 @@ struct TopBox {
 // The boxes of a track that decide who can read it.
 struct TrackBoxes {
     uint32_t id = 0;
-    uint64_t offset = 0;               // of the box `trak`
-    std::vector<std::string> tables;    // children of `stbl`, as `printable` shows them
+    uint64_t offset = 0;                // of the box `trak`
+    std::vector<std::string> tables;    // children of `stbl`, as in TopBox
     std::vector<std::string> entries;   // sample entries, the first few
     std::vector<std::string> version1;  // of `tkhd` and `mdhd`, those with 64-bit times
 
@@ -61,6 +61,6 @@ inline constexpr uint32_t kMaxBoxes = 50000;
 inline constexpr size_t kMaxTopBoxes = 200;
 inline constexpr size_t kMaxScannedTracks = 64;
 
-}  // namespace tool
+}  // namespace kestrel::probe
 
 #endif

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/judge/media_tracks.h"
+#include "companion/probe/media_tracks.h"
 
 #include <algorithm>
 #include <cstring>
@@ -10,7 +10,7 @@
 #include "common/bytes.h"
 #include "interface/src/isoff/record/private.h"
 
-namespace tool {
+namespace kestrel::probe {
 namespace {
 
 const char* handler_of(MediaKind kind) {
@@ -206,4 +206,29 @@ Outside outside_file(const iso_track* track, uint32_t size) {
     return out;
 }
 
-}  // namespace tool
+const char* codec_name(int32_t codec) {
+    switch (codec) {
+        case ISO_CODEC_MP4V:
+            return "MPEG-4 Visual";
+        case ISO_CODEC_MP4A:
+            return "AAC";
+        case ISO_CODEC_S263:
+            return "H.263";
+        case ISO_CODEC_SAMR:
+            return "AMR-NB";
+        case ISO_CODEC_AVC1:
+            return "H.264";
+        case ISO_CODEC_SAWB:
+            return "AMR-WB";
+        case ISO_CODEC_SAWP:
+            return "AMR-WB+";
+        case ISO_CODEC_RTP:
+            return "RTP hints";
+        case ISO_CODEC_SRTP:
+            return "SRTP hints";
+        default:
+            return "unknown";
+    }
+}
+
+}  // namespace kestrel::probe

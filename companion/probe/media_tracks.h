@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tracks of a file by what they carry, and which of them an API takes.
-#ifndef KESTREL_TOOLS_JUDGE_MEDIA_TRACKS_H
-#define KESTREL_TOOLS_JUDGE_MEDIA_TRACKS_H
+#ifndef KESTREL_COMPANION_PROBE_MEDIA_TRACKS_H
+#define KESTREL_COMPANION_PROBE_MEDIA_TRACKS_H
 
 #include <array>
 #include <cstdint>
 
-#include "tools/support.h"
+#include "kestrel/isoff.h"
 
-namespace tool {
+namespace kestrel::probe {
+
+// The library's two ways in.
+enum class Api { kFunction, kClass };
 
 enum class MediaKind { kAudio, kVideo };
 
@@ -26,6 +29,9 @@ bool is_of(const iso_track* track, MediaKind kind);
 bool has_medium(const iso_file* file, MediaKind kind);
 
 bool plays_codec(Api api, int32_t codec);
+
+// Of a sample entry: "AMR-NB" for ISO_CODEC_SAMR and so on; "unknown".
+const char* codec_name(int32_t codec);
 
 // The track that the API takes, else the first of the medium; null where there is none.
 const iso_track* track_for(const iso_file* file, Api api, MediaKind kind);
@@ -61,6 +67,6 @@ struct Outside {
 };
 Outside outside_file(const iso_track* track, uint32_t size);
 
-}  // namespace tool
+}  // namespace kestrel::probe
 
 #endif

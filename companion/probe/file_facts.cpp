@@ -1,20 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/judge/file_facts.h"
+#include "companion/probe/file_facts.h"
 
 #include <algorithm>
-#include <cstring>
-#include <type_traits>
+#include <utility>
 
 #include "companion/importer/movie.h"
 #include "interface/src/isoff/record/private.h"
-#include "tools/messages.h"
 
-namespace tool {
+namespace kestrel::probe {
 namespace {
 
 using kestrel::importer::fourcc;
-
-static_assert(std::has_unique_object_representations_v<ImportedTrack>);
 
 int32_t codec_of(uint32_t entry) {
     switch (entry) {
@@ -65,36 +61,16 @@ bool has_odd_form(const FileScan& scan) {
                               std::any_of(scan.tracks.begin(), scan.tracks.end(), is_odd));
 }
 
-// In a process of its own, as the tables may take time and memory.
-std::vector<ImportedTrack> import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream,
-                                         const ChildLimits& limits) {
-    const ChildResult result = run_apart(limits, [&] {
-        kestrel::importer::Movie movie;
-        std::string out;
-        // Of a cut file, what there is.
-        if (!kestrel::importer::import_movie(stream, {.salvage = true}, movie).ok) return out;
-        for (const kestrel::importer::Track& track : movie.tracks) {
-            const ImportedTrack one = summary(track);
-            out.append(reinterpret_cast<const char*>(&one), sizeof one);
-        }
-        return out;
-    });
-    std::vector<ImportedTrack> tracks(result.report.size() / sizeof(ImportedTrack));
-    if (!tracks.empty())
-        std::memcpy(tracks.data(), result.report.data(), tracks.size() * sizeof(ImportedTrack));
-    return tracks;
-}
-
 }  // namespace
 
-Error no_media_file(const std::string& input) {
-    return file_error(input, "not an ISO media file: it has neither a file type nor a movie box");
-}
-
-uint64_t memory_limit(const FileScan& scan) {
-    constexpr uint64_t kLeast = 256 << 20;
-    constexpr uint64_t kForEachByte = 64;  // of movie and fragment boxes
-    return kLeast + kForEachByte * scan.movie_bytes;
+std::vector<ImportedTrack> import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
+    kestrel::importer::Movie movie;
+    std::vector<ImportedTrack> tracks;
+    // Of a cut file, what there is.
+    if (!kestrel::importer::import_movie(stream, {.salvage = true}, movie).ok) return tracks;
+    for (const kestrel::importer::Track& track : movie.tracks)
+        tracks.push_back(summary(track));
+    return tracks;
 }
 
 const ImportedTrack* FileFacts::imported_track(uint32_t id) const {
@@ -103,17 +79,13 @@ const ImportedTrack* FileFacts::imported_track(uint32_t id) const {
     return found == imported.end() ? nullptr : &*found;
 }
 
-FileFacts gather_facts(kst_host* host, Clock::time_point deadline) {
+FileFacts gather_facts(KST_IOSTREAM_CALLBACK_INTERFACE* stream, IsoFile file,
+                       const Importing& import) {
     FileFacts facts;
-    facts.host = host;
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = nullptr;
-    ErrorCapture capture;
-    kst_host_rewind(host);
-    facts.file = open_iso(host, callbacks);
-    facts.remarks = capture.lines();
-    facts.scan = scan_file(callbacks);
-    if (has_odd_form(facts.scan))
-        facts.imported = import_tracks(*callbacks, {deadline, memory_limit(facts.scan)});
+    facts.stream = stream;
+    facts.file = std::move(file);
+    facts.scan = scan_file(stream);
+    if (has_odd_form(facts.scan)) facts.imported = import(*stream, facts.scan);
     return facts;
 }
 
@@ -137,4 +109,4 @@ bool has_medium(const FileFacts& facts, MediaKind kind) {
                        [&](const ImportedTrack& track) { return track.is_of(kind); });
 }
 
-}  // namespace tool
+}  // namespace kestrel::probe

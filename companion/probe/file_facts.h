@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the boxes and tables of a file say, read once for all that is judged and shown of it.
-#ifndef KESTREL_TOOLS_JUDGE_FILE_FACTS_H
-#define KESTREL_TOOLS_JUDGE_FILE_FACTS_H
+#ifndef KESTREL_COMPANION_PROBE_FILE_FACTS_H
+#define KESTREL_COMPANION_PROBE_FILE_FACTS_H
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "tools/judge/child_process.h"
-#include "tools/judge/file_scan.h"
-#include "tools/judge/media_tracks.h"
-#include "tools/support.h"
+#include "companion/probe/file_scan.h"
+#include "companion/probe/media_tracks.h"
+#include "kestrel/hosts.h"
+#include "kestrel/isoff.h"
 
-namespace tool {
+namespace kestrel::probe {
 
 // A track with all samples that the file has for it, in whatever form. Plain numbers.
 struct ImportedTrack {
@@ -30,11 +32,17 @@ struct ImportedTrack {
     bool is_of(MediaKind wanted) const { return kind == static_cast<uint32_t>(wanted); }
 };
 
+struct FileCloser {
+    void operator()(iso_file* file) const { isoFFclose(file); }
+};
+using IsoFile = std::unique_ptr<iso_file, FileCloser>;
+
 struct FileFacts {
-    kst_host* host = nullptr;          // complete
-    IsoFile file;                      // as the library's reader has it
-    FileScan scan;                     // by the headers of boxes alone
-    std::vector<std::string> remarks;  // lines that the reader wrote
+    kst_host* host = nullptr;                           // complete; null where it is not known
+    KST_IOSTREAM_CALLBACK_INTERFACE* stream = nullptr;  // complete
+    IsoFile file;                                       // as the library's reader has it
+    FileScan scan;                                      // by the headers of boxes alone
+    std::vector<std::string> remarks;                   // lines that the reader wrote
     // Of a file in a form that the reader does not have whole: movie fragments, large or open
     // boxes, other tables. Empty for any other file, and where they cannot be found.
     std::vector<ImportedTrack> imported;
@@ -42,16 +50,16 @@ struct FileFacts {
     const ImportedTrack* imported_track(uint32_t id) const;
 };
 
-// Reads them until `deadline`; the host must outlive the facts. What the library writes to standard
-// error meanwhile is in the remarks.
-FileFacts gather_facts(kst_host* host, Clock::time_point deadline);
+// All tracks with all their samples, in whatever form; as far as they can be found. Takes time and
+// memory in proportion to the samples.
+std::vector<ImportedTrack> import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream);
 
-// The error for a file that is none of this kind.
-Error no_media_file(const std::string& input);
-
-// The memory that reading and playing may take: a handle holds a multiple of the boxes that it
-// reads.
-uint64_t memory_limit(const FileScan& scan);
+// The facts of a file that the reader has opened. `import` is import_tracks(), or calls it; it is
+// called for a file in an odd form only. The stream must outlive the facts.
+using Importing =
+    std::function<std::vector<ImportedTrack>(KST_IOSTREAM_CALLBACK_INTERFACE&, const FileScan&)>;
+FileFacts gather_facts(KST_IOSTREAM_CALLBACK_INTERFACE* stream, IsoFile file,
+                       const Importing& import);
 
 // Whether tracks may be missing: the movie box is cut, or has tracks that cannot be read.
 bool may_lack_tracks(const FileFacts& facts);
@@ -69,6 +77,6 @@ Expected expected_of(const iso_track* track, const ImportedTrack* imported);
 
 bool has_medium(const FileFacts& facts, MediaKind kind);
 
-}  // namespace tool
+}  // namespace kestrel::probe
 
 #endif

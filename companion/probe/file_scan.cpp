@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/judge/file_scan.h"
+#include "companion/probe/file_scan.h"
 
 #include <algorithm>
 #include <array>
@@ -8,9 +8,8 @@
 #include <span>
 
 #include "common/bytes.h"
-#include "tools/support.h"
 
-namespace tool {
+namespace kestrel::probe {
 namespace {
 
 constexpr uint32_t kHeader = 8;
@@ -41,6 +40,21 @@ const Container* container(std::string_view type) {
     const auto* found = std::find_if(kContainers.begin(), kContainers.end(),
                                      [&](const Container& one) { return one.type == type; });
     return found == kContainers.end() ? nullptr : found;
+}
+
+// The type of a box; other characters than those of ASCII as \\xNN.
+std::string type_text(std::string_view type) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (const char c : type) {
+        const auto byte = static_cast<uint8_t>(c);
+        if (byte >= ' ' && byte <= '~') {
+            out += c;
+        } else {
+            out += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
+        }
+    }
+    return out;
 }
 
 bool contains(const std::vector<std::string>& all, std::string_view one) {
@@ -94,7 +108,7 @@ class Scanner {
         ++seen_;
         const auto* type = reinterpret_cast<const char*>(&raw[4]);
         const uint32_t form = kestrel::load_be32(raw.data());
-        Header header{form, kHeader, form, printable({type, 4})};
+        Header header{form, kHeader, form, type_text({type, 4})};
         if (form == kLargeSize) {
             if (left < kLargeHeader || !read(std::span(raw).subspan(kHeader), offset + kHeader))
                 return std::nullopt;
@@ -285,4 +299,4 @@ FileScan scan_file(KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
     return Scanner(stream).run();
 }
 
-}  // namespace tool
+}  // namespace kestrel::probe

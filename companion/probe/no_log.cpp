@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "kestrel/log.h"
+
+// The log level of the modules that the companion library has a copy of.
+extern "C" {
+int32_t sx_Debug = 0;
+}

@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "kestrel/probe.h"
+
+#include <array>
+#include <exception>
+#include <memory>
+#include <new>
+
+#include "companion/probe/reasons.h"
+#include "companion/probe/track_info.h"
+#include "interface/src/isoff/quiet.h"
+#include "kestrel/hinter.h"
+#include "kestrel/status.h"
+
+// The exported functions.
+
+using namespace kestrel::probe;
+
+namespace {
+
+struct Judgement {
+    Reason reason = Reason::kNoTrack;
+    uint32_t track_id = 0;
+    std::string why;
+    std::string fix;
+    uint32_t hint_flags = 0;
+    bool can_be_hinted = false;
+};
+
+}  // namespace
+
+struct kst_probe {
+    std::vector<kst_probe_track> tracks;
+    std::array<std::array<Judgement, kMedia.size()>, kApis.size()> judgements;
+};
+
+namespace {
+
+bool is_complete(const KST_IOSTREAM_CALLBACK_INTERFACE* table) {
+    return table != nullptr && table->GetOffset && table->Seek && table->SeekNRead &&
+           table->SeekNWrite && table->GetStreamSize && table->IsEOF && table->IndexRead &&
+           table->AdvanceRead && table->CheckStatus;
+}
+
+int32_t code_of(Reason reason) {
+    switch (reason) {
+        case Reason::kNoTrack:
+            return KST_PROBE_NO_TRACK;
+        case Reason::kNoHintTrack:
+            return KST_PROBE_NO_HINT_TRACK;
+        case Reason::kSelfHinted:
+            return KST_PROBE_SELF_HINTED;
+        case Reason::kCodec:
+            return KST_PROBE_CODEC;
+        case Reason::kEncrypted:
+            return KST_PROBE_ENCRYPTED;
+        case Reason::kSeveralTracks:
+            return KST_PROBE_SEVERAL_TRACKS;
+        case Reason::kFragmented:
+            return KST_PROBE_FRAGMENTED;
+        case Reason::kLargeBox:
+            return KST_PROBE_LARGE_BOX;
+        case Reason::kUnknownTable:
+            return KST_PROBE_UNKNOWN_TABLE;
+        case Reason::kIncomplete:
+            return KST_PROBE_INCOMPLETE;
+        case Reason::kEndsProcess:
+            return KST_PROBE_ENDS_PROCESS;
+        case Reason::kPlays:
+        case Reason::kNotPlayed:
+            return KST_PROBE_NO_REASON;
+        default:
+            return KST_PROBE_DAMAGED;
+    }
+}
+
+// The flags with which kst_hint may fix it.
+void add_fix(const FileFacts& facts, Judgement& judgement) {
+    if (!may_have_fix(judgement.reason)) return;
+    judgement.can_be_hinted = true;
+    judgement.fix = "kestrel hint FILE";
+    const auto add = [&](uint32_t flag, const char* option) {
+        judgement.hint_flags |= flag;
+        judgement.fix += option;
+    };
+    if (has_hints(facts.file.get())) add(KST_HINT_REPLACE, " --replace");
+    if (judgement.reason == Reason::kIncomplete) add(KST_HINT_SALVAGE, " --salvage");
+    judgement.fix += " -o OUT";
+}
+
+Judgement judge(const FileFacts& facts, Api api, MediaKind kind) {
+    const Subject subject = subject_of(facts, api, kind);
+    Judgement judgement;
+    judgement.reason = reason_by_tables(subject);
+    if (judgement.reason == Reason::kNoTrack && facts.scan.is_3gp())
+        judgement.reason = reason_for_no_media(facts);
+    judgement.track_id = subject.track_id();
+    judgement.why = why_by_tables(subject, judgement.reason);
+    if (subject.has_track()) add_fix(facts, judgement);
+    return judgement;
+}
+
+int32_t probe_file(kst_probe** out, KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
+    uint32_t length = 0, classified = KST_IO_OK;
+    const uint32_t status = stream->GetStreamSize(stream->Context, &length);
+    stream->CheckStatus(stream->Context, &classified, status);
+    if (classified != KST_IO_OK) return KST_NOT_YET;
+    stream->Seek(stream->Context, 0);
+    IsoFile file(kestrel::open_quietly(stream));
+    if (file == nullptr) return KST_NO_MEMORY;
+    const FileFacts facts = gather_facts(stream, std::move(file),
+                                         [](auto& of, const auto&) { return import_tracks(of); });
+    auto probe = std::make_unique<kst_probe>();
+    probe->tracks = describe_tracks(facts);
+    for (const Api api : kApis) {
+        for (const MediaKind kind : kMedia) {
+            probe->judgements[static_cast<size_t>(api)][static_cast<size_t>(kind)] =
+                judge(facts, api, kind);
+        }
+    }
+    stream->Seek(stream->Context, 0);
+    *out = probe.release();
+    return KST_SUCCESS;
+}
+
+}  // namespace
+
+int32_t kst_probe_open(kst_probe** out, KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
+    if (out == nullptr) return KST_BAD_ARGUMENT;
+    *out = nullptr;
+    if (!is_complete(stream)) return KST_BAD_ARGUMENT;
+    try {
+        return probe_file(out, stream);
+    } catch (const std::exception&) {
+        return KST_NO_MEMORY;
+    }
+}
+
+void kst_probe_close(kst_probe* probe) {
+    delete probe;
+}
+
+uint32_t kst_probe_tracks(const kst_probe* probe) {
+    return probe == nullptr ? 0 : static_cast<uint32_t>(probe->tracks.size());
+}
+
+int32_t kst_probe_describe(const kst_probe* probe, uint32_t index, kst_probe_track* track) {
+    if (probe == nullptr || track == nullptr || track->struct_size < sizeof *track)
+        return KST_BAD_ARGUMENT;
+    if (index >= probe->tracks.size()) return KST_NO_SUCH_TRACK;
+    const uint32_t size = track->struct_size;
+    *track = probe->tracks[index];
+    track->struct_size = size;
+    return KST_SUCCESS;
+}
+
+int32_t kst_probe_judge(const kst_probe* probe, int32_t api, int32_t medium,
+                        kst_probe_verdict* verdict) {
+    const bool exists = (api == KST_API_FUNCTION || api == KST_API_CLASS) &&
+                        (medium == KST_MEDIUM_AUDIO || medium == KST_MEDIUM_VIDEO);
+    if (probe == nullptr || !exists || verdict == nullptr ||
+        verdict->struct_size < sizeof *verdict) {
+        return KST_BAD_ARGUMENT;
+    }
+    const Judgement& found =
+        probe->judgements[static_cast<size_t>(api)][static_cast<size_t>(medium)];
+    verdict->reason = code_of(found.reason);
+    verdict->track_id = found.track_id;
+    verdict->word = word(found.reason);
+    verdict->why = found.why.c_str();
+    verdict->fix = found.fix.c_str();
+    verdict->hint_flags = found.hint_flags;
+    verdict->can_be_hinted = found.can_be_hinted ? 1 : 0;
+    return KST_SUCCESS;
+}

@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "companion/probe/reasons.h"
+
+#include <algorithm>
+
+#include "kestrel/status.h"
+
+namespace kestrel::probe {
+namespace {
+
+// Of the tracks that the reader did not find, the last.
+const ImportedTrack* unread_track(const FileFacts& facts, MediaKind kind) {
+    const auto found = std::find_if(facts.imported.rbegin(), facts.imported.rend(),
+                                    [&](const ImportedTrack& track) { return track.is_of(kind); });
+    return found == facts.imported.rend() ? nullptr : &*found;
+}
+
+const TrackBoxes* boxes_of(const Subject& subject) {
+    return subject.has_track() ? subject.facts.scan.track(subject.track_id()) : nullptr;
+}
+
+// Of a file that is complete: the sentence for samples that are not there.
+std::string why_incomplete(const Subject& subject) {
+    const std::string missing = missing_bytes(subject.facts.scan);
+    if (!missing.empty()) return "The file is cut: " + missing + ".";
+    return subject.track == nullptr || !is_whole(subject.track, subject.facts.scan.file_size)
+               ? "The file ends before its " + std::string(word(subject.kind)) +
+                     " does: get the whole file."
+               : "The " + std::string(word(subject.kind)) + " is whole, but its RTP hints are not.";
+}
+
+}  // namespace
+
+const char* word(Reason reason) {
+    switch (reason) {
+        case Reason::kPlays:
+            return "plays";
+        case Reason::kNoTrack:
+            return "no-track";
+        case Reason::kNoHintTrack:
+            return "no-hint-track";
+        case Reason::kSelfHinted:
+            return "self-hinted";
+        case Reason::kCodec:
+            return "codec";
+        case Reason::kEncrypted:
+            return "encrypted";
+        case Reason::kSeveralTracks:
+            return "several-tracks";
+        case Reason::kFragmented:
+            return "fragmented";
+        case Reason::kLargeBox:
+            return "large-box";
+        case Reason::kUnknownTable:
+            return "unknown-table";
+        case Reason::kLargeFrame:
+            return "large-frame";
+        case Reason::kIncomplete:
+            return "incomplete";
+        case Reason::kImplausible:
+            return "implausible";
+        case Reason::kDamaged:
+            return "damaged";
+        case Reason::kEndsProcess:
+            return "ends-process";
+        case Reason::kMemory:
+            return "memory";
+        case Reason::kTimeout:
+            return "timeout";
+        case Reason::kNotPlayed:
+            return "not-played";
+    }
+    return "";
+}
+
+Subject subject_of(const FileFacts& facts, Api api, MediaKind kind) {
+    const iso_track* track = track_for(facts.file.get(), api, kind);
+    const ImportedTrack* imported =
+        track != nullptr ? facts.imported_track(track->track_id) : unread_track(facts, kind);
+    return {facts, api, kind, track, imported, expected_of(track, imported)};
+}
+
+bool is_encrypted(const Subject& subject) {
+    const TrackBoxes* boxes = boxes_of(subject);
+    return (boxes != nullptr && boxes->is_encrypted()) ||
+           (subject.imported != nullptr && subject.imported->is_encrypted != 0);
+}
+
+std::string unread_table(const Subject& subject) {
+    const TrackBoxes* boxes = boxes_of(subject);
+    if (boxes == nullptr) return "";
+    for (const char* type : {"stz2", "co64"}) {
+        if (boxes->has_table(type)) return type;
+    }
+    return "";
+}
+
+std::string unknown_table(const Subject& subject) {
+    const TrackBoxes* boxes = boxes_of(subject);
+    if (boxes == nullptr || !unread_table(subject).empty()) return unread_table(subject);
+    for (const char* type : {"sgpd", "sbgp"}) {
+        if (std::count(boxes->tables.begin(), boxes->tables.end(), type) > 1)
+            return std::string("a second ") + type;
+    }
+    return boxes->version1.empty() ? "" : "version 1 of " + boxes->version1.front();
+}
+
+bool has_odd_sizes(const FileFacts& facts) {
+    return facts.scan.has_large_sizes || facts.scan.has_open_sizes;
+}
+
+bool is_whole(const iso_track* track, uint32_t size) {
+    return outside_file(track, size).chunks == 0;
+}
+
+bool lacks_data(const Subject& subject, int64_t status) {
+    if (status == KST_NOT_YET) return true;
+    if (subject.track == nullptr) return false;
+    const uint32_t size = subject.facts.scan.file_size;
+    const iso_track* hint = hint_track_of(subject.facts.file.get(), subject.track);
+    return !is_whole(subject.track, size) || (hint != nullptr && !is_whole(hint, size));
+}
+
+Reason reason_by_tables(const Subject& subject) {
+    const iso_file* file = subject.facts.file.get();
+    const iso_track* track = subject.track;
+    if (subject.api == Api::kClass && has_foreign_codec(*subject.facts.stream))
+        return Reason::kEndsProcess;
+    if (!subject.has_track()) return Reason::kNoTrack;
+    if (is_encrypted(subject)) return Reason::kEncrypted;
+    if (!plays_codec(subject.api, subject.codec())) return Reason::kCodec;
+    if (track == nullptr)
+        return has_odd_sizes(subject.facts) ? Reason::kLargeBox : Reason::kDamaged;
+    if (subject.api == Api::kClass) {
+        if (has_several(file, subject.kind)) return Reason::kSeveralTracks;
+        if (has_hints(file) && is_self_hinted(file, track)) return Reason::kSelfHinted;
+        if (hint_track_of(file, track) == nullptr) return Reason::kNoHintTrack;
+    }
+    if (subject.expected.in_fragments > 0) return Reason::kFragmented;
+    if (!unread_table(subject).empty()) return Reason::kUnknownTable;
+    if (subject.expected.pictures == 0) return Reason::kDamaged;
+    return lacks_data(subject, KST_SUCCESS) ? Reason::kIncomplete : Reason::kNotPlayed;
+}
+
+Reason reason_for_no_media(const FileFacts& facts) {
+    if (may_lack_tracks(facts)) return Reason::kDamaged;
+    if (facts.scan.has_movie && has_odd_sizes(facts)) return Reason::kLargeBox;
+    return facts.scan.damage.empty() ? Reason::kNoTrack : Reason::kDamaged;
+}
+
+std::string name_of_codec(const Subject& subject) {
+    std::string codec = codec_name(subject.codec());
+    if (codec != "unknown") return codec;
+    const TrackBoxes* boxes = boxes_of(subject);
+    if (boxes == nullptr || boxes->entries.empty())
+        return "this " + std::string(word(subject.kind)) + " codec";
+    return "the codec '" + boxes->entries.front() + "'";
+}
+
+std::string missing_bytes(const FileScan& scan) {
+    for (const TopBox& box : scan.boxes) {
+        if (!box.cut) continue;
+        return show_count(box.offset + box.size - scan.file_size) + " bytes of '" + box.type +
+               "' are missing";
+    }
+    return "";
+}
+
+std::string show_count(uint64_t count) {
+    const std::string digits = std::to_string(count);
+    std::string out;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > 0 && (digits.size() - i) % 3 == 0) out += ',';
+        out += digits[i];
+    }
+    return out;
+}
+
+std::string why_by_tables(const Subject& subject, Reason reason) {
+    const std::string medium = word(subject.kind);
+    switch (reason) {
+        case Reason::kNoTrack:
+            return "The file has no " + medium + " track.";
+        case Reason::kNoHintTrack:
+            return (has_hints(subject.facts.file.get())
+                        ? "No RTP hint track refers to the " + medium
+                        : "The " + medium + " has no RTP hint track") +
+                   ", and this API plays nothing else.";
+        case Reason::kSelfHinted:
+            return "The packets of the " + medium +
+                   " are in the hint track itself, where this API does not look for them.";
+        case Reason::kCodec:
+            return "This API does not play " + name_of_codec(subject) +
+                   (plays_codec(Api::kFunction, subject.codec())
+                        ? "; the function API does."
+                        : "; convert it with another tool first.");
+        case Reason::kEncrypted:
+            return "The " + medium + " is encrypted.";
+        case Reason::kSeveralTracks:
+            return "The file has several " + medium +
+                   " tracks, and this API plays a file with one.";
+        case Reason::kFragmented:
+            return show_count(subject.expected.in_fragments) + " samples of the " + medium +
+                   " are in movie fragments, which this API does not read.";
+        case Reason::kLargeBox:
+            return "A box declares its size in a form that this API does not read: with 64 bits, "
+                   "or "
+                   "to the end of the file.";
+        case Reason::kUnknownTable:
+            return "The " + medium +
+                   " has a table that this API does not read: " + unknown_table(subject) + ".";
+        case Reason::kLargeFrame:
+            return "A sample of " + show_count(subject.expected.largest) +
+                   " bytes is larger than this API can hold.";
+        case Reason::kEndsProcess:
+            return "Opening ends the whole process: there is an MPEG-4 sample entry of another "
+                   "codec.";
+        case Reason::kMemory:
+            return "Playing it takes more memory than its tables account for.";
+        case Reason::kIncomplete:
+            return why_incomplete(subject);
+        case Reason::kDamaged:
+            return subject.has_track() && subject.expected.pictures == 0
+                       ? "The " + medium + " track has no samples."
+                       : "A box or table that playing needs is missing or damaged.";
+        default:
+            break;
+    }
+    return "";
+}
+
+bool may_have_fix(Reason reason) {
+    switch (reason) {
+        case Reason::kNoHintTrack:
+        case Reason::kSelfHinted:
+        case Reason::kFragmented:
+        case Reason::kLargeBox:
+        case Reason::kUnknownTable:
+        case Reason::kLargeFrame:
+        case Reason::kIncomplete:
+        case Reason::kImplausible:
+        case Reason::kDamaged:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace kestrel::probe

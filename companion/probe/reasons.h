@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+// Which of the library's two APIs plays what of a file, as far as its boxes and tables show: the
+// one place for the reasons, their words and their sentences.
+#ifndef KESTREL_COMPANION_PROBE_REASONS_H
+#define KESTREL_COMPANION_PROBE_REASONS_H
+
+#include <cstdint>
+#include <string>
+
+#include "companion/probe/file_facts.h"
+
+namespace kestrel::probe {
+
+enum class Reason {
+    kPlays,          // opens, and all samples that the file has are delivered
+    kNoTrack,        // the file has no track of the medium
+    kNoHintTrack,    // the class API needs one
+    kSelfHinted,     // the payloads are in the hint track itself, where the class API does not look
+    kCodec,          // the API does not play this codec
+    kEncrypted,      // the track is encrypted
+    kSeveralTracks,  // the class API accepts one track of the medium
+    kFragmented,     // samples are in movie fragments, which the APIs do not read
+    kLargeBox,       // a box declares its size in a form that the API does not read
+    kUnknownTable,   // a table of the track has a form that the API does not read
+    kLargeFrame,     // a sample is larger than the API can hold
+    kIncomplete,     // the file ends too early, or less comes out than it has
+    kImplausible,    // what comes out cannot be of the codec: bytes of a wrong place
+    kDamaged,        // a box, a table or a sample is malformed, or nothing comes out
+    kEndsProcess,    // opening ends the process (see kestrel/c3gpinterface.h)
+    kMemory,         // playing takes more memory than is allowed
+    kTimeout,        // judging was not done in time
+    kNotPlayed       // the tables show no reason against it, and it was not tried
+};
+
+// One word, which scripts may rely on.
+const char* word(Reason reason);
+
+// What one judgement is about.
+struct Subject {
+    const FileFacts& facts;
+    Api api;
+    MediaKind kind;
+    const iso_track* track;         // as the library's reader has it; null for none
+    const ImportedTrack* imported;  // the same with all its samples; null for a plain file
+    Expected expected;              // of the track
+
+    bool has_track() const { return track != nullptr || imported != nullptr; }
+    uint32_t track_id() const {
+        return track != nullptr ? track->track_id : imported != nullptr ? imported->id : 0;
+    }
+    int32_t codec() const {
+        return track != nullptr      ? track->codec
+               : imported != nullptr ? imported->codec
+                                     : int32_t{ISO_CODEC_NONE};
+    }
+};
+
+Subject subject_of(const FileFacts& facts, Api api, MediaKind kind);
+
+// What the boxes of a track, or of the file, explain.
+
+bool is_encrypted(const Subject& subject);
+
+// The name of a box in a form that neither API reads, and that stands for one which playing needs;
+// empty for none.
+std::string unread_table(const Subject& subject);
+// The same, and boxes that an API may as well do without.
+std::string unknown_table(const Subject& subject);
+
+bool has_odd_sizes(const FileFacts& facts);
+bool is_whole(const iso_track* track, uint32_t size);
+
+// True when data that the tables place after the end of the file is missing.
+bool lacks_data(const Subject& subject, int64_t status);
+
+// True when opening the file with the class API ends the process: an MPEG-4 sample entry of another
+// codec. Reads the boxes as that API does.
+bool has_foreign_codec(KST_IOSTREAM_CALLBACK_INTERFACE& stream);
+
+// The reason that the tables show; kNotPlayed where they show none.
+Reason reason_by_tables(const Subject& subject);
+
+// Why no medium was found in a file that has a file type or a movie box, or not all of them.
+Reason reason_for_no_media(const FileFacts& facts);
+
+// Words for a person.
+
+// "H.264", "the codec 'av01'".
+std::string name_of_codec(const Subject& subject);
+// "72 bytes of 'mdat' are missing", of a file that ends inside a box; empty for another.
+std::string missing_bytes(const FileScan& scan);
+// "12,345".
+std::string show_count(uint64_t count);
+// A sentence for a reason that tables show; empty for those that need playing.
+std::string why_by_tables(const Subject& subject, Reason reason);
+
+// Whether hinting, replacing hints or salvaging may fix it.
+bool may_have_fix(Reason reason);
+
+}  // namespace kestrel::probe
+
+#endif

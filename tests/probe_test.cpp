@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <string_view>
+
+#include "kestrel/probe.h"
+#include "tests/support/playing.h"
+#include "tests/support/syslog_capture.h"
+
+// What kst_probe_open finds is what the APIs do.
+
+namespace {
+
+struct ProbeCloser {
+    void operator()(kst_probe* probe) const { kst_probe_close(probe); }
+};
+using Probe = std::unique_ptr<kst_probe, ProbeCloser>;
+
+Probe probe_of(const Bytes& file) {
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    kst_probe* probe = nullptr;
+    EXPECT_EQ(kst_probe_open(&probe, kst_host_callbacks(host)), KST_SUCCESS);
+    kst_host_close(host);
+    return Probe(probe);
+}
+
+kst_probe_verdict judge(const Probe& probe, Api api, int32_t medium) {
+    kst_probe_verdict verdict{};
+    verdict.struct_size = sizeof verdict;
+    const int32_t which = api == Api::kFunction ? KST_API_FUNCTION : KST_API_CLASS;
+    EXPECT_EQ(kst_probe_judge(probe.get(), which, medium, &verdict), KST_SUCCESS);
+    return verdict;
+}
+
+std::vector<std::string> all_files() {
+    std::vector<std::string> names = sample_names();
+    for (const auto& entry : std::filesystem::directory_iterator(KESTREL_SAMPLES "/wild")) {
+        if (entry.path().extension() == ".3gp")
+            names.push_back("wild/" + entry.path().filename().string());
+    }
+    return names;
+}
+
+TEST(Probe, FileWithoutAReasonAgainstItOpensAndAnyOtherDoesNotPlayWhole) {
+    for (const std::string& name : all_files()) {
+        const Bytes file = read_sample(name);
+        const Probe probe = probe_of(file);
+        for (const Api api : {Api::kFunction, Api::kClass}) {
+            for (const int32_t medium : {KST_MEDIUM_AUDIO, KST_MEDIUM_VIDEO}) {
+                const kst_probe_verdict verdict = judge(probe, api, medium);
+                SCOPED_TRACE(name + " " + verdict.word + " " + verdict.why);
+                const Played played =
+                    play(file, medium == KST_MEDIUM_AUDIO ? "ar" : "vr", {.api = api});
+                EXPECT_EQ(verdict.reason == KST_PROBE_NO_REASON, *verdict.why == '\0');
+                if (verdict.reason == KST_PROBE_NO_REASON) {
+                    EXPECT_EQ(played.status, KST_END_OF_FILE);
+                } else if (verdict.reason != KST_PROBE_FRAGMENTED &&
+                           verdict.reason != KST_PROBE_SELF_HINTED &&
+                           verdict.reason != KST_PROBE_UNKNOWN_TABLE) {
+                    EXPECT_NE(played.status, KST_END_OF_FILE);
+                }
+            }
+        }
+    }
+}
+
+TEST(Probe, ReasonsAndFixes) {
+    struct Case {
+        const char* file;
+        Api api;
+        int32_t medium;
+        const char* word;
+        const char* fix;
+    };
+    const Case cases[] = {
+        {"amrnb_plain.3gp", Api::kFunction, KST_MEDIUM_AUDIO, "not-played", ""},
+        {"amrnb_plain.3gp", Api::kFunction, KST_MEDIUM_VIDEO, "no-track", ""},
+        {"amrnb_plain.3gp", Api::kClass, KST_MEDIUM_AUDIO, "no-hint-track",
+         "kestrel hint FILE -o OUT"},
+        {"aac_plain.3gp", Api::kFunction, KST_MEDIUM_AUDIO, "codec", ""},
+        {"amrwb_hinted.3gp", Api::kClass, KST_MEDIUM_AUDIO, "codec", ""},
+        {"two_amrnb_hinted.3gp", Api::kClass, KST_MEDIUM_AUDIO, "several-tracks", ""},
+        {"h263_hinted_selfref.3gp", Api::kClass, KST_MEDIUM_VIDEO, "self-hinted",
+         "kestrel hint FILE --replace -o OUT"},
+        {"wild/fragmented.3gp", Api::kFunction, KST_MEDIUM_VIDEO, "fragmented",
+         "kestrel hint FILE -o OUT"},
+        {"wild/co64.3gp", Api::kFunction, KST_MEDIUM_VIDEO, "unknown-table",
+         "kestrel hint FILE -o OUT"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        const Probe probe = probe_of(read_sample(c.file));
+        const kst_probe_verdict verdict = judge(probe, c.api, c.medium);
+        EXPECT_STREQ(verdict.word, c.word);
+        EXPECT_STREQ(verdict.fix, c.fix);
+        EXPECT_EQ(verdict.can_be_hinted != 0, *c.fix != '\0');
+    }
+}
+
+TEST(Probe, FindsWhatWouldEndTheProcess) {
+    Bytes file = read_sample("mpeg4_hinted.3gp");
+    constexpr uint8_t kVisual[] = {0x20, 0x11};  // object type and stream type of MPEG-4 Visual
+    const std::string_view name = "esds";
+    const auto box = std::search(file.begin(), file.end(), name.begin(), name.end());
+    const auto type = std::search(box, file.end(), std::begin(kVisual), std::end(kVisual));
+    ASSERT_NE(type, file.end());
+    EXPECT_STREQ(judge(probe_of(file), Api::kClass, KST_MEDIUM_VIDEO).word, "not-played");
+    *type = 0x6C;
+    const Probe probe = probe_of(file);
+    for (const int32_t medium : {KST_MEDIUM_AUDIO, KST_MEDIUM_VIDEO})
+        EXPECT_EQ(judge(probe, Api::kClass, medium).reason, KST_PROBE_ENDS_PROCESS);
+    EXPECT_NE(judge(probe, Api::kFunction, KST_MEDIUM_VIDEO).reason, KST_PROBE_ENDS_PROCESS);
+}
+
+TEST(Probe, DescribesTracks) {
+    const Probe probe = probe_of(read_sample("av_h263_amrnb_hinted.3gp"));
+    ASSERT_EQ(kst_probe_tracks(probe.get()), 4u);
+    std::vector<kst_probe_track> tracks(4);
+    for (uint32_t i = 0; i < 4; ++i) {
+        tracks[i].struct_size = sizeof tracks[i];
+        ASSERT_EQ(kst_probe_describe(probe.get(), i, &tracks[i]), KST_SUCCESS);
+    }
+    EXPECT_STREQ(tracks[0].codec, "s263");
+    EXPECT_STREQ(tracks[0].codec_name, "H.263");
+    EXPECT_STREQ(tracks[0].language, "und");
+    EXPECT_EQ(tracks[0].medium, KST_MEDIUM_VIDEO);
+    EXPECT_EQ(tracks[0].width, 176u);
+    EXPECT_EQ(tracks[0].samples, 30u);
+    EXPECT_EQ(tracks[0].sync_samples, 3u);
+    EXPECT_EQ(tracks[1].medium, KST_MEDIUM_AUDIO);
+    EXPECT_EQ(tracks[1].bytes, 101u * 32);
+    EXPECT_EQ(tracks[2].medium, KST_MEDIUM_HINT);
+    EXPECT_EQ(tracks[2].hints_track, tracks[0].track_id);
+    EXPECT_EQ(tracks[2].longest_packet, 1400u);
+    EXPECT_EQ(kst_probe_describe(probe.get(), 4, tracks.data()), KST_NO_SUCH_TRACK);
+    const Probe fragmented = probe_of(read_sample("wild/fragmented.3gp"));
+    kst_probe_track track{};
+    track.struct_size = sizeof track;
+    ASSERT_EQ(kst_probe_describe(fragmented.get(), 0, &track), KST_SUCCESS);
+    EXPECT_EQ(track.samples, track.fragmented);
+    EXPECT_GT(track.samples, 0u);
+}
+
+TEST(Probe, PrintsAndLogsNothingWhateverTheFile) {
+    const SyslogCapture log(3);
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    Bytes file = read_sample("h263_hinted.3gp");
+    for (size_t at = 0; at + 4 < file.size() && at < 4000; at += 7) {
+        Bytes damaged = file;
+        damaged[at] ^= 0xFF;
+        damaged[at + 3] ^= 0x55;
+        probe_of(damaged);
+    }
+    for (const size_t cut : {size_t{0}, size_t{7}, size_t{100}, size_t{1500}})
+        probe_of(Bytes(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(cut)));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_THAT(log.lines(), testing::IsEmpty());
+}
+
+TEST(Probe, RefusesWhatItCannotUse) {
+    kst_probe* probe = nullptr;
+    EXPECT_EQ(kst_probe_open(&probe, nullptr), KST_BAD_ARGUMENT);
+    const Bytes file = read_sample("amrnb_plain.3gp");
+    FaultyHost host(file);
+    EXPECT_EQ(kst_probe_open(nullptr, host.callbacks()), KST_BAD_ARGUMENT);
+    host.fault = [](int) -> uint32_t { return KST_HOST_NOT_YET; };
+    EXPECT_EQ(kst_probe_open(&probe, host.callbacks()), KST_NOT_YET);
+    EXPECT_EQ(probe, nullptr);
+    kst_probe_verdict small{};
+    EXPECT_EQ(kst_probe_judge(probe_of(file).get(), KST_API_CLASS, KST_MEDIUM_AUDIO, &small),
+              KST_BAD_ARGUMENT);
+}
+
+}  // namespace
