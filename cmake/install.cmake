@@ -44,6 +44,25 @@ install(
           examples/play_pipe.c examples/smallest_host.c examples/read_stream.py
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev/examples
     COMPONENT development)
+install(
+    FILES README.md docs/native-format.md
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev
+    COMPONENT development)
+install(
+    DIRECTORY docs/json
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev
+    COMPONENT development)
+# Made by the target kestrel_reference.
+install(
+    DIRECTORY ${KESTREL_REFERENCE_DIR}/html
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev
+    COMPONENT development
+    OPTIONAL)
+install(
+    DIRECTORY ${KESTREL_REFERENCE_DIR}/man3
+    DESTINATION ${CMAKE_INSTALL_MANDIR}
+    COMPONENT development
+    OPTIONAL)
 
 # Outside /usr, where the loader may not look, the tool finds its libraries from where it lies.
 if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")

@@ -59,7 +59,8 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
 
 kestrel_package(
     DEVELOPMENT libkestrel-dev libdevel same "library that reads 3GP files (development files)"
-    "This package has headers, files for pkg-config and CMake, and examples.")
+    "This package has headers with their reference, files for pkg-config and
+CMake, documents and examples.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} ${same_version}")
 
 kestrel_package(
@@ -73,6 +74,9 @@ kestrel_gzip(${PROJECT_BINARY_DIR}/debian/changelog ${PROJECT_BINARY_DIR}/debian
 add_custom_target(kestrel_debian_changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog.gz)
 add_custom_target(kestrel_package_parts DEPENDS kestrel kestrel_hosts kestrel_tool kestrel_man
                                                 kestrel_debian_changelog)
+if(TARGET kestrel_reference)
+    add_dependencies(kestrel_package_parts kestrel_reference)
+endif()
 foreach(component library development tools)
     string(TOUPPER ${component} upper)
     install(

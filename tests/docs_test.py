@@ -7,6 +7,7 @@ import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import tempfile
 import unittest
 
@@ -100,6 +101,19 @@ class ManPages(unittest.TestCase):
                                       if option not in documented])
                 for argument in listed(tool_help(*command), "Arguments"):
                     self.assertRegex(text, rf"(?m)^ {{5}}{re.escape(argument)}(?!\w)")
+
+    def test_each_exported_function_has_a_page(self):
+        names = {line.split()[1].split("@@")[0]
+                 for library in ("kestrel", "kestrel_hosts")
+                 for line in (ROOT / "cmake" / "exports" / f"{library}.64-bit").read_text()
+                 .splitlines() if line.startswith("T ") and not line.startswith("T _Z")}
+        with tempfile.TemporaryDirectory() as scratch:
+            out = pathlib.Path(scratch) / "reference"
+            subprocess.run([sys.executable, ROOT / "docs" / "man" / "make_function_pages.py", out],
+                           check=True)
+            pages = {page.name.removesuffix(".3.gz") for page in (out / "man3").glob("*.3.gz")}
+            self.assertEqual(names - pages, set())
+            self.assertIn("C3gpInterface", pages)
 
     def test_mandoc_finds_nothing_to_complain_of(self):
         for page in MAN.glob("*.1"):
