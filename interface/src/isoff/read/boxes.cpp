@@ -568,7 +568,8 @@ const isobox* find(const isobox* table, uint32_t type) {
 // Whether the next track begins with the bytes that a box has left: a size that is too long has cut
 // into it. The box may end inside that track's header.
 bool cuts_into_track(const iso_file* file) {
-    return file->moov_left > 0 && file->own->movie_end - file->moov_buffer >= kBoxHeader &&
+    const auto in_movie = static_cast<size_t>(file->own->movie_end - file->moov_buffer);
+    return file->moov_left > 0 && in_movie >= kBoxHeader &&
            load_be32(file->moov_buffer + 4) == fourcc("trak");
 }
 
