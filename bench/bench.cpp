@@ -348,11 +348,14 @@ void add_packetiser(const char* name, const char* file, int codec, int mode) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // bench --write RECORDING MINUTES FILE writes a recording out.
-    if (argc == 5 && std::string(argv[1]) == "--write") {
+    // bench --write|--write-media-first RECORDING MINUTES FILE writes a recording out.
+    const std::string option = argc == 5 ? argv[1] : "";
+    if (option == "--write" || option == "--write-media-first") {
+        const auto place = option == "--write" ? bench::MovieBox::kFirst : bench::MovieBox::kLast;
         for (const Long& about : kLong) {
             if (std::string(argv[2]) != about.name) continue;
-            const auto bytes = long_file(about.recording, static_cast<unsigned>(atoi(argv[3])));
+            const auto bytes =
+                bench::make_file(about.recording, static_cast<unsigned>(atoi(argv[3])), place);
             std::FILE* out = std::fopen(argv[4], "wb");
             if (out == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), out) != bytes.size() ||
                 std::fclose(out) != 0) {

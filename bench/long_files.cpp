@@ -104,7 +104,9 @@ iso_track* make_media(iso_file* file, Recording recording, const iso_track* like
     return h263_isoFFtrack(file, &cfg);
 }
 
-std::vector<uint8_t> make_file(Recording recording, unsigned minutes) {
+}  // namespace
+
+std::vector<uint8_t> make_file(Recording recording, unsigned minutes, MovieBox place) {
     const bool speech = recording == Recording::kSpeech;
     const Source source(speech                          ? "amrnb_plain.3gp"
                         : recording == Recording::kQcif ? "h263_plain.3gp"
@@ -115,7 +117,8 @@ std::vector<uint8_t> make_file(Recording recording, unsigned minutes) {
 
     const Host host(require(kst_host_for_writing_memory(), "no memory"));
     auto* callbacks = kst_host_callbacks(host.get());
-    iso_file* file = require(isoFFopen(callbacks, "w", nullptr), "no memory");
+    const char* mode = place == MovieBox::kLast ? "wd" : "w";
+    iso_file* file = require(isoFFopen(callbacks, mode, nullptr), "no memory");
     iso_track* media = require(make_media(file, recording, source.media), "no track");
     iso_track* hint = require(rtp_isoFFtrack(file, media, speech ? kSpeechPacket : kVideoPacket,
                                              kPayloadType, ISO_H263_RFC4629),
@@ -137,12 +140,10 @@ std::vector<uint8_t> make_file(Recording recording, unsigned minutes) {
     return {bytes, bytes + size};
 }
 
-}  // namespace
-
 std::span<const uint8_t> long_file(Recording recording, unsigned minutes) {
     static std::map<std::tuple<Recording, unsigned>, std::vector<uint8_t>> files;
     std::vector<uint8_t>& file = files[{recording, minutes}];
-    if (file.empty()) file = make_file(recording, minutes);
+    if (file.empty()) file = make_file(recording, minutes, MovieBox::kFirst);
     return file;
 }
 

@@ -17,6 +17,10 @@ enum class Recording { kSpeech, kQcif, kCif };
 // the first call and kept.
 std::span<const uint8_t> long_file(Recording recording, unsigned minutes);
 
+// The same anew, with the movie box in front of the media or, as a camera writes it, after them.
+enum class MovieBox { kFirst, kLast };
+std::vector<uint8_t> make_file(Recording recording, unsigned minutes, MovieBox place);
+
 // The media samples of a file that lies in samples/.
 std::vector<std::vector<uint8_t>> samples_of(const char* name);
 
