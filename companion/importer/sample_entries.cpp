@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // stsd: the sample entries of a track.
 #include <map>
+#include <string>
 
 #include "companion/importer/parts.h"
 #include "companion/importer/sample_entry.h"
@@ -13,12 +14,13 @@ bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImp
     reader.skip(4);  // number of entries
     // Version 1 of the box marks an AudioSampleEntryV1, which has the length of version 0.
     const bool quicktime_versions = import.movie.forms.quicktime || head.version == 0;
-    std::map<Bytes, std::uint32_t> known;
+    std::map<std::string, std::uint32_t> known;  // by configuration
     for (Box box; reader.next(box);) {
         SampleEntry entry;
         if (!read_entry(import, box, track.handler, quicktime_versions, entry)) return false;
         const auto next = static_cast<std::uint32_t>(track.descriptions.size());
-        const auto [at, is_new] = known.try_emplace(configuration(import.source, entry), next);
+        const Bytes bytes = configuration(import.source, entry);
+        const auto [at, is_new] = known.try_emplace(std::string(bytes.begin(), bytes.end()), next);
         state.entries.push_back({at->second, entry.data_reference});
         if (!is_new) continue;
         track.encrypted |= is_encrypted(import.source, entry);
