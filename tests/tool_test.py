@@ -1108,6 +1108,94 @@ def needs_root(test):
     return unittest.skipUnless(os.geteuid() == 0, "only root can act as a second user")(test)
 
 
+def demuxed(path, stream):
+    """Size, digest, times in milliseconds and sync flag of each sample, as an independent demuxer
+    has them."""
+    shown = subprocess.run(
+        ["ffprobe", "-v", "error", "-select_streams", stream, "-show_packets", "-show_data_hash",
+         "md5", "-of", "json", str(path)], capture_output=True, check=True)
+    return [(int(p["size"]), p["data_hash"], float(p["pts_time"]) * 1000,
+             float(p["dts_time"]) * 1000, p["flags"][0])
+            for p in json.loads(shown.stdout)["packets"]]
+
+
+class Pack(ToolTest):
+    def pack(self, out, *arguments, stdin=None):
+        result = run("pack", *arguments, "-o", out, stdin=stdin)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+
+    @unittest.skipUnless(shutil.which("ffprobe"), "ffprobe is not installed")
+    def test_an_independent_demuxer_finds_the_samples_of_the_original(self):
+        media = [(name, "ar", "a:0") for name in SPEECH if name != "two_amrnb_hinted"]
+        media += [(name, "vr", "v:0") for name in VIDEO]
+        out = self.scratch / "packed.3gp"
+        for (name, mode, stream), api in itertools.product(media, ["function", "class"]):
+            extracted = run("extract", sample(name), mode, "--api", api)
+            # The hint track of this file ends before its media do.
+            if extracted.returncode or (name, api) == ("amrnb_hinted_1450", "class"):
+                continue
+            with self.subTest(name=name, api=api):
+                self.pack(out, "-", stdin=extracted.stdout)
+                expected, found = demuxed(sample(name), stream), demuxed(out, stream)
+                self.assertEqual([p[:2] for p in found], [p[:2] for p in expected])
+                # The function API plays a frame of speech every 20 ms, whatever the file declares.
+                most = 7 if "plain" in name or "1450" in name and mode == "ar" else 0.51
+                for a, b in zip(found, expected):
+                    self.assertLess(max(abs(a[2] - b[2]), abs(a[3] - b[3])), most)
+                if name != "h263plus_hinted":  # has no table of sync samples
+                    self.assertEqual([p[4] for p in found], [p[4] for p in expected])
+
+    @unittest.skipUnless(shutil.which("ffmpeg"), "ffmpeg is not installed")
+    def test_two_streams_become_one_file_that_plays(self):
+        for name in ["av_h263_amrnb_hinted", "av_h264_amrwb_hinted"]:
+            with self.subTest(name=name):
+                audio, out = self.scratch / "audio", self.scratch / "both.3gp"
+                audio.write_bytes(self.extract(name, "ar"))
+                self.pack(out, "--audio", audio, "--video", "-", "--hint",
+                          stdin=self.extract(name, "vr"))
+                decoded = [subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-map", "0:v",
+                                           "-map", "0:a", "-f", "framemd5", "-"],
+                                          capture_output=True, check=True).stdout
+                           for path in (sample(name), str(out))]
+                digests = [re.findall(rb"^(\d),.*, (\w+)$", text, re.M) for text in decoded]
+                self.assertEqual(digests[0], digests[1])
+                self.assertGreater(len(digests[0]), 100)
+
+    def test_cut_streams_are_packed_as_far_as_they_are_whole(self):
+        stream = self.extract("amrnb_plain", "ar")
+        cut, out = self.scratch / "cut.native", self.scratch / "out.3gp"
+        cut.write_bytes(stream[:68 + 10 * 57 + 30])
+        self.assert_fails(run("pack", cut, "-o", out), 1,
+                          "cut.native: damaged from byte 663 on: the stream ends inside a speech "
+                          "frame: 32 bytes wanted, 5 left; packed 10 samples before it, left out")
+        again = self.extract_file(out, "ar")
+        self.assertEqual(again[68:], stream[68:68 + 10 * 57])
+
+    def extract_file(self, path, mode):
+        result = run("extract", path, mode)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return result.stdout
+
+    def test_what_cannot_be_packed_leaves_what_was_there(self):
+        out = self.scratch / "out.3gp"
+        out.write_bytes(b"before")
+        audio, video = self.scratch / "a.native", self.scratch / "v.native"
+        audio.write_bytes(self.extract("amrnb_plain", "ar"))
+        video.write_bytes(self.extract("h263_plain", "vr"))
+        for arguments, code, message in [
+                (["/dev/null"], 1, "the stream ends inside PROP_Header_Info"),
+                ([sample("amrnb_plain")], 1, "this is a 3GP file"),
+                (["--audio", video], 1, "v.native: this is a video stream"),
+                (["--audio", audio, "--video", audio], 1, "a.native: this is an audio stream"),
+                (["--audio", "-", "--video", "-"], 2, "only one of --audio and --video"),
+                ([audio, "--video", video], 2, "exclude each other"),
+                ([], 2, "needs a STREAM")]:
+            with self.subTest(arguments=arguments):
+                self.assert_fails(run("pack", *arguments, "-o", out), code, message)
+                self.assertEqual(out.read_bytes(), b"before")
+        self.assert_fails(run("pack", audio, "-o", audio), 2, "is the input")
+
+
 class Outputs(ToolTest):
     """What an output replaces, follows and leaves."""
 

@@ -20,6 +20,7 @@ void add_hint(CLI::App& app);
 void add_info(CLI::App& app);
 void add_inspect(CLI::App& app);
 void add_unpack(CLI::App& app);
+void add_pack(CLI::App& app);
 void add_packets(CLI::App& app);
 void add_report(CLI::App& app);
 void add_boxes(CLI::App& app);

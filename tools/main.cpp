@@ -27,6 +27,7 @@ int run(int argc, char** argv) {
     tool::add_info(app);
     tool::add_inspect(app);
     tool::add_unpack(app);
+    tool::add_pack(app);
     tool::add_packets(app);
     tool::add_boxes(app);
     tool::add_hint(app);

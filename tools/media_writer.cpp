@@ -32,7 +32,7 @@ void MediaWriter::speech_frame(std::span<const uint8_t> frame) {
 }
 
 void MediaWriter::video_packet(const stream::VideoPacket& packet) {
-    count_missing(packet.sequence);
+    gaps_.add(packet.sequence);
     if (depacketiser_->packet(packet.payload)) {
         made_any_ = true;
     } else {
@@ -46,17 +46,9 @@ void MediaWriter::finish() {
 
 std::string MediaWriter::lacks() const {
     std::string out;
-    if (missing_ > 0) out = counted(missing_, "missing");
+    if (gaps_.missing() > 0) out = counted(gaps_.missing(), "missing");
     if (malformed_ > 0) out += (out.empty() ? "" : ", ") + counted(malformed_, "malformed");
     return out;
-}
-
-// Numbers that go back, or ahead by half of all there are, say nothing.
-void MediaWriter::count_missing(uint16_t sequence) {
-    constexpr uint16_t kHalf = 0x8000;
-    const auto ahead = static_cast<uint16_t>(sequence - last_.value_or(sequence - 1));
-    if (ahead > 1 && ahead < kHalf) missing_ += ahead - 1u;
-    last_ = sequence;
 }
 
 void MediaWriter::write_text(const char* text) {

@@ -4,10 +4,10 @@
 #define KESTREL_TOOLS_MEDIA_WRITER_H
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "companion/stream/depacketise.h"
+#include "companion/stream/sequence_gaps.h"
 #include "tools/support.h"
 
 namespace tool {
@@ -29,14 +29,12 @@ class MediaWriter final : public kestrel::stream::RecordSink {
     std::string lacks() const;
 
   private:
-    void count_missing(uint16_t sequence);
     void write_text(const char* text);
 
     Output& output_;
     std::unique_ptr<kestrel::stream::Depacketiser> depacketiser_;
     bool made_any_ = false;
-    std::optional<uint16_t> last_;  // sequence number
-    uint64_t missing_ = 0;
+    kestrel::stream::SequenceGaps gaps_;
     uint64_t malformed_ = 0;
 };
 

@@ -44,7 +44,8 @@ void PacketPlan::put_packet(const HintPacket& packet) {
     put(static_cast<uint32_t>(packet.ranges.size()));
     for (const SampleRange& range : packet.ranges) {
         put(range.offset);
-        put(range.length);
+        put(range.length << 1 | (range.sample != 0 ? 1 : 0));
+        if (range.sample != 0) put(range.sample);
     }
 }
 
@@ -56,7 +57,9 @@ void PacketPlan::get_packet(HintPackets& packets) {
     packets.add_own(own);
     for (uint32_t left = get(); left > 0; --left) {
         const uint32_t offset = get();
-        packets.add_range(offset, get());
+        const uint32_t length_and_sample = get();
+        const uint32_t sample = (length_and_sample & 1) != 0 ? get() : 0;
+        packets.add_range(offset, length_and_sample >> 1, sample);
     }
 }
 

@@ -18,6 +18,8 @@ class PacketPlan {
     void add(const HintPackets& packets);
     // The packets of the next sample; only as often as there were samples.
     void take(HintPackets& packets);
+    // Begins again with the first sample.
+    void rewind() { block_ = at_ = 0; }
 
   private:
     // A number in groups of seven bits, the lowest first; the high bit of a byte says that more

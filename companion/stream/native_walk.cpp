@@ -64,10 +64,6 @@ struct FieldLister {
     }
 };
 
-const AmrBand& band_of(Medium medium) {
-    return medium == Medium::kWideBandSpeech ? kWideBand : kNarrowBand;
-}
-
 // Whole frames per second in the upper half, hundredths in the lower.
 uint32_t frame_rate_of(uint32_t index_word) {
     return (index_word >> 16) * 100 + (index_word & 0xFFFF) % 100;
@@ -177,6 +173,7 @@ void NativeWalk::first_record() {
     if (first.constant != kPropConstant) damaged(12, "the constant of the first record is not 10");
     declared_length_ = first.header_length;
     padding_ = first.padding;
+    if (is_audio_) header_.frames = first.value;
 }
 
 // The bytes that the other header records take, as far as is known: the codec name of a video

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kestrel/kestrel.h"
+#include "native/codec/amr_format.h"
 
 namespace kestrel::stream {
 
@@ -35,6 +36,11 @@ constexpr bool is_speech(Medium medium) {
     return medium == Medium::kNarrowBandSpeech || medium == Medium::kWideBandSpeech;
 }
 
+// Of a medium that is speech.
+constexpr const AmrBand& band_of(Medium medium) {
+    return medium == Medium::kWideBandSpeech ? kWideBand : kNarrowBand;
+}
+
 // Which API of the library made a stream. They differ in units of time and in the form of speech.
 enum class Api { kFunction, kClass };
 
@@ -43,6 +49,7 @@ struct StreamHeader {
     Medium medium = Medium::kNarrowBandSpeech;
     Api api = Api::kFunction;
     uint32_t duration_ms = 0;
+    uint32_t frames = 0;  // speech only: frames of the stream
     // Video only.
     uint32_t frame_rate = 0;  // hundredths of a frame per second; 0 from the function API
     uint32_t width = 0;       // pixels

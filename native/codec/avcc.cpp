@@ -77,7 +77,7 @@ ParameterSets cut_units(std::span<const uint8_t> in) {
     return sets;
 }
 
-void append_sets(std::vector<uint8_t>& to, const std::vector<NalUnit>& sets) {
+void append_sets(std::vector<uint8_t>& to, std::span<const NalUnit> sets) {
     for (const NalUnit& set : sets) {
         to.push_back(static_cast<uint8_t>(set.size() >> 8));
         to.push_back(static_cast<uint8_t>(set.size()));
@@ -86,18 +86,19 @@ void append_sets(std::vector<uint8_t>& to, const std::vector<NalUnit>& sets) {
 }
 
 // Empty when the sets make no record.
-std::vector<uint8_t> make_record(const ParameterSets& sets) {
+std::vector<uint8_t> make_record(std::span<const NalUnit> sequence_sets,
+                                 std::span<const NalUnit> picture_sets, int length_size) {
     constexpr size_t kProfileCompatibilityLevel = 4;  // bytes of the first set that are looked at
-    constexpr uint8_t kTwoByteLengths = 0xFD;
-    constexpr uint8_t kReservedBits = 0xE0;
-    if (sets.sequence.empty() || sets.sequence[0].size() < kProfileCompatibilityLevel) return {};
-    const NalUnit first = sets.sequence[0];
-    std::vector<uint8_t> record = {1, first[1], first[2], first[3], kTwoByteLengths};
-    record.push_back(static_cast<uint8_t>(kReservedBits | sets.sequence.size()));
-    append_sets(record, sets.sequence);
-    record.push_back(static_cast<uint8_t>(sets.picture.size()));
-    append_sets(record, sets.picture);
-    if (record.size() > kMaxAvccBytes) record.clear();
+    constexpr int kReservedLengthBits = 0xFC;
+    constexpr size_t kReservedCountBits = 0xE0;
+    if (sequence_sets.empty() || sequence_sets[0].size() < kProfileCompatibilityLevel) return {};
+    const NalUnit first = sequence_sets[0];
+    std::vector<uint8_t> record = {1, first[1], first[2], first[3]};
+    record.push_back(static_cast<uint8_t>(kReservedLengthBits | (length_size - 1)));
+    record.push_back(static_cast<uint8_t>(kReservedCountBits | sequence_sets.size()));
+    append_sets(record, sequence_sets);
+    record.push_back(static_cast<uint8_t>(picture_sets.size()));
+    append_sets(record, picture_sets);
     return record;
 }
 
@@ -148,8 +149,24 @@ size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to
     return length;
 }
 
+std::vector<uint8_t> make_avcc(std::span<const NalUnit> sequence_sets,
+                               std::span<const NalUnit> picture_sets, int length_size) {
+    constexpr size_t kMaxSets = 31;  // that readers count in five bits
+    const auto is_too_long = [](NalUnit set) { return set.size() > UINT16_MAX; };
+    if (sequence_sets.size() > kMaxSets || picture_sets.size() > kMaxSets ||
+        std::any_of(sequence_sets.begin(), sequence_sets.end(), is_too_long) ||
+        std::any_of(picture_sets.begin(), picture_sets.end(), is_too_long)) {
+        return {};
+    }
+    return make_record(sequence_sets, picture_sets, length_size);
+}
+
 std::vector<uint8_t> make_avcc(std::span<const uint8_t> units) {
-    return make_record(cut_units(units));
+    constexpr int kLengthSize = 2;
+    const ParameterSets sets = cut_units(units);
+    std::vector<uint8_t> record = make_record(sets.sequence, sets.picture, kLengthSize);
+    if (record.size() > kMaxAvccBytes) record.clear();
+    return record;
 }
 
 }  // namespace kestrel

@@ -8,6 +8,8 @@
 #include <span>
 #include <vector>
 
+#include "native/codec/nal_unit.h"
+
 namespace kestrel {
 
 struct AvccHeader {
@@ -32,7 +34,12 @@ size_t avcc_length(std::span<const uint8_t> avcc);
 // for them. Returns the length of all.
 size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to);
 
-// The largest record that make_avcc makes.
+// Makes a record of parameter sets for NAL unit lengths of `length_size` bytes; empty when there is
+// no sequence parameter set that begins with profile and level, or sets are too many or too long.
+std::vector<uint8_t> make_avcc(std::span<const NalUnit> sequence_sets,
+                               std::span<const NalUnit> picture_sets, int length_size);
+
+// The largest record that is made of a run of bytes.
 inline constexpr size_t kMaxAvccBytes = 256;
 
 // Makes a record of parameter sets that are separated by start codes 00 00 00 01; empty when they

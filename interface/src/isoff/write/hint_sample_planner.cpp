@@ -41,9 +41,9 @@ void HintPackets::add_own(std::span<const uint8_t> bytes) {
     own_.insert(own_.end(), bytes.begin(), bytes.end());
 }
 
-void HintPackets::add_range(size_t offset, size_t length) {
+void HintPackets::add_range(size_t offset, size_t length, uint32_t sample) {
     if (length == 0) return;
-    ranges_.push_back({static_cast<uint32_t>(offset), static_cast<uint32_t>(length)});
+    ranges_.push_back({static_cast<uint32_t>(offset), static_cast<uint32_t>(length), sample});
 }
 
 void HintPackets::move_times(int32_t offset) {
@@ -181,7 +181,7 @@ void put_packet(ByteWriter& out, const HintPacket& packet, const HintSampleFacts
     if (packet.time_offset != 0) put_time_offset(out, static_cast<uint32_t>(packet.time_offset));
     put_immediate(out, packet.own);
     for (const SampleRange& range : packet.ranges)
-        put_range(out, range, facts.media_sample);
+        put_range(out, range, facts.media_sample + range.sample);
 }
 
 }  // namespace

@@ -14,10 +14,11 @@ namespace kestrel {
 
 inline constexpr size_t kRtpHeaderSize = 12;  // RFC 3550, 5.1
 
-// Bytes of the media sample.
+// Bytes of a media sample.
 struct SampleRange {
     uint32_t offset;
     uint32_t length;
+    uint32_t sample = 0;  // counted from the first one that the hint sample stands for
 };
 
 // A packet: bytes that the hint sample holds itself, then ranges of the media sample.
@@ -41,7 +42,7 @@ class HintPackets {
     void begin_packet(int32_t time_offset = 0);
     // Add to the packet that was begun last: its own bytes, then its ranges.
     void add_own(std::span<const uint8_t> bytes);
-    void add_range(size_t offset, size_t length);
+    void add_range(size_t offset, size_t length, uint32_t sample = 0);
     void set_marker() { packets_.back().marker = true; }
     // Moves the timestamps of all packets.
     void move_times(int32_t offset);
@@ -76,7 +77,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
 struct HintSampleFacts {
     uint8_t payload_type;
     uint16_t sequence;      // of the first packet
-    uint32_t media_sample;  // counts from 1
+    uint32_t media_sample;  // the first one; counts from 1
 };
 
 // Makes the hint sample (ISO/IEC 14496-12, 9.1.3) of the packets in `sample`; false when it cannot

@@ -23,8 +23,12 @@ struct HintSample {
 int make_next_hint(iso_track* hint, std::span<const uint8_t> sample, int32_t cts_offset,
                    HintSample& made);
 
-// Counts the sample that was made last, and goes on to the next. `duration` in track units.
-void count_hint(iso_track* hint, const HintSample& made, uint32_t duration);
+// The same for packets that are known: those in `made`.
+int make_hint_of_packets(iso_track* hint, int32_t cts_offset, HintSample& made);
+
+// Counts the sample that was made last, which stands for `samples` media samples, and goes on to
+// the next. `duration` in track units.
+void count_hint(iso_track* hint, const HintSample& made, uint32_t duration, uint32_t samples = 1);
 
 }  // namespace kestrel
 

@@ -265,9 +265,13 @@ VideoPayload payload_of(const iso_track* media, iso_h263_payload h263_payload) {
 
 int make_next_hint(iso_track* hint, std::span<const uint8_t> sample, int32_t cts_offset,
                    HintSample& made) {
-    const iso_hinter* hinter = hint->own->hinter;
     made.packets.clear();
     if (!plan_packets(hint, sample, made.packets)) return kCannotBeCut;
+    return make_hint_of_packets(hint, cts_offset, made);
+}
+
+int make_hint_of_packets(iso_track* hint, int32_t cts_offset, HintSample& made) {
+    const iso_hinter* hinter = hint->own->hinter;
     // A hint sample without packets would hold the clock; one of an empty sample has an empty one.
     if (made.packets.empty()) made.packets.begin_packet();
     // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
@@ -282,12 +286,12 @@ int make_next_hint(iso_track* hint, std::span<const uint8_t> sample, int32_t cts
     return have_record(hint) ? 0 : kNoMemory;
 }
 
-void count_hint(iso_track* hint, const HintSample& made, uint32_t duration) {
+void count_hint(iso_track* hint, const HintSample& made, uint32_t duration, uint32_t samples) {
     iso_hinter* hinter = hint->own->hinter;
     const uint64_t bytes_before = hinter->bytes;
     count_packets(hint, made.packets);
     count_rates(hint, hinter->bytes - bytes_before, duration);
-    hinter->samples++;
+    hinter->samples += samples;
     hinter->media_time += duration;
 }
 

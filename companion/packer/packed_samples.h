@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+// The samples of a stream, as the writer of a file takes them.
+#ifndef KESTREL_COMPANION_PACKER_PACKED_SAMPLES_H
+#define KESTREL_COMPANION_PACKER_PACKED_SAMPLES_H
+
+#include <cstdint>
+#include <vector>
+
+#include "companion/packer/sample_store.h"
+#include "companion/packer/timeline.h"
+#include "interface/src/isoff/write/hint_track.h"
+#include "interface/src/isoff/write/sample_provider.h"
+
+namespace kestrel::packer {
+
+// Those of the media track.
+class PackedSamples final : public SampleProvider {
+  public:
+    PackedSamples(SampleStore& store, const Timeline& timeline)
+        : store_(store), timeline_(timeline) {}
+
+    uint32_t count() const override { return static_cast<uint32_t>(store_.samples().size()); }
+    SampleFigures figures(uint32_t sample) const override;
+    bool write(uint32_t first, uint32_t count, MediaOutput& output) override;
+
+  private:
+    SampleStore& store_;
+    const Timeline& timeline_;
+    std::vector<uint8_t> scratch_;
+};
+
+// The hint samples that describe the packets of a stream. They are made once to learn their sizes,
+// and again when they are written.
+class PackedHints final : public SampleProvider {
+  public:
+    PackedHints(SampleStore& store, const PackedSamples& media) : store_(store), media_(media) {}
+
+    // Counts the samples into the hint track; false when one cannot be made.
+    bool plan(iso_track* hint);
+    uint64_t packets() const { return packets_; }
+
+    uint32_t count() const override { return static_cast<uint32_t>(sizes_.size()); }
+    SampleFigures figures(uint32_t sample) const override {
+        return {sizes_[sample], durations_[sample]};
+    }
+    bool write(uint32_t first, uint32_t count, MediaOutput& output) override;
+
+  private:
+    SampleStore& store_;
+    const PackedSamples& media_;
+    std::vector<uint32_t> sizes_;
+    std::vector<uint32_t> durations_;
+    uint64_t packets_ = 0;
+    HintSampleFacts next_{0, 0, 1};
+    HintSample scratch_;
+};
+
+}  // namespace kestrel::packer
+
+#endif

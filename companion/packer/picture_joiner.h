@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+// Coded pictures from the packets of a video stream.
+#ifndef KESTREL_COMPANION_PACKER_PICTURE_JOINER_H
+#define KESTREL_COMPANION_PACKER_PICTURE_JOINER_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "companion/packer/pictures.h"
+#include "companion/packer/sample_store.h"
+#include "companion/stream/depacketise.h"
+#include "companion/stream/sequence_gaps.h"
+
+namespace kestrel::packer {
+
+// The configuration of a stream, and the copies of it that the library puts before pictures.
+class StreamConfig {
+  public:
+    explicit StreamConfig(const stream::StreamHeader& header);
+
+    // Takes it from the first picture where the header records have not got all of it.
+    void complete(std::span<const uint8_t> first_picture);
+
+    // MPEG-4: decoder-specific information. H.264: parameter sets, each after 00 00 00 01.
+    std::span<const uint8_t> bytes() const { return bytes_; }
+
+    // The copy of it that a picture has before its first slice; empty for none. It begins where the
+    // picture does for MPEG-4.
+    std::span<const uint8_t> copy_in(std::span<const uint8_t> picture) const;
+
+  private:
+    stream::Medium medium_;
+    bool is_declared_ = false;       // the header records have at least a part of it
+    std::vector<uint8_t> bytes_;     // empty while it is not known as a whole
+    std::vector<uint8_t> in_front_;  // as it stands before a picture
+};
+
+class PictureJoiner {
+  public:
+    PictureJoiner(const stream::StreamHeader& header, SampleStore& store);
+
+    void packet(const stream::VideoPacket& packet);
+    // The stream ends here. `is_whole`: the last packet ended a frame.
+    void finish(bool is_whole);
+
+    const StreamConfig& config() const { return config_; }
+    uint32_t shown_after() const { return reader_->shown_after(); }
+    uint64_t packets_left_out() const { return packets_left_out_; }
+    uint64_t packets_missing() const { return gaps_.missing(); }
+
+  private:
+    // A packet of the picture at hand.
+    struct Packet {
+        std::vector<uint8_t> payload;
+        bool marker = false;
+        // Where bytes of the payload first went into the picture as they are.
+        std::optional<size_t> media_begin;
+        size_t picture_offset = 0;
+    };
+
+    // Bytes of the picture that do not go into the sample.
+    struct Hole {
+        size_t begin = 0;
+        size_t length = 0;
+        size_t end() const { return begin + length; }
+    };
+
+    void begin_unit();
+    void end_unit();
+    void take(std::span<const uint8_t> bytes);
+    void end_picture();
+    void record_packets(const Hole& left_out);
+    void record_packet(const Packet& packet, const Hole& left_out, HintPackets& recorded) const;
+
+    stream::Medium medium_;
+    SampleStore& store_;
+    StreamConfig config_;
+    std::unique_ptr<stream::Depacketiser> depacketiser_;
+    std::unique_ptr<PictureReader> reader_;
+    // Whether the library cut the stream from samples: each sync sample has the configuration then.
+    bool is_from_samples_ = false;
+    bool has_begun_ = false;
+    uint64_t packets_left_out_ = 0;
+    stream::SequenceGaps gaps_;
+
+    bool has_picture_ = false;
+    uint32_t time_ = 0;
+    bool is_complete_ = false;  // its last packet has the marker
+    std::vector<uint8_t> picture_;
+    std::optional<size_t> unit_;  // H.264: where the last unit's length stands
+    std::vector<Packet> packets_;
+    std::span<const uint8_t> payload_;  // of the packet that is being joined
+    HintPackets recorded_;
+};
+
+}  // namespace kestrel::packer
+
+#endif

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+// The samples that a native stream carries, gathered as it is fed.
+#ifndef KESTREL_COMPANION_PACKER_STREAM_MEDIA_H
+#define KESTREL_COMPANION_PACKER_STREAM_MEDIA_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "companion/packer/picture_joiner.h"
+#include "companion/packer/sample_store.h"
+#include "companion/stream/native_walk.h"
+
+namespace kestrel::packer {
+
+// Takes one stream. What feed() and finish() allocate may throw std::bad_alloc.
+class StreamMedia final : private stream::RecordSink {
+  public:
+    // `with_packets`: whether to record the packets too.
+    explicit StreamMedia(bool with_packets) : store_(with_packets) {}
+
+    // Has no effect once the stream is damaged or the spool failed.
+    void feed(std::span<const uint8_t> bytes);
+    // The stream ends here.
+    void finish();
+
+    // Empty until all header records were fed.
+    const std::optional<stream::StreamHeader>& header() const { return header_; }
+    const std::optional<stream::Damage>& damage() const { return damage_; }
+    SampleStore& store() { return store_; }
+
+    // MPEG-4: decoder-specific information. H.264: parameter sets, each after 00 00 00 01.
+    std::span<const uint8_t> config() const;
+    // How many pictures at least are decoded before the first one is shown.
+    uint32_t shown_after() const { return pictures_ ? pictures_->shown_after() : 0; }
+    // Frames of the stream that were whole.
+    uint32_t frames() const { return frames_; }
+    // Packets that are malformed, or of a kind that is not joined.
+    uint64_t packets_left_out() const { return pictures_ ? pictures_->packets_left_out() : 0; }
+
+    // Packets that the sequence numbers show to be missing.
+    uint64_t packets_missing() const { return pictures_ ? pictures_->packets_missing() : 0; }
+
+    // AMR: a bit for each frame type that occurs.
+    unsigned mode_set() const { return mode_set_; }
+
+  private:
+    void header(const stream::StreamHeader& header) override;
+    void begin_frame() override;
+    void end_frame() override;
+    void video_packet(const stream::VideoPacket& packet) override;
+    void speech_time(uint32_t time) override { speech_time_ = time; }
+    void speech_payload(std::span<const uint8_t> front) override;
+    void speech_frame(std::span<const uint8_t> frame) override;
+
+    // Of an RTP payload: mode request and table of contents, and how many frames follow.
+    struct SpeechPacket {
+        std::vector<uint8_t> front;
+        uint32_t frames;
+    };
+
+    void run(const std::function<void()>& step);
+    void record_speech_packets(uint32_t frame_time);
+
+    stream::NativeWalk walk_{*this};
+    std::optional<stream::StreamHeader> header_;
+    std::optional<stream::Damage> damage_;
+    bool in_frame_ = false;
+    uint32_t frames_ = 0;
+    SampleStore store_;
+    std::optional<PictureJoiner> pictures_;  // video only
+
+    // Speech only: the frame at hand.
+    uint32_t speech_time_ = 0;
+    std::vector<SpeechPacket> speech_packets_;
+    std::vector<std::vector<uint8_t>> speech_;
+    HintPackets recorded_;
+    unsigned mode_set_ = 0;
+};
+
+}  // namespace kestrel::packer
+
+#endif

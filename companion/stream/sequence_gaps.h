@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// Packets that are missing from a stream, by their sequence numbers.
+#ifndef KESTREL_COMPANION_STREAM_SEQUENCE_GAPS_H
+#define KESTREL_COMPANION_STREAM_SEQUENCE_GAPS_H
+
+#include <cstdint>
+#include <optional>
+
+namespace kestrel::stream {
+
+class SequenceGaps {
+  public:
+    // Numbers that go back, or ahead by half of all there are, say nothing.
+    void add(uint16_t sequence) {
+        constexpr uint16_t kHalf = 0x8000;
+        const auto ahead = static_cast<uint16_t>(sequence - last_.value_or(sequence - 1));
+        if (ahead > 1 && ahead < kHalf) missing_ += ahead - 1u;
+        last_ = sequence;
+    }
+
+    uint64_t missing() const { return missing_; }
+
+  private:
+    std::optional<uint16_t> last_;
+    uint64_t missing_ = 0;
+};
+
+}  // namespace kestrel::stream
+
+#endif

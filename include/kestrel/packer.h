@@ -1,0 +1,124 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Writing a 3GP file from native streams, as kst_ReadChunk, C3gpInterface::ReadChunk or a platform
+ * that records deliver them (docs/native-format.md). Part of the companion library kestrel_hosts.
+ * Usable from C and C++.
+ *
+ * Each stream becomes a track: AMR narrow or wide band, H.263 from RFC 2190 or RFC 4629 payloads,
+ * MPEG-4 Visual or H.264. Times come from the packets, sync samples and the order of display from
+ * the pictures, the decoder configuration from the header records or the first picture.
+ *
+ *     kst_packer* packer = kst_packer_open(NULL);
+ *     while (kst_ReadChunk(handle, buffer, &size, 0) == KST_SUCCESS) {
+ *         kst_packer_feed(packer, 0, buffer, size);
+ *         size = sizeof buffer;
+ *     }
+ *     result = kst_packer_write(packer, kst_host_callbacks(file), NULL);
+ *     kst_packer_close(packer);
+ */
+#ifndef KESTREL_PACKER_H
+#define KESTREL_PACKER_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "kestrel/api.h"
+#include "kestrel/stream.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One file that is being made. A packer is not safe to use from two threads at once. */
+typedef struct kst_packer kst_packer;
+
+/* What the functions return. */
+enum {
+    KST_PACK_DONE = 0,
+    /* A stream is damaged or ends inside a frame, or packets of it are missing or could not be
+     * joined. All that is whole before the damage is in the file. */
+    KST_PACK_CUT = 1,
+    KST_PACK_BAD_ARGUMENT = 2,
+    KST_PACK_NO_MEMORY = 3,
+    KST_PACK_REFUSED = 4,      /* a stream has nothing that can be packed; no file was written */
+    KST_PACK_SPOOL_FAILED = 5, /* a temporary file could not be made or written */
+    KST_PACK_DESTINATION_FAILED = 6, /* the destination took fewer bytes than it was given */
+    KST_PACK_TOO_LARGE = 7           /* what is to be written has 4 GiB or more, or runs too long */
+};
+
+/* Flags of kst_pack_options. */
+enum {
+    /* Add an RTP hint track for each stream, which describes the packets that the stream has. The
+     * speech frames of the function API get a packet each. */
+    KST_PACK_HINT = 1
+};
+
+/* What kst_pack_stream::medium is, as the letters of a mode string select it. */
+enum { KST_PACK_UNKNOWN = 0, KST_PACK_AUDIO = 'a', KST_PACK_VIDEO = 'v' };
+
+/* Streams are numbered from 0. */
+enum { KST_PACK_MOST_STREAMS = 16 };
+
+typedef struct kst_pack_options {
+    uint32_t struct_size; /* sizeof(kst_pack_options) */
+    uint32_t flags;       /* KST_PACK_HINT */
+} kst_pack_options;
+
+/* What is known of a stream. Texts are UTF-8 without a full stop; empty when there is nothing to
+ * say. */
+typedef struct kst_pack_stream {
+    uint32_t struct_size;      /* in: sizeof(kst_pack_stream) */
+    int32_t medium;            /* KST_PACK_UNKNOWN until the header records were fed */
+    uint64_t samples;          /* gathered so far */
+    uint64_t packets_left_out; /* that are malformed, or of a kind that is not joined */
+    uint64_t packets_missing;  /* as the sequence numbers show */
+    uint64_t damage_offset;    /* from the start of the stream, where `damage` is not empty */
+    char damage[192];          /* what is wrong there */
+} kst_pack_stream;
+
+/* What was written. */
+typedef struct kst_pack_report {
+    uint32_t struct_size; /* in: sizeof(kst_pack_report) */
+    uint32_t tracks;      /* hint tracks not counted */
+    uint32_t hint_tracks;
+    uint64_t samples; /* hint samples not counted */
+    uint64_t packets; /* that the hint tracks describe */
+    uint64_t bytes;   /* length of the file */
+    int32_t stream;   /* the one that `error` is about, or -1 */
+    char error[256];  /* why the call failed */
+} kst_pack_report;
+
+/* Makes a packer without streams. `options` may be null. Returns null without memory, and for a
+ * struct_size or flags that are unknown. */
+KESTREL_API kst_packer* kst_packer_open(const kst_pack_options* options);
+
+/* Takes the next `size` bytes at `data` of a stream; pieces may have any size. Returns
+ * KST_PACK_DONE; KST_PACK_CUT once the stream is damaged, whose bytes are then passed over;
+ * KST_PACK_BAD_ARGUMENT, also after kst_packer_write; KST_PACK_NO_MEMORY or KST_PACK_SPOOL_FAILED,
+ * after which there is nothing to be done but kst_packer_close. */
+KESTREL_API int kst_packer_feed(kst_packer* packer, uint32_t stream, const void* data, size_t size);
+
+/* Describes a stream in `about`. Returns KST_PACK_DONE, or KST_PACK_BAD_ARGUMENT for a stream that
+ * was never fed. */
+KESTREL_API int kst_packer_describe(const kst_packer* packer, uint32_t stream,
+                                    kst_pack_stream* about);
+
+/* Writes the file, once all of every stream was fed: movie box first, then the media in turns of at
+ * most a second. `destination` is an empty stream that stands at its start; it is written with
+ * SeekNWrite in order. `report` may be null.
+ *
+ * Returns KST_PACK_DONE or KST_PACK_CUT with a file; otherwise why there is none, with a sentence
+ * in report->error, and the destination holds no whole file. A packer writes once.
+ *
+ * Memory grows with the number of samples and packets, not with their bytes: the media wait in
+ * memory up to 32 MiB for each stream, and beyond that in a temporary file. */
+KESTREL_API int kst_packer_write(kst_packer* packer, KST_IOSTREAM_CALLBACK_INTERFACE* destination,
+                                 kst_pack_report* report);
+
+/* Frees the packer. Null is ignored. */
+KESTREL_API void kst_packer_close(kst_packer* packer);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

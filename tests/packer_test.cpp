@@ -1,0 +1,519 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "kestrel/packer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <numeric>
+
+#include "companion/importer/movie.h"
+#include "companion/packer/h264_pictures.h"
+#include "companion/packer/spool.h"
+#include "companion/stream/depacketise.h"
+#include "kestrel/native_records.h"
+#include "tests/support/allocation_watch.h"
+#include "tests/support/md5.h"
+#include "tests/support/playing.h"
+
+// kst_packer: native streams of all samples and both APIs to files and back.
+
+namespace {
+
+using namespace kestrel;
+using testing::HasSubstr;
+
+struct Packed {
+    int status = -1;
+    kst_pack_report report = {};
+    std::vector<kst_pack_stream> streams;
+    Bytes file;
+};
+
+struct How {
+    uint32_t flags = 0;
+    size_t piece = SIZE_MAX;  // bytes fed at once
+};
+
+Packed pack(const std::vector<Bytes>& streams, const How& how = {}) {
+    Packed packed;
+    const kst_pack_options options = {sizeof options, how.flags};
+    kst_packer* packer = kst_packer_open(&options);
+    kst_host* host = kst_host_for_writing_memory();
+    for (uint32_t i = 0; i < streams.size(); ++i) {
+        for (std::span<const uint8_t> rest(streams[i]); !rest.empty();) {
+            const auto piece = rest.first(std::min(how.piece, rest.size()));
+            kst_packer_feed(packer, i, piece.data(), piece.size());
+            rest = rest.subspan(piece.size());
+        }
+    }
+    packed.report.struct_size = sizeof packed.report;
+    packed.status = kst_packer_write(packer, kst_host_callbacks(host), &packed.report);
+    for (uint32_t i = 0; i < streams.size(); ++i) {
+        kst_pack_stream about = {};
+        about.struct_size = sizeof about;
+        kst_packer_describe(packer, i, &about);
+        packed.streams.push_back(about);
+    }
+    kst_packer_close(packer);
+    size_t size = 0;
+    const auto* written = static_cast<const uint8_t*>(kst_host_written(host, &size));
+    packed.file.assign(written, written + size);
+    kst_host_close(host);
+    return packed;
+}
+
+// The samples of a file's last track of a kind.
+struct MediaSample {
+    double decoded_ms, shown_ms;
+    bool is_sync;
+    std::string digest;
+};
+
+std::vector<MediaSample> samples_of(const Bytes& file, const char* mode,
+                                    importer::Track* about = nullptr) {
+    importer::Movie movie;
+    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    EXPECT_TRUE(import_movie(*kst_host_callbacks(host), {}, movie).ok);
+    kst_host_close(host);
+    std::vector<MediaSample> samples;
+    const uint32_t handler = importer::fourcc(mode[0] == 'a' ? "soun" : "vide");
+    for (const importer::Track& track : movie.tracks) {
+        if (track.handler != handler) continue;
+        samples.clear();
+        double units = 0;
+        for (const importer::Sample& sample : track.samples) {
+            const auto bytes = std::span(file).subspan(sample.offset, sample.size);
+            const double scale = track.timescale / 1000.0;
+            samples.push_back({units / scale, (units + sample.composition_offset) / scale,
+                               sample.is_sync != 0, md5(bytes)});
+            units += sample.duration;
+        }
+        if (about != nullptr) *about = track;
+    }
+    return samples;
+}
+
+// The payloads of a stream, and the media that they join to.
+struct Contents final : stream::RecordSink {
+    explicit Contents(const Bytes& stream) { walk_native(stream, *this); }
+
+    void header(const stream::StreamHeader& header) override {
+        joiner = stream::make_depacketiser(
+            header.medium, {},
+            {[this](auto bytes) { media.insert(media.end(), bytes.begin(), bytes.end()); }});
+    }
+    void video_packet(const stream::VideoPacket& packet) override {
+        payloads.emplace_back(packet.payload.begin(), packet.payload.end());
+        joiner->packet(packet.payload);
+    }
+    void speech_payload(std::span<const uint8_t> front) override {
+        payloads.emplace_back(front.begin(), front.end());
+    }
+    void speech_frame(std::span<const uint8_t> frame) override {
+        payloads.emplace_back(frame.begin(), frame.end());
+    }
+
+    std::vector<Bytes> payloads;
+    Bytes media;
+    std::unique_ptr<stream::Depacketiser> joiner;
+};
+
+Bytes stream_of(const std::string& file, const char* mode, Api api = Api::kFunction) {
+    return play(read_sample(file + ".3gp"), mode, {.api = api}).stream;
+}
+
+// --- every sample file, both ways ---
+
+struct Case {
+    Medium medium;
+    Api api;
+};
+
+void PrintTo(const Case& about, std::ostream* out) {
+    *out << name_of(about.medium, about.api);
+}
+
+std::vector<Case> playable() {
+    std::vector<Case> cases;
+    for (const Medium& medium : sample_media()) {
+        for (const Api api : {Api::kFunction, Api::kClass}) {
+            const Bytes file = read_sample(medium.file);
+            if (play(file, medium.mode, {.api = api}).opened) cases.push_back({medium, api});
+        }
+    }
+    return cases;
+}
+
+class PackedSample : public testing::TestWithParam<Case> {
+  protected:
+    const char* mode() const { return GetParam().medium.mode; }
+    Bytes original() const { return read_sample(GetParam().medium.file); }
+    Bytes stream_of(const Bytes& file) const {
+        return play(file, mode(), {.api = GetParam().api}).stream;
+    }
+    bool is(const char* name) const { return GetParam().medium.file.starts_with(name); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Packer, PackedSample, testing::ValuesIn(playable()),
+                         [](const auto& about) {
+                             return name_of(about.param.medium, about.param.api);
+                         });
+
+TEST_P(PackedSample, HasTheSamplesOfTheOriginal) {
+    const Packed packed = pack({stream_of(original())});
+    ASSERT_EQ(packed.status, KST_PACK_DONE) << packed.report.error;
+    std::vector<MediaSample> expected = samples_of(original(), mode());
+    const std::vector<MediaSample> samples = samples_of(packed.file, mode());
+    // The hint track of this file, which the class API plays, ends before its media do.
+    const bool is_cut = is("amrnb_hinted_1450") && GetParam().api == Api::kClass;
+    if (is_cut) expected.resize(280);
+    ASSERT_EQ(samples.size(), expected.size());
+    // The clock of the function API counts 20 ms a frame, whatever the file declares.
+    const bool has_own_clock = mode()[0] == 'a' && GetParam().api == Api::kFunction;
+    const bool has_sync_table = !is("h263plus");
+    for (size_t i = 0; i < samples.size(); ++i) {
+        EXPECT_EQ(samples[i].digest, expected[i].digest) << i;
+        EXPECT_EQ(!has_sync_table || samples[i].is_sync, expected[i].is_sync) << i;
+        EXPECT_NEAR(samples[i].decoded_ms, expected[i].decoded_ms, has_own_clock ? 7.0 : 0.5) << i;
+        EXPECT_NEAR(samples[i].shown_ms, expected[i].shown_ms, has_own_clock ? 7.0 : 0.5) << i;
+    }
+}
+
+TEST_P(PackedSample, PlaysTheSamePayloads) {
+    const Bytes stream = stream_of(original());
+    const Packed packed = pack({stream}, {KST_PACK_HINT});
+    ASSERT_EQ(packed.status, KST_PACK_DONE) << packed.report.error;
+    EXPECT_EQ(packed.report.hint_tracks, 1u);
+    const Contents before(stream);
+    const Contents after(stream_of(packed.file));
+    EXPECT_EQ(after.media, before.media);
+    // What a file by RFC 3640 has before its payloads is left out.
+    if (is("mpeg4_b")) return;
+    EXPECT_EQ(after.payloads, before.payloads);
+}
+
+TEST_P(PackedSample, IsTheSameInPiecesOfAnySize) {
+    const Bytes stream = stream_of(original());
+    const Bytes whole = pack({stream}, {KST_PACK_HINT}).file;
+    for (const size_t piece : {size_t{1}, size_t{97}, size_t{5000}})
+        EXPECT_EQ(pack({stream}, {KST_PACK_HINT, piece}).file, whole) << piece;
+}
+
+TEST_P(PackedSample, KeepsWhatIsWholeOfACutStream) {
+    const Bytes stream = stream_of(original());
+    const std::vector<MediaSample> all = samples_of(pack({stream}).file, mode());
+    size_t most = 0;
+    for (size_t parts = 1; parts < 8; ++parts) {
+        const Bytes cut(stream.begin(),
+                        stream.begin() + static_cast<long>(stream.size() * parts / 8) + 1);
+        const Packed packed = pack({cut});
+        if (packed.status == KST_PACK_REFUSED) continue;  // no whole frame
+        if (packed.status == KST_PACK_DONE) continue;     // cut between two frames
+        ASSERT_EQ(packed.status, KST_PACK_CUT);
+        EXPECT_THAT(packed.streams[0].damage, HasSubstr("ends inside"));
+        const std::vector<MediaSample> samples = samples_of(packed.file, mode());
+        ASSERT_LT(samples.size(), all.size());
+        EXPECT_GE(samples.size(), most);
+        most = samples.size();
+        for (size_t i = 0; i < samples.size(); ++i) {
+            EXPECT_EQ(samples[i].digest, all[i].digest);
+            EXPECT_NEAR(samples[i].decoded_ms, all[i].decoded_ms, 0.5);
+        }
+    }
+    EXPECT_GT(most, all.size() / 2);
+}
+
+// --- times ---
+
+// Adds to the times of all packets of a video stream.
+Bytes with_times_moved(Bytes stream, uint32_t ticks) {
+    uint32_t at = 0;
+    std::memcpy(&at, &stream[8], sizeof at);  // length of the header records
+    while (at < stream.size()) {
+        VID_Frame_Record frame;
+        std::memcpy(&frame, &stream[at], sizeof frame);
+        uint32_t packet_at = at + sizeof frame + sizeof(VID_Frame_Words);
+        for (uint32_t i = 0; i < frame.packet_count; ++i) {
+            TEL_Packet_Header packet;
+            std::memcpy(&packet, &stream[packet_at], sizeof packet);
+            packet.time += ticks;
+            packet.time_again += ticks;
+            std::memcpy(&stream[packet_at], &packet, sizeof packet);
+            packet_at += packet.packet_length;
+        }
+        at += frame.total_length;
+    }
+    return stream;
+}
+
+TEST(PackedTimes, WrapAt32Bits) {
+    const Bytes stream = stream_of("h263_hinted", "vr");
+    EXPECT_EQ(pack({with_times_moved(stream, -100000U)}).file, pack({stream}).file);
+}
+
+TEST(PackedTimes, OfTwoMediaBeginWhereTheClassApiDeclares) {
+    const Bytes audio = stream_of("av_h263_amrnb_hinted", "ar", Api::kClass);
+    Bytes video = stream_of("av_h263_amrnb_hinted", "vr", Api::kClass);
+    for (const auto& [video_start, audio_start] : {std::pair{9000U, 0U}, {0U, 800U}, {0U, 0U}}) {
+        const VID_Header_NTSInfo starts = {video_start, audio_start};
+        std::memcpy(&video[sizeof(PROP_Header_Info)], &starts, sizeof starts);
+        const Packed packed = pack({video, audio}, {KST_PACK_HINT});
+        ASSERT_EQ(packed.status, KST_PACK_DONE);
+        EXPECT_EQ(packed.report.tracks, 2u);
+        importer::Track video_track;
+        importer::Track audio_track;
+        EXPECT_EQ(samples_of(packed.file, "vr", &video_track).size(), 30u);
+        EXPECT_EQ(samples_of(packed.file, "ar", &audio_track).size(), 101u);
+        const auto late = [](const importer::Track& track) {
+            return track.edits.empty() || track.edits[0].media_time >= 0 ? 0U
+                                                                         : track.edits[0].duration;
+        };
+        EXPECT_EQ(late(video_track), video_start / 90);
+        EXPECT_EQ(late(audio_track), audio_start / 8);
+        const auto again = play(packed.file, "vr", {.api = Api::kClass}).stream;
+        EXPECT_EQ(std::memcmp(&again[sizeof(PROP_Header_Info)], &starts, sizeof starts), 0);
+        // Chunks of at most a second take turns.
+        EXPECT_LT(audio_track.samples.front().offset, video_track.samples.back().offset);
+        EXPECT_LT(video_track.samples.front().offset, audio_track.samples.back().offset);
+    }
+}
+
+// --- what streams lack ---
+
+TEST(PackedStream, ReportsWhatIsMissingOrMalformed) {
+    const Bytes stream = stream_of("h263_hinted", "vr");
+    const size_t first_packet = 92 + sizeof(VID_Frame_Record) + sizeof(VID_Frame_Words);
+    Bytes gap = stream;
+    const uint8_t three_before[] = {0xFE, 0xFF};  // of number 2, which follows
+    std::copy_n(three_before, 2, &gap[first_packet + offsetof(TEL_Packet_Header, rtp_word)]);
+    Packed packed = pack({gap});
+    EXPECT_EQ(packed.status, KST_PACK_CUT);
+    EXPECT_EQ(packed.streams[0].packets_missing, 3u);
+    EXPECT_EQ(packed.streams[0].samples, 30u);
+
+    const std::vector<Bytes> none = {Bytes(stream.begin(), stream.begin() + 92), Bytes(500, 'x')};
+    for (const Bytes& bytes : none) {
+        packed = pack({bytes});
+        EXPECT_EQ(packed.status, KST_PACK_REFUSED);
+        EXPECT_EQ(packed.report.stream, 0);
+        EXPECT_STRNE(packed.report.error, "");
+        EXPECT_TRUE(packed.file.empty());
+    }
+}
+
+TEST(PackedStream, IsLeftOutFromDamageOn) {
+    Bytes stream = stream_of("amrnb_plain", "ar");
+    const size_t frame = 68 + 100 * 57;
+    stream[frame + 4] = 99;  // the coder
+    const Packed packed = pack({stream});
+    EXPECT_EQ(packed.status, KST_PACK_CUT);
+    EXPECT_EQ(packed.streams[0].damage_offset, frame);
+    EXPECT_EQ(packed.streams[0].medium, KST_PACK_AUDIO);
+    EXPECT_EQ(packed.report.samples, 100u);
+}
+
+TEST(Packer, RefusesArgumentsThatItCannotServe) {
+    kst_pack_options options = {sizeof options, 2};
+    EXPECT_EQ(kst_packer_open(&options), nullptr);
+    options = {1, 0};
+    EXPECT_EQ(kst_packer_open(&options), nullptr);
+    kst_packer* packer = kst_packer_open(nullptr);
+    uint8_t byte = 0;
+    EXPECT_EQ(kst_packer_feed(nullptr, 0, &byte, 1), KST_PACK_BAD_ARGUMENT);
+    EXPECT_EQ(kst_packer_feed(packer, KST_PACK_MOST_STREAMS, &byte, 1), KST_PACK_BAD_ARGUMENT);
+    EXPECT_EQ(kst_packer_feed(packer, 0, nullptr, 1), KST_PACK_BAD_ARGUMENT);
+    EXPECT_EQ(kst_packer_write(packer, nullptr, nullptr), KST_PACK_BAD_ARGUMENT);
+    kst_host* host = kst_host_for_writing_memory();
+    EXPECT_EQ(kst_packer_write(packer, kst_host_callbacks(host), nullptr), KST_PACK_REFUSED);
+    EXPECT_EQ(kst_packer_feed(packer, 0, &byte, 1), KST_PACK_BAD_ARGUMENT);
+    kst_host_close(host);
+    kst_packer_close(packer);
+    kst_packer_close(nullptr);
+}
+
+TEST(Packer, ReportsADestinationThatFails) {
+    const Bytes stream = stream_of("h263_hinted", "vr");
+    for (int call = 0; call < 4; ++call) {
+        FaultyHost host;
+        host.break_at(call, {"for good", FaultKind::kStatus, KST_HOST_FAILED, true});
+        kst_packer* packer = kst_packer_open(nullptr);
+        kst_packer_feed(packer, 0, stream.data(), stream.size());
+        kst_pack_report report = {};
+        report.struct_size = sizeof report;
+        EXPECT_EQ(kst_packer_write(packer, host.callbacks(), &report), KST_PACK_DESTINATION_FAILED)
+            << call;
+        kst_packer_close(packer);
+    }
+}
+
+TEST(Packer, SurvivesEachAllocationThatFails) {
+    Bytes stream = stream_of("amrnb_hinted_multi", "ar", Api::kClass);
+    stream.resize(68 + 2 * 185);
+    const Bytes whole = pack({stream}, {KST_PACK_HINT}).file;
+    const int tried = with_each_allocation_failing([&](AllocationFault& fault) {
+        const kst_pack_options options = {sizeof options, KST_PACK_HINT};
+        kst_host* host = kst_host_for_writing_memory();
+        const int status = fault.during([&] {
+            kst_packer* packer = kst_packer_open(&options);
+            if (packer == nullptr) return int{KST_PACK_NO_MEMORY};
+            int result = kst_packer_feed(packer, 0, stream.data(), stream.size());
+            if (result == KST_PACK_DONE)
+                result = kst_packer_write(packer, kst_host_callbacks(host), nullptr);
+            kst_packer_close(packer);
+            return result;
+        });
+        if (fault.reached()) {
+            EXPECT_THAT(status, testing::AnyOf(KST_PACK_NO_MEMORY, KST_PACK_DESTINATION_FAILED));
+        } else {
+            EXPECT_EQ(status, KST_PACK_DONE);
+        }
+        kst_host_close(host);
+    });
+    EXPECT_GT(tried, 50);
+    EXPECT_FALSE(whole.empty());
+}
+
+TEST(Spool, ReadsWhatItTookFromMemoryAndFromAFile) {
+    for (const uint64_t most : {uint64_t{0}, uint64_t{100}, uint64_t{1} << 20}) {
+        packer::Spool spool(most);
+        Bytes all;
+        for (uint32_t size = 0; size < 200; ++size) {
+            const Bytes piece(size, static_cast<uint8_t>(size));
+            ASSERT_TRUE(spool.append(piece));
+            all.insert(all.end(), piece.begin(), piece.end());
+            Bytes read(all.size() / 3);
+            ASSERT_TRUE(spool.read(all.size() / 2, read));
+            EXPECT_TRUE(std::equal(read.begin(), read.end(),
+                                   all.begin() + static_cast<long>(all.size() / 2)));
+        }
+        Bytes too_many(1);
+        EXPECT_FALSE(spool.read(all.size(), too_many));
+    }
+}
+
+// --- the order of display ---
+
+// Bits of H.264, most significant first.
+class Bits {
+  public:
+    Bits& u(unsigned count, uint32_t value) {
+        while (count-- > 0)
+            bits_.push_back((value >> count & 1) != 0);
+        return *this;
+    }
+    Bits& ue(uint32_t value) {
+        const auto width = static_cast<unsigned>(std::bit_width(value + 1));
+        return u(width - 1, 0).u(width, value + 1);
+    }
+    Bits& se(int32_t value) {
+        return ue(value > 0 ? static_cast<uint32_t>(2 * value - 1)
+                            : static_cast<uint32_t>(-2 * value));
+    }
+    // A unit with its length.
+    Bytes unit(uint8_t header) {
+        u(1, 1);
+        while (bits_.size() % 8 != 0)
+            bits_.push_back(false);
+        Bytes out = {0, 0, 0, static_cast<uint8_t>(1 + bits_.size() / 8), header};
+        for (size_t i = 0; i < bits_.size(); i += 8) {
+            uint8_t byte = 0;
+            for (size_t bit = 0; bit < 8; ++bit)
+                byte = static_cast<uint8_t>(byte << 1 | (bits_[i + bit] ? 1 : 0));
+            out.push_back(byte);
+        }
+        return out;
+    }
+
+  private:
+    std::vector<bool> bits_;
+};
+
+struct OrderCase {
+    const char* name;
+    Bytes sequence_set;
+    // Of each picture: frame number, what its order type adds, and whether others refer to it.
+    struct Coded {
+        uint32_t frame_number;
+        std::function<void(Bits&)> order;
+        bool is_reference;
+    };
+    std::vector<Coded> coded;
+    std::vector<size_t> shown;  // in which order
+};
+
+Bits sequence_set(uint32_t order_type) {
+    Bits bits;
+    bits.u(8, 66).u(16, 0).ue(0).ue(0).ue(order_type);  // baseline; frame numbers of four bits
+    return bits;
+}
+
+Bytes end_of_set(Bits bits) {
+    return bits.ue(1).u(1, 0).ue(10).ue(8).u(1, 1).u(1, 1).u(1, 0).u(1, 0).unit(0x67);
+}
+
+// ITU-T H.264, 8.2.1: the three ways in which the order is declared.
+TEST(H264Pictures, AreShownInTheDeclaredOrder) {
+    const auto low = [](uint32_t value) { return [=](Bits& bits) { bits.u(4, value); }; };
+    const auto change = [](int32_t value) { return [=](Bits& bits) { bits.se(value); }; };
+    const auto nothing = [](Bits&) {};
+    const OrderCase cases[] = {
+        // Four low bits, which wrap at 16.
+        {"type 0",
+         end_of_set(sequence_set(0).ue(0)),
+         {{0, low(0), true},
+          {1, low(8), true},
+          {2, low(4), false},
+          {2, low(0), true},
+          {3, low(12), false},
+          {3, low(8), true}},
+         {0, 2, 1, 4, 3, 5}},
+        // Each reference picture is two on; what none refers to is one before where it would be.
+        {"type 1",
+         end_of_set(sequence_set(1).u(1, 0).se(-3).se(0).ue(1).se(4)),
+         {{0, change(0), true},
+          {1, change(0), true},
+          {2, change(0), false},
+          {2, change(6), true},
+          {3, change(0), true}},
+         {0, 2, 1, 4, 3}},
+        {"type 2",
+         end_of_set(sequence_set(2)),
+         {{0, nothing, true}, {1, nothing, true}, {2, nothing, false}, {2, nothing, true}},
+         {0, 1, 2, 3}},
+    };
+    for (const OrderCase& about : cases) {
+        SCOPED_TRACE(about.name);
+        packer::H264Pictures pictures;
+        std::vector<uint64_t> keys;
+        for (const OrderCase::Coded& coded : about.coded) {
+            const bool is_first = keys.empty();
+            Bytes sample;
+            if (is_first) {
+                const Bytes picture_set = Bits().ue(0).ue(0).u(2, 0).unit(0x68);
+                sample = join({about.sequence_set, picture_set});
+            }
+            Bits slice;
+            slice.ue(0).ue(7).ue(0).u(4, coded.frame_number);
+            if (is_first) slice.ue(0);  // idr_pic_id
+            coded.order(slice);
+            const uint8_t header =
+                static_cast<uint8_t>((coded.is_reference ? 0x60 : 0) | (is_first ? 5 : 1));
+            sample = join({sample, slice.unit(header)});
+            const packer::Picture picture = pictures.look(sample);
+            EXPECT_EQ(picture.is_sync, is_first);
+            keys.push_back(picture.display_key);
+        }
+        std::vector<size_t> shown(keys.size());
+        std::iota(shown.begin(), shown.end(), 0);
+        std::stable_sort(shown.begin(), shown.end(),
+                         [&](size_t a, size_t b) { return keys[a] < keys[b]; });
+        EXPECT_EQ(shown, about.shown);
+    }
+}
+
+}  // namespace
