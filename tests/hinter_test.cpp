@@ -11,6 +11,7 @@
 #include "common/bytes.h"
 #include "companion/importer/movie.h"
 #include "kestrel/isoff.h"
+#include "tests/support/allocation_watch.h"
 #include "tests/support/files.h"
 #include "tests/support/movie_forms.h"
 #include "tests/support/playing.h"
@@ -311,6 +312,23 @@ TEST(Hinter, SeeksInEveryTimescale) {
     }
 }
 
+TEST(Hinter, KeepsATimescaleOfWhichTheMultipleWouldNotFit) {
+    constexpr uint32_t kTimescale = 15360, kFactor = 25, kSamples = 30;
+    constexpr uint32_t kLongest = UINT32_MAX / kFactor / kSamples;  // duration of a sample
+    for (const bool fits : {true, false}) {
+        Bytes source = read_sample("mpeg4_plain.3gp");
+        const Bytes stts = text("stts");
+        const auto table = std::search(source.begin(), source.end(), stts.begin(), stts.end());
+        ASSERT_EQ(kestrel::load_be32(&*table + 12), kSamples);
+        kestrel::store_be32(&*table + 16, fits ? kLongest : kLongest + 1);
+        const Hinted hinted = hint(source);
+        ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
+        expect_same_tracks(source, hinted.file);
+        EXPECT_EQ(import(hinted.file).tracks.at(0).timescale,
+                  fits ? kTimescale * kFactor : kTimescale);
+    }
+}
+
 // --- other tracks ---
 
 TEST(Hinter, KeepsOrDropsOtherTracks) {
@@ -449,6 +467,19 @@ TEST(Hinter, RefusesWhatItCannotHint) {
         const Hinted hinted = hint(source);
         EXPECT_EQ(hinted.result, KST_HINT_REFUSED);
         EXPECT_STREQ(hinted.report.error, damaged.error);
+        EXPECT_TRUE(hinted.file.empty());
+    }
+}
+
+TEST(Hinter, SaysWhichSampleOfSpeechIsMalformed) {
+    for (const char* name : {"amrnb_plain.3gp", "amrwb_plain.3gp"}) {
+        Bytes source = read_sample(name);
+        const auto offset = import(source).tracks.at(0).samples.at(4).offset;
+        source[static_cast<size_t>(offset)] = 0x04;  // a frame of the lowest rate
+        const Hinted hinted = hint(source);
+        EXPECT_EQ(hinted.result, KST_HINT_REFUSED);
+        EXPECT_STREQ(hinted.report.error,
+                     "track 1: sample 5 is malformed: it does not end with a speech frame");
         EXPECT_TRUE(hinted.file.empty());
     }
 }
@@ -650,15 +681,36 @@ TEST(Hinter, FailingHostsLeaveNoWholeFile) {
             if (!can_fault(from_once.names[static_cast<size_t>(call)], fault.kind)) continue;
             FaultyHost from(source), to;
             from.break_at(call, fault);
-            EXPECT_EQ(run(from, to) == KST_HINT_DONE, to.written() == whole);
+            const int result = run(from, to);
+            EXPECT_EQ(result, to.written() == whole ? KST_HINT_DONE : KST_HINT_SOURCE_FAILED);
         }
         for (int call = 0; call < to_once.calls; ++call) {
             FaultyHost from(source), to;
             to.break_at(call, fault);
-            const bool is_done = run(from, to) == KST_HINT_DONE;
-            EXPECT_TRUE(!is_done || to.written() == whole);
+            const int result = run(from, to);
+            if (result == KST_HINT_DONE) {
+                EXPECT_EQ(to.written(), whole);
+            } else {
+                EXPECT_EQ(result, KST_HINT_DESTINATION_FAILED);
+            }
         }
     }
+}
+
+TEST(Hinter, ReportsThatMemoryRanOut) {
+    const Bytes source = read_sample("wild/fragmented.3gp");
+    const Bytes whole = hint(source).file;
+    const int tried = with_each_allocation_failing([&](AllocationFault& fault) {
+        FaultyHost from(source), to;
+        const int result = fault.during(
+            [&] { return kst_hint(from.callbacks(), to.callbacks(), nullptr, nullptr); });
+        if (result == KST_HINT_DONE) {
+            EXPECT_EQ(to.written(), whole);
+        } else {  // that of the destination can run out as well
+            EXPECT_TRUE(result == KST_HINT_NO_MEMORY || result == KST_HINT_DESTINATION_FAILED);
+        }
+    });
+    EXPECT_GT(tried, 100);
 }
 
 }  // namespace

@@ -516,6 +516,24 @@ class Check(ToolTest):
             self.assertEqual(run(words[0], path, *words[1:], "-o", fixed).returncode, 0)
             self.assertEqual({row[1:4] for row in self.check(fixed)[1]}, {("plays", "plays", "-")})
 
+    def test_a_picture_that_is_too_long(self):
+        data = bytearray(pathlib.Path(sample("mpeg4_plain")).read_bytes())
+        media = len(boxes(data, [b"mdat"])[0]) + 8
+        self.assertEqual(data[-media:][:8], struct.pack(">I4s", media, b"mdat"))
+        sizes = data.index(b"stsz") + 12
+        last = sizes + 4 * int.from_bytes(data[sizes:sizes + 4], "big")
+        long = (16 << 20) + 1
+        data[last:last + 4] = long.to_bytes(4, "big")
+        data[-media:-media + 4] = struct.pack(">I", media + long)
+        path = self.write("file.3gp", data + bytes(long))
+        _, rows = self.check(path)
+        self.assertEqual([row[:4] for row in rows], [("video", "large-frame", "no-hint-track", "-")])
+        sentence = "A sample of 16,777,217 bytes is larger than this API can hold."
+        self.assertIn(sentence, run("info", path).stdout.decode())
+        played = run("extract", path, "vr")
+        self.assertEqual(played.returncode, 1)
+        self.assertIn(sentence[:-1], played.stderr.decode())
+
     def test_encrypted_tracks(self):
         for name, entry, kind in [("h263_hinted", b"s263", b"encv"), ("amrnb_hinted", b"samr", b"enca"),
                                   ("h264_plain", b"avc1", b"encv")]:

@@ -12,6 +12,7 @@
 #include "companion/hinter/track_choice.h"
 #include "companion/importer/source.h"
 #include "kestrel/kstutil.h"
+#include "native/codec/amr_format.h"
 
 // kst_hint: the tables are read, the packets of all samples planned, and the file is written, its
 // movie box first.
@@ -72,12 +73,23 @@ class Job {
     std::string left_out() const;
 
   private:
+    static int result_of(importer::Cause cause) {
+        switch (cause) {
+            case importer::Cause::kHost:
+                return KST_HINT_SOURCE_FAILED;
+            case importer::Cause::kMemory:
+                return KST_HINT_NO_MEMORY;
+            default:
+                return KST_HINT_REFUSED;
+        }
+    }
+
     bool import() {
         importer::Options how;
         how.salvage = (options_.flags & KST_HINT_SALVAGE) != 0;
         how.skip_hint_tracks = true;  // they are left out, or keep the file from being copied
         importer::Result result = importer::import_movie(*host_, how, movie_);
-        if (!result.ok) return outcome_.fail(KST_HINT_REFUSED, result.error);
+        if (!result.ok) return outcome_.fail(result_of(result.cause), result.error);
         salvaged_ = std::move(result.salvaged);
         shorten_headers(movie_);
         return source_.open() || outcome_.fail(KST_HINT_SOURCE_FAILED, source_.error());
@@ -172,7 +184,7 @@ class Job {
             if (!bytes) return false;
             const SampleFigures figures = medium.samples->figures(i);
             const int refused = make_next_hint(medium.hint, *bytes, figures.cts_offset, made);
-            if (refused != 0) return refuse(medium, refused, i);
+            if (refused != 0) return refuse_sample(medium, refused, i, *bytes);
             count_hint(medium.hint, made, figures.duration);
             medium.hint_samples->add(made);
             count_packets(made.packets);
@@ -207,7 +219,7 @@ class Job {
 
     // --- failures ---
 
-    bool refuse(const Medium& medium, int result, uint32_t sample = 0) {
+    bool refuse(const Medium& medium, int result) {
         const std::string track = "track " + std::to_string(medium.track.from->id);
         switch (result) {
             case kNoMemory:
@@ -217,12 +229,32 @@ class Job {
             case kTooLong:
                 return outcome_.fail(KST_HINT_REFUSED, track + too_long_text(medium.track.to));
             default:
-                return outcome_.fail(KST_HINT_REFUSED,
-                                     track + ": sample " + std::to_string(sample + 1) +
-                                         " cannot be cut into packets of at most " +
-                                         std::to_string(options_.max_packet) + " bytes" +
-                                         limit_advice(medium.track.to));
+                return outcome_.fail(KST_HINT_REFUSED, track + " cannot be written");
         }
+    }
+
+    bool refuse_sample(const Medium& medium, int result, uint32_t number,
+                       std::span<const uint8_t> sample) {
+        if (result != kCannotBeCut) return refuse(medium, result);
+        const std::string name = "track " + std::to_string(medium.track.from->id) + ": sample " +
+                                 std::to_string(number + 1);
+        if (is_malformed_speech(medium.track.to, sample))
+            return outcome_.fail(KST_HINT_REFUSED,
+                                 name + " is malformed: it does not end with a speech frame");
+        return outcome_.fail(KST_HINT_REFUSED, name + " cannot be cut into packets of at most " +
+                                                   std::to_string(options_.max_packet) + " bytes" +
+                                                   limit_advice(medium.track.to));
+    }
+
+    static bool is_malformed_speech(const iso_track* track, std::span<const uint8_t> sample) {
+        if (track->codec != ISO_CODEC_SAMR && track->codec != ISO_CODEC_SAWB) return false;
+        const AmrBand& band = track->codec == ISO_CODEC_SAWB ? kWideBand : kNarrowBand;
+        size_t at = 0;
+        while (at < sample.size()) {
+            const int type = storage_frame_type(sample[at]);
+            at += static_cast<size_t>(storage_frame_size(band.frame_bits[type]));
+        }
+        return at != sample.size();
     }
 
     // What would help a speech frame into a packet.
@@ -242,7 +274,7 @@ class Job {
     }
 
     // Results of the writer.
-    static constexpr int kNoMemory = -2, kTooLarge = -6, kTooLong = -7;
+    static constexpr int kNoMemory = -2, kCannotBeCut = -3, kTooLarge = -6, kTooLong = -7;
     static constexpr const char* kTooLargeText =
         "the output would have 4 GiB or more, beyond the offsets of the format";
 

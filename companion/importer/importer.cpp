@@ -169,11 +169,12 @@ Result import_movie(KST_IOSTREAM_CALLBACK_INTERFACE& host, const Options& option
     Source source(host);
     Import import(source, options, movie);
     try {
-        if (read_file(import)) return {true, {}, std::move(import.salvaged)};
+        if (read_file(import)) return {true, Cause::kNone, {}, std::move(import.salvaged)};
     } catch (const std::exception&) {  // of the standard library's containers
-        return {false, "there is not enough memory for the tables of the file", {}};
+        return {false, Cause::kMemory, "there is not enough memory for the tables of the file", {}};
     }
-    return {false, std::move(import.error), {}};
+    const Cause cause = source.error().empty() ? Cause::kFile : Cause::kHost;
+    return {false, cause, std::move(import.error), {}};
 }
 
 }  // namespace kestrel::importer

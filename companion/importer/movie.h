@@ -133,8 +133,12 @@ struct Options {
     bool skip_hint_tracks = false;
 };
 
+// Why a file was not read.
+enum class Cause { kNone, kFile, kHost, kMemory };
+
 struct Result {
     bool ok = false;
+    Cause cause = Cause::kNone;
     std::string error;     // one sentence without a full stop that names the box and its offset
     std::string salvaged;  // what was left out, one sentence without a full stop, or empty
 };

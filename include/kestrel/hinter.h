@@ -33,7 +33,7 @@ enum {
     KST_HINT_CANCELLED = 1,    /* the progress function returned non-zero */
     KST_HINT_BAD_ARGUMENT = 2, /* a null table, an unknown flag, max_packet out of range */
     KST_HINT_NO_MEMORY = 3,
-    KST_HINT_REFUSED = 4,            /* the source is damaged, or cannot be copied or hinted */
+    KST_HINT_REFUSED = 4,            /* the source is malformed, or cannot be copied or hinted */
     KST_HINT_HAS_HINTS = 5,          /* the source has hint tracks; see KST_HINT_REPLACE */
     KST_HINT_SOURCE_FAILED = 6,      /* the source could not be read, or has not arrived yet */
     KST_HINT_DESTINATION_FAILED = 7, /* the destination took fewer bytes than it was given */
