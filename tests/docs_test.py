@@ -2,10 +2,12 @@
 """What is written about Kestrel is so: quotes are the files' text, links lead somewhere, man pages
 and completion know every option, and the examples of man pages run as written."""
 
+import contextlib
 import os
 import pathlib
 import re
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
@@ -44,6 +46,17 @@ def complete(*words):
     result = subprocess.run(["bash", "-c", script, "bash", TOOL, *words], check=True,
                             capture_output=True, text=True)
     return sorted(result.stdout.split())
+
+
+@contextlib.contextmanager
+def listeners(first, count):
+    """Somebody listens to the ports, for a command that sends to them."""
+    with contextlib.ExitStack() as stack:
+        for port in range(first, first + count):
+            one = stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+            with contextlib.suppress(OSError):  # somebody else does
+                one.bind(("127.0.0.1", port))
+        yield
 
 
 def run_in(folder, line):
@@ -131,7 +144,7 @@ class ManPages(unittest.TestCase):
                 upload = (SAMPLES / "wild" / "fragmented.3gp").read_bytes()
                 pathlib.Path(scratch, "upload.mp4").write_bytes(upload[:len(upload) * 2 // 3])
                 for line in lines:
-                    with self.subTest(page=source.name, line=line):
+                    with self.subTest(page=source.name, line=line), listeners(5004, 4):
                         run_in(scratch, line)
 
 
@@ -154,7 +167,8 @@ class Readme(unittest.TestCase):
         with tempfile.TemporaryDirectory() as scratch:
             (pathlib.Path(scratch) / "samples").symlink_to(SAMPLES)
             for line in lines:
-                run_in(scratch, line)
+                with listeners(5004, 4):
+                    run_in(scratch, line)
 
     def test_shows_what_a_command_prints(self):
         text = (ROOT / "README.md").read_text()

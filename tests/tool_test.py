@@ -1,21 +1,25 @@
 # SPDX-License-Identifier: Apache-2.0
 """The command-line tool as a person meets it: commands, outputs, messages and exit codes."""
 
+import contextlib
 import fractions
 import hashlib
 import itertools
 import json
 import os
 import pathlib
+import random
 import re
 import resource
 import shlex
 import shutil
 import signal
+import socket
 import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 TOOL = os.environ["KESTREL_TOOL"]
@@ -1194,6 +1198,199 @@ class Pack(ToolTest):
                 self.assert_fails(run("pack", *arguments, "-o", out), code, message)
                 self.assertEqual(out.read_bytes(), b"before")
         self.assert_fails(run("pack", audio, "-o", audio), 2, "is the input")
+
+
+class Datagrams:
+    """Receives what comes to ports of this machine, from an even one on."""
+
+    def __init__(self, tracks):
+        while True:
+            self.port = random.randrange(10000, 30000) * 2
+            self.sockets = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+                            for _ in range(2 * tracks)]
+            try:
+                for number, one in enumerate(self.sockets):
+                    one.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 21)
+                    one.bind(("127.0.0.1", self.port + number))
+                    one.settimeout(10)
+                return
+            except OSError:
+                self.close()
+
+    def close(self):
+        for one in self.sockets:
+            one.close()
+
+    def take(self, number):
+        """All that has come to a port."""
+        taken = []
+        self.sockets[number].setblocking(False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                taken.append(self.sockets[number].recv(1 << 16))
+        return taken
+
+
+class Send(ToolTest):
+    def receive(self, path, tracks, *options):
+        """RTP and RTCP packets of each track."""
+        here = Datagrams(tracks)
+        self.addCleanup(here.close)
+        result = run("send", path, "--to", f"127.0.0.1:{here.port}", *options)
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        return [(here.take(2 * i), here.take(2 * i + 1)) for i in range(tracks)]
+
+    def assert_control_packets(self, control, packets):
+        kinds = []
+        for datagram in control:
+            at, in_one = 0, []
+            while at < len(datagram):
+                kind, words = struct.unpack(">xBH", datagram[at:at + 4])
+                in_one.append(kind)
+                self.assertEqual(datagram[at + 4:at + 8], packets[0][8:12])
+                at += 4 * words + 4
+            kinds.append(in_one)
+        self.assertEqual(kinds[0], [200, 202])
+        self.assertEqual(kinds[-1], [200, 202, 203])
+        self.assertEqual(struct.unpack(">2I", control[-1][20:28]),
+                         (len(packets), sum(len(packet) - 12 for packet in packets)))
+
+    def test_packets_are_those_of_the_hint_tracks(self):
+        starts = set()
+        for name in ["amrnb_hinted_multi", "h263_hinted_mtu500", "h264_slices_b_hinted",
+                     "av_h263_amrnb_hinted", "two_amrnb_hinted"]:
+            truth = {}
+            for line in (SAMPLES / "truth" / f"{name}.packets").read_text().splitlines():
+                track, length, marker, kind, _, time, digest = line.split()
+                truth.setdefault(track, []).append((int(length), int(marker) << 7 | int(kind),
+                                                    int(time), digest))
+            received = self.receive(sample(name), len(truth), "--speed", 500)
+            for expected, (packets, control) in zip(truth.values(), received):
+                with self.subTest(name=name):
+                    first = struct.unpack(">HII", packets[0][2:12])
+                    starts.add(first)
+                    sources = {packet[8:12] for packet in packets}
+                    self.assertEqual(len(sources), 1)
+                    numbers = [struct.unpack(">H", packet[2:4])[0] for packet in packets]
+                    self.assertEqual([(n - first[0]) % 2**16 for n in numbers],
+                                     list(range(len(packets))))
+                    got = [(len(packet), packet[1],
+                            (struct.unpack(">I", packet[4:8])[0] - first[1]) % 2**32,
+                            hashlib.md5(packet[12:]).hexdigest()) for packet in packets]
+                    self.assertEqual(got, [(*row[:2], row[2] % 2**32, row[3]) for row in expected])
+                    self.assert_control_packets(control, packets)
+        self.assertEqual(len({s[0] for s in starts}), len(starts))
+
+    @unittest.skipUnless(shutil.which("ffmpeg"), "ffmpeg is not installed")
+    def test_an_independent_receiver_decodes_every_frame(self):
+        # With hints of the file, of the tool for a file that has none, and in place of such that
+        # receivers do not know.
+        for name, tracks in [("amrnb_plain", 1), ("amrwb_hinted", 1), ("h263_hinted", 1),
+                             ("h263_hinted_selfref", 1), ("mpeg4_hinted_1450", 1),
+                             ("mpeg4_b_hinted", 1), ("h264_slices_b_hinted", 1),
+                             ("av_h264_amrwb_hinted", 2)]:
+            with self.subTest(name=name):
+                decode = ["-map", "0:v?", "-map", "0:a?", "-fps_mode", "passthrough", "-f",
+                          "framemd5", "-"]
+                known = subprocess.run(["ffmpeg", "-v", "error", "-ignore_editlist", "1", "-i",
+                                        sample(name), *decode], capture_output=True, check=True)
+                frames = sorted(re.findall(rb"^(\d),.*, (\w+)$", known.stdout, re.M))
+                self.assertGreater(len(frames), 20)
+                for _ in range(3):  # a busy machine can lose datagrams
+                    out, errors = self.play(sample(name), tracks, decode)
+                    received = sorted(re.findall(rb"^(\d),.*, (\w+)$", out, re.M))
+                    if received == frames:
+                        break
+                self.assertEqual(self.other_lines(errors), [])
+                self.assertEqual(received, frames)
+
+    def play(self, path, tracks, decode):
+        """What an independent receiver makes of what is sent to it, and what it says."""
+        description = self.scratch / "clip.sdp"
+        here = Datagrams(tracks)
+        to = f"127.0.0.1:{here.port}"
+        run("send", path, "--to", to, "--sdp", description, "--speed", 1000)
+        here.close()
+        player = subprocess.Popen(["ffmpeg", "-v", "error", "-protocol_whitelist", "file,udp,rtp",
+                                   "-i", description, *decode],
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.wait_for_port(here.port + 2 * tracks - 1)
+        sent = run("send", path, "--to", to, "--speed", 3)
+        played = player.communicate(timeout=60)
+        self.assertEqual((sent.returncode, sent.stderr), (0, b""))
+        return played
+
+    @staticmethod
+    def other_lines(errors):
+        """Without those on times, which the output format does not take as they are."""
+        return [line for line in errors.decode().splitlines() if "DTS" not in line]
+
+    @staticmethod
+    def wait_for_port(port):
+        wanted = f":{port:04X} "
+        for _ in range(500):
+            if wanted in pathlib.Path("/proc/net/udp").read_text():
+                return
+            time.sleep(0.02)
+        raise TimeoutError("nobody listens")
+
+    def test_it_begins_at_the_sync_sample_of_a_time(self):
+        for name, milliseconds in [("amrnb_hinted", 1010), ("mpeg4_hinted", 1500)]:
+            (packets, _), = self.receive(sample(name), 1, "--speed", 500)
+            (late, _), = self.receive(sample(name), 1, "--speed", 500, "--from", milliseconds)
+            left_out = len(packets) - len(late)
+            with self.subTest(name=name, left_out=left_out):
+                self.assertGreater(left_out, 0)
+                self.assertEqual([p[12:] for p in late], [p[12:] for p in packets[left_out:]])
+                clock = 8000 if name.startswith("amr") else 90000
+                passed = [(struct.unpack(">I", p[4:8])[0] - struct.unpack(">I", packets[0][4:8])[0])
+                          / clock * 1000 for p in packets]
+                self.assertLessEqual(passed[left_out], milliseconds)
+                if clock == 8000:
+                    self.assertGreater(passed[left_out + 1], milliseconds)
+                else:  # a start of a group of pictures, ISO/IEC 14496-2, 6.2.1
+                    self.assertIn(late[0][12:16], (b"\0\0\1\xb0", b"\0\0\1\xb3", b"\0\0\1\xb6"))
+
+    def test_a_signal_ends_it_with_a_bye(self):
+        for options, signals, ends in [(("--loop",), signal.SIGINT, 0),
+                                       ((), signal.SIGTERM, -signal.SIGTERM)]:
+            here = Datagrams(1)
+            self.addCleanup(here.close)
+            speed = 60 if options else 0.1
+            sending = subprocess.Popen([TOOL, "send", sample("h263_hinted"), "--to",
+                                        f"127.0.0.1:{here.port}", "--speed", str(speed), *options],
+                                       stderr=subprocess.PIPE)
+            count = 56
+            packets = [here.sockets[0].recv(1 << 16) for _ in range(count + 1 if options else 3)]
+            sending.send_signal(signals)
+            _, errors = sending.communicate(timeout=10)
+            with self.subTest(options=options):
+                self.assertEqual((sending.returncode, errors), (ends, b""))
+                self.assertEqual(here.take(1)[-1][-8:-4], bytes.fromhex("81cb0001"))
+                if options:
+                    self.assertEqual(packets[0][12:], packets[count][12:])
+                    first, again = (struct.unpack(">HI", packets[i][2:8]) for i in (0, count))
+                    self.assertEqual((again[0] - first[0]) % 2**16, count)
+                    self.assertEqual((again[1] - first[1]) % 2**32, 2 * 90000)
+
+    def test_what_cannot_be_sent(self):
+        here = Datagrams(1)
+        self.addCleanup(here.close)
+        to = f"127.0.0.1:{here.port}"
+        nobody = f"127.0.0.1:{here.port + 2}"
+        for arguments, code, message in [
+                (("amrnb_hinted", "--to", "127.0.0.1"), 2, "HOST:PORT"),
+                (("amrnb_hinted", "--to", "::1:5004"), 2, "HOST:PORT"),
+                (("amrnb_hinted", "--to", "127.0.0.1:70000"), 2, "HOST:PORT"),
+                (("amrnb_hinted", "--to", "127.0.0.1:5005"), 2, "even port"),
+                (("two_amrnb_hinted", "--to", "127.0.0.1:65534"), 2, "beyond 65535"),
+                (("amrnb_hinted", "--to", to, "--speed", 0), 2, "--speed"),
+                (("amrnb_hinted", "--to", to, "--from", 60000), 1, "after the end"),
+                (("aac_plain", "--to", to), 1, "no AMR, H.263, MPEG-4 or H.264 track"),
+                (("amrnb_hinted", "--to", nobody, "--speed", 1000), 1, "nobody listened")]:
+            with self.subTest(arguments=arguments):
+                self.assert_fails(run("send", sample(arguments[0]), *arguments[1:]), code, message)
+        self.assertEqual(here.take(0), [])
 
 
 class Outputs(ToolTest):

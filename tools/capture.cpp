@@ -4,11 +4,8 @@
 #include <algorithm>
 #include <optional>
 #include <queue>
-#include <sstream>
-#include <string_view>
 
 #include "common/bytes.h"
-#include "tools/text.h"
 
 namespace tool {
 namespace {
@@ -49,40 +46,6 @@ struct Head {
     }
 };
 
-// --- description ---
-
-// Of the lines that a media description may have, those of a file that hold for a capture: its
-// addresses and ports are ours.
-bool is_media_attribute(std::string_view line) {
-    constexpr std::string_view kTypes = "iba";
-    return line.size() > 2 && line[1] == '=' && kTypes.find(line[0]) != std::string_view::npos &&
-           !line.starts_with("a=control");
-}
-
-// "m=video 5004 RTP/AVP 96" with another port; empty for another line.
-std::string with_port(const std::string& line, uint16_t port) {
-    std::istringstream words(line);
-    std::string kind, number, rest;
-    const bool is_media =
-        line.starts_with("m=") && words >> kind >> number && std::getline(words, rest);
-    return is_media ? kind + " " + std::to_string(port) + rest : "";
-}
-
-// The file's own text is used where there is one.
-std::string describe_media(const HintPackets& track, uint16_t port) {
-    const char* text = track.track()->sdp_text;
-    std::istringstream lines(text != nullptr ? text : "");
-    std::string media, attributes;
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (media.empty()) media = with_port(line, port);
-        if (is_media_attribute(line)) attributes += printable(line) + "\r\n";
-    }
-    if (!media.empty()) return printable(media) + "\r\n" + attributes;
-    const bool audio = track.media() != nullptr && std::string(track.media()->handler) == "soun";
-    return std::string(audio ? "m=audio " : "m=video ") + std::to_string(port) + " RTP/AVP 96\r\n";
-}
-
 }  // namespace
 
 std::optional<uint64_t> write_capture(std::vector<std::unique_ptr<HintPackets>>& tracks,
@@ -110,14 +73,9 @@ std::optional<uint64_t> write_capture(std::vector<std::unique_ptr<HintPackets>>&
     return written;
 }
 
-std::string describe_session(const std::string& name,
-                             const std::vector<std::unique_ptr<HintPackets>>& tracks) {
+SessionAddress capture_address() {
     const std::string address = std::string("IN IP4 ") + kCaptureAddress;
-    std::string text = "v=0\r\no=- 0 0 " + address + "\r\ns=" + printable(name) +
-                       "\r\nc=" + address + "\r\nt=0 0\r\n";
-    for (size_t track = 0; track < tracks.size(); ++track)
-        text += describe_media(*tracks[track], port_of(track));
-    return text;
+    return {address, address, kFirstCapturePort};
 }
 
 }  // namespace tool

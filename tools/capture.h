@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A capture of the packets of hint tracks, and the session description (RFC 8866) that belongs to
-// it.
+// A capture of the packets of hint tracks.
 #ifndef KESTREL_TOOLS_CAPTURE_H
 #define KESTREL_TOOLS_CAPTURE_H
 
@@ -12,6 +11,7 @@
 
 #include "tools/hint_packets.h"
 #include "tools/pcap.h"
+#include "tools/session_description.h"
 
 namespace tool {
 
@@ -24,9 +24,8 @@ inline constexpr size_t kMaxCapturedTracks = 64;
 std::optional<uint64_t> write_capture(std::vector<std::unique_ptr<HintPackets>>& tracks,
                                       uint64_t limit, Output& output);
 
-// Returns the description of a session of that name, with the ports of the capture for the tracks.
-std::string describe_session(const std::string& name,
-                             const std::vector<std::unique_ptr<HintPackets>>& tracks);
+// Returns where its packets go.
+SessionAddress capture_address();
 
 }  // namespace tool
 

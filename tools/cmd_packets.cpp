@@ -10,6 +10,7 @@
 #include "tools/commands.h"
 #include "tools/json_printer.h"
 #include "tools/judge/child_process.h"
+#include "tools/session_description.h"
 #include "tools/support.h"
 #include "tools/whole_output.h"
 
@@ -49,12 +50,8 @@ HintTracks wanted_tracks(const FileFacts& facts, const Options& options) {
 
 // Fails when packets are left out.
 void check_tracks(const HintTracks& tracks, const std::string& input) {
-    std::string all;
-    for (const auto& track : tracks) {
-        const std::string lacks = track->lacks();
-        if (!lacks.empty()) all += (all.empty() ? "" : "; ") + lacks;
-    }
-    if (!all.empty()) throw file_error(input, all);
+    const std::string lacks = lacks_of(tracks);
+    if (!lacks.empty()) throw file_error(input, lacks);
 }
 
 void print_packet(uint32_t track, std::span<const uint8_t> packet, bool as_hex) {
@@ -129,7 +126,8 @@ void capture_packets(HintTracks& tracks, const Options& options) {
                                            " bytes; --limit BYTES allows more");
     }
     if (*written == 0) return;  // check_tracks says why
-    const std::string text = describe_session(fs::path(options.input).filename().string(), tracks);
+    const std::string text =
+        describe_session(fs::path(options.input).filename().string(), capture_address(), tracks);
     description.write({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
     capture.finish();
     description.finish();

@@ -22,6 +22,7 @@ void add_inspect(CLI::App& app);
 void add_unpack(CLI::App& app);
 void add_pack(CLI::App& app);
 void add_packets(CLI::App& app);
+void add_send(CLI::App& app);
 void add_report(CLI::App& app);
 void add_boxes(CLI::App& app);
 

@@ -31,14 +31,24 @@ std::span<const uint8_t> HintPackets::next() {
     // The packets of another hint track may be made of samples of this one, which moves its cursor.
     const bool at_end = cursor_.sample >= hint_->sample_count;
     if (!at_end && hint_->cur_sample != cursor_.sample) isoFFsetPosition(hint_, cursor_.sample);
+    const bool in_sample = cursor_.packets_left > 0;
+    if (in_sample) sample_ = cursor_.sample;
     const int length = isoFFrtpPacket(hint_, buffer_.data());
     if (length < 0) {
         damaged_sample_ = cursor_.sample + 1;
         unreadable_ = length == -2;
     }
     if (length <= 0) return {};
+    // The last packet of a hint sample moves the cursor to the next one.
+    if (!in_sample) sample_ = cursor_.packets_left > 0 ? cursor_.sample : cursor_.sample - 1;
     ++made_;
     return std::span(buffer_).first(static_cast<size_t>(length));
+}
+
+void HintPackets::go_to(int32_t sample) {
+    isoFFsetPosition(hint_, sample);
+    cursor_.sample = sample;
+    cursor_.packets_left = 0;
 }
 
 std::string HintPackets::lacks() const {
@@ -61,6 +71,15 @@ std::string HintPackets::lacks() const {
                (expected.in_fragments > 0 ? "in movie fragments" : "in no chunk");
     }
     return made_ == 0 ? name + " has no packets" : "";
+}
+
+std::string lacks_of(const std::vector<std::unique_ptr<HintPackets>>& tracks) {
+    std::string all;
+    for (const auto& track : tracks) {
+        const std::string lacks = track->lacks();
+        if (!lacks.empty()) all += (all.empty() ? "" : "; ") + lacks;
+    }
+    return all;
 }
 
 }  // namespace tool

@@ -4,6 +4,7 @@
 #define KESTREL_TOOLS_HINT_PACKETS_H
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
@@ -21,12 +22,17 @@ class HintPackets {
     ~HintPackets() { hint_->hint = nullptr; }
 
     const iso_track* track() const { return hint_; }
+    iso_track* track() { return hint_; }
     // Null for a track that holds all its payload itself.
     const iso_track* media() const { return media_; }
 
     // Returns the next packet, valid until the next call; empty at the end and if the hint track
     // is damaged.
     std::span<const uint8_t> next();
+    // The hint sample (from 0) of the packet that came last.
+    int32_t sample() const { return sample_; }
+    // Goes to the first packet of a hint sample.
+    void go_to(int32_t sample);
 
     // After the last packet: reports what was left out, without a full stop; else empty.
     std::string lacks() const;
@@ -38,9 +44,13 @@ class HintPackets {
     rtp_hint_state cursor_{};
     std::vector<uint8_t> buffer_;
     uint64_t made_ = 0;
+    int32_t sample_ = 0;
     int32_t damaged_sample_ = 0;  // from 1; 0 for none
     bool unreadable_ = false;     // the stream failed
 };
+
+// What all of them left out, separated by semicolons.
+std::string lacks_of(const std::vector<std::unique_ptr<HintPackets>>& tracks);
 
 }  // namespace tool
 

@@ -29,6 +29,7 @@ int run(int argc, char** argv) {
     tool::add_unpack(app);
     tool::add_pack(app);
     tool::add_packets(app);
+    tool::add_send(app);
     tool::add_boxes(app);
     tool::add_hint(app);
     tool::add_report(app);

@@ -230,6 +230,12 @@ void Progress::show_count(size_t done, size_t of, const char* what) {
     std::fflush(error_stream());
 }
 
+void Progress::show_seconds(double done, double of, const char* what) {
+    if (!is_due()) return;
+    std::fprintf(error_stream(), "\r%.1f of %.1f s %s\033[K", done, of, what);
+    std::fflush(error_stream());
+}
+
 std::string hex(std::span<const uint8_t> bytes) {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string out;

@@ -140,6 +140,7 @@ class Progress {
 
     void show(const kst_host* host, uint64_t written);
     void show_count(size_t done, size_t of, const char* what);
+    void show_seconds(double done, double of, const char* what);
     // Takes the line away, for something else to be printed.
     void clear();
 

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <csignal>
+#include <filesystem>
+#include <random>
+
+#include "kestrel/hinter.h"
+#include "tools/commands.h"
+#include "tools/hint_packets.h"
+#include "tools/send/sender.h"
+#include "tools/session_description.h"
+#include "tools/temporary_file.h"
+#include "tools/whole_output.h"
+
+// The packets of a file's hint tracks over UDP, as a streaming server sends them.
+
+namespace tool {
+namespace {
+
+constexpr auto kMaxSeconds = std::chrono::seconds(60);  // for what the tables declare
+
+struct Options {
+    std::string input;
+    std::string to;
+    std::string description;
+    uint32_t from = 0;  // milliseconds
+    double speed = 1;
+    bool loop = false;
+};
+
+// A file with hint tracks that can be sent: the input, or a copy that was hinted.
+struct Source {
+    Descriptor copy;
+    Host host;
+    FileFacts facts;
+};
+
+std::vector<iso_track*> hint_tracks(const FileFacts& facts) {
+    std::vector<iso_track*> tracks;
+    for (iso_track* track = facts.file->first_track; track != nullptr; track = track->next) {
+        if (is_hint(track)) tracks.push_back(track);
+    }
+    return tracks;
+}
+
+// Hints the file into a temporary one, without the tracks that cannot be sent.
+Source hint_anew(const Source& from, const std::string& input) {
+    Source made;
+    made.copy = temporary_file();
+    if (!made.copy) throw system_error("temporary file");
+    DescriptorStream to(made.copy.get());
+    kst_hint_options options{};
+    options.struct_size = sizeof options;
+    options.flags = KST_HINT_REPLACE | KST_HINT_DROP_OTHERS;
+    kst_hint_report report{};
+    report.struct_size = sizeof report;
+    kst_host_rewind(from.host.get());
+    const int result = kst_hint(kst_host_callbacks(from.host.get()), to.table(), &options, &report);
+    if (result == KST_HINT_NO_MEMORY) throw std::bad_alloc();
+    if (result == KST_HINT_DESTINATION_FAILED) throw file_error("temporary file", report.error);
+    if (result != KST_HINT_DONE) throw file_error(input, report.error);
+    to.finish();
+    if (report.left_out[0] != '\0') say(input_name(input) + ": " + report.left_out);
+    made.host = open_temporary(made.copy);
+    if (made.host == nullptr) throw system_error("temporary file");
+    made.facts = gather_facts(made.host.get(), Clock::now() + kMaxSeconds);
+    return made;
+}
+
+Source open_source(const std::string& input) {
+    Source source;
+    source.host = open_host(input);
+    source.facts = gather_facts(source.host.get(), Clock::now() + kMaxSeconds);
+    if (!source.facts.scan.is_3gp()) throw no_media_file(input);
+    const std::vector<iso_track*> tracks = hint_tracks(source.facts);
+    const bool can_be_sent =
+        !tracks.empty() && std::all_of(tracks.begin(), tracks.end(), is_described);
+    return can_be_sent ? std::move(source) : hint_anew(source, input);
+}
+
+void write_description(const Options& options, const UdpAddress& to, uint16_t first_port,
+                       const std::vector<std::unique_ptr<HintPackets>>& tracks) {
+    if (options.description.empty()) return;
+    const SessionAddress address{to.own_description(), to.connection(), first_port,
+                                 std::random_device()()};
+    const std::string name = std::filesystem::path(input_name(options.input)).filename().string();
+    const std::string text = describe_session(name, address, tracks);
+    WholeOutput output(options.description, options.input);
+    output.write({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+    output.finish();
+}
+
+// Empty when somebody listened to all packets, as far as the system says.
+std::string refused_text(const Options& options, const Sender& sender) {
+    if (sender.refused() == 0) return "";
+    return printable(options.to) + ": nobody listened to " + std::to_string(sender.refused()) +
+           " of " + std::to_string(sender.packets()) + " packets";
+}
+
+// Ends by the signal that stopped the sending, so that a script stops as well.
+void end_by(int signal) {
+    finish_standard_output();
+    expect_exit();
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+void send(const Options& options) {
+    const Receiver receiver = parse_receiver(options.to);
+    if (receiver.port % 2 != 0)
+        throw Error("--to needs an even port; RTCP goes to the odd one after it", kWrongUsage);
+    Source source = open_source(options.input);
+    std::vector<std::unique_ptr<HintPackets>> tracks;
+    for (iso_track* track : hint_tracks(source.facts))
+        tracks.push_back(std::make_unique<HintPackets>(source.facts, track));
+    const UdpAddress to(receiver.host);
+    constexpr double kMilliseconds = 1000;
+    Sender sender(tracks, to, receiver.port,
+                  {options.from / kMilliseconds, options.speed, options.loop});
+    write_description(options, to, receiver.port, tracks);
+    const int signal = sender.run();
+    const std::string refused = refused_text(options, sender);
+    if (options.loop && !refused.empty()) say(refused);
+    if (signal != 0 && !options.loop) end_by(signal);
+    if (!options.loop && !refused.empty()) throw Error(refused);
+    const std::string lacks = lacks_of(tracks);
+    if (!lacks.empty()) throw file_error(options.input, lacks);
+}
+
+}  // namespace
+
+void add_send(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("send", "Send a 3GP file as RTP over UDP, in real time");
+    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    command
+        ->add_option("--to", options->to,
+                     "Where to send: the first track to PORT, which is even, its RTCP to the\n"
+                     "port after it, and so on with two ports a track")
+        ->type_name("HOST:PORT")
+        ->required();
+    command->add_option("--sdp", options->description, "Write the session description for a player")
+        ->type_name("OUT");
+    command->add_option("--from", options->from, "Begin at the sync sample of this time")
+        ->type_name("MS");
+    command->add_option("--speed", options->speed, "Send so many times as fast")
+        ->type_name("X")
+        ->check(CLI::Range(0.01, 1000.0));
+    command->add_flag("--loop", options->loop, "Begin again at the end, until Ctrl-C");
+    command->footer(
+        "Plays the hint tracks of FILE. Where it has none, or such that no receiver can\n"
+        "decode, new ones are made.");
+    command->callback([options] { send(*options); });
+}
+
+}  // namespace tool

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sends the packets of hint tracks in real time (RFC 3550).
+#ifndef KESTREL_TOOLS_SEND_SENDER_H
+#define KESTREL_TOOLS_SEND_SENDER_H
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tools/hint_packets.h"
+#include "tools/send/hint_times.h"
+#include "tools/send/rtcp.h"
+#include "tools/send/stop_signals.h"
+#include "tools/send/udp.h"
+
+namespace tool {
+
+// A hint track on its way to one pair of ports: RTP to the even one, RTCP to the odd one.
+class SentTrack {
+  public:
+    SentTrack(HintPackets& packets, const UdpAddress& to, uint16_t port,
+              std::random_device& random);
+
+    // Presentation times, in seconds.
+    double end() const;
+    double sync_time_before(double seconds) const;
+
+    // Goes to the packets of a presentation time.
+    void begin(double seconds);
+    // The next packet, if there is one, and when it is due.
+    bool has_packet() const { return !packet_.empty(); }
+    double due() const { return due_; }
+    // Sends it, and makes the next one. `shift` is added to the times in the packets.
+    void send(double shift);
+
+    // Sends a report; `now` is the presentation time that the wall clock stands at, shift included.
+    void report(double now, const std::string& canonical_name, Leaving leaving);
+
+    uint64_t refused() const { return rtp_.refused(); }
+    uint64_t packets() const { return sent_packets_; }
+
+  private:
+    void make_next();
+    uint32_t rtp_time(double seconds) const;
+
+    HintPackets& hints_;
+    const iso_track* timed_;  // whose edit list holds: the medium, or the hint track alone
+    double offset_;           // presentation time of the first sample
+    UdpSocket rtp_, rtcp_;
+    uint32_t ssrc_, first_timestamp_;
+    uint16_t sequence_;
+    uint64_t sent_packets_ = 0, sent_octets_ = 0;
+
+    SampleTimes times_;
+    PacketEntries entries_;
+    int32_t sample_ = -1;  // of the last packet
+    std::vector<uint8_t> packet_;
+    double due_ = 0, shown_ = 0;
+};
+
+class Sender {
+  public:
+    struct Options {
+        double from = 0;  // seconds
+        double speed = 1;
+        bool loop = false;
+    };
+
+    // The tracks must outlive the sender. Throws Error where one has no port left.
+    Sender(std::vector<std::unique_ptr<HintPackets>>& tracks, const UdpAddress& to,
+           uint16_t first_port, const Options& options);
+
+    // Returns when all was sent, or the signal that stopped it; 0 for none. Throws Error.
+    int run();
+
+    // Datagrams that nobody listened to, and all of them.
+    uint64_t refused() const;
+    uint64_t packets() const;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    bool send_pass();
+    void begin_pass();
+    SentTrack* earliest();
+    bool wait_until(double position);
+    Clock::time_point time_of(double position) const;
+    double position_now() const;
+    void report(Leaving leaving);
+
+    std::vector<std::unique_ptr<HintPackets>>& hints_;
+    Options options_;
+    std::random_device random_;
+    std::string canonical_name_;
+    std::vector<std::unique_ptr<SentTrack>> tracks_;
+    double from_ = 0, end_ = 0;  // presentation times
+    double shift_ = 0;           // of the passes before
+    Clock::time_point start_;
+    Clock::time_point next_report_;
+    StopSignals signals_;
+    Progress progress_;
+};
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+// The signals that ask a command to stop, taken between two steps of its work.
+#ifndef KESTREL_TOOLS_SEND_STOP_SIGNALS_H
+#define KESTREL_TOOLS_SEND_STOP_SIGNALS_H
+
+#include <csignal>
+
+#include <chrono>
+
+namespace tool {
+
+// Holds SIGINT, SIGTERM and SIGHUP back while it lives, but for those that are ignored.
+class StopSignals {
+  public:
+    StopSignals();
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+    ~StopSignals();
+
+    // Sleeps until a moment. Returns false when a signal came, which stays in received().
+    bool sleep_until(std::chrono::steady_clock::time_point moment);
+    int received() const { return received_; }
+
+  private:
+    sigset_t held_{}, before_{};
+    int received_ = 0;
+};
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+// The session description (RFC 8866) of hint tracks.
+#ifndef KESTREL_TOOLS_SESSION_DESCRIPTION_H
+#define KESTREL_TOOLS_SESSION_DESCRIPTION_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/hint_packets.h"
+
+namespace tool {
+
+// Of a session: each track has two ports, RTP on the first.
+struct SessionAddress {
+    std::string origin;      // "IN IP4 192.0.2.1", of the sender
+    std::string connection;  // the same, of the receiver
+    uint16_t first_port = 0;
+    uint64_t id = 0;  // of the session
+};
+
+// The description of a session of that name in which the tracks go to the address.
+std::string describe_session(const std::string& name, const SessionAddress& address,
+                             const std::vector<std::unique_ptr<HintPackets>>& tracks);
+
+// True when the text of the hint track describes its payload so that a receiver can decode it.
+bool is_described(const iso_track* hint);
+
+}  // namespace tool
+
+#endif
