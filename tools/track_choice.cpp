@@ -65,7 +65,8 @@ void TrackChoice::hide_others(const std::string& path, uint32_t track_id, MediaK
         const bool is_other =
             track.id != track_id && (is_medium(facts, track.id, MediaKind::kAudio) ||
                                      is_medium(facts, track.id, MediaKind::kVideo));
-        if (is_other) std::copy(kFree.begin(), kFree.end(), &bytes_[track.offset + kTypeAt]);
+        const auto type_at = static_cast<size_t>(track.offset) + kTypeAt;
+        if (is_other) std::copy(kFree.begin(), kFree.end(), &bytes_[type_at]);
     }
     kst_host_rewind(host_.get());
 }
