@@ -3,7 +3,6 @@
 #include <vector>
 
 #include "interface/src/isoff/read/box_walk.h"
-#include "interface/src/isoff/read/byte_source.h"
 #include "interface/src/isoff/read/decoder_configuration.h"
 #include "native/codec/avcc.h"
 
@@ -15,11 +14,11 @@ namespace {
 // --- 3GPP configuration boxes (3GPP TS 26.244, clause 6) ---
 
 // Vendor and decoder version begin each of them.
-iso_track* read_vendor(iso_file* file) {
-    iso_track* track = file->current_track;
+iso_track* read_vendor(BoxReader& box) {
+    iso_track* track = box.track();
     if (track == nullptr) return nullptr;
-    getID(file, track->vendor);
-    track->decoder_version = getbyte(file);
+    box.id(track->vendor);
+    track->decoder_version = box.u8();
     return track;
 }
 
@@ -34,17 +33,13 @@ enum DescriptorTag : uint8_t {
 // Reads descriptors while bytes remain, and hands each body to `read_body(tag)` with the view
 // limited to it. 0, or -1 when one claims more than there is.
 template <typename ReadBody>
-int walk_descriptors(iso_file* file, ReadBody read_body) {
-    while (file->moov_left > 0) {
-        const uint8_t tag = getbyte(file);
+int walk_descriptors(BoxReader& box, ReadBody read_body) {
+    while (box.left() > 0) {
+        const uint8_t tag = box.u8();
         uint32_t length = 0;
-        if (getxlen(file, length) < 0 || length > file->moov_left) return -1;
-        const uint32_t behind = file->moov_left - length;
-        uint8_t* const end = file->moov_buffer + length;
-        file->moov_left = length;
+        if (!box.descriptor_length(length) || length > box.left()) return -1;
+        const MovieLimit limit(box.file(), length);
         const int result = read_body(tag);
-        file->moov_buffer = end;
-        file->moov_left = behind;
         if (result != 0) return result;
     }
     return 0;
@@ -57,28 +52,28 @@ void keep_visual_level(iso_track* track) {
     track->level = has_level ? track->dsi[4] : uint8_t{0};
 }
 
-int read_specific_info(iso_file* file, iso_track* track) {
-    if (!keep_dsi(track, {file->moov_buffer, file->moov_left})) return -1;
+int read_specific_info(BoxReader& box, iso_track* track) {
+    if (!keep_dsi(track, {box.data(), box.left()})) return -1;
     keep_visual_level(track);
     return 0;
 }
 
-int read_decoder_config(iso_file* file, iso_track* track) {
-    track->object_type = getbyte(file);
-    track->stream_type = getbyte(file) >> 2;
-    track->buffer_size = getint24(file);
-    track->max_bitrate = getint32(file);
-    track->avg_bitrate = getint32(file);
-    return walk_descriptors(file, [&](uint8_t tag) {
-        return tag == kDecoderSpecificInfo ? read_specific_info(file, track) : 0;
+int read_decoder_config(BoxReader& box, iso_track* track) {
+    track->object_type = box.u8();
+    track->stream_type = box.u8() >> 2;
+    track->buffer_size = box.u24();
+    track->max_bitrate = box.u32();
+    track->avg_bitrate = box.u32();
+    return walk_descriptors(box, [&](uint8_t tag) {
+        return tag == kDecoderSpecificInfo ? read_specific_info(box, track) : 0;
     });
 }
 
-int read_es_descriptor(iso_file* file, iso_track* track) {
-    if (file->moov_left < 3) return -1;
-    skip(file, 3);  // ES ID and flags
-    return walk_descriptors(file, [&](uint8_t tag) {
-        return tag == kDecoderConfigDescriptor ? read_decoder_config(file, track) : 0;
+int read_es_descriptor(BoxReader& box, iso_track* track) {
+    if (box.left() < 3) return -1;
+    box.skip(3);  // ES ID and flags
+    return walk_descriptors(box, [&](uint8_t tag) {
+        return tag == kDecoderConfigDescriptor ? read_decoder_config(box, track) : 0;
     });
 }
 
@@ -146,52 +141,52 @@ bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
     return true;
 }
 
-int read_damr(iso_file* file, uint32_t) {
-    iso_track* track = read_vendor(file);
+int read_damr(BoxReader& box) {
+    iso_track* track = read_vendor(box);
     if (track == nullptr) return 0;
-    track->mode_set = getint16(file);
-    track->mode_change_period = getbyte(file);
-    track->frames_per_sample = getbyte(file);
+    track->mode_set = box.u16();
+    track->mode_change_period = box.u8();
+    track->frames_per_sample = box.u8();
     return 0;
 }
 
-int read_dawp(iso_file* file, uint32_t) {
-    read_vendor(file);
+int read_dawp(BoxReader& box) {
+    read_vendor(box);
     return 0;
 }
 
-int read_d263(iso_file* file, uint32_t) {
-    iso_track* track = read_vendor(file);
+int read_d263(BoxReader& box) {
+    iso_track* track = read_vendor(box);
     if (track == nullptr) return 0;
-    track->level = getbyte(file);
-    track->profile = getbyte(file);
+    track->level = box.u8();
+    track->profile = box.u8();
     return 0;
 }
 
-int read_esds(iso_file* file, uint32_t) {
-    iso_track* track = file->current_track;
+int read_esds(BoxReader& box) {
+    iso_track* track = box.track();
     if (track == nullptr) return 0;
-    getint32(file);  // version and flags
-    return walk_descriptors(file, [&](uint8_t tag) {
-        if (tag == kEsDescriptor) return read_es_descriptor(file, track);
-        remark(file, "esds: skipping tag %d\n", tag);
+    box.u32();  // version and flags
+    return walk_descriptors(box, [&](uint8_t tag) {
+        if (tag == kEsDescriptor) return read_es_descriptor(box, track);
+        remark(box.file(), "esds: skipping tag %d\n", tag);
         return 0;
     });
 }
 
-int read_avcC(iso_file* file, uint32_t) try {
-    iso_track* track = file->current_track;
+int read_avcC(BoxReader& box) try {
+    iso_track* track = box.track();
     if (track == nullptr) return 0;
-    if (!keep_dsi(track, {file->moov_buffer, file->moov_left})) return -1;
+    if (!keep_dsi(track, {box.data(), box.left()})) return -1;
     forget_param_sets(track);
     AvccHeader header{};
     ParamSets sets;
     if (!take_param_sets({track->dsi, track->dsi_length}, header, sets)) {
         const size_t needed = avcc_length({track->dsi, track->dsi_length});
         if (needed > track->dsi_length) {
-            remark_end_of_buffer(file, "read_buf", needed);
+            remark_end_of_buffer(box.file(), "read_buf", needed);
         } else {
-            remark(file, "avcC: a parameter set is too long for its length field\n");
+            remark(box.file(), "avcC: a parameter set is too long for its length field\n");
         }
         refuse_config(track);
         return 0;
@@ -203,7 +198,7 @@ int read_avcC(iso_file* file, uint32_t) try {
     keep_param_sets(track, sets, block);
     return 0;
 } catch (const std::bad_alloc&) {
-    file->own->lacked_memory = 1;
+    box.file()->own->lacked_memory = 1;
     return -1;
 }
 

@@ -3,7 +3,6 @@
 #include <climits>
 
 #include "interface/src/isoff/read/box_walk.h"
-#include "interface/src/isoff/read/byte_source.h"
 #include "interface/src/isoff/read/sample_index.h"
 #include "interface/src/isoff/read/sample_tables.h"
 
@@ -25,28 +24,28 @@ enum TableBit : uint32_t {
 
 // Passes over version and flags, and refuses the second table of a kind in one track. Null when
 // the table is not to be read; a table outside any track is of no interest.
-iso_track* begin_table(iso_file* file, TableBit bit, const char* refusal, int& result) {
+iso_track* begin_table(BoxReader& box, TableBit bit, const char* refusal, int& result) {
     result = 0;
-    iso_track* track = file->current_track;
+    iso_track* track = box.track();
     if (track == nullptr) return nullptr;
     if (track->own->tables_seen & bit) {
-        remark(file, "%s", refusal);
+        remark(box.file(), "%s", refusal);
         result = -1;
         return nullptr;
     }
     track->own->tables_seen |= bit;
-    getint32(file);  // version and flags
+    box.u32();  // version and flags
     return track;
 }
 
 // Reads an entry count and takes an array for that many entries of `stored` bytes each; null, and
 // no memory taken, when the box does not hold them.
 template <typename Entry>
-Entry* take_entries(iso_file* file, uint32_t stored, int32_t& count) {
+Entry* take_entries(BoxReader& box, uint32_t stored, int32_t& count) {
     count = 0;
-    const uint32_t told = getint32(file);
-    if (told > INT_MAX || told > file->moov_left / stored) return nullptr;
-    auto* entries = arena_array<Entry>(file, told);
+    const uint32_t told = box.u32();
+    if (told > INT_MAX || told > box.left() / stored) return nullptr;
+    auto* entries = arena_array<Entry>(box.file(), told);
     if (entries != nullptr) count = static_cast<int32_t>(told);
     return entries;
 }
@@ -141,64 +140,64 @@ void fill_chunks_by_runs(iso_track* track) {
 
 }  // namespace
 
-int read_stts(iso_file* file, uint32_t) {
+int read_stts(BoxReader& box) {
     int result;
-    iso_track* track = begin_table(file, kStts, "extra stts\n", result);
+    iso_track* track = begin_table(box, kStts, "extra stts\n", result);
     if (track == nullptr) return result;
-    track->stts = take_entries<iso_stts_entry>(file, 8, track->stts_count);
+    track->stts = take_entries<iso_stts_entry>(box, 8, track->stts_count);
     if (track->stts == nullptr) return -1;
     for (int32_t i = 0; i < track->stts_count; ++i) {
-        track->stts[i].count = getint32(file);
-        track->stts[i].delta = getint32(file);
+        track->stts[i].count = box.u32();
+        track->stts[i].delta = box.u32();
     }
     return 0;
 }
 
-int read_ctts(iso_file* file, uint32_t) {
+int read_ctts(BoxReader& box) {
     int result;
-    iso_track* track = begin_table(file, kCtts, "extra ctts\n", result);
+    iso_track* track = begin_table(box, kCtts, "extra ctts\n", result);
     if (track == nullptr) return result;
-    track->ctts = take_entries<iso_ctts_entry>(file, 8, track->ctts_count);
+    track->ctts = take_entries<iso_ctts_entry>(box, 8, track->ctts_count);
     if (track->ctts == nullptr) return -1;
     for (int32_t i = 0; i < track->ctts_count; ++i) {
-        track->ctts[i].count = getint32(file);
-        track->ctts[i].offset = static_cast<int32_t>(getint32(file));
+        track->ctts[i].count = box.u32();
+        track->ctts[i].offset = static_cast<int32_t>(box.u32());
     }
     return 0;
 }
 
-int read_stsc(iso_file* file, uint32_t) {
-    iso_track* track = file->current_track;
+int read_stsc(BoxReader& box) {
+    iso_track* track = box.track();
     if (track == nullptr) return 0;
-    getint32(file);  // version and flags
-    track->stsc = take_entries<iso_stsc_entry>(file, 12, track->stsc_count);
+    box.u32();  // version and flags
+    track->stsc = take_entries<iso_stsc_entry>(box, 12, track->stsc_count);
     if (track->stsc == nullptr) return -1;
     for (int32_t i = 0; i < track->stsc_count; ++i) {
-        track->stsc[i].first_chunk = getint32(file);
-        track->stsc[i].samples_per_chunk = getint32(file);
-        track->stsc[i].description_index = getint32(file);
+        track->stsc[i].first_chunk = box.u32();
+        track->stsc[i].samples_per_chunk = box.u32();
+        track->stsc[i].description_index = box.u32();
     }
     return 0;
 }
 
-int read_stsz(iso_file* file, uint32_t) {
+int read_stsz(BoxReader& box) {
     int result;
-    iso_track* track = begin_table(file, kStsz, "extra stsz\n", result);
+    iso_track* track = begin_table(box, kStsz, "extra stsz\n", result);
     if (track == nullptr) return result;
-    track->sample_size = getint32(file);
+    track->sample_size = box.u32();
     if (track->sample_size != 0) {
-        const uint32_t count = getint32(file);
+        const uint32_t count = box.u32();
         if (count > INT_MAX) return -1;
         track->sample_count = static_cast<int32_t>(count);
         track->own->declared_samples = count;
         track->total_bytes = count * track->sample_size;
         return 0;
     }
-    track->sample_sizes = take_entries<uint32_t>(file, 4, track->sample_count);
+    track->sample_sizes = take_entries<uint32_t>(box, 4, track->sample_count);
     if (track->sample_sizes == nullptr) return -1;
     track->own->declared_samples = static_cast<uint32_t>(track->sample_count);
     for (int32_t i = 0; i < track->sample_count; ++i) {
-        const uint32_t size = getint32(file);
+        const uint32_t size = box.u32();
         track->sample_sizes[i] = size;
         track->total_bytes += size;
         track->max_sample_size = std::max(track->max_sample_size, size);
@@ -206,70 +205,70 @@ int read_stsz(iso_file* file, uint32_t) {
     return 0;
 }
 
-int read_stco(iso_file* file, uint32_t) {
+int read_stco(BoxReader& box) {
     int result;
-    iso_track* track = begin_table(file, kStco, "extra stco\n", result);
+    iso_track* track = begin_table(box, kStco, "extra stco\n", result);
     if (track == nullptr) return result;
-    track->chunks = take_entries<iso_chunk>(file, 4, track->chunk_count);
+    track->chunks = take_entries<iso_chunk>(box, 4, track->chunk_count);
     if (track->chunks == nullptr) return -1;
     for (int32_t i = 0; i < track->chunk_count; ++i)
-        track->chunks[i].start = getint32(file);
+        track->chunks[i].start = box.u32();
     return 0;
 }
 
-int read_stss(iso_file* file, uint32_t) {
+int read_stss(BoxReader& box) {
     int result;
-    iso_track* track = begin_table(file, kStss, "extra stss\n", result);
+    iso_track* track = begin_table(box, kStss, "extra stss\n", result);
     if (track == nullptr) return result;
     int32_t count = 0;
-    track->sync_samples = take_entries<uint32_t>(file, 4, count);
+    track->sync_samples = take_entries<uint32_t>(box, 4, count);
     if (track->sync_samples == nullptr) return -1;
     track->sync_count = static_cast<uint32_t>(count);
     for (int32_t i = 0; i < count; ++i)
-        track->sync_samples[i] = getint32(file);
+        track->sync_samples[i] = box.u32();
     return 0;
 }
 
-int read_sbgp(iso_file* file, uint32_t) {
+int read_sbgp(BoxReader& box) {
     int result;
-    iso_track* track = begin_table(file, kSbgp, "extra sbgp\n", result);
+    iso_track* track = begin_table(box, kSbgp, "extra sbgp\n", result);
     if (track == nullptr) return result;
-    getint32(file);  // grouping type
+    box.u32();  // grouping type
     int32_t count = 0;
-    auto* entries = take_entries<iso_sbgp_entry>(file, 8, count);
+    auto* entries = take_entries<iso_sbgp_entry>(box, 8, count);
     if (entries == nullptr) return -1;
     track->sbgp_count = static_cast<uint32_t>(count);
     track->sbgp_list = count > 0 ? entries : nullptr;
     for (int32_t i = 0; i < count; ++i) {
-        entries[i].sample_count = getint32(file);
-        entries[i].group_description_index = getint32(file);
+        entries[i].sample_count = box.u32();
+        entries[i].group_description_index = box.u32();
         entries[i].next = i + 1 < count ? &entries[i + 1] : nullptr;
     }
     return 0;
 }
 
-int read_sgpd(iso_file* file, uint32_t) {
+int read_sgpd(BoxReader& box) {
     int result;
-    iso_track* track = begin_table(file, kSgpd, "extra sgpd\n", result);
+    iso_track* track = begin_table(box, kSgpd, "extra sgpd\n", result);
     if (track == nullptr) return result;
-    getID(file, track->sgpd_type);
+    box.id(track->sgpd_type);
     const uint32_t type = load_be32(reinterpret_cast<const uint8_t*>(track->sgpd_type));
     if (type != fourcc("3gag") && type != fourcc("avcb")) {
         remark(track->file, "skipping unknown grouping type: %s\n", track->sgpd_type);
         return 0;
     }
     int32_t count = 0;
-    auto* entries = take_entries<iso_sgpd_entry>(file, 2, count);
+    auto* entries = take_entries<iso_sgpd_entry>(box, 2, count);
     if (entries == nullptr) return -1;
     for (int32_t i = 0; i < count; ++i) {
-        const uint16_t records = getint16(file);
-        if (records > file->moov_left / sizeof(iso_sgpd_record)) return -1;
+        const uint16_t records = box.u16();
+        if (records > box.left() / sizeof(iso_sgpd_record)) return -1;
         entries[i].count = records;
-        entries[i].records = arena_array<iso_sgpd_record>(file, records);
+        entries[i].records = arena_array<iso_sgpd_record>(box.file(), records);
         if (entries[i].records == nullptr) return -1;
         for (uint16_t r = 0; r < records; ++r) {
             for (uint32_t& word : entries[i].records[r].words)
-                word = getint32(file);
+                word = box.u32();
         }
         entries[i].next = i + 1 < count ? &entries[i + 1] : nullptr;
     }

@@ -1,0 +1,293 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+
+#include "interface/src/isoff/read/box_walk.h"
+#include "interface/src/isoff/read/sample_tables.h"
+
+// The boxes of `moov` (ISO/IEC 14496-12, 8.2 to 8.10) but for sample tables and sample entries.
+
+namespace kestrel {
+namespace {
+
+// The first letters of a version-0 and a version-1 header differ in nothing but the width of their
+// times; the wide ones are passed over, not read.
+constexpr uint32_t kWideMovieTimes = 28;
+constexpr uint32_t kWideDates = 16;  // the first two of them
+constexpr uint32_t kWideTrackTimes = 32;
+
+// --- SDP texts ---
+
+// What is left of the box at hand, and a NUL, into `text`; a second one is refused.
+int read_sdp_text(BoxReader& box, char*& text) {
+    if (text != nullptr) {
+        remark(box.file(), "extra sdp\n");
+        return -1;
+    }
+    const uint32_t length = box.left();
+    text = arena_array<char>(box.file(), size_t{length} + 1);
+    if (text == nullptr) return -1;
+    return box.bytes(text, length) ? 0 : -1;
+}
+
+int read_track_sdp(BoxReader& box) {
+    if (box.track() == nullptr) return pass_over(box);
+    return read_sdp_text(box, box.track()->sdp_text);
+}
+
+int read_movie_sdp(BoxReader& box) {
+    box.u32();  // description format
+    return read_sdp_text(box, box.file()->sdp_text);
+}
+
+// --- media, track and movie boxes ---
+
+int read_mdhd(BoxReader& box) {
+    iso_track* track = box.track();
+    if (track == nullptr) return 0;
+    const uint8_t version = box.u8();
+    box.u24();  // flags
+    if (version != 0) return box.skip(kWideMovieTimes) ? 0 : -1;
+    track->creation_time = box.u32();
+    track->modification_time = box.u32();
+    track->timescale = box.u32();
+    track->duration = box.u32();
+    track->own->language = box.u16();
+    return 0;
+}
+
+int read_hdlr(BoxReader& box) {
+    if (box.track() == nullptr) return 0;
+    box.skip(8);  // version, flags, pre-defined
+    return box.id(box.track()->handler) ? 0 : -1;
+}
+
+int read_hint_reference(BoxReader& box) {
+    // A hint track that holds all its payload itself may refer to no track.
+    const bool refers = box.left() >= sizeof(uint32_t);
+    if (box.track() != nullptr && refers) box.track()->hint_track_ref = box.u32();
+    return 0;
+}
+
+void read_matrix(BoxReader& box, iso_track* track) {
+    for (uint32_t& element : track->matrix)
+        element = box.u32();
+}
+
+int read_tkhd(BoxReader& box) {
+    constexpr uint32_t kBody = 84, kWideBody = 96;  // of version 0, and of the others
+    const uint32_t needed = box.left() > 0 && *box.data() != 0 ? kWideBody : kBody;
+    if (box.left() < needed) {
+        remark_end_of_buffer(box.file(), "read_buf", needed);
+        return 0;
+    }
+    const uint8_t version = box.u8();
+    const uint32_t flags = box.u24();
+    iso_track* track = isoFFtrack(box.file());
+    if (track == nullptr) return -1;
+    box.file()->current_track = track;
+    track->own->header_flags = flags;
+    if (version == 0) {
+        track->creation_time = box.u32();
+        track->modification_time = box.u32();
+        track->track_id = box.u32();
+        box.u32();  // reserved
+        box.u32();  // duration, in movie units: that of the media header is kept
+    } else {
+        box.skip(kWideTrackTimes);
+    }
+    track->codec = ISO_CODEC_NONE;
+    box.skip(8);  // reserved
+    track->layer = box.u16();
+    track->alternate_group = box.u16();
+    track->volume = box.u16();
+    box.u16();  // reserved
+    read_matrix(box, track);
+    track->own->display_width = box.u32();
+    track->own->display_height = box.u32();
+    track->width = track->own->display_width >> 16;
+    track->height = track->own->display_height >> 16;
+    return 0;
+}
+
+// Initial object descriptor (ISO/IEC 14496-14, 5.1).
+int read_iods(BoxReader& box) {
+    iso_file* file = box.file();
+    constexpr uint32_t kSmallestWithProfiles = 12;
+    constexpr uint8_t kInitialObjectDescriptorTag = 0x10;
+    constexpr uint32_t kLongestWithoutProfiles = 6;
+    if (box.size() <= kSmallestWithProfiles) return 0;
+    box.u32();  // version and flags
+    if (box.u8() != kInitialObjectDescriptorTag) return 0;
+    uint32_t length = 0;
+    if (!box.descriptor_length(length) || length <= kLongestWithoutProfiles) return 0;
+    file->od_id = box.u16() >> 6;
+    file->od_profile = box.u8();
+    file->scene_profile = box.u8();
+    file->audio_profile = box.u8();
+    file->visual_profile = box.u8();
+    file->graphics_profile = box.u8();
+    return 0;
+}
+
+int read_mvhd(BoxReader& box) {
+    iso_file* file = box.file();
+    const uint8_t version = box.u8();
+    box.u24();  // flags
+    if (version == 0) {
+        file->creation_time = box.u32();
+        file->modification_time = box.u32();
+        file->timescale = file->own->edit_timescale = box.u32();
+        file->duration = box.u32();
+    } else {
+        box.skip(kWideDates);
+        file->own->edit_timescale = box.u32();
+        box.skip(kWideMovieTimes - kWideDates - 4);
+    }
+    box.skip(4 + 2 + 70);  // rate, volume; reserved, matrix and pre-defined
+    file->next_track_id = box.u32();
+    return 0;
+}
+
+// --- containers and the tables of what they hold ---
+
+constexpr isobox stbl_box[] = {{"stsd", read_stsd}, {"stts", read_stts}, {"stsc", read_stsc},
+                               {"stsz", read_stsz}, {"stco", read_stco}, {"ctts", read_ctts},
+                               {"stss", read_stss}, {"sbgp", read_sbgp}, {"sgpd", read_sgpd},
+                               {nullptr, nullptr}};
+
+int read_stbl(BoxReader& box) {
+    iso_track* track = box.track();
+    if (track == nullptr) return 0;
+    const int walked = parse_rest(box, stbl_box);
+    // A further `stbl` without tables of its own leaves nothing to check: a file may have many.
+    const bool is_checked =
+        track->own->index != nullptr && track->own->tables_checked == track->own->tables_seen;
+    if (walked == 0 && (is_checked || check_tables(track) == 0)) {
+        track->own->tables_checked = track->own->tables_seen;
+        return 0;
+    }
+    // A track whose tables cannot be used has no samples.
+    track->sample_count = 0;
+    track->chunk_count = 0;
+    return walked != 0 ? walked : -1;
+}
+
+constexpr isobox dinf_box[] = {{"dref", pass_over}, {nullptr, nullptr}};
+
+int read_dinf(BoxReader& box) {
+    return parse_rest(box, dinf_box);
+}
+
+constexpr isobox minf_box[] = {{"smhd", pass_over}, {"vmhd", pass_over}, {"hmhd", pass_over},
+                               {"dinf", read_dinf}, {"stbl", read_stbl}, {nullptr, nullptr}};
+
+int read_minf(BoxReader& box) {
+    return parse_rest(box, minf_box);
+}
+
+constexpr isobox mdia_box[] = {
+    {"mdhd", read_mdhd}, {"hdlr", read_hdlr}, {"minf", read_minf}, {nullptr, nullptr}};
+
+int read_mdia(BoxReader& box) {
+    if (box.track() == nullptr) box.file()->own->headless_media = 1;
+    return parse_rest(box, mdia_box);
+}
+
+// Edits are kept for whoever copies a file; reading samples does not look at them. A list that its
+// box does not hold is none.
+int read_elst(BoxReader& box) {
+    constexpr uint32_t kEntry = 12, kWideEntry = 20;
+    iso_track* track = box.track();
+    if (track == nullptr || track->own->edits != nullptr || box.left() < 8) return 0;
+    const bool wide = box.u8() != 0;
+    box.u24();  // flags
+    const uint32_t count = box.u32();
+    if (count == 0 || count > box.left() / (wide ? kWideEntry : kEntry)) return 0;
+    track->own->edits = arena_array<iso_elst_entry>(box.file(), count);
+    if (track->own->edits == nullptr) return -1;
+    track->own->edit_count = static_cast<int32_t>(count);
+    for (iso_elst_entry& edit : std::span(track->own->edits, count)) {
+        const uint64_t duration_high = wide ? box.u32() : 0;
+        edit.segment_duration = duration_high << 32 | box.u32();
+        const uint64_t time_high = wide ? box.u32() : 0;
+        const uint32_t time_low = box.u32();
+        edit.media_time = wide ? static_cast<int64_t>(time_high << 32 | time_low)
+                               : static_cast<int32_t>(time_low);
+        edit.media_rate = box.u32();
+    }
+    return 0;
+}
+
+constexpr isobox edts_box[] = {{"elst", read_elst}, {nullptr, nullptr}};
+
+int read_edts(BoxReader& box) {
+    return parse_rest(box, edts_box);
+}
+
+constexpr isobox meta_box[] = {{"xml ", pass_over}, {nullptr, nullptr}};
+
+int read_meta(BoxReader& box) {
+    box.u32();  // version and flags
+    return parse_rest(box, meta_box);
+}
+
+constexpr isobox tref_box[] = {{"hint", read_hint_reference}, {nullptr, nullptr}};
+
+int read_tref(BoxReader& box) {
+    return parse_rest(box, tref_box);
+}
+
+constexpr isobox hnti_box[] = {
+    {"sdp ", read_track_sdp}, {"rtp ", read_movie_sdp}, {nullptr, nullptr}};
+
+int read_hnti(BoxReader& box) {
+    return parse_rest(box, hnti_box);
+}
+
+constexpr isobox udta_box[] = {{"hnti", read_hnti}, {"tsel", pass_over}, {nullptr, nullptr}};
+
+int read_udta(BoxReader& box) {
+    return parse_rest(box, udta_box);
+}
+
+constexpr isobox trak_box[] = {{"tkhd", read_tkhd}, {"mdia", read_mdia}, {"edts", read_edts},
+                               {"meta", read_meta}, {"tref", read_tref}, {"udta", read_udta},
+                               {nullptr, nullptr}};
+
+// What stands in a track without a header that can be read, or before it, belongs to no track.
+int read_trak(BoxReader& box) {
+    iso_file* file = box.file();
+    iso_track* const before = file->current_track;
+    file->current_track = nullptr;
+    file->own->headless_media = 0;
+    const int result = parse_rest(box, trak_box);
+    const bool has_header = file->current_track != nullptr;
+    if (!has_header) file->current_track = before;
+    if (!has_header) lose_track(file, "no whole tkhd");
+    if (has_header && file->own->headless_media != 0) lose_track(file, "mdia before tkhd");
+    return result;
+}
+
+constexpr isobox moov_box[] = {{"mvhd", read_mvhd},
+                               {"trak", read_trak},
+                               {"iods", read_iods},
+                               {"udta", read_udta},
+                               {nullptr, nullptr}};
+
+// Where the walk ended early, the tracks that follow are not read.
+int read_trak_after_damage(BoxReader& box) {
+    lose_track(box.file(), "after a damaged one");
+    return 0;
+}
+
+constexpr isobox rest_of_moov_box[] = {{"trak", read_trak_after_damage}, {nullptr, nullptr}};
+
+}  // namespace
+
+int read_movie(BoxReader& box) {
+    const int result = parse_rest(box, moov_box);
+    if (result != 0) parse_rest(box, rest_of_moov_box);
+    return result;
+}
+
+}  // namespace kestrel
