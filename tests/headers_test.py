@@ -30,6 +30,16 @@ AROUND = {
     "hinter.h": C_PLAYER + """
         #include <kestrel/hosts.h>
         void hint(kst_host* upload, kst_host* hinted) { %s }""",
+    "packer.h": C_PLAYER + """
+        #include <kestrel/hosts.h>
+        #include <kestrel/kestrel.h>
+        int pack(mm_Interface* handle, kst_host* file) {
+            unsigned char buffer[KST_LARGEST_CHUNK];
+            int32_t status;
+            int result;
+            %s
+            return status == KST_END_OF_FILE ? result : -1;
+        }""",
     "probe.h": C_PLAYER + """
         #include <kestrel/hosts.h>
         #include <kestrel/status.h>

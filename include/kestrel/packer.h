@@ -1,16 +1,18 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Writing a 3GP file from native streams, as kst_ReadChunk, C3gpInterface::ReadChunk or a platform
  * that records deliver them (docs/native-format.md). Part of the companion library kestrel_hosts.
- * Usable from C and C++.
+ * Usable from C11 and C++11.
  *
  * Each stream becomes a track: AMR narrow or wide band, H.263 from RFC 2190 or RFC 4629 payloads,
  * MPEG-4 Visual or H.264. Times come from the packets, sync samples and the order of display from
  * the pictures, the decoder configuration from the header records or the first picture.
  *
  *     kst_packer* packer = kst_packer_open(NULL);
- *     while (kst_ReadChunk(handle, buffer, &size, 0) == KST_SUCCESS) {
+ *     for (;;) {
+ *         uint32_t size = sizeof buffer;
+ *         status = kst_ReadChunk(handle, buffer, &size, false);
+ *         if (status != KST_SUCCESS) break;  // KST_END_OF_FILE after the last chunk
  *         kst_packer_feed(packer, 0, buffer, size);
- *         size = sizeof buffer;
  *     }
  *     result = kst_packer_write(packer, kst_host_callbacks(file), NULL);
  *     kst_packer_close(packer);
