@@ -2,6 +2,7 @@
 #include "companion/packer/packed_file.h"
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <new>
 
@@ -254,7 +255,7 @@ class Job {
         }
         for (Track& track : tracks_) {
             const double late = knows_starts ? start_of(track, video) - earliest : 0.0;
-            keep_edits(track, static_cast<uint64_t>(late * track.timeline.timescale + 0.5),
+            keep_edits(track, static_cast<uint64_t>(std::llround(late * track.timeline.timescale)),
                        tracks_.size() > 1);
         }
     }

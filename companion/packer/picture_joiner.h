@@ -88,7 +88,6 @@ class PictureJoiner {
 
     bool has_picture_ = false;
     uint32_t time_ = 0;
-    bool is_complete_ = false;  // its last packet has the marker
     std::vector<uint8_t> picture_;
     std::optional<size_t> unit_;  // H.264: where the last unit's length stands
     std::vector<Packet> packets_;
