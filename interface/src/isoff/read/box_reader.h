@@ -3,7 +3,10 @@
 #ifndef KESTREL_ISOFF_BOX_READER_H
 #define KESTREL_ISOFF_BOX_READER_H
 
+#include <utility>
+
 #include "interface/src/isoff/read/byte_source.h"
+#include "interface/src/isoff/record/box_columns.h"
 
 namespace kestrel {
 
@@ -75,6 +78,45 @@ class BoxReader {
   private:
     iso_file* file_;
     uint32_t size_;
+};
+
+// Stores the columns of a box (record/box_columns.h). What is passed over is passed over at once,
+// before the next column that is stored.
+class ColumnReader {
+  public:
+    explicit ColumnReader(BoxReader& box) : box_(box) {}
+
+    void u8(uint8_t& value) { value = next().u8(); }
+    void u16(uint16_t& value) { value = next().u16(); }
+    void u16(int32_t& value) { value = next().u16(); }
+    void u32(uint32_t& value) { value = next().u32(); }
+    void u32(int32_t& value) { value = static_cast<int32_t>(next().u32()); }
+    void time(uint64_t& value, bool wide) {
+        const uint64_t high = wide ? next().u32() : 0;
+        value = high << 32 | next().u32();
+    }
+    void time(int64_t& value, bool wide) {
+        uint64_t bits = 0;
+        time(bits, wide);
+        value = wide ? static_cast<int64_t>(bits) : static_cast<int32_t>(bits);
+    }
+    void id(char (&code)[5]) { has_codes_ = next().id(code) && has_codes_; }
+    void reserved(uint32_t count) { passed_ += count; }
+    void constant16(uint32_t) { passed_ += 2; }
+    void constant32(uint32_t) { passed_ += 4; }
+
+    // Whether every four-character code could be read.
+    bool has_codes() const { return has_codes_; }
+
+  private:
+    BoxReader& next() {
+        if (passed_ != 0) box_.skip(std::exchange(passed_, 0));
+        return box_;
+    }
+
+    BoxReader& box_;
+    uint32_t passed_ = 0;
+    bool has_codes_ = true;
 };
 
 }  // namespace kestrel

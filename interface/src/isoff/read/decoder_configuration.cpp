@@ -13,13 +13,12 @@ namespace {
 
 // --- 3GPP configuration boxes (3GPP TS 26.244, clause 6) ---
 
-// Vendor and decoder version begin each of them.
-iso_track* read_vendor(BoxReader& box) {
-    iso_track* track = box.track();
-    if (track == nullptr) return nullptr;
-    box.id(track->vendor);
-    track->decoder_version = box.u8();
-    return track;
+// Reads the columns of a box that belongs to a track.
+template <typename Columns>
+int read_columns(BoxReader& box, Columns columns) {
+    ColumnReader reader(box);
+    if (box.track() != nullptr) columns(reader, *box.track());
+    return 0;
 }
 
 // --- esds (ISO/IEC 14496-1, 7.2.6) ---
@@ -142,25 +141,15 @@ bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
 }
 
 int read_damr(BoxReader& box) {
-    iso_track* track = read_vendor(box);
-    if (track == nullptr) return 0;
-    track->mode_set = box.u16();
-    track->mode_change_period = box.u8();
-    track->frames_per_sample = box.u8();
-    return 0;
+    return read_columns(box, [](auto& f, auto& track) { damr_columns(f, track); });
 }
 
 int read_dawp(BoxReader& box) {
-    read_vendor(box);
-    return 0;
+    return read_columns(box, [](auto& f, auto& track) { vendor_columns(f, track); });
 }
 
 int read_d263(BoxReader& box) {
-    iso_track* track = read_vendor(box);
-    if (track == nullptr) return 0;
-    track->level = box.u8();
-    track->profile = box.u8();
-    return 0;
+    return read_columns(box, [](auto& f, auto& track) { d263_columns(f, track); });
 }
 
 int read_esds(BoxReader& box) {

@@ -47,18 +47,17 @@ int read_mdhd(BoxReader& box) {
     const uint8_t version = box.u8();
     box.u24();  // flags
     if (version != 0) return box.skip(kWideMovieTimes) ? 0 : -1;
-    track->creation_time = box.u32();
-    track->modification_time = box.u32();
-    track->timescale = box.u32();
-    track->duration = box.u32();
-    track->own->language = box.u16();
+    ColumnReader reader(box);
+    mdhd_columns(reader, *track);
     return 0;
 }
 
 int read_hdlr(BoxReader& box) {
     if (box.track() == nullptr) return 0;
-    box.skip(8);  // version, flags, pre-defined
-    return box.id(box.track()->handler) ? 0 : -1;
+    ColumnReader reader(box);
+    reader.reserved(4);  // version and flags
+    hdlr_columns(reader, *box.track());
+    return reader.has_codes() ? 0 : -1;
 }
 
 int read_hint_reference(BoxReader& box) {
@@ -66,11 +65,6 @@ int read_hint_reference(BoxReader& box) {
     const bool refers = box.left() >= sizeof(uint32_t);
     if (box.track() != nullptr && refers) box.track()->hint_track_ref = box.u32();
     return 0;
-}
-
-void read_matrix(BoxReader& box, iso_track* track) {
-    for (uint32_t& element : track->matrix)
-        element = box.u32();
 }
 
 int read_tkhd(BoxReader& box) {
@@ -86,24 +80,15 @@ int read_tkhd(BoxReader& box) {
     if (track == nullptr) return -1;
     box.file()->current_track = track;
     track->own->header_flags = flags;
+    ColumnReader reader(box);
+    uint32_t duration = 0;  // not kept: that of the media header is
     if (version == 0) {
-        track->creation_time = box.u32();
-        track->modification_time = box.u32();
-        track->track_id = box.u32();
-        box.u32();  // reserved
-        box.u32();  // duration, in movie units: that of the media header is kept
+        tkhd_times(reader, *track, duration);
     } else {
-        box.skip(kWideTrackTimes);
+        reader.reserved(kWideTrackTimes);
     }
     track->codec = ISO_CODEC_NONE;
-    box.skip(8);  // reserved
-    track->layer = box.u16();
-    track->alternate_group = box.u16();
-    track->volume = box.u16();
-    box.u16();  // reserved
-    read_matrix(box, track);
-    track->own->display_width = box.u32();
-    track->own->display_height = box.u32();
+    tkhd_rest(reader, *track, track->own->display_width, track->own->display_height);
     track->width = track->own->display_width >> 16;
     track->height = track->own->display_height >> 16;
     return 0;
@@ -133,18 +118,16 @@ int read_mvhd(BoxReader& box) {
     iso_file* file = box.file();
     const uint8_t version = box.u8();
     box.u24();  // flags
+    ColumnReader reader(box);
     if (version == 0) {
-        file->creation_time = box.u32();
-        file->modification_time = box.u32();
-        file->timescale = file->own->edit_timescale = box.u32();
-        file->duration = box.u32();
+        mvhd_times(reader, *file);
+        file->own->edit_timescale = file->timescale;
     } else {
-        box.skip(kWideDates);
-        file->own->edit_timescale = box.u32();
-        box.skip(kWideMovieTimes - kWideDates - 4);
+        reader.reserved(kWideDates);
+        reader.u32(file->own->edit_timescale);
+        reader.reserved(kWideMovieTimes - kWideDates - 4);
     }
-    box.skip(4 + 2 + 70);  // rate, volume; reserved, matrix and pre-defined
-    file->next_track_id = box.u32();
+    mvhd_rest(reader, *file);
     return 0;
 }
 
@@ -196,25 +179,18 @@ int read_mdia(BoxReader& box) {
 // Edits are kept for whoever copies a file; reading samples does not look at them. A list that its
 // box does not hold is none.
 int read_elst(BoxReader& box) {
-    constexpr uint32_t kEntry = 12, kWideEntry = 20;
     iso_track* track = box.track();
     if (track == nullptr || track->own->edits != nullptr || box.left() < 8) return 0;
     const bool wide = box.u8() != 0;
     box.u24();  // flags
     const uint32_t count = box.u32();
-    if (count == 0 || count > box.left() / (wide ? kWideEntry : kEntry)) return 0;
+    if (count == 0 || count > box.left() / bytes_of<iso_elst_entry>(wide)) return 0;
     track->own->edits = arena_array<iso_elst_entry>(box.file(), count);
     if (track->own->edits == nullptr) return -1;
     track->own->edit_count = static_cast<int32_t>(count);
-    for (iso_elst_entry& edit : std::span(track->own->edits, count)) {
-        const uint64_t duration_high = wide ? box.u32() : 0;
-        edit.segment_duration = duration_high << 32 | box.u32();
-        const uint64_t time_high = wide ? box.u32() : 0;
-        const uint32_t time_low = box.u32();
-        edit.media_time = wide ? static_cast<int64_t>(time_high << 32 | time_low)
-                               : static_cast<int32_t>(time_low);
-        edit.media_rate = box.u32();
-    }
+    ColumnReader reader(box);
+    for (iso_elst_entry& edit : std::span(track->own->edits, count))
+        columns(reader, edit, wide);
     return 0;
 }
 

@@ -9,7 +9,8 @@ namespace {
 // --- what an RTP hint sample entry holds (ISO/IEC 14496-12, 9.1.2) ---
 
 int read_tims(BoxReader& box) {
-    if (box.track() != nullptr) box.track()->rtp_timescale = box.u32();
+    ColumnReader reader(box);
+    if (box.track() != nullptr) tims_columns(reader, *box.track());
     return 0;
 }
 

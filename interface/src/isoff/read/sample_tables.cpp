@@ -38,8 +38,8 @@ iso_track* begin_table(BoxReader& box, TableBit bit, const char* refusal, int& r
     return track;
 }
 
-// Reads an entry count and takes an array for that many entries of `stored` bytes each; null, and
-// no memory taken, when the box does not hold them.
+// Reads an entry count and takes an array for so many entries; null, and no memory taken, when the
+// box does not hold them, `stored` bytes each.
 template <typename Entry>
 Entry* take_entries(BoxReader& box, uint32_t stored, int32_t& count) {
     count = 0;
@@ -47,6 +47,16 @@ Entry* take_entries(BoxReader& box, uint32_t stored, int32_t& count) {
     if (told > INT_MAX || told > box.left() / stored) return nullptr;
     auto* entries = arena_array<Entry>(box.file(), told);
     if (entries != nullptr) count = static_cast<int32_t>(told);
+    return entries;
+}
+
+// Reads a table of such entries with its count.
+template <typename Entry>
+Entry* read_entries(BoxReader& box, int32_t& count) {
+    auto* entries = take_entries<Entry>(box, bytes_of<Entry>(), count);
+    ColumnReader reader(box);
+    for (Entry& entry : std::span(entries, static_cast<size_t>(count)))
+        columns(reader, entry);
     return entries;
 }
 
@@ -144,40 +154,24 @@ int read_stts(BoxReader& box) {
     int result;
     iso_track* track = begin_table(box, kStts, "extra stts\n", result);
     if (track == nullptr) return result;
-    track->stts = take_entries<iso_stts_entry>(box, 8, track->stts_count);
-    if (track->stts == nullptr) return -1;
-    for (int32_t i = 0; i < track->stts_count; ++i) {
-        track->stts[i].count = box.u32();
-        track->stts[i].delta = box.u32();
-    }
-    return 0;
+    track->stts = read_entries<iso_stts_entry>(box, track->stts_count);
+    return track->stts != nullptr ? 0 : -1;
 }
 
 int read_ctts(BoxReader& box) {
     int result;
     iso_track* track = begin_table(box, kCtts, "extra ctts\n", result);
     if (track == nullptr) return result;
-    track->ctts = take_entries<iso_ctts_entry>(box, 8, track->ctts_count);
-    if (track->ctts == nullptr) return -1;
-    for (int32_t i = 0; i < track->ctts_count; ++i) {
-        track->ctts[i].count = box.u32();
-        track->ctts[i].offset = static_cast<int32_t>(box.u32());
-    }
-    return 0;
+    track->ctts = read_entries<iso_ctts_entry>(box, track->ctts_count);
+    return track->ctts != nullptr ? 0 : -1;
 }
 
 int read_stsc(BoxReader& box) {
     iso_track* track = box.track();
     if (track == nullptr) return 0;
     box.u32();  // version and flags
-    track->stsc = take_entries<iso_stsc_entry>(box, 12, track->stsc_count);
-    if (track->stsc == nullptr) return -1;
-    for (int32_t i = 0; i < track->stsc_count; ++i) {
-        track->stsc[i].first_chunk = box.u32();
-        track->stsc[i].samples_per_chunk = box.u32();
-        track->stsc[i].description_index = box.u32();
-    }
-    return 0;
+    track->stsc = read_entries<iso_stsc_entry>(box, track->stsc_count);
+    return track->stsc != nullptr ? 0 : -1;
 }
 
 int read_stsz(BoxReader& box) {
@@ -193,12 +187,11 @@ int read_stsz(BoxReader& box) {
         track->total_bytes = count * track->sample_size;
         return 0;
     }
-    track->sample_sizes = take_entries<uint32_t>(box, 4, track->sample_count);
+    track->sample_sizes = read_entries<uint32_t>(box, track->sample_count);
     if (track->sample_sizes == nullptr) return -1;
-    track->own->declared_samples = static_cast<uint32_t>(track->sample_count);
-    for (int32_t i = 0; i < track->sample_count; ++i) {
-        const uint32_t size = box.u32();
-        track->sample_sizes[i] = size;
+    const auto count = static_cast<uint32_t>(track->sample_count);
+    track->own->declared_samples = count;
+    for (const uint32_t size : std::span(track->sample_sizes, count)) {
         track->total_bytes += size;
         track->max_sample_size = std::max(track->max_sample_size, size);
     }
@@ -209,11 +202,8 @@ int read_stco(BoxReader& box) {
     int result;
     iso_track* track = begin_table(box, kStco, "extra stco\n", result);
     if (track == nullptr) return result;
-    track->chunks = take_entries<iso_chunk>(box, 4, track->chunk_count);
-    if (track->chunks == nullptr) return -1;
-    for (int32_t i = 0; i < track->chunk_count; ++i)
-        track->chunks[i].start = box.u32();
-    return 0;
+    track->chunks = read_entries<iso_chunk>(box, track->chunk_count);
+    return track->chunks != nullptr ? 0 : -1;
 }
 
 int read_stss(BoxReader& box) {
@@ -221,12 +211,9 @@ int read_stss(BoxReader& box) {
     iso_track* track = begin_table(box, kStss, "extra stss\n", result);
     if (track == nullptr) return result;
     int32_t count = 0;
-    track->sync_samples = take_entries<uint32_t>(box, 4, count);
-    if (track->sync_samples == nullptr) return -1;
+    track->sync_samples = read_entries<uint32_t>(box, count);
     track->sync_count = static_cast<uint32_t>(count);
-    for (int32_t i = 0; i < count; ++i)
-        track->sync_samples[i] = box.u32();
-    return 0;
+    return track->sync_samples != nullptr ? 0 : -1;
 }
 
 int read_sbgp(BoxReader& box) {
@@ -235,15 +222,12 @@ int read_sbgp(BoxReader& box) {
     if (track == nullptr) return result;
     box.u32();  // grouping type
     int32_t count = 0;
-    auto* entries = take_entries<iso_sbgp_entry>(box, 8, count);
+    auto* entries = read_entries<iso_sbgp_entry>(box, count);
     if (entries == nullptr) return -1;
     track->sbgp_count = static_cast<uint32_t>(count);
     track->sbgp_list = count > 0 ? entries : nullptr;
-    for (int32_t i = 0; i < count; ++i) {
-        entries[i].sample_count = box.u32();
-        entries[i].group_description_index = box.u32();
-        entries[i].next = i + 1 < count ? &entries[i + 1] : nullptr;
-    }
+    for (int32_t i = 0; i + 1 < count; ++i)
+        entries[i].next = &entries[i + 1];
     return 0;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "interface/src/isoff/record/record.h"
+#include "interface/src/isoff/record/box_columns.h"
 
 // Making tracks, and finding tracks and brands.
 
@@ -9,8 +9,6 @@ namespace {
 
 constexpr uint32_t kTrackHeaderEstimate = 325;     // bytes that each track adds
 constexpr uint16_t kUndetermined = 0x55C4;         // "und" as a language (ISO 639-2/T)
-constexpr uint32_t kUnity = 0x00010000;            // 16.16
-constexpr uint32_t kUnityProjection = 0x40000000;  // 2.30
 constexpr uint32_t kEnabledInMovieAndPreview = 7;  // flags of `tkhd`
 
 void set_unity(uint32_t (&matrix)[9]) {

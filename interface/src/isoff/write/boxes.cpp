@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "common/bytes.h"
+#include "interface/src/isoff/record/box_columns.h"
 #include "interface/src/isoff/write/boxes.h"
 #include "interface/src/isoff/write/copied_boxes.h"
 #include "interface/src/isoff/write/sample_provider.h"
@@ -15,9 +16,7 @@ namespace kestrel {
 namespace {
 
 constexpr uint32_t kBoxHeader = 8;
-constexpr uint32_t kUnity = 0x00010000;   // 16.16
-constexpr uint32_t kFullVolume = 0x0100;  // 8.8
-constexpr uint32_t kPlainText = 72;       // dots per inch
+constexpr uint32_t kPlainText = 72;  // dots per inch
 
 // A box as it is put together. Bytes that do not fit are counted only.
 class BoxBody {
@@ -91,6 +90,36 @@ class BoxBody {
     uint64_t position_ = 0;
 };
 
+// Puts the columns of a box (record/box_columns.h).
+class ColumnWriter {
+  public:
+    explicit ColumnWriter(BoxBody& box) : box_(box) {}
+
+    void u8(uint32_t value) { box_.u8(value); }
+    void u16(uint32_t value) { box_.u16(value); }
+    void u16(int32_t value) { box_.u16(static_cast<uint32_t>(value)); }
+    void u32(uint32_t value) { box_.u32(value); }
+    void u32(int32_t value) { box_.u32(static_cast<uint32_t>(value)); }
+    void time(uint64_t value, bool wide) {
+        wide ? box_.u64(value) : box_.u32(static_cast<uint32_t>(value));
+    }
+    void time(int64_t value, bool wide) { time(static_cast<uint64_t>(value), wide); }
+    void id(const char* code) { box_.id(code); }
+    void reserved(uint32_t count) { box_.zeros(count); }
+    void constant16(uint32_t value) { box_.u16(value); }
+    void constant32(uint32_t value) { box_.u32(value); }
+
+  private:
+    BoxBody& box_;
+};
+
+// Puts an entry of a table.
+template <typename Entry>
+void put(BoxBody& box, const Entry& entry) {
+    ColumnWriter writer(box);
+    columns(writer, entry);
+}
+
 // A box that is written as it was read.
 uint64_t write_copied(Pass pass, std::span<uint8_t> to, const std::span<const uint8_t>* box) {
     if (pass == kWritePass && box->size() <= to.size()) {
@@ -121,27 +150,22 @@ int shown(uint64_t number) {
 
 uint64_t write_damr(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "damr");
-    box.id(track->vendor);
-    box.u8(track->decoder_version);
-    box.u16(track->mode_set);
-    box.u8(track->mode_change_period);
-    box.u8(track->frames_per_sample);
+    ColumnWriter writer(box);
+    damr_columns(writer, *track);
     return box.finish();
 }
 
 uint64_t write_dawp(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "dawp");
-    box.id(track->vendor);
-    box.u8(track->decoder_version);
+    ColumnWriter writer(box);
+    vendor_columns(writer, *track);
     return box.finish();
 }
 
 uint64_t write_d263(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "d263");
-    box.id(track->vendor);
-    box.u8(track->decoder_version);
-    box.u8(track->level);
-    box.u8(track->profile);
+    ColumnWriter writer(box);
+    d263_columns(writer, *track);
     return box.finish();
 }
 
@@ -237,6 +261,13 @@ uint64_t write_audio_entry(Pass pass, std::span<uint8_t> to, const iso_track* tr
     return box.finish();
 }
 
+uint64_t write_tims(Pass pass, std::span<uint8_t> to, const iso_track* track) {
+    BoxBody box(pass, to, "tims");
+    ColumnWriter writer(box);
+    tims_columns(writer, *track);
+    return box.finish();
+}
+
 void put_value_box(BoxBody& box, const char* type, uint32_t value) {
     box.u32(kBoxHeader + 4);
     box.id(type);
@@ -252,7 +283,7 @@ uint64_t write_hint_entry(Pass pass, std::span<uint8_t> to, const iso_track* tra
     box.u16(track->rtp_hint_version != 0 ? track->rtp_hint_version : 1);
     box.u16(track->rtp_highest_compat != 0 ? track->rtp_highest_compat : 1);
     box.u32(track->rtp_max_packet);
-    put_value_box(box, "tims", track->rtp_timescale);
+    box.child(write_tims, track);
     if (track->has_ts_offset) put_value_box(box, "tsro", track->rtp_ts_offset);
     if (track->has_seq_offset) put_value_box(box, "snro", track->rtp_seq_offset);
     return box.finish();
@@ -319,15 +350,14 @@ uint64_t write_stsd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
 // --- sample tables ---
 
 // Puts a pair of run length and value for each run of samples with the same value.
-template <typename Value>
+template <typename Entry, typename Value>
 void put_value_runs(BoxBody& box, const iso_track* track, Value value) {
     for (SampleWalk sample(track); !sample.at_end();) {
         const auto first = value(sample.figures());
         uint32_t count = 0;
         for (; !sample.at_end() && value(sample.figures()) == first; sample.next())
             ++count;
-        box.u32(count);
-        box.u32(static_cast<uint32_t>(first));
+        put(box, Entry{count, first});
     }
 }
 
@@ -358,9 +388,7 @@ uint64_t write_stsc(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     box.version_and_flags(0, 0);
     box.u32(kinds);
     visit_chunk_kinds(track, [&](uint32_t first_chunk, const iso_run& run) {
-        box.u32(first_chunk);
-        box.u32(run.samples);
-        box.u32(run.description);
+        put(box, iso_stsc_entry{first_chunk, run.samples, run.description});
     });
     return box.finish();
 }
@@ -370,7 +398,7 @@ uint64_t write_stco(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     box.version_and_flags(0, 0);
     box.u32(track->own->run_count);
     for (const iso_run* run = track->own->first_run; run != nullptr; run = run->next)
-        box.u32(track->file->own->media_base + run->start);
+        put(box, iso_chunk{track->file->own->media_base + run->start, 0});
     return box.finish();
 }
 
@@ -466,21 +494,16 @@ uint64_t write_minf(Pass pass, std::span<uint8_t> to, iso_track* track) {
 uint64_t write_mdhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "mdhd");
     box.version_and_flags(0, 0);
-    box.u32(track->creation_time);
-    box.u32(track->modification_time);
-    box.u32(track->timescale);
-    box.u32(track->duration);
-    box.u16(track->own->language);
-    box.u16(0);
+    ColumnWriter writer(box);
+    mdhd_columns(writer, *track);
     return box.finish();
 }
 
 uint64_t write_hdlr(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "hdlr");
     box.version_and_flags(0, 0);
-    box.u32(0);
-    box.id(track->handler);
-    box.zeros(12);
+    ColumnWriter writer(box);
+    hdlr_columns(writer, *track);
     const CopiedBoxes* copied = track->own->copied;
     if (copied != nullptr) box.bytes(copied->name.data(), copied->name.size());
     box.u8(0);  // ends the name
@@ -513,21 +536,11 @@ DisplaySize display_size(const iso_track* track) {
 uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "tkhd");
     box.version_and_flags(0, track->own->header_flags);
-    box.u32(track->creation_time);
-    box.u32(track->modification_time);
-    box.u32(track->track_id);
-    box.u32(0);
-    box.u32(movie_duration(track));
-    box.zeros(8);
-    box.u16(static_cast<uint32_t>(track->layer));
-    box.u16(static_cast<uint32_t>(track->alternate_group));
-    box.u16(static_cast<uint32_t>(track->volume));
-    box.u16(0);
-    for (const uint32_t element : track->matrix)
-        box.u32(element);
+    const uint32_t duration = movie_duration(track);
     const DisplaySize display = display_size(track);
-    box.u32(display.width);
-    box.u32(display.height);
+    ColumnWriter writer(box);
+    tkhd_times(writer, *track, duration);
+    tkhd_rest(writer, *track, display.width, display.height);
     return box.finish();
 }
 
@@ -565,13 +578,9 @@ uint64_t write_elst(Pass pass, std::span<uint8_t> to, const iso_track* track) {
     BoxBody box(pass, to, "elst");
     box.version_and_flags(wide ? 1 : 0, 0);
     box.u32(static_cast<uint32_t>(edits.size()));
-    for (const iso_elst_entry& edit : edits) {
-        const auto time = static_cast<uint64_t>(edit.media_time);
-        wide ? box.u64(edit.segment_duration)
-             : box.u32(static_cast<uint32_t>(edit.segment_duration));
-        wide ? box.u64(time) : box.u32(static_cast<uint32_t>(time));
-        box.u32(edit.media_rate);
-    }
+    ColumnWriter writer(box);
+    for (const iso_elst_entry& edit : edits)
+        columns(writer, edit, wide);
     return box.finish();
 }
 
@@ -634,17 +643,9 @@ uint64_t write_trak(Pass pass, std::span<uint8_t> to, iso_track* track) {
 uint64_t write_mvhd(Pass pass, std::span<uint8_t> to, const iso_file* file) {
     BoxBody box(pass, to, "mvhd");
     box.version_and_flags(0, 0);
-    box.u32(file->creation_time);
-    box.u32(file->modification_time);
-    box.u32(file->timescale);
-    box.u32(file->duration);
-    box.u32(kUnity);  // rate
-    box.u16(kFullVolume);
-    box.zeros(10);
-    for (const uint32_t element : {kUnity, 0U, 0U, 0U, kUnity, 0U, 0U, 0U, 0x40000000U})
-        box.u32(element);
-    box.zeros(24);
-    box.u32(file->next_track_id);
+    ColumnWriter writer(box);
+    mvhd_times(writer, *file);
+    mvhd_rest(writer, *file);
     return box.finish();
 }
 
@@ -673,7 +674,8 @@ uint64_t write_stts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     BoxBody box(pass, to, "stts");
     box.version_and_flags(0, 0);
     box.u32(static_cast<uint32_t>(track->stts_count));
-    put_value_runs(box, track, [](const SampleFigures& sample) { return sample.duration; });
+    put_value_runs<iso_stts_entry>(box, track,
+                                   [](const SampleFigures& sample) { return sample.duration; });
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kSttsTable, size)) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- dtd count %d\n",
@@ -689,7 +691,8 @@ uint64_t write_ctts(Pass pass, std::span<uint8_t> to, iso_track* track) {
     BoxBody box(pass, to, "ctts");
     box.version_and_flags(negative ? 1 : 0, 0);
     box.u32(static_cast<uint32_t>(track->ctts_count));
-    put_value_runs(box, track, [](const SampleFigures& sample) { return sample.cts_offset; });
+    put_value_runs<iso_ctts_entry>(box, track,
+                                   [](const SampleFigures& sample) { return sample.cts_offset; });
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kCttsTable, size)) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- cto count %d\n",
@@ -704,7 +707,7 @@ uint64_t write_stsz(Pass pass, std::span<uint8_t> to, iso_track* track) {
     box.u32(track->sample_size);
     box.u32(static_cast<uint32_t>(track->sample_count));
     for (SampleWalk sample(track); !sample.at_end() && track->sample_size == 0; sample.next())
-        box.u32(sample.figures().size);
+        put(box, sample.figures().size);
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kStszTable, size)) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- sample size = %d sample count = %d\n",
@@ -719,7 +722,7 @@ uint64_t write_stss(Pass pass, std::span<uint8_t> to, iso_track* track) {
     box.version_and_flags(0, 0);
     box.u32(track->sync_count);
     for (const uint32_t sample : std::span(track->sync_samples, track->sync_count))
-        box.u32(sample);
+        put(box, sample);
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kStssTable, size)) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- sample count = %d\n",
@@ -733,10 +736,8 @@ uint64_t write_sbgp(Pass pass, std::span<uint8_t> to, iso_track* track) {
     box.version_and_flags(0, 0);
     box.id(track->sgpd_type);
     box.u32(track->sbgp_count);
-    for (const iso_sbgp_entry* entry = track->sbgp_list; entry != nullptr; entry = entry->next) {
-        box.u32(entry->sample_count);
-        box.u32(entry->group_description_index);
-    }
+    for (const iso_sbgp_entry* entry = track->sbgp_list; entry != nullptr; entry = entry->next)
+        put(box, *entry);
     const uint64_t size = box.finish();
     if (!passes_agree(pass, track, kSbgpTable, size)) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- sbgp count %d\n",
