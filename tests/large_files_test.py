@@ -123,8 +123,9 @@ class LargeFiles(unittest.TestCase):
         def test(clip, mode, large):
             for api in ("function", "class"):
                 words = ("extract", "--api", api)
-                self.assertEqual(self.output(*words, large, mode),
-                                 self.output(*words, clip.path, mode), api)
+                stream = self.output(*words, clip.path, mode)
+                self.assertEqual(self.output(*words, large, mode), stream, api)
+                self.assertEqual(self.output(*words, "--track", 1, large, mode), stream, api)
         self.each(test)
 
     def test_are_checked_listed_and_hinted_as_the_clip(self):

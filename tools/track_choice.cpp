@@ -1,21 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/track_choice.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 
-#include "tools/descriptor.h"
 #include "tools/judge/facts.h"
 
 namespace tool {
 namespace {
 
 constexpr auto kPatience = std::chrono::seconds(10);
+constexpr uint32_t kTypeAt = 4;  // in a box
+constexpr std::array<uint8_t, 4> kFree = {'f', 'r', 'e', 'e'};
 
 // Whether a track is one of a medium; a track that the reader does not have is one by what the
 // importer says.
@@ -28,33 +24,13 @@ bool is_medium(const FileFacts& facts, uint32_t id, MediaKind kind) {
 
 }  // namespace
 
-TrackChoice::TrackChoice(const std::string& path, uint32_t track_id, MediaKind kind) {
-    map(path);
-    hide_others(path, track_id, kind);
+TrackChoice::TrackChoice(const std::string& path, uint32_t track_id, MediaKind kind)
+    : host_(open_host(path)) {
+    find_others(path, track_id, kind);
+    cover_table();
 }
 
-TrackChoice::~TrackChoice() {
-    host_.reset();
-    if (!bytes_.empty()) munmap(bytes_.data(), bytes_.size());
-}
-
-void TrackChoice::map(const std::string& path) {
-    const Host whole = open_host(path);  // refuses what cannot be served
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat about {};
-    if (!file || fstat(file.get(), &about) != 0) throw system_error(path);
-    const auto size = static_cast<size_t>(about.st_size);
-    if (size == 0) throw no_media_file(path);
-    void* start = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE, file.get(), 0);
-    if (start == MAP_FAILED) throw system_error(path);
-    bytes_ = {static_cast<uint8_t*>(start), size};
-    host_.reset(kst_host_from_memory(start, size));
-    if (host_ == nullptr) throw system_error(path);
-}
-
-void TrackChoice::hide_others(const std::string& path, uint32_t track_id, MediaKind kind) {
-    constexpr size_t kTypeAt = 4;
-    constexpr std::array<uint8_t, 4> kFree = {'f', 'r', 'e', 'e'};
+void TrackChoice::find_others(const std::string& path, uint32_t track_id, MediaKind kind) {
     const FileFacts facts = gather_facts(host_.get(), Clock::now() + kPatience);
     if (!facts.scan.is_3gp()) throw no_media_file(path);
     if (!is_medium(facts, track_id, kind)) {
@@ -65,10 +41,71 @@ void TrackChoice::hide_others(const std::string& path, uint32_t track_id, MediaK
         const bool is_other =
             track.id != track_id && (is_medium(facts, track.id, MediaKind::kAudio) ||
                                      is_medium(facts, track.id, MediaKind::kVideo));
-        const auto type_at = static_cast<size_t>(track.offset) + kTypeAt;
-        if (is_other) std::copy(kFree.begin(), kFree.end(), &bytes_[type_at]);
+        if (is_other) hidden_.push_back(track.offset + kTypeAt);
     }
+    std::sort(hidden_.begin(), hidden_.end());
     kst_host_rewind(host_.get());
+}
+
+void TrackChoice::cover_table() {
+    KST_IOSTREAM_CALLBACK_INTERFACE& table = *kst_host_callbacks(host_.get());
+    file_ = table;
+    table.Context = this;
+    table.GetOffset = [](void* context, uint32_t* offset) {
+        return of(context).file_.GetOffset(of(context).file_.Context, offset);
+    };
+    table.Seek = [](void* context, uint32_t offset) {
+        return of(context).file_.Seek(of(context).file_.Context, offset);
+    };
+    table.SeekNRead = seek_n_read;
+    table.SeekNWrite = [](void* context, const void* data, uint32_t count, int32_t offset) {
+        return of(context).file_.SeekNWrite(of(context).file_.Context, data, count, offset);
+    };
+    table.GetStreamSize = [](void* context, uint32_t* size) {
+        return of(context).file_.GetStreamSize(of(context).file_.Context, size);
+    };
+    table.IsEOF = [](void* context) { return of(context).file_.IsEOF(of(context).file_.Context); };
+    table.IndexRead = index_read;
+    table.AdvanceRead = [](void* context, uint32_t offset) {
+        return of(context).file_.AdvanceRead(of(context).file_.Context, offset);
+    };
+    table.CheckStatus = [](void* context, uint32_t* result, uint32_t status) {
+        return of(context).file_.CheckStatus(of(context).file_.Context, result, status);
+    };
+}
+
+void TrackChoice::hide_types(uint32_t from, std::span<uint8_t> bytes) const {
+    const uint64_t end = uint64_t{from} + bytes.size();
+    const uint64_t first = from - std::min<uint64_t>(from, kFree.size() - 1);
+    for (auto type = std::lower_bound(hidden_.begin(), hidden_.end(), first);
+         type != hidden_.end() && *type < end; ++type) {
+        for (size_t i = 0; i < kFree.size(); ++i) {
+            const uint64_t at = *type + i;
+            if (at >= from && at < end) bytes[static_cast<size_t>(at - from)] = kFree[i];
+        }
+    }
+}
+
+uint32_t TrackChoice::seek_n_read(void* context, void* data, uint32_t* count, int32_t offset) {
+    const TrackChoice& self = of(context);
+    const auto& file = self.file_;
+    const uint32_t status = file.SeekNRead(file.Context, data, count, offset);
+    uint32_t end = 0;
+    file.GetOffset(file.Context, &end);
+    if (status == KST_HOST_OK) {
+        self.hide_types(end - *count, std::span(static_cast<uint8_t*>(data), *count));
+    }
+    return status;
+}
+
+uint32_t TrackChoice::index_read(void* context, void* data, uint32_t offset, uint32_t count,
+                                 uint32_t* got) {
+    const TrackChoice& self = of(context);
+    const uint32_t status = self.file_.IndexRead(self.file_.Context, data, offset, count, got);
+    if (status == KST_HOST_OK) {
+        self.hide_types(offset, std::span(static_cast<uint8_t*>(data), *got));
+    }
+    return status;
 }
 
 }  // namespace tool

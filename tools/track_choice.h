@@ -5,14 +5,15 @@
 
 #include <span>
 #include <string>
+#include <vector>
 
 #include "companion/probe/media_tracks.h"
 #include "tools/support.h"
 
 namespace tool {
 
-// Maps a file into memory, where the boxes of its other media tracks get the type "free". The file
-// itself stays as it is. Hint tracks remain.
+// Serves a file in which the boxes of its other media tracks have the type "free". Hint tracks
+// remain.
 class TrackChoice {
   public:
     // Throws an Error where the file has no media track with that ID, or where that is not one of
@@ -20,17 +21,26 @@ class TrackChoice {
     TrackChoice(const std::string& path, uint32_t track_id, MediaKind kind);
     TrackChoice(const TrackChoice&) = delete;
     TrackChoice& operator=(const TrackChoice&) = delete;
-    ~TrackChoice();
 
     // Serves the file; complete.
     kst_host* host() { return host_.get(); }
 
   private:
-    void map(const std::string& path);
-    void hide_others(const std::string& path, uint32_t track_id, MediaKind kind);
+    static TrackChoice& of(void* context) { return *static_cast<TrackChoice*>(context); }
 
-    std::span<uint8_t> bytes_;
+    void find_others(const std::string& path, uint32_t track_id, MediaKind kind);
+    // Has the host serve through the functions below.
+    void cover_table();
+    // Writes the type "free" over what was read of hidden types. `from` is the file offset.
+    void hide_types(uint32_t from, std::span<uint8_t> bytes) const;
+
+    static uint32_t seek_n_read(void* context, void* data, uint32_t* count, int32_t offset);
+    static uint32_t index_read(void* context, void* data, uint32_t offset, uint32_t count,
+                               uint32_t* got);
+
     Host host_;
+    KST_IOSTREAM_CALLBACK_INTERFACE file_{};  // the host's own table
+    std::vector<uint64_t> hidden_;            // offsets of box types, in file order
 };
 
 }  // namespace tool
