@@ -8,12 +8,12 @@
 #include <utility>
 
 #include "boxes/fields.h"
+#include "common/log_sources.h"
 #include "common/simple_exception.h"
 
 namespace Qvox3gp {
 namespace {
 
-constexpr const char* kSource = ".//boxes/box_base";
 constexpr uint32_t kSecondsFrom1904To1970 = 2082844800;
 
 void debug(const char* text, const kestrel::LogSite& site) {
@@ -29,7 +29,7 @@ void move_to_end(Stream& io, const BoxExtent& extent) {
 // Box reading's first step: the header at the current position, which is `start`.
 BoxHeader read_header_at(Stream& io, uint32_t start, uint32_t file_size) {
     if (start >= file_size) {
-        debug("Box::Read() resetting box...", kestrel::at(kSource));
+        debug("Box::Read() resetting box...", kestrel::at(kestrel::kBoxSource));
         return {start};
     }
     std::array<uint8_t, kBoxHeaderSize> raw{};
@@ -39,14 +39,14 @@ BoxHeader read_header_at(Stream& io, uint32_t start, uint32_t file_size) {
     const BoxExtent extent{start, header.size, file_size};
     if (extent.end() > file_size) throw_invalid_size(extent);
     if (!macro_IsEOF(io)) return header;
-    debug("Box::Read() resetting box due to EOF", kestrel::at(kSource));
+    debug("Box::Read() resetting box due to EOF", kestrel::at(kestrel::kBoxSource));
     return {start};
 }
 
 }  // namespace
 
 void throw_invalid_size(const BoxExtent& extent) {
-    const kestrel::LogSite site = kestrel::at(kSource);
+    const kestrel::LogSite site = kestrel::at(kestrel::kBoxSource);
     throw SimpleException(site.file, site.line,
                           "Invalid size found in box.  Current file position is %u, box size is "
                           "%u, total offset is %u.  File size is %u.",
@@ -104,7 +104,7 @@ bool Box::read_header(Stream& io, unsigned int file_size, BoxExtent& extent) {
 
 void Box::seek_to_start(Stream& io) const {
     if (start_ == std::streampos(-1)) {
-        const kestrel::LogSite site = kestrel::at(kSource);
+        const kestrel::LogSite site = kestrel::at(kestrel::kBoxSource);
         throw SimpleException(site.file, site.line, "Box has no place in the stream yet");
     }
     macro_Seek(io, start_offset());
@@ -118,7 +118,7 @@ Stream& operator<<(Stream& io, const Box& box) {
 BoxHeader next_header(Stream& io, uint32_t position, uint32_t file_size) {
     if (position >= file_size) {
         debug("peek_box() returning unknown box due to EOF or stream position past file size",
-              kestrel::at(kSource));
+              kestrel::at(kestrel::kBoxSource));
         return {position};
     }
     const BoxHeader header = read_header_at(io, position, file_size);

@@ -8,8 +8,8 @@
 //
 // Every stream failure and every size or count that the file cannot hold is thrown as
 // SimpleException. Reading an "esds" of a codec that is not MPEG-4 Visual calls
-// meet_foreign_codec (boxes/foreign_codec.h): the library's ends the process, the tool's returns.
-// Every Read that can reach a sample description can come to that.
+// meet_foreign_codec (boxes/foreign_codec_hook.h): the library's ends the process, the tool's
+// returns. Every Read that can reach a sample description can come to that.
 #ifndef KESTREL_BOXES_BOX_BASE_H
 #define KESTREL_BOXES_BOX_BASE_H
 

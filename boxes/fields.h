@@ -338,16 +338,12 @@ class FieldWriter : public FieldOps<FieldWriter> {
     }
     template <class T>
     void integer(std::string_view, const T& value, unsigned width) {
-        std::array<uint8_t, 4> raw;
-        kestrel::store_be32(raw.data(), static_cast<uint32_t>(value));
-        pending_.insert(pending_.end(), raw.end() - width, raw.end());
+        kestrel::append_be(pending_, static_cast<uint32_t>(value), width);
     }
     void code(std::string_view, const uint32_t& value) {
         bytes("", std::bit_cast<std::array<uint8_t, 4>>(value));
     }
-    void bytes(std::string_view, std::span<const uint8_t> data) {
-        pending_.insert(pending_.end(), data.begin(), data.end());
-    }
+    void bytes(std::string_view, std::span<const uint8_t> data) { kestrel::append(pending_, data); }
     void blob(std::string_view name, const std::vector<uint8_t>& data, uint32_t) {
         bytes(name, data);
     }

@@ -4,12 +4,10 @@
 #include <algorithm>
 
 #include "boxes/fields.h"
-#include "common/bytes.h"
+#include "native/codec/rtp_hint_sample.h"
 
 namespace Qvox3gp {
 namespace {
-
-enum ConstructorKind : uint8_t { kImmediate = 1, kSample = 2 };
 
 template <class F, class List>
 void counted16(F& f, const List& list) {
@@ -21,23 +19,16 @@ void counted16(F& f, const List& list) {
 
 HintConstructor HintConstructor::immediate(std::span<const uint8_t> data) {
     HintConstructor made;
-    const size_t size = std::min(data.size(), kMaxImmediate);
-    made.raw[0] = kImmediate;
-    made.raw[1] = static_cast<uint8_t>(size);
-    std::copy_n(data.begin(), size, made.raw.begin() + 2);
+    kestrel::store_immediate_constructor(
+        made.raw.data(), data.first(std::min<size_t>(data.size(), kestrel::kMaxImmediate)));
     return made;
 }
 
 HintConstructor HintConstructor::sample(int8_t track, uint16_t length, uint32_t number,
                                         uint32_t offset) {
     HintConstructor made;
-    made.raw[0] = kSample;
-    made.raw[1] = static_cast<uint8_t>(track);
-    kestrel::store_be16(&made.raw[2], length);
-    kestrel::store_be32(&made.raw[4], number);
-    kestrel::store_be32(&made.raw[8], offset);
-    kestrel::store_be16(&made.raw[12], 1);  // bytes per compression block
-    kestrel::store_be16(&made.raw[14], 1);  // samples per compression block
+    kestrel::store_sample_constructor(made.raw.data(),
+                                      {static_cast<uint8_t>(track), length, number, offset});
     return made;
 }
 

@@ -12,8 +12,6 @@ namespace Qvox3gp {
 
 // What a constructor adds to the packet: 16 bytes, the first of which is the kind.
 struct HintConstructor {
-    static constexpr size_t kMaxImmediate = 14;
-
     std::array<uint8_t, 16> raw{};
 
     // `data` itself, at most 14 bytes of it.

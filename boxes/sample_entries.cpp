@@ -5,13 +5,13 @@
 #include <utility>
 
 #include "boxes/fields.h"
-#include "boxes/foreign_codec.h"
+#include "boxes/foreign_codec_hook.h"
+#include "common/log_sources.h"
 #include "common/simple_exception.h"
 
 namespace Qvox3gp {
 namespace {
 
-constexpr const char* kSource = ".//boxes/sample_entries";
 constexpr uint16_t kNarrowBandRate = 8000;  // samples a second of "samr" and "sawb"
 constexpr uint16_t kWideBandRate = 16000;
 constexpr uint8_t kMpeg4Visual = 0x20;  // object type indication, ISO/IEC 14496-1, 8.6.6
@@ -97,7 +97,7 @@ void AMRSampleEntry::fields(F& f, Self& self) {
 
 void AMRSampleEntry::after_read() const {
     if (specific_ != nullptr) return;
-    kestrel::log_line(kestrel::kError, kestrel::at(kSource),
+    kestrel::log_line(kestrel::kError, kestrel::at(kestrel::kSampleEntrySource),
                       "No AMRSpecificBox(damr) in AMRSampleEntry box. Try to keep going...");
 }
 
@@ -115,6 +115,15 @@ void VisualLayout::fields(F& f, Self& self) {
     f.u16("pre_defined", self.pre_defined);
 }
 
+template <class Derived, class Configuration>
+template <class F, class Self>
+void VisualSampleEntry<Derived, Configuration>::fields(F& f, Self& self) {
+    auto& entry = part<VisualSampleEntry>(self);
+    SampleEntry::fields(f, self);
+    VisualLayout::fields(f, entry.visual_);
+    f.child(entry.configuration_);
+}
+
 H263SpecificBox::H263SpecificBox() : Described(code("d263")) {}
 H263SpecificBox::~H263SpecificBox() = default;
 
@@ -126,28 +135,8 @@ void H263SpecificBox::fields(F& f, Self& self) {
     f.u8("profile", self.profile_);
 }
 
-H263SampleEntry::H263SampleEntry() : Described(code("s263")) {}
+H263SampleEntry::H263SampleEntry() : VisualSampleEntry(code("s263")) {}
 H263SampleEntry::~H263SampleEntry() = default;
-
-void H263SampleEntry::SetDimensions(unsigned int width, unsigned int height) {
-    visual_.width = static_cast<uint16_t>(width);
-    visual_.height = static_cast<uint16_t>(height);
-}
-
-void H263SampleEntry::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
-void H263SampleEntry::SetH263Specific(std::unique_ptr<H263SpecificBox> specific) {
-    specific_ = std::move(specific);
-}
-
-template <class F, class Self>
-void H263SampleEntry::fields(F& f, Self& self) {
-    SampleEntry::fields(f, self);
-    VisualLayout::fields(f, self.visual_);
-    f.child(self.specific_);
-}
 
 template <class F, class Self>
 void ESDInfo::fields(F& f, Self& self) {
@@ -212,28 +201,8 @@ void ESDBox::SetBitRates(uint32_t max, uint32_t average) {
     info_.average_bit_rate = average;
 }
 
-MP4VisualSampleEntry::MP4VisualSampleEntry() : Described(code("mp4v")) {}
+MP4VisualSampleEntry::MP4VisualSampleEntry() : VisualSampleEntry(code("mp4v")) {}
 MP4VisualSampleEntry::~MP4VisualSampleEntry() = default;
-
-void MP4VisualSampleEntry::SetDimensions(unsigned int width, unsigned int height) {
-    visual_.width = static_cast<uint16_t>(width);
-    visual_.height = static_cast<uint16_t>(height);
-}
-
-void MP4VisualSampleEntry::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
-void MP4VisualSampleEntry::SetESDBox(std::unique_ptr<ESDBox> esds) {
-    esds_ = std::move(esds);
-}
-
-template <class F, class Self>
-void MP4VisualSampleEntry::fields(F& f, Self& self) {
-    SampleEntry::fields(f, self);
-    VisualLayout::fields(f, self.visual_);
-    f.child(self.esds_);
-}
 
 template <class F, class Self>
 void ParameterSet::fields(F& f, Self& self) {
@@ -318,28 +287,8 @@ bool AVCCBox::AddPictureSet(std::span<const uint8_t> set) {
     return true;
 }
 
-H264SampleEntry::H264SampleEntry() : Described(code("avc1")) {}
+H264SampleEntry::H264SampleEntry() : VisualSampleEntry(code("avc1")) {}
 H264SampleEntry::~H264SampleEntry() = default;
-
-void H264SampleEntry::SetDimensions(unsigned int width, unsigned int height) {
-    visual_.width = static_cast<uint16_t>(width);
-    visual_.height = static_cast<uint16_t>(height);
-}
-
-void H264SampleEntry::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
-void H264SampleEntry::SetAVCCBox(std::unique_ptr<AVCCBox> avcc) {
-    avcc_ = std::move(avcc);
-}
-
-template <class F, class Self>
-void H264SampleEntry::fields(F& f, Self& self) {
-    SampleEntry::fields(f, self);
-    VisualLayout::fields(f, self.visual_);
-    f.child(self.avcc_);
-}
 
 namespace {
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "boxes/box_base.h"
@@ -162,6 +163,34 @@ struct VisualLayout {
     static void fields(F& f, Self& self);
 };
 
+// A visual sample entry: the layout above, then a configuration box that is read without a look at
+// what follows.
+template <class Derived, class Configuration>
+class VisualSampleEntry : public Described<Derived, SampleEntry, FixupableDims> {
+  public:
+    using Described<Derived, SampleEntry, FixupableDims>::Described;
+
+    void SetDimensions(unsigned int width, unsigned int height) override {
+        visual_.width = static_cast<uint16_t>(width);
+        visual_.height = static_cast<uint16_t>(height);
+    }
+    void GoToStart(Stream& io) override { this->seek_to_start(io); }
+
+    uint16_t GetWidth() const { return visual_.width; }
+    uint16_t GetHeight() const { return visual_.height; }
+
+    template <class F, class Self>
+    static void fields(F& f, Self& self);
+
+  protected:
+    Configuration* configuration() const { return configuration_.get(); }
+    void set_configuration(std::unique_ptr<Configuration> box) { configuration_ = std::move(box); }
+
+  private:
+    VisualLayout visual_;
+    std::unique_ptr<Configuration> configuration_;
+};
+
 // "d263" (3GPP TS 26.244)
 class H263SpecificBox : public Described<H263SpecificBox, Box> {
   public:
@@ -185,26 +214,16 @@ class H263SpecificBox : public Described<H263SpecificBox, Box> {
     uint8_t profile_ = 0;
 };
 
-// "s263". Its "d263" is read without a look at what follows.
-class H263SampleEntry : public Described<H263SampleEntry, SampleEntry, FixupableDims> {
+// "s263".
+class H263SampleEntry : public VisualSampleEntry<H263SampleEntry, H263SpecificBox> {
   public:
     H263SampleEntry();
     ~H263SampleEntry() override;
 
-    void SetDimensions(unsigned int width, unsigned int height) override;
-    void GoToStart(Stream& io) override;
-
-    uint16_t GetWidth() const { return visual_.width; }
-    uint16_t GetHeight() const { return visual_.height; }
-    H263SpecificBox* GetH263Specific() const { return specific_.get(); }
-    void SetH263Specific(std::unique_ptr<H263SpecificBox> specific);
-
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
-
-  private:
-    VisualLayout visual_;
-    std::unique_ptr<H263SpecificBox> specific_;
+    H263SpecificBox* GetH263Specific() const { return configuration(); }
+    void SetH263Specific(std::unique_ptr<H263SpecificBox> box) {
+        set_configuration(std::move(box));
+    }
 };
 
 // The length of a descriptor and in how many bytes it is written.
@@ -238,8 +257,8 @@ struct ESDInfo {
 
 // "esds". Optional fields that the ES descriptor's flags select are not supported.
 //
-// Read calls meet_foreign_codec (boxes/foreign_codec.h) when the object type indication is not that
-// of MPEG-4 Visual. The library's ends the process with exit status 1.
+// Read calls meet_foreign_codec (boxes/foreign_codec_hook.h) when the object type indication is not
+// that of MPEG-4 Visual. The library's ends the process with exit status 1.
 class ESDBox : public Described<ESDBox, FullBox> {
   public:
     ESDBox();
@@ -259,25 +278,13 @@ class ESDBox : public Described<ESDBox, FullBox> {
 
 // "mp4v". An entry without an "esds" right after its fields is thrown as an invalid size. Its Read
 // can end the process.
-class MP4VisualSampleEntry : public Described<MP4VisualSampleEntry, SampleEntry, FixupableDims> {
+class MP4VisualSampleEntry : public VisualSampleEntry<MP4VisualSampleEntry, ESDBox> {
   public:
     MP4VisualSampleEntry();
     ~MP4VisualSampleEntry() override;
 
-    void SetDimensions(unsigned int width, unsigned int height) override;
-    void GoToStart(Stream& io) override;
-
-    uint16_t GetWidth() const { return visual_.width; }
-    uint16_t GetHeight() const { return visual_.height; }
-    ESDBox* GetESDBox() const { return esds_.get(); }
-    void SetESDBox(std::unique_ptr<ESDBox> esds);
-
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
-
-  private:
-    VisualLayout visual_;
-    std::unique_ptr<ESDBox> esds_;
+    ESDBox* GetESDBox() const { return configuration(); }
+    void SetESDBox(std::unique_ptr<ESDBox> box) { set_configuration(std::move(box)); }
 };
 
 struct ParameterSet {
@@ -333,26 +340,14 @@ class AVCCBox : public Described<AVCCBox, FullBox> {
     std::vector<uint8_t> buffer_;
 };
 
-// "avc1". Its "avcC" is read without a look at what follows.
-class H264SampleEntry : public Described<H264SampleEntry, SampleEntry, FixupableDims> {
+// "avc1".
+class H264SampleEntry : public VisualSampleEntry<H264SampleEntry, AVCCBox> {
   public:
     H264SampleEntry();
     ~H264SampleEntry() override;
 
-    void SetDimensions(unsigned int width, unsigned int height) override;
-    void GoToStart(Stream& io) override;
-
-    uint16_t GetWidth() const { return visual_.width; }
-    uint16_t GetHeight() const { return visual_.height; }
-    AVCCBox* GetAVCCBox() const { return avcc_.get(); }
-    void SetAVCCBox(std::unique_ptr<AVCCBox> avcc);
-
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
-
-  private:
-    VisualLayout visual_;
-    std::unique_ptr<AVCCBox> avcc_;
+    AVCCBox* GetAVCCBox() const { return configuration(); }
+    void SetAVCCBox(std::unique_ptr<AVCCBox> box) { set_configuration(std::move(box)); }
 };
 
 // "stsd". Its Read can end the process (see ESDBox).

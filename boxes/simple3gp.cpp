@@ -2,15 +2,10 @@
 #include "boxes/simple3gp.h"
 
 #include "boxes/fields.h"
+#include "common/log_sources.h"
 #include "common/simple_exception.h"
 
 namespace Qvox3gp {
-namespace {
-
-constexpr const char* kSource = ".//boxes/simple3gp";
-
-}  // namespace
-
 Simple3gp::Simple3gp() = default;
 Simple3gp::~Simple3gp() = default;
 
@@ -40,7 +35,8 @@ Box& Simple3gp::new_child(uint32_t type) {
                        : type == code("moov") ? "MoovBox"
                        : type == code("ftyp") ? "FtypBox"
                                               : "UnknownBox";
-    kestrel::log_line(kestrel::kDebug, kestrel::at(kSource), "Simple3gp::Read() Creating %s", name);
+    kestrel::log_line(kestrel::kDebug, kestrel::at(kestrel::kFileSource),
+                      "Simple3gp::Read() Creating %s", name);
     return make_child(*this, kKinds, type);
 }
 

@@ -6,12 +6,12 @@
 #include <cinttypes>
 
 #include "common/bytes.h"
+#include "common/log_sources.h"
 #include "common/simple_exception.h"
 
 namespace Qvox3gp {
 namespace {
 
-constexpr const char* kSource = ".//boxes/stream_io";
 constexpr int32_t kCurrentPosition = -1;
 constexpr unsigned kMaxDescriptorBytes = 4;
 
@@ -19,7 +19,7 @@ constexpr unsigned kMaxDescriptorBytes = 4;
 void check(Stream& callbacks, uint32_t status, const char* slot) {
     const uint32_t result = classify(callbacks, status);
     if (result == KST_IO_OK) return;
-    const kestrel::LogSite site = kestrel::at(kSource);
+    const kestrel::LogSite site = kestrel::at(kestrel::kStreamSource);
     const SimpleException failure(
         site.file, site.line, "IO Callback %s() failed with status: %d.  IO Context: 0x%" PRIXPTR,
         slot, static_cast<int>(status), reinterpret_cast<uintptr_t>(callbacks->Context));
@@ -89,7 +89,8 @@ uint32_t GetFileSize(Stream& callbacks) {
     // The size query reports its failure under the name of another query; hosts know it so.
     check(callbacks, callbacks->GetStreamSize(callbacks->Context, &size), "Tell");
     macro_Seek(callbacks, position);
-    kestrel::log_line(kestrel::kDebug, kestrel::at(kSource), "File size is: %u bytes", size);
+    kestrel::log_line(kestrel::kDebug, kestrel::at(kestrel::kStreamSource),
+                      "File size is: %u bytes", size);
     return size;
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <vector>
 
 namespace kestrel {
 
@@ -46,6 +47,16 @@ inline void store_be16(uint8_t* p, uint16_t value) {
 inline void store_be32(uint8_t* p, uint32_t value) {
     if constexpr (std::endian::native == std::endian::little) value = __builtin_bswap32(value);
     std::memcpy(p, &value, sizeof value);
+}
+
+// Appends the low `width` bytes of a value, at most 8.
+inline void append_be(std::vector<uint8_t>& to, uint64_t value, unsigned width) {
+    while (width-- > 0)
+        to.push_back(static_cast<uint8_t>(value >> (8 * width)));
+}
+
+inline void append(std::vector<uint8_t>& to, std::span<const uint8_t> bytes) {
+    to.insert(to.end(), bytes.begin(), bytes.end());
 }
 
 // The big-endian value of a four-character code, for comparing types.

@@ -16,7 +16,7 @@ std::span<const uint8_t> sample_of(const void* in, int in_len) {
     return {static_cast<const uint8_t*>(in), in_len > 0 ? static_cast<size_t>(in_len) : 0};
 }
 
-void tell_cut(uint32_t flags, size_t remaining, const VideoFragment& fragment) {
+void report_cut(uint32_t flags, size_t remaining, const VideoFragment& fragment) {
     if (!(flags & native_verbose) || fragment.is_last()) return;
     std::fprintf(stderr, "Fragmenting payload: old_len=%d new_len=%d", static_cast<int>(remaining),
                  static_cast<int>(fragment.length));
@@ -75,7 +75,7 @@ int tel_video_packet(void* out, int out_size, void* in, int in_len, double durat
     if (!packets.begin(state->h263_src)) return -2;
     for (VideoPacket packet; !packets.at_end();) {
         if (!packets.next(packet)) return -1;
-        tell_cut(state->hdr.flags, sample.size() - packet.fragment.begin, packet.fragment);
+        report_cut(state->hdr.flags, sample.size() - packet.fragment.begin, packet.fragment);
         if (!put_packet(output, state, sample, packet)) return -1;
     }
     return output.written();
@@ -90,7 +90,7 @@ int orb_video_packet(void* out, int out_size, void* in, int in_len, double durat
     for (size_t at = 0; at < sample.size();) {
         const VideoFragment fragment =
             cut_at_start_code(sample, at, static_cast<size_t>(state->max_payload));
-        tell_cut(state->hdr.flags, sample.size() - at, fragment);
+        report_cut(state->hdr.flags, sample.size() - at, fragment);
         if (!output.fits(fragment.length + orb_header_size)) return -1;
         state->hdr.marker = fragment.is_last() ? 1 : 0;
         state->hdr.size = static_cast<uint32_t>(fragment.length);

@@ -298,10 +298,10 @@ Bytes jumping_file(Kind kind, uint8_t reference, uint32_t distance) {
 // A hint sample of one packet with as many constructors as it can have, of which one, if any, adds
 // a byte and the others name no sample.
 Bytes of_no_sample(bool one_byte) {
-    constexpr uint16_t kMost = 65535;
+    constexpr uint16_t kAll = 65535;
     const Bytes first = one_byte ? immediate("x", 1) : from_sample(2, 0, 10, 99, 0);
-    return join({hint_sample(1, {packet_entry(0x80 | 34, 1, kMost), first}),
-                 many(from_sample(2, 0, 10, 99, 0), kMost - 1)});
+    return join({hint_sample(1, {packet_entry(0x80 | 34, 1, kAll), first}),
+                 many(from_sample(2, 0, 10, 99, 0), kAll - 1)});
 }
 
 Bytes nested(const char* type, uint32_t depth) {

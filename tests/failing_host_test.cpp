@@ -4,7 +4,7 @@
 
 #include <iostream>
 
-#include "boxes/foreign_codec.h"
+#include "boxes/foreign_codec_hook.h"
 #include "common/simple_exception.h"
 #include "kestrel/log.h"
 #include "tests/support/playing.h"

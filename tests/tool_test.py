@@ -331,7 +331,7 @@ class ClassApi(ToolTest):
                 pictures = self.unpack(self.extract(name, "vr", "--api", "class"))
                 self.assertEqual(pictures, self.unpack(self.extract(name, "vr")))
 
-    def test_seeking_tells_where_it_begins(self):
+    def test_seeking_reports_where_it_begins(self):
         whole = self.extract("h263_hinted", "vr", "--api", "class")
         begins = [int.from_bytes(whole[8:12], "little")]
         headers = whole[:begins[0]]

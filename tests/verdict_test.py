@@ -435,7 +435,7 @@ class Check(ToolTest):
         self.assertEqual([v["reason"] for v in verdicts if v["medium"] == "video"],
                          ["plays", "ends-process"])
 
-    def test_what_cannot_be_read_is_told_and_the_rest_judged(self):
+    def test_what_cannot_be_read_is_reported_and_the_rest_judged(self):
         good = pathlib.Path(sample("amrnb_hinted")).read_bytes()
         self.write("in/a.3gp", good)
         self.write("in/locked/b.3gp", good)

@@ -67,7 +67,7 @@ void hint(const Options& options) {
     report.struct_size = sizeof report;
     const int result = kst_hint(kst_host_callbacks(host.get()), stream.table(), &how, &report);
     progress.clear();
-    stream.tell_failure();  // what the system said of a write
+    stream.rethrow_failure();  // what the system said of a write
     if (result != KST_HINT_DONE) refuse(options, result, report.error);
     stream.finish();
     if (report.left_out[0] != '\0') say(options.input + ": " + report.left_out);

@@ -126,7 +126,7 @@ void pack(const Options& options) {
     kst_pack_report report = {};
     report.struct_size = sizeof report;
     const int result = kst_packer_write(packer.get(), output.table(), &report);
-    output.tell_failure();  // what the system said of a write
+    output.rethrow_failure();  // what the system said of a write
     if (result != KST_PACK_DONE && result != KST_PACK_CUT) {
         refuse(options, inputs, result, report);
     }

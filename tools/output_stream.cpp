@@ -18,12 +18,12 @@ void OutputStream::take(std::span<const uint8_t> bytes) {
     output_->write(bytes);
 }
 
-void OutputStream::tell_failure() const {
+void OutputStream::rethrow_failure() const {
     if (failure_) std::rethrow_exception(failure_);
 }
 
 void OutputStream::finish() {
-    tell_failure();
+    rethrow_failure();
     if (output_) output_->finish();
 }
 

@@ -27,7 +27,7 @@ class OutputStream {
     void finish();
 
     // Throws the error that ended writing, if there is one.
-    void tell_failure() const;
+    void rethrow_failure() const;
 
   private:
     static OutputStream& self(void* context) { return *static_cast<OutputStream*>(context); }

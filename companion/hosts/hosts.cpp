@@ -146,9 +146,9 @@ class MemorySource final : public Source {
     // A player continues after its last read, or close to it: what lies there is prefetched
     // while the player is busy with what it has got. The more it read, the more it will.
     void fetch_ahead(uint32_t from, uint32_t count) {
-        constexpr uint32_t kMost = 4096;
+        constexpr uint32_t kMaxAhead = 4096;
         constexpr uint32_t kLine = 64;
-        const uint32_t ahead = std::min(kMost, std::min(count, kMost) * 4);
+        const uint32_t ahead = std::min(kMaxAhead, std::min(count, kMaxAhead) * 4);
         const uint64_t until = from + std::min(ahead, size_ - from);
         uint64_t at = fetched_ > from && fetched_ <= until ? fetched_ : from;
         for (; at < until; at += kLine)

@@ -93,17 +93,7 @@ Bytes whole_box(Source& source, const Box& box) {
 }
 
 void put(Bytes& bytes, std::size_t at, std::uint32_t value) {
-    for (std::size_t i = 0; i < 4; ++i)
-        bytes[at + i] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
-}
-
-void append(Bytes& to, const Bytes& more) {
-    to.insert(to.end(), more.begin(), more.end());
-}
-
-void append(Bytes& to, std::uint64_t value, unsigned count) {
-    while (count-- > 0)
-        to.push_back(static_cast<std::uint8_t>(value >> (8 * count)));
+    store_be32(&bytes[at], value);
 }
 
 }  // namespace kestrel::importer

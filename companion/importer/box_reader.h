@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/bytes.h"
 #include "companion/importer/movie.h"
 #include "companion/importer/source.h"
 
@@ -92,11 +93,8 @@ class BoxReader {
 // A whole box with a header of 8 bytes, whatever it has in the file; empty when the host fails.
 Bytes whole_box(Source& source, const Box& box);
 
-// Writing, big-endian: 32 bits over those at an offset; bytes, and the low `count` bytes of a
-// number at the end.
+// Writes 32 bits, big-endian, over those at an offset.
 void put(Bytes& bytes, std::size_t at, std::uint32_t value);
-void append(Bytes& to, const Bytes& more);
-void append(Bytes& to, std::uint64_t value, unsigned count);
 
 template <unsigned kCount>
 std::uint64_t BoxReader::number() {

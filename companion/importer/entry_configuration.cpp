@@ -46,10 +46,10 @@ Bytes esds_configuration(Source& source, const Box& esds) {
 
 Bytes configuration(Source& source, const SampleEntry& entry) {
     Bytes key;
-    append(key, entry.box.type, 4);
+    append_be(key, entry.box.type, 4);
     for (const std::uint32_t value : {std::uint32_t{entry.width}, std::uint32_t{entry.height},
                                       entry.channels, entry.sample_bits, entry.sample_rate}) {
-        append(key, value, 4);
+        append_be(key, value, 4);
     }
     const auto add = [&](const Box& child) {
         if (child.type == fourcc("esds")) {

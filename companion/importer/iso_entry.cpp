@@ -50,16 +50,16 @@ Bytes iso_sound_children(Source& source, const SampleEntry& entry) {
 // An AudioSampleEntry (ISO/IEC 14496-12, 12.2.3).
 Bytes iso_sound_entry(Source& source, const SampleEntry& entry) {
     Bytes body(6);
-    append(body, entry.data_reference, 2);
-    append(body, 0, 8);
-    append(body, std::min(entry.channels, std::uint32_t{UINT16_MAX}), 2);
-    append(body, 16, 2);  // bits of a sample
-    append(body, 0, 4);
-    append(body, entry.sample_rate, 4);
+    append_be(body, entry.data_reference, 2);
+    append_be(body, 0, 8);
+    append_be(body, std::min(entry.channels, std::uint32_t{UINT16_MAX}), 2);
+    append_be(body, 16, 2);  // bits of a sample
+    append_be(body, 0, 4);
+    append_be(body, entry.sample_rate, 4);
     append(body, iso_sound_children(source, entry));
     Bytes box;
-    append(box, body.size() + 8, 4);
-    append(box, entry.box.type, 4);
+    append_be(box, body.size() + 8, 4);
+    append_be(box, entry.box.type, 4);
     append(box, body);
     return box;
 }
@@ -69,9 +69,9 @@ Bytes iso_h263_entry(Source& source, const SampleEntry& entry) {
     Bytes box = whole_box(source, entry.box);
     if (box.empty()) return box;  // the host failed
     constexpr std::uint8_t kLevel = 10, kProfile = 0;
-    append(box, 15, 4);
-    append(box, fourcc("d263"), 4);
-    append(box, 0, 5);  // vendor, decoder version
+    append_be(box, 15, 4);
+    append_be(box, fourcc("d263"), 4);
+    append_be(box, 0, 5);  // vendor, decoder version
     box.insert(box.end(), {kLevel, kProfile});
     put(box, 0, static_cast<std::uint32_t>(box.size()));
     put(box, 4, kIsoH263);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "boxes/foreign_codec.h"
+#include "boxes/foreign_codec_hook.h"
 
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"

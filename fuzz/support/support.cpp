@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "boxes/foreign_codec.h"
+#include "boxes/foreign_codec_hook.h"
 #include "common/simple_exception.h"
 
 // In place of the process exit.

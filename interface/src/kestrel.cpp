@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "common/log_sources.h"
 #include "interface/src/isoff/record/private.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/kstutil.h"
@@ -14,7 +15,6 @@ using namespace kestrel;
 
 namespace {
 
-constexpr const char* kSource = ".//interface/src/kestrel";  // that log lines carry
 constexpr uint32_t kDefaultOpenSize = 20480;
 constexpr int32_t kLastStatus = 24;  // the end mark of the table
 
@@ -147,5 +147,5 @@ const char* kst_StatusString(int32_t code) {
 }
 
 void kstutil_printData(const unsigned char* data, int size) {
-    printInfo(kSource, data, size);
+    printInfo(kApiSource, data, size);
 }

@@ -37,10 +37,8 @@ uint32_t append_prefixed_sets(ByteReader& reader, int width, std::vector<uint8_t
     visit_sets(reader, [&](std::span<const uint8_t> set) {
         if (width == 1 && set.size() > 0xFF) fits = false;
         ++count;
-        for (int i = width - 1; i >= 0; --i) {
-            to.push_back(static_cast<uint8_t>(i < 2 ? set.size() >> (8 * i) : 0));
-        }
-        to.insert(to.end(), set.begin(), set.end());
+        append_be(to, set.size(), static_cast<unsigned>(std::max(width, 0)));
+        append(to, set);
     });
     return count;
 }
@@ -79,9 +77,8 @@ ParameterSets cut_units(std::span<const uint8_t> in) {
 
 void append_sets(std::vector<uint8_t>& to, std::span<const NalUnit> sets) {
     for (const NalUnit& set : sets) {
-        to.push_back(static_cast<uint8_t>(set.size() >> 8));
-        to.push_back(static_cast<uint8_t>(set.size()));
-        to.insert(to.end(), set.begin(), set.end());
+        append_be(to, set.size(), 2);
+        append(to, set);
     }
 }
 

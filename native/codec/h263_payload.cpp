@@ -22,7 +22,7 @@ class BitPacker {
     size_t position_ = 0;
 };
 
-unsigned bits_behind(unsigned end_bit) {
+unsigned bits_after(unsigned end_bit) {
     return (8 - end_bit) & 7;
 }
 
@@ -37,7 +37,7 @@ PayloadHeader rfc2190_mode_a(uint32_t source_format, uint32_t coding_type, unsig
     BitPacker fields(header);
     fields.put(2, 0);  // F, P
     fields.put(3, 0);  // SBIT
-    fields.put(3, bits_behind(end_bit));
+    fields.put(3, bits_after(end_bit));
     fields.put(3, source_format);
     fields.put(1, coding_type);
     fields.put(20, 0);  // U, S, A, reserved, DBQ, TRB, TR
@@ -52,7 +52,7 @@ PayloadHeader put_rfc2190_B(const nch_picture& picture, const VideoFragment& fra
     fields.put(1, 1);  // F
     fields.put(1, 0);  // P
     fields.put(3, fragment.start_bit);
-    fields.put(3, bits_behind(fragment.end_bit));
+    fields.put(3, bits_after(fragment.end_bit));
     fields.put(3, picture.source_format);
     fields.put(5, first.quantiser);
     fields.put(5, first.gob_number);

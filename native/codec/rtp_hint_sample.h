@@ -7,7 +7,9 @@
 #ifndef KESTREL_CODEC_RTP_HINT_SAMPLE_H
 #define KESTREL_CODEC_RTP_HINT_SAMPLE_H
 
+#include <algorithm>
 #include <cstdint>
+#include <span>
 
 #include "common/bytes.h"
 
@@ -41,8 +43,8 @@ struct SampleConstructor {
     uint16_t length;
     uint32_t sample_number;  // from 1
     uint32_t sample_offset;
-    uint16_t bytes_per_block;
-    uint16_t samples_per_block;
+    uint16_t bytes_per_block = 1;
+    uint16_t samples_per_block = 1;
 };
 
 // From the kConstructorSize bytes of a sample or sample description constructor.
@@ -53,6 +55,14 @@ constexpr SampleConstructor load_sample_constructor(const uint8_t* raw) {
             load_be32(raw + 8),
             load_be16(raw + 12),
             load_be16(raw + 14)};
+}
+
+// Into kConstructorSize bytes, of which the rest is zero. `data` are at most kMaxImmediate bytes.
+inline void store_immediate_constructor(uint8_t* raw, std::span<const uint8_t> data) {
+    raw[0] = kImmediateConstructor;
+    raw[1] = static_cast<uint8_t>(data.size());
+    const auto end = std::copy(data.begin(), data.end(), raw + 2);
+    std::fill(end, raw + kConstructorSize, uint8_t{0});
 }
 
 // Into kConstructorSize bytes.

@@ -5,13 +5,12 @@
 #include <new>
 
 #include "common/bytes.h"
+#include "common/log_sources.h"
 #include "common/simple_exception.h"
 
 using namespace kestrel;
 
 namespace {
-
-constexpr const char* kSource = ".//propfile/src/propfile_base";
 
 unsigned bit(uint16_t value, uint16_t mask) {
     return (value & mask) != 0 ? 1 : 0;
@@ -39,7 +38,7 @@ void kestrel::trace_hint_sample(const char* format, ...) noexcept {
     va_list arguments;
     va_start(arguments, format);
     try {
-        SimpleException::from_arguments(kSource, 0, format, arguments).LogPlain("");
+        SimpleException::from_arguments(kWriterSource, 0, format, arguments).LogPlain("");
     } catch (const std::bad_alloc&) {
     }
     va_end(arguments);

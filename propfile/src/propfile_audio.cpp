@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "common/clock.h"
+#include "common/log_sources.h"
 #include "kestrel/native_records.h"
 #include "native/codec/amr_format.h"
 
@@ -13,7 +14,6 @@ using namespace kestrel;
 
 namespace {
 
-constexpr const char* kSource = ".//propfile/src/propfile_audio";
 constexpr uint32_t kBufferBytes = 1568;
 constexpr uint32_t kHeaderLength = sizeof(PROP_Header_Info) + sizeof(AUD_Codec_Header) +
                                    sizeof(AUD_Header_IndxInfo) + sizeof(VID_FileInfo);
@@ -51,7 +51,7 @@ uint32_t GetAMRBitsPerSample(uint32_t) {
     return 0;
 }
 
-PropFileAudio::PropFileAudio(MediaSource media) : PropFile(std::move(media), kSource) {}
+PropFileAudio::PropFileAudio(MediaSource media) : PropFile(std::move(media), kAudioWriterSource) {}
 
 PropFileAudio::~PropFileAudio() = default;
 
@@ -66,7 +66,7 @@ void PropFileAudio::FillOffsetTable() {
 }
 
 void PropFileAudio::AllocBuffers() {
-    log_line(kDebug, at(kSource), "Allocating %d bytes for audio frame", kBufferBytes);
+    log_line(kDebug, at(kAudioWriterSource), "Allocating %d bytes for audio frame", kBufferBytes);
     AllocateFrame(kBufferBytes, kBufferBytes, "Audio");
 }
 
@@ -111,11 +111,12 @@ void PropFileAudio::BuildFrame(const unsigned char* hint, double time) {
     const uint32_t length_word = 0;
     Append(&length_word, sizeof length_word);
     for (unsigned int i = 1; i <= sample.packetcount; ++i) {
-        log_line(kVerbose, at(kSource), "---Packet %d---\n", i);
+        log_line(kVerbose, at(kAudioWriterSource), "---Packet %d---\n", i);
         length += ProcessPacket(&cursor, time);
     }
     Patch(m_uFrameHeader, &length, sizeof length);
-    log_line(kVerbose, at(kSource), "Parsed %d bytes from the hint track.  Audio Framesize: %d\n",
+    log_line(kVerbose, at(kAudioWriterSource),
+             "Parsed %d bytes from the hint track.  Audio Framesize: %d\n",
              static_cast<int>(cursor - hint), length);
 }
 
@@ -134,7 +135,7 @@ unsigned int PropFileAudio::ProcessPacket(const unsigned char** cursor, double t
     }();
     const uint16_t flag = SpeechStarts(payload, bytes);
     Patch(m_uFrameHeader + offsetof(AUD_AudFrame_Native, flag), &flag, sizeof flag);
-    log_line(kVerbose, at(kSource), "Packet contains %d bytes", bytes);
+    log_line(kVerbose, at(kAudioWriterSource), "Packet contains %d bytes", bytes);
     return bytes;
 }
 

@@ -6,12 +6,12 @@
 #include <new>
 
 #include "common/clock.h"
+#include "common/log_sources.h"
 
 using namespace kestrel;
 
 namespace {
 
-constexpr const char* kSource = ".//propfile/src/propfile_base";
 constexpr uint32_t kTypeByte = 1;
 
 }  // namespace
@@ -158,16 +158,16 @@ unsigned char* PropFile::GetBuffer(unsigned int* n) {
 
 void PropFile::OffsetBytes(unsigned int n) {
     if (n > ByteCount()) {
-        throw SimpleException(kSource, __LINE__,
+        throw SimpleException(kWriterSource, __LINE__,
                               "Invalid offset - %d bytes requested, %d available", n, ByteCount());
     }
     m_uOffset += n;
-    log_line(kVerbose, at(kSource), "Set offset to %d", m_uOffset);
+    log_line(kVerbose, at(kWriterSource), "Set offset to %d", m_uOffset);
 }
 
 unsigned int PropFile::GetPadding(unsigned int n) {
     const unsigned int padding = (n + 3) / 4 * 4 - n;
-    log_line(kVerbose, at(kSource), "Padding size: %d", padding);
+    log_line(kVerbose, at(kWriterSource), "Padding size: %d", padding);
     return padding;
 }
 

@@ -5,13 +5,13 @@
 #include <cmath>
 
 #include "common/clock.h"
+#include "common/log_sources.h"
 #include "kestrel/native.h"
 
 using namespace kestrel;
 
 namespace {
 
-constexpr const char* kSource = ".//propfile/src/propfile_video";
 constexpr double kClockPerMs = 90.0;  // 90 kHz
 // The tables declare how large the buffer should be, but are trusted only so far; it grows with
 // what really comes. No picture of the formats that 3GP files carry comes near the limit.
@@ -22,7 +22,7 @@ constexpr uint32_t kMaxFrameBytes = 16 << 20;
 }  // namespace
 
 PropFileVideo::PropFileVideo(MediaSource media, const VideoFormat& format)
-    : PropFile(std::move(media), kSource), m_Format(format) {}
+    : PropFile(std::move(media), kVideoWriterSource), m_Format(format) {}
 
 PropFileVideo::~PropFileVideo() = default;
 
@@ -33,7 +33,7 @@ void PropFileVideo::FillOffsetTable() {
 }
 
 void PropFileVideo::AllocBuffers() {
-    log_line(kDebug, at(kSource), "Allocating %d bytes for video frame", m_uFirstSize);
+    log_line(kDebug, at(kVideoWriterSource), "Allocating %d bytes for video frame", m_uFirstSize);
     AllocateFrame(m_uFirstSize, kMaxFrameBytes, "Video");
 }
 
@@ -75,14 +75,15 @@ void PropFileVideo::BuildFrame(const unsigned char* hint, double time) {
     Put(VID_Frame_Record{});
     Put(kFrameWords);
     for (unsigned int i = 1; i <= sample.packetcount; ++i) {
-        log_line(kVerbose, at(kSource), "---Packet %d---\n", i);
+        log_line(kVerbose, at(kVideoWriterSource), "---Packet %d---\n", i);
         ProcessPacket(&cursor, time);
     }
     const VID_Frame_Record record = frame_record(fill() - m_uPackets, sample.packetcount);
     Patch(m_uFrameRecord, &record, sizeof record);
     static constexpr uint8_t kZeros[4] = {};
     Append(kZeros, record.padding);
-    log_line(kVerbose, at(kSource), "Parsed %d bytes from the hint track.  Video Framesize: %d\n",
+    log_line(kVerbose, at(kVideoWriterSource),
+             "Parsed %d bytes from the hint track.  Video Framesize: %d\n",
              static_cast<int>(cursor - hint), record.total_length);
 }
 
@@ -100,7 +101,7 @@ unsigned int PropFileVideo::ProcessPacket(const unsigned char** cursor, double t
     uint8_t raw[tel_header_size];
     tel_put_header(raw, &header, packet.payload_type());
     Patch(start, raw, sizeof raw);
-    log_line(kVerbose, at(kSource), "Packet contains %d bytes", bytes);
+    log_line(kVerbose, at(kVideoWriterSource), "Packet contains %d bytes", bytes);
     return bytes;
 }
 

@@ -3,13 +3,12 @@
 #ifndef KESTREL_INTERFACE_C3GPINTERFACE_H
 #define KESTREL_INTERFACE_C3GPINTERFACE_H
 
+#include "common/log_sources.h"
 #include "common/simple_exception.h"
 #include "kestrel/c3gpinterface.h"
 #include "propfile/src/media_source.h"
 
 namespace kestrel {
-
-inline constexpr const char* kDriverSource = ".//interface/src/c3gpinterface";
 
 enum DriverMedium : unsigned int { kNoMedium = 0, kAudio = 1, kVideo = 16 };
 enum DriverDirection : unsigned int { kNoDirection = 0, kRead = 1 };

@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "boxes/foreign_codec.h"
+#include "boxes/foreign_codec_hook.h"
 
 namespace Qvox3gp {
 

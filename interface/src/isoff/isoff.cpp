@@ -25,7 +25,7 @@ constexpr double kInterleaveSpan = 1.0;
 constexpr const char* kWriterMajorBrand = "3gp6";
 constexpr const char* kWriterCompatibleBrands = "3gp5 3gp4";
 
-void tell(int* error, int code) {
+void report(int* error, int code) {
     if (error != nullptr) *error = code;
 }
 
@@ -93,12 +93,12 @@ iso_file* kestrel::open_quietly(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream) {
 iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* mode, int* error) {
     const char first = mode == nullptr ? '\0' : mode[0];
     if (first != 'r' && first != 'w') {
-        tell(error, -1);
+        report(error, -1);
         return nullptr;
     }
     iso_file* file = new_record(stream);
     if (file == nullptr) {
-        tell(error, -2);
+        report(error, -2);
         return nullptr;
     }
     read_header(file);
@@ -108,7 +108,7 @@ iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* m
     file = new_record(stream);
     if (file == nullptr || !begin_writing(file)) {
         if (file != nullptr) release(file);
-        tell(error, -2);
+        report(error, -2);
         return nullptr;
     }
     file->own->direct_write = mode[1] == 'd' ? 1 : 0;

@@ -3,6 +3,7 @@
 
 #include <cctype>
 
+#include "common/log_sources.h"
 #include "common/simple_exception.h"
 #include "interface/src/isoff/record/private.h"
 #include "kestrel/kstutil.h"

@@ -8,9 +8,6 @@
 
 namespace kestrel {
 
-// The source path that the layer's log lines carry.
-inline constexpr const char* kMmfiSource = ".//interface/src/mmfiInterface";
-
 // The largest RTP packets that are taken from a hint track, in bytes.
 inline constexpr int kMaxPacketBytes = 1400;
 

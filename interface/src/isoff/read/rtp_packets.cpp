@@ -3,6 +3,7 @@
 
 #include "common/bytes.h"
 #include "common/clock.h"
+#include "common/log_sources.h"
 #include "common/simple_exception.h"
 #include "interface/src/isoff/read/rtp_packets.h"
 #include "interface/src/isoff/read/sample_index.h"

@@ -43,10 +43,10 @@ iso_track* begin_table(BoxReader& box, TableBit bit, const char* refusal, int& r
 template <typename Entry>
 Entry* take_entries(BoxReader& box, uint32_t stored, int32_t& count) {
     count = 0;
-    const uint32_t told = box.u32();
-    if (told > INT_MAX || told > box.left() / stored) return nullptr;
-    auto* entries = arena_array<Entry>(box.file(), told);
-    if (entries != nullptr) count = static_cast<int32_t>(told);
+    const uint32_t declared = box.u32();
+    if (declared > INT_MAX || declared > box.left() / stored) return nullptr;
+    auto* entries = arena_array<Entry>(box.file(), declared);
+    if (entries != nullptr) count = static_cast<int32_t>(declared);
     return entries;
 }
 
@@ -60,9 +60,9 @@ Entry* read_entries(BoxReader& box, int32_t& count) {
     return entries;
 }
 
-// Samples that a time table speaks of.
+// Samples that a time table declares.
 template <typename Entry>
-uint64_t samples_told(const Entry* entries, int32_t count) {
+uint64_t declared_samples(const Entry* entries, int32_t count) {
     uint64_t sum = 0;
     for (int32_t i = 0; i < count; ++i)
         sum += entries[i].count;
@@ -76,11 +76,11 @@ uint32_t chunk_end(uint32_t start, uint64_t bytes) {
 
 bool times_agree(const iso_track* track) {
     const auto samples = static_cast<uint64_t>(track->sample_count);
-    if (samples_told(track->stts, track->stts_count) < samples) {
+    if (declared_samples(track->stts, track->stts_count) < samples) {
         remark(track->file, "invalid stts\n");
         return false;
     }
-    const uint64_t composed = samples_told(track->ctts, track->ctts_count);
+    const uint64_t composed = declared_samples(track->ctts, track->ctts_count);
     if (composed >= 1 && composed < samples) {
         remark(track->file, "invalid ctts %d\n", static_cast<int>(composed));
         return false;

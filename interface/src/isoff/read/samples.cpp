@@ -175,10 +175,10 @@ namespace {
 // The last checkpoint that is not after `sample`.
 const Checkpoint& checkpoint_before(const iso_track* track, int32_t sample) {
     const Checkpoint* first = track->own->index->checkpoints;
-    const Checkpoint* behind =
+    const Checkpoint* after =
         std::upper_bound(first + 1, first + track->own->index->checkpoint_count, sample,
                          [](int32_t wanted, const Checkpoint& at) { return wanted < at.sample; });
-    return *(behind - 1);
+    return *(after - 1);
 }
 
 void stand_at(iso_track* track, const Checkpoint& at) {

@@ -10,9 +10,6 @@
 
 namespace kestrel {
 
-// The source path that the reader's log lines carry.
-inline constexpr const char* kIsoffSource = "isoff";
-
 // Prints a short line about the file on the standard error stream. After kMaxRemarks lines about
 // one file it prints that further ones are left out, and then nothing.
 inline constexpr uint32_t kMaxRemarks = 100;

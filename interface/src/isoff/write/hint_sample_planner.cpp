@@ -108,76 +108,48 @@ size_t frames_that_fit(std::span<const SpeechFrame> frames, size_t max_packet) {
 
 // --- the hint sample ---
 
-class ByteWriter {
-  public:
-    explicit ByteWriter(std::vector<uint8_t>& bytes) : bytes_(bytes) {}
-
-    void u8(uint32_t value) { bytes_.push_back(static_cast<uint8_t>(value)); }
-    void u16(uint32_t value) {
-        u8(value >> 8);
-        u8(value);
-    }
-    void u32(uint32_t value) {
-        u16(value >> 16);
-        u16(value);
-    }
-    void bytes(std::span<const uint8_t> more) {
-        bytes_.insert(bytes_.end(), more.begin(), more.end());
-    }
-    void zeros(size_t count) { bytes_.resize(bytes_.size() + count); }
-
-  private:
-    std::vector<uint8_t>& bytes_;
-};
-
-constexpr size_t kMaxImmediate = 14;  // bytes in an immediate constructor
-
 size_t constructors_of(const HintPacket& packet) {
     return packet.ranges.size() + (packet.own.size() + kMaxImmediate - 1) / kMaxImmediate;
 }
 
-void put_immediate(ByteWriter& out, std::span<const uint8_t> bytes) {
-    constexpr uint8_t kImmediate = 1;
+uint8_t* add_constructor(std::vector<uint8_t>& out) {
+    out.resize(out.size() + kConstructorSize);
+    return &out[out.size() - kConstructorSize];
+}
+
+void put_immediate(std::vector<uint8_t>& out, std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
-        const auto piece = bytes.first(std::min(bytes.size(), kMaxImmediate));
-        out.u8(kImmediate);
-        out.u8(static_cast<uint32_t>(piece.size()));
-        out.bytes(piece);
-        out.zeros(kMaxImmediate - piece.size());
+        const auto piece = bytes.first(std::min<size_t>(bytes.size(), kMaxImmediate));
+        store_immediate_constructor(add_constructor(out), piece);
         bytes = bytes.subspan(piece.size());
     }
 }
 
-void put_range(ByteWriter& out, const SampleRange& range, uint32_t media_sample) {
-    constexpr uint8_t kFromSample = 2, kHintedTrack = 0;
-    out.u8(kFromSample);
-    out.u8(kHintedTrack);
-    out.u16(range.length);
-    out.u32(media_sample);
-    out.u32(range.offset);
-    out.u16(1);  // bytes per block
-    out.u16(1);  // samples per block
+void put_range(std::vector<uint8_t>& out, const SampleRange& range, uint32_t media_sample) {
+    store_sample_constructor(
+        add_constructor(out),
+        {kHintedTrack, static_cast<uint16_t>(range.length), media_sample, range.offset});
 }
 
 // The extra information that moves a packet's timestamp (9.1.3.1, "rtpo").
-void put_time_offset(ByteWriter& out, uint32_t offset) {
+void put_time_offset(std::vector<uint8_t>& out, uint32_t offset) {
     constexpr uint32_t kBox = 12, kAll = 4 + kBox;
-    out.u32(kAll);
-    out.u32(kBox);
-    out.u32(fourcc("rtpo"));
-    out.u32(offset);
+    append_be(out, kAll, 4);
+    append_be(out, kBox, 4);
+    append_be(out, fourcc("rtpo"), 4);
+    append_be(out, offset, 4);
 }
 
-void put_packet(ByteWriter& out, const HintPacket& packet, const HintSampleFacts& facts,
+void put_packet(std::vector<uint8_t>& out, const HintPacket& packet, const HintSampleFacts& facts,
                 uint16_t sequence) {
-    constexpr uint8_t kVersion2 = 0x80, kMarker = 0x80, kExtraInformation = 4;
-    out.u32(0);  // sent when the sample's time has come
-    out.u8(kVersion2);
-    out.u8((packet.marker ? kMarker : 0U) | facts.payload_type);
-    out.u16(sequence);
-    out.u8(0);
-    out.u8(packet.time_offset != 0 ? kExtraInformation : 0);
-    out.u16(static_cast<uint32_t>(constructors_of(packet)));
+    constexpr uint8_t kVersion2 = 0x80, kMarker = 0x80;
+    append_be(out, 0, 4);  // sent when the sample's time has come
+    append_be(out, kVersion2, 1);
+    append_be(out, (packet.marker ? kMarker : 0U) | facts.payload_type, 1);
+    append_be(out, sequence, 2);
+    append_be(out, 0, 1);
+    append_be(out, packet.time_offset != 0 ? kExtraInformation : 0, 1);
+    append_be(out, constructors_of(packet), 2);
     if (packet.time_offset != 0) put_time_offset(out, static_cast<uint32_t>(packet.time_offset));
     put_immediate(out, packet.own);
     for (const SampleRange& range : packet.ranges)
@@ -248,14 +220,13 @@ bool make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts,
                       std::vector<uint8_t>& sample) {
     sample.clear();
     if (packets.size() > kMaxPackets) return false;
-    ByteWriter out(sample);
-    out.u16(static_cast<uint32_t>(packets.size()));
-    out.u16(0);
+    append_be(sample, packets.size(), 2);
+    append_be(sample, 0, 2);
     uint16_t sequence = facts.sequence;
     for (size_t i = 0; i < packets.size(); ++i) {
         const HintPacket packet = packets[i];
         if (constructors_of(packet) > UINT16_MAX) return false;
-        put_packet(out, packet, facts, sequence++);
+        put_packet(sample, packet, facts, sequence++);
     }
     return true;
 }

@@ -8,11 +8,10 @@
 #include <span>
 #include <vector>
 
+#include "native/codec/rtp_hint_sample.h"
 #include "native/codec/video_packets.h"
 
 namespace kestrel {
-
-inline constexpr size_t kRtpHeaderSize = 12;  // RFC 3550, 5.1
 
 // Bytes of a media sample.
 struct SampleRange {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What becomes of reading an "mp4v" entry of a codec other than MPEG-4 Visual.
-#ifndef KESTREL_BOXES_FOREIGN_CODEC_H
-#define KESTREL_BOXES_FOREIGN_CODEC_H
+#ifndef KESTREL_BOXES_FOREIGN_CODEC_HOOK_H
+#define KESTREL_BOXES_FOREIGN_CODEC_HOOK_H
 
 namespace Qvox3gp {
 
