@@ -511,7 +511,7 @@ class LongFile {
     uint64_t size() const { return size_; }
 
   private:
-    static constexpr uint64_t kKept = 1 << 20;
+    static constexpr size_t kKept = 1 << 20;
 
     static LongFile& of(void* context) { return *static_cast<LongFile*>(context); }
     static uint32_t offset(void* context, uint32_t* at) {
@@ -546,9 +546,11 @@ class LongFile {
     static uint32_t write(void* context, const void* data, uint32_t count, int32_t) {
         LongFile& file = of(context);
         const auto* bytes = static_cast<const uint8_t*>(data);
-        for (uint64_t i = 0; i < count && file.position_ + i < kKept; ++i) {
-            if (file.head_.size() <= file.position_ + i) file.head_.resize(file.position_ + i + 1);
-            file.head_[file.position_ + i] = bytes[i];
+        const size_t at = file.position_;
+        const size_t kept = at < kKept ? std::min<size_t>(count, kKept - at) : 0;
+        if (kept > 0) {
+            file.head_.resize(std::max(file.head_.size(), at + kept));
+            std::copy_n(bytes, kept, &file.head_[at]);
         }
         file.position_ += count;
         file.size_ = std::max<uint64_t>(file.size_, file.position_);
