@@ -9,6 +9,7 @@
 
 #include "kestrel/version.h"
 #include "tests/support/playing.h"
+#include "tests/support/syslog_capture.h"
 
 // The tables in kestrel/stream.h are true: which API calls which slot, and what it reports when a
 // slot does not serve it.
@@ -211,6 +212,53 @@ TEST(StreamContract, FirstVideoFrameThatIsMissingIsAFailureWithoutBytes) {
     EXPECT_EQ(read.stream.size(), 24u);
     EXPECT_THAT(read.failures, testing::Each(KST_FAILURE));
     kst_Close(&handle);
+}
+
+// As kestrel/kestrel.h and c3gpinterface.h say: a line for each try to open, none for not-yet.
+TEST(StreamContract, LogOfAFileThatArrives) {
+    constexpr size_t kLastBox =
+        75;  // after the media: the class API opens when its header is there
+    Bytes file = read_sample("av_h263_amrnb_hinted.3gp");
+    file.resize(file.size() - kLastBox);
+    for (const Api api : {Api::kFunction, Api::kClass}) {
+        kst_host* host = kst_host_from_growing_memory(file.data(), file.size(), 700);
+        const SyslogCapture log(3);
+        size_t tries = 0;
+        mm_Interface* handle = nullptr;
+        C3gpInterface player;
+        const auto open = [&] {
+            return api == Api::kFunction
+                       ? kst_Open(&handle, kst_host_callbacks(host), "ar")
+                       : static_cast<int32_t>(player.Open(kst_host_callbacks(host), "ar"));
+        };
+        while (open() != KST_SUCCESS) {
+            ASSERT_EQ(kst_host_is_complete(host), 0);
+            kst_host_wait(host);
+            kst_host_rewind(host);
+            ++tries;
+        }
+        EXPECT_GT(tries, 2u);
+        EXPECT_EQ(log.lines().size(), tries);
+        const ReadCall read =
+            api == Api::kFunction ? read_call(handle, true) : read_call(player, true);
+        Bytes buffer(KST_LARGEST_CHUNK);
+        int32_t status = KST_SUCCESS;
+        int waits = 0;
+        while (status == KST_SUCCESS || status == KST_NOT_YET) {
+            auto size = static_cast<uint32_t>(buffer.size());
+            status = read(buffer.data(), &size);
+            if (status == KST_NOT_YET) {
+                kst_host_wait(host);
+                ++waits;
+            }
+        }
+        EXPECT_EQ(status, KST_END_OF_FILE);
+        EXPECT_GT(waits, 2);
+        EXPECT_EQ(log.lines().size(), tries);
+        kst_Close(&handle);
+        player.Close();
+        kst_host_close(host);
+    }
 }
 
 TEST(StreamContract, ReadyHostRemembersThatItFailed) {

@@ -450,7 +450,8 @@ class ForeignTexts(ToolTest):
     EVIL = [b"\x1b[2J", b"\xc2\x9b1m", b"\r\n\x9b\x7f", b"\xe2\x80\xae<"]
     NAME = "\x1b]0;x\x07\u202e\u009b\udc9b\n.3gp"
     COMMANDS = [("info",), ("info", "--json"), ("boxes",), ("boxes", "--json"), ("packets",),
-                ("packets", "--track", "9"), ("check",), ("hint", "-o", "out"),
+                ("packets", "--track", "9"), ("packets", "--json"), ("boxes", "--path", "moov"),
+                ("check",), ("check", "--json"), ("check", "--quick"), ("hint", "-o", "out"),
                 ("report", "-o", "page"), ("extract", "ar", "--verbose", "-o", "out"),
                 ("extract", "vr", "--api", "class", "-o", "out"), ("inspect",), ("unpack", "-o", "out")]
 

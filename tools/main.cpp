@@ -37,6 +37,8 @@ int run(int argc, char** argv) {
     for (CLI::App* command : app.get_subcommands({})) {
         command->add_flag_callback("--verbose", tool::show_remarks,
                                    "Print the library's own lines on the file");
+        command->add_flag_callback("--quiet", tool::Progress::silence,
+                                   "Show no progress on a terminal");
     }
     app.footer("'kestrel help COMMAND' explains a command, 'kestrel version' shows the version.\n" +
                exit_status);

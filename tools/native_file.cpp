@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/native_file.h"
 
+#include <unistd.h>
+
 namespace tool {
 
 using kestrel::stream::Damage;
@@ -22,7 +24,10 @@ std::optional<Damage> damage_in(Step step) {
 WalkedFile walk_file(const std::string& path, kestrel::stream::RecordSink& sink) {
     WalkedFile walked;
     kestrel::stream::NativeWalk walk(sink);
+    std::optional<Progress> progress;
+    if (isatty(STDOUT_FILENO) == 0) progress.emplace();  // else records are shown there
     read_pieces(path, [&](auto piece) {
+        if (progress) progress->show_bytes_read(walked.bytes);
         walked.bytes += piece.size();
         if (!walked.damage) walked.damage = damage_in([&] { walk.feed(piece); });
     });

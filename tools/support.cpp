@@ -198,8 +198,18 @@ double megabytes(uint64_t bytes) {
 
 }  // namespace
 
+namespace {
+
+bool is_silent = false;
+
+}  // namespace
+
+void Progress::silence() {
+    is_silent = true;
+}
+
 Progress::Progress()
-    : on_terminal_(isatty(STDERR_FILENO) != 0), next_(Clock::now() + kFirstShown) {}
+    : on_terminal_(!is_silent && isatty(STDERR_FILENO) != 0), next_(Clock::now() + kFirstShown) {}
 
 Progress::~Progress() {
     clear();
@@ -221,6 +231,12 @@ void Progress::show(const kst_host* host, uint64_t written) {
     std::fprintf(error_stream(), "\r%.1f of %.1f MB read, %.1f MB written\033[K",
                  megabytes(kst_host_bytes_used(host)), megabytes(kst_host_bytes_available(host)),
                  megabytes(written));
+    std::fflush(error_stream());
+}
+
+void Progress::show_bytes_read(uint64_t bytes) {
+    if (!is_due()) return;
+    std::fprintf(error_stream(), "\r%.1f MB read\033[K", megabytes(bytes));
     std::fflush(error_stream());
 }
 

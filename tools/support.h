@@ -138,7 +138,11 @@ class Progress {
     Progress& operator=(const Progress&) = delete;
     ~Progress();
 
+    // From here on there is no such line.
+    static void silence();
+
     void show(const kst_host* host, uint64_t written);
+    void show_bytes_read(uint64_t bytes);
     void show_count(size_t done, size_t of, const char* what);
     void show_seconds(double done, double of, const char* what);
     // Takes the line away, for something else to be printed.

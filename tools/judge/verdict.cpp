@@ -305,10 +305,14 @@ Verdict Judge::look(Api api, MediaKind kind) const {
 }
 
 std::vector<Verdict> Judge::judge_all() {
+    constexpr size_t kAll = kApis.size() * kMedia.size();
     std::vector<Verdict> verdicts;
+    Progress progress;
     for (const Api api : kApis) {
-        for (const MediaKind kind : kMedia)
+        for (const MediaKind kind : kMedia) {
+            progress.show_count(verdicts.size(), kAll, "verdicts");
             verdicts.push_back(judge(api, kind));
+        }
     }
     return verdicts;
 }

@@ -18,6 +18,7 @@ constexpr uint32_t kLongestAccepted = 1400;  // bytes of a packet that the funct
 constexpr char kBarsLegend[] = "; full colour: the mean, pale: the most";
 constexpr double kLabelled = 0.97;  // of the height; the title stands above
 constexpr size_t kBarsApart = 80;   // so many bars at most stand apart
+constexpr double kMostDrawn = 1e9;  // bits per second; more is no rate of a clip
 
 // The largest of 1, 2 and 5 times a power of ten that is not above `value`.
 double nice_below(double value) {
@@ -76,12 +77,21 @@ class Figure {
                        until, y, y);
     }
     void add(const std::string& shape) { svg_ += shape; }
+    // A line of the table of figures, for those who have no pointer to rest on a bar.
+    void tell(const std::string& when, const std::string& what) {
+        rows_ += "<tr><td>" + escape(when) + "</td><td>" + escape(what) + "</td></tr>";
+    }
 
-    std::string finish() { return html_ + svg_ + "</svg></div></figure>\n"; }
+    std::string finish() {
+        html_ += svg_ + "</svg></div>";
+        if (!rows_.empty())
+            html_ += "<details><summary>Figures</summary><table>" + rows_ + "</table></details>";
+        return html_ + "</figure>\n";
+    }
 
   private:
     Scale scale_;
-    std::string html_, svg_;
+    std::string html_, svg_, rows_;
 };
 
 // The columns of one track on an axis of all time.
@@ -108,6 +118,25 @@ std::string show_range(const Range& range, const char* unit) {
     return range.least == range.most ? most : show_count(range.least) + " to " + most;
 }
 
+// Whether all columns that have values have the same one.
+bool is_constant(const std::vector<Range>& columns) {
+    const auto first = std::find_if(columns.begin(), columns.end(),
+                                    [](const Range& range) { return range.count > 0; });
+    return first != columns.end() && first->least == first->most &&
+           std::all_of(first, columns.end(), [&](const Range& range) {
+               return range.count == 0 ||
+                      (range.least == first->least && range.most == first->most);
+           });
+}
+
+// A line at the value of all columns.
+void add_level(Figure& figure, const std::vector<Range>& columns, const Grid& grid,
+               const Scale& scale, uint32_t value, const char* unit) {
+    const double y = scale.y(value);
+    figure.add_line("line", y, grid.x(columns.size()));
+    figure.add(rect("hover", 0, grid.x(columns.size()), 0, kHigh, show_count(value) + unit));
+}
+
 // A bar for each column that has values: up to their mean, and paler up to the largest.
 std::string bars(const std::vector<Range>& columns, const Grid& grid, const Scale& scale,
                  const char* unit, uint32_t limit) {
@@ -132,6 +161,21 @@ std::string bars(const std::vector<Range>& columns, const Grid& grid, const Scal
     }
     if (columns.size() > kBarsApart) return "<g class=\"dense\">" + out + "</g>";
     return out;
+}
+
+// The values of a chart: a line where they are all one, else bars, which a table repeats.
+void add_values(Figure& figure, const std::vector<Range>& columns, const Grid& grid,
+                const Scale& scale, const char* unit, uint32_t limit) {
+    constexpr size_t kFewColumns = 1;
+    if (columns.size() > kFewColumns && is_constant(columns)) {
+        const auto any = std::find_if(columns.begin(), columns.end(),
+                                      [](const Range& range) { return range.count > 0; });
+        return add_level(figure, columns, grid, scale, any->most, unit);
+    }
+    figure.add(bars(columns, grid, scale, unit, limit));
+    for (size_t i = 0; i < columns.size(); ++i) {
+        if (columns[i].count > 0) figure.tell(grid.when(i), show_range(columns[i], unit));
+    }
 }
 
 }  // namespace
@@ -194,6 +238,10 @@ std::string byte_axis(uint64_t size, double gone) {
 
 std::string rate_chart(const TrackFigures& figures, double total) {
     if (figures.rate.empty()) return "";
+    if (figures.peak_rate > kMostDrawn) {
+        return "<p class=\"note poor\">The declared durations make a bit rate of " +
+               show_rate(figures.peak_rate) + ", which is not drawn.</p>\n";
+    }
     const Scale scale = scale_for(figures.peak_rate, 1);
     const size_t columns = figures.rate.size();
     const Grid grid(figures, total);
@@ -211,8 +259,12 @@ std::string rate_chart(const TrackFigures& figures, double total) {
         // The first point has both coordinates, all others one.
         path += i == 0 ? format("%.2f %.1f", grid.x(0), y) : format("V%.1f", y);
         path += format("H%.2f", grid.x(i + 1));
-        hovers += rect("hover", grid.x(i), grid.width(i), 0, kHigh,
-                       show_rate(figures.rate[i]) + " at " + grid.when(i));
+        const bool is_lost = figures.lost[i] > 0;
+        const std::string text =
+            show_rate(figures.rate[i]) + (is_lost ? ", past the end of the file" : "");
+        if (is_lost) hovers += rect("lost", grid.x(i), grid.width(i), y, kHigh - y, text);
+        hovers += rect("hover", grid.x(i), grid.width(i), 0, kHigh, text + " at " + grid.when(i));
+        figure.tell(grid.when(i), text);
     }
     figure.add("<path class=\"area\" d=\"M0 100L" + path + "V100Z\"/>");
     figure.add_line("base", kHigh, kWide);
@@ -260,7 +312,7 @@ std::string packet_size_chart(const TrackFigures& figures, double total) {
     if (limit) caption += "; dashed: 1,400, the most that the function API accepts";
     Figure figure("Packet sizes, bytes", caption, "", scale);
     figure.add_marks();
-    figure.add(bars(packets.size_by_time, grid, scale, " bytes", kLongestAccepted));
+    add_values(figure, packets.size_by_time, grid, scale, " bytes", kLongestAccepted);
     figure.add_line("base", kHigh, kWide);
     if (limit) figure.add_line("limit", scale.y(kLongestAccepted), kWide);
     return figure.finish();
@@ -273,7 +325,7 @@ std::string packet_count_chart(const TrackFigures& figures, double total) {
     const Grid grid(figures, total);
     Figure figure("Packets per hint sample", show_range(packets.per_frame, ""), "low", scale);
     figure.add_marks();
-    figure.add(bars(packets.frame_by_time, grid, scale, " in a sample", 0));
+    add_values(figure, packets.frame_by_time, grid, scale, " in a sample", 0);
     figure.add_line("base", kHigh, kWide);
     return figure.finish();
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <span>
 #include <utility>
 
 #include "tools/report/markup.h"
@@ -117,7 +118,27 @@ void rates_of_bytes(TrackFigures& figures) {
     figures.average_rate = static_cast<double>(figures.sizes.sum) * 8 / figures.edges.back();
 }
 
-void gather_samples(TrackFigures& figures) {
+// Ends of the samples in the file while they go by in order.
+class PlaceWalk {
+  public:
+    explicit PlaceWalk(const iso_track* track)
+        : chunks_(track->chunks, static_cast<size_t>(std::max(track->chunk_count, 0))) {
+        if (!chunks_.empty()) at_ = chunks_.front().start;
+    }
+
+    uint64_t next(uint32_t size) {
+        while (chunk_ + 1 < chunks_.size() && at_ >= chunks_[chunk_].end)
+            at_ = chunks_[++chunk_].start;
+        return at_ += size;
+    }
+
+  private:
+    std::span<const iso_chunk> chunks_;
+    size_t chunk_ = 0;
+    uint64_t at_ = 0;
+};
+
+void gather_samples(TrackFigures& figures, uint32_t file_size) {
     const iso_track* track = figures.track;
     const uint32_t samples = std::min(samples_of(track), kMaxSamples);
     figures.samples = samples;
@@ -129,8 +150,10 @@ void gather_samples(TrackFigures& figures) {
     figures.together = columns.together();
     figures.rate.assign(columns.count(), 0.0);
     figures.syncs.assign(columns.count(), 0);
+    figures.lost.assign(columns.count(), 0);
     TimeWalk durations(track);
     SyncWalk syncs(track);
+    PlaceWalk places(track);
     SyncGaps gaps;
     double time = 0;
     uint32_t duration = 0, before = 0;
@@ -138,6 +161,7 @@ void gather_samples(TrackFigures& figures) {
         if (i % columns.together() == 0) figures.edges.push_back(to_seconds(track, time));
         const uint32_t size = size_of(track, i);
         figures.sizes.add(size);
+        if (places.next(size) > file_size) ++figures.lost[columns.of(i)];
         figures.rate[columns.of(i)] += size;
         if (syncs.next()) {
             ++figures.sync_count;
@@ -298,8 +322,8 @@ iso_track* track_with_id(const iso_file* file, uint32_t id) {
 void gather_track(ReportData& data, iso_track* track) {
     TrackFigures figures;
     figures.track = track;
-    gather_samples(figures);
     const uint32_t file_size = data.facts.scan.file_size;
+    gather_samples(figures, file_size);
     figures.outside = outside_file(track, file_size);
     if (static_cast<size_t>(std::max(track->chunk_count, 0)) <= kMaxChunksShown) {
         map_each_chunk(figures, file_size);

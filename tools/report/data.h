@@ -58,6 +58,7 @@ struct TrackFigures {
     uint32_t together = 1;        // samples in a column
     std::vector<double> rate;     // bits per second, a column each
     std::vector<uint32_t> syncs;  // how many sync samples, a column each
+    std::vector<uint32_t> lost;   // how many samples that end past the file, a column each
     uint32_t sync_count = 0;
     bool has_sync_table = false;
     double longest_gap = 0;  // seconds from a sync sample to the next, or to the end

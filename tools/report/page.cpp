@@ -48,6 +48,22 @@ std::string unbroken(const std::string& name) {
     return "<span class=\"nb\">" + name + "</span>";
 }
 
+// Markup of a command in which no option is wrapped, nor parted from its value.
+std::string with_whole_options(const std::string& command) {
+    static constexpr std::string_view kOutput = " -o OUT";
+    std::string out;
+    for (size_t at = 0; at < command.size();) {
+        const size_t end = command.compare(at, kOutput.size(), kOutput) == 0
+                               ? at + kOutput.size()
+                               : std::min(command.find(' ', at + 1), command.size());
+        const std::string word = command.substr(at, end - at);
+        const bool is_option = word.starts_with(" -");
+        out += is_option ? " " + unbroken(word.substr(1)) : word;
+        at = end;
+    }
+    return out;
+}
+
 // Markup of a file's name that may be wrapped after its parts.
 std::string breakable(const std::string& name) {
     std::string out;
@@ -81,6 +97,7 @@ class Page {
         add_summary();
         add_damage();
         add_verdicts();
+        add_remarks();
         add_map();
         for (const TrackFigures& figures : data_.tracks) {
             if (!is_hint(figures.track) || media_of(figures.track) == nullptr) add_track(figures);
@@ -198,7 +215,9 @@ class Page {
         add_tile("Duration", data_.seconds > 0 ? show_seconds(data_.seconds) : "–", "");
         // With a part of the file gone, neither would be true.
         const char* unknown = "data is missing";
-        const bool whole = gone_ == 0, rated = whole && data_.seconds > 0;
+        constexpr double kMostShown = 1e9;  // bits per second
+        const bool whole = gone_ == 0;
+        const bool rated = whole && data_.seconds > 0 && size * 8 / data_.seconds < kMostShown;
         add_tile("Bit rate", rated ? show_rate(size * 8 / data_.seconds) : "–",
                  rated    ? "of the whole file"
                  : !whole ? unknown
@@ -218,12 +237,8 @@ class Page {
     }
 
     void add_damage() {
-        if (data_.facts.scan.damage.empty() && data_.problems.empty() &&
-            data_.facts.remarks.empty())
-            return;
-        const bool damaged = !data_.facts.scan.damage.empty() || !data_.problems.empty();
-        out_ += damaged ? "<section class=\"damage\"><h2>What is wrong with it</h2><ul>"
-                        : "<section><h2>Remarks of the reader</h2><ul class=\"muted\">";
+        if (data_.facts.scan.damage.empty() && data_.problems.empty()) return;
+        out_ += "<section class=\"damage\"><h2>What is wrong with it</h2><ul>";
         for (const std::string& sentence : data_.facts.scan.damage)
             out_ += "<li>" + escape(sentence) + "</li>";
         if (data_.facts.scan.more_damage > 0) {
@@ -231,9 +246,14 @@ class Page {
         }
         for (const std::string& sentence : data_.problems)
             out_ += "<li>" + escape(sentence) + "</li>";
+        out_ += "</ul></section>\n";
+    }
+
+    void add_remarks() {
+        if (data_.facts.remarks.empty()) return;
+        out_ += "<section><h2>Remarks of the reader</h2><ul class=\"muted\">";
         for (const std::string& line : data_.facts.remarks)
-            out_ += std::string("<li>") + (damaged ? "Remark of the reader: " : "") + "<code>" +
-                    escape(line) + "</code></li>";
+            out_ += "<li><code>" + escape(line) + "</code></li>";
         out_ += "</ul></section>\n";
     }
 
@@ -258,7 +278,7 @@ class Page {
         }
         if (!verdict.fix.empty()) {
             out_ += "<p>This command fixes it:</p><code class=\"fix\">" +
-                    escape(fix_command(verdict, data_.input)) + "</code>";
+                    with_whole_options(escape(fix_command(verdict, data_.input))) + "</code>";
         }
         const std::string others = other_tracks(verdict);
         if (verdict.opens && !others.empty()) {

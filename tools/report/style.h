@@ -108,6 +108,7 @@ figcaption b { font-weight: 600; } figcaption span { color: var(--muted); }
   vector-effect: non-scaling-stroke; }
 .mean { stroke: var(--hue); stroke-width: 1; stroke-dasharray: 2 3; opacity: .8;
   vector-effect: non-scaling-stroke; }
+.lost { fill: var(--bad); fill-opacity: .38; }
 .bar { fill: var(--hue); } .bar.faint { fill-opacity: .35; } .bar.over { fill: var(--bad); }
 .cap { fill: var(--ink); }
 .hover { fill: var(--hue); fill-opacity: 0; } .hover:hover { fill-opacity: .18; }
@@ -119,6 +120,9 @@ figcaption b { font-weight: 600; } figcaption span { color: var(--muted); }
 .under { border-top: 1px dashed var(--line); margin-top: 20px; padding-top: 14px; }
 .under h3::before { content: ""; display: inline-block; width: 9px; height: 9px;
   border-radius: 50%; background: var(--hint); margin-right: 8px; }
+table { border-collapse: collapse; margin: 6px 0 0 44px; font-variant-numeric: tabular-nums; }
+td { padding: 0 16px 0 0; }
+figure details { margin: 4px 0 0 44px; } figure table { margin-left: 0; }
 details { margin-top: 12px; font-size: 13px; } summary { cursor: pointer; color: var(--muted); }
 pre { margin: 8px 0 0; padding: 10px 12px; background: var(--code); border-radius: 8px;
   white-space: pre-wrap; overflow-wrap: anywhere;
