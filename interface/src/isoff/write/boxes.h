@@ -17,6 +17,8 @@ enum Pass { kCountPass = 0, kWritePass = 1 };
 // only.
 uint64_t write_ftyp(Pass pass, std::span<uint8_t> to, const iso_file* file);
 uint64_t write_moov(Pass pass, std::span<uint8_t> to, iso_file* file);
+uint64_t write_stbl(Pass pass, std::span<uint8_t> to, iso_track* track);
+uint64_t write_stsd(Pass pass, std::span<uint8_t> to, const iso_track* track);
 uint64_t write_stts(Pass pass, std::span<uint8_t> to, iso_track* track);
 uint64_t write_ctts(Pass pass, std::span<uint8_t> to, iso_track* track);
 uint64_t write_stsz(Pass pass, std::span<uint8_t> to, iso_track* track);
