@@ -1391,6 +1391,13 @@ class Send(ToolTest):
                 (("amrnb_hinted", "--to", nobody, "--speed", 1000), 1, "nobody listened")]:
             with self.subTest(arguments=arguments):
                 self.assert_fails(run("send", sample(arguments[0]), *arguments[1:]), code, message)
+        data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        movie = boxes(data, [b"moov"])[0]
+        hint = movie[movie.rindex(b"trak") - 4:]
+        hint = hint[:int.from_bytes(hint[:4], "big")] * 64
+        many = self.scratch / "many.3gp"
+        many.write_bytes(struct.pack(">I4s", len(hint) + len(movie) + 8, b"moov") + hint + movie)
+        self.assert_fails(run("send", many, "--to", to), 1, "65 hint tracks; the most")
         self.assertEqual(here.take(0), [])
 
 

@@ -4,6 +4,7 @@
 #include <random>
 
 #include "kestrel/hinter.h"
+#include "tools/capture.h"
 #include "tools/commands.h"
 #include "tools/hint_packets.h"
 #include "tools/send/sender.h"
@@ -109,8 +110,14 @@ void send(const Options& options) {
     if (receiver.port % 2 != 0)
         throw Error("--to needs an even port; RTCP goes to the odd one after it", kWrongUsage);
     Source source = open_source(options.input);
+    const std::vector<iso_track*> hints = hint_tracks(source.facts);
+    if (hints.size() > kMaxCapturedTracks) {
+        throw file_error(options.input, std::to_string(hints.size()) +
+                                            " hint tracks; the most that are sent is " +
+                                            std::to_string(kMaxCapturedTracks));
+    }
     std::vector<std::unique_ptr<HintPackets>> tracks;
-    for (iso_track* track : hint_tracks(source.facts))
+    for (iso_track* track : hints)
         tracks.push_back(std::make_unique<HintPackets>(source.facts, track));
     const UdpAddress to(receiver.host);
     constexpr double kMilliseconds = 1000;

@@ -191,6 +191,9 @@ int Sender::run() {
     report(Leaving::kNo);
     while (send_pass() && options_.loop && lacks_of(hints_).empty())
         shift_ += end_ - from_;
+    // A receiver that reads RTCP first would end before it has read the last packets.
+    constexpr auto kMomentToRead = std::chrono::milliseconds(500);
+    signals_.sleep_until(Clock::now() + kMomentToRead);  // not after a signal
     report(Leaving::kYes);
     progress_.clear();
     return signals_.received();
