@@ -638,17 +638,6 @@ TEST(Layout, ReferencesThatAreNotHintsAreUnknown) {
     EXPECT_NE(dynamic_cast<const UnknownBox*>(tref->children()[0]), nullptr);
 }
 
-TEST(Layout, EditEntries) {
-    const auto elst =
-        read_box<ElstBox>(full_box("elst", u32(2) + u32(600) + u32(0xFFFFFFFF) + u32(0x00010000) +
-                                               u32(5) + u32(7) + u32(0x00020003)));
-    ASSERT_EQ(elst->GetEditEntries().size(), 2u);
-    EXPECT_EQ(elst->GetEditEntries()[0].media_time, -1);
-    EXPECT_EQ(elst->GetEditEntries()[1].segment_duration, 5u);
-    EXPECT_EQ(elst->GetEditEntries()[1].media_rate_integer, 2);
-    EXPECT_EQ(elst->GetEditEntries()[1].media_rate_fraction, 3);
-}
-
 const Bytes kEntryFields = zeros(6) + u16(1);
 const Bytes kAmrFields = kEntryFields + zeros(8) + u16(2) + u16(16) + zeros(4) + u16(8000) + u16(0);
 const Bytes kVisualFields = kEntryFields + zeros(16) + u16(176) + u16(144) + u32(0x480000) +
@@ -672,21 +661,6 @@ TEST(SampleEntries, HintEntriesAreKeptRaw) {
     EXPECT_EQ(read_box<HintSampleEntry>(box("rtp ", body))->GetData().size(), body.size() - 8);
 }
 
-TEST(SampleEntries, Amr) {
-    const Bytes damr = box("damr", text("ABCD") + be(1, 1) + u16(0x81FF) + be(0, 1) + be(5, 1));
-    for (const char* type : {"samr", "sawb"}) {
-        SyslogCapture log(3);
-        const auto with = read_stsd(box(type, kAmrFields + damr));
-        const auto* entry = dynamic_cast<const AMRSampleEntry*>(with->GetSampleEntries().at(0));
-        ASSERT_NE(entry, nullptr);
-        EXPECT_EQ(type_text(entry->GetType()), type);
-        ASSERT_NE(entry->GetAMRSpecific(), nullptr);
-        EXPECT_EQ(entry->GetAMRSpecific()->GetModeSet(), 0x81FF);
-        EXPECT_EQ(entry->GetAMRSpecific()->GetFramesPerSample(), 5);
-        EXPECT_THAT(log.lines(), IsEmpty());
-    }
-}
-
 TEST(SampleEntries, AmrWithoutItsBoxIsLoggedAndKept) {
     for (int32_t level : {1, 2}) {
         SyslogCapture log(level);
@@ -702,17 +676,6 @@ TEST(SampleEntries, AmrWithoutItsBoxIsLoggedAndKept) {
             EXPECT_THAT(log.lines()[0], StartsWith("ERR: "));
         }
     }
-}
-
-TEST(SampleEntries, H263) {
-    const Bytes d263 = box("d263", text("ABCD") + be(0, 1) + be(45, 1) + be(3, 1));
-    const auto stsd = read_stsd(box("s263", kVisualFields + d263 + box("pasp", zeros(8))));
-    const auto* entry = dynamic_cast<const H263SampleEntry*>(stsd->GetSampleEntries().at(0));
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(entry->GetWidth(), 176);
-    EXPECT_EQ(entry->GetHeight(), 144);
-    EXPECT_EQ(entry->GetH263Specific()->GetLevel(), 45);
-    EXPECT_EQ(entry->GetH263Specific()->GetProfile(), 3);
 }
 
 TEST(SampleEntries, AMissingConfigurationIsReadFromWhatFollows) {

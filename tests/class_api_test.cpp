@@ -4,13 +4,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iostream>
 #include <sstream>
 
-#include "boxes/sample_tables.h"
-#include "boxes/simple3gp.h"
-#include "boxes/track_boxes.h"
-#include "common/bytes.h"
 #include "companion/stream/native_walk.h"
 #include "kestrel/native_records.h"
 #include "tests/support/playing.h"
@@ -20,7 +15,6 @@
 
 namespace {
 
-using Qvox3gp::code;
 using testing::IsEmpty;
 
 struct ClassFile {
@@ -185,114 +179,6 @@ TEST_P(ClassApi, TheFlagMayChangeFromReadToRead) {
 
 // --- seeking ---
 
-// A hint track's samples as a plain list, and what of the media track a seek looks at.
-struct Listing {
-    struct Sample {
-        uint64_t start;  // ticks
-        uint32_t offset;
-        uint32_t size;
-        uint32_t first_media = 0;
-    };
-    std::vector<Sample> hints;
-    std::vector<Sample> media;
-    std::optional<std::vector<uint32_t>> syncs;
-    uint32_t timescale = 0;  // of the media track, which both tracks are counted in
-    uint32_t duration = 0;   // ticks
-    uint64_t ticks = 0;      // of all hint samples
-    // Where the boxes are, for files that are doctored.
-    size_t media_mdhd = 0;
-    size_t hint_stss = 0;
-    uint32_t hint_timescale = 0;
-
-    uint32_t per_ms() const { return timescale / 1000; }
-    uint32_t duration_ms() const {
-        return static_cast<uint32_t>(uint64_t{duration} * 1000 / timescale);
-    }
-};
-
-size_t place_of(const Qvox3gp::Box& box) {
-    return static_cast<size_t>(static_cast<std::streamoff>(box.GetStart()));
-}
-
-std::vector<Listing::Sample> list_samples(const Qvox3gp::StblBox& stbl) {
-    std::vector<Listing::Sample> samples;
-    for (const auto& entry : stbl.GetStts()->GetSampleEntries()) {
-        for (uint32_t i = 0; i < entry.sample_count; ++i) {
-            const uint64_t start = samples.empty() ? 0 : samples.back().start + samples.back().size;
-            samples.push_back({start, 0, entry.sample_delta});  // the size is the delta until below
-        }
-    }
-    const Qvox3gp::StszBox& stsz = *stbl.GetStsz();
-    EXPECT_EQ(samples.size(), stsz.GetSampleCount());
-    const auto& runs = stbl.GetStsc()->GetSampleEntries();
-    const auto& chunks = stbl.GetStco()->GetChunkOffsets();
-    size_t number = 0;
-    for (size_t chunk = 1; chunk <= chunks.size(); ++chunk) {
-        const auto after = std::find_if(runs.begin(), runs.end(),
-                                        [&](const auto& run) { return run.first_chunk > chunk; });
-        uint32_t offset = chunks[chunk - 1];
-        for (uint32_t i = 0; i < std::prev(after)->samples_per_chunk; ++i, ++number) {
-            const auto& sizes = stsz.GetChunkSizes();
-            samples.at(number).size = sizes.empty() ? stsz.GetSampleSize() : sizes.at(number);
-            samples.at(number).offset = offset;
-            offset += samples.at(number).size;
-        }
-    }
-    EXPECT_EQ(number, samples.size());
-    return samples;
-}
-
-// The lowest media sample that a hint sample's constructors name (ISO/IEC 14496-12, 9.1.3).
-uint32_t first_media_sample(const uint8_t* hint) {
-    uint32_t lowest = UINT32_MAX;
-    uint32_t packets = kestrel::load_be16(hint);
-    for (hint += 4; packets > 0; --packets) {
-        const bool extra = (hint[9] & 4) != 0;
-        uint32_t constructors = kestrel::load_be16(hint + 10);
-        hint += 12 + (extra ? kestrel::load_be32(hint + 12) : 0);
-        for (; constructors > 0; --constructors, hint += 16) {
-            if (hint[0] == 2) lowest = std::min(lowest, kestrel::load_be32(hint + 4));
-        }
-    }
-    return lowest;
-}
-
-Listing list_file(const Bytes& file, const char* mode) {
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
-    KST_IOSTREAM_CALLBACK_INTERFACE* io = kst_host_callbacks(host);
-    Qvox3gp::Simple3gp boxes;
-    boxes.Read(io, 0);
-    Listing list;
-    const uint32_t handler = mode[0] == 'a' ? code("soun") : code("vide");
-    const auto& tracks = boxes.GetMoov()->GetTraks();
-    const auto* media = *std::find_if(tracks.begin(), tracks.end(), [&](const auto* track) {
-        return track->GetMdia()->GetHdlr()->GetHandlerType() == handler;
-    });
-    const auto* hint = *std::find_if(tracks.begin(), tracks.end(), [&](const auto* track) {
-        return track->GetTref() != nullptr &&
-               track->GetTref()->GetTrackReferenceTypeBox()->GetTrackID(0) ==
-                   media->GetTkhd()->GetTrackId();
-    });
-    const Qvox3gp::MdhdBox& mdhd = *media->GetMdia()->GetMdhd();
-    list.timescale = mdhd.GetTimescale();
-    list.duration = mdhd.GetDuration();
-    list.media_mdhd = place_of(mdhd);
-    list.hint_timescale = hint->GetMdia()->GetMdhd()->GetTimescale();
-    list.media = list_samples(*media->GetMdia()->GetMinf()->GetStbl());
-    const Qvox3gp::StblBox& stbl = *hint->GetMdia()->GetMinf()->GetStbl();
-    list.hints = list_samples(stbl);
-    for (Listing::Sample& sample : list.hints)
-        sample.first_media = first_media_sample(&file[sample.offset]);
-    for (const auto& entry : stbl.GetStts()->GetSampleEntries())
-        list.ticks += uint64_t{entry.sample_count} * entry.sample_delta;
-    if (stbl.GetStss() != nullptr) {
-        list.hint_stss = place_of(*stbl.GetStss());
-        list.syncs = stbl.GetStss()->GetSyncSampleEntries();
-    }
-    kst_host_close(host);
-    return list;
-}
-
 struct Landing {
     uint32_t status = KST_SUCCESS;
     uint32_t ms = 0;
@@ -306,34 +192,6 @@ std::ostream& operator<<(std::ostream& out, const Landing& l) {
     return out << l.status << ": " << l.ms << " ms, frame " << l.frame << ", offset " << l.offset;
 }
 
-// The sync sample that a rule picks for a sample; 0 for none.
-uint32_t pick_sync(const std::vector<uint32_t>& syncs, uint32_t sample, uint32_t rule) {
-    const auto at = std::lower_bound(syncs.begin(), syncs.end(), sample);
-    const uint32_t before = at != syncs.begin() ? *std::prev(at) : 0;
-    if (at == syncs.end()) return before;
-    if (*at == sample) return sample;
-    const bool farther_is_before = sample - before >= *at - sample;
-    if (rule == KST_SEEK_NEXT_SYNC) return *at;
-    return rule == KST_SEEK_PREVIOUS_SYNC || farther_is_before ? before : *at;
-}
-
-Landing expected_landing(const Listing& list, uint32_t ms, uint32_t rule) {
-    if (ms > list.duration_ms()) return {.status = KST_BAD_TIMESTAMP, .ms = ms};
-    const uint64_t ticks = uint64_t{ms} * list.per_ms();
-    const auto after =
-        std::find_if(list.hints.begin(), list.hints.end(),
-                     [&](const Listing::Sample& sample) { return sample.start > ticks; });
-    auto sample = static_cast<uint32_t>(after - list.hints.begin());
-    if (list.syncs) sample = pick_sync(*list.syncs, sample, rule);
-    if (sample == 0) return {.status = KST_NO_HINT_OFFSET, .ms = ms};
-    const Listing::Sample& found = list.hints[sample - 1];
-    const auto ms_found = static_cast<uint32_t>(found.start / list.per_ms());
-    // The last media sample has no offset, and no offset is the smaller one.
-    if (found.first_media >= list.media.size()) return {KST_SUCCESS, ms_found, sample, UINT32_MAX};
-    return {KST_SUCCESS, ms_found, sample,
-            std::min(found.offset, list.media[found.first_media - 1].offset)};
-}
-
 Landing seek(C3gpInterface& player, uint32_t time, uint32_t flags) {
     _TAG_KST_SEEK_PARAMS params{};
     params.nTime = time;
@@ -342,25 +200,28 @@ Landing seek(C3gpInterface& player, uint32_t time, uint32_t flags) {
     return {status, params.nTime, params.uFrameNum, params.uFileOffset};
 }
 
-void put_be32(Bytes& file, size_t at, uint32_t value) {
-    const Bytes bytes = be32(value);
-    std::copy(bytes.begin(), bytes.end(), file.begin() + static_cast<long>(at));
+// Where the type of the n-th box of a type is, for files of a media track and its hint track.
+size_t place_of(const Bytes& file, const std::string& type, int nth) {
+    auto at = file.begin();
+    while ((at = std::search(at, file.end(), type.begin(), type.end())) != file.end() && nth-- > 0)
+        ++at;
+    return static_cast<size_t>(at - file.begin());
 }
 
 // As it is; counted in the hint track's timescale, so that a time leads to every hint sample; and
 // that without sync samples, or with the first of them later.
 enum class Doctored { kNot, kTimescale, kNoSync, kLateSync };
 
-Bytes doctor(Bytes file, const char* mode, Doctored how) {
-    constexpr size_t kTimescale = 20;  // in `mdhd`, from the start of the box
-    constexpr size_t kFirstSync = 16;  // in `stss`
-    const Listing list = list_file(file, mode);
+Bytes doctor(Bytes file, Doctored how) {
+    constexpr size_t kTimescale = 16;  // in `mdhd`, from its type; the duration is next
+    constexpr size_t kFirstSync = 12;  // in `stss`
     if (how == Doctored::kNot) return file;
-    put_be32(file, list.media_mdhd + kTimescale, list.hint_timescale);
-    put_be32(file, list.media_mdhd + kTimescale + 4, static_cast<uint32_t>(list.ticks));
-    if (!list.syncs) return file;
-    if (how == Doctored::kNoSync) file[list.hint_stss + 4] = 'x';
-    if (how == Doctored::kLateSync) put_be32(file, list.hint_stss + kFirstSync, 4);
+    std::copy_n(file.begin() + static_cast<long>(place_of(file, "mdhd", 1) + kTimescale), 8,
+                file.begin() + static_cast<long>(place_of(file, "mdhd", 0) + kTimescale));
+    const size_t sync = place_of(file, "stss", 1);
+    if (sync == file.size()) return file;
+    if (how == Doctored::kNoSync) file[sync] = 'x';
+    if (how == Doctored::kLateSync) file[sync + kFirstSync + 3] = 4;
     return file;
 }
 
@@ -368,15 +229,11 @@ Bytes doctor(Bytes file, const char* mode, Doctored how) {
 class Seeking {
   public:
     Seeking(const Bytes& file, const char* mode)
-        : file_(file),
-          list_(list_file(file_, mode)),
-          whole_(whole_stream(file_, mode)),
-          host_(file_) {
+        : file_(file), whole_(whole_stream(file_, mode)), host_(file_) {
         EXPECT_EQ(player_.Open(host_.callbacks(), mode), KST_SUCCESS);
         split();
     }
 
-    const Listing& list() const { return list_; }
     uint32_t frames() const { return static_cast<uint32_t>(frames_.size()); }
     C3gpInterface& player() { return player_; }
     FaultyHost& host() { return host_; }
@@ -388,7 +245,8 @@ class Seeking {
     }
     Bytes read_on() { return read_through_failures(read_call(player_, false), 1000).stream; }
 
-    void expect_landings_for(uint32_t ms, uint32_t& tried);
+    // The last time that can be sought.
+    uint32_t end();
 
   private:
     Bytes::const_iterator at(size_t offset) const {
@@ -404,11 +262,9 @@ class Seeking {
         for (; offset < whole_.size(); offset += word(offset))
             frames_.push_back(offset);
         EXPECT_EQ(offset, whole_.size());
-        EXPECT_EQ(frames_.size(), list_.hints.size());
     }
 
     Bytes file_;
-    Listing list_;
     Bytes whole_;
     std::vector<size_t> frames_;  // where they begin in the stream
     FaultyHost host_;
@@ -417,39 +273,58 @@ class Seeking {
 
 constexpr uint32_t kRules[] = {KST_SEEK_NEXT_SYNC, KST_SEEK_PREVIOUS_SYNC, KST_SEEK_NEAREST_SYNC};
 
-// With every rule, by the absolute time and then by a relative one.
-void Seeking::expect_landings_for(uint32_t ms, uint32_t& tried) {
-    for (const uint32_t rule : kRules) {
-        const Landing expected = expected_landing(list_, ms, rule);
-        ASSERT_EQ(seek(player_, ms, KST_SEEK_ABSOLUTE | rule), expected) << ms << " " << rule;
-        ++tried;
-        const Landing now = seek(player_, 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
-        Landing relative = seek(player_, ms - now.ms, KST_SEEK_RELATIVE | rule);
-        if (relative.status != KST_SUCCESS) relative.ms = ms;
-        ASSERT_EQ(relative, expected) << ms << " " << rule << " from " << now.ms;
+uint32_t Seeking::end() {
+    uint32_t ms = 0;
+    while (seek(player_, ms + 1, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC).status !=
+           KST_BAD_TIMESTAMP) {
+        ++ms;
     }
+    return ms;
 }
 
-TEST_P(ClassApi, SeeksLandWhereTheTablesSay) {
-    const ClassFile& about = GetParam();
-    uint32_t tried = 0;
-    for (const Doctored how :
-         {Doctored::kNot, Doctored::kTimescale, Doctored::kNoSync, Doctored::kLateSync}) {
-        Seeking seeking(doctor(load(about), about.mode, how), about.mode);
-        const Listing& list = seeking.list();
-        for (const Listing::Sample& sample : list.hints) {
-            const auto ms = static_cast<uint32_t>(sample.start / list.per_ms());
-            for (const uint32_t near : {ms, ms + 1, ms == 0 ? ms : ms - 1})
-                seeking.expect_landings_for(near, tried);
-            ASSERT_FALSE(HasFailure()) << "doctored " << static_cast<int>(how);
+// Where seeks arrive with every rule, from a time and on to the last: a run for each landing. An
+// absolute seek and a relative one arrive alike.
+std::string landings_of(Seeking& seeking) {
+    std::ostringstream runs;
+    const uint32_t end = seeking.end();
+    for (const uint32_t rule : kRules) {
+        Landing last{.status = KST_FAILURE};
+        for (uint32_t ms = 0; ms <= end + 1; ++ms) {
+            const Landing landing = seek(seeking.player(), ms, KST_SEEK_ABSOLUTE | rule);
+            if (landing.status == KST_SUCCESS && landing == last) continue;
+            last = landing;
+            runs << rule << ' ' << ms << " -> " << landing << '\n';
+            const Landing now = seek(seeking.player(), 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
+            Landing relative = seek(seeking.player(), ms - now.ms, KST_SEEK_RELATIVE | rule);
+            if (relative.status != KST_SUCCESS) relative.ms = ms;
+            EXPECT_EQ(relative, landing) << ms << " " << rule << " from " << now.ms;
         }
-        seeking.expect_landings_for(list.duration_ms(), tried);
-        seeking.expect_landings_for(list.duration_ms() + 1, tried);
-        if (how == Doctored::kNot && about.mode[0] == 'v') continue;
-        EXPECT_EQ(expected_landing(list, list.duration_ms(), KST_SEEK_PREVIOUS_SYNC).status,
-                  KST_SUCCESS);
     }
-    std::cout << tried << " seeks\n";
+    return runs.str();
+}
+uint64_t digest_of(const std::string& text) {  // FNV-1a
+    uint64_t hash = 0xCBF29CE484222325;
+    for (const char c : text)
+        hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001B3;
+    return hash;
+}
+
+TEST(ClassApiSeek, LandsWhereItDidBefore) {
+    std::vector<std::string> lines;
+    for (const ClassFile& about : kFiles) {
+        for (const Doctored how :
+             {Doctored::kNot, Doctored::kTimescale, Doctored::kNoSync, Doctored::kLateSync}) {
+            if (std::string(about.file).starts_with("av_") && how != Doctored::kNot) continue;
+            Seeking seeking(doctor(load(about), how), about.mode);
+            const std::string landings = landings_of(seeking);
+            std::ostringstream line;
+            line << about.file << ' ' << about.mode << " form " << static_cast<int>(how) << ": "
+                 << std::count(landings.begin(), landings.end(), '\n') << " landings, " << std::hex
+                 << digest_of(landings);
+            lines.push_back(line.str());
+        }
+    }
+    EXPECT_EQ(lines, golden_lines("landings.txt", lines));
 }
 
 // Whether a speech frame starts depends on what was played before it, so that this one field of the
@@ -478,8 +353,9 @@ TEST_P(ClassApi, NotYetOfAnAnnouncementIsNoWaitInPlainMode) {
 
 TEST_P(ClassApi, ReadingOnAfterASeekGivesTheRest) {
     const ClassFile& about = GetParam();
-    Seeking seeking(doctor(load(about), about.mode, Doctored::kNoSync), about.mode);
-    const Listing& list = seeking.list();
+    const bool alone = !std::string(about.file).starts_with("av_");
+    Seeking seeking(doctor(load(about), alone ? Doctored::kNoSync : Doctored::kNot), about.mode);
+    const uint32_t end = seeking.end();
     // What a call has taken that could not deliver is not lost by a seek: the header records.
     Bytes begun(1000);
     uint32_t size = 1000;
@@ -488,12 +364,12 @@ TEST_P(ClassApi, ReadingOnAfterASeekGivesTheRest) {
     seeking.host().fault = nullptr;
     Bytes expected = seeking.headers();
     uint32_t reached = 0;
-    for (uint32_t frame = seeking.frames(); frame >= 1; --frame) {
-        const auto ms = static_cast<uint32_t>((list.hints[frame - 1].start + list.per_ms() - 1) /
-                                              list.per_ms());
+    uint32_t before = 0;
+    for (uint32_t ms = end + 1; ms-- > 0;) {
         const Landing landing = seek(seeking.player(), ms, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
-        if (landing.status == KST_BAD_TIMESTAMP) continue;
-        ASSERT_EQ(landing.frame, frame);
+        const uint32_t frame = landing.frame;
+        if (frame == before) continue;
+        before = frame;
         Bytes got = seeking.read_on();
         Bytes tail = seeking.tail(frame);
         if (reached++ > 0) {
@@ -504,16 +380,15 @@ TEST_P(ClassApi, ReadingOnAfterASeekGivesTheRest) {
         ASSERT_TRUE(got == expected) << "frame " << frame;
         expected.clear();
     }
-    EXPECT_GE(reached + 2, seeking.frames());
+    EXPECT_GE(reached + 2, alone ? seeking.frames() : 2);
     // In the middle of a frame, the rest of it comes first.
     begun.resize(10);
     size = 10;
     seek(seeking.player(), 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
     ASSERT_EQ(seeking.player().ReadChunk(begun.data(), &size, false), KST_SUCCESS);
-    seek(seeking.player(), list.duration_ms(), KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
+    const Landing last = seek(seeking.player(), end, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC);
     const Bytes tail = seeking.tail(1);
     const size_t first = tail.size() - seeking.tail(2).size();
-    const Landing last = expected_landing(list, list.duration_ms(), KST_SEEK_NEXT_SYNC);
     Bytes got = join({begun, seeking.read_on()});
     forget_flag(got, about.mode);
     Bytes rest = join(

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iomanip>
 #include <sstream>
 
@@ -18,8 +16,6 @@
 // KESTREL_RENEW_GOLDEN=1 writes that list anew.
 
 namespace {
-
-constexpr const char* kGolden = KESTREL_TEST_DATA "/golden/streams.txt";
 
 // FNV-1a over the values given.
 class Digest {
@@ -231,19 +227,7 @@ TEST(SameStreams, OnEveryWordSize) {
     std::vector<std::string> lines = sample_lines();
     for (const std::string& line : clip_lines())
         lines.push_back(line);
-    if (std::getenv("KESTREL_RENEW_GOLDEN") != nullptr) {
-        std::ofstream out(kGolden);
-        out << "# Digests of what a medium gives: name, streams of both APIs, seeks.\n"
-            << "# same_streams_test compares; KESTREL_RENEW_GOLDEN=1 has it write.\n";
-        for (const std::string& line : lines)
-            out << line << '\n';
-        GTEST_SKIP() << "the list was written";
-    }
-    std::vector<std::string> golden;
-    std::ifstream in(kGolden);
-    for (std::string line; std::getline(in, line);) {
-        if (!line.starts_with('#')) golden.push_back(line);
-    }
+    const std::vector<std::string> golden = golden_lines("streams.txt", lines);
     ASSERT_EQ(lines.size(), golden.size());
     for (size_t i = 0; i < lines.size(); ++i)
         EXPECT_EQ(lines[i], golden[i]);

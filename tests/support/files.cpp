@@ -2,6 +2,7 @@
 #include "tests/support/files.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -31,6 +32,22 @@ std::vector<std::string> sample_names(std::initializer_list<const char*> prefixe
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+std::vector<std::string> golden_lines(const std::string& name,
+                                      const std::vector<std::string>& now) {
+    const std::string path = KESTREL_TEST_DATA "/golden/" + name;
+    std::vector<std::string> comment, golden;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);)
+        (line.starts_with('#') ? comment : golden).push_back(line);
+    if (std::getenv("KESTREL_RENEW_GOLDEN") == nullptr) return golden;
+    std::ofstream out(path);
+    for (const std::string& line : comment)
+        out << line << '\n';
+    for (const std::string& line : now)
+        out << line << '\n';
+    return now;
 }
 
 Bytes be16(uint32_t value) {

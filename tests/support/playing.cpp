@@ -166,6 +166,8 @@ bool can_fault(std::string_view slot, FaultKind kind) {
         case FaultKind::kZero:
         case FaultKind::kStill:
             return has_place && slot != "SeekNRead";
+        case FaultKind::kShort:
+            return reads || slot == "SeekNWrite";
         default:
             return reads;
     }
@@ -241,7 +243,8 @@ struct FaultyHost::Slots {
         return status;
     }
     static uint32_t write(void* c, const void* data, uint32_t count, int32_t offset) {
-        return Call(c, "SeekNWrite").pass(&Table::SeekNWrite, data, count, offset);
+        const Call call(c, "SeekNWrite");
+        return call.pass(&Table::SeekNWrite, data, call.allowed(count), offset);
     }
     static uint32_t stream_size(void* c, uint32_t* size) {
         const Call call(c, "GetStreamSize");

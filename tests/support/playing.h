@@ -77,7 +77,7 @@ Bytes unpack_speech(const Bytes& stream, bool wide_band);
 // What a host call can come to other than what was asked for.
 enum class FaultKind {
     kStatus,   // the call does nothing and returns a status
-    kShort,    // a read delivers half of what is wanted, and says so
+    kShort,    // a read delivers half of what is wanted, and says so; a write takes half
     kTooMany,  // a read says that it delivered more than was wanted
     kSilent,   // a read succeeds without writing anything, its count included
     // The call works on, or reports, another place in the file:
@@ -142,7 +142,7 @@ class FaultyHost {
     // Asked before each call with its number, from 0; a status other than KST_HOST_OK is returned
     // in place of the call.
     std::function<uint32_t(int call)> fault;
-    // Asked before each read that no fault stops; true has it deliver half of what is wanted.
+    // Asked before each read or write that no fault stops; true has it move half of what is wanted.
     std::function<bool(int call)> cut;
     // The same for calls that report too much, nothing, or another place.
     std::function<bool(int call)> overstate;
