@@ -775,7 +775,7 @@ TEST(FunctionLog, EveryLineIsWrittenAtItsLevel) {
         mm_Interface* handle = nullptr;
         ASSERT_EQ(kst_Open(&handle, host.callbacks(), "ar"), KST_SUCCESS);
         host.fault = [&](int) -> uint32_t { return host.names.back() == "AdvanceRead" ? 7 : 0; };
-        read_through_failures(read_call(handle, true));
+        EXPECT_EQ(read_through_failures(read_call(handle, true)).status, KST_FAILURE);
         kst_Close(&handle);
         std::set<std::string> messages;
         for (const std::string& message : log.messages())

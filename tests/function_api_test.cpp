@@ -347,31 +347,6 @@ TEST(FunctionApi, LargeFrames) {
     }
 }
 
-TEST(FunctionApi, RefusedRepositioningIsStatus2AndADebugLine) {
-    const Bytes file = read_sample("amrnb_plain.3gp");
-    for (const int32_t level : {3, 4}) {
-        FaultyHost host(file);
-        mm_Interface* handle = nullptr;
-        ASSERT_EQ(kst_Open(&handle, host.callbacks(), "ar"), KST_SUCCESS);
-        Bytes buffer(KST_LARGEST_CHUNK);
-        uint32_t size = KST_LARGEST_CHUNK;
-        for (int i = 0; i < 4; ++i, size = KST_LARGEST_CHUNK)
-            ASSERT_EQ(kst_ReadChunk(handle, buffer.data(), &size, true), KST_SUCCESS);
-        host.fault = [&](int) -> uint32_t { return host.names.back() == "AdvanceRead" ? 7 : 0; };
-        const SyslogCapture log(level);
-        EXPECT_EQ(kst_ReadChunk(handle, buffer.data(), &size, true), KST_FAILURE);
-        EXPECT_EQ(size, 24u);  // the frame header was delivered all the same
-        if (level == 3) {
-            EXPECT_THAT(log.lines(), testing::IsEmpty());
-        } else {
-            EXPECT_THAT(log.messages(),
-                        testing::ElementsAre(testing::MatchesRegex(
-                            "DBG: IO Callback Interface failed with status 7 offset [0-9a-f]+")));
-        }
-        kst_Close(&handle);
-    }
-}
-
 // --- opening ---
 
 struct OpenCase {

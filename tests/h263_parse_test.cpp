@@ -21,19 +21,6 @@ std::ifstream open_sample(const std::string& name) {
     return std::ifstream(std::string(KESTREL_SAMPLES) + "/" + name);
 }
 
-// The pictures of a raw stream; each begins with a picture start code.
-std::vector<Bytes> read_pictures(const std::string& name) {
-    const Bytes all = read_sample(name);
-    std::vector<Bytes> pictures;
-    for (size_t i = 0; i < all.size(); ++i) {
-        const bool starts =
-            i + 3 < all.size() && all[i] == 0 && all[i + 1] == 0 && (all[i + 2] & 0xfc) == 0x80;
-        if (starts) pictures.emplace_back();
-        if (!pictures.empty()) pictures.back().push_back(all[i]);
-    }
-    return pictures;
-}
-
 size_t in_bits(const BitPosition& position) {
     return position.byte * 8 + position.bit;
 }
@@ -93,7 +80,7 @@ class EncoderTruth : public testing::TestWithParam<const char*> {};
 
 TEST_P(EncoderTruth, MatchesEveryMacroblock) {
     const std::string name = std::string("truth/") + GetParam();
-    const std::vector<Bytes> pictures = read_pictures(name + ".h263");
+    const std::vector<Bytes> pictures = h263_pictures(read_sample(name + ".h263"));
     nch_state state;
     std::map<int, std::vector<int>> found;  // by first bit
     size_t compared = 0;
@@ -123,7 +110,7 @@ class DecoderTruth : public testing::TestWithParam<const char*> {};
 
 TEST_P(DecoderTruth, MatchesEveryVector) {
     const std::string name = std::string("h263/") + GetParam();
-    const std::vector<Bytes> pictures = read_pictures(name + ".h263");
+    const std::vector<Bytes> pictures = h263_pictures(read_sample(name + ".h263"));
     nch_state state;
     std::map<std::pair<int, int>, std::vector<int>> found;  // by column and row
     size_t moving = 0;
@@ -205,7 +192,8 @@ class WholeStreams : public testing::TestWithParam<Stream> {};
 
 TEST_P(WholeStreams, AreWalkedToTheEndOfEveryPicture) {
     const Stream& stream = GetParam();
-    const std::vector<Bytes> pictures = read_pictures(std::string(stream.name) + ".h263");
+    const std::vector<Bytes> pictures =
+        h263_pictures(read_sample(std::string(stream.name) + ".h263"));
     ASSERT_EQ(stream.pictures, pictures.size());
     nch_state state;
     for (const Bytes& picture : pictures) {
@@ -228,7 +216,7 @@ TEST_P(WholeStreams, AreWalkedToTheEndOfEveryPicture) {
 
 TEST_P(WholeStreams, FailWhereTheyAreCut) {
     nch_state state;
-    const Bytes whole = read_pictures(std::string(GetParam().name) + ".h263")[0];
+    const Bytes whole = h263_pictures(read_sample(std::string(GetParam().name) + ".h263"))[0];
     for (size_t size = 0; size < whole.size(); size += 1 + size / 8) {
         const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
         EXPECT_EQ(kNchFailed, walk(state, cut)) << size;
@@ -237,7 +225,8 @@ TEST_P(WholeStreams, FailWhereTheyAreCut) {
 
 // The fuzz target aborts where a walk leaves the picture or a copied state does not go on alike.
 TEST_P(WholeStreams, AreWalkedSafelyWhenDamaged) {
-    const std::vector<Bytes> pictures = read_pictures(std::string(GetParam().name) + ".h263");
+    const std::vector<Bytes> pictures =
+        h263_pictures(read_sample(std::string(GetParam().name) + ".h263"));
     fuzz::Numbers random(263);
     for (int n = 0; n < 200; ++n) {
         Bytes both = pictures.front();

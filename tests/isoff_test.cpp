@@ -12,6 +12,7 @@
 #include "kestrel/hosts.h"
 #include "tests/support/files.h"
 #include "tests/support/hint_file.h"
+#include "tests/support/opened.h"
 #include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
 
@@ -22,34 +23,6 @@ namespace {
 using kestrel::sample_size_of;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
-
-// An open file with the bytes and the host under it, and what opening it printed.
-class Opened {
-  public:
-    explicit Opened(Bytes bytes) : bytes_(std::move(bytes)) {
-        host_ = kst_host_from_memory(bytes_.data(), bytes_.size());
-        callbacks_ = kst_host_callbacks(host_);
-        CaptureStderr();
-        file = isoFFopen(callbacks_, "r", nullptr);
-        printed = GetCapturedStderr();
-    }
-    Opened(const Opened&) = delete;
-    Opened& operator=(const Opened&) = delete;
-    ~Opened() {
-        isoFFclose(file);
-        kst_host_close(host_);
-    }
-
-    iso_track* track(int n = 1) { return isoFFselect(file, nullptr, n); }
-
-    iso_file* file;
-    std::string printed;
-
-  private:
-    Bytes bytes_;
-    kst_host* host_;
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
-};
 
 // Whether the function API opens a movie of the tracks.
 bool opens(const Bytes& tracks, const char* mode) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <memory>
 #include <random>
 #include <sstream>
 
@@ -13,6 +12,7 @@
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
 #include "tests/support/allocation_watch.h"
+#include "tests/support/opened.h"
 #include "tests/support/playing.h"
 
 // The ISO writer: what it writes is read back by the reader.
@@ -21,30 +21,6 @@ namespace {
 
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
-
-// A file read back.
-class Reread {
-  public:
-    explicit Reread(Bytes bytes)
-        : bytes_(std::move(bytes)),
-          host_(kst_host_from_memory(bytes_.data(), bytes_.size()), kst_host_close),
-          callbacks_(kst_host_callbacks(host_.get())) {
-        CaptureStderr();
-        file = isoFFopen(callbacks_, "r", nullptr);
-        printed = GetCapturedStderr();
-    }
-    Reread(const Reread&) = delete;
-    Reread& operator=(const Reread&) = delete;
-    ~Reread() { isoFFclose(file); }
-
-    iso_file* file;
-    std::string printed;
-
-  private:
-    Bytes bytes_;
-    std::unique_ptr<kst_host, void (*)(kst_host*)> host_;
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
-};
 
 // From now on the host cannot leave its place.
 void forbid_seeking(FaultyHost& host) {
@@ -303,7 +279,7 @@ TEST_P(RandomFiles, ComeBackEqual) {
         CaptureStderr();
         const std::vector<Written> tracks = write_file(out, random, GetParam(), brands);
         EXPECT_EQ(GetCapturedStderr(), "");
-        Reread reread(out.written());
+        Opened reread(out.written());
         EXPECT_EQ(reread.printed, "");
         EXPECT_EQ(reread.file->own->lost_tracks, 0u);
         EXPECT_EQ(reread.file->major_brand, brands.substr(0, 4));
@@ -365,7 +341,7 @@ TEST(Writer, TracksTakeTurnsNoLongerThanTheSpan) {
             for (int i = 0; i < 200; ++i)
                 isoFFwrite(track, sample, 13, 160, 0);
         ASSERT_EQ(isoFFclose(file), 0);
-        Reread reread(out.written());
+        Opened reread(out.written());
         // No run is longer than the span, or than one sample where that is longer.
         const double longest = isoFFgetInterleave(reread.file);
         EXPECT_LE(longest, std::max(span, 0.02) + 1e-9);
@@ -390,7 +366,7 @@ TEST(Writer, ManyTracksStandInTheOrderOfTheirTimes) {
     for (iso_track* track : tracks)
         ASSERT_EQ(isoFFwrite(track, byte, 1, 160, 0), 1);
     ASSERT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     uint32_t next = static_cast<uint32_t>(out.written().size()) - kTracks;
     for (iso_track* track = reread.file->first_track; track != nullptr; track = track->next) {
         ASSERT_EQ(track->chunk_count, kSamples + 1);
@@ -411,7 +387,7 @@ TEST(Writer, TrackWithoutATimescaleIsWritten) {
             EXPECT_EQ(isoFFwrite(track, sample, 1, 8000, 0), 1);
     }
     EXPECT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     for (const iso_track* track = reread.file->first_track; track != nullptr; track = track->next)
         EXPECT_EQ(track->sample_count, 3);
 }
@@ -444,7 +420,7 @@ TEST(Writer, BrandsAreFourCharacterCodes) {
     EXPECT_EQ(isoFFsetBrand(file, nullptr, 0), -1);
     EXPECT_EQ(isoFFsetBrand(file, "3gr6 isom", 512), 0);
     EXPECT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     EXPECT_STREQ(reread.file->major_brand, "3gr6");
     EXPECT_STREQ(reread.file->compatible_brands, "3gr6 isom");
     EXPECT_EQ(reread.file->minor_version, 512);
@@ -464,7 +440,7 @@ TEST(Writer, DurationOfZeroRepeatsTheOneBefore) {
         isoFFwrite(track, sample, 1, duration, 0);
     EXPECT_EQ(track->duration, 960U);
     EXPECT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     EXPECT_EQ(reread.file->first_track->stts_count, 3);
 }
 
@@ -487,7 +463,7 @@ TEST(Writer, BadArguments) {
     EXPECT_EQ(isoFFgetInterleave(file), 0.0);
     EXPECT_EQ(isoFFclose(file), 0);
     EXPECT_EQ(isoFFclose(nullptr), -1);
-    Reread reread(out.written());
+    Opened reread(out.written());
     EXPECT_EQ(isoFFwrite(reread.file->first_track, sample, 1, 1, 0), -1);
 }
 
@@ -506,7 +482,7 @@ TEST(Writer, SizeLimitClosesTheTrack) {
         // Another track goes on, and the file is finished with what was taken.
         EXPECT_EQ(isoFFwrite(speech_track(file), sample, 10, 160, 0), 10);
         EXPECT_EQ(isoFFclose(file), 0);
-        Reread reread(out.written());
+        Opened reread(out.written());
         EXPECT_EQ(reread.file->first_track->sample_count, limit == 65 ? 2 : 1);
     }
 }
@@ -615,7 +591,7 @@ TEST(Writer, BrandsStandOnceMediaIsWritten) {
     EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), 1);
     EXPECT_EQ(isoFFsetBrand(file, "3gp6 3gp5 3gp4 isom", 0), -1);
     EXPECT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     EXPECT_STREQ(reread.file->compatible_brands, "3gp5 3gp4");
     EXPECT_NE(isoFFselect(reread.file, "soun", 1), nullptr);
 }
@@ -633,7 +609,7 @@ TEST(Writer, FirstSampleSettlesTheMode) {
             }
             EXPECT_EQ(isoFFclose(file), 0);
             EXPECT_EQ(top_level_boxes(out.written()).back(), direct ? "moov" : "mdat");
-            Reread reread(out.written());
+            Opened reread(out.written());
             expect_samples(reread.file->first_track, std::vector<Sample>(4, {{1, 2, 3}, 160, 0}));
         }
     }
@@ -646,7 +622,7 @@ TEST(Writer, DirectModeNeedsAStreamThatSeeks) {
     EXPECT_EQ(isoFFwrite(speech_track(file), sample, 1, 160, 0), 1);
     forbid_seeking(out);
     EXPECT_EQ(isoFFclose(file), -5);
-    Reread reread(out.written());
+    Opened reread(out.written());
     EXPECT_EQ(reread.file->first_track, nullptr);
 }
 
@@ -711,7 +687,7 @@ TEST(Writer, TrackThatCannotBeMadeIsTakenBack) {
             EXPECT_EQ(file->next_track_id, made ? 3U : 2U);
             EXPECT_EQ(file->header_size == header && !file->own->has_visual, !made);
             EXPECT_EQ(isoFFclose(file), 0);
-            Reread reread(out.written());
+            Opened reread(out.written());
             EXPECT_EQ(isoFFselect(reread.file, nullptr, 2) != nullptr, made);
         }
         EXPECT_GT(refused, 10);
@@ -738,7 +714,7 @@ TEST(Writer, NoMemoryIsReported) {
         file->chunk_free = 0;
         EXPECT_EQ(isoFFwrite(track, sample, 1, 160, 0), 1);
         EXPECT_EQ(isoFFclose(file), 0);
-        Reread reread(out.written());
+        Opened reread(out.written());
         EXPECT_EQ(reread.file->first_track->sample_count, 3);
     }
     FaultyHost out;
@@ -779,7 +755,7 @@ TEST(Writer, InterleaveNeedsMemory) {
             isoFFwrite(track, sample, 1, 8000, 0);
     }
     EXPECT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     AllocationFault fault(0, true);
     EXPECT_EQ(fault.during([&] { return isoFFgetInterleave(reread.file); }), -1.0);
     EXPECT_EQ(isoFFgetInterleave(reread.file), 1.0);
@@ -792,7 +768,7 @@ TEST(Writer, GroupsOfNoTypeAreLeftOut) {
     track->sbgp_list = copy_to_arena<iso_sbgp_entry>(file, {{1, 1, nullptr}});
     track->sbgp_count = 1;
     EXPECT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     EXPECT_EQ(reread.file->first_track->sbgp_list, nullptr);
 }
 
@@ -843,7 +819,7 @@ TEST(Writer, H263TracksTakeTheirFormatLate) {
     track->width = 176;
     track->height = 144;
     EXPECT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     const iso_track* read = reread.file->first_track;
     EXPECT_EQ(read->timescale, 90000u);
     EXPECT_EQ(read->own->display_width, 176u << 16);
@@ -880,7 +856,7 @@ TEST(Writer, RefusedConfigurationChangesNothing) {
         expect_unchanged(track);
     }
     EXPECT_EQ(isoFFclose(file), 0);
-    Reread reread(out.written());
+    Opened reread(out.written());
     ASSERT_NE(reread.file->first_track, nullptr);
     expect_unchanged(reread.file->first_track);
 }

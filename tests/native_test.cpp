@@ -9,7 +9,7 @@
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
 #include "native/codec/amr_format.h"
-#include "tests/support/files.h"
+#include "tests/support/native_packets.h"
 
 // Packet headers, header records, AMR frames and the AMR packetisers.
 
@@ -273,25 +273,6 @@ TEST(AmrPackets, InitAcceptsTheCodecsOfTheTable) {
     }
 }
 
-// The frames and their times as the packets carry them.
-struct TelPacket {
-    uint32_t time, seq, type;
-    Bytes payload;
-};
-
-std::vector<TelPacket> tel_packets(const Bytes& stream) {
-    std::vector<TelPacket> packets;
-    for (size_t at = 0; at < stream.size();) {
-        uint32_t word[5];
-        std::memcpy(word, &stream[at], sizeof word);
-        const auto begin = stream.begin() + static_cast<long>(at);
-        packets.push_back(
-            {word[1], word[2] & 0xFFFF, word[2] >> 16 & 0x7F, Bytes(begin + 20, begin + word[0])});
-        at += word[0];
-    }
-    return packets;
-}
-
 TEST(AmrPackets, OneAFrameInBothFormats) {
     const Bytes speech = speech_of("amrnb_dtx.amr");
     iso_track track = track_of(ISO_CODEC_SAMR);
@@ -302,8 +283,7 @@ TEST(AmrPackets, OneAFrameInBothFormats) {
         tel_native_packet(out.data(), static_cast<int>(out.size()), Bytes(speech).data(),
                           static_cast<int>(speech.size()), 0.02, &tel);
     ASSERT_GT(written, 0);
-    out.resize(static_cast<size_t>(written));
-    const std::vector<TelPacket> packets = tel_packets(out);
+    const std::vector<Packet> packets = packets_of(out, written);
     Bytes joined;
     for (size_t i = 0; i < packets.size(); ++i) {
         EXPECT_EQ(packets[i].time, i * 160);

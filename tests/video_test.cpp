@@ -16,7 +16,8 @@
 #include "kestrel/native_records.h"
 #include "native/codec/h263_parse.h"
 #include "native/codec/h263_payload.h"
-#include "tests/support/files.h"
+#include "tests/support/native_packets.h"
+#include "tests/support/opened.h"
 
 // Codec helpers, decoder configuration and the video packetisers.
 
@@ -27,46 +28,8 @@ using testing::internal::GetCapturedStderr;
 
 // --- streams in pieces ---
 
-std::vector<size_t> picture_starts(const Bytes& stream) {
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 2 < stream.size(); ++i) {
-        if (stream[i] == 0 && stream[i + 1] == 0 && (stream[i + 2] & 0xFC) == 0x80) {
-            starts.push_back(i);
-        }
-    }
-    return starts;
-}
-
 std::vector<Bytes> pictures_of(const char* name) {
-    const Bytes stream = read_sample(std::string("truth/") + name);
-    std::vector<size_t> starts = picture_starts(stream);
-    starts.push_back(stream.size());
-    std::vector<Bytes> pictures;
-    for (size_t i = 0; i + 1 < starts.size(); ++i) {
-        pictures.emplace_back(stream.begin() + static_cast<long>(starts[i]),
-                              stream.begin() + static_cast<long>(starts[i + 1]));
-    }
-    return pictures;
-}
-
-struct Packet {
-    uint32_t time;
-    uint32_t marker, type, seq;
-    Bytes payload;
-};
-
-std::vector<Packet> packets_of(const Bytes& out, int length) {
-    std::vector<Packet> packets;
-    for (size_t at = 0; at < static_cast<size_t>(length);) {
-        kestrel::TEL_Packet_Header header;
-        std::memcpy(&header, &out[at], sizeof header);
-        const auto begin = out.begin() + static_cast<long>(at);
-        packets.push_back({header.time, header.rtp_word >> 23 & 1, header.rtp_word >> 16 & 0x7F,
-                           header.rtp_word & 0xFFFF,
-                           Bytes(begin + 20, begin + header.packet_length)});
-        at += header.packet_length;
-    }
-    return packets;
+    return h263_pictures(read_sample(std::string("truth/") + name));
 }
 
 Bytes joined(const std::vector<Packet>& packets, kestrel::stream::Medium medium) {
@@ -433,35 +396,6 @@ TEST(H264Packets, FragmentsJoinAndAccountForTheirRoom) {
 
 // --- decoder configuration ---
 
-// The only track of a file with one video track.
-struct VideoFile {
-    explicit VideoFile(Bytes file) : bytes(std::move(file)) {
-        host = kst_host_from_memory(bytes.data(), bytes.size());
-        callbacks = kst_host_callbacks(host);
-        CaptureStderr();
-        iso = isoFFopen(callbacks, "r", nullptr);
-        printed = GetCapturedStderr();
-        track = isoFFselect(iso, "vide", 1);
-    }
-    VideoFile(const VideoFile&) = delete;
-    VideoFile& operator=(const VideoFile&) = delete;
-    ~VideoFile() {
-        isoFFclose(iso);
-        kst_host_close(host);
-    }
-    Bytes bytes;
-    kst_host* host;
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks;
-    iso_file* iso;
-    iso_track* track;
-    std::string printed;
-};
-
-Bytes visual_entry(const char* type, const Bytes& config) {
-    return box(
-        type, {zeros(24), be16(176), be16(144), be32(0x480000), be32(0x480000), zeros(42), config});
-}
-
 Bytes with_entry(const Bytes& entry) {
     return join({ftyp(), movie({track({.handler = "vide",
                                        .timescale = 90000,
@@ -482,8 +416,8 @@ Bytes avcc(uint8_t length_size_minus_one) {
 
 TEST(DecoderConfig, AvccParameterSetsInAllForms) {
     for (const int size : {1, 2, 3, 4}) {
-        VideoFile file(with_entry(visual_entry("avc1", avcc(static_cast<uint8_t>(size - 1)))));
-        iso_track* track = file.track;
+        Opened file(with_entry(visual_entry("avc1", avcc(static_cast<uint8_t>(size - 1)))));
+        iso_track* track = file.track();
         ASSERT_NE(track, nullptr);
         EXPECT_EQ(track->profile, 66);
         EXPECT_EQ(track->level, 30);
@@ -531,15 +465,15 @@ TEST(DecoderConfig, AvccParameterSetsInAllForms) {
 // Sets of no bytes are counted, and each makes a packet, so that no number is left out.
 TEST(DecoderConfig, EmptyParameterSetsCount) {
     const Bytes sets = join({{0xE2}, be16(0), be16(2), {0x67, 66}, {1}, be16(0)});
-    VideoFile file(with_entry(visual_entry("avc1", box("avcC", {{1, 66, 0, 30, 0xFD}, sets}))));
-    ASSERT_NE(file.track, nullptr);
-    EXPECT_EQ(file.track->sps_count, 2u);
-    EXPECT_EQ(file.track->pps_count, 1u);
-    EXPECT_EQ(file.track->param_sets_length, 3 * 2 + 2u);
+    Opened file(with_entry(visual_entry("avc1", box("avcC", {{1, 66, 0, 30, 0xFD}, sets}))));
+    ASSERT_NE(file.track(), nullptr);
+    EXPECT_EQ(file.track()->sps_count, 2u);
+    EXPECT_EQ(file.track()->pps_count, 1u);
+    EXPECT_EQ(file.track()->param_sets_length, 3 * 2 + 2u);
     iso_track hint{};
     Bytes out(100);
     int length = 0;
-    isoFFgetAvccDsi(&hint, file.track, 96, out.data(), &length);
+    isoFFgetAvccDsi(&hint, file.track(), 96, out.data(), &length);
     const std::vector<Packet> packets = packets_of(out, length);
     ASSERT_EQ(packets.size(), 3u);
     EXPECT_EQ(packets[1].payload, (Bytes{0x67, 66}));
@@ -551,9 +485,9 @@ TEST(DecoderConfig, AvccDamage) {
     for (size_t length = 8; length < good.size(); ++length) {
         Bytes cut(good.begin(), good.begin() + static_cast<long>(length));
         cut[3] = static_cast<uint8_t>(length);
-        VideoFile file(with_entry(visual_entry("avc1", cut)));
-        if (file.track == nullptr) continue;
-        EXPECT_LE(file.track->param_sets_length, 64u);
+        Opened file(with_entry(visual_entry("avc1", cut)));
+        if (file.track() == nullptr) continue;
+        EXPECT_LE(file.track()->param_sets_length, 64u);
     }
     unsigned char* out = nullptr;
     int length = 0;
@@ -589,54 +523,54 @@ TEST(DecoderConfig, Esds) {
              descriptor(3, join({be16(1), {0}, descriptor(4, config), descriptor(6, {2})}))});
     };
     const Bytes with_level = {0, 0, 1, 0xB0, 8, 9};
-    VideoFile file(with_entry(visual_entry("mp4v", esds(with_level))));
-    ASSERT_NE(file.track, nullptr);
+    Opened file(with_entry(visual_entry("mp4v", esds(with_level))));
+    ASSERT_NE(file.track(), nullptr);
     EXPECT_EQ(file.printed, "esds: skipping tag 9\n");
-    EXPECT_EQ(file.track->object_type, 0x20);
-    EXPECT_EQ(file.track->stream_type, 4);
-    EXPECT_EQ(file.track->buffer_size, 0x010203u);
-    EXPECT_EQ(file.track->avg_bitrate, 48000u);
-    EXPECT_EQ(file.track->level, 8);
+    EXPECT_EQ(file.track()->object_type, 0x20);
+    EXPECT_EQ(file.track()->stream_type, 4);
+    EXPECT_EQ(file.track()->buffer_size, 0x010203u);
+    EXPECT_EQ(file.track()->avg_bitrate, 48000u);
+    EXPECT_EQ(file.track()->level, 8);
     int length = 0;
-    const uint8_t* dsi = isoFFgetDecoderSpecificInfo(file.track, &length, 0);
+    const uint8_t* dsi = isoFFgetDecoderSpecificInfo(file.track(), &length, 0);
     EXPECT_EQ(Bytes(dsi, dsi + length), with_level);
     int size = 0;
-    isoFFframeInfo(file.track, nullptr, &size);
+    isoFFframeInfo(file.track(), nullptr, &size);
     EXPECT_EQ(size, 1);
-    isoFFgetDecoderSpecificInfo(file.track, nullptr, 1);
-    isoFFframeInfo(file.track, nullptr, &size);
+    isoFFgetDecoderSpecificInfo(file.track(), nullptr, 1);
+    isoFFframeInfo(file.track(), nullptr, &size);
     EXPECT_EQ(size, 1 + 6);
 
     uint8_t record[356];
-    EXPECT_EQ(tel_put_hdr_vid_codecCfg(record, file.track), 356);
+    EXPECT_EQ(tel_put_hdr_vid_codecCfg(record, file.track()), 356);
     EXPECT_EQ(record[0], 8);
     EXPECT_EQ(Bytes(record + 4, record + 11), (Bytes{0, 0, 1, 0xB0, 8, 9, 0}));
     EXPECT_EQ(record[354], 6);
 
-    VideoFile plain(with_entry(visual_entry("mp4v", esds({1, 2, 3, 4, 5, 6}))));
-    EXPECT_EQ(plain.track->level, 0);
+    Opened plain(with_entry(visual_entry("mp4v", esds({1, 2, 3, 4, 5, 6}))));
+    EXPECT_EQ(plain.track()->level, 0);
     Bytes lying = esds(with_level);
     lying[12 + 4] = 200;  // the first descriptor claims more than the box has
-    VideoFile damaged(with_entry(visual_entry("mp4v", lying)));
-    EXPECT_EQ(damaged.track == nullptr ? 0u : damaged.track->dsi_length, 0u);
+    Opened damaged(with_entry(visual_entry("mp4v", lying)));
+    EXPECT_EQ(damaged.track() == nullptr ? 0u : damaged.track()->dsi_length, 0u);
 }
 
 TEST(DecoderConfig, H263AndTheRecordsOfAll) {
-    VideoFile file(with_entry(visual_entry("s263", box("d263", {text("test"), {1, 45, 3}}))));
-    ASSERT_NE(file.track, nullptr);
-    EXPECT_STREQ(file.track->vendor, "test");
-    EXPECT_EQ(file.track->level, 45);
-    EXPECT_EQ(file.track->profile, 3);
-    EXPECT_EQ(file.track->width, 176u);
+    Opened file(with_entry(visual_entry("s263", box("d263", {text("test"), {1, 45, 3}}))));
+    ASSERT_NE(file.track(), nullptr);
+    EXPECT_STREQ(file.track()->vendor, "test");
+    EXPECT_EQ(file.track()->level, 45);
+    EXPECT_EQ(file.track()->profile, 3);
+    EXPECT_EQ(file.track()->width, 176u);
     uint8_t record[28];
     for (const uint32_t type : {34u, 96u}) {
-        file.track->last_payload_type = type;
-        EXPECT_EQ(tel_put_hdr_vid_codec263(record, file.track, 64000), 28);
+        file.track()->last_payload_type = type;
+        EXPECT_EQ(tel_put_hdr_vid_codec263(record, file.track(), 64000), 28);
         EXPECT_EQ(Bytes(record, record + 8), type == 34 ? text(std::string("s263\0\0\0\0", 8))
                                                         : text(std::string("s263+\0\0\0", 8)));
         EXPECT_EQ(record[24] | record[25] << 8, 356);
     }
-    EXPECT_EQ(tel_put_hdr_vid_codecCfg263(record, file.track), 8);
+    EXPECT_EQ(tel_put_hdr_vid_codecCfg263(record, file.track()), 8);
     EXPECT_EQ(Bytes(record, record + 8), (Bytes{3, 0, 0, 0, 45, 0, 0, 0}));
     uint8_t prop[24];
     for (const auto& [put, length] :
@@ -648,15 +582,15 @@ TEST(DecoderConfig, H263AndTheRecordsOfAll) {
         EXPECT_EQ(prop[20], 15);
     }
 
-    VideoFile h264(with_entry(visual_entry("avc1", avcc(3))));
+    Opened h264(with_entry(visual_entry("avc1", avcc(3))));
     Bytes config(368, 0xEE);
-    EXPECT_EQ(tel_put_hdr_vid_codecCfg264(config.data(), h264.track), 368);
+    EXPECT_EQ(tel_put_hdr_vid_codecCfg264(config.data(), h264.track()), 368);
     EXPECT_EQ(config[0], 66);
     EXPECT_EQ(config[4], 0xC0);
     EXPECT_EQ(config[8], 30);
     EXPECT_EQ(config[362], 22);
     EXPECT_EQ(Bytes(config.begin() + 364, config.end()), (Bytes{2, 0xEE, 0xEE, 0xEE}));
-    tel_put_hdr_vid_codec264(record, h264.track, 1);
+    tel_put_hdr_vid_codec264(record, h264.track(), 1);
     EXPECT_EQ(record[24] | record[25] << 8, 365);
     // Too little for a profile: the constraint word stays.
     iso_track none{};
@@ -668,8 +602,8 @@ TEST(DecoderConfig, H263AndTheRecordsOfAll) {
 
 // A peer's packets, in modes A and B, join bit by bit to the samples of the same file.
 TEST(H263Packets, OfAPeerJoinToItsSamples) {
-    VideoFile file(read_sample("h263_rfc2190_hinted_1450.3gp"));
-    iso_track* hint = isoFFrtpHinter(file.track, 1450);
+    Opened file(read_sample("h263_rfc2190_hinted_1450.3gp"));
+    iso_track* hint = isoFFrtpHinter(file.track(), 1450);
     ASSERT_NE(hint, nullptr);
     std::vector<Packet> packets;
     Bytes buffer(1450);
@@ -681,8 +615,9 @@ TEST(H263Packets, OfAPeerJoinToItsSamples) {
     EXPECT_GT(mode_b, 0);
     Bytes samples;
     Bytes sample(64000);
-    ASSERT_EQ(isoFFsetPosition(file.track, 0), 0);
-    for (int length; (length = isoFFread(file.track, sample.data(), 64000, nullptr, nullptr)) > 0;)
+    ASSERT_EQ(isoFFsetPosition(file.track(), 0), 0);
+    for (int length;
+         (length = isoFFread(file.track(), sample.data(), 64000, nullptr, nullptr)) > 0;)
         samples.insert(samples.end(), sample.begin(), sample.begin() + length);
     EXPECT_EQ(joined(packets, kestrel::stream::Medium::kH263Rfc2190), samples);
 }

@@ -34,6 +34,17 @@ std::vector<std::string> sample_names(std::initializer_list<const char*> prefixe
     return names;
 }
 
+std::vector<Bytes> h263_pictures(const Bytes& stream) {
+    std::vector<Bytes> pictures;
+    for (size_t i = 0; i < stream.size(); ++i) {
+        const bool starts = i + 3 < stream.size() && stream[i] == 0 && stream[i + 1] == 0 &&
+                            (stream[i + 2] & 0xfc) == 0x80;
+        if (starts) pictures.emplace_back();
+        if (!pictures.empty()) pictures.back().push_back(stream[i]);
+    }
+    return pictures;
+}
+
 std::vector<std::string> golden_lines(const std::string& name,
                                       const std::vector<std::string>& now) {
     const std::string path = KESTREL_TEST_DATA "/golden/" + name;

@@ -17,6 +17,9 @@ Bytes read_sample(const std::string& name);
 // Names of the files in samples/ that begin with one of the prefixes; all for an empty list.
 std::vector<std::string> sample_names(std::initializer_list<const char*> prefixes = {});
 
+// The pictures of a raw H.263 stream; each begins with a picture start code.
+std::vector<Bytes> h263_pictures(const Bytes& stream);
+
 // The lines of a file below tests/golden/. With KESTREL_RENEW_GOLDEN=1 in the environment, writes
 // `now` there, after the comment at the head of the file, and returns it.
 std::vector<std::string> golden_lines(const std::string& name, const std::vector<std::string>& now);
