@@ -356,7 +356,6 @@ TEST(Vectors, OfFourHaveAPredictorOfTheThird) {
 TEST(Vectors, ThatGrowBeyondEveryPictureAreRefused) {
     const std::string farthest = "0 1 11 0" + repeat("11", 11) + "00 1 ";
     nch_state state;
-    BitPosition position;
     int walked = 0;
     EXPECT_EQ(kNchFailed, walk(state, bits(kInterPlusD + repeat(farthest, 9)),
                                [&](const nch_state&) { ++walked; }));
@@ -580,7 +579,6 @@ TEST(Segments, BeginWhereTheyAreDue) {
     };
     for (const Case& c : cases) {
         nch_state state;
-        BitPosition position;
         unsigned walked = 0;
         EXPECT_EQ(c.result,
                   walk(state, bits(c.picture + "1111"), [&](const nch_state&) { ++walked; }))

@@ -370,14 +370,14 @@ bool read_reversible_mvd(BitReader& reader, int& difference) {
 
 bool skip_blocks(BitReader& reader, unsigned coded_blocks, bool has_dc, bool extended_level) {
     constexpr unsigned kBlocks = 6;
+    const auto all = static_cast<unsigned>(std::popcount(coded_blocks));
     BitReader local = reader.fork();
     // Without INTRADC between them, the events of all blocks follow one another.
     unsigned steps = has_dc ? kBlocks : 1;
     bool skipped = true;
     while (skipped && steps-- > 0) {
-        const int blocks = has_dc ? coded_blocks >> steps & 1 : std::popcount(coded_blocks);
-        skipped = (!has_dc || skip_intra_dc(local)) &&
-                  skip_events(local, static_cast<unsigned>(blocks), extended_level);
+        const unsigned blocks = has_dc ? coded_blocks >> steps & 1 : all;
+        skipped = (!has_dc || skip_intra_dc(local)) && skip_events(local, blocks, extended_level);
     }
     reader.join(local);
     return skipped;
