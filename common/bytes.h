@@ -51,8 +51,10 @@ inline void store_be32(uint8_t* p, uint32_t value) {
 
 // Appends the low `width` bytes of a value, at most 8.
 inline void append_be(std::vector<uint8_t>& to, uint64_t value, unsigned width) {
-    while (width-- > 0)
-        to.push_back(static_cast<uint8_t>(value >> (8 * width)));
+    std::array<uint8_t, 8> raw;
+    store_be32(raw.data(), static_cast<uint32_t>(value >> 32));
+    store_be32(raw.data() + 4, static_cast<uint32_t>(value));
+    to.insert(to.end(), raw.end() - width, raw.end());
 }
 
 inline void append(std::vector<uint8_t>& to, std::span<const uint8_t> bytes) {
