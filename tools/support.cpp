@@ -56,7 +56,7 @@ Host open_host(const std::string& path, std::optional<uint32_t> arriving) {
 
 void refuse_failed(const kst_host* host, const std::string& input) {
     errno = kst_host_failed(host);
-    if (errno != 0) throw system_error(input);
+    if (errno != 0) throw input_error(input);
 }
 
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
