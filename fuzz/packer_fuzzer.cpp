@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <string>
+#include <string_view>
 
 #include "companion/importer/movie.h"
 #include "fuzz/support/support.h"
@@ -47,6 +48,20 @@ Packed pack(View stream, uint32_t tracks, uint32_t flags, uint32_t most) {
     return packed;
 }
 
+// Without when it was made: the dates in the headers of the movie, the tracks and the media.
+Bytes without_dates(Bytes file) {
+    constexpr std::ptrdiff_t kFirstDate = 8, kDates = 8;  // from the box type, in bytes
+    for (const std::string_view type : {"mvhd", "tkhd", "mdhd"}) {
+        auto at = file.begin();
+        while ((at = std::search(at, file.end(), type.begin(), type.end())) != file.end()) {
+            if (file.end() - at < kFirstDate + kDates) break;
+            std::fill_n(at + kFirstDate, kDates, uint8_t{0});
+            at += kFirstDate;
+        }
+    }
+    return file;
+}
+
 void check_file(const Packed& packed, uint32_t tracks, size_t stream_size) {
     constexpr size_t kHeaders = 4096;    // of a file and a track
     constexpr size_t kTimesStream = 40;  // a packet of a few bytes makes a hint sample of some 60
@@ -71,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t tracks = 1 + (size & 1);
     const uint32_t flags = (size & 2) != 0 ? KST_PACK_HINT : 0;
     const Packed whole = pack(stream, tracks, flags, static_cast<uint32_t>(size) + 1);
-    check(pack(stream, tracks, flags, 50).file == whole.file);
+    check(without_dates(pack(stream, tracks, flags, 50).file) == without_dates(whole.file));
     if (whole.status == KST_PACK_DONE || whole.status == KST_PACK_CUT) {
         check_file(whole, tracks, size);
     } else {

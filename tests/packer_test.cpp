@@ -10,6 +10,7 @@
 #include <cstring>
 #include <functional>
 #include <numeric>
+#include <string_view>
 
 #include "companion/importer/movie.h"
 #include "companion/packer/h264_pictures.h"
@@ -149,6 +150,20 @@ std::vector<Case> playable() {
     return cases;
 }
 
+// Without when it was made: the dates in the headers of the movie, the tracks and the media.
+Bytes without_dates(Bytes file) {
+    constexpr std::ptrdiff_t kFirstDate = 8, kDates = 8;  // from the box type, in bytes
+    for (const std::string_view type : {"mvhd", "tkhd", "mdhd"}) {
+        auto at = file.begin();
+        while ((at = std::search(at, file.end(), type.begin(), type.end())) != file.end()) {
+            if (file.end() - at < kFirstDate + kDates) break;
+            std::fill_n(at + kFirstDate, kDates, uint8_t{0});
+            at += kFirstDate;
+        }
+    }
+    return file;
+}
+
 class PackedSample : public testing::TestWithParam<Case> {
   protected:
     const char* mode() const { return GetParam().medium.mode; }
@@ -199,9 +214,9 @@ TEST_P(PackedSample, PlaysTheSamePayloads) {
 
 TEST_P(PackedSample, IsTheSameInPiecesOfAnySize) {
     const Bytes stream = stream_of(original());
-    const Bytes whole = pack({stream}, {KST_PACK_HINT}).file;
+    const Bytes whole = without_dates(pack({stream}, {KST_PACK_HINT}).file);
     for (const size_t piece : {size_t{1}, size_t{97}, size_t{5000}})
-        EXPECT_EQ(pack({stream}, {KST_PACK_HINT, piece}).file, whole) << piece;
+        EXPECT_EQ(without_dates(pack({stream}, {KST_PACK_HINT, piece}).file), whole) << piece;
 }
 
 TEST_P(PackedSample, KeepsWhatIsWholeOfACutStream) {
@@ -253,7 +268,8 @@ Bytes with_times_moved(Bytes stream, uint32_t ticks) {
 
 TEST(PackedTimes, WrapAt32Bits) {
     const Bytes stream = stream_of("h263_hinted", "vr");
-    EXPECT_EQ(pack({with_times_moved(stream, -100000U)}).file, pack({stream}).file);
+    EXPECT_EQ(without_dates(pack({with_times_moved(stream, -100000U)}).file),
+              without_dates(pack({stream}).file));
 }
 
 TEST(PackedTimes, OfTwoMediaBeginWhereTheClassApiDeclares) {

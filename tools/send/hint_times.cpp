@@ -56,7 +56,8 @@ double presentation_offset(const iso_track* track) {
     for (int32_t i = 0; i < details->edit_count; ++i) {
         const iso_elst_entry& edit = details->edits[i];
         if (edit.media_time < 0) {
-            offset += static_cast<double>(edit.segment_duration) / std::max(movie->edit_timescale, 1U);
+            offset +=
+                static_cast<double>(edit.segment_duration) / std::max(movie->edit_timescale, 1U);
             continue;
         }
         return offset - static_cast<double>(edit.media_time) / std::max(track->timescale, 1U);
