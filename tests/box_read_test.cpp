@@ -167,7 +167,7 @@ TEST(StreamIo, ReadsAndWritesBigEndianAndAsTheBytesLie) {
     var32_write(out.io(), 0xFEDCBA98);
     var32_write_noswap(out.io(), code("moov"));
     const Bytes bytes = out.written();
-    EXPECT_EQ(bytes, be(0xABCD, 2) + u16(0x1234) + u32(0xFEDCBA98) + text("moov"));
+    EXPECT_EQ(bytes, be(0xABCD, 2) + be16(0x1234) + be32(0xFEDCBA98) + text("moov"));
 
     MemoryStream in(bytes);
     uint8_t u8a = 0, u8b = 0;
@@ -330,7 +330,7 @@ std::string read_file(
     return message;
 }
 
-const Bytes kFtyp = box("ftyp", text("3gp4") + u32(0x200) + text("3gp4"));
+const Bytes kFtyp = box("ftyp", text("3gp4") + be32(0x200) + text("3gp4"));
 
 TEST(WholeFile, LogsWhatItCreates) {
     SyslogCapture log(4);
@@ -350,7 +350,7 @@ TEST(WholeFile, LogsWhatItCreates) {
 }
 
 TEST(WholeFile, TheLastFtypAndMoovCount) {
-    const Bytes second = box("ftyp", text("mp42") + u32(0));
+    const Bytes second = box("ftyp", text("mp42") + be32(0));
     read_file(kFtyp + box("moov", box("trak", box("free", zeros(1)))) + second +
                   box("moov", box("free", zeros(1))) + box("free", zeros(1)),
               [](Simple3gp& file) {
@@ -385,9 +385,9 @@ std::vector<std::function<Bytes(const Bytes&)>> loops() {
         });
     }
     const auto stbl = all.back();
-    all.push_back([stbl](const Bytes& hole) { return stbl(full_box("stsd", u32(1) + hole)); });
+    all.push_back([stbl](const Bytes& hole) { return stbl(full_box("stsd", be32(1) + hole)); });
     const auto dinf = all[7];
-    all.push_back([dinf](const Bytes& hole) { return dinf(full_box("dref", u32(1) + hole)); });
+    all.push_back([dinf](const Bytes& hole) { return dinf(full_box("dref", be32(1) + hole)); });
     return all;
 }
 
@@ -440,21 +440,21 @@ TEST(WholeFile, WhatFollowsABoxsFieldsIsPassedOver) {
     // A version 1 header is read as version 0, which is not noticed: the timescale is the low half
     // of the creation time and the rest of the file stands.
     const Bytes mvhd = box(
-        "mvhd", be(0x01000000, 4) + be(111, 8) + be(222, 8) + u32(90000) + be(333, 8) + zeros(80));
-    read_file(
-        kFtyp +
-            box("moov", mvhd + box("trak", box("tref", zeros(0) + box("hint", u32(5) + u32(6))))) +
-            box("mdat", zeros(1)),
-        [](Simple3gp& file) {
-            ASSERT_NE(file.GetMoov()->GetMvhd(), nullptr);
-            EXPECT_EQ(file.GetMoov()->GetMvhd()->GetTimescale(), 0u);
-            EXPECT_EQ(file.GetMoov()->GetMvhd()->GetDuration(), 222u);
-            const auto* hint =
-                file.GetMoov()->GetTraks().at(0)->GetTref()->GetTrackReferenceTypeBox();
-            EXPECT_EQ(hint->GetTrackID(0), 5u);
-            EXPECT_EQ(hint->GetTrackID(1), 0u);
-            EXPECT_EQ(file.children().size(), 3u);
-        });
+        "mvhd", be(0x01000000, 4) + be(111, 8) + be(222, 8) + be32(90000) + be(333, 8) + zeros(80));
+    read_file(kFtyp +
+                  box("moov",
+                      mvhd + box("trak", box("tref", zeros(0) + box("hint", be32(5) + be32(6))))) +
+                  box("mdat", zeros(1)),
+              [](Simple3gp& file) {
+                  ASSERT_NE(file.GetMoov()->GetMvhd(), nullptr);
+                  EXPECT_EQ(file.GetMoov()->GetMvhd()->GetTimescale(), 0u);
+                  EXPECT_EQ(file.GetMoov()->GetMvhd()->GetDuration(), 222u);
+                  const auto* hint =
+                      file.GetMoov()->GetTraks().at(0)->GetTref()->GetTrackReferenceTypeBox();
+                  EXPECT_EQ(hint->GetTrackID(0), 5u);
+                  EXPECT_EQ(hint->GetTrackID(1), 0u);
+                  EXPECT_EQ(file.children().size(), 3u);
+              });
 }
 
 TEST(WholeFile, ABoxTooShortForItsFieldsTakesNothingOfTheNext) {
@@ -473,7 +473,7 @@ TEST(WholeFile, ABoxTooShortForItsFieldsTakesNothingOfTheNext) {
 
 TEST(WholeFile, NoByteIsReadTwice) {
     for (const char* name : {"av_h264_amrwb_hinted", "mpeg4_hinted", "amrnb_plain_mdat_first"}) {
-        const Bytes bytes = file_bytes(std::string(KESTREL_SAMPLES "/") + name + ".3gp");
+        const Bytes bytes = read_sample(std::string(name) + ".3gp");
         FrontHost host(bytes);
         Simple3gp file;
         file.Read(host.io(), 0);
@@ -487,7 +487,7 @@ TEST(WholeFile, NoByteIsReadTwice) {
 }
 
 TEST(WholeFile, AFailureAtAnyCallIsAnExceptionAndNothingLeaks) {
-    const Bytes bytes = file_bytes(KESTREL_SAMPLES "/av_h264_amrwb_hinted.3gp");
+    const Bytes bytes = read_sample("av_h264_amrwb_hinted.3gp");
     FrontHost good(bytes);
     Simple3gp whole;
     whole.Read(good.io(), 0);
@@ -501,7 +501,7 @@ TEST(WholeFile, AFailureAtAnyCallIsAnExceptionAndNothingLeaks) {
 }
 
 TEST(WholeFile, CutAnywhereItReadsOrThrows) {
-    const Bytes bytes = file_bytes(KESTREL_SAMPLES "/mpeg4_hinted.3gp");
+    const Bytes bytes = read_sample("mpeg4_hinted.3gp");
     const size_t header_bytes = std::min<size_t>(bytes.size(), 4000);
     for (size_t size = 0; size < header_bytes; size += 3) {
         const std::string message =
@@ -530,7 +530,7 @@ std::vector<TableCase> tables() {
     return {table<ElstBox>("elst", {}, 12, &ElstBox::GetEditEntries),
             table<SttsBox>("stts", {}, 8, &SttsBox::GetSampleEntries),
             table<StscBox>("stsc", {}, 12, &StscBox::GetSampleEntries),
-            table<StszBox>("stsz", u32(0), 4, &StszBox::GetChunkSizes),
+            table<StszBox>("stsz", be32(0), 4, &StszBox::GetChunkSizes),
             table<StcoBox>("stco", {}, 4, &StcoBox::GetChunkOffsets),
             table<StssBox>("stss", {}, 4, &StssBox::GetSyncSampleEntries)};
 }
@@ -538,7 +538,7 @@ std::vector<TableCase> tables() {
 TEST(Tables, HoldWhatTheBoxHoldsAndNoMore) {
     for (const TableCase& each : tables()) {
         for (uint32_t entries : {0u, 1u, 20000u}) {
-            const Bytes body = each.before + u32(entries) + zeros(entries * each.entry_bytes);
+            const Bytes body = each.before + be32(entries) + zeros(entries * each.entry_bytes);
             FrontHost in(full_box(each.type, body) + zeros(64));
             const auto made = each.make();
             made->Read(in.io(), static_cast<uint32_t>(12 + body.size()) + 64);
@@ -548,7 +548,7 @@ TEST(Tables, HoldWhatTheBoxHoldsAndNoMore) {
             EXPECT_LT(in.calls(), 40) << each.type << ": tables are read in large pieces";
         }
         for (uint32_t entries : {2u, 0x40000000u, 0xFFFFFFFFu}) {
-            const Bytes body = each.before + u32(entries) + zeros(each.entry_bytes * 2 - 1);
+            const Bytes body = each.before + be32(entries) + zeros(each.entry_bytes * 2 - 1);
             MemoryStream in(full_box(each.type, body) + zeros(64));
             const auto made = each.make();
             const AllocationWatch watch;
@@ -563,7 +563,7 @@ TEST(Tables, ALyingStreamSizeAllocatesNothingAhead) {
     for (const TableCase& each : tables()) {
         for (bool silent : {false, true}) {
             const uint32_t count = (0xFFFFFFF0u - 64) / each.entry_bytes;
-            FrontHost in(header(0xFFFFFFF0u, each.type) + zeros(4) + each.before + u32(count) +
+            FrontHost in(header(0xFFFFFFF0u, each.type) + zeros(4) + each.before + be32(count) +
                          zeros(100000));
             in.claimed_size = 0xFFFFFFFFu;
             in.silent = silent;
@@ -579,7 +579,7 @@ TEST(Tables, ALyingStreamSizeAllocatesNothingAhead) {
 }
 
 TEST(Tables, UniformSizesHaveNoList) {
-    MemoryStream in(full_box("stsz", u32(20) + u32(0xFFFFFFFF)) + zeros(4));
+    MemoryStream in(full_box("stsz", be32(20) + be32(0xFFFFFFFF)) + zeros(4));
     StszBox stsz;
     stsz.Read(in.io(), in.size());
     EXPECT_EQ(stsz.GetSampleSize(), 20u);
@@ -590,8 +590,8 @@ TEST(Tables, UniformSizesHaveNoList) {
 
 TEST(Tables, BoxesInCountedListsAreBoundedByTheirBox) {
     for (const char* type : {"stsd", "dref"}) {
-        const Bytes wrong = full_box(type, u32(3) + box("rtp ") + box("rtp "));
-        const Bytes fewer = full_box(type, u32(2) + box("rtp ", zeros(24)));
+        const Bytes wrong = full_box(type, be32(3) + box("rtp ") + box("rtp "));
+        const Bytes fewer = full_box(type, be32(2) + box("rtp ", zeros(24)));
         const auto in_track = [&](const Bytes& bytes) {
             const bool dref = std::string(type) == "dref";
             return box("moov",
@@ -614,9 +614,9 @@ std::unique_ptr<T> read_box(const Bytes& bytes) {
 }
 
 TEST(Layout, FtypBrands) {
-    EXPECT_THAT(read_box<FtypBox>(box("ftyp", text("3gp4") + u32(1)))->GetCompatibleBrands(),
+    EXPECT_THAT(read_box<FtypBox>(box("ftyp", text("3gp4") + be32(1)))->GetCompatibleBrands(),
                 IsEmpty());
-    EXPECT_THAT(read_box<FtypBox>(box("ftyp", text("3gp4") + u32(1) + text("3gp53gp6") + zeros(3)))
+    EXPECT_THAT(read_box<FtypBox>(box("ftyp", text("3gp4") + be32(1) + text("3gp53gp6") + zeros(3)))
                     ->GetCompatibleBrands(),
                 ElementsAre(code("3gp5"), code("3gp6")));
     EXPECT_THAT(read_box<FtypBox>(box("ftyp", zeros(2)))->GetCompatibleBrands(), IsEmpty());
@@ -632,23 +632,25 @@ TEST(Layout, HandlerNamesOfAnyLengthAreDropped) {
 }
 
 TEST(Layout, ReferencesThatAreNotHintsAreUnknown) {
-    const auto tref = read_box<TrefBox>(box("tref", box("cdsc", u32(1))));
+    const auto tref = read_box<TrefBox>(box("tref", box("cdsc", be32(1))));
     EXPECT_EQ(tref->GetTrackReferenceTypeBox(), nullptr);
     ASSERT_EQ(tref->children().size(), 1u);
     EXPECT_NE(dynamic_cast<const UnknownBox*>(tref->children()[0]), nullptr);
 }
 
-const Bytes kEntryFields = zeros(6) + u16(1);
-const Bytes kAmrFields = kEntryFields + zeros(8) + u16(2) + u16(16) + zeros(4) + u16(8000) + u16(0);
-const Bytes kVisualFields = kEntryFields + zeros(16) + u16(176) + u16(144) + u32(0x480000) +
-                            u32(0x480000) + zeros(4) + u16(1) + zeros(32) + u16(24) + u16(0xFFFF);
+const Bytes kEntryFields = zeros(6) + be16(1);
+const Bytes kAmrFields =
+    kEntryFields + zeros(8) + be16(2) + be16(16) + zeros(4) + be16(8000) + be16(0);
+const Bytes kVisualFields = kEntryFields + zeros(16) + be16(176) + be16(144) + be32(0x480000) +
+                            be32(0x480000) + zeros(4) + be16(1) + zeros(32) + be16(24) +
+                            be16(0xFFFF);
 
 std::unique_ptr<StsdBox> read_stsd(const Bytes& entry) {
-    return read_box<StsdBox>(full_box("stsd", u32(1) + entry));
+    return read_box<StsdBox>(full_box("stsd", be32(1) + entry));
 }
 
 TEST(SampleEntries, HintEntriesAreKeptRaw) {
-    const Bytes body = kEntryFields + u16(1) + u16(1) + u32(1450) + box("tims", u32(90000));
+    const Bytes body = kEntryFields + be16(1) + be16(1) + be32(1450) + box("tims", be32(90000));
     const auto stsd = read_stsd(box("rtp ", body));
     const auto* entry = dynamic_cast<const NullSampleEntry*>(stsd->GetSampleEntries().at(0));
     ASSERT_NE(entry, nullptr);
@@ -681,7 +683,7 @@ TEST(SampleEntries, AmrWithoutItsBoxIsLoggedAndKept) {
 TEST(SampleEntries, AMissingConfigurationIsReadFromWhatFollows) {
     // Not detected: the next box is taken for it, whatever its type.
     MemoryStream in(box("s263", kVisualFields) +
-                    box("stts", u32(0) + be(0, 1) + be(20, 1) + be(1, 1)) + zeros(4));
+                    box("stts", be32(0) + be(0, 1) + be(20, 1) + be(1, 1)) + zeros(4));
     H263SampleEntry entry;
     entry.Read(in.io(), in.size());
     ASSERT_NE(entry.GetH263Specific(), nullptr);
@@ -690,8 +692,8 @@ TEST(SampleEntries, AMissingConfigurationIsReadFromWhatFollows) {
 }
 
 Bytes esds(uint8_t object_type, const Bytes& info, const Bytes& info_size) {
-    return full_box("esds", be(3, 1) + be(0x20, 1) + u16(1) + be(0, 1) + be(4, 1) + be(0x15, 1) +
-                                be(object_type, 1) + u32(0x11000000) + u32(64000) + u32(48000) +
+    return full_box("esds", be(3, 1) + be(0x20, 1) + be16(1) + be(0, 1) + be(4, 1) + be(0x15, 1) +
+                                be(object_type, 1) + be32(0x11000000) + be32(64000) + be32(48000) +
                                 be(5, 1) + info_size + info + be(6, 1) + be(1, 1) + be(2, 1));
 }
 
@@ -729,28 +731,28 @@ Bytes avcc(const Bytes& sequence_sets, const Bytes& picture_sets) {
 
 TEST(SampleEntries, H264ManyAndLargeSets) {
     const auto two = read_box<AVCCBox>(
-        avcc(be(0xE1, 1) + u16(2) + Bytes{0x67, 9}, be(1, 1) + u16(1) + Bytes{0x68}));
+        avcc(be(0xE1, 1) + be16(2) + Bytes{0x67, 9}, be(1, 1) + be16(1) + Bytes{0x68}));
     EXPECT_EQ(two->GetParameterSets(), (Bytes{0, 0, 0, 1, 0x67, 9, 0, 0, 0, 1, 0x68}));
     EXPECT_EQ(two->GetNalLengthSize(), 4u);
     EXPECT_EQ(static_cast<std::streamoff>(two->GetStart()), -1);
     const Bytes large(65535, 7);
     Bytes sets = be(0xFF, 1);
     for (int i = 0; i < 31; ++i)
-        sets = sets + u16(65535) + large;
+        sets = sets + be16(65535) + large;
     Bytes pictures = be(0, 1);
     const auto avc = read_box<AVCCBox>(avcc(sets, pictures));
     EXPECT_EQ(avc->GetParameterSets().size(), 31u * (65535 + 4));
     // A set that the file does not hold; the box's own size is not trusted either way.
-    MemoryStream in(header(0, "avcC") + Bytes{1, 66, 0, 10, 0xFF, 0xE1} + u16(20) + zeros(19));
+    MemoryStream in(header(0, "avcC") + Bytes{1, 66, 0, 10, 0xFF, 0xE1} + be16(20) + zeros(19));
     AVCCBox cut;
     EXPECT_THAT(message_of([&] { cut.Read(in.io(), in.size()); }), StartsWith(kInvalidSize));
 }
 
 // A host may deliver less than was asked for; a table is read on until it is there.
 TEST(HostileBoxes, TablesFromAHostThatCutsReadsShort) {
-    Bytes body = u32(0) + u32(3000);
+    Bytes body = be32(0) + be32(3000);
     for (uint32_t i = 0; i < 3000; ++i)
-        body = body + u32(i);
+        body = body + be32(i);
     FrontHost host(box("stco", body));
     host.most_a_read = 1000;
     StcoBox table;
@@ -771,7 +773,7 @@ TEST(HostileBoxes, FieldsAfterTheFirstThatDoesNotFitAreZero) {
 
 TEST(CodecBoxes, LongerConfigurationThanTheLengthsThatWereRead) {
     const Bytes one_byte_lengths =
-        u32(0) + Bytes{3, 21, 0, 1, 0, 4, 15, 0x20} + zeros(12) + Bytes{5, 0, 6, 1, 2};
+        be32(0) + Bytes{3, 21, 0, 1, 0, 4, 15, 0x20} + zeros(12) + Bytes{5, 0, 6, 1, 2};
     MemoryStream in(box("esds", one_byte_lengths));
     ESDBox esds;
     esds.Read(in.io(), static_cast<unsigned int>(8 + one_byte_lengths.size()));

@@ -133,9 +133,10 @@ std::string fields_below(const Box& box) {
     return fields;
 }
 
-const Bytes kEntryFields = zeros(6) + u16(1);
-const Bytes kVisualFields = kEntryFields + zeros(16) + u16(176) + u16(144) + u32(0x480000) +
-                            u32(0x480000) + zeros(4) + u16(1) + zeros(32) + u16(24) + u16(0xFFFF);
+const Bytes kEntryFields = zeros(6) + be16(1);
+const Bytes kVisualFields = kEntryFields + zeros(16) + be16(176) + be16(144) + be32(0x480000) +
+                            be32(0x480000) + zeros(4) + be16(1) + zeros(32) + be16(24) +
+                            be16(0xFFFF);
 constexpr const char* kVisual =
     "reserved#6;data_reference_index=1;reserved_2[=0;=0;=0;=0;]width=176;height=144;"
     "horizontal_resolution=4718592;vertical_resolution=4718592;reserved_3=0;frame_count=1;"
@@ -148,8 +149,8 @@ TEST(FieldListing, NamesTheFieldsInFileOrder) {
         Bytes entry;
         std::string fields;
     } entries[] = {
-        {box("samr", kEntryFields + zeros(8) + u16(2) + u16(16) + zeros(4) + u16(8000) + u16(0) +
-                         box("damr", text("ABCD") + Bytes{1, 0x81, 0xFF, 3, 5})),
+        {box("samr", kEntryFields + zeros(8) + be16(2) + be16(16) + zeros(4) + be16(8000) +
+                         be16(0) + box("damr", text("ABCD") + Bytes{1, 0x81, 0xFF, 3, 5})),
          "samr(reserved#6;data_reference_index=1;reserved_2[=0;=0;]channel_count=2;sample_size=16;"
          "reserved_3=0;timescale=8000;reserved_4=0;damr(vendor=ABCD;decoder_version=1;"
          "mode_set=33279;mode_change_period=3;frames_per_sample=5;))"},
@@ -172,17 +173,17 @@ TEST(FieldListing, NamesTheFieldsInFileOrder) {
              "stream_type_and_buffer_size=285212681;max_bit_rate=64000;average_bit_rate=48000;"
              "decoder_specific_tag=5;decoder_specific_size=3;decoder_specific#3;sl_config_tag=6;"
              "sl_config_size=1;sl_predefined=2;))"},
-        {box("rtp ", kEntryFields + u16(1) + u16(1) + u32(1450) + box("tims", u32(90000))),
+        {box("rtp ", kEntryFields + be16(1) + be16(1) + be32(1450) + box("tims", be32(90000))),
          "rtp (data#28;)"},
     };
     for (const auto& [entry, fields] : entries) {
-        MemoryStream in(full_box("stsd", u32(1) + entry) + zeros(1));
+        MemoryStream in(full_box("stsd", be32(1) + entry) + zeros(1));
         StsdBox stsd;
         stsd.Read(in.io(), in.size());
         EXPECT_EQ(fields_below(stsd), "version=0;flags=0;entry_count=1;" + fields);
         EXPECT_EQ(dump(*stsd.GetSampleEntries().at(0)), entry);
     }
-    MemoryStream in(full_box("elst", u32(2) + words({600, 0xFFFFFFFF, 0x10000, 5, 7, 0x20003})) +
+    MemoryStream in(full_box("elst", be32(2) + words({600, 0xFFFFFFFF, 0x10000, 5, 7, 0x20003})) +
                     zeros(1));
     ElstBox elst;
     elst.Read(in.io(), in.size());

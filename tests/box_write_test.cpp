@@ -341,10 +341,11 @@ TEST(NewBoxes, HaveSensibleDefaults) {
     EXPECT_EQ(mvhd.GetCreationTime(), mvhd.GetModificationTime());
     const Bytes bytes = dump(mvhd);
     ASSERT_EQ(bytes.size(), 108u);
-    const Bytes unit_matrix = u32(0x10000) + zeros(12) + u32(0x10000) + zeros(12) + u32(0x40000000);
-    EXPECT_EQ(Bytes(bytes.begin() + 28, bytes.begin() + 32), u32(0x10000))
+    const Bytes unit_matrix =
+        be32(0x10000) + zeros(12) + be32(0x10000) + zeros(12) + be32(0x40000000);
+    EXPECT_EQ(Bytes(bytes.begin() + 28, bytes.begin() + 32), be32(0x10000))
         << "rate 1.0, volume 1.0";
-    EXPECT_EQ(Bytes(bytes.begin() + 32, bytes.begin() + 34), u16(0x100));
+    EXPECT_EQ(Bytes(bytes.begin() + 32, bytes.begin() + 34), be16(0x100));
     EXPECT_EQ(Bytes(bytes.begin() + 44, bytes.begin() + 80), unit_matrix);
     const Bytes tkhd = dump(TkhdBox());
     ASSERT_EQ(tkhd.size(), 92u);
@@ -352,12 +353,12 @@ TEST(NewBoxes, HaveSensibleDefaults) {
     EXPECT_EQ(TkhdBox().GetVolume(), 0x100u);
     EXPECT_EQ(dump(HdlrBox()).size(), 33u);
     EXPECT_EQ(dump(MdhdBox()).size(), 32u);
-    EXPECT_EQ(dump(FtypBox()), box("ftyp", text("3gp6") + u32(256) + text("3gp53gp4")));
-    EXPECT_EQ(dump(DataEntryBox()), box("url ", u32(1)));
+    EXPECT_EQ(dump(FtypBox()), box("ftyp", text("3gp6") + be32(256) + text("3gp53gp4")));
+    EXPECT_EQ(dump(DataEntryBox()), box("url ", be32(1)));
 }
 
 TEST(NewBoxes, TimesReadAndWriteOnTheirOwn) {
-    MemoryStream stream(zeros(4) + u32(10) + u32(20));
+    MemoryStream stream(zeros(4) + be32(10) + be32(20));
     macro_Seek(stream.io(), 4);
     Timed times;
     EXPECT_EQ(times.GetSize(), 8u);
@@ -368,7 +369,7 @@ TEST(NewBoxes, TimesReadAndWriteOnTheirOwn) {
     EXPECT_EQ(times.GetModificationTime(), 20u);
     MemoryStream out;
     times.Dump(out.io());
-    EXPECT_EQ(out.written(), u32(10) + u32(20));
+    EXPECT_EQ(out.written(), be32(10) + be32(20));
 }
 
 TEST(NewBoxes, CodecConfigurationsReadBackAsMade) {
@@ -465,9 +466,10 @@ TEST(MediaData, HintSamplesHaveTheirStandardLayout) {
     packet.constructors = {HintConstructor::immediate(text("0123456789abcdefgh")),
                            HintConstructor::sample(-1, 5, 6, 7)};
     sample.packets = {packet};
-    EXPECT_EQ(sample.bytes(), u16(1) + u16(0) + u32(1) + u16(0xE0) + u16(3) + u16(1) + u16(2) +
-                                  be(1, 1) + be(14, 1) + text("0123456789abcd") + be(2, 1) +
-                                  be(0xFF, 1) + u16(5) + u32(6) + u32(7) + u16(1) + u16(1));
+    EXPECT_EQ(sample.bytes(), be16(1) + be16(0) + be32(1) + be16(0xE0) + be16(3) + be16(1) +
+                                  be16(2) + be(1, 1) + be(14, 1) + text("0123456789abcd") +
+                                  be(2, 1) + be(0xFF, 1) + be16(5) + be32(6) + be32(7) + be16(1) +
+                                  be16(1));
 }
 
 }  // namespace

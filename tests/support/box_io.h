@@ -4,8 +4,6 @@
 #define KESTREL_TESTS_SUPPORT_BOX_IO_H
 
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,21 +24,9 @@ inline Bytes be(uint64_t value, unsigned width) {
     return bytes;
 }
 
-inline Bytes u16(uint32_t value) {
-    return be(value, 2);
-}
-
-inline Bytes u32(uint32_t value) {
-    return be(value, 4);
-}
-
-inline Bytes zeros(size_t count) {
-    return Bytes(count);
-}
-
 // A box header with a size of the test's choosing.
 inline Bytes header(uint32_t size, std::string_view type) {
-    return u32(size) + text(type);
+    return be32(size) + text(type);
 }
 
 inline Bytes box(std::string_view type, const Bytes& body = {}) {
@@ -50,11 +36,6 @@ inline Bytes box(std::string_view type, const Bytes& body = {}) {
 // Version and flags 0.
 inline Bytes full_box(std::string_view type, const Bytes& body = {}) {
     return box(type, zeros(4) + body);
-}
-
-inline Bytes file_bytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // A stream that closes itself; reading bytes that it keeps, or writing.
