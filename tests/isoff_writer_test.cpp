@@ -827,6 +827,7 @@ TEST(Writer, H263TracksTakeTheirFormatLate) {
     EXPECT_EQ(read->width, 176u);
     EXPECT_EQ(read->height, 144u);
     EXPECT_EQ(read->duration, 3003u);
+    EXPECT_STREQ(read->vendor, "VXYZ");
 }
 
 // A configuration that is refused leaves the one before, wherever its memory ends.
