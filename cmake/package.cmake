@@ -48,6 +48,7 @@ endmacro()
 
 if(CPACK_DEBIAN_PACKAGE_ARCHITECTURE STREQUAL i386)
     set(needs_sse2 " They need a processor with SSE2.")
+    set(tool_needs_sse2 " It needs a processor with SSE2.")
 endif()
 set(library_package libkestrel${PROJECT_VERSION_MAJOR})
 kestrel_package(LIBRARY ${library_package} libs same "library that reads 3GP files"
@@ -65,7 +66,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} ${same_version}
 
 kestrel_package(
     TOOLS kestrel-tools video foreign "command-line tool for 3GP files"
-    "This package has the command kestrel, which shows, plays and fixes files.")
+    "This package has the command kestrel, which shows, plays and fixes files.${tool_needs_sse2}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} ${same_version}")
 
 # What every Debian package has: copyright and changelog.

@@ -4,6 +4,8 @@
  *
  *     smallest_host FILE MODE >STREAM
  */
+#define _POSIX_C_SOURCE 200809L /* for pread */
+
 #include <fcntl.h>
 #include <kestrel/kestrel.h>
 #include <stdio.h>

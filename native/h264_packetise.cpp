@@ -6,7 +6,7 @@
 #include "native/orb_native.h"
 #include "native/packet_output.h"
 
-// H.264 access units into packets (RFC 3984): single NAL units and FU-A fragments.
+// H.264 access units into packets (RFC 6184): single NAL units and FU-A fragments.
 
 namespace kestrel {
 namespace {

@@ -605,7 +605,7 @@ void drive(const Bytes& file, const char* mode) {
     EXPECT_EQ(read_all(player, true).status, KST_END_OF_FILE);
 }
 
-// A file whose hint samples have every constructor, and some that make no sense.
+// A file whose hint samples have every constructor, and some that are malformed.
 Bytes odd_file() {
     HintFile made = three_frames({1, 3});
     made.add_hint(hint_sample(2, {packet_entry(96, 1, 1)}));

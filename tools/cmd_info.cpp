@@ -166,8 +166,10 @@ void print_track(const Json& track) {
                     track["duration_seconds"].get<double>(), track["sample_count"].get<uint32_t>(),
                     track["bytes"].get<uint32_t>(), track["timescale"].get<uint32_t>());
         print_picture(track);
-        if (track.contains("sync_sample_count"))
-            std::printf(", %u sync samples", track["sync_sample_count"].get<uint32_t>());
+        if (track.contains("sync_sample_count")) {
+            const auto count = track["sync_sample_count"].get<uint32_t>();
+            std::printf(", %u sync sample%s", count, count == 1 ? "" : "s");
+        }
         if (track.contains("hints_track")) {
             std::printf(", for track %u, packets of at most %u bytes",
                         track["hints_track"].get<uint32_t>(),

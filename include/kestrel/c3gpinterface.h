@@ -20,8 +20,9 @@
 // **Open can end the process**, and no other function can. On an object that is not open, with a
 // mode and a table that it accepts, it writes a line to the standard error stream and exits with
 // status 1 if any track of the file, whatever the mode, has a sample entry "mp4v" whose "esds"
-// declares another object type than MPEG-4 Visual. A host that must not end asks
-// kst_probe_open (kestrel/probe.h) first, or opens the file in a process of its own.
+// declares another object type than MPEG-4 Visual, and reading gets there: a damaged box before it
+// makes Open fail first. A host that must not end asks kst_probe_open (kestrel/probe.h) first, or
+// opens the file in a process of its own.
 //
 // Why something failed goes to the system log (kestrel/log.h): one error for each call that fails,
 // so also for each Open of a file that has not arrived far enough; KST_NOT_YET writes nothing at
@@ -54,8 +55,9 @@ struct _TAG_KST_SEEK_PARAMS {
 enum KST_SEEK_FLAGS : uint32_t {
     KST_SEEK_RELATIVE = 0x10000,  // nTime is added to the time of the next frame; may be negative
     KST_SEEK_ABSOLUTE = 0x20000,  // nTime counts from the beginning
-    // The sync sample that is chosen. In a track without a table of sync samples every sample is
-    // one. A target after the last sync sample gets the last.
+    // The sync sample that is chosen. The target is the sample that is shown at the target time. In
+    // a track without a table of sync samples every sample is one. A target after the last sync
+    // sample gets the last.
     KST_SEEK_NEXT_SYNC = 1,      // the one at or after the target
     KST_SEEK_PREVIOUS_SYNC = 2,  // the one at or before the target
     // The one at the target; else, of its two neighbours, the one that is farther away, as the
@@ -182,19 +184,17 @@ class KESTREL_API C3gpInterface {
     //
     // Returns:
     //
-    // - KST_SUCCESS: all bytes that were wanted were delivered. None may be wanted, also with a
-    // null
-    //   buffer.
+    // - KST_SUCCESS: all bytes that were wanted were delivered. None may be wanted; `buffer` may
+    //   then be null.
     // - KST_END_OF_FILE: `*size` bytes were delivered, the last ones. The object stays open, for a
     //   seek.
     // - KST_NOT_YET: with `arriving`, a read was not served: call again when more has arrived. A
     //   file that was cut short is answered so for ever.
     // - KST_IO_FAILURE: IndexRead or AdvanceRead failed.
     // - KST_FAILURE: another slot failed, or without `arriving` delivered less than was asked for;
-    // a
-    //   table ends too early or leads outside the file; thousands of malformed hint samples follow
-    //   one another, or hint samples have more constructors than SECURITY.md allows; memory ran
-    //   out.
+    //   a table ends too early or leads outside the file; thousands of malformed hint samples
+    //   follow one another, or hint samples have more constructors than SECURITY.md allows; memory
+    //   ran out.
     // - KST_NOT_OPEN.
     // - KST_BAD_ARGUMENT: a null pointer.
     //
@@ -211,7 +211,8 @@ class KESTREL_API C3gpInterface {
     // ReadChunk that failed, all that it had gathered.
     //
     // Times are counted in whole units of the media track's timescale for each millisecond. The
-    // tables of a hint track are read in that timescale too, whatever its own is.
+    // tables of a hint track are read in that timescale too, whatever its own is: where the two
+    // differ another time is reached, and KST_HINT_REPLACE (kestrel/hinter.h) makes them agree.
     //
     // Returns:
     //

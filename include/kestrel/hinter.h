@@ -90,15 +90,18 @@ typedef struct kst_hint_report {
  *
  *   source       a complete file; read twice, with IndexRead
  *   destination  an empty stream at offset 0; written in order, with SeekNWrite. If Seek can go
- * back in it, the movie box becomes valid with the last byte options      may be null report may be
- * null The tables remain the caller's and are used during the call only.
+ *                back in it, the movie box becomes valid with the last byte
+ *   options      may be null
+ *   report       may be null
+ *
+ * The tables remain the caller's and are used during the call only.
  *
  * Returns KST_HINT_DONE, or the kind of failure, with a sentence in report->error. A source that
  * cannot be hinted is refused before the first byte is written. After a failure the destination
  * does not hold a complete file.
  *
- * Memory: 24 bytes for each sample of the source, about as much for the result, the longest sample
- * (at most 16 MiB in a track that gets a hint track), and 1 MiB.
+ * Memory: about 48 bytes for each sample (24 for the source, about as much for the result), the
+ * longest sample (at most 16 MiB in a track that gets a hint track), and 1 MiB.
  * Threads: may be called from several threads at once, each with its own tables. */
 KESTREL_API int kst_hint(KST_IOSTREAM_CALLBACK_INTERFACE* source,
                          KST_IOSTREAM_CALLBACK_INTERFACE* destination,

@@ -10,7 +10,7 @@
  *
  *     for (;;) {
  *         const int complete = kst_host_is_complete(host);
- *         const int32_t status = kst_Open(handle, kst_host_callbacks(host), mode);
+ *         const int32_t status = kst_Open(&handle, kst_host_callbacks(host), mode);
  *         if (status != KST_FAILURE || complete) return status;
  *         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
  *     }
@@ -111,7 +111,7 @@ KESTREL_API int kst_host_wait(kst_host* host);
  * these is so, which keeps the tries few:
  *
  * - the movie box ('moov') is there as a whole;
- * - a box header after it is there;
+ * - a box header after 'moov' is there;
  * - the stream has grown by half since the call.
  *
  * After KST_HOST_COMPLETE one more try may succeed: the bytes that it waited for may be the last.

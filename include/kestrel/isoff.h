@@ -311,8 +311,8 @@ enum iso_h263_payload : int32_t { ISO_H263_RFC4629 = 0, ISO_H263_RFC2190 = 1 };
 //   max_packet   longest packet in bytes, RTP header of 12 bytes included; 64 to 65535
 // The hint track gets the timescale and the current edits of `media`, an RTP clock of 90000 Hz for
 // video or of the sampling rate for speech, and an SDP in `sdp_text`.
-// Returns the track, owned by the file. Returns null for any other track, for an H.264 or MPEG-4
-// track without decoder configuration, and without memory.
+// Returns the track, owned by the file. Returns null for any other track, for a timescale of 0 of
+// `media`, for an H.264 or MPEG-4 track without decoder configuration, and without memory.
 KESTREL_API iso_track* rtp_isoFFtrack(iso_file* file, iso_track* media, int max_packet,
                                       int payload_type, iso_h263_payload h263_payload);
 

@@ -81,8 +81,11 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
 
 /* Delivers the next chunk of the native stream.
  *
- * A chunk is what one call delivers: one or more whole records of the stream, or the packets of one
- * frame. The chunks, one after another, are the stream; where one ends has no meaning in it.
+ * A chunk is what one call delivers: one fixed piece of the stream, often part of a frame. Speech:
+ * one header record; or bytes 0 to 23 of a frame, and in the next call the rest. Video: the first
+ * header record; then the other header records with the first frame record; then in turn the
+ * packets of a frame and the next frame record. docs/native-format.md has the calls as a table. The
+ * chunks, one after another, are the stream; where one ends has no meaning in it.
  *
  * `*size` is the room in `buffer` before the call. `arriving` says how the host serves the stream,
  * and may differ from call to call: false for a seekable stream (Seek and SeekNRead are called),

@@ -3,8 +3,8 @@
 #ifndef KESTREL_STATUS_H
 #define KESTREL_STATUS_H
 
-/* kst_StatusString returns the text of a code. A value that is not listed has the text
- * "Unknown status". */
+/* kst_StatusString returns the text of a code. It returns "Unknown status" for 20 to 23 and for a
+ * value that is not listed. The text of 16 names kst_GetIOCallbackStatus, which reports nothing. */
 enum {
     KST_SUCCESS = 0,             /* done */
     KST_END_OF_FILE = 1,         /* end of the track */
@@ -26,10 +26,10 @@ enum {
     KST_NOT_YET = 17,            /* data has not arrived yet: call again later */
     KST_BAD_TIMESTAMP = 18,      /* seek target past the end */
     KST_BAD_SEEK_FLAGS = 19,     /* invalid seek flags */
-    KST_DIVIDE_BY_ZERO = 20,     /* a zero divisor in a table; has no text */
-    KST_TABLE_TOO_SHORT = 21,    /* a sample table ends too early; has no text */
-    KST_NO_HINT_OFFSET = 22,     /* hint sample not found; has no text */
-    KST_CODEC_RECORD_FAILED = 23 /* codec record not written; has no text */
+    KST_DIVIDE_BY_ZERO = 20,     /* a zero divisor in a table */
+    KST_TABLE_TOO_SHORT = 21,    /* a sample table ends too early */
+    KST_NO_HINT_OFFSET = 22,     /* hint sample not found */
+    KST_CODEC_RECORD_FAILED = 23 /* codec record not written */
 };
 
 #endif

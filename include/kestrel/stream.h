@@ -8,9 +8,9 @@
  *
  * ## A file that arrives
  *
- * Which API calls which slot, while it opens a file (O), while it delivers with `arriving` false
- * (R), with `arriving` true (A), and while the class API seeks (S). The table must have every slot
- * all the same.
+ * The table lists the slots that each API calls while it opens a file (O), while it delivers with
+ * `arriving` false (R), with `arriving` true (A), and while the class API seeks (S). A host must
+ * fill every slot all the same.
  *
  * | Slot          | Function API | Class API  |
  * |---------------|--------------|------------|
@@ -30,7 +30,8 @@
  * | Slot          | Data not there yet          | At the true end          | Failed for good |
  * |---------------|-----------------------------|--------------------------|-----------------|
  * | GetOffset     | success                     | success                  | failure         |
- * | Seek          | success; may pass what came | success                  | failure         |
+ * | Seek          | success, also beyond the    | success                  | failure         |
+ * |               | bytes that have arrived     |                          |                 |
  * | SeekNRead     | not-yet, position kept      | success, fewer bytes     | failure         |
  * | GetStreamSize | success if the final length | success                  | failure         |
  * |               | is known, else not-yet      |                          |                 |

@@ -42,7 +42,7 @@ struct PacketFigures {
     Range per_frame;  // packets of a hint sample
     std::vector<Range> size_by_time;
     std::vector<Range> frame_by_time;
-    std::string damage;    // where the hint samples make no sense
+    std::string damage;    // where the hint samples are malformed
     bool complete = true;  // false where there were too many to look at
 };
 

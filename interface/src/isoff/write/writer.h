@@ -18,7 +18,7 @@ bool write_stream(iso_file* file, const void* from, uint32_t count);
 // 0, or the error of isoFFwrite for a file that is finished or a track that is closed.
 int check_open(const iso_track* track);
 
-// isoFFwrite of arguments that make sense, with the duration as it is. May throw std::bad_alloc.
+// isoFFwrite of valid arguments, with the duration as it is. May throw std::bad_alloc.
 int write_sample(iso_track* track, std::span<const uint8_t> sample, uint32_t duration,
                  int32_t cts_offset);
 
