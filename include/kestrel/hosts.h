@@ -6,16 +6,17 @@
  * it after the handle. A host serves one handle at a time and is not safe to use from two threads
  * at once. Offsets are 32 bits wide, so a stream is at most 4 GiB - 1 bytes long.
  *
- * Playing a file that arrives, here from a pipe:
+ * Playing a file that arrives, here from a pipe. `handle` is the address of the handle (an
+ * mm_Interface**):
  *
  *     for (;;) {
  *         const int complete = kst_host_is_complete(host);
- *         const int32_t status = kst_Open(&handle, kst_host_callbacks(host), mode);
+ *         const int32_t status = kst_Open(handle, kst_host_callbacks(host), mode);
  *         if (status != KST_FAILURE || complete) return status;
  *         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
  *     }
  *
- * and then, for each chunk:
+ * and then, for each chunk, where `handle` is the handle itself and `size` the address of the size:
  *
  *     for (;;) {
  *         const int complete = kst_host_is_complete(host);
