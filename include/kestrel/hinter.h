@@ -100,8 +100,9 @@ typedef struct kst_hint_report {
  * cannot be hinted is refused before the first byte is written. After a failure the destination
  * does not hold a complete file.
  *
- * Memory: about 48 bytes for each sample (24 for the source, about as much for the result), the
- * longest sample (at most 16 MiB in a track that gets a hint track), and 1 MiB.
+ * Memory: about 35 to 80 bytes for each sample, the more of the durations, composition offsets and
+ * chunks differ; about 10 for each packet after the first of a sample; the longest sample (at most
+ * 16 MiB in a track that gets a hint track); and 1 MiB.
  * Threads: may be called from several threads at once, each with its own tables. */
 KESTREL_API int kst_hint(KST_IOSTREAM_CALLBACK_INTERFACE* source,
                          KST_IOSTREAM_CALLBACK_INTERFACE* destination,
