@@ -88,7 +88,8 @@ std::vector<MediaSample> samples_of(const Bytes& file, const char* mode,
         samples.clear();
         double units = 0;
         for (const importer::Sample& sample : track.samples) {
-            const auto bytes = std::span(file).subspan(sample.offset, sample.size);
+            const auto bytes =
+                std::span(file).subspan(static_cast<size_t>(sample.offset), sample.size);
             const double scale = track.timescale / 1000.0;
             samples.push_back({units / scale, (units + sample.composition_offset) / scale,
                                sample.is_sync != 0, md5(bytes)});
