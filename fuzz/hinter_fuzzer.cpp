@@ -70,7 +70,8 @@ void check_samples(View source, View written, const kst_hint_options& options,
     uint32_t tracks = 0;
     for (const Track& was : before.tracks) {
         const Track* now = was.handler == kHint ? nullptr : find(after, was.id);
-        if (now == nullptr) continue;
+        // A new hint track may have the ID of one that was left out for its sample entry.
+        if (now == nullptr || now->handler == kHint) continue;
         check_track(source, was, written, *now);
         ++tracks;
     }
