@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
 
@@ -87,6 +88,56 @@ TEST_F(NoMemory, FunctionApi) {
             EXPECT_TRUE(play(host.get(), medium.mode).stream == whole.stream);
         });
     }
+}
+
+// The sample with a session description of so many bytes in its movie box, which is the last one.
+Bytes with_description(Bytes file, size_t bytes) {
+    const Bytes extra = box("udta", {box("hnti", {box("rtp ", {zeros(4 + bytes)})})});
+    constexpr char kMoov[] = {'m', 'o', 'o', 'v'};
+    const auto movie =
+        std::find_end(file.begin(), file.end(), std::begin(kMoov), std::end(kMoov)) - 4;
+    const Bytes size =
+        be32(static_cast<uint32_t>(file.end() - movie) + static_cast<uint32_t>(extra.size()));
+    std::copy(size.begin(), size.end(), movie);
+    return join({file, extra});
+}
+
+// The last piece that opening takes lies in a block of its own: without it, the hint track would
+// not be played but its media.
+TEST_F(NoMemory, FunctionApiAtTheEndOfABlock) {
+    const Bytes sample = read_sample("h263_hinted_1450.3gp");
+    const auto blocks = [&](size_t bytes) {
+        const Bytes file = with_description(sample, bytes);
+        const Host host = memory_host(file);
+        mm_Interface* handle = nullptr;
+        const int32_t before = malloccount;
+        EXPECT_EQ(kst_Open(&handle, kst_host_callbacks(host.get()), "vr"), KST_SUCCESS);
+        const int32_t taken = malloccount - before;
+        kst_Close(&handle);
+        return taken;
+    };
+    size_t fits = 900'000, exceeds = 1'100'000;
+    const int32_t least = blocks(fits);
+    ASSERT_LT(least, blocks(exceeds));
+    while (exceeds - fits > 1) {
+        const size_t middle = fits + (exceeds - fits) / 2;
+        (blocks(middle) == least ? fits : exceeds) = middle;
+    }
+    const Bytes file = with_description(sample, exceeds);
+    const Bytes whole = play(file, "vr").stream;
+    fail_each([&](AllocationFault& fault) {
+        const Host host = memory_host(file);
+        mm_Interface* handle = nullptr;
+        const int32_t status =
+            fault.during([&] { return kst_Open(&handle, kst_host_callbacks(host.get()), "vr"); });
+        if (status == KST_SUCCESS) {
+            expect_rest(read_call(handle, false), fault, {}, whole);
+            kst_Close(&handle);
+        } else {
+            EXPECT_EQ(status, KST_NO_MEMORY);
+            EXPECT_EQ(handle, nullptr);
+        }
+    });
 }
 
 TEST_F(NoMemory, ClassApi) {

@@ -130,13 +130,7 @@ void Faults::expect_failures(const std::vector<int32_t>& failures, int failing,
     }
     const std::string_view slot = names_[static_cast<size_t>(failing)];
     const bool stream_call = slot == "Seek" || slot == "SeekNRead";
-    const bool failed = fault.status == KST_HOST_FAILED;
-    if (slot == "AdvanceRead" && !flag_ && !failed) {  // in plain mode no wait
-        EXPECT_TRUE(failures.empty() || fault.for_good);
-        EXPECT_THAT(failures, Each(KST_FAILURE));  // of the reads after it
-        return;
-    }
-    const int32_t refused = failed ? KST_IO_FAILURE : KST_NOT_YET;
+    const int32_t refused = fault.status == KST_HOST_FAILED ? KST_IO_FAILURE : KST_NOT_YET;
     const int32_t expected = stream_call                       ? int32_t{KST_FAILURE}
                              : fault.kind == FaultKind::kShort ? int32_t{KST_NOT_YET}
                                                                : refused;

@@ -179,8 +179,7 @@ class KESTREL_API C3gpInterface {
     // Delivers the next bytes of the stream. `*size` is the number of bytes wanted before the call,
     // and the number delivered after it. `arriving` says how the host serves the stream, and may
     // differ from call to call: true for one that fills over time (IndexRead), false for a seekable
-    // one (Seek and SeekNRead). AdvanceRead is called for every hint sample in both; a not-yet of
-    // it counts only with `arriving`.
+    // one (Seek and SeekNRead). AdvanceRead is called for every hint sample in both.
     //
     // Returns:
     //
@@ -189,7 +188,8 @@ class KESTREL_API C3gpInterface {
     // - KST_END_OF_FILE: `*size` bytes were delivered, the last ones. The object stays open, for a
     //   seek.
     // - KST_NOT_YET: with `arriving`, a read was not served: call again when more has arrived. A
-    //   file that was cut short is answered so for ever.
+    //   file that was cut short is answered so for ever. Without `arriving`, only a not-yet of
+    //   AdvanceRead.
     // - KST_IO_FAILURE: IndexRead or AdvanceRead failed.
     // - KST_FAILURE: another slot failed, or without `arriving` delivered less than was asked for;
     //   a table ends too early or leads outside the file; thousands of malformed hint samples

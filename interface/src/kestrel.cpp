@@ -67,7 +67,9 @@ int32_t open_over(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* ca
     }
     *handle_out = record;
     record->file = file;
-    const int32_t status = mmfi_Open(record, mode);
+    int32_t status = mmfi_Open(record, mode);
+    // Without its hint track's cursor a file would play as another stream.
+    if (status == KST_SUCCESS && file->own->lacked_memory) status = KST_NO_MEMORY;
     if (status == KST_SUCCESS) {
         kstutil_seek(callbacks, 0);
         return KST_SUCCESS;

@@ -324,8 +324,7 @@ void C3gpInterface::IOFileStreamAdvance(uint32_t offset) {
     const uint32_t result = classify(m_pIOCallback, status);
     if (result == KST_IO_OK) return;
     if (is_not_yet(result)) {
-        // A stream that is served whole has all of its data, whatever is said of what lies ahead.
-        if (m_fArriving) m_uStatus = KST_NOT_YET;
+        m_uStatus = KST_NOT_YET;  // in plain mode as well
         return;
     }
     fail(m_uStatus, KST_IO_FAILURE, at(kDriverSource),

@@ -17,7 +17,6 @@ class MovieMemory {
         file->in_moov_buffer = 1;
         file->moov_buffer = body.data();
         file->moov_left = static_cast<uint32_t>(body.size());
-        file->own->movie_end = body.data() + body.size();
     }
     MovieMemory(const MovieMemory&) = delete;
     MovieMemory& operator=(const MovieMemory&) = delete;

@@ -31,14 +31,6 @@ const isobox* find(const isobox* table, uint32_t type) {
     return nullptr;
 }
 
-// Whether the next track begins with the bytes that a box has left: a size that is too long has cut
-// into it. The box may end inside that track's header.
-bool cuts_into_track(const iso_file* file) {
-    const auto in_movie = static_cast<size_t>(file->own->movie_end - file->moov_buffer);
-    return file->moov_left > 0 && in_movie >= kBoxHeader &&
-           load_be32(file->moov_buffer + 4) == fourcc("trak");
-}
-
 // Runs a handler on a box inside `moov`: it sees the box's own bytes only.
 int run_bounded(iso_file* file, const isobox* box, uint32_t size, bool to_end) {
     const uint32_t left = file->moov_left;
@@ -49,17 +41,13 @@ int run_bounded(iso_file* file, const isobox* box, uint32_t size, bool to_end) {
     const MovieLimit limit(file, to_end ? left : std::min(size, left));
     if (box == nullptr) return 0;
     BoxReader reader(file, size);
-    const int result = box->handler(reader);
-    if (result == 0 && cuts_into_track(file)) lose_track(file, "begins inside another track");
-    return result;
+    return box->handler(reader);
 }
 
 int run_box(iso_file* file, const isobox* table, const BoxHeader& header) {
     const isobox* box = find(table, header.type);
     const bool to_end = header.size == 0;
     const uint32_t size = to_end ? 0 : header.size - kBoxHeader;
-    if (box == nullptr && file->in_moov_buffer && header.type == fourcc("trak"))
-        lose_track(file, "inside another track");
     if (file->in_moov_buffer) return run_bounded(file, box, size, to_end);
     BoxReader reader(file, size);
     return box == nullptr ? pass_over(reader) : box->handler(reader);

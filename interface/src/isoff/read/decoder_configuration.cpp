@@ -84,19 +84,20 @@ void forget_param_sets(iso_track* track) {
     track->param_sets_length = 0;
 }
 
-// Leaves the track without configuration: one that cannot be read is none.
-void refuse_config(iso_track* track) {
-    forget_param_sets(track);
-    track->dsi = nullptr;
-    track->dsi_length = track->own->dsi_capacity = 0;
-    track->own->has_bad_config = 1;
-}
-
 void keep_avcc_header(iso_track* track, const AvccHeader& header) {
     track->profile = header.profile;
     track->profile_compat = header.compatibility;
     track->level = header.level;
     track->nal_length_size = header.nal_length_size;
+}
+
+// Leaves the track without configuration: one that cannot be read is none.
+void refuse_config(iso_track* track) {
+    forget_param_sets(track);
+    track->dsi = nullptr;
+    track->dsi_length = track->own->dsi_capacity = 0;
+    keep_avcc_header(track, {});
+    track->own->has_bad_config = 1;
 }
 
 // Puts the sets into `block`, which has room for them.

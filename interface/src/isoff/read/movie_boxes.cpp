@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
+#include <array>
+#include <span>
 
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/read/sample_tables.h"
@@ -230,9 +232,37 @@ constexpr isobox trak_box[] = {{"tkhd", read_tkhd}, {"mdia", read_mdia}, {"edts"
                                {"meta", read_meta}, {"tref", read_tref}, {"udta", read_udta},
                                {nullptr, nullptr}};
 
+// --- tracks that damage hides ---
+
+// Whether a `trak` begins with these bytes. The box that it holds first is looked at as well, so
+// that other bytes are hardly taken for one.
+bool is_track_header(std::span<const uint8_t> bytes) {
+    if (bytes.size() < 2 * kBoxHeader || load_be32(&bytes[4]) != fourcc("trak")) return false;
+    constexpr std::array kFirst = {"tkhd", "mdia", "edts", "tref", "udta", "meta"};
+    const uint32_t first = load_be32(&bytes[kBoxHeader + 4]);
+    return std::any_of(kFirst.begin(), kFirst.end(),
+                       [=](const char* type) { return fourcc(type) == first; });
+}
+
+// Reports the tracks in `body` of `moov` that the walk did not come to: a size that is too long
+// covers them or cuts into them, or damage ended the walk before them.
+void report_hidden_tracks(iso_file* file, std::span<const uint8_t> body, uint32_t walked) {
+    uint32_t seen = 0;
+    for (auto at = body.begin();; ++at) {
+        at = std::find(at, body.end(), uint8_t{'t'});
+        const auto offset = static_cast<size_t>(at - body.begin());
+        if (at == body.end()) break;
+        if (offset >= 4 && is_track_header(body.subspan(offset - 4))) seen++;
+    }
+    for (; seen > walked; --seen)
+        lose_track(file, "hidden by damage");
+}
+
 // What stands in a track without a header that can be read, or before it, belongs to no track.
 int read_trak(BoxReader& box) {
     iso_file* file = box.file();
+    if (is_track_header({box.data() - kBoxHeader, box.left() + kBoxHeader}))
+        file->own->walked_tracks++;
     iso_track* const before = file->current_track;
     file->current_track = nullptr;
     file->own->headless_media = 0;
@@ -250,19 +280,14 @@ constexpr isobox moov_box[] = {{"mvhd", read_mvhd},
                                {"udta", read_udta},
                                {nullptr, nullptr}};
 
-// Where the walk ended early, the tracks that follow are not read.
-int read_trak_after_damage(BoxReader& box) {
-    lose_track(box.file(), "after a damaged one");
-    return 0;
-}
-
-constexpr isobox rest_of_moov_box[] = {{"trak", read_trak_after_damage}, {nullptr, nullptr}};
-
 }  // namespace
 
 int read_movie(BoxReader& box) {
+    iso_file* file = box.file();
+    const std::span<const uint8_t> body(box.data(), box.left());
+    file->own->walked_tracks = 0;
     const int result = parse_rest(box, moov_box);
-    if (result != 0) parse_rest(box, rest_of_moov_box);
+    report_hidden_tracks(file, body, file->own->walked_tracks);
     return result;
 }
 

@@ -169,6 +169,9 @@ constexpr Place kHintFields[] = {
 static_assert(are_in_place(kFileFields));
 static_assert(are_in_place(kTrackFields));
 static_assert(are_in_place(kHintFields));
+// Nothing follows the pointer to what is ours.
+static_assert(sizeof(iso_file) == offsetof(iso_file, own) + sizeof(void*));
+static_assert(sizeof(void*) != 4 || sizeof(iso_track) == offsetof(iso_track, own) + sizeof(void*));
 
 }  // namespace
 }  // namespace kestrel

@@ -27,8 +27,8 @@ struct iso_file_details {
     // Movie units per second as `mvhd` has them, also in version 1, whose times are not read into
     // timescale and duration. Edit lists count in these.
     uint32_t edit_timescale;
-    // Number of `trak` boxes that were skipped: inside another one, after one with damage that ends
-    // the reading, without a whole `tkhd`, or with their `mdia` before it.
+    // Number of `trak` boxes that were skipped: inside another box, after damage that ends the
+    // reading, without a whole `tkhd`, or with their `mdia` before it.
     uint32_t lost_tracks;
     uint32_t direct_write;  // writer, 1: samples go to the stream as they come
 };
@@ -88,7 +88,7 @@ struct iso_file_private : iso_file_details {
     iso_track* last_track;
     uint32_t remarks;          // lines about the file that were printed
     uint32_t passed_pos;       // stream offset that passing over a box last asked for
-    const uint8_t* movie_end;  // of the in-memory `moov`
+    uint32_t walked_tracks;    // `trak` boxes of the movie box that the walk came to
     uint32_t headless_media;   // 1: the track at hand has an `mdia` before its `tkhd`
     uint64_t missing;          // end of the piece of a sample that could not be read; 0: none
     // 1: an allocation for the file failed, so something of it may be missing.
