@@ -334,7 +334,7 @@ class Check(ToolTest):
         swapped = (data[:first + 8] + data[header:first + size] + data[first + 8:header] +
                    data[first + size:])
         cases = [("covers the next", patched(first, size + next_size), 1),
-                 ("covers three bytes of the next", patched(first, size + 3), 1),
+                 ("covers three bytes of the next", patched(first, size + 3), 3),
                  ("media before the header", swapped, 1),
                  ("too small a box", patched(first + 8, 7), 4),
                  ("a movie of more than there is", patched(movie, len(data) * 2), None)]
