@@ -236,6 +236,7 @@ class KESTREL_API C3gpInterface {
         uint64_t done = 0;  // packets and constructors gone through
         uint64_t made = 0;  // bytes of the frames that they made
     };
+    // Returns the counts; they belong to the object and change with it.
     const Work& GetWork() const { return m_Work; }
 
   private:
