@@ -39,8 +39,20 @@ def functions(header):
     return sorted(set(names))
 
 
-def page(text, name):
-    """A page of Doxygen under the name that it gets, with the date of the release."""
+def summary(header):
+    """The first sentence of a header's first comment, in one line."""
+    lines = []
+    for line in header.read_text().splitlines()[1:]:  # after the licence
+        lines.append(re.sub(r"^[ /*]+", "", line))
+        if re.search(r"[.:]( |$)", lines[-1]):
+            break
+    return re.split(r"[.:](?: |$)", " ".join(filter(None, lines)))[0]
+
+
+def page(text, name, header):
+    """A page of Doxygen under the name that it gets, with a summary and the date of the release."""
+    text = re.sub(r"(?<=^\.SH NAME\n).*$", lambda _: f"{name} \\- {summary(header)}", text, count=1,
+                  flags=re.M)
     text = re.sub(r"^\.TH .*$", f'.TH "{name}" 3 "{date()}" "Kestrel" "Library Functions Manual"',
                   text, count=1, flags=re.M)
     return text.replace("\\fC", "\\f(CW")
@@ -66,10 +78,11 @@ def main():
             name = f"kestrel_{header.name}"
             if not source.exists():
                 continue
-            write(man, name, page(source.read_text(), name))
+            write(man, name, page(source.read_text(), name, header))
             for function in functions(header):
                 write(man, function, f".so man3/{name}.3\n")
-        write(man, CLASS, page((made / "man" / "man3" / f"{CLASS}.3").read_text(), CLASS))
+        write(man, CLASS, page((made / "man" / "man3" / f"{CLASS}.3").read_text(), CLASS,
+                               HEADERS / "c3gpinterface.h"))
 
 
 if __name__ == "__main__":
