@@ -90,6 +90,8 @@ void read_chroma_format(GolombReader& reader, H264Sequence& sequence) {
     }
 }
 
+constexpr uint32_t kMaxCycle = 255;  // num_ref_frames_in_pic_order_cnt_cycle
+
 void read_order_type(GolombReader& reader, H264Sequence& sequence) {
     sequence.order_type = reader.ue();
     if (sequence.order_type == 0) {
@@ -98,7 +100,8 @@ void read_order_type(GolombReader& reader, H264Sequence& sequence) {
         sequence.is_order_regular = reader.flag();
         sequence.offset_of_unreferenced = reader.se();
         reader.se();  // offset_for_top_to_bottom_field
-        for (uint32_t left = reader.ue(); left > 0 && reader.ok(); --left)
+        // One more than there may be shows that the set is out of range; the rest is not kept.
+        for (uint32_t left = std::min(reader.ue(), kMaxCycle + 1); left > 0 && reader.ok(); --left)
             sequence.cycle_offsets.push_back(reader.se());
     }
 }
@@ -156,7 +159,6 @@ bool H264Sequence::has_chroma_format() const {
 std::optional<H264Sequence> read_h264_sequence(NalUnit unit, uint32_t& id) {
     constexpr unsigned kMaxBits = 16;
     constexpr uint32_t kMaxOrderType = 2, kMaxDepth = 14, kMaxChromaFormat = 3;
-    constexpr size_t kMaxCycle = 255;
     const std::vector<uint8_t> bytes = unescaped(unit, SIZE_MAX);
     GolombReader reader(bytes);
     H264Sequence sequence;

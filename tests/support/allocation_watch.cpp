@@ -74,6 +74,10 @@ void* operator new(size_t size) {
     return allocate(size);
 }
 
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return __wrap_malloc(size);
+}
+
 void operator delete(void* memory) noexcept {
     __wrap_free(memory);
 }
