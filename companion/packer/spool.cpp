@@ -10,7 +10,9 @@ namespace kestrel::packer {
 bool Spool::move_to_file() {
     file_.reset(std::tmpfile());
     if (file_ == nullptr) return false;
-    if (std::fwrite(memory_.data(), 1, memory_.size(), file_.get()) != memory_.size()) return false;
+    // fwrite takes no null pointer, not even for nothing.
+    const size_t held = memory_.size();
+    if (held > 0 && std::fwrite(memory_.data(), 1, held, file_.get()) != held) return false;
     file_position_ = memory_.size();
     std::vector<uint8_t>().swap(memory_);
     return true;
@@ -26,6 +28,7 @@ bool Spool::seek(uint64_t offset, bool to_read) {
 }
 
 bool Spool::append(std::span<const uint8_t> bytes) {
+    if (bytes.empty()) return true;
     if (file_ == nullptr && size_ + bytes.size() <= max_in_memory_) {
         memory_.insert(memory_.end(), bytes.begin(), bytes.end());
         size_ += bytes.size();
