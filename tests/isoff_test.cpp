@@ -21,8 +21,6 @@
 namespace {
 
 using kestrel::sample_size_of;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 // Whether the function API opens a movie of the tracks.
 bool opens(const Bytes& tracks, const char* mode) {

@@ -176,7 +176,7 @@ std::string in_plain_words(const CLI::App& app, const CLI::ParseError& wrong) {
         {std::regex("(.*) excludes (.*)"), "$1 and $2 exclude each other"},
         {std::regex("The following arguments? w\\w+ not expected: (.*)"), "not expected: '$1'"},
     };
-    const std::string text = wrong.what();
+    std::string text = wrong.what();
     for (const auto& [form, words] : kForms) {
         if (!std::regex_match(text, form)) continue;
         const std::string plain = std::regex_replace(text, form, words);
@@ -234,7 +234,7 @@ class HelpFormatter final : public CLI::Formatter {
         return out + (option.get_required() && !is_positional ? " (required)" : "");
     }
 
-    static std::string two_columns(std::string left, const std::string& text) {
+    static std::string two_columns(const std::string& left, const std::string& text) {
         std::string out = left.size() + 2 > kColumn ? left + "\n" : "";
         std::string line = out.empty() ? left : "";
         line.resize(kColumn, ' ');
