@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "companion/probe/media_tracks.h"
+#include "interface/src/isoff/record/private.h"
 
 namespace tool {
 namespace {
@@ -49,6 +50,7 @@ void HintPackets::go_to(int32_t sample) {
     isoFFsetPosition(hint_, sample);
     cursor_.sample = sample;
     cursor_.packets_left = 0;
+    hint_->own->hint_work = {};
 }
 
 std::string HintPackets::lacks() const {

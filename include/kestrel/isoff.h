@@ -389,7 +389,8 @@ KESTREL_API iso_track* isoFFfindHintTrack(iso_track* media, int max_packet);
 // Writes the next RTP packet into `buffer`: an RFC 3550 header of 12 bytes, then the payload.
 // `buffer` must hold iso_track::rtp_max_packet bytes. Returns the length of the packet, or
 //    0  end of the hint track
-//   -1  no cursor, a short read, or a packet longer than rtp_max_packet
+//   -1  no cursor, a short read, or a packet longer than rtp_max_packet; also once the hint samples
+//       since the last seek have far more packets and constructors than bytes (SECURITY.md)
 //   -2  the stream fails
 // To seek, move the hint track with isoFFsetPosition. The next packet is the first of that hint
 // sample, or if that is the current hint sample, its next packet. Timestamps continue.

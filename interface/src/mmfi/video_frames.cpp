@@ -177,7 +177,8 @@ Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_t
     if (!missing_has_arrived(record->file)) return kMissing;
     missing = 0;
     const TrackState media(record->track);
-    const TrackState source(hint != nullptr ? hint : record->track);
+    iso_track* track = hint != nullptr ? hint : record->track;
+    const TrackState source(track);
     const tel_native native = record->native;
     const Gathered gathered = hint != nullptr
                                   ? gather_packets(record, how.payload_type, hint, first)
@@ -185,7 +186,10 @@ Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_t
     if (gathered.status != KST_NOT_YET) missing = 0;
     if (gathered.status == KST_SUCCESS) return gathered;
     media.restore();
+    const iso_hint_work spent = track->own->hint_work;
     source.restore();
+    // What a failure took is not given again to the next call, which fails there as well.
+    if (gathered.status == KST_FAILURE) track->own->hint_work = spent;
     record->native = native;
     Staging(record).clear();
     return gathered;

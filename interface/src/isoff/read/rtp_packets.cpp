@@ -97,6 +97,9 @@ class PacketReader {
     void leave() { hint_.offset = static_cast<uint32_t>(offset_); }
 
   private:
+    iso_hint_work& work() const { return track_->own->hint_work; }
+    bool is_overworked() const;
+    void count_steps(uint32_t steps);
     bool at_end() const { return hint_.sample >= track_->sample_count; }
     bool extend(uint32_t count);
     void view_sample();
@@ -126,6 +129,19 @@ class PacketReader {
     bool strayed_ = false;   // the hint track's cursor is not on the sample of its packets
 };
 
+// Whether the packets have taken more steps than hint samples that lie apart from each other can
+// have: each step takes at least four bytes of the file, or adds a byte to a packet. Tables that
+// list few bytes over and over can declare billions.
+inline bool PacketReader::is_overworked() const {
+    constexpr int64_t kFreeSteps = 1 << 20;
+    return work().unpaid > kFreeSteps + static_cast<int64_t>(work().read_end);
+}
+
+inline void PacketReader::count_steps(uint32_t steps) {
+    track_->own->hint_steps += steps;
+    work().unpaid += steps;
+}
+
 // Takes `count` more bytes into the packet, if there is room for them.
 inline bool PacketReader::extend(uint32_t count) {
     if (count > room_) return false;
@@ -141,6 +157,7 @@ inline void PacketReader::resynchronise() {
     const bool moved = at_end() ? track_->own->positioned != 0 : hint_.sample != track_->cur_sample;
     track_->own->positioned = 0;
     if (!moved) return;
+    work() = {};
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
     offset_ = 0;
@@ -185,6 +202,7 @@ inline void PacketReader::begin_packets(uint32_t packets) {
 inline int PacketReader::open_sample() {
     constexpr int kMaxEmptySamples = 65536;
     if (at_end()) return kAtEnd;
+    if (is_overworked()) return -1;
     if (hint_.packets_left != 0) return 0;
     // isoFFfindHintTrack has the sample begun again that the cursor is inside.
     const uint64_t begun_at = offset_;
@@ -206,7 +224,7 @@ inline int PacketReader::open_sample() {
             return 0;
         }
         is_begun_ = false;
-        track_->own->hint_steps++;
+        count_steps(1);
         if (++empty > kMaxEmptySamples) return -1;
         next_sample();
     } while (!at_end());
@@ -340,7 +358,8 @@ inline int PacketReader::build_packet() {
     int result = take_own(kPacketEntrySize);
     if (result != 0) return result;
     const PacketEntry entry = parse_entry(own_);
-    track_->own->hint_steps += 1 + entry.constructors();
+    work().read_end = std::max(work().read_end, track_->cur_offset + offset_);
+    count_steps(1u + entry.constructors());
     result = write_header(entry);
     if (result == 0 && entry.has_extra_information()) result = skip_extra_information();
     if (result != 0) return result;
@@ -353,7 +372,10 @@ inline int PacketReader::build_packet() {
 
 inline int PacketReader::read_packet() {
     const int result = build_packet();
-    if (result == 0) note_read_position();
+    if (result == 0) {
+        work().unpaid -= length();
+        note_read_position();
+    }
     // A constructor that copied from another of the hint track's own samples moved its cursor;
     // were it left there, the next call would take that for a seek and could run in a circle.
     if (strayed_) move_cursor(track_, hint_.sample);
@@ -396,6 +418,7 @@ iso_track* isoFFrtpHinter(iso_track* media, int max_packet) {
     if (track->hint == nullptr) track->hint = arena_array<rtp_hint_state>(track->file, 1);
     if (track->hint == nullptr) return nullptr;
     *track->hint = rtp_hint_state{};
+    track->own->hint_work = {};
     track->hint->media_track = media;
     media->own->attached_hint = track;
     return track;

@@ -19,7 +19,8 @@ TrackState::TrackState(iso_track* track)
       last_seq_(track->last_seq),
       last_timestamp_(track->last_timestamp),
       last_read_pos_(track->last_read_pos),
-      last_payload_type_(track->last_payload_type) {
+      last_payload_type_(track->last_payload_type),
+      hint_work_(track->own->hint_work) {
     if (track->hint != nullptr) hint_ = *track->hint;
 }
 
@@ -39,6 +40,7 @@ void TrackState::restore() const {
     track_->last_timestamp = last_timestamp_;
     track_->last_read_pos = last_read_pos_;
     track_->last_payload_type = last_payload_type_;
+    track_->own->hint_work = hint_work_;
     if (track_->hint != nullptr) *track_->hint = hint_;
 }
 

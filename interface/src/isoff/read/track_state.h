@@ -25,6 +25,7 @@ class TrackState {
     uint32_t positioned_, next_alike_;
     uint32_t rtp_seq_offset_, seq_rebase_, last_seq_, last_timestamp_, last_read_pos_;
     uint32_t last_payload_type_;
+    iso_hint_work hint_work_;
     rtp_hint_state hint_{};
 };
 

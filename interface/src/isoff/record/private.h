@@ -110,6 +110,13 @@ struct iso_file_private : iso_file_details {
     std::span<const uint8_t> copied_iods;
 };
 
+// What interpreting a hint track has cost since its last seek, and what for: a step is a packet, a
+// constructor or an empty hint sample.
+struct iso_hint_work {
+    int64_t unpaid;     // steps, less one for each byte of the packets
+    uint64_t read_end;  // how far into the file hint samples were read
+};
+
 struct iso_track_private : iso_track_details {
     iso_track* attached_hint;   // that isoFFrtpHinter last found for this track
     uint32_t dsi_capacity;      // bytes that `dsi` has room for
@@ -119,6 +126,7 @@ struct iso_track_private : iso_track_details {
     uint32_t has_bad_config;    // 1: the decoder configuration could not be read
     // Packets, constructors and empty hint samples of this hint track that were interpreted.
     uint64_t hint_steps;
+    iso_hint_work hint_work;
     iso_index* index;  // finds any sample at once; null while the file is being written
 
     // Read cursor.
