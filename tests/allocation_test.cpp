@@ -9,6 +9,7 @@
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
 #include "kestrel/codec.h"
+#include "kestrel/hinter.h"
 #include "kestrel/isoff.h"
 #include "kestrel/log.h"
 #include "tests/support/allocation_watch.h"
@@ -285,6 +286,32 @@ TEST_F(NoMemory, ReaderFunctions) {
         systemfree(start_coded);
         systemfree(record);
         isoFFclose(iso);
+    });
+}
+
+TEST_F(NoMemory, Hinter) {
+    const Bytes source = read_sample("wild/fragmented.3gp");
+    const auto hint = [&](AllocationFault& fault, FaultyHost& to) {
+        FaultyHost from(source);
+        // The destination keeps its records before: a slot must not throw through the library.
+        to.names.reserve(1 << 16);
+        to.used = {"GetOffset", "Seek",      "SeekNRead",   "SeekNWrite", "GetStreamSize",
+                   "IsEOF",     "IndexRead", "AdvanceRead", "CheckStatus"};
+        return fault.during(
+            [&] { return kst_hint(from.callbacks(), to.callbacks(), nullptr, nullptr); });
+    };
+    AllocationFault none(0, false);
+    none.repair();
+    FaultyHost good;
+    ASSERT_EQ(hint(none, good), KST_HINT_DONE);
+    fail_each([&](AllocationFault& fault) {
+        FaultyHost to;
+        const int result = hint(fault, to);
+        // That of the destination can run out as well.
+        EXPECT_THAT(result, AnyOf(KST_HINT_DONE, KST_HINT_NO_MEMORY, KST_HINT_DESTINATION_FAILED));
+        if (result == KST_HINT_DONE) {
+            EXPECT_EQ(to.written(), good.written());
+        }
     });
 }
 

@@ -6,6 +6,7 @@
 
 #include "boxes/foreign_codec_hook.h"
 #include "common/simple_exception.h"
+#include "kestrel/hinter.h"
 #include "kestrel/log.h"
 #include "tests/support/playing.h"
 #include "tests/support/writing.h"
@@ -256,6 +257,42 @@ TEST(WriterHost, EveryCallMayGoWrong) {
         }
     }
     std::cout << tried << " faults\n";
+}
+
+// --- the hinter ---
+
+// What comes out is whole, or an error.
+TEST(HinterHost, EveryCallMayGoWrong) {
+    const Bytes source = read_sample("wild/fragmented.3gp");
+    const auto run = [&](FaultyHost& from, FaultyHost& to) {
+        kst_hint_report report = {};
+        report.struct_size = sizeof report;
+        const int result = kst_hint(from.callbacks(), to.callbacks(), nullptr, &report);
+        EXPECT_EQ(result == KST_HINT_DONE, report.error[0] == '\0');
+        return result;
+    };
+    FaultyHost good_source(source), good;
+    ASSERT_EQ(run(good_source, good), KST_HINT_DONE);
+    const Bytes whole = good.written();
+    for (const bool at_source : {true, false}) {
+        const FaultyHost& calls = at_source ? good_source : good;
+        const int failed = at_source ? KST_HINT_SOURCE_FAILED : KST_HINT_DESTINATION_FAILED;
+        for (const Fault& fault : kFaults) {
+            if (!fault.honest()) continue;
+            SCOPED_TRACE(fault.name);
+            for (int call = 0; call < calls.calls; ++call) {
+                if (!can_fault(calls.names[static_cast<size_t>(call)], fault.kind)) continue;
+                FaultyHost from(source), to;
+                (at_source ? from : to).break_at(call, fault);
+                const int result = run(from, to);
+                EXPECT_THAT(result, AnyOf(KST_HINT_DONE, failed));
+                // A destination that fails at last may have taken all.
+                if (at_source || result == KST_HINT_DONE) {
+                    EXPECT_EQ(result == KST_HINT_DONE, to.written() == whole);
+                }
+            }
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, EveryHostCall,

@@ -11,7 +11,6 @@
 #include "common/bytes.h"
 #include "companion/importer/movie.h"
 #include "kestrel/isoff.h"
-#include "tests/support/allocation_watch.h"
 #include "tests/support/files.h"
 #include "tests/support/movie_forms.h"
 #include "tests/support/playing.h"
@@ -661,62 +660,6 @@ TEST(Hinter, CanBeCancelledAtAnyTime) {
             std::search(hinted.file.begin(), hinted.file.end(), movie_box.begin(), movie_box.end()),
             hinted.file.end());
     }
-}
-
-// Each call of either host fails in turn, in every way: what comes out is whole, or an error.
-TEST(Hinter, FailingHostsLeaveNoWholeFile) {
-    const Bytes source = read_sample("wild/fragmented.3gp");
-    const Bytes whole = hint(source).file;
-    const auto run = [&](FaultyHost& from, FaultyHost& to) {
-        kst_hint_report report = {};
-        report.struct_size = sizeof report;
-        const int result = kst_hint(from.callbacks(), to.callbacks(), nullptr, &report);
-        EXPECT_EQ(result == KST_HINT_DONE, report.error[0] == '\0');
-        return result;
-    };
-    FaultyHost from_once(source), to_once;
-    ASSERT_EQ(run(from_once, to_once), KST_HINT_DONE);
-    for (const Fault& fault : kFaults) {
-        if (!fault.honest()) continue;
-        SCOPED_TRACE(fault.name);
-        for (int call = 0; call < from_once.calls; ++call) {
-            if (!can_fault(from_once.names[static_cast<size_t>(call)], fault.kind)) continue;
-            FaultyHost from(source), to;
-            from.break_at(call, fault);
-            const int result = run(from, to);
-            EXPECT_EQ(result, to.written() == whole ? KST_HINT_DONE : KST_HINT_SOURCE_FAILED);
-        }
-        for (int call = 0; call < to_once.calls; ++call) {
-            FaultyHost from(source), to;
-            to.break_at(call, fault);
-            const int result = run(from, to);
-            if (result == KST_HINT_DONE) {
-                EXPECT_EQ(to.written(), whole);
-            } else {
-                EXPECT_EQ(result, KST_HINT_DESTINATION_FAILED);
-            }
-        }
-    }
-}
-
-TEST(Hinter, ReportsThatMemoryRanOut) {
-    const Bytes source = read_sample("wild/fragmented.3gp");
-    const Bytes whole = hint(source).file;
-    const int tried = with_each_allocation_failing([&](AllocationFault& fault) {
-        FaultyHost from(source), to;
-        // The destination keeps its records before: a slot must not throw through the library.
-        to.names.reserve(1 << 16);
-        to.used = {"GetOffset", "Seek",      "SeekNRead",   "SeekNWrite", "GetStreamSize",
-                   "IsEOF",     "IndexRead", "AdvanceRead", "CheckStatus"};
-        const int result = fault.during(
-            [&] { return kst_hint(from.callbacks(), to.callbacks(), nullptr, nullptr); });
-        if (result == KST_HINT_DONE) {
-            EXPECT_EQ(to.written(), whole);
-        } else {  // that of the destination can run out as well
-            EXPECT_TRUE(result == KST_HINT_NO_MEMORY || result == KST_HINT_DESTINATION_FAILED);
-        }
-    });
-    EXPECT_GT(tried, 100);
 }
 
 }  // namespace
