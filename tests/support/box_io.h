@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of the box model share: streams over memory, and files built byte by byte.
+// What the tests of the box model share: streams over memory, and files built byte by byte and
+// read.
 #ifndef KESTREL_TESTS_SUPPORT_BOX_IO_H
 #define KESTREL_TESTS_SUPPORT_BOX_IO_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "boxes/box_base.h"
+#include "boxes/simple3gp.h"
+#include "common/simple_exception.h"
 #include "kestrel/hosts.h"
 #include "tests/support/files.h"
 
@@ -77,5 +81,36 @@ inline Bytes dump(const Qvox3gp::Box& box) {
 inline std::string type_text(uint32_t type) {
     return {reinterpret_cast<const char*>(&type), 4};
 }
+
+constexpr const char* kInvalidSize = "Invalid size found in box.";
+
+// What an action throws.
+inline std::string message_of(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const SimpleException& exception) {
+        return exception.message();
+    }
+    return "";
+}
+
+inline std::string invalid_size(uint32_t position, uint32_t size, uint32_t file_size) {
+    return "Invalid size found in box.  Current file position is " + std::to_string(position) +
+           ", box size is " + std::to_string(size) + ", total offset is " +
+           std::to_string(position + size) + ".  File size is " + std::to_string(file_size) + ".";
+}
+
+// Reads a file and hands it to a check; answers what was thrown.
+inline std::string read_file(
+    const Bytes& bytes,
+    const std::function<void(Qvox3gp::Simple3gp&)>& check = [](Qvox3gp::Simple3gp&) {}) {
+    MemoryStream in(bytes);
+    Qvox3gp::Simple3gp file;
+    std::string message = message_of([&] { file.Read(in.io(), 0); });
+    check(file);
+    return message;
+}
+
+inline const Bytes kFtyp = box("ftyp", text("3gp4") + be32(0x200) + text("3gp4"));
 
 #endif
