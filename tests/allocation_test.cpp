@@ -13,6 +13,7 @@
 #include "kestrel/isoff.h"
 #include "kestrel/log.h"
 #include "tests/support/allocation_watch.h"
+#include "tests/support/opened.h"
 #include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/writing.h"
@@ -256,7 +257,6 @@ TEST_F(NoMemory, Writer) {
 
 TEST_F(NoMemory, ReaderFunctions) {
     const Bytes file = read_sample("h264_hinted.3gp");
-    const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
     const uint8_t sets[] = {0, 0, 0, 1, 0x67, 66, 0, 30, 0, 0, 0, 1, 0x68, 9};
     fail_each([&](AllocationFault& fault) {
         const Host host = memory_host(file);
@@ -277,7 +277,7 @@ TEST_F(NoMemory, ReaderFunctions) {
             length = isoFFGetDSIin3GPP(media, 0, &start_coded);
             int record_length = 0;
             converted = convertDCI_3gpp_to_ISO(sets, sizeof sets, &record, &record_length);
-            kept = isoFFsetDecoderSpecificInfo(media, avcc, sizeof avcc);
+            kept = isoFFsetDecoderSpecificInfo(media, kAvcc.data(), static_cast<int>(kAvcc.size()));
         });
         EXPECT_TRUE(interleave >= 0.0 || interleave == -1.0);
         EXPECT_EQ(length == -1, start_coded == nullptr);
@@ -338,6 +338,114 @@ TEST_F(NoMemory, ReadyMadeHosts) {
         for (kst_host* host : hosts)
             kst_host_close(host);
     });
+}
+
+// --- an arena that ends ---
+
+// From here on the file's arena has `room` bytes, fewer than it really has, and gets no more.
+class LittleMemory {
+  public:
+    LittleMemory(iso_file* file, size_t room) { file->chunk_free = room; }
+
+  private:
+    static constexpr size_t kArenaBlock = 1000000;  // at least
+
+    AllocationFault fault_{0, true, kArenaBlock};
+    AllocationFault::Armed armed_{fault_};
+};
+
+// Wherever the memory ends, no track is left half made.
+TEST(Arena, TrackThatCannotBeMadeIsTakenBack) {
+    const std::pair<const char*, iso_track* (*)(iso_file*)> makers[] = {
+        {"AMR", amr_track},
+        {"H.264", h264_track},
+        {"MPEG-4", mpeg4_track},
+        {"hint", [](iso_file* file) { return hint_track(file->first_track); }}};
+    for (const auto& [name, make] : makers) {
+        int refused = 0;
+        for (bool made = false; !made; ++refused) {
+            SCOPED_TRACE(testing::Message() << name << ", " << 8 * refused << " bytes");
+            Output out;
+            iso_track* first = amr_track(out.file);
+            first->own->edits = copy_to_arena<iso_elst_entry>(out.file, {{100, 0, 0x10000}});
+            first->own->edit_count = 1;
+            const uint32_t header = out.file->header_size;
+            {
+                const LittleMemory memory(out.file, static_cast<size_t>(8 * refused));
+                made = make(out.file) != nullptr;
+            }
+            EXPECT_EQ(first->next != nullptr, made);
+            EXPECT_EQ(out.file->own->last_track == first, !made);
+            EXPECT_EQ(out.file->next_track_id, made ? 3U : 2U);
+            EXPECT_EQ(out.file->header_size == header && !out.file->own->has_visual, !made);
+            EXPECT_EQ(out.close(), 0);
+            Opened reread(out.written());
+            EXPECT_EQ(isoFFselect(reread.file, nullptr, 2) != nullptr, made);
+        }
+        EXPECT_GT(refused, 10);
+    }
+}
+
+// What was taken before stays good, and the file goes on when there is memory again.
+TEST(Arena, EndThatWritingMeetsIsReported) {
+    for (const bool direct : {false, true}) {
+        Output out(direct);
+        iso_track* track = amr_track(out.file);
+        EXPECT_EQ(write(track), 1);
+        for (size_t room = 0, written = 0; written == 0; room += 8) {
+            const LittleMemory memory(out.file, room);
+            if (room == 0) {
+                EXPECT_EQ(isoFFsetBrand(out.file, "3gp6", 0), -1);
+            }
+            const int result = write(track);
+            EXPECT_EQ(result, room == 0 || result < 0 ? -2 : 1);
+            written = result == 1;
+        }
+        out.file->chunk_free = 0;
+        EXPECT_EQ(write(track), 1);
+        EXPECT_EQ(out.close(), 0);
+        Opened reread(out.written());
+        EXPECT_EQ(reread.file->first_track->sample_count, 3);
+    }
+    Output out;
+    write(amr_track(out.file));
+    const LittleMemory memory(out.file, 0);
+    EXPECT_EQ(out.close(), -2);
+    EXPECT_TRUE(out.written().empty());
+    int error = 0;
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = out.callbacks();
+    EXPECT_EQ(isoFFopen(callbacks, "w", &error), nullptr);
+    EXPECT_EQ(error, -2);
+}
+
+// A configuration that is refused leaves the one before, wherever its memory ends.
+TEST(Arena, RefusedConfigurationChangesNothing) {
+    const Bytes other(300, 0);  // a record without sets, longer than what there is room for
+    const Bytes cut = {1, 100, 1, 51, 0xFE, 0xE1, 0, 9, 0x67};
+    const Bytes wide_set = join({{1, 100, 1, 51, 0xFC, 0xE1, 1, 0}, Bytes(256, 0x67), {0}});
+    Output out;
+    iso_track* track = h264_track(out.file);
+    const auto expect_unchanged = [&](const iso_track* of) {
+        EXPECT_EQ(Bytes(of->dsi, of->dsi + of->dsi_length), kAvcc);
+        EXPECT_EQ(std::pair(int{of->profile}, int{of->level}), std::pair(66, 30));
+        EXPECT_EQ(std::pair(of->profile_compat, of->nal_length_size), std::pair(0xC0U, 4));
+        EXPECT_EQ(std::pair(of->sps_count, of->pps_count), std::pair(1U, 1U));
+        EXPECT_EQ(Bytes(of->param_sets, of->param_sets + of->param_sets_length),
+                  (Bytes{0, 0, 0, 4, 0x67, 66, 0xC0, 30, 0, 0, 0, 2, 0x68, 9}));
+    };
+    for (const Bytes& bad : {cut, wide_set}) {
+        EXPECT_EQ(isoFFsetDecoderSpecificInfo(track, bad.data(), static_cast<int>(bad.size())), -1);
+        expect_unchanged(track);
+    }
+    for (const size_t room : {0U, 8U, 16U, 200U}) {
+        const LittleMemory memory(out.file, room);
+        EXPECT_EQ(isoFFsetDecoderSpecificInfo(track, other.data(), 300), -1);
+        expect_unchanged(track);
+    }
+    EXPECT_EQ(out.close(), 0);
+    Opened reread(out.written());
+    ASSERT_NE(reread.file->first_track, nullptr);
+    expect_unchanged(reread.file->first_track);
 }
 
 }  // namespace

@@ -3,14 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <optional>
 #include <random>
 
 #include "common/bytes.h"
-#include "interface/src/isoff/record/record.h"
+#include "companion/stream/depacketise.h"
 #include "interface/src/isoff/write/hint_sample_planner.h"
 #include "kestrel/codec.h"
-#include "kestrel/hosts.h"
-#include "tests/support/files.h"
+#include "tests/support/opened.h"
+#include "tests/support/writing.h"
 
 // Hint tracks that the writer makes, read back packet by packet.
 
@@ -32,40 +33,17 @@ struct Packet {
 
 using MakeTrack = iso_track* (*)(iso_file*);
 
-iso_track* narrow_band(iso_file* file) {
-    return amr_isoFFtrack(file, 0, 0x81FF, 10);
-}
-iso_track* wide_band(iso_file* file) {
-    return amr_isoFFtrack(file, 1, 0x83FF, 10);
-}
-iso_track* h264(iso_file* file) {
-    const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
-    return h264_isoFFtrack(file, avcc, sizeof avcc, 176, 144, 12800);
-}
-iso_track* mpeg4(iso_file* file) {
-    const uint8_t config[] = {0, 0, 1, 0xB0, 8};
-    return mpeg4_isoFFtrack(file, config, sizeof config, 176, 144, 30000);
-}
-iso_track* h263(iso_file* file) {
-    H263VCFG cfg{};
-    cfg.width = 176;
-    cfg.height = 144;
-    cfg.timescale = 29970;
-    return h263_isoFFtrack(file, &cfg);
-}
-
 enum class Mode { kQueued, kSpooled, kDirect };
 
 // A media track and its hint track, written and read back.
 class Hinted {
   public:
     Hinted(MakeTrack make, int max_packet, const std::vector<Sample>& samples,
-           Mode mode = Mode::kQueued, iso_h263_payload h263_payload = ISO_H263_RFC4629)
-        : host_(kst_host_for_writing_memory()), callbacks_(kst_host_callbacks(host_)) {
-        iso_file* out = isoFFopen(callbacks_, "w", nullptr);
-        out->own->direct_write = mode == Mode::kDirect;
-        iso_track* to = make(out);
-        iso_track* to_hint = rtp_isoFFtrack(out, to, max_packet, 96, h263_payload);
+           Mode mode = Mode::kQueued, iso_h263_payload h263_payload = ISO_H263_RFC4629) {
+        Output out;
+        out.file->own->direct_write = mode == Mode::kDirect;
+        iso_track* to = make(out.file);
+        iso_track* to_hint = rtp_isoFFtrack(out.file, to, max_packet, 96, h263_payload);
         if (mode == Mode::kSpooled) to_hint->own->spool = std::tmpfile();
         for (const Sample& sample : samples) {
             Bytes copy = sample.bytes;
@@ -80,20 +58,11 @@ class Hinted {
             after_end = isoFFwriteHint(to_hint, samples[0].bytes.data(),
                                        static_cast<int>(samples[0].bytes.size()), 1, 0);
         }
-        closed = isoFFclose(out);
-        size_t size = 0;
-        const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host_, &size));
-        file_bytes = Bytes(bytes, bytes + size);
-        kst_host_rewind(host_);
-        file_ = isoFFopen(callbacks_, "r", nullptr);
-        media = isoFFselect(file_, nullptr, 1);
+        closed = out.close();
+        file_bytes = out.written();
+        opened_.emplace(file_bytes);
+        media = opened_->track();
         hint = isoFFrtpHinter(media, max_packet);
-    }
-    Hinted(const Hinted&) = delete;
-    Hinted& operator=(const Hinted&) = delete;
-    ~Hinted() {
-        isoFFclose(file_);
-        kst_host_close(host_);
     }
 
     std::vector<Packet> packets() const {
@@ -118,9 +87,7 @@ class Hinted {
     iso_track* hint;
 
   private:
-    kst_host* host_;
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
-    iso_file* file_;
+    std::optional<Opened> opened_;
 };
 
 using Random = std::mt19937;
@@ -193,22 +160,6 @@ Bytes units_sample(Random& random) {
     return sample;
 }
 
-// Appends a unit to the sample when the packet ends one; `open` is its first part.
-void take_unit(const Bytes& payload, Bytes& open, Bytes& to) {
-    if ((payload.at(0) & 0x1F) != 28) {
-        EXPECT_TRUE(open.empty());
-        append_unit(payload, to);
-        return;
-    }
-    const bool starts = (payload.at(1) & 0x80) != 0;
-    EXPECT_EQ(starts, open.empty());
-    if (starts) open = {static_cast<uint8_t>((payload[0] & 0x60) | (payload[1] & 0x1F))};
-    open.insert(open.end(), payload.begin() + 2, payload.end());
-    if ((payload[1] & 0x40) == 0) return;
-    append_unit(open, to);
-    open.clear();
-}
-
 Bytes picture_sample(Random& random) {
     Bytes sample = {0, 0, 0x80, 0x02, 0x08};  // an H.263 picture start code, QCIF
     for (int pieces = pick(random, 0, 5); pieces > 0; --pieces) {
@@ -219,39 +170,51 @@ Bytes picture_sample(Random& random) {
     return sample;
 }
 
+Bytes vop_sample(Random& random) {
+    Bytes sample = picture_sample(random);
+    sample[2] = 1;  // a start code of MPEG-4
+    return sample;
+}
+
 struct Codec {
     const char* name;
     MakeTrack make;
     Bytes (*sample)(Random&);
     uint32_t clock;
+    kestrel::stream::Medium medium;
 };
 
+using kestrel::stream::Medium;
+
 const Codec kCodecs[] = {
-    {"amr", narrow_band, [](Random& random) { return speech_sample(random, false); }, 8000},
-    {"amr_wb", wide_band, [](Random& random) { return speech_sample(random, true); }, 16000},
-    {"h264", h264, units_sample, 90000},
-    {"mpeg4", mpeg4, picture_sample, 90000},
-    {"h263", h263, picture_sample, 90000},
+    {"amr", amr_track, [](Random& random) { return speech_sample(random, false); }, 8000,
+     Medium::kNarrowBandSpeech},
+    {"amr_wb", amr_wb_track, [](Random& random) { return speech_sample(random, true); }, 16000,
+     Medium::kWideBandSpeech},
+    {"h264", h264_track, units_sample, 90000, Medium::kH264},
+    {"mpeg4", mpeg4_track, vop_sample, 90000, Medium::kMpeg4},
+    {"h263", h263_track, picture_sample, 90000, Medium::kH263Rfc4629},
 };
 
 // The sample that the packets of one timestamp carry.
 Bytes put_together(const Codec& codec, std::span<const Packet> packets) {
     Bytes sample;
-    Bytes open;
-    for (const Packet& packet : packets) {
-        if (codec.make == narrow_band || codec.make == wide_band) {
-            take_speech(packet.payload, codec.make == wide_band, sample);
-        } else if (codec.make == h264) {
-            take_unit(packet.payload, open, sample);
-        } else {
-            const bool h263_header = codec.make == h263;
-            if (h263_header && packet.payload.at(0) == 4) sample.insert(sample.end(), {0, 0});
-            sample.insert(sample.end(), packet.payload.begin() + (h263_header ? 2 : 0),
-                          packet.payload.end());
-        }
+    if (is_speech(codec.medium)) {
+        for (const Packet& packet : packets)
+            take_speech(packet.payload, codec.medium == Medium::kWideBandSpeech, sample);
+        return sample;
     }
-    EXPECT_TRUE(open.empty());
-    return sample;
+    std::vector<Bytes> units(1);
+    const auto joiner = kestrel::stream::make_depacketiser(
+        codec.medium, {},
+        {[&](auto bytes) { units.back().insert(units.back().end(), bytes.begin(), bytes.end()); },
+         [&] { units.emplace_back(); }});
+    for (const Packet& packet : packets)
+        EXPECT_TRUE(joiner->packet(packet.payload));
+    joiner->finish();
+    for (size_t i = 1; i < units.size(); ++i)
+        append_unit(units[i], sample);
+    return units.size() > 1 ? sample : units[0];
 }
 
 class HintWriter : public testing::TestWithParam<Codec> {};
@@ -298,15 +261,15 @@ INSTANTIATE_TEST_SUITE_P(Codecs, HintWriter, testing::ValuesIn(kCodecs),
 
 TEST(HintTrack, SaysWhatItHolds) {
     const Bytes unit = {0, 0, 0, 2, 0x65, 9};
-    const Hinted hinted(h264, 1400, {{unit, 512}});
+    const Hinted hinted(h264_track, 1400, {{unit, 512}});
     const iso_track* hint = hinted.hint;
     EXPECT_STREQ(hint->handler, "hint");
     EXPECT_EQ(hint->hint_track_ref, hinted.media->track_id);
     EXPECT_EQ(hint->rtp_max_packet, 1400U);
     EXPECT_STREQ(hint->sdp_text,
                  "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=fmtp:96 "
-                 "profile-level-id=42001E; packetization-mode=1; "
-                 "sprop-parameter-sets=Z0IAHg==,aAk=\r\na=control:trackID=2\r\n");
+                 "profile-level-id=42C01E; packetization-mode=1; "
+                 "sprop-parameter-sets=Z0LAHg==,aAk=\r\na=control:trackID=2\r\n");
 }
 
 // Parameter sets that are in the stream only are none that could be declared.
@@ -326,7 +289,7 @@ TEST(HintTrack, SplitSpeechKeepsItsTimes) {
         sample.push_back(0x3C);
         sample.resize(sample.size() + 31, 7);
     }
-    const Hinted hinted(narrow_band, 12 + 1 + 4 * 32, {{sample, 960}});
+    const Hinted hinted(amr_track, 12 + 1 + 4 * 32, {{sample, 960}});
     const auto packets = hinted.packets();
     ASSERT_EQ(packets.size(), 2U);
     EXPECT_EQ(packets[0].payload.size(), 1U + 4 * 32);
@@ -340,25 +303,25 @@ TEST(HintTrack, SplitSpeechKeepsItsTimes) {
 
 TEST(HintTrack, EmptySampleKeepsTheClockRunning) {
     const Bytes picture = {0, 0, 1, 0xB6, 1};
-    const Hinted hinted(mpeg4, 1400, {{picture, 1000}, {{}, 1000}, {picture, 1000}});
+    const Hinted hinted(mpeg4_track, 1400, {{picture, 1000}, {{}, 1000}, {picture, 1000}});
     const auto packets = hinted.packets();
     ASSERT_EQ(packets.size(), 3U);
     EXPECT_TRUE(packets[1].payload.empty());
     EXPECT_EQ(packets[2].timestamp, 6000U);
     // Nor does a picture header that is not there end an H.263 track.
     const Bytes intra = {0, 0, 0x80, 0x02, 0x08, 1};
-    const Hinted rfc2190(h263, 1400, {{intra, 1000}, {{}, 1000}, {intra, 1000}}, Mode::kQueued,
-                         ISO_H263_RFC2190);
+    const Hinted rfc2190(h263_track, 1400, {{intra, 1000}, {{}, 1000}, {intra, 1000}},
+                         Mode::kQueued, ISO_H263_RFC2190);
     EXPECT_EQ(rfc2190.packets().size(), 3U);
 }
 
 TEST(HintTrack, WhatCannotBeCutIsReported) {
     const Bytes cut_frame = {0x3C, 1, 2};
-    EXPECT_EQ(Hinted(narrow_band, 1400, {{cut_frame, 160}}).written, -3);
+    EXPECT_EQ(Hinted(amr_track, 1400, {{cut_frame, 160}}).written, -3);
     Bytes long_frame(61, 1);
     long_frame[0] = 0x44;  // wide band, 23.85 kbit/s: 60 bytes after the header
-    EXPECT_EQ(Hinted(wide_band, 74, {{long_frame, 320}}).closed, 0);
-    EXPECT_EQ(Hinted(wide_band, 73, {{long_frame, 320}}).written, -3);
+    EXPECT_EQ(Hinted(amr_wb_track, 74, {{long_frame, 320}}).closed, 0);
+    EXPECT_EQ(Hinted(amr_wb_track, 73, {{long_frame, 320}}).written, -3);
 }
 
 // A sample that makes more packets than a hint sample can count is refused, whatever its size.
@@ -366,10 +329,10 @@ TEST(HintTrack, TooManyPacketsAreReported) {
     Bytes units;
     for (int i = 0; i < 65535; ++i)
         append_unit({0x61}, units);
-    EXPECT_EQ(Hinted(h264, 1400, {{units, 512}}).closed, 0);
+    EXPECT_EQ(Hinted(h264_track, 1400, {{units, 512}}).closed, 0);
     append_unit({0x61}, units);
-    EXPECT_EQ(Hinted(h264, 1400, {{units, 512}}).written, -3);
-    EXPECT_EQ(Hinted(narrow_band, 1400, {{Bytes(65536, 0x7C), 160}}).written, -3);
+    EXPECT_EQ(Hinted(h264_track, 1400, {{units, 512}}).written, -3);
+    EXPECT_EQ(Hinted(amr_track, 1400, {{Bytes(65536, 0x7C), 160}}).written, -3);
     // However long a unit is, no more packets are laid out than can be counted.
     const size_t most = 1 + 50 * 65535;  // in packets of 64 bytes, 14 of them headers
     for (const size_t size : {most, most + 1, 3 * most}) {
@@ -384,7 +347,7 @@ TEST(HintTrack, TooManyPacketsAreReported) {
 // The class API counts hint times in the units of the media track.
 TEST(HintTrack, CountsInTheUnitsOfItsMedium) {
     const auto slow = [](iso_file* file) {
-        iso_track* track = mpeg4(file);
+        iso_track* track = mpeg4_track(file);
         track->timescale = 1;
         return track;
     };
@@ -400,7 +363,7 @@ TEST(HintTrack, CountsInTheUnitsOfItsMedium) {
 
     const auto shortest = [](iso_file* file) {
         file->interleave_limit = 1000.0;  // seconds that a track may last
-        iso_track* track = mpeg4(file);
+        iso_track* track = mpeg4_track(file);
         track->own->duration_limit = UINT32_MAX;
         return track;
     };
@@ -408,7 +371,7 @@ TEST(HintTrack, CountsInTheUnitsOfItsMedium) {
     EXPECT_EQ(too_long.written, -7);
     EXPECT_EQ(too_long.after_end, -8);
     EXPECT_EQ(too_long.closed, 0);
-    EXPECT_EQ(Hinted(mpeg4, 1400, {{picture, -1}}).written, -1);
+    EXPECT_EQ(Hinted(mpeg4_track, 1400, {{picture, -1}}).written, -1);
     // A composition time that an RTP timestamp cannot be moved by.
     EXPECT_EQ(Hinted(slow, 1400, {{picture, 1, 30000}}).written, -7);
 }
@@ -437,7 +400,7 @@ TEST(HintTrack, HeaderDeclaresThePacketsAndTheirRates) {
          800},
     };
     for (const auto& wanted : cases) {
-        const Hinted hinted(mpeg4, 1400, wanted.samples);
+        const Hinted hinted(mpeg4_track, 1400, wanted.samples);
         const std::string bytes(hinted.file_bytes.begin(), hinted.file_bytes.end());
         const size_t hmhd = bytes.find("hmhd");
         ASSERT_NE(hmhd, std::string::npos);
@@ -452,48 +415,41 @@ TEST(HintTrack, HeaderDeclaresThePacketsAndTheirRates) {
 // The caller may give the sample entry; it then stands alone.
 TEST(HintTrack, EntryOfTheCallerIsTheWholeEntry) {
     const Bytes entry = join({Bytes(7, 0), {1, 0, 3, 0, 2}, be32(777)});
-    kst_host* host = kst_host_for_writing_memory();
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
-    iso_file* file = isoFFopen(callbacks, "w", nullptr);
-    iso_track* track = isoFFtrack(file);
+    Output out;
+    iso_track* track = isoFFtrack(out.file);
     track->codec = ISO_CODEC_RTP;
     track->own->entry = entry.data();
     track->own->entry_length = static_cast<uint32_t>(entry.size());
-    EXPECT_EQ(isoFFclose(file), 0);
-    kst_host_rewind(host);
-    file = isoFFopen(callbacks, "r", nullptr);
-    EXPECT_EQ(file->first_track->rtp_hint_version, 3);
-    EXPECT_EQ(file->first_track->rtp_max_packet, 777U);
-    EXPECT_EQ(file->first_track->rtp_timescale, 0U);  // no `tims` was given
-    isoFFclose(file);
-    kst_host_close(host);
+    EXPECT_EQ(out.close(), 0);
+    Opened reread(out.written());
+    EXPECT_EQ(reread.track()->rtp_hint_version, 3);
+    EXPECT_EQ(reread.track()->rtp_max_packet, 777U);
+    EXPECT_EQ(reread.track()->rtp_timescale, 0U);  // no `tims` was given
 }
 
 TEST(HintTrack, NeedsAMediumAndALimit) {
-    kst_host* host = kst_host_for_writing_memory();
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
-    iso_file* file = isoFFopen(callbacks, "w", nullptr);
-    iso_file* other = isoFFopen(callbacks, "w", nullptr);
-    iso_track* speech = narrow_band(file);
-    iso_track* plain = isoFFtrack(file);
-    EXPECT_EQ(rtp_isoFFtrack(file, nullptr, 1400, 96, ISO_H263_RFC4629), nullptr);
-    EXPECT_EQ(rtp_isoFFtrack(other, speech, 1400, 96, ISO_H263_RFC4629), nullptr);
-    EXPECT_EQ(rtp_isoFFtrack(file, plain, 1400, 96, ISO_H263_RFC4629), nullptr);
+    Output out, other;
+    iso_track* speech = amr_track(out.file);
+    const auto refuse = [&](iso_file* file, iso_track* media, int most = 1400, int type = 96) {
+        EXPECT_EQ(rtp_isoFFtrack(file, media, most, type, ISO_H263_RFC4629), nullptr);
+    };
+    refuse(out.file, nullptr);
+    refuse(other.file, speech);
+    refuse(out.file, isoFFtrack(out.file));
     // Nor is there anything to declare of these two.
     for (const int32_t codec : {ISO_CODEC_AVC1, ISO_CODEC_MP4V}) {
-        iso_track* unconfigured = isoFFtrack(file);
+        iso_track* unconfigured = isoFFtrack(out.file);
         unconfigured->codec = codec;
         unconfigured->timescale = 1000;
-        EXPECT_EQ(rtp_isoFFtrack(file, unconfigured, 1400, 96, ISO_H263_RFC4629), nullptr);
+        refuse(out.file, unconfigured);
     }
-    EXPECT_EQ(rtp_isoFFtrack(file, speech, 63, 96, ISO_H263_RFC4629), nullptr);
-    EXPECT_EQ(rtp_isoFFtrack(file, speech, 65536, 96, ISO_H263_RFC4629), nullptr);
-    EXPECT_EQ(rtp_isoFFtrack(file, speech, 1400, 128, ISO_H263_RFC4629), nullptr);
+    refuse(out.file, speech, 63);
+    refuse(out.file, speech, 65536);
+    refuse(out.file, speech, 1400, 128);
     EXPECT_EQ(isoFFwriteHint(speech, "", 0, 1, 0), -1);
     EXPECT_EQ(isoFFwriteHint(nullptr, "", 0, 1, 0), -1);
-    isoFFclose(other);
-    isoFFclose(file);
-    kst_host_close(host);
+    other.close();
+    out.close();
 }
 
 }  // namespace

@@ -14,22 +14,16 @@ struct Track {
 };
 
 std::vector<Track> make_tracks(iso_file* file, const Around& around) {
-    const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
-    H263VCFG h263{};
-    h263.width = 176;
-    h263.height = 144;
-    h263.timescale = 3000;
-    h263.level = 10;
     const Bytes picture = join({{0, 0, 0x80, 2, 8}, Bytes(3000, 0x55)});
     std::vector<Track> tracks(4);
     tracks[0].sample = Bytes(32, 0x3C);
     tracks[1].sample = tracks[2].sample = picture;
     tracks[3].sample = join({{0, 0, 0x0B, 0xB8}, Bytes(3000, 0x65)});
     around([&] {
-        tracks[0].media = amr_isoFFtrack(file, 0, 0x81FF, 1);
-        tracks[1].media = h263_isoFFtrack(file, &h263);
-        tracks[2].media = mpeg4_isoFFtrack(file, "abc", 3, 128, 96, 90000);
-        tracks[3].media = h264_isoFFtrack(file, avcc, sizeof avcc, 352, 288, 15360);
+        tracks[0].media = amr_track(file);
+        tracks[1].media = h263_track(file);
+        tracks[2].media = mpeg4_track(file);
+        tracks[3].media = h264_track(file);
         for (Track& track : tracks)
             track.hint = rtp_isoFFtrack(file, track.media, 1400, 96, ISO_H263_RFC4629);
     });
@@ -53,6 +47,48 @@ void write_sample(Track& track, const Around& around, Writing& writing) {
 }
 
 }  // namespace
+
+Output::Output(bool direct) {
+    KST_IOSTREAM_CALLBACK_INTERFACE* io = callbacks();
+    file = isoFFopen(io, direct ? "wd" : "w", nullptr);
+}
+
+const Bytes kAvcc = {1, 66, 0xC0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0xC0, 30, 1, 0, 2, 0x68, 9};
+
+iso_track* amr_track(iso_file* file) {
+    return amr_isoFFtrack(file, 0, 0x81FF, 10);
+}
+
+iso_track* amr_wb_track(iso_file* file) {
+    return amr_isoFFtrack(file, 1, 0x83FF, 10);
+}
+
+iso_track* h263_track(iso_file* file) {
+    H263VCFG config{};
+    config.width = 176;
+    config.height = 144;
+    config.timescale = 29970;
+    config.level = 10;
+    return h263_isoFFtrack(file, &config);
+}
+
+iso_track* mpeg4_track(iso_file* file) {
+    return mpeg4_isoFFtrack(file, "\0\0\1\xB0\10", 5, 176, 144, 30000);
+}
+
+iso_track* h264_track(iso_file* file) {
+    return h264_isoFFtrack(file, kAvcc.data(), static_cast<unsigned>(kAvcc.size()), 176, 144,
+                           12800);
+}
+
+iso_track* hint_track(iso_track* media) {
+    return rtp_isoFFtrack(media->file, media, 1400, 96, ISO_H263_RFC4629);
+}
+
+int write(iso_track* track, int size, int duration) {
+    Bytes sample(static_cast<size_t>(size), 0x3C);
+    return isoFFwrite(track, sample.data(), size, duration, 0);
+}
 
 Writing write_every_codec(KST_IOSTREAM_CALLBACK_INTERFACE* stream, bool direct,
                           const Around& around) {
