@@ -13,33 +13,17 @@ import resource
 import signal
 import struct
 import subprocess
-import sys
 import time
 import unittest
 import xml.etree.ElementTree
 
-from tool_test import (PLAIN, SAMPLES, SPEECH, STBL, TOOL, VIDEO, ToolTest, boxes, run, sample)
-
-CONTAINERS = (b"moov", b"trak", b"mdia", b"minf", b"stbl")
-
-
-def rebuilt(data, changes):
-    """The boxes with the bodies of some types replaced (None leaves the box out)."""
-    out, at = b"", 0
-    while at + 8 <= len(data):
-        size, kind = int.from_bytes(data[at:at + 4], "big"), data[at + 4:at + 8]
-        body = data[at + 8:at + size]
-        body = changes[kind] if kind in changes else body
-        if body is not None:
-            body = rebuilt(body, changes) if kind in CONTAINERS else body
-            out += struct.pack(">I4s", len(body) + 8, kind) + body
-        at += max(size, 8)
-    return out
+from support.tool import (IS_SANITIZED, PLAIN, SAMPLES, SPEECH, STBL, TOOL, VIDEO, ToolTest, box,
+                          boxes, load, rebuilt, run, sample)
 
 
 def speech_file(samples, together=50, stored=None):
     """AMR of so many samples of 32 bytes, of which the file has `stored`."""
-    data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+    data = load("amrnb_plain")
     frame = boxes(data, [b"mdat"])[0][:32]
     chunks = -(-samples // together)
     changes = {b"mdat": None, b"free": None, b"edts": None,
@@ -56,12 +40,12 @@ def speech_file(samples, together=50, stored=None):
                                          for i in range(chunks)))
         head = rebuilt(data, changes)
     stored = samples if stored is None else stored
-    return head + struct.pack(">I4s", 32 * stored + 8, b"mdat") + frame * stored
+    return head + box(b"mdat", frame * stored)
 
 
 def foreign_mpeg4(name="mpeg4_hinted"):
     """An MPEG-4 sample entry of another codec, which the class API ends the process for."""
-    data = bytearray(pathlib.Path(sample(name)).read_bytes())
+    data = bytearray(load(name))
     at = data.index(b"esds")
     kind = data.index(b"\x20\x11", at)
     assert kind < at + 40
@@ -96,9 +80,9 @@ class Memory(ToolTest):
         self.assertIn(tool.returncode, (0, 1))
         return used.ru_maxrss * 1024
 
-    @unittest.skipIf(b"__asan_" in pathlib.Path(TOOL).read_bytes(), "takes memory of its own")
+    @unittest.skipIf(IS_SANITIZED, "takes memory of its own")
     def test_a_multiple_of_the_tables_is_enough(self):
-        data = pathlib.Path(sample("amrnb_plain")).read_bytes()
+        data = load("amrnb_plain")
         count = 200_000
         tables = {kind: struct.pack(">2I", 0, count) + entry * count for kind, entry in [
             (b"stts", struct.pack(">2I", 1, 160)), (b"stco", struct.pack(">I", 1000)),
@@ -158,12 +142,6 @@ class Check(ToolTest):
         lines = result.stdout.decode(errors="surrogateescape").splitlines()
         return result, [tuple(line.split("\t")) for line in lines]
 
-    def write(self, name, data):
-        path = self.scratch / name
-        path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_bytes(data)
-        return path
-
     def test_samples(self):
         hinted, plain = ("plays", "plays", "-"), ("plays", "no-hint-track", "hint")
         one_api, none = ("plays", "codec", "-"), ("codec", "codec", "-")
@@ -207,7 +185,7 @@ class Check(ToolTest):
             # On the class API the hints count.
             ("h263_hinted", b"stsz", zeros, none, 1), ("mpeg4_hinted", b"stsc", zeros, none, 1)]
         for name, table, how, expected, api in cases:
-            data = bytearray(pathlib.Path(sample(name)).read_bytes())
+            data = bytearray(load(name))
             at = data.rindex(table)
             if how == gone:
                 data[at:at + 4] = b"free"
@@ -222,7 +200,7 @@ class Check(ToolTest):
         for name, function, amount in [("mpeg4_hinted", few, "10 of 30 pictures"),
                                        ("h263_hinted", few, "10 of 30 pictures"),
                                        ("amrnb_hinted", good, r"3\d % of the bytes of its audio")]:
-            data = pathlib.Path(sample(name)).read_bytes()
+            data = load(name)
             hints = data.rindex(b"stsz") + 4
             size, count = struct.unpack(">2I", data[hints + 4:hints + 12])
             cut = data[:hints + 8] + struct.pack(">I", count // 3) + data[hints + 12:]
@@ -267,10 +245,10 @@ class Check(ToolTest):
         self.assertLessEqual({"plays", "codec", "incomplete", "damaged", "no-hint-track"}, seen)
 
     def test_the_command_that_is_named_fixes_it(self):
-        tail = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        tail = load("av_h263_amrnb_hinted")
         self.assertEqual(boxes(tail, [b"free"])[-1:], [tail[-67:]])
-        files = {f"{name}.3gp": pathlib.Path(sample(name)).read_bytes()
-                 for name in [*PLAIN, "h263_hinted_selfref"]}
+        files = {f"{name}.3gp": load(name)
+                 for name in [*(row[0] for row in PLAIN), "h263_hinted_selfref"]}
         files["cut box.3gp"] = tail[:-5]
         files["it's.3gp"] = rebuilt(tail, {})[:-5]
         for odd in ["two\nlines\t'\\.3gp", "\udcff\x1b.3gp", "\u202e.3gp", "\u00e9 .3gp"]:
@@ -298,7 +276,7 @@ class Check(ToolTest):
                     self.assertEqual(after[row[0]][1:3], ("plays", "plays"))
 
     def test_files_that_are_none(self):
-        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        data = load("av_h263_amrnb_hinted")
         movie = boxes(data, [b"moov"])[0]
         cases = [
             (b"", [("-", "not-3gp", "not-3gp", "-")]),
@@ -321,7 +299,7 @@ class Check(ToolTest):
         self.assert_fails(run("check", "--api", "up", "x"), 2, "'up' is none of function, class")
 
     def test_tracks_that_are_lost_are_reported(self):
-        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        data = load("av_h263_amrnb_hinted")
         first = data.index(b"trak") - 4
         size = int.from_bytes(data[first:first + 4], "big")
         next_size = int.from_bytes(data[first + size:first + size + 4], "big")
@@ -355,12 +333,12 @@ class Check(ToolTest):
                          json.loads(run("info", self.write("file.3gp", data), "--json").stdout))
 
     def test_a_command_that_fixes_nothing_is_not_named(self):
-        hdlr = boxes(pathlib.Path(sample("h263_hinted")).read_bytes(), STBL[:3] + [b"hdlr"])[0]
+        hdlr = boxes(load("h263_hinted"), STBL[:3] + [b"hdlr"])[0]
         cases = [("h263_hinted", hdlr, hdlr.replace(b"vide", b"vid\0")),  # copied as it is
                  ("amrnb_plain", b"mdhd", b"mdhx"), ("mpeg4_plain", b"esds", b"esdx"),
                  ("amrnb_plain", b"hdlr", b"hdlx")]
         for name, old, new in cases:
-            data = pathlib.Path(sample(name)).read_bytes()
+            data = load(name)
             with self.subTest(name=name, old=old[:8]):
                 _, rows = self.check(self.write("file.3gp", data.replace(old, new)))
                 self.assertNotEqual(rows[0][2], "plays")
@@ -410,7 +388,7 @@ class Check(ToolTest):
         self.assert_fails(result, 1, "1 of 1 file does not play: 1 timeout")
 
     def test_the_track_that_an_api_takes_is_judged(self):
-        data = pathlib.Path(sample("two_amrnb_hinted")).read_bytes()
+        data = load("two_amrnb_hinted")
         tables = [match.start() + 8 for match in re.finditer(b"stco", data)]
         for number, word in [(0, "plays"), (1, "incomplete")]:
             # The last track is played; the chunk of one lies past the end.
@@ -436,7 +414,7 @@ class Check(ToolTest):
                          ["plays", "ends-process"])
 
     def test_what_cannot_be_read_is_reported_and_the_rest_judged(self):
-        good = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        good = load("amrnb_hinted")
         self.write("in/a.3gp", good)
         self.write("in/locked/b.3gp", good)
         self.write("in/z.3gp", good)
@@ -506,7 +484,7 @@ class Check(ToolTest):
 
     def test_what_is_whole_of_a_cut_file_can_be_kept(self):
         for name in ["av_h263_amrnb_hinted", "h263_plain", "wild/fragmented"]:
-            data = pathlib.Path(sample(name)).read_bytes()
+            data = load(name)
             path = self.write("file.3gp", data[:len(data) * 2 // 3])
             rows = self.check(path)[1]
             command = "hint --replace --salvage" if "hinted" in name else "hint --salvage"
@@ -517,7 +495,7 @@ class Check(ToolTest):
             self.assertEqual({row[1:4] for row in self.check(fixed)[1]}, {("plays", "plays", "-")})
 
     def test_a_picture_that_is_too_long(self):
-        data = bytearray(pathlib.Path(sample("mpeg4_plain")).read_bytes())
+        data = bytearray(load("mpeg4_plain"))
         media = len(boxes(data, [b"mdat"])[0]) + 8
         self.assertEqual(data[-media:][:8], struct.pack(">I4s", media, b"mdat"))
         sizes = data.index(b"stsz") + 12
@@ -537,13 +515,13 @@ class Check(ToolTest):
     def test_encrypted_tracks(self):
         for name, entry, kind in [("h263_hinted", b"s263", b"encv"), ("amrnb_hinted", b"samr", b"enca"),
                                   ("h264_plain", b"avc1", b"encv")]:
-            data = pathlib.Path(sample(name)).read_bytes().replace(entry, kind)
+            data = load(name).replace(entry, kind)
             medium = "video" if kind == b"encv" else "audio"
             path = self.write("file.3gp", data)
             self.assertEqual(self.reasons(path), {medium: ("encrypted", "encrypted")}, name)
             self.assertIn(f"The {medium} is encrypted.", run("info", path).stdout.decode())
         # Beside one that plays: what is encrypted is left out.
-        data = pathlib.Path(sample("wild/late_sound")).read_bytes().replace(b"s263", b"encv")
+        data = load("wild/late_sound").replace(b"s263", b"encv")
         rows = self.check(self.write("file.3gp", data.replace(b"mp4v", b"encv")))[1]
         self.assertEqual([row[:4] for row in rows],
                          [("audio", "plays", "no-hint-track", "hint --drop-others"),
@@ -554,7 +532,7 @@ class Check(ToolTest):
         for name in ["h263_plain", "mpeg4_plain", "h264_plain", "amrnb_plain", "amrwb_plain",
                      "h263_hinted", "mpeg4_b_hinted", "amrnb_hinted", "h263_rfc2190_hinted_1450"]:
             for moved, which in [(5, slice(None)), (-7, slice(None)), (3, slice(0, 1))]:
-                data = bytearray(pathlib.Path(sample(name)).read_bytes())
+                data = bytearray(load(name))
                 at = data.index(b"stco") + 8
                 count, = struct.unpack_from(">I", data, at)
                 offsets = list(struct.unpack_from(f">{count}I", data, at + 4))
@@ -567,7 +545,7 @@ class Check(ToolTest):
 
     def test_many_at_a_time(self):
         """The lines and the counts are those of one at a time, in any order of ending."""
-        data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        data = load("amrnb_hinted")
         self.write("in/slow.3gp", speech_file(300_000, 300_000, 300_000))
         for number in range(30):
             self.write(f"in/{number}", data if number % 3 else b"{}")
@@ -591,7 +569,7 @@ class Check(ToolTest):
 
     def test_folders_take_no_descriptor_each(self):
         deep = pathlib.Path("in", *["d"] * 100, "file.3gp")
-        self.write(deep, pathlib.Path(sample("amrnb_hinted")).read_bytes())
+        self.write(deep, load("amrnb_hinted"))
         result = subprocess.run(
             [TOOL, "check", "in"], cwd=self.scratch, capture_output=True, timeout=120, check=False,
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32)))
@@ -607,7 +585,7 @@ class Check(ToolTest):
             self.assert_fails(result, 1, f"{self.scratch / names[0]}: no media file")
 
     def test_folders_and_odd_names(self):
-        data = pathlib.Path(sample("amrnb_hinted")).read_bytes()
+        data = load("amrnb_hinted")
         names = ["a.3gp", "b/c.3GP", "b/d/e.mp4", "b/two\nlines\t\\.3gp", "z.3gpp"]
         for name in names:
             self.write("in/" + name, data)
@@ -690,7 +668,7 @@ class Report(ToolTest):
 
     def test_chunks_are_where_they_lie(self):
         for name in ["av_h263_amrnb_hinted", "h263_hinted_1450", "two_amrnb_hinted"]:
-            data = pathlib.Path(sample(name)).read_bytes()
+            data = load(name)
             expected = []
             for trak in boxes(data, [b"moov", b"trak"]):
                 tables = {kind: boxes(trak, [*STBL[2:], kind])[0]
@@ -776,7 +754,7 @@ class Report(ToolTest):
         self.assertEqual(shown, hovered)
 
     def test_order_and_colour_of_what_is_wrong(self):
-        data = pathlib.Path(sample("h263_plain")).read_bytes()
+        data = load("h263_plain")
         # The movie box comes first, so that the media is what is cut.
         moved = run("hint", sample("h263_plain"), "-o", self.scratch / "hinted.3gp")
         self.assertEqual(moved.returncode, 0)
@@ -797,13 +775,13 @@ class Report(ToolTest):
         self.assertLess(words.index("Does it play?"), words.index("Remarks of the reader"))
 
     def test_headlines_and_figures(self):
-        data = {name: pathlib.Path(sample(name)).read_bytes()
+        data = {name: load(name)
                 for name in ["av_h263_amrnb_hinted", "h263_hinted", "h263_hinted_selfref",
                              "amrnb_plain", "h263_plain"]}
         movie = data["h263_plain"].index(b"moov")
         length = int.from_bytes(data["h263_plain"][movie - 4:movie], "big")
         both = data["av_h263_amrnb_hinted"]
-        offsets = bytearray(pathlib.Path(sample("mpeg4_b_hinted")).read_bytes())
+        offsets = bytearray(load("mpeg4_b_hinted"))
         offsets[offsets.index(b"ctts") + 39] = 0  # the class API does not look at these
         first = offsets.index(b"trak") - 4
         second = first + int.from_bytes(offsets[first:first + 4], "big")
@@ -836,7 +814,7 @@ class Report(ToolTest):
                     self.assertNotIn(part, text)
 
     def test_sync_samples_of_long_files_are_paler_where_they_are_few(self):
-        data = pathlib.Path(sample("h263_plain")).read_bytes()
+        data = load("h263_plain")
         size = int.from_bytes(boxes(data, STBL[:5] + [b"stsz"])[0][12:16], "big")
         count = 600
         syncs = [*range(1, 101), *range(101, count, 20)]
@@ -860,7 +838,7 @@ class Report(ToolTest):
 
     def test_tables_that_lie(self):
         lies = [speech_file(2**31 - 1, 2**31 - 1, 10), speech_file(5000, 1, 10)]
-        data = pathlib.Path(sample("h263_hinted")).read_bytes()
+        data = load("h263_hinted")
         for changes in [{b"stsz": struct.pack(">3I", 0, 1, 2**31 - 1)},
                         {b"stts": struct.pack(">4I", 0, 1, 30, 2**32 - 1)},
                         {b"stts": struct.pack(">4I", 0, 1, 30, 0)},
@@ -879,7 +857,7 @@ class Report(ToolTest):
                 self.page("-", stdin=lie)
 
     def test_damage_is_reported(self):
-        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        data = load("av_h263_amrnb_hinted")
         stbl = data.index(b"stbl") - 4
         cases = [
             (b"", ["The file is empty."]),
@@ -901,7 +879,7 @@ class Report(ToolTest):
                     self.assertIn(text, page)
 
     def test_texts_of_the_file_stay_texts(self):
-        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        data = load("av_h263_amrnb_hinted")
         evil = b'</pre><script>alert(1)</script>"\'><img src=x onerror=alert(1)>&lt;\xff\xc0\x80\0'
         sdp = boxes(data, [b"moov", b"trak", b"udta", b"hnti", b"sdp "])
         self.assertGreater(len(sdp[0]), len(evil))
@@ -923,7 +901,7 @@ class Report(ToolTest):
         self.assertIn("<script>alert(1)</script>", text)
 
     def test_edit_list(self):
-        data = pathlib.Path(sample("h263_plain")).read_bytes()
+        data = load("h263_plain")
         scale = int.from_bytes(boxes(data, [b"moov", b"mvhd"])[0][12:16], "big")
         ticks = int.from_bytes(boxes(data, STBL[:3] + [b"mdhd"])[0][12:16], "big")
         elst = struct.pack(">2I" + "IiI" * 2, 0, 2, scale // 2, -1, 0x10000, scale * 3, ticks // 4,
@@ -946,7 +924,7 @@ class Report(ToolTest):
 
     def test_outputs(self):
         copy = self.scratch / "in.3gp"
-        copy.write_bytes(pathlib.Path(sample("amrnb_plain")).read_bytes())
+        copy.write_bytes(load("amrnb_plain"))
         self.assert_fails(run("report", copy, "-o", copy), 2, "is the input")
         self.assert_fails(run("report", copy), 2, "--output")
         self.assert_fails(run("report", self.scratch / "none", "-o", "-"), 1, "No such file")
@@ -964,4 +942,4 @@ class Report(ToolTest):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1] + sys.argv[1:], verbosity=1)
+    unittest.main(verbosity=1)
