@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstring>
@@ -413,6 +414,127 @@ TEST(Spool, ReadsWhatItTookFromMemoryAndFromAFile) {
     }
 }
 
+// --- memory ---
+
+// Takes what is written and keeps nothing.
+struct NoMemoryHost {
+    uint32_t written = 0;
+    KST_IOSTREAM_CALLBACK_INTERFACE table = {
+        this,
+        [](void* self, uint32_t* at) {
+            return *at = static_cast<NoMemoryHost*>(self)->written, 0u;
+        },
+        [](void*, uint32_t) { return 0u; },
+        [](void*, void*, uint32_t* count, int32_t) { return *count = 0, 0u; },
+        [](void* self, const void*, uint32_t count, int32_t) {
+            static_cast<NoMemoryHost*>(self)->written += count;
+            return 0u;
+        },
+        [](void*, uint32_t* size) { return *size = 0, 0u; },
+        [](void*) { return 1u; },
+        [](void*, void*, uint32_t, uint32_t, uint32_t* got) { return *got = 0, 0u; },
+        [](void*, uint32_t) { return 0u; },
+        [](void*, uint32_t* result, uint32_t status) { return *result = status, 0u; }};
+};
+
+template <typename Record>
+Bytes bytes_of(const Record& record) {
+    const auto* raw = reinterpret_cast<const uint8_t*>(&record);
+    return {raw, raw + sizeof record};
+}
+
+// A stream that goes on with `frames` frames, whose times are irregular, after its header records.
+Bytes with_frames(Bytes stream, size_t header, size_t frames,
+                  const std::function<Bytes(uint32_t time)>& frame) {
+    stream.resize(header);
+    for (uint32_t i = 0; i < frames; ++i) {
+        const Bytes one = frame(3000 * i + i % 3);
+        stream.insert(stream.end(), one.begin(), one.end());
+    }
+    return stream;
+}
+
+Bytes speech_stream(size_t frames, const Bytes& payloads) {
+    constexpr uint32_t kZero = 4;
+    return with_frames(
+        stream_of("amrnb_hinted", "ar", Api::kClass), 68, frames, [&](uint32_t time) {
+            const auto length =
+                static_cast<uint32_t>(sizeof(AUD_AudFrame_Native) + kZero + payloads.size());
+            return join({bytes_of(AUD_AudFrame_Native{length, 10, time, time, 0, 0}), Bytes(kZero),
+                         payloads});
+        });
+}
+
+Bytes video_stream(size_t frames, uint32_t packets, const Bytes& payload, bool marker) {
+    return with_frames(stream_of("h263_hinted", "vr"), 92, frames, [&](uint32_t time) {
+        const auto size = static_cast<uint32_t>(sizeof(TEL_Packet_Header) + payload.size());
+        const uint32_t head = sizeof(VID_Frame_Record) + sizeof(VID_Frame_Words);
+        Bytes frame = join(
+            {bytes_of(VID_Frame_Record{head + packets * size, packets, 0}), bytes_of(kFrameWords)});
+        for (uint32_t i = 0; i < packets; ++i) {
+            const uint32_t word = 2u << 30 | (marker ? 1u << 23 : 0) | (i & 0xFFFF);
+            const Bytes header = bytes_of(TEL_Packet_Header{size, time, word, time, 0});
+            frame.insert(frame.end(), header.begin(), header.end());
+            frame.insert(frame.end(), payload.begin(), payload.end());
+        }
+        return frame;
+    });
+}
+
+Bytes repeated(const Bytes& part, size_t count) {
+    Bytes all;
+    for (size_t i = 0; i < count; ++i)
+        all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+// Records are held in proportion to the bytes of a stream, however short its frames and packets.
+TEST(PackerMemory, IsBoundedByTheStream) {
+    constexpr size_t kMany = 1 << 18;
+    Bytes empty_frames = Bytes(kMany, 0xFC), alternating(kMany / 8, 0xC4);
+    empty_frames.front() = 0xF0;
+    empty_frames.back() = 0x7C;
+    for (size_t i = 0; i < alternating.size(); i += 2)
+        alternating[i] = 0xFC;
+    alternating.back() = 0x44;
+    alternating = join({{0xF0}, alternating, Bytes(kMany / 16 * 5)});
+    constexpr std::array<int, 2> refused = {KST_PACK_DONE, KST_PACK_REFUSED};
+    // Without and with hints: where they are refused, no hint sample can describe the packets.
+    const struct {
+        const char* name;
+        Bytes stream;
+        std::array<int, 2> statuses = {KST_PACK_DONE, KST_PACK_DONE};
+    } cases[] = {
+        {"empty speech frames of a packet", speech_stream(2, empty_frames), refused},
+        {"packets of an empty speech frame", speech_stream(1, repeated({0xF0, 0x7C}, kMany)),
+         refused},
+        {"speech frames of two sizes", speech_stream(4, alternating), refused},
+        {"speech frames by themselves", speech_stream(50000, {0xF0, 0x7C})},
+        {"pictures of a byte", video_stream(30000, 1, {0, 0, 0, 0, 1}, true)},
+        {"packets of a byte", video_stream(1, 100000, {0, 0, 0, 0, 1}, false), refused},
+        {"malformed packets", video_stream(10, 10000, {1}, false), {KST_PACK_CUT, KST_PACK_CUT}},
+    };
+    for (const auto& about : cases) {
+        for (const uint32_t flags : {0u, uint32_t{KST_PACK_HINT}}) {
+            NoMemoryHost host;
+            const AllocationWatch watch;
+            const kst_pack_options options = {sizeof options, flags};
+            kst_packer* packer = kst_packer_open(&options);
+            for (std::span<const uint8_t> rest(about.stream); !rest.empty();) {
+                const auto piece = rest.first(std::min<size_t>(rest.size(), 65536));
+                kst_packer_feed(packer, 0, piece.data(), piece.size());
+                rest = rest.subspan(piece.size());
+            }
+            const int status = kst_packer_write(packer, &host.table, nullptr);
+            kst_packer_close(packer);
+            std::cout << about.name << ", flags " << flags << ": " << about.stream.size()
+                      << " bytes fed, " << watch.peak() << " held, status " << status << '\n';
+            EXPECT_LE(watch.peak(), (4 << 20) + 8 * about.stream.size());
+            EXPECT_EQ(status, about.statuses[flags]);
+        }
+    }
+}
+
 // --- the order of display ---
 
 // Bits of H.264, most significant first.
@@ -471,6 +593,21 @@ Bits sequence_set(uint32_t order_type) {
 
 Bytes end_of_set(Bits bits) {
     return bits.ue(1).u(1, 0).ue(10).ue(8).u(1, 1).u(1, 1).u(1, 0).u(1, 0).unit(0x67);
+}
+
+// A set may have a cycle of 255 offsets; what has more of them is no set, and not read to its end.
+TEST(H264Pictures, ReadNoMoreOffsetsThanACycleHas) {
+    for (const uint32_t offsets : {255u, 256u, 1u << 20}) {
+        Bits bits = sequence_set(1).u(1, 0).se(0).se(0).ue(offsets);
+        for (uint32_t i = 0; i < offsets; ++i)
+            bits.se(0);
+        const Bytes unit = end_of_set(bits);
+        const AllocationWatch watch;
+        uint32_t id = 0;
+        EXPECT_EQ(packer::read_h264_sequence(std::span(unit).subspan(4), id).has_value(),
+                  offsets == 255);
+        EXPECT_LE(watch.peak(), 4096 + 4 * unit.size());
+    }
 }
 
 // ITU-T H.264, 8.2.1: the three ways in which the order is declared.

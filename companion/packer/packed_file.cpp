@@ -129,13 +129,14 @@ iso_track* make_visual_track(iso_file* file, const Track& from) {
     return keep(h263_isoFFtrack(file, &picture));
 }
 
-void keep_sync_samples(iso_track* track, const std::vector<Sample>& samples) {
-    const auto count = static_cast<size_t>(
-        std::count_if(samples.begin(), samples.end(), [](const auto& s) { return s.is_sync; }));
-    if (count == samples.size()) return;
+void keep_sync_samples(iso_track* track, const SampleStore& samples) {
+    size_t count = 0;
+    for (size_t i = 0; i < samples.count(); ++i)
+        count += samples.is_sync(i) ? 1 : 0;
+    if (count == samples.count()) return;
     track->sync_samples = keep(arena_array<uint32_t>(track->file, std::max<size_t>(count, 1)));
-    for (size_t i = 0; i < samples.size(); ++i) {
-        if (samples[i].is_sync)
+    for (size_t i = 0; i < samples.count(); ++i) {
+        if (samples.is_sync(i))
             track->sync_samples[track->sync_count++] = static_cast<uint32_t>(i + 1);
     }
 }
@@ -152,8 +153,8 @@ void keep_edits(Track& from, uint64_t late, bool must_match) {
     const uint32_t skipped = must_match ? timeline.delay : 0;
     if (late == 0 && skipped == 0) return;
     uint64_t duration = 0;
-    for (const uint32_t units : timeline.durations)
-        duration += units;
+    for (size_t i = 0; i < timeline.times.size(); ++i)
+        duration += timeline.duration_of(i);
     constexpr uint32_t kNormalRate = 0x10000;
     iso_track_private* details = from.track->own;
     details->edits = keep(arena_array<iso_elst_entry>(from.track->file, 2));
@@ -207,11 +208,11 @@ class Job {
         if (media.store().failed()) {
             throw Failure{KST_PACK_SPOOL_FAILED, "a temporary file could not be written"};
         }
-        if (media.store().samples().empty()) {
+        if (media.store().count() == 0) {
             refuse(track, media.damage() ? media.damage()->reason : "it has no frames");
         }
-        track.timeline = make_timeline(*media.header(), media.store().samples(), media.frames(),
-                                       media.shown_after());
+        track.timeline =
+            make_timeline(*media.header(), media.store(), media.frames(), media.shown_after());
     }
 
     void make_track(Track& track) {
@@ -220,7 +221,7 @@ class Job {
         track.track = is_speech(track.medium())
                           ? keep(amr_isoFFtrack(file_.get(), is_wide, media.mode_set(), 1))
                           : make_visual_track(file_.get(), track);
-        keep_sync_samples(track.track, media.store().samples());
+        keep_sync_samples(track.track, media.store());
         track.samples = std::make_unique<PackedSamples>(media.store(), track.timeline);
         provide(track, track.track, *track.samples);
         report_.samples += track.samples->count();
@@ -274,7 +275,7 @@ class Job {
             track.medium() == Medium::kH263Rfc2190 ? ISO_H263_RFC2190 : ISO_H263_RFC4629;
         track.hint = keep(rtp_isoFFtrack(file_.get(), track.track, static_cast<int>(longest),
                                          next_payload_type(track), h263));
-        if (store.hints().size() == store.samples().size()) {
+        if (store.hints().size() == store.count()) {
             track.hint->sync_samples = track.track->sync_samples;
             track.hint->sync_count = track.track->sync_count;
         }

@@ -8,41 +8,41 @@
 namespace kestrel::packer {
 
 SampleFigures PackedSamples::figures(uint32_t sample) const {
-    const int32_t composition = timeline_.composition.empty() ? 0 : timeline_.composition[sample];
-    return {store_.samples()[sample].size, timeline_.durations[sample], composition};
+    return {store_.size_of(sample), timeline_.duration_of(sample),
+            timeline_.composition_of(sample)};
 }
 
-// Samples stand one after the other in the spool.
+// Samples stand one after the other in the spool, in the order in which they are written.
 bool PackedSamples::write(uint32_t first, uint32_t count, MediaOutput& output) {
     constexpr uint64_t kPiece = 256 << 10;
-    if (count == 0) return true;
-    const std::vector<Sample>& samples = store_.samples();
-    uint64_t at = samples[first].offset;
-    const Sample& last = samples[first + count - 1];
-    for (uint64_t left = last.offset + last.size - at; left > 0;) {
-        const uint64_t piece = std::min(left, kPiece);
+    uint64_t left = 0;
+    for (uint32_t i = 0; i < count; ++i)
+        left += store_.size_of(first + i);
+    for (uint64_t piece = 0; left > 0; left -= piece) {
+        piece = std::min(left, kPiece);
         scratch_.resize(static_cast<size_t>(piece));
-        if (!store_.read(at, scratch_) || !output.write(scratch_)) return false;
-        at += piece;
-        left -= piece;
+        if (!store_.read(written_, scratch_) || !output.write(scratch_)) return false;
+        written_ += piece;
     }
     return true;
 }
 
 bool PackedHints::plan(iso_track* hint) {
+    if (!store_.may_be_hinted()) return false;
     store_.packets().rewind();
     uint32_t sample = 0;
-    for (const uint32_t samples : store_.hints()) {
+    for (size_t i = 0; i < store_.hints().size(); ++i) {
+        const auto samples = static_cast<uint32_t>(store_.hints()[i]);
         uint64_t duration = 0;
-        for (uint32_t i = 0; i < samples; ++i)
-            duration += media_.figures(sample + i).duration;
+        for (uint32_t of_hint = 0; of_hint < samples; ++of_hint)
+            duration += media_.figures(sample + of_hint).duration;
         if (duration > UINT32_MAX) return false;
         store_.packets().take(scratch_.packets);
         if (make_hint_of_packets(hint, media_.figures(sample).cts_offset, scratch_) != 0)
             return false;
         count_hint(hint, scratch_, static_cast<uint32_t>(duration), samples);
-        sizes_.push_back(static_cast<uint32_t>(scratch_.bytes.size()));
-        durations_.push_back(static_cast<uint32_t>(duration));
+        sizes_.push_back(scratch_.bytes.size());
+        durations_.push_back(duration);
         packets_ += scratch_.packets.size();
         sample += samples;
     }
@@ -60,7 +60,7 @@ bool PackedHints::write(uint32_t first, uint32_t count, MediaOutput& output) {
         make_hint_sample(scratch_.packets, next_, scratch_.bytes);
         if (scratch_.bytes.size() != sizes_[i] || !output.write(scratch_.bytes)) return false;
         next_.sequence = static_cast<uint16_t>(next_.sequence + scratch_.packets.size());
-        next_.media_sample += store_.hints()[i];
+        next_.media_sample += static_cast<uint32_t>(store_.hints()[i]);
     }
     return true;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "companion/packer/number_runs.h"
 #include "companion/packer/sample_store.h"
 #include "companion/packer/timeline.h"
 #include "interface/src/isoff/write/hint_track.h"
@@ -19,13 +20,14 @@ class PackedSamples final : public SampleProvider {
     PackedSamples(SampleStore& store, const Timeline& timeline)
         : store_(store), timeline_(timeline) {}
 
-    uint32_t count() const override { return static_cast<uint32_t>(store_.samples().size()); }
+    uint32_t count() const override { return static_cast<uint32_t>(store_.count()); }
     SampleFigures figures(uint32_t sample) const override;
     bool write(uint32_t first, uint32_t count, MediaOutput& output) override;
 
   private:
     SampleStore& store_;
     const Timeline& timeline_;
+    uint64_t written_ = 0;  // bytes
     std::vector<uint8_t> scratch_;
 };
 
@@ -41,15 +43,14 @@ class PackedHints final : public SampleProvider {
 
     uint32_t count() const override { return static_cast<uint32_t>(sizes_.size()); }
     SampleFigures figures(uint32_t sample) const override {
-        return {sizes_[sample], durations_[sample]};
+        return {static_cast<uint32_t>(sizes_[sample]), static_cast<uint32_t>(durations_[sample])};
     }
     bool write(uint32_t first, uint32_t count, MediaOutput& output) override;
 
   private:
     SampleStore& store_;
     const PackedSamples& media_;
-    std::vector<uint32_t> sizes_;
-    std::vector<uint32_t> durations_;
+    NumberRuns sizes_, durations_;
     uint64_t packets_ = 0;
     HintSampleFacts next_{0, 0, 1};
     HintSample scratch_;

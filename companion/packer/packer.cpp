@@ -110,7 +110,7 @@ int kst_packer_describe(const kst_packer* packer, uint32_t stream, kst_pack_stre
     kst_pack_stream known{};
     if (media.header())
         known.medium = is_speech(media.header()->medium) ? KST_PACK_AUDIO : KST_PACK_VIDEO;
-    known.samples = media.store().samples().size();
+    known.samples = media.store().count();
     known.packets_left_out = media.packets_left_out();
     known.packets_missing = media.packets_missing();
     if (media.damage()) {

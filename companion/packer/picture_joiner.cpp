@@ -143,11 +143,20 @@ void PictureJoiner::packet(const stream::VideoPacket& packet) {
     has_picture_ = true;
     time_ = packet.time;
     payload_ = packet.payload;
-    if (store_.with_packets()) packets_.push_back({copy_of(payload_), packet.marker, {}, 0});
+    keep_packet(packet);
     // A packet without payload is that of a picture without bytes.
     if (!depacketiser_->packet(payload_) && !payload_.empty()) ++packets_left_out_;
     payload_ = {};
     if (packet.marker || picture_.size() > stream::kMaxFrameBytes) end_picture();
+}
+
+// For the hint sample of the picture.
+void PictureJoiner::keep_packet(const stream::VideoPacket& packet) {
+    if (packets_.size() == kMaxHintPackets) {
+        store_.leave_out_hints();
+        packets_.clear();
+    }
+    if (store_.with_packets()) packets_.push_back({copy_of(packet.payload), packet.marker, {}, 0});
 }
 
 void PictureJoiner::finish(bool is_whole) {
@@ -181,7 +190,7 @@ void PictureJoiner::take(std::span<const uint8_t> bytes) {
 void PictureJoiner::end_picture() {
     depacketiser_->finish();
     end_unit();
-    const bool is_first = store_.samples().empty();
+    const bool is_first = store_.count() == 0;
     if (is_first) config_.complete(picture_);
     const Picture about = reader_->look(picture_);
     const bool is_first_of_h264 = is_first && medium_ == stream::Medium::kH264;

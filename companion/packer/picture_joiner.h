@@ -68,6 +68,7 @@ class PictureJoiner {
         size_t end() const { return begin + length; }
     };
 
+    void keep_packet(const stream::VideoPacket& packet);
     void begin_unit();
     void end_unit();
     void take(std::span<const uint8_t> bytes);

@@ -7,21 +7,19 @@ namespace kestrel::packer {
 
 void SampleStore::add(std::span<const uint8_t> bytes, uint32_t time, bool is_sync,
                       uint64_t display_key) {
-    Sample sample;
-    sample.offset = spool_.size();
-    sample.size = static_cast<uint32_t>(bytes.size());
-    sample.is_sync = is_sync;
-    sample.display_key = display_key;
-    // Half the range or more ahead is a step back, which decoding times never take.
-    const uint32_t step = time - last_time_.value_or(time);
-    const bool goes_back = step > INT32_MAX;
-    sample.time = samples_.empty() ? time : samples_.back().time + (goes_back ? 0 : step);
-    if (!goes_back) last_time_ = time;
+    if (failed_) return;
     if (!spool_.append(bytes)) {
         failed_ = true;
         return;
     }
-    samples_.push_back(sample);
+    // Half the range or more ahead is a step back, which decoding times never take.
+    const uint32_t step = time - last_time_.value_or(time);
+    const bool goes_back = step > INT32_MAX;
+    times_.push_back(times_.empty() ? time : times_.back() + (goes_back ? 0 : step));
+    if (!goes_back) last_time_ = time;
+    sizes_.push_back(bytes.size());
+    syncs_.push_back(is_sync ? 1 : 0);
+    display_keys_.push_back(display_key);
 }
 
 bool SampleStore::read(uint64_t offset, std::span<uint8_t> to) {

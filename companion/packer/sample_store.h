@@ -6,20 +6,12 @@
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <vector>
 
 #include "companion/hinter/packet_plan.h"
+#include "companion/packer/number_runs.h"
 #include "companion/packer/spool.h"
 
 namespace kestrel::packer {
-
-struct Sample {
-    uint64_t offset = 0;       // in the spool
-    uint64_t time = 0;         // decoding time in units of the stream, without its wrap at 32 bits
-    uint64_t display_key = 0;  // samples are shown in the order of their keys
-    uint32_t size = 0;
-    bool is_sync = true;
-};
 
 class SampleStore {
   public:
@@ -31,26 +23,37 @@ class SampleStore {
     // Adds a hint sample for the `samples` samples that were added last. The packets' ranges count
     // samples from the first of these.
     void add_hint(const HintPackets& packets, uint32_t samples);
+    // A hint sample would have too many packets. No more are taken.
+    void leave_out_hints() { may_be_hinted_ = false; }
 
-    const std::vector<Sample>& samples() const { return samples_; }
+    size_t count() const { return sizes_.size(); }
+    uint32_t size_of(size_t sample) const { return static_cast<uint32_t>(sizes_[sample]); }
+    bool is_sync(size_t sample) const { return syncs_[sample] != 0; }
+    // Decoding times in units of the stream, without their wrap at 32 bits.
+    const NumberRuns& times() const { return times_; }
+    // Samples are shown in the order of their keys.
+    const NumberRuns& display_keys() const { return display_keys_; }
     // Reads bytes of samples, which stand one after the other in their order.
     bool read(uint64_t offset, std::span<uint8_t> to);
     // Whether a temporary file failed.
     bool failed() const { return failed_; }
 
-    bool with_packets() const { return with_packets_; }
+    bool with_packets() const { return with_packets_ && may_be_hinted_; }
     // How many samples each hint sample stands for.
-    const std::vector<uint32_t>& hints() const { return hints_; }
+    const NumberRuns& hints() const { return hints_; }
+    // False once there were packets that no hint sample can describe.
+    bool may_be_hinted() const { return may_be_hinted_; }
     hinter::PacketPlan& packets() { return packets_; }
     size_t longest_packet() const { return longest_packet_; }  // bytes, RTP header included
 
   private:
     bool with_packets_;
-    std::vector<Sample> samples_;
+    NumberRuns sizes_, times_, syncs_, display_keys_;
     Spool spool_;
     bool failed_ = false;
     std::optional<uint32_t> last_time_;
-    std::vector<uint32_t> hints_;
+    NumberRuns hints_;
+    bool may_be_hinted_ = true;
     hinter::PacketPlan packets_;
     size_t longest_packet_ = 0;
 };

@@ -44,8 +44,9 @@ void StreamMedia::header(const stream::StreamHeader& header) {
 
 void StreamMedia::begin_frame() {
     in_frame_ = true;
-    speech_packets_.clear();
+    recorded_.clear();
     speech_.clear();
+    speech_count_ = 0;
 }
 
 void StreamMedia::video_packet(const stream::VideoPacket& packet) {
@@ -54,43 +55,44 @@ void StreamMedia::video_packet(const stream::VideoPacket& packet) {
 
 // --- speech ---
 
+// The packet of the speech frames that follow begins: mode request and table of contents.
+void StreamMedia::record_speech_packet(std::span<const uint8_t> front) {
+    if (!store_.with_packets()) return;
+    if (recorded_.size() == kMaxHintPackets) return store_.leave_out_hints();
+    const uint32_t step = band_of(header_->medium).samples_per_frame;
+    recorded_.begin_packet(static_cast<int32_t>(speech_count_ * step));
+    recorded_.add_own(front);
+}
+
 void StreamMedia::speech_payload(std::span<const uint8_t> front) {
-    speech_packets_.push_back({{front.begin(), front.end()}, 0});
+    record_speech_packet(front);
 }
 
 void StreamMedia::speech_frame(std::span<const uint8_t> frame) {
-    if (header_->api == stream::Api::kFunction)
-        speech_packets_.push_back(
-            {{kNoModeRequest, static_cast<uint8_t>(frame[0] & kTypeAndQuality)}, 0});
-    speech_packets_.back().frames++;
-    speech_.emplace_back(frame.begin(), frame.end());
+    if (header_->api == stream::Api::kFunction) {
+        const uint8_t front[] = {kNoModeRequest, static_cast<uint8_t>(frame[0] & kTypeAndQuality)};
+        record_speech_packet(front);
+    }
+    if (!recorded_.empty()) recorded_.add_range(1, frame.size() - 1, speech_count_);
+    speech_.insert(speech_.end(), frame.begin(), frame.end());
+    ++speech_count_;
 }
 
 void StreamMedia::end_frame() {
     in_frame_ = false;
     ++frames_;
-    if (speech_.empty()) return;
-    const uint32_t step = band_of(header_->medium).samples_per_frame;
+    if (speech_count_ == 0) return;
+    const AmrBand& band = band_of(header_->medium);
     uint32_t time = speech_time_;
-    for (const std::vector<uint8_t>& frame : speech_) {
-        const int type = storage_frame_type(frame[0]);
+    for (std::span<const uint8_t> rest(speech_); !rest.empty();) {
+        const int type = storage_frame_type(rest[0]);
+        const auto size = static_cast<size_t>(storage_frame_size(band.frame_bits[type]));
         mode_set_ |= 1U << type;
-        store_.add(frame, time, true, store_.samples().size());
-        time += step;
+        store_.add(rest.first(size), time, true, store_.count());
+        time += band.samples_per_frame;
+        rest = rest.subspan(size);
     }
-    if (store_.with_packets()) record_speech_packets(step);
-}
-
-void StreamMedia::record_speech_packets(uint32_t frame_time) {
-    recorded_.clear();
-    uint32_t sample = 0;
-    for (const SpeechPacket& packet : speech_packets_) {
-        recorded_.begin_packet(static_cast<int32_t>(sample * frame_time));
-        recorded_.add_own(packet.front);
-        for (uint32_t left = packet.frames; left > 0; --left, ++sample)
-            recorded_.add_range(1, speech_[sample].size() - 1, sample);
-    }
-    store_.add_hint(recorded_, sample);
+    if (store_.with_packets()) store_.add_hint(recorded_, speech_count_);
 }
 
 }  // namespace kestrel::packer

@@ -55,14 +55,8 @@ class StreamMedia final : private stream::RecordSink {
     void speech_payload(std::span<const uint8_t> front) override;
     void speech_frame(std::span<const uint8_t> frame) override;
 
-    // Of an RTP payload: mode request and table of contents, and how many frames follow.
-    struct SpeechPacket {
-        std::vector<uint8_t> front;
-        uint32_t frames;
-    };
-
     void run(const std::function<void()>& step);
-    void record_speech_packets(uint32_t frame_time);
+    void record_speech_packet(std::span<const uint8_t> front);
 
     stream::NativeWalk walk_{*this};
     std::optional<stream::StreamHeader> header_;
@@ -72,10 +66,10 @@ class StreamMedia final : private stream::RecordSink {
     SampleStore store_;
     std::optional<PictureJoiner> pictures_;  // video only
 
-    // Speech only: the frame at hand.
+    // Speech only: the frame at hand, which has speech frames one after the other.
     uint32_t speech_time_ = 0;
-    std::vector<SpeechPacket> speech_packets_;
-    std::vector<std::vector<uint8_t>> speech_;
+    uint32_t speech_count_ = 0;
+    std::vector<uint8_t> speech_;
     HintPackets recorded_;
     unsigned mode_set_ = 0;
 };

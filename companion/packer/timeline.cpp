@@ -8,8 +8,6 @@
 namespace kestrel::packer {
 namespace {
 
-using Times = std::vector<uint64_t>;
-
 constexpr uint32_t kVideoClock = 90000;  // Hz, of the times in a native stream
 
 uint32_t timescale_of(const stream::StreamHeader& header) {
@@ -65,11 +63,6 @@ double clock_factor(const stream::StreamHeader& header, const Times& times, uint
     return factor > limit || factor < 1.0 / limit ? factor : 1.0;
 }
 
-void rescale(Times& times, double factor) {
-    for (uint64_t& time : times)
-        time = static_cast<uint64_t>(std::llround(static_cast<double>(time) / factor));
-}
-
 // --- durations ---
 
 // The last sample lasts to the declared end, unless that is so far that samples are missing.
@@ -88,30 +81,34 @@ uint64_t last_duration(const stream::StreamHeader& header, const Times& times) {
     return static_cast<uint64_t>(left);
 }
 
-std::vector<uint32_t> durations_of(const stream::StreamHeader& header, const Times& times) {
-    std::vector<uint32_t> durations(times.size());
-    for (size_t i = 0; i < times.size(); ++i) {
-        const uint64_t lasts =
-            i + 1 < times.size() ? times[i + 1] - times[i] : last_duration(header, times);
-        durations[i] = static_cast<uint32_t>(std::min<uint64_t>(lasts, UINT32_MAX));
+// --- composition ---
+
+bool are_shown_in_order(const NumberRuns& keys) {
+    for (size_t i = 1; i < keys.size(); ++i) {
+        if (keys[i] < keys[i - 1]) return false;
     }
-    return durations;
+    return true;
 }
 
-// --- composition ---
+// The samples in the order in which they are shown.
+std::vector<uint32_t> display_order(const NumberRuns& keys) {
+    std::vector<uint64_t> key_of(keys.size());
+    for (size_t i = 0; i < keys.size(); ++i)
+        key_of[i] = keys[i];
+    std::vector<uint32_t> shown(keys.size());
+    std::iota(shown.begin(), shown.end(), 0);
+    std::stable_sort(shown.begin(), shown.end(),
+                     [&](uint32_t a, uint32_t b) { return key_of[a] < key_of[b]; });
+    return shown;
+}
 
 // Samples are shown in the order of their keys, at the times at which they are decoded, all later
 // by as much as it takes for none to be shown before it was decoded.
-void compose(std::span<const Sample> samples, const Times& times, uint32_t shown_after,
-             Timeline& timeline) {
-    const auto is_before = [&](uint32_t a, uint32_t b) {
-        return samples[a].display_key < samples[b].display_key;
-    };
-    std::vector<uint32_t> shown(samples.size());
-    std::iota(shown.begin(), shown.end(), 0);
-    if (shown_after == 0 && std::is_sorted(shown.begin(), shown.end(), is_before)) return;
-    std::stable_sort(shown.begin(), shown.end(), is_before);
-    std::vector<int64_t> offsets(samples.size());
+void compose(const NumberRuns& keys, uint32_t shown_after, Timeline& timeline) {
+    const Times& times = timeline.times;
+    if (shown_after == 0 && are_shown_in_order(keys)) return;
+    const std::vector<uint32_t> shown = display_order(keys);
+    std::vector<int64_t> offsets(shown.size());
     auto delay =
         static_cast<int64_t>(times[std::min<size_t>(shown_after, times.size() - 1)] - times[0]);
     for (size_t rank = 0; rank < shown.size(); ++rank) {
@@ -127,23 +124,34 @@ void compose(std::span<const Sample> samples, const Times& times, uint32_t shown
                    [&](int64_t offset) { return static_cast<int32_t>(offset + delay); });
 }
 
+uint32_t limited(uint64_t duration) {
+    return static_cast<uint32_t>(std::min<uint64_t>(duration, UINT32_MAX));
+}
+
 }  // namespace
 
-Timeline make_timeline(const stream::StreamHeader& header, std::span<const Sample> samples,
+uint64_t Times::scaled(uint64_t time) const {
+    return factor_ == 1.0
+               ? time
+               : static_cast<uint64_t>(std::llround(static_cast<double>(time) / factor_));
+}
+
+uint32_t Timeline::duration_of(size_t sample) const {
+    if (sample + 1 == times.size()) return last_duration;
+    return limited(times[sample + 1] - times[sample]);
+}
+
+Timeline make_timeline(const stream::StreamHeader& header, const SampleStore& samples,
                        uint32_t frames, uint32_t shown_after) {
     Timeline timeline;
     timeline.timescale = timescale_of(header);
-    if (samples.empty()) return timeline;
-    Times times(samples.size());
-    std::transform(samples.begin(), samples.end(), times.begin(),
-                   [](const Sample& sample) { return sample.time; });
+    timeline.times = Times(samples.times());
     if (header.api == stream::Api::kClass) {
-        const double factor = clock_factor(header, times, frames);
-        if (factor != 1.0) rescale(times, factor);
-        timeline.start = times.front();
+        timeline.times.divide_by(clock_factor(header, timeline.times, frames));
+        timeline.start = timeline.times.front();
     }
-    timeline.durations = durations_of(header, times);
-    compose(samples, times, shown_after, timeline);
+    timeline.last_duration = limited(last_duration(header, timeline.times));
+    compose(samples.display_keys(), shown_after, timeline);
     return timeline;
 }
 

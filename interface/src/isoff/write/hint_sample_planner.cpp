@@ -53,9 +53,6 @@ void HintPackets::move_times(int32_t offset) {
 
 namespace {
 
-// A hint sample counts its packets in 16 bits; a sample that makes more is not laid out to its end.
-constexpr size_t kMaxPackets = UINT16_MAX;
-
 // --- speech ---
 
 struct SpeechFrame {
@@ -72,7 +69,7 @@ bool find_frames(std::span<const uint8_t> sample, bool wide_band,
         const auto size =
             static_cast<size_t>(storage_frame_size(wide_band ? kWideBandBits[type] : bits[type]));
         if (size > sample.size() - at) return false;
-        if (frames.size() == kMaxPackets) return false;
+        if (frames.size() == kMaxHintPackets) return false;
         frames.push_back({at, size - 1, sample[at]});
         at += size;
     }
@@ -180,7 +177,7 @@ bool packets_of_picture(std::span<const uint8_t> sample, VideoPayload kind, size
     if (!plan.begin(source_format)) return false;
     while (!plan.at_end()) {
         VideoPacket next;
-        if (packets.size() == kMaxPackets || !plan.next(next)) return false;
+        if (packets.size() == kMaxHintPackets || !plan.next(next)) return false;
         packets.begin_packet();
         if (next.fragment.is_last()) packets.set_marker();
         packets.add_own(std::span(next.header.bytes).first(next.header.size));
@@ -197,7 +194,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
     };
     NalUnits units(sample, length_size);
     for (NalUnit unit; units.next(unit);) {
-        if (packets.size() >= kMaxPackets) return false;
+        if (packets.size() >= kMaxHintPackets) return false;
         if (unit.size() <= static_cast<size_t>(max_payload)) {
             packets.begin_packet();
             packets.add_range(offset_of(unit), unit.size());
@@ -206,7 +203,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
         FuFragments fragments(unit, max_payload);
         if (!fragments.has_room()) return false;
         for (FuFragment fragment{}; fragments.next(fragment);) {
-            if (packets.size() >= kMaxPackets) return false;
+            if (packets.size() >= kMaxHintPackets) return false;
             packets.begin_packet();
             packets.add_own(fragment.headers);
             packets.add_range(offset_of(fragment.bytes), fragment.bytes.size());
@@ -219,7 +216,7 @@ bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t m
 bool make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts,
                       std::vector<uint8_t>& sample) {
     sample.clear();
-    if (packets.size() > kMaxPackets) return false;
+    if (packets.size() > kMaxHintPackets) return false;
     append_be(sample, packets.size(), 2);
     append_be(sample, 0, 2);
     uint16_t sequence = facts.sequence;

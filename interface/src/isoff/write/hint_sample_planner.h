@@ -30,6 +30,9 @@ struct HintPacket {
     size_t size() const;  // RTP header included
 };
 
+// A hint sample counts its packets in 16 bits; a sample that makes more is not laid out to its end.
+inline constexpr size_t kMaxHintPackets = UINT16_MAX;
+
 // The packets of a media sample, in order. The memory stays for the next sample.
 class HintPackets {
   public:
