@@ -203,7 +203,7 @@ TEST(ClassHeaders, StartOffsetsComeFromEmptyEdits) {
         {edit_list(words({1, 0xFFFFFFFF, 0})), edit_list(late50), 0, 400 - 90},
     };
     for (const auto& c : cases) {
-        Bytes file = video_file(c.video, c.audio).build();
+        const Bytes file = video_file(c.video, c.audio).build();
         const SyslogCapture log(3);
         const Bytes stream = play(file, "vr", kOnClass).stream;
         EXPECT_THAT(log.lines(), IsEmpty());
@@ -212,10 +212,8 @@ TEST(ClassHeaders, StartOffsetsComeFromEmptyEdits) {
         EXPECT_EQ(start.audio_start, c.audio_start);
     }
     // A movie without a timescale.
-    Bytes file = video_file(edit_list(late100), edit_list(late50)).build();
-    const std::string mvhd = "mvhd";
-    const auto at = std::search(file.begin(), file.end(), mvhd.begin(), mvhd.end());
-    std::fill_n(at + 16, 4, uint8_t{0});
+    const Bytes file =
+        with(video_file(edit_list(late100), edit_list(late50)).build(), "mvhd", 12, be32(0));
     const auto start =
         record_at<kestrel::VID_Header_NTSInfo>(play(file, "vr", kOnClass).stream, 24);
     EXPECT_EQ(start.video_start | start.audio_start, 0u);
@@ -223,29 +221,16 @@ TEST(ClassHeaders, StartOffsetsComeFromEmptyEdits) {
 
 // --- statuses ---
 
-// The n-th box of a type becomes an unknown one.
-Bytes without(Bytes file, const std::string& type, int nth = 0) {
-    auto at = file.begin();
-    for (;; ++at) {
-        at = std::search(at, file.end(), type.begin(), type.end());
-        if (at == file.end()) throw std::runtime_error("no box " + type);
-        if (nth-- == 0) break;
-    }
-    std::copy_n("xxxx", 4, at);
-    return file;
+Bytes without(Bytes file, std::string_view type, int before = 0) {
+    return with(std::move(file), type, -4, text("xxxx"), before);
 }
 
-// Writes a word after the type of the n-th box.
-Bytes with_word(Bytes file, const std::string& type, int nth, size_t offset, uint32_t value) {
-    const Bytes marked = without(file, type, nth);
-    const auto at = std::mismatch(file.begin(), file.end(), marked.begin()).first;
-    const Bytes bytes = be32(value);
-    std::copy(bytes.begin(), bytes.end(), at + 4 + static_cast<long>(offset));
-    return file;
+Bytes with_word(Bytes file, std::string_view type, int before, int offset, uint32_t value) {
+    return with(std::move(file), type, offset, be32(value), before);
 }
 
-constexpr size_t kMdhdTimescale = 12;
-constexpr size_t kTableCount = 4;
+constexpr int kMdhdTimescale = 12;
+constexpr int kTableCount = 4;
 
 struct OpenCase {
     std::string what;
@@ -493,7 +478,7 @@ TEST(ClassTables, RunsOfBillionsAreSearchedWithoutOverflow) {
     for (const uint32_t first : {0u, 1u, 2u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
         Bytes file = speech;
         for (const auto& [offset, value] :
-             {std::pair<size_t, uint32_t>{12, 0xFFFFFFFF}, {20, first}, {24, 0xFFFFFFFF}}) {
+             {std::pair<int, uint32_t>{12, 0xFFFFFFFF}, {20, first}, {24, 0xFFFFFFFF}}) {
             file = with_word(file, "stsc", 1, offset, value);
         }
         FaultyHost host(file);

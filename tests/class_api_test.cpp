@@ -200,14 +200,6 @@ Landing seek(C3gpInterface& player, uint32_t time, uint32_t flags) {
     return {status, params.nTime, params.uFrameNum, params.uFileOffset};
 }
 
-// Where the type of the n-th box of a type is, for files of a media track and its hint track.
-size_t place_of(const Bytes& file, const std::string& type, int nth) {
-    auto at = file.begin();
-    while ((at = std::search(at, file.end(), type.begin(), type.end())) != file.end() && nth-- > 0)
-        ++at;
-    return static_cast<size_t>(at - file.begin());
-}
-
 // As it is; counted in the hint track's timescale, so that a time leads to every hint sample; and
 // that without sync samples, or with the first of them later.
 enum class Doctored { kNot, kTimescale, kNoSync, kLateSync };
@@ -216,9 +208,9 @@ Bytes doctor(Bytes file, Doctored how) {
     constexpr size_t kTimescale = 16;  // in `mdhd`, from its type; the duration is next
     constexpr size_t kFirstSync = 12;  // in `stss`
     if (how == Doctored::kNot) return file;
-    std::copy_n(file.begin() + static_cast<long>(place_of(file, "mdhd", 1) + kTimescale), 8,
-                file.begin() + static_cast<long>(place_of(file, "mdhd", 0) + kTimescale));
-    const size_t sync = place_of(file, "stss", 1);
+    std::copy_n(file.begin() + static_cast<long>(find_box(file, "mdhd", 1) + kTimescale), 8,
+                file.begin() + static_cast<long>(find_box(file, "mdhd", 0) + kTimescale));
+    const size_t sync = find_box(file, "stss", 1);
     if (sync == file.size()) return file;
     if (how == Doctored::kNoSync) file[sync] = 'x';
     if (how == Doctored::kLateSync) file[sync + kFirstSync + 3] = 4;

@@ -31,7 +31,7 @@ struct Hinted {
     Bytes file;
 };
 
-kst_hint_options with(uint32_t flags, uint32_t max_packet = 0) {
+kst_hint_options asking(uint32_t flags, uint32_t max_packet = 0) {
     kst_hint_options options = {};
     options.struct_size = sizeof options;
     options.flags = flags;
@@ -51,7 +51,7 @@ Hinted hint(KST_IOSTREAM_CALLBACK_INTERFACE* source, const kst_hint_options& opt
     return hinted;
 }
 
-Hinted hint(const Bytes& source, const kst_hint_options& options = with(0)) {
+Hinted hint(const Bytes& source, const kst_hint_options& options = asking(0)) {
     kst_host* from = kst_host_from_memory(source.data(), source.size());
     Hinted hinted = hint(kst_host_callbacks(from), options);
     kst_host_close(from);
@@ -163,7 +163,7 @@ class Clip : public testing::TestWithParam<std::string> {};
 TEST_P(Clip, KeepsEverySample) {
     const Bytes source = read_sample(GetParam());
     for (const auto& options :
-         {with(KST_HINT_REPLACE), with(KST_HINT_REPLACE | KST_HINT_RFC2190, 300)}) {
+         {asking(KST_HINT_REPLACE), asking(KST_HINT_REPLACE | KST_HINT_RFC2190, 300)}) {
         SCOPED_TRACE(options.max_packet);
         const Hinted hinted = hint(source, options);
         if (is_unsupported(GetParam())) {
@@ -208,7 +208,7 @@ std::vector<HintedMedium> hinted_media(const Movie& movie) {
 TEST_P(Clip, PlaysAlsoWhileItArrives) {
     constexpr uint32_t kStep = 9973;  // bytes
     if (is_unsupported(GetParam())) return;
-    const Hinted hinted = hint(read_sample(GetParam()), with(KST_HINT_REPLACE));
+    const Hinted hinted = hint(read_sample(GetParam()), asking(KST_HINT_REPLACE));
     const Movie movie = import(hinted.file);
     for (const HintedMedium& medium : hinted_media(movie)) {
         for (const Api api : {Api::kFunction, Api::kClass}) {
@@ -274,7 +274,7 @@ void expect_right_seeks(const Bytes& file, const HintedMedium& medium) {
 
 TEST_P(Clip, SeeksToTheSampleOfATime) {
     if (is_unsupported(GetParam())) return;
-    const Hinted hinted = hint(read_sample(GetParam()), with(KST_HINT_REPLACE));
+    const Hinted hinted = hint(read_sample(GetParam()), asking(KST_HINT_REPLACE));
     const Movie movie = import(hinted.file);
     for (const HintedMedium& medium : hinted_media(movie)) {
         if (medium.class_api) expect_right_seeks(hinted.file, medium);
@@ -293,14 +293,9 @@ TEST(Hinter, SeeksInEveryTimescale) {
     for (const char* name : {"amrnb_plain.3gp", "h263_plain.3gp", "mpeg4_plain.3gp"}) {
         for (const uint32_t timescale : {25U, 600U, 1000U, 11025U, 29970U, 44100U, 90000U}) {
             SCOPED_TRACE(timescale);
-            Bytes source = read_sample(name);
-            const Bytes mdhd = text("mdhd");
-            const auto at = std::search(source.begin(), source.end(), mdhd.begin(), mdhd.end());
-            kestrel::store_be32(&*at + 16, timescale);
-            Bytes stts = text("stts");
-            const auto table = std::search(source.begin(), source.end(), stts.begin(), stts.end());
             const uint32_t delta = std::max(timescale / 15, 1U);  // of the first entry
-            kestrel::store_be32(&*table + 16, delta);
+            const Bytes source =
+                with(with(read_sample(name), "mdhd", 12, be32(timescale)), "stts", 12, be32(delta));
             const Hinted hinted = hint(source);
             ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
             expect_same_tracks(source, hinted.file);
@@ -315,11 +310,8 @@ TEST(Hinter, KeepsATimescaleOfWhichTheMultipleWouldNotFit) {
     constexpr uint32_t kTimescale = 15360, kFactor = 25, kSamples = 30;
     constexpr uint32_t kLongest = UINT32_MAX / kFactor / kSamples;  // duration of a sample
     for (const bool fits : {true, false}) {
-        Bytes source = read_sample("mpeg4_plain.3gp");
-        const Bytes stts = text("stts");
-        const auto table = std::search(source.begin(), source.end(), stts.begin(), stts.end());
-        ASSERT_EQ(kestrel::load_be32(&*table + 12), kSamples);
-        kestrel::store_be32(&*table + 16, fits ? kLongest : kLongest + 1);
+        const Bytes source = with(read_sample("mpeg4_plain.3gp"), "stts", 8,
+                                  words({kSamples, fits ? kLongest : kLongest + 1}));
         const Hinted hinted = hint(source);
         ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
         expect_same_tracks(source, hinted.file);
@@ -336,12 +328,12 @@ TEST(Hinter, KeepsOrDropsOtherTracks) {
     EXPECT_EQ(kept.report.tracks, 3U);
     EXPECT_EQ(kept.report.hint_tracks, 1U);
     EXPECT_EQ(kept.report.dropped_tracks, 0U);
-    const Hinted dropped = hint(source, with(KST_HINT_DROP_OTHERS));
+    const Hinted dropped = hint(source, asking(KST_HINT_DROP_OTHERS));
     EXPECT_EQ(dropped.report.tracks, 1U);
     EXPECT_EQ(dropped.report.dropped_tracks, 2U);
     EXPECT_STREQ(dropped.report.left_out, "left out track 2 (mp4a), track 3 (tx3g)");
     EXPECT_EQ(import(dropped.file).tracks.size(), 2U);
-    const Hinted replaced = hint(kept.file, with(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS));
+    const Hinted replaced = hint(kept.file, asking(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS));
     EXPECT_EQ(replaced.report.replaced_tracks, 1U);
     EXPECT_EQ(replaced.file, dropped.file);
 }
@@ -360,43 +352,34 @@ TEST(Hinter, KeepsReferencesToTracksThatAreThere) {
         }
     }
     EXPECT_GT(references, 0U);
-    const Hinted alone = hint(read_sample("wild/systems_tracks.mp4"), with(KST_HINT_DROP_OTHERS));
+    const Hinted alone = hint(read_sample("wild/systems_tracks.mp4"), asking(KST_HINT_DROP_OTHERS));
     for (const Track& track : import(alone.file).tracks) {
         for (const auto& reference : track.references)
             EXPECT_EQ(reference.type, fourcc("hint"));
     }
 }
 
-void replace_first(Bytes& file, std::string_view from, std::string_view to) {
-    const auto at = std::search(file.begin(), file.end(), from.begin(), from.end());
-    ASSERT_NE(at, file.end());
-    std::copy(to.begin(), to.end(), at);
-}
-
 TEST(Hinter, RefusesEncryptedTracksButForDroppingThem) {
     Bytes source = read_sample("av_h263_amrnb_hinted.3gp");
-    replace_first(source, "s263", "encv");
-    const Hinted refused = hint(source, with(KST_HINT_REPLACE));
+    source = with(source, "s263", -4, text("encv"));
+    const Hinted refused = hint(source, asking(KST_HINT_REPLACE));
     EXPECT_EQ(refused.result, KST_HINT_REFUSED);
     EXPECT_STREQ(refused.report.error, "track 1 is encrypted");
     EXPECT_TRUE(refused.file.empty());
-    const Hinted dropped = hint(source, with(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS));
+    const Hinted dropped = hint(source, asking(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS));
     ASSERT_EQ(dropped.result, KST_HINT_DONE);
     EXPECT_EQ(play(dropped.file, "ar").status, KST_END_OF_FILE);
-    replace_first(source, "samr", "enca");
-    EXPECT_STREQ(hint(source, with(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS)).report.error,
+    source = with(source, "samr", -4, text("enca"));
+    EXPECT_STREQ(hint(source, asking(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS)).report.error,
                  "track 1 is encrypted");
 }
 
 TEST(Hinter, ReplacesDamagedHintTracks) {
     const Bytes whole = read_sample("h263_hinted.3gp");
-    Bytes source = whole;
-    const Bytes stsz = text("stsz");
-    const auto at =
-        std::find_end(source.begin(), source.end(), stsz.begin(), stsz.end());  // of the hint track
-    kestrel::store_be32(&*at + 12, 7);
+    const Bytes source = with(whole, "stsz", 8, be32(7), 1);  // of the hint track
     EXPECT_EQ(hint(source).result, KST_HINT_HAS_HINTS);
-    EXPECT_EQ(hint(source, with(KST_HINT_REPLACE)).file, hint(whole, with(KST_HINT_REPLACE)).file);
+    EXPECT_EQ(hint(source, asking(KST_HINT_REPLACE)).file,
+              hint(whole, asking(KST_HINT_REPLACE)).file);
 }
 
 TEST(Hinter, SalvagesWhatIsWholeOfACutFile) {
@@ -405,7 +388,7 @@ TEST(Hinter, SalvagesWhatIsWholeOfACutFile) {
     const Hinted refused = hint(source);
     EXPECT_EQ(refused.result, KST_HINT_REFUSED);
     EXPECT_TRUE(refused.file.empty());
-    const Hinted salvaged = hint(source, with(KST_HINT_SALVAGE));
+    const Hinted salvaged = hint(source, asking(KST_HINT_SALVAGE));
     ASSERT_EQ(salvaged.result, KST_HINT_DONE) << salvaged.report.error;
     EXPECT_THAT(salvaged.report.left_out, testing::StartsWith("kept "));
     EXPECT_GT(salvaged.report.samples, 20U);
@@ -439,31 +422,27 @@ TEST(Hinter, RefusesWhatItCannotHint) {
         const char* name;
         const char* file;
         const char* box;
-        size_t offset;  // of four bytes in the body that are replaced, or of the type before it
+        int at;  // in the body, or at its type, where four bytes are replaced
         uint32_t value;
         const char* error;
     } cases[] = {
-        {"no avcC", "h264_plain.3gp", "avcC", 0, fourcc("free"),
+        {"no avcC", "h264_plain.3gp", "avcC", -4, fourcc("free"),
          "track 1 has no decoder configuration"},
-        {"no esds", "mpeg4_plain.3gp", "esds", 0, fourcc("free"),
+        {"no esds", "mpeg4_plain.3gp", "esds", -4, fourcc("free"),
          "track 1 has no decoder configuration"},
-        {"no d263", "h263_plain.3gp", "d263", 0, fourcc("free"),
+        {"no d263", "h263_plain.3gp", "d263", -4, fourcc("free"),
          "track 1 has no decoder configuration"},
-        {"long descriptor", "mpeg4_plain.3gp", "esds", 8, 0x037F7F7F,
+        {"long descriptor", "mpeg4_plain.3gp", "esds", 4, 0x037F7F7F,
          "track 1: its decoder configuration is damaged"},
-        {"long parameter set", "h264_plain.3gp", "avcC", 10, 0xFFFFFFFF,
+        {"long parameter set", "h264_plain.3gp", "avcC", 6, 0xFFFFFFFF,
          "track 1 has no decoder configuration"},
-        {"long sample", "mpeg4_plain.3gp", "stts", 16, kLong,
+        {"long sample", "mpeg4_plain.3gp", "stts", 12, kLong,
          "track 1 lasts too long: it counts 15360 units a second in 32 bits, so up to 77 h 40 min"},
     };
     for (const auto& damaged : cases) {
         SCOPED_TRACE(damaged.name);
-        Bytes source = read_sample(damaged.file);
-        const Bytes box = text(damaged.box);
-        const auto at = std::search(source.begin(), source.end(), box.begin(), box.end());
-        ASSERT_NE(at, source.end());
-        kestrel::store_be32(&*at + damaged.offset, damaged.value);
-        const Hinted hinted = hint(source);
+        const Hinted hinted =
+            hint(with(read_sample(damaged.file), damaged.box, damaged.at, be32(damaged.value)));
         EXPECT_EQ(hinted.result, KST_HINT_REFUSED);
         EXPECT_STREQ(hinted.report.error, damaged.error);
         EXPECT_TRUE(hinted.file.empty());
@@ -618,9 +597,9 @@ TEST(Hinter, WritesOffsetsUpTo4GiB) {
 
 TEST(Hinter, RefusesArgumentsThatItDoesNotKnow) {
     const Bytes source = read_sample("amrnb_plain.3gp");
-    kst_hint_options other_version = with(0);
+    kst_hint_options other_version = asking(0);
     other_version.struct_size -= 4;
-    for (const auto& options : {with(16), with(0, 63), with(0, 65536), other_version}) {
+    for (const auto& options : {asking(16), asking(0, 63), asking(0, 65536), other_version}) {
         const Hinted hinted = hint(source, options);
         EXPECT_EQ(hinted.result, KST_HINT_BAD_ARGUMENT);
         EXPECT_TRUE(hinted.file.empty());
@@ -639,7 +618,7 @@ TEST(Hinter, CanBeCancelledAtAnyTime) {
         int last = 0;
         uint64_t done = 0, all = 0;
     } watch;
-    kst_hint_options options = with(0);
+    kst_hint_options options = asking(0);
     options.progress_context = &watch;
     options.progress = [](void* context, uint64_t done, uint64_t all) {
         auto* seen = static_cast<Watch*>(context);

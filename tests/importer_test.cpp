@@ -244,17 +244,6 @@ TEST(Importer, LosesNothingOfCutFiles) {
     }
 }
 
-// Puts bytes at a place of the body of a box, found by the number of boxes of its type before it.
-Bytes with(Bytes file, const std::string& type, std::ptrdiff_t at, const Bytes& bytes,
-           int before = 0) {
-    auto found = file.begin();
-    for (int i = 0; i <= before; ++i)
-        found = std::search(found + (i > 0), file.end(), type.begin(), type.end());
-    if (found == file.end()) throw std::runtime_error("no " + type);
-    std::copy(bytes.begin(), bytes.end(), found + 4 + at);
-    return file;
-}
-
 Bytes renamed(Bytes file, const std::string& type, const std::string& name, int before = 0) {
     return with(std::move(file), type, -4, text(name), before);
 }

@@ -96,6 +96,22 @@ Bytes box(const std::string& type, std::initializer_list<Bytes> parts) {
     return join({be32(static_cast<uint32_t>(body.size() + 8)), text(type), body});
 }
 
+size_t find_box(const Bytes& file, std::string_view type, int before) {
+    auto found = file.begin();
+    for (int i = 0; i <= before; ++i)
+        found = std::search(found + (i > 0 && found != file.end()), file.end(), type.begin(),
+                            type.end());
+    return static_cast<size_t>(found - file.begin());
+}
+
+Bytes with(Bytes file, std::string_view type, std::ptrdiff_t at, const Bytes& bytes, int before) {
+    const size_t found = find_box(file, type, before);
+    if (found == file.size()) throw std::runtime_error("no box " + std::string(type));
+    std::copy(bytes.begin(), bytes.end(),
+              file.begin() + static_cast<std::ptrdiff_t>(found) + 4 + at);
+    return file;
+}
+
 Bytes track(const TrackSpec& about) {
     const Bytes tkhd = box("tkhd", {words({0, 0, 0, about.id, 0, about.duration, 0, 0}), be16(0),
                                     be16(0), be16(0x100), be16(0), zeros(36), words({0, 0})});

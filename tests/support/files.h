@@ -35,6 +35,13 @@ Bytes join(std::initializer_list<Bytes> parts);
 // A box of the type around its parts.
 Bytes box(const std::string& type, std::initializer_list<Bytes> parts);
 
+// Where the type of the box is that so many of its type come before; the end where none is.
+size_t find_box(const Bytes& file, std::string_view type, int before = 0);
+
+// Puts bytes at a place of the body of that box, whose type is at -4.
+Bytes with(Bytes file, std::string_view type, std::ptrdiff_t at, const Bytes& bytes,
+           int before = 0);
+
 // The parts of a track, as far as a test wants to bend them.
 struct TrackSpec {
     uint32_t id = 1;
