@@ -12,6 +12,7 @@
 #include "kestrel/hinter.h"
 #include "kestrel/isoff.h"
 #include "kestrel/log.h"
+#include "kestrel/packer.h"
 #include "tests/support/allocation_watch.h"
 #include "tests/support/opened.h"
 #include "tests/support/playing.h"
@@ -312,6 +313,26 @@ TEST_F(NoMemory, Hinter) {
         if (result == KST_HINT_DONE) {
             EXPECT_EQ(to.written(), good.written());
         }
+    });
+}
+
+TEST_F(NoMemory, Packer) {
+    Bytes stream = play(read_sample("amrnb_hinted_multi.3gp"), "ar", {.api = Api::kClass}).stream;
+    stream.resize(68 + 2 * 185);
+    fail_each([&](AllocationFault& fault) {
+        const kst_pack_options options = {sizeof options, KST_PACK_HINT};
+        const Host host(kst_host_for_writing_memory());
+        const int status = fault.during([&] {
+            kst_packer* packer = kst_packer_open(&options);
+            if (packer == nullptr) return int{KST_PACK_NO_MEMORY};
+            int result = kst_packer_feed(packer, 0, stream.data(), stream.size());
+            if (result == KST_PACK_DONE)
+                result = kst_packer_write(packer, kst_host_callbacks(host.get()), nullptr);
+            kst_packer_close(packer);
+            return result;
+        });
+        EXPECT_EQ(status == KST_PACK_DONE, !fault.reached());
+        EXPECT_THAT(status, AnyOf(KST_PACK_DONE, KST_PACK_NO_MEMORY, KST_PACK_DESTINATION_FAILED));
     });
 }
 

@@ -10,11 +10,13 @@
 #include <iostream>
 
 #include "common/bytes.h"
+#include "companion/importer/movie.h"
 #include "interface/src/isoff/record/private.h"
 #include "interface/src/mmfi/mm_interface.h"
 #include "kestrel/log.h"
 #include "tests/support/allocation_watch.h"
 #include "tests/support/hint_file.h"
+#include "tests/support/movie_forms.h"
 #include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
 
@@ -714,6 +716,40 @@ TEST(Unwritten, BytesAreNotDelivered) {
                 ASSERT_EQ(streams[0], streams[1]) << name << ' ' << flag << ' ' << read;
             }
         }
+    }
+}
+
+// --- the importer ---
+
+// The media is not read, and the tables once.
+TEST(ImporterBounds, HoldForWhatIsRead) {
+    for (const std::string& name : wild_names()) {
+        const Bytes file = read_sample(name);
+        CountingHost host(file);
+        kestrel::importer::Movie movie;
+        ASSERT_TRUE(import_movie(*host.callbacks(), {}, movie).ok);
+        uint64_t in_samples = 0;
+        for (const kestrel::importer::Track& track : movie.tracks) {
+            for (const kestrel::importer::Sample& sample : track.samples)
+                in_samples += sample.size;
+        }
+        EXPECT_LE(host.bytes, 4 * (file.size() - in_samples)) << name;
+    }
+}
+
+// 24 bytes a sample, in every form.
+TEST(ImporterBounds, HoldForMemory) {
+    for (MovieForms forms : single_forms()) {
+        forms.length = 500;
+        const MadeMovie made = make_movie(forms);
+        size_t samples = 0;
+        for (const ClipTrack& track : made.tracks)
+            samples += track.samples.size();
+        CountingHost host(made.file);
+        kestrel::importer::Movie movie;
+        const AllocationWatch watch;
+        ASSERT_TRUE(import_movie(*host.callbacks(), {}, movie).ok) << forms.name();
+        EXPECT_LE(watch.peak(), 2 * 24 * samples + 65536) << forms.name();
     }
 }
 

@@ -6,8 +6,10 @@
 
 #include "boxes/foreign_codec_hook.h"
 #include "common/simple_exception.h"
+#include "companion/importer/movie.h"
 #include "kestrel/hinter.h"
 #include "kestrel/log.h"
+#include "kestrel/packer.h"
 #include "tests/support/playing.h"
 #include "tests/support/writing.h"
 
@@ -257,6 +259,50 @@ TEST(WriterHost, EveryCallMayGoWrong) {
         }
     }
     std::cout << tried << " faults\n";
+}
+
+// --- the importer ---
+
+TEST(ImporterHost, EveryCallMayFail) {
+    for (const char* name : {"wild/fragmented.3gp", "h264_plain.3gp"}) {
+        const Bytes file = read_sample(name);
+        kestrel::importer::Movie movie;
+        FaultyHost good(file);
+        ASSERT_TRUE(import_movie(*good.callbacks(), {}, movie).ok);
+        for (int call = 0; call < good.calls; ++call) {
+            FaultyHost host(file);
+            host.break_at(call, kFaults[0]);
+            EXPECT_THAT(import_movie(*host.callbacks(), {}, movie).error,
+                        testing::StartsWith("the host failed to "));
+        }
+    }
+    kst_host* arriving = kst_host_from_growing_memory("abcdefgh", 8, 1);
+    kestrel::importer::Movie movie;
+    EXPECT_THAT(import_movie(*kst_host_callbacks(arriving), {}, movie).error,
+                testing::HasSubstr("not arrived"));
+    kst_host_close(arriving);
+}
+
+// --- the packer ---
+
+TEST(PackerHost, EveryCallMayFail) {
+    const Bytes stream = play(read_sample("h263_hinted.3gp"), "vr").stream;
+    const auto pack = [&](FaultyHost& host) {
+        kst_packer* packer = kst_packer_open(nullptr);
+        kst_packer_feed(packer, 0, stream.data(), stream.size());
+        const int status = kst_packer_write(packer, host.callbacks(), nullptr);
+        kst_packer_close(packer);
+        return status;
+    };
+    FaultyHost good;
+    ASSERT_EQ(pack(good), KST_PACK_DONE);
+    for (int call = 0; call < good.calls; ++call) {
+        FaultyHost host;
+        host.break_at(call, kFaults[1]);
+        // The last one asks where the stream stands, when all is written.
+        const bool is_whole = call + 1 == good.calls;
+        EXPECT_EQ(pack(host), is_whole ? KST_PACK_DONE : KST_PACK_DESTINATION_FAILED) << call;
+    }
 }
 
 // --- the hinter ---

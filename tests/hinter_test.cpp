@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <numeric>
 
 #include "common/bytes.h"
@@ -146,11 +145,8 @@ void expect_same_tracks(const Bytes& source, const Bytes& hinted) {
 
 std::vector<std::string> all_clips() {
     std::vector<std::string> names = sample_names();
-    for (const auto& entry : std::filesystem::directory_iterator(KESTREL_SAMPLES "/wild")) {
-        if (entry.path().extension() != ".frames")
-            names.push_back("wild/" + entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
+    const std::vector<std::string> wild = wild_names();
+    names.insert(names.end(), wild.begin(), wild.end());
     return names;
 }
 

@@ -5,13 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <sstream>
 
 #include "kestrel/hosts.h"
-#include "tests/support/allocation_watch.h"
 #include "tests/support/files.h"
 #include "tests/support/md5.h"
 #include "tests/support/movie_forms.h"
@@ -63,21 +61,11 @@ std::vector<std::string> frame_lines(const Bytes& file, const Track& track) {
     return lines;
 }
 
-std::vector<std::string> wild_samples() {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(KESTREL_SAMPLES "/wild")) {
-        if (entry.path().extension() != ".frames") names.push_back(entry.path().filename());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 class WildSample : public testing::TestWithParam<std::string> {};
 
 TEST_P(WildSample, HasTheSamplesOfItsTruth) {
-    const Bytes file = read_sample("wild/" + GetParam());
-    const std::string stem = std::filesystem::path(GetParam()).stem();
-    const Bytes truth = read_sample("wild/" + stem + ".frames");
+    const Bytes file = read_sample(GetParam());
+    const Bytes truth = read_sample(GetParam().substr(0, GetParam().find('.')) + ".frames");
     std::istringstream lines(std::string(truth.begin(), truth.end()));
     std::map<std::uint32_t, std::vector<std::string>> expected;
     for (std::string line; std::getline(lines, line);)
@@ -94,9 +82,9 @@ TEST_P(WildSample, HasTheSamplesOfItsTruth) {
     EXPECT_THAT(expected, testing::IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Importer, WildSample, testing::ValuesIn(wild_samples()),
+INSTANTIATE_TEST_SUITE_P(Importer, WildSample, testing::ValuesIn(wild_names()),
                          [](const auto& about) {
-                             std::string name = about.param;
+                             std::string name = about.param.substr(std::size("wild"));
                              std::replace(name.begin(), name.end(), '.', '_');
                              return name;
                          });
@@ -483,111 +471,6 @@ TEST(Importer, JoinsUnitsOfSound) {
         EXPECT_EQ(samples.back().size, expected.last_size);
         EXPECT_EQ(samples.back().duration, expected.last_duration);
         EXPECT_EQ(imported.movie.tracks[0].duration, 2500u);
-    }
-}
-
-// --- The host, time and memory
-
-// A table over another host that fails a read, and notes what is read.
-class WatchingHost {
-  public:
-    explicit WatchingHost(const Bytes& file)
-        : host_(kst_host_from_memory(file.data(), file.size())) {
-        table_ = *kst_host_callbacks(host_);
-        table_.Context = this;
-        table_.GetOffset = [](void* self, std::uint32_t* offset) {
-            return of(self).inner().GetOffset(of(self).inner().Context, offset);
-        };
-        table_.Seek = [](void* self, std::uint32_t offset) {
-            return of(self).inner().Seek(of(self).inner().Context, offset);
-        };
-        table_.GetStreamSize = [](void* self, std::uint32_t* size) {
-            return of(self).inner().GetStreamSize(of(self).inner().Context, size);
-        };
-        table_.IndexRead = [](void* self, void* data, std::uint32_t offset, std::uint32_t count,
-                              std::uint32_t* got) {
-            return of(self).read(data, offset, count, got);
-        };
-        table_.CheckStatus = [](void* self, std::uint32_t* result, std::uint32_t status) {
-            return of(self).inner().CheckStatus(of(self).inner().Context, result, status);
-        };
-    }
-    WatchingHost(const WatchingHost&) = delete;
-    WatchingHost& operator=(const WatchingHost&) = delete;
-    ~WatchingHost() { kst_host_close(host_); }
-
-    Imported import() {
-        Imported imported;
-        imported.result = import_movie(table_, {}, imported.movie);
-        return imported;
-    }
-
-    std::uint32_t failing = UINT32_MAX;  // number of the read that fails
-    std::uint32_t reads = 0;
-    std::uint64_t bytes = 0;
-    std::uint64_t furthest = 0;
-
-  private:
-    static WatchingHost& of(void* self) { return *static_cast<WatchingHost*>(self); }
-    KST_IOSTREAM_CALLBACK_INTERFACE& inner() { return *kst_host_callbacks(host_); }
-    std::uint32_t read(void* data, std::uint32_t offset, std::uint32_t count, std::uint32_t* got) {
-        if (reads++ == failing) return KST_HOST_FAILED;
-        bytes += count;
-        furthest = std::max<std::uint64_t>(furthest, offset + count);
-        return inner().IndexRead(inner().Context, data, offset, count, got);
-    }
-
-    kst_host* host_;
-    KST_IOSTREAM_CALLBACK_INTERFACE table_;
-};
-
-TEST(Importer, FailsWithItsHost) {
-    for (const MovieForms& forms : {MovieForms{}, forms_of({{kFragments, 1}, {kIndex, 1}})}) {
-        const Bytes file = make_movie(forms).file;
-        WatchingHost good(file);
-        ASSERT_TRUE(good.import().result.ok);
-        for (std::uint32_t i = 0; i < good.reads; ++i) {
-            WatchingHost host(file);
-            host.failing = i;
-            const Imported imported = host.import();
-            EXPECT_FALSE(imported.result.ok);
-            EXPECT_EQ(imported.result.error, "the host failed to read the file");
-        }
-    }
-    kst_host* arriving = kst_host_from_growing_memory("abcdefgh", 8, 1);
-    Movie movie;
-    EXPECT_THAT(import_movie(*kst_host_callbacks(arriving), {}, movie).error,
-                testing::HasSubstr("not arrived"));
-    kst_host_close(arriving);
-}
-
-// The media is not read, and the tables once.
-TEST(Importer, ReadsTheTablesOnly) {
-    for (const std::string& name : wild_samples()) {
-        const Bytes file = read_sample("wild/" + name);
-        WatchingHost host(file);
-        const Movie movie = host.import().movie;
-        std::uint64_t in_samples = 0;
-        for (const Track& track : movie.tracks) {
-            for (const Sample& sample : track.samples)
-                in_samples += sample.size;
-        }
-        EXPECT_LE(host.bytes, 4 * (file.size() - in_samples)) << name;
-    }
-}
-
-// 24 bytes a sample, in every form.
-TEST(Importer, HoldsItsTablesOnce) {
-    for (MovieForms forms : single_forms()) {
-        forms.length = 500;
-        const MadeMovie made = make_movie(forms);
-        size_t samples = 0;
-        for (const ClipTrack& track : made.tracks)
-            samples += track.samples.size();
-        const AllocationWatch watch;
-        const Imported imported = import_bytes(made.file);
-        ASSERT_TRUE(imported.result.ok) << forms.name() << ": " << imported.result.error;
-        EXPECT_LE(watch.peak(), 2 * 24 * samples + 65536) << forms.name();
     }
 }
 

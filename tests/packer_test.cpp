@@ -18,7 +18,6 @@
 #include "companion/packer/spool.h"
 #include "companion/stream/depacketise.h"
 #include "kestrel/native_records.h"
-#include "tests/support/allocation_watch.h"
 #include "tests/support/md5.h"
 #include "tests/support/playing.h"
 
@@ -352,48 +351,6 @@ TEST(Packer, RefusesArgumentsThatItCannotServe) {
     kst_host_close(host);
     kst_packer_close(packer);
     kst_packer_close(nullptr);
-}
-
-TEST(Packer, ReportsADestinationThatFails) {
-    const Bytes stream = stream_of("h263_hinted", "vr");
-    for (int call = 0; call < 4; ++call) {
-        FaultyHost host;
-        host.break_at(call, {"for good", FaultKind::kStatus, KST_HOST_FAILED, true});
-        kst_packer* packer = kst_packer_open(nullptr);
-        kst_packer_feed(packer, 0, stream.data(), stream.size());
-        kst_pack_report report = {};
-        report.struct_size = sizeof report;
-        EXPECT_EQ(kst_packer_write(packer, host.callbacks(), &report), KST_PACK_DESTINATION_FAILED)
-            << call;
-        kst_packer_close(packer);
-    }
-}
-
-TEST(Packer, SurvivesEachAllocationThatFails) {
-    Bytes stream = stream_of("amrnb_hinted_multi", "ar", Api::kClass);
-    stream.resize(68 + 2 * 185);
-    const Bytes whole = pack({stream}, {KST_PACK_HINT}).file;
-    const int tried = with_each_allocation_failing([&](AllocationFault& fault) {
-        const kst_pack_options options = {sizeof options, KST_PACK_HINT};
-        kst_host* host = kst_host_for_writing_memory();
-        const int status = fault.during([&] {
-            kst_packer* packer = kst_packer_open(&options);
-            if (packer == nullptr) return int{KST_PACK_NO_MEMORY};
-            int result = kst_packer_feed(packer, 0, stream.data(), stream.size());
-            if (result == KST_PACK_DONE)
-                result = kst_packer_write(packer, kst_host_callbacks(host), nullptr);
-            kst_packer_close(packer);
-            return result;
-        });
-        if (fault.reached()) {
-            EXPECT_THAT(status, testing::AnyOf(KST_PACK_NO_MEMORY, KST_PACK_DESTINATION_FAILED));
-        } else {
-            EXPECT_EQ(status, KST_PACK_DONE);
-        }
-        kst_host_close(host);
-    });
-    EXPECT_GT(tried, 50);
-    EXPECT_FALSE(whole.empty());
 }
 
 TEST(Spool, ReadsWhatItTookFromMemoryAndFromAFile) {

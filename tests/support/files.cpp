@@ -34,6 +34,16 @@ std::vector<std::string> sample_names(std::initializer_list<const char*> prefixe
     return names;
 }
 
+std::vector<std::string> wild_names() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(KESTREL_SAMPLES "/wild")) {
+        if (entry.path().extension() != ".frames")
+            names.push_back("wild/" + entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 std::vector<Bytes> h263_pictures(const Bytes& stream) {
     std::vector<Bytes> pictures;
     for (size_t i = 0; i < stream.size(); ++i) {

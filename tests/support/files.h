@@ -17,6 +17,9 @@ Bytes read_sample(const std::string& name);
 // Names of the files in samples/ that begin with one of the prefixes; all for an empty list.
 std::vector<std::string> sample_names(std::initializer_list<const char*> prefixes = {});
 
+// Names of the files in samples/wild/, as read_sample() takes them.
+std::vector<std::string> wild_names();
+
 // The pictures of a raw H.263 stream; each begins with a picture start code.
 std::vector<Bytes> h263_pictures(const Bytes& stream);
 
