@@ -719,6 +719,104 @@ TEST(Unwritten, BytesAreNotDelivered) {
     }
 }
 
+// --- hint samples, tables and remarks of the class API ---
+
+TEST(ClassBounds, ThousandsOfMalformedHintSamplesEndTheCall) {
+    HintFile made;
+    for (int i = 0; i < 6000; ++i)
+        made.add_hint({0});
+    made.add_hint(hint_sample(1, {packet_entry(96, 1, 1), immediate({0xF0, 0x3C, 0x55})}));
+    const Bytes file = made.build();
+    CountingHost host(file);
+    C3gpInterface player;
+    const SyslogCapture log(2);
+    ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+    const uint64_t opened = host.calls;
+    Bytes buffer(1000);
+    auto size = static_cast<uint32_t>(buffer.size());
+    EXPECT_EQ(player.ReadChunk(buffer.data(), &size, false), KST_FAILURE);
+    EXPECT_EQ(size, 0u);
+    EXPECT_LT(host.calls - opened, 6000u * 5);
+    EXPECT_THAT(log.messages(),
+                testing::ElementsAre("ERR: AUDIO: No valid hint sample among the next 4096"));
+    // It goes on from there: the frame after all of them comes with the next call.
+    size = static_cast<uint32_t>(buffer.size());
+    EXPECT_EQ(player.ReadChunk(buffer.data(), &size, false), KST_END_OF_FILE);
+    EXPECT_GT(size, 68u);
+}
+
+TEST(ClassBounds, RunsOfBillionsAreSearchedWithoutOverflow) {
+    const Bytes speech = read_sample("amrnb_hinted.3gp");
+    for (const uint32_t first : {0u, 1u, 2u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+        Bytes file = speech;
+        for (const auto& [offset, value] :
+             {std::pair<int, uint32_t>{12, 0xFFFFFFFF}, {20, first}, {24, 0xFFFFFFFF}}) {
+            file = with(file, "stsc", offset, be32(value), 1);
+        }
+        CountingHost host(file);
+        C3gpInterface player;
+        ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+        _TAG_KST_SEEK_PARAMS params{0, 3000, 0, 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC};
+        player.SeekTo(&params);
+        uint32_t size = 68;
+        Bytes headers(size);
+        EXPECT_EQ(player.ReadChunk(headers.data(), &size, false), KST_SUCCESS);
+    }
+}
+
+// An entry without its box is an error that is logged; a hostile file has thousands.
+TEST(ClassBounds, HoldForRemarks) {
+    TrackSpec about{.id = 1, .entries = 1000};
+    for (uint32_t i = 0; i < about.entries; ++i)
+        about.entry = join({about.entry, box("samr", {zeros(28)})});
+    const Bytes file = join({ftyp(), movie({track(about)})});
+    CountingHost host(file);
+    C3gpInterface player;
+    for (int opening = 0; opening < 2; ++opening) {
+        const SyslogCapture log(3);
+        host.callbacks()->Seek(host.callbacks()->Context, 0);
+        player.Open(host.callbacks(), "ar");
+        ASSERT_EQ(log.lines().size(), 101u);
+        EXPECT_EQ(log.messages().back(), "ERR: further remarks left out");
+    }
+}
+
+// --- damaged files ---
+
+TEST(DamagedFiles, CutFilesKeepWhatIsThere) {
+    for (const char* name : {"amrnb_plain.3gp", "amrnb_plain_mdat_first.3gp", "amrwb_hinted.3gp"}) {
+        const Bytes file = read_sample(name);
+        const Bytes whole = play(file, "ar").stream;
+        for (size_t length = 0; length < file.size(); length += length < 2000 ? 1 : 101) {
+            const Played played =
+                play(Bytes(file.begin(), file.begin() + static_cast<long>(length)), "ar");
+            ASSERT_THAT(played.status, testing::AnyOf(KST_FAILURE, KST_NOT_YET, KST_END_OF_FILE));
+            if (!played.opened) {
+                ASSERT_EQ(played.status, KST_FAILURE);
+            }
+            ASSERT_LE(played.stream.size(), whole.size());
+            ASSERT_TRUE(std::equal(played.stream.begin(), played.stream.end(), whole.begin()))
+                << name << " cut at " << length;
+        }
+    }
+}
+
+// Every byte of the movie box in turn is set to values that hurt; nothing may crash or hang.
+TEST(DamagedFiles, SpoiltMovieBoxesDoNoHarm) {
+    for (const char* name : {"amrnb_plain.3gp", "two_amrnb_hinted.3gp"}) {
+        Bytes file = read_sample(name);
+        for (size_t at = 0; at < 2600 && at < file.size(); ++at) {
+            const uint8_t before = file[at];
+            for (const uint8_t value : {uint8_t{0}, uint8_t{1}, uint8_t{0x7F}, uint8_t{0xFF}}) {
+                file[at] = value;
+                const Played played = play(file, "ar");
+                ASSERT_NE(played.status, KST_SUCCESS);
+            }
+            file[at] = before;
+        }
+    }
+}
+
 // --- the importer ---
 
 // The media is not read, and the tables once.

@@ -450,42 +450,6 @@ TEST(FunctionApi, StatusTexts) {
         EXPECT_STREQ(kst_StatusString(code), "Unknown status");
 }
 
-// --- damaged files ---
-
-TEST(FunctionApi, CutFilesKeepWhatIsThere) {
-    for (const char* name : {"amrnb_plain.3gp", "amrnb_plain_mdat_first.3gp", "amrwb_hinted.3gp"}) {
-        const Bytes file = read_sample(name);
-        const Bytes whole = play(file, "ar").stream;
-        for (size_t length = 0; length < file.size(); length += length < 2000 ? 1 : 101) {
-            const Played played =
-                play(Bytes(file.begin(), file.begin() + static_cast<long>(length)), "ar");
-            ASSERT_THAT(played.status, testing::AnyOf(KST_FAILURE, KST_NOT_YET, KST_END_OF_FILE));
-            if (!played.opened) {
-                ASSERT_EQ(played.status, KST_FAILURE);
-            }
-            ASSERT_LE(played.stream.size(), whole.size());
-            ASSERT_TRUE(std::equal(played.stream.begin(), played.stream.end(), whole.begin()))
-                << name << " cut at " << length;
-        }
-    }
-}
-
-// Every byte of the movie box in turn is set to values that hurt; nothing may crash or hang.
-TEST(FunctionApi, SpoiltMovieBoxesDoNoHarm) {
-    for (const char* name : {"amrnb_plain.3gp", "two_amrnb_hinted.3gp"}) {
-        Bytes file = read_sample(name);
-        for (size_t at = 0; at < 2600 && at < file.size(); ++at) {
-            const uint8_t before = file[at];
-            for (const uint8_t value : {uint8_t{0}, uint8_t{1}, uint8_t{0x7F}, uint8_t{0xFF}}) {
-                file[at] = value;
-                const Played played = play(file, "ar");
-                ASSERT_NE(played.status, KST_SUCCESS);
-            }
-            file[at] = before;
-        }
-    }
-}
-
 // A frame cut at the end of its sample is filled up, so that the stream keeps its form.
 TEST(FunctionApi, FramesOfASampleAndACutOne) {
     Bytes frame(32, 0x55);
