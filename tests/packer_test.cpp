@@ -18,6 +18,7 @@
 #include "companion/packer/spool.h"
 #include "companion/stream/depacketise.h"
 #include "kestrel/native_records.h"
+#include "tests/support/allocation_watch.h"
 #include "tests/support/md5.h"
 #include "tests/support/playing.h"
 
