@@ -140,6 +140,13 @@ class ToolTest(unittest.TestCase):
         known = (SAMPLES / "truth" / truth).read_bytes()
         self.assertTrue(pictures(media, truth) == pictures(known, truth), truth)
 
+    def assert_recorded(self, name, lines):
+        """The lines are those of a file in golden/, which KESTREL_RENEW_GOLDEN=1 writes anew."""
+        golden = pathlib.Path(__file__).parent.parent / "golden" / name
+        if os.environ.get("KESTREL_RENEW_GOLDEN"):
+            golden.write_text("\n".join(lines) + "\n")
+        self.assertEqual(lines, golden.read_text().splitlines())
+
     def unprivileged(self):
         """What has a process run with the rights of a user for whom limits hold."""
         # A sanitized build would start a process that looks for leaks.
