@@ -2,27 +2,19 @@
 """What each command prints with --json is as its schema in docs/json says, for every sample file."""
 
 import json
-import os
 import pathlib
-import subprocess
-import tempfile
 import unittest
 
 import jsonschema
 
-TOOL = os.environ["KESTREL_TOOL"]
-SAMPLES = pathlib.Path(os.environ["KESTREL_SAMPLES"])
+from support.tool import PLAIN, SAMPLES, ToolTest, load, run
+
 SCHEMAS = pathlib.Path(__file__).resolve().parent.parent / "docs" / "json"
-FILES = sorted(SAMPLES.glob("*.3gp")) + sorted((SAMPLES / "wild").glob("*.3gp"))
 
 
-def run(*arguments, stdin=None):
-    return subprocess.run([TOOL, *map(str, arguments)], input=stdin, capture_output=True,
-                          timeout=120)
-
-
-class JsonOutput(unittest.TestCase):
+class JsonOutput(ToolTest):
     def setUp(self):
+        super().setUp()
         self.validators = {}
         for path in SCHEMAS.glob("*.schema.json"):
             schema = json.loads(path.read_text())
@@ -50,7 +42,7 @@ class JsonOutput(unittest.TestCase):
 
     def test_files(self):
         seen = set()
-        for file in FILES:
+        for file in sorted([*SAMPLES.glob("*.3gp"), *SAMPLES.glob("wild/*.3gp")]):
             with self.subTest(file=file.name):
                 about = self.check("info", file)
                 self.check("boxes", file)
@@ -61,20 +53,16 @@ class JsonOutput(unittest.TestCase):
                               "rotation", "hints_track", "samples_not_read", "created"}, seen)
 
     def test_folder(self):
-        with tempfile.TemporaryDirectory() as folder:
-            scratch = pathlib.Path(folder)
-            for name in ("amrnb_plain", "h263_hinted"):
-                (scratch / f"{name}.3gp").write_bytes((SAMPLES / f"{name}.3gp").read_bytes())
-            (scratch / "empty.3gp").write_bytes(b"")
-            (scratch / "notes.txt").write_text("no clip")
-            for options in [(), ("--quick",), ("--api", "class")]:
-                about = self.check("check", scratch, scratch / "absent", *options)
-                self.assertEqual(about["summary"]["skipped"], 1)
+        for name, data in [("plain.3gp", load("amrnb_plain")), ("hinted.3gp", load("h263_hinted")),
+                           ("empty.3gp", b""), ("notes.txt", b"no clip")]:
+            self.write(name, data)
+        for options in [(), ("--quick",), ("--api", "class")]:
+            about = self.check("check", self.scratch, self.scratch / "absent", *options)
+            self.assertEqual(about["summary"]["skipped"], 1)
 
     def test_streams(self):
-        for name, mode in (("amrnb_plain", "ar"), ("amrwb_plain", "ar"), ("h264_plain", "vr"),
-                           ("mpeg4_plain", "vr"), ("h263_plain", "vr")):
-            stream = run("extract", SAMPLES / f"{name}.3gp", mode).stdout
+        for name, mode, _ in PLAIN:
+            stream = self.extract(name, mode)
             self.check("inspect", "-", stdin=stream)
             self.assertIn("damage", self.check("inspect", "-", stdin=stream[:-1]))
 

@@ -2,63 +2,42 @@
 """The tool on files around 2 GiB and 4 GiB, made of a short clip and holes that take no disk space:
 what comes out is that of the clip, or one message says why it does not."""
 
-import os
-import pathlib
 import struct
-import subprocess
-import tempfile
 import unittest
 
-TOOL = os.environ["KESTREL_TOOL"]
-SAMPLES = pathlib.Path(os.environ["KESTREL_SAMPLES"])
+from support.tool import STBL, ToolTest, box, boxes, load, run, sample
 
 GIB = 1 << 30
 LARGEST = 4 * GIB - 1
 SIZES = (2 * GIB - 1, 2 * GIB, 2 * GIB + 1, LARGEST)
-CONTAINERS = (b"trak", b"mdia", b"minf", b"stbl")
 
 
-def run(*arguments):
-    return subprocess.run([TOOL, *map(str, arguments)], capture_output=True, timeout=300, check=False)
-
-
-def boxes(data, begin=0):
-    while begin < len(data):
-        size, kind = struct.unpack_from(">I4s", data, begin)
-        yield kind, begin, begin + size
-        begin += size
-
-
-def moved(movie, distance):
-    """The body of a movie box with all chunk offsets moved."""
-    movie = bytearray(movie)
-
-    def move(begin, end):
-        for kind, start, stop in boxes(movie[:end], begin):
-            if kind in CONTAINERS:
-                move(start + 8, stop)
-            elif kind == b"stco":
-                for at in range(start + 16, stop, 4):
-                    struct.pack_into(">I", movie, at, struct.unpack_from(">I", movie, at)[0] + distance)
-
-    move(0, len(movie))
-    return bytes(movie)
-
-
-def box(kind, body, hole=0):
-    return struct.pack(">I4s", 8 + len(body) + hole, kind) + body
+def moved(boxes_of_movie, distance):
+    """Boxes with all chunk offsets moved."""
+    out, at = b"", 0
+    while at < len(boxes_of_movie):
+        size, kind = struct.unpack_from(">I4s", boxes_of_movie, at)
+        body = boxes_of_movie[at + 8:at + size]
+        if kind in STBL:
+            body = moved(body, distance)
+        elif kind == b"stco":
+            offsets = struct.unpack(f">{len(body) // 4 - 2}I", body[8:])
+            body = body[:8] + b"".join(struct.pack(">I", offset + distance) for offset in offsets)
+        out += box(kind, body)
+        at += size
+    return out
 
 
 class Clip:
     """A clip of `ftyp`, `moov` and `mdat`, and the forms of it that have a hole."""
 
     def __init__(self, name):
-        self.path = SAMPLES / f"{name}.3gp"
-        data = self.path.read_bytes()
-        parts = {kind: (data[start + 8:stop], start + 8) for kind, start, stop in boxes(data)}
-        self.brands = box(b"ftyp", parts[b"ftyp"][0])
-        self.movie = parts[b"moov"][0]
-        self.media, self.media_at = parts[b"mdat"]
+        self.path = sample(name)
+        data = load(name)
+        self.brands, self.movie, self.media = (boxes(data, [kind])[0]
+                                               for kind in (b"ftyp", b"moov", b"mdat"))
+        self.media_at = data.index(self.media)
+        self.brands = box(b"ftyp", self.brands)
 
     def moov(self, media_at):
         return box(b"moov", moved(self.movie, media_at - self.media_at))
@@ -86,15 +65,7 @@ class Clip:
     FORMS = (media_last, media_first, media_middle)
 
 
-CLIPS = {"h263_hinted_mtu500": "vr", "amrnb_hinted": "ar"}
-
-
-class LargeFiles(unittest.TestCase):
-    def setUp(self):
-        scratch = tempfile.TemporaryDirectory()
-        self.addCleanup(scratch.cleanup)
-        self.scratch = pathlib.Path(scratch.name)
-
+class LargeFiles(ToolTest):
     def make(self, size, before, after):
         path = self.scratch / "large.3gp"
         with open(path, "wb") as file:
@@ -105,39 +76,30 @@ class LargeFiles(unittest.TestCase):
         self.assertEqual(path.stat().st_size, size)
         return path
 
-    def each(self, test):
-        """Runs a test on each clip, its mode, and each large form of it."""
-        for name, mode in CLIPS.items():
+    def test_what_comes_out_is_that_of_the_clip(self):
+        for name, mode in [("h263_hinted_mtu500", "vr"), ("amrnb_hinted", "ar")]:
             clip = Clip(name)
+            there = self.output("hint", "--replace", clip.path, "-o", "-")
             for form in Clip.FORMS:
                 for size in SIZES:
                     with self.subTest(clip=name, form=form.__name__, size=size):
-                        test(clip, mode, self.make(size, *form(clip, size)))
+                        large = self.make(size, *form(clip, size))
+                        self.assert_plays_as(large, clip.path, mode)
+                        self.assertIn(b"plays", self.output("check", large))
+                        self.assertIn(b"moov", self.output("boxes", large))
+                        self.assertEqual(self.output("packets", large),
+                                         self.output("packets", clip.path))
+                        here = self.scratch / "here.3gp"
+                        self.output("hint", "--replace", large, "-o", here)
+                        self.assertEqual(self.output("extract", here, mode),
+                                         self.output("extract", "-", mode, stdin=there))
 
-    def output(self, *arguments):
-        result = run(*arguments)
-        self.assertEqual((result.returncode, result.stderr), (0, b""), arguments)
-        return result.stdout
-
-    def test_both_apis_deliver_what_the_clip_has(self):
-        def test(clip, mode, large):
-            for api in ("function", "class"):
-                words = ("extract", "--api", api)
-                stream = self.output(*words, clip.path, mode)
-                self.assertEqual(self.output(*words, large, mode), stream, api)
-                self.assertEqual(self.output(*words, "--track", 1, large, mode), stream, api)
-        self.each(test)
-
-    def test_are_checked_listed_and_hinted_as_the_clip(self):
-        def test(clip, mode, large):
-            self.assertIn(b"plays", self.output("check", large))
-            self.assertIn(b"moov", self.output("boxes", large))
-            self.assertEqual(self.output("packets", large), self.output("packets", clip.path))
-            here, there = self.scratch / "here.3gp", self.scratch / "there.3gp"
-            self.output("hint", "--replace", large, "-o", here)
-            self.output("hint", "--replace", clip.path, "-o", there)
-            self.assertEqual(self.output("extract", here, mode), self.output("extract", there, mode))
-        self.each(test)
+    def assert_plays_as(self, large, clip, mode):
+        for api in ("function", "class"):
+            stream = self.output("extract", "--api", api, clip, mode)
+            for options in [(), ("--track", 1)]:
+                played = self.output("extract", "--api", api, large, mode, *options)
+                self.assertEqual(played, stream, api)
 
     def test_of_4_gib_are_refused_with_the_reason(self):
         large = self.make(4 * GIB, *Clip("h263_hinted_mtu500").media_first(LARGEST))

@@ -629,27 +629,24 @@ class Hint(ToolTest):
                 self.assertEqual(demuxed(self.hint(sample(name)), f"{mode[0]}:0"),
                                  demuxed(sample(name), f"{mode[0]}:0"))
 
-    def test_clips_of_every_form_come_back_sample_by_sample(self):
-        modes = {"samr": "ar", "s263": "vr", "mp4v": "vr", "avc1": "vr"}
-        for truth in sorted(WILD.glob("*.frames")):
-            clip, = (path for path in WILD.glob(truth.stem + ".*") if path != truth)
-            rows = [line.split() for line in truth.read_text().splitlines()]
+    def test_clips_of_every_form_come_back(self):
+        others = {"fragmented_b_frames": "h264_slices_b.h264", "quicktime": "h264.h264",
+                  "systems_tracks": "mpeg4.m4v", "timed_text_aac": "mpeg4.m4v"}
+        amr = (SAMPLES / "truth" / "amrnb.amr").read_bytes()
+        for clip in sorted(WILD.glob("*.[3m]*")):
+            truth = others.get(clip.stem, "h263.h263")
+            if clip.stem.startswith("large_pictures"):  # made from other media
+                continue
             hinted = self.hint(clip)
-            for codec in {row[1] for row in rows} & set(modes):
-                samples = [(int(row[5]), row[7]) for row in rows if row[1] == codec]
-                apis = ["function"] + ["class"] * (codec != "avc1")
-                for api, options in itertools.product(apis, [(), ("--arriving", 5000)]):
-                    with self.subTest(clip=clip.name, codec=codec, api=api, options=options):
-                        media = self.output("extract", hinted, modes[codec], "--api", api,
-                                            "--unpack", *options)
-                        if codec == "avc1":
-                            units = media.split(b"\0\0\0\1")[1:]
-                            media = b"".join(struct.pack(">I", len(unit)) + unit for unit in units)
-                        # A header or the decoder configuration may be ahead of them.
-                        at = len(media) - sum(size for size, _ in samples)
-                        for size, digest in samples:
-                            self.assertEqual(hashlib.md5(media[at:at + size]).hexdigest(), digest)
-                            at += size
+            apis = ["function"] + ["class"] * (not truth.endswith("h264"))
+            for api, options in itertools.product(apis, [(), ("--arriving", 5000)]):
+                with self.subTest(clip=clip.name, api=api, options=options):
+                    options += ("--api", api, "--unpack")
+                    self.assert_true(self.output("extract", hinted, "vr", *options), truth)
+                    if clip.stem not in others:
+                        speech = self.output("extract", hinted, "ar", *options)
+                        self.assertTrue(amr.startswith(speech))
+                        self.assertGreater(len(speech), 3000)
 
     def test_track_headers_come_over(self):
         data = load("h264_plain")
