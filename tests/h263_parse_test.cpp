@@ -588,37 +588,6 @@ TEST(Segments, BeginWhereTheyAreDue) {
     }
 }
 
-// Against bits that are taken one by one.
-TEST(BitReader, ReturnsTheBitsAndZerosAfterTheEnd) {
-    fuzz::Numbers random(24);
-    for (int n = 0; n < 4000; ++n) {
-        Bytes bytes(random.below(24));
-        for (uint8_t& byte : bytes)
-            byte = static_cast<uint8_t>(random.next());
-        size_t at = random.next() % (bytes.size() * 8 + 1);
-        kestrel::BitReader reader(bytes, at);
-        while (reader.ok()) {
-            ASSERT_EQ(at, reader.position());
-            const unsigned count = 1 + random.below(kestrel::BitReader::kMaxBits);
-            uint32_t expected = 0;
-            for (size_t bit = at; bit < at + count; ++bit) {
-                const bool set = bit / 8 < bytes.size() && (bytes[bit / 8] << bit % 8 & 0x80) != 0;
-                expected = expected << 1 | (set ? 1U : 0U);
-            }
-            ASSERT_EQ(expected, reader.peek(count));
-            if (random.below(2) == 0) {
-                ASSERT_EQ(expected, reader.get(count));
-            } else {
-                reader.skip(count);
-            }
-            at += count;
-            ASSERT_EQ(at <= bytes.size() * 8, reader.ok());
-        }
-        EXPECT_EQ(0U, reader.get(kestrel::BitReader::kMaxBits));
-        EXPECT_FALSE(reader.ok());
-    }
-}
-
 TEST(Positions, OutsideThePictureFail) {
     const Bytes picture = bits(kInterPicture + repeat("1", 48));
     constexpr size_t kWrapsInBits = SIZE_MAX / 8 + 1;

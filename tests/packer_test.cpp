@@ -16,10 +16,10 @@
 #include "companion/importer/movie.h"
 #include "companion/packer/h264_pictures.h"
 #include "companion/packer/spool.h"
-#include "companion/stream/depacketise.h"
 #include "kestrel/native_records.h"
 #include "tests/support/allocation_watch.h"
 #include "tests/support/md5.h"
+#include "tests/support/native_packets.h"
 #include "tests/support/playing.h"
 
 // kst_packer: native streams of all samples and both APIs to files and back.
@@ -101,31 +101,6 @@ std::vector<MediaSample> samples_of(const Bytes& file, const char* mode,
     return samples;
 }
 
-// The payloads of a stream, and the media that they join to.
-struct Contents final : stream::RecordSink {
-    explicit Contents(const Bytes& stream) { walk_native(stream, *this); }
-
-    void header(const stream::StreamHeader& header) override {
-        joiner = stream::make_depacketiser(
-            header.medium, {},
-            {[this](auto bytes) { media.insert(media.end(), bytes.begin(), bytes.end()); }});
-    }
-    void video_packet(const stream::VideoPacket& packet) override {
-        payloads.emplace_back(packet.payload.begin(), packet.payload.end());
-        joiner->packet(packet.payload);
-    }
-    void speech_payload(std::span<const uint8_t> front) override {
-        payloads.emplace_back(front.begin(), front.end());
-    }
-    void speech_frame(std::span<const uint8_t> frame) override {
-        payloads.emplace_back(frame.begin(), frame.end());
-    }
-
-    std::vector<Bytes> payloads;
-    Bytes media;
-    std::unique_ptr<stream::Depacketiser> joiner;
-};
-
 Bytes stream_of(const std::string& file, const char* mode, Api api = Api::kFunction) {
     return play(read_sample(file + ".3gp"), mode, {.api = api}).stream;
 }
@@ -206,8 +181,8 @@ TEST_P(PackedSample, PlaysTheSamePayloads) {
     const Packed packed = pack({stream}, {KST_PACK_HINT});
     ASSERT_EQ(packed.status, KST_PACK_DONE) << packed.report.error;
     EXPECT_EQ(packed.report.hint_tracks, 1u);
-    const Contents before(stream);
-    const Contents after(stream_of(packed.file));
+    const NativeContents before(stream);
+    const NativeContents after(stream_of(packed.file));
     EXPECT_EQ(after.media, before.media);
     // What a file by RFC 3640 has before its payloads is left out.
     if (is("mpeg4_b")) return;

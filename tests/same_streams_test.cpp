@@ -10,6 +10,7 @@
 #include "kestrel/native.h"
 #include "kestrel/native_records.h"
 #include "tests/support/playing.h"
+#include "tests/support/writing.h"
 
 // Streams and seek results are the same on every word size: of each sample, and of short clips
 // whose times are not whole in seconds, compared with the digests in golden/streams.txt.
@@ -156,9 +157,7 @@ const Codec kCodecs[] = {
 };
 
 void keep_sync_samples(iso_track* track, std::initializer_list<uint32_t> numbers) {
-    track->sync_samples =
-        static_cast<uint32_t*>(isoFFmalloc(track->file, numbers.size() * sizeof(uint32_t)));
-    std::copy(numbers.begin(), numbers.end(), track->sync_samples);
+    track->sync_samples = copy_to_arena<uint32_t>(track->file, numbers);
     track->sync_count = static_cast<uint32_t>(numbers.size());
 }
 
@@ -166,7 +165,7 @@ void write_clip(iso_file* file, const Codec& codec, const Clock& clock, int samp
     file->creation_time = file->modification_time = 0;
     iso_track* media = codec.make(file);
     media->timescale = clock.timescale;
-    iso_track* hint = rtp_isoFFtrack(file, media, 1400, 96, ISO_H263_RFC4629);
+    iso_track* hint = hint_track(media);
     for (iso_track* track : {media, hint}) {
         if (samples > 31 && *codec.mode == 'v') keep_sync_samples(track, {1, 31});
     }
@@ -180,16 +179,10 @@ void write_clip(iso_file* file, const Codec& codec, const Clock& clock, int samp
 }
 
 Bytes make_clip(const Codec& codec, const Clock& clock, int samples) {
-    kst_host* host = kst_host_for_writing_memory();
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
-    iso_file* file = isoFFopen(callbacks, "w", nullptr);
-    write_clip(file, codec, clock, samples);
-    EXPECT_EQ(isoFFclose(file), 0);
-    size_t size = 0;
-    const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host, &size));
-    Bytes clip(bytes, bytes + size);
-    kst_host_close(host);
-    return clip;
+    Output out;
+    write_clip(out.file, codec, clock, samples);
+    EXPECT_EQ(out.close(), 0);
+    return out.written();
 }
 
 // --- the list ---

@@ -627,47 +627,27 @@ TEST(H263Packets, OfAPeerJoinToItsSamples) {
 // --- helpers ---
 
 TEST(CodecHelpers, PictureHeaders) {
+    constexpr uint32_t kNone = 0xFFFFFFFF, kUntouched = 77;
     struct Case {
         const char* what;
         Bytes bytes;
-        uint32_t offset;
-        uint32_t width, height, format, type, plus;
+        uint32_t offset = kNone;
+        uint32_t width = 0, height = 0, format = kUntouched, type = 0, plus = 0;
     };
     const Case cases[] = {
-        {"CIF at 3", {9, 9, 9, 0, 0, 0x80, 2, 0x0E, 0}, 3, 352, 288, 3, 1, 0},
-        {"CIF intra", {0, 0, 0x80, 2, 0x0C, 0}, 0, 352, 288, 3, 0, 0},
-        {"4CIF is passed, sub-QCIF found",
-         {0, 0, 0x80, 2, 0x10, 0, 0, 0x80, 2, 0x04, 0},
-         5,
-         128,
-         96,
-         1,
-         0,
-         0},
-        {"PLUSPTYPE with its optional part",
-         {0, 0, 0x80, 2, 0x1C, 0x80 | 2 << 4, 0, 4},
-         0,
-         176,
-         144,
-         2,
-         1,
-         1},
-        {"PLUSPTYPE without", {0, 0, 0x80, 2, 0x1C, 0x10}, 0, 176, 144, 77, 1, 1},
-        {"PLUSPTYPE with bits that must be 0",
-         {0, 0, 0x80, 2, 0x1D, 0x10},
-         0xFFFFFFFF,
-         0,
-         0,
-         77,
-         0,
-         0},
-        {"five bytes", {0, 0, 0x80, 2, 0x0C}, 0xFFFFFFFF, 0, 0, 77, 0, 0},
-        {"none", Bytes(50, 1), 0xFFFFFFFF, 0, 0, 77, 0, 0},
+        {"CIF at 3", {9, 9, 9, 0, 0, 0x80, 2, 0x0E, 0}, 3, 352, 288, 3, 1},
+        {"CIF intra", {0, 0, 0x80, 2, 0x0C, 0}, 0, 352, 288, 3},
+        {"4CIF, then sub-QCIF", {0, 0, 0x80, 2, 0x10, 0, 0, 0x80, 2, 4, 0}, 5, 128, 96, 1},
+        {"PLUSPTYPE and its option", {0, 0, 0x80, 2, 0x1C, 0xA0, 0, 4}, 0, 176, 144, 2, 1, 1},
+        {"PLUSPTYPE without", {0, 0, 0x80, 2, 0x1C, 0x10}, 0, 176, 144, kUntouched, 1, 1},
+        {"PLUSPTYPE with bits that must be 0", {0, 0, 0x80, 2, 0x1D, 0x10}},
+        {"five bytes", {0, 0, 0x80, 2, 0x0C}},
+        {"none", Bytes(50, 1)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         H263VCFG cfg{};
-        cfg.source_format = 77;
+        cfg.source_format = kUntouched;
         const std::unique_ptr<uint8_t[]> exact(new uint8_t[c.bytes.size()]);
         std::copy(c.bytes.begin(), c.bytes.end(), exact.get());
         EXPECT_EQ(h263_get_config(exact.get(), static_cast<unsigned>(c.bytes.size()), &cfg),
@@ -676,11 +656,9 @@ TEST(CodecHelpers, PictureHeaders) {
         EXPECT_EQ(cfg.height, c.height);
         EXPECT_EQ(cfg.coding_type, c.type);
         EXPECT_EQ(cfg.plusptype, c.plus);
-        if (c.offset != 0xFFFFFFFF) {
-            EXPECT_EQ(cfg.source_format, c.format);
-        }
+        EXPECT_EQ(cfg.source_format, c.format);
         EXPECT_EQ(h263_get_frame_type(exact.get(), static_cast<int>(c.bytes.size())),
-                  c.offset == 0xFFFFFFFF ? -1 : static_cast<int>(c.type));
+                  c.offset == kNone ? -1 : static_cast<int>(c.type));
     }
 }
 

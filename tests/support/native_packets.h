@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The packets that the native packetisers write.
+// The packets that the native packetisers write, and what native streams carry.
 #ifndef KESTREL_TESTS_NATIVE_PACKETS_H
 #define KESTREL_TESTS_NATIVE_PACKETS_H
 
 #include <cstring>
+#include <memory>
 #include <vector>
 
+#include "companion/stream/depacketise.h"
 #include "kestrel/native_records.h"
 #include "tests/support/files.h"
 
@@ -29,5 +31,30 @@ inline std::vector<Packet> packets_of(const Bytes& out, int length) {
     }
     return packets;
 }
+
+// The payloads of a stream, and the media that they join to.
+struct NativeContents final : kestrel::stream::RecordSink {
+    explicit NativeContents(const Bytes& stream) { walk_native(stream, *this); }
+
+    void header(const kestrel::stream::StreamHeader& header) override {
+        joiner = kestrel::stream::make_depacketiser(
+            header.medium, {},
+            {[this](auto bytes) { media.insert(media.end(), bytes.begin(), bytes.end()); }});
+    }
+    void video_packet(const kestrel::stream::VideoPacket& packet) override {
+        payloads.emplace_back(packet.payload.begin(), packet.payload.end());
+        joiner->packet(packet.payload);
+    }
+    void speech_payload(std::span<const uint8_t> front) override {
+        payloads.emplace_back(front.begin(), front.end());
+    }
+    void speech_frame(std::span<const uint8_t> frame) override {
+        payloads.emplace_back(frame.begin(), frame.end());
+    }
+
+    std::vector<Bytes> payloads;
+    Bytes media;
+    std::unique_ptr<kestrel::stream::Depacketiser> joiner;
+};
 
 #endif
