@@ -538,6 +538,7 @@ TEST(BoxWalk, MediaInFrontOfTheMovieIsLoaded) {
     iso_file* file = first.file;
     ASSERT_NE(file->mdat_buffer, nullptr);
     ASSERT_NE(file->mem_read, nullptr);
+    EXPECT_EQ(file->mdat_start, ftyp().size() + 8);
     EXPECT_EQ(file->mdat_end - file->mdat_start, 10u);
     char got[16] = {};
     ASSERT_EQ(file->mem_seek(file->mem_cookie, static_cast<long>(file->mdat_start) + 7, SEEK_SET),
@@ -634,211 +635,180 @@ TEST(Samples, CursorsStandAtTheEndAfterTheLastSample) {
 
 // --- hint packets ---
 
-std::string payload_of(const Bytes& packet, int length) {
-    return std::string(packet.begin() + 12, packet.begin() + length);
+// A file of a hint track, and its packets one by one.
+class OpenedHints : public Opened {
+  public:
+    explicit OpenedHints(const HintFile& made) : Opened(made.build()) {
+        hint = isoFFrtpHinter(track(1), 1400);
+        EXPECT_EQ(hint, track(2));
+    }
+    int next() { return isoFFrtpPacket(hint, buffer.data()); }
+    // The payload of the next packet; its result where there is none.
+    std::string payload() {
+        const int length = next();
+        if (length < 12) return std::to_string(length);
+        return {buffer.begin() + 12, buffer.begin() + length};
+    }
+
+    iso_track* hint;
+    Bytes buffer = Bytes(1400);
+};
+
+// A hint sample of one packet.
+Bytes one_packet(uint16_t sequence, uint16_t constructors, std::initializer_list<Bytes> parts) {
+    return hint_sample(1, {packet_entry(96, sequence, constructors), join(parts)});
 }
 
 TEST(HintPackets, AreBuiltFromTheirConstructors) {
     HintFile made;
-    const Bytes first = join(
-        {be16(2), be16(0), packet_entry(0x80 | 96, 10, 4), Bytes(16), immediate("<>", 2),
-         from_sample(2, 0, 4, 1, 3), from_sample(3, 0, 2, 2, 1), packet_entry(96, 11, 3, 4),
-         be32(12), zeros(8), immediate("12345678901234", 200), Bytes(16, 9), immediate("", 0)});
-    const Bytes empty = join({be16(0), be16(0)});
-    const Bytes self = join(
-        {be16(1), be16(0), packet_entry(96, 12, 1), from_sample(2, 255, 4, 3, 32), text("self")});
-    made.hint_samples = join({first, empty, self});
-    made.hint_sizes = {static_cast<uint32_t>(first.size()), 4, static_cast<uint32_t>(self.size())};
+    made.add_hint(hint_sample(
+        2, {packet_entry(0x80 | 96, 10, 4), Bytes(16), immediate("<>", 2),
+            from_sample(2, 0, 4, 1, 3), from_sample(3, 0, 2, 2, 1), packet_entry(96, 11, 3, 4),
+            be32(12), zeros(8), immediate("12345678901234", 200), Bytes(16, 9), immediate("", 0)}));
+    made.add_hint(hint_sample(0, {}));
+    made.add_hint(one_packet(12, 1, {from_sample(2, 255, 4, 3, 32), text("self")}));
     made.more_entry = join({box("tsro", {be32(1000)}), box("snro", {be32(65530)})});
-    Opened opened(made.build());
-    iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
-    ASSERT_EQ(hint, opened.track(2));
-    Bytes buffer(1400);
+    OpenedHints opened(made);
+    iso_track* hint = opened.hint;
 
-    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12 + 2 + 4 + 2);
-    EXPECT_EQ(payload_of(buffer, 20), "<>defgYZ");
-    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 12),
+    EXPECT_EQ(opened.payload(), "<>defgYZ");
+    EXPECT_EQ(Bytes(opened.buffer.begin(), opened.buffer.begin() + 12),
               join({{0xB0, 0x80 | 96}, be16(65540 & 0xFFFF), be32(1000), be32(0)}));
     EXPECT_EQ(hint->last_payload_type, 96u);
-    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12 + 14);
-    EXPECT_EQ(payload_of(buffer, 26), "12345678901234");
+    EXPECT_EQ(opened.payload(), "12345678901234");
     EXPECT_EQ(hint->last_seq, (65530u + 11) & 0xFFFF);
     // The hint sample without packets took no time.
-    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 16);
-    EXPECT_EQ(payload_of(buffer, 16), "self");
+    EXPECT_EQ(opened.payload(), "self");
     EXPECT_EQ(hint->last_timestamp, 1160u);
     {
         const SyslogCapture log(4);
-        EXPECT_EQ(isoFFrtpPacket(hint, buffer.data()), 0);
+        EXPECT_EQ(opened.next(), 0);
         EXPECT_THAT(log.lines(), testing::ElementsAre(
                                      "DBG: isoff(358): isoFFrtpPacket() EOF:  hint->sample=0003 "
                                      "> tp->sample_count=0003\n"));
     }
-    EXPECT_EQ(isoFFrtpPacket(hint, buffer.data()), 0);
+    EXPECT_EQ(opened.next(), 0);
     // Positioning the hint track is seeking, from the end too; the time runs on.
     isoFFsetPosition(hint, 0);
-    EXPECT_EQ(isoFFrtpPacket(hint, buffer.data()), 20);
+    EXPECT_EQ(opened.next(), 20);
     EXPECT_EQ(hint->last_timestamp, 1320u);
 
     hint->seq_rebase = 1;
     hint->rtp_seq_offset = 100;
     isoFFrtpHinter(opened.track(1), 1400);
     isoFFsetPosition(hint, 0);
-    EXPECT_GT(isoFFrtpPacket(hint, buffer.data()), 0);
-    EXPECT_EQ(hint->last_seq, 100u);
-    EXPECT_EQ(hint->seq_rebase, 2u);
-    EXPECT_GT(isoFFrtpPacket(hint, buffer.data()), 0);
-    EXPECT_EQ(hint->last_seq, 101u);
+    for (const uint32_t sequence : {100u, 101u}) {
+        EXPECT_GT(opened.next(), 0);
+        EXPECT_EQ(hint->last_seq, sequence);
+        EXPECT_EQ(hint->seq_rebase, 2u);
+    }
 }
 
 // A hint sample that is begun again in the middle has the same time, and lasts once.
 TEST(HintPackets, OfASampleThatIsBegunAgainKeepTheirTime) {
     HintFile made;
-    const Bytes pair = join({be16(2), be16(0), packet_entry(96, 0, 0), packet_entry(96, 1, 0)});
-    made.hint_samples = join({pair, pair, pair});
-    made.hint_sizes = std::vector<uint32_t>(3, static_cast<uint32_t>(pair.size()));
-    Opened opened(made.build());
-    iso_track* media = opened.track(1);
-    iso_track* hint = isoFFrtpHinter(media, 1400);
+    for (int i = 0; i < 3; ++i)
+        made.add_hint(hint_sample(2, {packet_entry(96, 0, 0), packet_entry(96, 1, 0)}));
+    OpenedHints opened(made);
+    iso_track* hint = opened.hint;
     std::vector<uint32_t> times;
-    Bytes buffer(1400);
     for (const bool again : {false, true, false, true, false, false, false}) {
-        if (again) isoFFfindHintTrack(media, 1400);
-        ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12);
+        if (again) isoFFfindHintTrack(opened.track(1), 1400);
+        ASSERT_EQ(opened.next(), 12);
         times.push_back(hint->last_timestamp);
     }
     EXPECT_THAT(times, testing::ElementsAre(0, 0, 0, 160, 160, 320, 320));
 
     // A caller's own cursor knows nothing of that.
     isoFFsetPosition(hint, 0);
-    isoFFrtpPacket(hint, buffer.data());
-    isoFFfindHintTrack(media, 1400);
+    opened.next();
+    isoFFfindHintTrack(opened.track(1), 1400);
     rtp_hint_state own{};
-    own.media_track = media;
+    own.media_track = opened.track(1);
     rtp_hint_state* const before = std::exchange(hint->hint, &own);
     hint->rtp_ts_offset = 7;
     times.clear();
-    while (isoFFrtpPacket(hint, buffer.data()) > 0)
+    while (opened.next() > 0)
         times.push_back(hint->last_timestamp);
     EXPECT_THAT(times, testing::ElementsAre(7, 7, 167, 167, 327, 327));
     hint->hint = before;
 }
 
-struct BadHint {
-    const char* what;
-    Bytes sample;
-    uint32_t max_packet;
-    int result;
-};
-
 // A piece of no bytes is none, wherever it is said to lie, and leaves the media where they are.
 TEST(HintPackets, PiecesOfNoBytesAreNone) {
     for (const uint32_t offset : {0u, 9u, 10u, 0x80000000u}) {
         HintFile made;
-        made.add_hint(hint_sample(1, {packet_entry(96, 1, 3), from_sample(2, 0, 2, 2, 0),
-                                      from_sample(2, 0, 0, 1, offset), immediate("ab", 2)}));
-        Opened opened(made.build());
-        iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
-        ASSERT_NE(hint, nullptr);
-        Bytes buffer(1400);
-        ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12 + 2 + 2);
-        EXPECT_EQ(payload_of(buffer, 16), "XYab");
+        made.add_hint(one_packet(
+            1, 3,
+            {from_sample(2, 0, 2, 2, 0), from_sample(2, 0, 0, 1, offset), immediate("ab", 2)}));
+        OpenedHints opened(made);
+        EXPECT_EQ(opened.payload(), "XYab");
         EXPECT_EQ(opened.track(1)->cur_sample, 1);
     }
 }
 
 TEST(HintPackets, BadOnesFail) {
-    const Bytes begin = join({be16(1), be16(0)});
-    const BadHint cases[] = {
-        {"a sample number past the end",
-         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 1, 3, 0)}), 1400, -1},
-        {"sample number 0", join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 1, 0, 0)}), 1400,
-         -1},
-        {"more bytes than the sample has",
-         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 11, 1, 0)}), 1400, -1},
-        {"an offset past the sample",
-         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 1, 1, 10)}), 1400, -1},
-        {"constructors that are not there", join({begin, packet_entry(96, 0, 9), Bytes(16)}), 1400,
-         -1},
-        {"an entry that is not there", begin, 1400, -1},
-        {"a cut header", {0}, 1400, -1},
+    const Bytes ten = from_sample(2, 0, 10, 1, 0);
+    const Bytes digits = immediate("1234567890", 10);
+    const struct {
+        const char* what;
+        Bytes sample;
+        uint32_t max_packet = 1400;
+        int result = -1;
+    } cases[] = {
+        {"a sample number past the end", one_packet(0, 1, {from_sample(2, 0, 1, 3, 0)})},
+        {"sample number 0", one_packet(0, 1, {from_sample(2, 0, 1, 0, 0)})},
+        {"more bytes than the sample has", one_packet(0, 1, {from_sample(2, 0, 11, 1, 0)})},
+        {"an offset past the sample", one_packet(0, 1, {from_sample(2, 0, 1, 1, 10)})},
+        {"constructors that are not there", one_packet(0, 9, {Bytes(16)})},
+        {"an entry that is not there", hint_sample(1, {})},
+        {"a cut header", {0}},
         {"extra information past all bounds",
-         join({begin, packet_entry(96, 0, 1, 4), be32(0xFFFFFFFF), Bytes(16)}), 1400, -1},
-        {"a packet longer than declared",
-         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 10, 1, 0)}), 21, -1},
-        {"a packet as long as declared",
-         join({begin, packet_entry(96, 0, 1), from_sample(2, 0, 10, 1, 0)}), 22, 22},
-        {"immediate bytes that fill the packet",
-         join({begin, packet_entry(96, 0, 1), immediate("1234567890", 10)}), 22, 22},
-        {"immediate bytes past the packet",
-         join({begin, packet_entry(96, 0, 1), immediate("1234567890", 10)}), 21, -1},
-        {"no room for a header", join({begin, packet_entry(96, 0, 0)}), 11, -1},
+         hint_sample(1, {packet_entry(96, 0, 1, 4), be32(0xFFFFFFFF), Bytes(16)})},
+        {"a packet longer than declared", one_packet(0, 1, {ten}), 21},
+        {"a packet as long as declared", one_packet(0, 1, {ten}), 22, 22},
+        {"immediate bytes that fill the packet", one_packet(0, 1, {digits}), 22, 22},
+        {"immediate bytes past the packet", one_packet(0, 1, {digits}), 21},
+        {"no room for a header", one_packet(0, 0, {}), 11},
+        {"null and a packet", one_packet(0, 0, {}), 0},
+        {"null, and no packet", hint_sample(0, {zeros(12)}), 0, 0},
     };
-    for (const BadHint& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         HintFile made;
-        made.hint_samples = c.sample;
-        made.hint_sizes = {static_cast<uint32_t>(c.sample.size())};
+        made.add_hint(c.sample);
         made.max_packet = c.max_packet;
-        Opened opened(made.build());
-        iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
-        ASSERT_NE(hint, nullptr);
-        const std::unique_ptr<uint8_t[]> buffer(new uint8_t[c.max_packet]);
-        EXPECT_EQ(isoFFrtpPacket(hint, buffer.get()), c.result);
+        OpenedHints opened(made);
+        const std::unique_ptr<uint8_t[]> exact(new uint8_t[c.max_packet]);
+        EXPECT_EQ(isoFFrtpPacket(opened.hint, c.max_packet == 0 ? nullptr : exact.get()), c.result);
     }
     EXPECT_EQ(isoFFrtpPacket(nullptr, nullptr), -1);
-    HintFile made;
-    Opened opened(made.build());
+    Opened opened(HintFile().build());
     EXPECT_EQ(isoFFrtpPacket(opened.track(2), nullptr), -1);  // no cursor
-}
-
-// No room for a packet is needed where there is none.
-TEST(HintPackets, NullIsABufferOfNoBytes) {
-    for (const bool has_packet : {false, true}) {
-        HintFile made;
-        made.hint_samples = join({be16(has_packet ? 1 : 0), be16(0), packet_entry(96, 0, 0)});
-        made.hint_sizes = {16};
-        made.max_packet = 0;
-        Opened opened(made.build());
-        iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
-        ASSERT_NE(hint, nullptr);
-        EXPECT_EQ(isoFFrtpPacket(hint, nullptr), has_packet ? -1 : 0);
-    }
 }
 
 // The place that a packet is said to begin at follows from the cursors at its end: after a piece of
 // another of its own samples, by where reading on has brought the hint track's.
 TEST(HintPackets, ReportTheLowestPlaceThatTheirCursorsName) {
     HintFile made;
-    const Bytes plain = join({be16(1), be16(0), packet_entry(96, 0, 0)});
-    const Bytes looking_back = join({be16(1), be16(0), packet_entry(96, 1, 2),
-                                     from_sample(2, 255, 2, 1, 0), immediate("x", 1)});
-    made.hint_samples = join({plain, looking_back});
-    made.hint_sizes = {16, static_cast<uint32_t>(looking_back.size())};
-    Opened opened(made.build());
-    iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
-    ASSERT_NE(hint, nullptr);
-    Bytes buffer(1400);
-    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12);
-    ASSERT_EQ(isoFFrtpPacket(hint, buffer.data()), 12 + 2 + 1);
-    EXPECT_EQ(hint->last_read_pos, hint->chunks[0].start + 16);
+    made.add_hint(one_packet(0, 0, {}));
+    made.add_hint(one_packet(1, 2, {from_sample(2, 255, 2, 1, 0), immediate("x", 1)}));
+    OpenedHints opened(made);
+    ASSERT_EQ(opened.next(), 12);
+    ASSERT_EQ(opened.next(), 12 + 2 + 1);
+    EXPECT_EQ(opened.hint->last_read_pos, opened.hint->chunks[0].start + 16);
 }
 
 // A packet that copies from an earlier hint sample must not send the reader back there for ever.
 TEST(HintPackets, CopyingFromAnEarlierHintSampleDoesNotRunInACircle) {
     HintFile made;
-    const Bytes plain = join({be16(1), be16(0), packet_entry(96, 0, 0)});
-    const Bytes looking_back =
-        join({be16(2), be16(0), packet_entry(96, 1, 1), from_sample(2, 255, 2, 1, 0),
-              packet_entry(96, 2, 1), from_sample(2, 255, 2, 1, 0)});
-    made.hint_samples = join({plain, looking_back});
-    made.hint_sizes = {16, 60};
-    Opened opened(made.build());
-    iso_track* hint = isoFFrtpHinter(opened.track(1), 1400);
-    Bytes buffer(1400);
+    made.add_hint(one_packet(0, 0, {}));
+    made.add_hint(hint_sample(2, {packet_entry(96, 1, 1), from_sample(2, 255, 2, 1, 0),
+                                  packet_entry(96, 2, 1), from_sample(2, 255, 2, 1, 0)}));
+    OpenedHints opened(made);
     std::vector<uint32_t> sequence;
-    for (int length; (length = isoFFrtpPacket(hint, buffer.data())) > 0 && sequence.size() < 9;)
-        sequence.push_back(hint->last_seq);
+    while (opened.next() > 0 && sequence.size() < 9)
+        sequence.push_back(opened.hint->last_seq);
     EXPECT_THAT(sequence, testing::ElementsAre(0, 1, 2));
 }
 
