@@ -289,6 +289,10 @@ TEST(PackedStream, ReportsWhatIsMissingOrMalformed) {
     EXPECT_EQ(packed.streams[0].packets_missing, 3u);
     EXPECT_EQ(packed.streams[0].samples, 30u);
 
+    Bytes unnamed = stream;
+    std::copy_n("\x1b[2J", 4, &unnamed[40]);  // the codec
+    EXPECT_THAT(pack({unnamed}).streams[0].damage, HasSubstr("names no codec: ?[2J"));
+
     const std::vector<Bytes> none = {Bytes(stream.begin(), stream.begin() + 92), Bytes(500, 'x')};
     for (const Bytes& bytes : none) {
         packed = pack({bytes});

@@ -207,7 +207,9 @@ REFUSED = [
     ("pack a.native --video v.native -o out", 2, "exclude each other"),
     ("hint x -o y --mtu 5", 2, "--mtu: 5 is not from 64 to 65535"),
     ("hint s/amrnb_plain.3gp --mtu 63 -o out", 2, "63"),
-    ("hint s/amrnb_plain.3gp -o ''", 2, "file is empty"),
+    *((f"{command} -o ''", 2, "name of a file is empty") for command in
+      ("extract s/amrnb_plain.3gp ar", "hint in.3gp", "report in.3gp", "pack a.native",
+       "unpack a.native")),
     ("hint '' -o out", 2, "name of a file is empty"),
     ("extract s/amrnb_plain.3gp ax -o out", 2,
      "MODE 'ax' is not known: ar plays audio, vr"),
@@ -331,6 +333,9 @@ class StandardStreams(ToolTest):
                 with self.subTest(command=command, redirection=redirection):
                     result = self.run_with(redirection, command, *rest)
                     self.assert_fails(result, 1, "kestrel: standard output: ")
+        for command in (["hint", *clip, "--replace"], ["extract", *clip, "ar"], ["pack", stream]):
+            result = self.run_with(">/dev/full", *command, "-o", "-")
+            self.assert_fails(result, 1, "kestrel: standard output: ")
 
     def test_closed_streams_change_nothing(self):
         file, out = sample("av_h263_amrnb_hinted"), self.scratch / "out.3gp"
@@ -462,7 +467,9 @@ class Packets(ToolTest):
     def test_names_and_texts_add_no_line_to_the_description(self):
         data = load("amrnb_hinted")
         text = boxes(data, [b"moov", b"trak", b"udta", b"hnti", b"sdp "])[0]
-        evil = b"m=audio 1 RTP/AVP 97\rc=IN IP4 6.6.6.6\nc=IN IP4 6.6.6.6\nt=1 1\na=\x1b[2J\n"
+        evil = (b"m=audio 1 RTP/AVP 97\nc=IN IP4 6\na=rtcp:9\na=candidate:6\na=rtcp-fb:97\nt=1 1\n"
+                b"a=fmtp:97\rc=IN IP4 6\x1b\n")
+        self.assertLessEqual(len(evil), len(text))
         path = self.write("clip\r\nc=IN IP4 6.6.6.6",
                           data.replace(text, evil.ljust(len(text), b"\n")))
         out = self.scratch / "cap.pcap"
@@ -471,6 +478,7 @@ class Packets(ToolTest):
         self.assertEqual([line[:2] for line in lines],
                          ["v=", "o=", "s=", "c=", "t=", "m=", "a=", ""])
         self.assertEqual(lines[3], "c=IN IP4 192.0.2.2")
+        self.assertEqual(lines[5:7], ["m=audio 5004 RTP/AVP 97", r"a=fmtp:97\x0dc=IN IP4 6\x1b"])
         for line in lines:
             self.assertNotRegex(line, r"[\x00-\x1f]")
 
@@ -842,6 +850,23 @@ class Send(ToolTest):
             time.sleep(0.02)
         raise TimeoutError("nobody listens")
 
+    def test_what_is_due_at_once_is_spread_out(self):
+        data = load("amrnb_hinted")
+        movie = boxes(data, [b"moov"])[0]
+        hint = movie[movie.rindex(b"trak") - 4:]
+        hint = hint[:int.from_bytes(hint[:4], "big")]
+        clock = hint.index(b"mdhd") + 16
+        tracks = 60
+        hints = (hint[:clock] + b"\xff\xff\xff\xff" + hint[clock + 4:]) * tracks
+        path = self.write("flood.3gp", data.replace(b"moov", b"free") + struct.pack(
+            ">I4s", len(hints) + len(movie) - len(hint) + 8, b"moov") +
+            movie.replace(hint, hints))
+        begun = time.monotonic()
+        received = self.receive(path, tracks)
+        passed = time.monotonic() - begun
+        self.assertGreater(sum(len(rtp) for rtp, _ in received), 5000)
+        self.assertGreater(passed, 0.9)  # 1,000 at once, then 10,000 a second; a moment to read
+
     def test_it_begins_at_the_sync_sample_of_a_time(self):
         for name, milliseconds in [("amrnb_hinted", 1010), ("mpeg4_hinted", 1500)]:
             (packets, _), = self.receive(sample(name), 1, "--speed", 500)
@@ -925,6 +950,10 @@ class Outputs(ToolTest):
         def limited():
             resource.setrlimit(resource.RLIMIT_FSIZE, (4000, 4000))
 
+        # Ends in a temporary file, without a signal.
+        send = ("send", sample("amrnb_plain"), "--to", "127.0.0.1:9998")
+        self.assert_fails(subprocess.run([TOOL, *send], capture_output=True, check=False,
+                                         preexec_fn=limited), 1, "temporary file: ")
         old = self.write("old", b"old")
         (self.scratch / "link").symlink_to("old")
         for command, out in itertools.product(self.COMMANDS, ("old", "link", "new")):
@@ -956,7 +985,7 @@ class Outputs(ToolTest):
                                       (NOBODY, 0o755, True), (NOBODY, 0o777, True),
                                       (0, 0o1777, True)]:
             shared.chmod(mode)
-            for command in self.COMMANDS:
+            for command in [*self.COMMANDS, self.COMMANDS[-1] + ("--arriving", "1000")]:
                 for target in ("victim", "new"):
                     with self.subTest(command=command[0], owner=owner, mode=oct(mode), to=target):
                         victim.write_bytes(b"old")

@@ -328,7 +328,7 @@ void add_extract(CLI::App& app) {
         ->required();
     command->add_option("MODE", options->mode, "What to play: ar for audio, vr for video")
         ->required();
-    command->add_option("-o,--output", options->output, "Where to write; - is standard output")
+    add_output(command, "-o,--output", options->output, "Where to write; - is standard output")
         ->capture_default_str();
     command
         ->add_option("--arriving", options->arriving,

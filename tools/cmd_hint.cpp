@@ -41,12 +41,12 @@ int show_progress(void* progress, uint64_t done, uint64_t all) {
         case KST_HINT_NO_MEMORY:
             throw std::bad_alloc();
         case KST_HINT_HAS_HINTS:
-            throw Error(options.input + ": " + error + "; --replace makes new ones");
+            throw file_error(options.input, error + "; --replace makes new ones");
         case KST_HINT_TOO_LARGE:
         case KST_HINT_DESTINATION_FAILED:
-            throw Error(options.output + ": " + error);
+            throw file_error(output_name(options.output), error);
         default:
-            throw Error(options.input + ": " + error);
+            throw file_error(options.input, error);
     }
 }
 
@@ -70,7 +70,7 @@ void hint(const Options& options) {
     stream.rethrow_failure();  // what the system said of a write
     if (result != KST_HINT_DONE) refuse(options, result, report.error);
     stream.finish();
-    if (report.left_out[0] != '\0') say(options.input + ": " + report.left_out);
+    if (report.left_out[0] != '\0') say(input_name(options.input) + ": " + report.left_out);
 }
 
 }  // namespace
@@ -78,15 +78,11 @@ void hint(const Options& options) {
 void add_hint(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("hint", "Copy a 3GP file and add RTP hint tracks to it");
-    const auto is_name = [](const std::string& name) {
-        return name.empty() ? std::string("the name of a file is empty") : std::string();
-    };
     command->add_option("FILE", options->input, "3GP file; - is standard input")
         ->required()
-        ->check(is_name);
-    command->add_option("-o,--output", options->output, "Where to write; - is standard output")
-        ->required()
-        ->check(is_name);
+        ->check(refuse_empty_name);
+    add_output(command, "-o,--output", options->output, "Where to write; - is standard output")
+        ->required();
     command
         ->add_option(
             "--mtu", options->max_packet,

@@ -93,9 +93,9 @@ std::string lacks(const Input& input, const kst_pack_stream& about) {
                          const kst_pack_report& report) {
     if (result == KST_PACK_NO_MEMORY) throw std::bad_alloc();
     const bool is_about_stream = report.stream >= 0;
-    throw file_error(
-        is_about_stream ? inputs[static_cast<size_t>(report.stream)].path : options.output,
-        report.error);
+    throw file_error(is_about_stream ? inputs[static_cast<size_t>(report.stream)].path
+                                     : output_name(options.output),
+                     report.error);
 }
 
 // Fails when the file has not got all of the streams.
@@ -148,7 +148,7 @@ void add_pack(CLI::App& app) {
     command->add_option("--video", options->video, "Video stream, for a file with both media")
         ->type_name("STREAM")
         ->excludes(stream);
-    command->add_option("-o,--output", options->output, "Where to write; - is standard output")
+    add_output(command, "-o,--output", options->output, "Where to write; - is standard output")
         ->required();
     command->add_flag("--hint", options->hint,
                       "Add hint tracks with the RTP packets that the streams have");

@@ -167,11 +167,9 @@ void add_packets(CLI::App& app) {
         command->add_flag("--hex", options->hex, "Show each packet in hex, as the last column");
     CLI::Option* json = command->add_flag("--json", options->json, "Print JSON");
     CLI::Option* pcap =
-        command
-            ->add_option(
-                "--pcap", options->pcap,
-                "Write a capture that a network analyser opens, and a session description\n"
-                "beside it, with the ending .sdp")
+        add_output(command, "--pcap", options->pcap,
+                   "Write a capture that a network analyser opens, and a session description\n"
+                   "beside it, with the ending .sdp")
             ->type_name("OUT")
             ->excludes(hex)
             ->excludes(json);

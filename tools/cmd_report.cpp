@@ -33,7 +33,7 @@ void add_report(CLI::App& app) {
     CLI::App* command =
         app.add_subcommand("report", "Draw a 3GP file on one page: map, rates, packets, verdicts");
     command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
-    command->add_option("-o,--output", options->output, "Page to write; - is standard output")
+    add_output(command, "-o,--output", options->output, "Page to write; - is standard output")
         ->required();
     add_timeout(command, options->time);
     command->footer(

@@ -145,7 +145,7 @@ void add_send(CLI::App& app) {
                      "port after it, and so on with two ports a track")
         ->type_name("HOST:PORT")
         ->required();
-    command->add_option("--sdp", options->description, "Write the session description for a player")
+    add_output(command, "--sdp", options->description, "Write the session description for a player")
         ->type_name("OUT");
     command->add_option("--from", options->from, "Begin at the sync sample of this time")
         ->type_name("MS");

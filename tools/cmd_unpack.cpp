@@ -40,7 +40,7 @@ void add_unpack(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "unpack", "Rebuild the media file of a native stream: .amr, .h263, .m4v or .h264");
     command->add_option("STREAM", options->input, "Native stream; - is standard input")->required();
-    command->add_option("-o,--output", options->output, "Where to write; - is standard output")
+    add_output(command, "-o,--output", options->output, "Where to write; - is standard output")
         ->required();
     command->callback([options] {
         refuse_terminal(options->output);

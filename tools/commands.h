@@ -48,6 +48,17 @@ CLI::Option* add_choice(CLI::App* command, const char* name, Target& value,
         ->option_text(CLI::detail::join(words, "|"));
 }
 
+// What is wrong with a name of a file; empty for nothing.
+inline std::string refuse_empty_name(const std::string& name) {
+    return name.empty() ? "the name of a file is empty" : "";
+}
+
+// Adds an option for a file that is written.
+inline CLI::Option* add_output(CLI::App* command, const char* name, std::string& path,
+                               const char* about) {
+    return command->add_option(name, path, about)->check(refuse_empty_name);
+}
+
 // Adds the option that limits the time for a file.
 struct TimeLimit {
     uint32_t seconds = 60;

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <csignal>
 #include <cstdio>
 #include <new>
 
@@ -51,6 +52,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     int code = tool::kFailed;
     tool::hold_standard_streams();
+    std::signal(SIGXFSZ, SIG_IGN);  // a file beyond the process's limit is a write that fails
     try {
         tool::take_over_remarks();
         code = run(argc, argv);

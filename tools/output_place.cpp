@@ -86,6 +86,15 @@ OutputPlace find_output_place(const std::string& path) {
     fail(path, ELOOP);
 }
 
+Descriptor open_output(const OutputPlace& place, const std::string& path) {
+    constexpr mode_t kAll = 0666;
+    const int follow = place.in_proc ? 0 : O_NOFOLLOW;
+    Descriptor opened(openat(place.folder.get(), place.name.c_str(),
+                             O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | follow, kAll));
+    if (!opened) throw system_error(path);
+    return opened;
+}
+
 bool is_same_place(const OutputPlace& one, const OutputPlace& other) {
     struct stat a {
     }, b{};

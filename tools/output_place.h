@@ -28,6 +28,9 @@ struct OutputPlace {
 // nothing is there.
 OutputPlace find_output_place(const std::string& path);
 
+// Opens what is there for writing, emptied, or makes a new file. Throws Error.
+Descriptor open_output(const OutputPlace& place, const std::string& path);
+
 // True for one name in one folder.
 bool is_same_place(const OutputPlace& one, const OutputPlace& other);
 

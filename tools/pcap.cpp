@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "common/bytes.h"
+#include "common/clock.h"
 
 namespace tool {
 namespace {
@@ -84,7 +85,7 @@ void PcapWriter::packet(std::span<const uint8_t> rtp, uint16_t port, double seco
     const double whole = std::floor(microseconds / 1e6);
     const auto length = static_cast<uint32_t>(udp.size() + rtp.size());
     output_.write(
-        raw(PacketHeader{static_cast<uint32_t>(whole),
+        raw(PacketHeader{kestrel::truncate_to_u32(whole),
                          static_cast<uint32_t>(microseconds - whole * 1e6), length, length}));
     output_.write(udp);
     output_.write(rtp);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <optional>
 #include <sstream>
 #include <string_view>
 
@@ -11,44 +12,59 @@
 namespace tool {
 namespace {
 
-// Of the lines that a media description may have, those of a file that hold: its addresses and
-// ports are ours.
-bool is_media_attribute(std::string_view line) {
-    constexpr std::string_view kTypes = "iba";
-    return line.size() > 2 && line[1] == '=' && kTypes.find(line[0]) != std::string_view::npos &&
-           !line.starts_with("a=control");
+using std::string_view_literals::operator""sv;
+
+constexpr int kFirstDynamicType = 96;  // of payload types
+
+// What a media line declares: "m=video 5004 RTP/AVP 96".
+struct MediaLine {
+    std::string kind, profile;
+    std::vector<int> types;  // of payloads; at least one
+};
+
+// Empty for another line, also for one of another medium, transport or form.
+std::optional<MediaLine> parse_media_line(const std::string& line) {
+    constexpr int kMaxType = 127;
+    std::istringstream words(line);
+    MediaLine media;
+    std::string port;
+    words >> media.kind >> port >> media.profile;
+    for (int type; words >> type && type >= 0 && type <= kMaxType;)
+        media.types.push_back(type);
+    const bool is_known = (media.kind == "m=audio" || media.kind == "m=video") &&
+                          (media.profile == "RTP/AVP" || media.profile == "RTP/SAVP");
+    if (!is_known || !words.eof() || media.types.empty()) return std::nullopt;
+    return media;
 }
 
-// "m=video 5004 RTP/AVP 96" with another port; empty for another line.
-std::string with_port(const std::string& line, uint16_t port) {
-    std::istringstream words(line);
-    std::string kind, number, rest;
-    const bool is_media =
-        line.starts_with("m=") && words >> kind >> number && std::getline(words, rest);
-    return is_media ? kind + " " + std::to_string(port) + rest : "";
+// Whether a line of the file's text is passed on: those that describe the payload are. Others could
+// have a receiver send to somebody else, or expect of the sender what it does not do.
+bool describes_payload(std::string_view line) {
+    constexpr std::string_view kLines[] = {"a=rtpmap:", "a=fmtp:", "a=framesize:", "a=cliprect:"};
+    return std::any_of(std::begin(kLines), std::end(kLines),
+                       [&](std::string_view known) { return line.starts_with(known); });
 }
 
 // The file's own text is used where there is one.
 std::string describe_media(const HintPackets& track, uint16_t port) {
     const char* text = track.track()->sdp_text;
     std::istringstream lines(text != nullptr ? text : "");
-    std::string media, attributes;
+    std::optional<MediaLine> media;
+    std::string attributes;
     for (std::string line; std::getline(lines, line);) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (media.empty()) media = with_port(line, port);
-        if (is_media_attribute(line)) attributes += printable(line) + "\r\n";
+        if (!media) media = parse_media_line(line);
+        if (describes_payload(line)) attributes += printable(line) + "\r\n";
     }
-    if (!media.empty()) return printable(media) + "\r\n" + attributes;
-    const bool audio = track.media() != nullptr && std::string(track.media()->handler) == "soun";
-    return std::string(audio ? "m=audio " : "m=video ") + std::to_string(port) + " RTP/AVP 96\r\n";
-}
-
-// The payload type of an `m=` line, or -1.
-int payload_type_of(const std::string& line) {
-    std::istringstream words(line);
-    std::string kind, port, profile;
-    int type = -1;
-    return line.starts_with("m=") && words >> kind >> port >> profile >> type ? type : -1;
+    if (!media) {
+        const bool audio = track.media() != nullptr && track.media()->handler == "soun"sv;
+        media = {audio ? "m=audio" : "m=video", "RTP/AVP", {kFirstDynamicType}};
+        attributes.clear();
+    }
+    std::string line = media->kind + " " + std::to_string(port) + " " + media->profile;
+    for (const int type : media->types)
+        line += " " + std::to_string(type);
+    return line + "\r\n" + attributes;
 }
 
 // "H264" of "a=rtpmap:96 H264/90000".
@@ -78,23 +94,21 @@ std::string describe_session(const std::string& name, const SessionAddress& addr
 }
 
 bool is_described(const iso_track* hint) {
-    constexpr int kFirstDynamic = 96;
     std::istringstream lines(hint->sdp_text != nullptr ? hint->sdp_text : "");
-    bool is_video = false, has_parameters = false;
-    int type = -1;
+    std::optional<MediaLine> media;
+    bool has_parameters = false;
     std::string encoding;
     for (std::string line; std::getline(lines, line);) {
-        if (type < 0) type = payload_type_of(line);
-        is_video = is_video || line.starts_with("m=video");
+        if (!media) media = parse_media_line(line);
         has_parameters = has_parameters || line.starts_with("a=fmtp:");
-        if (line.starts_with("a=rtpmap:" + std::to_string(type) + " "))
+        if (media && line.starts_with("a=rtpmap:" + std::to_string(media->types[0]) + " "))
             encoding = encoding_of(line);
     }
-    if (type < 0) return false;
-    if (encoding.empty()) return type < kFirstDynamic;
+    if (!media) return false;
+    if (encoding.empty()) return media->types[0] < kFirstDynamicType;
     // Decoders of these need a configuration; few read MPEG-4 Visual in payloads of RFC 3640.
     if (encoding == "H264" || encoding == "MP4V-ES") return has_parameters;
-    return !(is_video && encoding == "MPEG4-GENERIC");
+    return !(media->kind == "m=video" && encoding == "MPEG4-GENERIC");
 }
 
 }  // namespace tool

@@ -10,11 +10,16 @@
 #include <cstring>
 
 #include "tools/descriptor.h"
+#include "tools/output_place.h"
 
 namespace tool {
 
 std::string input_name(const std::string& path) {
     return path == "-" ? "standard input" : path;
+}
+
+std::string output_name(const std::string& path) {
+    return path == "-" ? "standard output" : path;
 }
 
 Error file_error(const std::string& file, const std::string& text, ExitCode code) {
@@ -124,10 +129,10 @@ void refuse_terminal(const std::string& path) {
 }
 
 Output::Output(const std::string& path, const std::string& input)
-    : path_(path), file_(stdout), buffer_(kBufferSize) {
+    : path_(output_name(path)), file_(stdout), buffer_(kBufferSize) {
     if (path == "-") return;
     refuse_input_as_output(path, input);
-    file_ = std::fopen(path.c_str(), "wb");
+    file_ = fdopen(open_output(find_output_place(path), path).release(), "wb");
     keep_buffer();
 }
 

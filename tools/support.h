@@ -40,6 +40,9 @@ struct Error : std::runtime_error {
 // What a path is called in messages: "standard input" for "-".
 std::string input_name(const std::string& path);
 
+// The same of an output: "standard output" for "-".
+std::string output_name(const std::string& path);
+
 // "FILE: TEXT".
 Error file_error(const std::string& file, const std::string& text, ExitCode code = kFailed);
 
@@ -94,7 +97,7 @@ void refuse_terminal(const std::string& path);
 // fails.
 class Output {
   public:
-    // Refuses to overwrite `input`.
+    // Refuses to overwrite `input`. Symbolic links: see find_output_place.
     Output(const std::string& path, const std::string& input);
     // Writes to a descriptor, which it closes; errors name `path`.
     Output(int descriptor, const std::string& path);

@@ -72,8 +72,6 @@ bool ends_process(int signal) {
 
 // A signal that whoever started the process has it ignore stays ignored.
 void watch_signals() {
-    // A file that grows beyond the process's limit is a failed write.
-    std::signal(SIGXFSZ, SIG_IGN);
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
         struct sigaction action {};
         if (!ends_process(signal) || sigaction(signal, nullptr, &action) != 0) continue;
@@ -136,8 +134,12 @@ WholeOutput::WholeOutput(const std::string& path, const std::string& input) : pa
         refuse_input_as_output(path, input);
         place_ = find_output_place(path);
     }
-    if (path == "-" || !place_.is_regular_or_new()) {
+    if (path == "-") {
         output_.emplace(path, input);
+        return;
+    }
+    if (!place_.is_regular_or_new()) {
+        output_.emplace(open_output(place_, path).release(), path);
         return;
     }
     // A file that may not be written is not replaced either.

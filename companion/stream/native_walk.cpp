@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <functional>
 #include <string_view>
 
 #include "common/bytes.h"
@@ -63,6 +64,13 @@ struct FieldLister {
         fields.push_back({name, raw.subspan(static_cast<size_t>(bytes - record), N)});
     }
 };
+
+// A text of a stream for a message: what is not ASCII, or not shown, as question marks.
+std::string in_letters(std::string text) {
+    const auto is_letter = [](char c) { return c >= ' ' && c <= '~'; };
+    std::replace_if(text.begin(), text.end(), std::not_fn(is_letter), '?');
+    return text;
+}
 
 // Whole frames per second in the upper half, hundredths in the lower.
 uint32_t frame_rate_of(uint32_t index_word) {
@@ -283,7 +291,7 @@ void NativeWalk::video_config(const std::string& codec, uint64_t codec_at) {
         header_.level = record.level;
         keep_config(record);
     } else {
-        damaged(codec_at, "the codec record names no codec: " + codec);
+        damaged(codec_at, "the codec record names no codec: " + in_letters(codec));
     }
 }
 

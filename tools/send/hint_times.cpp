@@ -37,7 +37,8 @@ void SampleTimes::advance_to(int32_t sample) {
 }
 
 void SampleTimes::advance_to_time(double seconds) {
-    const auto wanted = static_cast<int64_t>(seconds * scale() + 1e-6);
+    constexpr double kLast = 9e18;  // units; a track has fewer
+    const auto wanted = static_cast<int64_t>(std::clamp(seconds * scale() + 1e-6, -kLast, kLast));
     while (sample_ + 1 < track_->sample_count && skip_finished_entries()) {
         const iso_stts_entry& entry = track_->stts[entry_];
         const int64_t most = std::min<int64_t>(entry.count - static_cast<uint32_t>(in_entry_),

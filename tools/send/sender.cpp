@@ -106,9 +106,22 @@ void SentTrack::report(double now, const std::string& canonical_name, Leaving le
 
 // --- all tracks ---
 
+Pace::Pace(double speed) {
+    constexpr double kPerSecond = 10000;  // 100 Mbit/s of the packets that a hinter makes
+    interval_ = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(1 / (kPerSecond * std::max(speed, 1.0))));
+}
+
+Pace::Clock::time_point Pace::admit(Clock::time_point now) {
+    constexpr int kAtOnce = 1000;  // such as those of a large picture
+    const Clock::time_point at = std::max(now, next_ - kAtOnce * interval_);
+    next_ = std::max(now, next_) + interval_;
+    return at;
+}
+
 Sender::Sender(std::vector<std::unique_ptr<HintPackets>>& tracks, const UdpAddress& to,
                uint16_t first_port, const Options& options)
-    : hints_(tracks), options_(options) {
+    : hints_(tracks), options_(options), pace_(options.speed) {
     constexpr uint32_t kPortsOfTrack = 2;
     uint32_t port = first_port;
     for (const auto& track : tracks) {
@@ -131,6 +144,8 @@ Sender::Sender(std::vector<std::unique_ptr<HintPackets>>& tracks, const UdpAddre
     if (options.from > 0 && options.from >= end_)
         throw Error(format("--from is after the end, which is at %.0f ms", end_ * 1000));
     if (options.loop && end_ <= from_) throw Error("--loop: the media take no time");
+    constexpr double kShortestPass = 0.1;  // seconds
+    pass_ = std::max(end_ - from_, kShortestPass);
 }
 
 Sender::Clock::time_point Sender::time_of(double position) const {
@@ -181,16 +196,17 @@ bool Sender::send_pass() {
         track->begin(from_);
     while (SentTrack* track = earliest()) {
         if (!wait_until(track->due() + shift_)) return false;
+        if (!signals_.sleep_until(pace_.admit(Clock::now()))) return false;
         track->send(shift_);
     }
-    return wait_until(end_ + shift_);
+    return wait_until((options_.loop ? from_ + pass_ : end_) + shift_);
 }
 
 int Sender::run() {
     start_ = Clock::now();
     report(Leaving::kNo);
     while (send_pass() && options_.loop && lacks_of(hints_).empty())
-        shift_ += end_ - from_;
+        shift_ += pass_;
     // A receiver that reads RTCP first would end before it has read the last packets.
     constexpr auto kMomentToRead = std::chrono::milliseconds(500);
     signals_.sleep_until(Clock::now() + kMomentToRead);  // not after a signal

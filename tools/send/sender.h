@@ -61,6 +61,20 @@ class SentTrack {
     double due_ = 0, shown_ = 0;
 };
 
+// Spreads packets out that a file has due at once, or all the time: no more go than streams have.
+class Pace {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    explicit Pace(double speed);
+    // Counts a packet in. Returns when it may go.
+    Clock::time_point admit(Clock::time_point now);
+
+  private:
+    Clock::duration interval_;  // of packets
+    Clock::time_point next_;    // where all that went had kept to it
+};
+
 class Sender {
   public:
     struct Options {
@@ -81,7 +95,7 @@ class Sender {
     uint64_t packets() const;
 
   private:
-    using Clock = std::chrono::steady_clock;
+    using Clock = Pace::Clock;
 
     bool send_pass();
     void begin_pass();
@@ -97,9 +111,11 @@ class Sender {
     std::string canonical_name_;
     std::vector<std::unique_ptr<SentTrack>> tracks_;
     double from_ = 0, end_ = 0;  // presentation times
+    double pass_ = 0;            // how long one takes
     double shift_ = 0;           // of the passes before
     Clock::time_point start_;
     Clock::time_point next_report_;
+    Pace pace_;
     StopSignals signals_;
     Progress progress_;
 };
