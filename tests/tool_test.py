@@ -77,13 +77,11 @@ class Extract(ToolTest):
     @needs_ffmpeg
     def test_a_decoder_gets_the_pictures_of_the_file(self):
         for name in [*VIDEO, "h263_rfc2190_hinted_1450"]:
-            for api in ["function"] + ["class"] * (name in ON_CLASS_API or "rfc2190" in name):
-                with self.subTest(name=name, api=api):
-                    media = self.write("media", self.extract(name, "vr", "--api", api, "--unpack"))
-                    kind = VIDEO.get(name, ".h263").split(".")[1]
-                    decoded = frames("-f", kind, "-i", media)
-                    self.assertEqual(decoded, [frame for frame in frames("-i", sample(name))
-                                               if frame[0] == b"0"])
+            with self.subTest(name=name):
+                media = self.write("media", self.extract(name, "vr", "--unpack"))
+                decoded = frames("-f", VIDEO.get(name, ".h263").split(".")[1], "-i", media)
+                self.assertEqual(decoded, [frame for frame in frames("-i", sample(name))
+                                           if frame[0] == b"0"])
 
     def test_standard_input_is_played_while_it_arrives(self):
         whole = self.extract("amrnb_plain", "ar")
