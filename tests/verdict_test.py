@@ -116,6 +116,18 @@ class Memory(ToolTest):
                 more = self.peak(*command, path) - self.peak(*command, sample("amrnb_plain"))
                 self.assertLess(more, times * len(large))
 
+    @unittest.skipIf(IS_SANITIZED, "takes memory of its own")
+    def test_one_packet_is_held_of_any_number_of_hint_tracks(self):
+        movie = boxes(load("amrnb_hinted"), [b"moov"])[0]
+        hint = movie[movie.rindex(b"trak") - 4:]
+        hint = hint[:int.from_bytes(hint[:4], "big")]
+        longest = hint.index(b"rtp ") + 16
+        many = (hint[:longest] + struct.pack(">I", 65000) + hint[longest + 4:]) * 1000
+        path = self.write("many.3gp", struct.pack(">I4s", len(movie) + len(many) + 8, b"moov") +
+                          movie + many)
+        more = self.peak("packets", path) - self.peak("packets", sample("amrnb_hinted"))
+        self.assertLess(more, 16 * path.stat().st_size)
+
 
 class Info(ToolTest):
     def info(self, name):

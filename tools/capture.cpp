@@ -48,8 +48,7 @@ struct Head {
 
 }  // namespace
 
-std::optional<uint64_t> write_capture(std::vector<std::unique_ptr<HintPackets>>& tracks,
-                                      uint64_t limit, Output& output) {
+std::optional<uint64_t> write_capture(HintTracks& tracks, uint64_t limit, Output& output) {
     std::priority_queue<Head, std::vector<Head>, std::greater<>> heads;
     std::vector<PacketClock> clocks;
     const auto take_next = [&](size_t track) {

@@ -21,8 +21,7 @@ inline constexpr size_t kMaxCapturedTracks = 64;
 // Writes the packets of all tracks in the order of their times, and returns their number. The
 // packets of a track keep their order, and no time is less than the one before. Returns nothing if
 // the output would exceed `limit` bytes.
-std::optional<uint64_t> write_capture(std::vector<std::unique_ptr<HintPackets>>& tracks,
-                                      uint64_t limit, Output& output);
+std::optional<uint64_t> write_capture(HintTracks& tracks, uint64_t limit, Output& output);
 
 // Returns where its packets go.
 SessionAddress capture_address();

@@ -33,16 +33,14 @@ struct Options {
     bool json = false;
 };
 
-using HintTracks = std::vector<std::unique_ptr<HintPackets>>;
-
 HintTracks wanted_tracks(const FileFacts& facts, const Options& options) {
     if (!facts.scan.is_3gp()) throw no_media_file(options.input);
-    HintTracks tracks;
+    std::vector<iso_track*> hints;
     for (iso_track* track = facts.file->first_track; track != nullptr; track = track->next) {
         const bool wanted = !options.track || *options.track == track->track_id;
-        if (is_hint(track) && wanted) tracks.push_back(std::make_unique<HintPackets>(facts, track));
+        if (is_hint(track) && wanted) hints.push_back(track);
     }
-    if (!tracks.empty()) return tracks;
+    if (!hints.empty()) return read_hint_tracks(facts, hints);
     throw file_error(options.input,
                      options.track ? "no hint track with this ID; 'kestrel info' lists the tracks"
                                    : "no hint track; 'kestrel hint' adds one");

@@ -79,7 +79,7 @@ Source open_source(const std::string& input) {
 }
 
 void write_description(const Options& options, const UdpAddress& to, uint16_t first_port,
-                       const std::vector<std::unique_ptr<HintPackets>>& tracks) {
+                       const HintTracks& tracks) {
     if (options.description.empty()) return;
     const SessionAddress address{to.own_description(), to.connection(), first_port,
                                  std::random_device()()};
@@ -116,9 +116,7 @@ void send(const Options& options) {
                                             " hint tracks; the most that are sent is " +
                                             std::to_string(kMaxCapturedTracks));
     }
-    std::vector<std::unique_ptr<HintPackets>> tracks;
-    for (iso_track* track : hints)
-        tracks.push_back(std::make_unique<HintPackets>(source.facts, track));
+    HintTracks tracks = read_hint_tracks(source.facts, hints);
     const UdpAddress to(receiver.host);
     constexpr double kMilliseconds = 1000;
     Sender sender(tracks, to, receiver.port,

@@ -2,6 +2,7 @@
 #include "tools/hint_packets.h"
 
 #include <algorithm>
+#include <map>
 
 #include "companion/probe/media_tracks.h"
 #include "interface/src/isoff/record/private.h"
@@ -11,24 +12,17 @@ namespace {
 
 constexpr uint32_t kLongestPacket = 65000;  // what fits a UDP datagram with room to spare
 
-iso_track* track_with_id(const iso_file* file, uint32_t id) {
-    iso_track* track = file->first_track;
-    while (track != nullptr && track->track_id != id)
-        track = track->next;
-    return track;
-}
-
 }  // namespace
 
-HintPackets::HintPackets(const FileFacts& facts, iso_track* hint)
-    : facts_(facts), hint_(hint), media_(track_with_id(facts.file.get(), hint->hint_track_ref)) {
+HintPackets::HintPackets(const FileFacts& facts, iso_track* hint, iso_track* media)
+    : facts_(facts), hint_(hint), media_(media) {
     cursor_.media_track = media_ != nullptr ? media_ : hint_;
     hint_->hint = &cursor_;
-    if (hint_->rtp_max_packet <= kLongestPacket) buffer_.resize(hint_->rtp_max_packet);
 }
 
 std::span<const uint8_t> HintPackets::next() {
-    if (buffer_.empty() || damaged_sample_ > 0) return {};
+    if (hint_->rtp_max_packet > kLongestPacket || damaged_sample_ > 0) return {};
+    buffer_.resize(hint_->rtp_max_packet);
     // The packets of another hint track may be made of samples of this one, which moves its cursor.
     const bool at_end = cursor_.sample >= hint_->sample_count;
     if (!at_end && hint_->cur_sample != cursor_.sample) isoFFsetPosition(hint_, cursor_.sample);
@@ -39,7 +33,10 @@ std::span<const uint8_t> HintPackets::next() {
         damaged_sample_ = cursor_.sample + 1;
         unreadable_ = length == -2;
     }
-    if (length <= 0) return {};
+    if (length <= 0) {
+        std::vector<uint8_t>().swap(buffer_);
+        return {};
+    }
     // The last packet of a hint sample moves the cursor to the next one.
     if (!in_sample) sample_ = cursor_.packets_left > 0 ? cursor_.sample : cursor_.sample - 1;
     ++made_;
@@ -75,7 +72,20 @@ std::string HintPackets::lacks() const {
     return made_ == 0 ? name + " has no packets" : "";
 }
 
-std::string lacks_of(const std::vector<std::unique_ptr<HintPackets>>& tracks) {
+HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> hints) {
+    std::map<uint32_t, iso_track*> with_id;  // of tracks with the same one, the first
+    for (iso_track* track = facts.file->first_track; track != nullptr; track = track->next)
+        with_id.emplace(track->track_id, track);
+    HintTracks tracks;
+    for (iso_track* hint : hints) {
+        const auto media = with_id.find(hint->hint_track_ref);
+        tracks.push_back(std::make_unique<HintPackets>(
+            facts, hint, media == with_id.end() ? nullptr : media->second));
+    }
+    return tracks;
+}
+
+std::string lacks_of(const HintTracks& tracks) {
     std::string all;
     for (const auto& track : tracks) {
         const std::string lacks = track->lacks();

@@ -15,8 +15,9 @@ namespace tool {
 
 class HintPackets {
   public:
-    // The facts must outlive the reader. One reader for a hint track at a time.
-    HintPackets(const FileFacts& facts, iso_track* hint);
+    // `media`: the track that it hints, null for one that is not there. The facts must outlive the
+    // reader. One reader for a hint track at a time.
+    HintPackets(const FileFacts& facts, iso_track* hint, iso_track* media);
     HintPackets(const HintPackets&) = delete;
     HintPackets& operator=(const HintPackets&) = delete;
     ~HintPackets() { hint_->hint = nullptr; }
@@ -27,7 +28,7 @@ class HintPackets {
     const iso_track* media() const { return media_; }
 
     // Returns the next packet, valid until the next call; empty at the end and if the hint track
-    // is damaged.
+    // is damaged. Memory is held from the first packet to the end.
     std::span<const uint8_t> next();
     // The hint sample (from 0) of the packet that came last.
     int32_t sample() const { return sample_; }
@@ -42,15 +43,20 @@ class HintPackets {
     iso_track* hint_;
     iso_track* media_;
     rtp_hint_state cursor_{};
-    std::vector<uint8_t> buffer_;
+    std::vector<uint8_t> buffer_;  // of a packet
     uint64_t made_ = 0;
     int32_t sample_ = 0;
     int32_t damaged_sample_ = 0;  // from 1; 0 for none
     bool unreadable_ = false;     // the stream failed
 };
 
+using HintTracks = std::vector<std::unique_ptr<HintPackets>>;
+
+// Readers of these hint tracks.
+HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> hints);
+
 // What all of them left out, separated by semicolons.
-std::string lacks_of(const std::vector<std::unique_ptr<HintPackets>>& tracks);
+std::string lacks_of(const HintTracks& tracks);
 
 }  // namespace tool
 

@@ -81,7 +81,7 @@ std::string encoding_of(std::string_view rtpmap) {
 }  // namespace
 
 std::string describe_session(const std::string& name, const SessionAddress& address,
-                             const std::vector<std::unique_ptr<HintPackets>>& tracks) {
+                             const HintTracks& tracks) {
     const std::string id = std::to_string(address.id);
     std::string text = "v=0\r\no=- " + id + " " + id + " " + address.origin +
                        "\r\ns=" + printable(name) + "\r\nc=" + address.connection + "\r\nt=0 0\r\n";

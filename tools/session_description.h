@@ -22,7 +22,7 @@ struct SessionAddress {
 
 // The description of a session of that name in which the tracks go to the address.
 std::string describe_session(const std::string& name, const SessionAddress& address,
-                             const std::vector<std::unique_ptr<HintPackets>>& tracks);
+                             const HintTracks& tracks);
 
 // True when the text of the hint track describes its payload so that a receiver can decode it.
 bool is_described(const iso_track* hint);

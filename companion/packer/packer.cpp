@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 
@@ -47,7 +48,7 @@ template <typename Step>
 int guarded(Step step) {
     try {
         return step();
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {  // no memory, or more than a vector can hold
         return KST_PACK_NO_MEMORY;
     }
 }

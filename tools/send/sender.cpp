@@ -119,8 +119,8 @@ Pace::Clock::time_point Pace::admit(Clock::time_point now) {
     return at;
 }
 
-Sender::Sender(std::vector<std::unique_ptr<HintPackets>>& tracks, const UdpAddress& to,
-               uint16_t first_port, const Options& options)
+Sender::Sender(HintTracks& tracks, const UdpAddress& to, uint16_t first_port,
+               const Options& options)
     : hints_(tracks), options_(options), pace_(options.speed) {
     constexpr uint32_t kPortsOfTrack = 2;
     uint32_t port = first_port;

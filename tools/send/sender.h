@@ -84,8 +84,7 @@ class Sender {
     };
 
     // The tracks must outlive the sender. Throws Error where one has no port left.
-    Sender(std::vector<std::unique_ptr<HintPackets>>& tracks, const UdpAddress& to,
-           uint16_t first_port, const Options& options);
+    Sender(HintTracks& tracks, const UdpAddress& to, uint16_t first_port, const Options& options);
 
     // Returns when all was sent, or the signal that stopped it; 0 for none. Throws Error.
     int run();
@@ -105,7 +104,7 @@ class Sender {
     double position_now() const;
     void report(Leaving leaving);
 
-    std::vector<std::unique_ptr<HintPackets>>& hints_;
+    HintTracks& hints_;
     Options options_;
     std::random_device random_;
     std::string canonical_name_;
