@@ -550,9 +550,12 @@ TEST(BoxWalk, MediaInFrontOfTheMovieIsLoaded) {
     EXPECT_EQ(file->mem_seek(file->mem_cookie, -1, SEEK_SET), -1);
 
     // At most so many bytes. A longer body takes the place of a loaded one before it.
-    const Bytes largest = box("mdat", {zeros(iso_mdat_buffer_max)});
+    const Bytes largest = box("mdat", {Bytes(iso_mdat_buffer_max, 0x3C)});
     const Bytes longer = box("mdat", {zeros(iso_mdat_buffer_max + 1)});
-    EXPECT_NE(Opened(join({ftyp(), largest, movie({good})})).file->mdat_buffer, nullptr);
+    Opened loaded(join({ftyp(), largest, movie({good})}));
+    const uint8_t* body = loaded.file->mdat_buffer;
+    ASSERT_NE(body, nullptr);
+    EXPECT_EQ(std::count(body, body + iso_mdat_buffer_max, 0x3C), iso_mdat_buffer_max);
     Opened skipped(join({ftyp(), media, longer, movie({good})}));
     EXPECT_EQ(skipped.file->mdat_buffer, nullptr);
     EXPECT_EQ(skipped.file->mem_read, nullptr);
