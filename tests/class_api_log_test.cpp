@@ -29,14 +29,6 @@ const Playing kOnClass{.api = Api::kClass, .steps = {}};
 
 // --- frames of made hint samples ---
 
-Bytes le16(uint32_t value) {
-    return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
-}
-
-Bytes le32(uint32_t value) {
-    return join({le16(value & 0xFFFF), le16(value >> 16)});
-}
-
 Bytes speech_frame(uint32_t time, uint32_t sequence, uint32_t flag, const Bytes& payload) {
     return join({le32(static_cast<uint32_t>(24 + payload.size())), le32(10), le32(time), le32(time),
                  le16(sequence), le16(flag), le32(0), payload});
@@ -98,28 +90,6 @@ TEST(ClassFrames, TakeWhatFitsTheirBuffer) {
               join({speech_frame(0, 1, 0, Bytes(1544, 0xF0)), speech_frame(8, 2, 0, kSpeech)}));
 }
 
-// Of a read that succeeds without writing anything, zeros are taken: nothing that was read before
-// is parsed or delivered once more.
-TEST(ClassFrames, AReadThatWritesNothingRepeatsNothing) {
-    HintFile made;
-    made.media = join({Bytes(10, 0xA1), Bytes(10, 0xA2), Bytes(10, 0xA3)});
-    made.media_sizes = {10, 10, 10};
-    for (uint16_t i = 1; i <= 3; ++i)
-        made.add_hint(hint_sample(1, {packet_entry(96, i, 1), from_sample(2, 0, 10, i, 0)}));
-    const Bytes file = made.build();
-    for (const bool flag : {false, true}) {
-        for (int silent = 0; silent < 20; ++silent) {
-            FaultyHost host(file);
-            C3gpInterface player;
-            ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
-            host.silent = [from = host.calls, silent](int call) { return call == from + silent; };
-            const Bytes stream = read_through_failures(read_call(player, flag), 24).stream;
-            for (const int byte : {0xA1, 0xA2, 0xA3})
-                EXPECT_LE(std::count(stream.begin(), stream.end(), byte), 10) << silent;
-        }
-    }
-}
-
 TEST(ClassFrames, WriterGivesOutWhatItHas) {
     PropFileAudio writer(nullptr);
     const _TAG_AUDIO_OPEN_PARAMS params{1000, 50, 10, 8000, 12200};
@@ -155,14 +125,6 @@ TEST(ClassFrames, BitRateOfAModeSet) {
 }
 
 // --- header records ---
-
-template <class Record>
-Record record_at(const Bytes& stream, size_t offset) {
-    Record record{};
-    if (offset + sizeof record > stream.size()) throw std::runtime_error("short stream");
-    std::memcpy(&record, &stream[offset], sizeof record);
-    return record;
-}
 
 Bytes edit_list(const Bytes& edits) {
     return box("edts",
@@ -338,20 +300,6 @@ TEST(ClassOpen, LetsTheLastMediumCountAndStaysOpen) {
     EXPECT_EQ(player.Close(), KST_SUCCESS);
     EXPECT_EQ(player.Close(), KST_SUCCESS);
     EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-TEST(ClassOpen, RefusesTablesWithHoles) {
-    const Bytes file = read_sample("amrnb_hinted.3gp");
-    FaultyHost host(file);
-    C3gpInterface player;
-    EXPECT_EQ(player.Open(nullptr, "ar"), KST_BAD_ARGUMENT);
-    EXPECT_EQ(player.Open(host.callbacks(), nullptr), KST_BAD_MODE);
-    for (size_t slot = 1; slot < sizeof *host.callbacks() / sizeof(void*); ++slot) {
-        KST_IOSTREAM_CALLBACK_INTERFACE holed = *host.callbacks();
-        std::memset(reinterpret_cast<char*>(&holed) + slot * sizeof(void*), 0, sizeof(void*));
-        EXPECT_EQ(player.Open(&holed, "ar"), KST_BAD_ARGUMENT) << "slot " << slot;
-    }
-    EXPECT_EQ(host.calls, 0);
 }
 
 // Tables that end too early, or count nothing.

@@ -294,12 +294,6 @@ std::string landings_of(Seeking& seeking) {
     }
     return runs.str();
 }
-uint64_t digest_of(const std::string& text) {  // FNV-1a
-    uint64_t hash = 0xCBF29CE484222325;
-    for (const char c : text)
-        hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001B3;
-    return hash;
-}
 
 TEST(ClassApiSeek, LandsWhereItDidBefore) {
     std::vector<std::string> lines;
@@ -312,7 +306,7 @@ TEST(ClassApiSeek, LandsWhereItDidBefore) {
             std::ostringstream line;
             line << about.file << ' ' << about.mode << " form " << static_cast<int>(how) << ": "
                  << std::count(landings.begin(), landings.end(), '\n') << " landings, " << std::hex
-                 << digest_of(landings);
+                 << digest(landings.data(), landings.size());
             lines.push_back(line.str());
         }
     }

@@ -10,6 +10,7 @@
 #include "kestrel/hinter.h"
 #include "kestrel/log.h"
 #include "kestrel/packer.h"
+#include "tests/support/hint_file.h"
 #include "tests/support/playing.h"
 #include "tests/support/writing.h"
 
@@ -221,6 +222,30 @@ TEST_P(EveryHostCall, MaySayTheSameForEver) {
                 host.rewind();
                 player.open(host, medium.mode);
             }
+        }
+    }
+}
+
+// --- reads that write nothing ---
+
+// Of a read that succeeds without writing anything, zeros are taken: nothing that was read before
+// is parsed or delivered once more.
+TEST(SilentReads, RepeatNothing) {
+    HintFile made;
+    made.media = join({Bytes(10, 0xA1), Bytes(10, 0xA2), Bytes(10, 0xA3)});
+    made.media_sizes = {10, 10, 10};
+    for (uint16_t i = 1; i <= 3; ++i)
+        made.add_hint(hint_sample(1, {packet_entry(96, i, 1), from_sample(2, 0, 10, i, 0)}));
+    const Bytes file = made.build();
+    for (const bool flag : {false, true}) {
+        for (int silent = 0; silent < 20; ++silent) {
+            FaultyHost host(file);
+            C3gpInterface player;
+            ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+            host.silent = [from = host.calls, silent](int call) { return call == from + silent; };
+            const Bytes stream = read_through_failures(read_call(player, flag), 24).stream;
+            for (const int byte : {0xA1, 0xA2, 0xA3})
+                EXPECT_LE(std::count(stream.begin(), stream.end(), byte), 10) << silent;
         }
     }
 }

@@ -31,6 +31,7 @@ struct Packet {
     Bytes payload;
 };
 
+using kestrel::stream::Medium;
 using MakeTrack = iso_track* (*)(iso_file*);
 
 enum class Mode { kQueued, kSpooled, kDirect };
@@ -105,12 +106,11 @@ Bytes random_bytes(Random& random, size_t size) {
 
 // --- payloads back to the samples they were made from ---
 
-// Bytes of speech after the header byte of a frame (3GPP TS 26.101 and 26.201).
+// Bytes of speech after the header byte of a frame.
 size_t speech_bytes(int type, bool wide) {
-    static constexpr size_t kNarrow[] = {12, 13, 15, 17, 19, 20, 26, 31, 5};
-    static constexpr size_t kWide[] = {17, 23, 32, 36, 40, 46, 50, 58, 60, 5};
-    if (wide) return type < 10 ? kWide[type] : 0;
-    return type < 9 ? kNarrow[type] : 0;
+    return (band_of(wide ? Medium::kWideBandSpeech : Medium::kNarrowBandSpeech).frame_bits[type] +
+            7u) /
+           8;
 }
 
 Bytes speech_sample(Random& random, bool wide) {
@@ -183,8 +183,6 @@ struct Codec {
     uint32_t clock;
     kestrel::stream::Medium medium;
 };
-
-using kestrel::stream::Medium;
 
 const Codec kCodecs[] = {
     {"amr", amr_track, [](Random& random) { return speech_sample(random, false); }, 8000,

@@ -143,13 +143,6 @@ void expect_same_tracks(const Bytes& source, const Bytes& hinted) {
     }
 }
 
-std::vector<std::string> all_clips() {
-    std::vector<std::string> names = sample_names();
-    const std::vector<std::string> wild = wild_names();
-    names.insert(names.end(), wild.begin(), wild.end());
-    return names;
-}
-
 bool is_unsupported(const std::string& name) {
     return name.starts_with("aac");
 }
@@ -277,7 +270,7 @@ TEST_P(Clip, SeeksToTheSampleOfATime) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Hinter, Clip, testing::ValuesIn(all_clips()), [](const auto& about) {
+INSTANTIATE_TEST_SUITE_P(Hinter, Clip, testing::ValuesIn(all_names()), [](const auto& about) {
     std::string name = about.param;
     std::ranges::replace_if(
         name, [](char c) { return c == '.' || c == '/'; }, '_');

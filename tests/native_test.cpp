@@ -18,12 +18,6 @@ namespace {
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-Bytes le32(uint32_t value) {
-    Bytes out = be32(value);
-    std::reverse(out.begin(), out.end());
-    return out;
-}
-
 TEST(PacketHeaders, TelLayoutAndSequenceWrap) {
     TEL_RTP hdr{};
     hdr.size = 0;

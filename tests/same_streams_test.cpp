@@ -18,23 +18,18 @@
 
 namespace {
 
-// FNV-1a over the values given.
+// Of the values given.
 class Digest {
   public:
     void add(const Bytes& bytes) {
         add(static_cast<uint32_t>(bytes.size()));
-        for (const uint8_t byte : bytes)
-            add_byte(byte);
+        hash_ = digest(bytes.data(), bytes.size(), hash_);
     }
-    void add(uint32_t value) {
-        for (int shift = 0; shift < 32; shift += 8)
-            add_byte(static_cast<uint8_t>(value >> shift));
-    }
+    void add(uint32_t value) { hash_ = digest(le32(value).data(), 4, hash_); }
     uint64_t value() const { return hash_; }
 
   private:
-    void add_byte(uint8_t byte) { hash_ = (hash_ ^ byte) * 0x100000001B3; }
-    uint64_t hash_ = 0xCBF29CE484222325;
+    uint64_t hash_ = digest(nullptr, 0);
 };
 
 // What is compared of a medium, or of a row of clips together. A stream that is refused has no
@@ -224,14 +219,6 @@ TEST(SameStreams, OnEveryWordSize) {
     ASSERT_EQ(lines.size(), golden.size());
     for (size_t i = 0; i < lines.size(); ++i)
         EXPECT_EQ(lines[i], golden[i]);
-}
-
-template <typename Record>
-Record record_at(const Bytes& stream, size_t at) {
-    Record record{};
-    if (at + sizeof record <= stream.size())
-        std::memcpy(&record, stream.data() + at, sizeof record);
-    return record;
 }
 
 TEST(SameStreams, WholeFiguresComeOutWhole) {

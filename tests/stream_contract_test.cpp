@@ -202,6 +202,24 @@ TEST(StreamContract, WhatCallsReportWhenASlotDoesNotServe) {
     }
 }
 
+TEST(StreamContract, TablesWithHolesAreRefused) {
+    const Bytes file = read_sample("amrnb_hinted.3gp");
+    FaultyHost host(file);
+    mm_Interface* handle = nullptr;
+    C3gpInterface player;
+    EXPECT_EQ(player.Open(nullptr, "ar"), KST_BAD_ARGUMENT);
+    EXPECT_EQ(player.Open(host.callbacks(), nullptr), KST_BAD_MODE);
+    EXPECT_EQ(host.calls, 0);
+    for (size_t slot = 1; slot < sizeof *host.callbacks() / sizeof(void*); ++slot) {
+        KST_IOSTREAM_CALLBACK_INTERFACE holed = *host.callbacks();
+        std::memset(reinterpret_cast<char*>(&holed) + slot * sizeof(void*), 0, sizeof(void*));
+        host.rewind();
+        EXPECT_EQ(kst_Open(&handle, &holed, "ar"), KST_BAD_ARGUMENT) << "slot " << slot;
+        EXPECT_EQ(handle, nullptr);
+        EXPECT_EQ(player.Open(&holed, "ar"), KST_BAD_ARGUMENT) << "slot " << slot;
+    }
+}
+
 TEST(StreamContract, FirstVideoFrameThatIsMissingIsAFailureWithoutBytes) {
     const Bytes file = read_sample("h263_plain.3gp");
     FaultyHost host(file);

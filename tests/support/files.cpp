@@ -44,6 +44,13 @@ std::vector<std::string> wild_names() {
     return names;
 }
 
+std::vector<std::string> all_names() {
+    std::vector<std::string> names = sample_names();
+    for (const std::string& name : wild_names())
+        names.push_back(name);
+    return names;
+}
+
 std::vector<Bytes> h263_pictures(const Bytes& stream) {
     std::vector<Bytes> pictures;
     for (size_t i = 0; i < stream.size(); ++i) {
@@ -69,6 +76,20 @@ std::vector<std::string> golden_lines(const std::string& name,
     for (const std::string& line : now)
         out << line << '\n';
     return now;
+}
+
+uint64_t digest(const void* bytes, size_t size, uint64_t before) {
+    for (const auto* at = static_cast<const uint8_t*>(bytes); size-- > 0; ++at)
+        before = (before ^ *at) * 0x100000001B3;
+    return before;
+}
+
+Bytes le16(uint32_t value) {
+    return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
+}
+
+Bytes le32(uint32_t value) {
+    return join({le16(value), le16(value >> 16)});
 }
 
 Bytes be16(uint32_t value) {

@@ -4,6 +4,7 @@
 #define KESTREL_TESTS_FILES_H
 
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -17,8 +18,9 @@ Bytes read_sample(const std::string& name);
 // Names of the files in samples/ that begin with one of the prefixes; all for an empty list.
 std::vector<std::string> sample_names(std::initializer_list<const char*> prefixes = {});
 
-// Names of the files in samples/wild/, as read_sample() takes them.
+// Names of the files in samples/wild/, as read_sample() takes them; and all of both folders.
 std::vector<std::string> wild_names();
+std::vector<std::string> all_names();
 
 // The pictures of a raw H.263 stream; each begins with a picture start code.
 std::vector<Bytes> h263_pictures(const Bytes& stream);
@@ -27,7 +29,20 @@ std::vector<Bytes> h263_pictures(const Bytes& stream);
 // `now` there, after the comment at the head of the file, and returns it.
 std::vector<std::string> golden_lines(const std::string& name, const std::vector<std::string>& now);
 
-// Big-endian pieces of a file.
+// FNV-1a.
+uint64_t digest(const void* bytes, size_t size, uint64_t before = 0xCBF29CE484222325);
+
+// A record of native streams at a place; zeros past the end.
+template <typename Record>
+Record record_at(const Bytes& stream, size_t at) {
+    Record record{};
+    if (at + sizeof record <= stream.size()) std::memcpy(&record, &stream[at], sizeof record);
+    return record;
+}
+
+// Little-endian and big-endian pieces of a file.
+Bytes le16(uint32_t value);
+Bytes le32(uint32_t value);
 Bytes be16(uint32_t value);
 Bytes be32(uint32_t value);
 Bytes words(std::initializer_list<uint32_t> values);
