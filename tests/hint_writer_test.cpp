@@ -115,7 +115,7 @@ size_t speech_bytes(int type, bool wide) {
 
 Bytes speech_sample(Random& random, bool wide) {
     Bytes sample;
-    for (int frames = pick(random, 1, 10); frames > 0; --frames) {
+    for (int frames = pick(random, 1, 16); frames > 0; --frames) {
         const int types[] = {pick(random, 0, wide ? 9 : 8), 15};
         const int type = types[pick(random, 0, 9) == 0];
         sample.push_back(static_cast<uint8_t>(type << 3 | 4));

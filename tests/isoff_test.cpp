@@ -584,16 +584,6 @@ TEST(BoxWalk, OpenReportsBadModes) {
         EXPECT_EQ(isoFFselect(file, nullptr, 1), nullptr);
         EXPECT_EQ(isoFFclose(file), 0);
     }
-    iso_file* writing = isoFFopen(none, "w", &error);
-    ASSERT_NE(writing, nullptr);
-    EXPECT_STREQ(writing->major_brand, "3gp6");
-    EXPECT_STREQ(writing->compatible_brands, "3gp5 3gp4");
-    const iso_track* track = isoFFtrack(writing);
-    EXPECT_EQ(track->track_id, 1u);
-    EXPECT_EQ(track->matrix[0], 0x10000u);
-    EXPECT_EQ(writing->next_track_id, 2u);
-    EXPECT_EQ(writing->header_size, 194u + 325u);
-    isoFFclose(writing);
 }
 
 TEST(Arena, ServesSmallAndLargeAndCounts) {

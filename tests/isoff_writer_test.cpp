@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <iomanip>
 #include <random>
 #include <sstream>
 
@@ -274,6 +275,57 @@ TEST_P(RandomFiles, ComeBackEqual) {
 
 INSTANTIATE_TEST_SUITE_P(Modes, RandomFiles,
                          testing::Values(Mode::kQueued, Mode::kSpooled, Mode::kDirect));
+
+// --- every byte ---
+
+// A line for each box without children: where it is, and its bytes.
+void list_boxes(std::span<const uint8_t> bytes, const std::string& path,
+                std::vector<std::string>& lines) {
+    const std::string containers = "moov trak mdia minf stbl dinf udta hnti tref edts";
+    while (bytes.size() >= 8) {
+        const auto box = bytes.first(kestrel::load_be32(bytes.data()));
+        bytes = bytes.subspan(box.size());
+        const std::string type(box.begin() + 4, box.begin() + 8);
+        if (containers.find(type) != std::string::npos) {
+            list_boxes(box.subspan(8), path + type + '/', lines);
+            continue;
+        }
+        std::ostringstream line;
+        line << path << type << std::hex << std::setfill('0');
+        for (const uint8_t byte : box.subspan(8))
+            line << ' ' << std::setw(2) << int{byte};
+        lines.push_back(line.str());
+    }
+}
+
+// What a file of all codecs and values has been like.
+TEST(Writer, BoxesAreThoseRecorded) {
+    Output out;
+    out.file->creation_time = out.file->modification_time = 5;
+    out.file->sdp_text = text_in_arena(out.file, "v=0\r\n");
+    int delta = 100;
+    for (const auto make : {amr_track, amr_wb_track, h263_track, mpeg4_track, h264_track}) {
+        iso_track* media = make(out.file);
+        media->max_bitrate = 64000, media->avg_bitrate = 48000, media->buffer_size = 0x10203;
+        iso_track* hint = hint_track(media);
+        hint->has_ts_offset = hint->has_seq_offset = make == amr_track;
+        hint->rtp_ts_offset = 77, hint->rtp_seq_offset = 88;
+        for (int i = 1; i < 4; ++i) {
+            write(media, 10 * i, delta += 37 * i);
+            if (make != mpeg4_track) continue;
+            EXPECT_GT(isoFFwriteHint(hint, Bytes(2001).data(), 1000 * i - 999, delta, 0), 0);
+        }
+    }
+    iso_track* speech = out.file->first_track;
+    speech->own->edits = copy_to_arena<iso_elst_entry>(out.file, {{300, -1, 0x10000}});
+    speech->own->edit_count = 1;
+    speech->sync_samples = copy_to_arena<uint32_t>(out.file, {1, 3});
+    speech->sync_count = 2;
+    ASSERT_EQ(out.close(), 0);
+    std::vector<std::string> lines;
+    list_boxes(out.written(), "", lines);
+    EXPECT_EQ(lines, golden_lines("written_boxes.txt", lines));
+}
 
 // --- where things stand in the file ---
 
