@@ -152,8 +152,8 @@ class RunSlice(unittest.TestCase):
             (self.folder / name).write_bytes((SAMPLES / "h263_plain.3gp").read_bytes())
         (self.folder / "list").write_text("".join(f"./{name}\n" for name in self.names))
 
-    def start(self, task, *arguments):
-        env = {**os.environ, "PATH": f"{pathlib.Path(TOOL).parent}:{os.environ['PATH']}",
+    def start(self, task, *arguments, tool=pathlib.Path(TOOL).parent):
+        env = {**os.environ, "PATH": f"{tool}:{os.environ['PATH']}",
                "JOB_COMPLETION_INDEX": str(task), "TASKS": str(self.TASKS)}
         return subprocess.Popen([ROOT / "examples" / "at-scale" / "run-slice", *arguments],
                                 cwd=self.folder, env=env, stderr=subprocess.DEVNULL,
@@ -182,6 +182,19 @@ class RunSlice(unittest.TestCase):
         self.assertEqual([report.count("\n") for report in reports], [5, 5])
         self.assertEqual(self.start(self.TASKS, "check", "list", "check").wait(), 2)
         self.assertEqual(self.start(0, "check", "none", "check").wait(), 2)
+
+    def test_a_task_without_verdicts_could_not_run(self):
+        stand_in = self.folder / "bin" / "kestrel"
+        stand_in.parent.mkdir()
+        stand_in.touch(0o755)
+        for ends, options in [("kill -9 $$", []), ("exit 127", []),
+                              (f'exec "{TOOL}" "$@"', ["--nosuch"])]:
+            stand_in.write_text(f"#!/bin/sh\n{ends}\n")
+            for command in ("hint", "check"):
+                with self.subTest(command=command, ends=ends):
+                    task = self.start(0, command, "list", "out", *options, tool=stand_in.parent)
+                    self.assertEqual(task.wait(timeout=60), 2)
+                    self.assertEqual(list((self.folder / "out").rglob("*.*")), [])
 
 
 if __name__ == "__main__":
