@@ -93,8 +93,8 @@ void copy_pieces(State& state, const Pieces& pieces, size_t room) {
             from += length;
         }
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * pieces.bytes.size()));
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * pieces.lengths.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(pieces.bytes.size()));
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(pieces.lengths.size()));
 }
 
 // --- RTP packets ---

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench/long_files.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -74,7 +75,7 @@ std::vector<Sample> read_samples(iso_track* track) {
             isoFFread(track, buffer.data(), static_cast<int>(buffer.size()), &duration, nullptr);
         if (size < 0) return samples;
         samples.push_back({{buffer.begin(), buffer.begin() + size},
-                           static_cast<int>(duration * track->timescale + 0.5)});
+                           static_cast<int>(std::lround(duration * track->timescale))});
     }
 }
 

@@ -1,15 +1,19 @@
 # SPDX-License-Identifier: Apache-2.0
 """The command-line tool as a person meets it: commands, outputs, messages and exit codes."""
 
+import concurrent.futures
 import contextlib
+import fcntl
 import hashlib
 import itertools
 import json
 import os
 import pathlib
+import pty
 import random
 import re
 import resource
+import select
 import shlex
 import shutil
 import signal
@@ -344,6 +348,59 @@ class StandardStreams(ToolTest):
         result = self.run_with("<&- >&- 2>&-", "hint", sample("h263_plain"), "-o", out)
         self.assertEqual(result.returncode, 0)
         self.output("check", out)
+
+
+class ProgressLine(ToolTest):
+    """What takes longer than a moment shows on a terminal that it goes on."""
+
+    def see(self, command, *arguments, seconds=60):
+        """What comes on a terminal, in this time at most, while standard input arrives and standard
+        output is taken in small pieces."""
+        stream = command in ("pack", "inspect", "unpack")
+        data = self.stream if stream else pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        terminal, error_end = pty.openpty()
+        output, output_end = os.pipe()
+        fcntl.fcntl(output, fcntl.F_SETPIPE_SZ, 4096)
+        tool = subprocess.Popen([TOOL, command, *arguments], cwd=self.scratch,
+                                stdin=subprocess.PIPE, stdout=output_end, stderr=error_end)
+        os.close(error_end)
+        os.close(output_end)
+        pieces = [data[at:at + 50] for at in range(0, len(data) - 50, 50)]
+        end = time.monotonic() + seconds
+        shown = b""
+        while not shown and time.monotonic() < end and tool.poll() is None:
+            ready, _, _ = select.select([terminal, output], [], [], 0.02)
+            if terminal in ready:
+                shown = os.read(terminal, 1000)
+            elif output in ready:
+                os.read(output, 50)
+                time.sleep(0.02)
+            if pieces and "-" in arguments:
+                tool.stdin.write(pieces.pop(0))
+                tool.stdin.flush()
+        tool.kill()
+        tool.communicate()
+        os.close(terminal)
+        os.close(output)
+        return shown
+
+    def test_every_command_that_takes_its_time(self):
+        self.stream = self.extract("amrnb_plain", "ar")
+        file, here = sample("av_h263_amrnb_hinted"), Datagrams(2)
+        self.addCleanup(here.close)
+        to = f"127.0.0.1:{here.port}"
+        many = SAMPLES / "wild" / "fragmented_each_frame.3gp"
+        commands = [("info", "-"), ("boxes", "-"), ("packets", "-"), ("check", "-"),
+                    ("hint", "-", "-o", "a"), ("report", "-", "-o", "b"), ("pack", "-", "-o", "c"),
+                    ("inspect", "-"), ("unpack", "-", "-o", "d"), ("extract", "-", "ar", "-o", "e"),
+                    ("send", file, "--to", to), ("send", "-", "--to", to), ("packets", file, "--hex"),
+                    ("packets", file, "--json"), ("boxes", many), ("boxes", many, "--json")]
+        with concurrent.futures.ThreadPoolExecutor(len(commands)) as threads:
+            quiet = threads.submit(self.see, "boxes", many, "--quiet", seconds=2)
+            for command, shown in zip(commands, threads.map(lambda words: self.see(*words), commands)):
+                with self.subTest(command=command):
+                    self.assertRegex(shown, rb"^\r(\d.*|waiting for .*)\x1b\[K$")
+            self.assertEqual(quiet.result(), b"")
 
 
 class ForeignTexts(ToolTest):

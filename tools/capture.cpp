@@ -61,6 +61,7 @@ std::optional<uint64_t> write_capture(HintTracks& tracks, uint64_t limit, Output
         take_next(track);
     }
     PcapWriter writer(output);
+    Progress progress;
     uint64_t written = 0;
     for (; !heads.empty(); ++written) {
         const Head head = heads.top();
@@ -68,6 +69,7 @@ std::optional<uint64_t> write_capture(HintTracks& tracks, uint64_t limit, Output
         if (output.written() + PcapWriter::size_of(head.packet) > limit) return std::nullopt;
         writer.packet(head.packet, port_of(head.track), head.seconds);
         take_next(head.track);
+        progress.show_count(written, "packets");
     }
     return written;
 }

@@ -90,7 +90,8 @@ class ShownBox {
 // Prints the fields of a box after its type: a list by its length.
 class FieldLine final : public Qvox3gp::FieldVisitor {
   public:
-    FieldLine(FieldReading& reading, std::string_view type) : reading_(reading) {
+    FieldLine(FieldReading& reading, std::string_view type, Progress& progress)
+        : reading_(reading), progress_(progress) {
         reading_.begin_box(type);
     }
 
@@ -127,6 +128,7 @@ class FieldLine final : public Qvox3gp::FieldVisitor {
   private:
     // Prints the name of a field of the box itself; counts the entries of a list of it.
     bool take(std::string_view name) {
+        progress_.show_time();
         entries_ += depth_ == 1 ? 1 : 0;
         if (depth_ > 0) return false;
         std::printf(" %.*s=", static_cast<int>(name.size()), name.data());
@@ -134,17 +136,19 @@ class FieldLine final : public Qvox3gp::FieldVisitor {
     }
 
     FieldReading& reading_;
+    Progress& progress_;
     int depth_ = 0;
     size_t entries_ = 0;
 };
 
-void print_line(FieldReading& reading, const ShownBox& box, int depth) {
+void print_line(FieldReading& reading, Progress& progress, const ShownBox& box, int depth) {
     std::printf("%10lld %10u  %*s%s", static_cast<long long>(box.offset()), box.size(), 2 * depth,
                 "", printable(box.type()).c_str());
-    FieldLine fields(reading, box.type());
+    FieldLine fields(reading, box.type(), progress);
     box.visit_fields(fields);
     std::printf("\n");
-    box.visit_children([&](const ShownBox& child) { print_line(reading, child, depth + 1); });
+    box.visit_children(
+        [&](const ShownBox& child) { print_line(reading, progress, child, depth + 1); });
 }
 
 // --- JSON ---
@@ -255,10 +259,7 @@ void show_boxes(const Options& options, KST_IOSTREAM_CALLBACK_INTERFACE* stream,
 
 void boxes(const Options& options) {
     Host host = open_host(options.input);
-    int waited = KST_HOST_MORE;
-    while (waited == KST_HOST_MORE)
-        waited = kst_host_wait(host.get());
-    if (waited == KST_HOST_FAULT) throw input_error(options.input);
+    wait_for_all(host.get());
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host.get());
     Qvox3gp::Simple3gp file;
     std::string failure;
@@ -279,8 +280,9 @@ void boxes(const Options& options) {
     } else {
         std::printf("%10s %10s  box\n", "offset", "size");
         FieldReading reading;
+        Progress progress(Progress::Beside::kLines);
         show_boxes(options, callbacks, file,
-                   [&](const ShownBox& box) { print_line(reading, box, 0); });
+                   [&](const ShownBox& box) { print_line(reading, progress, box, 0); });
     }
     if (unread.empty()) return;
     finish_standard_output();

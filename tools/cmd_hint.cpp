@@ -29,13 +29,6 @@ struct Options {
     }
 };
 
-int show_progress(void* progress, uint64_t done, uint64_t all) {
-    constexpr uint64_t kMegabyte = 1000000;
-    static_cast<Progress*>(progress)->show_count(static_cast<size_t>(done / kMegabyte),
-                                                 static_cast<size_t>(all / kMegabyte), "MB done");
-    return 0;
-}
-
 [[noreturn]] void refuse(const Options& options, int result, const std::string& error) {
     switch (result) {
         case KST_HINT_NO_MEMORY:
@@ -61,7 +54,7 @@ void hint(const Options& options) {
     how.struct_size = sizeof how;
     how.flags = options.flags();
     how.max_packet = options.max_packet;
-    how.progress = show_progress;
+    how.progress = Progress::show_hinting;
     how.progress_context = &progress;
     kst_hint_report report = {};
     report.struct_size = sizeof report;

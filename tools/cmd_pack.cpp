@@ -56,8 +56,10 @@ kst_pack_stream describe(const kst_packer* packer, uint32_t stream) {
 
 void feed(kst_packer* packer, uint32_t stream, Input& input) {
     require(kst_packer_feed(packer, stream, nullptr, 0), input);
+    Progress progress;
     read_pieces(input.path, [&](auto piece) {
         input.bytes += piece.size();
+        progress.show_bytes(input.bytes, "read");
         require(kst_packer_feed(packer, stream, piece.data(), piece.size()), input);
     });
     const int medium = describe(packer, stream).medium;
@@ -122,10 +124,13 @@ void pack(const Options& options) {
     if (packer == nullptr) throw std::bad_alloc();
     for (uint32_t i = 0; i < inputs.size(); ++i)
         feed(packer.get(), i, inputs[i]);
+    Progress progress;
     OutputStream output(options.output, inputs[0].path);
+    output.show(progress);
     kst_pack_report report = {};
     report.struct_size = sizeof report;
     const int result = kst_packer_write(packer.get(), output.table(), &report);
+    progress.clear();
     output.rethrow_failure();  // what the system said of a write
     if (result != KST_PACK_DONE && result != KST_PACK_CUT) {
         refuse(options, inputs, result, report);

@@ -63,9 +63,13 @@ void print_packets(HintTracks& tracks, bool as_hex) {
     if (isatty(STDOUT_FILENO)) {
         std::printf("# track bytes marker type sequence timestamp%s\n", as_hex ? " packet" : "");
     }
+    Progress progress(Progress::Beside::kLines);
+    uint64_t count = 0;
     for (const auto& track : tracks) {
-        for (auto packet = track->next(); !packet.empty(); packet = track->next())
+        for (auto packet = track->next(); !packet.empty(); packet = track->next()) {
             print_packet(track->track()->track_id, packet, as_hex);
+            progress.show_count(++count, "packets");
+        }
     }
     finish_standard_output();
 }

@@ -52,10 +52,14 @@ Source hint_anew(const Source& from, const std::string& input) {
     kst_hint_options options{};
     options.struct_size = sizeof options;
     options.flags = KST_HINT_REPLACE | KST_HINT_DROP_OTHERS;
+    Progress progress;
+    options.progress = Progress::show_hinting;
+    options.progress_context = &progress;
     kst_hint_report report{};
     report.struct_size = sizeof report;
     kst_host_rewind(from.host.get());
     const int result = kst_hint(kst_host_callbacks(from.host.get()), to.table(), &options, &report);
+    progress.clear();
     if (result == KST_HINT_NO_MEMORY) throw std::bad_alloc();
     if (result == KST_HINT_DESTINATION_FAILED) throw file_error("temporary file", report.error);
     if (result != KST_HINT_DONE) throw file_error(input, report.error);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tools/json.h"
+#include "tools/support.h"
 
 namespace tool {
 
@@ -48,6 +49,7 @@ class JsonPrinter {
     void begin_line() const { std::printf("\n%*s", static_cast<int>(2 * levels_.size()), ""); }
 
     void begin_value(std::string_view name) {
+        progress_.show_count(++values_, "values");
         if (levels_.empty()) return;
         if (!levels_.back().empty) std::putchar(',');
         levels_.back().empty = false;
@@ -57,6 +59,8 @@ class JsonPrinter {
     }
 
     std::vector<Level> levels_;
+    Progress progress_{Progress::Beside::kLines};
+    uint64_t values_ = 0;
 };
 
 }  // namespace tool

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/native_file.h"
 
-#include <unistd.h>
-
 namespace tool {
 
 using kestrel::stream::Damage;
@@ -24,11 +22,10 @@ std::optional<Damage> damage_in(Step step) {
 WalkedFile walk_file(const std::string& path, kestrel::stream::RecordSink& sink) {
     WalkedFile walked;
     kestrel::stream::NativeWalk walk(sink);
-    std::optional<Progress> progress;
-    if (isatty(STDOUT_FILENO) == 0) progress.emplace();  // else records are shown there
+    Progress progress(Progress::Beside::kLines);
     read_pieces(path, [&](auto piece) {
-        if (progress) progress->show_bytes_read(walked.bytes);
         walked.bytes += piece.size();
+        progress.show_bytes(walked.bytes, "read");
         if (!walked.damage) walked.damage = damage_in([&] { walk.feed(piece); });
     });
     if (!walked.damage) walked.damage = damage_in([&] { walk.finish(); });

@@ -16,6 +16,7 @@ uint32_t OutputStream::written() const {
 void OutputStream::take(std::span<const uint8_t> bytes) {
     if (!output_) output_.emplace(path_, input_);
     output_->write(bytes);
+    if (progress_ != nullptr) progress_->show_bytes(written(), "written");
 }
 
 void OutputStream::rethrow_failure() const {

@@ -19,6 +19,9 @@ class OutputStream {
 
     KST_IOSTREAM_CALLBACK_INTERFACE* table() { return &table_; }
 
+    // Shows how much was written; `progress` must outlive the object.
+    void show(Progress& progress) { progress_ = &progress; }
+
     // Takes no more bytes.
     void refuse() { refuses_ = true; }
 
@@ -48,6 +51,7 @@ class OutputStream {
     std::string path_;
     std::string input_;
     std::optional<WholeOutput> output_;
+    Progress* progress_ = nullptr;
     bool refuses_ = false;
     std::exception_ptr failure_;
     KST_IOSTREAM_CALLBACK_INTERFACE table_;

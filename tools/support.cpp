@@ -65,6 +65,7 @@ void refuse_failed(const kst_host* host, const std::string& input) {
 }
 
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
+    Progress progress;
     for (;;) {
         const bool complete = kst_host_is_complete(host) != 0;
         mm_Interface* handle = nullptr;
@@ -73,12 +74,14 @@ Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
         // What is missing may be the part of the file that has not arrived.
         refuse_failed(host, "input");
         if (status != KST_FAILURE || complete) return nullptr;
-        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("input");
+        progress.announce("waiting for the movie box");
+        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("-");
     }
 }
 
 ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status) {
     auto object = std::make_unique<C3gpInterface>();
+    Progress progress;
     for (;;) {
         const bool complete = kst_host_is_complete(host) != 0;
         status = static_cast<int32_t>(object->Open(kst_host_callbacks(host), mode.c_str()));
@@ -86,15 +89,19 @@ ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status
         // What is missing may be the part of the file that has not arrived.
         refuse_failed(host, "input");
         if (status == KST_BAD_MODE || complete) return nullptr;
-        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("input");
+        progress.announce("waiting for the movie box");
+        if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("-");
     }
 }
 
 void wait_for_all(kst_host* host) {
+    Progress progress;
     int waited = KST_HOST_MORE;
-    while (waited == KST_HOST_MORE)
+    while (waited == KST_HOST_MORE) {
         waited = kst_host_wait(host);
-    if (waited == KST_HOST_FAULT) throw input_error("input");
+        progress.show_bytes(kst_host_bytes_available(host), "read");
+    }
+    if (waited == KST_HOST_FAULT) throw input_error("-");  // no other waits
 }
 
 IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
@@ -201,10 +208,6 @@ double megabytes(uint64_t bytes) {
     return static_cast<double>(bytes) / 1e6;
 }
 
-}  // namespace
-
-namespace {
-
 bool is_silent = false;
 
 }  // namespace
@@ -213,8 +216,11 @@ void Progress::silence() {
     is_silent = true;
 }
 
-Progress::Progress()
-    : on_terminal_(!is_silent && isatty(STDERR_FILENO) != 0), next_(Clock::now() + kFirstShown) {}
+Progress::Progress(Beside beside)
+    : on_terminal_(!is_silent && isatty(STDERR_FILENO) != 0 &&
+                   (beside == Beside::kNothing || isatty(STDOUT_FILENO) == 0)),
+      begun_(Clock::now()),
+      next_(begun_ + kFirstShown) {}
 
 Progress::~Progress() {
     clear();
@@ -231,6 +237,13 @@ bool Progress::is_due() {
     return shown_ = true;
 }
 
+void Progress::announce(const char* what) {
+    if (!on_terminal_) return;
+    shown_ = true;
+    std::fprintf(error_stream(), "\r%s\033[K", what);
+    std::fflush(error_stream());
+}
+
 void Progress::show(const kst_host* host, uint64_t written) {
     if (!is_due()) return;
     std::fprintf(error_stream(), "\r%.1f of %.1f MB read, %.1f MB written\033[K",
@@ -239,9 +252,15 @@ void Progress::show(const kst_host* host, uint64_t written) {
     std::fflush(error_stream());
 }
 
-void Progress::show_bytes_read(uint64_t bytes) {
+void Progress::show_bytes(uint64_t bytes, const char* what) {
     if (!is_due()) return;
-    std::fprintf(error_stream(), "\r%.1f MB read\033[K", megabytes(bytes));
+    std::fprintf(error_stream(), "\r%.1f MB %s\033[K", megabytes(bytes), what);
+    std::fflush(error_stream());
+}
+
+void Progress::show_count(uint64_t done, const char* what) {
+    if (!is_due()) return;
+    std::fprintf(error_stream(), "\r%llu %s\033[K", static_cast<unsigned long long>(done), what);
     std::fflush(error_stream());
 }
 
@@ -255,6 +274,20 @@ void Progress::show_seconds(double done, double of, const char* what) {
     if (!is_due()) return;
     std::fprintf(error_stream(), "\r%.1f of %.1f s %s\033[K", done, of, what);
     std::fflush(error_stream());
+}
+
+void Progress::show_time() {
+    if (!is_due()) return;
+    const std::chrono::duration<double> passed = Clock::now() - begun_;
+    std::fprintf(error_stream(), "\r%.1f s\033[K", passed.count());
+    std::fflush(error_stream());
+}
+
+int Progress::show_hinting(void* progress, uint64_t done, uint64_t all) {
+    constexpr uint64_t kMegabyte = 1000000;
+    static_cast<Progress*>(progress)->show_count(static_cast<size_t>(done / kMegabyte),
+                                                 static_cast<size_t>(all / kMegabyte), "MB done");
+    return 0;
 }
 
 std::string hex(std::span<const uint8_t> bytes) {

@@ -81,7 +81,7 @@ using ClassObject = std::unique_ptr<C3gpInterface>;
 // The same on the class API.
 ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status);
 
-// Waits until all of a file that is still arriving is there.
+// Waits until all of a file that is still arriving is there, and shows how much has come.
 void wait_for_all(kst_host* host);
 
 // Reads a file's boxes, all of it waited for. `callbacks` must outlive the record.
@@ -136,7 +136,11 @@ void read_pieces(const std::string& path,
 // A line on the terminal for work that takes longer than a moment; nothing anywhere else.
 class Progress {
   public:
-    Progress();
+    // What the command writes to standard output meanwhile. Lines show by themselves that it goes
+    // on, where standard output is a terminal as well.
+    enum class Beside { kNothing, kLines };
+
+    explicit Progress(Beside beside = Beside::kNothing);
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
     ~Progress();
@@ -145,11 +149,18 @@ class Progress {
     static void silence();
 
     void show(const kst_host* host, uint64_t written);
-    void show_bytes_read(uint64_t bytes);
+    void show_bytes(uint64_t bytes, const char* what);
+    void show_count(uint64_t done, const char* what);
     void show_count(size_t done, size_t of, const char* what);
     void show_seconds(double done, double of, const char* what);
+    void show_time();  // since this object was made
+    // Shows at once what is waited for.
+    void announce(const char* what);
     // Takes the line away, for something else to be printed.
     void clear();
+
+    // A kst_hint_progress; its context is an object of this class.
+    static int show_hinting(void* progress, uint64_t done, uint64_t all);
 
   private:
     bool is_due();
@@ -157,6 +168,7 @@ class Progress {
     using Clock = std::chrono::steady_clock;
     bool on_terminal_;
     bool shown_ = false;
+    Clock::time_point begun_;
     Clock::time_point next_;
 };
 

@@ -182,11 +182,16 @@ int poll_timeout(Clock::time_point deadline) {
 }
 
 ChildResult run_apart(const ChildLimits& limits, const ChildProcess::Work& work) {
+    constexpr auto kShownEvery = std::chrono::milliseconds(200);
     ChildProcess child(limits, work);
+    Progress progress;
     for (;;) {
         pollfd ready{child.descriptor(), POLLIN, 0};
-        const int count = poll(&ready, 1, poll_timeout(limits.deadline));
+        const auto moment = std::min(limits.deadline, Clock::now() + kShownEvery);
+        const int count = poll(&ready, 1, poll_timeout(moment));
+        progress.show_time();
         if (count < 0 && errno == EINTR) continue;
+        if (count == 0 && Clock::now() < limits.deadline) continue;
         if (count <= 0 || !child.take()) return child.finish();
     }
 }

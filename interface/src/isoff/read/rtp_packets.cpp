@@ -40,7 +40,7 @@ PacketEntry parse_entry(const uint8_t* raw) {
 // A copy of few bytes, most often a speech frame, in blocks that overlap at the end.
 inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
     constexpr uint32_t kBlock = 16;
-    if (count < kBlock) {
+    if (count < kBlock) [[unlikely]] {
         for (uint32_t i = 0; i < count; ++i)
             to[i] = from[i];
         return;
@@ -56,7 +56,7 @@ inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
 // Duration of the hint sample at the cursor in units of the RTP clock.
 inline double rtp_units(iso_track* track) {
     RtpStep& step = track->own->index->rtp_step;
-    if (step.entry != track->stts_index || step.rate != track->rtp_timescale) {
+    if (step.entry != track->stts_index || step.rate != track->rtp_timescale) [[unlikely]] {
         const double duration = seconds(duration_at_cursor(track), track->timescale);
         step = {track->stts_index, track->rtp_timescale, track->rtp_timescale * duration};
     }
@@ -144,7 +144,8 @@ inline void PacketReader::count_steps(uint32_t steps) {
 
 // Takes `count` more bytes into the packet, if there is room for them.
 inline bool PacketReader::extend(uint32_t count) {
-    if (count > room_) return false;
+    if (count > room_) [[unlikely]]
+        return false;
     to_ += count;
     room_ -= count;
     return true;
@@ -153,7 +154,8 @@ inline bool PacketReader::extend(uint32_t count) {
 // A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
 // left to differ from, only a call of isoFFsetPosition counts.
 inline void PacketReader::resynchronise() {
-    if (hint_.sample == track_->cur_sample && track_->own->positioned == 0) return;
+    if (hint_.sample == track_->cur_sample && track_->own->positioned == 0) [[likely]]
+        return;
     const bool moved = at_end() ? track_->own->positioned != 0 : hint_.sample != track_->cur_sample;
     track_->own->positioned = 0;
     if (!moved) return;
@@ -186,7 +188,7 @@ inline int PacketReader::take_own(uint32_t count) {
 
 inline void PacketReader::begin_packets(uint32_t packets) {
     hint_.packets_left = static_cast<int32_t>(packets);
-    if (is_begun_) {
+    if (is_begun_) [[unlikely]] {
         is_begun_ = false;  // its time and duration are counted already
         return;
     }
@@ -201,8 +203,10 @@ inline void PacketReader::begin_packets(uint32_t packets) {
 // damage, since a few bytes of tables can declare billions.
 inline int PacketReader::open_sample() {
     constexpr int kMaxEmptySamples = 65536;
-    if (at_end()) return kAtEnd;
-    if (is_overworked()) return -1;
+    if (at_end()) [[unlikely]]
+        return kAtEnd;
+    if (is_overworked()) [[unlikely]]
+        return -1;
     if (hint_.packets_left != 0) return 0;
     // isoFFfindHintTrack has the sample begun again that the cursor is inside.
     const uint64_t begun_at = offset_;
@@ -219,7 +223,7 @@ inline int PacketReader::open_sample() {
             return result;
         }
         const uint16_t packets = load_be16(own_);
-        if (packets != 0) {
+        if (packets != 0) [[likely]] {
             begin_packets(packets);
             return 0;
         }
@@ -241,7 +245,7 @@ inline int PacketReader::write_header(const PacketEntry& entry) {
     uint8_t* header = to_;
     if (header == nullptr || !extend(kRtpHeaderSize)) return -1;
     track_->last_payload_type = entry.payload_type();
-    if (track_->seq_rebase == kRebaseNext) {
+    if (track_->seq_rebase == kRebaseNext) [[unlikely]] {
         track_->rtp_seq_offset -= entry.sequence();
         track_->seq_rebase = kRebased;
     }
@@ -273,7 +277,7 @@ inline int PacketReader::copy_immediate() {
     uint8_t* to = to_;
     if (!extend(count)) return -1;
     // All that the constructor has, where there is room: what is too much is written over.
-    if (room >= kMaxImmediate) {
+    if (room >= kMaxImmediate) [[likely]] {
         std::memcpy(to, own_ + 2, kMaxImmediate);
     } else {
         std::memcpy(to, own_ + 2, count);
@@ -290,7 +294,8 @@ inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     if (source->own->index == nullptr || from.length == 0) return nullptr;
     const uint32_t size = sample_size_of(source, static_cast<int32_t>(sample));
     if (from.length > size || from.sample_offset > size - from.length) return nullptr;
-    if (!is_small_piece(size, from.length)) return nullptr;
+    if (!is_small_piece(size, from.length)) [[unlikely]]
+        return nullptr;
     move_cursor(source, static_cast<int32_t>(sample));
     const uint8_t* bytes =
         from_window(source, uint64_t{source->cur_offset} + from.sample_offset, from.length);
@@ -299,8 +304,8 @@ inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
 }
 
 // The long way, for what was not read ahead. 0, or the code that ends the call.
-[[gnu::noinline]] int copy_from_stream(iso_track* source, const SampleConstructor& from,
-                                       uint8_t* to) {
+[[gnu::noinline]] int copy_from_stream(iso_track* source, const uint8_t* constructor, uint8_t* to) {
+    const SampleConstructor from = load_sample_constructor(constructor);
     if (from.sample_number > INT32_MAX) return -1;
     const auto offset = static_cast<int>(std::min(from.sample_offset, uint32_t{INT32_MAX}));
     const int got = isoFFreadAt(source, static_cast<int>(from.sample_number) - 1, offset, to,
@@ -315,14 +320,14 @@ inline int PacketReader::copy_sample() {
     uint8_t* to = to_;
     if (!extend(from.length)) return -1;
     int result = 0;
-    if (source == track_) {
+    if (source == track_) [[unlikely]] {
         whole_size_ = 0;  // its cursor and what was read ahead will move
         strayed_ = true;
-        result = copy_from_stream(source, from, to);
+        result = copy_from_stream(source, own_, to);
     } else if (const uint8_t* bytes = bytes_ahead(source, from); bytes != nullptr) [[likely]] {
         copy_small(to, bytes, from.length);
     } else {
-        result = copy_from_stream(source, from, to);
+        result = copy_from_stream(source, own_, to);
     }
     copied_from_ = source;
     copied_offset_ = from.sample_offset;
@@ -354,7 +359,8 @@ inline void PacketReader::note_read_position() {
 
 inline int PacketReader::build_packet() {
     // A later packet of the sample, or its header had to be read by itself.
-    if (whole_size_ == 0) view_sample();
+    if (whole_size_ == 0) [[unlikely]]
+        view_sample();
     int result = take_own(kPacketEntrySize);
     if (result != 0) return result;
     const PacketEntry entry = parse_entry(own_);
@@ -365,7 +371,8 @@ inline int PacketReader::build_packet() {
     if (result != 0) return result;
     for (uint32_t left = entry.constructors(); left > 0; --left) {
         result = run_constructor();
-        if (result != 0) return result;
+        if (result != 0) [[unlikely]]
+            return result;
     }
     return 0;
 }
@@ -378,7 +385,8 @@ inline int PacketReader::read_packet() {
     }
     // A constructor that copied from another of the hint track's own samples moved its cursor;
     // were it left there, the next call would take that for a seek and could run in a circle.
-    if (strayed_) move_cursor(track_, hint_.sample);
+    if (strayed_) [[unlikely]]
+        move_cursor(track_, hint_.sample);
     if (result != 0) return result;
     if (--hint_.packets_left == 0) next_sample();
     return 0;
@@ -446,7 +454,7 @@ int isoFFrtpPacket(iso_track* hint, void* buffer) {
     PacketReader reader(hint, buffer, scratch);
     reader.resynchronise();
     int result = reader.open_sample();
-    if (result == PacketReader::kAtEnd) {
+    if (result == PacketReader::kAtEnd) [[unlikely]] {
         reader.leave();
         log_line(kDebug, {kIsoffSource, kEndOfTrackLine},
                  "isoFFrtpPacket() EOF:  hint->sample=%04d > tp->sample_count=%04d",
