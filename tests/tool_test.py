@@ -409,11 +409,16 @@ class ForeignTexts(ToolTest):
 
     EVIL = [b"\x1b[2J", b"\xc2\x9b1m", b"\r\n\x9b\x7f", b"\xe2\x80\xae<"]
     NAME = "\x1b]0;x\x07\u202e\u009b\udc9b\n.3gp"
+    ESCAPED = b"\\x1b]0;x\\x07\\xe2\\x80\\xae\\xc2\\x9b\\x9b\\x0a.3gp"
     COMMANDS = [("info",), ("info", "--json"), ("boxes",), ("boxes", "--json"), ("packets",),
-                ("packets", "--track", "9"), ("packets", "--json"), ("boxes", "--path", "moov"),
-                ("check",), ("check", "--json"), ("check", "--quick"), ("hint", "-o", "out"),
-                ("report", "-o", "page"), ("extract", "ar", "--verbose", "-o", "out"),
-                ("extract", "vr", "--api", "class", "-o", "out"), ("inspect",), ("unpack", "-o", "out")]
+                ("packets", "--track", "9"), ("packets", "--json"), ("packets", "--pcap", "pcap"),
+                ("boxes", "--path", "moov"), ("boxes", "--path", "\x1b[2J"), ("check",),
+                ("check", "--json"), ("check", "--quick"), ("hint", "-o", "out"),
+                ("hint", "--replace", "-o", "out"), ("report", "-o", "page"),
+                ("extract", "ar", "--verbose", "-o", "out"), ("extract", "vr", "--unpack", "-o", "out"),
+                ("extract", "vr", "--track", "1", "-o", "out"),
+                ("extract", "vr", "--api", "class", "-o", "out"), ("inspect",), ("unpack", "-o", "out"),
+                ("pack", "-o", "out")]
 
     def assert_harmless(self, *arguments):
         result = subprocess.run([TOOL, *arguments], cwd=self.scratch, capture_output=True,
@@ -433,8 +438,31 @@ class ForeignTexts(ToolTest):
             for command, *options in self.COMMANDS:
                 with self.subTest(field=field, command=command):
                     self.assert_harmless(command, os.fsencode(self.NAME), *options)
-        self.assertIn(b"\\x1b]0;x\\x07\\xe2\\x80\\xae\\xc2\\x9b\\x9b\\x0a.3gp",
-                      self.assert_harmless("check", os.fsencode(self.NAME)).stdout)
+        self.assertIn(self.ESCAPED, self.assert_harmless("check", os.fsencode(self.NAME)).stdout)
+
+    def test_sent_files(self):
+        here = Datagrams(2)
+        self.addCleanup(here.close)
+        to = f"127.0.0.1:{here.port}"
+        data = pathlib.Path(sample("av_h263_amrnb_hinted")).read_bytes()
+        for field, evil in zip([b"m=vi", b"samr", b"tims"], self.EVIL):
+            (self.scratch / self.NAME).write_bytes(data.replace(field, evil))
+            self.assert_harmless("send", os.fsencode(self.NAME), "--to", to, "--speed", "1000")
+
+    def test_errors(self):
+        """Of files that are not there, and of outputs in folders that are not."""
+        for command, *options in [*self.COMMANDS, ("send", "--to", "127.0.0.1:2")]:
+            with self.subTest(command=command, options=options):
+                failed = self.assert_harmless(command, os.fsencode(self.NAME), *options)
+                self.assertNotEqual(failed.returncode, 0)
+                if (command, options) != ("check", ["--json"]):
+                    self.assertIn(self.ESCAPED, failed.stdout + failed.stderr)
+        (self.scratch / "stream").write_bytes(self.extract("amrnb_plain", "ar"))
+        out = os.fsencode(f"{self.NAME}/out")
+        for command, *options in [("hint",), ("report",), ("extract", "ar"), ("unpack",), ("pack",)]:
+            file = "stream" if command in ("unpack", "pack") else sample("amrnb_plain")
+            failed = self.assert_harmless(command, file, *options, "-o", out)
+            self.assertIn(self.ESCAPED + b"/out: No such file", failed.stderr)
 
     def test_native_streams(self):
         stream = self.extract("h263_hinted", "vr")
@@ -442,7 +470,8 @@ class ForeignTexts(ToolTest):
         for field in [b"VIDEO", b"s263+"]:
             for evil in self.EVIL:
                 path.write_bytes(stream.replace(field, evil.ljust(5, b"\0"), 1))
-                for options in [("inspect",), ("inspect", "--json"), ("unpack", "-o", "out")]:
+                for options in [("inspect",), ("inspect", "--json"), ("unpack", "-o", "out"),
+                                ("pack", "-o", "out", "--hint")]:
                     self.assert_harmless(options[0], os.fsencode(self.NAME), *options[1:])
 
 
