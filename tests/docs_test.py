@@ -7,11 +7,12 @@ import os
 import pathlib
 import re
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
 import unittest
+
+from support.tool import Datagrams
 
 TOOL = pathlib.Path(os.environ["KESTREL_TOOL"])
 MAN = pathlib.Path(os.environ["KESTREL_MAN"])
@@ -48,22 +49,14 @@ def complete(*words):
     return sorted(result.stdout.split())
 
 
-@contextlib.contextmanager
-def listeners(first, count):
-    """Somebody listens to the ports, for a command that sends to them."""
-    with contextlib.ExitStack() as stack:
-        for port in range(first, first + count):
-            one = stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
-            with contextlib.suppress(OSError):  # somebody else does
-                one.bind(("127.0.0.1", port))
-        yield
-
-
 def run_in(folder, line):
-    """Runs a command line as it is written, with the tool on the path."""
+    """Runs a command line as it is written, with the tool on the path. What it sends goes to ports
+    that are free and that somebody listens on."""
     path = f"{TOOL.parent}:{os.environ['PATH']}"
-    subprocess.run(["bash", "-euo", "pipefail", "-c", line], cwd=folder, check=True,
-                   capture_output=True, env={**os.environ, "PATH": path})
+    with contextlib.closing(Datagrams(2)) as here:
+        subprocess.run(["bash", "-euo", "pipefail", "-c", line.replace(":5004", f":{here.port}")],
+                       cwd=folder, check=True, capture_output=True,
+                       env={**os.environ, "PATH": path})
 
 
 class Layers(unittest.TestCase):
@@ -144,7 +137,7 @@ class ManPages(unittest.TestCase):
                 upload = (SAMPLES / "wild" / "fragmented.3gp").read_bytes()
                 pathlib.Path(scratch, "upload.mp4").write_bytes(upload[:len(upload) * 2 // 3])
                 for line in lines:
-                    with self.subTest(page=source.name, line=line), listeners(5004, 4):
+                    with self.subTest(page=source.name, line=line):
                         run_in(scratch, line)
 
 
@@ -167,8 +160,7 @@ class Readme(unittest.TestCase):
         with tempfile.TemporaryDirectory() as scratch:
             (pathlib.Path(scratch) / "samples").symlink_to(SAMPLES)
             for line in lines:
-                with listeners(5004, 4):
-                    run_in(scratch, line)
+                run_in(scratch, line)
 
     def test_shows_what_a_command_prints(self):
         text = (ROOT / "README.md").read_text()

@@ -10,7 +10,6 @@ import json
 import os
 import pathlib
 import pty
-import random
 import re
 import resource
 import select
@@ -24,7 +23,7 @@ import time
 import unittest
 
 from support.tool import (IS_SANITIZED, MEDIA, NOBODY, ON_CLASS_API, PLAIN, SAMPLES, TOOL, VIDEO,
-                          ToolTest, box, boxes, load, rebuilt, run, sample, true_packets)
+                          Datagrams, ToolTest, box, boxes, load, rebuilt, run, sample, true_packets)
 
 needs_ffmpeg = unittest.skipUnless(shutil.which("ffprobe"), "ffmpeg is not installed")
 WILD = SAMPLES / "wild"
@@ -799,37 +798,6 @@ class Pack(ToolTest):
                           "cut.native: damaged from byte 663 on: the stream ends inside a speech "
                           "frame: 32 bytes wanted, 5 left; packed 10 samples before it, left out")
         self.assertEqual(self.output("extract", out, "ar")[68:], stream[68:whole])
-
-
-class Datagrams:
-    """Receives what comes to ports of this machine, from an even one on."""
-
-    def __init__(self, tracks):
-        while True:
-            self.port = random.randrange(10000, 30000) * 2
-            self.sockets = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-                            for _ in range(2 * tracks)]
-            try:
-                for number, one in enumerate(self.sockets):
-                    one.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 21)
-                    one.bind(("127.0.0.1", self.port + number))
-                    one.settimeout(10)
-                return
-            except OSError:
-                self.close()
-
-    def close(self):
-        for one in self.sockets:
-            one.close()
-
-    def take(self, number):
-        """All that has come to a port."""
-        taken = []
-        self.sockets[number].setblocking(False)
-        with contextlib.suppress(BlockingIOError):
-            while True:
-                taken.append(self.sockets[number].recv(1 << 16))
-        return taken
 
 
 class Send(ToolTest):

@@ -1,9 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the tests of the command-line tool share: running it, the samples, and the boxes of a file."""
 
+import contextlib
 import os
 import pathlib
+import random
 import re
+import socket
 import struct
 import subprocess
 import tempfile
@@ -104,6 +107,37 @@ def pictures(stream, name):
         units = [stream[a:b] for a, b in zip(starts, starts[1:])]
         return [unit for unit in units if unit[3] != 0xB0]
     return stream
+
+
+class Datagrams:
+    """Receives what comes to ports of this machine, from an even one on."""
+
+    def __init__(self, tracks):
+        while True:
+            self.port = random.randrange(10000, 30000) * 2
+            self.sockets = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+                            for _ in range(2 * tracks)]
+            try:
+                for number, one in enumerate(self.sockets):
+                    one.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 21)
+                    one.bind(("127.0.0.1", self.port + number))
+                    one.settimeout(10)
+                return
+            except OSError:
+                self.close()
+
+    def close(self):
+        for one in self.sockets:
+            one.close()
+
+    def take(self, number):
+        """All that has come to a port."""
+        taken = []
+        self.sockets[number].setblocking(False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                taken.append(self.sockets[number].recv(1 << 16))
+        return taken
 
 
 class ToolTest(unittest.TestCase):
