@@ -12,8 +12,6 @@
 namespace tool {
 namespace {
 
-using std::string_view_literals::operator""sv;
-
 constexpr int kFirstDynamicType = 96;  // of payload types
 
 // What a media line declares: "m=video 5004 RTP/AVP 96".
@@ -57,7 +55,8 @@ std::string describe_media(const HintPackets& track, uint16_t port) {
         if (describes_payload(line)) attributes += printable(line) + "\r\n";
     }
     if (!media) {
-        const bool audio = track.media() != nullptr && track.media()->handler == "soun"sv;
+        const bool audio =
+            track.media() != nullptr && std::string_view(track.media()->handler) == "soun";
         media = {audio ? "m=audio" : "m=video", "RTP/AVP", {kFirstDynamicType}};
         attributes.clear();
     }
