@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Byte order and bounded reading. Everything in a 3GP file and in an RTP header is big-endian.
+// Big-endian numbers in memory: all of a 3GP file and of an RTP header is big-endian.
 #ifndef KESTREL_COMMON_BYTES_H
 #define KESTREL_COMMON_BYTES_H
 
@@ -26,7 +26,11 @@ constexpr uint32_t load_be32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) << 24 | load_be24(p + 1);
 }
 
-// As many bytes as a register holds, in one load.
+constexpr uint64_t load_be64(const uint8_t* p) {
+    return static_cast<uint64_t>(load_be32(p)) << 32 | load_be32(p + 4);
+}
+
+// Loads as many bytes as a register holds.
 inline size_t load_be_word(const uint8_t* p) {
     size_t word = 0;
     std::memcpy(&word, p, sizeof word);
@@ -43,14 +47,15 @@ inline void store_be16(uint8_t* p, uint16_t value) {
     p[1] = static_cast<uint8_t>(value);
 }
 
-// One store: compilers make less of four that stand next to others.
+// Stores four bytes at once, which compilers do not make of four single stores.
 inline void store_be32(uint8_t* p, uint32_t value) {
     if constexpr (std::endian::native == std::endian::little) value = __builtin_bswap32(value);
     std::memcpy(p, &value, sizeof value);
 }
 
-// Appends the low `width` bytes of a value, at most 8. Not inlined: g++ 12 warns falsely of vectors
-// that it knows to be empty.
+// Appends the low `width` bytes of a value, at most 8, to a vector that grows. ByteWriter
+// (byte_writer.h) writes into memory of a fixed size. Not inlined, because g++ 12 warns falsely for
+// vectors that it knows to be empty.
 [[gnu::noinline]] inline void append_be(std::vector<uint8_t>& to, uint64_t value, unsigned width) {
     std::array<uint8_t, 8> raw;
     store_be32(raw.data(), static_cast<uint32_t>(value >> 32));
@@ -64,67 +69,18 @@ inline void append(std::vector<uint8_t>& to, std::span<const uint8_t> bytes) {
 
 // The big-endian value of a four-character code, for comparing types.
 constexpr uint32_t fourcc(std::string_view code) {
-    return static_cast<uint32_t>(static_cast<uint8_t>(code[0])) << 24 |
-           static_cast<uint32_t>(static_cast<uint8_t>(code[1])) << 16 |
-           static_cast<uint32_t>(static_cast<uint8_t>(code[2])) << 8 |
-           static_cast<uint32_t>(static_cast<uint8_t>(code[3]));
+    uint32_t value = 0;
+    for (const char character : code.substr(0, 4))
+        value = value << 8 | static_cast<uint8_t>(character);
+    return value;
 }
 
-// A four-character code as a NUL-terminated text, the way the records keep it.
-inline void store_code(char (&out)[5], uint32_t code) {
-    uint8_t raw[4];
-    store_be32(raw, code);
-    std::memcpy(out, raw, 4);
-    out[4] = '\0';
+// The four characters of a code.
+inline std::array<char, 4> code_text(uint32_t code) {
+    std::array<uint8_t, 4> raw;
+    store_be32(raw.data(), code);
+    return std::bit_cast<std::array<char, 4>>(raw);
 }
-
-// A read-only run of bytes with a position. A read that the bytes do not cover yields zeros,
-// leaves the position at the end and makes ok() false for good, so a parse is a straight column
-// of reads with one test after it.
-class ByteReader {
-  public:
-    ByteReader() = default;
-    explicit ByteReader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
-
-    bool ok() const { return ok_; }
-    size_t position() const { return position_; }
-    size_t remaining() const { return bytes_.size() - position_; }
-
-    std::span<const uint8_t> take(size_t count) {
-        if (count > remaining()) {
-            ok_ = false;
-            position_ = bytes_.size();
-            return {};
-        }
-        auto taken = bytes_.subspan(position_, count);
-        position_ += count;
-        return taken;
-    }
-
-    void skip(size_t count) { take(count); }
-
-    uint8_t u8() {
-        auto raw = take(1);
-        return raw.empty() ? uint8_t{0} : raw[0];
-    }
-    uint16_t be16() {
-        auto raw = take(2);
-        return raw.empty() ? uint16_t{0} : load_be16(raw.data());
-    }
-    uint32_t be24() {
-        auto raw = take(3);
-        return raw.empty() ? 0 : load_be24(raw.data());
-    }
-    uint32_t be32() {
-        auto raw = take(4);
-        return raw.empty() ? 0 : load_be32(raw.data());
-    }
-
-  private:
-    std::span<const uint8_t> bytes_;
-    size_t position_ = 0;
-    bool ok_ = true;
-};
 
 }  // namespace kestrel
 

@@ -2,9 +2,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "common/bytes.h"
 #include "kestrel/native.h"
 #include "kestrel/native_records.h"
+#include "native/codec/rtp_header.h"
 
 // The headers of single packets, in both formats and from RTP.
 
@@ -12,27 +12,20 @@ using namespace kestrel;
 
 namespace {
 
-constexpr uint32_t kVersion2 = 0x80000000;
 constexpr int kMarkerShift = 23;
 constexpr int kTypeShift = 16;
 constexpr uint32_t kLastSequence = 65535;
 constexpr uint32_t kNoPrevious = 0xFFFFFFFE;
 constexpr uint8_t kMarkerBit = 0x80;
-constexpr uint8_t kTypeMask = 0x7F;
 
-// Where the fields of the big-endian `orb` header lie.
+// Offsets in the `orb` header, which is big-endian.
 struct OrbLayout {
     static constexpr int kReserved = 0, kSize = 2, kMagic = 4, kMarkerAndType = 5, kSequence = 6,
                          kTime = 8;
 };
 
-// Where RTP (RFC 3550, 5.1) has what the `orb` header takes over.
-struct RtpLayout {
-    static constexpr int kMarkerAndType = 1, kSequence = 2, kTime = 4;
-};
-
 uint32_t rtp_word(uint32_t marker, uint32_t type, uint32_t seq) {
-    return kVersion2 | marker << kMarkerShift | type << kTypeShift | seq;
+    return kRtpVersion2 | marker << kMarkerShift | type << kTypeShift | seq;
 }
 
 void put_tel(void* out, uint32_t payload, uint32_t time, uint32_t word) {
@@ -43,7 +36,7 @@ void put_tel(void* out, uint32_t payload, uint32_t time, uint32_t word) {
 }  // namespace
 
 int tel_put_header(void* out, TEL_RTP* hdr, int payload_type) {
-    // Nothing is masked: the type must be below 128 and the marker 0 or 1.
+    // Requires a type below 128 and a marker of 0 or 1; neither is masked.
     put_tel(out, hdr->size, hdr->time,
             rtp_word(hdr->marker, static_cast<uint32_t>(payload_type), hdr->seq));
     hdr->seq = hdr->seq >= kLastSequence ? 0 : hdr->seq + 1;
@@ -53,7 +46,7 @@ int tel_put_header(void* out, TEL_RTP* hdr, int payload_type) {
 void tel_put_header_orb2tel(const unsigned char* orb_hdr, void* out, int payload_type) {
     const uint32_t marker = orb_hdr[OrbLayout::kMarkerAndType] >> 7;
     put_tel(out, load_be16(orb_hdr + OrbLayout::kSize), load_be32(orb_hdr + OrbLayout::kTime),
-            rtp_word(marker, static_cast<uint32_t>(payload_type) & kTypeMask,
+            rtp_word(marker, static_cast<uint32_t>(payload_type) & kRtpPayloadType,
                      load_be16(orb_hdr + OrbLayout::kSequence)));
 }
 
@@ -64,10 +57,10 @@ int orb_put_header(void* out, ORB_RTP* hdr) {
     store_be16(raw + OrbLayout::kSize, static_cast<uint16_t>(hdr->size));
     raw[OrbLayout::kMagic] = native_magic;
     raw[OrbLayout::kMarkerAndType] =
-        static_cast<uint8_t>(hdr->marker << 7 | (hdr->type & kTypeMask));
+        static_cast<uint8_t>(hdr->marker << 7 | (hdr->type & kRtpPayloadType));
     store_be16(raw + OrbLayout::kSequence, static_cast<uint16_t>(hdr->seq));
     store_be32(raw + OrbLayout::kTime, hdr->time);
-    // Of a number that is out of range already, only what the stream carries wraps.
+    // A number that is out of range stays so; only the 16 bits in the stream wrap.
     hdr->seq = hdr->seq == kLastSequence ? 0 : hdr->seq + 1;
     return orb_header_size;
 }
@@ -80,7 +73,7 @@ int orb_get_header(mfileio* f, ORB_RTP* hdr) {
     hdr->size = load_be16(raw + OrbLayout::kSize);
     hdr->magic = raw[OrbLayout::kMagic];
     hdr->marker = raw[OrbLayout::kMarkerAndType] >> 7;
-    hdr->type = raw[OrbLayout::kMarkerAndType] & kTypeMask;
+    hdr->type = raw[OrbLayout::kMarkerAndType] & kRtpPayloadType;
     hdr->seq = load_be16(raw + OrbLayout::kSequence);
     hdr->time = load_be32(raw + OrbLayout::kTime);
     hdr->flags &= ~orb_header_printed;
@@ -114,7 +107,8 @@ void rtp2orb(unsigned char* pkt, unsigned len, int payload_type, int) {
     store_be16(pkt + OrbLayout::kReserved, 0);
     store_be16(pkt + OrbLayout::kSize, static_cast<uint16_t>(len - orb_header_size));
     pkt[OrbLayout::kMagic] = native_magic;
-    pkt[OrbLayout::kMarkerAndType] = static_cast<uint8_t>((payload_type & kTypeMask) | marker);
+    pkt[OrbLayout::kMarkerAndType] =
+        static_cast<uint8_t>((payload_type & kRtpPayloadType) | marker);
     store_be16(pkt + OrbLayout::kSequence, sequence);
     store_be32(pkt + OrbLayout::kTime, time);
 }

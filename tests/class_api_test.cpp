@@ -110,8 +110,8 @@ class PacketList final : public kestrel::stream::RecordSink {
 std::vector<Packet> true_packets(const ClassFile& file, uint32_t sequence) {
     const Bytes rows = read_sample("truth/" + std::string(file.file) + ".packets");
     std::istringstream in(std::string(rows.begin(), rows.end()));
-    const bool speech_behind_video = std::string(file.file).starts_with("av_");
-    const bool second = speech_behind_video && file.mode[0] == 'a';
+    const bool speech_after_video = std::string(file.file).starts_with("av_");
+    const bool second = speech_after_video && file.mode[0] == 'a';
     std::vector<Packet> packets;
     std::string line;
     uint32_t first_track = 0;

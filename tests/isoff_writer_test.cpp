@@ -715,8 +715,7 @@ TEST(Writer, H263TracksTakeTheirFormatLate) {
 // --- the two passes ---
 
 TEST(Writer, TablesThatChangeBetweenThePassesAreReported) {
-    using kestrel::kCountPass;
-    using kestrel::kWritePass;
+    using kestrel::BoxWriter;
     Output out;
     iso_track* track = amr_track(out.file);
     track->sync_samples = copy_to_arena<uint32_t>(out.file, {1, 2, 3});
@@ -725,29 +724,30 @@ TEST(Writer, TablesThatChangeBetweenThePassesAreReported) {
     std::copy_n("avcb", 5, track->sgpd_type);
     uint8_t sample[2] = {};
     isoFFwrite(track, sample, 1, 160, 3);
-    kestrel::write_moov(kCountPass, {}, out.file);
-    kestrel::write_ctts(kCountPass, {}, track);
+    kestrel::measure(kestrel::write_moov, out.file);
+    kestrel::measure(kestrel::write_ctts, track);
     isoFFwrite(track, sample, 2, 161, 4);
     track->sync_count = 2;
     track->sbgp_list->next = copy_to_arena<iso_sbgp_entry>(out.file, {{1, 1, nullptr}});
     track->sbgp_count = 2;
-    Bytes room(64);
-    const std::pair<uint64_t (*)(kestrel::Pass, std::span<uint8_t>, iso_track*), const char*>
-        tables[] = {
-            {kestrel::write_stts, "Pass1 1 24 Pass 2 32 --- dtd count 2\n"},
-            {kestrel::write_ctts, "Pass1 1 24 Pass 2 32 --- cto count 2\n"},
-            {kestrel::write_stsz, "Pass1 1 20 Pass 2 28 --- sample size = 0 sample count = 2\n"},
-            {kestrel::write_stss, "Pass1 1 20 Pass 2 24 --- sample count = 2\n"},
-            {kestrel::write_sbgp, "Pass1 1 28 Pass 2 36 --- sbgp count 2\n"},
-        };
+    Bytes memory(64);
+    const std::pair<uint64_t (*)(BoxWriter&, iso_track*), const char*> tables[] = {
+        {kestrel::write_stts, "Pass1 1 24 Pass 2 32 --- dtd count 2\n"},
+        {kestrel::write_ctts, "Pass1 1 24 Pass 2 32 --- cto count 2\n"},
+        {kestrel::write_stsz, "Pass1 1 20 Pass 2 28 --- sample size = 0 sample count = 2\n"},
+        {kestrel::write_stss, "Pass1 1 20 Pass 2 24 --- sample count = 2\n"},
+        {kestrel::write_sbgp, "Pass1 1 28 Pass 2 36 --- sbgp count 2\n"},
+    };
     for (const auto& [write, text] : tables) {
         CaptureStderr();
-        write(kWritePass, room, track);
+        BoxWriter second_pass(memory);
+        write(second_pass, track);
         EXPECT_EQ(GetCapturedStderr(), text);
         // A destination that is too small is not written past.
         CaptureStderr();
         Bytes small(20, 0xAA);
-        write(kWritePass, std::span(small).first(12), track);
+        BoxWriter bounded(std::span<uint8_t>(small).first(12));
+        write(bounded, track);
         EXPECT_EQ(Bytes(small.begin() + 12, small.end()), Bytes(8, 0xAA));
         GetCapturedStderr();
     }

@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "common/bytes.h"
+#include "common/byte_reader.h"
 #include "common/simple_exception.h"
 #include "tests/support/syslog_capture.h"
 
@@ -55,10 +55,10 @@ TEST(Log, ConsoleHelpers) {
 TEST(ByteReader, NeverLeavesItsBytes) {
     const uint8_t bytes[] = {0x12, 0x34, 0x56, 0x78, 0x9A};
     kestrel::ByteReader reader(bytes);
-    EXPECT_EQ(reader.be16(), 0x1234);
-    EXPECT_EQ(reader.be24(), 0x56789Au);
+    EXPECT_EQ(reader.u16(), 0x1234);
+    EXPECT_EQ(reader.u24(), 0x56789Au);
     EXPECT_TRUE(reader.ok());
-    EXPECT_EQ(reader.be32(), 0u);
+    EXPECT_EQ(reader.u32(), 0u);
     EXPECT_FALSE(reader.ok());
     EXPECT_EQ(reader.remaining(), 0u);
 }

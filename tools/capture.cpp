@@ -5,7 +5,7 @@
 #include <optional>
 #include <queue>
 
-#include "common/bytes.h"
+#include "native/codec/rtp_header.h"
 
 namespace tool {
 namespace {
@@ -54,7 +54,8 @@ std::optional<uint64_t> write_capture(HintTracks& tracks, uint64_t limit, Output
     const auto take_next = [&](size_t track) {
         const auto packet = tracks[track]->next();
         if (packet.empty()) return;
-        heads.push({clocks[track].seconds(kestrel::load_be32(&packet[4])), track, packet});
+        heads.push(
+            {clocks[track].seconds(kestrel::load_rtp_header(packet.data()).time), track, packet});
     };
     for (size_t track = 0; track < tracks.size(); ++track) {
         clocks.emplace_back(tracks[track]->track()->rtp_timescale);

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "common/bytes.h"
 #include "companion/probe/media_tracks.h"
+#include "native/codec/rtp_header.h"
 #include "tools/capture.h"
 #include "tools/commands.h"
 #include "tools/json_printer.h"
@@ -53,8 +53,9 @@ void check_tracks(const HintTracks& tracks, const std::string& input) {
 }
 
 void print_packet(uint32_t track, std::span<const uint8_t> packet, bool as_hex) {
-    std::printf("%u %zu %d %d %u %u", track, packet.size(), packet[1] >> 7, packet[1] & 0x7F,
-                kestrel::load_be16(&packet[2]), kestrel::load_be32(&packet[4]));
+    const kestrel::RtpHeader header = kestrel::load_rtp_header(packet.data());
+    std::printf("%u %zu %d %d %u %u", track, packet.size(), int{header.marker},
+                int{header.payload_type}, unsigned{header.sequence}, header.time);
     if (as_hex) std::printf(" %s", hex(packet).c_str());
     std::putchar('\n');
 }
@@ -83,10 +84,11 @@ void print_json(HintTracks& tracks, bool with_bytes) {
             out.open("", '{');
             out.number("track_id", track->track()->track_id);
             out.number("bytes", static_cast<int64_t>(packet.size()));
-            out.boolean("marker", (packet[1] & 0x80) != 0);
-            out.number("payload_type", packet[1] & 0x7F);
-            out.number("sequence_number", kestrel::load_be16(&packet[2]));
-            out.number("timestamp", kestrel::load_be32(&packet[4]));
+            const kestrel::RtpHeader header = kestrel::load_rtp_header(packet.data());
+            out.boolean("marker", header.marker);
+            out.number("payload_type", header.payload_type);
+            out.number("sequence_number", header.sequence);
+            out.number("timestamp", header.time);
             if (with_bytes) out.text("packet", hex(packet));
             out.close();
         }

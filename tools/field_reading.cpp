@@ -26,8 +26,8 @@ std::string date_text(uint64_t seconds) {
     using std::chrono::hh_mm_ss;
     using std::chrono::year;
     constexpr uint64_t kDay = 86400;
-    constexpr uint64_t kMostDays = 4'000'000;  // so that the year has a name
-    if (seconds / kDay > kMostDays) return std::to_string(seconds) + " s after 1904";
+    constexpr uint64_t kMaxDays = 4'000'000;  // so that the year has a name
+    if (seconds / kDay > kMaxDays) return std::to_string(seconds) + " s after 1904";
     const std::chrono::sys_days start(year(1904) / 1 / 1);
     const std::chrono::year_month_day date(start + days(static_cast<int>(seconds / kDay)));
     const auto rest = static_cast<unsigned>(seconds % kDay);

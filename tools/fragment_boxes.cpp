@@ -5,20 +5,22 @@
 #include <array>
 #include <span>
 
-#include "common/bytes.h"
+#include "common/box_header.h"
+#include "common/byte_reader.h"
 
 namespace tool {
 namespace {
 
-constexpr uint32_t kHeader = 8;
+using kestrel::kBoxHeader;
+
 constexpr size_t kFieldBytes = 48;  // of a box, that hold its fields
 
-// Takes fields one after the other from the beginning of a box's body.
+// Lists the fields of a box in order, from the beginning of its body.
 class FieldReader {
   public:
     FieldReader(std::span<const uint8_t> body, std::vector<FragmentBox::Field>& out)
         : reader_(body), out_(out) {
-        const uint32_t word = reader_.be32();
+        const uint32_t word = reader_.u32();
         version_ = word >> 24;
         flags_ = word & 0xFFFFFF;
         add("version", version_);
@@ -26,17 +28,12 @@ class FieldReader {
     }
 
     bool has(uint32_t flag) const { return (flags_ & flag) != 0; }
-    void word(const char* name) { add(name, reader_.be32()); }
-    void signed_word(const char* name) { add(name, static_cast<int32_t>(reader_.be32())); }
-    // 32 bits in version 0, else 64.
+    void word(const char* name) { add(name, reader_.u32()); }
+    void signed_word(const char* name) { add(name, reader_.i32()); }
     void time(const char* name) {
-        const uint64_t high = version_ == 0 ? 0 : reader_.be32();
-        add(name, static_cast<int64_t>(high << 32 | reader_.be32()));
+        add(name, static_cast<int64_t>(reader_.u32_or_64(version_ != 0)));
     }
-    void double_word(const char* name) {
-        const uint64_t high = reader_.be32();
-        add(name, static_cast<int64_t>(high << 32 | reader_.be32()));
-    }
+    void double_word(const char* name) { add(name, static_cast<int64_t>(reader_.u64())); }
 
   private:
     void add(const char* name, int64_t value) {
@@ -108,8 +105,8 @@ void read_fields(KST_IOSTREAM_CALLBACK_INTERFACE* stream, FragmentBox& box) {
                                     [&](const Kind& one) { return one.type == box.type; });
     if (kind == kKinds.end()) return;
     std::array<uint8_t, kFieldBytes> raw{};
-    const std::span body(raw.data(), std::min<size_t>(raw.size(), box.size - kHeader));
-    FieldReader reader(body.first(read_bytes(stream, box.offset + kHeader, body)), box.fields);
+    const std::span body(raw.data(), std::min<size_t>(raw.size(), box.size - kBoxHeader));
+    FieldReader reader(body.first(read_bytes(stream, box.offset + kBoxHeader, body)), box.fields);
     kind->read(reader);
 }
 
@@ -118,13 +115,15 @@ std::vector<FragmentBox> read_level(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uin
                                     uint64_t size, bool opens_tracks) {
     std::vector<FragmentBox> boxes;
     const uint64_t end = offset + size;
-    for (uint64_t at = offset + kHeader; at + kHeader <= end;) {
-        std::array<uint8_t, kHeader> raw{};
+    for (uint64_t at = offset + kBoxHeader; at + kBoxHeader <= end;) {
+        std::array<uint8_t, kBoxHeader> raw{};
         if (read_bytes(stream, at, raw) < raw.size()) break;
         FragmentBox box;
-        box.size = kestrel::load_be32(raw.data());
-        if (box.size < kHeader || box.size > end - at) break;
-        box.type.assign(reinterpret_cast<const char*>(&raw[4]), 4);
+        const kestrel::BoxHeader header = kestrel::load_box_header(raw.data());
+        box.size = header.size;
+        if (box.size < kBoxHeader || box.size > end - at) break;
+        const auto type = kestrel::code_text(header.type);
+        box.type.assign(type.data(), type.size());
         box.offset = at;
         if (box.type == "traf" && opens_tracks) {
             box.children = read_level(stream, at, box.size, false);

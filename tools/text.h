@@ -21,7 +21,7 @@ Character first_character(std::string_view text);
 // the direction of writing, and code points that are no characters.
 bool is_shown(uint32_t code);
 
-// For a terminal: each byte of what is no UTF-8, or is not shown, becomes \xNN. A second pass
+// For a terminal: each byte of what is no UTF-8, or is not shown, becomes \xNN. A second call
 // changes nothing. Every text that is not the tool's own passes through here before it is printed.
 std::string printable(std::string_view text);
 

@@ -10,7 +10,7 @@
 #include <numeric>
 #include <string>
 
-#include "common/bytes.h"
+#include "common/box_header.h"
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/record/record.h"
 
@@ -186,12 +186,10 @@ void describe_track(iso_track* to, const importer::Track& from) {
 
 // Gives a whole box a header with a size of 32 bits, the only one that players know.
 void shorten_header(std::vector<uint8_t>& box) {
-    constexpr size_t kHeader = 8, kLargeHeader = 16;
-    constexpr uint32_t kLargeSize = 1;
-    if (box.size() >= kLargeHeader && load_be32(box.data()) == kLargeSize) {
-        box.erase(box.begin() + kHeader, box.begin() + kLargeHeader);
+    if (box.size() >= kLargeBoxHeader && load_box_header(box.data()).size == kSizeIs64Bits) {
+        box.erase(box.begin() + kBoxHeader, box.begin() + kLargeBoxHeader);
     }
-    if (box.size() >= kHeader) store_be32(box.data(), static_cast<uint32_t>(box.size()));
+    if (box.size() >= kBoxHeader) store_be32(box.data(), static_cast<uint32_t>(box.size()));
 }
 
 }  // namespace

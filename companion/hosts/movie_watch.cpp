@@ -1,22 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "companion/hosts/movie_watch.h"
 
-#include <cstring>
-
-#include "common/bytes.h"
+#include "common/box_header.h"
 
 namespace kestrel::hosts {
 
-// ISO/IEC 14496-12, 4.2: a size of 1 stands for a 64-bit size after the type.
-MovieWatch::Box MovieWatch::parse(const uint8_t* header) {
-    Box box;
-    box.size = load_be32(header);
-    box.is_movie = std::memcmp(&header[4], "moov", 4) == 0;
-    if (box.size == 1) {
-        box.is_long = true;
-        box.size = uint64_t{load_be32(&header[8])} << 32 | load_be32(&header[12]);
-    }
-    return box;
+MovieWatch::Box MovieWatch::parse(const uint8_t* raw) {
+    const BoxHeader header = load_box_header(raw);
+    const bool is_large = header.size == kSizeIs64Bits;
+    return {is_large ? load_be64(raw + kBoxHeader) : header.size, is_large,
+            header.type == fourcc("moov")};
 }
 
 }  // namespace kestrel::hosts

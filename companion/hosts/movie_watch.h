@@ -5,29 +5,32 @@
 
 #include <cstdint>
 
+#include "common/box_header.h"
+
 namespace kestrel::hosts {
 
 class MovieWatch {
   public:
-    // Looks at what has arrived since the last call, `available` bytes in all. `read(data, offset,
-    // count)` reads of them; it returns false when it cannot. Returns true in two calls: in the
-    // one that finds the movie box whole, and in the one that finds a box header after it.
+    // Looks at the boxes that have arrived since the last call, in a file of which `available`
+    // bytes have. `read(data, offset, count)` reads of these bytes; it returns false when it
+    // cannot. Returns true twice: when the movie box is whole, and when a box header after it has
+    // arrived.
     template <typename Read>
     bool has_news(uint64_t available, Read read) {
-        while (state_ != State::kDone && available - at_ >= kShortHeader) {
+        while (state_ != State::kDone && available - at_ >= kBoxHeader) {
             if (state_ == State::kAfterMovie) {
                 state_ = State::kDone;
                 return true;
             }
-            uint8_t header[kLongHeader] = {};
+            uint8_t header[kLargeBoxHeader] = {};
             const uint64_t there = available - at_;
-            const auto count = there < kLongHeader ? kShortHeader : kLongHeader;
+            const auto count = there < kLargeBoxHeader ? kBoxHeader : kLargeBoxHeader;
             if (!read(header, static_cast<uint32_t>(at_), count)) return false;
             const Box box = parse(header);
-            if (box.is_long && count < kLongHeader) return false;
-            // One that reaches to the end of the file, or is malformed.
-            if (box.size < kShortHeader) state_ = State::kDone;
-            if (box.size < kShortHeader || box.size > there) return false;
+            if (box.is_large && count < kLargeBoxHeader) return false;
+            // A box that runs to the end of the file, or a malformed one.
+            if (box.size < kBoxHeader) state_ = State::kDone;
+            if (box.size < kBoxHeader || box.size > there) return false;
             at_ += box.size;
             if (box.is_movie) {
                 state_ = State::kAfterMovie;
@@ -38,16 +41,14 @@ class MovieWatch {
     }
 
   private:
-    static constexpr uint32_t kShortHeader = 8;
-    static constexpr uint32_t kLongHeader = 16;
     enum class State { kBeforeMovie, kAfterMovie, kDone };
 
     struct Box {
         uint64_t size = 0;  // header included
-        bool is_long = false;
+        bool is_large = false;
         bool is_movie = false;
     };
-    static Box parse(const uint8_t* header);
+    static Box parse(const uint8_t* raw);
 
     uint64_t at_ = 0;  // the next box
     State state_ = State::kBeforeMovie;

@@ -3,21 +3,10 @@
 
 namespace kestrel::importer {
 
-namespace {
-
-constexpr std::uint64_t kLargeHeader = 16;
-// Values of the size field that are no sizes.
-constexpr std::uint32_t kSizeToEnd = 0;
-constexpr std::uint32_t kSizeIs64Bits = 1;
-
-}  // namespace
-
 std::string type_text(std::uint32_t type) {
     std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        const auto byte = static_cast<unsigned char>(type >> shift);
-        text += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '?';
-    }
+    for (const char character : code_text(type))
+        text += character >= 0x20 && character < 0x7F ? character : '?';
     return text;
 }
 
@@ -57,7 +46,7 @@ bool BoxReader::fail_child(std::uint64_t offset) {
 
 bool BoxReader::header(Box& box) {
     if (failed_) return false;
-    if (left() < kHeader) {
+    if (left() < kBoxHeader) {
         at_ = end_;
         return false;
     }
@@ -67,7 +56,7 @@ bool BoxReader::header(Box& box) {
     box.type = u32();
     box.large = size == kSizeIs64Bits;
     box.to_end = size == kSizeToEnd;
-    if (box.large) size = available < kLargeHeader ? 0 : u64();
+    if (box.large) size = available < kLargeBoxHeader ? 0 : u64();
     if (box.to_end) size = available;
     if (failed_) return false;
     if (size < at_ - box.offset || size > UINT64_MAX - box.offset) return fail_child(box.offset);
@@ -85,15 +74,10 @@ bool BoxReader::next(Box& box) {
 
 Bytes whole_box(Source& source, const Box& box) {
     const std::uint64_t body = box.end - box.body;
-    Bytes bytes(static_cast<std::size_t>(body + BoxReader::kHeader));
-    if (!source.copy(box.body, bytes.data() + BoxReader::kHeader, body)) return {};
-    put(bytes, 0, static_cast<std::uint32_t>(bytes.size()));
-    put(bytes, 4, box.type);
+    Bytes bytes(static_cast<std::size_t>(body + kBoxHeader));
+    if (!source.copy(box.body, bytes.data() + kBoxHeader, body)) return {};
+    store_box_header(bytes.data(), {static_cast<std::uint32_t>(bytes.size()), box.type});
     return bytes;
-}
-
-void put(Bytes& bytes, std::size_t at, std::uint32_t value) {
-    store_be32(&bytes[at], value);
 }
 
 }  // namespace kestrel::importer

@@ -28,7 +28,8 @@ Bytes iso_configuration(Source& source, const SampleEntry& entry, const Box& chi
     const bool amr = entry.box.type == fourcc("samr") && child.type == fourcc("samr");
     if (!amr && !contains(kSoundConfiguration, child.type)) return {};
     Bytes box = whole_box(source, child);
-    if (amr && !box.empty()) put(box, 4, fourcc("damr"));
+    if (amr && !box.empty())
+        store_box_header(box.data(), {static_cast<std::uint32_t>(box.size()), fourcc("damr")});
     return box;
 }
 
@@ -58,7 +59,7 @@ Bytes iso_sound_entry(Source& source, const SampleEntry& entry) {
     append_be(body, entry.sample_rate, 4);
     append(body, iso_sound_children(source, entry));
     Bytes box;
-    append_be(box, body.size() + 8, 4);
+    append_be(box, body.size() + kBoxHeader, 4);
     append_be(box, entry.box.type, 4);
     append(box, body);
     return box;
@@ -73,8 +74,7 @@ Bytes iso_h263_entry(Source& source, const SampleEntry& entry) {
     append_be(box, fourcc("d263"), 4);
     append_be(box, 0, 5);  // vendor, decoder version
     box.insert(box.end(), {kLevel, kProfile});
-    put(box, 0, static_cast<std::uint32_t>(box.size()));
-    put(box, 4, kIsoH263);
+    store_box_header(box.data(), {static_cast<std::uint32_t>(box.size()), kIsoH263});
     return box;
 }
 

@@ -53,7 +53,7 @@ class GolombReader : public BitReader {
     }
 
     // Any number of bits.
-    void pass(unsigned count) {
+    void skip_any(unsigned count) {
         for (; count > kMaxBits; count -= kMaxBits)
             skip(kMaxBits);
         skip(count);
@@ -123,7 +123,7 @@ void skip_decoder_model(GolombReader& reader) {
 // Video usability information (E.1.1), as far as the number of frames that are reordered.
 uint32_t read_reordered_frames(GolombReader& reader) {
     constexpr uint32_t kExtendedAspect = 255, kMaxFrames = 16;
-    if (reader.flag() && reader.get(8) == kExtendedAspect) reader.pass(32);
+    if (reader.flag() && reader.get(8) == kExtendedAspect) reader.skip_any(32);
     if (reader.flag()) reader.skip(1);  // overscan
     if (reader.flag()) {                // video signal
         reader.skip(4);
@@ -133,7 +133,7 @@ uint32_t read_reordered_frames(GolombReader& reader) {
         reader.ue();
         reader.ue();
     }
-    if (reader.flag()) reader.pass(65);  // timing
+    if (reader.flag()) reader.skip_any(65);  // timing
     const bool has_nal_model = reader.flag();
     if (has_nal_model) skip_decoder_model(reader);
     const bool has_vcl_model = reader.flag();

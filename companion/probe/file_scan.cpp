@@ -7,14 +7,10 @@
 #include <set>
 #include <span>
 
-#include "common/bytes.h"
+#include "common/box_header.h"
 
 namespace kestrel::probe {
 namespace {
-
-constexpr uint32_t kHeader = 8;
-constexpr uint32_t kLargeHeader = 16;  // with a 64-bit size
-constexpr uint32_t kLargeSize = 1, kOpenSize = 0;
 
 struct Header {
     uint64_t size;  // of the whole box, as declared
@@ -43,10 +39,10 @@ const Container* container(std::string_view type) {
 }
 
 // The type of a box; other characters than those of ASCII as \\xNN.
-std::string type_text(std::string_view type) {
+std::string type_text(uint32_t type) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string out;
-    for (const char c : type) {
+    for (const char c : code_text(type)) {
         const auto byte = static_cast<uint8_t>(c);
         if (byte >= ' ' && byte <= '~') {
             out += c;
@@ -103,18 +99,18 @@ class Scanner {
 
     // The header at `offset`, after which `left` bytes are there for the box.
     std::optional<Header> header_at(uint64_t offset, uint64_t left) {
-        std::array<uint8_t, kLargeHeader> raw{};
-        if (left < kHeader || !read(std::span(raw).first(kHeader), offset)) return std::nullopt;
+        std::array<uint8_t, kLargeBoxHeader> raw{};
+        if (left < kBoxHeader || !read(std::span(raw).first(kBoxHeader), offset))
+            return std::nullopt;
         ++seen_;
-        const auto* type = reinterpret_cast<const char*>(&raw[4]);
-        const uint32_t form = kestrel::load_be32(raw.data());
-        Header header{form, kHeader, form, type_text({type, 4})};
-        if (form == kLargeSize) {
-            if (left < kLargeHeader || !read(std::span(raw).subspan(kHeader), offset + kHeader))
+        const BoxHeader fields = load_box_header(raw.data());
+        Header header{fields.size, kBoxHeader, fields.size, type_text(fields.type)};
+        if (fields.size == kSizeIs64Bits) {
+            if (left < kLargeBoxHeader ||
+                !read(std::span(raw).subspan(kBoxHeader), offset + kBoxHeader))
                 return std::nullopt;
-            header.size =
-                uint64_t{kestrel::load_be32(&raw[8])} << 32 | kestrel::load_be32(&raw[12]);
-            header.length = kLargeHeader;
+            header.size = load_be64(&raw[kBoxHeader]);
+            header.length = kLargeBoxHeader;
             scan_.has_large_sizes = true;
         }
         return header;
@@ -123,7 +119,7 @@ class Scanner {
     uint64_t take_top_box(uint64_t at) {
         const uint64_t left = scan_.file_size - at;
         std::optional<Header> header = header_at(at, left);
-        if (header && header->form == kOpenSize) {
+        if (header && header->form == kSizeToEnd) {
             header->size = left;
             scan_.has_open_sizes = true;
         }
@@ -168,7 +164,7 @@ class Scanner {
     void walk(const Container& parent, const std::string& name, uint64_t from, uint64_t end) {
         std::set<std::string, std::less<>> seen;
         int tracks = 0;
-        while (end - from >= kHeader && seen_ < kMaxBoxes) {
+        while (end - from >= kBoxHeader && seen_ < kMaxBoxes) {
             const uint64_t left = end - from;
             const std::optional<Header> header = header_at(from, left);
             if (!header) break;
@@ -232,13 +228,13 @@ class Scanner {
         if (large) track_->version1.push_back(header.type);
         const uint64_t id_at = body + (large ? kIdAfter64 : kIdAfter32);
         if (header.type == "tkhd" && id_at + raw.size() <= end && read(raw, id_at))
-            track_->id = kestrel::load_be32(raw.data());
+            track_->id = load_be32(raw.data());
     }
 
     void note_entries(uint64_t body, uint64_t end) {
         constexpr uint32_t kVersionAndCount = 8;
         uint64_t at = body + kVersionAndCount;
-        while (at + kHeader <= end && track_->entries.size() < kMaxKept && seen_ < kMaxBoxes) {
+        while (at + kBoxHeader <= end && track_->entries.size() < kMaxKept && seen_ < kMaxBoxes) {
             const std::optional<Header> entry = header_at(at, end - at);
             if (!entry || entry->size < entry->length) return;
             track_->entries.push_back(entry->type);

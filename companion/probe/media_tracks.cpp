@@ -7,8 +7,9 @@
 #include <span>
 #include <vector>
 
-#include "common/bytes.h"
+#include "common/byte_reader.h"
 #include "interface/src/isoff/record/private.h"
+#include "native/codec/rtp_hint_sample.h"
 
 namespace kestrel::probe {
 namespace {
@@ -28,21 +29,19 @@ const iso_track* find_track(const iso_track* track, Fits fits) {
 // A hint sample (ISO/IEC 14496-12, 9.1.3): true when a packet of it takes bytes out of the hint
 // track.
 bool takes_from_itself(std::span<const uint8_t> hint_sample) {
-    constexpr size_t kTimeAndHeader = 8;  // relative time, RTP header bits, sequence seed
-    constexpr uint16_t kExtra = 4;        // flag: additional information follows
-    constexpr size_t kConstructor = 16;   // bytes
-    constexpr uint8_t kFromSample = 2, kThisTrack = 0xFF;
-    kestrel::ByteReader reader(hint_sample);
-    const uint16_t packets = reader.be16();
+    ByteReader reader(hint_sample);
+    const uint16_t packets = reader.u16();
     reader.skip(2);
-    for (uint16_t packet = 0; packet < packets && reader.ok(); ++packet) {
-        reader.skip(kTimeAndHeader);
-        const uint16_t flags = reader.be16();
-        const uint16_t constructors = reader.be16();
-        if ((flags & kExtra) != 0) reader.skip(std::max(reader.be32(), 4u) - 4);
-        for (uint16_t i = 0; i < constructors && reader.ok(); ++i) {
-            const auto constructor = reader.take(kConstructor);
-            if (reader.ok() && constructor[0] == kFromSample && constructor[1] == kThisTrack)
+    for (uint16_t packet = 0; packet < packets; ++packet) {
+        const auto raw = reader.take(kPacketEntrySize);
+        if (!reader.ok()) break;
+        const PacketEntry entry = load_packet_entry(raw.data());
+        if (entry.has_extra_information())
+            reader.skip(std::max(reader.u32(), kExtraLengthSize) - kExtraLengthSize);
+        for (uint16_t i = 0; i < entry.constructors && reader.ok(); ++i) {
+            const auto constructor = reader.take(kConstructorSize);
+            if (reader.ok() && constructor[0] == kSampleConstructor &&
+                constructor[1] == kHintTrackItself)
                 return true;
         }
     }

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "common/bytes.h"
+#include "common/byte_reader.h"
 #include "native/codec/nal_unit.h"
 
 namespace kestrel::stream {
@@ -166,7 +166,7 @@ class H264 final : public Depacketiser {
     bool aggregate(std::span<const uint8_t> units) const {
         ByteReader reader(units);
         while (reader.remaining() > 2) {
-            const auto nal = reader.take(reader.be16());
+            const auto nal = reader.take(reader.u16());
             if (reader.ok()) unit(nal);
         }
         return reader.ok() && reader.remaining() == 0;

@@ -8,7 +8,7 @@
 #include <functional>
 #include <string_view>
 
-#include "common/bytes.h"
+#include "common/byte_reader.h"
 #include "kestrel/native_records.h"
 #include "native/codec/amr_format.h"
 

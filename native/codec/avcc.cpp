@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "common/bytes.h"
+#include "common/byte_reader.h"
 #include "native/codec/nal_unit.h"
 
 namespace kestrel {
@@ -26,7 +26,7 @@ template <typename Visit>
 void visit_sets(ByteReader& reader, Visit visit) {
     const uint32_t count = reader.u8() & 0x1F;
     for (uint32_t i = 0; i < count; ++i) {
-        const auto set = reader.take(reader.be16());
+        const auto set = reader.take(reader.u16());
         if (reader.ok()) visit(set);
     }
 }
@@ -120,7 +120,7 @@ size_t avcc_length(std::span<const uint8_t> avcc) {
     for (int kind = 0; kind < 2; ++kind) {
         ++length;
         for (int left = reader.u8() & 0x1F; left > 0; --left) {
-            const uint16_t set = reader.be16();
+            const uint16_t set = reader.u16();
             reader.skip(set);
             length += kSetLength + set;
         }

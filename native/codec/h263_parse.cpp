@@ -20,10 +20,10 @@ constexpr int kLargestQuantiser = 31;
 
 constexpr unsigned kPlusFormat = 7;  // PTYPE: PLUSPTYPE has the format
 
-// What of a picture header is needed only while it is parsed.
-struct HeaderPass {
-    bool full = false;           // UFEP 001: OPPTYPE and its followers are there
-    bool custom_format = false;  // CPFMT is there
+// Which parts of PLUSPTYPE (5.1.4) are present.
+struct PlusHeader {
+    bool full = false;           // UFEP 001: OPPTYPE and the fields that go with it
+    bool custom_format = false;  // CPFMT
 };
 
 bool set_standard_size(nch_picture& picture) {
@@ -57,7 +57,7 @@ bool parse_ptype(BitReader& reader, unsigned format, nch_picture& picture) {
 }
 
 // OPPTYPE (5.1.4.2).
-bool parse_opptype(BitReader& reader, nch_picture& picture, HeaderPass& pass) {
+bool parse_opptype(BitReader& reader, nch_picture& picture, PlusHeader& header) {
     constexpr unsigned kTailBits = 4;
     constexpr uint32_t kTail = 0b1000;
     nch_modes modes;
@@ -75,9 +75,9 @@ bool parse_opptype(BitReader& reader, nch_picture& picture, HeaderPass& pass) {
     modes.alternative_inter_vlc = reader.flag();
     modes.modified_quantisation = reader.flag();
     picture.modes = modes;
-    pass.custom_format = picture.source_format == kNchCustom;
+    header.custom_format = picture.source_format == kNchCustom;
     return reader.get(kTailBits) == kTail && !arithmetic_coding && !reference_selection &&
-           !independent_segments && (pass.custom_format || set_standard_size(picture));
+           !independent_segments && (header.custom_format || set_standard_size(picture));
 }
 
 // MPPTYPE (5.1.4.3).
@@ -127,18 +127,18 @@ bool parse_plusptype(BitReader& reader, nch_picture& picture) {
     constexpr unsigned kCpcfcBits = 8;
     constexpr unsigned kEtrBits = 2;
     const uint32_t ufep = reader.get(3);
-    HeaderPass pass;
-    pass.full = ufep == kFullUfep;
-    if (!pass.full && (ufep != kReducedUfep || picture.source_format == 0)) return false;
-    if (pass.full && !parse_opptype(reader, picture, pass)) return false;
+    PlusHeader header;
+    header.full = ufep == kFullUfep;
+    if (!header.full && (ufep != kReducedUfep || picture.source_format == 0)) return false;
+    if (header.full && !parse_opptype(reader, picture, header)) return false;
     if (!parse_mpptype(reader, picture)) return false;
     picture.modes.plus = true;
     if (reader.flag()) return false;  // CPM: several bitstreams in one
-    if (pass.custom_format && !parse_custom_format(reader, picture)) return false;
-    if (pass.full && picture.modes.custom_clock) reader.skip(kCpcfcBits);
+    if (header.custom_format && !parse_custom_format(reader, picture)) return false;
+    if (header.full && picture.modes.custom_clock) reader.skip(kCpcfcBits);
     if (picture.modes.custom_clock) reader.skip(kEtrBits);
-    if (pass.full && picture.modes.unrestricted_vectors && !parse_uui(reader)) return false;
-    if (pass.full && picture.modes.slices && !parse_sss(reader, picture.modes)) return false;
+    if (header.full && picture.modes.unrestricted_vectors && !parse_uui(reader)) return false;
+    if (header.full && picture.modes.slices && !parse_sss(reader, picture.modes)) return false;
     return parse_quantiser(reader, picture.quantiser);
 }
 

@@ -13,14 +13,14 @@
 
 namespace kestrel {
 
-enum class EmptyUnits { kPassedOver, kTaken };
+enum class EmptyUnits { kSkipped, kTaken };
 
 // The length-prefixed NAL units of a run of bytes. One that claims more than there is ends with
 // the bytes.
 class NalUnits {
   public:
     NalUnits(std::span<const uint8_t> bytes, int length_size,
-             EmptyUnits empty = EmptyUnits::kPassedOver)
+             EmptyUnits empty = EmptyUnits::kSkipped)
         : bytes_(bytes),
           length_size_(static_cast<size_t>(std::clamp(length_size, 1, 4))),
           takes_empty_(empty == EmptyUnits::kTaken) {}

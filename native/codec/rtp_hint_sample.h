@@ -2,8 +2,8 @@
 // The layout of an RTP hint sample (ISO/IEC 14496-12, 9.1.3): a header, then packet entries, each
 // followed by its constructors. All values are big-endian.
 //
-// Readers differ in what they do with a constructor that names bytes outside its sample, and in
-// what a sample description constructor delivers; that stays with them.
+// The readers of hint samples have different rules for a constructor that names bytes outside its
+// sample and for a sample description constructor. Each keeps its own rules.
 #ifndef KESTREL_CODEC_RTP_HINT_SAMPLE_H
 #define KESTREL_CODEC_RTP_HINT_SAMPLE_H
 
@@ -11,17 +11,15 @@
 #include <cstdint>
 #include <span>
 
-#include "common/bytes.h"
+#include "native/codec/rtp_header.h"
 
 namespace kestrel {
-
-inline constexpr uint32_t kRtpHeaderSize = 12;  // RFC 3550, 5.1
 
 inline constexpr uint32_t kHintHeaderSize = 4;  // packet count, reserved
 inline constexpr uint32_t kPacketEntrySize = 12;
 inline constexpr uint32_t kConstructorSize = 16;
 
-// Flag of a packet entry: extra information follows it, after a length that counts its own 4 bytes.
+// Flag of a packet entry: a length, which counts its own 4 bytes, and extra information follow.
 inline constexpr uint32_t kExtraInformation = 4;
 inline constexpr uint32_t kExtraLengthSize = 4;
 
@@ -34,9 +32,25 @@ enum ConstructorType : uint8_t {
 
 inline constexpr uint8_t kMaxImmediate = 14;  // bytes in an immediate constructor
 
-// Track reference of a constructor: the hint track itself. Any other value is the hinted track.
+// Track references of a constructor. Any other value is read as the hinted track.
 inline constexpr uint8_t kHintTrackItself = 255;
 inline constexpr uint8_t kHintedTrack = 0;
+
+struct PacketEntry {
+    int32_t relative_time;
+    uint16_t rtp_header;  // the first half word of an RTP header, without the version
+    uint16_t sequence;
+    uint16_t flags;
+    uint16_t constructors;
+
+    bool has_extra_information() const { return (flags & kExtraInformation) != 0; }
+};
+
+// From kPacketEntrySize bytes.
+constexpr PacketEntry load_packet_entry(const uint8_t* raw) {
+    return {static_cast<int32_t>(load_be32(raw)), load_be16(raw + 4), load_be16(raw + 6),
+            load_be16(raw + 8), load_be16(raw + 10)};
+}
 
 struct SampleConstructor {
     uint8_t track_reference;
@@ -47,7 +61,7 @@ struct SampleConstructor {
     uint16_t samples_per_block = 1;
 };
 
-// From the kConstructorSize bytes of a sample or sample description constructor.
+// From the kConstructorSize bytes of a sample constructor or sample description constructor.
 constexpr SampleConstructor load_sample_constructor(const uint8_t* raw) {
     return {raw[1],
             load_be16(raw + 2),
@@ -57,7 +71,7 @@ constexpr SampleConstructor load_sample_constructor(const uint8_t* raw) {
             load_be16(raw + 14)};
 }
 
-// Into kConstructorSize bytes, of which the rest is zero. `data` are at most kMaxImmediate bytes.
+// Into kConstructorSize bytes, with zeros after `data`, which has at most kMaxImmediate bytes.
 inline void store_immediate_constructor(uint8_t* raw, std::span<const uint8_t> data) {
     raw[0] = kImmediateConstructor;
     raw[1] = static_cast<uint8_t>(data.size());

@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <string_view>
 
-#include "common/bytes.h"
+#include "common/box_header.h"
 
 namespace tool {
 namespace {
@@ -27,16 +27,19 @@ bool has_media_name(const fs::path& path) {
     return std::find(kEndings.begin(), kEndings.end(), ending) != kEndings.end();
 }
 
-// True when the file begins with a box that such a file may begin with.
+// Whether the file begins with a box that can be the first of a media file.
 bool begins_with_box(int file) {
     static constexpr std::array<std::string_view, 10> kTypes = {
         "ftyp", "moov", "mdat", "moof", "styp", "sidx", "free", "skip", "wide", "pnot"};
-    std::array<uint8_t, 8> head{};
+    std::array<uint8_t, kestrel::kBoxHeader> head{};
     if (pread(file, head.data(), head.size(), 0) != static_cast<ssize_t>(head.size())) return false;
-    const uint32_t size = kestrel::load_be32(head.data());
-    const std::string_view type(reinterpret_cast<const char*>(&head[4]), 4);
-    return (size < 2 || size >= head.size()) &&
-           std::find(kTypes.begin(), kTypes.end(), type) != kTypes.end();
+    const kestrel::BoxHeader header = kestrel::load_box_header(head.data());
+    const bool has_size = header.size >= kestrel::kBoxHeader ||
+                          header.size == kestrel::kSizeToEnd ||
+                          header.size == kestrel::kSizeIs64Bits;
+    return has_size && std::any_of(kTypes.begin(), kTypes.end(), [&](std::string_view type) {
+               return kestrel::fourcc(type) == header.type;
+           });
 }
 
 bool is_media(const fs::path& path) {

@@ -18,7 +18,7 @@ constexpr uint32_t kLongestAccepted = 1400;  // bytes of a packet that the funct
 constexpr char kBarsLegend[] = "; full colour: the mean, pale: the most";
 constexpr double kLabelled = 0.97;  // of the height; the title stands above
 constexpr size_t kBarsApart = 80;   // so many bars at most stand apart
-constexpr double kMostDrawn = 1e9;  // bits per second; more is no rate of a clip
+constexpr double kMaxDrawn = 1e9;   // bits per second; more is no rate of a clip
 
 // The largest of 1, 2 and 5 times a power of ten that is not above `value`.
 double nice_below(double value) {
@@ -77,8 +77,8 @@ class Figure {
                        until, y, y);
     }
     void add(const std::string& shape) { svg_ += shape; }
-    // A line of the table of figures, for those who have no pointer to rest on a bar.
-    void tell(const std::string& when, const std::string& what) {
+    // Adds a row to the table of figures, for readers without a pointer.
+    void add_row(const std::string& when, const std::string& what) {
         rows_ += "<tr><td>" + escape(when) + "</td><td>" + escape(what) + "</td></tr>";
     }
 
@@ -174,7 +174,7 @@ void add_values(Figure& figure, const std::vector<Range>& columns, const Grid& g
     }
     figure.add(bars(columns, grid, scale, unit, limit));
     for (size_t i = 0; i < columns.size(); ++i) {
-        if (columns[i].count > 0) figure.tell(grid.when(i), show_range(columns[i], unit));
+        if (columns[i].count > 0) figure.add_row(grid.when(i), show_range(columns[i], unit));
     }
 }
 
@@ -238,7 +238,7 @@ std::string byte_axis(uint64_t size, double gone) {
 
 std::string rate_chart(const TrackFigures& figures, double total) {
     if (figures.rate.empty()) return "";
-    if (figures.peak_rate > kMostDrawn) {
+    if (figures.peak_rate > kMaxDrawn) {
         return "<p class=\"note poor\">The declared durations make a bit rate of " +
                show_rate(figures.peak_rate) + ", which is not drawn.</p>\n";
     }
@@ -264,7 +264,7 @@ std::string rate_chart(const TrackFigures& figures, double total) {
             show_rate(figures.rate[i]) + (is_lost ? ", past the end of the file" : "");
         if (is_lost) hovers += rect("lost", grid.x(i), grid.width(i), y, kHigh - y, text);
         hovers += rect("hover", grid.x(i), grid.width(i), 0, kHigh, text + " at " + grid.when(i));
-        figure.tell(grid.when(i), text);
+        figure.add_row(grid.when(i), text);
     }
     figure.add("<path class=\"area\" d=\"M0 100L" + path + "V100Z\"/>");
     figure.add_line("base", kHigh, kWide);

@@ -215,9 +215,9 @@ class Page {
         add_tile("Duration", data_.seconds > 0 ? show_seconds(data_.seconds) : "–", "");
         // With a part of the file gone, neither would be true.
         const char* unknown = "data is missing";
-        constexpr double kMostShown = 1e9;  // bits per second
+        constexpr double kMaxShown = 1e9;  // bits per second
         const bool whole = gone_ == 0;
-        const bool rated = whole && data_.seconds > 0 && size * 8 / data_.seconds < kMostShown;
+        const bool rated = whole && data_.seconds > 0 && size * 8 / data_.seconds < kMaxShown;
         add_tile("Bit rate", rated ? show_rate(size * 8 / data_.seconds) : "–",
                  rated    ? "of the whole file"
                  : !whole ? unknown

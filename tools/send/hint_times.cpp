@@ -5,8 +5,9 @@
 #include <array>
 #include <span>
 
-#include "common/bytes.h"
+#include "common/box_header.h"
 #include "interface/src/isoff/record/private.h"
+#include "native/codec/rtp_hint_sample.h"
 
 namespace tool {
 
@@ -83,9 +84,8 @@ double sync_time_before(const iso_track* track, double seconds) {
 // --- packet entries ---
 
 void PacketEntries::begin_sample(int32_t sample) {
-    constexpr int64_t kHeader = 4;
     sample_ = sample;
-    at_ = kHeader;
+    at_ = kestrel::kHintHeaderSize;
 }
 
 bool PacketEntries::read(void* to, uint32_t count) {
@@ -97,38 +97,38 @@ bool PacketEntries::read(void* to, uint32_t count) {
 
 // The offset of the timestamp in the extra information that ends at `end`.
 int32_t PacketEntries::find_offset(int64_t end) {
-    constexpr uint32_t kOffsetType = 0x7274706F;  // "rtpo"
-    constexpr int64_t kHeader = 8, kShortest = kHeader + 4;
+    constexpr uint32_t kOffsetType = kestrel::fourcc("rtpo");
+    constexpr int64_t kHeader = kestrel::kBoxHeader, kShortest = kHeader + 4;
     constexpr int kMaxEntries = 64;
     for (int i = 0; i < kMaxEntries && end - at_ >= kShortest; ++i) {
         const int64_t begin = at_;
         std::array<uint8_t, kShortest> entry{};
         if (!read(entry.data(), entry.size())) return 0;
-        if (kestrel::load_be32(&entry[4]) == kOffsetType)
+        const kestrel::BoxHeader header = kestrel::load_box_header(entry.data());
+        if (header.type == kOffsetType)
             return static_cast<int32_t>(kestrel::load_be32(&entry[kHeader]));
         constexpr int64_t kAligned = 4;
-        const int64_t size = std::max<int64_t>(kestrel::load_be32(entry.data()), kHeader);
+        const int64_t size = std::max<int64_t>(header.size, kHeader);
         at_ = begin + (size + kAligned - 1) / kAligned * kAligned;
     }
     return 0;
 }
 
 PacketTimes PacketEntries::next() {
-    constexpr uint8_t kHasExtra = 4;
-    constexpr int64_t kConstructor = 16;
-    std::array<uint8_t, 12> entry{};
-    if (!read(entry.data(), entry.size())) return {};
+    std::array<uint8_t, kestrel::kPacketEntrySize> raw{};
+    if (!read(raw.data(), raw.size())) return {};
+    const kestrel::PacketEntry entry = kestrel::load_packet_entry(raw.data());
     PacketTimes times;
-    times.sent = static_cast<int32_t>(kestrel::load_be32(entry.data()));
-    if ((entry[9] & kHasExtra) != 0) {
+    times.sent = entry.relative_time;
+    if (entry.has_extra_information()) {
         const int64_t begin = at_;
-        std::array<uint8_t, 4> length{};
+        std::array<uint8_t, kestrel::kExtraLengthSize> length{};
         if (!read(length.data(), length.size())) return {};
         const int64_t end = begin + kestrel::load_be32(length.data());
         times.shown = find_offset(end);
         at_ = end;
     }
-    at_ += kConstructor * kestrel::load_be16(&entry[10]);
+    at_ += int64_t{kestrel::kConstructorSize} * entry.constructors;
     return times;
 }
 

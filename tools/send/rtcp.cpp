@@ -12,34 +12,32 @@ namespace {
 enum PacketType : uint8_t { kSenderReport = 200, kDescription = 202, kBye = 203 };
 
 constexpr uint8_t kVersion2 = 0x80;
-constexpr size_t kWord = 4;  // bytes in which lengths are counted
+constexpr size_t kWord = 4;  // bytes; lengths are in words
 
 using Bytes = std::vector<uint8_t>;
 
 void put32(Bytes& to, uint32_t number) {
-    to.resize(to.size() + kWord);
-    kestrel::store_be32(&to[to.size() - kWord], number);
+    kestrel::append_be(to, number, kWord);
 }
 
-// Adds a packet with the number of sources or reports in it.
+// Appends a packet that has `count` sources or reports.
 void add_packet(Bytes& to, PacketType type, uint8_t count, std::span<const uint8_t> body) {
     const auto words = static_cast<uint32_t>(body.size() / kWord);
     put32(to, uint32_t{kVersion2} << 24 | uint32_t{count} << 24 | uint32_t{type} << 16 | words);
-    to.insert(to.end(), body.begin(), body.end());
+    kestrel::append(to, body);
 }
 
 Bytes report_body(const SenderReport& report) {
     Bytes body;
     put32(body, report.ssrc);
-    put32(body, static_cast<uint32_t>(report.ntp_time >> 32));
-    put32(body, static_cast<uint32_t>(report.ntp_time));
+    kestrel::append_be(body, report.ntp_time, 2 * kWord);
     put32(body, report.rtp_time);
     put32(body, report.packets);
     put32(body, report.octets);
     return body;
 }
 
-// One chunk with one item, ended by zeros up to a whole word.
+// One source with one item. Zeros end the items and fill the last word.
 Bytes description_body(uint32_t ssrc, const std::string& canonical_name) {
     constexpr uint8_t kCanonicalName = 1;
     constexpr size_t kLongest = 255;

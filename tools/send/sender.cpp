@@ -5,11 +5,13 @@
 #include <array>
 #include <cmath>
 
-#include "common/bytes.h"
+#include "native/codec/rtp_header.h"
 #include "tools/report/markup.h"
 
 namespace tool {
 namespace {
+
+using kestrel::RtpLayout;
 
 constexpr double kClockWrap = 4294967296.0;  // 2^32
 
@@ -84,13 +86,12 @@ uint32_t SentTrack::rtp_time(double seconds) const {
 }
 
 void SentTrack::send(double shift) {
-    kestrel::store_be16(&packet_[2], sequence_++);
-    kestrel::store_be32(&packet_[4], rtp_time(shown_ + shift));
-    kestrel::store_be32(&packet_[8], ssrc_);
+    kestrel::store_be16(&packet_[RtpLayout::kSequence], sequence_++);
+    kestrel::store_be32(&packet_[RtpLayout::kTime], rtp_time(shown_ + shift));
+    kestrel::store_be32(&packet_[RtpLayout::kSsrc], ssrc_);
     rtp_.send(packet_);
     ++sent_packets_;
-    constexpr size_t kRtpHeader = 12;
-    sent_octets_ += packet_.size() - kRtpHeader;
+    sent_octets_ += packet_.size() - kestrel::kRtpHeaderSize;
     make_next();
 }
 
@@ -145,7 +146,7 @@ Sender::Sender(HintTracks& tracks, const UdpAddress& to, uint16_t first_port,
         throw Error(format("--from is after the end, which is at %.0f ms", end_ * 1000));
     if (options.loop && end_ <= from_) throw Error("--loop: the media take no time");
     constexpr double kShortestPass = 0.1;  // seconds
-    pass_ = std::max(end_ - from_, kShortestPass);
+    round_ = std::max(end_ - from_, kShortestPass);
 }
 
 Sender::Clock::time_point Sender::time_of(double position) const {
@@ -191,7 +192,7 @@ SentTrack* Sender::earliest() {
     return first;
 }
 
-bool Sender::send_pass() {
+bool Sender::send_round() {
     for (const auto& track : tracks_)
         track->begin(from_);
     while (SentTrack* track = earliest()) {
@@ -199,14 +200,14 @@ bool Sender::send_pass() {
         if (!signals_.sleep_until(pace_.admit(Clock::now()))) return false;
         track->send(shift_);
     }
-    return wait_until((options_.loop ? from_ + pass_ : end_) + shift_);
+    return wait_until((options_.loop ? from_ + round_ : end_) + shift_);
 }
 
 int Sender::run() {
     start_ = Clock::now();
     report(Leaving::kNo);
-    while (send_pass() && options_.loop && lacks_of(hints_).empty())
-        shift_ += pass_;
+    while (send_round() && options_.loop && lacks_of(hints_).empty())
+        shift_ += round_;
     // A receiver that reads RTCP first would end before it has read the last packets.
     constexpr auto kMomentToRead = std::chrono::milliseconds(500);
     signals_.sleep_until(Clock::now() + kMomentToRead);  // not after a signal

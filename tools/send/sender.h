@@ -96,8 +96,7 @@ class Sender {
   private:
     using Clock = Pace::Clock;
 
-    bool send_pass();
-    void begin_pass();
+    bool send_round();
     SentTrack* earliest();
     bool wait_until(double position);
     Clock::time_point time_of(double position) const;
@@ -110,8 +109,8 @@ class Sender {
     std::string canonical_name_;
     std::vector<std::unique_ptr<SentTrack>> tracks_;
     double from_ = 0, end_ = 0;  // presentation times
-    double pass_ = 0;            // how long one takes
-    double shift_ = 0;           // of the passes before
+    double round_ = 0;           // duration of one round
+    double shift_ = 0;           // of the rounds before
     Clock::time_point start_;
     Clock::time_point next_report_;
     Pace pace_;

@@ -4,8 +4,8 @@
 
 #include "common/clock.h"
 #include "interface/src/isoff/record/record.h"
+#include "interface/src/mmfi/delivery.h"
 #include "interface/src/mmfi/frame_store.h"
-#include "interface/src/mmfi/host_chunk.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/native_records.h"
 #include "native/codec/amr_format.h"
@@ -53,39 +53,41 @@ uint32_t frame_count(iso_track* track, const Band& band) {
     return frames;
 }
 
-int32_t put_property_record(mm_Interface* record, const Band& band, HostChunk chunk) {
-    if (!chunk.holds(sizeof(PROP_Header_Info))) return chunk.ask_for(sizeof(PROP_Header_Info));
+int32_t put_property_record(mm_Interface* record, const Band& band, Delivery delivery) {
+    if (!delivery.holds(sizeof(PROP_Header_Info)))
+        return delivery.ask_for(sizeof(PROP_Header_Info));
     record->reader_state = kCodecRecord;
-    return chunk.deliver(static_cast<uint32_t>(
-        tel_put_hdr_aud_prop(chunk.bytes(), frame_count(record->track, band))));
+    return delivery.deliver(static_cast<uint32_t>(
+        tel_put_hdr_aud_prop(delivery.bytes(), frame_count(record->track, band))));
 }
 
-int32_t put_codec_record(mm_Interface* record, const Band& band, HostChunk chunk) {
-    if (!chunk.holds(sizeof(AUD_Codec_Header))) return chunk.ask_for(sizeof(AUD_Codec_Header));
+int32_t put_codec_record(mm_Interface* record, const Band& band, Delivery delivery) {
+    if (!delivery.holds(sizeof(AUD_Codec_Header)))
+        return delivery.ask_for(sizeof(AUD_Codec_Header));
     record->reader_state = kIndexRecord;
-    const int written = band.put_codec(chunk.bytes());
+    const int written = band.put_codec(delivery.bytes());
     // A code outside the status table, kept on purpose.
-    if (written < 0) return chunk.deliver(0, KST_CODEC_RECORD_FAILED);
-    return chunk.deliver(static_cast<uint32_t>(written));
+    if (written < 0) return delivery.deliver(0, KST_CODEC_RECORD_FAILED);
+    return delivery.deliver(static_cast<uint32_t>(written));
 }
 
-int32_t put_index_record(mm_Interface* record, const Band& band, HostChunk chunk) {
-    if (!chunk.holds(sizeof(AUD_Header_IndxInfo)))
-        return chunk.ask_for(sizeof(AUD_Header_IndxInfo));
+int32_t put_index_record(mm_Interface* record, const Band& band, Delivery delivery) {
+    if (!delivery.holds(sizeof(AUD_Header_IndxInfo)))
+        return delivery.ask_for(sizeof(AUD_Header_IndxInfo));
     record->reader_state = kFileInfoRecord;
-    return chunk.deliver(static_cast<uint32_t>(
-        tel_put_hdr_aud_index(chunk.bytes(), frame_count(record->track, band))));
+    return delivery.deliver(static_cast<uint32_t>(
+        tel_put_hdr_aud_index(delivery.bytes(), frame_count(record->track, band))));
 }
 
-int32_t put_file_info_record(mm_Interface* record, const Band& band, HostChunk chunk) {
-    if (!chunk.holds(sizeof(VID_FileInfo))) return chunk.ask_for(sizeof(VID_FileInfo));
+int32_t put_file_info_record(mm_Interface* record, const Band& band, Delivery delivery) {
+    if (!delivery.holds(sizeof(VID_FileInfo))) return delivery.ask_for(sizeof(VID_FileInfo));
     record->reader_state = kFrameHeader;
     double duration = 0.0;
     isoFFtrackInfo(record->track, nullptr, nullptr, &duration, nullptr);
-    const int written = tel_put_hdr_fileInfo(chunk.bytes(), duration);
+    const int written = tel_put_hdr_fileInfo(delivery.bytes(), duration);
     tel_native_init(&record->native, band.amr.native_payload_type, kMaxPacketBytes,
                     NATIVE_MODE_PLAIN, record->track, 0);
-    return chunk.deliver(static_cast<uint32_t>(written));
+    return delivery.deliver(static_cast<uint32_t>(written));
 }
 
 // Stages the next sample that holds anything. Returns KST_SUCCESS, KST_END_OF_FILE, KST_NOT_YET, or
@@ -133,55 +135,55 @@ void step_clock(tel_native& native) {
 }
 
 // Not-yet leaves a frame record without a frame in the buffer, and delivers nothing.
-int32_t deliver_not_yet(HostChunk chunk) {
+int32_t deliver_not_yet(Delivery delivery) {
     const uint32_t record[sizeof(AUD_AudFrame_Native) / sizeof(uint32_t)] = {
         0, sizeof(AUD_AudFrame_Native)};
-    std::memcpy(chunk.bytes(), record, sizeof record);
-    return chunk.deliver(0, KST_NOT_YET);
+    std::memcpy(delivery.bytes(), record, sizeof record);
+    return delivery.deliver(0, KST_NOT_YET);
 }
 
-int32_t put_frame_header(mm_Interface* record, const Band& band, HostChunk chunk) {
-    if (!chunk.holds(kFrameHeaderSize)) return chunk.ask_for(kFrameHeaderSize);
+int32_t put_frame_header(mm_Interface* record, const Band& band, Delivery delivery) {
+    if (!delivery.holds(kFrameHeaderSize)) return delivery.ask_for(kFrameHeaderSize);
     const bool new_sample = Staging(record).count() == 0;
     const int32_t status = new_sample ? stage_sample(record) : int32_t{KST_SUCCESS};
-    if (status == KST_NOT_YET) return deliver_not_yet(chunk);
-    if (status != KST_SUCCESS) return chunk.deliver(0, status);
+    if (status == KST_NOT_YET) return deliver_not_yet(delivery);
+    if (status != KST_SUCCESS) return delivery.deliver(0, status);
 
     record->reader_state = kFrameBytes;
     const uint32_t frame_size = take_frame(record, band);
     step_clock(record->native);
-    band.put_frame(chunk.bytes(), &record->native, frame_size + kFrameOverhead);
-    std::memset(chunk.bytes() + sizeof(AUD_AudFrame_Native), 0, kZeroWord);
+    band.put_frame(delivery.bytes(), &record->native, frame_size + kFrameOverhead);
+    std::memset(delivery.bytes() + sizeof(AUD_AudFrame_Native), 0, kZeroWord);
     record->auxiliary_count = static_cast<uint16_t>(frame_size + kModeByte);
-    return chunk.deliver(kFrameHeaderSize, new_sample
-                                               ? mmfi_seek(record->track, record->track->cur_offset)
-                                               : int32_t{KST_SUCCESS});
+    return delivery.deliver(
+        kFrameHeaderSize,
+        new_sample ? mmfi_seek(record->track, record->track->cur_offset) : int32_t{KST_SUCCESS});
 }
 
-int32_t put_frame_bytes(mm_Interface* record, HostChunk chunk) {
-    if (!chunk.holds(record->auxiliary_count)) return chunk.ask_for(record->auxiliary_count);
+int32_t put_frame_bytes(mm_Interface* record, Delivery delivery) {
+    if (!delivery.holds(record->auxiliary_count)) return delivery.ask_for(record->auxiliary_count);
     record->reader_state = kFrameHeader;
-    std::memcpy(chunk.bytes(), record->mode_byte(), record->auxiliary_count);
-    return chunk.deliver(record->auxiliary_count);
+    std::memcpy(delivery.bytes(), record->mode_byte(), record->auxiliary_count);
+    return delivery.deliver(record->auxiliary_count);
 }
 
-int32_t read_audio(mm_Interface* record, const Band& band, HostChunk chunk, bool arriving) {
+int32_t read_audio(mm_Interface* record, const Band& band, Delivery delivery, bool arriving) {
     begin_read(record, arriving);
     switch (record->reader_state) {
         case kPropertyRecord:
-            return put_property_record(record, band, chunk);
+            return put_property_record(record, band, delivery);
         case kCodecRecord:
-            return put_codec_record(record, band, chunk);
+            return put_codec_record(record, band, delivery);
         case kIndexRecord:
-            return put_index_record(record, band, chunk);
+            return put_index_record(record, band, delivery);
         case kFileInfoRecord:
-            return put_file_info_record(record, band, chunk);
+            return put_file_info_record(record, band, delivery);
         case kFrameHeader:
-            return put_frame_header(record, band, chunk);
+            return put_frame_header(record, band, delivery);
         case kFrameBytes:
-            return put_frame_bytes(record, chunk);
+            return put_frame_bytes(record, delivery);
         default:
-            return chunk.deliver(0);
+            return delivery.deliver(0);
     }
 }
 

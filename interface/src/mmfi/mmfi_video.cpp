@@ -4,8 +4,8 @@
 
 #include "common/ratio.h"
 #include "interface/src/isoff/read/rtp_packets.h"
+#include "interface/src/mmfi/delivery.h"
 #include "interface/src/mmfi/frame_store.h"
-#include "interface/src/mmfi/host_chunk.h"
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "interface/src/mmfi/video_frames.h"
 #include "kestrel/native_records.h"
@@ -74,11 +74,11 @@ double duration_of(iso_track* track) {
 
 class VideoReader {
   public:
-    VideoReader(mm_Interface* record, const Codec& codec, HostChunk chunk)
+    VideoReader(mm_Interface* record, const Codec& codec, Delivery delivery)
         : record_(record),
           codec_(codec),
           hint_(attached_hint_track(record->track)),
-          chunk_(chunk) {}
+          delivery_(delivery) {}
 
     int32_t read();
 
@@ -97,7 +97,7 @@ class VideoReader {
     mm_Interface* record_;
     const Codec& codec_;
     iso_track* hint_;  // null on the sample path
-    HostChunk chunk_;
+    Delivery delivery_;
 };
 
 Gathered VideoReader::gather(bool first) {
@@ -108,14 +108,15 @@ Gathered VideoReader::gather(bool first) {
 // frame again, instead of delivering packets that were never staged.
 int32_t VideoReader::deliver_nothing(int32_t status, ReaderState state) {
     record_->reader_state = state;
-    return chunk_.deliver(0, status);
+    return delivery_.deliver(0, status);
 }
 
 int32_t VideoReader::put_property_record() {
-    if (!chunk_.holds(sizeof(PROP_Header_Info))) return chunk_.ask_for(sizeof(PROP_Header_Info));
+    if (!delivery_.holds(sizeof(PROP_Header_Info)))
+        return delivery_.ask_for(sizeof(PROP_Header_Info));
     record_->reader_state = kHeaderRecords;
-    return chunk_.deliver(
-        static_cast<uint32_t>(codec_.put_prop(chunk_.bytes(), rates_of(record_->track).frames)));
+    return delivery_.deliver(
+        static_cast<uint32_t>(codec_.put_prop(delivery_.bytes(), rates_of(record_->track).frames)));
 }
 
 // All header records after the property record.
@@ -124,7 +125,7 @@ uint32_t VideoReader::header_records_size() const {
 }
 
 void VideoReader::append_header_records() {
-    unsigned char* to = chunk_.bytes();
+    unsigned char* to = delivery_.bytes();
     std::memset(to, 0, header_records_size());  // the H.264 record leaves some bytes alone
     to += tel_put_hdr_vid_nts(to);
     to += tel_put_hdr_vid_index(to);
@@ -137,17 +138,17 @@ void VideoReader::append_header_records() {
 // where the next data lies.
 int32_t VideoReader::keep_and_reposition(const Gathered& gathered, uint32_t frame_record_at) {
     record_->kept_frame = frame_record(Staging(record_).count(), gathered.packets);
-    put_record(chunk_.bytes() + frame_record_at, record_->kept_frame);
+    put_record(delivery_.bytes() + frame_record_at, record_->kept_frame);
     record_->reader_state = kFramePackets;
     iso_track* track = hint_ != nullptr ? hint_ : record_->track;
-    return chunk_.deliver(frame_record_at + static_cast<uint32_t>(sizeof(VID_Frame_Record)),
-                          mmfi_seek(track, track->cur_offset));
+    return delivery_.deliver(frame_record_at + static_cast<uint32_t>(sizeof(VID_Frame_Record)),
+                             mmfi_seek(track, track->cur_offset));
 }
 
 int32_t VideoReader::put_header_records() {
     const uint32_t headers = header_records_size();
     const auto needed = headers + static_cast<uint32_t>(sizeof(VID_Frame_Record));
-    if (!chunk_.holds(needed)) return chunk_.ask_for(needed);
+    if (!delivery_.holds(needed)) return delivery_.ask_for(needed);
     // An H.263 stream's name depends on its packets; an MPEG-4 sample may replace the configuration
     // that belongs into these records.
     if (hint_ == nullptr) append_header_records();
@@ -167,21 +168,22 @@ int32_t VideoReader::put_frame_packets() {
     const uint32_t padding = record_->kept_frame.padding;
     const auto words = static_cast<uint32_t>(sizeof(VID_Frame_Words));
     const uint32_t needed = words + staged + padding;
-    if (!chunk_.holds(needed)) return chunk_.ask_for(needed);
+    if (!delivery_.holds(needed)) return delivery_.ask_for(needed);
     record_->reader_state = kFrameRecord;
-    unsigned char* to = chunk_.bytes();
+    unsigned char* to = delivery_.bytes();
     put_record(to, kFrameWords);
     std::memcpy(to + words, staging.bytes(), staged);
     std::memset(to + words + staged, 0, padding);
-    return chunk_.deliver(needed);
+    return delivery_.deliver(needed);
 }
 
 int32_t VideoReader::put_frame_record() {
-    if (!chunk_.holds(sizeof(VID_Frame_Record))) return chunk_.ask_for(sizeof(VID_Frame_Record));
+    if (!delivery_.holds(sizeof(VID_Frame_Record)))
+        return delivery_.ask_for(sizeof(VID_Frame_Record));
     if (hint_ != nullptr) record_->kept_frame = VID_Frame_Record{};
     const Gathered gathered = gather(false);
     if (gathered.status == KST_SUCCESS) return keep_and_reposition(gathered, 0);
-    if (gathered.status == KST_NOT_YET) put_record(chunk_.bytes(), record_->kept_frame);
+    if (gathered.status == KST_NOT_YET) put_record(delivery_.bytes(), record_->kept_frame);
     if (gathered.status == KST_FAILURE) record_->status = KST_FAILURE;
     return deliver_nothing(gathered.status, kFrameRecord);
 }
@@ -197,7 +199,7 @@ int32_t VideoReader::read() {
         case kFrameRecord:
             return put_frame_record();
         default:
-            return chunk_.deliver(0);
+            return delivery_.deliver(0);
     }
 }
 

@@ -100,21 +100,21 @@ class ColumnReader {
         value = wide ? static_cast<int64_t>(bits) : static_cast<int32_t>(bits);
     }
     void id(char (&code)[5]) { has_codes_ = next().id(code) && has_codes_; }
-    void reserved(uint32_t count) { passed_ += count; }
-    void constant16(uint32_t) { passed_ += 2; }
-    void constant32(uint32_t) { passed_ += 4; }
+    void reserved(uint32_t count) { skipped_ += count; }
+    void constant16(uint32_t) { skipped_ += 2; }
+    void constant32(uint32_t) { skipped_ += 4; }
 
     // Whether every four-character code could be read.
     bool has_codes() const { return has_codes_; }
 
   private:
     BoxReader& next() {
-        if (passed_ != 0) box_.skip(std::exchange(passed_, 0));
+        if (skipped_ != 0) box_.skip(std::exchange(skipped_, 0));
         return box_;
     }
 
     BoxReader& box_;
-    uint32_t passed_ = 0;
+    uint32_t skipped_ = 0;
     bool has_codes_ = true;
 };
 

@@ -11,16 +11,11 @@ namespace {
 // What a walk of a whole file may cover: as much as offsets reach.
 constexpr int64_t kOpenEnded = UINT32_MAX;
 
-struct BoxHeader {
-    uint32_t size;
-    uint32_t type;
-};
-
 bool read_box_header(iso_file* file, BoxHeader& header) {
     if (file->in_moov_buffer && file->moov_left == 0) return false;
     uint8_t raw[kBoxHeader];
     if (!getbytes(file, raw, sizeof raw)) return false;
-    header = {load_be32(raw), load_be32(raw + 4)};
+    header = load_box_header(raw);
     return true;
 }
 
@@ -34,7 +29,7 @@ const isobox* find(const isobox* table, uint32_t type) {
 // Runs a handler on a box inside `moov`: it sees the box's own bytes only.
 int run_bounded(iso_file* file, const isobox* box, uint32_t size, bool to_end) {
     const uint32_t left = file->moov_left;
-    const bool is_skipped = box == nullptr || box->handler == pass_over;
+    const bool is_skipped = box == nullptr || box->handler == skip_body;
     if (!to_end && size > left) {
         remark_end_of_buffer(file, is_skipped ? "seek_buf" : "read_buf", size);
     }
@@ -50,7 +45,7 @@ int run_box(iso_file* file, const isobox* table, const BoxHeader& header) {
     const uint32_t size = to_end ? 0 : header.size - kBoxHeader;
     if (file->in_moov_buffer) return run_bounded(file, box, size, to_end);
     BoxReader reader(file, size);
-    return box == nullptr ? pass_over(reader) : box->handler(reader);
+    return box == nullptr ? skip_body(reader) : box->handler(reader);
 }
 
 int walk(iso_file* file, const isobox* table, uint32_t size) {
@@ -61,7 +56,7 @@ int walk(iso_file* file, const isobox* table, uint32_t size) {
         // Bytes that cannot hold a box header are padding; some writers close `udta` with a zero
         // word.
         if (file->in_moov_buffer && left < kBoxHeader) return 0;
-        BoxHeader header{};
+        BoxHeader header;
         if (!read_box_header(file, header)) return at_end_of_input;
         if (header.size != 0 && header.size < kBoxHeader) {
             if (file->in_moov_buffer) remark(file, "skipping the rest: box size %u\n", header.size);
@@ -92,7 +87,7 @@ int parse_rest(BoxReader& box, const isobox* table) {
 }
 
 // Inside `moov` the walk itself moves past the box.
-int pass_over(BoxReader& box) {
+int skip_body(BoxReader& box) {
     return box.file()->in_moov_buffer || box.skip(box.size()) ? 0 : -1;
 }
 

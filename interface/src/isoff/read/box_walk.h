@@ -7,8 +7,6 @@
 
 namespace kestrel {
 
-inline constexpr uint32_t kBoxHeader = 8;
-
 struct isobox {
     const char* type;  // four characters; null ends a table
     // Reads the body. 0: go on; 1: end the walk successfully; any other value: end it with that
@@ -23,7 +21,7 @@ int parse(iso_file* file, const isobox* table, uint32_t size);
 int parse_rest(BoxReader& box, const isobox* table);
 
 // A handler for a box whose body is of no interest.
-int pass_over(BoxReader& box);
+int skip_body(BoxReader& box);
 
 // Counts and reports a track of the file that no record is made of, or one without its media.
 void lose_track(iso_file* file, const char* why);

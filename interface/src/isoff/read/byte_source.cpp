@@ -103,9 +103,8 @@ int skip(iso_file* file, uint32_t count) {
     if (count > UINT32_MAX - offset) return 0;  // past what any stream can hold
     // A host that stands still or goes back would have the same boxes walked again: since the last
     // call at least a box header was read.
-    constexpr uint32_t kBoxHeader = 8;
-    if (offset < uint64_t{file->own->passed_pos} + kBoxHeader) return -1;
-    file->own->passed_pos = offset + count;
+    if (offset < uint64_t{file->own->skip_target} + kBoxHeader) return -1;
+    file->own->skip_target = offset + count;
     if (kstutil_seek(file->stream, static_cast<int32_t>(offset + count)) == 0) return 1;
     return read_over(file, count);
 }

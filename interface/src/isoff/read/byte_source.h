@@ -3,7 +3,7 @@
 #ifndef KESTREL_ISOFF_BYTE_SOURCE_H
 #define KESTREL_ISOFF_BYTE_SOURCE_H
 
-#include "common/bytes.h"
+#include "common/box_header.h"
 #include "interface/src/isoff/record/record.h"
 
 namespace kestrel {

@@ -89,10 +89,10 @@ int read_mdat(BoxReader& box) {
     iso_file* file = box.file();
     file->mdat_start = file->file_pos;
     if (file->first_track != nullptr) return 1;  // samples are read from the stream when asked for
-    if (box.size() == 0 || file->mem_seek != nullptr) return pass_over(box);
+    if (box.size() == 0 || file->mem_seek != nullptr) return skip_body(box);
     systemfree(file->mdat_buffer);  // of an earlier one: the last before `moov` is kept
     file->mdat_buffer = nullptr;
-    if (box.size() > iso_mdat_buffer_max) return pass_over(box);
+    if (box.size() > iso_mdat_buffer_max) return skip_body(box);
     uint32_t read = 0;
     bool no_memory = false;
     file->mdat_buffer = read_growing(file, box.size(), read, no_memory);

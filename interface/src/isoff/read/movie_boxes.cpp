@@ -32,7 +32,7 @@ int read_sdp_text(BoxReader& box, char*& text) {
 }
 
 int read_track_sdp(BoxReader& box) {
-    if (box.track() == nullptr) return pass_over(box);
+    if (box.track() == nullptr) return skip_body(box);
     return read_sdp_text(box, box.track()->sdp_text);
 }
 
@@ -157,13 +157,13 @@ int read_stbl(BoxReader& box) {
     return walked != 0 ? walked : -1;
 }
 
-constexpr isobox dinf_box[] = {{"dref", pass_over}, {nullptr, nullptr}};
+constexpr isobox dinf_box[] = {{"dref", skip_body}, {nullptr, nullptr}};
 
 int read_dinf(BoxReader& box) {
     return parse_rest(box, dinf_box);
 }
 
-constexpr isobox minf_box[] = {{"smhd", pass_over}, {"vmhd", pass_over}, {"hmhd", pass_over},
+constexpr isobox minf_box[] = {{"smhd", skip_body}, {"vmhd", skip_body}, {"hmhd", skip_body},
                                {"dinf", read_dinf}, {"stbl", read_stbl}, {nullptr, nullptr}};
 
 int read_minf(BoxReader& box) {
@@ -202,7 +202,7 @@ int read_edts(BoxReader& box) {
     return parse_rest(box, edts_box);
 }
 
-constexpr isobox meta_box[] = {{"xml ", pass_over}, {nullptr, nullptr}};
+constexpr isobox meta_box[] = {{"xml ", skip_body}, {nullptr, nullptr}};
 
 int read_meta(BoxReader& box) {
     box.u32();  // version and flags
@@ -222,7 +222,7 @@ int read_hnti(BoxReader& box) {
     return parse_rest(box, hnti_box);
 }
 
-constexpr isobox udta_box[] = {{"hnti", read_hnti}, {"tsel", pass_over}, {nullptr, nullptr}};
+constexpr isobox udta_box[] = {{"hnti", read_hnti}, {"tsel", skip_body}, {nullptr, nullptr}};
 
 int read_udta(BoxReader& box) {
     return parse_rest(box, udta_box);
@@ -237,9 +237,10 @@ constexpr isobox trak_box[] = {{"tkhd", read_tkhd}, {"mdia", read_mdia}, {"edts"
 // Whether a `trak` begins with these bytes. The box that it holds first is looked at as well, so
 // that other bytes are hardly taken for one.
 bool is_track_header(std::span<const uint8_t> bytes) {
-    if (bytes.size() < 2 * kBoxHeader || load_be32(&bytes[4]) != fourcc("trak")) return false;
+    if (bytes.size() < 2 * kBoxHeader) return false;
+    if (load_box_header(bytes.data()).type != fourcc("trak")) return false;
     constexpr std::array kFirst = {"tkhd", "mdia", "edts", "tref", "udta", "meta"};
-    const uint32_t first = load_be32(&bytes[kBoxHeader + 4]);
+    const uint32_t first = load_box_header(&bytes[kBoxHeader]).type;
     return std::any_of(kFirst.begin(), kFirst.end(),
                        [=](const char* type) { return fourcc(type) == first; });
 }

@@ -15,25 +15,23 @@
 namespace kestrel {
 namespace {
 
-constexpr uint32_t kRtpVersion2 = 0x80000000;  // in the first word of a header
-constexpr uint8_t kPayloadType = 0x7F;
 constexpr long kEndOfTrackLine = 358;
 
 enum SeqRebase : uint32_t { kNoRebase = 0, kRebaseNext = 1, kRebased = 2 };
 
-// An entry in words, since that is how it is taken apart fastest. The first four of its bytes are
-// its relative transmission time, which is of no interest.
-struct PacketEntry {
-    uint32_t header;  // as the first word of an RTP header, the version left to us
+// The entry of a packet (PacketEntry of rtp_hint_sample.h) as two words, which is faster to take
+// apart. The relative transmission time is not used.
+struct EntryWords {
+    uint32_t header;  // the first word of an RTP header, without the version
     uint32_t rest;    // flags in 16 bits, count of constructors in 16
 
-    uint8_t payload_type() const { return header >> 16 & kPayloadType; }
+    uint8_t payload_type() const { return header >> 16 & kRtpPayloadType; }
     uint16_t sequence() const { return header & 0xFFFF; }
     uint16_t constructors() const { return rest & 0xFFFF; }
     bool has_extra_information() const { return (rest >> 16 & kExtraInformation) != 0; }
 };
 
-PacketEntry parse_entry(const uint8_t* raw) {
+EntryWords parse_entry(const uint8_t* raw) {
     return {load_be32(raw + 4), load_be32(raw + 8)};
 }
 
@@ -105,7 +103,7 @@ class PacketReader {
     void view_sample();
     int take_own(uint32_t count);
     int skip_extra_information();
-    int write_header(const PacketEntry& entry);
+    int write_header(const EntryWords& entry);
     int run_constructor();
     int copy_immediate();
     int copy_sample();
@@ -241,7 +239,7 @@ inline void PacketReader::next_sample() {
     if (!at_end()) advance_cursor(track_);
 }
 
-inline int PacketReader::write_header(const PacketEntry& entry) {
+inline int PacketReader::write_header(const EntryWords& entry) {
     uint8_t* header = to_;
     if (header == nullptr || !extend(kRtpHeaderSize)) return -1;
     track_->last_payload_type = entry.payload_type();
@@ -255,8 +253,8 @@ inline int PacketReader::write_header(const PacketEntry& entry) {
     track_->last_seq = sequence;
     track_->last_timestamp = timestamp;
     store_be32(header, (entry.header & 0xFFFF0000) | kRtpVersion2 | sequence);
-    store_be32(header + 4, timestamp);
-    store_be32(header + 8, ssrc);
+    store_be32(header + RtpLayout::kTime, timestamp);
+    store_be32(header + RtpLayout::kSsrc, ssrc);
     return 0;
 }
 
@@ -363,7 +361,7 @@ inline int PacketReader::build_packet() {
         view_sample();
     int result = take_own(kPacketEntrySize);
     if (result != 0) return result;
-    const PacketEntry entry = parse_entry(own_);
+    const EntryWords entry = parse_entry(own_);
     work().read_end = std::max(work().read_end, track_->cur_offset + offset_);
     count_steps(1u + entry.constructors());
     result = write_header(entry);

@@ -28,7 +28,7 @@ int read_snro(BoxReader& box) {
     return 0;
 }
 
-constexpr isobox sinf_box[] = {{"schm", pass_over}, {"schi", pass_over}, {nullptr, nullptr}};
+constexpr isobox sinf_box[] = {{"schm", skip_body}, {"schi", skip_body}, {nullptr, nullptr}};
 
 int read_srpp(BoxReader& box) {
     if (box.track() == nullptr) return 0;

@@ -9,8 +9,8 @@
 namespace kestrel {
 namespace {
 
-// How many samples of constant size the cursor may pass at once, of `wanted`: to the end of the
-// chunk at the most, and after the last chunk, where nothing ends any more, all of them.
+// How many samples of constant size one step may skip, of `wanted`: those up to the end of the
+// chunk; after the last chunk, all of them.
 uint32_t samples_at_once(const iso_track* track, uint32_t wanted) {
     if (track->sample_size == 0) return 1;
     if (track->cur_chunk >= track->chunk_count) return wanted;
@@ -84,7 +84,7 @@ void rewind_cursor(iso_track* track) {
 
 void advance_place(iso_track* track, uint32_t wanted) {
     const uint32_t samples = samples_at_once(track, wanted);
-    pass(track, samples, uint64_t{samples} * size_at_cursor(track));
+    skip_in_chunk(track, samples, uint64_t{samples} * size_at_cursor(track));
 }
 
 bool make_index(iso_track* track) {

@@ -87,8 +87,8 @@ bool make_index(iso_track* track);
 
 // --- the cursor ---
 
-// Passes as many samples as the cursor can pass in one step, at least one and at most `wanted`. The
-// times are left to the caller.
+// Moves the cursor past as many samples as one step can skip: at least one and at most `wanted`.
+// The caller moves the times.
 void advance_place(iso_track* track, uint32_t wanted);
 
 // Brings the times of the cursor, which were those of sample `from`, to where it stands.
@@ -106,8 +106,8 @@ inline uint32_t size_at_cursor(const iso_track* track) {
     return sample_size_of(track, track->cur_sample);
 }
 
-// Passes `samples` samples of one chunk, of `bytes` bytes together.
-inline void pass(iso_track* track, uint32_t samples, uint64_t bytes) {
+// Moves the cursor past `samples` samples of its chunk, which have `bytes` bytes in all.
+inline void skip_in_chunk(iso_track* track, uint32_t samples, uint64_t bytes) {
     track->cur_sample += static_cast<int32_t>(samples);
     track->cur_offset = saturating_add(track->cur_offset, bytes);
     if (track->cur_chunk >= track->chunk_count ||

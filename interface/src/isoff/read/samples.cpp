@@ -301,9 +301,8 @@ struct LowestTwo {
     }
 };
 
-// Samples of the track's entry that the cursor may pass at once, of those that begin before
-// `limit`: at least one.
-uint32_t samples_in_front(const iso_track* track, uint32_t limit) {
+// How many samples with one duration that begin before `limit` one step may skip: at least one.
+uint32_t samples_at_once_before(const iso_track* track, uint32_t limit) {
     if (track->sample_size == 0 || track->cur_offset >= limit) return 1;
     const uint32_t bytes = limit - track->cur_offset;
     const uint32_t samples = bytes / track->sample_size + (bytes % track->sample_size != 0 ? 1 : 0);
@@ -313,13 +312,13 @@ uint32_t samples_in_front(const iso_track* track, uint32_t limit) {
     return std::min({samples, left, same_duration});
 }
 
-// Passes the samples of `track` that lie before `limit`, at least one; returns their time.
-double pass_samples(iso_track* track, uint32_t limit) {
+// Skips the samples of `track` before offset `limit`, at least one. Returns their duration.
+double skip_samples_before(iso_track* track, uint32_t limit) {
     double units = 0.0;
     do {
         const int32_t from = track->cur_sample;
         const double duration = duration_at_cursor(track);
-        advance_place(track, samples_in_front(track, limit));
+        advance_place(track, samples_at_once_before(track, limit));
         units += duration * (track->cur_sample - from);
         move_times(track, from);
         if (track->cur_sample >= track->sample_count || track->cur_chunk >= track->chunk_count) {
@@ -355,7 +354,7 @@ double isoFFgetInterleave(iso_file* file) {
             if (cursors[i].sample_count > 0 && !done) lowest.consider(&cursors[i]);
         }
         if (lowest.second == nullptr) break;
-        longest = std::max(longest, pass_samples(lowest.first, lowest.second->cur_offset));
+        longest = std::max(longest, skip_samples_before(lowest.first, lowest.second->cur_offset));
     }
     systemfree(cursors);
     return longest;

@@ -39,7 +39,8 @@ void* next_block(const void* block) {
     return next;
 }
 
-// Starts a new block with room for `rounded` bytes.
+// Adds a block with space for `rounded` bytes. The records call an arena block a chunk; it has
+// nothing to do with the chunks of a track.
 bool getChunk(iso_file* file, size_t rounded) {
     const size_t size = rounded + kAllocationHeader >= kOwnBlockFrom
                             ? rounded + kAllocationHeader + kBlockHeader

@@ -87,7 +87,7 @@ struct iso_frame_buffer {
 struct iso_file_private : iso_file_details {
     iso_track* last_track;
     uint32_t remarks;         // lines about the file that were printed
-    uint32_t passed_pos;      // stream offset that passing over a box last asked for
+    uint32_t skip_target;     // stream offset after the box that was skipped last
     uint32_t walked_tracks;   // `trak` boxes of the movie box that the walk came to
     uint32_t headless_media;  // 1: the track at hand has an `mdia` before its `tkhd`
     uint64_t missing;         // end of the piece of a sample that could not be read; 0: none

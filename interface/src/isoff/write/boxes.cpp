@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "interface/src/isoff/write/boxes.h"
+
 #include <algorithm>
 #include <string_view>
 
-#include "interface/src/isoff/write/box_body.h"
 #include "interface/src/isoff/write/copied_boxes.h"
 #include "interface/src/isoff/write/writer.h"
 
@@ -18,83 +19,68 @@ bool is_hint(const iso_track* track) {
 
 // --- media ---
 
-uint64_t write_dref(Pass pass, std::span<uint8_t> to, const iso_track*) {
+uint64_t write_dinf(BoxWriter& out) {
     constexpr uint32_t kSameFile = 1;
-    BoxBody box(pass, to, "dref");
-    box.version_and_flags(0, 0);
-    box.u32(1);
-    box.u32(kBoxHeader + 4);
-    box.id("url ");
-    box.version_and_flags(0, kSameFile);
-    return box.finish();
+    return out.box(fourcc("dinf"), [&] {
+        out.full_box(fourcc("dref"), 0, 0, [&] {
+            out.u32(1);  // entry count
+            out.full_box(fourcc("url "), 0, kSameFile, [] {});
+        });
+    });
 }
 
-uint64_t write_dinf(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "dinf");
-    box.child(write_dref, track);
-    return box.finish();
+uint64_t write_hmhd(BoxWriter& out, const iso_track* track) {
+    return out.full_box(fourcc("hmhd"), 0, 0, [&] {
+        out.u16(std::min<uint32_t>(track->own->max_pdu, UINT16_MAX));
+        out.u16(std::min<uint32_t>(track->own->avg_pdu, UINT16_MAX));
+        out.u32(track->max_bitrate);
+        out.u32(track->avg_bitrate);
+        out.u32(0);
+    });
 }
 
-uint64_t write_hmhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "hmhd");
-    box.version_and_flags(0, 0);
-    box.u16(std::min<uint32_t>(track->own->max_pdu, UINT16_MAX));
-    box.u16(std::min<uint32_t>(track->own->avg_pdu, UINT16_MAX));
-    box.u32(track->max_bitrate);
-    box.u32(track->avg_bitrate);
-    box.u32(0);
-    return box.finish();
-}
-
-// The header that goes with the handler's first letter; none for other media.
-uint64_t write_media_header(Pass pass, std::span<uint8_t> to, const iso_track* track) {
+// Puts the header that the handler's first letter calls for; none for other media.
+uint64_t write_media_header(BoxWriter& out, const iso_track* track) {
     const CopiedBoxes* copied = track->own->copied;
     if (copied != nullptr && !copied->media_header.empty()) {
-        return write_copied(pass, to, &copied->media_header);
+        return out.copied(copied->media_header);
     }
-    const char handler = track->handler[0];
-    if (handler == 'h') return write_hmhd(pass, to, track);
-    if (handler != 's' && handler != 't' && handler != 'v') return 0;
-    BoxBody box(pass, to, handler == 's' ? "smhd" : handler == 't' ? "nmhd" : "vmhd");
-    box.version_and_flags(0, handler == 'v' ? 1 : 0);
-    if (handler == 's') box.u32(0);    // balance
-    if (handler == 'v') box.zeros(8);  // graphics mode and colour
-    return box.finish();
+    switch (track->handler[0]) {
+        case 'h':
+            return write_hmhd(out, track);
+        case 's':
+            return out.full_box(fourcc("smhd"), 0, 0, [&] { out.u32(0); });  // balance
+        case 't':
+            return out.full_box(fourcc("nmhd"), 0, 0, [] {});
+        case 'v':  // graphics mode and colour
+            return out.full_box(fourcc("vmhd"), 0, 1, [&] { out.zeros(8); });
+        default:
+            return 0;
+    }
 }
 
-uint64_t write_minf(Pass pass, std::span<uint8_t> to, iso_track* track) {
-    BoxBody box(pass, to, "minf");
-    box.child(write_media_header, track);
-    box.child(write_dinf, track);
-    box.child(write_stbl, track);
-    return box.finish();
+uint64_t write_minf(BoxWriter& out, iso_track* track) {
+    return out.box(fourcc("minf"), [&] {
+        write_media_header(out, track);
+        write_dinf(out);
+        write_stbl(out, track);
+    });
 }
 
-uint64_t write_mdhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "mdhd");
-    box.version_and_flags(0, 0);
-    ColumnWriter writer(box);
-    mdhd_columns(writer, *track);
-    return box.finish();
+uint64_t write_hdlr(BoxWriter& out, const iso_track* track) {
+    return out.full_box(fourcc("hdlr"), 0, 0, [&] {
+        hdlr_columns(out, *track);
+        if (track->own->copied != nullptr) out.text(track->own->copied->name);
+        out.u8(0);  // ends the name
+    });
 }
 
-uint64_t write_hdlr(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "hdlr");
-    box.version_and_flags(0, 0);
-    ColumnWriter writer(box);
-    hdlr_columns(writer, *track);
-    const CopiedBoxes* copied = track->own->copied;
-    if (copied != nullptr) box.bytes(copied->name.data(), copied->name.size());
-    box.u8(0);  // ends the name
-    return box.finish();
-}
-
-uint64_t write_mdia(Pass pass, std::span<uint8_t> to, iso_track* track) {
-    BoxBody box(pass, to, "mdia");
-    box.child(write_mdhd, track);
-    box.child(write_hdlr, track);
-    box.child(write_minf, track);
-    return box.finish();
+uint64_t write_mdia(BoxWriter& out, iso_track* track) {
+    return out.box(fourcc("mdia"), [&] {
+        out.full_box(fourcc("mdhd"), 0, 0, [&] { mdhd_columns(out, *track); });
+        write_hdlr(out, track);
+        write_minf(out, track);
+    });
 }
 
 // --- track ---
@@ -103,7 +89,7 @@ struct DisplaySize {
     uint32_t width, height;  // pixels, 16.16
 };
 
-// Pictures are displayed in their size, where nothing else is declared.
+// The display size is that of the pictures, unless another one is declared.
 DisplaySize display_size(const iso_track* track) {
     const iso_track_private& own = *track->own;
     const bool declared = own.display_width != 0 || own.display_height != 0;
@@ -112,164 +98,127 @@ DisplaySize display_size(const iso_track* track) {
     return {std::min(track->width, kMaxPixels) << 16, std::min(track->height, kMaxPixels) << 16};
 }
 
-uint64_t write_tkhd(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "tkhd");
-    box.version_and_flags(0, track->own->header_flags);
+uint64_t write_tkhd(BoxWriter& out, const iso_track* track) {
     const uint32_t duration = movie_duration(track);
     const DisplaySize display = display_size(track);
-    ColumnWriter writer(box);
-    tkhd_times(writer, *track, duration);
-    tkhd_rest(writer, *track, display.width, display.height);
-    return box.finish();
+    return out.full_box(fourcc("tkhd"), 0, track->own->header_flags, [&] {
+        tkhd_times(out, *track, duration);
+        tkhd_rest(out, *track, display.width, display.height);
+    });
 }
 
-uint64_t write_reference(Pass pass, std::span<uint8_t> to, const CopiedReference* reference) {
-    char type[4];
-    store_be32(reinterpret_cast<uint8_t*>(type), reference->type);
-    BoxBody box(pass, to, type);
-    for (const uint32_t id : reference->track_ids)
-        box.u32(id);
-    return box.finish();
-}
-
-uint64_t write_tref(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    const CopiedReference hint = {fourcc("hint"), {track->hint_track_ref}};
-    BoxBody box(pass, to, "tref");
-    if (is_hint(track)) box.child(write_reference, &hint);
-    if (track->own->copied != nullptr) {
-        for (const CopiedReference& reference : track->own->copied->references)
-            box.child(write_reference, &reference);
-    }
-    return box.finish();
-}
-
-bool has_references(const iso_track* track) {
+uint64_t write_tref(BoxWriter& out, const iso_track* track) {
+    const auto put = [&](const CopiedReference& reference) {
+        out.box(reference.type, [&] {
+            for (const uint32_t id : reference.track_ids)
+                out.u32(id);
+        });
+    };
     const CopiedBoxes* copied = track->own->copied;
-    return is_hint(track) || (copied != nullptr && !copied->references.empty());
+    if (!is_hint(track) && (copied == nullptr || copied->references.empty())) return 0;
+    return out.box(fourcc("tref"), [&] {
+        if (is_hint(track)) put({fourcc("hint"), {track->hint_track_ref}});
+        if (copied != nullptr)
+            std::for_each(copied->references.begin(), copied->references.end(), put);
+    });
 }
 
-uint64_t write_elst(Pass pass, std::span<uint8_t> to, const iso_track* track) {
+uint64_t write_edts(BoxWriter& out, const iso_track* track) {
+    if (track->own->edit_count <= 0) return 0;
     const std::span edits(track->own->edits, static_cast<size_t>(track->own->edit_count));
     const bool wide = std::any_of(edits.begin(), edits.end(), [](const iso_elst_entry& edit) {
         return edit.segment_duration > UINT32_MAX || edit.media_time > INT32_MAX ||
                edit.media_time < INT32_MIN;
     });
-    BoxBody box(pass, to, "elst");
-    box.version_and_flags(wide ? 1 : 0, 0);
-    box.u32(static_cast<uint32_t>(edits.size()));
-    ColumnWriter writer(box);
-    for (const iso_elst_entry& edit : edits)
-        columns(writer, edit, wide);
-    return box.finish();
+    return out.box(fourcc("edts"), [&] {
+        out.full_box(fourcc("elst"), wide ? 1 : 0, 0, [&] {
+            out.u32(static_cast<uint32_t>(edits.size()));
+            for (const iso_elst_entry& edit : edits)
+                columns(out, edit, wide);
+        });
+    });
 }
 
-uint64_t write_edts(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "edts");
-    box.child(write_elst, track);
-    return box.finish();
+uint64_t write_track_udta(BoxWriter& out, const char* sdp) {
+    if (sdp == nullptr) return 0;
+    return out.box(fourcc("udta"), [&] {
+        out.box(fourcc("hnti"), [&] { out.box(fourcc("sdp "), [&] { out.text(sdp); }); });
+    });
 }
 
-uint64_t write_track_sdp(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "sdp ");
-    box.bytes(track->sdp_text, std::strlen(track->sdp_text));
-    return box.finish();
-}
-
-uint64_t write_movie_sdp(Pass pass, std::span<uint8_t> to, const iso_file* file) {
-    BoxBody box(pass, to, "rtp ");
-    box.id("sdp ");  // description format
-    box.bytes(file->sdp_text, std::strlen(file->sdp_text));
-    return box.finish();
-}
-
-uint64_t write_track_hnti(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "hnti");
-    box.child(write_track_sdp, track);
-    return box.finish();
-}
-
-uint64_t write_movie_hnti(Pass pass, std::span<uint8_t> to, const iso_file* file) {
-    BoxBody box(pass, to, "hnti");
-    box.child(write_movie_sdp, file);
-    return box.finish();
-}
-
-uint64_t write_track_udta(Pass pass, std::span<uint8_t> to, const iso_track* track) {
-    BoxBody box(pass, to, "udta");
-    box.child(write_track_hnti, track);
-    return box.finish();
-}
-
-uint64_t write_movie_udta(Pass pass, std::span<uint8_t> to, const iso_file* file) {
-    BoxBody box(pass, to, "udta");
-    box.child(write_movie_hnti, file);
-    return box.finish();
+uint64_t write_movie_udta(BoxWriter& out, const char* sdp) {
+    if (sdp == nullptr) return 0;
+    return out.box(fourcc("udta"), [&] {
+        out.box(fourcc("hnti"), [&] {
+            out.box(fourcc("rtp "), [&] {
+                out.id("sdp ");  // description format
+                out.text(sdp);
+            });
+        });
+    });
 }
 
 // `meta` would stand before `udta`; the record has nothing for it.
-uint64_t write_trak(Pass pass, std::span<uint8_t> to, iso_track* track) {
-    BoxBody box(pass, to, "trak");
-    box.child(write_tkhd, track);
-    if (has_references(track)) box.child(write_tref, track);
-    if (track->own->edit_count > 0) box.child(write_edts, track);
-    box.child(write_mdia, track);
-    if (track->sdp_text != nullptr) box.child(write_track_udta, track);
-    return box.finish();
+uint64_t write_trak(BoxWriter& out, iso_track* track) {
+    return out.box(fourcc("trak"), [&] {
+        write_tkhd(out, track);
+        write_tref(out, track);
+        write_edts(out, track);
+        write_mdia(out, track);
+        write_track_udta(out, track->sdp_text);
+    });
 }
 
 // --- movie ---
 
-uint64_t write_mvhd(Pass pass, std::span<uint8_t> to, const iso_file* file) {
-    BoxBody box(pass, to, "mvhd");
-    box.version_and_flags(0, 0);
-    ColumnWriter writer(box);
-    mvhd_times(writer, *file);
-    mvhd_rest(writer, *file);
-    return box.finish();
+uint64_t write_mvhd(BoxWriter& out, const iso_file* file) {
+    return out.full_box(fourcc("mvhd"), 0, 0, [&] {
+        mvhd_times(out, *file);
+        mvhd_rest(out, *file);
+    });
 }
 
-// Initial object descriptor (ISO/IEC 14496-14, 5.1).
-uint64_t write_iods(Pass pass, std::span<uint8_t> to, const iso_file* file) {
+// Puts the initial object descriptor (ISO/IEC 14496-14, 5.1).
+uint64_t write_iods(BoxWriter& out, const iso_file* file) {
+    if (!file->own->copied_iods.empty()) return out.copied(file->own->copied_iods);
     constexpr uint8_t kInitialObjectDescriptor = 0x10;
     constexpr uint32_t kReservedBits = 0x0F;
     constexpr uint32_t kLength = 7;
-    constexpr uint32_t kNoCapability = 0xFF, kNotTold = 0xFE;  // 14496-1, table 5
-    const bool untold = file->own->has_visual && file->visual_profile == kNoCapability;
-    BoxBody box(pass, to, "iods");
-    box.version_and_flags(0, 0);
-    put_descriptor(box, kInitialObjectDescriptor, kLength);
-    box.u16(file->od_id << 6 | kReservedBits);
-    box.u8(file->od_profile);
-    box.u8(file->scene_profile);
-    box.u8(file->audio_profile);
-    box.u8(untold ? kNotTold : file->visual_profile);
-    box.u8(file->graphics_profile);
-    return box.finish();
+    constexpr uint32_t kNotRequired = 0xFF, kNotSpecified = 0xFE;  // 14496-1, table 5
+    const bool is_undeclared = file->own->has_visual && file->visual_profile == kNotRequired;
+    return out.full_box(fourcc("iods"), 0, 0, [&] {
+        out.descriptor(kInitialObjectDescriptor, kLength);
+        out.u16(file->od_id << 6 | kReservedBits);
+        out.u8(file->od_profile);
+        out.u8(file->scene_profile);
+        out.u8(file->audio_profile);
+        out.u8(is_undeclared ? kNotSpecified : file->visual_profile);
+        out.u8(file->graphics_profile);
+    });
 }
 
 }  // namespace
 
-uint64_t write_ftyp(Pass pass, std::span<uint8_t> to, const iso_file* file) {
+uint64_t write_ftyp(BoxWriter& out, const iso_file* file) {
     constexpr size_t kCode = 4;
-    BoxBody box(pass, to, "ftyp");
-    box.id(file->major_brand);
-    box.u32(static_cast<uint32_t>(file->minor_version));
     const std::string_view brands =
         file->compatible_brands == nullptr ? "" : file->compatible_brands;
-    for (size_t at = 0; at + kCode <= brands.size(); at += kCode + 1)
-        box.bytes(brands.data() + at, kCode);
-    return box.finish();
+    return out.box(fourcc("ftyp"), [&] {
+        out.id(file->major_brand);
+        out.u32(file->minor_version);
+        for (size_t at = 0; at + kCode <= brands.size(); at += kCode + 1)
+            out.text(brands.substr(at, kCode));
+    });
 }
 
-uint64_t write_moov(Pass pass, std::span<uint8_t> to, iso_file* file) {
-    BoxBody box(pass, to, "moov");
-    box.child(write_mvhd, file);
-    const std::span<const uint8_t> iods = file->own->copied_iods;
-    iods.empty() ? box.child(write_iods, file) : box.child(write_copied, &iods);
-    for (iso_track* track = file->first_track; track != nullptr; track = track->next)
-        box.child(write_trak, track);
-    if (file->sdp_text != nullptr) box.child(write_movie_udta, file);
-    return box.finish();
+uint64_t write_moov(BoxWriter& out, iso_file* file) {
+    return out.box(fourcc("moov"), [&] {
+        write_mvhd(out, file);
+        write_iods(out, file);
+        for (iso_track* track = file->first_track; track != nullptr; track = track->next)
+            write_trak(out, track);
+        write_movie_udta(out, file->sdp_text);
+    });
 }
 
 uint32_t movie_duration(const iso_track* track) {

@@ -1,29 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
-// The box writers.
+// The box writers. Each puts the box that the record describes and returns the size of the box; 0
+// for none. The writer carries the pass and the destination.
 #ifndef KESTREL_ISOFF_WRITE_BOXES_H
 #define KESTREL_ISOFF_WRITE_BOXES_H
 
-#include <span>
-
-#include "interface/src/isoff/record/record.h"
+#include "interface/src/isoff/write/box_writer.h"
 
 namespace kestrel {
 
-// Takes the pass of a box writer: measure, then write.
-enum Pass { kCountPass = 0, kWritePass = 1 };
+uint64_t write_ftyp(BoxWriter& out, const iso_file* file);
+uint64_t write_moov(BoxWriter& out, iso_file* file);
+uint64_t write_stbl(BoxWriter& out, iso_track* track);
+uint64_t write_stsd(BoxWriter& out, const iso_track* track);
+uint64_t write_stts(BoxWriter& out, iso_track* track);
+uint64_t write_ctts(BoxWriter& out, iso_track* track);
+uint64_t write_stsz(BoxWriter& out, iso_track* track);
+uint64_t write_stss(BoxWriter& out, iso_track* track);
+uint64_t write_sbgp(BoxWriter& out, iso_track* track);
 
-// Box writers. Each puts the box that the record describes at the start of `to` (with kCountPass,
-// nothing) and returns the bytes that the box occupies. Bytes that `to` has no room for are counted
-// only.
-uint64_t write_ftyp(Pass pass, std::span<uint8_t> to, const iso_file* file);
-uint64_t write_moov(Pass pass, std::span<uint8_t> to, iso_file* file);
-uint64_t write_stbl(Pass pass, std::span<uint8_t> to, iso_track* track);
-uint64_t write_stsd(Pass pass, std::span<uint8_t> to, const iso_track* track);
-uint64_t write_stts(Pass pass, std::span<uint8_t> to, iso_track* track);
-uint64_t write_ctts(Pass pass, std::span<uint8_t> to, iso_track* track);
-uint64_t write_stsz(Pass pass, std::span<uint8_t> to, iso_track* track);
-uint64_t write_stss(Pass pass, std::span<uint8_t> to, iso_track* track);
-uint64_t write_sbgp(Pass pass, std::span<uint8_t> to, iso_track* track);
+// The bytes of a box, measured in the count pass.
+template <typename Writer, typename Record>
+uint64_t measure(Writer write, Record* record) {
+    BoxWriter out;
+    return write(out, record);
+}
 
 }  // namespace kestrel
 

@@ -6,7 +6,7 @@
 #include <new>
 #include <string>
 
-#include "common/bytes.h"
+#include "common/byte_reader.h"
 #include "interface/src/isoff/write/writer.h"
 
 // RTP hint tracks for the writer (ISO/IEC 14496-12, 9.1): the track with its SDP, and its samples.
@@ -108,7 +108,7 @@ std::string sprop_parameter_sets(const iso_track* media) {
     for (int kind = 0; kind < 2; ++kind) {
         for (int left = reader.u8() & 0x1F; left > 0 && reader.ok(); --left) {
             if (!sets.empty()) sets += ',';
-            sets += base64(reader.take(reader.be16()));
+            sets += base64(reader.take(reader.u16()));
         }
     }
     return sets.empty() ? "" : "; sprop-parameter-sets=" + sets;

@@ -6,7 +6,7 @@
 #include <new>
 #include <vector>
 
-#include "common/bytes.h"
+#include "common/box_header.h"
 #include "interface/src/isoff/write/boxes.h"
 #include "interface/src/isoff/write/chunk_layout.h"
 #include "interface/src/isoff/write/media_output.h"
@@ -27,7 +27,6 @@ enum WriteError {
     kTrackTooLate = -9,
 };
 
-constexpr uint32_t kBoxHeader = 8;
 constexpr uint32_t kBoxSizeField = 4;
 constexpr uint32_t kFileOverhead = 24;  // that isoFFwrite adds to what a track costs
 
@@ -140,10 +139,11 @@ bool move_to(iso_file* file, uint32_t position) {
 // box runs to the end of the file, so that one that never is has no `moov`.
 bool begin_direct(iso_file* file) {
     if (file->own->write_pos != 0) return true;
-    uint8_t raw[kBoxHeader] = {};
-    store_be32(raw + 4, fourcc("mdat"));
-    std::vector<uint8_t> ftyp(static_cast<size_t>(write_ftyp(kCountPass, {}, file)));
-    write_ftyp(kWritePass, ftyp, file);
+    uint8_t raw[kBoxHeader];
+    store_box_header(raw, {kSizeToEnd, fourcc("mdat")});
+    std::vector<uint8_t> ftyp(static_cast<size_t>(measure(write_ftyp, file)));
+    BoxWriter out(ftyp);
+    write_ftyp(out, file);
     file->own->direct_track_limit = file->next_track_id - 1;
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next)
         file->own->direct_track_limit = std::max(file->own->direct_track_limit, track->track_id);
@@ -195,8 +195,9 @@ bool passes_agree(iso_file* file, uint64_t measured, uint64_t written) {
 // Writes `moov` after the media, then the size of `mdat` before it.
 int finish_direct(iso_file* file, uint32_t media_header) {
     const uint32_t media_end = file->own->write_pos;
-    std::vector<uint8_t> moov(static_cast<size_t>(write_moov(kCountPass, {}, file)));
-    const uint64_t written = write_moov(kWritePass, moov, file);
+    std::vector<uint8_t> moov(static_cast<size_t>(measure(write_moov, file)));
+    BoxWriter out(moov);
+    const uint64_t written = write_moov(out, file);
     if (!passes_agree(file, moov.size(), written)) return kFellShort;
     if (moov.size() > UINT32_MAX - media_end) return kTooLarge;
     if (!write_stream(file, moov.data(), static_cast<uint32_t>(moov.size()))) return kFellShort;
@@ -255,20 +256,18 @@ bool rewind_spools(iso_file* file) {
 // in it. 0, or an error when they come to more than a file can hold or to something else than was
 // measured.
 int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header, size_t& moov_type) {
-    const uint64_t ftyp = write_ftyp(kCountPass, {}, file);
-    const uint64_t moov = write_moov(kCountPass, {}, file);
-    const uint64_t measured = ftyp + moov + kBoxHeader;
+    const uint64_t ftyp = measure(write_ftyp, file);
+    const uint64_t measured = ftyp + measure(write_moov, file) + kBoxHeader;
     if (measured + media > UINT32_MAX) return kTooLarge;
     file->own->media_base = static_cast<uint32_t>(measured);
     header.resize(static_cast<size_t>(measured));
     moov_type = static_cast<size_t>(ftyp) + kBoxSizeField;
-    uint64_t written = write_ftyp(kWritePass, header, file);
-    written += write_moov(kWritePass, std::span(header).subspan(static_cast<size_t>(ftyp)), file);
-    written += kBoxHeader;
-    uint8_t* mdat = header.data() + header.size() - kBoxHeader;
-    store_be32(mdat, static_cast<uint32_t>(media + kBoxHeader));
-    store_be32(mdat + 4, fourcc("mdat"));
-    return passes_agree(file, measured, written) ? 0 : kFellShort;
+    BoxWriter out(header);
+    write_ftyp(out, file);
+    write_moov(out, file);
+    out.u32(static_cast<uint32_t>(media + kBoxHeader));
+    out.u32(fourcc("mdat"));
+    return passes_agree(file, measured, out.position()) ? 0 : kFellShort;
 }
 
 // Whether the stream goes back to its start, and on again to where it stands.
@@ -359,7 +358,7 @@ int finalise(iso_file* file) try {
     settle_movie(file);
     if (!is_direct(file)) return write_queued(file);
     if (!begin_direct(file)) return kFellShort;
-    return finish_direct(file, static_cast<uint32_t>(write_ftyp(kCountPass, {}, file)));
+    return finish_direct(file, static_cast<uint32_t>(measure(write_ftyp, file)));
 } catch (const std::exception&) {  // no memory, or more than a vector can hold
     return kNoMemory;
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The chunk that one kst_ReadChunk delivers: the host's buffer, its room, and what becomes of
 // `*size`.
-#ifndef KESTREL_MMFI_HOST_CHUNK_H
-#define KESTREL_MMFI_HOST_CHUNK_H
+#ifndef KESTREL_MMFI_DELIVERY_H
+#define KESTREL_MMFI_DELIVERY_H
 
 #include <cstdint>
 
@@ -10,9 +10,9 @@
 
 namespace kestrel {
 
-class HostChunk {
+class Delivery {
   public:
-    HostChunk(unsigned char* buffer, uint32_t* size) : buffer_(buffer), size_(size) {}
+    Delivery(unsigned char* buffer, uint32_t* size) : buffer_(buffer), size_(size) {}
 
     unsigned char* bytes() const { return buffer_; }
     bool holds(uint32_t count) const { return count <= *size_; }
