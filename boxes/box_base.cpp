@@ -20,13 +20,13 @@ void debug(const char* text, const kestrel::LogSite& site) {
     kestrel::log_line(kestrel::kDebug, site, "%s", text);
 }
 
-// Moves to the end of a box. Throws an invalid size for a host whose Seek lands elsewhere.
+// Moves to the end of a box. Throws an invalid size when the host's Seek moves elsewhere.
 void move_to_end(Stream& io, const BoxExtent& extent) {
     macro_Seek(io, static_cast<uint32_t>(extent.end()));
     if (macro_Tell(io) != extent.end()) throw_invalid_size(extent);
 }
 
-// Box reading's first step: the header at the current position, which is `start`.
+// Reads the header at the current position, which is `start`.
 BoxHeader read_header_at(Stream& io, uint32_t start, uint32_t file_size) {
     if (start >= file_size) {
         debug("Box::Read() resetting box...", kestrel::at(kestrel::kBoxSource));
@@ -206,13 +206,13 @@ void FieldReader::take(std::span<uint8_t> to) {
     }
     std::fill(to.begin(), to.end(), uint8_t{0});  // a host may succeed without writing them
     if (to.size() > rest_of_box()) {
-        // What the box is too short for is zero, and so is all that would follow it.
+        // Fields after the end of the box are zero.
         position_ = std::max(position_, extent_.end());
         complete_ = false;
         return;
     }
     position_ += to.size();
-    if (!read_all(io_, to)) complete_ = false;  // the stream ends here; what it lacks stays zero
+    if (!read_all(io_, to)) complete_ = false;  // the stream ends; the rest stays zero
 }
 
 void FieldReader::fetch(uint32_t size) {
@@ -221,7 +221,7 @@ void FieldReader::fetch(uint32_t size) {
     unread_ = piece_;
 }
 
-// All of `to`; less than that means that the box claims bytes that the stream does not have.
+// Fills all of `to`. Fewer bytes mean that the box declares more than the stream has.
 void FieldReader::fill(std::span<uint8_t> to) {
     if (!read_all(io_, to)) throw_invalid_size(extent_);
     position_ += to.size();

@@ -28,15 +28,15 @@ namespace Qvox3gp {
 
 class MdatBox;
 
-// The part of a box that its base describes, as constant as the box: a subclass may have members
-// of the same name.
+// The part of a box that its base reads and writes; const like the box. A subclass may have members
+// with the same names.
 template <class Base, class Self>
 auto& part(Self& self) {
     return static_cast<std::conditional_t<std::is_const_v<Self>, const Base, Base>&>(self);
 }
 
-// A four-character code as the model keeps it: in file byte order, so that its bytes in memory
-// spell the code whatever the machine.
+// A four-character code as stored by the model: in file byte order, so that its bytes in memory are
+// the characters on any machine.
 constexpr uint32_t code(std::string_view text) {
     struct Raw {
         char bytes[4];
@@ -60,7 +60,7 @@ class Archivable {
     Archivable& operator=(const Archivable&) = default;
 };
 
-// The header of a box as read. A reset one has size 0 and type "????": the file ended instead.
+// The header of a box as read. A reset header has size 0 and type "????": the file ended.
 struct BoxHeader {
     uint32_t start;
     uint32_t size = 0;
@@ -69,7 +69,7 @@ struct BoxHeader {
     bool is_reset() const { return size == 0 && type == kUnknownType; }
 };
 
-// Where the bytes of the box lie that is being read.
+// The place of the box that is being read.
 struct BoxExtent {
     uint32_t start;
     uint32_t size;
@@ -79,16 +79,16 @@ struct BoxExtent {
     uint64_t end() const { return uint64_t{start} + size; }
 };
 
-// What lies in the file from a position on, for fields and boxes that no box encloses.
+// The extent of fields and boxes that are not inside a box: the rest of the file.
 constexpr BoxExtent rest_of_file(uint32_t position, uint32_t file_size) {
     return {position, position < file_size ? file_size - position : 0, file_size};
 }
 
-// Throws "Invalid size found in box." with these numbers.
+// Throws "Invalid size found in box." with the numbers of the extent.
 [[noreturn]] void throw_invalid_size(const BoxExtent& extent);
 
-// The box header: 32-bit size and type. There is no 64-bit size form and no "up to the end of the
-// file": the sizes 0 and 1 are taken literally.
+// The box header: 32-bit size and type. Sizes of 64 bits and "up to the end of the file" do not
+// exist here: the sizes 0 and 1 are taken literally.
 class Box : public Archivable {
   public:
     Box() : Box(kUnknownType) {}
@@ -99,13 +99,13 @@ class Box : public Archivable {
     // Writes the box at the current position, which becomes its start.
     void Dump(Stream& io) const override;
 
-    // Reads the header at the current position. At the end of the file, or when the header is the
-    // last thing in it, the box is reset instead; a box that overruns the file throws.
+    // Reads the header at the current position. At the end of the file, and for a header that the
+    // file ends with, resets the box instead. Throws for a box that exceeds the file.
     void Read(Stream& io, unsigned int file_size) override;
 
     ~Box() override = default;
 
-    // Forgets what was read: size 0, type "????".
+    // Resets the header: size 0, type "????".
     virtual void Reset();
 
     // The size that Dump writes.
@@ -120,20 +120,20 @@ class Box : public Archivable {
     // Moves past the box as read.
     void Skip(Stream& io);
 
-    // Hands over the header that a container has read. The next Read goes on after it.
+    // Sets the header, which a container has read. The next Read continues after it.
     void resume(const BoxHeader& header);
 
     unsigned int GetType() const { return type_; }
 
-    // Where the box was read or dumped; -1 before that.
+    // Offset where the box was read or dumped; -1 before that.
     std::streampos GetStart() const { return start_; }
 
-    // True after Reset: the file ended where the box should have been.
+    // True after Reset: the file ended before the box.
     bool is_reset() const { return BoxHeader{0, size_, type_}.is_reset(); }
 
   protected:
-    // What Described reads before the fields: the header, and where the fields must end. False
-    // when the box was reset and has none.
+    // Reads what comes before the fields: the header, and the extent of the fields. Returns false
+    // when the box was reset and has no fields.
     bool read_header(Stream& io, unsigned int file_size, BoxExtent& extent);
 
     // Moves to the start; throws for a box that was neither read nor dumped.
@@ -149,22 +149,22 @@ class Box : public Archivable {
     }
 
   private:
-    mutable std::streampos start_{-1};  // Dump is const and yet gives the box its place
+    mutable std::streampos start_{-1};  // set by Dump, which is const
     uint32_t size_ = 0;
     uint32_t type_;
-    bool header_is_read_ = false;  // resume() handed it over, and no Read has used it yet
+    bool header_is_read_ = false;  // set by resume(), cleared by Read
 };
 
 Stream& operator<<(Stream& io, const Box& box);
 
-// Reads the header of the next box, which begins at `position`, and leaves the stream after it.
-// Where the file ends there, or with that header, the result is reset and the stream stays.
+// Reads the header of the next box, which begins at `position`, and leaves the stream after it. If
+// the file ends there, or with that header, the result is reset and the stream does not move.
 BoxHeader next_header(Stream& io, uint32_t position, uint32_t file_size);
 
-// The type of the next box, without moving; "????" at the end of the file.
+// Returns the type of the next box, without moving; "????" at the end of the file.
 uint32_t peek_box(Stream& io, uint32_t file_size);
 
-// A box with version and flags. The version is not consulted: every layout is that of version 0.
+// A box with version and flags. The version is ignored: every layout is that of version 0.
 class FullBox : public Box {
   public:
     explicit FullBox(unsigned int type = kUnknownType, uint32_t flags = 0)
@@ -190,7 +190,7 @@ class FullBox : public Box {
     uint32_t flags_ = 0;  // 24 bits
 };
 
-// Pointers to boxes, each with a bit that is set if the list owns it.
+// Pointers to boxes, each with a flag that is set if the list owns the box.
 template <class T>
 class BoxList {
   public:
@@ -203,9 +203,9 @@ class BoxList {
         }
     }
 
-    // Takes the box over only when it returns.
+    // Owns the box only after it has returned.
     void add(T* box, bool owned) {
-        owned_.resize(boxes_.size());  // undoes an addition that ran out of memory halfway
+        owned_.resize(boxes_.size());  // after an addition that failed without memory
         owned_.push_back(owned);
         boxes_.push_back(box);
     }
@@ -217,10 +217,10 @@ class BoxList {
     std::vector<bool> owned_;
 };
 
-// A box that holds an ordered list of children. All children are in it, modelled or not, in the
-// order in which they were read or added, which is the order in which they are dumped. The setters
-// of the subclasses add to it and remember the child; a later child of the same type takes the
-// earlier one's place for the getter, and both live as long as the container.
+// A box with an ordered list of children. The list has all children, modelled or not, in the order
+// in which they were read or added, which is also the order of Dump. The setters of subclasses add
+// to it and store the child; a later child of the same type replaces the earlier one for the
+// getter. Both exist as long as the container.
 class ContainerBox : public Box {
   public:
     explicit ContainerBox(unsigned int type = kUnknownType) : Box(type) {}
@@ -230,7 +230,7 @@ class ContainerBox : public Box {
     const std::vector<Box*>& children() const { return children_.boxes(); }
 
   protected:
-    // Adds a child (null adds nothing) and hands it back to be remembered.
+    // Adds a child (null adds nothing) and returns it.
     template <class T>
     T* adopt(T* child, bool owned) {
         if (child != nullptr) children_.add(child, owned);
@@ -250,7 +250,7 @@ class Timed : public Archivable {
     void Read(Stream& io, unsigned int file_size) override;
     ~Timed() override = default;
     virtual unsigned int GetSize() const;
-    // Where the times were read or dumped on their own; -1 before that.
+    // Offset where the times were read or dumped on their own; -1 before that.
     virtual std::streampos GetPosition() const;
 
     uint32_t GetCreationTime() const { return creation_time_; }
@@ -275,8 +275,8 @@ class Timed : public Archivable {
 // The wall clock in seconds since 1904-01-01 00:00 UTC.
 uint32_t GetCurrentTimestamp();
 
-// What is patched after the media has been written: set the values, GoToStart, Dump again. None of
-// these changes a box's size once its table has its final number of entries.
+// Boxes that are patched after the media was written: set the values, GoToStart, Dump again. This
+// does not change a box's size once its table has all entries.
 class Rewindable {
   public:
     Rewindable() = default;
@@ -299,7 +299,7 @@ class Fixupable : public Rewindable {
 
 class FixupableTime : public Rewindable {
   public:
-    // Ticks per second of the movie and of the track's media; each box takes the one it counts in.
+    // Ticks per second of the movie and of the track's media. Each box uses one of them.
     virtual void SetTimescale(unsigned int movie, unsigned int media) = 0;
     // In ticks of the box's own timescale.
     virtual void SetDuration(unsigned int duration) = 0;
@@ -313,7 +313,7 @@ class FixupableDims : public Rewindable {
     virtual void SetDimensions(unsigned int width, unsigned int height) = 0;
 };
 
-// What visit_fields and visit_children call for a box.
+// Called by visit_fields and visit_children for a box.
 class Listed {
   public:
     Listed() = default;
@@ -325,7 +325,7 @@ class Listed {
     virtual void list_children(const ChildVisitor& visitor) const = 0;
 };
 
-// A base of its own, so that the listings take no slot among the box's own virtual operations.
+// A separate base, so that the listings use no slot of the box's own virtual functions.
 template <class Derived>
 class ListedBy : public Listed {
   public:
@@ -333,8 +333,8 @@ class ListedBy : public Listed {
     void list_children(const ChildVisitor& visitor) const override;
 };
 
-// Makes Read, Dump, GetSize and the listings of the class Derived out of its `fields`. The bodies
-// are in boxes/fields.h, which only the files that define boxes include.
+// Makes Read, Dump, GetSize and the listings of the class Derived from its `fields`. The bodies are
+// in boxes/fields.h, which only the files that define boxes include.
 template <class Derived, class Base, class... MixIns>
 class Described : public Base, public MixIns..., public ListedBy<Derived> {
   public:
@@ -345,11 +345,11 @@ class Described : public Base, public MixIns..., public ListedBy<Derived> {
     unsigned int GetSize() const override;
 
   protected:
-    // Runs after the fields were read; a box with something to check or gather hides it.
+    // Called after the fields were read. A box that checks or gathers something hides it.
     void after_read() {}
 };
 
-// A box of a type that is not modelled. Its body is never read, and Dump writes its header only.
+// A box of a type that is not modelled. Its body is not read, and Dump writes its header only.
 class UnknownBox : public Described<UnknownBox, Box> {
   public:
     UnknownBox();

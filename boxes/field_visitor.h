@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Looking at boxes from outside, without knowing their classes: named fields and children.
+// Listing named fields and children of boxes without knowing their classes.
 #ifndef KESTREL_BOXES_FIELD_VISITOR_H
 #define KESTREL_BOXES_FIELD_VISITOR_H
 
@@ -22,7 +22,7 @@ class FieldVisitor {
     virtual ~FieldVisitor() = default;
 
     virtual void number(std::string_view name, int64_t value) = 0;
-    // The four bytes of a code as they lie in the file; they need not be printable.
+    // The four bytes of a code as in the file. They may be unprintable.
     virtual void code(std::string_view name, std::string_view four_bytes) = 0;
     virtual void bytes(std::string_view name, std::span<const uint8_t> data) = 0;
     virtual void begin_list(std::string_view name) = 0;
@@ -31,8 +31,8 @@ class FieldVisitor {
     virtual void end_record() = 0;
 };
 
-// A child with its place in the file: the offset of its first byte and the size that its header
-// gives. For a tree that was built and not yet written the offset is -1 and the size 0.
+// A child with its place in the file: the offset of its first byte and the size in its header. In a
+// tree that was built and not yet written the offset is -1 and the size 0.
 struct ChildPlace {
     const Box* box;
     int64_t offset;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The visitors that a box's list of fields serves: one reads, one writes, one sizes, one lists the
-// fields by name and one lists the children. Included only by the files that define boxes.
+// The visitors of a box's list of fields: one reads, one writes, one computes the size, one lists
+// the fields by name and one lists the children. Included only by the files that define boxes.
 //
-// A box names a field with f.u32("timescale", self.timescale_) and so on; what that means is the
-// visitor's affair. FieldOps maps the whole vocabulary to the few operations that differ.
+// A box names a field with f.u32("timescale", self.timescale_) and so on; each visitor defines the
+// effect. FieldOps maps all these functions to the few that differ.
 #ifndef KESTREL_BOXES_FIELDS_H
 #define KESTREL_BOXES_FIELDS_H
 
@@ -21,7 +21,7 @@
 
 namespace Qvox3gp {
 
-// How an entry of a table is visited: a number as itself, a record through its own fields.
+// Visits an entry of a table: a number as itself, a record through its own fields.
 struct VisitEntry {
     template <class F, class T>
     void operator()(F& f, T& entry) const {
@@ -46,7 +46,7 @@ template <class Self>
 class FieldOps {
   public:
     static constexpr bool kReads = false;
-    static constexpr bool kLists = false;  // lists values, which must have been kept
+    static constexpr bool kLists = false;  // lists values, which requires that they are stored
 
     template <class T>
     void u8(std::string_view name, T& value) {
@@ -120,7 +120,7 @@ class FieldOps {
         self().child(box);
     }
 
-    // What only a reader sees.
+    // Only a reader uses these.
     void count(uint32_t& value) { self().integer("entry_count", value, 4); }
     uint32_t rest_of_box() const { return 0; }
     void skipped_body(const Box&, uint32_t) {}
@@ -143,7 +143,7 @@ class FieldOps {
     }
 };
 
-// Adds up the bytes that a writer would write.
+// Adds the bytes that a writer would write.
 class FieldSizer : public FieldOps<FieldSizer> {
   public:
     explicit FieldSizer(uint64_t header_size) : size_(header_size) {}
@@ -180,7 +180,7 @@ class FieldSizer : public FieldOps<FieldSizer> {
     uint64_t size_;
 };
 
-// The number of bytes that an entry of a table takes.
+// Returns the bytes of a table entry.
 template <class T, class Visit>
 uint32_t entry_size(Visit visit) {
     const T one{};
@@ -189,11 +189,10 @@ uint32_t entry_size(Visit visit) {
     return sizer.size();
 }
 
-// Reads fields from the stream at its current position, which the caller states. A field that the
-// box is too short for reads as zero and takes nothing of what follows the box. Tables and other
-// runs are taken in pieces of bounded size, and memory grows only with what the host delivered; a
-// count that the box cannot hold, or a run that the stream does not deliver, is thrown as an
-// invalid size.
+// Reads fields from the stream at its current position, which the caller states. Fields after the
+// end of the box are zero, and the bytes after the box are not read. Tables and other runs are read
+// in pieces of bounded size, so memory grows only with the bytes received. A count that exceeds the
+// box, and a run that the stream does not deliver, are thrown as an invalid size.
 class FieldReader : public FieldOps<FieldReader> {
   public:
     static constexpr bool kReads = true;
@@ -214,7 +213,7 @@ class FieldReader : public FieldOps<FieldReader> {
     }
     void bytes(std::string_view, std::span<uint8_t> data) { take(data); }
 
-    // `size` bytes that must lie within the box.
+    // Reads `size` bytes, which must be inside the box.
     void blob(std::string_view, std::vector<uint8_t>& data, uint32_t size);
 
     template <class Vector, class Visit = VisitEntry>
@@ -235,16 +234,16 @@ class FieldReader : public FieldOps<FieldReader> {
         }
     }
 
-    // The bytes from here to the end of the box.
+    // Returns the bytes up to the end of the box.
     uint32_t rest_of_box() const {
         const uint64_t end = extent_.end();
         return position_ < end ? static_cast<uint32_t>(end - position_) : 0;
     }
 
-    // The length of an MPEG-4 descriptor and the number of bytes that it was written in.
+    // Reads the length of an MPEG-4 descriptor and the number of bytes that it takes.
     void descriptor_size(std::string_view, uint32_t& value, uint8_t& width);
 
-    // A text up to the end of the box that is not kept, and its terminator.
+    // Skips a text up to the end of the box, and its terminator.
     void dropped_text();
 
     // A body that is not read.
@@ -270,7 +269,7 @@ class FieldReader : public FieldOps<FieldReader> {
         box->Read(io_, extent_.file_size);
         position_ = macro_Tell(io_);
     }
-    // A child that may be absent: what follows is read only if it is of the child's type.
+    // Reads a child that may be absent: only if the next box has its type.
     template <class T>
     void optional_child(uint32_t type, std::unique_ptr<T>& box) {
         const uint32_t position = macro_Tell(io_);
@@ -279,7 +278,7 @@ class FieldReader : public FieldOps<FieldReader> {
         if (!header.is_reset()) macro_Seek(io_, position);
     }
 
-    // The next child of a container. Returns false when the file ended instead.
+    // Reads the next child of a container. Returns false when the file ended instead.
     template <class Container>
     bool read_child(Container& container) {
         const BoxHeader header =
@@ -290,8 +289,8 @@ class FieldReader : public FieldOps<FieldReader> {
         return finish_child(child);
     }
 
-    // Throws an invalid size when `sound` is false, or when a field before this was not in the box
-    // or not in the stream.
+    // Throws an invalid size when `sound` is false, or when an earlier field was missing in the box
+    // or in the stream.
     void require_sound(bool sound) const {
         if (!sound || !complete_) throw_invalid_size(extent_);
     }
@@ -313,21 +312,21 @@ class FieldReader : public FieldOps<FieldReader> {
         if (size > rest_of_box()) throw_invalid_size(extent_);
     }
 
-    // Moves past what follows the fields of a child that was read. Returns false when the file
-    // ended instead of the child. Throws an invalid size when the position does not move forward:
-    // the child is smaller than its header, or the host's GetOffset stands still or goes back, or
-    // its Seek lands elsewhere.
+    // Moves after the rest of a child that was read. Returns false when the file ended instead of
+    // the child. Throws an invalid size when the position does not move forward: the child is
+    // smaller than its header, or the host's GetOffset stays or goes back, or its Seek moves
+    // elsewhere.
     bool finish_child(const Box& child);
 
     Stream& io_;
     BoxExtent extent_;
     uint64_t position_;
-    bool complete_ = true;             // no field came up short
+    bool complete_ = true;             // no field was missing
     std::vector<uint8_t> piece_;       // fetched ahead of the fields
-    std::span<const uint8_t> unread_;  // what the fields have not taken of it
+    std::span<const uint8_t> unread_;  // the part that no field has read
 };
 
-// Gathers fields and writes them in one call; children write themselves in between.
+// Collects fields and writes them in one call. Children write themselves in between.
 class FieldWriter : public FieldOps<FieldWriter> {
   public:
     explicit FieldWriter(Stream& io) : io_(io) {}
@@ -362,7 +361,7 @@ class FieldWriter : public FieldOps<FieldWriter> {
     std::vector<uint8_t> pending_;
 };
 
-// Hands named fields to a FieldVisitor.
+// Passes named fields to a FieldVisitor.
 class FieldLister : public FieldOps<FieldLister> {
   public:
     static constexpr bool kLists = true;
@@ -395,8 +394,8 @@ class FieldLister : public FieldOps<FieldLister> {
     FieldVisitor& visitor_;
 };
 
-// Hands the children to a ChildVisitor, adding up the fields before them for the one child that
-// does not know its own place.
+// Passes the children to a ChildVisitor. Adds the sizes of the fields before them, for the one
+// child that does not know its own offset.
 class ChildLister : public FieldSizer {
   public:
     ChildLister(const ChildVisitor& visitor, int64_t start)

@@ -10,14 +10,14 @@
 
 namespace Qvox3gp {
 
-// What a constructor adds to the packet: 16 bytes, the first of which is the kind.
+// A constructor of a packet: 16 bytes. The first byte is the kind.
 struct HintConstructor {
     std::array<uint8_t, 16> raw{};
 
-    // `data` itself, at most 14 bytes of it.
+    // Puts `data`, at most 14 bytes, into the packet.
     static HintConstructor immediate(std::span<const uint8_t> data);
-    // `length` bytes from `offset` in sample `number` (from 1) of the track that the hint track
-    // refers to (0), or of the hint track itself (-1).
+    // Puts `length` bytes from `offset` in sample `number` (from 1) of the track that the hint
+    // track refers to (0), or of the hint track itself (-1).
     static HintConstructor sample(int8_t track, uint16_t length, uint32_t number, uint32_t offset);
 
     template <class F, class Self>

@@ -12,7 +12,7 @@ namespace Qvox3gp {
 
 class CHintSample;
 
-// Where one written chunk lies: the file offset of its first byte, and its size in bytes.
+// The place of a written chunk: the file offset of its first byte, and its size in bytes.
 class ChunkDef {
   public:
     ChunkDef() = default;
@@ -25,9 +25,9 @@ class ChunkDef {
     uint32_t size = 0;
 };
 
-// "mdat". Reading skips the media; Dump writes the header only. To write media: Dump, then a chunk
-// after the other, then Close; then patch the chunk tables from the lists that this box kept
-// (Fixupable) and dump them again. Each chunk holds one sample.
+// "mdat". Reading skips the media; Dump writes the header only. To write media: call Dump, AddChunk
+// for each chunk, then Close; then patch the chunk tables from the lists of this box (Fixupable)
+// and dump them again. Each chunk has one sample.
 class MdatBox : public Described<MdatBox, Box> {
   public:
     MdatBox();

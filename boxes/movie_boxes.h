@@ -45,7 +45,7 @@ class MvhdBox : public Described<MvhdBox, FullBox, Timed, FixupableTime> {
     MvhdBox();
     ~MvhdBox() override;
 
-    // Takes the movie's.
+    // Uses the timescale of the movie.
     void SetTimescale(unsigned int movie, unsigned int media) override;
     void SetDuration(unsigned int duration) override;
     unsigned int GetTimescale() const override;

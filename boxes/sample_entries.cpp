@@ -149,7 +149,7 @@ void ESDInfo::fields(F& f, Self& self) {
                       self.decoder_config_size.width);
     f.u8("object_type_indication", self.object_type_indication);
     if constexpr (F::kReads) {
-        f.require_sound(true);  // the process ends over a type that was read, not a missing one
+        f.require_sound(true);  // a missing type must not end the process
         if (self.object_type_indication != kMpeg4Visual) meet_foreign_codec();
     }
     f.u32("stream_type_and_buffer_size", self.stream_type_and_buffer_size);
@@ -172,8 +172,8 @@ ESDBox::~ESDBox() = default;
 template <class F, class Self>
 void ESDBox::fields(F& f, Self& self) {
     FullBox::fields(f, self);
-    // Whatever else follows the fields of an "mp4v" entry, because the entry has no "esds" or
-    // because a host cut a read short, is no descriptor and must not end the process.
+    // Bytes that are not an "esds", because the entry has none or a read was short, must not end
+    // the process.
     if constexpr (F::kReads) f.require_sound(self.GetType() == code("esds"));
     ESDInfo::fields(f, self.info_);
 }
@@ -182,7 +182,7 @@ void ESDBox::SetDecoderSpecific(std::span<const uint8_t> data) {
     constexpr uint32_t kTag = 1;
     constexpr uint32_t kDecoderConfigFields = 13;
     constexpr uint32_t kEsFields = 3;
-    // As read, a length may have been written in fewer bytes than the new one needs.
+    // A length that was read may take fewer bytes than the new one needs.
     info_.decoder_specific_size.width = DescriptorSize{}.width;
     info_.decoder_config_size.width = DescriptorSize{}.width;
     info_.es_size.width = DescriptorSize{}.width;
@@ -220,7 +220,7 @@ bool AVCCBox::read_header(Stream& io, unsigned int file_size, BoxExtent& extent)
     var32_read(io, size);
     var32_read_noswap(io, type);
     set_header(size, type);
-    // The size is not trusted; nothing but the file bounds the parameter sets.
+    // The size is not trusted; only the file limits the parameter sets.
     extent = rest_of_file(start, file_size);
     return true;
 }

@@ -16,7 +16,7 @@ namespace Qvox3gp {
 
 class SampleEntry : public Box {
   public:
-    // Which entry of "dref" locates the media, from 1.
+    // Index, from 1, of the entry of "dref" that locates the media.
     uint16_t GetDataReferenceIndex() const { return data_reference_index_; }
 
     template <class F, class Self>
@@ -30,8 +30,8 @@ class SampleEntry : public Box {
     uint16_t data_reference_index_ = 1;
 };
 
-// An entry of any type that has no class of its own, hint entries included: everything after the
-// box header, kept raw.
+// An entry of a type without a class of its own, hint entries included: all bytes after the box
+// header, uninterpreted.
 class NullSampleEntry : public Described<NullSampleEntry, SampleEntry> {
   public:
     explicit NullSampleEntry(unsigned int type = kUnknownType);
@@ -46,7 +46,7 @@ class NullSampleEntry : public Described<NullSampleEntry, SampleEntry> {
     std::vector<uint8_t> data_;
 };
 
-// A hint entry of any protocol: its data is kept raw. Never made by reading.
+// A hint entry of any protocol, with uninterpreted data. Never made by reading.
 class HintSampleEntry : public Described<HintSampleEntry, SampleEntry> {
   public:
     explicit HintSampleEntry(unsigned int type = code("rtp "));
@@ -121,7 +121,7 @@ class AMRSpecificBox : public Described<AMRSpecificBox, Box> {
     uint8_t frames_per_sample_ = 1;
 };
 
-// "samr" and "sawb". An entry without its "damr" is read and complained about in the log.
+// "samr" and "sawb". An entry without "damr" is read and logged.
 class AMRSampleEntry : public Described<AMRSampleEntry, SampleEntry> {
   public:
     explicit AMRSampleEntry(unsigned int type = code("samr"));
@@ -146,7 +146,7 @@ class AMRSampleEntry : public Described<AMRSampleEntry, SampleEntry> {
     std::unique_ptr<AMRSpecificBox> specific_;
 };
 
-// What the entries of visual codecs have in common.
+// The fields of all visual sample entries.
 struct VisualLayout {
     std::array<uint32_t, 4> reserved{};
     uint16_t width = 0;
@@ -163,8 +163,8 @@ struct VisualLayout {
     static void fields(F& f, Self& self);
 };
 
-// A visual sample entry: the layout above, then a configuration box that is read without a look at
-// what follows.
+// A visual sample entry: the fields above, then a configuration box. The type of that box is not
+// checked.
 template <class Derived, class Configuration>
 class VisualSampleEntry : public Described<Derived, SampleEntry, FixupableDims> {
   public:
@@ -226,13 +226,13 @@ class H263SampleEntry : public VisualSampleEntry<H263SampleEntry, H263SpecificBo
     }
 };
 
-// The length of a descriptor and in how many bytes it is written.
+// The length of a descriptor, and the number of bytes that it takes.
 struct DescriptorSize {
     uint32_t value = 0;
     uint8_t width = 4;
 };
 
-// The elementary stream descriptor of ISO/IEC 14496-1, as it stands in an "esds".
+// The elementary stream descriptor of ISO/IEC 14496-1 in an "esds".
 struct ESDInfo {
     uint8_t es_tag = 0x03;
     DescriptorSize es_size;
@@ -255,17 +255,17 @@ struct ESDInfo {
     static void fields(F& f, Self& self);
 };
 
-// "esds". Optional fields that the ES descriptor's flags select are not supported.
+// "esds". Optional fields selected by the flags of the ES descriptor are not supported.
 //
 // Read calls meet_foreign_codec (boxes/foreign_codec_hook.h) when the object type indication is not
-// that of MPEG-4 Visual. The library's ends the process with exit status 1.
+// that of MPEG-4 Visual. In the library this ends the process with exit status 1.
 class ESDBox : public Described<ESDBox, FullBox> {
   public:
     ESDBox();
     ~ESDBox() override;
 
     const ESDInfo& GetESDInfo() const { return info_; }
-    // Sets the decoder specific information and the descriptor lengths that follow from it.
+    // Sets the decoder specific information and the descriptor lengths that depend on it.
     void SetDecoderSpecific(std::span<const uint8_t> data);
     void SetBitRates(uint32_t max, uint32_t average);
 
@@ -276,8 +276,8 @@ class ESDBox : public Described<ESDBox, FullBox> {
     ESDInfo info_;
 };
 
-// "mp4v". An entry without an "esds" right after its fields is thrown as an invalid size. Its Read
-// can end the process.
+// "mp4v". An entry without an "esds" directly after its fields is thrown as an invalid size. Its
+// Read can end the process.
 class MP4VisualSampleEntry : public VisualSampleEntry<MP4VisualSampleEntry, ESDBox> {
   public:
     MP4VisualSampleEntry();
@@ -295,9 +295,9 @@ struct ParameterSet {
     static void fields(F& f, Self& self);
 };
 
-// "avcC" (ISO/IEC 14496-15). A full box by class, yet laid out as a plain one; its header is read
-// as eight plain bytes, with no start position and no check of the size. What follows the picture
-// parameter sets is not read.
+// "avcC" (ISO/IEC 14496-15). A full box by class, but with the layout of a plain one. Its header is
+// read as eight plain bytes, without a start position and without a check of the size. Bytes after
+// the picture parameter sets are not read.
 class AVCCBox : public Described<AVCCBox, FullBox> {
   public:
     AVCCBox();
@@ -307,11 +307,12 @@ class AVCCBox : public Described<AVCCBox, FullBox> {
     uint8_t GetLevel() const { return level_; }
     // Bytes of the length before each NAL unit of a sample: 1 to 4.
     unsigned int GetNalLengthSize() const { return (nal_length_ & kNalLengthBits) + 1u; }
-    // Every parameter set after a start code 00 00 00 01, sequence sets first.
+    // All parameter sets, each after a start code 00 00 00 01, sequence sets first.
     const std::vector<uint8_t>& GetParameterSets() const { return buffer_; }
 
     void SetProfile(uint8_t profile, uint8_t compatibility, uint8_t level);
-    // At most 31 sequence and 255 picture sets of at most 65535 bytes; false for what does not fit.
+    // Accepts at most 31 sequence and 255 picture sets of at most 65535 bytes. Returns false for a
+    // set that does not fit.
     bool AddSequenceSet(std::span<const uint8_t> set);
     bool AddPictureSet(std::span<const uint8_t> set);
 

@@ -21,7 +21,8 @@ std::vector<uint32_t> gather(const std::vector<ChunkDef>& chunks, uint32_t Chunk
     return values;
 }
 
-// The sum of the first `count` entries. Each product fits 64 bits; the sum stops at 2^32 - 1.
+// Returns the sum of the first `count` entries. Each product fits in 64 bits; the sum is limited to
+// 2^32 - 1.
 uint32_t total_ticks(const std::vector<TimeToSampleEntry>& entries, size_t count) {
     uint64_t ticks = 0;
     for (size_t i = 0; i < count; ++i) {

@@ -28,13 +28,13 @@ class SttsBox : public Described<SttsBox, FullBox, FixupableTime> {
     ~SttsBox() override;
 
     void GoToStart(Stream& io) override;
-    // The deltas are counted in the media's ticks; the timescale itself is not in the box.
+    // Deltas are in media ticks; the timescale itself is not in the box.
     void SetTimescale(unsigned int movie, unsigned int media) override;
-    // Makes the table last `duration` media ticks, rounded down: what the entries before the last
-    // leave of it is spread evenly over the samples of the last.
+    // Sets the duration of the table to `duration` media ticks, rounded down: the part that the
+    // entries before the last one do not cover is spread evenly over the samples of the last one.
     void SetDuration(unsigned int duration) override;
     unsigned int GetTimescale() const override;
-    // The sum over all samples, at most 2^32 - 1.
+    // The sum of all samples, at most 2^32 - 1.
     unsigned int GetDuration() const override;
 
     const std::vector<TimeToSampleEntry>& GetSampleEntries() const { return entries_; }
@@ -73,7 +73,7 @@ class StscBox : public Described<StscBox, FullBox> {
     std::vector<SampleToChunkEntry> entries_;
 };
 
-// "stsz". The media data box keeps one sample a chunk, so a fix-up takes the chunks' sizes.
+// "stsz". The media data box has one sample per chunk, so a fix-up takes the chunk sizes.
 class StszBox : public Described<StszBox, FullBox, Fixupable> {
   public:
     StszBox();
@@ -85,10 +85,10 @@ class StszBox : public Described<StszBox, FullBox, Fixupable> {
     void FixupAudio(MdatBox* mdat) override;
     void FixupAudioHint(MdatBox* mdat) override;
 
-    // The size of every sample in bytes; 0 when each has its own.
+    // The size of every sample in bytes; 0 for individual sizes.
     uint32_t GetSampleSize() const { return sample_size_; }
     uint32_t GetSampleCount() const { return sample_count_; }
-    // The size of each sample; empty when all have the same.
+    // The size of each sample; empty when all are equal.
     const std::vector<uint32_t>& GetChunkSizes() const { return sizes_; }
     void SetSampleSizes(std::vector<uint32_t> sizes);
     void SetUniformSize(uint32_t size, uint32_t count);

@@ -11,20 +11,20 @@
 
 namespace Qvox3gp {
 
-// The top-level boxes. A second "ftyp" or "moov" takes the place of the first for the getter; both
-// live, and are dumped, as long as the file object.
+// The top-level boxes. A second "ftyp" or "moov" replaces the first for the getter. Both exist, and
+// are dumped, as long as the file object.
 class Simple3gp : public ContainerBox, public ListedBy<Simple3gp> {
   public:
     Simple3gp();
     ~Simple3gp() override;
 
-    // Writes the boxes one after the other at the current position: headers only for the media
-    // data and for boxes that are not modelled.
+    // Writes the boxes in order at the current position: headers only for the media data and for
+    // boxes that are not modelled.
     void Dump(Stream& io) const override;
 
-    // Reads all boxes from the current position to the end of the file; the argument is ignored.
-    // Throws SimpleException for a stream failure and for a size or count that the file cannot
-    // hold; what was read until then stays in the tree. Can end the process: see ESDBox.
+    // Reads all boxes from the current position to the end of the file. The argument is ignored.
+    // Throws SimpleException for a stream failure and for a size or count that exceeds the file;
+    // the boxes read before stay in the tree. Can end the process: see ESDBox.
     void Read(Stream& io, unsigned int ignored) override;
 
     unsigned int GetSize() const override;
@@ -34,7 +34,7 @@ class Simple3gp : public ContainerBox, public ListedBy<Simple3gp> {
     void AddMdat(MdatBox* mdat, bool owned) { adopt(mdat, owned); }
     FtypBox* GetFtyp() const { return ftyp_; }
     MoovBox* GetMoov() const { return moov_; }
-    // The length of the stream when it was read, bytes.
+    // Length of the stream when it was read, bytes.
     uint32_t GetFileSizeRead() const { return file_size_; }
 
     Box& new_child(uint32_t type);

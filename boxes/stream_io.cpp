@@ -15,7 +15,7 @@ namespace {
 constexpr int32_t kCurrentPosition = -1;
 constexpr unsigned kMaxDescriptorBytes = 4;
 
-// Throws unless the host calls `status` a success. `slot` is the name that the message carries.
+// Throws unless the host classifies `status` as a success. `slot` is the name in the message.
 void check(Stream& callbacks, uint32_t status, const char* slot) {
     const uint32_t result = classify(callbacks, status);
     if (result == KST_IO_OK) return;
@@ -86,7 +86,7 @@ bool macro_IsEOF(Stream& callbacks) {
 uint32_t GetFileSize(Stream& callbacks) {
     const uint32_t position = macro_Tell(callbacks);
     uint32_t size = 0;
-    // The size query reports its failure under the name of another query; hosts know it so.
+    // A failure of the size query is reported under the name of another query, as hosts expect.
     check(callbacks, callbacks->GetStreamSize(callbacks->Context, &size), "Tell");
     macro_Seek(callbacks, position);
     kestrel::log_line(kestrel::kDebug, kestrel::at(kestrel::kStreamSource),

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The box model's way to the host's stream. Every function here classifies the status that a slot
-// returned through the host's CheckStatus and throws SimpleException, with the raw status and the
-// host's context word, when it is not a success; for a not-yet the exception is a NotArrived.
+// Access of the box model to the host's stream. Each function classifies the status of a slot
+// through the host's CheckStatus and throws SimpleException, with the raw status and the host's
+// context word, unless it is a success; NotArrived for not yet. The functions and their results are
+// prescribed, so they are not built on ByteReader and ByteWriter.
 #ifndef KESTREL_BOXES_STREAM_IO_H
 #define KESTREL_BOXES_STREAM_IO_H
 
@@ -13,28 +14,28 @@
 
 namespace Qvox3gp {
 
-// Handed on by reference, so that every layer reaches the host's one table.
+// Passed by reference, so that all layers use the host's one table.
 using Stream = _TAG_KST_IOSTREAM_CALLBACK_INTERFACE*;
 
-// The data is not in the host's buffers yet. The message is that of any other failure.
+// The data has not arrived. The message is that of any other failure.
 class NotArrived : public SimpleException {
   public:
     explicit NotArrived(const SimpleException& failure) : SimpleException(failure) {}
 };
 
-// What the host's CheckStatus makes of a status: KST_IO_OK, one of the two not-yets, or a failure.
+// Returns the host's classification of a status: KST_IO_OK, one of the two not-yets, or a failure.
 uint32_t classify(Stream& callbacks, uint32_t status);
 bool is_not_yet(uint32_t classification);
 
-// Reads `count` bytes at the current position. A short read is not detected: it leaves the rest of
-// `data` as it was, so callers clear it first.
+// Reads `count` bytes at the current position. Does not detect a short read, which leaves the rest
+// of `data` as it was: clear it before.
 void macro_Read(Stream& callbacks, void* data, uint32_t count);
 
-// The same. Returns how many bytes the host delivered, at most `count`.
+// Reads like macro_Read. Returns how many bytes the host delivered, at most `count`.
 uint32_t read_available(Stream& callbacks, void* data, uint32_t count);
 
-// Fills `data` from the current position, however the host cuts the bytes. Returns false when the
-// stream ends before; the rest of `data` then stays as it was.
+// Fills `data` from the current position, in as many reads as the host needs. Returns false when
+// the stream ends before; the rest of `data` is then unchanged.
 bool read_all(Stream& callbacks, std::span<uint8_t> data);
 
 // Writes `count` bytes at the current position.
@@ -42,19 +43,20 @@ void macro_Write(Stream& callbacks, const void* data, uint32_t count);
 
 void macro_Seek(Stream& callbacks, uint32_t offset);
 
-// The current offset; 0 when the slot succeeded without writing one.
+// Returns the current offset; 0 when the slot succeeds without storing one.
 uint32_t macro_Tell(Stream& callbacks);
 
 // Moves by `delta` bytes from the current offset, modulo 2^32.
 void macro_SeekRel(Stream& callbacks, int32_t delta);
 
-// True when the slot answers non-zero; never throws of its own.
+// Returns true when the slot returns non-zero. Never throws.
 bool macro_IsEOF(Stream& callbacks);
 
-// The stream's length in bytes; the position is put back to where it was.
+// Returns the stream's length in bytes. Restores the position.
 uint32_t GetFileSize(Stream& callbacks);
 
-// Big-endian values at the current position; the _noswap forms move the bytes as they lie.
+// Read and write big-endian values at the current position; the _noswap forms keep the byte order
+// of memory.
 void var8_read(Stream& callbacks, uint8_t& value);
 void var8_read_noswap(Stream& callbacks, uint8_t& value);
 void var16_read(Stream& callbacks, uint16_t& value);
@@ -68,8 +70,9 @@ void var16_write(Stream& callbacks, uint16_t value);
 void var32_write(Stream& callbacks, uint32_t value);
 void var32_write_noswap(Stream& callbacks, uint32_t value);
 
-// The length of an MPEG-4 descriptor (ISO/IEC 14496-1, 8.3.3): up to four bytes of seven bits, most
-// significant first, going on while the top bit is set. Answers how many bytes it took.
+// Reads the length of an MPEG-4 descriptor (ISO/IEC 14496-1, 8.3.3): up to four bytes of seven
+// bits, most significant first; the top bit is set in all but the last. Returns the number of bytes
+// read.
 unsigned int ReadDescriptorSize(Stream& callbacks, unsigned int& size, unsigned int most = 4);
 
 }  // namespace Qvox3gp

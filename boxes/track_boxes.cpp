@@ -225,7 +225,7 @@ void DataEntryBox::fields(F& f, Self& self) {
     if constexpr (F::kReads) {
         f.skipped_body(self, 0);
     } else if constexpr (!F::kLists) {
-        FullBox::fields(f, self);  // nothing of it was kept to be listed
+        FullBox::fields(f, self);  // the rest is not stored, so it cannot be listed
     }
 }
 

@@ -14,14 +14,14 @@ namespace Qvox3gp {
 
 class StblBox;
 
-// "tkhd". A new one is enabled, in movie and preview, at full volume.
+// "tkhd". A new one is enabled, in the movie and its preview, at full volume.
 class TkhdBox : public Described<TkhdBox, FullBox, FixupableDims, FixupableTime, Timed> {
   public:
     TkhdBox();
     ~TkhdBox() override;
 
     void SetDimensions(unsigned int width, unsigned int height) override;
-    // The duration is counted in the movie's ticks; the timescale itself is not in the box.
+    // The duration is in movie ticks; the timescale itself is not in the box.
     void SetTimescale(unsigned int movie, unsigned int media) override;
     void SetDuration(unsigned int duration) override;
     virtual unsigned int GetTrackId() const;
@@ -54,15 +54,15 @@ class TkhdBox : public Described<TkhdBox, FullBox, FixupableDims, FixupableTime,
     uint32_t height_ = 0;
 };
 
-// "hint", the one reference type that is modelled: the track whose media a hint track packs. Only
-// the first track ID is read; a box that has none, as of a hint track that holds all its data
-// itself, is kept so.
+// "hint", the only reference type that is modelled: the track whose media a hint track packetises.
+// Only the first track ID is read. A box without one, such as that of a hint track that holds all
+// its data itself, stays empty.
 class TrackReferenceTypeBox : public Described<TrackReferenceTypeBox, Box> {
   public:
     TrackReferenceTypeBox();
     ~TrackReferenceTypeBox() override;
 
-    // The track ID at index 0; 0, which is no track's ID, where there is none.
+    // Returns the track ID at index 0; 0, which is not a track ID, for none.
     uint32_t GetTrackID(unsigned int index) const {
         return index < track_ids_.size() ? track_ids_[index] : 0;
     }
@@ -143,7 +143,7 @@ class MdhdBox : public Described<MdhdBox, FullBox, Timed, FixupableTime> {
     MdhdBox();
     ~MdhdBox() override;
 
-    // Takes the media's.
+    // Uses the timescale of the media.
     void SetTimescale(unsigned int movie, unsigned int media) override;
     void SetDuration(unsigned int duration) override;
     unsigned int GetTimescale() const override;
@@ -160,7 +160,7 @@ class MdhdBox : public Described<MdhdBox, FullBox, Timed, FixupableTime> {
     uint16_t pre_defined_ = 0;
 };
 
-// "hdlr". The name is not kept: Dump writes an empty one.
+// "hdlr". The name is not stored: Dump writes an empty one.
 class HdlrBox : public Described<HdlrBox, FullBox> {
   public:
     HdlrBox();
@@ -179,7 +179,7 @@ class HdlrBox : public Described<HdlrBox, FullBox> {
     std::array<uint32_t, 3> reserved_{};
 };
 
-// "vmhd". The graphics mode is not kept: Dump writes 0, which is copy.
+// "vmhd". The graphics mode is not stored: Dump writes 0, which is copy.
 class VmhdBox : public Described<VmhdBox, FullBox> {
   public:
     VmhdBox();
@@ -226,7 +226,7 @@ class HmhdBox : public Described<HmhdBox, FullBox> {
     uint32_t reserved_ = 0;
 };
 
-// An entry of "dref". Its body is skipped; a new one says that the media is in the same file.
+// An entry of "dref". Its body is skipped. A new one declares that the media is in the same file.
 class DataEntryBox : public Described<DataEntryBox, FullBox> {
   public:
     DataEntryBox();

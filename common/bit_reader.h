@@ -12,8 +12,7 @@
 
 namespace kestrel {
 
-// A cursor in a read-only run of bytes. Bits after the end read as zero and make ok() false for
-// good; nothing outside the bytes is ever touched.
+// A cursor in a read-only run of bytes. Bits after the end are zero and make ok() false for good.
 class BitReader {
   public:
     // The largest `count`.
@@ -27,8 +26,8 @@ class BitReader {
         skip(static_cast<unsigned>(bit_position % 8));
     }
 
-    // A copy for a hot loop, and the way back. They go field by field: compilers keep such a copy
-    // in registers, and one that is made as a whole in memory.
+    // Copy for a hot loop, and copy back. Compilers keep a copy that is made field by field in
+    // registers, and one that is made as a whole in memory.
     BitReader fork() const {
         BitReader copy;
         copy.begin_ = begin_;
@@ -44,12 +43,12 @@ class BitReader {
 
     bool ok() const { return bits_ >= 0; }
 
-    // In bits, from the first byte. Of no use when ok() is false.
+    // In bits, from the first byte. Undefined when ok() is false.
     size_t position() const {
         return static_cast<size_t>(next_ - begin_) * 8 - static_cast<size_t>(bits_);
     }
 
-    // Returns the next `count` bits, 1 or more, without a move.
+    // Returns the next `count` bits, at least 1, without moving.
     uint32_t peek(unsigned count) {
         fill(count);
         return front(count);
@@ -68,8 +67,8 @@ class BitReader {
         drop(count);
     }
 
-    // The steps of peek and skip, for a caller that needs one fill for several of them: front and
-    // drop reach no farther than the bits that were filled.
+    // The steps of peek and skip, for one fill before several of them: front and drop use at most
+    // the bits that were filled.
     void fill(unsigned count) {
         if (bits_ < static_cast<int>(count)) refill();
     }
@@ -81,17 +80,17 @@ class BitReader {
         bits_ -= static_cast<int>(count);
     }
 
-    // Fills kFilled bits or more. A hot loop does this where fill would branch at random.
+    // Fills at least kFilled bits. For hot loops in which the branch of fill is unpredictable.
     static constexpr unsigned kFilled = sizeof(size_t) * 8 - 8;
     void top_up() { refill(); }
 
   private:
     static constexpr int kWindowBits = sizeof(size_t) * 8;
 
-    // Makes bits_ at least kFilled, or as many as there are.
+    // Makes bits_ at least kFilled, or the number of bits left.
     void refill() {
         if (static_cast<size_t>(end_ - next_) < sizeof window_) return refill_at_end();
-        // The bits after the last whole byte are kept as well: the next refill brings them again.
+        // The bits after the last whole byte are kept too: the next refill sets them again.
         window_ |= load_be_word(next_) >> bits_;
         const unsigned bytes = static_cast<unsigned>(kWindowBits - 1 - bits_) / 8;
         next_ += bytes;
@@ -105,10 +104,10 @@ class BitReader {
     }
 
     const uint8_t* begin_ = nullptr;
-    const uint8_t* next_ = nullptr;  // the first byte that is not in the window as a whole
+    const uint8_t* next_ = nullptr;  // the first byte that is not whole in the window
     const uint8_t* end_ = nullptr;
-    size_t window_ = 0;  // the next bits, the first of them on top; zeros after the end
-    int bits_ = 0;       // those of them that count; negative: the cursor is after the end
+    size_t window_ = 0;  // the next bits, the first one on top; zeros after the end
+    int bits_ = 0;       // number of valid bits; negative: the cursor is after the end
 };
 
 }  // namespace kestrel

@@ -8,12 +8,11 @@
 
 namespace kestrel {
 
-// An accumulator wraps at 2^32 - 0.5 by 2^32 - 1, one count short of 2^32; receivers of the stream
-// know it so.
+// An accumulator wraps at 2^32 - 0.5 by 2^32 - 1, one less than 2^32, as receivers expect.
 inline constexpr double kClockWrapsAt = 4294967295.5;
 inline constexpr double kClockWrap = 4294967295.0;
 
-// Truncates to 32 bits, modulo 2^32; what is negative or no number becomes 0.
+// Truncates to 32 bits, modulo 2^32; negative values and NaN become 0.
 inline uint32_t truncate_to_u32(double value) {
     constexpr double kRange = 4294967296.0;
     if (value >= 0.0 && value < kRange) [[likely]]

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Ratios of whole numbers, truncated without rounding on the way: a value that is whole comes out
-// whole, on every machine.
+// Ratios of whole numbers, truncated once: a whole result is exact on all machines.
 #ifndef KESTREL_COMMON_RATIO_H
 #define KESTREL_COMMON_RATIO_H
 
@@ -8,8 +7,8 @@
 
 namespace kestrel {
 
-// Returns value * numerator / denominator, truncated: the largest value where that does not fit, 0
-// for a denominator of 0.
+// Returns value * numerator / denominator, truncated; the largest value on overflow, 0 for a
+// denominator of 0.
 inline uint32_t scaled(uint64_t value, uint32_t numerator, uint32_t denominator) {
     if (numerator == 0 || denominator == 0) return 0;
     const uint64_t whole = value / denominator;

@@ -59,9 +59,9 @@ int myfprintf(std::FILE* stream, const char* format, ...) {
 namespace kestrel {
 namespace {
 
-thread_local unsigned int* remarks = nullptr;  // of the handle at work; null for no bound
+thread_local unsigned int* remarks = nullptr;  // of the current handle; null for no limit
 
-// Writes a line. Without memory for it the work that wanted to log goes on.
+// Writes a line; nothing without memory for it.
 template <class Line>
 void write(const char* prefix, Line line) noexcept {
     try {
@@ -70,7 +70,7 @@ void write(const char* prefix, Line line) noexcept {
     }
 }
 
-// Counts a remark; false for one that is left out.
+// Counts a line. Returns false for one that is left out.
 bool admit_remark(const char* prefix, const LogSite& site) noexcept {
     if (remarks == nullptr) return true;
     if (*remarks < RemarkScope::kMaxRemarks) {

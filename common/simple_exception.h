@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's one exception and log-record type, and the way every log site uses it.
+// The library's exception and log record, and the functions of all log sites.
 #ifndef KESTREL_COMMON_SIMPLE_EXCEPTION_H
 #define KESTREL_COMMON_SIMPLE_EXCEPTION_H
 
@@ -12,13 +12,13 @@
 #include "kestrel/log.h"
 #include "kestrel/status.h"
 
-// Carries a formatted message with the source file and line where it was made. Thrown and caught
-// by reference, or built on the spot and logged. No exception leaves a public function.
+// A formatted message with the source file and line where it was made. Thrown and caught by
+// reference, or made and logged. No exception leaves a public function.
 class SimpleException {
   public:
     SimpleException() = default;
 
-    // Formats the message printf-style; it is cut at 255 characters.
+    // Formats the message like printf, truncated to 255 characters.
     SimpleException(const std::string& file, long line, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
 
@@ -43,10 +43,10 @@ class SimpleException {
     std::string file_;
 };
 
-// Swallows a printf-style call: debug printing routed through it is switched off.
+// Ignores a printf-style call: debug printing is switched off.
 void myprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// Prints to standard output whatever `stream` is, and returns what vprintf returned.
+// Prints to standard output whatever `stream` is. Returns the result of vprintf.
 int myfprintf(std::FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 namespace kestrel {
@@ -62,16 +62,15 @@ struct LogLevel {
     }
 };
 
-// Two prefix shapes: two of the four end in a blank.
+// Two of the four prefixes end in a blank.
 inline constexpr LogLevel kError{1, "ERR: "};
 inline constexpr LogLevel kWarning{2, "WARN:"};
 inline constexpr LogLevel kDebug{3, "DBG: "};
 inline constexpr LogLevel kVerbose{4, "DBG2:"};
 
-// Bounds the errors and warnings of one handle. While an object of it lives, the thread's lines of
-// these levels and those without a level count in the handle's `written`; after kMaxRemarks of
-// them one line says that the rest is left out. Debug lines, which a host asks for, are not
-// bounded.
+// Limits the errors and warnings of one handle. While an object exists, the thread's lines of these
+// levels, and those without a level, count in the handle's `written`. After kMaxRemarks lines, one
+// line reports that the rest is left out. Debug lines, which a host switches on, are not limited.
 class RemarkScope {
   public:
     static constexpr unsigned int kMaxRemarks = 100;
@@ -85,7 +84,7 @@ class RemarkScope {
     unsigned int* before_;  // of the scope around this one; null for none
 };
 
-// Where a line comes from: the source path that the line carries, and the line number.
+// The place of a line: the source path in the line, and the line number.
 struct LogSite {
     const char* file;
     long line;
@@ -96,24 +95,23 @@ inline LogSite at(const char* file, long line = __builtin_LINE()) {
     return {file, line};
 }
 
-// Writes a line if its level is enabled; below it nothing is built or formatted. Never throws.
+// Writes a line if its level is enabled; else formats nothing. Never throws.
 void log_line(const LogLevel& level, LogSite site, const char* format, ...) noexcept
     __attribute__((format(printf, 3, 4)));
 
-// The same with no prefix and no level test, for the few lines that are always written.
+// The same without prefix and level test, for the few lines that are always written.
 void log_always(LogSite site, const char* format, ...) noexcept
     __attribute__((format(printf, 2, 3)));
 
 // Logs an exception that was caught, if the level is enabled. Never throws.
 void log_caught(const LogLevel& level, const SimpleException& caught) noexcept;
 
-// The message of a foreign exception, where it is logged and where it is thrown on.
+// The message of a foreign exception, for logging and rethrowing.
 inline constexpr const char* kUnhandledLogged = "Unhandled exception caught\n";
 inline constexpr const char* kUnhandledThrown = "Unhandled exception caught";
 
 // Runs the body of a public function, which sets `status` before it throws. Logs what it throws; a
-// status that is still a success then becomes KST_FAILURE. Returns whether the body came to its
-// end.
+// status that is still KST_SUCCESS becomes KST_FAILURE. Returns whether the body completed.
 template <class Status, class Body>
 bool run_guarded(Status& status, LogSite site, Body body) {
     try {

@@ -7,8 +7,8 @@ namespace {
 
 constexpr int32_t kCurrentPosition = -1;
 
-// Calls one slot, or answers kst_no_slot where the host left none; the ISO reader is asked to open
-// a file before the table has been checked.
+// Calls a slot, or returns kst_no_slot for a null one: the ISO reader may open a file before the
+// table is checked.
 template <typename Slot, typename... Arguments>
 uint16_t call(const Callbacks* callbacks, Slot Callbacks::*slot, Arguments... arguments) {
     if (callbacks == nullptr || callbacks->*slot == nullptr) return kst_no_slot;

@@ -9,7 +9,7 @@
 #include "native/codec/payload_types.h"
 #include "native/orb_native.h"
 
-// AMR: one packet a frame, in both formats.
+// AMR packets of both formats: one packet per frame.
 
 namespace kestrel {
 namespace {
@@ -17,7 +17,7 @@ namespace {
 constexpr uint8_t kNoDataFormat1 = 0x78;
 constexpr uint8_t kNoDataFormat2 = 0x0F;
 
-// How the two formats differ.
+// The differences of the two formats.
 struct Tel {
     using State = tel_native;
     static constexpr int kHeaderSize = tel_header_size;
@@ -54,7 +54,7 @@ bool drops(const Header& hdr, const uint8_t* frame, int length) {
 template <typename Format>
 int amr_packet(void* out, int out_size, const void* in, int in_len, typename Format::State* state) {
     state->hdr.time = clock_to_timestamp(state->time_acc);
-    // The one check of the whole sample takes an `orb` header for either format, and once.
+    // The size check covers the whole sample once, with an `orb` header for either format.
     if (in_len < 0 || in_len > out_size - orb_header_size) return -1;
     const auto* frame = static_cast<const uint8_t*>(in);
     auto* to = static_cast<uint8_t*>(out);
@@ -66,7 +66,7 @@ int amr_packet(void* out, int out_size, const void* in, int in_len, typename For
         state->hdr.time = clock_to_timestamp(state->time_acc);
         state->time_acc = clock_after(state->time_acc, state->hdr.clock / kAmrFramesPerSecond);
         if (!drops(state->hdr, frame, length)) {
-            // The check above does not cover the headers of many short frames.
+            // The check above does not count the headers of many short frames.
             if (Format::kHeaderSize + length > out_size - written) return -1;
             written += Format::put_header(to + written, state);
             std::memcpy(to + written, frame, static_cast<size_t>(length));

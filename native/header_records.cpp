@@ -29,7 +29,7 @@ PROP_Header_Info prop(const char* medium, uint32_t header_length, uint32_t value
     return record;
 }
 
-// Copies as much configuration as the field holds; returns how much that is.
+// Copies as much configuration as fits in the field. Returns its length.
 uint16_t copy_config(uint8_t (&field)[kMaxConfigBytes], std::span<const uint8_t> config) {
     const size_t length = std::min(config.size(), sizeof field);
     std::fill(std::copy_n(config.begin(), length, field), std::end(field), uint8_t{0});
@@ -46,8 +46,8 @@ int put_audio_frame(void* out, tel_native* state, uint32_t length, const AmrBand
     return written;
 }
 
-// The product may be rounded to just below a whole number of milliseconds; seconds that are nearest
-// to one count as it.
+// The product may be rounded to just below a whole number of milliseconds; seconds nearest to a
+// whole number count as that number.
 uint32_t truncated_to_ms(double seconds) {
     constexpr double kMsPerSecond = 1000;
     const double ms = std::floor(seconds * kMsPerSecond);
@@ -166,7 +166,7 @@ int tel_put_hdr_vid_codecCfg264(void* out, iso_track* track) {
     constexpr size_t kProfile = 5, kConstraints = 6, kLevel = 7;
     if (out == nullptr) return -1;
     VID_Header_H264CodecConfig record;
-    std::memcpy(&record, out, sizeof record);  // some of its bytes stay as they were
+    std::memcpy(&record, out, sizeof record);  // some of its bytes are not set
     std::fill(std::begin(record.config), std::end(record.config), uint8_t{0});
     const bool has_sets = track != nullptr && track->dsi != nullptr;
     const size_t length =

@@ -10,16 +10,16 @@
 
 namespace kestrel {
 
-// What differs between the video codecs in the header records.
+// The values of a video codec in the header records.
 struct VideoFormat {
     const char* name;        // in the codec record
     uint32_t config_record;  // bytes of the codec configuration record
-    uint32_t config_length;  // what the codec record says of it
+    uint32_t config_length;  // the length in the codec record
 };
 
-// The H.263 names differ with the payload header of the packets: RFC 2190 for the first, RFC 4629
-// for the second. Both declare the length of an MPEG-4 configuration record, and H.264 declares 365
-// for its 368 bytes: platforms know them so.
+// The name of H.263 depends on the payload header of the packets: RFC 2190 for the first one, RFC
+// 4629 for the second. Both declare the length of an MPEG-4 configuration record, and H.264
+// declares 365 for its 368 bytes, as platforms expect.
 inline constexpr VideoFormat kMpeg4Format{"mp4v", sizeof(VID_Header_MPEG4CodecConfig), 356};
 inline constexpr VideoFormat kH263Format{"s263", sizeof(VID_Header_H263CodecConfig), 356};
 inline constexpr VideoFormat kH263PlusFormat{"s263+", sizeof(VID_Header_H263CodecConfig), 356};
@@ -41,7 +41,7 @@ VID_Header_CodecInfo video_codec(const VideoFormat& format, uint32_t bit_rate, u
 VID_Header_MPEG4CodecConfig mpeg4_config(std::span<const uint8_t> config);
 VID_FileInfo file_info(double duration_seconds);
 
-// Copies a record to `out`: its size, or -1 when `out` is null.
+// Copies a record to `out`. Returns its size, or -1 when `out` is null.
 template <typename Record>
 int put_record(void* out, const Record& record) {
     if (out == nullptr) return -1;

@@ -7,7 +7,7 @@
 #include "kestrel/isoff.h"
 #include "native/codec/amr_format.h"
 
-// Setting up a packetiser, and the entry that calls the one that was chosen.
+// Setting up a packetiser, and the call of the chosen one.
 
 using namespace kestrel;
 
@@ -16,7 +16,7 @@ namespace {
 constexpr uint32_t kVideoClock = 90000;
 constexpr int32_t kMaxPayload = 1400;
 
-// What the init calls install for a codec. Accepted codecs may have no packetiser.
+// What the init calls install for a codec. An accepted codec may have no packetiser.
 struct CodecEntry {
     int32_t codec;
     uint32_t clock;  // Hz
@@ -57,8 +57,8 @@ double rounded(double value) {
     return std::floor(value + 0.5);
 }
 
-// The packets that a video track may take, generously. A `factor` of up to 100 is a number of
-// packets a sample, a larger one the size of a packet.
+// An upper estimate of the packets of a video track. A `factor` of up to 100 is a number of packets
+// per sample, a larger one the size of a packet.
 double video_packets(double samples, double bytes, double factor) {
     constexpr double kLargestCountFactor = 100;
     constexpr double kFewestPacketsPerSample = 10;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Inside of the packetisers: the functions that the init calls choose from.
+// Internals of the packetisers: the functions that the init calls choose from.
 #ifndef KESTREL_NATIVE_ORB_NATIVE_H
 #define KESTREL_NATIVE_ORB_NATIVE_H
 
@@ -13,8 +13,8 @@ tel_packetiser tel_video_packet;
 orb_packetiser orb_video_packet;
 tel_packetiser tel_rfc3984_packet;
 
-// Writes the state's parameter sets as packets with the current marker; returns the bytes written.
-// `out` must hold h264_dsi_packets_size(state).
+// Writes the state's parameter sets as packets with the current marker. Returns the bytes written.
+// `out` must have h264_dsi_packets_size(state) bytes.
 int tel_h264_packetise_dsi(void* out, tel_native* state);
 size_t h264_dsi_packets_size(const tel_native* state);
 

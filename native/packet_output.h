@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The output of a packetiser: packets back to back, within the size that the caller gave.
+// The output of a packetiser: packets back to back, in memory of the caller's size.
 #ifndef KESTREL_NATIVE_PACKET_OUTPUT_H
 #define KESTREL_NATIVE_PACKET_OUTPUT_H
 
@@ -35,7 +35,7 @@ class PacketOutput {
     size_t written_ = 0;
 };
 
-// All packets of a sample carry the time at its beginning; the accumulator moves to its end.
+// All packets of a sample have the time of its beginning; the accumulator moves to its end.
 template <typename State>
 void begin_sample(State* state, double duration) {
     state->hdr.time = clock_to_timestamp(state->time_acc);

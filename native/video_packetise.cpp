@@ -7,7 +7,7 @@
 #include "native/orb_native.h"
 #include "native/packet_output.h"
 
-// H.263 and MPEG-4 pictures into packets of both formats.
+// H.263 and MPEG-4 packets of both formats.
 
 namespace kestrel {
 namespace {
@@ -47,7 +47,7 @@ VideoPayload payload_kind(const tel_native* state) {
     }
 }
 
-// Writes one packet of the sample; false when the output has no room.
+// Writes one packet of the sample. Returns false when it does not fit in the output.
 bool put_packet(PacketOutput& output, tel_native* state, std::span<const uint8_t> sample,
                 const VideoPacket& packet) {
     const auto& [header, fragment] = packet;

@@ -48,7 +48,7 @@ constexpr StatusText kStatusTexts[] = {
     {kLastStatus, "Invalid status value"},
 };
 
-// Every function slot is required; the context word may be anything.
+// Whether no function slot is null. The context may be null.
 bool is_complete(const KST_IOSTREAM_CALLBACK_INTERFACE* callbacks) {
     return callbacks != nullptr && callbacks->GetOffset && callbacks->Seek &&
            callbacks->SeekNRead && callbacks->SeekNWrite && callbacks->GetStreamSize &&
@@ -56,8 +56,8 @@ bool is_complete(const KST_IOSTREAM_CALLBACK_INTERFACE* callbacks) {
            callbacks->CheckStatus;
 }
 
-// Opens the handle over `file`, which stays the caller's when the status is not 0 and the handle
-// variable was not touched.
+// Opens the handle over `file`. The caller still owns the file when the result is not 0 and the
+// handle variable was not set.
 int32_t open_over(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
                   const char* mode, iso_file* file) {
     auto* record = static_cast<mm_Interface*>(std::malloc(sizeof(mm_Interface)));
@@ -68,7 +68,7 @@ int32_t open_over(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* ca
     *handle_out = record;
     record->file = file;
     int32_t status = mmfi_Open(record, mode);
-    // Without its hint track's cursor a file would play as another stream.
+    // Without memory for the cursor of its hint track the file would play as another stream.
     if (status == KST_SUCCESS && file->own->lacked_memory) status = KST_NO_MEMORY;
     if (status == KST_SUCCESS) {
         kstutil_seek(callbacks, 0);
@@ -96,9 +96,8 @@ int32_t kst_Open(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* cal
 
 int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
                   const char* mode, uint32_t) {
-    // The file is opened before any argument is checked; hosts may count on being asked. Where
-    // memory runs out at any point of opening, the status is 6: a file that was read in part only
-    // would seem to lack what could not be kept.
+    // The file is opened before the arguments are checked, as hosts expect. Without memory at any
+    // point the status is KST_NO_MEMORY: a file of which only a part was kept would seem damaged.
     int error = 0;
     iso_file* file = isoFFopen(callbacks, "r", &error);
     int32_t status = check_arguments(handle_out, callbacks, mode);
@@ -128,7 +127,7 @@ int32_t kst_Close(mm_Interface** handle_in_out) {
 
 int32_t kst_SeekTo(mm_Interface* handle, uint32_t position) {
     if (handle == nullptr) return KST_BAD_HANDLE;
-    // Position 0 is refused as an argument, not as an operation: kept on purpose.
+    // Position 0 is KST_BAD_ARGUMENT, not KST_NOT_SUPPORTED: kept on purpose.
     return position == 0 ? KST_BAD_ARGUMENT : KST_NOT_SUPPORTED;
 }
 

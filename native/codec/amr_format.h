@@ -11,20 +11,19 @@ namespace kestrel {
 
 inline constexpr int kAmrFrameTypes = 16;
 
-// Speech bits of each narrow-band frame type; 8 is comfort noise, 9 to 15 carry none.
+// Speech bits of each narrow-band frame type; 8 is comfort noise, 9 to 15 have none.
 inline constexpr uint16_t bits[kAmrFrameTypes] = {95, 103, 118, 134, 148, 159, 204, 244, 39};
 
 // The same for the wide band, where 9 is comfort noise.
 inline constexpr uint16_t kWideBandBits[kAmrFrameTypes] = {132, 177, 253, 285, 317,
                                                            365, 397, 461, 477, 40};
 
-// Payload bytes of each wide-band frame type, as the packetiser takes them. Comfort noise (9) is
-// one byte longer than its 40 bits need and types 10 to 13 have lengths though they carry nothing:
-// kept on purpose.
+// Payload bytes of each wide-band frame type for the packetiser. Comfort noise (9) has one byte
+// more than its 40 bits need, and types 10 to 13 have lengths without contents: kept on purpose.
 inline constexpr uint8_t amr_wb_size[kAmrFrameTypes] = {17, 23, 32, 36, 40, 46, 50, 58,
                                                         60, 6,  34, 45, 60, 60, 0,  0};
 
-// What differs between the two bands.
+// The differences of the two bands.
 struct AmrBand {
     const uint16_t (&frame_bits)[kAmrFrameTypes];
     uint32_t sampling_rate;  // Hz, also that of the RTP clock
@@ -46,7 +45,7 @@ inline constexpr NarrowBandMode kNarrowBandModes[] = {{4750, 26},  {5150, 27}, {
                                                       {6700, 29},  {7400, 30}, {7950, 31},
                                                       {10200, 32}, {12200, 33}};
 
-// Bit rate of a mode set (of `damr`) that has one mode; that of the highest mode for any other.
+// Bit rate of a mode set (of `damr`) with one mode; for any other set that of the highest mode.
 constexpr uint32_t amr_bit_rate(uint32_t mode_set) {
     uint32_t bit = 1;
     for (const NarrowBandMode& mode : kNarrowBandModes) {
@@ -59,7 +58,7 @@ constexpr uint32_t amr_bit_rate(uint32_t mode_set) {
 inline constexpr AmrBand kNarrowBand{bits, 8000, 160, 10, kNativeAmrPayloadType};
 inline constexpr AmrBand kWideBand{kWideBandBits, 16000, 320, 20, kNativeAmrWideBandPayloadType};
 
-// A nibble with its bits reversed.
+// Returns a nibble with its bits reversed.
 inline constexpr uint8_t flip[16] = {0, 8, 4, 12, 2, 10, 6, 14, 1, 9, 5, 13, 3, 11, 7, 15};
 
 // Frame type of a storage-format header byte.

@@ -20,8 +20,8 @@ AvccHeader read_avcc_header(ByteReader& reader) {
     return header;
 }
 
-// Visits the sets of one kind. Only the low five bits of the count are taken, for picture parameter
-// sets as well, so more than 31 of them are not supported: kept on purpose.
+// Visits the sets of one kind. Only the low five bits of the count are used, for picture parameter
+// sets too, so more than 31 of them are not supported: kept on purpose.
 template <typename Visit>
 void visit_sets(ByteReader& reader, Visit visit) {
     const uint32_t count = reader.u8() & 0x1F;
@@ -31,7 +31,7 @@ void visit_sets(ByteReader& reader, Visit visit) {
     }
 }
 
-// Appends the parameter sets of one kind, empty ones too. Returns how many.
+// Appends the parameter sets of one kind, empty ones too. Returns their number.
 uint32_t append_prefixed_sets(ByteReader& reader, int width, std::vector<uint8_t>& to, bool& fits) {
     uint32_t count = 0;
     visit_sets(reader, [&](std::span<const uint8_t> set) {
@@ -57,7 +57,7 @@ struct ParameterSets {
     }
 };
 
-// Cuts at each 00 00 01. A unit ends four bytes before the byte that completes the code, so units
+// Splits at each 00 00 01. A unit ends four bytes before the byte that completes the code, so units
 // must be separated by four-byte start codes.
 ParameterSets cut_units(std::span<const uint8_t> in) {
     ParameterSets sets;
@@ -82,10 +82,10 @@ void append_sets(std::vector<uint8_t>& to, std::span<const NalUnit> sets) {
     }
 }
 
-// Empty when the sets make no record.
+// Returns nothing when the sets make no record.
 std::vector<uint8_t> make_record(std::span<const NalUnit> sequence_sets,
                                  std::span<const NalUnit> picture_sets, int length_size) {
-    constexpr size_t kProfileCompatibilityLevel = 4;  // bytes of the first set that are looked at
+    constexpr size_t kProfileCompatibilityLevel = 4;  // bytes of the first set that are used
     constexpr int kReservedLengthBits = 0xFC;
     constexpr size_t kReservedCountBits = 0xE0;
     if (sequence_sets.empty() || sequence_sets[0].size() < kProfileCompatibilityLevel) return {};
@@ -148,7 +148,7 @@ size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to
 
 std::vector<uint8_t> make_avcc(std::span<const NalUnit> sequence_sets,
                                std::span<const NalUnit> picture_sets, int length_size) {
-    constexpr size_t kMaxSets = 31;  // that readers count in five bits
+    constexpr size_t kMaxSets = 31;  // counted in five bits by readers
     const auto is_too_long = [](NalUnit set) { return set.size() > UINT16_MAX; };
     if (sequence_sets.size() > kMaxSets || picture_sets.size() > kMaxSets ||
         std::any_of(sequence_sets.begin(), sequence_sets.end(), is_too_long) ||

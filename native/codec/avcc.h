@@ -16,34 +16,34 @@ struct AvccHeader {
     uint8_t profile, compatibility, level, nal_length_size;
 };
 
-// The parameter sets of an `avcC` as a track holds them: the sequence sets, then the picture sets,
-// each after a length as wide as those of the stream.
+// The parameter sets of an `avcC` as a track stores them: the sequence sets, then the picture sets,
+// each after a length that is as wide as the lengths in the stream.
 struct ParamSets {
     std::vector<uint8_t> bytes;
     size_t sps_length = 0;
     uint32_t sps_count = 0, pps_count = 0;
 };
 
-// False when the record does not keep to its length, or a set not to the width of the lengths.
+// False when the record is malformed or a set does not fit the width of the lengths.
 bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSets& sets);
 
-// Returns how long a record is by its counts and lengths, as far as they are there.
+// Returns the length of a record by its counts and lengths, as far as they are present.
 size_t avcc_length(std::span<const uint8_t> avcc);
 
-// Puts the parameter sets of a record into `to`, each after a start code, as far as there is room
-// for them. Returns the length of all.
+// Writes the parameter sets of a record to `to`, each after a start code, as far as they fit.
+// Returns the length of all.
 size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to);
 
-// Makes a record of parameter sets for NAL unit lengths of `length_size` bytes; empty when there is
-// no sequence parameter set that begins with profile and level, or sets are too many or too long.
+// Makes a record of parameter sets for NAL unit lengths of `length_size` bytes. Returns nothing
+// without a sequence parameter set that has profile and level, and for too many or too long sets.
 std::vector<uint8_t> make_avcc(std::span<const NalUnit> sequence_sets,
                                std::span<const NalUnit> picture_sets, int length_size);
 
-// The largest record that is made of a run of bytes.
+// Limit of a record made of start-coded sets.
 inline constexpr size_t kMaxAvccBytes = 256;
 
-// Makes a record of parameter sets that are separated by start codes 00 00 00 01; empty when they
-// make none, or one of more than kMaxAvccBytes.
+// Makes a record of parameter sets that are separated by start codes 00 00 00 01. Returns nothing
+// when they make none, or one of more than kMaxAvccBytes.
 std::vector<uint8_t> make_avcc(std::span<const uint8_t> units);
 
 }  // namespace kestrel

@@ -16,7 +16,7 @@ struct PictureSize {
 
 constexpr PictureSize kQcifSize{176, 144};
 
-// The sizes that are reported; {0, 0} for any other format.
+// Sizes of the formats that are reported; {0, 0} for any other format.
 PictureSize size_of(uint32_t source_format) {
     switch (source_format) {
         case kSubQcif:
@@ -34,8 +34,8 @@ bool is_picture_start(const unsigned char* p) {
     return p[0] == 0 && p[1] == 0 && (p[2] & 0xFC) == 0x80;
 }
 
-// Takes PLUSPTYPE (5.1.4) from the header at `p`, of which `left` bytes are there. Returns the size
-// that it stands for, {0, 0} when it is none that is reported.
+// Reads PLUSPTYPE (5.1.4) from the header at `p`, of which `left` bytes are present. Returns its
+// size, {0, 0} for none that is reported.
 PictureSize take_plusptype(const unsigned char* p, unsigned left, H263VCFG* cfg) {
     constexpr uint8_t kOptionalPart = 0x80;  // UFEP 001
     cfg->plusptype = 1;
@@ -44,7 +44,7 @@ PictureSize take_plusptype(const unsigned char* p, unsigned left, H263VCFG* cfg)
         cfg->coding_type = left > 7 ? p[7] >> 2 & 1 : 0;
         return size_of(cfg->source_format);
     }
-    // The format is that of the picture before, but this size is reported whatever it was.
+    // The format is that of the previous picture, but this size is reported whatever it was.
     cfg->coding_type = p[5] >> 4 & 1;
     return kQcifSize;
 }
@@ -97,8 +97,8 @@ uint32_t h264_get_nal_size(const unsigned char* p, int n) {
 }
 
 int FindStartCode(const unsigned char* buf, int len, unsigned char code) {
-    // In a VOP header the top two bits of this byte are the coding type, 00 for intra; other start
-    // codes are put to the same test.
+    // In a VOP header the top two bits of this byte are the coding type, 00 for intra. Other start
+    // codes are tested in the same way.
     constexpr unsigned char kBelow = 64;
     for (int p = 0; p + 5 <= len; ++p) {
         const bool found = buf[p] == 0 && buf[p + 1] == 0 && buf[p + 2] == 1;

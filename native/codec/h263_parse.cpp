@@ -108,7 +108,7 @@ bool parse_custom_format(BitReader& reader, nch_picture& picture) {
     return aspect != 0 && marker && height != 0 && height <= kTallest;
 }
 
-// UUI (5.1.9): "1" or "01". How far vectors may reach does not change how they are coded.
+// UUI (5.1.9): "1" or "01". The range of vectors does not change their coding.
 bool parse_uui(BitReader& reader) {
     return reader.flag() || reader.flag();
 }
@@ -120,7 +120,7 @@ bool parse_sss(BitReader& reader, nch_modes& modes) {
     return !rectangular;
 }
 
-// PLUSPTYPE and what follows it, up to PQUANT.
+// PLUSPTYPE and the fields after it, up to PQUANT.
 bool parse_plusptype(BitReader& reader, nch_picture& picture) {
     constexpr uint32_t kReducedUfep = 0;
     constexpr uint32_t kFullUfep = 1;
@@ -165,7 +165,7 @@ void start_segment(nch_state& state, unsigned address) {
     state.segment_start = address;
 }
 
-// How many bits MBA takes (Annex K).
+// Number of bits of MBA (Annex K).
 unsigned slice_address_bits(const nch_picture& picture) {
     struct Width {
         unsigned largest;
@@ -211,9 +211,8 @@ nch_vector median(nch_vector a, nch_vector b, nch_vector c) {
     return {median(a.x, b.x, c.x), median(a.y, b.y, c.y)};
 }
 
-// The predictor of block 1 or 2 (index 0 or 1), given the candidate on its left. Where the
-// macroblock above is outside, the left one stands in for it and so wins, whatever is above on the
-// right.
+// The predictor of block 1 or 2 (index 0 or 1) from the candidate on its left. When the macroblock
+// above is outside, the left one replaces it and is the result.
 inline nch_vector predict_upper(const nch_state& state, size_t block, nch_vector left) {
     const nch_place& place = state.next;
     if (place.address < state.segment_start + place.columns) return left;
@@ -246,8 +245,8 @@ nch_vector predict_other(const nch_state& state, size_t block, const BlockVector
     }
 }
 
-// A component from its predictor and its difference of Table 14, which stands for two values that
-// are 64 half pixels apart.
+// A component from its predictor and its difference of Table 14, which stands for two values 64
+// half pixels apart.
 int fold_component(int predictor, int difference, bool unrestricted) {
     constexpr int kFold = 64;
     const int sum = predictor + difference;
@@ -267,7 +266,7 @@ bool read_folded_vector(BitReader& reader, bool unrestricted, nch_vector& vector
 }
 
 bool read_reversible_vector(BitReader& reader, nch_vector& vector) {
-    // No vector reaches farther than across the largest picture, with room to spare.
+    // Limits a vector to more than the width of the largest picture.
     constexpr int kFarthest = 8191;
     int x = 0;
     int y = 0;
@@ -317,7 +316,7 @@ struct MbHeader {
 };
 
 // COD and MCBPC, stuffing skipped. Four vectors belong to Annexes F and J, but some encoders use
-// them without a mode for them, and the type alone decides what follows.
+// them without these modes. The type alone decides.
 bool parse_mb_type(BitReader& reader, const nch_picture& picture, MbHeader& header) {
     const bool inter = picture.coding_type == kNchInter;
     kestrel::Mcbpc mcbpc;
@@ -333,7 +332,7 @@ bool parse_mb_type(BitReader& reader, const nch_picture& picture, MbHeader& head
     return true;
 }
 
-// CBPY. With Annex S it has its intra meaning where both chrominance blocks are coded.
+// CBPY. With Annex S it has its intra meaning when both chrominance blocks are coded.
 bool parse_coded_blocks(BitReader& reader, const nch_modes& modes, MbHeader& header) {
     constexpr unsigned kLuminance = 0xf;
     constexpr unsigned kBothChroma = 3;
@@ -376,7 +375,7 @@ bool parse_dquant(BitReader& reader, const nch_modes& modes, uint8_t& quantiser)
     return true;
 }
 
-// What follows the type of a coded macroblock.
+// The fields after the type of a coded macroblock.
 bool parse_coded_mb(BitReader& reader, nch_state& state, MbHeader& header, MbVectors& vectors) {
     const nch_modes& modes = state.picture.modes;
     const bool intra = is_intra(header.type);
@@ -406,7 +405,7 @@ void describe(nch_state& state, size_t first_bit, uint8_t quantiser, const MbVec
                         .vmv2 = biased(vectors.third_predictor.y)};
 }
 
-// Goes on to the next macroblock, keeping the vectors that predict later ones.
+// Moves to the next macroblock, and keeps the vectors that predict later ones.
 void advance(nch_state& state, const BlockVectors& vectors) {
     state.left = {vectors[1], vectors[3]};
     state.above[state.next.column] = {vectors[2], vectors[3]};
@@ -458,7 +457,7 @@ bool nch_gob_parse(BitReader& reader, nch_state& state) {
     if (!skip_start_code(reader)) return false;
     const unsigned in_gob = state.picture.macroblocks_per_gob();
     const unsigned gob = reader.get(kGnBits);
-    // The picture's own header stands for that of GOB 0.
+    // The picture header also serves as the header of GOB 0.
     if (gob == 0 || gob * in_gob != state.next.address) return false;
     reader.skip(kGfidBits);
     start_segment(state, gob * in_gob);
@@ -479,7 +478,7 @@ bool nch_slice_parse(BitReader& reader, nch_state& state) {
 }
 
 bool nch_first_slice_parse(BitReader& reader, nch_state& state) {
-    // MBA between SEPB1 and SEPB3; with no SQUANT there is nothing for SEPB2 to part it from.
+    // MBA between SEPB1 and SEPB3. Without SQUANT there is no SEPB2.
     unsigned address = 0;
     if (!reader.flag()) return false;
     if (!parse_slice_address(reader, state, address)) return false;
@@ -520,7 +519,7 @@ int nch_walk(nch_state& state, BitReader& reader, bool at_start) {
 int get_start_of_mb(nch_state& state, std::span<const uint8_t> picture, BitPosition& position) {
     const bool inside =
         picture.size() <= kNchMaxBytes && position.byte < picture.size() && position.bit < 8;
-    // Where nothing is, a reader of nothing fails.
+    // An empty reader fails.
     const BitReader nothing;
     BitReader reader = inside ? BitReader(picture, position.byte * 8 + position.bit) : nothing;
     const int result = nch_walk(state, reader, position == BitPosition{});

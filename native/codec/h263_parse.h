@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Walks a coded H.263 picture macroblock by macroblock (ITU-T H.263, clause 5), without decoding
-// it, so that a packetiser can cut it between two macroblocks and give what RFC 2190 mode B
-// requires of the macroblock that a packet begins with.
+// Walks a coded H.263 picture macroblock by macroblock (ITU-T H.263, clause 5) without decoding it,
+// so that a packetiser can cut it between two macroblocks and describe the first macroblock of a
+// packet as RFC 2190 mode B requires.
 //
-// Walked are I and P pictures of every source format and custom size, with the optional modes of
-// Annexes D, F, I, J, K (without rectangular slices), S and T. Refused are Annexes C, E, G, M, N,
-// O, P, Q and R: the picture header of such a picture does not parse.
+// It walks I and P pictures of all source formats and custom sizes, with the optional modes of
+// Annexes D, F, I, J, K (without rectangular slices), S and T. It refuses Annexes C, E, G, M, N, O,
+// P, Q and R: the picture header does not parse.
 #ifndef KESTREL_NATIVE_H263_PARSE_H
 #define KESTREL_NATIVE_H263_PARSE_H
 
@@ -17,7 +17,7 @@
 
 #include "common/bit_reader.h"
 
-// A place in a picture: `bit` counts from the most significant bit of the byte, 0 to 7.
+// A position in a picture: `bit` counts from the most significant bit of the byte, 0 to 7.
 struct BitPosition {
     size_t byte = 0;
     unsigned bit = 0;
@@ -58,8 +58,8 @@ struct nch_modes {
     bool custom_clock = false;           // the picture header has ETR
 };
 
-// The picture layer. A picture with UFEP 000 takes its format and modes from the picture before, so
-// this is kept from one picture to the next.
+// The picture layer. A picture with UFEP 000 takes its format and modes from the previous picture,
+// so this is kept between pictures.
 struct nch_picture {
     uint8_t source_format = 0;       // 0 before the first picture
     uint8_t coding_type = 0;         // kNchIntra or kNchInter
@@ -79,7 +79,7 @@ struct nch_picture {
     unsigned macroblocks_per_gob() const { return columns() * rows_per_gob(); }
 };
 
-// The place of a macroblock in its picture, kept without divisions from one to the next.
+// The place of a macroblock in its picture, advanced without divisions.
 struct nch_place {
     unsigned address = 0;  // in scan order from the first macroblock of the picture
     unsigned column = 0;
@@ -110,16 +110,16 @@ struct nch_place {
     }
 };
 
-// The longest picture that is walked, in bytes: positions are counted in bits.
+// Limit of a picture in bytes, because positions are in bits.
 inline constexpr size_t kNchMaxBytes = std::numeric_limits<size_t>::max() / 8;
 
 // The largest custom picture is 2048 pixels wide (5.1.5).
 inline constexpr unsigned kNchMaxColumns = 2048 / 16;
 
-// What is added to the motion vector predictors where they are kept.
+// Added to the motion vector predictors that are stored.
 inline constexpr int kNchVectorBias = 32;
 
-// One macroblock, as things stood where it begins: after the header of a GOB or slice that begins
+// One macroblock, with the state at its beginning: after the header of a GOB or slice that begins
 // with it, before its own DQUANT and vectors.
 struct nch_macroblock {
     size_t first_bit = 0;    // in the picture; where its own bits begin, after such a header
@@ -127,27 +127,27 @@ struct nch_macroblock {
     uint16_t address = 0;    // in scan order from the first macroblock of its GOB
     uint8_t quantiser = 0;   // 1 to 31
     // Predictors in half pixels, kNchVectorBias added: of the vector (or the first of four), and of
-    // the third of four; without four vectors the latter is 0 and so kept as the bias alone.
+    // the third of four, which is 0 (stored as the bias) without four vectors.
     int16_t hmv1 = kNchVectorBias;
     int16_t vmv1 = kNchVectorBias;
     int16_t hmv2 = kNchVectorBias;
     int16_t vmv2 = kNchVectorBias;
 };
 
-// The walker's record. A zero-initialised one is ready for a first picture. It holds no pointers: a
-// plain copy, kept with the position it belongs to, goes on from there at any time.
+// The state of the walker. A zero-initialised one is ready for a first picture. It has no pointers:
+// a plain copy, kept with its position, can continue at any time.
 struct nch_state {
     nch_picture picture;
-    nch_macroblock macroblock;  // the one that was walked last
+    nch_macroblock macroblock;  // the last one walked
 
-    // Where the walk stands.
+    // The position of the walk.
     nch_place next;                 // of the next macroblock
     unsigned macroblocks_left = 0;  // not yet walked; 0 outside a picture
     unsigned segment_start = 0;     // first macroblock after the last picture, GOB or slice header
     uint8_t quantiser = 0;          // in force
 
-    // Vectors that later predictors need: blocks 2 and 4 of the macroblock before, and blocks 3 and
-    // 4 of the latest macroblock in each column.
+    // Vectors for later predictors: blocks 2 and 4 of the previous macroblock, and blocks 3 and 4
+    // of the latest macroblock in each column.
     std::array<nch_vector, 2> left{};
     std::array<std::array<nch_vector, 2>, kNchMaxColumns> above{};
 };
@@ -156,37 +156,38 @@ struct nch_state {
 enum : int { kNchWalked = 0, kNchEndOfPicture = 1, kNchFailed = -1 };
 
 // Walks the macroblock at `position` of `picture`, a coded picture that begins with its start code.
-// At (0, 0) the picture header is parsed first, and where the next 16 bits are zero the GOB or
-// slice header there. Returns kNchWalked with `position` moved after the macroblock, where the
-// next one or the stuffing before its header begins, and state.macroblock describing the one that
-// was walked. Returns kNchEndOfPicture when all have been walked, and kNchFailed when the bits
-// cannot be followed; `position` and state.macroblock then keep their values and the rest of the
-// picture cannot be walked either, but the next picture can.
+// At (0, 0) it parses the picture header first, and the GOB or slice header if the next 16 bits are
+// zero. Returns:
+// - kNchWalked: `position` is after the macroblock, where the next one begins, or the stuffing
+// before its header. state.macroblock describes the one that was walked.
+// - kNchEndOfPicture: all macroblocks have been walked.
+// - kNchFailed: the bits cannot be parsed. `position` and state.macroblock are unchanged. The rest
+// of the picture cannot be walked, but the next picture can.
 int get_start_of_mb(nch_state& state, std::span<const uint8_t> picture, BitPosition& position);
 
-// The same for a caller who walks on with one reader, which stands where the macroblock before
-// ended, or at the picture's first bit when `at_start`. Where the result is not kNchWalked, the
-// reader is of no use any more.
+// The same for a caller that continues with one reader, which is where the previous macroblock
+// ended, or at the first bit of the picture for `at_start`. Do not use the reader after a result
+// other than kNchWalked.
 int nch_walk(nch_state& state, kestrel::BitReader& reader, bool at_start);
 
-// The layers, in the order of their nesting. Each moves the reader past what it parsed and returns
-// whether that could be followed; where not, the records keep nothing to rely on.
+// The layers, in the order of their nesting. Each moves the reader after what it parsed. Returns
+// false when the bits cannot be parsed; the records are then undefined.
 
-// The picture header to the end of PSUPP.
+// Parses the picture header to the end of PSUPP.
 bool nch_picture_parse(kestrel::BitReader& reader, nch_picture& picture);
 
-// A GOB header, stuffing before it included. It must be that of the GOB which is due.
+// Parses a GOB header with the stuffing before it. It must be the header of the next GOB.
 bool nch_gob_parse(kestrel::BitReader& reader, nch_state& state);
 
-// A slice header, stuffing before it included. Slices in order must begin with the macroblock that
-// is due.
+// Parses a slice header with the stuffing before it. Slices in order must begin with the next
+// macroblock.
 bool nch_slice_parse(kestrel::BitReader& reader, nch_state& state);
 
-// The short slice header right after the picture header (Annex K).
+// Parses the short slice header after the picture header (Annex K).
 bool nch_first_slice_parse(kestrel::BitReader& reader, nch_state& state);
 
-// A macroblock, stuffing before it included; describes it in state.macroblock, which keeps its
-// value where it cannot be followed.
+// Parses a macroblock with the stuffing before it, and describes it in state.macroblock, which is
+// unchanged on failure.
 bool nch_mb_parse(kestrel::BitReader& reader, nch_state& state);
 
 #endif

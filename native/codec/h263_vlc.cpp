@@ -12,21 +12,21 @@ namespace kestrel {
 
 namespace {
 
-// One code word: its bits, right-aligned, and how many they are.
+// A code word: its bits, right-aligned, and their number.
 struct VlcCode {
     uint16_t bits;
     uint8_t length;
     uint8_t value;
 };
 
-// What a window of bits begins with; length 0 where no code word fits.
+// The code at the beginning of a window of bits; length 0 for none.
 struct VlcHit {
     uint8_t length = 0;
     uint8_t value = 0;
 };
 
-// A table with one entry for every window of kWidth bits. It is made while compiling, and two code
-// words of which one begins the other do not compile.
+// A table with an entry for each window of kWidth bits, made at compile time. Two code words of
+// which one is a prefix of the other do not compile.
 template <unsigned kWidth>
 class VlcTable {
   public:
@@ -45,7 +45,7 @@ class VlcTable {
         }
     }
 
-    // The windows that no code word covers: a wrong length in a table shows here.
+    // The number of windows without a code word: a wrong length in a table changes it.
     constexpr size_t unused() const {
         size_t count = 0;
         for (const VlcHit& hit : hits_)
@@ -56,8 +56,8 @@ class VlcTable {
     static constexpr unsigned width() { return kWidth; }
     constexpr VlcHit at(size_t window) const { return hits_[window]; }
 
-    // Moves past a code word; false where none fits. Short ones, which are most, are looked up in a
-    // table of their own that takes little cache.
+    // Reads a code word. Returns false for none. Short codes, which are most, are in a table of
+    // their own that needs little cache.
     bool read(BitReader& reader, unsigned& value) const {
         reader.fill(kWidth);
         VlcHit hit = short_hits_[reader.front(kShort)];
@@ -163,48 +163,119 @@ constexpr auto kSignedMvdCodes = [] {
     return codes;
 }();
 
-// What walking needs of a TCOEF code word: not its run and level, only whether the block goes on.
+// The part of a TCOEF code word that walking needs: whether the block continues, not run and level.
 enum TcoefKind : uint8_t { kMore, kLast, kEscape };
 
-// Table 16 without the sign bit. The levels 1, 2, ... of one run stand together.
-// clang-format off
+// Table 16 without the sign bit. The levels 1, 2, ... of one run are together.
 constexpr VlcCode kTcoefCodes[] = {
     // LAST 0, run 0
-    {0x02, 2, kMore}, {0x0f, 4, kMore}, {0x15, 6, kMore}, {0x17, 7, kMore},
-    {0x1f, 8, kMore}, {0x25, 9, kMore}, {0x24, 9, kMore}, {0x21, 10, kMore},
-    {0x20, 10, kMore}, {0x07, 11, kMore}, {0x06, 11, kMore}, {0x20, 11, kMore},
+    {0x02, 2, kMore},
+    {0x0f, 4, kMore},
+    {0x15, 6, kMore},
+    {0x17, 7, kMore},
+    {0x1f, 8, kMore},
+    {0x25, 9, kMore},
+    {0x24, 9, kMore},
+    {0x21, 10, kMore},
+    {0x20, 10, kMore},
+    {0x07, 11, kMore},
+    {0x06, 11, kMore},
+    {0x20, 11, kMore},
     // run 1
-    {0x06, 3, kMore}, {0x14, 6, kMore}, {0x1e, 8, kMore}, {0x0f, 10, kMore},
-    {0x21, 11, kMore}, {0x50, 12, kMore},
+    {0x06, 3, kMore},
+    {0x14, 6, kMore},
+    {0x1e, 8, kMore},
+    {0x0f, 10, kMore},
+    {0x21, 11, kMore},
+    {0x50, 12, kMore},
     // runs 2 to 10, a line each
-    {0x0e, 4, kMore}, {0x1d, 8, kMore}, {0x0e, 10, kMore}, {0x51, 12, kMore},
-    {0x0d, 5, kMore}, {0x23, 9, kMore}, {0x0d, 10, kMore},
-    {0x0c, 5, kMore}, {0x22, 9, kMore}, {0x52, 12, kMore},
-    {0x0b, 5, kMore}, {0x0c, 10, kMore}, {0x53, 12, kMore},
-    {0x13, 6, kMore}, {0x0b, 10, kMore}, {0x54, 12, kMore},
-    {0x12, 6, kMore}, {0x0a, 10, kMore},
-    {0x11, 6, kMore}, {0x09, 10, kMore},
-    {0x10, 6, kMore}, {0x08, 10, kMore},
-    {0x16, 7, kMore}, {0x55, 12, kMore},
+    {0x0e, 4, kMore},
+    {0x1d, 8, kMore},
+    {0x0e, 10, kMore},
+    {0x51, 12, kMore},
+    {0x0d, 5, kMore},
+    {0x23, 9, kMore},
+    {0x0d, 10, kMore},
+    {0x0c, 5, kMore},
+    {0x22, 9, kMore},
+    {0x52, 12, kMore},
+    {0x0b, 5, kMore},
+    {0x0c, 10, kMore},
+    {0x53, 12, kMore},
+    {0x13, 6, kMore},
+    {0x0b, 10, kMore},
+    {0x54, 12, kMore},
+    {0x12, 6, kMore},
+    {0x0a, 10, kMore},
+    {0x11, 6, kMore},
+    {0x09, 10, kMore},
+    {0x10, 6, kMore},
+    {0x08, 10, kMore},
+    {0x16, 7, kMore},
+    {0x55, 12, kMore},
     // runs 11 to 26, level 1
-    {0x15, 7, kMore}, {0x14, 7, kMore}, {0x1c, 8, kMore}, {0x1b, 8, kMore},
-    {0x21, 9, kMore}, {0x20, 9, kMore}, {0x1f, 9, kMore}, {0x1e, 9, kMore},
-    {0x1d, 9, kMore}, {0x1c, 9, kMore}, {0x1b, 9, kMore}, {0x1a, 9, kMore},
-    {0x22, 11, kMore}, {0x23, 11, kMore}, {0x56, 12, kMore}, {0x57, 12, kMore},
+    {0x15, 7, kMore},
+    {0x14, 7, kMore},
+    {0x1c, 8, kMore},
+    {0x1b, 8, kMore},
+    {0x21, 9, kMore},
+    {0x20, 9, kMore},
+    {0x1f, 9, kMore},
+    {0x1e, 9, kMore},
+    {0x1d, 9, kMore},
+    {0x1c, 9, kMore},
+    {0x1b, 9, kMore},
+    {0x1a, 9, kMore},
+    {0x22, 11, kMore},
+    {0x23, 11, kMore},
+    {0x56, 12, kMore},
+    {0x57, 12, kMore},
     // LAST 1, runs 0 and 1, a line each
-    {0x07, 4, kLast}, {0x19, 9, kLast}, {0x05, 11, kLast},
-    {0x0f, 6, kLast}, {0x04, 11, kLast},
+    {0x07, 4, kLast},
+    {0x19, 9, kLast},
+    {0x05, 11, kLast},
+    {0x0f, 6, kLast},
+    {0x04, 11, kLast},
     // runs 2 to 40, level 1
-    {0x0e, 6, kLast}, {0x0d, 6, kLast}, {0x0c, 6, kLast},
-    {0x13, 7, kLast}, {0x12, 7, kLast}, {0x11, 7, kLast}, {0x10, 7, kLast},
-    {0x1a, 8, kLast}, {0x19, 8, kLast}, {0x18, 8, kLast}, {0x17, 8, kLast},
-    {0x16, 8, kLast}, {0x15, 8, kLast}, {0x14, 8, kLast}, {0x13, 8, kLast},
-    {0x18, 9, kLast}, {0x17, 9, kLast}, {0x16, 9, kLast}, {0x15, 9, kLast},
-    {0x14, 9, kLast}, {0x13, 9, kLast}, {0x12, 9, kLast}, {0x11, 9, kLast},
-    {0x07, 10, kLast}, {0x06, 10, kLast}, {0x05, 10, kLast}, {0x04, 10, kLast},
-    {0x24, 11, kLast}, {0x25, 11, kLast}, {0x26, 11, kLast}, {0x27, 11, kLast},
-    {0x58, 12, kLast}, {0x59, 12, kLast}, {0x5a, 12, kLast}, {0x5b, 12, kLast},
-    {0x5c, 12, kLast}, {0x5d, 12, kLast}, {0x5e, 12, kLast}, {0x5f, 12, kLast},
+    {0x0e, 6, kLast},
+    {0x0d, 6, kLast},
+    {0x0c, 6, kLast},
+    {0x13, 7, kLast},
+    {0x12, 7, kLast},
+    {0x11, 7, kLast},
+    {0x10, 7, kLast},
+    {0x1a, 8, kLast},
+    {0x19, 8, kLast},
+    {0x18, 8, kLast},
+    {0x17, 8, kLast},
+    {0x16, 8, kLast},
+    {0x15, 8, kLast},
+    {0x14, 8, kLast},
+    {0x13, 8, kLast},
+    {0x18, 9, kLast},
+    {0x17, 9, kLast},
+    {0x16, 9, kLast},
+    {0x15, 9, kLast},
+    {0x14, 9, kLast},
+    {0x13, 9, kLast},
+    {0x12, 9, kLast},
+    {0x11, 9, kLast},
+    {0x07, 10, kLast},
+    {0x06, 10, kLast},
+    {0x05, 10, kLast},
+    {0x04, 10, kLast},
+    {0x24, 11, kLast},
+    {0x25, 11, kLast},
+    {0x26, 11, kLast},
+    {0x27, 11, kLast},
+    {0x58, 12, kLast},
+    {0x59, 12, kLast},
+    {0x5a, 12, kLast},
+    {0x5b, 12, kLast},
+    {0x5c, 12, kLast},
+    {0x5d, 12, kLast},
+    {0x5e, 12, kLast},
+    {0x5f, 12, kLast},
     {0x03, 7, kEscape},
 };
 // clang-format on
@@ -223,10 +294,10 @@ constexpr unsigned kWholeEscapeBits = kEscapeBits + 1 + kRunBits + kLevelBits;
 
 constexpr unsigned kMaxEvents = 64;  // of a block
 
-// What a window of bits begins with: an escape code, or a run of other events up to the first that
-// ends its block or is not in the window as a whole.
+// The beginning of a window of bits: an escape code, or a run of other events up to the first that
+// ends its block or exceeds the window.
 struct TcoefRun {
-    uint8_t length = 0;                   // bits; the last of them may stand after the window
+    uint8_t length = 0;                   // bits; the last one may be after the window
     uint8_t events : 7 = kMaxEvents + 1;  // too many where no code word fits
     uint8_t ends : 1 = 0;                 // 1 when the last event ends its block
 };
@@ -257,7 +328,7 @@ constexpr auto kTcoefRuns = [] {
     return runs;
 }();
 
-// All of the code space is used up but for what could imitate a start code.
+// The code space is full except for codes that could imitate a start code.
 static_assert(kMcbpcIntra.unused() == 7);      // 000000xxx, less the stuffing
 static_assert(kMcbpcInter.unused() == 8 + 1);  // 0000000000xxx and 0000000001101
 static_assert(kCbpy.unused() == 2);            // 00000x
@@ -272,14 +343,14 @@ bool read_mcbpc(const VlcTable<kWidth>& table, BitReader& reader, Mcbpc& mcbpc) 
     return true;
 }
 
-// INTRADC (5.4.1): two of its values do not exist.
+// INTRADC (5.4.1): two values are invalid.
 bool skip_intra_dc(BitReader& reader) {
     constexpr unsigned kIntraDcBits = 8;
     const uint32_t value = reader.get(kIntraDcBits);
     return value != 0 && value != 0x80;
 }
 
-// What follows a LEVEL of 0 or 128, which are no levels: 128 announces a longer one (Annex T).
+// After a LEVEL of 0 or 128, which are no levels: 128 announces a longer one (Annex T).
 bool skip_extended_level(BitReader& reader, uint32_t level, bool allowed) {
     constexpr uint32_t kExtends = 0x80;
     constexpr unsigned kExtendedLevelBits = 11;
@@ -289,7 +360,7 @@ bool skip_extended_level(BitReader& reader, uint32_t level, bool allowed) {
     return true;
 }
 
-// Where a walk over the TCOEF events of a macroblock stands.
+// The position of a walk over the TCOEF events of a macroblock.
 struct EventWalk {
     unsigned blocks = 0;  // not yet ended
     unsigned events = 0;  // of the block so far
@@ -301,8 +372,8 @@ struct EventWalk {
     }
 };
 
-// What a code word is cannot be foreseen, so ends of blocks are counted by arithmetic: every branch
-// here nearly always goes one way.
+// Code words are unpredictable, so ends of blocks are counted by arithmetic: every branch here
+// nearly always takes the same direction.
 inline void skip_run(BitReader& reader, bool extended_level, EventWalk& walk) {
     const TcoefRun run = kTcoefRuns[reader.front(kTcoefWindow)];
     const uint32_t level = reader.front(kWholeEscapeBits) & 0xff;  // if it is an escape code

@@ -17,7 +17,7 @@ enum class MbType : uint8_t {
     kIntra = 3,
     kIntraQ = 4,
     kInter4VQ = 5,
-    kStuffing = 6,  // no macroblock: bits that the encoder put in to fill up
+    kStuffing = 6,  // no macroblock: padding bits of the encoder
 };
 
 constexpr bool is_intra(MbType type) {
@@ -30,14 +30,14 @@ constexpr bool has_dquant(MbType type) {
     return type == MbType::kInterQ || type == MbType::kIntraQ || type == MbType::kInter4VQ;
 }
 
-// MCBPC: the type, and which chrominance blocks carry coefficients (bit 1 is CB, bit 0 is CR).
+// MCBPC: the type, and which chrominance blocks have coefficients (bit 1 is CB, bit 0 is CR).
 struct Mcbpc {
     MbType type = MbType::kStuffing;
     unsigned chroma = 0;
 };
 
-// Each reader moves past the code it found and returns false where no code of its table stands.
-// Reading past the end shows in the BitReader only.
+// Each reader moves after its code. Returns false when no code of its table matches. A read past
+// the end shows in the BitReader only.
 bool read_mcbpc_intra(BitReader& reader, Mcbpc& mcbpc);
 bool read_mcbpc_inter(BitReader& reader, Mcbpc& mcbpc);
 
@@ -51,11 +51,11 @@ bool read_mvd(BitReader& reader, int& difference);
 // A motion vector difference of the reversible code of Table D.3, in half pixels, -4095..4095.
 bool read_reversible_mvd(BitReader& reader, int& difference);
 
-// Moves past the six blocks of a macroblock (5.4): INTRADC of each where `has_dc`, and the TCOEF
-// events of those in `coded_blocks` (block 1 in the highest of six bits), each up to the one whose
-// LAST is set. Returns false for an INTRADC that does not exist, for bits that are no code word and
-// for a block of more than 64 events. `extended_level` allows the long escape of Annex T. The
-// tables of Annexes I and S give the same code words other runs and levels but the same LAST.
+// Skips the six blocks of a macroblock (5.4): INTRADC of each if `has_dc`, and the TCOEF events of
+// those in `coded_blocks` (block 1 in the highest of six bits), each up to the event with LAST set.
+// Returns false for an invalid INTRADC, for bits that are no code word and for a block of more than
+// 64 events. `extended_level` allows the long escape of Annex T. In the tables of Annexes I and S
+// the code words have other runs and levels but the same LAST.
 bool skip_blocks(BitReader& reader, unsigned coded_blocks, bool has_dc, bool extended_level);
 
 }  // namespace kestrel

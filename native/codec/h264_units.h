@@ -15,8 +15,8 @@ namespace kestrel {
 
 enum class EmptyUnits { kSkipped, kTaken };
 
-// The length-prefixed NAL units of a run of bytes. One that claims more than there is ends with
-// the bytes.
+// The length-prefixed NAL units of a run of bytes. A unit that declares more bytes than are left
+// ends with the bytes.
 class NalUnits {
   public:
     NalUnits(std::span<const uint8_t> bytes, int length_size,
@@ -38,7 +38,7 @@ class NalUnits {
         return false;
     }
 
-    // Whether a unit that is not empty follows.
+    // Whether another unit follows that is not empty.
     bool has_more() const {
         NalUnits rest = *this;
         NalUnit unit;
@@ -51,7 +51,7 @@ class NalUnits {
     bool takes_empty_;
 };
 
-// A fragment with the FU indicator and FU header that go before it (RFC 6184, 5.8).
+// A fragment with the FU indicator and FU header before it (RFC 6184, 5.8).
 struct FuFragment {
     std::array<uint8_t, 2> headers;
     std::span<const uint8_t> bytes;
@@ -60,7 +60,7 @@ struct FuFragment {
 
 inline constexpr int kFuHeaders = 2;
 
-// FU-A: the unit after its first byte, which the headers stand for, in packets of `max_payload`.
+// FU-A: the unit after its first byte, which the headers replace, in packets of `max_payload`.
 class FuFragments {
   public:
     FuFragments(NalUnit unit, int max_payload)
@@ -68,7 +68,7 @@ class FuFragments {
           rest_(unit.subspan(1)),
           most_(static_cast<size_t>(std::max(max_payload - kFuHeaders, 0))) {}
 
-    // False at the end, and when packets have no room.
+    // Returns false at the end, and when packets are too short.
     bool next(FuFragment& fragment) {
         constexpr uint8_t kStart = 0x80, kEnd = 0x40, kNalReferenceIdc = 0x60;
         if (rest_.empty() || most_ == 0) return false;

@@ -20,7 +20,7 @@ constexpr uint8_t nal_type(NalUnit unit) {
     return unit[0] & kNalTypeBits;
 }
 
-// What separates the units of a byte stream.
+// The start code between the units of a byte stream.
 inline constexpr std::array<uint8_t, 4> kStartCode = {0, 0, 0, 1};
 
 }  // namespace kestrel

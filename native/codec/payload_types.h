@@ -9,7 +9,7 @@ inline constexpr int kRfc2190PayloadType = 34;  // H.263 by RFC 2190, assigned b
 inline constexpr int kFirstDynamicPayloadType = 96;
 inline constexpr int kLastPayloadType = 127;
 
-// What the packets of the native stream carry, whatever the file's own are.
+// The payload types of the native stream, whatever those of the file are.
 inline constexpr int kNativeAmrPayloadType = 101;
 inline constexpr int kNativeAmrWideBandPayloadType = 102;
 inline constexpr int kNativeH263PayloadType = kRfc2190PayloadType;

@@ -6,7 +6,7 @@
 namespace kestrel {
 namespace {
 
-// The last zero byte from `begin` on and before `end`; `end` where there is none.
+// Returns the last zero byte from `begin` on and before `end`; `end` for none.
 size_t last_zero_byte(std::span<const uint8_t> bytes, size_t begin, size_t end) {
     const void* found = memrchr(bytes.data() + begin, 0, end - begin);
     if (found == nullptr) return end;
@@ -16,7 +16,7 @@ size_t last_zero_byte(std::span<const uint8_t> bytes, size_t begin, size_t end) 
 }  // namespace
 
 VideoFragment cut_at_start_code(std::span<const uint8_t> sample, size_t begin, size_t budget) {
-    constexpr size_t kFirstCut = 8;  // a fragment is not cut before its own start code
+    constexpr size_t kFirstCut = 8;  // not before the fragment's own start code
     VideoFragment fragment;
     fragment.begin = begin;
     if (sample.size() - begin <= budget) {
@@ -50,7 +50,7 @@ bool MacroblockCutter::find_boundary(size_t limit) {
         candidate_ = end;
         if (nch_walk(state_, reader_, false) != kNchWalked) return false;
     }
-    return candidate_ != fragment_start_;  // a macroblock that is longer than a packet
+    return candidate_ != fragment_start_;  // false for a macroblock longer than a packet
 }
 
 VideoFragment MacroblockCutter::cut(size_t begin, size_t budget) {

@@ -36,7 +36,7 @@ PayloadHeader VideoPackets::header_of(const VideoFragment& fragment, bool start_
     }
 }
 
-// In RFC 4629 the two zero bytes of a start code that begins a packet are left out.
+// In RFC 4629 the two zero bytes of a start code at the beginning of a packet are omitted.
 bool VideoPackets::take_start_code() {
     const bool found = kind_ == VideoPayload::kRfc4629 && sample_.size() - at_ >= 2 &&
                        sample_[at_] == 0 && sample_[at_ + 1] == 0;
@@ -53,7 +53,7 @@ bool VideoPackets::next(VideoPacket& packet) {
                           ? macroblocks_.cut(at_, budget)
                           : cut_at_start_code(sample_, at_, budget);
     packet.header = header_of(packet.fragment, start_code);
-    // From the first cut between macroblocks on, a picture's packets are in mode B.
+    // After the first cut between macroblocks, a picture's packets are in mode B.
     if (packet.fragment.cut == CutAt::kMacroblock) mode_b_ = true;
     at_ = packet.fragment.next();
     return true;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a picture is laid out over packets: where it is cut, and which payload header goes in front
-// of each piece. Writing them is up to the packetisers and the hint track.
+// The packets of a picture: where it is cut, and the payload header of each fragment. The
+// packetisers and the hint track writer write them.
 #ifndef KESTREL_NATIVE_VIDEO_PACKETS_H
 #define KESTREL_NATIVE_VIDEO_PACKETS_H
 
@@ -20,17 +20,17 @@ struct VideoPacket {
 // The packets of one H.263 or MPEG-4 picture, in order.
 class VideoPackets {
   public:
-    // `max_payload` bytes are for the payload header and the fragment after it.
+    // `max_payload` bytes hold the payload header and the fragment after it.
     VideoPackets(VideoPayload kind, std::span<const uint8_t> sample, int32_t max_payload)
         : kind_(kind), sample_(sample), max_payload_(max_payload), macroblocks_(sample) {}
 
-    // Reads the picture header where the payload headers repeat it; false when there is none.
-    // `source_format` is kept from one picture to the next.
+    // Reads the picture header if the payload headers repeat it. Returns false when there is none.
+    // `source_format` is kept between pictures.
     bool begin(uint32_t& source_format);
 
     bool at_end() const { return at_ >= sample_.size(); }
 
-    // Takes the next packet; false when the payload header leaves no room.
+    // Returns the next packet; false when the payload header is longer than a packet.
     bool next(VideoPacket& packet);
 
   private:

@@ -79,7 +79,7 @@ void HintSampleParser::GetRTPsample3gp(_TAG_RTPsample3gp* sample, const unsigned
     trace_hint_sample("packetcount: %d\n", sample->packetcount);
 }
 
-// Passes over a packet's extra information, if it has any; returns its length.
+// Reads a packet entry and skips its extra information. Returns the length of the latter.
 uint32_t HintSampleParser::ReadPacket(_TAG_RTPpacket3gp* packet, const unsigned char** p) const {
     packet->relative_time = GetAndAdvance32(p);
     packet->rtp_header = GetAndAdvance16(p);

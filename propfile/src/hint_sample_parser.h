@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reading an RTP hint sample (ISO/IEC 14496-12, 9.1.3) field by field, with a trace at the verbose
-// level.
+// Reading an RTP hint sample (ISO/IEC 14496-12, 9.1.3) field by field, with a trace at verbose
+// level. Its names and exceptions are prescribed, so it is not built on ByteReader.
 #ifndef KESTREL_PROPFILE_HINT_SAMPLE_PARSER_H
 #define KESTREL_PROPFILE_HINT_SAMPLE_PARSER_H
 
@@ -24,14 +24,14 @@ struct _TAG_RTPpacket3gp {
     uint8_t payload_type() const { return rtp_header & 0x007F; }
 };
 
-// Every cursor is checked: what is not in the hint sample is thrown as the bare number
+// Every read is checked. Bytes outside the hint sample are thrown as the bare number
 // kInvalidContent.
 class HintSampleParser {
   public:
     static constexpr unsigned int kInvalidContent = 22136;
 
     HintSampleParser() = default;
-    // The hint sample at hand ends before `end`.
+    // Sets the end of the current hint sample.
     explicit HintSampleParser(const unsigned char* end) : m_pHintEnd(end) {}
 
     uint8_t GetAndAdvance8(const unsigned char** p) const;
@@ -40,13 +40,13 @@ class HintSampleParser {
     void GetRTPsample3gp(_TAG_RTPsample3gp* sample, const unsigned char** p) const;
     void GetRTPpacket3gp(_TAG_RTPpacket3gp* packet, const unsigned char** p) const;
     kestrel::SampleConstructor GetSampleConstructor(const unsigned char** p) const;
-    // Moves on by `count` bytes.
+    // Skips `count` bytes.
     void Skip(const unsigned char** p, uint32_t count) const;
 
   protected:
     void Require(const unsigned char* p, uint32_t count) const;
-    // Throws kInvalidContent for a hint sample that ends before its last constructor does: no media
-    // data is read for it.
+    // Throws kInvalidContent for a hint sample that ends before its last constructor, before any
+    // media data is read.
     void RequireWhole(const unsigned char* hint) const;
 
     const unsigned char* m_pHintEnd = nullptr;
@@ -57,8 +57,8 @@ class HintSampleParser {
 
 namespace kestrel {
 
-// Writes a line of the hint sample's trace: its bare text, at the verbose level. Without memory for
-// the line the work goes on without it.
+// Writes a line of the trace, as bare text at verbose level. Without memory for the line it writes
+// nothing.
 __attribute__((format(printf, 1, 2))) void trace_hint_sample(const char* format, ...) noexcept;
 
 }  // namespace kestrel

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where a frame writer gets media samples from.
+// The source of media samples for a frame writer.
 #ifndef KESTREL_PROPFILE_MEDIA_SOURCE_H
 #define KESTREL_PROPFILE_MEDIA_SOURCE_H
 
@@ -8,15 +8,15 @@
 
 namespace kestrel {
 
-// What became of bytes that were asked for.
+// The result of fetching bytes.
 enum class Fetched : unsigned char {
-    kBytes,   // they are there
-    kNotYet,  // they have not arrived; the driver's status says so too
-    kInvalid  // they never will: no file has them
+    kBytes,   // available
+    kNotYet,  // not arrived; the driver's status reports it too
+    kInvalid  // not in any file
 };
 
-// Stores `length` bytes from `offset` on of media sample `sample` (from 1) through `bytes`, valid
-// until the next call; with null `bytes` it checks the range only.
+// Stores a pointer to `length` bytes, from `offset` on, of media sample `sample` (from 1) in
+// `bytes`, valid until the next call. With null `bytes` it checks the range only.
 using MediaSource = std::function<Fetched(unsigned int sample, uint32_t offset, uint32_t length,
                                           const unsigned char** bytes)>;
 

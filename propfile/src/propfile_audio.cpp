@@ -75,7 +75,7 @@ bool PropFileAudio::Open(const _TAG_AUDIO_OPEN_PARAMS* params) {
     AllocBuffers();
     m_uCoder = params->uCoder;
     m_uClockFreq = params->uClockFreq;
-    // The index record and all of the last record but its duration stay zero.
+    // The index record, and the last record except its duration, stay zero.
     static constexpr uint8_t kNothing[kHeaderLength] = {};
     Append(kNothing, kHeaderLength);
     const uint32_t padding = GetPadding(kHeaderLength);
@@ -124,7 +124,7 @@ unsigned int PropFileAudio::ProcessPacket(const unsigned char** cursor, double t
     const uint32_t payload = fill();
     _TAG_RTPpacket3gp packet{};
     GetRTPpacket3gp(&packet, cursor);
-    // Divided last, so that a whole number of ticks comes out whole.
+    // Divide last, so that a whole number of ticks stays whole.
     const double ms = std::floor(time * 1000 + 0.5);
     const uint32_t timestamp = truncate_to_u32(m_uClockFreq * ms / 1000.0);
     const unsigned int bytes = [&] {
@@ -139,8 +139,8 @@ unsigned int PropFileAudio::ProcessPacket(const unsigned char** cursor, double t
     return bytes;
 }
 
-// 1 for speech after a frame without data. The table-of-contents byte follows the codec mode
-// request (RFC 4867, 4.3); a payload that has none says nothing.
+// Returns 1 for speech after a frame without data. The table of contents follows the codec mode
+// request (RFC 4867, 4.3); a payload without it returns 0.
 uint16_t PropFileAudio::SpeechStarts(uint32_t payload, unsigned int bytes) {
     constexpr unsigned int kContents = 1;
     if (bytes <= kContents) return 0;

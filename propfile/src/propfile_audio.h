@@ -15,7 +15,7 @@ class PropFileAudio : public PropFile {
     void FillOffsetTable() override;
     void PacketizeFrame(const unsigned char* hint, double time) override;
 
-    // Puts the stream header records into the buffer. True, or SimpleException.
+    // Puts the stream header records into the buffer. Returns true or throws SimpleException.
     virtual bool Open(const _TAG_AUDIO_OPEN_PARAMS* params);
     virtual void Close();
     virtual void AllocBuffers();
@@ -27,7 +27,7 @@ class PropFileAudio : public PropFile {
     void BuildFrame(const unsigned char* hint, double time);
     uint16_t SpeechStarts(uint32_t payload, unsigned int bytes);
 
-    // Places in the buffer. Header records and frames use the same bytes, one after the other.
+    // Offsets in the buffer. Header records and frames use the same bytes, one after the other.
     uint32_t m_uStreamHeader = 0;
     uint32_t m_uCodecHeader = 0;
     uint32_t m_uIndex = 0;
@@ -40,7 +40,7 @@ class PropFileAudio : public PropFile {
     uint32_t m_uClockFreq = 0;
 };
 
-// The platform's codes; 0 for a value that has none.
+// The platform's codes; 0 for none.
 uint32_t GetAMRCoding(uint32_t bitsPerSecond);
 uint32_t SampleRateHZ_to_MM(uint32_t hertz);
 // 0 for every bit rate.

@@ -119,7 +119,7 @@ unsigned int PropFile::ProcessConstructor(uint8_t type, const unsigned char** cu
     }
 }
 
-// Leaves out a constructor of invalid content.
+// Drops a constructor with invalid content.
 unsigned int PropFile::Drop() {
     ++m_uDropped;
     LogDropped();
@@ -138,7 +138,7 @@ unsigned int PropFile::ProcessConstructors(const unsigned char** cursor, unsigne
         try {
             added += ProcessConstructor(type, cursor);
         } catch (unsigned int value) {
-            // A writer's own constructors may throw; those here throw for missing media only.
+            // Constructors of a derived writer may throw; those here throw for missing media only.
             if (value == kInvalidContent) {
                 Drop();
             } else {
@@ -200,7 +200,7 @@ void PropFile::Append(const void* bytes, uint32_t count) {
     const size_t needed = size_t{m_uFill} + count;
     if (needed > m_Buffer.size()) {
         const size_t grown = std::min<size_t>(std::max(needed, 2 * m_Buffer.size()), m_uMostBytes);
-        m_Buffer.reserve(grown);  // exactly; resizing alone would double again
+        m_Buffer.reserve(grown);  // exact; resize() would double
         m_Buffer.resize(grown);
     }
     if (count > 0) std::memcpy(m_Buffer.data() + m_uFill, bytes, count);

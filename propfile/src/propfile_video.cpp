@@ -13,8 +13,8 @@ using namespace kestrel;
 namespace {
 
 constexpr double kClockPerMs = 90.0;  // 90 kHz
-// The tables declare how large the buffer should be, but are trusted only so far; it grows with
-// what really comes. No picture of the formats that 3GP files carry comes near the limit.
+// The size that the tables declare is trusted up to this limit; the buffer grows with the bytes
+// received. No picture of a format in 3GP files is near the limit.
 constexpr uint32_t kSmallestBuffer = 2048;
 constexpr uint32_t kLargestFirstBuffer = 65536;
 constexpr uint32_t kMaxFrameBytes = 16 << 20;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The frame writers for video: each hint sample becomes a frame record, two words and its RTP
-// packets' payloads, each after a packet header, exactly as the function API frames them.
+// The frame writers for video. A hint sample becomes a frame record, two words and the RTP payloads
+// of its packets, each after a packet header, as in the function API.
 #ifndef KESTREL_PROPFILE_VIDEO_H
 #define KESTREL_PROPFILE_VIDEO_H
 
@@ -16,8 +16,8 @@ class PropFileVideo : public PropFile {
     void FillOffsetTable() override;
     void PacketizeFrame(const unsigned char* hint, double time) override;
 
-    // Puts the stream header records into the buffer. The index record, which carries nothing on
-    // the function API, has the frame rate as To1616 gives it in its first word. True, or
+    // Puts the stream header records into the buffer. The index record, which is empty in the
+    // function API, has the frame rate from To1616 in its first word. Returns true or throws
     // SimpleException.
     virtual bool Open(const _TAG_VIDEO_OPEN_PARAMS* params);
     virtual void Close();
@@ -43,7 +43,7 @@ class PropFileVideo : public PropFile {
     void BuildFrame(const unsigned char* hint, double time);
 
     const kestrel::VideoFormat& m_Format;
-    uint32_t m_uFrameRecord = 0;  // places in the buffer
+    uint32_t m_uFrameRecord = 0;  // offsets in the buffer
     uint32_t m_uFrameWords = 0;
     uint32_t m_uPackets = 0;
     uint32_t m_uFirstSize = 0;  // of the buffer, bytes

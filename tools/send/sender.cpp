@@ -145,8 +145,8 @@ Sender::Sender(HintTracks& tracks, const UdpAddress& to, uint16_t first_port,
     if (options.from > 0 && options.from >= end_)
         throw Error(format("--from is after the end, which is at %.0f ms", end_ * 1000));
     if (options.loop && end_ <= from_) throw Error("--loop: the media take no time");
-    constexpr double kShortestPass = 0.1;  // seconds
-    round_ = std::max(end_ - from_, kShortestPass);
+    constexpr double kShortestRound = 0.1;  // seconds
+    round_ = std::max(end_ - from_, kShortestRound);
 }
 
 Sender::Clock::time_point Sender::time_of(double position) const {

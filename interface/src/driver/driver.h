@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the files of the class driver share.
+// Shared by the files of the class driver.
 #ifndef KESTREL_INTERFACE_C3GPINTERFACE_H
 #define KESTREL_INTERFACE_C3GPINTERFACE_H
 
@@ -14,11 +14,11 @@ enum DriverMedium : unsigned int { kNoMedium = 0, kAudio = 1, kVideo = 16 };
 enum DriverDirection : unsigned int { kNoDirection = 0, kRead = 1 };
 enum DriverVideoCodec : unsigned int { kH263 = 0, kH263_1998 = 1, kMpeg4 = 2, kNoCodec = 3 };
 
-// Bytes that are asked for or allocated at once on the word of a table; more follow only when these
-// have come.
+// Bytes that are read or allocated at once because a table declares them. More follow only when
+// these have arrived.
 inline constexpr uint32_t kTrustedBytes = 65536;
 
-// Sets the status that the public function will return, and throws.
+// Sets the status that the public function returns, and throws.
 [[noreturn]] void fail(unsigned int& status_field, unsigned int status, LogSite site,
                        const char* format, ...) __attribute__((format(printf, 4, 5)));
 

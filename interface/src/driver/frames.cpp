@@ -17,12 +17,12 @@ using Qvox3gp::is_not_yet;
 
 namespace {
 
-// Bytes that each constructor may have read ahead in its media sample besides as many again as it
-// takes, so that constructors which go back and forth between large samples do not have each of
-// them read repeatedly.
+// Bytes of its media sample that each constructor may have read ahead, besides as many as it takes,
+// so that constructors that alternate between large samples do not cause each sample to be read
+// repeatedly.
 constexpr uint32_t kReadAheadEach = 256;
 
-// Bytes of the hint sample that a packet or a constructor takes.
+// Bytes of a packet entry or a constructor in the hint sample.
 constexpr size_t kSmallestEntry = 12;
 
 uintptr_t address(const void* pointer) {
@@ -43,9 +43,9 @@ unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size,
     return m_uStatus;
 }
 
-// Returns the bytes delivered. What is taken from the writer on the way waits in m_Taken, also
-// after KST_FAILURE, so that a call which ends without delivering anything loses nothing.
-// KST_END_OF_FILE keeps the state as well, for a seek.
+// Returns the bytes delivered. Bytes taken from the writer are kept in m_Taken, also after
+// KST_FAILURE, so that a call that ends without a delivery loses nothing. KST_END_OF_FILE keeps the
+// state too, for a seek.
 unsigned int C3gpInterface::Read(unsigned char* buffer, unsigned int wanted) {
     m_WorkBefore = m_Work;
     unsigned int available = 0;
@@ -79,7 +79,7 @@ unsigned int C3gpInterface::Read(unsigned char* buffer, unsigned int wanted) {
     return wanted;
 }
 
-// Hands out the first `count` of the bytes that were taken before.
+// Delivers the first `count` bytes of m_Taken.
 void C3gpInterface::Deliver(unsigned char* buffer, unsigned int count) {
     std::copy_n(m_Taken.begin() + static_cast<std::ptrdiff_t>(m_uDelivered), count, buffer);
     m_uDelivered += count;
@@ -109,21 +109,22 @@ void C3gpInterface::MarkPropBytesRead(unsigned int count) {
 }
 
 bool C3gpInterface::GetNextFrame() {
-    // A few bytes of tables can list billions of hint samples that are malformed.
+    // A few bytes of tables can declare billions of malformed hint samples.
     constexpr int kMaxInvalid = 4096;
     constexpr uint64_t kMaxInvalidBytes = 16 << 20;
     const uint64_t from = m_uBytesHandled;
     int passes = 0;
     for (; passes < kMaxInvalid && m_uBytesHandled - from <= kMaxInvalidBytes; ++passes) {
         log_line(kVerbose, at(kDriverSource), "In do loop in GetNextFrame()");
-        FinishPass();  // of an earlier call that failed there
+        FinishPass();  // after an earlier call that failed
         if (m_fEndOfFile) {
             log_line(kVerbose, at(kDriverSource), "Exiting GetNextFrame() due to EOF");
             return false;
         }
         LimitWork();
         const Fetched frame = FeedWriter();
-        if (frame == Fetched::kNotYet) return true;  // the same hint sample another time
+        if (frame == Fetched::kNotYet)
+            return true;  // the next call reads the same hint sample again
         if (m_Now.time_to_sample < m_TimeToSample.size()) {
             m_Now.m_uFrameTime += m_TimeToSample[m_Now.time_to_sample].sample_delta;
         }
@@ -139,8 +140,8 @@ bool C3gpInterface::GetNextFrame() {
          m_szMedium, passes);
 }
 
-// Throws where hint samples have too many packets and constructors for what they make. Every
-// valid one adds bytes to a frame, or takes more bytes of the file than one.
+// Throws when hint samples have too many packets and constructors for their output. Each valid one
+// adds a byte to a frame or takes bytes of the file.
 void C3gpInterface::LimitWork() {
     constexpr uint64_t kFreeWork = 1 << 20;
     const uint64_t done = m_Work.done - m_WorkBefore.done;
@@ -153,10 +154,10 @@ void C3gpInterface::LimitWork() {
          of_call ? done : m_Work.done, of_call ? made : m_Work.made);
 }
 
-// Has the writer make a frame of the current hint sample.
+// Makes the writer build a frame of the current hint sample.
 Fetched C3gpInterface::FeedWriter() {
     const double time = static_cast<double>(m_Now.m_uFrameTime) / *m_pTimescale;
-    // Check for the missing byte first: without it the frame cannot be completed.
+    // Check the missing byte first: the frame needs it.
     if (m_fArriving && m_uAwaitedByte != 0 && HasByte(m_uAwaitedByte) != Fetched::kBytes) {
         return Fetched::kNotYet;
     }
@@ -190,7 +191,7 @@ Fetched C3gpInterface::Packetize(double time) {
     return frame;
 }
 
-// Leaves the hint sample that a frame was made of.
+// Moves to the hint sample after the one of the last frame.
 void C3gpInterface::FinishPass() {
     if (!m_fPassOpen) return;
     m_fEndOfFile = !AdvanceToNextHintSample();
@@ -205,7 +206,7 @@ uint64_t C3gpInterface::HintSampleOffset(const Cursors& where) const {
     return m_ChunkOffsets[where.chunk_offset] + where.cur_chunk_bytes;
 }
 
-// Has the current hint sample in memory, and keeps it there until the cursors move.
+// Reads the current hint sample into memory, where it stays until the cursors move.
 Fetched C3gpInterface::GetCurrentHintSample() {
     if (m_fHintHeld) return Fetched::kBytes;
     if (m_Now.chunk_offset >= m_ChunkOffsets.size()) {
@@ -229,16 +230,15 @@ Fetched C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset,
                                       const unsigned char** bytes) {
     const bool known = mediaSample >= 1 && mediaSample <= m_SampleInfo.size() &&
                        m_SampleInfo[mediaSample - 1].uSize > 0;
-    // A sample number that the tables do not have is invalid content (22136) and not missing data
-    // (4660): it never will arrive, so the constructor is dropped instead of the frame being waited
-    // for.
+    // A sample number that is not in the tables is invalid content (22136), not missing data
+    // (4660): it never arrives, so the constructor is dropped.
     if (!known) return Fetched::kInvalid;
     const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
     if (offset > sample.uSize || length > sample.uSize - offset) return Fetched::kInvalid;
     if (bytes == nullptr) return Fetched::kBytes;
     m_uBytesHandled += length;
     const auto read_piece = [&] {
-        // With its last byte there, all of it is, in a file that arrives in order.
+        // A file arrives in order, so the last byte shows that the whole sample is there.
         const Fetched last = HasByte(uint64_t{sample.uOffset} + sample.uSize - 1);
         if (last != Fetched::kBytes || length == 0) return last;
         return ReadBytes(m_MediaPiece, sample.uOffset + offset, length);
@@ -253,7 +253,7 @@ Fetched C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset,
     return got;
 }
 
-// Has the whole sample in memory.
+// Reads the whole sample into memory.
 Fetched C3gpInterface::HoldMediaSample(unsigned int mediaSample) {
     if (m_uMediaSampleHeld == mediaSample) return Fetched::kBytes;
     const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
@@ -263,13 +263,13 @@ Fetched C3gpInterface::HoldMediaSample(unsigned int mediaSample) {
     return got;
 }
 
-// Whether a byte of the file is there.
+// Whether a byte of the file has arrived.
 Fetched C3gpInterface::HasByte(uint64_t offset) {
     return offset <= UINT32_MAX ? ReadBytes(m_MediaPiece, static_cast<uint32_t>(offset), 1)
                                 : Lacks(offset);
 }
 
-// Fills `to`. Grows with what comes, whatever a table says.
+// Reads into `to`, which grows with the bytes received.
 Fetched C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset, uint32_t size) {
     to.clear();
     if (!m_fArriving) Qvox3gp::macro_Seek(m_pIOCallback, offset);
@@ -277,7 +277,7 @@ Fetched C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset
         const size_t had = to.size();
         const uint32_t now = std::min(static_cast<uint32_t>(size - had), kTrustedBytes);
         m_uBytesHandled += now;
-        to.resize(had + now);  // zeros, which stay where a host succeeds without writing
+        to.resize(had + now);  // zeros, for a host that succeeds without writing
         if (ReadPiece(to.data() + had, uint64_t{offset} + had, now) < now) {
             to.clear();
             return Lacks(uint64_t{offset} + size - 1);
@@ -286,14 +286,14 @@ Fetched C3gpInterface::ReadBytes(std::vector<unsigned char>& to, uint32_t offset
     return Fetched::kBytes;
 }
 
-// The bytes that were there; without the flag, at the position of the stream.
+// Returns the number of bytes read. In plain mode the read is at the position of the stream.
 uint32_t C3gpInterface::ReadPiece(void* data, uint64_t offset, uint32_t count) {
     if (!m_fArriving) return Qvox3gp::read_available(m_pIOCallback, data, count);
     return offset <= UINT32_MAX ? IOFileStreamRead(data, static_cast<uint32_t>(offset), count) : 0;
 }
 
-// What follows from bytes, of which that at `last` is the last, not being there: a stream that
-// fills may have them later, one that is served whole has ended.
+// Handles missing bytes up to offset `last`: an arriving file may get them later; a complete file
+// has ended.
 Fetched C3gpInterface::Lacks(uint64_t last) {
     if (!m_fArriving) {
         fail(m_uStatus, KST_FAILURE, at(kDriverSource),
@@ -304,7 +304,7 @@ Fetched C3gpInterface::Lacks(uint64_t last) {
     return Fetched::kNotYet;
 }
 
-// The bytes that were there, at most `count`.
+// Returns the number of bytes read, at most `count`.
 uint32_t C3gpInterface::IOFileStreamRead(void* data, uint32_t offset, uint32_t count) {
     uint32_t got = 0;
     m_uIOStatus = m_pIOCallback->IndexRead(m_pIOCallback->Context, data, offset, count, &got);
@@ -333,7 +333,7 @@ void C3gpInterface::IOFileStreamAdvance(uint32_t offset) {
          status, address(m_pIOCallback->Context), offset);
 }
 
-// False on the last hint sample. The cursors move only when all tables agree to it.
+// Returns false on the last hint sample. The cursors move only when all tables allow it.
 bool C3gpInterface::AdvanceToNextHintSample() {
     if (m_Now.m_iHintSample >= m_uHintSamples) return false;
     Cursors next = m_Now;
@@ -353,7 +353,7 @@ bool C3gpInterface::AdvanceToNextHintSample() {
     return true;
 }
 
-// Leaves the hint sample at hand, with all that is kept of it.
+// Drops the state of the current hint sample.
 void C3gpInterface::MoveTo(const Cursors& next) {
     m_Now = next;
     m_fPassOpen = m_fHintHeld = m_fFrameBegun = false;
@@ -364,7 +364,7 @@ void C3gpInterface::AdvanceChunk(Cursors& next) {
     next.sample_offset_in_chunk++;
     if (next.sample_offset_in_chunk < next.samples_per_chunk) return;
     next.chunk++;
-    // The run that the new chunk begins, if any, counts from that chunk on.
+    // A run that the new chunk begins counts from this chunk.
     const size_t run = next.sample_to_chunk + 1;
     if (run < m_SampleToChunk.size() && m_SampleToChunk[run].first_chunk == next.chunk) {
         next.sample_to_chunk = run;

@@ -10,7 +10,7 @@
 #include "native/codec/payload_types.h"
 #include "propfile/src/hint_sample_parser.h"
 
-// What the media are: codec, timescale, rates, start offsets.
+// The parameters of the media: codec, timescale, rates, start offsets.
 
 using namespace kestrel;
 using Qvox3gp::code;
@@ -34,7 +34,7 @@ const Qvox3gp::EditEntry* first_empty_edit(const Qvox3gp::ElstBox& elst) {
     return found != edits.end() ? &*found : nullptr;
 }
 
-// Movie ticks in ticks of `clock`; 0 where a scale is 0.
+// Converts movie ticks to ticks of `clock`; 0 when a scale is 0.
 uint32_t rescaled(uint32_t ticks, uint32_t movie_timescale, uint32_t clock) {
     return scaled(ticks, clock, movie_timescale);
 }
@@ -129,7 +129,7 @@ void C3gpInterface::ParseCodecSpecificBoxes() {
     params.uDuration = m_uMediaDuration;
     params.uFrameCount = m_uMediaSamples;
     log_line(kDebug, at(kDriverSource), "Video frame count: %d", params.uFrameCount);
-    // Divided once, so that a whole rate comes out whole.
+    // One division, so that a whole rate stays whole.
     params.fFrameRate =
         m_uMediaDuration != 0 ? params.uFrameCount * double{kMsPerSecond} / m_uMediaDuration : 0.0;
     params.uAvgBitRate = CalcAvgBitRate(m_AVBoxes.stsz, m_uMediaDuration);

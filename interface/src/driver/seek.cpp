@@ -29,7 +29,7 @@ bool are_valid(uint32_t flags) {
             sync == KST_SEEK_NEAREST_SYNC);
 }
 
-// Finds the lowest media sample that a hint sample's constructors name.
+// Finds the lowest media sample of a hint sample's constructors.
 class MediaSampleFinder {
   public:
     explicit MediaSampleFinder(const std::vector<unsigned char>& hint)
@@ -45,7 +45,7 @@ class MediaSampleFinder {
             for (unsigned int i = 0; i < sample.packetcount; ++i)
                 LookThroughPacket();
         } catch (unsigned int) {
-            // A hint sample that is cut short counts as far as it goes; playing leaves it out.
+            // The readable part of a truncated hint sample counts; playing skips the sample.
         }
         return m_uLowest;
     }
@@ -72,9 +72,8 @@ class MediaSampleFinder {
 
 }  // namespace
 
-// Numbers are 64 bits wide: a table may declare more samples than there are. The chunks of a run
-// are at most those of the offset table, and the walk ends before the first sample, so none
-// overflows.
+// Numbers have 64 bits, because a table may declare more samples than exist. They do not overflow:
+// a run has at most the chunks of the offset table, and the walk ends before the first sample.
 struct C3gpInterface::ChunkRun {
     bool found = false;
     size_t entry = 0;
@@ -91,10 +90,10 @@ C3gpInterface::ChunkRun C3gpInterface::FindChunkRun(unsigned int hintSample) con
         const int64_t first_chunk = m_SampleToChunk[entry].first_chunk;
         const int64_t samples_per_chunk = m_SampleToChunk[entry].samples_per_chunk;
         const int64_t chunks = std::min<int64_t>(last_chunk, m_uHintChunks) - first_chunk + 1;
-        // A table that runs backwards has no samples in such a run.
+        // A run whose first chunks are out of order has no samples.
         const int64_t samples = samples_per_chunk * std::max<int64_t>(chunks, 0);
         int64_t first_sample = last_sample - samples + 1;
-        // A last chunk that is not full must not shift the samples of the first run.
+        // A partly filled last chunk must not shift the samples of the first run.
         if (entry == 0 && first_sample < 1 && first_chunk == 1) first_sample = 1;
         log_line(kVerbose, at(kDriverSource),
                  "C3gpInterface::CalcHintOffset - Processing STSC Entry (s=%" PRId64 ", fs=%" PRId64
@@ -110,7 +109,8 @@ C3gpInterface::ChunkRun C3gpInterface::FindChunkRun(unsigned int hintSample) con
     return {};
 }
 
-// The bytes of the samples from `first` up to the one before `sample`, and the size of `sample`.
+// Returns the bytes of the samples from `first` to the one before `sample`; stores the size of
+// `sample`.
 uint64_t C3gpInterface::BytesBefore(unsigned int first, unsigned int sample, unsigned int* size) {
     if (m_SampleSizes.size() == 1) {
         *size = m_SampleSizes[0];
@@ -128,8 +128,8 @@ uint64_t C3gpInterface::BytesBefore(unsigned int first, unsigned int sample, uns
     return std::accumulate(&m_SampleSizes[first - 1], &m_SampleSizes[sample - 1], uint64_t{0});
 }
 
-// The file offset of a hint sample and its size, kNowhere when no chunk holds it. Stores in
-// m_Scratch which chunk holds it, and where in it.
+// Returns the file offset of a hint sample and stores its size; kNowhere when no chunk holds it.
+// Stores its chunk and its place in the chunk in m_Scratch.
 uint64_t C3gpInterface::FindInChunk(unsigned int hintSample, unsigned int* size) {
     const ChunkRun run = FindChunkRun(hintSample);
     if (!run.found || hintSample == 0 || run.first_chunk <= 0) return kNowhere;
@@ -171,7 +171,7 @@ int C3gpInterface::CalcHintOffset(unsigned int hintSample, unsigned int* size) {
 }
 
 int C3gpInterface::CalcMediaOffset(unsigned int mediaSample) {
-    // The last sample has no offset: "less than" and not "at most", on purpose.
+    // The last sample has no offset: "less than", not "at most", on purpose.
     const bool known =
         mediaSample >= 1 && mediaSample < m_uMediaSamples && mediaSample <= m_SampleInfo.size();
     const int offset = known ? static_cast<int>(m_SampleInfo[mediaSample - 1].uOffset) : -1;
@@ -183,7 +183,7 @@ int C3gpInterface::CalcMediaOffset(unsigned int mediaSample) {
 }
 
 unsigned int C3gpInterface::ConvertMsTimeToMdhdTime(unsigned int ms) {
-    // Whole units a millisecond: 44100 Hz counts as 44 on purpose.
+    // Whole units per millisecond: 44100 Hz counts as 44, on purpose.
     const auto mdhd = static_cast<unsigned int>(
         std::min(uint64_t{*m_pTimescale / kMsPerSecond} * ms, uint64_t{UINT32_MAX}));
     log_line(kDebug, at(kDriverSource),
@@ -215,7 +215,7 @@ unsigned int C3gpInterface::ConvertMdhdTimeToSample(unsigned int mdhdTime) {
                  "sample=%d).",
                  static_cast<unsigned int>(offset), static_cast<unsigned int>(sample));
     } else if (time == 0) {
-        // No entry lasts any time, so none can say how far the target is.
+        // All entries have a duration of 0, so the distance of the target is unknown.
         fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
              "C3gpInterface::ConvertMdhdTimeToSample - Attempt to divide by zero.");
     }
@@ -249,7 +249,7 @@ C3gpInterface::TimePlace C3gpInterface::FindTime(unsigned int hintSample) {
                  "delta=%d).",
                  run.sample_count, run.sample_delta);
     }
-    // Sample 0 stands for none, as before the first sync sample. Locating it will fail.
+    // Sample 0 means none, as before the first sync sample. Locating it fails.
     if (hintSample == 0) return {};
     fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
          "%s: Iterated off the end of the time to sample table!", m_szMedium);
@@ -282,7 +282,7 @@ unsigned int C3gpInterface::GetTimestampInMs(unsigned int hintSample) {
     return ms;
 }
 
-// The sync sample that a rule chooses for a sample, 0 when none is before it.
+// Returns the sync sample that a rule chooses for a sample, 0 when none is before it.
 unsigned int C3gpInterface::FindSync(unsigned int sample, unsigned int syncFlags) const {
     unsigned int prev = 0;
     for (const uint32_t cur : m_SyncSamples) {
@@ -294,7 +294,7 @@ unsigned int C3gpInterface::FindSync(unsigned int sample, unsigned int syncFlags
         if (prev <= sample && sample <= cur) {
             if (syncFlags == KST_SEEK_PREVIOUS_SYNC) return prev;
             if (syncFlags == KST_SEEK_NEXT_SYNC) return cur;
-            // The farther one, and the earlier at a tie: the comparison is meant so.
+            // The farther sync sample, and at a tie the earlier: the comparison is intended.
             return sample - prev >= cur - sample ? prev : cur;
         }
         prev = cur;
@@ -379,8 +379,8 @@ void C3gpInterface::Seek(_TAG_KST_SEEK_PARAMS* params) {
     }
     const int first = GetMediaSample(sync, static_cast<unsigned int>(hint_offset), size);
     const int media_offset = CalcMediaOffset(static_cast<unsigned int>(first));
-    // The hint offset once more and not the media offset: -1 for a media sample that has none
-    // passes on, on purpose.
+    // The offset of the hint sample, not of the media sample, on purpose: -1 for a media sample
+    // without an offset is reported as it is.
     if (hint_offset < 0) {
         fail(m_uStatus, KST_NO_HINT_OFFSET, at(kDriverSource),
              "C3gpInterface::SeekTo - Could not calculate Media Track Offset");
@@ -407,8 +407,8 @@ unsigned int C3gpInterface::ResetInternals(unsigned int hintSample, unsigned int
              "sample_offset_in_chunk=%d, chunk=%d",
              hintSample, static_cast<unsigned int>(next.cur_chunk_bytes), next.samples_per_chunk,
              next.sample_offset_in_chunk, next.chunk);
-    // Playing stays where it is if this fails. There is no Seek for the offset -1 of the last media
-    // sample: hosts refuse it, and every read goes to its own place in any case.
+    // A failure here does not move playing. There is no Seek for offset -1 of the last media
+    // sample, because hosts refuse it and every read has its own offset.
     if (fileOffset != kNoOffset) Qvox3gp::macro_Seek(m_pIOCallback, fileOffset);
     MoveTo(next);
     m_fEndOfFile = false;

@@ -10,7 +10,7 @@
 #include "boxes/track_boxes.h"
 #include "interface/src/driver/driver.h"
 
-// Finding the tracks, and keeping what playing needs of them.
+// Finding the tracks, and storing the tables that playing needs.
 
 using namespace kestrel;
 using Qvox3gp::code;
@@ -21,7 +21,7 @@ uintptr_t address(const void* pointer) {
     return reinterpret_cast<uintptr_t>(pointer);
 }
 
-// A box that playing needs; without it the file is corrupt.
+// Requires a box, without which the file is corrupt.
 template <class T>
 T* require(T* box, unsigned int& status, LogSite site, const char* name) {
     if (box == nullptr) fail(status, KST_CORRUPT, site, "Could not find %s box", name);
@@ -34,7 +34,7 @@ uint32_t largest(const Qvox3gp::StszBox& stsz) {
     return *std::max_element(sizes.begin(), sizes.end());
 }
 
-// Reserves memory for as much of a table as is trusted; false when there is no memory.
+// Reserves the trusted part of a table's memory. Returns false without memory.
 template <class T>
 bool reserve(std::vector<T>& values, size_t count) {
     try {
@@ -53,7 +53,7 @@ void C3gpInterface::Read3gpBoxes() {
     try {
         ReadTracks();
     } catch (const Qvox3gp::NotArrived&) {
-        m_uStatus = KST_FAILURE;  // to be opened again later
+        m_uStatus = KST_FAILURE;  // the host opens again later
         throw;
     } catch (const SimpleException&) {
         m_uStatus = KST_CORRUPT;
@@ -178,7 +178,7 @@ void C3gpInterface::AllocBuffers() {
         fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource),
              "Unable to allocate buffer for media sample");
     }
-    // Half of what is allocated: the line has always counted four bytes a sample.
+    // Half of the allocated bytes: the line always counts four bytes a sample.
     log_line(kDebug, at(kDriverSource), "Allocating %d bytes for media sample offset buffer",
              m_uMediaSamples * 4);
     RequireSamplesInFile();
@@ -195,7 +195,7 @@ void C3gpInterface::AllocBuffers() {
     }
 }
 
-// A table of one size for all has no entries that would vouch for its count.
+// A table with one size for all samples has no entries to check its count against.
 void C3gpInterface::RequireSamplesInFile() {
     constexpr uint32_t kTrustedSamples = 65536;
     const uint32_t size = m_AVBoxes.stsz->GetSampleSize();
@@ -221,7 +221,7 @@ void C3gpInterface::CalcSampleOffsets(const BaseBoxes& boxes, std::vector<_TAG_S
         uint64_t offset = chunk_offset;
         for (uint32_t i = 0; i < samples_per_chunk && sample < table.size(); ++i, ++sample) {
             const uint32_t size = uniform != 0 ? uniform : sizes[sample];
-            // What would lie past 4 GiB is in no stream.
+            // No stream has bytes after 4 GiB.
             if (offset <= UINT32_MAX) table[sample] = {static_cast<uint32_t>(offset), size};
             offset += size;
         }

@@ -15,8 +15,8 @@ namespace {
 constexpr uint32_t kUnknownProfile = 255;
 constexpr uint32_t kMovieTimescale = 600;
 constexpr uint32_t kMovieHeaderEstimate = 194;  // bytes of `moov` without tracks
-// What is added to a time since 1970 to make one since 1904. The value is prescribed, and one day
-// short of the 2082844800 seconds that lie between: dates that are written are a day early.
+// Added to a time since 1970 for a time since 1904. The value is prescribed. It is one day less
+// than the correct 2082844800 seconds, so the dates written are a day early.
 constexpr uint32_t kSecondsFrom1904 = 2082758400;
 constexpr int32_t kWriterMinorVersion = 256;
 constexpr uint32_t kWriterSizeLimit = 0x7FFFFFFF;
@@ -53,7 +53,7 @@ iso_file* new_record(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
     return file;
 }
 
-// False when there is no memory for the brand list.
+// Returns false without memory for the brand list.
 bool begin_writing(iso_file* file) {
     file->write_mode = 1;
     file->minor_version = kWriterMinorVersion;
@@ -103,7 +103,7 @@ iso_file* isoFFopen(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream, const char* m
     }
     read_header(file);
     if (first == 'r') return file;
-    // The walk has run over whatever the output holds; a file that is written starts afresh.
+    // The walk read what the output held before; a new file starts with a new record.
     release(file);
     file = new_record(stream);
     if (file == nullptr || !begin_writing(file)) {

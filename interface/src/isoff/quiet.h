@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening a file for one who wants no remarks on standard error.
+// Opening a file without lines on the standard error stream.
 #ifndef KESTREL_ISOFF_QUIET_H
 #define KESTREL_ISOFF_QUIET_H
 
@@ -7,8 +7,8 @@
 
 namespace kestrel {
 
-// Like isoFFopen for reading; null when there is no memory. Nothing about the file is printed, then
-// or later.
+// Opens a file like isoFFopen for reading, and never prints lines about it. Returns null without
+// memory.
 iso_file* open_quietly(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE*& stream);
 
 }  // namespace kestrel

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The chunk that one kst_ReadChunk delivers: the host's buffer, its room, and what becomes of
-// `*size`.
+// What one kst_ReadChunk delivers: the bytes in the host's buffer and their number in `*size`.
 #ifndef KESTREL_MMFI_DELIVERY_H
 #define KESTREL_MMFI_DELIVERY_H
 
@@ -17,14 +16,16 @@ class Delivery {
     unsigned char* bytes() const { return buffer_; }
     bool holds(uint32_t count) const { return count <= *size_; }
 
-    // The two exits. Each stores a byte count through `*size` and returns the status of the call.
+    // Each of the following ends the call: it stores a byte count through `*size` and returns the
+    // status.
 
-    // Ends the call with `count` bytes in the buffer.
+    // Delivers `count` bytes of the buffer.
     int32_t deliver(uint32_t count, int32_t status = KST_SUCCESS) const {
         *size_ = count;
         return status;
     }
-    // Ends the call for a chunk that needs more room than the host has; nothing was consumed.
+    // Reports that the delivery needs `count` bytes, more than the buffer has. Nothing was
+    // consumed.
     int32_t ask_for(uint32_t count) const {
         *size_ = count;
         return KST_BAD_ARGUMENT;

@@ -9,7 +9,7 @@
 namespace kestrel {
 namespace {
 
-// Makes the buffer hold `capacity` bytes, its first `kept` bytes as they were.
+// Makes the buffer at least `capacity` bytes long. Keeps its first `kept` bytes.
 bool reserve(iso_frame_buffer& buffer, uint32_t capacity, uint32_t kept) {
     if (capacity <= buffer.capacity) return true;
     if (capacity > kMaxFrameBytes) return false;
@@ -28,7 +28,7 @@ iso_frame_buffer& large_sample(const mm_Interface* record) {
     return record->file->own->large_sample;
 }
 
-// Holds the staged bytes while `used`, their count, is not 0.
+// The buffer for the staged bytes of a large frame. It is in use while `used` is not 0.
 iso_frame_buffer& large_staging(const mm_Interface* record) {
     return record->file->own->large_staging;
 }

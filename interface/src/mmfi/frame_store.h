@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where one frame lies on its way to the host: the handle's two buffers, and for a frame that
-// outgrows them buffers of its own, which the file record keeps.
+// Memory for one frame: the two buffers of the handle, and larger ones, which the file record owns,
+// for a frame that does not fit.
 #ifndef KESTREL_MMFI_FRAME_STORE_H
 #define KESTREL_MMFI_FRAME_STORE_H
 
@@ -8,17 +8,18 @@
 
 namespace kestrel {
 
-// The longest frame, bytes: of its sample, and of its packets with their headers.
+// Limit of a frame in bytes: of its sample, and of its packets with their headers.
 inline constexpr uint32_t kMaxFrameBytes = 16 << 20;
 
-// Whether memory may be taken for the sample at the cursor, of `size` bytes: a large one must have
-// arrived up to its last byte.
+// Whether to allocate memory for the sample at the cursor, which has `size` bytes. The last byte of
+// a large sample must have arrived.
 bool may_allocate(iso_track* track, uint32_t size);
 
-// Memory for a sample of `size` bytes; null without memory or for more than kMaxFrameBytes.
+// Returns memory for a sample of `size` bytes; null without memory and for more than
+// kMaxFrameBytes.
 uint8_t* sample_room(mm_Interface* record, uint32_t size);
 
-// The packets that wait for the host.
+// The native packets of a frame, which the next call delivers.
 class Staging {
   public:
     explicit Staging(mm_Interface* record) : record_(record) {}
@@ -34,8 +35,8 @@ class Staging {
     // Appends bytes; false without memory or when the frame would exceed kMaxFrameBytes.
     bool append(const void* bytes, uint32_t count);
 
-    // Memory for `capacity` bytes that replace what is staged, null as above; after writing there,
-    // replace() stages the first `count` of them.
+    // Returns memory for `capacity` bytes that replace the staged ones; null as above. After
+    // writing there, replace() stages the first `count` of them.
     uint8_t* room(uint32_t capacity);
     void replace(const uint8_t* room, uint32_t count);
 

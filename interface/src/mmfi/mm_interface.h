@@ -28,14 +28,14 @@ struct mm_Interface {
     uint32_t unused_second[2];
     uint32_t mode;       // a kestrel::Mode
     uint32_t direction;  // a kestrel::Direction
-    int32_t status;      // of the last failure; 0 while all is well
+    int32_t status;      // of the last failure; 0 for none
     uint32_t one_at_open;
     uint32_t reader_state;  // step that the track's reader has reached
     uint32_t read_calls;
     // Two spare bytes, then the sample buffer: one sample or one RTP packet. The audio readers put
     // a frame's mode byte just before the sample buffer.
     uint8_t sample_area[2 + kestrel::kBufferSize];
-    uint8_t staging[kestrel::kBufferSize];  // native packets waiting for the host
+    uint8_t staging[kestrel::kBufferSize];  // native packets of the next delivery
     uint16_t auxiliary_count;               // audio: bytes of the current frame to deliver
     uint16_t staged_count;                  // bytes of `staging` that are ready
     const char* mode_name;                  // "AUDIO" or "VIDEO"
@@ -52,7 +52,7 @@ struct mm_Interface {
     uint8_t* mode_byte() { return sample_area + 1; }
 };
 
-// The size is part of the contract on the 32-bit target.
+// On the 32-bit target the size is fixed: hosts rely on it.
 static_assert(sizeof(void*) != 4 || sizeof(mm_Interface) == 128172);
 static_assert(offsetof(mm_Interface, staging) ==
               offsetof(mm_Interface, sample_area) + 2 + kestrel::kBufferSize);

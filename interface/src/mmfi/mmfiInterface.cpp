@@ -78,14 +78,15 @@ bool accepts(uint32_t mode, const iso_track* track) {
         case ISO_CODEC_MP4V:
         case ISO_CODEC_S263:
             return mode == kModeVideo;
-        case ISO_CODEC_AVC1:  // does not play with a configuration that could not be read
+        case ISO_CODEC_AVC1:  // not played when its configuration could not be read
             return mode == kModeVideo && track->own->has_bad_config == 0;
         default:
             return false;
     }
 }
 
-// The first track that the mode accepts and, where it is given, that has the track ID.
+// Returns the first track that the mode accepts; with a track ID, the first one that also has the
+// ID.
 iso_track* first_accepted(const mm_Interface* record, const uint32_t* track_id = nullptr) {
     iso_track* track = record->file == nullptr ? nullptr : record->file->first_track;
     for (; track != nullptr; track = track->next) {
@@ -113,7 +114,7 @@ void require_track(mm_Interface* record) {
     throw SimpleException(kMmfiSource, __LINE__, "Valid audio track (AMR-NB, AMR-WB) not found.");
 }
 
-// The last accepted track gives the track ID; of several tracks with that ID the first is taken.
+// Of several tracks the mode takes the last one; of several with that track's ID, the first one.
 iso_track* choose_track(mm_Interface* record) {
     for (iso_track* track = record->file->first_track; track != nullptr; track = track->next) {
         if (accepts(record->mode, track)) record->track_id = track->track_id;
@@ -199,7 +200,7 @@ int32_t mmfi_seek(iso_track* track, uint32_t offset) {
                                 ? kstutil_advanceread(file->stream, offset)
                                 : kstutil_seek(file->stream, static_cast<int32_t>(offset));
     if (status == 0) return KST_SUCCESS;
-    // At debug level only: the status is the caller's report.
+    // At debug level only: the caller reports the status.
     log_line(kDebug, at(kMmfiSource), "IO Callback Interface failed with status %d offset %x",
              status, offset);
     return KST_FAILURE;

@@ -8,25 +8,25 @@
 
 namespace kestrel {
 
-// The largest RTP packets that are taken from a hint track, in bytes.
+// Limit of the RTP packets of a hint track, in bytes.
 inline constexpr int kMaxPacketBytes = 1400;
 
 // Prepares the record for reading the track that `mode` names; record->file is set already and may
 // be null. Returns a status.
 int32_t mmfi_Open(mm_Interface* record, const char* mode);
 
-// Parses a mode string into mode and direction: 1. A bad one clears both, sets the status and
-// throws SimpleException.
+// Parses a mode string into mode and direction and returns 1. A malformed string clears both, sets
+// the status and throws SimpleException.
 int mmfiParseModeInfo(mm_Interface* record, const char* mode);
 
-// Closes the file; the record stays the caller's. Returns 0.
+// Closes the file and returns 0. The caller owns the record.
 int32_t mmfi_Close(mm_Interface* record);
 
-// Debug dump of `size` bytes; reads up to nine bytes past them. The lines carry the source path of
-// whoever asks.
+// Logs `size` bytes at debug level; reads up to nine bytes after them. The lines carry the source
+// path of the caller.
 void printInfo(const char* source, const unsigned char* data, int size);
 
-// Hands the call to the reader of the track's codec. Throws SimpleException for a null record.
+// Calls the reader of the track's codec. Throws SimpleException for a null record.
 int32_t mmfi_Read(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
 
 int32_t mmfi_Read_AMRNB(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
@@ -35,11 +35,11 @@ int32_t mmfi_Read_H263(mm_Interface* record, unsigned char* buffer, uint32_t* si
 int32_t mmfi_Read_MPEG4(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
 int32_t mmfi_Read_H264(mm_Interface* record, unsigned char* buffer, uint32_t* size, bool arriving);
 
-// Points the host at the track's next data: announces it or moves the stream there, as the
-// file record's flag says. 0, or 2 when the host fails.
+// Reports to the host where the track's next data is: announces it or moves the stream there, as
+// the file record's flag says. Returns 0, or 2 when the host fails.
 int32_t mmfi_seek(iso_track* track, uint32_t offset);
 
-// Stores whether the file is arriving, and counts the call: every reader begins so.
+// Stores whether the file is arriving, and counts the call. Every reader calls this first.
 void begin_read(mm_Interface* record, bool arriving);
 
 }  // namespace kestrel

@@ -28,13 +28,14 @@ enum ReaderState : uint32_t {
 constexpr uint32_t kZeroWord = sizeof(uint32_t);
 constexpr uint32_t kFrameHeaderSize = sizeof(AUD_AudFrame_Native) + kZeroWord;
 constexpr uint32_t kModeByte = 1;
-// What the frame record counts besides the frame: the record, the zero word and the mode byte.
+// Bytes that the frame record counts besides the frame: the record, the zero word and the mode
+// byte.
 constexpr uint32_t kFrameOverhead = kFrameHeaderSize + kModeByte;
 
 // How the streams of the two bands differ.
 struct Band {
     const AmrBand& amr;
-    int highest_mode_byte;  // of the speech modes; the types above carry none of their own
+    int highest_mode_byte;  // of the speech modes; higher types have no speech
     int (*put_codec)(void*);
     int (*put_frame)(void*, tel_native*, uint32_t);
 };
@@ -66,7 +67,7 @@ int32_t put_codec_record(mm_Interface* record, const Band& band, Delivery delive
         return delivery.ask_for(sizeof(AUD_Codec_Header));
     record->reader_state = kIndexRecord;
     const int written = band.put_codec(delivery.bytes());
-    // A code outside the status table, kept on purpose.
+    // A status that the table of texts does not have. Kept on purpose.
     if (written < 0) return delivery.deliver(0, KST_CODEC_RECORD_FAILED);
     return delivery.deliver(static_cast<uint32_t>(written));
 }
@@ -90,7 +91,7 @@ int32_t put_file_info_record(mm_Interface* record, const Band& band, Delivery de
     return delivery.deliver(static_cast<uint32_t>(written));
 }
 
-// Stages the next sample that holds anything. Returns KST_SUCCESS, KST_END_OF_FILE, KST_NOT_YET, or
+// Stages the next sample that is not empty. Returns KST_SUCCESS, KST_END_OF_FILE, KST_NOT_YET, or
 // KST_FAILURE for a sample that cannot be read.
 int32_t stage_sample(mm_Interface* record) {
     iso_track* track = record->track;
@@ -109,8 +110,8 @@ int32_t stage_sample(mm_Interface* record) {
     return KST_END_OF_FILE;
 }
 
-// The frame at the head of the staged bytes, taken into the sample buffer after its mode byte.
-// Returns its size. What a cut frame lacks is filled with zeros.
+// Moves the first staged frame into the sample buffer, after its mode byte, and returns its size.
+// Fills a truncated frame with zeros.
 uint32_t take_frame(mm_Interface* record, const Band& band) {
     Staging staging(record);
     const uint8_t* frame = staging.bytes();
@@ -128,13 +129,13 @@ uint32_t take_frame(mm_Interface* record, const Band& band) {
     return size;
 }
 
-// The frame's time is the running clock, rounded; the clock then grows by one frame.
+// Sets the frame's time to the running clock, rounded, and advances the clock by one frame.
 void step_clock(tel_native& native) {
     native.hdr.time = clock_to_timestamp(native.time_acc);
     native.time_acc = clock_after(native.time_acc, native.hdr.clock / kAmrFramesPerSecond);
 }
 
-// Not-yet leaves a frame record without a frame in the buffer, and delivers nothing.
+// Leaves a frame record without a frame in the buffer, but delivers nothing.
 int32_t deliver_not_yet(Delivery delivery) {
     const uint32_t record[sizeof(AUD_AudFrame_Native) / sizeof(uint32_t)] = {
         0, sizeof(AUD_AudFrame_Native)};

@@ -12,9 +12,9 @@
 #include "native/codec/payload_types.h"
 #include "native/header_records.h"
 
-// The video readers: the property record, then all other header records with the first frame
-// record, then each frame's packets and the next frame record in turn. Frames come from the RTP
-// hint track where there is a usable one, else from the samples.
+// The video readers. They deliver the property record; then the other header records with the first
+// frame record; then in turn the packets of a frame and the next frame record. Frames come from the
+// RTP hint track where a usable one exists, else from the samples.
 
 namespace kestrel {
 namespace {
@@ -104,8 +104,8 @@ Gathered VideoReader::gather(bool first) {
     return gather_frame(record_, codec_.packets, hint_, first);
 }
 
-// The state stays where it was, also after the end (1) and a failure (2): a later call asks for the
-// frame again, instead of delivering packets that were never staged.
+// Keeps the state, also after KST_END_OF_FILE and KST_FAILURE: the next call reads the same frame
+// again and does not deliver packets that were never staged.
 int32_t VideoReader::deliver_nothing(int32_t status, ReaderState state) {
     record_->reader_state = state;
     return delivery_.deliver(0, status);
@@ -126,7 +126,7 @@ uint32_t VideoReader::header_records_size() const {
 
 void VideoReader::append_header_records() {
     unsigned char* to = delivery_.bytes();
-    std::memset(to, 0, header_records_size());  // the H.264 record leaves some bytes alone
+    std::memset(to, 0, header_records_size());  // the H.264 record does not set all of its bytes
     to += tel_put_hdr_vid_nts(to);
     to += tel_put_hdr_vid_index(to);
     to += codec_.put_codec(to, record_->track, rates_of(record_->track).bits);
@@ -135,7 +135,7 @@ void VideoReader::append_header_records() {
 }
 
 // Writes the record of the gathered frame after `frame_record_at` bytes, keeps it, and announces
-// where the next data lies.
+// the next data.
 int32_t VideoReader::keep_and_reposition(const Gathered& gathered, uint32_t frame_record_at) {
     record_->kept_frame = frame_record(Staging(record_).count(), gathered.packets);
     put_record(delivery_.bytes() + frame_record_at, record_->kept_frame);
@@ -149,12 +149,13 @@ int32_t VideoReader::put_header_records() {
     const uint32_t headers = header_records_size();
     const auto needed = headers + static_cast<uint32_t>(sizeof(VID_Frame_Record));
     if (!delivery_.holds(needed)) return delivery_.ask_for(needed);
-    // An H.263 stream's name depends on its packets; an MPEG-4 sample may replace the configuration
-    // that belongs into these records.
+    // The first frame is gathered first, because these records depend on it: an H.263 stream is
+    // named after its packets, and an MPEG-4 sample may replace the configuration.
     if (hint_ == nullptr) append_header_records();
     const Gathered gathered = gather(true);
     if (gathered.status != KST_SUCCESS) {
-        // Not-yet is reported as a failure here, but nothing is lost: the next call begins anew.
+        // KST_NOT_YET is reported as KST_FAILURE here, but nothing is consumed: the next call
+        // starts anew.
         const bool end = gathered.status == KST_END_OF_FILE;
         return deliver_nothing(end ? KST_END_OF_FILE : KST_FAILURE, kHeaderRecords);
     }

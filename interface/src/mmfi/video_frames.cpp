@@ -18,14 +18,14 @@ namespace {
 
 // Results of the ISO reader.
 constexpr int kEndOfTrack = 0;  // of a hint track
-constexpr int kNotYet = -2;     // a read that cannot be served now
+constexpr int kNotYet = -2;     // the data has not arrived
 
 constexpr int kNoRoom = -1;  // of a packetiser
 constexpr uint8_t kVisualObjectSequence = 0xB0;
 constexpr uint8_t kVop = 0xB6;
 
-// Packets, constructors and empty hint samples that a frame may have, besides one for each of its
-// bytes. More than any hinter writes are taken for damage: a call must come back.
+// Limit of the packets, constructors and empty hint samples of a frame, besides one for each of its
+// bytes. More are treated as damage, so that a call ends.
 constexpr uint64_t kMaxFrameSteps = 1 << 20;
 
 constexpr Gathered kFailed{KST_FAILURE, 0};
@@ -47,7 +47,7 @@ bool stage_rtp_packet(Staging& staging, uint8_t* packet, uint32_t length, int pa
            staging.append(packet + kRtpHeaderSize, length - kRtpHeaderSize);
 }
 
-// The parameter sets that go ahead of an H.264 stream.
+// Stages the parameter sets that an H.264 stream begins with.
 bool stage_parameter_sets(mm_Interface* record, iso_track* hint, int payload_type,
                           uint32_t& packets) {
     const iso_track* media = record->track;
@@ -94,7 +94,7 @@ struct Sample {
     double duration;
 };
 
-// Reads the sample at the cursor, with room for a configuration ahead of it.
+// Reads the sample at the cursor, and leaves space for a configuration before it.
 int32_t read_sample(mm_Interface* record, Sample& sample) {
     iso_track* track = record->track;
     if (track->cur_sample >= track->sample_count) return KST_END_OF_FILE;
@@ -110,8 +110,8 @@ int32_t read_sample(mm_Interface* record, Sample& sample) {
     return sample.length < 0 ? int32_t{KST_FAILURE} : int32_t{KST_SUCCESS};
 }
 
-// The configuration headers of an intra MPEG-4 picture are kept; one that has none is given those
-// that were kept, ahead of it. False without memory.
+// Keeps the configuration headers of an intra MPEG-4 picture, or puts the kept ones before a
+// picture without. Returns false without memory.
 bool attach_mpeg4_config(iso_track* track, Sample& sample) {
     if (!CheckForIFrame(sample.bytes, sample.length)) return true;
     const int begin = FindStartCode(sample.bytes, sample.length, kVisualObjectSequence);
@@ -128,14 +128,13 @@ bool attach_mpeg4_config(iso_track* track, Sample& sample) {
     return true;
 }
 
-// What the H.264 packetiser may write beyond the room it is given: four bytes for each fragment,
-// and a unit that is just longer than a packet makes two.
+// Bytes that the H.264 packetiser may write after the end of its output: four for each fragment; a
+// unit slightly longer than a packet makes two fragments.
 uint32_t overrun(const iso_track* track, uint32_t capacity) {
     return track->codec == ISO_CODEC_AVC1 ? 2 * 4 * (capacity / kMaxPacketBytes + 1) : 0;
 }
 
-// Packetises the sample into the staging buffer, and where that is too small again into a larger
-// one.
+// Packetises the sample into the staging buffer, or into a larger one if it does not fit.
 Gathered packetise(mm_Interface* record, const Sample& sample) {
     Staging staging(record);
     const tel_native before = record->native;
@@ -172,7 +171,7 @@ Gathered gather_sample(mm_Interface* record, const VideoPacketisation& how, bool
 
 Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_track* hint,
                       bool first) {
-    // What was missing the last time is asked for by itself, before all of the frame is read again.
+    // Reads the piece that was missing in the last call before the whole frame is read again.
     uint64_t& missing = record->file->own->missing;
     if (!missing_has_arrived(record->file)) return kMissing;
     missing = 0;
@@ -188,7 +187,7 @@ Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_t
     media.restore();
     const iso_hint_work spent = track->own->hint_work;
     source.restore();
-    // What a failure took is not given again to the next call, which fails there as well.
+    // Keeps the steps of a call that failed: the next call fails at the same place.
     if (gathered.status == KST_FAILURE) track->own->hint_work = spent;
     record->native = native;
     Staging(record).clear();

@@ -7,7 +7,7 @@
 
 namespace kestrel {
 
-// How packets are made of the samples of a codec, and which payload type they carry.
+// How to make packets of the samples of a codec, and the payload type of these packets.
 struct VideoPacketisation {
     int payload_type;
     int mode;
@@ -19,9 +19,9 @@ struct Gathered {
     uint32_t packets;  // staged ones
 };
 
-// Stages the next frame, the `first` one of the stream with what goes ahead of it. `hint` is the
-// hint track, null to cut the samples. Without KST_SUCCESS nothing is staged and nothing was
-// consumed.
+// Stages the next frame. The `first` frame of a stream follows its parameter sets. `hint` is the
+// hint track; null to packetise the samples. Unless the status is KST_SUCCESS, nothing is staged
+// and nothing was consumed.
 Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_track* hint,
                       bool first);
 

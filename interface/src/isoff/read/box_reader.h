@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A box as its handler sees it.
+// The bytes of one box, as its handler reads them.
 #ifndef KESTREL_ISOFF_BOX_READER_H
 #define KESTREL_ISOFF_BOX_READER_H
 
@@ -10,7 +10,7 @@
 
 namespace kestrel {
 
-// Has the byte readers take their bytes from a copy of `moov` in memory, as long as it lives.
+// While it exists, the byte readers read from a copy of `moov` in memory.
 class MovieMemory {
   public:
     MovieMemory(iso_file* file, std::span<uint8_t> body) : file_(file) {
@@ -26,8 +26,8 @@ class MovieMemory {
     iso_file* file_;
 };
 
-// Limits reading to the next `count` bytes of the in-memory `moov`, and at the end of its life
-// moves past them, whatever was taken.
+// Limits reading to the next `count` bytes of the in-memory `moov`. Its destructor moves the cursor
+// after them.
 class MovieLimit {
   public:
     MovieLimit(iso_file* file, uint32_t count)
@@ -47,20 +47,21 @@ class MovieLimit {
     uint32_t left_after_;
 };
 
-// Takes the bytes of one box in turn. Inside `moov` it is limited to them by a MovieLimit. What
-// cannot be read has the value that the byte readers give it (byte_source.h).
+// Reads the fields of one box in order. Inside `moov` a MovieLimit limits it to the box. The values
+// of fields that cannot be read are those of the byte readers (byte_source.h).
 class BoxReader {
   public:
     BoxReader(iso_file* file, uint32_t size) : file_(file), size_(size) {}
 
     iso_file* file() const { return file_; }
-    // The track that the box belongs to; null outside of any.
+    // The track of the box; null outside any track.
     iso_track* track() const { return file_->current_track; }
 
-    // Bytes of the body as its header declares them; 0 where it runs to the end of its container.
+    // Bytes of the body as declared in the header; 0 for a box that runs to the end of its
+    // container.
     uint32_t size() const { return size_; }
 
-    // Inside `moov`: bytes of the body that were not taken yet, and where they are.
+    // Inside `moov`: bytes of the body after the cursor, and the cursor.
     uint32_t left() const { return file_->moov_left; }
     uint8_t* data() const { return file_->moov_buffer; }
 
@@ -71,7 +72,7 @@ class BoxReader {
     bool bytes(void* to, uint32_t count) { return getbytes(file_, to, count); }
     bool id(char (&code)[5]) { return getID(file_, code); }
     bool skip(uint32_t count) { return kestrel::skip(file_, count) == 1; }
-    // The length of a descriptor; false when it cannot be read.
+    // Reads the length of a descriptor. Returns false when it cannot be read.
     bool descriptor_length(uint32_t& length) { return getxlen(file_, length) >= 0; }
 
   private:
@@ -79,8 +80,8 @@ class BoxReader {
     uint32_t size_;
 };
 
-// Stores the columns of a box (record/box_columns.h). What is passed over is passed over at once,
-// before the next column that is stored.
+// Stores the columns of a box (record/box_columns.h). Reserved bytes are skipped in one step before
+// the next column.
 class ColumnReader {
   public:
     explicit ColumnReader(BoxReader& box) : box_(box) {}
@@ -104,7 +105,7 @@ class ColumnReader {
     void constant16(uint32_t) { skipped_ += 2; }
     void constant32(uint32_t) { skipped_ += 4; }
 
-    // Whether every four-character code could be read.
+    // Whether all four-character codes could be read.
     bool has_codes() const { return has_codes_; }
 
   private:

@@ -8,7 +8,7 @@
 namespace kestrel {
 namespace {
 
-// What a walk of a whole file may cover: as much as offsets reach.
+// Length of a walk over the whole file: as far as offsets reach.
 constexpr int64_t kOpenEnded = UINT32_MAX;
 
 bool read_box_header(iso_file* file, BoxHeader& header) {
@@ -26,7 +26,7 @@ const isobox* find(const isobox* table, uint32_t type) {
     return nullptr;
 }
 
-// Runs a handler on a box inside `moov`: it sees the box's own bytes only.
+// Calls a handler for a box inside `moov`, limited to the bytes of the box.
 int run_bounded(iso_file* file, const isobox* box, uint32_t size, bool to_end) {
     const uint32_t left = file->moov_left;
     const bool is_skipped = box == nullptr || box->handler == skip_body;
@@ -53,8 +53,7 @@ int walk(iso_file* file, const isobox* table, uint32_t size) {
     const int at_end_of_input = open_ended ? 0 : -1;
     int64_t left = open_ended ? kOpenEnded : size;
     while (left >= 1) {
-        // Bytes that cannot hold a box header are padding; some writers close `udta` with a zero
-        // word.
+        // Fewer bytes than a box header are padding; some writers end `udta` with a zero word.
         if (file->in_moov_buffer && left < kBoxHeader) return 0;
         BoxHeader header;
         if (!read_box_header(file, header)) return at_end_of_input;
@@ -86,7 +85,7 @@ int parse_rest(BoxReader& box, const isobox* table) {
     return parse(box.file(), table, box.left());
 }
 
-// Inside `moov` the walk itself moves past the box.
+// Inside `moov` the walk itself moves after the box.
 int skip_body(BoxReader& box) {
     return box.file()->in_moov_buffer || box.skip(box.size()) ? 0 : -1;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The walk over boxes, and the handlers that it calls.
+// The walk over boxes, and the handlers of the boxes.
 #ifndef KESTREL_ISOFF_BOX_WALK_H
 #define KESTREL_ISOFF_BOX_WALK_H
 
@@ -9,31 +9,31 @@ namespace kestrel {
 
 struct isobox {
     const char* type;  // four characters; null ends a table
-    // Reads the body. 0: go on; 1: end the walk successfully; any other value: end it with that
-    // value. What it does not take is passed over.
+    // Reads the body; the walk skips the rest of it. Returns 0 to continue, 1 to end the walk with
+    // success; any other value ends the walk with that value.
     int (*handler)(BoxReader& box);
 };
 
-// Walks the boxes of `table` over `size` bytes; with a size of 0, to the end of the input.
+// Walks `size` bytes and calls the handlers of `table`. A size of 0 is all of the input.
 int parse(iso_file* file, const isobox* table, uint32_t size);
 
-// Walks what is left of a box inside `moov`.
+// Walks the rest of a box inside `moov`.
 int parse_rest(BoxReader& box, const isobox* table);
 
-// A handler for a box whose body is of no interest.
+// The handler of a box that is not read.
 int skip_body(BoxReader& box);
 
-// Counts and reports a track of the file that no record is made of, or one without its media.
+// Counts and reports a track that got no record, or whose media was not read.
 void lose_track(iso_file* file, const char* why);
 
-// Walks the whole file; its result is of no account to isoFFopen.
+// Walks the whole file. isoFFopen ignores the result.
 int read_header(iso_file* file);
 
-// Reads a whole sample entry, which must outlive the file, into a track that has none: its codec,
-// where that is a known one, and decoder configuration. False when the entry is damaged.
+// Reads a sample entry into a track that has none: its codec, if known, and decoder configuration.
+// The entry must outlive the file. Returns false for a malformed entry.
 bool read_sample_entry(iso_track* track, std::span<uint8_t> box);
 
-// The handlers that other files call.
+// Handlers that other files use.
 
 int read_movie(BoxReader& box);  // the body of `moov`, in memory
 int read_stsd(BoxReader& box);

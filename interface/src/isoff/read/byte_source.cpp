@@ -6,7 +6,7 @@
 #include "interface/src/isoff/read/byte_source.h"
 #include "kestrel/kstutil.h"
 
-// The byte readers: one source of bytes, the in-memory `moov` or the stream, for all of them.
+// The byte readers. All read from one source: the in-memory `moov`, or the stream.
 
 namespace kestrel {
 
@@ -83,7 +83,7 @@ int getxlen(iso_file* file, uint32_t& length) {
 
 namespace {
 
-// A stream that refuses to seek forward is read forward.
+// Skips by reading, for a stream that does not seek forward.
 int read_over(iso_file* file, uint32_t count) {
     uint8_t discarded[1024];
     while (count > 0) {
@@ -100,9 +100,9 @@ int skip(iso_file* file, uint32_t count) {
     if (file->in_moov_buffer) return seek_buf(file, count) ? 1 : 0;
     uint32_t offset = 0;
     if (kstutil_getoffset(file->stream, &offset) != 0) return -1;
-    if (count > UINT32_MAX - offset) return 0;  // past what any stream can hold
-    // A host that stands still or goes back would have the same boxes walked again: since the last
-    // call at least a box header was read.
+    if (count > UINT32_MAX - offset) return 0;  // past the end of any stream
+    // A position that stays or goes back would repeat the same boxes: at least a box header was
+    // read since the last call.
     if (offset < uint64_t{file->own->skip_target} + kBoxHeader) return -1;
     file->own->skip_target = offset + count;
     if (kstutil_seek(file->stream, static_cast<int32_t>(offset + count)) == 0) return 1;

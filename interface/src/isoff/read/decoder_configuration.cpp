@@ -6,7 +6,7 @@
 #include "interface/src/isoff/read/decoder_configuration.h"
 #include "native/codec/avcc.h"
 
-// Decoder configuration of the sample entries, and the forms in which callers get it.
+// Decoder configuration in the sample entries, and the forms in which callers get it.
 
 namespace kestrel {
 namespace {
@@ -29,8 +29,8 @@ enum DescriptorTag : uint8_t {
     kDecoderSpecificInfo = 5,
 };
 
-// Reads descriptors while bytes remain, and hands each body to `read_body(tag)` with the view
-// limited to it. 0, or -1 when one claims more than there is.
+// Reads descriptors while bytes remain, and calls `read_body(tag)` for each with the view limited
+// to its body. Returns 0, or -1 for a length of more than is left.
 template <typename ReadBody>
 int walk_descriptors(BoxReader& box, ReadBody read_body) {
     while (box.left() > 0) {
@@ -91,7 +91,7 @@ void keep_avcc_header(iso_track* track, const AvccHeader& header) {
     track->nal_length_size = header.nal_length_size;
 }
 
-// Leaves the track without configuration: one that cannot be read is none.
+// Removes the track's configuration: one that cannot be read counts as none.
 void refuse_config(iso_track* track) {
     forget_param_sets(track);
     track->dsi = nullptr;
@@ -100,7 +100,7 @@ void refuse_config(iso_track* track) {
     track->own->has_bad_config = 1;
 }
 
-// Puts the sets into `block`, which has room for them.
+// Writes the sets to `block`, which is long enough.
 void keep_param_sets(iso_track* track, const ParamSets& sets, uint8_t* block) {
     std::copy(sets.bytes.begin(), sets.bytes.end(), block);
     track->sps_count = sets.sps_count;
@@ -110,8 +110,8 @@ void keep_param_sets(iso_track* track, const ParamSets& sets, uint8_t* block) {
     track->param_sets_length = static_cast<uint32_t>(sets.bytes.size());
 }
 
-// Makes `avcc` the configuration of a track that is being written; false, and nothing changed, when
-// it is malformed or there is no memory.
+// Makes `avcc` the configuration of a track that is being written. Returns false, with nothing
+// changed, for a malformed record and without memory.
 bool replace_avcc(iso_track* track, std::span<const uint8_t> avcc) {
     AvccHeader header{};
     ParamSets sets;
@@ -127,8 +127,8 @@ bool replace_avcc(iso_track* track, std::span<const uint8_t> avcc) {
 
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes) {
     if (bytes.size() > track->own->dsi_capacity || track->dsi == nullptr) {
-        // The arena takes nothing back, so a configuration that keeps growing must not take a new
-        // block each time.
+        // The arena frees nothing, so a configuration that grows repeatedly must not allocate each
+        // time.
         const size_t capacity =
             std::max<size_t>(bytes.size(), size_t{2} * track->own->dsi_capacity);
         auto* memory = arena_array<uint8_t>(track->file, capacity);

@@ -9,7 +9,7 @@
 
 namespace kestrel {
 
-// Keeps a copy of decoder-specific information in the track; false when there is no memory.
+// Copies decoder-specific information into the track. Returns false without memory.
 bool keep_dsi(iso_track* track, std::span<const uint8_t> bytes);
 
 }  // namespace kestrel

@@ -12,9 +12,9 @@ constexpr uint32_t kFirstPiece = 1 << 20;
 
 // --- reading a whole body ---
 
-// Reads `size` bytes of the stream into memory from systemmalloc that grows with the bytes that
-// really come, so that a size that lies costs no more than the host delivers. Null when the bytes
-// do not come or there is no memory; `no_memory` is set for the latter.
+// Reads `size` bytes of the stream into memory from systemmalloc. The memory grows with the bytes
+// received, so a false size costs no more than the host delivers. Returns null when bytes are
+// missing or without memory; sets `no_memory` for the latter.
 uint8_t* read_growing(iso_file* file, uint32_t size, uint32_t& read, bool& no_memory) {
     uint8_t* bytes = nullptr;
     read = 0;
@@ -37,7 +37,7 @@ uint8_t* read_growing(iso_file* file, uint32_t size, uint32_t& read, bool& no_me
     return bytes;
 }
 
-// The same into the arena; a body that one arena block holds goes there directly.
+// Reads `size` bytes into the arena; directly, if they fit in one arena block.
 uint8_t* read_into_arena(iso_file* file, uint32_t size) {
     if (size <= kFirstPiece) {
         auto* bytes = static_cast<uint8_t*>(isoFFmalloc(file, size));
@@ -88,9 +88,9 @@ int read_moov(BoxReader& box) {
 int read_mdat(BoxReader& box) {
     iso_file* file = box.file();
     file->mdat_start = file->file_pos;
-    if (file->first_track != nullptr) return 1;  // samples are read from the stream when asked for
+    if (file->first_track != nullptr) return 1;  // samples are read from the stream later
     if (box.size() == 0 || file->mem_seek != nullptr) return skip_body(box);
-    systemfree(file->mdat_buffer);  // of an earlier one: the last before `moov` is kept
+    systemfree(file->mdat_buffer);  // only the last `mdat` before `moov` is kept
     file->mdat_buffer = nullptr;
     if (box.size() > iso_mdat_buffer_max) return skip_body(box);
     uint32_t read = 0;

@@ -6,20 +6,20 @@
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/read/sample_tables.h"
 
-// The boxes of `moov` (ISO/IEC 14496-12, 8.2 to 8.10) but for sample tables and sample entries.
+// The boxes of `moov` (ISO/IEC 14496-12, 8.2 to 8.10) except sample tables and sample entries.
 
 namespace kestrel {
 namespace {
 
-// The first letters of a version-0 and a version-1 header differ in nothing but the width of their
-// times; the wide ones are passed over, not read.
+// Headers of version 0 and version 1 differ only in the width of their times. Wide times are
+// skipped.
 constexpr uint32_t kWideMovieTimes = 28;
 constexpr uint32_t kWideDates = 16;  // the first two of them
 constexpr uint32_t kWideTrackTimes = 32;
 
 // --- SDP texts ---
 
-// What is left of the box at hand, and a NUL, into `text`; a second one is refused.
+// Stores the rest of the box and a NUL in `text`. Refuses a second text.
 int read_sdp_text(BoxReader& box, char*& text) {
     if (text != nullptr) {
         remark(box.file(), "extra sdp\n");
@@ -63,7 +63,7 @@ int read_hdlr(BoxReader& box) {
 }
 
 int read_hint_reference(BoxReader& box) {
-    // A hint track that holds all its payload itself may refer to no track.
+    // A hint track that holds all of its payload itself may refer to no track.
     const bool refers = box.left() >= sizeof(uint32_t);
     if (box.track() != nullptr && refers) box.track()->hint_track_ref = box.u32();
     return 0;
@@ -83,7 +83,7 @@ int read_tkhd(BoxReader& box) {
     box.file()->current_track = track;
     track->own->header_flags = flags;
     ColumnReader reader(box);
-    uint32_t duration = 0;  // not kept: that of the media header is
+    uint32_t duration = 0;  // not kept; the duration of the media header is
     if (version == 0) {
         tkhd_times(reader, *track, duration);
     } else {
@@ -144,7 +144,7 @@ int read_stbl(BoxReader& box) {
     iso_track* track = box.track();
     if (track == nullptr) return 0;
     const int walked = parse_rest(box, stbl_box);
-    // A further `stbl` without tables of its own leaves nothing to check: a file may have many.
+    // A further `stbl` without tables does not change the tables: a file may have many.
     const bool is_checked =
         track->own->index != nullptr && track->own->tables_checked == track->own->tables_seen;
     if (walked == 0 && (is_checked || check_tables(track) == 0)) {
@@ -178,8 +178,8 @@ int read_mdia(BoxReader& box) {
     return parse_rest(box, mdia_box);
 }
 
-// Edits are kept for whoever copies a file; reading samples does not look at them. A list that its
-// box does not hold is none.
+// Keeps the edits for programs that copy a file; reading samples does not use them. Ignores a list
+// that exceeds its box.
 int read_elst(BoxReader& box) {
     iso_track* track = box.track();
     if (track == nullptr || track->own->edits != nullptr || box.left() < 8) return 0;
@@ -234,8 +234,8 @@ constexpr isobox trak_box[] = {{"tkhd", read_tkhd}, {"mdia", read_mdia}, {"edts"
 
 // --- tracks that damage hides ---
 
-// Whether a `trak` begins with these bytes. The box that it holds first is looked at as well, so
-// that other bytes are hardly taken for one.
+// Whether `bytes` begin with a `trak`. The type of its first child is checked too, so that other
+// bytes are not mistaken for a track.
 bool is_track_header(std::span<const uint8_t> bytes) {
     if (bytes.size() < 2 * kBoxHeader) return false;
     if (load_box_header(bytes.data()).type != fourcc("trak")) return false;
@@ -245,8 +245,8 @@ bool is_track_header(std::span<const uint8_t> bytes) {
                        [=](const char* type) { return fourcc(type) == first; });
 }
 
-// Reports the tracks in `body` of `moov` that the walk did not come to: a size that is too long
-// covers them or cuts into them, or damage ended the walk before them.
+// Reports the tracks in `body` of `moov` that the walk did not reach: a box before them is too
+// long, or damage ended the walk.
 void report_hidden_tracks(iso_file* file, std::span<const uint8_t> body, uint32_t walked) {
     uint32_t seen = 0;
     for (auto at = body.begin();; ++at) {
@@ -259,7 +259,7 @@ void report_hidden_tracks(iso_file* file, std::span<const uint8_t> body, uint32_
         lose_track(file, "hidden by damage");
 }
 
-// What stands in a track without a header that can be read, or before it, belongs to no track.
+// Boxes in a track before its header, or without a readable header, belong to no track.
 int read_trak(BoxReader& box) {
     iso_file* file = box.file();
     if (is_track_header({box.data() - kBoxHeader, box.left() + kBoxHeader}))

@@ -9,8 +9,8 @@
 #include "interface/src/isoff/read/sample_index.h"
 #include "native/codec/rtp_hint_sample.h"
 
-// RTP packets from a hint track (ISO/IEC 14496-12, 9.1): the packets of each hint sample are
-// rebuilt from their entries and constructors.
+// RTP packets from a hint track (ISO/IEC 14496-12, 9.1), rebuilt from the packet entries and
+// constructors of each hint sample.
 
 namespace kestrel {
 namespace {
@@ -35,7 +35,7 @@ EntryWords parse_entry(const uint8_t* raw) {
     return {load_be32(raw + 4), load_be32(raw + 8)};
 }
 
-// A copy of few bytes, most often a speech frame, in blocks that overlap at the end.
+// Copies few bytes, most often a speech frame, in blocks that overlap at the end.
 inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
     constexpr uint32_t kBlock = 16;
     if (count < kBlock) [[unlikely]] {
@@ -51,7 +51,7 @@ inline void copy_small(uint8_t* to, const uint8_t* from, uint32_t count) {
     std::memcpy(to + (count - kBlock), from + (count - kBlock), kBlock);
 }
 
-// Duration of the hint sample at the cursor in units of the RTP clock.
+// Returns the duration of the hint sample at the cursor in units of the RTP clock.
 inline double rtp_units(iso_track* track) {
     RtpStep& step = track->own->index->rtp_step;
     if (step.entry != track->stts_index || step.rate != track->rtp_timescale) [[unlikely]] {
@@ -61,8 +61,8 @@ inline double rtp_units(iso_track* track) {
     return step.units;
 }
 
-// Reads `count` bytes of a hint sample that cannot be looked at as a whole. 0, or the code that
-// ends the call.
+// Reads `count` bytes of a hint sample that was not read ahead as a whole. Returns 0, or the code
+// that ends the call.
 int read_own(iso_track* track, int32_t sample, uint64_t offset, uint8_t* to, uint32_t count) {
     if (offset > INT32_MAX) return -1;
     const int got =
@@ -72,8 +72,8 @@ int read_own(iso_track* track, int32_t sample, uint64_t offset, uint8_t* to, uin
 }
 
 // Builds the next packet of one hint track in the caller's buffer. Its functions return 0, or the
-// code that ends the call. One object serves one call; what it needs for each packet is small, and
-// none of it is reached through a pointer, so that it stays in registers.
+// code that ends the call. One object serves one call; its members are few and plain, so that they
+// stay in registers.
 class PacketReader {
   public:
     PacketReader(iso_track* track, void* buffer, uint8_t (&scratch)[kConstructorSize])
@@ -81,17 +81,17 @@ class PacketReader {
           hint_(*track->hint),
           offset_(hint_.offset),
           to_(static_cast<uint8_t*>(buffer)),
-          room_(track->rtp_max_packet),
+          space_(track->rtp_max_packet),
           scratch_(scratch) {}
 
-    static constexpr int kAtEnd = 1;  // what open_sample returns after the last packet
+    static constexpr int kAtEnd = 1;  // result of open_sample after the last packet
 
     void resynchronise();
     int open_sample();
     int read_packet();
-    uint32_t length() const { return track_->rtp_max_packet - room_; }
+    uint32_t length() const { return track_->rtp_max_packet - space_; }
 
-    // Ends the call: the position stays where it has come to, also after a failure.
+    // Ends the call. The position is kept, also after a failure.
     void leave() { hint_.offset = static_cast<uint32_t>(offset_); }
 
   private:
@@ -114,22 +114,22 @@ class PacketReader {
 
     iso_track* track_;
     rtp_hint_state& hint_;
-    uint64_t offset_;                 // hint_.offset while the call lasts
-    uint8_t* to_;                     // where the packet goes on
-    uint32_t room_;                   // and what it may still have
-    const uint8_t* whole_ = nullptr;  // the hint sample, where all of it was read ahead
+    uint64_t offset_;                 // hint_.offset during the call
+    uint8_t* to_;                     // the next byte of the packet
+    uint32_t space_;                  // bytes that may still be added
+    const uint8_t* whole_ = nullptr;  // the hint sample, if it was read ahead
     uint32_t whole_size_ = 0;
-    const uint8_t* own_ = nullptr;  // what take_own has taken, in whole_ or in scratch_
+    const uint8_t* own_ = nullptr;  // result of take_own, in whole_ or scratch_
     uint8_t* scratch_;
     const iso_track* copied_from_ = nullptr;  // track and offset of the last sample constructor
     uint32_t copied_offset_ = 0;
-    bool is_begun_ = false;  // the sample to open was open before
+    bool is_begun_ = false;  // the sample was opened before
     bool strayed_ = false;   // the hint track's cursor is not on the sample of its packets
 };
 
-// Whether the packets have taken more steps than hint samples that lie apart from each other can
-// have: each step takes at least four bytes of the file, or adds a byte to a packet. Tables that
-// list few bytes over and over can declare billions.
+// Whether the packets have taken more steps than hint samples that do not overlap can have: each
+// step takes at least four bytes of the file, or adds a byte to a packet. Tables that list few
+// bytes repeatedly can declare billions.
 inline bool PacketReader::is_overworked() const {
     constexpr int64_t kFreeSteps = 1 << 20;
     return work().unpaid > kFreeSteps + static_cast<int64_t>(work().read_end);
@@ -140,17 +140,17 @@ inline void PacketReader::count_steps(uint32_t steps) {
     work().unpaid += steps;
 }
 
-// Takes `count` more bytes into the packet, if there is room for them.
+// Adds `count` bytes to the packet. Returns false when they do not fit.
 inline bool PacketReader::extend(uint32_t count) {
-    if (count > room_) [[unlikely]]
+    if (count > space_) [[unlikely]]
         return false;
     to_ += count;
-    room_ -= count;
+    space_ -= count;
     return true;
 }
 
-// A caller seeks by positioning the hint track; the cursor follows. At the end, where no sample is
-// left to differ from, only a call of isoFFsetPosition counts.
+// Follows a caller that moved the hint track's cursor. At the end no other sample shows the move,
+// so only a call of isoFFsetPosition counts.
 inline void PacketReader::resynchronise() {
     if (hint_.sample == track_->cur_sample && track_->own->positioned == 0) [[likely]]
         return;
@@ -163,7 +163,7 @@ inline void PacketReader::resynchronise() {
     offset_ = 0;
 }
 
-// Looks at the whole hint sample, if it is short enough to be read ahead and is there.
+// Points whole_ at the hint sample, if it is short enough to be read ahead and has arrived.
 inline void PacketReader::view_sample() {
     const uint32_t size = size_at_cursor(track_);
     whole_ = from_window(track_, track_->cur_offset, size);
@@ -175,7 +175,7 @@ inline int PacketReader::take_own(uint32_t count) {
     if (offset_ + count <= whole_size_) [[likely]] {
         own_ = whole_ + offset_;
     } else {
-        whole_size_ = 0;  // reading may move what was read ahead
+        whole_size_ = 0;  // reading may move the bytes that were read ahead
         const int result = read_own(track_, hint_.sample, offset_, scratch_, count);
         if (result != 0) return result;
         own_ = scratch_;
@@ -187,18 +187,17 @@ inline int PacketReader::take_own(uint32_t count) {
 inline void PacketReader::begin_packets(uint32_t packets) {
     hint_.packets_left = static_cast<int32_t>(packets);
     if (is_begun_) [[unlikely]] {
-        is_begun_ = false;  // its time and duration are counted already
+        is_begun_ = false;  // its time and duration were counted before
         return;
     }
     hint_.timestamp = clock_to_timestamp(hint_.rtp_time) + track_->rtp_ts_offset;
     hint_.rtp_time += rtp_units(track_);
-    // Reduced by 2^32 - 1, one short of the range, and only once.
+    // Reduced by 2^32 - 1, one less than the range, and once only.
     if (hint_.rtp_time > kClockWrapsAt) hint_.rtp_time -= kClockWrap;
 }
 
-// Sees to it that the hint sample at the cursor has packets left: opens samples until one has some,
-// or there are no more. A run of empty ones that is longer than any hinter writes is taken for
-// damage, since a few bytes of tables can declare billions.
+// Opens hint samples until one has packets left, or none is left. A long run of empty samples is
+// treated as damage, because a few bytes of tables can declare billions.
 inline int PacketReader::open_sample() {
     constexpr int kMaxEmptySamples = 65536;
     if (at_end()) [[unlikely]]
@@ -206,14 +205,14 @@ inline int PacketReader::open_sample() {
     if (is_overworked()) [[unlikely]]
         return -1;
     if (hint_.packets_left != 0) return 0;
-    // isoFFfindHintTrack has the sample begun again that the cursor is inside.
+    // isoFFfindHintTrack restarts a sample that was begun.
     const uint64_t begun_at = offset_;
     is_begun_ = begun_at != 0;
     int empty = 0;
     do {
         offset_ = 0;
         view_sample();
-        // Once for each sample: a later packet of it looks at the same bytes.
+        // Once for each sample, whose later packets use the same bytes.
         if (whole_size_ != 0) track_->own->index->window.earn(whole_size_);
         const int result = take_own(kHintHeaderSize);
         if (result != 0) {
@@ -271,11 +270,11 @@ inline int PacketReader::skip_extra_information() {
 
 inline int PacketReader::copy_immediate() {
     const uint32_t count = std::min(own_[1], kMaxImmediate);
-    const uint32_t room = room_;
+    const uint32_t space = space_;
     uint8_t* to = to_;
     if (!extend(count)) return -1;
-    // All that the constructor has, where there is room: what is too much is written over.
-    if (room >= kMaxImmediate) [[likely]] {
+    // Copies all bytes of the constructor where they fit; later bytes overwrite the surplus.
+    if (space >= kMaxImmediate) [[likely]] {
         std::memcpy(to, own_ + 2, kMaxImmediate);
     } else {
         std::memcpy(to, own_ + 2, count);
@@ -283,9 +282,9 @@ inline int PacketReader::copy_immediate() {
     return 0;
 }
 
-// The bytes that a constructor names, where they were read ahead; the cursor is moved to their
-// sample. Null for what has to be read from the stream, and for all that is odd, a piece of no
-// bytes or one that is not inside its sample, which leaves the cursor alone here.
+// Returns the bytes that a constructor names, if they were read ahead, and moves the cursor to
+// their sample. Returns null if they must be read from the stream; also, without moving the cursor,
+// for no bytes and for bytes outside the sample.
 inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     const uint32_t sample = from.sample_number - 1;
     if (sample >= static_cast<uint32_t>(source->sample_count)) return nullptr;
@@ -301,7 +300,7 @@ inline const uint8_t* bytes_ahead(iso_track* source, SampleConstructor from) {
     return bytes;
 }
 
-// The long way, for what was not read ahead. 0, or the code that ends the call.
+// Copies bytes that were not read ahead. Returns 0, or the code that ends the call.
 [[gnu::noinline]] int copy_from_stream(iso_track* source, const uint8_t* constructor, uint8_t* to) {
     const SampleConstructor from = load_sample_constructor(constructor);
     if (from.sample_number > INT32_MAX) return -1;
@@ -319,7 +318,7 @@ inline int PacketReader::copy_sample() {
     if (!extend(from.length)) return -1;
     int result = 0;
     if (source == track_) [[unlikely]] {
-        whole_size_ = 0;  // its cursor and what was read ahead will move
+        whole_size_ = 0;  // its cursor and the window will move
         strayed_ = true;
         result = copy_from_stream(source, own_, to);
     } else if (const uint8_t* bytes = bytes_ahead(source, from); bytes != nullptr) [[likely]] {
@@ -340,7 +339,7 @@ inline int PacketReader::run_constructor() {
             return copy_immediate();
         case kSampleConstructor:
         case kDescriptionConstructor:
-            // A sample description constructor is served like a sample constructor: its bytes come
+            // A sample description constructor is treated as a sample constructor: its bytes come
             // from the sample of that number, not from a sample description. Kept on purpose.
             return copy_sample();
         case kNoopConstructor:
@@ -356,7 +355,8 @@ inline void PacketReader::note_read_position() {
 }
 
 inline int PacketReader::build_packet() {
-    // A later packet of the sample, or its header had to be read by itself.
+    // The first packet of the sample was built by an earlier call, or its header was read
+    // separately.
     if (whole_size_ == 0) [[unlikely]]
         view_sample();
     int result = take_own(kPacketEntrySize);
@@ -381,8 +381,8 @@ inline int PacketReader::read_packet() {
         work().unpaid -= length();
         note_read_position();
     }
-    // A constructor that copied from another of the hint track's own samples moved its cursor;
-    // were it left there, the next call would take that for a seek and could run in a circle.
+    // A constructor that copied from another sample of the hint track moved the track's cursor.
+    // Move it back, or the next call takes this for a seek and can loop.
     if (strayed_) [[unlikely]]
         move_cursor(track_, hint_.sample);
     if (result != 0) return result;

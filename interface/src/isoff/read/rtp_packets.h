@@ -7,8 +7,9 @@
 
 namespace kestrel {
 
-// The hint track that isoFFrtpHinter last attached to `media`, its cursor left alone; null without
-// one that has samples. It is looked up once: a file may have any number of tracks.
+// Returns the hint track that isoFFrtpHinter last attached to `media`, without moving its cursor;
+// null for none that has samples. The search is not repeated, because a file may have any number of
+// tracks.
 iso_track* attached_hint_track(const iso_track* media);
 
 }  // namespace kestrel

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-// The index of a track: made once by the same walk that reading takes, so that a checkpoint is what
-// a walk from the first sample would have found, whatever the tables say.
+// The index of a track. It is made by the same walk as reading, so a checkpoint is the position
+// that a walk from the first sample finds, whatever the tables say.
 
 namespace kestrel {
 namespace {
@@ -21,7 +21,7 @@ uint32_t samples_at_once(const iso_track* track, uint32_t wanted) {
     return std::min(wanted, left);
 }
 
-// The most steps that a walk over the whole track takes. Of constant sizes each but the last
+// Limit of the steps of a walk over the whole track. With a constant size each step but the last
 // enters another chunk.
 size_t most_steps(const iso_track* track) {
     const auto samples = static_cast<size_t>(track->sample_count);
@@ -48,7 +48,7 @@ bool make_checkpoints(iso_track* track, iso_index* index) {
     return true;
 }
 
-// The first entry of a time table that stands for a sample; the end of the table without one.
+// Returns the first entry of a time table that stands for a sample; the end of the table for none.
 template <typename Entry>
 int32_t first_in_force(const Entry* entries, int32_t count) {
     int32_t index = 0;
@@ -57,7 +57,7 @@ int32_t first_in_force(const Entry* entries, int32_t count) {
     return index;
 }
 
-// How many samples lie before each entry of a time table.
+// Counts the samples before each entry of a time table.
 template <typename Entry>
 bool count_samples(iso_track* track, const Entry* entries, int32_t count, uint32_t*& before) {
     before = arena_array<uint32_t>(track->file, static_cast<size_t>(count));

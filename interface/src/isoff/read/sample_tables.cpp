@@ -6,8 +6,7 @@
 #include "interface/src/isoff/read/sample_index.h"
 #include "interface/src/isoff/read/sample_tables.h"
 
-// The sample table boxes (ISO/IEC 14496-12, 8.6 to 8.9) and the check that brings them into
-// agreement with each other.
+// The sample table boxes (ISO/IEC 14496-12, 8.6 to 8.9), and the check of one against the other.
 
 namespace kestrel {
 namespace {
@@ -22,8 +21,8 @@ enum TableBit : uint32_t {
     kSgpd = 64,
 };
 
-// Passes over version and flags, and refuses the second table of a kind in one track. Null when
-// the table is not to be read; a table outside any track is of no interest.
+// Skips version and flags, and refuses a second table of a kind in one track. Returns null when the
+// table is not to be read; a table outside any track is ignored.
 iso_track* begin_table(BoxReader& box, TableBit bit, const char* refusal, int& result) {
     result = 0;
     iso_track* track = box.track();
@@ -38,8 +37,8 @@ iso_track* begin_table(BoxReader& box, TableBit bit, const char* refusal, int& r
     return track;
 }
 
-// Reads an entry count and takes an array for so many entries; null, and no memory taken, when the
-// box does not hold them, `stored` bytes each.
+// Reads an entry count and allocates an array of so many entries. Returns null, without allocating,
+// if the box does not hold them; `stored` is the size of one in the file.
 template <typename Entry>
 Entry* take_entries(BoxReader& box, uint32_t stored, int32_t& count) {
     count = 0;
@@ -50,7 +49,7 @@ Entry* take_entries(BoxReader& box, uint32_t stored, int32_t& count) {
     return entries;
 }
 
-// Reads a table of such entries with its count.
+// Reads an entry count and the entries.
 template <typename Entry>
 Entry* read_entries(BoxReader& box, int32_t& count) {
     auto* entries = take_entries<Entry>(box, bytes_of<Entry>(), count);
@@ -60,7 +59,7 @@ Entry* read_entries(BoxReader& box, int32_t& count) {
     return entries;
 }
 
-// Samples that a time table declares.
+// Number of samples that a time table declares.
 template <typename Entry>
 uint64_t declared_samples(const Entry* entries, int32_t count) {
     uint64_t sum = 0;
@@ -69,7 +68,7 @@ uint64_t declared_samples(const Entry* entries, int32_t count) {
     return sum;
 }
 
-// The `end` of a chunk of `bytes` bytes; file offsets stop at 32 bits.
+// The end of a chunk of `bytes` bytes. File offsets have 32 bits.
 uint32_t chunk_end(uint32_t start, uint64_t bytes) {
     return static_cast<uint32_t>(std::min<uint64_t>(start + bytes, UINT32_MAX));
 }
@@ -88,13 +87,13 @@ bool times_agree(const iso_track* track) {
     return true;
 }
 
-// How many samples each chunk holds, chunk by chunk. The first-chunk numbers of the entries are
-// used for their differences only.
+// The number of samples of each chunk, in order. Only differences of the first-chunk numbers are
+// used.
 class ChunkRuns {
   public:
     explicit ChunkRuns(const iso_track* track) : track_(track) {}
 
-    // Moves to the next chunk. The last entry stays in force.
+    // Moves to the next chunk. The last entry holds for all further chunks.
     void next_chunk() {
         if (--run_ >= 1) return;
         if (has_next()) ++entry_;

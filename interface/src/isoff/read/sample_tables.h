@@ -7,8 +7,8 @@
 
 namespace kestrel {
 
-// Brings a track's tables into agreement when its `stbl` has been read: fills the chunk ends, sets
-// the cursor to the first sample. 0, or -1 when the tables cannot be used.
+// Checks a track's tables against each other when its `stbl` has been read: fills the chunk ends
+// and moves the cursor to the first sample. Returns 0, or -1 when the tables cannot be used.
 int check_tables(iso_track* track);
 
 }  // namespace kestrel

@@ -6,18 +6,17 @@
 #include "interface/src/isoff/read/track_state.h"
 #include "kestrel/kstutil.h"
 
-// Reading samples: the cursor walk over the tables, and access by cursor and by number.
+// Reading samples, at the cursor and by number.
 
 namespace kestrel {
 namespace {
 
-// A position in a time table: an entry, and how many of its samples lie in front.
+// A position in a time table: an entry, and the number of its samples before the position.
 struct TimeCursor {
     int32_t& index;
     int32_t& in_entry;
 
-    // Moves from `from` samples into the table to `to`. `before` is the number of samples in
-    // front of each entry.
+    // Moves from sample `from` to sample `to`. `before` is the number of samples before each entry.
     template <typename Entry>
     void move(const Entry* entries, int32_t count, const uint32_t* before, int32_t from,
               int32_t to) const {
@@ -29,8 +28,8 @@ struct TimeCursor {
                 return;
             }
         }
-        // The last entry that begins at the sample or before it; so never one that stands for no
-        // sample. After the last sample of the table, its end.
+        // The last entry that begins at or before the sample is not an empty one. After the last
+        // sample it is the end of the table.
         const uint32_t* after =
             std::upper_bound(before + 1, before + count, static_cast<uint32_t>(to));
         index = static_cast<int32_t>(after - before) - 1;
@@ -41,7 +40,7 @@ struct TimeCursor {
     }
 };
 
-// Stores the times of the sample at the cursor, in seconds, where they are wanted.
+// Stores the times of the sample at the cursor, in seconds, in those that are not null.
 void store_times(const iso_track* track, double* duration, double* cts_offset) {
     if (duration != nullptr) *duration = seconds(duration_at_cursor(track), track->timescale);
     if (cts_offset == nullptr) return;
@@ -50,11 +49,11 @@ void store_times(const iso_track* track, double* duration, double* cts_offset) {
         has_entry ? seconds(track->ctts[track->ctts_index].offset, track->timescale) : 0.0;
 }
 
-// Reads at a file offset in the way that the host asked for. `failed` reports a stream failure; the
-// result is the number of bytes read, never more than were asked for.
+// Reads at a file offset with the slots for a complete or an arriving file. Returns the number of
+// bytes read, at most `length`; sets `failed` when the stream fails.
 uint32_t read_at(iso_file* file, uint32_t offset, void* buffer, uint32_t length, bool& failed) {
     uint32_t got = 0;
-    std::memset(buffer, 0, length);  // a host may claim bytes that it did not write
+    std::memset(buffer, 0, length);  // a host may report bytes that it did not write
     if (file->indexed_read) {
         failed = kstutil_indexread(file->stream, buffer, offset, length, &got) != 0;
     } else {
@@ -65,7 +64,7 @@ uint32_t read_at(iso_file* file, uint32_t offset, void* buffer, uint32_t length,
     return failed ? 0 : std::min(got, length);
 }
 
-// Bytes of the track's data from `offset` to the end of the chunk at the cursor.
+// Returns the bytes of the track's data from `offset` to the end of the chunk at the cursor.
 uint32_t bytes_to_chunk_end(const iso_track* track, uint32_t offset) {
     if (track->cur_chunk >= track->chunk_count) return 0;
     const uint32_t end = track->chunks[track->cur_chunk].end;
@@ -91,8 +90,8 @@ uint32_t read_sample_bytes(iso_track* track, uint32_t offset, void* buffer, uint
     return got;
 }
 
-// How many of the next samples lie after the one at hand in its chunk: of `most`, and as far as it
-// is worth looking.
+// Returns how many samples follow the current one in its chunk: at most `most`, and no more than
+// kFarEnough.
 uint32_t next_in_chunk(const iso_track* track, uint32_t most) {
     constexpr uint32_t kFarEnough = 64;
     if (track->cur_chunk >= track->chunk_count) return 0;
@@ -139,8 +138,8 @@ const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
     ReadWindow& window = track->own->index->window;
     const uint32_t ahead = std::min(bytes_to_chunk_end(track, offset), ReadWindow::kRoom);
     if (ahead <= length) return nullptr;
-    // Who jumps about is not served ahead, before a second piece follows the first or the beginning
-    // of a chunk; the bytes that a packet has in place of those in the file may lie between them.
+    // No reading ahead for a caller that jumps: a second piece must follow the first one or the
+    // beginning of a chunk, except for bytes that a packet replaces by its own.
     constexpr uint32_t kGap = 64;
     const bool goes_on = offset - window.start <= window.length + kGap ||
                          offset - track->chunks[track->cur_chunk].start <= kGap;
@@ -231,7 +230,7 @@ int isoFFreadAt(iso_track* track, int sample, int offset, void* buffer, unsigned
     const uint32_t from = saturating_add(track->cur_offset, static_cast<uint32_t>(offset));
     bool failed = false;
     const uint32_t got = read_sample_bytes(track, from, buffer, wanted, failed);
-    // Only the positioned read's failure is reported; that of a seek or a plain read shows as 0
+    // A failure of the positioned read is reported; a failure of a seek or plain read returns 0
     // bytes.
     if (failed && track->file->indexed_read) return -2;
     store_times(track, duration, cts_offset);
@@ -285,8 +284,8 @@ namespace {
 
 constexpr uint32_t kNoMoreSamples = 0xFFFFFFFF;
 
-// The tracks with the lowest and the second lowest file position; null where there is none. Of
-// equals, the earlier in the list comes first.
+// The tracks with the lowest and second lowest file position; null for none. Of equals the earlier
+// one in the list is first.
 struct LowestTwo {
     iso_track* first = nullptr;
     iso_track* second = nullptr;
@@ -334,8 +333,8 @@ double isoFFgetInterleave(iso_file* file) {
     int tracks = 0;
     if (isoFFfileInfo(file, &tracks, nullptr, nullptr) != 0 || tracks == 0) return 0.0;
     if (file->write_mode) return 0.0;
-    // The walk moves on copies of the tracks, so that the tracks' own cursors stay where they are.
-    // Of the private records, which are shared, it only forgets what is known to lie ahead.
+    // The walk moves copies of the tracks, so that the cursors of the tracks stay. It clears
+    // next_alike in the private records, which the copies share.
     auto* cursors =
         static_cast<iso_track*>(systemmalloc(static_cast<size_t>(tracks) * sizeof(iso_track)));
     if (cursors == nullptr) return -1.0;
@@ -344,7 +343,7 @@ double isoFFgetInterleave(iso_file* file) {
         *cursor = *track;
         rewind_cursor(cursor++);
     }
-    // Tables whose samples lie on top of each other can declare any number of turns.
+    // Tables with overlapping samples can cause any number of turns.
     constexpr int kMaxVisits = 1 << 22;
     double longest = 0.0;
     for (int turns = kMaxVisits / tracks; turns > 0; --turns) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where reading a track stands, so that what could not be read whole can be read again.
+// The reading position of a track, for reading again what could not be read whole.
 #ifndef KESTREL_ISOFF_TRACK_STATE_H
 #define KESTREL_ISOFF_TRACK_STATE_H
 
@@ -7,8 +7,8 @@
 
 namespace kestrel {
 
-// Whether the piece of a sample that could not be read last has arrived, judged by its last byte;
-// true where none is missing.
+// Whether the piece of a sample that could not be read has arrived, judged by its last byte; true
+// for none.
 bool missing_has_arrived(iso_file* file);
 
 // The cursor of a track and, of a hint track, of its packets.

@@ -6,8 +6,8 @@
 
 #include "interface/src/isoff/record/record.h"
 
-// Memory of the ISO reader. All that hangs from an open file comes from an arena of large blocks
-// that is released as a whole.
+// Memory of the ISO reader. All memory of an open file comes from an arena of large blocks, which
+// is released as a whole.
 
 extern "C" {
 int32_t malloccount = 0;
@@ -20,11 +20,11 @@ constexpr size_t kGrain = 8;
 constexpr size_t kAllocationHeader = 8;
 constexpr size_t kBlockHeader = 8;  // the first word chains the blocks
 constexpr size_t kBlockSize = 2048000;
-constexpr size_t kOwnBlockFrom = 2047993;  // a need from here on gets a block of its own size
+constexpr size_t kOwnBlockFrom = 2047993;  // a need of this size or more gets its own block
 
 static_assert(sizeof(void*) <= kBlockHeader);
 
-// The counters are plain integers to the host, and count for every thread.
+// The counters are plain integers for the host. Atomic access makes them count for all threads.
 void count_one(int32_t& counter) {
     std::atomic_ref(counter).fetch_add(1, std::memory_order_relaxed);
 }
@@ -39,8 +39,8 @@ void* next_block(const void* block) {
     return next;
 }
 
-// Adds a block with space for `rounded` bytes. The records call an arena block a chunk; it has
-// nothing to do with the chunks of a track.
+// Adds a block with `rounded` free bytes. In the records an arena block is called a chunk; it is
+// unrelated to the chunks of a track.
 bool getChunk(iso_file* file, size_t rounded) {
     const size_t size = rounded + kAllocationHeader >= kOwnBlockFrom
                             ? rounded + kAllocationHeader + kBlockHeader

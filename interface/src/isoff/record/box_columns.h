@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The columns of the boxes that are read and written alike, in file order (ISO/IEC 14496-12; 3GPP
-// TS 26.244, clause 6, for `damr` and `d263`).
+// The columns of the boxes that are both read and written, in file order (ISO/IEC 14496-12; 3GPP TS
+// 26.244, clause 6, for `damr` and `d263`).
 //
-// `f` is a reader, which stores each column where it belongs, or a writer, which puts it into the
-// box. What is constant or reserved is put by a writer and passed over by a reader. Version and
-// flags, and the entry count of a table, stand before the columns.
+// `f` is a reader, which stores each column, or a writer, which puts it. A writer puts constant and
+// reserved columns; a reader skips them. Version and flags, and the entry count of a table, come
+// before the columns.
 #ifndef KESTREL_ISOFF_BOX_COLUMNS_H
 #define KESTREL_ISOFF_BOX_COLUMNS_H
 
@@ -57,7 +57,7 @@ void columns(F& f, OneOf<iso_sbgp_entry> auto& entry) {
     f.u32(entry.group_description_index);
 }
 
-// In version 0 of `elst` times have 32 bits, in version 1 they are `wide`.
+// Times have 32 bits in version 0 of `elst`; they are `wide` in version 1.
 template <class F>
 void columns(F& f, OneOf<iso_elst_entry> auto& edit, bool wide) {
     f.time(edit.segment_duration, wide);
@@ -65,7 +65,7 @@ void columns(F& f, OneOf<iso_elst_entry> auto& edit, bool wide) {
     f.u32(edit.media_rate);
 }
 
-// Counts bytes where a reader or writer would move them.
+// Counts the bytes of columns.
 class ColumnCounter {
   public:
     uint32_t bytes = 0;
@@ -97,7 +97,7 @@ void mvhd_times(F& f, OneOf<iso_file> auto& file) {
     f.u32(file.duration);
 }
 
-// What follows the times, in every version.
+// The fields after the times, in all versions.
 template <class F>
 void mvhd_rest(F& f, OneOf<iso_file> auto& file) {
     constexpr uint32_t kFullVolume = 0x0100;  // 8.8
@@ -155,7 +155,7 @@ void hdlr_columns(F& f, OneOf<iso_track> auto& track) {
 
 // --- boxes without version and flags ---
 
-// What `damr`, `dawp` and `d263` begin with.
+// The first fields of `damr`, `dawp` and `d263`.
 template <class F>
 void vendor_columns(F& f, OneOf<iso_track> auto& track) {
     f.id(track.vendor);

@@ -4,8 +4,8 @@
 
 #include "kestrel/isoff.h"
 
-// The public records begin with fields whose places on the 32-bit target are part of the contract
-// with hosts; what the library adds comes after them.
+// The offsets of the first fields of the public records are fixed on the 32-bit target, because
+// hosts rely on them. The library's own fields come after these.
 
 namespace kestrel {
 namespace {
@@ -169,7 +169,7 @@ constexpr Place kHintFields[] = {
 static_assert(are_in_place(kFileFields));
 static_assert(are_in_place(kTrackFields));
 static_assert(are_in_place(kHintFields));
-// Nothing follows the pointer to what is ours.
+// The pointer to the private record is last.
 static_assert(sizeof(iso_file) == offsetof(iso_file, own) + sizeof(void*));
 static_assert(sizeof(void*) != 4 || sizeof(iso_track) == offsetof(iso_track, own) + sizeof(void*));
 

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The destination of the box writers. Each box is described once: the same lines measure it and
-// write it.
+// The destination of the box writers. The same code measures a box and writes it.
 #ifndef KESTREL_ISOFF_BOX_WRITER_H
 #define KESTREL_ISOFF_BOX_WRITER_H
 
@@ -41,7 +40,7 @@ class BoxWriter : public ByteWriter {
         });
     }
 
-    // Puts four characters; a shorter code, as of a record that was never filled, ends in zeros.
+    // Puts four characters. Zeros fill a shorter code, such as one of a new record.
     void id(const char* code) {
         const size_t length = strnlen(code, 4);
         bytes(code, length);

@@ -7,8 +7,8 @@
 #include "interface/src/isoff/write/copied_boxes.h"
 #include "interface/src/isoff/write/writer.h"
 
-// The boxes of the file, of the movie, of a track and of its media (ISO/IEC 14496-12), but for
-// those of `stbl`.
+// The boxes of the file, of the movie, of a track and of its media (ISO/IEC 14496-12), except those
+// of `stbl`.
 
 namespace kestrel {
 namespace {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The box writers. Each puts the box that the record describes and returns the size of the box; 0
-// for none. The writer carries the pass and the destination.
+// The box writers. Each puts the box of a record and returns its size, 0 for none. `out` carries
+// the pass and the destination.
 #ifndef KESTREL_ISOFF_WRITE_BOXES_H
 #define KESTREL_ISOFF_WRITE_BOXES_H
 

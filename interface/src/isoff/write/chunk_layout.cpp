@@ -6,7 +6,7 @@
 namespace kestrel {
 namespace {
 
-// The next samples of a track that are not yet in a chunk.
+// The samples of a track that are not in a chunk yet.
 struct Queue {
     iso_track* track;
     SampleWalk next;
@@ -15,9 +15,9 @@ struct Queue {
 
     uint64_t timescale() const { return std::max<uint32_t>(track->timescale, 1); }
 
-    // Whether the other's samples come first: it is less far on, or as far and earlier in the list.
-    // In whole numbers, so that every machine lays a file out the same way; times and timescales
-    // have 32 bits each.
+    // Whether the samples of `other` come first: those with the lower time, or with the same time
+    // and the earlier track. Computed in whole numbers, so that files are equal on all machines;
+    // times and timescales have 32 bits each.
     bool operator<(const Queue& other) const {
         const uint64_t own = time * other.timescale();
         const uint64_t others = other.time * timescale();
@@ -25,7 +25,7 @@ struct Queue {
     }
 };
 
-// Takes samples into a chunk as long as its span allows, at least one; returns their bytes.
+// Adds samples to the last chunk while its span allows, at least one. Returns their bytes.
 uint64_t fill_run(Queue& queue) {
     uint64_t bytes = 0;
     uint64_t units = 0;
@@ -63,7 +63,7 @@ bool span_allows(const iso_track* track, uint64_t units, uint64_t more) {
 }
 
 std::optional<uint64_t> lay_out_chunks(iso_file* file) {
-    std::priority_queue<Queue> queues;  // its top is the one whose samples come next
+    std::priority_queue<Queue> queues;  // its top has the next samples
     size_t number = 0;
     for (iso_track* track = file->first_track; track != nullptr; track = track->next) {
         const SampleWalk first(track);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which samples stand together in a chunk, and where the chunks stand.
+// Which samples form a chunk, and where the chunks are.
 #ifndef KESTREL_ISOFF_CHUNK_LAYOUT_H
 #define KESTREL_ISOFF_CHUNK_LAYOUT_H
 
@@ -10,18 +10,17 @@
 
 namespace kestrel {
 
-// Begins a chunk of a track; false without memory.
+// Begins a chunk of a track. Returns false without memory.
 bool begin_run(iso_track* track, uint32_t start, uint32_t description);
 
-// Whether a chunk of `units` may take `more` units without running longer than the file's span.
+// Whether a chunk of `units` plus `more` units is within the interleave span of the file.
 bool span_allows(const iso_track* track, uint64_t units, uint64_t more);
 
-// Lays the samples of all tracks out in chunks, one after the other in the order of their times.
-// Returns the media bytes; nothing without memory. More than 32 bits may declare are laid out no
-// further.
+// Places the samples of all tracks in chunks, in the order of their times. Returns the media bytes,
+// or nothing without memory. Stops after 4 GiB.
 std::optional<uint64_t> lay_out_chunks(iso_file* file);
 
-// The chunks that were laid out, in the order of the file.
+// The chunks in the order of the file.
 class ChunkOrder {
   public:
     explicit ChunkOrder(const iso_file* file);
@@ -46,7 +45,7 @@ class ChunkOrder {
             return same ? number > other.number : run->start > other.run->start;
         }
     };
-    std::priority_queue<Position> tracks_;  // its top is the one whose chunk comes next
+    std::priority_queue<Position> tracks_;  // its top has the next chunk
 };
 
 }  // namespace kestrel

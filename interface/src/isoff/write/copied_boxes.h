@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a track that is copied from another file brings along.
+// Boxes and facts of a track that is copied from another file.
 #ifndef KESTREL_ISOFF_COPIED_BOXES_H
 #define KESTREL_ISOFF_COPIED_BOXES_H
 
@@ -10,14 +10,14 @@
 
 namespace kestrel {
 
-// Tracks that a track refers to, for one purpose (ISO/IEC 14496-12, 8.3.3).
+// The tracks that a track refers to for one purpose (ISO/IEC 14496-12, 8.3.3).
 struct CopiedReference {
     uint32_t type;  // a four-character code
     std::vector<uint32_t> track_ids;
 };
 
-// A name of the handler, and whole boxes, each written as it is where it is not empty, in place of
-// what the track's fields declare.
+// Replace what the fields of a track declare: the handler's name, and whole boxes. Boxes are
+// written as they are; empty ones replace nothing.
 struct CopiedBoxes {
     std::string_view name;
     std::vector<std::span<const uint8_t>> sample_entries;  // their data reference becomes the first

@@ -16,8 +16,8 @@ struct PictureFormat {
     uint32_t timescale;
 };
 
-// A track that keeps its configuration; null where that cannot be. `entry_bytes` are those of the
-// entry without it.
+// Adds a track with a configuration; null on failure. `entry_bytes` is the size of the sample entry
+// without the configuration.
 iso_track* configured_track(iso_file* file, int32_t codec, const void* config, unsigned length,
                             const PictureFormat& picture, uint32_t entry_bytes) {
     if (config == nullptr || length < 1 || length > INT_MAX) return nullptr;

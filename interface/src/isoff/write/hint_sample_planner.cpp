@@ -61,7 +61,7 @@ struct SpeechFrame {
     uint8_t header;
 };
 
-// The frames of a sample; false when they do not fill it.
+// Returns the frames of a sample; false when they do not fill it exactly.
 bool find_frames(std::span<const uint8_t> sample, bool wide_band,
                  std::vector<SpeechFrame>& frames) {
     for (size_t at = 0; at < sample.size();) {
@@ -76,7 +76,7 @@ bool find_frames(std::span<const uint8_t> sample, bool wide_band,
     return true;
 }
 
-// One packet: mode request, table of contents, speech (RFC 4867, 4.4).
+// Adds one packet: codec mode request, table of contents, speech (RFC 4867, 4.4).
 void add_speech_packet(std::span<const SpeechFrame> frames, int32_t time, HintPackets& packets) {
     constexpr uint8_t kNoModeRequest = 0xF0;
     constexpr uint8_t kMoreFollow = 0x80, kTypeAndQuality = 0x7C;
@@ -92,7 +92,7 @@ void add_speech_packet(std::span<const SpeechFrame> frames, int32_t time, HintPa
         packets.add_range(frame.offset + 1, frame.speech);
 }
 
-// How many of the frames a packet takes.
+// Returns how many of the frames fit in a packet.
 size_t frames_that_fit(std::span<const SpeechFrame> frames, size_t max_packet) {
     size_t size = kRtpHeaderSize + 1;
     size_t count = 0;
@@ -128,7 +128,7 @@ void put_range(std::vector<uint8_t>& out, const SampleRange& range, uint32_t med
         {kHintedTrack, static_cast<uint16_t>(range.length), media_sample, range.offset});
 }
 
-// The extra information that moves a packet's timestamp (9.1.3.1, "rtpo").
+// Appends the extra information that offsets a packet's timestamp (9.1.3.1, "rtpo").
 void put_time_offset(std::vector<uint8_t>& out, uint32_t offset) {
     constexpr uint32_t kBox = 12, kAll = 4 + kBox;
     append_be(out, kAll, 4);
@@ -140,7 +140,7 @@ void put_time_offset(std::vector<uint8_t>& out, uint32_t offset) {
 void put_packet(std::vector<uint8_t>& out, const HintPacket& packet, const HintSampleFacts& facts,
                 uint16_t sequence) {
     constexpr uint8_t kVersion2 = 0x80, kMarker = 0x80;
-    append_be(out, 0, 4);  // sent when the sample's time has come
+    append_be(out, 0, 4);  // relative time: sent at the time of the sample
     append_be(out, kVersion2, 1);
     append_be(out, (packet.marker ? kMarker : 0U) | facts.payload_type, 1);
     append_be(out, sequence, 2);
@@ -172,7 +172,7 @@ bool packets_of_speech(std::span<const uint8_t> sample, bool wide_band, size_t m
 
 bool packets_of_picture(std::span<const uint8_t> sample, VideoPayload kind, size_t max_packet,
                         uint32_t& source_format, HintPackets& packets) {
-    if (sample.empty()) return true;  // a picture that was left out has no header either
+    if (sample.empty()) return true;  // a skipped picture has no header either
     VideoPackets plan(kind, sample, static_cast<int32_t>(max_packet - kRtpHeaderSize));
     if (!plan.begin(source_format)) return false;
     while (!plan.at_end()) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the bytes of a media sample are laid out over RTP packets, and the hint sample that describes
-// it.
+// Planning how the bytes of a media sample are put into RTP packets, and making the hint sample
+// that describes the packets.
 #ifndef KESTREL_INTERFACE_HINT_PACKETS_H
 #define KESTREL_INTERFACE_HINT_PACKETS_H
 
@@ -17,10 +17,10 @@ namespace kestrel {
 struct SampleRange {
     uint32_t offset;
     uint32_t length;
-    uint32_t sample = 0;  // counted from the first one that the hint sample stands for
+    uint32_t sample = 0;  // counted from the first one of the hint sample
 };
 
-// A packet: bytes that the hint sample holds itself, then ranges of the media sample.
+// A packet: bytes of its own, which the hint sample holds, then ranges of the media sample.
 struct HintPacket {
     bool marker = false;
     int32_t time_offset = 0;  // of its timestamp from that of the hint sample, RTP units
@@ -30,10 +30,10 @@ struct HintPacket {
     size_t size() const;  // RTP header included
 };
 
-// A hint sample counts its packets in 16 bits; a sample that makes more is not laid out to its end.
+// A hint sample counts its packets in 16 bits. Planning stops after more.
 inline constexpr size_t kMaxHintPackets = UINT16_MAX;
 
-// The packets of a media sample, in order. The memory stays for the next sample.
+// The packets of a media sample, in order. clear() keeps the memory.
 class HintPackets {
   public:
     size_t size() const { return packets_.size(); }
@@ -42,7 +42,7 @@ class HintPackets {
 
     void clear();
     void begin_packet(int32_t time_offset = 0);
-    // Add to the packet that was begun last: its own bytes, then its ranges.
+    // Add to the last packet: its own bytes first, then its ranges.
     void add_own(std::span<const uint8_t> bytes);
     void add_range(size_t offset, size_t length, uint32_t sample = 0);
     void set_marker() { packets_.back().marker = true; }
@@ -60,8 +60,8 @@ class HintPackets {
     std::vector<SampleRange> ranges_;
 };
 
-// Each lays a sample out over packets of at most `max_packet` bytes, which it adds to `packets`;
-// false when that cannot be.
+// Each splits a sample into packets of at most `max_packet` bytes and adds them to `packets`.
+// Returns false when the sample cannot be split.
 
 // RFC 4867, octet-aligned: the frames of the storage format, `frame_time` RTP units each.
 bool packets_of_speech(std::span<const uint8_t> sample, bool wide_band, size_t max_packet,
@@ -75,15 +75,15 @@ bool packets_of_picture(std::span<const uint8_t> sample, VideoPayload kind, size
 bool packets_of_units(std::span<const uint8_t> sample, int length_size, size_t max_packet,
                       HintPackets& packets);
 
-// What is the same for the packets of a hint sample.
+// Facts that all packets of a hint sample share.
 struct HintSampleFacts {
     uint8_t payload_type;
     uint16_t sequence;      // of the first packet
     uint32_t media_sample;  // the first one; counts from 1
 };
 
-// Makes the hint sample (ISO/IEC 14496-12, 9.1.3) of the packets in `sample`; false when it cannot
-// hold them.
+// Makes the hint sample (ISO/IEC 14496-12, 9.1.3) of the packets in `sample`. Returns false when it
+// cannot hold them.
 bool make_hint_sample(const HintPackets& packets, const HintSampleFacts& facts,
                       std::vector<uint8_t>& sample);
 

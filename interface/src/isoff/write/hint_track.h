@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The hint samples of a hint track that is being written, one after the other.
+// Making the hint samples of a hint track in order.
 #ifndef KESTREL_ISOFF_HINT_TRACK_H
 #define KESTREL_ISOFF_HINT_TRACK_H
 
@@ -12,22 +12,22 @@
 
 namespace kestrel {
 
-// A hint sample: what it describes, and its bytes.
+// The packets of a hint sample, and its bytes.
 struct HintSample {
     HintPackets packets;
     std::vector<uint8_t> bytes;
 };
 
-// Makes the hint sample of the next sample of the media track. 0, or an error of isoFFwriteHint.
-// May throw std::bad_alloc.
+// Makes the hint sample of the next media sample. Returns 0, or an error of isoFFwriteHint. May
+// throw std::bad_alloc.
 int make_next_hint(iso_track* hint, std::span<const uint8_t> sample, int32_t cts_offset,
                    HintSample& made);
 
-// The same for packets that are known: those in `made`.
+// Makes the hint sample of the packets in `made`. Returns as above.
 int make_hint_of_packets(iso_track* hint, int32_t cts_offset, HintSample& made);
 
-// Counts the sample that was made last, which stands for `samples` media samples, and goes on to
-// the next. `duration` in track units.
+// Counts the hint sample that was made last, which covers `samples` media samples, and moves to the
+// next one. `duration` is in track units.
 void count_hint(iso_track* hint, const HintSample& made, uint32_t duration, uint32_t samples = 1);
 
 }  // namespace kestrel

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Media data on its way to the stream.
+// Output of media data.
 #ifndef KESTREL_ISOFF_MEDIA_OUTPUT_H
 #define KESTREL_ISOFF_MEDIA_OUTPUT_H
 
@@ -10,14 +10,14 @@
 
 namespace kestrel {
 
-// Collects small pieces, so that the stream gets large ones.
+// Collects small pieces and writes large ones to the stream.
 class MediaOutput {
   public:
     explicit MediaOutput(iso_file* file) : file_(file) { waiting_.reserve(kPiece); }
 
-    // False when the stream failed or took fewer bytes.
+    // Returns false when the stream failed or took fewer bytes.
     bool write(std::span<const uint8_t> bytes);
-    // Hands on what is left.
+    // Writes the collected bytes.
     bool flush();
 
   private:

@@ -22,7 +22,7 @@ struct SentSample {
 
 }  // namespace kestrel
 
-// What a hint track that is being written knows of its media track. Lives in the arena.
+// State of a hint track that is being written, with its media track. In the arena.
 struct iso_hinter {
     iso_track* media;
     kestrel::VideoPayload payload;
@@ -31,7 +31,7 @@ struct iso_hinter {
     uint16_t sequence;       // of the next packet
     uint64_t media_time;     // of the next sample, track units
     uint64_t packets, bytes;
-    // Samples of the last second, for the highest bit rate; and records for those to come.
+    // Samples of the last second, for the highest bit rate, and unused records.
     kestrel::SentSample* first_sent;
     kestrel::SentSample* last_sent;
     kestrel::SentSample* spare;
@@ -98,8 +98,8 @@ std::string base64(std::span<const uint8_t> bytes) {
     return text;
 }
 
-// The parameter sets of an `avcC` record, separated by commas (RFC 6184, 8.1); nothing where all of
-// them are in the stream.
+// Returns the parameter sets of an `avcC` record, separated by commas (RFC 6184, 8.1); nothing when
+// the record has none.
 std::string sprop_parameter_sets(const iso_track* media) {
     constexpr size_t kFixedPart = 5;
     ByteReader reader({media->dsi, media->dsi_length});
@@ -159,7 +159,7 @@ bool keep_sdp(iso_track* hint, const std::string& text) {
 
 // --- times ---
 
-// From track units to RTP units, rounded.
+// Converts track units to RTP units, rounded.
 int64_t rtp_units(int64_t units, const iso_track* hint) {
     const int64_t scaled = units * hint->rtp_timescale;
     const int64_t half = hint->timescale / 2;
@@ -200,8 +200,8 @@ uint32_t bits_per_second(uint64_t bytes, uint64_t units, uint32_t timescale) {
     return static_cast<uint32_t>(std::min(rate, static_cast<double>(UINT32_MAX)));
 }
 
-// Has a record for the next sample, in place of that of one which is a second old, so that they do
-// not pile up in the arena. False without memory.
+// Makes a record for the next sample available. Records older than a second are used again, so that
+// the arena does not grow. Returns false without memory.
 bool have_record(iso_track* hint) {
     iso_hinter* hinter = hint->own->hinter;
     while (hinter->first_sent != nullptr &&
@@ -216,7 +216,7 @@ bool have_record(iso_track* hint) {
     return hinter->spare != nullptr;
 }
 
-// Counts a sample of which the packets have `bytes` into the rates.
+// Adds a sample whose packets have `bytes` bytes to the rates.
 void count_rates(iso_track* hint, uint64_t bytes, uint32_t duration) {
     iso_hinter* hinter = hint->own->hinter;
     SentSample* sent = hinter->spare;
@@ -244,7 +244,7 @@ void count_packets(iso_track* hint, const HintPackets& packets) {
 }
 
 void describe_hint_track(iso_track* hint, iso_track* media, int max_packet, int payload_type) {
-    constexpr uint32_t kEnabled = 1;  // and no part of what is shown
+    constexpr uint32_t kEnabled = 1;  // not in the movie or its preview
     std::memcpy(hint->handler, "hint", sizeof hint->handler);
     hint->own->header_flags = kEnabled;
     hint->hint_track_ref = media->track_id;
@@ -272,9 +272,10 @@ int make_next_hint(iso_track* hint, std::span<const uint8_t> sample, int32_t cts
 
 int make_hint_of_packets(iso_track* hint, int32_t cts_offset, HintSample& made) {
     const iso_hinter* hinter = hint->own->hinter;
-    // A hint sample without packets would hold the clock; one of an empty sample has an empty one.
+    // A hint sample without packets would stop the clock; an empty media sample gets one empty
+    // packet.
     if (made.packets.empty()) made.packets.begin_packet();
-    // Both ends are rounded, as the decode times are, so that the sum is the rounded time.
+    // Both times are rounded, like the decode times, so that their sum is the rounded time.
     const auto begin = static_cast<int64_t>(hinter->media_time);
     const int64_t composition = rtp_units(begin + cts_offset, hint) - rtp_units(begin, hint);
     if (composition < INT32_MIN || composition > INT32_MAX) return kTooLong;

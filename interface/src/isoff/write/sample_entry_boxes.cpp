@@ -55,8 +55,8 @@ uint64_t write_esds(BoxWriter& out, const iso_track* track) {
 
 // --- sample entries ---
 
-// Puts a sample entry: what all begin with, and then the rest of the entry that was read. For a
-// track without one, `body()` puts the rest from the fields.
+// Puts a sample entry: the fields that all entries begin with, then the rest of the entry that was
+// read. Without one, `body()` puts the rest from the fields of the track.
 template <typename Body>
 uint64_t put_entry(BoxWriter& out, uint32_t type, const iso_track* track, Body body) {
     constexpr uint32_t kReserved = 6, kCommonPart = 8;

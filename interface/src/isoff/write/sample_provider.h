@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Samples of a track that is being written, wherever they are kept.
+// Samples of a track that is being written, queued or provided by the caller.
 #ifndef KESTREL_ISOFF_SAMPLE_PROVIDER_H
 #define KESTREL_ISOFF_SAMPLE_PROVIDER_H
 
@@ -11,7 +11,7 @@ namespace kestrel {
 
 class MediaOutput;
 
-// What the tables of a file declare about a sample.
+// The facts of a sample that the tables declare.
 struct SampleFigures {
     uint32_t size = 0;         // bytes
     uint32_t duration = 0;     // track units
@@ -19,25 +19,26 @@ struct SampleFigures {
     uint32_t description = 1;  // sample entry, from 1
 };
 
-// The samples of a track whose caller keeps them itself instead of queueing them: their figures at
-// any time, their bytes once, in order, when the file is written. Sample numbers count from 0.
+// Provides the samples of a track in place of a queue. figures() may be called at any time, write()
+// once for each sample, in order, when the file is written. Sample numbers count from 0.
 class SampleProvider {
   public:
     virtual ~SampleProvider() = default;
     virtual uint32_t count() const = 0;
     virtual SampleFigures figures(uint32_t sample) const = 0;
-    // Writes the bytes of `count` samples from `first` on; false ends the writing of the file.
+    // Writes the bytes of `count` samples from `first` on. Returns false to end the writing of the
+    // file.
     virtual bool write(uint32_t first, uint32_t count, MediaOutput& output) = 0;
 };
 
-// Makes `provider`, which must outlive the file, the samples of a track that has none. 0, or -6 or
-// -7 as isoFFwrite.
+// Sets the provider of a track without samples. `provider` must outlive the file. Returns 0, or -6
+// or -7 like isoFFwrite.
 int provide_samples(iso_track* track, SampleProvider& provider);
 
-// Has isoFFclose release the file without writing it.
+// Makes isoFFclose release the file without writing it.
 void abandon(iso_file* file);
 
-// A cursor over the samples that a track has queued or that are provided for it.
+// A cursor over the queued or provided samples of a track.
 class SampleWalk {
   public:
     explicit SampleWalk(const iso_track* track)
@@ -61,8 +62,8 @@ class SampleWalk {
     }
 
     uint32_t number() const { return number_; }             // of the sample, from 0
-    const iso_frame* frame() const { return frame_; }       // null for a provided one
-    SampleProvider* provider() const { return provider_; }  // null for a queued one
+    const iso_frame* frame() const { return frame_; }       // null for a provided sample
+    SampleProvider* provider() const { return provider_; }  // null for a queued sample
 
   private:
     SampleProvider* provider_;

@@ -12,7 +12,7 @@
 #include "interface/src/isoff/write/media_output.h"
 #include "kestrel/kstutil.h"
 
-// The writer: takes samples, decides where they stand in the file, and writes it.
+// The writer: takes samples, places them in the file and writes the file.
 
 namespace kestrel {
 namespace {
@@ -20,7 +20,7 @@ namespace {
 enum WriteError {
     kBadArgument = -1,
     kNoMemory = -2,
-    kFellShort = -5,  // finalised already, or what was to be written did not come out whole
+    kFellShort = -5,  // finalised already, or not all could be written
     kTooLarge = -6,
     kTooLong = -7,
     kTrackClosed = -8,
@@ -28,7 +28,7 @@ enum WriteError {
 };
 
 constexpr uint32_t kBoxSizeField = 4;
-constexpr uint32_t kFileOverhead = 24;  // that isoFFwrite adds to what a track costs
+constexpr uint32_t kFileOverhead = 24;  // added to the cost of a track by isoFFwrite
 
 // What a sample adds to the header.
 constexpr uint32_t kSizeCost = 4;
@@ -37,8 +37,8 @@ constexpr uint32_t kEntryCost = 8;  // a time-to-sample or composition entry, an
 // iso_file::write_way.
 enum WriteWay { kNotSettled, kQueued, kDirect };
 
-// Whether samples go to the stream as they come. What the caller wants is asked once: samples that
-// went one way cannot go on the other.
+// Whether samples are written to the stream at once. The first sample decides, because the two ways
+// cannot be mixed.
 bool is_direct(iso_file* file) {
     if (file->own->write_way == kNotSettled)
         file->own->write_way = file->own->direct_write ? kDirect : kQueued;
@@ -47,7 +47,7 @@ bool is_direct(iso_file* file) {
 
 // --- taking samples ---
 
-// `before` is the track's sample before it, null for its first.
+// `before` is the track's previous sample, null for the first one.
 uint64_t header_cost_of(const iso_track* track, const SampleFigures& sample,
                         const SampleFigures* before) {
     const uint32_t duration_before = before == nullptr ? 0 : before->duration;
@@ -55,11 +55,12 @@ uint64_t header_cost_of(const iso_track* track, const SampleFigures& sample,
     uint64_t cost = uint64_t{sample.size} + kSizeCost;
     if (sample.duration != duration_before) cost += kEntryCost;
     if (sample.cts_offset != offset_before) cost += kEntryCost;
-    // Where the first is empty, its size cannot stand for all: the table is necessary at once.
+    // A first sample that is empty cannot give a constant size, so the table is needed from the
+    // start.
     if (before == nullptr) return cost + kEntryCost + (sample.size == 0 ? kSizeCost : 0);
     const auto samples = static_cast<uint64_t>(track->sample_count);
     if (track->sample_size == 0) return cost + kSizeCost;
-    // The size table becomes necessary, for the samples so far as well.
+    // The size table becomes necessary, also for the samples so far.
     return sample.size != track->sample_size ? cost + kSizeCost + kSizeCost * samples : cost;
 }
 
@@ -89,7 +90,7 @@ void append_frame(iso_track* track, iso_frame* frame) {
     track->own->last_frame = frame;
 }
 
-// A record for the sample, with its bytes after it where they are to wait in memory.
+// Returns a record for the sample, with a copy of its bytes if they are kept in memory.
 iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
     const bool in_memory = track->own->spool == nullptr && !is_direct(track->file);
     const size_t kept = in_memory ? size : 0;
@@ -105,8 +106,8 @@ iso_frame* new_frame(iso_track* track, const void* data, uint32_t size) {
     return frame;
 }
 
-// Whether the file has room for `size` more bytes of a track's sample: below the limit that each
-// track is held to, and, with what the others take, where 32 bits can hold it.
+// Whether `size` more bytes of a sample fit: the track within the limit for each track, and the
+// whole file within 32 bits.
 bool has_room(const iso_track* track, uint32_t size) {
     const iso_file* file = track->file;
     const uint64_t more = uint64_t{size} + kFileOverhead;
@@ -124,7 +125,7 @@ int check_limits(iso_track* track, uint32_t size, uint32_t duration) {
 
 // --- going back in the stream ---
 
-// Stands the stream, and what the file knows of it, at a position that was written before.
+// Moves the stream to a position that was written before.
 bool move_to(iso_file* file, uint32_t position) {
     uint32_t at = 0;
     if (kstutil_seek(file->stream, static_cast<int32_t>(position)) != 0) return false;
@@ -135,8 +136,8 @@ bool move_to(iso_file* file, uint32_t position) {
 
 // --- direct-write mode ---
 
-// Puts `ftyp` and the header of `mdat` before the first sample. Until the file is finished the
-// box runs to the end of the file, so that one that never is has no `moov`.
+// Writes `ftyp` and the header of `mdat` before the first sample. The box runs to the end of the
+// file until the file is finished, so that an unfinished file has no `moov`.
 bool begin_direct(iso_file* file) {
     if (file->own->write_pos != 0) return true;
     uint8_t raw[kBoxHeader];
@@ -151,7 +152,7 @@ bool begin_direct(iso_file* file) {
            write_stream(file, raw, sizeof raw);
 }
 
-// Writes a sample after what was written before. Its size, or an error.
+// Writes a sample at the end of the file. Returns its size, or an error.
 int flush_frame(iso_track* track, const void* data, iso_frame* frame) {
     iso_file* file = track->file;
     const bool goes_on = file->own->direct_track == track &&
@@ -160,7 +161,7 @@ int flush_frame(iso_track* track, const void* data, iso_frame* frame) {
     if (!goes_on && !begin_run(track, file->own->write_pos, kOnlyDescription)) return kNoMemory;
     file->own->direct_track = track;
     if (!write_stream(file, data, frame->size)) {
-        file->own->finalised = 1;  // the stream no longer is at the offset of the tables
+        file->own->finalised = 1;  // the stream is not at the offset that the tables have
         return kFellShort;
     }
     track->own->last_run->samples++;
@@ -176,7 +177,7 @@ int begin_flush(iso_track* track) {
     return track->track_id > track->file->own->direct_track_limit ? kTrackTooLate : 0;
 }
 
-// Puts four bytes where others were written before, and goes back to the end of the file.
+// Overwrites four bytes, and moves back to the end of the file.
 bool patch(iso_file* file, uint32_t at, uint32_t value) {
     const uint32_t end = file->own->write_pos;
     uint8_t raw[4];
@@ -252,9 +253,9 @@ bool rewind_spools(iso_file* file) {
     return true;
 }
 
-// `ftyp`, `moov` and the header of `mdat`, as one run of bytes, and where the type of `moov` stands
-// in it. 0, or an error when they come to more than a file can hold or to something else than was
-// measured.
+// Makes `ftyp`, `moov` and the header of `mdat` as one run of bytes; `moov_type` is the offset of
+// the type of `moov` in it. Returns 0, or an error when a file cannot hold them or the two passes
+// differ.
 int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header, size_t& moov_type) {
     const uint64_t ftyp = measure(write_ftyp, file);
     const uint64_t measured = ftyp + measure(write_moov, file) + kBoxHeader;
@@ -270,14 +271,14 @@ int make_header(iso_file* file, uint64_t media, std::vector<uint8_t>& header, si
     return passes_agree(file, measured, out.position()) ? 0 : kFellShort;
 }
 
-// Whether the stream goes back to its start, and on again to where it stands.
+// Whether the stream can move to its start and to its position again.
 bool can_go_back(iso_file* file) {
     const uint32_t here = file->own->write_pos;
     return move_to(file, 0) && move_to(file, here);
 }
 
-// The header, and the samples after it. `moov` is free space until the last sample is written, so
-// that a file that is cut off has none; a stream that cannot go back gets it at once.
+// Writes the header and the samples. The type of `moov` is `free` until the last sample is written,
+// so that a truncated file has no `moov`. A stream that cannot move back gets `moov` at once.
 int write_parts(iso_file* file, std::vector<uint8_t>& header, size_t moov_type) {
     const std::span bytes(header);
     const auto write = [&](std::span<const uint8_t> part) {
@@ -305,7 +306,7 @@ int write_queued(iso_file* file) {
     return write_parts(file, header, moov_type);
 }
 
-// The times of the movie header.
+// Sets the duration of the movie.
 void settle_movie(iso_file* file) {
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next) {
         file->duration = std::max(file->duration, movie_duration(track));
@@ -327,7 +328,7 @@ int take_sample(iso_track* track, const void* data, uint32_t size, uint32_t dura
         const int flushed = flush_frame(track, data, frame);
         if (flushed < 0) return flushed;
     } else if (track->own->spool != nullptr && !spool_sample(track, data, size)) {
-        file->own->finalised = 1;  // what follows it in the temporary file is lost
+        file->own->finalised = 1;  // the samples after it would be misplaced in the temporary file
         return kFellShort;
     }
     append_frame(track, frame);
@@ -342,11 +343,11 @@ bool write_stream(iso_file* file, const void* from, uint32_t count) {
     if (table == nullptr || table->SeekNWrite == nullptr) return false;
     if (count == 0) return true;
     if (count > UINT32_MAX - file->own->write_pos) return false;
-    // The write starts the file, so it goes where a file starts.
+    // The first write begins at the start of the stream.
     if (file->own->write_pos == 0 && kstutil_seek(file->stream, 0) != 0) return false;
     const uint32_t status = table->SeekNWrite(table->Context, from, count, -1);
     if ((status & 0xFFFF) != 0) return false;
-    // The slot does not report how much it took; the position does.
+    // The slot does not report how many bytes it took, but the position shows it.
     file->own->write_pos += count;
     uint32_t at = 0;
     return kstutil_getoffset(file->stream, &at) == 0 && at == file->own->write_pos;
@@ -441,7 +442,7 @@ iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale,
     track->codec = codec;
     track->timescale = timescale;
     const double units = file->interleave_limit * timescale;
-    // A timescale that is still to be filled in sets no limit.
+    // A timescale of 0, which the caller still sets, gives no limit.
     const bool limited = timescale != 0 && units < 4294967295.0;
     track->own->duration_limit = limited ? static_cast<uint32_t>(units) : UINT32_MAX;
     file->header_size += entry_bytes;
@@ -472,10 +473,8 @@ using namespace kestrel;
 int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
     constexpr size_t kCodeAndBlank = 5;
     if (file == nullptr || brands == nullptr) return -1;
-    // Refuses more than null arguments and lists of another shape: brands of a file that is read,
-    // or that stand in the output already, cannot be set.
-    if (!file->write_mode) return -1;
-    if (file->own->write_pos != 0) return -1;  // `ftyp` stands in the file already
+    // Also refuses a file that is read, and one whose `ftyp` was written.
+    if (!file->write_mode || file->own->write_pos != 0) return -1;
     const size_t length = std::strlen(brands) + 1;
     if (length < kCodeAndBlank || length % kCodeAndBlank != 0) return -1;
     auto* list = arena_array<char>(file, length);
@@ -489,8 +488,7 @@ int isoFFsetBrand(iso_file* file, const char* brands, int minor_version) {
 }
 
 int isoFFwrite(iso_track* track, void* data, int size, int duration, int cts_offset) try {
-    // Refuses more than a null track and a negative size: without data, with a negative duration or
-    // in a file that is read there is no sample to write.
+    // Also refuses a sample without data, a negative duration and a file that is read.
     if (track == nullptr || size < 0 || duration < 0 || (data == nullptr && size > 0) ||
         !track->file->write_mode) {
         return kBadArgument;
