@@ -291,11 +291,15 @@ Bytes jumping(uint16_t constructors, uint8_t reference, uint32_t distance) {
     return sample;
 }
 
+// A file that lists a hint sample so many times.
+Bytes listed(Kind kind, const Bytes& hint, uint32_t media_size, uint32_t times) {
+    return hinted(kind, hint, media_size,
+                  [&](uint32_t at) { return repeated_tables(times, hint.size(), at); });
+}
+
 // A file that lists such a hint sample 50 times.
 Bytes jumping_file(Kind kind, uint8_t reference, uint32_t distance) {
-    const Bytes hint = jumping(1300, reference, distance);
-    return hinted(kind, hint, 60000,
-                  [&](uint32_t at) { return repeated_tables(50, hint.size(), at); });
+    return listed(kind, jumping(1300, reference, distance), 60000, 50);
 }
 
 // A hint sample of one packet with as many constructors as it can have, of which one, if any, adds
@@ -355,39 +359,28 @@ const Hostile kHostile[] = {
      },
      500 * 201 * 16},
     {"hint samples that make too long a frame",
-     [](Kind kind) {
-         const Bytes hint = to_and_fro(2000, 50000, 4);
-         return hinted(kind, hint, 60000,
-                       [&](uint32_t at) { return repeated_tables(3, hint.size(), at); });
-     },
-     3 * 2001 * 16},
+     [](Kind kind) { return listed(kind, to_and_fro(2000, 50000, 4), 60000, 3); }, 3 * 2001 * 16},
     {"constructors to and fro over large samples",
      [](Kind kind) { return hinted(kind, to_and_fro(20000, 1, 4), 100000).build(); }},
     {"a packet that repeats one sample",
-     [](Kind kind) {
-         const Bytes hint = to_and_fro(100, 10, 1);
-         return hinted(kind, hint, 60,
-                       [&](uint32_t at) { return repeated_tables(1000, hint.size(), at); });
-     },
-     1000 * 101 * 16},
+     [](Kind kind) { return listed(kind, to_and_fro(100, 10, 1), 60, 1000); }, 1000 * 101 * 16},
     {"bytes taken far from each other", [](Kind kind) { return jumping_file(kind, 0, 30000); },
      50 * 1301 * 16},
     {"bytes of the hint sample far from each other",
      [](Kind kind) { return jumping_file(kind, 255, 10000); }, 50 * 1301 * 16},
     {"packets of constructors that do nothing",
      [](Kind kind) {
-         const Bytes hint = join({hint_sample(1, {packet_entry(34, 1, 4000)}), zeros(4000 * 16)});
-         return hinted(kind, hint, 10,
-                       [&](uint32_t at) { return repeated_tables(2000, hint.size(), at); });
+         return listed(kind, join({hint_sample(1, {packet_entry(34, 1, 4000)}), zeros(4000 * 16)}),
+                       10, 2000);
      },
      2000 * 4001 * 16},
     {"frames of constructors that add nothing",
      [](Kind kind) {
          constexpr uint16_t kAll = 65535;
-         const Bytes hint = join(
-             {hint_sample(1, {packet_entry(0x80 | 34, 1, kAll)}), many(immediate("", 0), kAll)});
-         return hinted(kind, hint, 10,
-                       [&](uint32_t at) { return repeated_tables(200, hint.size(), at); });
+         return listed(kind,
+                       join({hint_sample(1, {packet_entry(0x80 | 34, 1, kAll)}),
+                             many(immediate("", 0), kAll)}),
+                       10, 200);
      },
      200 * 65536 * 16},
     {"full tables and many empty ones after them",
@@ -399,19 +392,9 @@ const Hostile kHostile[] = {
      }},
     {"many short movie headers", [](Kind) { return in_movie(many(box("mvhd", {}), 20000)); }},
     {"constructors of no sample",
-     [](Kind kind) {
-         const Bytes hint = of_no_sample(false);
-         return hinted(kind, hint, 10,
-                       [&](uint32_t at) { return repeated_tables(200, hint.size(), at); });
-     },
-     200 * 65536 * 16},
+     [](Kind kind) { return listed(kind, of_no_sample(false), 10, 200); }, 200 * 65536 * 16},
     {"a byte of thousands of constructors",
-     [](Kind kind) {
-         const Bytes hint = of_no_sample(true);
-         return hinted(kind, hint, 10,
-                       [&](uint32_t at) { return repeated_tables(200, hint.size(), at); });
-     },
-     200 * 65536 * 16},
+     [](Kind kind) { return listed(kind, of_no_sample(true), 10, 200); }, 200 * 65536 * 16},
     {"media of the largest buffer before the movie",
      [](Kind kind) { return media_first(kind, iso_mdat_buffer_max); }},
     {"longer media before the movie",

@@ -420,37 +420,6 @@ TEST(ClassTables, ALastChunkThatIsNotFullShiftsNoSample) {
         EXPECT_EQ(arrive(undeclared, ms), arrive(declared, ms)) << ms;
 }
 
-// The last media sample has no offset, so there is nowhere to send the stream.
-TEST(ClassSeek, ReachesTheEndOverHostsThatCheckOffsets) {
-    const Bytes file = read_sample("amrnb_hinted.3gp");
-    FaultyHost host(file);
-    static uint32_t (*plain_seek)(void*, uint32_t);
-    plain_seek = host.callbacks()->Seek;
-    host.callbacks()->Seek = [](void* context, uint32_t offset) {
-        return offset == UINT32_MAX ? uint32_t{KST_HOST_FAILED} : plain_seek(context, offset);
-    };
-    C3gpInterface player;
-    ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
-    _TAG_KST_SEEK_PARAMS params{0, 5943, 0, 0, kNext};
-    EXPECT_EQ(player.SeekTo(&params), KST_SUCCESS);
-    EXPECT_EQ(params.uFrameNum, 298u);
-    EXPECT_EQ(params.uFileOffset, UINT32_MAX);
-}
-
-// A host that cuts a read short must not make an MPEG-4 track look foreign, which ends the process.
-TEST(ClassOpen, LivesOnWhenTheObjectTypeWasNotRead) {
-    const Bytes file = read_sample("mpeg4_hinted.3gp");
-    FaultyHost counted(file);
-    C3gpInterface first;
-    ASSERT_EQ(first.Open(counted.callbacks(), "vr"), KST_SUCCESS);
-    for (int k = 0; k < counted.calls; ++k) {
-        FaultyHost host(file);
-        host.cut = [&](int call) { return call == k; };
-        C3gpInterface player;
-        player.Open(host.callbacks(), "vr");
-    }
-}
-
 // --- log lines ---
 
 // Lines of the API as they are written at verbose level, sorted, without line numbers and with #

@@ -320,25 +320,6 @@ void forget_flag(Bytes& tail, const char* mode) {
     if (mode[0] == 'a' && tail.size() > kFlag) tail[kFlag] = 0;
 }
 
-// An announcement is answered not-yet in plain mode as well, and nothing is lost by that.
-TEST_P(ClassApi, NotYetOfAnAnnouncementIsAWaitInPlainModeToo) {
-    const Bytes file = load(GetParam());
-    const Bytes whole = play(file, GetParam().mode, {.api = Api::kClass}).stream;
-    FaultyHost host(file);
-    C3gpInterface player;
-    ASSERT_EQ(player.Open(host.callbacks(), GetParam().mode), KST_SUCCESS);
-    int announced = 0;
-    host.fault = [&](int) -> uint32_t {
-        const bool is_late = host.names.back() == "AdvanceRead" && ++announced == 3;
-        return is_late ? KST_HOST_NOT_YET : KST_HOST_OK;
-    };
-    const ReadThrough read = read_through_failures(read_call(player, false), 500);
-    EXPECT_EQ(read.status, KST_END_OF_FILE);
-    EXPECT_THAT(read.failures, testing::Each(KST_NOT_YET));
-    EXPECT_FALSE(read.failures.empty());
-    EXPECT_TRUE(read.stream == whole);
-}
-
 TEST_P(ClassApi, ReadingOnAfterASeekGivesTheRest) {
     const ClassFile& about = GetParam();
     const bool alone = !std::string(about.file).starts_with("av_");

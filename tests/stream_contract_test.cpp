@@ -279,6 +279,59 @@ TEST(StreamContract, LogOfAFileThatArrives) {
     }
 }
 
+// An announcement is answered not-yet in plain mode as well, and nothing is lost by that.
+TEST(StreamContract, NotYetOfAnAnnouncementIsAWaitInPlainModeToo) {
+    for (const Medium& medium : kPlayed) {
+        const Bytes file = read_sample(medium.file);
+        const Played whole = play(file, medium.mode, {.api = Api::kClass});
+        if (!whole.opened) continue;
+        FaultyHost host(file);
+        C3gpInterface player;
+        ASSERT_EQ(player.Open(host.callbacks(), medium.mode), KST_SUCCESS);
+        int announced = 0;
+        host.fault = [&](int) -> uint32_t {
+            const bool is_late = host.names.back() == "AdvanceRead" && ++announced == 3;
+            return is_late ? KST_HOST_NOT_YET : KST_HOST_OK;
+        };
+        const ReadThrough read = read_through_failures(read_call(player, false), 500);
+        EXPECT_EQ(read.status, KST_END_OF_FILE);
+        EXPECT_THAT(read.failures, testing::Each(KST_NOT_YET));
+        EXPECT_FALSE(read.failures.empty());
+        EXPECT_TRUE(read.stream == whole.stream);
+    }
+}
+
+// A host that cuts a read short must not make an MPEG-4 track look foreign, which ends the process.
+TEST(StreamContract, LivesOnWhenTheObjectTypeWasNotRead) {
+    const Bytes file = read_sample("mpeg4_hinted.3gp");
+    FaultyHost counted(file);
+    C3gpInterface first;
+    ASSERT_EQ(first.Open(counted.callbacks(), "vr"), KST_SUCCESS);
+    for (int k = 0; k < counted.calls; ++k) {
+        FaultyHost host(file);
+        host.cut = [&](int call) { return call == k; };
+        C3gpInterface player;
+        player.Open(host.callbacks(), "vr");
+    }
+}
+
+// The last media sample has no offset, so there is nowhere to send the stream.
+TEST(StreamContract, SeekReachesTheEndOverHostsThatCheckOffsets) {
+    const Bytes file = read_sample("amrnb_hinted.3gp");
+    FaultyHost host(file);
+    static uint32_t (*plain_seek)(void*, uint32_t);
+    plain_seek = host.callbacks()->Seek;
+    host.callbacks()->Seek = [](void* context, uint32_t offset) {
+        return offset == UINT32_MAX ? uint32_t{KST_HOST_FAILED} : plain_seek(context, offset);
+    };
+    C3gpInterface player;
+    ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+    _TAG_KST_SEEK_PARAMS params{0, 5943, 0, 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC};
+    EXPECT_EQ(player.SeekTo(&params), KST_SUCCESS);
+    EXPECT_EQ(params.uFrameNum, 298u);
+    EXPECT_EQ(params.uFileOffset, UINT32_MAX);
+}
+
 TEST(StreamContract, ReadyHostRemembersThatItFailed) {
     const std::string path = testing::TempDir() + "kestrel_cut_meanwhile";
     const Bytes file = read_sample("amrnb_plain.3gp");
