@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <string>
-#include <string_view>
 
 #include "companion/importer/movie.h"
 #include "fuzz/support/support.h"
@@ -46,20 +45,6 @@ Packed pack(View stream, uint32_t tracks, uint32_t flags, uint32_t most) {
     packed.file.assign(written, written + size);
     kst_host_close(host);
     return packed;
-}
-
-// Without when it was made: the dates in the headers of the movie, the tracks and the media.
-Bytes without_dates(Bytes file) {
-    constexpr std::ptrdiff_t kFirstDate = 8, kDates = 8;  // from the box type, in bytes
-    for (const std::string_view type : {"mvhd", "tkhd", "mdhd"}) {
-        auto at = file.begin();
-        while ((at = std::search(at, file.end(), type.begin(), type.end())) != file.end()) {
-            if (file.end() - at < kFirstDate + kDates) break;
-            std::fill_n(at + kFirstDate, kDates, uint8_t{0});
-            at += kFirstDate;
-        }
-    }
-    return file;
 }
 
 void check_file(const Packed& packed, uint32_t tracks, size_t stream_size) {

@@ -420,6 +420,20 @@ TEST(ClassTables, ALastChunkThatIsNotFullShiftsNoSample) {
         EXPECT_EQ(arrive(undeclared, ms), arrive(declared, ms)) << ms;
 }
 
+// A host that cuts a read short must not make an MPEG-4 track look foreign, which ends the process.
+TEST(ClassOpen, LivesOnWhenTheObjectTypeWasNotRead) {
+    const Bytes file = read_sample("mpeg4_hinted.3gp");
+    FaultyHost counted(file);
+    C3gpInterface first;
+    ASSERT_EQ(first.Open(counted.callbacks(), "vr"), KST_SUCCESS);
+    for (int k = 0; k < counted.calls; ++k) {
+        FaultyHost host(file);
+        host.cut = [&](int call) { return call == k; };
+        C3gpInterface player;
+        player.Open(host.callbacks(), "vr");
+    }
+}
+
 // --- log lines ---
 
 // Lines of the API as they are written at verbose level, sorted, without line numbers and with #

@@ -74,136 +74,15 @@ std::vector<Sample> random_samples(Random& random) {
     return samples;
 }
 
-iso_track* random_medium(iso_file* file, Random& random) {
-    static constexpr int32_t kCodecs[] = {ISO_CODEC_MP4V, ISO_CODEC_S263, ISO_CODEC_SAMR,
-                                          ISO_CODEC_SAWB, ISO_CODEC_AVC1, ISO_CODEC_SAWP,
-                                          ISO_CODEC_MP4A};
-    const int32_t codec = kCodecs[pick(random, 0, 6)];
-    const auto number = [&](int most) { return static_cast<uint32_t>(pick(random, 1, most)); };
-    H263VCFG cfg{};
-    cfg.width = number(0xFFFF);
-    cfg.height = number(0xFFFF);
-    cfg.timescale = number(INT_MAX);
-    cfg.profile = 3;
-    cfg.level = 10;
-    const Bytes config = random_bytes(random, pick(random, 1, 40));
-    const auto length = static_cast<unsigned>(config.size());
-    if (codec == ISO_CODEC_S263) return h263_isoFFtrack(file, &cfg);
-    if (codec == ISO_CODEC_AVC1) {
-        return h264_isoFFtrack(file, kAvcc.data(), static_cast<unsigned>(kAvcc.size()), cfg.width,
-                               cfg.height, cfg.timescale);
-    }
-    if (codec == ISO_CODEC_MP4V) {
-        return mpeg4_isoFFtrack(file, config.data(), length, cfg.width, cfg.height, cfg.timescale);
-    }
-    iso_track* track = amr_isoFFtrack(file, codec == ISO_CODEC_SAWB, 0x81FF, 5);
-    track->codec = codec;
-    track->dsi = copy_to_arena(file, config);
-    track->dsi_length = length;
-    // Only the entry of narrow band speech is read for its channels and bits.
-    if (codec == ISO_CODEC_SAMR) track->channel_count = number(9);
-    if (codec == ISO_CODEC_SAMR) track->sample_bits = number(32);
-    return track;
-}
-
-void add_random_groups(iso_track* track, Random& random) {
-    iso_file* file = track->file;
-    iso_sbgp_entry** group = &track->sbgp_list;
-    for (int i = pick(random, 0, 3); i > 0; --i, ++track->sbgp_count) {
-        const auto samples = static_cast<uint32_t>(pick(random, 1, 9));
-        const auto index = static_cast<uint32_t>(pick(random, 0, 3));
-        *group = copy_to_arena<iso_sbgp_entry>(file, {{samples, index, nullptr}});
-        group = &(*group)->next;
-    }
-    iso_sgpd_entry** entry = &track->sgpd_list;
-    for (int i = pick(random, 0, 2); i > 0; --i, ++track->sgpd_count) {
-        const std::vector<iso_sgpd_record> records(static_cast<size_t>(pick(random, 0, 3)),
-                                                   iso_sgpd_record{{1, 2, 3, 4, 5}});
-        *entry = copy_to_arena<iso_sgpd_entry>(
-            file, {{static_cast<uint16_t>(records.size()), copy_to_arena(file, records), nullptr}});
-        entry = &(*entry)->next;
-    }
-    std::copy_n(pick(random, 0, 1) ? "avcb" : "3gag", 5, track->sgpd_type);
-}
-
-// The values of a record that its file keeps, with the largest of each.
-template <typename Visit>
-void each_value(iso_track& track, Visit visit) {
-    visit(track.own->header_flags, 15);
-    visit(track.layer, 0xFFFF);
-    visit(track.alternate_group, 3);
-    visit(track.volume, 0x100);
-    visit(track.own->display_width, INT_MAX);
-    visit(track.own->display_height, INT_MAX);
-    visit(track.matrix[1], INT_MAX);
-    visit(track.own->language, 0x7FFF);
-}
-
-iso_track* random_track(iso_file* file, Random& random, size_t samples) {
-    iso_track* track = random_medium(file, random);
-    each_value(*track, [&](auto& value, int most) {
-        value = static_cast<std::remove_reference_t<decltype(value)>>(pick(random, 0, most));
-    });
-    std::vector<uint32_t> sync;
-    const bool has_sync = pick(random, 0, 1) == 1;
-    for (uint32_t i = 1; has_sync && i <= samples; ++i)
-        if (pick(random, 0, 4) == 0) sync.push_back(i);
-    if (has_sync) track->sync_samples = copy_to_arena(file, sync);
-    track->sync_count = static_cast<uint32_t>(sync.size());
-    std::vector<iso_elst_entry> edits;
-    if (pick(random, 0, 1)) edits.push_back({77, -1, 0x10000});
-    if (pick(random, 0, 1)) edits.push_back({uint64_t{1} << 33, 5, 0x10000});
-    track->own->edits = copy_to_arena(file, edits);
-    track->own->edit_count = static_cast<int32_t>(edits.size());
-    if (pick(random, 0, 1)) track->sdp_text = text_in_arena(file, "m=video 0 RTP/AVP 96\r\n");
-    add_random_groups(track, random);
-    return track;
-}
-
-// All that a record says of its track, save of the samples.
-std::string described(iso_track* track) {
-    std::ostringstream out;
-    const iso_track_private& own = *track->own;
-    each_value(*track, [&](const auto& value, int) { out << value << ' '; });
-    out << track->codec << " timescale " << track->timescale;
-    const bool is_video = std::string(track->handler) == "vide";
-    if (is_video) out << " size " << track->width << ' ' << track->height;
-    out << " sound " << track->channel_count << ' ' << track->sample_bits;
-    if (track->codec == ISO_CODEC_SAMR || track->codec == ISO_CODEC_SAWB) {
-        out << " modes " << track->mode_set << ' ' << int{track->frames_per_sample};
-    } else if (track->codec == ISO_CODEC_S263) {
-        out << " profile " << int{track->profile} << ' ' << int{track->level};
-    } else if (track->codec != ISO_CODEC_SAWP) {
-        out << " config "
-            << testing::PrintToString(Bytes(track->dsi, track->dsi + track->dsi_length));
-    }
-    out << " sync";
-    for (uint32_t i = 0; i < track->sync_count; ++i)
-        out << ' ' << track->sync_samples[i];
-    out << " edits";
-    for (int32_t i = 0; i < own.edit_count; ++i)
-        out << ' ' << own.edits[i].segment_duration << ' ' << own.edits[i].media_time;
-    out << " groups";
-    for (const iso_sbgp_entry* group = track->sbgp_list; group != nullptr; group = group->next)
-        out << ' ' << group->sample_count << ' ' << group->group_description_index;
-    for (const iso_sgpd_entry* entry = track->sgpd_list; entry != nullptr; entry = entry->next) {
-        out << ' ' << track->sgpd_type << " of " << entry->count;
-        for (const iso_sgpd_record& record : std::span(entry->records, entry->count))
-            out << ' ' << record.words[4];
-    }
-    out << ' ' << (track->sdp_text == nullptr ? "" : track->sdp_text);
-    return out.str();
-}
+constexpr iso_track* (*kMakers[])(iso_file*) = {amr_track, amr_wb_track, h263_track, mpeg4_track,
+                                                h264_track};
 
 enum class Mode { kQueued, kSpooled, kDirect };
 
 struct Written {
     iso_track* track;
     std::vector<Sample> samples;
-    std::string description = {};
 };
-
-constexpr char kMovieSdp[] = "v=0\r\n";  // of files with several tracks
 
 // Writes tracks at random, with their samples in turns.
 std::vector<Written> write_file(Output& out, Random& random, Mode mode) {
@@ -212,11 +91,10 @@ std::vector<Written> write_file(Output& out, Random& random, Mode mode) {
     std::vector<Written> tracks;
     for (int i = pick(random, 0, 3); i >= 0; --i) {
         std::vector<Sample> samples = random_samples(random);
-        iso_track* track = random_track(file, random, samples.size());
+        iso_track* track = kMakers[pick(random, 0, 4)](file);
         if (mode == Mode::kSpooled) track->own->spool = std::tmpfile();
         tracks.push_back({track, std::move(samples)});
     }
-    if (tracks.size() > 1) file->sdp_text = text_in_arena(file, kMovieSdp);
     for (size_t i = 0, written = 1; written > 0; ++i) {
         written = 0;
         for (Written& to : tracks) {
@@ -228,8 +106,6 @@ std::vector<Written> write_file(Output& out, Random& random, Mode mode) {
             ++written;
         }
     }
-    for (Written& to : tracks)
-        to.description = described(to.track);
     EXPECT_EQ(out.close(), 0);
     return tracks;
 }
@@ -261,11 +137,9 @@ TEST_P(RandomFiles, ComeBackEqual) {
         Opened reread(out.written());
         EXPECT_EQ(reread.printed, "");
         EXPECT_EQ(reread.file->own->lost_tracks, 0u);
-        EXPECT_STREQ(reread.file->sdp_text, tracks.size() > 1 ? kMovieSdp : nullptr);
         iso_track* track = reread.file->first_track;
         for (const Written& from : tracks) {
             ASSERT_NE(track, nullptr);
-            EXPECT_EQ(described(track), from.description);
             expect_samples(track, from.samples);
             track = track->next;
         }
@@ -304,7 +178,7 @@ TEST(Writer, BoxesAreThoseRecorded) {
     out.file->creation_time = out.file->modification_time = 5;
     out.file->sdp_text = text_in_arena(out.file, "v=0\r\n");
     int delta = 100;
-    for (const auto make : {amr_track, amr_wb_track, h263_track, mpeg4_track, h264_track}) {
+    for (const auto make : kMakers) {
         iso_track* media = make(out.file);
         media->max_bitrate = 64000, media->avg_bitrate = 48000, media->buffer_size = 0x10203;
         iso_track* hint = hint_track(media);
@@ -321,6 +195,15 @@ TEST(Writer, BoxesAreThoseRecorded) {
     speech->own->edit_count = 1;
     speech->sync_samples = copy_to_arena<uint32_t>(out.file, {1, 3});
     speech->sync_count = 2;
+    speech->own->header_flags = 5;
+    speech->layer = 6, speech->alternate_group = 7, speech->volume = 0x80;
+    speech->own->display_width = 8, speech->own->display_height = 9, speech->matrix[1] = 10;
+    speech->own->language = 11, speech->channel_count = 1, speech->sample_bits = 8;
+    speech->sbgp_list = copy_to_arena<iso_sbgp_entry>(out.file, {{3, 1, nullptr}});
+    auto* records = copy_to_arena<iso_sgpd_record>(out.file, {{{1, 2, 3, 4, 5}}});
+    speech->sgpd_list = copy_to_arena<iso_sgpd_entry>(out.file, {{1, records, nullptr}});
+    speech->sbgp_count = speech->sgpd_count = 1;
+    std::copy_n("avcb", 5, speech->sgpd_type);
     ASSERT_EQ(out.close(), 0);
     std::vector<std::string> lines;
     list_boxes(out.written(), "", lines);

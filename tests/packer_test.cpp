@@ -16,6 +16,7 @@
 #include "companion/importer/movie.h"
 #include "companion/packer/h264_pictures.h"
 #include "companion/packer/spool.h"
+#include "fuzz/support/support.h"
 #include "kestrel/native_records.h"
 #include "tests/support/allocation_watch.h"
 #include "tests/support/md5.h"
@@ -27,6 +28,7 @@
 namespace {
 
 using namespace kestrel;
+using fuzz::without_dates;
 using testing::HasSubstr;
 
 struct Packed {
@@ -125,20 +127,6 @@ std::vector<Case> playable() {
         }
     }
     return cases;
-}
-
-// Without when it was made: the dates in the headers of the movie, the tracks and the media.
-Bytes without_dates(Bytes file) {
-    constexpr std::ptrdiff_t kFirstDate = 8, kDates = 8;  // from the box type, in bytes
-    for (const std::string_view type : {"mvhd", "tkhd", "mdhd"}) {
-        auto at = file.begin();
-        while ((at = std::search(at, file.end(), type.begin(), type.end())) != file.end()) {
-            if (file.end() - at < kFirstDate + kDates) break;
-            std::fill_n(at + kFirstDate, kDates, uint8_t{0});
-            at += kFirstDate;
-        }
-    }
-    return file;
 }
 
 class PackedSample : public testing::TestWithParam<Case> {

@@ -301,20 +301,6 @@ TEST(StreamContract, NotYetOfAnAnnouncementIsAWaitInPlainModeToo) {
     }
 }
 
-// A host that cuts a read short must not make an MPEG-4 track look foreign, which ends the process.
-TEST(StreamContract, LivesOnWhenTheObjectTypeWasNotRead) {
-    const Bytes file = read_sample("mpeg4_hinted.3gp");
-    FaultyHost counted(file);
-    C3gpInterface first;
-    ASSERT_EQ(first.Open(counted.callbacks(), "vr"), KST_SUCCESS);
-    for (int k = 0; k < counted.calls; ++k) {
-        FaultyHost host(file);
-        host.cut = [&](int call) { return call == k; };
-        C3gpInterface player;
-        player.Open(host.callbacks(), "vr");
-    }
-}
-
 // The last media sample has no offset, so there is nowhere to send the stream.
 TEST(StreamContract, SeekReachesTheEndOverHostsThatCheckOffsets) {
     const Bytes file = read_sample("amrnb_hinted.3gp");

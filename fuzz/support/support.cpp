@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "boxes/foreign_codec_hook.h"
 #include "common/simple_exception.h"
@@ -46,6 +47,19 @@ View Choices::take(size_t most) {
     const View taken = bytes_.subspan(at_, std::min(most, bytes_.size() - at_));
     at_ += taken.size();
     return taken;
+}
+
+Bytes without_dates(Bytes file) {
+    constexpr std::ptrdiff_t kFirstDate = 8, kDates = 8;  // from the box type, in bytes
+    for (const std::string_view type : {"mvhd", "tkhd", "mdhd"}) {
+        auto at = file.begin();
+        while ((at = std::search(at, file.end(), type.begin(), type.end())) != file.end()) {
+            if (file.end() - at < kFirstDate + kDates) break;
+            std::fill_n(at + kFirstDate, kDates, uint8_t{0});
+            at += kFirstDate;
+        }
+    }
+    return file;
 }
 
 Input::Input(View bytes)

@@ -42,6 +42,9 @@ class Choices {
     size_t at_ = 0;
 };
 
+// A file without when it was made: the dates in the headers of the movie, the tracks and the media.
+Bytes without_dates(Bytes file);
+
 // A file and the choices after it.
 struct Input {
     explicit Input(View bytes);
