@@ -192,6 +192,7 @@ REFUSED = [
     ("extract --arivin 5 x ar", 2, "did you mean '--arriving'?"),
     ("extract x", 2, "MODE is missing; usage: kestrel extract FILE MODE"),
     ("hint x", 2, "--output is missing; usage: kestrel hint FILE --output OUT"),
+    ("send x", 2, "--to is missing; usage: kestrel send FILE --to HOST:PORT"),
     ("report x", 2, "--output"), ("check", 2, "FILE"), ("pack -o out", 2, "a STREAM"),
     ("extract x ar y", 2, "not expected: 'y'"),
     ("extract x ar -o", 2, "-o needs OUT after it"),
@@ -296,7 +297,7 @@ class Usage(ToolTest):
             with self.subTest(line=line):
                 result = run(*shlex.split(line), cwd=self.scratch)
                 self.assert_fails(result, code, message)
-                if code == 2:
+                if code == 2 or line.startswith("inspect"):
                     self.assertEqual(result.stdout, b"")
                 self.assertEqual({path: path.read_bytes() for path in self.scratch.iterdir()
                                   if path.is_file()}, there)
@@ -305,12 +306,13 @@ class Usage(ToolTest):
         text = run("--help").stdout.decode()
         self.assertEqual(run("help").stdout.decode(), text)
         for command in ["extract", "info", "inspect", "unpack", "packets", "boxes", "report",
-                        "check", "hint"]:
+                        "check", "hint", "pack", "send"]:
             self.assertIn(command, text)
             about = run(command, "--help").stdout
             self.assertEqual(run("help", command).stdout, about)
             # The parser's own words do not show.
             self.assertNotRegex(about.decode(), "TEXT|UINT|REQUIRED|SUBCOMMAND|Positionals")
+            self.assertIn("\nExit status: 0 ", about.decode())
             options = about.decode().split("Options:")[1].split("\n\n")[0].splitlines()
             self.assertLessEqual(max(map(len, options)), 80)
         self.assertRegex(run("--version").stdout.decode(), r"^kestrel \d+\.\d+\.\d+\n$")

@@ -158,8 +158,7 @@ void add_pack(CLI::App& app) {
     command->add_flag("--hint", options->hint,
                       "Add hint tracks with the RTP packets that the streams have");
     command->footer(
-        "A stream that is damaged or cut is packed as far as it is whole; the exit status is 1 "
-        "then.");
+        "Of a stream that is damaged or cut, what comes before is packed, and the command fails.");
     command->callback([options] { pack(*options); });
 }
 

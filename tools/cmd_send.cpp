@@ -145,19 +145,21 @@ void add_send(CLI::App& app) {
         ->add_option("--to", options->to,
                      "Where to send: the first track to PORT, which is even, its RTCP to the\n"
                      "port after it, and so on with two ports a track")
-        ->type_name("HOST:PORT")
+        ->option_text("HOST:PORT")
         ->required();
     add_output(command, "--sdp", options->description, "Write the session description for a player")
         ->type_name("OUT");
-    command->add_option("--from", options->from, "Begin at the sync sample of this time")
+    command
+        ->add_option("--from", options->from,
+                     "Begin at the last sync sample at or before this time, in milliseconds")
         ->type_name("MS");
-    command->add_option("--speed", options->speed, "Send so many times as fast")
-        ->type_name("X")
+    command->add_option("--speed", options->speed, "Send X times as fast: from 0.01 to 1000")
+        ->option_text("X")
         ->check(CLI::Range(0.01, 1000.0));
     command->add_flag("--loop", options->loop, "Begin again at the end, until Ctrl-C");
     command->footer(
-        "Plays the hint tracks of FILE. Where it has none, or such that no receiver can\n"
-        "decode, new ones are made.");
+        "Sends the packets of the hint tracks of FILE. If it has none, or one that receivers\n"
+        "cannot decode, the packets are made anew.");
     command->callback([options] { send(*options); });
 }
 

@@ -40,6 +40,9 @@ int run(int argc, char** argv) {
                                    "Print the library's own lines on the file");
         command->add_flag_callback("--quiet", tool::Progress::silence,
                                    "Show no progress on a terminal");
+        const std::string footer = command->get_footer();
+        if (footer.find("Exit status") == std::string::npos)
+            command->footer(footer + "\n" + exit_status);
     }
     app.footer("'kestrel help COMMAND' explains a command, 'kestrel version' shows the version.\n" +
                exit_status);

@@ -170,14 +170,14 @@ Record NativeWalk::header_record(const char* name) {
 // --- header records ---
 
 void NativeWalk::first_record() {
-    const auto first = header_record<PROP_Header_Info>("PROP_Header_Info");
+    StreamRecord shown;
+    const auto first = take_record<PROP_Header_Info>("PROP_Header_Info", shown);
+    if (is_box_type(&first.medium[4]))
+        damaged(0, "this is a 3GP file; extract a track of it first");
+    sink_.record(shown);
     is_audio_ = std::memcmp(first.medium, kAudioMedium, sizeof first.medium) == 0;
     const bool video = std::memcmp(first.medium, kVideoMedium, sizeof first.medium) == 0;
-    if (!is_audio_ && !video) {
-        damaged(0, is_box_type(&first.medium[4])
-                       ? "this is a 3GP file; extract a track of it first"
-                       : "the stream does not begin with the name of a medium");
-    }
+    if (!is_audio_ && !video) damaged(0, "the stream does not begin with the name of a medium");
     if (first.constant != kPropConstant) damaged(12, "the constant of the first record is not 10");
     declared_length_ = first.header_length;
     padding_ = first.padding;
