@@ -15,7 +15,7 @@
 
 namespace tool {
 
-// Limit of hint tracks in a capture: each has a packet in memory and a port.
+// Limit of the hint tracks in a capture: each has a packet in memory and a port.
 inline constexpr size_t kMaxCapturedTracks = 64;
 
 // Writes the packets of all tracks in the order of their times, and returns their number. The
@@ -23,7 +23,7 @@ inline constexpr size_t kMaxCapturedTracks = 64;
 // the output would exceed `limit` bytes.
 std::optional<uint64_t> write_capture(HintTracks& tracks, uint64_t limit, Output& output);
 
-// Returns where its packets go.
+// Returns the destination of its packets.
 SessionAddress capture_address();
 
 }  // namespace tool

@@ -14,8 +14,8 @@
 #include "tools/judge/verdict_json.h"
 #include "tools/support.h"
 
-// What plays of many files, for scripts. Each file is judged in a process of its own, several at a
-// time, and the lines come in the order of the files.
+// Which of many files play, for scripts. Each file is judged in a separate process, several at a
+// time, and the lines are in the order of the files.
 
 namespace tool {
 namespace {
@@ -32,11 +32,7 @@ struct Options {
 
 // --- judging one file ---
 
-// What is found of a file, as its process passes it on:
-//   reason    of the whole file, where no medium was found or tracks may be missing
-//   message   for standard error
-//   fatal     why the run cannot go on
-//   verdicts  as `describe` has them, and the bare `command` of a fix
+// The result of a file, in the form that its process passes:
 class FileCheck {
   public:
     FileCheck(const Options& options, const std::string& path, Clock::time_point deadline)
@@ -162,7 +158,7 @@ class Checker {
              std::nullopt});
     }
 
-    // A file that takes long holds up the lines of those after it, which wait in memory.
+    // A slow file delays the lines of the files after it, which wait in memory.
     bool may_start() const {
         constexpr size_t kMaxWaiting = 1000;
         const auto at_work =
@@ -170,7 +166,7 @@ class Checker {
         return static_cast<size_t>(at_work) < options_.processes && running_.size() < kMaxWaiting;
     }
 
-    // Takes what the processes pass on, until one ends or a moment has passed.
+    // Reads the reports until a process ends or a short time has passed.
     void wait() {
         std::vector<pollfd> ready;
         std::vector<Running*> at_work;
@@ -231,7 +227,7 @@ class Checker {
         if (options_.json) keep_json(found, file.path, plays);
     }
 
-    // True when no API was asked to play it, or one does.
+    // Whether no API was selected, or a selected one plays it.
     bool print_medium(MediaKind kind, const Json& verdicts, const std::string& file) {
         std::map<std::string, std::string> reasons{{"function", "-"}, {"class", "-"}};
         std::string fix = "-", first;

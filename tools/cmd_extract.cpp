@@ -29,7 +29,7 @@ struct Options {
     bool unpack = false;
 };
 
-// What is played, of either API.
+// The source that is played, with either API.
 class Player {
   public:
     Player() = default;
@@ -37,11 +37,11 @@ class Player {
     Player& operator=(const Player&) = delete;
     virtual ~Player() = default;
 
-    // Reads into the buffer, which grows where a chunk asks for more room.
+    // Reads into the buffer, which grows when a call needs more.
     virtual int32_t read(std::vector<uint8_t>& buffer, uint32_t& size, bool arriving) = 0;
-    // Whether more data may undo the failure of a read.
+    // Whether more data may resolve the failure of a read.
     virtual bool may_arrive(int32_t status, uint32_t size) const = 0;
-    // What was ready before a read that failed, put into the buffer; its size.
+    // Puts the bytes that were ready before a failed read into the buffer. Returns their number.
     virtual uint32_t rest(std::span<uint8_t>, bool /*arriving*/) { return 0; }
 };
 
@@ -75,8 +75,7 @@ class ClassPlayer final : public Player {
         return static_cast<int32_t>(object_->ReadChunk(buffer.data(), &size, arriving));
     }
     bool may_arrive(int32_t status, uint32_t) const override { return status == KST_NOT_YET; }
-    // A read that failed delivers nothing of what it asked for; less of it may be had. Powers of
-    // two come to any amount.
+    // A failed read delivers nothing; a smaller one may succeed. Powers of two add up to any size.
     uint32_t rest(std::span<uint8_t> buffer, bool arriving) override {
         uint32_t had = 0;
         const auto most = static_cast<uint32_t>(buffer.size() - 1);
@@ -103,7 +102,7 @@ uint32_t sync_flag(Sync sync) {
     }
 }
 
-// Seeks and reports the result, waiting for the place to arrive.
+// Seeks and reports the result; waits for the target to arrive.
 void seek(C3gpInterface& player, kst_host* host, const Options& options) {
     for (;;) {
         const bool complete = kst_host_is_complete(host) != 0;
@@ -125,7 +124,7 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
     }
 }
 
-// What a mode string names; the last letter holds.
+// The medium of a mode string; the last letter counts.
 MediaKind kind_of(const std::string& mode) {
     return mode.find_last_of("aA") + 1 > mode.find_last_of("vV") + 1 ? MediaKind::kAudio
                                                                      : MediaKind::kVideo;
@@ -154,7 +153,7 @@ std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {
     return std::make_unique<FunctionPlayer>(std::move(handle));
 }
 
-// Rebuilds the media file of the stream as it comes.
+// Rebuilds the media file from the stream.
 class Unpacking {
   public:
     explicit Unpacking(Output& output) : media_(output), walk_(media_) {}
@@ -166,7 +165,7 @@ class Unpacking {
         if (!damage_) check([&] { walk_.finish(); });
         media_.finish();
     }
-    // Throws where the media file lacks something of the stream.
+    // Throws when the media file lacks a part of the stream.
     void require_all(const std::string& input, const std::string& kept) const {
         if (damage_) throw damage_error(input + ": its stream", *damage_, kept);
         if (!media_.lacks().empty()) throw file_error(input, media_.lacks() + kept);
@@ -209,11 +208,11 @@ class StreamOutput {
         delivered_ += bytes.size();
         tally_.take(bytes);
     }
-    // Passes on what was taken, if somebody may wait for it.
+    // Passes the bytes on if a reader may wait for them.
     void flush() {
         if (direct_) direct_->finish();
     }
-    // Keeps what was made.
+    // Keeps the output.
     void finish() {
         if (unpacking_) unpacking_->finish();
         if (direct_) direct_->finish();
@@ -263,7 +262,7 @@ int32_t deliver(Player& player, kst_host* host, const std::string& input, Stream
             }
             return status;
         }
-        output.flush();  // whoever reads the stream need not wait with us
+        output.flush();  // a reader gets the bytes at once
         if (kst_host_wait(host) == KST_HOST_FAULT) throw input_error(input);
     }
 }

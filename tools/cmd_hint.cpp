@@ -4,8 +4,8 @@
 #include "tools/output_stream.h"
 #include "tools/support.h"
 
-// Copies a file and adds an RTP hint track for each medium that has a payload format: the call of
-// the companion library, from file to file.
+// Copies a file and adds an RTP hint track for each medium with a payload format, through the
+// companion library.
 
 namespace tool {
 namespace {
@@ -46,8 +46,7 @@ struct Options {
 void hint(const Options& options) {
     Host host = open_host(options.input);
     wait_for_all(host.get());
-    // Nothing goes to the output before the last packet was planned, so a file that is refused
-    // leaves none.
+    // Nothing is written before the last packet was planned, so a refused file leaves no output.
     OutputStream stream(options.output, options.input);
     Progress progress;
     kst_hint_options how = {};
@@ -60,7 +59,7 @@ void hint(const Options& options) {
     report.struct_size = sizeof report;
     const int result = kst_hint(kst_host_callbacks(host.get()), stream.table(), &how, &report);
     progress.clear();
-    stream.rethrow_failure();  // what the system said of a write
+    stream.rethrow_failure();  // the system's error of a write
     if (result != KST_HINT_DONE) refuse(options, result, report.error);
     stream.finish();
     if (report.left_out[0] != '\0') say(input_name(options.input) + ": " + report.left_out);

@@ -11,7 +11,7 @@
 #include "tools/report/markup.h"
 #include "tools/support.h"
 
-// What a file holds, and what of it can be played.
+// The contents of a file, and which of its media play.
 
 namespace tool {
 namespace {

@@ -39,7 +39,7 @@ struct AsJson {
     Json operator()(const std::string& text) const { return text.substr(0, text.find('\0')); }
 };
 
-// What a code number stands for (docs/native-format.md); empty for a number that is none.
+// The meaning of a code number (docs/native-format.md); empty for none.
 std::string meaning(const stream::StreamRecord& record, const std::string& field, uint32_t value) {
     static const std::map<std::pair<std::string, uint32_t>, const char*> kCodes = {
         {{"coding", 26}, "4.75 kbit/s"},
@@ -82,7 +82,7 @@ class TextSink final : public stream::RecordSink {
     }
 };
 
-// Prints the records as they come: a stream may be larger than the memory.
+// Prints the records one by one: a stream may be larger than the memory.
 class JsonSink final : public stream::RecordSink {
   public:
     void record(const stream::StreamRecord& record) override {

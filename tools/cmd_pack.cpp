@@ -74,7 +74,7 @@ std::string counted(uint64_t count, const char* what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-// What the file lacks of a stream; empty for nothing.
+// Returns what the file lacks of a stream; empty for nothing.
 std::string lacks(const Input& input, const kst_pack_stream& about) {
     std::string out;
     if (about.damage[0] != '\0') {
@@ -131,7 +131,7 @@ void pack(const Options& options) {
     report.struct_size = sizeof report;
     const int result = kst_packer_write(packer.get(), output.table(), &report);
     progress.clear();
-    output.rethrow_failure();  // what the system said of a write
+    output.rethrow_failure();  // the system's error of a write
     if (result != KST_PACK_DONE && result != KST_PACK_CUT) {
         refuse(options, inputs, result, report);
     }

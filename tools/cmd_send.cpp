@@ -94,7 +94,7 @@ void write_description(const Options& options, const UdpAddress& to, uint16_t fi
     output.finish();
 }
 
-// Empty when somebody listened to all packets, as far as the system says.
+// Empty when all packets were received, as far as the system reports.
 std::string refused_text(const Options& options, const Sender& sender) {
     if (sender.refused() == 0) return "";
     return printable(options.to) + ": nobody listened to " + std::to_string(sender.refused()) +

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Parses the command line, and explains mistakes in it.
+// Parses the command line, and explains errors in it.
 #ifndef KESTREL_TOOLS_COMMAND_LINE_H
 #define KESTREL_TOOLS_COMMAND_LINE_H
 

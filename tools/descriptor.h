@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A file descriptor that closes itself.
+// A file descriptor that is closed by its destructor.
 #ifndef KESTREL_TOOLS_DESCRIPTOR_H
 #define KESTREL_TOOLS_DESCRIPTOR_H
 

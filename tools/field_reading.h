@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fields of boxes as people read them: dates, pixels, languages, seconds.
+// Texts for fields of boxes: dates, pixels, languages, seconds.
 #ifndef KESTREL_TOOLS_FIELD_READING_H
 #define KESTREL_TOOLS_FIELD_READING_H
 
@@ -12,12 +12,12 @@ namespace tool {
 // "2026-11-22T01:02:03Z" of seconds since the beginning of 1904.
 std::string date_text(uint64_t seconds);
 
-// Reads the fields of a tree's boxes in their order, as one says how to read another.
+// Reads the fields of a tree's boxes in order, because a field may define how to read another one.
 class FieldReading {
   public:
     void begin_box(std::string_view type);
 
-    // Empty for a number that needs no more.
+    // Returns an empty text for a plain number.
     std::string of(std::string_view field, int64_t value);
 
   private:

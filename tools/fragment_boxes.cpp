@@ -90,7 +90,7 @@ constexpr std::array kKinds = {Kind{"mfhd", read_mfhd}, Kind{"mehd", read_mehd},
                                Kind{"trex", read_trex}, Kind{"tfhd", read_tfhd},
                                Kind{"tfdt", read_tfdt}, Kind{"trun", read_trun}};
 
-// How many of the bytes at `offset` there are.
+// Reads the bytes at `offset`. Returns how many are available.
 size_t read_bytes(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset, std::span<uint8_t> to) {
     if (offset > UINT32_MAX) return 0;
     uint32_t got = 0;
@@ -110,7 +110,7 @@ void read_fields(KST_IOSTREAM_CALLBACK_INTERFACE* stream, FragmentBox& box) {
     kind->read(reader);
 }
 
-// The boxes of one level; those of a track fragment as well, which do not nest.
+// Returns the boxes of one level, and those of track fragments, which do not nest.
 std::vector<FragmentBox> read_level(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset,
                                     uint64_t size, bool opens_tracks) {
     std::vector<FragmentBox> boxes;

@@ -25,10 +25,10 @@ struct FragmentBox {
     std::vector<FragmentBox> children;
 };
 
-// True for the boxes that read_fragment_boxes() opens: `moof` and `mvex`.
+// Whether read_fragment_boxes() reads boxes of the type: `moof` and `mvex`.
 bool has_fragment_boxes(std::string_view type);
 
-// The boxes in the box of `size` bytes at `offset`, as far as they are whole.
+// Returns the whole boxes in the box of `size` bytes at `offset`.
 std::vector<FragmentBox> read_fragment_boxes(KST_IOSTREAM_CALLBACK_INTERFACE* stream,
                                              uint64_t offset, uint64_t size);
 

@@ -30,12 +30,12 @@ class HintPackets {
     // Returns the next packet, valid until the next call; empty at the end and if the hint track
     // is damaged. Memory is held from the first packet to the end.
     std::span<const uint8_t> next();
-    // The hint sample (from 0) of the packet that came last.
+    // Returns the hint sample (from 0) of the last packet.
     int32_t sample() const { return sample_; }
-    // Goes to the first packet of a hint sample.
+    // Moves to the first packet of a hint sample.
     void go_to(int32_t sample);
 
-    // After the last packet: reports what was left out, without a full stop; else empty.
+    // After the last packet: returns what was left out, without a full stop; else an empty text.
     std::string lacks() const;
 
   private:
@@ -55,7 +55,7 @@ using HintTracks = std::vector<std::unique_ptr<HintPackets>>;
 // Readers of these hint tracks.
 HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> hints);
 
-// What all of them left out, separated by semicolons.
+// Returns what all of them left out, separated by semicolons.
 std::string lacks_of(const HintTracks& tracks);
 
 }  // namespace tool

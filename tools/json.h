@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// JSON as the tool prints it.
+// The JSON of the tool.
 #ifndef KESTREL_TOOLS_JSON_H
 #define KESTREL_TOOLS_JSON_H
 
@@ -19,7 +19,7 @@ inline std::string json_text(const Json& value, size_t margin = 0) {
     return text;
 }
 
-// The same in one line.
+// Returns the same in one line.
 inline std::string json_line(const Json& value) {
     return value.dump(-1, ' ', true, Json::error_handler_t::replace);
 }

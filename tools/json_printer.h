@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// JSON that is printed value by value, where all of it would take too much memory.
+// Printing JSON value by value, without holding all of it in memory.
 #ifndef KESTREL_TOOLS_JSON_PRINTER_H
 #define KESTREL_TOOLS_JSON_PRINTER_H
 
@@ -13,7 +13,7 @@
 
 namespace tool {
 
-// Prints values as they come, in the form of json_text: a tree may be many times the tables.
+// Prints values in the form of json_text. A tree can be many times as large as the tables.
 class JsonPrinter {
   public:
     void text(std::string_view name, const std::string& value) {

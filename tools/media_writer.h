@@ -21,11 +21,11 @@ class MediaWriter final : public kestrel::stream::RecordSink {
     void header(const kestrel::stream::StreamHeader& header) override;
     void speech_frame(std::span<const uint8_t> frame) override;
     void video_packet(const kestrel::stream::VideoPacket& packet) override;
-    // Writes what was held back.
+    // Writes the bytes that were kept.
     void finish();
 
     bool made_any() const { return made_any_; }
-    // What the medium lacks: "2 packets are missing"; empty for nothing.
+    // Returns what the medium lacks: "2 packets are missing"; empty for nothing.
     std::string lacks() const;
 
   private:

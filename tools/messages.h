@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Lines on standard error: the tool's own messages, and the remarks that the library makes there.
+// Lines on standard error: the tool's messages, and the remarks of the library.
 #ifndef KESTREL_TOOLS_MESSAGES_H
 #define KESTREL_TOOLS_MESSAGES_H
 
@@ -10,23 +10,23 @@
 
 namespace tool {
 
-// Prints "kestrel: TEXT" as one line, whatever the text holds.
+// Prints "kestrel: TEXT" as one line, for any text.
 void say(std::string_view text);
 
-// Standard error for what is no message, such as a line of progress.
+// Standard error for other output than messages, such as a progress line.
 std::FILE* error_stream();
 
-// From here on what the library writes to `stderr` is a remark: it is printed as
-// "kestrel: FILE: REMARK" when remarks are wanted, and kept by an ErrorCapture. An exit that the
-// library makes in the middle of a command prints its last remark, as nothing else says why.
+// Makes lines that the library writes to `stderr` remarks: they are printed as "kestrel: FILE:
+// REMARK" if requested, and captured by an ErrorCapture. An exit of the library during a command
+// prints its last remark, which is the only explanation.
 void take_over_remarks();
 void show_remarks();
-// Which file remarks are about from here on.
+// Sets the file of the next remarks.
 void set_remark_file(const std::string& name);
-// The command came to its own end: the exit that follows is the tool's.
+// Reports that the command has ended, so that the exit is the tool's.
 void expect_exit();
 
-// Keeps the remarks made while it lives. One at a time.
+// Captures remarks while it exists. One at a time.
 class ErrorCapture {
   public:
     ErrorCapture();
@@ -34,7 +34,7 @@ class ErrorCapture {
     ErrorCapture& operator=(const ErrorCapture&) = delete;
     ~ErrorCapture();
 
-    // Ends the capture. The first few lines, each once, and none longer than 255 characters.
+    // Ends the capture. Returns the first few lines, each once and with at most 255 characters.
     std::vector<std::string> lines();
 
   private:

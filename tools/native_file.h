@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Native streams in files, as commands walk them.
+// Reading native streams from files.
 #ifndef KESTREL_TOOLS_NATIVE_FILE_H
 #define KESTREL_TOOLS_NATIVE_FILE_H
 
@@ -16,7 +16,7 @@ struct WalkedFile {
     std::optional<kestrel::stream::Damage> damage;
 };
 
-// Walks a native stream, of standard input for "-", to its end or to the first damaged place.
+// Walks a native stream, from standard input for "-", to its end or to the first damaged place.
 WalkedFile walk_file(const std::string& path, kestrel::stream::RecordSink& sink);
 
 // "FILE: damaged from byte N on: REASON" and more.

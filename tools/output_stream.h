@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A stream table for the writer over an output of the tool. It takes bytes in order only.
+// A stream table that writes to an output of the tool, in order only.
 #ifndef KESTREL_TOOLS_OUTPUT_STREAM_H
 #define KESTREL_TOOLS_OUTPUT_STREAM_H
 
@@ -12,7 +12,7 @@ namespace tool {
 
 class OutputStream {
   public:
-    // The output is created with the first bytes; a path that is `input` is refused then.
+    // Creates the output with the first bytes. Refuses a path that is `input`.
     OutputStream(std::string path, std::string input);
     OutputStream(const OutputStream&) = delete;
     OutputStream& operator=(const OutputStream&) = delete;
@@ -22,11 +22,11 @@ class OutputStream {
     // Shows how much was written; `progress` must outlive the object.
     void show(Progress& progress) { progress_ = &progress; }
 
-    // Takes no more bytes.
+    // Refuses more bytes.
     void refuse() { refuses_ = true; }
 
-    // Completes the output. Throws the error that ended writing. An output that is not completed
-    // is removed: a part of it could be taken for the whole.
+    // Completes the output. Throws the error that ended writing. Removes an output that is not
+    // completed, which could be mistaken for a whole one.
     void finish();
 
     // Throws the error that ended writing, if there is one.

@@ -12,7 +12,7 @@
 
 namespace tool {
 
-// Of a session: each track has two ports, RTP on the first.
+// The addresses of a session. Each track has two ports, RTP on the first.
 struct SessionAddress {
     std::string origin;      // "IN IP4 192.0.2.1", of the sender
     std::string connection;  // the same, of the receiver
@@ -20,11 +20,11 @@ struct SessionAddress {
     uint64_t id = 0;  // of the session
 };
 
-// The description of a session of that name in which the tracks go to the address.
+// Returns the description of a session in which the tracks are sent to the address.
 std::string describe_session(const std::string& name, const SessionAddress& address,
                              const HintTracks& tracks);
 
-// True when the text of the hint track describes its payload so that a receiver can decode it.
+// Whether the text of the hint track describes its payload so that a receiver can decode it.
 bool is_described(const iso_track* hint);
 
 }  // namespace tool

@@ -71,7 +71,7 @@ Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
         mm_Interface* handle = nullptr;
         status = kst_Open(&handle, kst_host_callbacks(host), mode.c_str());
         if (status == KST_SUCCESS) return Handle(handle);
-        // What is missing may be the part of the file that has not arrived.
+        // The missing data may still arrive.
         refuse_failed(host, "input");
         if (status != KST_FAILURE || complete) return nullptr;
         progress.announce("waiting for the movie box");
@@ -177,7 +177,7 @@ void hold_standard_streams() {
 
 void finish_standard_output() {
     if (std::fflush(stdout) != 0) throw system_error("standard output");
-    // An earlier piece; its reason is gone.
+    // An earlier piece failed; its reason is lost.
     if (std::ferror(stdout) != 0) throw Error("standard output: not all of it could be written");
 }
 
@@ -190,7 +190,7 @@ void read_pieces(const std::string& path,
     std::vector<uint8_t> piece(kPiece);
     for (;;) {
         pollfd ready{descriptor, POLLIN, 0};
-        static_cast<void>(poll(&ready, 1, -1));  // for a pipe that does not block
+        static_cast<void>(poll(&ready, 1, -1));  // waits for a non-blocking pipe too
         const ssize_t got = read(descriptor, piece.data(), piece.size());
         if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (got < 0) throw system_error(path);

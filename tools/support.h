@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the commands of the tool share: hosts, handles and outputs that close themselves, and
-// errors.
+// Shared by the commands of the tool: hosts, handles and outputs that close themselves, and errors.
 #ifndef KESTREL_TOOLS_SUPPORT_H
 #define KESTREL_TOOLS_SUPPORT_H
 
@@ -37,7 +36,7 @@ struct Error : std::runtime_error {
     ExitCode exit_code;
 };
 
-// What a path is called in messages: "standard input" for "-".
+// The name of a path in messages: "standard input" for "-".
 std::string input_name(const std::string& path);
 
 // The same of an output: "standard output" for "-".
@@ -49,7 +48,7 @@ Error file_error(const std::string& file, const std::string& text, ExitCode code
 // "FILE: TEXT", with the reason that the system left in errno.
 Error system_error(const std::string& file);
 
-// The same for a file that is read through a host, which takes up to 4 GiB - 1.
+// Like file_error, for a file that is read through a host, which has a limit of 4 GiB - 1.
 Error input_error(const std::string& file);
 
 // "FILE: TEXT (NUMBER)" of a library status.
@@ -60,8 +59,8 @@ struct HostCloser {
 };
 using Host = std::unique_ptr<kst_host, HostCloser>;
 
-// A host for a path ("-" is standard input, as it arrives), or for a file that grows by `arriving`
-// bytes at each retry.
+// Makes a host for a path ("-" is standard input, as it arrives), or for a file that grows by
+// `arriving` bytes at each retry.
 Host open_host(const std::string& path, std::optional<uint32_t> arriving = std::nullopt);
 
 struct HandleCloser {
@@ -69,32 +68,32 @@ struct HandleCloser {
 };
 using Handle = std::unique_ptr<mm_Interface, HandleCloser>;
 
-// Throws the system's error where the host failed for good.
+// Throws the system's error after a permanent failure of the host.
 void refuse_failed(const kst_host* host, const std::string& input);
 
-// Opens a track, waiting for more of a file that is still arriving. Null when it cannot be opened;
-// `status` is the reason.
+// Opens a track; waits for a file that is still arriving. Returns null when it cannot be opened,
+// with the reason in `status`.
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status);
 
 using ClassObject = std::unique_ptr<C3gpInterface>;
 
-// The same on the class API.
+// The same with the class API.
 ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status);
 
-// Waits until all of a file that is still arriving is there, and shows how much has come.
+// Waits until the whole file has arrived.
 void wait_for_all(kst_host* host);
 
-// Reads a file's boxes, all of it waited for. `callbacks` must outlive the record.
+// Waits for the whole file and reads its boxes. `callbacks` must outlive the record.
 IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks);
 
 // Refuses an output that is the file `input`.
 void refuse_input_as_output(const std::string& path, const std::string& input);
 
-// Refuses "-" as an output for bytes where standard output is a terminal.
+// Refuses "-" as an output for bytes if standard output is a terminal.
 void refuse_terminal(const std::string& path);
 
-// A file that is written, or standard output for "-". What was written stays when the command
-// fails.
+// A file that is written, or standard output for "-". Output that was written remains when the
+// command fails.
 class Output {
   public:
     // Refuses to overwrite `input`. Symbolic links: see find_output_place.
@@ -106,7 +105,7 @@ class Output {
     ~Output();
 
     void write(std::span<const uint8_t> bytes);
-    // Writes what is buffered out; a full disk is reported here at the latest.
+    // Flushes the output. A full disk is reported here at the latest.
     void finish();
     uint64_t written() const { return written_; }
     int descriptor() const { return fileno(file_); }
@@ -122,18 +121,18 @@ class Output {
     uint64_t written_ = 0;
 };
 
-// Opens something in place of each standard stream that is closed, of which all reads and writes
-// fail, so that no file gets the number of one.
+// Opens a descriptor for each closed standard stream, so that no file gets its number. All reads
+// and writes of these descriptors fail.
 void hold_standard_streams();
 
-// Writes out what waits for standard output; throws when not all of it could be written.
+// Flushes standard output. Throws when not all of it could be written.
 void finish_standard_output();
 
-// Passes the bytes of a file, or of standard input for "-", to `take` piece by piece as they come.
+// Passes the bytes of a file, or of standard input for "-", to `take` in pieces as they arrive.
 void read_pieces(const std::string& path,
                  const std::function<void(std::span<const uint8_t>)>& take);
 
-// A line on the terminal for work that takes longer than a moment; nothing anywhere else.
+// A progress line on a terminal for long work; nothing elsewhere.
 class Progress {
   public:
     // What the command writes to standard output meanwhile. Lines show by themselves that it goes
@@ -145,7 +144,7 @@ class Progress {
     Progress& operator=(const Progress&) = delete;
     ~Progress();
 
-    // From here on there is no such line.
+    // Ends the line.
     static void silence();
 
     void show(const kst_host* host, uint64_t written);
@@ -156,7 +155,7 @@ class Progress {
     void show_time();  // since this object was made
     // Shows at once what is waited for.
     void announce(const char* what);
-    // Takes the line away, for something else to be printed.
+    // Removes the line before other output.
     void clear();
 
     // A kst_hint_progress; its context is an object of this class.
@@ -172,7 +171,7 @@ class Progress {
     Clock::time_point next_;
 };
 
-// Two lower-case digits a byte.
+// Two lower-case digits per byte.
 std::string hex(std::span<const uint8_t> bytes);
 
 }  // namespace tool

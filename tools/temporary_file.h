@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files without a name, which go when the command ends.
+// Files without a name, which are removed when the command ends.
 #ifndef KESTREL_TOOLS_TEMPORARY_FILE_H
 #define KESTREL_TOOLS_TEMPORARY_FILE_H
 
@@ -8,10 +8,10 @@
 
 namespace tool {
 
-// A file in the folder for temporary files; none when there can be none.
+// Opens a file in the folder for temporary files; nothing on failure.
 Descriptor temporary_file();
 
-// Serves a temporary file; null when that fails.
+// Makes a host for a temporary file; null on failure.
 Host open_temporary(const Descriptor& file);
 
 // A stream table that writes to a descriptor, in order.

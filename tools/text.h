@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Texts that are not the tool's own: of files, streams, file names and command lines.
+// Texts from outside the tool: of files, streams, file names and command lines.
 #ifndef KESTREL_TOOLS_TEXT_H
 #define KESTREL_TOOLS_TEXT_H
 
@@ -21,14 +21,14 @@ Character first_character(std::string_view text);
 // the direction of writing, and code points that are no characters.
 bool is_shown(uint32_t code);
 
-// For a terminal: each byte of what is no UTF-8, or is not shown, becomes \xNN. A second call
-// changes nothing. Every text that is not the tool's own passes through here before it is printed.
+// For a terminal: each byte that is invalid UTF-8, or not printable, becomes \xNN. Applying it
+// twice changes nothing. Use it for every text from outside the tool before printing.
 std::string printable(std::string_view text);
 
 // The same for scripts: backslashes become \x5c, so that the text can be restored.
 std::string printable_word(std::string_view text);
 
-// The four characters of a code, as they are in a file.
+// The four characters of a code in file order.
 std::string code_text(uint32_t code);
 
 }  // namespace tool

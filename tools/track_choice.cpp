@@ -13,8 +13,7 @@ constexpr auto kPatience = std::chrono::seconds(10);
 constexpr uint32_t kTypeAt = 4;  // in a box
 constexpr std::array<uint8_t, 4> kFree = {'f', 'r', 'e', 'e'};
 
-// Whether a track is one of a medium; a track that the reader does not have is one by what the
-// importer says.
+// Whether a track is of a medium. For a track that the reader does not have, the importer decides.
 bool is_medium(const FileFacts& facts, uint32_t id, MediaKind kind) {
     for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next)
         if (track->track_id == id) return is_of(track, kind);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A file as if it had one media track alone.
+// A file that seems to have one media track only.
 #ifndef KESTREL_TOOLS_TRACK_CHOICE_H
 #define KESTREL_TOOLS_TRACK_CHOICE_H
 
@@ -12,26 +12,26 @@
 
 namespace tool {
 
-// Serves a file in which the boxes of its other media tracks have the type "free". Hint tracks
-// remain.
+// Makes a host of a file in which the boxes of all other media tracks have the type "free". Hint
+// tracks remain.
 class TrackChoice {
   public:
-    // Throws an Error where the file has no media track with that ID, or where that is not one of
-    // the medium.
+    // Throws an Error if the file has no media track with that ID, or the track is not of the
+    // medium.
     TrackChoice(const std::string& path, uint32_t track_id, MediaKind kind);
     TrackChoice(const TrackChoice&) = delete;
     TrackChoice& operator=(const TrackChoice&) = delete;
 
-    // Serves the file; complete.
+    // Returns the host; complete.
     kst_host* host() { return host_.get(); }
 
   private:
     static TrackChoice& of(void* context) { return *static_cast<TrackChoice*>(context); }
 
     void find_others(const std::string& path, uint32_t track_id, MediaKind kind);
-    // Has the host serve through the functions below.
+    // Makes the host use the functions below.
     void cover_table();
-    // Writes the type "free" over what was read of hidden types. `from` is the file offset.
+    // Writes the type "free" over hidden types in the bytes read. `from` is their file offset.
     void hide_types(uint32_t from, std::span<uint8_t> bytes) const;
 
     static uint32_t seek_n_read(void* context, void* data, uint32_t* count, int32_t offset);

@@ -22,13 +22,13 @@ class WholeOutput {
     WholeOutput(const std::string& path, const std::string& input);
     WholeOutput(const WholeOutput&) = delete;
     WholeOutput& operator=(const WholeOutput&) = delete;
-    // Removes an output without finish(). So does a signal that ends the process.
+    // Removes an output without finish(); so does a signal that ends the process.
     ~WholeOutput();
 
     void write(std::span<const uint8_t> bytes) { output_->write(bytes); }
-    // The output, for other functions; finish() below ends it.
+    // The output, for other functions; complete it with finish().
     Output& output() { return *output_; }
-    // Of an output that is not "-".
+    // For an output other than "-".
     const OutputPlace& place() const { return place_; }
     uint64_t written() const { return output_ ? output_->written() : 0; }
     void finish();

@@ -14,8 +14,8 @@
 #include "kestrel/kstutil.h"
 #include "native/codec/amr_format.h"
 
-// kst_hint: the tables are read, the packets of all samples planned, and the file is written, its
-// movie box first.
+// kst_hint: reads the tables, plans the packets of all samples, and writes the file with the movie
+// box first.
 
 namespace kestrel::hinter {
 namespace {
@@ -40,7 +40,7 @@ struct CloseFile {
     }
 };
 
-// A written track with what makes its samples.
+// A written track and the objects that make its samples.
 struct Medium {
     Written track;
     std::unique_ptr<MediaSamples> samples;
@@ -87,7 +87,7 @@ class Job {
     bool import() {
         importer::Options how;
         how.salvage = (options_.flags & KST_HINT_SALVAGE) != 0;
-        how.skip_hint_tracks = true;  // they are left out, or keep the file from being copied
+        how.skip_hint_tracks = true;  // they are dropped or refused
         importer::Result result = importer::import_movie(*host_, how, movie_);
         if (!result.ok) return outcome_.fail(result_of(result.cause), result.error);
         salvaged_ = std::move(result.salvaged);
@@ -95,7 +95,7 @@ class Job {
         return source_.open() || outcome_.fail(KST_HINT_SOURCE_FAILED, source_.error());
     }
 
-    // Samples that lie on top of each other would make a small file into a huge one.
+    // Overlapping samples would make a huge file from a small one.
     bool check_bytes() {
         uint64_t bytes = 0;
         for (const Choice& choice : choices_) {
@@ -257,7 +257,7 @@ class Job {
         return at != sample.size();
     }
 
-    // What would help a speech frame into a packet.
+    // Returns the advice for a speech frame longer than a packet.
     std::string limit_advice(const iso_track* track) const {
         constexpr uint32_t kLongestWideBandFrame = 74;  // headers, and 23.85 kbit/s for 20 ms
         if (track->codec != ISO_CODEC_SAWB || options_.max_packet >= kLongestWideBandFrame)
@@ -265,7 +265,7 @@ class Job {
         return "; a frame needs up to " + std::to_string(kLongestWideBandFrame);
     }
 
-    // The longest that a track's clock can count.
+    // The limit of a track's duration, as text.
     static std::string too_long_text(const iso_track* track) {
         const uint32_t minutes = UINT32_MAX / track->timescale / 60;
         return " lasts too long: it counts " + std::to_string(track->timescale) +
@@ -290,7 +290,7 @@ class Job {
     std::vector<Choice> choices_;
     uint32_t written_ = 0;  // bytes
     int next_payload_type_ = kFirstDynamicPayloadType;
-    // What the file refers to is ahead of it, so that it outlives the file.
+    // Declared before the file, so that they outlive it.
     std::vector<Medium> media_;
     std::unique_ptr<iso_file, CloseFile> file_;
 };
@@ -308,7 +308,7 @@ void put_text(char (&to)[Size], const std::string& text) {
     to[length] = '\0';
 }
 
-// What the caller gave of a record that may have grown since; false when it is none.
+// Copies a record of the caller that may have grown since; returns nothing for another record.
 template <typename Record>
 bool is_known(const Record* record) {
     return record->struct_size == sizeof(Record);

@@ -16,7 +16,7 @@ class Outcome {
     Outcome(const Outcome&) = delete;
     Outcome& operator=(const Outcome&) = delete;
 
-    // Keeps the first failure, and returns false.
+    // Stores the first failure, and returns false.
     bool fail(int result, const std::string& error);
     bool has_failed() const { return result_ != KST_HINT_DONE; }
     int result() const { return result_; }

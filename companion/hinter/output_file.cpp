@@ -23,7 +23,7 @@ bool is_written(const Choice& choice) {
     return choice.fate == Fate::kHinted || choice.fate == Fate::kCopied;
 }
 
-// A date in the 32 bits of version-0 boxes.
+// Returns a date in the 32 bits of version-0 boxes.
 uint32_t date(uint64_t seconds) {
     return static_cast<uint32_t>(std::min<uint64_t>(seconds, UINT32_MAX));
 }
@@ -36,7 +36,7 @@ T* keep(T* made) {
 
 // --- brands ---
 
-// Brands that declare what the output is not: a QuickTime file, or one in fragments.
+// Brands that are false for the output: a QuickTime file, or one with fragments.
 constexpr std::array kOtherForms = {fourcc("qt  "), fourcc("dash"), fourcc("msdh"), fourcc("msix"),
                                     fourcc("risx"), fourcc("lmsg"), fourcc("sims"), fourcc("cmfc"),
                                     fourcc("cmf2"), fourcc("cmff"), fourcc("cmfs"), fourcc("cmfl")};
@@ -49,7 +49,8 @@ bool is_brand(uint32_t code) {
     return std::find(kOtherForms.begin(), kOtherForms.end(), code) == kOtherForms.end();
 }
 
-// The brands of the source, its major one first; those of 3GP where it has none that hold.
+// Returns the brands of the source, its major brand first; those of 3GP when none of them is valid
+// for the output.
 void copy_brands(iso_file* file, const importer::Brands& from) {
     std::vector<uint32_t> codes = {from.major};
     for (const uint32_t code : from.compatible) {
@@ -82,8 +83,8 @@ bool fits(const importer::Track& track, uint32_t factor) {
            });
 }
 
-// The class API counts a whole number of units in a millisecond. A timescale of which that is not
-// true becomes the least multiple of which it is, where all times fit into 32 bits.
+// The class API counts a whole number of units per millisecond. Another timescale becomes its least
+// multiple with such a number, if all times fit in 32 bits.
 uint32_t factor_of(const iso_track* to, const importer::Track& track) {
     constexpr uint32_t kMilliseconds = 1000;
     const bool is_known =
@@ -122,7 +123,7 @@ void copy_sync_samples(iso_track* to, const importer::Track& from) {
 
 // --- boxes ---
 
-// Those who refer to a track that is not written would refer to nothing.
+// Removes references to tracks that are not written.
 void copy_references(Written& written, const std::vector<Choice>& choices) {
     const auto is_there = [&](uint32_t id) {
         return std::any_of(choices.begin(), choices.end(), [&](const Choice& choice) {
@@ -137,7 +138,7 @@ void copy_references(Written& written, const std::vector<Choice>& choices) {
     }
 }
 
-// The library reads one grouping of a track, in its first version.
+// The library reads one grouping of a track, in version 0 of its boxes.
 void copy_groups(Written& written) {
     constexpr size_t kVersion = 8;  // where it is in a box
     for (const importer::Group& group : written.from->groups) {
@@ -184,7 +185,7 @@ void describe_track(iso_track* to, const importer::Track& from) {
     details->display_height = from.height;
 }
 
-// Gives a whole box a header with a size of 32 bits, the only one that players know.
+// Changes the header of a box to a size of 32 bits, which all players read.
 void shorten_header(std::vector<uint8_t>& box) {
     if (box.size() >= kLargeBoxHeader && load_box_header(box.data()).size == kSizeIs64Bits) {
         box.erase(box.begin() + kBoxHeader, box.begin() + kLargeBoxHeader);
@@ -214,7 +215,7 @@ void describe_movie(iso_file* file, const importer::Movie& movie,
     file->timescale = movie.timescale;
     file->size_limit = UINT32_MAX;
     copy_brands(file, movie.brands);
-    // The longest track may have been dropped, and the object descriptor may name those that were.
+    // The longest track may be dropped, and the object descriptor may name dropped tracks.
     const bool is_whole = std::none_of(choices.begin(), choices.end(), [](const Choice& choice) {
         return choice.fate == Fate::kDropped;
     });

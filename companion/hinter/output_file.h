@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The records of what is written, made from what was read.
+// The records of the output, made from the source.
 #ifndef KESTREL_COMPANION_HINTER_OUTPUT_FILE_H
 #define KESTREL_COMPANION_HINTER_OUTPUT_FILE_H
 
@@ -21,10 +21,10 @@ struct Written {
     CopiedBoxes boxes;
 };
 
-// Gives the boxes that were read whole the headers that players know. Call it first.
+// Changes the headers of copied boxes to 32-bit sizes, which all players read. Call it first.
 void shorten_headers(importer::Movie& movie);
 
-// Both may throw std::bad_alloc. What they take from the movie must outlive the file.
+// Both may throw std::bad_alloc. The parts of the movie that they refer to must outlive the file.
 
 // The movie header and the brands.
 void describe_movie(iso_file* file, const importer::Movie& movie,

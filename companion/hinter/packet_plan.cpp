@@ -4,7 +4,7 @@
 namespace kestrel::hinter {
 namespace {
 
-// Small numbers of either sign become small ones without.
+// Maps signed numbers to unsigned ones so that small numbers stay small.
 uint32_t without_sign(int32_t number) {
     const auto bits = static_cast<uint32_t>(number);
     return number < 0 ? ~(bits << 1) : bits << 1;

@@ -16,14 +16,14 @@ namespace kestrel::hinter {
 class PacketPlan {
   public:
     void add(const HintPackets& packets);
-    // The packets of the next sample; only as often as there were samples.
+    // Returns the packets of the next sample. Call it once for each sample.
     void take(HintPackets& packets);
     // Begins again with the first sample.
     void rewind() { block_ = at_ = 0; }
 
   private:
-    // A number in groups of seven bits, the lowest first; the high bit of a byte says that more
-    // follow.
+    // Appends a number in groups of seven bits, the lowest first; the high bit of a byte is set
+    // when more follow.
     void put(uint32_t number);
     uint32_t get();
     std::span<const uint8_t> get_bytes(size_t count);
@@ -34,7 +34,7 @@ class PacketPlan {
     static constexpr size_t kBlock = 64 << 10;
 
     std::vector<std::vector<uint8_t>> blocks_;  // a sample's packets are in one
-    size_t block_ = 0, at_ = 0;                 // of the next sample to be taken
+    size_t block_ = 0, at_ = 0;                 // of the next sample
 };
 
 }  // namespace kestrel::hinter

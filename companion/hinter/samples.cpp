@@ -12,8 +12,8 @@ bool follows(const importer::Sample& sample, uint64_t end) {
     return sample.size == 0 || sample.offset == end;
 }
 
-// The samples from the first on that follow each other without a gap, in at most `most` bytes; the
-// first may be longer. Returns how many, and their bytes.
+// Counts the samples from the first on that follow each other without a gap in at most `most`
+// bytes; the first may be longer. Returns their number and bytes.
 size_t row_of(std::span<const importer::Sample> samples, uint64_t most, uint64_t& bytes) {
     const uint64_t begin = samples[0].offset;
     size_t count = 1;

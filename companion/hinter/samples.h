@@ -17,15 +17,15 @@
 
 namespace kestrel::hinter {
 
-// Reads runs of samples that follow each other in the source with few calls of the host.
+// Reads runs of adjacent samples of the source in few calls of the host.
 class SampleReader {
   public:
     SampleReader(importer::Source& source, Outcome& outcome) : source_(source), outcome_(outcome) {}
 
-    // A sample of a track, valid until the next call. Nothing when the source fails.
+    // Returns a sample of a track, valid until the next call; nothing when the source fails.
     std::optional<std::span<const uint8_t>> sample(std::span<const importer::Sample> track,
                                                    size_t number);
-    // Copies samples to the output; false when the source or the output fails.
+    // Copies samples to the output. Returns false when the source or the output fails.
     bool copy(std::span<const importer::Sample> samples, MediaOutput& output);
 
   private:
@@ -43,7 +43,8 @@ class SampleReader {
 // The samples of a media track. Times are those of the source multiplied by `factor`.
 class MediaSamples final : public SampleProvider {
   public:
-    // `first_description`: that of the source, from 0, which is the first of what is written.
+    // `first_description` is the first description of the output, as an index of the source, from
+    // 0.
     MediaSamples(const importer::Track& track, uint32_t factor, uint32_t first_description,
                  SampleReader& reader)
         : samples_(track.samples),
@@ -64,8 +65,8 @@ class MediaSamples final : public SampleProvider {
     SampleReader& reader_;
 };
 
-// The samples of a hint track, with the durations of the media samples. They are made twice: first
-// for their sizes, then from the plan of their packets, for writing.
+// The samples of a hint track, with the durations of the media samples. They are made twice: for
+// their sizes, then from the plan of their packets for writing.
 class HintSamples final : public SampleProvider {
   public:
     HintSamples(const MediaSamples& media, uint8_t payload_type);

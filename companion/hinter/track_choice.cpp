@@ -20,7 +20,7 @@ constexpr std::array kHintTypes = {fourcc("rtp "), fourcc("srtp"), fourcc("rrtp"
                                    fourcc("fdp "), fourcc("sm2t"), fourcc("rm2t")};
 constexpr std::array kPayloadTypes = {fourcc("samr"), fourcc("sawb"), fourcc("s263"),
                                       fourcc("mp4v"), fourcc("avc1")};
-constexpr uint32_t kLongestSample = 16 << 20;  // bytes that a player takes
+constexpr uint32_t kLongestSample = 16 << 20;  // bytes; limit of the players
 
 template <size_t Count>
 bool is_one_of(const std::array<uint32_t, Count>& types, uint32_t type) {
@@ -91,7 +91,8 @@ class Chooser {
 
     bool drops_others() const { return (flags_ & KST_HINT_DROP_OTHERS) != 0; }
 
-    // Reads a sample entry as the library will that plays what is written; null when it cannot.
+    // Reads a sample entry as the library does when it plays the output. Returns null when it
+    // cannot be read.
     const iso_track* read_entry(importer::Description& description) {
         iso_track* track = isoFFtrack(scratch_.get());
         if (track == nullptr) throw std::bad_alloc();
@@ -99,7 +100,8 @@ class Chooser {
         return read_sample_entry(track, description.box) ? track : nullptr;
     }
 
-    // Whether the track's medium has a payload format; false when it cannot be hinted nevertheless.
+    // Sets whether the track's medium has a payload format. Returns false when it cannot be hinted
+    // in spite of that.
     bool find_format(Choice& choice, bool& has_format) {
         importer::Track& track = *choice.track;
         if (!is_one_of(kPayloadTypes, type_of(track))) return true;
@@ -139,7 +141,7 @@ class Chooser {
         }
     }
 
-    // An entry that the library cannot read would keep it from all tracks.
+    // An entry that the library cannot read would make all tracks unreadable.
     bool check_entries(importer::Track& track) {
         for (importer::Description& description : track.descriptions) {
             if (read_entry(description) == nullptr) {

@@ -22,14 +22,14 @@ enum class Fate {
 struct Choice {
     importer::Track* track;
     Fate fate;
-    uint32_t description = 0;  // kHinted: the only one that samples have, from 0
+    uint32_t description = 0;  // kHinted: the one of all samples, from 0
 };
 
-// Decides about all tracks. Returns false if the source cannot be copied with these options.
+// Decides for all tracks. Returns false if the source cannot be copied with these options.
 bool choose_tracks(importer::Movie& movie, uint32_t flags, Outcome& outcome,
                    std::vector<Choice>& choices);
 
-// "track 3 (tx3g), track 4 (mp4a)" of those that were dropped.
+// Lists the dropped tracks: "track 3 (tx3g), track 4 (mp4a)".
 std::string dropped_text(const std::vector<Choice>& choices);
 
 }  // namespace kestrel::hinter

@@ -23,7 +23,7 @@ namespace {
 
 constexpr uint64_t kMaxBytes = std::numeric_limits<uint32_t>::max();
 
-// Where the bytes come from. read() is only asked for bytes that are available.
+// A source of bytes. read() is called for available bytes only.
 class Source {
   public:
     Source() = default;
@@ -34,20 +34,20 @@ class Source {
     virtual bool arriving() const { return false; }
     virtual bool complete() const { return true; }
     virtual uint32_t available() const = 0;
-    // The whole length, where it is known; false where it is not yet.
+    // Stores the whole length. Returns false while it is unknown.
     virtual bool length(uint32_t& size) const {
         size = available();
         return true;
     }
-    // False with errno set.
+    // Returns false with errno set.
     virtual bool read(void* data, uint32_t offset, uint32_t count) = 0;
     virtual int wait() { return KST_HOST_COMPLETE; }
     virtual bool write(const void*, uint32_t, uint32_t) { return false; }
     virtual const std::vector<uint8_t>* written() const { return nullptr; }
 };
 
-// Reads go through a few blocks that were read last, so that the many small reads of a player, here
-// of its packets' descriptions and there of the media, are few reads of the file.
+// Keeps a few recent blocks, because a player alternates between many small reads of packet
+// descriptions and of media.
 class FileSource final : public Source {
   public:
     FileSource(int fd, uint32_t size) : fd_(fd), size_(size) {}
@@ -90,7 +90,7 @@ class FileSource final : public Source {
         while (count > 0) {
             const ssize_t got = pread(fd_, to, count, static_cast<off_t>(offset));
             if (got < 0 && errno == EINTR) continue;
-            if (got == 0) errno = EIO;  // the file was cut while we read it
+            if (got == 0) errno = EIO;  // the file was truncated meanwhile
             if (got <= 0) return false;
             to += got;
             offset += static_cast<uint32_t>(got);
@@ -99,7 +99,7 @@ class FileSource final : public Source {
         return true;
     }
 
-    // The block that begins at `offset`; null when it cannot be read.
+    // Returns the block that begins at `offset`; null when it cannot be read.
     const Block* block_at(uint32_t offset) {
         Block* oldest = &blocks_[0];
         for (Block& block : blocks_) {
@@ -143,8 +143,8 @@ class MemorySource final : public Source {
     }
 
   private:
-    // A player continues after its last read, or close to it: what lies there is prefetched
-    // while the player is busy with what it has got. The more it read, the more it will.
+    // A player continues near its last read, so the bytes there are prefetched while the player
+    // works. The amount grows with the bytes read.
     void fetch_ahead(uint32_t from, uint32_t count) {
         constexpr uint32_t kMaxAhead = 4096;
         constexpr uint32_t kLine = 64;
@@ -158,7 +158,7 @@ class MemorySource final : public Source {
 
     const uint8_t* data_;
     uint32_t size_;
-    uint64_t fetched_ = 0;  // how far the memory was asked
+    uint64_t fetched_ = 0;  // end of the prefetched bytes
 };
 
 class WritableSource final : public Source {
@@ -247,7 +247,7 @@ int PipeSource::wait() {
     ssize_t got;
     do {
         pollfd ready{fd_, POLLIN, 0};
-        static_cast<void>(poll(&ready, 1, -1));  // so that a non-blocking pipe is waited for too
+        static_cast<void>(poll(&ready, 1, -1));  // waits for a non-blocking pipe too
         got = ::read(fd_, bytes_.data() + had, kPiece);
     } while (got < 0 && (errno == EINTR || errno == EAGAIN));
     bytes_.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
@@ -269,12 +269,12 @@ struct kst_host {
     std::unique_ptr<Source> source;
     uint32_t position = 0;
     uint32_t used = 0;
-    int failure = 0;  // errno of what failed for good
+    int failure = 0;  // errno of a permanent failure
     kestrel::hosts::MovieWatch movie;
     KST_IOSTREAM_CALLBACK_INTERFACE callbacks{};
 
-    // Reads what is there of `count` bytes at `offset`. While more is to come, a read that the
-    // available bytes do not cover is not-yet and reads nothing; past the end it is short.
+    // Reads the available part of `count` bytes at `offset`. While more can arrive, a read that is
+    // not fully available is not-yet and reads nothing; after the end it is short.
     uint32_t read_at(void* data, uint32_t offset, uint32_t count, uint32_t& got) {
         got = 0;
         const uint32_t there = source->available();
@@ -353,7 +353,7 @@ uint32_t check_status(void*, uint32_t* result, uint32_t status) {
     return KST_HOST_OK;
 }
 
-// Wraps a source in a host with a filled table; null with errno set when there is no memory.
+// Makes a host for a source, with a filled table; null with errno set without memory.
 template <typename MakeSource>
 kst_host* make_host(MakeSource make_source) {
     try {
@@ -367,7 +367,7 @@ kst_host* make_host(MakeSource make_source) {
     }
 }
 
-// A descriptor that closes itself unless it is handed on.
+// A descriptor that is closed unless it is released.
 class Descriptor {
   public:
     explicit Descriptor(int fd) : fd_(fd) {}
@@ -383,8 +383,8 @@ class Descriptor {
     int fd_;
 };
 
-// Hands `wrap` a way to make the source of the file at `path`; null with errno set when the file
-// cannot be read.
+// Passes `wrap` a function that makes the source of the file at `path`; returns null with errno set
+// when the file cannot be read.
 template <typename Wrap>
 kst_host* open_path(const char* path, Wrap wrap) {
     Descriptor fd(open(path, O_RDONLY | O_CLOEXEC));

@@ -18,7 +18,7 @@ namespace kestrel::importer {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Where a box lies in the file.
+// The place of a box in the file.
 struct Box {
     std::uint32_t type = 0;
     std::uint64_t offset = 0;  // of its header
@@ -30,7 +30,7 @@ struct Box {
     std::uint64_t size() const { return end - offset; }
 };
 
-// The four characters; those that cannot be printed as '?'.
+// Returns the four characters, unprintable ones as '?'.
 std::string type_text(std::uint32_t type);
 
 // "stsz at offset 1234"
@@ -47,7 +47,7 @@ class BoxReader : public NumberReader<BoxReader> {
     BoxReader(Source& source, std::uint64_t begin, std::uint64_t end,
               ReadAhead read_ahead = ReadAhead::kYes)
         : source_(&source), at_(begin), end_(end), read_ahead_(read_ahead == ReadAhead::kYes) {}
-    // The body of a box that lies whole in the file.
+    // Reads the body of a box that is whole in the file.
     BoxReader(Source& source, const Box& box) : BoxReader(source, box.body, box.end) {}
 
     // Returns the next `count` bytes, at most Source::kMaxTaken, or null.
@@ -68,21 +68,21 @@ class BoxReader : public NumberReader<BoxReader> {
         return bytes;
     }
     void skip(std::uint64_t count);
-    // Exactly `count` bytes, or none.
+    // Returns exactly `count` bytes, or none.
     Bytes bytes(std::uint64_t count);
 
-    // Reads the header of the box at the cursor, and moves to its body. The box may end after this
-    // stretch. Returns false at the end (fewer than 8 bytes are left, which are skipped) and for a
-    // size that is smaller than the header, which sets failed().
+    // Reads the header of the box at the cursor, and moves to its body. The box may end after
+    // `end`. Returns false at the end (fewer than 8 bytes are left, which are skipped) and for a
+    // size smaller than the header, which sets failed().
     bool header(Box& box);
-    // Reads the header of a child and moves after that child. One that does not fit into this
-    // stretch sets failed().
+    // Reads the header of a child and moves after the child. A child that ends after `end` sets
+    // failed().
     bool next(Box& box);
 
     std::uint64_t at() const { return at_; }
     std::uint64_t left() const { return end_ - at_; }
     bool failed() const { return failed_; }
-    // The offset of the child whose size was wrong.
+    // The offset of the child with an invalid size.
     const std::optional<std::uint64_t>& bad_child() const { return bad_child_; }
 
   private:
@@ -96,7 +96,8 @@ class BoxReader : public NumberReader<BoxReader> {
     std::optional<std::uint64_t> bad_child_;
 };
 
-// A whole box with a header of 8 bytes, whatever it has in the file; empty when the host fails.
+// Returns a whole box with a header of 8 bytes, whatever its form in the file; nothing when the
+// host fails.
 Bytes whole_box(Source& source, const Box& box);
 
 }  // namespace kestrel::importer

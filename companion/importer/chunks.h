@@ -22,7 +22,7 @@ class ChunkWalk {
   public:
     ChunkWalk(Import& import, const SampleTables& tables) : import_(import), tables_(tables) {}
 
-    // Reads what the walk needs. Returns false after Import::fail().
+    // Reads the tables. Returns false after Import::fail().
     bool open(const Track& track, const TrackImport& state);
     // Moves to the first chunk.
     void rewind();
@@ -32,7 +32,7 @@ class ChunkWalk {
     bool has_large_offsets() const { return tables_.chunks->type == fourcc("co64"); }
 
   private:
-    // Chunks of as many samples each, from one on.
+    // A run of chunks with the same number of samples.
     struct Run {
         std::uint32_t first_chunk = 0;  // from 1
         std::uint32_t samples = 0;

@@ -19,8 +19,8 @@ std::uint32_t descriptor_length(BoxReader& reader) {
     return length;
 }
 
-// Of an esds, the object type and the decoder's own bytes: the identifiers, buffer sizes and bit
-// rates of an elementary stream descriptor (ISO/IEC 14496-1, 7.2.6.5) decode nothing.
+// Reads the object type and the decoder's own bytes of an esds. The identifiers, buffer sizes and
+// bit rates of an elementary stream descriptor (ISO/IEC 14496-1, 7.2.6.5) do not affect decoding.
 Bytes esds_configuration(Source& source, const Box& esds) {
     constexpr std::uint8_t kStreamTag = 3;
     constexpr std::uint8_t kDecoderTag = 4;

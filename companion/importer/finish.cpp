@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What can be said when all samples are known: whether they are in the file, and the times and
-// edits that follow from them.
+// Work that needs all samples: checking that they are in the file, and the times and edits that
+// depend on them.
 #include <algorithm>
 
 #include "companion/importer/parts.h"
@@ -16,7 +16,8 @@ bool is_whole(const Sample& sample, std::uint64_t file_size) {
            (sample.offset <= file_size && sample.size <= file_size - sample.offset);
 }
 
-// Every sample must be in the file; a track is cut before the first that is not.
+// Checks that all samples are in the file. With salvage truncates a track before the first missing
+// one.
 bool check_places(Import& import, Track& track) {
     const std::uint64_t size = import.source.size();
     const auto at = std::find_if(track.samples.begin(), track.samples.end(),
@@ -44,7 +45,7 @@ std::uint64_t in_movie(const Movie& movie, const Track& track, std::uint64_t med
     return rescale(media, track.timescale, movie.timescale);
 }
 
-// The duration of the track from a media time on, in the movie's timescale.
+// Returns the duration of the track from a media time on, in the movie's timescale.
 std::uint64_t rest(const Movie& movie, const Track& track, std::int64_t from) {
     const auto begin = static_cast<std::uint64_t>(std::max<std::int64_t>(from, 0));
     return in_movie(movie, track, track.duration - std::min(track.duration, begin));
@@ -63,8 +64,8 @@ auto first_presented(std::vector<Edit>& edits) {
                         [](const Edit& edit) { return edit.media_time != kNothing; });
 }
 
-// Media times count from the first sample, which fragments may have put at a later time. Returns
-// how long after its media time the track then begins, in the movie's timescale.
+// Media times count from the first sample, which fragments may place later. Returns how long after
+// its media time the track begins, in the movie's timescale.
 std::uint64_t count_from_start(const Movie& movie, Track& track, std::uint64_t start) {
     const auto begin = static_cast<std::int64_t>(start);
     const auto first = first_presented(track.edits);
@@ -87,7 +88,7 @@ void delay(const Movie& movie, Track& track, std::uint64_t time) {
     track.edits.insert(first_presented(track.edits), {.duration = time, .media_time = kNothing});
 }
 
-// The earliest track begins the movie, and the others after it as their fragments say.
+// The earliest track begins the movie; the others begin as much later as their fragments.
 void align_starts(Import& import) {
     Movie& movie = import.movie;
     const auto starts_late = [](const TrackImport& state) { return state.start > 0; };
@@ -105,7 +106,7 @@ void align_starts(Import& import) {
 }
 
 // An edit list may have been written when only the samples of the movie box were known: its last
-// edit then lasts 0, or as long as they do. It lasts as long as the media.
+// edit then has duration 0 or that of these samples. It gets the duration of the media.
 void extend_last_edit(const Movie& movie, Track& track) {
     if (track.edits.empty() || track.edits.back().media_time == kNothing) return;
     Edit& last = track.edits.back();
@@ -139,7 +140,7 @@ void merge(Forms& into, const Forms& more) {
     into.several_descriptions |= more.several_descriptions;
 }
 
-// How much of a file that lacks something was kept.
+// Reports how much of an incomplete file was kept.
 std::string salvaged_text(const Import& import) {
     std::uint64_t declared = 0;
     std::uint64_t kept = 0;

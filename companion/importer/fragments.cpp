@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// moof: movie fragments (ISO/IEC 14496-12, 8.8), and sidx (8.16.3), which says how far they reach.
+// moof: movie fragments (ISO/IEC 14496-12, 8.8), and sidx (8.16.3), which declares their extent.
 #include <algorithm>
 
 #include "companion/importer/parts.h"
@@ -37,7 +37,7 @@ struct TrackFragment {
     std::size_t track = 0;  // in Movie::tracks
     RunDefaults defaults;
     bool duration_is_empty = false;
-    std::optional<std::uint64_t> base;  // given as such
+    std::optional<std::uint64_t> base;  // as declared
     bool base_is_moof = false;
     std::optional<std::uint64_t> time;  // tfdt
 };
@@ -128,7 +128,7 @@ bool has_child(Import& import, const Box& container, std::uint32_t type) {
     return false;
 }
 
-// Everything of a traf but its runs.
+// Reads a traf except its runs.
 bool open_fragment(Import& import, const Box& traf, TrackFragment& fragment) {
     fragment.box = traf;
     if (!has_child(import, traf, fourcc("tfhd"))) return import.fail(traf, "has no tfhd");
@@ -136,7 +136,7 @@ bool open_fragment(Import& import, const Box& traf, TrackFragment& fragment) {
                                      fragment);
 }
 
-// First pass: the number of samples of each track, so that room for them is taken once.
+// First reading: the number of samples of each track, to allocate memory once.
 bool count_samples(Import& import, const Box& moof) {
     return each(import, moof, kTraf, [&](const Box& traf) {
         TrackFragment fragment;
@@ -153,7 +153,7 @@ bool count_samples(Import& import, const Box& moof) {
     });
 }
 
-// Reads the fragments one after the other.
+// Reads the fragments in order.
 class FragmentReader {
   public:
     explicit FragmentReader(Import& import) : import_(import) {}
@@ -203,8 +203,8 @@ bool FragmentReader::read_track_fragment(const Box& traf) {
     TrackFragment fragment;
     if (!open_fragment(import_, traf, fragment)) return false;
     TrackImport& state = import_.tracks[fragment.track];
-    // Without a base of its own, the first track fragment counts from the moof, and another from
-    // the end of the data before.
+    // Without a declared base, offsets of the first track fragment start at the moof, those of
+    // another one after the previous data.
     base_ = fragment.base ? *fragment.base : fragment.base_is_moof ? moof_.offset : data_end_;
     first_run_ = true;
     begun_ = false;
@@ -215,8 +215,8 @@ bool FragmentReader::read_track_fragment(const Box& traf) {
     return each(import_, traf, kTrun, [&](const Box& box) { return read_run(fragment, box); });
 }
 
-// A jump in the numbers of the fragments, after which the time of the track jumps as well or is not
-// given, is one of fragments that are not there.
+// A jump in the numbers of the fragments means missing fragments if the time of the track jumps too
+// or is not declared.
 bool FragmentReader::check_missing(const TrackFragment& fragment, TrackImport& state,
                                    const Track& track) {
     const bool jumped = state.gaps_seen != import_.sequence_gaps;
@@ -226,7 +226,7 @@ bool FragmentReader::check_missing(const TrackFragment& fragment, TrackImport& s
     return import_.lacks("fragments are missing before " + place_text(moof_));
 }
 
-// Makes the next sample begin at `time`, by the duration of the one before.
+// Sets the start of the next sample to `time`, by the duration of the previous one.
 bool FragmentReader::move_to(const TrackFragment& fragment, std::uint64_t time, TrackImport& state,
                              Track& track) {
     if (track.samples.empty() && time <= INT64_MAX) {
@@ -339,8 +339,8 @@ bool check_segment_index(Import& import, const Box& box) {
                         std::to_string(import.source.size()));
 }
 
-// The last fragments are missing where the longest track is shorter than what mehd declares by more
-// than half a fragment.
+// The last fragments are missing if the longest track is shorter than mehd declares by more than
+// half a fragment.
 bool check_declared_duration(Import& import) {
     if (!import.declared_duration_box) return true;
     std::uint64_t longest = 0;

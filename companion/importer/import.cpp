@@ -42,7 +42,7 @@ std::optional<std::uint32_t> Import::claim_samples(const Box& box, std::uint64_t
         if (!lacks(what)) return std::nullopt;
         count = source.size() / size;
     }
-    // A sample takes a byte in the media or in a table, or it is none.
+    // A sample takes at least a byte in the media or in a table.
     if (count > source.size() - std::min(claimed_, source.size())) {
         fail(box, "declares more samples than the file has bytes");
         return std::nullopt;
@@ -77,7 +77,7 @@ std::optional<std::size_t> Import::find_track(std::uint32_t id) const {
 std::uint64_t rescale(std::uint64_t value, std::uint32_t from, std::uint32_t to) {
     const std::uint64_t whole = value / from;
     if (to != 0 && whole >= UINT64_MAX / to) return UINT64_MAX;
-    // The rest is below 2^32, and so its product fits.
+    // The remainder is below 2^32, so its product fits.
     return whole * to + value % from * to / from;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the parts of the importer share while a file is read.
+// Shared by the parts of the importer while a file is read.
 #ifndef KESTREL_COMPANION_IMPORTER_IMPORT_H
 #define KESTREL_COMPANION_IMPORTER_IMPORT_H
 
@@ -16,7 +16,7 @@
 
 namespace kestrel::importer {
 
-// What the movie box says of the fragments of a track (`trex`), or a fragment of itself (`tfhd`).
+// Defaults for the fragments of a track (`trex`) or for one fragment (`tfhd`).
 struct RunDefaults {
     std::uint32_t description = 1;  // from 1
     std::optional<std::uint32_t> duration;
@@ -24,9 +24,9 @@ struct RunDefaults {
     std::uint32_t flags = 0;
 };
 
-// Sound whose tables can count units of which several make a sample: the numbers of all channels at
-// one time. A packet of a codec has `bytes`; of PCM, `units` are what is joined, and fewer are left
-// at the end of a chunk.
+// Sound whose tables may count units, several of which make a sample. A unit is one number of each
+// channel. A packet of a codec has `bytes`; of PCM, `units` are joined, and the rest at the end of
+// a chunk makes a shorter sample.
 struct SoundPacking {
     std::uint32_t units = 1;       // in a sample; 1: the tables count samples
     std::uint32_t bytes = 0;       // of a packet, or 0 for PCM
@@ -65,27 +65,26 @@ class Import {
     Import(const Import&) = delete;
     Import& operator=(const Import&) = delete;
 
-    // Keep the first error, and return false.
+    // Store the first error, and return false.
     bool fail(const std::string& what);
     bool fail(const Box& box, const std::string& what);
-    // Returns whether everything that was read of the box was there, or fails with the reason.
+    // Returns whether all that was read of the box was in it; fails with the reason otherwise.
     bool whole(const BoxReader& reader, const Box& box);
-    // Fails because the file lacks something, unless what is whole is to be kept: then notes the
-    // reason and returns true.
+    // Fails because data is missing. With salvage stores the reason and returns true.
     bool lacks(const std::string& what);
 
-    // Counts samples that a box declares against the bounds of a file; `size` is that of each of
-    // them, or 0 where sizes differ. Returns how many of them can be whole: all, or with salvage as
-    // many as the file has bytes for. Nothing is returned for a count that no file can have.
+    // Counts samples that a box declares against the limits of a file; `size` is the size of each,
+    // or 0 when sizes differ. Returns how many can be whole: all, or with salvage as many as the
+    // file has bytes for. Returns nothing for a count above the limits.
     std::optional<std::uint32_t> claim_samples(const Box& box, std::uint64_t count,
                                                std::uint32_t size);
 
-    // Notes the forms of a header.
+    // Records the forms of a header.
     void note(const Box& box);
 
-    // The index of the track of the ID in Movie::tracks.
+    // Returns the index in Movie::tracks of the track with the ID.
     std::optional<std::size_t> find_track(std::uint32_t id) const;
-    // Sorts the IDs for find_track(); false when two tracks have the same.
+    // Sorts the IDs for find_track(). Returns false when two tracks have the same ID.
     bool index_tracks();
 
     Source& source;
@@ -111,8 +110,8 @@ struct BoxHandler {
     bool (*read)(Import&, const Box&, Into&);
 };
 
-// Reads the boxes from the cursor of `children` to its end with the handlers of their types, and
-// skips those that have none. `container` is where they are, for the error.
+// Reads the boxes from the cursor of `children` to its end with the handlers of their types; skips
+// the others. `container` is their parent, for the error.
 template <typename Into>
 bool read_boxes(Import& import, const Box& container, BoxReader children,
                 std::span<const BoxHandler<Into>> handlers, Into& into) {
@@ -133,8 +132,8 @@ struct VersionAndFlags {
     std::uint32_t flags;
 };
 
-// `value` of one timescale in another, rounded down. Values of a file can exceed what fits: the
-// result is then the largest that does.
+// Converts `value` from one timescale to another, rounded down; returns the largest value on
+// overflow.
 std::uint64_t rescale(std::uint64_t value, std::uint32_t from, std::uint32_t to);
 
 }  // namespace kestrel::importer

@@ -10,14 +10,14 @@ namespace kestrel::importer {
 
 namespace {
 
-// The boxes of the file that say something of the movie.
+// Boxes of the file that describe the movie.
 struct FileBoxes {
     std::optional<Box> brands;
     std::optional<Box> movie;
     std::vector<Box> fragments;
     std::vector<Box> indexes;  // sidx
     bool has_fragments = false;
-    std::string cut;  // why boxes end before the file does, or in one that is cut
+    std::string cut;  // why the boxes end before the file, or in a truncated one
 };
 
 bool same_bytes(Source& source, const Box& one, const Box& other) {
@@ -37,7 +37,7 @@ bool same_bytes(Source& source, const Box& one, const Box& other) {
     return true;
 }
 
-// Segments that were joined may repeat the movie box; another movie would be lost.
+// Joined segments may repeat the movie box; another movie would be lost.
 bool keep_movie(Import& import, const Box& box, FileBoxes& boxes) {
     if (!boxes.movie) {
         boxes.movie = box;
@@ -72,8 +72,8 @@ std::string cut_text(const Import& import, const Box& box) {
            " of its " + std::to_string(box.size()) + " bytes are there";
 }
 
-// Whether what is left of the file is a size of 0, which ends a list of boxes in QuickTime, and
-// zeros. The first bytes of a size can be zeros as well.
+// Whether the rest of the file is a size of 0, which ends a list of boxes in QuickTime, and zeros.
+// The first bytes of a size can be zeros too.
 bool is_terminator(Source& source, std::uint64_t offset) {
     BoxReader rest(source, offset, source.size());
     bool zeros = rest.u32() == 0;
@@ -89,7 +89,7 @@ Walk end_at(FileBoxes& boxes, const std::string& what) {
     return Walk::kAtEnd;
 }
 
-// There is no header at the offset.
+// Handles an offset without a box header.
 Walk end_of_boxes(Import& import, FileBoxes& boxes, const BoxReader& file, std::uint64_t offset) {
     const std::string place = "offset " + std::to_string(offset);
     if (file.failed()) return end_at(boxes, "there is no box at " + place);
@@ -97,8 +97,7 @@ Walk end_of_boxes(Import& import, FileBoxes& boxes, const BoxReader& file, std::
     return end_at(boxes, "the box at " + place + " is cut");
 }
 
-// For a truncated mdat, the samples show whether something is lost; after mfra there are no
-// fragments.
+// For a truncated mdat, the samples show the loss; after mfra there are no fragments.
 Walk end_in_box(Import& import, FileBoxes& boxes, const Box& box) {
     const std::string cut = cut_text(import, box);
     if (box.type == fourcc("moov")) {
@@ -135,7 +134,7 @@ bool is_without_samples(const Movie& movie) {
                        [](const Track& track) { return track.samples.empty(); });
 }
 
-// The sample tables of a movie box name all of its samples; no other table names those of
+// The sample tables of a movie box list all of its samples; no other table lists those of
 // fragments.
 bool check_end(Import& import, const FileBoxes& boxes) {
     const bool fragments = boxes.has_fragments || import.announces_fragments;
@@ -158,7 +157,7 @@ bool read_file(Import& import) {
         if (!check_segment_index(import, index)) return false;
     }
     if (!check_declared_duration(import) || !finish_movie(import)) return false;
-    // A read that failed where bytes that are no box would have been passed over.
+    // A read failed while bytes that are no box were skipped.
     return import.source.error().empty() || import.fail("");
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Entries of QuickTime in the form that ISO files have for their codec.
+// Converts QuickTime entries to the ISO form of their codec.
 #include "companion/importer/sample_entry.h"
 
 namespace kestrel::importer {
@@ -22,8 +22,8 @@ constexpr std::uint32_t kSoundConfiguration[] = {
 constexpr std::uint32_t kIsoH263 = fourcc("s263");
 constexpr std::uint32_t kQuickTimeH263 = fourcc("h263");
 
-// A child of `wave` as a child of an ISO entry, or nothing where it is no configuration. There,
-// that of AMR has the type of its codec.
+// Returns a child of `wave` as a child of an ISO entry, or nothing for no configuration. In `wave`
+// the configuration of AMR has the type of its codec.
 Bytes iso_configuration(Source& source, const SampleEntry& entry, const Box& child) {
     const bool amr = entry.box.type == fourcc("samr") && child.type == fourcc("samr");
     if (!amr && !contains(kSoundConfiguration, child.type)) return {};
@@ -33,7 +33,7 @@ Bytes iso_configuration(Source& source, const SampleEntry& entry, const Box& chi
     return box;
 }
 
-// The children of a sound entry, with those of `wave` that are the codec's configuration.
+// Returns the children of a sound entry, with those of `wave` that are the codec's configuration.
 Bytes iso_sound_children(Source& source, const SampleEntry& entry) {
     Bytes children;
     each_child(source, entry.children, entry.box.end, [&](const Box& child) {

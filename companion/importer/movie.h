@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a file of the ISO base media family or a QuickTime file contains: its tracks with all their
-// samples, in whatever form the file has them (sample tables or movie fragments, 32 or 64 bits,
-// plain or compact tables). The media itself is not read.
+// The contents of a file of the ISO base media family or of a QuickTime file: its tracks with all
+// samples, in any form (sample tables or movie fragments, 32 or 64 bits, plain or compact tables).
+// The media itself is not read.
 #ifndef KESTREL_COMPANION_IMPORTER_MOVIE_H
 #define KESTREL_COMPANION_IMPORTER_MOVIE_H
 
@@ -15,7 +15,7 @@
 
 namespace kestrel::importer {
 
-// A four-character code as the big-endian number that it is in a file.
+// A four-character code as a big-endian number.
 constexpr std::uint32_t fourcc(const char (&code)[5]) {
     std::uint32_t number = 0;
     for (int i = 0; i < 4; ++i)
@@ -23,8 +23,8 @@ constexpr std::uint32_t fourcc(const char (&code)[5]) {
     return number;
 }
 
-// A sample of a track. The samples of a track stand in decoding order; the decoding time of one is
-// the sum of the durations before it. Of PCM sound, up to 1,024 samples of a chunk are one.
+// A sample of a track. Samples are in decoding order; the decoding time is the sum of the durations
+// before. Up to 1,024 PCM samples of a chunk are one sample.
 struct Sample {
     std::uint64_t offset = 0;             // in the file
     std::uint32_t size = 0;               // bytes
@@ -36,7 +36,7 @@ struct Sample {
 static_assert(sizeof(Sample) == 24);
 inline constexpr std::uint32_t kDescriptionBits = 0x7FFF'FFFF;
 
-// Boxes are kept whole with a header of 8 bytes, whatever it is in the file.
+// Boxes are stored whole with a header of 8 bytes, whatever its form in the file.
 
 // A sample entry (ISO/IEC 14496-12, 8.5.2). An entry of QuickTime is
 // rewritten where ISO files have one for its codec: a sound description of version 1 or 2 or with a
@@ -54,15 +54,14 @@ struct Edit {
     std::uint32_t rate = 0x0001'0000;  // 16.16
 };
 
-// Tracks that this one refers to, for one purpose (8.3.3).
+// The tracks that this one refers to for one purpose (8.3.3).
 struct Reference {
     std::uint32_t type = 0;
     std::vector<std::uint32_t> track_ids;
 };
 
-// A sample grouping of the sample tables (8.9), as the boxes `sgpd` (empty where there is
-// none) and `sbgp` (empty where all samples are of the default group). Groups of fragments are not
-// kept.
+// A sample grouping of the sample tables (8.9), as the boxes `sgpd` (empty for none) and `sbgp`
+// (empty when all samples are in the default group). Groups of fragments are not stored.
 struct Group {
     std::uint32_t type = 0;
     std::uint32_t parameter = 0;
@@ -70,7 +69,7 @@ struct Group {
     std::vector<std::uint8_t> samples;
 };
 
-// The forms in which a file or a track says what it says, beyond those of a plain 3GP file.
+// The forms of a file or a track that a plain 3GP file does not have.
 struct Forms {
     bool large_boxes = false;       // a box of a 64-bit size (size 1)
     bool boxes_to_end = false;      // a box that ends with the file or its container (size 0)
@@ -122,14 +121,14 @@ struct Movie {
     Forms forms;              // those of the tracks included
 };
 
-// A file with more samples is refused.
+// Limit of the samples of a file; more are refused.
 inline constexpr std::uint32_t kMaxSamples = 1 << 24;
 
 struct Options {
-    // Keeps the samples that are whole when the file is cut or fragments are missing: of each
-    // track, those before the first one that is not.
+    // Keeps the samples that are whole when the file is truncated or fragments are missing: of each
+    // track, those before the first one that is not whole.
     bool salvage = false;
-    // Reads of hint tracks no more than what they are: damages of their tables do not count.
+    // Reads the facts of hint tracks only: damage in their tables is ignored.
     bool skip_hint_tracks = false;
 };
 
@@ -143,22 +142,20 @@ struct Result {
     std::string salvaged;  // what was left out, one sentence without a full stop, or empty
 };
 
-// Reads what the file that `host` serves contains into `movie`.
+// Reads the contents of the file that `host` serves into `movie`.
 //
-// Only IndexRead, GetStreamSize, GetOffset, Seek and CheckStatus are called; the stream's position
-// is left as it was. The bodies of mdat boxes are not read. Holds 24 bytes for a sample of the
-// file, in time and memory linear in the size of its boxes. A file that is still arriving is read
-// once all of it is there: an answer of not-yet is an error here.
+// Calls IndexRead, GetStreamSize, GetOffset, Seek and CheckStatus only. The position of the stream
+// is restored. The bodies of mdat boxes are not read. Takes 24 bytes for each sample, and time and
+// memory linear in the size of the boxes. The file must have arrived: not-yet is an error.
 //
-// Nothing is lost in silence. A table that contradicts another, a sample that lies outside the
-// file, a box that is cut, or a fragment that is missing ends in an error; the contents of `movie`
-// are then unspecified. Of these, only what a cut or incomplete file lacks can be salvaged. A
-// fragment is known to be missing from a segment index (sidx), from the declared duration (mehd),
-// and where the numbers and the times of fragments jump together.
+// All losses are errors: a table that contradicts another, a sample outside the file, a truncated
+// box, a missing fragment. The contents of `movie` are then unspecified. Salvage keeps the rest of
+// a truncated or incomplete file only. A missing fragment is detected by a segment index (sidx), by
+// the declared duration (mehd), and by a jump in both the numbers and the times of fragments.
 //
-// Times of fragments: a track's fragments begin where their tfdt says. A gap after the sample
-// before, or an overlap with it, changes the duration of that sample. When tracks begin at
-// different times, those that begin later get an empty edit.
+// Times of fragments: a track's fragments begin at their tfdt. A gap after the previous sample, or
+// an overlap, changes the duration of that sample. When tracks begin at different times, the later
+// ones get an empty edit.
 Result import_movie(KST_IOSTREAM_CALLBACK_INTERFACE& host, const Options& options, Movie& movie);
 
 }  // namespace kestrel::importer

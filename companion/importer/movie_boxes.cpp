@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::uint32_t kQuickTimeBrand = fourcc("qt  ");
 
-// Of the boxes of moov that come after the tracks in meaning, whatever their order.
+// Boxes of moov that are used after the tracks, whatever their order.
 struct MovieBoxes {
     std::optional<Box> header;
     std::vector<Box> extensions;  // mvex
@@ -82,7 +82,7 @@ bool read_track_defaults(Import& import, const Box& box, Import&) {
     defaults.size = reader.u32();
     defaults.flags = reader.u32();
     if (!import.whole(reader, box)) return false;
-    // Defaults of a track that is not there are of no use, and do no harm.
+    // Defaults of a missing track are ignored.
     if (const auto track = import.find_track(id)) import.tracks[*track].defaults = defaults;
     return true;
 }

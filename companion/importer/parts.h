@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The importer's parts, one for each concern, in the order in which they are used. Each returns
-// false after Import::fail().
+// The parts of the importer in the order of their use. Each returns false after Import::fail().
 #ifndef KESTREL_COMPANION_IMPORTER_PARTS_H
 #define KESTREL_COMPANION_IMPORTER_PARTS_H
 
@@ -19,7 +18,8 @@ bool read_movie_box(Import& import, const Box& moov);
 // track_boxes.cpp: adds the track of a trak.
 bool read_track(Import& import, const Box& trak);
 
-// sample_entries.cpp: the sample entries of an stsd, those of one codec and configuration joined.
+// sample_entries.cpp: the sample entries of an stsd. Entries with the same codec and configuration
+// are joined.
 bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImport& state);
 
 // sample_tables.cpp: the samples that the boxes of an stbl describe.
@@ -34,7 +34,7 @@ struct SampleTables {
 };
 bool read_samples(Import& import, const SampleTables& tables, Track& track, TrackImport& state);
 
-// sound_units.cpp: whether the tables count units of sound, of which several make a sample; the
+// sound_units.cpp: whether the tables count units of sound, several of which make a sample; the
 // samples of such tables.
 struct SoundUnits {
     std::uint32_t count = 0;  // 0: the tables count samples
@@ -45,18 +45,18 @@ bool find_sound_units(Import& import, const SampleTables& tables, const Track& t
 bool read_sound_units(Import& import, const SampleTables& tables, const SoundUnits& units,
                       Track& track, TrackImport& state);
 
-// The index into Track::descriptions for the number that a table gives, from 1.
+// Converts the number of a description in a table, from 1, to an index into Track::descriptions.
 bool find_description(Import& import, const Box& box, std::uint32_t number, const Track& track,
                       const TrackImport& state, std::uint32_t& index);
 
-// fragments.cpp: the samples of all movie fragments, in the order of the file; the segment indexes
-// (sidx), which say how long the file is.
+// fragments.cpp: the samples of all movie fragments, in file order; the segment indexes (sidx),
+// which declare the length of the file.
 bool read_fragments(Import& import, std::span<const Box> moofs);
 bool check_segment_index(Import& import, const Box& sidx);
 bool check_declared_duration(Import& import);
 
-// finish.cpp: checks that all samples are in the file, and brings times, durations and edits to
-// those of the samples that were read.
+// finish.cpp: checks that all samples are in the file, and adjusts times, durations and edits to
+// the samples that were read.
 bool finish_movie(Import& import);
 
 }  // namespace kestrel::importer

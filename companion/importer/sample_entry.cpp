@@ -12,13 +12,13 @@ constexpr std::uint32_t kProtected[] = {
     fourcc("encv"), fourcc("enca"), fourcc("enct"), fourcc("encs"),
     fourcc("encm"), fourcc("drms"), fourcc("drmi"),
 };
-// PCM: one number a channel, of the bits that the entry says or of 8.
+// PCM: one number per channel, with the bits of the entry or with 8 bits.
 constexpr std::uint32_t kLinearSound[] = {
     fourcc("raw "), fourcc("twos"), fourcc("sowt"), fourcc("NONE"), fourcc("in24"), fourcc("in32"),
     fourcc("fl32"), fourcc("fl64"), fourcc("lpcm"), fourcc("ipcm"), fourcc("fpcm"),
 };
 constexpr std::uint32_t kLogarithmicSound[] = {fourcc("ulaw"), fourcc("alaw")};
-// So many times of PCM are joined to a sample.
+// Number of PCM units in a sample.
 constexpr std::uint32_t kJoinedTimes = 1024;
 
 void read_visual(BoxReader& reader, SampleEntry& entry) {
@@ -30,7 +30,7 @@ void read_visual(BoxReader& reader, SampleEntry& entry) {
     entry.is_visual = true;
 }
 
-// What version 1 adds: units (uncompressed samples of all channels) and bytes of a packet.
+// The fields of version 1: units (uncompressed samples of all channels) and bytes of a packet.
 void read_sound_version1(BoxReader& reader, SampleEntry& entry, bool constant_packets) {
     const std::uint32_t units = reader.u32();
     reader.skip(4);  // bytes of a packet of one channel
@@ -49,7 +49,7 @@ void read_sound_version2(BoxReader& reader, SampleEntry& entry) {
     const std::uint32_t bytes = reader.u32();
     const std::uint32_t units = reader.u32();
     if (units > 0) entry.packing = {.units = units, .bytes = bytes};
-    // The whole hertz, which the 16 bits of an AudioSampleEntry hold up to 65,535.
+    // Whole hertz; an AudioSampleEntry has 16 bits for up to 65,535.
     constexpr int kFractionBits = 52;
     const int exponent = static_cast<int>(rate >> kFractionBits & 0x7FF) - 1023;
     const std::uint64_t fraction = (rate & ((1ULL << kFractionBits) - 1)) | 1ULL << kFractionBits;
@@ -97,8 +97,8 @@ void read_sound(BoxReader& reader, SampleEntry& entry, bool quicktime_versions) 
     set_pcm_packing(entry);
 }
 
-// Version 0 of a QuickTime sound description has the layout of an AudioSampleEntry, but can have a
-// `wave` as the others.
+// Version 0 of a QuickTime sound description has the layout of an AudioSampleEntry, but may have a
+// `wave` like the others.
 void find_wave(Source& source, SampleEntry& entry) {
     if (entry.is_visual) return;
     each_child(source, entry.children, entry.box.end,

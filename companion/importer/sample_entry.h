@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One sample entry (ISO/IEC 14496-12, 8.5.2 and 12; QuickTime), as far as it is understood.
+// A sample entry (ISO/IEC 14496-12, 8.5.2 and 12; QuickTime).
 #ifndef KESTREL_COMPANION_IMPORTER_SAMPLE_ENTRY_H
 #define KESTREL_COMPANION_IMPORTER_SAMPLE_ENTRY_H
 
@@ -14,7 +14,7 @@ namespace kestrel::importer {
 struct SampleEntry {
     Box box;
     std::uint16_t data_reference = 0;
-    std::uint64_t children = 0;  // their offset; the entry's end where they are not known
+    std::uint64_t children = 0;  // their offset; the end of the entry when unknown
     std::uint16_t width = 0, height = 0;
     bool is_visual = false;
     bool quicktime_sound = false;  // of version 1 or 2, or with a `wave`
@@ -22,17 +22,17 @@ struct SampleEntry {
     SoundPacking packing;
 };
 
-// sample_entry.cpp: reads the entry in `box`. `quicktime_versions` says that the version of a sound
-// entry is one of QuickTime.
+// sample_entry.cpp: reads the entry in `box`. `quicktime_versions` means that the version of a
+// sound entry is a QuickTime version.
 bool read_entry(Import& import, const Box& box, std::uint32_t handler, bool quicktime_versions,
                 SampleEntry& entry);
 bool is_encrypted(Source& source, const SampleEntry& entry);
 
-// iso_entry.cpp: the entry in its ISO form where it has one.
+// iso_entry.cpp: the entry in its ISO form if it has one.
 Description iso_description(const Import& import, const SampleEntry& entry);
 
-// entry_configuration.cpp: what two entries must share for samples of both to be decoded and shown
-// alike.
+// entry_configuration.cpp: a key that is equal for two entries whose samples are decoded and shown
+// in the same way.
 Bytes configuration(Source& source, const SampleEntry& entry);
 
 template <std::size_t kCount>
@@ -40,7 +40,7 @@ bool contains(const std::uint32_t (&types)[kCount], std::uint32_t type) {
     return std::find(std::begin(types), std::end(types), type) != std::end(types);
 }
 
-// Calls visit(child) for the boxes of a stretch. Returns false where bytes that are no box end it,
+// Calls visit(child) for the boxes from `begin` to `end`. Returns false when other bytes end them,
 // as in some entries.
 template <typename Visit>
 bool each_child(Source& source, std::uint64_t begin, std::uint64_t end, Visit visit) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// stbl: the sample tables (ISO/IEC 14496-12, 8.6 to 8.9), one after the other into the samples of
-// the track.
+// stbl: reads the sample tables (ISO/IEC 14496-12, 8.6 to 8.9) in turn into the samples of the
+// track.
 #include <algorithm>
 #include <map>
 
@@ -11,7 +11,7 @@ namespace kestrel::importer {
 
 namespace {
 
-// What each table is read into.
+// Destination of the tables.
 struct Target {
     Track& track;
     TrackImport& state;
@@ -76,8 +76,8 @@ bool read_sizes(Import& import, const Box& box, Target& to) {
                                       : read_plain_sizes(import, box, to);
 }
 
-// Reads a table of runs: a number of samples and the value of each of them. The runs must cover the
-// samples that are declared, no more and no less.
+// Reads a table of runs: a number of samples and their value. The runs must cover exactly the
+// declared samples.
 template <typename Apply>
 bool read_runs(Import& import, const Box& box, BoxReader& reader, Target& to, Apply apply) {
     std::vector<Sample>& samples = to.track.samples;
@@ -103,7 +103,7 @@ bool read_times(Import& import, const Box& box, Target& to) {
                      [](Sample& sample, std::uint32_t value) { sample.duration = value; });
 }
 
-// Offsets below zero are those of version 1; many files have them in version 0.
+// Negative offsets belong to version 1, but many files have them in version 0.
 bool read_composition_offsets(Import& import, const Box& box, Target& to) {
     BoxReader reader(import.source, box);
     const VersionAndFlags head(reader);
@@ -153,14 +153,14 @@ bool place_samples(Import& import, const SampleTables& tables, Target& to) {
     if (placed < samples.size()) {
         return import.fail(*tables.chunks, "has no place for all samples");
     }
-    // A further chunk means that samples were put into the wrong ones.
+    // A further chunk means that samples were assigned to wrong chunks.
     Chunk further;
     const bool has_all = placed == to.state.declared;
     const bool has_further = has_all && walk.next(further) && further.samples > 0;
     return !has_further || import.fail(*tables.chunks, "has chunks that are left without samples");
 }
 
-// Of sgpd and sbgp (8.9): the box and what it groups by.
+// The boxes sgpd and sbgp (8.9), with their grouping type.
 bool keep_group(Import& import, const Box& box, Track& track,
                 std::map<std::pair<std::uint32_t, std::uint32_t>, std::size_t>& known) {
     BoxReader reader(import.source, box);
@@ -184,7 +184,7 @@ bool keep_groups(Import& import, const std::vector<Box>& boxes, Track& track) {
     return true;
 }
 
-// Reads a table that a track may lack.
+// Reads an optional table.
 bool read_table(Import& import, const std::optional<Box>& box, Target& to,
                 bool (*read)(Import&, const Box&, Target&)) {
     return !box || read(import, *box, to);

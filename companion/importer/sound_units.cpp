@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sound whose tables count units that are smaller than a sample is here: the numbers of PCM, and
-// in QuickTime the uncompressed numbers of a codec with packets of one size.
+// Sound whose tables count units smaller than a sample: the numbers of PCM, and in QuickTime the
+// uncompressed numbers of a codec with packets of one size.
 #include <algorithm>
 
 #include "companion/importer/chunks.h"
@@ -10,7 +10,7 @@ namespace kestrel::importer {
 
 namespace {
 
-// What the tables say of all units.
+// What the tables declare about all units.
 struct UnitTables {
     std::uint32_t size = 0;  // 0 where they differ
     std::uint32_t count = 0;
@@ -69,7 +69,7 @@ bool find_sound_units(Import& import, const SampleTables& tables, const Track& t
         !read_unit_times(import, *tables.times, found)) {
         return false;
     }
-    // QuickTime has 1 for the size of a unit, whatever it is.
+    // QuickTime declares 1 for the size of a unit, whatever it is.
     const bool of_one = import.movie.forms.quicktime && found.size == 1;
     const bool plain = packing.unit_bytes > 0 && packing.unit_bytes == found.size;
     if (!of_one && !plain) return true;

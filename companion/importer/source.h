@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The file as the host serves it: positioned reads of known bounds, and a window for small ones.
+// The file of a host: positioned reads of known size, and a window for small ones.
 #ifndef KESTREL_COMPANION_IMPORTER_SOURCE_H
 #define KESTREL_COMPANION_IMPORTER_SOURCE_H
 
@@ -17,16 +17,15 @@ class Source {
     Source(const Source&) = delete;
     Source& operator=(const Source&) = delete;
 
-    // Learns the length of the file. Call it first; on failure error() says why.
+    // Gets the length of the file. Call it first. On failure error() has the reason.
     bool open();
 
     std::uint64_t size() const { return size_; }
-    // Why the host could not serve something, or empty.
+    // The reason of a failure, or empty.
     const std::string& error() const { return error_; }
 
-    // Returns `count` bytes (at most kMaxTaken) of the file at `offset`, valid until the next
-    // call, or null. What follows them is read ahead, but nothing at or after `limit`.
-    // Requires offset + count <= limit <= size().
+    // Returns `count` bytes (at most kMaxTaken) of the file at `offset`, valid until the next call,
+    // or null. Reads ahead up to `limit`. Requires offset + count <= limit <= size().
     const std::uint8_t* take(std::uint64_t offset, std::uint32_t count, std::uint64_t limit) {
         if (offset < window_begin_ || offset + count > window_end_) {
             if (!fill(offset, limit)) return nullptr;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// trak: its headers, handler, edits and references. The boxes are found first, in whatever order
-// they stand, and then read in the order in which they are needed.
+// trak: its headers, handler, edits and references. The boxes are first found, in any order, and
+// then read in the order of their use.
 #include <algorithm>
 
 #include "companion/importer/parts.h"
@@ -16,7 +16,7 @@ constexpr std::uint32_t kMinf = fourcc("minf");
 constexpr std::uint32_t kDinf = fourcc("dinf");
 constexpr std::uint32_t kStbl = fourcc("stbl");
 
-// Of SampleTables and of the others, what may occur once.
+// Boxes, of SampleTables and others, that may occur once.
 struct TrackBoxes : SampleTables {
     std::optional<Box> track_header;
     std::optional<Box> references;
@@ -59,7 +59,7 @@ constexpr Place kPlaces[] = {
     {kStbl, fourcc("co64"), &TrackBoxes::chunks},
 };
 
-// Containers that are looked into, with what they stand in.
+// Containers that are read, with their parents.
 struct Nesting {
     std::uint32_t container;
     std::uint32_t child;
@@ -86,7 +86,7 @@ bool keep(Import& import, const Box& container, const Box& box, TrackBoxes& boxe
         return true;
     }
     if (container.type == kStbl && is_group(box.type)) boxes.groups.push_back(box);
-    // A size that is too large has swallowed the next track.
+    // A size that is too large covers the next track.
     return box.type != kTrak || import.fail(box, "is inside " + place_text(container));
 }
 
@@ -116,7 +116,7 @@ bool read_track_header(Import& import, const Box& box, TrackParts& parts) {
     track.modification_time = reader.u32_or_64(version1);
     track.id = reader.u32();
     reader.skip(4);                 // reserved
-    reader.skip(version1 ? 8 : 4);  // duration, which the samples and the edits say
+    reader.skip(version1 ? 8 : 4);  // duration: taken from the samples and the edits
     reader.skip(8);                 // reserved
     track.layer = reader.u16();
     track.alternate_group = reader.u16();
@@ -130,7 +130,7 @@ bool read_track_header(Import& import, const Box& box, TrackParts& parts) {
     return track.id != 0 || import.fail(box, "has the track ID 0");
 }
 
-// QuickTime has numbers of languages in place of packed letters (each at least 1).
+// QuickTime has language numbers in place of packed letters, each of which is at least 1.
 std::uint16_t iso_language(std::uint16_t code) {
     constexpr std::uint16_t kLeastPacked = 0x0400;
     constexpr std::uint16_t kUnspecified = 0x7FFF;
@@ -145,14 +145,14 @@ bool read_media_header(Import& import, const Box& box, TrackParts& parts) {
     track.forms.version1_headers |= version1;
     reader.skip(version1 ? 16 : 8);  // times, as in tkhd
     track.timescale = reader.u32();
-    reader.skip(version1 ? 8 : 4);  // duration, which the samples say
+    reader.skip(version1 ? 8 : 4);  // duration: taken from the samples
     track.language = iso_language(reader.u16());
     if (!import.whole(reader, box)) return false;
     return track.timescale != 0 || import.fail(box, "has a timescale of 0");
 }
 
-// The name ends with a zero, or in QuickTime begins with its length. It may be missing. Some files
-// have the one where the other should be.
+// The name ends with a zero, or in QuickTime begins with its length. It may be absent. Some files
+// use the other form.
 std::string handler_name(const Bytes& bytes, bool quicktime) {
     if (bytes.empty()) return {};
     constexpr std::uint8_t kFirstLetter = 0x20;
@@ -204,8 +204,8 @@ bool read_references(Import& import, const Box& box, TrackParts& parts) {
     return import.whole(children, box);
 }
 
-// A data reference (8.7.2) says that the media is in this file by its flag; writers that do not set
-// it leave the location out.
+// The flag of a data reference (8.7.2) declares that the media is in this file; writers that do not
+// set it omit the location.
 bool is_this_file(Import& import, const Box& entry) {
     constexpr std::uint32_t kSelfContained = 1;
     BoxReader reader(import.source, entry);
@@ -232,7 +232,7 @@ bool read_entries(Import& import, const Box& box, TrackParts& parts) {
     return read_sample_entries(import, box, parts.track, parts.state);
 }
 
-// What is read of a track, in this order.
+// The boxes of a track, in the order in which they are read.
 struct Step {
     Slot slot;
     const char* required;  // the type of a box that must be there

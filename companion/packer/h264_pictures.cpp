@@ -12,7 +12,7 @@ namespace {
 constexpr int kLengthSize = 4;       // of a sample's NAL units
 constexpr size_t kHeaderBytes = 64;  // of a slice, enough for what is read of its header
 
-// A unit without its header byte and without the bytes that keep start codes out of it (7.3.1).
+// Returns a unit without its header byte and without emulation prevention bytes (7.3.1).
 std::vector<uint8_t> unescaped(NalUnit unit, size_t most) {
     std::vector<uint8_t> bytes;
     unsigned zeros = 0;
@@ -25,7 +25,7 @@ std::vector<uint8_t> unescaped(NalUnit unit, size_t most) {
     return bytes;
 }
 
-// Exp-Golomb codes (9.1). One that is longer than 32 bits spoils the reader.
+// Exp-Golomb codes (9.1). A code longer than 32 bits makes ok() false.
 class GolombReader : public BitReader {
   public:
     using BitReader::BitReader;
@@ -52,7 +52,7 @@ class GolombReader : public BitReader {
         return high | get(std::min(count, kMaxBits));
     }
 
-    // Any number of bits.
+    // Skips any number of bits.
     void skip_any(unsigned count) {
         for (; count > kMaxBits; count -= kMaxBits)
             skip(kMaxBits);
@@ -120,7 +120,7 @@ void skip_decoder_model(GolombReader& reader) {
     reader.skip(kLengths);
 }
 
-// Video usability information (E.1.1), as far as the number of frames that are reordered.
+// Video usability information (E.1.1), up to the number of reordered frames.
 uint32_t read_reordered_frames(GolombReader& reader) {
     constexpr uint32_t kExtendedAspect = 255, kMaxFrames = 16;
     if (reader.flag() && reader.get(8) == kExtendedAspect) reader.skip_any(32);
@@ -229,7 +229,7 @@ bool H264Pictures::read_slice(NalUnit unit, Slice& slice, const H264Sequence*& s
     return reader.ok();
 }
 
-// 8.2.1.1: the low bits are declared, the high ones follow from the reference picture before.
+// 8.2.1.1: the low bits are declared; the high bits follow from the previous reference picture.
 int64_t H264Pictures::order_from_low_bits(const Slice& slice, const H264Sequence& sequence) {
     const int64_t range = int64_t{1} << sequence.order_bits;
     const int64_t ahead = int64_t{slice.order_low} - previous_low_;
@@ -243,7 +243,7 @@ int64_t H264Pictures::order_from_low_bits(const Slice& slice, const H264Sequence
     return high + slice.order_low;
 }
 
-// 8.2.1.2, and 8.2.1.3 where the order is that of decoding.
+// 8.2.1.2, and 8.2.1.3 for decoding order.
 int64_t H264Pictures::order_from_frame_number(const Slice& slice, const H264Sequence& sequence) {
     if (slice.frame_number < previous_frame_number_)
         frame_number_base_ += int64_t{1} << sequence.frame_number_bits;
@@ -278,7 +278,7 @@ int64_t H264Pictures::picture_order(const Slice& slice, const H264Sequence& sequ
                                     : order_from_frame_number(slice, sequence);
 }
 
-// The first slice settles the order. Without its parameter sets that is the one of decoding.
+// The first slice defines the order. Without its parameter sets that is decoding order.
 Picture H264Pictures::look(std::span<const uint8_t> sample) {
     constexpr uint8_t kFirstSlice = 1;
     constexpr int64_t kMaxOrder = INT32_MAX;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The order in which the pictures of an H.264 stream are shown (ITU-T H.264, 8.2.1).
+// The display order of the pictures of an H.264 stream (ITU-T H.264, 8.2.1).
 #ifndef KESTREL_COMPANION_PACKER_H264_PICTURES_H
 #define KESTREL_COMPANION_PACKER_H264_PICTURES_H
 
@@ -14,7 +14,7 @@
 
 namespace kestrel::packer {
 
-// What a sequence parameter set (7.3.2.1.1) declares of the order.
+// Fields of a sequence parameter set (7.3.2.1.1) that define the order.
 struct H264Sequence {
     uint8_t profile = 0;
     uint32_t chroma_format = 1;  // 4:2:0
@@ -30,11 +30,11 @@ struct H264Sequence {
     bool has_frames_only = true;
     uint32_t reordered_frames = 0;  // as declared; 0 without a declaration
 
-    // The profiles of which chroma format and bit depths are declared.
+    // Whether the profile declares chroma format and bit depths.
     bool has_chroma_format() const;
 };
 
-// Empty for a set that is cut or has values out of range.
+// Returns nothing for a set that is truncated or has values out of range.
 std::optional<H264Sequence> read_h264_sequence(NalUnit unit, uint32_t& id);
 
 class H264Pictures final : public PictureReader {
@@ -42,15 +42,15 @@ class H264Pictures final : public PictureReader {
     Picture look(std::span<const uint8_t> sample) override;
     uint32_t shown_after() const override { return shown_after_; }
 
-    // Takes a parameter set from outside the samples.
+    // Reads a parameter set from outside the samples.
     void take_parameter_set(NalUnit unit);
 
   private:
-    // What a picture parameter set (7.3.2.2) declares.
+    // Fields of a picture parameter set (7.3.2.2).
     struct PictureSet {
         uint32_t sequence = 0;
     };
-    // The fields of a slice header (7.3.3) that settle the order.
+    // Fields of a slice header (7.3.3) that define the order.
     struct Slice {
         bool is_idr = false;
         bool is_reference = false;

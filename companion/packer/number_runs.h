@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A list of numbers, most of which follow from those before them.
+// A list of numbers, most of which follow from the previous ones.
 #ifndef KESTREL_COMPANION_PACKER_NUMBER_RUNS_H
 #define KESTREL_COMPANION_PACKER_NUMBER_RUNS_H
 

@@ -38,7 +38,7 @@ struct CloseFile {
     }
 };
 
-// A stream on its way to a track.
+// A stream and its track.
 struct Track {
     StreamMedia* media = nullptr;
     size_t number = 0;  // of the stream
@@ -58,7 +58,7 @@ struct Track {
 
 // --- configuration ---
 
-// The units that are separated by start codes.
+// Returns the units between start codes.
 std::vector<NalUnit> units_of(std::span<const uint8_t> bytes) {
     std::vector<NalUnit> units;
     while (bytes.size() > kStartCode.size()) {
@@ -72,7 +72,8 @@ std::vector<NalUnit> units_of(std::span<const uint8_t> bytes) {
     return units;
 }
 
-// What the record of the higher profiles has after the parameter sets (ISO/IEC 14496-15, 5.3.3.1).
+// Returns the bytes after the parameter sets in the record of the higher profiles (ISO/IEC
+// 14496-15, 5.3.3.1).
 void add_chroma_format(NalUnit sequence_set, std::vector<uint8_t>& avcc) {
     constexpr uint32_t kReserved6 = 0xFC, kReserved5 = 0xF8, kNoExtensions = 0;
     uint32_t id = 0;
@@ -146,8 +147,8 @@ uint32_t movie_units(uint64_t units, uint32_t timescale) {
         std::min<uint64_t>((units * kMovieTimescale + timescale / 2) / timescale, UINT32_MAX));
 }
 
-// An empty edit of what the track starts late by, and where tracks must match, one that leaves out
-// what composition adds to the times.
+// Adds an empty edit for a late start and, if tracks must be synchronised, an edit that skips the
+// delay of composition.
 void keep_edits(Track& from, uint64_t late, bool must_match) {
     const Timeline& timeline = from.timeline;
     const uint32_t skipped = must_match ? timeline.delay : 0;
@@ -166,7 +167,7 @@ void keep_edits(Track& from, uint64_t late, bool must_match) {
                                              kNormalRate};
 }
 
-// When a track starts, in seconds.
+// Returns the start of a track in seconds.
 double start_of(const Track& track, const stream::StreamHeader* video) {
     const double scale = track.timeline.timescale;
     const double first = static_cast<double>(track.timeline.start) / scale;

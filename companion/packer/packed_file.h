@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The file that is made of streams.
+// The file made of streams.
 #ifndef KESTREL_COMPANION_PACKER_PACKED_FILE_H
 #define KESTREL_COMPANION_PACKER_PACKED_FILE_H
 
@@ -11,11 +11,11 @@
 
 namespace kestrel::packer {
 
-// Why there is no file.
+// The reason for no file.
 struct Failure {
     int status;  // KST_PACK_...
     std::string text;
-    int stream = -1;  // the one that it is about
+    int stream = -1;  // the stream with the failure
 };
 
 // Writes the streams as tracks, in their order, and counts into `report`. Throws Failure and

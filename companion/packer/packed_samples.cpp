@@ -12,7 +12,7 @@ SampleFigures PackedSamples::figures(uint32_t sample) const {
             timeline_.composition_of(sample)};
 }
 
-// Samples stand one after the other in the spool, in the order in which they are written.
+// Samples are adjacent in the spool, in the order of writing.
 bool PackedSamples::write(uint32_t first, uint32_t count, MediaOutput& output) {
     constexpr uint64_t kPiece = 256 << 10;
     uint64_t left = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The samples of a stream, as the writer of a file takes them.
+// The samples of a stream for the writer of a file.
 #ifndef KESTREL_COMPANION_PACKER_PACKED_SAMPLES_H
 #define KESTREL_COMPANION_PACKER_PACKED_SAMPLES_H
 
@@ -14,7 +14,7 @@
 
 namespace kestrel::packer {
 
-// Those of the media track.
+// The samples of the media track.
 class PackedSamples final : public SampleProvider {
   public:
     PackedSamples(SampleStore& store, const Timeline& timeline)
@@ -31,13 +31,13 @@ class PackedSamples final : public SampleProvider {
     std::vector<uint8_t> scratch_;
 };
 
-// The hint samples that describe the packets of a stream. They are made once to learn their sizes,
-// and again when they are written.
+// The hint samples that describe the packets of a stream. They are made twice: for their sizes, and
+// when they are written.
 class PackedHints final : public SampleProvider {
   public:
     PackedHints(SampleStore& store, const PackedSamples& media) : store_(store), media_(media) {}
 
-    // Counts the samples into the hint track; false when one cannot be made.
+    // Counts the samples into the hint track. Returns false when one cannot be made.
     bool plan(iso_track* hint);
     uint64_t packets() const { return packets_; }
 

@@ -18,7 +18,7 @@ using namespace kestrel::packer;
 struct kst_packer {
     bool with_hints = false;
     bool is_written = false;
-    // Those that were fed.
+    // The streams that were fed.
     std::array<std::unique_ptr<StreamMedia>, KST_PACK_MOST_STREAMS> streams;
 };
 
@@ -43,7 +43,7 @@ void put_text(char (&to)[N], const std::string& text) {
     to[length] = '\0';
 }
 
-// Runs `step`; no exception gets out.
+// Runs `step`, and catches all exceptions.
 template <typename Step>
 int guarded(Step step) {
     try {

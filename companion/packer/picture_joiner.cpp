@@ -21,7 +21,7 @@ bool is_parameter_set(NalUnit unit) {
     return nal_type(unit) == kSequenceSet || nal_type(unit) == kPictureSet;
 }
 
-// The NAL units that are separated by start codes, as a sample has them.
+// Converts start-coded NAL units to the form of a sample.
 std::vector<uint8_t> with_lengths(std::span<const uint8_t> units) {
     std::vector<uint8_t> sample;
     while (begins_with(units, kStartCode)) {
@@ -46,7 +46,7 @@ size_t offset_of(NalUnit unit, std::span<const uint8_t> sample) {
     return static_cast<size_t>(unit.data() - sample.data());
 }
 
-// The first run of parameter sets before the slices of a sample.
+// Returns the first run of parameter sets before the slices of a sample.
 std::span<const uint8_t> first_sets(std::span<const uint8_t> sample) {
     size_t begin = 0;
     size_t end = 0;
@@ -60,8 +60,8 @@ std::span<const uint8_t> first_sets(std::span<const uint8_t> sample) {
     return sample.subspan(begin, end - begin);
 }
 
-// The configuration at the front of an MPEG-4 sample: from a visual object sequence to the first
-// group of VOPs or VOP.
+// Returns the configuration at the beginning of an MPEG-4 sample: from a visual object sequence to
+// the first group of VOPs or VOP.
 std::span<const uint8_t> leading_headers(std::span<const uint8_t> sample) {
     constexpr uint8_t kVisualObjectSequence = 0xB0, kGroupOfVop = 0xB3, kVop = 0xB6;
     constexpr size_t kCode = 4;
@@ -97,7 +97,7 @@ std::vector<uint8_t> with_start_codes(std::span<const uint8_t> sample) {
 
 StreamConfig::StreamConfig(const stream::StreamHeader& header)
     : medium_(header.medium), is_declared_(!header.config.empty()) {
-    // A longer configuration than fits the record is cut there.
+    // A configuration longer than the record is truncated there.
     if (header.config.size() >= kMaxConfigBytes) return;
     bytes_ = header.config;
     in_front_ = medium_ == stream::Medium::kH264 ? with_lengths(bytes_) : bytes_;
@@ -144,7 +144,7 @@ void PictureJoiner::packet(const stream::VideoPacket& packet) {
     time_ = packet.time;
     payload_ = packet.payload;
     keep_packet(packet);
-    // A packet without payload is that of a picture without bytes.
+    // A packet without payload is a picture without bytes.
     if (!depacketiser_->packet(payload_) && !payload_.empty()) ++packets_left_out_;
     payload_ = {};
     if (packet.marker || picture_.size() > stream::kMaxFrameBytes) end_picture();
@@ -218,19 +218,19 @@ void PictureJoiner::record_packets(const Hole& left_out) {
         record_packet(packet, left_out, recorded_);
 }
 
-// Describes a packet by the bytes of the sample that it carries, as far as these are its last ones.
+// Describes a packet by the bytes of the sample that it carries, if these are its last bytes.
 void PictureJoiner::record_packet(const Packet& packet, const Hole& left_out,
                                   HintPackets& recorded) const {
     const std::span<const uint8_t> payload(packet.payload);
     size_t headers = packet.media_begin.value_or(payload.size());
     size_t begin = packet.picture_offset;
-    // A packet of several units, or whose last byte has bits of another's, is no run of bytes.
+    // A packet of several units, or with a shared last byte, is no run of bytes.
     if (!begins_with(std::span(picture_).subspan(begin), payload.subspan(headers)))
         headers = payload.size();
     size_t length = payload.size() - headers;
     const bool is_left_out =
         length > 0 && begin >= left_out.begin && begin + length <= left_out.end();
-    // Parameter sets that the library put there come from it again.
+    // Parameter sets that the library inserted are inserted again.
     if (is_left_out && medium_ == stream::Medium::kH264) return;
     size_t own = headers;
     if (begin >= left_out.end()) {
@@ -243,7 +243,7 @@ void PictureJoiner::record_packet(const Packet& packet, const Hole& left_out,
     }
     recorded.begin_packet();
     if (packet.marker) recorded.set_marker();
-    // The headers of RFC 3640 are left out, which makes the payload one of RFC 6416.
+    // The headers of RFC 3640 are removed, which makes the payload one of RFC 6416.
     const bool has_au_headers = medium_ == stream::Medium::kMpeg4 && packet.media_begin;
     recorded.add_own(
         payload.subspan(has_au_headers ? headers : 0, own - (has_au_headers ? headers : 0)));

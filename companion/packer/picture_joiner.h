@@ -16,26 +16,26 @@
 
 namespace kestrel::packer {
 
-// The configuration of a stream, and the copies of it that the library puts before pictures.
+// The configuration of a stream, and its copies that the library puts before pictures.
 class StreamConfig {
   public:
     explicit StreamConfig(const stream::StreamHeader& header);
 
-    // Takes it from the first picture where the header records have not got all of it.
+    // Reads it from the first picture if the header records do not have all of it.
     void complete(std::span<const uint8_t> first_picture);
 
     // MPEG-4: decoder-specific information. H.264: parameter sets, each after 00 00 00 01.
     std::span<const uint8_t> bytes() const { return bytes_; }
 
-    // The copy of it that a picture has before its first slice; empty for none. It begins where the
-    // picture does for MPEG-4.
+    // The copy that a picture has before its first slice; empty for none. For MPEG-4 it is at the
+    // beginning of the picture.
     std::span<const uint8_t> copy_in(std::span<const uint8_t> picture) const;
 
   private:
     stream::Medium medium_;
     bool is_declared_ = false;       // the header records have at least a part of it
     std::vector<uint8_t> bytes_;     // empty while it is not known as a whole
-    std::vector<uint8_t> in_front_;  // as it stands before a picture
+    std::vector<uint8_t> in_front_;  // in the form before a picture
 };
 
 class PictureJoiner {
@@ -52,16 +52,16 @@ class PictureJoiner {
     uint64_t packets_missing() const { return gaps_.missing(); }
 
   private:
-    // A packet of the picture at hand.
+    // A packet of the current picture.
     struct Packet {
         std::vector<uint8_t> payload;
         bool marker = false;
-        // Where bytes of the payload first went into the picture as they are.
+        // The first bytes of the payload that are unchanged in the picture.
         std::optional<size_t> media_begin;
         size_t picture_offset = 0;
     };
 
-    // Bytes of the picture that do not go into the sample.
+    // Bytes of the picture that are not in the sample.
     struct Hole {
         size_t begin = 0;
         size_t length = 0;
@@ -81,7 +81,7 @@ class PictureJoiner {
     StreamConfig config_;
     std::unique_ptr<stream::Depacketiser> depacketiser_;
     std::unique_ptr<PictureReader> reader_;
-    // Whether the library cut the stream from samples: each sync sample has the configuration then.
+    // Whether the library packetised samples: each sync sample then has the configuration.
     bool is_from_samples_ = false;
     bool has_begun_ = false;
     uint64_t packets_left_out_ = 0;
@@ -92,7 +92,7 @@ class PictureJoiner {
     std::vector<uint8_t> picture_;
     std::optional<size_t> unit_;  // H.264: where the last unit's length stands
     std::vector<Packet> packets_;
-    std::span<const uint8_t> payload_;  // of the packet that is being joined
+    std::span<const uint8_t> payload_;  // of the current packet
     HintPackets recorded_;
 };
 

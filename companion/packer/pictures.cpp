@@ -8,7 +8,7 @@
 namespace kestrel::packer {
 namespace {
 
-// H.263: pictures are shown in decoding order.
+// H.263: display order is decoding order.
 class H263Pictures final : public PictureReader {
   public:
     Picture look(std::span<const uint8_t> sample) override { return {is_intra(sample), number_++}; }
@@ -25,8 +25,8 @@ class H263Pictures final : public PictureReader {
     uint64_t number_ = 0;
 };
 
-// MPEG-4 Visual (ISO/IEC 14496-2, 6.1.3.5): a B-VOP is shown before the reference VOP that precedes
-// it in the stream, and all others when the next of them comes.
+// MPEG-4 Visual (ISO/IEC 14496-2, 6.1.3.5): a B-VOP is displayed before the reference VOP that
+// precedes it in the stream, any other VOP when the next reference VOP arrives.
 class Mpeg4Pictures final : public PictureReader {
   public:
     Picture look(std::span<const uint8_t> sample) override {

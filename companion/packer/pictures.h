@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the coded pictures of a stream declare about themselves: which are sync samples, and in
-// which order they are shown.
+// Facts of the coded pictures of a stream: sync samples and display order.
 #ifndef KESTREL_COMPANION_PACKER_PICTURES_H
 #define KESTREL_COMPANION_PACKER_PICTURES_H
 
@@ -14,11 +13,11 @@ namespace kestrel::packer {
 
 struct Picture {
     bool is_sync = false;
-    // Pictures are shown in the order of their keys; of equal ones the first comes first.
+    // Pictures are displayed in the order of their keys, equal ones in decoding order.
     uint64_t display_key = 0;
 };
 
-// Looks at the samples of one stream, in decoding order.
+// Reads the samples of one stream, in decoding order.
 class PictureReader {
   public:
     PictureReader() = default;
@@ -29,8 +28,8 @@ class PictureReader {
     // `sample` as a file has it: NAL units of H.264 follow lengths of four bytes.
     virtual Picture look(std::span<const uint8_t> sample) = 0;
 
-    // How many pictures at least are decoded before the first one is shown, as far as the stream
-    // declares it.
+    // The least number of pictures that are decoded before the first one is displayed, if the
+    // stream declares it.
     virtual uint32_t shown_after() const { return 0; }
 };
 

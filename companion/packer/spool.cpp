@@ -18,7 +18,7 @@ bool Spool::move_to_file() {
     return true;
 }
 
-// Stands the file at a position. The C library wants a seek between writing and reading.
+// Moves the file to a position. The C library requires a seek between writing and reading.
 bool Spool::seek(uint64_t offset, bool to_read) {
     if (offset != file_position_ || to_read != reading_) {
         if (fseeko(file_.get(), static_cast<off_t>(offset), SEEK_SET) != 0) return false;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bytes that wait to be written: in memory, and in a temporary file once they are many.
+// Bytes to be written later: in memory, and from a limit on in a temporary file.
 #ifndef KESTREL_COMPANION_PACKER_SPOOL_H
 #define KESTREL_COMPANION_PACKER_SPOOL_H
 
@@ -13,17 +13,17 @@ namespace kestrel::packer {
 
 class Spool {
   public:
-    // As many bytes wait in memory.
+    // Limit of the bytes in memory.
     static constexpr uint64_t kMaxInMemory = 32 << 20;
 
     explicit Spool(uint64_t max_in_memory = kMaxInMemory) : max_in_memory_(max_in_memory) {}
 
     uint64_t size() const { return size_; }
 
-    // False when there is no temporary file, or no room in it. May throw std::bad_alloc.
+    // Returns false when there is no temporary file, or no space for it. May throw std::bad_alloc.
     bool append(std::span<const uint8_t> bytes);
 
-    // Reads bytes that were appended; false when the temporary file fails.
+    // Reads bytes that were appended. Returns false when the temporary file fails.
     bool read(uint64_t offset, std::span<uint8_t> to);
 
   private:

@@ -17,7 +17,7 @@ void StreamMedia::run(const std::function<void()>& step) {
         step();
     } catch (const stream::Damage& damage) {
         damage_ = damage;
-        // What belongs to a frame that is not whole is left out.
+        // Samples of a frame that is not whole are dropped.
         if (pictures_) pictures_->finish(!in_frame_);
     }
 }

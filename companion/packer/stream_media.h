@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The samples that a native stream carries, gathered as it is fed.
+// The samples of a native stream, collected as it is fed.
 #ifndef KESTREL_COMPANION_PACKER_STREAM_MEDIA_H
 #define KESTREL_COMPANION_PACKER_STREAM_MEDIA_H
 
@@ -15,7 +15,7 @@
 
 namespace kestrel::packer {
 
-// Takes one stream. What feed() and finish() allocate may throw std::bad_alloc.
+// Reads one stream. feed() and finish() may throw std::bad_alloc.
 class StreamMedia final : private stream::RecordSink {
   public:
     // `with_packets`: whether to record the packets too.
@@ -23,7 +23,7 @@ class StreamMedia final : private stream::RecordSink {
 
     // Has no effect once the stream is damaged or the spool failed.
     void feed(std::span<const uint8_t> bytes);
-    // The stream ends here.
+    // Ends the stream.
     void finish();
 
     // Empty until all header records were fed.
@@ -33,14 +33,14 @@ class StreamMedia final : private stream::RecordSink {
 
     // MPEG-4: decoder-specific information. H.264: parameter sets, each after 00 00 00 01.
     std::span<const uint8_t> config() const;
-    // How many pictures at least are decoded before the first one is shown.
+    // The least number of pictures that are decoded before the first one is displayed.
     uint32_t shown_after() const { return pictures_ ? pictures_->shown_after() : 0; }
-    // Frames of the stream that were whole.
+    // Number of whole frames.
     uint32_t frames() const { return frames_; }
     // Packets that are malformed, or of a kind that is not joined.
     uint64_t packets_left_out() const { return pictures_ ? pictures_->packets_left_out() : 0; }
 
-    // Packets that the sequence numbers show to be missing.
+    // Number of packets missing by sequence number.
     uint64_t packets_missing() const { return pictures_ ? pictures_->packets_missing() : 0; }
 
     // AMR: a bit for each frame type that occurs.
@@ -66,7 +66,7 @@ class StreamMedia final : private stream::RecordSink {
     SampleStore store_;
     std::optional<PictureJoiner> pictures_;  // video only
 
-    // Speech only: the frame at hand, which has speech frames one after the other.
+    // Speech only: the current frame, with its speech frames in order.
     uint32_t speech_time_ = 0;
     uint32_t speech_count_ = 0;
     std::vector<uint8_t> speech_;

@@ -19,7 +19,7 @@ double declared_duration(const stream::StreamHeader& header) {
     return header.duration_ms / 1000.0 * timescale_of(header);
 }
 
-// What the last sample lasts if it is like the one before.
+// The duration of the last sample if it is like the previous one.
 uint64_t usual_duration(const stream::StreamHeader& header, const Times& times) {
     if (is_speech(header.medium)) return band_of(header.medium).samples_per_frame;
     if (times.size() > 1) return times.back() - times[times.size() - 2];
@@ -90,7 +90,7 @@ bool are_shown_in_order(const NumberRuns& keys) {
     return true;
 }
 
-// The samples in the order in which they are shown.
+// Returns the samples in display order.
 std::vector<uint32_t> display_order(const NumberRuns& keys) {
     std::vector<uint64_t> key_of(keys.size());
     for (size_t i = 0; i < keys.size(); ++i)

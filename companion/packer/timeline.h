@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// When the samples of a stream are decoded and shown.
+// Decoding and display times of the samples of a stream.
 #ifndef KESTREL_COMPANION_PACKER_TIMELINE_H
 #define KESTREL_COMPANION_PACKER_TIMELINE_H
 
@@ -12,7 +12,7 @@
 
 namespace kestrel::packer {
 
-// The decoding times of a stream's samples, which its clock may count too fast.
+// The decoding times of a stream's samples, whose clock may be too fast.
 class Times {
   public:
     Times() = default;

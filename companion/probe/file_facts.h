@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the boxes and tables of a file say, read once for all that is judged and shown of it.
+// The facts of the boxes and tables of a file, read once for all that is judged and printed.
 #ifndef KESTREL_COMPANION_PROBE_FILE_FACTS_H
 #define KESTREL_COMPANION_PROBE_FILE_FACTS_H
 

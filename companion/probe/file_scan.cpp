@@ -19,8 +19,7 @@ struct Header {
     std::string type;
 };
 
-// A box whose body is a list of boxes, and which of them a file cannot do without. "a|b" is one of
-// two.
+// A box whose body is a list of boxes, and the boxes that it requires. "a|b" is one of two.
 struct Container {
     std::string_view type;
     std::vector<std::string_view> needs;
@@ -38,7 +37,7 @@ const Container* container(std::string_view type) {
     return found == kContainers.end() ? nullptr : found;
 }
 
-// The type of a box; other characters than those of ASCII as \\xNN.
+// Returns the type of a box, with bytes other than ASCII as \\xNN.
 std::string type_text(uint32_t type) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string out;
@@ -97,7 +96,7 @@ class Scanner {
         return status == 0 && got == count;
     }
 
-    // The header at `offset`, after which `left` bytes are there for the box.
+    // Reads the header at `offset`, where `left` bytes are available.
     std::optional<Header> header_at(uint64_t offset, uint64_t left) {
         std::array<uint8_t, kLargeBoxHeader> raw{};
         if (left < kBoxHeader || !read(std::span(raw).first(kBoxHeader), offset))
@@ -160,7 +159,7 @@ class Scanner {
                " bytes, but the file ends " + std::to_string(missing) + " bytes before that.");
     }
 
-    // The containers nest in one way only, so this goes no deeper than they do.
+    // The nesting of containers is fixed, which limits the recursion.
     void walk(const Container& parent, const std::string& name, uint64_t from, uint64_t end) {
         std::set<std::string, std::less<>> seen;
         int tracks = 0;
@@ -197,10 +196,10 @@ class Scanner {
         }
     }
 
-    // What is kept of a track's boxes.
+    // Stores facts of a track's boxes.
     void note(const Container& parent, const Header& header, uint64_t at, uint64_t end) {
         if (parent.type == "moov" && header.type == "trak") {
-            // Those of a file with more tracks all go into one that is not kept.
+            // Further tracks are read into one that is not kept.
             if (scan_.tracks.size() < kMaxScannedTracks) {
                 scan_.tracks.emplace_back();
                 track_ = &scan_.tracks.back();

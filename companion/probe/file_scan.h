@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The boxes of a file by their headers alone, and what is wrong with them: what can be said of a
-// file that no reader takes.
+// The boxes of a file by their headers alone, and their faults: all that is known of a file that no
+// reader accepts.
 #ifndef KESTREL_COMPANION_PROBE_FILE_SCAN_H
 #define KESTREL_COMPANION_PROBE_FILE_SCAN_H
 
@@ -21,7 +21,7 @@ struct TopBox {
     bool broken = false;  // no header of a box: what is left of the file
 };
 
-// The boxes of a track that decide who can read it.
+// Boxes of a track that decide which reader accepts it.
 struct TrackBoxes {
     uint32_t id = 0;
     uint64_t offset = 0;                // of the box `trak`

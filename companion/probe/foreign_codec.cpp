@@ -11,7 +11,7 @@ thread_local bool is_met = false;
 
 }  // namespace
 
-// The library ends the process here; whoever looks at boxes with this goes on.
+// The library ends the process here; programs with this definition continue.
 void Qvox3gp::meet_foreign_codec() {
     is_met = true;
 }

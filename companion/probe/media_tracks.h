@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tracks of a file by what they carry, and which of them an API takes.
+// The tracks of a file by medium and codec, and which of them an API plays.
 #ifndef KESTREL_COMPANION_PROBE_MEDIA_TRACKS_H
 #define KESTREL_COMPANION_PROBE_MEDIA_TRACKS_H
 
@@ -10,7 +10,7 @@
 
 namespace kestrel::probe {
 
-// The library's two ways in.
+// The two APIs of the library.
 enum class Api { kFunction, kClass };
 
 enum class MediaKind { kAudio, kVideo };
@@ -24,7 +24,8 @@ const char* word(MediaKind kind);
 
 bool is_hint(const iso_track* track);
 
-// Of a track that is no hint track, by its codec, else by its handler. False for any other.
+// Sets the medium of a track that is no hint track, by its codec, else by its handler. Returns
+// false for any other track.
 bool is_of(const iso_track* track, MediaKind kind);
 bool has_medium(const iso_file* file, MediaKind kind);
 
@@ -33,7 +34,7 @@ bool plays_codec(Api api, int32_t codec);
 // Of a sample entry: "AMR-NB" for ISO_CODEC_SAMR and so on; "unknown".
 const char* codec_name(int32_t codec);
 
-// The track that the API takes, else the first of the medium; null where there is none.
+// Returns the track that the API plays, else the first one of the medium; null for none.
 const iso_track* track_for(const iso_file* file, Api api, MediaKind kind);
 
 // True when the class API finds more than one track of the medium.
@@ -42,13 +43,13 @@ bool has_several(const iso_file* file, MediaKind kind);
 const iso_track* hint_track_of(const iso_file* file, const iso_track* media);
 bool has_hints(const iso_file* file);
 
-// True when the hint track of `media`, or one that refers to no other track, takes payloads out of
-// itself. The first samples of the hint track are looked at.
+// Whether the hint track of `media`, or one that refers to no other track, has packets with bytes
+// of its own samples. Reads its first samples.
 bool is_self_hinted(const iso_file* file, const iso_track* media);
 
 uint32_t sample_size_of(const iso_track* track, uint32_t sample);
 
-// What a track's tables declare, also of samples for which the reader found no place.
+// The samples that a track's tables declare, also those that the reader could not place.
 struct Declared {
     uint64_t samples = 0;
     uint64_t filled = 0;  // of them, those that are not empty
@@ -57,10 +58,10 @@ struct Declared {
 };
 Declared declared(const iso_track* track);
 
-// The sum of the sizes of the samples that the reader found a place for.
+// The sum of the sizes of the samples that the reader could place.
 uint64_t sample_bytes(const iso_track* track);
 
-// What a track's tables place after the end of a file of `size` bytes.
+// The samples that a track's tables place after the end of a file of `size` bytes.
 struct Outside {
     uint32_t chunks = 0;
     uint64_t bytes = 0;

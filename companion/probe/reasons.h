@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which of the library's two APIs plays what of a file, as far as its boxes and tables show: the
-// one place for the reasons, their words and their sentences.
+// Which API plays which media of a file, as far as its boxes and tables show. The reasons, their
+// words and their sentences are defined here only.
 #ifndef KESTREL_COMPANION_PROBE_REASONS_H
 #define KESTREL_COMPANION_PROBE_REASONS_H
 
@@ -35,7 +35,7 @@ enum class Reason {
 // One word, which scripts may rely on.
 const char* word(Reason reason);
 
-// What one judgement is about.
+// The subject of a judgement.
 struct Subject {
     const FileFacts& facts;
     Api api;
@@ -57,7 +57,7 @@ struct Subject {
 
 Subject subject_of(const FileFacts& facts, Api api, MediaKind kind);
 
-// What the boxes of a track, or of the file, explain.
+// Reasons in the boxes of a track or of the file.
 
 bool is_encrypted(const Subject& subject);
 
@@ -83,7 +83,7 @@ Reason reason_by_tables(const Subject& subject);
 // Why no medium was found in a file that has a file type or a movie box, or not all of them.
 Reason reason_for_no_media(const FileFacts& facts);
 
-// Words for a person.
+// Texts for a person.
 
 // "H.264", "the codec 'av01'".
 std::string name_of_codec(const Subject& subject);

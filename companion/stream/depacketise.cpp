@@ -9,8 +9,8 @@
 namespace kestrel::stream {
 namespace {
 
-// RFC 4629: a header of two bytes and what it announces; P stands for the two zero bytes of a start
-// code.
+// RFC 4629: a header of two bytes and the fields that it announces. P replaces the two zero bytes
+// of a start code.
 class Rfc4629 final : public Depacketiser {
   public:
     using Depacketiser::Depacketiser;
@@ -28,8 +28,8 @@ class Rfc4629 final : public Depacketiser {
     }
 };
 
-// RFC 2190: a header of 4, 8 or 12 bytes. A byte that two packets share is put together from both,
-// by the bits that their headers declare.
+// RFC 2190: a header of 4, 8 or 12 bytes. A byte that two packets share is joined from both, by the
+// bits that their headers declare.
 class Rfc2190 final : public Depacketiser {
   public:
     using Depacketiser::Depacketiser;
@@ -40,7 +40,7 @@ class Rfc2190 final : public Depacketiser {
         const auto bytes = payload.subspan(header.size);
         uint8_t first = bytes.front();
         const bool joined = has_held_ && join_held(header, first);
-        // The last byte may be shared, which only the next packet settles.
+        // The last byte may be shared: the next packet shows it.
         held_ = bytes.size() == 1 ? first : bytes.back();
         held_by_ = header;
         has_held_ = true;
@@ -63,7 +63,7 @@ class Rfc2190 final : public Depacketiser {
         unsigned bits_after = 0;  // of the last byte, which are not this packet's
     };
 
-    // Some writers spoil mode B headers with negative vectors: ones all the way to the front.
+    // Some writers damage mode B headers with negative vectors: all bits before them are ones.
     static bool is_spoilt(std::span<const uint8_t> payload) {
         return payload.size() >= 4 &&
                std::all_of(payload.begin(), payload.begin() + 4, [](auto b) { return b == 0xFF; });
@@ -80,8 +80,8 @@ class Rfc2190 final : public Depacketiser {
                 true, payload[0] >> 3 & 7u, payload[0] & 7u};
     }
 
-    // Settles the byte held back, before a packet that begins with `first`. True when the two are
-    // one, which `first` then is.
+    // Completes the byte that was kept, before a packet that begins with `first`. Returns true when
+    // both are one byte, which is then in `first`.
     bool join_held(const Header& next, uint8_t& first) {
         const bool shared =
             held_by_.has_bits ? held_by_.bits_after != 0 && (!next.has_bits || next.start_bit != 0)
@@ -172,7 +172,7 @@ class H264 final : public Depacketiser {
         return reader.ok() && reader.remaining() == 0;
     }
 
-    // A unit whose first fragment is missing begins with the one that is there.
+    // A unit without its first fragment begins with the fragment that is present.
     bool fragment(std::span<const uint8_t> payload) {
         constexpr uint8_t kStart = 0x80, kEnd = 0x40;
         if (payload.size() < 2) return false;

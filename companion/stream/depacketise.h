@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// RTP payloads back to the media stream that they were cut from.
+// Rebuilds a media stream from RTP payloads.
 #ifndef KESTREL_COMPANION_STREAM_DEPACKETISE_H
 #define KESTREL_COMPANION_STREAM_DEPACKETISE_H
 
@@ -12,10 +12,11 @@
 
 namespace kestrel::stream {
 
-// Takes the media stream. Bytes that a payload holds as they are come as a part of that payload.
+// Receives the media stream. Bytes that are unchanged from a payload are passed as a part of that
+// payload.
 struct MediaSink {
     std::function<void(std::span<const uint8_t>)> bytes;
-    // Called before each NAL unit of H.264; where there is none, a start code goes to `bytes`.
+    // Called before each NAL unit of H.264. The default passes a start code to `bytes`.
     std::function<void()> begin_unit = {};
 };
 
@@ -27,10 +28,10 @@ class Depacketiser {
     Depacketiser& operator=(const Depacketiser&) = delete;
     virtual ~Depacketiser() = default;
 
-    // Returns false for a payload that is malformed or of a kind that is not joined; it is left
-    // out, or what is malformed of it.
+    // Returns false for a payload that is malformed or of an unsupported kind. The malformed part
+    // is dropped.
     virtual bool packet(std::span<const uint8_t> payload) = 0;
-    // Passes on what was held back for the next packet. More packets may follow.
+    // Passes on bytes that were kept for the next packet. More packets may follow.
     virtual void finish() {}
 
   protected:
@@ -41,7 +42,7 @@ class Depacketiser {
     MediaSink sink_;
 };
 
-// For a video medium; `config` is the decoder configuration that goes before MPEG-4.
+// For a video medium. `config` is the decoder configuration before MPEG-4.
 std::unique_ptr<Depacketiser> make_depacketiser(Medium medium, std::span<const uint8_t> config,
                                                 MediaSink sink);
 

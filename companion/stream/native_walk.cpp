@@ -35,14 +35,14 @@ uint32_t load_word(std::span<const uint8_t> bytes) {
     return value;
 }
 
-// Of a box that 3GP files begin with.
+// Types of boxes that 3GP files begin with.
 bool is_box_type(const char* type) {
     static constexpr std::array<std::string_view, 5> kTypes = {"ftyp", "moov", "mdat", "free",
                                                                "skip"};
     return std::find(kTypes.begin(), kTypes.end(), std::string_view(type, 4)) != kTypes.end();
 }
 
-// Turns the fields of a record into named values.
+// Lists the fields of a record as named values.
 struct FieldLister {
     std::vector<Field>& fields;
     std::span<const uint8_t> raw;  // the record in the stream
@@ -96,7 +96,7 @@ void NativeWalk::finish() {
     pending_.clear();
 }
 
-// Takes all records that are whole; returns their bytes.
+// Reads all whole records. Returns their bytes.
 size_t NativeWalk::walk(std::span<const uint8_t> bytes) {
     window_ = bytes;
     position_ = 0;
@@ -109,7 +109,7 @@ size_t NativeWalk::walk(std::span<const uint8_t> bytes) {
     return taken;
 }
 
-// Takes the next record or frame; false when more bytes are needed, or at the end.
+// Reads the next record or frame. Returns false when more bytes are needed, and at the end.
 bool NativeWalk::step() {
     switch (state_) {
         case State::kFirstRecord:
@@ -184,8 +184,8 @@ void NativeWalk::first_record() {
     if (is_audio_) header_.frames = first.value;
 }
 
-// The bytes that the other header records take, as far as is known: the codec name of a video
-// stream settles its configuration record.
+// Returns the bytes of the other header records, as far as known: the codec name of a video stream
+// determines its configuration record.
 size_t NativeWalk::header_records_size() const {
     constexpr size_t kAudioRecords =
         sizeof(AUD_Codec_Header) + sizeof(AUD_Header_IndxInfo) + sizeof(VID_FileInfo);
@@ -297,8 +297,8 @@ void NativeWalk::video_config(const std::string& codec, uint64_t codec_at) {
 
 // --- frames ---
 
-// Whether a whole frame is there, or what there is must be looked at: it ends the stream, or its
-// length is that of no frame.
+// Whether a whole frame is available, or damage must be reported: the stream ends, or the length is
+// invalid.
 bool NativeWalk::has_frame() const {
     if (left() == 0) return false;
     if (ending_) return true;

@@ -28,8 +28,8 @@ struct StreamRecord {
     std::span<const uint8_t> payload;
 };
 
-// What a stream carries. The two kinds of H.263 differ in the payload header of their packets:
-// RFC 2190 or RFC 4629.
+// The medium of a stream. The two kinds of H.263 have different payload headers: RFC 2190 or RFC
+// 4629.
 enum class Medium { kNarrowBandSpeech, kWideBandSpeech, kH263Rfc2190, kH263Rfc4629, kMpeg4, kH264 };
 
 constexpr bool is_speech(Medium medium) {
@@ -41,10 +41,10 @@ constexpr const AmrBand& band_of(Medium medium) {
     return medium == Medium::kWideBandSpeech ? kWideBand : kNarrowBand;
 }
 
-// Which API of the library made a stream. They differ in units of time and in the form of speech.
+// The API that made a stream. They differ in units of time and in the form of speech.
 enum class Api { kFunction, kClass };
 
-// What the header records declare.
+// The facts of the header records.
 struct StreamHeader {
     Medium medium = Medium::kNarrowBandSpeech;
     Api api = Api::kFunction;
@@ -71,7 +71,7 @@ struct VideoPacket {
     std::span<const uint8_t> payload;  // what RTP carries
 };
 
-// Takes the records as the walk comes to them. What a call passes is valid during the call.
+// Receives the records of a walk. Arguments are valid during the call.
 class RecordSink {
   public:
     RecordSink() = default;
@@ -79,17 +79,17 @@ class RecordSink {
     RecordSink& operator=(const RecordSink&) = delete;
     virtual ~RecordSink() = default;
 
-    // False when record() does nothing, so that no record is listed for it.
+    // Returns false when record() does nothing; records are then not listed.
     virtual bool wants_records() const { return true; }
     virtual void record(const StreamRecord&) {}
     // Called once, after the last header record.
     virtual void header(const StreamHeader&) {}
-    // Called before the first and after the last packet or speech frame of each frame. A frame that
-    // the stream holds only in part does not begin.
+    // Called before the first and after the last packet or speech frame of each frame. Not called
+    // for a truncated frame.
     virtual void begin_frame() {}
     virtual void end_frame() {}
     virtual void video_packet(const VideoPacket&) {}
-    // The time of the speech that follows, in units of the sampling rate.
+    // Time of the speech that follows, in units of the sampling rate.
     virtual void speech_time(uint32_t) {}
     // Class API: the codec mode request and table of contents of an RTP payload; its frames follow.
     virtual void speech_payload(std::span<const uint8_t>) {}
@@ -97,24 +97,24 @@ class RecordSink {
     virtual void speech_frame(std::span<const uint8_t>) {}
 };
 
-// Where a stream is damaged, and how.
+// The place and the kind of damage in a stream.
 struct Damage {
     uint64_t offset;
     std::string reason;
 };
 
-// No frame of a native stream is longer, its record and packets together.
+// Limit of a frame: its record and packets together.
 inline constexpr uint32_t kMaxFrameBytes = KST_MAX_CHUNK;
 
-// Walks a stream that arrives in pieces. Memory: at most one frame, and never more than was fed.
-// feed() and finish() throw Damage at the first damaged place; the walk is over then.
+// Walks a stream that arrives in pieces. Uses memory for one frame at most, and never more than was
+// fed. feed() and finish() throw Damage at the first damaged place, which ends the walk.
 class NativeWalk {
   public:
     explicit NativeWalk(RecordSink& sink) : sink_(sink) {}
 
     void feed(std::span<const uint8_t> bytes);
 
-    // The stream ends here; throws Damage when it ends inside a record or frame.
+    // Ends the stream. Throws Damage when it ends inside a record or frame.
     void finish();
 
   private:
@@ -131,11 +131,11 @@ class NativeWalk {
     bool step();
     std::span<const uint8_t> take(size_t count, const char* what);
 
-    // Takes a record and lists its fields into `shown`.
+    // Reads a record and lists its fields in `shown`.
     template <typename Record>
     Record take_record(const char* name, StreamRecord& shown);
 
-    // Takes a record without payload.
+    // Reads a record without payload.
     template <typename Record>
     Record header_record(const char* name);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Packets that are missing from a stream, by their sequence numbers.
+// Counts missing packets of a stream by their sequence numbers.
 #ifndef KESTREL_COMPANION_STREAM_SEQUENCE_GAPS_H
 #define KESTREL_COMPANION_STREAM_SEQUENCE_GAPS_H
 
@@ -10,7 +10,7 @@ namespace kestrel::stream {
 
 class SequenceGaps {
   public:
-    // Numbers that go back, or ahead by half of all there are, say nothing.
+    // Numbers that go back, or ahead by half the range, are ignored.
     void add(uint16_t sequence) {
         constexpr uint16_t kHalf = 0x8000;
         const auto ahead = static_cast<uint16_t>(sequence - last_.value_or(sequence - 1));

@@ -20,7 +20,7 @@
 namespace tool {
 namespace {
 
-// Exit statuses of the child; that of the work itself is kFailed.
+// Exit statuses of the child; the status of the work itself is kFailed.
 constexpr int kFaultStatus = 3;
 constexpr int kNoMemoryStatus = 4;
 
@@ -32,7 +32,7 @@ constexpr bool kLimitsMemory = !__has_feature(address_sanitizer);
 constexpr bool kLimitsMemory = true;
 #endif
 
-// Blocks every signal while it lives, so that no handler of the parent runs in the child.
+// Blocks all signals while it exists, so that no handler of the parent runs in the child.
 class BlockedSignals {
   public:
     BlockedSignals() {
@@ -48,8 +48,8 @@ class BlockedSignals {
     sigset_t before_{};
 };
 
-// Gives the default action to each signal that has a handler, and to those that the child relies
-// on; then lets all of them through. What the parent was started to ignore stays ignored.
+// Sets the default action for each signal with a handler and for those that the child needs, then
+// unblocks all. Signals that the parent was started to ignore remain ignored.
 void reset_signals() {
     constexpr int kRelied[] = {SIGCHLD, SIGPIPE, SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL};
     for (int number = 1; number < NSIG; ++number) {
@@ -122,7 +122,7 @@ ChildProcess::~ChildProcess() {
     }
 }
 
-// Leaves by _exit, or as the work does.
+// Ends by _exit, or as the work does.
 void ChildProcess::live(const Work& work, int to, pid_t parent) const {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(kFaultStatus);  // the parent ended before

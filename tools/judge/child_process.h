@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Work in a process of its own, which may end that process, crash, hang or take all memory.
+// Work in a separate process, which may exit, crash, hang or exceed the memory.
 #ifndef KESTREL_TOOLS_JUDGE_CHILD_PROCESS_H
 #define KESTREL_TOOLS_JUDGE_CHILD_PROCESS_H
 
@@ -39,18 +39,18 @@ class ChildProcess {
   public:
     using Work = std::function<std::string()>;
 
-    // Starts `work`, whose result is the report. Throws Error when the system starts no process.
+    // Starts `work`, whose result is the report. Throws Error when no process can be started.
     ChildProcess(const ChildLimits& limits, const Work& work);
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
-    // Kills the child if it still runs.
+    // Kills the child if it is running.
     ~ChildProcess();
 
-    // Is readable when take() has something to do.
+    // Readable when take() has work.
     int descriptor() const { return from_; }
     Clock::time_point deadline() const { return limits_.deadline; }
 
-    // Reads what has arrived of the report. Returns false once the report has ended.
+    // Reads the available part of the report. Returns false after its end.
     bool take();
     // Ends the child if its report has not ended, which counts as kTimeout, and waits for it.
     ChildResult finish();
@@ -65,7 +65,7 @@ class ChildProcess {
     std::string report_;
 };
 
-// Runs one child to its end, or to its deadline.
+// Runs one child to its end or its deadline.
 ChildResult run_apart(const ChildLimits& limits, const ChildProcess::Work& work);
 
 // Milliseconds until `deadline` for poll(): -1 where there is none, 0 when it has passed.

@@ -11,7 +11,7 @@ namespace {
 
 static_assert(std::has_unique_object_representations_v<ImportedTrack>);
 
-// In a process of its own, as the tables may take time and memory.
+// In a separate process, because the tables may need much time and memory.
 std::vector<ImportedTrack> import_apart(KST_IOSTREAM_CALLBACK_INTERFACE& stream,
                                         const ChildLimits& limits) {
     const ChildResult result = run_apart(limits, [&] {

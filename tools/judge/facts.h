@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Gathering the facts of a file for the tool: in bounded time and memory, without the lines of the
-// library on standard error.
+// Collecting the facts of a file for the tool: in bounded time and memory, without the library's
+// lines on standard error.
 #ifndef KESTREL_TOOLS_JUDGE_FACTS_H
 #define KESTREL_TOOLS_JUDGE_FACTS_H
 
@@ -12,15 +12,14 @@
 
 namespace tool {
 
-// Reads them until `deadline`; the host must outlive the facts. What the library writes to standard
-// error meanwhile is in the remarks.
+// Reads the facts until `deadline`. The host must outlive them. Lines of the library are stored as
+// remarks.
 FileFacts gather_facts(kst_host* host, Clock::time_point deadline);
 
-// The error for a file that is none of this kind.
+// The error for a file of another kind.
 Error no_media_file(const std::string& input);
 
-// The memory that reading and playing may take: a handle holds a multiple of the boxes that it
-// reads.
+// The memory limit of reading and playing: a handle holds a multiple of the boxes that it reads.
 uint64_t memory_limit(const FileScan& scan);
 
 }  // namespace tool

@@ -14,7 +14,7 @@ constexpr uint32_t kMaxBytes = 128 << 20;  // of a file
 constexpr uint64_t kMaxSamples = 1 << 20;  // of all its tracks
 
 bool is_cut(const FileFacts& facts) {
-    if (facts.scan.movie_is_cut) return false;  // nothing whole is found then
+    if (facts.scan.movie_is_cut) return false;  // the importer finds nothing then
     const auto& boxes = facts.scan.boxes;
     return std::any_of(boxes.begin(), boxes.end(), [](const TopBox& box) { return box.cut; });
 }
@@ -23,7 +23,7 @@ bool is_cut(const FileFacts& facts) {
 
 FixFinder::FixFinder(const FileFacts& facts, const ChildLimits& limits)
     : facts_(facts), limits_(limits) {
-    // A file that has hints, even of no use, is hinted anew only when asked to.
+    // A file with hints, even unusable ones, is hinted again only with an option.
     const bool replace = has_hints(facts.file.get());
     const std::string command = replace ? "hint --replace" : "hint";
     const uint32_t flags = replace ? KST_HINT_REPLACE : 0;

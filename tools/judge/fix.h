@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Looking for the command that makes a file play, by trying it.
+// Finding the command that makes a file play, by trying.
 #ifndef KESTREL_TOOLS_JUDGE_FIX_H
 #define KESTREL_TOOLS_JUDGE_FIX_H
 
@@ -15,21 +15,22 @@
 
 namespace tool {
 
-// Runs each command at most once for a file, into a temporary file without a name, and plays what
-// it made. Files that are large, or have very many samples, are not tried.
+// Runs each command at most once per file, into a temporary file without a name, and plays the
+// result. Does not try large files and files with very many samples.
 class FixFinder {
   public:
     // The facts must outlive the finder.
     FixFinder(const FileFacts& facts, const ChildLimits& limits);
 
-    // Of what playing came to, and whether the command kept only what is whole of a cut file.
+    // Whether the result of playing is a fix. The second argument means that the command kept only
+    // the whole samples of a truncated file.
     using IsFixed = std::function<bool(const TrialResult&, bool is_salvage)>;
 
-    // The first command after which `is_fixed` holds, with its options; empty for none.
+    // Returns the first command, with its options, for which `is_fixed` holds; empty for none.
     std::string find(Api api, MediaKind kind, const IsFixed& is_fixed);
 
   private:
-    // A command, and what it made of the file.
+    // A command and its result.
     struct Candidate {
         std::string command;
         uint32_t flags = 0;  // of kst_hint

@@ -15,8 +15,8 @@ struct FoundFile {
     auto operator<=>(const FoundFile&) const = default;
 };
 
-// All files below a folder, sorted by path. Links to folders are not followed. A folder that cannot
-// be read is among them. Has one folder open at a time.
+// Returns all files below a folder, sorted by path. Does not follow links to folders. Includes
+// folders that cannot be read. Keeps one folder open at a time.
 std::vector<FoundFile> search_folder(const std::string& folder);
 
 }  // namespace tool

@@ -13,7 +13,7 @@ using kestrel::stream::Medium;
 
 namespace {
 
-// The bytes that a picture begins with.
+// The first bytes of a picture.
 constexpr size_t kCodeBytes = 3;
 
 bool is_picture_start(std::span<const uint8_t> bytes) {
@@ -24,8 +24,8 @@ bool is_start_code(std::span<const uint8_t> bytes) {
     return bytes[0] == 0 && bytes[1] == 0 && bytes[2] == 1;
 }
 
-// An unsigned Exp-Golomb code of `bytes` from bit `at` on, which moves past it. None when it does
-// not end in them.
+// Reads an unsigned Exp-Golomb code of `bytes` at bit `at`, and moves after it. Returns nothing
+// when it does not end there.
 std::optional<uint32_t> exp_golomb(std::span<const uint8_t> bytes, size_t& at) {
     const auto bit = [&](size_t i) { return bytes[i / 8] >> (7 - i % 8) & 1u; };
     const size_t end = bytes.size() * 8;
@@ -62,7 +62,7 @@ bool is_nal_unit(std::span<const uint8_t> unit) {
     const auto first_macroblock = exp_golomb(unit, at);
     const auto slice_type = exp_golomb(unit, at);
     const auto pps = exp_golomb(unit, at);
-    // A field that goes on after the bytes at hand may be any.
+    // A field that exceeds the available bytes may have any value.
     return (!first_macroblock || !slice_type || *slice_type <= kMaxSliceType) &&
            (!pps || *pps <= kMaxPps);
 }

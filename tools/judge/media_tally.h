@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What comes out of a native stream, counted and looked at as it comes, whatever its length.
+// Counts and checks the contents of a native stream of any length.
 #ifndef KESTREL_TOOLS_JUDGE_MEDIA_TALLY_H
 #define KESTREL_TOOLS_JUDGE_MEDIA_TALLY_H
 
@@ -18,7 +18,7 @@ struct MediaCounts {
     uint64_t frames = 0;  // of the native stream: pictures, or speech of one frame or sample
     uint64_t bytes = 0;   // of media: pictures without packet headers, speech frames as stored
     uint64_t empty_frames = 0;  // of speech: without speech or comfort noise, a byte each
-    // Frames whose bytes cannot be what their codec writes, and the number of the first, from 1.
+    // Frames whose bytes their codec cannot write, and the number of the first one, from 1.
     uint64_t implausible = 0;
     uint64_t first_implausible = 0;
 };
@@ -50,12 +50,12 @@ class MediaTally final : private kestrel::stream::RecordSink {
     void count_implausible();
 
     kestrel::stream::NativeWalk walk_;
-    bool lost_ = false;  // the stream is no native stream from here on
+    bool lost_ = false;  // the rest is no native stream
     kestrel::stream::Medium medium_ = kestrel::stream::Medium::kNarrowBandSpeech;
     std::unique_ptr<kestrel::stream::Depacketiser> depacketiser_;
-    std::array<uint8_t, 12> first_{};  // of the picture, or of the NAL unit at hand
+    std::array<uint8_t, 12> first_{};  // of the picture or of the current NAL unit
     size_t got_ = 0;
-    bool plausible_ = true;  // the frame at hand, so far
+    bool plausible_ = true;  // the current frame, so far
     MediaCounts counts_;
 };
 

@@ -12,7 +12,7 @@ namespace {
 
 static_assert(std::has_unique_object_representations_v<Trial>);
 
-constexpr uint32_t kMaxRoom = 17 << 20;  // of a chunk: a frame of 16 MiB and its headers
+constexpr uint32_t kMaxRoom = 17 << 20;  // bytes of one delivery: a frame of 16 MiB and headers
 constexpr uint32_t kMaxEmptyReads = 1 << 16;
 
 const char* mode_of(MediaKind kind) {
@@ -31,7 +31,7 @@ void play(Trial& trial, Read read) {
         auto size = static_cast<uint32_t>(buffer.size());
         trial.status = read(buffer.data(), &size);
         if (trial.status == KST_BAD_ARGUMENT && size > buffer.size() && size <= kMaxRoom) {
-            buffer.resize(size);  // the room that the chunk needs
+            buffer.resize(size);  // the size that the call needs
             trial.status = KST_SUCCESS;
             continue;
         }

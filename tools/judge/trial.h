@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Playing a medium with one of the APIs, in a process of its own.
+// Playing a medium with one of the APIs, in a separate process.
 #ifndef KESTREL_TOOLS_JUDGE_TRIAL_H
 #define KESTREL_TOOLS_JUDGE_TRIAL_H
 
@@ -12,7 +12,7 @@
 
 namespace tool {
 
-// What playing came to. Plain numbers, which the process passes on as bytes.
+// The result of playing. Plain numbers, which the process passes as bytes.
 struct Trial {
     uint64_t opened = 0;                 // 1 when it was
     int64_t status = KST_UNKNOWN_CODER;  // of the call that ended it; KST_SUCCESS for the end
@@ -25,15 +25,15 @@ struct TrialResult {
     int signal = 0;
     Trial trial;
 
-    // Opened, and delivered to the end of the stream, with a frame at least.
+    // Whether it opened, and delivered at least one frame up to the end of the stream.
     bool reached_end() const {
         return end == ChildResult::End::kReported && trial.opened != 0 &&
                trial.status == KST_SUCCESS && trial.counts.frames > 0;
     }
 };
 
-// Opens one medium with one API and plays it to its end. The host must be complete, and is the
-// caller's again afterwards. Opening with the class API may end the process that does it.
+// Opens one medium with one API and plays it to its end. The host must be complete. Opening with
+// the class API may end the process.
 TrialResult try_playing(kst_host* host, Api api, MediaKind kind, const ChildLimits& limits);
 
 }  // namespace tool

@@ -12,11 +12,11 @@ namespace {
 
 using End = ChildResult::End;
 
-constexpr uint32_t kLeastLarge = 60000;  // bytes of a sample that an API may have no room for
+constexpr uint32_t kLeastLarge = 60000;  // bytes of a sample that an API may not hold
 
 // --- how much came out ---
 
-// What the samples of a track of speech are.
+// The samples of a speech track.
 struct Speech {
     // Without empty frames, which a hint track may leave out.
     uint64_t filled_bytes = 0;
@@ -55,8 +55,7 @@ bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
            counts.bytes - counts.empty_frames >= speech_of(subject.track).filled_bytes;
 }
 
-// Pictures are counted. Their bytes may be fewer than in the samples, as packets leave out what a
-// decoder does not need.
+// Counts pictures, not bytes: packets omit bytes that a decoder does not need.
 bool is_all(const Subject& subject, const MediaCounts& counts) {
     constexpr double kEnough = 0.9;
     if (subject.kind == MediaKind::kAudio) return is_all_speech(subject, counts);
@@ -65,8 +64,8 @@ bool is_all(const Subject& subject, const MediaCounts& counts) {
                kEnough * static_cast<double>(subject.expected.bytes);
 }
 
-// Speech that looks right but is not: the function API fills up with zeros a frame whose type needs
-// more bytes than its sample has, and hints may have the frames' headers in themselves.
+// Speech that seems valid but is not: the function API fills a short frame with zeros, and frame
+// headers may be in the hints.
 bool has_misplaced_speech(const Subject& subject, const MediaCounts& counts) {
     if (subject.kind != MediaKind::kAudio || subject.track == nullptr ||
         subject.expected.in_fragments > 0) {
@@ -84,7 +83,7 @@ bool plays(const Subject& subject, const TrialResult& result) {
 
 // --- the reason ---
 
-// Of what did not open, or failed before its end.
+// The reason of a failure to open or to play to the end.
 Reason reason_of_failure(const Subject& subject, const Trial& trial) {
     const FileFacts& facts = subject.facts;
     if (trial.status == KST_TOO_MANY_TRACKS) return Reason::kSeveralTracks;
@@ -144,7 +143,7 @@ Reason reason_of(const Subject& subject, const TrialResult& result) {
 
 // --- sentences ---
 
-// How much comes out, of what lacks some.
+// How much is delivered of an incomplete medium.
 std::string amount(const Subject& subject, const MediaCounts& counts) {
     const Expected& expected = subject.expected;
     if (subject.kind == MediaKind::kVideo && counts.frames < expected.pictures) {
@@ -247,7 +246,7 @@ const char* Verdict::outcome() const {
     return opens && status == KST_SUCCESS ? "gives no frame" : "does not play";
 }
 
-// A file that is judged does not grow, so its data is missing, not late.
+// The file does not grow, so missing data never arrives.
 std::string status_words(int32_t status) {
     const std::string number = "status " + std::to_string(status);
     const bool says_nothing = status == KST_FAILURE || status == KST_NOT_YET;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What of a file plays with which of the library's two APIs, why the rest does not, and which
-// command fixes it. The one place for these words: info, report and check print what is found here.
+// Which media of a file play with which API, why others do not, and the command that fixes them.
+// All texts are here: info, report and check print these verdicts.
 #ifndef KESTREL_TOOLS_JUDGE_VERDICT_H
 #define KESTREL_TOOLS_JUDGE_VERDICT_H
 
@@ -24,14 +24,14 @@ struct Verdict {
     Reason reason = Reason::kNoTrack;
     bool tried = false;      // opened and played, as far as it goes
     int32_t status = 0;      // of the call that ended it; KST_SUCCESS for the end of the stream
-    bool opens = false;      // the failure, if any, came while it played
+    bool opens = false;      // a failure, if any, was during playing
     uint64_t delivered = 0;  // bytes of native stream
     uint64_t frames = 0;     // in them
     uint32_t track_id = 0;   // of the track that was judged; 0 for none
     std::string amount;      // "15 of 30 pictures", of what comes to its end but lacks some
     std::string why;         // a sentence for a person; empty for what plays
-    // The command that fixes it and its options, "hint --replace" and so on: tried, and the file
-    // that it made played. Empty for none.
+    // The command that fixes it, with options, such as "hint --replace". It was tried, and its
+    // result played. Empty for none.
     std::string fix;
 
     bool plays() const { return reason == Reason::kPlays; }
@@ -45,18 +45,17 @@ std::string status_words(int32_t status);
 // "kestrel hint FILE -o OUT" for a verdict with a fix, quoted for a shell; else empty.
 std::string fix_command(const Verdict& verdict, const std::string& input);
 
-// Judges one file. What the library writes to standard error meanwhile goes nowhere.
+// Judges one file. Lines of the library on standard error are dropped.
 class Judge {
   public:
-    // Works until `deadline`; what is not done by then gets the verdict kTimeout. The facts must
-    // outlive the judge.
+    // Works until `deadline`; the rest gets the verdict kTimeout. The facts must outlive the judge.
     Judge(const FileFacts& facts, Clock::time_point deadline);
 
-    // Opens one medium with one API and plays it to its end, in a process of its own. When that
-    // fails, looks for a fix.
+    // Opens one medium with one API and plays it to its end, in a separate process. Looks for a fix
+    // when that fails.
     Verdict judge(Api api, MediaKind kind);
 
-    // Looks at the boxes and tables alone.
+    // Judges by the boxes and tables only.
     Verdict look(Api api, MediaKind kind) const;
 
     // All four, function API first, audio first.
@@ -68,19 +67,19 @@ class Judge {
     FixFinder fixes_;
 };
 
-// The error of a command that an API, returning `status`, gave no track to: the reason that the
-// boxes of the file show, and the status. Nothing is tried.
+// The error of a command to which an API, with `status`, gave no track: the reason in the boxes of
+// the file, and the status. Tries nothing.
 Error open_error(kst_host* host, const std::string& input, Api api, MediaKind kind, int32_t status);
 
-// How a command played a medium.
+// The result of a command that played a medium.
 struct Playback {
     int32_t status = KST_END_OF_FILE;  // that ended it
     uint64_t delivered = 0;            // bytes of native stream
     MediaCounts counts;                // in them
 };
 
-// The error of a command that played a medium of a complete file: why it stopped, or what of the
-// samples that the file has did not come. Nothing where all of them came.
+// The error of a command that played a medium of a complete file: why it stopped, or which samples
+// are missing. Nothing when all were delivered.
 std::optional<Error> play_error(kst_host* host, const std::string& input, Api api, MediaKind kind,
                                 const Playback& playback);
 

@@ -27,7 +27,7 @@ double nice_below(double value) {
     return power * (first >= 5 ? 5 : first >= 2 ? 2 : 1);
 }
 
-// What the vertical axis counts in, and where its marks stand.
+// The unit of the vertical axis and its marks.
 struct Scale {
     double top = 1;   // value at the upper edge
     double step = 1;  // from a mark to the next
@@ -51,7 +51,7 @@ std::string mark_text(double value, const Scale& scale) {
                                         : show_count(static_cast<uint64_t>(std::llround(shown)));
 }
 
-// A chart whose parts are added while it is drawn.
+// A chart, drawn part by part.
 class Figure {
   public:
     Figure(const char* title, const std::string& caption, const char* kind, const Scale& scale)
@@ -99,7 +99,7 @@ class Grid {
   public:
     Grid(const TrackFigures& figures, double total) : edges_(figures.edges), total_(total) {}
 
-    // Of the edge before column `i`, or after the last one.
+    // The position of the edge before column `i`, or after the last one.
     double x(size_t i) const { return total_ > 0 ? std::min(edges_[i] / total_, 1.0) * kWide : 0; }
     double width(size_t i) const { return x(i + 1) - x(i); }
     std::string when(size_t i) const {
@@ -118,7 +118,7 @@ std::string show_range(const Range& range, const char* unit) {
     return range.least == range.most ? most : show_count(range.least) + " to " + most;
 }
 
-// Whether all columns that have values have the same one.
+// Whether all columns with values have the same one.
 bool is_constant(const std::vector<Range>& columns) {
     const auto first = std::find_if(columns.begin(), columns.end(),
                                     [](const Range& range) { return range.count > 0; });
@@ -163,7 +163,7 @@ std::string bars(const std::vector<Range>& columns, const Grid& grid, const Scal
     return out;
 }
 
-// The values of a chart: a line where they are all one, else bars, which a table repeats.
+// Draws the values: a line when all are equal, else bars and a table.
 void add_values(Figure& figure, const std::vector<Range>& columns, const Grid& grid,
                 const Scale& scale, const char* unit, uint32_t limit) {
     constexpr size_t kFewColumns = 1;
@@ -203,7 +203,7 @@ void set_opacity(std::string& rect, double opacity) {
 std::string time_axis(double total) {
     std::string out = "<div class=\"scale track-axis\">";
     if (total <= 0) return out + "</div>\n";
-    // Steps that a clock has.
+    // Steps of a clock.
     static constexpr std::array kSteps = {0.1,   0.2,   0.5,   1.0,    2.0,    5.0,   10.0,
                                           15.0,  30.,   60.,   120.,   300.,   600.,  900.,
                                           1800., 3600., 7200., 21600., 43200., 86400.};
@@ -352,7 +352,7 @@ std::string edit_strip(const iso_track* track, uint32_t movie_timescale, double 
             text += format(" at %.2f times its speed", edit.media_rate / 65536.0);
         }
         caption += (i == 0 ? "" : ", then ") + text;
-        // What lies past the axis, or has no duration, is only named.
+        // A value past the axis, or without duration, is named only.
         const double until = std::min(at + length(i), total);
         if (until > at) {
             const double x = at / total * kWide, width = (until - at) / total * kWide;

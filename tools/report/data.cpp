@@ -47,7 +47,7 @@ class TimeWalk {
     uint32_t used_ = 0;
 };
 
-// The columns of a track. Each takes as many samples as any other, and begins and ends with them.
+// The columns of a track. All but the last have the same number of samples.
 class Columns {
   public:
     explicit Columns(uint32_t samples) {
@@ -180,7 +180,7 @@ void gather_samples(TrackFigures& figures, uint32_t file_size) {
     rates_of_bytes(figures);
 }
 
-// Takes the packets of a hint track one after the other, and to which sample each belongs.
+// Collects the packets of a hint track, each with its sample.
 void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media, uint32_t file_size) {
     PacketFigures& out = figures.packets;
     if (hint->rtp_max_packet > kLongestPacket) {
@@ -249,7 +249,7 @@ void map_each_chunk(TrackFigures& figures, uint32_t file_size) {
     }
 }
 
-// How much of each column of the file chunks take.
+// How much of each column of the file is covered by chunks.
 class FileColumns {
   public:
     explicit FileColumns(uint32_t file_size)
@@ -271,7 +271,7 @@ class FileColumns {
         covering_[last] -= 1;
     }
 
-    // The columns that have bytes, in steps of a fifth; neighbours of one step as one piece.
+    // Returns the columns that have bytes, in steps of a fifth; joins neighbours of one step.
     std::vector<MapPiece> pieces() const {
         std::vector<MapPiece> pieces;
         double covering = 0;
@@ -338,7 +338,7 @@ void gather_track(ReportData& data, iso_track* track) {
     data.tracks.push_back(std::move(figures));
 }
 
-// If data is missing, packets cannot be made; that is reported once.
+// Missing data makes packets impossible; that is reported once.
 void report_problems(ReportData& data) {
     const auto report = [&](const TrackFigures& figures, const std::string& what) {
         const iso_track* track = figures.track;

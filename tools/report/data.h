@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The figures of a report: everything that a page shows, reduced to a few hundred columns for files
-// of any size.
+// The figures of a report: all that a page shows, reduced to a few hundred columns for any file.
 #ifndef KESTREL_TOOLS_REPORT_DATA_H
 #define KESTREL_TOOLS_REPORT_DATA_H
 
@@ -20,7 +19,7 @@ inline constexpr size_t kMaxChunksShown = 150;
 inline constexpr size_t kMaxTracks = 12;
 inline constexpr size_t kMaxEdits = 12;
 
-// A stretch of the file that holds data of a track.
+// A range of the file with data of a track.
 struct MapPiece {
     double from = 0, to = 0;  // bytes
     uint32_t chunks = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Text for a page: everything that comes from a file goes through `escape`.
+// Text for a page: `escape` is applied to all text from a file.
 #ifndef KESTREL_TOOLS_MARKUP_H
 #define KESTREL_TOOLS_MARKUP_H
 

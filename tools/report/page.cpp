@@ -43,7 +43,7 @@ std::string pixels(const iso_track* track) {
     return format("%u × %u", track->width, track->height);
 }
 
-// A name that stays in one line, for a heading or label.
+// A name without line breaks, for a heading or label.
 std::string unbroken(const std::string& name) {
     return "<span class=\"nb\">" + name + "</span>";
 }
@@ -145,14 +145,14 @@ class Page {
         });
     }
 
-    // Plays in part at least.
+    // Plays at least in part.
     bool begins(MediaKind kind) const {
         return std::any_of(present_.begin(), present_.end(), [&](const Verdict* verdict) {
             return verdict->kind == kind && verdict->frames > 0;
         });
     }
 
-    // How much of it comes, where it comes to its end with some API.
+    // How much is delivered, if an API plays it to its end.
     std::string amount(MediaKind kind) const {
         for (const Verdict* verdict : present_) {
             if (verdict->kind == kind && !verdict->amount.empty()) return verdict->amount;
@@ -213,7 +213,7 @@ class Page {
         const double size = data_.facts.scan.file_size;
         add_tile("Size", show_bytes(data_.facts.scan.file_size), "");
         add_tile("Duration", data_.seconds > 0 ? show_seconds(data_.seconds) : "–", "");
-        // With a part of the file gone, neither would be true.
+        // Not shown when a part of the file is missing: both would be false.
         const char* unknown = "data is missing";
         constexpr double kMaxShown = 1e9;  // bits per second
         const bool whole = gone_ == 0;

@@ -13,7 +13,7 @@ namespace tool {
 
 // --- samples ---
 
-// Goes to the entry of the sample; false after the last one.
+// Moves to the entry of the sample. Returns false after the last one.
 bool SampleTimes::skip_finished_entries() {
     while (entry_ < track_->stts_count &&
            static_cast<uint32_t>(in_entry_) >= track_->stts[entry_].count) {
@@ -95,7 +95,7 @@ bool PacketEntries::read(void* to, uint32_t count) {
     return got == static_cast<int>(count);
 }
 
-// The offset of the timestamp in the extra information that ends at `end`.
+// Returns the offset of the timestamp in the extra information that ends at `end`.
 int32_t PacketEntries::find_offset(int64_t end) {
     constexpr uint32_t kOffsetType = kestrel::fourcc("rtpo");
     constexpr int64_t kHeader = kestrel::kBoxHeader, kShortest = kHeader + 4;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// When the packets of a hint track are sent, and what time they show.
+// The times of the packets of a hint track: of sending and of presentation.
 #ifndef KESTREL_TOOLS_SEND_HINT_TIMES_H
 #define KESTREL_TOOLS_SEND_HINT_TIMES_H
 
@@ -9,18 +9,18 @@
 
 namespace tool {
 
-// Walks the times of a track's samples, the first of which is at 0.
+// Walks the times of a track's samples, from 0.
 class SampleTimes {
   public:
     explicit SampleTimes(const iso_track* track) : track_(track) {}
 
-    // Goes on to a sample (from 0), not before the one that it is at.
+    // Moves forward to a sample (from 0).
     void advance_to(int32_t sample);
-    // Goes on to the last sample that begins at or before a time; stays where none does.
+    // Moves to the last sample that begins at or before a time; does not move for none.
     void advance_to_time(double seconds);
 
     int32_t sample() const { return sample_; }
-    // Of the sample, in units of the track.
+    // Duration of the sample in units of the track.
     int64_t units() const { return units_; }
     double seconds() const { return static_cast<double>(units_) / scale(); }
 
@@ -35,27 +35,27 @@ class SampleTimes {
     int64_t units_ = 0;
 };
 
-// Seconds in the presentation at which the track's sample times begin: after the empty edits that
-// delay it, less what its first edit passes over.
+// Presentation time in seconds at which the track's sample times begin: after the empty edits
+// before it, minus the start of its first edit.
 double presentation_offset(const iso_track* track);
 
-// The last sync sample of the track at or before a presentation time: its own presentation time.
-// The time itself for a track without a table of sync samples.
+// Presentation time of the last sync sample of the track at or before a presentation time. Returns
+// the time itself for a track without a table of sync samples.
 double sync_time_before(const iso_track* track, double seconds);
 
-// What a hint sample says of one packet besides its bytes, in units of the RTP clock.
+// The times of one packet in a hint sample, in units of the RTP clock.
 struct PacketTimes {
     int64_t sent = 0;   // from the time of the hint sample
     int64_t shown = 0;  // the same, of the timestamp
 };
 
-// Reads the packet entries of hint samples, one after the other (ISO/IEC 14496-12, 9.1.3).
+// Reads the packet entries of hint samples in order (ISO/IEC 14496-12, 9.1.3).
 class PacketEntries {
   public:
     explicit PacketEntries(iso_track* hint) : hint_(hint) {}
 
     void begin_sample(int32_t sample);
-    // The next entry of the sample; all 0 where it cannot be read. Moves the track's cursor.
+    // Returns the next entry of the sample; all 0 when it cannot be read. Moves the track's cursor.
     PacketTimes next();
 
   private:

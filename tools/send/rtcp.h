@@ -9,7 +9,7 @@
 
 namespace tool {
 
-// What a sender report says.
+// The contents of a sender report.
 struct SenderReport {
     uint32_t ssrc = 0;
     uint64_t ntp_time = 0;  // seconds since 1900, 32.32

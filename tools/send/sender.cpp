@@ -15,7 +15,7 @@ using kestrel::RtpLayout;
 
 constexpr double kClockWrap = 4294967296.0;  // 2^32
 
-// The wall clock as sender reports have it.
+// The wall clock in the form of sender reports.
 uint64_t ntp_now() {
     constexpr uint64_t kSecondsTo1970 = 2208988800;  // from 1900
     using std::chrono::nanoseconds;
@@ -78,7 +78,7 @@ void SentTrack::make_next() {
     shown_ = offset_ + at + static_cast<double>(times.shown) / clock;
 }
 
-// The RTP clock stands at first_timestamp_ where the presentation begins.
+// The RTP clock is first_timestamp_ at the beginning of the presentation.
 uint32_t SentTrack::rtp_time(double seconds) const {
     const double units = std::round(seconds * std::max(hints_.track()->rtp_timescale, 1U));
     return first_timestamp_ +
@@ -161,7 +161,7 @@ double Sender::position_now() const {
     return from_ + passed.count() * options_.speed;
 }
 
-// In each five seconds, more or less, so that senders do not keep step (RFC 3550, 6.2).
+// About every five seconds, at random, so that senders are not synchronised (RFC 3550, 6.2).
 void Sender::report(Leaving leaving) {
     for (const auto& track : tracks_)
         track->report(position_now(), canonical_name_, leaving);
@@ -171,7 +171,7 @@ void Sender::report(Leaving leaving) {
                                       std::chrono::duration<double>(kInterval * (kLeast + spread)));
 }
 
-// Reports meanwhile. False when a signal came.
+// Sends reports while waiting. Returns false when a signal arrived.
 bool Sender::wait_until(double position) {
     const Clock::time_point moment = time_of(position);
     while (next_report_ < moment) {

@@ -18,7 +18,7 @@
 
 namespace tool {
 
-// A hint track on its way to one pair of ports: RTP to the even one, RTCP to the odd one.
+// A hint track that is sent to one pair of ports: RTP to the even one, RTCP to the odd one.
 class SentTrack {
   public:
     SentTrack(HintPackets& packets, const UdpAddress& to, uint16_t port,
@@ -28,15 +28,15 @@ class SentTrack {
     double end() const;
     double sync_time_before(double seconds) const;
 
-    // Goes to the packets of a presentation time.
+    // Moves to the packets of a presentation time.
     void begin(double seconds);
-    // The next packet, if there is one, and when it is due.
+    // The next packet, if any, and its time.
     bool has_packet() const { return !packet_.empty(); }
     double due() const { return due_; }
-    // Sends it, and makes the next one. `shift` is added to the times in the packets.
+    // Sends the packet and makes the next one. `shift` is added to the times in the packets.
     void send(double shift);
 
-    // Sends a report; `now` is the presentation time that the wall clock stands at, shift included.
+    // Sends a report. `now` is the presentation time of the wall clock, shift included.
     void report(double now, const std::string& canonical_name, Leaving leaving);
 
     uint64_t refused() const { return rtp_.refused(); }
@@ -83,13 +83,13 @@ class Sender {
         bool loop = false;
     };
 
-    // The tracks must outlive the sender. Throws Error where one has no port left.
+    // The tracks must outlive the sender. Throws Error when a track has no port left.
     Sender(HintTracks& tracks, const UdpAddress& to, uint16_t first_port, const Options& options);
 
-    // Returns when all was sent, or the signal that stopped it; 0 for none. Throws Error.
+    // Returns after all was sent, or the signal that stopped it; 0 for none. Throws Error.
     int run();
 
-    // Datagrams that nobody listened to, and all of them.
+    // Datagrams that were refused, and all datagrams.
     uint64_t refused() const;
     uint64_t packets() const;
 

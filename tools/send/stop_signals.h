@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The signals that ask a command to stop, taken between two steps of its work.
+// The signals that stop a command between two steps of its work.
 #ifndef KESTREL_TOOLS_SEND_STOP_SIGNALS_H
 #define KESTREL_TOOLS_SEND_STOP_SIGNALS_H
 
@@ -9,7 +9,7 @@
 
 namespace tool {
 
-// Holds SIGINT, SIGTERM and SIGHUP back while it lives, but for those that are ignored.
+// Blocks SIGINT, SIGTERM and SIGHUP while it exists, except ignored ones.
 class StopSignals {
   public:
     StopSignals();
@@ -17,7 +17,7 @@ class StopSignals {
     StopSignals& operator=(const StopSignals&) = delete;
     ~StopSignals();
 
-    // Sleeps until a moment. Returns false when a signal came, which stays in received().
+    // Sleeps until a time. Returns false when a signal arrived, which received() returns.
     bool sleep_until(std::chrono::steady_clock::time_point moment);
     int received() const { return received_; }
 

@@ -23,7 +23,7 @@ Receiver parse_receiver(const std::string& text);
 // An address of the receiver's host.
 class UdpAddress {
   public:
-    // Asks the system for it. Throws Error.
+    // Resolves the host. Throws Error.
     explicit UdpAddress(const std::string& host);
 
     // Of the host, or that of this machine from which datagrams go there: "IN IP4 127.0.0.1" as
@@ -50,8 +50,8 @@ class UdpSocket {
     // Throws Error.
     UdpSocket(const UdpAddress& to, uint16_t port);
 
-    // Throws Error where the system does not take the datagram. That nobody listened to an earlier
-    // one is counted; a receiver may as well come later.
+    // Throws Error when the system does not accept the datagram. Counts that an earlier one was
+    // refused; a receiver may start later.
     void send(std::span<const uint8_t> datagram);
     uint64_t refused() const { return refused_; }
 
