@@ -49,14 +49,14 @@ def complete(*words):
     return sorted(result.stdout.split())
 
 
-def run_in(folder, line):
-    """Runs a command line as it is written, with the tool on the path. What it sends goes to ports
-    that are free and that somebody listens on."""
+def run_in(folder, line, shell=("bash", "-euo", "pipefail", "-c")):
+    """Runs a command line as it is written, with the tool on the path, and returns what it prints.
+    What it sends goes to ports that are free and that somebody listens on."""
     path = f"{TOOL.parent}:{os.environ['PATH']}"
     with contextlib.closing(Datagrams(2)) as here:
-        subprocess.run(["bash", "-euo", "pipefail", "-c", line.replace(":5004", f":{here.port}")],
-                       cwd=folder, check=True, capture_output=True,
-                       env={**os.environ, "PATH": path})
+        line = line.replace(":5004", f":{here.port}")
+        return subprocess.run([*shell, line], cwd=folder, check=True, capture_output=True,
+                              text=True, env={**os.environ, "PATH": path}).stdout
 
 
 class Layers(unittest.TestCase):
@@ -169,6 +169,33 @@ class Readme(unittest.TestCase):
         printed = subprocess.run([TOOL, *command.split()], cwd=ROOT, check=False,
                                  capture_output=True, text=True).stdout
         self.assertEqual(printed, output)
+
+
+class Guides(unittest.TestCase):
+    def run_all(self, folder, document, section):
+        """What each indented block of a section prints."""
+        text = (ROOT / "docs" / document).read_text().split(f"\n{section}")[1].split("\n## ")[0]
+        # Of a pipe, the last command decides: check fails where files do not play.
+        return [run_in(folder, block, ("bash", "-euc"))
+                for block in re.findall(r"(?m)^((?:    .*\n)+)", text)]
+
+    def test_commands_run_as_written(self):
+        with tempfile.TemporaryDirectory() as scratch:
+            folder = pathlib.Path(scratch)
+            for name in ("clip.3gp", "more/plain.3gp", "clips/a.3gp", "clips/sub folder/-b.3gp"):
+                (folder / name).parent.mkdir(parents=True, exist_ok=True)
+                shutil.copy(SAMPLES / "h263_plain.3gp", folder / name)
+            (folder / "hinted").mkdir()
+            (folder / "hinted" / ".kestrel-abcdefghijkl").touch()
+            self.assertEqual(self.run_all(folder, "report.md", "## `kestrel report`"), [""])
+            self.assertTrue((folder / "report.html").exists())
+            lines, to_hint = self.run_all(folder, "report.md", "## `kestrel check`")
+            self.assertEqual((lines.count("\n"), to_hint), (2, "hint\tmore/plain.3gp\n"))
+            self.run_all(folder, "at-scale.md", "## One machine")
+            self.assertEqual((folder / "verdicts.tsv").read_text().count("\n"), 2)
+            self.assertEqual({str(path.relative_to(folder / "hinted"))
+                              for path in (folder / "hinted").rglob("*") if path.is_file()},
+                             {"a.3gp", "sub folder/-b.3gp"})
 
 
 class Completion(unittest.TestCase):
