@@ -327,18 +327,23 @@ struct OpenCase {
 
 TEST(FunctionApi, OpenAnswersTheDocumentedStatusAndLine) {
     const OpenCase cases[] = {
-        {"amrnb_plain.3gp", "", 7, "ERR: Mode not specified"},
-        {"amrnb_plain.3gp", "r", 7, "ERR: Mode not specified"},
-        {"amrnb_plain.3gp", "a", 7, "ERR: Direction not specified"},
-        {"amrnb_plain.3gp", "x", 7, "ERR: Invalid/unsupported mode switch [x] specified"},
-        {"amrnb_plain.3gp", "A R", 7, "ERR: Invalid/unsupported mode switch [ ] specified"},
-        {"amrnb_plain.3gp", "arW", 7, "ERR: Invalid/unsupported mode switch [w] specified"},
-        {"amrnb_plain.3gp", "rrVA", 0, nullptr},
-        {"amrnb_plain.3gp", "avr", 2, "ERR: Valid video track (MPEG4, H263, H264) not found."},
-        {"aac_plain.3gp", "ar", 2, "ERR: Unsupported track: AAC."},
-        {"aac_plain.3gp", "vr", 2, "ERR: Valid video track (MPEG4, H263, H264) not found."},
-        {"h263_plain.3gp", "ar", 2, "ERR: Valid audio track (AMR-NB, AMR-WB) not found."},
-        {"h263_plain.3gp", "VR", 0, nullptr},
+        {"amrnb_plain.3gp", "", KST_BAD_MODE, "ERR: Mode not specified"},
+        {"amrnb_plain.3gp", "r", KST_BAD_MODE, "ERR: Mode not specified"},
+        {"amrnb_plain.3gp", "a", KST_BAD_MODE, "ERR: Direction not specified"},
+        {"amrnb_plain.3gp", "x", KST_BAD_MODE,
+         "ERR: Invalid/unsupported mode switch [x] specified"},
+        {"amrnb_plain.3gp", "A R", KST_BAD_MODE,
+         "ERR: Invalid/unsupported mode switch [ ] specified"},
+        {"amrnb_plain.3gp", "arW", KST_BAD_MODE,
+         "ERR: Invalid/unsupported mode switch [w] specified"},
+        {"amrnb_plain.3gp", "rrVA", KST_SUCCESS, nullptr},
+        {"amrnb_plain.3gp", "avr", KST_FAILURE,
+         "ERR: Valid video track (MPEG4, H263, H264) not found."},
+        {"aac_plain.3gp", "ar", KST_FAILURE, "ERR: Unsupported track: AAC."},
+        {"aac_plain.3gp", "vr", KST_FAILURE,
+         "ERR: Valid video track (MPEG4, H263, H264) not found."},
+        {"h263_plain.3gp", "ar", KST_FAILURE, "ERR: Valid audio track (AMR-NB, AMR-WB) not found."},
+        {"h263_plain.3gp", "VR", KST_SUCCESS, nullptr},
     };
     for (const OpenCase& c : cases) {
         SCOPED_TRACE(std::string(c.file) + " " + c.mode);
@@ -348,7 +353,7 @@ TEST(FunctionApi, OpenAnswersTheDocumentedStatusAndLine) {
         mm_Interface* handle = untouched;
         const SyslogCapture log(3);
         EXPECT_EQ(kst_Open(&handle, kst_host_callbacks(host), c.mode), c.status);
-        if (c.status == 0) {
+        if (c.status == KST_SUCCESS) {
             EXPECT_THAT(log.lines(), testing::IsEmpty());
             kst_Close(&handle);
         } else {
@@ -364,12 +369,12 @@ TEST(FunctionApi, OpenChecksItsArgumentsAfterReading) {
     const Bytes file = read_sample("amrnb_plain.3gp");
     FaultyHost host(file);
     mm_Interface* handle = nullptr;
-    EXPECT_EQ(kst_Open2(nullptr, host.callbacks(), "ar", 0), 5);
+    EXPECT_EQ(kst_Open2(nullptr, host.callbacks(), "ar", 0), KST_BAD_HANDLE);
     EXPECT_GT(host.calls, 0);
-    EXPECT_EQ(kst_Open2(&handle, nullptr, "ar", 0), 13);
-    EXPECT_EQ(kst_Open2(&handle, host.callbacks(), nullptr, 0), 7);
-    EXPECT_EQ(kst_Close(nullptr), 5);
-    EXPECT_EQ(kst_Close(&handle), 0);
+    EXPECT_EQ(kst_Open2(&handle, nullptr, "ar", 0), KST_BAD_ARGUMENT);
+    EXPECT_EQ(kst_Open2(&handle, host.callbacks(), nullptr, 0), KST_BAD_MODE);
+    EXPECT_EQ(kst_Close(nullptr), KST_BAD_HANDLE);
+    EXPECT_EQ(kst_Close(&handle), KST_SUCCESS);
 }
 
 TEST(FunctionApi, OpenLeavesTheStreamAtItsBeginning) {
@@ -383,17 +388,17 @@ TEST(FunctionApi, OpenLeavesTheStreamAtItsBeginning) {
 
     uint32_t value = 77;
     unsigned char byte = 0;
-    EXPECT_EQ(kst_ReadChunk(nullptr, &byte, &value, false), 5);
+    EXPECT_EQ(kst_ReadChunk(nullptr, &byte, &value, false), KST_BAD_HANDLE);
     host.calls = 0;
-    EXPECT_EQ(kst_ReadChunk(handle, nullptr, &value, false), 13);
-    EXPECT_EQ(kst_ReadChunk(handle, &byte, nullptr, false), 13);
+    EXPECT_EQ(kst_ReadChunk(handle, nullptr, &value, false), KST_BAD_ARGUMENT);
+    EXPECT_EQ(kst_ReadChunk(handle, &byte, nullptr, false), KST_BAD_ARGUMENT);
     EXPECT_EQ(host.calls, 0);
-    EXPECT_EQ(kst_SeekTo(nullptr, 0), 5);
-    EXPECT_EQ(kst_SeekTo(handle, 0), 13);
-    EXPECT_EQ(kst_SeekTo(handle, 1000), 10);
-    EXPECT_EQ(kst_GetIOCallbackStatus(nullptr, &value), 5);
-    EXPECT_EQ(kst_GetIOCallbackStatus(handle, nullptr), 13);
-    EXPECT_EQ(kst_GetIOCallbackStatus(handle, &value), 0);
+    EXPECT_EQ(kst_SeekTo(nullptr, 0), KST_BAD_HANDLE);
+    EXPECT_EQ(kst_SeekTo(handle, 0), KST_BAD_ARGUMENT);
+    EXPECT_EQ(kst_SeekTo(handle, 1000), KST_NOT_SUPPORTED);
+    EXPECT_EQ(kst_GetIOCallbackStatus(nullptr, &value), KST_BAD_HANDLE);
+    EXPECT_EQ(kst_GetIOCallbackStatus(handle, nullptr), KST_BAD_ARGUMENT);
+    EXPECT_EQ(kst_GetIOCallbackStatus(handle, &value), KST_SUCCESS);
     EXPECT_EQ(value, 77u);
     kst_Close(&handle);
 }

@@ -10,7 +10,7 @@
 namespace tool {
 namespace {
 
-constexpr uint32_t kLongestPacket = 65000;  // what fits a UDP datagram with room to spare
+constexpr uint32_t kLongestPacket = 65000;  // below the limit of a UDP datagram
 
 }  // namespace
 

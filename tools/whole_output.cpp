@@ -17,7 +17,7 @@ namespace {
 
 // --- what a signal takes with it ---
 
-constexpr size_t kTemporaryName = 32;  // room for one
+constexpr size_t kTemporaryName = 32;  // bytes
 
 // A temporary file; without a name there is none.
 struct Unfinished {
@@ -70,7 +70,7 @@ bool ends_process(int signal) {
     }
 }
 
-// A signal that whoever started the process has it ignore stays ignored.
+// A signal that was ignored when the process started stays ignored.
 void watch_signals() {
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
         struct sigaction action {};
