@@ -4,6 +4,7 @@
 #define KESTREL_BOXES_MDAT_BOX_H
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "boxes/box_base.h"
@@ -44,20 +45,26 @@ class MdatBox : public Described<MdatBox, Box> {
     // The same with the bytes of a hint sample.
     virtual void AddHintChunk(Stream& io, std::vector<ChunkDef>& chunks, const CHintSample* sample);
 
-    std::vector<ChunkDef>& VideoChunks() { return video_; }
-    std::vector<ChunkDef>& VideoHintChunks() { return video_hint_; }
-    std::vector<ChunkDef>& AudioChunks() { return audio_; }
-    std::vector<ChunkDef>& AudioHintChunks() { return audio_hint_; }
+    std::vector<ChunkDef>& VideoChunks() { return chunks().video; }
+    std::vector<ChunkDef>& VideoHintChunks() { return chunks().video_hint; }
+    std::vector<ChunkDef>& AudioChunks() { return chunks().audio; }
+    std::vector<ChunkDef>& AudioHintChunks() { return chunks().audio_hint; }
 
     template <class F, class Self>
     static void fields(F& f, Self& self);
 
   private:
+    struct Chunks {
+        std::vector<ChunkDef> video, video_hint, audio, audio_hint;
+    };
+
+    Chunks& chunks() {
+        if (chunks_ == nullptr) chunks_ = std::make_unique<Chunks>();
+        return *chunks_;
+    }
+
     uint32_t written_ = 0;
-    std::vector<ChunkDef> video_;
-    std::vector<ChunkDef> video_hint_;
-    std::vector<ChunkDef> audio_;
-    std::vector<ChunkDef> audio_hint_;
+    std::unique_ptr<Chunks> chunks_;  // null before one was asked for: a file has many boxes
 };
 
 }  // namespace Qvox3gp

@@ -295,17 +295,32 @@ TEST(Hinter, SeeksInEveryTimescale) {
     }
 }
 
-TEST(Hinter, KeepsATimescaleOfWhichTheMultipleWouldNotFit) {
+// Where the multiple would not fit into 32 bits: a timescale of which all times are whole numbers,
+// else the source's own, which is reported.
+TEST(Hinter, TakesATimescaleThatFits) {
     constexpr uint32_t kTimescale = 15360, kFactor = 25, kSamples = 30;
     constexpr uint32_t kLongest = UINT32_MAX / kFactor / kSamples;  // duration of a sample
-    for (const bool fits : {true, false}) {
+    const struct {
+        uint32_t duration, timescale;
+    } cases[] = {{kLongest, kTimescale * kFactor},
+                 {(kLongest + 511) / 512 * 512, 3000},
+                 {kLongest + 4, kTimescale}};
+    for (const auto& expected : cases) {
+        SCOPED_TRACE(expected.duration);
         const Bytes source = with(read_sample("mpeg4_plain.3gp"), "stts", 8,
-                                  words({kSamples, fits ? kLongest : kLongest + 1}));
+                                  words({kSamples, expected.duration}));
         const Hinted hinted = hint(source);
         ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
-        expect_same_tracks(source, hinted.file);
-        EXPECT_EQ(import(hinted.file).tracks.at(0).timescale,
-                  fits ? kTimescale * kFactor : kTimescale);
+        const Track now = import(hinted.file).tracks.at(0);
+        EXPECT_EQ(now.timescale, expected.timescale);
+        if (expected.timescale % kTimescale == 0) expect_same_tracks(source, hinted.file);
+        for (const Sample& sample : now.samples) {
+            EXPECT_EQ(uint64_t{sample.duration} * kTimescale,
+                      uint64_t{expected.duration} * expected.timescale);
+        }
+        EXPECT_EQ(
+            std::string(hinted.report.left_out).starts_with("track 1: seeks of the class API"),
+            expected.timescale % 1000 != 0);
     }
 }
 
@@ -361,6 +376,87 @@ TEST(Hinter, RefusesEncryptedTracksButForDroppingThem) {
     source = with(source, "samr", -4, text("enca"));
     EXPECT_STREQ(hint(source, asking(KST_HINT_REPLACE | KST_HINT_DROP_OTHERS)).report.error,
                  "track 1 is encrypted");
+}
+
+// A file whose tracks have the tables, and sample entries, that are given. Its media begins at
+// kMedia.
+constexpr uint32_t kMedia = 8;
+
+Bytes file_of(const Bytes& media, std::initializer_list<Bytes> tracks) {
+    return join({box("mdat", {media}), movie(tracks)});
+}
+
+TEST(Hinter, HintsByTheSampleEntryThatSamplesHave) {
+    const Bytes sound =
+        join({zeros(6), be16(1), zeros(8), be16(2), be16(16), zeros(4), words({8000U << 16})});
+    const Bytes aac = box("mp4a", {sound});
+    const Bytes speech = join({{0x04}, zeros(12)});
+    const struct {
+        Bytes unused, used;
+        const char* error;
+    } cases[] = {{aac, samr_entry(), ""},
+                 {samr_entry(), aac, "no AMR, H.263, MPEG-4 or H.264 track"}};
+    for (const auto& [unused, used, error] : cases) {
+        const Bytes tables = with(one_chunk_tables({13}, 160, kMedia), "stsc", 16, be32(2));
+        const Bytes source = file_of(
+            speech, {track({.entry = join({unused, used}), .entries = 2, .tables = tables})});
+        const Hinted hinted = hint(source);
+        EXPECT_STREQ(hinted.report.error, error);
+        EXPECT_EQ(hinted.report.hint_tracks, *error == '\0' ? 1U : 0U);
+        if (*error != '\0') continue;
+        EXPECT_EQ(play(hinted.file, "ar").status, KST_END_OF_FILE);
+    }
+}
+
+TEST(Hinter, LeavesTracksWithoutSamplesUnhinted) {
+    const auto speech = [](uint32_t id, std::vector<uint32_t> sizes) {
+        return track(
+            {.id = id, .entry = samr_entry(), .tables = one_chunk_tables(sizes, 160, kMedia)});
+    };
+    const Bytes frame = join({{0x04}, zeros(12)});
+    const Hinted hinted = hint(file_of(frame, {speech(1, {13}), speech(2, {})}));
+    EXPECT_EQ(hinted.report.tracks, 2U);
+    EXPECT_EQ(hinted.report.hint_tracks, 1U);
+    EXPECT_STREQ(hint(file_of(frame, {speech(2, {})})).report.error, "track 2 has no samples");
+}
+
+// A player holds a frame with 20 bytes for each of its packets, 1,388 bytes of media.
+TEST(Hinter, HintsPicturesThatPlayAndNoLongerOnes) {
+    constexpr uint32_t kLongest = 16538896;
+    const Bytes entry = import(read_sample("mpeg4_plain.3gp")).tracks.at(0).descriptions.at(0).box;
+    for (const uint32_t size : {kLongest, kLongest + 1}) {
+        Bytes picture(size, 0x55);
+        kestrel::store_be32(picture.data(), 0x000001B6);
+        const Hinted hinted =
+            hint(file_of(picture, {track({.handler = "vide",
+                                          .entry = entry,
+                                          .tables = one_chunk_tables({size}, 800, kMedia)})}));
+        if (size > kLongest) {
+            EXPECT_THAT(hinted.report.error, testing::HasSubstr("sample 1 and the headers of its"));
+            EXPECT_TRUE(hinted.file.empty());
+            continue;
+        }
+        ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
+        for (const Api api : {Api::kFunction, Api::kClass})
+            EXPECT_EQ(play(hinted.file, "vr", {.api = api}).status, KST_END_OF_FILE);
+    }
+}
+
+// Few are left to the decoder, with a word in the report.
+TEST(Hinter, RefusesMediaOfAWrongPlace) {
+    for (const char* name : {"h263_plain.3gp", "mpeg4_plain.3gp", "h264_plain.3gp"}) {
+        const Bytes whole = read_sample(name);
+        const auto samples = import(whole).tracks.at(0).samples;
+        for (const size_t wrong : {size_t{1}, samples.size()}) {
+            Bytes source = whole;
+            for (size_t i = 0; i < wrong; ++i)
+                source[static_cast<size_t>(samples[i].offset)] ^= 0x80;
+            const Hinted hinted = hint(source);
+            const std::string said = wrong == 1 ? hinted.report.left_out : hinted.report.error;
+            EXPECT_EQ(hinted.result, wrong == 1 ? KST_HINT_DONE : KST_HINT_REFUSED) << name;
+            EXPECT_THAT(said, testing::StartsWith("track 1: " + std::to_string(wrong) + " of "));
+        }
+    }
 }
 
 TEST(Hinter, ReplacesDamagedHintTracks) {

@@ -400,10 +400,36 @@ TEST(Importer, MissesFragments) {
     EXPECT_THAT(missing.result.error, testing::HasSubstr("fragments are missing before moof"));
     const Imported salvaged = import_timed(later, number, true);
     EXPECT_TRUE(salvaged.result.ok);
-    EXPECT_THAT(salvaged.result.salvaged, testing::HasSubstr("kept 32 of the 32 samples"));
+    EXPECT_THAT(salvaged.result.salvaged, testing::HasSubstr("kept all 32 samples"));
     // Numbers alone say nothing.
     EXPECT_TRUE(import_timed({}, number).result.ok);
     EXPECT_TRUE(import_timed(later).result.ok);
+}
+
+TEST(Importer, MissesFragmentsThatAnIndexNames) {
+    for (const int spread : {0, 1}) {
+        for (const int times : {0, 2}) {
+            MovieForms forms = forms_of({{kFragments, 2}, {kTimes, times}, {kSpread, spread}});
+            const size_t count = spread == 0 ? 3 : 7;
+            for (size_t lost = 0; lost < count; ++lost) {
+                forms.choices[kIndex] = 2;
+                forms.lost_fragment = lost;
+                const Bytes file = renamed(make_movie(forms).file, "mehd", "free");
+                EXPECT_THAT(import_bytes(file).result.error,
+                            testing::HasSubstr("fragments are missing"))
+                    << forms.name() << ' ' << lost;
+                EXPECT_THAT(import_bytes(file, {.salvage = true}).result.salvaged,
+                            testing::HasSubstr("kept all"));
+            }
+        }
+    }
+    // Wrong offsets alone say nothing.
+    const Bytes whole = make_movie(forms_of({{kFragments, 2}, {kIndex, 2}})).file;
+    const Bytes moved =
+        join({before_fragments(whole), box("free", {zeros(100)}),
+              Bytes(whole.begin() + static_cast<std::ptrdiff_t>(before_fragments(whole).size()),
+                    whole.end())});
+    EXPECT_TRUE(import_bytes(moved).result.ok);
 }
 
 // --- Sound of QuickTime whose tables count units

@@ -199,6 +199,12 @@ class Check(ToolTest):
                 self.assertEqual(rows[0][1 + api], expected)
                 self.assertNotEqual(rows[0][2], good)
                 self.assertEqual(result.returncode, 0 if api else 1)
+        # A packet lacks a byte of its picture.
+        data = bytearray(load("mpeg4_hinted"))
+        part = re.search(rb"\x02\0([\x01-\x05].)\0\0\0[\x01-\x1e]....\0\x01\0\x01", data, re.DOTALL)
+        data[part.start(1) + 1] -= 1
+        self.assertEqual(self.check(self.write("file.3gp", data))[1][0][1:4],
+                         (few, few, "hint --replace"))
         # Of thirty pictures, and of speech, the beginning alone is hinted.
         for name, function, amount in [("mpeg4_hinted", few, "10 of 30 pictures"),
                                        ("h263_hinted", few, "10 of 30 pictures"),
@@ -458,6 +464,19 @@ class Check(ToolTest):
         """Of each medium, the words for the two APIs."""
         return {row[0]: row[1:3] for row in self.check(*options, path)[1]}
 
+    def test_a_form_that_is_not_read_is_named(self):
+        for name, sentence in [
+                ("large_size_mdat", "does not read: with 64 bits."),
+                ("mdat_to_end_of_file", "does not read: to the end of the file."),
+                ("version1_headers", "plays at wrong times (unknown-table)")]:
+            path = SAMPLES / "wild" / f"{name}.3gp"
+            self.assertIn(sentence, run("info", path).stdout.decode())
+            about = json.loads(run("info", path, "--json").stdout)
+            self.assertEqual([part["duration_seconds"] for part in [about, *about["tracks"]]],
+                             [2.02, 2.0, 2.02])
+        self.assert_fails(run("extract", sample("wild/co64"), "vr"), 1,
+                          "'kestrel info' looks for a fix")
+
     def test_what_is_whole_of_a_cut_file_can_be_kept(self):
         for name in ["av_h263_amrnb_hinted", "h263_plain", "wild/fragmented"]:
             data = load(name)
@@ -469,6 +488,36 @@ class Check(ToolTest):
             words = command.split()
             self.assertEqual(run(words[0], path, *words[1:], "-o", fixed).returncode, 0)
             self.assertEqual({row[1:4] for row in self.check(fixed)[1]}, {("plays", "plays", "-")})
+
+    def test_fragments_that_are_missing_are_named(self):
+        whole = load("wild/fragmented_dash")
+        begins = [match.start() - 4 for match in re.finditer(b"moof", whole)]
+        middle = len(begins) // 2
+        files = {  # the second has more boxes than are listed, and ends in one
+            "fragments are missing before moof":
+                whole[:begins[middle]] + whole[begins[middle + 1]:],
+            "lies outside the file of": whole[:begins[0]] + struct.pack(">I4s", 8, b"free") * 250 +
+                      whole[begins[0]:begins[-1] + 300]}
+        for sentence, data in files.items():
+            path = self.write("file.3gp", data.replace(b"sidx", b"free"))
+            rows = self.check(path)[1]
+            self.assertEqual({(row[1], row[3]) for row in rows},
+                             {("fragmented", "hint --salvage")}, sentence)
+            self.assertIn(sentence, run("info", path).stdout.decode())
+
+    def test_a_second_grouping_has_a_fix(self):
+        data = load("amrnb_plain_mdat_first")
+        groups = b"".join(
+            struct.pack(">I4sI4sIIH", 26, b"sgpd", 0x01000000, kind, 2, 1, 1) +
+            struct.pack(">I4sI4sIII", 28, b"sbgp", 0, kind, 1, 1, 1) for kind in (b"roll", b"rap "))
+        tables = boxes(data, STBL)[0]
+        at = data.index(tables) + len(tables)
+        data = bytearray(data[:at] + groups + data[at:])
+        for kind in STBL:
+            size = data.index(kind) - 4
+            data[size:size + 4] = struct.pack(">I", int.from_bytes(data[size:size + 4], "big") + len(groups))
+        self.assertEqual(self.check(self.write("file.3gp", data))[1][0][1:4],
+                         ("unknown-table", "no-hint-track", "hint"))
 
     def test_a_picture_that_is_too_long(self):
         data = bytearray(load("mpeg4_plain"))
@@ -490,9 +539,10 @@ class Check(ToolTest):
 
     def test_encrypted_tracks(self):
         for name, entry, kind in [("h263_hinted", b"s263", b"encv"), ("amrnb_hinted", b"samr", b"enca"),
-                                  ("h264_plain", b"avc1", b"encv")]:
+                                  ("h264_plain", b"avc1", b"drmi"), ("amrnb_hinted", b"damr", b"sinf"),
+                                  ("h264_plain", b"avcC", b"sinf"), ("amrnb_plain", b"samr", b"drms")]:
             data = load(name).replace(entry, kind)
-            medium = "video" if kind == b"encv" else "audio"
+            medium = "audio" if name.startswith("amr") else "video"
             path = self.write("file.3gp", data)
             self.assertEqual(self.reasons(path), {medium: ("encrypted", "encrypted")}, name)
             self.assertIn(f"The {medium} is encrypted.", run("info", path).stdout.decode())

@@ -207,16 +207,18 @@ class Checker {
         if (found.contains("fatal")) throw Error(found["fatal"].get<std::string>());
         ++done_;
         bool plays = true;
+        std::string why;  // of the first that does not play
         for (const MediaKind kind : kMedia)
-            plays = print_medium(kind, found["verdicts"], file.path) && plays;
+            plays = print_medium(kind, found["verdicts"], file.path, why) && plays;
         if (found.contains("reason")) {
             const auto reason = found["reason"].get<std::string>();
             const bool function = options_.api != Api::kClass;
             const bool by_class = options_.api != Api::kFunction;
             print_line("-", function ? reason : "-", by_class ? reason : "-", "-", file.path);
             plays = plays && !file.is_media;
-            if (file.is_media) ++reasons_[reason];
+            if (why.empty()) why = reason;
         }
+        if (!plays) ++reasons_[why];
         judged_ += file.is_media ? 1 : 0;
         failed_ += plays ? 0 : 1;
         if (found.contains("message")) {
@@ -227,8 +229,9 @@ class Checker {
         if (options_.json) keep_json(found, file.path, plays);
     }
 
-    // Whether no API was selected, or a selected one plays it.
-    bool print_medium(MediaKind kind, const Json& verdicts, const std::string& file) {
+    // True when no API was asked to play it, or one does.
+    bool print_medium(MediaKind kind, const Json& verdicts, const std::string& file,
+                      std::string& why) {
         std::map<std::string, std::string> reasons{{"function", "-"}, {"class", "-"}};
         std::string fix = "-", first;
         bool plays = false;
@@ -241,7 +244,7 @@ class Checker {
             if (verdict.contains("command")) fix = verdict["command"].get<std::string>();
         }
         if (first.empty()) return true;
-        if (!plays) ++reasons_[first];
+        if (!plays && why.empty()) why = first;
         print_line(word(kind), reasons["function"], reasons["class"], fix, file);
         return plays;
     }
@@ -292,7 +295,7 @@ class Checker {
     std::vector<FoundFile> files_;
     std::vector<std::string> empty_;         // folders in which nothing was found
     std::deque<Running> running_;            // in the order of the files
-    std::map<std::string, size_t> reasons_;  // of what does not play: media, or whole files
+    std::map<std::string, size_t> reasons_;  // of files that do not play: the first reason of each
     Json objects_ = Json::array();
     size_t done_ = 0, judged_ = 0, failed_ = 0, skipped_ = 0;
     Progress progress_;
@@ -330,8 +333,9 @@ void add_check(CLI::App& app) {
         "  2  the verdict for the function API (kst_Open), after playing to the end\n"
         "  3  the same for the class API (C3gpInterface)\n"
         "  4  the command that fixes it: hint, with --replace, --drop-others or --salvage if\n"
-        "     needed. It was tried, and its output plays. A dash if there is none, or if none\n"
-        "     was tried, as the file has more than 128 MiB or 1,048,576 samples\n"
+        "     needed. It was tried. - if there is none, or none was tried: the file has more\n"
+        "     than 4,194,304 samples, or more bytes than a quarter of the room for temporary "
+        "files\n"
         "  5  the file, with control characters and backslashes as \\xNN\n"
         "Columns 2 and 3 are - if the API is not judged, else one of\n"
         "  plays           all samples of the file are delivered\n"

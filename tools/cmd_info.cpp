@@ -52,17 +52,20 @@ void add_codec(const kst_probe_track& about, const iso_track* track, Json& out) 
     }
 }
 
+double seconds_of(uint64_t duration, uint32_t timescale) {
+    return timescale == 0 ? 0 : static_cast<double>(duration) / timescale;
+}
+
 Json describe_track(const FileFacts& facts, iso_track* track) {
     int samples = 0;
     int bytes = 0;
-    double duration = 0.0;
-    isoFFtrackInfo(track, nullptr, &samples, &duration, &bytes);
+    isoFFtrackInfo(track, nullptr, &samples, nullptr, &bytes);
     const kst_probe_track about = kestrel::probe::describe_track(facts, track);
     Json out{{"track_id", about.track_id}, {"handler", track->handler}};
     add_codec(about, track, out);
     out["timescale"] = about.timescale;
     out["duration"] = about.duration;
-    out["duration_seconds"] = duration;
+    out["duration_seconds"] = seconds_of(about.duration, about.timescale);
     out["sample_count"] = samples;
     out["bytes"] = static_cast<uint32_t>(bytes);
     out["language"] = about.language;
@@ -85,14 +88,18 @@ Json describe_track(const FileFacts& facts, iso_track* track) {
 
 // What the library's reader does not have of a file in an odd form.
 void add_imported(const FileFacts& facts, Json& tracks) {
-    for (const ImportedTrack& track : facts.imported) {
+    for (const ImportedTrack& track : facts.imported.tracks) {
         const auto known = std::find_if(tracks.begin(), tracks.end(), [&](const Json& one) {
             return one["track_id"] == track.id;
         });
         if (known == tracks.end()) {
+            const auto timescale = static_cast<uint32_t>(track.timescale);
             tracks.push_back({{"track_id", track.id},
                               {"codec", printable(code_text(track.entry))},
                               {"codec_name", codec_name(track.codec)},
+                              {"timescale", timescale},
+                              {"duration", track.duration},
+                              {"duration_seconds", seconds_of(track.duration, timescale)},
                               {"samples_not_read", track.samples}});
         } else if (const auto read = (*known)["sample_count"].get<uint64_t>();
                    read < track.samples) {
@@ -111,14 +118,15 @@ Json brands_of(const iso_file* file) {
 
 Json describe_file(const FileFacts& facts) {
     iso_file* file = facts.file.get();
-    double duration = 0.0;
-    isoFFfileInfo(file, nullptr, &duration, nullptr);
+    const bool is_imported = facts.imported.timescale != 0;
+    const uint32_t timescale = is_imported ? facts.imported.timescale : file->timescale;
+    const uint64_t duration = is_imported ? facts.imported.duration : file->duration;
     Json out{{"major_brand", printable(file->major_brand)},
              {"minor_version", file->minor_version},
              {"compatible_brands", brands_of(file)},
-             {"timescale", file->timescale},
-             {"duration", file->duration},
-             {"duration_seconds", duration}};
+             {"timescale", timescale},
+             {"duration", duration},
+             {"duration_seconds", seconds_of(duration, timescale)}};
     add_date(out, "created", file->creation_time);
     add_date(out, "modified", file->modification_time);
     out["tracks"] = Json::array();
@@ -161,9 +169,10 @@ void print_picture(const Json& track) {
 
 void print_track(const Json& track) {
     std::printf("track %-6u %s", track["track_id"].get<uint32_t>(), codec_text(track).c_str());
+    if (track.contains("duration_seconds"))
+        std::printf(", %.3f s", track["duration_seconds"].get<double>());
     if (track.contains("sample_count")) {
-        std::printf(", %.3f s, %u samples, %u bytes, timescale %u",
-                    track["duration_seconds"].get<double>(), track["sample_count"].get<uint32_t>(),
+        std::printf(", %u samples, %u bytes, timescale %u", track["sample_count"].get<uint32_t>(),
                     track["bytes"].get<uint32_t>(), track["timescale"].get<uint32_t>());
         print_picture(track);
         if (track.contains("sync_sample_count")) {
@@ -182,7 +191,8 @@ void print_track(const Json& track) {
     std::printf("\n");
 }
 
-void print_verdict(const Verdict& verdict, const std::string& input) {
+// `which` is the track that is judged, where a file has several of the medium.
+void print_verdict(const Verdict& verdict, const std::string& input, const std::string& which) {
     const std::string api = word(verdict.api) + std::string(" API,");
     std::printf("%-15s %s: ", api.c_str(), word(verdict.kind));
     if (verdict.reason == Reason::kNoTrack) {
@@ -190,17 +200,25 @@ void print_verdict(const Verdict& verdict, const std::string& input) {
         return;
     }
     if (verdict.plays()) {
-        std::printf("plays\n");
+        std::printf("plays%s\n", which.c_str());
         return;
     }
-    std::printf("%s (%s", verdict.outcome(), word(verdict.reason));
+    std::printf("%s%s (%s", verdict.outcome(), which.c_str(), word(verdict.reason));
     if (verdict.status != KST_SUCCESS) std::printf("; %s", status_words(verdict.status).c_str());
     std::printf(")\n%28s%s\n", "", printable(verdict.why).c_str());
     if (!verdict.fix.empty())
         std::printf("%28sfix it: %s\n", "", printable(fix_command(verdict, input)).c_str());
 }
 
-void print_text(const std::string& input, const Json& about, const std::vector<Verdict>& verdicts) {
+size_t media_tracks(const FileFacts& facts, MediaKind kind) {
+    size_t count = 0;
+    for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next)
+        count += is_of(track, kind) ? 1 : 0;
+    return count;
+}
+
+void print_text(const std::string& input, const FileFacts& facts, const Json& about,
+                const std::vector<Verdict>& verdicts) {
     std::string brands;
     for (const Json& brand : about["compatible_brands"])
         brands += (brands.empty() ? "" : " ") + brand.get<std::string>();
@@ -220,8 +238,11 @@ void print_text(const std::string& input, const Json& about, const std::vector<V
     } else if (about.contains("may_lack_tracks")) {
         std::printf("lost tracks  any number: the movie box is cut or damaged\n");
     }
-    for (const Verdict& verdict : verdicts)
-        print_verdict(verdict, input);
+    for (const Verdict& verdict : verdicts) {
+        const bool is_one_of_several = media_tracks(facts, verdict.kind) > 1;
+        print_verdict(verdict, input,
+                      is_one_of_several ? ", track " + std::to_string(verdict.track_id) : "");
+    }
 }
 
 void info(const Options& options) {
@@ -237,7 +258,7 @@ void info(const Options& options) {
             about["verdicts"].push_back(describe(verdict, options.input));
         std::printf("%s\n", json_text(about).c_str());
     } else {
-        print_text(options.input, about, verdicts);
+        print_text(options.input, facts, about, verdicts);
     }
 }
 

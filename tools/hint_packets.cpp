@@ -56,7 +56,7 @@ std::string HintPackets::lacks() const {
         return name + " declares packets of " + std::to_string(hint_->rtp_max_packet) +
                " bytes; the most is " + std::to_string(kLongestPacket);
     }
-    const Expected expected = expected_of(hint_, facts_.imported_track(hint_->track_id));
+    const Expected expected = expected_of(hint_, facts_.imported_track(hint_));
     if (damaged_sample_ > 0) {
         return name + ": hint sample " + std::to_string(damaged_sample_) + " of " +
                std::to_string(expected.samples) +

@@ -21,6 +21,14 @@ Descriptor temporary_file() {
     return named;
 }
 
+uint64_t temporary_space() {
+    std::error_code failure;
+    const std::filesystem::path folder = std::filesystem::temp_directory_path(failure);
+    if (failure) return 0;
+    const std::filesystem::space_info space = std::filesystem::space(folder, failure);
+    return failure ? 0 : space.available;
+}
+
 Host open_temporary(const Descriptor& file) {
     const std::string path = "/proc/self/fd/" + std::to_string(file.get());
     return Host(kst_host_from_file(path.c_str()));

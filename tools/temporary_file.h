@@ -11,7 +11,10 @@ namespace tool {
 // Opens a file in the folder for temporary files; nothing on failure.
 Descriptor temporary_file();
 
-// Makes a host for a temporary file; null on failure.
+// The bytes that are free in that folder.
+uint64_t temporary_space();
+
+// Serves a temporary file; null when that fails.
 Host open_temporary(const Descriptor& file);
 
 // A stream table that writes to a descriptor, in order.

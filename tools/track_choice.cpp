@@ -16,9 +16,10 @@ constexpr std::array<uint8_t, 4> kFree = {'f', 'r', 'e', 'e'};
 // Whether a track is of a medium. For a track that the reader does not have, the importer decides.
 bool is_medium(const FileFacts& facts, uint32_t id, MediaKind kind) {
     for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next)
-        if (track->track_id == id) return is_of(track, kind);
-    const ImportedTrack* imported = facts.imported_track(id);
-    return imported != nullptr && imported->is_of(kind);
+        if (facts.id_of(track) == id) return is_of(track, kind);
+    return std::any_of(
+        facts.imported.tracks.begin(), facts.imported.tracks.end(),
+        [&](const ImportedTrack& track) { return track.id == id && track.is_of(kind); });
 }
 
 }  // namespace

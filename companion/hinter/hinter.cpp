@@ -10,9 +10,13 @@
 #include "companion/hinter/output_file.h"
 #include "companion/hinter/samples.h"
 #include "companion/hinter/track_choice.h"
+#include "companion/importer/box_reader.h"
 #include "companion/importer/source.h"
+#include "companion/stream/plausible.h"
 #include "kestrel/kstutil.h"
+#include "kestrel/native.h"
 #include "native/codec/amr_format.h"
+#include "native/codec/h264_units.h"
 
 // kst_hint: reads the tables, plans the packets of all samples, and writes the file with the movie
 // box first.
@@ -22,7 +26,8 @@ namespace {
 
 constexpr int kFirstDynamicPayloadType = 96;
 constexpr int kLastPayloadType = 127;
-constexpr int kRfc2190PayloadType = 34;  // assigned by RFC 3551
+constexpr uint64_t kLongestFrame = 16 << 20;  // bytes that a player takes, packet headers included
+constexpr int kRfc2190PayloadType = 34;       // assigned by RFC 3551
 constexpr uint32_t kAllFlags =
     KST_HINT_RFC2190 | KST_HINT_REPLACE | KST_HINT_DROP_OTHERS | KST_HINT_SALVAGE;
 
@@ -43,10 +48,42 @@ struct CloseFile {
 // A written track and the objects that make its samples.
 struct Medium {
     Written track;
+    uint32_t description = 0;  // of a hinted track, in the source
     std::unique_ptr<MediaSamples> samples;
     iso_track* hint = nullptr;  // null for one without a payload format
     std::unique_ptr<HintSamples> hint_samples;
 };
+
+// Samples whose bytes their codec cannot have written.
+struct ImplausibleSamples {
+    uint32_t count = 0, first = 0;  // the first counts from 1
+
+    void add(uint32_t number) {
+        if (count++ == 0) first = number;
+    }
+};
+
+bool has_plausible_units(const iso_track* track, std::span<const uint8_t> sample) {
+    NalUnits units(sample, track->nal_length_size);
+    for (NalUnit unit; units.next(unit);) {
+        if (!stream::is_nal_unit(unit)) return false;
+    }
+    return !units.is_cut();
+}
+
+// Speech that is malformed cannot be packetised.
+bool is_plausible(const iso_track* track, std::span<const uint8_t> sample) {
+    switch (track->codec) {
+        case ISO_CODEC_S263:
+            return stream::is_h263_picture(sample);
+        case ISO_CODEC_MP4V:
+            return stream::is_mpeg4_picture(sample);
+        case ISO_CODEC_AVC1:
+            return has_plausible_units(track, sample);
+        default:
+            return true;
+    }
+}
 
 class Job {
   public:
@@ -126,8 +163,10 @@ class Job {
             medium->track.from = choice.track;
             medium->track.is_hinted = choice.fate == Fate::kHinted;
             make_track(file_.get(), choice, choices_, medium->track);
+            medium->description = choice.description;
             medium->samples = std::make_unique<MediaSamples>(*choice.track, medium->track.factor,
                                                              choice.description, reader_);
+            if (medium->track.has_coarse_seeks) note_coarse_seeks(*medium);
             ++medium;
         }
     }
@@ -179,17 +218,43 @@ class Job {
     bool plan_samples(Medium& medium) {
         const std::span<const importer::Sample> samples = medium.track.from->samples;
         HintSample made;
+        ImplausibleSamples implausible;
         for (uint32_t i = 0; i < samples.size(); ++i) {
             const auto bytes = reader_.sample(samples, i);
             if (!bytes) return false;
             const SampleFigures figures = medium.samples->figures(i);
             const int refused = make_next_hint(medium.hint, *bytes, figures.cts_offset, made);
             if (refused != 0) return refuse_sample(medium, refused, i, *bytes);
+            if (!can_be_played(made.packets)) return refuse_long_sample(medium, i);
+            if (!is_plausible(medium.track.to, *bytes)) implausible.add(i + 1);
             count_hint(medium.hint, made, figures.duration);
             medium.hint_samples->add(made);
             count_packets(made.packets);
             if (!outcome_.advance(bytes->size())) return false;
         }
+        return judge_plausibility(medium, implausible);
+    }
+
+    // A player holds a frame with a header for each packet.
+    static bool can_be_played(const HintPackets& packets) {
+        uint64_t bytes = 0;
+        for (size_t i = 0; i < packets.size(); ++i)
+            bytes += packets[i].size() - kRtpHeaderSize + tel_header_size;
+        return bytes <= kLongestFrame;
+    }
+
+    // Bytes of a wrong place are no media. A few such samples are left to the decoder.
+    bool judge_plausibility(const Medium& medium, const ImplausibleSamples& implausible) {
+        const importer::Track& track = *medium.track.from;
+        if (implausible.count == 0) return true;
+        const std::string text = name_of(medium) + ": " + std::to_string(implausible.count) +
+                                 " of " + std::to_string(track.samples.size()) +
+                                 " samples cannot be " +
+                                 importer::type_text(track.descriptions[medium.description].type) +
+                                 ", the first is number " + std::to_string(implausible.first);
+        if (implausible.count > track.samples.size() / 2)
+            return outcome_.fail(KST_HINT_REFUSED, text + ": bytes of a wrong place");
+        add_note(text);
         return true;
     }
 
@@ -217,10 +282,29 @@ class Job {
         }
     }
 
-    // --- failures ---
+    // --- notes and failures ---
+
+    static std::string name_of(const Medium& medium) {
+        return "track " + std::to_string(medium.track.from->id);
+    }
+
+    void add_note(const std::string& note) { notes_ += (notes_.empty() ? "" : "; ") + note; }
+
+    void note_coarse_seeks(const Medium& medium) {
+        add_note(name_of(medium) + ": seeks of the class API land too early, as its " +
+                 std::to_string(medium.track.from->timescale) +
+                 " units a second are no whole number a millisecond, and it is too long for more");
+    }
+
+    bool refuse_long_sample(const Medium& medium, uint32_t number) {
+        return outcome_.fail(KST_HINT_REFUSED,
+                             name_of(medium) + ": sample " + std::to_string(number + 1) +
+                                 " and the headers of its packets have more than the " +
+                                 std::to_string(kLongestFrame) + " bytes that a player takes");
+    }
 
     bool refuse(const Medium& medium, int result) {
-        const std::string track = "track " + std::to_string(medium.track.from->id);
+        const std::string track = name_of(medium);
         switch (result) {
             case kNoMemory:
                 throw std::bad_alloc();
@@ -236,8 +320,7 @@ class Job {
     bool refuse_sample(const Medium& medium, int result, uint32_t number,
                        std::span<const uint8_t> sample) {
         if (result != kCannotBeCut) return refuse(medium, result);
-        const std::string name = "track " + std::to_string(medium.track.from->id) + ": sample " +
-                                 std::to_string(number + 1);
+        const std::string name = name_of(medium) + ": sample " + std::to_string(number + 1);
         if (is_malformed_speech(medium.track.to, sample))
             return outcome_.fail(KST_HINT_REFUSED,
                                  name + " is malformed: it does not end with a speech frame");
@@ -287,6 +370,7 @@ class Job {
     SampleReader reader_;
     importer::Movie movie_;
     std::string salvaged_;
+    std::string notes_;
     std::vector<Choice> choices_;
     uint32_t written_ = 0;  // bytes
     int next_payload_type_ = kFirstDynamicPayloadType;
@@ -296,9 +380,15 @@ class Job {
 };
 
 std::string Job::left_out() const {
+    std::string all;
+    const auto add = [&](const std::string& text) {
+        if (!text.empty()) all += (all.empty() ? "" : "; ") + text;
+    };
     const std::string dropped = dropped_text(choices_);
-    if (dropped.empty()) return salvaged_;
-    return "left out " + dropped + (salvaged_.empty() ? "" : "; " + salvaged_);
+    if (!dropped.empty()) add("left out " + dropped);
+    add(salvaged_);
+    add(notes_);
+    return all;
 }
 
 template <size_t Size>

@@ -5,9 +5,8 @@
 #include <array>
 #include <climits>
 #include <cstring>
-#include <limits>
 #include <new>
-#include <numeric>
+#include <optional>
 #include <string>
 
 #include "common/box_header.h"
@@ -70,27 +69,16 @@ void copy_brands(iso_file* file, const importer::Brands& from) {
 
 // --- times ---
 
-bool fits(const importer::Track& track, uint32_t factor) {
-    if (uint64_t{track.timescale} * factor > UINT32_MAX) return false;
-    if (track.duration > UINT32_MAX / factor) return false;
-    const int64_t most = INT32_MAX / factor;
-    return std::all_of(track.samples.begin(), track.samples.end(),
-                       [&](const importer::Sample& sample) {
-                           return std::abs(int64_t{sample.composition_offset}) <= most;
-                       }) &&
-           std::all_of(track.edits.begin(), track.edits.end(), [&](const importer::Edit& edit) {
-               return edit.media_time <= std::numeric_limits<int64_t>::max() / factor;
-           });
+bool plays_by_class_api(const iso_track* track) {
+    return track->codec == ISO_CODEC_SAMR || track->codec == ISO_CODEC_S263 ||
+           track->codec == ISO_CODEC_MP4V;
 }
 
-// The class API counts a whole number of units per millisecond. Another timescale becomes its least
-// multiple with such a number, if all times fit in 32 bits.
-uint32_t factor_of(const iso_track* to, const importer::Track& track) {
-    constexpr uint32_t kMilliseconds = 1000;
-    const bool is_known =
-        to->codec == ISO_CODEC_SAMR || to->codec == ISO_CODEC_S263 || to->codec == ISO_CODEC_MP4V;
-    const uint32_t factor = kMilliseconds / std::gcd(track.timescale, kMilliseconds);
-    return is_known && fits(track, factor) ? factor : 1;
+void choose_timescale(Written& written) {
+    if (!written.is_hinted || !plays_by_class_api(written.to)) return;
+    const std::optional<TimeFactor> factor = whole_milliseconds(*written.from);
+    written.factor = factor.value_or(TimeFactor());
+    written.has_coarse_seeks = !factor;
 }
 
 // --- tables ---
@@ -101,12 +89,12 @@ void copy_edits(Written& written) {
     iso_track_private* details = written.to->own;
     details->edits = keep(arena_array<iso_elst_entry>(written.to->file, from.edits.size()));
     details->edit_count = static_cast<int32_t>(from.edits.size());
-    std::transform(from.edits.begin(), from.edits.end(), details->edits,
-                   [&](const importer::Edit& edit) {
-                       const int64_t time =
-                           edit.media_time > 0 ? edit.media_time * written.factor : edit.media_time;
-                       return iso_elst_entry{edit.duration, time, edit.rate};
-                   });
+    std::transform(
+        from.edits.begin(), from.edits.end(), details->edits, [&](const importer::Edit& edit) {
+            const int64_t time =
+                edit.media_time > 0 ? written.factor.of(edit.media_time) : edit.media_time;
+            return iso_elst_entry{edit.duration, time, edit.rate};
+        });
 }
 
 void copy_sync_samples(iso_track* to, const importer::Track& from) {
@@ -237,8 +225,8 @@ void make_track(iso_file* file, const Choice& choice, const std::vector<Choice>&
     written.to->codec = ISO_CODEC_NONE;
     describe_track(written.to, *written.from);
     copy_boxes(written, choice, choices);
-    if (written.is_hinted) written.factor = factor_of(written.to, *written.from);
-    written.to->timescale *= written.factor;
+    choose_timescale(written);
+    written.to->timescale = written.factor.of(written.from->timescale);
     copy_edits(written);
     copy_sync_samples(written.to, *written.from);
 }

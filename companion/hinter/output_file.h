@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "companion/hinter/time_factor.h"
 #include "companion/hinter/track_choice.h"
 #include "companion/importer/movie.h"
 #include "interface/src/isoff/write/copied_boxes.h"
@@ -17,7 +18,8 @@ struct Written {
     importer::Track* from;
     bool is_hinted;
     iso_track* to = nullptr;
-    uint32_t factor = 1;  // of its times: units of `to` for one of `from`
+    TimeFactor factor;
+    bool has_coarse_seeks = false;  // of the class API, as no factor makes its times fit
     CopiedBoxes boxes;
 };
 

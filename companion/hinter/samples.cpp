@@ -78,8 +78,7 @@ bool SampleReader::copy(std::span<const importer::Sample> samples, MediaOutput& 
 
 SampleFigures MediaSamples::figures(uint32_t sample) const {
     const importer::Sample& from = samples_[sample];
-    return {from.size, from.duration * factor_,
-            from.composition_offset * static_cast<int32_t>(factor_),
+    return {from.size, factor_.of(from.duration), factor_.of(from.composition_offset),
             from.description - first_description_ + 1};
 }
 

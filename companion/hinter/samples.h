@@ -10,6 +10,7 @@
 
 #include "companion/hinter/outcome.h"
 #include "companion/hinter/packet_plan.h"
+#include "companion/hinter/time_factor.h"
 #include "companion/importer/movie.h"
 #include "companion/importer/source.h"
 #include "interface/src/isoff/write/hint_track.h"
@@ -40,12 +41,11 @@ class SampleReader {
     uint64_t window_begin_ = 0, window_bytes_ = 0;
 };
 
-// The samples of a media track. Times are those of the source multiplied by `factor`.
+// The samples of a media track, with times that are those of the source by `factor`.
 class MediaSamples final : public SampleProvider {
   public:
-    // `first_description` is the first description of the output, as an index of the source, from
-    // 0.
-    MediaSamples(const importer::Track& track, uint32_t factor, uint32_t first_description,
+    // `first_description`: that of the source, from 0, which is the first of what is written.
+    MediaSamples(const importer::Track& track, TimeFactor factor, uint32_t first_description,
                  SampleReader& reader)
         : samples_(track.samples),
           factor_(factor),
@@ -60,7 +60,7 @@ class MediaSamples final : public SampleProvider {
 
   private:
     std::span<const importer::Sample> samples_;
-    uint32_t factor_;
+    TimeFactor factor_;
     uint32_t first_description_;
     SampleReader& reader_;
 };

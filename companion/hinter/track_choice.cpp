@@ -27,8 +27,20 @@ bool is_one_of(const std::array<uint32_t, Count>& types, uint32_t type) {
     return std::find(types.begin(), types.end(), type) != types.end();
 }
 
+// The sample entry that samples have: of several that are used, one with a payload format. The
+// first of a track without samples.
+uint32_t used_description(const importer::Track& track) {
+    uint32_t used = track.samples.empty() ? 0 : track.samples[0].description;
+    if (!track.forms.several_descriptions) return used;
+    for (const importer::Sample& sample : track.samples) {
+        if (is_one_of(kPayloadTypes, track.descriptions[used].type)) break;
+        used = sample.description;
+    }
+    return used;
+}
+
 uint32_t type_of(const importer::Track& track) {
-    return track.descriptions.empty() ? 0 : track.descriptions[0].type;
+    return track.descriptions.empty() ? 0 : track.descriptions[used_description(track)].type;
 }
 
 bool is_hint(const importer::Track& track) {
@@ -105,7 +117,7 @@ class Chooser {
     bool find_format(Choice& choice, bool& has_format) {
         importer::Track& track = *choice.track;
         if (!is_one_of(kPayloadTypes, type_of(track))) return true;
-        if (!track.samples.empty()) choice.description = track.samples[0].description;
+        choice.description = used_description(track);
         const bool is_alone = std::all_of(
             track.samples.begin(), track.samples.end(),
             [&](const auto& sample) { return sample.description == choice.description; });
@@ -117,6 +129,8 @@ class Chooser {
                                             " (mp4v) is not MPEG-4 Visual, and the class API "
                                             "ends the process on it");
         }
+        if (track.samples.empty())
+            return true;  // a player takes a hint track without samples for damage
         has_format = has_configuration(entry);
         return has_format || refuse(track, " has no decoder configuration");
     }
@@ -183,6 +197,10 @@ class Chooser {
         }
         for (const Choice& choice : choices) {
             if (choice.track->encrypted) return refuse(*choice.track, " is encrypted");
+        }
+        for (const Choice& choice : choices) {
+            if (is_one_of(kPayloadTypes, type_of(*choice.track)))
+                return refuse(*choice.track, " has no samples");
         }
         return outcome_.fail(KST_HINT_REFUSED, "no AMR, H.263, MPEG-4 or H.264 track");
     }

@@ -140,18 +140,6 @@ void merge(Forms& into, const Forms& more) {
     into.several_descriptions |= more.several_descriptions;
 }
 
-// Reports how much of an incomplete file was kept.
-std::string salvaged_text(const Import& import) {
-    std::uint64_t declared = 0;
-    std::uint64_t kept = 0;
-    for (std::size_t i = 0; i < import.tracks.size(); ++i) {
-        declared += import.tracks[i].declared;
-        kept += import.movie.tracks[i].samples.size();
-    }
-    return "kept " + std::to_string(kept) + " of the " + std::to_string(declared) +
-           " samples that the file declares: " + import.salvaged;
-}
-
 }  // namespace
 
 bool finish_movie(Import& import) {
@@ -165,15 +153,14 @@ bool finish_movie(Import& import) {
     std::uint64_t duration = 0;
     for (Track& track : movie.tracks) {
         if (movie.forms.fragments) extend_last_edit(movie, track);
-        if (!import.salvaged.empty()) cut_edits(movie, track);
+        if (!import.missing.empty()) cut_edits(movie, track);
         duration = std::max(duration, presented(movie, track));
         merge(movie.forms, track.forms);
     }
     movie.fragmented = movie.forms.fragments;
-    if (movie.duration == 0 || movie.fragmented || !import.salvaged.empty()) {
+    if (movie.duration == 0 || movie.fragmented || !import.missing.empty()) {
         movie.duration = duration;
     }
-    if (!import.salvaged.empty()) import.salvaged = salvaged_text(import);
     return true;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// moof: movie fragments (ISO/IEC 14496-12, 8.8), and sidx (8.16.3), which declares their extent.
+// moof: movie fragments (ISO/IEC 14496-12, 8.8).
 #include <algorithm>
 
 #include "companion/importer/parts.h"
@@ -192,6 +192,7 @@ bool FragmentReader::read_number(const Box& mfhd) {
     const VersionAndFlags head(reader);
     const std::uint32_t number = reader.u32();
     if (!import_.whole(reader, mfhd)) return false;
+    if (!import_.first_fragment_number) import_.first_fragment_number = number;
     if (last_number_ && number > *last_number_ && number - *last_number_ > 1) {
         ++import_.sequence_gaps;
     }
@@ -318,47 +319,6 @@ bool read_fragments(Import& import, std::span<const Box> moofs) {
     FragmentReader reader(import);
     return std::all_of(moofs.begin(), moofs.end(),
                        [&](const Box& moof) { return reader.read(moof); });
-}
-
-bool check_segment_index(Import& import, const Box& box) {
-    constexpr std::uint32_t kSizeBits = 0x7FFF'FFFF;
-    BoxReader reader(import.source, box);
-    const VersionAndFlags head(reader);
-    reader.skip(8);                       // reference, timescale
-    reader.u32_or_64(head.version == 1);  // earliest time
-    std::uint64_t end = box.end + reader.u32_or_64(head.version == 1);
-    reader.skip(2);  // reserved
-    for (std::uint32_t left = reader.u16(); left > 0 && !reader.failed(); --left) {
-        end += reader.u32() & kSizeBits;
-        reader.skip(8);  // duration, access points
-    }
-    if (!import.whole(reader, box)) return false;
-    if (end <= import.source.size()) return true;
-    return import.lacks("fragments are missing: " + place_text(box) + " counts " +
-                        std::to_string(end) + " bytes, and the file has " +
-                        std::to_string(import.source.size()));
-}
-
-// The last fragments are missing if the longest track is shorter than mehd declares by more than
-// half a fragment.
-bool check_declared_duration(Import& import) {
-    if (!import.declared_duration_box) return true;
-    std::uint64_t longest = 0;
-    std::uint64_t fragment = 0;
-    for (std::size_t i = 0; i < import.tracks.size(); ++i) {
-        const TrackImport& state = import.tracks[i];
-        const std::uint32_t timescale = import.movie.tracks[i].timescale;
-        const auto in_movie = [&](std::uint64_t time) {
-            return rescale(time, timescale, import.movie.timescale);
-        };
-        if (in_movie(state.end) < longest) continue;
-        longest = in_movie(state.end);
-        fragment = in_movie((state.end - state.fragments_begin) / std::max(1u, state.fragments));
-    }
-    if (import.declared_duration <= longest + fragment / 2 + 1) return true;
-    return import.lacks("fragments are missing: " + place_text(*import.declared_duration_box) +
-                        " declares a duration of " + std::to_string(import.declared_duration) +
-                        ", and the samples have " + std::to_string(longest) + " of them");
 }
 
 }  // namespace kestrel::importer

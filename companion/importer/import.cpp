@@ -25,7 +25,7 @@ bool Import::whole(const BoxReader& reader, const Box& box) {
 
 bool Import::lacks(const std::string& what) {
     if (!options.salvage) return fail(what);
-    if (salvaged.empty()) salvaged = what;
+    if (missing.empty()) missing = what;
     return true;
 }
 

@@ -95,8 +95,9 @@ class Import {
     std::optional<Box> declared_duration_box;  // mehd
     std::uint64_t declared_duration = 0;       // of mehd, movie timescale
     std::uint32_t sequence_gaps = 0;           // in the numbers of the fragments
+    std::optional<std::uint32_t> first_fragment_number;
     std::string error;
-    std::string salvaged;
+    std::string missing;  // the first thing that the file lacks, where that is salvaged
 
   private:
     std::uint64_t claimed_ = 0;

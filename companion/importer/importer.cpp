@@ -15,7 +15,8 @@ struct FileBoxes {
     std::optional<Box> brands;
     std::optional<Box> movie;
     std::vector<Box> fragments;
-    std::vector<Box> indexes;  // sidx
+    std::vector<Box> indexes;        // sidx
+    std::vector<Box> random_access;  // mfra
     bool has_fragments = false;
     std::string cut;  // why the boxes end before the file, or in a truncated one
 };
@@ -61,6 +62,9 @@ bool keep_box(Import& import, const Box& box, FileBoxes& boxes) {
             return true;
         case fourcc("sidx"):
             boxes.indexes.push_back(box);
+            return true;
+        case fourcc("mfra"):
+            boxes.random_access.push_back(box);
             return true;
         default:
             return true;
@@ -143,6 +147,22 @@ bool check_end(Import& import, const FileBoxes& boxes) {
            import.lacks("the file has no fragments, though its movie box announces them (mvex)");
 }
 
+// How much of a file that lacks something was kept.
+std::string salvaged_text(const Import& import) {
+    if (import.missing.empty()) return "";
+    std::uint64_t declared = 0;
+    std::uint64_t kept = 0;
+    for (std::size_t i = 0; i < import.tracks.size(); ++i) {
+        declared += import.tracks[i].declared;
+        kept += import.movie.tracks[i].samples.size();
+    }
+    const std::string samples = kept == declared
+                                    ? "all " + std::to_string(kept) + " samples that the file has"
+                                    : std::to_string(kept) + " of the " + std::to_string(declared) +
+                                          " samples that the file declares";
+    return "kept " + samples + ": " + import.missing;
+}
+
 bool read_file(Import& import) {
     FileBoxes boxes;
     if (!import.source.open()) return import.fail("");
@@ -156,6 +176,9 @@ bool read_file(Import& import) {
     for (const Box& index : boxes.indexes) {
         if (!check_segment_index(import, index)) return false;
     }
+    const bool fragments = boxes.has_fragments || import.announces_fragments;
+    if (fragments && !check_random_access(import, boxes.random_access, boxes.fragments))
+        return false;
     if (!check_declared_duration(import) || !finish_movie(import)) return false;
     // A read failed while bytes that are no box were skipped.
     return import.source.error().empty() || import.fail("");
@@ -168,12 +191,15 @@ Result import_movie(KST_IOSTREAM_CALLBACK_INTERFACE& host, const Options& option
     Source source(host);
     Import import(source, options, movie);
     try {
-        if (read_file(import)) return {true, Cause::kNone, {}, std::move(import.salvaged)};
+        if (read_file(import)) {
+            return {true, Cause::kNone, {}, salvaged_text(import), std::move(import.missing)};
+        }
     } catch (const std::exception&) {  // of the standard library's containers
-        return {false, Cause::kMemory, "there is not enough memory for the tables of the file", {}};
+        return {
+            false, Cause::kMemory, "there is not enough memory for the tables of the file", {}, {}};
     }
     const Cause cause = source.error().empty() ? Cause::kFile : Cause::kHost;
-    return {false, cause, std::move(import.error), {}};
+    return {false, cause, std::move(import.error), {}, {}};
 }
 
 }  // namespace kestrel::importer

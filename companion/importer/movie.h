@@ -140,6 +140,7 @@ struct Result {
     Cause cause = Cause::kNone;
     std::string error;     // one sentence without a full stop that names the box and its offset
     std::string salvaged;  // what was left out, one sentence without a full stop, or empty
+    std::string missing;   // of it, what the file lacks, alone
 };
 
 // Reads the contents of the file that `host` serves into `movie`.
@@ -151,7 +152,8 @@ struct Result {
 // All losses are errors: a table that contradicts another, a sample outside the file, a truncated
 // box, a missing fragment. The contents of `movie` are then unspecified. Salvage keeps the rest of
 // a truncated or incomplete file only. A missing fragment is detected by a segment index (sidx), by
-// the declared duration (mehd), and by a jump in both the numbers and the times of fragments.
+// the declared duration (mehd), by a random access index (mfra), and by a jump in both the numbers
+// and the times of fragments.
 //
 // Times of fragments: a track's fragments begin at their tfdt. A gap after the previous sample, or
 // an overlap, changes the duration of that sample. When tracks begin at different times, the later

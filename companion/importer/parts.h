@@ -49,11 +49,15 @@ bool read_sound_units(Import& import, const SampleTables& tables, const SoundUni
 bool find_description(Import& import, const Box& box, std::uint32_t number, const Track& track,
                       const TrackImport& state, std::uint32_t& index);
 
-// fragments.cpp: the samples of all movie fragments, in file order; the segment indexes (sidx),
-// which declare the length of the file.
+// fragments.cpp: the samples of all movie fragments, in the order of the file.
 bool read_fragments(Import& import, std::span<const Box> moofs);
+
+// fragment_index.cpp: whether fragments are missing, by the segment indexes (sidx), the declared
+// duration (mehd) and the random access indexes (mfra). Call them after read_fragments().
 bool check_segment_index(Import& import, const Box& sidx);
 bool check_declared_duration(Import& import);
+bool check_random_access(Import& import, std::span<const Box> indexes,
+                         std::span<const Box> fragments);
 
 // finish.cpp: checks that all samples are in the file, and adjusts times, durations and edits to
 // the samples that were read.

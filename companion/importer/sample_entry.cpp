@@ -121,8 +121,12 @@ bool read_entry(Import& import, const Box& box, std::uint32_t handler, bool quic
     return true;
 }
 
+bool is_protected_type(std::uint32_t type) {
+    return contains(kProtected, type);
+}
+
 bool is_encrypted(Source& source, const SampleEntry& entry) {
-    bool protection = contains(kProtected, entry.box.type);
+    bool protection = is_protected_type(entry.box.type);
     each_child(source, entry.children, entry.box.end,
                [&](const Box& child) { protection |= child.type == fourcc("sinf"); });
     return protection;

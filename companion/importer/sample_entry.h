@@ -27,6 +27,8 @@ struct SampleEntry {
 bool read_entry(Import& import, const Box& box, std::uint32_t handler, bool quicktime_versions,
                 SampleEntry& entry);
 bool is_encrypted(Source& source, const SampleEntry& entry);
+// Whether the type of an entry says that it is encrypted: `encv`, `drms` and so on.
+bool is_protected_type(std::uint32_t type);
 
 // iso_entry.cpp: the entry in its ISO form if it has one.
 Description iso_description(const Import& import, const SampleEntry& entry);

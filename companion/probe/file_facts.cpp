@@ -36,13 +36,16 @@ int32_t codec_of(uint32_t entry) {
 ImportedTrack summary(const kestrel::importer::Track& track) {
     ImportedTrack out;
     out.id = track.id;
-    out.entry = track.descriptions.empty() ? 0 : track.descriptions.front().type;
+    const uint32_t used = track.samples.empty() ? 0 : track.samples.front().description;
+    out.entry = track.descriptions.empty() ? 0 : track.descriptions[used].type;
     out.codec = codec_of(out.entry);
     out.kind = track.handler == fourcc("soun")   ? static_cast<uint32_t>(MediaKind::kAudio)
                : track.handler == fourcc("vide") ? static_cast<uint32_t>(MediaKind::kVideo)
                                                  : ImportedTrack::kNoMedium;
     out.is_encrypted = track.encrypted ? 1 : 0;
     out.samples = track.samples.size();
+    out.duration = track.duration;
+    out.timescale = track.timescale;
     out.in_fragments = out.samples - std::min<uint64_t>(track.samples_in_movie_box, out.samples);
     for (const kestrel::importer::Sample& sample : track.samples) {
         out.filled += sample.size > 0 ? 1 : 0;
@@ -54,7 +57,8 @@ ImportedTrack summary(const kestrel::importer::Track& track) {
 
 bool has_odd_form(const FileScan& scan) {
     const auto is_odd = [](const TrackBoxes& track) {
-        return track.has_table("stz2") || track.has_table("co64") || track.is_encrypted() ||
+        return track.has_table("stz2") || track.has_table("co64") || track.is_encrypted ||
+               track.has_second_table("sgpd") || track.has_second_table("sbgp") ||
                !track.version1.empty();
     };
     return scan.has_movie && (scan.fragments > 0 || scan.has_large_sizes || scan.has_open_sizes ||
@@ -63,20 +67,37 @@ bool has_odd_form(const FileScan& scan) {
 
 }  // namespace
 
-std::vector<ImportedTrack> import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
+ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
     kestrel::importer::Movie movie;
-    std::vector<ImportedTrack> tracks;
     // Of a cut file, what there is.
-    if (!kestrel::importer::import_movie(stream, {.salvage = true}, movie).ok) return tracks;
+    auto result = kestrel::importer::import_movie(stream, {.salvage = true}, movie);
+    if (!result.ok) return {};
+    ImportedMovie out;
     for (const kestrel::importer::Track& track : movie.tracks)
-        tracks.push_back(summary(track));
-    return tracks;
+        out.tracks.push_back(summary(track));
+    out.duration = movie.duration;
+    out.timescale = movie.timescale;
+    out.missing = std::move(result.missing);
+    return out;
 }
 
-const ImportedTrack* FileFacts::imported_track(uint32_t id) const {
-    const auto found = std::find_if(imported.begin(), imported.end(),
-                                    [&](const ImportedTrack& track) { return track.id == id; });
-    return found == imported.end() ? nullptr : &*found;
+// The reader and the importer have tracks in the file's order; where the reader misses some, the ID
+// tells them.
+const ImportedTrack* FileFacts::imported_track(const iso_track* track) const {
+    size_t number = 0, count = 0;
+    for (const iso_track* one = file->first_track; one != nullptr; one = one->next, ++count) {
+        if (one == track) number = count;
+    }
+    if (count == imported.tracks.size()) return &imported.tracks[number];
+    const auto found =
+        std::find_if(imported.tracks.begin(), imported.tracks.end(),
+                     [&](const ImportedTrack& one) { return one.id == track->track_id; });
+    return found == imported.tracks.end() ? nullptr : &*found;
+}
+
+uint32_t FileFacts::id_of(const iso_track* track) const {
+    const ImportedTrack* same = imported_track(track);
+    return same != nullptr ? same->id : track->track_id;
 }
 
 FileFacts gather_facts(KST_IOSTREAM_CALLBACK_INTERFACE* stream, IsoFile file,
@@ -105,7 +126,7 @@ Expected expected_of(const iso_track* track, const ImportedTrack* imported) {
 
 bool has_medium(const FileFacts& facts, MediaKind kind) {
     return has_medium(facts.file.get(), kind) ||
-           std::any_of(facts.imported.begin(), facts.imported.end(),
+           std::any_of(facts.imported.tracks.begin(), facts.imported.tracks.end(),
                        [&](const ImportedTrack& track) { return track.is_of(kind); });
 }
 

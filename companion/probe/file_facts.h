@@ -27,9 +27,19 @@ struct ImportedTrack {
     uint64_t bytes = 0;   // of all samples
     uint64_t largest = 0;
     uint64_t in_fragments = 0;  // samples that are in movie fragments
+    uint64_t duration = 0;      // of `timescale` units a second
+    uint64_t timescale = 0;
 
     static constexpr uint32_t kNoMedium = ~0u;
     bool is_of(MediaKind wanted) const { return kind == static_cast<uint32_t>(wanted); }
+};
+
+// What the importer finds in a file. Empty where it cannot be found.
+struct ImportedMovie {
+    std::vector<ImportedTrack> tracks;
+    uint64_t duration = 0;  // of `timescale` units a second
+    uint32_t timescale = 0;
+    std::string missing;  // what the file lacks, one sentence without a full stop, or empty
 };
 
 struct FileCloser {
@@ -44,20 +54,22 @@ struct FileFacts {
     FileScan scan;                                      // by the headers of boxes alone
     std::vector<std::string> remarks;                   // lines that the reader wrote
     // Of a file in a form that the reader does not have whole: movie fragments, large or open
-    // boxes, other tables. Empty for any other file, and where they cannot be found.
-    std::vector<ImportedTrack> imported;
+    // boxes, other tables. Empty for any other file.
+    ImportedMovie imported;
 
-    const ImportedTrack* imported_track(uint32_t id) const;
+    // The same track; null where it was not imported. The reader may have another ID for it.
+    const ImportedTrack* imported_track(const iso_track* track) const;
+    // The ID in the track's header.
+    uint32_t id_of(const iso_track* track) const;
 };
 
 // All tracks with all their samples, in whatever form; as far as they can be found. Takes time and
 // memory in proportion to the samples.
-std::vector<ImportedTrack> import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream);
+ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream);
 
 // The facts of a file that the reader has opened. `import` is import_tracks(), or calls it; it is
 // called for a file in an odd form only. The stream must outlive the facts.
-using Importing =
-    std::function<std::vector<ImportedTrack>(KST_IOSTREAM_CALLBACK_INTERFACE&, const FileScan&)>;
+using Importing = std::function<ImportedMovie(KST_IOSTREAM_CALLBACK_INTERFACE&, const FileScan&)>;
 FileFacts gather_facts(KST_IOSTREAM_CALLBACK_INTERFACE* stream, IsoFile file,
                        const Importing& import);
 

@@ -8,6 +8,7 @@
 #include <span>
 
 #include "common/box_header.h"
+#include "companion/importer/sample_entry.h"
 
 namespace kestrel::probe {
 namespace {
@@ -16,6 +17,7 @@ struct Header {
     uint64_t size;  // of the whole box, as declared
     uint32_t length;
     uint32_t form;  // the 32-bit size field
+    uint32_t code;  // the type, as a number
     std::string type;
 };
 
@@ -103,7 +105,7 @@ class Scanner {
             return std::nullopt;
         ++seen_;
         const BoxHeader fields = load_box_header(raw.data());
-        Header header{fields.size, kBoxHeader, fields.size, type_text(fields.type)};
+        Header header{fields.size, kBoxHeader, fields.size, fields.type, type_text(fields.type)};
         if (fields.size == kSizeIs64Bits) {
             if (left < kLargeBoxHeader ||
                 !read(std::span(raw).subspan(kBoxHeader), offset + kBoxHeader))
@@ -130,7 +132,10 @@ class Scanner {
         }
         const bool cut = header->size > left;
         keep({header->type, at, header->size, cut, false});
-        if (cut) report_cut(*header, at);
+        if (cut) {
+            scan_.cut_box = TopBox{header->type, at, header->size, true, false};
+            report_cut(*header, at);
+        }
         const uint64_t size = std::min(header->size, left);
         scan_.has_file_type = scan_.has_file_type || header->type == "ftyp";
         if (header->type == "moof") {
@@ -237,8 +242,34 @@ class Scanner {
             const std::optional<Header> entry = header_at(at, end - at);
             if (!entry || entry->size < entry->length) return;
             track_->entries.push_back(entry->type);
+            track_->is_encrypted =
+                track_->is_encrypted || kestrel::importer::is_protected_type(entry->code) ||
+                has_protection(at + entry->length, std::min(end, at + entry->size));
             at += entry->size;
         }
+    }
+
+    // Whether a sample entry holds a `sinf` among its boxes, which begin where those of sound or of
+    // pictures do.
+    bool has_protection(uint64_t body, uint64_t end) {
+        constexpr std::array<uint64_t, 4> kBoxes = {28, 44, 64,
+                                                    78};  // sound of 3 versions, pictures
+        return std::any_of(kBoxes.begin(), kBoxes.end(),
+                           [&](uint64_t boxes) { return has_box("sinf", body + boxes, end); });
+    }
+
+    // Whether there are boxes up to `end`, of which one has the type.
+    bool has_box(std::string_view type, uint64_t at, uint64_t end) {
+        bool found = false;
+        std::array<uint8_t, kBoxHeader> raw{};
+        while (at < end && end - at >= kBoxHeader && seen_ < kMaxBoxes && read(raw, at)) {
+            ++seen_;
+            const uint32_t size = kestrel::load_be32(raw.data());
+            if (size < kBoxHeader || size > end - at) return false;
+            found = found || std::equal(type.begin(), type.end(), &raw[4]);
+            at += size;
+        }
+        return found;
     }
 
     static bool has_needed(const std::set<std::string, std::less<>>& seen,
@@ -278,10 +309,12 @@ bool TrackBoxes::has_table(std::string_view type) const {
     return contains(tables, type);
 }
 
-bool TrackBoxes::is_encrypted() const {
-    return std::any_of(entries.begin(), entries.end(), [](const std::string& type) {
-        return type == "encv" || type == "enca" || type == "enct" || type == "encs";
-    });
+bool TrackBoxes::has_second_table(std::string_view type) const {
+    return std::count(tables.begin(), tables.end(), type) > 1;
+}
+
+bool TrackBoxes::has_wide_times() const {
+    return contains(version1, "mdhd");
 }
 
 const TrackBoxes* FileScan::track(uint32_t id) const {

@@ -5,6 +5,7 @@
 #define KESTREL_COMPANION_PROBE_FILE_SCAN_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,15 +29,18 @@ struct TrackBoxes {
     std::vector<std::string> tables;    // children of `stbl`, as in TopBox
     std::vector<std::string> entries;   // sample entries, the first few
     std::vector<std::string> version1;  // of `tkhd` and `mdhd`, those with 64-bit times
+    bool is_encrypted = false;          // an entry has a type of protected ones, or a `sinf`
 
     bool has_table(std::string_view type) const;
-    bool is_encrypted() const;
+    bool has_second_table(std::string_view type) const;
+    bool has_wide_times() const;  // `mdhd` of version 1
 };
 
 struct FileScan {
     uint32_t file_size = 0;
     std::vector<TopBox> boxes;        // of the top level, at most kMaxTopBoxes
     uint32_t more_boxes = 0;          // how many more there are
+    std::optional<TopBox> cut_box;    // the one that the file ends in
     std::vector<std::string> damage;  // a sentence each, at most kMaxDamage
     uint32_t more_damage = 0;         // how many more there are
     std::vector<TrackBoxes> tracks;   // of movie boxes, in file order, at most kMaxScannedTracks

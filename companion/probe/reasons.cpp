@@ -10,9 +10,10 @@ namespace {
 
 // Of the tracks that the reader did not find, the last.
 const ImportedTrack* unread_track(const FileFacts& facts, MediaKind kind) {
-    const auto found = std::find_if(facts.imported.rbegin(), facts.imported.rend(),
+    const std::vector<ImportedTrack>& tracks = facts.imported.tracks;
+    const auto found = std::find_if(tracks.rbegin(), tracks.rend(),
                                     [&](const ImportedTrack& track) { return track.is_of(kind); });
-    return found == facts.imported.rend() ? nullptr : &*found;
+    return found == tracks.rend() ? nullptr : &*found;
 }
 
 const TrackBoxes* boxes_of(const Subject& subject) {
@@ -76,13 +77,13 @@ const char* word(Reason reason) {
 Subject subject_of(const FileFacts& facts, Api api, MediaKind kind) {
     const iso_track* track = track_for(facts.file.get(), api, kind);
     const ImportedTrack* imported =
-        track != nullptr ? facts.imported_track(track->track_id) : unread_track(facts, kind);
+        track != nullptr ? facts.imported_track(track) : unread_track(facts, kind);
     return {facts, api, kind, track, imported, expected_of(track, imported)};
 }
 
 bool is_encrypted(const Subject& subject) {
     const TrackBoxes* boxes = boxes_of(subject);
-    return (boxes != nullptr && boxes->is_encrypted()) ||
+    return (boxes != nullptr && boxes->is_encrypted) ||
            (subject.imported != nullptr && subject.imported->is_encrypted != 0);
 }
 
@@ -92,15 +93,14 @@ std::string unread_table(const Subject& subject) {
     for (const char* type : {"stz2", "co64"}) {
         if (boxes->has_table(type)) return type;
     }
-    return "";
+    return boxes->has_wide_times() ? "version 1 of mdhd" : "";
 }
 
 std::string unknown_table(const Subject& subject) {
     const TrackBoxes* boxes = boxes_of(subject);
     if (boxes == nullptr || !unread_table(subject).empty()) return unread_table(subject);
     for (const char* type : {"sgpd", "sbgp"}) {
-        if (std::count(boxes->tables.begin(), boxes->tables.end(), type) > 1)
-            return std::string("a second ") + type;
+        if (boxes->has_second_table(type)) return std::string("a second ") + type;
     }
     return boxes->version1.empty() ? "" : "version 1 of " + boxes->version1.front();
 }
@@ -158,12 +158,10 @@ std::string name_of_codec(const Subject& subject) {
 }
 
 std::string missing_bytes(const FileScan& scan) {
-    for (const TopBox& box : scan.boxes) {
-        if (!box.cut) continue;
-        return show_count(box.offset + box.size - scan.file_size) + " bytes of '" + box.type +
-               "' are missing";
-    }
-    return "";
+    if (!scan.cut_box) return "";
+    const TopBox& box = *scan.cut_box;
+    return show_count(box.offset + box.size - scan.file_size) + " bytes of '" + box.type +
+           "' are missing";
 }
 
 std::string show_count(uint64_t count) {
@@ -178,6 +176,7 @@ std::string show_count(uint64_t count) {
 
 std::string why_by_tables(const Subject& subject, Reason reason) {
     const std::string medium = word(subject.kind);
+    const std::string& missing = subject.facts.imported.missing;
     switch (reason) {
         case Reason::kNoTrack:
             return "The file has no " + medium + " track.";
@@ -201,11 +200,14 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
                    " tracks, and this API plays a file with one.";
         case Reason::kFragmented:
             return show_count(subject.expected.in_fragments) + " samples of the " + medium +
-                   " are in movie fragments, which this API does not read.";
+                   " are in movie fragments, which this API does not read" +
+                   (missing.empty() ? "" : "; and " + missing) + ".";
         case Reason::kLargeBox:
-            return "A box declares its size in a form that this API does not read: with 64 bits, "
-                   "or "
-                   "to the end of the file.";
+            return "A box declares its size in a form that this API does not read: " +
+                   std::string(!subject.facts.scan.has_open_sizes ? "with 64 bits."
+                               : !subject.facts.scan.has_large_sizes
+                                   ? "to the end of the file."
+                                   : "with 64 bits, or to the end of the file.");
         case Reason::kUnknownTable:
             return "The " + medium +
                    " has a table that this API does not read: " + unknown_table(subject) + ".";

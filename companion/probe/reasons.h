@@ -46,7 +46,7 @@ struct Subject {
 
     bool has_track() const { return track != nullptr || imported != nullptr; }
     uint32_t track_id() const {
-        return track != nullptr ? track->track_id : imported != nullptr ? imported->id : 0;
+        return imported != nullptr ? imported->id : track != nullptr ? track->track_id : 0;
     }
     int32_t codec() const {
         return track != nullptr      ? track->codec

@@ -29,7 +29,7 @@ kst_probe_track begin_track(const FileFacts& facts, uint32_t id, int32_t codec) 
     const TrackBoxes* boxes = facts.scan.track(id);
     if (boxes == nullptr) return out;
     if (!boxes->entries.empty()) copy_text(out.codec, boxes->entries.front());
-    out.is_encrypted = boxes->is_encrypted() ? 1 : 0;
+    out.is_encrypted = boxes->is_encrypted ? 1 : 0;
     return out;
 }
 
@@ -39,11 +39,17 @@ void add_samples(kst_probe_track& out, const Expected& expected) {
     out.fragmented = expected.in_fragments;
 }
 
+void set_times(kst_probe_track& out, const ImportedTrack& track) {
+    out.timescale = static_cast<uint32_t>(track.timescale);
+    out.duration = track.duration;
+}
+
 kst_probe_track describe(const FileFacts& facts, const ImportedTrack& track) {
     kst_probe_track out = begin_track(facts, track.id, track.codec);
     out.medium = track.is_of(MediaKind::kAudio)   ? KST_MEDIUM_AUDIO
                  : track.is_of(MediaKind::kVideo) ? KST_MEDIUM_VIDEO
                                                   : KST_MEDIUM_OTHER;
+    set_times(out, track);
     add_samples(out, expected_of(nullptr, &track));
     return out;
 }
@@ -51,11 +57,13 @@ kst_probe_track describe(const FileFacts& facts, const ImportedTrack& track) {
 }  // namespace
 
 kst_probe_track describe_track(const FileFacts& facts, const iso_track* track) {
-    kst_probe_track out = begin_track(facts, track->track_id, track->codec);
+    const ImportedTrack* imported = facts.imported_track(track);
+    kst_probe_track out = begin_track(facts, facts.id_of(track), track->codec);
     out.medium = medium_of(track);
     out.timescale = track->timescale;
     out.duration = track->duration;
-    add_samples(out, expected_of(track, facts.imported_track(track->track_id)));
+    if (imported != nullptr) set_times(out, *imported);
+    add_samples(out, expected_of(track, imported));
     out.sync_samples = track->sync_count;
     copy_text(out.language, language_text(track->own->language));
     if (out.medium == KST_MEDIUM_VIDEO) {
@@ -73,7 +81,7 @@ std::vector<kst_probe_track> describe_tracks(const FileFacts& facts) {
     const iso_file* file = facts.file.get();
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next)
         tracks.push_back(describe_track(facts, track));
-    for (const ImportedTrack& track : facts.imported) {
+    for (const ImportedTrack& track : facts.imported.tracks) {
         const bool is_known =
             std::any_of(tracks.begin(), tracks.end(),
                         [&](const kst_probe_track& one) { return one.track_id == track.id; });

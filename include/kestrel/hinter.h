@@ -48,7 +48,7 @@ enum {
     KST_HINT_REPLACE = 2,
     /* Leave out tracks that get no hint track: other codecs, text, metadata, encrypted tracks. */
     KST_HINT_DROP_OTHERS = 4,
-    /* Keep the complete samples of a source that is truncated at its end. */
+    /* Keep the complete samples of a source that is truncated at its end or lacks fragments. */
     KST_HINT_SALVAGE = 8
 };
 
@@ -83,7 +83,8 @@ typedef struct kst_hint_report {
     uint64_t packet_bytes;    /* of these, RTP headers included */
     uint64_t bytes;           /* length of what was written */
     char error[256];          /* reason of a failure */
-    char left_out[256];       /* tracks and samples that the flags left out */
+    char left_out[256];       /* tracks and samples that the flags left out; and what does not play
+                               * right: implausible samples, seeks that land too early */
 } kst_hint_report;
 
 /* Copies the file that `source` serves to `destination` and adds hint tracks.

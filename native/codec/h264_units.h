@@ -30,6 +30,7 @@ class NalUnits {
             const size_t declared =
                 h264_get_nal_size(bytes_.data(), static_cast<int>(length_size_));
             bytes_ = bytes_.subspan(length_size_);
+            is_cut_ |= declared > bytes_.size();
             unit = bytes_.first(std::min(declared, bytes_.size()));
             bytes_ = bytes_.subspan(unit.size());
             if (takes_empty_ || !unit.empty()) return true;
@@ -45,9 +46,13 @@ class NalUnits {
         return rest.next(unit);
     }
 
+    // Whether one so far claimed more than there is.
+    bool is_cut() const { return is_cut_; }
+
   private:
     std::span<const uint8_t> bytes_;
     size_t length_size_;
+    bool is_cut_ = false;
     bool takes_empty_;
 };
 

@@ -45,6 +45,18 @@ Bytes sample_data(uint32_t track, size_t number, size_t size) {
     return data;
 }
 
+// A NAL unit with its length; of a sample too short for both, zeros.
+Bytes picture_data(size_t number, size_t size) {
+    constexpr uint8_t kEnhancementInformation = 6;  // SEI, which holds any bytes
+    Bytes data = sample_data(1, number, size);
+    std::fill_n(data.begin(), std::min<size_t>(size, 4), uint8_t{0});
+    if (size > 4) {
+        data[3] = static_cast<uint8_t>(size - 4);
+        data[4] = kEnhancementInformation;
+    }
+    return data;
+}
+
 Bytes plain_box(const std::string& type, std::initializer_list<Bytes> parts) {
     return ::box(type, parts);
 }
@@ -144,7 +156,8 @@ class MovieMaker {
         const bool offsets = handler == "vide" && forms_[kComposition] != 0;
         for (size_t i = 0; i < count * forms_.length; ++i) {
             ClipSample sample;
-            sample.data = sample_data(id, i, uniform() ? 7 : 1 + (5 * i + id) % 15);
+            const size_t size = uniform() ? 7 : 1 + (5 * i + id) % 15;
+            sample.data = handler == "vide" ? picture_data(i, size) : sample_data(id, i, size);
             sample.duration = timescale / 16 + (uniform() ? 0 : static_cast<uint32_t>(i % 3));
             if (offsets) sample.composition_offset = static_cast<int32_t>(i % 3) * 100;
             if (offsets && has(kComposition, 2)) sample.composition_offset -= 100;
@@ -534,17 +547,47 @@ class MovieMaker {
         }
     }
 
+    // mfra of all fragments.
+    Bytes random_access(const std::vector<FragmentPlan>& plan,
+                        const std::vector<uint64_t>& offsets) const {
+        Bytes tables;
+        for (size_t index = 0; index < tracks_.size(); ++index) {
+            const ClipTrack& track = tracks_[index];
+            Bytes rows;
+            uint32_t count = 0;
+            for (size_t i = 0; i < plan.size(); ++i) {
+                const Part part = part_of(track, plan[i].number);
+                const auto& in_fragment = plan[i].tracks;
+                const bool is_there = std::count(in_fragment.begin(), in_fragment.end(), index) > 0;
+                if (!is_there || part.begin == part.end) continue;
+                add(rows, words({static_cast<uint32_t>(duration(track, {0, part.begin})),
+                                 static_cast<uint32_t>(offsets[i])}));
+                add(rows, {1, 1, 1});  // traf, trun and sample
+                ++count;
+            }
+            add(tables, box("tfra", {words({0, track.id, 0, count}), rows}));
+        }
+        return box("mfra", {tables, box("mfro", {words({0, 16})})});
+    }
+
     Bytes fragments(uint64_t at) const {
         const std::vector<FragmentPlan> plan = plan_fragments();
         const size_t index_size = has(kIndex, 1) ? segment_index(0).size() : 0;
         Bytes all;
+        std::vector<uint64_t> offsets;
+        uint64_t lost = 0;  // bytes
         for (size_t i = 0; i < plan.size(); ++i) {
             const bool last = i + 1 == plan.size() && !has(kIndex, 2);
-            add(all, fragment(plan[i], static_cast<uint32_t>(i + 1), at + index_size + all.size(),
-                              last));
+            const uint64_t begin = at + index_size + all.size();
+            const Bytes made = fragment(plan[i], static_cast<uint32_t>(i + 1), begin, last);
+            offsets.push_back(begin + lost);
+            if (forms_.lost_fragment == i) {
+                lost = made.size();
+            } else {
+                add(all, made);
+            }
         }
-        const Bytes access =
-            has(kIndex, 2) ? box("mfra", {box("mfro", {words({0, 16})})}) : Bytes{};
+        const Bytes access = has(kIndex, 2) ? random_access(plan, offsets) : Bytes{};
         return join({has(kIndex, 1) ? segment_index(all.size()) : Bytes{}, all, access});
     }
 

@@ -46,8 +46,9 @@ struct MovieForms {
     std::optional<uint32_t> run_flags = {};  // of trun, for all runs
     std::function<uint64_t(size_t track, uint64_t time)> fragment_time = {};  // of tfdt
     std::function<uint32_t(uint32_t number)> fragment_number = {};            // of mfhd
-    bool media_elsewhere = false;                                             // by dref
-    size_t length = 1;  // of the clip, as a multiple
+    std::optional<size_t> lost_fragment = {};  // from 0, not written; indexes name it
+    bool media_elsewhere = false;              // by dref
+    size_t length = 1;                         // of the clip, as a multiple
 };
 
 struct ClipSample {

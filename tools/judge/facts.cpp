@@ -11,18 +11,37 @@ namespace {
 
 static_assert(std::has_unique_object_representations_v<ImportedTrack>);
 
-// In a separate process, because the tables may need much time and memory.
-std::vector<ImportedTrack> import_apart(KST_IOSTREAM_CALLBACK_INTERFACE& stream,
-                                        const ChildLimits& limits) {
-    const ChildResult result = run_apart(limits, [&] {
-        const std::vector<ImportedTrack> tracks = import_tracks(stream);
-        return std::string(reinterpret_cast<const char*>(tracks.data()),
-                           tracks.size() * sizeof(ImportedTrack));
-    });
-    std::vector<ImportedTrack> tracks(result.report.size() / sizeof(ImportedTrack));
-    if (!tracks.empty())
-        std::memcpy(tracks.data(), result.report.data(), tracks.size() * sizeof(ImportedTrack));
-    return tracks;
+// What a process passes on ahead of the tracks and the text.
+struct ImportedHead {
+    uint64_t tracks, duration, timescale;
+};
+
+std::string bytes_of(const ImportedMovie& movie) {
+    const ImportedHead head{movie.tracks.size(), movie.duration, movie.timescale};
+    std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
+    bytes.append(reinterpret_cast<const char*>(movie.tracks.data()),
+                 movie.tracks.size() * sizeof(ImportedTrack));
+    return bytes + movie.missing;
+}
+
+ImportedMovie movie_of(const std::string& bytes) {
+    ImportedMovie movie;
+    ImportedHead head{};
+    if (bytes.size() < sizeof head) return movie;
+    std::memcpy(&head, bytes.data(), sizeof head);
+    const size_t size = static_cast<size_t>(head.tracks) * sizeof(ImportedTrack);
+    if (bytes.size() - sizeof head < size) return movie;
+    movie.tracks.resize(static_cast<size_t>(head.tracks));
+    if (size > 0) std::memcpy(movie.tracks.data(), bytes.data() + sizeof head, size);
+    movie.duration = head.duration;
+    movie.timescale = static_cast<uint32_t>(head.timescale);
+    movie.missing = bytes.substr(sizeof head + size);
+    return movie;
+}
+
+// In a process of its own, as the tables may take time and memory.
+ImportedMovie import_apart(KST_IOSTREAM_CALLBACK_INTERFACE& stream, const ChildLimits& limits) {
+    return movie_of(run_apart(limits, [&] { return bytes_of(import_tracks(stream)); }).report);
 }
 
 }  // namespace

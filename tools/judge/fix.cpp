@@ -10,13 +10,14 @@
 namespace tool {
 namespace {
 
-constexpr uint32_t kMaxBytes = 128 << 20;  // of a file
-constexpr uint64_t kMaxSamples = 1 << 20;  // of all its tracks
+constexpr uint64_t kMaxSamples = 1 << 22;  // of all tracks of a file
 
-bool is_cut(const FileFacts& facts) {
-    if (facts.scan.movie_is_cut) return false;  // the importer finds nothing then
-    const auto& boxes = facts.scan.boxes;
-    return std::any_of(boxes.begin(), boxes.end(), [](const TopBox& box) { return box.cut; });
+// A copy takes at most this part of the room for temporary files.
+constexpr uint64_t kShareOfSpace = 4;
+
+bool lacks_something(const FileFacts& facts) {
+    if (facts.scan.movie_is_cut) return false;  // nothing whole is found then
+    return facts.scan.cut_box.has_value() || !facts.imported.missing.empty();
 }
 
 }  // namespace
@@ -32,16 +33,18 @@ FixFinder::FixFinder(const FileFacts& facts, const ChildLimits& limits)
     };
     add("", 0);
     add(" --drop-others", KST_HINT_DROP_OTHERS);
-    if (is_cut(facts)) add(" --salvage", KST_HINT_SALVAGE);
+    if (lacks_something(facts)) add(" --salvage", KST_HINT_SALVAGE);
 }
 
 bool FixFinder::is_worth_a_try() const {
-    uint64_t samples = 0;
+    uint64_t samples = 0, imported = 0;
     for (const iso_track* track = facts_.file->first_track; track != nullptr; track = track->next)
         samples += static_cast<uint32_t>(std::max(track->sample_count, 0));
-    for (const ImportedTrack& track : facts_.imported)
-        samples += track.samples;
-    return facts_.scan.file_size <= kMaxBytes && samples > 0 && samples <= kMaxSamples;
+    for (const ImportedTrack& track : facts_.imported.tracks)
+        imported += track.samples;
+    samples = std::max(samples, imported);
+    return samples > 0 && samples <= kMaxSamples &&
+           facts_.scan.file_size <= temporary_space() / kShareOfSpace;
 }
 
 std::string FixFinder::find(Api api, MediaKind kind, const IsFixed& is_fixed) {

@@ -15,8 +15,8 @@
 
 namespace tool {
 
-// Runs each command at most once per file, into a temporary file without a name, and plays the
-// result. Does not try large files and files with very many samples.
+// Runs each command at most once for a file, into a temporary file without a name, and plays what
+// it made. Files for whose copy there is little room, or with very many samples, are not tried.
 class FixFinder {
   public:
     // The facts must outlive the finder.

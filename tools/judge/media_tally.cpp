@@ -2,72 +2,13 @@
 #include "tools/judge/media_tally.h"
 
 #include <algorithm>
-#include <optional>
 
+#include "companion/stream/plausible.h"
 #include "native/codec/amr_format.h"
-#include "native/codec/nal_unit.h"
 
 namespace tool {
 
 using kestrel::stream::Medium;
-
-namespace {
-
-// The first bytes of a picture.
-constexpr size_t kCodeBytes = 3;
-
-bool is_picture_start(std::span<const uint8_t> bytes) {
-    return bytes[0] == 0 && bytes[1] == 0 && (bytes[2] & 0xFC) == 0x80;
-}
-
-bool is_start_code(std::span<const uint8_t> bytes) {
-    return bytes[0] == 0 && bytes[1] == 0 && bytes[2] == 1;
-}
-
-// Reads an unsigned Exp-Golomb code of `bytes` at bit `at`, and moves after it. Returns nothing
-// when it does not end there.
-std::optional<uint32_t> exp_golomb(std::span<const uint8_t> bytes, size_t& at) {
-    const auto bit = [&](size_t i) { return bytes[i / 8] >> (7 - i % 8) & 1u; };
-    const size_t end = bytes.size() * 8;
-    size_t zeros = 0;
-    while (at + zeros < end && bit(at + zeros) == 0)
-        ++zeros;
-    if (zeros > 31 || at + 2 * zeros + 1 > end) return std::nullopt;
-    uint32_t value = 0;
-    for (size_t i = 0; i <= zeros; ++i)
-        value = value << 1 | bit(at + zeros + i);
-    at += 2 * zeros + 1;
-    return value - 1;
-}
-
-// The first bytes of a NAL unit, its header included.
-bool is_nal_unit(std::span<const uint8_t> unit) {
-    enum Type : uint8_t {
-        kSlice = 1,
-        kIdrSlice = 5,
-        kSei,
-        kSps,
-        kPps,
-        kDelimiter,
-        kLastKnown = 21
-    };
-    constexpr uint32_t kMaxSliceType = 9, kMaxPps = 255;
-    const uint8_t type = unit[0] & 0x1F;
-    const bool is_reference = (unit[0] & 0x60) != 0;
-    if ((unit[0] & 0x80) != 0 || type == 0 || type > kLastKnown) return false;
-    if ((type == kIdrSlice || type == kSps || type == kPps) && !is_reference) return false;
-    if ((type == kSei || type == kDelimiter) && is_reference) return false;
-    if (type != kSlice && type != kIdrSlice) return true;
-    size_t at = 8;
-    const auto first_macroblock = exp_golomb(unit, at);
-    const auto slice_type = exp_golomb(unit, at);
-    const auto pps = exp_golomb(unit, at);
-    // A field that exceeds the available bytes may have any value.
-    return (!first_macroblock || !slice_type || *slice_type <= kMaxSliceType) &&
-           (!pps || *pps <= kMaxPps);
-}
-
-}  // namespace
 
 void MediaTally::take(std::span<const uint8_t> stream) {
     if (lost_) return;
@@ -108,8 +49,9 @@ void MediaTally::take_picture(std::span<const uint8_t> bytes) {
 void MediaTally::end_unit() {
     constexpr uint32_t kLengthField = 4;  // of a unit in a sample
     if (got_ == 0) return;
-    plausible_ = plausible_ && is_nal_unit(std::span(first_).first(got_));
+    plausible_ = plausible_ && kestrel::stream::is_nal_unit(std::span(first_).first(got_));
     counts_.bytes += kLengthField;
+    ++counts_.units;
     got_ = 0;
 }
 
@@ -117,8 +59,10 @@ void MediaTally::end_frame() {
     if (depacketiser_ != nullptr) depacketiser_->finish();
     if (medium_ == Medium::kH264) {
         end_unit();
-    } else if (!is_speech(medium_) && got_ >= kCodeBytes) {
-        plausible_ = medium_ == Medium::kMpeg4 ? is_start_code(first_) : is_picture_start(first_);
+    } else if (!is_speech(medium_)) {
+        const auto first = std::span(first_).first(got_);
+        plausible_ = medium_ == Medium::kMpeg4 ? kestrel::stream::is_mpeg4_picture(first)
+                                               : kestrel::stream::is_h263_picture(first);
     }
     if (!plausible_) count_implausible();
 }

@@ -17,19 +17,16 @@ namespace tool {
 struct MediaCounts {
     uint64_t frames = 0;  // of the native stream: pictures, or speech of one frame or sample
     uint64_t bytes = 0;   // of media: pictures without packet headers, speech frames as stored
+    uint64_t units = 0;   // of H.264; each counts 4 bytes more in `bytes`, as its length takes
     uint64_t empty_frames = 0;  // of speech: without speech or comfort noise, a byte each
     // Frames whose bytes their codec cannot write, and the number of the first one, from 1.
     uint64_t implausible = 0;
     uint64_t first_implausible = 0;
 };
 
-// Takes a native stream in pieces. Holds one frame. A frame is plausible when
-//   AMR      its frame types are of the codec, and a payload ends with its last frame
-//   H.263    it begins with a picture start code (ITU-T H.263, 5.1.1)
-//   MPEG-4   it begins with a start code prefix (ISO/IEC 14496-2, 6.2.1)
-//   H.264    its NAL unit headers, and the slice headers' first fields, have values that exist
-//            (ITU-T H.264, 7.3.1 and 7.4.3)
-// and always when it is empty.
+// Takes a native stream in pieces. Holds one frame. A frame of speech is plausible when its frame
+// types are of the codec and a payload ends with its last frame, a picture as
+// companion/stream/plausible.h has it; one that is empty always.
 class MediaTally final : private kestrel::stream::RecordSink {
   public:
     MediaTally() : walk_(*this) {}

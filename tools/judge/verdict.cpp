@@ -5,6 +5,7 @@
 #include <span>
 
 #include "native/codec/amr_format.h"
+#include "native/codec/h264_units.h"
 #include "tools/report/markup.h"
 
 namespace tool {
@@ -55,13 +56,42 @@ bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
            counts.bytes - counts.empty_frames >= speech_of(subject.track).filled_bytes;
 }
 
-// Counts pictures, not bytes: packets omit bytes that a decoder does not need.
+// Bytes of the samples of H.264 that packets leave out: the lengths of empty units, and what is
+// left after the last one.
+uint64_t empty_unit_bytes(const iso_track* track) {
+    std::vector<uint8_t> sample;
+    uint64_t bytes = 0;
+    for (int32_t number = 0; number < track->sample_count; ++number) {
+        sample.resize(std::min<uint32_t>(sample_size_of(track, static_cast<uint32_t>(number)),
+                                         KST_MAX_CHUNK));
+        const int got = isoFFreadAt(const_cast<iso_track*>(track), number, 0, sample.data(),
+                                    static_cast<unsigned>(sample.size()), nullptr, nullptr);
+        const auto rest = std::span(sample).first(static_cast<size_t>(std::max(got, 0)));
+        uint64_t filled = 0;
+        kestrel::NalUnits units(rest, track->nal_length_size);
+        for (kestrel::NalUnit unit; units.next(unit);)
+            filled += unit.size() + track->nal_length_size;
+        bytes += rest.size() - std::min<uint64_t>(filled, rest.size());
+    }
+    return bytes;
+}
+
+bool is_all_h264(const Subject& subject, const MediaCounts& counts) {
+    constexpr uint64_t kCountedLength = 4;
+    const uint64_t length = subject.track != nullptr && subject.track->nal_length_size != 0
+                                ? subject.track->nal_length_size
+                                : kCountedLength;
+    const uint64_t bytes = counts.bytes - (kCountedLength - length) * counts.units;
+    return bytes >= subject.expected.bytes ||
+           (subject.track != nullptr && subject.expected.in_fragments == 0 &&
+            bytes + empty_unit_bytes(subject.track) >= subject.expected.bytes);
+}
+
 bool is_all(const Subject& subject, const MediaCounts& counts) {
-    constexpr double kEnough = 0.9;
     if (subject.kind == MediaKind::kAudio) return is_all_speech(subject, counts);
-    return counts.frames >= subject.expected.pictures &&
-           static_cast<double>(counts.bytes) >=
-               kEnough * static_cast<double>(subject.expected.bytes);
+    if (counts.frames < subject.expected.pictures) return false;
+    return subject.codec() == ISO_CODEC_AVC1 ? is_all_h264(subject, counts)
+                                             : counts.bytes >= subject.expected.bytes;
 }
 
 // Speech that seems valid but is not: the function API fills a short frame with zeros, and frame
@@ -105,7 +135,9 @@ Reason reason_of_failure(const Subject& subject, const Trial& trial) {
 }
 
 Reason reason_of_end(const Subject& subject, const TrialResult& result) {
-    if (plays(subject, result)) return Reason::kPlays;
+    if (plays(subject, result)) {
+        return unread_table(subject).empty() ? Reason::kPlays : Reason::kUnknownTable;
+    }
     const MediaCounts& counts = result.trial.counts;
     const iso_file* file = subject.facts.file.get();
     if (subject.api == Api::kClass && subject.track != nullptr &&
@@ -236,11 +268,17 @@ std::string quoted(const std::string& text) {
     return out + "'";
 }
 
+std::string where_to_find_a_fix(const Verdict& verdict, const std::string& input) {
+    return may_have_fix(verdict.reason) && input != "-" ? "; 'kestrel info' looks for a fix" : "";
+}
+
 }  // namespace
 
 const char* Verdict::outcome() const {
     if (plays()) return "plays";
     if (reason == Reason::kImplausible) return "gives no media";
+    if (reason == Reason::kUnknownTable && frames > 0 && status == KST_SUCCESS && amount.empty())
+        return "plays at wrong times";
     if (!amount.empty()) return "plays in part";
     if (frames > 0) return "stops before its end";
     return opens && status == KST_SUCCESS ? "gives no frame" : "does not play";
@@ -281,7 +319,8 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     verdict.delivered = trial.delivered;
     verdict.frames = trial.counts.frames;
     verdict.track_id = subject.track_id();
-    if (result.reached_end() && !verdict.plays()) verdict.amount = amount(subject, trial.counts);
+    if (result.reached_end() && !tool::plays(subject, result))
+        verdict.amount = amount(subject, trial.counts);
     if (may_have_fix(verdict.reason)) {
         verdict.fix = fixes_.find(api, kind, [&](const TrialResult& fixed, bool is_salvage) {
             return is_salvage ? fixed.reached_end() && fixed.trial.counts.implausible == 0
@@ -334,8 +373,7 @@ Error open_error(kst_host* host, const std::string& input, Api api, MediaKind ki
     verdict.reason = subject.has_track() ? reason_of(subject, result) : Reason::kDamaged;
     std::string sentence = why(subject, verdict, result);
     sentence.pop_back();  // its full stop
-    if (may_have_fix(verdict.reason) && input != "-")
-        sentence += "; 'kestrel info' looks for a fix";
+    sentence += where_to_find_a_fix(verdict, input);
     return file_error(input, sentence + " (" + status_words(status) + ")");
 }
 
@@ -360,13 +398,14 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
     verdict.opens = true;
     verdict.delivered = playback.delivered;
     verdict.frames = playback.counts.frames;
-    if (result.reached_end()) verdict.amount = amount(subject, playback.counts);
+    if (result.reached_end() && !tool::plays(subject, result))
+        verdict.amount = amount(subject, playback.counts);
     std::string sentence = why(subject, verdict, result);
     sentence.pop_back();  // its full stop
     if (!verdict.amount.empty() && sentence.find(verdict.amount) == std::string::npos)
         sentence += "; " + verdict.amount + " came";
     if (!ended) sentence += " (" + status_words(playback.status) + ")";
-    return file_error(input, sentence);
+    return file_error(input, sentence + where_to_find_a_fix(verdict, input));
 }
 
 }  // namespace tool

@@ -84,8 +84,7 @@ class Page {
         for (const Verdict& verdict : data.verdicts) {
             if (has_medium(data.facts, verdict.kind)) present_.push_back(&verdict);
         }
-        const bool cut = std::any_of(data.facts.scan.boxes.begin(), data.facts.scan.boxes.end(),
-                                     [](const TopBox& box) { return box.cut; });
+        const bool cut = data.facts.scan.cut_box.has_value();
         const bool outside =
             std::any_of(data.tracks.begin(), data.tracks.end(),
                         [](const TrackFigures& track) { return track.outside.chunks > 0; });

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+// Whether bytes can be what their codec writes. Bytes of a wrong place hardly are.
+#ifndef KESTREL_COMPANION_STREAM_PLAUSIBLE_H
+#define KESTREL_COMPANION_STREAM_PLAUSIBLE_H
+
+#include <cstdint>
+#include <span>
+
+namespace kestrel::stream {
+
+// Each takes the first bytes of a picture; fewer than three may be any.
+
+// A picture start code (ITU-T H.263, 5.1.1).
+bool is_h263_picture(std::span<const uint8_t> bytes);
+// A start code prefix (ISO/IEC 14496-2, 6.2.1), or the start of a picture with a short header.
+bool is_mpeg4_picture(std::span<const uint8_t> bytes);
+
+// The first bytes of a NAL unit that is not empty: whether its header and the first fields of a
+// slice header have values that exist (ITU-T H.264, 7.3.1 and 7.4.3).
+bool is_nal_unit(std::span<const uint8_t> unit);
+
+}  // namespace kestrel::stream
+
+#endif
