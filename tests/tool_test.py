@@ -195,6 +195,8 @@ REFUSED = [
     ("send x", 2, "--to is missing; usage: kestrel send FILE --to HOST:PORT"),
     ("report x", 2, "--output"), ("check", 2, "FILE"), ("pack -o out", 2, "a STREAM"),
     ("extract x ar y", 2, "not expected: 'y'"),
+    ("info x" + 6000 * " a_file_name.3gp", 2, "not expected: 'a_file_name.3gp "),
+    ("hint x --mtu " + 60000 * "9", 2, "--mtu"),
     ("extract x ar -o", 2, "-o needs OUT after it"),
     ("extract x ar -o -y", 2, "begins with a dash is given as ./-y"),
     ("extract x ar --from -1", 2, "--from needs MS after it, not '-1'"),
@@ -850,6 +852,16 @@ class Send(ToolTest):
                     self.assertEqual(got, [(*row[:2], row[2] % 2**32, row[3]) for row in expected])
                     self.assert_control_packets(control, packets)
         self.assertEqual(len({s[0] for s in starts}), len(starts))
+
+    def test_samples_without_duration_are_sent(self):
+        data = bytearray(pathlib.Path(sample("amrnb_hinted")).read_bytes())
+        first_delta = data.rindex(b"stts") + 16  # of the hint track
+        self.assertEqual(data[first_delta - 8:first_delta - 4], bytes([0, 0, 0, 1]))
+        data[first_delta:first_delta + 4] = bytes(4)
+        path = self.scratch / "no_durations.3gp"
+        path.write_bytes(data)
+        [(packets, _)] = self.receive(path, 1)
+        self.assertEqual(len(packets), len(true_packets("amrnb_hinted")))
 
     @unittest.skipUnless(shutil.which("ffmpeg"), "ffmpeg is not installed")
     def test_an_independent_receiver_decodes_every_frame(self):

@@ -43,12 +43,14 @@ class ShownBox {
           type_(type_of(*place.box)),
           offset_(place.offset),
           size_(place.size),
+          opens_(has_fragment_boxes(type_)),
           box_(place.box) {}
-    ShownBox(KST_IOSTREAM_CALLBACK_INTERFACE* stream, const FragmentBox& fragment)
+    ShownBox(KST_IOSTREAM_CALLBACK_INTERFACE* stream, const FragmentBox& fragment, bool opens)
         : stream_(stream),
           type_(fragment.type),
           offset_(static_cast<int64_t>(fragment.offset)),
           size_(fragment.size),
+          opens_(opens),
           fragment_(&fragment) {}
 
     const std::string& type() const { return type_; }
@@ -63,24 +65,23 @@ class ShownBox {
 
     template <typename Visit>
     void visit_children(Visit visit) const {
-        if (fragment_ != nullptr) return visit_all(fragment_->children, visit);
-        Qvox3gp::visit_children(*box_,
-                                [&](const ChildPlace& place) { visit(ShownBox(stream_, place)); });
-        if (!has_fragment_boxes(type_) || offset_ < 0) return;
-        visit_all(read_fragment_boxes(stream_, static_cast<uint64_t>(offset_), size_), visit);
+        if (box_ != nullptr) {
+            Qvox3gp::visit_children(
+                *box_, [&](const ChildPlace& place) { visit(ShownBox(stream_, place)); });
+        }
+        if (!opens_ || offset_ < 0) return;
+        visit_fragment_boxes(
+            stream_, static_cast<uint64_t>(offset_), size_, [&](const FragmentBox& child) {
+                visit(ShownBox(stream_, child, child.is_track_fragment() && !fragment_));
+            });
     }
 
   private:
-    template <typename Visit>
-    void visit_all(const std::vector<FragmentBox>& fragments, Visit visit) const {
-        for (const FragmentBox& fragment : fragments)
-            visit(ShownBox(stream_, fragment));
-    }
-
     KST_IOSTREAM_CALLBACK_INTERFACE* stream_;
     std::string type_;
     int64_t offset_;
     uint32_t size_;
+    bool opens_;  // its contents are fragment boxes
     const Box* box_ = nullptr;
     const FragmentBox* fragment_ = nullptr;
 };

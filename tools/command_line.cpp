@@ -176,7 +176,10 @@ std::string in_plain_words(const CLI::App& app, const CLI::ParseError& wrong) {
         {std::regex("(.*) excludes (.*)"), "$1 and $2 exclude each other"},
         {std::regex("The following arguments? w\\w+ not expected: (.*)"), "not expected: '$1'"},
     };
+    // std::regex takes stack in proportion to the text.
+    constexpr size_t kMaxText = 1000;
     std::string text = wrong.what();
+    if (text.size() > kMaxText) text = text.substr(0, kMaxText) + "...";
     for (const auto& [form, words] : kForms) {
         if (!std::regex_match(text, form)) continue;
         const std::string plain = std::regex_replace(text, form, words);

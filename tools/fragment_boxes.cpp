@@ -110,41 +110,29 @@ void read_fields(KST_IOSTREAM_CALLBACK_INTERFACE* stream, FragmentBox& box) {
     kind->read(reader);
 }
 
-// Returns the boxes of one level, and those of track fragments, which do not nest.
-std::vector<FragmentBox> read_level(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset,
-                                    uint64_t size, bool opens_tracks) {
-    std::vector<FragmentBox> boxes;
-    const uint64_t end = offset + size;
-    for (uint64_t at = offset + kBoxHeader; at + kBoxHeader <= end;) {
-        std::array<uint8_t, kBoxHeader> raw{};
-        if (read_bytes(stream, at, raw) < raw.size()) break;
-        FragmentBox box;
-        const kestrel::BoxHeader header = kestrel::load_box_header(raw.data());
-        box.size = header.size;
-        if (box.size < kBoxHeader || box.size > end - at) break;
-        const auto type = kestrel::code_text(header.type);
-        box.type.assign(type.data(), type.size());
-        box.offset = at;
-        if (box.type == "traf" && opens_tracks) {
-            box.children = read_level(stream, at, box.size, false);
-        } else {
-            read_fields(stream, box);
-        }
-        at += box.size;
-        boxes.push_back(std::move(box));
-    }
-    return boxes;
-}
-
 }  // namespace
 
 bool has_fragment_boxes(std::string_view type) {
     return type == "moof" || type == "mvex";
 }
 
-std::vector<FragmentBox> read_fragment_boxes(KST_IOSTREAM_CALLBACK_INTERFACE* stream,
-                                             uint64_t offset, uint64_t size) {
-    return read_level(stream, offset, size, true);
+void visit_fragment_boxes(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset, uint64_t size,
+                          const std::function<void(const FragmentBox&)>& visit) {
+    const uint64_t end = offset + size;
+    for (uint64_t at = offset + kBoxHeader; at + kBoxHeader <= end;) {
+        std::array<uint8_t, kBoxHeader> raw{};
+        if (read_bytes(stream, at, raw) < raw.size()) break;
+        const kestrel::BoxHeader header = kestrel::load_box_header(raw.data());
+        if (header.size < kBoxHeader || header.size > end - at) break;
+        FragmentBox box;
+        box.size = header.size;
+        box.offset = at;
+        const auto type = kestrel::code_text(header.type);
+        box.type.assign(type.data(), type.size());
+        read_fields(stream, box);
+        visit(box);
+        at += box.size;
+    }
 }
 
 }  // namespace tool

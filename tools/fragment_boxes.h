@@ -4,6 +4,7 @@
 #define KESTREL_TOOLS_FRAGMENT_BOXES_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,15 +23,16 @@ struct FragmentBox {
     uint64_t offset = 0;
     uint32_t size = 0;
     std::vector<Field> fields;
-    std::vector<FragmentBox> children;
+
+    bool is_track_fragment() const { return type == "traf"; }
 };
 
-// Whether read_fragment_boxes() reads boxes of the type: `moof` and `mvex`.
+// Whether boxes of the type contain fragment boxes: `moof` and `mvex`.
 bool has_fragment_boxes(std::string_view type);
 
-// Returns the whole boxes in the box of `size` bytes at `offset`.
-std::vector<FragmentBox> read_fragment_boxes(KST_IOSTREAM_CALLBACK_INTERFACE* stream,
-                                             uint64_t offset, uint64_t size);
+// Calls `visit` with each whole box in the box of `size` bytes at `offset`. Holds one at a time.
+void visit_fragment_boxes(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset, uint64_t size,
+                          const std::function<void(const FragmentBox&)>& visit);
 
 }  // namespace tool
 

@@ -40,12 +40,11 @@ void SampleTimes::advance_to(int32_t sample) {
 void SampleTimes::advance_to_time(double seconds) {
     constexpr double kLast = 9e18;  // units; a track has fewer
     const auto wanted = static_cast<int64_t>(std::clamp(seconds * scale() + 1e-6, -kLast, kLast));
-    while (sample_ + 1 < track_->sample_count && skip_finished_entries()) {
+    while (units_ < wanted && sample_ + 1 < track_->sample_count && skip_finished_entries()) {
         const iso_stts_entry& entry = track_->stts[entry_];
         const int64_t most = std::min<int64_t>(entry.count - static_cast<uint32_t>(in_entry_),
                                                track_->sample_count - 1 - sample_);
-        const int64_t fit =
-            entry.delta == 0 ? most : std::max<int64_t>(wanted - units_, 0) / entry.delta;
+        const int64_t fit = entry.delta == 0 ? most : (wanted - units_) / entry.delta;
         step(static_cast<int32_t>(std::min(fit, most)));
         if (fit < most) return;
     }

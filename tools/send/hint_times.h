@@ -16,7 +16,8 @@ class SampleTimes {
 
     // Moves forward to a sample (from 0).
     void advance_to(int32_t sample);
-    // Moves to the last sample that begins at or before a time; does not move for none.
+    // Moves to the sample of a time: the last that begins at or before it, and of several that
+    // begin exactly then the first. Does not move for none.
     void advance_to_time(double seconds);
 
     int32_t sample() const { return sample_; }
