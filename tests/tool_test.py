@@ -162,6 +162,17 @@ class Tracks(ToolTest):
                          {track["bytes"] + len(b"#!AMR\n") for track in tracks})
         self.assertEqual(len(media), 2)
 
+    def test_no_other_track_is_played_in_place_of_the_chosen_one(self):
+        data = pathlib.Path(sample("amrnb_plain_mdat_first")).read_bytes()
+        movie, track = data.index(b"moov") - 4, data.index(b"trak") - 4
+        track_id = track + 28  # in the version-0 tkhd that begins a trak
+        tracks = [data[track:track_id] + struct.pack(">I", i) + data[track_id + 4:]
+                  for i in range(1, 71)]
+        body = data[movie + 4:track] + b"".join(tracks)
+        path = self.scratch / "many.3gp"
+        path.write_bytes(data[:movie] + struct.pack(">I", len(body) + 4) + body)
+        self.assertIn(b"too many tracks", run("extract", path, "ar", "--track", "1").stderr)
+
     def test_seeking_reports_where_it_begins(self):
         whole = self.extract("h263_hinted", "vr", "--api", "class")
         begins = [int.from_bytes(whole[8:12], "little")]

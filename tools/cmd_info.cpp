@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <optional>
 #include <sstream>
+#include <unordered_map>
 
 #include "companion/probe/track_info.h"
 #include "interface/src/isoff/record/private.h"
@@ -88,11 +89,12 @@ Json describe_track(const FileFacts& facts, iso_track* track) {
 
 // What the library's reader does not have of a file in an odd form.
 void add_imported(const FileFacts& facts, Json& tracks) {
+    std::unordered_map<uint32_t, size_t> places;
+    for (size_t i = 0; i < tracks.size(); ++i)
+        places.emplace(tracks[i]["track_id"].get<uint32_t>(), i);
     for (const ImportedTrack& track : facts.imported.tracks) {
-        const auto known = std::find_if(tracks.begin(), tracks.end(), [&](const Json& one) {
-            return one["track_id"] == track.id;
-        });
-        if (known == tracks.end()) {
+        const auto [known, is_new] = places.emplace(track.id, tracks.size());
+        if (is_new) {
             const auto timescale = static_cast<uint32_t>(track.timescale);
             tracks.push_back({{"track_id", track.id},
                               {"codec", printable(code_text(track.entry))},
@@ -101,10 +103,12 @@ void add_imported(const FileFacts& facts, Json& tracks) {
                               {"duration", track.duration},
                               {"duration_seconds", seconds_of(track.duration, timescale)},
                               {"samples_not_read", track.samples}});
-        } else if (const auto read = (*known)["sample_count"].get<uint64_t>();
-                   read < track.samples) {
-            (*known)["samples_not_read"] = track.samples - read;
+            continue;
         }
+        Json& same = tracks[known->second];
+        const uint64_t read = same.value("sample_count", uint64_t{0});
+        if (same.contains("sample_count") && read < track.samples)
+            same["samples_not_read"] = track.samples - read;
     }
 }
 

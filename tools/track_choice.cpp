@@ -22,6 +22,10 @@ bool is_medium(const FileFacts& facts, uint32_t id, MediaKind kind) {
         [&](const ImportedTrack& track) { return track.id == id && track.is_of(kind); });
 }
 
+bool is_of_any(const iso_track* track) {
+    return is_of(track, MediaKind::kAudio) || is_of(track, MediaKind::kVideo);
+}
+
 }  // namespace
 
 TrackChoice::TrackChoice(const std::string& path, uint32_t track_id, MediaKind kind)
@@ -43,6 +47,13 @@ void TrackChoice::find_others(const std::string& path, uint32_t track_id, MediaK
                                      is_medium(facts, track.id, MediaKind::kVideo));
         if (is_other) hidden_.push_back(track.offset + kTypeAt);
     }
+    // The scan of boxes stops early in a file of very many, where the reader would play another
+    // track.
+    size_t others = 0;
+    for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next)
+        others += is_of_any(track) && facts.id_of(track) != track_id ? 1 : 0;
+    if (others > hidden_.size())
+        throw file_error(path, "has too many tracks or boxes to play a track by its ID");
     std::sort(hidden_.begin(), hidden_.end());
     kst_host_rewind(host_.get());
 }

@@ -65,6 +65,29 @@ bool has_odd_form(const FileScan& scan) {
                               std::any_of(scan.tracks.begin(), scan.tracks.end(), is_odd));
 }
 
+// Which of the imported tracks each track of the reader is. Both have them in the file's order;
+// where one of them lacks some, tracks with the same ID are the same.
+std::unordered_map<const iso_track*, size_t> number_tracks(
+    const iso_file* file, const std::vector<ImportedTrack>& imported) {
+    std::vector<const iso_track*> tracks;
+    for (const iso_track* track = file->first_track; track != nullptr; track = track->next)
+        tracks.push_back(track);
+    std::unordered_map<const iso_track*, size_t> numbers;
+    if (tracks.size() == imported.size()) {
+        for (size_t i = 0; i < tracks.size(); ++i)
+            numbers.emplace(tracks[i], i);
+        return numbers;
+    }
+    std::unordered_map<uint32_t, size_t> by_id;
+    for (size_t i = 0; i < imported.size(); ++i)
+        by_id.emplace(imported[i].id, i);
+    for (const iso_track* track : tracks) {
+        const auto same = by_id.find(track->track_id);
+        if (same != by_id.end()) numbers.emplace(track, same->second);
+    }
+    return numbers;
+}
+
 }  // namespace
 
 ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
@@ -81,18 +104,9 @@ ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
     return out;
 }
 
-// The reader and the importer have tracks in the file's order; where the reader misses some, the ID
-// tells them.
 const ImportedTrack* FileFacts::imported_track(const iso_track* track) const {
-    size_t number = 0, count = 0;
-    for (const iso_track* one = file->first_track; one != nullptr; one = one->next, ++count) {
-        if (one == track) number = count;
-    }
-    if (count == imported.tracks.size()) return &imported.tracks[number];
-    const auto found =
-        std::find_if(imported.tracks.begin(), imported.tracks.end(),
-                     [&](const ImportedTrack& one) { return one.id == track->track_id; });
-    return found == imported.tracks.end() ? nullptr : &*found;
+    const auto found = import_numbers.find(track);
+    return found == import_numbers.end() ? nullptr : &imported.tracks[found->second];
 }
 
 uint32_t FileFacts::id_of(const iso_track* track) const {
@@ -106,7 +120,9 @@ FileFacts gather_facts(KST_IOSTREAM_CALLBACK_INTERFACE* stream, IsoFile file,
     facts.stream = stream;
     facts.file = std::move(file);
     facts.scan = scan_file(stream);
-    if (has_odd_form(facts.scan)) facts.imported = import(*stream, facts.scan);
+    if (!has_odd_form(facts.scan)) return facts;
+    facts.imported = import(*stream, facts.scan);
+    facts.import_numbers = number_tracks(facts.file.get(), facts.imported.tracks);
     return facts;
 }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "companion/probe/file_scan.h"
@@ -56,6 +57,8 @@ struct FileFacts {
     // Of a file in a form that the reader does not have whole: movie fragments, large or open
     // boxes, other tables. Empty for any other file.
     ImportedMovie imported;
+    // The place in imported.tracks of each track of `file` that was imported.
+    std::unordered_map<const iso_track*, size_t> import_numbers;
 
     // The same track; null where it was not imported. The reader may have another ID for it.
     const ImportedTrack* imported_track(const iso_track* track) const;

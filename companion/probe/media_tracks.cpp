@@ -48,11 +48,14 @@ bool takes_from_itself(std::span<const uint8_t> hint_sample) {
     return false;
 }
 
-bool takes_from_itself(const iso_track* hint) {
+// Looks at the first samples of a hint track, at most `budget` of them, which it takes off.
+bool takes_from_itself(const iso_track* hint, int& budget) {
     constexpr int kLooked = 16;              // samples
     constexpr uint32_t kMaxBytes = 1 << 16;  // of one
     std::vector<uint8_t> bytes;
-    for (int sample = 0; sample < std::min(hint->sample_count, kLooked); ++sample) {
+    const int count = std::min({hint->sample_count, kLooked, budget});
+    budget -= std::max(count, 0);
+    for (int sample = 0; sample < count; ++sample) {
         bytes.resize(std::min(sample_size_of(hint, static_cast<uint32_t>(sample)), kMaxBytes));
         // Reading moves the cursor of the track, which nothing else uses.
         const int got = isoFFreadAt(const_cast<iso_track*>(hint), sample, 0, bytes.data(),
@@ -156,12 +159,13 @@ bool has_hints(const iso_file* file) {
 }
 
 bool is_self_hinted(const iso_file* file, const iso_track* media) {
+    int budget = 256;  // samples
     const iso_track* hint = hint_track_of(file, media);
-    if (hint != nullptr) return takes_from_itself(hint);
-    return find_track(file->first_track, [](auto* track) {
+    if (hint != nullptr) return takes_from_itself(hint, budget);
+    return find_track(file->first_track, [&](auto* track) {
                const bool is_alone =
                    track->hint_track_ref == 0 || track->hint_track_ref == track->track_id;
-               return is_hint(track) && is_alone && takes_from_itself(track);
+               return is_hint(track) && is_alone && takes_from_itself(track, budget);
            }) != nullptr;
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "companion/probe/track_info.h"
 
-#include <algorithm>
+#include <unordered_set>
 
 #include "interface/src/isoff/record/private.h"
 
@@ -81,11 +81,11 @@ std::vector<kst_probe_track> describe_tracks(const FileFacts& facts) {
     const iso_file* file = facts.file.get();
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next)
         tracks.push_back(describe_track(facts, track));
+    std::unordered_set<uint32_t> known;
+    for (const kst_probe_track& track : tracks)
+        known.insert(track.track_id);
     for (const ImportedTrack& track : facts.imported.tracks) {
-        const bool is_known =
-            std::any_of(tracks.begin(), tracks.end(),
-                        [&](const kst_probe_track& one) { return one.track_id == track.id; });
-        if (!is_known) tracks.push_back(describe(facts, track));
+        if (known.insert(track.id).second) tracks.push_back(describe(facts, track));
     }
     return tracks;
 }
