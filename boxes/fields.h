@@ -240,6 +240,9 @@ class FieldReader : public FieldOps<FieldReader> {
         return position_ < end ? static_cast<uint32_t>(end - position_) : 0;
     }
 
+    // The offset of the next byte in the stream.
+    uint64_t position() const { return position_; }
+
     // Reads the length of an MPEG-4 descriptor and the number of bytes that it takes.
     void descriptor_size(std::string_view, uint32_t& value, uint8_t& width);
 
@@ -265,6 +268,9 @@ class FieldReader : public FieldOps<FieldReader> {
     template <class T>
     void child(std::unique_ptr<T>& box, const BoxHeader* header = nullptr) {
         box = std::make_unique<T>();
+        if constexpr (requires { box->set_container_end(extent_.end()); }) {
+            box->set_container_end(extent_.end());
+        }
         if (header != nullptr) box->resume(*header);
         box->Read(io_, extent_.file_size);
         position_ = macro_Tell(io_);

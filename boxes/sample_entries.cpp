@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "boxes/sample_entries.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -222,16 +223,27 @@ bool AVCCBox::read_header(Stream& io, unsigned int file_size, BoxExtent& extent)
     set_header(size, type);
     // The size is not trusted; only the file limits the parameter sets.
     extent = rest_of_file(start, file_size);
+    kept_end_ = std::max(uint64_t{start} + size, container_end_);
     return true;
 }
 
-template <class F, class Sets>
-void AVCCBox::sets(F& f, std::string_view name, Sets& sets, unsigned count) {
-    if constexpr (F::kReads) sets.resize(count);
-    f.begin_list(name);
-    for (auto& set : sets)
-        VisitEntry{}(f, set);
-    f.end_list();
+template <class F, class Self, class Sets, class Count>
+void AVCCBox::sets(F& f, std::string_view name, Self& self, Sets& sets, Count& count,
+                   uint8_t count_bits) {
+    if constexpr (F::kReads) {
+        sets.clear();
+        for (unsigned left = count & count_bits; left > 0; --left) {
+            ParameterSet set;
+            VisitEntry{}(f, set);
+            if (f.position() <= self.kept_end_) sets.push_back(std::move(set));
+        }
+        count = static_cast<uint8_t>((count & ~count_bits) | sets.size());
+    } else {
+        f.begin_list(name);
+        for (auto& set : sets)
+            VisitEntry{}(f, set);
+        f.end_list();
+    }
 }
 
 template <class F, class Self>
@@ -242,9 +254,9 @@ void AVCCBox::fields(F& f, Self& self) {
     f.u8("level", self.level_);
     f.u8("nal_length_size_minus_one", self.nal_length_);
     f.u8("sequence_set_count", self.sequence_count_);
-    sets(f, "sequence_sets", self.sequence_sets_, self.sequence_count_ & kSequenceCountBits);
+    sets(f, "sequence_sets", self, self.sequence_sets_, self.sequence_count_, kSequenceCountBits);
     f.u8("picture_set_count", self.picture_count_);
-    sets(f, "picture_sets", self.picture_sets_, self.picture_count_);
+    sets(f, "picture_sets", self, self.picture_sets_, self.picture_count_, kPictureCountBits);
 }
 
 void AVCCBox::gather() {

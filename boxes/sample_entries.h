@@ -297,7 +297,8 @@ struct ParameterSet {
 
 // "avcC" (ISO/IEC 14496-15). A full box by class, but with the layout of a plain one. Its header is
 // read as eight plain bytes, without a start position and without a check of the size. Bytes after
-// the picture parameter sets are not read.
+// the picture parameter sets are not read. Sets after the end of both the box and the sample entry
+// that it is in are skipped, so that the boxes of a file limit the memory.
 class AVCCBox : public Described<AVCCBox, FullBox> {
   public:
     AVCCBox();
@@ -316,6 +317,9 @@ class AVCCBox : public Described<AVCCBox, FullBox> {
     bool AddSequenceSet(std::span<const uint8_t> set);
     bool AddPictureSet(std::span<const uint8_t> set);
 
+    // Sets the offset after the box that this one is in, before it is read.
+    void set_container_end(uint64_t end) { container_end_ = end; }
+
     bool read_header(Stream& io, unsigned int file_size, BoxExtent& extent);
     template <class F, class Self>
     static void fields(F& f, Self& self);
@@ -324,9 +328,11 @@ class AVCCBox : public Described<AVCCBox, FullBox> {
   private:
     static constexpr uint8_t kNalLengthBits = 0x03;
     static constexpr uint8_t kSequenceCountBits = 0x1F;
+    static constexpr uint8_t kPictureCountBits = 0xFF;
 
-    template <class F, class Sets>
-    static void sets(F& f, std::string_view name, Sets& sets, unsigned count);
+    template <class F, class Self, class Sets, class Count>
+    static void sets(F& f, std::string_view name, Self& self, Sets& sets, Count& count,
+                     uint8_t count_bits);
     void gather();
 
     uint8_t configuration_version_ = 1;
@@ -339,6 +345,8 @@ class AVCCBox : public Described<AVCCBox, FullBox> {
     uint8_t picture_count_ = 0;
     std::vector<ParameterSet> picture_sets_;
     std::vector<uint8_t> buffer_;
+    uint64_t container_end_ = UINT64_MAX;
+    uint64_t kept_end_ = UINT64_MAX;  // offset after the last set that is kept
 };
 
 // "avc1".

@@ -13,6 +13,7 @@
 #include "companion/importer/movie.h"
 #include "interface/src/isoff/record/private.h"
 #include "interface/src/mmfi/mm_interface.h"
+#include "kestrel/hinter.h"
 #include "kestrel/log.h"
 #include "kestrel/native_records.h"
 #include "kestrel/packer.h"
@@ -908,6 +909,96 @@ TEST(ImporterBounds, HoldForMemory) {
         const AllocationWatch watch;
         ASSERT_TRUE(import_movie(*host.callbacks(), {}, movie).ok) << forms.name();
         EXPECT_LE(watch.peak(), 2 * 24 * samples + 65536) << forms.name();
+    }
+}
+
+// --- the hinter ---
+
+// Speech of one frame, with more brands, sample tables, boxes of the track, and tracks.
+Bytes speech_file(const Bytes& brands, const Bytes& tables, const Bytes& extra,
+                  const Bytes& tracks) {
+    const Bytes head = join({box("ftyp", {text("3gp6"), words({0}), brands}),
+                             box("mdat", {{0x3C}, Bytes(30), {0x7C}})});
+    const auto media = static_cast<uint32_t>(head.size() - 32);
+    return join({head, movie({track({.id = 1,
+                                     .entry = samr_entry(),
+                                     .tables = join({one_chunk_tables({32}, 160, media), tables}),
+                                     .extra = extra}),
+                              tracks})});
+}
+
+Bytes numbered(uint32_t count, const std::function<Bytes(uint32_t number)>& make) {
+    Bytes all;
+    for (uint32_t i = 0; i < count; ++i) {
+        const Bytes one = make(i);
+        all.insert(all.end(), one.begin(), one.end());
+    }
+    return all;
+}
+
+Bytes brand(uint32_t number) {
+    Bytes characters(4);
+    for (uint8_t& character : characters) {
+        character = static_cast<uint8_t>('!' + number % 94);
+        number /= 94;
+    }
+    return characters;
+}
+
+Bytes reference(uint32_t number) {
+    return box("cdsc", {be32(number % 2 == 0 ? 1 : number)});
+}
+
+Bytes group(uint32_t number) {
+    return box("sbgp", {words({0, number, 0})});
+}
+
+Bytes text_track_of_entries(uint32_t count) {
+    return track({.id = 2,
+                  .handler = "text",
+                  .entry = numbered(count,
+                                    [](uint32_t i) {
+                                        return box("mett", {zeros(6), be16(1), be32(i)});
+                                    }),
+                  .entries = count,
+                  .tables = one_chunk_tables({}, 1, 0)});
+}
+
+// Its sample is the last byte of the media: a frame without speech.
+Bytes speech_track(uint32_t number) {
+    return track({.id = number + 2,
+                  .entry = samr_entry(),
+                  .tables = one_chunk_tables({1}, 160, 16 + 8 + 31)});
+}
+
+// 32 times the boxes. None of the lists takes time with the square of its length: that would show
+// as minutes here.
+TEST(HinterBounds, HoldForMemory) {
+    const struct {
+        const char* name;
+        Bytes file;
+    } cases[] = {
+        {"brands", speech_file(numbered(1 << 19, brand), {}, {}, {})},
+        {"references", speech_file({}, {}, box("tref", {numbered(1 << 17, reference)}), {})},
+        {"groups", speech_file({}, numbered(1 << 15, group), {}, {})},
+        {"edits", speech_file({}, {},
+                              box("edts", {box("elst", {words({0, 1 << 17}),
+                                                        many(words({1, 0, 1 << 16}), 1 << 17)})}),
+                              {})},
+        {"sample entries", speech_file({}, {}, {}, text_track_of_entries(1 << 16))},
+        {"hinted tracks", speech_file({}, {}, {}, numbered(4000, speech_track))},
+        {"fragments", join({speech_file({}, {}, {}, {}), many(box("moof", {}), 1 << 17)})},
+    };
+    for (const auto& about : cases) {
+        CountingHost from(about.file);
+        const Bytes nothing;
+        CountingHost to(nothing);
+        const AllocationWatch watch;
+        const int result = kst_hint(from.callbacks(), to.callbacks(), nullptr, nullptr);
+        std::cout << about.name << ": " << about.file.size() << " bytes, " << watch.peak()
+                  << " held, result " << result << '\n';
+        EXPECT_LE(watch.peak(), (4u << 20) + 32 * about.file.size()) << about.name;
+        EXPECT_EQ(result, KST_HINT_DONE) << about.name;
     }
 }
 

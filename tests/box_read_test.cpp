@@ -375,6 +375,18 @@ TEST(SampleEntries, H264ManyAndLargeSets) {
     MemoryStream in(header(0, "avcC") + Bytes{1, 66, 0, 10, 0xFF, 0xE1} + be16(20) + zeros(19));
     AVCCBox cut;
     EXPECT_THAT(message_of([&] { cut.Read(in.io(), in.size()); }), StartsWith(kInvalidSize));
+    // Sets after the end of the entry are skipped; those after the end of the box only are kept.
+    const Bytes fields = header(15, "avcC") + Bytes{1, 66, 0, 10, 0xFF, 0xE2};
+    const Bytes set = be16(3) + Bytes{0x67, 9, 9};
+    const auto inside = static_cast<uint32_t>((kVisualFields + fields + set).size());
+    MemoryStream long_entry(header(8 + inside, "avc1") + kVisualFields + fields + set + set +
+                            be(1, 1) + set + zeros(1));
+    H264SampleEntry entry;
+    entry.Read(long_entry.io(), long_entry.size());
+    EXPECT_EQ(entry.GetAVCCBox()->GetParameterSets(), (Bytes{0, 0, 0, 1, 0x67, 9, 9}));
+    EXPECT_EQ(macro_Tell(long_entry.io()), long_entry.size() - 1);
+    EXPECT_EQ(dump(*entry.GetAVCCBox()),
+              box("avcC", Bytes{1, 66, 0, 10, 0xFF, 0xE1} + set + be(0, 1)));
 }
 
 TEST(CodecBoxes, LongerConfigurationThanTheLengthsThatWereRead) {

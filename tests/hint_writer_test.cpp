@@ -372,6 +372,13 @@ TEST(HintTrack, CountsInTheUnitsOfItsMedium) {
     EXPECT_EQ(Hinted(mpeg4_track, 1400, {{picture, -1}}).written, -1);
     // A composition time that an RTP timestamp cannot be moved by.
     EXPECT_EQ(Hinted(slow, 1400, {{picture, 1, 30000}}).written, -7);
+    // One that moves the first packet of a sample, but not its last.
+    Bytes speech;
+    for (int frame = 0; frame < 100; ++frame) {
+        speech.push_back(0x3C);
+        speech.insert(speech.end(), 31, 0x11);
+    }
+    EXPECT_EQ(Hinted(amr_track, 1400, {{speech, 1, INT32_MAX}}).written, -7);
 }
 
 // Bytes of payload and RTP header, and the bits of a second: the fullest, and all together

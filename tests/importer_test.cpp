@@ -390,6 +390,14 @@ TEST(Importer, DelaysTracksThatBeginLater) {
     EXPECT_EQ(edits[0].duration + edits[1].duration, 750u);
     EXPECT_EQ(edits[2].media_time, 0);
     EXPECT_EQ(imported.movie.duration, 1751u);
+
+    // An edit that begins as early as 64 bits can say.
+    MovieForms forms = forms_of({{kFragments, 2}, {kTimes, 2}, {kVersion, 1}});
+    forms.fragment_time = [](size_t, std::uint64_t time) { return time + 15360; };
+    const Imported early =
+        import_bytes(with(make_movie(forms).file, "elst", 8 + 20 + 8, words({0x80000000, 0})));
+    ASSERT_TRUE(early.result.ok) << early.result.error;
+    EXPECT_EQ(early.movie.tracks[1].edits.back().media_time, 0);
 }
 
 TEST(Importer, MissesFragments) {

@@ -155,6 +155,7 @@ class Job {
             std::count_if(choices_.begin(), choices_.end(), [](const Choice& choice) {
                 return choice.fate == Fate::kHinted || choice.fate == Fate::kCopied;
             })));
+        const TrackIds written_ids = written_track_ids(choices_);
         auto medium = media_.begin();
         for (const Choice& choice : choices_) {
             if (choice.fate == Fate::kDropped) ++report_.dropped_tracks;
@@ -162,7 +163,7 @@ class Job {
             if (choice.fate != Fate::kHinted && choice.fate != Fate::kCopied) continue;
             medium->track.from = choice.track;
             medium->track.is_hinted = choice.fate == Fate::kHinted;
-            make_track(file_.get(), choice, choices_, medium->track);
+            make_track(file_.get(), choice, written_ids, medium->track);
             medium->description = choice.description;
             medium->samples = std::make_unique<MediaSamples>(*choice.track, medium->track.factor,
                                                              choice.description, reader_);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "common/box_header.h"
@@ -51,17 +52,16 @@ bool is_brand(uint32_t code) {
 // Returns the brands of the source, its major brand first; those of 3GP when none of them is valid
 // for the output.
 void copy_brands(iso_file* file, const importer::Brands& from) {
-    std::vector<uint32_t> codes = {from.major};
-    for (const uint32_t code : from.compatible) {
-        if (std::find(codes.begin(), codes.end(), code) == codes.end()) codes.push_back(code);
-    }
     std::string brands;
-    for (const uint32_t code : codes) {
-        if (!is_brand(code)) continue;
+    std::set<uint32_t> known;
+    const auto add = [&](uint32_t code) {
+        if (!is_brand(code) || !known.insert(code).second) return;
         if (!brands.empty()) brands += ' ';
         for (const unsigned shift : {24U, 16U, 8U, 0U})
             brands += static_cast<char>(code >> shift & 0xFF);
-    }
+    };
+    add(from.major);
+    std::for_each(from.compatible.begin(), from.compatible.end(), add);
     const bool has_brands = !brands.empty() && is_brand(from.major);
     isoFFsetBrand(file, has_brands ? brands.c_str() : "3gp6 3gp5 3gp4",
                   has_brands ? static_cast<int>(from.minor) : file->minor_version);
@@ -112,12 +112,8 @@ void copy_sync_samples(iso_track* to, const importer::Track& from) {
 // --- boxes ---
 
 // Removes references to tracks that are not written.
-void copy_references(Written& written, const std::vector<Choice>& choices) {
-    const auto is_there = [&](uint32_t id) {
-        return std::any_of(choices.begin(), choices.end(), [&](const Choice& choice) {
-            return is_written(choice) && choice.track->id == id;
-        });
-    };
+void copy_references(Written& written, const TrackIds& written_ids) {
+    const auto is_there = [&](uint32_t id) { return written_ids.count(id) != 0; };
     for (const importer::Reference& reference : written.from->references) {
         CopiedReference copy = {reference.type, {}};
         std::copy_if(reference.track_ids.begin(), reference.track_ids.end(),
@@ -139,7 +135,7 @@ void copy_groups(Written& written) {
     }
 }
 
-void copy_boxes(Written& written, const Choice& choice, const std::vector<Choice>& choices) {
+void copy_boxes(Written& written, const Choice& choice, const TrackIds& written_ids) {
     importer::Track& from = *written.from;
     written.boxes.name = from.name;
     written.boxes.media_header = from.media_header;
@@ -151,7 +147,7 @@ void copy_boxes(Written& written, const Choice& choice, const std::vector<Choice
         for (const importer::Description& description : from.descriptions)
             written.boxes.sample_entries.emplace_back(description.box);
     }
-    copy_references(written, choices);
+    copy_references(written, written_ids);
     copy_groups(written);
     written.to->own->copied = &written.boxes;
 }
@@ -217,14 +213,22 @@ void describe_movie(iso_file* file, const importer::Movie& movie,
     }
 }
 
-void make_track(iso_file* file, const Choice& choice, const std::vector<Choice>& choices,
+TrackIds written_track_ids(const std::vector<Choice>& choices) {
+    TrackIds ids;
+    for (const Choice& choice : choices) {
+        if (is_written(choice)) ids.insert(choice.track->id);
+    }
+    return ids;
+}
+
+void make_track(iso_file* file, const Choice& choice, const TrackIds& written_ids,
                 Written& written) {
     const uint32_t next_id = file->next_track_id;
     written.to = keep(isoFFtrack(file));
     file->next_track_id = next_id;
     written.to->codec = ISO_CODEC_NONE;
     describe_track(written.to, *written.from);
-    copy_boxes(written, choice, choices);
+    copy_boxes(written, choice, written_ids);
     choose_timescale(written);
     written.to->timescale = written.factor.of(written.from->timescale);
     copy_edits(written);

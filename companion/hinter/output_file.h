@@ -3,6 +3,8 @@
 #ifndef KESTREL_COMPANION_HINTER_OUTPUT_FILE_H
 #define KESTREL_COMPANION_HINTER_OUTPUT_FILE_H
 
+#include <cstdint>
+#include <set>
 #include <vector>
 
 #include "companion/hinter/time_factor.h"
@@ -26,14 +28,18 @@ struct Written {
 // Changes the headers of copied boxes to 32-bit sizes, which all players read. Call it first.
 void shorten_headers(importer::Movie& movie);
 
-// Both may throw std::bad_alloc. The parts of the movie that they refer to must outlive the file.
+// All may throw std::bad_alloc. The parts of the movie that they refer to must outlive the file.
 
 // The movie header and the brands.
 void describe_movie(iso_file* file, const importer::Movie& movie,
                     const std::vector<Choice>& choices);
 
-// Makes the track without its samples.
-void make_track(iso_file* file, const Choice& choice, const std::vector<Choice>& choices,
+// The IDs of the tracks that are written.
+using TrackIds = std::set<uint32_t>;
+TrackIds written_track_ids(const std::vector<Choice>& choices);
+
+// Makes the track without its samples. Of its references, copies those to written tracks.
+void make_track(iso_file* file, const Choice& choice, const TrackIds& written_ids,
                 Written& written);
 
 }  // namespace kestrel::hinter

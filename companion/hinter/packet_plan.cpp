@@ -66,7 +66,8 @@ void PacketPlan::get_packet(HintPackets& packets) {
 void PacketPlan::add(const HintPackets& packets) {
     constexpr size_t kUsual = 1024;  // bytes that a sample's packets rarely exceed
     if (blocks_.empty() || blocks_.back().size() + kUsual > kBlock) {
-        blocks_.emplace_back().reserve(kBlock);
+        const bool is_first = blocks_.empty();  // of a short track it may be all
+        blocks_.emplace_back().reserve(is_first ? 0 : kBlock);
     }
     put(static_cast<uint32_t>(packets.size()));
     for (size_t i = 0; i < packets.size(); ++i)

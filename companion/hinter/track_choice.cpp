@@ -61,11 +61,7 @@ struct CloseFile {
 class Chooser {
   public:
     Chooser(importer::Movie& movie, uint32_t flags, Outcome& outcome)
-        : movie_(movie), flags_(flags), outcome_(outcome) {
-        KST_IOSTREAM_CALLBACK_INTERFACE* nowhere = nullptr;
-        scratch_.reset(isoFFopen(nowhere, "w", nullptr));
-        if (scratch_ == nullptr) throw std::bad_alloc();
-    }
+        : movie_(movie), flags_(flags), outcome_(outcome) {}
 
     bool run(std::vector<Choice>& choices) {
         for (importer::Track& track : movie_.tracks) {
@@ -103,9 +99,19 @@ class Chooser {
 
     bool drops_others() const { return (flags_ & KST_HINT_DROP_OTHERS) != 0; }
 
+    // Opens the file of which a track reads a sample entry, anew after its first block of memory.
+    void have_scratch() {
+        if (scratch_ != nullptr && scratch_->chunk_count == 1) return;
+        KST_IOSTREAM_CALLBACK_INTERFACE* nowhere = nullptr;
+        scratch_.reset();
+        scratch_.reset(isoFFopen(nowhere, "w", nullptr));
+        if (scratch_ == nullptr) throw std::bad_alloc();
+    }
+
     // Reads a sample entry as the library does when it plays the output. Returns null when it
-    // cannot be read.
+    // cannot be read. The track is valid until the next call.
     const iso_track* read_entry(importer::Description& description) {
+        have_scratch();
         iso_track* track = isoFFtrack(scratch_.get());
         if (track == nullptr) throw std::bad_alloc();
         track->codec = ISO_CODEC_NONE;

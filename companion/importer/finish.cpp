@@ -70,14 +70,15 @@ std::uint64_t count_from_start(const Movie& movie, Track& track, std::uint64_t s
     const auto begin = static_cast<std::int64_t>(start);
     const auto first = first_presented(track.edits);
     const std::int64_t first_time = first == track.edits.end() ? 0 : first->media_time;
+    // The difference of two signed numbers fits in 64 bits without a sign.
     const std::uint64_t gap =
         first_time >= begin
             ? 0
-            : in_movie(movie, track, static_cast<std::uint64_t>(begin - first_time));
+            : in_movie(movie, track, start - static_cast<std::uint64_t>(first_time));
     if (first != track.edits.end()) first->duration -= std::min(first->duration, gap);
     for (Edit& edit : track.edits) {
         if (edit.media_time != kNothing) {
-            edit.media_time = std::max<std::int64_t>(edit.media_time - begin, 0);
+            edit.media_time = edit.media_time > begin ? edit.media_time - begin : 0;
         }
     }
     return gap;

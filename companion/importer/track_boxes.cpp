@@ -180,7 +180,10 @@ bool read_edits(Import& import, const Box& box, TrackParts& parts) {
     const VersionAndFlags head(reader);
     const bool version1 = head.version == 1;
     track.forms.version1_headers |= version1;
-    for (std::uint32_t left = reader.u32(); left > 0 && !reader.failed(); --left) {
+    const std::uint32_t count = reader.u32();
+    const std::uint64_t most = reader.left() / (version1 ? 20 : 12);
+    track.edits.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(count, most)));
+    for (std::uint32_t left = count; left > 0 && !reader.failed(); --left) {
         Edit edit;
         edit.duration = reader.u32_or_64(version1);
         edit.media_time = version1 ? static_cast<std::int64_t>(reader.u64()) : reader.i32();

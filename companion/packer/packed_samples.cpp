@@ -56,7 +56,7 @@ bool PackedHints::write(uint32_t first, uint32_t count, MediaOutput& output) {
         store_.packets().take(scratch_.packets);
         // The RTP clock counts as the track does.
         const SampleFigures media = media_.figures(next_.media_sample - 1);
-        if (media.cts_offset != 0) scratch_.packets.move_times(media.cts_offset);
+        if (!scratch_.packets.move_times(media.cts_offset)) return false;
         make_hint_sample(scratch_.packets, next_, scratch_.bytes);
         if (scratch_.bytes.size() != sizes_[i] || !output.write(scratch_.bytes)) return false;
         next_.sequence = static_cast<uint16_t>(next_.sequence + scratch_.packets.size());

@@ -46,9 +46,13 @@ void HintPackets::add_range(size_t offset, size_t length, uint32_t sample) {
     ranges_.push_back({static_cast<uint32_t>(offset), static_cast<uint32_t>(length), sample});
 }
 
-void HintPackets::move_times(int32_t offset) {
-    for (Record& packet : packets_)
-        packet.time_offset += offset;
+bool HintPackets::move_times(int64_t offset) {
+    for (Record& packet : packets_) {
+        const int64_t moved = packet.time_offset + offset;
+        if (moved < INT32_MIN || moved > INT32_MAX) return false;
+        packet.time_offset = static_cast<int32_t>(moved);
+    }
+    return true;
 }
 
 namespace {

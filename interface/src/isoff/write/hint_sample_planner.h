@@ -46,8 +46,8 @@ class HintPackets {
     void add_own(std::span<const uint8_t> bytes);
     void add_range(size_t offset, size_t length, uint32_t sample = 0);
     void set_marker() { packets_.back().marker = true; }
-    // Moves the timestamps of all packets.
-    void move_times(int32_t offset);
+    // Moves the timestamps of all packets. Returns false when one does not fit in 32 bits.
+    bool move_times(int64_t offset);
 
   private:
     struct Record {

@@ -278,8 +278,7 @@ int make_hint_of_packets(iso_track* hint, int32_t cts_offset, HintSample& made) 
     // Both times are rounded, like the decode times, so that their sum is the rounded time.
     const auto begin = static_cast<int64_t>(hinter->media_time);
     const int64_t composition = rtp_units(begin + cts_offset, hint) - rtp_units(begin, hint);
-    if (composition < INT32_MIN || composition > INT32_MAX) return kTooLong;
-    if (composition != 0) made.packets.move_times(static_cast<int32_t>(composition));
+    if (!made.packets.move_times(composition)) return kTooLong;
     const HintSampleFacts facts = {static_cast<uint8_t>(hint->last_payload_type), hinter->sequence,
                                    hinter->samples + 1};
     const bool fits = make_hint_sample(made.packets, facts, made.bytes);
