@@ -59,6 +59,7 @@ bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
 // Bytes of the samples of H.264 that packets leave out: the lengths of empty units, and what is
 // left after the last one.
 uint64_t empty_unit_bytes(const iso_track* track) {
+    const auto length = static_cast<uint64_t>(track->nal_length_size);
     std::vector<uint8_t> sample;
     uint64_t bytes = 0;
     for (int32_t number = 0; number < track->sample_count; ++number) {
@@ -70,7 +71,7 @@ uint64_t empty_unit_bytes(const iso_track* track) {
         uint64_t filled = 0;
         kestrel::NalUnits units(rest, track->nal_length_size);
         for (kestrel::NalUnit unit; units.next(unit);)
-            filled += unit.size() + track->nal_length_size;
+            filled += unit.size() + length;
         bytes += rest.size() - std::min<uint64_t>(filled, rest.size());
     }
     return bytes;
