@@ -80,7 +80,7 @@ uint64_t empty_unit_bytes(const iso_track* track) {
 bool is_all_h264(const Subject& subject, const MediaCounts& counts) {
     constexpr uint64_t kCountedLength = 4;
     const uint64_t length = subject.track != nullptr && subject.track->nal_length_size != 0
-                                ? subject.track->nal_length_size
+                                ? static_cast<uint64_t>(subject.track->nal_length_size)
                                 : kCountedLength;
     const uint64_t bytes = counts.bytes - (kCountedLength - length) * counts.units;
     return bytes >= subject.expected.bytes ||
