@@ -106,10 +106,11 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
  * Where nothing was delivered nothing was consumed: the next call delivers the same chunk. What was
  * delivered before stays good.
  *
- * - KST_NOT_YET: a read was not served. A file that was cut short, and a host that failed for good,
- *   are answered so for ever: ask the host whether more can come.
- * - KST_FAILURE with a size of 0: the track cannot be read on; or the data of the first frame of a
- *   video has not arrived.
+ * - KST_NOT_YET: a read was not served. A host that failed for good is answered so for ever, and a
+ *   file that was cut short, except for a video with a hint track: ask the host whether more can
+ *   come.
+ * - KST_FAILURE with a size of 0: the track cannot be read on, as a video with a hint track at the
+ *   end of a file that was cut short; or the data of the first frame of a video has not arrived.
  * - KST_FAILURE with another size: the host refused the Seek or AdvanceRead after the frame.
  * - KST_CODEC_RECORD_FAILED (23): the codec record of an AMR stream could not be written. No file
  *   leads to it.

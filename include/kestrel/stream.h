@@ -48,19 +48,22 @@
  * | Call                      | Slot says not-yet    | Bytes after the end  | Slot says failure |
  * |---------------------------|----------------------|----------------------|-------------------|
  * | kst_Open                  | KST_FAILURE          | KST_FAILURE          | KST_FAILURE       |
- * | kst_ReadChunk, both flags | KST_NOT_YET (1)      | KST_NOT_YET (1)      | KST_NOT_YET (1)   |
+ * | kst_ReadChunk, both flags | KST_NOT_YET (1, 2)   | KST_NOT_YET (1, 2)   | KST_NOT_YET (1, 2) |
  * | C3gpInterface::Open       | KST_FAILURE          | KST_CORRUPT          | KST_CORRUPT       |
  * | ReadChunk, not arriving   | KST_FAILURE          | KST_FAILURE          | KST_FAILURE       |
  * | ReadChunk, arriving       | KST_NOT_YET          | KST_NOT_YET          | KST_IO_FAILURE    |
  * | SeekTo                    | KST_FAILURE          | KST_FAILURE          | KST_FAILURE       |
  *
  * (1) KST_FAILURE with a size of 0 for the first frame of a video.
+ * (2) KST_FAILURE with a size of 0 for a video with a hint track, in two cases: for bytes after the
+ * end, whether the file arrives or is whole; and without `arriving` for all three answers.
  *
  * The function API looks at the low 16 bits of a status, 0 for success, and never calls
- * CheckStatus. So a host that failed for good is answered KST_NOT_YET there, as a file is that was
- * cut short: the host must remember that it failed, or that its file is complete, and stop calling
- * (kst_host_failed() and kst_host_is_complete() do so for the ready hosts). When AdvanceRead or the
- * Seek after a frame fails, the chunk was delivered, and the status is KST_FAILURE with its size.
+ * CheckStatus. So a host that failed for good is answered KST_NOT_YET there, as most files are that
+ * were cut short: the host must remember that it failed, or that its file is complete, and stop
+ * calling (kst_host_failed() and kst_host_is_complete() do so for the ready hosts). When
+ * AdvanceRead or the Seek after a frame fails, the chunk was delivered, and the status is
+ * KST_FAILURE with its size.
  *
  * ## What may be discarded
  *

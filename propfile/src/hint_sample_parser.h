@@ -48,11 +48,10 @@ class HintSampleParser {
     // Throws kInvalidContent for a hint sample that ends before its last constructor, before any
     // media data is read.
     void RequireWhole(const unsigned char* hint) const;
+    // GetRTPpacket3gp without the trace. Returns the length of the extra information.
+    uint32_t ReadPacket(_TAG_RTPpacket3gp* packet, const unsigned char** p) const;
 
     const unsigned char* m_pHintEnd = nullptr;
-
-  private:
-    uint32_t ReadPacket(_TAG_RTPpacket3gp* packet, const unsigned char** p) const;
 };
 
 namespace kestrel {

@@ -51,7 +51,8 @@ uint32_t GetAMRBitsPerSample(uint32_t) {
     return 0;
 }
 
-PropFileAudio::PropFileAudio(MediaSource media) : PropFile(std::move(media), kAudioWriterSource) {}
+PropFileAudio::PropFileAudio(MediaSource media)
+    : PropFile(std::move(media), kAudioWriterSource, 0) {}
 
 PropFileAudio::~PropFileAudio() = default;
 

@@ -143,12 +143,48 @@ unsigned int PropFile::ProcessConstructors(const unsigned char** cursor, unsigne
                 Drop();
             } else {
                 if (value != kNoMediaYet) LogUnexpectedNumber();
+                m_pLacking = next - kConstructorSize;
+                m_uLackingLeft = count;
                 throw;
             }
         }
         *cursor = next;
     }
     return added;
+}
+
+// Asks the media source, without taking bytes, for all that the rest of the frame needs, so that it
+// reports what arrives last. `fill` is what the frame has. Constructors that will be dropped need
+// nothing.
+void PropFile::AskForRest(const unsigned char* hint, uint32_t fill) {
+    const unsigned char* p = m_pLacking;
+    uint32_t count = m_uLackingLeft;
+    for (uint32_t packets = GetAndAdvance16(&hint) - m_uPackets;; --packets) {
+        for (; count > 0; --count, p += kConstructorSize)
+            fill += AskForConstructor(p, fill);
+        if (packets == 0 || !HasRoom(m_uPacketHeader, fill)) return;
+        _TAG_RTPpacket3gp packet{};
+        ReadPacket(&packet, &p);
+        count = packet.entrycount;
+        fill += m_uPacketHeader;
+    }
+}
+
+// Returns the bytes that the constructor will add to a frame of `fill` bytes.
+uint32_t PropFile::AskForConstructor(const unsigned char* p, uint32_t fill) {
+    const uint8_t type = GetAndAdvance8(&p);
+    uint32_t length = 0;
+    bool valid = false;
+    if (type == kImmediateConstructor) {
+        length = GetAndAdvance8(&p);
+        valid = length <= kMaxImmediate && HasRoom(length, fill);
+    } else if (type == kSampleConstructor) {
+        const SampleConstructor from = GetSampleConstructor(&p);
+        length = from.length;
+        valid = HasRoom(length, fill) &&
+                m_Media(from.sample_number, from.sample_offset, length, nullptr) == Fetched::kBytes;
+    }
+    return valid ? length : 0;
 }
 
 unsigned char* PropFile::GetBuffer(unsigned int* n) {

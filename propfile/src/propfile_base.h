@@ -21,8 +21,9 @@ class PropFile : public HintSampleParser {
     static constexpr unsigned int kNoMediaYet = 4660;
 
     // `source` is the source path in the log lines about frames; it is not copied.
-    PropFile(kestrel::MediaSource media, const char* source)
-        : m_pSource(source), m_Media(std::move(media)) {}
+    // `packetHeader` is the number of bytes that the writer puts into the frame for each packet.
+    PropFile(kestrel::MediaSource media, const char* source, uint32_t packetHeader)
+        : m_pSource(source), m_uPacketHeader(packetHeader), m_Media(std::move(media)) {}
     PropFile(const PropFile&) = delete;
     PropFile& operator=(const PropFile&) = delete;
     virtual ~PropFile();
@@ -79,9 +80,12 @@ class PropFile : public HintSampleParser {
     [[noreturn]] void ThrowUnhandled() const;
 
   private:
-    bool HasRoom(uint32_t count) const { return count <= m_uMostBytes - m_uFill; }
+    bool HasRoom(uint32_t count) const { return HasRoom(count, m_uFill); }
+    bool HasRoom(uint32_t count, uint32_t fill) const { return count <= m_uMostBytes - fill; }
     unsigned int ProcessConstructor(uint8_t type, const unsigned char** cursor);
     unsigned int Drop();
+    void AskForRest(const unsigned char* hint, uint32_t fill);
+    uint32_t AskForConstructor(const unsigned char* p, uint32_t fill);
     void LogDropped() const;
     void LogMissingMedia() const;
     void LogUnexpectedNumber() const;
@@ -90,6 +94,7 @@ class PropFile : public HintSampleParser {
     uint32_t m_uFill = 0;
     uint32_t m_uOffset = 0;
     const char* m_pSource;
+    uint32_t m_uPacketHeader;
     kestrel::MediaSource m_Media;
     uint32_t m_uMostBytes = 0;
     // Of the current hint sample. A frame has at most 16 MiB, a hint sample less than 4 GiB.
@@ -97,6 +102,9 @@ class PropFile : public HintSampleParser {
     uint32_t m_uConstructors = 0;
     uint32_t m_uDropped = 0;
     uint32_t m_uKept = 0;  // bytes at the start of the buffer from an earlier attempt
+    // The constructor that lacks media data, and how many its packet has from there on.
+    const unsigned char* m_pLacking = nullptr;
+    uint32_t m_uLackingLeft = 0;
 };
 
 template <class Build, class Undo>
@@ -111,9 +119,11 @@ void PropFile::GuardFrame(const unsigned char* hint, Build build, Undo undo) {
         if (m_uConstructors > 0 && m_uDropped == m_uConstructors) throw kInvalidContent;
     } catch (unsigned int value) {
         m_uKept = value == kNoMediaYet ? std::max(m_uKept, m_uFill) : 0;
+        const uint32_t filled = m_uFill;
         empty();
         if (value == kNoMediaYet) {
             LogMissingMedia();
+            AskForRest(hint, filled);
             return;
         }
         LogUnexpectedNumber();

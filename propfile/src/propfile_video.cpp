@@ -22,7 +22,7 @@ constexpr uint32_t kMaxFrameBytes = 16 << 20;
 }  // namespace
 
 PropFileVideo::PropFileVideo(MediaSource media, const VideoFormat& format)
-    : PropFile(std::move(media), kVideoWriterSource), m_Format(format) {}
+    : PropFile(std::move(media), kVideoWriterSource, sizeof(TEL_Packet_Header)), m_Format(format) {}
 
 PropFileVideo::~PropFileVideo() = default;
 

@@ -235,11 +235,16 @@ Fetched C3gpInterface::GetMediaSample(unsigned int mediaSample, uint32_t offset,
     if (!known) return Fetched::kInvalid;
     const _TAG_SAMPLEINFO& sample = m_SampleInfo[mediaSample - 1];
     if (offset > sample.uSize || length > sample.uSize - offset) return Fetched::kInvalid;
-    if (bytes == nullptr) return Fetched::kBytes;
+    // A file arrives in order, so the last byte shows that the whole sample is there.
+    const uint64_t last_byte = uint64_t{sample.uOffset} + sample.uSize - 1;
+    if (bytes == nullptr) {
+        // After missing data, awaits the last byte of the frame that is missing.
+        if (m_uStatus == KST_NOT_YET && last_byte > m_uAwaitedByte) HasByte(last_byte);
+        return Fetched::kBytes;
+    }
     m_uBytesHandled += length;
     const auto read_piece = [&] {
-        // A file arrives in order, so the last byte shows that the whole sample is there.
-        const Fetched last = HasByte(uint64_t{sample.uOffset} + sample.uSize - 1);
+        const Fetched last = HasByte(last_byte);
         if (last != Fetched::kBytes || length == 0) return last;
         return ReadBytes(m_MediaPiece, sample.uOffset + offset, length);
     };

@@ -3,8 +3,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+#include <optional>
+#include <utility>
 
 #include "interface/src/isoff/read/decoder_configuration.h"
+#include "interface/src/isoff/read/rtp_packets.h"
 #include "interface/src/isoff/read/track_state.h"
 #include "interface/src/isoff/record/private.h"
 #include "interface/src/mmfi/frame_store.h"
@@ -14,6 +18,17 @@
 #include "native/codec/rtp_hint_sample.h"
 
 namespace kestrel {
+
+// A frame from a hint track, whose packets are being staged. A call that cannot read on keeps it,
+// and the next call continues where it stopped, so that no packet is read repeatedly.
+struct HintedFrame {
+    std::optional<TrackState> media, hint;  // at its beginning
+    bool waits = false;                     // for the rest to be read
+    uint64_t steps_before = 0;
+    uint32_t packets = 0;  // staged ones
+    PacketPause pause{};   // in the packet after them
+};
+
 namespace {
 
 // Results of the ISO reader.
@@ -30,7 +45,6 @@ constexpr uint64_t kMaxFrameSteps = 1 << 20;
 
 constexpr Gathered kFailed{KST_FAILURE, 0};
 constexpr Gathered kMissing{KST_NOT_YET, 0};
-constexpr Gathered kEnded{KST_END_OF_FILE, 0};
 
 // --- packets of the hint track ---
 
@@ -63,27 +77,69 @@ bool stage_parameter_sets(mm_Interface* record, iso_track* hint, int payload_typ
     return true;
 }
 
-Gathered gather_packets(mm_Interface* record, int payload_type, iso_track* hint, bool first) {
-    Staging staging(record);
-    staging.clear();
-    uint32_t packets = 0;
+// Returns null without memory.
+HintedFrame* hinted_frame(iso_file* file) {
+    HintedFrame*& frame = file->own->hinted_frame;
+    if (frame == nullptr) {
+        void* memory = isoFFmalloc(file, sizeof(HintedFrame));
+        if (memory != nullptr) frame = new (memory) HintedFrame;
+    }
+    return frame;
+}
+
+bool begin_frame(mm_Interface* record, int payload_type, iso_track* hint, bool first,
+                 HintedFrame& frame) {
+    frame = {TrackState(record->track), TrackState(hint), false, hint->own->hint_steps};
+    Staging(record).clear();
     const bool with_sets = first && record->track->codec == ISO_CODEC_AVC1;
-    if (with_sets && !stage_parameter_sets(record, hint, payload_type, packets)) return kFailed;
-    const uint64_t steps_before = hint->own->hint_steps;
+    return !with_sets || stage_parameter_sets(record, hint, payload_type, frame.packets);
+}
+
+// Stages the packets that the frame lacks. Returns a status of Gathered.
+int32_t stage_packets(mm_Interface* record, int payload_type, iso_track* hint, HintedFrame& frame) {
+    Staging staging(record);
     uint8_t* packet = record->sample_buffer();
-    for (bool marker = false; !marker; ++packets) {
-        const int length = isoFFrtpPacket(hint, packet);
-        if (length == kEndOfTrack) return kEnded;
-        if (length == kNotYet) return kMissing;
-        if (length < static_cast<int>(kRtpHeaderSize)) return kFailed;
+    for (bool marker = false; !marker; ++frame.packets) {
+        const int length = next_rtp_packet(hint, packet, frame.pause);
+        if (length == kEndOfTrack) return KST_END_OF_FILE;
+        if (length < 0) {
+            frame.waits = true;
+            return length == kNotYet ? KST_NOT_YET : KST_FAILURE;
+        }
+        if (length < static_cast<int>(kRtpHeaderSize)) return KST_FAILURE;
         marker = has_marker(packet);
         if (!stage_rtp_packet(staging, packet, static_cast<uint32_t>(length), payload_type)) {
-            return kFailed;
+            return KST_FAILURE;
         }
-        if (hint->own->hint_steps - steps_before > kMaxFrameSteps + staging.count()) return kFailed;
+        const uint64_t steps = hint->own->hint_steps - frame.steps_before;
+        if (steps > kMaxFrameSteps + staging.count()) return KST_FAILURE;
     }
-    record->track->last_payload_type = hint->last_payload_type;
-    return {KST_SUCCESS, packets};
+    return KST_SUCCESS;
+}
+
+// Returns to the beginning of the frame. Keeps the steps of a call that failed: the next call fails
+// at the same place.
+void drop_frame(mm_Interface* record, iso_track* hint, const HintedFrame& frame, int32_t status) {
+    const iso_hint_work spent = hint->own->hint_work;
+    frame.media->restore();
+    frame.hint->restore();
+    if (status == KST_FAILURE) hint->own->hint_work = spent;
+    Staging(record).clear();
+}
+
+Gathered gather_packets(mm_Interface* record, int payload_type, iso_track* hint, bool first) {
+    HintedFrame* frame = hinted_frame(record->file);
+    if (frame == nullptr) return kFailed;
+    int32_t status = KST_SUCCESS;
+    const bool goes_on = std::exchange(frame->waits, false);
+    if (!goes_on && !begin_frame(record, payload_type, hint, first, *frame)) status = KST_FAILURE;
+    if (status == KST_SUCCESS) status = stage_packets(record, payload_type, hint, *frame);
+    if (status == KST_SUCCESS) {
+        record->track->last_payload_type = hint->last_payload_type;
+    } else if (!frame->waits) {
+        drop_frame(record, hint, *frame, status);
+    }
+    return {status, frame->packets};
 }
 
 // --- packets cut from a sample ---
@@ -155,7 +211,7 @@ Gathered packetise(mm_Interface* record, const Sample& sample) {
     }
 }
 
-Gathered gather_sample(mm_Interface* record, const VideoPacketisation& how, bool first) {
+Gathered stage_sample(mm_Interface* record, const VideoPacketisation& how, bool first) {
     iso_track* track = record->track;
     if (first) {
         tel_native_init(&record->native, how.payload_type, kMaxPacketBytes, how.mode, track, 0);
@@ -167,30 +223,32 @@ Gathered gather_sample(mm_Interface* record, const VideoPacketisation& how, bool
     return packetise(record, sample);
 }
 
+Gathered gather_sample(mm_Interface* record, const VideoPacketisation& how, bool first) {
+    const TrackState before(record->track);
+    const tel_native native = record->native;
+    const Gathered gathered = stage_sample(record, how, first);
+    if (gathered.status == KST_SUCCESS) return gathered;
+    before.restore();
+    record->native = native;
+    Staging(record).clear();
+    return gathered;
+}
+
 }  // namespace
 
 Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_track* hint,
                       bool first) {
-    // Reads the piece that was missing in the last call before the whole frame is read again.
+    // Looks for the piece that was missing in the last call first. A packet that needs bytes after
+    // the end of the file fails; a sample is waited for.
+    const Missing piece = look_for_missing(record->file);
+    const bool fails = piece == Missing::kAfterEnd && hint != nullptr;
+    if (piece != Missing::kArrived && !fails) return kMissing;
     uint64_t& missing = record->file->own->missing;
-    if (!missing_has_arrived(record->file)) return kMissing;
     missing = 0;
-    const TrackState media(record->track);
-    iso_track* track = hint != nullptr ? hint : record->track;
-    const TrackState source(track);
-    const tel_native native = record->native;
     const Gathered gathered = hint != nullptr
                                   ? gather_packets(record, how.payload_type, hint, first)
                                   : gather_sample(record, how, first);
     if (gathered.status != KST_NOT_YET) missing = 0;
-    if (gathered.status == KST_SUCCESS) return gathered;
-    media.restore();
-    const iso_hint_work spent = track->own->hint_work;
-    source.restore();
-    // Keeps the steps of a call that failed: the next call fails at the same place.
-    if (gathered.status == KST_FAILURE) track->own->hint_work = spent;
-    record->native = native;
-    Staging(record).clear();
     return gathered;
 }
 

@@ -76,13 +76,15 @@ int read_own(iso_track* track, int32_t sample, uint64_t offset, uint8_t* to, uin
 // stay in registers.
 class PacketReader {
   public:
-    PacketReader(iso_track* track, void* buffer, uint8_t (&scratch)[kConstructorSize])
+    PacketReader(iso_track* track, void* buffer, uint8_t (&scratch)[kConstructorSize],
+                 PacketPause* pause)
         : track_(track),
           hint_(*track->hint),
           offset_(hint_.offset),
           to_(static_cast<uint8_t*>(buffer)),
           space_(track->rtp_max_packet),
-          scratch_(scratch) {}
+          scratch_(scratch),
+          pause_(pause) {}
 
     static constexpr int kAtEnd = 1;  // result of open_sample after the last packet
 
@@ -104,6 +106,10 @@ class PacketReader {
     int take_own(uint32_t count);
     int skip_extra_information();
     int write_header(const EntryWords& entry);
+    int stop_before_packet(uint64_t offset, uint32_t empty, int code);
+    int stop_before_constructor(uint64_t offset, uint32_t space, uint32_t left, int code);
+    int begin_packet(uint32_t& constructors);
+    uint32_t resume_packet();
     int run_constructor();
     int copy_immediate();
     int copy_sample();
@@ -123,6 +129,7 @@ class PacketReader {
     uint8_t* scratch_;
     const iso_track* copied_from_ = nullptr;  // track and offset of the last sample constructor
     uint32_t copied_offset_ = 0;
+    PacketPause* pause_;     // null: a packet that failed is not continued
     bool is_begun_ = false;  // the sample was opened before
     bool strayed_ = false;   // the hint track's cursor is not on the sample of its packets
 };
@@ -158,6 +165,7 @@ inline void PacketReader::resynchronise() {
     track_->own->positioned = 0;
     if (!moved) return;
     work() = {};
+    if (pause_ != nullptr) *pause_ = {};
     hint_.sample = track_->cur_sample;
     hint_.packets_left = 0;
     offset_ = 0;
@@ -199,7 +207,7 @@ inline void PacketReader::begin_packets(uint32_t packets) {
 // Opens hint samples until one has packets left, or none is left. A long run of empty samples is
 // treated as damage, because a few bytes of tables can declare billions.
 inline int PacketReader::open_sample() {
-    constexpr int kMaxEmptySamples = 65536;
+    constexpr uint32_t kMaxEmptySamples = 65536;
     if (at_end()) [[unlikely]]
         return kAtEnd;
     if (is_overworked()) [[unlikely]]
@@ -208,7 +216,7 @@ inline int PacketReader::open_sample() {
     // isoFFfindHintTrack restarts a sample that was begun.
     const uint64_t begun_at = offset_;
     is_begun_ = begun_at != 0;
-    int empty = 0;
+    uint32_t empty = pause_ != nullptr ? pause_->empty : 0;
     do {
         offset_ = 0;
         view_sample();
@@ -217,7 +225,7 @@ inline int PacketReader::open_sample() {
         const int result = take_own(kHintHeaderSize);
         if (result != 0) {
             if (is_begun_) offset_ = begun_at;
-            return result;
+            return stop_before_packet(offset_, empty, result);
         }
         const uint16_t packets = load_be16(own_);
         if (packets != 0) [[likely]] {
@@ -226,7 +234,7 @@ inline int PacketReader::open_sample() {
         }
         is_begun_ = false;
         count_steps(1);
-        if (++empty > kMaxEmptySamples) return -1;
+        if (++empty > kMaxEmptySamples) return stop_before_packet(0, empty, -1);
         next_sample();
     } while (!at_end());
     return kAtEnd;
@@ -354,23 +362,66 @@ inline void PacketReader::note_read_position() {
         copied_from_ == nullptr ? own : std::min(own, copied_from_->cur_offset + copied_offset_);
 }
 
+// The following store where to continue after a failure, and return its code.
+int PacketReader::stop_before_packet(uint64_t offset, uint32_t empty, int code) {
+    if (pause_ == nullptr) return code;
+    offset_ = offset;
+    *pause_ = {0, 0, empty, nullptr, 0};
+    return code;
+}
+
+int PacketReader::stop_before_constructor(uint64_t offset, uint32_t space, uint32_t left,
+                                          int code) {
+    if (pause_ == nullptr) return code;
+    offset_ = offset;
+    space_ = space;
+    *pause_ = {left, length(), 0, copied_from_, copied_offset_};
+    return code;
+}
+
+// Writes the header of the packet and sets the number of its constructors.
+inline int PacketReader::begin_packet(uint32_t& constructors) {
+    const uint64_t begin = offset_;
+    int result = take_own(kPacketEntrySize);
+    if (result != 0) return result;
+    const EntryWords entry = parse_entry(own_);
+    work().read_end = std::max(work().read_end, track_->cur_offset + offset_);
+    if (entry.has_extra_information()) [[unlikely]]
+        result = skip_extra_information();
+    constructors = entry.constructors();
+    if (result == 0) {
+        count_steps(1u + constructors);
+        result = write_header(entry);
+    }
+    return result == 0 ? 0 : stop_before_packet(begin, 0, result);
+}
+
+// Returns the number of constructors that are left of a packet that failed.
+inline uint32_t PacketReader::resume_packet() {
+    to_ += pause_->length;
+    space_ -= pause_->length;
+    copied_from_ = pause_->copied_from;
+    copied_offset_ = pause_->copied_offset;
+    return pause_->constructors;
+}
+
 inline int PacketReader::build_packet() {
     // The first packet of the sample was built by an earlier call, or its header was read
     // separately.
     if (whole_size_ == 0) [[unlikely]]
         view_sample();
-    int result = take_own(kPacketEntrySize);
-    if (result != 0) return result;
-    const EntryWords entry = parse_entry(own_);
-    work().read_end = std::max(work().read_end, track_->cur_offset + offset_);
-    count_steps(1u + entry.constructors());
-    result = write_header(entry);
-    if (result == 0 && entry.has_extra_information()) result = skip_extra_information();
-    if (result != 0) return result;
-    for (uint32_t left = entry.constructors(); left > 0; --left) {
-        result = run_constructor();
+    uint32_t left = 0;
+    if (pause_ != nullptr && pause_->constructors > 0) [[unlikely]] {
+        left = resume_packet();
+    } else if (const int result = begin_packet(left); result != 0) {
+        return result;
+    }
+    for (; left > 0; --left) {
+        const uint64_t begin = offset_;
+        const uint32_t space = space_;
+        const int result = run_constructor();
         if (result != 0) [[unlikely]]
-            return result;
+            return stop_before_constructor(begin, space, left, result);
     }
     return 0;
 }
@@ -445,11 +496,13 @@ iso_track* isoFFfindHintTrack(iso_track* media, int max_packet) {
     return track;
 }
 
-int isoFFrtpPacket(iso_track* hint, void* buffer) {
+namespace {
+
+int build_rtp_packet(iso_track* hint, void* buffer, PacketPause* pause) {
     if (hint == nullptr || hint->hint == nullptr || hint->hint->media_track == nullptr) return -1;
     if (hint->own->index == nullptr && hint->file->write_mode) return -1;
     uint8_t scratch[kConstructorSize];
-    PacketReader reader(hint, buffer, scratch);
+    PacketReader reader(hint, buffer, scratch, pause);
     reader.resynchronise();
     int result = reader.open_sample();
     if (result == PacketReader::kAtEnd) [[unlikely]] {
@@ -462,4 +515,16 @@ int isoFFrtpPacket(iso_track* hint, void* buffer) {
     if (result == 0) result = reader.read_packet();
     reader.leave();
     return result != 0 ? result : static_cast<int>(reader.length());
+}
+
+}  // namespace
+
+int isoFFrtpPacket(iso_track* hint, void* buffer) {
+    return build_rtp_packet(hint, buffer, nullptr);
+}
+
+int kestrel::next_rtp_packet(iso_track* hint, void* buffer, PacketPause& pause) {
+    const int result = build_rtp_packet(hint, buffer, &pause);
+    if (result >= 0) pause = {};
+    return result;
 }

@@ -12,6 +12,19 @@ namespace kestrel {
 // tracks.
 iso_track* attached_hint_track(const iso_track* media);
 
+// Where a packet stopped because it could not be read on. Zero: before a packet.
+struct PacketPause {
+    uint32_t constructors;         // that are still to run; 0: the packet was not begun
+    uint32_t length;               // bytes of the packet that were built
+    uint32_t empty;                // hint samples without packets that were skipped before it
+    const iso_track* copied_from;  // of the last sample constructor
+    uint32_t copied_offset;
+};
+
+// Builds the next packet as isoFFrtpPacket does. After a failure the next call continues where this
+// one stopped: pass it the same `pause`, and in `buffer` the bytes that were built.
+int next_rtp_packet(iso_track* hint, void* buffer, PacketPause& pause);
+
 }  // namespace kestrel
 
 #endif

@@ -161,12 +161,15 @@ const uint8_t* fill_window(iso_track* track, uint64_t wanted, uint32_t length) {
     return nullptr;
 }
 
-bool missing_has_arrived(iso_file* file) {
+Missing look_for_missing(iso_file* file) {
     const uint64_t end = file->own->missing;
-    if (end == 0 || end > UINT32_MAX) return true;
-    uint8_t last = 0;
+    if (end == 0) return Missing::kArrived;
+    // A piece that crosses 4 GiB never arrives whole.
+    const auto last = static_cast<uint32_t>(std::min(end - 1, uint64_t{UINT32_MAX}));
+    uint8_t byte = 0;
     bool failed = false;
-    return read_at(file, static_cast<uint32_t>(end - 1), &last, 1, failed) == 1;
+    if (read_at(file, last, &byte, 1, failed) == 1) return Missing::kArrived;
+    return failed ? Missing::kWaits : Missing::kAfterEnd;
 }
 
 namespace {

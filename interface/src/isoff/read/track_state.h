@@ -7,9 +7,15 @@
 
 namespace kestrel {
 
-// Whether the piece of a sample that could not be read has arrived, judged by its last byte; true
-// for none.
-bool missing_has_arrived(iso_file* file);
+// Of the piece of a sample that could not be read.
+enum class Missing {
+    kArrived,  // or nothing was missing
+    kWaits,
+    kAfterEnd,  // the file ends before it
+};
+
+// Judges by the last byte of the piece.
+Missing look_for_missing(iso_file* file);
 
 // The cursor of a track and, of a hint track, of its packets.
 class TrackState {

@@ -14,6 +14,7 @@ struct iso_index;
 namespace kestrel {
 class SampleProvider;
 struct CopiedBoxes;
+struct HintedFrame;
 }  // namespace kestrel
 
 struct iso_elst_entry {
@@ -96,6 +97,7 @@ struct iso_file_private : iso_file_details {
 
     // Conversion layer.
     iso_frame_buffer large_sample, large_staging;
+    kestrel::HintedFrame* hinted_frame;  // null before the first
 
     // Writer.
     uint32_t has_visual;          // 1: `iods` declares visual media (14496-1, table 5)
