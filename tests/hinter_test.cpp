@@ -307,8 +307,8 @@ TEST(Hinter, TakesATimescaleThatFits) {
                  {kLongest + 4, kTimescale}};
     for (const auto& expected : cases) {
         SCOPED_TRACE(expected.duration);
-        const Bytes source = with(read_sample("mpeg4_plain.3gp"), "stts", 8,
-                                  words({kSamples, expected.duration}));
+        const Bytes source =
+            with(read_sample("mpeg4_plain.3gp"), "stts", 8, words({kSamples, expected.duration}));
         const Hinted hinted = hint(source);
         ASSERT_EQ(hinted.result, KST_HINT_DONE) << hinted.report.error;
         const Track now = import(hinted.file).tracks.at(0);
