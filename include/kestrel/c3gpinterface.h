@@ -220,7 +220,7 @@ class KESTREL_API C3gpInterface {
     // - KST_NOT_OPEN.
     // - KST_BAD_ARGUMENT: `params` is null.
     // - KST_BAD_SEEK_FLAGS.
-    // - KST_BAD_TIMESTAMP: the target is after the duration.
+    // - KST_BAD_TIMESTAMP: the target is before 0 or after the duration.
     // - KST_CORRUPT: a sample table is missing or wrong.
     // - KST_DIVIDE_BY_ZERO (20): a zero in the sample tables, or a timescale below 1000.
     // - KST_TABLE_TOO_SHORT (21): the table of sample sizes ends too early.

@@ -31,7 +31,7 @@ extern "C" {
 enum {
     KST_HINT_DONE = 0,
     KST_HINT_CANCELLED = 1,    /* the progress function returned non-zero */
-    KST_HINT_BAD_ARGUMENT = 2, /* a null table, an unknown flag, max_packet out of range */
+    KST_HINT_BAD_ARGUMENT = 2, /* a null table, a wrong struct_size, flag or max_packet */
     KST_HINT_NO_MEMORY = 3,
     KST_HINT_REFUSED = 4,            /* the source is malformed, or cannot be copied or hinted */
     KST_HINT_HAS_HINTS = 5,          /* the source has hint tracks; see KST_HINT_REPLACE */

@@ -68,9 +68,13 @@ enum {
  * - KST_BAD_MODE: `mode` is null (`*handle_out` was not touched) or not understood (it is null).
  * - KST_NO_MEMORY: `*handle_out` is null or was not touched: set it to null before the call.
  * - KST_FAILURE: no track fits, the file is no 3GP file, or its movie box has not arrived whole.
- *   `*handle_out` is null. The system log has the reason, and so has
- *   kst_probe_open (kestrel/probe.h). While the file arrives, move the stream
- *   back to offset 0 and call again.
+ *   `*handle_out` is null. kst_probe_open (kestrel/probe.h) has the reason; the system log has what
+ *   the reader missed. While the file arrives, move the stream back to offset 0 and call again.
+ *
+ * KST_SUCCESS does not promise every sample of the file. Samples in movie fragments, and those that
+ * 64-bit chunk offsets (`co64`) or compact sizes (`stz2`) locate, are not read: the stream ends
+ * before them with KST_END_OF_FILE. Times of a version-1 `mdhd` read as 0. kst_probe_judge
+ * (kestrel/probe.h) reports such files; kst_hint (kestrel/hinter.h) makes files that play whole.
  */
 KESTREL_API int32_t kst_Open(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_INTERFACE* callbacks,
                              const char* mode);
