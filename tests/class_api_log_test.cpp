@@ -434,6 +434,23 @@ TEST(ClassOpen, LivesOnWhenTheObjectTypeWasNotRead) {
     }
 }
 
+// The last media sample has no offset, so there is nowhere to send the stream.
+TEST(ClassSeek, ReachesTheEndOverHostsThatCheckOffsets) {
+    const Bytes file = read_sample("amrnb_hinted.3gp");
+    FaultyHost host(file);
+    static uint32_t (*plain_seek)(void*, uint32_t);
+    plain_seek = host.callbacks()->Seek;
+    host.callbacks()->Seek = [](void* context, uint32_t offset) {
+        return offset == UINT32_MAX ? uint32_t{KST_HOST_FAILED} : plain_seek(context, offset);
+    };
+    C3gpInterface player;
+    ASSERT_EQ(player.Open(host.callbacks(), "ar"), KST_SUCCESS);
+    _TAG_KST_SEEK_PARAMS params{0, 5943, 0, 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC};
+    EXPECT_EQ(player.SeekTo(&params), KST_SUCCESS);
+    EXPECT_EQ(params.uFrameNum, 298u);
+    EXPECT_EQ(params.uFileOffset, UINT32_MAX);
+}
+
 // --- log lines ---
 
 // Lines of the API as they are written at verbose level, sorted, without line numbers and with #
