@@ -539,7 +539,7 @@ Cost play_arriving_counted(const Bytes& file, Api api, size_t missing, uint32_t 
     kst_Close(&handle);
     cost.bytes = host.bytes;
     cost.calls = host.calls;
-    const std::vector<std::string> lines = log.lines();
+    const std::vector<std::string>& lines = log.lines();
     cost.lines = std::count_if(
         lines.begin() + first_line, lines.end(),
         [](const std::string& line) { return line.find("---Packet 1---") != std::string::npos; });
