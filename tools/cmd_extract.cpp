@@ -310,7 +310,7 @@ void add_api_options(CLI::App* command, const std::shared_ptr<Options>& options)
         command, "--sync", options->sync,
         {{"next", Sync::kNext}, {"previous", Sync::kPrevious}, {"nearest", Sync::kNearest}},
         "Which sync sample is near MS: next is the first at or after it, previous the last at or "
-        "before it, and nearest, by the platform's rule, the farther of these two")
+        "before it; nearest is, despite its name, the farther of these two (the platform's rule)")
         ->default_str("previous")
         ->needs(from);
 }

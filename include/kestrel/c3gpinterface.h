@@ -17,12 +17,12 @@
 // Objects are independent of each other; one must not be used from two threads at once. Statuses
 // are those of kestrel/status.h; no function throws unless its comment says so.
 //
-// **Open can end the process**, and no other function can. On an object that is not open, with a
-// mode and a table that it accepts, it writes a line to the standard error stream and exits with
-// status 1 if any track of the file, whatever the mode, has a sample entry "mp4v" whose "esds"
-// declares another object type than MPEG-4 Visual, and reading gets there: a damaged box before it
-// makes Open fail first. A host that must not end asks kst_probe_open (kestrel/probe.h) first, or
-// opens the file in a process of its own.
+// **Open can end the process**, and no other function can. It writes a line to the standard error
+// stream and exits with status 1 when it reads a sample entry "mp4v" whose "esds" declares another
+// object type than MPEG-4 Visual, in any track, whatever the mode. (It reads nothing on an object
+// that is open, or with a mode or a table that it refuses; a damaged box before that entry makes it
+// fail first.) A host that must not end asks kst_probe_open (kestrel/probe.h) first, or opens the
+// file in a process of its own.
 //
 // Why something failed goes to the system log (kestrel/log.h): one error for each call that fails,
 // so also for each Open of a file that has not arrived far enough; KST_NOT_YET writes nothing at
@@ -206,13 +206,13 @@ class KESTREL_API C3gpInterface {
     // or makes a frame too long.
     unsigned int ReadChunk(unsigned char* buffer, unsigned int* size, bool arriving);
 
-    // Moves playing to a sync sample near a time. The next ReadChunk delivers what was already made
-    // and not delivered first: the rest of the header records and of one frame, or, after a
-    // ReadChunk that failed, all that it had gathered.
+    // Moves playing to a sync sample near a time. Bytes that were made before the seek and not yet
+    // delivered come first in the next ReadChunk: the rest of the header records and of one frame,
+    // or, after a ReadChunk that failed, all that it had gathered.
     //
-    // Times are counted in whole units of the media track's timescale for each millisecond. The
-    // tables of a hint track are read in that timescale too, whatever its own is: where the two
-    // differ another time is reached, and KST_HINT_REPLACE (kestrel/hinter.h) makes them agree.
+    // A millisecond counts as timescale / 1,000 units of the media track, without the fraction. The
+    // times of the hint track are taken to be in the same timescale. If its own differs, the seek
+    // reaches another time; KST_HINT_REPLACE (kestrel/hinter.h) makes the two agree.
     //
     // Returns:
     //

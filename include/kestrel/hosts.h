@@ -115,7 +115,7 @@ KESTREL_API int kst_host_wait(kst_host* host);
  * - a box header after 'moov' is there;
  * - the stream has grown by half since the call.
  *
- * After KST_HOST_COMPLETE one more try may succeed: the bytes that it waited for may be the last.
+ * After KST_HOST_COMPLETE try once more: the last bytes may have arrived with the end.
  */
 KESTREL_API int kst_host_wait_to_open(kst_host* host);
 

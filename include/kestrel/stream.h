@@ -70,11 +70,10 @@
  * AdvanceRead announces where the next sample of the track begins, or of its hint track where that
  * is played. It is no lower bound: the media of a packet usually lie before its hint sample, and
  * **data before the announced offset is still read**. A host must not discard them. Until the open
- * call has succeeded nothing may be discarded, as each try begins at offset 0. After it, the lowest
- * offset that can be read is that of the chunk, of the media track and of its hint track, that
- * begins first among those of which samples are still to come; the tables of `moov` have these
- * offsets. A host that does not read them keeps all bytes. SeekTo of the class API may go back to
- * any sample.
+ * call has succeeded nothing may be discarded, as each try begins at offset 0. After it, the chunks
+ * of the file matter (`stco`) that have samples still to be delivered, of the media track and of
+ * its hint track: what lies before the first of them may be discarded. A host that does not read
+ * these tables keeps all bytes. SeekTo of the class API may go back to any sample.
  */
 #ifndef KESTREL_STREAM_H
 #define KESTREL_STREAM_H
