@@ -448,13 +448,19 @@ TEST(Hinter, RefusesMediaOfAWrongPlace) {
         const Bytes whole = read_sample(name);
         const auto samples = import(whole).tracks.at(0).samples;
         for (const size_t wrong : {size_t{1}, samples.size()}) {
-            Bytes source = whole;
-            for (size_t i = 0; i < wrong; ++i)
-                source[static_cast<size_t>(samples[i].offset)] ^= 0x80;
-            const Hinted hinted = hint(source);
-            const std::string said = wrong == 1 ? hinted.report.left_out : hinted.report.error;
-            EXPECT_EQ(hinted.result, wrong == 1 ? KST_HINT_DONE : KST_HINT_REFUSED) << name;
-            EXPECT_THAT(said, testing::StartsWith("track 1: " + std::to_string(wrong) + " of "));
+            Bytes flipped = whole, zeroed = whole;
+            for (size_t i = 0; i < wrong; ++i) {
+                const auto at = static_cast<std::ptrdiff_t>(samples[i].offset);
+                flipped[static_cast<size_t>(at)] ^= 0x80;
+                std::fill_n(zeroed.begin() + at, samples[i].size, uint8_t{0});
+            }
+            for (const Bytes& source : {flipped, zeroed}) {
+                const Hinted hinted = hint(source);
+                const std::string said = wrong == 1 ? hinted.report.left_out : hinted.report.error;
+                EXPECT_EQ(hinted.result, wrong == 1 ? KST_HINT_DONE : KST_HINT_REFUSED) << name;
+                EXPECT_THAT(said,
+                            testing::StartsWith("track 1: " + std::to_string(wrong) + " of "));
+            }
         }
     }
 }

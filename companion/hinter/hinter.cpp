@@ -65,10 +65,11 @@ struct ImplausibleSamples {
 
 bool has_plausible_units(const iso_track* track, std::span<const uint8_t> sample) {
     NalUnits units(sample, track->nal_length_size);
-    for (NalUnit unit; units.next(unit);) {
+    bool has_unit = sample.empty();
+    for (NalUnit unit; units.next(unit); has_unit = true) {
         if (!stream::is_nal_unit(unit)) return false;
     }
-    return !units.is_cut();
+    return has_unit && !units.is_cut();
 }
 
 // Speech that is malformed cannot be packetised.
