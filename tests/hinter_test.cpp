@@ -409,7 +409,7 @@ TEST(Hinter, HintsByTheSampleEntryThatSamplesHave) {
 }
 
 TEST(Hinter, LeavesTracksWithoutSamplesUnhinted) {
-    const auto speech = [](uint32_t id, std::vector<uint32_t> sizes) {
+    const auto speech = [](uint32_t id, const std::vector<uint32_t>& sizes) {
         return track(
             {.id = id, .entry = samr_entry(), .tables = one_chunk_tables(sizes, 160, kMedia)});
     };

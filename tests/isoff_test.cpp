@@ -281,7 +281,8 @@ TEST(Samples, AreFoundByJumpsWhereReadingOnFindsThem) {
         for (int jump = 0; jump < 200 && !places.empty(); ++jump, ++compared) {
             // Far and near.
             const auto here = static_cast<size_t>(track->cur_sample);
-            const size_t to = (jump % 2 * here + random() % (jump % 2 ? 50 : 400)) % places.size();
+            const size_t from = jump % 2 == 0 ? 0 : here;
+            const size_t to = (from + random() % (jump % 2 == 0 ? 400 : 50)) % places.size();
             ASSERT_EQ(isoFFsetPosition(track, static_cast<int>(to)), 0);
             ASSERT_EQ(cursors_of(track), places[to]);
             double duration = 0.0, composition = 0.0;
