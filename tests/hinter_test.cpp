@@ -602,7 +602,7 @@ class LongFile {
             std::min<uint64_t>(count, file.size_ - std::min<uint64_t>(at, file.size_)));
         const uint64_t kept =
             at < file.head_.size() ? std::min<uint64_t>(*got, file.head_.size() - at) : 0;
-        std::copy_n(file.head_.begin() + at, kept, to);
+        if (kept > 0) std::copy_n(&file.head_[at], kept, to);
         std::fill(to + kept, to + *got, uint8_t{0});
         return 0;
     }
