@@ -59,7 +59,7 @@ void check_file(const Packed& packed, uint32_t tracks, size_t stream_size) {
     check(movie.tracks.size() == packed.report.tracks + packed.report.hint_tracks);
     uint64_t samples = 0;
     for (const auto& track : movie.tracks) {
-        if (track.handler != kestrel::importer::fourcc("hint")) samples += track.samples.size();
+        if (track.handler != kestrel::fourcc("hint")) samples += track.samples.size();
     }
     check(samples == packed.report.samples && samples > 0);
 }

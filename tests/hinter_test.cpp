@@ -19,7 +19,7 @@
 
 namespace {
 
-using kestrel::importer::fourcc;
+using kestrel::fourcc;
 using kestrel::importer::Movie;
 using kestrel::importer::Sample;
 using kestrel::importer::Track;

@@ -85,7 +85,7 @@ std::vector<MediaSample> samples_of(const Bytes& file, const char* mode,
     EXPECT_TRUE(import_movie(*kst_host_callbacks(host), {}, movie).ok);
     kst_host_close(host);
     std::vector<MediaSample> samples;
-    const uint32_t handler = importer::fourcc(mode[0] == 'a' ? "soun" : "vide");
+    const uint32_t handler = fourcc(mode[0] == 'a' ? "soun" : "vide");
     for (const importer::Track& track : movie.tracks) {
         if (track.handler != handler) continue;
         samples.clear();

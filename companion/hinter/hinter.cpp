@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "common/frame_limit.h"
 #include "companion/hinter/output_file.h"
 #include "companion/hinter/samples.h"
 #include "companion/hinter/track_choice.h"
@@ -26,8 +27,7 @@ namespace {
 
 constexpr int kFirstDynamicPayloadType = 96;
 constexpr int kLastPayloadType = 127;
-constexpr uint64_t kLongestFrame = 16 << 20;  // bytes that a player takes, packet headers included
-constexpr int kRfc2190PayloadType = 34;       // assigned by RFC 3551
+constexpr int kRfc2190PayloadType = 34;  // assigned by RFC 3551
 constexpr uint32_t kAllFlags =
     KST_HINT_RFC2190 | KST_HINT_REPLACE | KST_HINT_DROP_OTHERS | KST_HINT_SALVAGE;
 
@@ -242,7 +242,7 @@ class Job {
         uint64_t bytes = 0;
         for (size_t i = 0; i < packets.size(); ++i)
             bytes += packets[i].size() - kRtpHeaderSize + tel_header_size;
-        return bytes <= kLongestFrame;
+        return bytes <= kMaxFrameBytes;
     }
 
     // Bytes of a wrong place are no media. A few such samples are left to the decoder.
@@ -302,7 +302,7 @@ class Job {
         return outcome_.fail(KST_HINT_REFUSED,
                              name_of(medium) + ": sample " + std::to_string(number + 1) +
                                  " and the headers of its packets have more than the " +
-                                 std::to_string(kLongestFrame) + " bytes that a player takes");
+                                 std::to_string(kMaxFrameBytes) + " bytes that a player takes");
     }
 
     bool refuse(const Medium& medium, int result) {
@@ -400,7 +400,7 @@ void put_text(char (&to)[Size], const std::string& text) {
     to[length] = '\0';
 }
 
-// Copies a record of the caller that may have grown since; returns nothing for another record.
+// Whether a record of the caller has the size that it has in this version.
 template <typename Record>
 bool is_known(const Record* record) {
     return record->struct_size == sizeof(Record);

@@ -17,8 +17,6 @@
 namespace kestrel::hinter {
 namespace {
 
-using importer::fourcc;
-
 bool is_written(const Choice& choice) {
     return choice.fate == Fate::kHinted || choice.fate == Fate::kCopied;
 }

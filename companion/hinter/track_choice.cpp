@@ -7,6 +7,7 @@
 #include <new>
 #include <set>
 
+#include "common/frame_limit.h"
 #include "companion/importer/box_reader.h"
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/write/sample_provider.h"
@@ -14,13 +15,10 @@
 namespace kestrel::hinter {
 namespace {
 
-using importer::fourcc;
-
 constexpr std::array kHintTypes = {fourcc("rtp "), fourcc("srtp"), fourcc("rrtp"), fourcc("rsrp"),
                                    fourcc("fdp "), fourcc("sm2t"), fourcc("rm2t")};
 constexpr std::array kPayloadTypes = {fourcc("samr"), fourcc("sawb"), fourcc("s263"),
                                       fourcc("mp4v"), fourcc("avc1")};
-constexpr uint32_t kLongestSample = 16 << 20;  // bytes; limit of the players
 
 template <size_t Count>
 bool is_one_of(const std::array<uint32_t, Count>& types, uint32_t type) {
@@ -176,10 +174,10 @@ class Chooser {
         const auto longest = std::max_element(
             track.samples.begin(), track.samples.end(),
             [](const auto& one, const auto& other) { return one.size < other.size; });
-        if (longest == track.samples.end() || longest->size <= kLongestSample) return true;
+        if (longest == track.samples.end() || longest->size <= kMaxFrameBytes) return true;
         return refuse(track, ": sample " + std::to_string(longest - track.samples.begin() + 1) +
                                  " has " + std::to_string(longest->size) +
-                                 " bytes, more than the " + std::to_string(kLongestSample) +
+                                 " bytes, more than the " + std::to_string(kMaxFrameBytes) +
                                  " that a player takes");
     }
 

@@ -11,17 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "common/bytes.h"
 #include "kestrel/stream.h"
 
 namespace kestrel::importer {
-
-// A four-character code as a big-endian number.
-constexpr std::uint32_t fourcc(const char (&code)[5]) {
-    std::uint32_t number = 0;
-    for (int i = 0; i < 4; ++i)
-        number = number << 8 | static_cast<std::uint8_t>(code[i]);
-    return number;
-}
 
 // A sample of a track. Samples are in decoding order; the decoding time is the sum of the durations
 // before. Up to 1,024 PCM samples of a chunk are one sample.

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "common/bit_reader.h"
+#include "native/codec/golomb_reader.h"
 #include "native/codec/h264_units.h"
 
 namespace kestrel::packer {
@@ -24,47 +24,6 @@ std::vector<uint8_t> unescaped(NalUnit unit, size_t most) {
     }
     return bytes;
 }
-
-// Exp-Golomb codes (9.1). A code longer than 32 bits makes ok() false.
-class GolombReader : public BitReader {
-  public:
-    using BitReader::BitReader;
-
-    uint32_t ue() {
-        constexpr unsigned kMaxZeros = 31;
-        unsigned zeros = 0;
-        while (ok() && !flag())
-            ++zeros;
-        if (zeros > kMaxZeros) {
-            spoil();
-            return 0;
-        }
-        return (uint32_t{1} << zeros) - 1 + (zeros == 0 ? 0 : bits(zeros));
-    }
-    int32_t se() {
-        const uint32_t code = ue();
-        const auto half = static_cast<int32_t>(code / 2);
-        return (code & 1) != 0 ? half + 1 : -half;
-    }
-    // Up to 32 bits.
-    uint32_t bits(unsigned count) {
-        const uint32_t high = count > kMaxBits ? get(count - kMaxBits) << kMaxBits : 0;
-        return high | get(std::min(count, kMaxBits));
-    }
-
-    // Skips any number of bits.
-    void skip_any(unsigned count) {
-        for (; count > kMaxBits; count -= kMaxBits)
-            skip(kMaxBits);
-        skip(count);
-    }
-
-  private:
-    void spoil() {
-        while (ok())
-            skip(kMaxBits);
-    }
-};
 
 void skip_scaling_list(GolombReader& reader, unsigned size) {
     int32_t last = 8;

@@ -147,7 +147,7 @@ void PictureJoiner::packet(const stream::VideoPacket& packet) {
     // A packet without payload is a picture without bytes.
     if (!depacketiser_->packet(payload_) && !payload_.empty()) ++packets_left_out_;
     payload_ = {};
-    if (packet.marker || picture_.size() > stream::kMaxFrameBytes) end_picture();
+    if (packet.marker || picture_.size() > stream::kMaxChunkBytes) end_picture();
 }
 
 // For the hint sample of the picture.

@@ -10,7 +10,7 @@
 namespace kestrel::probe {
 namespace {
 
-using kestrel::importer::fourcc;
+using kestrel::fourcc;
 
 int32_t codec_of(uint32_t entry) {
     switch (entry) {

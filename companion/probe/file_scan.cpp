@@ -252,8 +252,8 @@ class Scanner {
     // Whether a sample entry holds a `sinf` among its boxes, which begin where those of sound or of
     // pictures do.
     bool has_protection(uint64_t body, uint64_t end) {
-        constexpr std::array<uint64_t, 4> kBoxes = {28, 44, 64,
-                                                    78};  // sound of 3 versions, pictures
+        // Sound of QuickTime versions 0, 1 and 2, and pictures.
+        constexpr std::array<uint64_t, 4> kBoxes = {28, 44, 64, 78};
         return std::any_of(kBoxes.begin(), kBoxes.end(),
                            [&](uint64_t boxes) { return has_box("sinf", body + boxes, end); });
     }

@@ -304,12 +304,12 @@ bool NativeWalk::has_frame() const {
     if (ending_) return true;
     if (left() < kLengthField) return false;
     const uint32_t length = load_word(window_.subspan(position_, kLengthField));
-    return length > kMaxFrameBytes || left() >= std::max(length, kFrameHeader);
+    return length > kMaxChunkBytes || left() >= std::max(length, kFrameHeader);
 }
 
 void NativeWalk::check_frame_length(uint64_t at, uint64_t length, uint64_t least) {
     if (length < least) damaged(at, "the frame length leaves no frame");
-    if (length > kMaxFrameBytes) {
+    if (length > kMaxChunkBytes) {
         damaged(at, "no frame has a length of " + std::to_string(length) + " bytes");
     }
 }

@@ -104,7 +104,7 @@ struct Damage {
 };
 
 // Limit of a frame: its record and packets together.
-inline constexpr uint32_t kMaxFrameBytes = KST_MAX_CHUNK;
+inline constexpr uint32_t kMaxChunkBytes = KST_MAX_CHUNK;
 
 // Walks a stream that arrives in pieces. Uses memory for one frame at most, and never more than was
 // fed. feed() and finish() throw Damage at the first damaged place, which ends the walk.

@@ -2,28 +2,13 @@
 #include "companion/stream/plausible.h"
 
 #include <cstddef>
-#include <optional>
+
+#include "native/codec/golomb_reader.h"
 
 namespace kestrel::stream {
 namespace {
 
 constexpr size_t kCodeBytes = 3;  // that a picture begins with
-
-// An unsigned Exp-Golomb code of `bytes` from bit `at` on, which moves past it. None when it does
-// not end in them.
-std::optional<uint32_t> exp_golomb(std::span<const uint8_t> bytes, size_t& at) {
-    const auto bit = [&](size_t i) { return bytes[i / 8] >> (7 - i % 8) & 1u; };
-    const size_t end = bytes.size() * 8;
-    size_t zeros = 0;
-    while (at + zeros < end && bit(at + zeros) == 0)
-        ++zeros;
-    if (zeros > 31 || at + 2 * zeros + 1 > end) return std::nullopt;
-    uint32_t value = 0;
-    for (size_t i = 0; i <= zeros; ++i)
-        value = value << 1 | bit(at + zeros + i);
-    at += 2 * zeros + 1;
-    return value - 1;
-}
 
 }  // namespace
 
@@ -53,13 +38,13 @@ bool is_nal_unit(std::span<const uint8_t> unit) {
     if ((type == kIdrSlice || type == kSps || type == kPps) && !is_reference) return false;
     if ((type == kSei || type == kDelimiter) && is_reference) return false;
     if (type != kSlice && type != kIdrSlice) return true;
-    size_t at = 8;
-    const auto first_macroblock = exp_golomb(unit, at);
-    const auto slice_type = exp_golomb(unit, at);
-    const auto pps = exp_golomb(unit, at);
+    GolombReader header(unit.subspan(1));
+    header.ue();  // first_mb_in_slice
     // A field that goes on after the bytes at hand may be any.
-    return (!first_macroblock || !slice_type || *slice_type <= kMaxSliceType) &&
-           (!pps || *pps <= kMaxPps);
+    const uint32_t slice_type = header.ue();
+    if (header.ok() && slice_type > kMaxSliceType) return false;
+    const uint32_t pps = header.ue();
+    return !header.ok() || pps <= kMaxPps;
 }
 
 }  // namespace kestrel::stream

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "common/clock.h"
+#include "common/frame_limit.h"
 #include "common/log_sources.h"
 #include "kestrel/native.h"
 
@@ -17,7 +18,6 @@ constexpr double kClockPerMs = 90.0;  // 90 kHz
 // received. No picture of a format in 3GP files is near the limit.
 constexpr uint32_t kSmallestBuffer = 2048;
 constexpr uint32_t kLargestFirstBuffer = 65536;
-constexpr uint32_t kMaxFrameBytes = 16 << 20;
 
 }  // namespace
 

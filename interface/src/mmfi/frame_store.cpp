@@ -5,9 +5,13 @@
 #include <cstring>
 
 #include "interface/src/isoff/record/private.h"
+#include "kestrel/kestrel.h"
 
 namespace kestrel {
 namespace {
+
+constexpr uint32_t kMaxFrameRecord = 64;  // bytes
+static_assert(KST_MAX_CHUNK == kMaxFrameBytes + kMaxFrameRecord);
 
 // Makes the buffer at least `capacity` bytes long. Keeps its first `kept` bytes.
 bool reserve(iso_frame_buffer& buffer, uint32_t capacity, uint32_t kept) {

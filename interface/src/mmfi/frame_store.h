@@ -4,12 +4,10 @@
 #ifndef KESTREL_MMFI_FRAME_STORE_H
 #define KESTREL_MMFI_FRAME_STORE_H
 
+#include "common/frame_limit.h"
 #include "interface/src/mmfi/mm_interface.h"
 
 namespace kestrel {
-
-// Limit of a frame in bytes: of its sample, and of its packets with their headers.
-inline constexpr uint32_t kMaxFrameBytes = 16 << 20;
 
 // Whether to allocate memory for the sample at the cursor, which has `size` bytes. The last byte of
 // a large sample must have arrived.

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <type_traits>
 #include <utility>
 
 #include "interface/src/isoff/read/decoder_configuration.h"
@@ -28,6 +29,7 @@ struct HintedFrame {
     uint32_t packets = 0;  // staged ones
     PacketPause pause{};   // in the packet after them
 };
+static_assert(std::is_trivially_destructible_v<HintedFrame>, "the arena destroys no objects");
 
 namespace {
 

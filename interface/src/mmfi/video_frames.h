@@ -20,8 +20,9 @@ struct Gathered {
 };
 
 // Stages the next frame. The `first` frame of a stream follows its parameter sets. `hint` is the
-// hint track; null to packetise the samples. Unless the status is KST_SUCCESS, nothing is staged
-// and nothing was consumed.
+// hint track; null to packetise the samples. At KST_NOT_YET the packets read so far may stay
+// staged, and the next call continues with them. At any other status but KST_SUCCESS nothing is
+// staged and nothing was consumed.
 Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_track* hint,
                       bool first);
 

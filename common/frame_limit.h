@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef KESTREL_COMMON_FRAME_LIMIT_H
+#define KESTREL_COMMON_FRAME_LIMIT_H
+
+#include <cstdint>
+
+namespace kestrel {
+
+// Limit of a frame in bytes: of its sample, and of its packets with their headers.
+inline constexpr uint32_t kMaxFrameBytes = 16 << 20;
+
+}  // namespace kestrel
+
+#endif
