@@ -91,7 +91,8 @@ typedef struct kst_probe_verdict {
 /* Looks at the file that `stream` serves, which must be there as a whole, and stores a probe
  * through `out`. The stream is read during this call alone, with Seek, SeekNRead and IndexRead
  * among others, and stands at offset 0 afterwards. Memory and time are in proportion to the movie
- * box and, in a file with movie fragments or other odd forms, to the number of samples.
+ * box and, in a file with movie fragments or other odd forms, to the fragment and index boxes and
+ * the number of samples.
  *
  * Returns KST_SUCCESS, also for a file that is none of this kind; KST_BAD_ARGUMENT for a null
  * pointer or slot; KST_NO_MEMORY; KST_NOT_YET when GetStreamSize does not give the length;
