@@ -111,7 +111,8 @@ KESTREL_API int kst_packer_describe(const kst_packer* packer, uint32_t stream,
  * Returns KST_PACK_DONE or KST_PACK_CUT with a file; otherwise why there is none, with a sentence
  * in report->error, and the destination holds no whole file. A packer writes once.
  *
- * Memory: at most 4 MiB and 8 times the bytes that were fed, far less for samples of usual length.
+ * Memory: at most 4 MiB and 8 times the bytes that were fed, with KST_PACK_HINT 24 times; far less
+ * for samples and packets of usual length.
  * The media wait in memory up to 32 MiB for each stream, and beyond that in a temporary file. */
 KESTREL_API int kst_packer_write(kst_packer* packer, KST_IOSTREAM_CALLBACK_INTERFACE* destination,
                                  kst_pack_report* report);
