@@ -412,6 +412,13 @@ TEST(Importer, MissesFragments) {
     // Numbers alone say nothing.
     EXPECT_TRUE(import_timed({}, number).result.ok);
     EXPECT_TRUE(import_timed(later).result.ok);
+    MovieForms forms = forms_of({{kFragments, 1}, {kTimes, 2}});
+    for (const size_t lost : {SIZE_MAX, size_t{0}}) {
+        forms.lost_fragment = lost;
+        const Bytes file = renamed(make_movie(forms).file, "mehd", "free");
+        const std::string error = import_bytes(file).result.error;
+        EXPECT_EQ(error.substr(0, 33), lost > 0 ? "" : "fragments are missing before moof");
+    }
 }
 
 TEST(Importer, MissesFragmentsThatAnIndexNames) {

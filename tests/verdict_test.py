@@ -163,6 +163,10 @@ def damaged_boxes():
     begins = [match.start() - 4 for match in re.finditer(b"moof", whole)]
     middle = len(begins) // 2
     yield "a missing fragment", whole[:begins[middle]] + whole[begins[middle + 1]:]
+    after = load("wild/fragmented_after_moov")
+    first, second = (match.start() - 4 for match in re.finditer(b"moof", after))
+    yield "a missing first fragment", after[:first] + after[second:]
+    yield "no fragment after the movie box", after.replace(b"moof", b"free")
     yield ("a cut fragment after many boxes",
            whole[:begins[0]] + box(b"free", b"") * 250 + whole[begins[0]:begins[-1] + 300])
     groups = b"".join(box(b"sgpd", struct.pack(">I4sIIH", 0x01000000, kind, 2, 1, 1)) +
@@ -172,6 +176,10 @@ def damaged_boxes():
     tables = boxes(data, STBL[:4])[0]
     yield "a second sample grouping", rebuilt(data, {b"minf": tables[:-len(boxes(
         tables, [b"stbl"])[0]) - 8] + box(b"stbl", boxes(tables, [b"stbl"])[0] + groups)})
+    data = load("h264_plain")
+    chunk, size = (int.from_bytes(data[at:at + 4], "big")
+                   for at in (data.index(b"stco") + 12, data.index(b"stsz") + 16))
+    yield "h264_plain, a sample of zeros", patched(data, (chunk, bytes(size)))
     data = load("mpeg4_plain")
     media, sizes = data.index(b"mdat") - 4, data.index(b"stsz") + 12
     last = sizes + 4 * int.from_bytes(data[sizes:sizes + 4], "big")

@@ -348,7 +348,7 @@ void add_check(CLI::App& app) {
         "  large-box       a box declares its size in a form that this API does not read\n"
         "  unknown-table   a table has a form that this API does not read\n"
         "  large-frame     a sample is larger than this API can hold\n"
-        "  incomplete      the file ends too early, or not all of a track is delivered\n"
+        "  incomplete      the file ends early or lacks fragments, or not all is delivered\n"
         "  implausible     the delivered bytes cannot be of the codec: the tables are wrong\n"
         "  damaged         a box, a table or a sample is malformed, or no frame is delivered\n"
         "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"

@@ -18,7 +18,6 @@
 #include "kestrel/native.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
-#include "native/codec/payload_types.h"
 
 // kst_hint: reads the tables, plans the packets of all samples, and writes the file with the movie
 // box first.
@@ -26,6 +25,9 @@
 namespace kestrel::hinter {
 namespace {
 
+constexpr int kFirstDynamicPayloadType = 96;
+constexpr int kLastPayloadType = 127;
+constexpr int kRfc2190PayloadType = 34;  // assigned by RFC 3551
 constexpr uint32_t kAllFlags =
     KST_HINT_RFC2190 | KST_HINT_REPLACE | KST_HINT_DROP_OTHERS | KST_HINT_SALVAGE;
 
@@ -61,15 +63,6 @@ struct ImplausibleSamples {
     }
 };
 
-bool has_plausible_units(const iso_track* track, std::span<const uint8_t> sample) {
-    NalUnits units(sample, track->nal_length_size);
-    bool has_unit = sample.empty();
-    for (NalUnit unit; units.next(unit); has_unit = true) {
-        if (!stream::is_nal_unit(unit)) return false;
-    }
-    return has_unit && !units.is_cut();
-}
-
 // Speech that is malformed cannot be packetised.
 bool is_plausible(const iso_track* track, std::span<const uint8_t> sample) {
     switch (track->codec) {
@@ -78,7 +71,7 @@ bool is_plausible(const iso_track* track, std::span<const uint8_t> sample) {
         case ISO_CODEC_MP4V:
             return stream::is_mpeg4_picture(sample);
         case ISO_CODEC_AVC1:
-            return has_plausible_units(track, sample);
+            return stream::is_h264_sample(sample, track->nal_length_size);
         default:
             return true;
     }

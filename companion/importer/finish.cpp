@@ -158,6 +158,12 @@ bool finish_movie(Import& import) {
         duration = std::max(duration, presented(movie, track));
         merge(movie.forms, track.forms);
     }
+    for (std::size_t i = 0; i < import.tracks.size(); ++i) {
+        Track& track = movie.tracks[i];
+        track.missing_samples =
+            import.tracks[i].declared -
+            std::min<std::uint64_t>(track.samples.size(), import.tracks[i].declared);
+    }
     movie.fragmented = movie.forms.fragments;
     if (movie.duration == 0 || movie.fragmented || !import.missing.empty()) {
         movie.duration = duration;

@@ -21,9 +21,9 @@ bool check_segment_index(Import& import, const Box& box) {
     }
     if (!import.whole(reader, box)) return false;
     if (end <= import.source.size()) return true;
-    return import.lacks("fragments are missing: " + place_text(box) + " counts " +
-                        std::to_string(end) + " bytes, and the file has " +
-                        std::to_string(import.source.size()));
+    return import.lacks_fragments("fragments are missing: " + place_text(box) + " counts " +
+                                  std::to_string(end) + " bytes, and the file has " +
+                                  std::to_string(import.source.size()));
 }
 
 // The last fragments are missing where the longest track is shorter than what mehd declares by more
@@ -43,9 +43,10 @@ bool check_declared_duration(Import& import) {
         fragment = in_movie((state.end - state.fragments_begin) / std::max(1u, state.fragments));
     }
     if (import.declared_duration <= longest + fragment / 2 + 1) return true;
-    return import.lacks("fragments are missing: " + place_text(*import.declared_duration_box) +
-                        " declares a duration of " + std::to_string(import.declared_duration) +
-                        ", and the samples have " + std::to_string(longest) + " of them");
+    return import.lacks_fragments(
+        "fragments are missing: " + place_text(*import.declared_duration_box) +
+        " declares a duration of " + std::to_string(import.declared_duration) +
+        ", and the samples have " + std::to_string(longest) + " of them");
 }
 
 namespace {
@@ -131,8 +132,8 @@ bool check_random_access(Import& import, std::span<const Box> indexes,
     for (const Box& index : indexes)
         named.read(index);
     return !named.are_missing_from(offsets) ||
-           import.lacks("fragments are missing: " + place_text(indexes.front()) +
-                        " names some that the file does not have");
+           import.lacks_fragments("fragments are missing: " + place_text(indexes.front()) +
+                                  " names some that the file does not have");
 }
 
 }  // namespace kestrel::importer

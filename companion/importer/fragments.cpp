@@ -217,14 +217,17 @@ bool FragmentReader::read_track_fragment(const Box& traf) {
 }
 
 // A jump in the numbers of the fragments means missing fragments if the time of the track jumps too
-// or is not declared.
+// or is not declared. After samples of the movie box, the first number may be any if no time is
+// declared.
 bool FragmentReader::check_missing(const TrackFragment& fragment, TrackImport& state,
                                    const Track& track) {
-    const bool jumped = state.gaps_seen != import_.sequence_gaps;
+    const bool begins_late =
+        state.fragments == 0 && fragment.time && import_.first_fragment_number.value_or(1) > 1;
+    const bool jumped = begins_late || state.gaps_seen != import_.sequence_gaps;
     state.gaps_seen = import_.sequence_gaps;
     if (!jumped || track.samples.empty()) return true;
     if (fragment.time && *fragment.time <= state.end) return true;
-    return import_.lacks("fragments are missing before " + place_text(moof_));
+    return import_.lacks_fragments("fragments are missing before " + place_text(moof_));
 }
 
 // Sets the start of the next sample to `time`, by the duration of the previous one.

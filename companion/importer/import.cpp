@@ -29,6 +29,11 @@ bool Import::lacks(const std::string& what) {
     return true;
 }
 
+bool Import::lacks_fragments(const std::string& what) {
+    movie.lacks_fragments = true;
+    return lacks(what);
+}
+
 std::optional<std::uint32_t> Import::claim_samples(const Box& box, std::uint64_t count,
                                                    std::uint32_t size) {
     if (count > kMaxSamples - std::min<std::uint64_t>(claimed_, kMaxSamples)) {

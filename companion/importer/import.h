@@ -72,6 +72,8 @@ class Import {
     bool whole(const BoxReader& reader, const Box& box);
     // Fails because data is missing. With salvage stores the reason and returns true.
     bool lacks(const std::string& what);
+    // The same, because fragments are missing.
+    bool lacks_fragments(const std::string& what);
 
     // Counts samples that a box declares against the limits of a file; `size` is the size of each,
     // or 0 when sizes differ. Returns how many can be whole: all, or with salvage as many as the

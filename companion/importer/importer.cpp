@@ -142,9 +142,10 @@ bool is_without_samples(const Movie& movie) {
 // fragments.
 bool check_end(Import& import, const FileBoxes& boxes) {
     const bool fragments = boxes.has_fragments || import.announces_fragments;
-    if (fragments && !boxes.cut.empty() && !import.lacks(boxes.cut)) return false;
+    if (fragments && !boxes.cut.empty() && !import.lacks_fragments(boxes.cut)) return false;
     return !import.announces_fragments || !is_without_samples(import.movie) ||
-           import.lacks("the file has no fragments, though its movie box announces them (mvex)");
+           import.lacks_fragments(
+               "the file has no fragments, though its movie box announces them (mvex)");
 }
 
 // How much of a file that lacks something was kept.

@@ -95,6 +95,7 @@ struct Track {
     std::vector<Group> groups;
     std::vector<Sample> samples;             // of the movie box and of all fragments
     std::uint32_t samples_in_movie_box = 0;  // so many of them come from the movie box's tables
+    std::uint64_t missing_samples = 0;       // declared, and left out by salvage
     Forms forms;
 };
 
@@ -110,8 +111,9 @@ struct Movie {
     std::uint64_t creation_time = 0, modification_time = 0;  // seconds since 1904-01-01
     std::vector<std::uint8_t> object_descriptor;             // the box iods, or empty
     std::vector<Track> tracks;
-    bool fragmented = false;  // same as forms.fragments
-    Forms forms;              // those of the tracks included
+    bool fragmented = false;       // same as forms.fragments
+    bool lacks_fragments = false;  // some are missing; with salvage
+    Forms forms;                   // those of the tracks included
 };
 
 // Limit of the samples of a file; more are refused.
@@ -146,7 +148,8 @@ struct Result {
 // box, a missing fragment. The contents of `movie` are then unspecified. Salvage keeps the rest of
 // a truncated or incomplete file only. A missing fragment is detected by a segment index (sidx), by
 // the declared duration (mehd), by a random access index (mfra), and by a jump in both the numbers
-// and the times of fragments.
+// and the times of fragments. A first fragment with a number above 1 is a jump after samples of the
+// movie box.
 //
 // Times of fragments: a track's fragments begin at their tfdt. A gap after the previous sample, or
 // an overlap, changes the duration of that sample. When tracks begin at different times, the later

@@ -47,6 +47,7 @@ ImportedTrack summary(const kestrel::importer::Track& track) {
     out.duration = track.duration;
     out.timescale = track.timescale;
     out.in_fragments = out.samples - std::min<uint64_t>(track.samples_in_movie_box, out.samples);
+    out.missing = track.missing_samples;
     for (const kestrel::importer::Sample& sample : track.samples) {
         out.filled += sample.size > 0 ? 1 : 0;
         out.bytes += sample.size;
@@ -61,8 +62,9 @@ bool has_odd_form(const FileScan& scan) {
                track.has_second_table("sgpd") || track.has_second_table("sbgp") ||
                !track.version1.empty();
     };
-    return scan.has_movie && (scan.fragments > 0 || scan.has_large_sizes || scan.has_open_sizes ||
-                              std::any_of(scan.tracks.begin(), scan.tracks.end(), is_odd));
+    return scan.has_movie &&
+           (scan.fragments > 0 || scan.announces_fragments || scan.has_large_sizes ||
+            scan.has_open_sizes || std::any_of(scan.tracks.begin(), scan.tracks.end(), is_odd));
 }
 
 // Which of the imported tracks each track of the reader is. Both have them in the file's order;
@@ -100,6 +102,7 @@ ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
         out.tracks.push_back(summary(track));
     out.duration = movie.duration;
     out.timescale = movie.timescale;
+    out.lacks_fragments = movie.lacks_fragments;
     out.missing = std::move(result.missing);
     return out;
 }

@@ -28,6 +28,7 @@ struct ImportedTrack {
     uint64_t bytes = 0;   // of all samples
     uint64_t largest = 0;
     uint64_t in_fragments = 0;  // samples that are in movie fragments
+    uint64_t missing = 0;       // more samples that the file declares and does not have
     uint64_t duration = 0;      // of `timescale` units a second
     uint64_t timescale = 0;
 
@@ -40,6 +41,7 @@ struct ImportedMovie {
     std::vector<ImportedTrack> tracks;
     uint64_t duration = 0;  // of `timescale` units a second
     uint32_t timescale = 0;
+    bool lacks_fragments = false;  // any track may lack samples
     std::string missing;  // what the file lacks, one sentence without a full stop, or empty
 };
 
@@ -54,8 +56,8 @@ struct FileFacts {
     IsoFile file;                                       // as the library's reader has it
     FileScan scan;                                      // by the headers of boxes alone
     std::vector<std::string> remarks;                   // lines that the reader wrote
-    // Of a file in a form that the reader does not have whole: movie fragments, large or open
-    // boxes, other tables. Empty for any other file.
+    // Of a file in a form that the reader does not have whole: movie fragments or what announces
+    // them, large or open boxes, other tables. Empty for any other file.
     ImportedMovie imported;
     // The place in imported.tracks of each track of `file` that was imported.
     std::unordered_map<const iso_track*, size_t> import_numbers;

@@ -138,6 +138,7 @@ class Scanner {
         }
         const uint64_t size = std::min(header->size, left);
         scan_.has_file_type = scan_.has_file_type || header->type == "ftyp";
+        scan_.announces_fragments |= header->type == "sidx" || header->type == "mfra";
         if (header->type == "moof") {
             ++scan_.fragments;
             scan_.movie_bytes += size;
@@ -201,8 +202,9 @@ class Scanner {
         }
     }
 
-    // Stores facts of a track's boxes.
+    // Stores facts of the movie's and its tracks' boxes.
     void note(const Container& parent, const Header& header, uint64_t at, uint64_t end) {
+        scan_.announces_fragments |= parent.type == "moov" && header.type == "mvex";
         if (parent.type == "moov" && header.type == "trak") {
             // Further tracks are read into one that is not kept.
             if (scan_.tracks.size() < kMaxScannedTracks) {

@@ -47,6 +47,7 @@ struct FileScan {
     uint64_t movie_bytes = 0;         // of movie and fragment boxes
     uint32_t fragments = 0;           // `moof` boxes
     bool has_file_type = false;
+    bool announces_fragments = false;  // `mvex`, `sidx` or `mfra`
     bool has_movie = false;
     bool movie_is_cut = false;  // a movie box ends early, or a box in it declares more than is left
     bool has_large_sizes = false;  // a box declares its size with 64 bits

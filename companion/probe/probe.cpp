@@ -84,7 +84,8 @@ void add_fix(const FileFacts& facts, Judgement& judgement) {
         judgement.fix += option;
     };
     if (has_hints(facts.file.get())) add(KST_HINT_REPLACE, " --replace");
-    if (judgement.reason == Reason::kIncomplete) add(KST_HINT_SALVAGE, " --salvage");
+    if (judgement.reason == Reason::kIncomplete || !facts.imported.missing.empty())
+        add(KST_HINT_SALVAGE, " --salvage");
     judgement.fix += " -o OUT";
 }
 

@@ -24,6 +24,8 @@ const TrackBoxes* boxes_of(const Subject& subject) {
 std::string why_incomplete(const Subject& subject) {
     const std::string missing = missing_bytes(subject.facts.scan);
     if (!missing.empty()) return "The file is cut: " + missing + ".";
+    if (lacks_samples(subject))
+        return "The file is incomplete: " + subject.facts.imported.missing + ".";
     return subject.track == nullptr || !is_whole(subject.track, subject.facts.scan.file_size)
                ? "The file ends before its " + std::string(word(subject.kind)) +
                      " does: get the whole file."
@@ -113,6 +115,11 @@ bool is_whole(const iso_track* track, uint32_t size) {
     return outside_file(track, size).chunks == 0;
 }
 
+bool lacks_samples(const Subject& subject) {
+    return subject.facts.imported.lacks_fragments ||
+           (subject.imported != nullptr && subject.imported->missing > 0);
+}
+
 bool lacks_data(const Subject& subject, int64_t status) {
     if (status == KST_NOT_YET) return true;
     if (subject.track == nullptr) return false;
@@ -138,6 +145,7 @@ Reason reason_by_tables(const Subject& subject) {
     }
     if (subject.expected.in_fragments > 0) return Reason::kFragmented;
     if (!unread_table(subject).empty()) return Reason::kUnknownTable;
+    if (lacks_samples(subject)) return Reason::kIncomplete;
     if (subject.expected.pictures == 0) return Reason::kDamaged;
     return lacks_data(subject, KST_SUCCESS) ? Reason::kIncomplete : Reason::kNotPlayed;
 }

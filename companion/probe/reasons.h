@@ -70,6 +70,9 @@ std::string unknown_table(const Subject& subject);
 bool has_odd_sizes(const FileFacts& facts);
 bool is_whole(const iso_track* track, uint32_t size);
 
+// Whether the file does not have all samples that its fragments declare, or lacks fragments.
+bool lacks_samples(const Subject& subject);
+
 // True when data that the tables place after the end of the file is missing.
 bool lacks_data(const Subject& subject, int64_t status);
 

@@ -5,6 +5,8 @@
 
 #include "native/codec/golomb_reader.h"
 
+#include "native/codec/h264_units.h"
+
 namespace kestrel::stream {
 namespace {
 
@@ -45,6 +47,15 @@ bool is_nal_unit(std::span<const uint8_t> unit) {
     if (header.ok() && slice_type > kMaxSliceType) return false;
     const uint32_t pps = header.ue();
     return !header.ok() || pps <= kMaxPps;
+}
+
+bool is_h264_sample(std::span<const uint8_t> sample, int length_size) {
+    NalUnits units(sample, length_size);
+    bool has_unit = sample.empty();
+    for (NalUnit unit; units.next(unit); has_unit = true) {
+        if (!is_nal_unit(unit)) return false;
+    }
+    return has_unit && !units.is_cut();
 }
 
 }  // namespace kestrel::stream

@@ -8,7 +8,7 @@
 
 namespace kestrel::stream {
 
-// Each takes the first bytes of a picture; fewer than three may be any.
+// The next two take the first bytes of a picture; fewer than three may be any.
 
 // A picture start code (ITU-T H.263, 5.1.1).
 bool is_h263_picture(std::span<const uint8_t> bytes);
@@ -18,6 +18,10 @@ bool is_mpeg4_picture(std::span<const uint8_t> bytes);
 // The first bytes of a NAL unit that is not empty: whether its header and the first fields of a
 // slice header have values that exist (ITU-T H.264, 7.3.1 and 7.4.3).
 bool is_nal_unit(std::span<const uint8_t> unit);
+
+// A sample with lengths of `length_size` bytes before its NAL units: whether they end with it and
+// all of them are NAL units. There is at least one that is not empty, except in an empty sample.
+bool is_h264_sample(std::span<const uint8_t> sample, int length_size);
 
 }  // namespace kestrel::stream
 

@@ -51,7 +51,7 @@ enum {
     KST_PROBE_FRAGMENTED = 7,     /* samples are in movie fragments */
     KST_PROBE_LARGE_BOX = 8,      /* a box declares its size in a form that the API does not read */
     KST_PROBE_UNKNOWN_TABLE = 9,  /* a table has a form that the API does not read */
-    KST_PROBE_INCOMPLETE = 10,    /* the file ends before its samples */
+    KST_PROBE_INCOMPLETE = 10,    /* the file ends before its samples, or lacks fragments */
     KST_PROBE_DAMAGED = 11,       /* a box or table is malformed, or the track has no samples */
     KST_PROBE_ENDS_PROCESS = 12   /* opening ends the process (kestrel/c3gpinterface.h) */
 };

@@ -13,11 +13,12 @@ static_assert(std::has_unique_object_representations_v<ImportedTrack>);
 
 // What a process passes on ahead of the tracks and the text.
 struct ImportedHead {
-    uint64_t tracks, duration, timescale;
+    uint64_t tracks, duration, timescale, lacks_fragments;
 };
 
 std::string bytes_of(const ImportedMovie& movie) {
-    const ImportedHead head{movie.tracks.size(), movie.duration, movie.timescale};
+    const ImportedHead head{movie.tracks.size(), movie.duration, movie.timescale,
+                            movie.lacks_fragments ? 1u : 0u};
     std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
     bytes.append(reinterpret_cast<const char*>(movie.tracks.data()),
                  movie.tracks.size() * sizeof(ImportedTrack));
@@ -35,6 +36,7 @@ ImportedMovie movie_of(const std::string& bytes) {
     if (size > 0) std::memcpy(movie.tracks.data(), bytes.data() + sizeof head, size);
     movie.duration = head.duration;
     movie.timescale = static_cast<uint32_t>(head.timescale);
+    movie.lacks_fragments = head.lacks_fragments != 0;
     movie.missing = bytes.substr(sizeof head + size);
     return movie;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <span>
 
+#include "companion/stream/plausible.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
 #include "tools/report/markup.h"
@@ -56,25 +57,32 @@ bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
            counts.bytes - counts.empty_frames >= speech_of(subject.track).filled_bytes;
 }
 
-// Bytes of the samples of H.264 that packets leave out: the lengths of empty units, and what is
-// left after the last one.
-uint64_t empty_unit_bytes(const iso_track* track) {
-    const auto length = static_cast<uint64_t>(track->nal_length_size);
-    std::vector<uint8_t> sample;
+uint64_t packed_bytes(std::span<const uint8_t> sample, int length_size) {
     uint64_t bytes = 0;
+    kestrel::NalUnits units(sample, length_size);
+    for (kestrel::NalUnit unit; units.next(unit);)
+        bytes += unit.size() + static_cast<uint64_t>(length_size);
+    return std::min<uint64_t>(bytes, sample.size());
+}
+
+// Counts what only the samples of an H.264 track show, of one that was played to its end.
+void count_samples(const Subject& subject, MediaCounts& counts) {
+    constexpr uint32_t kLongest = 16 << 20;  // bytes of a sample that plays
+    const iso_track* track = subject.track;
+    if (track == nullptr || track->codec != ISO_CODEC_AVC1 || subject.expected.in_fragments > 0)
+        return;
+    const bool is_judged = counts.implausible > 0;
+    std::vector<uint8_t> sample;
     for (int32_t number = 0; number < track->sample_count; ++number) {
-        sample.resize(std::min<uint32_t>(sample_size_of(track, static_cast<uint32_t>(number)),
-                                         KST_MAX_CHUNK));
+        sample.resize(std::min(sample_size_of(track, static_cast<uint32_t>(number)), kLongest));
+        // Reading moves the track's cursor, which nothing else uses.
         const int got = isoFFreadAt(const_cast<iso_track*>(track), number, 0, sample.data(),
                                     static_cast<unsigned>(sample.size()), nullptr, nullptr);
-        const auto rest = std::span(sample).first(static_cast<size_t>(std::max(got, 0)));
-        uint64_t filled = 0;
-        kestrel::NalUnits units(rest, track->nal_length_size);
-        for (kestrel::NalUnit unit; units.next(unit);)
-            filled += unit.size() + length;
-        bytes += rest.size() - std::min<uint64_t>(filled, rest.size());
+        const auto bytes = std::span(sample).first(static_cast<size_t>(std::max(got, 0)));
+        counts.unpacked_bytes += bytes.size() - packed_bytes(bytes, track->nal_length_size);
+        if (is_judged || kestrel::stream::is_h264_sample(bytes, track->nal_length_size)) continue;
+        if (counts.implausible++ == 0) counts.first_implausible = static_cast<uint64_t>(number) + 1;
     }
-    return bytes;
 }
 
 bool is_all_h264(const Subject& subject, const MediaCounts& counts) {
@@ -83,9 +91,7 @@ bool is_all_h264(const Subject& subject, const MediaCounts& counts) {
                                 ? static_cast<uint64_t>(subject.track->nal_length_size)
                                 : kCountedLength;
     const uint64_t bytes = counts.bytes - (kCountedLength - length) * counts.units;
-    return bytes >= subject.expected.bytes ||
-           (subject.track != nullptr && subject.expected.in_fragments == 0 &&
-            bytes + empty_unit_bytes(subject.track) >= subject.expected.bytes);
+    return bytes + counts.unpacked_bytes >= subject.expected.bytes;
 }
 
 bool is_all(const Subject& subject, const MediaCounts& counts) {
@@ -132,11 +138,14 @@ Reason reason_of_failure(const Subject& subject, const Trial& trial) {
     if (trial.counts.implausible > 0) return Reason::kImplausible;
     if (subject.expected.largest >= kLeastLarge && trial.status != KST_NOT_YET)
         return Reason::kLargeFrame;
-    return lacks_data(subject, trial.status) ? Reason::kIncomplete : Reason::kDamaged;
+    return lacks_data(subject, trial.status) || lacks_samples(subject) ? Reason::kIncomplete
+                                                                       : Reason::kDamaged;
 }
 
 Reason reason_of_end(const Subject& subject, const TrialResult& result) {
     if (plays(subject, result)) {
+        if (subject.expected.in_fragments == 0 && lacks_samples(subject))
+            return Reason::kIncomplete;
         return unread_table(subject).empty() ? Reason::kPlays : Reason::kUnknownTable;
     }
     const MediaCounts& counts = result.trial.counts;
@@ -193,13 +202,10 @@ std::string amount(const Subject& subject, const MediaCounts& counts) {
 
 std::string why_incomplete(const Subject& subject, const Verdict& verdict) {
     const std::string missing = missing_bytes(subject.facts.scan);
-    if (!missing.empty() && lacks_data(subject, verdict.status))
-        return "The file is cut: " + missing + ".";
-    if (!verdict.amount.empty()) return "It delivers only " + verdict.amount + ".";
-    return subject.track == nullptr || !is_whole(subject.track, subject.facts.scan.file_size)
-               ? "The file ends before its " + std::string(word(subject.kind)) +
-                     " does: get the whole file."
-               : "The " + std::string(word(subject.kind)) + " is whole, but its RTP hints are not.";
+    const bool is_cut = !missing.empty() && lacks_data(subject, verdict.status);
+    if (!is_cut && !lacks_samples(subject) && !verdict.amount.empty())
+        return "It delivers only " + verdict.amount + ".";
+    return why_by_tables(subject, Reason::kIncomplete);
 }
 
 std::string why_implausible(const Subject& subject, const MediaCounts& counts) {
@@ -280,7 +286,8 @@ const char* Verdict::outcome() const {
     if (reason == Reason::kImplausible) return "gives no media";
     if (reason == Reason::kUnknownTable && frames > 0 && status == KST_SUCCESS && amount.empty())
         return "plays at wrong times";
-    if (!amount.empty()) return "plays in part";
+    const bool ended = reason == Reason::kIncomplete && frames > 0 && status == KST_SUCCESS;
+    if (ended || !amount.empty()) return "plays in part";
     if (frames > 0) return "stops before its end";
     return opens && status == KST_SUCCESS ? "gives no frame" : "does not play";
 }
@@ -311,7 +318,8 @@ Verdict Judge::judge(Api api, MediaKind kind) {
         verdict.why = why(subject, verdict, {});
         return verdict;
     }
-    const TrialResult result = try_playing(facts_.host, api, kind, limits_);
+    TrialResult result = try_playing(facts_.host, api, kind, limits_);
+    if (result.reached_end()) count_samples(subject, result.trial.counts);
     const Trial& trial = result.trial;
     verdict.tried = true;
     verdict.reason = reason_of(subject, result);
@@ -324,8 +332,10 @@ Verdict Judge::judge(Api api, MediaKind kind) {
         verdict.amount = amount(subject, trial.counts);
     if (may_have_fix(verdict.reason)) {
         verdict.fix = fixes_.find(api, kind, [&](const TrialResult& fixed, bool is_salvage) {
-            return is_salvage ? fixed.reached_end() && fixed.trial.counts.implausible == 0
-                              : tool::plays(subject, fixed);
+            if (is_salvage) return fixed.reached_end() && fixed.trial.counts.implausible == 0;
+            TrialResult whole = fixed;
+            if (whole.reached_end()) count_samples(subject, whole.trial.counts);
+            return tool::plays(subject, whole);
         });
     }
     verdict.why = why(subject, verdict, result);
@@ -390,6 +400,7 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
     result.trial.status = ended ? int32_t{KST_SUCCESS} : playback.status;
     result.trial.delivered = playback.delivered;
     result.trial.counts = playback.counts;
+    if (result.reached_end()) count_samples(subject, result.trial.counts);
     Verdict verdict;
     verdict.api = api;
     verdict.kind = kind;
