@@ -9,16 +9,12 @@
 #include "boxes/foreign_codec_hook.h"
 #include "common/log_sources.h"
 #include "common/simple_exception.h"
+#include "native/codec/amr_format.h"
+#include "native/codec/mpeg4_visual.h"
+#include "native/codec/nal_unit.h"
 
 namespace Qvox3gp {
-namespace {
-
-constexpr uint16_t kNarrowBandRate = 8000;  // samples a second of "samr" and "sawb"
-constexpr uint16_t kWideBandRate = 16000;
-constexpr uint8_t kMpeg4Visual = 0x20;  // object type indication, ISO/IEC 14496-1, 8.6.6
-constexpr std::array<uint8_t, 4> kStartCode = {0, 0, 0, 1};
-
-}  // namespace
+namespace {}  // namespace
 
 template <class F, class Self>
 void SampleEntry::fields(F& f, Self& self) {
@@ -77,7 +73,9 @@ void AMRSpecificBox::fields(F& f, Self& self) {
 }
 
 AMRSampleEntry::AMRSampleEntry(unsigned int type)
-    : Described(type), timescale_(type == code("sawb") ? kWideBandRate : kNarrowBandRate) {}
+    : Described(type),
+      timescale_(static_cast<uint16_t>(
+          (type == code("sawb") ? kestrel::kWideBand : kestrel::kNarrowBand).sampling_rate)) {}
 AMRSampleEntry::~AMRSampleEntry() = default;
 
 void AMRSampleEntry::SetAMRSpecific(std::unique_ptr<AMRSpecificBox> specific) {
@@ -151,7 +149,7 @@ void ESDInfo::fields(F& f, Self& self) {
     f.u8("object_type_indication", self.object_type_indication);
     if constexpr (F::kReads) {
         f.require_sound(true);  // a missing type must not end the process
-        if (self.object_type_indication != kMpeg4Visual) meet_foreign_codec();
+        if (self.object_type_indication != kestrel::kMpeg4Visual) meet_foreign_codec();
     }
     f.u32("stream_type_and_buffer_size", self.stream_type_and_buffer_size);
     f.u32("max_bit_rate", self.max_bit_rate);
@@ -263,7 +261,7 @@ void AVCCBox::gather() {
     buffer_.clear();
     for (const auto* sets : {&sequence_sets_, &picture_sets_}) {
         for (const ParameterSet& set : *sets) {
-            buffer_.insert(buffer_.end(), kStartCode.begin(), kStartCode.end());
+            buffer_.insert(buffer_.end(), kestrel::kStartCode.begin(), kestrel::kStartCode.end());
             buffer_.insert(buffer_.end(), set.data.begin(), set.data.end());
         }
     }

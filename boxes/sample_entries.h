@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "boxes/box_base.h"
+#include "native/codec/mpeg4_visual.h"
 
 namespace Qvox3gp {
 
@@ -240,7 +241,7 @@ struct ESDInfo {
     uint8_t flags = 0;
     uint8_t decoder_config_tag = 0x04;
     DescriptorSize decoder_config_size;
-    uint8_t object_type_indication = 0x20;
+    uint8_t object_type_indication = kestrel::kMpeg4Visual;
     uint32_t stream_type_and_buffer_size = 0x11000000;  // visual stream, then 24 bits of bytes
     uint32_t max_bit_rate = 0;
     uint32_t average_bit_rate = 0;

@@ -95,7 +95,7 @@ int tel_put_hdr_aud_codec(void* out) {
 }
 
 int tel_put_hdr_aud_codec_wb(void* out) {
-    return put_record(out, AUD_Codec_Header{sizeof(AUD_Codec_Header), 51, 128, 16});
+    return put_record(out, AUD_Codec_Header{sizeof(AUD_Codec_Header), kWideBandCoding, 128, 16});
 }
 
 int tel_put_hdr_aud_index(void* out, uint32_t) {

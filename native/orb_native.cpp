@@ -6,6 +6,7 @@
 #include "common/clock.h"
 #include "kestrel/isoff.h"
 #include "native/codec/amr_format.h"
+#include "native/codec/payload_types.h"
 
 // Setting up a packetiser, and the call of the chosen one.
 
@@ -13,7 +14,6 @@ using namespace kestrel;
 
 namespace {
 
-constexpr uint32_t kVideoClock = 90000;
 constexpr int32_t kMaxPayload = 1400;
 
 // What the init calls install for a codec. An accepted codec may have no packetiser.

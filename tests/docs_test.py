@@ -71,12 +71,15 @@ class Layers(unittest.TestCase):
     def test_a_planted_include_or_circle_is_found(self):
         for file, line, fault in (
                 ("native/codec/avcc.cpp", '#include "boxes/box_base.h"', "codec may not use"),
-                ("common/bytes.h", '#include "native/orb_native.h"', "common may not use")):
+                ("common/bytes.h", '#include <kestrel/../../native/orb_native.h>', "common may not use"),
+                ("companion/stream/plausible.cpp", '#include "../hinter/samples.h"', "stream may not use"),
+                ("native/new/file.cpp", "#include <cstdint>", "is in no module")):
             with self.subTest(file=file), tempfile.TemporaryDirectory() as scratch:
-                for folder in ("common", "native", "boxes", "propfile", "interface"):
+                for folder in ("common", "native", "boxes", "propfile", "interface", "companion", "include"):
                     shutil.copytree(ROOT / folder, pathlib.Path(scratch, folder))
                 planted = pathlib.Path(scratch, file)
-                planted.write_text(line + "\n" + planted.read_text())
+                planted.parent.mkdir(exist_ok=True)
+                planted.write_text(line + "\n" + (planted.read_text() if planted.exists() else ""))
                 self.assertIn(fault, self.check(scratch).stderr)
         with tempfile.TemporaryDirectory() as scratch:
             for name, used in (("a", "b"), ("b", "a")):

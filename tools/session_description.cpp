@@ -7,12 +7,11 @@
 #include <sstream>
 #include <string_view>
 
+#include "native/codec/payload_types.h"
 #include "tools/text.h"
 
 namespace tool {
 namespace {
-
-constexpr int kFirstDynamicType = 96;  // of payload types
 
 // What a media line declares: "m=video 5004 RTP/AVP 96".
 struct MediaLine {
@@ -57,7 +56,7 @@ std::string describe_media(const HintPackets& track, uint16_t port) {
     if (!media) {
         const bool audio =
             track.media() != nullptr && std::string_view(track.media()->handler) == "soun";
-        media = {audio ? "m=audio" : "m=video", "RTP/AVP", {kFirstDynamicType}};
+        media = {audio ? "m=audio" : "m=video", "RTP/AVP", {kestrel::kFirstDynamicPayloadType}};
         attributes.clear();
     }
     std::string line = media->kind + " " + std::to_string(port) + " " + media->profile;
@@ -104,7 +103,7 @@ bool is_described(const iso_track* hint) {
             encoding = encoding_of(line);
     }
     if (!media) return false;
-    if (encoding.empty()) return media->types[0] < kFirstDynamicType;
+    if (encoding.empty()) return media->types[0] < kestrel::kFirstDynamicPayloadType;
     // Decoders of these need a configuration; few read MPEG-4 Visual in payloads of RFC 3640.
     if (encoding == "H264" || encoding == "MP4V-ES") return has_parameters;
     return !(media->kind == "m=video" && encoding == "MPEG4-GENERIC");

@@ -18,6 +18,7 @@
 #include "kestrel/native.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
+#include "native/codec/payload_types.h"
 
 // kst_hint: reads the tables, plans the packets of all samples, and writes the file with the movie
 // box first.
@@ -25,9 +26,6 @@
 namespace kestrel::hinter {
 namespace {
 
-constexpr int kFirstDynamicPayloadType = 96;
-constexpr int kLastPayloadType = 127;
-constexpr int kRfc2190PayloadType = 34;  // assigned by RFC 3551
 constexpr uint32_t kAllFlags =
     KST_HINT_RFC2190 | KST_HINT_REPLACE | KST_HINT_DROP_OTHERS | KST_HINT_SALVAGE;
 

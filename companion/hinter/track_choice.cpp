@@ -11,6 +11,7 @@
 #include "companion/importer/box_reader.h"
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/write/sample_provider.h"
+#include "native/codec/mpeg4_visual.h"
 
 namespace kestrel::hinter {
 namespace {
@@ -141,7 +142,6 @@ class Chooser {
 
     // `mp4v` is used for other codecs as well.
     static bool is_foreign(const iso_track* entry) {
-        constexpr uint8_t kMpeg4Visual = 0x20;  // ISO/IEC 14496-1, table 8
         return entry->codec == ISO_CODEC_MP4V && entry->object_type != kMpeg4Visual &&
                entry->dsi_length != 0;
     }

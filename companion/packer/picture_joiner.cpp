@@ -7,6 +7,7 @@
 #include "common/bytes.h"
 #include "kestrel/native_records.h"
 #include "native/codec/h264_units.h"
+#include "native/codec/mpeg4_visual.h"
 
 namespace kestrel::packer {
 namespace {
@@ -63,7 +64,6 @@ std::span<const uint8_t> first_sets(std::span<const uint8_t> sample) {
 // Returns the configuration at the beginning of an MPEG-4 sample: from a visual object sequence to
 // the first group of VOPs or VOP.
 std::span<const uint8_t> leading_headers(std::span<const uint8_t> sample) {
-    constexpr uint8_t kVisualObjectSequence = 0xB0, kGroupOfVop = 0xB3, kVop = 0xB6;
     constexpr size_t kCode = 4;
     const auto code_at = [&](size_t at) {
         const bool is_code = sample[at] == 0 && sample[at + 1] == 0 && sample[at + 2] == 1;

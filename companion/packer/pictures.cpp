@@ -4,6 +4,7 @@
 #include "companion/packer/h264_pictures.h"
 #include "kestrel/codec.h"
 #include "native/codec/h263_parse.h"
+#include "native/codec/mpeg4_visual.h"
 
 namespace kestrel::packer {
 namespace {
@@ -41,7 +42,6 @@ class Mpeg4Pictures final : public PictureReader {
 
     // vop_coding_type of the first VOP.
     static unsigned coding_type(std::span<const uint8_t> sample) {
-        constexpr uint8_t kVop = 0xB6;
         for (size_t at = 0; at + 4 < sample.size(); ++at) {
             const auto code = sample.subspan(at, 4);
             if (code[0] == 0 && code[1] == 0 && code[2] == 1 && code[3] == kVop)

@@ -5,10 +5,10 @@
 #include <cmath>
 #include <numeric>
 
+#include "native/codec/payload_types.h"
+
 namespace kestrel::packer {
 namespace {
-
-constexpr uint32_t kVideoClock = 90000;  // Hz, of the times in a native stream
 
 uint32_t timescale_of(const stream::StreamHeader& header) {
     return is_speech(header.medium) ? band_of(header.medium).sampling_rate : kVideoClock;

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "common/byte_reader.h"
+#include "native/codec/mpeg4_visual.h"
 #include "native/codec/nal_unit.h"
 
 namespace kestrel::stream {
@@ -113,7 +114,7 @@ class Mpeg4 final : public Depacketiser {
     bool packet(std::span<const uint8_t> payload) override {
         if (!begun_) has_au_headers_ = !begins_with(payload, kStartCodePrefix);
         if (has_au_headers_) payload = after_au_headers(payload);
-        if (!begun_ && !begins_with(payload, kVisualObjectSequence)) emit(config_);
+        if (!begun_ && !begins_with(payload, kSequenceStart)) emit(config_);
         begun_ = true;
         emit(payload);
         return !payload.empty();
@@ -121,7 +122,7 @@ class Mpeg4 final : public Depacketiser {
 
   private:
     static constexpr uint8_t kStartCodePrefix[] = {0, 0, 1};
-    static constexpr uint8_t kVisualObjectSequence[] = {0, 0, 1, 0xB0};
+    static constexpr uint8_t kSequenceStart[] = {0, 0, 1, kVisualObjectSequence};
 
     static bool begins_with(std::span<const uint8_t> payload, std::span<const uint8_t> code) {
         return payload.size() >= code.size() &&

@@ -16,9 +16,8 @@ namespace kestrel::stream {
 
 namespace {
 
-constexpr uint32_t kWideBandCoding = 51;
-constexpr uint32_t kFirstCoding = 26;  // of AMR narrow band: one for each bit rate
-constexpr uint32_t kLastCoding = 33;
+constexpr uint32_t kFirstCoding = std::begin(kNarrowBandModes)->native_coding;
+constexpr uint32_t kLastCoding = std::rbegin(kNarrowBandModes)->native_coding;
 constexpr uint32_t kZeroWord = 4;
 constexpr uint32_t kModeByte = 1;
 constexpr uint32_t kFrameHeader = sizeof(AUD_AudFrame_Native) + kZeroWord;

@@ -45,6 +45,8 @@ inline constexpr NarrowBandMode kNarrowBandModes[] = {{4750, 26},  {5150, 27}, {
                                                       {6700, 29},  {7400, 30}, {7950, 31},
                                                       {10200, 32}, {12200, 33}};
 
+inline constexpr uint32_t kWideBandCoding = 51;  // of all wide-band modes in the native stream
+
 // Bit rate of a mode set (of `damr`) with one mode; for any other set that of the highest mode.
 constexpr uint32_t amr_bit_rate(uint32_t mode_set) {
     uint32_t bit = 1;

@@ -111,6 +111,16 @@ bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSet
     return reader.ok() && fits;
 }
 
+std::vector<NalUnit> parameter_sets(std::span<const uint8_t> avcc) {
+    ByteReader reader(avcc);
+    read_avcc_header(reader);
+    std::vector<NalUnit> sets;
+    const auto add = [&](NalUnit set) { sets.push_back(set); };
+    visit_sets(reader, add);
+    visit_sets(reader, add);
+    return sets;
+}
+
 size_t avcc_length(std::span<const uint8_t> avcc) {
     constexpr size_t kFixedPart = 5;
     constexpr size_t kSetLength = 2;
@@ -129,20 +139,16 @@ size_t avcc_length(std::span<const uint8_t> avcc) {
 }
 
 size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to) {
-    ByteReader reader(avcc);
-    read_avcc_header(reader);
     size_t length = 0;
     const auto put = [&](std::span<const uint8_t> bytes) {
         const auto room = to.subspan(std::min(length, to.size()));
         std::copy_n(bytes.begin(), std::min(bytes.size(), room.size()), room.begin());
         length += bytes.size();
     };
-    const auto put_set = [&](std::span<const uint8_t> set) {
+    for (const NalUnit set : parameter_sets(avcc)) {
         put(kStartCode);
         put(set);
-    };
-    visit_sets(reader, put_set);
-    visit_sets(reader, put_set);
+    }
     return length;
 }
 

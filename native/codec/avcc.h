@@ -27,6 +27,9 @@ struct ParamSets {
 // False when the record is malformed or a set does not fit the width of the lengths.
 bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSets& sets);
 
+// Returns the sequence sets and then the picture sets of a record, as far as they are present.
+std::vector<NalUnit> parameter_sets(std::span<const uint8_t> avcc);
+
 // Returns the length of a record by its counts and lengths, as far as they are present.
 size_t avcc_length(std::span<const uint8_t> avcc);
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "common/bytes.h"
 #include "kestrel/codec.h"
+#include "native/codec/mpeg4_visual.h"
 
 namespace {
 
 constexpr uint32_t kNotFound = 0xFFFFFFFF;
 constexpr unsigned kShortestHeader = 6;
-constexpr uint8_t kVopStartCode = 0xB6;
 
 enum SourceFormat : uint32_t { kSubQcif = 1, kQcif = 2, kCif = 3, kExtended = 7 };
 
@@ -108,5 +108,5 @@ int FindStartCode(const unsigned char* buf, int len, unsigned char code) {
 }
 
 int CheckForIFrame(const unsigned char* buf, int len) {
-    return FindStartCode(buf, len, kVopStartCode) >= 0 ? 1 : 0;
+    return FindStartCode(buf, len, kestrel::kVop) >= 0 ? 1 : 0;
 }

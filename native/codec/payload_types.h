@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// RTP payload types.
+// RTP payload types and clocks.
 #ifndef KESTREL_CODEC_PAYLOAD_TYPES_H
 #define KESTREL_CODEC_PAYLOAD_TYPES_H
 
+#include <cstdint>
+
 namespace kestrel {
+
+inline constexpr uint32_t kVideoClock = 90000;  // Hz, of all video payload formats
 
 inline constexpr int kRfc2190PayloadType = 34;  // H.263 by RFC 2190, assigned by RFC 3551
 inline constexpr int kFirstDynamicPayloadType = 96;

@@ -9,7 +9,8 @@ namespace kestrel {
 
 inline constexpr uint32_t kRtpHeaderSize = 12;
 inline constexpr uint32_t kRtpVersion2 = 0x80000000;  // in the first word
-inline constexpr uint8_t kRtpPayloadType = 0x7F;      // mask; the bit above is the marker
+inline constexpr uint8_t kRtpPayloadType = 0x7F;      // mask
+inline constexpr uint8_t kRtpMarker = 0x80;           // in the byte of the payload type
 
 // Offsets of the fields.
 struct RtpLayout {

@@ -8,12 +8,13 @@
 #include "common/frame_limit.h"
 #include "common/log_sources.h"
 #include "kestrel/native.h"
+#include "native/codec/payload_types.h"
 
 using namespace kestrel;
 
 namespace {
 
-constexpr double kClockPerMs = 90.0;  // 90 kHz
+constexpr double kClockPerMs = kVideoClock / 1000.0;
 // The size that the tables declare is trusted up to this limit; the buffer grows with the bytes
 // received. No picture of a format in 3GP files is near the limit.
 constexpr uint32_t kSmallestBuffer = 2048;

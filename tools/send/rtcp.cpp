@@ -5,13 +5,13 @@
 #include <span>
 
 #include "common/bytes.h"
+#include "native/codec/rtp_header.h"
 
 namespace tool {
 namespace {
 
 enum PacketType : uint8_t { kSenderReport = 200, kDescription = 202, kBye = 203 };
 
-constexpr uint8_t kVersion2 = 0x80;
 constexpr size_t kWord = 4;  // bytes; lengths are in words
 
 using Bytes = std::vector<uint8_t>;
@@ -23,7 +23,7 @@ void put32(Bytes& to, uint32_t number) {
 // Appends a packet that has `count` sources or reports.
 void add_packet(Bytes& to, PacketType type, uint8_t count, std::span<const uint8_t> body) {
     const auto words = static_cast<uint32_t>(body.size() / kWord);
-    put32(to, uint32_t{kVersion2} << 24 | uint32_t{count} << 24 | uint32_t{type} << 16 | words);
+    put32(to, kestrel::kRtpVersion2 | uint32_t{count} << 24 | uint32_t{type} << 16 | words);
     kestrel::append(to, body);
 }
 

@@ -17,7 +17,6 @@ using Qvox3gp::code;
 
 namespace {
 
-constexpr uint32_t kVideoClock = 90000;  // Hz
 constexpr uint32_t kDefaultH263Level = 10;
 constexpr int32_t kEmptyEdit = -1;  // media time
 

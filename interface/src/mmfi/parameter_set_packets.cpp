@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
+#include "native/codec/payload_types.h"
 #include "native/orb_native.h"
 
 // The parameter sets of an H.264 track as packets of the native stream.
@@ -9,7 +10,6 @@ using namespace kestrel;
 
 void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type, unsigned char* buffer,
                      int* length) {
-    constexpr uint32_t kVideoClock = 90000;
     const bool packets_produced = hint->seq_rebase == 2;
     tel_native state{};
     state.hdr.time = packets_produced ? hint->last_timestamp : hint->rtp_ts_offset;

@@ -16,6 +16,7 @@
 #include "interface/src/mmfi/mmfiInterface.h"
 #include "kestrel/codec.h"
 #include "kestrel/status.h"
+#include "native/codec/mpeg4_visual.h"
 #include "native/codec/rtp_hint_sample.h"
 
 namespace kestrel {
@@ -38,8 +39,6 @@ constexpr int kEndOfTrack = 0;  // of a hint track
 constexpr int kNotYet = -2;     // the data has not arrived
 
 constexpr int kNoRoom = -1;  // of a packetiser
-constexpr uint8_t kVisualObjectSequence = 0xB0;
-constexpr uint8_t kVop = 0xB6;
 
 // Limit of the packets, constructors and empty hint samples of a frame, besides one for each of its
 // bytes. More are treated as damage, so that a call ends.

@@ -5,6 +5,7 @@
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/read/decoder_configuration.h"
 #include "native/codec/avcc.h"
+#include "native/codec/mpeg4_visual.h"
 
 // Decoder configuration in the sample entries, and the forms in which callers get it.
 
@@ -46,8 +47,8 @@ int walk_descriptors(BoxReader& box, ReadBody read_body) {
 
 // The profile and level follow the start code of a visual object sequence (14496-2, 6.2.2).
 void keep_visual_level(iso_track* track) {
-    constexpr uint32_t kVisualObjectSequence = 0x000001B0;
-    const bool has_level = track->dsi_length > 4 && load_be32(track->dsi) == kVisualObjectSequence;
+    constexpr uint32_t kStart = 0x00000100 | kVisualObjectSequence;
+    const bool has_level = track->dsi_length > 4 && load_be32(track->dsi) == kStart;
     track->level = has_level ? track->dsi[4] : uint8_t{0};
 }
 

@@ -3,6 +3,7 @@
 
 #include "interface/src/isoff/write/writer.h"
 #include "kestrel/codec.h"
+#include "native/codec/mpeg4_visual.h"
 
 // Tracks for the writer whose sample entries hold a configuration record: H.264 (ISO/IEC 14496-15)
 // and MPEG-4 Visual (ISO/IEC 14496-14).
@@ -41,9 +42,8 @@ iso_track* h264_isoFFtrack(iso_file* file, const void* avcc, unsigned length, un
 
 iso_track* mpeg4_isoFFtrack(iso_file* file, const void* config, unsigned length, unsigned width,
                             unsigned height, unsigned timescale) {
-    constexpr uint32_t kEntryBytes = 155;   // mp4v (86), esds (49), vmhd (20)
-    constexpr uint8_t kMpeg4Visual = 0x20;  // object type indication (14496-1, table 8)
-    constexpr uint8_t kVisualStream = 4;    // stream type (14496-1, table 9)
+    constexpr uint32_t kEntryBytes = 155;  // mp4v (86), esds (49), vmhd (20)
+    constexpr uint8_t kVisualStream = 4;   // stream type (14496-1, table 9)
     iso_track* track = configured_track(file, ISO_CODEC_MP4V, config, length,
                                         {width, height, timescale}, kEntryBytes);
     if (track == nullptr) return nullptr;

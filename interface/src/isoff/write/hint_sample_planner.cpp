@@ -7,6 +7,7 @@
 #include "common/bytes.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
+#include "native/codec/rtp_header.h"
 
 namespace kestrel {
 
@@ -143,10 +144,9 @@ void put_time_offset(std::vector<uint8_t>& out, uint32_t offset) {
 
 void put_packet(std::vector<uint8_t>& out, const HintPacket& packet, const HintSampleFacts& facts,
                 uint16_t sequence) {
-    constexpr uint8_t kVersion2 = 0x80, kMarker = 0x80;
     append_be(out, 0, 4);  // relative time: sent at the time of the sample
-    append_be(out, kVersion2, 1);
-    append_be(out, (packet.marker ? kMarker : 0U) | facts.payload_type, 1);
+    append_be(out, kRtpVersion2 >> 24, 1);
+    append_be(out, (packet.marker ? kRtpMarker : 0U) | facts.payload_type, 1);
     append_be(out, sequence, 2);
     append_be(out, 0, 1);
     append_be(out, packet.time_offset != 0 ? kExtraInformation : 0, 1);

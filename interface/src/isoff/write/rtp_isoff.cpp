@@ -6,8 +6,10 @@
 #include <new>
 #include <string>
 
-#include "common/byte_reader.h"
 #include "interface/src/isoff/write/writer.h"
+#include "native/codec/amr_format.h"
+#include "native/codec/avcc.h"
+#include "native/codec/payload_types.h"
 
 // RTP hint tracks for the writer (ISO/IEC 14496-12, 9.1): the track with its SDP, and its samples.
 
@@ -41,23 +43,19 @@ struct iso_hinter {
 namespace kestrel {
 namespace {
 
-constexpr uint32_t kVideoClock = 90000;
 constexpr int kLeastPacket = 64;
 constexpr int kMaxPacket = 65535;
-constexpr int kLastPayloadType = 127;
 constexpr int kNoMemory = -2;
 constexpr int kCannotBeCut = -3;
 constexpr int kTooLong = -7;
-constexpr uint32_t kSpeechFramesPerSecond = 50;
 
 bool is_speech(const iso_track* media) {
     return media->codec == ISO_CODEC_SAMR || media->codec == ISO_CODEC_SAWB;
 }
 
 uint32_t clock_of(const iso_track* media) {
-    constexpr uint32_t kNarrowBandRate = 8000, kWideBandRate = 16000;
     if (!is_speech(media)) return kVideoClock;
-    return media->codec == ISO_CODEC_SAWB ? kWideBandRate : kNarrowBandRate;
+    return (media->codec == ISO_CODEC_SAWB ? kWideBand : kNarrowBand).sampling_rate;
 }
 
 bool can_be_hinted(const iso_track* media) {
@@ -101,15 +99,10 @@ std::string base64(std::span<const uint8_t> bytes) {
 // Returns the parameter sets of an `avcC` record, separated by commas (RFC 6184, 8.1); nothing when
 // the record has none.
 std::string sprop_parameter_sets(const iso_track* media) {
-    constexpr size_t kFixedPart = 5;
-    ByteReader reader({media->dsi, media->dsi_length});
-    reader.skip(kFixedPart);
     std::string sets;
-    for (int kind = 0; kind < 2; ++kind) {
-        for (int left = reader.u8() & 0x1F; left > 0 && reader.ok(); --left) {
-            if (!sets.empty()) sets += ',';
-            sets += base64(reader.take(reader.u16()));
-        }
+    for (const NalUnit set : parameter_sets({media->dsi, media->dsi_length})) {
+        if (!sets.empty()) sets += ',';
+        sets += base64(set);
     }
     return sets.empty() ? "" : "; sprop-parameter-sets=" + sets;
 }
@@ -185,7 +178,7 @@ bool plan_packets(const iso_track* hint, std::span<const uint8_t> sample, HintPa
     const size_t most = hint->rtp_max_packet;
     if (is_speech(media)) {
         return packets_of_speech(sample, media->codec == ISO_CODEC_SAWB, most,
-                                 hint->rtp_timescale / kSpeechFramesPerSecond, packets);
+                                 hint->rtp_timescale / kAmrFramesPerSecond, packets);
     }
     if (media->codec == ISO_CODEC_AVC1) {
         return packets_of_units(sample, media->nal_length_size, most, packets);
