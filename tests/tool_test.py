@@ -1032,6 +1032,37 @@ class Outputs(ToolTest):
                     self.assertEqual(oct(out.stat().st_mode & 0o7777), oct(after))
                     self.assertTrue(out.read_bytes() == whole)
 
+    def test_access_control_lists_are_kept_and_those_of_the_folder_obeyed(self):
+        def entries(*all):
+            nobody = 0xFFFFFFFF
+            return struct.pack("<I", 2) + b"".join(
+                struct.pack("<HHI", tag, may, NOBODY if tag == 2 else nobody) for tag, may in all)
+
+        # Owner, a user, the group, the mask, others.
+        secret = entries((1, 6), (2, 6), (4, 0), (0x10, 6), (0x20, 0))
+        folder = self.scratch / "folder"
+        folder.mkdir()
+        out = folder / "out"
+        try:
+            os.setxattr(folder, "system.posix_acl_default", entries((1, 7), (2, 4), (4, 0), (0x10, 4), (0x20, 0)))
+        except OSError as error:
+            self.skipTest(f"no access control lists here: {error}")
+        for command, before in itertools.product(self.COMMANDS, ("new", "plain", "secret")):
+            with self.subTest(command=command[0], before=before):
+                out.unlink(missing_ok=True)
+                if before != "new":
+                    out.write_bytes(b"old")
+                    os.removexattr(out, "system.posix_acl_access")
+                    out.chmod(0o604)
+                if before == "secret":
+                    os.setxattr(out, "system.posix_acl_access", secret)
+                self.assertEqual(self.run_to(command, "folder/out").returncode, 0)
+                found = os.getxattr(out, "system.posix_acl_access") if before != "plain" else os.listxattr(out)
+                inherited = entries((1, 6), (2, 4), (4, 0), (0x10, 4), (0x20, 0))
+                self.assertEqual((oct(out.stat().st_mode & 0o777), found),
+                                 {"new": ("0o640", inherited), "plain": ("0o604", []),
+                                  "secret": ("0o660", secret)}[before])
+
     def test_failed_write_leaves_what_was_there(self):
         def limited():
             resource.setrlimit(resource.RLIMIT_FSIZE, (4000, 4000))

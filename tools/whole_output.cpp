@@ -12,6 +12,8 @@
 #include <cstring>
 #include <random>
 
+#include "tools/permissions.h"
+
 namespace tool {
 namespace {
 
@@ -97,8 +99,6 @@ void forget(const std::string& name) {
     }
 }
 
-// --- names and permissions ---
-
 std::string random_name() {
     static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
     std::random_device chance;
@@ -107,24 +107,6 @@ std::string random_name() {
     for (int i = 0; i < 12; ++i)
         name += kLetters[letter(chance)];
     return name;
-}
-
-mode_t mode_of_new_files() {
-    const mode_t mask = umask(0);
-    umask(mask);
-    return 0666 & ~mask;
-}
-
-// Gives a file the permissions of one of the caller's that it replaces. Where it cannot have the
-// same group, its group may do no more than everybody.
-void copy_permissions(int descriptor, const struct stat& replaced) {
-    mode_t mode = replaced.st_mode & 0777;
-    struct stat now {};
-    const bool same_group = fstat(descriptor, &now) == 0 && now.st_gid == replaced.st_gid;
-    if (!same_group && fchown(descriptor, static_cast<uid_t>(-1), replaced.st_gid) != 0) {
-        mode &= ~mode_t{070} | (mode & 07) << 3;
-    }
-    fchmod(descriptor, mode);
 }
 
 }  // namespace
@@ -187,9 +169,9 @@ void WholeOutput::finish() {
     const bool own = fstatat(folder, place_.name.c_str(), &replaced, AT_SYMLINK_NOFOLLOW) == 0 &&
                      S_ISREG(replaced.st_mode) && replaced.st_uid == geteuid();
     if (own) {
-        copy_permissions(output_->descriptor(), replaced);
+        copy_permissions(output_->descriptor(), folder, place_.name, replaced);
     } else {
-        fchmod(output_->descriptor(), mode_of_new_files());
+        set_new_permissions(output_->descriptor(), folder);
     }
     if (renameat(folder, temporary_.c_str(), folder, place_.name.c_str()) != 0) {
         throw system_error(path_);

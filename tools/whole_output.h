@@ -15,7 +15,7 @@ namespace tool {
 // Writes a file under a temporary name in its folder and renames it at the end; an existing file
 // stays until then. An output that is not a regular file (a pipe, a device, standard output) is
 // written directly. The new file gets the permissions of the file that it replaces if that belongs
-// to the caller, else those of a new file; never set-user-ID, set-group-ID or sticky bits.
+// to the caller, else those of a new file (tools/permissions.h).
 class WholeOutput {
   public:
     // Refuses to overwrite `input`. Symbolic links: see find_output_place.
