@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <utility>
 
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
@@ -325,11 +326,15 @@ TEST_F(NoMemory, Packer) {
         const int status = fault.during([&] {
             kst_packer* packer = kst_packer_open(&options);
             if (packer == nullptr) return int{KST_PACK_NO_MEMORY};
-            int result = kst_packer_feed(packer, 0, stream.data(), stream.size());
-            if (result == KST_PACK_DONE)
-                result = kst_packer_write(packer, kst_host_callbacks(host.get()), nullptr);
+            int fed = KST_PACK_DONE;
+            for (const uint8_t& byte : stream) {
+                const int before = std::exchange(fed, kst_packer_feed(packer, 0, &byte, 1));
+                EXPECT_TRUE(before == KST_PACK_DONE || before == fed);
+            }
+            const int written = kst_packer_write(packer, kst_host_callbacks(host.get()), nullptr);
+            EXPECT_TRUE(fed == KST_PACK_DONE || fed == written);
             kst_packer_close(packer);
-            return result;
+            return written;
         });
         EXPECT_EQ(status == KST_PACK_DONE, !fault.reached());
         EXPECT_THAT(status, AnyOf(KST_PACK_DONE, KST_PACK_NO_MEMORY, KST_PACK_DESTINATION_FAILED));

@@ -206,9 +206,6 @@ class Job {
   private:
     static void look_at(Track& track) {
         StreamMedia& media = *track.media;
-        if (media.store().failed()) {
-            throw Failure{KST_PACK_SPOOL_FAILED, "a temporary file could not be written"};
-        }
         if (media.store().count() == 0) {
             refuse(track, media.damage() ? media.damage()->reason : "it has no frames");
         }

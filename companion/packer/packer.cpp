@@ -18,6 +18,7 @@ using namespace kestrel::packer;
 struct kst_packer {
     bool with_hints = false;
     bool is_written = false;
+    int failure = KST_PACK_DONE;  // KST_PACK_NO_MEMORY or KST_PACK_SPOOL_FAILED: data was lost
     // The streams that were fed.
     std::array<std::unique_ptr<StreamMedia>, KST_PACK_MOST_STREAMS> streams;
 };
@@ -57,14 +58,28 @@ bool is_cut(const StreamMedia& stream) {
     return stream.damage() || stream.packets_left_out() != 0 || stream.packets_missing() != 0;
 }
 
+int feed(kst_packer& packer, uint32_t stream, std::span<const uint8_t> bytes) {
+    auto& media = packer.streams[stream];
+    if (!media) media = std::make_unique<StreamMedia>(packer.with_hints);
+    media->feed(bytes);
+    if (media->store().failed()) return KST_PACK_SPOOL_FAILED;
+    return media->damage() ? KST_PACK_CUT : KST_PACK_DONE;
+}
+
 int write(kst_packer* packer, KST_IOSTREAM_CALLBACK_INTERFACE* destination,
           kst_pack_report& report) {
+    if (packer->failure == KST_PACK_NO_MEMORY) throw std::bad_alloc();
     std::vector<StreamMedia*> streams;
+    bool is_spooled = true;
     for (const auto& stream : packer->streams) {
         if (stream) stream->finish();
+        is_spooled &= !stream || !stream->store().failed();
         streams.push_back(stream.get());
     }
     try {
+        if (!is_spooled) {
+            throw Failure{KST_PACK_SPOOL_FAILED, "a temporary file could not be written"};
+        }
         write_file(streams, packer->with_hints, destination, report);
     } catch (const Failure& failure) {
         put_text(report.error, failure.text);
@@ -93,13 +108,12 @@ int kst_packer_feed(kst_packer* packer, uint32_t stream, const void* data, size_
         (data == nullptr && size != 0)) {
         return KST_PACK_BAD_ARGUMENT;
     }
-    return guarded([&]() -> int {
-        auto& media = packer->streams[stream];
-        if (!media) media = std::make_unique<StreamMedia>(packer->with_hints);
-        media->feed({static_cast<const uint8_t*>(data), size});
-        if (media->store().failed()) return KST_PACK_SPOOL_FAILED;
-        return media->damage() ? KST_PACK_CUT : KST_PACK_DONE;
+    if (packer->failure != KST_PACK_DONE) return packer->failure;
+    const int status = guarded([&] {
+        return feed(*packer, stream, {static_cast<const uint8_t*>(data), size});
     });
+    if (status == KST_PACK_NO_MEMORY || status == KST_PACK_SPOOL_FAILED) packer->failure = status;
+    return status;
 }
 
 int kst_packer_describe(const kst_packer* packer, uint32_t stream, kst_pack_stream* about) {

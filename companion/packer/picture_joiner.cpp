@@ -165,8 +165,9 @@ void PictureJoiner::finish(bool is_whole) {
 
 void PictureJoiner::begin_unit() {
     end_unit();
-    unit_ = picture_.size();
-    picture_.resize(picture_.size() + kLengthSize);
+    const size_t begin = picture_.size();
+    picture_.resize(begin + kLengthSize);
+    unit_ = begin;
 }
 
 void PictureJoiner::end_unit() {

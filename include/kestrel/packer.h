@@ -12,7 +12,7 @@
  *         uint32_t size = sizeof buffer;
  *         status = kst_ReadChunk(handle, buffer, &size, false);
  *         if (status != KST_SUCCESS) break;  // KST_END_OF_FILE after the last chunk
- *         kst_packer_feed(packer, 0, buffer, size);
+ *         if (kst_packer_feed(packer, 0, buffer, size) > KST_PACK_CUT) break;  // write says why
  *     }
  *     result = kst_packer_write(packer, kst_host_callbacks(file), NULL);
  *     kst_packer_close(packer);
@@ -96,7 +96,7 @@ KESTREL_API kst_packer* kst_packer_open(const kst_pack_options* options);
 /* Takes the next `size` bytes at `data` of a stream; pieces may have any size. Returns
  * KST_PACK_DONE; KST_PACK_CUT once the stream is damaged, whose bytes are then passed over;
  * KST_PACK_BAD_ARGUMENT, also after kst_packer_write; KST_PACK_NO_MEMORY or KST_PACK_SPOOL_FAILED,
- * after which there is nothing to be done but kst_packer_close. */
+ * which all later calls of kst_packer_feed and kst_packer_write for the packer then return. */
 KESTREL_API int kst_packer_feed(kst_packer* packer, uint32_t stream, const void* data, size_t size);
 
 /* Describes a stream in `about`. Returns KST_PACK_DONE, or KST_PACK_BAD_ARGUMENT for a stream that
