@@ -19,9 +19,13 @@ struct MediaCounts {
     uint64_t bytes = 0;   // of media: pictures without packet headers, speech frames as stored
     uint64_t units = 0;   // of H.264; each counts 4 bytes more in `bytes`, as its length takes
     uint64_t empty_frames = 0;  // of speech: without speech or comfort noise, a byte each
-    // Of H.264: of samples, but not in packets: lengths of empty units, and what is after the last
-    // one. The stream does not show them.
+    // What only the samples show. Of H.264: bytes that are not in packets: lengths of empty units,
+    // and what is after the last one.
     uint64_t unpacked_bytes = 0;
+    // Of speech: bytes without those of empty frames, which a hint track may leave out, and samples
+    // that do not end with their last frame.
+    uint64_t filled_bytes = 0;
+    uint64_t uneven_samples = 0;
     // Frames whose bytes their codec cannot write, and the number of the first one, from 1.
     uint64_t implausible = 0;
     uint64_t first_implausible = 0;
