@@ -42,6 +42,28 @@ def speech_file(samples, together=50, stored=None):
     return head + box(b"mdat", frame * stored)
 
 
+def samples_at_one_place(samples):
+    """Hinted H.264 of so many samples of 65,000 bytes at one place, of which the hints take two each."""
+    data = load("h264_hinted")
+    hint = (struct.pack(">2H", 1, 0) + bytes(4) + b"\x80\xe0" + bytes(4) + b"\0\1"
+            + b"\1\2\x41\x9a" + bytes(12))
+    media, together = 65000, 16
+    chunks = samples // together
+    movie = boxes(data, [b"moov"])[0]
+    for begin in (0, None):  # the second time with the length known
+        begin = len(head) + 8 if begin is None else begin
+        tracks = b""
+        for track, size, at in zip(boxes(movie, [b"trak"]), (media, len(hint)), (0, media * together)):
+            tracks += rebuilt(box(b"moov", box(b"trak", track)), {
+                b"stts": struct.pack(">4I", 0, 1, samples, 1000), b"stss": None, b"ctts": None,
+                b"stsz": struct.pack(">3I", 0, size, samples),
+                b"stsc": struct.pack(">5I", 0, 1, 1, together, 1),
+                b"stco": struct.pack(">2I", 0, chunks) + struct.pack(">I", begin + at) * chunks})[8:]
+        head = box(b"moov", box(b"mvhd", boxes(movie, [b"mvhd"])[0]) + tracks)
+        head = box(b"ftyp", boxes(data, [b"ftyp"])[0]) + head
+    return head + box(b"mdat", bytes(media * together) + hint * together)
+
+
 def edited(*edits):
     """A clip with an edit list: the duration and the media time of each edit in milliseconds, or -1
     for nothing; the last one at half speed."""
@@ -412,6 +434,11 @@ class Check(ToolTest):
         result, rows = self.check("--api", "function", "--timeout", 1, path)
         self.assertEqual(rows, [("audio", "timeout", "-", "-", str(path))])
         self.assert_fails(result, 1, "1 of 1 file does not play: 1 timeout")
+
+        # Quickly played, but slow to compare with its samples.
+        path = self.write("one_place.3gp", samples_at_one_place(800_000))
+        verdicts = json.loads(run("info", path, "--json", "--timeout", 1).stdout)["verdicts"]
+        self.assertEqual(verdicts[1]["reason"], "timeout")
 
     def test_a_file_that_ends_the_process_does_not_end_the_check(self):
         bad = self.write("bad.3gp", foreign_mpeg4())

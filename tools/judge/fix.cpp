@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/judge/fix.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
+#include <csignal>
 #include <span>
+#include <thread>
 
 #include "kestrel/hinter.h"
 #include "tools/temporary_file.h"
@@ -12,8 +16,18 @@ namespace {
 
 constexpr uint64_t kMaxSamples = 1 << 22;  // of all tracks of a file
 
-// A copy takes at most this part of the room for temporary files.
+// A copy takes at most this part of the free space for temporary files, those of as many processes
+// as there are processors together.
 constexpr uint64_t kShareOfSpace = 4;
+
+// Lets the writes of this process fail after `bytes` of a file.
+void limit_files(uint64_t bytes) {
+    struct rlimit limit {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, bytes);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, SIG_IGN);
+}
 
 bool lacks_something(const FileFacts& facts) {
     if (facts.scan.movie_is_cut) return false;  // nothing whole is found then
@@ -65,7 +79,9 @@ void FixFinder::run(Candidate& candidate) const {
     candidate.tried = true;
     candidate.made = temporary_file();
     if (!candidate.made) return;
+    const uint64_t processors = std::max(std::thread::hardware_concurrency(), 1U);
     const ChildResult result = run_apart(limits_, [&] {
+        limit_files(temporary_space() / kShareOfSpace / processors);
         DescriptorStream to(candidate.made.get());
         kst_hint_options options{};
         options.struct_size = sizeof options;

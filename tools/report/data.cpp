@@ -181,7 +181,8 @@ void gather_samples(TrackFigures& figures, uint32_t file_size) {
 }
 
 // Collects the packets of a hint track, each with its sample.
-void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media, uint32_t file_size) {
+void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media, uint32_t file_size,
+                    Clock::time_point deadline) {
     PacketFigures& out = figures.packets;
     if (hint->rtp_max_packet > kLongestPacket) {
         out.damage =
@@ -211,7 +212,8 @@ void gather_packets(TrackFigures& figures, iso_track* hint, iso_track* media, ui
         return outside_file(track, file_size).chunks > 0;
     };
     int length = 0;
-    while (sample < samples && hint_bytes <= kMaxHintBytes && packet_bytes <= kMaxPacketBytes) {
+    while (sample < samples && hint_bytes <= kMaxHintBytes && packet_bytes <= kMaxPacketBytes &&
+           Clock::now() < deadline) {
         length = isoFFrtpPacket(hint, buffer.data());
         if (length <= 0) break;
         // After the last packet of a sample the cursor stands on the next one.
@@ -319,7 +321,7 @@ iso_track* track_with_id(const iso_file* file, uint32_t id) {
     return track;
 }
 
-void gather_track(ReportData& data, iso_track* track) {
+void gather_track(ReportData& data, iso_track* track, Clock::time_point deadline) {
     TrackFigures figures;
     figures.track = track;
     const uint32_t file_size = data.facts.scan.file_size;
@@ -332,7 +334,7 @@ void gather_track(ReportData& data, iso_track* track) {
     }
     if (is_hint(track)) {
         gather_packets(figures, track, track_with_id(data.facts.file.get(), track->hint_track_ref),
-                       file_size);
+                       file_size, deadline);
     }
     data.seconds = std::max(data.seconds, figures.seconds);
     data.tracks.push_back(std::move(figures));
@@ -371,10 +373,12 @@ ReportData gather(kst_host* host, const std::string& input, Clock::time_point de
     ReportData data;
     data.input = input;
     data.facts = gather_facts(host, deadline);
+    const Clock::time_point now = Clock::now();
+    const Clock::time_point packets_until = now + (deadline - now) / 2;  // the rest is for verdicts
     for (iso_track* track = data.facts.file->first_track; track != nullptr; track = track->next) {
         (is_hint(track) ? data.hint_bytes : data.media_bytes) += track->total_bytes;
         if (data.tracks.size() < kMaxTracks) {
-            gather_track(data, track);
+            gather_track(data, track, packets_until);
         } else {
             ++data.tracks_left_out;
         }
