@@ -17,7 +17,7 @@ namespace {
 using namespace fuzz;
 using namespace kestrel::importer;
 
-constexpr uint32_t kHint = fourcc("hint");
+constexpr uint32_t kHint = kestrel::fourcc("hint");
 
 struct CloseHost {
     void operator()(kst_host* host) const { kst_host_close(host); }
