@@ -101,7 +101,7 @@ typedef struct kst_hint_report {
  * cannot be hinted is refused before the first byte is written. After a failure the destination
  * does not hold a complete file.
  *
- * Memory: about 35 to 80 bytes for each sample, the more of the durations, composition offsets and
+ * Memory: about 35 to 110 bytes for each sample, the more of the durations, composition offsets and
  * chunks differ; about 10 for each packet after the first of a sample; the longest sample (at most
  * 16 MiB in a track that gets a hint track); at most 32 times the size of the ftyp, moov and moof
  * boxes, for files of many brands, references or sample entries; and 4 MiB.
