@@ -30,7 +30,7 @@ bool is_one_of(const std::array<uint32_t, Count>& types, uint32_t type) {
 // first of a track without samples.
 uint32_t used_description(const importer::Track& track) {
     uint32_t used = track.samples.empty() ? 0 : track.samples[0].description;
-    if (!track.forms.several_descriptions) return used;
+    if (!track.several_descriptions) return used;
     for (const importer::Sample& sample : track.samples) {
         if (is_one_of(kPayloadTypes, track.descriptions[used].type)) break;
         used = sample.description;

@@ -54,10 +54,9 @@ bool BoxReader::header(Box& box) {
     const std::uint64_t available = left();
     std::uint64_t size = u32();
     box.type = u32();
-    box.large = size == kSizeIs64Bits;
-    box.to_end = size == kSizeToEnd;
-    if (box.large) size = available < kLargeBoxHeader ? 0 : u64();
-    if (box.to_end) size = available;
+    const bool to_end = size == kSizeToEnd;
+    if (size == kSizeIs64Bits) size = available < kLargeBoxHeader ? 0 : u64();
+    if (to_end) size = available;
     if (failed_) return false;
     if (size < at_ - box.offset || size > UINT64_MAX - box.offset) return fail_child(box.offset);
     box.body = at_;

@@ -24,8 +24,6 @@ struct Box {
     std::uint64_t offset = 0;  // of its header
     std::uint64_t body = 0;    // offset of its body
     std::uint64_t end = 0;     // offset after it
-    bool large = false;        // 64-bit size
-    bool to_end = false;       // size 0
 
     std::uint64_t size() const { return end - offset; }
 };

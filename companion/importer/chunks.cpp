@@ -47,7 +47,7 @@ bool ChunkWalk::next(Chunk& chunk) {
         ++number_;
         while (run_ + 1 < runs_.size() && runs_[run_ + 1].first_chunk <= number_)
             ++run_;
-        chunk = {reader_->u32_or_64(has_large_offsets()), runs_[run_].samples,
+        chunk = {reader_->u32_or_64(tables_.chunks->type == fourcc("co64")), runs_[run_].samples,
                  runs_[run_].description};
         if (!reader_->failed()) return true;
     }

@@ -29,8 +29,6 @@ class ChunkWalk {
     // Returns false after the last chunk, and when the table ends early, which fails.
     bool next(Chunk& chunk);
 
-    bool has_large_offsets() const { return tables_.chunks->type == fourcc("co64"); }
-
   private:
     // A run of chunks with the same number of samples.
     struct Run {

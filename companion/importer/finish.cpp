@@ -133,14 +133,6 @@ void cut_edits(const Movie& movie, Track& track) {
     }
 }
 
-void merge(Forms& into, const Forms& more) {
-    into.version1_headers |= more.version1_headers;
-    into.large_offsets |= more.large_offsets;
-    into.compact_sizes |= more.compact_sizes;
-    into.negative_offsets |= more.negative_offsets;
-    into.several_descriptions |= more.several_descriptions;
-}
-
 }  // namespace
 
 bool finish_movie(Import& import) {
@@ -153,10 +145,9 @@ bool finish_movie(Import& import) {
     align_starts(import);
     std::uint64_t duration = 0;
     for (Track& track : movie.tracks) {
-        if (movie.forms.fragments) extend_last_edit(movie, track);
+        if (movie.fragmented) extend_last_edit(movie, track);
         if (!import.missing.empty()) cut_edits(movie, track);
         duration = std::max(duration, presented(movie, track));
-        merge(movie.forms, track.forms);
     }
     for (std::size_t i = 0; i < import.tracks.size(); ++i) {
         Track& track = movie.tracks[i];
@@ -164,7 +155,6 @@ bool finish_movie(Import& import) {
             import.tracks[i].declared -
             std::min<std::uint64_t>(track.samples.size(), import.tracks[i].declared);
     }
-    movie.fragmented = movie.forms.fragments;
     if (movie.duration == 0 || movie.fragmented || !import.missing.empty()) {
         movie.duration = duration;
     }

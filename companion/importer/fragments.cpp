@@ -299,10 +299,8 @@ bool FragmentReader::read_run_samples(const TrackFragment& fragment, const Box& 
         sample.offset = data_end_;
         data_end_ += sample.size;
         state.end += sample.duration;
-        track.forms.negative_offsets |= sample.composition_offset < 0;
         track.samples.push_back(sample);
     }
-    track.forms.negative_offsets |= run.version == 1 && run.has(kHasOffsets);
     state.next = state.end;
     return import_.whole(reader, box);
 }

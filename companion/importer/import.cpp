@@ -56,11 +56,6 @@ std::optional<std::uint32_t> Import::claim_samples(const Box& box, std::uint64_t
     return static_cast<std::uint32_t>(count);
 }
 
-void Import::note(const Box& box) {
-    movie.forms.large_boxes |= box.large;
-    movie.forms.boxes_to_end |= box.to_end;
-}
-
 bool Import::index_tracks() {
     track_ids_.clear();
     for (std::size_t i = 0; i < movie.tracks.size(); ++i)

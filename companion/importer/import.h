@@ -81,9 +81,6 @@ class Import {
     std::optional<std::uint32_t> claim_samples(const Box& box, std::uint64_t count,
                                                std::uint32_t size);
 
-    // Records the forms of a header.
-    void note(const Box& box);
-
     // Returns the index in Movie::tracks of the track with the ID.
     std::optional<std::size_t> find_track(std::uint32_t id) const;
     // Sorts the IDs for find_track(). Returns false when two tracks have the same ID.
@@ -119,7 +116,6 @@ template <typename Into>
 bool read_boxes(Import& import, const Box& container, BoxReader children,
                 std::span<const BoxHandler<Into>> handlers, Into& into) {
     for (Box box; children.next(box);) {
-        import.note(box);
         for (const BoxHandler<Into>& handler : handlers) {
             if (handler.type == box.type && !handler.read(import, box, into)) return false;
         }

@@ -117,7 +117,6 @@ Walk read_file_box(Import& import, BoxReader& file, FileBoxes& boxes) {
     const std::uint64_t offset = file.at();
     Box box;
     if (!file.header(box)) return end_of_boxes(import, boxes, file, offset);
-    if (box.type != 0) import.note(box);  // zeros may fill the end
     if (box.end > import.source.size()) return end_in_box(import, boxes, box);
     file.skip(box.end - file.at());
     return keep_box(import, box, boxes) ? Walk::kGoOn : Walk::kFailed;
@@ -168,7 +167,7 @@ bool read_file(Import& import) {
     FileBoxes boxes;
     if (!import.source.open()) return import.fail("");
     if (!find_file_boxes(import, boxes)) return false;
-    import.movie.forms.fragments = boxes.has_fragments;
+    import.movie.fragmented = boxes.has_fragments;
     if (boxes.brands && !read_brands(import, *boxes.brands)) return false;
     if (!read_movie_box(import, *boxes.movie) || !read_fragments(import, boxes.fragments) ||
         !check_end(import, boxes)) {

@@ -85,7 +85,7 @@ Description iso_description(const Import& import, const SampleEntry& entry) {
     if (entry.quicktime_sound && contains(kIsoSound, entry.box.type)) {
         return {entry.box.type, iso_sound_entry(source, entry)};
     }
-    if (entry.box.type == kQuickTimeH263 && entry.is_visual && import.movie.forms.quicktime) {
+    if (entry.box.type == kQuickTimeH263 && entry.is_visual && import.movie.quicktime) {
         return {kIsoH263, iso_h263_entry(source, entry)};
     }
     return {entry.box.type, whole_box(source, entry.box)};

@@ -62,19 +62,6 @@ struct Group {
     std::vector<std::uint8_t> samples;
 };
 
-// The forms of a file or a track that a plain 3GP file does not have.
-struct Forms {
-    bool large_boxes = false;       // a box of a 64-bit size (size 1)
-    bool boxes_to_end = false;      // a box that ends with the file or its container (size 0)
-    bool version1_headers = false;  // a version-1 mvhd, tkhd, mdhd or elst
-    bool large_offsets = false;     // co64
-    bool compact_sizes = false;     // stz2
-    bool negative_offsets = false;  // a version-1 ctts or trun, or a composition offset below zero
-    bool fragments = false;         // moof
-    bool quicktime = false;         // the brand "qt  ", no ftyp, or a QuickTime sound description
-    bool several_descriptions = false;  // a sample entry that differs from the track's first
-};
-
 struct Track {
     std::uint32_t id = 0;
     std::uint32_t handler = 0;
@@ -96,7 +83,7 @@ struct Track {
     std::vector<Sample> samples;             // of the movie box and of all fragments
     std::uint32_t samples_in_movie_box = 0;  // so many of them come from the movie box's tables
     std::uint64_t missing_samples = 0;       // declared, and left out by salvage
-    Forms forms;
+    bool several_descriptions = false;       // a sample entry that differs from the first
 };
 
 struct Brands {
@@ -111,9 +98,9 @@ struct Movie {
     std::uint64_t creation_time = 0, modification_time = 0;  // seconds since 1904-01-01
     std::vector<std::uint8_t> object_descriptor;             // the box iods, or empty
     std::vector<Track> tracks;
-    bool fragmented = false;       // same as forms.fragments
+    bool fragmented = false;       // has a moof
     bool lacks_fragments = false;  // some are missing; with salvage
-    Forms forms;                   // those of the tracks included
+    bool quicktime = false;        // the brand "qt  ", no ftyp, or a QuickTime sound description
 };
 
 // Limit of the samples of a file; more are refused.

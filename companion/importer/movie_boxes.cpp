@@ -26,7 +26,6 @@ bool read_movie_header(Import& import, const Box& box) {
     movie.modification_time = reader.u32_or_64(version1);
     movie.timescale = reader.u32();
     movie.duration = reader.u32_or_64(version1);
-    movie.forms.version1_headers |= version1;
     if (!import.whole(reader, box)) return false;
     const std::uint64_t unknown = version1 ? UINT64_MAX : UINT32_MAX;
     if (movie.duration == unknown) movie.duration = 0;
@@ -106,7 +105,7 @@ bool read_brands(Import& import, const Box& box) {
 
 bool read_movie_box(Import& import, const Box& box) {
     Movie& movie = import.movie;
-    movie.forms.quicktime = movie.brands.major == 0 || movie.brands.major == kQuickTimeBrand;
+    movie.quicktime = movie.brands.major == 0 || movie.brands.major == kQuickTimeBrand;
     MovieBoxes boxes;
     if (!read_boxes<MovieBoxes>(import, box, BoxReader(import.source, box), kMovieBoxes, boxes)) {
         return false;

@@ -13,7 +13,7 @@ bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImp
     const VersionAndFlags head(reader);
     reader.skip(4);  // number of entries
     // Version 1 of the box marks an AudioSampleEntryV1, which has the length of version 0.
-    const bool quicktime_versions = import.movie.forms.quicktime || head.version == 0;
+    const bool quicktime_versions = import.movie.quicktime || head.version == 0;
     std::map<std::string, std::uint32_t> known;  // by configuration
     for (Box box; reader.next(box);) {
         SampleEntry entry;
@@ -26,8 +26,8 @@ bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImp
         track.encrypted |= is_encrypted(import.source, entry);
         track.descriptions.push_back(iso_description(import, entry));
         if (next == 0) state.packing = entry.packing;
-        track.forms.several_descriptions |= next > 0;
-        import.movie.forms.quicktime |= entry.quicktime_sound;
+        track.several_descriptions |= next > 0;
+        import.movie.quicktime |= entry.quicktime_sound;
     }
     return import.whole(reader, stsd);
 }

@@ -45,7 +45,6 @@ bool read_plain_sizes(Import& import, const Box& box, Target& to) {
 }
 
 bool read_compact_sizes(Import& import, const Box& box, Target& to) {
-    to.track.forms.compact_sizes = true;
     BoxReader reader(import.source, box);
     const VersionAndFlags head(reader);
     reader.skip(3);  // reserved
@@ -107,11 +106,8 @@ bool read_times(Import& import, const Box& box, Target& to) {
 bool read_composition_offsets(Import& import, const Box& box, Target& to) {
     BoxReader reader(import.source, box);
     const VersionAndFlags head(reader);
-    Forms& forms = to.track.forms;
-    forms.negative_offsets |= head.version == 1;
-    return read_runs(import, box, reader, to, [&](Sample& sample, std::uint32_t value) {
+    return read_runs(import, box, reader, to, [](Sample& sample, std::uint32_t value) {
         sample.composition_offset = static_cast<std::int32_t>(value);
-        forms.negative_offsets |= sample.composition_offset < 0;
     });
 }
 
@@ -139,7 +135,6 @@ bool place_samples(Import& import, const SampleTables& tables, Target& to) {
     if (samples.empty()) return true;
     ChunkWalk walk(import, tables);
     if (!walk.open(to.track, to.state)) return false;
-    to.track.forms.large_offsets |= walk.has_large_offsets();
     std::size_t placed = 0;
     for (Chunk chunk; placed < samples.size() && walk.next(chunk);) {
         const std::size_t left = samples.size() - placed;

@@ -70,7 +70,7 @@ bool find_sound_units(Import& import, const SampleTables& tables, const Track& t
         return false;
     }
     // QuickTime declares 1 for the size of a unit, whatever it is.
-    const bool of_one = import.movie.forms.quicktime && found.size == 1;
+    const bool of_one = import.movie.quicktime && found.size == 1;
     const bool plain = packing.unit_bytes > 0 && packing.unit_bytes == found.size;
     if (!of_one && !plain) return true;
     if (found.same_duration) {
@@ -85,7 +85,6 @@ bool read_sound_units(Import& import, const SampleTables& tables, const SoundUni
     const SoundPacking packing = state.packing;
     ChunkWalk walk(import, tables);
     if (!walk.open(track, state)) return false;
-    track.forms.large_offsets |= walk.has_large_offsets();
     std::uint64_t packets = 0;
     const auto count = [&](const Chunk& chunk) {
         packets += (std::uint64_t{chunk.samples} + packing.units - 1) / packing.units;

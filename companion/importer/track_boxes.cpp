@@ -93,7 +93,6 @@ bool keep(Import& import, const Box& container, const Box& box, TrackBoxes& boxe
 bool find_boxes(Import& import, const Box& container, TrackBoxes& boxes) {
     BoxReader children(import.source, container);
     for (Box box; children.next(box);) {
-        import.note(box);
         if (!keep(import, container, box, boxes)) return false;
         for (const Nesting& nesting : kNestings) {
             if (nesting.container == container.type && nesting.child == box.type &&
@@ -111,7 +110,6 @@ bool read_track_header(Import& import, const Box& box, TrackParts& parts) {
     const VersionAndFlags head(reader);
     const bool version1 = head.version == 1;
     track.flags = head.flags;
-    track.forms.version1_headers |= version1;
     track.creation_time = reader.u32_or_64(version1);
     track.modification_time = reader.u32_or_64(version1);
     track.id = reader.u32();
@@ -142,7 +140,6 @@ bool read_media_header(Import& import, const Box& box, TrackParts& parts) {
     BoxReader reader(import.source, box);
     const VersionAndFlags head(reader);
     const bool version1 = head.version == 1;
-    track.forms.version1_headers |= version1;
     reader.skip(version1 ? 16 : 8);  // times, as in tkhd
     track.timescale = reader.u32();
     reader.skip(version1 ? 8 : 4);  // duration: taken from the samples
@@ -179,7 +176,6 @@ bool read_edits(Import& import, const Box& box, TrackParts& parts) {
     BoxReader reader(import.source, box);
     const VersionAndFlags head(reader);
     const bool version1 = head.version == 1;
-    track.forms.version1_headers |= version1;
     const std::uint32_t count = reader.u32();
     const std::uint64_t most = reader.left() / (version1 ? 20 : 12);
     track.edits.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(count, most)));
