@@ -126,29 +126,9 @@ const Codec kCodecs[] = {
      [](iso_file* file) { return amr_isoFFtrack(file, 1, 0x83FF, 1); },
      {0x04},
      KST_FAILURE},
-    {"h263",
-     "vr",
-     [](iso_file* file) {
-         H263VCFG config{};
-         config.width = 176;
-         config.height = 144;
-         config.timescale = 90000;
-         config.level = 10;
-         return h263_isoFFtrack(file, &config);
-     },
-     {0, 0, 0x80, 2, 8}},
-    {"mpeg4",
-     "vr",
-     [](iso_file* file) { return mpeg4_isoFFtrack(file, "\0\0\1\xB0\3", 5, 176, 144, 90000); },
-     {0, 0, 1, 0xB6, 0x10}},
-    {"h264",
-     "vr",
-     [](iso_file* file) {
-         const uint8_t avcc[] = {1, 66, 0, 30, 0xFF, 0xE1, 0, 4, 0x67, 66, 0, 30, 1, 0, 2, 0x68, 9};
-         return h264_isoFFtrack(file, avcc, sizeof avcc, 176, 144, 90000);
-     },
-     {0, 0, 0, 36, 0x65},
-     KST_UNKNOWN_CODER},
+    {"h263", "vr", h263_track, {0, 0, 0x80, 2, 8}},
+    {"mpeg4", "vr", mpeg4_track, {0, 0, 1, 0xB6, 0x10}},
+    {"h264", "vr", h264_track, {0, 0, 0, 36, 0x65}, KST_UNKNOWN_CODER},
 };
 
 void keep_sync_samples(iso_track* track, std::initializer_list<uint32_t> numbers) {
