@@ -300,6 +300,7 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(plain, "stsz", 12, be32(1u << 30)), "sample 1 of track 1"},
         {with(plain, "stco", 8, be32(0xFFFFFFF0)), "outside the file"},
         {with(plain, "stco", 4, be32(5)), "no place for all samples"},
+        {with(plain, "stsc", 4, be32(1u << 30)), "stsc at offset 663 is shorter"},
         {with(plain, "stsc", 8, be32(2)), "out of order"},
         {with(plain, "stsc", 20, be32(1)), "out of order"},
         {with(plain, "stsc", 16, be32(2)), "sample entry 2 of 1"},
@@ -333,6 +334,34 @@ TEST(Importer, NotesProtectedTracks) {
     EXPECT_TRUE(import_bytes(renamed(plain, "avc1", "encv")).movie.tracks[0].encrypted);
     EXPECT_TRUE(import_bytes(renamed(plain, "avcC", "sinf")).movie.tracks[0].encrypted);
     EXPECT_TRUE(import_bytes(renamed(plain, "esds", "sinf")).movie.tracks[1].encrypted);
+}
+
+TEST(Importer, ReadsNamesAndEntriesOfOtherForms) {
+    const Bytes counted = with(make_movie({}).file, "hdlr", 24, join({{7}, text("counted")}));
+    EXPECT_EQ(import_bytes(counted).movie.tracks[0].name, "counted");
+    // An elementary stream that depends on another, with a location and a clock.
+    const auto sound = [](std::uint32_t bit_rate) {
+        const Bytes stream = {3, 34, 0, 1, 0xE0, 0, 2, 3, 'u', 'r', 'l', 0, 3};
+        const Bytes decoder = {4, 17, 0x40, 0x15, 0, 0, 0};
+        return box(
+            "mp4a",
+            {zeros(6), be16(1), zeros(8), be16(2), be16(16), zeros(4), words({8000u << 16}),
+             box("esds",
+                 {words({0}), stream, decoder, words({bit_rate, bit_rate}), {5, 2, 0x12, 0x10}})});
+    };
+    const auto damaged =
+        [](std::uint32_t type) {  // ends with the header of a box that is not there
+            return visual_entry("avc1", words({1000, type}));
+        };
+    const auto descriptions = [](const char* handler, const Bytes& entries) {
+        const TrackSpec about{.handler = handler,
+                              .entry = entries,
+                              .entries = 2,
+                              .tables = one_chunk_tables({1}, 1, 8)};
+        return import_bytes(movie({track(about)})).movie.tracks[0].descriptions.size();
+    };
+    EXPECT_EQ(descriptions("soun", join({sound(1000), sound(2000)})), 1u);
+    EXPECT_EQ(descriptions("vide", join({damaged(1), damaged(2)})), 2u);
 }
 
 TEST(Importer, TakesRepeatedMovieBoxesOnce) {
