@@ -297,21 +297,6 @@ TEST(NewBoxes, HaveSensibleDefaults) {
     EXPECT_EQ(dump(DataEntryBox()), box("url ", be32(1)));
 }
 
-TEST(NewBoxes, TimesReadAndWriteOnTheirOwn) {
-    MemoryStream stream(zeros(4) + be32(10) + be32(20));
-    macro_Seek(stream.io(), 4);
-    Timed times;
-    EXPECT_EQ(times.GetSize(), 8u);
-    EXPECT_EQ(static_cast<std::streamoff>(times.GetPosition()), -1);
-    times.Read(stream.io(), stream.size());
-    EXPECT_EQ(static_cast<std::streamoff>(times.GetPosition()), 4);
-    EXPECT_EQ(times.GetCreationTime(), 10u);
-    EXPECT_EQ(times.GetModificationTime(), 20u);
-    MemoryStream out;
-    times.Dump(out.io());
-    EXPECT_EQ(out.written(), be32(10) + be32(20));
-}
-
 TEST(NewBoxes, CodecConfigurationsReadBackAsMade) {
     ESDBox esds;
     esds.SetDecoderSpecific(text("config"));

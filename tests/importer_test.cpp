@@ -490,6 +490,10 @@ TEST(Importer, RewritesEntriesOfQuickTime) {
         {"soun",
          box("samr", {head, rate, box("wave", {box("frma", {text("samr")}), box("samr", {damr})})}),
          box("samr", {head, rate, box("damr", {damr})})},
+        {"soun",
+         box("samr", {zeros(6), be16(1), be16(1), zeros(6), be16(2), be16(16), zeros(4), rate,
+                      zeros(16), box("damr", {damr})}),
+         box("samr", {head, rate, box("damr", {damr})})},
         {"vide", h263,
          box("s263", {Bytes(h263.begin() + 8, h263.end()), box("d263", {zeros(5), {10, 0}})})},
     };
