@@ -339,29 +339,25 @@ TEST(Importer, NotesProtectedTracks) {
 TEST(Importer, ReadsNamesAndEntriesOfOtherForms) {
     const Bytes counted = with(make_movie({}).file, "hdlr", 24, join({{7}, text("counted")}));
     EXPECT_EQ(import_bytes(counted).movie.tracks[0].name, "counted");
+    const auto descriptions = [](const char* handler, std::initializer_list<Bytes> entries) {
+        const Bytes tables = one_chunk_tables({1}, 1, 8);
+        const Bytes of = track({.handler = handler, .entry = join(entries), .tables = tables});
+        return import_bytes(movie({of})).movie.tracks[0].descriptions.size();
+    };
     // An elementary stream that depends on another, with a location and a clock.
     const auto sound = [](std::uint32_t bit_rate) {
-        const Bytes stream = {3, 34, 0, 1, 0xE0, 0, 2, 3, 'u', 'r', 'l', 0, 3};
-        const Bytes decoder = {4, 17, 0x40, 0x15, 0, 0, 0};
-        return box(
-            "mp4a",
-            {zeros(6), be16(1), zeros(8), be16(2), be16(16), zeros(4), words({8000u << 16}),
-             box("esds",
-                 {words({0}), stream, decoder, words({bit_rate, bit_rate}), {5, 2, 0x12, 0x10}})});
+        const Bytes esds = join({words({0}),
+                                 {3, 34, 0, 1, 0xE0, 0, 2, 3, 'u', 'r', 'l', 0, 3},
+                                 {4, 17, 0x40, 0x15, 0, 0, 0},
+                                 words({bit_rate, bit_rate}),
+                                 {5, 2, 0x12, 0x10}});
+        return box("mp4a",
+                   {zeros(6), be16(1), zeros(16), words({8000u << 16}), box("esds", {esds})});
     };
-    const auto damaged =
-        [](std::uint32_t type) {  // ends with the header of a box that is not there
-            return visual_entry("avc1", words({1000, type}));
-        };
-    const auto descriptions = [](const char* handler, const Bytes& entries) {
-        const TrackSpec about{.handler = handler,
-                              .entry = entries,
-                              .entries = 2,
-                              .tables = one_chunk_tables({1}, 1, 8)};
-        return import_bytes(movie({track(about)})).movie.tracks[0].descriptions.size();
-    };
-    EXPECT_EQ(descriptions("soun", join({sound(1000), sound(2000)})), 1u);
-    EXPECT_EQ(descriptions("vide", join({damaged(1), damaged(2)})), 2u);
+    EXPECT_EQ(descriptions("soun", {sound(1000), sound(2000)}), 1u);
+    // Entries that end with the header of a box that is not there.
+    const auto cut = [](std::uint32_t type) { return visual_entry("avc1", words({1000, type})); };
+    EXPECT_EQ(descriptions("vide", {cut(1), cut(2)}), 2u);
 }
 
 TEST(Importer, TakesRepeatedMovieBoxesOnce) {
