@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <set>
 #include <sstream>
 
+#include "common/bytes.h"
 #include "kestrel/hosts.h"
 #include "tests/support/files.h"
 #include "tests/support/md5.h"
@@ -264,6 +266,56 @@ TEST(Importer, MissesTheRestOfAFragment) {
     }
 }
 
+// The file with other sizes in the header of one box, for each box from `begin` to `end`: the box
+// covers the next one, a part of it or all to the end, or ends before its last child.
+std::vector<Bytes> with_damaged_sizes(const Bytes& file, size_t begin, size_t end) {
+    const std::set<std::string> containers = {"moov", "trak", "edts", "mdia", "minf",
+                                              "stbl", "mvex", "moof", "traf"};
+    std::vector<Bytes> all;
+    const auto size_at = [&](size_t at) {
+        return static_cast<uint32_t>(kestrel::load_be32(&file[at]));
+    };
+    const auto damage = [&](size_t at, uint32_t size) {
+        all.push_back(file);
+        kestrel::store_be32(&all.back()[at], size);
+    };
+    for (size_t at = begin; at < end; at += size_at(at)) {
+        const size_t next = at + size_at(at);
+        for (const uint32_t more : {8U, 16U, 0x1000'0000U, next < end ? size_at(next) : 0})
+            damage(at, size_at(at) + more);
+        damage(at, 0);
+        if (!containers.contains(std::string(file.begin() + static_cast<std::ptrdiff_t>(at) + 4,
+                                             file.begin() + static_cast<std::ptrdiff_t>(at) + 8)))
+            continue;
+        size_t child = at + 8;
+        while (child + size_at(child) < next)
+            child += size_at(child);
+        damage(at, static_cast<uint32_t>(child - at));
+        for (Bytes& inner : with_damaged_sizes(file, at + 8, next))
+            all.push_back(std::move(inner));
+    }
+    return all;
+}
+
+TEST(Importer, LosesNothingThroughDamagedSizes) {
+    for (const int fragments : {0, 1, 2}) {
+        const MovieForms forms = forms_of({{kFragments, fragments}, {kRuns, 1}, {kTimes, 1}});
+        Bytes file = make_movie(forms).file;
+        if (fragments != 0) file = renamed(file, "mehd", "free");
+        const Movie whole = import_bytes(file).movie;
+        size_t refused = 0;
+        for (const Bytes& damaged : with_damaged_sizes(file, 0, file.size())) {
+            const Imported imported = import_bytes(damaged);
+            refused += !imported.result.ok;
+            for (size_t i = 0; imported.result.ok && i < whole.tracks.size(); ++i) {
+                ASSERT_EQ(imported.movie.tracks.size(), whole.tracks.size());
+                ASSERT_EQ(media(damaged, imported.movie.tracks[i]), media(file, whole.tracks[i]));
+            }
+        }
+        EXPECT_GT(refused, 100U);
+    }
+}
+
 TEST(Importer, SaysWhatIsWrong) {
     const Bytes plain = make_movie({}).file;
     const Bytes compact = make_movie(forms_of({{kSampleSize, 4}})).file;
@@ -278,7 +330,7 @@ TEST(Importer, SaysWhatIsWrong) {
         {renamed(plain, "moov", "free"), "no movie box"},
         {join({plain, renamed(plain, "avc1", "mp4v")}), "second movie"},
         {renamed(plain, "mvhd", "free"), "moov at offset 20 has no mvhd"},
-        {renamed(plain, "trak", "cmov"), "compressed"},
+        {renamed(renamed(plain, "tkhd", "free"), "trak", "cmov"), "compressed"},
         {with(plain, "mvhd", 12, be32(0)), "timescale of 0"},
         {with(plain, "mdhd", 12, be32(0)), "timescale of 0"},
         {with(plain, "tkhd", 12, be32(0)), "track ID 0"},
@@ -318,6 +370,8 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(parts, "tfdt", 4, be32(1), 4), "does not follow"},
         {with(parts, "mehd", 4, be32(5000)), "fragments are missing"},
         {before_fragments(parts), "no fragments"},
+        {with(parts, "moof", -8, zeros(8), 1), "there is no box at offset"},
+        {with(parts, "mdat", -8, be32(1u << 30)), "covers mfhd at offset"},
     };
     for (const auto& [file, error] : kCases) {
         const Imported imported = import_bytes(file);

@@ -322,7 +322,7 @@ class Check(ToolTest):
 
     def test_tracks_inside_others_are_not_hinted(self):
         data = next(data for label, data in damaged_boxes() if "covers" in label)
-        self.assert_fails(run("hint", "--replace", "-", "-o", "-", stdin=data), 1, "is inside trak")
+        self.assert_fails(run("hint", "--replace", "-", "-o", "-", stdin=data), 1, "is outside moov")
 
     def media_bytes(self, stream):
         walk = json.loads(run("inspect", "-", "--json", stdin=stream).stdout)

@@ -95,14 +95,14 @@ bool read_fragment_header(Import& import, const Box& box, TrackFragment& fragmen
     if (has(kHasDefaultFlags)) fragment.defaults.flags = reader.u32();
     fragment.duration_is_empty = has(kDurationIsEmpty);
     fragment.base_is_moof = has(kBaseIsMoof);
-    return import.whole(reader, box);
+    return import.complete(reader, box);
 }
 
 bool read_fragment_time(Import& import, const Box& box, TrackFragment& fragment) {
     BoxReader reader(import.source, box);
     const VersionAndFlags head(reader);
     fragment.time = reader.u32_or_64(head.version == 1);
-    return import.whole(reader, box);
+    return import.complete(reader, box);
 }
 
 constexpr BoxHandler<TrackFragment> kFragmentBoxes[] = {
@@ -138,6 +138,10 @@ bool open_fragment(Import& import, const Box& traf, TrackFragment& fragment) {
 
 // First reading: the number of samples of each track, to allocate memory once.
 bool count_samples(Import& import, const Box& moof) {
+    BoxReader children(import.source, moof);
+    for (Box box; children.next(box);) {
+        if (!check_child(import, moof.type, box)) return false;
+    }
     return each(import, moof, kTraf, [&](const Box& traf) {
         TrackFragment fragment;
         if (!open_fragment(import, traf, fragment)) return false;
@@ -183,6 +187,7 @@ class FragmentReader {
 bool FragmentReader::read(const Box& moof) {
     moof_ = moof;
     data_end_ = moof.offset;
+    import_.fragment_ends.push_back(data_end_);
     return each(import_, moof, fourcc("mfhd"), [&](const Box& box) { return read_number(box); }) &&
            each(import_, moof, kTraf, [&](const Box& box) { return read_track_fragment(box); });
 }
@@ -191,7 +196,7 @@ bool FragmentReader::read_number(const Box& mfhd) {
     BoxReader reader(import_.source, mfhd);
     const VersionAndFlags head(reader);
     const std::uint32_t number = reader.u32();
-    if (!import_.whole(reader, mfhd)) return false;
+    if (!import_.complete(reader, mfhd)) return false;
     if (!import_.first_fragment_number) import_.first_fragment_number = number;
     if (last_number_ && number > *last_number_ && number - *last_number_ > 1) {
         ++import_.sequence_gaps;
@@ -301,8 +306,9 @@ bool FragmentReader::read_run_samples(const TrackFragment& fragment, const Box& 
         state.end += sample.duration;
         track.samples.push_back(sample);
     }
+    import_.fragment_ends.back() = std::max(import_.fragment_ends.back(), data_end_);
     state.next = state.end;
-    return import_.whole(reader, box);
+    return import_.complete(reader, box);
 }
 
 }  // namespace
@@ -317,6 +323,7 @@ bool read_fragments(Import& import, std::span<const Box> moofs) {
         samples.reserve(samples.size() + static_cast<std::size_t>(state.fragment_samples));
         state.declared += state.fragment_samples;
     }
+    import.fragment_ends.reserve(moofs.size());
     FragmentReader reader(import);
     return std::all_of(moofs.begin(), moofs.end(),
                        [&](const Box& moof) { return reader.read(moof); });

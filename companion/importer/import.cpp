@@ -23,6 +23,18 @@ bool Import::whole(const BoxReader& reader, const Box& box) {
     return fail(box, "is shorter than what it declares");
 }
 
+// Other bytes after the fields are padding.
+bool Import::complete(BoxReader reader, const Box& box) {
+    if (!whole(reader, box)) return false;
+    const auto is_of_types = [](char character) {
+        return (character >= 'a' && character <= 'z') || (character >= '0' && character <= '9');
+    };
+    Box next;
+    if (!reader.header(next) || next.end > source.size()) return true;
+    const auto code = code_text(next.type);
+    return !std::all_of(code.begin(), code.end(), is_of_types) || covers(box, next);
+}
+
 bool Import::lacks(const std::string& what) {
     if (!options.salvage) return fail(what);
     if (missing.empty()) missing = what;
@@ -32,6 +44,18 @@ bool Import::lacks(const std::string& what) {
 bool Import::lacks_fragments(const std::string& what) {
     movie.lacks_fragments = true;
     return lacks(what);
+}
+
+bool Import::lacks_box(std::uint32_t type, const std::string& what) {
+    constexpr std::uint32_t kOfFragments[] = {fourcc("moof"), fourcc("mfhd"), fourcc("traf"),
+                                              fourcc("tfhd"), fourcc("tfdt"), fourcc("trun")};
+    const bool is_of_fragments =
+        std::find(std::begin(kOfFragments), std::end(kOfFragments), type) != std::end(kOfFragments);
+    return is_of_fragments ? lacks_fragments(what) : lacks(what);
+}
+
+bool Import::covers(const Box& box, const Box& covered) {
+    return lacks_box(covered.type, place_text(box) + " covers " + place_text(covered));
 }
 
 std::optional<std::uint32_t> Import::claim_samples(const Box& box, std::uint64_t count,

@@ -70,10 +70,16 @@ class Import {
     bool fail(const Box& box, const std::string& what);
     // Returns whether all that was read of the box was in it; fails with the reason otherwise.
     bool whole(const BoxReader& reader, const Box& box);
+    // The same for a box of which all fields were read: another box that begins there is lacking.
+    bool complete(BoxReader reader, const Box& box);
     // Fails because data is missing. With salvage stores the reason and returns true.
     bool lacks(const std::string& what);
     // The same, because fragments are missing.
     bool lacks_fragments(const std::string& what);
+    // The same, because a box of the type is hidden.
+    bool lacks_box(std::uint32_t type, const std::string& what);
+    // The same, because the bytes of `box` cover another one.
+    bool covers(const Box& box, const Box& covered);
 
     // Counts samples that a box declares against the limits of a file; `size` is the size of each,
     // or 0 when sizes differ. Returns how many can be whole: all, or with salvage as many as the
@@ -95,6 +101,7 @@ class Import {
     std::uint64_t declared_duration = 0;       // of mehd, movie timescale
     std::uint32_t sequence_gaps = 0;           // in the numbers of the fragments
     std::optional<std::uint32_t> first_fragment_number;
+    std::vector<std::uint64_t> fragment_ends;  // of the data of each moof, in the file
     std::string error;
     std::string missing;  // the first thing that the file lacks, where that is salvaged
 
@@ -110,12 +117,17 @@ struct BoxHandler {
     bool (*read)(Import&, const Box&, Into&);
 };
 
+// hidden_boxes.cpp: whether a child of the container type may be there, and hides no track or part
+// of a fragment.
+bool check_child(Import& import, std::uint32_t container, const Box& box);
+
 // Reads the boxes from the cursor of `children` to its end with the handlers of their types; skips
 // the others. `container` is their parent, for the error.
 template <typename Into>
 bool read_boxes(Import& import, const Box& container, BoxReader children,
                 std::span<const BoxHandler<Into>> handlers, Into& into) {
     for (Box box; children.next(box);) {
+        if (!check_child(import, container.type, box)) return false;
         for (const BoxHandler<Into>& handler : handlers) {
             if (handler.type == box.type && !handler.read(import, box, into)) return false;
         }

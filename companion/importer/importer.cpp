@@ -67,7 +67,7 @@ bool keep_box(Import& import, const Box& box, FileBoxes& boxes) {
             boxes.random_access.push_back(box);
             return true;
         default:
-            return true;
+            return check_file_place(import, box);
     }
 }
 
@@ -81,8 +81,8 @@ std::string cut_text(const Import& import, const Box& box) {
 bool is_terminator(Source& source, std::uint64_t offset) {
     BoxReader rest(source, offset, source.size());
     bool zeros = rest.u32() == 0;
-    while (rest.left() > 0 && !rest.failed())
-        zeros &= rest.u8() == 0;
+    while (zeros && rest.left() > 0 && !rest.failed())
+        zeros = rest.u8() == 0;
     return zeros && !rest.failed();
 }
 
@@ -97,11 +97,14 @@ Walk end_at(FileBoxes& boxes, const std::string& what) {
 Walk end_of_boxes(Import& import, FileBoxes& boxes, const BoxReader& file, std::uint64_t offset) {
     const std::string place = "offset " + std::to_string(offset);
     if (file.failed()) return end_at(boxes, "there is no box at " + place);
-    if (offset == import.source.size() || is_terminator(import.source, offset)) return Walk::kAtEnd;
-    return end_at(boxes, "the box at " + place + " is cut");
+    const std::uint64_t left = import.source.size() - offset;
+    if (left == 0 || is_terminator(import.source, offset)) return Walk::kAtEnd;
+    return end_at(boxes, left < kBoxHeader ? "the box at " + place + " is cut"
+                                           : "there is no box at " + place);
 }
 
-// For a truncated mdat, the samples show the loss; after mfra there are no fragments.
+// For a truncated mdat, the samples show the loss and its bytes other fragments; after mfra there
+// are no fragments.
 Walk end_in_box(Import& import, FileBoxes& boxes, const Box& box) {
     const std::string cut = cut_text(import, box);
     if (box.type == fourcc("moov")) {
@@ -117,6 +120,9 @@ Walk read_file_box(Import& import, BoxReader& file, FileBoxes& boxes) {
     const std::uint64_t offset = file.at();
     Box box;
     if (!file.header(box)) return end_of_boxes(import, boxes, file, offset);
+    if (box.type == 0 && box.end == import.source.size()) {
+        return end_of_boxes(import, boxes, file, offset);
+    }
     if (box.end > import.source.size()) return end_in_box(import, boxes, box);
     file.skip(box.end - file.at());
     return keep_box(import, box, boxes) ? Walk::kGoOn : Walk::kFailed;
@@ -169,14 +175,15 @@ bool read_file(Import& import) {
     if (!find_file_boxes(import, boxes)) return false;
     import.movie.fragmented = boxes.has_fragments;
     if (boxes.brands && !read_brands(import, *boxes.brands)) return false;
-    if (!read_movie_box(import, *boxes.movie) || !read_fragments(import, boxes.fragments) ||
-        !check_end(import, boxes)) {
+    if (!read_movie_box(import, *boxes.movie) || !read_fragments(import, boxes.fragments)) {
         return false;
     }
+    const bool fragments = boxes.has_fragments || import.announces_fragments;
+    if (fragments && !check_covered_fragments(import)) return false;
+    if (!check_end(import, boxes)) return false;
     for (const Box& index : boxes.indexes) {
         if (!check_segment_index(import, index)) return false;
     }
-    const bool fragments = boxes.has_fragments || import.announces_fragments;
     if (fragments && !check_random_access(import, boxes.random_access, boxes.fragments))
         return false;
     if (!check_declared_duration(import) || !finish_movie(import)) return false;

@@ -128,11 +128,13 @@ struct Result {
 // Reads the contents of the file that `host` serves into `movie`.
 //
 // Calls IndexRead, GetStreamSize, GetOffset, Seek and CheckStatus only. The position of the stream
-// is restored. The bodies of mdat boxes are not read. Takes 24 bytes for each sample, and time and
-// memory linear in the size of the boxes. The file must have arrived: not-yet is an error.
+// is restored. Of mdat boxes only bytes after the last sample of a fragment are read. Takes 24
+// bytes for each sample, and time and memory linear in the size of the boxes. The file must have
+// arrived: not-yet is an error.
 //
 // All losses are errors: a table that contradicts another, a sample outside the file, a truncated
-// box, a missing fragment. The contents of `movie` are then unspecified. Salvage keeps the rest of
+// box, a missing fragment, a track or a part of a fragment outside its container or inside another
+// box. The contents of `movie` are then unspecified. Salvage keeps the rest of
 // a truncated or incomplete file only. A missing fragment is detected by a segment index (sidx), by
 // the declared duration (mehd), by a random access index (mfra), and by a jump in both the numbers
 // and the times of fragments. A first fragment with a number above 1 is a jump after samples of the

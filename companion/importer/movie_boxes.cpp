@@ -26,7 +26,7 @@ bool read_movie_header(Import& import, const Box& box) {
     movie.modification_time = reader.u32_or_64(version1);
     movie.timescale = reader.u32();
     movie.duration = reader.u32_or_64(version1);
-    if (!import.whole(reader, box)) return false;
+    if (!import.complete(reader, box)) return false;
     const std::uint64_t unknown = version1 ? UINT64_MAX : UINT32_MAX;
     if (movie.duration == unknown) movie.duration = 0;
     return movie.timescale != 0 || import.fail(box, "has a timescale of 0");
@@ -68,7 +68,7 @@ bool read_declared_duration(Import& import, const Box& box, Import&) {
     const VersionAndFlags head(reader);
     import.declared_duration = reader.u32_or_64(head.version == 1);
     import.declared_duration_box = box;
-    return import.whole(reader, box);
+    return import.complete(reader, box);
 }
 
 bool read_track_defaults(Import& import, const Box& box, Import&) {
@@ -80,7 +80,7 @@ bool read_track_defaults(Import& import, const Box& box, Import&) {
     defaults.duration = reader.u32();
     defaults.size = reader.u32();
     defaults.flags = reader.u32();
-    if (!import.whole(reader, box)) return false;
+    if (!import.complete(reader, box)) return false;
     // Defaults of a missing track are ignored.
     if (const auto track = import.find_track(id)) import.tracks[*track].defaults = defaults;
     return true;

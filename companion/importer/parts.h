@@ -59,6 +59,15 @@ bool check_declared_duration(Import& import);
 bool check_random_access(Import& import, std::span<const Box> indexes,
                          std::span<const Box> fragments);
 
+// hidden_boxes.cpp: whether boxes are hidden because the size or the type of another one is
+// damaged.
+inline constexpr std::uint32_t kFileAsContainer = 0;
+// Whether a box of the file may be there.
+bool check_file_place(Import& import, const Box& box);
+// Whether the boxes of the file hide no fragments. Of media only bytes after the last sample are
+// read. Call it after read_fragments().
+bool check_covered_fragments(Import& import);
+
 // finish.cpp: checks that all samples are in the file, and adjusts times, durations and edits to
 // the samples that were read.
 bool finish_movie(Import& import);

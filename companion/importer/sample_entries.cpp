@@ -16,6 +16,7 @@ bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImp
     const bool quicktime_versions = import.movie.quicktime || head.version == 0;
     std::map<std::string, std::uint32_t> known;  // by configuration
     for (Box box; reader.next(box);) {
+        if (!check_child(import, stsd.type, box)) return false;
         SampleEntry entry;
         if (!read_entry(import, box, track.handler, quicktime_versions, entry)) return false;
         const auto next = static_cast<std::uint32_t>(track.descriptions.size());

@@ -41,7 +41,7 @@ bool read_plain_sizes(Import& import, const Box& box, Target& to) {
         for (Sample& sample : to.track.samples)
             sample.size = reader.u32();
     }
-    return import.whole(reader, box);
+    return import.complete(reader, box);
 }
 
 bool read_compact_sizes(Import& import, const Box& box, Target& to) {
@@ -67,7 +67,7 @@ bool read_compact_sizes(Import& import, const Box& box, Target& to) {
             sample.size = bits == 8 ? reader.u8() : reader.u16();
         }
     }
-    return import.whole(reader, box);
+    return import.complete(reader, box);
 }
 
 bool read_sizes(Import& import, const Box& box, Target& to) {
@@ -89,7 +89,7 @@ bool read_runs(Import& import, const Box& box, BoxReader& reader, Target& to, Ap
             apply(samples[static_cast<std::size_t>(i)], value);
         covered += count;
     }
-    if (!import.whole(reader, box)) return false;
+    if (!import.complete(reader, box)) return false;
     if (covered == to.state.declared) return true;
     return import.fail(box, "covers " + std::to_string(covered) + " samples of " +
                                 std::to_string(to.state.declared));
@@ -126,7 +126,7 @@ bool read_sync_samples(Import& import, const Box& box, Target& to) {
         }
         if (number <= samples.size()) samples[number - 1].is_sync = 1;
     }
-    return import.whole(reader, box);
+    return import.complete(reader, box);
 }
 
 // Places the samples in their chunks.

@@ -86,8 +86,7 @@ bool keep(Import& import, const Box& container, const Box& box, TrackBoxes& boxe
         return true;
     }
     if (container.type == kStbl && is_group(box.type)) boxes.groups.push_back(box);
-    // A size that is too large covers the next track.
-    return box.type != kTrak || import.fail(box, "is inside " + place_text(container));
+    return check_child(import, container.type, box);
 }
 
 bool find_boxes(Import& import, const Box& container, TrackBoxes& boxes) {
@@ -124,7 +123,7 @@ bool read_track_header(Import& import, const Box& box, TrackParts& parts) {
         value = reader.i32();
     track.width = reader.u32();
     track.height = reader.u32();
-    if (!import.whole(reader, box)) return false;
+    if (!import.complete(reader, box)) return false;
     return track.id != 0 || import.fail(box, "has the track ID 0");
 }
 
@@ -144,7 +143,7 @@ bool read_media_header(Import& import, const Box& box, TrackParts& parts) {
     track.timescale = reader.u32();
     reader.skip(version1 ? 8 : 4);  // duration: taken from the samples
     track.language = iso_language(reader.u16());
-    if (!import.whole(reader, box)) return false;
+    if (!import.complete(reader, box)) return false;
     return track.timescale != 0 || import.fail(box, "has a timescale of 0");
 }
 
@@ -186,7 +185,7 @@ bool read_edits(Import& import, const Box& box, TrackParts& parts) {
         edit.rate = reader.u32();
         track.edits.push_back(edit);
     }
-    return import.whole(reader, box);
+    return import.complete(reader, box);
 }
 
 bool read_references(Import& import, const Box& box, TrackParts& parts) {

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+// Boxes that are not found because the size or the type of another box is damaged.
+#include <algorithm>
+#include <span>
+
+#include "companion/importer/parts.h"
+
+namespace kestrel::importer {
+
+namespace {
+
+constexpr std::uint32_t kTrun = fourcc("trun");
+
+// A type and the container that a box of it must be in.
+struct Place {
+    std::uint32_t type;
+    std::uint32_t container;
+};
+
+// Boxes without which tracks, samples, their times or sync flags are lost.
+constexpr Place kPlaces[] = {
+    {fourcc("moof"), kFileAsContainer},
+    {fourcc("mvhd"), fourcc("moov")},
+    {fourcc("trak"), fourcc("moov")},
+    {fourcc("mvex"), fourcc("moov")},
+    {fourcc("tkhd"), fourcc("trak")},
+    {fourcc("edts"), fourcc("trak")},
+    {fourcc("mdia"), fourcc("trak")},
+    {fourcc("stsz"), fourcc("stbl")},
+    {fourcc("stz2"), fourcc("stbl")},
+    {fourcc("stts"), fourcc("stbl")},
+    {fourcc("ctts"), fourcc("stbl")},
+    {fourcc("stss"), fourcc("stbl")},
+    {fourcc("mfhd"), fourcc("moof")},
+    {fourcc("traf"), fourcc("moof")},
+    {fourcc("tfhd"), fourcc("traf")},
+    {fourcc("tfdt"), fourcc("traf")},
+    {kTrun, fourcc("traf")},
+};
+
+bool is_in_place(Import& import, std::uint32_t container, const Box& box) {
+    const auto* place = std::find_if(std::begin(kPlaces), std::end(kPlaces),
+                                     [&](const Place& one) { return one.type == box.type; });
+    if (place == std::end(kPlaces) || place->container == container) return true;
+    return import.lacks_box(box.type,
+                            place_text(box) + (place->container == kFileAsContainer
+                                                   ? " is inside " + type_text(container)
+                                                   : " is outside " + type_text(place->container)));
+}
+
+// The children of a container that must not be hidden, and a header that each of them has.
+struct Children {
+    std::uint32_t container;
+    std::uint32_t type;
+    std::uint32_t header;
+};
+constexpr Children kChildren[] = {
+    {kFileAsContainer, fourcc("moof"), fourcc("mfhd")},
+    {fourcc("moov"), fourcc("trak"), fourcc("tkhd")},
+    {fourcc("moof"), fourcc("traf"), fourcc("tfhd")},
+    {fourcc("traf"), kTrun, kTrun},
+};
+
+// Returns the first place from `begin` to `end` that has the type and a size of such a header.
+std::optional<Box> find_header(Source& source, std::uint64_t begin, std::uint64_t end,
+                               std::uint32_t type) {
+    constexpr std::uint32_t kLeast = 16, kMost = 1 << 20;  // bytes
+    BoxReader bytes(source, begin, end);
+    std::uint32_t size = 0;
+    std::uint32_t code = 0;
+    while (bytes.left() > 0 && !bytes.failed()) {
+        size = size << 8 | code >> 24;
+        code = code << 8 | bytes.u8();
+        if (code == type && size >= kLeast && size <= kMost) {
+            return Box{.type = type, .offset = bytes.at() - kBoxHeader};
+        }
+    }
+    return std::nullopt;
+}
+
+// Whether the bytes from `begin` to `end` of a child of `container` hide no other child. The
+// contents of free space are irrelevant.
+bool covers_none(Import& import, std::uint32_t container, const Box& box, std::uint64_t begin,
+                 std::uint64_t end) {
+    const auto* children =
+        std::find_if(std::begin(kChildren), std::end(kChildren),
+                     [&](const Children& one) { return one.container == container; });
+    if (children == std::end(kChildren) || box.type == children->type ||
+        box.type == fourcc("free") || box.type == fourcc("skip")) {
+        return true;
+    }
+    const auto hidden = find_header(import.source, begin, end, children->header);
+    return !hidden || import.covers(box, *hidden);
+}
+
+// Returns the end of the last sample of the movie box in the file.
+std::uint64_t end_of_movie_samples(const Movie& movie) {
+    std::uint64_t end = 0;
+    for (const Track& track : movie.tracks) {
+        for (const Sample& sample : std::span(track.samples).first(track.samples_in_movie_box))
+            end = std::max(end, sample.offset + sample.size);
+    }
+    return end;
+}
+
+}  // namespace
+
+bool check_child(Import& import, std::uint32_t container, const Box& box) {
+    return is_in_place(import, container, box) &&
+           covers_none(import, container, box, box.body, box.end);
+}
+
+bool check_file_place(Import& import, const Box& box) {
+    return is_in_place(import, kFileAsContainer, box);
+}
+
+bool check_covered_fragments(Import& import) {
+    const std::uint64_t file_end = import.source.size();
+    std::uint64_t data_end = end_of_movie_samples(import.movie);
+    auto next_end = import.fragment_ends.begin();
+    BoxReader file(import.source, 0, file_end, BoxReader::ReadAhead::kNo);
+    for (Box box; file.header(box);) {
+        if (box.type == 0 && box.end == file_end) break;  // no box: zeros at the end, or damage
+        const std::uint64_t end = std::min(box.end, file_end);
+        const bool is_media = box.type == fourcc("mdat");
+        const std::uint64_t begin = is_media ? std::clamp(data_end, box.body, end) : box.body;
+        if (!covers_none(import, kFileAsContainer, box, begin, end)) return false;
+        if (box.type == fourcc("moof") && next_end != import.fragment_ends.end()) {
+            data_end = *next_end++;
+        }
+        file.skip(end - file.at());
+    }
+    return true;
+}
+
+}  // namespace kestrel::importer
