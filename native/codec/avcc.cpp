@@ -31,6 +31,15 @@ void visit_sets(ByteReader& reader, Visit visit) {
     }
 }
 
+// Visits the sequence parameter sets of a record, and then the picture parameter sets.
+template <typename Visit>
+void visit_all_sets(std::span<const uint8_t> avcc, Visit visit) {
+    ByteReader reader(avcc);
+    read_avcc_header(reader);
+    visit_sets(reader, visit);
+    visit_sets(reader, visit);
+}
+
 // Appends the parameter sets of one kind, empty ones too. Returns their number.
 uint32_t append_prefixed_sets(ByteReader& reader, int width, std::vector<uint8_t>& to, bool& fits) {
     uint32_t count = 0;
@@ -112,12 +121,8 @@ bool take_param_sets(std::span<const uint8_t> avcc, AvccHeader& header, ParamSet
 }
 
 std::vector<NalUnit> parameter_sets(std::span<const uint8_t> avcc) {
-    ByteReader reader(avcc);
-    read_avcc_header(reader);
     std::vector<NalUnit> sets;
-    const auto add = [&](NalUnit set) { sets.push_back(set); };
-    visit_sets(reader, add);
-    visit_sets(reader, add);
+    visit_all_sets(avcc, [&](NalUnit set) { sets.push_back(set); });
     return sets;
 }
 
@@ -145,10 +150,10 @@ size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to
         std::copy_n(bytes.begin(), std::min(bytes.size(), room.size()), room.begin());
         length += bytes.size();
     };
-    for (const NalUnit set : parameter_sets(avcc)) {
+    visit_all_sets(avcc, [&](NalUnit set) {
         put(kStartCode);
         put(set);
-    }
+    });
     return length;
 }
 
