@@ -103,8 +103,9 @@ typedef struct kst_hint_report {
  *
  * Memory: about 35 to 110 bytes for each sample, the more of the durations, composition offsets and
  * chunks differ; about 10 for each packet after the first of a sample; the longest sample (at most
- * 16 MiB in a track that gets a hint track); at most 32 times the size of the ftyp, moov, moof, sidx
- * and mfra boxes, for files of many brands, references or sample entries; and 4 MiB.
+ * 16 MiB in a track that gets a hint track); at most 32 times the size of the ftyp, moov, moof,
+ * sidx and mfra boxes, for files of many brands, references or sample entries; and 4 MiB.
+ *
  * Threads: may be called from several threads at once, each with its own tables. */
 KESTREL_API int kst_hint(KST_IOSTREAM_CALLBACK_INTERFACE* source,
                          KST_IOSTREAM_CALLBACK_INTERFACE* destination,
