@@ -477,6 +477,20 @@ TEST(Importer, DelaysTracksThatBeginLater) {
         import_bytes(with(make_movie(forms).file, "elst", 8 + 20 + 8, words({0x80000000, 0})));
     ASSERT_TRUE(early.result.ok) << early.result.error;
     EXPECT_EQ(early.movie.tracks[1].edits.back().media_time, 0);
+
+    // The edit of delayed pictures shows the last one, which its offset moves.
+    forms.choices[kComposition] = 1;
+    forms.fragment_time = [](size_t number, std::uint64_t time) {
+        return number == 0 ? time + 15360 : time;
+    };
+    const Track video = import_bytes(make_movie(forms).file).movie.tracks.at(0);
+    ASSERT_EQ(video.edits.size(), 2u);
+    std::uint64_t time = 0, last = 0;
+    for (const Sample& sample : video.samples) {
+        last = std::max(last, time + static_cast<std::uint64_t>(sample.composition_offset));
+        time += sample.duration;
+    }
+    EXPECT_GT(video.edits.back().duration, last * 1000 / 15360);
 }
 
 TEST(Importer, MissesFragments) {
@@ -528,11 +542,12 @@ TEST(Importer, MissesFragmentsThatAnIndexNames) {
 
 // --- Sound of QuickTime whose tables count units
 
-TEST(Importer, RewritesEntriesOfQuickTime) {
+TEST(Importer, RewritesEntries) {
     const Bytes head = join({zeros(6), be16(1), zeros(8), be16(2), be16(16), zeros(4)});
     const Bytes rate = words({8000u << 16});
     const Bytes damr = words({0, 0x0081FF00});
     const Bytes h263 = visual_entry("h263", {});
+    const Bytes avcc = box("avcC", {{1, 66, 0, 30, 0xFF, 0xE1}, be16(1), {103, 1}, be16(1), {104}});
     const struct {
         const char* handler;
         Bytes entry, expected;
@@ -546,6 +561,8 @@ TEST(Importer, RewritesEntriesOfQuickTime) {
          box("samr", {head, rate, box("damr", {damr})})},
         {"vide", h263,
          box("s263", {Bytes(h263.begin() + 8, h263.end()), box("d263", {zeros(5), {10, 0}})})},
+        {"vide", visual_entry("avc3", avcc), visual_entry("avc1", avcc)},
+        {"vide", visual_entry("avc3", {}), visual_entry("avc3", {})},
     };
     for (const auto& [handler, entry, expected] : kCases) {
         const TrackSpec about{

@@ -177,7 +177,8 @@ def damaged_boxes():
            load("h263_hinted").replace(hdlr, hdlr.replace(b"vide", b"vid\0")))
     for name, entry, kind in [("h263_hinted", b"s263", b"encv"), ("amrnb_hinted", b"samr", b"enca"),
                               ("h264_plain", b"avc1", b"drmi"), ("amrnb_hinted", b"damr", b"sinf"),
-                              ("h264_plain", b"avcC", b"sinf"), ("amrnb_plain", b"samr", b"drms")]:
+                              ("h264_plain", b"avcC", b"sinf"), ("amrnb_plain", b"samr", b"drms"),
+                              ("h264_plain", b"avc1", b"avc3")]:
         yield f"{name}, {entry.decode()} as {kind.decode()}", load(name).replace(entry, kind)
     yield ("encrypted beside one that plays",
            load("wild/late_sound").replace(b"s263", b"encv").replace(b"mp4v", b"encv"))

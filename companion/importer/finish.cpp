@@ -45,10 +45,23 @@ std::uint64_t in_movie(const Movie& movie, const Track& track, std::uint64_t med
     return rescale(media, track.timescale, movie.timescale);
 }
 
-// Returns the duration of the track from a media time on, in the movie's timescale.
-std::uint64_t rest(const Movie& movie, const Track& track, std::int64_t from) {
+// Returns when the presentation of the media ends, which composition offsets move: not before its
+// decoding ends.
+std::uint64_t composition_end(const Track& track) {
+    std::int64_t time = 0;
+    std::int64_t end = static_cast<std::int64_t>(track.duration);
+    for (const Sample& sample : track.samples) {
+        time += sample.duration;
+        end = std::max(end, time + sample.composition_offset);
+    }
+    return static_cast<std::uint64_t>(end);
+}
+
+// Returns how long a presentation that ends at the media time `end` lasts from another media time
+// on, in the movie's timescale.
+std::uint64_t rest(const Movie& movie, const Track& track, std::uint64_t end, std::int64_t from) {
     const auto begin = static_cast<std::uint64_t>(std::max<std::int64_t>(from, 0));
-    return in_movie(movie, track, track.duration - std::min(track.duration, begin));
+    return in_movie(movie, track, end - std::min(end, begin));
 }
 
 std::uint64_t presented(const Movie& movie, const Track& track) {
@@ -84,8 +97,8 @@ std::uint64_t count_from_start(const Movie& movie, Track& track, std::uint64_t s
     return gap;
 }
 
-void delay(const Movie& movie, Track& track, std::uint64_t time) {
-    if (track.edits.empty()) track.edits.push_back({.duration = rest(movie, track, 0)});
+void delay(const Movie& movie, Track& track, std::uint64_t end, std::uint64_t time) {
+    if (track.edits.empty()) track.edits.push_back({.duration = rest(movie, track, end, 0)});
     track.edits.insert(first_presented(track.edits), {.duration = time, .media_time = kNothing});
 }
 
@@ -102,13 +115,14 @@ void align_starts(Import& import) {
         common = std::min(common, gaps[i]);
     }
     for (std::size_t i = 0; i < gaps.size(); ++i) {
-        if (gaps[i] > common) delay(movie, movie.tracks[i], gaps[i] - common);
+        if (gaps[i] > common)
+            delay(movie, movie.tracks[i], import.tracks[i].composition_end, gaps[i] - common);
     }
 }
 
 // An edit list may have been written when only the samples of the movie box were known: its last
 // edit then has duration 0 or that of these samples. It gets the duration of the media.
-void extend_last_edit(const Movie& movie, Track& track) {
+void extend_last_edit(const Movie& movie, Track& track, std::uint64_t end) {
     if (track.edits.empty() || track.edits.back().media_time == kNothing) return;
     Edit& last = track.edits.back();
     std::uint64_t known = 0;
@@ -122,14 +136,14 @@ void extend_last_edit(const Movie& movie, Track& track) {
     const std::uint64_t covered = in_movie(movie, track, known - std::min(known, begin));
     const std::uint64_t rounding = in_movie(movie, track, longest) + 1;
     if (last.duration == 0 || (known > 0 && last.duration + rounding >= covered)) {
-        last.duration = std::max(last.duration, rest(movie, track, last.media_time));
+        last.duration = std::max(last.duration, rest(movie, track, end, last.media_time));
     }
 }
 
-void cut_edits(const Movie& movie, Track& track) {
+void cut_edits(const Movie& movie, Track& track, std::uint64_t end) {
     for (Edit& edit : track.edits) {
         if (edit.media_time == kNothing) continue;
-        edit.duration = std::min(edit.duration, rest(movie, track, edit.media_time));
+        edit.duration = std::min(edit.duration, rest(movie, track, end, edit.media_time));
     }
 }
 
@@ -140,20 +154,22 @@ bool finish_movie(Import& import) {
     for (Track& track : movie.tracks) {
         if (!check_places(import, track)) return false;
     }
-    for (Track& track : movie.tracks)
-        track.duration = media_duration(track);
-    align_starts(import);
-    std::uint64_t duration = 0;
-    for (Track& track : movie.tracks) {
-        if (movie.fragmented) extend_last_edit(movie, track);
-        if (!import.missing.empty()) cut_edits(movie, track);
-        duration = std::max(duration, presented(movie, track));
-    }
     for (std::size_t i = 0; i < import.tracks.size(); ++i) {
         Track& track = movie.tracks[i];
+        TrackImport& state = import.tracks[i];
+        track.duration = media_duration(track);
         track.missing_samples =
-            import.tracks[i].declared -
-            std::min<std::uint64_t>(track.samples.size(), import.tracks[i].declared);
+            state.declared - std::min<std::uint64_t>(track.samples.size(), state.declared);
+        state.composition_end = composition_end(track);
+    }
+    align_starts(import);
+    std::uint64_t duration = 0;
+    for (std::size_t i = 0; i < import.tracks.size(); ++i) {
+        Track& track = movie.tracks[i];
+        const std::uint64_t end = import.tracks[i].composition_end;
+        if (movie.fragmented) extend_last_edit(movie, track, end);
+        if (!import.missing.empty()) cut_edits(movie, track, end);
+        duration = std::max(duration, presented(movie, track));
     }
     if (movie.duration == 0 || movie.fragmented || !import.missing.empty()) {
         movie.duration = duration;

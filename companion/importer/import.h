@@ -56,6 +56,9 @@ struct TrackImport {
     std::uint32_t fragments = 0;         // with samples of the track
     std::uint64_t fragments_begin = 0;   // time of the first of them
     std::uint32_t gaps_seen = 0;         // of Import::sequence_gaps
+
+    // Media time of the end of the presentation, from the first sample on.
+    std::uint64_t composition_end = 0;
 };
 
 class Import {

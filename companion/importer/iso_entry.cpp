@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Converts QuickTime entries to the ISO form of their codec.
+// Converts entries to the form that 3GP files have for their codec.
 #include "companion/importer/sample_entry.h"
 
 namespace kestrel::importer {
@@ -21,6 +21,8 @@ constexpr std::uint32_t kSoundConfiguration[] = {
 };
 constexpr std::uint32_t kIsoH263 = fourcc("s263");
 constexpr std::uint32_t kQuickTimeH263 = fourcc("h263");
+constexpr std::uint32_t kH264 = fourcc("avc1");
+constexpr std::uint32_t kH264WithSetsInSamples = fourcc("avc3");
 
 // Returns a child of `wave` as a child of an ISO entry, or nothing for no configuration. In `wave`
 // the configuration of AMR has the type of its codec.
@@ -78,7 +80,32 @@ Bytes iso_h263_entry(Source& source, const SampleEntry& entry) {
     return box;
 }
 
+// Whether the entry has an avcC (ISO/IEC 14496-15, 5.2.4.1) with parameter sets of both kinds.
+bool has_parameter_sets(Source& source, const SampleEntry& entry) {
+    constexpr unsigned kCountBits = 31;
+    bool has_sets = false;
+    each_child(source, entry.children, entry.box.end, [&](const Box& child) {
+        if (child.type != fourcc("avcC")) return;
+        BoxReader reader(source, child);
+        reader.skip(5);  // version, profile, level, length size
+        const unsigned sequence_sets = reader.u8() & kCountBits;
+        for (unsigned i = 0; i < sequence_sets; ++i)
+            reader.skip(reader.u16());
+        has_sets = sequence_sets > 0 && reader.u8() > 0 && !reader.failed();
+    });
+    return has_sets;
+}
+
+Bytes renamed(Bytes box, std::uint32_t type) {
+    if (!box.empty()) store_box_header(box.data(), {static_cast<std::uint32_t>(box.size()), type});
+    return box;
+}
+
 }  // namespace
+
+bool is_rewritten_type(std::uint32_t type) {
+    return type == kQuickTimeH263 || type == kH264WithSetsInSamples;
+}
 
 Description iso_description(const Import& import, const SampleEntry& entry) {
     Source& source = import.source;
@@ -87,6 +114,9 @@ Description iso_description(const Import& import, const SampleEntry& entry) {
     }
     if (entry.box.type == kQuickTimeH263 && entry.is_visual && import.movie.quicktime) {
         return {kIsoH263, iso_h263_entry(source, entry)};
+    }
+    if (entry.box.type == kH264WithSetsInSamples && has_parameter_sets(source, entry)) {
+        return {kH264, renamed(whole_box(source, entry.box), kH264)};
     }
     return {entry.box.type, whole_box(source, entry.box)};
 }

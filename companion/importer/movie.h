@@ -33,8 +33,8 @@ inline constexpr std::uint32_t kDescriptionBits = 0x7FFF'FFFF;
 
 // A sample entry (ISO/IEC 14496-12, 8.5.2). An entry of QuickTime is
 // rewritten where ISO files have one for its codec: a sound description of version 1 or 2 or with a
-// `wave` as an AudioSampleEntry (`mp4a`, `samr`, `sawb`, `sawp`), `h263` as `s263`. All others are
-// verbatim.
+// `wave` as an AudioSampleEntry (`mp4a`, `samr`, `sawb`, `sawp`), `h263` as `s263`. An `avc3` whose
+// avcC has parameter sets is rewritten as `avc1`. All others are verbatim.
 struct Description {
     std::uint32_t type = 0;
     std::vector<std::uint8_t> box;

@@ -30,7 +30,9 @@ bool is_encrypted(Source& source, const SampleEntry& entry);
 // Whether the type of an entry says that it is encrypted: `encv`, `drms` and so on.
 bool is_protected_type(std::uint32_t type);
 
-// iso_entry.cpp: the entry in its ISO form if it has one.
+// iso_entry.cpp: whether an entry of the type may get that of another: `h263`, `avc3`.
+bool is_rewritten_type(std::uint32_t type);
+// The entry in its ISO form if it has one.
 Description iso_description(const Import& import, const SampleEntry& entry);
 
 // entry_configuration.cpp: a key that is equal for two entries whose samples are decoded and shown

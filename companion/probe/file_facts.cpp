@@ -59,8 +59,8 @@ ImportedTrack summary(const kestrel::importer::Track& track) {
 bool has_odd_form(const FileScan& scan) {
     const auto is_odd = [](const TrackBoxes& track) {
         return track.has_table("stz2") || track.has_table("co64") || track.is_encrypted ||
-               track.has_second_table("sgpd") || track.has_second_table("sbgp") ||
-               !track.version1.empty();
+               track.is_rewritten || track.has_second_table("sgpd") ||
+               track.has_second_table("sbgp") || !track.version1.empty();
     };
     return scan.has_movie &&
            (scan.fragments > 0 || scan.announces_fragments || scan.has_large_sizes ||

@@ -244,6 +244,7 @@ class Scanner {
             const std::optional<Header> entry = header_at(at, end - at);
             if (!entry || entry->size < entry->length) return;
             track_->entries.push_back(entry->type);
+            track_->is_rewritten |= kestrel::importer::is_rewritten_type(entry->code);
             track_->is_encrypted =
                 track_->is_encrypted || kestrel::importer::is_protected_type(entry->code) ||
                 has_protection(at + entry->length, std::min(end, at + entry->size));

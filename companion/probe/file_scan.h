@@ -29,6 +29,7 @@ struct TrackBoxes {
     std::vector<std::string> tables;    // children of `stbl`, as in TopBox
     std::vector<std::string> entries;   // sample entries, the first few
     std::vector<std::string> version1;  // of `tkhd` and `mdhd`, those with 64-bit times
+    bool is_rewritten = false;          // an entry has a type that the importer replaces
     bool is_encrypted = false;          // an entry has a type of protected ones, or a `sinf`
 
     bool has_table(std::string_view type) const;

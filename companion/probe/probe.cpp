@@ -75,8 +75,9 @@ int32_t code_of(Reason reason) {
 }
 
 // The flags with which kst_hint may fix it.
-void add_fix(const FileFacts& facts, Judgement& judgement) {
-    if (!may_have_fix(judgement.reason)) return;
+void add_fix(const Subject& subject, Judgement& judgement) {
+    const FileFacts& facts = subject.facts;
+    if (!may_have_fix(subject, judgement.reason)) return;
     judgement.can_be_hinted = true;
     judgement.fix = "kestrel hint FILE";
     const auto add = [&](uint32_t flag, const char* option) {
@@ -97,7 +98,7 @@ Judgement judge(const FileFacts& facts, Api api, MediaKind kind) {
         judgement.reason = reason_for_no_media(facts);
     judgement.track_id = subject.track_id();
     judgement.why = why_by_tables(subject, judgement.reason);
-    if (subject.has_track()) add_fix(facts, judgement);
+    if (subject.has_track()) add_fix(subject, judgement);
     return judgement;
 }
 

@@ -20,6 +20,12 @@ const TrackBoxes* boxes_of(const Subject& subject) {
     return subject.has_track() ? subject.facts.scan.track(subject.track_id()) : nullptr;
 }
 
+// Whether the API plays the codec, but not in the form of the track's sample entry.
+bool is_unread_form(const Subject& subject) {
+    return subject.imported != nullptr && !plays_codec(subject.api, subject.codec()) &&
+           plays_codec(subject.api, subject.imported->codec);
+}
+
 // Of a file that is complete: the sentence for samples that are not there.
 std::string why_incomplete(const Subject& subject) {
     const std::string missing = missing_bytes(subject.facts.scan);
@@ -197,6 +203,9 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
             return "The packets of the " + medium +
                    " are in the hint track itself, where this API does not look for them.";
         case Reason::kCodec:
+            if (is_unread_form(subject))
+                return std::string("This API does not read ") +
+                       codec_name(subject.imported->codec) + " with such a sample entry.";
             return "This API does not play " + name_of_codec(subject) +
                    (plays_codec(Api::kFunction, subject.codec())
                         ? "; the function API does."
@@ -239,8 +248,10 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
     return "";
 }
 
-bool may_have_fix(Reason reason) {
+bool may_have_fix(const Subject& subject, Reason reason) {
     switch (reason) {
+        case Reason::kCodec:
+            return is_unread_form(subject);
         case Reason::kNoHintTrack:
         case Reason::kSelfHinted:
         case Reason::kFragmented:

@@ -98,7 +98,7 @@ std::string show_count(uint64_t count);
 std::string why_by_tables(const Subject& subject, Reason reason);
 
 // Whether hinting, replacing hints or salvaging may fix it.
-bool may_have_fix(Reason reason);
+bool may_have_fix(const Subject& subject, Reason reason);
 
 }  // namespace kestrel::probe
 

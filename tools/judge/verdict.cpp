@@ -288,8 +288,11 @@ std::string quoted(const std::string& text) {
     return out + "'";
 }
 
-std::string where_to_find_a_fix(const Verdict& verdict, const std::string& input) {
-    return may_have_fix(verdict.reason) && input != "-" ? "; 'kestrel info' looks for a fix" : "";
+std::string where_to_find_a_fix(const Subject& subject, const Verdict& verdict,
+                                const std::string& input) {
+    return may_have_fix(subject, verdict.reason) && input != "-"
+               ? "; 'kestrel info' looks for a fix"
+               : "";
 }
 
 }  // namespace
@@ -343,7 +346,7 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     verdict.track_id = subject.track_id();
     if (result.reached_end() && !tool::plays(subject, result))
         verdict.amount = amount(subject, trial.counts);
-    if (may_have_fix(verdict.reason)) {
+    if (may_have_fix(subject, verdict.reason) || verdict.reason == Reason::kSeveralTracks) {
         verdict.fix = fixes_.find(api, kind, [&](const TrialResult& fixed, bool is_salvage) {
             if (is_salvage) return fixed.reached_end() && fixed.trial.counts.implausible == 0;
             TrialResult whole = fixed;
@@ -397,7 +400,7 @@ Error open_error(kst_host* host, const std::string& input, Api api, MediaKind ki
     verdict.reason = subject.has_track() ? reason_of(subject, result) : Reason::kDamaged;
     std::string sentence = why(subject, verdict, result);
     sentence.pop_back();  // its full stop
-    sentence += where_to_find_a_fix(verdict, input);
+    sentence += where_to_find_a_fix(subject, verdict, input);
     return file_error(input, sentence + " (" + status_words(status) + ")");
 }
 
@@ -434,7 +437,7 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
     if (!verdict.amount.empty() && sentence.find(verdict.amount) == std::string::npos)
         sentence += "; " + verdict.amount + " came";
     if (!ended) sentence += " (" + status_words(playback.status) + ")";
-    return file_error(input, sentence + where_to_find_a_fix(verdict, input));
+    return file_error(input, sentence + where_to_find_a_fix(subject, verdict, input));
 }
 
 }  // namespace tool
