@@ -420,6 +420,8 @@ TEST(BoxWalk, DamageOfOneTrackLeavesTheOthers) {
     const Bytes one_byte_lengths =
         join({{1, 66, 0, 30, 0xFC, 0xE1}, be16(256), Bytes(256, 0x67), {0}});
     const Bytes both = join({good, good});
+    const Bytes free_first = box("trak", {box("free", {}), Bytes(good.begin() + 8, good.end())});
+    const Bytes former = box("free", {good});
     const std::initializer_list<const char*> to_tables = {"trak", "mdia", "minf", "stbl"};
     const Bytes xml = resized(box("xml ", {zeros(4)}), 0, 99);
     struct Case {
@@ -435,9 +437,19 @@ TEST(BoxWalk, DamageOfOneTrackLeavesTheOthers) {
          "read_buf, EOF 83 left, 84 requested\nskipping track: no whole tkhd\n"},
         {"a short header of version 1", with_header(wide_header), 1, 1,
          "read_buf, EOF 84 left, 96 requested\nskipping track: no whole tkhd\n"},
-        {"no header", box("trak", {media}), 1, 1, "skipping track: no whole tkhd\n"},
-        {"a size that covers the next track", resized(both, 0, both.size()), 2, 1,
+        {"no header", join({box("trak", {media}), box("trak", {}), box("udta", {})}), 1, 2,
+         "skipping track: no whole tkhd\nskipping track: no whole tkhd\n"},
+        {"a size that covers the next track",
+         lengthened(join({good, free_first}), {"trak"}, free_first.size()), 2, 1,
          "skipping track: hidden by damage\n"},
+        {"free space that holds former tracks", join({good, former, box("udta", {former})}), 2, 0,
+         ""},
+        {"free space that ends after the header of the next track",
+         join({lengthened(box("free", {}), {"free"}, 8 + 92), good}), 1, 1,
+         "skipping track: hidden by damage\n"},
+        {"free space that ends in the next track",
+         join({good, lengthened(box("free", {}), {"free"}, 20), good}), 1, 2,
+         "skipping track: hidden by damage\nskipping track: hidden by damage\n"},
         {"sizes down to the tables that cover it", lengthened(both, to_tables, good.size()), 2, 1,
          "skipping track: hidden by damage\n"},
         {"a size that ends in the header of the next track", lengthened(both, {"trak"}, 3), 1, 2,

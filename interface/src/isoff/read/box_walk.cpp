@@ -19,13 +19,6 @@ bool read_box_header(iso_file* file, BoxHeader& header) {
     return true;
 }
 
-const isobox* find(const isobox* table, uint32_t type) {
-    for (; table->type != nullptr; ++table) {
-        if (fourcc(table->type) == type) return table;
-    }
-    return nullptr;
-}
-
 // Calls a handler for a box inside `moov`, limited to the bytes of the box.
 int run_bounded(iso_file* file, const isobox* box, uint32_t size, bool to_end) {
     const uint32_t left = file->moov_left;
@@ -40,7 +33,7 @@ int run_bounded(iso_file* file, const isobox* box, uint32_t size, bool to_end) {
 }
 
 int run_box(iso_file* file, const isobox* table, const BoxHeader& header) {
-    const isobox* box = find(table, header.type);
+    const isobox* box = find_box(table, header.type);
     const bool to_end = header.size == 0;
     const uint32_t size = to_end ? 0 : header.size - kBoxHeader;
     if (file->in_moov_buffer) return run_bounded(file, box, size, to_end);
@@ -73,6 +66,13 @@ int walk(iso_file* file, const isobox* table, uint32_t size) {
 }
 
 }  // namespace
+
+const isobox* find_box(const isobox* table, uint32_t type) {
+    for (; table->type != nullptr; ++table) {
+        if (fourcc(table->type) == type) return table;
+    }
+    return nullptr;
+}
 
 int parse(iso_file* file, const isobox* table, uint32_t size) {
     file->depth++;

@@ -14,6 +14,9 @@ struct isobox {
     int (*handler)(BoxReader& box);
 };
 
+// Returns the entry of a type; null for none.
+const isobox* find_box(const isobox* table, uint32_t type);
+
 // Walks `size` bytes and calls the handlers of `table`. A size of 0 is all of the input.
 int parse(iso_file* file, const isobox* table, uint32_t size);
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
-#include <array>
 #include <span>
+#include <string_view>
 
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/read/sample_tables.h"
@@ -232,31 +232,19 @@ constexpr isobox trak_box[] = {{"tkhd", read_tkhd}, {"mdia", read_mdia}, {"edts"
                                {"meta", read_meta}, {"tref", read_tref}, {"udta", read_udta},
                                {nullptr, nullptr}};
 
-// --- tracks that damage hides ---
-
-// Whether `bytes` begin with a `trak`. The type of its first child is checked too, so that other
+// Whether `bytes` begin with a `trak`. The header of its first child is checked too, so that other
 // bytes are not mistaken for a track.
 bool is_track_header(std::span<const uint8_t> bytes) {
+    if (bytes.size() < kBoxHeader) return false;
+    const BoxHeader track = load_box_header(bytes.data());
+    if (track.type != fourcc("trak")) return false;
+    if (track.size >= kBoxHeader) bytes = bytes.first(std::min<size_t>(track.size, bytes.size()));
     if (bytes.size() < 2 * kBoxHeader) return false;
-    if (load_box_header(bytes.data()).type != fourcc("trak")) return false;
-    constexpr std::array kFirst = {"tkhd", "mdia", "edts", "tref", "udta", "meta"};
-    const uint32_t first = load_box_header(&bytes[kBoxHeader]).type;
-    return std::any_of(kFirst.begin(), kFirst.end(),
-                       [=](const char* type) { return fourcc(type) == first; });
-}
-
-// Reports the tracks in `body` of `moov` that the walk did not reach: a box before them is too
-// long, or damage ended the walk.
-void report_hidden_tracks(iso_file* file, std::span<const uint8_t> body, uint32_t walked) {
-    uint32_t seen = 0;
-    for (auto at = body.begin();; ++at) {
-        at = std::find(at, body.end(), uint8_t{'t'});
-        const auto offset = static_cast<size_t>(at - body.begin());
-        if (at == body.end()) break;
-        if (offset >= 4 && is_track_header(body.subspan(offset - 4))) seen++;
-    }
-    for (; seen > walked; --seen)
-        lose_track(file, "hidden by damage");
+    const BoxHeader child = load_box_header(&bytes[kBoxHeader]);
+    if (find_box(trak_box, child.type) != nullptr) return true;  // also with a damaged size
+    const auto type = bytes.subspan(2 * kBoxHeader - sizeof child.type, sizeof child.type);
+    return child.size >= kBoxHeader && child.size <= bytes.size() - kBoxHeader &&
+           std::all_of(type.begin(), type.end(), [](uint8_t c) { return c >= ' ' && c <= '~'; });
 }
 
 // Boxes in a track before its header, or without a readable header, belong to no track.
@@ -280,6 +268,57 @@ constexpr isobox moov_box[] = {{"mvhd", read_mvhd},
                                {"iods", read_iods},
                                {"udta", read_udta},
                                {nullptr, nullptr}};
+
+// --- tracks that damage hides ---
+
+enum class Counted { kAll, kWhole };
+
+// Returns the number of tracks that begin in `bytes`, or of those that end there too.
+uint32_t count_tracks(std::span<const uint8_t> bytes, Counted counted) {
+    constexpr size_t kToType = sizeof(BoxHeader::size);
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    uint32_t count = 0;
+    for (size_t at = kToType; (at = text.find("trak", at)) != text.npos; ++at) {
+        const auto track = bytes.subspan(at - kToType);
+        if (!is_track_header(track)) continue;
+        const bool whole = load_box_header(track.data()).size <= track.size();
+        count += whole || counted == Counted::kAll ? 1 : 0;
+    }
+    return count;
+}
+
+// Returns the number of tracks in the boxes that a walk with `table` skips: the remains of former
+// tracks, which free space may hold. Returns 0 if a size seems damaged, because it may have put
+// tracks into such a box: the boxes do not end with `bytes`, or an unknown one has no size or ends
+// inside a track.
+uint32_t count_remains(std::span<const uint8_t> bytes, const isobox* table) {
+    uint32_t remains = 0;
+    while (bytes.size() >= kBoxHeader) {
+        const BoxHeader header = load_box_header(bytes.data());
+        const isobox* box = find_box(table, header.type);
+        const size_t size = header.size == 0 && box != nullptr ? bytes.size() : header.size;
+        if (size < kBoxHeader || size > bytes.size()) return 0;
+        const auto inside = bytes.subspan(kBoxHeader, size - kBoxHeader);
+        if (box == nullptr && header.type != fourcc("trak")) {
+            const uint32_t whole = count_tracks(inside, Counted::kWhole);
+            if (whole < count_tracks(inside, Counted::kAll)) return 0;
+            remains += whole;
+        } else if (box != nullptr && box->handler == read_udta) {
+            remains += count_remains(inside, udta_box);
+        }
+        bytes = bytes.subspan(size);
+    }
+    return remains;
+}
+
+// Reports the tracks in `body` of `moov` that the walk did not reach: a box before them is too
+// long, or damage ended the walk.
+void report_hidden_tracks(iso_file* file, std::span<const uint8_t> body, uint32_t walked) {
+    uint32_t seen = count_tracks(body, Counted::kAll);
+    if (seen > walked) seen -= count_remains(body, moov_box);
+    for (; seen > walked; --seen)
+        lose_track(file, "hidden by damage");
+}
 
 }  // namespace
 
