@@ -755,23 +755,24 @@ TEST(HintPackets, BadOnesFail) {
         Bytes sample;
         uint32_t max_packet = 1400;
         int result = -1;
+        bool has_header = true;
     } cases[] = {
         {"a sample number past the end", one_packet(0, 1, {from_sample(2, 0, 1, 3, 0)})},
         {"sample number 0", one_packet(0, 1, {from_sample(2, 0, 1, 0, 0)})},
         {"more bytes than the sample has", one_packet(0, 1, {from_sample(2, 0, 11, 1, 0)})},
         {"an offset past the sample", one_packet(0, 1, {from_sample(2, 0, 1, 1, 10)})},
         {"constructors that are not there", one_packet(0, 9, {Bytes(16)})},
-        {"an entry that is not there", hint_sample(1, {})},
-        {"a cut header", {0}},
+        {"an entry that is not there", hint_sample(1, {}), 1400, -1, false},
+        {"a cut header", {0}, 1400, -1, false},
         {"extra information past all bounds",
          hint_sample(1, {packet_entry(96, 0, 1, 4), be32(0xFFFFFFFF), Bytes(16)})},
         {"a packet longer than declared", one_packet(0, 1, {ten}), 21},
         {"a packet as long as declared", one_packet(0, 1, {ten}), 22, 22},
         {"immediate bytes that fill the packet", one_packet(0, 1, {digits}), 22, 22},
         {"immediate bytes past the packet", one_packet(0, 1, {digits}), 21},
-        {"no room for a header", one_packet(0, 0, {}), 11},
-        {"null and a packet", one_packet(0, 0, {}), 0},
-        {"null, and no packet", hint_sample(0, {zeros(12)}), 0, 0},
+        {"no room for a header", one_packet(0, 0, {}), 11, -1, false},
+        {"null and a packet", one_packet(0, 0, {}), 0, -1, false},
+        {"null, and no packet", hint_sample(0, {zeros(12)}), 0, 0, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -779,8 +780,10 @@ TEST(HintPackets, BadOnesFail) {
         made.add_hint(c.sample);
         made.max_packet = c.max_packet;
         OpenedHints opened(made);
+        opened.hint->seq_rebase = 1;
         const std::unique_ptr<uint8_t[]> exact(new uint8_t[c.max_packet]);
         EXPECT_EQ(isoFFrtpPacket(opened.hint, c.max_packet == 0 ? nullptr : exact.get()), c.result);
+        EXPECT_EQ(opened.hint->seq_rebase, c.has_header ? 2u : 1u);
     }
     EXPECT_EQ(isoFFrtpPacket(nullptr, nullptr), -1);
     Opened opened(HintFile().build());

@@ -389,9 +389,11 @@ inline int PacketReader::begin_packet(uint32_t& constructors) {
     if (entry.has_extra_information()) [[unlikely]]
         result = skip_extra_information();
     constructors = entry.constructors();
-    if (result == 0) {
+    // A packet that is not continued sets the fields of its header before extra information that
+    // cannot be read.
+    if (result == 0 || pause_ == nullptr) {
         count_steps(1u + constructors);
-        result = write_header(entry);
+        if (write_header(entry) != 0) result = -1;
     }
     return result == 0 ? 0 : stop_before_packet(begin, 0, result);
 }
