@@ -319,8 +319,8 @@ class KESTREL_API C3gpInterface {
     // The lowest media sample that the hint sample refers to, -1 when it refers to none.
     int GetMediaSample(unsigned int hintSample, unsigned int fileOffset, unsigned int size);
     // Gives `length` bytes of a media sample from `offset` on through `bytes`, valid until the next
-    // call; null only asks whether the tables have them. kNotYet until the whole sample has
-    // arrived.
+    // call; kNotYet until the whole sample has arrived. Null only checks that the tables have them,
+    // and after missing data reads the sample's last byte, to wait for the last one of the frame.
     Fetched GetMediaSample(unsigned int mediaSample, uint32_t offset, uint32_t length,
                            const unsigned char** bytes);
     Fetched HoldMediaSample(unsigned int mediaSample);

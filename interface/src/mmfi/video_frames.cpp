@@ -240,8 +240,10 @@ Gathered gather_sample(mm_Interface* record, const VideoPacketisation& how, bool
 Gathered gather_frame(mm_Interface* record, const VideoPacketisation& how, iso_track* hint,
                       bool first) {
     // Looks for the piece that was missing in the last call first. A packet that needs bytes after
-    // the end of the file fails; a sample is waited for.
-    const Missing piece = look_for_missing(record->file);
+    // the end of the file fails; a sample is waited for. In a call for a complete file a packet
+    // reads on at once, and fails where a read fails.
+    const bool looks = hint == nullptr || record->file->indexed_read;
+    const Missing piece = looks ? look_for_missing(record->file) : Missing::kArrived;
     const bool fails = piece == Missing::kAfterEnd && hint != nullptr;
     if (piece != Missing::kArrived && !fails) return kMissing;
     uint64_t& missing = record->file->own->missing;
