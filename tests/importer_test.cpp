@@ -12,6 +12,7 @@
 
 #include "common/bytes.h"
 #include "kestrel/hosts.h"
+#include "tests/support/faulty_host.h"
 #include "tests/support/files.h"
 #include "tests/support/md5.h"
 #include "tests/support/movie_forms.h"
@@ -379,6 +380,26 @@ TEST(Importer, SaysWhatIsWrong) {
         EXPECT_THAT(imported.result.error, testing::HasSubstr(error));
         const Result salvaged = import_bytes(file, {.salvage = true}).result;
         EXPECT_NE(salvaged.ok, salvaged.salvaged.empty()) << error;
+    }
+}
+
+TEST(Importer, ReadsNoMoreSamplesOfChangedFilesThanItCounted) {
+    MovieForms forms = forms_of({{kFragments, 2}, {kBase, 1}, {kRuns, 1}});
+    forms.run_flags = 0;
+    const Bytes file = make_movie(forms).file;
+    const Bytes changed = with(file, "trun", 4, be32(1 << 20));
+    for (int at = 0, calls = 0; at <= calls; ++at) {
+        Bytes served = file;
+        FaultyHost host(served);
+        host.fault = [&](int call) {
+            if (call == at) std::copy(changed.begin(), changed.end(), served.begin());
+            return KST_HOST_OK;
+        };
+        Movie movie;
+        import_movie(*host.callbacks(), {}, movie);
+        calls = host.calls;
+        for (const Track& track : movie.tracks)
+            EXPECT_LE(track.samples.capacity(), file.size()) << at;
     }
 }
 

@@ -292,6 +292,10 @@ bool FragmentReader::read_run_samples(const TrackFragment& fragment, const Box& 
     if (!find_description(import_, box, defaults.description, track, state, description)) {
         return false;
     }
+    // The first reading allocated memory for the samples that it counted.
+    if (run.count > track.samples.capacity() - track.samples.size()) {
+        return import_.fail(box, "changed while it was read");
+    }
     for (std::uint32_t i = 0; i < run.count; ++i) {
         Sample sample;
         sample.duration = run.has(kHasDurations) ? reader.u32() : *defaults.duration;
