@@ -2,6 +2,7 @@
 """Each public header compiles by itself in the standards that it names, and so do the examples in
 its first comment; the loops of hosts.h are those of the example that plays a pipe."""
 
+import itertools
 import os
 import pathlib
 import re
@@ -51,6 +52,9 @@ AROUND = {
             return status;
         }""",
     "native_records.h": C_PLAYER + """
+        #ifdef __cplusplus
+        using namespace kestrel;
+        #endif
         bool is_video(const void* stream, size_t count) { %s }""",
 }
 
@@ -97,12 +101,11 @@ class Headers(unittest.TestCase):
             if header.name == "hosts.h":  # see the next test
                 continue
             self.assertEqual(header.name in AROUND, bool(found), header.name)
-            language = "c" if "c" in standards(header.read_text()) else "c++"
-            for example in found:
-                with self.subTest(header=header.name):
+            for example, named in itertools.product(found, standards(header.read_text()).items()):
+                with self.subTest(header=header.name, standard=named[1]):
                     text = f"#include <stdbool.h>\n#include <kestrel/{header.name}>\n" + AROUND[
                         header.name].replace("%s", example)
-                    self.assert_compiles(language, standards(header.read_text())[language], text)
+                    self.assert_compiles(*named, text)
 
     def test_loops_for_a_file_that_arrives_are_those_of_the_example(self):
         whole = (ROOT / "examples" / "play_pipe.c").read_text()

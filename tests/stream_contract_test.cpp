@@ -316,6 +316,14 @@ TEST(StreamContract, ReadyHostRemembersThatItFailed) {
     kst_host_close(host);
 }
 
+TEST(StreamContract, ReadyHostNeedsSomethingToServe) {
+    EXPECT_EQ(kst_host_from_memory(nullptr, 5), nullptr);
+    EXPECT_EQ(kst_host_from_growing_memory(nullptr, 5, 1), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kst_host_from_pipe(-1), nullptr);
+    EXPECT_EQ(errno, EBADF);
+}
+
 TEST(Version, IsThatOfTheHeader) {
     EXPECT_EQ(kst_Version(),
               KST_VERSION_MAJOR * 65536u + KST_VERSION_MINOR * 256u + KST_VERSION_PATCH);

@@ -405,6 +405,12 @@ kst_host* open_path(const char* path, Wrap wrap) {
     });
 }
 
+// Returns false with errno set for bytes that cannot be served.
+bool is_memory(const void* data, size_t size) {
+    errno = size > kMaxBytes ? EFBIG : EINVAL;
+    return size <= kMaxBytes && (data != nullptr || size == 0);
+}
+
 }  // namespace
 
 kst_host* kst_host_from_file(const char* path) {
@@ -418,10 +424,7 @@ kst_host* kst_host_from_growing_file(const char* path, uint32_t step) {
 }
 
 kst_host* kst_host_from_memory(const void* data, size_t size) {
-    if (size > kMaxBytes) {
-        errno = EFBIG;
-        return nullptr;
-    }
+    if (!is_memory(data, size)) return nullptr;
     return make_host(
         [=] { return std::make_unique<MemorySource>(data, static_cast<uint32_t>(size)); });
 }
@@ -431,10 +434,7 @@ kst_host* kst_host_for_writing_memory(void) {
 }
 
 kst_host* kst_host_from_growing_memory(const void* data, size_t size, uint32_t step) {
-    if (size > kMaxBytes) {
-        errno = EFBIG;
-        return nullptr;
-    }
+    if (!is_memory(data, size)) return nullptr;
     return make_host([=] {
         return std::make_unique<GrowingSource>(
             std::make_unique<MemorySource>(data, static_cast<uint32_t>(size)), step);
@@ -442,6 +442,7 @@ kst_host* kst_host_from_growing_memory(const void* data, size_t size, uint32_t s
 }
 
 kst_host* kst_host_from_pipe(int fd) {
+    if (fcntl(fd, F_GETFD) < 0) return nullptr;
     return make_host([=] { return std::make_unique<PipeSource>(fd); });
 }
 

@@ -55,8 +55,14 @@ enum { KST_HOST_OK = 0, KST_HOST_FAILED = 1, KST_HOST_NOT_YET = 2 };
 /* What kst_host_wait answers. */
 enum { KST_HOST_FAULT = -1, KST_HOST_COMPLETE = 0, KST_HOST_MORE = 1 };
 
-/* Every opening function returns null on failure with the reason in errno (ENOMEM, EFBIG for a
- * stream of 4 GiB and more, or the error of the path). */
+/* Every opening function returns null on failure, with the reason in errno:
+ *
+ * - ENOMEM;
+ * - EFBIG: 4 GiB and more;
+ * - EINVAL: `data` is null and `size` is not 0;
+ * - EBADF: `fd` is not open;
+ * - the error of the path.
+ */
 
 /* A complete file, read with positioned reads. */
 KESTREL_API kst_host* kst_host_from_file(const char* path);

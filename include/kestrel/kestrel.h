@@ -4,7 +4,7 @@
  *
  *     mm_Interface* handle = NULL;
  *     uint32_t room = KST_LARGEST_CHUNK;
- *     unsigned char* chunk = malloc(room);
+ *     unsigned char* chunk = (unsigned char*)malloc(room);
  *     int32_t status = kst_Open(&handle, callbacks, "ar");
  *     while (status == KST_SUCCESS && chunk != NULL) {
  *         uint32_t size = room;
@@ -12,7 +12,7 @@
  *         if (status == KST_SUCCESS) consume(chunk, size);
  *         if (status != KST_BAD_ARGUMENT || size <= room) continue;
  *         free(chunk);  // too small for a large frame
- *         chunk = malloc(room = size);
+ *         chunk = (unsigned char*)malloc(room = size);
  *         status = KST_SUCCESS;
  *     }
  *     free(chunk);

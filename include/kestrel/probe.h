@@ -6,7 +6,8 @@
  * could end the process, and what fixes a file that does not play.
  *
  *     kst_probe* probe = NULL;
- *     kst_probe_verdict verdict = {.struct_size = sizeof verdict};
+ *     kst_probe_verdict verdict;
+ *     verdict.struct_size = sizeof verdict;
  *     if (kst_probe_open(&probe, kst_host_callbacks(host)) == KST_SUCCESS &&
  *         kst_probe_judge(probe, KST_API_FUNCTION, KST_MEDIUM_VIDEO, &verdict) == KST_SUCCESS &&
  *         verdict.reason != KST_PROBE_NO_REASON) {

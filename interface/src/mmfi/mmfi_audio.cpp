@@ -23,6 +23,7 @@ enum ReaderState : uint32_t {
     kFileInfoRecord = 3,
     kFrameHeader = 4,
     kFrameBytes = 5,
+    kEnded = 6,
 };
 
 constexpr uint32_t kZeroWord = sizeof(uint32_t);
@@ -148,6 +149,7 @@ int32_t put_frame_header(mm_Interface* record, const Band& band, Delivery delive
     const bool new_sample = Staging(record).count() == 0;
     const int32_t status = new_sample ? stage_sample(record) : int32_t{KST_SUCCESS};
     if (status == KST_NOT_YET) return deliver_not_yet(delivery);
+    if (status == KST_END_OF_FILE) record->reader_state = kEnded;
     if (status != KST_SUCCESS) return delivery.deliver(0, status);
 
     record->reader_state = kFrameBytes;
@@ -183,6 +185,8 @@ int32_t read_audio(mm_Interface* record, const Band& band, Delivery delivery, bo
             return put_frame_header(record, band, delivery);
         case kFrameBytes:
             return put_frame_bytes(record, delivery);
+        case kEnded:  // whatever room the call has
+            return delivery.deliver(0, KST_END_OF_FILE);
         default:
             return delivery.deliver(0);
     }

@@ -24,6 +24,7 @@ enum ReaderState : uint32_t {
     kHeaderRecords = 1,  // and the first frame record
     kFramePackets = 2,
     kFrameRecord = 3,
+    kEnded = 4,
 };
 
 // What differs between the codecs.
@@ -104,10 +105,10 @@ Gathered VideoReader::gather(bool first) {
     return gather_frame(record_, codec_.packets, hint_, first);
 }
 
-// Keeps the state, also after KST_END_OF_FILE and KST_FAILURE: the next call reads the same frame
-// again and does not deliver packets that were never staged.
+// Keeps the state, also after KST_FAILURE: the next call reads the same frame again and does not
+// deliver packets that were never staged. The end is final, whatever room a later call has.
 int32_t VideoReader::deliver_nothing(int32_t status, ReaderState state) {
-    record_->reader_state = state;
+    record_->reader_state = status == KST_END_OF_FILE ? kEnded : state;
     return delivery_.deliver(0, status);
 }
 
@@ -199,6 +200,8 @@ int32_t VideoReader::read() {
             return put_frame_packets();
         case kFrameRecord:
             return put_frame_record();
+        case kEnded:
+            return delivery_.deliver(0, KST_END_OF_FILE);
         default:
             return delivery_.deliver(0);
     }
