@@ -39,18 +39,11 @@ foreach(name kestrel kestrel-hosts)
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
 endforeach()
+# Made by the target kestrel_documents.
 install(
-    FILES examples/CMakeLists.txt examples/class_seek.cpp examples/hint_upload.cpp
-          examples/play_pipe.c examples/smallest_host.c examples/read_stream.py
-    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev/examples
-    COMPONENT development)
-install(
-    FILES README.md docs/native-format.md
+    DIRECTORY ${KESTREL_DOCUMENTS_DIR}/
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev
-    COMPONENT development)
-install(
-    DIRECTORY docs/json
-    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libkestrel-dev
+    USE_SOURCE_PERMISSIONS
     COMPONENT development)
 # Made by the target kestrel_reference.
 install(

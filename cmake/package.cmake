@@ -73,7 +73,7 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} ${same_version}")
 configure_file(cmake/debian/changelog.in debian/changelog @ONLY)
 kestrel_gzip(${PROJECT_BINARY_DIR}/debian/changelog ${PROJECT_BINARY_DIR}/debian/changelog.gz)
 add_custom_target(kestrel_debian_changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog.gz)
-add_custom_target(kestrel_package_parts DEPENDS kestrel kestrel_hosts kestrel_tool kestrel_man
+add_custom_target(kestrel_package_parts DEPENDS kestrel kestrel_hosts kestrel_tool kestrel_man kestrel_documents
                                                 kestrel_debian_changelog)
 if(TARGET kestrel_reference)
     add_dependencies(kestrel_package_parts kestrel_reference)

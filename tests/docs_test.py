@@ -3,6 +3,7 @@
 and completion know every option, and the examples of man pages run as written."""
 
 import contextlib
+import gzip
 import os
 import pathlib
 import re
@@ -118,11 +119,31 @@ class ManPages(unittest.TestCase):
                  .splitlines() if line.startswith("T ") and not line.startswith("T _Z")}
         with tempfile.TemporaryDirectory() as scratch:
             out = pathlib.Path(scratch) / "reference"
-            subprocess.run([sys.executable, ROOT / "docs" / "man" / "make_function_pages.py", out],
-                           check=True)
-            pages = {page.name.removesuffix(".3.gz") for page in (out / "man3").glob("*.3.gz")}
-            self.assertEqual(names - pages, set())
-            self.assertIn("C3gpInterface", pages)
+            package = pathlib.Path(scratch) / "package"
+            documents = ROOT / "docs" / "packaged.py"
+            subprocess.run([sys.executable, documents, package], check=True)
+            subprocess.run([sys.executable, ROOT / "docs" / "man" / "make_function_pages.py", out,
+                            package], check=True)
+            pages = {page.name.removesuffix(".3.gz"): gzip.decompress(page.read_bytes()).decode()
+                     for page in (out / "man3").glob("*.3.gz")}
+            self.assertEqual(names - pages.keys(), set())
+            self.assertEqual(pages["C3gpInterface"], ".so man3/kestrel_c3gpinterface.h.3\n")
+            for header in (ROOT / "include" / "kestrel").glob("*.h"):
+                page = out / "page.3"
+                page.write_text(pages[f"kestrel_{header.name}"])
+                lint = subprocess.run(["mandoc", "-Tlint", "-Wwarning", page], check=False,
+                                      capture_output=True, text=True)
+                self.assertEqual((lint.returncode, lint.stdout), (0, ""), header.name)
+                shown = subprocess.run(["mandoc", "-Tutf8", "-Owidth=200", page], check=True,
+                                       capture_output=True, text=True).stdout
+                words = re.compile(r'\w{3,}|"')
+                shown = re.sub(".\x08", "", shown)
+                about, code = header.read_text().split("\n  private:")[0].split("#ifndef", 1)
+                said = about.split("\n", 1)[1] + "".join(re.findall(r"(?m)^    [^(\n]*; +/[/*].*", code))
+                self.assertEqual(set(words.findall(said)) - set(words.findall(shown)), set())
+                self.assertIn(f"#include <kestrel/{header.name}>", shown)
+            shutil.move(out / "html", package)
+            subprocess.run([sys.executable, documents, "--check", package], check=True)
 
     def test_mandoc_finds_nothing_to_complain_of(self):
         for page in MAN.glob("*.1"):
@@ -227,7 +248,8 @@ class Documents(unittest.TestCase):
 
     def test_links_lead_somewhere(self):
         for document in self.documents:
-            for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", document.read_text()):
+            text = re.sub(r"(?s)<!-- package.*?-->", "", document.read_text())
+            for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", text):
                 self.assertTrue((document.parent / link).exists(), f"{document.name}: {link}")
 
     def test_every_source_file_names_the_licence(self):

@@ -91,7 +91,8 @@ TEST(FunctionApi, HeaderRecordsThenFramesInTwoCalls) {
 // A host whose buffer is too small in every call is given the size needed, and misses nothing. The
 // end needs no room.
 TEST(FunctionApi, ChunkWithoutRoomStays) {
-    for (const Medium& medium : {Medium{"amrwb_dtx_hinted.3gp", "ar"}, {"h263_plain.3gp", "vr"},
+    for (const Medium& medium : {Medium{"amrwb_dtx_hinted.3gp", "ar"},
+                                 {"h263_plain.3gp", "vr"},
                                  {"mpeg4_hinted.3gp", "vr"}}) {
         SCOPED_TRACE(medium.file);
         const Bytes file = read_sample(medium.file);

@@ -6,11 +6,15 @@
 #include <memory>
 #include <string_view>
 
+#include "common/bytes.h"
 #include "kestrel/probe.h"
 #include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
 
 // What kst_probe_open finds is what the APIs do.
+
+using kestrel::load_be32;
+using kestrel::store_be32;
 
 namespace {
 
@@ -35,6 +39,12 @@ kst_probe_verdict judge(const Probe& probe, Api api, int32_t medium) {
     return verdict;
 }
 
+// Reasons of media that come to an end, with a part of the samples or at other times.
+bool is_reason_of_a_part(int32_t reason) {
+    return reason == KST_PROBE_FRAGMENTED || reason == KST_PROBE_SELF_HINTED ||
+           reason == KST_PROBE_UNKNOWN_TABLE || reason == KST_PROBE_INCOMPLETE;
+}
+
 TEST(Probe, FileWithoutAReasonAgainstItOpensAndAnyOtherDoesNotPlayWhole) {
     for (const std::string& name : all_names()) {
         const Bytes file = read_sample(name);
@@ -48,14 +58,81 @@ TEST(Probe, FileWithoutAReasonAgainstItOpensAndAnyOtherDoesNotPlayWhole) {
                 EXPECT_EQ(verdict.reason == KST_PROBE_NO_REASON, *verdict.why == '\0');
                 if (verdict.reason == KST_PROBE_NO_REASON) {
                     EXPECT_EQ(played.status, KST_END_OF_FILE);
-                } else if (verdict.reason != KST_PROBE_FRAGMENTED &&
-                           verdict.reason != KST_PROBE_SELF_HINTED &&
-                           verdict.reason != KST_PROBE_UNKNOWN_TABLE) {
+                } else if (!is_reason_of_a_part(verdict.reason)) {
                     EXPECT_NE(played.status, KST_END_OF_FILE);
                 }
             }
         }
     }
+}
+
+// Copies of a file whose table number `which` of a type is damaged, in each of a few ways.
+std::vector<Bytes> damaged_copies(const Bytes& file, std::string_view type, int which) {
+    auto at = file.begin();
+    for (int i = 0; i <= which; ++i, ++at) {
+        at = std::search(at, file.end(), type.begin(), type.end());
+        if (at == file.end()) return {};
+    }
+    const auto body = static_cast<size_t>(at - file.begin()) + type.size() - 1;
+    const size_t end = body - 8 + load_be32(&file[body - 8]);
+    std::vector<Bytes> copies;
+    for (const size_t from : {body, body + 4, body + 8, (body + end) / 2}) {
+        for (const uint8_t value : {uint8_t{0}, uint8_t{0xFF}}) {
+            copies.push_back(file);
+            std::fill(copies.back().begin() + static_cast<std::ptrdiff_t>(std::min(from, end)),
+                      copies.back().begin() + static_cast<std::ptrdiff_t>(end), value);
+        }
+    }
+    // Sizes of 0 are those of samples without media.
+    if (type == "stsz") copies.erase(copies.end() - 2);
+    copies.push_back(file);
+    store_be32(&copies.back()[body - 8], 8);  // the rest is a box of a wrong size
+    copies.push_back(file);
+    store_be32(&copies.back()[body - 4], 0);  // another type
+    return copies;
+}
+
+// What comes out of a file whose tables are damaged is whole where the probe has no reason against
+// it, and only there.
+TEST(Probe, SeesDamagedTables) {
+    const char* const tables[] = {"stsc", "stts", "stsz", "stco", "ctts", "stss", "rtp "};
+    int refused = 0, played_on = 0;
+    for (const Medium& medium : {Medium{"amrnb_hinted.3gp", "ar"},
+                                 {"h263_hinted.3gp", "vr"},
+                                 {"mpeg4_plain.3gp", "vr"},
+                                 {"h264_hinted.3gp", "vr"},
+                                 {"mpeg4_hinted.3gp", "vr"}}) {
+        const Bytes file = read_sample(medium.file);
+        const int32_t kind = *medium.mode == 'a' ? KST_MEDIUM_AUDIO : KST_MEDIUM_VIDEO;
+        Played whole[2];
+        for (const Api api : {Api::kFunction, Api::kClass})
+            whole[api == Api::kClass] = play(file, medium.mode, {.api = api});
+        for (int which = 0; which < 2 * 7; ++which) {
+            const auto copies = damaged_copies(file, tables[which / 2], which % 2);
+            for (size_t damage = 0; damage < copies.size(); ++damage) {
+                const Probe probe = probe_of(copies[damage]);
+                for (const Api api : {Api::kFunction, Api::kClass}) {
+                    const Played& good = whole[api == Api::kClass];
+                    if (good.status != KST_END_OF_FILE) continue;
+                    const kst_probe_verdict verdict = judge(probe, api, kind);
+                    SCOPED_TRACE(testing::Message()
+                                 << name_of(medium, api) << ", " << tables[which / 2] << " "
+                                 << which % 2 << ", damage " << damage << ": " << verdict.word);
+                    const Played played = play(copies[damage], medium.mode, {.api = api});
+                    if (verdict.reason == KST_PROBE_NO_REASON) {
+                        ++played_on;
+                        EXPECT_EQ(played.status, KST_END_OF_FILE);
+                        EXPECT_GT(played.stream.size(), good.stream.size() * 9 / 10);
+                    } else {
+                        ++refused;
+                        EXPECT_FALSE(played.stream == good.stream);
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_GT(refused, 200);
+    EXPECT_GT(played_on, 100);
 }
 
 TEST(Probe, ReasonsAndFixes) {
@@ -68,7 +145,7 @@ TEST(Probe, ReasonsAndFixes) {
         const char* lost = "none";  // type of the boxes that are not there
     };
     const Case cases[] = {
-        {"amrnb_plain.3gp", Api::kFunction, KST_MEDIUM_AUDIO, "not-played", ""},
+        {"amrnb_plain.3gp", Api::kFunction, KST_MEDIUM_AUDIO, "no-reason", ""},
         {"amrnb_plain.3gp", Api::kFunction, KST_MEDIUM_VIDEO, "no-track", ""},
         {"amrnb_plain.3gp", Api::kClass, KST_MEDIUM_AUDIO, "no-hint-track",
          "kestrel hint FILE -o OUT"},
@@ -104,12 +181,20 @@ TEST(Probe, FindsWhatWouldEndTheProcess) {
     const auto box = std::search(file.begin(), file.end(), name.begin(), name.end());
     const auto type = std::search(box, file.end(), std::begin(kVisual), std::end(kVisual));
     ASSERT_NE(type, file.end());
-    EXPECT_STREQ(judge(probe_of(file), Api::kClass, KST_MEDIUM_VIDEO).word, "not-played");
+    EXPECT_STREQ(judge(probe_of(file), Api::kClass, KST_MEDIUM_VIDEO).word, "no-reason");
     *type = 0x6C;
     const Probe probe = probe_of(file);
     for (const int32_t medium : {KST_MEDIUM_AUDIO, KST_MEDIUM_VIDEO})
         EXPECT_EQ(judge(probe, Api::kClass, medium).reason, KST_PROBE_ENDS_PROCESS);
     EXPECT_NE(judge(probe, Api::kFunction, KST_MEDIUM_VIDEO).reason, KST_PROBE_ENDS_PROCESS);
+}
+
+TEST(Probe, SeesTimescalesThatDiffer) {
+    for (const auto& [name, differ] : {std::pair{"h263_hinted.3gp", 1}, {"h263_plain.3gp", 0}}) {
+        const Probe probe = probe_of(read_sample(name));
+        EXPECT_EQ(judge(probe, Api::kClass, KST_MEDIUM_VIDEO).seeks_elsewhere, differ);
+        EXPECT_EQ(judge(probe, Api::kFunction, KST_MEDIUM_VIDEO).seeks_elsewhere, 0);
+    }
 }
 
 TEST(Probe, DescribesTracks) {
@@ -168,6 +253,19 @@ TEST(Probe, RefusesWhatItCannotUse) {
     host.fault = [](int) -> uint32_t { return KST_HOST_NOT_YET; };
     EXPECT_EQ(kst_probe_open(&probe, host.callbacks()), KST_NOT_YET);
     EXPECT_EQ(probe, nullptr);
+    // A failure of any call is the host's, and no property of the file.
+    int32_t status = KST_IO_FAILURE;
+    int failing = 0;
+    for (; status == KST_IO_FAILURE; ++failing) {
+        host.calls = 0;
+        host.fault = [&](int call) -> uint32_t {
+            return call == failing ? KST_HOST_FAILED : KST_HOST_OK;
+        };
+        status = kst_probe_open(&probe, host.callbacks());
+    }
+    EXPECT_EQ(status, KST_SUCCESS);
+    EXPECT_GT(failing, 50);
+    kst_probe_close(probe);
     kst_probe_verdict small{};
     EXPECT_EQ(kst_probe_judge(probe_of(file).get(), KST_API_CLASS, KST_MEDIUM_AUDIO, &small),
               KST_BAD_ARGUMENT);

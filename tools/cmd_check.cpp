@@ -43,15 +43,14 @@ class FileCheck {
         Host host;
         try {
             host = open_host(path_);
-        } catch (const Error& error) {
-            found["reason"] = "unreadable";
-            found["message"] = error.what();
-            return found;
-        }
-        try {
             check(host.get(), found);
         } catch (const Error& error) {
-            found["fatal"] = error.what();
+            if (host != nullptr && kst_host_failed(host.get()) == 0) {
+                found["fatal"] = error.what();
+            } else {
+                found["reason"] = "unreadable";
+                found["message"] = error.what();
+            }
         }
         return found;
     }

@@ -102,6 +102,20 @@ uint32_t sync_flag(Sync sync) {
     }
 }
 
+// The medium of a mode string; the last letter counts.
+MediaKind kind_of(const std::string& mode) {
+    return mode.find_last_of("aA") + 1 > mode.find_last_of("vV") + 1 ? MediaKind::kAudio
+                                                                     : MediaKind::kVideo;
+}
+
+void warn_of_timescales(kst_host* host, const Options& options) {
+    using namespace kestrel::probe;
+    if (!seeks_elsewhere(ClassFile(kst_host_callbacks(host)), kind_of(options.mode))) return;
+    say(input_name(options.input) +
+        ": the hint track has another timescale than the media, so the times of seeks are wrong; "
+        "'kestrel hint --replace' makes them agree");
+}
+
 // Seeks and reports the result; waits for the target to arrive.
 void seek(C3gpInterface& player, kst_host* host, const Options& options) {
     for (;;) {
@@ -113,21 +127,16 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
         if (status == KST_SUCCESS) {
             std::fprintf(error_stream(), "from %u ms: frame %u, file offset %d\n", params.nTime,
                          params.uFrameNum, static_cast<int>(params.uFileOffset));
+            warn_of_timescales(host, options);
             return;
         }
-        refuse_failed(host, options.input);
+        refuse_failed(host);
         if (status != KST_FAILURE || complete) {
             throw status_error(options.input, status,
                                "; cannot begin at " + std::to_string(*options.from_ms) + " ms");
         }
         if (kst_host_wait(host) == KST_HOST_FAULT) throw input_error(options.input);
     }
-}
-
-// The medium of a mode string; the last letter counts.
-MediaKind kind_of(const std::string& mode) {
-    return mode.find_last_of("aA") + 1 > mode.find_last_of("vV") + 1 ? MediaKind::kAudio
-                                                                     : MediaKind::kVideo;
 }
 
 Error open_error(kst_host* host, const Options& options, int32_t status) {

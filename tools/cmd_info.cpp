@@ -205,6 +205,14 @@ void print_verdict(const Verdict& verdict, const std::string& input, const std::
     }
     if (verdict.plays()) {
         std::printf("plays%s\n", which.c_str());
+        if (verdict.seeks_elsewhere) {
+            Verdict replaced = verdict;
+            replaced.fix = "hint --replace";
+            std::printf(
+                "%28sSeeks reach other times: the hint track has another timescale.\n"
+                "%28sfix it: %s\n",
+                "", "", printable(fix_command(replaced, input)).c_str());
+        }
         return;
     }
     std::printf("%s%s (%s", verdict.outcome(), which.c_str(), word(verdict.reason));

@@ -101,6 +101,10 @@ void set_remark_file(const std::string& name) {
     remarks().file = name;
 }
 
+const std::string& remark_file() {
+    return remarks().file;
+}
+
 void expect_exit() {
     remarks().exit_expected = true;
 }

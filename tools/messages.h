@@ -23,6 +23,7 @@ void take_over_remarks();
 void show_remarks();
 // Sets the file of the next remarks.
 void set_remark_file(const std::string& name);
+const std::string& remark_file();
 // Reports that the command has ended, so that the exit is the tool's.
 void expect_exit();
 

@@ -59,9 +59,9 @@ Host open_host(const std::string& path, std::optional<uint32_t> arriving) {
     return host;
 }
 
-void refuse_failed(const kst_host* host, const std::string& input) {
+void refuse_failed(const kst_host* host) {
     errno = kst_host_failed(host);
-    if (errno != 0) throw input_error(input);
+    if (errno != 0) throw input_error(remark_file());
 }
 
 Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
@@ -72,7 +72,7 @@ Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
         status = kst_Open(&handle, kst_host_callbacks(host), mode.c_str());
         if (status == KST_SUCCESS) return Handle(handle);
         // The missing data may still arrive.
-        refuse_failed(host, "input");
+        refuse_failed(host);
         if (status != KST_FAILURE || complete) return nullptr;
         progress.announce("waiting for the movie box");
         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("-");
@@ -87,7 +87,7 @@ ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status
         status = static_cast<int32_t>(object->Open(kst_host_callbacks(host), mode.c_str()));
         if (status == KST_SUCCESS) return object;
         // What is missing may be the part of the file that has not arrived.
-        refuse_failed(host, "input");
+        refuse_failed(host);
         if (status == KST_BAD_MODE || complete) return nullptr;
         progress.announce("waiting for the movie box");
         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("-");

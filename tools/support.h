@@ -68,8 +68,8 @@ struct HandleCloser {
 };
 using Handle = std::unique_ptr<mm_Interface, HandleCloser>;
 
-// Throws the system's error after a permanent failure of the host.
-void refuse_failed(const kst_host* host, const std::string& input);
+// Throws the system's error after a permanent failure of the host, which was opened last.
+void refuse_failed(const kst_host* host);
 
 // Opens a track; waits for a file that is still arriving. Returns null when it cannot be opened,
 // with the reason in `status`.

@@ -7,9 +7,9 @@
 #include <span>
 #include <vector>
 
-#include "common/byte_reader.h"
+#include "companion/probe/hint_constructors.h"
 #include "interface/src/isoff/record/private.h"
-#include "native/codec/rtp_hint_sample.h"
+#include "interface/src/mmfi/mmfiInterface.h"
 
 namespace kestrel::probe {
 namespace {
@@ -26,26 +26,13 @@ const iso_track* find_track(const iso_track* track, Fits fits) {
     return track;
 }
 
-// A hint sample (ISO/IEC 14496-12, 9.1.3): true when a packet of it takes bytes out of the hint
-// track.
+// Whether a packet of a hint sample takes bytes out of the hint track.
 bool takes_from_itself(std::span<const uint8_t> hint_sample) {
-    ByteReader reader(hint_sample);
-    const uint16_t packets = reader.u16();
-    reader.skip(2);
-    for (uint16_t packet = 0; packet < packets; ++packet) {
-        const auto raw = reader.take(kPacketEntrySize);
-        if (!reader.ok()) break;
-        const PacketEntry entry = load_packet_entry(raw.data());
-        if (entry.has_extra_information())
-            reader.skip(std::max(reader.u32(), kExtraLengthSize) - kExtraLengthSize);
-        for (uint16_t i = 0; i < entry.constructors && reader.ok(); ++i) {
-            const auto constructor = reader.take(kConstructorSize);
-            if (reader.ok() && constructor[0] == kSampleConstructor &&
-                constructor[1] == kHintTrackItself)
-                return true;
-        }
-    }
-    return false;
+    bool found = false;
+    for_each_sample_constructor(hint_sample, [&](const SampleConstructor& constructor) {
+        found = found || constructor.track_reference == kHintTrackItself;
+    });
+    return found;
 }
 
 // Looks at the first samples of a hint track, at most `budget` of them, which it takes off.
@@ -152,6 +139,18 @@ const iso_track* hint_track_of(const iso_file* file, const iso_track* media) {
     return find_track(file->first_track, [&](auto* track) {
         return is_hint(track) && track->hint_track_ref == media->track_id;
     });
+}
+
+const iso_track* packets_of(const iso_file* file, const iso_track* media) {
+    const iso_track* best = nullptr;
+    for (const iso_track* track = file->first_track; track != nullptr; track = track->next) {
+        if (is_hint(track) && track->hint_track_ref == media->track_id &&
+            track->rtp_max_packet <= uint32_t{kMaxPacketBytes} &&
+            (best == nullptr || track->rtp_max_packet > best->rtp_max_packet)) {
+            best = track;
+        }
+    }
+    return best != nullptr && best->sample_count > 0 ? best : nullptr;
 }
 
 bool has_hints(const iso_file* file) {

@@ -41,6 +41,9 @@ const iso_track* track_for(const iso_file* file, Api api, MediaKind kind);
 bool has_several(const iso_file* file, MediaKind kind);
 
 const iso_track* hint_track_of(const iso_file* file, const iso_track* media);
+// The hint track that the function API takes the packets of a video from; null when it cuts the
+// samples itself.
+const iso_track* packets_of(const iso_file* file, const iso_track* video);
 bool has_hints(const iso_file* file);
 
 // Whether the hint track of `media`, or one that refers to no other track, has packets with bytes

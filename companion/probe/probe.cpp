@@ -8,6 +8,7 @@
 
 #include "companion/probe/reasons.h"
 #include "companion/probe/track_info.h"
+#include "companion/probe/watched_stream.h"
 #include "interface/src/isoff/quiet.h"
 #include "kestrel/hinter.h"
 #include "kestrel/status.h"
@@ -25,6 +26,7 @@ struct Judgement {
     std::string fix;
     uint32_t hint_flags = 0;
     bool can_be_hinted = false;
+    bool seeks_elsewhere = false;
 };
 
 }  // namespace
@@ -66,6 +68,8 @@ int32_t code_of(Reason reason) {
             return KST_PROBE_INCOMPLETE;
         case Reason::kEndsProcess:
             return KST_PROBE_ENDS_PROCESS;
+        case Reason::kLargeFrame:
+            return KST_PROBE_LARGE_FRAME;
         case Reason::kPlays:
         case Reason::kNotPlayed:
             return KST_PROBE_NO_REASON;
@@ -90,39 +94,43 @@ void add_fix(const Subject& subject, Judgement& judgement) {
     judgement.fix += " -o OUT";
 }
 
-Judgement judge(const FileFacts& facts, Api api, MediaKind kind) {
+Judgement judge(const FileFacts& facts, const ClassFile& opened, Api api, MediaKind kind) {
     const Subject subject = subject_of(facts, api, kind);
     Judgement judgement;
-    judgement.reason = reason_by_tables(subject);
+    judgement.reason = reason_by_tables(subject, opened);
     if (judgement.reason == Reason::kNoTrack && facts.scan.is_3gp())
         judgement.reason = reason_for_no_media(facts);
     judgement.track_id = subject.track_id();
+    if (api == Api::kClass && code_of(judgement.reason) == KST_PROBE_NO_REASON)
+        judgement.seeks_elsewhere = seeks_elsewhere(opened, kind);
     judgement.why = why_by_tables(subject, judgement.reason);
     if (subject.has_track()) add_fix(subject, judgement);
     return judgement;
 }
 
-int32_t probe_file(kst_probe** out, KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
-    uint32_t length = 0, classified = KST_IO_OK;
-    const uint32_t status = stream->GetStreamSize(stream->Context, &length);
-    stream->CheckStatus(stream->Context, &classified, status);
-    if (classified != KST_IO_OK) return KST_NOT_YET;
+int32_t probe_file(kst_probe** out, KST_IOSTREAM_CALLBACK_INTERFACE* host) {
+    WatchedStream watched(host);
+    KST_IOSTREAM_CALLBACK_INTERFACE* stream = watched.table();
+    uint32_t length = 0;
+    stream->GetStreamSize(stream->Context, &length);
+    if (watched.status() != KST_SUCCESS) return watched.status();
     stream->Seek(stream->Context, 0);
     IsoFile file(kestrel::open_quietly(stream));
     if (file == nullptr) return KST_NO_MEMORY;
     const FileFacts facts = gather_facts(stream, std::move(file),
                                          [](auto& of, const auto&) { return import_tracks(of); });
+    const ClassFile opened(stream);
     auto probe = std::make_unique<kst_probe>();
     probe->tracks = describe_tracks(facts);
     for (const Api api : kApis) {
         for (const MediaKind kind : kMedia) {
             probe->judgements[static_cast<size_t>(api)][static_cast<size_t>(kind)] =
-                judge(facts, api, kind);
+                judge(facts, opened, api, kind);
         }
     }
     stream->Seek(stream->Context, 0);
-    *out = probe.release();
-    return KST_SUCCESS;
+    if (watched.status() == KST_SUCCESS) *out = probe.release();
+    return watched.status();
 }
 
 }  // namespace
@@ -168,7 +176,8 @@ int32_t kst_probe_judge(const kst_probe* probe, int32_t api, int32_t medium,
         probe->judgements[static_cast<size_t>(api)][static_cast<size_t>(medium)];
     verdict->reason = code_of(found.reason);
     verdict->track_id = found.track_id;
-    verdict->word = word(found.reason);
+    verdict->word = verdict->reason == KST_PROBE_NO_REASON ? "no-reason" : word(found.reason);
+    verdict->seeks_elsewhere = found.seeks_elsewhere ? 1 : 0;
     verdict->why = found.why.c_str();
     verdict->fix = found.fix.c_str();
     verdict->hint_flags = found.hint_flags;

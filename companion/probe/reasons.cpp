@@ -3,7 +3,9 @@
 
 #include <algorithm>
 
+#include "common/frame_limit.h"
 #include "kestrel/status.h"
+#include "native/codec/rtp_header.h"
 
 namespace kestrel::probe {
 namespace {
@@ -24,6 +26,46 @@ const TrackBoxes* boxes_of(const Subject& subject) {
 bool is_unread_form(const Subject& subject) {
     return subject.imported != nullptr && !plays_codec(subject.api, subject.codec()) &&
            plays_codec(subject.api, subject.imported->codec);
+}
+
+// The hint track that the API reads; null for none.
+const iso_track* hints_for(const Subject& subject) {
+    const iso_file* file = subject.facts.file.get();
+    if (subject.api == Api::kClass) return hint_track_of(file, subject.track);
+    return subject.kind == MediaKind::kVideo ? packets_of(file, subject.track) : nullptr;
+}
+
+// The reason that the class API has before it looks at tables; `status` is that of opening.
+Reason reason_by_hints(const Subject& subject, int32_t status) {
+    const iso_file* file = subject.facts.file.get();
+    if (status == KST_TOO_MANY_TRACKS) return Reason::kSeveralTracks;
+    if (subject.api == Api::kClass && subject.track != nullptr && has_hints(file) &&
+        is_self_hinted(file, subject.track)) {
+        return Reason::kSelfHinted;
+    }
+    return status == KST_NO_HINT_TRACK ? Reason::kNoHintTrack : Reason::kNotPlayed;
+}
+
+// Whether the tables of a medium agree, and those of its hint track, which has no samples where the
+// API reads none. The class API takes the times from the hint track.
+bool do_agree(const Subject& subject, const SamplePlaces& media, const SamplePlaces& hint) {
+    if (subject.api == Api::kClass) return media.are_placed() && hint.agree();
+    const iso_track* packets = hints_for(subject);
+    const bool is_usable = packets == nullptr || packets->rtp_max_packet > kRtpHeaderSize;
+    return media.agree() && is_usable && (packets == nullptr || hint.agree());
+}
+
+// The reason that the places of samples show.
+Reason reason_of_places(const Subject& subject, const SamplePlaces& media,
+                        const SamplePlaces& hint) {
+    const FileScan& scan = subject.facts.scan;
+    if (media.largest > kMaxFrameBytes) return Reason::kLargeFrame;
+    if (are_cut(media, scan) || are_cut(hint, scan)) return Reason::kIncomplete;
+    if (!do_agree(subject, media, hint) || are_misplaced(media, scan) || are_misplaced(hint, scan))
+        return Reason::kDamaged;
+    const uint32_t highest = highest_media_sample(*subject.facts.stream, hint.last);
+    if (highest > media.last_media) return Reason::kDamaged;
+    return 0 < highest && highest < media.last_media ? Reason::kIncomplete : Reason::kNotPlayed;
 }
 
 // Of a file that is complete: the sentence for samples that are not there.
@@ -130,30 +172,36 @@ bool lacks_data(const Subject& subject, int64_t status) {
     if (status == KST_NOT_YET) return true;
     if (subject.track == nullptr) return false;
     const uint32_t size = subject.facts.scan.file_size;
-    const iso_track* hint = hint_track_of(subject.facts.file.get(), subject.track);
+    const iso_track* hint = hints_for(subject);
     return !is_whole(subject.track, size) || (hint != nullptr && !is_whole(hint, size));
 }
 
-Reason reason_by_tables(const Subject& subject) {
-    const iso_file* file = subject.facts.file.get();
-    const iso_track* track = subject.track;
-    if (subject.api == Api::kClass && has_foreign_codec(*subject.facts.stream))
-        return Reason::kEndsProcess;
+Reason reason_by_tables(const Subject& subject, const ClassFile& opened) {
+    const bool is_class = subject.api == Api::kClass;
+    if (is_class && opened.ends_process()) return Reason::kEndsProcess;
     if (!subject.has_track()) return Reason::kNoTrack;
     if (is_encrypted(subject)) return Reason::kEncrypted;
     if (!plays_codec(subject.api, subject.codec())) return Reason::kCodec;
-    if (track == nullptr)
-        return has_odd_sizes(subject.facts) ? Reason::kLargeBox : Reason::kDamaged;
-    if (subject.api == Api::kClass) {
-        if (has_several(file, subject.kind)) return Reason::kSeveralTracks;
-        if (has_hints(file) && is_self_hinted(file, track)) return Reason::kSelfHinted;
-        if (hint_track_of(file, track) == nullptr) return Reason::kNoHintTrack;
-    }
+    const int32_t status = is_class ? opened.open(subject.kind) : int32_t{KST_SUCCESS};
+    if (const Reason reason = reason_by_hints(subject, status); reason != Reason::kNotPlayed)
+        return reason;
     if (subject.expected.in_fragments > 0) return Reason::kFragmented;
     if (!unread_table(subject).empty()) return Reason::kUnknownTable;
     if (lacks_samples(subject)) return Reason::kIncomplete;
-    if (subject.expected.pictures == 0) return Reason::kDamaged;
-    return lacks_data(subject, KST_SUCCESS) ? Reason::kIncomplete : Reason::kNotPlayed;
+    if (status != KST_SUCCESS || (!is_class && subject.track == nullptr))
+        return has_odd_sizes(subject.facts) ? Reason::kLargeBox : Reason::kDamaged;
+    if (!is_class) {
+        const iso_track* hint = hints_for(subject);
+        return reason_of_places(subject, places_of(subject.track),
+                                hint != nullptr ? places_of(hint) : SamplePlaces{});
+    }
+    const auto track = opened.track(subject.kind);
+    return track ? reason_of_places(subject, track->media, track->hint) : Reason::kNotPlayed;
+}
+
+bool seeks_elsewhere(const ClassFile& opened, MediaKind kind) {
+    const auto track = opened.track(kind);
+    return track && track->hint_timescale != track->media_timescale;
 }
 
 Reason reason_for_no_media(const FileFacts& facts) {

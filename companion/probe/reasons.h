@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "companion/probe/class_file.h"
 #include "companion/probe/file_facts.h"
 
 namespace kestrel::probe {
@@ -76,12 +77,13 @@ bool lacks_samples(const Subject& subject);
 // True when data that the tables place after the end of the file is missing.
 bool lacks_data(const Subject& subject, int64_t status);
 
-// True when opening the file with the class API ends the process: an MPEG-4 sample entry of another
-// codec. Reads the boxes as that API does.
-bool has_foreign_codec(KST_IOSTREAM_CALLBACK_INTERFACE& stream);
+// The reason that the tables show; kNotPlayed where they show none. `opened` is the file of the
+// facts.
+Reason reason_by_tables(const Subject& subject, const ClassFile& opened);
 
-// The reason that the tables show; kNotPlayed where they show none.
-Reason reason_by_tables(const Subject& subject);
+// Whether seeks by time of the class API, in a medium that it plays, reach another time: the hint
+// track has another timescale than the media.
+bool seeks_elsewhere(const ClassFile& opened, MediaKind kind);
 
 // Why no medium was found in a file that has a file type or a movie box, or not all of them.
 Reason reason_for_no_media(const FileFacts& facts);

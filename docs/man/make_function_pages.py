@@ -2,10 +2,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """Writes the API reference (HTML) and the man pages of section 3, from the public headers.
 
-Usage: make_function_pages.py FOLDER
+Usage: make_function_pages.py FOLDER DOCUMENTS
 
-FOLDER gets html/ and man3/: a page for each header, such as kestrel_hosts.h.3, one for the class
-C3gpInterface, and a link to the page of its header for each function.
+DOCUMENTS are those of the package (docs/packaged.py), which go into the HTML too. FOLDER gets html/,
+whose links to other files of the package lead beside it, and man3/: a page for each header, such as kestrel_hosts.h.3, and a link to it for
+each of its functions and for the class C3gpInterface.
 """
 import gzip
 import pathlib
@@ -15,21 +16,36 @@ import subprocess
 import sys
 import tempfile
 
+import header_page
 from make_man import ROOT, date
 
 HEADERS = ROOT / "include" / "kestrel"
-CLASS = "C3gpInterface"
 
 
-def run_doxygen(folder):
+def run_doxygen(folder, documents):
     settings = (ROOT / "docs" / "Doxyfile").read_text() + f"""
 OUTPUT_DIRECTORY = {folder}
 GENERATE_XML     = NO
-GENERATE_MAN     = YES
-STRIP_FROM_PATH  = {ROOT / 'include'} {ROOT}
+INPUT            = {ROOT / 'include' / 'kestrel'} {documents / 'README.md'} {documents / 'SECURITY.md'} \\
+                   {documents / 'docs'} {documents / 'examples'}
+USE_MDFILE_AS_MAINPAGE = {documents / 'docs' / 'index.md'}
+STRIP_FROM_PATH  = {ROOT / 'include'} {ROOT} {documents}
 """
     subprocess.run(["doxygen", "-"], input=settings, text=True, cwd=ROOT, check=True,
                    stdout=subprocess.DEVNULL)
+
+
+def lead_beside(html, documents):
+    """Links of a document to files that are no part of the HTML."""
+    def found(match):
+        link = match[2].removeprefix("html/")
+        if (html / link).exists():
+            return match[1] + link
+        folder = "docs/" if (documents / "docs" / link).exists() else ""
+        return f"{match[1]}../{folder}{link}"
+
+    for page in html.glob("*.html"):
+        page.write_text(re.sub(r'((?:href|src)=")([^"#:?]+)', found, page.read_text()))
 
 
 def functions(header):
@@ -49,15 +65,6 @@ def summary(header):
     return re.split(r"[.:](?: |$)", " ".join(filter(None, lines)))[0]
 
 
-def page(text, name, header):
-    """A page of Doxygen under the name that it gets, with a summary and the date of the release."""
-    text = re.sub(r"(?<=^\.SH NAME\n).*$", lambda _: f"{name} \\- {summary(header)}", text, count=1,
-                  flags=re.M)
-    text = re.sub(r"^\.TH .*$", f'.TH "{name}" 3 "{date()}" "Kestrel" "Library Functions Manual"',
-                  text, count=1, flags=re.M)
-    return text.replace("\\fC", "\\f(CW")
-
-
 def write(folder, name, text):
     with open(folder / f"{name}.3.gz", "wb") as file:
         with gzip.GzipFile(filename="", mode="wb", fileobj=file, mtime=0) as packed:
@@ -69,20 +76,19 @@ def main():
     shutil.rmtree(out, ignore_errors=True)
     man = out / "man3"
     man.mkdir(parents=True)
+    headers = sorted(HEADERS.glob("*.h"))
+    for header in headers:
+        name = f"kestrel_{header.name}"
+        text = header.read_text()
+        others = [f"kestrel_{other.name}" for other in headers if other != header]
+        write(man, name, header_page.page(text, name, header.name, summary(header), date(), others))
+        for linked in functions(header) + re.findall(r"(?m)^class KESTREL_API (\w+)", text):
+            write(man, linked, f".so man3/{name}.3\n")
     with tempfile.TemporaryDirectory() as scratch:
-        run_doxygen(scratch)
-        made = pathlib.Path(scratch)
-        shutil.move(made / "html", out / "html")
-        for header in sorted(HEADERS.glob("*.h")):
-            source = made / "man" / "man3" / f"{header.name}.3"
-            name = f"kestrel_{header.name}"
-            if not source.exists():
-                continue
-            write(man, name, page(source.read_text(), name, header))
-            for function in functions(header):
-                write(man, function, f".so man3/{name}.3\n")
-        write(man, CLASS, page((made / "man" / "man3" / f"{CLASS}.3").read_text(), CLASS,
-                               HEADERS / "c3gpinterface.h"))
+        documents = pathlib.Path(sys.argv[2]).resolve()
+        run_doxygen(scratch, documents)
+        shutil.move(f"{scratch}/html", out / "html")
+        lead_beside(out / "html", documents)
 
 
 if __name__ == "__main__":

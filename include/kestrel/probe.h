@@ -15,8 +15,8 @@
  *     }
  *     kst_probe_close(probe);
  *
- * Boxes and tables are looked at, nothing is played: samples that are malformed are found by
- * playing alone. The functions print nothing, write nothing to the system log and never end the
+ * The probe reads the boxes and the tables, opens the file as each API does, and reads a few hint
+ * samples. It plays nothing: only playing finds samples that are malformed. The functions print nothing, write nothing to the system log and never end the
  * process. Different probes may be used in different threads. Texts belong to the probe. They are
  * UTF-8. Of the file they have the characters of ASCII; for another byte a backslash, an x and
  * two hexadecimal digits.
@@ -54,7 +54,8 @@ enum {
     KST_PROBE_UNKNOWN_TABLE = 9,  /* a table has a form that the API does not read */
     KST_PROBE_INCOMPLETE = 10,    /* the file ends before its samples, or lacks fragments */
     KST_PROBE_DAMAGED = 11,       /* a box or table is malformed, or the track has no samples */
-    KST_PROBE_ENDS_PROCESS = 12   /* opening ends the process (kestrel/c3gpinterface.h) */
+    KST_PROBE_ENDS_PROCESS = 12,  /* opening ends the process (kestrel/c3gpinterface.h) */
+    KST_PROBE_LARGE_FRAME = 13    /* a sample is larger than the API can hold */
 };
 
 /* A track. A number that the file does not give is 0. */
@@ -82,11 +83,15 @@ typedef struct kst_probe_verdict {
     uint32_t struct_size;  /* in: sizeof(kst_probe_verdict) */
     int32_t reason;        /* KST_PROBE_NO_REASON ... */
     uint32_t track_id;     /* the track that the API takes; 0 for none */
-    const char* word;      /* of the reason, for scripts: "no-hint-track" */
+    const char* word;      /* of the reason, for scripts: "no-reason", "no-hint-track" */
     const char* why;       /* a sentence; empty for KST_PROBE_NO_REASON */
     const char* fix;       /* the command that may fix it, with FILE and OUT; empty for none */
     uint32_t hint_flags;   /* for kst_hint (kestrel/hinter.h), which does the same */
     int32_t can_be_hinted; /* not 0: kst_hint with these flags may fix it */
+    /* Of a medium that the class API plays, not 0: SeekTo reaches another time than it is asked
+     * for, because the hint track has another timescale than the media. kst_hint with
+     * KST_HINT_REPLACE fixes it. */
+    int32_t seeks_elsewhere;
 } kst_probe_verdict;
 
 /* Looks at the file that `stream` serves, which must be there as a whole, and stores a probe
@@ -95,9 +100,15 @@ typedef struct kst_probe_verdict {
  * box and, in a file with movie fragments or other odd forms, to the fragment and index boxes and
  * the number of samples.
  *
- * Returns KST_SUCCESS, also for a file that is none of this kind; KST_BAD_ARGUMENT for a null
- * pointer or slot; KST_NO_MEMORY; KST_NOT_YET when GetStreamSize does not give the length;
- * `*out` is then null. */
+ * Returns:
+ *
+ * - KST_SUCCESS, also for a file of another kind;
+ * - KST_BAD_ARGUMENT: a null pointer or slot;
+ * - KST_NO_MEMORY;
+ * - KST_NOT_YET: a slot answered not-yet;
+ * - KST_IO_FAILURE: a slot failed.
+ *
+ * After each but the first `*out` is null. */
 KESTREL_API int32_t kst_probe_open(kst_probe** out, KST_IOSTREAM_CALLBACK_INTERFACE* stream);
 
 /* Frees a probe; null is ignored. */

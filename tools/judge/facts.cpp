@@ -68,6 +68,7 @@ FileFacts gather_facts(kst_host* host, Clock::time_point deadline) {
         gather_facts(callbacks, std::move(file), [&](auto& stream, const FileScan& scan) {
             return import_apart(stream, {deadline, memory_limit(scan)});
         });
+    refuse_failed(host);
     facts.host = host;
     facts.remarks = std::move(remarks);
     return facts;

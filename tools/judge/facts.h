@@ -13,7 +13,7 @@
 namespace tool {
 
 // Reads the facts until `deadline`. The host must outlive them. Lines of the library are stored as
-// remarks.
+// remarks. Throws the system's error where the file cannot be read.
 FileFacts gather_facts(kst_host* host, Clock::time_point deadline);
 
 // The error for a file of another kind.

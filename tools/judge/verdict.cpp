@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cstring>
 #include <span>
+#include <utility>
 
 #include "companion/stream/plausible.h"
+#include "kestrel/log.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
 #include "tools/report/markup.h"
@@ -127,8 +129,8 @@ bool has_misplaced_speech(const Subject& subject, const MediaCounts& counts) {
 
 bool plays(const Subject& subject, const TrialResult& result) {
     const MediaCounts& counts = result.trial.counts;
-    return result.reached_end() && counts.implausible == 0 && is_all(subject, counts) &&
-           !has_misplaced_speech(subject, counts);
+    return result.reached_end() && counts.bytes > 0 && counts.implausible == 0 &&
+           is_all(subject, counts) && !has_misplaced_speech(subject, counts);
 }
 
 // --- the reason ---
@@ -163,6 +165,7 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
     }
     const MediaCounts& counts = result.trial.counts;
     const iso_file* file = subject.facts.file.get();
+    if (subject.expected.pictures == 0 && counts.bytes == 0) return Reason::kDamaged;
     if (subject.api == Api::kClass && subject.track != nullptr &&
         is_self_hinted(file, subject.track)) {
         return Reason::kSelfHinted;
@@ -195,6 +198,18 @@ Reason reason_of(const Subject& subject, const TrialResult& result) {
     if (result.reached_end()) return reason_of_end(subject, result);
     return reason_of_failure(subject, result.trial);
 }
+
+// Sets the library's log level to none meanwhile.
+class LogSilence {
+  public:
+    LogSilence() = default;
+    LogSilence(const LogSilence&) = delete;
+    LogSilence& operator=(const LogSilence&) = delete;
+    ~LogSilence() { sx_Debug = level_; }
+
+  private:
+    int32_t level_ = std::exchange(sx_Debug, 0);
+};
 
 // --- sentences ---
 
@@ -355,16 +370,26 @@ Verdict Judge::judge(Api api, MediaKind kind) {
         });
     }
     verdict.why = why(subject, verdict, result);
+    if (api == Api::kClass && verdict.plays())
+        verdict.seeks_elsewhere = kestrel::probe::seeks_elsewhere(class_file(), kind);
     return verdict;
 }
 
-Verdict Judge::look(Api api, MediaKind kind) const {
+const kestrel::probe::ClassFile& Judge::class_file() {
+    if (!class_file_) class_file_.emplace(facts_.stream);
+    return *class_file_;
+}
+
+Verdict Judge::look(Api api, MediaKind kind) {
     const Subject subject = subject_of(facts_, api, kind);
     Verdict verdict;
     verdict.api = api;
     verdict.kind = kind;
     verdict.track_id = subject.track_id();
-    if (subject.has_track()) verdict.reason = reason_by_tables(subject);
+    if (subject.has_track()) {
+        const LogSilence silence;
+        verdict.reason = reason_by_tables(subject, class_file());
+    }
     verdict.why = why(subject, verdict, {});
     return verdict;
 }

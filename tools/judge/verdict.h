@@ -33,6 +33,7 @@ struct Verdict {
     // The command that fixes it, with options, such as "hint --replace". It was tried, and its
     // result played. Empty for none.
     std::string fix;
+    bool seeks_elsewhere = false;  // class API: seeks by time reach another time
 
     bool plays() const { return reason == Reason::kPlays; }
     // "plays", "stops before its end" and so on, for a person.
@@ -56,15 +57,18 @@ class Judge {
     Verdict judge(Api api, MediaKind kind);
 
     // Judges by the boxes and tables only.
-    Verdict look(Api api, MediaKind kind) const;
+    Verdict look(Api api, MediaKind kind);
 
     // All four, function API first, audio first.
     std::vector<Verdict> judge_all();
 
   private:
+    const kestrel::probe::ClassFile& class_file();
+
     const FileFacts& facts_;
     ChildLimits limits_;
     FixFinder fixes_;
+    std::optional<kestrel::probe::ClassFile> class_file_;  // once it is asked for
 };
 
 // The error of a command to which an API, with `status`, gave no track: the reason in the boxes of

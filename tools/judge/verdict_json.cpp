@@ -12,6 +12,7 @@ Json describe(const Verdict& verdict, const std::string& input) {
         out["status_text"] = kst_StatusString(verdict.status);
     }
     if (verdict.track_id != 0) out["track_id"] = verdict.track_id;
+    if (verdict.seeks_elsewhere) out["seeks_elsewhere"] = true;
     if (!verdict.why.empty()) out["why"] = verdict.why;
     if (!verdict.fix.empty()) out["fix"] = fix_command(verdict, input);
     return out;

@@ -18,6 +18,10 @@ enum DriverVideoCodec : unsigned int { kH263 = 0, kH263_1998 = 1, kMpeg4 = 2, kN
 // these have arrived.
 inline constexpr uint32_t kTrustedBytes = 65536;
 
+// Sets sx_Debug as the environment asks. The companion library, which logs nothing, has a
+// definition that does nothing.
+void read_log_environment();
+
 // Sets the status that the public function returns, and throws.
 [[noreturn]] void fail(unsigned int& status_field, unsigned int status, LogSite site,
                        const char* format, ...) __attribute__((format(printf, 4, 5)));

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interface/src/driver/driver.h"
 
-#include <atomic>
 #include <cctype>
 #include <cstdarg>
-#include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include "boxes/sample_tables.h"
@@ -19,26 +16,6 @@
 using namespace kestrel;
 
 namespace {
-
-bool is_set(const char* variable) {
-    const char* value = std::getenv(variable);
-    return value != nullptr && std::strcmp(value, "1") == 0;
-}
-
-void set_log_level(int32_t level) {
-    std::atomic_ref(sx_Debug).store(level, std::memory_order_relaxed);
-}
-
-void read_environment() {
-    if (is_set("KST_LOG_DEBUG")) {
-        set_log_level(4);
-        log_always(at(kDriverSource), "Kestrel: Set log level to DEBUG");
-    }
-    if (is_set("KST_LOG_DEBUG_VERBOSE")) {
-        set_log_level(5);
-        log_always(at(kDriverSource), "Kestrel: Set log level to DEBUG_VERBOSE");
-    }
-}
 
 bool is_complete(const _TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io) {
     return io != nullptr && io->GetOffset && io->Seek && io->SeekNRead && io->SeekNWrite &&
@@ -77,7 +54,7 @@ unsigned int C3gpInterface::Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const
     const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
     const bool done = run_guarded(m_uStatus, at(kDriverSource), [&] {
-        read_environment();
+        read_log_environment();
         if (m_uMedium == kNoMedium) {
             OpenMedium(io, mode);
         } else {

@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "companion/probe/class_file.h"
+
+#include <algorithm>
+#include <new>
+
+#include "boxes/foreign_codec_hook.h"
+#include "boxes/sample_tables.h"
+#include "boxes/simple3gp.h"
+#include "boxes/track_boxes.h"
+#include "common/simple_exception.h"
+#include "kestrel/c3gpinterface.h"
+
+namespace {
+
+thread_local bool is_met = false;
+
+}  // namespace
+
+// The library ends the process here; programs with this definition continue.
+void Qvox3gp::meet_foreign_codec() {
+    is_met = true;
+}
+
+namespace kestrel::probe {
+namespace {
+
+// Samples of one size, of which opening holds each place.
+constexpr uint32_t kMaxOpened = 1 << 22;
+
+uint32_t handler_of(MediaKind kind) {
+    return Qvox3gp::code(kind == MediaKind::kAudio ? "soun" : "vide");
+}
+
+bool is_of(const Qvox3gp::TrakBox& trak, uint32_t handler) {
+    const auto* mdia = trak.GetMdia();
+    return mdia != nullptr && mdia->GetHdlr() != nullptr &&
+           mdia->GetHdlr()->GetHandlerType() == handler;
+}
+
+bool hints(const Qvox3gp::TrakBox& trak, const Qvox3gp::TrakBox& media) {
+    const auto* reference =
+        trak.GetTref() != nullptr ? trak.GetTref()->GetTrackReferenceTypeBox() : nullptr;
+    return is_of(trak, Qvox3gp::code("hint")) && reference != nullptr &&
+           media.GetTkhd() != nullptr && reference->GetTrackID(0) == media.GetTkhd()->GetTrackId();
+}
+
+const Qvox3gp::StblBox* tables_of(const Qvox3gp::TrakBox& trak) {
+    const auto* minf = trak.GetMdia() != nullptr ? trak.GetMdia()->GetMinf() : nullptr;
+    return minf != nullptr ? minf->GetStbl() : nullptr;
+}
+
+bool has_all_tables(const Qvox3gp::TrakBox& trak) {
+    const auto* tables = tables_of(trak);
+    return tables != nullptr && trak.GetMdia()->GetMdhd() != nullptr && tables->GetStts() &&
+           tables->GetStsz() && tables->GetStsc() && tables->GetStco();
+}
+
+// Whether opening takes memory in proportion to samples that are no more than a number in a box. It
+// refuses those that exceed the file.
+bool has_countless_samples(const Qvox3gp::MoovBox* moov, uint64_t file_size) {
+    if (moov == nullptr) return false;
+    const auto& traks = moov->GetTraks();
+    return std::any_of(traks.begin(), traks.end(), [&](const auto* trak) {
+        const auto* tables = tables_of(*trak);
+        const auto* stsz = tables != nullptr ? tables->GetStsz() : nullptr;
+        return stsz != nullptr && stsz->GetSampleSize() > 0 &&
+               stsz->GetSampleCount() > kMaxOpened &&
+               uint64_t{stsz->GetSampleSize()} * stsz->GetSampleCount() <= file_size;
+    });
+}
+
+}  // namespace
+
+ClassFile::ClassFile(KST_IOSTREAM_CALLBACK_INTERFACE* stream)
+    : stream_(stream), boxes_(std::make_unique<Qvox3gp::Simple3gp>()) {
+    is_met = false;
+    stream->Seek(stream->Context, 0);
+    unsigned int remarks = 0;
+    const RemarkScope scope(remarks);
+    try {
+        boxes_->Read(stream_, 0);
+    } catch (const SimpleException&) {
+        // The class API refuses the file at the same place.
+    }
+    stream->Seek(stream->Context, 0);
+    ends_process_ = is_met;
+}
+
+ClassFile::ClassFile(ClassFile&&) noexcept = default;
+ClassFile& ClassFile::operator=(ClassFile&&) noexcept = default;
+ClassFile::~ClassFile() = default;
+
+int32_t ClassFile::open(MediaKind kind) const {
+    if (has_countless_samples(boxes_->GetMoov(), boxes_->GetFileSizeRead()))
+        return track(kind) ? KST_SUCCESS : KST_NO_HINT_TRACK;
+    C3gpInterface player;
+    stream_->Seek(stream_->Context, 0);
+    const auto status =
+        static_cast<int32_t>(player.Open(stream_, kind == MediaKind::kAudio ? "ar" : "vr"));
+    if (status == KST_NO_MEMORY) throw std::bad_alloc();
+    return status;
+}
+
+std::optional<ClassFile::Track> ClassFile::track(MediaKind kind) const {
+    if (boxes_->GetMoov() == nullptr) return std::nullopt;
+    const std::vector<Qvox3gp::TrakBox*>& traks = boxes_->GetMoov()->GetTraks();
+    // Of several that fit, the last one.
+    const auto find = [&](auto fits) {
+        const auto found = std::find_if(traks.rbegin(), traks.rend(), fits);
+        return found == traks.rend() ? nullptr : *found;
+    };
+    const auto* media = find([&](auto* trak) { return is_of(*trak, handler_of(kind)); });
+    if (media == nullptr || !has_all_tables(*media)) return std::nullopt;
+    const auto* hint = find([&](auto* trak) { return hints(*trak, *media); });
+    if (hint == nullptr || !has_all_tables(*hint)) return std::nullopt;
+    return Track{places_of(*tables_of(*media)), places_of(*tables_of(*hint)),
+                 media->GetMdia()->GetMdhd()->GetTimescale(),
+                 hint->GetMdia()->GetMdhd()->GetTimescale()};
+}
+
+}  // namespace kestrel::probe
