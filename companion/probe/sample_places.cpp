@@ -119,7 +119,7 @@ bool are_cut(const SamplePlaces& places, const FileScan& scan) {
 
 uint32_t highest_media_sample(KST_IOSTREAM_CALLBACK_INTERFACE& stream, const ByteRange& hint) {
     constexpr uint64_t kMaxBytes = 1 << 16;  // of one hint sample
-    std::vector<uint8_t> bytes(std::min(hint.end - hint.begin, kMaxBytes));
+    std::vector<uint8_t> bytes(static_cast<size_t>(std::min(hint.end - hint.begin, kMaxBytes)));
     uint32_t got = 0;
     const uint32_t status =
         stream.IndexRead(stream.Context, bytes.data(), static_cast<uint32_t>(hint.begin),
