@@ -7,6 +7,7 @@
 
 #include "kestrel/isoff.h"
 #include "kestrel/kstutil.h"
+#include "tests/support/hint_file.h"
 #include "tests/support/native_packets.h"
 #include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
@@ -251,6 +252,21 @@ TEST(FunctionApi, DamagedSecondConfigurationLeavesNoParameterSets) {
     kst_host_close(host);
 }
 
+TEST(FunctionApi, ConfigurationsBeginWithTheirStartCode) {
+    const Bytes config = {0, 0, 1, 0xB0, 3}, picture = {0, 0, 1, 0xB6, 16};
+    const Bytes first = join({{9}, config, picture});
+    const Bytes file = video_file(visual_entry("mp4v", {}), {11, 5}, join({first, picture}));
+    EXPECT_THAT(NativeContents(play(file, "vr").stream).payloads,
+                testing::ElementsAre(first, join({config, picture})));
+}
+
+TEST(FunctionApi, AHintTrackWithoutSamplesIsNotPlayed) {
+    HintFile made;
+    made.media_track = {.handler = "vide", .entry = visual_entry("mp4v", {})};
+    EXPECT_THAT(NativeContents(play(made.build(), "vr").stream).payloads,
+                testing::ElementsAre(text("abcdefghij"), text("XYZ")));
+}
+
 // Configurations that grow from sample to sample take memory for the largest of them only.
 TEST(FunctionApi, GrowingConfigurationsTakeLittleMemory) {
     std::vector<uint32_t> sizes;
@@ -446,13 +462,14 @@ TEST(FunctionApi, DumpShowsTenBytesALine) {
         data[i] = static_cast<uint8_t>(i);
     {
         const SyslogCapture log(4);
-        kstutil_printData(data, 25);
+        kstutil_printData(data, 11);
         kstutil_printData(data, 0);
+        kstutil_printData(data, 1);
         EXPECT_THAT(
             log.messages(),
-            testing::ElementsAre("DBG: Dump:sz=25", "DBG: Data:00 01 02 03 04 05 06 07 08 09",
-                                 "DBG: Data:0a 0b 0c 0d 0e 0f 10 11 12 13",
-                                 "DBG: Data:14 15 16 17 18 19 1a 1b 1c 1d"));
+            testing::ElementsAre("DBG: Dump:sz=11", "DBG: Data:00 01 02 03 04 05 06 07 08 09",
+                                 "DBG: Data:0a 0b 0c 0d 0e 0f 10 11 12 13", "DBG: Dump:sz=1",
+                                 "DBG: Data:00 01 02 03 04 05 06 07 08 09"));
         EXPECT_THAT(log.lines(),
                     testing::Each(testing::StartsWith("DBG: .//interface/src/kestrel(")));
     }

@@ -214,12 +214,18 @@ TEST_P(WholeStreams, AreWalkedToTheEndOfEveryPicture) {
     EXPECT_EQ(stream.annexes, annexes(state.picture.modes));
 }
 
+// A cut picture has the macroblocks that are whole.
 TEST_P(WholeStreams, FailWhereTheyAreCut) {
     nch_state state;
     const Bytes whole = h263_pictures(read_sample(std::string(GetParam().name) + ".h263"))[0];
+    std::vector<size_t> ends;  // in bits
+    BitPosition position;
+    walk_from(position, state, whole, [&](const nch_state&) { ends.push_back(in_bits(position)); });
     for (size_t size = 0; size < whole.size(); size += 1 + size / 8) {
         const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-        EXPECT_EQ(kNchFailed, walk(state, cut)) << size;
+        std::ptrdiff_t walked = 0;
+        EXPECT_EQ(kNchFailed, walk(state, cut, [&](const nch_state&) { ++walked; })) << size;
+        EXPECT_EQ(walked, std::upper_bound(ends.begin(), ends.end(), 8 * size) - ends.begin());
     }
 }
 
@@ -557,6 +563,7 @@ TEST(Segments, BeginWhereTheyAreDue) {
         {"long stuffing", aligned(kInterPicture + row) + "00000000" + gob1 + repeat(row, 5),
          kNchFailed, 10},
         {"first slice elsewhere", ordered + slice24 + half + half, kNchFailed, 0},
+        {"first slice without a marker", ordered + slice0 + "0" + half + half, kNchFailed, 0},
         {"slices in order", aligned(ordered + slice0 + "1" + half) + start + slice24 + rest + half,
          kNchEndOfPicture, 9},
         {"slices out of order",
