@@ -305,7 +305,8 @@ TEST(FunctionApi, LargeFrames) {
     } formats[] = {
         {"s263", {}}, {"mp4v", {}}, {"avc1", box("avcC", {{1, 66, 0, 30, 0xFF, 0xE0, 0}})}};
     for (const auto& format : formats) {
-        for (const uint32_t size : {62900u, 63000u, 63632u, 64000u, 64001u, 300000u, kLimit}) {
+        for (const uint32_t size :
+             {62900u, 63000u, 63632u, 64000u, 64001u, 300000u, kLimit, kLimit + 1}) {
             SCOPED_TRACE(testing::Message() << format.type << ' ' << size);
             const bool is_h264 = !format.config.empty();
             Bytes sample(size, 0x33);
@@ -318,9 +319,15 @@ TEST(FunctionApi, LargeFrames) {
                            join({sample, Bytes(sample.begin(), sample.begin() + 10)}));
             const Played whole = play(file, "vr");
             EXPECT_TRUE(whole.opened);
-            if (size == kLimit) {
+            if (size >= kLimit) {
                 EXPECT_EQ(whole.status, KST_FAILURE);
                 EXPECT_EQ(whole.stream.size(), 24u);
+                // What is too long by itself is not waited for.
+                const Bytes ten(sample.begin(), sample.begin() + 10);
+                const Bytes cut =
+                    video_file(visual_entry(format.type, format.config), {10, size}, ten);
+                EXPECT_EQ(play(cut, "vr", {.flag = true}).status,
+                          size > kLimit ? KST_FAILURE : KST_NOT_YET);
                 continue;
             }
             EXPECT_EQ(whole.status, KST_END_OF_FILE);
