@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <tuple>
 
 #include "boxes/sample_entries.h"
 #include "boxes/sample_tables.h"
@@ -19,33 +18,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
-
-TEST(StreamIo, ReadsAndWritesBigEndianAndAsTheBytesLie) {
-    MemoryStream out;
-    var8_write(out.io(), 0xAB);
-    var8_write_noswap(out.io(), 0xCD);
-    var16_write(out.io(), 0x1234);
-    var32_write(out.io(), 0xFEDCBA98);
-    var32_write_noswap(out.io(), code("moov"));
-    const Bytes bytes = out.written();
-    EXPECT_EQ(bytes, be(0xABCD, 2) + be16(0x1234) + be32(0xFEDCBA98) + text("moov"));
-
-    MemoryStream in(bytes);
-    uint8_t u8 = 0, as_it_lies = 0;
-    int16_t i16 = 0;
-    uint32_t u32 = 0, raw = 0;
-    var8_read(in.io(), u8);
-    var8_read_noswap(in.io(), as_it_lies);
-    macro_SeekRel(in.io(), 2);
-    var16_read(in.io(), i16);
-    macro_SeekRel(in.io(), -2);
-    var32_read(in.io(), u32);
-    var32_read_noswap(in.io(), raw);
-    EXPECT_EQ(std::tuple(u8, as_it_lies, i16, u32),
-              std::tuple(0xAB, 0xCD, static_cast<int16_t>(0xFEDC), 0xFEDCBA98));
-    EXPECT_EQ(type_text(raw), "moov");
-    EXPECT_TRUE(macro_IsEOF(in.io()));
-}
 
 TEST(StreamIo, FileSizeKeepsThePositionAndIsLoggedWhenDebugging) {
     const Bytes file = zeros(40);
