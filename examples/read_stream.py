@@ -6,8 +6,9 @@ Usage: read_stream.py STREAM OUT        (STREAM "-" is standard input)
 
 Written from docs/native-format.md alone. Needs no library of Kestrel.
 
-Exits with 0 if the stream is whole, with 1 if it is truncated or malformed (OUT then has what is
-whole before that place), and with 2 on wrong usage.
+Exits with 0 if the stream ends after a whole frame, with 1 if it is truncated or malformed (OUT then has
+what is whole before that place), and with 2 on wrong usage. Does not compare the frames with the number
+that the header records declare.
 """
 
 import struct

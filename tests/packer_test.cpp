@@ -193,9 +193,9 @@ TEST_P(PackedSample, KeepsWhatIsWholeOfACutStream) {
                         stream.begin() + static_cast<long>(stream.size() * parts / 8) + 1);
         const Packed packed = pack({cut});
         if (packed.status == KST_PACK_REFUSED) continue;  // no whole frame
-        if (packed.status == KST_PACK_DONE) continue;     // cut between two frames
         ASSERT_EQ(packed.status, KST_PACK_CUT);
-        EXPECT_THAT(packed.streams[0].damage, HasSubstr("ends inside"));
+        EXPECT_THAT(packed.streams[0].damage,
+                    testing::AnyOf(HasSubstr("ends inside"), HasSubstr("header records declare")));
         const std::vector<MediaSample> samples = samples_of(packed.file, mode());
         ASSERT_LT(samples.size(), all.size());
         EXPECT_GE(samples.size(), most);

@@ -111,7 +111,8 @@ class Extract(ToolTest):
         lost = media + int.from_bytes(speech[media:media + 4], "big") - half
         cut = self.write("cut.3gp", speech[:half])
         yield (cut, "amrnb_plain", "ar", "function",
-               f"The file is cut: {lost:,} bytes of 'mdat' are missing (status 17)", 0.1)
+               f"The file is cut: {lost:,} bytes of 'mdat' are missing (status 17); 'kestrel hint "
+               f"{cut} --salvage -o OUT' keeps what is whole of it", 0.1)
         sizes = hinted.rindex(b"stsz") + 12
         part = self.write("part.3gp", hinted[:sizes] + struct.pack(">I", 10) + hinted[sizes + 4:])
         yield part, "h263_hinted", "vr", "function", "7 of 30 pictures", 0.1
@@ -146,7 +147,8 @@ class Extract(ToolTest):
                     if whole:
                         self.assertTrue(whole.startswith(kept))
                         self.assertGreater(len(kept), len(whole) * least)
-                        self.unpack(kept)  # it ends with a whole frame
+                        result = run("unpack", "-", "-o", "-", stdin=kept)
+                        self.assertNotIn(b"ends inside", result.stderr)
 
 
 class Tracks(ToolTest):
@@ -195,6 +197,8 @@ class Tracks(ToolTest):
 REFUSED = [
     ("", 2, "a command is missing; 'kestrel help' lists"),
     ("bogus", 2, "unknown command 'bogus'"), ("chekc x", 2, "did you mean 'check'?"),
+    ("version extra", 2, "not expected: 'extra'; usage: kestrel version"),
+    ("help info extra", 2, "not expected: 'extra'; usage: kestrel help [COMMAND]"),
     ("inf", 2, "did you mean 'info'?"), ("help chek", 2, "did you mean 'check'?"),
     ("-clip.3gp", 2, "a name that begins with a dash is given as ./-clip.3gp"),
     ("info -clip.3gp", 2, "a name that begins with a dash is given as ./-clip.3gp"),
@@ -212,7 +216,7 @@ REFUSED = [
     ("extract x ar -o -y", 2, "begins with a dash is given as ./-y"),
     ("extract x ar --from -1", 2, "--from needs MS after it, not '-1'"),
     ("extract x ar --from abc --api class", 2, "--from: 'abc' is not a whole number"),
-    ("extract x ar --arriving 0", 2, "--arriving: 0 is not from 1 to 4294967295"),
+    ("extract x ar --arriving 0", 2, "'0' is not a whole number from 1 to 4294967295"),
     ("extract x ar --sync next", 2, "--sync needs --from"),
     ("extract x ar --from 5 --sync up", 2,
      "--sync: 'up' is none of next, previous, nearest"),
@@ -220,7 +224,11 @@ REFUSED = [
     ("check --api up x", 2, "'up' is none of function, class"),
     ("packets x --hex --pcap y", 2, "exclude each other"),
     ("pack a.native --video v.native -o out", 2, "exclude each other"),
-    ("hint x -o y --mtu 5", 2, "--mtu: 5 is not from 64 to 65535"),
+    ("hint x -o y --mtu 5", 2, "--mtu: '5' is not a whole number from 64 to 65535"),
+    ("check x --timeout abc", 2, "'abc' is not a whole number from 1 to 1000000"),
+    ("extract x ar -o a -o b", 2, "--output is given 2 times; give it once"),
+    ("check - -", 2, "standard input, -, can be judged once only"),
+    ("info ''", 2, "FILE: the name of a file is empty"),
     ("hint s/amrnb_plain.3gp --mtu 63 -o out", 2, "63"),
     *((f"{command} -o ''", 2, "name of a file is empty") for command in
       ("extract s/amrnb_plain.3gp ar", "hint in.3gp", "report in.3gp", "pack a.native",
@@ -236,7 +244,7 @@ REFUSED = [
     ("send s/amrnb_hinted.3gp --to 127.0.0.1:70000", 2, "HOST:PORT"),
     ("send s/amrnb_hinted.3gp --to 127.0.0.1:5005", 2, "even port"),
     ("send s/two_amrnb_hinted.3gp --to 127.0.0.1:65534", 2, "beyond 65535"),
-    ("send s/amrnb_hinted.3gp --to 127.0.0.1:9 --speed 0", 2, "--speed"),
+    ("send s/amrnb_hinted.3gp --to 127.0.0.1:9 --speed 0", 2, "'0' is not a number from 0.01 to 1000"),
     # The output is the input.
     *((f"{command} -o {command.split()[1]}", 2, "is the input") for command in
       ("extract in.3gp ar", "hint in.3gp", "report in.3gp", "pack a.native")),
@@ -255,18 +263,24 @@ REFUSED = [
     ("extract s/av_h263_amrnb_hinted.3gp ar --track 1 -o out", 1, "no audio track 1"),
     ("extract s/av_h263_amrnb_hinted.3gp vr --track 65536", 1, "no video track 65536"),
     ("extract s/two_amrnb_hinted.3gp ar --api class -o out", 1,
-     "The file has several audio tracks"),
+     "The file has several audio tracks, and this API plays a file with one; 'kestrel extract "
+     "--track ID' plays any of them"),
     ("extract s/amrwb_hinted.3gp ar --api class -o out", 1,
      "This API does not play AMR-WB; the function API does (status 2)"),
     ("extract s/amrnb_plain.3gp ar --api class -o out", 1,
-     "The audio has no RTP hint track, and this API plays nothing else; 'kestrel info' "
-     "looks for a fix (status 12: Hint tracks"),
+     "The audio has no RTP hint track, and this API plays nothing else (status 12: Hint tracks are "
+     "required); 'kestrel hint s/amrnb_plain.3gp -o OUT' makes a file that plays"),
     ("extract s/amrnb_hinted.3gp vr --api class -o out", 1, "no video track"),
     ("extract s/h264_hinted.3gp vr --api class -o out", 1,
      "This API does not play H.264; the function API does (status"),
     ("packets s/two_amrnb_hinted.3gp --track 1", 1, "no hint track with this ID"),
-    ("packets s/amrnb_plain.3gp", 1, "no hint track"),
+    ("packets s/amrnb_plain.3gp", 1, "no hint track; 'kestrel hint' adds one"),
+    ("packets s/aac_plain.3gp", 1, "no hint track, and no AMR, H.263, MPEG-4 or H.264 track"),
+    *((f"{command} unfinished.3gp{mode}", 1, "72 bytes of 'mdat' are missing, and so is the movie "
+       "box, which lists the tracks: get the whole file") for command, mode in
+      [("packets", ""), ("extract", " ar -o out")]),
     ("boxes s/amrnb_plain.3gp --path moov/tark", 1, "has no box moov/tark"),
+    ("boxes empty", 1, "empty: has no boxes"),
     ("inspect s/amrnb_plain.3gp", 1, "extract a track of it first"),
     ("hint s/aac_plain.3gp -o out", 1, "no AMR, H.263, MPEG-4 or H.264 track"),
     ("hint cut.3gp -o out", 1, "sample 298 of track 1"),
@@ -296,6 +310,7 @@ class Usage(ToolTest):
                 ("-clip.3gp", b""), ("empty", b""), ("out", b"old"), ("text", b"no stream, but text"),
                 ("random", hashlib.sha512(b"x").digest() * 99),
                 ("cut.3gp", load("amrnb_plain")[:-20]), ("in.3gp", load("amrnb_plain")),
+                ("unfinished.3gp", box(b"ftyp", b"3gp4\0\0\0\0") + box(b"mdat", b"body", 72)),
                 ("a.native", self.extract("amrnb_plain", "ar")),
                 ("v.native", self.extract("h263_plain", "vr"))]:
             self.write(name, data)
@@ -310,7 +325,7 @@ class Usage(ToolTest):
             with self.subTest(line=line):
                 result = run(*shlex.split(line), cwd=self.scratch)
                 self.assert_fails(result, code, message)
-                if code == 2 or line.startswith("inspect"):
+                if code == 2 or line.startswith(("inspect", "boxes")):
                     self.assertEqual(result.stdout, b"")
                 self.assertEqual({path: path.read_bytes() for path in self.scratch.iterdir()
                                   if path.is_file()}, there)
@@ -452,7 +467,10 @@ class ForeignTexts(ToolTest):
             for command, *options in self.COMMANDS:
                 with self.subTest(field=field, command=command):
                     self.assert_harmless(command, os.fsencode(self.NAME), *options)
-        self.assertIn(self.ESCAPED, self.assert_harmless("check", os.fsencode(self.NAME)).stdout)
+        shown = [self.assert_harmless("check", os.fsencode(self.NAME), *options).stdout
+                 for options in ([], ["--json"])]
+        self.assertIn(self.ESCAPED, shown[0])
+        self.assertEqual(json.loads(shown[1])["files"][0]["file"], self.ESCAPED.decode())
 
     def test_sent_files(self):
         here = Datagrams(2)
@@ -469,8 +487,7 @@ class ForeignTexts(ToolTest):
             with self.subTest(command=command, options=options):
                 failed = self.assert_harmless(command, os.fsencode(self.NAME), *options)
                 self.assertNotEqual(failed.returncode, 0)
-                if (command, options) != ("check", ["--json"]):
-                    self.assertIn(self.ESCAPED, failed.stdout + failed.stderr)
+                self.assertIn(self.ESCAPED, failed.stdout + failed.stderr)
         (self.scratch / "stream").write_bytes(self.extract("amrnb_plain", "ar"))
         out = os.fsencode(f"{self.NAME}/out")
         for command, *options in [("hint",), ("report",), ("extract", "ar"), ("unpack",), ("pack",)]:
@@ -609,6 +626,12 @@ class Packets(ToolTest):
                 out = self.write("cap.pcap", b"old")
                 self.assert_fails(run("packets", "-", "--pcap", out, stdin=damaged), 1, message)
                 self.assertEqual(out.read_bytes() != b"old", some)
+        # A hint sample that declares no packets is no fault, but not passed over in silence.
+        result = run("packets", "-", "--json", stdin=data[:second] + bytes(2) + data[second + 2:])
+        track, = json.loads(result.stdout)["tracks"]
+        self.assertEqual((result.returncode, track["hint_sample_count"],
+                          track["empty_hint_sample_count"]), (0, 30, 1))
+        self.assertIn(b"1 of 30 hint samples without packets", result.stderr)
 
 
 class Boxes(ToolTest):
@@ -947,11 +970,21 @@ class Send(ToolTest):
         path = self.write("flood.3gp", data.replace(b"moov", b"free") + struct.pack(
             ">I4s", len(hints) + len(movie) - len(hint) + 8, b"moov") +
             movie.replace(hint, hints))
-        begun = time.monotonic()
-        received = self.receive(path, tracks)
-        passed = time.monotonic() - begun
-        self.assertGreater(sum(len(rtp) for rtp, _ in received), 5000)
-        self.assertGreater(passed, 0.9)  # 1,000 at once, then 10,000 a second; a moment to read
+        # 1,000 at once, then 10,000 a second; a tenth of a second at once; a moment to read.
+        for options, least in [((), 0.9), (("--max-rate", 5000), 1.4)]:
+            begun = time.monotonic()
+            received = self.receive(path, tracks, *options)
+            self.assertGreater(time.monotonic() - begun, least)
+            self.assertGreater(sum(len(rtp) for rtp, _ in received), 5000)
+
+    def test_a_loop_reports_once_that_nobody_listens(self):
+        here = Datagrams(1)
+        here.close()
+        with subprocess.Popen([TOOL, "send", sample("amrnb_hinted"), "--loop", "--speed", "100",
+                               "--to", f"127.0.0.1:{here.port}"], stderr=subprocess.PIPE) as tool:
+            self.assertIn(b"nobody listens; sending goes on until Ctrl-C", tool.stderr.readline())
+            tool.send_signal(signal.SIGINT)
+            self.assertIn(b"nobody listened to", tool.communicate(timeout=60)[1])
 
     def test_it_begins_at_the_sync_sample_of_a_time(self):
         for name, milliseconds in [("amrnb_hinted", 1010), ("mpeg4_hinted", 1500)]:
@@ -1234,6 +1267,32 @@ class Inspect(ToolTest):
         result = run("unpack", "-", "-o", "-", stdin=cut)
         self.assert_fails(result, 1, "kept what comes before, left out 5 bytes")
         self.assertEqual(result.stdout, (SAMPLES / "truth" / "amrnb.amr").read_bytes()[:6 + 3 * 32])
+
+    def test_a_stream_that_ends_between_frames_is_not_whole(self):
+        for name, mode, _ in MEDIA:
+            for api in ["function"] + ["class"] * (name in ON_CLASS_API):
+                stream = self.extract(name, mode, "--api", api)
+                ends = [int.from_bytes(stream[8:12], "little")]
+                while ends[-1] < len(stream):
+                    ends.append(ends[-1] + int.from_bytes(stream[ends[-1]:][:4], "little"))
+                # The last sample of speech may hold fewer frames than declared.
+                last = {"ar": 15, "vr": 2}[mode]
+                for end in (ends[0], ends[len(ends) // 2], ends[-last]):
+                    with self.subTest(name=name, api=api, end=end):
+                        for command in [("inspect", "-"), ("unpack", "-", "-o", "-")]:
+                            result = run(*command, stdin=stream[:end])
+                            self.assertEqual(result.returncode, 1)
+                            self.assertIn(b"its header records declare ", result.stderr)
+        late = run("extract", sample("h263_hinted"), "vr", "--api", "class", "--from", "900",
+                   "--sync", "next")
+        self.unpack(late.stdout)  # made after a seek
+        # A video track without pictures.
+        empty = bytearray(self.extract("h263_plain", "vr")[:24])
+        self.assert_fails(run("inspect", "-", stdin=bytes(empty)), 1, "ends inside")
+        empty[20:24] = bytes(4)
+        self.output("inspect", "-", stdin=bytes(empty))
+        for command in ("unpack", "pack"):
+            self.assert_fails(run(command, "-", "-o", "-", stdin=bytes(empty)), 1, "has no frames")
 
     def test_longer_than_memory(self):
         stream = self.extract("amrnb_plain", "ar")

@@ -504,7 +504,7 @@ class Check(ToolTest):
             self.assertEqual([part["duration_seconds"] for part in [about, *about["tracks"]]],
                              [2.02, 2.0, 2.02])
         self.assert_fails(run("extract", sample("wild/co64"), "vr"), 1,
-                          "'kestrel info' looks for a fix")
+                          "' makes a file that plays")
 
     def test_what_is_whole_of_a_cut_file_can_be_kept(self):
         for name in ["av_h263_amrnb_hinted", "h263_plain", "wild/fragmented"]:

@@ -247,19 +247,45 @@ class PathWalk {
     size_t shown_ = 0;
 };
 
+// Returns how many boxes were shown.
 template <typename Show>
-void show_boxes(const Options& options, KST_IOSTREAM_CALLBACK_INTERFACE* stream, const Box& file,
-                Show show) {
+size_t show_boxes(const Options& options, KST_IOSTREAM_CALLBACK_INTERFACE* stream, const Box& file,
+                  Show show) {
     PathWalk walk(options.path, show);
     Qvox3gp::visit_children(file,
                             [&](const ChildPlace& place) { walk.visit(ShownBox(stream, place)); });
-    if (walk.shown() > 0 || options.path.empty()) return;
-    finish_standard_output();
-    throw file_error(options.input, "has no box " + options.path);
+    return walk.shown();
+}
+
+size_t show_json(const Options& options, KST_IOSTREAM_CALLBACK_INTERFACE* stream, const Box& file) {
+    JsonPrinter out;
+    bool any = false;
+    const size_t shown = show_boxes(options, stream, file, [&](const ShownBox& box) {
+        if (!any) out.open("", '[');
+        any = true;
+        print_json(out, box);
+    });
+    if (!any) return shown;
+    out.close();
+    std::printf("\n");
+    return shown;
+}
+
+size_t show_lines(const Options& options, KST_IOSTREAM_CALLBACK_INTERFACE* stream,
+                  const Box& file) {
+    FieldReading reading;
+    Progress progress(Progress::Beside::kLines);
+    bool any = false;
+    return show_boxes(options, stream, file, [&](const ShownBox& box) {
+        if (!any) std::printf("%10s %10s  box\n", "offset", "size");
+        any = true;
+        print_line(reading, progress, box, 0);
+    });
 }
 
 void boxes(const Options& options) {
-    Host host = open_host(options.input);
+    Host host;
+    or_error_as_json(options.json, [&] { host = open_host(options.input); });
     wait_for_all(host.get());
     KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host.get());
     Qvox3gp::Simple3gp file;
@@ -271,23 +297,16 @@ void boxes(const Options& options) {
     } catch (const SimpleException& caught) {
         failure = caught.message();  // what was read before is shown all the same
     }
-    const std::string unread = failure.empty() ? "" : options.input + ": " + failure;
-    if (options.json) {
-        JsonPrinter out;
-        out.open("", '[');
-        show_boxes(options, callbacks, file, [&](const ShownBox& box) { print_json(out, box); });
-        out.close();
-        std::printf("\n");
-    } else {
-        std::printf("%10s %10s  box\n", "offset", "size");
-        FieldReading reading;
-        Progress progress(Progress::Beside::kLines);
-        show_boxes(options, callbacks, file,
-                   [&](const ShownBox& box) { print_line(reading, progress, box, 0); });
-    }
-    if (unread.empty()) return;
+    const size_t shown =
+        options.json ? show_json(options, callbacks, file) : show_lines(options, callbacks, file);
     finish_standard_output();
-    throw Error(unread);
+    if (shown > 0 && failure.empty()) return;
+    const Error error =
+        file_error(options.input, !failure.empty()        ? failure
+                                  : !options.path.empty() ? "has no box " + options.path
+                                                          : "has no boxes");
+    if (shown == 0 && options.json) print_error_as_json(error);
+    throw error;
 }
 
 }  // namespace
@@ -296,7 +315,7 @@ void add_boxes(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
         "boxes", "Show the box tree: offset and size of each box, and the fields of known boxes");
-    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    add_input(command, "FILE", options->input, "3GP file; - is standard input");
     command
         ->add_option("--path", options->path,
                      "Only the boxes at this path, with all in them: moov/trak/mdia")

@@ -46,10 +46,10 @@ class FileCheck {
             check(host.get(), found);
         } catch (const Error& error) {
             if (host != nullptr && kst_host_failed(host.get()) == 0) {
-                found["fatal"] = error.what();
+                found["fatal"] = printable(error.what());
             } else {
                 found["reason"] = "unreadable";
-                found["message"] = error.what();
+                found["message"] = printable(error.what());
             }
         }
         return found;
@@ -257,7 +257,7 @@ class Checker {
     }
 
     void keep_json(Json found, const std::string& file, bool plays) {
-        Json out{{"file", file}, {"plays", plays}};
+        Json out{{"file", is_utf8(file) ? file : printable_word(file)}, {"plays", plays}};
         if (found.contains("reason")) out["reason"] = found["reason"];
         if (found.contains("message")) out["message"] = found["message"];
         for (Json& verdict : found["verdicts"])
@@ -312,7 +312,8 @@ void add_check(CLI::App& app) {
                      "3GP files, - for standard input, and folders, which are searched at all\n"
                      "depths: files that begin with a box of such a file, or whose name ends in\n"
                      ".3gp .3gpp .3g2 .3gpp2 .mp4, are judged, others are skipped")
-        ->required();
+        ->required()
+        ->check(refuse_empty_name);
     add_choice<Api>(command, "--api", options->api,
                     {{"function", Api::kFunction}, {"class", Api::kClass}},
                     "Judge this API only; otherwise a medium plays if either API plays it")
@@ -360,7 +361,11 @@ void add_check(CLI::App& app) {
         "  skipped         with --skipped: a file in a folder that is not judged\n"
         "Exit status: 0 all media of all files play, 1 some do not or a folder has no such file,\n"
         "2 wrong usage.");
-    command->callback([options] { Checker(*options).run(); });
+    command->callback([options] {
+        if (std::count(options->paths.begin(), options->paths.end(), "-") > 1)
+            throw Error("standard input, -, can be judged once only", kWrongUsage);
+        Checker(*options).run();
+    });
 }
 
 }  // namespace tool

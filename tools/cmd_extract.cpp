@@ -272,6 +272,7 @@ int32_t deliver(Player& player, kst_host* host, const std::string& input, Stream
             return status;
         }
         output.flush();  // a reader gets the bytes at once
+        if (input == "-") progress.show_waiting(host, output.delivered());
         if (kst_host_wait(host) == KST_HOST_FAULT) throw input_error(input);
     }
 }
@@ -330,10 +331,8 @@ void add_extract(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
         app.add_subcommand("extract", "Write one track of a 3GP file as a native stream");
-    command
-        ->add_option("FILE", options->input,
-                     "3GP file; - reads standard input as it arrives, without waiting for its end")
-        ->required();
+    add_input(command, "FILE", options->input,
+              "3GP file; - reads standard input as it arrives, without waiting for its end");
     command->add_option("MODE", options->mode, "What to play: ar for audio, vr for video")
         ->required();
     add_output(command, "-o,--output", options->output, "Where to write; - is standard output")

@@ -70,9 +70,7 @@ void hint(const Options& options) {
 void add_hint(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("hint", "Copy a 3GP file and add RTP hint tracks to it");
-    command->add_option("FILE", options->input, "3GP file; - is standard input")
-        ->required()
-        ->check(refuse_empty_name);
+    add_input(command, "FILE", options->input, "3GP file; - is standard input");
     add_output(command, "-o,--output", options->output, "Where to write; - is standard output")
         ->required();
     command

@@ -158,10 +158,18 @@ std::string codec_text(const Json& track) {
     return out;
 }
 
-void print_unread(const Json& track) {
-    if (!track.contains("samples_not_read")) return;
-    std::printf(", %llu samples that the library does not read",
-                track["samples_not_read"].get<unsigned long long>());
+// The samples that the library reads, and those that it does not.
+void print_samples(const Json& track) {
+    const auto read = track.value("sample_count", uint64_t{0});
+    const auto unread = track.value("samples_not_read", uint64_t{0});
+    if (read > 0 || unread == 0) {
+        std::printf(", %s, %s", counted(read, "sample").c_str(),
+                    counted(track.value("bytes", uint64_t{0}), "byte").c_str());
+    }
+    if (unread > 0) {
+        std::printf(", %s%s in a form that neither API reads", counted(unread, "sample").c_str(),
+                    read > 0 ? " more" : "");
+    }
 }
 
 void print_picture(const Json& track) {
@@ -175,23 +183,22 @@ void print_track(const Json& track) {
     std::printf("track %-6u %s", track["track_id"].get<uint32_t>(), codec_text(track).c_str());
     if (track.contains("duration_seconds"))
         std::printf(", %.3f s", track["duration_seconds"].get<double>());
+    print_samples(track);
     if (track.contains("sample_count")) {
-        std::printf(", %u samples, %u bytes, timescale %u", track["sample_count"].get<uint32_t>(),
-                    track["bytes"].get<uint32_t>(), track["timescale"].get<uint32_t>());
+        std::printf(", timescale %u", track["timescale"].get<uint32_t>());
         print_picture(track);
         if (track.contains("sync_sample_count")) {
             const auto count = track["sync_sample_count"].get<uint32_t>();
-            std::printf(", %u sync sample%s", count, count == 1 ? "" : "s");
+            std::printf(", %s", counted(count, "sync sample").c_str());
         }
         if (track.contains("hints_track")) {
-            std::printf(", for track %u, packets of at most %u bytes",
+            std::printf(", for track %u, packets of at most %s",
                         track["hints_track"].get<uint32_t>(),
-                        track["longest_packet"].get<uint32_t>());
+                        counted(track["longest_packet"].get<uint32_t>(), "byte").c_str());
         }
         if (const auto language = track["language"].get<std::string>(); language != "und")
             std::printf(", language %s", language.c_str());
     }
-    print_unread(track);
     std::printf("\n");
 }
 
@@ -204,7 +211,8 @@ void print_verdict(const Verdict& verdict, const std::string& input, const std::
         return;
     }
     if (verdict.plays()) {
-        std::printf("plays%s\n", which.c_str());
+        std::printf("plays%s%s\n", which.c_str(),
+                    which.empty() ? "" : "; 'kestrel extract --track ID' plays another");
         if (verdict.seeks_elsewhere) {
             Verdict replaced = verdict;
             replaced.fix = "hint --replace";
@@ -244,11 +252,14 @@ void print_text(const std::string& input, const FileFacts& facts, const Json& ab
         std::printf("created      %s\n", about["created"].get<std::string>().c_str());
     for (const Json& track : about["tracks"])
         print_track(track);
-    if (about.contains("lost_tracks")) {
+    if (!facts.scan.has_movie) {
+        std::printf("no tracks    %s\n", why_no_tracks(facts).c_str());
+    } else if (about.contains("lost_tracks")) {
         std::printf("lost tracks  %u: inside or after a damaged one, or without a header first\n",
                     about["lost_tracks"].get<uint32_t>());
     } else if (about.contains("may_lack_tracks")) {
-        std::printf("lost tracks  any number: the movie box is cut or damaged\n");
+        std::printf(
+            "lost tracks  any number: the movie box is cut or damaged; get the whole file\n");
     }
     for (const Verdict& verdict : verdicts) {
         const bool is_one_of_several = media_tracks(facts, verdict.kind) > 1;
@@ -280,10 +291,11 @@ void add_info(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
         "info", "Show brands, tracks and hint tracks, and whether each medium plays");
-    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    add_input(command, "FILE", options->input, "3GP file; - is standard input");
     command->add_flag("--json", options->json, "Print JSON");
     add_timeout(command, options->time);
-    command->callback([options] { info(*options); });
+    command->callback(
+        [options] { or_error_as_json(options->json, [&options] { info(*options); }); });
 }
 
 }  // namespace tool

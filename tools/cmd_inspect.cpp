@@ -95,6 +95,8 @@ class JsonSink final : public stream::RecordSink {
         any_ = true;
     }
 
+    bool any() const { return any_; }
+
     void finish(uint64_t bytes, const std::optional<stream::Damage>& damage) const {
         std::printf("%s],\n  \"bytes\": %llu", any_ ? "\n  " : kBeginning,
                     static_cast<unsigned long long>(bytes));
@@ -115,7 +117,12 @@ void inspect(const Options& options) {
     WalkedFile walked;
     if (options.json) {
         JsonSink sink;
-        walked = walk_file(options.input, sink);
+        try {
+            walked = walk_file(options.input, sink);
+        } catch (const Error& error) {
+            if (!sink.any()) print_error_as_json(error);
+            throw;
+        }
         sink.finish(walked.bytes, walked.damage);
     } else {
         TextSink sink;
@@ -132,7 +139,7 @@ void add_inspect(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
         "inspect", "Show a native stream record by record, and where it is malformed");
-    command->add_option("STREAM", options->input, "Native stream; - is standard input")->required();
+    add_input(command, "STREAM", options->input, "Native stream; - is standard input");
     command->add_flag("--json", options->json, "Print JSON");
     command->callback([options] { inspect(*options); });
 }

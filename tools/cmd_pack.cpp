@@ -57,6 +57,7 @@ kst_pack_stream describe(const kst_packer* packer, uint32_t stream) {
 void feed(kst_packer* packer, uint32_t stream, Input& input) {
     require(kst_packer_feed(packer, stream, nullptr, 0), input);
     Progress progress;
+    if (input.path == "-") progress.await_input();
     read_pieces(input.path, [&](auto piece) {
         input.bytes += piece.size();
         progress.show_bytes(input.bytes, "read");
@@ -70,17 +71,14 @@ void feed(kst_packer* packer, uint32_t stream, Input& input) {
     }
 }
 
-std::string counted(uint64_t count, const char* what) {
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 // Returns what the file lacks of a stream; empty for nothing.
 std::string lacks(const Input& input, const kst_pack_stream& about) {
     std::string out;
     if (about.damage[0] != '\0') {
         out = "damaged from byte " + std::to_string(about.damage_offset) + " on: " + about.damage +
-              "; packed " + counted(about.samples, "sample") + " before it, left out " +
-              counted(input.bytes - about.damage_offset, "byte");
+              "; packed " + counted(about.samples, "sample") + " before it";
+        const uint64_t lost = input.bytes - about.damage_offset;
+        if (lost > 0) out += ", left out " + counted(lost, "byte");
     }
     const auto add = [&](uint64_t packets, const char* what) {
         if (packets == 0) return;
@@ -146,19 +144,23 @@ void add_pack(CLI::App& app) {
     CLI::App* command =
         app.add_subcommand("pack", "Make a 3GP file of a native stream, or of one of each medium");
     CLI::Option* stream =
-        command->add_option("STREAM", options->stream, "Native stream; - is standard input");
+        command->add_option("STREAM", options->stream, "Native stream; - is standard input")
+            ->check(refuse_empty_name);
     command->add_option("--audio", options->audio, "Audio stream, for a file with both media")
         ->type_name("STREAM")
+        ->check(refuse_empty_name)
         ->excludes(stream);
     command->add_option("--video", options->video, "Video stream, for a file with both media")
         ->type_name("STREAM")
+        ->check(refuse_empty_name)
         ->excludes(stream);
     add_output(command, "-o,--output", options->output, "Where to write; - is standard output")
         ->required();
     command->add_flag("--hint", options->hint,
                       "Add hint tracks with the RTP packets that the streams have");
     command->footer(
-        "Of a stream that is damaged or cut, what comes before is packed, and the command fails.");
+        "Of a stream that is damaged, cut, or shorter than it declares, what comes before is packed,\n"
+        "and the command fails.");
     command->callback([options] { pack(*options); });
 }
 

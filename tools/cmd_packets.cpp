@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "companion/probe/media_tracks.h"
+#include "companion/probe/reasons.h"
 #include "native/codec/rtp_header.h"
 #include "tools/capture.h"
 #include "tools/commands.h"
@@ -33,6 +34,27 @@ struct Options {
     bool json = false;
 };
 
+// Whether a track is of a codec that can be hinted.
+bool has_payload_format(const FileFacts& facts) {
+    const auto has_format = [](int32_t codec) { return plays_codec(Api::kFunction, codec); };
+    for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next)
+        if (has_format(track->codec)) return true;
+    const auto& tracks = facts.imported.tracks;
+    return std::any_of(tracks.begin(), tracks.end(),
+                       [&](const auto& track) { return has_format(track.codec); });
+}
+
+std::string why_no_hints(const FileFacts& facts, bool is_chosen) {
+    if (std::string why = why_no_tracks(facts); !why.empty()) {
+        why.pop_back();  // its full stop
+        return why;
+    }
+    if (is_chosen) return "no hint track with this ID; 'kestrel info' lists the tracks";
+    return has_payload_format(facts)
+               ? "no hint track; 'kestrel hint' adds one"
+               : "no hint track, and no AMR, H.263, MPEG-4 or H.264 track that could get one";
+}
+
 HintTracks wanted_tracks(const FileFacts& facts, const Options& options) {
     if (!facts.scan.is_3gp()) throw no_media_file(options.input);
     std::vector<iso_track*> hints;
@@ -41,13 +63,18 @@ HintTracks wanted_tracks(const FileFacts& facts, const Options& options) {
         if (is_hint(track) && wanted) hints.push_back(track);
     }
     if (!hints.empty()) return read_hint_tracks(facts, hints);
-    throw file_error(options.input,
-                     options.track ? "no hint track with this ID; 'kestrel info' lists the tracks"
-                                   : "no hint track; 'kestrel hint' adds one");
+    throw file_error(options.input, why_no_hints(facts, options.track.has_value()));
 }
 
-// Fails when packets are left out.
+// Reports hint samples without packets, and fails when packets are left out.
 void check_tracks(const HintTracks& tracks, const std::string& input) {
+    for (const auto& track : tracks) {
+        if (track->made() == 0 || track->empty_samples() == 0) continue;
+        say(input_name(input) + ": hint track " + std::to_string(track->track()->track_id) + ": " +
+            std::to_string(track->empty_samples()) + " of " +
+            counted(static_cast<uint64_t>(track->track()->sample_count), "hint sample") +
+            " without packets");
+    }
     const std::string lacks = lacks_of(tracks);
     if (!lacks.empty()) throw file_error(input, lacks);
 }
@@ -98,6 +125,9 @@ void print_json(HintTracks& tracks, bool with_bytes) {
     for (const auto& track : tracks) {
         out.open("", '{');
         out.number("track_id", track->track()->track_id);
+        out.number("packet_count", static_cast<int64_t>(track->made()));
+        out.number("hint_sample_count", track->track()->sample_count);
+        out.number("empty_hint_sample_count", static_cast<int64_t>(track->empty_samples()));
         if (!track->lacks().empty()) out.text("lacks", track->lacks());
         out.close();
     }
@@ -138,9 +168,14 @@ void capture_packets(HintTracks& tracks, const Options& options) {
 }
 
 void packets(const Options& options) {
-    const Host host = open_host(options.input);
-    const FileFacts facts = gather_facts(host.get(), Clock::now() + kMaxSeconds);
-    HintTracks tracks = wanted_tracks(facts, options);
+    Host host;
+    FileFacts facts;
+    HintTracks tracks;
+    or_error_as_json(options.json, [&] {
+        host = open_host(options.input);
+        facts = gather_facts(host.get(), Clock::now() + kMaxSeconds);
+        tracks = wanted_tracks(facts, options);
+    });
     if (options.json) {
         print_json(tracks, options.hex);
     } else if (options.pcap.empty()) {
@@ -164,7 +199,7 @@ bool is_description_name(const std::string& path) {
 void add_packets(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("packets", "List the RTP packets of the hint tracks");
-    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    add_input(command, "FILE", options->input, "3GP file; - is standard input");
     command->add_option("--track", options->track, "Only the hint track with this track ID")
         ->type_name("ID");
     CLI::Option* hex =

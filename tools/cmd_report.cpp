@@ -32,7 +32,7 @@ void add_report(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
         app.add_subcommand("report", "Draw a 3GP file on one page: map, rates, packets, verdicts");
-    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    add_input(command, "FILE", options->input, "3GP file; - is standard input");
     add_output(command, "-o,--output", options->output, "Page to write; - is standard output")
         ->required();
     add_timeout(command, options->time);

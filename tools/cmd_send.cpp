@@ -26,6 +26,12 @@ struct Options {
     uint32_t from = 0;  // milliseconds
     double speed = 1;
     bool loop = false;
+    std::optional<uint32_t> max_rate;  // packets a second
+
+    double packets_per_second() const {
+        constexpr double kUsual = 10000;  // 100 Mbit/s of the packets that a hinter makes
+        return max_rate ? *max_rate : kUsual * std::max(speed, 1.0);
+    }
 };
 
 // A file with hint tracks that can be sent: the input, or a copy that was hinted.
@@ -123,8 +129,14 @@ void send(const Options& options) {
     HintTracks tracks = read_hint_tracks(source.facts, hints);
     const UdpAddress to(receiver.host);
     constexpr double kMilliseconds = 1000;
-    Sender sender(tracks, to, receiver.port,
-                  {options.from / kMilliseconds, options.speed, options.loop});
+    Sender::Options how{options.from / kMilliseconds, options.speed, options.loop,
+                        options.packets_per_second()};
+    if (options.loop) {
+        how.on_refusal = [&] {
+            say(options.to + ": nobody listens; sending goes on until Ctrl-C");
+        };
+    }
+    Sender sender(tracks, to, receiver.port, how);
     write_description(options, to, receiver.port, tracks);
     const int signal = sender.run();
     const std::string refused = refused_text(options, sender);
@@ -140,7 +152,7 @@ void send(const Options& options) {
 void add_send(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("send", "Send a 3GP file as RTP over UDP, in real time");
-    command->add_option("FILE", options->input, "3GP file; - is standard input")->required();
+    add_input(command, "FILE", options->input, "3GP file; - is standard input");
     command
         ->add_option("--to", options->to,
                      "Where to send: the first track to PORT, which is even, its RTCP to the\n"
@@ -156,6 +168,12 @@ void add_send(CLI::App& app) {
     command->add_option("--speed", options->speed, "Send X times as fast: from 0.01 to 1000")
         ->option_text("X")
         ->check(CLI::Range(0.01, 1000.0));
+    command
+        ->add_option("--max-rate", options->max_rate,
+                     "Send at most this many packets a second, a tenth of them at once; without\n"
+                     "the option 10000, and as many times more as --speed is faster")
+        ->type_name("PACKETS")
+        ->check(CLI::Range(uint32_t{1}, uint32_t{1000000}));
     command->add_flag("--loop", options->loop, "Begin again at the end, until Ctrl-C");
     command->footer(
         "Sends the packets of the hint tracks of FILE. If it has none, or one that receivers\n"

@@ -26,9 +26,8 @@ void unpack(const Options& options) {
     output.finish();
     if (walked.damage) {
         const uint64_t lost = walked.bytes - walked.damage->offset;
-        throw damage_error(options.input, *walked.damage,
-                           "; kept what comes before, left out " + std::to_string(lost) +
-                               (lost == 1 ? " byte" : " bytes"));
+        const std::string left_out = lost == 0 ? "" : ", left out " + counted(lost, "byte");
+        throw damage_error(options.input, *walked.damage, "; kept what comes before" + left_out);
     }
     if (!media.lacks().empty()) throw file_error(options.input, media.lacks() + "; kept the rest");
 }
@@ -39,7 +38,7 @@ void add_unpack(CLI::App& app) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
         "unpack", "Rebuild the media file of a native stream: .amr, .h263, .m4v or .h264");
-    command->add_option("STREAM", options->input, "Native stream; - is standard input")->required();
+    add_input(command, "STREAM", options->input, "Native stream; - is standard input");
     add_output(command, "-o,--output", options->output, "Where to write; - is standard output")
         ->required();
     command->callback([options] {

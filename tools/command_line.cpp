@@ -170,7 +170,11 @@ std::string in_plain_words(const CLI::App& app, const CLI::ParseError& wrong) {
         {std::regex("(.*) is required"), "$1 is missing; usage: "},
         {std::regex("Could not convert: (\\S+) = (.*)"), "$1: '$2' is not a whole number"},
         {std::regex("(\\S+): Value (.*) not in range (\\d+) to (\\d+)"),
-         "$1: $2 is not from $3 to $4"},
+         "$1: '$2' is not a whole number from $3 to $4"},
+        {std::regex("(\\S+): Value (.*) not in range (\\d+\\.\\d*?)\\.?0* to (\\d+)\\.0*"),
+         "$1: '$2' is not a number from $3 to $4"},
+        {std::regex("(\\S+): At Most 1 required but received (\\d+)"),
+         "$1 is given $2 times; give it once"},
         {std::regex("(\\S+): \\d+ required (.*) missing"), "$1 needs $2 after it"},
         {std::regex("(.*) requires (.*)"), "$1 needs $2"},
         {std::regex("(.*) excludes (.*)"), "$1 and $2 exclude each other"},
@@ -261,11 +265,16 @@ int run_command_line(CLI::App& app, int argc, char** argv) {
     const Words words(argv + 1, argv + argc);
     if (words.empty()) wrong_usage("a command is missing; 'kestrel help' lists the commands");
     const std::string& first = words.front();
-    if (first == "version" && words.size() == 1) {
+    const size_t most = first == "version" ? 1 : first == "help" ? 2 : words.size();
+    if (words.size() > most) {
+        wrong_usage("not expected: '" + words[most] + "'; usage: kestrel " + first +
+                    (first == "help" ? " [COMMAND]" : ""));
+    }
+    if (first == "version") {
         print(app.version() + "\n");
         return kDone;
     }
-    if (first == "help" && words.size() <= 2) {
+    if (first == "help") {
         const bool is_general = words.size() == 1 || words[1] == "help" || words[1] == "version";
         const CLI::App& about = is_general ? app : command_or_fail(app, words[1]);
         print(about.help(&about == &app ? "" : "kestrel"));

@@ -53,6 +53,12 @@ inline std::string refuse_empty_name(const std::string& name) {
     return name.empty() ? "the name of a file is empty" : "";
 }
 
+// Adds the argument for the file that a command reads.
+inline CLI::Option* add_input(CLI::App* command, const char* name, std::string& path,
+                              const char* about) {
+    return command->add_option(name, path, about)->required()->check(refuse_empty_name);
+}
+
 // Adds an option for a file that is written.
 inline CLI::Option* add_output(CLI::App* command, const char* name, std::string& path,
                                const char* about) {

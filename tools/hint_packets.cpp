@@ -38,9 +38,17 @@ std::span<const uint8_t> HintPackets::next() {
         return {};
     }
     // The last packet of a hint sample moves the cursor to the next one.
-    if (!in_sample) sample_ = cursor_.packets_left > 0 ? cursor_.sample : cursor_.sample - 1;
+    if (!in_sample) {
+        sample_ = cursor_.packets_left > 0 ? cursor_.sample : cursor_.sample - 1;
+        ++filled_samples_;
+    }
     ++made_;
     return std::span(buffer_).first(static_cast<size_t>(length));
+}
+
+uint64_t HintPackets::empty_samples() const {
+    const auto samples = static_cast<uint64_t>(std::max(hint_->sample_count, 0));
+    return damaged_sample_ > 0 ? 0 : samples - std::min(filled_samples_, samples);
 }
 
 void HintPackets::go_to(int32_t sample) {

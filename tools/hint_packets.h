@@ -32,6 +32,10 @@ class HintPackets {
     std::span<const uint8_t> next();
     // Returns the hint sample (from 0) of the last packet.
     int32_t sample() const { return sample_; }
+    // The packets so far, and, of a track read from its first hint sample to its last, the hint
+    // samples without any.
+    uint64_t made() const { return made_; }
+    uint64_t empty_samples() const;
     // Moves to the first packet of a hint sample.
     void go_to(int32_t sample);
 
@@ -45,6 +49,7 @@ class HintPackets {
     rtp_hint_state cursor_{};
     std::vector<uint8_t> buffer_;  // of a packet
     uint64_t made_ = 0;
+    uint64_t filled_samples_ = 0;
     int32_t sample_ = 0;
     int32_t damaged_sample_ = 0;  // from 1; 0 for none
     bool unreadable_ = false;     // the stream failed

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/native_file.h"
 
+#include "companion/stream/declared_extent.h"
+
 namespace tool {
 
 using kestrel::stream::Damage;
@@ -21,14 +23,21 @@ std::optional<Damage> damage_in(Step step) {
 
 WalkedFile walk_file(const std::string& path, kestrel::stream::RecordSink& sink) {
     WalkedFile walked;
-    kestrel::stream::NativeWalk walk(sink);
+    kestrel::stream::DeclaredExtent extent(sink);
+    kestrel::stream::NativeWalk walk(extent);
     Progress progress(Progress::Beside::kLines);
+    if (path == "-") progress.await_input();
     read_pieces(path, [&](auto piece) {
+        if (walked.bytes == 0) progress.clear();
         walked.bytes += piece.size();
         progress.show_bytes(walked.bytes, "read");
         if (!walked.damage) walked.damage = damage_in([&] { walk.feed(piece); });
     });
-    if (!walked.damage) walked.damage = damage_in([&] { walk.finish(); });
+    if (walked.damage) return walked;
+    walked.damage = damage_in([&] {
+        walk.finish();
+        extent.require_all(walk.bytes());
+    });
     return walked;
 }
 

@@ -74,7 +74,7 @@ Handle open_track(kst_host* host, const std::string& mode, int32_t& status) {
         // The missing data may still arrive.
         refuse_failed(host);
         if (status != KST_FAILURE || complete) return nullptr;
-        progress.announce("waiting for the movie box");
+        progress.await(host, "the movie box");
         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("-");
     }
 }
@@ -89,7 +89,7 @@ ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status
         // What is missing may be the part of the file that has not arrived.
         refuse_failed(host);
         if (status == KST_BAD_MODE || complete) return nullptr;
-        progress.announce("waiting for the movie box");
+        progress.await(host, "the movie box");
         if (kst_host_wait_to_open(host) == KST_HOST_FAULT) throw input_error("-");
     }
 }
@@ -97,6 +97,7 @@ ClassObject open_object(kst_host* host, const std::string& mode, int32_t& status
 void wait_for_all(kst_host* host) {
     Progress progress;
     int waited = KST_HOST_MORE;
+    if (kst_host_is_complete(host) == 0) progress.await_input();
     while (waited == KST_HOST_MORE) {
         waited = kst_host_wait(host);
         progress.show_bytes(kst_host_bytes_available(host), "read");
@@ -212,13 +213,19 @@ bool is_silent = false;
 
 }  // namespace
 
+// Whether a read of standard input would wait.
+bool Progress::is_idle() {
+    pollfd ready{STDIN_FILENO, POLLIN, 0};
+    return poll(&ready, 1, 0) == 0;
+}
+
 void Progress::silence() {
     is_silent = true;
 }
 
 Progress::Progress(Beside beside)
-    : on_terminal_(!is_silent && isatty(STDERR_FILENO) != 0 &&
-                   (beside == Beside::kNothing || isatty(STDOUT_FILENO) == 0)),
+    : may_wait_(!is_silent && isatty(STDERR_FILENO) != 0),
+      on_terminal_(may_wait_ && (beside == Beside::kNothing || isatty(STDOUT_FILENO) == 0)),
       begun_(Clock::now()),
       next_(begun_ + kFirstShown) {}
 
@@ -237,11 +244,24 @@ bool Progress::is_due() {
     return shown_ = true;
 }
 
-void Progress::announce(const char* what) {
+void Progress::await_input() {
+    if (!may_wait_ || !is_idle()) return;
+    shown_ = true;
+    std::fputs("\rwaiting for standard input\033[K", error_stream());
+    std::fflush(error_stream());
+}
+
+void Progress::await(const kst_host* host, const char* what) {
     if (!on_terminal_) return;
     shown_ = true;
-    std::fprintf(error_stream(), "\r%s\033[K", what);
+    std::fprintf(error_stream(), "\rwaiting for %s, %.1f MB read\033[K", what,
+                 megabytes(kst_host_bytes_available(host)));
     std::fflush(error_stream());
+}
+
+void Progress::show_waiting(const kst_host* host, uint64_t written) {
+    if (on_terminal_ && is_idle()) next_ = Clock::time_point::min();
+    show(host, written);
 }
 
 void Progress::show(const kst_host* host, uint64_t written) {

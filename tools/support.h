@@ -148,13 +148,17 @@ class Progress {
     static void silence();
 
     void show(const kst_host* host, uint64_t written);
+    // The same before a wait, at once where it may be long.
+    void show_waiting(const kst_host* host, uint64_t written);
     void show_bytes(uint64_t bytes, const char* what);
     void show_count(uint64_t done, const char* what);
     void show_count(size_t done, size_t of, const char* what);
     void show_seconds(double done, double of, const char* what);
     void show_time();  // since this object was made
-    // Shows at once what is waited for.
-    void announce(const char* what);
+    // Shows at once that nothing has come yet on standard input, also beside lines.
+    void await_input();
+    // Shows at once what is waited for, and how much has come.
+    void await(const kst_host* host, const char* what);
     // Removes the line before other output.
     void clear();
 
@@ -163,9 +167,11 @@ class Progress {
 
   private:
     bool is_due();
+    static bool is_idle();
 
     using Clock = std::chrono::steady_clock;
-    bool on_terminal_;
+    bool may_wait_;     // standard error is a terminal
+    bool on_terminal_;  // nothing else comes on it meanwhile
     bool shown_ = false;
     Clock::time_point begun_;
     Clock::time_point next_;

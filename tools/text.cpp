@@ -61,12 +61,25 @@ bool is_shown(uint32_t code) {
     return !control && !separates && !turns && (code & 0xFFFE) != 0xFFFE;
 }
 
+bool is_utf8(std::string_view text) {
+    while (!text.empty()) {
+        const size_t bytes = first_character(text).bytes;
+        if (bytes == 0) return false;
+        text.remove_prefix(bytes);
+    }
+    return true;
+}
+
 std::string printable(std::string_view text) {
     return shown_except(text, '\0');
 }
 
 std::string printable_word(std::string_view text) {
     return shown_except(text, '\\');
+}
+
+std::string counted(uint64_t count, std::string_view noun) {
+    return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
 }
 
 std::string code_text(uint32_t code) {

@@ -21,12 +21,17 @@ Character first_character(std::string_view text);
 // the direction of writing, and code points that are no characters.
 bool is_shown(uint32_t code);
 
+bool is_utf8(std::string_view text);
+
 // For a terminal: each byte that is invalid UTF-8, or not printable, becomes \xNN. Applying it
 // twice changes nothing. Use it for every text from outside the tool before printing.
 std::string printable(std::string_view text);
 
 // The same for scripts: backslashes become \x5c, so that the text can be restored.
 std::string printable_word(std::string_view text);
+
+// "1 byte", "2 bytes".
+std::string counted(uint64_t count, std::string_view noun);
 
 // The four characters of a code in file order.
 std::string code_text(uint32_t code);

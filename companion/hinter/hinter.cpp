@@ -240,9 +240,9 @@ class Job {
         if (implausible.count == 0) return true;
         const std::string text = name_of(medium) + ": " + std::to_string(implausible.count) +
                                  " of " + std::to_string(track.samples.size()) +
-                                 " samples cannot be " +
+                                 " samples cannot be of the codec '" +
                                  importer::type_text(track.descriptions[medium.description].type) +
-                                 ", the first is number " + std::to_string(implausible.first);
+                                 "', the first is number " + std::to_string(implausible.first);
         if (implausible.count > track.samples.size() / 2)
             return outcome_.fail(KST_HINT_REFUSED, text + ": bytes of a wrong place");
         add_note(text);

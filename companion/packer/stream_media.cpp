@@ -29,6 +29,7 @@ void StreamMedia::feed(std::span<const uint8_t> bytes) {
 void StreamMedia::finish() {
     run([&] {
         walk_.finish();
+        extent_.require_all(walk_.bytes());
         if (pictures_) pictures_->finish(true);
     });
 }

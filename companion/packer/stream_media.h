@@ -11,6 +11,7 @@
 
 #include "companion/packer/picture_joiner.h"
 #include "companion/packer/sample_store.h"
+#include "companion/stream/declared_extent.h"
 #include "companion/stream/native_walk.h"
 
 namespace kestrel::packer {
@@ -58,7 +59,8 @@ class StreamMedia final : private stream::RecordSink {
     void run(const std::function<void()>& step);
     void record_speech_packet(std::span<const uint8_t> front);
 
-    stream::NativeWalk walk_{*this};
+    stream::DeclaredExtent extent_{*this};
+    stream::NativeWalk walk_{extent_};
     std::optional<stream::StreamHeader> header_;
     std::optional<stream::Damage> damage_;
     bool in_frame_ = false;

@@ -222,8 +222,9 @@ std::string name_of_codec(const Subject& subject) {
 std::string missing_bytes(const FileScan& scan) {
     if (!scan.cut_box) return "";
     const TopBox& box = *scan.cut_box;
-    return show_count(box.offset + box.size - scan.file_size) + " bytes of '" + box.type +
-           "' are missing";
+    const uint64_t missing = box.offset + box.size - scan.file_size;
+    return show_count(missing) + (missing == 1 ? " byte of '" : " bytes of '") + box.type +
+           (missing == 1 ? "' is missing" : "' are missing");
 }
 
 std::string show_count(uint64_t count) {
@@ -236,12 +237,26 @@ std::string show_count(uint64_t count) {
     return out;
 }
 
+std::string why_no_tracks(const FileFacts& facts) {
+    if (!facts.scan.has_movie) {
+        const std::string missing = missing_bytes(facts.scan);
+        return (missing.empty() ? "The file has no movie box, which lists the tracks"
+                                : "The file is cut: " + missing +
+                                      ", and so is the movie box, which lists the tracks") +
+               std::string(": get the whole file.");
+    }
+    return facts.scan.movie_is_cut && facts.file->first_track == nullptr
+               ? "The movie box, which lists the tracks, is cut or damaged: get the whole file."
+               : "";
+}
+
 std::string why_by_tables(const Subject& subject, Reason reason) {
     const std::string medium = word(subject.kind);
     const std::string& missing = subject.facts.imported.missing;
     switch (reason) {
         case Reason::kNoTrack:
-            return "The file has no " + medium + " track.";
+            return why_no_tracks(subject.facts).empty() ? "The file has no " + medium + " track."
+                                                        : why_no_tracks(subject.facts);
         case Reason::kNoHintTrack:
             return (has_hints(subject.facts.file.get())
                         ? "No RTP hint track refers to the " + medium
@@ -287,6 +302,7 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
         case Reason::kIncomplete:
             return why_incomplete(subject);
         case Reason::kDamaged:
+            if (!why_no_tracks(subject.facts).empty()) return why_no_tracks(subject.facts);
             return subject.has_track() && subject.expected.pictures == 0
                        ? "The " + medium + " track has no samples."
                        : "A box or table that playing needs is missing or damaged.";

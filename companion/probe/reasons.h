@@ -96,6 +96,9 @@ std::string name_of_codec(const Subject& subject);
 std::string missing_bytes(const FileScan& scan);
 // "12,345".
 std::string show_count(uint64_t count);
+// A sentence for a file whose tracks cannot be found, as its movie box is missing or cut; empty for
+// another.
+std::string why_no_tracks(const FileFacts& facts);
 // A sentence for a reason that tables show; empty for those that need playing.
 std::string why_by_tables(const Subject& subject, Reason reason);
 

@@ -117,7 +117,7 @@ bool NativeWalk::step() {
             state_ = State::kHeaderRecords;
             return true;
         case State::kHeaderRecords:
-            if (!has(header_records_size())) return false;
+            if (!has(header_records_size()) || is_empty_video()) return false;
             header_records();
             return true;
         case State::kHeaderPadding:
@@ -180,7 +180,12 @@ void NativeWalk::first_record() {
     if (first.constant != kPropConstant) damaged(12, "the constant of the first record is not 10");
     declared_length_ = first.header_length;
     padding_ = first.padding;
-    if (is_audio_) header_.frames = first.value;
+    (is_audio_ ? header_.frames : header_.pictures_per_second) = first.value;
+}
+
+// Whether the stream ends after its first record because it has no pictures.
+bool NativeWalk::is_empty_video() const {
+    return ending_ && left() == 0 && !is_audio_ && header_.pictures_per_second == 0;
 }
 
 // Returns the bytes of the other header records, as far as known: the codec name of a video stream
@@ -258,6 +263,7 @@ void NativeWalk::video_headers() {
     header_.api = header_.frame_rate != 0 ? Api::kClass : Api::kFunction;
     const uint64_t codec_at = offset();
     const auto codec = header_record<VID_Header_CodecInfo>("VID_Header_CodecInfo");
+    header_.bit_rate = codec.bit_rate;
     header_.width = codec.width;
     header_.height = codec.height;
     video_config({codec.codec, strnlen(codec.codec, sizeof codec.codec)}, codec_at);

@@ -51,8 +51,10 @@ struct StreamHeader {
     uint32_t duration_ms = 0;
     uint32_t frames = 0;  // speech only: frames of the stream
     // Video only.
-    uint32_t frame_rate = 0;  // hundredths of a frame per second; 0 from the function API
-    uint32_t width = 0;       // pixels
+    uint32_t pictures_per_second = 0;  // truncated
+    uint32_t bit_rate = 0;             // of the samples, bits per second, truncated
+    uint32_t frame_rate = 0;           // hundredths of a frame per second; 0 from the function API
+    uint32_t width = 0;                // pixels
     uint32_t height = 0;
     uint32_t profile = 0;
     uint32_t level = 0;
@@ -114,8 +116,11 @@ class NativeWalk {
 
     void feed(std::span<const uint8_t> bytes);
 
-    // Ends the stream. Throws Damage when it ends inside a record or frame.
+    // Ends the stream. Throws Damage when it ends inside a record or frame. A video stream may end
+    // after its first record if that declares no pictures.
     void finish();
+    // Returns the bytes of the records read so far.
+    uint64_t bytes() const { return base_; }
 
   private:
     enum class State { kFirstRecord, kHeaderRecords, kHeaderPadding, kFrames };
@@ -140,6 +145,7 @@ class NativeWalk {
     Record header_record(const char* name);
 
     void first_record();
+    bool is_empty_video() const;
     size_t header_records_size() const;
     void header_records();
     void check_header_length();

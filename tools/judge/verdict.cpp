@@ -264,6 +264,7 @@ std::string why_damaged(const Subject& subject, const Verdict& verdict, const Tr
 }
 
 std::string why(const Subject& subject, const Verdict& verdict, const TrialResult& result) {
+    if (!subject.has_track()) return why_by_tables(subject, verdict.reason);
     switch (verdict.reason) {
         case Reason::kIncomplete:
             return why_incomplete(subject, verdict);
@@ -271,6 +272,10 @@ std::string why(const Subject& subject, const Verdict& verdict, const TrialResul
             return why_implausible(subject, result.trial.counts);
         case Reason::kDamaged:
             return why_damaged(subject, verdict, result);
+        case Reason::kSeveralTracks:
+            return "The file has several " + std::string(word(subject.kind)) +
+                   " tracks, and this API plays a file with one; 'kestrel extract "
+                   "--track ID' plays any of them.";
         case Reason::kTimeout:
             return "Judging it was not done in time; --timeout gives it more.";
         default:
@@ -303,11 +308,30 @@ std::string quoted(const std::string& text) {
     return out + "'";
 }
 
-std::string where_to_find_a_fix(const Subject& subject, const Verdict& verdict,
-                                const std::string& input) {
-    return may_have_fix(subject, verdict.reason) && input != "-"
-               ? "; 'kestrel info' looks for a fix"
-               : "";
+// Whether the result of a command plays what its input should.
+FixFinder::IsFixed plays_of(const Subject& subject, const ChildLimits& limits) {
+    return [&](const TrialResult& fixed, bool is_salvage) {
+        if (is_salvage) return fixed.reached_end() && fixed.trial.counts.implausible == 0;
+        TrialResult whole = fixed;
+        count_samples(subject, limits, whole);
+        return plays(subject, whole);
+    };
+}
+
+constexpr auto kPatience = std::chrono::seconds(10);  // with a file that did not play
+
+// Looks for the command that makes `input` play; its name does not help where it is standard input.
+std::string next_step(const Subject& subject, Verdict& verdict, const std::string& input,
+                      Clock::time_point deadline) {
+    if (!subject.has_track() || !may_have_fix(subject, verdict.reason) || input == "-") return "";
+    const ChildLimits limits{deadline, memory_limit(subject.facts.scan)};
+    FixFinder fixes(subject.facts, limits);
+    verdict.fix = fixes.find(subject.api, subject.kind, plays_of(subject, limits));
+    if (verdict.fix.empty())
+        return Clock::now() < deadline ? "" : "; 'kestrel info' looks for a fix";
+    const bool is_salvage = verdict.fix.find("--salvage") != std::string::npos;
+    return "; '" + fix_command(verdict, input) +
+           (is_salvage ? "' keeps what is whole of it" : "' makes a file that plays");
 }
 
 }  // namespace
@@ -362,12 +386,7 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     if (result.reached_end() && !tool::plays(subject, result))
         verdict.amount = amount(subject, trial.counts);
     if (may_have_fix(subject, verdict.reason) || verdict.reason == Reason::kSeveralTracks) {
-        verdict.fix = fixes_.find(api, kind, [&](const TrialResult& fixed, bool is_salvage) {
-            if (is_salvage) return fixed.reached_end() && fixed.trial.counts.implausible == 0;
-            TrialResult whole = fixed;
-            count_samples(subject, limits_, whole);
-            return tool::plays(subject, whole);
-        });
+        verdict.fix = fixes_.find(api, kind, plays_of(subject, limits_));
     }
     verdict.why = why(subject, verdict, result);
     if (api == Api::kClass && verdict.plays())
@@ -409,11 +428,11 @@ std::vector<Verdict> Judge::judge_all() {
 
 Error open_error(kst_host* host, const std::string& input, Api api, MediaKind kind,
                  int32_t status) {
-    constexpr auto kPatience = std::chrono::seconds(10);
-    const FileFacts facts = gather_facts(host, Clock::now() + kPatience);
+    const Clock::time_point deadline = Clock::now() + kPatience;
+    const FileFacts facts = gather_facts(host, deadline);
     if (!facts.scan.is_3gp()) return no_media_file(input);
     const Subject subject = subject_of(facts, api, kind);
-    if (!subject.has_track() && facts.scan.has_movie)
+    if (!subject.has_track() && why_no_tracks(facts).empty())
         return file_error(input, std::string("no ") + word(kind) + " track");
     TrialResult result;
     result.end = End::kReported;
@@ -425,14 +444,14 @@ Error open_error(kst_host* host, const std::string& input, Api api, MediaKind ki
     verdict.reason = subject.has_track() ? reason_of(subject, result) : Reason::kDamaged;
     std::string sentence = why(subject, verdict, result);
     sentence.pop_back();  // its full stop
-    sentence += where_to_find_a_fix(subject, verdict, input);
-    return file_error(input, sentence + " (" + status_words(status) + ")");
+    sentence += " (" + status_words(status) + ")";
+    return file_error(input, sentence + next_step(subject, verdict, input, deadline));
 }
 
 std::optional<Error> play_error(kst_host* host, const std::string& input, Api api, MediaKind kind,
                                 const Playback& playback) {
-    constexpr auto kPatience = std::chrono::seconds(10);
-    const FileFacts facts = gather_facts(host, Clock::now() + kPatience);
+    const Clock::time_point deadline = Clock::now() + kPatience;
+    const FileFacts facts = gather_facts(host, deadline);
     const Subject subject = subject_of(facts, api, kind);
     const bool ended = playback.status == KST_END_OF_FILE;
     TrialResult result;
@@ -462,7 +481,7 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
     if (!verdict.amount.empty() && sentence.find(verdict.amount) == std::string::npos)
         sentence += "; " + verdict.amount + " came";
     if (!ended) sentence += " (" + status_words(playback.status) + ")";
-    return file_error(input, sentence + where_to_find_a_fix(subject, verdict, input));
+    return file_error(input, sentence + next_step(subject, verdict, input, deadline));
 }
 
 }  // namespace tool

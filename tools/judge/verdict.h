@@ -72,7 +72,7 @@ class Judge {
 };
 
 // The error of a command to which an API, with `status`, gave no track: the reason in the boxes of
-// the file, and the status. Tries nothing.
+// the file, the status, and the command that fixes it, which is tried for a few seconds.
 Error open_error(kst_host* host, const std::string& input, Api api, MediaKind kind, int32_t status);
 
 // The result of a command that played a medium.
@@ -83,7 +83,7 @@ struct Playback {
 };
 
 // The error of a command that played a medium of a complete file: why it stopped, or which samples
-// are missing. Nothing when all were delivered.
+// are missing, and the command that fixes it. Nothing when all were delivered.
 std::optional<Error> play_error(kst_host* host, const std::string& input, Api api, MediaKind kind,
                                 const Playback& playback);
 

@@ -107,22 +107,20 @@ void SentTrack::report(double now, const std::string& canonical_name, Leaving le
 
 // --- all tracks ---
 
-Pace::Pace(double speed) {
-    constexpr double kPerSecond = 10000;  // 100 Mbit/s of the packets that a hinter makes
-    interval_ = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(1 / (kPerSecond * std::max(speed, 1.0))));
-}
+Pace::Pace(double rate)
+    : interval_(
+          std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1 / rate))),
+      at_once_(static_cast<int>(std::clamp(rate / 10, 1.0, 1000.0))) {}
 
 Pace::Clock::time_point Pace::admit(Clock::time_point now) {
-    constexpr int kAtOnce = 1000;  // such as those of a large picture
-    const Clock::time_point at = std::max(now, next_ - kAtOnce * interval_);
+    const Clock::time_point at = std::max(now, next_ - at_once_ * interval_);
     next_ = std::max(now, next_) + interval_;
     return at;
 }
 
 Sender::Sender(HintTracks& tracks, const UdpAddress& to, uint16_t first_port,
                const Options& options)
-    : hints_(tracks), options_(options), pace_(options.speed) {
+    : hints_(tracks), options_(options), pace_(options.max_rate) {
     constexpr uint32_t kPortsOfTrack = 2;
     uint32_t port = first_port;
     for (const auto& track : tracks) {
@@ -199,6 +197,7 @@ bool Sender::send_round() {
         if (!wait_until(track->due() + shift_)) return false;
         if (!signals_.sleep_until(pace_.admit(Clock::now()))) return false;
         track->send(shift_);
+        note_refusal();
     }
     return wait_until((options_.loop ? from_ + round_ : end_) + shift_);
 }
@@ -214,6 +213,13 @@ int Sender::run() {
     report(Leaving::kYes);
     progress_.clear();
     return signals_.received();
+}
+
+void Sender::note_refusal() {
+    if (refusal_noted_ || refused() == 0) return;
+    refusal_noted_ = true;
+    progress_.clear();
+    options_.on_refusal();
 }
 
 uint64_t Sender::refused() const {

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -66,12 +67,14 @@ class Pace {
   public:
     using Clock = std::chrono::steady_clock;
 
-    explicit Pace(double speed);
+    // At most `rate` packets a second, and some at once.
+    explicit Pace(double rate);
     // Counts a packet in. Returns when it may go.
     Clock::time_point admit(Clock::time_point now);
 
   private:
     Clock::duration interval_;  // of packets
+    int at_once_;               // such as those of a large picture
     Clock::time_point next_;    // where all that went had kept to it
 };
 
@@ -81,6 +84,8 @@ class Sender {
         double from = 0;  // seconds
         double speed = 1;
         bool loop = false;
+        double max_rate = 0;                       // packets a second
+        std::function<void()> on_refusal = [] {};  // called for the first refused datagram
     };
 
     // The tracks must outlive the sender. Throws Error when a track has no port left.
@@ -97,6 +102,7 @@ class Sender {
     using Clock = Pace::Clock;
 
     bool send_round();
+    void note_refusal();
     SentTrack* earliest();
     bool wait_until(double position);
     Clock::time_point time_of(double position) const;
@@ -114,6 +120,7 @@ class Sender {
     Clock::time_point start_;
     Clock::time_point next_report_;
     Pace pace_;
+    bool refusal_noted_ = false;
     StopSignals signals_;
     Progress progress_;
 };

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "companion/stream/declared_extent.h"
+
+#include <algorithm>
+#include <string>
+
+namespace kestrel::stream {
+namespace {
+
+constexpr uint64_t kMilliseconds = 1000;  // in a second
+constexpr uint64_t kFrameDuration = 20;   // milliseconds of a speech frame
+
+uint64_t divide_up(uint64_t value, uint64_t by) {
+    return (value + by - 1) / by;
+}
+
+// The number of speech frames that a whole stream may have less than `declared`: of the samples,
+// which have the same number of frames each, the last may have fewer.
+uint32_t most_not_filled(uint32_t declared) {
+    constexpr uint32_t kMaxFramesPerSample = 15;  // 3GPP TS 26.244, 6.7
+    for (uint32_t in_sample = kMaxFramesPerSample; in_sample > 1; --in_sample)
+        if (declared % in_sample == 0) return in_sample - 1;
+    return 0;
+}
+
+std::string lacking(const std::string& declared, uint64_t has) {
+    return "its header records declare " + declared + ", it has " + std::to_string(has);
+}
+
+}  // namespace
+
+void DeclaredExtent::header(const StreamHeader& header) {
+    has_header_ = true;
+    header_ = header;
+    header_.config.clear();
+    // The configuration is no part of the samples, whose bytes are declared.
+    const MediaSink count{[this](std::span<const uint8_t> bytes) { bytes_ += bytes.size(); }};
+    depacketiser_ = make_depacketiser(header.medium, {}, count);
+    to_.header(header);
+}
+
+void DeclaredExtent::begin_frame() {
+    ++frames_;
+    speech_frames_ = 0;
+    to_.begin_frame();
+}
+
+void DeclaredExtent::take_time(uint32_t time) {
+    if (!has_time_) first_time_ = time;
+    has_time_ = true;
+    last_time_ = time;
+}
+
+void DeclaredExtent::video_packet(const VideoPacket& packet) {
+    take_time(packet.time);
+    gaps_.add(packet.sequence);
+    depacketiser_->packet(packet.payload);
+    to_.video_packet(packet);
+}
+
+void DeclaredExtent::speech_time(uint32_t time) {
+    take_time(time);
+    to_.speech_time(time);
+}
+
+void DeclaredExtent::speech_frame(std::span<const uint8_t> frame) {
+    ++speech_frames_;
+    to_.speech_frame(frame);
+}
+
+// Of a class API stream the last frame has a time of its own.
+bool DeclaredExtent::lacks_speech() const {
+    if (frames_ >= header_.frames) return false;
+    const uint64_t declared = header_.duration_ms;
+    if (header_.api == Api::kClass) {
+        const uint64_t rate = band_of(header_.medium).samples_per_frame * kMilliseconds;
+        return last_time_ * kFrameDuration * kMilliseconds / rate +
+                   speech_frames_ * kFrameDuration <
+               declared;
+    }
+    const uint64_t most = frames_ + most_not_filled(header_.frames);
+    return most < header_.frames && most * kFrameDuration < declared;
+}
+
+// The pictures that are declared at least: rates are truncated, that of the class API is rounded to
+// hundredths.
+uint64_t DeclaredExtent::least_pictures() const {
+    constexpr uint64_t kHundredths = 100, kHalf = 2;
+    const uint64_t duration = header_.duration_ms;
+    const uint64_t by_value = divide_up(header_.pictures_per_second * duration, kMilliseconds);
+    if (header_.frame_rate == 0) return by_value;
+    return std::max(by_value, divide_up((kHalf * header_.frame_rate - 1) * duration,
+                                        kHalf * kHundredths * kMilliseconds));
+}
+
+// The bytes of samples that are declared at least.
+uint64_t DeclaredExtent::least_bytes() const {
+    constexpr uint64_t kBits = 8;
+    return uint64_t{header_.bit_rate} * header_.duration_ms / (kBits * kMilliseconds);
+}
+
+// Whether there is time for another picture before the declared end: the last one that is there has
+// half a mean duration more than the mean.
+bool DeclaredExtent::ends_early() const {
+    constexpr uint64_t kTicks = 90;  // a millisecond
+    if (frames_ < 2) return true;
+    const uint64_t passed = last_time_ - first_time_;
+    return passed + passed * 3 / (2 * (frames_ - 1)) <= header_.duration_ms * kTicks;
+}
+
+// A whole stream may lack either: packets leave empty NAL units of H.264 out, and hint tracks empty
+// samples. Packets that are missing before the end show by their sequence numbers. Times of the
+// class API may have another unit than the durations.
+bool DeclaredExtent::lacks_video() const {
+    if (header_.api == Api::kClass) return bytes_ < least_bytes() && gaps_.missing() == 0;
+    return (bytes_ < least_bytes() || frames_ < least_pictures()) && ends_early();
+}
+
+void DeclaredExtent::require_all(uint64_t end) const {
+    // A stream that begins later was made after a seek.
+    const bool from_the_start = header_.api == Api::kFunction || first_time_ == 0;
+    if (!has_header_ || !from_the_start) return;
+    if (is_speech(header_.medium)) {
+        if (!lacks_speech()) return;
+        throw Damage{end, lacking(std::to_string(header_.frames) + " frames", frames_)};
+    }
+    if (depacketiser_) depacketiser_->finish();
+    if (!lacks_video()) return;
+    if (frames_ < least_pictures()) {
+        throw Damage{end,
+                     lacking("at least " + std::to_string(least_pictures()) + " frames", frames_)};
+    }
+    throw Damage{
+        end, lacking("at least " + std::to_string(least_bytes()) + " bytes of pictures", bytes_)};
+}
+
+}  // namespace kestrel::stream
