@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <sstream>
-#include <unordered_map>
 
 #include "companion/probe/track_info.h"
 #include "interface/src/isoff/record/private.h"
@@ -89,7 +89,7 @@ Json describe_track(const FileFacts& facts, iso_track* track) {
 
 // What the library's reader does not have of a file in an odd form.
 void add_imported(const FileFacts& facts, Json& tracks) {
-    std::unordered_map<uint32_t, size_t> places;
+    std::map<uint32_t, size_t> places;  // no hash: a file chooses its IDs
     for (size_t i = 0; i < tracks.size(); ++i)
         places.emplace(tracks[i]["track_id"].get<uint32_t>(), i);
     for (const ImportedTrack& track : facts.imported.tracks) {

@@ -2,6 +2,7 @@
 #include "companion/probe/file_facts.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 #include "companion/importer/movie.h"
@@ -80,7 +81,7 @@ std::unordered_map<const iso_track*, size_t> number_tracks(
             numbers.emplace(tracks[i], i);
         return numbers;
     }
-    std::unordered_map<uint32_t, size_t> by_id;
+    std::map<uint32_t, size_t> by_id;  // no hash: a file chooses its IDs
     for (size_t i = 0; i < imported.size(); ++i)
         by_id.emplace(imported[i].id, i);
     for (const iso_track* track : tracks) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "companion/probe/track_info.h"
 
-#include <unordered_set>
+#include <set>
 
 #include "interface/src/isoff/record/private.h"
 
@@ -81,7 +81,7 @@ std::vector<kst_probe_track> describe_tracks(const FileFacts& facts) {
     const iso_file* file = facts.file.get();
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next)
         tracks.push_back(describe_track(facts, track));
-    std::unordered_set<uint32_t> known;
+    std::set<uint32_t> known;  // no hash: a file chooses its IDs
     for (const kst_probe_track& track : tracks)
         known.insert(track.track_id);
     for (const ImportedTrack& track : facts.imported.tracks) {
