@@ -277,6 +277,14 @@ TEST(PackedStream, ReportsWhatIsMissingOrMalformed) {
     EXPECT_EQ(packed.streams[0].packets_missing, 3u);
     EXPECT_EQ(packed.streams[0].samples, 30u);
 
+    const Bytes speech = stream_of("amrnb_plain", "ar");
+    constexpr size_t kHeaders = 68, kFrame = 57;
+    Bytes holed(speech.begin(), speech.begin() + kHeaders + 10 * kFrame);
+    holed.insert(holed.end(), speech.begin() + kHeaders + 15 * kFrame, speech.end());
+    packed = pack({holed});
+    EXPECT_EQ(packed.status, KST_PACK_CUT);
+    EXPECT_EQ(packed.streams[0].packets_missing, 5u);
+
     Bytes unnamed = stream;
     std::copy_n("\x1b[2J", 4, &unnamed[40]);  // the codec
     EXPECT_THAT(pack({unnamed}).streams[0].damage, HasSubstr("names no codec: ?[2J"));

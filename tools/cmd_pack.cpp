@@ -80,9 +80,10 @@ std::string lacks(const Input& input, const kst_pack_stream& about) {
         const uint64_t lost = input.bytes - about.damage_offset;
         if (lost > 0) out += ", left out " + counted(lost, "byte");
     }
+    const char* unit = about.medium == KST_PACK_AUDIO ? "frame" : "packet";
     const auto add = [&](uint64_t packets, const char* what) {
         if (packets == 0) return;
-        out += (out.empty() ? "" : "; ") + counted(packets, "packet") + what;
+        out += (out.empty() ? "" : "; ") + counted(packets, unit) + what;
     };
     add(about.packets_missing, " missing");
     add(about.packets_left_out, " malformed and left out");

@@ -13,8 +13,8 @@ namespace {
 constexpr char kNarrowBandMagic[] = "#!AMR\n";
 constexpr char kWideBandMagic[] = "#!AMR-WB\n";
 
-std::string counted(uint64_t packets, const char* what) {
-    return std::to_string(packets) + (packets == 1 ? " packet is " : " packets are ") + what;
+std::string counted(uint64_t count, const std::string& unit, const char* what) {
+    return std::to_string(count) + " " + unit + (count == 1 ? " is " : "s are ") + what;
 }
 
 }  // namespace
@@ -22,6 +22,7 @@ std::string counted(uint64_t packets, const char* what) {
 void MediaWriter::header(const stream::StreamHeader& header) {
     if (header.medium == stream::Medium::kNarrowBandSpeech) write_text(kNarrowBandMagic);
     if (header.medium == stream::Medium::kWideBandSpeech) write_text(kWideBandMagic);
+    if (stream::is_speech(header.medium)) unit_ = "frame";
     depacketiser_ = stream::make_depacketiser(header.medium, header.config,
                                               {[this](auto bytes) { output_.write(bytes); }});
 }
@@ -46,8 +47,8 @@ void MediaWriter::finish() {
 
 std::string MediaWriter::lacks() const {
     std::string out;
-    if (gaps_.missing() > 0) out = counted(gaps_.missing(), "missing");
-    if (malformed_ > 0) out += (out.empty() ? "" : ", ") + counted(malformed_, "malformed");
+    if (gaps_.missing() > 0) out = counted(gaps_.missing(), unit_, "missing");
+    if (malformed_ > 0) out += (out.empty() ? "" : ", ") + counted(malformed_, unit_, "malformed");
     return out;
 }
 

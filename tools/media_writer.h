@@ -19,6 +19,7 @@ class MediaWriter final : public kestrel::stream::RecordSink {
 
     bool wants_records() const override { return false; }
     void header(const kestrel::stream::StreamHeader& header) override;
+    void speech_sequence(uint16_t sequence) override { gaps_.add(sequence); }
     void speech_frame(std::span<const uint8_t> frame) override;
     void video_packet(const kestrel::stream::VideoPacket& packet) override;
     // Writes the bytes that were kept.
@@ -33,6 +34,7 @@ class MediaWriter final : public kestrel::stream::RecordSink {
 
     Output& output_;
     std::unique_ptr<kestrel::stream::Depacketiser> depacketiser_;
+    const char* unit_ = "packet";
     bool made_any_ = false;
     kestrel::stream::SequenceGaps gaps_;
     uint64_t malformed_ = 0;

@@ -396,6 +396,7 @@ void NativeWalk::audio_frame() {
         shown.payload = take(rest - kModeByte, "a speech frame");
         sink_.begin_frame();
         sink_.speech_time(header.time);
+        sink_.speech_sequence(header.sequence);
         speech_frame(shown, at);
     }
     sink_.end_frame();

@@ -93,6 +93,8 @@ class RecordSink {
     virtual void video_packet(const VideoPacket&) {}
     // Time of the speech that follows, in units of the sampling rate.
     virtual void speech_time(uint32_t) {}
+    // Function API: the number of the speech frame that follows.
+    virtual void speech_sequence(uint16_t) {}
     // Class API: the codec mode request and table of contents of an RTP payload; its frames follow.
     virtual void speech_payload(std::span<const uint8_t>) {}
     // A speech frame in storage format: its header byte, then its bits.
