@@ -2,6 +2,7 @@
 """What the tool says of files: info, check and report, their words, reasons and exit codes."""
 
 import contextlib
+import functools
 import html.parser
 import json
 import os
@@ -243,6 +244,24 @@ class Memory(ToolTest):
             with self.subTest(command=command):
                 more = self.peak(*command, path) - self.peak(*command, sample("amrnb_plain"))
                 self.assertLess(more, times * len(large))
+
+    @unittest.skipIf(IS_SANITIZED, "takes memory of its own")
+    def test_too_little_is_a_failure_that_leaves_nothing(self):
+        movie = boxes(load("amrnb_plain"), [b"moov"])[0]
+        track = box(b"trak", boxes(movie, [b"trak"])[0])
+        many = self.write("many.3gp", box(b"moov", movie + 3000 * track))
+        stream = self.write("speech.native", self.extract("amrnb_plain", "ar"))
+        cases = [(("info", many), range(12 << 20, 24 << 20, 1 << 20)),
+                 (("unpack", stream, "-o", self.scratch / "out"), range(7 << 20, 11 << 20, 1 << 17))]
+        for command, limits in cases:
+            for limit in limits:
+                limited = functools.partial(run, preexec_fn=lambda limit=limit: resource.setrlimit(
+                    resource.RLIMIT_AS, (limit, limit)))
+                if limited("--version").returncode != 0:  # it cannot start
+                    continue
+                with self.subTest(command=command[0], limit=limit):
+                    self.assertIn(limited(*command).returncode, (0, 1))
+                    self.assertEqual(list(self.scratch.glob(".*")), [])
 
     @unittest.skipIf(IS_SANITIZED, "takes memory of its own")
     def test_one_packet_is_held_of_any_number_of_hint_tracks(self):

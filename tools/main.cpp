@@ -1,11 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <new>
 
 #include "tools/command_line.h"
 #include "tools/commands.h"
 #include "tools/support.h"
+#include "tools/whole_output.h"
 
 // The command-line tool: parses the command line and turns errors into one line and an exit code.
 
@@ -14,6 +19,15 @@ namespace {
 int report(std::string_view text, int exit_code) {
     tool::say(text);
     return exit_code;
+}
+
+// No handler gets the error of memory that runs out again while objects are destroyed.
+[[noreturn]] void end_without_memory() {
+    static constexpr char kText[] = "kestrel: out of memory\n";
+    if (!tool::lacks_memory()) std::abort();
+    tool::remove_unfinished();
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kText, sizeof kText - 1);
+    std::_Exit(tool::kFailed);
 }
 
 // Returns the exit code.
@@ -55,6 +69,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     int code = tool::kFailed;
     tool::hold_standard_streams();
+    std::set_terminate(end_without_memory);
     std::signal(SIGXFSZ, SIG_IGN);  // a file beyond the process's limit is a write that fails
     try {
         tool::take_over_remarks();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/support.h"
 
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -8,11 +9,18 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <typeinfo>
 
 #include "tools/descriptor.h"
 #include "tools/output_place.h"
 
 namespace tool {
+
+bool lacks_memory() {
+    const std::type_info* type = abi::__cxa_current_exception_type();
+    return type == nullptr || *type == typeid(std::bad_alloc);  // null: not enough for an exception
+}
 
 std::string input_name(const std::string& path) {
     return path == "-" ? "standard input" : path;
@@ -137,15 +145,15 @@ void refuse_terminal(const std::string& path) {
 }
 
 Output::Output(const std::string& path, const std::string& input)
-    : path_(output_name(path)), file_(stdout), buffer_(kBufferSize) {
+    : path_(output_name(path)), buffer_(kBufferSize), file_(stdout) {
     if (path == "-") return;
     refuse_input_as_output(path, input);
     file_ = fdopen(open_output(find_output_place(path), path).release(), "wb");
     keep_buffer();
 }
 
-Output::Output(int descriptor, const std::string& path)
-    : path_(path), file_(fdopen(descriptor, "wb")), buffer_(kBufferSize) {
+Output::Output(Descriptor descriptor, const std::string& path)
+    : path_(path), buffer_(kBufferSize), file_(fdopen(descriptor.release(), "wb")) {
     keep_buffer();
 }
 

@@ -20,6 +20,7 @@
 #include "kestrel/hosts.h"
 #include "kestrel/isoff.h"
 #include "kestrel/kestrel.h"
+#include "tools/descriptor.h"
 #include "tools/messages.h"
 #include "tools/text.h"
 
@@ -35,6 +36,9 @@ struct Error : std::runtime_error {
         : std::runtime_error(text), exit_code(code) {}
     ExitCode exit_code;
 };
+
+// Whether the exception that ends the process is a lack of memory. Allocates nothing.
+bool lacks_memory();
 
 // The name of a path in messages: "standard input" for "-".
 std::string input_name(const std::string& path);
@@ -99,7 +103,7 @@ class Output {
     // Refuses to overwrite `input`. Symbolic links: see find_output_place.
     Output(const std::string& path, const std::string& input);
     // Writes to a descriptor, which it closes; errors name `path`.
-    Output(int descriptor, const std::string& path);
+    Output(Descriptor descriptor, const std::string& path);
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
     ~Output();
@@ -116,8 +120,8 @@ class Output {
     void keep_buffer();
 
     std::string path_;
-    std::FILE* file_;
     std::vector<char> buffer_;  // of a file, so that it is written in large pieces
+    std::FILE* file_;
     uint64_t written_ = 0;
 };
 

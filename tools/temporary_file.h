@@ -21,10 +21,11 @@ Host open_temporary(const Descriptor& file);
 class DescriptorStream {
   public:
     explicit DescriptorStream(int descriptor)
-        : output_(dup(descriptor), "temporary file"), table_{this,        get_offset, seek,
-                                                             read,        write,      length,
-                                                             is_eof,      index_read, advance,
-                                                             check_status} {}
+        : output_(Descriptor(dup(descriptor)), "temporary file"), table_{this,    get_offset,
+                                                                         seek,    read,
+                                                                         write,   length,
+                                                                         is_eof,  index_read,
+                                                                         advance, check_status} {}
 
     KST_IOSTREAM_CALLBACK_INTERFACE* table() { return &table_; }
     void finish() { output_.finish(); }

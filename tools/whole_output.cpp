@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <random>
+#include <utility>
 
 #include "tools/permissions.h"
 
@@ -47,10 +48,8 @@ class SignalsHeld {
 };
 
 // Removes the files and ends the process by the signal, as it would have without a handler.
-extern "C" void remove_unfinished(int signal) {
-    for (const Unfinished& file : unfinished) {
-        if (file.name[0] != '\0') unlinkat(file.folder, file.name.data(), 0);
-    }
+extern "C" void end_by_signal(int signal) {
+    remove_unfinished();
     std::signal(signal, SIG_DFL);
     raise(signal);  // comes when the handler returns
 }
@@ -78,7 +77,7 @@ void watch_signals() {
         struct sigaction action {};
         if (!ends_process(signal) || sigaction(signal, nullptr, &action) != 0) continue;
         if (action.sa_handler != SIG_DFL) continue;
-        action.sa_handler = remove_unfinished;
+        action.sa_handler = end_by_signal;
         sigfillset(&action.sa_mask);
         sigaction(signal, &action, nullptr);  // fails for those of the C library
     }
@@ -111,7 +110,15 @@ std::string random_name() {
 
 }  // namespace
 
-WholeOutput::WholeOutput(const std::string& path, const std::string& input) : path_(path) {
+void remove_unfinished() {
+    for (const Unfinished& file : unfinished) {
+        if (file.name[0] != '\0') unlinkat(file.folder, file.name.data(), 0);
+    }
+}
+
+// From the first line on the destructor runs for what throws here.
+WholeOutput::WholeOutput(const std::string& path, const std::string& input) : WholeOutput() {
+    path_ = path;
     if (path != "-") {
         refuse_input_as_output(path, input);
         place_ = find_output_place(path);
@@ -121,7 +128,7 @@ WholeOutput::WholeOutput(const std::string& path, const std::string& input) : pa
         return;
     }
     if (!place_.is_regular_or_new()) {
-        output_.emplace(open_output(place_, path).release(), path);
+        output_.emplace(open_output(place_, path), path);
         return;
     }
     // A file that may not be written is not replaced either.
@@ -157,7 +164,7 @@ void WholeOutput::make_temporary() {
     }
     remember(place_.folder.get(), temporary_);
     watch_signals();
-    output_.emplace(made.release(), path_);
+    output_.emplace(std::move(made), path_);
 }
 
 void WholeOutput::finish() {

@@ -34,6 +34,7 @@ class WholeOutput {
     void finish();
 
   private:
+    WholeOutput() = default;
     void make_temporary();
 
     std::string path_;  // as it was given
@@ -41,6 +42,10 @@ class WholeOutput {
     std::string temporary_;  // a name in the same folder; empty when the output is written as it is
     std::optional<Output> output_;
 };
+
+// Removes the temporary files of all outputs that are not finished, for a process that ends without
+// destructors. Allocates nothing; a signal handler may call it.
+void remove_unfinished();
 
 }  // namespace tool
 

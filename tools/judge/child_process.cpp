@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <limits>
 #include <new>
 
@@ -81,6 +83,12 @@ void silence(int stream) {
     if (nowhere != stream) close(nowhere);
 }
 
+// In destructors, where no handler gets the error.
+[[noreturn]] void end_without_memory() {
+    if (lacks_memory()) _exit(kNoMemoryStatus);
+    std::abort();
+}
+
 bool write_all(int to, const std::string& text) {
     size_t at = 0;
     while (at < text.size()) {
@@ -127,6 +135,7 @@ void ChildProcess::live(const Work& work, int to, pid_t parent) const {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(kFaultStatus);  // the parent ended before
     reset_signals();
+    std::set_terminate(end_without_memory);
     limit(RLIMIT_CORE, 0);
     if (limits_.memory > 0 && kLimitsMemory) limit(RLIMIT_AS, limits_.memory);
     silence(STDOUT_FILENO);
