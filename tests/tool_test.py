@@ -192,6 +192,19 @@ class Tracks(ToolTest):
                                  rf"^from \d+ ms: frame {frame}, file offset \d+\n.*: the hint track has another timescale")
                 self.assertEqual(result.stdout, headers + whole[begins[frame - 1]:])
 
+    def test_seeking_fails_where_a_frame_after_the_target_is_lost(self):
+        for name, mode, number, before, after in [
+                ("amrnb_hinted", "ar", 100, 1900, 2200), ("amrnb_hinted_multi", "ar", 100, 1900, 2200),
+                ("h263_hinted", "vr", 10, 0, 900)]:
+            constructor = rb"(\x02\x00..)\x00\x00\x00" + re.escape(bytes([number]))
+            wrong = re.sub(constructor, lambda found: found[1] + b"\0\1\0\0", load(name), flags=re.DOTALL)
+            for data, begin, code in [(wrong, 0, 1), (wrong, before, 1), (wrong, after, 0),
+                                      (load(name), 0, 0), (load(name), before, 0)]:
+                with self.subTest(name=name, begin=begin, code=code):
+                    result = run("extract", self.write("in.3gp", data), mode, "--api", "class",
+                                 "--from", begin, "--sync", "next")
+                    self.assertEqual(result.returncode, code, result.stderr)
+
 
 # Command lines in a folder of files, with their exit code and message.
 REFUSED = [
@@ -1319,15 +1332,18 @@ class Inspect(ToolTest):
         records = self.records(stream)
         starts = [r["offset"] for r in records if r["record"] == "VID_Frame_Record"]
         packets = [r for r in records if r["record"] == "TEL_Packet_Header"]
+        speech = self.extract("amrnb_plain", "ar")
+        frames = [r["offset"] for r in self.records(speech) if r["record"] == "AUD_AudFrame_Native"]
         inside = sum(starts[3] <= packet["offset"] < starts[5] for packet in packets)
         reserved = bytearray(stream)
         reserved[stream.index(bytes.fromhex(packets[9]["payload"]))] = 30  # a reserved type of unit
         for damaged, message in [(stream[:starts[3]] + stream[starts[5]:],
                                   f"{inside} packets are missing"),
+                                 (speech[:frames[100]] + speech[frames[150]:], "50 frames are missing"),
                                  (bytes(reserved), "1 packet is malformed")]:
             result = run("unpack", "-", "-o", "-", stdin=damaged)
             self.assert_fails(result, 1, f"standard input: {message}; kept the rest")
-            self.assertGreater(len(result.stdout), len(stream) // 2)
+            self.assertGreater(len(result.stdout), len(damaged) // 2)
 
 
 if __name__ == "__main__":

@@ -116,8 +116,8 @@ void warn_of_timescales(kst_host* host, const Options& options) {
         "'kestrel hint --replace' makes them agree");
 }
 
-// Seeks and reports the result; waits for the target to arrive.
-void seek(C3gpInterface& player, kst_host* host, const Options& options) {
+// Seeks and reports the result; waits for the target to arrive. Returns the frame, from 1.
+uint32_t seek(C3gpInterface& player, kst_host* host, const Options& options) {
     for (;;) {
         const bool complete = kst_host_is_complete(host) != 0;
         _TAG_KST_SEEK_PARAMS params{};
@@ -128,7 +128,7 @@ void seek(C3gpInterface& player, kst_host* host, const Options& options) {
             std::fprintf(error_stream(), "from %u ms: frame %u, file offset %d\n", params.nTime,
                          params.uFrameNum, static_cast<int>(params.uFileOffset));
             warn_of_timescales(host, options);
-            return;
+            return params.uFrameNum;
         }
         refuse_failed(host);
         if (status != KST_FAILURE || complete) {
@@ -149,12 +149,13 @@ Error open_error(kst_host* host, const Options& options, int32_t status) {
     return tool::open_error(host, options.input, options.api, kind_of(options.mode), status);
 }
 
-std::unique_ptr<Player> open_player(kst_host* host, const Options& options) {
+// Stores the frame that is played first, from 1.
+std::unique_ptr<Player> open_player(kst_host* host, const Options& options, uint32_t& first_frame) {
     int32_t status = KST_SUCCESS;
     if (options.api == Api::kClass) {
         ClassObject object = open_object(host, options.mode, status);
         if (object == nullptr) throw open_error(host, options, status);
-        if (options.from_ms) seek(*object, host, options);
+        if (options.from_ms) first_frame = seek(*object, host, options);
         return std::make_unique<ClassPlayer>(std::move(object));
     }
     Handle handle = open_track(host, options.mode, status);
@@ -278,7 +279,8 @@ int32_t deliver(Player& player, kst_host* host, const std::string& input, Stream
 }
 
 void extract_from(kst_host* host, const Options& options) {
-    std::unique_ptr<Player> player = open_player(host, options);
+    uint32_t first_frame = 1;
+    std::unique_ptr<Player> player = open_player(host, options, first_frame);
     // Made only now, so that a file that cannot be opened leaves no output.
     StreamOutput output(options);
     const int32_t status = deliver(*player, host, options.input, output);
@@ -286,13 +288,9 @@ void extract_from(kst_host* host, const Options& options) {
     output.finish();
     if (errno = kst_host_failed(host); errno != 0)
         throw Error(system_error(options.input).what() + output.what_is_kept());
-    if (options.from_ms) {  // how much there is from there on, the tables do not say
-        if (status == KST_END_OF_FILE) return output.require_all(options.input);
-        throw status_error(options.input, status, output.what_is_kept());
-    }
     const std::optional<Error> lacks =
         play_error(host, options.input, options.api, kind_of(options.mode),
-                   {status, output.delivered(), output.counts()});
+                   {status, output.delivered(), output.counts(), first_frame});
     if (lacks) throw Error(lacks->what() + output.what_is_kept(), lacks->exit_code);
     output.require_all(options.input);
 }

@@ -44,6 +44,7 @@ struct Subject {
     const iso_track* track;         // as the library's reader has it; null for none
     const ImportedTrack* imported;  // the same with all its samples; null for a plain file
     Expected expected;              // of the track
+    uint32_t skipped = 0;           // its first samples, which are not expected
 
     bool has_track() const { return track != nullptr || imported != nullptr; }
     uint32_t track_id() const {

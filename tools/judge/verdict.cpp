@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "companion/stream/plausible.h"
+#include "interface/src/isoff/record/private.h"
 #include "kestrel/log.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
@@ -36,7 +37,8 @@ void count_speech(std::span<const uint8_t> sample, const kestrel::AmrBand& band,
 bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
     if (counts.bytes >= subject.expected.bytes) return true;
     return subject.track != nullptr &&
-           subject.expected.samples == static_cast<uint64_t>(subject.track->sample_count) &&
+           subject.skipped + subject.expected.samples ==
+               static_cast<uint64_t>(subject.track->sample_count) &&
            counts.bytes - counts.empty_frames >= counts.filled_bytes;
 }
 
@@ -55,14 +57,14 @@ void count_h264(std::span<const uint8_t> sample, int length_size, uint64_t numbe
     if (counts.implausible++ == 0) counts.first_implausible = number;
 }
 
-// Counts what only the samples show, of a track that was played to its end.
-MediaCounts with_samples(const iso_track* track, MediaCounts counts) {
+// Counts what only the samples from `first` on show, of a track that was played to its end.
+MediaCounts with_samples(const iso_track* track, uint32_t first, MediaCounts counts) {
     constexpr uint32_t kLongest = 16 << 20;  // bytes of a sample that plays
     const bool is_judged = counts.implausible > 0;
     const kestrel::AmrBand& band =
         track->codec == ISO_CODEC_SAWB ? kestrel::kWideBand : kestrel::kNarrowBand;
     std::vector<uint8_t> sample;
-    for (int32_t number = 0; number < track->sample_count; ++number) {
+    for (auto number = static_cast<int32_t>(first); number < track->sample_count; ++number) {
         sample.resize(std::min(sample_size_of(track, static_cast<uint32_t>(number)), kLongest));
         // Reading moves the track's cursor, which nothing else uses.
         const int got = isoFFreadAt(const_cast<iso_track*>(track), number, 0, sample.data(),
@@ -91,13 +93,65 @@ void count_samples(const Subject& subject, const ChildLimits& limits, TrialResul
     MediaCounts& counts = result.trial.counts;
     if (!result.reached_end() || !depends_on_samples(subject, counts)) return;
     const ChildResult counted = run_apart(limits, [&] {
-        const MediaCounts all = with_samples(subject.track, counts);
+        const MediaCounts all = with_samples(subject.track, subject.skipped, counts);
         return std::string(reinterpret_cast<const char*>(&all), sizeof all);
     });
     result.end = counted.end;
     result.signal = counted.signal;
     if (counted.report.size() == sizeof counts)
         std::memcpy(&counts, counted.report.data(), sizeof counts);
+}
+
+// When a sample, from 0, begins; in seconds.
+double begin_of(const iso_track* track, uint32_t sample) {
+    double units = 0;
+    for (const iso_stts_entry& entry :
+         std::span(track->stts, static_cast<size_t>(track->stts_count))) {
+        const uint32_t count = std::min(sample, entry.count);
+        units += static_cast<double>(count) * entry.delta;
+        sample -= count;
+    }
+    return units / track->timescale;
+}
+
+// The media sample, from 0, that playing from a hint sample begins with: that of the same number,
+// or of another number of samples the first one that does not begin earlier.
+uint32_t first_sample(const iso_track* media, const iso_track* hint, uint32_t hint_sample) {
+    if (media->own->declared_samples == hint->own->declared_samples) return hint_sample;
+    const double begin = begin_of(hint, hint_sample);
+    uint32_t first = 0;
+    auto end = static_cast<uint32_t>(media->sample_count);
+    while (first < end) {
+        const uint32_t middle = first + (end - first) / 2;
+        if (begin_of(media, middle) < begin) {
+            first = middle + 1;
+        } else {
+            end = middle;
+        }
+    }
+    return first;
+}
+
+// Expects what comes from a frame of the class API on, from 1.
+void expect_from(Subject& subject, uint32_t frame) {
+    const iso_track* hint = nullptr;
+    for (const iso_track* track = subject.facts.file->first_track; track != nullptr;
+         track = track->next) {
+        const bool hints = is_hint(track) && track->hint_track_ref == subject.track->track_id;
+        if (hints) hint = track;  // the last is played
+    }
+    if (hint == nullptr) return;
+    Expected& expected = subject.expected;
+    const uint64_t most =
+        std::min<uint64_t>(static_cast<uint32_t>(subject.track->sample_count), expected.samples);
+    const uint32_t first = first_sample(subject.track, hint, frame - 1);
+    subject.skipped = static_cast<uint32_t>(std::min<uint64_t>(first, most));
+    expected.samples -= subject.skipped;
+    for (uint32_t i = 0; i < subject.skipped; ++i) {
+        const uint64_t size = sample_size_of(subject.track, i);
+        expected.pictures -= size > 0 && expected.pictures > 0 ? 1 : 0;
+        expected.bytes -= std::min(size, expected.bytes);
+    }
 }
 
 bool is_all_h264(const Subject& subject, const MediaCounts& counts) {
@@ -452,7 +506,9 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
                                 const Playback& playback) {
     const Clock::time_point deadline = Clock::now() + kPatience;
     const FileFacts facts = gather_facts(host, deadline);
-    const Subject subject = subject_of(facts, api, kind);
+    Subject subject = subject_of(facts, api, kind);
+    if (playback.first_frame > 1 && subject.track != nullptr)
+        expect_from(subject, playback.first_frame);
     const bool ended = playback.status == KST_END_OF_FILE;
     TrialResult result;
     result.end = End::kReported;

@@ -80,6 +80,7 @@ struct Playback {
     int32_t status = KST_END_OF_FILE;  // that ended it
     uint64_t delivered = 0;            // bytes of native stream
     MediaCounts counts;                // in them
+    uint32_t first_frame = 1;          // hint sample that it began with, from 1
 };
 
 // The error of a command that played a medium of a complete file: why it stopped, or which samples
