@@ -58,6 +58,11 @@ void DeclaredExtent::video_packet(const VideoPacket& packet) {
     to_.video_packet(packet);
 }
 
+void DeclaredExtent::speech_sequence(uint16_t sequence) {
+    gaps_.add(sequence);
+    to_.speech_sequence(sequence);
+}
+
 void DeclaredExtent::speech_time(uint32_t time) {
     take_time(time);
     to_.speech_time(time);
@@ -68,9 +73,11 @@ void DeclaredExtent::speech_frame(std::span<const uint8_t> frame) {
     to_.speech_frame(frame);
 }
 
-// Of a class API stream the last frame has a time of its own.
+// Frames that are missing before the end show by their sequence numbers. Of a class API stream the
+// last frame has a time of its own.
 bool DeclaredExtent::lacks_speech() const {
-    if (frames_ >= header_.frames) return false;
+    const uint64_t numbered = frames_ + gaps_.missing();
+    if (numbered >= header_.frames) return false;
     const uint64_t declared = header_.duration_ms;
     if (header_.api == Api::kClass) {
         const uint64_t rate = band_of(header_.medium).samples_per_frame * kMilliseconds;
@@ -78,7 +85,7 @@ bool DeclaredExtent::lacks_speech() const {
                    speech_frames_ * kFrameDuration <
                declared;
     }
-    const uint64_t most = frames_ + most_not_filled(header_.frames);
+    const uint64_t most = numbered + most_not_filled(header_.frames);
     return most < header_.frames && most * kFrameDuration < declared;
 }
 

@@ -30,6 +30,7 @@ class DeclaredExtent final : public RecordSink {
     void begin_frame() override;
     void end_frame() override { to_.end_frame(); }
     void video_packet(const VideoPacket& packet) override;
+    void speech_sequence(uint16_t sequence) override;
     void speech_time(uint32_t time) override;
     void speech_payload(std::span<const uint8_t> front) override { to_.speech_payload(front); }
     void speech_frame(std::span<const uint8_t> frame) override;
