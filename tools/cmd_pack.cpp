@@ -160,7 +160,8 @@ void add_pack(CLI::App& app) {
     command->add_flag("--hint", options->hint,
                       "Add hint tracks with the RTP packets that the streams have");
     command->footer(
-        "Of a stream that is damaged, cut, or shorter than it declares, what comes before is packed,\n"
+        "Of a stream that is damaged, cut, or shorter than it declares, what comes before is "
+        "packed,\n"
         "and the command fails.");
     command->callback([options] { pack(*options); });
 }

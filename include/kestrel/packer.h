@@ -37,8 +37,8 @@ typedef struct kst_packer kst_packer;
 enum {
     KST_PACK_DONE = 0,
     /* A stream is damaged or ends inside a frame or before the last frame that its header records
-     * declare, or packets of it are missing or could not be joined. All that is whole before the damage
-     * is in the file. */
+     * declare, or packets of it are missing or could not be joined. All that is whole before the
+     * damage is in the file. */
     KST_PACK_CUT = 1,
     KST_PACK_BAD_ARGUMENT = 2,
     KST_PACK_NO_MEMORY = 3,
