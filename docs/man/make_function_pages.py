@@ -35,6 +35,23 @@ STRIP_FROM_PATH  = {ROOT / 'include'} {ROOT} {documents}
                    stdout=subprocess.DEVNULL)
 
 
+def name_folders(html):
+    """Names the pages of folders by their titles: doxygen names them by the build folder's path, and the
+    pages must be the same for every architecture."""
+    names = {}
+    for page in html.glob("dir_*.html"):
+        title = re.search(r"<title>Kestrel: (.*) Directory Reference</title>", page.read_text())[1]
+        names[page.name] = f"dir_{re.sub(r'[^a-z]+', '_', title)}.html"
+    assert len(set(names.values())) == len(names), names
+    for old, new in names.items():
+        (html / old).rename(html / new)
+    for file in [*html.rglob("*.html"), *html.rglob("*.js")]:
+        text = file.read_text()
+        renamed = re.sub(r"dir_[0-9a-f]{32}\.html", lambda old: names.get(old[0], old[0]), text)
+        if renamed != text:
+            file.write_text(renamed)
+
+
 def lead_beside(html, documents):
     """Links of a document to files that are no part of the HTML."""
     def found(match):
@@ -88,6 +105,7 @@ def main():
         documents = pathlib.Path(sys.argv[2]).resolve()
         run_doxygen(scratch, documents)
         shutil.move(f"{scratch}/html", out / "html")
+        name_folders(out / "html")
         lead_beside(out / "html", documents)
 
 
