@@ -14,8 +14,6 @@
 #include "native/codec/nal_unit.h"
 
 namespace Qvox3gp {
-namespace {}  // namespace
-
 template <class F, class Self>
 void SampleEntry::fields(F& f, Self& self) {
     f.bytes("reserved", part<SampleEntry>(self).reserved_);

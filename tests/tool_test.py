@@ -258,6 +258,7 @@ REFUSED = [
     ("send s/amrnb_hinted.3gp --to 127.0.0.1:5005", 2, "even port"),
     ("send s/two_amrnb_hinted.3gp --to 127.0.0.1:65534", 2, "beyond 65535"),
     ("send s/amrnb_hinted.3gp --to 127.0.0.1:9 --speed 0", 2, "'0' is not a number from 0.01 to 1000"),
+    ("send s/amrnb_hinted.3gp --to 127.0.0.1:9 --speed nan", 2, "--speed: 'nan' is not a number from 0.01 to 1000"),
     # The output is the input.
     *((f"{command} -o {command.split()[1]}", 2, "is the input") for command in
       ("extract in.3gp ar", "hint in.3gp", "report in.3gp", "pack a.native")),

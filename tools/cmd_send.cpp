@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 
@@ -167,7 +169,11 @@ void add_send(CLI::App& app) {
         ->type_name("MS");
     command->add_option("--speed", options->speed, "Send X times as fast: from 0.01 to 1000")
         ->option_text("X")
-        ->check(CLI::Range(0.01, 1000.0));
+        ->check(CLI::Range(0.01, 1000.0))
+        ->check([](const std::string& text) {  // the range lets it pass
+            const bool is_number = !std::isnan(std::strtod(text.c_str(), nullptr));
+            return is_number ? "" : "'" + text + "' is not a number from 0.01 to 1000";
+        });
     command
         ->add_option("--max-rate", options->max_rate,
                      "Send at most this many packets a second, a tenth of them at once; without\n"
