@@ -73,18 +73,6 @@ void Box::resume(const BoxHeader& header) {
     header_is_read_ = true;
 }
 
-void Box::Reset() {
-    set_header(0, kUnknownType);
-}
-
-unsigned int Box::GetSize() const {
-    return kBoxHeaderSize;
-}
-
-unsigned int Box::GetSizeWhole() const {
-    return size_;
-}
-
 void Box::Peek(Stream& io, unsigned int file_size) {
     Read(io, file_size);
     seek_to_start(io);
@@ -148,10 +136,6 @@ void FullBox::Read(Stream& io, unsigned int file_size) {
     fields(reader, *this);
 }
 
-unsigned int FullBox::GetSize() const {
-    return kFullBoxHeaderSize;
-}
-
 uint32_t GetCurrentTimestamp() {
     return static_cast<uint32_t>(std::time(nullptr)) + kSecondsFrom1904To1970;
 }
@@ -178,15 +162,10 @@ unsigned int Timed::GetSize() const {
     return sizer.size();
 }
 
-std::streampos Timed::GetPosition() const {
-    return position_;
-}
-
 UnknownBox::UnknownBox() = default;
 UnknownBox::~UnknownBox() = default;
 
-template <class F, class Self>
-void UnknownBox::fields(F& f, Self& self) {
+void UnknownBox::fields(auto& f, auto& self) {
     f.skipped_body(self, 0);
 }
 

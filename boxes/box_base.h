@@ -106,13 +106,13 @@ class Box : public Archivable {
     ~Box() override = default;
 
     // Resets the header: size 0, type "????".
-    virtual void Reset();
+    virtual void Reset() { set_header(0, kUnknownType); }
 
     // The size that Dump writes.
-    virtual unsigned int GetSize() const;
+    virtual unsigned int GetSize() const { return kBoxHeaderSize; }
 
     // The size field as read.
-    virtual unsigned int GetSizeWhole() const;
+    virtual unsigned int GetSizeWhole() const { return size_; }
 
     // Reads the box and moves back to its start.
     virtual void Peek(Stream& io, unsigned int file_size);
@@ -173,14 +173,13 @@ class FullBox : public Box {
     void Dump(Stream& io) const override;
     void Read(Stream& io, unsigned int file_size) override;
     ~FullBox() override = default;
-    unsigned int GetSize() const override;
+    unsigned int GetSize() const override { return kFullBoxHeaderSize; }
 
     uint8_t GetVersion() const { return version_; }
     uint32_t GetFlags() const { return flags_; }
     void SetFlags(uint32_t flags) { flags_ = flags & 0xFFFFFF; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self) {
+    static void fields(auto& f, auto& self) {
         f.u8("version", part<FullBox>(self).version_);
         f.u24("flags", part<FullBox>(self).flags_);
     }
@@ -229,6 +228,8 @@ class ContainerBox : public Box {
     void AddOptionalBox(Box* box, bool owned) { children_.add(box, owned); }
     const std::vector<Box*>& children() const { return children_.boxes(); }
 
+    static void fields(auto& f, auto& self) { f.children(self); }
+
   protected:
     // Adds a child (null adds nothing) and returns it.
     template <class T>
@@ -251,7 +252,7 @@ class Timed : public Archivable {
     ~Timed() override = default;
     virtual unsigned int GetSize() const;
     // Offset where the times were read or dumped on their own; -1 before that.
-    virtual std::streampos GetPosition() const;
+    virtual std::streampos GetPosition() const { return position_; }
 
     uint32_t GetCreationTime() const { return creation_time_; }
     uint32_t GetModificationTime() const { return modification_time_; }
@@ -260,8 +261,7 @@ class Timed : public Archivable {
         modification_time_ = modification;
     }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self) {
+    static void fields(auto& f, auto& self) {
         f.u32("creation_time", part<Timed>(self).creation_time_);
         f.u32("modification_time", part<Timed>(self).modification_time_);
     }
@@ -355,8 +355,7 @@ class UnknownBox : public Described<UnknownBox, Box> {
     UnknownBox();
     ~UnknownBox() override;
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 }  // namespace Qvox3gp

@@ -32,13 +32,11 @@ HintConstructor HintConstructor::sample(int8_t track, uint16_t length, uint32_t 
     return made;
 }
 
-template <class F, class Self>
-void HintConstructor::fields(F& f, Self& self) {
+void HintConstructor::fields(auto& f, auto& self) {
     f.bytes("constructor", self.raw);
 }
 
-template <class F, class Self>
-void HintPacket::fields(F& f, Self& self) {
+void HintPacket::fields(auto& f, auto& self) {
     f.u32("relative_time", self.relative_time);
     f.u16("rtp_header", self.rtp_header);
     f.u16("sequence_seed", self.sequence_seed);
@@ -47,8 +45,7 @@ void HintPacket::fields(F& f, Self& self) {
     f.table("constructors", self.constructors, 0);
 }
 
-template <class F, class Self>
-void CHintSample::fields(F& f, Self& self) {
+void CHintSample::fields(auto& f, auto& self) {
     const uint16_t reserved = 0;
     counted16(f, self.packets);
     f.u16("reserved", reserved);

@@ -20,8 +20,7 @@ struct HintConstructor {
     // track refers to (0), or of the hint track itself (-1).
     static HintConstructor sample(int8_t track, uint16_t length, uint32_t number, uint32_t offset);
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 struct HintPacket {
@@ -31,8 +30,7 @@ struct HintPacket {
     uint16_t flags = 0;
     std::vector<HintConstructor> constructors;
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 class CHintSample {
@@ -41,8 +39,7 @@ class CHintSample {
 
     std::vector<uint8_t> bytes() const;
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 }  // namespace Qvox3gp

@@ -11,8 +11,7 @@ namespace Qvox3gp {
 MdatBox::MdatBox() : Described(code("mdat")) {}
 MdatBox::~MdatBox() = default;
 
-template <class F, class Self>
-void MdatBox::fields(F& f, Self& self) {
+void MdatBox::fields(auto& f, auto& self) {
     f.skipped_body(self, self.written_);
 }
 

@@ -50,8 +50,7 @@ class MdatBox : public Described<MdatBox, Box> {
     std::vector<ChunkDef>& AudioChunks() { return chunks().audio; }
     std::vector<ChunkDef>& AudioHintChunks() { return chunks().audio_hint; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     struct Chunks {

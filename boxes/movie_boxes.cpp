@@ -17,8 +17,7 @@ void FtypBox::SetBrands(uint32_t major, uint32_t minor_version, std::vector<uint
     compatible_brands_ = std::move(compatible);
 }
 
-template <class F, class Self>
-void FtypBox::fields(F& f, Self& self) {
+void FtypBox::fields(auto& f, auto& self) {
     f.code("major_brand", self.major_brand_);
     f.u32("minor_version", self.minor_version_);
     f.table("compatible_brands", self.compatible_brands_, f.rest_of_box() / 4, VisitCode{});
@@ -27,8 +26,7 @@ void FtypBox::fields(F& f, Self& self) {
 MvhdBox::MvhdBox() : Described(code("mvhd")) {}
 MvhdBox::~MvhdBox() = default;
 
-template <class F, class Self>
-void MvhdBox::fields(F& f, Self& self) {
+void MvhdBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     Timed::fields(f, self);
     f.u32("timescale", self.timescale_);
@@ -40,26 +38,6 @@ void MvhdBox::fields(F& f, Self& self) {
     f.u32s("matrix", self.matrix_);
     f.u32s("pre_defined", self.pre_defined_);
     f.u32("next_track_id", self.next_track_id_);
-}
-
-void MvhdBox::SetTimescale(unsigned int movie, unsigned int) {
-    timescale_ = movie;
-}
-
-void MvhdBox::SetDuration(unsigned int duration) {
-    duration_ = duration;
-}
-
-unsigned int MvhdBox::GetTimescale() const {
-    return timescale_;
-}
-
-unsigned int MvhdBox::GetDuration() const {
-    return duration_;
-}
-
-void MvhdBox::GoToStart(Stream& io) {
-    seek_to_start(io);
 }
 
 MoovBox::MoovBox() : Described(code("moov")) {}
@@ -80,11 +58,6 @@ Box& MoovBox::new_child(uint32_t type) {
         {code("mvhd"), StoreChild<&MoovBox::SetMvhd>::make},
         {code("trak"), StoreChild<&MoovBox::AddTrak>::make}};
     return make_child(*this, kKinds, type);
-}
-
-template <class F, class Self>
-void MoovBox::fields(F& f, Self& self) {
-    f.children(self);
 }
 
 }  // namespace Qvox3gp

@@ -8,15 +8,11 @@
 #include <vector>
 
 #include "boxes/box_base.h"
+#include "common/movie_defaults.h"
 
 namespace Qvox3gp {
 
 class TrakBox;
-
-// The unity matrix of ISO/IEC 14496-12, 8.2.2: 16.16 numbers, the last column 2.30.
-inline constexpr std::array<uint32_t, 9> kUnitMatrix = {0x00010000, 0, 0, 0,         0x00010000,
-                                                        0,          0, 0, 0x40000000};
-inline constexpr uint32_t kDefaultTimescale = 600;
 
 // "ftyp". A new one is a 3GPP Release 6 file that Release 5 and 4 readers can play.
 class FtypBox : public Described<FtypBox, Box> {
@@ -30,8 +26,7 @@ class FtypBox : public Described<FtypBox, Box> {
     const std::vector<uint32_t>& GetCompatibleBrands() const { return compatible_brands_; }
     void SetBrands(uint32_t major, uint32_t minor_version, std::vector<uint32_t> compatible);
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     uint32_t major_brand_ = code("3gp6");
@@ -46,26 +41,25 @@ class MvhdBox : public Described<MvhdBox, FullBox, Timed, FixupableTime> {
     ~MvhdBox() override;
 
     // Uses the timescale of the movie.
-    void SetTimescale(unsigned int movie, unsigned int media) override;
-    void SetDuration(unsigned int duration) override;
-    unsigned int GetTimescale() const override;
-    unsigned int GetDuration() const override;
-    void GoToStart(Stream& io) override;
+    void SetTimescale(unsigned int movie, unsigned int) override { timescale_ = movie; }
+    void SetDuration(unsigned int duration) override { duration_ = duration; }
+    unsigned int GetTimescale() const override { return timescale_; }
+    unsigned int GetDuration() const override { return duration_; }
+    void GoToStart(Stream& io) override { seek_to_start(io); }
 
     uint32_t GetNextTrackId() const { return next_track_id_; }
     void SetNextTrackId(uint32_t id) { next_track_id_ = id; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
-    uint32_t timescale_ = kDefaultTimescale;
+    uint32_t timescale_ = kestrel::kMovieTimescale;
     uint32_t duration_ = 0;
-    uint32_t rate_ = 0x00010000;  // 16.16
-    uint16_t volume_ = 0x0100;    // 8.8
+    uint32_t rate_ = kestrel::kUnity;
+    uint16_t volume_ = kestrel::kFullVolume;
     uint16_t reserved_ = 0;
     std::array<uint8_t, 8> reserved_2_{};
-    std::array<uint32_t, 9> matrix_ = kUnitMatrix;
+    std::array<uint32_t, 9> matrix_ = kestrel::kUnityMatrix;
     std::array<uint32_t, 6> pre_defined_{};
     uint32_t next_track_id_ = 1;
 };
@@ -82,8 +76,6 @@ class MoovBox : public Described<MoovBox, ContainerBox> {
     const std::vector<TrakBox*>& GetTraks() const { return traks_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     MvhdBox* mvhd_ = nullptr;

@@ -14,8 +14,7 @@
 #include "native/codec/nal_unit.h"
 
 namespace Qvox3gp {
-template <class F, class Self>
-void SampleEntry::fields(F& f, Self& self) {
+void SampleEntry::fields(auto& f, auto& self) {
     f.bytes("reserved", part<SampleEntry>(self).reserved_);
     f.u16("data_reference_index", part<SampleEntry>(self).data_reference_index_);
 }
@@ -23,16 +22,14 @@ void SampleEntry::fields(F& f, Self& self) {
 NullSampleEntry::NullSampleEntry(unsigned int type) : Described(type) {}
 NullSampleEntry::~NullSampleEntry() = default;
 
-template <class F, class Self>
-void NullSampleEntry::fields(F& f, Self& self) {
+void NullSampleEntry::fields(auto& f, auto& self) {
     f.blob("data", self.data_, f.rest_of_box());
 }
 
 HintSampleEntry::HintSampleEntry(unsigned int type) : Described(type) {}
 HintSampleEntry::~HintSampleEntry() = default;
 
-template <class F, class Self>
-void HintSampleEntry::fields(F& f, Self& self) {
+void HintSampleEntry::fields(auto& f, auto& self) {
     SampleEntry::fields(f, self);
     f.blob("data", self.data_, f.rest_of_box());
 }
@@ -40,8 +37,7 @@ void HintSampleEntry::fields(F& f, Self& self) {
 TimeScaleEntry::TimeScaleEntry() : Described(code("tims")) {}
 TimeScaleEntry::~TimeScaleEntry() = default;
 
-template <class F, class Self>
-void TimeScaleEntry::fields(F& f, Self& self) {
+void TimeScaleEntry::fields(auto& f, auto& self) {
     f.u32("timescale", self.timescale_);
 }
 
@@ -49,8 +45,7 @@ RTPHintSampleEntry::RTPHintSampleEntry()
     : Described(code("rtp ")), timescale_(std::make_unique<TimeScaleEntry>()) {}
 RTPHintSampleEntry::~RTPHintSampleEntry() = default;
 
-template <class F, class Self>
-void RTPHintSampleEntry::fields(F& f, Self& self) {
+void RTPHintSampleEntry::fields(auto& f, auto& self) {
     SampleEntry::fields(f, self);
     f.u16("hint_track_version", self.version_);
     f.u16("highest_compatible_version", self.highest_compatible_version_);
@@ -61,8 +56,7 @@ void RTPHintSampleEntry::fields(F& f, Self& self) {
 AMRSpecificBox::AMRSpecificBox() : Described(code("damr")) {}
 AMRSpecificBox::~AMRSpecificBox() = default;
 
-template <class F, class Self>
-void AMRSpecificBox::fields(F& f, Self& self) {
+void AMRSpecificBox::fields(auto& f, auto& self) {
     f.code("vendor", self.vendor_);
     f.u8("decoder_version", self.decoder_version_);
     f.u16("mode_set", self.mode_set_);
@@ -80,8 +74,7 @@ void AMRSampleEntry::SetAMRSpecific(std::unique_ptr<AMRSpecificBox> specific) {
     specific_ = std::move(specific);
 }
 
-template <class F, class Self>
-void AMRSampleEntry::fields(F& f, Self& self) {
+void AMRSampleEntry::fields(auto& f, auto& self) {
     SampleEntry::fields(f, self);
     f.u32s("reserved_2", self.reserved_);
     f.u16("channel_count", self.channel_count_);
@@ -98,8 +91,7 @@ void AMRSampleEntry::after_read() const {
                       "No AMRSpecificBox(damr) in AMRSampleEntry box. Try to keep going...");
 }
 
-template <class F, class Self>
-void VisualLayout::fields(F& f, Self& self) {
+void VisualLayout::fields(auto& f, auto& self) {
     f.u32s("reserved_2", self.reserved);
     f.u16("width", self.width);
     f.u16("height", self.height);
@@ -113,8 +105,7 @@ void VisualLayout::fields(F& f, Self& self) {
 }
 
 template <class Derived, class Configuration>
-template <class F, class Self>
-void VisualSampleEntry<Derived, Configuration>::fields(F& f, Self& self) {
+void VisualSampleEntry<Derived, Configuration>::fields(auto& f, auto& self) {
     auto& entry = part<VisualSampleEntry>(self);
     SampleEntry::fields(f, self);
     VisualLayout::fields(f, entry.visual_);
@@ -124,8 +115,7 @@ void VisualSampleEntry<Derived, Configuration>::fields(F& f, Self& self) {
 H263SpecificBox::H263SpecificBox() : Described(code("d263")) {}
 H263SpecificBox::~H263SpecificBox() = default;
 
-template <class F, class Self>
-void H263SpecificBox::fields(F& f, Self& self) {
+void H263SpecificBox::fields(auto& f, auto& self) {
     f.code("vendor", self.vendor_);
     f.u8("decoder_version", self.decoder_version_);
     f.u8("level", self.level_);
@@ -201,8 +191,7 @@ void ESDBox::SetBitRates(uint32_t max, uint32_t average) {
 MP4VisualSampleEntry::MP4VisualSampleEntry() : VisualSampleEntry(code("mp4v")) {}
 MP4VisualSampleEntry::~MP4VisualSampleEntry() = default;
 
-template <class F, class Self>
-void ParameterSet::fields(F& f, Self& self) {
+void ParameterSet::fields(auto& f, auto& self) {
     f.u16("length", self.length);
     f.blob("data", self.data, self.length);
 }
@@ -242,8 +231,7 @@ void AVCCBox::sets(F& f, std::string_view name, Self& self, Sets& sets, Count& c
     }
 }
 
-template <class F, class Self>
-void AVCCBox::fields(F& f, Self& self) {
+void AVCCBox::fields(auto& f, auto& self) {
     f.u8("configuration_version", self.configuration_version_);
     f.u8("profile", self.profile_);
     f.u8("profile_compatibility", self.profile_compatibility_);
@@ -326,10 +314,6 @@ constexpr EntryKind kEntryKinds[] = {{code("avc1"), make_entry<H264SampleEntry>}
 StsdBox::StsdBox() : Described(code("stsd")) {}
 StsdBox::~StsdBox() = default;
 
-void StsdBox::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
 Box& StsdBox::new_child(uint32_t type) {
     auto make = make_entry<NullSampleEntry>;
     for (const EntryKind& kind : kEntryKinds) {
@@ -340,8 +324,7 @@ Box& StsdBox::new_child(uint32_t type) {
     return *entry.release();
 }
 
-template <class F, class Self>
-void StsdBox::fields(F& f, Self& self) {
+void StsdBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.counted_children(self);
 }

@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "boxes/box_base.h"
+#include "common/movie_defaults.h"
 #include "native/codec/mpeg4_visual.h"
+#include "native/codec/payload_types.h"
 
 namespace Qvox3gp {
 
@@ -20,8 +22,7 @@ class SampleEntry : public Box {
     // Index, from 1, of the entry of "dref" that locates the media.
     uint16_t GetDataReferenceIndex() const { return data_reference_index_; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   protected:
     explicit SampleEntry(unsigned int type = kUnknownType) : Box(type) {}
@@ -40,8 +41,7 @@ class NullSampleEntry : public Described<NullSampleEntry, SampleEntry> {
 
     const std::vector<uint8_t>& GetData() const { return data_; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     std::vector<uint8_t> data_;
@@ -55,8 +55,7 @@ class HintSampleEntry : public Described<HintSampleEntry, SampleEntry> {
 
     const std::vector<uint8_t>& GetData() const { return data_; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     std::vector<uint8_t> data_;
@@ -71,11 +70,10 @@ class TimeScaleEntry : public Described<TimeScaleEntry, Box> {
     uint32_t GetTimescale() const { return timescale_; }
     void SetTimescale(uint32_t timescale) { timescale_ = timescale; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
-    uint32_t timescale_ = 90000;
+    uint32_t timescale_ = kestrel::kVideoClock;
 };
 
 // "rtp " (ISO/IEC 14496-12, 9.1.2). Never made by reading; for building hint tracks.
@@ -87,8 +85,7 @@ class RTPHintSampleEntry : public Described<RTPHintSampleEntry, SampleEntry> {
     void SetMaxPacketSize(uint32_t bytes) { max_packet_size_ = bytes; }
     TimeScaleEntry* GetTimeScaleEntry() const { return timescale_.get(); }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     uint16_t version_ = 1;
@@ -111,8 +108,7 @@ class AMRSpecificBox : public Described<AMRSpecificBox, Box> {
         frames_per_sample_ = frames_per_sample;
     }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     uint32_t vendor_ = 0;
@@ -133,8 +129,7 @@ class AMRSampleEntry : public Described<AMRSampleEntry, SampleEntry> {
     void SetAMRSpecific(std::unique_ptr<AMRSpecificBox> specific);
     void SetTimescale(uint16_t timescale) { timescale_ = timescale; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
     void after_read() const;
 
   private:
@@ -152,16 +147,15 @@ struct VisualLayout {
     std::array<uint32_t, 4> reserved{};
     uint16_t width = 0;
     uint16_t height = 0;
-    uint32_t horizontal_resolution = 0x00480000;  // 72 dots per inch, 16.16
-    uint32_t vertical_resolution = 0x00480000;
+    uint32_t horizontal_resolution = kestrel::kScreenResolution;
+    uint32_t vertical_resolution = kestrel::kScreenResolution;
     uint32_t reserved_2 = 0;
     uint16_t frame_count = 1;
     std::array<uint8_t, 32> compressor_name{};
-    uint16_t depth = 0x0018;
+    uint16_t depth = kestrel::kColourDepth;
     uint16_t pre_defined = 0xFFFF;
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 // A visual sample entry: the fields above, then a configuration box. The type of that box is not
@@ -180,8 +174,7 @@ class VisualSampleEntry : public Described<Derived, SampleEntry, FixupableDims> 
     uint16_t GetWidth() const { return visual_.width; }
     uint16_t GetHeight() const { return visual_.height; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   protected:
     Configuration* configuration() const { return configuration_.get(); }
@@ -205,8 +198,7 @@ class H263SpecificBox : public Described<H263SpecificBox, Box> {
         level_ = level;
     }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     uint32_t vendor_ = 0;
@@ -292,8 +284,7 @@ struct ParameterSet {
     uint16_t length = 0;
     std::vector<uint8_t> data;
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 // "avcC" (ISO/IEC 14496-15). A full box by class, but with the layout of a plain one. Its header is
@@ -322,8 +313,7 @@ class AVCCBox : public Described<AVCCBox, FullBox> {
     void set_container_end(uint64_t end) { container_end_ = end; }
 
     bool read_header(Stream& io, unsigned int file_size, BoxExtent& extent);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
     void after_read() { gather(); }
 
   private:
@@ -366,15 +356,14 @@ class StsdBox : public Described<StsdBox, FullBox, Rewindable> {
     StsdBox();
     ~StsdBox() override;
 
-    void GoToStart(Stream& io) override;
+    void GoToStart(Stream& io) override { seek_to_start(io); }
 
     void AddSampleEntry(SampleEntry* entry, bool owned) { entries_.add(entry, owned); }
     const std::vector<SampleEntry*>& GetSampleEntries() const { return entries_.boxes(); }
     const std::vector<SampleEntry*>& children() const { return entries_.boxes(); }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     BoxList<SampleEntry> entries_;

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "boxes/fields.h"
-#include "boxes/mdat_box.h"
 #include "boxes/sample_entries.h"
 
 namespace Qvox3gp {
@@ -34,8 +33,7 @@ uint32_t total_ticks(const std::vector<TimeToSampleEntry>& entries, size_t count
 
 }  // namespace
 
-template <class F, class Self>
-void TimeToSampleEntry::fields(F& f, Self& self) {
+void TimeToSampleEntry::fields(auto& f, auto& self) {
     f.u32("sample_count", self.sample_count);
     f.u32("sample_delta", self.sample_delta);
 }
@@ -43,18 +41,9 @@ void TimeToSampleEntry::fields(F& f, Self& self) {
 SttsBox::SttsBox() : Described(code("stts")) {}
 SttsBox::~SttsBox() = default;
 
-template <class F, class Self>
-void SttsBox::fields(F& f, Self& self) {
+void SttsBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.counted_table("entries", self.entries_);
-}
-
-void SttsBox::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
-void SttsBox::SetTimescale(unsigned int, unsigned int media) {
-    timescale_ = media;
 }
 
 void SttsBox::SetDuration(unsigned int duration) {
@@ -65,16 +54,11 @@ void SttsBox::SetDuration(unsigned int duration) {
     last.sample_delta = (duration - std::min(before, duration)) / last.sample_count;
 }
 
-unsigned int SttsBox::GetTimescale() const {
-    return timescale_;
-}
-
 unsigned int SttsBox::GetDuration() const {
     return total_ticks(entries_, entries_.size());
 }
 
-template <class F, class Self>
-void SampleToChunkEntry::fields(F& f, Self& self) {
+void SampleToChunkEntry::fields(auto& f, auto& self) {
     f.u32("first_chunk", self.first_chunk);
     f.u32("samples_per_chunk", self.samples_per_chunk);
     f.u32("sample_description_index", self.sample_description_index);
@@ -83,8 +67,7 @@ void SampleToChunkEntry::fields(F& f, Self& self) {
 StscBox::StscBox() : Described(code("stsc")) {}
 StscBox::~StscBox() = default;
 
-template <class F, class Self>
-void StscBox::fields(F& f, Self& self) {
+void StscBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.counted_table("entries", self.entries_);
 }
@@ -92,8 +75,7 @@ void StscBox::fields(F& f, Self& self) {
 StszBox::StszBox() : Described(code("stsz")) {}
 StszBox::~StszBox() = default;
 
-template <class F, class Self>
-void StszBox::fields(F& f, Self& self) {
+void StszBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.u32("sample_size", self.sample_size_);
     f.u32("sample_count", self.sample_count_);
@@ -112,70 +94,28 @@ void StszBox::SetUniformSize(uint32_t size, uint32_t count) {
     sizes_.clear();
 }
 
-void StszBox::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
-void StszBox::FixupVideo(MdatBox* mdat) {
-    SetSampleSizes(gather(mdat->VideoChunks(), &ChunkDef::size));
-}
-
-void StszBox::FixupVideoHint(MdatBox* mdat) {
-    SetSampleSizes(gather(mdat->VideoHintChunks(), &ChunkDef::size));
-}
-
-void StszBox::FixupAudio(MdatBox* mdat) {
-    SetSampleSizes(gather(mdat->AudioChunks(), &ChunkDef::size));
-}
-
-void StszBox::FixupAudioHint(MdatBox* mdat) {
-    SetSampleSizes(gather(mdat->AudioHintChunks(), &ChunkDef::size));
+void StszBox::fix(const std::vector<ChunkDef>& chunks) {
+    SetSampleSizes(gather(chunks, &ChunkDef::size));
 }
 
 StcoBox::StcoBox() : Described(code("stco")) {}
 StcoBox::~StcoBox() = default;
 
-template <class F, class Self>
-void StcoBox::fields(F& f, Self& self) {
+void StcoBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.counted_table("chunk_offsets", self.offsets_);
 }
 
-void StcoBox::SetChunkOffsets(std::vector<uint32_t> offsets) {
-    offsets_ = std::move(offsets);
-}
-
-void StcoBox::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
-void StcoBox::FixupVideo(MdatBox* mdat) {
-    SetChunkOffsets(gather(mdat->VideoChunks(), &ChunkDef::offset));
-}
-
-void StcoBox::FixupVideoHint(MdatBox* mdat) {
-    SetChunkOffsets(gather(mdat->VideoHintChunks(), &ChunkDef::offset));
-}
-
-void StcoBox::FixupAudio(MdatBox* mdat) {
-    SetChunkOffsets(gather(mdat->AudioChunks(), &ChunkDef::offset));
-}
-
-void StcoBox::FixupAudioHint(MdatBox* mdat) {
-    SetChunkOffsets(gather(mdat->AudioHintChunks(), &ChunkDef::offset));
+void StcoBox::fix(const std::vector<ChunkDef>& chunks) {
+    SetChunkOffsets(gather(chunks, &ChunkDef::offset));
 }
 
 StssBox::StssBox() : Described(code("stss")) {}
 StssBox::~StssBox() = default;
 
-template <class F, class Self>
-void StssBox::fields(F& f, Self& self) {
+void StssBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.counted_table("sync_samples", self.samples_);
-}
-
-void StssBox::GoToStart(Stream& io) {
-    seek_to_start(io);
 }
 
 StblBox::StblBox() : Described(code("stbl")) {}
@@ -194,11 +134,6 @@ Box& StblBox::new_child(uint32_t type) {
         {code("stco"), StoreChild<&StblBox::SetStco>::make},
         {code("stss"), StoreChild<&StblBox::SetStss>::make}};
     return make_child(*this, kKinds, type);
-}
-
-template <class F, class Self>
-void StblBox::fields(F& f, Self& self) {
-    f.children(self);
 }
 
 }  // namespace Qvox3gp

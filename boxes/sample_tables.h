@@ -4,10 +4,12 @@
 #define KESTREL_BOXES_SAMPLE_TABLES_H
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "boxes/box_base.h"
-#include "boxes/movie_boxes.h"
+#include "boxes/mdat_box.h"
+#include "common/movie_defaults.h"
 
 namespace Qvox3gp {
 
@@ -17,8 +19,7 @@ struct TimeToSampleEntry {
     uint32_t sample_count = 0;
     uint32_t sample_delta = 0;  // media ticks
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 // "stts"
@@ -27,24 +28,23 @@ class SttsBox : public Described<SttsBox, FullBox, FixupableTime> {
     SttsBox();
     ~SttsBox() override;
 
-    void GoToStart(Stream& io) override;
+    void GoToStart(Stream& io) override { seek_to_start(io); }
     // Deltas are in media ticks; the timescale itself is not in the box.
-    void SetTimescale(unsigned int movie, unsigned int media) override;
+    void SetTimescale(unsigned int, unsigned int media) override { timescale_ = media; }
     // Sets the duration of the table to `duration` media ticks, rounded down: the part that the
     // entries before the last one do not cover is spread evenly over the samples of the last one.
     void SetDuration(unsigned int duration) override;
-    unsigned int GetTimescale() const override;
+    unsigned int GetTimescale() const override { return timescale_; }
     // The sum of all samples, at most 2^32 - 1.
     unsigned int GetDuration() const override;
 
     const std::vector<TimeToSampleEntry>& GetSampleEntries() const { return entries_; }
     void AddSampleEntry(const TimeToSampleEntry& entry) { entries_.push_back(entry); }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
-    uint32_t timescale_ = kDefaultTimescale;
+    uint32_t timescale_ = kestrel::kMovieTimescale;
     std::vector<TimeToSampleEntry> entries_;
 };
 
@@ -53,8 +53,7 @@ struct SampleToChunkEntry {
     uint32_t samples_per_chunk = 0;
     uint32_t sample_description_index = 0;  // from 1
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 // "stsc"
@@ -66,8 +65,7 @@ class StscBox : public Described<StscBox, FullBox> {
     const std::vector<SampleToChunkEntry>& GetSampleEntries() const { return entries_; }
     void AddSampleEntry(const SampleToChunkEntry& entry) { entries_.push_back(entry); }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     std::vector<SampleToChunkEntry> entries_;
@@ -79,11 +77,11 @@ class StszBox : public Described<StszBox, FullBox, Fixupable> {
     StszBox();
     ~StszBox() override;
 
-    void GoToStart(Stream& io) override;
-    void FixupVideo(MdatBox* mdat) override;
-    void FixupVideoHint(MdatBox* mdat) override;
-    void FixupAudio(MdatBox* mdat) override;
-    void FixupAudioHint(MdatBox* mdat) override;
+    void GoToStart(Stream& io) override { seek_to_start(io); }
+    void FixupVideo(MdatBox* mdat) override { fix(mdat->VideoChunks()); }
+    void FixupVideoHint(MdatBox* mdat) override { fix(mdat->VideoHintChunks()); }
+    void FixupAudio(MdatBox* mdat) override { fix(mdat->AudioChunks()); }
+    void FixupAudioHint(MdatBox* mdat) override { fix(mdat->AudioHintChunks()); }
 
     // The size of every sample in bytes; 0 for individual sizes.
     uint32_t GetSampleSize() const { return sample_size_; }
@@ -93,10 +91,11 @@ class StszBox : public Described<StszBox, FullBox, Fixupable> {
     void SetSampleSizes(std::vector<uint32_t> sizes);
     void SetUniformSize(uint32_t size, uint32_t count);
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
+    void fix(const std::vector<ChunkDef>& chunks);
+
     uint32_t sample_size_ = 0;
     uint32_t sample_count_ = 0;
     std::vector<uint32_t> sizes_;
@@ -108,19 +107,20 @@ class StcoBox : public Described<StcoBox, FullBox, Fixupable> {
     StcoBox();
     ~StcoBox() override;
 
-    void GoToStart(Stream& io) override;
-    void FixupVideo(MdatBox* mdat) override;
-    void FixupVideoHint(MdatBox* mdat) override;
-    void FixupAudio(MdatBox* mdat) override;
-    void FixupAudioHint(MdatBox* mdat) override;
+    void GoToStart(Stream& io) override { seek_to_start(io); }
+    void FixupVideo(MdatBox* mdat) override { fix(mdat->VideoChunks()); }
+    void FixupVideoHint(MdatBox* mdat) override { fix(mdat->VideoHintChunks()); }
+    void FixupAudio(MdatBox* mdat) override { fix(mdat->AudioChunks()); }
+    void FixupAudioHint(MdatBox* mdat) override { fix(mdat->AudioHintChunks()); }
 
     const std::vector<uint32_t>& GetChunkOffsets() const { return offsets_; }
-    void SetChunkOffsets(std::vector<uint32_t> offsets);
+    void SetChunkOffsets(std::vector<uint32_t> offsets) { offsets_ = std::move(offsets); }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
+    void fix(const std::vector<ChunkDef>& chunks);
+
     std::vector<uint32_t> offsets_;
 };
 
@@ -130,14 +130,13 @@ class StssBox : public Described<StssBox, FullBox, Rewindable> {
     StssBox();
     ~StssBox() override;
 
-    void GoToStart(Stream& io) override;
+    void GoToStart(Stream& io) override { seek_to_start(io); }
 
     // Sample numbers from 1.
     const std::vector<uint32_t>& GetSyncSampleEntries() const { return samples_; }
     void AddSyncSampleEntry(uint32_t sample) { samples_.push_back(sample); }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     std::vector<uint32_t> samples_;
@@ -163,8 +162,6 @@ class StblBox : public Described<StblBox, ContainerBox> {
     StssBox* GetStss() const { return stss_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     SttsBox* stts_ = nullptr;

@@ -9,11 +9,6 @@ namespace Qvox3gp {
 Simple3gp::Simple3gp() = default;
 Simple3gp::~Simple3gp() = default;
 
-template <class F, class Self>
-void Simple3gp::fields(F& f, Self& self) {
-    f.children(self);
-}
-
 void Simple3gp::Dump(Stream& io) const {
     set_start(macro_Tell(io));
     for (const Box* child : children())

@@ -38,8 +38,6 @@ class Simple3gp : public ContainerBox, public ListedBy<Simple3gp> {
     uint32_t GetFileSizeRead() const { return file_size_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     FtypBox* ftyp_ = nullptr;

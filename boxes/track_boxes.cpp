@@ -19,8 +19,7 @@ constexpr uint32_t kSelfContained = 1;
 TkhdBox::TkhdBox() : Described(code("tkhd"), kTrackEnabledEverywhere) {}
 TkhdBox::~TkhdBox() = default;
 
-template <class F, class Self>
-void TkhdBox::fields(F& f, Self& self) {
+void TkhdBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     Timed::fields(f, self);
     f.u32("track_id", self.track_id_);
@@ -41,47 +40,10 @@ void TkhdBox::SetDimensions(unsigned int width, unsigned int height) {
     height_ = height << 16;
 }
 
-void TkhdBox::SetTimescale(unsigned int movie, unsigned int) {
-    timescale_ = movie;
-}
-
-void TkhdBox::SetDuration(unsigned int duration) {
-    duration_ = duration;
-}
-
-unsigned int TkhdBox::GetTrackId() const {
-    return track_id_;
-}
-
-unsigned int TkhdBox::GetVolume() const {
-    return volume_;
-}
-
-unsigned int TkhdBox::GetTimescale() const {
-    return timescale_;
-}
-
-unsigned int TkhdBox::GetDuration() const {
-    return duration_;
-}
-
-unsigned int TkhdBox::GetWidth() const {
-    return width_;
-}
-
-unsigned int TkhdBox::GetHeight() const {
-    return height_;
-}
-
-void TkhdBox::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
 TrackReferenceTypeBox::TrackReferenceTypeBox() : Described(code("hint")) {}
 TrackReferenceTypeBox::~TrackReferenceTypeBox() = default;
 
-template <class F, class Self>
-void TrackReferenceTypeBox::fields(F& f, Self& self) {
+void TrackReferenceTypeBox::fields(auto& f, auto& self) {
     f.table("track_ids", self.track_ids_, f.rest_of_box() >= 4 ? 1 : 0);
 }
 
@@ -94,13 +56,7 @@ Box& TrefBox::new_child(uint32_t type) {
     return make_child(*this, kKinds, type);
 }
 
-template <class F, class Self>
-void TrefBox::fields(F& f, Self& self) {
-    f.children(self);
-}
-
-template <class F, class Self>
-void EditEntry::fields(F& f, Self& self) {
+void EditEntry::fields(auto& f, auto& self) {
     f.u32("segment_duration", self.segment_duration);
     f.u32("media_time", self.media_time);
     f.u16("media_rate_integer", self.media_rate_integer);
@@ -110,8 +66,7 @@ void EditEntry::fields(F& f, Self& self) {
 ElstBox::ElstBox() : Described(code("elst")) {}
 ElstBox::~ElstBox() = default;
 
-template <class F, class Self>
-void ElstBox::fields(F& f, Self& self) {
+void ElstBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.counted_table("entries", self.entries_);
 }
@@ -125,16 +80,10 @@ Box& EdtsBox::new_child(uint32_t type) {
     return make_child(*this, kKinds, type);
 }
 
-template <class F, class Self>
-void EdtsBox::fields(F& f, Self& self) {
-    f.children(self);
-}
-
 MdhdBox::MdhdBox() : Described(code("mdhd")) {}
 MdhdBox::~MdhdBox() = default;
 
-template <class F, class Self>
-void MdhdBox::fields(F& f, Self& self) {
+void MdhdBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     Timed::fields(f, self);
     f.u32("timescale", self.timescale_);
@@ -143,31 +92,10 @@ void MdhdBox::fields(F& f, Self& self) {
     f.u16("pre_defined", self.pre_defined_);
 }
 
-void MdhdBox::SetTimescale(unsigned int, unsigned int media) {
-    timescale_ = media;
-}
-
-void MdhdBox::SetDuration(unsigned int duration) {
-    duration_ = duration;
-}
-
-unsigned int MdhdBox::GetTimescale() const {
-    return timescale_;
-}
-
-unsigned int MdhdBox::GetDuration() const {
-    return duration_;
-}
-
-void MdhdBox::GoToStart(Stream& io) {
-    seek_to_start(io);
-}
-
 HdlrBox::HdlrBox() : Described(code("hdlr")) {}
 HdlrBox::~HdlrBox() = default;
 
-template <class F, class Self>
-void HdlrBox::fields(F& f, Self& self) {
+void HdlrBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.u32("pre_defined", self.pre_defined_);
     f.code("handler_type", self.handler_type_);
@@ -189,8 +117,7 @@ void VmhdBox::fields(F& f, Self& self) {
 SmhdBox::SmhdBox() : Described(code("smhd")) {}
 SmhdBox::~SmhdBox() = default;
 
-template <class F, class Self>
-void SmhdBox::fields(F& f, Self& self) {
+void SmhdBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.u16("balance", self.balance_);
     f.u16("reserved", self.reserved_);
@@ -207,8 +134,7 @@ void HmhdBox::SetSizes(uint16_t max_pdu, uint16_t average_pdu, uint32_t max_rate
     average_bit_rate_ = average_rate;
 }
 
-template <class F, class Self>
-void HmhdBox::fields(F& f, Self& self) {
+void HmhdBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.u16("max_pdu_size", self.max_pdu_size_);
     f.u16("average_pdu_size", self.average_pdu_size_);
@@ -238,8 +164,7 @@ Box& DrefBox::new_child(uint32_t) {
     return *entry.release();
 }
 
-template <class F, class Self>
-void DrefBox::fields(F& f, Self& self) {
+void DrefBox::fields(auto& f, auto& self) {
     FullBox::fields(f, self);
     f.counted_children(self);
 }
@@ -251,11 +176,6 @@ Box& DinfBox::new_child(uint32_t type) {
     static constexpr ChildKind<DinfBox> kKinds[] = {
         {code("dref"), StoreChild<&DinfBox::SetDref>::make}};
     return make_child(*this, kKinds, type);
-}
-
-template <class F, class Self>
-void DinfBox::fields(F& f, Self& self) {
-    f.children(self);
 }
 
 MinfBox::MinfBox() : Described(code("minf")) {}
@@ -275,11 +195,6 @@ Box& MinfBox::new_child(uint32_t type) {
     return make_child(*this, kKinds, type);
 }
 
-template <class F, class Self>
-void MinfBox::fields(F& f, Self& self) {
-    f.children(self);
-}
-
 MdiaBox::MdiaBox() : Described(code("mdia")) {}
 MdiaBox::~MdiaBox() = default;
 
@@ -289,11 +204,6 @@ Box& MdiaBox::new_child(uint32_t type) {
         {code("hdlr"), StoreChild<&MdiaBox::SetHdlr>::make},
         {code("minf"), StoreChild<&MdiaBox::SetMinf>::make}};
     return make_child(*this, kKinds, type);
-}
-
-template <class F, class Self>
-void MdiaBox::fields(F& f, Self& self) {
-    f.children(self);
 }
 
 TrakBox::TrakBox() : Described(code("trak")) {}
@@ -306,11 +216,6 @@ Box& TrakBox::new_child(uint32_t type) {
         {code("edts"), StoreChild<&TrakBox::SetEdts>::make},
         {code("mdia"), StoreChild<&TrakBox::SetMdia>::make}};
     return make_child(*this, kKinds, type);
-}
-
-template <class F, class Self>
-void TrakBox::fields(F& f, Self& self) {
-    f.children(self);
 }
 
 }  // namespace Qvox3gp

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "boxes/box_base.h"
-#include "boxes/movie_boxes.h"
+#include "common/movie_defaults.h"
 
 namespace Qvox3gp {
 
@@ -22,34 +22,33 @@ class TkhdBox : public Described<TkhdBox, FullBox, FixupableDims, FixupableTime,
 
     void SetDimensions(unsigned int width, unsigned int height) override;
     // The duration is in movie ticks; the timescale itself is not in the box.
-    void SetTimescale(unsigned int movie, unsigned int media) override;
-    void SetDuration(unsigned int duration) override;
-    virtual unsigned int GetTrackId() const;
-    virtual unsigned int GetVolume() const;
-    unsigned int GetTimescale() const override;
-    unsigned int GetDuration() const override;
+    void SetTimescale(unsigned int movie, unsigned int) override { timescale_ = movie; }
+    void SetDuration(unsigned int duration) override { duration_ = duration; }
+    virtual unsigned int GetTrackId() const { return track_id_; }
+    virtual unsigned int GetVolume() const { return volume_; }
+    unsigned int GetTimescale() const override { return timescale_; }
+    unsigned int GetDuration() const override { return duration_; }
     // 16.16.
-    virtual unsigned int GetWidth() const;
-    virtual unsigned int GetHeight() const;
-    void GoToStart(Stream& io) override;
+    virtual unsigned int GetWidth() const { return width_; }
+    virtual unsigned int GetHeight() const { return height_; }
+    void GoToStart(Stream& io) override { seek_to_start(io); }
 
     void SetTrackId(uint32_t id) { track_id_ = id; }
     void SetVolume(uint16_t volume) { volume_ = volume; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
-    uint32_t timescale_ = kDefaultTimescale;
+    uint32_t timescale_ = kestrel::kMovieTimescale;
     uint32_t track_id_ = 1;
     uint32_t reserved_ = 0;
     uint32_t duration_ = 0;
     std::array<uint8_t, 8> reserved_2_{};
     uint16_t layer_ = 0;
     uint16_t alternate_group_ = 0;
-    uint16_t volume_ = 0x0100;  // 8.8
+    uint16_t volume_ = kestrel::kFullVolume;
     uint16_t reserved_3_ = 0;
-    std::array<uint32_t, 9> matrix_ = kUnitMatrix;
+    std::array<uint32_t, 9> matrix_ = kestrel::kUnityMatrix;
     uint32_t width_ = 0;
     uint32_t height_ = 0;
 };
@@ -68,8 +67,7 @@ class TrackReferenceTypeBox : public Described<TrackReferenceTypeBox, Box> {
     }
     void SetTrackID(uint32_t id) { track_ids_.assign(1, id); }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     std::vector<uint32_t> track_ids_;  // at most one
@@ -87,8 +85,6 @@ class TrefBox : public Described<TrefBox, ContainerBox> {
     TrackReferenceTypeBox* GetTrackReferenceTypeBox() const { return hint_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     TrackReferenceTypeBox* hint_ = nullptr;
@@ -100,8 +96,7 @@ struct EditEntry {
     int16_t media_rate_integer = 1;
     int16_t media_rate_fraction = 0;
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 };
 
 // "elst"
@@ -113,8 +108,7 @@ class ElstBox : public Described<ElstBox, FullBox> {
     const std::vector<EditEntry>& GetEditEntries() const { return entries_; }
     void AddEditEntry(const EditEntry& entry) { entries_.push_back(entry); }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     std::vector<EditEntry> entries_;
@@ -130,8 +124,6 @@ class EdtsBox : public Described<EdtsBox, ContainerBox> {
     ElstBox* GetElst() const { return elst_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     ElstBox* elst_ = nullptr;
@@ -144,19 +136,18 @@ class MdhdBox : public Described<MdhdBox, FullBox, Timed, FixupableTime> {
     ~MdhdBox() override;
 
     // Uses the timescale of the media.
-    void SetTimescale(unsigned int movie, unsigned int media) override;
-    void SetDuration(unsigned int duration) override;
-    unsigned int GetTimescale() const override;
-    unsigned int GetDuration() const override;
-    void GoToStart(Stream& io) override;
+    void SetTimescale(unsigned int, unsigned int media) override { timescale_ = media; }
+    void SetDuration(unsigned int duration) override { duration_ = duration; }
+    unsigned int GetTimescale() const override { return timescale_; }
+    unsigned int GetDuration() const override { return duration_; }
+    void GoToStart(Stream& io) override { seek_to_start(io); }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
-    uint32_t timescale_ = kDefaultTimescale;
+    uint32_t timescale_ = kestrel::kMovieTimescale;
     uint32_t duration_ = 0;
-    uint16_t language_ = 0x55C4;  // "und", packed as ISO/IEC 14496-12, 8.4.2
+    uint16_t language_ = kestrel::kUndeterminedLanguage;
     uint16_t pre_defined_ = 0;
 };
 
@@ -170,8 +161,7 @@ class HdlrBox : public Described<HdlrBox, FullBox> {
     uint32_t GetHandlerType() const { return handler_type_; }
     void SetHandlerType(uint32_t type) { handler_type_ = type; }
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     uint32_t pre_defined_ = 0;
@@ -198,8 +188,7 @@ class SmhdBox : public Described<SmhdBox, FullBox> {
     SmhdBox();
     ~SmhdBox() override;
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     uint16_t balance_ = 0;
@@ -215,8 +204,7 @@ class HmhdBox : public Described<HmhdBox, FullBox> {
     // Bytes, and bits per second.
     void SetSizes(uint16_t max_pdu, uint16_t average_pdu, uint32_t max_rate, uint32_t average_rate);
 
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     uint16_t max_pdu_size_ = 0;
@@ -246,8 +234,7 @@ class DrefBox : public Described<DrefBox, FullBox> {
     const std::vector<DataEntryBox*>& children() const { return entries_.boxes(); }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
+    static void fields(auto& f, auto& self);
 
   private:
     BoxList<DataEntryBox> entries_;
@@ -263,8 +250,6 @@ class DinfBox : public Described<DinfBox, ContainerBox> {
     DrefBox* GetDref() const { return dref_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     DrefBox* dref_ = nullptr;
@@ -284,8 +269,6 @@ class MinfBox : public Described<MinfBox, ContainerBox> {
     StblBox* GetStbl() const { return stbl_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     StblBox* stbl_ = nullptr;
@@ -305,8 +288,6 @@ class MdiaBox : public Described<MdiaBox, ContainerBox> {
     MinfBox* GetMinf() const { return minf_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     MdhdBox* mdhd_ = nullptr;
@@ -330,8 +311,6 @@ class TrakBox : public Described<TrakBox, ContainerBox> {
     MdiaBox* GetMdia() const { return mdia_; }
 
     Box& new_child(uint32_t type);
-    template <class F, class Self>
-    static void fields(F& f, Self& self);
 
   private:
     TkhdBox* tkhd_ = nullptr;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/bytes.h"
+#include "common/movie_defaults.h"
 #include "kestrel/stream.h"
 
 namespace kestrel::importer {
@@ -65,10 +66,11 @@ struct Group {
 struct Track {
     std::uint32_t id = 0;
     std::uint32_t handler = 0;
-    std::uint32_t timescale = 0;      // units a second, never 0
-    std::uint64_t duration = 0;       // media timescale: the sum of the samples' durations
-    std::uint16_t language = 0x55C4;  // packed ISO 639-2/T; "und" for a QuickTime language code
-    std::string name;                 // from hdlr, bytes as they are in the file
+    std::uint32_t timescale = 0;  // units a second, never 0
+    std::uint64_t duration = 0;   // media timescale: the sum of the samples' durations
+    // Packed ISO 639-2/T; "und" for a QuickTime language code.
+    std::uint16_t language = kestrel::kUndeterminedLanguage;
+    std::string name;  // from hdlr, bytes as they are in the file
     std::uint64_t creation_time = 0, modification_time = 0;  // seconds since 1904-01-01
     std::uint32_t flags = 0;                                 // of tkhd
     std::array<std::int32_t, 9> matrix{};

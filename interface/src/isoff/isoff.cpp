@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "common/movie_defaults.h"
 #include "interface/src/isoff/quiet.h"
 #include "interface/src/isoff/read/box_walk.h"
 #include "interface/src/isoff/write/writer.h"
@@ -13,7 +14,6 @@ using namespace kestrel;
 namespace {
 
 constexpr uint32_t kUnknownProfile = 255;
-constexpr uint32_t kMovieTimescale = 600;
 constexpr uint32_t kMovieHeaderEstimate = 194;  // bytes of `moov` without tracks
 // Added to a time since 1970 for a time since 1904. The value is prescribed. It is one day less
 // than the correct 2082844800 seconds, so the dates written are a day early.

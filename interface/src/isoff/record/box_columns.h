@@ -11,6 +11,7 @@
 #include <concepts>
 #include <type_traits>
 
+#include "common/movie_defaults.h"
 #include "interface/src/isoff/record/record.h"
 
 namespace kestrel {
@@ -86,9 +87,6 @@ uint32_t bytes_of(Form... form) {
 
 // --- headers, in version 0 ---
 
-inline constexpr uint32_t kUnity = 0x00010000;            // 16.16
-inline constexpr uint32_t kUnityProjection = 0x40000000;  // 2.30
-
 template <class F>
 void mvhd_times(F& f, OneOf<iso_file> auto& file) {
     f.u32(file.creation_time);
@@ -100,11 +98,10 @@ void mvhd_times(F& f, OneOf<iso_file> auto& file) {
 // The fields after the times, in all versions.
 template <class F>
 void mvhd_rest(F& f, OneOf<iso_file> auto& file) {
-    constexpr uint32_t kFullVolume = 0x0100;  // 8.8
-    f.constant32(kUnity);                     // rate
+    f.constant32(kUnity);  // rate
     f.constant16(kFullVolume);
     f.reserved(10);
-    for (const uint32_t element : {kUnity, 0U, 0U, 0U, kUnity, 0U, 0U, 0U, kUnityProjection})
+    for (const uint32_t element : kUnityMatrix)
         f.constant32(element);
     f.reserved(24);
     f.u32(file.next_track_id);

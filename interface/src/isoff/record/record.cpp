@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "interface/src/isoff/record/box_columns.h"
+#include <algorithm>
+
+#include "common/movie_defaults.h"
+#include "interface/src/isoff/record/record.h"
 
 // Making tracks, and finding tracks and brands.
 
@@ -8,13 +11,7 @@ using namespace kestrel;
 namespace {
 
 constexpr uint32_t kTrackHeaderEstimate = 325;     // bytes that each track adds
-constexpr uint16_t kUndetermined = 0x55C4;         // "und" as a language (ISO 639-2/T)
 constexpr uint32_t kEnabledInMovieAndPreview = 7;  // flags of `tkhd`
-
-void set_unity(uint32_t (&matrix)[9]) {
-    matrix[0] = matrix[4] = kUnity;
-    matrix[8] = kUnityProjection;
-}
 
 bool has_brand(const iso_file* file, const char* code) {
     if (std::strncmp(file->major_brand, code, 4) == 0) return true;
@@ -43,9 +40,9 @@ iso_track* isoFFtrack(iso_file* file) {
         track->track_id = file->next_track_id++;
         track->creation_time = file->creation_time;
         track->modification_time = file->modification_time;
-        set_unity(track->matrix);
+        std::copy(kUnityMatrix.begin(), kUnityMatrix.end(), track->matrix);
         track->own->header_flags = kEnabledInMovieAndPreview;
-        track->own->language = kUndetermined;
+        track->own->language = kUndeterminedLanguage;
         track->own->duration_limit = UINT32_MAX;
         file->header_size += kTrackHeaderEstimate;
     }

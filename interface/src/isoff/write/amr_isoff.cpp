@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "common/movie_defaults.h"
 #include "interface/src/isoff/write/writer.h"
 #include "kestrel/codec.h"
 #include "native/codec/amr_format.h"
@@ -11,7 +12,6 @@ iso_track* amr_isoFFtrack(iso_file* file, int wide_band, unsigned mode_set,
                           unsigned frames_per_sample) {
     constexpr uint32_t kEntryBytes = 69;  // sample entry (36), damr (17), smhd (16)
     constexpr unsigned kMaxFrames = 15;
-    constexpr int32_t kFullVolume = 0x0100;  // 8.8
     if (mode_set > UINT16_MAX || frames_per_sample < 1 || frames_per_sample > kMaxFrames) {
         return nullptr;
     }

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "common/movie_defaults.h"
 #include "interface/src/isoff/write/boxes.h"
 #include "interface/src/isoff/write/copied_boxes.h"
 
@@ -6,8 +7,6 @@
 
 namespace kestrel {
 namespace {
-
-constexpr uint32_t kDefaultDpi = 72;
 
 // --- decoder configuration (3GPP TS 26.244, clause 6; ISO/IEC 14496-14 and -15) ---
 
@@ -74,18 +73,17 @@ using ConfigWriter = uint64_t (*)(BoxWriter&, const iso_track*);
 uint64_t write_visual_entry(BoxWriter& out, uint32_t type, const iso_track* track,
                             ConfigWriter config) {
     constexpr uint32_t kNoColourTable = 0xFFFF;
-    constexpr uint32_t kColour = 24;
     constexpr size_t kCompressorName = 32;
     return put_entry(out, type, track, [&] {
         out.zeros(16);  // pre-defined and reserved
         out.u16(track->width);
         out.u16(track->height);
-        out.u32(track->horiz_resolution != 0 ? track->horiz_resolution : kDefaultDpi << 16);
-        out.u32(track->vert_resolution != 0 ? track->vert_resolution : kDefaultDpi << 16);
+        out.u32(track->horiz_resolution != 0 ? track->horiz_resolution : kScreenResolution);
+        out.u32(track->vert_resolution != 0 ? track->vert_resolution : kScreenResolution);
         out.u32(0);
         out.u16(track->own->frame_count != 0 ? track->own->frame_count : 1);
         out.zeros(kCompressorName);
-        out.u16(track->own->depth != 0 ? track->own->depth : kColour);
+        out.u16(track->own->depth != 0 ? track->own->depth : kColourDepth);
         out.u16(kNoColourTable);
         config(out, track);
     });

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/box_header.h"
+#include "common/movie_defaults.h"
 #include "interface/src/isoff/write/boxes.h"
 #include "interface/src/isoff/write/chunk_layout.h"
 #include "interface/src/isoff/write/media_output.h"
@@ -451,8 +452,6 @@ iso_track* new_media_track(iso_file* file, int32_t codec, uint32_t timescale,
 
 iso_track* new_visual_track(iso_file* file, int32_t codec, uint32_t timescale, uint32_t width,
                             uint32_t height, uint32_t entry_bytes) {
-    constexpr uint32_t kScreenResolution = 0x00480000;  // 72 dots per inch
-    constexpr uint32_t kColourDepth = 24;
     if (width > UINT16_MAX || height > UINT16_MAX) return nullptr;
     iso_track* track = new_media_track(file, codec, timescale, entry_bytes);
     if (track == nullptr) return nullptr;
