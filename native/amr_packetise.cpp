@@ -14,9 +14,6 @@
 namespace kestrel {
 namespace {
 
-constexpr uint8_t kNoDataFormat1 = 0x78;
-constexpr uint8_t kNoDataFormat2 = 0x0F;
-
 // The differences of the two formats.
 struct Tel {
     using State = tel_native;

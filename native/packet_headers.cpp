@@ -16,7 +16,6 @@ constexpr int kMarkerShift = 23;
 constexpr int kTypeShift = 16;
 constexpr uint32_t kLastSequence = 65535;
 constexpr uint32_t kNoPrevious = 0xFFFFFFFE;
-constexpr uint8_t kMarkerBit = 0x80;
 
 // Offsets in the `orb` header, which is big-endian.
 struct OrbLayout {
@@ -101,7 +100,7 @@ void print_orb_header(ORB_RTP* hdr) {
 }
 
 void rtp2orb(unsigned char* pkt, unsigned len, int payload_type, int) {
-    const uint8_t marker = pkt[RtpLayout::kMarkerAndType] & kMarkerBit;
+    const uint8_t marker = pkt[RtpLayout::kMarkerAndType] & kRtpMarker;
     const uint16_t sequence = load_be16(pkt + RtpLayout::kSequence);
     const uint32_t time = load_be32(pkt + RtpLayout::kTime);
     store_be16(pkt + OrbLayout::kReserved, 0);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <map>
 
+#include "native/codec/amr_format.h"
 #include "tools/commands.h"
 #include "tools/json.h"
 #include "tools/native_file.h"
@@ -42,23 +43,21 @@ struct AsJson {
 // The meaning of a code number (docs/native-format.md); empty for none.
 std::string meaning(const stream::StreamRecord& record, const std::string& field, uint32_t value) {
     static const std::map<std::pair<std::string, uint32_t>, const char*> kCodes = {
-        {{"coding", 26}, "4.75 kbit/s"},
-        {{"coding", 27}, "5.15 kbit/s"},
-        {{"coding", 28}, "5.9 kbit/s"},
-        {{"coding", 29}, "6.7 kbit/s"},
-        {{"coding", 30}, "7.4 kbit/s"},
-        {{"coding", 31}, "7.95 kbit/s"},
-        {{"coding", 32}, "10.2 kbit/s"},
-        {{"coding", 33}, "AMR-NB, up to 12.2 kbit/s"},
-        {{"coding", 51}, "AMR-WB"},
+        {{"coding", std::rbegin(kestrel::kNarrowBandModes)->native_coding},
+         "AMR-NB, up to 12.2 kbit/s"},
+        {{"coding", kestrel::kWideBandCoding}, "AMR-WB"},
         {{"sampling_rate", 48}, "6000 Hz"},
         {{"sampling_rate", 64}, "8000 Hz"},
         {{"sampling_rate", 88}, "11000 Hz"},
         {{"sampling_rate", 128}, "16000 Hz"},
-        {{"coder", 10}, "AMR-NB"},
-        {{"coder", 20}, "AMR-WB"}};
+        {{"coder", kestrel::kNarrowBand.native_coder}, "AMR-NB"},
+        {{"coder", kestrel::kWideBand.native_coder}, "AMR-WB"}};
     const auto found = kCodes.find({field, value});
     if (found != kCodes.end()) return found->second;
+    for (const kestrel::NarrowBandMode& mode : kestrel::kNarrowBandModes) {
+        if (field == "coding" && value == mode.native_coding)
+            return format("%g kbit/s", mode.bits_per_second / 1000.0);
+    }
     const bool is_h264 = record.name == "VID_Header_H264CodecConfig";
     if (is_h264 && field == "level") return format("%.1f", value / 10.0);
     if (field == "duration_ms") return format("%.3f s", value / 1000.0);

@@ -36,13 +36,6 @@ struct Options {
     void* progress_context = nullptr;
 };
 
-struct CloseFile {
-    void operator()(iso_file* file) const {
-        abandon(file);
-        isoFFclose(file);
-    }
-};
-
 // A written track and the objects that make its samples.
 struct Medium {
     Written track;
@@ -322,7 +315,7 @@ class Job {
 
     static bool is_malformed_speech(const iso_track* track, std::span<const uint8_t> sample) {
         if (track->codec != ISO_CODEC_SAMR && track->codec != ISO_CODEC_SAWB) return false;
-        const AmrBand& band = track->codec == ISO_CODEC_SAWB ? kWideBand : kNarrowBand;
+        const AmrBand& band = amr_band(track->codec == ISO_CODEC_SAWB);
         size_t at = 0;
         while (at < sample.size()) {
             const int type = storage_frame_type(sample[at]);
@@ -347,8 +340,6 @@ class Job {
                std::to_string(minutes % 60) + " min";
     }
 
-    // Results of the writer.
-    static constexpr int kNoMemory = -2, kCannotBeCut = -3, kTooLarge = -6, kTooLong = -7;
     static constexpr const char* kTooLargeText =
         "the output would have 4 GiB or more, beyond the offsets of the format";
 
@@ -367,7 +358,7 @@ class Job {
     int next_payload_type_ = kFirstDynamicPayloadType;
     // Declared before the file, so that they outlive it.
     std::vector<Medium> media_;
-    std::unique_ptr<iso_file, CloseFile> file_;
+    std::unique_ptr<iso_file, AbandonFile> file_;
 };
 
 std::string Job::left_out() const {
@@ -380,13 +371,6 @@ std::string Job::left_out() const {
     add(salvaged_);
     add(notes_);
     return all;
-}
-
-template <size_t Size>
-void put_text(char (&to)[Size], const std::string& text) {
-    const size_t length = std::min(text.size(), Size - 1);
-    std::memcpy(to, text.data(), length);
-    to[length] = '\0';
 }
 
 // Whether a record of the caller has the size that it has in this version.
@@ -406,6 +390,7 @@ bool read_options(const kst_hint_options* from, Options& options) {
            options.max_packet <= KST_HINT_LONGEST_PACKET;
 }
 
+// A file is copied without IsEOF and AdvanceRead, which is_complete() requires.
 bool has_all_slots(const KST_IOSTREAM_CALLBACK_INTERFACE* table) {
     return table != nullptr && table->GetOffset != nullptr && table->Seek != nullptr &&
            table->SeekNRead != nullptr && table->SeekNWrite != nullptr &&

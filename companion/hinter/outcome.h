@@ -3,7 +3,10 @@
 #ifndef KESTREL_COMPANION_HINTER_OUTCOME_H
 #define KESTREL_COMPANION_HINTER_OUTCOME_H
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
+#include <new>
 #include <string>
 
 #include "kestrel/hinter.h"
@@ -36,6 +39,21 @@ class Outcome {
     void* context_;
     uint64_t done_ = 0, reported_ = 0, all_ = 0;
 };
+
+// Throws std::bad_alloc for null.
+template <typename T>
+T* keep(T* made) {
+    if (made == nullptr) throw std::bad_alloc();
+    return made;
+}
+
+// Copies a text into a field of a report, as much as fits.
+template <size_t Size>
+void put_text(char (&to)[Size], const std::string& text) {
+    const size_t length = std::min(text.size(), Size - 1);
+    std::memcpy(to, text.data(), length);
+    to[length] = '\0';
+}
 
 }  // namespace kestrel::hinter
 

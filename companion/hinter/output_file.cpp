@@ -26,12 +26,6 @@ uint32_t date(uint64_t seconds) {
     return static_cast<uint32_t>(std::min<uint64_t>(seconds, UINT32_MAX));
 }
 
-template <typename T>
-T* keep(T* made) {
-    if (made == nullptr) throw std::bad_alloc();
-    return made;
-}
-
 // --- brands ---
 
 // Brands that are false for the output: a QuickTime file, or one with fragments.

@@ -50,13 +50,6 @@ std::string name_of(const importer::Track& track) {
     return "track " + std::to_string(track.id);
 }
 
-struct CloseFile {
-    void operator()(iso_file* file) const {
-        abandon(file);
-        isoFFclose(file);
-    }
-};
-
 class Chooser {
   public:
     Chooser(importer::Movie& movie, uint32_t flags, Outcome& outcome)
@@ -212,7 +205,7 @@ class Chooser {
     importer::Movie& movie_;
     uint32_t flags_;
     Outcome& outcome_;
-    std::unique_ptr<iso_file, CloseFile> scratch_;
+    std::unique_ptr<iso_file, AbandonFile> scratch_;
 };
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "companion/hinter/outcome.h"
 #include "companion/packer/h264_pictures.h"
 #include "companion/packer/packed_samples.h"
 #include "interface/src/isoff/record/record.h"
@@ -17,26 +18,11 @@
 namespace kestrel::packer {
 namespace {
 
+using hinter::keep;
 using stream::Medium;
 
 constexpr uint32_t kMovieTimescale = 1000;  // the finest that start offsets are declared in
 constexpr int kLengthSize = 4;              // of the NAL units of a sample
-
-// What isoFFclose and provide_samples return.
-enum WriterError { kNoMemory = -2, kTooLarge = -6, kTooLong = -7 };
-
-template <typename T>
-T* keep(T* made) {
-    if (made == nullptr) throw std::bad_alloc();
-    return made;
-}
-
-struct CloseFile {
-    void operator()(iso_file* file) const {
-        abandon(file);
-        isoFFclose(file);
-    }
-};
 
 // A stream and its track.
 struct Track {
@@ -307,7 +293,7 @@ class Job {
 
     kst_pack_report& report_;
     std::vector<Track> tracks_;
-    std::unique_ptr<iso_file, CloseFile> file_;
+    std::unique_ptr<iso_file, AbandonFile> file_;
     int next_payload_type_ = kFirstDynamicPayloadType;
 };
 

@@ -8,12 +8,14 @@
 #include <memory>
 #include <new>
 
+#include "companion/hinter/outcome.h"
 #include "companion/packer/packed_file.h"
 #include "companion/packer/stream_media.h"
 
 // The functions of kestrel/packer.h over streams and file.
 
 using namespace kestrel::packer;
+using kestrel::hinter::put_text;
 
 struct kst_packer {
     bool with_hints = false;
@@ -35,13 +37,6 @@ void hand_out(Record from, Record* to) {
     if (to == nullptr) return;
     from.struct_size = to->struct_size;
     *to = from;
-}
-
-template <size_t N>
-void put_text(char (&to)[N], const std::string& text) {
-    const size_t length = std::min(text.size(), N - 1);
-    std::memcpy(to, text.data(), length);
-    to[length] = '\0';
 }
 
 // Runs `step`, and catches all exceptions.

@@ -137,7 +137,6 @@ void PictureJoiner::packet(const stream::VideoPacket& packet) {
         is_from_samples_ = packet.sequence == 0 && packet.time == 0;
         has_begun_ = true;
     }
-    gaps_.add(packet.sequence);
     // A picture without a marker ends where the time changes.
     if (has_picture_ && packet.time != time_) end_picture();
     has_picture_ = true;

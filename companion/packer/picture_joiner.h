@@ -12,7 +12,6 @@
 #include "companion/packer/pictures.h"
 #include "companion/packer/sample_store.h"
 #include "companion/stream/depacketise.h"
-#include "companion/stream/sequence_gaps.h"
 
 namespace kestrel::packer {
 
@@ -49,7 +48,6 @@ class PictureJoiner {
     const StreamConfig& config() const { return config_; }
     uint32_t shown_after() const { return reader_->shown_after(); }
     uint64_t packets_left_out() const { return packets_left_out_; }
-    uint64_t packets_missing() const { return gaps_.missing(); }
 
   private:
     // A packet of the current picture.
@@ -85,7 +83,6 @@ class PictureJoiner {
     bool is_from_samples_ = false;
     bool has_begun_ = false;
     uint64_t packets_left_out_ = 0;
-    stream::SequenceGaps gaps_;
 
     bool has_picture_ = false;
     uint32_t time_ = 0;

@@ -4,12 +4,6 @@
 #include "native/codec/amr_format.h"
 
 namespace kestrel::packer {
-namespace {
-
-constexpr uint8_t kNoModeRequest = 0xF0;   // RFC 4867, 4.3.1
-constexpr uint8_t kTypeAndQuality = 0x7C;  // of a frame's header, which its entry repeats
-
-}  // namespace
 
 void StreamMedia::run(const std::function<void()>& step) {
     if (damage_ || store_.failed()) return;

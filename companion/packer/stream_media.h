@@ -13,7 +13,6 @@
 #include "companion/packer/sample_store.h"
 #include "companion/stream/declared_extent.h"
 #include "companion/stream/native_walk.h"
-#include "companion/stream/sequence_gaps.h"
 
 namespace kestrel::packer {
 
@@ -42,10 +41,8 @@ class StreamMedia final : private stream::RecordSink {
     // Packets that are malformed, or of a kind that is not joined.
     uint64_t packets_left_out() const { return pictures_ ? pictures_->packets_left_out() : 0; }
 
-    // Number of packets missing by sequence number; of speech frames, for the function API.
-    uint64_t packets_missing() const {
-        return pictures_ ? pictures_->packets_missing() : speech_gaps_.missing();
-    }
+    // By their numbers; of speech frames, for the function API.
+    uint64_t packets_missing() const { return extent_.missing(); }
 
     // AMR: a bit for each frame type that occurs.
     unsigned mode_set() const { return mode_set_; }
@@ -56,7 +53,6 @@ class StreamMedia final : private stream::RecordSink {
     void end_frame() override;
     void video_packet(const stream::VideoPacket& packet) override;
     void speech_time(uint32_t time) override { speech_time_ = time; }
-    void speech_sequence(uint16_t sequence) override { speech_gaps_.add(sequence); }
     void speech_payload(std::span<const uint8_t> front) override;
     void speech_frame(std::span<const uint8_t> frame) override;
 
@@ -75,7 +71,6 @@ class StreamMedia final : private stream::RecordSink {
     // Speech only: the current frame, with its speech frames in order.
     uint32_t speech_time_ = 0;
     uint32_t speech_count_ = 0;
-    stream::SequenceGaps speech_gaps_;
     std::vector<uint8_t> speech_;
     HintPackets recorded_;
     unsigned mode_set_ = 0;

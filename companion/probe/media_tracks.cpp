@@ -63,10 +63,6 @@ const char* word(MediaKind kind) {
     return kind == MediaKind::kAudio ? "audio" : "video";
 }
 
-bool is_hint(const iso_track* track) {
-    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
-}
-
 bool is_of(const iso_track* track, MediaKind kind) {
     switch (track->codec) {
         case ISO_CODEC_SAMR:
@@ -141,6 +137,8 @@ const iso_track* hint_track_of(const iso_file* file, const iso_track* media) {
     });
 }
 
+// The choice of isoFFrtpHinter, which would move the cursor of the track. The tool links this file,
+// but of the ISO reader only what the library exports.
 const iso_track* packets_of(const iso_file* file, const iso_track* media) {
     const iso_track* best = nullptr;
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next) {

@@ -6,7 +6,7 @@
 #include <array>
 #include <cstdint>
 
-#include "kestrel/isoff.h"
+#include "interface/src/isoff/record/private.h"
 
 namespace kestrel::probe {
 
@@ -18,11 +18,11 @@ enum class MediaKind { kAudio, kVideo };
 inline constexpr std::array kApis = {Api::kFunction, Api::kClass};
 inline constexpr std::array kMedia = {MediaKind::kAudio, MediaKind::kVideo};
 
+using kestrel::is_hint;
+
 // "function", "class"; "audio", "video".
 const char* word(Api api);
 const char* word(MediaKind kind);
-
-bool is_hint(const iso_track* track);
 
 // Sets the medium of a track that is no hint track, by its codec, else by its handler. Returns
 // false for any other track.

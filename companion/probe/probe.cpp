@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "common/host_table.h"
 #include "companion/probe/reasons.h"
 #include "companion/probe/track_info.h"
 #include "companion/probe/watched_stream.h"
@@ -38,46 +39,6 @@ struct kst_probe {
 
 namespace {
 
-bool is_complete(const KST_IOSTREAM_CALLBACK_INTERFACE* table) {
-    return table != nullptr && table->GetOffset && table->Seek && table->SeekNRead &&
-           table->SeekNWrite && table->GetStreamSize && table->IsEOF && table->IndexRead &&
-           table->AdvanceRead && table->CheckStatus;
-}
-
-int32_t code_of(Reason reason) {
-    switch (reason) {
-        case Reason::kNoTrack:
-            return KST_PROBE_NO_TRACK;
-        case Reason::kNoHintTrack:
-            return KST_PROBE_NO_HINT_TRACK;
-        case Reason::kSelfHinted:
-            return KST_PROBE_SELF_HINTED;
-        case Reason::kCodec:
-            return KST_PROBE_CODEC;
-        case Reason::kEncrypted:
-            return KST_PROBE_ENCRYPTED;
-        case Reason::kSeveralTracks:
-            return KST_PROBE_SEVERAL_TRACKS;
-        case Reason::kFragmented:
-            return KST_PROBE_FRAGMENTED;
-        case Reason::kLargeBox:
-            return KST_PROBE_LARGE_BOX;
-        case Reason::kUnknownTable:
-            return KST_PROBE_UNKNOWN_TABLE;
-        case Reason::kIncomplete:
-            return KST_PROBE_INCOMPLETE;
-        case Reason::kEndsProcess:
-            return KST_PROBE_ENDS_PROCESS;
-        case Reason::kLargeFrame:
-            return KST_PROBE_LARGE_FRAME;
-        case Reason::kPlays:
-        case Reason::kNotPlayed:
-            return KST_PROBE_NO_REASON;
-        default:
-            return KST_PROBE_DAMAGED;
-    }
-}
-
 // The flags with which kst_hint may fix it.
 void add_fix(const Subject& subject, Judgement& judgement) {
     const FileFacts& facts = subject.facts;
@@ -101,7 +62,7 @@ Judgement judge(const FileFacts& facts, const ClassFile& opened, Api api, MediaK
     if (judgement.reason == Reason::kNoTrack && facts.scan.is_3gp())
         judgement.reason = reason_for_no_media(facts);
     judgement.track_id = subject.track_id();
-    if (api == Api::kClass && code_of(judgement.reason) == KST_PROBE_NO_REASON)
+    if (api == Api::kClass && name_of(judgement.reason).code == KST_PROBE_NO_REASON)
         judgement.seeks_elsewhere = seeks_elsewhere(opened, kind);
     judgement.why = why_by_tables(subject, judgement.reason);
     if (subject.has_track()) add_fix(subject, judgement);
@@ -138,7 +99,7 @@ int32_t probe_file(kst_probe** out, KST_IOSTREAM_CALLBACK_INTERFACE* host) {
 int32_t kst_probe_open(kst_probe** out, KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
     if (out == nullptr) return KST_BAD_ARGUMENT;
     *out = nullptr;
-    if (!is_complete(stream)) return KST_BAD_ARGUMENT;
+    if (!kestrel::is_complete(stream)) return KST_BAD_ARGUMENT;
     try {
         return probe_file(out, stream);
     } catch (const std::exception&) {
@@ -174,7 +135,7 @@ int32_t kst_probe_judge(const kst_probe* probe, int32_t api, int32_t medium,
     }
     const Judgement& found =
         probe->judgements[static_cast<size_t>(api)][static_cast<size_t>(medium)];
-    verdict->reason = code_of(found.reason);
+    verdict->reason = name_of(found.reason).code;
     verdict->track_id = found.track_id;
     verdict->word = verdict->reason == KST_PROBE_NO_REASON ? "no-reason" : word(found.reason);
     verdict->seeks_elsewhere = found.seeks_elsewhere ? 1 : 0;

@@ -2,8 +2,10 @@
 #include "companion/probe/reasons.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "common/frame_limit.h"
+#include "kestrel/probe.h"
 #include "kestrel/status.h"
 #include "native/codec/rtp_header.h"
 
@@ -82,46 +84,34 @@ std::string why_incomplete(const Subject& subject) {
 
 }  // namespace
 
+const ReasonName& name_of(Reason reason) {
+    // In the order of the reasons.
+    static constexpr ReasonName kNames[] = {
+        {"plays", KST_PROBE_NO_REASON},
+        {"no-track", KST_PROBE_NO_TRACK},
+        {"no-hint-track", KST_PROBE_NO_HINT_TRACK},
+        {"self-hinted", KST_PROBE_SELF_HINTED},
+        {"codec", KST_PROBE_CODEC},
+        {"encrypted", KST_PROBE_ENCRYPTED},
+        {"several-tracks", KST_PROBE_SEVERAL_TRACKS},
+        {"fragmented", KST_PROBE_FRAGMENTED},
+        {"large-box", KST_PROBE_LARGE_BOX},
+        {"unknown-table", KST_PROBE_UNKNOWN_TABLE},
+        {"large-frame", KST_PROBE_LARGE_FRAME},
+        {"incomplete", KST_PROBE_INCOMPLETE},
+        {"implausible", KST_PROBE_DAMAGED},
+        {"damaged", KST_PROBE_DAMAGED},
+        {"ends-process", KST_PROBE_ENDS_PROCESS},
+        {"memory", KST_PROBE_DAMAGED},
+        {"timeout", KST_PROBE_DAMAGED},
+        {"not-played", KST_PROBE_NO_REASON},
+    };
+    static_assert(std::size(kNames) == static_cast<size_t>(Reason::kNotPlayed) + 1);
+    return kNames[static_cast<size_t>(reason)];
+}
+
 const char* word(Reason reason) {
-    switch (reason) {
-        case Reason::kPlays:
-            return "plays";
-        case Reason::kNoTrack:
-            return "no-track";
-        case Reason::kNoHintTrack:
-            return "no-hint-track";
-        case Reason::kSelfHinted:
-            return "self-hinted";
-        case Reason::kCodec:
-            return "codec";
-        case Reason::kEncrypted:
-            return "encrypted";
-        case Reason::kSeveralTracks:
-            return "several-tracks";
-        case Reason::kFragmented:
-            return "fragmented";
-        case Reason::kLargeBox:
-            return "large-box";
-        case Reason::kUnknownTable:
-            return "unknown-table";
-        case Reason::kLargeFrame:
-            return "large-frame";
-        case Reason::kIncomplete:
-            return "incomplete";
-        case Reason::kImplausible:
-            return "implausible";
-        case Reason::kDamaged:
-            return "damaged";
-        case Reason::kEndsProcess:
-            return "ends-process";
-        case Reason::kMemory:
-            return "memory";
-        case Reason::kTimeout:
-            return "timeout";
-        case Reason::kNotPlayed:
-            return "not-played";
-    }
-    return "";
+    return name_of(reason).word;
 }
 
 Subject subject_of(const FileFacts& facts, Api api, MediaKind kind) {

@@ -33,7 +33,12 @@ enum class Reason {
     kNotPlayed       // the tables show no reason against it, and it was not tried
 };
 
-// One word, which scripts may rely on.
+// A word, which scripts may rely on, and the code of kestrel/probe.h that stands for the reason.
+struct ReasonName {
+    const char* word;
+    int32_t code;
+};
+const ReasonName& name_of(Reason reason);
 const char* word(Reason reason);
 
 // The subject of a judgement.

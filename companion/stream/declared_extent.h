@@ -23,6 +23,9 @@ class DeclaredExtent final : public RecordSink {
     // the frames that it declares.
     void require_all(uint64_t end) const;
 
+    // Packets that are missing by their sequence numbers, or speech frames of the function API.
+    uint64_t missing() const { return gaps_.missing(); }
+
   private:
     bool wants_records() const override { return to_.wants_records(); }
     void record(const StreamRecord& record) override { to_.record(record); }

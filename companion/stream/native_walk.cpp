@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstring>
 #include <functional>
@@ -47,11 +48,7 @@ struct FieldLister {
     std::span<const uint8_t> raw;  // the record in the stream
     const uint8_t* record;         // the record in memory
 
-    void operator()(const char* name, uint32_t value) const { fields.push_back({name, value}); }
-    void operator()(const char* name, uint16_t value) const {
-        fields.push_back({name, uint32_t{value}});
-    }
-    void operator()(const char* name, uint8_t value) const {
+    void operator()(const char* name, std::unsigned_integral auto value) const {
         fields.push_back({name, uint32_t{value}});
     }
     template <size_t N>
@@ -419,20 +416,19 @@ void NativeWalk::speech_frame(StreamRecord& shown, uint64_t at) {
 // contents with a byte for each frame, all but the last with the top bit set, and the frames' bits.
 void NativeWalk::speech_payloads(StreamRecord& shown, std::span<const uint8_t> payloads,
                                  uint64_t at) {
-    constexpr uint8_t kMore = 0x80;
     shown.payload = payloads;
     sink_.record(shown);
     ByteReader reader(payloads);
     while (reader.remaining() > 0) {
         const size_t begin = reader.position();
         reader.skip(1);
-        while (reader.ok() && (reader.u8() & kMore) != 0) {
+        while (reader.ok() && (reader.u8() & kMoreFollow) != 0) {
         }
         if (!reader.ok()) damaged(at, "a speech payload ends inside its table of contents");
         const auto front = payloads.subspan(begin, reader.position() - begin);
         sink_.speech_payload(front);
         for (const uint8_t entry : front.subspan(1)) {
-            const auto header = static_cast<uint8_t>(entry & ~kMore);
+            const auto header = static_cast<uint8_t>(entry & ~kMoreFollow);
             const int size =
                 storage_frame_size(kNarrowBand.frame_bits[storage_frame_type(header)]) - 1;
             const auto speech = reader.take(static_cast<size_t>(size));

@@ -38,7 +38,7 @@ constexpr bool is_speech(Medium medium) {
 
 // Of a medium that is speech.
 constexpr const AmrBand& band_of(Medium medium) {
-    return medium == Medium::kWideBandSpeech ? kWideBand : kNarrowBand;
+    return amr_band(medium == Medium::kWideBandSpeech);
 }
 
 // The API that made a stream. They differ in units of time and in the form of speech.

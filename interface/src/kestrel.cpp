@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "common/host_table.h"
 #include "common/log_sources.h"
 #include "interface/src/isoff/record/private.h"
 #include "interface/src/mmfi/mmfiInterface.h"
@@ -47,14 +48,6 @@ constexpr StatusText kStatusTexts[] = {
     {19, "Invalid Seek Flags supplied"},
     {kLastStatus, "Invalid status value"},
 };
-
-// Whether no function slot is null. The context may be null.
-bool is_complete(const KST_IOSTREAM_CALLBACK_INTERFACE* callbacks) {
-    return callbacks != nullptr && callbacks->GetOffset && callbacks->Seek &&
-           callbacks->SeekNRead && callbacks->SeekNWrite && callbacks->GetStreamSize &&
-           callbacks->IsEOF && callbacks->IndexRead && callbacks->AdvanceRead &&
-           callbacks->CheckStatus;
-}
 
 // Opens the handle over `file`. The caller still owns the file when the result is not 0 and the
 // handle variable was not set.

@@ -9,8 +9,6 @@ namespace {
 
 constexpr int kSpeechTypes = 9;  // 0 to 7 are speech, 8 is comfort noise
 constexpr int kNoDataType = 15;
-constexpr uint8_t kNoDataFormat1 = 0x78;
-constexpr uint8_t kNoDataFormat2 = 0x0F;
 constexpr uint8_t kGoodQuality = 4;
 
 const uint8_t* bytes_of(const void* memory) {

@@ -60,6 +60,19 @@ constexpr uint32_t amr_bit_rate(uint32_t mode_set) {
 inline constexpr AmrBand kNarrowBand{bits, 8000, 160, 10, kNativeAmrPayloadType};
 inline constexpr AmrBand kWideBand{kWideBandBits, 16000, 320, 20, kNativeAmrWideBandPayloadType};
 
+constexpr const AmrBand& amr_band(bool is_wide) {
+    return is_wide ? kWideBand : kNarrowBand;
+}
+
+// The one byte of a frame without data, in storage and in interface format.
+inline constexpr uint8_t kNoDataFormat1 = 0x78;
+inline constexpr uint8_t kNoDataFormat2 = 0x0F;
+
+// A payload (RFC 4867, 4.3): the codec mode request that requests none; of an entry of the table of
+// contents, the bit that another one follows, and the bits that it shares with a frame's header.
+inline constexpr uint8_t kNoModeRequest = 0xF0;
+inline constexpr uint8_t kMoreFollow = 0x80, kTypeAndQuality = 0x7C;
+
 // Returns a nibble with its bits reversed.
 inline constexpr uint8_t flip[16] = {0, 8, 4, 12, 2, 10, 6, 14, 1, 9, 5, 13, 3, 11, 7, 15};
 

@@ -18,6 +18,11 @@ enum DriverVideoCodec : unsigned int { kH263 = 0, kH263_1998 = 1, kMpeg4 = 2, kN
 // these have arrived.
 inline constexpr uint32_t kTrustedBytes = 65536;
 
+// For log lines.
+inline uintptr_t address(const void* pointer) {
+    return reinterpret_cast<uintptr_t>(pointer);
+}
+
 // Sets sx_Debug as the environment asks. The companion library, which logs nothing, has a
 // definition that does nothing.
 void read_log_environment();

@@ -25,10 +25,6 @@ constexpr uint32_t kReadAheadEach = 256;
 // Bytes of a packet entry or a constructor in the hint sample.
 constexpr size_t kSmallestEntry = 12;
 
-uintptr_t address(const void* pointer) {
-    return reinterpret_cast<uintptr_t>(pointer);
-}
-
 }  // namespace
 
 unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size, bool arriving) {

@@ -8,6 +8,7 @@
 #include "boxes/sample_tables.h"
 #include "boxes/simple3gp.h"
 #include "boxes/stream_io.h"
+#include "common/host_table.h"
 #include "propfile/src/propfile_audio.h"
 #include "propfile/src/propfile_video.h"
 
@@ -16,11 +17,6 @@
 using namespace kestrel;
 
 namespace {
-
-bool is_complete(const _TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io) {
-    return io != nullptr && io->GetOffset && io->Seek && io->SeekNRead && io->SeekNWrite &&
-           io->GetStreamSize && io->IsEOF && io->IndexRead && io->AdvanceRead && io->CheckStatus;
-}
 
 template <class T>
 void release(std::vector<T>& values) {

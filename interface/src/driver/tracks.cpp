@@ -17,10 +17,6 @@ using Qvox3gp::code;
 
 namespace {
 
-uintptr_t address(const void* pointer) {
-    return reinterpret_cast<uintptr_t>(pointer);
-}
-
 // Requires a box, without which the file is corrupt.
 template <class T>
 T* require(T* box, unsigned int& status, LogSite site, const char* name) {

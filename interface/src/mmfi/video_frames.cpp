@@ -49,11 +49,6 @@ constexpr Gathered kMissing{KST_NOT_YET, 0};
 
 // --- packets of the hint track ---
 
-bool has_marker(const uint8_t* packet) {
-    constexpr uint8_t kMarkerBit = 0x80;
-    return (packet[1] & kMarkerBit) != 0;
-}
-
 bool stage_rtp_packet(Staging& staging, uint8_t* packet, uint32_t length, int payload_type) {
     uint8_t header[tel_header_size];
     rtp2orb(packet, length, payload_type, 0);
@@ -108,7 +103,7 @@ int32_t stage_packets(mm_Interface* record, int payload_type, iso_track* hint, H
             return length == kNotYet ? KST_NOT_YET : KST_FAILURE;
         }
         if (length < static_cast<int>(kRtpHeaderSize)) return KST_FAILURE;
-        marker = has_marker(packet);
+        marker = load_rtp_header(packet).marker;
         if (!stage_rtp_packet(staging, packet, static_cast<uint32_t>(length), payload_type)) {
             return KST_FAILURE;
         }

@@ -14,11 +14,10 @@ namespace {
 
 // --- 3GPP configuration boxes (3GPP TS 26.244, clause 6) ---
 
-// Reads the columns of a box that belongs to a track.
 template <typename Columns>
 int read_columns(BoxReader& box, Columns columns) {
     ColumnReader reader(box);
-    if (box.track() != nullptr) columns(reader, *box.track());
+    columns(reader, *box.track());
     return 0;
 }
 
@@ -156,7 +155,6 @@ int read_d263(BoxReader& box) {
 
 int read_esds(BoxReader& box) {
     iso_track* track = box.track();
-    if (track == nullptr) return 0;
     box.u32();  // version and flags
     return walk_descriptors(box, [&](uint8_t tag) {
         if (tag == kEsDescriptor) return read_es_descriptor(box, track);
@@ -167,7 +165,6 @@ int read_esds(BoxReader& box) {
 
 int read_avcC(BoxReader& box) try {
     iso_track* track = box.track();
-    if (track == nullptr) return 0;
     if (!keep_dsi(track, {box.data(), box.left()})) return -1;
     forget_param_sets(track);
     AvccHeader header{};

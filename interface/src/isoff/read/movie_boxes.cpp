@@ -135,6 +135,11 @@ int read_mvhd(BoxReader& box) {
 
 // --- containers and the tables of what they hold ---
 
+template <const isobox* kTable>
+int read_container(BoxReader& box) {
+    return parse_rest(box, kTable);
+}
+
 constexpr isobox stbl_box[] = {{"stsd", read_stsd}, {"stts", read_stts}, {"stsc", read_stsc},
                                {"stsz", read_stsz}, {"stco", read_stco}, {"ctts", read_ctts},
                                {"stss", read_stss}, {"sbgp", read_sbgp}, {"sgpd", read_sgpd},
@@ -159,19 +164,14 @@ int read_stbl(BoxReader& box) {
 
 constexpr isobox dinf_box[] = {{"dref", skip_body}, {nullptr, nullptr}};
 
-int read_dinf(BoxReader& box) {
-    return parse_rest(box, dinf_box);
-}
+constexpr isobox minf_box[] = {{"smhd", skip_body}, {"vmhd", skip_body},
+                               {"hmhd", skip_body}, {"dinf", read_container<dinf_box>},
+                               {"stbl", read_stbl}, {nullptr, nullptr}};
 
-constexpr isobox minf_box[] = {{"smhd", skip_body}, {"vmhd", skip_body}, {"hmhd", skip_body},
-                               {"dinf", read_dinf}, {"stbl", read_stbl}, {nullptr, nullptr}};
-
-int read_minf(BoxReader& box) {
-    return parse_rest(box, minf_box);
-}
-
-constexpr isobox mdia_box[] = {
-    {"mdhd", read_mdhd}, {"hdlr", read_hdlr}, {"minf", read_minf}, {nullptr, nullptr}};
+constexpr isobox mdia_box[] = {{"mdhd", read_mdhd},
+                               {"hdlr", read_hdlr},
+                               {"minf", read_container<minf_box>},
+                               {nullptr, nullptr}};
 
 int read_mdia(BoxReader& box) {
     if (box.track() == nullptr) box.file()->own->headless_media = 1;
@@ -198,10 +198,6 @@ int read_elst(BoxReader& box) {
 
 constexpr isobox edts_box[] = {{"elst", read_elst}, {nullptr, nullptr}};
 
-int read_edts(BoxReader& box) {
-    return parse_rest(box, edts_box);
-}
-
 constexpr isobox meta_box[] = {{"xml ", skip_body}, {nullptr, nullptr}};
 
 int read_meta(BoxReader& box) {
@@ -211,25 +207,18 @@ int read_meta(BoxReader& box) {
 
 constexpr isobox tref_box[] = {{"hint", read_hint_reference}, {nullptr, nullptr}};
 
-int read_tref(BoxReader& box) {
-    return parse_rest(box, tref_box);
-}
-
 constexpr isobox hnti_box[] = {
     {"sdp ", read_track_sdp}, {"rtp ", read_movie_sdp}, {nullptr, nullptr}};
 
-int read_hnti(BoxReader& box) {
-    return parse_rest(box, hnti_box);
-}
+constexpr isobox udta_box[] = {
+    {"hnti", read_container<hnti_box>}, {"tsel", skip_body}, {nullptr, nullptr}};
 
-constexpr isobox udta_box[] = {{"hnti", read_hnti}, {"tsel", skip_body}, {nullptr, nullptr}};
-
-int read_udta(BoxReader& box) {
-    return parse_rest(box, udta_box);
-}
-
-constexpr isobox trak_box[] = {{"tkhd", read_tkhd}, {"mdia", read_mdia}, {"edts", read_edts},
-                               {"meta", read_meta}, {"tref", read_tref}, {"udta", read_udta},
+constexpr isobox trak_box[] = {{"tkhd", read_tkhd},
+                               {"mdia", read_mdia},
+                               {"edts", read_container<edts_box>},
+                               {"meta", read_meta},
+                               {"tref", read_container<tref_box>},
+                               {"udta", read_container<udta_box>},
                                {nullptr, nullptr}};
 
 // Whether `bytes` begin with a `trak`. The header of its first child is checked too, so that other
@@ -266,7 +255,7 @@ int read_trak(BoxReader& box) {
 constexpr isobox moov_box[] = {{"mvhd", read_mvhd},
                                {"trak", read_trak},
                                {"iods", read_iods},
-                               {"udta", read_udta},
+                               {"udta", read_container<udta_box>},
                                {nullptr, nullptr}};
 
 // --- tracks that damage hides ---
@@ -303,7 +292,7 @@ uint32_t count_remains(std::span<const uint8_t> bytes, const isobox* table) {
             const uint32_t whole = count_tracks(inside, Counted::kWhole);
             if (whole < count_tracks(inside, Counted::kAll)) return 0;
             remains += whole;
-        } else if (box != nullptr && box->handler == read_udta) {
+        } else if (box != nullptr && box->handler == read_container<udta_box>) {
             remains += count_remains(inside, udta_box);
         }
         bytes = bytes.subspan(size);

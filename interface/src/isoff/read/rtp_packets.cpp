@@ -443,18 +443,14 @@ inline int PacketReader::read_packet() {
     return 0;
 }
 
-bool is_hint_track_of(const iso_track* track, const iso_track* media, int max_packet) {
-    const bool is_hint = track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
-    return is_hint && track->hint_track_ref == media->track_id &&
-           int64_t{track->rtp_max_packet} <= max_packet;
-}
-
 iso_track* best_hint_track(const iso_track* media, int max_packet) {
     if (media == nullptr || media->file == nullptr) return nullptr;
     iso_track* best = nullptr;
     for (iso_track* track = media->file->first_track; track != nullptr; track = track->next) {
-        if (!is_hint_track_of(track, media, max_packet)) continue;
-        if (best == nullptr || track->rtp_max_packet > best->rtp_max_packet) best = track;
+        const bool fits = is_hint(track) && track->hint_track_ref == media->track_id &&
+                          int64_t{track->rtp_max_packet} <= max_packet;
+        const bool is_longer = best == nullptr || track->rtp_max_packet > best->rtp_max_packet;
+        if (fits && is_longer) best = track;
     }
     return best;
 }

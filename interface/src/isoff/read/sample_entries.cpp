@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interface/src/isoff/read/box_walk.h"
 
-// The sample entries of `stsd` (ISO/IEC 14496-12, 8.5.2; 3GPP TS 26.244, clause 6).
+// The sample entries of `stsd` (ISO/IEC 14496-12, 8.5.2; 3GPP TS 26.244, clause 6). They always
+// have a track: `stbl` outside any track is not read.
 
 namespace kestrel {
 namespace {
@@ -10,19 +11,17 @@ namespace {
 
 int read_tims(BoxReader& box) {
     ColumnReader reader(box);
-    if (box.track() != nullptr) tims_columns(reader, *box.track());
+    tims_columns(reader, *box.track());
     return 0;
 }
 
 int read_tsro(BoxReader& box) {
-    if (box.track() == nullptr) return 0;
     box.track()->rtp_ts_offset = box.u32();
     box.track()->has_ts_offset = 1;
     return 0;
 }
 
 int read_snro(BoxReader& box) {
-    if (box.track() == nullptr) return 0;
     box.track()->rtp_seq_offset = box.u32();
     box.track()->has_seq_offset = 1;
     return 0;
@@ -31,7 +30,6 @@ int read_snro(BoxReader& box) {
 constexpr isobox sinf_box[] = {{"schm", skip_body}, {"schi", skip_body}, {nullptr, nullptr}};
 
 int read_srpp(BoxReader& box) {
-    if (box.track() == nullptr) return 0;
     box.u32();  // version and flags
     for (auto& scheme : box.track()->srpp_schemes)
         box.id(scheme);
@@ -49,10 +47,9 @@ constexpr isobox rtp_box[] = {{"tims", read_tims},
 constexpr isobox dec_spec_box[] = {{"damr", read_damr}, {"dawp", read_dawp}, {"d263", read_d263},
                                    {"avcC", read_avcC}, {"esds", read_esds}, {nullptr, nullptr}};
 
-// Begins a sample entry of a medium; the track that it describes, or null.
+// Begins a sample entry of a medium. Returns the track that it describes.
 iso_track* begin_entry(BoxReader& box, int32_t codec) {
     iso_track* track = box.track();
-    if (track == nullptr) return nullptr;
     track->codec = codec;
     track->own->entry = box.data();
     track->own->entry_length = box.left();
@@ -63,7 +60,6 @@ iso_track* begin_entry(BoxReader& box, int32_t codec) {
 template <iso_codec kCodec>
 int read_visual_entry(BoxReader& box) {
     iso_track* track = begin_entry(box, kCodec);
-    if (track == nullptr) return 0;
     box.skip(24);  // reserved, data reference index, pre-defined
     const uint16_t width = box.u16();
     const uint16_t height = box.u16();
@@ -78,7 +74,6 @@ int read_visual_entry(BoxReader& box) {
 template <iso_codec kCodec>
 int read_audio_entry(BoxReader& box) {
     iso_track* track = begin_entry(box, kCodec);
-    if (track == nullptr) return 0;
     box.skip(16);  // reserved, data reference index
     const uint16_t channel_count = box.u16();
     const uint16_t sample_bits = box.u16();
@@ -93,7 +88,6 @@ int read_audio_entry(BoxReader& box) {
 template <iso_codec kCodec>
 int read_hint_entry(BoxReader& box) {
     iso_track* track = box.track();
-    if (track == nullptr) return 0;
     track->codec = kCodec;
     box.skip(8);  // reserved, data reference index
     const uint16_t version = box.u16();
@@ -107,7 +101,7 @@ int read_hint_entry(BoxReader& box) {
 }
 
 int read_mp4a(BoxReader& box) {
-    if (box.track() != nullptr) box.track()->flags &= ~iso_track_prepends_dsi;
+    box.track()->flags &= ~iso_track_prepends_dsi;
     return read_audio_entry<ISO_CODEC_MP4A>(box);
 }
 

@@ -21,20 +21,18 @@ enum TableBit : uint32_t {
     kSgpd = 64,
 };
 
-// Skips version and flags, and refuses a second table of a kind in one track. Returns null when the
-// table is not to be read; a table outside any track is ignored.
-iso_track* begin_table(BoxReader& box, TableBit bit, const char* refusal, int& result) {
-    result = 0;
+// Skips version and flags, and reads a table with `read(track)`, which returns false for a
+// malformed one. Refuses a second table of a kind in one track.
+template <typename Read>
+int read_table(BoxReader& box, TableBit bit, const char* refusal, Read read) {
     iso_track* track = box.track();
-    if (track == nullptr) return nullptr;
     if (track->own->tables_seen & bit) {
         remark(box.file(), "%s", refusal);
-        result = -1;
-        return nullptr;
+        return -1;
     }
     track->own->tables_seen |= bit;
     box.u32();  // version and flags
-    return track;
+    return read(track) ? 0 : -1;
 }
 
 // Reads an entry count and allocates an array of so many entries. Returns null, without allocating,
@@ -147,108 +145,17 @@ void fill_chunks_by_runs(iso_track* track) {
     track->chunk_count = chunk;
 }
 
-}  // namespace
-
-int read_stts(BoxReader& box) {
-    int result;
-    iso_track* track = begin_table(box, kStts, "extra stts\n", result);
-    if (track == nullptr) return result;
-    track->stts = read_entries<iso_stts_entry>(box, track->stts_count);
-    return track->stts != nullptr ? 0 : -1;
-}
-
-int read_ctts(BoxReader& box) {
-    int result;
-    iso_track* track = begin_table(box, kCtts, "extra ctts\n", result);
-    if (track == nullptr) return result;
-    track->ctts = read_entries<iso_ctts_entry>(box, track->ctts_count);
-    return track->ctts != nullptr ? 0 : -1;
-}
-
-int read_stsc(BoxReader& box) {
-    iso_track* track = box.track();
-    if (track == nullptr) return 0;
-    box.u32();  // version and flags
-    track->stsc = read_entries<iso_stsc_entry>(box, track->stsc_count);
-    return track->stsc != nullptr ? 0 : -1;
-}
-
-int read_stsz(BoxReader& box) {
-    int result;
-    iso_track* track = begin_table(box, kStsz, "extra stsz\n", result);
-    if (track == nullptr) return result;
-    track->sample_size = box.u32();
-    if (track->sample_size != 0) {
-        const uint32_t count = box.u32();
-        if (count > INT_MAX) return -1;
-        track->sample_count = static_cast<int32_t>(count);
-        track->own->declared_samples = count;
-        track->total_bytes = count * track->sample_size;
-        return 0;
-    }
-    track->sample_sizes = read_entries<uint32_t>(box, track->sample_count);
-    if (track->sample_sizes == nullptr) return -1;
-    const auto count = static_cast<uint32_t>(track->sample_count);
-    track->own->declared_samples = count;
-    for (const uint32_t size : std::span(track->sample_sizes, count)) {
-        track->total_bytes += size;
-        track->max_sample_size = std::max(track->max_sample_size, size);
-    }
-    return 0;
-}
-
-int read_stco(BoxReader& box) {
-    int result;
-    iso_track* track = begin_table(box, kStco, "extra stco\n", result);
-    if (track == nullptr) return result;
-    track->chunks = read_entries<iso_chunk>(box, track->chunk_count);
-    return track->chunks != nullptr ? 0 : -1;
-}
-
-int read_stss(BoxReader& box) {
-    int result;
-    iso_track* track = begin_table(box, kStss, "extra stss\n", result);
-    if (track == nullptr) return result;
-    int32_t count = 0;
-    track->sync_samples = read_entries<uint32_t>(box, count);
-    track->sync_count = static_cast<uint32_t>(count);
-    return track->sync_samples != nullptr ? 0 : -1;
-}
-
-int read_sbgp(BoxReader& box) {
-    int result;
-    iso_track* track = begin_table(box, kSbgp, "extra sbgp\n", result);
-    if (track == nullptr) return result;
-    box.u32();  // grouping type
-    int32_t count = 0;
-    auto* entries = read_entries<iso_sbgp_entry>(box, count);
-    if (entries == nullptr) return -1;
-    track->sbgp_count = static_cast<uint32_t>(count);
-    track->sbgp_list = count > 0 ? entries : nullptr;
-    for (int32_t i = 0; i + 1 < count; ++i)
-        entries[i].next = &entries[i + 1];
-    return 0;
-}
-
-int read_sgpd(BoxReader& box) {
-    int result;
-    iso_track* track = begin_table(box, kSgpd, "extra sgpd\n", result);
-    if (track == nullptr) return result;
-    box.id(track->sgpd_type);
-    const uint32_t type = load_be32(reinterpret_cast<const uint8_t*>(track->sgpd_type));
-    if (type != fourcc("3gag") && type != fourcc("avcb")) {
-        remark(track->file, "skipping unknown grouping type: %s\n", track->sgpd_type);
-        return 0;
-    }
+// Reads the groups of a known type.
+bool read_groups(BoxReader& box, iso_track* track) {
     int32_t count = 0;
     auto* entries = take_entries<iso_sgpd_entry>(box, 2, count);
-    if (entries == nullptr) return -1;
+    if (entries == nullptr) return false;
     for (int32_t i = 0; i < count; ++i) {
         const uint16_t records = box.u16();
-        if (records > box.left() / sizeof(iso_sgpd_record)) return -1;
+        if (records > box.left() / sizeof(iso_sgpd_record)) return false;
         entries[i].count = records;
         entries[i].records = arena_array<iso_sgpd_record>(box.file(), records);
-        if (entries[i].records == nullptr) return -1;
+        if (entries[i].records == nullptr) return false;
         for (uint16_t r = 0; r < records; ++r) {
             for (uint32_t& word : entries[i].records[r].words)
                 word = box.u32();
@@ -257,7 +164,93 @@ int read_sgpd(BoxReader& box) {
     }
     track->sgpd_count = static_cast<uint32_t>(count);
     track->sgpd_list = count > 0 ? entries : nullptr;
-    return 0;
+    return true;
+}
+
+}  // namespace
+
+int read_stts(BoxReader& box) {
+    return read_table(box, kStts, "extra stts\n", [&](iso_track* track) {
+        track->stts = read_entries<iso_stts_entry>(box, track->stts_count);
+        return track->stts != nullptr;
+    });
+}
+
+int read_ctts(BoxReader& box) {
+    return read_table(box, kCtts, "extra ctts\n", [&](iso_track* track) {
+        track->ctts = read_entries<iso_ctts_entry>(box, track->ctts_count);
+        return track->ctts != nullptr;
+    });
+}
+
+int read_stsc(BoxReader& box) {
+    iso_track* track = box.track();
+    box.u32();  // version and flags
+    track->stsc = read_entries<iso_stsc_entry>(box, track->stsc_count);
+    return track->stsc != nullptr ? 0 : -1;
+}
+
+int read_stsz(BoxReader& box) {
+    return read_table(box, kStsz, "extra stsz\n", [&](iso_track* track) {
+        track->sample_size = box.u32();
+        if (track->sample_size != 0) {
+            const uint32_t count = box.u32();
+            if (count > INT_MAX) return false;
+            track->sample_count = static_cast<int32_t>(count);
+            track->own->declared_samples = count;
+            track->total_bytes = count * track->sample_size;
+            return true;
+        }
+        track->sample_sizes = read_entries<uint32_t>(box, track->sample_count);
+        if (track->sample_sizes == nullptr) return false;
+        const auto count = static_cast<uint32_t>(track->sample_count);
+        track->own->declared_samples = count;
+        for (const uint32_t size : std::span(track->sample_sizes, count)) {
+            track->total_bytes += size;
+            track->max_sample_size = std::max(track->max_sample_size, size);
+        }
+        return true;
+    });
+}
+
+int read_stco(BoxReader& box) {
+    return read_table(box, kStco, "extra stco\n", [&](iso_track* track) {
+        track->chunks = read_entries<iso_chunk>(box, track->chunk_count);
+        return track->chunks != nullptr;
+    });
+}
+
+int read_stss(BoxReader& box) {
+    return read_table(box, kStss, "extra stss\n", [&](iso_track* track) {
+        int32_t count = 0;
+        track->sync_samples = read_entries<uint32_t>(box, count);
+        track->sync_count = static_cast<uint32_t>(count);
+        return track->sync_samples != nullptr;
+    });
+}
+
+int read_sbgp(BoxReader& box) {
+    return read_table(box, kSbgp, "extra sbgp\n", [&](iso_track* track) {
+        box.u32();  // grouping type
+        int32_t count = 0;
+        auto* entries = read_entries<iso_sbgp_entry>(box, count);
+        if (entries == nullptr) return false;
+        track->sbgp_count = static_cast<uint32_t>(count);
+        track->sbgp_list = count > 0 ? entries : nullptr;
+        for (int32_t i = 0; i + 1 < count; ++i)
+            entries[i].next = &entries[i + 1];
+        return true;
+    });
+}
+
+int read_sgpd(BoxReader& box) {
+    return read_table(box, kSgpd, "extra sgpd\n", [&](iso_track* track) {
+        box.id(track->sgpd_type);
+        const uint32_t type = load_be32(reinterpret_cast<const uint8_t*>(track->sgpd_type));
+        if (type == fourcc("3gag") || type == fourcc("avcb")) return read_groups(box, track);
+        remark(track->file, "skipping unknown grouping type: %s\n", track->sgpd_type);
+        return true;
+    });
 }
 
 int check_tables(iso_track* track) {

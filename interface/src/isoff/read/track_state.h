@@ -3,6 +3,8 @@
 #ifndef KESTREL_ISOFF_TRACK_STATE_H
 #define KESTREL_ISOFF_TRACK_STATE_H
 
+#include <tuple>
+
 #include "interface/src/isoff/record/record.h"
 
 namespace kestrel {
@@ -17,7 +19,18 @@ enum class Missing {
 // Judges by the last byte of the piece.
 Missing look_for_missing(iso_file* file);
 
-// The cursor of a track and, of a hint track, of its packets.
+// The fields that reading changes: the cursor of a track and, of a hint track, of its packets.
+inline auto position_of(iso_track* track) {
+    return std::tie(track->cur_sample, track->cur_chunk, track->cur_offset, track->stts_index,
+                    track->stts_in_entry, track->ctts_index, track->ctts_in_entry,
+                    track->own->positioned, track->own->next_alike, track->rtp_seq_offset,
+                    track->seq_rebase, track->last_seq, track->last_timestamp, track->last_read_pos,
+                    track->last_payload_type, track->own->hint_work);
+}
+
+template <typename... Fields>
+std::tuple<Fields...> values_of(std::tuple<Fields&...> fields);
+
 class TrackState {
   public:
     explicit TrackState(iso_track* track);
@@ -25,13 +38,7 @@ class TrackState {
 
   private:
     iso_track* track_;
-    int32_t cur_sample_, cur_chunk_;
-    uint32_t cur_offset_;
-    int32_t stts_index_, stts_in_entry_, ctts_index_, ctts_in_entry_;
-    uint32_t positioned_, next_alike_;
-    uint32_t rtp_seq_offset_, seq_rebase_, last_seq_, last_timestamp_, last_read_pos_;
-    uint32_t last_payload_type_;
-    iso_hint_work hint_work_;
+    decltype(values_of(position_of(nullptr))) position_;
     rtp_hint_state hint_{};
 };
 

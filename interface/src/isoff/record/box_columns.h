@@ -22,45 +22,38 @@ concept OneOf = std::same_as<std::remove_const_t<T>, Record>;
 // --- entries of tables ---
 
 // Of `stss`, and of the sizes in `stsz`.
-template <class F>
-void columns(F& f, OneOf<uint32_t> auto& value) {
+void columns(auto& f, OneOf<uint32_t> auto& value) {
     f.u32(value);
 }
 
-template <class F>
-void columns(F& f, OneOf<iso_stts_entry> auto& entry) {
+void columns(auto& f, OneOf<iso_stts_entry> auto& entry) {
     f.u32(entry.count);
     f.u32(entry.delta);
 }
 
-template <class F>
-void columns(F& f, OneOf<iso_ctts_entry> auto& entry) {
+void columns(auto& f, OneOf<iso_ctts_entry> auto& entry) {
     f.u32(entry.count);
     f.u32(entry.offset);
 }
 
-template <class F>
-void columns(F& f, OneOf<iso_stsc_entry> auto& entry) {
+void columns(auto& f, OneOf<iso_stsc_entry> auto& entry) {
     f.u32(entry.first_chunk);
     f.u32(entry.samples_per_chunk);
     f.u32(entry.description_index);
 }
 
 // Of `stco`.
-template <class F>
-void columns(F& f, OneOf<iso_chunk> auto& chunk) {
+void columns(auto& f, OneOf<iso_chunk> auto& chunk) {
     f.u32(chunk.start);
 }
 
-template <class F>
-void columns(F& f, OneOf<iso_sbgp_entry> auto& entry) {
+void columns(auto& f, OneOf<iso_sbgp_entry> auto& entry) {
     f.u32(entry.sample_count);
     f.u32(entry.group_description_index);
 }
 
 // Times have 32 bits in version 0 of `elst`; they are `wide` in version 1.
-template <class F>
-void columns(F& f, OneOf<iso_elst_entry> auto& edit, bool wide) {
+void columns(auto& f, OneOf<iso_elst_entry> auto& edit, bool wide) {
     f.time(edit.segment_duration, wide);
     f.time(edit.media_time, wide);
     f.u32(edit.media_rate);
@@ -87,8 +80,7 @@ uint32_t bytes_of(Form... form) {
 
 // --- headers, in version 0 ---
 
-template <class F>
-void mvhd_times(F& f, OneOf<iso_file> auto& file) {
+void mvhd_times(auto& f, OneOf<iso_file> auto& file) {
     f.u32(file.creation_time);
     f.u32(file.modification_time);
     f.u32(file.timescale);
@@ -96,8 +88,7 @@ void mvhd_times(F& f, OneOf<iso_file> auto& file) {
 }
 
 // The fields after the times, in all versions.
-template <class F>
-void mvhd_rest(F& f, OneOf<iso_file> auto& file) {
+void mvhd_rest(auto& f, OneOf<iso_file> auto& file) {
     f.constant32(kUnity);  // rate
     f.constant16(kFullVolume);
     f.reserved(10);
@@ -108,8 +99,7 @@ void mvhd_rest(F& f, OneOf<iso_file> auto& file) {
 }
 
 // The duration is in movie units.
-template <class F>
-void tkhd_times(F& f, OneOf<iso_track> auto& track, OneOf<uint32_t> auto& duration) {
+void tkhd_times(auto& f, OneOf<iso_track> auto& track, OneOf<uint32_t> auto& duration) {
     f.u32(track.creation_time);
     f.u32(track.modification_time);
     f.u32(track.track_id);
@@ -118,8 +108,7 @@ void tkhd_times(F& f, OneOf<iso_track> auto& track, OneOf<uint32_t> auto& durati
 }
 
 // What follows the times, in every version. The size is in pixels, 16.16.
-template <class F>
-void tkhd_rest(F& f, OneOf<iso_track> auto& track, OneOf<uint32_t> auto& width,
+void tkhd_rest(auto& f, OneOf<iso_track> auto& track, OneOf<uint32_t> auto& width,
                OneOf<uint32_t> auto& height) {
     f.reserved(8);
     f.u16(track.layer);
@@ -132,8 +121,7 @@ void tkhd_rest(F& f, OneOf<iso_track> auto& track, OneOf<uint32_t> auto& width,
     f.u32(height);
 }
 
-template <class F>
-void mdhd_columns(F& f, OneOf<iso_track> auto& track) {
+void mdhd_columns(auto& f, OneOf<iso_track> auto& track) {
     f.u32(track.creation_time);
     f.u32(track.modification_time);
     f.u32(track.timescale);
@@ -143,8 +131,7 @@ void mdhd_columns(F& f, OneOf<iso_track> auto& track) {
 }
 
 // Up to the name.
-template <class F>
-void hdlr_columns(F& f, OneOf<iso_track> auto& track) {
+void hdlr_columns(auto& f, OneOf<iso_track> auto& track) {
     f.reserved(4);
     f.id(track.handler);
     f.reserved(12);
@@ -153,29 +140,25 @@ void hdlr_columns(F& f, OneOf<iso_track> auto& track) {
 // --- boxes without version and flags ---
 
 // The first fields of `damr`, `dawp` and `d263`.
-template <class F>
-void vendor_columns(F& f, OneOf<iso_track> auto& track) {
+void vendor_columns(auto& f, OneOf<iso_track> auto& track) {
     f.id(track.vendor);
     f.u8(track.decoder_version);
 }
 
-template <class F>
-void damr_columns(F& f, OneOf<iso_track> auto& track) {
+void damr_columns(auto& f, OneOf<iso_track> auto& track) {
     vendor_columns(f, track);
     f.u16(track.mode_set);
     f.u8(track.mode_change_period);
     f.u8(track.frames_per_sample);
 }
 
-template <class F>
-void d263_columns(F& f, OneOf<iso_track> auto& track) {
+void d263_columns(auto& f, OneOf<iso_track> auto& track) {
     vendor_columns(f, track);
     f.u8(track.level);
     f.u8(track.profile);
 }
 
-template <class F>
-void tims_columns(F& f, OneOf<iso_track> auto& track) {
+void tims_columns(auto& f, OneOf<iso_track> auto& track) {
     f.u32(track.rtp_timescale);
 }
 

@@ -153,4 +153,12 @@ struct iso_track_private : iso_track_details {
     const kestrel::CopiedBoxes* copied;  // null when the fields declare all
 };
 
+namespace kestrel {
+
+inline bool is_hint(const iso_track* track) {
+    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
+}
+
+}  // namespace kestrel
+
 #endif

@@ -13,10 +13,6 @@
 namespace kestrel {
 namespace {
 
-bool is_hint(const iso_track* track) {
-    return track->codec == ISO_CODEC_RTP || track->codec == ISO_CODEC_SRTP;
-}
-
 // --- media ---
 
 uint64_t write_dinf(BoxWriter& out) {

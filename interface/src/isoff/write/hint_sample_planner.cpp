@@ -83,8 +83,6 @@ bool find_frames(std::span<const uint8_t> sample, bool wide_band,
 
 // Adds one packet: codec mode request, table of contents, speech (RFC 4867, 4.4).
 void add_speech_packet(std::span<const SpeechFrame> frames, int32_t time, HintPackets& packets) {
-    constexpr uint8_t kNoModeRequest = 0xF0;
-    constexpr uint8_t kMoreFollow = 0x80, kTypeAndQuality = 0x7C;
     packets.begin_packet(time);
     packets.add_own({&kNoModeRequest, 1});
     for (const SpeechFrame& frame : frames) {

@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "interface/src/isoff/write/sample_provider.h"
 #include "interface/src/isoff/write/writer.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/avcc.h"
@@ -45,9 +46,6 @@ namespace {
 
 constexpr int kLeastPacket = 64;
 constexpr int kMaxPacket = 65535;
-constexpr int kNoMemory = -2;
-constexpr int kCannotBeCut = -3;
-constexpr int kTooLong = -7;
 
 bool is_speech(const iso_track* media) {
     return media->codec == ISO_CODEC_SAMR || media->codec == ISO_CODEC_SAWB;
@@ -55,7 +53,7 @@ bool is_speech(const iso_track* media) {
 
 uint32_t clock_of(const iso_track* media) {
     if (!is_speech(media)) return kVideoClock;
-    return (media->codec == ISO_CODEC_SAWB ? kWideBand : kNarrowBand).sampling_rate;
+    return amr_band(media->codec == ISO_CODEC_SAWB).sampling_rate;
 }
 
 bool can_be_hinted(const iso_track* media) {

@@ -11,6 +11,18 @@ namespace kestrel {
 
 class MediaOutput;
 
+// Results of the writer's functions besides 0.
+enum WriteError {
+    kBadArgument = -1,
+    kNoMemory = -2,
+    kCannotBeCut = -3,  // a sample into packets
+    kFellShort = -5,    // finalised already, or not all could be written
+    kTooLarge = -6,
+    kTooLong = -7,
+    kTrackClosed = -8,
+    kTrackTooLate = -9,
+};
+
 // The facts of a sample that the tables declare.
 struct SampleFigures {
     uint32_t size = 0;         // bytes
@@ -31,12 +43,20 @@ class SampleProvider {
     virtual bool write(uint32_t first, uint32_t count, MediaOutput& output) = 0;
 };
 
-// Sets the provider of a track without samples. `provider` must outlive the file. Returns 0, or -6
-// or -7 like isoFFwrite.
+// Sets the provider of a track without samples. `provider` must outlive the file. Returns 0,
+// kTooLarge or kTooLong.
 int provide_samples(iso_track* track, SampleProvider& provider);
 
 // Makes isoFFclose release the file without writing it.
 void abandon(iso_file* file);
+
+// Releases a file that was not finished.
+struct AbandonFile {
+    void operator()(iso_file* file) const {
+        abandon(file);
+        isoFFclose(file);
+    }
+};
 
 // A cursor over the queued or provided samples of a track.
 class SampleWalk {

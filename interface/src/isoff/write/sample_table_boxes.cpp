@@ -13,14 +13,21 @@ namespace {
 
 enum Table { kSttsTable, kCttsTable, kStszTable, kStssTable, kSbgpTable };
 
-// Keeps the size that the count pass measures. Returns false when the write pass has another one.
-bool passes_agree(const BoxWriter& out, iso_track* track, Table table, uint64_t size) {
-    if (out.pass() == kCountPass) track->own->counted_sizes[table] = size;
-    return track->own->counted_sizes[table] == size;
-}
-
 int shown(uint64_t number) {
     return static_cast<int>(number);
+}
+
+// Keeps the size that the count pass measures, and reports another size in the write pass, with the
+// number of `what`. Returns the size.
+uint64_t checked(const BoxWriter& out, iso_track* track, Table table, uint64_t size,
+                 const char* what, uint64_t number) {
+    uint64_t& counted = track->own->counted_sizes[table];
+    if (out.pass() == kCountPass) counted = size;
+    if (counted != size) {
+        remark(track->file, "Pass1 1 %d Pass 2 %d --- %s %d\n", shown(counted), shown(size), what,
+               shown(number));
+    }
+    return size;
 }
 
 // --- tables ---
@@ -98,11 +105,7 @@ uint64_t write_stts(BoxWriter& out, iso_track* track) {
         put_value_runs<iso_stts_entry>(out, track,
                                        [](const SampleFigures& sample) { return sample.duration; });
     });
-    if (!passes_agree(out, track, kSttsTable, size)) {
-        remark(track->file, "Pass1 1 %d Pass 2 %d --- dtd count %d\n",
-               shown(track->own->counted_sizes[kSttsTable]), shown(size), track->stts_count);
-    }
-    return size;
+    return checked(out, track, kSttsTable, size, "dtd count", track->stts_count);
 }
 
 uint64_t write_ctts(BoxWriter& out, iso_track* track) {
@@ -114,11 +117,7 @@ uint64_t write_ctts(BoxWriter& out, iso_track* track) {
         put_value_runs<iso_ctts_entry>(
             out, track, [](const SampleFigures& sample) { return sample.cts_offset; });
     });
-    if (!passes_agree(out, track, kCttsTable, size)) {
-        remark(track->file, "Pass1 1 %d Pass 2 %d --- cto count %d\n",
-               shown(track->own->counted_sizes[kCttsTable]), shown(size), track->ctts_count);
-    }
-    return size;
+    return checked(out, track, kCttsTable, size, "cto count", track->ctts_count);
 }
 
 uint64_t write_stsz(BoxWriter& out, iso_track* track) {
@@ -128,12 +127,9 @@ uint64_t write_stsz(BoxWriter& out, iso_track* track) {
         for (SampleWalk sample(track); !sample.at_end() && track->sample_size == 0; sample.next())
             out.u32(sample.figures().size);
     });
-    if (!passes_agree(out, track, kStszTable, size)) {
-        remark(track->file, "Pass1 1 %d Pass 2 %d --- sample size = %d sample count = %d\n",
-               shown(track->own->counted_sizes[kStszTable]), shown(size), shown(track->sample_size),
-               track->sample_count);
-    }
-    return size;
+    char what[64];
+    std::snprintf(what, sizeof what, "sample size = %d sample count =", shown(track->sample_size));
+    return checked(out, track, kStszTable, size, what, track->sample_count);
 }
 
 uint64_t write_stss(BoxWriter& out, iso_track* track) {
@@ -142,11 +138,7 @@ uint64_t write_stss(BoxWriter& out, iso_track* track) {
         for (const uint32_t sample : std::span(track->sync_samples, track->sync_count))
             out.u32(sample);
     });
-    if (!passes_agree(out, track, kStssTable, size)) {
-        remark(track->file, "Pass1 1 %d Pass 2 %d --- sample count = %d\n",
-               shown(track->own->counted_sizes[kStssTable]), shown(size), shown(track->sync_count));
-    }
-    return size;
+    return checked(out, track, kStssTable, size, "sample count =", track->sync_count);
 }
 
 uint64_t write_sbgp(BoxWriter& out, iso_track* track) {
@@ -156,11 +148,7 @@ uint64_t write_sbgp(BoxWriter& out, iso_track* track) {
         for (const auto* entry = track->sbgp_list; entry != nullptr; entry = entry->next)
             put(out, *entry);
     });
-    if (!passes_agree(out, track, kSbgpTable, size)) {
-        remark(track->file, "Pass1 1 %d Pass 2 %d --- sbgp count %d\n",
-               shown(track->own->counted_sizes[kSbgpTable]), shown(size), shown(track->sbgp_count));
-    }
-    return size;
+    return checked(out, track, kSbgpTable, size, "sbgp count", track->sbgp_count);
 }
 
 uint64_t write_stbl(BoxWriter& out, iso_track* track) {

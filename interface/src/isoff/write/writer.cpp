@@ -18,16 +18,6 @@
 namespace kestrel {
 namespace {
 
-enum WriteError {
-    kBadArgument = -1,
-    kNoMemory = -2,
-    kFellShort = -5,  // finalised already, or not all could be written
-    kTooLarge = -6,
-    kTooLong = -7,
-    kTrackClosed = -8,
-    kTrackTooLate = -9,
-};
-
 constexpr uint32_t kBoxSizeField = 4;
 constexpr uint32_t kFileOverhead = 24;  // added to the cost of a track by isoFFwrite
 
