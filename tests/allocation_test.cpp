@@ -45,15 +45,6 @@ class NoMemory : public testing::Test {
     int tried_ = 0;
 };
 
-struct HostCloser {
-    void operator()(kst_host* host) const { kst_host_close(host); }
-};
-using Host = std::unique_ptr<kst_host, HostCloser>;
-
-Host memory_host(const Bytes& file) {
-    return Host(kst_host_from_memory(file.data(), file.size()));
-}
-
 // What reads through a fault, and on when there is memory again, gets the rest of the stream.
 void expect_rest(const ReadCall& read, AllocationFault& fault, const Bytes& begun,
                  const Bytes& whole) {
@@ -76,10 +67,10 @@ TEST_F(NoMemory, FunctionApi) {
         const Bytes file = read_sample(medium.file);
         const Played whole = play(file, medium.mode);
         fail_each([&](AllocationFault& fault) {
-            const Host host = memory_host(file);
+            const MemoryHost host(file);
             mm_Interface* handle = nullptr;
-            const int32_t status = fault.during(
-                [&] { return kst_Open(&handle, kst_host_callbacks(host.get()), medium.mode); });
+            const int32_t status =
+                fault.during([&] { return kst_Open(&handle, host.table(), medium.mode); });
             if (status == KST_SUCCESS) {
                 expect_rest(read_call(handle, false), fault, {}, whole.stream);
                 kst_Close(&handle);
@@ -112,10 +103,10 @@ TEST_F(NoMemory, FunctionApiAtTheEndOfABlock) {
     const Bytes sample = read_sample("h263_hinted_1450.3gp");
     const auto blocks = [&](size_t bytes) {
         const Bytes file = with_description(sample, bytes);
-        const Host host = memory_host(file);
+        const MemoryHost host(file);
         mm_Interface* handle = nullptr;
         const int32_t before = malloccount;
-        EXPECT_EQ(kst_Open(&handle, kst_host_callbacks(host.get()), "vr"), KST_SUCCESS);
+        EXPECT_EQ(kst_Open(&handle, host.table(), "vr"), KST_SUCCESS);
         const int32_t taken = malloccount - before;
         kst_Close(&handle);
         return taken;
@@ -130,10 +121,9 @@ TEST_F(NoMemory, FunctionApiAtTheEndOfABlock) {
     const Bytes file = with_description(sample, exceeds);
     const Bytes whole = play(file, "vr").stream;
     fail_each([&](AllocationFault& fault) {
-        const Host host = memory_host(file);
+        const MemoryHost host(file);
         mm_Interface* handle = nullptr;
-        const int32_t status =
-            fault.during([&] { return kst_Open(&handle, kst_host_callbacks(host.get()), "vr"); });
+        const int32_t status = fault.during([&] { return kst_Open(&handle, host.table(), "vr"); });
         if (status == KST_SUCCESS) {
             expect_rest(read_call(handle, false), fault, {}, whole);
             kst_Close(&handle);
@@ -150,10 +140,10 @@ TEST_F(NoMemory, ClassApi) {
         const Bytes file = read_sample(medium.file);
         const Played whole = play(file, medium.mode, {.api = Api::kClass});
         fail_each([&](AllocationFault& fault) {
-            const Host host = memory_host(file);
+            const MemoryHost host(file);
             C3gpInterface player;
-            const unsigned int status = fault.during(
-                [&] { return player.Open(kst_host_callbacks(host.get()), medium.mode); });
+            const unsigned int status =
+                fault.during([&] { return player.Open(host.table(), medium.mode); });
             if (status == KST_SUCCESS) {
                 expect_rest(read_call(player, false), fault, {}, whole.stream);
                 return;
@@ -163,8 +153,7 @@ TEST_F(NoMemory, ClassApi) {
             }
             fault.repair();
             kst_host_rewind(host.get());
-            EXPECT_EQ(player.Open(kst_host_callbacks(host.get()), medium.mode) == KST_SUCCESS,
-                      whole.opened);
+            EXPECT_EQ(player.Open(host.table(), medium.mode) == KST_SUCCESS, whole.opened);
         });
     }
 }
@@ -174,9 +163,9 @@ TEST_F(NoMemory, Seeking) {
     const SyslogCapture log(5);
     const Bytes file = read_sample("amrnb_hinted_1450.3gp");
     const auto wander = [&](AllocationFault* fault) {
-        const Host host = memory_host(file);
+        const MemoryHost host(file);
         C3gpInterface player;
-        EXPECT_EQ(player.Open(kst_host_callbacks(host.get()), "ar"), KST_SUCCESS);
+        EXPECT_EQ(player.Open(host.table(), "ar"), KST_SUCCESS);
         Bytes begun(100);
         uint32_t size = 100;
         EXPECT_EQ(player.ReadChunk(begun.data(), &size, false), KST_SUCCESS);
@@ -206,10 +195,10 @@ TEST_F(NoMemory, BoxModel) {
         SCOPED_TRACE(name);
         const Bytes file = read_sample(name);
         const auto copy = [&](AllocationFault& fault) {
-            const Host in = memory_host(file);
-            const Host out(kst_host_for_writing_memory());
-            KST_IOSTREAM_CALLBACK_INTERFACE* from = kst_host_callbacks(in.get());
-            KST_IOSTREAM_CALLBACK_INTERFACE* to = kst_host_callbacks(out.get());
+            const MemoryHost in(file);
+            const MemoryHost out;
+            KST_IOSTREAM_CALLBACK_INTERFACE* from = in.table();
+            KST_IOSTREAM_CALLBACK_INTERFACE* to = out.table();
             const bool copied = fault.during([&] {
                 try {
                     Qvox3gp::Simple3gp boxes;
@@ -221,9 +210,7 @@ TEST_F(NoMemory, BoxModel) {
                 }
                 return false;
             });
-            size_t size = 0;
-            const auto* bytes = static_cast<const uint8_t*>(kst_host_written(out.get(), &size));
-            return copied ? Bytes(bytes, bytes + size) : Bytes();
+            return copied ? out.written() : Bytes();
         };
         AllocationFault none(0, false);
         none.repair();
@@ -242,17 +229,14 @@ TEST_F(NoMemory, Writer) {
     for (const bool direct : {false, true}) {
         SCOPED_TRACE(direct);
         fail_each([&](AllocationFault& fault) {
-            const Host host(kst_host_for_writing_memory());
+            const MemoryHost host;
             const Around around = [&](const std::function<void()>& call) { fault.during(call); };
-            const Writing writing =
-                write_every_codec(kst_host_callbacks(host.get()), direct, around);
+            const Writing writing = write_every_codec(host.table(), direct, around);
             EXPECT_THAT(writing.open_error, AnyOf(0, -2));
             // The host too may have had no memory.
             EXPECT_THAT(writing.failures, Each(AnyOf(-2, -5)));
             if (writing.open_error != 0 || writing.closed != 0) return;
-            size_t size = 0;
-            const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host.get(), &size));
-            EXPECT_EQ(samples_in(Bytes(bytes, bytes + size)), writing.samples);
+            EXPECT_EQ(samples_in(host.written()), writing.samples);
         });
     }
 }
@@ -261,8 +245,8 @@ TEST_F(NoMemory, ReaderFunctions) {
     const Bytes file = read_sample("h264_hinted.3gp");
     const uint8_t sets[] = {0, 0, 0, 1, 0x67, 66, 0, 30, 0, 0, 0, 1, 0x68, 9};
     fail_each([&](AllocationFault& fault) {
-        const Host host = memory_host(file);
-        auto* callbacks = kst_host_callbacks(host.get());
+        const MemoryHost host(file);
+        auto* callbacks = host.table();
         iso_file* iso = isoFFopen(callbacks, "r", nullptr);
         iso_track* media = isoFFselect(iso, "vide", 1);
         ASSERT_NE(media, nullptr);
@@ -322,7 +306,7 @@ TEST_F(NoMemory, Packer) {
     stream.resize(68 + 2 * 185);  // fewer frames than it declares
     fail_each([&](AllocationFault& fault) {
         const kst_pack_options options = {sizeof options, KST_PACK_HINT};
-        const Host host(kst_host_for_writing_memory());
+        const MemoryHost host;
         const int status = fault.during([&] {
             kst_packer* packer = kst_packer_open(&options);
             if (packer == nullptr) return int{KST_PACK_NO_MEMORY};
@@ -331,7 +315,7 @@ TEST_F(NoMemory, Packer) {
                 const int before = std::exchange(fed, kst_packer_feed(packer, 0, &byte, 1));
                 EXPECT_TRUE(before == KST_PACK_DONE || before == fed);
             }
-            const int written = kst_packer_write(packer, kst_host_callbacks(host.get()), nullptr);
+            const int written = kst_packer_write(packer, host.table(), nullptr);
             EXPECT_TRUE(fed == KST_PACK_DONE || fed == written);
             kst_packer_close(packer);
             return written;

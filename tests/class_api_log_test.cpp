@@ -269,10 +269,10 @@ TEST(ClassOpen, AnswersTheDocumentedStatusAndLine) {
     int tried = 0;
     for (const OpenCase& c : open_cases()) {
         SCOPED_TRACE(c.what + " " + c.mode + ": " + c.message);
-        kst_host* host = kst_host_from_memory(c.file.data(), c.file.size());
+        const MemoryHost host(c.file);
         C3gpInterface player;
         const SyslogCapture log(3);
-        EXPECT_EQ(player.Open(kst_host_callbacks(host), c.mode), c.status);
+        EXPECT_EQ(player.Open(host.table(), c.mode), c.status);
         ASSERT_FALSE(log.lines().empty());
         EXPECT_EQ(log.messages().back(), "ERR: " + c.message);
         for (const std::string& line : log.lines()) {
@@ -283,7 +283,6 @@ TEST(ClassOpen, AnswersTheDocumentedStatusAndLine) {
         unsigned char byte = 0;
         EXPECT_EQ(player.ReadChunk(&byte, &size, false), KST_NOT_OPEN);
         EXPECT_EQ(size, 0u);
-        kst_host_close(host);
         ++tried;
     }
     EXPECT_GT(tried, 40);

@@ -52,9 +52,9 @@ TEST(FunctionApi, OfSeveralTracksTheLastIsPlayed) {
 
 TEST(FunctionApi, HeaderRecordsThenFramesInTwoCalls) {
     const Bytes file = read_sample("amrnb_dtx_hinted.3gp");
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    const MemoryHost host(file);
     mm_Interface* handle = nullptr;
-    ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), "Ra"), KST_SUCCESS);
+    ASSERT_EQ(kst_Open(&handle, host.table(), "Ra"), KST_SUCCESS);
     Bytes buffer(KST_LARGEST_CHUNK);
     uint8_t last_mode_byte = 0;
     for (const uint32_t expected : {24u, 16u, 12u, 16u}) {
@@ -86,7 +86,6 @@ TEST(FunctionApi, HeaderRecordsThenFramesInTwoCalls) {
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(kst_Close(&handle), KST_SUCCESS);
     EXPECT_EQ(handle, nullptr);
-    kst_host_close(host);
 }
 
 // A host whose buffer is too small in every call is given the size needed, and misses nothing. The
@@ -98,9 +97,9 @@ TEST(FunctionApi, ChunkWithoutRoomStays) {
         SCOPED_TRACE(medium.file);
         const Bytes file = read_sample(medium.file);
         const Bytes whole = play(file, medium.mode).stream;
-        kst_host* host = kst_host_from_memory(file.data(), file.size());
+        const MemoryHost host(file);
         mm_Interface* handle = nullptr;
-        ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), medium.mode), KST_SUCCESS);
+        ASSERT_EQ(kst_Open(&handle, host.table(), medium.mode), KST_SUCCESS);
         Bytes stream;
         int32_t status = KST_SUCCESS;
         while (status == KST_SUCCESS) {
@@ -120,7 +119,6 @@ TEST(FunctionApi, ChunkWithoutRoomStays) {
         EXPECT_EQ(kst_ReadChunk(handle, &byte, &size, false), KST_END_OF_FILE);
         EXPECT_TRUE(stream == whole);
         kst_Close(&handle);
-        kst_host_close(host);
     }
 }
 
@@ -165,9 +163,9 @@ TEST(FunctionApi, VideoCallsAlternateBetweenRecordAndPackets) {
                                         {"h264_plain.3gp", 452u}}) {
         SCOPED_TRACE(name);
         const Bytes file = read_sample(name);
-        kst_host* host = kst_host_from_memory(file.data(), file.size());
+        const MemoryHost host(file);
         mm_Interface* handle = nullptr;
-        ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), "vr"), KST_SUCCESS);
+        ASSERT_EQ(kst_Open(&handle, host.table(), "vr"), KST_SUCCESS);
         Bytes buffer(KST_LARGEST_CHUNK);
         std::vector<uint32_t> sizes;
         const auto read = [&] {
@@ -196,7 +194,6 @@ TEST(FunctionApi, VideoCallsAlternateBetweenRecordAndPackets) {
         }
         EXPECT_EQ(frames, 30);
         kst_Close(&handle);
-        kst_host_close(host);
     }
 }
 
@@ -241,15 +238,14 @@ TEST(FunctionApi, DamagedSecondConfigurationLeavesNoParameterSets) {
     const Bytes good = box("avcC", {{1, 66, 0, 30, 0xFF, 0xE1}, be16(200), set, {0}});
     const Bytes cut = box("avcC", {{1, 66, 0, 30, 0xFC, 0xFF}, be16(9)});
     const Bytes file = video_file(visual_entry("avc1", join({good, cut})), {10}, Bytes(10, 0x65));
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
+    const MemoryHost host(file);
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = host.table();
     iso_file* iso = isoFFopen(callbacks, "r", nullptr);
     const iso_track* damaged = isoFFselect(iso, "vide", 1);
     ASSERT_NE(damaged, nullptr);
     EXPECT_EQ(damaged->sps_count + damaged->pps_count, 0u);
     EXPECT_EQ(damaged->param_sets_length, 0u);
     isoFFclose(iso);
-    kst_host_close(host);
 }
 
 TEST(FunctionApi, ConfigurationsBeginWithTheirStartCode) {
@@ -278,9 +274,9 @@ TEST(FunctionApi, GrowingConfigurationsTakeLittleMemory) {
         media.insert(media.end(), sample.begin(), sample.end());
     }
     const Bytes file = video_file(visual_entry("mp4v", {}), sizes, media);
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    const MemoryHost host(file);
     mm_Interface* handle = nullptr;
-    ASSERT_EQ(kst_Open(&handle, kst_host_callbacks(host), "vr"), KST_SUCCESS);
+    ASSERT_EQ(kst_Open(&handle, host.table(), "vr"), KST_SUCCESS);
     const int32_t before = malloccount;
     Bytes buffer(KST_LARGEST_CHUNK);
     int32_t status = KST_SUCCESS;
@@ -291,7 +287,6 @@ TEST(FunctionApi, GrowingConfigurationsTakeLittleMemory) {
     EXPECT_EQ(status, KST_END_OF_FILE);
     EXPECT_LT(malloccount - before, 12);  // of 396 samples, each with a larger one
     kst_Close(&handle);
-    kst_host_close(host);
 }
 
 // A frame that outgrows the handle's buffers is staged in one of its own, up to 16 MiB with the
@@ -374,11 +369,11 @@ TEST(FunctionApi, OpenAnswersTheDocumentedStatusAndLine) {
     for (const OpenCase& c : cases) {
         SCOPED_TRACE(std::string(c.file) + " " + c.mode);
         const Bytes file = read_sample(c.file);
-        kst_host* host = kst_host_from_memory(file.data(), file.size());
+        const MemoryHost host(file);
         auto* const untouched = reinterpret_cast<mm_Interface*>(16);
         mm_Interface* handle = untouched;
         const SyslogCapture log(3);
-        EXPECT_EQ(kst_Open(&handle, kst_host_callbacks(host), c.mode), c.status);
+        EXPECT_EQ(kst_Open(&handle, host.table(), c.mode), c.status);
         if (c.status == KST_SUCCESS) {
             EXPECT_THAT(log.lines(), testing::IsEmpty());
             kst_Close(&handle);
@@ -387,7 +382,6 @@ TEST(FunctionApi, OpenAnswersTheDocumentedStatusAndLine) {
             EXPECT_THAT(log.messages(), testing::ElementsAre(c.message));
             EXPECT_THAT(log.lines()[0], testing::HasSubstr(".//interface/src/mmfiInterface("));
         }
-        kst_host_close(host);
     }
 }
 

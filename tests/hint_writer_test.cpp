@@ -91,12 +91,6 @@ class Hinted {
     std::optional<Opened> opened_;
 };
 
-using Random = std::mt19937;
-
-int pick(Random& random, int from, int to) {
-    return std::uniform_int_distribution<int>(from, to)(random);
-}
-
 Bytes random_bytes(Random& random, size_t size) {
     Bytes bytes(size);
     for (uint8_t& byte : bytes)

@@ -41,28 +41,20 @@ kst_hint_options asking(uint32_t flags, uint32_t max_packet = 0) {
 Hinted hint(KST_IOSTREAM_CALLBACK_INTERFACE* source, const kst_hint_options& options) {
     Hinted hinted;
     hinted.report.struct_size = sizeof hinted.report;
-    kst_host* to = kst_host_for_writing_memory();
-    hinted.result = kst_hint(source, kst_host_callbacks(to), &options, &hinted.report);
-    size_t size = 0;
-    const auto* bytes = static_cast<const uint8_t*>(kst_host_written(to, &size));
-    hinted.file.assign(bytes, bytes + size);
-    kst_host_close(to);
+    const MemoryHost to;
+    hinted.result = kst_hint(source, to.table(), &options, &hinted.report);
+    hinted.file = to.written();
     return hinted;
 }
 
 Hinted hint(const Bytes& source, const kst_hint_options& options = asking(0)) {
-    kst_host* from = kst_host_from_memory(source.data(), source.size());
-    Hinted hinted = hint(kst_host_callbacks(from), options);
-    kst_host_close(from);
-    return hinted;
+    return hint(MemoryHost(source).table(), options);
 }
 
 Movie import(const Bytes& file) {
     Movie movie;
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
-    const auto result = import_movie(*kst_host_callbacks(host), {}, movie);
+    const auto result = import_movie(*MemoryHost(file).table(), {}, movie);
     EXPECT_TRUE(result.ok) << result.error;
-    kst_host_close(host);
     return movie;
 }
 
@@ -240,9 +232,9 @@ void expect_right_seeks(const Bytes& file, const HintedMedium& medium) {
         if (sample.is_sync) syncs.push_back(static_cast<uint32_t>(begins.size()));
         time += sample.duration;
     }
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    const MemoryHost host(file);
     C3gpInterface player;
-    ASSERT_EQ(player.Open(kst_host_callbacks(host), medium.mode), 0U);
+    ASSERT_EQ(player.Open(host.table(), medium.mode), 0U);
     for (uint64_t ms = 0; ms * track.timescale < time * 1000; ms += ms % 5 + 1) {
         const auto at = std::upper_bound(begins.begin(), begins.end(), ms * track.timescale / 1000);
         const auto sample = static_cast<uint32_t>(at - begins.begin());
@@ -257,8 +249,6 @@ void expect_right_seeks(const Bytes& file, const HintedMedium& medium) {
             ASSERT_EQ(seek.nTime, begins[wanted - 1] * 1000 / track.timescale);
         }
     }
-    player.Close();
-    kst_host_close(host);
 }
 
 TEST_P(Clip, SeeksToTheSampleOfATime) {

@@ -11,10 +11,10 @@
 #include <sstream>
 
 #include "common/bytes.h"
-#include "kestrel/hosts.h"
 #include "tests/support/faulty_host.h"
 #include "tests/support/files.h"
 #include "tests/support/md5.h"
+#include "tests/support/memory_host.h"
 #include "tests/support/movie_forms.h"
 
 namespace {
@@ -28,9 +28,7 @@ struct Imported {
 
 Imported import_bytes(const Bytes& file, const Options& options = {}) {
     Imported imported;
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
-    imported.result = import_movie(*kst_host_callbacks(host), options, imported.movie);
-    kst_host_close(host);
+    imported.result = import_movie(*MemoryHost(file).table(), options, imported.movie);
     return imported;
 }
 

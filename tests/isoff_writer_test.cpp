@@ -45,12 +45,6 @@ struct Sample {
     int cts_offset;
 };
 
-using Random = std::mt19937;
-
-int pick(Random& random, int from, int to) {
-    return std::uniform_int_distribution<int>(from, to)(random);
-}
-
 Bytes random_bytes(Random& random, int size) {
     Bytes bytes(static_cast<size_t>(size));
     for (uint8_t& byte : bytes)

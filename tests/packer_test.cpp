@@ -47,7 +47,7 @@ Packed pack(const std::vector<Bytes>& streams, const How& how = {}) {
     Packed packed;
     const kst_pack_options options = {sizeof options, how.flags};
     kst_packer* packer = kst_packer_open(&options);
-    kst_host* host = kst_host_for_writing_memory();
+    const MemoryHost host;
     for (uint32_t i = 0; i < streams.size(); ++i) {
         for (std::span<const uint8_t> rest(streams[i]); !rest.empty();) {
             const auto piece = rest.first(std::min(how.piece, rest.size()));
@@ -56,7 +56,7 @@ Packed pack(const std::vector<Bytes>& streams, const How& how = {}) {
         }
     }
     packed.report.struct_size = sizeof packed.report;
-    packed.status = kst_packer_write(packer, kst_host_callbacks(host), &packed.report);
+    packed.status = kst_packer_write(packer, host.table(), &packed.report);
     for (uint32_t i = 0; i < streams.size(); ++i) {
         kst_pack_stream about = {};
         about.struct_size = sizeof about;
@@ -64,10 +64,7 @@ Packed pack(const std::vector<Bytes>& streams, const How& how = {}) {
         packed.streams.push_back(about);
     }
     kst_packer_close(packer);
-    size_t size = 0;
-    const auto* written = static_cast<const uint8_t*>(kst_host_written(host, &size));
-    packed.file.assign(written, written + size);
-    kst_host_close(host);
+    packed.file = host.written();
     return packed;
 }
 
@@ -81,9 +78,7 @@ struct MediaSample {
 std::vector<MediaSample> samples_of(const Bytes& file, const char* mode,
                                     importer::Track* about = nullptr) {
     importer::Movie movie;
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
-    EXPECT_TRUE(import_movie(*kst_host_callbacks(host), {}, movie).ok);
-    kst_host_close(host);
+    EXPECT_TRUE(import_movie(*MemoryHost(file).table(), {}, movie).ok);
     std::vector<MediaSample> samples;
     const uint32_t handler = fourcc(mode[0] == 'a' ? "soun" : "vide");
     for (const importer::Track& track : movie.tracks) {
@@ -321,10 +316,9 @@ TEST(Packer, RefusesArgumentsThatItCannotServe) {
     EXPECT_EQ(kst_packer_feed(packer, KST_PACK_MOST_STREAMS, &byte, 1), KST_PACK_BAD_ARGUMENT);
     EXPECT_EQ(kst_packer_feed(packer, 0, nullptr, 1), KST_PACK_BAD_ARGUMENT);
     EXPECT_EQ(kst_packer_write(packer, nullptr, nullptr), KST_PACK_BAD_ARGUMENT);
-    kst_host* host = kst_host_for_writing_memory();
-    EXPECT_EQ(kst_packer_write(packer, kst_host_callbacks(host), nullptr), KST_PACK_REFUSED);
+    const MemoryHost host;
+    EXPECT_EQ(kst_packer_write(packer, host.table(), nullptr), KST_PACK_REFUSED);
     EXPECT_EQ(kst_packer_feed(packer, 0, &byte, 1), KST_PACK_BAD_ARGUMENT);
-    kst_host_close(host);
     kst_packer_close(packer);
     kst_packer_close(nullptr);
 }

@@ -24,10 +24,9 @@ struct ProbeCloser {
 using Probe = std::unique_ptr<kst_probe, ProbeCloser>;
 
 Probe probe_of(const Bytes& file) {
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    const MemoryHost host(file);
     kst_probe* probe = nullptr;
-    EXPECT_EQ(kst_probe_open(&probe, kst_host_callbacks(host)), KST_SUCCESS);
-    kst_host_close(host);
+    EXPECT_EQ(kst_probe_open(&probe, host.table()), KST_SUCCESS);
     return Probe(probe);
 }
 

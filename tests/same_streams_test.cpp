@@ -55,9 +55,9 @@ void add_seek(Digest& digest, C3gpInterface& player, uint32_t time, uint32_t fla
 }
 
 void add_seeks(Digest& digest, const Bytes& file, const char* mode) {
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
+    const MemoryHost host(file);
     C3gpInterface player;
-    digest.add(player.Open(kst_host_callbacks(host), mode));
+    digest.add(player.Open(host.table(), mode));
     for (const uint32_t time : {0u, 20u, 33u, 41u, 100u, 334u, 501u, 1001u, 2002u, 5000u, 14280u}) {
         for (const uint32_t sync :
              {KST_SEEK_NEXT_SYNC, KST_SEEK_PREVIOUS_SYNC, KST_SEEK_NEAREST_SYNC}) {
@@ -66,7 +66,6 @@ void add_seeks(Digest& digest, const Bytes& file, const char* mode) {
         }
     }
     player.Close();
-    kst_host_close(host);
 }
 
 // Returns the status of opening.

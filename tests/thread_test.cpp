@@ -66,21 +66,18 @@ TEST(Threads, HandlesPlayAsTheyDoAlone) {
 TEST(Threads, PlayersSeek) {
     const Bytes file = read_sample("amrnb_hinted_1450.3gp");
     const auto wander = [&] {
-        kst_host* host = kst_host_from_memory(file.data(), file.size());
+        const MemoryHost host(file);
         Bytes stream;
-        {
-            C3gpInterface player;
-            EXPECT_EQ(player.Open(kst_host_callbacks(host), "ar"), KST_SUCCESS);
-            Bytes buffer(500);
-            for (const uint32_t ms : {0u, 1000u, 400u, 2000u, 20u}) {
-                _TAG_KST_SEEK_PARAMS to{0, ms, 0, 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC};
-                EXPECT_EQ(player.SeekTo(&to), KST_SUCCESS);
-                uint32_t size = 500;
-                EXPECT_EQ(player.ReadChunk(buffer.data(), &size, true), KST_SUCCESS);
-                stream.insert(stream.end(), buffer.begin(), buffer.end());
-            }
+        C3gpInterface player;
+        EXPECT_EQ(player.Open(host.table(), "ar"), KST_SUCCESS);
+        Bytes buffer(500);
+        for (const uint32_t ms : {0u, 1000u, 400u, 2000u, 20u}) {
+            _TAG_KST_SEEK_PARAMS to{0, ms, 0, 0, KST_SEEK_ABSOLUTE | KST_SEEK_NEXT_SYNC};
+            EXPECT_EQ(player.SeekTo(&to), KST_SUCCESS);
+            uint32_t size = 500;
+            EXPECT_EQ(player.ReadChunk(buffer.data(), &size, true), KST_SUCCESS);
+            stream.insert(stream.end(), buffer.begin(), buffer.end());
         }
-        kst_host_close(host);
         return stream;
     };
     const Bytes alone = wander();
@@ -93,8 +90,8 @@ TEST(Threads, PlayersSeek) {
 // Files are written in all threads, and what the allocation counters say is lost nowhere.
 TEST(Threads, FilesAreWritten) {
     const auto write = [](unsigned samples) {
-        kst_host* host = kst_host_for_writing_memory();
-        KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
+        const MemoryHost host;
+        KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = host.table();
         iso_file* file = isoFFopen(callbacks, "w", nullptr);
         file->creation_time = file->modification_time = 0;
         iso_track* track = amr_isoFFtrack(file, 0, 0x81FF, 1);
@@ -105,11 +102,7 @@ TEST(Threads, FilesAreWritten) {
             EXPECT_GT(isoFFwriteHint(hint, sample.data(), 32, 160, 0), 0);
         }
         EXPECT_EQ(isoFFclose(file), 0);
-        size_t size = 0;
-        const auto* bytes = static_cast<const uint8_t*>(kst_host_written(host, &size));
-        Bytes written(bytes, bytes + size);
-        kst_host_close(host);
-        return written;
+        return host.written();
     };
     const int32_t before = malloccount;
     const Bytes alone = write(200);

@@ -13,8 +13,7 @@
 #include "boxes/box_base.h"
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
-#include "kestrel/hosts.h"
-#include "tests/support/files.h"
+#include "tests/support/memory_host.h"
 
 inline Bytes operator+(Bytes left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
@@ -45,30 +44,18 @@ inline Bytes full_box(std::string_view type, const Bytes& body = {}) {
 // A stream that closes itself; reading bytes that it keeps, or writing.
 class MemoryStream {
   public:
-    MemoryStream() : host_(kst_host_for_writing_memory()) { open(); }
-    explicit MemoryStream(Bytes bytes)
-        : bytes_(std::move(bytes)), host_(kst_host_from_memory(bytes_.data(), bytes_.size())) {
-        open();
-    }
-    MemoryStream(const MemoryStream&) = delete;
-    MemoryStream& operator=(const MemoryStream&) = delete;
-    ~MemoryStream() { kst_host_close(host_); }
+    MemoryStream() = default;
+    explicit MemoryStream(Bytes bytes) : bytes_(std::move(bytes)), host_(bytes_) {}
 
     Qvox3gp::Stream& io() { return io_; }
-    uint32_t size() const { return kst_host_bytes_available(host_); }
+    uint32_t size() const { return kst_host_bytes_available(host_.get()); }
     uint32_t position() { return Qvox3gp::macro_Tell(io_); }
-    Bytes written() const {
-        size_t size = 0;
-        const auto* data = static_cast<const uint8_t*>(kst_host_written(host_, &size));
-        return {data, data + size};
-    }
+    Bytes written() const { return host_.written(); }
 
   private:
-    void open() { io_ = kst_host_callbacks(host_); }
-
     Bytes bytes_;
-    kst_host* host_;
-    Qvox3gp::Stream io_ = nullptr;
+    MemoryHost host_;
+    Qvox3gp::Stream io_ = host_.table();
 };
 
 // The bytes that a box dumps.

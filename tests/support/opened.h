@@ -5,26 +5,20 @@
 
 #include <gtest/gtest.h>
 
-#include "kestrel/hosts.h"
 #include "kestrel/isoff.h"
-#include "tests/support/files.h"
+#include "tests/support/memory_host.h"
 
 // An open file with its bytes and the host under it, and what opening it printed.
 class Opened {
   public:
     explicit Opened(Bytes bytes) : bytes_(std::move(bytes)) {
-        host_ = kst_host_from_memory(bytes_.data(), bytes_.size());
-        callbacks_ = kst_host_callbacks(host_);
         testing::internal::CaptureStderr();
         file = isoFFopen(callbacks_, "r", nullptr);
         printed = testing::internal::GetCapturedStderr();
     }
     Opened(const Opened&) = delete;
     Opened& operator=(const Opened&) = delete;
-    ~Opened() {
-        isoFFclose(file);
-        kst_host_close(host_);
-    }
+    ~Opened() { isoFFclose(file); }
 
     iso_track* track(int n = 1) { return isoFFselect(file, nullptr, n); }
 
@@ -33,8 +27,8 @@ class Opened {
 
   private:
     Bytes bytes_;
-    kst_host* host_;
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_;
+    MemoryHost host_{bytes_};
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks_ = host_.table();
 };
 
 #endif

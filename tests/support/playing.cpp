@@ -127,10 +127,7 @@ Played play(kst_host* host, const char* mode, const Playing& how) {
 }
 
 Played play(const Bytes& file, const char* mode, const Playing& how) {
-    kst_host* host = kst_host_from_memory(file.data(), file.size());
-    Played played = play(host, mode, how);
-    kst_host_close(host);
-    return played;
+    return play(MemoryHost(file).get(), mode, how);
 }
 
 Played play_arriving(const Bytes& file, const char* mode, uint32_t step, const Playing& how) {

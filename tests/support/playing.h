@@ -8,10 +8,10 @@
 #include <ostream>
 
 #include "kestrel/c3gpinterface.h"
-#include "kestrel/hosts.h"
 #include "kestrel/kestrel.h"
 #include "tests/support/faulty_host.h"
 #include "tests/support/files.h"
+#include "tests/support/memory_host.h"
 
 // The library's two ways in: kst_Open and C3gpInterface.
 enum class Api { kFunction, kClass };

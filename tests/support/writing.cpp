@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/writing.h"
+#include "tests/support/memory_host.h"
 
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
@@ -108,13 +109,12 @@ Writing write_every_codec(KST_IOSTREAM_CALLBACK_INTERFACE* stream, bool direct,
 }
 
 int32_t samples_in(const Bytes& bytes) {
-    kst_host* host = kst_host_from_memory(bytes.data(), bytes.size());
-    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = kst_host_callbacks(host);
+    const MemoryHost host(bytes);
+    KST_IOSTREAM_CALLBACK_INTERFACE* callbacks = host.table();
     iso_file* file = isoFFopen(callbacks, "r", nullptr);
     int32_t samples = 0;
     for (int i = 1; const iso_track* track = isoFFselect(file, nullptr, i); ++i)
         samples += track->sample_count;
     isoFFclose(file);
-    kst_host_close(host);
     return samples;
 }

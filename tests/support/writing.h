@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <random>
 
 #include "interface/src/isoff/record/record.h"
 #include "kestrel/isoff.h"
@@ -27,6 +28,11 @@ iso_track* h263_track(iso_file* file);
 iso_track* mpeg4_track(iso_file* file);
 iso_track* h264_track(iso_file* file);
 iso_track* hint_track(iso_track* media);
+
+using Random = std::mt19937;
+inline int pick(Random& random, int from, int to) {
+    return std::uniform_int_distribution<int>(from, to)(random);
+}
 
 // Writes a sample of so many bytes.
 int write(iso_track* track, int size = 1, int duration = 160);
