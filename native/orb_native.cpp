@@ -14,8 +14,6 @@ using namespace kestrel;
 
 namespace {
 
-constexpr int32_t kMaxPayload = 1400;
-
 // What the init calls install for a codec. An accepted codec may have no packetiser.
 struct CodecEntry {
     int32_t codec;
@@ -77,7 +75,7 @@ int tel_native_init(tel_native* state, int payload_type, int max_packet, int mod
     if (entry == nullptr) return -1;
     *state = tel_native{};
     state->codec = static_cast<uint32_t>(track->codec);
-    state->max_payload = kMaxPayload;
+    state->max_payload = kMaxPacketBytes;
     state->packetise = entry->tel;
     init_header(state->hdr, payload_type, mode, flags, entry->clock);
     if (track->codec == ISO_CODEC_AVC1) {

@@ -29,6 +29,8 @@ namespace {
 constexpr uint32_t kAllFlags =
     KST_HINT_RFC2190 | KST_HINT_REPLACE | KST_HINT_DROP_OTHERS | KST_HINT_SALVAGE;
 
+static_assert(KST_HINT_DEFAULT_PACKET == kMaxPacketBytes);
+
 struct Options {
     uint32_t flags = 0;
     uint32_t max_packet = KST_HINT_DEFAULT_PACKET;

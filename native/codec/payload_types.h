@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// RTP payload types and clocks.
+// RTP payload types, clocks and the longest packet.
 #ifndef KESTREL_CODEC_PAYLOAD_TYPES_H
 #define KESTREL_CODEC_PAYLOAD_TYPES_H
 
@@ -19,6 +19,10 @@ inline constexpr int kNativeAmrWideBandPayloadType = 102;
 inline constexpr int kNativeH263PayloadType = kRfc2190PayloadType;
 inline constexpr int kNativeMpeg4PayloadType = 102;
 inline constexpr int kNativeH264PayloadType = 103;
+
+// Bytes of the longest packet of a hint track that the function API plays, and of the payload of
+// the longest that it makes.
+inline constexpr int kMaxPacketBytes = 1400;
 
 }  // namespace kestrel
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "interface/src/isoff/record/private.h"
+#include "native/codec/payload_types.h"
 #include "tools/report/markup.h"
 
 namespace tool {
@@ -14,7 +15,6 @@ namespace {
 
 constexpr double kWide = 1000;  // of every drawing, in its own units
 constexpr double kHigh = 100;
-constexpr uint32_t kLongestAccepted = 1400;  // bytes of a packet that the function API takes
 constexpr char kBarsLegend[] = "; full colour: the mean, pale: the most";
 constexpr double kLabelled = 0.97;  // of the height; the title stands above
 constexpr size_t kBarsApart = 80;   // so many bars at most stand apart
@@ -303,7 +303,9 @@ std::string packet_size_chart(const TrackFigures& figures, double total) {
     constexpr uint32_t kNearLimit = 700;
     const bool limit = packets.sizes.most >= kNearLimit;
     const Scale scale =
-        scale_for(limit ? std::max(packets.sizes.most, kLongestAccepted) : packets.sizes.most, 1);
+        scale_for(limit ? std::max(packets.sizes.most, uint32_t{kestrel::kMaxPacketBytes})
+                        : packets.sizes.most,
+                  1);
     const Grid grid(figures, total);
     std::string caption = show_count(packets.packets) +
                           (packets.packets == 1 ? " packet of " : " packets of ") +
@@ -312,9 +314,10 @@ std::string packet_size_chart(const TrackFigures& figures, double total) {
     if (limit) caption += "; dashed: 1,400, the most that the function API accepts";
     Figure figure("Packet sizes, bytes", caption, "", scale);
     figure.add_marks();
-    add_values(figure, packets.size_by_time, grid, scale, " bytes", kLongestAccepted);
+    add_values(figure, packets.size_by_time, grid, scale, " bytes",
+               uint32_t{kestrel::kMaxPacketBytes});
     figure.add_line("base", kHigh, kWide);
-    if (limit) figure.add_line("limit", scale.y(kLongestAccepted), kWide);
+    if (limit) figure.add_line("limit", scale.y(uint32_t{kestrel::kMaxPacketBytes}), kWide);
     return figure.finish();
 }
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "interface/src/isoff/record/private.h"
+#include "native/codec/payload_types.h"
 #include "tools/report/charts.h"
 #include "tools/report/markup.h"
 #include "tools/report/style.h"
@@ -470,8 +471,7 @@ class Page {
                            fact("", show_count(track->rtp_max_packet)) + " bytes · clock " +
                            fact("", show_count(track->rtp_timescale)) + " Hz · " +
                            fact("", show_bytes(track->total_bytes)) + " of hints";
-        constexpr uint32_t kLongestAccepted = 1400;
-        if (track->rtp_max_packet > kLongestAccepted) {
+        if (track->rtp_max_packet > uint32_t{kestrel::kMaxPacketBytes}) {
             line += " · more than 1,400, so the function API cuts its own packets";
         }
         out_ += "<p class=\"facts\">" + line + "</p>";

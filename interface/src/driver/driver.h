@@ -18,6 +18,11 @@ enum DriverVideoCodec : unsigned int { kH263 = 0, kH263_1998 = 1, kMpeg4 = 2, kN
 // these have arrived.
 inline constexpr uint32_t kTrustedBytes = 65536;
 
+// The place of a line of the driver.
+inline LogSite here(long line = __builtin_LINE()) {
+    return at(kDriverSource, line);
+}
+
 // For log lines.
 inline uintptr_t address(const void* pointer) {
     return reinterpret_cast<uintptr_t>(pointer);

@@ -35,7 +35,7 @@ unsigned int C3gpInterface::ReadChunk(unsigned char* buffer, unsigned int* size,
     if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
     if (size == nullptr || (buffer == nullptr && wanted > 0)) return m_uStatus = KST_BAD_ARGUMENT;
     m_fArriving = arriving;
-    run_guarded(m_uStatus, at(kDriverSource), [&] { *size = Read(buffer, wanted); });
+    run_guarded(m_uStatus, here(), [&] { *size = Read(buffer, wanted); });
     return m_uStatus;
 }
 
@@ -46,29 +46,29 @@ unsigned int C3gpInterface::Read(unsigned char* buffer, unsigned int wanted) {
     m_WorkBefore = m_Work;
     unsigned int available = 0;
     const unsigned char* data = GetPropBuffer(&available);
-    log_line(kVerbose, at(kDriverSource), "%d bytes requested, %d bytes available", wanted,
+    log_line(kVerbose, here(), "%d bytes requested, %d bytes available", wanted,
              static_cast<unsigned int>(TakenBytes() + available));
     while (wanted > TakenBytes() + uint64_t{available}) {
-        log_line(kVerbose, at(kDriverSource), "In while loop.  uToWrite: %d  uBytesAvail: %d",
+        log_line(kVerbose, here(), "In while loop.  uToWrite: %d  uBytesAvail: %d",
                  static_cast<unsigned int>(wanted - TakenBytes()), available);
         m_Taken.insert(m_Taken.end(), data, data + available);
         MarkPropBytesRead(available);
         if (!GetNextFrame()) {
-            log_line(kVerbose, at(kDriverSource), "EOF reached");
+            log_line(kVerbose, here(), "EOF reached");
             m_uStatus = KST_END_OF_FILE;
             const auto last = static_cast<unsigned int>(TakenBytes());
             Deliver(buffer, last);
             return last;
         }
         if (m_uStatus == KST_NOT_YET) {
-            log_line(kVerbose, at(kDriverSource), "Waiting for more FIO data...");
+            log_line(kVerbose, here(), "Waiting for more FIO data...");
             return 0;
         }
         data = GetPropBuffer(&available);
     }
     const auto kept = static_cast<unsigned int>(std::min<size_t>(TakenBytes(), wanted));
-    log_line(kVerbose, at(kDriverSource), "Exited while loop.  uToWrite: %d  uBytesAvail: %d",
-             wanted - kept, available);
+    log_line(kVerbose, here(), "Exited while loop.  uToWrite: %d  uBytesAvail: %d", wanted - kept,
+             available);
     if (wanted > kept) std::memcpy(buffer + kept, data, wanted - kept);
     MarkPropBytesRead(wanted - kept);
     Deliver(buffer, kept);
@@ -111,10 +111,10 @@ bool C3gpInterface::GetNextFrame() {
     const uint64_t from = m_uBytesHandled;
     int passes = 0;
     for (; passes < kMaxInvalid && m_uBytesHandled - from <= kMaxInvalidBytes; ++passes) {
-        log_line(kVerbose, at(kDriverSource), "In do loop in GetNextFrame()");
+        log_line(kVerbose, here(), "In do loop in GetNextFrame()");
         FinishPass();  // after an earlier call that failed
         if (m_fEndOfFile) {
-            log_line(kVerbose, at(kDriverSource), "Exiting GetNextFrame() due to EOF");
+            log_line(kVerbose, here(), "Exiting GetNextFrame() due to EOF");
             return false;
         }
         LimitWork();
@@ -127,13 +127,13 @@ bool C3gpInterface::GetNextFrame() {
         m_fPassOpen = true;
         FinishPass();
         if (frame == Fetched::kBytes) {
-            log_line(kVerbose, at(kDriverSource), "Exiting GetNextFrame() with valid packet.");
+            log_line(kVerbose, here(), "Exiting GetNextFrame() with valid packet.");
             return true;
         }
         if (m_uStatus == KST_NOT_YET) return true;
     }
-    fail(m_uStatus, KST_FAILURE, at(kDriverSource), "%s: No valid hint sample among the next %d",
-         m_szMedium, passes);
+    fail(m_uStatus, KST_FAILURE, here(), "%s: No valid hint sample among the next %d", m_szMedium,
+         passes);
 }
 
 // Throws when hint samples have too many packets and constructors for their output. Each valid one
@@ -145,7 +145,7 @@ void C3gpInterface::LimitWork() {
     const bool of_call = done > kFreeWork + made;
     const bool of_all = m_Work.done > kFreeWork + m_uFileSize + m_Work.made;
     if (!of_call && !of_all) return;
-    fail(m_uStatus, KST_FAILURE, at(kDriverSource),
+    fail(m_uStatus, KST_FAILURE, here(),
          "%s: %" PRIu64 " packets and constructors make only %" PRIu64 " bytes", m_szMedium,
          of_call ? done : m_Work.done, of_call ? made : m_Work.made);
 }
@@ -171,11 +171,10 @@ Fetched C3gpInterface::Packetize(double time) {
         writer->PacketizeFrame(m_HintSample.data(), time);
     } catch (unsigned int value) {
         if (value != PropFile::kInvalidContent) {
-            log_line(kWarning, at(kDriverSource),
-                     "Received unexpected UInt32 exception. Rethrowing...");
+            log_line(kWarning, here(), "Received unexpected UInt32 exception. Rethrowing...");
             throw;
         }
-        log_line(kWarning, at(kDriverSource), "Received invalid packet exception");
+        log_line(kWarning, here(), "Received invalid packet exception");
         frame = Fetched::kInvalid;
     }
     if (m_uStatus == KST_NOT_YET) {
@@ -206,16 +205,16 @@ uint64_t C3gpInterface::HintSampleOffset(const Cursors& where) const {
 Fetched C3gpInterface::GetCurrentHintSample() {
     if (m_fHintHeld) return Fetched::kBytes;
     if (m_Now.chunk_offset >= m_ChunkOffsets.size()) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource),
-             "%s: Iterated off the end of the chunk offset table!", m_szMedium);
+        fail(m_uStatus, KST_FAILURE, here(), "%s: Iterated off the end of the chunk offset table!",
+             m_szMedium);
     }
     const uint64_t offset = HintSampleOffset(m_Now);
     if (offset > UINT32_MAX) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource), "%s: Hint sample past the end of any file",
+        fail(m_uStatus, KST_FAILURE, here(), "%s: Hint sample past the end of any file",
              m_szMedium);
     }
     m_uHintOffset = static_cast<uint32_t>(offset);
-    log_line(kVerbose, at(kDriverSource), "Frame %-4d: Retrieving hint sample from offset %d",
+    log_line(kVerbose, here(), "Frame %-4d: Retrieving hint sample from offset %d",
              m_Now.m_iHintSample, m_uHintOffset);
     const Fetched got = ReadBytes(m_HintSample, m_uHintOffset, HintSampleSize(m_Now));
     m_fHintHeld = got == Fetched::kBytes;
@@ -297,7 +296,7 @@ uint32_t C3gpInterface::ReadPiece(void* data, uint64_t offset, uint32_t count) {
 // has ended.
 Fetched C3gpInterface::Lacks(uint64_t last) {
     if (!m_fArriving) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource),
+        fail(m_uStatus, KST_FAILURE, here(),
              "%s: Stream does not deliver its byte at offset %" PRIu64, m_szMedium, last);
     }
     m_uStatus = KST_NOT_YET;
@@ -312,7 +311,7 @@ uint32_t C3gpInterface::IOFileStreamRead(void* data, uint32_t offset, uint32_t c
     const uint32_t result = classify(m_pIOCallback, m_uIOStatus);
     if (is_not_yet(result)) return 0;
     if (result != KST_IO_OK) {
-        fail(m_uStatus, KST_IO_FAILURE, at(kDriverSource),
+        fail(m_uStatus, KST_IO_FAILURE, here(),
              "IO Callback Interface IndexRead() failed with status: %d.  IO Context: 0x%" PRIXPTR
              "  DataPtr: 0x%" PRIXPTR "  nBytes: %d  Offset: %d",
              m_uIOStatus, address(m_pIOCallback->Context), address(data), count, offset);
@@ -328,7 +327,7 @@ void C3gpInterface::IOFileStreamAdvance(uint32_t offset) {
         m_uStatus = KST_NOT_YET;  // in plain mode as well
         return;
     }
-    fail(m_uStatus, KST_IO_FAILURE, at(kDriverSource),
+    fail(m_uStatus, KST_IO_FAILURE, here(),
          "IO Callback Interface AdvanceRead() failed with status: %d.  IO Context: 0x%" PRIXPTR
          "  Offset: %d",
          status, address(m_pIOCallback->Context), offset);
@@ -341,15 +340,15 @@ bool C3gpInterface::AdvanceToNextHintSample() {
     next.m_iHintSample++;
     next.cur_chunk_bytes += HintSampleSize(m_Now);
     if (m_SampleSizes.size() != 1 && ++next.sample_size >= m_SampleSizes.size()) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource),
-             "%s: Iterated off the end of the sample size table!", m_szMedium);
+        fail(m_uStatus, KST_FAILURE, here(), "%s: Iterated off the end of the sample size table!",
+             m_szMedium);
     }
     AdvanceChunk(next);
     AdvanceTime(next);
     MoveTo(next);
     const auto offset =
         static_cast<uint32_t>(std::min(HintSampleOffset(m_Now), uint64_t{UINT32_MAX}));
-    log_line(kVerbose, at(kDriverSource), "Moving IO Callback file pointer to: %d", offset);
+    log_line(kVerbose, here(), "Moving IO Callback file pointer to: %d", offset);
     IOFileStreamAdvance(offset);
     return true;
 }
@@ -370,16 +369,16 @@ void C3gpInterface::AdvanceChunk(Cursors& next) {
     if (run < m_SampleToChunk.size() && m_SampleToChunk[run].first_chunk == next.chunk) {
         next.sample_to_chunk = run;
         next.samples_per_chunk = m_SampleToChunk[run].samples_per_chunk;
-        log_line(kVerbose, at(kDriverSource),
+        log_line(kVerbose, here(),
                  "Moving to next SampleToChunk entry at chunk %d.  New SamplesPerChunk: %d",
                  next.chunk, next.samples_per_chunk);
     }
-    log_line(kVerbose, at(kDriverSource),
+    log_line(kVerbose, here(),
              "Moving to next Chunk entry at sample %d  Current SamplesPerChunk: %d",
              next.m_iHintSample, next.samples_per_chunk);
     if (++next.chunk_offset >= m_ChunkOffsets.size()) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource),
-             "%s: Iterated off the end of the chunk offset table!", m_szMedium);
+        fail(m_uStatus, KST_FAILURE, here(), "%s: Iterated off the end of the chunk offset table!",
+             m_szMedium);
     }
     next.sample_offset_in_chunk = 0;
     next.cur_chunk_bytes = 0;
@@ -391,13 +390,13 @@ void C3gpInterface::AdvanceTime(Cursors& next) {
         next.time_to_sample_index < m_TimeToSample[next.time_to_sample].sample_count) {
         return;
     }
-    log_line(kVerbose, at(kDriverSource), "Moving to next TimeToSample entry at sample %d",
+    log_line(kVerbose, here(), "Moving to next TimeToSample entry at sample %d",
              next.m_iHintSample);
     next.time_to_sample++;
     next.time_to_sample_index = 0;
     SkipEmptyTimeEntries(next);
     if (next.time_to_sample >= m_TimeToSample.size()) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource),
+        fail(m_uStatus, KST_FAILURE, here(),
              "%s: Iterated off the end of the time to sample table!", m_szMedium);
     }
 }

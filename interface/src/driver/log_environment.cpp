@@ -22,11 +22,11 @@ void set_log_level(int32_t level) {
 void read_log_environment() {
     if (is_set("KST_LOG_DEBUG")) {
         set_log_level(4);
-        log_always(at(kDriverSource), "Kestrel: Set log level to DEBUG");
+        log_always(here(), "Kestrel: Set log level to DEBUG");
     }
     if (is_set("KST_LOG_DEBUG_VERBOSE")) {
         set_log_level(5);
-        log_always(at(kDriverSource), "Kestrel: Set log level to DEBUG_VERBOSE");
+        log_always(here(), "Kestrel: Set log level to DEBUG_VERBOSE");
     }
 }
 

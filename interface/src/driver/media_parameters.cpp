@@ -61,11 +61,10 @@ void C3gpInterface::Parse3gpBoxes() {
 void C3gpInterface::ParseAudioBoxes() {
     m_uMediaTimescale = m_AVBoxes.mdhd->GetTimescale();
     if (m_uMediaTimescale == 0) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource),
-             "Error: Undefined sound timescale in source file");
+        fail(m_uStatus, KST_CORRUPT, here(), "Error: Undefined sound timescale in source file");
     }
     m_AudioParams.uFrameCount = m_uHintSamples;
-    log_line(kDebug, at(kDriverSource), "Audio frame count: %d", m_AudioParams.uFrameCount);
+    log_line(kDebug, here(), "Audio frame count: %d", m_AudioParams.uFrameCount);
     const auto* stsd = m_AVBoxes.stbl->GetStsd();
     if (stsd == nullptr || stsd->GetSampleEntries().empty()) {
         throw SimpleException(kDriverSource, __LINE__, "Audio codec information not found");
@@ -81,7 +80,7 @@ void C3gpInterface::ParseAudioBoxes() {
         throw SimpleException(kDriverSource, __LINE__, "Unsupported audio coder type found");
     }
     m_AudioParams.uClockFreq = m_uMediaTimescale;
-    log_line(kDebug, at(kDriverSource), "Audio timescale: %d  Audio bitrate: %d", m_uMediaTimescale,
+    log_line(kDebug, here(), "Audio timescale: %d  Audio bitrate: %d", m_uMediaTimescale,
              m_AudioParams.uBitRate);
     m_uMediaDuration = in_ms(m_AVBoxes.mdhd->GetDuration(), m_uMediaTimescale);
     m_AudioParams.uDuration = m_uMediaDuration;
@@ -100,11 +99,11 @@ void C3gpInterface::ParseVideoBoxes() {
 void C3gpInterface::ParseGenericVideoBoxes() {
     m_uMediaTimescale = m_AVBoxes.mdhd->GetTimescale();
     if (m_uMediaTimescale == 0) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "Undefined video timescale in source file");
+        fail(m_uStatus, KST_CORRUPT, here(), "Undefined video timescale in source file");
     }
-    log_line(kDebug, at(kDriverSource), "Video timescale: %d", m_uMediaTimescale);
+    log_line(kDebug, here(), "Video timescale: %d", m_uMediaTimescale);
     m_uMediaDuration = in_ms(m_AVBoxes.mdhd->GetDuration(), m_uMediaTimescale);
-    log_line(kDebug, at(kDriverSource), "Video duration: %d MS", m_uMediaDuration);
+    log_line(kDebug, here(), "Video duration: %d MS", m_uMediaDuration);
 }
 
 unsigned int C3gpInterface::FindVideoCodec() {
@@ -113,7 +112,7 @@ unsigned int C3gpInterface::FindVideoCodec() {
     for (const Qvox3gp::SampleEntry* entry : stsd->GetSampleEntries()) {
         if (entry->GetType() == code("s263")) return PeekH263Track();
         if (entry->GetType() == code("mp4v")) {
-            log_line(kDebug, at(kDriverSource), "MPEG4 Video codec found");
+            log_line(kDebug, here(), "MPEG4 Video codec found");
             return kMpeg4;
         }
     }
@@ -127,15 +126,15 @@ void C3gpInterface::ParseCodecSpecificBoxes() {
     params.uCodec = m_uVideoCodec;
     params.uDuration = m_uMediaDuration;
     params.uFrameCount = m_uMediaSamples;
-    log_line(kDebug, at(kDriverSource), "Video frame count: %d", params.uFrameCount);
+    log_line(kDebug, here(), "Video frame count: %d", params.uFrameCount);
     // One division, so that a whole rate stays whole.
     params.fFrameRate =
         m_uMediaDuration != 0 ? params.uFrameCount * double{kMsPerSecond} / m_uMediaDuration : 0.0;
     params.uAvgBitRate = CalcAvgBitRate(m_AVBoxes.stsz, m_uMediaDuration);
     for (const _TAG_SAMPLEINFO& sample : m_SampleInfo)
         params.uLargestSample = std::max(params.uLargestSample, sample.uSize);
-    log_line(kDebug, at(kDriverSource), "Video FPS: %f  Duration: %d  Bitrate: %d",
-             params.fFrameRate, params.uDuration, params.uAvgBitRate);
+    log_line(kDebug, here(), "Video FPS: %f  Duration: %d  Bitrate: %d", params.fFrameRate,
+             params.uDuration, params.uAvgBitRate);
     switch (m_uVideoCodec) {
         case kH263:
             return ParseH263Boxes();
@@ -144,14 +143,13 @@ void C3gpInterface::ParseCodecSpecificBoxes() {
         case kMpeg4:
             return ParseMPEG4Boxes();
         default:
-            fail(m_uStatus, KST_UNKNOWN_CODER, at(kDriverSource),
-                 "Unknown / unsuppoorted video codec found");
+            fail(m_uStatus, KST_UNKNOWN_CODER, here(), "Unknown / unsuppoorted video codec found");
     }
 }
 
 unsigned int C3gpInterface::PeekH263Track() {
     if (m_uHintSamples == 0 || m_ChunkOffsets.empty()) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "Hint track has no samples");
+        fail(m_uStatus, KST_CORRUPT, here(), "Hint track has no samples");
     }
     GetCurrentHintSample();
     _TAG_RTPsample3gp sample{};
@@ -162,10 +160,10 @@ unsigned int C3gpInterface::PeekH263Track() {
         parser.GetRTPsample3gp(&sample, &cursor);
         parser.GetRTPpacket3gp(&packet, &cursor);
     } catch (unsigned int) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "First hint sample is malformed");
+        fail(m_uStatus, KST_CORRUPT, here(), "First hint sample is malformed");
     }
     const bool rfc2190 = packet.payload_type() == kRfc2190PayloadType;
-    log_line(kDebug, at(kDriverSource), "%s Video codec found", rfc2190 ? "H263" : "H263_1998");
+    log_line(kDebug, here(), "%s Video codec found", rfc2190 ? "H263" : "H263_1998");
     return rfc2190 ? kH263 : kH263_1998;
 }
 
@@ -219,9 +217,8 @@ uint32_t C3gpInterface::VideoStart() const {
     const auto* edit = m_AVBoxes.elst != nullptr ? first_empty_edit(*m_AVBoxes.elst) : nullptr;
     if (edit == nullptr) return 0;
     const uint32_t start = rescaled(edit->segment_duration, m_uMovieTimescale, kVideoClock);
-    log_line(kDebug, at(kDriverSource),
-             "VideoNTS: %d  In 3gp file: %d  timescale_mvhd: %d  ClockFreq: %d", start,
-             edit->segment_duration, m_uMovieTimescale, kVideoClock);
+    log_line(kDebug, here(), "VideoNTS: %d  In 3gp file: %d  timescale_mvhd: %d  ClockFreq: %d",
+             start, edit->segment_duration, m_uMovieTimescale, kVideoClock);
     return start;
 }
 
@@ -233,7 +230,7 @@ uint32_t C3gpInterface::AudioStart() {
     const Qvox3gp::TrakBox& trak = *with_edits->second;
     const auto require = [this](const auto* box, const char* name, long line) {
         if (box == nullptr) {
-            fail(m_uStatus, KST_CORRUPT, at(kDriverSource, line), "Could not find %s box", name);
+            fail(m_uStatus, KST_CORRUPT, here(line), "Could not find %s box", name);
         }
         return box;
     };
@@ -244,8 +241,7 @@ uint32_t C3gpInterface::AudioStart() {
     if (edit == nullptr) return 0;
     const uint32_t clock = mdhd->GetTimescale();
     const uint32_t start = rescaled(edit->segment_duration, m_uMovieTimescale, clock);
-    log_line(kDebug, at(kDriverSource),
-             "AudioNTS: %d  In 3gp file: %d  timescale_mvhd: %d  ClockFreq: %d", start,
-             edit->segment_duration, m_uMovieTimescale, clock);
+    log_line(kDebug, here(), "AudioNTS: %d  In 3gp file: %d  timescale_mvhd: %d  ClockFreq: %d",
+             start, edit->segment_duration, m_uMovieTimescale, clock);
     return start;
 }

@@ -49,7 +49,7 @@ C3gpInterface::~C3gpInterface() {
 unsigned int C3gpInterface::Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode) {
     const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
-    const bool done = run_guarded(m_uStatus, at(kDriverSource), [&] {
+    const bool done = run_guarded(m_uStatus, here(), [&] {
         read_log_environment();
         if (m_uMedium == kNoMedium) {
             OpenMedium(io, mode);
@@ -68,12 +68,11 @@ void C3gpInterface::OpenMedium(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const c
     Close();
     ParseOpenMode(mode);
     if (!is_complete(io)) {
-        fail(m_uStatus, KST_BAD_ARGUMENT, at(kDriverSource),
-             "Stream table is null or has a null function");
+        fail(m_uStatus, KST_BAD_ARGUMENT, here(), "Stream table is null or has a null function");
     }
     m_pIOCallback = io;
     if (m_uDirection != kRead) {
-        fail(m_uStatus, KST_NOT_SUPPORTED, at(kDriverSource), "Unsupported conversion type");
+        fail(m_uStatus, KST_NOT_SUPPORTED, here(), "Unsupported conversion type");
     }
     Open3GPtoQRT();
 }
@@ -85,10 +84,10 @@ void C3gpInterface::ParseOpenMode(const char* mode) {
         for (const char* at_letter = mode; at_letter != nullptr && *at_letter != '\0'; ++at_letter)
             ApplySwitch(static_cast<char>(std::tolower(static_cast<unsigned char>(*at_letter))));
         if (m_uMedium == kNoMedium) {
-            fail(m_uStatus, KST_BAD_MODE, at(kDriverSource), "Mode not specified");
+            fail(m_uStatus, KST_BAD_MODE, here(), "Mode not specified");
         }
         if (m_uDirection == kNoDirection) {
-            fail(m_uStatus, KST_BAD_MODE, at(kDriverSource), "Direction not specified");
+            fail(m_uStatus, KST_BAD_MODE, here(), "Direction not specified");
         }
     } catch (...) {
         m_uMedium = kNoMedium;
@@ -98,7 +97,7 @@ void C3gpInterface::ParseOpenMode(const char* mode) {
 }
 
 void C3gpInterface::ApplySwitch(char letter) {
-    log_line(kDebug, at(kDriverSource), "Switch [%c] found", letter);
+    log_line(kDebug, here(), "Switch [%c] found", letter);
     switch (letter) {
         case 'r':
             m_uDirection = kRead;
@@ -112,8 +111,8 @@ void C3gpInterface::ApplySwitch(char letter) {
             m_szMedium = "VIDEO";
             break;
         default:
-            fail(m_uStatus, KST_BAD_MODE, at(kDriverSource),
-                 "Invalid/unsupported mode switch [%c] specified", letter);
+            fail(m_uStatus, KST_BAD_MODE, here(), "Invalid/unsupported mode switch [%c] specified",
+                 letter);
     }
 }
 
@@ -121,7 +120,7 @@ void C3gpInterface::Open3GPtoQRT() {
     try {
         m_pSimple3gp = std::make_unique<Qvox3gp::Simple3gp>();
     } catch (const std::bad_alloc&) {
-        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource), "Could not create 3gp object");
+        fail(m_uStatus, KST_NO_MEMORY, here(), "Could not create 3gp object");
     }
     Read3gpBoxes();
     ValidateTracks();
@@ -156,10 +155,10 @@ void C3gpInterface::CreateAudioObject() {
     try {
         m_pPropAudio = std::make_unique<PropFileAudio>(Media());
     } catch (const std::bad_alloc&) {
-        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource), "Unable to create audio file object");
+        fail(m_uStatus, KST_NO_MEMORY, here(), "Unable to create audio file object");
     }
     if (!m_pPropAudio->Open(&m_AudioParams)) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource), "Error opening audio object");
+        fail(m_uStatus, KST_FAILURE, here(), "Error opening audio object");
     }
 }
 
@@ -173,13 +172,13 @@ MediaSource C3gpInterface::Media() {
 std::unique_ptr<PropFileVideo> C3gpInterface::NewVideoObject() {
     switch (m_uVideoCodec) {
         case kH263:
-            log_line(kDebug, at(kDriverSource), "Creating H263 object");
+            log_line(kDebug, here(), "Creating H263 object");
             return std::make_unique<PropFileVideoH263>(Media());
         case kH263_1998:
-            log_line(kDebug, at(kDriverSource), "Creating H263_1998 object");
+            log_line(kDebug, here(), "Creating H263_1998 object");
             return std::make_unique<PropFileVideoH263_1998>(Media());
         case kMpeg4:
-            log_line(kDebug, at(kDriverSource), "Creating MPEG4 object");
+            log_line(kDebug, here(), "Creating MPEG4 object");
             return std::make_unique<PropFileVideoMPEG4>(Media());
         default:
             return nullptr;
@@ -193,18 +192,18 @@ void C3gpInterface::CreateVideoObject() {
         m_pPropVideo = nullptr;
     }
     if (m_pPropVideo == nullptr) {
-        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource), "Unable to create video file object");
+        fail(m_uStatus, KST_NO_MEMORY, here(), "Unable to create video file object");
     }
-    log_line(kDebug, at(kDriverSource), "Opening video object");
+    log_line(kDebug, here(), "Opening video object");
     if (!m_pPropVideo->Open(&m_VideoParams)) {
-        fail(m_uStatus, KST_FAILURE, at(kDriverSource), "Error opening video object");
+        fail(m_uStatus, KST_FAILURE, here(), "Error opening video object");
     }
 }
 
 unsigned int C3gpInterface::Close() {
     const RemarkScope scope(m_uRemarks);
     m_uStatus = KST_SUCCESS;
-    run_guarded(m_uStatus, at(kDriverSource), [&] { CloseWriters(); });
+    run_guarded(m_uStatus, here(), [&] { CloseWriters(); });
     Reset();
     return m_uStatus;
 }

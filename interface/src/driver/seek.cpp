@@ -39,7 +39,7 @@ class MediaSampleFinder {
         try {
             _TAG_RTPsample3gp sample{};
             m_Parser.GetRTPsample3gp(&sample, &m_pCursor);
-            log_line(kVerbose, at(kDriverSource),
+            log_line(kVerbose, here(),
                      "C3gpInterface::GetMediaSample - Processing Hint Sample (num_packets=%d).",
                      sample.packetcount);
             for (unsigned int i = 0; i < sample.packetcount; ++i)
@@ -59,7 +59,7 @@ class MediaSampleFinder {
             m_Parser.Skip(&m_pCursor, kConstructorSize);
             if (m_Parser.GetAndAdvance8(&inside) != kSampleConstructor) continue;
             const uint32_t number = m_Parser.GetSampleConstructor(&inside).sample_number;
-            log_line(kVerbose, at(kDriverSource),
+            log_line(kVerbose, here(),
                      "C3gpInterface::GetMediaSample - Found Media Sample (sample=%d).", number);
             m_uLowest = std::min(m_uLowest, number);
         }
@@ -95,7 +95,7 @@ C3gpInterface::ChunkRun C3gpInterface::FindChunkRun(unsigned int hintSample) con
         int64_t first_sample = last_sample - samples + 1;
         // A partly filled last chunk must not shift the samples of the first run.
         if (entry == 0 && first_sample < 1 && first_chunk == 1) first_sample = 1;
-        log_line(kVerbose, at(kDriverSource),
+        log_line(kVerbose, here(),
                  "C3gpInterface::CalcHintOffset - Processing STSC Entry (s=%" PRId64 ", fs=%" PRId64
                  ", ls=%" PRId64 ", ns=%" PRId64 ", fc=%" PRId64 ", lc=%" PRId64 ", nc=%" PRId64
                  ").",
@@ -114,13 +114,13 @@ C3gpInterface::ChunkRun C3gpInterface::FindChunkRun(unsigned int hintSample) con
 uint64_t C3gpInterface::BytesBefore(unsigned int first, unsigned int sample, unsigned int* size) {
     if (m_SampleSizes.size() == 1) {
         *size = m_SampleSizes[0];
-        log_line(kVerbose, at(kDriverSource),
+        log_line(kVerbose, here(),
                  "C3gpInterface::CalcHintOffset - All hint samples are same size (size=%d).",
                  *size);
         return uint64_t{*size} * (sample - first);
     }
     if (m_SampleSizes.size() < sample) {
-        fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
+        fail(m_uStatus, KST_TABLE_TOO_SHORT, here(),
              "C3gpInterface::CalcHintOffset - Invalid Array Access (index=%d, size=%d).", sample,
              static_cast<unsigned int>(m_SampleSizes.size()));
     }
@@ -134,7 +134,7 @@ uint64_t C3gpInterface::FindInChunk(unsigned int hintSample, unsigned int* size)
     const ChunkRun run = FindChunkRun(hintSample);
     if (!run.found || hintSample == 0 || run.first_chunk <= 0) return kNowhere;
     if (run.samples_per_chunk == 0) {
-        fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
+        fail(m_uStatus, KST_DIVIDE_BY_ZERO, here(),
              "C3gpInterface::CalcHintOffset - Attempt to divide by zero");
     }
     const int64_t in_group = hintSample - run.first_sample;
@@ -142,7 +142,7 @@ uint64_t C3gpInterface::FindInChunk(unsigned int hintSample, unsigned int* size)
     const int64_t in_chunk = in_group % run.samples_per_chunk;
     const int64_t first_in_chunk = run.samples_per_chunk * chunk_in_group + run.first_sample;
     const auto chunk = static_cast<unsigned int>(run.first_chunk + chunk_in_group);
-    log_line(kVerbose, at(kDriverSource),
+    log_line(kVerbose, here(),
              "C3gpInterface::CalcHintOffset - Matched STSC Entry (sig=%" PRId64 ", sic=%" PRId64
              ", fsic=%" PRId64 ", cig=%" PRId64 ", c=%d).",
              in_group, in_chunk, first_in_chunk, chunk_in_group, chunk);
@@ -157,13 +157,13 @@ uint64_t C3gpInterface::FindInChunk(unsigned int hintSample, unsigned int* size)
 
 int C3gpInterface::CalcHintOffset(unsigned int hintSample, unsigned int* size) {
     if (m_SampleToChunk.empty()) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource),
+        fail(m_uStatus, KST_CORRUPT, here(),
              "C3gpInterface::CalcHintOffset - No Sample-to-Chunk Table in Hint Track");
     }
     *size = 0;
     const uint64_t place = FindInChunk(hintSample, size);
     const int offset = place <= INT32_MAX ? static_cast<int>(place) : -1;
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::CalcHintOffset - Calculated Hint Sample File Offset (sample=%d, "
              "offset=%d, size=%d).",
              hintSample, offset, *size);
@@ -175,7 +175,7 @@ int C3gpInterface::CalcMediaOffset(unsigned int mediaSample) {
     const bool known =
         mediaSample >= 1 && mediaSample < m_uMediaSamples && mediaSample <= m_SampleInfo.size();
     const int offset = known ? static_cast<int>(m_SampleInfo[mediaSample - 1].uOffset) : -1;
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::CalcMediaOffset - Calculated Media Sample File Offset (sample=%d, "
              "offset=%d).",
              mediaSample, offset);
@@ -186,7 +186,7 @@ unsigned int C3gpInterface::ConvertMsTimeToMdhdTime(unsigned int ms) {
     // Whole units per millisecond: 44100 Hz counts as 44, on purpose.
     const auto mdhd = static_cast<unsigned int>(
         std::min(uint64_t{*m_pTimescale / kMsPerSecond} * ms, uint64_t{UINT32_MAX}));
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::ConvertMsTimeToMdhdTime - Converted Timecode (ms=%d, mdhd=%d).", ms,
              mdhd);
     return mdhd;
@@ -201,7 +201,7 @@ unsigned int C3gpInterface::ConvertMdhdTimeToSample(unsigned int mdhdTime) {
         if (time + ticks > mdhdTime) break;
         time += ticks;
         samples += entry->sample_count;
-        log_line(kVerbose, at(kDriverSource),
+        log_line(kVerbose, here(),
                  "C3gpInterface::ConvertMdhdTimeToSample - Advancing to next STTS Entry "
                  "(count=%d, delta=%d).",
                  entry->sample_count, entry->sample_delta);
@@ -210,16 +210,16 @@ unsigned int C3gpInterface::ConvertMdhdTimeToSample(unsigned int mdhdTime) {
     if (entry != m_TimeToSample.end()) {
         const uint64_t offset = mdhdTime - time;
         sample = std::min<uint64_t>(offset / entry->sample_delta + samples + 1, m_uHintSamples);
-        log_line(kVerbose, at(kDriverSource),
+        log_line(kVerbose, here(),
                  "C3gpInterface::ConvertMdhdTimeToSample - Matched STTS Entry (offset=%d, "
                  "sample=%d).",
                  static_cast<unsigned int>(offset), static_cast<unsigned int>(sample));
     } else if (time == 0) {
         // All entries have a duration of 0, so the distance of the target is unknown.
-        fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
+        fail(m_uStatus, KST_DIVIDE_BY_ZERO, here(),
              "C3gpInterface::ConvertMdhdTimeToSample - Attempt to divide by zero.");
     }
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::ConvertMdhdTimeToSample - Coverted MDHD Time to Sample (mdhd=%d, "
              "sample=%d).",
              mdhdTime, static_cast<unsigned int>(sample));
@@ -244,14 +244,14 @@ C3gpInterface::TimePlace C3gpInterface::FindTime(unsigned int hintSample) {
         }
         samples += run.sample_count;
         time += uint64_t{run.sample_count} * run.sample_delta;
-        log_line(kVerbose, at(kDriverSource),
+        log_line(kVerbose, here(),
                  "C3gpInterface::GetTimestampInMs - Advancing to next STSS Entry (count=%d, "
                  "delta=%d).",
                  run.sample_count, run.sample_delta);
     }
     // Sample 0 means none, as before the first sync sample. Locating it fails.
     if (hintSample == 0) return {};
-    fail(m_uStatus, KST_TABLE_TOO_SHORT, at(kDriverSource),
+    fail(m_uStatus, KST_TABLE_TOO_SHORT, here(),
          "%s: Iterated off the end of the time to sample table!", m_szMedium);
 }
 
@@ -259,23 +259,23 @@ unsigned int C3gpInterface::GetTimestampInMs(unsigned int hintSample) {
     const TimePlace place = FindTime(hintSample);
     const uint32_t per_ms = *m_pTimescale / kMsPerSecond;
     if (per_ms == 0) {
-        fail(m_uStatus, KST_DIVIDE_BY_ZERO, at(kDriverSource),
+        fail(m_uStatus, KST_DIVIDE_BY_ZERO, here(),
              "C3gpInterface::GetTimestampInMs - Attempt to divide by zero");
     }
     const auto ms = static_cast<unsigned int>(place.time / per_ms);
     const auto shown = static_cast<unsigned int>(place.time);
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::GetTimestampInMs - Converting MDHD Time to MS Time "
              "(count=%d,delta=%d,mdhd=%d,scale=%d,ms=%d).",
              place.run.sample_count, place.run.sample_delta, shown, *m_pTimescale, ms);
     m_Scratch.time_to_sample = place.entry;
     m_Scratch.time_to_sample_index = place.index;
     m_Scratch.m_uFrameTime = place.time;
-    log_line(kVerbose, at(kDriverSource),
+    log_line(kVerbose, here(),
              "C3gpInterface::GetTimestampInMs - Setting temp frametime and time-to-samples "
              "(ft=%d, tts=%d).",
              shown, place.index);
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::GetTimestampInMs - Converting Sample to Time in MS (sample=%d, "
              "ms=%d).",
              hintSample, ms);
@@ -286,7 +286,7 @@ unsigned int C3gpInterface::GetTimestampInMs(unsigned int hintSample) {
 unsigned int C3gpInterface::FindSync(unsigned int sample, unsigned int syncFlags) const {
     unsigned int prev = 0;
     for (const uint32_t cur : m_SyncSamples) {
-        log_line(kVerbose, at(kDriverSource),
+        log_line(kVerbose, here(),
                  "C3gpInterface::GetSyncSample - Comparing Sample to STSS Entry (sample=%d, "
                  "prev=%d, cur=%d).",
                  sample, prev, cur);
@@ -304,18 +304,17 @@ unsigned int C3gpInterface::FindSync(unsigned int sample, unsigned int syncFlags
 
 unsigned int C3gpInterface::GetSyncSample(unsigned int sample, unsigned int syncFlags) {
     if (!m_fHasSyncTable) {
-        log_line(kVerbose, at(kDriverSource),
+        log_line(kVerbose, here(),
                  "C3gpInterface::GetSyncSample - Track does not contain STSS Box.");
         return sample;
     }
-    log_line(kVerbose, at(kDriverSource),
-             "C3gpInterface::GetSyncSample - Track contains STSS Box.");
+    log_line(kVerbose, here(), "C3gpInterface::GetSyncSample - Track contains STSS Box.");
     const unsigned int result = FindSync(sample, syncFlags);
     if (result > m_uHintSamples) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource),
-             "STSS Corruption (sync_sample=%d, max_samples=%d).", result, m_uHintSamples);
+        fail(m_uStatus, KST_CORRUPT, here(), "STSS Corruption (sync_sample=%d, max_samples=%d).",
+             result, m_uHintSamples);
     }
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::GetSyncSample - Calculated Seek Sample (sample=%d, seek_sample=%d, "
              "flags=%d).",
              sample, result, syncFlags);
@@ -327,7 +326,7 @@ int C3gpInterface::GetMediaSample(unsigned int hintSample, unsigned int fileOffs
     m_fArriving = m_fHintHeld = false;
     ReadBytes(m_HintSample, fileOffset, size);
     const unsigned int first = MediaSampleFinder(m_HintSample).Find();
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::GetMediaSample - Determined First Media Sample (hint_sample=%d, "
              "first_media_sample=%d).",
              hintSample, first);
@@ -339,30 +338,30 @@ unsigned int C3gpInterface::SeekTo(_TAG_KST_SEEK_PARAMS* params) {
     m_uStatus = KST_SUCCESS;
     if (m_uMedium == kNoMedium) return m_uStatus = KST_NOT_OPEN;
     if (params == nullptr) return m_uStatus = KST_BAD_ARGUMENT;
-    run_guarded(m_uStatus, at(kDriverSource), [&] { Seek(params); });
+    run_guarded(m_uStatus, here(), [&] { Seek(params); });
     return m_uStatus;
 }
 
 unsigned int C3gpInterface::SeekTarget(const _TAG_KST_SEEK_PARAMS* params) {
     if (!are_valid(params->fFlags)) {
-        fail(m_uStatus, KST_BAD_SEEK_FLAGS, at(kDriverSource), "Illegal Seek Flags");
+        fail(m_uStatus, KST_BAD_SEEK_FLAGS, here(), "Illegal Seek Flags");
     }
     unsigned int target = params->nTime;
     if ((params->fFlags & kModeFlags) == KST_SEEK_RELATIVE) {
         const uint32_t per_ms = *m_pTimescale / kMsPerSecond;
         if (per_ms == 0) {
-            fail(m_uStatus, KST_FAILURE, at(kDriverSource), "Attempting to Divide by Zero");
+            fail(m_uStatus, KST_FAILURE, here(), "Attempting to Divide by Zero");
         }
         target += static_cast<unsigned int>(m_Now.m_uFrameTime / per_ms);
     }
     if (target > m_uMediaDuration) {
-        fail(m_uStatus, KST_BAD_TIMESTAMP, at(kDriverSource), "Invalid Timestamp");
+        fail(m_uStatus, KST_BAD_TIMESTAMP, here(), "Invalid Timestamp");
     }
     return target;
 }
 
 void C3gpInterface::Seek(_TAG_KST_SEEK_PARAMS* params) {
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::SeekTo - Validating Parameters (nTime=%d, fFlags=%d, "
              "m_iHintSample=%d, m_uFrameTime=%d, uTrackDuration=%d).",
              params->nTime, params->fFlags, m_Now.m_iHintSample,
@@ -374,7 +373,7 @@ void C3gpInterface::Seek(_TAG_KST_SEEK_PARAMS* params) {
     unsigned int size = 0;
     const int hint_offset = CalcHintOffset(sync, &size);
     if (hint_offset < 0) {
-        fail(m_uStatus, KST_NO_HINT_OFFSET, at(kDriverSource),
+        fail(m_uStatus, KST_NO_HINT_OFFSET, here(),
              "C3gpInterface::SeekTo - Could not calculate Hint Track Offset");
     }
     const int first = GetMediaSample(sync, static_cast<unsigned int>(hint_offset), size);
@@ -382,7 +381,7 @@ void C3gpInterface::Seek(_TAG_KST_SEEK_PARAMS* params) {
     // The offset of the hint sample, not of the media sample, on purpose: -1 for a media sample
     // without an offset is reported as it is.
     if (hint_offset < 0) {
-        fail(m_uStatus, KST_NO_HINT_OFFSET, at(kDriverSource),
+        fail(m_uStatus, KST_NO_HINT_OFFSET, here(),
              "C3gpInterface::SeekTo - Could not calculate Media Track Offset");
     }
     const auto file_offset = static_cast<unsigned int>(std::min(media_offset, hint_offset));
@@ -390,7 +389,7 @@ void C3gpInterface::Seek(_TAG_KST_SEEK_PARAMS* params) {
     params->nTime = ms;
     params->uFrameNum = sync;
     params->uFileOffset = file_offset;
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "C3gpInterface::SeekTo - Returning Results (nTime=%d, uFrameNum=%d, "
              "uFileOffset=%d).",
              ms, sync, file_offset);
@@ -402,7 +401,7 @@ unsigned int C3gpInterface::ResetInternals(unsigned int hintSample, unsigned int
     next.samples_per_chunk = m_SampleToChunk[next.sample_to_chunk].samples_per_chunk;
     if (next.chunk >= 1 && next.chunk <= m_ChunkOffsets.size()) next.chunk_offset = next.chunk - 1;
     if (m_SampleSizes.size() >= hintSample) next.sample_size = hintSample - 1;
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "ResetInternals: cur_hint_sample=%d, cur_chunk_bytes=%d, samples_per_chunk=%d, "
              "sample_offset_in_chunk=%d, chunk=%d",
              hintSample, static_cast<unsigned int>(next.cur_chunk_bytes), next.samples_per_chunk,

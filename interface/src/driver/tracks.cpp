@@ -55,54 +55,53 @@ void C3gpInterface::Read3gpBoxes() {
         m_uStatus = KST_CORRUPT;
         throw;
     } catch (...) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "%s", kUnhandledThrown);
+        fail(m_uStatus, KST_CORRUPT, here(), "%s", kUnhandledThrown);
     }
 }
 
 void C3gpInterface::ReadTracks() {
-    log_line(kDebug, at(kDriverSource),
+    log_line(kDebug, here(),
              "Read3gpBoxes(): m_pIOCallback=0x%" PRIxPTR
              ", m_pIOCallback->pUserContext=0x%" PRIxPTR,
              address(m_pIOCallback), address(m_pIOCallback->Context));
-    log_line(kDebug, at(kDriverSource), "Reading 3gp boxes from file");
+    log_line(kDebug, here(), "Reading 3gp boxes from file");
     m_pSimple3gp->Read(m_pIOCallback, 0);
     m_uFileSize = m_pSimple3gp->GetFileSizeRead();
-    log_line(kDebug, at(kDriverSource), "Reading 3gp boxes complete");
-    const auto* ftyp = require(m_pSimple3gp->GetFtyp(), m_uStatus, at(kDriverSource), "ftyp");
-    log_line(kDebug, at(kDriverSource), "Found 3gp major brand: 0x%X", ftyp->GetMajorBrand());
-    const auto* moov = require(m_pSimple3gp->GetMoov(), m_uStatus, at(kDriverSource), "moov");
+    log_line(kDebug, here(), "Reading 3gp boxes complete");
+    const auto* ftyp = require(m_pSimple3gp->GetFtyp(), m_uStatus, here(), "ftyp");
+    log_line(kDebug, here(), "Found 3gp major brand: 0x%X", ftyp->GetMajorBrand());
+    const auto* moov = require(m_pSimple3gp->GetMoov(), m_uStatus, here(), "moov");
     for (Qvox3gp::TrakBox* trak : moov->GetTraks())
         AddTrack(trak);
     if (moov->GetMvhd() != nullptr) m_uMovieTimescale = moov->GetMvhd()->GetTimescale();
 }
 
 void C3gpInterface::AddTrack(Qvox3gp::TrakBox* trak) {
-    const auto* mdia = require(trak->GetMdia(), m_uStatus, at(kDriverSource), "mdia");
-    const auto* hdlr = require(mdia->GetHdlr(), m_uStatus, at(kDriverSource), "hdlr");
+    const auto* mdia = require(trak->GetMdia(), m_uStatus, here(), "mdia");
+    const auto* hdlr = require(mdia->GetHdlr(), m_uStatus, here(), "hdlr");
     const uint32_t handler = hdlr->GetHandlerType();
     if (handler == code("hint")) {
-        log_line(kDebug, at(kDriverSource), "Found Hint track");
+        log_line(kDebug, here(), "Found Hint track");
         AddHintTrack(trak);
     } else if (handler == code("soun")) {
-        log_line(kDebug, at(kDriverSource), "Found audio track");
-        const auto* tkhd = require(trak->GetTkhd(), m_uStatus, at(kDriverSource), "tkhd");
+        log_line(kDebug, here(), "Found audio track");
+        const auto* tkhd = require(trak->GetTkhd(), m_uStatus, here(), "tkhd");
         m_AudioTracks[tkhd->GetTrackId()] = trak;
     } else if (handler == code("vide")) {
-        log_line(kDebug, at(kDriverSource), "Found video track");
-        const auto* tkhd = require(trak->GetTkhd(), m_uStatus, at(kDriverSource), "tkhd");
+        log_line(kDebug, here(), "Found video track");
+        const auto* tkhd = require(trak->GetTkhd(), m_uStatus, here(), "tkhd");
         m_VideoTracks[tkhd->GetTrackId()] = trak;
     }
 }
 
 void C3gpInterface::AddHintTrack(Qvox3gp::TrakBox* trak) {
-    const auto* tref = require(trak->GetTref(), m_uStatus, at(kDriverSource), "tref");
-    const auto* hint =
-        require(tref->GetTrackReferenceTypeBox(), m_uStatus, at(kDriverSource), "hint");
+    const auto* tref = require(trak->GetTref(), m_uStatus, here(), "tref");
+    const auto* hint = require(tref->GetTrackReferenceTypeBox(), m_uStatus, here(), "hint");
     const uint32_t media = hint->GetTrackID(0);
     m_HintTracks[media] = trak;
-    const auto* tkhd = require(trak->GetTkhd(), m_uStatus, at(kDriverSource), "tkhd");
-    log_line(kDebug, at(kDriverSource), "Hint track ID %d is associated with track ID %d",
-             tkhd->GetTrackId(), media);
+    const auto* tkhd = require(trak->GetTkhd(), m_uStatus, here(), "tkhd");
+    log_line(kDebug, here(), "Hint track ID %d is associated with track ID %d", tkhd->GetTrackId(),
+             media);
 }
 
 void C3gpInterface::ValidateTracks() {
@@ -111,18 +110,17 @@ void C3gpInterface::ValidateTracks() {
     const auto& tracks = audio ? m_AudioTracks : m_VideoTracks;
     const char* name = audio ? "audio" : "video";
     if (tracks.size() > kMaxTracks) {
-        fail(m_uStatus, KST_TOO_MANY_TRACKS, at(kDriverSource), "Too many %s tracks found", name);
+        fail(m_uStatus, KST_TOO_MANY_TRACKS, here(), "Too many %s tracks found", name);
     }
     if (tracks.empty()) {
-        fail(m_uStatus, KST_NO_SUCH_TRACK, at(kDriverSource), "File does not contain %s track",
-             name);
+        fail(m_uStatus, KST_NO_SUCH_TRACK, here(), "File does not contain %s track", name);
     }
     const auto [id, trak] = *tracks.begin();
-    log_line(kDebug, at(kDriverSource), "%s track ID: %d", name, id);
+    log_line(kDebug, here(), "%s track ID: %d", name, id);
     const auto hint = m_HintTracks.find(id);
     if (hint == m_HintTracks.end()) {
-        fail(m_uStatus, KST_NO_HINT_TRACK, at(kDriverSource),
-             "%s track ID %d does not have a hint track.", name, id);
+        fail(m_uStatus, KST_NO_HINT_TRACK, here(), "%s track ID %d does not have a hint track.",
+             name, id);
     }
     GetTrakData(m_AVBoxes, trak);
     GetTrakData(m_HintBoxes, hint->second);
@@ -130,13 +128,13 @@ void C3gpInterface::ValidateTracks() {
 
 void C3gpInterface::GetTrakData(BaseBoxes& boxes, Qvox3gp::TrakBox* trak) {
     const auto* mdia = trak->GetMdia();
-    const auto* minf = require(mdia->GetMinf(), m_uStatus, at(kDriverSource), "minf");
-    boxes.mdhd = require(mdia->GetMdhd(), m_uStatus, at(kDriverSource), "mdhd");
-    boxes.stbl = require(minf->GetStbl(), m_uStatus, at(kDriverSource), "stbl");
-    boxes.stts = require(boxes.stbl->GetStts(), m_uStatus, at(kDriverSource), "stts");
-    boxes.stsz = require(boxes.stbl->GetStsz(), m_uStatus, at(kDriverSource), "stsz");
-    boxes.stsc = require(boxes.stbl->GetStsc(), m_uStatus, at(kDriverSource), "stsc");
-    boxes.stco = require(boxes.stbl->GetStco(), m_uStatus, at(kDriverSource), "stco");
+    const auto* minf = require(mdia->GetMinf(), m_uStatus, here(), "minf");
+    boxes.mdhd = require(mdia->GetMdhd(), m_uStatus, here(), "mdhd");
+    boxes.stbl = require(minf->GetStbl(), m_uStatus, here(), "stbl");
+    boxes.stts = require(boxes.stbl->GetStts(), m_uStatus, here(), "stts");
+    boxes.stsz = require(boxes.stbl->GetStsz(), m_uStatus, here(), "stsz");
+    boxes.stsc = require(boxes.stbl->GetStsc(), m_uStatus, here(), "stsc");
+    boxes.stco = require(boxes.stbl->GetStco(), m_uStatus, here(), "stco");
     boxes.stss = boxes.stbl->GetStss();
     boxes.elst = trak->GetEdts() != nullptr ? trak->GetEdts()->GetElst() : nullptr;
 }
@@ -155,8 +153,8 @@ void C3gpInterface::StoreTrackTables() {
     if (m_fHasSyncTable) m_SyncSamples = m_HintBoxes.stss->GetSyncSampleEntries();
     m_uMediaSamples = m_AVBoxes.stsz->GetSampleCount();
     m_uHintSamples = hint_sizes.GetSampleCount();
-    log_line(kDebug, at(kDriverSource), "Found %d media samples and %d hint samples",
-             m_uMediaSamples, m_uHintSamples);
+    log_line(kDebug, here(), "Found %d media samples and %d hint samples", m_uMediaSamples,
+             m_uHintSamples);
     m_uHintChunks = static_cast<unsigned int>(m_ChunkOffsets.size());
 
     m_Now = {};
@@ -169,25 +167,22 @@ void C3gpInterface::StoreTrackTables() {
 
 void C3gpInterface::AllocBuffers() {
     const uint32_t media = largest(*m_AVBoxes.stsz);
-    log_line(kDebug, at(kDriverSource), "Allocating %d bytes for media sample buffer", media);
+    log_line(kDebug, here(), "Allocating %d bytes for media sample buffer", media);
     if (!reserve(m_MediaSample, std::min(media, kTrustedBytes))) {
-        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource),
-             "Unable to allocate buffer for media sample");
+        fail(m_uStatus, KST_NO_MEMORY, here(), "Unable to allocate buffer for media sample");
     }
     // Half of the allocated bytes: the line always counts four bytes a sample.
-    log_line(kDebug, at(kDriverSource), "Allocating %d bytes for media sample offset buffer",
+    log_line(kDebug, here(), "Allocating %d bytes for media sample offset buffer",
              m_uMediaSamples * 4);
     RequireSamplesInFile();
     if (!reserve(m_SampleInfo, m_uMediaSamples)) {
-        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource),
-             "Unable to allocate memory for sample offset table");
+        fail(m_uStatus, KST_NO_MEMORY, here(), "Unable to allocate memory for sample offset table");
     }
     m_SampleInfo.resize(m_uMediaSamples);
     const uint32_t hint = largest(*m_HintBoxes.stsz);
-    log_line(kDebug, at(kDriverSource), "Allocating %d bytes for hint sample buffer", hint);
+    log_line(kDebug, here(), "Allocating %d bytes for hint sample buffer", hint);
     if (!reserve(m_HintSample, std::min(hint, kTrustedBytes))) {
-        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource),
-             "Unable to allocate buffer for hint sample");
+        fail(m_uStatus, KST_NO_MEMORY, here(), "Unable to allocate buffer for hint sample");
     }
 }
 
@@ -197,7 +192,7 @@ void C3gpInterface::RequireSamplesInFile() {
     const uint32_t size = m_AVBoxes.stsz->GetSampleSize();
     if (size == 0 || m_uMediaSamples <= kTrustedSamples) return;
     if (uint64_t{size} * m_uMediaSamples > m_uFileSize) {
-        fail(m_uStatus, KST_CORRUPT, at(kDriverSource), "Media samples exceed the file");
+        fail(m_uStatus, KST_CORRUPT, here(), "Media samples exceed the file");
     }
 }
 
@@ -223,7 +218,7 @@ void C3gpInterface::CalcSampleOffsets(const BaseBoxes& boxes, std::vector<_TAG_S
         }
         ++chunk;
     }
-    log_line(kDebug, at(kDriverSource), "Chunks counted: %d  Samples counted: %d", chunk - 1,
+    log_line(kDebug, here(), "Chunks counted: %d  Samples counted: %d", chunk - 1,
              static_cast<unsigned int>(sample));
 }
 

@@ -5,11 +5,9 @@
 #define KESTREL_INTERFACE_MMFIINTERFACE_H
 
 #include "interface/src/mmfi/mm_interface.h"
+#include "native/codec/payload_types.h"
 
 namespace kestrel {
-
-// Limit of the RTP packets of a hint track, in bytes.
-inline constexpr int kMaxPacketBytes = 1400;
 
 // Prepares the record for reading the track that `mode` names; record->file is set already and may
 // be null. Returns a status.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "kestrel/isoff.h"
+#include "interface/src/isoff/read/rtp_packets.h"
 #include "kestrel/native.h"
 #include "native/codec/payload_types.h"
 #include "native/orb_native.h"
@@ -10,7 +10,7 @@ using namespace kestrel;
 
 void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type, unsigned char* buffer,
                      int* length) {
-    const bool packets_produced = hint->seq_rebase == 2;
+    const bool packets_produced = hint->seq_rebase == kRebased;
     tel_native state{};
     state.hdr.time = packets_produced ? hint->last_timestamp : hint->rtp_ts_offset;
     state.hdr.seq = packets_produced ? hint->last_seq : hint->rtp_seq_offset & 0xFFFF;
@@ -22,5 +22,5 @@ void isoFFgetAvccDsi(iso_track* hint, iso_track* media, int payload_type, unsign
     state.dsi_len = static_cast<int32_t>(media->param_sets_length);
     *length = tel_h264_packetise_dsi(buffer, &state);
     hint->rtp_seq_offset += media->sps_count + media->pps_count;
-    if (hint->seq_rebase == 0) hint->seq_rebase = 1;
+    if (hint->seq_rebase == kNoRebase) hint->seq_rebase = kRebaseNext;
 }

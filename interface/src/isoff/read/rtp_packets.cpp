@@ -17,8 +17,6 @@ namespace {
 
 constexpr long kEndOfTrackLine = 358;
 
-enum SeqRebase : uint32_t { kNoRebase = 0, kRebaseNext = 1, kRebased = 2 };
-
 // The entry of a packet (PacketEntry of rtp_hint_sample.h) as two words, which is faster to take
 // apart. The relative transmission time is not used.
 struct EntryWords {

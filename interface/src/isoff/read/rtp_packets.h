@@ -7,6 +7,9 @@
 
 namespace kestrel {
 
+// iso_track::seq_rebase: whether the sequence numbers continue those of parameter sets.
+enum SeqRebase : uint32_t { kNoRebase = 0, kRebaseNext = 1, kRebased = 2 };
+
 // Returns the hint track that isoFFrtpHinter last attached to `media`, without moving its cursor;
 // null for none that has samples. The search is not repeated, because a file may have any number of
 // tracks.

@@ -20,12 +20,12 @@ int shown(uint64_t number) {
 // Keeps the size that the count pass measures, and reports another size in the write pass, with the
 // number of `what`. Returns the size.
 uint64_t checked(const BoxWriter& out, iso_track* track, Table table, uint64_t size,
-                 const char* what, uint64_t number) {
+                 const char* what, int64_t number) {
     uint64_t& counted = track->own->counted_sizes[table];
     if (out.pass() == kCountPass) counted = size;
     if (counted != size) {
         remark(track->file, "Pass1 1 %d Pass 2 %d --- %s %d\n", shown(counted), shown(size), what,
-               shown(number));
+               static_cast<int>(number));
     }
     return size;
 }
