@@ -4,17 +4,15 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
 #include "boxes/fields.h"
 #include "common/log_sources.h"
+#include "common/movie_time.h"
 #include "common/simple_exception.h"
 
 namespace Qvox3gp {
 namespace {
-
-constexpr uint32_t kSecondsFrom1904To1970 = 2082844800;
 
 void debug(const char* text, const kestrel::LogSite& site) {
     kestrel::log_line(kestrel::kDebug, site, "%s", text);
@@ -137,7 +135,7 @@ void FullBox::Read(Stream& io, unsigned int file_size) {
 }
 
 uint32_t GetCurrentTimestamp() {
-    return static_cast<uint32_t>(std::time(nullptr)) + kSecondsFrom1904To1970;
+    return kestrel::movie_time_now();
 }
 
 Timed::Timed() : creation_time_(GetCurrentTimestamp()), modification_time_(creation_time_) {}

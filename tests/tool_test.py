@@ -3,6 +3,7 @@
 
 import concurrent.futures
 import contextlib
+import datetime
 import fcntl
 import hashlib
 import itertools
@@ -831,6 +832,12 @@ class Pack(ToolTest):
                             stdin=self.extract(name, "vr"))
                 self.assertGreater(len(frames("-i", out)), 100)
                 self.assertEqual(frames("-i", out), frames("-i", sample(name)))
+                dates = ffmpeg("ffprobe", "error", "-show_entries", "format_tags=creation_time:"
+                               "stream_tags=creation_time", "-of", "csv=p=0", out).split()
+                self.assertEqual(len(dates), 5)
+                for date in [datetime.datetime.fromisoformat(d[:19].decode()) for d in dates]:
+                    self.assertLess(abs(datetime.datetime.utcnow() - date),
+                                    datetime.timedelta(hours=1))
 
     def test_cut_streams_are_packed_as_far_as_they_are_whole(self):
         stream = self.extract("amrnb_plain", "ar")

@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "common/movie_time.h"
 #include "companion/hinter/outcome.h"
 #include "companion/packer/h264_pictures.h"
 #include "companion/packer/packed_samples.h"
@@ -178,6 +179,8 @@ class Job {
         for (Track& track : tracks_)
             look_at(track);
         file_.reset(keep(isoFFopen(destination, "w", nullptr)));
+        // The writer's own dates are a day early; tracks take those of the file.
+        file_->creation_time = file_->modification_time = movie_time_now();
         file_->timescale = kMovieTimescale;
         file_->size_limit = UINT32_MAX;
         for (Track& track : tracks_)

@@ -16,7 +16,7 @@ namespace {
 constexpr uint32_t kUnknownProfile = 255;
 constexpr uint32_t kMovieHeaderEstimate = 194;  // bytes of `moov` without tracks
 // Added to a time since 1970 for a time since 1904. The value is prescribed. It is one day less
-// than the correct 2082844800 seconds, so the dates written are a day early.
+// than kSecondsFrom1904To1970, so the dates written are a day early.
 constexpr uint32_t kSecondsFrom1904 = 2082758400;
 constexpr int32_t kWriterMinorVersion = 256;
 constexpr uint32_t kWriterSizeLimit = 0x7FFFFFFF;
