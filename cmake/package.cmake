@@ -86,4 +86,10 @@ foreach(component library development tools)
         COMPONENT ${component})
 endforeach()
 
+install(
+    FILES cmake/debian/README.tools
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kestrel-tools
+    RENAME README
+    COMPONENT tools)
+
 include(CPack)

@@ -537,8 +537,10 @@ TEST(Hinter, SaysWhichSampleOfSpeechIsMalformed) {
         source[static_cast<size_t>(offset)] = 0x04;  // a frame of the lowest rate
         const Hinted hinted = hint(source);
         EXPECT_EQ(hinted.result, KST_HINT_REFUSED);
-        EXPECT_STREQ(hinted.report.error,
-                     "track 1: sample 5 is malformed: it does not end with a speech frame");
+        EXPECT_STREQ(
+            hinted.report.error,
+            "track 1: sample 5 is malformed: it does not end with a speech frame; the tables "
+            "point to the wrong bytes, or the media was overwritten; get the file again");
         EXPECT_TRUE(hinted.file.empty());
     }
 }

@@ -223,7 +223,7 @@ REFUSED = [
     ("hint x", 2, "--output is missing; usage: kestrel hint FILE --output OUT"),
     ("send x", 2, "--to is missing; usage: kestrel send FILE --to HOST:PORT"),
     ("report x", 2, "--output"), ("check", 2, "FILE"), ("pack -o out", 2, "a STREAM"),
-    ("extract x ar y", 2, "not expected: 'y'"),
+    ("extract x ar y", 2, "not expected: 'y'; usage: kestrel extract FILE MODE"),
     ("info x" + 6000 * " a_file_name.3gp", 2, "not expected: 'a_file_name.3gp "),
     ("hint x --mtu " + 60000 * "9", 2, "--mtu"),
     ("extract x ar -o", 2, "-o needs OUT after it"),
@@ -238,6 +238,8 @@ REFUSED = [
     ("check --api up x", 2, "'up' is none of function, class"),
     ("packets x --hex --pcap y", 2, "exclude each other"),
     ("pack a.native --video v.native -o out", 2, "exclude each other"),
+    *((f"hint x -o y --mtu {n}", 2, "--mtu: '") for n in ("0x100", "064_", "00063")),
+    ("packets x --pcap -", 2, "--pcap needs the name of a file"),
     ("hint x -o y --mtu 5", 2, "--mtu: '5' is not a whole number from 64 to 65535"),
     ("check x --timeout abc", 2, "'abc' is not a whole number from 1 to 1000000"),
     ("extract x ar -o a -o b", 2, "--output is given 2 times; give it once"),
@@ -269,7 +271,9 @@ REFUSED = [
     ("extract s/amrnb_plain.3gp vr -o out", 1, "s/amrnb_plain.3gp: no video track"),
     ("extract empty ar -o out", 1, "empty: not an ISO media file"),
     ("extract random ar -o out", 1, "random: not an ISO media file"),
-    ("info text", 1, "not an ISO media file"),
+    *((f"{command} {name}", 1, f"{name}: not an ISO media file: it has neither") for name in
+      ("text", "random") for command in ("info", "boxes", "hint -o out", "packets")),
+    ("info v.native", 1, "movie box; 'kestrel inspect' shows native streams"),
     ("extract none ar -o out", 1, "none: No such file or directory"),
     ("report none -o out", 1, "none: No such file or directory"),
     ("extract s ar -o out", 1, "s: Is a directory"),
@@ -296,10 +300,16 @@ REFUSED = [
       [("packets", ""), ("extract", " ar -o out")]),
     ("boxes s/amrnb_plain.3gp --path moov/tark", 1, "has no box moov/tark"),
     ("boxes empty", 1, "empty: has no boxes"),
-    ("inspect s/amrnb_plain.3gp", 1, "extract a track of it first"),
+    ("inspect s/amrnb_plain.3gp", 1, "amrnb_plain.3gp: this is a 3GP file; extract a track of it"),
     ("hint s/aac_plain.3gp -o out", 1, "no AMR, H.263, MPEG-4 or H.264 track"),
-    ("hint cut.3gp -o out", 1, "sample 298 of track 1"),
-    ("hint cut.3gp -o cut.3gp", 1, "sample 298"), ("hint empty -o out", 1, "no movie box"),
+    *((f"{command}", 1, "sample 298 of track 1, 32 bytes at offset 10122, lies outside the file of "
+       "10134 bytes; the file is cut: 20 bytes of 'mdat' are missing; " + salvage + " keeps what is "
+       "whole of it") for command, salvage in
+      [("hint cut.3gp -o out", "--salvage"), ("hint cut.3gp -o cut.3gp", "--salvage"),
+       ("send cut.3gp --to 127.0.0.1:10", "'kestrel hint --salvage'")]),
+    ("hint empty -o out", 1, "not an ISO media file"),
+    ("extract s/av_h263_amrnb_hinted.3gp vr --api class --from 999999 -o out", 1,
+     "cannot begin at 999999 ms; the end is at 2000 ms"),
     ("hint s/amrwb_plain.3gp --mtu 64 -o out", 1,
      "sample 1 cannot be cut into packets of at most 64 bytes; a frame needs up to 74"),
     ("hint s/av_h263_amrnb_hinted.3gp -o out", 1, "--replace"),
@@ -311,7 +321,7 @@ REFUSED = [
     ("send s/amrnb_hinted.3gp --to 127.0.0.1:10 --from 60000", 1, "after the end"),
     ("send s/aac_plain.3gp --to 127.0.0.1:10", 1, "no AMR, H.263, MPEG-4 or H.264 track"),
     ("send many.3gp --to 127.0.0.1:10", 1, "65 hint tracks; the most"),
-    ("send s/amrnb_hinted.3gp --to 127.0.0.1:10 --speed 1000", 1, "nobody listened"),
+    ("send s/amrnb_hinted.3gp --to 127.0.0.1:10 --speed 1000", 1, "nobody listened:"),
     # What can be written nowhere.
     *((f"{command} -o /dev/full", 1, "No space left") for command in
       ("extract in.3gp ar", "hint in.3gp", "report in.3gp") if os.path.exists("/dev/full")),
@@ -1005,7 +1015,7 @@ class Send(ToolTest):
                                "--to", f"127.0.0.1:{here.port}"], stderr=subprocess.PIPE) as tool:
             self.assertIn(b"nobody listens; sending goes on until Ctrl-C", tool.stderr.readline())
             tool.send_signal(signal.SIGINT)
-            self.assertIn(b"nobody listened to", tool.communicate(timeout=60)[1])
+            self.assertIn(b"nobody listened", tool.communicate(timeout=60)[1])
 
     def test_it_begins_at_the_sync_sample_of_a_time(self):
         for name, milliseconds in [("amrnb_hinted", 1010), ("mpeg4_hinted", 1500)]:

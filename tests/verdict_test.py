@@ -295,6 +295,29 @@ class Info(ToolTest):
         self.assertIn("audio: does not play (codec; status 2)\n", text)
         self.assertIn("  This API does not play AAC; convert it with another tool first.\n", text)
         self.assertIn("function API,   video: no video track\n", text)
+        self.assertIn("class API,      audio: does not play (codec; status 12), for the same reason\n",
+                      text)
+
+    def test_what_a_person_reads(self):
+        plain, aac = load("h263_plain"), load("aac_plain")
+        mp3 = bytearray(aac)
+        mp3[mp3.index(bytes.fromhex("04808080")) + 5] = 0x6B  # object type of the decoder
+        fragmented = load("wild/fragmented")
+        for data, shown, absent in [
+                (plain[:8], ["no tracks ", "video: not known: the list of tracks is cut"],
+                 ["duration", "no audio", "brand"]),
+                (plain[:60], ["lost tracks  unknown:"], ["duration", "no audio"]),
+                (mp3, ["track 1      MP3,", "does not play MP3;"], ["AAC"]),
+                (load("mpeg4_b_hinted"), ["MPEG-4 Visual, Advanced Simple profile, level 1,"], []),
+                (fragmented, ["2.000 s, 30 samples in a form", "fix these 4: kestrel hint"],
+                 ["fix it", "hint tracks are required)\n" * 2])]:
+            with self.subTest(shown=shown):
+                text = self.output("info", self.write("in.3gp", data)).decode()
+                for part in shown:
+                    self.assertIn(part, text)
+                for part in absent:
+                    self.assertNotIn(part, text)
+                self.assertLessEqual(text.count("kestrel hint"), 1)
 
 
 class Check(ToolTest):
@@ -334,7 +357,7 @@ class Check(ToolTest):
                 lines += [f"  {key} {about[key]}" for key in ("lost_tracks", "may_lack_tracks")
                           if key in about]
                 if "may_lack_tracks" in about:
-                    lost = about.get("lost_tracks", "any number")
+                    lost = about.get("lost_tracks", "unknown")
                     self.assertIn(f"lost tracks  {lost}:", run("info", path).stdout.decode())
                 lines += [f"  {why}" for why in sorted({v.get("why", "")
                                                         for v in about.get("verdicts", [])}) if why]
@@ -708,6 +731,8 @@ class Report(ToolTest):
             (both + b"\0\0\0\1mdat" + bytes(20), ["to the end are no box"], []),
             (foreign_mpeg4(), ["Opening ends the whole process"], []),
             (load("two_amrnb_hinted"), ["Played: track 2; not judged: track 1."], []),
+            (load("wild/fragmented"), ["Duration 2.02 s", "30 samples in a form that neither API"],
+             ["no samples", "0 chunks", "every sample is a sync sample"]),
             (edited(500, -1, 3000, 250),
              ["for 0.50 s nothing, then for 3.00 s the media from 0.250 s on at 0.50 times"], []),
             # The reader's remarks follow the verdicts.

@@ -9,6 +9,7 @@
 #include "tools/field_reading.h"
 #include "tools/fragment_boxes.h"
 #include "tools/json_printer.h"
+#include "tools/judge/facts.h"
 #include "tools/support.h"
 
 // The box tree of a file as the object model sees it.
@@ -296,6 +297,12 @@ void boxes(const Options& options) {
         file.Read(callbacks, 0);
     } catch (const SimpleException& caught) {
         failure = caught.message();  // what was read before is shown all the same
+    }
+    if (const auto scan = kestrel::probe::scan_file(callbacks);
+        !failure.empty() && !scan.is_3gp() && scan.fragments == 0) {
+        const Error error = no_media_file(options.input);
+        if (options.json) print_error_as_json(error);
+        throw error;
     }
     const size_t shown =
         options.json ? show_json(options, callbacks, file) : show_lines(options, callbacks, file);

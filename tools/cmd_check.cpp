@@ -320,6 +320,7 @@ void add_check(CLI::App& app) {
         ->option_text("function|class");
     command->add_option("-j,--jobs", options->processes, "Judge N files at a time (1)")
         ->check(CLI::Range(1, 1024))
+        ->transform(as_decimal)
         ->option_text("N");
     add_timeout(command, options->time);
     command->add_flag("--quick", options->quick,

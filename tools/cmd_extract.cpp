@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <bit>
+#include <cmath>
 #include <utility>
 #include <vector>
 
@@ -116,6 +117,16 @@ void warn_of_timescales(kst_host* host, const Options& options) {
         "'kestrel hint --replace' makes them agree");
 }
 
+// Where the track ends, of a time that is after it.
+std::string end_text(kst_host* host, const Options& options) {
+    const FileFacts facts = gather_facts(host, Clock::now() + kPatience);
+    const iso_track* track = track_for(facts.file.get(), options.api, kind_of(options.mode));
+    if (track == nullptr) return "";
+    const double end = duration_of(facts, track).seconds() * 1000;
+    return *options.from_ms < end ? ""
+                                  : "; the end is at " + std::to_string(std::llround(end)) + " ms";
+}
+
 // Seeks and reports the result; waits for the target to arrive. Returns the frame, from 1.
 uint32_t seek(C3gpInterface& player, kst_host* host, const Options& options) {
     for (;;) {
@@ -132,8 +143,9 @@ uint32_t seek(C3gpInterface& player, kst_host* host, const Options& options) {
         }
         refuse_failed(host);
         if (status != KST_FAILURE || complete) {
-            throw status_error(options.input, status,
-                               "; cannot begin at " + std::to_string(*options.from_ms) + " ms");
+            const std::string more =
+                "; cannot begin at " + std::to_string(*options.from_ms) + " ms";
+            throw status_error(options.input, status, more + end_text(host, options));
         }
         if (kst_host_wait(host) == KST_HOST_FAULT) throw input_error(options.input);
     }
@@ -313,12 +325,13 @@ void add_api_options(CLI::App* command, const std::shared_ptr<Options>& options)
         command->add_option("--from", options->from_ms,
                             "With --api class: begin at the sync sample near MS milliseconds, and "
                             "print which one it is");
-    from->type_name("MS");
+    from->type_name("MS")->transform(as_decimal);
     add_choice<Sync>(
         command, "--sync", options->sync,
         {{"next", Sync::kNext}, {"previous", Sync::kPrevious}, {"nearest", Sync::kNearest}},
-        "Which sync sample is near MS: next is the first at or after it, previous the last at or "
-        "before it; nearest is, despite its name, the farther of these two (the platform's rule)")
+        "Which sync sample is near MS: next is the one at or after the sample that is shown at MS, "
+        "or else the last one, previous the one at or before it; nearest is, despite its name, the "
+        "farther of these two (the platform's rule). The time that is printed is rounded down")
         ->default_str("previous")
         ->needs(from);
 }
@@ -339,11 +352,13 @@ void add_extract(CLI::App& app) {
         ->add_option("--arriving", options->arriving,
                      "Serve FILE as if N more bytes arrived before each retry")
         ->type_name("N")
+        ->transform(as_decimal)
         ->check(CLI::Range(uint32_t{1}, UINT32_MAX));
     command
         ->add_option("--track", options->track,
                      "Play the track with this ID, where the file has several of the medium")
-        ->type_name("ID");
+        ->type_name("ID")
+        ->transform(as_decimal);
     command->add_flag("--unpack", options->unpack,
                       "Write the media instead of the stream: .amr, .h263, .m4v or .h264");
     add_api_options(command, options);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kestrel/hinter.h"
 #include "tools/commands.h"
+#include "tools/judge/fix.h"
 #include "tools/output_stream.h"
 #include "tools/support.h"
 
@@ -29,7 +30,8 @@ struct Options {
     }
 };
 
-[[noreturn]] void refuse(const Options& options, int result, const std::string& error) {
+[[noreturn]] void refuse(kst_host* host, const Options& options, int result,
+                         const std::string& error) {
     switch (result) {
         case KST_HINT_NO_MEMORY:
             throw std::bad_alloc();
@@ -39,7 +41,8 @@ struct Options {
         case KST_HINT_DESTINATION_FAILED:
             throw file_error(output_name(options.output), error);
         default:
-            throw file_error(options.input, error);
+            if (options.salvage) throw file_error(options.input, error);
+            throw hint_error(host, options.input, error, "--salvage");
     }
 }
 
@@ -60,7 +63,7 @@ void hint(const Options& options) {
     const int result = kst_hint(kst_host_callbacks(host.get()), stream.table(), &how, &report);
     progress.clear();
     stream.rethrow_failure();  // the system's error of a write
-    if (result != KST_HINT_DONE) refuse(options, result, report.error);
+    if (result != KST_HINT_DONE) refuse(host.get(), options, result, report.error);
     stream.finish();
     if (report.left_out[0] != '\0') say(input_name(options.input) + ": " + report.left_out);
 }
@@ -78,6 +81,7 @@ void add_hint(CLI::App& app) {
             "--mtu", options->max_packet,
             "Longest packet in bytes, RTP header included; the function API uses up to 1400")
         ->check(CLI::Range(uint32_t{KST_HINT_SHORTEST_PACKET}, uint32_t{KST_HINT_LONGEST_PACKET}))
+        ->transform(as_decimal)
         ->capture_default_str();
     command->add_flag("--rfc2190", options->rfc2190,
                       "Pack H.263 by RFC 2190 (payload type 34), not by RFC 4629");

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
-#include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 
 #include "companion/probe/track_info.h"
@@ -53,10 +53,6 @@ void add_codec(const kst_probe_track& about, const iso_track* track, Json& out) 
     }
 }
 
-double seconds_of(uint64_t duration, uint32_t timescale) {
-    return timescale == 0 ? 0 : static_cast<double>(duration) / timescale;
-}
-
 Json describe_track(const FileFacts& facts, iso_track* track) {
     int samples = 0;
     int bytes = 0;
@@ -66,7 +62,7 @@ Json describe_track(const FileFacts& facts, iso_track* track) {
     add_codec(about, track, out);
     out["timescale"] = about.timescale;
     out["duration"] = about.duration;
-    out["duration_seconds"] = seconds_of(about.duration, about.timescale);
+    out["duration_seconds"] = Duration{about.duration, about.timescale}.seconds();
     out["sample_count"] = samples;
     out["bytes"] = static_cast<uint32_t>(bytes);
     out["language"] = about.language;
@@ -84,32 +80,20 @@ Json describe_track(const FileFacts& facts, iso_track* track) {
         out["frames_per_sample"] = track->frames_per_sample;
     }
     if (about.sync_samples > 0) out["sync_sample_count"] = about.sync_samples;
+    if (const uint64_t unread = samples_not_read(facts, track); unread > 0)
+        out["samples_not_read"] = unread;
     return out;
 }
 
-// What the library's reader does not have of a file in an odd form.
-void add_imported(const FileFacts& facts, Json& tracks) {
-    std::map<uint32_t, size_t> places;  // no hash: a file chooses its IDs
-    for (size_t i = 0; i < tracks.size(); ++i)
-        places.emplace(tracks[i]["track_id"].get<uint32_t>(), i);
-    for (const ImportedTrack& track : facts.imported.tracks) {
-        const auto [known, is_new] = places.emplace(track.id, tracks.size());
-        if (is_new) {
-            const auto timescale = static_cast<uint32_t>(track.timescale);
-            tracks.push_back({{"track_id", track.id},
-                              {"codec", printable(code_text(track.entry))},
-                              {"codec_name", codec_name(track.codec)},
-                              {"timescale", timescale},
-                              {"duration", track.duration},
-                              {"duration_seconds", seconds_of(track.duration, timescale)},
-                              {"samples_not_read", track.samples}});
-            continue;
-        }
-        Json& same = tracks[known->second];
-        const uint64_t read = same.value("sample_count", uint64_t{0});
-        if (same.contains("sample_count") && read < track.samples)
-            same["samples_not_read"] = track.samples - read;
-    }
+Json describe_unread(const ImportedTrack& track) {
+    const Duration duration{track.duration, static_cast<uint32_t>(track.timescale)};
+    return {{"track_id", track.id},
+            {"codec", printable(code_text(track.entry))},
+            {"codec_name", codec_name(track.codec)},
+            {"timescale", duration.timescale},
+            {"duration", duration.units},
+            {"duration_seconds", duration.seconds()},
+            {"samples_not_read", track.samples}};
 }
 
 Json brands_of(const iso_file* file) {
@@ -122,25 +106,47 @@ Json brands_of(const iso_file* file) {
 
 Json describe_file(const FileFacts& facts) {
     iso_file* file = facts.file.get();
-    const bool is_imported = facts.imported.timescale != 0;
-    const uint32_t timescale = is_imported ? facts.imported.timescale : file->timescale;
-    const uint64_t duration = is_imported ? facts.imported.duration : file->duration;
     Json out{{"major_brand", printable(file->major_brand)},
              {"minor_version", file->minor_version},
-             {"compatible_brands", brands_of(file)},
-             {"timescale", timescale},
-             {"duration", duration},
-             {"duration_seconds", seconds_of(duration, timescale)}};
+             {"compatible_brands", brands_of(file)}};
+    if (facts.scan.has_movie_header) {
+        const Duration duration = duration_of(facts);
+        out["timescale"] = duration.timescale;
+        out["duration"] = duration.units;
+        out["duration_seconds"] = duration.seconds();
+    }
     add_date(out, "created", file->creation_time);
     add_date(out, "modified", file->modification_time);
     out["tracks"] = Json::array();
     for (iso_track* track = file->first_track; track != nullptr; track = track->next)
         out["tracks"].push_back(describe_track(facts, track));
-    add_imported(facts, out["tracks"]);
+    for (const ImportedTrack* track : unread_tracks(facts))
+        out["tracks"].push_back(describe_unread(*track));
     const uint32_t lost = file->own->lost_tracks;
     if (lost > 0) out["lost_tracks"] = lost;
     if (may_lack_tracks(facts)) out["may_lack_tracks"] = true;
     return out;
+}
+
+// "Advanced Simple profile, level 1" of a profile and level indication (ISO/IEC 14496-2, table
+// G-1).
+std::string visual_profile(unsigned indication) {
+    struct Profile {
+        unsigned first, last;  // levels follow one another
+        const char* name;
+        unsigned level;  // of the first
+    };
+    static constexpr Profile kProfiles[] = {
+        {0x01, 0x03, "Simple", 1},          {0x04, 0x04, "Simple", 4}, {0x05, 0x06, "Simple", 5},
+        {0x08, 0x08, "Simple", 0},          {0x21, 0x22, "Core", 1},   {0x32, 0x34, "Main", 2},
+        {0xF0, 0xF5, "Advanced Simple", 0},
+    };
+    for (const Profile& profile : kProfiles) {
+        if (indication < profile.first || indication > profile.last) continue;
+        return std::string(profile.name) + " profile, level " +
+               std::to_string(profile.level + indication - profile.first);
+    }
+    return format("profile and level %u", indication);
 }
 
 // "AMR-NB", "codec 'av01'", "H.264, profile 66, level 3.0".
@@ -154,7 +160,7 @@ std::string codec_text(const Json& track) {
                (code == "avc1" ? format("%.1f", level / 10.0) : std::to_string(level));
     }
     if (track.contains("profile_and_level"))
-        out += format(", profile and level %u", track["profile_and_level"].get<unsigned>());
+        out += ", " + visual_profile(track["profile_and_level"].get<unsigned>());
     return out;
 }
 
@@ -202,40 +208,85 @@ void print_track(const Json& track) {
     std::printf("\n");
 }
 
-// `which` is the track that is judged, where a file has several of the medium.
-void print_verdict(const Verdict& verdict, const std::string& input, const std::string& which) {
-    const std::string api = word(verdict.api) + std::string(" API,");
-    std::printf("%-15s %s: ", api.c_str(), word(verdict.kind));
-    if (verdict.reason == Reason::kNoTrack) {
-        std::printf("no %s track\n", word(verdict.kind));
-        return;
-    }
-    if (verdict.plays()) {
-        std::printf("plays%s%s\n", which.c_str(),
-                    which.empty() ? "" : "; 'kestrel extract --track ID' plays another");
-        if (verdict.seeks_elsewhere) {
-            Verdict replaced = verdict;
-            replaced.fix = "hint --replace";
-            std::printf(
-                "%28sSeeks reach other times: the hint track has another timescale.\n"
-                "%28sfix it: %s\n",
-                "", "", printable(fix_command(replaced, input)).c_str());
-        }
-        return;
-    }
-    std::printf("%s%s (%s", verdict.outcome(), which.c_str(), word(verdict.reason));
-    if (verdict.status != KST_SUCCESS) std::printf("; %s", status_words(verdict.status).c_str());
-    std::printf(")\n%28s%s\n", "", printable(verdict.why).c_str());
-    if (!verdict.fix.empty())
-        std::printf("%28sfix it: %s\n", "", printable(fix_command(verdict, input)).c_str());
+constexpr int kReasonColumn = 28;
+
+void print_reason_line(const std::string& text) {
+    std::printf("%*s%s\n", kReasonColumn, "", printable(text).c_str());
 }
 
-size_t media_tracks(const FileFacts& facts, MediaKind kind) {
-    size_t count = 0;
-    for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next)
-        count += is_of(track, kind) ? 1 : 0;
-    return count;
-}
+// The verdicts of a file, each sentence and each command once.
+class VerdictPrinter {
+  public:
+    VerdictPrinter(const FileFacts& facts, const std::vector<Verdict>& verdicts,
+                   const std::string& input)
+        : facts_(facts), verdicts_(verdicts), input_(input) {}
+
+    void print() {
+        for (const Verdict& verdict : verdicts_) {
+            const std::string api = word(verdict.api) + std::string(" API,");
+            std::printf("%-15s %s: ", api.c_str(), word(verdict.kind));
+            print_outcome(verdict);
+            print_fix(verdict);
+        }
+    }
+
+  private:
+    void print_outcome(const Verdict& verdict) {
+        const std::string which = which_track(verdict.kind, verdict.track_id);
+        if (verdict.reason == Reason::kNoTrack) {
+            const bool is_known = facts_.scan.has_movie && !may_lack_tracks(facts_);
+            const std::string none = std::string("no ") + word(verdict.kind) + " track";
+            std::printf("%s\n", is_known ? none.c_str()
+                                         : "not known: the list of tracks is cut or damaged");
+        } else if (verdict.plays()) {
+            std::printf("plays%s%s\n", which.c_str(),
+                        which.empty() ? "" : "; 'kestrel extract --track ID' plays another");
+            if (verdict.seeks_elsewhere) {
+                print_reason_line("Seeks reach other times: the hint track has another timescale.");
+            }
+        } else {
+            std::printf("%s%s (%s", verdict.outcome(), which.c_str(), word(verdict.reason));
+            if (verdict.status != KST_SUCCESS) std::printf("; %s", status_words(verdict).c_str());
+            const bool is_new = said_.insert(verdict.why).second;
+            std::printf(")%s\n", is_new ? "" : ", for the same reason");
+            if (is_new) print_reason_line(verdict.why);
+        }
+    }
+
+    // After the last verdict with the same command.
+    void print_fix(const Verdict& verdict) const {
+        const std::string command = command_for(verdict);
+        if (command.empty()) return;
+        const auto is_same = [&](const Verdict& other) { return command_for(other) == command; };
+        const auto count = std::count_if(verdicts_.begin(), verdicts_.end(), is_same);
+        const auto last = std::find_if(verdicts_.rbegin(), verdicts_.rend(), is_same);
+        if (&*last != &verdict) return;
+        print_reason_line((count == 1 ? "fix it: " : "fix these " + std::to_string(count) + ": ") +
+                          command);
+    }
+
+    std::string command_for(const Verdict& verdict) const {
+        if (!verdict.seeks_elsewhere) return fix_command(verdict, input_);
+        Verdict replaced = verdict;
+        replaced.fix = "hint --replace";
+        return fix_command(replaced, input_);
+    }
+
+    // ", track 2" where the file has several of the medium.
+    std::string which_track(MediaKind kind, uint32_t id) const {
+        size_t count = 0;
+        for (const iso_track* track = facts_.file->first_track; track != nullptr;
+             track = track->next) {
+            count += is_of(track, kind) ? 1 : 0;
+        }
+        return count > 1 ? ", track " + std::to_string(id) : "";
+    }
+
+    const FileFacts& facts_;
+    const std::vector<Verdict>& verdicts_;
+    const std::string& input_;
+    std::set<std::string> said_;
+};
 
 void print_text(const std::string& input, const FileFacts& facts, const Json& about,
                 const std::vector<Verdict>& verdicts) {
@@ -243,11 +294,15 @@ void print_text(const std::string& input, const FileFacts& facts, const Json& ab
     for (const Json& brand : about["compatible_brands"])
         brands += (brands.empty() ? "" : " ") + brand.get<std::string>();
     std::printf("%s\n", printable(input).c_str());
-    std::printf("brand        %s, version %d; compatible: %s\n",
-                about["major_brand"].get<std::string>().c_str(), about["minor_version"].get<int>(),
-                brands.c_str());
-    std::printf("duration     %.3f s, timescale %u\n", about["duration_seconds"].get<double>(),
-                about["timescale"].get<uint32_t>());
+    if (!about["major_brand"].get<std::string>().empty()) {
+        std::printf("brand        %s, version %d; compatible: %s\n",
+                    about["major_brand"].get<std::string>().c_str(),
+                    about["minor_version"].get<int>(), brands.c_str());
+    }
+    if (about.contains("duration")) {
+        std::printf("duration     %.3f s, timescale %u\n", about["duration_seconds"].get<double>(),
+                    about["timescale"].get<uint32_t>());
+    }
     if (about.contains("created"))
         std::printf("created      %s\n", about["created"].get<std::string>().c_str());
     for (const Json& track : about["tracks"])
@@ -258,14 +313,9 @@ void print_text(const std::string& input, const FileFacts& facts, const Json& ab
         std::printf("lost tracks  %u: inside or after a damaged one, or without a header first\n",
                     about["lost_tracks"].get<uint32_t>());
     } else if (about.contains("may_lack_tracks")) {
-        std::printf(
-            "lost tracks  any number: the movie box is cut or damaged; get the whole file\n");
+        std::printf("lost tracks  unknown: the movie box is cut or damaged; get the whole file\n");
     }
-    for (const Verdict& verdict : verdicts) {
-        const bool is_one_of_several = media_tracks(facts, verdict.kind) > 1;
-        print_verdict(verdict, input,
-                      is_one_of_several ? ", track " + std::to_string(verdict.track_id) : "");
-    }
+    VerdictPrinter(facts, verdicts, input).print();
 }
 
 void info(const Options& options) {

@@ -201,26 +201,30 @@ void add_packets(CLI::App& app) {
     CLI::App* command = app.add_subcommand("packets", "List the RTP packets of the hint tracks");
     add_input(command, "FILE", options->input, "3GP file; - is standard input");
     command->add_option("--track", options->track, "Only the hint track with this track ID")
-        ->type_name("ID");
+        ->type_name("ID")
+        ->transform(as_decimal);
     CLI::Option* hex =
         command->add_flag("--hex", options->hex, "Show each packet in hex, as the last column");
     CLI::Option* json = command->add_flag("--json", options->json, "Print JSON");
     CLI::Option* pcap =
         add_output(command, "--pcap", options->pcap,
-                   "Write a capture that a network analyser opens, and a session description\n"
-                   "beside it, with the ending .sdp")
+                   "Write a capture that a network analyser opens to a file, not to standard\n"
+                   "output, and a session description beside it, with the ending .sdp")
             ->type_name("OUT")
             ->excludes(hex)
             ->excludes(json);
     command->add_option("--limit", options->limit, "With --pcap: longest capture, in bytes")
         ->type_name("BYTES")
+        ->transform(as_decimal)
         ->capture_default_str()
         ->needs(pcap);
     command->footer(
         "One line a packet: hint track ID, bytes, marker, payload type, sequence number,\n"
         "timestamp.");
     command->callback([options] {
-        if (options->pcap == "-") throw Error("--pcap needs a file", kWrongUsage);
+        if (options->pcap == "-")
+            throw Error("--pcap needs the name of a file: a description is written beside it",
+                        kWrongUsage);
         if (is_description_name(options->pcap)) {
             throw file_error(options->pcap,
                              "is the name of the description; give the capture another, such as " +

@@ -9,6 +9,7 @@
 #include "tools/capture.h"
 #include "tools/commands.h"
 #include "tools/hint_packets.h"
+#include "tools/judge/fix.h"
 #include "tools/send/sender.h"
 #include "tools/session_description.h"
 #include "tools/temporary_file.h"
@@ -70,7 +71,8 @@ Source hint_anew(const Source& from, const std::string& input) {
     progress.clear();
     if (result == KST_HINT_NO_MEMORY) throw std::bad_alloc();
     if (result == KST_HINT_DESTINATION_FAILED) throw file_error("temporary file", report.error);
-    if (result != KST_HINT_DONE) throw file_error(input, report.error);
+    if (result != KST_HINT_DONE)
+        throw hint_error(from.host.get(), input, report.error, "'kestrel hint --salvage'");
     to.finish();
     if (report.left_out[0] != '\0') say(input_name(input) + ": " + report.left_out);
     made.host = open_temporary(made.copy);
@@ -105,6 +107,10 @@ void write_description(const Options& options, const UdpAddress& to, uint16_t fi
 // Empty when all packets were received, as far as the system reports.
 std::string refused_text(const Options& options, const Sender& sender) {
     if (sender.refused() == 0) return "";
+    if (sender.refused() > sender.packets() / 2) {
+        return printable(options.to) + ": nobody listened: " + std::to_string(sender.refused()) +
+               " of " + std::to_string(sender.packets()) + " packets were refused";
+    }
     return printable(options.to) + ": nobody listened to " + std::to_string(sender.refused()) +
            " of " + std::to_string(sender.packets()) + " packets";
 }
@@ -166,7 +172,8 @@ void add_send(CLI::App& app) {
     command
         ->add_option("--from", options->from,
                      "Begin at the last sync sample at or before this time, in milliseconds")
-        ->type_name("MS");
+        ->type_name("MS")
+        ->transform(as_decimal);
     command->add_option("--speed", options->speed, "Send X times as fast: from 0.01 to 1000")
         ->option_text("X")
         ->check(CLI::Range(0.01, 1000.0))
@@ -179,6 +186,7 @@ void add_send(CLI::App& app) {
                      "Send at most this many packets a second, a tenth of them at once; without\n"
                      "the option 10000, and as many times more as --speed is faster")
         ->type_name("PACKETS")
+        ->transform(as_decimal)
         ->check(CLI::Range(uint32_t{1}, uint32_t{1000000}));
     command->add_flag("--loop", options->loop, "Begin again at the end, until Ctrl-C");
     command->footer(

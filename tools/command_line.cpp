@@ -178,7 +178,8 @@ std::string in_plain_words(const CLI::App& app, const CLI::ParseError& wrong) {
         {std::regex("(\\S+): \\d+ required (.*) missing"), "$1 needs $2 after it"},
         {std::regex("(.*) requires (.*)"), "$1 needs $2"},
         {std::regex("(.*) excludes (.*)"), "$1 and $2 exclude each other"},
-        {std::regex("The following arguments? w\\w+ not expected: (.*)"), "not expected: '$1'"},
+        {std::regex("The following arguments? w\\w+ not expected: (.*)"),
+         "not expected: '$1'; usage: "},
     };
     // std::regex takes stack in proportion to the text.
     constexpr size_t kMaxText = 1000;
@@ -290,8 +291,9 @@ int run_command_line(CLI::App& app, int argc, char** argv) {
         finish_standard_output();
         return kDone;
     } catch (const CLI::Success& asked_for) {
-        const int code = app.exit(asked_for);  // --help and --version
-        finish_standard_output();
+        std::ostringstream text;  // of --help and --version
+        const int code = app.exit(asked_for, text, text);
+        print(text.str());
         return code;
     } catch (const CLI::ParseError& wrong) {
         wrong_usage(in_plain_words(app, wrong));

@@ -48,6 +48,16 @@ CLI::Option* add_choice(CLI::App* command, const char* name, Target& value,
         ->option_text(CLI::detail::join(words, "|"));
 }
 
+// Takes the zeros off that a number begins with, which the parser reads as octal otherwise, and
+// refuses other notations of whole numbers.
+inline std::string as_decimal(const std::string& text) {
+    const size_t first = text.find_first_not_of('0');
+    if (first == std::string::npos) return text.empty() ? text : "0";
+    if (first > 0 && text.find_first_not_of("0123456789") != std::string::npos)
+        throw CLI::ValidationError("'" + text + "' is not a whole number in decimal digits");
+    return text.substr(first);
+}
+
 // What is wrong with a name of a file; empty for nothing.
 inline std::string refuse_empty_name(const std::string& name) {
     return name.empty() ? "the name of a file is empty" : "";
@@ -81,6 +91,7 @@ inline void add_timeout(CLI::App* command, TimeLimit& limit) {
             "Seconds that judging a file may take (60); what is not done by then gets the\n"
             "verdict timeout")
         ->check(CLI::Range(1, 1000000))
+        ->transform(as_decimal)
         ->option_text("SECONDS");
 }
 

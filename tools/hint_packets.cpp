@@ -69,7 +69,8 @@ std::string HintPackets::lacks() const {
         return name + ": hint sample " + std::to_string(damaged_sample_) + " of " +
                std::to_string(expected.samples) +
                (unreadable_ ? " cannot be read" : " is damaged") +
-               "; its packets and all after them are left out";
+               "; its packets and all after them are left out" +
+               (unreadable_ ? "" : "; 'kestrel hint --replace' makes new ones");
     }
     const auto read = static_cast<uint64_t>(std::max(hint_->sample_count, 0));
     if (expected.samples > read) {

@@ -42,6 +42,7 @@ WalkedFile walk_file(const std::string& path, kestrel::stream::RecordSink& sink)
 }
 
 Error damage_error(const std::string& file, const Damage& damage, const std::string& more) {
+    if (damage.reason == kestrel::stream::kIs3gpText) return file_error(file, damage.reason);
     return file_error(file, "damaged from byte " + std::to_string(damage.offset) +
                                 " on: " + damage.reason + more);
 }

@@ -239,7 +239,7 @@ class Job {
                                  importer::type_text(track.descriptions[medium.description].type) +
                                  "', the first is number " + std::to_string(implausible.first);
         if (implausible.count > track.samples.size() / 2)
-            return outcome_.fail(KST_HINT_REFUSED, text + ": bytes of a wrong place");
+            return outcome_.fail(KST_HINT_REFUSED, text + ": " + stream::kWrongBytesText);
         add_note(text);
         return true;
     }
@@ -309,7 +309,8 @@ class Job {
         const std::string name = name_of(medium) + ": sample " + std::to_string(number + 1);
         if (is_malformed_speech(medium.track.to, sample))
             return outcome_.fail(KST_HINT_REFUSED,
-                                 name + " is malformed: it does not end with a speech frame");
+                                 name + " is malformed: it does not end with a speech frame; " +
+                                     stream::kWrongBytesText);
         return outcome_.fail(KST_HINT_REFUSED, name + " cannot be cut into packets of at most " +
                                                    std::to_string(options_.max_packet) + " bytes" +
                                                    limit_advice(medium.track.to));

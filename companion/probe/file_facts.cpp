@@ -150,4 +150,32 @@ bool has_medium(const FileFacts& facts, MediaKind kind) {
                        [&](const ImportedTrack& track) { return track.is_of(kind); });
 }
 
+Duration duration_of(const FileFacts& facts) {
+    if (facts.imported.timescale != 0) return {facts.imported.duration, facts.imported.timescale};
+    return {facts.file->duration, facts.file->timescale};
+}
+
+Duration duration_of(const FileFacts& facts, const iso_track* track) {
+    if (const ImportedTrack* imported = facts.imported_track(track); imported != nullptr)
+        return {imported->duration, static_cast<uint32_t>(imported->timescale)};
+    return {track->duration, track->timescale};
+}
+
+uint64_t samples_not_read(const FileFacts& facts, const iso_track* track) {
+    const ImportedTrack* imported = facts.imported_track(track);
+    const auto read = static_cast<uint64_t>(std::max(track->sample_count, 0));
+    return imported != nullptr && imported->samples > read ? imported->samples - read : 0;
+}
+
+std::vector<const ImportedTrack*> unread_tracks(const FileFacts& facts) {
+    std::vector<bool> is_read(facts.imported.tracks.size());
+    for (const auto& [track, number] : facts.import_numbers)
+        is_read[number] = true;
+    std::vector<const ImportedTrack*> tracks;
+    for (size_t i = 0; i < is_read.size(); ++i) {
+        if (!is_read[i]) tracks.push_back(&facts.imported.tracks[i]);
+    }
+    return tracks;
+}
+
 }  // namespace kestrel::probe

@@ -94,6 +94,23 @@ Expected expected_of(const iso_track* track, const ImportedTrack* imported);
 
 bool has_medium(const FileFacts& facts, MediaKind kind);
 
+// A duration of `units`, `timescale` of them a second.
+struct Duration {
+    uint64_t units = 0;
+    uint32_t timescale = 0;
+
+    double seconds() const { return timescale == 0 ? 0.0 : static_cast<double>(units) / timescale; }
+};
+
+// Those that the movie and a track have in all, samples of movie fragments included.
+Duration duration_of(const FileFacts& facts);
+Duration duration_of(const FileFacts& facts, const iso_track* track);
+
+// Samples of the file that the library's reader does not have.
+uint64_t samples_not_read(const FileFacts& facts, const iso_track* track);
+// The tracks that it does not have.
+std::vector<const ImportedTrack*> unread_tracks(const FileFacts& facts);
+
 }  // namespace kestrel::probe
 
 #endif

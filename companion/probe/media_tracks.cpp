@@ -231,4 +231,34 @@ const char* codec_name(int32_t codec) {
     }
 }
 
+const char* codec_name(const iso_track* track) {
+    if (track->codec != ISO_CODEC_MP4A) return codec_name(track->codec);
+    // Object types of decoder configurations (ISO/IEC 14496-1, 7.2.6.6, and those registered).
+    switch (track->object_type) {
+        case 0x00:  // has no decoder configuration
+        case 0x40:
+        case 0x66:
+        case 0x67:
+        case 0x68:
+            return codec_name(track->codec);
+        case 0x69:
+        case 0x6B:
+            return "MP3";
+        case 0xA5:
+            return "AC-3";
+        case 0xA6:
+            return "E-AC-3";
+        case 0xA9:
+            return "DTS";
+        case 0xAD:
+            return "Opus";
+        case 0xDD:
+            return "Vorbis";
+        case 0xE1:
+            return "QCELP";
+        default:
+            return "unknown";
+    }
+}
+
 }  // namespace kestrel::probe

@@ -33,6 +33,8 @@ bool plays_codec(Api api, int32_t codec);
 
 // Of a sample entry: "AMR-NB" for ISO_CODEC_SAMR and so on; "unknown".
 const char* codec_name(int32_t codec);
+// Of a track: that of the object type of a sample entry `mp4a`, where it is not AAC.
+const char* codec_name(const iso_track* track);
 
 // Returns the track that the API plays, else the first one of the medium; null for none.
 const iso_track* track_for(const iso_file* file, Api api, MediaKind kind);

@@ -201,7 +201,8 @@ Reason reason_for_no_media(const FileFacts& facts) {
 }
 
 std::string name_of_codec(const Subject& subject) {
-    std::string codec = codec_name(subject.codec());
+    const iso_track* track = subject.track;
+    std::string codec = track != nullptr ? codec_name(track) : codec_name(subject.codec());
     if (codec != "unknown") return codec;
     const TrackBoxes* boxes = boxes_of(subject);
     if (boxes == nullptr || boxes->entries.empty())

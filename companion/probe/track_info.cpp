@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "companion/probe/track_info.h"
 
-#include <set>
-
 #include "interface/src/isoff/record/private.h"
 
 namespace kestrel::probe {
@@ -20,11 +18,11 @@ int32_t medium_of(const iso_track* track) {
 }
 
 // What both kinds of track have.
-kst_probe_track begin_track(const FileFacts& facts, uint32_t id, int32_t codec) {
+kst_probe_track begin_track(const FileFacts& facts, uint32_t id, const char* codec_name) {
     kst_probe_track out{};
     out.struct_size = sizeof out;
     out.track_id = id;
-    out.codec_name = codec_name(codec);
+    out.codec_name = codec_name;
     copy_text(out.language, "und");
     const TrackBoxes* boxes = facts.scan.track(id);
     if (boxes == nullptr) return out;
@@ -39,17 +37,17 @@ void add_samples(kst_probe_track& out, const Expected& expected) {
     out.fragmented = expected.in_fragments;
 }
 
-void set_times(kst_probe_track& out, const ImportedTrack& track) {
-    out.timescale = static_cast<uint32_t>(track.timescale);
-    out.duration = track.duration;
+void set_times(kst_probe_track& out, const Duration& duration) {
+    out.timescale = duration.timescale;
+    out.duration = duration.units;
 }
 
 kst_probe_track describe(const FileFacts& facts, const ImportedTrack& track) {
-    kst_probe_track out = begin_track(facts, track.id, track.codec);
+    kst_probe_track out = begin_track(facts, track.id, codec_name(track.codec));
     out.medium = track.is_of(MediaKind::kAudio)   ? KST_MEDIUM_AUDIO
                  : track.is_of(MediaKind::kVideo) ? KST_MEDIUM_VIDEO
                                                   : KST_MEDIUM_OTHER;
-    set_times(out, track);
+    set_times(out, {track.duration, static_cast<uint32_t>(track.timescale)});
     add_samples(out, expected_of(nullptr, &track));
     return out;
 }
@@ -58,11 +56,9 @@ kst_probe_track describe(const FileFacts& facts, const ImportedTrack& track) {
 
 kst_probe_track describe_track(const FileFacts& facts, const iso_track* track) {
     const ImportedTrack* imported = facts.imported_track(track);
-    kst_probe_track out = begin_track(facts, facts.id_of(track), track->codec);
+    kst_probe_track out = begin_track(facts, facts.id_of(track), codec_name(track));
     out.medium = medium_of(track);
-    out.timescale = track->timescale;
-    out.duration = track->duration;
-    if (imported != nullptr) set_times(out, *imported);
+    set_times(out, duration_of(facts, track));
     add_samples(out, expected_of(track, imported));
     out.sync_samples = track->sync_count;
     copy_text(out.language, language_text(track->own->language));
@@ -81,12 +77,8 @@ std::vector<kst_probe_track> describe_tracks(const FileFacts& facts) {
     const iso_file* file = facts.file.get();
     for (const iso_track* track = file->first_track; track != nullptr; track = track->next)
         tracks.push_back(describe_track(facts, track));
-    std::set<uint32_t> known;  // no hash: a file chooses its IDs
-    for (const kst_probe_track& track : tracks)
-        known.insert(track.track_id);
-    for (const ImportedTrack& track : facts.imported.tracks) {
-        if (known.insert(track.id).second) tracks.push_back(describe(facts, track));
-    }
+    for (const ImportedTrack* track : unread_tracks(facts))
+        tracks.push_back(describe(facts, *track));
     return tracks;
 }
 

@@ -168,8 +168,7 @@ Record NativeWalk::header_record(const char* name) {
 void NativeWalk::first_record() {
     StreamRecord shown;
     const auto first = take_record<PROP_Header_Info>("PROP_Header_Info", shown);
-    if (is_box_type(&first.medium[4]))
-        damaged(0, "this is a 3GP file; extract a track of it first");
+    if (is_box_type(&first.medium[4])) damaged(0, kIs3gpText);
     sink_.record(shown);
     is_audio_ = std::memcmp(first.medium, kAudioMedium, sizeof first.medium) == 0;
     const bool video = std::memcmp(first.medium, kVideoMedium, sizeof first.medium) == 0;

@@ -107,6 +107,9 @@ struct Damage {
     std::string reason;
 };
 
+// The reason of Damage in a file that is no stream, but can be played.
+inline constexpr const char* kIs3gpText = "this is a 3GP file; extract a track of it first";
+
 // Limit of a frame: its record and packets together.
 inline constexpr uint32_t kMaxChunkBytes = KST_MAX_CHUNK;
 

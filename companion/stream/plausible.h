@@ -8,6 +8,10 @@
 
 namespace kestrel::stream {
 
+// Why the bytes of a file cannot be of their codec, and the next step.
+inline constexpr const char* kWrongBytesText =
+    "the tables point to the wrong bytes, or the media was overwritten; get the file again";
+
 // The next two take the first bytes of a picture; fewer than three may be any.
 
 // A picture start code (ITU-T H.263, 5.1.1).

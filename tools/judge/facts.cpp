@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/judge/facts.h"
 
+#include <array>
 #include <cstring>
+#include <fstream>
 #include <type_traits>
 
+#include "companion/stream/native_walk.h"
+#include "kestrel/native_records.h"
 #include "tools/messages.h"
 
 namespace tool {
@@ -46,10 +50,29 @@ ImportedMovie import_apart(KST_IOSTREAM_CALLBACK_INTERFACE& stream, const ChildL
     return movie_of(run_apart(limits, [&] { return bytes_of(import_tracks(stream)); }).report);
 }
 
+// Whether a file begins with the first record of a native stream.
+bool is_native_stream(const std::string& path) {
+    std::array<uint8_t, sizeof(kestrel::PROP_Header_Info)> begin{};
+    std::ifstream file(path, std::ios::binary);
+    if (path == "-" || !file.read(reinterpret_cast<char*>(begin.data()), begin.size()))
+        return false;
+    kestrel::stream::RecordSink ignore;
+    kestrel::stream::NativeWalk walk(ignore);
+    try {
+        walk.feed(begin);
+        return true;
+    } catch (const kestrel::stream::Damage&) {
+        return false;
+    }
+}
+
 }  // namespace
 
 Error no_media_file(const std::string& input) {
-    return file_error(input, "not an ISO media file: it has neither a file type nor a movie box");
+    return file_error(
+        input, std::string("not an ISO media file: it has neither a file type nor a movie "
+                           "box") +
+                   (is_native_stream(input) ? "; 'kestrel inspect' shows native streams" : ""));
 }
 
 uint64_t memory_limit(const FileScan& scan) {

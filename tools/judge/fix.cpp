@@ -8,6 +8,7 @@
 #include <span>
 #include <thread>
 
+#include "companion/probe/reasons.h"
 #include "kestrel/hinter.h"
 #include "tools/temporary_file.h"
 
@@ -29,12 +30,22 @@ void limit_files(uint64_t bytes) {
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
+}  // namespace
+
 bool lacks_something(const FileFacts& facts) {
-    if (facts.scan.movie_is_cut) return false;  // nothing whole is found then
+    if (facts.scan.movie_is_cut || !facts.scan.has_movie) return false;  // nothing whole is found
     return facts.scan.cut_box.has_value() || !facts.imported.missing.empty();
 }
 
-}  // namespace
+Error hint_error(kst_host* host, const std::string& input, const std::string& text,
+                 const char* salvage) {
+    const FileFacts facts = gather_facts(host, Clock::now() + kPatience);
+    if (!facts.scan.is_3gp()) return no_media_file(input);
+    if (!lacks_something(facts)) return file_error(input, text);
+    const std::string missing = kestrel::probe::missing_bytes(facts.scan);
+    return file_error(input, text + (missing.empty() ? "" : "; the file is cut: " + missing) +
+                                 "; " + salvage + " keeps what is whole of it");
+}
 
 FixFinder::FixFinder(const FileFacts& facts, const ChildLimits& limits)
     : facts_(facts), limits_(limits) {

@@ -46,6 +46,16 @@ class FixFinder {
     std::vector<Candidate> candidates_;
 };
 
+// Whether a file was cut or lacks fragments, so that what is whole of it may be kept.
+bool lacks_something(const FileFacts& facts);
+
+// The error of a file that was not hinted, with what it lacks; `salvage` is the option or the
+// command that keeps the rest.
+Error hint_error(kst_host* host, const std::string& input, const std::string& text,
+                 const char* salvage);
+
+inline constexpr auto kPatience = std::chrono::seconds(10);  // with a file that failed
+
 }  // namespace tool
 
 #endif

@@ -267,14 +267,16 @@ class LogSilence {
 
 // --- sentences ---
 
-// How much is delivered of an incomplete medium.
+// How much is delivered of an incomplete medium. Empty where the bytes are no media, or more than
+// the medium has.
 std::string amount(const Subject& subject, const MediaCounts& counts) {
     const Expected& expected = subject.expected;
+    if (counts.implausible > 0 || has_misplaced_speech(subject, counts)) return "";
     if (subject.kind == MediaKind::kVideo && counts.frames < expected.pictures) {
         return std::to_string(counts.frames) + " of " + std::to_string(expected.pictures) +
                " pictures";
     }
-    if (expected.bytes == 0) return "";
+    if (expected.bytes == 0 || counts.bytes > expected.bytes) return "";
     const double percent =
         100 * static_cast<double>(counts.bytes) / static_cast<double>(expected.bytes);
     return format(
@@ -292,15 +294,14 @@ std::string why_incomplete(const Subject& subject, const Verdict& verdict) {
 
 std::string why_implausible(const Subject& subject, const MediaCounts& counts) {
     if (counts.implausible == 0) {
-        return "Its samples do not end with the speech frames in them: the bytes are of a wrong "
-               "place.";
+        return std::string("Its samples do not end with the speech frames in them: ") +
+               kestrel::stream::kWrongBytesText + ".";
     }
-    return format(
-        "%llu of %llu frames cannot be %s, the first is number %llu: bytes of a wrong "
-        "place.",
-        static_cast<unsigned long long>(counts.implausible),
-        static_cast<unsigned long long>(counts.frames), name_of_codec(subject).c_str(),
-        static_cast<unsigned long long>(counts.first_implausible));
+    return format("%llu of %llu frames cannot be %s, the first is number %llu: %s.",
+                  static_cast<unsigned long long>(counts.implausible),
+                  static_cast<unsigned long long>(counts.frames), name_of_codec(subject).c_str(),
+                  static_cast<unsigned long long>(counts.first_implausible),
+                  kestrel::stream::kWrongBytesText);
 }
 
 std::string why_damaged(const Subject& subject, const Verdict& verdict, const TrialResult& result) {
@@ -372,12 +373,15 @@ FixFinder::IsFixed plays_of(const Subject& subject, const ChildLimits& limits) {
     };
 }
 
-constexpr auto kPatience = std::chrono::seconds(10);  // with a file that did not play
-
 // Looks for the command that makes `input` play; its name does not help where it is standard input.
 std::string next_step(const Subject& subject, Verdict& verdict, const std::string& input,
                       Clock::time_point deadline) {
-    if (!subject.has_track() || !may_have_fix(subject, verdict.reason) || input == "-") return "";
+    if (!subject.has_track() || !may_have_fix(subject, verdict.reason)) return "";
+    if (input == "-") {
+        return lacks_something(subject.facts)
+                   ? "; save it to a file, of which 'kestrel hint --salvage' keeps what is whole"
+                   : "";
+    }
     const ChildLimits limits{deadline, memory_limit(subject.facts.scan)};
     FixFinder fixes(subject.facts, limits);
     verdict.fix = fixes.find(subject.api, subject.kind, plays_of(subject, limits));
@@ -402,9 +406,12 @@ const char* Verdict::outcome() const {
 }
 
 // The file does not grow, so missing data never arrives.
-std::string status_words(int32_t status) {
+std::string status_words(const Verdict& verdict) {
+    const int32_t status = verdict.status;
     const std::string number = "status " + std::to_string(status);
-    const bool says_nothing = status == KST_FAILURE || status == KST_NOT_YET;
+    const bool misleads = status == KST_NO_HINT_TRACK && (verdict.reason == Reason::kCodec ||
+                                                          verdict.reason == Reason::kEncrypted);
+    const bool says_nothing = status == KST_FAILURE || status == KST_NOT_YET || misleads;
     return says_nothing ? number : number + ": " + kst_StatusString(status);
 }
 
@@ -498,7 +505,7 @@ Error open_error(kst_host* host, const std::string& input, Api api, MediaKind ki
     verdict.reason = subject.has_track() ? reason_of(subject, result) : Reason::kDamaged;
     std::string sentence = why(subject, verdict, result);
     sentence.pop_back();  // its full stop
-    sentence += " (" + status_words(status) + ")";
+    sentence += " (" + status_words(verdict) + ")";
     return file_error(input, sentence + next_step(subject, verdict, input, deadline));
 }
 
@@ -536,7 +543,7 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
     sentence.pop_back();  // its full stop
     if (!verdict.amount.empty() && sentence.find(verdict.amount) == std::string::npos)
         sentence += "; " + verdict.amount + " came";
-    if (!ended) sentence += " (" + status_words(playback.status) + ")";
+    if (!ended) sentence += " (" + status_words(verdict) + ")";
     return file_error(input, sentence + next_step(subject, verdict, input, deadline));
 }
 

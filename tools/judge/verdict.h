@@ -40,8 +40,9 @@ struct Verdict {
     const char* outcome() const;
 };
 
-// "status 12: Hint tracks are required"; the number alone where the text says nothing.
-std::string status_words(int32_t status);
+// "status 12: Hint tracks are required"; the number alone where the text says nothing, or no reason
+// that a hint track removes.
+std::string status_words(const Verdict& verdict);
 
 // "kestrel hint FILE -o OUT" for a verdict with a fix, quoted for a shell; else empty.
 std::string fix_command(const Verdict& verdict, const std::string& input);

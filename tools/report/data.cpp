@@ -344,8 +344,8 @@ void gather_track(ReportData& data, iso_track* track, Clock::time_point deadline
 void report_problems(ReportData& data) {
     const auto report = [&](const TrackFigures& figures, const std::string& what) {
         const iso_track* track = figures.track;
-        data.problems.push_back(
-            format("Track %u (%s): ", track->track_id, codec_name(track->codec)) + what);
+        data.problems.push_back(format("Track %u (%s): ", track->track_id, codec_name(track)) +
+                                what);
     };
     for (const TrackFigures& figures : data.tracks) {
         if (figures.outside.chunks == 0) continue;
@@ -384,6 +384,10 @@ ReportData gather(kst_host* host, const std::string& input, Clock::time_point de
         }
     }
     report_problems(data);
+    for (const ImportedTrack& track : data.facts.imported.tracks) {
+        const Duration duration{track.duration, static_cast<uint32_t>(track.timescale)};
+        data.seconds = std::max(data.seconds, duration.seconds());
+    }
     data.verdicts = Judge(data.facts, deadline).judge_all();
     return data;
 }

@@ -34,9 +34,12 @@ const char* kind_of(const iso_track* track) {
     return is_of(track, MediaKind::kAudio) ? "audio" : "other";
 }
 
-std::string name_of(const iso_track* track) {
-    const std::string codec = codec_name(track->codec);
+std::string heading(const std::string& codec) {
     return codec == "unknown" ? "Unknown codec" : codec;
+}
+
+std::string name_of(const iso_track* track) {
+    return heading(codec_name(track));
 }
 
 std::string pixels(const iso_track* track) {
@@ -102,6 +105,8 @@ class Page {
         for (const TrackFigures& figures : data_.tracks) {
             if (!is_hint(figures.track) || media_of(figures.track) == nullptr) add_track(figures);
         }
+        for (const ImportedTrack* track : unread_tracks(data_.facts))
+            add_unread(*track);
         if (data_.tracks_left_out > 0) {
             out_ += "<section><p class=\"muted\">" + show_count(data_.tracks_left_out) +
                     " more tracks are not drawn.</p></section>\n";
@@ -271,8 +276,9 @@ class Page {
         if (!verdict.plays()) {
             out_ += "<p>" + escape(verdict.why);
             if (verdict.status != KST_SUCCESS) {
-                out_ += format(" <span class=\"muted\">Status&#160;%d: ", verdict.status) +
-                        escape(kst_StatusString(verdict.status)) + ".</span>";
+                const std::string words = status_words(verdict);
+                out_ += " <span class=\"muted\">Status&#160;" +
+                        escape(words.substr(words.find(' ') + 1)) + ".</span>";
             }
             out_ += "</p>";
         }
@@ -435,17 +441,32 @@ class Page {
                fact("", sizes.least == sizes.most ? most : show_bytes(sizes.least) + " to " + most);
     }
 
+    static std::string about_unread(uint64_t samples, const std::string& more) {
+        return fact("", show_count(samples)) + more + " samples in a form that neither API reads";
+    }
+
     void add_facts(const TrackFigures& figures) {
         const iso_track* track = figures.track;
         std::vector<std::string> facts;
         const std::string size = pixels(track);
         if (!size.empty()) facts.push_back("<b>" + size + "</b> pixels");
-        facts.push_back(fact("", show_seconds(figures.seconds)));
-        facts.push_back(track->sample_count > 0 ? about_samples(figures) : "<b>no samples</b>");
+        const uint64_t unread = samples_not_read(data_.facts, track);
+        const double seconds =
+            unread > 0 ? duration_of(data_.facts, track).seconds() : figures.seconds;
+        facts.push_back(fact("", show_seconds(seconds)));
+        if (track->sample_count > 0) facts.push_back(about_samples(figures));
+        if (unread > 0) {
+            facts.push_back(about_unread(unread, track->sample_count > 0 ? " more" : ""));
+        } else if (track->sample_count <= 0) {
+            facts.push_back("<b>no samples</b>");
+        }
         const auto chunks = static_cast<uint32_t>(track->chunk_count);
-        facts.push_back(fact("", show_count(chunks)) + (chunks == 1 ? " chunk" : " chunks"));
+        if (chunks > 0 || unread == 0) {
+            facts.push_back(fact("", show_count(chunks)) + (chunks == 1 ? " chunk" : " chunks"));
+        }
         facts.push_back("clock " + fact("", show_count(track->timescale)) + " Hz");
-        if (!figures.has_sync_table && is_of(track, MediaKind::kVideo)) {
+        if (!figures.has_sync_table && track->sample_count > 0 && unread == 0 &&
+            is_of(track, MediaKind::kVideo)) {
             facts.push_back("every sample is a sync sample");
         }
         if (track->own->edit_count <= 0) facts.push_back("no edit list");
@@ -464,8 +485,8 @@ class Page {
         const PacketFigures& packets = figures.packets;
         out_ += "<div class=\"under hint\">";
         if (media_of(track) != nullptr) {  // else it has a card of its own
-            out_ += format("<h3>%s <span class=\"muted\">track %u</span></h3>",
-                           codec_name(track->codec), track->track_id);
+            out_ += format("<h3>%s <span class=\"muted\">track %u</span></h3>", codec_name(track),
+                           track->track_id);
         }
         std::string line = "declares packets of at most " +
                            fact("", show_count(track->rtp_max_packet)) + " bytes · clock " +
@@ -510,6 +531,19 @@ class Page {
             }
         }
         out_ += "</section>\n";
+    }
+
+    // A track that only the importer finds.
+    void add_unread(const ImportedTrack& track) {
+        const char* kind = track.is_of(MediaKind::kVideo)   ? "video"
+                           : track.is_of(MediaKind::kAudio) ? "audio"
+                                                            : "other";
+        const Duration duration{track.duration, static_cast<uint32_t>(track.timescale)};
+        out_ += format("<section class=\"card %s\"><h2>", kind) +
+                unbroken(heading(codec_name(track.codec))) +
+                format(" <span class=\"muted\">track %u</span></h2><p class=\"facts\">", track.id) +
+                fact("", show_seconds(duration.seconds())) + " · " +
+                about_unread(track.samples, "") + "</p></section>\n";
     }
 
     const ReportData& data_;
