@@ -613,7 +613,9 @@ class Packets(ToolTest):
         path = self.write("clip\r\nc=IN IP4 6.6.6.6",
                           data.replace(text, evil.ljust(len(text), b"\n")))
         out = self.scratch / "cap.pcap"
-        self.output("packets", path, "--pcap", out)
+        result = run("packets", path, "--pcap", out)
+        self.assertEqual(result.returncode, 0)
+        self.assertIn(b"the file does not say which encoding the packets have", result.stderr)
         lines = self.capture(out)[1].split("\r\n")
         self.assertEqual([line[:2] for line in lines],
                          ["v=", "o=", "s=", "c=", "t=", "m=", "a=", ""])
@@ -711,6 +713,19 @@ class Boxes(ToolTest):
             shown = self.output("boxes", file, "--path", path).splitlines()
             self.assertIn(path.split("/")[-1].encode(), shown[1].split())
             self.assertLessEqual({tuple(line.split()) for line in shown}, whole)
+        stored = load("av_h263_amrnb_hinted")
+        for path, names in [("moov/trak/mdia/hdlr", ["name"]), ("moov/trak/udta/hnti/sdp ", ["text"])]:
+            for one in self.tree(file, "--path", path):
+                text = one["fields"][names[0]].replace("\\x0d", "\r").replace("\\x0a", "\n")
+                self.assertIn(text.encode(), stored[one["offset"]:one["offset"] + one["size"]])
+                self.assertTrue(text)
+        b_frames = WILD / "fragmented_b_frames.mp4"
+        orders = [[entry["sample_composition_time_offset"] for entry in run["fields"]["entries"]]
+                  for run in self.tree(b_frames, "--path", "moof/traf/trun")]
+        times = [e["sample_offset"] for one in self.tree(sample("h264_slices_b_hinted"), "--path",
+                 "moov/trak/mdia/minf/stbl/ctts") for e in one["fields"]["entries"]]
+        self.assertGreater(len({*sum(orders, [])}), 1)
+        self.assertGreater(len({*times}), 1)
         tree = self.tree(file, "--path", "moov/trak/mdia")
         self.assertEqual([one["type"] for one in tree], ["mdia"] * 4)
 

@@ -59,9 +59,14 @@ class ShownBox {
     uint32_t size() const { return size_; }
 
     void visit_fields(Qvox3gp::FieldVisitor& visitor) const {
-        if (box_ != nullptr) return Qvox3gp::visit_fields(*box_, visitor);
-        for (const FragmentBox::Field& field : fragment_->fields)
-            visitor.number(field.name, field.value);
+        if (box_ != nullptr) {
+            Qvox3gp::visit_fields(*box_, visitor);
+        } else {
+            for (const FragmentBox::Field& field : fragment_->fields)
+                visitor.number(field.name, field.value);
+        }
+        if (offset_ >= 0)
+            visit_entries(stream_, type_, static_cast<uint64_t>(offset_), size_, visitor);
     }
 
     template <typename Visit>
@@ -73,7 +78,7 @@ class ShownBox {
         if (!opens_ || offset_ < 0) return;
         visit_fragment_boxes(
             stream_, static_cast<uint64_t>(offset_), size_, [&](const FragmentBox& child) {
-                visit(ShownBox(stream_, child, child.is_track_fragment() && !fragment_));
+                visit(ShownBox(stream_, child, child.is_container() && !fragment_));
             });
     }
 

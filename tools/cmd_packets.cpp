@@ -160,6 +160,12 @@ void capture_packets(HintTracks& tracks, const Options& options) {
                                            " bytes; --limit BYTES allows more");
     }
     if (*written == 0) return;  // check_tracks says why
+    for (const auto& track : tracks) {
+        if (says_encoding(track->track())) continue;
+        say(input_name(options.input) + ": hint track " + std::to_string(track->track()->track_id) +
+            ": the file does not say which encoding the packets have, which a player needs; "
+            "'kestrel hint --replace' writes it");
+    }
     const std::string text =
         describe_session(fs::path(options.input).filename().string(), capture_address(), tracks);
     description.write({reinterpret_cast<const uint8_t*>(text.data()), text.size()});

@@ -7,6 +7,7 @@
 
 #include "common/box_header.h"
 #include "common/byte_reader.h"
+#include "common/bytes.h"
 
 namespace tool {
 namespace {
@@ -100,6 +101,88 @@ size_t read_bytes(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset, std:
     return status == 0 ? std::min<size_t>(got, to.size()) : 0;
 }
 
+// The body of a box, read in pieces.
+class Body {
+  public:
+    Body(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset, uint32_t size)
+        : stream_(stream), at_(offset), end_(offset + size) {}
+
+    void skip(uint32_t bytes) { at_ += std::min<uint64_t>(bytes, end_ - at_); }
+    // Returns 0 after the end.
+    uint32_t word() {
+        if (next_ + kWord > filled_) fill();
+        if (next_ + kWord > filled_) return 0;
+        next_ += kWord;
+        return kestrel::load_be32(&piece_[next_ - kWord]);
+    }
+    bool at_end() {
+        if (next_ + kWord > filled_) fill();
+        return next_ + kWord > filled_;
+    }
+    // What is left, up to the first zero; of a long text the beginning.
+    std::string text() {
+        fill();
+        const auto begin = piece_.begin() + static_cast<ptrdiff_t>(next_);
+        const auto end = piece_.begin() + static_cast<ptrdiff_t>(filled_);
+        return {begin, std::find(begin, end, uint8_t{0})};
+    }
+
+  private:
+    static constexpr size_t kWord = 4;
+
+    void fill() {
+        const auto wanted = std::min<uint64_t>(piece_.size(), end_ - at_);
+        next_ = 0;
+        filled_ = read_bytes(stream_, at_, std::span(piece_).first(static_cast<size_t>(wanted)));
+        at_ += filled_;
+    }
+
+    KST_IOSTREAM_CALLBACK_INTERFACE* stream_;
+    uint64_t at_, end_;
+    std::array<uint8_t, 4096> piece_{};
+    size_t next_ = 0, filled_ = 0;
+};
+
+void visit_composition_offsets(Body& body, Qvox3gp::FieldVisitor& visitor) {
+    const uint32_t version = body.word() >> 24;
+    const uint32_t count = body.word();
+    visitor.number("version", version);
+    visitor.begin_list("entries");
+    for (uint32_t i = 0; i < count && !body.at_end(); ++i) {
+        visitor.begin_record();
+        visitor.number("sample_count", body.word());
+        const uint32_t offset = body.word();
+        visitor.number("sample_offset",
+                       version == 0 ? int64_t{offset} : int64_t{static_cast<int32_t>(offset)});
+        visitor.end_record();
+    }
+    visitor.end_list();
+}
+
+void visit_run(Body& body, Qvox3gp::FieldVisitor& visitor) {
+    constexpr uint32_t kDuration = 0x100, kSize = 0x200, kFlags = 0x400, kOffset = 0x800;
+    const uint32_t word = body.word();
+    const uint32_t count = body.word();
+    if ((word & 0x1) != 0) body.word();  // data offset
+    if ((word & 0x4) != 0) body.word();  // flags of the first sample
+    if ((word & (kDuration | kSize | kFlags | kOffset)) == 0) return;
+    visitor.begin_list("entries");
+    for (uint32_t i = 0; i < count && !body.at_end(); ++i) {
+        visitor.begin_record();
+        if ((word & kDuration) != 0) visitor.number("sample_duration", body.word());
+        if ((word & kSize) != 0) visitor.number("sample_size", body.word());
+        if ((word & kFlags) != 0) visitor.number("sample_flags", body.word());
+        if ((word & kOffset) != 0) {
+            const uint32_t offset = body.word();
+            const bool is_signed = word >> 24 != 0;
+            visitor.number("sample_composition_time_offset",
+                           is_signed ? int64_t{static_cast<int32_t>(offset)} : int64_t{offset});
+        }
+        visitor.end_record();
+    }
+    visitor.end_list();
+}
+
 void read_fields(KST_IOSTREAM_CALLBACK_INTERFACE* stream, FragmentBox& box) {
     const auto* kind = std::find_if(kKinds.begin(), kKinds.end(),
                                     [&](const Kind& one) { return one.type == box.type; });
@@ -113,7 +196,24 @@ void read_fields(KST_IOSTREAM_CALLBACK_INTERFACE* stream, FragmentBox& box) {
 }  // namespace
 
 bool has_fragment_boxes(std::string_view type) {
-    return type == "moof" || type == "mvex";
+    return type == "moof" || type == "mvex" || type == "udta";
+}
+
+void visit_entries(KST_IOSTREAM_CALLBACK_INTERFACE* stream, std::string_view type, uint64_t offset,
+                   uint32_t size, Qvox3gp::FieldVisitor& visitor) {
+    constexpr uint32_t kBeforeName = 24;  // fields of a hdlr
+    if (size < kBoxHeader) return;
+    Body body(stream, offset + kBoxHeader, size - kBoxHeader);
+    if (type == "ctts") {
+        visit_composition_offsets(body, visitor);
+    } else if (type == "trun") {
+        visit_run(body, visitor);
+    } else if (type == "hdlr") {
+        body.skip(kBeforeName);
+        visitor.code("name", body.text());
+    } else if (type == "sdp ") {
+        visitor.code("text", body.text());
+    }
 }
 
 void visit_fragment_boxes(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset, uint64_t size,

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The boxes of movie fragments (ISO/IEC 14496-12, 8.8), which the box object model does not have.
+// What the box object model does not have: the boxes of movie fragments (ISO/IEC 14496-12, 8.8) and
+// of user data (8.10), composition offsets, and texts.
 #ifndef KESTREL_TOOLS_FRAGMENT_BOXES_H
 #define KESTREL_TOOLS_FRAGMENT_BOXES_H
 
@@ -8,6 +9,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "boxes/field_visitor.h"
 
 #include "kestrel/stream.h"
 
@@ -24,15 +27,21 @@ struct FragmentBox {
     uint32_t size = 0;
     std::vector<Field> fields;
 
-    bool is_track_fragment() const { return type == "traf"; }
+    // Whether its contents are such boxes as well.
+    bool is_container() const { return type == "traf" || type == "hnti"; }
 };
 
-// Whether boxes of the type contain fragment boxes: `moof` and `mvex`.
+// Whether boxes of the type contain such boxes: `moof`, `mvex` and `udta`.
 bool has_fragment_boxes(std::string_view type);
 
 // Calls `visit` with each whole box in the box of `size` bytes at `offset`. Holds one at a time.
 void visit_fragment_boxes(KST_IOSTREAM_CALLBACK_INTERFACE* stream, uint64_t offset, uint64_t size,
                           const std::function<void(const FragmentBox&)>& visit);
+
+// Visits the entries of a `ctts` or `trun` of `size` bytes at `offset`, the name of a `hdlr` and
+// the text of a `sdp `; nothing of other types.
+void visit_entries(KST_IOSTREAM_CALLBACK_INTERFACE* stream, std::string_view type, uint64_t offset,
+                   uint32_t size, Qvox3gp::FieldVisitor& visitor);
 
 }  // namespace tool
 

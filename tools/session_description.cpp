@@ -76,6 +76,34 @@ std::string encoding_of(std::string_view rtpmap) {
     return upper;
 }
 
+// What the file's own text says of the packets of a hint track.
+struct Description {
+    MediaLine media;
+    std::string encoding;  // of the first type of payload; empty for none
+    bool has_parameters = false;
+
+    // Whether the type is mapped to an encoding, or stands for one.
+    bool has_format() const {
+        return !encoding.empty() || media.types[0] < kestrel::kFirstDynamicPayloadType;
+    }
+};
+
+// Nothing without a media line.
+std::optional<Description> read_description(const iso_track* hint) {
+    std::istringstream lines(hint->sdp_text != nullptr ? hint->sdp_text : "");
+    std::optional<MediaLine> media;
+    Description out;
+    for (std::string line; std::getline(lines, line);) {
+        if (!media) media = parse_media_line(line);
+        out.has_parameters = out.has_parameters || line.starts_with("a=fmtp:");
+        if (media && line.starts_with("a=rtpmap:" + std::to_string(media->types[0]) + " "))
+            out.encoding = encoding_of(line);
+    }
+    if (!media) return std::nullopt;
+    out.media = *media;
+    return out;
+}
+
 }  // namespace
 
 std::string describe_session(const std::string& name, const SessionAddress& address,
@@ -92,21 +120,17 @@ std::string describe_session(const std::string& name, const SessionAddress& addr
 }
 
 bool is_described(const iso_track* hint) {
-    std::istringstream lines(hint->sdp_text != nullptr ? hint->sdp_text : "");
-    std::optional<MediaLine> media;
-    bool has_parameters = false;
-    std::string encoding;
-    for (std::string line; std::getline(lines, line);) {
-        if (!media) media = parse_media_line(line);
-        has_parameters = has_parameters || line.starts_with("a=fmtp:");
-        if (media && line.starts_with("a=rtpmap:" + std::to_string(media->types[0]) + " "))
-            encoding = encoding_of(line);
-    }
-    if (!media) return false;
-    if (encoding.empty()) return media->types[0] < kestrel::kFirstDynamicPayloadType;
+    const std::optional<Description> read = read_description(hint);
+    if (!read || !read->has_format()) return false;
+    if (read->encoding.empty()) return true;
     // Decoders of these need a configuration; few read MPEG-4 Visual in payloads of RFC 3640.
-    if (encoding == "H264" || encoding == "MP4V-ES") return has_parameters;
-    return !(media->kind == "m=video" && encoding == "MPEG4-GENERIC");
+    if (read->encoding == "H264" || read->encoding == "MP4V-ES") return read->has_parameters;
+    return !(read->media.kind == "m=video" && read->encoding == "MPEG4-GENERIC");
+}
+
+bool says_encoding(const iso_track* hint) {
+    const std::optional<Description> read = read_description(hint);
+    return read && read->has_format();
 }
 
 }  // namespace tool
