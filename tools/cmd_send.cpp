@@ -5,7 +5,10 @@
 #include <filesystem>
 #include <random>
 
+#include "companion/stream/depacketise.h"
 #include "kestrel/hinter.h"
+#include "native/codec/payload_types.h"
+#include "native/codec/rtp_header.h"
 #include "tools/capture.h"
 #include "tools/commands.h"
 #include "tools/hint_packets.h"
@@ -20,7 +23,10 @@
 namespace tool {
 namespace {
 
+using kestrel::kRtpHeaderSize;
+
 constexpr auto kMaxSeconds = std::chrono::seconds(60);  // for what the tables declare
+constexpr uint64_t kMostLookedAt = 100000;              // packets of a track
 
 struct Options {
     std::string input;
@@ -50,6 +56,23 @@ std::vector<iso_track*> hint_tracks(const FileFacts& facts) {
         if (is_hint(track)) tracks.push_back(track);
     }
     return tracks;
+}
+
+// Whether the headers of some packets are damaged.
+bool has_spoilt_packets(const FileFacts& facts, const std::vector<iso_track*>& hints) {
+    const HintTracks tracks = read_hint_tracks(facts, hints);
+    return std::any_of(tracks.begin(), tracks.end(), [](const auto& track) {
+        while (track->made() < kMostLookedAt) {
+            const auto packet = track->next();
+            if (packet.size() <= kRtpHeaderSize ||
+                kestrel::load_rtp_header(packet.data()).payload_type !=
+                    kestrel::kRfc2190PayloadType) {
+                return false;
+            }
+            if (kestrel::stream::is_spoilt_rfc2190(packet.subspan(kRtpHeaderSize))) return true;
+        }
+        return false;
+    });
 }
 
 // Hints the file into a temporary one, without the tracks that cannot be sent.
@@ -87,8 +110,9 @@ Source open_source(const std::string& input) {
     source.facts = gather_facts(source.host.get(), Clock::now() + kMaxSeconds);
     if (!source.facts.scan.is_3gp()) throw no_media_file(input);
     const std::vector<iso_track*> tracks = hint_tracks(source.facts);
-    const bool can_be_sent =
-        !tracks.empty() && std::all_of(tracks.begin(), tracks.end(), is_described);
+    const bool can_be_sent = !tracks.empty() &&
+                             std::all_of(tracks.begin(), tracks.end(), is_described) &&
+                             !has_spoilt_packets(source.facts, tracks);
     return can_be_sent ? std::move(source) : hint_anew(source, input);
 }
 

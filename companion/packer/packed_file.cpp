@@ -253,6 +253,15 @@ class Job {
         return std::min(next_payload_type_++, kLastPayloadType);
     }
 
+    // Packets by RFC 3640 are kept as they are if their headers can be described to a receiver.
+    static void keep_au_headers(Track& track) {
+        const AuHeaders* headers = track.media->au_headers();
+        if (headers == nullptr || !headers->any()) return;
+        const unsigned bits = headers->dts_delta_bits(track.timeline);
+        if (bits == 0) return track.hints->leave_out_au_headers();
+        if (!describe_au_headers(track.hint, bits)) throw std::bad_alloc();
+    }
+
     void make_hints(Track& track) {
         constexpr size_t kShortest = 64, kLongest = UINT16_MAX;
         SampleStore& store = track.media->store();
@@ -267,6 +276,7 @@ class Job {
             track.hint->sync_count = track.track->sync_count;
         }
         track.hints = std::make_unique<PackedHints>(store, *track.samples);
+        keep_au_headers(track);
         if (!track.hints->plan(track.hint))
             refuse(track, "it has packets that a hint track cannot describe");
         provide(track, track.hint, *track.hints);

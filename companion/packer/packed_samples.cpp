@@ -2,7 +2,9 @@
 #include "companion/packer/packed_samples.h"
 
 #include <algorithm>
+#include <utility>
 
+#include "companion/stream/depacketise.h"
 #include "interface/src/isoff/write/media_output.h"
 
 namespace kestrel::packer {
@@ -27,6 +29,21 @@ bool PackedSamples::write(uint32_t first, uint32_t count, MediaOutput& output) {
     return true;
 }
 
+void PackedHints::take_packets() {
+    store_.packets().take(scratch_.packets);
+    if (with_au_headers_) return;
+    HintPackets media;
+    for (size_t i = 0; i < scratch_.packets.size(); ++i) {
+        const HintPacket packet = scratch_.packets[i];
+        media.begin_packet(packet.time_offset);
+        if (packet.marker) media.set_marker();
+        media.add_own(stream::after_au_headers(packet.own));
+        for (const SampleRange& range : packet.ranges)
+            media.add_range(range.offset, range.length, range.sample);
+    }
+    scratch_.packets = std::move(media);
+}
+
 bool PackedHints::plan(iso_track* hint) {
     if (!store_.may_be_hinted()) return false;
     store_.packets().rewind();
@@ -37,7 +54,7 @@ bool PackedHints::plan(iso_track* hint) {
         for (uint32_t of_hint = 0; of_hint < samples; ++of_hint)
             duration += media_.figures(sample + of_hint).duration;
         if (duration > UINT32_MAX) return false;
-        store_.packets().take(scratch_.packets);
+        take_packets();
         if (make_hint_of_packets(hint, media_.figures(sample).cts_offset, scratch_) != 0)
             return false;
         count_hint(hint, scratch_, static_cast<uint32_t>(duration), samples);
@@ -53,7 +70,7 @@ bool PackedHints::plan(iso_track* hint) {
 
 bool PackedHints::write(uint32_t first, uint32_t count, MediaOutput& output) {
     for (uint32_t i = first; i < first + count; ++i) {
-        store_.packets().take(scratch_.packets);
+        take_packets();
         // The RTP clock counts as the track does.
         const SampleFigures media = media_.figures(next_.media_sample - 1);
         if (!scratch_.packets.move_times(media.cts_offset)) return false;

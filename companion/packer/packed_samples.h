@@ -36,6 +36,9 @@ class PackedSamples final : public SampleProvider {
 class PackedHints final : public SampleProvider {
   public:
     PackedHints(SampleStore& store, const PackedSamples& media) : store_(store), media_(media) {}
+    // Leaves out the AU headers that all packets have, which makes payloads of RFC 6416 of those of
+    // RFC 3640.
+    void leave_out_au_headers() { with_au_headers_ = false; }
 
     // Counts the samples into the hint track. Returns false when one cannot be made.
     bool plan(iso_track* hint);
@@ -48,8 +51,11 @@ class PackedHints final : public SampleProvider {
     bool write(uint32_t first, uint32_t count, MediaOutput& output) override;
 
   private:
+    void take_packets();
+
     SampleStore& store_;
     const PackedSamples& media_;
+    bool with_au_headers_ = true;
     NumberRuns sizes_, durations_;
     uint64_t packets_ = 0;
     HintSampleFacts next_{0, 0, 1};

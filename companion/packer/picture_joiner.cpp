@@ -214,8 +214,12 @@ void PictureJoiner::end_picture() {
 
 void PictureJoiner::record_packets(const Hole& left_out) {
     recorded_.clear();
-    for (const Packet& packet : packets_)
+    for (const Packet& packet : packets_) {
         record_packet(packet, left_out, recorded_);
+        if (medium_ == stream::Medium::kMpeg4)
+            au_headers_.add(std::span(packet.payload).first(packet.media_begin.value_or(0)));
+    }
+    au_headers_.end_picture();
 }
 
 // Describes a packet by the bytes of the sample that it carries, if these are its last bytes.
@@ -243,10 +247,7 @@ void PictureJoiner::record_packet(const Packet& packet, const Hole& left_out,
     }
     recorded.begin_packet();
     if (packet.marker) recorded.set_marker();
-    // The headers of RFC 3640 are removed, which makes the payload one of RFC 6416.
-    const bool has_au_headers = medium_ == stream::Medium::kMpeg4 && packet.media_begin;
-    recorded.add_own(
-        payload.subspan(has_au_headers ? headers : 0, own - (has_au_headers ? headers : 0)));
+    recorded.add_own(payload.first(own));
     recorded.add_range(begin, length);
 }
 

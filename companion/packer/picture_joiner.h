@@ -9,6 +9,7 @@
 #include <span>
 #include <vector>
 
+#include "companion/packer/au_headers.h"
 #include "companion/packer/pictures.h"
 #include "companion/packer/sample_store.h"
 #include "companion/stream/depacketise.h"
@@ -46,6 +47,8 @@ class PictureJoiner {
     void finish(bool is_whole);
 
     const StreamConfig& config() const { return config_; }
+    // Of the packets that were recorded.
+    const AuHeaders& au_headers() const { return au_headers_; }
     uint32_t shown_after() const { return reader_->shown_after(); }
     uint64_t packets_left_out() const { return packets_left_out_; }
 
@@ -91,6 +94,7 @@ class PictureJoiner {
     std::vector<Packet> packets_;
     std::span<const uint8_t> payload_;  // of the current packet
     HintPackets recorded_;
+    AuHeaders au_headers_;
 };
 
 }  // namespace kestrel::packer

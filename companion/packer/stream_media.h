@@ -34,6 +34,8 @@ class StreamMedia final : private stream::RecordSink {
 
     // MPEG-4: decoder-specific information. H.264: parameter sets, each after 00 00 00 01.
     std::span<const uint8_t> config() const;
+    // MPEG-4 whose packets were recorded: what RFC 3640 has before the media.
+    const AuHeaders* au_headers() const { return pictures_ ? &pictures_->au_headers() : nullptr; }
     // The least number of pictures that are decoded before the first one is displayed.
     uint32_t shown_after() const { return pictures_ ? pictures_->shown_after() : 0; }
     // Number of whole frames.

@@ -64,15 +64,9 @@ class Rfc2190 final : public Depacketiser {
         unsigned bits_after = 0;  // of the last byte, which are not this packet's
     };
 
-    // Some writers damage mode B headers with negative vectors: all bits before them are ones.
-    static bool is_spoilt(std::span<const uint8_t> payload) {
-        return payload.size() >= 4 &&
-               std::all_of(payload.begin(), payload.begin() + 4, [](auto b) { return b == 0xFF; });
-    }
-
     static Header parse(std::span<const uint8_t> payload) {
         if (payload.empty()) return {};
-        if (is_spoilt(payload)) return {8, false, 0, 0};
+        if (is_spoilt_rfc2190(payload)) return {8, false, 0, 0};
         const bool f = (payload[0] & 0x80) != 0;
         const bool p = (payload[0] & 0x40) != 0;
         return {!f   ? size_t{4}
@@ -127,12 +121,6 @@ class Mpeg4 final : public Depacketiser {
     static bool begins_with(std::span<const uint8_t> payload, std::span<const uint8_t> code) {
         return payload.size() >= code.size() &&
                std::equal(code.begin(), code.end(), payload.begin());
-    }
-
-    static std::span<const uint8_t> after_au_headers(std::span<const uint8_t> payload) {
-        if (payload.size() < 2) return {};
-        const size_t headers = 2 + (size_t{load_be16(payload.data())} + 7) / 8;
-        return headers <= payload.size() ? payload.subspan(headers) : std::span<const uint8_t>();
     }
 
     bool has_au_headers_ = false;
@@ -192,6 +180,17 @@ class H264 final : public Depacketiser {
 };
 
 }  // namespace
+
+std::span<const uint8_t> after_au_headers(std::span<const uint8_t> payload) {
+    if (payload.size() < 2) return {};
+    const size_t headers = 2 + (size_t{load_be16(payload.data())} + 7) / 8;
+    return headers <= payload.size() ? payload.subspan(headers) : std::span<const uint8_t>();
+}
+
+bool is_spoilt_rfc2190(std::span<const uint8_t> payload) {
+    return payload.size() >= 4 &&
+           std::all_of(payload.begin(), payload.begin() + 4, [](auto b) { return b == 0xFF; });
+}
 
 void Depacketiser::begin_unit() const {
     if (sink_.begin_unit) {

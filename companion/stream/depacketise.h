@@ -42,6 +42,13 @@ class Depacketiser {
     MediaSink sink_;
 };
 
+// Returns the rest of a payload of RFC 3640 after its AU headers; nothing if these are cut.
+std::span<const uint8_t> after_au_headers(std::span<const uint8_t> payload);
+
+// Whether the header of an RFC 2190 payload is damaged. Some writers do so to mode B headers with
+// negative vectors: all bits before them are ones. No receiver can decode the packet.
+bool is_spoilt_rfc2190(std::span<const uint8_t> payload);
+
 // For a video medium. `config` is the decoder configuration before MPEG-4.
 std::unique_ptr<Depacketiser> make_depacketiser(Medium medium, std::span<const uint8_t> config,
                                                 MediaSink sink);

@@ -18,6 +18,10 @@ struct HintSample {
     std::vector<uint8_t> bytes;
 };
 
+// Describes MPEG-4 packets of one's own as payloads of RFC 3640 whose AU headers have a DTS-delta
+// of that many bits. Returns false without memory.
+bool describe_au_headers(iso_track* hint, unsigned dts_delta_bits);
+
 // Makes the hint sample of the next media sample. Returns 0, or an error of isoFFwriteHint. May
 // throw std::bad_alloc.
 int make_next_hint(iso_track* hint, std::span<const uint8_t> sample, int32_t cts_offset,

@@ -29,10 +29,11 @@ struct SentSample {
 struct iso_hinter {
     iso_track* media;
     kestrel::VideoPayload payload;
-    uint32_t source_format;  // of the last H.263 picture
-    uint32_t samples;        // made so far
-    uint16_t sequence;       // of the next packet
-    uint64_t media_time;     // of the next sample, track units
+    uint32_t dts_delta_bits;  // of AU headers by RFC 3640; 0 for payloads of RFC 6416
+    uint32_t source_format;   // of the last H.263 picture
+    uint32_t samples;         // made so far
+    uint16_t sequence;        // of the next packet
+    uint64_t media_time;      // of the next sample, track units
     uint64_t packets, bytes;
     // Samples of the last second, for the highest bit rate, and unused records.
     kestrel::SentSample* first_sent;
@@ -126,9 +127,13 @@ MediaType media_type_of(const iso_track* media, const iso_hinter* hinter) {
                     "profile-level-id=" + (dsi.size() >= 4 ? hex(dsi.subspan(1, 3)) : "42000A") +
                         "; packetization-mode=1" + sprop_parameter_sets(media)};
         default:
-            return {"MP4V-ES",
-                    "profile-level-id=" + std::to_string(media->level) + "; config=" + hex(dsi)};
+            break;
     }
+    const std::string level = "profile-level-id=" + std::to_string(media->level);
+    const std::string config = "; config=" + hex(dsi);
+    if (hinter->dts_delta_bits == 0) return {"MP4V-ES", level + config};
+    return {"mpeg4-generic", "streamtype=4; " + level + config + "; mode=generic; DTSDeltaLength=" +
+                                 std::to_string(hinter->dts_delta_bits)};
 }
 
 std::string sdp_of(const iso_track* hint, const iso_track* media) {
@@ -253,6 +258,12 @@ VideoPayload payload_of(const iso_track* media, iso_h263_payload h263_payload) {
 }
 
 }  // namespace
+
+bool describe_au_headers(iso_track* hint, unsigned dts_delta_bits) {
+    iso_hinter* hinter = hint->own->hinter;
+    hinter->dts_delta_bits = dts_delta_bits;
+    return keep_sdp(hint, sdp_of(hint, hinter->media));
+}
 
 int make_next_hint(iso_track* hint, std::span<const uint8_t> sample, int32_t cts_offset,
                    HintSample& made) {
