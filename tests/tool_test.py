@@ -935,10 +935,10 @@ class Send(ToolTest):
     @unittest.skipUnless(shutil.which("ffmpeg"), "ffmpeg is not installed")
     def test_an_independent_receiver_decodes_every_frame(self):
         # With hints of the file, of the tool for a file that has none, and in place of such that
-        # receivers do not know.
-        for name, tracks in [("amrnb_plain", 1), ("amrwb_hinted", 1), ("h263_hinted", 1),
-                             ("h263_hinted_selfref", 1), ("h263_rfc2190_hinted_1450", 1),
-                             ("mpeg4_hinted_1450", 1),
+        # receivers do not know, that have damaged headers or that end early.
+        for name, tracks in [("amrnb_plain", 1), ("amrnb_hinted_1450", 1), ("amrwb_hinted", 1),
+                             ("h263_hinted", 1), ("h263_hinted_selfref", 1),
+                             ("h263_rfc2190_hinted_1450", 1), ("mpeg4_hinted_1450", 1),
                              ("mpeg4_b_hinted", 1), ("h264_slices_b_hinted", 1),
                              ("av_h264_amrwb_hinted", 2)]:
             with self.subTest(name=name):
@@ -947,7 +947,7 @@ class Send(ToolTest):
                 known = subprocess.run(["ffmpeg", "-v", "error", "-ignore_editlist", "1", "-i",
                                         sample(name), *decode], capture_output=True, check=True)
                 frames = sorted(re.findall(rb"^(\d),.*, (\w+)$", known.stdout, re.M))
-                self.assertGreater(len(frames), 20)
+                self.assertGreater(len(frames), 10)
                 for one_by_one in (False, True):
                     out, errors = self.play(sample(name), tracks, decode, one_by_one)
                     received = sorted(re.findall(rb"^(\d),.*, (\w+)$", out, re.M))

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <random>
 
+#include "companion/probe/sample_places.h"
 #include "companion/stream/depacketise.h"
 #include "kestrel/hinter.h"
 #include "native/codec/payload_types.h"
@@ -59,19 +60,34 @@ std::vector<iso_track*> hint_tracks(const FileFacts& facts) {
 }
 
 // Whether the headers of some packets are damaged.
-bool has_spoilt_packets(const FileFacts& facts, const std::vector<iso_track*>& hints) {
-    const HintTracks tracks = read_hint_tracks(facts, hints);
-    return std::any_of(tracks.begin(), tracks.end(), [](const auto& track) {
-        while (track->made() < kMostLookedAt) {
-            const auto packet = track->next();
-            if (packet.size() <= kRtpHeaderSize ||
-                kestrel::load_rtp_header(packet.data()).payload_type !=
-                    kestrel::kRfc2190PayloadType) {
-                return false;
-            }
-            if (kestrel::stream::is_spoilt_rfc2190(packet.subspan(kRtpHeaderSize))) return true;
+bool has_spoilt_packets(HintPackets& track) {
+    while (track.made() < kMostLookedAt) {
+        const auto packet = track.next();
+        if (packet.size() <= kRtpHeaderSize ||
+            kestrel::load_rtp_header(packet.data()).payload_type != kestrel::kRfc2190PayloadType) {
+            return false;
         }
-        return false;
+        if (kestrel::stream::is_spoilt_rfc2190(packet.subspan(kRtpHeaderSize))) return true;
+    }
+    return false;
+}
+
+// Whether a hint track ends before media that are whole.
+bool ends_early(const FileFacts& facts, const HintPackets& track) {
+    if (track.media() == nullptr) return false;
+    const auto media = kestrel::probe::places_of(track.media());
+    const auto hint = kestrel::probe::places_of(track.track());
+    if (!media.agree() || !hint.agree() || are_cut(media, facts.scan)) return false;
+    const uint32_t highest = highest_media_sample(*facts.stream, hint.last);
+    return 0 < highest && highest < media.last_media;
+}
+
+bool can_be_sent(const FileFacts& facts) {
+    const std::vector<iso_track*> hints = hint_tracks(facts);
+    if (hints.empty() || !std::all_of(hints.begin(), hints.end(), is_described)) return false;
+    const HintTracks tracks = read_hint_tracks(facts, hints);
+    return std::none_of(tracks.begin(), tracks.end(), [&](const auto& track) {
+        return ends_early(facts, *track) || has_spoilt_packets(*track);
     });
 }
 
@@ -109,11 +125,7 @@ Source open_source(const std::string& input) {
     source.host = open_host(input);
     source.facts = gather_facts(source.host.get(), Clock::now() + kMaxSeconds);
     if (!source.facts.scan.is_3gp()) throw no_media_file(input);
-    const std::vector<iso_track*> tracks = hint_tracks(source.facts);
-    const bool can_be_sent = !tracks.empty() &&
-                             std::all_of(tracks.begin(), tracks.end(), is_described) &&
-                             !has_spoilt_packets(source.facts, tracks);
-    return can_be_sent ? std::move(source) : hint_anew(source, input);
+    return can_be_sent(source.facts) ? std::move(source) : hint_anew(source, input);
 }
 
 void write_description(const Options& options, const UdpAddress& to, uint16_t first_port,

@@ -137,7 +137,6 @@ void PictureJoiner::packet(const stream::VideoPacket& packet) {
         is_from_samples_ = packet.sequence == 0 && packet.time == 0;
         has_begun_ = true;
     }
-    // A picture without a marker ends where the time changes.
     if (has_picture_ && packet.time != time_) end_picture();
     has_picture_ = true;
     time_ = packet.time;
@@ -146,7 +145,14 @@ void PictureJoiner::packet(const stream::VideoPacket& packet) {
     // A packet without payload is a picture without bytes.
     if (!depacketiser_->packet(payload_) && !payload_.empty()) ++packets_left_out_;
     payload_ = {};
-    if (packet.marker || picture_.size() > stream::kMaxChunkBytes) end_picture();
+    has_marker_ = packet.marker;
+    if (picture_.size() > stream::kMaxChunkBytes) end_picture();
+}
+
+// A picture whose last packet has no marker goes on in the next frame of the same time. Other
+// packets may have one too: those that end a fragmented NAL unit of H.264 cut from samples.
+void PictureJoiner::end_frame() {
+    if (has_picture_ && has_marker_) end_picture();
 }
 
 // For the hint sample of the picture.
@@ -246,7 +252,8 @@ void PictureJoiner::record_packet(const Packet& packet, const Hole& left_out,
         begin = left_out.begin;
     }
     recorded.begin_packet();
-    if (packet.marker) recorded.set_marker();
+    const bool ends_picture = &packet == &packets_.back();
+    if (packet.marker && (ends_picture || medium_ != stream::Medium::kH264)) recorded.set_marker();
     recorded.add_own(payload.first(own));
     recorded.add_range(begin, length);
 }

@@ -43,6 +43,7 @@ class PictureJoiner {
     PictureJoiner(const stream::StreamHeader& header, SampleStore& store);
 
     void packet(const stream::VideoPacket& packet);
+    void end_frame();
     // The stream ends here. `is_whole`: the last packet ended a frame.
     void finish(bool is_whole);
 
@@ -88,6 +89,7 @@ class PictureJoiner {
     uint64_t packets_left_out_ = 0;
 
     bool has_picture_ = false;
+    bool has_marker_ = false;  // the last packet
     uint32_t time_ = 0;
     std::vector<uint8_t> picture_;
     std::optional<size_t> unit_;  // H.264: where the last unit's length stands

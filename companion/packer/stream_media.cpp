@@ -76,6 +76,7 @@ void StreamMedia::speech_frame(std::span<const uint8_t> frame) {
 void StreamMedia::end_frame() {
     in_frame_ = false;
     ++frames_;
+    if (pictures_) pictures_->end_frame();
     if (speech_count_ == 0) return;
     const AmrBand& band = band_of(header_->medium);
     uint32_t time = speech_time_;

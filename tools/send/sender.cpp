@@ -144,19 +144,30 @@ Sender::Sender(HintTracks& tracks, const UdpAddress& to, uint16_t first_port,
         throw Error(format("--from is after the end, which is at %.0f ms", end_ * 1000));
     if (options.loop && end_ <= from_) throw Error("--loop: the media take no time");
     constexpr double kShortestRound = 0.1;  // seconds
-    round_ = std::max(end_ - from_, kShortestRound);
+    // What is due first may be a sample that began before, as where an edit list starts inside it.
+    constexpr double kLongestBefore = 1;  // seconds
+    start_position_ = from_;
+    begin_tracks();
+    if (const SentTrack* first = earliest())
+        start_position_ = std::clamp(first->due(), from_ - kLongestBefore, from_);
+    round_ = std::max(end_ - start_position_, kShortestRound);
+}
+
+void Sender::begin_tracks() {
+    for (const auto& track : tracks_)
+        track->begin(from_);
 }
 
 Sender::Clock::time_point Sender::time_of(double position) const {
     constexpr double kLongest = 1e9;  // seconds
     const std::chrono::duration<double> after(
-        std::clamp((position - from_) / options_.speed, -kLongest, kLongest));
+        std::clamp((position - start_position_) / options_.speed, -kLongest, kLongest));
     return start_ + std::chrono::duration_cast<Clock::duration>(after);
 }
 
 double Sender::position_now() const {
     const std::chrono::duration<double> passed = Clock::now() - start_;
-    return from_ + passed.count() * options_.speed;
+    return start_position_ + passed.count() * options_.speed;
 }
 
 // About every five seconds, at random, so that senders are not synchronised (RFC 3550, 6.2).
@@ -177,7 +188,7 @@ bool Sender::wait_until(double position) {
         report(Leaving::kNo);
     }
     if (!signals_.sleep_until(moment)) return false;
-    progress_.show_seconds(position - shift_ - from_, end_ - from_, "sent");
+    progress_.show_seconds(position - shift_ - start_position_, end_ - start_position_, "sent");
     return true;
 }
 
@@ -191,15 +202,14 @@ SentTrack* Sender::earliest() {
 }
 
 bool Sender::send_round() {
-    for (const auto& track : tracks_)
-        track->begin(from_);
+    begin_tracks();
     while (SentTrack* track = earliest()) {
         if (!wait_until(track->due() + shift_)) return false;
         if (!signals_.sleep_until(pace_.admit(Clock::now()))) return false;
         track->send(shift_);
         note_refusal();
     }
-    return wait_until((options_.loop ? from_ + round_ : end_) + shift_);
+    return wait_until((options_.loop ? start_position_ + round_ : end_) + shift_);
 }
 
 int Sender::run() {

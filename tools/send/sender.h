@@ -101,6 +101,7 @@ class Sender {
   private:
     using Clock = Pace::Clock;
 
+    void begin_tracks();
     bool send_round();
     void note_refusal();
     SentTrack* earliest();
@@ -114,9 +115,11 @@ class Sender {
     std::random_device random_;
     std::string canonical_name_;
     std::vector<std::unique_ptr<SentTrack>> tracks_;
-    double from_ = 0, end_ = 0;  // presentation times
-    double round_ = 0;           // duration of one round
-    double shift_ = 0;           // of the rounds before
+    // Presentation times: what is sent begins and ends there; and where the clock starts.
+    double from_ = 0, end_ = 0;
+    double start_position_ = 0;
+    double round_ = 0;  // duration of one round
+    double shift_ = 0;  // of the rounds before
     Clock::time_point start_;
     Clock::time_point next_report_;
     Pace pace_;
