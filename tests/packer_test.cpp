@@ -329,6 +329,16 @@ TEST(PackedStream, ReportsWhatIsMissingOrMalformed) {
     EXPECT_EQ(packed.status, KST_PACK_CUT);
     EXPECT_EQ(packed.streams[0].packets_missing, 5u);
 
+    // Of the class API, a frame with the five speech frames of a packet.
+    Bytes packets = stream_of("amrnb_hinted_multi", "ar", Api::kClass);
+    uint32_t of_packet = 0;
+    std::memcpy(&of_packet, &packets[kHeaders], sizeof of_packet);
+    const auto second = packets.begin() + static_cast<long>(kHeaders + of_packet);
+    packets.erase(second, second + of_packet);
+    packed = pack({packets});
+    EXPECT_EQ(packed.status, KST_PACK_CUT);
+    EXPECT_EQ(packed.streams[0].packets_missing, 1u);
+
     Bytes unnamed = stream;
     std::copy_n("\x1b[2J", 4, &unnamed[40]);  // the codec
     EXPECT_THAT(pack({unnamed}).streams[0].damage, HasSubstr("names no codec: ?[2J"));

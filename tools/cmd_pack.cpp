@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <cstring>
+
+#include "kestrel/native_records.h"
 #include "kestrel/packer.h"
 #include "tools/commands.h"
 #include "tools/output_stream.h"
@@ -27,6 +31,17 @@ struct Input {
     std::string path;
     int medium;  // that it must be, or KST_PACK_UNKNOWN
     uint64_t bytes = 0;
+    std::vector<uint8_t> front{};  // the first records
+
+    // Whether its frames are packets or hold such: all but the speech of the function API.
+    bool has_packets() const {
+        kestrel::AUD_Codec_Header codec{};
+        if (front.size() < kFrontBytes) return true;
+        std::memcpy(&codec, &front[sizeof(kestrel::PROP_Header_Info)], sizeof codec);
+        return codec.bits_per_sample == 0;
+    }
+    static constexpr size_t kFrontBytes =
+        sizeof(kestrel::PROP_Header_Info) + sizeof(kestrel::AUD_Codec_Header);
 };
 
 std::vector<Input> inputs_of(const Options& options) {
@@ -60,6 +75,9 @@ void feed(kst_packer* packer, uint32_t stream, Input& input) {
     if (input.path == "-") progress.await_input();
     read_pieces(input.path, [&](auto piece) {
         input.bytes += piece.size();
+        const auto wanted =
+            piece.first(std::min(piece.size(), Input::kFrontBytes - input.front.size()));
+        input.front.insert(input.front.end(), wanted.begin(), wanted.end());
         progress.show_bytes(input.bytes, "read");
         require(kst_packer_feed(packer, stream, piece.data(), piece.size()), input);
     });
@@ -80,7 +98,8 @@ std::string lacks(const Input& input, const kst_pack_stream& about) {
         const uint64_t lost = input.bytes - about.damage_offset;
         if (lost > 0) out += ", left out " + counted(lost, "byte");
     }
-    const char* unit = about.medium == KST_PACK_AUDIO ? "frame" : "packet";
+    const bool is_speech = about.medium == KST_PACK_AUDIO;
+    const char* unit = is_speech && !input.has_packets() ? "frame" : "packet";
     const auto add = [&](uint64_t packets, const char* what) {
         if (packets == 0) return;
         out += (out.empty() ? "" : "; ") + counted(packets, unit) + what;

@@ -22,7 +22,8 @@ std::string counted(uint64_t count, const std::string& unit, const char* what) {
 void MediaWriter::header(const stream::StreamHeader& header) {
     if (header.medium == stream::Medium::kNarrowBandSpeech) write_text(kNarrowBandMagic);
     if (header.medium == stream::Medium::kWideBandSpeech) write_text(kWideBandMagic);
-    if (stream::is_speech(header.medium)) unit_ = "frame";
+    const bool has_packets = header.api == stream::Api::kClass || !is_speech(header.medium);
+    unit_ = has_packets ? "packet" : "frame";
     depacketiser_ = stream::make_depacketiser(header.medium, header.config,
                                               {[this](auto bytes) { output_.write(bytes); }});
 }

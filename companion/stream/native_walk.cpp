@@ -385,7 +385,9 @@ void NativeWalk::audio_frame() {
         const auto payloads = take(rest, "a speech payload");
         sink_.begin_frame();
         sink_.speech_time(header.time);
-        speech_payloads(shown, payloads, at);
+        const size_t packets = speech_payloads(shown, payloads, at);
+        for (size_t before = packets; before-- > 0;)
+            sink_.speech_sequence(static_cast<uint16_t>(header.sequence - before));
     } else {
         const uint8_t mode = take(kModeByte, "a frame's mode byte")[0];
         shown.fields.push_back({"mode_byte", uint32_t{mode}});
@@ -413,12 +415,14 @@ void NativeWalk::speech_frame(StreamRecord& shown, uint64_t at) {
 
 // Octet-aligned payloads (RFC 4867, 4.3 and 4.4), back to back: a codec mode request, a table of
 // contents with a byte for each frame, all but the last with the top bit set, and the frames' bits.
-void NativeWalk::speech_payloads(StreamRecord& shown, std::span<const uint8_t> payloads,
-                                 uint64_t at) {
+// Returns their number.
+size_t NativeWalk::speech_payloads(StreamRecord& shown, std::span<const uint8_t> payloads,
+                                   uint64_t at) {
     shown.payload = payloads;
     sink_.record(shown);
     ByteReader reader(payloads);
-    while (reader.remaining() > 0) {
+    size_t count = 0;
+    for (; reader.remaining() > 0; ++count) {
         const size_t begin = reader.position();
         reader.skip(1);
         while (reader.ok() && (reader.u8() & kMoreFollow) != 0) {
@@ -437,6 +441,7 @@ void NativeWalk::speech_payloads(StreamRecord& shown, std::span<const uint8_t> p
             sink_.speech_frame(frame);
         }
     }
+    return count;
 }
 
 void walk_native(std::span<const uint8_t> stream, RecordSink& sink) {

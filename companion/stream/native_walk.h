@@ -93,7 +93,8 @@ class RecordSink {
     virtual void video_packet(const VideoPacket&) {}
     // Time of the speech that follows, in units of the sampling rate.
     virtual void speech_time(uint32_t) {}
-    // Function API: the number of the speech frame that follows.
+    // Function API: the number of the speech frame that follows. Class API: that of an RTP payload,
+    // after all payloads of its native frame.
     virtual void speech_sequence(uint16_t) {}
     // Class API: the codec mode request and table of contents of an RTP payload; its frames follow.
     virtual void speech_payload(std::span<const uint8_t>) {}
@@ -160,7 +161,7 @@ class NativeWalk {
     void audio_headers();
     void audio_frame();
     void speech_frame(StreamRecord& shown, uint64_t at);
-    void speech_payloads(StreamRecord& shown, std::span<const uint8_t> payloads, uint64_t at);
+    size_t speech_payloads(StreamRecord& shown, std::span<const uint8_t> payloads, uint64_t at);
     void video_headers();
     void video_config(const std::string& codec, uint64_t codec_at);
     void video_frame();

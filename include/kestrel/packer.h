@@ -74,7 +74,7 @@ typedef struct kst_pack_stream {
     uint64_t samples;          /* gathered so far */
     uint64_t packets_left_out; /* that are malformed, or of a kind that is not joined */
     uint64_t packets_missing;  /* as the sequence numbers show; of speech of the function API,
-                                * frames; those of the class API are not checked */
+                                * frames */
     uint64_t damage_offset;    /* from the start of the stream, where `damage` is not empty */
     char damage[192];          /* what is wrong there */
 } kst_pack_stream;
