@@ -267,7 +267,7 @@ TEST(PackedStream, HasAPictureForEachFrameWhereverMarkersAre) {
     const Bytes stream = stream_of("h264_slices_b_hinted", "vr");
     const Bytes marked = with_packets_changed(
         stream, [](TEL_Packet_Header& packet, uint8_t*) { packet.rtp_word |= 1U << 23; });
-    for (const uint32_t flags : {0, int{KST_PACK_HINT}})
+    for (const uint32_t flags : {0U, uint32_t{KST_PACK_HINT}})
         EXPECT_EQ(without_dates(pack({marked}, {flags}).file),
                   without_dates(pack({stream}, {flags}).file));
 }
