@@ -175,10 +175,6 @@ class FullBox : public Box {
     ~FullBox() override = default;
     unsigned int GetSize() const override { return kFullBoxHeaderSize; }
 
-    uint8_t GetVersion() const { return version_; }
-    uint32_t GetFlags() const { return flags_; }
-    void SetFlags(uint32_t flags) { flags_ = flags & 0xFFFFFF; }
-
     static void fields(auto& f, auto& self) {
         f.u8("version", part<FullBox>(self).version_);
         f.u24("flags", part<FullBox>(self).flags_);
@@ -255,11 +251,6 @@ class Timed : public Archivable {
     virtual std::streampos GetPosition() const { return position_; }
 
     uint32_t GetCreationTime() const { return creation_time_; }
-    uint32_t GetModificationTime() const { return modification_time_; }
-    void SetTimes(uint32_t creation, uint32_t modification) {
-        creation_time_ = creation;
-        modification_time_ = modification;
-    }
 
     static void fields(auto& f, auto& self) {
         f.u32("creation_time", part<Timed>(self).creation_time_);

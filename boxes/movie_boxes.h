@@ -22,7 +22,6 @@ class FtypBox : public Described<FtypBox, Box> {
 
     // Codes as stored (see code()).
     uint32_t GetMajorBrand() const { return major_brand_; }
-    uint32_t GetMinorVersion() const { return minor_version_; }
     const std::vector<uint32_t>& GetCompatibleBrands() const { return compatible_brands_; }
     void SetBrands(uint32_t major, uint32_t minor_version, std::vector<uint32_t> compatible);
 

@@ -19,9 +19,6 @@ namespace Qvox3gp {
 
 class SampleEntry : public Box {
   public:
-    // Index, from 1, of the entry of "dref" that locates the media.
-    uint16_t GetDataReferenceIndex() const { return data_reference_index_; }
-
     static void fields(auto& f, auto& self);
 
   protected:
@@ -29,7 +26,7 @@ class SampleEntry : public Box {
 
   private:
     std::array<uint8_t, 6> reserved_{};
-    uint16_t data_reference_index_ = 1;
+    uint16_t data_reference_index_ = 1;  // from 1, of the entry of "dref" that locates the media
 };
 
 // An entry of a type without a class of its own, hint entries included: all bytes after the box
@@ -82,7 +79,6 @@ class RTPHintSampleEntry : public Described<RTPHintSampleEntry, SampleEntry> {
     RTPHintSampleEntry();
     ~RTPHintSampleEntry() override;
 
-    void SetMaxPacketSize(uint32_t bytes) { max_packet_size_ = bytes; }
     TimeScaleEntry* GetTimeScaleEntry() const { return timescale_.get(); }
 
     static void fields(auto& f, auto& self);
@@ -103,10 +99,6 @@ class AMRSpecificBox : public Described<AMRSpecificBox, Box> {
     // A bit per mode that may occur.
     uint16_t GetModeSet() const { return mode_set_; }
     uint8_t GetFramesPerSample() const { return frames_per_sample_; }
-    void SetModes(uint16_t mode_set, uint8_t frames_per_sample) {
-        mode_set_ = mode_set;
-        frames_per_sample_ = frames_per_sample;
-    }
 
     static void fields(auto& f, auto& self);
 

@@ -34,7 +34,6 @@ class TkhdBox : public Described<TkhdBox, FullBox, FixupableDims, FixupableTime,
     void GoToStart(Stream& io) override { seek_to_start(io); }
 
     void SetTrackId(uint32_t id) { track_id_ = id; }
-    void SetVolume(uint16_t volume) { volume_ = volume; }
 
     static void fields(auto& f, auto& self);
 
@@ -106,7 +105,6 @@ class ElstBox : public Described<ElstBox, FullBox> {
     ~ElstBox() override;
 
     const std::vector<EditEntry>& GetEditEntries() const { return entries_; }
-    void AddEditEntry(const EditEntry& entry) { entries_.push_back(entry); }
 
     static void fields(auto& f, auto& self);
 

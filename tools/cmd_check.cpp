@@ -301,6 +301,42 @@ class Checker {
     const bool lines_are_seen_ = isatty(STDOUT_FILENO) != 0;
 };
 
+constexpr char kColumns[] =
+    "One line for each medium of each file, with tabs between the columns:\n"
+    "  1  audio or video; - for a file in which neither was found, whose movie box is\n"
+    "     truncated, or with tracks that cannot be read\n"
+    "  2  the verdict for the function API (kst_Open), after playing to the end\n"
+    "  3  the same for the class API (C3gpInterface)\n"
+    "  4  the command that fixes it: hint, with --replace, --drop-others or --salvage if\n"
+    "     needed. It was tried. - if there is none, or none was tried: the file has more\n"
+    "     than 4,194,304 samples, or more bytes than a quarter of the room for temporary "
+    "files\n"
+    "  5  the file, with control characters and backslashes as \\xNN\n"
+    "Columns 2 and 3 are - if the API is not judged, else one of\n"
+    "  plays           all samples of the file are delivered\n"
+    "  no-hint-track   this API needs an RTP hint track\n"
+    "  self-hinted     the packets are in the hint track itself, which this API does not read\n"
+    "  codec           this API does not play the codec\n"
+    "  encrypted       the track is encrypted\n"
+    "  several-tracks  this API plays a file with one track of the medium\n"
+    "  fragmented      samples are in movie fragments, which this API does not read\n"
+    "  large-box       a box declares its size in a form that this API does not read\n"
+    "  unknown-table   a table has a form that this API does not read\n"
+    "  large-frame     a sample is larger than this API can hold\n"
+    "  incomplete      the file ends early or lacks fragments, or not all is delivered\n"
+    "  implausible     the delivered bytes cannot be of the codec: the tables are wrong\n"
+    "  damaged         a box, a table or a sample is malformed, or no frame is delivered\n"
+    "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"
+    "  memory          playing takes more memory than the tables account for\n"
+    "  timeout         judging was not done in time\n"
+    "  not-played      with --quick: the tables show no reason against it\n"
+    "  no-track        no audio and no video\n"
+    "  not-3gp         no file type box and no movie box; an empty file too\n"
+    "  unreadable      the system cannot open or read the file or folder\n"
+    "  skipped         with --skipped: a file in a folder that is not judged\n"
+    "Exit status: 0 all media of all files play, 1 some do not or a folder has no such file,\n"
+    "2 wrong usage.";
+
 }  // namespace
 
 void add_check(CLI::App& app) {
@@ -327,41 +363,7 @@ void add_check(CLI::App& app) {
                       "Read boxes and tables only; play nothing and try no fix");
     command->add_flag("--skipped", options->skipped, "Print a line for each file that was skipped");
     command->add_flag("--json", options->json, "Print JSON, with a sentence for each reason");
-    command->footer(
-        "One line for each medium of each file, with tabs between the columns:\n"
-        "  1  audio or video; - for a file in which neither was found, whose movie box is\n"
-        "     truncated, or with tracks that cannot be read\n"
-        "  2  the verdict for the function API (kst_Open), after playing to the end\n"
-        "  3  the same for the class API (C3gpInterface)\n"
-        "  4  the command that fixes it: hint, with --replace, --drop-others or --salvage if\n"
-        "     needed. It was tried. - if there is none, or none was tried: the file has more\n"
-        "     than 4,194,304 samples, or more bytes than a quarter of the room for temporary "
-        "files\n"
-        "  5  the file, with control characters and backslashes as \\xNN\n"
-        "Columns 2 and 3 are - if the API is not judged, else one of\n"
-        "  plays           all samples of the file are delivered\n"
-        "  no-hint-track   this API needs an RTP hint track\n"
-        "  self-hinted     the packets are in the hint track itself, which this API does not read\n"
-        "  codec           this API does not play the codec\n"
-        "  encrypted       the track is encrypted\n"
-        "  several-tracks  this API plays a file with one track of the medium\n"
-        "  fragmented      samples are in movie fragments, which this API does not read\n"
-        "  large-box       a box declares its size in a form that this API does not read\n"
-        "  unknown-table   a table has a form that this API does not read\n"
-        "  large-frame     a sample is larger than this API can hold\n"
-        "  incomplete      the file ends early or lacks fragments, or not all is delivered\n"
-        "  implausible     the delivered bytes cannot be of the codec: the tables are wrong\n"
-        "  damaged         a box, a table or a sample is malformed, or no frame is delivered\n"
-        "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"
-        "  memory          playing takes more memory than the tables account for\n"
-        "  timeout         judging was not done in time\n"
-        "  not-played      with --quick: the tables show no reason against it\n"
-        "  no-track        no audio and no video\n"
-        "  not-3gp         no file type box and no movie box; an empty file too\n"
-        "  unreadable      the system cannot open or read the file or folder\n"
-        "  skipped         with --skipped: a file in a folder that is not judged\n"
-        "Exit status: 0 all media of all files play, 1 some do not or a folder has no such file,\n"
-        "2 wrong usage.");
+    command->footer(kColumns);
     command->callback([options] {
         if (std::count(options->paths.begin(), options->paths.end(), "-") > 1)
             throw Error("standard input, -, can be judged once only", kWrongUsage);

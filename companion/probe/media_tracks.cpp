@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <numeric>
 #include <span>
 #include <vector>
 
@@ -121,16 +120,6 @@ const iso_track* track_for(const iso_file* file, Api api, MediaKind kind) {
     });
 }
 
-bool has_several(const iso_file* file, MediaKind kind) {
-    const auto takes = [&](const iso_track* track) {
-        return std::strcmp(track->handler, handler_of(kind)) == 0;
-    };
-    const iso_track* first = find_track(file->first_track, takes);
-    return first != nullptr && find_track(first->next, [&](auto* track) {
-                                   return takes(track) && track->track_id != first->track_id;
-                               }) != nullptr;
-}
-
 const iso_track* hint_track_of(const iso_file* file, const iso_track* media) {
     return find_track(file->first_track, [&](auto* track) {
         return is_hint(track) && track->hint_track_ref == media->track_id;
@@ -186,12 +175,6 @@ Declared declared(const iso_track* track) {
         out.largest = std::max(out.largest, size);
     }
     return out;
-}
-
-uint64_t sample_bytes(const iso_track* track) {
-    const auto samples = static_cast<uint32_t>(std::max(track->sample_count, 0));
-    if (track->sample_sizes == nullptr) return uint64_t{track->sample_size} * samples;
-    return std::accumulate(track->sample_sizes, track->sample_sizes + samples, uint64_t{0});
 }
 
 Outside outside_file(const iso_track* track, uint32_t size) {

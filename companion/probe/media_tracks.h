@@ -39,9 +39,6 @@ const char* codec_name(const iso_track* track);
 // Returns the track that the API plays, else the first one of the medium; null for none.
 const iso_track* track_for(const iso_file* file, Api api, MediaKind kind);
 
-// True when the class API finds more than one track of the medium.
-bool has_several(const iso_file* file, MediaKind kind);
-
 const iso_track* hint_track_of(const iso_file* file, const iso_track* media);
 // The hint track that the function API takes the packets of a video from; null when it cuts the
 // samples itself.
@@ -62,9 +59,6 @@ struct Declared {
     uint32_t largest = 0;  // bytes
 };
 Declared declared(const iso_track* track);
-
-// The sum of the sizes of the samples that the reader could place.
-uint64_t sample_bytes(const iso_track* track);
 
 // The samples that a track's tables place after the end of a file of `size` bytes.
 struct Outside {

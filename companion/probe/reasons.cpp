@@ -82,6 +82,15 @@ std::string why_incomplete(const Subject& subject) {
                : "The " + std::string(word(subject.kind)) + " is whole, but its RTP hints are not.";
 }
 
+std::string why_codec(const Subject& subject) {
+    if (is_unread_form(subject))
+        return std::string("This API does not read ") + codec_name(subject.imported->codec) +
+               " with such a sample entry.";
+    return "This API does not play " + name_of_codec(subject) +
+           (plays_codec(Api::kFunction, subject.codec()) ? "; the function API does."
+                                                         : "; convert it with another tool first.");
+}
+
 }  // namespace
 
 const ReasonName& name_of(Reason reason) {
@@ -257,13 +266,7 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
             return "The packets of the " + medium +
                    " are in the hint track itself, where this API does not look for them.";
         case Reason::kCodec:
-            if (is_unread_form(subject))
-                return std::string("This API does not read ") +
-                       codec_name(subject.imported->codec) + " with such a sample entry.";
-            return "This API does not play " + name_of_codec(subject) +
-                   (plays_codec(Api::kFunction, subject.codec())
-                        ? "; the function API does."
-                        : "; convert it with another tool first.");
+            return why_codec(subject);
         case Reason::kEncrypted:
             return "The " + medium + " is encrypted.";
         case Reason::kSeveralTracks:
