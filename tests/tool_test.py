@@ -654,11 +654,21 @@ class Packets(ToolTest):
                 self.assert_fails(run("packets", "-", "--pcap", out, stdin=damaged), 1, message)
                 self.assertEqual(out.read_bytes() != b"old", some)
         # A hint sample that declares no packets is no fault, but not passed over in silence.
-        result = run("packets", "-", "--json", stdin=data[:second] + bytes(2) + data[second + 2:])
+        empty = data[:second] + bytes(2) + data[second + 2:]
+        result = run("packets", "-", "--json", stdin=empty)
         track, = json.loads(result.stdout)["tracks"]
         self.assertEqual((result.returncode, track["hint_sample_count"],
                           track["empty_hint_sample_count"]), (0, 30, 1))
         self.assertIn(b"1 of 30 hint samples without packets", result.stderr)
+        # A receiver gets less than the file has.
+        here = Datagrams(1)
+        self.addCleanup(here.close)
+        for begin, code in [(0, 1), (1990, 0)]:
+            result = run("send", self.write("x.3gp", empty), "--to", f"127.0.0.1:{here.port}",
+                         "--speed", "100", "--from", begin)
+            self.assertEqual(result.returncode, code)
+            self.assertEqual(b"no packets for 1 of 30 samples; 'kestrel info'" in result.stderr,
+                             code == 1)
 
 
 class Boxes(ToolTest):
@@ -1031,6 +1041,7 @@ class Send(ToolTest):
             self.assertIn(b"nobody listens; sending goes on until Ctrl-C", tool.stderr.readline())
             tool.send_signal(signal.SIGINT)
             self.assertIn(b"nobody listened", tool.communicate(timeout=60)[1])
+            self.assertEqual(tool.returncode, 1)
 
     def test_it_begins_at_the_sync_sample_of_a_time(self):
         for name, milliseconds in [("amrnb_hinted", 1010), ("mpeg4_hinted", 1500)]:
@@ -1360,7 +1371,7 @@ class Inspect(ToolTest):
         self.assertEqual(int(records[4].split()[0]), 68 + padding)
         self.assert_true(unpacked, "amrnb.amr")
 
-    def test_unpacking_what_lacks_packets_fails(self):
+    def test_streams_that_lack_or_repeat_packets_or_are_of_no_codec_fail(self):
         stream = self.extract("h264_hinted", "vr")
         records = self.records(stream)
         starts = [r["offset"] for r in records if r["record"] == "VID_Frame_Record"]
@@ -1370,13 +1381,29 @@ class Inspect(ToolTest):
         inside = sum(starts[3] <= packet["offset"] < starts[5] for packet in packets)
         reserved = bytearray(stream)
         reserved[stream.index(bytes.fromhex(packets[9]["payload"]))] = 30  # a reserved type of unit
-        for damaged, message in [(stream[:starts[3]] + stream[starts[5]:],
-                                  f"{inside} packets are missing"),
-                                 (speech[:frames[100]] + speech[frames[150]:], "50 frames are missing"),
-                                 (bytes(reserved), "1 packet is malformed")]:
-            result = run("unpack", "-", "-o", "-", stdin=damaged)
-            self.assert_fails(result, 1, f"standard input: {message}; kept the rest")
-            self.assertGreater(len(result.stdout), len(damaged) // 2)
+        wrong = bytearray(speech)
+        for at in frames[3:7]:
+            wrong[at + 25] |= 0x80
+        amplified = bytearray(speech)
+        amplified[20:24] = (149).to_bytes(4, "little")
+        amplified[52:56] = (2980).to_bytes(4, "little")
+        for damaged, message, code in [
+                (stream[:starts[3]] + stream[starts[5]:], f"{inside} packets are missing", 1),
+                (speech[:frames[100]] + speech[frames[150]:], "50 frames are missing", 1),
+                (bytes(reserved), "1 packet is malformed", 1),
+                (stream[:starts[4]] + stream[starts[3]:], "1 frame is repeated", 1),
+                (speech[:frames[100]] + speech[frames[99]:], "1 frame is repeated", 1),
+                (bytes(wrong), "4 of 298 frames cannot be AMR-NB, the first is number 4", 1),
+                (bytes(amplified), "declare 149 frames, it has 298", 1),
+                # One frame fewer may be all that the track has.
+                (speech[:frames[297]], "it has 297: it is cut, or the last sample", 0)]:
+            for command in [("inspect", "-"), ("unpack", "-", "-o", "-"), ("pack", "-", "-o", "-")]:
+                with self.subTest(message=message, command=command[0]):
+                    result = run(*command, stdin=damaged)
+                    said = re.sub(" (is|are) ", " ", result.stderr.decode())
+                    self.assertEqual(result.returncode, code)
+                    self.assertIn(re.sub(" (is|are) ", " ", message), said)
+                    self.assertGreater(len(result.stdout), len(damaged) // 3)
 
 
 if __name__ == "__main__":

@@ -252,7 +252,7 @@ class StreamOutput {
     }
 
     uint64_t delivered() const { return delivered_; }
-    const MediaCounts& counts() const { return tally_.counts(); }
+    MediaCounts counts() const { return tally_.counts(); }
 
   private:
     bool is_kept() const { return direct_ || is_pipe_ || tally_.counts().frames > 0; }

@@ -96,7 +96,9 @@ class JsonSink final : public stream::RecordSink {
 
     bool any() const { return any_; }
 
-    void finish(uint64_t bytes, const std::optional<stream::Damage>& damage) const {
+    void finish(uint64_t bytes, std::optional<stream::Damage> damage,
+                const std::string& lacks) const {
+        if (!damage && !lacks.empty()) damage = {bytes, lacks};
         std::printf("%s],\n  \"bytes\": %llu", any_ ? "\n  " : kBeginning,
                     static_cast<unsigned long long>(bytes));
         if (damage) {
@@ -122,14 +124,14 @@ void inspect(const Options& options) {
             if (!sink.any()) print_error_as_json(error);
             throw;
         }
-        sink.finish(walked.bytes, walked.damage);
+        sink.finish(walked.bytes, walked.damage, walked.lacks);
     } else {
         TextSink sink;
         walked = walk_file(options.input, sink);
     }
-    if (!walked.damage) return;
     finish_standard_output();
-    throw damage_error(options.input, *walked.damage);
+    if (walked.damage) throw damage_error(options.input, walked);
+    if (!walked.lacks.empty()) throw file_error(options.input, walked.lacks);
 }
 
 }  // namespace

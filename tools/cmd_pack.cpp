@@ -5,6 +5,7 @@
 #include "kestrel/native_records.h"
 #include "kestrel/packer.h"
 #include "tools/commands.h"
+#include "tools/native_file.h"
 #include "tools/output_stream.h"
 #include "tools/support.h"
 
@@ -71,9 +72,12 @@ kst_pack_stream describe(const kst_packer* packer, uint32_t stream) {
 
 void feed(kst_packer* packer, uint32_t stream, Input& input) {
     require(kst_packer_feed(packer, stream, nullptr, 0), input);
+    NoSink none;
+    StreamCheck check(none);
     Progress progress;
     if (input.path == "-") progress.await_input();
     read_pieces(input.path, [&](auto piece) {
+        check.feed(piece);
         input.bytes += piece.size();
         const auto wanted =
             piece.first(std::min(piece.size(), Input::kFrontBytes - input.front.size()));
@@ -81,6 +85,8 @@ void feed(kst_packer* packer, uint32_t stream, Input& input) {
         progress.show_bytes(input.bytes, "read");
         require(kst_packer_feed(packer, stream, piece.data(), piece.size()), input);
     });
+    progress.clear();
+    check.finish(input.path);
     const int medium = describe(packer, stream).medium;
     if (input.medium == KST_PACK_UNKNOWN || medium == KST_PACK_UNKNOWN) return;
     if (medium != input.medium) {
@@ -93,10 +99,12 @@ void feed(kst_packer* packer, uint32_t stream, Input& input) {
 std::string lacks(const Input& input, const kst_pack_stream& about) {
     std::string out;
     if (about.damage[0] != '\0') {
-        out = "damaged from byte " + std::to_string(about.damage_offset) + " on: " + about.damage +
-              "; packed " + counted(about.samples, "sample") + " before it";
         const uint64_t lost = input.bytes - about.damage_offset;
-        if (lost > 0) out += ", left out " + counted(lost, "byte");
+        const std::string packed = "; packed " + counted(about.samples, "sample");
+        out = lost == 0 ? about.damage + packed
+                        : "damaged from byte " + std::to_string(about.damage_offset) +
+                              " on: " + about.damage + packed + " before it, left out " +
+                              counted(lost, "byte");
     }
     const bool is_speech = about.medium == KST_PACK_AUDIO;
     const char* unit = is_speech && !input.has_packets() ? "frame" : "packet";

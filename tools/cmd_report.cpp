@@ -24,6 +24,7 @@ void report(const Options& options) {
     WholeOutput output(options.output, options.input);  // a good page stays until this one is whole
     output.write({reinterpret_cast<const uint8_t*>(page.data()), page.size()});
     output.finish();
+    if (!data.facts.scan.is_3gp()) throw no_media_file(options.input);
 }
 
 }  // namespace
@@ -38,7 +39,8 @@ void add_report(CLI::App& app) {
     add_timeout(command, options->time);
     command->footer(
         "The page is one HTML file without script; it loads no other file. The page of a damaged\n"
-        "file lists what is wrong.");
+        "file lists what is wrong; that of a file that is no 3GP file says so, and the command\n"
+        "fails.");
     command->callback([options] { report(*options); });
 }
 

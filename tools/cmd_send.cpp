@@ -184,11 +184,13 @@ void send(const Options& options) {
     write_description(options, to, receiver.port, tracks);
     const int signal = sender.run();
     const std::string refused = refused_text(options, sender);
-    if (options.loop && !refused.empty()) say(refused);
     if (signal != 0 && !options.loop) end_by(signal);
-    if (!options.loop && !refused.empty()) throw Error(refused);
-    const std::string lacks = lacks_of(tracks);
-    if (!lacks.empty()) throw file_error(options.input, lacks);
+    std::string lacks = lacks_of(tracks);
+    if (const std::string missing = missing_media(tracks); lacks.empty() && !missing.empty())
+        lacks = missing + "; 'kestrel info' looks for a fix";
+    if (!lacks.empty() && refused.empty()) throw file_error(options.input, lacks);
+    if (!lacks.empty()) say(input_name(options.input) + ": " + lacks);
+    if (!refused.empty()) throw Error(refused);
 }
 
 }  // namespace

@@ -20,14 +20,15 @@ void unpack(const Options& options) {
     const WalkedFile walked = walk_file(options.input, media);
     media.finish();
     if (!media.made_any()) {  // an output that was there stays
-        if (walked.damage) throw damage_error(options.input, *walked.damage);
+        if (walked.damage) throw damage_error(options.input, walked);
         throw file_error(options.input, "the stream has no frames");
     }
     output.finish();
     if (walked.damage) {
         const uint64_t lost = walked.bytes - walked.damage->offset;
         const std::string left_out = lost == 0 ? "" : ", left out " + counted(lost, "byte");
-        throw damage_error(options.input, *walked.damage, "; kept what comes before" + left_out);
+        const char* kept = walked.is_fault ? "; kept what it has" : "; kept what comes before";
+        throw damage_error(options.input, walked, kept + left_out);
     }
     if (!media.lacks().empty()) throw file_error(options.input, media.lacks() + "; kept the rest");
 }

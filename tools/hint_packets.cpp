@@ -34,6 +34,7 @@ std::span<const uint8_t> HintPackets::next() {
         unreadable_ = length == -2;
     }
     if (length <= 0) {
+        if (damaged_sample_ == 0) skip_to(hint_->sample_count);
         std::vector<uint8_t>().swap(buffer_);
         return {};
     }
@@ -41,6 +42,8 @@ std::span<const uint8_t> HintPackets::next() {
     if (!in_sample) {
         sample_ = cursor_.packets_left > 0 ? cursor_.sample : cursor_.sample - 1;
         ++filled_samples_;
+        skip_to(sample_);
+        begin_ = sample_ + 1;
     }
     ++made_;
     return std::span(buffer_).first(static_cast<size_t>(length));
@@ -51,7 +54,17 @@ uint64_t HintPackets::empty_samples() const {
     return damaged_sample_ > 0 ? 0 : samples - std::min(filled_samples_, samples);
 }
 
+void HintPackets::skip_to(int32_t end) {
+    const bool is_one_each = media_ != nullptr && media_->sample_count == hint_->sample_count;
+    for (; begin_ < end; ++begin_) {
+        const auto sample = static_cast<uint32_t>(begin_);
+        skipped_media_ += is_one_each && sample_size_of(media_, sample) > 0 ? 1 : 0;
+    }
+}
+
 void HintPackets::go_to(int32_t sample) {
+    begin_ = sample;
+    skipped_media_ = 0;
     isoFFsetPosition(hint_, sample);
     cursor_.sample = sample;
     cursor_.packets_left = 0;
@@ -99,6 +112,18 @@ std::string lacks_of(const HintTracks& tracks) {
     for (const auto& track : tracks) {
         const std::string lacks = track->lacks();
         if (!lacks.empty()) all += (all.empty() ? "" : "; ") + lacks;
+    }
+    return all;
+}
+
+std::string missing_media(const HintTracks& tracks) {
+    std::string all;
+    for (const auto& track : tracks) {
+        if (track->skipped_media() == 0) continue;
+        all += (all.empty() ? "" : "; ") + std::string("hint track ") +
+               std::to_string(track->track()->track_id) + ": no packets for " +
+               std::to_string(track->skipped_media()) + " of " +
+               counted(static_cast<uint64_t>(track->track()->sample_count), "sample");
     }
     return all;
 }

@@ -36,13 +36,22 @@ class HintPackets {
     // samples without any.
     uint64_t made() const { return made_; }
     uint64_t empty_samples() const;
+    // The first hint sample that is damaged or cannot be read, from 1; 0 for none so far.
+    int32_t damaged_sample() const { return damaged_sample_; }
     // Moves to the first packet of a hint sample.
     void go_to(int32_t sample);
+
+    // The hint samples since the last go_to() that have no packets though their media samples have
+    // bytes. Hint samples that are fewer or more than the media samples may be empty.
+    uint64_t skipped_media() const { return skipped_media_; }
 
     // After the last packet: returns what was left out, without a full stop; else an empty text.
     std::string lacks() const;
 
   private:
+    // Counts hint samples without packets, up to the one before `end`.
+    void skip_to(int32_t end);
+
     const FileFacts& facts_;
     iso_track* hint_;
     iso_track* media_;
@@ -50,6 +59,8 @@ class HintPackets {
     std::vector<uint8_t> buffer_;  // of a packet
     uint64_t made_ = 0;
     uint64_t filled_samples_ = 0;
+    uint64_t skipped_media_ = 0;
+    int32_t begin_ = 0;  // the first hint sample that is neither read nor skipped
     int32_t sample_ = 0;
     int32_t damaged_sample_ = 0;  // from 1; 0 for none
     bool unreadable_ = false;     // the stream failed
@@ -62,6 +73,9 @@ HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> 
 
 // Returns what all of them left out, separated by semicolons.
 std::string lacks_of(const HintTracks& tracks);
+
+// Returns for how many media samples there were no packets; empty for none.
+std::string missing_media(const HintTracks& tracks);
 
 }  // namespace tool
 

@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "tools/native_file.h"
+
 namespace tool {
 
 namespace stream = kestrel::stream;
@@ -12,10 +14,6 @@ namespace {
 // The first bytes of a speech file (RFC 4867, 5.1).
 constexpr char kNarrowBandMagic[] = "#!AMR\n";
 constexpr char kWideBandMagic[] = "#!AMR-WB\n";
-
-std::string counted(uint64_t count, const std::string& unit, const char* what) {
-    return std::to_string(count) + " " + unit + (count == 1 ? " is " : "s are ") + what;
-}
 
 }  // namespace
 
@@ -47,10 +45,7 @@ void MediaWriter::finish() {
 }
 
 std::string MediaWriter::lacks() const {
-    std::string out;
-    if (gaps_.missing() > 0) out = counted(gaps_.missing(), unit_, "missing");
-    if (malformed_ > 0) out += (out.empty() ? "" : ", ") + counted(malformed_, unit_, "malformed");
-    return out;
+    return lacks_text(gaps_.missing(), malformed_, unit_);
 }
 
 void MediaWriter::write_text(const char* text) {

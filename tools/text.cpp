@@ -82,6 +82,10 @@ std::string counted(uint64_t count, std::string_view noun) {
     return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
 }
 
+std::string counted_with(uint64_t count, std::string_view noun, std::string_view state) {
+    return counted(count, noun) + (count == 1 ? " is " : " are ") + std::string(state);
+}
+
 std::string code_text(uint32_t code) {
     std::string out;
     for (int shift = 24; shift >= 0; shift -= 8)

@@ -32,6 +32,8 @@ std::string printable_word(std::string_view text);
 
 // "1 byte", "2 bytes".
 std::string counted(uint64_t count, std::string_view noun);
+// "1 byte is missing", "2 bytes are missing".
+std::string counted_with(uint64_t count, std::string_view noun, std::string_view state);
 
 // The four characters of a code in file order.
 std::string code_text(uint32_t code);

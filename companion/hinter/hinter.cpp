@@ -17,6 +17,7 @@
 #include "kestrel/kstutil.h"
 #include "kestrel/native.h"
 #include "native/codec/amr_format.h"
+#include "native/codec/avcc.h"
 #include "native/codec/h264_units.h"
 #include "native/codec/payload_types.h"
 
@@ -56,7 +57,6 @@ struct ImplausibleSamples {
     }
 };
 
-// Speech that is malformed cannot be packetised.
 bool is_plausible(const iso_track* track, std::span<const uint8_t> sample) {
     switch (track->codec) {
         case ISO_CODEC_S263:
@@ -65,9 +65,21 @@ bool is_plausible(const iso_track* track, std::span<const uint8_t> sample) {
             return stream::is_mpeg4_picture(sample);
         case ISO_CODEC_AVC1:
             return stream::is_h264_sample(sample, track->nal_length_size);
+        case ISO_CODEC_SAMR:
+            return stream::is_speech_sample(sample, kNarrowBand);
+        case ISO_CODEC_SAWB:
+            return stream::is_speech_sample(sample, kWideBand);
         default:
             return true;
     }
+}
+
+// Whether the parameter sets of a track are NAL units.
+bool has_plausible_sets(const iso_track* track) {
+    if (track->codec != ISO_CODEC_AVC1) return true;
+    const std::vector<NalUnit> sets = parameter_sets({track->dsi, track->dsi_length});
+    return std::all_of(sets.begin(), sets.end(),
+                       [](NalUnit set) { return set.empty() || stream::is_nal_unit(set); });
 }
 
 class Job {
@@ -232,12 +244,16 @@ class Job {
     // Bytes of a wrong place are no media. A few such samples are left to the decoder.
     bool judge_plausibility(const Medium& medium, const ImplausibleSamples& implausible) {
         const importer::Track& track = *medium.track.from;
+        const std::string cannot =
+            " cannot be of the codec '" +
+            importer::type_text(track.descriptions[medium.description].type) + "'";
+        if (!has_plausible_sets(medium.track.to))
+            add_note(name_of(medium) + ": a parameter set" + cannot);
         if (implausible.count == 0) return true;
         const std::string text = name_of(medium) + ": " + std::to_string(implausible.count) +
-                                 " of " + std::to_string(track.samples.size()) +
-                                 " samples cannot be of the codec '" +
-                                 importer::type_text(track.descriptions[medium.description].type) +
-                                 "', the first is number " + std::to_string(implausible.first);
+                                 " of " + std::to_string(track.samples.size()) + " samples" +
+                                 cannot + ", the first is number " +
+                                 std::to_string(implausible.first);
         if (implausible.count > track.samples.size() / 2)
             return outcome_.fail(KST_HINT_REFUSED, text + ": " + stream::kWrongBytesText);
         add_note(text);

@@ -23,8 +23,9 @@ void StreamMedia::feed(std::span<const uint8_t> bytes) {
 void StreamMedia::finish() {
     run([&] {
         walk_.finish();
-        extent_.require_all(walk_.bytes());
         if (pictures_) pictures_->finish(true);
+        if (const std::string fault = extent_.fault(); !fault.empty())
+            damage_ = {walk_.bytes(), fault};
     });
 }
 

@@ -7,8 +7,9 @@
 namespace kestrel::stream {
 namespace {
 
-constexpr uint64_t kMilliseconds = 1000;  // in a second
-constexpr uint64_t kFrameDuration = 20;   // milliseconds of a speech frame
+constexpr uint64_t kMilliseconds = 1000;      // in a second
+constexpr uint64_t kFrameDuration = 20;       // milliseconds of a speech frame
+constexpr uint32_t kMaxFramesPerSample = 15;  // 3GPP TS 26.244, 6.7
 
 uint64_t divide_up(uint64_t value, uint64_t by) {
     return (value + by - 1) / by;
@@ -17,10 +18,28 @@ uint64_t divide_up(uint64_t value, uint64_t by) {
 // The number of speech frames that a whole stream may have less than `declared`: of the samples,
 // which have the same number of frames each, the last may have fewer.
 uint32_t most_not_filled(uint32_t declared) {
-    constexpr uint32_t kMaxFramesPerSample = 15;  // 3GPP TS 26.244, 6.7
     for (uint32_t in_sample = kMaxFramesPerSample; in_sample > 1; --in_sample)
         if (declared % in_sample == 0) return in_sample - 1;
     return 0;
+}
+
+std::string counted_frames(uint64_t count) {
+    return std::to_string(count) + (count == 1 ? " frame" : " frames");
+}
+
+const char* name_of(Medium medium) {
+    switch (medium) {
+        case Medium::kNarrowBandSpeech:
+            return "AMR-NB";
+        case Medium::kWideBandSpeech:
+            return "AMR-WB";
+        case Medium::kMpeg4:
+            return "MPEG-4 Visual";
+        case Medium::kH264:
+            return "H.264";
+        default:
+            return "H.263";
+    }
 }
 
 std::string lacking(const std::string& declared, uint64_t has) {
@@ -34,15 +53,32 @@ void DeclaredExtent::header(const StreamHeader& header) {
     header_ = header;
     header_.config.clear();
     // The configuration is no part of the samples, whose bytes are declared.
-    const MediaSink count{[this](std::span<const uint8_t> bytes) { bytes_ += bytes.size(); }};
-    depacketiser_ = make_depacketiser(header.medium, {}, count);
+    MediaSink count{[this](std::span<const uint8_t> bytes) {
+                        bytes_ += bytes.size();
+                        test_.take(bytes);
+                    },
+                    [this] {
+                        constexpr uint32_t kStartCode = 4;
+                        bytes_ += kStartCode;
+                        test_.end_unit();
+                    }};
+    depacketiser_ = make_depacketiser(header.medium, {}, std::move(count));
+    test_.set_medium(header.medium);
     to_.header(header);
 }
 
 void DeclaredExtent::begin_frame() {
-    ++frames_;
+    test_.begin_frame();
     speech_frames_ = 0;
+    beginning_before_ = std::exchange(beginning_, {});
     to_.begin_frame();
+}
+
+void DeclaredExtent::end_frame() {
+    if (depacketiser_ != nullptr) depacketiser_->finish();
+    test_.end_frame();
+    if (beginning_ && beginning_ == beginning_before_) ++repeated_;
+    to_.end_frame();
 }
 
 void DeclaredExtent::take_time(uint32_t time) {
@@ -51,15 +87,20 @@ void DeclaredExtent::take_time(uint32_t time) {
     last_time_ = time;
 }
 
+void DeclaredExtent::take_sequence(uint16_t sequence) {
+    gaps_.add(sequence);
+    if (!beginning_) beginning_.emplace(last_time_, sequence);
+}
+
 void DeclaredExtent::video_packet(const VideoPacket& packet) {
     take_time(packet.time);
-    gaps_.add(packet.sequence);
-    depacketiser_->packet(packet.payload);
+    take_sequence(packet.sequence);
+    if (!depacketiser_->packet(packet.payload)) ++malformed_;
     to_.video_packet(packet);
 }
 
 void DeclaredExtent::speech_sequence(uint16_t sequence) {
-    gaps_.add(sequence);
+    take_sequence(sequence);
     to_.speech_sequence(sequence);
 }
 
@@ -70,13 +111,14 @@ void DeclaredExtent::speech_time(uint32_t time) {
 
 void DeclaredExtent::speech_frame(std::span<const uint8_t> frame) {
     ++speech_frames_;
+    test_.take_speech(frame);
     to_.speech_frame(frame);
 }
 
 // Frames that are missing before the end show by their sequence numbers. Of a class API stream the
 // last frame has a time of its own.
 bool DeclaredExtent::lacks_speech() const {
-    const uint64_t numbered = frames_ + gaps_.missing();
+    const uint64_t numbered = test_.frames() + gaps_.missing();
     if (numbered >= header_.frames) return false;
     const uint64_t declared = header_.duration_ms;
     if (header_.api == Api::kClass) {
@@ -110,9 +152,10 @@ uint64_t DeclaredExtent::least_bytes() const {
 // half a mean duration more than the mean.
 bool DeclaredExtent::ends_early() const {
     constexpr uint64_t kTicks = 90;  // a millisecond
-    if (frames_ < 2) return true;
+    const uint64_t frames = test_.frames();
+    if (frames < 2) return true;
     const uint64_t passed = last_time_ - first_time_;
-    return passed + passed * 3 / (2 * (frames_ - 1)) <= header_.duration_ms * kTicks;
+    return passed + passed * 3 / (2 * (frames - 1)) <= header_.duration_ms * kTicks;
 }
 
 // A whole stream may lack either: packets leave empty NAL units of H.264 out, and hint tracks empty
@@ -120,25 +163,53 @@ bool DeclaredExtent::ends_early() const {
 // class API may have another unit than the durations.
 bool DeclaredExtent::lacks_video() const {
     if (header_.api == Api::kClass) return bytes_ < least_bytes() && gaps_.missing() == 0;
-    return (bytes_ < least_bytes() || frames_ < least_pictures()) && ends_early();
+    return (bytes_ < least_bytes() || test_.frames() < least_pictures()) && ends_early();
 }
 
-void DeclaredExtent::require_all(uint64_t end) const {
+// The samples of a track may have more frames than it declares, but they do not last longer; the
+// last sample may be filled more.
+bool DeclaredExtent::has_too_much_speech() const {
+    constexpr uint64_t kMostInSample = kMaxFramesPerSample * kFrameDuration;
+    const uint64_t frames = test_.frames();
+    return header_.api == Api::kFunction && header_.duration_ms > 0 && frames > header_.frames &&
+           frames * kFrameDuration > header_.duration_ms + kMostInSample;
+}
+
+std::string DeclaredExtent::extent_fault() const {
+    const uint64_t frames = test_.frames();
     // A stream that begins later was made after a seek.
     const bool from_the_start = header_.api == Api::kFunction || first_time_ == 0;
-    if (!has_header_ || !from_the_start) return;
-    if (is_speech(header_.medium)) {
-        if (!lacks_speech()) return;
-        throw Damage{end, lacking(std::to_string(header_.frames) + " frames", frames_)};
+    if (!has_header_ || !from_the_start) return "";
+    if (is_speech()) {
+        const bool differs = lacks_speech() || has_too_much_speech();
+        return differs ? lacking(counted_frames(header_.frames), frames) : "";
     }
-    if (depacketiser_) depacketiser_->finish();
-    if (!lacks_video()) return;
-    if (frames_ < least_pictures()) {
-        throw Damage{end,
-                     lacking("at least " + std::to_string(least_pictures()) + " frames", frames_)};
+    if (!lacks_video()) return "";
+    if (frames < least_pictures())
+        return lacking("at least " + counted_frames(least_pictures()), frames);
+    return lacking("at least " + std::to_string(least_bytes()) + " bytes of pictures", bytes_);
+}
+
+std::string DeclaredExtent::fault() const {
+    std::string all = extent_fault();
+    const auto add = [&](const std::string& text) { all += (all.empty() ? "" : "; ") + text; };
+    if (test_.implausible() > 0) {
+        add(std::to_string(test_.implausible()) + " of " + counted_frames(test_.frames()) +
+            " cannot be " + name_of(header_.medium) + ", the first is number " +
+            std::to_string(test_.first_implausible()));
     }
-    throw Damage{
-        end, lacking("at least " + std::to_string(least_bytes()) + " bytes of pictures", bytes_)};
+    if (repeated_ > 0)
+        add(counted_frames(repeated_) + (repeated_ == 1 ? " is" : " are") + " repeated");
+    return all;
+}
+
+// A function API stream without its last frames has them as not filled.
+std::string DeclaredExtent::doubt() const {
+    if (!is_speech() || header_.api == Api::kClass || gaps_.missing() > 0) return "";
+    if (test_.frames() >= header_.frames || header_.duration_ms <= test_.frames() * kFrameDuration)
+        return "";
+    return lacking(counted_frames(header_.frames), test_.frames()) +
+           ": it is cut, or the last sample of its track is not full";
 }
 
 }  // namespace kestrel::stream

@@ -4,7 +4,6 @@
 #include <cstddef>
 
 #include "native/codec/golomb_reader.h"
-
 #include "native/codec/h264_units.h"
 
 namespace kestrel::stream {
@@ -47,6 +46,25 @@ bool is_nal_unit(std::span<const uint8_t> unit) {
     if (header.ok() && slice_type > kMaxSliceType) return false;
     const uint32_t pps = header.ue();
     return !header.ok() || pps <= kMaxPps;
+}
+
+bool is_speech_frame(uint8_t header, const AmrBand& band) {
+    constexpr uint8_t kMore = 0x80;  // not in storage format
+    const int type = storage_frame_type(header);
+    // Frame types without a meaning: 12 to 14 (3GPP TS 26.101), 10 to 13 (TS 26.201).
+    const bool exists = &band == &kWideBand ? type < 10 || type > 13 : type < 12 || type == 15;
+    return exists && (header & kMore) == 0;
+}
+
+bool is_speech_sample(std::span<const uint8_t> sample, const AmrBand& band) {
+    while (!sample.empty()) {
+        if (!is_speech_frame(sample[0], band)) return false;
+        const int type = storage_frame_type(sample[0]);
+        const auto size = static_cast<size_t>(storage_frame_size(band.frame_bits[type]));
+        if (size > sample.size()) return false;
+        sample = sample.subspan(size);
+    }
+    return true;
 }
 
 bool is_h264_sample(std::span<const uint8_t> sample, int length_size) {

@@ -37,8 +37,8 @@ typedef struct kst_packer kst_packer;
 enum {
     KST_PACK_DONE = 0,
     /* A stream is damaged or ends inside a frame or before the last frame that its header records
-     * declare, or packets of it are missing or could not be joined. All that is whole before the
-     * damage is in the file. */
+     * declare, it has frames that cannot be of its codec, or a frame twice, or packets of it are
+     * missing or could not be joined. All that is whole before the damage is in the file. */
     KST_PACK_CUT = 1,
     KST_PACK_BAD_ARGUMENT = 2,
     KST_PACK_NO_MEMORY = 3,
@@ -75,7 +75,8 @@ typedef struct kst_pack_stream {
     uint64_t packets_left_out; /* that are malformed, or of a kind that is not joined */
     uint64_t packets_missing;  /* as the sequence numbers show; of speech of the function API,
                                 * frames */
-    uint64_t damage_offset;    /* from the start of the stream, where `damage` is not empty */
+    uint64_t damage_offset;    /* from the start of the stream, where `damage` is not empty; its
+                                * end for a fault of the stream as a whole */
     char damage[192];          /* what is wrong there */
 } kst_pack_stream;
 

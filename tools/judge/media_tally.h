@@ -3,12 +3,12 @@
 #ifndef KESTREL_TOOLS_JUDGE_MEDIA_TALLY_H
 #define KESTREL_TOOLS_JUDGE_MEDIA_TALLY_H
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <span>
 
 #include "companion/stream/depacketise.h"
+#include "companion/stream/frame_test.h"
 #include "companion/stream/native_walk.h"
 
 namespace tool {
@@ -26,20 +26,21 @@ struct MediaCounts {
     // that do not end with their last frame.
     uint64_t filled_bytes = 0;
     uint64_t uneven_samples = 0;
+    // Of MPEG-4 Visual: the first hint sample that is damaged, from 1; 0 for none.
+    uint64_t damaged_hint = 0;
     // Frames whose bytes their codec cannot write, and the number of the first one, from 1.
     uint64_t implausible = 0;
     uint64_t first_implausible = 0;
 };
 
-// Takes a native stream in pieces. Holds one frame. A frame of speech is plausible when its frame
-// types are of the codec and a payload ends with its last frame, a picture as
-// companion/stream/plausible.h has it; one that is empty always.
+// Takes a native stream in pieces. Holds one frame. A stream that is malformed has an implausible
+// frame there.
 class MediaTally final : private kestrel::stream::RecordSink {
   public:
     MediaTally() : walk_(*this) {}
 
     void take(std::span<const uint8_t> stream);
-    const MediaCounts& counts() const { return counts_; }
+    MediaCounts counts() const;
 
   private:
     bool wants_records() const override { return false; }
@@ -51,16 +52,13 @@ class MediaTally final : private kestrel::stream::RecordSink {
 
     void take_picture(std::span<const uint8_t> bytes);
     void end_unit();
-    void count_implausible();
 
     kestrel::stream::NativeWalk walk_;
     bool lost_ = false;  // the rest is no native stream
     kestrel::stream::Medium medium_ = kestrel::stream::Medium::kNarrowBandSpeech;
     std::unique_ptr<kestrel::stream::Depacketiser> depacketiser_;
-    std::array<uint8_t, 12> first_{};  // of the picture or of the current NAL unit
-    size_t got_ = 0;
-    bool plausible_ = true;  // the current frame, so far
-    MediaCounts counts_;
+    kestrel::stream::FrameTest test_;
+    MediaCounts counts_;  // without what the test counts
 };
 
 }  // namespace tool

@@ -11,6 +11,7 @@
 #include "kestrel/log.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
+#include "tools/hint_packets.h"
 #include "tools/report/markup.h"
 
 namespace tool {
@@ -22,16 +23,23 @@ constexpr uint32_t kLeastLarge = 60000;  // bytes of a sample that an API may no
 
 // --- how much came out ---
 
-void count_speech(std::span<const uint8_t> sample, const kestrel::AmrBand& band,
-                  MediaCounts& counts) {
+void count_implausible(uint64_t number, MediaCounts& counts) {
+    if (counts.implausible++ == 0) counts.first_implausible = number;
+}
+
+void count_speech(std::span<const uint8_t> sample, const kestrel::AmrBand& band, uint64_t number,
+                  bool is_judged, MediaCounts& counts) {
+    bool is_speech = true;
     size_t at = 0;
     while (at < sample.size()) {
         const int type = kestrel::storage_frame_type(sample[at]);
         const auto size = static_cast<size_t>(kestrel::storage_frame_size(band.frame_bits[type]));
         counts.filled_bytes += size > 1 ? size : 0;
+        is_speech = is_speech && kestrel::stream::is_speech_frame(sample[at], band);
         at += size;
     }
     counts.uneven_samples += at == sample.size() ? 0 : 1;
+    if (!is_judged && !is_speech) count_implausible(number, counts);
 }
 
 bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
@@ -53,8 +61,29 @@ uint64_t packed_bytes(std::span<const uint8_t> sample, int length_size) {
 void count_h264(std::span<const uint8_t> sample, int length_size, uint64_t number, bool is_judged,
                 MediaCounts& counts) {
     counts.unpacked_bytes += sample.size() - packed_bytes(sample, length_size);
-    if (is_judged || kestrel::stream::is_h264_sample(sample, length_size)) return;
-    if (counts.implausible++ == 0) counts.first_implausible = number;
+    if (!is_judged && !kestrel::stream::is_h264_sample(sample, length_size))
+        count_implausible(number, counts);
+}
+
+// The hint track that the class API plays; null for none.
+iso_track* played_hints(const Subject& subject) {
+    iso_track* hint = nullptr;
+    for (iso_track* track = subject.facts.file->first_track; track != nullptr;
+         track = track->next) {
+        const bool hints = is_hint(track) && track->hint_track_ref == subject.track->track_id;
+        if (hints) hint = track;  // the last is played
+    }
+    return hint;
+}
+
+uint64_t first_damaged_hint(const Subject& subject) {
+    iso_track* hint = played_hints(subject);
+    if (hint == nullptr) return 0;
+    // Reading moves the track's cursor, which nothing else uses.
+    HintPackets packets(subject.facts, hint, const_cast<iso_track*>(subject.track));
+    while (!packets.next().empty()) {
+    }
+    return static_cast<uint64_t>(packets.damaged_sample());
 }
 
 // Counts what only the samples from `first` on show, of a track that was played to its end.
@@ -70,11 +99,11 @@ MediaCounts with_samples(const iso_track* track, uint32_t first, MediaCounts cou
         const int got = isoFFreadAt(const_cast<iso_track*>(track), number, 0, sample.data(),
                                     static_cast<unsigned>(sample.size()), nullptr, nullptr);
         const auto bytes = std::span(sample).first(static_cast<size_t>(std::max(got, 0)));
+        const auto from_one = static_cast<uint64_t>(number) + 1;
         if (track->codec == ISO_CODEC_AVC1) {
-            count_h264(bytes, track->nal_length_size, static_cast<uint64_t>(number) + 1, is_judged,
-                       counts);
+            count_h264(bytes, track->nal_length_size, from_one, is_judged, counts);
         } else {
-            count_speech(bytes, band, counts);
+            count_speech(bytes, band, from_one, is_judged, counts);
         }
     }
     return counts;
@@ -84,6 +113,8 @@ MediaCounts with_samples(const iso_track* track, uint32_t first, MediaCounts cou
 bool depends_on_samples(const Subject& subject, const MediaCounts& counts) {
     const iso_track* track = subject.track;
     if (track == nullptr || subject.expected.in_fragments > 0) return false;
+    if (track->codec == ISO_CODEC_MP4V)
+        return subject.api == Api::kClass && counts.bytes > subject.expected.bytes;
     if (subject.kind == MediaKind::kVideo) return track->codec == ISO_CODEC_AVC1;
     return subject.api == Api::kClass || counts.bytes < subject.expected.bytes;
 }
@@ -93,7 +124,12 @@ void count_samples(const Subject& subject, const ChildLimits& limits, TrialResul
     MediaCounts& counts = result.trial.counts;
     if (!result.reached_end() || !depends_on_samples(subject, counts)) return;
     const ChildResult counted = run_apart(limits, [&] {
-        const MediaCounts all = with_samples(subject.track, subject.skipped, counts);
+        MediaCounts all = counts;
+        if (subject.track->codec == ISO_CODEC_MP4V) {
+            all.damaged_hint = first_damaged_hint(subject);
+        } else {
+            all = with_samples(subject.track, subject.skipped, counts);
+        }
         return std::string(reinterpret_cast<const char*>(&all), sizeof all);
     });
     result.end = counted.end;
@@ -134,12 +170,7 @@ uint32_t first_sample(const iso_track* media, const iso_track* hint, uint32_t hi
 
 // Expects what comes from a frame of the class API on, from 1.
 void expect_from(Subject& subject, uint32_t frame) {
-    const iso_track* hint = nullptr;
-    for (const iso_track* track = subject.facts.file->first_track; track != nullptr;
-         track = track->next) {
-        const bool hints = is_hint(track) && track->hint_track_ref == subject.track->track_id;
-        if (hints) hint = track;  // the last is played
-    }
+    const iso_track* hint = played_hints(subject);
     if (hint == nullptr) return;
     Expected& expected = subject.expected;
     const uint64_t most =
@@ -181,10 +212,20 @@ bool has_misplaced_speech(const Subject& subject, const MediaCounts& counts) {
                                          : counts.uneven_samples > 0;
 }
 
+// Whether hint samples give more than the samples have. Those of MPEG-4 may repeat its
+// configuration, and those of speech may have frames without data.
+bool has_too_much(const Subject& subject, const MediaCounts& counts) {
+    const bool is_known = subject.api == Api::kClass && subject.track != nullptr &&
+                          subject.expected.in_fragments == 0 && subject.skipped == 0;
+    return is_known && counts.bytes - counts.empty_frames > subject.expected.bytes &&
+           (subject.codec() != ISO_CODEC_MP4V || counts.damaged_hint > 0);
+}
+
 bool plays(const Subject& subject, const TrialResult& result) {
     const MediaCounts& counts = result.trial.counts;
     return result.reached_end() && counts.bytes > 0 && counts.implausible == 0 &&
-           is_all(subject, counts) && !has_misplaced_speech(subject, counts);
+           is_all(subject, counts) && !has_misplaced_speech(subject, counts) &&
+           !has_too_much(subject, counts);
 }
 
 // --- the reason ---
@@ -226,6 +267,7 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
     }
     if (counts.implausible > 0 || has_misplaced_speech(subject, counts))
         return Reason::kImplausible;
+    if (has_too_much(subject, counts)) return Reason::kDamaged;
     return subject.expected.in_fragments > 0 ? Reason::kFragmented : Reason::kIncomplete;
 }
 
@@ -309,6 +351,12 @@ std::string why_damaged(const Subject& subject, const Verdict& verdict, const Tr
         return "The reader ended by signal " + std::to_string(result.signal) + ".";
     }
     if (!verdict.opens) return "A box or table that playing needs is missing or damaged.";
+    const MediaCounts& counts = result.trial.counts;
+    if (verdict.status == KST_SUCCESS && has_too_much(subject, counts)) {
+        return "It delivers " +
+               show_count(counts.bytes - counts.empty_frames - subject.expected.bytes) +
+               " bytes more than its samples have: a hint sample is damaged.";
+    }
     if (verdict.status == KST_SUCCESS) {
         return subject.track != nullptr && subject.expected.pictures == 0
                    ? "It opens, but its track has no samples."
@@ -366,9 +414,9 @@ std::string quoted(const std::string& text) {
 // Whether the result of a command plays what its input should.
 FixFinder::IsFixed plays_of(const Subject& subject, const ChildLimits& limits) {
     return [&](const TrialResult& fixed, bool is_salvage) {
-        if (is_salvage) return fixed.reached_end() && fixed.trial.counts.implausible == 0;
         TrialResult whole = fixed;
         count_samples(subject, limits, whole);
+        if (is_salvage) return whole.reached_end() && whole.trial.counts.implausible == 0;
         return plays(subject, whole);
     };
 }
@@ -401,6 +449,8 @@ const char* Verdict::outcome() const {
         return "plays at wrong times";
     const bool ended = reason == Reason::kIncomplete && frames > 0 && status == KST_SUCCESS;
     if (ended || !amount.empty()) return "plays in part";
+    if (reason == Reason::kDamaged && frames > 0 && status == KST_SUCCESS)
+        return "gives wrong media";
     if (frames > 0) return "stops before its end";
     return opens && status == KST_SUCCESS ? "gives no frame" : "does not play";
 }
