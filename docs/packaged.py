@@ -15,10 +15,10 @@ import shutil
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-DOCUMENTS = ("README.md", "SECURITY.md", "docs/index.md", "docs/native-format.md", "docs/report.md",
-             "docs/at-scale.md")
+DOCUMENTS = ("README.md", "SECURITY.md", "CHANGELOG.md", "docs/index.md", "docs/native-format.md",
+             "docs/report.md", "docs/at-scale.md")
 # Made by others into the same folder.
-BESIDE = ("changelog.gz", "copyright", "html/index.html")
+BESIDE = ("copyright", "html/index.html")
 
 
 def packaged(text):

@@ -21,18 +21,19 @@ static int32_t open_arriving(mm_Interface** handle, kst_host* host, const char* 
     }
 }
 
-/* A first video frame that has not arrived is a failure without a byte. */
-static bool is_not_yet(int32_t status, uint32_t size) {
-    return status == KST_NOT_YET || (status == KST_FAILURE && size == 0);
+/* A first video frame that has not arrived is a failure without a byte; it is in the second chunk.
+ */
+static bool is_not_yet(int32_t status, uint32_t size, int delivered) {
+    return status == KST_NOT_YET || (status == KST_FAILURE && size == 0 && delivered < 2);
 }
 
 static int32_t read_arriving(mm_Interface* handle, kst_host* host, unsigned char* chunk,
-                             uint32_t room, uint32_t* size) {
+                             uint32_t room, uint32_t* size, int delivered) {
     for (;;) {
         const int complete = kst_host_is_complete(host);
         *size = room;
         const int32_t status = kst_ReadChunk(handle, chunk, size, kst_host_is_arriving(host));
-        if (!is_not_yet(status, *size)) return status;
+        if (!is_not_yet(status, *size, delivered)) return status;
         if (kst_host_failed(host) != 0) return KST_IO_FAILURE;
         if (complete) return status;
         if (kst_host_wait(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
@@ -51,10 +52,14 @@ int main(int argc, char** argv) {
     int32_t status = open_arriving(&handle, host, argv[1]);
     uint32_t room = KST_LARGEST_CHUNK;
     unsigned char* chunk = malloc(room);
+    int delivered = 0; /* chunks, counted up to 2 */
     while (status == KST_SUCCESS && chunk != NULL) {
         uint32_t size = 0;
-        status = read_arriving(handle, host, chunk, room, &size);
-        if (status == KST_SUCCESS) fwrite(chunk, 1, size, stdout);
+        status = read_arriving(handle, host, chunk, room, &size, delivered);
+        if (status == KST_SUCCESS) {
+            fwrite(chunk, 1, size, stdout);
+            delivered += delivered < 2;
+        }
         if (status != KST_BAD_ARGUMENT || size <= room) continue;
         free(chunk); /* too small for a large frame */
         chunk = malloc(room = size);

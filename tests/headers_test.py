@@ -38,12 +38,13 @@ AROUND = {
             unsigned char buffer[KST_LARGEST_CHUNK];
             int32_t status;
             int result;
+            kst_pack_stream about;
+            about.struct_size = sizeof about;
             %s
             return status == KST_END_OF_FILE ? result : -1;
         }""",
     "probe.h": C_PLAYER + """
         #include <kestrel/hosts.h>
-        #include <kestrel/status.h>
         void look(kst_host* host) { %s }""",
     "kestrel.h": C_PLAYER + """
         void consume(const unsigned char*, uint32_t);

@@ -266,7 +266,8 @@ TEST(Importer, MissesTheRestOfAFragment) {
 }
 
 // The file with other sizes in the header of one box, for each box from `begin` to `end`: the box
-// covers the next one, a part of it or all to the end, or ends before its last child.
+// covers the next one, a part of it or all to the end, or ends before its last child, or it is
+// gone.
 std::vector<Bytes> with_damaged_sizes(const Bytes& file, size_t begin, size_t end) {
     const std::set<std::string> containers = {"moov", "trak", "edts", "mdia", "minf",
                                               "stbl", "mvex", "moof", "traf"};
@@ -283,6 +284,11 @@ std::vector<Bytes> with_damaged_sizes(const Bytes& file, size_t begin, size_t en
         for (const uint32_t more : {8U, 16U, 0x1000'0000U, next < end ? size_at(next) : 0})
             damage(at, size_at(at) + more);
         damage(at, 0);
+        const bool is_media = file[at + 4] == 'm' && file[at + 7] == 't';
+        for (const std::ptrdiff_t length : {8, is_media ? 8 : 16}) {  // zeros instead of a header
+            all.push_back(file);
+            std::fill_n(all.back().begin() + static_cast<std::ptrdiff_t>(at), length, uint8_t{0});
+        }
         if (!containers.contains(std::string(file.begin() + static_cast<std::ptrdiff_t>(at) + 4,
                                              file.begin() + static_cast<std::ptrdiff_t>(at) + 8)))
             continue;
@@ -337,6 +343,8 @@ TEST(Importer, SaysWhatIsWrong) {
         {renamed(plain, "mdhd", "free"), "has no mdhd"},
         {renamed(plain, "stsd", "free"), "has no stsd"},
         {renamed(plain, "stts", "free"), "no times"},
+        {renamed(renamed(renamed(plain, "stsz", "free"), "stts", "free"), "stss", "free"),
+         "has no table of sample sizes"},
         {renamed(plain, "stco", "free"), "no chunks"},
         {renamed(plain, "stss", "stts"), "second of its kind in stbl"},
         {with(plain, "mdia", -8, be32(1u << 20)), "child at offset"},

@@ -94,7 +94,7 @@ std::vector<Bytes> damaged_copies(const Bytes& file, std::string_view type, int 
 // What comes out of a file whose tables are damaged is whole where the probe has no reason against
 // it, and only there.
 TEST(Probe, SeesDamagedTables) {
-    const char* const tables[] = {"stsc", "stts", "stsz", "stco", "ctts", "stss", "rtp "};
+    const char* const tables[] = {"stsc", "stts", "stsz", "stco", "ctts", "stss", "rtp ", "avcC"};
     int refused = 0, played_on = 0;
     for (const Medium& medium : {Medium{"amrnb_hinted.3gp", "ar"},
                                  {"h263_hinted.3gp", "vr"},
@@ -106,7 +106,7 @@ TEST(Probe, SeesDamagedTables) {
         Played whole[2];
         for (const Api api : {Api::kFunction, Api::kClass})
             whole[api == Api::kClass] = play(file, medium.mode, {.api = api});
-        for (int which = 0; which < 2 * 7; ++which) {
+        for (int which = 0; which < 2 * 8; ++which) {
             const auto copies = damaged_copies(file, tables[which / 2], which % 2);
             for (size_t damage = 0; damage < copies.size(); ++damage) {
                 const Probe probe = probe_of(copies[damage]);
@@ -244,6 +244,8 @@ TEST(Probe, PrintsAndLogsNothingWhateverTheFile) {
 }
 
 TEST(Probe, RefusesWhatItCannotUse) {
+    EXPECT_STREQ(judge(probe_of(text("no boxes at all")), Api::kFunction, KST_MEDIUM_VIDEO).why,
+                 "This is no 3GP file: it has neither a file type nor a movie box.");
     kst_probe* probe = nullptr;
     EXPECT_EQ(kst_probe_open(&probe, nullptr), KST_BAD_ARGUMENT);
     const Bytes file = read_sample("amrnb_plain.3gp");

@@ -93,6 +93,19 @@ bool covers_none(Import& import, std::uint32_t container, const Box& box, std::u
     return !hidden || import.covers(box, *hidden);
 }
 
+// Whether a child is a box, or zeros up to its end. A header of zeros before other bytes is that of
+// a box which is not found, and whose size may be that of all boxes after it.
+bool is_box_or_padding(Import& import, std::uint32_t container, const Box& box) {
+    if (box.type != 0) return true;
+    BoxReader bytes(import.source, box);
+    bool zeros = true;
+    while (zeros && bytes.left() > 0 && !bytes.failed())
+        zeros = bytes.u8() == 0;
+    if (bytes.failed()) return import.fail("");
+    const std::string place = "there is no box at offset " + std::to_string(box.offset);
+    return zeros || import.lacks_box(container, place + ", inside " + type_text(container));
+}
+
 // Returns the end of the last sample of the movie box in the file.
 std::uint64_t end_of_movie_samples(const Movie& movie) {
     std::uint64_t end = 0;
@@ -106,7 +119,7 @@ std::uint64_t end_of_movie_samples(const Movie& movie) {
 }  // namespace
 
 bool check_child(Import& import, std::uint32_t container, const Box& box) {
-    return is_in_place(import, container, box) &&
+    return is_box_or_padding(import, container, box) && is_in_place(import, container, box) &&
            covers_none(import, container, box, box.body, box.end);
 }
 

@@ -53,6 +53,7 @@ struct TrackImport {
     std::uint64_t start = 0;             // of the first sample
     std::uint64_t end = 0;               // of the last sample
     std::uint64_t next = 0;              // where the next run begins without a tfdt
+    bool lacks_sizes = false;            // there is no stsz or stz2 for its samples
     std::uint32_t fragments = 0;         // with samples of the track
     std::uint64_t fragments_begin = 0;   // time of the first of them
     std::uint32_t gaps_seen = 0;         // of Import::sequence_gaps

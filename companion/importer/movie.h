@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/bytes.h"
+#include "common/frame_limit.h"
 #include "common/movie_defaults.h"
 #include "kestrel/stream.h"
 
@@ -106,7 +107,7 @@ struct Movie {
 };
 
 // Limit of the samples of a file; more are refused.
-inline constexpr std::uint32_t kMaxSamples = 1 << 24;
+inline constexpr std::uint32_t kMaxSamples = kMaxTrackSamples;
 
 struct Options {
     // Keeps the samples that are whole when the file is truncated or fragments are missing: of each

@@ -91,6 +91,18 @@ constexpr BoxHandler<Import> kExtensionBoxes[] = {
     {fourcc("trex"), read_track_defaults},
 };
 
+// Without fragments, the samples of a track are those of its table of sizes, also where it has
+// none.
+bool has_all_sizes(Import& import) {
+    if (import.movie.fragmented || import.announces_fragments) return true;
+    for (std::size_t i = 0; i < import.tracks.size(); ++i) {
+        if (!import.tracks[i].lacks_sizes) continue;
+        const std::string track = "track " + std::to_string(import.movie.tracks[i].id);
+        if (!import.lacks(track + " has no table of sample sizes (stsz)")) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool read_brands(Import& import, const Box& box) {
@@ -115,6 +127,7 @@ bool read_movie_box(Import& import, const Box& box) {
     if (movie.tracks.empty()) return import.fail(box, "has no track");
     if (!read_movie_header(import, *boxes.header) || !import.index_tracks()) return false;
     import.announces_fragments = !boxes.extensions.empty();
+    if (!has_all_sizes(import)) return false;
     for (const Box& extension : boxes.extensions) {
         const BoxReader reader(import.source, extension);
         if (!read_boxes<Import>(import, extension, reader, kExtensionBoxes, import)) return false;

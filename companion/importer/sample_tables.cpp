@@ -204,6 +204,7 @@ bool find_description(Import& import, const Box& box, std::uint32_t number, cons
 }
 
 bool read_samples(Import& import, const SampleTables& tables, Track& track, TrackImport& state) {
+    state.lacks_sizes = !tables.sizes;
     SoundUnits units;
     if (!find_sound_units(import, tables, track, state, units)) return false;
     Target to{track, state};

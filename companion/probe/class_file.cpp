@@ -8,6 +8,7 @@
 #include "boxes/sample_tables.h"
 #include "boxes/simple3gp.h"
 #include "boxes/track_boxes.h"
+#include "common/frame_limit.h"
 #include "common/simple_exception.h"
 #include "kestrel/c3gpinterface.h"
 
@@ -56,16 +57,15 @@ bool has_all_tables(const Qvox3gp::TrakBox& trak) {
            tables->GetStsz() && tables->GetStsc() && tables->GetStco();
 }
 
-// Whether opening takes memory in proportion to samples that are no more than a number in a box. It
-// refuses those that exceed the file.
-bool has_countless_samples(const Qvox3gp::MoovBox* moov, uint64_t file_size) {
+// Whether a track has more than `most` samples that are no more than a number in a box. Opening
+// takes memory for each, and refuses those that exceed the file.
+bool has_countless_samples(const Qvox3gp::MoovBox* moov, uint64_t file_size, uint32_t most) {
     if (moov == nullptr) return false;
     const auto& traks = moov->GetTraks();
     return std::any_of(traks.begin(), traks.end(), [&](const auto* trak) {
         const auto* tables = tables_of(*trak);
         const auto* stsz = tables != nullptr ? tables->GetStsz() : nullptr;
-        return stsz != nullptr && stsz->GetSampleSize() > 0 &&
-               stsz->GetSampleCount() > kMaxOpened &&
+        return stsz != nullptr && stsz->GetSampleSize() > 0 && stsz->GetSampleCount() > most &&
                uint64_t{stsz->GetSampleSize()} * stsz->GetSampleCount() <= file_size;
     });
 }
@@ -92,8 +92,11 @@ ClassFile& ClassFile::operator=(ClassFile&&) noexcept = default;
 ClassFile::~ClassFile() = default;
 
 int32_t ClassFile::open(MediaKind kind) const {
-    if (has_countless_samples(boxes_->GetMoov(), boxes_->GetFileSizeRead()))
-        return track(kind) ? KST_SUCCESS : KST_NO_HINT_TRACK;
+    const auto has_over = [&](uint32_t samples) {
+        return has_countless_samples(boxes_->GetMoov(), boxes_->GetFileSizeRead(), samples);
+    };
+    if (has_over(kMaxTrackSamples)) return KST_CORRUPT;
+    if (has_over(kMaxOpened)) return track(kind) ? KST_SUCCESS : KST_NO_HINT_TRACK;
     C3gpInterface player;
     stream_->Seek(stream_->Context, 0);
     const auto status =

@@ -328,6 +328,12 @@ const TrackBoxes* FileScan::track(uint32_t id) const {
     return found == tracks.end() ? nullptr : &*found;
 }
 
+bool FileScan::may_be_3gp() const {
+    constexpr std::string_view kFirst[] = {"mdat", "free", "skip", "wide", "moof",
+                                           "styp", "sidx", "pdin", "uuid"};
+    return is_3gp() || (!boxes.empty() && std::ranges::count(kFirst, boxes.front().type) > 0);
+}
+
 FileScan scan_file(KST_IOSTREAM_CALLBACK_INTERFACE* stream) {
     return Scanner(stream).run();
 }

@@ -56,6 +56,8 @@ struct FileScan {
     bool has_open_sizes = false;   // a box of the top level runs to the end of the file
 
     bool is_3gp() const { return has_file_type || has_movie; }
+    // A 3GP file, or the first bytes of one.
+    bool may_be_3gp() const;
     const TrackBoxes* track(uint32_t id) const;
 };
 

@@ -104,7 +104,9 @@ bool plays_codec(Api api, int32_t codec) {
 // with that ID; the class API takes tracks by their handlers, and of those with one ID the last.
 const iso_track* track_for(const iso_file* file, Api api, MediaKind kind) {
     const auto takes = [&](const iso_track* track) {
-        if (api == Api::kFunction) return is_of(track, kind) && plays_codec(api, track->codec);
+        if (api == Api::kFunction) {
+            return is_of(track, kind) && plays_codec(api, track->codec) && has_configuration(track);
+        }
         return std::strcmp(track->handler, handler_of(kind)) == 0;
     };
     const iso_track* last = nullptr;
@@ -118,6 +120,10 @@ const iso_track* track_for(const iso_file* file, Api api, MediaKind kind) {
     return find_track(file->first_track, [&](auto* track) {
         return takes(track) && track->track_id == last->track_id;
     });
+}
+
+bool has_configuration(const iso_track* track) {
+    return track->own->has_bad_config == 0;
 }
 
 const iso_track* hint_track_of(const iso_file* file, const iso_track* media) {

@@ -36,6 +36,10 @@ const char* codec_name(int32_t codec);
 // Of a track: that of the object type of a sample entry `mp4a`, where it is not AAC.
 const char* codec_name(const iso_track* track);
 
+// Whether the reader could read the decoder configuration, without which the function API takes no
+// H.264 track.
+bool has_configuration(const iso_track* track);
+
 // Returns the track that the API plays, else the first one of the medium; null for none.
 const iso_track* track_for(const iso_file* file, Api api, MediaKind kind);
 

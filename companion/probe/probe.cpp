@@ -50,8 +50,8 @@ void add_fix(const Subject& subject, Judgement& judgement) {
         judgement.fix += option;
     };
     if (has_hints(facts.file.get())) add(KST_HINT_REPLACE, " --replace");
-    if (judgement.reason == Reason::kIncomplete || !facts.imported.missing.empty())
-        add(KST_HINT_SALVAGE, " --salvage");
+    const bool is_cut = judgement.reason == Reason::kIncomplete && lacks_media(subject);
+    if (is_cut || !facts.imported.missing.empty()) add(KST_HINT_SALVAGE, " --salvage");
     judgement.fix += " -o OUT";
 }
 

@@ -76,7 +76,7 @@ std::string why_incomplete(const Subject& subject) {
     if (!missing.empty()) return "The file is cut: " + missing + ".";
     if (lacks_samples(subject))
         return "The file is incomplete: " + subject.facts.imported.missing + ".";
-    return subject.track == nullptr || !is_whole(subject.track, subject.facts.scan.file_size)
+    return lacks_media(subject)
                ? "The file ends before its " + std::string(word(subject.kind)) +
                      " does: get the whole file."
                : "The " + std::string(word(subject.kind)) + " is whole, but its RTP hints are not.";
@@ -167,6 +167,11 @@ bool lacks_samples(const Subject& subject) {
            (subject.imported != nullptr && subject.imported->missing > 0);
 }
 
+bool lacks_media(const Subject& subject) {
+    return !missing_bytes(subject.facts.scan).empty() || lacks_samples(subject) ||
+           subject.track == nullptr || !is_whole(subject.track, subject.facts.scan.file_size);
+}
+
 bool lacks_data(const Subject& subject, int64_t status) {
     if (status == KST_NOT_YET) return true;
     if (subject.track == nullptr) return false;
@@ -190,6 +195,7 @@ Reason reason_by_tables(const Subject& subject, const ClassFile& opened) {
     if (status != KST_SUCCESS || (!is_class && subject.track == nullptr))
         return has_odd_sizes(subject.facts) ? Reason::kLargeBox : Reason::kDamaged;
     if (!is_class) {
+        if (!has_configuration(subject.track)) return Reason::kDamaged;
         const iso_track* hint = hints_for(subject);
         return reason_of_places(subject, places_of(subject.track),
                                 hint != nullptr ? places_of(hint) : SamplePlaces{});
@@ -238,6 +244,8 @@ std::string show_count(uint64_t count) {
 }
 
 std::string why_no_tracks(const FileFacts& facts) {
+    if (!facts.scan.may_be_3gp())
+        return "This is no 3GP file: it has neither a file type nor a movie box.";
     if (!facts.scan.has_movie) {
         const std::string missing = missing_bytes(facts.scan);
         return (missing.empty() ? "The file has no movie box, which lists the tracks"

@@ -80,6 +80,9 @@ bool is_whole(const iso_track* track, uint32_t size);
 // Whether the file does not have all samples that its fragments declare, or lacks fragments.
 bool lacks_samples(const Subject& subject);
 
+// Whether the file lacks samples of the track, or its end: more than hints is missing.
+bool lacks_media(const Subject& subject);
+
 // True when data that the tables place after the end of the file is missing.
 bool lacks_data(const Subject& subject, int64_t status);
 

@@ -29,6 +29,7 @@ void set_largest(SamplePlaces& places, const SampleSizes& sizes) {
 // Returns the number of the last placed sample of at least `least` bytes, from 1; 0 for none.
 uint64_t last_of(const SamplePlaces& places, const SampleSizes& sizes, uint32_t least) {
     uint64_t sample = places.placed;
+    if (sizes.of_each == nullptr) return sizes.of_all < least ? 0 : sample;
     while (sample > 0 && sizes.at(sample - 1) < least)
         --sample;
     return sample;

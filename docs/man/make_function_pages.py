@@ -27,7 +27,7 @@ def run_doxygen(folder, documents):
 OUTPUT_DIRECTORY = {folder}
 GENERATE_XML     = NO
 INPUT            = {ROOT / 'include' / 'kestrel'} {documents / 'README.md'} {documents / 'SECURITY.md'} \\
-                   {documents / 'docs'} {documents / 'examples'}
+                   {documents / 'CHANGELOG.md'} {documents / 'docs'} {documents / 'examples'}
 USE_MDFILE_AS_MAINPAGE = {documents / 'docs' / 'index.md'}
 STRIP_FROM_PATH  = {ROOT / 'include'} {ROOT} {documents}
 """
@@ -62,7 +62,7 @@ def lead_beside(html, documents):
         return f"{match[1]}../{folder}{link}"
 
     for page in html.glob("*.html"):
-        page.write_text(re.sub(r'((?:href|src)=")([^"#:?]+)', found, page.read_text()))
+        page.write_text(re.sub(r'((?:href|src)=")([^"#:?]+)(?=["#?])', found, page.read_text()))
 
 
 def functions(header):

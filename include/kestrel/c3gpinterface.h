@@ -55,13 +55,13 @@ struct _TAG_KST_SEEK_PARAMS {
 enum KST_SEEK_FLAGS : uint32_t {
     KST_SEEK_RELATIVE = 0x10000,  // nTime is added to the time of the next frame; may be negative
     KST_SEEK_ABSOLUTE = 0x20000,  // nTime counts from the beginning
-    // The sync sample that is chosen. The target is the sample that is shown at the target time. In
-    // a track without a table of sync samples every sample is one. A target after the last sync
-    // sample gets the last.
+    // The sync sample that is chosen. The target is the sample in whose decoding time the target
+    // time lies; composition offsets do not count. In a track without a table of sync samples every
+    // sample is one. A target after the last sync sample gets the last.
     KST_SEEK_NEXT_SYNC = 1,      // the one at or after the target
     KST_SEEK_PREVIOUS_SYNC = 2,  // the one at or before the target
-    // The one at the target; else, of its two neighbours, the one that is farther away, as the
-    // platform defines it, and at equal distance the earlier one.
+    // The one at the target. Else, of the sync samples before and after it, the one that is farther
+    // away (the platform's rule, in spite of the name), and at equal distance the earlier one.
     KST_SEEK_NEAREST_SYNC = 4
 };
 
@@ -160,7 +160,7 @@ class KESTREL_API C3gpInterface {
     // - KST_TOO_MANY_TRACKS: several tracks of the medium.
     // - KST_NO_HINT_TRACK: no hint track refers to the track.
     // - KST_UNKNOWN_CODER: video that is neither H.263 nor MPEG-4 Visual.
-    // - KST_NO_MEMORY.
+    // - KST_NO_MEMORY, also for over 16,777,216 samples in a table with one size for all.
     // - KST_FAILURE: a slot answered not-yet; audio that is not AMR narrow band; anything else.
     //
     // A file that arrives can be opened when GetStreamSize answers its length, and these have

@@ -6,7 +6,10 @@
  * The source is an ISO base media file (ISO/IEC 14496-12) of any form in use, including movie
  * fragments, or a QuickTime file. The result is a plain 3GP file: the movie box, then media and
  * hint samples, interleaved by at most a second. Its tracks have the samples of the source with
- * their sizes, times, composition offsets and sync samples; otherwise the call fails.
+ * their sizes, times, composition offsets and sync samples; otherwise the call fails. Fragments
+ * that are missing at the end are found by what counts them: durations, segment indexes and `mfra`.
+ * A fragmented file without any of these that was cut between two fragments is a whole, shorter
+ * file. Lines about a malformed source are written to standard error, as by kst_Open.
  *
  *     kst_hint_report report;
  *     report.struct_size = sizeof report;

@@ -22,16 +22,16 @@
  *         const int complete = kst_host_is_complete(host);
  *         *size = room;
  *         const int32_t status = kst_ReadChunk(handle, chunk, size, kst_host_is_arriving(host));
- *         if (!is_not_yet(status, *size)) return status;
+ *         if (!is_not_yet(status, *size, delivered)) return status;
  *         if (kst_host_failed(host) != 0) return KST_IO_FAILURE;
  *         if (complete) return status;
  *         if (kst_host_wait(host) == KST_HOST_FAULT) return KST_IO_FAILURE;
  *     }
  *
- * where is_not_yet() is true for KST_NOT_YET, and for KST_FAILURE with a size of 0, which is what a
- * first video frame that has not arrived is answered with. "Complete?" is asked before the call, so
- * that the bytes which make a stream complete are read once more, also where another thread brings
- * them to a host of your own.
+ * where is_not_yet() is true for KST_NOT_YET, and for KST_FAILURE with a size of 0 as long as at
+ * most one chunk was delivered: the second chunk of a video has its first frame, and that is the
+ * answer while the frame has not arrived. Later it is final. "Complete?" is asked before the call:
+ * bytes that arrive between the two, from another thread, are then read by one more call.
  */
 #ifndef KESTREL_HOSTS_H
 #define KESTREL_HOSTS_H
@@ -40,6 +40,7 @@
 #include <stdint.h>
 
 #include "kestrel/api.h"
+#include "kestrel/status.h"
 #include "kestrel/stream.h"
 
 #ifdef __cplusplus

@@ -102,17 +102,19 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
  * | KST_NOT_YET             | 0                       | no        | when more has arrived    |
  * | KST_BAD_ARGUMENT        | room that is needed     | no        | with that room           |
  * | KST_BAD_ARGUMENT        | as before               | no        | not with a null argument |
- * | KST_FAILURE             | 0                       | no        | while the file arrives   |
+ * | KST_FAILURE             | 0                       | no        | for the first frame, (1) |
  * | KST_FAILURE             | bytes of the chunk      | yes       | for the next chunk       |
  * | KST_CODEC_RECORD_FAILED | 0                       | no        | no                       |
  * | KST_BAD_HANDLE          | as before               | no        | not with a null handle   |
  *
+ * (1) while the file arrives: the second chunk of a video. Later it is final.
+ *
  * Where nothing was delivered nothing was consumed: the next call delivers the same chunk. What was
  * delivered before stays good.
  *
- * - KST_NOT_YET: a read was not served. A host that failed for good is answered so for ever, and a
- *   file that was cut short, except for a video with a hint track: ask the host whether more can
- *   come.
+ * - KST_NOT_YET: a read was not served. Every call returns it for a host that failed for good. For
+ *   a file that was cut short every call returns it too, or KST_FAILURE for a video with a hint
+ *   track. Ask the host whether more can come.
  * - KST_FAILURE with a size of 0: the track cannot be read on, as a video with a hint track at the
  *   end of a file that was cut short; or the data of the first frame of a video has not arrived.
  * - KST_FAILURE with another size: the host refused the Seek or AdvanceRead after the frame.

@@ -12,10 +12,14 @@
  *         uint32_t size = sizeof buffer;
  *         status = kst_ReadChunk(handle, buffer, &size, false);
  *         if (status != KST_SUCCESS) break;  // KST_END_OF_FILE after the last chunk
- *         if (kst_packer_feed(packer, 0, buffer, size) > KST_PACK_CUT) break;  // write says why
+ *         if (kst_packer_feed(packer, 0, buffer, size) > KST_PACK_CUT) break;  // write reports why
  *     }
  *     result = kst_packer_write(packer, kst_host_callbacks(file), NULL);
+ *     if (result == KST_PACK_CUT) kst_packer_describe(packer, 0, &about);  // about.damage is why
  *     kst_packer_close(packer);
+ *
+ * where `buffer` has KST_LARGEST_CHUNK bytes; kst_ReadChunk returns KST_BAD_ARGUMENT for a frame
+ * that needs more (kestrel/kestrel.h).
  */
 #ifndef KESTREL_PACKER_H
 #define KESTREL_PACKER_H
@@ -38,7 +42,9 @@ enum {
     KST_PACK_DONE = 0,
     /* A stream is damaged or ends inside a frame or before the last frame that its header records
      * declare, it has frames that cannot be of its codec, or a frame twice, or packets of it are
-     * missing or could not be joined. All that is whole before the damage is in the file. */
+     * missing or could not be joined. All that is whole before the damage is in the file.
+     * kst_packer_describe, after kst_packer_write, has the reason of each stream. Speech may lack
+     * the few frames that its records cannot show (docs/native-format.md). */
     KST_PACK_CUT = 1,
     KST_PACK_BAD_ARGUMENT = 2,
     KST_PACK_NO_MEMORY = 3,
@@ -50,8 +56,10 @@ enum {
 
 /* Flags of kst_pack_options. */
 enum {
-    /* Add an RTP hint track for each stream, which describes the packets that the stream has. The
-     * speech frames of the function API get a packet each. */
+    /* Add an RTP hint track for each stream, which describes the packets that the stream has. Their
+     * payloads are kept, but for AU header sections (RFC 3640) whose fields the stream does not
+     * show; sequence numbers begin at 0. The speech frames of the function API get a packet each.
+     */
     KST_PACK_HINT = 1
 };
 
@@ -102,8 +110,9 @@ KESTREL_API kst_packer* kst_packer_open(const kst_pack_options* options);
  * which all later calls of kst_packer_feed and kst_packer_write for the packer then return. */
 KESTREL_API int kst_packer_feed(kst_packer* packer, uint32_t stream, const void* data, size_t size);
 
-/* Describes a stream in `about`. Returns KST_PACK_DONE, or KST_PACK_BAD_ARGUMENT for a stream that
- * was never fed. */
+/* Describes a stream in `about`. After kst_packer_write too, and only then complete: that a stream
+ * is shorter than declared shows at its end. Returns KST_PACK_DONE, or KST_PACK_BAD_ARGUMENT for a
+ * stream that was never fed. */
 KESTREL_API int kst_packer_describe(const kst_packer* packer, uint32_t stream,
                                     kst_pack_stream* about);
 

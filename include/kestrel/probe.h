@@ -27,6 +27,7 @@
 #include <stdint.h>
 
 #include "kestrel/api.h"
+#include "kestrel/status.h"
 #include "kestrel/stream.h"
 
 #ifdef __cplusplus
@@ -97,14 +98,17 @@ typedef struct kst_probe_verdict {
 /* Looks at the file that `stream` serves, which must be there as a whole, and stores a probe
  * through `out`. The stream is read during this call alone, with Seek, SeekNRead and IndexRead
  * among others, and stands at offset 0 afterwards. Memory and time are in proportion to the movie
- * box and, in a file with movie fragments or other odd forms, to the fragment and index boxes and
- * the number of samples.
+ * box, to the other boxes at the top level (256 bytes each), to the samples of a table with one
+ * size for all (8 bytes each, for at most 4,194,304) and, in a file with movie fragments or other
+ * odd forms, to the fragment and index boxes and the number of samples. Time also to the bytes that
+ * belong to no box or sample: zeros at the end, and media that no fragment refers to, are read.
  *
  * Returns:
  *
  * - KST_SUCCESS, also for a file of another kind;
  * - KST_BAD_ARGUMENT: a null pointer or slot;
- * - KST_NO_MEMORY;
+ * - KST_NO_MEMORY. Where memory runs out while boxes are read, the verdicts may be
+ *   KST_PROBE_DAMAGED instead;
  * - KST_NOT_YET: a slot answered not-yet;
  * - KST_IO_FAILURE: a slot failed.
  *

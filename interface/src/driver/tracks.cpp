@@ -8,6 +8,7 @@
 #include "boxes/simple3gp.h"
 #include "boxes/stream_io.h"
 #include "boxes/track_boxes.h"
+#include "common/frame_limit.h"
 #include "interface/src/driver/driver.h"
 
 // Finding the tracks, and storing the tables that playing needs.
@@ -193,6 +194,10 @@ void C3gpInterface::RequireSamplesInFile() {
     if (size == 0 || m_uMediaSamples <= kTrustedSamples) return;
     if (uint64_t{size} * m_uMediaSamples > m_uFileSize) {
         fail(m_uStatus, KST_CORRUPT, here(), "Media samples exceed the file");
+    }
+    if (m_uMediaSamples > kMaxTrackSamples) {
+        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource),
+             "Unable to allocate memory for sample offset table");
     }
 }
 
