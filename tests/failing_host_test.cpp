@@ -104,7 +104,7 @@ class Faults {
 // in between.
 bool Faults::takes(int call) const {
     constexpr int kNear = 5;
-    constexpr int kBetween = 60;
+    constexpr int kBetween = kSanitized ? 12 : 60;
     const auto is_near = [&](int place) { return std::abs(call - place) < kNear; };
     // What is read with the flag has been opened as without it.
     if (flag_ && call < open_calls_) return false;

@@ -20,6 +20,13 @@ enum class Api { kFunction, kClass };
 // cases.
 bool thorough();
 
+// Under the sanitizers, which see a fault at any place of a path, tests take fewer of like cases.
+#ifdef __SANITIZE_ADDRESS__
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 // How a test plays.
 struct Playing {
     Api api = Api::kFunction;
