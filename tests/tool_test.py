@@ -1387,7 +1387,13 @@ class Inspect(ToolTest):
         amplified = bytearray(speech)
         amplified[20:24] = (149).to_bytes(4, "little")
         amplified[52:56] = (2980).to_bytes(4, "little")
+        by_class = self.extract("amrnb_hinted", "ar", "--api", "class")
+        at, end = [r["offset"] for r in self.records(by_class)
+                   if r["record"] == "AUD_AudFrame_Native"][10:12]
+        silent = (24).to_bytes(4, "little") + by_class[at + 4:at + 24]
         for damaged, message, code in [
+                # A packet without a payload, which has its number.
+                (by_class[:at] + silent + by_class[end:], "", 0),
                 (stream[:starts[3]] + stream[starts[5]:], f"{inside} packets are missing", 1),
                 (speech[:frames[100]] + speech[frames[150]:], "50 frames are missing", 1),
                 (bytes(reserved), "1 packet is malformed", 1),

@@ -388,6 +388,9 @@ void NativeWalk::audio_frame() {
         const size_t packets = speech_payloads(shown, payloads, at);
         for (size_t before = packets; before-- > 0;)
             sink_.speech_sequence(static_cast<uint16_t>(header.sequence - before));
+        // A packet without a payload has its number as well; a sample without packets has 0.
+        if (packets == 0 && (header.time != 0 || header.sequence != 0))
+            sink_.speech_sequence(header.sequence);
     } else {
         const uint8_t mode = take(kModeByte, "a frame's mode byte")[0];
         shown.fields.push_back({"mode_byte", uint32_t{mode}});
