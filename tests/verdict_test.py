@@ -313,7 +313,7 @@ class Info(ToolTest):
                 (plain[:8], ["no tracks ", "video: not known: the list of tracks is cut"],
                  ["duration", "no audio", "brand"]),
                 (plain[:60], ["lost tracks  unknown:"], ["duration", "no audio"]),
-                (mp3, ["track 1      MP3,", "does not play MP3;"], ["AAC"]),
+                (mp3, ["track 1      MPEG audio,", "does not play MPEG audio;"], ["AAC"]),
                 (load("mpeg4_b_hinted"), ["MPEG-4 Visual, Advanced Simple profile, level 1,"], []),
                 (fragmented, ["2.000 s, 30 samples in a form", "fix these 4: kestrel hint"],
                  ["fix it", "hint tracks are required)\n" * 2])]:

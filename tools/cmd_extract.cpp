@@ -329,8 +329,10 @@ void add_api_options(CLI::App* command, const std::shared_ptr<Options>& options)
     add_choice<Sync>(
         command, "--sync", options->sync,
         {{"next", Sync::kNext}, {"previous", Sync::kPrevious}, {"nearest", Sync::kNearest}},
-        "Which sync sample is near MS: next is the one at or after the sample that is shown at MS, "
-        "or else the last one, previous the one at or before it; nearest is, despite its name, the "
+        "Which sync sample is near MS: next is the one at or after the sample in whose decoding "
+        "time "
+        "MS lies, or else the last one, previous the one at or before it; nearest is, despite its "
+        "name, the "
         "farther of these two (the platform's rule). The time that is printed is rounded down")
         ->default_str("previous")
         ->needs(from);

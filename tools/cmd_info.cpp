@@ -109,7 +109,8 @@ Json describe_file(const FileFacts& facts) {
     Json out{{"major_brand", printable(file->major_brand)},
              {"minor_version", file->minor_version},
              {"compatible_brands", brands_of(file)}};
-    if (facts.scan.has_movie_header) {
+    // The reader has a timescale also where no header declares one.
+    if (file->own->edit_timescale != 0 || facts.imported.timescale != 0) {
         const Duration duration = duration_of(facts);
         out["timescale"] = duration.timescale;
         out["duration"] = duration.units;
@@ -137,10 +138,10 @@ std::string visual_profile(unsigned indication) {
         unsigned level;  // of the first
     };
     static constexpr Profile kProfiles[] = {
-        {0x01, 0x03, "Simple", 1},          {0x04, 0x04, "Simple", 4}, {0x05, 0x06, "Simple", 5},
-        {0x08, 0x08, "Simple", 0},          {0x21, 0x22, "Core", 1},   {0x32, 0x34, "Main", 2},
-        {0xF0, 0xF5, "Advanced Simple", 0},
+        {0x01, 0x03, "Simple", 1}, {0x05, 0x06, "Simple", 5}, {0x08, 0x08, "Simple", 0},
+        {0x21, 0x22, "Core", 1},   {0x32, 0x34, "Main", 2},   {0xF0, 0xF5, "Advanced Simple", 0},
     };
+    if (indication == 0x04) return "Simple profile, level 4a";
     for (const Profile& profile : kProfiles) {
         if (indication < profile.first || indication > profile.last) continue;
         return std::string(profile.name) + " profile, level " +

@@ -205,8 +205,6 @@ class Scanner {
     // Stores facts of the movie's and its tracks' boxes.
     void note(const Container& parent, const Header& header, uint64_t at, uint64_t end) {
         scan_.announces_fragments |= parent.type == "moov" && header.type == "mvex";
-        scan_.has_movie_header |=
-            parent.type == "moov" && header.type == "mvhd" && end - at == header.size;
         if (parent.type == "moov" && header.type == "trak") {
             // Further tracks are read into one that is not kept.
             if (scan_.tracks.size() < kMaxScannedTracks) {

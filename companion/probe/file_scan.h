@@ -50,7 +50,6 @@ struct FileScan {
     bool has_file_type = false;
     bool announces_fragments = false;  // `mvex`, `sidx` or `mfra`
     bool has_movie = false;
-    bool has_movie_header = false;  // whole
     bool movie_is_cut = false;  // a movie box ends early, or a box in it declares more than is left
     bool has_large_sizes = false;  // a box declares its size with 64 bits
     bool has_open_sizes = false;   // a box of the top level runs to the end of the file

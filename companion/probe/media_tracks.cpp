@@ -232,7 +232,7 @@ const char* codec_name(const iso_track* track) {
             return codec_name(track->codec);
         case 0x69:
         case 0x6B:
-            return "MP3";
+            return "MPEG audio";
         case 0xA5:
             return "AC-3";
         case 0xA6:

@@ -25,8 +25,8 @@ enum class Reason {
     kUnknownTable,   // a table of the track has a form that the API does not read
     kLargeFrame,     // a sample is larger than the API can hold
     kIncomplete,     // the file ends too early, or less comes out than it has
-    kImplausible,    // what comes out cannot be of the codec: bytes of a wrong place
-    kDamaged,        // a box, a table or a sample is malformed, or nothing comes out
+    kImplausible,    // what comes out cannot be of the codec: wrong tables, or other bytes
+    kDamaged,        // a box, a table or a sample is malformed, or nothing or too much comes out
     kEndsProcess,    // opening ends the process (see kestrel/c3gpinterface.h)
     kMemory,         // playing takes more memory than is allowed
     kTimeout,        // judging was not done in time

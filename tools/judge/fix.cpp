@@ -37,11 +37,21 @@ bool lacks_something(const FileFacts& facts) {
     return facts.scan.cut_box.has_value() || !facts.imported.missing.empty();
 }
 
+// Whether bytes of a sample are in the file.
+bool has_media(const FileFacts& facts) {
+    for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next) {
+        if (outside_file(track, facts.scan.file_size).bytes < declared(track).bytes) return true;
+    }
+    const auto& imported = facts.imported.tracks;
+    return std::any_of(imported.begin(), imported.end(),
+                       [](const ImportedTrack& track) { return track.bytes > 0; });
+}
+
 Error hint_error(kst_host* host, const std::string& input, const std::string& text,
                  const char* salvage) {
     const FileFacts facts = gather_facts(host, Clock::now() + kPatience);
     if (!facts.scan.is_3gp()) return no_media_file(input);
-    if (!lacks_something(facts)) return file_error(input, text);
+    if (!lacks_something(facts) || !has_media(facts)) return file_error(input, text);
     const std::string missing = kestrel::probe::missing_bytes(facts.scan);
     return file_error(input, text + (missing.empty() ? "" : "; the file is cut: " + missing) +
                                  "; " + salvage + " keeps what is whole of it");

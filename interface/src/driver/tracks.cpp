@@ -196,8 +196,7 @@ void C3gpInterface::RequireSamplesInFile() {
         fail(m_uStatus, KST_CORRUPT, here(), "Media samples exceed the file");
     }
     if (m_uMediaSamples > kMaxTrackSamples) {
-        fail(m_uStatus, KST_NO_MEMORY, at(kDriverSource),
-             "Unable to allocate memory for sample offset table");
+        fail(m_uStatus, KST_NO_MEMORY, here(), "Unable to allocate memory for sample offset table");
     }
 }
 
