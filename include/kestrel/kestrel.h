@@ -112,9 +112,9 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
  * Where nothing was delivered nothing was consumed: the next call delivers the same chunk. What was
  * delivered before stays good.
  *
- * - KST_NOT_YET: a read was not served. Every call returns it for a host that failed for good. For
- *   a file that was cut short every call returns it too, or KST_FAILURE for a video with a hint
- *   track. Ask the host whether more can come.
+ * - KST_NOT_YET: a read was not served. Every call returns it, or for a video KST_FAILURE with a
+ *   size of 0, where a host failed for good or a file was cut short (kestrel/stream.h has the
+ *   cases): ask the host whether more can come.
  * - KST_FAILURE with a size of 0: the track cannot be read on, as a video with a hint track at the
  *   end of a file that was cut short; or the data of the first frame of a video has not arrived.
  * - KST_FAILURE with another size: the host refused the Seek or AdvanceRead after the frame.

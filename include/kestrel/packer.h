@@ -11,7 +11,7 @@
  *     for (;;) {
  *         uint32_t size = sizeof buffer;
  *         status = kst_ReadChunk(handle, buffer, &size, false);
- *         if (status != KST_SUCCESS) break;  // KST_END_OF_FILE after the last chunk
+ *         if (status != KST_SUCCESS) break;  // any but KST_END_OF_FILE: the stream is cut
  *         if (kst_packer_feed(packer, 0, buffer, size) > KST_PACK_CUT) break;  // write reports why
  *     }
  *     result = kst_packer_write(packer, kst_host_callbacks(file), NULL);
