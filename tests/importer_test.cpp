@@ -250,14 +250,26 @@ MovieForms forms_of(std::initializer_list<std::pair<Dimension, int>> choices) {
     return forms;
 }
 
-// Without an index and a declared duration, a file that ends with a fragment is complete.
+std::vector<size_t> sample_counts(const Movie& movie) {
+    std::vector<size_t> counts;
+    for (const Track& track : movie.tracks)
+        counts.push_back(track.samples.size());
+    return counts;
+}
+
+// Without an index and a declared duration, a file that ends with a fragment is complete. Zeros in
+// place of the rest are none.
 TEST(Importer, MissesTheRestOfAFragment) {
     const Bytes file = renamed(make_movie(forms_of({{kFragments, 1}})).file, "mehd", "free");
+    const auto counts = sample_counts(import_bytes(file).movie);
     size_t end = before_fragments(file).size();
     for (size_t length = end; length <= file.size(); ++length) {
-        const Bytes cut(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(length));
+        Bytes cut(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(length));
         const bool whole = length == end;
         EXPECT_EQ(import_bytes(cut).result.ok, whole) << length;
+        cut.resize(file.size());
+        const Imported zeroed = import_bytes(cut);
+        EXPECT_TRUE(!zeroed.result.ok || sample_counts(zeroed.movie) == counts) << length;
         if (whole && length < file.size()) {  // on to the end of the next moof and mdat
             for (int i = 0; i < 2; ++i)
                 end += size_t{file[end + 2]} << 8 | file[end + 3];
@@ -266,8 +278,8 @@ TEST(Importer, MissesTheRestOfAFragment) {
 }
 
 // The file with other sizes in the header of one box, for each box from `begin` to `end`: the box
-// covers the next one, a part of it or all to the end, or ends before its last child, or it is
-// gone.
+// covers the next one, a part of it or all to the end, or ends before its last child, or zeros or
+// bytes of no type are in place of its header.
 std::vector<Bytes> with_damaged_sizes(const Bytes& file, size_t begin, size_t end) {
     const std::set<std::string> containers = {"moov", "trak", "edts", "mdia", "minf",
                                               "stbl", "mvex", "moof", "traf"};
@@ -285,10 +297,13 @@ std::vector<Bytes> with_damaged_sizes(const Bytes& file, size_t begin, size_t en
             damage(at, size_at(at) + more);
         damage(at, 0);
         const bool is_media = file[at + 4] == 'm' && file[at + 7] == 't';
-        for (const std::ptrdiff_t length : {8, is_media ? 8 : 16}) {  // zeros instead of a header
+        const auto overwrite = [&](size_t first, std::ptrdiff_t length, uint8_t value) {
             all.push_back(file);
-            std::fill_n(all.back().begin() + static_cast<std::ptrdiff_t>(at), length, uint8_t{0});
-        }
+            std::fill_n(all.back().begin() + static_cast<std::ptrdiff_t>(first), length, value);
+        };
+        overwrite(at, 8, 0);
+        overwrite(at, is_media ? 8 : 16, 0);
+        overwrite(at + 4, is_media ? 4 : 8, 0xFF);
         if (!containers.contains(std::string(file.begin() + static_cast<std::ptrdiff_t>(at) + 4,
                                              file.begin() + static_cast<std::ptrdiff_t>(at) + 8)))
             continue;
@@ -325,6 +340,9 @@ TEST(Importer, SaysWhatIsWrong) {
     const Bytes plain = make_movie({}).file;
     const Bytes compact = make_movie(forms_of({{kSampleSize, 4}})).file;
     const Bytes parts = make_movie(forms_of({{kFragments, 2}, {kValues, 1}, {kTimes, 2}})).file;
+    const Bytes runs = make_movie(forms_of({{kFragments, 2}, {kRuns, 1}})).file;
+    const Bytes alone = make_movie(forms_of({{kFragments, 2}, {kSpread, 1}})).file;
+    const Bytes hidden = text("hidehide");  // over a header and the next one
     MovieForms elsewhere;
     elsewhere.media_elsewhere = true;
     const struct {
@@ -335,7 +353,7 @@ TEST(Importer, SaysWhatIsWrong) {
         {renamed(plain, "moov", "free"), "no movie box"},
         {join({plain, renamed(plain, "avc1", "mp4v")}), "second movie"},
         {renamed(plain, "mvhd", "free"), "moov at offset 20 has no mvhd"},
-        {renamed(renamed(plain, "tkhd", "free"), "trak", "cmov"), "compressed"},
+        {renamed(parts, "mvex", "cmov"), "compressed"},
         {with(plain, "mvhd", 12, be32(0)), "timescale of 0"},
         {with(plain, "mdhd", 12, be32(0)), "timescale of 0"},
         {with(plain, "tkhd", 12, be32(0)), "track ID 0"},
@@ -379,6 +397,15 @@ TEST(Importer, SaysWhatIsWrong) {
         {before_fragments(parts), "no fragments"},
         {with(parts, "moof", -8, zeros(8), 1), "there is no box at offset"},
         {with(parts, "mdat", -8, be32(1u << 30)), "covers mfhd at offset"},
+        {with(plain, "trak", -4, hidden), "covers mdhd at offset"},
+        {with(parts, "moof", -4, hidden), "covers traf at offset"},
+        {with(parts, "traf", -4, hidden), "covers tfdt at offset"},
+        {renamed(parts, "trun", "xxxx"), "has no trun"},
+        {renamed(alone, "traf", "free"), "has no traf"},
+        {renamed(plain, "stss", "\x01sss"), "there is no box at offset"},
+        {with(runs, "trun", 4, be32(0)), "bytes after the 0 samples that it declares"},
+        {with(runs, "trun", 4, be32(1)), "bytes after the 1 samples that it declares"},
+        {with(runs, "trun", 2, {0}), "bytes after the"},
     };
     for (const auto& [file, error] : kCases) {
         const Imported imported = import_bytes(file);

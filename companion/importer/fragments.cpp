@@ -63,10 +63,14 @@ bool read_run_header(Import& import, const Box& box, BoxReader& reader, RunHeade
     run.count = reader.u32();
     if (run.has(kHasDataOffset)) run.data_offset = reader.i32();
     if (run.has(kHasFirstFlags)) run.first_flags = reader.u32();
-    if (!reader.failed() && std::uint64_t{run.count} * run.record_size() > reader.left()) {
-        reader.skip(UINT64_MAX);
-    }
-    return import.whole(reader, box);
+    const std::uint64_t records = std::uint64_t{run.count} * run.record_size();
+    if (!reader.failed() && records > reader.left()) reader.skip(UINT64_MAX);
+    if (!import.whole(reader, box)) return false;
+    // Other bytes are records that the count or the flags leave out.
+    return reader.left() == records ||
+           import.lacks_fragments(place_text(box) + " has " +
+                                  std::to_string(reader.left() - records) + " bytes after the " +
+                                  std::to_string(run.count) + " samples that it declares");
 }
 
 bool find_fragment_track(Import& import, const Box& tfhd, std::uint32_t id, std::size_t& track) {
@@ -128,6 +132,12 @@ bool has_child(Import& import, const Box& container, std::uint32_t type) {
     return false;
 }
 
+// Whether a part of a fragment has the child without which it has no samples.
+bool check_has_child(Import& import, const Box& container, std::uint32_t type) {
+    return has_child(import, container, type) ||
+           import.lacks_fragments(place_text(container) + " has no " + type_text(type));
+}
+
 // Reads a traf except its runs.
 bool open_fragment(Import& import, const Box& traf, TrackFragment& fragment) {
     fragment.box = traf;
@@ -142,9 +152,11 @@ bool count_samples(Import& import, const Box& moof) {
     for (Box box; children.next(box);) {
         if (!check_child(import, moof.type, box)) return false;
     }
+    if (!check_has_child(import, moof, kTraf)) return false;
     return each(import, moof, kTraf, [&](const Box& traf) {
         TrackFragment fragment;
         if (!open_fragment(import, traf, fragment)) return false;
+        if (!fragment.duration_is_empty && !check_has_child(import, traf, kTrun)) return false;
         std::uint64_t& samples = import.tracks[fragment.track].fragment_samples;
         return each(import, traf, kTrun, [&](const Box& box) {
             BoxReader reader(import.source, box);

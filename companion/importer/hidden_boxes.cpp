@@ -48,31 +48,40 @@ bool is_in_place(Import& import, std::uint32_t container, const Box& box) {
                                                    : " is outside " + type_text(place->container)));
 }
 
-// The children of a container that must not be hidden, and a header that each of them has.
+// Boxes that tracks and fragments have, each of which shows that such a child is there.
+constexpr std::uint32_t kOfTracks[] = {fourcc("tkhd"), fourcc("mdhd"), fourcc("stsd"),
+                                       fourcc("stsz"), fourcc("stz2")};
+constexpr std::uint32_t kOfFragments[] = {fourcc("mfhd"), fourcc("traf"), fourcc("tfhd"),
+                                          fourcc("tfdt"), kTrun};
+constexpr std::uint32_t kOfTrackFragments[] = {fourcc("tfhd"), fourcc("tfdt"), kTrun};
+constexpr std::uint32_t kRuns[] = {kTrun};
+
+// The children of a container that must not be hidden, and the boxes that show them.
 struct Children {
     std::uint32_t container;
     std::uint32_t type;
-    std::uint32_t header;
+    std::span<const std::uint32_t> signs;
 };
 constexpr Children kChildren[] = {
-    {kFileAsContainer, fourcc("moof"), fourcc("mfhd")},
-    {fourcc("moov"), fourcc("trak"), fourcc("tkhd")},
-    {fourcc("moof"), fourcc("traf"), fourcc("tfhd")},
-    {fourcc("traf"), kTrun, kTrun},
+    {kFileAsContainer, fourcc("moof"), kOfFragments},
+    {fourcc("moov"), fourcc("trak"), kOfTracks},
+    {fourcc("moof"), fourcc("traf"), kOfTrackFragments},
+    {fourcc("traf"), kTrun, kRuns},
 };
 
-// Returns the first place from `begin` to `end` that has the type and a size of such a header.
+// Returns the first place from `begin` to `end` that has the header of one of the types.
 std::optional<Box> find_header(Source& source, std::uint64_t begin, std::uint64_t end,
-                               std::uint32_t type) {
-    constexpr std::uint32_t kLeast = 16, kMost = 1 << 20;  // bytes
+                               std::span<const std::uint32_t> types) {
+    constexpr std::uint32_t kLeast = 16, kMost = 1 << 20;  // bytes of such a box
     BoxReader bytes(source, begin, end);
     std::uint32_t size = 0;
     std::uint32_t code = 0;
     while (bytes.left() > 0 && !bytes.failed()) {
         size = size << 8 | code >> 24;
         code = code << 8 | bytes.u8();
-        if (code == type && size >= kLeast && size <= kMost) {
-            return Box{.type = type, .offset = bytes.at() - kBoxHeader};
+        if (size >= kLeast && size <= kMost &&
+            std::find(types.begin(), types.end(), code) != types.end()) {
+            return Box{.type = code, .offset = bytes.at() - kBoxHeader};
         }
     }
     return std::nullopt;
@@ -89,21 +98,28 @@ bool covers_none(Import& import, std::uint32_t container, const Box& box, std::u
         box.type == fourcc("free") || box.type == fourcc("skip")) {
         return true;
     }
-    const auto hidden = find_header(import.source, begin, end, children->header);
+    const auto hidden = find_header(import.source, begin, end, children->signs);
     return !hidden || import.covers(box, *hidden);
 }
 
-// Whether a child is a box, or zeros up to its end. A header of zeros before other bytes is that of
-// a box which is not found, and whose size may be that of all boxes after it.
+// Whether a type can be that of a box: printable characters, and the copyright sign of QuickTime.
+// The numbers of its sample entries may be any but 0.
+bool is_type(std::uint32_t container, std::uint32_t type) {
+    if (container == fourcc("stsd")) return type != 0;
+    const auto code = code_text(type);
+    return std::all_of(code.begin(), code.end(), [](char character) {
+        const auto byte = static_cast<std::uint8_t>(character);
+        return (byte >= 0x20 && byte < 0x7F) || byte == 0xA9;
+    });
+}
+
+// Whether a child is a box, or padding: zeros of no more than a header. Other bytes are those of a
+// box which is not found, and whose size may be that of all boxes after it.
 bool is_box_or_padding(Import& import, std::uint32_t container, const Box& box) {
-    if (box.type != 0) return true;
-    BoxReader bytes(import.source, box);
-    bool zeros = true;
-    while (zeros && bytes.left() > 0 && !bytes.failed())
-        zeros = bytes.u8() == 0;
-    if (bytes.failed()) return import.fail("");
-    const std::string place = "there is no box at offset " + std::to_string(box.offset);
-    return zeros || import.lacks_box(container, place + ", inside " + type_text(container));
+    if (is_type(container, box.type) || (box.type == 0 && box.size() == kBoxHeader)) return true;
+    const std::string what = "there is no box at offset " + std::to_string(box.offset);
+    if (container == kFileAsContainer) return import.lacks_fragments(what);
+    return import.lacks_box(container, what + ", inside " + type_text(container));
 }
 
 // Returns the end of the last sample of the movie box in the file.
@@ -134,6 +150,7 @@ bool check_covered_fragments(Import& import) {
     BoxReader file(import.source, 0, file_end, BoxReader::ReadAhead::kNo);
     for (Box box; file.header(box);) {
         if (box.type == 0 && box.end == file_end) break;  // no box: zeros at the end, or damage
+        if (!is_box_or_padding(import, kFileAsContainer, box)) return false;
         const std::uint64_t end = std::min(box.end, file_end);
         const bool is_media = box.type == fourcc("mdat");
         const std::uint64_t begin = is_media ? std::clamp(data_end, box.body, end) : box.body;

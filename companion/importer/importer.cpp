@@ -98,7 +98,12 @@ Walk end_of_boxes(Import& import, FileBoxes& boxes, const BoxReader& file, std::
     const std::string place = "offset " + std::to_string(offset);
     if (file.failed()) return end_at(boxes, "there is no box at " + place);
     const std::uint64_t left = import.source.size() - offset;
-    if (left == 0 || is_terminator(import.source, offset)) return Walk::kAtEnd;
+    if (left == 0) return Walk::kAtEnd;
+    if (is_terminator(import.source, offset)) {
+        // More zeros are in place of fragments, which do not follow mfra.
+        if (left <= kBoxHeader || !boxes.random_access.empty()) return Walk::kAtEnd;
+        return end_at(boxes, std::to_string(left) + " zeros follow the last box");
+    }
     return end_at(boxes, left < kBoxHeader ? "the box at " + place + " is cut"
                                            : "there is no box at " + place);
 }
