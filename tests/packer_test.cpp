@@ -222,6 +222,35 @@ Bytes with_packets_changed(Bytes stream, Change change) {
     return stream;
 }
 
+// Leaves the packets of a video stream out for which `is_left_out(at)` is true; they are at `at`.
+template <typename Predicate>
+Bytes with_packets_left_out(const Bytes& stream, Predicate is_left_out) {
+    constexpr uint32_t kFront = sizeof(VID_Frame_Record) + sizeof(VID_Frame_Words);
+    const auto word = [&](size_t at) {
+        uint32_t value = 0;
+        std::memcpy(&value, &stream[at], sizeof value);
+        return value;
+    };
+    const auto part = [&](size_t at, size_t size) {
+        return Bytes(&stream[at], &stream[at] + size);
+    };
+    size_t at = word(8);  // length of the header records
+    Bytes left = part(0, at);
+    for (; at < stream.size(); at += word(at)) {
+        Bytes packets;
+        uint32_t count = 0;
+        size_t packet = at + kFront;
+        for (uint32_t i = 0; i < word(at + 4); ++i, packet += word(packet)) {
+            if (is_left_out(packet)) continue;
+            packets = join({packets, part(packet, word(packet))});
+            ++count;
+        }
+        const uint32_t length = kFront + static_cast<uint32_t>(packets.size());
+        left = join({left, le32(length), le32(count), le32(0), part(at + 12, 8), packets});
+    }
+    return left;
+}
+
 Bytes with_times_moved(const Bytes& stream, uint32_t ticks) {
     return with_packets_changed(stream, [ticks](TEL_Packet_Header& packet, uint8_t*) {
         packet.time += ticks;
@@ -339,6 +368,14 @@ TEST(PackedStream, ReportsWhatIsMissingOrMalformed) {
     EXPECT_EQ(packed.status, KST_PACK_CUT);
     EXPECT_EQ(packed.streams[0].packets_missing, 1u);
 
+    // The last packet of the last picture has no number after it.
+    const Bytes small = stream_of("h263_hinted_mtu500", "vr");
+    size_t last = 0;
+    with_packets_left_out(small, [&](size_t at) { return (last = at) == 0; });
+    packed = pack({with_packets_left_out(small, [&](size_t at) { return at == last; })});
+    EXPECT_EQ(packed.status, KST_PACK_CUT);
+    EXPECT_THAT(packed.streams[0].damage, HasSubstr("bytes of pictures"));
+
     Bytes unnamed = stream;
     std::copy_n("\x1b[2J", 4, &unnamed[40]);  // the codec
     EXPECT_THAT(pack({unnamed}).streams[0].damage, HasSubstr("names no codec: ?[2J"));
@@ -354,14 +391,39 @@ TEST(PackedStream, ReportsWhatIsMissingOrMalformed) {
 }
 
 TEST(PackedStream, IsLeftOutFromDamageOn) {
-    Bytes stream = stream_of("amrnb_plain", "ar");
-    const size_t frame = 68 + 100 * 57;
-    stream[frame + 4] = 99;  // the coder
-    const Packed packed = pack({stream});
-    EXPECT_EQ(packed.status, KST_PACK_CUT);
-    EXPECT_EQ(packed.streams[0].damage_offset, frame);
-    EXPECT_EQ(packed.streams[0].medium, KST_PACK_AUDIO);
-    EXPECT_EQ(packed.report.samples, 100u);
+    constexpr size_t kFrame = 68 + 100 * 57;
+    const struct {
+        size_t at;
+        uint8_t value;
+        const char* damage;
+    } kCases[] = {{kFrame + 4, 99, "another coder: 99"}, {kFrame + 3, 99, "no frame has a length"}};
+    for (const auto& [at, value, damage] : kCases) {
+        Bytes stream = stream_of("amrnb_plain", "ar");
+        stream[at] = value;
+        for (const size_t piece : {SIZE_MAX, size_t{1}}) {
+            const Packed packed = pack({stream}, {.piece = piece});
+            EXPECT_EQ(packed.status, KST_PACK_CUT);
+            EXPECT_EQ(packed.streams[0].damage_offset, kFrame);
+            EXPECT_THAT(packed.streams[0].damage, HasSubstr(damage));
+            EXPECT_EQ(packed.streams[0].medium, KST_PACK_AUDIO);
+            EXPECT_EQ(packed.report.samples, 100u);
+        }
+    }
+}
+
+// Those of the header records are no part of a sample.
+TEST(PackedStream, HintsAPictureOfParameterSetsAlone) {
+    const Bytes stream = stream_of("h264_hinted", "vr");
+    const Bytes sets = with_packets_left_out(stream, [&](size_t at) {
+        TEL_Packet_Header packet;
+        std::memcpy(&packet, &stream[at], sizeof packet);
+        const uint8_t type = stream[at + sizeof packet] & 0x1F;
+        return packet.time == 0 && type != 7 && type != 8;
+    });
+    const Packed packed = pack({sets}, {KST_PACK_HINT});
+    EXPECT_EQ(packed.status, KST_PACK_CUT) << packed.report.error;  // packets are missing
+    EXPECT_EQ(packed.report.samples, 30u);
+    EXPECT_EQ(packed.report.hint_tracks, 1u);
 }
 
 TEST(Packer, RefusesArgumentsThatItCannotServe) {

@@ -9,6 +9,24 @@
 
 namespace kestrel::packer {
 
+namespace {
+
+// Leaves the AU headers of all packets out.
+void leave_out_headers_of(HintPackets& packets) {
+    HintPackets media;
+    for (size_t i = 0; i < packets.size(); ++i) {
+        const HintPacket packet = packets[i];
+        media.begin_packet(packet.time_offset);
+        if (packet.marker) media.set_marker();
+        media.add_own(stream::after_au_headers(packet.own));
+        for (const SampleRange& range : packet.ranges)
+            media.add_range(range.offset, range.length, range.sample);
+    }
+    packets = std::move(media);
+}
+
+}  // namespace
+
 SampleFigures PackedSamples::figures(uint32_t sample) const {
     return {store_.size_of(sample), timeline_.duration_of(sample),
             timeline_.composition_of(sample)};
@@ -31,17 +49,9 @@ bool PackedSamples::write(uint32_t first, uint32_t count, MediaOutput& output) {
 
 void PackedHints::take_packets() {
     store_.packets().take(scratch_.packets);
-    if (with_au_headers_) return;
-    HintPackets media;
-    for (size_t i = 0; i < scratch_.packets.size(); ++i) {
-        const HintPacket packet = scratch_.packets[i];
-        media.begin_packet(packet.time_offset);
-        if (packet.marker) media.set_marker();
-        media.add_own(stream::after_au_headers(packet.own));
-        for (const SampleRange& range : packet.ranges)
-            media.add_range(range.offset, range.length, range.sample);
-    }
-    scratch_.packets = std::move(media);
+    if (!with_au_headers_) leave_out_headers_of(scratch_.packets);
+    // As each hint sample has, also that of a picture whose packets were all left out.
+    if (scratch_.packets.empty()) scratch_.packets.begin_packet();
 }
 
 bool PackedHints::plan(iso_track* hint) {

@@ -95,6 +95,8 @@ void DeclaredExtent::take_sequence(uint16_t sequence) {
 void DeclaredExtent::video_packet(const VideoPacket& packet) {
     take_time(packet.time);
     take_sequence(packet.sequence);
+    has_markers_ |= packet.marker;
+    ends_with_marker_ = packet.marker;
     if (!depacketiser_->packet(packet.payload)) ++malformed_;
     to_.video_packet(packet);
 }
@@ -160,10 +162,12 @@ bool DeclaredExtent::ends_early() const {
 
 // A whole stream may lack either: packets leave empty NAL units of H.264 out, and hint tracks empty
 // samples. Packets that are missing before the end show by their sequence numbers. Times of the
-// class API may have another unit than the durations.
+// class API may have another unit than the durations. The last packet of a picture has a marker.
 bool DeclaredExtent::lacks_video() const {
-    if (header_.api == Api::kClass) return bytes_ < least_bytes() && gaps_.missing() == 0;
-    return (bytes_ < least_bytes() || test_.frames() < least_pictures()) && ends_early();
+    const bool lacks_bytes = bytes_ < least_bytes();
+    if (header_.api == Api::kClass) return lacks_bytes && gaps_.missing() == 0;
+    if (lacks_bytes && has_markers_ && !ends_with_marker_) return true;
+    return (lacks_bytes || test_.frames() < least_pictures()) && ends_early();
 }
 
 // The samples of a track may have more frames than it declares, but they do not last longer; the

@@ -68,6 +68,7 @@ class DeclaredExtent final : public RecordSink {
     uint32_t speech_frames_ = 0;  // of 20 ms each, in the last frame
     uint32_t first_time_ = 0, last_time_ = 0;
     bool has_time_ = false;
+    bool has_markers_ = false, ends_with_marker_ = false;  // packets of a video
     SequenceGaps gaps_;
     // Time and sequence number that the frame begins with, and those of the frame before.
     using Beginning = std::optional<std::pair<uint32_t, uint16_t>>;

@@ -298,14 +298,15 @@ void NativeWalk::video_config(const std::string& codec, uint64_t codec_at) {
 
 // --- frames ---
 
-// Whether a whole frame is available, or damage must be reported: the stream ends, or the length is
-// invalid.
+// Whether a whole frame is available, or damage must be reported: the stream ends, or a header has
+// an invalid length. The damage is the same in pieces of any size.
 bool NativeWalk::has_frame() const {
     if (left() == 0) return false;
     if (ending_) return true;
     if (left() < kLengthField) return false;
     const uint32_t length = load_word(window_.subspan(position_, kLengthField));
-    return length > kMaxChunkBytes || left() >= std::max(length, kFrameHeader);
+    const uint32_t wanted = length > kMaxChunkBytes ? 0 : length;
+    return left() >= std::max(wanted, kFrameHeader);
 }
 
 void NativeWalk::check_frame_length(uint64_t at, uint64_t length, uint64_t least) {
