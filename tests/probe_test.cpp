@@ -188,12 +188,13 @@ TEST(Probe, FindsWhatWouldEndTheProcess) {
     EXPECT_NE(judge(probe, Api::kFunction, KST_MEDIUM_VIDEO).reason, KST_PROBE_ENDS_PROCESS);
 }
 
-TEST(Probe, ClassApiRefusesMoreSamplesOfOneSizeThanItHolds) {
+TEST(Probe, ClassApiRefusesMoreSoundOfOneSizeThanItHoldsButNoPictures) {
     for (const uint32_t more : {0U, 1U}) {
-        Bytes file = with(read_sample("amrnb_hinted.3gp"), "stsz", 4, be32(1));
-        file = with(file, "stsz", 8, be32((1U << 24) + more));
+        Bytes file = with(read_sample("av_h263_amrnb_hinted.3gp"), "stsz", 4, be32(1), 1);
+        file = with(file, "stsz", 8, be32((1U << 24) + more), 1);
         file = join({file, box("free", {Bytes(16 << 20)})});
         EXPECT_EQ(play(file, "ar", {.api = Api::kClass}).status == KST_NO_MEMORY, more == 1);
+        EXPECT_EQ(judge(probe_of(file), Api::kClass, KST_MEDIUM_VIDEO).reason, KST_PROBE_NO_REASON);
     }
 }
 

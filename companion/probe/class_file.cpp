@@ -57,17 +57,26 @@ bool has_all_tables(const Qvox3gp::TrakBox& trak) {
            tables->GetStsz() && tables->GetStsc() && tables->GetStco();
 }
 
-// Whether a track has more than `most` samples that are no more than a number in a box. Opening
-// takes memory for each, and refuses those that exceed the file.
-bool has_countless_samples(const Qvox3gp::MoovBox* moov, uint64_t file_size, uint32_t most) {
-    if (moov == nullptr) return false;
+// Of several that fit, the last one.
+const Qvox3gp::TrakBox* find_track(const Qvox3gp::MoovBox* moov, auto fits) {
+    if (moov == nullptr) return nullptr;
     const auto& traks = moov->GetTraks();
-    return std::any_of(traks.begin(), traks.end(), [&](const auto* trak) {
-        const auto* tables = tables_of(*trak);
-        const auto* stsz = tables != nullptr ? tables->GetStsz() : nullptr;
-        return stsz != nullptr && stsz->GetSampleSize() > 0 && stsz->GetSampleCount() > most &&
-               uint64_t{stsz->GetSampleSize()} * stsz->GetSampleCount() <= file_size;
-    });
+    const auto found = std::find_if(traks.rbegin(), traks.rend(), fits);
+    return found == traks.rend() ? nullptr : *found;
+}
+
+const Qvox3gp::TrakBox* media_track(const Qvox3gp::MoovBox* moov, MediaKind kind) {
+    return find_track(moov, [&](auto* trak) { return is_of(*trak, handler_of(kind)); });
+}
+
+// Returns the number of samples that are no more than a number in a box. Opening takes memory for
+// each, and refuses those that exceed the file.
+uint32_t countless_samples(const Qvox3gp::TrakBox* trak, uint64_t file_size) {
+    const auto* tables = trak != nullptr ? tables_of(*trak) : nullptr;
+    const auto* stsz = tables != nullptr ? tables->GetStsz() : nullptr;
+    if (stsz == nullptr || stsz->GetSampleSize() == 0) return 0;
+    const uint32_t count = stsz->GetSampleCount();
+    return uint64_t{stsz->GetSampleSize()} * count <= file_size ? count : 0;
 }
 
 }  // namespace
@@ -92,11 +101,10 @@ ClassFile& ClassFile::operator=(ClassFile&&) noexcept = default;
 ClassFile::~ClassFile() = default;
 
 int32_t ClassFile::open(MediaKind kind) const {
-    const auto has_over = [&](uint32_t samples) {
-        return has_countless_samples(boxes_->GetMoov(), boxes_->GetFileSizeRead(), samples);
-    };
-    if (has_over(kMaxTrackSamples)) return KST_CORRUPT;
-    if (has_over(kMaxOpened)) return track(kind) ? KST_SUCCESS : KST_NO_HINT_TRACK;
+    const uint32_t samples =
+        countless_samples(media_track(boxes_->GetMoov(), kind), boxes_->GetFileSizeRead());
+    if (samples > kMaxTrackSamples) return KST_CORRUPT;
+    if (samples > kMaxOpened) return track(kind) ? KST_SUCCESS : KST_NO_HINT_TRACK;
     C3gpInterface player;
     stream_->Seek(stream_->Context, 0);
     const auto status =
@@ -106,16 +114,10 @@ int32_t ClassFile::open(MediaKind kind) const {
 }
 
 std::optional<ClassFile::Track> ClassFile::track(MediaKind kind) const {
-    if (boxes_->GetMoov() == nullptr) return std::nullopt;
-    const std::vector<Qvox3gp::TrakBox*>& traks = boxes_->GetMoov()->GetTraks();
-    // Of several that fit, the last one.
-    const auto find = [&](auto fits) {
-        const auto found = std::find_if(traks.rbegin(), traks.rend(), fits);
-        return found == traks.rend() ? nullptr : *found;
-    };
-    const auto* media = find([&](auto* trak) { return is_of(*trak, handler_of(kind)); });
+    const auto* media = media_track(boxes_->GetMoov(), kind);
     if (media == nullptr || !has_all_tables(*media)) return std::nullopt;
-    const auto* hint = find([&](auto* trak) { return hints(*trak, *media); });
+    const auto* hint =
+        find_track(boxes_->GetMoov(), [&](auto* trak) { return hints(*trak, *media); });
     if (hint == nullptr || !has_all_tables(*hint)) return std::nullopt;
     return Track{places_of(*tables_of(*media)), places_of(*tables_of(*hint)),
                  media->GetMdia()->GetMdhd()->GetTimescale(),

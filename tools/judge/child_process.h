@@ -10,8 +10,6 @@
 #include <functional>
 #include <string>
 
-#include "tools/support.h"
-
 namespace tool {
 
 using Clock = std::chrono::steady_clock;
@@ -35,18 +33,13 @@ struct ChildResult {
     std::string report;  // what the work returned
 };
 
-// No process can be started.
-struct NoProcess : Error {
-    using Error::Error;
-};
-
 // A running child. It writes neither to standard output nor to standard error, has the default
 // action for every signal that the parent handles, leaves no core file, and ends with its parent.
 class ChildProcess {
   public:
     using Work = std::function<std::string()>;
 
-    // Starts `work`, whose result is the report. Throws NoProcess.
+    // Starts `work`, whose result is the report. Throws Error when no process can be started.
     ChildProcess(const ChildLimits& limits, const Work& work);
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
