@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,17 +41,13 @@ class FileCheck {
 
     Json run() {
         Json found{{"verdicts", Json::array()}};
-        Host host;
         try {
-            host = open_host(path_);
-            check(host.get(), found);
+            check(open_host(path_).get(), found);
+        } catch (const NoProcess& error) {
+            found["fatal"] = printable(error.what());
         } catch (const Error& error) {
-            if (host != nullptr && kst_host_failed(host.get()) == 0) {
-                found["fatal"] = printable(error.what());
-            } else {
-                found["reason"] = "unreadable";
-                found["message"] = printable(error.what());
-            }
+            found["reason"] = "unreadable";
+            found["message"] = printable(error.what());
         }
         return found;
     }
@@ -87,17 +84,28 @@ bool is_good(const std::string& reason) {
     return reason == word(Reason::kPlays) || reason == word(Reason::kNotPlayed);
 }
 
+// As many as the limit of open files allows: each has a pipe, which those started later inherit
+// beside the files that they open themselves.
+uint64_t most_processes() {
+    constexpr rlim_t kOpenedByEach = 24;
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) != 0) return UINT64_MAX;
+    return files.rlim_cur > kOpenedByEach ? files.rlim_cur - kOpenedByEach : 1;
+}
+
 class Checker {
   public:
-    explicit Checker(const Options& options) : options_(options) {}
+    explicit Checker(const Options& options)
+        : options_(options),
+          most_at_work_(std::min<uint64_t>(options.processes, most_processes())) {}
 
     void run() {
         for (const std::string& path : options_.paths)
             collect(path);
         size_t next = 0;
         while (next < files_.size() || !running_.empty()) {
-            while (next < files_.size() && may_start())
-                start(next++);
+            while (next < files_.size() && may_start() && try_start(next))
+                ++next;
             wait();
             // In their order, however they end.
             while (!running_.empty() && running_.front().found) {
@@ -139,6 +147,18 @@ class Checker {
             add_file(std::move(file));
     }
 
+    // Returns false where the system gives no more processes or descriptors than are at work now.
+    bool try_start(size_t number) {
+        try {
+            start(number);
+            return true;
+        } catch (const NoProcess&) {
+            most_at_work_ = at_work();
+            if (most_at_work_ == 0) throw;
+            return false;
+        }
+    }
+
     void start(size_t number) {
         // Longer than the file's own limit, which ends with a verdict for each medium.
         constexpr auto kGrace = std::chrono::seconds(2);
@@ -160,9 +180,12 @@ class Checker {
     // A slow file delays the lines of the files after it, which wait in memory.
     bool may_start() const {
         constexpr size_t kMaxWaiting = 1000;
-        const auto at_work =
-            std::count_if(running_.begin(), running_.end(), [](auto& one) { return !one.found; });
-        return static_cast<size_t>(at_work) < options_.processes && running_.size() < kMaxWaiting;
+        return at_work() < most_at_work_ && running_.size() < kMaxWaiting;
+    }
+
+    size_t at_work() const {
+        return static_cast<size_t>(
+            std::count_if(running_.begin(), running_.end(), [](auto& one) { return !one.found; }));
     }
 
     // Reads the reports until a process ends or a short time has passed.
@@ -182,8 +205,9 @@ class Checker {
         for (size_t i = 0; i < ready.size(); ++i) {
             ChildProcess& child = *at_work[i]->child;
             const bool has_ended = ready[i].revents != 0 && !child.take();
-            if (has_ended || Clock::now() >= child.deadline())
-                at_work[i]->found = result_of(child.finish());
+            if (!has_ended && Clock::now() < child.deadline()) continue;
+            at_work[i]->found = result_of(child.finish());
+            at_work[i]->child.reset();  // with its descriptor
         }
         progress_.show_count(done_, files_.size(), "files");
     }
@@ -291,6 +315,7 @@ class Checker {
     }
 
     const Options& options_;
+    size_t most_at_work_;  // processes
     std::vector<FoundFile> files_;
     std::vector<std::string> empty_;         // folders in which nothing was found
     std::deque<Running> running_;            // in the order of the files

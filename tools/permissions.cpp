@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/permissions.h"
 
-#include <fcntl.h>
 #include <linux/limits.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
-
-#include "tools/descriptor.h"
 
 namespace tool {
 namespace {
@@ -86,14 +86,18 @@ void set_new_permissions(int file, int folder) {
     fchmod(file, list && !list->empty() ? kNew & mode_of(*list) : without_umask(kNew));
 }
 
-void copy_permissions(int file, int folder, const std::string& name, const struct stat& replaced) {
-    const Descriptor there(openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    const std::optional<List> list = there ? list_of(there.get(), kAccessList) : std::nullopt;
-    mode_t mode = replaced.st_mode & 0777;
-    const bool same_group = give_group(file, replaced);
+bool copy_permissions(int file, int replaced) {
+    struct stat about {};
+    const bool is_own =
+        fstat(replaced, &about) == 0 && S_ISREG(about.st_mode) && about.st_uid == geteuid();
+    if (!is_own) return false;
+    mode_t mode = about.st_mode & 0777;
+    const bool same_group = give_group(file, about);
     // The group bits of a file with a list are its mask.
-    if (!same_group || !give_list(file, list)) mode &= ~mode_t{070} | (mode & 07) << 3;
+    if (!same_group || !give_list(file, list_of(replaced, kAccessList)))
+        mode &= ~mode_t{070} | (mode & 07) << 3;
     fchmod(file, mode);
+    return true;
 }
 
 }  // namespace tool

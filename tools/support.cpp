@@ -117,7 +117,7 @@ IsoFile open_iso(kst_host* host, KST_IOSTREAM_CALLBACK_INTERFACE*& callbacks) {
     wait_for_all(host);
     callbacks = kst_host_callbacks(host);
     IsoFile file(isoFFopen(callbacks, "r", nullptr));
-    if (file == nullptr) throw Error("out of memory");
+    if (file == nullptr) throw std::bad_alloc();
     return file;
 }
 

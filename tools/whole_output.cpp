@@ -2,7 +2,6 @@
 #include "tools/whole_output.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -172,14 +171,10 @@ void WholeOutput::finish() {
     if (temporary_.empty()) return;
     const int folder = place_.folder.get();
     const SignalsHeld held;
-    struct stat replaced {};
-    const bool own = fstatat(folder, place_.name.c_str(), &replaced, AT_SYMLINK_NOFOLLOW) == 0 &&
-                     S_ISREG(replaced.st_mode) && replaced.st_uid == geteuid();
-    if (own) {
-        copy_permissions(output_->descriptor(), folder, place_.name, replaced);
-    } else {
+    // Opened once: what has the name may be exchanged while its owner, mode and list are read.
+    const Descriptor replaced(openat(folder, place_.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!copy_permissions(output_->descriptor(), replaced.get()))
         set_new_permissions(output_->descriptor(), folder);
-    }
     if (renameat(folder, temporary_.c_str(), folder, place_.name.c_str()) != 0) {
         throw system_error(path_);
     }

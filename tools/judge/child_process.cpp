@@ -17,8 +17,6 @@
 #include <limits>
 #include <new>
 
-#include "tools/support.h"
-
 namespace tool {
 namespace {
 
@@ -104,7 +102,7 @@ bool write_all(int to, const std::string& text) {
 
 ChildProcess::ChildProcess(const ChildLimits& limits, const Work& work) : limits_(limits) {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw system_error("pipe");
+    if (pipe2(ends, O_CLOEXEC) != 0) throw NoProcess(system_error("pipe").what());
     std::fflush(nullptr);           // an exit in the child must not write it a second time
     std::signal(SIGCHLD, SIG_DFL);  // where it is ignored, no status is kept for waitpid
     const pid_t parent = getpid();
@@ -119,7 +117,7 @@ ChildProcess::ChildProcess(const ChildLimits& limits, const Work& work) : limits
     if (child_ > 0) return;
     close(from_);
     errno = reason;
-    throw system_error("fork");
+    throw NoProcess(system_error("fork").what());
 }
 
 ChildProcess::~ChildProcess() {

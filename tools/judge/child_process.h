@@ -10,6 +10,8 @@
 #include <functional>
 #include <string>
 
+#include "tools/support.h"
+
 namespace tool {
 
 using Clock = std::chrono::steady_clock;
@@ -33,13 +35,18 @@ struct ChildResult {
     std::string report;  // what the work returned
 };
 
+// No process can be started.
+struct NoProcess : Error {
+    using Error::Error;
+};
+
 // A running child. It writes neither to standard output nor to standard error, has the default
 // action for every signal that the parent handles, leaves no core file, and ends with its parent.
 class ChildProcess {
   public:
     using Work = std::function<std::string()>;
 
-    // Starts `work`, whose result is the report. Throws Error when no process can be started.
+    // Starts `work`, whose result is the report. Throws NoProcess.
     ChildProcess(const ChildLimits& limits, const Work& work);
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

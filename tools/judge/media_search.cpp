@@ -43,10 +43,10 @@ bool begins_with_box(int file) {
 }
 
 bool is_media(const fs::path& path) {
-    if (has_media_name(path)) return true;
     struct stat about {};
-    if (stat(path.c_str(), &about) != 0) return errno != ENOENT;
+    if (stat(path.c_str(), &about) != 0) return errno != ENOENT || has_media_name(path);
     if (!S_ISREG(about.st_mode)) return false;
+    if (has_media_name(path)) return true;
     const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (file < 0) return true;
     const bool found = begins_with_box(file);

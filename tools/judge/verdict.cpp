@@ -287,7 +287,7 @@ Reason reason_of(const Subject& subject, const TrialResult& result) {
         case End::kNoMemory:
             return Reason::kMemory;
         case End::kFault:
-            throw Error("judging: its process failed");
+            throw Error(remark_file() + ": it changed, or could not be read, while it was judged");
         case End::kReported:
             break;
     }
