@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "boxes/field_visitor.h"
-
 #include "kestrel/stream.h"
 
 namespace tool {

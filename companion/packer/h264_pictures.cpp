@@ -68,10 +68,10 @@ void read_order_type(GolombReader& reader, H264Sequence& sequence) {
 // Hypothetical reference decoder parameters (E.1.2).
 void skip_decoder_model(GolombReader& reader) {
     constexpr unsigned kScales = 8, kLengths = 20;
-    constexpr uint32_t kMaxSpecifications = 31;
+    constexpr uint32_t kLastSet = 31;
     const uint32_t last = reader.ue();
     reader.skip(kScales);
-    for (uint32_t i = 0; i <= std::min(last, kMaxSpecifications); ++i) {
+    for (uint32_t i = 0; i <= std::min(last, kLastSet); ++i) {
         reader.ue();     // bit rate
         reader.ue();     // buffer size
         reader.skip(1);  // constant bit rate

@@ -49,11 +49,10 @@ bool is_nal_unit(std::span<const uint8_t> unit) {
 }
 
 bool is_speech_frame(uint8_t header, const AmrBand& band) {
-    constexpr uint8_t kMore = 0x80;  // not in storage format
     const int type = storage_frame_type(header);
     // Frame types without a meaning: 12 to 14 (3GPP TS 26.101), 10 to 13 (TS 26.201).
     const bool exists = &band == &kWideBand ? type < 10 || type > 13 : type < 12 || type == 15;
-    return exists && (header & kMore) == 0;
+    return exists && (header & kMoreFollow) == 0;  // clear in storage format
 }
 
 bool is_speech_sample(std::span<const uint8_t> sample, const AmrBand& band) {

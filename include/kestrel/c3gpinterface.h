@@ -179,7 +179,7 @@ class KESTREL_API C3gpInterface {
     // Delivers the next bytes of the stream. `*size` is the number of bytes wanted before the call,
     // and the number delivered after it. `arriving` says how the host serves the stream, and may
     // differ from call to call: true for one that fills over time (IndexRead), false for a seekable
-    // one (Seek and SeekNRead). AdvanceRead is called for every hint sample in both.
+    // one (Seek and SeekNRead). AdvanceRead announces each next hint sample in both.
     //
     // Returns:
     //

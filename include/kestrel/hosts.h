@@ -4,7 +4,8 @@
  *
  * A host owns its stream and its table. Open one, hand kst_host_callbacks() to kst_Open, and close
  * it after the handle. A host serves one handle at a time and is not safe to use from two threads
- * at once. Offsets are 32 bits wide, so a stream is at most 4 GiB - 1 bytes long.
+ * at once; whoever writes the file or the pipe that it reads may be another thread. Offsets are 32
+ * bits wide, so a stream is at most 4 GiB - 1 bytes long.
  *
  * Playing a file that arrives, here from a pipe. `handle` is the address of the handle (an
  * mm_Interface**):
@@ -30,8 +31,8 @@
  *
  * where is_not_yet() is true for KST_NOT_YET, and for KST_FAILURE with a size of 0 as long as at
  * most one chunk was delivered: the second chunk of a video has its first frame, and that is the
- * answer while the frame has not arrived. Later it is final. "Complete?" is asked before the call:
- * bytes that arrive between the two, from another thread, are then read by one more call.
+ * answer while the frame has not arrived. Later it means that the file ends too early. "Complete?"
+ * is asked before the call: bytes that are written between the two are then read by one more call.
  */
 #ifndef KESTREL_HOSTS_H
 #define KESTREL_HOSTS_H

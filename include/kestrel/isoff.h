@@ -378,8 +378,9 @@ KESTREL_API double isoFFgetInterleave(iso_file* file);
 // Finds the hint track of `media` and creates or resets its packet cursor. Of the hint tracks that
 // refer to `media` and declare packets of at most `max_packet` bytes, it takes the one with the
 // longest packets, the first of equals. The next packet is the first of the hint sample at the hint
-// track's cursor: after opening the first one; isoFFsetPosition moves it. Returns the track, owned
-// by the file, or null if there is none.
+// track's cursor: after opening the first one; isoFFsetPosition moves it. Building packets moves
+// the cursor of `media` too: read samples of it with isoFFreadAt, or set its position again.
+// Returns the track, owned by the file, or null if there is none.
 KESTREL_API iso_track* isoFFrtpHinter(iso_track* media, int max_packet);
 
 // Finds the same track, and keeps its packet cursor. A hint sample that was read in part begins

@@ -57,8 +57,9 @@ enum {
 /* Opens the file of `callbacks` and selects the track that `mode` names.
  *
  * `mode` is a string of letters in any order and case: `a` (audio: AMR narrow or wide band) or `v`
- * (video: MPEG-4 Visual, H.263, H.264), and `r` (read). Of several tracks that fit, the last one is
- * taken. The stream must stand at offset 0. The table must outlive the handle.
+ * (video: MPEG-4 Visual, H.263, H.264), and `r` (read). Of `a` and `v` the last one counts, and of
+ * several tracks that fit the last one is taken. The stream must stand at offset 0. The table must
+ * outlive the handle.
  *
  * Returns:
  *
@@ -102,12 +103,14 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
  * | KST_NOT_YET             | 0                       | no        | when more has arrived    |
  * | KST_BAD_ARGUMENT        | room that is needed     | no        | with that room           |
  * | KST_BAD_ARGUMENT        | as before               | no        | not with a null argument |
- * | KST_FAILURE             | 0                       | no        | for the first frame, (1) |
+ * | KST_FAILURE             | 0                       | no        | in some cases, (1)       |
  * | KST_FAILURE             | bytes of the chunk      | yes       | for the next chunk       |
  * | KST_CODEC_RECORD_FAILED | 0                       | no        | no                       |
  * | KST_BAD_HANDLE          | as before               | no        | not with a null handle   |
  *
- * (1) while the file arrives: the second chunk of a video. Later it is final.
+ * (1) A video: the data of its first frame have not arrived; or it has a hint track, and the bytes
+ * that come next lie after the end or, without `arriving`, were not served. Once the host serves
+ * them the stream continues.
  *
  * Where nothing was delivered nothing was consumed: the next call delivers the same chunk. What was
  * delivered before stays good.

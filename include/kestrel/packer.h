@@ -11,16 +11,18 @@
  *     for (;;) {
  *         uint32_t size = sizeof buffer;
  *         status = kst_ReadChunk(handle, buffer, &size, false);
- *         if (status != KST_SUCCESS) break;  // any but KST_END_OF_FILE: the stream is cut
+ *         if (status != KST_SUCCESS) break;
  *         if (kst_packer_feed(packer, 0, buffer, size) > KST_PACK_CUT) break;  // write reports why
  *     }
  *     result = kst_packer_write(packer, kst_host_callbacks(file), NULL);
  *     if (result == KST_PACK_CUT) kst_packer_describe(packer, 0, &about);  // see `about`
+ *     if (result == KST_PACK_DONE && status != KST_END_OF_FILE) result = KST_PACK_CUT;
  *     kst_packer_close(packer);
  *
  * where about.struct_size is sizeof about, and damage, packets_missing and packets_left_out are why
- * something is not packed. `buffer` has KST_LARGEST_CHUNK bytes; kst_ReadChunk returns
- * KST_BAD_ARGUMENT for a frame that needs more (kestrel/kestrel.h).
+ * something is not packed. KST_PACK_DONE alone does not show that the source was read to its end.
+ * `buffer` has KST_LARGEST_CHUNK bytes; kst_ReadChunk returns KST_BAD_ARGUMENT for a frame that
+ * needs more (kestrel/kestrel.h).
  */
 #ifndef KESTREL_PACKER_H
 #define KESTREL_PACKER_H
@@ -42,11 +44,11 @@ typedef struct kst_packer kst_packer;
 enum {
     KST_PACK_DONE = 0,
     /* A stream is damaged or ends inside a frame or before the last frame that its header records
-     * declare, it has frames that cannot be of its codec, or a frame twice, more speech than
-     * they declare, or packets of it are
-     * missing or could not be joined. All that is whole before the damage is in the file.
-     * kst_packer_describe, after kst_packer_write, has the reason of each stream. Speech may lack
-     * the few frames that its records cannot show (docs/native-format.md). */
+     * declare, it has frames that cannot be of its codec, or a frame twice, or more speech than
+     * they declare, or packets of it are missing or could not be joined. All that is whole before
+     * the damage is in the file. kst_packer_describe, after kst_packer_write, has the reason of
+     * each stream. Speech may lack the few frames that its records cannot show
+     * (docs/native-format.md). */
     KST_PACK_CUT = 1,
     KST_PACK_BAD_ARGUMENT = 2,
     KST_PACK_NO_MEMORY = 3,
@@ -126,9 +128,9 @@ KESTREL_API int kst_packer_describe(const kst_packer* packer, uint32_t stream,
  * in report->error, and the destination holds no whole file. A packer writes once.
  *
  * Memory: at most 4 MiB and 12 times the bytes that were fed, or 32 times those of H.264 parameter
- * sets before the first picture; with KST_PACK_HINT 40 times, and 9 MB a stream; far less
- * for samples and packets of usual length.
- * The media wait in memory up to 32 MiB for each stream, and beyond that in a temporary file. */
+ * sets before the first picture; with KST_PACK_HINT 40 times, and 9 MB a stream. Samples and
+ * packets of usual length take far less. The media wait in memory up to 32 MiB for each stream, and
+ * beyond that in a temporary file. */
 KESTREL_API int kst_packer_write(kst_packer* packer, KST_IOSTREAM_CALLBACK_INTERFACE* destination,
                                  kst_pack_report* report);
 
