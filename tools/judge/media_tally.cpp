@@ -26,14 +26,16 @@ void MediaTally::header(const kestrel::stream::StreamHeader& header) {
 
 void MediaTally::begin_frame() {
     test_.begin_frame();
+    has_picture_ = is_malformed_ = false;
 }
 
 void MediaTally::video_packet(const kestrel::stream::VideoPacket& packet) {
-    depacketiser_->packet(packet.payload);
+    if (!depacketiser_->packet(packet.payload)) is_malformed_ = true;
 }
 
 void MediaTally::take_picture(std::span<const uint8_t> bytes) {
     counts_.bytes += bytes.size();
+    has_picture_ = has_picture_ || !bytes.empty();
     test_.take(bytes);
 }
 
@@ -48,6 +50,8 @@ void MediaTally::end_unit() {
 void MediaTally::end_frame() {
     if (depacketiser_ != nullptr) depacketiser_->finish();
     if (medium_ == Medium::kH264) end_unit();
+    counts_.pictures += has_picture_ && !is_malformed_ ? 1 : 0;
+    counts_.malformed += has_picture_ && is_malformed_ ? 1 : 0;
     test_.end_frame();
 }
 

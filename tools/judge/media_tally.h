@@ -16,6 +16,9 @@ namespace tool {
 // Plain numbers, so that a process can pass them on as bytes.
 struct MediaCounts {
     uint64_t frames = 0;  // of the native stream: pictures, or speech of one frame or sample
+    // Of video, of the frames with bytes of a picture: those without and with a malformed packet.
+    uint64_t pictures = 0;
+    uint64_t malformed = 0;
     uint64_t bytes = 0;   // of media: pictures without packet headers, speech frames as stored
     uint64_t units = 0;   // of H.264; each counts 4 bytes more in `bytes`, as its length takes
     uint64_t empty_frames = 0;  // of speech: without speech or comfort noise, a byte each
@@ -28,6 +31,10 @@ struct MediaCounts {
     uint64_t uneven_samples = 0;
     // Of MPEG-4 Visual: the first hint sample that is damaged, from 1; 0 for none.
     uint64_t damaged_hint = 0;
+    // What only the hint samples show: see HintUse.
+    uint64_t misled = 0;
+    uint64_t first_misled = 0;
+    uint64_t unused = 0;
     // Frames whose bytes their codec cannot write, and the number of the first one, from 1.
     uint64_t implausible = 0;
     uint64_t first_implausible = 0;
@@ -55,6 +62,7 @@ class MediaTally final : private kestrel::stream::RecordSink {
 
     kestrel::stream::NativeWalk walk_;
     bool lost_ = false;  // the rest is no native stream
+    bool has_picture_ = false, is_malformed_ = false;  // the current frame
     kestrel::stream::Medium medium_ = kestrel::stream::Medium::kNarrowBandSpeech;
     std::unique_ptr<kestrel::stream::Depacketiser> depacketiser_;
     kestrel::stream::FrameTest test_;

@@ -12,6 +12,7 @@
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
 #include "tools/hint_packets.h"
+#include "tools/judge/hint_use.h"
 #include "tools/report/markup.h"
 
 namespace tool {
@@ -119,17 +120,41 @@ bool depends_on_samples(const Subject& subject, const MediaCounts& counts) {
     return subject.api == Api::kClass || counts.bytes < subject.expected.bytes;
 }
 
-// In a process, because a small file may list many large samples at one place.
-void count_samples(const Subject& subject, const ChildLimits& limits, TrialResult& result) {
+// The hint track that a medium is played from; null for none.
+iso_track* hints_of(const Subject& subject) {
+    if (subject.track == nullptr || subject.expected.in_fragments > 0) return nullptr;
+    if (subject.api == Api::kClass) return played_hints(subject);
+    return subject.kind == MediaKind::kVideo
+               ? const_cast<iso_track*>(packets_of(subject.facts.file.get(), subject.track))
+               : nullptr;
+}
+
+MediaCounts with_hints(iso_track* hint, const Subject& subject, MediaCounts counts) {
+    // Reading moves the tracks' cursors, which nothing else uses.
+    const HintUse use = use_of(hint, const_cast<iso_track*>(subject.track), subject.skipped,
+                               [] { return true; });
+    counts.misled = use.misled;
+    counts.first_misled = use.first_misled;
+    counts.unused = use.unused;
+    return counts;
+}
+
+// In a process, because a small file may list many large samples at one place. `hint` is the hint
+// track that was played; null for none, or for one that was just made.
+void count_samples(const Subject& subject, iso_track* hint, const ChildLimits& limits,
+                   TrialResult& result) {
     MediaCounts& counts = result.trial.counts;
-    if (!result.reached_end() || !depends_on_samples(subject, counts)) return;
+    if (!result.reached_end()) return;
+    const bool depends = depends_on_samples(subject, counts);
+    if (!depends && hint == nullptr) return;
     const ChildResult counted = run_apart(limits, [&] {
         MediaCounts all = counts;
-        if (subject.track->codec == ISO_CODEC_MP4V) {
+        if (depends && subject.track->codec == ISO_CODEC_MP4V) {
             all.damaged_hint = first_damaged_hint(subject);
-        } else {
+        } else if (depends) {
             all = with_samples(subject.track, subject.skipped, counts);
         }
+        if (hint != nullptr) all = with_hints(hint, subject, all);
         return std::string(reinterpret_cast<const char*>(&all), sizeof all);
     });
     result.end = counted.end;
@@ -196,7 +221,7 @@ bool is_all_h264(const Subject& subject, const MediaCounts& counts) {
 
 bool is_all(const Subject& subject, const MediaCounts& counts) {
     if (subject.kind == MediaKind::kAudio) return is_all_speech(subject, counts);
-    if (counts.frames < subject.expected.pictures) return false;
+    if (counts.pictures < subject.expected.pictures) return false;
     return subject.codec() == ISO_CODEC_AVC1 ? is_all_h264(subject, counts)
                                              : counts.bytes >= subject.expected.bytes;
 }
@@ -221,11 +246,16 @@ bool has_too_much(const Subject& subject, const MediaCounts& counts) {
            (subject.codec() != ISO_CODEC_MP4V || counts.damaged_hint > 0);
 }
 
+// Whether hint samples take the wrong bytes, or leave samples out, or packets are malformed.
+bool is_astray(const MediaCounts& counts) {
+    return counts.misled > 0 || counts.unused > 0 || counts.malformed > 0;
+}
+
 bool plays(const Subject& subject, const TrialResult& result) {
     const MediaCounts& counts = result.trial.counts;
     return result.reached_end() && counts.bytes > 0 && counts.implausible == 0 &&
            is_all(subject, counts) && !has_misplaced_speech(subject, counts) &&
-           !has_too_much(subject, counts);
+           !has_too_much(subject, counts) && !is_astray(counts);
 }
 
 // --- the reason ---
@@ -267,7 +297,9 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
     }
     if (counts.implausible > 0 || has_misplaced_speech(subject, counts))
         return Reason::kImplausible;
-    if (has_too_much(subject, counts)) return Reason::kDamaged;
+    if (counts.bytes == 0 || counts.misled > 0 || has_too_much(subject, counts))
+        return Reason::kDamaged;
+    if (counts.malformed > 0 && is_all(subject, counts)) return Reason::kDamaged;
     return subject.expected.in_fragments > 0 ? Reason::kFragmented : Reason::kIncomplete;
 }
 
@@ -313,10 +345,16 @@ class LogSilence {
 // the medium has.
 std::string amount(const Subject& subject, const MediaCounts& counts) {
     const Expected& expected = subject.expected;
-    if (counts.implausible > 0 || has_misplaced_speech(subject, counts)) return "";
-    if (subject.kind == MediaKind::kVideo && counts.frames < expected.pictures) {
-        return std::to_string(counts.frames) + " of " + std::to_string(expected.pictures) +
+    if (counts.bytes == 0 || counts.implausible > 0 || has_misplaced_speech(subject, counts))
+        return "";
+    if (subject.kind == MediaKind::kVideo && counts.pictures < expected.pictures) {
+        return std::to_string(counts.pictures) + " of " + std::to_string(expected.pictures) +
                " pictures";
+    }
+    if (counts.misled > 0) return "";
+    if (counts.unused > 0) {
+        return std::to_string(expected.samples - std::min(counts.unused, expected.samples)) +
+               " of " + std::to_string(expected.samples) + " samples";
     }
     if (expected.bytes == 0 || counts.bytes > expected.bytes) return "";
     const double percent =
@@ -352,10 +390,20 @@ std::string why_damaged(const Subject& subject, const Verdict& verdict, const Tr
     }
     if (!verdict.opens) return "A box or table that playing needs is missing or damaged.";
     const MediaCounts& counts = result.trial.counts;
-    if (verdict.status == KST_SUCCESS && has_too_much(subject, counts)) {
+    if (verdict.status == KST_SUCCESS && counts.misled > 0) {
+        return show_count(counts.misled) + " of " + show_count(subject.expected.samples) +
+               (counts.misled == 1 ? " samples is" : " samples are") +
+               " not delivered as a whole: hint sample " + std::to_string(counts.first_misled) +
+               " takes bytes that are not of its sample.";
+    }
+    if (verdict.status == KST_SUCCESS && counts.bytes > 0 && has_too_much(subject, counts)) {
         return "It delivers " +
                show_count(counts.bytes - counts.empty_frames - subject.expected.bytes) +
                " bytes more than its samples have: a hint sample is damaged.";
+    }
+    if (verdict.status == KST_SUCCESS && counts.malformed > 0) {
+        return show_count(counts.malformed) + " of " + show_count(counts.frames) +
+               (counts.malformed == 1 ? " frames has" : " frames have") + " a malformed packet.";
     }
     if (verdict.status == KST_SUCCESS) {
         return subject.track != nullptr && subject.expected.pictures == 0
@@ -411,11 +459,16 @@ std::string quoted(const std::string& text) {
     return out + "'";
 }
 
+// The frames of a stream that has any bytes of media.
+uint64_t frames_of(const MediaCounts& counts) {
+    return counts.bytes > 0 ? counts.frames : 0;
+}
+
 // Whether the result of a command plays what its input should.
 FixFinder::IsFixed plays_of(const Subject& subject, const ChildLimits& limits) {
     return [&](const TrialResult& fixed, bool is_salvage) {
         TrialResult whole = fixed;
-        count_samples(subject, limits, whole);
+        count_samples(subject, nullptr, limits, whole);
         if (is_salvage) return whole.reached_end() && whole.trial.counts.implausible == 0;
         return plays(subject, whole);
     };
@@ -485,14 +538,14 @@ Verdict Judge::judge(Api api, MediaKind kind) {
         return verdict;
     }
     TrialResult result = try_playing(facts_.host, api, kind, limits_);
-    count_samples(subject, limits_, result);
+    count_samples(subject, hints_of(subject), limits_, result);
     const Trial& trial = result.trial;
     verdict.tried = true;
     verdict.reason = reason_of(subject, result);
     verdict.status = static_cast<int32_t>(trial.status);
     verdict.opens = trial.opened != 0;
     verdict.delivered = trial.delivered;
-    verdict.frames = trial.counts.frames;
+    verdict.frames = frames_of(trial.counts);
     verdict.track_id = subject.track_id();
     if (result.reached_end() && !tool::plays(subject, result))
         verdict.amount = amount(subject, trial.counts);
@@ -575,7 +628,8 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
     result.trial.counts = playback.counts;
     // A host without its file in memory reads 4 MiB a second at least.
     const auto reading = std::chrono::milliseconds(facts.scan.file_size / 4096);
-    count_samples(subject, {Clock::now() + kPatience + reading, memory_limit(facts.scan)}, result);
+    count_samples(subject, hints_of(subject),
+                  {Clock::now() + kPatience + reading, memory_limit(facts.scan)}, result);
     if (result.end != End::kReported)
         return file_error(input, "its samples could not be compared with what came, in time");
     Verdict verdict;
@@ -586,9 +640,9 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
     verdict.status = ended ? int32_t{KST_SUCCESS} : playback.status;
     verdict.opens = true;
     verdict.delivered = playback.delivered;
-    verdict.frames = playback.counts.frames;
+    verdict.frames = frames_of(playback.counts);
     if (result.reached_end() && !tool::plays(subject, result))
-        verdict.amount = amount(subject, playback.counts);
+        verdict.amount = amount(subject, result.trial.counts);
     std::string sentence = why(subject, verdict, result);
     sentence.pop_back();  // its full stop
     if (!verdict.amount.empty() && sentence.find(verdict.amount) == std::string::npos)

@@ -26,7 +26,7 @@ struct Verdict {
     int32_t status = 0;      // of the call that ended it; KST_SUCCESS for the end of the stream
     bool opens = false;      // a failure, if any, was during playing
     uint64_t delivered = 0;  // bytes of native stream
-    uint64_t frames = 0;     // in them
+    uint64_t frames = 0;     // in them; 0 where none has bytes of media
     uint32_t track_id = 0;   // of the track that was judged; 0 for none
     std::string amount;      // "15 of 30 pictures", of what comes to its end but lacks some
     std::string why;         // a sentence for a person; empty for what plays

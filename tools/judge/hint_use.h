@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+// Which bytes of its medium a hint track takes.
+#ifndef KESTREL_TOOLS_JUDGE_HINT_USE_H
+#define KESTREL_TOOLS_JUDGE_HINT_USE_H
+
+#include <cstdint>
+#include <functional>
+
+#include "kestrel/isoff.h"
+
+namespace tool {
+
+struct HintUse {
+    // The hint samples that take bytes of another sample than the one of their number, where hint
+    // track and medium have as many samples, or bytes that a sample does not have.
+    uint64_t misled = 0;
+    uint64_t first_misled = 0;  // from 1; 0 for none
+    // The samples of media from which no hint sample takes bytes, where the medium has more samples
+    // than the hint track, or fewer.
+    uint64_t unused = 0;
+};
+
+// Walks the sample constructors of all hint samples. Counts only samples from `first` on, from 0.
+// Finds nothing where `goes_on` returns false before the end, and no unused samples where packets
+// may hold them themselves. Moves the cursors of both tracks.
+HintUse use_of(iso_track* hint, iso_track* media, uint32_t first,
+               const std::function<bool()>& goes_on);
+
+}  // namespace tool
+
+#endif
