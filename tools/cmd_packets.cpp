@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
 #include "companion/probe/media_tracks.h"
 #include "companion/probe/reasons.h"
@@ -11,6 +12,8 @@
 #include "tools/commands.h"
 #include "tools/json_printer.h"
 #include "tools/judge/child_process.h"
+#include "tools/judge/fix.h"
+#include "tools/judge/media_check.h"
 #include "tools/session_description.h"
 #include "tools/support.h"
 #include "tools/whole_output.h"
@@ -77,6 +80,26 @@ void check_tracks(const HintTracks& tracks, const std::string& input) {
     }
     const std::string lacks = lacks_of(tracks);
     if (!lacks.empty()) throw file_error(input, lacks);
+}
+
+// Reports samples that are no media, once for each hinted track, and fails where most are none.
+void check_media(const FileFacts& facts, HintTracks& tracks, const std::string& input) {
+    const auto deadline = Clock::now() + kPatience;
+    std::set<const iso_track*> seen;
+    std::string no_media;
+    for (const auto& track : tracks) {
+        iso_track* media = track->media();
+        if (media == nullptr || !seen.insert(media).second) continue;
+        const auto implausible = implausible_samples(media, deadline);
+        if (implausible.count == 0) continue;
+        const std::string text = implausible_text(facts, media, implausible);
+        if (implausible.are_most()) {
+            no_media += (no_media.empty() ? "" : "; ") + text;
+        } else {
+            say(input_name(input) + ": " + text);
+        }
+    }
+    if (!no_media.empty()) throw file_error(input, no_media);
 }
 
 void print_packet(uint32_t track, std::span<const uint8_t> packet, bool as_hex) {
@@ -190,6 +213,7 @@ void packets(const Options& options) {
         capture_packets(tracks, options);
     }
     check_tracks(tracks, options.input);
+    check_media(facts, tracks, options.input);
 }
 
 bool is_description_name(const std::string& path) {

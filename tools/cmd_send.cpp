@@ -14,6 +14,8 @@
 #include "tools/commands.h"
 #include "tools/hint_packets.h"
 #include "tools/judge/fix.h"
+#include "tools/judge/hint_use.h"
+#include "tools/judge/media_check.h"
 #include "tools/send/sender.h"
 #include "tools/session_description.h"
 #include "tools/temporary_file.h"
@@ -27,6 +29,7 @@ namespace {
 using kestrel::kRtpHeaderSize;
 
 constexpr auto kMaxSeconds = std::chrono::seconds(60);  // for what the tables declare
+constexpr auto kMaxLooking = std::chrono::seconds(3);   // at hint tracks, before they are sent
 constexpr uint64_t kMostLookedAt = 100000;              // packets of a track
 
 struct Options {
@@ -60,8 +63,8 @@ std::vector<iso_track*> hint_tracks(const FileFacts& facts) {
 }
 
 // Whether the headers of some packets are damaged.
-bool has_spoilt_packets(HintPackets& track) {
-    while (track.made() < kMostLookedAt) {
+bool has_spoilt_packets(HintPackets& track, Clock::time_point deadline) {
+    while (track.made() < kMostLookedAt && Clock::now() < deadline) {
         const auto packet = track.next();
         if (packet.size() <= kRtpHeaderSize ||
             kestrel::load_rtp_header(packet.data()).payload_type != kestrel::kRfc2190PayloadType) {
@@ -72,23 +75,42 @@ bool has_spoilt_packets(HintPackets& track) {
     return false;
 }
 
-// Whether a hint track ends before media that are whole.
-bool ends_early(const FileFacts& facts, const HintPackets& track) {
+// Whether the packets of media that are whole lack samples, or have bytes of others.
+bool leaves_samples_out(const FileFacts& facts, HintPackets& track, Clock::time_point deadline) {
     if (track.media() == nullptr) return false;
     const auto media = kestrel::probe::places_of(track.media());
     const auto hint = kestrel::probe::places_of(track.track());
-    if (!media.agree() || !hint.agree() || are_cut(media, facts.scan)) return false;
-    const uint32_t highest = highest_media_sample(*facts.stream, hint.last);
-    return 0 < highest && highest < media.last_media;
+    if (!media.agree() || !hint.agree()) return false;
+    if (are_cut(media, facts.scan) || are_cut(hint, facts.scan)) return false;
+    const HintUse use = use_of(track.track(), track.media(), 0, deadline);
+    return use.misled > 0 || use.unused > 0;
 }
 
-bool can_be_sent(const FileFacts& facts) {
+// Whether hinting anew reports samples that are no media, or refuses them.
+bool has_implausible_media(HintPackets& track, Clock::time_point deadline) {
+    return track.media() != nullptr && implausible_samples(track.media(), deadline).count > 0;
+}
+
+void refuse_many(const std::vector<iso_track*>& hints, const std::string& input) {
+    if (hints.size() <= kMaxCapturedTracks) return;
+    throw file_error(input, std::to_string(hints.size()) +
+                                " hint tracks; the most that are sent is " +
+                                std::to_string(kMaxCapturedTracks));
+}
+
+// Looks until a deadline: what comes after it counts as good.
+bool can_be_sent(const FileFacts& facts, const std::string& input) {
     const std::vector<iso_track*> hints = hint_tracks(facts);
     if (hints.empty() || !std::all_of(hints.begin(), hints.end(), is_described)) return false;
+    refuse_many(hints, input);
     const HintTracks tracks = read_hint_tracks(facts, hints);
-    return std::none_of(tracks.begin(), tracks.end(), [&](const auto& track) {
-        return ends_early(facts, *track) || has_spoilt_packets(*track);
-    });
+    const auto deadline = Clock::now() + kMaxLooking;
+    const auto none = [&](auto is_fault) {
+        return std::none_of(tracks.begin(), tracks.end(), is_fault);
+    };
+    return none([&](const auto& track) { return leaves_samples_out(facts, *track, deadline); }) &&
+           none([&](const auto& track) { return has_implausible_media(*track, deadline); }) &&
+           none([&](const auto& track) { return has_spoilt_packets(*track, deadline); });
 }
 
 // Hints the file into a temporary one, without the tracks that cannot be sent.
@@ -125,7 +147,7 @@ Source open_source(const std::string& input) {
     source.host = open_host(input);
     source.facts = gather_facts(source.host.get(), Clock::now() + kMaxSeconds);
     if (!source.facts.scan.is_3gp()) throw no_media_file(input);
-    return can_be_sent(source.facts) ? std::move(source) : hint_anew(source, input);
+    return can_be_sent(source.facts, input) ? std::move(source) : hint_anew(source, input);
 }
 
 void write_description(const Options& options, const UdpAddress& to, uint16_t first_port,
@@ -165,11 +187,7 @@ void send(const Options& options) {
         throw Error("--to needs an even port; RTCP goes to the odd one after it", kWrongUsage);
     Source source = open_source(options.input);
     const std::vector<iso_track*> hints = hint_tracks(source.facts);
-    if (hints.size() > kMaxCapturedTracks) {
-        throw file_error(options.input, std::to_string(hints.size()) +
-                                            " hint tracks; the most that are sent is " +
-                                            std::to_string(kMaxCapturedTracks));
-    }
+    refuse_many(hints, options.input);
     HintTracks tracks = read_hint_tracks(source.facts, hints);
     const UdpAddress to(receiver.host);
     constexpr double kMilliseconds = 1000;

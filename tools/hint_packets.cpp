@@ -5,6 +5,7 @@
 #include <map>
 
 #include "companion/probe/media_tracks.h"
+#include "companion/probe/reasons.h"
 #include "interface/src/isoff/record/private.h"
 
 namespace tool {
@@ -71,27 +72,54 @@ void HintPackets::go_to(int32_t sample) {
     hint_->own->hint_work = {};
 }
 
-std::string HintPackets::lacks() const {
-    const std::string name = "hint track " + std::to_string(hint_->track_id);
+std::string HintPackets::name() const {
+    return "hint track " + std::to_string(hint_->track_id);
+}
+
+// Whether samples of the hint track or of its medium lie after the end of the file.
+bool HintPackets::is_cut() const {
+    const uint32_t size = facts_.scan.file_size;
+    return !is_whole(hint_, size) || (media_ != nullptr && !is_whole(media_, size));
+}
+
+HintPackets::Lack HintPackets::lack_after_damage(uint64_t samples) const {
+    const std::string sample =
+        "hint sample " + std::to_string(damaged_sample_) + " of " + std::to_string(samples);
+    const std::string left_out = "its packets and all after them are left out";
+    if (unreadable_) return {name() + ": " + sample + " cannot be read; " + left_out, ""};
+    if (!is_cut()) {
+        return {name() + ": " + sample + " is damaged; " + left_out,
+                "'kestrel hint --replace' makes new ones"};
+    }
+    const std::string missing = missing_bytes(facts_.scan);
+    const std::string cut =
+        name() + ": the packets of " + sample + " and all after them are left out";
+    if (missing.empty()) return {cut, "the file ends before its tracks do: get the whole file"};
+    return {cut, "the file is cut: " + missing +
+                     "; 'kestrel hint --replace --salvage' keeps what is whole of it"};
+}
+
+HintPackets::Lack HintPackets::lack() const {
     if (hint_->rtp_max_packet > kLongestPacket) {
-        return name + " declares packets of " + std::to_string(hint_->rtp_max_packet) +
-               " bytes; the most is " + std::to_string(kLongestPacket);
+        return {name() + " declares packets of " + std::to_string(hint_->rtp_max_packet) +
+                    " bytes; the most is " + std::to_string(kLongestPacket),
+                ""};
     }
     const Expected expected = expected_of(hint_, facts_.imported_track(hint_));
-    if (damaged_sample_ > 0) {
-        return name + ": hint sample " + std::to_string(damaged_sample_) + " of " +
-               std::to_string(expected.samples) +
-               (unreadable_ ? " cannot be read" : " is damaged") +
-               "; its packets and all after them are left out" +
-               (unreadable_ ? "" : "; 'kestrel hint --replace' makes new ones");
-    }
+    if (damaged_sample_ > 0) return lack_after_damage(expected.samples);
     const auto read = static_cast<uint64_t>(std::max(hint_->sample_count, 0));
     if (expected.samples > read) {
-        return name + ": " + std::to_string(expected.samples - read) + " of " +
-               std::to_string(expected.samples) + " hint samples are left out, as they are " +
-               (expected.in_fragments > 0 ? "in movie fragments" : "in no chunk");
+        return {name() + ": " + std::to_string(expected.samples - read) + " of " +
+                    std::to_string(expected.samples) + " hint samples are left out, as they are " +
+                    (expected.in_fragments > 0 ? "in movie fragments" : "in no chunk"),
+                ""};
     }
-    return made_ == 0 ? name + " has no packets" : "";
+    return {made_ == 0 ? name() + " has no packets" : "", ""};
+}
+
+std::string HintPackets::lacks() const {
+    const Lack all = lack();
+    return all.what + (all.step.empty() ? "" : "; " + all.step);
 }
 
 HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> hints) {
@@ -108,12 +136,15 @@ HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> 
 }
 
 std::string lacks_of(const HintTracks& tracks) {
-    std::string all;
+    std::string all, steps;
     for (const auto& track : tracks) {
-        const std::string lacks = track->lacks();
-        if (!lacks.empty()) all += (all.empty() ? "" : "; ") + lacks;
+        const HintPackets::Lack lack = track->lack();
+        if (lack.what.empty()) continue;
+        all += (all.empty() ? "" : "; ") + lack.what;
+        if (!lack.step.empty() && steps.find(lack.step) == std::string::npos)
+            steps += "; " + lack.step;
     }
-    return all;
+    return all + steps;
 }
 
 std::string missing_media(const HintTracks& tracks) {

@@ -26,6 +26,7 @@ class HintPackets {
     iso_track* track() { return hint_; }
     // Null for a track that holds all its payload itself.
     const iso_track* media() const { return media_; }
+    iso_track* media() { return media_; }
 
     // Returns the next packet, valid until the next call; empty at the end and if the hint track
     // is damaged. Memory is held from the first packet to the end.
@@ -45,10 +46,18 @@ class HintPackets {
     // bytes. Hint samples that are fewer or more than the media samples may be empty.
     uint64_t skipped_media() const { return skipped_media_; }
 
-    // After the last packet: returns what was left out, without a full stop; else an empty text.
+    // After the last packet: what was left out, and the next step, if any, without full stops.
+    struct Lack {
+        std::string what, step;
+    };
+    Lack lack() const;
+    // Both as one text; empty where nothing was left out.
     std::string lacks() const;
 
   private:
+    std::string name() const;
+    bool is_cut() const;
+    Lack lack_after_damage(uint64_t samples) const;
     // Counts hint samples without packets, up to the one before `end`.
     void skip_to(int32_t end);
 
@@ -71,7 +80,7 @@ using HintTracks = std::vector<std::unique_ptr<HintPackets>>;
 // Readers of these hint tracks.
 HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> hints);
 
-// Returns what all of them left out, separated by semicolons.
+// Returns what all of them left out, separated by semicolons, and each next step once.
 std::string lacks_of(const HintTracks& tracks);
 
 // Returns for how many media samples there were no packets; empty for none.

@@ -48,32 +48,6 @@ struct Medium {
     std::unique_ptr<HintSamples> hint_samples;
 };
 
-// Samples whose bytes their codec cannot have written.
-struct ImplausibleSamples {
-    uint32_t count = 0, first = 0;  // the first counts from 1
-
-    void add(uint32_t number) {
-        if (count++ == 0) first = number;
-    }
-};
-
-bool is_plausible(const iso_track* track, std::span<const uint8_t> sample) {
-    switch (track->codec) {
-        case ISO_CODEC_S263:
-            return stream::is_h263_picture(sample);
-        case ISO_CODEC_MP4V:
-            return stream::is_mpeg4_picture(sample);
-        case ISO_CODEC_AVC1:
-            return stream::is_h264_sample(sample, track->nal_length_size);
-        case ISO_CODEC_SAMR:
-            return stream::is_speech_sample(sample, kNarrowBand);
-        case ISO_CODEC_SAWB:
-            return stream::is_speech_sample(sample, kWideBand);
-        default:
-            return true;
-    }
-}
-
 // Whether the parameter sets of a track are NAL units.
 bool has_plausible_sets(const iso_track* track) {
     if (track->codec != ISO_CODEC_AVC1) return true;
@@ -216,7 +190,8 @@ class Job {
     bool plan_samples(Medium& medium) {
         const std::span<const importer::Sample> samples = medium.track.from->samples;
         HintSample made;
-        ImplausibleSamples implausible;
+        stream::ImplausibleSamples implausible;
+        implausible.all = samples.size();
         for (uint32_t i = 0; i < samples.size(); ++i) {
             const auto bytes = reader_.sample(samples, i);
             if (!bytes) return false;
@@ -224,7 +199,9 @@ class Job {
             const int refused = make_next_hint(medium.hint, *bytes, figures.cts_offset, made);
             if (refused != 0) return refuse_sample(medium, refused, i, *bytes);
             if (!can_be_played(made.packets)) return refuse_long_sample(medium, i);
-            if (!is_plausible(medium.track.to, *bytes)) implausible.add(i + 1);
+            const iso_track* to = medium.track.to;
+            if (!stream::is_plausible_sample(to->codec, to->nal_length_size, *bytes))
+                implausible.add(uint64_t{i} + 1);
             count_hint(medium.hint, made, figures.duration);
             medium.hint_samples->add(made);
             count_packets(made.packets);
@@ -241,21 +218,15 @@ class Job {
         return bytes <= kMaxFrameBytes;
     }
 
-    // Bytes of a wrong place are no media. A few such samples are left to the decoder.
-    bool judge_plausibility(const Medium& medium, const ImplausibleSamples& implausible) {
-        const importer::Track& track = *medium.track.from;
-        const std::string cannot =
-            " cannot be of the codec '" +
-            importer::type_text(track.descriptions[medium.description].type) + "'";
-        if (!has_plausible_sets(medium.track.to))
-            add_note(name_of(medium) + ": a parameter set" + cannot);
+    bool judge_plausibility(const Medium& medium, const stream::ImplausibleSamples& implausible) {
+        const std::string entry =
+            importer::type_text(medium.track.from->descriptions[medium.description].type);
+        if (!has_plausible_sets(medium.track.to)) {
+            add_note(name_of(medium) + ": a parameter set cannot be of the codec '" + entry + "'");
+        }
         if (implausible.count == 0) return true;
-        const std::string text = name_of(medium) + ": " + std::to_string(implausible.count) +
-                                 " of " + std::to_string(track.samples.size()) + " samples" +
-                                 cannot + ", the first is number " +
-                                 std::to_string(implausible.first);
-        if (implausible.count > track.samples.size() / 2)
-            return outcome_.fail(KST_HINT_REFUSED, text + ": " + stream::kWrongBytesText);
+        const std::string text = name_of(medium) + ": " + implausible.text(entry);
+        if (implausible.are_most()) return outcome_.fail(KST_HINT_REFUSED, text);
         add_note(text);
         return true;
     }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "kestrel/isoff.h"
 #include "native/codec/golomb_reader.h"
 #include "native/codec/h264_units.h"
 
@@ -73,6 +74,29 @@ bool is_h264_sample(std::span<const uint8_t> sample, int length_size) {
         if (!is_nal_unit(unit)) return false;
     }
     return has_unit && !units.is_cut();
+}
+
+bool is_plausible_sample(int32_t codec, int length_size, std::span<const uint8_t> sample) {
+    switch (codec) {
+        case ISO_CODEC_S263:
+            return is_h263_picture(sample);
+        case ISO_CODEC_MP4V:
+            return is_mpeg4_picture(sample);
+        case ISO_CODEC_AVC1:
+            return is_h264_sample(sample, length_size);
+        case ISO_CODEC_SAMR:
+            return is_speech_sample(sample, kNarrowBand);
+        case ISO_CODEC_SAWB:
+            return is_speech_sample(sample, kWideBand);
+        default:
+            return true;
+    }
+}
+
+std::string ImplausibleSamples::text(const std::string& entry) const {
+    return std::to_string(count) + " of " + std::to_string(all) +
+           " samples cannot be of the codec '" + entry + "', the first is number " +
+           std::to_string(first) + (are_most() ? std::string(": ") + kWrongBytesText : "");
 }
 
 }  // namespace kestrel::stream

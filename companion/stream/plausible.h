@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "native/codec/amr_format.h"
 
@@ -34,6 +35,23 @@ bool is_speech_sample(std::span<const uint8_t> sample, const AmrBand& band);
 // A sample with lengths of `length_size` bytes before its NAL units: whether they end with it and
 // all of them are NAL units. There is at least one that is not empty, except in an empty sample.
 bool is_h264_sample(std::span<const uint8_t> sample, int length_size);
+
+// A sample of any codec, one of kestrel/isoff.h; `length_size` is that of H.264.
+bool is_plausible_sample(int32_t codec, int length_size, std::span<const uint8_t> sample);
+
+// The samples of a track whose bytes its codec cannot have written.
+struct ImplausibleSamples {
+    uint64_t count = 0, first = 0;  // the first counts from 1
+    uint64_t all = 0;               // samples of the track
+
+    void add(uint64_t number) {
+        if (count++ == 0) first = number;
+    }
+    // Bytes of a wrong place are no media. A few such samples are left to the decoder.
+    bool are_most() const { return count > all / 2; }
+    // A sentence without a full stop. `entry` is the type of the sample entry, such as "s263".
+    std::string text(const std::string& entry) const;
+};
 
 }  // namespace kestrel::stream
 

@@ -6,9 +6,8 @@
 #include <vector>
 
 #include "companion/probe/hint_constructors.h"
-#include "companion/probe/media_tracks.h"
-#include "interface/src/isoff/record/private.h"
 #include "native/codec/amr_format.h"
+#include "tools/judge/track_samples.h"
 
 namespace tool {
 
@@ -17,27 +16,12 @@ using namespace kestrel;
 
 namespace {
 
-constexpr uint32_t kLongest = 16 << 20;  // bytes of a hint sample that plays
-
-uint32_t samples_of(const iso_track* track) {
-    return static_cast<uint32_t>(std::max(track->sample_count, 0));
-}
-
-// Reads a sample, from 0; nothing of one that cannot be read.
-std::span<const uint8_t> read_sample(iso_track* track, uint32_t sample,
-                                     std::vector<uint8_t>& bytes) {
-    bytes.resize(sample_size_of(track, sample));
-    const int got = isoFFreadAt(track, static_cast<int>(sample), 0, bytes.data(),
-                                static_cast<unsigned>(bytes.size()), nullptr, nullptr);
-    return std::span(bytes).first(static_cast<size_t>(std::max(got, 0)));
-}
-
 // Whether a sample has more than frames of speech without data, which a hint track may leave out.
 bool has_media(iso_track* media, uint32_t sample, std::vector<uint8_t>& scratch) {
     const uint32_t size = sample_size_of(media, sample);
     if (size < 2 || (media->codec != ISO_CODEC_SAMR && media->codec != ISO_CODEC_SAWB))
         return size >= 2;
-    if (size > kLongest) return true;
+    if (size > kLongestSample) return true;
     const AmrBand& band = amr_band(media->codec == ISO_CODEC_SAWB);
     const auto bytes = read_sample(media, sample, scratch);
     return std::any_of(bytes.begin(), bytes.end(), [&](uint8_t header) {
@@ -54,12 +38,12 @@ class Walk {
           is_one_each_(samples_of(hint) == samples_of(media)),
           is_used_(is_one_each_ ? 0 : samples_of(media)) {}
 
-    HintUse run(const std::function<bool()>& goes_on) {
+    HintUse run(Clock::time_point deadline) {
         for (uint32_t i = is_one_each_ ? first_ : 0; i < samples_of(hint_); ++i) {
-            if (!goes_on() || sample_size_of(hint_, i) > kLongest) return {};
+            if (Clock::now() > deadline || sample_size_of(hint_, i) > kLongestSample) return {};
             take(i);
         }
-        const uint64_t unused = is_one_each_ ? 0 : count_unused(goes_on);
+        const uint64_t unused = is_one_each_ ? 0 : count_unused(deadline);
         // A packet that takes nothing from the medium may hold a sample itself.
         if (unused > own_packets_) use_.unused = unused;
         return use_;
@@ -87,11 +71,11 @@ class Walk {
                uint64_t{from.sample_offset} + from.length > sample_size_of(media_, number);
     }
 
-    uint64_t count_unused(const std::function<bool()>& goes_on) {
+    uint64_t count_unused(Clock::time_point deadline) {
         uint64_t unused = 0;
         for (uint32_t i = first_; i < is_used_.size(); ++i) {
             if (is_used_[i]) continue;
-            if (!goes_on()) return 0;
+            if (Clock::now() > deadline) return 0;
             unused += has_media(media_, i, bytes_) ? 1 : 0;
         }
         return unused;
@@ -109,9 +93,8 @@ class Walk {
 
 }  // namespace
 
-HintUse use_of(iso_track* hint, iso_track* media, uint32_t first,
-               const std::function<bool()>& goes_on) {
-    return Walk(hint, media, first).run(goes_on);
+HintUse use_of(iso_track* hint, iso_track* media, uint32_t first, Clock::time_point deadline) {
+    return Walk(hint, media, first).run(deadline);
 }
 
 }  // namespace tool

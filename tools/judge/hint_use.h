@@ -4,9 +4,9 @@
 #define KESTREL_TOOLS_JUDGE_HINT_USE_H
 
 #include <cstdint>
-#include <functional>
 
 #include "kestrel/isoff.h"
+#include "tools/judge/child_process.h"
 
 namespace tool {
 
@@ -21,10 +21,9 @@ struct HintUse {
 };
 
 // Walks the sample constructors of all hint samples. Counts only samples from `first` on, from 0.
-// Finds nothing where `goes_on` returns false before the end, and no unused samples where packets
+// Finds nothing where the deadline passes before the end, and no unused samples where packets
 // may hold them themselves. Moves the cursors of both tracks.
-HintUse use_of(iso_track* hint, iso_track* media, uint32_t first,
-               const std::function<bool()>& goes_on);
+HintUse use_of(iso_track* hint, iso_track* media, uint32_t first, Clock::time_point deadline);
 
 }  // namespace tool
 

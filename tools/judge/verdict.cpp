@@ -13,6 +13,7 @@
 #include "native/codec/h264_units.h"
 #include "tools/hint_packets.h"
 #include "tools/judge/hint_use.h"
+#include "tools/judge/track_samples.h"
 #include "tools/report/markup.h"
 
 namespace tool {
@@ -89,18 +90,14 @@ uint64_t first_damaged_hint(const Subject& subject) {
 
 // Counts what only the samples from `first` on show, of a track that was played to its end.
 MediaCounts with_samples(const iso_track* track, uint32_t first, MediaCounts counts) {
-    constexpr uint32_t kLongest = 16 << 20;  // bytes of a sample that plays
     const bool is_judged = counts.implausible > 0;
     const kestrel::AmrBand& band =
         track->codec == ISO_CODEC_SAWB ? kestrel::kWideBand : kestrel::kNarrowBand;
     std::vector<uint8_t> sample;
-    for (auto number = static_cast<int32_t>(first); number < track->sample_count; ++number) {
-        sample.resize(std::min(sample_size_of(track, static_cast<uint32_t>(number)), kLongest));
+    for (uint32_t number = first; number < samples_of(track); ++number) {
         // Reading moves the track's cursor, which nothing else uses.
-        const int got = isoFFreadAt(const_cast<iso_track*>(track), number, 0, sample.data(),
-                                    static_cast<unsigned>(sample.size()), nullptr, nullptr);
-        const auto bytes = std::span(sample).first(static_cast<size_t>(std::max(got, 0)));
-        const auto from_one = static_cast<uint64_t>(number) + 1;
+        const auto bytes = read_sample(const_cast<iso_track*>(track), number, sample);
+        const uint64_t from_one = uint64_t{number} + 1;
         if (track->codec == ISO_CODEC_AVC1) {
             count_h264(bytes, track->nal_length_size, from_one, is_judged, counts);
         } else {
@@ -132,7 +129,7 @@ iso_track* hints_of(const Subject& subject) {
 MediaCounts with_hints(iso_track* hint, const Subject& subject, MediaCounts counts) {
     // Reading moves the tracks' cursors, which nothing else uses.
     const HintUse use = use_of(hint, const_cast<iso_track*>(subject.track), subject.skipped,
-                               [] { return true; });
+                               Clock::time_point::max());
     counts.misled = use.misled;
     counts.first_misled = use.first_misled;
     counts.unused = use.unused;
