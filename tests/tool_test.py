@@ -932,6 +932,39 @@ class Send(ToolTest):
                     self.assert_control_packets(control, packets)
         self.assertEqual(len({s[0] for s in starts}), len(starts))
 
+    def test_samples_that_hints_leave_out_are_sent(self):
+        """Of several to a hint sample, one that comes twice in place of another."""
+        data = load("amrnb_hinted_multi")
+        old = struct.pack(">2I2H", 7, 1, 1, 1)  # of a constructor: number, offset, block
+        self.assertEqual(data.count(old), 1)
+        path = self.write("f.3gp", data.replace(old, struct.pack(">I", 6) + old[4:]))
+        [(packets, _)] = self.receive(path, 1, "--speed", 500)
+        self.assertEqual(len(packets), 298)  # of new hints
+
+    def test_media_that_lack_something_are_reported_as_without_hints(self):
+        here = Datagrams(1)
+        self.addCleanup(here.close)
+        few = b"track 1: 2 of 30 samples cannot be of the codec 's263', the first is number 2"
+        for name, begin, end, code, text in [
+                ("h263", 5000, 16000, 0, few),
+                ("amrnb", 320, 352, 1, b"track 1: sample 11 is malformed: it does not end with")]:
+            media = boxes(load(f"{name}_plain"), [b"mdat"])[0][begin:end]
+            for form in ("plain", "hinted"):
+                with self.subTest(name=name, form=form):
+                    data = load(f"{name}_{form}")
+                    self.assertEqual(data.count(media), 1)
+                    path = self.write("f.3gp", data.replace(media, bytes(len(media))))
+                    result = run("send", path, "--to", f"127.0.0.1:{here.port}", "--speed", 1000)
+                    self.assertEqual(result.returncode, code, result.stderr)
+                    self.assertIn(text, result.stderr)
+            if code == 0:
+                listed = run("packets", path)
+                self.assertEqual((listed.returncode, listed.stderr), (0, result.stderr))
+        cut = self.write("cut.3gp", load("av_h263_amrnb_hinted")[:30000])
+        for command in (("packets", cut), ("send", cut, "--to", f"127.0.0.1:{here.port}")):
+            self.assert_fails(run(*command), 1, "all after them are left out; the file is cut: 38,881 "
+                              "bytes of 'mdat' are missing; 'kestrel hint --replace --salvage' keeps")
+
     def test_samples_without_duration_are_sent(self):
         data = bytearray(pathlib.Path(sample("amrnb_hinted")).read_bytes())
         first_delta = data.rindex(b"stts") + 16  # of the hint track

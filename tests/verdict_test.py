@@ -43,6 +43,13 @@ def speech_file(samples, together=50, stored=None):
     return head + box(b"mdat", frame * stored)
 
 
+def retargeted(data, number, offset, other):
+    """The constructor that takes bytes of a sample from this offset on takes them of another."""
+    old = struct.pack(">2I2H", number, offset, 1, 1)
+    assert data.count(old) == 1
+    return data.replace(old, struct.pack(">I", other) + old[4:])
+
+
 def samples_at_one_place(samples):
     """Hinted H.264 of so many samples of 65,000 bytes at one place, of which the hints take two each."""
     data = load("h264_hinted")
@@ -368,6 +375,45 @@ class Check(ToolTest):
                 lines += [f"  {why}" for why in sorted({v.get("why", "")
                                                         for v in about.get("verdicts", [])}) if why]
         self.assert_recorded("verdicts_of_damaged.txt", lines)
+
+    def test_hint_samples_take_the_bytes_of_their_samples(self):
+        for name, offset, others, mode, apis in [
+                ("amrnb_hinted", 1, (6, 8), "ar", ["class"]),
+                ("h263_hinted", 2, (6,), "vr", ["function", "class"])]:
+            for other in others:
+                path = self.write("f.3gp", retargeted(load(name), 7, offset, other))
+                about = json.loads(run("info", path, "--json").stdout)["verdicts"]
+                for verdict in [v for v in about if v["medium"][0] == mode[0]]:
+                    with self.subTest(name=name, other=other, api=verdict["api"]):
+                        result = run("extract", path, mode, "--api", verdict["api"])
+                        if verdict["api"] not in apis:
+                            self.assertEqual((result.returncode, verdict["plays"]), (0, True))
+                            continue
+                        self.assertEqual(verdict["reason"], "damaged")
+                        self.assertIn("--replace", verdict["fix"])
+                        self.assert_fails(result, 1, "samples is not delivered as a whole: hint "
+                                          "sample 7 takes bytes that are not of its sample")
+        # Samples of several in a hint sample: one is left out, another comes twice.
+        path = self.write("f.3gp", retargeted(load("amrnb_hinted_multi"), 7, 1, 6))
+        self.assertEqual(self.check(path)[1][0][1:4], ("plays", "incomplete", "hint --replace"))
+        self.assert_fails(run("extract", path, "ar", "--api", "class"), 1,
+                          "It delivers only 297 of 298 samples")
+        # A sample without bytes of which packets take some.
+        for name in ("mpeg4_b_hinted", "h263_rfc2190_hinted_1450"):
+            data = load(name)
+            sizes = data.index(b"stsz") + 16
+            last = sizes + 4 * int.from_bytes(data[sizes - 4:sizes], "big") - 4
+            path = self.write("f.3gp", data[:last] + bytes(4) + data[last + 4:])
+            self.assertEqual(self.check(path)[1][0][1:4], ("damaged", "damaged", "hint --replace"))
+
+    def test_pictures_are_counted_by_their_packets(self):
+        data = load("av_h263_amrnb_hinted")
+        media = boxes(data, [b"mdat"])[0]
+        for kept, word, text in [(0, "damaged", "no frame comes out"),
+                                 (len(media) // 2, "incomplete", "It delivers only 3 of 30 pictures")]:
+            path = self.write("f.3gp", data.replace(media, media[:kept] + bytes(len(media) - kept)))
+            self.assertEqual({row[2] for row in self.check(path)[1] if row[0] == "video"}, {word})
+            self.assert_fails(run("extract", path, "vr", "--api", "class"), 1, text)
 
     def test_tracks_inside_others_are_not_hinted(self):
         data = next(data for label, data in damaged_boxes() if "covers" in label)

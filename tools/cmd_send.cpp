@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <random>
 
-#include "companion/probe/sample_places.h"
+#include "companion/probe/reasons.h"
 #include "companion/stream/depacketise.h"
 #include "kestrel/hinter.h"
 #include "native/codec/payload_types.h"
@@ -78,10 +78,8 @@ bool has_spoilt_packets(HintPackets& track, Clock::time_point deadline) {
 // Whether the packets of media that are whole lack samples, or have bytes of others.
 bool leaves_samples_out(const FileFacts& facts, HintPackets& track, Clock::time_point deadline) {
     if (track.media() == nullptr) return false;
-    const auto media = kestrel::probe::places_of(track.media());
-    const auto hint = kestrel::probe::places_of(track.track());
-    if (!media.agree() || !hint.agree()) return false;
-    if (are_cut(media, facts.scan) || are_cut(hint, facts.scan)) return false;
+    const uint32_t size = facts.scan.file_size;
+    if (!is_whole(track.media(), size) || !is_whole(track.track(), size)) return false;
     const HintUse use = use_of(track.track(), track.media(), 0, deadline);
     return use.misled > 0 || use.unused > 0;
 }

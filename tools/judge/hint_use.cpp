@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "companion/probe/hint_constructors.h"
+#include "companion/probe/sample_places.h"
 #include "native/codec/amr_format.h"
 #include "tools/judge/track_samples.h"
 
@@ -94,6 +95,7 @@ class Walk {
 }  // namespace
 
 HintUse use_of(iso_track* hint, iso_track* media, uint32_t first, Clock::time_point deadline) {
+    if (!places_of(hint).agree() || !places_of(media).agree()) return {};
     return Walk(hint, media, first).run(deadline);
 }
 

@@ -21,8 +21,9 @@ struct HintUse {
 };
 
 // Walks the sample constructors of all hint samples. Counts only samples from `first` on, from 0.
-// Finds nothing where the deadline passes before the end, and no unused samples where packets
-// may hold them themselves. Moves the cursors of both tracks.
+// Finds nothing where the tables of a track do not agree, as the APIs differ on them, or the
+// deadline passes before the end, and no unused samples where packets may hold them themselves.
+// Moves the cursors of both tracks.
 HintUse use_of(iso_track* hint, iso_track* media, uint32_t first, Clock::time_point deadline);
 
 }  // namespace tool

@@ -19,8 +19,8 @@ struct MediaCounts {
     // Of video, of the frames with bytes of a picture: those without and with a malformed packet.
     uint64_t pictures = 0;
     uint64_t malformed = 0;
-    uint64_t bytes = 0;   // of media: pictures without packet headers, speech frames as stored
-    uint64_t units = 0;   // of H.264; each counts 4 bytes more in `bytes`, as its length takes
+    uint64_t bytes = 0;  // of media: pictures without packet headers, speech frames as stored
+    uint64_t units = 0;  // of H.264; each counts 4 bytes more in `bytes`, as its length takes
     uint64_t empty_frames = 0;  // of speech: without speech or comfort noise, a byte each
     // What only the samples show. Of H.264: bytes that are not in packets: lengths of empty units,
     // and what is after the last one.
@@ -61,7 +61,7 @@ class MediaTally final : private kestrel::stream::RecordSink {
     void end_unit();
 
     kestrel::stream::NativeWalk walk_;
-    bool lost_ = false;  // the rest is no native stream
+    bool lost_ = false;                                // the rest is no native stream
     bool has_picture_ = false, is_malformed_ = false;  // the current frame
     kestrel::stream::Medium medium_ = kestrel::stream::Medium::kNarrowBandSpeech;
     std::unique_ptr<kestrel::stream::Depacketiser> depacketiser_;

@@ -349,7 +349,7 @@ std::string amount(const Subject& subject, const MediaCounts& counts) {
                " pictures";
     }
     if (counts.misled > 0) return "";
-    if (counts.unused > 0) {
+    if (counts.unused > 0 && counts.bytes >= expected.bytes) {
         return std::to_string(expected.samples - std::min(counts.unused, expected.samples)) +
                " of " + std::to_string(expected.samples) + " samples";
     }
