@@ -862,21 +862,30 @@ Bytes speech_stream(size_t frames, const Bytes& payloads) {
                        });
 }
 
-Bytes video_stream(size_t frames, uint32_t packets, const Bytes& payload, bool marker) {
-    return with_frames(
-        play(read_sample("h263_hinted.3gp"), "vr").stream, 92, frames, [&](uint32_t time) {
-            const auto size = static_cast<uint32_t>(sizeof(TEL_Packet_Header) + payload.size());
-            const uint32_t head = sizeof(VID_Frame_Record) + sizeof(VID_Frame_Words);
-            Bytes frame = join({bytes_of(VID_Frame_Record{head + packets * size, packets, 0}),
-                                bytes_of(kFrameWords)});
-            for (uint32_t i = 0; i < packets; ++i) {
-                const uint32_t word = 2u << 30 | (marker ? 1u << 23 : 0) | (i & 0xFFFF);
-                const Bytes header = bytes_of(TEL_Packet_Header{size, time, word, time, 0});
-                frame.insert(frame.end(), header.begin(), header.end());
-                frame.insert(frame.end(), payload.begin(), payload.end());
-            }
-            return frame;
-        });
+Bytes video_stream(size_t frames, uint32_t packets, const Bytes& payload, bool marker,
+                   const char* like = "h263_hinted.3gp", size_t headers = 92) {
+    return with_frames(play(read_sample(like), "vr").stream, headers, frames, [&](uint32_t time) {
+        const auto size = static_cast<uint32_t>(sizeof(TEL_Packet_Header) + payload.size());
+        const uint32_t head = sizeof(VID_Frame_Record) + sizeof(VID_Frame_Words);
+        Bytes frame = join(
+            {bytes_of(VID_Frame_Record{head + packets * size, packets, 0}), bytes_of(kFrameWords)});
+        for (uint32_t i = 0; i < packets; ++i) {
+            const uint32_t word = 2u << 30 | (marker ? 1u << 23 : 0) | (i & 0xFFFF);
+            const Bytes header = bytes_of(TEL_Packet_Header{size, time, word, time, 0});
+            frame.insert(frame.end(), header.begin(), header.end());
+            frame.insert(frame.end(), payload.begin(), payload.end());
+        }
+        return frame;
+    });
+}
+
+// A picture of H.264 whose configuration is in the packet.
+Bytes h264_stream(const Bytes& payload) {
+    using Config = VID_Header_H264CodecConfig;
+    constexpr size_t kHeaders = 452, kConfig = kHeaders - sizeof(VID_FileInfo) - sizeof(Config);
+    Bytes stream = video_stream(1, 1, payload, true, "h264_hinted.3gp", kHeaders);
+    stream[kConfig + offsetof(Config, length)] = 0;
+    return stream;
 }
 
 // Records are held in proportion to the bytes of a stream, however short its frames and packets.
@@ -906,6 +915,9 @@ TEST(PackerMemory, IsBoundedByTheStream) {
         {"packets of a byte",
          video_stream(1, 100000, {0, 0, 0, 0, 1}, false),
          {KST_PACK_CUT, KST_PACK_REFUSED}},
+        {"parameter sets of a byte",
+         h264_stream(join({{0x78}, many({0, 1, 0x67}, 400000)})),
+         {KST_PACK_REFUSED, KST_PACK_REFUSED}},
         {"malformed packets", video_stream(10, 10000, {1}, false), {KST_PACK_CUT, KST_PACK_CUT}},
     };
     for (const auto& about : cases) {

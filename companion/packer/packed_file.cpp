@@ -45,18 +45,17 @@ struct Track {
 
 // --- configuration ---
 
-// Returns the units between start codes.
-std::vector<NalUnit> units_of(std::span<const uint8_t> bytes) {
-    std::vector<NalUnit> units;
+// Calls visit(unit) for the units between start codes.
+template <typename Visit>
+void for_each_unit(std::span<const uint8_t> bytes, Visit visit) {
     while (bytes.size() > kStartCode.size()) {
         bytes = bytes.subspan(kStartCode.size());
         const auto end =
             std::search(bytes.begin(), bytes.end(), kStartCode.begin(), kStartCode.end());
         const auto size = static_cast<size_t>(end - bytes.begin());
-        if (size > 0) units.push_back(bytes.first(size));
+        if (size > 0) visit(bytes.first(size));
         bytes = bytes.subspan(size);
     }
-    return units;
 }
 
 // Returns the bytes after the parameter sets in the record of the higher profiles (ISO/IEC
@@ -76,10 +75,10 @@ void add_chroma_format(NalUnit sequence_set, std::vector<uint8_t>& avcc) {
 std::vector<uint8_t> avcc_of(std::span<const uint8_t> config) {
     std::vector<NalUnit> sequence_sets;
     std::vector<NalUnit> picture_sets;
-    for (const NalUnit unit : units_of(config)) {
+    for_each_unit(config, [&](NalUnit unit) {
         if (nal_type(unit) == kSequenceSet) sequence_sets.push_back(unit);
         if (nal_type(unit) == kPictureSet) picture_sets.push_back(unit);
-    }
+    });
     std::vector<uint8_t> avcc = make_avcc(sequence_sets, picture_sets, kLengthSize);
     if (!avcc.empty()) add_chroma_format(sequence_sets.front(), avcc);
     return avcc;

@@ -6,6 +6,7 @@
 
 #include "common/bytes.h"
 #include "kestrel/native_records.h"
+#include "native/codec/avcc.h"
 #include "native/codec/h264_units.h"
 #include "native/codec/mpeg4_visual.h"
 
@@ -47,16 +48,21 @@ size_t offset_of(NalUnit unit, std::span<const uint8_t> sample) {
     return static_cast<size_t>(unit.data() - sample.data());
 }
 
-// Returns the first run of parameter sets before the slices of a sample.
+// Returns the first run of parameter sets before the slices of a sample; nothing if it has more
+// than a configuration can.
 std::span<const uint8_t> first_sets(std::span<const uint8_t> sample) {
     size_t begin = 0;
     size_t end = 0;
+    size_t sequence_sets = 0;
+    size_t picture_sets = 0;
     NalUnits units(sample, kLengthSize);
     for (NalUnit unit; units.next(unit) && !is_slice(unit);) {
         if (!is_parameter_set(unit) && end != 0) break;
         if (!is_parameter_set(unit)) continue;
         if (end == 0) begin = offset_of(unit, sample) - kLengthSize;
         end = offset_of(unit, sample) + unit.size();
+        ++(nal_type(unit) == kSequenceSet ? sequence_sets : picture_sets);
+        if (std::max(sequence_sets, picture_sets) > kMaxAvccSets) return {};
     }
     return sample.subspan(begin, end - begin);
 }

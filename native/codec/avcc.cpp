@@ -159,9 +159,8 @@ size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to
 
 std::vector<uint8_t> make_avcc(std::span<const NalUnit> sequence_sets,
                                std::span<const NalUnit> picture_sets, int length_size) {
-    constexpr size_t kMaxSets = 31;  // counted in five bits by readers
     const auto is_too_long = [](NalUnit set) { return set.size() > UINT16_MAX; };
-    if (sequence_sets.size() > kMaxSets || picture_sets.size() > kMaxSets ||
+    if (sequence_sets.size() > kMaxAvccSets || picture_sets.size() > kMaxAvccSets ||
         std::any_of(sequence_sets.begin(), sequence_sets.end(), is_too_long) ||
         std::any_of(picture_sets.begin(), picture_sets.end(), is_too_long)) {
         return {};

@@ -37,6 +37,9 @@ size_t avcc_length(std::span<const uint8_t> avcc);
 // Returns the length of all.
 size_t put_start_coded_sets(std::span<const uint8_t> avcc, std::span<uint8_t> to);
 
+// Sequence sets, or picture sets, of a record; readers count them in five bits.
+inline constexpr size_t kMaxAvccSets = 31;
+
 // Makes a record of parameter sets for NAL unit lengths of `length_size` bytes. Returns nothing
 // without a sequence parameter set that has profile and level, and for too many or too long sets.
 std::vector<uint8_t> make_avcc(std::span<const NalUnit> sequence_sets,
