@@ -406,6 +406,8 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(runs, "trun", 4, be32(0)), "bytes after the 0 samples that it declares"},
         {with(runs, "trun", 4, be32(1)), "bytes after the 1 samples that it declares"},
         {with(runs, "trun", 2, {0}), "bytes after the"},
+        {with(parts, "trun", 4, be32(0)), "bytes that no sample of the fragment before it takes"},
+        {with(parts, "trun", 4, be32(1)), "bytes that no sample of the fragment before it takes"},
     };
     for (const auto& [file, error] : kCases) {
         const Imported imported = import_bytes(file);

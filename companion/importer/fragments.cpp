@@ -199,7 +199,7 @@ class FragmentReader {
 bool FragmentReader::read(const Box& moof) {
     moof_ = moof;
     data_end_ = moof.offset;
-    import_.fragment_ends.push_back(data_end_);
+    import_.fragment_media.push_back({.end = data_end_});
     return each(import_, moof, fourcc("mfhd"), [&](const Box& box) { return read_number(box); }) &&
            each(import_, moof, kTraf, [&](const Box& box) { return read_track_fragment(box); });
 }
@@ -285,6 +285,7 @@ bool FragmentReader::read_run(const TrackFragment& fragment, const Box& box) {
         data_end_ = base_ + static_cast<std::uint64_t>(std::int64_t{run.data_offset});
     }
     first_run_ = false;
+    import_.fragment_media.back().has_bare_run |= run.record_size() == 0;
     if (run.count == 0) return true;
     if (!begun_ && !begin_runs(fragment)) return false;
     begun_ = true;
@@ -308,6 +309,7 @@ bool FragmentReader::read_run_samples(const TrackFragment& fragment, const Box& 
     if (run.count > track.samples.capacity() - track.samples.size()) {
         return import_.fail(box, "changed while it was read");
     }
+    FragmentMedia& media = import_.fragment_media.back();
     for (std::uint32_t i = 0; i < run.count; ++i) {
         Sample sample;
         sample.duration = run.has(kHasDurations) ? reader.u32() : *defaults.duration;
@@ -319,10 +321,11 @@ bool FragmentReader::read_run_samples(const TrackFragment& fragment, const Box& 
         sample.description = description & kDescriptionBits;
         sample.offset = data_end_;
         data_end_ += sample.size;
+        media.bytes += sample.size;
         state.end += sample.duration;
         track.samples.push_back(sample);
     }
-    import_.fragment_ends.back() = std::max(import_.fragment_ends.back(), data_end_);
+    media.end = std::max(media.end, data_end_);
     state.next = state.end;
     return import_.complete(reader, box);
 }
@@ -339,7 +342,7 @@ bool read_fragments(Import& import, std::span<const Box> moofs) {
         samples.reserve(samples.size() + static_cast<std::size_t>(state.fragment_samples));
         state.declared += state.fragment_samples;
     }
-    import.fragment_ends.reserve(moofs.size());
+    import.fragment_media.reserve(moofs.size());
     FragmentReader reader(import);
     return std::all_of(moofs.begin(), moofs.end(),
                        [&](const Box& moof) { return reader.read(moof); });

@@ -2,6 +2,7 @@
 // Boxes that are not found because the size or the type of another box is damaged.
 #include <algorithm>
 #include <span>
+#include <utility>
 
 #include "companion/importer/parts.h"
 
@@ -132,6 +133,16 @@ std::uint64_t end_of_movie_samples(const Movie& movie) {
     return end;
 }
 
+// Whether the media after fragments has samples for all of its bytes. Runs with records have a
+// length that shows how many there are.
+bool has_samples(Import& import, const Box& mdat, std::uint64_t bytes,
+                 const FragmentMedia& expected) {
+    return !expected.has_bare_run || expected.bytes >= bytes ||
+           import.lacks_fragments(place_text(mdat) + " has " +
+                                  std::to_string(bytes - expected.bytes) +
+                                  " bytes that no sample of the fragment before it takes");
+}
+
 }  // namespace
 
 bool check_child(Import& import, std::uint32_t container, const Box& box) {
@@ -146,7 +157,8 @@ bool check_file_place(Import& import, const Box& box) {
 bool check_covered_fragments(Import& import) {
     const std::uint64_t file_end = import.source.size();
     std::uint64_t data_end = end_of_movie_samples(import.movie);
-    auto next_end = import.fragment_ends.begin();
+    auto fragment = import.fragment_media.begin();
+    FragmentMedia expected;  // of the fragments since the mdat before
     BoxReader file(import.source, 0, file_end, BoxReader::ReadAhead::kNo);
     for (Box box; file.header(box);) {
         if (box.type == 0 && box.end == file_end) break;  // no box: zeros at the end, or damage
@@ -155,8 +167,13 @@ bool check_covered_fragments(Import& import) {
         const bool is_media = box.type == fourcc("mdat");
         const std::uint64_t begin = is_media ? std::clamp(data_end, box.body, end) : box.body;
         if (!covers_none(import, kFileAsContainer, box, begin, end)) return false;
-        if (box.type == fourcc("moof") && next_end != import.fragment_ends.end()) {
-            data_end = *next_end++;
+        if (is_media && !has_samples(import, box, end - box.body, std::exchange(expected, {})))
+            return false;
+        if (box.type == fourcc("moof") && fragment != import.fragment_media.end()) {
+            data_end = fragment->end;
+            expected.bytes += fragment->bytes;
+            expected.has_bare_run |= fragment->has_bare_run;
+            ++fragment;
         }
         file.skip(end - file.at());
     }

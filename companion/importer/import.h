@@ -62,6 +62,13 @@ struct TrackImport {
     std::uint64_t composition_end = 0;
 };
 
+// The media of a moof.
+struct FragmentMedia {
+    std::uint64_t end = 0;      // of its last sample in the file
+    std::uint64_t bytes = 0;    // of all samples
+    bool has_bare_run = false;  // a run that declares no more than the number of its samples
+};
+
 class Import {
   public:
     Import(Source& file, const Options& how, Movie& into)
@@ -105,7 +112,7 @@ class Import {
     std::uint64_t declared_duration = 0;       // of mehd, movie timescale
     std::uint32_t sequence_gaps = 0;           // in the numbers of the fragments
     std::optional<std::uint32_t> first_fragment_number;
-    std::vector<std::uint64_t> fragment_ends;  // of the data of each moof, in the file
+    std::vector<FragmentMedia> fragment_media;  // of each moof
     std::string error;
     std::string missing;  // the first thing that the file lacks, where that is salvaged
 
