@@ -340,6 +340,7 @@ TEST(Importer, SaysWhatIsWrong) {
     const Bytes plain = make_movie({}).file;
     const Bytes compact = make_movie(forms_of({{kSampleSize, 4}})).file;
     const Bytes parts = make_movie(forms_of({{kFragments, 2}, {kValues, 1}, {kTimes, 2}})).file;
+    const Bytes mixed = make_movie(forms_of({{kFragments, 1}})).file;
     const Bytes runs = make_movie(forms_of({{kFragments, 2}, {kRuns, 1}})).file;
     const Bytes alone = make_movie(forms_of({{kFragments, 2}, {kSpread, 1}})).file;
     const Bytes hidden = text("hidehide");  // over a header and the next one
@@ -362,6 +363,8 @@ TEST(Importer, SaysWhatIsWrong) {
         {renamed(plain, "stsd", "free"), "has no stsd"},
         {renamed(plain, "stts", "free"), "no times"},
         {renamed(renamed(renamed(plain, "stsz", "free"), "stts", "free"), "stss", "free"),
+         "has no table of sample sizes"},
+        {renamed(renamed(with(mixed, "stts", 4, be32(0)), "stss", "free"), "stsz", "free"),
          "has no table of sample sizes"},
         {renamed(plain, "stco", "free"), "no chunks"},
         {renamed(plain, "stss", "stts"), "second of its kind in stbl"},

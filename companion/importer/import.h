@@ -54,6 +54,7 @@ struct TrackImport {
     std::uint64_t end = 0;               // of the last sample
     std::uint64_t next = 0;              // where the next run begins without a tfdt
     bool lacks_sizes = false;            // there is no stsz or stz2 for its samples
+    bool has_entries = false;            // in the tables of times, runs or chunks
     std::uint32_t fragments = 0;         // with samples of the track
     std::uint64_t fragments_begin = 0;   // time of the first of them
     std::uint32_t gaps_seen = 0;         // of Import::sequence_gaps
@@ -66,7 +67,7 @@ struct TrackImport {
 struct FragmentMedia {
     std::uint64_t end = 0;      // of its last sample in the file
     std::uint64_t bytes = 0;    // of all samples
-    bool has_bare_run = false;  // a run that declares no more than the number of its samples
+    bool has_bare_run = false;  // a run without records of its samples
 };
 
 class Import {

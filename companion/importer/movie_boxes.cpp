@@ -91,12 +91,13 @@ constexpr BoxHandler<Import> kExtensionBoxes[] = {
     {fourcc("trex"), read_track_defaults},
 };
 
-// Without fragments, the samples of a track are those of its table of sizes, also where it has
-// none.
+// The samples of a track are those of its table of sizes. It may have none if all its samples are
+// in fragments: no other table then has entries.
 bool has_all_sizes(Import& import) {
-    if (import.movie.fragmented || import.announces_fragments) return true;
+    const bool has_fragments = import.movie.fragmented || import.announces_fragments;
     for (std::size_t i = 0; i < import.tracks.size(); ++i) {
-        if (!import.tracks[i].lacks_sizes) continue;
+        const TrackImport& state = import.tracks[i];
+        if (!state.lacks_sizes || (has_fragments && !state.has_entries)) continue;
         const std::string track = "track " + std::to_string(import.movie.tracks[i].id);
         if (!import.lacks(track + " has no table of sample sizes (stsz)")) return false;
     }

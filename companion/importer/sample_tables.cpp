@@ -179,6 +179,13 @@ bool keep_groups(Import& import, const std::vector<Box>& boxes, Track& track) {
     return true;
 }
 
+bool has_entries(Import& import, const std::optional<Box>& table) {
+    if (!table) return false;
+    BoxReader reader(import.source, *table);
+    const VersionAndFlags head(reader);
+    return reader.u32() > 0;
+}
+
 // Reads an optional table.
 bool read_table(Import& import, const std::optional<Box>& box, Target& to,
                 bool (*read)(Import&, const Box&, Target&)) {
@@ -205,6 +212,8 @@ bool find_description(Import& import, const Box& box, std::uint32_t number, cons
 
 bool read_samples(Import& import, const SampleTables& tables, Track& track, TrackImport& state) {
     state.lacks_sizes = !tables.sizes;
+    state.has_entries = has_entries(import, tables.times) || has_entries(import, tables.runs) ||
+                        has_entries(import, tables.chunks);
     SoundUnits units;
     if (!find_sound_units(import, tables, track, state, units)) return false;
     Target to{track, state};

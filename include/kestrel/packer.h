@@ -128,8 +128,8 @@ KESTREL_API int kst_packer_describe(const kst_packer* packer, uint32_t stream,
  * in report->error, and the destination holds no whole file. A packer writes once.
  *
  * Memory: at most 4 MiB and 12 times the bytes that were fed; with KST_PACK_HINT 40 times, and 9 MB
- * a stream. Samples and packets of usual length take far less. The media wait in memory up to 32 MiB
- * for each stream, and beyond that in a temporary file. */
+ * a stream. Samples and packets of usual length take far less. The media wait in memory up to 32
+ * MiB for each stream, and beyond that in a temporary file. */
 KESTREL_API int kst_packer_write(kst_packer* packer, KST_IOSTREAM_CALLBACK_INTERFACE* destination,
                                  kst_pack_report* report);
 
