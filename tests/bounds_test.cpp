@@ -1057,8 +1057,11 @@ TEST(HinterBounds, HoldForMemory) {
         CountingHost from(about.file);
         const Bytes nothing;
         CountingHost to(nothing);
+        kst_hint_options options = {};
+        options.struct_size = sizeof options;
+        options.flags = KST_HINT_SALVAGE;  // fragments lack samples
         const AllocationWatch watch;
-        const int result = kst_hint(from.callbacks(), to.callbacks(), nullptr, nullptr);
+        const int result = kst_hint(from.callbacks(), to.callbacks(), &options, nullptr);
         std::cout << about.name << ": " << about.file.size() << " bytes, " << watch.peak()
                   << " held, result " << result << '\n';
         EXPECT_LE(watch.peak(), (4u << 20) + 32 * about.file.size()) << about.name;
