@@ -80,7 +80,7 @@ bool leaves_samples_out(const FileFacts& facts, HintPackets& track, Clock::time_
     if (track.media() == nullptr) return false;
     const uint32_t size = facts.scan.file_size;
     if (!is_whole(track.media(), size) || !is_whole(track.track(), size)) return false;
-    const HintUse use = use_of(track.track(), track.media(), 0, deadline);
+    const HintUse use = use_of(track.track(), track.media(), {}, deadline);
     return use.misled > 0 || use.unused > 0;
 }
 

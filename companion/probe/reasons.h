@@ -50,6 +50,7 @@ struct Subject {
     const ImportedTrack* imported;  // the same with all its samples; null for a plain file
     Expected expected;              // of the track
     uint32_t skipped = 0;           // its first samples, which are not expected
+    uint32_t skipped_hints = 0;     // the same of the hint samples
 
     bool has_track() const { return track != nullptr || imported != nullptr; }
     uint32_t track_id() const {

@@ -32,7 +32,7 @@ bool has_media(iso_track* media, uint32_t sample, std::vector<uint8_t>& scratch)
 
 class Walk {
   public:
-    Walk(iso_track* hint, iso_track* media, uint32_t first)
+    Walk(iso_track* hint, iso_track* media, FirstSamples first)
         : hint_(hint),
           media_(media),
           first_(first),
@@ -40,7 +40,7 @@ class Walk {
           is_used_(is_one_each_ ? 0 : samples_of(media)) {}
 
     HintUse run(Clock::time_point deadline) {
-        for (uint32_t i = is_one_each_ ? first_ : 0; i < samples_of(hint_); ++i) {
+        for (uint32_t i = is_one_each_ ? first_.hint : 0; i < samples_of(hint_); ++i) {
             if (Clock::now() > deadline || sample_size_of(hint_, i) > kLongestSample) return {};
             take(i);
         }
@@ -57,7 +57,7 @@ class Walk {
         for_each_sample_constructor(bytes, [&](const SampleConstructor& from) {
             if (from.track_reference == kHintTrackItself || from.length == 0) return;
             takes_any = true;
-            is_misled = is_misled || misleads(sample, from);
+            is_misled = is_misled || (sample >= first_.hint && misleads(sample, from));
             if (from.sample_number - 1 < is_used_.size()) is_used_[from.sample_number - 1] = true;
         });
         if (!takes_any && bytes.size() >= kHintHeaderSize) own_packets_ += load_be16(bytes.data());
@@ -67,14 +67,13 @@ class Walk {
     bool misleads(uint32_t sample, const SampleConstructor& from) const {
         const uint32_t number = from.sample_number - 1;  // from 0
         if (is_one_each_ && number != sample) return true;
-        if (number < first_) return false;
         return number >= samples_of(media_) ||
                uint64_t{from.sample_offset} + from.length > sample_size_of(media_, number);
     }
 
     uint64_t count_unused(Clock::time_point deadline) {
         uint64_t unused = 0;
-        for (uint32_t i = first_; i < is_used_.size(); ++i) {
+        for (uint32_t i = first_.media; i < is_used_.size(); ++i) {
             if (is_used_[i]) continue;
             if (Clock::now() > deadline) return 0;
             unused += has_media(media_, i, bytes_) ? 1 : 0;
@@ -84,7 +83,7 @@ class Walk {
 
     iso_track* hint_;
     iso_track* media_;
-    uint32_t first_;
+    FirstSamples first_;
     bool is_one_each_;
     std::vector<bool> is_used_;  // of the media samples, where the counts differ
     uint64_t own_packets_ = 0;
@@ -94,7 +93,7 @@ class Walk {
 
 }  // namespace
 
-HintUse use_of(iso_track* hint, iso_track* media, uint32_t first, Clock::time_point deadline) {
+HintUse use_of(iso_track* hint, iso_track* media, FirstSamples first, Clock::time_point deadline) {
     if (!places_of(hint).agree() || !places_of(media).agree()) return {};
     return Walk(hint, media, first).run(deadline);
 }

@@ -20,11 +20,15 @@ struct HintUse {
     uint64_t unused = 0;
 };
 
-// Walks the sample constructors of all hint samples. Counts only samples from `first` on, from 0.
-// Finds nothing where the tables of a track do not agree, as the APIs differ on them, or the
-// deadline passes before the end, and no unused samples where packets may hold them themselves.
-// Moves the cursors of both tracks.
-HintUse use_of(iso_track* hint, iso_track* media, uint32_t first, Clock::time_point deadline);
+// The first samples that count, from 0.
+struct FirstSamples {
+    uint32_t hint = 0, media = 0;
+};
+
+// Walks the sample constructors of all hint samples. Finds nothing where the tables of a track do
+// not agree, as the APIs differ on them, or the deadline passes before the end, and no unused
+// samples where packets may hold them themselves. Moves the cursors of both tracks.
+HintUse use_of(iso_track* hint, iso_track* media, FirstSamples first, Clock::time_point deadline);
 
 }  // namespace tool
 

@@ -128,8 +128,8 @@ iso_track* hints_of(const Subject& subject) {
 
 MediaCounts with_hints(iso_track* hint, const Subject& subject, MediaCounts counts) {
     // Reading moves the tracks' cursors, which nothing else uses.
-    const HintUse use = use_of(hint, const_cast<iso_track*>(subject.track), subject.skipped,
-                               Clock::time_point::max());
+    const HintUse use = use_of(hint, const_cast<iso_track*>(subject.track),
+                               {subject.skipped_hints, subject.skipped}, Clock::time_point::max());
     counts.misled = use.misled;
     counts.first_misled = use.first_misled;
     counts.unused = use.unused;
@@ -199,6 +199,7 @@ void expect_from(Subject& subject, uint32_t frame) {
         std::min<uint64_t>(static_cast<uint32_t>(subject.track->sample_count), expected.samples);
     const uint32_t first = first_sample(subject.track, hint, frame - 1);
     subject.skipped = static_cast<uint32_t>(std::min<uint64_t>(first, most));
+    subject.skipped_hints = frame - 1;
     expected.samples -= subject.skipped;
     for (uint32_t i = 0; i < subject.skipped; ++i) {
         const uint64_t size = sample_size_of(subject.track, i);
