@@ -93,7 +93,7 @@ void check_media(const FileFacts& facts, HintTracks& tracks, const std::string& 
         const auto implausible = implausible_samples(media, deadline);
         if (implausible.count == 0) continue;
         const std::string text = implausible_text(facts, media, implausible);
-        if (implausible.are_most()) {
+        if (implausible.are_refused()) {
             no_media += (no_media.empty() ? "" : "; ") + text;
         } else {
             say(input_name(input) + ": " + text);

@@ -226,7 +226,7 @@ class Job {
         }
         if (implausible.count == 0) return true;
         const std::string text = name_of(medium) + ": " + implausible.text(entry);
-        if (implausible.are_most()) return outcome_.fail(KST_HINT_REFUSED, text);
+        if (implausible.are_refused()) return outcome_.fail(KST_HINT_REFUSED, text);
         add_note(text);
         return true;
     }
@@ -294,10 +294,11 @@ class Job {
                        std::span<const uint8_t> sample) {
         if (result != kCannotBeCut) return refuse(medium, result);
         const std::string name = name_of(medium) + ": sample " + std::to_string(number + 1);
-        if (is_malformed_speech(medium.track.to, sample))
-            return outcome_.fail(KST_HINT_REFUSED,
-                                 name + " is malformed: it does not end with a speech frame; " +
-                                     stream::kWrongBytesText);
+        if (is_malformed_speech(medium.track.to, sample)) {
+            stream::ImplausibleSamples samples;
+            samples.uneven = uint64_t{number} + 1;
+            return outcome_.fail(KST_HINT_REFUSED, name_of(medium) + ": " + samples.text(""));
+        }
         return outcome_.fail(KST_HINT_REFUSED, name + " cannot be cut into packets of at most " +
                                                    std::to_string(options_.max_packet) + " bytes" +
                                                    limit_advice(medium.track.to));
@@ -305,13 +306,7 @@ class Job {
 
     static bool is_malformed_speech(const iso_track* track, std::span<const uint8_t> sample) {
         if (track->codec != ISO_CODEC_SAMR && track->codec != ISO_CODEC_SAWB) return false;
-        const AmrBand& band = amr_band(track->codec == ISO_CODEC_SAWB);
-        size_t at = 0;
-        while (at < sample.size()) {
-            const int type = storage_frame_type(sample[at]);
-            at += static_cast<size_t>(storage_frame_size(band.frame_bits[type]));
-        }
-        return at != sample.size();
+        return !stream::ends_with_speech_frame(sample, amr_band(track->codec == ISO_CODEC_SAWB));
     }
 
     // Returns the advice for a speech frame longer than a packet.

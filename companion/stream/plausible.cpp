@@ -67,6 +67,15 @@ bool is_speech_sample(std::span<const uint8_t> sample, const AmrBand& band) {
     return true;
 }
 
+bool ends_with_speech_frame(std::span<const uint8_t> sample, const AmrBand& band) {
+    size_t at = 0;
+    while (at < sample.size()) {
+        const int type = storage_frame_type(sample[at]);
+        at += static_cast<size_t>(storage_frame_size(band.frame_bits[type]));
+    }
+    return at == sample.size();
+}
+
 bool is_h264_sample(std::span<const uint8_t> sample, int length_size) {
     NalUnits units(sample, length_size);
     bool has_unit = sample.empty();
@@ -94,9 +103,13 @@ bool is_plausible_sample(int32_t codec, int length_size, std::span<const uint8_t
 }
 
 std::string ImplausibleSamples::text(const std::string& entry) const {
+    if (uneven > 0) {
+        return "sample " + std::to_string(uneven) +
+               " is malformed: it does not end with a speech frame; " + kWrongBytesText;
+    }
     return std::to_string(count) + " of " + std::to_string(all) +
            " samples cannot be of the codec '" + entry + "', the first is number " +
-           std::to_string(first) + (are_most() ? std::string(": ") + kWrongBytesText : "");
+           std::to_string(first) + (are_refused() ? std::string(": ") + kWrongBytesText : "");
 }
 
 }  // namespace kestrel::stream

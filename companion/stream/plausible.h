@@ -32,6 +32,9 @@ bool is_speech_frame(uint8_t header, const AmrBand& band);
 // A sample of speech frames in storage format: whether all are frames and it ends with the last.
 bool is_speech_sample(std::span<const uint8_t> sample, const AmrBand& band);
 
+// The same of frames of any type: whether the sample ends with the last of them.
+bool ends_with_speech_frame(std::span<const uint8_t> sample, const AmrBand& band);
+
 // A sample with lengths of `length_size` bytes before its NAL units: whether they end with it and
 // all of them are NAL units. There is at least one that is not empty, except in an empty sample.
 bool is_h264_sample(std::span<const uint8_t> sample, int length_size);
@@ -43,12 +46,14 @@ bool is_plausible_sample(int32_t codec, int length_size, std::span<const uint8_t
 struct ImplausibleSamples {
     uint64_t count = 0, first = 0;  // the first counts from 1
     uint64_t all = 0;               // samples of the track
+    uint64_t uneven = 0;            // the first of speech that does not end with a frame, from 1
 
     void add(uint64_t number) {
         if (count++ == 0) first = number;
     }
-    // Bytes of a wrong place are no media. A few such samples are left to the decoder.
-    bool are_most() const { return count > all / 2; }
+    // Bytes of a wrong place are no media. A few such samples are left to the decoder, but speech
+    // that does not end with a frame has no packets.
+    bool are_refused() const { return uneven > 0 || count > all / 2; }
     // A sentence without a full stop. `entry` is the type of the sample entry, such as "s263".
     std::string text(const std::string& entry) const;
 };

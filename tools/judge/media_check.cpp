@@ -8,6 +8,16 @@ namespace tool {
 
 using kestrel::stream::ImplausibleSamples;
 
+namespace {
+
+bool is_uneven_speech(const iso_track* media, std::span<const uint8_t> sample) {
+    if (media->codec != ISO_CODEC_SAMR && media->codec != ISO_CODEC_SAWB) return false;
+    const kestrel::AmrBand& band = kestrel::amr_band(media->codec == ISO_CODEC_SAWB);
+    return !kestrel::stream::ends_with_speech_frame(sample, band);
+}
+
+}  // namespace
+
 ImplausibleSamples implausible_samples(iso_track* media, Clock::time_point deadline) {
     constexpr uint32_t kPictureStart = 16;  // bytes that show whether it is a picture
     const bool is_picture = media->codec == ISO_CODEC_S263 || media->codec == ISO_CODEC_MP4V;
@@ -22,6 +32,7 @@ ImplausibleSamples implausible_samples(iso_track* media, Clock::time_point deadl
         if (is_there &&
             !kestrel::stream::is_plausible_sample(media->codec, media->nal_length_size, bytes)) {
             found.add(uint64_t{i} + 1);
+            if (found.uneven == 0 && is_uneven_speech(media, bytes)) found.uneven = uint64_t{i} + 1;
         }
     }
     return found;
