@@ -95,7 +95,7 @@ uint32_t HintSampleParser::ReadPacket(_TAG_RTPpacket3gp* packet, const unsigned 
 
 void HintSampleParser::GetRTPpacket3gp(_TAG_RTPpacket3gp* packet, const unsigned char** p) const {
     const uint32_t extra = ReadPacket(packet, p);
-    trace_packet(*packet);
+    if (kVerbose.enabled()) trace_packet(*packet);
     if (extra > 0) trace_hint_sample("extra_information_length(32): %d\n", extra);
 }
 

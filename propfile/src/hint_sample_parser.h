@@ -57,7 +57,7 @@ class HintSampleParser {
 namespace kestrel {
 
 // Writes a line of the trace, as bare text at verbose level. Without memory for the line it writes
-// nothing.
+// nothing. What runs for each packet or constructor tests kVerbose before it calls this.
 __attribute__((format(printf, 1, 2))) void trace_hint_sample(const char* format, ...) noexcept;
 
 }  // namespace kestrel

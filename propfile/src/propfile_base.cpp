@@ -41,34 +41,44 @@ void PropFile::LimitHintSample(const unsigned char* end, bool again) {
     if (!again) m_uKept = 0;
 }
 
+static void trace_fields(const SampleConstructor& fields) {
+    trace_hint_sample(
+        "trackrefindex(8):        %d\nlength(16):              %d\nsamplenumber(32):        %d\n"
+        "sampleoffset(32):        %d\nbytesperblock(16):       %d\nsamplesperblock(16):     %d\n",
+        fields.track_reference, fields.length, fields.sample_number, fields.sample_offset,
+        fields.bytes_per_block, fields.samples_per_block);
+}
+
 void PropFile::ProcessRTPnoopconstructor(const unsigned char** p) {
     trace_hint_sample("RTPnoopconstructor\n");
     Skip(p, kConstructorSize - kTypeByte);
 }
 
 unsigned int PropFile::ProcessRTPimmediateconstructor(const unsigned char** p) {
-    trace_hint_sample("RTPimmediateconstructor\n");
+    const bool traced = kVerbose.enabled();
+    if (traced) trace_hint_sample("RTPimmediateconstructor\n");
     const uint32_t count = GetAndAdvance8(p);
-    trace_hint_sample("count(8):                %d\n", count);
-    trace_hint_sample("  padding:               %d\n", static_cast<int>(kMaxImmediate - count));
+    if (traced) {
+        trace_hint_sample("count(8):                %d\n", count);
+        trace_hint_sample("  padding:               %d\n", static_cast<int>(kMaxImmediate - count));
+    }
     const unsigned char* data = *p;
     Skip(p, kMaxImmediate);
     if (count > kMaxImmediate || !HasRoom(count)) return Drop();
-    trace_hint_sample("  data: ");
-    for (uint32_t i = 0; i < count; ++i)
-        trace_hint_sample("%02X ", data[i]);
+    if (traced) {
+        trace_hint_sample("  data: ");
+        for (uint32_t i = 0; i < count; ++i)
+            trace_hint_sample("%02X ", data[i]);
+    }
     Append(data, count);
     return count;
 }
 
 unsigned int PropFile::ProcessRTPsampleconstructor(const unsigned char** p) {
-    trace_hint_sample("RTPsampleconstructor\n");
+    const bool traced = kVerbose.enabled();
+    if (traced) trace_hint_sample("RTPsampleconstructor\n");
     const SampleConstructor fields = GetSampleConstructor(p);
-    trace_hint_sample(
-        "trackrefindex(8):        %d\nlength(16):              %d\nsamplenumber(32):        %d\n"
-        "sampleoffset(32):        %d\nbytesperblock(16):       %d\nsamplesperblock(16):     %d\n",
-        fields.track_reference, fields.length, fields.sample_number, fields.sample_offset,
-        fields.bytes_per_block, fields.samples_per_block);
+    if (traced) trace_fields(fields);
     if (!HasRoom(fields.length)) return Drop();
     const bool kept = m_uFill + fields.length <= m_uKept;
     const unsigned char* bytes = nullptr;
@@ -133,7 +143,7 @@ unsigned int PropFile::ProcessConstructors(const unsigned char** cursor, unsigne
         Require(*cursor, kConstructorSize);
         const unsigned char* next = *cursor + kConstructorSize;
         const uint8_t type = GetAndAdvance8(cursor);
-        trace_hint_sample("constructor_type(8):     %d\n", type);
+        if (kVerbose.enabled()) trace_hint_sample("constructor_type(8):     %d\n", type);
         ++m_uConstructors;
         try {
             added += ProcessConstructor(type, cursor);
