@@ -477,6 +477,10 @@ TEST(Hinter, SalvagesWhatIsWholeOfACutFile) {
     EXPECT_GT(salvaged.report.samples, 20U);
     for (const char* mode : {"ar", "vr"})
         EXPECT_EQ(play(salvaged.file, mode).status, KST_END_OF_FILE);
+    source = read_sample("av_h263_amrnb_hinted.3gp");
+    source.resize(30000);
+    EXPECT_THAT(hint(source, asking(KST_HINT_SALVAGE | KST_HINT_REPLACE)).report.left_out,
+                testing::StartsWith("left out track 2 (samr, no sample is whole); kept 4 of"));
 }
 
 // --- forms and damages ---

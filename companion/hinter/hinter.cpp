@@ -48,6 +48,10 @@ struct Medium {
     std::unique_ptr<HintSamples> hint_samples;
 };
 
+bool is_speech(const iso_track* track) {
+    return track->codec == ISO_CODEC_SAMR || track->codec == ISO_CODEC_SAWB;
+}
+
 // Whether the parameter sets of a track are NAL units.
 bool has_plausible_sets(const iso_track* track) {
     if (track->codec != ISO_CODEC_AVC1) return true;
@@ -192,6 +196,7 @@ class Job {
         HintSample made;
         stream::ImplausibleSamples implausible;
         implausible.all = samples.size();
+        uint64_t empty = 0;
         for (uint32_t i = 0; i < samples.size(); ++i) {
             const auto bytes = reader_.sample(samples, i);
             if (!bytes) return false;
@@ -202,11 +207,14 @@ class Job {
             const iso_track* to = medium.track.to;
             if (!stream::is_plausible_sample(to->codec, to->nal_length_size, *bytes))
                 implausible.add(uint64_t{i} + 1);
+            empty += bytes->empty() ? 1 : 0;
             count_hint(medium.hint, made, figures.duration);
             medium.hint_samples->add(made);
             count_packets(made.packets);
             if (!outcome_.advance(bytes->size())) return false;
         }
+        if (empty > 0 && !is_speech(medium.track.to))
+            add_note(name_of(medium) + ": " + stream::empty_text(empty, samples.size(), "sample"));
         return judge_plausibility(medium, implausible);
     }
 
@@ -222,7 +230,8 @@ class Job {
         const std::string entry =
             importer::type_text(medium.track.from->descriptions[medium.description].type);
         if (!has_plausible_sets(medium.track.to)) {
-            add_note(name_of(medium) + ": a parameter set cannot be of the codec '" + entry + "'");
+            add_note(name_of(medium) + ": a parameter set cannot be of the codec '" + entry + "'" +
+                     stream::kGetAgainText);
         }
         if (implausible.count == 0) return true;
         const std::string text = name_of(medium) + ": " + implausible.text(entry);
@@ -305,7 +314,7 @@ class Job {
     }
 
     static bool is_malformed_speech(const iso_track* track, std::span<const uint8_t> sample) {
-        if (track->codec != ISO_CODEC_SAMR && track->codec != ISO_CODEC_SAWB) return false;
+        if (!is_speech(track)) return false;
         return !stream::ends_with_speech_frame(sample, amr_band(track->codec == ISO_CODEC_SAWB));
     }
 

@@ -46,6 +46,11 @@ bool is_hint(const importer::Track& track) {
     return track.handler == fourcc("hint") || is_one_of(kHintTypes, type_of(track));
 }
 
+// Whether salvage found none of its samples.
+bool is_lost(const importer::Track& track) {
+    return track.samples.empty() && track.missing_samples > 0;
+}
+
 std::string name_of(const importer::Track& track) {
     return "track " + std::to_string(track.id);
 }
@@ -74,6 +79,10 @@ class Chooser {
             choice.fate = Fate::kReplaced;
             return (flags_ & KST_HINT_REPLACE) != 0 ||
                    outcome_.fail(KST_HINT_HAS_HINTS, name_of(track) + " is a hint track");
+        }
+        if (is_lost(track)) {
+            choice.fate = Fate::kDropped;
+            return true;
         }
         if (track.encrypted) {
             choice.fate = Fate::kDropped;
@@ -220,7 +229,8 @@ std::string dropped_text(const std::vector<Choice>& choices) {
     for (const Choice& choice : choices) {
         if (choice.fate != Fate::kDropped) continue;
         if (!text.empty()) text += ", ";
-        text += name_of(*choice.track) + " (" + importer::type_text(type_of(*choice.track)) + ")";
+        text += name_of(*choice.track) + " (" + importer::type_text(type_of(*choice.track)) +
+                (is_lost(*choice.track) ? ", no sample is whole)" : ")");
     }
     return text;
 }

@@ -15,7 +15,7 @@ namespace kestrel::hinter {
 enum class Fate {
     kHinted,
     kCopied,
-    kDropped,   // has no payload format
+    kDropped,   // has no payload format, or no sample that salvage could keep
     kReplaced,  // is a hint track
 };
 
@@ -29,7 +29,7 @@ struct Choice {
 bool choose_tracks(importer::Movie& movie, uint32_t flags, Outcome& outcome,
                    std::vector<Choice>& choices);
 
-// Lists the dropped tracks: "track 3 (tx3g), track 4 (mp4a)".
+// Lists the dropped tracks: "track 3 (tx3g), track 4 (samr, no sample is whole)".
 std::string dropped_text(const std::vector<Choice>& choices);
 
 }  // namespace kestrel::hinter

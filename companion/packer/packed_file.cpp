@@ -87,23 +87,19 @@ std::vector<uint8_t> avcc_of(std::span<const uint8_t> config) {
 // --- tracks ---
 
 iso_track* make_visual_track(iso_file* file, const Track& from) {
-    constexpr uint32_t kMaxPixels = UINT16_MAX;
     const stream::StreamHeader& header = *from.media->header();
     const std::span<const uint8_t> config = from.media->config();
     const uint32_t timescale = from.timeline.timescale;
-    if (std::clamp(header.width, 1U, kMaxPixels) != header.width ||
-        std::clamp(header.height, 1U, kMaxPixels) != header.height) {
-        refuse(from, "its header records declare pictures of " + std::to_string(header.width) +
-                         " x " + std::to_string(header.height) + " pixels");
-    }
+    if (const std::string fault = stream::picture_size_fault(header); !fault.empty())
+        refuse(from, fault);
     if (from.medium() == Medium::kMpeg4) {
-        if (config.empty()) refuse(from, "it has no decoder configuration");
+        if (config.empty()) refuse(from, stream::kNoConfigurationText);
         return keep(mpeg4_isoFFtrack(file, config.data(), static_cast<unsigned>(config.size()),
                                      header.width, header.height, timescale));
     }
     if (from.medium() == Medium::kH264) {
         const std::vector<uint8_t> avcc = avcc_of(config);
-        if (avcc.empty()) refuse(from, "it has no parameter sets");
+        if (avcc.empty()) refuse(from, stream::kNoParameterSetsText);
         return keep(h264_isoFFtrack(file, avcc.data(), static_cast<unsigned>(avcc.size()),
                                     header.width, header.height, timescale));
     }

@@ -281,8 +281,10 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
             return "The file has several " + medium +
                    " tracks, and this API plays a file with one.";
         case Reason::kFragmented:
-            return show_count(subject.expected.in_fragments) + " samples of the " + medium +
-                   " are in movie fragments, which this API does not read" +
+            return show_count(subject.expected.in_fragments) +
+                   (subject.expected.in_fragments == 1 ? " sample of the " : " samples of the ") +
+                   medium + (subject.expected.in_fragments == 1 ? " is" : " are") +
+                   " in movie fragments, which this API does not read" +
                    (missing.empty() ? "" : "; and " + missing) + ".";
         case Reason::kLargeBox:
             return "A box declares its size in a form that this API does not read: " +

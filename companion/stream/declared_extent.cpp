@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <string>
 
+#include "companion/stream/plausible.h"
+#include "native/codec/nal_unit.h"
+
 namespace kestrel::stream {
 namespace {
 
@@ -46,11 +49,33 @@ std::string lacking(const std::string& declared, uint64_t has) {
     return "its header records declare " + declared + ", it has " + std::to_string(has);
 }
 
+// Whether a configuration has a parameter set of each kind after start codes.
+bool has_parameter_sets(std::span<const uint8_t> config) {
+    bool has_sequence = false, has_picture = false;
+    for (size_t at = 0; at + kStartCode.size() < config.size(); ++at) {
+        if (!std::equal(kStartCode.begin(), kStartCode.end(), &config[at])) continue;
+        const uint8_t type = nal_type(config.subspan(at + kStartCode.size()));
+        has_sequence = has_sequence || type == kSequenceSet;
+        has_picture = has_picture || type == kPictureSet;
+    }
+    return has_sequence && has_picture;
+}
+
 }  // namespace
+
+std::string picture_size_fault(const StreamHeader& header) {
+    constexpr uint32_t kMostPixels = UINT16_MAX;
+    const auto fits = [](uint32_t pixels) { return pixels >= 1 && pixels <= kMostPixels; };
+    if (fits(header.width) && fits(header.height)) return "";
+    return "its header records declare pictures of " + std::to_string(header.width) + " x " +
+           std::to_string(header.height) + " pixels";
+}
 
 void DeclaredExtent::header(const StreamHeader& header) {
     has_header_ = true;
     header_ = header;
+    has_config_ =
+        header.medium == Medium::kH264 ? has_parameter_sets(header.config) : !header.config.empty();
     header_.config.clear();
     // The configuration is no part of the samples, whose bytes are declared.
     MediaSink count{[this](std::span<const uint8_t> bytes) {
@@ -70,13 +95,16 @@ void DeclaredExtent::header(const StreamHeader& header) {
 void DeclaredExtent::begin_frame() {
     test_.begin_frame();
     speech_frames_ = 0;
+    has_packets_ = false;
     beginning_before_ = std::exchange(beginning_, {});
     to_.begin_frame();
 }
 
 void DeclaredExtent::end_frame() {
     if (depacketiser_ != nullptr) depacketiser_->finish();
+    if (test_.frames() == 1) begins_inside_ = test_.is_inside_sequence();
     test_.end_frame();
+    empty_ += has_packets_ || is_speech() ? 0 : 1;
     if (beginning_ && beginning_ == beginning_before_) ++repeated_;
     to_.end_frame();
 }
@@ -97,6 +125,7 @@ void DeclaredExtent::video_packet(const VideoPacket& packet) {
     take_sequence(packet.sequence);
     has_markers_ |= packet.marker;
     ends_with_marker_ = packet.marker;
+    has_packets_ = true;
     if (!depacketiser_->packet(packet.payload)) ++malformed_;
     to_.video_packet(packet);
 }
@@ -160,13 +189,15 @@ bool DeclaredExtent::ends_early() const {
     return passed + passed * 3 / (2 * (frames - 1)) <= header_.duration_ms * kTicks;
 }
 
-// A whole stream may lack either: packets leave empty NAL units of H.264 out, and hint tracks empty
-// samples. Packets that are missing before the end show by their sequence numbers. Times of the
-// class API may have another unit than the durations. The last packet of a picture has a marker.
+// A whole stream may lack either, but not bytes and frames that are there empty: packets leave
+// empty NAL units of H.264 out, and hint tracks empty samples. Packets that are missing before the
+// end show by their sequence numbers. Times of the class API may have another unit than the
+// durations. The last packet of a picture has a marker.
 bool DeclaredExtent::lacks_video() const {
     const bool lacks_bytes = bytes_ < least_bytes();
     if (header_.api == Api::kClass) return lacks_bytes && gaps_.missing() == 0;
-    if (lacks_bytes && has_markers_ && !ends_with_marker_) return true;
+    const bool ends_inside = has_markers_ && !ends_with_marker_;
+    if (lacks_bytes && (ends_inside || empty_ > 0)) return true;
     return (lacks_bytes || test_.frames() < least_pictures()) && ends_early();
 }
 
@@ -194,9 +225,20 @@ std::string DeclaredExtent::extent_fault() const {
     return lacking("at least " + std::to_string(least_bytes()) + " bytes of pictures", bytes_);
 }
 
+// What a file of a video stream with pictures could not declare.
+std::string DeclaredExtent::config_fault() const {
+    if (is_speech() || test_.frames() == 0) return "";
+    const bool has_sets = has_config_ || test_.has_parameter_sets();
+    if (header_.medium == Medium::kH264 && !has_sets) return kNoParameterSetsText;
+    if (header_.medium == Medium::kMpeg4 && !has_config_ && begins_inside_)
+        return kNoConfigurationText;
+    return picture_size_fault(header_);
+}
+
 std::string DeclaredExtent::fault() const {
     std::string all = extent_fault();
     const auto add = [&](const std::string& text) { all += (all.empty() ? "" : "; ") + text; };
+    if (const std::string text = config_fault(); !text.empty()) add(text);
     if (test_.implausible() > 0) {
         add(std::to_string(test_.implausible()) + " of " + counted_frames(test_.frames()) +
             " cannot be " + name_of(header_.medium) + ", the first is number " +
@@ -209,6 +251,7 @@ std::string DeclaredExtent::fault() const {
 
 // A function API stream without its last frames has them as not filled.
 std::string DeclaredExtent::doubt() const {
+    if (empty_ > 0) return empty_text(empty_, test_.frames(), "frame");
     if (!is_speech() || header_.api == Api::kClass || gaps_.missing() > 0) return "";
     if (test_.frames() >= header_.frames || header_.duration_ms <= test_.frames() * kFrameDuration)
         return "";

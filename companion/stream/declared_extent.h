@@ -17,6 +17,13 @@
 
 namespace kestrel::stream {
 
+// The fault of a picture size that no file can declare; empty for none.
+std::string picture_size_fault(const StreamHeader& header);
+
+// Of streams without it.
+inline constexpr const char* kNoParameterSetsText = "it has no parameter sets";
+inline constexpr const char* kNoConfigurationText = "it has no decoder configuration";
+
 // Passes the records of a walk on to another sink, and counts what they hold.
 class DeclaredExtent final : public RecordSink {
   public:
@@ -55,6 +62,7 @@ class DeclaredExtent final : public RecordSink {
     bool has_too_much_speech() const;
     bool lacks_video() const;
     std::string extent_fault() const;
+    std::string config_fault() const;
     bool ends_early() const;
     uint64_t least_pictures() const;
     uint64_t least_bytes() const;
@@ -73,8 +81,12 @@ class DeclaredExtent final : public RecordSink {
     // Time and sequence number that the frame begins with, and those of the frame before.
     using Beginning = std::optional<std::pair<uint32_t, uint16_t>>;
     Beginning beginning_, beginning_before_;
-    uint64_t repeated_ = 0;   // frames
-    uint64_t malformed_ = 0;  // packets
+    bool has_packets_ = false;    // the current frame
+    uint64_t empty_ = 0;          // frames of a video
+    bool has_config_ = false;     // the header records have what decoders need first
+    bool begins_inside_ = false;  // of MPEG-4: the first frame is a picture without configuration
+    uint64_t repeated_ = 0;       // frames
+    uint64_t malformed_ = 0;      // packets
 };
 
 }  // namespace kestrel::stream

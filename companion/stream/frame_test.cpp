@@ -4,12 +4,15 @@
 #include <algorithm>
 
 #include "companion/stream/plausible.h"
+#include "native/codec/mpeg4_visual.h"
+#include "native/codec/nal_unit.h"
 
 namespace kestrel::stream {
 
 void FrameTest::begin_frame() {
     ++frames_;
     plausible_ = true;
+    has_units_ = has_part_ = false;
     got_ = 0;
 }
 
@@ -21,7 +24,12 @@ void FrameTest::take(std::span<const uint8_t> bytes) {
 
 bool FrameTest::end_unit() {
     if (got_ == 0) return false;
-    plausible_ = plausible_ && is_nal_unit(std::span(first_).first(got_));
+    const auto unit = std::span(first_).first(got_);
+    plausible_ = plausible_ && is_nal_unit(unit);
+    has_units_ = true;
+    has_sequence_set_ = has_sequence_set_ || nal_type(unit) == kSequenceSet;
+    has_picture_set_ = has_picture_set_ || nal_type(unit) == kPictureSet;
+    has_part_ = has_part_ || is_picture_part(unit);
     got_ = 0;
     return true;
 }
@@ -30,9 +38,16 @@ void FrameTest::take_speech(std::span<const uint8_t> frame) {
     plausible_ = plausible_ && is_speech_frame(frame[0], band_of(medium_));
 }
 
+bool FrameTest::is_inside_sequence() const {
+    constexpr size_t kCode = 4;
+    if (got_ < kCode || first_[0] != 0 || first_[1] != 0 || first_[2] != 1) return false;
+    return first_[3] == kVop || first_[3] == kGroupOfVop;
+}
+
 void FrameTest::end_frame() {
     if (medium_ == Medium::kH264) {
         end_unit();
+        plausible_ = plausible_ && has_part_ == has_units_;
     } else if (!is_speech(medium_)) {
         const auto first = std::span(first_).first(got_);
         plausible_ = medium_ == Medium::kMpeg4 ? is_mpeg4_picture(first) : is_h263_picture(first);

@@ -26,11 +26,15 @@ class FrameTest {
     bool end_unit();
     // Takes a speech frame in storage format.
     void take_speech(std::span<const uint8_t> frame);
+    // Before end_frame(): whether the picture of MPEG-4 begins after all headers of its sequence.
+    bool is_inside_sequence() const;
     void end_frame();
     // Counts the current frame as implausible; before the first one, counts it as the first.
     void fail();
 
     uint64_t frames() const { return frames_; }
+    // Of H.264: whether parameter sets of both kinds came.
+    bool has_parameter_sets() const { return has_sequence_set_ && has_picture_set_; }
     uint64_t implausible() const { return implausible_; }
     uint64_t first_implausible() const { return first_implausible_; }  // from 1; 0 for none
 
@@ -38,7 +42,12 @@ class FrameTest {
     Medium medium_ = Medium::kNarrowBandSpeech;
     std::array<uint8_t, 12> first_{};  // of the picture or of the current NAL unit
     size_t got_ = 0;
-    bool plausible_ = true;  // the current frame, so far
+    // The current frame, so far.
+    bool plausible_ = true;
+    bool has_units_ = false;  // of H.264
+    bool has_part_ = false;
+    bool has_sequence_set_ = false;
+    bool has_picture_set_ = false;
     uint64_t frames_ = 0;
     uint64_t implausible_ = 0;
     uint64_t first_implausible_ = 0;

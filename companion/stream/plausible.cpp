@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "companion/stream/plausible.h"
 
+#include <algorithm>
 #include <cstddef>
 
 #include "kestrel/isoff.h"
@@ -12,7 +13,50 @@ namespace {
 
 constexpr size_t kCodeBytes = 3;  // that a picture begins with
 
+// Types of NAL units (ITU-T H.264, table 7-1).
+enum UnitType : uint8_t {
+    kSlice = 1,
+    kIdrSlice = 5,
+    kSei,
+    kSps,
+    kPps,
+    kDelimiter,
+    kEndOfSequence,
+    kEndOfStream,
+    kFiller,
+    kLastKnown = 21
+};
+
+uint8_t type_of(std::span<const uint8_t> unit) {
+    return unit[0] & 0x1F;
+}
+
+// Whether nal_ref_idc has a value that the type may have (7.4.1).
+bool may_be_reference(uint8_t type, bool is_reference) {
+    switch (type) {
+        case kIdrSlice:
+        case kSps:
+        case kPps:
+            return is_reference;
+        case kSei:
+        case kDelimiter:
+        case kEndOfSequence:
+        case kEndOfStream:
+        case kFiller:
+            return !is_reference;
+        default:
+            return true;
+    }
+}
+
 }  // namespace
+
+std::string empty_text(uint64_t empty, uint64_t all, const std::string& unit) {
+    if (empty == 0) return "";
+    return std::to_string(empty) + " of " + std::to_string(all) + " " + unit +
+           (all == 1 ? "" : "s") + (empty == 1 ? " is" : " are") +
+           " empty: no picture is delivered for " + (empty == 1 ? "it" : "them");
+}
 
 bool is_h263_picture(std::span<const uint8_t> bytes) {
     return bytes.size() < kCodeBytes ||
@@ -24,21 +68,12 @@ bool is_mpeg4_picture(std::span<const uint8_t> bytes) {
 }
 
 bool is_nal_unit(std::span<const uint8_t> unit) {
-    enum Type : uint8_t {
-        kSlice = 1,
-        kIdrSlice = 5,
-        kSei,
-        kSps,
-        kPps,
-        kDelimiter,
-        kLastKnown = 21
-    };
     constexpr uint32_t kMaxSliceType = 9, kMaxPps = 255;
-    const uint8_t type = unit[0] & 0x1F;
-    const bool is_reference = (unit[0] & 0x60) != 0;
+    const uint8_t type = type_of(unit);
     if ((unit[0] & 0x80) != 0 || type == 0 || type > kLastKnown) return false;
-    if ((type == kIdrSlice || type == kSps || type == kPps) && !is_reference) return false;
-    if ((type == kSei || type == kDelimiter) && is_reference) return false;
+    if (!may_be_reference(type, (unit[0] & 0x60) != 0)) return false;
+    if (type == kEndOfSequence || type == kEndOfStream)  // have a header only
+        return std::all_of(unit.begin() + 1, unit.end(), [](uint8_t byte) { return byte == 0; });
     if (type != kSlice && type != kIdrSlice) return true;
     GolombReader header(unit.subspan(1));
     header.ue();  // first_mb_in_slice
@@ -47,6 +82,11 @@ bool is_nal_unit(std::span<const uint8_t> unit) {
     if (header.ok() && slice_type > kMaxSliceType) return false;
     const uint32_t pps = header.ue();
     return !header.ok() || pps <= kMaxPps;
+}
+
+bool is_picture_part(std::span<const uint8_t> unit) {
+    const uint8_t type = type_of(unit);
+    return (type >= kSlice && type <= kIdrSlice) || type == kSps || type == kPps;
 }
 
 bool is_speech_frame(uint8_t header, const AmrBand& band) {
@@ -77,12 +117,16 @@ bool ends_with_speech_frame(std::span<const uint8_t> sample, const AmrBand& band
 }
 
 bool is_h264_sample(std::span<const uint8_t> sample, int length_size) {
-    NalUnits units(sample, length_size);
-    bool has_unit = sample.empty();
-    for (NalUnit unit; units.next(unit); has_unit = true) {
-        if (!is_nal_unit(unit)) return false;
+    constexpr int kMostZeros = 32;  // bytes
+    NalUnits units(sample, length_size, EmptyUnits::kTaken);
+    bool has_part = sample.empty();
+    int zeros = 0;
+    for (NalUnit unit; units.next(unit);) {
+        zeros = unit.empty() ? zeros + length_size : 0;
+        if (zeros > kMostZeros || (!unit.empty() && !is_nal_unit(unit))) return false;
+        has_part = has_part || (!unit.empty() && is_picture_part(unit));
     }
-    return has_unit && !units.is_cut();
+    return has_part && !units.is_cut();
 }
 
 bool is_plausible_sample(int32_t codec, int length_size, std::span<const uint8_t> sample) {
@@ -105,11 +149,13 @@ bool is_plausible_sample(int32_t codec, int length_size, std::span<const uint8_t
 std::string ImplausibleSamples::text(const std::string& entry) const {
     if (uneven > 0) {
         return "sample " + std::to_string(uneven) +
-               " is malformed: it does not end with a speech frame; " + kWrongBytesText;
+               " is malformed: it does not end with a speech frame; " + kWrongBytesText +
+               kGetAgainText;
     }
     return std::to_string(count) + " of " + std::to_string(all) +
            " samples cannot be of the codec '" + entry + "', the first is number " +
-           std::to_string(first) + (are_refused() ? std::string(": ") + kWrongBytesText : "");
+           std::to_string(first) + (are_refused() ? std::string(": ") + kWrongBytesText : "") +
+           kGetAgainText;
 }
 
 }  // namespace kestrel::stream

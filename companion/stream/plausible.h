@@ -11,9 +11,15 @@
 
 namespace kestrel::stream {
 
-// Why the bytes of a file cannot be of their codec, and the next step.
+// Why the bytes of a file cannot be of their codec.
 inline constexpr const char* kWrongBytesText =
-    "the tables point to the wrong bytes, or the media was overwritten; get the file again";
+    "the tables point to the wrong bytes, or the media was overwritten";
+// The next step then, unless the hint track alone is wrong.
+inline constexpr const char* kGetAgainText = "; get the file again";
+
+// A remark on the samples or frames of a video that are empty, without a full stop; empty for none.
+// `unit` is "sample" or "frame".
+std::string empty_text(uint64_t empty, uint64_t all, const std::string& unit);
 
 // The next two take the first bytes of a picture; fewer than three may be any.
 
@@ -25,6 +31,9 @@ bool is_mpeg4_picture(std::span<const uint8_t> bytes);
 // The first bytes of a NAL unit that is not empty: whether its header and the first fields of a
 // slice header have values that exist (ITU-T H.264, 7.3.1 and 7.4.3).
 bool is_nal_unit(std::span<const uint8_t> unit);
+// The same bytes: whether the unit is a slice, a partition of one or a parameter set. A sample has
+// some.
+bool is_picture_part(std::span<const uint8_t> unit);
 
 // The header byte of a speech frame in storage format (RFC 4867, 5.3): whether its frame type has a
 // meaning and its first bit is 0.
@@ -35,8 +44,9 @@ bool is_speech_sample(std::span<const uint8_t> sample, const AmrBand& band);
 // The same of frames of any type: whether the sample ends with the last of them.
 bool ends_with_speech_frame(std::span<const uint8_t> sample, const AmrBand& band);
 
-// A sample with lengths of `length_size` bytes before its NAL units: whether they end with it and
-// all of them are NAL units. There is at least one that is not empty, except in an empty sample.
+// A sample with lengths of `length_size` bytes before its NAL units: whether they end with it, all
+// of them are NAL units, one is part of a picture, and none follows a long run of zeros, which
+// would be empty units. An empty sample may be one.
 bool is_h264_sample(std::span<const uint8_t> sample, int length_size);
 
 // A sample of any codec, one of kestrel/isoff.h; `length_size` is that of H.264.

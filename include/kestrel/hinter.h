@@ -51,7 +51,8 @@ enum {
     KST_HINT_REPLACE = 2,
     /* Leave out tracks that get no hint track: other codecs, text, metadata, encrypted tracks. */
     KST_HINT_DROP_OTHERS = 4,
-    /* Keep the complete samples of a source that is truncated at its end or lacks fragments. */
+    /* Keep the complete samples of a source that is truncated at its end or lacks fragments. Leave
+     * out tracks that have none. */
     KST_HINT_SALVAGE = 8
 };
 
@@ -79,7 +80,8 @@ typedef struct kst_hint_report {
     uint32_t struct_size;     /* in: sizeof(kst_hint_report) */
     uint32_t tracks;          /* written, hint tracks not counted */
     uint32_t hint_tracks;     /* written */
-    uint32_t dropped_tracks;  /* left out by KST_HINT_DROP_OTHERS */
+    uint32_t dropped_tracks;  /* left out by KST_HINT_DROP_OTHERS, or as KST_HINT_SALVAGE could keep
+                               * none of their samples */
     uint32_t replaced_tracks; /* hint tracks left out by KST_HINT_REPLACE */
     uint64_t samples;         /* written, hint samples not counted */
     uint64_t packets;         /* that the hint tracks describe */

@@ -47,12 +47,12 @@ Bytes sample_data(uint32_t track, size_t number, size_t size) {
 
 // A NAL unit with its length; of a sample too short for both, zeros.
 Bytes picture_data(size_t number, size_t size) {
-    constexpr uint8_t kEnhancementInformation = 6;  // SEI, which holds any bytes
+    constexpr uint8_t kPartition = 3;  // of slice data, which holds any bytes
     Bytes data = sample_data(1, number, size);
     std::fill_n(data.begin(), std::min<size_t>(size, 4), uint8_t{0});
     if (size > 4) {
         data[3] = static_cast<uint8_t>(size - 4);
-        data[4] = kEnhancementInformation;
+        data[4] = kPartition;
     }
     return data;
 }
