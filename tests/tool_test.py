@@ -223,7 +223,10 @@ REFUSED = [
     ("hint x", 2, "--output is missing; usage: kestrel hint FILE --output OUT"),
     ("send x", 2, "--to is missing; usage: kestrel send FILE --to HOST:PORT"),
     ("report x", 2, "--output"), ("check", 2, "FILE"), ("pack -o out", 2, "a STREAM"),
-    ("extract x ar y", 2, "not expected: 'y'; usage: kestrel extract FILE MODE"),
+    ("extract -- x ar --api class", 2, "not expected: '--api class'; usage: kestrel extract FILE"),
+    ("extract x ar --from 99999999999 --api class", 2, "is not a whole number from 0 to 4294967295"),
+    ("extract x ar --from=+5 --api class", 2, "'+5' is not a whole number in decimal digits"),
+    ("packets s/amrnb_hinted.3gp --pcap /dev/null", 2, "/dev/null: is a device"),
     ("info x" + 6000 * " a_file_name.3gp", 2, "not expected: 'a_file_name.3gp "),
     ("hint x --mtu " + 60000 * "9", 2, "--mtu"),
     ("extract x ar -o", 2, "-o needs OUT after it"),
@@ -269,7 +272,7 @@ REFUSED = [
     ("extract s/aac_plain.3gp ar -o out", 1, "s/aac_plain.3gp: This API does not play "
      "AAC; convert it with another tool first (status 2)"),
     ("extract s/amrnb_plain.3gp vr -o out", 1, "s/amrnb_plain.3gp: no video track"),
-    ("extract empty ar -o out", 1, "empty: not an ISO media file"),
+    ("extract empty ar -o out", 1, "empty: not an ISO media file: it is empty"),
     ("extract random ar -o out", 1, "random: not an ISO media file"),
     *((f"{command} {name}", 1, f"{name}: not an ISO media file: it has neither") for name in
       ("text", "random") for command in ("info", "boxes", "hint -o out", "packets")),
@@ -763,7 +766,7 @@ class Hint(ToolTest):
 
     def test_the_media_of_every_sample_come_back(self):
         for (name, mode, truth), (limit, *options) in itertools.product(
-                MEDIA, [(1400,), (300,), (500, "--rfc2190")]):
+                MEDIA, [(65535,), (300,), (500, "--rfc2190")]):
             hinted = self.output("hint", "-", "--replace", "-o", "-", "--mtu", limit, *options,
                                  stdin=load(name))
             plays_on_class = "two_" not in name and not re.match("amrwb|h264", truth)
@@ -1342,6 +1345,7 @@ class Inspect(ToolTest):
                 (speech, frame, b"\x3a", frame, "cannot have"),
                 (speech, frame + 4, b"\x14", frame, "another coder"),
                 (speech, frame + 20, b"\1", frame + 20, "is not 0"),
+                (video, video.index(b"\xb0\0\0\0\x90"), b"\0", None, "pictures of 0 x 144 pixels"),
                 (video, 40, b"x", None, "names no codec"), (video, 92, b"\xff", None, "does not"),
                 (video, 96, b"\x09", None, "ends before its last"),
                 (video, 104, b"\x05", None, "not 4 and 1"), (video, 112, b"\1", None, "")]:
@@ -1352,6 +1356,25 @@ class Inspect(ToolTest):
                 self.assert_fails(result, 1, reason)
                 if at is not None:
                     self.assertEqual(json.loads(result.stdout)["damage"]["offset"], at)
+        # Pictures of H.264 that were overwritten, the first cut into packets.
+        plain = load("h264_plain")
+        sizes = struct.unpack(">30I", boxes(plain, [b"moov", b"trak", b"mdia", b"minf", b"stbl",
+                                                    b"stsz"])[0][12:])
+        at = plain.index(boxes(plain, [b"mdat"])[0]) + sum(sizes[:15])
+        for wrong, reason in [(bytes(sizes[15]), "bytes of pictures"),
+                              (b"\x7f\x4a\x58" * 999, "1 of 30 frames cannot be H.264")]:
+            data = plain[:at] + wrong[:sizes[15]] + plain[at + sizes[15]:]
+            stream = run("extract", self.write("in.3gp", data), "vr").stdout
+            for command in (["inspect", "-"], ["unpack", "-", "-o", "-"], ["pack", "-", "-o", "-"]):
+                self.assert_fails(run(*command, stdin=stream), 1, reason)
+        # An empty picture is a remark.
+        table = plain.index(b"stsz") + 12 + 4 * 30
+        emptied = self.write("in.3gp", plain[:table] + bytes(4) + plain[table + 4:])
+        for command in (["extract", emptied, "vr"], ["check", emptied],
+                        ["hint", emptied, "-o", self.scratch / "out.3gp"]):
+            result = run(*command)
+            self.assertEqual(result.returncode, 0)
+            self.assertIn(b"1 of 30 samples is empty", result.stderr)
         # Unpacking keeps what comes before the damage.
         result = run("unpack", "-", "-o", "-", stdin=cut)
         self.assert_fails(result, 1, "kept what comes before, left out 5 bytes")

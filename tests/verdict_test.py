@@ -322,7 +322,7 @@ class Info(ToolTest):
                 (plain[:60], ["lost tracks  unknown:"], ["duration", "no audio"]),
                 (mp3, ["track 1      MPEG audio,", "does not play MPEG audio;"], ["AAC"]),
                 (load("mpeg4_b_hinted"), ["MPEG-4 Visual, Advanced Simple profile, level 1,"], []),
-                (fragmented, ["2.000 s, 30 samples in a form", "fix these 4: kestrel hint"],
+                (fragmented, ["2.000 s, 30 samples in a form", "fix all 4: kestrel hint"],
                  ["fix it", "hint tracks are required)\n" * 2])]:
             with self.subTest(shown=shown):
                 text = self.output("info", self.write("in.3gp", data)).decode()

@@ -305,7 +305,7 @@ void boxes(const Options& options) {
     }
     if (const auto scan = kestrel::probe::scan_file(callbacks);
         !failure.empty() && !scan.is_3gp() && scan.fragments == 0) {
-        const Error error = no_media_file(options.input);
+        const Error error = no_media_file(options.input, scan.file_size);
         if (options.json) print_error_as_json(error);
         throw error;
     }

@@ -63,8 +63,20 @@ class FileCheck {
                 add(options_.quick ? judge.look(api, kind) : judge.judge(api, kind), found);
             }
         }
+        remark_empty_samples(facts, found);
         if (!found["verdicts"].empty() && !may_lack_tracks(facts)) return;
         found["reason"] = facts.scan.is_3gp() ? word(reason_for_no_media(facts)) : "not-3gp";
+    }
+
+    void remark_empty_samples(const FileFacts& facts, Json& found) const {
+        std::string all;
+        for (const iso_track* track = facts.file->first_track; track; track = track->next) {
+            const std::string text = empty_samples_text(facts, track);
+            if (text.empty()) continue;
+            all += (all.empty() ? "" : "; ") + ("track " + std::to_string(track->track_id)) + ": " +
+                   text;
+        }
+        if (!all.empty()) found["message"] = printable(input_name(path_) + ": " + all);
     }
 
     void add(const Verdict& verdict, Json& found) const {

@@ -232,7 +232,7 @@ class StreamOutput {
     }
     // Passes the bytes on if a reader may wait for them.
     void flush() {
-        if (direct_) direct_->finish();
+        if (direct_) direct_->flush();
     }
     // Keeps the output.
     void finish() {
@@ -330,10 +330,9 @@ void add_api_options(CLI::App* command, const std::shared_ptr<Options>& options)
         command, "--sync", options->sync,
         {{"next", Sync::kNext}, {"previous", Sync::kPrevious}, {"nearest", Sync::kNearest}},
         "Which sync sample is near MS: next is the one at or after the sample in whose decoding "
-        "time "
-        "MS lies, or else the last one, previous the one at or before it; nearest is, despite its "
-        "name, the "
-        "farther of these two (the platform's rule). The time that is printed is rounded down")
+        "time MS lies, or else the last one, previous the one at or before it; nearest is, despite "
+        "its name, the farther of these two (the platform's rule). The time that is printed is "
+        "rounded down")
         ->default_str("previous")
         ->needs(from);
 }

@@ -42,7 +42,7 @@ struct Options {
             throw file_error(output_name(options.output), error);
         default:
             if (options.salvage) throw file_error(options.input, error);
-            throw hint_error(host, options.input, error, "--salvage");
+            throw hint_error(host, options.input, error, "--salvage", options.flags());
     }
 }
 

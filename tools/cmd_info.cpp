@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "companion/probe/track_info.h"
+#include "companion/stream/plausible.h"
 #include "interface/src/isoff/record/private.h"
 #include "tools/commands.h"
 #include "tools/field_reading.h"
@@ -82,6 +83,8 @@ Json describe_track(const FileFacts& facts, iso_track* track) {
     if (about.sync_samples > 0) out["sync_sample_count"] = about.sync_samples;
     if (const uint64_t unread = samples_not_read(facts, track); unread > 0)
         out["samples_not_read"] = unread;
+    if (const uint64_t empty = empty_samples(facts, track); empty > 0)
+        out["empty_sample_count"] = empty;
     return out;
 }
 
@@ -207,6 +210,14 @@ void print_track(const Json& track) {
             std::printf(", language %s", language.c_str());
     }
     std::printf("\n");
+    if (track.contains("empty_sample_count")) {
+        const uint64_t all =
+            track.value("sample_count", uint64_t{0}) + track.value("samples_not_read", uint64_t{0});
+        std::printf(
+            "%13s%s\n", "",
+            kestrel::stream::empty_text(track["empty_sample_count"].get<uint64_t>(), all, "sample")
+                .c_str());
+    }
 }
 
 constexpr int kReasonColumn = 28;
@@ -262,8 +273,18 @@ class VerdictPrinter {
         const auto count = std::count_if(verdicts_.begin(), verdicts_.end(), is_same);
         const auto last = std::find_if(verdicts_.rbegin(), verdicts_.rend(), is_same);
         if (&*last != &verdict) return;
-        print_reason_line((count == 1 ? "fix it: " : "fix these " + std::to_string(count) + ": ") +
+        if (count == 1) return print_reason_line("fix it: " + command);
+        std::string which;
+        for (const Verdict& other : verdicts_) {
+            if (is_same(other)) which += (which.empty() ? "" : ", ") + name_of(other);
+        }
+        const bool is_for_all = static_cast<size_t>(count) == verdicts_.size();
+        print_reason_line("fix " + (is_for_all ? "all " + std::to_string(count) : which) + ": " +
                           command);
+    }
+
+    static std::string name_of(const Verdict& verdict) {
+        return word(verdict.kind) + std::string(" with the ") + word(verdict.api) + " API";
     }
 
     std::string command_for(const Verdict& verdict) const {
@@ -323,7 +344,7 @@ void info(const Options& options) {
     const auto deadline = options.time.deadline();
     const Host host = open_host(options.input);
     const FileFacts facts = gather_facts(host.get(), deadline);
-    if (!facts.scan.is_3gp()) throw no_media_file(options.input);
+    if (!facts.scan.is_3gp()) throw no_media_file(options.input, facts.scan.file_size);
     const std::vector<Verdict> verdicts = Judge(facts, deadline).judge_all();
     Json about = describe_file(facts);
     if (options.json) {

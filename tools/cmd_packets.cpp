@@ -59,7 +59,7 @@ std::string why_no_hints(const FileFacts& facts, bool is_chosen) {
 }
 
 HintTracks wanted_tracks(const FileFacts& facts, const Options& options) {
-    if (!facts.scan.is_3gp()) throw no_media_file(options.input);
+    if (!facts.scan.is_3gp()) throw no_media_file(options.input, facts.scan.file_size);
     std::vector<iso_track*> hints;
     for (iso_track* track = facts.file->first_track; track != nullptr; track = track->next) {
         const bool wanted = !options.track || *options.track == track->track_id;
@@ -173,6 +173,11 @@ void capture_packets(HintTracks& tracks, const Options& options) {
     }
     const std::string path = description_path(options.pcap);
     WholeOutput capture(options.pcap, options.input);
+    const bool is_pipe = capture.place().there && S_ISFIFO(capture.place().there->st_mode);
+    if (!capture.place().is_regular_or_new() && !is_pipe) {
+        throw file_error(options.pcap, "is a device, beside which no session description belongs",
+                         kWrongUsage);
+    }
     WholeOutput description(path, options.input);
     if (is_same_place(capture.place(), description.place())) {
         throw file_error(options.pcap, "leads to the same file as " + path, kWrongUsage);

@@ -24,7 +24,7 @@ void report(const Options& options) {
     WholeOutput output(options.output, options.input);  // a good page stays until this one is whole
     output.write({reinterpret_cast<const uint8_t*>(page.data()), page.size()});
     output.finish();
-    if (!data.facts.scan.is_3gp()) throw no_media_file(options.input);
+    if (!data.facts.scan.is_3gp()) throw no_media_file(options.input, data.facts.scan.file_size);
 }
 
 }  // namespace

@@ -131,7 +131,8 @@ Source hint_anew(const Source& from, const std::string& input) {
     if (result == KST_HINT_NO_MEMORY) throw std::bad_alloc();
     if (result == KST_HINT_DESTINATION_FAILED) throw file_error("temporary file", report.error);
     if (result != KST_HINT_DONE)
-        throw hint_error(from.host.get(), input, report.error, "'kestrel hint --salvage'");
+        throw hint_error(from.host.get(), input, report.error, "'kestrel hint --salvage'",
+                         options.flags);
     to.finish();
     if (report.left_out[0] != '\0') say(input_name(input) + ": " + report.left_out);
     made.host = open_temporary(made.copy);
@@ -144,7 +145,7 @@ Source open_source(const std::string& input) {
     Source source;
     source.host = open_host(input);
     source.facts = gather_facts(source.host.get(), Clock::now() + kMaxSeconds);
-    if (!source.facts.scan.is_3gp()) throw no_media_file(input);
+    if (!source.facts.scan.is_3gp()) throw no_media_file(input, source.facts.scan.file_size);
     return can_be_sent(source.facts, input) ? std::move(source) : hint_anew(source, input);
 }
 

@@ -165,9 +165,20 @@ std::string usage_of(const CLI::App& app) {
     return usage;
 }
 
+// In the order in which they were given; the parser's error has them from the last to the first.
+std::string unexpected_words(const CLI::App& app) {
+    std::string all;
+    for (const std::string& word : app.remaining(true)) {
+        if (word != "--") all += (all.empty() ? "" : " ") + word;
+    }
+    return all;
+}
+
 std::string in_plain_words(const CLI::App& app, const CLI::ParseError& wrong) {
     static const std::pair<std::regex, const char*> kForms[] = {
         {std::regex("(.*) is required"), "$1 is missing; usage: "},
+        {std::regex("Could not convert: (\\S+) = (\\d+)"),
+         "$1: '$2' is not a whole number from 0 to 4294967295"},
         {std::regex("Could not convert: (\\S+) = (.*)"), "$1: '$2' is not a whole number"},
         {std::regex("(\\S+): Value (.*) not in range (\\d+) to (\\d+)"),
          "$1: '$2' is not a whole number from $3 to $4"},
@@ -178,9 +189,9 @@ std::string in_plain_words(const CLI::App& app, const CLI::ParseError& wrong) {
         {std::regex("(\\S+): \\d+ required (.*) missing"), "$1 needs $2 after it"},
         {std::regex("(.*) requires (.*)"), "$1 needs $2"},
         {std::regex("(.*) excludes (.*)"), "$1 and $2 exclude each other"},
-        {std::regex("The following arguments? w\\w+ not expected: (.*)"),
-         "not expected: '$1'; usage: "},
     };
+    if (dynamic_cast<const CLI::ExtrasError*>(&wrong) != nullptr)
+        return "not expected: '" + unexpected_words(app) + "'; usage: " + usage_of(app);
     // std::regex takes stack in proportion to the text.
     constexpr size_t kMaxText = 1000;
     std::string text = wrong.what();

@@ -53,7 +53,8 @@ CLI::Option* add_choice(CLI::App* command, const char* name, Target& value,
 inline std::string as_decimal(const std::string& text) {
     const size_t first = text.find_first_not_of('0');
     if (first == std::string::npos) return text.empty() ? text : "0";
-    if (first > 0 && text.find_first_not_of("0123456789") != std::string::npos)
+    const bool is_odd = first > 0 || text[0] == '+';
+    if (is_odd && text.find_first_not_of("0123456789") != std::string::npos)
         throw CLI::ValidationError("'" + text + "' is not a whole number in decimal digits");
     return text.substr(first);
 }

@@ -7,11 +7,13 @@
 #include "companion/probe/media_tracks.h"
 #include "companion/probe/reasons.h"
 #include "interface/src/isoff/record/private.h"
+#include "kestrel/hinter.h"
 
 namespace tool {
 namespace {
 
-constexpr uint32_t kLongestPacket = 65000;  // below the limit of a UDP datagram
+constexpr uint32_t kLongestDeclared = KST_HINT_LONGEST_PACKET;
+constexpr int kLongestPacket = 65507;  // that a UDP datagram over IPv4 holds (RFC 768, RFC 791)
 
 }  // namespace
 
@@ -22,14 +24,16 @@ HintPackets::HintPackets(const FileFacts& facts, iso_track* hint, iso_track* med
 }
 
 std::span<const uint8_t> HintPackets::next() {
-    if (hint_->rtp_max_packet > kLongestPacket || damaged_sample_ > 0) return {};
+    if (hint_->rtp_max_packet > kLongestDeclared || damaged_sample_ > 0) return {};
     buffer_.resize(hint_->rtp_max_packet);
     // The packets of another hint track may be made of samples of this one, which moves its cursor.
     const bool at_end = cursor_.sample >= hint_->sample_count;
     if (!at_end && hint_->cur_sample != cursor_.sample) isoFFsetPosition(hint_, cursor_.sample);
     const bool in_sample = cursor_.packets_left > 0;
     if (in_sample) sample_ = cursor_.sample;
-    const int length = isoFFrtpPacket(hint_, buffer_.data());
+    int length = isoFFrtpPacket(hint_, buffer_.data());
+    too_long_ = length > kLongestPacket;
+    if (too_long_) length = -1;
     if (length < 0) {
         damaged_sample_ = cursor_.sample + 1;
         unreadable_ = length == -2;
@@ -87,8 +91,10 @@ HintPackets::Lack HintPackets::lack_after_damage(uint64_t samples) const {
         "hint sample " + std::to_string(damaged_sample_) + " of " + std::to_string(samples);
     const std::string left_out = "its packets and all after them are left out";
     if (unreadable_) return {name() + ": " + sample + " cannot be read; " + left_out, ""};
-    if (!is_cut()) {
-        return {name() + ": " + sample + " is damaged; " + left_out,
+    if (too_long_ || !is_cut()) {
+        const char* what =
+            too_long_ ? " has a packet longer than a UDP datagram holds; " : " is damaged; ";
+        return {name() + ": " + sample + what + left_out,
                 "'kestrel hint --replace' makes new ones"};
     }
     const std::string missing = missing_bytes(facts_.scan);
@@ -100,9 +106,9 @@ HintPackets::Lack HintPackets::lack_after_damage(uint64_t samples) const {
 }
 
 HintPackets::Lack HintPackets::lack() const {
-    if (hint_->rtp_max_packet > kLongestPacket) {
+    if (hint_->rtp_max_packet > kLongestDeclared) {
         return {name() + " declares packets of " + std::to_string(hint_->rtp_max_packet) +
-                    " bytes; the most is " + std::to_string(kLongestPacket),
+                    " bytes; the most is " + std::to_string(kLongestDeclared),
                 ""};
     }
     const Expected expected = expected_of(hint_, facts_.imported_track(hint_));

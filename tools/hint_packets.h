@@ -73,6 +73,7 @@ class HintPackets {
     int32_t sample_ = 0;
     int32_t damaged_sample_ = 0;  // from 1; 0 for none
     bool unreadable_ = false;     // the stream failed
+    bool too_long_ = false;       // for a datagram
 };
 
 using HintTracks = std::vector<std::unique_ptr<HintPackets>>;

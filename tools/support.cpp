@@ -11,6 +11,7 @@
 #include <cstring>
 #include <new>
 #include <typeinfo>
+#include <utility>
 
 #include "tools/descriptor.h"
 #include "tools/output_place.h"
@@ -172,8 +173,14 @@ void Output::write(std::span<const uint8_t> bytes) {
     written_ += bytes.size();
 }
 
-void Output::finish() {
+void Output::flush() {
     if (std::fflush(file_) != 0) throw system_error(path_);
+}
+
+void Output::finish() {
+    flush();
+    if (file_ != stdout && std::fclose(std::exchange(file_, nullptr)) != 0)
+        throw system_error(path_);
 }
 
 void hold_standard_streams() {

@@ -109,7 +109,10 @@ class Output {
     ~Output();
 
     void write(std::span<const uint8_t> bytes);
-    // Flushes the output. A full disk is reported here at the latest.
+    // Passes on what was written so far.
+    void flush();
+    // Flushes and closes the output, but for standard output. A full disk, or a network that takes
+    // no more, is reported here at the latest. Nothing may be written after it.
     void finish();
     uint64_t written() const { return written_; }
     int descriptor() const { return fileno(file_); }

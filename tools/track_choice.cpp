@@ -36,7 +36,7 @@ TrackChoice::TrackChoice(const std::string& path, uint32_t track_id, MediaKind k
 
 void TrackChoice::find_others(const std::string& path, uint32_t track_id, MediaKind kind) {
     const FileFacts facts = gather_facts(host_.get(), Clock::now() + kPatience);
-    if (!facts.scan.is_3gp()) throw no_media_file(path);
+    if (!facts.scan.is_3gp()) throw no_media_file(path, facts.scan.file_size);
     if (!is_medium(facts, track_id, kind)) {
         throw file_error(path, "has no " + std::string(word(kind)) + " track " +
                                    std::to_string(track_id) + "; 'kestrel info' lists the tracks");

@@ -167,14 +167,15 @@ void WholeOutput::make_temporary() {
 }
 
 void WholeOutput::finish() {
-    output_->finish();
-    if (temporary_.empty()) return;
+    if (temporary_.empty()) return output_->finish();
+    output_->flush();
     const int folder = place_.folder.get();
     const SignalsHeld held;
     // Opened once: what has the name may be exchanged while its owner, mode and list are read.
     const Descriptor replaced(openat(folder, place_.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!copy_permissions(output_->descriptor(), replaced.get()))
         set_new_permissions(output_->descriptor(), folder);
+    output_->finish();
     if (renameat(folder, temporary_.c_str(), folder, place_.name.c_str()) != 0) {
         throw system_error(path_);
     }

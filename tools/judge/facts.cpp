@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "companion/stream/native_walk.h"
+#include "companion/stream/plausible.h"
 #include "kestrel/native_records.h"
 #include "tools/messages.h"
 
@@ -68,11 +69,23 @@ bool is_native_stream(const std::string& path) {
 
 }  // namespace
 
-Error no_media_file(const std::string& input) {
+Error no_media_file(const std::string& input, uint64_t size) {
+    if (size == 0) return file_error(input, "not an ISO media file: it is empty");
     return file_error(
         input, std::string("not an ISO media file: it has neither a file type nor a movie "
                            "box") +
                    (is_native_stream(input) ? "; 'kestrel inspect' shows native streams" : ""));
+}
+
+uint64_t empty_samples(const FileFacts& facts, const iso_track* track) {
+    if (!is_of(track, MediaKind::kVideo)) return 0;
+    const Expected expected = expected_of(track, facts.imported_track(track));
+    return expected.samples - expected.pictures;
+}
+
+std::string empty_samples_text(const FileFacts& facts, const iso_track* track) {
+    const uint64_t all = expected_of(track, facts.imported_track(track)).samples;
+    return kestrel::stream::empty_text(empty_samples(facts, track), all, "sample");
 }
 
 uint64_t memory_limit(const FileScan& scan) {

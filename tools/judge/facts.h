@@ -17,10 +17,15 @@ namespace tool {
 FileFacts gather_facts(kst_host* host, Clock::time_point deadline);
 
 // The error for a file of another kind.
-Error no_media_file(const std::string& input);
+Error no_media_file(const std::string& input, uint64_t size);
 
 // The memory limit of reading and playing: a handle holds a multiple of the boxes that it reads.
 uint64_t memory_limit(const FileScan& scan);
+
+// The samples of a video track that are empty, and a remark on them without a full stop; empty for
+// none.
+uint64_t empty_samples(const FileFacts& facts, const iso_track* track);
+std::string empty_samples_text(const FileFacts& facts, const iso_track* track);
 
 }  // namespace tool
 

@@ -9,7 +9,9 @@
 #include <thread>
 
 #include "companion/probe/reasons.h"
+#include "companion/stream/plausible.h"
 #include "kestrel/hinter.h"
+#include "tools/output_stream.h"
 #include "tools/temporary_file.h"
 
 namespace tool {
@@ -47,14 +49,33 @@ bool has_media(const FileFacts& facts) {
                        [](const ImportedTrack& track) { return track.bytes > 0; });
 }
 
+namespace {
+
+// Whether kst_hint with salvage gets as far as writing.
+bool can_be_salvaged(kst_host* host, uint32_t flags) {
+    OutputStream nowhere("", "");
+    nowhere.refuse();
+    kst_hint_options options{};
+    options.struct_size = sizeof options;
+    options.flags = flags | KST_HINT_SALVAGE;
+    kst_host_rewind(host);
+    return kst_hint(kst_host_callbacks(host), nowhere.table(), &options, nullptr) ==
+           KST_HINT_DESTINATION_FAILED;
+}
+
+}  // namespace
+
 Error hint_error(kst_host* host, const std::string& input, const std::string& text,
-                 const char* salvage) {
+                 const char* salvage, uint32_t flags) {
     const FileFacts facts = gather_facts(host, Clock::now() + kPatience);
-    if (!facts.scan.is_3gp()) return no_media_file(input);
+    if (!facts.scan.is_3gp()) return no_media_file(input, facts.scan.file_size);
     if (!lacks_something(facts) || !has_media(facts)) return file_error(input, text);
     const std::string missing = kestrel::probe::missing_bytes(facts.scan);
-    return file_error(input, text + (missing.empty() ? "" : "; the file is cut: " + missing) +
-                                 "; " + salvage + " keeps what is whole of it");
+    const std::string why = text + (missing.empty() ? "" : "; the file is cut: " + missing);
+    if (can_be_salvaged(host, flags))
+        return file_error(input, why + "; " + salvage + " keeps what is whole of it");
+    const bool is_said = text.ends_with(kestrel::stream::kGetAgainText);
+    return file_error(input, why + (is_said ? "" : kestrel::stream::kGetAgainText));
 }
 
 FixFinder::FixFinder(const FileFacts& facts, const ChildLimits& limits)

@@ -49,10 +49,10 @@ class FixFinder {
 // Whether a file was cut or lacks fragments, so that what is whole of it may be kept.
 bool lacks_something(const FileFacts& facts);
 
-// The error of a file that was not hinted, with what it lacks; `salvage` is the option or the
-// command that keeps the rest.
+// The error of a file that was not hinted with `flags` of kst_hint, with what it lacks. Names
+// `salvage`, the option or the command that keeps the rest, where that can be done.
 Error hint_error(kst_host* host, const std::string& input, const std::string& text,
-                 const char* salvage);
+                 const char* salvage, uint32_t flags);
 
 inline constexpr auto kPatience = std::chrono::seconds(10);  // with a file that failed
 

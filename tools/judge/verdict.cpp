@@ -472,20 +472,33 @@ FixFinder::IsFixed plays_of(const Subject& subject, const ChildLimits& limits) {
     };
 }
 
+void remark_empty_samples(const Subject& subject, const std::string& input) {
+    if (subject.track == nullptr) return;
+    const std::string text = empty_samples_text(subject.facts, subject.track);
+    if (!text.empty()) say(input_name(input) + ": " + text);
+}
+
+// What is left to do where no command fixes a verdict.
+std::string step_without_fix(const Verdict& verdict) {
+    const bool is_wrong = verdict.reason == Reason::kImplausible && verdict.fix.empty();
+    return is_wrong ? kestrel::stream::kGetAgainText : "";
+}
+
 // Looks for the command that makes `input` play; its name does not help where it is standard input.
 std::string next_step(const Subject& subject, Verdict& verdict, const std::string& input,
                       Clock::time_point deadline) {
-    if (!subject.has_track() || !may_have_fix(subject, verdict.reason)) return "";
+    const std::string without_fix = step_without_fix(verdict);
+    if (!subject.has_track() || !may_have_fix(subject, verdict.reason)) return without_fix;
     if (input == "-") {
         return lacks_something(subject.facts)
                    ? "; save it to a file, of which 'kestrel hint --salvage' keeps what is whole"
-                   : "";
+                   : without_fix;
     }
     const ChildLimits limits{deadline, memory_limit(subject.facts.scan)};
     FixFinder fixes(subject.facts, limits);
     verdict.fix = fixes.find(subject.api, subject.kind, plays_of(subject, limits));
     if (verdict.fix.empty())
-        return Clock::now() < deadline ? "" : "; 'kestrel info' looks for a fix";
+        return Clock::now() < deadline ? without_fix : "; 'kestrel info' looks for a fix";
     const bool is_salvage = verdict.fix.find("--salvage") != std::string::npos;
     return "; '" + fix_command(verdict, input) +
            (is_salvage ? "' keeps what is whole of it" : "' makes a file that plays");
@@ -518,9 +531,10 @@ std::string status_words(const Verdict& verdict) {
 
 std::string fix_command(const Verdict& verdict, const std::string& input) {
     if (verdict.fix.empty()) return "";
+    const std::string file = input == "-" ? "FILE" : quoted(input);  // it was read
     const size_t options = verdict.fix.find(' ');
     const std::string more = options == std::string::npos ? "" : verdict.fix.substr(options);
-    return "kestrel " + verdict.fix.substr(0, options) + " " + quoted(input) + more + " -o OUT";
+    return "kestrel " + verdict.fix.substr(0, options) + " " + file + more + " -o OUT";
 }
 
 Judge::Judge(const FileFacts& facts, Clock::time_point deadline)
@@ -551,6 +565,8 @@ Verdict Judge::judge(Api api, MediaKind kind) {
         verdict.fix = fixes_.find(api, kind, plays_of(subject, limits_));
     }
     verdict.why = why(subject, verdict, result);
+    if (const std::string step = step_without_fix(verdict); !step.empty())
+        verdict.why.insert(verdict.why.size() - 1, step);  // before its full stop
     if (api == Api::kClass && verdict.plays())
         verdict.seeks_elsewhere = kestrel::probe::seeks_elsewhere(class_file(), kind);
     return verdict;
@@ -592,7 +608,7 @@ Error open_error(kst_host* host, const std::string& input, Api api, MediaKind ki
                  int32_t status) {
     const Clock::time_point deadline = Clock::now() + kPatience;
     const FileFacts facts = gather_facts(host, deadline);
-    if (!facts.scan.is_3gp()) return no_media_file(input);
+    if (!facts.scan.is_3gp()) return no_media_file(input, facts.scan.file_size);
     const Subject subject = subject_of(facts, api, kind);
     if (!subject.has_track() && why_no_tracks(facts).empty())
         return file_error(input, std::string("no ") + word(kind) + " track");
@@ -634,7 +650,10 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
     verdict.api = api;
     verdict.kind = kind;
     verdict.reason = reason_of(subject, result);
-    if (verdict.plays()) return std::nullopt;
+    if (verdict.plays()) {
+        remark_empty_samples(subject, input);
+        return std::nullopt;
+    }
     verdict.status = ended ? int32_t{KST_SUCCESS} : playback.status;
     verdict.opens = true;
     verdict.delivered = playback.delivered;
