@@ -109,7 +109,8 @@ class Checker {
   public:
     explicit Checker(const Options& options)
         : options_(options),
-          most_at_work_(std::min<uint64_t>(options.processes, most_processes())) {}
+          most_at_work_(
+              static_cast<size_t>(std::min<uint64_t>(options.processes, most_processes()))) {}
 
     void run() {
         for (const std::string& path : options_.paths)
