@@ -487,7 +487,7 @@ std::string step_without_fix(const Verdict& verdict) {
 // Looks for the command that makes `input` play; its name does not help where it is standard input.
 std::string next_step(const Subject& subject, Verdict& verdict, const std::string& input,
                       Clock::time_point deadline) {
-    const std::string without_fix = step_without_fix(verdict);
+    std::string without_fix = step_without_fix(verdict);
     if (!subject.has_track() || !may_have_fix(subject, verdict.reason)) return without_fix;
     if (input == "-") {
         return lacks_something(subject.facts)
