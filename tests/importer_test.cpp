@@ -412,6 +412,11 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(parts, "trun", 4, be32(0)), "bytes that no sample of the fragment before it takes"},
         {with(parts, "trun", 4, be32(1)), "bytes that no sample of the fragment before it takes"},
     };
+    // Fragments may have no tracks, and tracks in them no runs.
+    const Bytes number = box("mfhd", {words({0, 99})});
+    const Bytes track = box("traf", {box("tfhd", {words({0x020000, 1})})});
+    EXPECT_TRUE(import_bytes(join({parts, box("moof", {number, track})})).result.ok);
+    EXPECT_TRUE(import_bytes(join({parts, box("moof", {number})})).result.ok);
     for (const auto& [file, error] : kCases) {
         const Imported imported = import_bytes(file);
         EXPECT_FALSE(imported.result.ok) << error;

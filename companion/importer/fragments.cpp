@@ -132,9 +132,25 @@ bool has_child(Import& import, const Box& container, std::uint32_t type) {
     return false;
 }
 
-// Whether a part of a fragment has the child without which it has no samples.
-bool check_has_child(Import& import, const Box& container, std::uint32_t type) {
-    return has_child(import, container, type) ||
+// The children of a fragment and of a track in it that may be alone there.
+constexpr std::uint32_t kWithoutTracks[] = {fourcc("mfhd"), fourcc("meta"), fourcc("pssh")};
+constexpr std::uint32_t kWithoutRuns[] = {fourcc("tfhd"), fourcc("tfdt"), fourcc("sbgp"),
+                                          fourcc("sgpd"), fourcc("subs"), fourcc("saiz"),
+                                          fourcc("saio"), fourcc("senc"), fourcc("meta")};
+
+// Whether a part of a fragment has the child without which it has no samples, or plainly none: any
+// box but `others` may be one whose type was overwritten.
+bool check_has_child(Import& import, const Box& container, std::uint32_t type,
+                     std::span<const std::uint32_t> others) {
+    bool has = false;
+    bool may_have = false;
+    std::uint64_t count = 0;
+    BoxReader children(import.source, container);
+    for (Box box; children.next(box); ++count) {
+        has |= box.type == type;
+        may_have |= std::find(others.begin(), others.end(), box.type) == others.end();
+    }
+    return has || (count > 0 && !may_have) ||
            import.lacks_fragments(place_text(container) + " has no " + type_text(type));
 }
 
@@ -152,11 +168,12 @@ bool count_samples(Import& import, const Box& moof) {
     for (Box box; children.next(box);) {
         if (!check_child(import, moof.type, box)) return false;
     }
-    if (!check_has_child(import, moof, kTraf)) return false;
+    if (!check_has_child(import, moof, kTraf, kWithoutTracks)) return false;
     return each(import, moof, kTraf, [&](const Box& traf) {
         TrackFragment fragment;
         if (!open_fragment(import, traf, fragment)) return false;
-        if (!fragment.duration_is_empty && !check_has_child(import, traf, kTrun)) return false;
+        if (!fragment.duration_is_empty && !check_has_child(import, traf, kTrun, kWithoutRuns))
+            return false;
         std::uint64_t& samples = import.tracks[fragment.track].fragment_samples;
         return each(import, traf, kTrun, [&](const Box& box) {
             BoxReader reader(import.source, box);

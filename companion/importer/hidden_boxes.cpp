@@ -167,8 +167,10 @@ bool check_covered_fragments(Import& import) {
         const bool is_media = box.type == fourcc("mdat");
         const std::uint64_t begin = is_media ? std::clamp(data_end, box.body, end) : box.body;
         if (!covers_none(import, kFileAsContainer, box, begin, end)) return false;
-        if (is_media && !has_samples(import, box, end - box.body, std::exchange(expected, {})))
-            return false;
+        const FragmentMedia before = is_media ? std::exchange(expected, {}) : FragmentMedia{};
+        // Media before their fragment belong to the next one.
+        const bool is_of_those = data_end >= box.body && data_end <= end;
+        if (is_of_those && !has_samples(import, box, end - box.body, before)) return false;
         if (box.type == fourcc("moof") && fragment != import.fragment_media.end()) {
             data_end = fragment->end;
             expected.bytes += fragment->bytes;
