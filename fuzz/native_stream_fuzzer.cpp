@@ -5,9 +5,9 @@
 #include <string>
 #include <utility>
 
-#include "companion/stream/depacketise.h"
-#include "companion/stream/native_walk.h"
 #include "fuzz/support/support.h"
+#include "native/stream/depacketise.h"
+#include "native/stream/native_walk.h"
 
 namespace {
 

@@ -6,12 +6,12 @@
 #include <memory>
 
 #include "common/bytes.h"
-#include "companion/stream/depacketise.h"
 #include "fuzz/support/support.h"
 #include "kestrel/isoff.h"
 #include "kestrel/native.h"
 #include "kestrel/native_records.h"
 #include "native/codec/h264_units.h"
+#include "native/stream/depacketise.h"
 
 namespace {
 

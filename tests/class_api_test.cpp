@@ -6,8 +6,8 @@
 #include <cstring>
 #include <sstream>
 
-#include "companion/stream/native_walk.h"
 #include "kestrel/native_records.h"
+#include "native/stream/native_walk.h"
 #include "tests/support/playing.h"
 
 // C3gpInterface on whole files: what comes out, however the file arrives, wherever playing begins

@@ -73,7 +73,7 @@ class Layers(unittest.TestCase):
         for file, line, fault in (
                 ("native/codec/avcc.cpp", '#include "boxes/box_base.h"', "codec may not use"),
                 ("common/bytes.h", '#include <kestrel/../../native/orb_native.h>', "common may not use"),
-                ("companion/stream/plausible.cpp", '#include "../hinter/samples.h"', "stream may not use"),
+                ("native/stream/plausible.cpp", '#include "../../companion/hinter/samples.h"', "stream may not use"),
                 ("native/new/file.cpp", "#include <cstdint>", "is in no module")):
             with self.subTest(file=file), tempfile.TemporaryDirectory() as scratch:
                 for folder in ("common", "native", "boxes", "propfile", "interface", "companion", "include"):

@@ -7,9 +7,9 @@
 #include <random>
 
 #include "common/bytes.h"
-#include "companion/stream/depacketise.h"
 #include "interface/src/isoff/write/hint_sample_planner.h"
 #include "kestrel/codec.h"
+#include "native/stream/depacketise.h"
 #include "tests/support/opened.h"
 #include "tests/support/writing.h"
 

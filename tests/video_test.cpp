@@ -8,7 +8,6 @@
 #include <random>
 #include <sstream>
 
-#include "companion/stream/depacketise.h"
 #include "kestrel/codec.h"
 #include "kestrel/hosts.h"
 #include "kestrel/isoff.h"
@@ -16,6 +15,7 @@
 #include "kestrel/native_records.h"
 #include "native/codec/h263_parse.h"
 #include "native/codec/h263_payload.h"
+#include "native/stream/depacketise.h"
 #include "tests/support/native_packets.h"
 #include "tests/support/opened.h"
 

@@ -5,8 +5,8 @@
 #include <sstream>
 
 #include "companion/probe/track_info.h"
-#include "companion/stream/plausible.h"
 #include "interface/src/isoff/record/private.h"
+#include "native/stream/plausible.h"
 #include "tools/commands.h"
 #include "tools/field_reading.h"
 #include "tools/judge/verdict_json.h"

@@ -6,10 +6,10 @@
 #include <random>
 
 #include "companion/probe/reasons.h"
-#include "companion/stream/depacketise.h"
 #include "kestrel/hinter.h"
 #include "native/codec/payload_types.h"
 #include "native/codec/rtp_header.h"
+#include "native/stream/depacketise.h"
 #include "tools/capture.h"
 #include "tools/commands.h"
 #include "tools/hint_packets.h"

@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "companion/stream/depacketise.h"
-#include "companion/stream/sequence_gaps.h"
+#include "native/stream/depacketise.h"
+#include "native/stream/sequence_gaps.h"
 #include "tools/support.h"
 
 namespace tool {

@@ -7,8 +7,8 @@
 #include <span>
 #include <string>
 
-#include "companion/stream/declared_extent.h"
-#include "companion/stream/native_walk.h"
+#include "native/stream/declared_extent.h"
+#include "native/stream/native_walk.h"
 #include "tools/support.h"
 
 namespace tool {

@@ -13,13 +13,13 @@
 #include "companion/hinter/track_choice.h"
 #include "companion/importer/box_reader.h"
 #include "companion/importer/source.h"
-#include "companion/stream/plausible.h"
 #include "kestrel/kstutil.h"
 #include "kestrel/native.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/avcc.h"
 #include "native/codec/h264_units.h"
 #include "native/codec/payload_types.h"
+#include "native/stream/plausible.h"
 
 // kst_hint: reads the tables, plans the packets of all samples, and writes the file with the movie
 // box first.

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "companion/stream/depacketise.h"
 #include "interface/src/isoff/write/media_output.h"
+#include "native/stream/depacketise.h"
 
 namespace kestrel::packer {
 

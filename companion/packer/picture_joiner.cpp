@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "common/bytes.h"
+#include "common/frame_limit.h"
 #include "kestrel/native_records.h"
 #include "native/codec/avcc.h"
 #include "native/codec/h264_units.h"
@@ -152,7 +153,7 @@ void PictureJoiner::packet(const stream::VideoPacket& packet) {
     if (!depacketiser_->packet(payload_) && !payload_.empty()) ++packets_left_out_;
     payload_ = {};
     has_marker_ = packet.marker;
-    if (picture_.size() > stream::kMaxChunkBytes) end_picture();
+    if (picture_.size() > kMaxChunkBytes) end_picture();
 }
 
 // A picture whose last packet has no marker goes on in the next frame of the same time. Other

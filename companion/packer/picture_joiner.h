@@ -12,7 +12,7 @@
 #include "companion/packer/au_headers.h"
 #include "companion/packer/pictures.h"
 #include "companion/packer/sample_store.h"
-#include "companion/stream/depacketise.h"
+#include "native/stream/depacketise.h"
 
 namespace kestrel::packer {
 

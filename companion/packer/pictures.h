@@ -7,7 +7,7 @@
 #include <memory>
 #include <span>
 
-#include "companion/stream/native_walk.h"
+#include "native/stream/native_walk.h"
 
 namespace kestrel::packer {
 

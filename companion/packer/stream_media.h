@@ -11,8 +11,8 @@
 
 #include "companion/packer/picture_joiner.h"
 #include "companion/packer/sample_store.h"
-#include "companion/stream/declared_extent.h"
-#include "companion/stream/native_walk.h"
+#include "native/stream/declared_extent.h"
+#include "native/stream/native_walk.h"
 
 namespace kestrel::packer {
 

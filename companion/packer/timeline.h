@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "companion/packer/sample_store.h"
-#include "companion/stream/native_walk.h"
+#include "native/stream/native_walk.h"
 
 namespace kestrel::packer {
 

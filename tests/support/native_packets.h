@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
-#include "companion/stream/depacketise.h"
 #include "kestrel/native_records.h"
+#include "native/stream/depacketise.h"
 #include "tests/support/files.h"
 
 struct Packet {

@@ -6,9 +6,9 @@
 #include <fstream>
 #include <type_traits>
 
-#include "companion/stream/native_walk.h"
-#include "companion/stream/plausible.h"
 #include "kestrel/native_records.h"
+#include "native/stream/native_walk.h"
+#include "native/stream/plausible.h"
 #include "tools/messages.h"
 
 namespace tool {

@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "companion/probe/reasons.h"
-#include "companion/stream/plausible.h"
 #include "kestrel/hinter.h"
+#include "native/stream/plausible.h"
 #include "tools/output_stream.h"
 #include "tools/temporary_file.h"
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "companion/stream/plausible.h"
+#include "native/stream/plausible.h"
 #include "tools/judge/child_process.h"
 #include "tools/judge/facts.h"
 

@@ -7,9 +7,9 @@
 #include <memory>
 #include <span>
 
-#include "companion/stream/depacketise.h"
-#include "companion/stream/frame_test.h"
-#include "companion/stream/native_walk.h"
+#include "native/stream/depacketise.h"
+#include "native/stream/frame_test.h"
+#include "native/stream/native_walk.h"
 
 namespace tool {
 

@@ -6,11 +6,11 @@
 #include <span>
 #include <utility>
 
-#include "companion/stream/plausible.h"
 #include "interface/src/isoff/record/private.h"
 #include "kestrel/log.h"
 #include "native/codec/amr_format.h"
 #include "native/codec/h264_units.h"
+#include "native/stream/plausible.h"
 #include "tools/hint_packets.h"
 #include "tools/judge/hint_use.h"
 #include "tools/judge/track_samples.h"

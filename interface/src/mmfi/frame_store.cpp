@@ -10,8 +10,7 @@
 namespace kestrel {
 namespace {
 
-constexpr uint32_t kMaxFrameRecord = 64;  // bytes
-static_assert(KST_MAX_CHUNK == kMaxFrameBytes + kMaxFrameRecord);
+static_assert(KST_MAX_CHUNK == kMaxChunkBytes);
 
 // Makes the buffer at least `capacity` bytes long. Keeps its first `kept` bytes.
 bool reserve(iso_frame_buffer& buffer, uint32_t capacity, uint32_t kept) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "companion/stream/plausible.h"
+#include "native/stream/plausible.h"
 
 #include <algorithm>
 #include <cstddef>

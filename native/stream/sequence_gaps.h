@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Counts missing packets of a stream by their sequence numbers.
-#ifndef KESTREL_COMPANION_STREAM_SEQUENCE_GAPS_H
-#define KESTREL_COMPANION_STREAM_SEQUENCE_GAPS_H
+#ifndef KESTREL_NATIVE_STREAM_SEQUENCE_GAPS_H
+#define KESTREL_NATIVE_STREAM_SEQUENCE_GAPS_H
 
 #include <cstdint>
 #include <optional>

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Rebuilds a media stream from RTP payloads.
-#ifndef KESTREL_COMPANION_STREAM_DEPACKETISE_H
-#define KESTREL_COMPANION_STREAM_DEPACKETISE_H
+#ifndef KESTREL_NATIVE_STREAM_DEPACKETISE_H
+#define KESTREL_NATIVE_STREAM_DEPACKETISE_H
 
 #include <functional>
 #include <memory>
 #include <span>
 #include <vector>
 
-#include "companion/stream/native_walk.h"
+#include "native/stream/native_walk.h"
 
 namespace kestrel::stream {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "companion/stream/native_walk.h"
+#include "native/stream/native_walk.h"
 
 #include <algorithm>
 #include <array>
@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "common/byte_reader.h"
+#include "common/frame_limit.h"
 #include "kestrel/native_records.h"
 #include "native/codec/amr_format.h"
 

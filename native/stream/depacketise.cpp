@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "companion/stream/depacketise.h"
+#include "native/stream/depacketise.h"
 
 #include <algorithm>
 

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tests whether the frames of a native stream can be what their codec writes.
-#ifndef KESTREL_COMPANION_STREAM_FRAME_TEST_H
-#define KESTREL_COMPANION_STREAM_FRAME_TEST_H
+#ifndef KESTREL_NATIVE_STREAM_FRAME_TEST_H
+#define KESTREL_NATIVE_STREAM_FRAME_TEST_H
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <span>
 
-#include "companion/stream/native_walk.h"
+#include "native/stream/native_walk.h"
 
 namespace kestrel::stream {
 

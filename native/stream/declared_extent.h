@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Whether a native stream has the frames that its header records declare (docs/native-format.md, "A
 // stream that was cut between frames"), each once, and whether they are of its codec.
-#ifndef KESTREL_COMPANION_STREAM_DECLARED_EXTENT_H
-#define KESTREL_COMPANION_STREAM_DECLARED_EXTENT_H
+#ifndef KESTREL_NATIVE_STREAM_DECLARED_EXTENT_H
+#define KESTREL_NATIVE_STREAM_DECLARED_EXTENT_H
 
 #include <cstdint>
 #include <memory>
@@ -10,10 +10,10 @@
 #include <string>
 #include <utility>
 
-#include "companion/stream/depacketise.h"
-#include "companion/stream/frame_test.h"
-#include "companion/stream/native_walk.h"
-#include "companion/stream/sequence_gaps.h"
+#include "native/stream/depacketise.h"
+#include "native/stream/frame_test.h"
+#include "native/stream/native_walk.h"
+#include "native/stream/sequence_gaps.h"
 
 namespace kestrel::stream {
 

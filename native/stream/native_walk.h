@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Walks a native stream record by record (docs/native-format.md), in pieces of any size.
-#ifndef KESTREL_COMPANION_STREAM_NATIVE_WALK_H
-#define KESTREL_COMPANION_STREAM_NATIVE_WALK_H
+#ifndef KESTREL_NATIVE_STREAM_NATIVE_WALK_H
+#define KESTREL_NATIVE_STREAM_NATIVE_WALK_H
 
 #include <cstdint>
 #include <span>
@@ -9,7 +9,6 @@
 #include <variant>
 #include <vector>
 
-#include "kestrel/kestrel.h"
 #include "native/codec/amr_format.h"
 
 namespace kestrel::stream {
@@ -110,9 +109,6 @@ struct Damage {
 
 // The reason of Damage in a file that is no stream, but can be played.
 inline constexpr const char* kIs3gpText = "this is a 3GP file; extract a track of it first";
-
-// Limit of a frame: its record and packets together.
-inline constexpr uint32_t kMaxChunkBytes = KST_MAX_CHUNK;
 
 // Walks a stream that arrives in pieces. Uses memory for one frame at most, and never more than was
 // fed. feed() and finish() throw Damage at the first damaged place, which ends the walk.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Whether bytes can be what their codec writes. Bytes of a wrong place hardly are.
-#ifndef KESTREL_COMPANION_STREAM_PLAUSIBLE_H
-#define KESTREL_COMPANION_STREAM_PLAUSIBLE_H
+#ifndef KESTREL_NATIVE_STREAM_PLAUSIBLE_H
+#define KESTREL_NATIVE_STREAM_PLAUSIBLE_H
 
 #include <cstdint>
 #include <span>

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "companion/stream/declared_extent.h"
+#include "native/stream/declared_extent.h"
 
 #include <algorithm>
 #include <string>
 
-#include "companion/stream/plausible.h"
 #include "native/codec/nal_unit.h"
+#include "native/stream/plausible.h"
 
 namespace kestrel::stream {
 namespace {

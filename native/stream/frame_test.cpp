@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "companion/stream/frame_test.h"
+#include "native/stream/frame_test.h"
 
 #include <algorithm>
 
-#include "companion/stream/plausible.h"
 #include "native/codec/mpeg4_visual.h"
 #include "native/codec/nal_unit.h"
+#include "native/stream/plausible.h"
 
 namespace kestrel::stream {
 
