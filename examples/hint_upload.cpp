@@ -31,9 +31,12 @@ Host hint(kst_host* upload) {
     }
     Host hinted(kst_host_for_writing_memory());
     if (hinted == nullptr) return hinted;
+    kst_hint_options options{};
+    options.struct_size = sizeof options;
+    options.flags = KST_HINT_REPLACE;  // those that the clip may have
     kst_hint_report report{};
     report.struct_size = sizeof report;
-    if (kst_hint(kst_host_callbacks(upload), kst_host_callbacks(hinted.get()), nullptr, &report) !=
+    if (kst_hint(kst_host_callbacks(upload), kst_host_callbacks(hinted.get()), &options, &report) !=
         KST_HINT_DONE) {
         std::fprintf(stderr, "%s\n", report.error);
         return nullptr;

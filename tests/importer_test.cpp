@@ -343,6 +343,8 @@ TEST(Importer, SaysWhatIsWrong) {
     const Bytes mixed = make_movie(forms_of({{kFragments, 1}})).file;
     const Bytes runs = make_movie(forms_of({{kFragments, 2}, {kRuns, 1}})).file;
     const Bytes alone = make_movie(forms_of({{kFragments, 2}, {kSpread, 1}})).file;
+    const Bytes single =
+        make_movie(forms_of({{kFragments, 2}, {kValues, 1}, {kTimes, 2}, {kSpread, 1}})).file;
     const Bytes hidden = text("hidehide");  // over a header and the next one
     MovieForms elsewhere;
     elsewhere.media_elsewhere = true;
@@ -411,7 +413,10 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(runs, "trun", 2, {0}), "bytes after the"},
         {with(parts, "trun", 4, be32(0)), "bytes that no sample of the fragment before it takes"},
         {with(parts, "trun", 4, be32(1)), "bytes that no sample of the fragment before it takes"},
+        {with(single, "trun", 4, be32(0)), "bytes that no sample of the fragment before it takes"},
     };
+    const Result unused = import_bytes(renamed(runs, "traf", "free")).result;
+    EXPECT_THAT(unused.remark, testing::HasSubstr("bytes that no sample of the fragment before"));
     // Fragments may have no tracks, and tracks in them no runs.
     const Bytes number = box("mfhd", {words({0, 99})});
     const Bytes track = box("traf", {box("tfhd", {words({0x020000, 1})})});

@@ -233,6 +233,11 @@ TEST(Probe, DescribesTracks) {
     ASSERT_EQ(kst_probe_describe(fragmented.get(), 0, &track), KST_SUCCESS);
     EXPECT_EQ(track.samples, track.fragmented);
     EXPECT_GT(track.samples, 0u);
+    // Boxes that the APIs do not read.
+    const Probe large = probe_of(read_sample("wild/large_size_mdat.3gp"));
+    ASSERT_EQ(kst_probe_describe(large.get(), 0, &track), KST_SUCCESS);
+    EXPECT_EQ(std::tuple(track.width, track.height, track.sync_samples),
+              std::tuple(176u, 144u, 3u));
 }
 
 TEST(Probe, PrintsAndLogsNothingWhateverTheFile) {

@@ -321,6 +321,12 @@ TEST(StreamContract, ReadyHostNeedsSomethingToServe) {
     EXPECT_EQ(kst_host_from_growing_memory(nullptr, 5, 1), nullptr);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(kst_host_from_pipe(-1), nullptr);
+    int pipe_ends[2] = {};
+    ASSERT_EQ(pipe(pipe_ends), 0);
+    EXPECT_EQ(kst_host_from_pipe(pipe_ends[1]), nullptr);
+    EXPECT_EQ(errno, EBADF);
+    close(pipe_ends[0]);
+    close(pipe_ends[1]);
     EXPECT_EQ(errno, EBADF);
 }
 

@@ -1395,6 +1395,13 @@ class Inspect(ToolTest):
                             result = run(*command, stdin=stream[:end])
                             self.assertEqual(result.returncode, 1)
                             self.assertIn(b"its header records declare ", result.stderr)
+                if mode == "ar" and api == "function":  # no duration, as of a version-1 mdhd
+                    cut = stream[:52] + bytes(4) + stream[56:ends[-last]]
+                    self.assert_fails(run("inspect", "-", stdin=cut), 1, "declare")
+                if name == "amrnb_dtx_hinted" and api == "class":  # declares a frame less
+                    doubtful = run("inspect", "-", stdin=stream[:ends[-2]])
+                    self.assertEqual(doubtful.returncode, 0)
+                    self.assertIn(b"it is cut, or hint samples", doubtful.stderr)
         late = run("extract", sample("h263_hinted"), "vr", "--api", "class", "--from", "900",
                    "--sync", "next")
         self.unpack(late.stdout)  # made after a seek

@@ -103,6 +103,7 @@ class Job {
         importer::Result result = importer::import_movie(*host_, how, movie_);
         if (!result.ok) return outcome_.fail(result_of(result.cause), result.error);
         salvaged_ = std::move(result.salvaged);
+        if (!result.remark.empty()) add_note(result.remark);
         shorten_headers(movie_);
         return source_.open() || outcome_.fail(KST_HINT_SOURCE_FAILED, source_.error());
     }

@@ -442,7 +442,12 @@ kst_host* kst_host_from_growing_memory(const void* data, size_t size, uint32_t s
 }
 
 kst_host* kst_host_from_pipe(int fd) {
-    if (fcntl(fd, F_GETFD) < 0) return nullptr;
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) return nullptr;
+    if ((flags & O_ACCMODE) == O_WRONLY) {
+        errno = EBADF;
+        return nullptr;
+    }
     return make_host([=] { return std::make_unique<PipeSource>(fd); });
 }
 

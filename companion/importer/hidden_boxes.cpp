@@ -134,13 +134,15 @@ std::uint64_t end_of_movie_samples(const Movie& movie) {
 }
 
 // Whether the media after fragments has samples for all of its bytes. Runs with records have a
-// length that shows how many there are.
+// length that shows how many there are; other bytes after them are remarked on.
 bool has_samples(Import& import, const Box& mdat, std::uint64_t bytes,
                  const FragmentMedia& expected) {
-    return !expected.has_bare_run || expected.bytes >= bytes ||
-           import.lacks_fragments(place_text(mdat) + " has " +
-                                  std::to_string(bytes - expected.bytes) +
-                                  " bytes that no sample of the fragment before it takes");
+    if (expected.bytes >= bytes) return true;
+    const std::string what = place_text(mdat) + " has " + std::to_string(bytes - expected.bytes) +
+                             " bytes that no sample of the fragment before it takes";
+    if (expected.has_bare_run) return import.lacks_fragments(what);
+    if (expected.bytes > 0 && import.remark.empty()) import.remark = what;
+    return true;
 }
 
 }  // namespace
@@ -169,7 +171,7 @@ bool check_covered_fragments(Import& import) {
         if (!covers_none(import, kFileAsContainer, box, begin, end)) return false;
         const FragmentMedia before = is_media ? std::exchange(expected, {}) : FragmentMedia{};
         // Media before their fragment belong to the next one.
-        const bool is_of_those = data_end >= box.body && data_end <= end;
+        const bool is_of_those = before.bytes == 0 || (data_end >= box.body && data_end <= end);
         if (is_of_those && !has_samples(import, box, end - box.body, before)) return false;
         if (box.type == fourcc("moof") && fragment != import.fragment_media.end()) {
             data_end = fragment->end;

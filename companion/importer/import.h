@@ -116,6 +116,7 @@ class Import {
     std::vector<FragmentMedia> fragment_media;  // of each moof
     std::string error;
     std::string missing;  // the first thing that the file lacks, where that is salvaged
+    std::string remark;   // the first thing that may show a loss, but need not
 
   private:
     std::uint64_t claimed_ = 0;

@@ -198,20 +198,31 @@ bool read_file(Import& import) {
 
 }  // namespace
 
+static Result failure(Cause cause, std::string error) {
+    Result result;
+    result.cause = cause;
+    result.error = std::move(error);
+    return result;
+}
+
 Result import_movie(KST_IOSTREAM_CALLBACK_INTERFACE& host, const Options& options, Movie& movie) {
     movie = Movie{};
     Source source(host);
     Import import(source, options, movie);
     try {
         if (read_file(import)) {
-            return {true, Cause::kNone, {}, salvaged_text(import), std::move(import.missing)};
+            return {true,
+                    Cause::kNone,
+                    {},
+                    salvaged_text(import),
+                    std::move(import.missing),
+                    std::move(import.remark)};
         }
     } catch (const std::exception&) {  // of the standard library's containers
-        return {
-            false, Cause::kMemory, "there is not enough memory for the tables of the file", {}, {}};
+        return failure(Cause::kMemory, "there is not enough memory for the tables of the file");
     }
     const Cause cause = source.error().empty() ? Cause::kFile : Cause::kHost;
-    return {false, cause, std::move(import.error), {}, {}};
+    return failure(cause, std::move(import.error));
 }
 
 }  // namespace kestrel::importer

@@ -107,7 +107,7 @@ bool is_rewritten_type(std::uint32_t type) {
     return type == kQuickTimeH263 || type == kH264WithSetsInSamples;
 }
 
-Description iso_description(const Import& import, const SampleEntry& entry) {
+static Description iso_form(const Import& import, const SampleEntry& entry) {
     Source& source = import.source;
     if (entry.quicktime_sound && contains(kIsoSound, entry.box.type)) {
         return {entry.box.type, iso_sound_entry(source, entry)};
@@ -119,6 +119,13 @@ Description iso_description(const Import& import, const SampleEntry& entry) {
         return {kH264, renamed(whole_box(source, entry.box), kH264)};
     }
     return {entry.box.type, whole_box(source, entry.box)};
+}
+
+Description iso_description(const Import& import, const SampleEntry& entry) {
+    Description out = iso_form(import, entry);
+    out.width = entry.width;
+    out.height = entry.height;
+    return out;
 }
 
 }  // namespace kestrel::importer

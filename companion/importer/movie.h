@@ -40,6 +40,7 @@ inline constexpr std::uint32_t kDescriptionBits = 0x7FFF'FFFF;
 struct Description {
     std::uint32_t type = 0;
     std::vector<std::uint8_t> box;
+    std::uint16_t width = 0, height = 0;  // pixels of video
 };
 
 // An entry of an edit list (8.6.6).
@@ -126,6 +127,7 @@ struct Result {
     std::string error;     // one sentence without a full stop that names the box and its offset
     std::string salvaged;  // what was left out, one sentence without a full stop, or empty
     std::string missing;   // of it, what the file lacks, alone
+    std::string remark;    // what may show that samples are missing, but need not; or empty
 };
 
 // Reads the contents of the file that `host` serves into `movie`.

@@ -38,7 +38,13 @@ ImportedTrack summary(const kestrel::importer::Track& track) {
     ImportedTrack out;
     out.id = track.id;
     const uint32_t used = track.samples.empty() ? 0 : track.samples.front().description;
-    out.entry = track.descriptions.empty() ? 0 : track.descriptions[used].type;
+    if (!track.descriptions.empty()) {
+        const kestrel::importer::Description& entry = track.descriptions[used];
+        out.entry = entry.type;
+        out.width = entry.width;
+        out.height = entry.height;
+    }
+    out.language = track.language;
     out.codec = codec_of(out.entry);
     out.kind = track.handler == fourcc("soun")   ? static_cast<uint32_t>(MediaKind::kAudio)
                : track.handler == fourcc("vide") ? static_cast<uint32_t>(MediaKind::kVideo)
@@ -53,7 +59,9 @@ ImportedTrack summary(const kestrel::importer::Track& track) {
         out.filled += sample.size > 0 ? 1 : 0;
         out.bytes += sample.size;
         out.largest = std::max<uint64_t>(out.largest, sample.size);
+        out.sync_samples += sample.is_sync;
     }
+    if (out.sync_samples == out.samples) out.sync_samples = 0;
     return out;
 }
 

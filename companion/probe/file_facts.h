@@ -31,6 +31,9 @@ struct ImportedTrack {
     uint64_t missing = 0;       // more samples that the file declares and does not have
     uint64_t duration = 0;      // of `timescale` units a second
     uint64_t timescale = 0;
+    uint64_t width = 0, height = 0;  // pixels of video
+    uint64_t sync_samples = 0;       // 0 if all are
+    uint64_t language = 0;           // packed
 
     static constexpr uint32_t kNoMedium = ~0u;
     bool is_of(MediaKind wanted) const { return kind == static_cast<uint32_t>(wanted); }

@@ -49,6 +49,10 @@ kst_probe_track describe(const FileFacts& facts, const ImportedTrack& track) {
                                                   : KST_MEDIUM_OTHER;
     set_times(out, {track.duration, static_cast<uint32_t>(track.timescale)});
     add_samples(out, expected_of(nullptr, &track));
+    out.sync_samples = static_cast<uint32_t>(track.sync_samples);
+    out.width = static_cast<uint32_t>(track.width);
+    out.height = static_cast<uint32_t>(track.height);
+    copy_text(out.language, language_text(static_cast<uint32_t>(track.language)));
     return out;
 }
 

@@ -44,8 +44,10 @@
 
 // A request to SeekTo, and its result.
 struct _TAG_KST_SEEK_PARAMS {
-    uint32_t uReserved;    // the caller's own; neither read nor written
-    uint32_t nTime;        // in: the target, ms; out: the time of the sample reached, ms
+    uint32_t uReserved;  // the caller's own; neither read nor written
+    // In: the target, ms. Out: the time of the sample reached, ms, rounded down: where that is not
+    // exact, a seek to this time with KST_SEEK_PREVIOUS_SYNC reaches the sync sample before.
+    uint32_t nTime;
     uint32_t uFrameNum;    // out: the hint sample reached, from 1
     uint32_t uFileOffset;  // out: where reading resumes, bytes; 0xFFFFFFFF where that is not known
     uint32_t fFlags;       // in: one mode and one sync rule; other bits are ignored
@@ -53,7 +55,8 @@ struct _TAG_KST_SEEK_PARAMS {
 
 // Values of _TAG_KST_SEEK_PARAMS::fFlags.
 enum KST_SEEK_FLAGS : uint32_t {
-    KST_SEEK_RELATIVE = 0x10000,  // nTime is added to the time of the next frame; may be negative
+    KST_SEEK_RELATIVE = 0x10000,  // nTime is added to the time of the next frame, rounded down to
+                                  // ms; may be negative
     KST_SEEK_ABSOLUTE = 0x20000,  // nTime counts from the beginning
     // The sync sample that is chosen. The target is the sample in whose decoding time the target
     // time lies; composition offsets do not count. In a track without a table of sync samples every

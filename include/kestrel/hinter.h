@@ -6,10 +6,12 @@
  * The source is an ISO base media file (ISO/IEC 14496-12) of any form in use, including movie
  * fragments, or a QuickTime file. The result is a plain 3GP file: the movie box, then media and
  * hint samples, interleaved by at most a second. Its tracks have the samples of the source with
- * their sizes, times, composition offsets and sync samples; otherwise the call fails. Fragments
- * that are missing at the end are found by what counts them: durations, segment indexes and `mfra`.
- * A fragmented file without any of these that was cut between two fragments is a whole, shorter
- * file. Lines about a malformed source are written to standard error, as by kst_Open.
+ * their sizes, times, composition offsets and sync samples; otherwise the call fails. Where hint
+ * tracks need it, the timescale of a track becomes a multiple of 1,000, so that the numbers of
+ * units change and the times in seconds do not. Fragments that are missing at the end are found by
+ * what counts them: durations, segment indexes and `mfra`. A fragmented file without any of these
+ * that was cut between two fragments is a whole, shorter file. Lines about a malformed source are
+ * written to standard error, as by kst_Open.
  *
  *     kst_hint_report report;
  *     report.struct_size = sizeof report;
@@ -58,7 +60,7 @@ enum {
 
 enum {
     KST_HINT_SHORTEST_PACKET = 64,
-    KST_HINT_DEFAULT_PACKET = 1400, /* the longest that the library plays */
+    KST_HINT_DEFAULT_PACKET = 1400, /* the longest that the function API plays */
     KST_HINT_LONGEST_PACKET = 65535
 };
 
@@ -89,7 +91,8 @@ typedef struct kst_hint_report {
     uint64_t bytes;           /* length of what was written */
     char error[256];          /* reason of a failure */
     char left_out[256];       /* tracks and samples that the flags left out; and what does not play
-                               * right: implausible samples, seeks that land too early */
+                               * right: implausible samples, seeks that land too early, media
+                               * that no sample of a fragment takes */
 } kst_hint_report;
 
 /* Copies the file that `source` serves to `destination` and adds hint tracks.

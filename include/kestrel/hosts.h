@@ -62,7 +62,7 @@ enum { KST_HOST_FAULT = -1, KST_HOST_COMPLETE = 0, KST_HOST_MORE = 1 };
  * - ENOMEM;
  * - EFBIG: 4 GiB and more;
  * - EINVAL: `data` is null and `size` is not 0;
- * - EBADF: `fd` is not open;
+ * - EBADF: `fd` is not open for reading;
  * - the error of the path.
  */
 

@@ -47,8 +47,8 @@ enum {
      * declare, it has frames that cannot be of its codec, or a frame twice, or more speech than
      * they declare, or packets of it are missing or could not be joined. All that is whole before
      * the damage is in the file. kst_packer_describe, after kst_packer_write, has the reason of
-     * each stream. Speech may lack the few frames that its records cannot show
-     * (docs/native-format.md). */
+     * each stream. Speech may lack the few frames that its records cannot show,
+     * and a stream made after a seek any that follow (docs/native-format.md). */
     KST_PACK_CUT = 1,
     KST_PACK_BAD_ARGUMENT = 2,
     KST_PACK_NO_MEMORY = 3,

@@ -53,7 +53,7 @@ enum {
     KST_PROBE_FRAGMENTED = 7,     /* samples are in movie fragments */
     KST_PROBE_LARGE_BOX = 8,      /* a box declares its size in a form that the API does not read */
     KST_PROBE_UNKNOWN_TABLE = 9,  /* a table has a form that the API does not read */
-    KST_PROBE_INCOMPLETE = 10,    /* the file ends before its samples, or lacks fragments */
+    KST_PROBE_INCOMPLETE = 10,    /* samples, fragments or hint samples are missing */
     KST_PROBE_DAMAGED = 11,       /* a box or table is malformed, or the track has no samples */
     KST_PROBE_ENDS_PROCESS = 12,  /* opening ends the process (kestrel/c3gpinterface.h) */
     KST_PROBE_LARGE_FRAME = 13    /* a sample is larger than the API can hold */
@@ -83,7 +83,7 @@ typedef struct kst_probe_track {
 typedef struct kst_probe_verdict {
     uint32_t struct_size;  /* in: sizeof(kst_probe_verdict) */
     int32_t reason;        /* KST_PROBE_NO_REASON ... */
-    uint32_t track_id;     /* the track that the API takes; 0 for none */
+    uint32_t track_id;     /* the track that is judged; 0 for none */
     const char* word;      /* of the reason, for scripts: "no-reason", "no-hint-track" */
     const char* why;       /* a sentence; empty for KST_PROBE_NO_REASON */
     const char* fix;       /* the command that may fix it, with FILE and OUT; empty for none */

@@ -55,8 +55,9 @@
  * | SeekTo                    | KST_FAILURE          | KST_FAILURE          | KST_FAILURE       |
  *
  * (1) KST_FAILURE with a size of 0 for the first frame of a video.
- * (2) KST_FAILURE with a size of 0 for a video with a hint track, in two cases: for bytes after the
- * end, whether the file arrives or is whole; and without `arriving` for all three answers.
+ * (2) KST_FAILURE with a size of 0 for a video that is played by its hint track, in two cases: for
+ * bytes after the end, whether the file arrives or is whole; and without `arriving` for all three
+ * answers.
  *
  * The function API looks at the low 16 bits of a status, 0 for success, and never calls
  * CheckStatus. So a host that failed for good is answered KST_NOT_YET there, as most files are that

@@ -159,7 +159,7 @@ bool DeclaredExtent::lacks_speech() const {
                declared;
     }
     const uint64_t most = numbered + most_not_filled(header_.frames);
-    return most < header_.frames && most * kFrameDuration < declared;
+    return most < header_.frames && (declared == 0 || most * kFrameDuration < declared);
 }
 
 // The pictures that are declared at least: rates are truncated, that of the class API is rounded to
@@ -249,14 +249,18 @@ std::string DeclaredExtent::fault() const {
     return all;
 }
 
-// A function API stream without its last frames has them as not filled.
+// A function API stream without its last frames has them as not filled. Of a class API stream the
+// declared duration may not show that the last frame is missing.
 std::string DeclaredExtent::doubt() const {
-    if (empty_ > 0) return empty_text(empty_, test_.frames(), "frame");
-    if (!is_speech() || header_.api == Api::kClass || gaps_.missing() > 0) return "";
-    if (test_.frames() >= header_.frames || header_.duration_ms <= test_.frames() * kFrameDuration)
-        return "";
-    return lacking(counted_frames(header_.frames), test_.frames()) +
-           ": it is cut, or the last sample of its track is not full";
+    const uint64_t frames = test_.frames();
+    if (empty_ > 0) return empty_text(empty_, frames, "frame");
+    if (!is_speech() || gaps_.missing() > 0 || frames >= header_.frames) return "";
+    const bool is_class = header_.api == Api::kClass;
+    const bool agrees = header_.duration_ms > 0 && header_.duration_ms <= frames * kFrameDuration;
+    if (is_class ? first_time_ != 0 : agrees) return "";
+    return lacking(counted_frames(header_.frames), frames) + ": it is cut, or " +
+           (is_class ? "hint samples of its track have no frame"
+                     : "the last sample of its track is not full");
 }
 
 }  // namespace kestrel::stream
