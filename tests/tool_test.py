@@ -118,6 +118,10 @@ class Extract(ToolTest):
         part = self.write("part.3gp", hinted[:sizes] + struct.pack(">I", 10) + hinted[sizes + 4:])
         yield part, "h263_hinted", "vr", "function", "7 of 30 pictures", 0.1
         yield part, "h263_hinted", "vr", "class", "10 of 30 pictures", 0.1
+        data = load("wild/late_sound")
+        sizes = data.index(b"stsz") + 12
+        short = self.write("short.3gp", data[:sizes] + struct.pack(">I", 29) + data[sizes + 4:])
+        yield short, None, "vr", "function", "1 of 30 samples has no size in the size table", 0.1
         yield (sample("h263_hinted_selfref"), "h263_hinted", "vr", "class",
                "in the hint track itself", 0)
         for name in ("fragmented.3gp", "fragmented_after_moov.3gp"):
@@ -643,7 +647,10 @@ class Packets(ToolTest):
         chunks, runs = (data.index(kind, hint) + 4 for kind in (b"stco", b"stsc"))
         together = int.from_bytes(data[runs + 12:runs + 16], "big")
         second = int.from_bytes(data[chunks + 12:chunks + 16], "big")  # offset of a chunk
+        sizes = data.rindex(b"stsz") + 12
         for damaged, some, message in [
+                (data[:sizes] + struct.pack(">I", 29) + data[sizes + 4:], True,
+                 "1 of 30 hint samples has no size"),
                 (data[:chunks + 4] + bytes(4) + data[chunks + 8:], False, "30 of 30 hint samples"),
                 # A packet of more constructors than its hint sample has.
                 (data[:second + 14] + b"\xff\xff" + data[second + 16:], True,

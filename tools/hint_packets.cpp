@@ -13,6 +13,7 @@ namespace tool {
 namespace {
 
 constexpr uint32_t kLongestDeclared = KST_HINT_LONGEST_PACKET;
+constexpr const char* kNewHints = "'kestrel hint --replace' makes new ones";
 constexpr int kLongestPacket = 65507;  // that a UDP datagram over IPv4 holds (RFC 768, RFC 791)
 
 }  // namespace
@@ -91,11 +92,12 @@ HintPackets::Lack HintPackets::lack_after_damage(uint64_t samples) const {
         "hint sample " + std::to_string(damaged_sample_) + " of " + std::to_string(samples);
     const std::string left_out = "its packets and all after them are left out";
     if (unreadable_) return {name() + ": " + sample + " cannot be read; " + left_out, ""};
+    if (media_ != nullptr && lost_sizes(facts_, media_) > 0)
+        return {name() + ": " + sample + " is damaged; " + left_out, "get the file again"};
     if (too_long_ || !is_cut()) {
         const char* what =
             too_long_ ? " has a packet longer than a UDP datagram holds; " : " is damaged; ";
-        return {name() + ": " + sample + what + left_out,
-                "'kestrel hint --replace' makes new ones"};
+        return {name() + ": " + sample + what + left_out, kNewHints};
     }
     const std::string missing = missing_bytes(facts_.scan);
     const std::string cut =
@@ -112,6 +114,12 @@ HintPackets::Lack HintPackets::lack() const {
                 ""};
     }
     const Expected expected = expected_of(hint_, facts_.imported_track(hint_));
+    if (const uint64_t lost = lost_sizes(facts_, hint_); lost > 0) {
+        return {name() + ": " + std::to_string(lost) + " of " +
+                    std::to_string(lost + expected.samples) +
+                    (lost == 1 ? " hint samples has" : " hint samples have") + " no size (stsz)",
+                kNewHints};
+    }
     if (damaged_sample_ > 0) return lack_after_damage(expected.samples);
     const auto read = static_cast<uint64_t>(std::max(hint_->sample_count, 0));
     if (expected.samples > read) {

@@ -52,6 +52,30 @@ bool takes_from_itself(const iso_track* hint, int& budget) {
     return false;
 }
 
+// The samples that a track's chunks hold, and those before the last chunk that holds any.
+struct InChunks {
+    uint64_t all = 0, before_last = 0;
+};
+
+// Only differences of the first-chunk numbers count, and the last run holds for all further chunks.
+InChunks samples_in_chunks(const iso_track* track) {
+    InChunks samples;
+    int64_t left = track->own->declared_chunks;
+    for (int32_t i = 0; i < track->stsc_count && left > 0; ++i) {
+        const iso_stsc_entry& run = track->stsc[i];
+        int64_t chunks = left;
+        if (i + 1 < track->stsc_count) {
+            const int64_t length = int64_t{track->stsc[i + 1].first_chunk} - run.first_chunk;
+            chunks = std::clamp<int64_t>(length, 1, left);
+        }
+        left -= chunks;
+        if (run.samples_per_chunk == 0) continue;
+        samples.all += static_cast<uint64_t>(chunks) * run.samples_per_chunk;
+        samples.before_last = samples.all - run.samples_per_chunk;
+    }
+    return samples;
+}
+
 }  // namespace
 
 const char* word(Api api) {
@@ -181,6 +205,20 @@ Declared declared(const iso_track* track) {
         out.largest = std::max(out.largest, size);
     }
     return out;
+}
+
+uint64_t samples_without_size(const iso_track* track) {
+    const uint64_t sized = track->own->declared_samples;
+    if (sized == 0) return 0;
+    const InChunks chunks = samples_in_chunks(track);
+    uint64_t all = chunks.all;
+    if (chunks.before_last < sized) {
+        uint64_t timed = 0;
+        for (int32_t i = 0; i < track->stts_count; ++i)
+            timed += track->stts[i].count;
+        all = std::min(all, timed);
+    }
+    return all > sized ? all - sized : 0;
 }
 
 Outside outside_file(const iso_track* track, uint32_t size) {

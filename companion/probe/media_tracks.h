@@ -64,6 +64,11 @@ struct Declared {
 };
 Declared declared(const iso_track* track);
 
+// The samples that a track's chunks hold besides those that have a size; 0 for a track that has no
+// sizes. Those of the last chunk count where the times (stts) have them too: many files declare it
+// too long.
+uint64_t samples_without_size(const iso_track* track);
+
 // The samples that a track's tables place after the end of a file of `size` bytes.
 struct Outside {
     uint32_t chunks = 0;

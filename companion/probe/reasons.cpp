@@ -70,10 +70,18 @@ Reason reason_of_places(const Subject& subject, const SamplePlaces& media,
     return 0 < highest && highest < media.last_media ? Reason::kIncomplete : Reason::kNotPlayed;
 }
 
+std::string why_lost(const Subject& subject, uint64_t lost) {
+    return show_count(lost) + " of " + show_count(lost + subject.expected.samples) +
+           (lost == 1 ? " samples has" : " samples have") +
+           " no size in the size table (stsz): get the file again.";
+}
+
 // Of a file that is complete: the sentence for samples that are not there.
 std::string why_incomplete(const Subject& subject) {
     const std::string missing = missing_bytes(subject.facts.scan);
     if (!missing.empty()) return "The file is cut: " + missing + ".";
+    if (const uint64_t lost = lost_sizes(subject.facts, subject.track); lost > 0)
+        return why_lost(subject, lost);
     if (lacks_samples(subject))
         return "The file is incomplete: " + subject.facts.imported.missing + ".";
     return lacks_media(subject)
@@ -167,6 +175,12 @@ bool lacks_samples(const Subject& subject) {
            (subject.imported != nullptr && subject.imported->missing > 0);
 }
 
+uint64_t lost_sizes(const FileFacts& facts, const iso_track* track) {
+    // Tables that can be imported agree.
+    const bool may_disagree = track != nullptr && facts.imported_track(track) == nullptr;
+    return may_disagree ? samples_without_size(track) : 0;
+}
+
 bool lacks_media(const Subject& subject) {
     return !missing_bytes(subject.facts.scan).empty() || lacks_samples(subject) ||
            subject.track == nullptr || !is_whole(subject.track, subject.facts.scan.file_size);
@@ -191,7 +205,8 @@ Reason reason_by_tables(const Subject& subject, const ClassFile& opened) {
         return reason;
     if (subject.expected.in_fragments > 0) return Reason::kFragmented;
     if (!unread_table(subject).empty()) return Reason::kUnknownTable;
-    if (lacks_samples(subject)) return Reason::kIncomplete;
+    if (lacks_samples(subject) || lost_sizes(subject.facts, subject.track) > 0)
+        return Reason::kIncomplete;
     if (status != KST_SUCCESS || (!is_class && subject.track == nullptr))
         return has_odd_sizes(subject.facts) ? Reason::kLargeBox : Reason::kDamaged;
     if (!is_class) {
@@ -317,6 +332,7 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
 }
 
 bool may_have_fix(const Subject& subject, Reason reason) {
+    if (lost_sizes(subject.facts, subject.track) > 0) return false;
     switch (reason) {
         case Reason::kCodec:
             return is_unread_form(subject);

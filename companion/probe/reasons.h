@@ -81,6 +81,10 @@ bool is_whole(const iso_track* track, uint32_t size);
 // Whether the file does not have all samples that its fragments declare, or lacks fragments.
 bool lacks_samples(const Subject& subject);
 
+// The samples that chunks of the movie box hold and of which it has no size, so that neither
+// playing nor hinting finds them.
+uint64_t lost_sizes(const FileFacts& facts, const iso_track* track);
+
 // Whether the file lacks samples of the track, or its end: more than hints is missing.
 bool lacks_media(const Subject& subject);
 

@@ -38,6 +38,7 @@ struct MediaCounts {
     // Frames whose bytes their codec cannot write, and the number of the first one, from 1.
     uint64_t implausible = 0;
     uint64_t first_implausible = 0;
+    uint64_t judged_samples = 0;  // where these are samples: their number in the track
 };
 
 // Takes a native stream in pieces. Holds one frame. A stream that is malformed has an implausible

@@ -104,6 +104,7 @@ MediaCounts with_samples(const iso_track* track, uint32_t first, MediaCounts cou
             count_speech(bytes, band, from_one, is_judged, counts);
         }
     }
+    if (!is_judged && counts.implausible > 0) counts.judged_samples = samples_of(track);
     return counts;
 }
 
@@ -282,7 +283,8 @@ Reason reason_of_failure(const Subject& subject, const Trial& trial) {
 
 Reason reason_of_end(const Subject& subject, const TrialResult& result) {
     if (plays(subject, result)) {
-        if (subject.expected.in_fragments == 0 && lacks_samples(subject))
+        if (lost_sizes(subject.facts, subject.track) > 0 ||
+            (subject.expected.in_fragments == 0 && lacks_samples(subject)))
             return Reason::kIncomplete;
         return unread_table(subject).empty() ? Reason::kPlays : Reason::kUnknownTable;
     }
@@ -365,7 +367,8 @@ std::string amount(const Subject& subject, const MediaCounts& counts) {
 std::string why_incomplete(const Subject& subject, const Verdict& verdict) {
     const std::string missing = missing_bytes(subject.facts.scan);
     const bool is_cut = !missing.empty() && lacks_data(subject, verdict.status);
-    if (!is_cut && !lacks_samples(subject) && !verdict.amount.empty())
+    const bool is_known = lacks_samples(subject) || lost_sizes(subject.facts, subject.track) > 0;
+    if (!is_cut && !is_known && !verdict.amount.empty())
         return "It delivers only " + verdict.amount + ".";
     return why_by_tables(subject, Reason::kIncomplete);
 }
@@ -375,9 +378,12 @@ std::string why_implausible(const Subject& subject, const MediaCounts& counts) {
         return std::string("Its samples do not end with the speech frames in them: ") +
                kestrel::stream::kWrongBytesText + ".";
     }
-    return format("%llu of %llu frames cannot be %s, the first is number %llu: %s.",
+    const bool are_samples = counts.judged_samples > 0;
+    const uint64_t all = are_samples ? counts.judged_samples : counts.frames;
+    return format("%llu of %llu %s cannot be %s, the first is number %llu: %s.",
                   static_cast<unsigned long long>(counts.implausible),
-                  static_cast<unsigned long long>(counts.frames), name_of_codec(subject).c_str(),
+                  static_cast<unsigned long long>(all), are_samples ? "samples" : "frames",
+                  name_of_codec(subject).c_str(),
                   static_cast<unsigned long long>(counts.first_implausible),
                   kestrel::stream::kWrongBytesText);
 }

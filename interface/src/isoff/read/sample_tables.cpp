@@ -216,6 +216,7 @@ int read_stsz(BoxReader& box) {
 int read_stco(BoxReader& box) {
     return read_table(box, kStco, "extra stco\n", [&](iso_track* track) {
         track->chunks = read_entries<iso_chunk>(box, track->chunk_count);
+        track->own->declared_chunks = static_cast<uint32_t>(track->chunk_count);
         return track->chunks != nullptr;
     });
 }

@@ -51,6 +51,7 @@ struct iso_track_details {
     uint32_t depth;        // of the same: bits of a pixel
     // Number of samples that `stsz` declares. sample_count is less when the tables do not agree.
     uint32_t declared_samples;
+    uint32_t declared_chunks;  // the same of `stco` and chunk_count
 
     // Writer.
     uint32_t frame_default;     // duration that a sample with a duration of 0 gets
