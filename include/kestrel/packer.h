@@ -127,7 +127,7 @@ KESTREL_API int kst_packer_describe(const kst_packer* packer, uint32_t stream,
  * Returns KST_PACK_DONE or KST_PACK_CUT with a file; otherwise why there is none, with a sentence
  * in report->error, and the destination holds no whole file. A packer writes once.
  *
- * Memory: at most 4 MiB and 12 times the bytes that were fed; with KST_PACK_HINT 40 times, and 9 MB
+ * Memory: at most 4 MiB and 14 times the bytes that were fed; with KST_PACK_HINT 40 times, and 9 MB
  * a stream. Samples and packets of usual length take far less. The media wait in memory up to 32
  * MiB for each stream, and beyond that in a temporary file. */
 KESTREL_API int kst_packer_write(kst_packer* packer, KST_IOSTREAM_CALLBACK_INTERFACE* destination,
