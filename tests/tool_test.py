@@ -942,14 +942,23 @@ class Send(ToolTest):
                     self.assert_control_packets(control, packets)
         self.assertEqual(len({s[0] for s in starts}), len(starts))
 
-    def test_samples_that_hints_leave_out_are_sent(self):
-        """Of several to a hint sample, one that comes twice in place of another."""
-        data = load("amrnb_hinted_multi")
-        old = struct.pack(">2I2H", 7, 1, 1, 1)  # of a constructor: number, offset, block
-        self.assertEqual(data.count(old), 1)
-        path = self.write("f.3gp", data.replace(old, struct.pack(">I", 6) + old[4:]))
-        [(packets, _)] = self.receive(path, 1, "--speed", 500)
-        self.assertEqual(len(packets), 298)  # of new hints
+    def test_bytes_that_hints_leave_out_are_sent(self):
+        def place(number, offset):  # of a constructor, with its block
+            return struct.pack(">2I2H", number, offset, 1, 1)
+
+        for name, old, new, packets in [
+                # One sample of several twice, in place of another; part of one, and all but a byte.
+                ("amrnb_hinted_multi", re.escape(place(7, 1)), place(6, 1), 298),
+                ("h263_hinted_mtu500", re.escape(place(1, 7292)), place(1, 6806), 56),
+                ("h263_hinted_mtu500", re.escape(b"\1\x14" + place(1, 7292)), b"\1\x13" + place(1, 7292), 56),
+                # Payload headers alone.
+                *((name, rb"\x02\0(?=..\0\0..\0\0..\0\x01\0\x01)", b"\0\0", packets)
+                  for name, packets in [("amrnb_hinted_multi", 298), ("h263_hinted_mtu500", 56)])]:
+            with self.subTest(name=name, new=new):
+                data, changes = re.subn(old, lambda _: new, load(name), flags=re.DOTALL)
+                self.assertGreater(changes, 0)
+                [(sent, _)] = self.receive(self.write("f.3gp", data), 1, "--speed", 500)
+                self.assertEqual(len(sent), packets)  # of new hints
 
     def test_media_that_lack_something_are_reported_as_without_hints(self):
         here = Datagrams(1)

@@ -43,11 +43,11 @@ def speech_file(samples, together=50, stored=None):
     return head + box(b"mdat", frame * stored)
 
 
-def retargeted(data, number, offset, other):
-    """The constructor that takes bytes of a sample from this offset on takes them of another."""
+def retargeted(data, number, offset, place):
+    """The constructor that takes bytes of a sample from this offset on takes those of another place."""
     old = struct.pack(">2I2H", number, offset, 1, 1)
     assert data.count(old) == 1
-    return data.replace(old, struct.pack(">I", other) + old[4:])
+    return data.replace(old, struct.pack(">2I", *place) + old[8:])
 
 
 def samples_at_one_place(samples):
@@ -377,14 +377,16 @@ class Check(ToolTest):
         self.assert_recorded("verdicts_of_damaged.txt", lines)
 
     def test_hint_samples_take_the_bytes_of_their_samples(self):
-        for name, offset, others, mode, apis in [
-                ("amrnb_hinted", 1, (6, 8), "ar", ["class"]),
-                ("h263_hinted", 2, (6,), "vr", ["function", "class"])]:
-            for other in others:
-                path = self.write("f.3gp", retargeted(load(name), 7, offset, other))
+        for name, offset, places, mode, apis in [
+                ("amrnb_hinted", 1, [(6, 1), (8, 1), (7, 0)], "ar", ["class"]),
+                ("mpeg4_hinted_1450", 1438, [(7, 0)], "vr", ["class"]),
+                ("h263_hinted_mtu500", 488, [(7, 2), (7, 487)], "vr", ["function", "class"]),
+                ("h263_hinted", 2, [(6, 2)], "vr", ["function", "class"])]:
+            for place in places:
+                path = self.write("f.3gp", retargeted(load(name), 7, offset, place))
                 about = json.loads(run("info", path, "--json").stdout)["verdicts"]
                 for verdict in [v for v in about if v["medium"][0] == mode[0]]:
-                    with self.subTest(name=name, other=other, api=verdict["api"]):
+                    with self.subTest(name=name, place=place, api=verdict["api"]):
                         result = run("extract", path, mode, "--api", verdict["api"])
                         if verdict["api"] not in apis:
                             self.assertEqual((result.returncode, verdict["plays"]), (0, True))
@@ -392,9 +394,9 @@ class Check(ToolTest):
                         self.assertEqual(verdict["reason"], "damaged")
                         self.assertIn("--replace", verdict["fix"])
                         self.assert_fails(result, 1, "samples is not delivered as a whole: hint "
-                                          "sample 7 takes bytes that are not of its sample")
+                                          "sample 7 does not take each byte of its sample once")
         # Samples of several in a hint sample: one is left out, another comes twice.
-        path = self.write("f.3gp", retargeted(load("amrnb_hinted_multi"), 7, 1, 6))
+        path = self.write("f.3gp", retargeted(load("amrnb_hinted_multi"), 7, 1, (6, 1)))
         self.assertEqual(self.check(path)[1][0][1:4], ("plays", "incomplete", "hint --replace"))
         self.assert_fails(run("extract", path, "ar", "--api", "class"), 1,
                           "It delivers only 297 of 298 samples")

@@ -81,7 +81,7 @@ bool leaves_samples_out(const FileFacts& facts, HintPackets& track, Clock::time_
     const uint32_t size = facts.scan.file_size;
     if (!is_whole(track.media(), size) || !is_whole(track.track(), size)) return false;
     const HintUse use = use_of(track.track(), track.media(), {}, deadline);
-    return use.misled > 0 || use.unused > 0;
+    return use.misled > 0 || use.partial > 0 || use.unused > 0;
 }
 
 // Whether hinting anew reports samples that are no media, or refuses them.

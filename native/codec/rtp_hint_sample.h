@@ -19,7 +19,9 @@ inline constexpr uint32_t kHintHeaderSize = 4;  // packet count, reserved
 inline constexpr uint32_t kPacketEntrySize = 12;
 inline constexpr uint32_t kConstructorSize = 16;
 
-// Flag of a packet entry: a length, which counts its own 4 bytes, and extra information follow.
+// Flags of a packet entry: it repeats an earlier packet; a length, which counts its own 4 bytes,
+// and extra information follow.
+inline constexpr uint32_t kRepeatedPacket = 1;
 inline constexpr uint32_t kExtraInformation = 4;
 inline constexpr uint32_t kExtraLengthSize = 4;
 
@@ -44,6 +46,7 @@ struct PacketEntry {
     uint16_t constructors;
 
     bool has_extra_information() const { return (flags & kExtraInformation) != 0; }
+    bool is_repeated() const { return (flags & kRepeatedPacket) != 0; }
 };
 
 // From kPacketEntrySize bytes.

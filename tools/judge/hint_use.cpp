@@ -8,6 +8,7 @@
 #include "companion/probe/hint_constructors.h"
 #include "companion/probe/sample_places.h"
 #include "native/codec/amr_format.h"
+#include "tools/judge/taken_bytes.h"
 #include "tools/judge/track_samples.h"
 
 namespace tool {
@@ -16,6 +17,8 @@ using namespace kestrel::probe;
 using namespace kestrel;
 
 namespace {
+
+using Bytes = std::span<const uint8_t>;
 
 // Whether a sample has more than frames of speech without data, which a hint track may leave out.
 bool has_media(iso_track* media, uint32_t sample, std::vector<uint8_t>& scratch) {
@@ -54,14 +57,62 @@ class Walk {
     void take(uint32_t sample) {
         const auto bytes = read_sample(hint_, sample, bytes_);
         bool is_misled = false, takes_any = false;
-        for_each_sample_constructor(bytes, [&](const SampleConstructor& from) {
-            if (from.track_reference == kHintTrackItself || from.length == 0) return;
-            takes_any = true;
-            is_misled = is_misled || (sample >= first_.hint && misleads(sample, from));
-            if (from.sample_number - 1 < is_used_.size()) is_used_[from.sample_number - 1] = true;
-        });
-        if (!takes_any && bytes.size() >= kHintHeaderSize) own_packets_ += load_be16(bytes.data());
+        uint64_t own_packets = 0;
+        taken_.clear();
+        const bool is_whole =
+            for_each_packet_entry(bytes, [&](const PacketEntry& entry, Bytes constructors) {
+                own_packets += begin_packet(entry, constructors) ? 1 : 0;
+                for_each_sample_constructor_of(constructors, [&](const SampleConstructor& from) {
+                    if (!takes_media(from)) return;
+                    takes_any = true;
+                    is_misled = is_misled || (sample >= first_.hint && misleads(sample, from));
+                    if (is_one_each_) taken_.add(from);
+                    if (from.sample_number - 1 < is_used_.size())
+                        is_used_[from.sample_number - 1] = true;
+                });
+            });
+        if (!takes_any) own_packets_ += own_packets;
+        if (is_one_each_ && !is_misled) is_misled = taken_.overlap();
         if (is_misled && use_.misled++ == 0) use_.first_misled = uint64_t{sample} + 1;
+        // A hint sample without packets, or with one that cannot be read, is reported elsewhere.
+        const bool is_judged = is_one_each_ && !is_misled && is_whole && has_packets(bytes);
+        if (is_judged && has_media(media_, sample, bytes_) &&
+            taken_.leave_media_out(media_, sample, bytes_) && use_.partial++ == 0)
+            use_.first_partial = uint64_t{sample} + 1;
+    }
+
+    static bool has_packets(Bytes hint_sample) { return load_be16(hint_sample.data()) > 0; }
+
+    static bool takes_media(const SampleConstructor& from) {
+        return from.track_reference != kHintTrackItself && from.length > 0;
+    }
+
+    // Returns whether the bytes that the packet has besides those of samples may be media.
+    bool begin_packet(const PacketEntry& entry, Bytes constructors) {
+        own_.clear();
+        size_t taken = 0;
+        bool may_have_media = false;
+        for (Bytes rest = constructors; !rest.empty(); rest = rest.subspan(kConstructorSize)) {
+            switch (rest[0]) {
+                case kImmediateConstructor: {
+                    const Bytes own = rest.subspan(2, std::min(rest[1], kMaxImmediate));
+                    own_.insert(own_.end(), own.begin(), own.end());
+                    break;
+                }
+                case kSampleConstructor:
+                    ++taken;
+                    may_have_media = may_have_media || rest[1] == kHintTrackItself;
+                    break;
+                case kDescriptionConstructor:  // the function API takes it as one of a sample
+                    may_have_media = true;
+                    break;
+                default:
+                    break;
+            }
+        }
+        may_have_media = may_have_media || !are_payload_header(media_->codec, own_, taken);
+        if (is_one_each_) taken_.begin_packet(own_, entry.is_repeated(), may_have_media);
+        return may_have_media;
     }
 
     bool misleads(uint32_t sample, const SampleConstructor& from) const {
@@ -89,6 +140,8 @@ class Walk {
     uint64_t own_packets_ = 0;
     HintUse use_;
     std::vector<uint8_t> bytes_;
+    std::vector<uint8_t> own_;  // of a packet
+    TakenBytes taken_;          // of the current sample
 };
 
 }  // namespace

@@ -11,10 +11,15 @@
 namespace tool {
 
 struct HintUse {
-    // The hint samples that take bytes of another sample than the one of their number, where hint
-    // track and medium have as many samples, or bytes that a sample does not have.
+    // The hint samples that take bytes that a sample does not have, or, where hint track and medium
+    // have as many samples, bytes of another sample than the one of their number, or bytes of it
+    // again.
     uint64_t misled = 0;
     uint64_t first_misled = 0;  // from 1; 0 for none
+    // Of the others, where hint track and medium have as many samples, those with packets that
+    // leave out bytes of media of their sample.
+    uint64_t partial = 0;
+    uint64_t first_partial = 0;  // from 1; 0 for none
     // The samples of media from which no hint sample takes bytes, where the medium has more samples
     // than the hint track, or fewer.
     uint64_t unused = 0;

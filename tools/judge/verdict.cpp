@@ -52,6 +52,22 @@ bool is_all_speech(const Subject& subject, const MediaCounts& counts) {
            counts.bytes - counts.empty_frames >= counts.filled_bytes;
 }
 
+bool is_all_h264(const Subject& subject, const MediaCounts& counts) {
+    constexpr uint64_t kCountedLength = 4;
+    const uint64_t length = subject.track != nullptr && subject.track->nal_length_size != 0
+                                ? static_cast<uint64_t>(subject.track->nal_length_size)
+                                : kCountedLength;
+    const uint64_t bytes = counts.bytes - (kCountedLength - length) * counts.units;
+    return bytes + counts.unpacked_bytes >= subject.expected.bytes;
+}
+
+bool is_all(const Subject& subject, const MediaCounts& counts) {
+    if (subject.kind == MediaKind::kAudio) return is_all_speech(subject, counts);
+    if (counts.pictures < subject.expected.pictures) return false;
+    return subject.codec() == ISO_CODEC_AVC1 ? is_all_h264(subject, counts)
+                                             : counts.bytes >= subject.expected.bytes;
+}
+
 uint64_t packed_bytes(std::span<const uint8_t> sample, int length_size) {
     uint64_t bytes = 0;
     kestrel::NalUnits units(sample, length_size);
@@ -133,6 +149,12 @@ MediaCounts with_hints(iso_track* hint, const Subject& subject, MediaCounts coun
                                {subject.skipped_hints, subject.skipped}, Clock::time_point::max());
     counts.misled = use.misled;
     counts.first_misled = use.first_misled;
+    // What the number of bytes shows is incomplete.
+    if (use.partial > 0 && is_all(subject, counts)) {
+        counts.misled += use.partial;
+        counts.first_misled =
+            use.misled > 0 ? std::min(use.first_misled, use.first_partial) : use.first_partial;
+    }
     counts.unused = use.unused;
     return counts;
 }
@@ -207,22 +229,6 @@ void expect_from(Subject& subject, uint32_t frame) {
         expected.pictures -= size > 0 && expected.pictures > 0 ? 1 : 0;
         expected.bytes -= std::min(size, expected.bytes);
     }
-}
-
-bool is_all_h264(const Subject& subject, const MediaCounts& counts) {
-    constexpr uint64_t kCountedLength = 4;
-    const uint64_t length = subject.track != nullptr && subject.track->nal_length_size != 0
-                                ? static_cast<uint64_t>(subject.track->nal_length_size)
-                                : kCountedLength;
-    const uint64_t bytes = counts.bytes - (kCountedLength - length) * counts.units;
-    return bytes + counts.unpacked_bytes >= subject.expected.bytes;
-}
-
-bool is_all(const Subject& subject, const MediaCounts& counts) {
-    if (subject.kind == MediaKind::kAudio) return is_all_speech(subject, counts);
-    if (counts.pictures < subject.expected.pictures) return false;
-    return subject.codec() == ISO_CODEC_AVC1 ? is_all_h264(subject, counts)
-                                             : counts.bytes >= subject.expected.bytes;
 }
 
 // Speech that seems valid but is not: the function API fills a short frame with zeros, and frame
@@ -398,7 +404,7 @@ std::string why_damaged(const Subject& subject, const Verdict& verdict, const Tr
         return show_count(counts.misled) + " of " + show_count(subject.expected.samples) +
                (counts.misled == 1 ? " samples is" : " samples are") +
                " not delivered as a whole: hint sample " + std::to_string(counts.first_misled) +
-               " takes bytes that are not of its sample.";
+               " does not take each byte of its sample once.";
     }
     if (verdict.status == KST_SUCCESS && counts.bytes > 0 && has_too_much(subject, counts)) {
         return "It delivers " +
