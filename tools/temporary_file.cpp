@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 
@@ -12,7 +13,10 @@ namespace tool {
 Descriptor temporary_file() {
     std::error_code failure;
     const std::filesystem::path folder = std::filesystem::temp_directory_path(failure);
-    if (failure) return Descriptor();
+    if (failure) {
+        errno = failure.value();
+        return Descriptor();
+    }
     Descriptor nameless(open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
     if (nameless) return nameless;
     std::string name = (folder / "kestrel-XXXXXX").string();
