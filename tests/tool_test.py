@@ -651,6 +651,7 @@ class Packets(ToolTest):
         for damaged, some, message in [
                 (data[:sizes] + struct.pack(">I", 29) + data[sizes + 4:], True,
                  "1 of 30 hint samples has no size"),
+                (data.replace(b"trak", b"free", 1), False, "track 1, which it hints, is not in"),
                 (data[:chunks + 4] + bytes(4) + data[chunks + 8:], False, "30 of 30 hint samples"),
                 # A packet of more constructors than its hint sample has.
                 (data[:second + 14] + b"\xff\xff" + data[second + 16:], True,
@@ -1471,7 +1472,7 @@ class Inspect(ToolTest):
         silent = (24).to_bytes(4, "little") + by_class[at + 4:at + 24]
         for damaged, message, code in [
                 # A packet without a payload, which has its number.
-                (by_class[:at] + silent + by_class[end:], "", 0),
+                (by_class[:at] + silent + by_class[end:], "1 of 298 frames is empty", 0),
                 (stream[:starts[3]] + stream[starts[5]:], f"{inside} packets are missing", 1),
                 (speech[:frames[100]] + speech[frames[150]:], "50 frames are missing", 1),
                 (bytes(reserved), "1 packet is malformed", 1),

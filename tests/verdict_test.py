@@ -548,8 +548,9 @@ class Check(ToolTest):
                           ("audio", "plays", "plays")])
         self.assertEqual((result.returncode, result.stderr), (0, b""))
         verdicts = json.loads(run("info", bad, "--json").stdout)["verdicts"]
-        self.assertEqual([v["reason"] for v in verdicts if v["medium"] == "video"],
-                         ["plays", "ends-process"])
+        self.assertEqual([v["reason"] for v in verdicts],
+                         ["no-track", "plays", "ends-process", "ends-process"])
+        self.assertNotIn(b"; status", run("info", bad).stdout)
 
     def test_what_cannot_be_read_is_reported_and_the_rest_judged(self):
         good = load("amrnb_hinted")

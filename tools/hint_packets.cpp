@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <map>
 
+#include "companion/probe/hint_constructors.h"
 #include "companion/probe/media_tracks.h"
 #include "companion/probe/reasons.h"
 #include "interface/src/isoff/record/private.h"
 #include "kestrel/hinter.h"
+#include "tools/judge/track_samples.h"
 
 namespace tool {
 namespace {
@@ -38,6 +40,7 @@ std::span<const uint8_t> HintPackets::next() {
     if (length < 0) {
         damaged_sample_ = cursor_.sample + 1;
         unreadable_ = length == -2;
+        lacks_track_ = cursor_.sample < hint_->sample_count && takes_from_nowhere(cursor_.sample);
     }
     if (length <= 0) {
         if (damaged_sample_ == 0) skip_to(hint_->sample_count);
@@ -48,11 +51,28 @@ std::span<const uint8_t> HintPackets::next() {
     if (!in_sample) {
         sample_ = cursor_.packets_left > 0 ? cursor_.sample : cursor_.sample - 1;
         ++filled_samples_;
+        if (takes_from_nowhere(sample_)) {
+            lacks_track_ = true;
+            damaged_sample_ = sample_ + 1;
+            return {};
+        }
         skip_to(sample_);
         begin_ = sample_ + 1;
     }
     ++made_;
     return std::span(buffer_).first(static_cast<size_t>(length));
+}
+
+bool HintPackets::takes_from_nowhere(int32_t sample) {
+    const uint32_t media = hint_->hint_track_ref;  // 0 for none
+    if (media_ != nullptr || media == 0) return false;
+    bool found = false;
+    std::vector<uint8_t> bytes;
+    kestrel::probe::for_each_sample_constructor(
+        read_sample(hint_, static_cast<uint32_t>(sample), bytes), [&](const auto& constructor) {
+            found = found || constructor.track_reference != kestrel::kHintTrackItself;
+        });
+    return found;
 }
 
 uint64_t HintPackets::empty_samples() const {
@@ -91,6 +111,12 @@ HintPackets::Lack HintPackets::lack_after_damage(uint64_t samples) const {
     const std::string sample =
         "hint sample " + std::to_string(damaged_sample_) + " of " + std::to_string(samples);
     const std::string left_out = "its packets and all after them are left out";
+    if (lacks_track_) {
+        return {name() + ": track " + std::to_string(hint_->hint_track_ref) +
+                    ", which it hints, is not in the file; the packets of " + sample +
+                    " and all after them are left out",
+                "get the file again"};
+    }
     if (unreadable_) return {name() + ": " + sample + " cannot be read; " + left_out, ""};
     if (media_ != nullptr && lost_sizes(facts_, media_) > 0)
         return {name() + ": " + sample + " is damaged; " + left_out, "get the file again"};

@@ -58,6 +58,8 @@ class HintPackets {
     std::string name() const;
     bool is_cut() const;
     Lack lack_after_damage(uint64_t samples) const;
+    // Whether a hint sample takes bytes of a media track that is not there.
+    bool takes_from_nowhere(int32_t sample);
     // Counts hint samples without packets, up to the one before `end`.
     void skip_to(int32_t end);
 
@@ -74,6 +76,7 @@ class HintPackets {
     int32_t damaged_sample_ = 0;  // from 1; 0 for none
     bool unreadable_ = false;     // the stream failed
     bool too_long_ = false;       // for a datagram
+    bool lacks_track_ = false;    // its media track
 };
 
 using HintTracks = std::vector<std::unique_ptr<HintPackets>>;

@@ -104,7 +104,7 @@ void DeclaredExtent::end_frame() {
     if (depacketiser_ != nullptr) depacketiser_->finish();
     if (test_.frames() == 1) begins_inside_ = test_.is_inside_sequence();
     test_.end_frame();
-    empty_ += has_packets_ || is_speech() ? 0 : 1;
+    empty_ += has_packets_ ? 0 : 1;
     if (beginning_ && beginning_ == beginning_before_) ++repeated_;
     to_.end_frame();
 }
@@ -142,6 +142,7 @@ void DeclaredExtent::speech_time(uint32_t time) {
 
 void DeclaredExtent::speech_frame(std::span<const uint8_t> frame) {
     ++speech_frames_;
+    has_packets_ = true;
     test_.take_speech(frame);
     to_.speech_frame(frame);
 }
@@ -253,7 +254,7 @@ std::string DeclaredExtent::fault() const {
 // declared duration may not show that the last frame is missing.
 std::string DeclaredExtent::doubt() const {
     const uint64_t frames = test_.frames();
-    if (empty_ > 0) return empty_text(empty_, frames, "frame");
+    if (empty_ > 0) return empty_text(empty_, frames, "frame", is_speech() ? "speech" : "picture");
     if (!is_speech() || gaps_.missing() > 0 || frames >= header_.frames) return "";
     const bool is_class = header_.api == Api::kClass;
     const bool agrees = header_.duration_ms > 0 && header_.duration_ms <= frames * kFrameDuration;

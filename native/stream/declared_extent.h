@@ -81,8 +81,8 @@ class DeclaredExtent final : public RecordSink {
     // Time and sequence number that the frame begins with, and those of the frame before.
     using Beginning = std::optional<std::pair<uint32_t, uint16_t>>;
     Beginning beginning_, beginning_before_;
-    bool has_packets_ = false;    // the current frame
-    uint64_t empty_ = 0;          // frames of a video
+    bool has_packets_ = false;    // the current frame, or speech
+    uint64_t empty_ = 0;          // frames without
     bool has_config_ = false;     // the header records have what decoders need first
     bool begins_inside_ = false;  // of MPEG-4: the first frame is a picture without configuration
     uint64_t repeated_ = 0;       // frames

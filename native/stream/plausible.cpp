@@ -51,11 +51,12 @@ bool may_be_reference(uint8_t type, bool is_reference) {
 
 }  // namespace
 
-std::string empty_text(uint64_t empty, uint64_t all, const std::string& unit) {
+std::string empty_text(uint64_t empty, uint64_t all, const std::string& unit,
+                       const std::string& media) {
     if (empty == 0) return "";
     return std::to_string(empty) + " of " + std::to_string(all) + " " + unit +
-           (all == 1 ? "" : "s") + (empty == 1 ? " is" : " are") +
-           " empty: no picture is delivered for " + (empty == 1 ? "it" : "them");
+           (all == 1 ? "" : "s") + (empty == 1 ? " is" : " are") + " empty: no " + media +
+           " is delivered for " + (empty == 1 ? "it" : "them");
 }
 
 bool is_h263_picture(std::span<const uint8_t> bytes) {

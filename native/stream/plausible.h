@@ -17,9 +17,10 @@ inline constexpr const char* kWrongBytesText =
 // The next step then, unless the hint track alone is wrong.
 inline constexpr const char* kGetAgainText = "; get the file again";
 
-// A remark on the samples or frames of a video that are empty, without a full stop; empty for none.
-// `unit` is "sample" or "frame".
-std::string empty_text(uint64_t empty, uint64_t all, const std::string& unit);
+// A remark on samples or frames that are empty, without a full stop; empty for none. `unit` is
+// "sample" or "frame", `media` what they lack.
+std::string empty_text(uint64_t empty, uint64_t all, const std::string& unit,
+                       const std::string& media = "picture");
 
 // The next two take the first bytes of a picture; fewer than three may be any.
 

@@ -558,6 +558,8 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     verdict.api = api;
     verdict.kind = kind;
     if (!subject.has_track()) {
+        if (api == Api::kClass && class_file().ends_process())
+            verdict.reason = Reason::kEndsProcess;
         verdict.why = why(subject, verdict, {});
         return verdict;
     }
@@ -566,7 +568,8 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     const Trial& trial = result.trial;
     verdict.tried = true;
     verdict.reason = reason_of(subject, result);
-    verdict.status = static_cast<int32_t>(trial.status);
+    // A process that ended has no status.
+    if (verdict.reason != Reason::kEndsProcess) verdict.status = static_cast<int32_t>(trial.status);
     verdict.opens = trial.opened != 0;
     verdict.delivered = trial.delivered;
     verdict.frames = frames_of(trial.counts);
