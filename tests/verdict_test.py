@@ -550,6 +550,7 @@ class Check(ToolTest):
         verdicts = json.loads(run("info", bad, "--json").stdout)["verdicts"]
         self.assertEqual([v["reason"] for v in verdicts],
                          ["no-track", "plays", "ends-process", "ends-process"])
+        self.assertNotIn("status", verdicts[3])
         self.assertNotIn(b"; status", run("info", bad).stdout)
 
     def test_what_cannot_be_read_is_reported_and_the_rest_judged(self):

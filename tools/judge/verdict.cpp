@@ -566,10 +566,9 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     TrialResult result = try_playing(facts_.host, api, kind, limits_);
     count_samples(subject, hints_of(subject), limits_, result);
     const Trial& trial = result.trial;
-    verdict.tried = true;
     verdict.reason = reason_of(subject, result);
-    // A process that ended has no status.
-    if (verdict.reason != Reason::kEndsProcess) verdict.status = static_cast<int32_t>(trial.status);
+    verdict.tried = verdict.reason != Reason::kEndsProcess;  // which gives no status
+    if (verdict.tried) verdict.status = static_cast<int32_t>(trial.status);
     verdict.opens = trial.opened != 0;
     verdict.delivered = trial.delivered;
     verdict.frames = frames_of(trial.counts);
