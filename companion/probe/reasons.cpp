@@ -258,6 +258,13 @@ std::string show_count(uint64_t count) {
     return out;
 }
 
+// What is wrong with the last box of the file.
+static std::string why_ends_badly(const FileScan& scan) {
+    if (scan.cut_box) return "The file is cut: " + missing_bytes(scan);
+    if (scan.boxes.empty() || !scan.boxes.back().broken) return "";
+    return "The last " + show_count(scan.boxes.back().size) + " bytes of the file are no box";
+}
+
 std::string why_no_tracks(const FileFacts& facts) {
     if (!facts.scan.may_be_3gp())
         return "This is no 3GP file: it has neither a file type nor a movie box.";
@@ -322,6 +329,10 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
             return why_incomplete(subject);
         case Reason::kDamaged:
             if (!why_no_tracks(subject.facts).empty()) return why_no_tracks(subject.facts);
+            if (const std::string end = why_ends_badly(subject.facts.scan);
+                subject.api == Api::kClass && !end.empty()) {
+                return end + ", and this API opens no such file.";
+            }
             return subject.has_track() && subject.expected.pictures == 0
                        ? "The " + medium + " track has no samples."
                        : "A box or table that playing needs is missing or damaged.";

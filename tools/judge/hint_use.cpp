@@ -5,6 +5,7 @@
 #include <span>
 #include <vector>
 
+#include "common/frame_limit.h"
 #include "companion/probe/hint_constructors.h"
 #include "companion/probe/sample_places.h"
 #include "native/codec/amr_format.h"
@@ -147,6 +148,7 @@ class Walk {
 }  // namespace
 
 HintUse use_of(iso_track* hint, iso_track* media, FirstSamples first, Clock::time_point deadline) {
+    if (samples_of(media) > kestrel::kMaxTrackSamples) return {};
     if (!places_of(hint).agree() || !places_of(media).agree()) return {};
     return Walk(hint, media, first).run(deadline);
 }
