@@ -320,6 +320,8 @@ class Info(ToolTest):
                 (plain[:8], ["no tracks ", "video: not known: the list of tracks is cut"],
                  ["duration", "no audio", "brand"]),
                 (plain[:60], ["lost tracks  unknown:"], ["duration", "no audio"]),
+                (load("amrnb_hinted")[:-5], ["audio: plays\n", "5 bytes of 'free' are missing, and"],
+                 ["is missing or damaged"]),
                 (mp3, ["track 1      MPEG audio,", "does not play MPEG audio;"], ["AAC"]),
                 (load("mpeg4_b_hinted"), ["MPEG-4 Visual, Advanced Simple profile, level 1,"], []),
                 (fragmented, ["2.000 s, 30 samples in a form", "fix all 4: kestrel hint"],

@@ -265,6 +265,13 @@ static std::string why_ends_badly(const FileScan& scan) {
     return "The last " + show_count(scan.boxes.back().size) + " bytes of the file are no box";
 }
 
+std::string why_not_opened(const Subject& subject) {
+    const std::string end = why_ends_badly(subject.facts.scan);
+    return subject.api == Api::kClass && !end.empty()
+               ? end + ", and this API opens no such file."
+               : "A box or table that playing needs is missing or damaged.";
+}
+
 std::string why_no_tracks(const FileFacts& facts) {
     if (!facts.scan.may_be_3gp())
         return "This is no 3GP file: it has neither a file type nor a movie box.";
@@ -329,13 +336,9 @@ std::string why_by_tables(const Subject& subject, Reason reason) {
             return why_incomplete(subject);
         case Reason::kDamaged:
             if (!why_no_tracks(subject.facts).empty()) return why_no_tracks(subject.facts);
-            if (const std::string end = why_ends_badly(subject.facts.scan);
-                subject.api == Api::kClass && !end.empty()) {
-                return end + ", and this API opens no such file.";
-            }
             return subject.has_track() && subject.expected.pictures == 0
                        ? "The " + medium + " track has no samples."
-                       : "A box or table that playing needs is missing or damaged.";
+                       : why_not_opened(subject);
         default:
             break;
     }

@@ -115,6 +115,8 @@ std::string show_count(uint64_t count);
 std::string why_no_tracks(const FileFacts& facts);
 // A sentence for a reason that tables show; empty for those that need playing.
 std::string why_by_tables(const Subject& subject, Reason reason);
+// A sentence on a damaged file that the API does not open.
+std::string why_not_opened(const Subject& subject);
 
 // Whether hinting, replacing hints or salvaging may fix it.
 bool may_have_fix(const Subject& subject, Reason reason);

@@ -398,7 +398,7 @@ std::string why_damaged(const Subject& subject, const Verdict& verdict, const Tr
     if (result.end == End::kSignal) {
         return "The reader ended by signal " + std::to_string(result.signal) + ".";
     }
-    if (!verdict.opens) return "A box or table that playing needs is missing or damaged.";
+    if (!verdict.opens) return why_not_opened(subject);
     const MediaCounts& counts = result.trial.counts;
     if (verdict.status == KST_SUCCESS && counts.misled > 0) {
         return show_count(counts.misled) + " of " + show_count(subject.expected.samples) +

@@ -22,8 +22,7 @@ struct Verdict {
     Api api = Api::kFunction;
     MediaKind kind = MediaKind::kAudio;
     Reason reason = Reason::kNoTrack;
-    bool tried =
-        false;  // opened and played, as far as it goes; a process that ended gives no status
+    bool tried = false;      // opened and played, as far as it goes, with a status
     int32_t status = 0;      // of the call that ended it; KST_SUCCESS for the end of the stream
     bool opens = false;      // a failure, if any, was during playing
     uint64_t delivered = 0;  // bytes of native stream
