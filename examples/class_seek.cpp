@@ -49,7 +49,10 @@ int main(int argc, char** argv) {
     }
     const auto milliseconds = static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10));
     const unsigned int status = play(host.get(), argv[2], milliseconds);
-    if (status == KST_END_OF_FILE && std::fflush(stdout) == 0) return 0;
-    std::fprintf(stderr, "%s: %s\n", argv[1], kst_StatusString(static_cast<int32_t>(status)));
+    const bool is_written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (status == KST_END_OF_FILE && is_written) return 0;
+    std::fprintf(stderr, "%s: %s\n", argv[1],
+                 is_written ? kst_StatusString(static_cast<int32_t>(status))
+                            : "the output could not be written");
     return 1;
 }

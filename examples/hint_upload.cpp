@@ -79,8 +79,12 @@ int32_t play_class(kst_host* host, const char* mode, std::FILE* out) {
 }
 
 bool report_end(const char* api, int32_t status, std::FILE* out) {
-    const bool is_whole = status == KST_END_OF_FILE && std::fflush(out) == 0;
-    std::fprintf(stderr, "%s API: %s\n", api, is_whole ? "played" : kst_StatusString(status));
+    const bool is_written = std::fflush(out) == 0 && std::ferror(out) == 0;
+    const bool is_whole = status == KST_END_OF_FILE && is_written;
+    std::fprintf(stderr, "%s API: %s\n", api,
+                 is_whole     ? "played"
+                 : is_written ? kst_StatusString(status)
+                              : "the output could not be written");
     return is_whole;
 }
 

@@ -69,7 +69,9 @@ int main(int argc, char** argv) {
     kst_Close(&handle);
     kst_host_close(host);
 
-    if (status == KST_END_OF_FILE && fflush(stdout) == 0) return 0;
-    fprintf(stderr, "play_pipe: %s\n", kst_StatusString(status));
+    const int is_written = fflush(stdout) == 0 && !ferror(stdout);
+    if (status == KST_END_OF_FILE && is_written) return 0;
+    fprintf(stderr, "play_pipe: %s\n",
+            is_written ? kst_StatusString(status) : "the output could not be written");
     return 1;
 }

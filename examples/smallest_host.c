@@ -105,7 +105,9 @@ int main(int argc, char** argv) {
     kst_Close(&handle);
 
     close(fd);
-    if (status == KST_END_OF_FILE && fflush(stdout) == 0) return 0;
-    fprintf(stderr, "%s: %s\n", argv[1], kst_StatusString(status));
+    const int is_written = fflush(stdout) == 0 && !ferror(stdout);
+    if (status == KST_END_OF_FILE && is_written) return 0;
+    fprintf(stderr, "%s: %s\n", argv[1],
+            is_written ? kst_StatusString(status) : "the output could not be written");
     return 1;
 }

@@ -100,6 +100,13 @@ class Examples(unittest.TestCase):
                 (run(BIN / "play_pipe", "vr", input=cut), b"play_pipe: ")]:
             self.assertEqual(result.returncode, 1)
             self.assertIn(text, result.stderr)
+        clip = SAMPLES / "h263_cif_hinted.3gp"
+        for program in ([BIN / "smallest_host", clip, "vr"], [BIN / "class_seek", clip, "vr", "0"],
+                        [BIN / "play_pipe", "vr"], [BIN / "hint_upload", "vr", "/dev/full", "/dev/full"]):
+            with clip.open("rb") as file, open("/dev/full", "wb") as full:
+                result = subprocess.run(program, stdin=file, stdout=full, stderr=subprocess.PIPE)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(b"the output could not be written", result.stderr)
 
 
 class ReaderOfNativeStreams(unittest.TestCase):
