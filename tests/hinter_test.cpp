@@ -518,7 +518,8 @@ TEST(Hinter, RefusesWhatItCannotHint) {
         {"no esds", "mpeg4_plain.3gp", "esds", -4, fourcc("free"),
          "track 1 has no decoder configuration"},
         {"no d263", "h263_plain.3gp", "d263", -4, fourcc("free"),
-         "track 1 has no decoder configuration"},
+         "track 1 has no decoder configuration (d263); a file made of its native stream has one "
+         "('kestrel extract', 'kestrel pack')"},
         {"long descriptor", "mpeg4_plain.3gp", "esds", 4, 0x037F7F7F,
          "track 1: its decoder configuration is damaged"},
         {"long parameter set", "h264_plain.3gp", "avcC", 6, 0xFFFFFFFF,

@@ -139,7 +139,12 @@ class Chooser {
         if (track.samples.empty())
             return true;  // a player takes a hint track without samples for damage
         has_format = has_configuration(entry);
-        return has_format || refuse(track, " has no decoder configuration");
+        const char* const lack =
+            entry->codec == ISO_CODEC_S263
+                ? " has no decoder configuration (d263); a file made of its native stream has one "
+                  "('kestrel extract', 'kestrel pack')"
+                : " has no decoder configuration";
+        return has_format || refuse(track, lack);
     }
 
     // `mp4v` is used for other codecs as well.

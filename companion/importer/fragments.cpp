@@ -275,9 +275,11 @@ bool FragmentReader::move_to(const TrackFragment& fragment, std::uint64_t time, 
     Sample& last = track.samples.back();
     const std::uint64_t last_begin = state.end - last.duration;
     if (time < last_begin || time - last_begin > UINT32_MAX) {
-        return import_.fail(fragment.box, "begins at the time " + std::to_string(time) +
-                                              ", which does not follow " +
-                                              std::to_string(last_begin) + " of the sample before");
+        return import_.fail(fragment.box,
+                            "begins at the time " + std::to_string(time) +
+                                ", which does not follow " + std::to_string(last_begin) +
+                                " of the sample before: the fragment is there twice, at a wrong "
+                                "place, or damaged");
     }
     last.duration = static_cast<std::uint32_t>(time - last_begin);
     state.end = time;

@@ -140,7 +140,10 @@ bool find_file_boxes(Import& import, FileBoxes& boxes) {
         walk = read_file_box(import, file, boxes);
     if (walk == Walk::kFailed || boxes.movie) return walk == Walk::kAtEnd;
     const std::string missing = "the file has no movie box (moov)";
-    return import.fail(boxes.cut.empty() ? missing : boxes.cut + ", and " + missing + " before it");
+    return import.fail(boxes.cut.empty() ? missing
+                                         : boxes.cut + ", and " + missing +
+                                               " before it, without which nothing can be kept; "
+                                               "get the file again");
 }
 
 bool is_without_samples(const Movie& movie) {

@@ -91,7 +91,9 @@ bool read_runs(Import& import, const Box& box, BoxReader& reader, Target& to, Ap
     }
     if (!import.complete(reader, box)) return false;
     if (covered == to.state.declared) return true;
-    return import.fail(box, "covers " + std::to_string(covered) + " samples of " +
+    return import.fail(box, "has entries for " + std::to_string(covered) +
+                                (covered == 1 ? " sample" : " samples") +
+                                ", but the table of sample sizes declares " +
                                 std::to_string(to.state.declared));
 }
 
