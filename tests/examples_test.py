@@ -97,7 +97,7 @@ class Examples(unittest.TestCase):
                 (run(BIN / "class_seek", SAMPLES / "h263_hinted.3gp", "vr", 2001), b"imestamp"),
                 (run(BIN / "smallest_host", plain, "ar"), b"unknown failure"),
                 (run(BIN / "smallest_host", SAMPLES / "none.3gp", "ar"), b"No such file"),
-                (run(BIN / "play_pipe", "vr", input=cut), b"play_pipe: ")]:
+                (run(BIN / "play_pipe", "vr", input=cut), b"play_pipe: the file is cut")]:
             self.assertEqual(result.returncode, 1)
             self.assertIn(text, result.stderr)
         clip = SAMPLES / "h263_cif_hinted.3gp"

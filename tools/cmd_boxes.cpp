@@ -5,6 +5,7 @@
 #include "boxes/field_visitor.h"
 #include "boxes/simple3gp.h"
 #include "common/simple_exception.h"
+#include "companion/probe/reasons.h"
 #include "tools/commands.h"
 #include "tools/field_reading.h"
 #include "tools/fragment_boxes.h"
@@ -98,7 +99,7 @@ class ShownBox {
 class FieldLine final : public Qvox3gp::FieldVisitor {
   public:
     FieldLine(FieldReading& reading, std::string_view type, Progress& progress)
-        : reading_(reading), progress_(progress) {
+        : reading_(reading), type_(type), progress_(progress) {
         reading_.begin_box(type);
     }
 
@@ -106,7 +107,7 @@ class FieldLine final : public Qvox3gp::FieldVisitor {
         if (!take(name)) return;
         const std::string read = reading_.of(name, value);
         if (read.empty()) {
-            std::printf("%lld", static_cast<long long>(value));
+            std::printf("%lld", static_cast<long long>(without_reserved_bits(type_, name, value)));
         } else {
             std::printf("%s", read.c_str());
         }
@@ -143,6 +144,7 @@ class FieldLine final : public Qvox3gp::FieldVisitor {
     }
 
     FieldReading& reading_;
+    std::string_view type_;
     Progress& progress_;
     int depth_ = 0;
     size_t entries_ = 0;
@@ -163,14 +165,14 @@ void print_line(FieldReading& reading, Progress& progress, const ShownBox& box, 
 // Prints the fields of a box as an object, if it has any; lists become arrays.
 class FieldObject final : public Qvox3gp::FieldVisitor {
   public:
-    explicit FieldObject(JsonPrinter& out) : out_(out) {}
+    FieldObject(JsonPrinter& out, std::string_view type) : out_(out), type_(type) {}
     ~FieldObject() override {
         if (any_) out_.close();
     }
 
     void number(std::string_view name, int64_t value) override {
         begin();
-        out_.number(name, value);
+        out_.number(name, without_reserved_bits(type_, name, value));
     }
     void code(std::string_view name, std::string_view four) override {
         begin();
@@ -196,6 +198,7 @@ class FieldObject final : public Qvox3gp::FieldVisitor {
     }
 
     JsonPrinter& out_;
+    std::string_view type_;
     bool any_ = false;
 };
 
@@ -205,7 +208,7 @@ void print_json(JsonPrinter& out, const ShownBox& box) {
     out.number("offset", box.offset());
     out.number("size", box.size());
     {
-        FieldObject fields(out);
+        FieldObject fields(out, box.type());
         box.visit_fields(fields);
     }
     bool any = false;
@@ -303,12 +306,14 @@ void boxes(const Options& options) {
     } catch (const SimpleException& caught) {
         failure = caught.message();  // what was read before is shown all the same
     }
-    if (const auto scan = kestrel::probe::scan_file(callbacks);
-        !failure.empty() && !scan.is_3gp() && scan.fragments == 0) {
+    const auto scan = kestrel::probe::scan_file(callbacks);
+    if (!failure.empty() && !scan.is_3gp() && scan.fragments == 0) {
         const Error error = no_media_file(options.input, scan.file_size);
         if (options.json) print_error_as_json(error);
         throw error;
     }
+    if (!failure.empty() && scan.cut_box)
+        failure += "; the file is cut: " + kestrel::probe::missing_bytes(scan);
     const size_t shown =
         options.json ? show_json(options, callbacks, file) : show_lines(options, callbacks, file);
     finish_standard_output();

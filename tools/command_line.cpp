@@ -53,8 +53,9 @@ std::string suggestion(const std::string& word, const Words& known) {
     const auto nearest =
         std::min_element(known.begin(), known.end(),
                          [&](const auto& a, const auto& b) { return farness(a) < farness(b); });
-    const bool is_near =
-        nearest != known.end() && farness(*nearest) <= 2 && farness(*nearest) < word.size();
+    const size_t dashes = std::min(word.find_first_not_of('-'), word.size());
+    const bool is_near = nearest != known.end() && farness(*nearest) <= 2 &&
+                         farness(*nearest) < word.size() - dashes;
     return is_near ? "; did you mean '" + *nearest + "'?" : "";
 }
 
@@ -83,14 +84,12 @@ CLI::App& command_or_fail(CLI::App& app, const std::string& name) {
     wrong_usage(text + "; 'kestrel help' lists the commands");
 }
 
-// Option names with their dashes.
+// The long names of options, with their dashes.
 Words option_names(const CLI::App& command) {
     Words names;
     for (const CLI::Option* option : command.get_options()) {
         for (const std::string& name : option->get_lnames())
             names.push_back("--" + name);
-        for (const std::string& name : option->get_snames())
-            names.push_back("-" + name);
     }
     return names;
 }

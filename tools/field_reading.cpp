@@ -36,6 +36,13 @@ std::string date_text(uint64_t seconds) {
                   rest / 3600, rest / 60 % 60, rest % 60);
 }
 
+int64_t without_reserved_bits(std::string_view box, std::string_view field, int64_t value) {
+    constexpr int64_t kLengthSize = 0x03, kSetCount = 0x1F;  // ISO/IEC 14496-15, 5.3.3.1
+    if (box != "avcC") return value;
+    if (field == "nal_length_size_minus_one") return value & kLengthSize;
+    return field == "sequence_set_count" ? value & kSetCount : value;
+}
+
 void FieldReading::begin_box(std::string_view type) {
     box_ = type;
     timescale_ = 0;

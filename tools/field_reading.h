@@ -12,6 +12,9 @@ namespace tool {
 // "2026-11-22T01:02:03Z" of seconds since the beginning of 1904.
 std::string date_text(uint64_t seconds);
 
+// The value of a field alone, of one that the object model keeps with reserved bits.
+int64_t without_reserved_bits(std::string_view box, std::string_view field, int64_t value);
+
 // Reads the fields of a tree's boxes in order, because a field may define how to read another one.
 class FieldReading {
   public:

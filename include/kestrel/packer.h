@@ -44,11 +44,14 @@ typedef struct kst_packer kst_packer;
 enum {
     KST_PACK_DONE = 0,
     /* A stream is damaged or ends inside a frame or before the last frame that its header records
-     * declare, it has frames that cannot be of its codec, or a frame twice, or more speech than
-     * they declare, or packets of it are missing or could not be joined. All that is whole before
-     * the damage is in the file. kst_packer_describe, after kst_packer_write, has the reason of
-     * each stream. Speech may lack the few frames that its records cannot show,
-     * and a stream made after a seek any that follow (docs/native-format.md). */
+     * declare, it lacks its first frames, has frames that cannot be of its codec, or a frame twice,
+     * or more speech than they declare, or packets of it are missing or could not be joined, or its
+     * header records have values that no track has. All that is whole before the damage is in the
+     * file. kst_packer_describe, after kst_packer_write, has the reason of each stream.
+     *
+     * A stream may lack frames that its records cannot show (docs/native-format.md), and is then
+     * KST_PACK_DONE: speech a few of the last ones; a video whose records declare no duration, or
+     * a stream made after a seek, any number of the last ones. */
     KST_PACK_CUT = 1,
     KST_PACK_BAD_ARGUMENT = 2,
     KST_PACK_NO_MEMORY = 3,

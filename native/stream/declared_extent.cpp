@@ -61,6 +61,24 @@ bool has_parameter_sets(std::span<const uint8_t> config) {
     return has_sequence && has_picture;
 }
 
+// A sample description has a byte for each (3GPP TS 26.244, 6.8; ITU-T H.264, 7.3.2.1.1).
+std::string profile_fault(const StreamHeader& header) {
+    if (std::max({header.profile, header.constraints, header.level}) <= UINT8_MAX) return "";
+    const std::string constraints =
+        header.medium == Medium::kH264 ? ", constraints " + std::to_string(header.constraints) : "";
+    return "its header records declare profile " + std::to_string(header.profile) + constraints +
+           " and level " + std::to_string(header.level) + ", which take a byte each";
+}
+
+// A duration of less than a millisecond, which is truncated to 0, has a thousand pictures a second
+// or more.
+std::string duration_fault(const StreamHeader& header) {
+    const bool has_rate = header.bit_rate > 0 || header.pictures_per_second > 0;
+    const bool is_truncated = header.pictures_per_second >= kMilliseconds;
+    if (header.duration_ms > 0 || !has_rate || is_truncated) return "";
+    return "its header records declare a bit rate or frame rate without a duration";
+}
+
 }  // namespace
 
 std::string picture_size_fault(const StreamHeader& header) {
@@ -112,6 +130,7 @@ void DeclaredExtent::end_frame() {
 void DeclaredExtent::take_time(uint32_t time) {
     if (!has_time_) first_time_ = time;
     has_time_ = true;
+    have_one_time_ = have_one_time_ && time == first_time_;
     last_time_ = time;
 }
 
@@ -147,10 +166,15 @@ void DeclaredExtent::speech_frame(std::span<const uint8_t> frame) {
     to_.speech_frame(frame);
 }
 
+// Frames before the first one that is there: the function API numbers them from 0.
+uint64_t DeclaredExtent::missing_first() const {
+    return numbers_frames() ? gaps_.first() : 0;
+}
+
 // Frames that are missing before the end show by their sequence numbers. Of a class API stream the
 // last frame has a time of its own.
 bool DeclaredExtent::lacks_speech() const {
-    const uint64_t numbered = test_.frames() + gaps_.missing();
+    const uint64_t numbered = missing_first() + test_.frames() + gaps_.missing();
     if (numbered >= header_.frames) return false;
     const uint64_t declared = header_.duration_ms;
     if (header_.api == Api::kClass) {
@@ -233,6 +257,8 @@ std::string DeclaredExtent::config_fault() const {
     if (header_.medium == Medium::kH264 && !has_sets) return kNoParameterSetsText;
     if (header_.medium == Medium::kMpeg4 && !has_config_ && begins_inside_)
         return kNoConfigurationText;
+    if (const std::string text = profile_fault(header_); !text.empty()) return text;
+    if (const std::string text = duration_fault(header_); !text.empty()) return text;
     return picture_size_fault(header_);
 }
 
@@ -240,6 +266,11 @@ std::string DeclaredExtent::fault() const {
     std::string all = extent_fault();
     const auto add = [&](const std::string& text) { all += (all.empty() ? "" : "; ") + text; };
     if (const std::string text = config_fault(); !text.empty()) add(text);
+    if (const uint64_t first = missing_first(); first > 0) {
+        const bool is_one = first == 1;
+        add("its first " + (is_one ? "frame" : counted_frames(first)) +
+            (is_one ? " is missing" : " are missing"));
+    }
     if (test_.implausible() > 0) {
         add(std::to_string(test_.implausible()) + " of " + counted_frames(test_.frames()) +
             " cannot be " + name_of(header_.medium) + ", the first is number " +
@@ -255,6 +286,8 @@ std::string DeclaredExtent::fault() const {
 std::string DeclaredExtent::doubt() const {
     const uint64_t frames = test_.frames();
     if (empty_ > 0) return empty_text(empty_, frames, "frame", is_speech() ? "speech" : "picture");
+    if (!is_speech() && have_one_time_ && frames > 1)
+        return "all pictures have the time " + std::to_string(first_time_);
     if (!is_speech() || gaps_.missing() > 0 || frames >= header_.frames) return "";
     const bool is_class = header_.api == Api::kClass;
     const bool agrees = header_.duration_ms > 0 && header_.duration_ms <= frames * kFrameDuration;

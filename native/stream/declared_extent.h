@@ -56,6 +56,7 @@ class DeclaredExtent final : public RecordSink {
     void speech_payload(std::span<const uint8_t> front) override { to_.speech_payload(front); }
     void speech_frame(std::span<const uint8_t> frame) override;
 
+    uint64_t missing_first() const;
     void take_time(uint32_t time);
     void take_sequence(uint16_t sequence);
     bool lacks_speech() const;
@@ -76,6 +77,7 @@ class DeclaredExtent final : public RecordSink {
     uint32_t speech_frames_ = 0;  // of 20 ms each, in the last frame
     uint32_t first_time_ = 0, last_time_ = 0;
     bool has_time_ = false;
+    bool have_one_time_ = true;                            // all packets, or all speech
     bool has_markers_ = false, ends_with_marker_ = false;  // packets of a video
     SequenceGaps gaps_;
     // Time and sequence number that the frame begins with, and those of the frame before.

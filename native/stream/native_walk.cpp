@@ -290,6 +290,8 @@ void NativeWalk::video_config(const std::string& codec, uint64_t codec_at) {
         header_.medium = Medium::kH264;
         const auto record = header_record<VID_Header_H264CodecConfig>("VID_Header_H264CodecConfig");
         header_.profile = record.profile;
+        constexpr uint32_t kShort = 8;  // bytes of a configuration for which they are not written
+        if (record.length > kShort) header_.constraints = record.constraints;
         header_.level = record.level;
         keep_config(record);
     } else {

@@ -56,6 +56,7 @@ struct StreamHeader {
     uint32_t width = 0;                // pixels
     uint32_t height = 0;
     uint32_t profile = 0;
+    uint32_t constraints = 0;  // H.264 only
     uint32_t level = 0;
     uint32_t video_start = 0;  // units of 1/90,000 s
     uint32_t audio_start = 0;  // units of the audio timescale
