@@ -40,6 +40,12 @@ static int32_t read_arriving(mm_Interface* handle, kst_host* host, unsigned char
     }
 }
 
+/* At the end of the input nothing can be awaited any more. */
+static const char* ending_of(int32_t status) {
+    return status == KST_NOT_YET ? "the file is cut: it ends before the track"
+                                 : kst_StatusString(status);
+}
+
 int main(int argc, char** argv) {
     if (argc != 2) return 2;
     kst_host* host = kst_host_from_pipe(STDIN_FILENO);
@@ -72,6 +78,6 @@ int main(int argc, char** argv) {
     const int is_written = fflush(stdout) == 0 && !ferror(stdout);
     if (status == KST_END_OF_FILE && is_written) return 0;
     fprintf(stderr, "play_pipe: %s\n",
-            is_written ? kst_StatusString(status) : "the output could not be written");
+            is_written ? ending_of(status) : "the output could not be written");
     return 1;
 }

@@ -168,8 +168,9 @@ class KESTREL_API C3gpInterface {
     //
     // A file that arrives can be opened when GetStreamSize answers its length, and these have
     // arrived: all boxes up to the end of `moov`, the header of every later box, and for H.263 the
-    // first hint sample. Until then Open returns KST_FAILURE: call it again later, with the stream
-    // at offset 0.
+    // first hint sample. Before that Open returns KST_FAILURE, or KST_SUCCESS if it does not need
+    // the bytes that are missing at the end of `moov`. After KST_FAILURE call it again later, with
+    // the stream at offset 0.
     unsigned int Open(_TAG_KST_IOSTREAM_CALLBACK_INTERFACE* io, const char* mode);
 
     // Ends playing and frees what the object holds; it may be opened again. Closing a closed object
@@ -222,7 +223,8 @@ class KESTREL_API C3gpInterface {
     // - KST_SUCCESS: `params` has the result.
     // - KST_NOT_OPEN.
     // - KST_BAD_ARGUMENT: `params` is null.
-    // - KST_BAD_SEEK_FLAGS.
+    // - KST_BAD_SEEK_FLAGS: fFlags has not exactly one of KST_SEEK_RELATIVE and KST_SEEK_ABSOLUTE,
+    //   or not exactly one of the three sync rules.
     // - KST_BAD_TIMESTAMP: the target is before 0 or after the duration.
     // - KST_CORRUPT: a sample table is missing or wrong.
     // - KST_DIVIDE_BY_ZERO (20): a zero in the sample tables, or a timescale below 1000.

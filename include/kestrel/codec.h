@@ -58,8 +58,9 @@ KESTREL_API int FindStartCode(const unsigned char* buf, int len, unsigned char c
 KESTREL_API iso_track* h263_isoFFtrack(iso_file* file, H263VCFG* cfg);
 
 // Creates an AMR track whose samples are in storage format: narrow band with timescale 8000, or
-// wide band with 16000. `mode_set` has a bit for each frame type that may occur;
-// `frames_per_sample` is 1 to 15.
+// wide band with 16000. `mode_set` has a bit for each frame type that may occur, up to 0xFFFF;
+// `frames_per_sample` is 1 to 15. Other values are invalid: iso_track::frames_per_sample of a file
+// without `damr` is 0, for which 1 is usual.
 KESTREL_API iso_track* amr_isoFFtrack(iso_file* file, int wide_band, unsigned mode_set,
                                       unsigned frames_per_sample);
 

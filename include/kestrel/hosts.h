@@ -85,8 +85,8 @@ KESTREL_API kst_host* kst_host_from_growing_file(const char* path, uint32_t step
 KESTREL_API kst_host* kst_host_from_growing_memory(const void* data, size_t size, uint32_t step);
 
 /* What a pipe, a socket or a terminal delivers. The bytes are kept until the host is closed; `fd`
- * stays the caller's. The length is not known before the end: until then GetStreamSize answers
- * not-yet. */
+ * stays the caller's and may be non-blocking. A wait goes on after a signal whose handler returns.
+ * The length is not known before the end: until then GetStreamSize answers not-yet. */
 KESTREL_API kst_host* kst_host_from_pipe(int fd);
 
 /* Closes the host and frees its table. Null is ignored. */

@@ -167,7 +167,8 @@ struct iso_track {
     uint8_t decoder_version;  // of the same
     uint8_t level;            // H.263 or AVC level, or MPEG-4 Visual profile and level
     uint8_t profile;          // H.263 or AVC profile
-    uint16_t mode_set;        // AMR
+    // Of AMR: of `damr`. 0 without that box, of which amr_isoFFtrack takes no frames_per_sample.
+    uint16_t mode_set;
     uint8_t mode_change_period;
     uint8_t frames_per_sample;
     uint8_t object_type;  // MPEG-4 object type indication

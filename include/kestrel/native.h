@@ -46,7 +46,8 @@ enum native_mode {
 
 // Bits of TEL_RTP::flags and ORB_RTP::flags.
 static const uint32_t native_drop_no_data = 1;         // drop AMR NO_DATA frames
-static const uint32_t native_amr_format_1 = 2;         // AMR narrow band input is in format 1
+static const uint32_t native_amr_format_1 = 2;         // AMR narrow band input is in format 1,
+                                                       // as samples of a file are; else in 2
 static const uint32_t orb_header_printed = 1u << 16;   // the header was printed already
 static const uint32_t orb_check_quietly = 1u << 29;    // check headers that are read
 static const uint32_t orb_check_and_print = 1u << 30;  // and print what is wrong with them
@@ -178,6 +179,23 @@ KESTREL_API int orb_native_init(orb_native* state, int payload_type, int max_pac
 // Cuts one sample of `in_len` bytes and `duration` seconds into packets, written back to back into
 // `out`. Returns the bytes written; -1 when `out_size` is too small or the codec has no packetiser;
 // -2 when an H.263 picture header cannot be parsed. After -1 the packets written so far stand.
+//
+// Each packet is a header of `tel_header_size` or `orb_header_size` bytes and a payload. Payloads
+// of `tel`, with the payload type that the header gets whatever the one given at init:
+//
+// - H.263, 34: of RFC 4629 with NATIVE_MODE_RFC2429, of RFC 2190 with the modes of that name, else
+//   a part of the sample.
+// - MPEG-4, 102: a part of the sample (RFC 6416). The decoder configuration is not inserted;
+//   kst_ReadChunk inserts it before it cuts.
+// - H.264, 103: of RFC 6184, single NAL units and FU-A. The parameter sets of the track are
+//   inserted before the first IDR slice of a sample that has none before it.
+// - AMR, 101: one speech frame of the sample as it is, without the header of an RTP payload and
+//   without the record and mode byte that kst_ReadChunk delivers. `duration` is ignored. Samples of
+//   a file are in format 1: narrow band needs native_amr_format_1 at init. Without it the sample
+//   is cut at wrong places, and the result does not show that.
+//
+// Payloads of `orb` are parts of the sample, or speech frames. The payload type is that of init.
+//
 // For H.264 `out` must have room for four bytes beyond `out_size` for each FU-A packet that fits:
 // their two header bytes are credited to the room instead of charged.
 KESTREL_API int tel_native_packet(void* out, int out_size, void* in, int in_len, double duration,

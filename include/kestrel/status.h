@@ -23,7 +23,8 @@ enum {
     KST_NO_SUCH_TRACK = 14,      /* the file has no track of the medium */
     KST_UNKNOWN_CODER = 15,      /* unsupported codec */
     KST_IO_FAILURE = 16,         /* a callback of the host failed */
-    KST_NOT_YET = 17,            /* data has not arrived yet: call again later */
+    KST_NOT_YET = 17,            /* data has not arrived yet: call again later; if all of the file
+                                  * is there, it is cut short */
     KST_BAD_TIMESTAMP = 18,      /* seek target past the end */
     KST_BAD_SEEK_FLAGS = 19,     /* invalid seek flags */
     KST_DIVIDE_BY_ZERO = 20,     /* a zero divisor in a table */

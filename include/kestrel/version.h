@@ -9,6 +9,9 @@
  * - minor: functions, constants or reported reasons were added. A program that was built with a
  *   lower minor number of the same major runs.
  * - patch: nothing of that.
+ *
+ * The numbers are raised by a release. Until then they are those of the last one, and "Unreleased"
+ * in CHANGELOG.md lists what it does not have.
  */
 #ifndef KESTREL_VERSION_H
 #define KESTREL_VERSION_H

@@ -257,8 +257,8 @@ std::string DeclaredExtent::config_fault() const {
     if (header_.medium == Medium::kH264 && !has_sets) return kNoParameterSetsText;
     if (header_.medium == Medium::kMpeg4 && !has_config_ && begins_inside_)
         return kNoConfigurationText;
-    if (const std::string text = profile_fault(header_); !text.empty()) return text;
-    if (const std::string text = duration_fault(header_); !text.empty()) return text;
+    if (std::string text = profile_fault(header_); !text.empty()) return text;
+    if (std::string text = duration_fault(header_); !text.empty()) return text;
     return picture_size_fault(header_);
 }
 
