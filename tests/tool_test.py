@@ -965,6 +965,14 @@ class Send(ToolTest):
                 self.assertGreater(changes, 0)
                 [(sent, _)] = self.receive(self.write("f.3gp", data), 1, "--speed", 500)
                 self.assertEqual(len(sent), packets)  # of new hints
+        # Nor is a hint track without a clock sent as it is.
+        data = load("amrnb_hinted")
+        [(sent, _)] = self.receive(self.write("f.3gp", data.replace(b"tims", b"timr")), 1, "--speed", 500)
+        times = [struct.unpack(">I", packet[4:8])[0] for packet in sent]
+        self.assertEqual({(b - a) % 2**32 for a, b in zip(times, times[1:])}, {160})
+        at = data.rindex(b"mdhd") + 16
+        path = self.write("f.3gp", data[:at] + bytes(4) + data[at + 4:])
+        self.assert_fails(run("send", path, "--to", "127.0.0.1:5004"), 1, "has a timescale of 0")
 
     def test_media_that_lack_something_are_reported_as_without_hints(self):
         here = Datagrams(1)

@@ -77,7 +77,7 @@ bool has_spoilt_packets(HintPackets& track, Clock::time_point deadline) {
 
 // Whether the packets of media that are whole lack samples, or have bytes of others.
 bool leaves_samples_out(const FileFacts& facts, HintPackets& track, Clock::time_point deadline) {
-    if (track.media() == nullptr) return false;
+    if (track.media() == nullptr || Clock::now() > deadline) return false;
     const uint32_t size = facts.scan.file_size;
     if (!is_whole(track.media(), size) || !is_whole(track.track(), size)) return false;
     const HintUse use = use_of(track.track(), track.media(), {}, deadline);
@@ -96,10 +96,15 @@ void refuse_many(const std::vector<iso_track*>& hints, const std::string& input)
                                 std::to_string(kMaxCapturedTracks));
 }
 
+// Whether receivers get all that they need: times, and a description.
+bool is_complete(const iso_track* hint) {
+    return hint->timescale > 0 && hint->rtp_timescale > 0 && is_described(hint);
+}
+
 // Looks until a deadline: what comes after it counts as good.
 bool can_be_sent(const FileFacts& facts, const std::string& input) {
     const std::vector<iso_track*> hints = hint_tracks(facts);
-    if (hints.empty() || !std::all_of(hints.begin(), hints.end(), is_described)) return false;
+    if (hints.empty() || !std::all_of(hints.begin(), hints.end(), is_complete)) return false;
     refuse_many(hints, input);
     const HintTracks tracks = read_hint_tracks(facts, hints);
     const auto deadline = Clock::now() + kMaxLooking;

@@ -148,7 +148,7 @@ class Walk {
 }  // namespace
 
 HintUse use_of(iso_track* hint, iso_track* media, FirstSamples first, Clock::time_point deadline) {
-    if (samples_of(media) > kestrel::kMaxTrackSamples) return {};
+    if (Clock::now() > deadline || samples_of(media) > kestrel::kMaxTrackSamples) return {};
     if (!places_of(hint).agree() || !places_of(media).agree()) return {};
     return Walk(hint, media, first).run(deadline);
 }

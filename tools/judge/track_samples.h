@@ -8,11 +8,12 @@
 #include <span>
 #include <vector>
 
+#include "common/frame_limit.h"
 #include "companion/probe/media_tracks.h"
 
 namespace tool {
 
-constexpr uint32_t kLongestSample = 16 << 20;  // bytes of one that plays
+constexpr uint32_t kLongestSample = kestrel::kMaxFrameBytes;  // of one that plays
 
 inline uint32_t samples_of(const iso_track* track) {
     return static_cast<uint32_t>(std::max(track->sample_count, 0));
