@@ -151,6 +151,13 @@ def damaged_tables():
     part = re.search(rb"\x02\0[\x01-\x05](.)\0\0\0[\x01-\x1e]....\0\x01\0\x01", data, re.DOTALL)
     yield ("mpeg4_hinted, a packet lacks a byte of its picture",
            patched(data, (part.start(1), bytes([part[1][0] - 1]))))
+    data = load("h264_slices_b_hinted")
+    first = data.index(b"\0\0\0\0\x80\x60") + 4  # packet that does not end its picture
+    yield ("h264_slices_b_hinted, two pictures of one", patched(data, (first + 1, b"\xe0")))
+    data = load("h263_hinted")
+    yield "h263_hinted, no RTP timescale", patched(data, (data.rindex(b"tims"), b"timr"))
+    yield ("h263_hinted, hints with a timescale of 0",
+           patched(data, (data.rindex(b"mdhd") + 16, bytes(4))))
     data = load("av_h263_amrnb_hinted")
     yield "av_h263_amrnb_hinted, a hint sample with three bytes more", patched(data, (48200, b"\5"))
     data = load("amrnb_hinted")

@@ -69,14 +69,28 @@ HintTracks wanted_tracks(const FileFacts& facts, const Options& options) {
     throw file_error(options.input, why_no_hints(facts, options.track.has_value()));
 }
 
-// Reports hint samples without packets, and fails when packets are left out.
+// Looks what the packets leave out of their media.
+void compare_with_media(HintTracks& tracks) {
+    const auto deadline = Clock::now() + kMaxLooking;
+    for (const auto& track : tracks)
+        track->compare_with_media(deadline);
+}
+
+// Reports damaged headers, and hint samples without packets. Fails when packets or media are left
+// out.
 void check_tracks(const HintTracks& tracks, const std::string& input) {
+    const auto report = [&](const HintPackets& track, uint64_t some, uint64_t all, const char* unit,
+                            const char* text) {
+        if (track.made() == 0 || some == 0) return;
+        say(input_name(input) + ": hint track " + std::to_string(track.track()->track_id) + ": " +
+            std::to_string(some) + " of " + counted(all, unit) + text);
+    };
     for (const auto& track : tracks) {
-        if (track->made() == 0 || track->empty_samples() == 0) continue;
-        say(input_name(input) + ": hint track " + std::to_string(track->track()->track_id) + ": " +
-            std::to_string(track->empty_samples()) + " of " +
-            counted(static_cast<uint64_t>(track->track()->sample_count), "hint sample") +
-            " without packets");
+        report(*track, track->spoilt(), track->made(), "packet",
+               " with damaged headers (RFC 2190), which no receiver decodes; 'kestrel hint "
+               "--replace' makes new ones");
+        report(*track, track->empty_samples(), static_cast<uint64_t>(track->track()->sample_count),
+               "hint sample", " without packets");
     }
     const std::string lacks = lacks_of(tracks);
     if (!lacks.empty()) throw file_error(input, lacks);
@@ -144,6 +158,7 @@ void print_json(HintTracks& tracks, bool with_bytes) {
         }
     }
     out.close();
+    compare_with_media(tracks);
     out.open("tracks", '[');
     for (const auto& track : tracks) {
         out.open("", '{');
@@ -217,6 +232,7 @@ void packets(const Options& options) {
     } else {
         capture_packets(tracks, options);
     }
+    if (!options.json) compare_with_media(tracks);
     check_tracks(tracks, options.input);
     check_media(facts, tracks, options.input);
 }

@@ -9,12 +9,10 @@
 #include "kestrel/hinter.h"
 #include "native/codec/payload_types.h"
 #include "native/codec/rtp_header.h"
-#include "native/stream/depacketise.h"
 #include "tools/capture.h"
 #include "tools/commands.h"
 #include "tools/hint_packets.h"
 #include "tools/judge/fix.h"
-#include "tools/judge/hint_use.h"
 #include "tools/judge/media_check.h"
 #include "tools/send/sender.h"
 #include "tools/session_description.h"
@@ -29,7 +27,6 @@ namespace {
 using kestrel::kRtpHeaderSize;
 
 constexpr auto kMaxSeconds = std::chrono::seconds(60);  // for what the tables declare
-constexpr auto kMaxLooking = std::chrono::seconds(3);   // at hint tracks, before they are sent
 constexpr uint64_t kMostLookedAt = 100000;              // packets of a track
 
 struct Options {
@@ -62,26 +59,22 @@ std::vector<iso_track*> hint_tracks(const FileFacts& facts) {
     return tracks;
 }
 
-// Whether the headers of some packets are damaged.
+// Whether the headers of some packets are damaged. Only packets of RFC 2190 are looked at.
 bool has_spoilt_packets(HintPackets& track, Clock::time_point deadline) {
-    while (track.made() < kMostLookedAt && Clock::now() < deadline) {
+    while (track.spoilt() == 0 && track.made() < kMostLookedAt && Clock::now() < deadline) {
         const auto packet = track.next();
         if (packet.size() <= kRtpHeaderSize ||
             kestrel::load_rtp_header(packet.data()).payload_type != kestrel::kRfc2190PayloadType) {
             return false;
         }
-        if (kestrel::stream::is_spoilt_rfc2190(packet.subspan(kRtpHeaderSize))) return true;
     }
-    return false;
+    return track.spoilt() > 0;
 }
 
-// Whether the packets of media that are whole lack samples, or have bytes of others.
-bool leaves_samples_out(const FileFacts& facts, HintPackets& track, Clock::time_point deadline) {
-    if (track.media() == nullptr || Clock::now() > deadline) return false;
-    const uint32_t size = facts.scan.file_size;
-    if (!is_whole(track.media(), size) || !is_whole(track.track(), size)) return false;
-    const HintUse use = use_of(track.track(), track.media(), {}, deadline);
-    return use.misled > 0 || use.partial > 0 || use.unused > 0;
+// Whether packets lack samples, or have bytes of others.
+bool leaves_media_out(HintPackets& track, Clock::time_point deadline) {
+    track.compare_with_media(deadline);
+    return track.lacks_media();
 }
 
 // Whether hinting anew reports samples that are no media, or refuses them.
@@ -98,7 +91,7 @@ void refuse_many(const std::vector<iso_track*>& hints, const std::string& input)
 
 // Whether receivers get all that they need: times, and a description.
 bool is_complete(const iso_track* hint) {
-    return hint->timescale > 0 && hint->rtp_timescale > 0 && is_described(hint);
+    return has_clock(hint) && is_described(hint);
 }
 
 // Looks until a deadline: what comes after it counts as good.
@@ -111,7 +104,7 @@ bool can_be_sent(const FileFacts& facts, const std::string& input) {
     const auto none = [&](auto is_fault) {
         return std::none_of(tracks.begin(), tracks.end(), is_fault);
     };
-    return none([&](const auto& track) { return leaves_samples_out(facts, *track, deadline); }) &&
+    return none([&](const auto& track) { return leaves_media_out(*track, deadline); }) &&
            none([&](const auto& track) { return has_implausible_media(*track, deadline); }) &&
            none([&](const auto& track) { return has_spoilt_packets(*track, deadline); });
 }

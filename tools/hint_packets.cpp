@@ -3,12 +3,16 @@
 
 #include <algorithm>
 #include <map>
+#include <utility>
 
 #include "companion/probe/hint_constructors.h"
 #include "companion/probe/media_tracks.h"
 #include "companion/probe/reasons.h"
 #include "interface/src/isoff/record/private.h"
 #include "kestrel/hinter.h"
+#include "native/codec/payload_types.h"
+#include "native/codec/rtp_header.h"
+#include "native/stream/depacketise.h"
 #include "tools/judge/track_samples.h"
 
 namespace tool {
@@ -17,6 +21,12 @@ namespace {
 constexpr uint32_t kLongestDeclared = KST_HINT_LONGEST_PACKET;
 constexpr const char* kNewHints = "'kestrel hint --replace' makes new ones";
 constexpr int kLongestPacket = 65507;  // that a UDP datagram over IPv4 holds (RFC 768, RFC 791)
+
+bool is_spoilt(std::span<const uint8_t> packet) {
+    return packet.size() > kestrel::kRtpHeaderSize &&
+           kestrel::load_rtp_header(packet.data()).payload_type == kestrel::kRfc2190PayloadType &&
+           kestrel::stream::is_spoilt_rfc2190(packet.subspan(kestrel::kRtpHeaderSize));
+}
 
 }  // namespace
 
@@ -60,7 +70,14 @@ std::span<const uint8_t> HintPackets::next() {
         begin_ = sample_ + 1;
     }
     ++made_;
-    return std::span(buffer_).first(static_cast<size_t>(length));
+    const auto packet = std::span(std::as_const(buffer_)).first(static_cast<size_t>(length));
+    spoilt_ += is_spoilt(packet) ? 1 : 0;
+    return packet;
+}
+
+void HintPackets::compare_with_media(Clock::time_point deadline) {
+    if (media_ == nullptr || Clock::now() > deadline || is_cut()) return;
+    use_ = use_of(hint_, media_, kestrel::probe::Api::kFunction, {}, deadline);
 }
 
 bool HintPackets::takes_from_nowhere(int32_t sample) {
@@ -133,6 +150,27 @@ HintPackets::Lack HintPackets::lack_after_damage(uint64_t samples) const {
                      "; 'kestrel hint --replace --salvage' keeps what is whole of it"};
 }
 
+HintPackets::Lack HintPackets::lack_in_packets() const {
+    std::string what;
+    const auto add = [&](const std::string& text) { what += (what.empty() ? "" : ", ") + text; };
+    if (use_.wrong() > 0) {
+        add(std::to_string(use_.wrong()) + " of " + counted(samples_of(hint_), "hint sample") +
+            (use_.wrong() == 1 ? " leaves out media or takes" : " leave out media or take") +
+            " wrong bytes, the first is number " + std::to_string(use_.first_wrong()));
+    }
+    if (use_.unused > 0) {
+        add("no packets for " + std::to_string(use_.unused) + " of " +
+            counted(samples_of(media_), "sample"));
+    }
+    if (!has_clock(hint_)) {
+        add(std::string("all timestamps are the same, as it declares ") +
+            (hint_->timescale == 0 ? "a timescale of 0 (mdhd)" : "no RTP timescale (tims)"));
+    }
+    if (what.empty()) return {};
+    // kst_hint refuses a timescale of 0.
+    return {name() + ": " + what, hint_->timescale == 0 ? "" : kNewHints};
+}
+
 HintPackets::Lack HintPackets::lack() const {
     if (hint_->rtp_max_packet > kLongestDeclared) {
         return {name() + " declares packets of " + std::to_string(hint_->rtp_max_packet) +
@@ -154,12 +192,16 @@ HintPackets::Lack HintPackets::lack() const {
                     (expected.in_fragments > 0 ? "in movie fragments" : "in no chunk"),
                 ""};
     }
-    return {made_ == 0 ? name() + " has no packets" : "", ""};
+    return made_ == 0 ? Lack{name() + " has no packets", ""} : lack_in_packets();
 }
 
 std::string HintPackets::lacks() const {
     const Lack all = lack();
     return all.what + (all.step.empty() ? "" : "; " + all.step);
+}
+
+bool has_clock(const iso_track* hint) {
+    return hint->timescale > 0 && hint->rtp_timescale > 0;
 }
 
 HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> hints) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/judge/facts.h"
+#include "tools/judge/hint_use.h"
 
 namespace tool {
 
@@ -37,6 +38,8 @@ class HintPackets {
     // samples without any.
     uint64_t made() const { return made_; }
     uint64_t empty_samples() const;
+    // The packets so far whose headers of RFC 2190 are damaged.
+    uint64_t spoilt() const { return spoilt_; }
     // The first hint sample that is damaged or cannot be read, from 1; 0 for none so far.
     int32_t damaged_sample() const { return damaged_sample_; }
     // Moves to the first packet of a hint sample.
@@ -45,6 +48,12 @@ class HintPackets {
     // The hint samples since the last go_to() that have no packets though their media samples have
     // bytes. Hint samples that are fewer or more than the media samples may be empty.
     uint64_t skipped_media() const { return skipped_media_; }
+
+    // Compares the packets with the media that they are of, as far as it gets until the deadline;
+    // not with media that are cut. lack() then has what they leave out.
+    void compare_with_media(Clock::time_point deadline);
+    // Whether that found samples or bytes that are left out, or others in their place.
+    bool lacks_media() const { return !use_.is_whole(); }
 
     // After the last packet: what was left out, and the next step, if any, without full stops.
     struct Lack {
@@ -58,6 +67,7 @@ class HintPackets {
     std::string name() const;
     bool is_cut() const;
     Lack lack_after_damage(uint64_t samples) const;
+    Lack lack_in_packets() const;
     // Whether a hint sample takes bytes of a media track that is not there.
     bool takes_from_nowhere(int32_t sample);
     // Counts hint samples without packets, up to the one before `end`.
@@ -69,8 +79,10 @@ class HintPackets {
     rtp_hint_state cursor_{};
     std::vector<uint8_t> buffer_;  // of a packet
     uint64_t made_ = 0;
+    uint64_t spoilt_ = 0;
     uint64_t filled_samples_ = 0;
     uint64_t skipped_media_ = 0;
+    HintUse use_;
     int32_t begin_ = 0;  // the first hint sample that is neither read nor skipped
     int32_t sample_ = 0;
     int32_t damaged_sample_ = 0;  // from 1; 0 for none
@@ -79,7 +91,12 @@ class HintPackets {
     bool lacks_track_ = false;    // its media track
 };
 
+constexpr auto kMaxLooking = std::chrono::seconds(3);  // at the packets of a file
+
 using HintTracks = std::vector<std::unique_ptr<HintPackets>>;
+
+// Whether a hint track declares the timescales without which packets have no times.
+bool has_clock(const iso_track* hint);
 
 // Readers of these hint tracks.
 HintTracks read_hint_tracks(const FileFacts& facts, std::span<iso_track* const> hints);

@@ -16,10 +16,12 @@
  *     kst_probe_close(probe);
  *
  * The probe reads the boxes and the tables, opens the file as each API does, and reads a few hint
- * samples. It plays nothing: only playing finds samples that are malformed. The functions print
- * nothing, write nothing to the system log and never end the process. Different probes may be used
- * in different threads. Texts belong to the probe. They are UTF-8. Of the file they have the
- * characters of ASCII; for another byte a backslash, an x and two hexadecimal digits.
+ * samples. It plays nothing: it does not find samples that are malformed, nor a hint track whose
+ * tables place its samples wrongly, of which kst_ReadChunk may leave out pictures without a
+ * failure. The functions print nothing, write nothing to the system log and never end the process.
+ * Different probes may be used in different threads. Texts belong to the probe. They are UTF-8. Of
+ * the file they have the characters of ASCII; for another byte a backslash, an x and two
+ * hexadecimal digits.
  */
 #ifndef KESTREL_PROBE_H
 #define KESTREL_PROBE_H

@@ -145,15 +145,14 @@ iso_track* hints_of(const Subject& subject) {
 
 MediaCounts with_hints(iso_track* hint, const Subject& subject, MediaCounts counts) {
     // Reading moves the tracks' cursors, which nothing else uses.
-    const HintUse use = use_of(hint, const_cast<iso_track*>(subject.track),
+    const HintUse use = use_of(hint, const_cast<iso_track*>(subject.track), subject.api,
                                {subject.skipped_hints, subject.skipped}, Clock::time_point::max());
     counts.misled = use.misled;
     counts.first_misled = use.first_misled;
     // What the number of bytes shows is incomplete.
     if (use.partial > 0 && is_all(subject, counts)) {
-        counts.misled += use.partial;
-        counts.first_misled =
-            use.misled > 0 ? std::min(use.first_misled, use.first_partial) : use.first_partial;
+        counts.misled = use.wrong();
+        counts.first_misled = use.first_wrong();
     }
     counts.unused = use.unused;
     return counts;
@@ -251,6 +250,19 @@ bool has_too_much(const Subject& subject, const MediaCounts& counts) {
            (subject.codec() != ISO_CODEC_MP4V || counts.damaged_hint > 0);
 }
 
+// Whether a hint sample has the marker of more than one picture.
+bool has_too_many_pictures(const Subject& subject, const MediaCounts& counts) {
+    return subject.kind == MediaKind::kVideo && subject.track != nullptr &&
+           subject.expected.in_fragments == 0 && subject.skipped == 0 &&
+           counts.pictures > subject.expected.pictures;
+}
+
+// Whether all times of what is played are the same. The class API takes them from its medium.
+bool has_no_times(const Subject& subject) {
+    const iso_track* hint = subject.api == Api::kFunction ? hints_of(subject) : nullptr;
+    return hint != nullptr && !has_clock(hint);
+}
+
 // Whether hint samples take the wrong bytes, or leave samples out, or packets are malformed.
 bool is_astray(const MediaCounts& counts) {
     return counts.misled > 0 || counts.unused > 0 || counts.malformed > 0;
@@ -260,7 +272,8 @@ bool plays(const Subject& subject, const TrialResult& result) {
     const MediaCounts& counts = result.trial.counts;
     return result.reached_end() && counts.bytes > 0 && counts.implausible == 0 &&
            is_all(subject, counts) && !has_misplaced_speech(subject, counts) &&
-           !has_too_much(subject, counts) && !is_astray(counts);
+           !has_too_much(subject, counts) && !has_too_many_pictures(subject, counts) &&
+           !is_astray(counts);
 }
 
 // --- the reason ---
@@ -292,6 +305,7 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
         if (lost_sizes(subject.facts, subject.track) > 0 ||
             (subject.expected.in_fragments == 0 && lacks_samples(subject)))
             return Reason::kIncomplete;
+        if (has_no_times(subject)) return Reason::kDamaged;
         return unread_table(subject).empty() ? Reason::kPlays : Reason::kUnknownTable;
     }
     const MediaCounts& counts = result.trial.counts;
@@ -303,7 +317,8 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
     }
     if (counts.implausible > 0 || has_misplaced_speech(subject, counts))
         return Reason::kImplausible;
-    if (counts.bytes == 0 || counts.misled > 0 || has_too_much(subject, counts))
+    if (counts.bytes == 0 || counts.misled > 0 || has_too_much(subject, counts) ||
+        has_too_many_pictures(subject, counts))
         return Reason::kDamaged;
     if (counts.malformed > 0 && is_all(subject, counts)) return Reason::kDamaged;
     return subject.expected.in_fragments > 0 ? Reason::kFragmented : Reason::kIncomplete;
@@ -400,6 +415,11 @@ std::string why_damaged(const Subject& subject, const Verdict& verdict, const Tr
     }
     if (!verdict.opens) return why_not_opened(subject);
     const MediaCounts& counts = result.trial.counts;
+    if (verdict.lacks_times) {
+        return std::string("All its times are the same: its hint track declares ") +
+               (hints_of(subject)->timescale == 0 ? "a timescale of 0 (mdhd)."
+                                                  : "no RTP timescale (tims).");
+    }
     if (verdict.status == KST_SUCCESS && counts.misled > 0) {
         return show_count(counts.misled) + " of " + show_count(subject.expected.samples) +
                (counts.misled == 1 ? " samples is" : " samples are") +
@@ -410,6 +430,12 @@ std::string why_damaged(const Subject& subject, const Verdict& verdict, const Tr
         return "It delivers " +
                show_count(counts.bytes - counts.empty_frames - subject.expected.bytes) +
                " bytes more than its samples have: a hint sample is damaged.";
+    }
+    if (verdict.status == KST_SUCCESS && has_too_many_pictures(subject, counts)) {
+        return "It delivers " + show_count(counts.pictures) + " pictures from " +
+               show_count(subject.expected.pictures) +
+               (subject.expected.pictures == 1 ? " sample" : " samples") +
+               ": packets inside a sample have the marker of its end.";
     }
     if (verdict.status == KST_SUCCESS && counts.malformed > 0) {
         return show_count(counts.malformed) + " of " + show_count(counts.frames) +
@@ -523,6 +549,7 @@ const char* Verdict::outcome() const {
     if (reason == Reason::kImplausible) return "gives no media";
     if (reason == Reason::kUnknownTable && frames > 0 && status == KST_SUCCESS && amount.empty())
         return "plays at wrong times";
+    if (lacks_times) return "plays at wrong times";
     const bool ended = reason == Reason::kIncomplete && frames > 0 && status == KST_SUCCESS;
     if (ended || !amount.empty()) return "plays in part";
     if (reason == Reason::kDamaged && frames > 0 && status == KST_SUCCESS)
@@ -567,6 +594,7 @@ Verdict Judge::judge(Api api, MediaKind kind) {
     count_samples(subject, hints_of(subject), limits_, result);
     const Trial& trial = result.trial;
     verdict.reason = reason_of(subject, result);
+    verdict.lacks_times = tool::plays(subject, result) && has_no_times(subject);
     verdict.tried = verdict.reason != Reason::kEndsProcess;  // which gives no status
     if (verdict.tried) verdict.status = static_cast<int32_t>(trial.status);
     verdict.opens = trial.opened != 0;
@@ -668,6 +696,7 @@ std::optional<Error> play_error(kst_host* host, const std::string& input, Api ap
         remark_empty_samples(subject, input);
         return std::nullopt;
     }
+    verdict.lacks_times = tool::plays(subject, result) && has_no_times(subject);
     verdict.status = ended ? int32_t{KST_SUCCESS} : playback.status;
     verdict.opens = true;
     verdict.delivered = playback.delivered;

@@ -33,6 +33,7 @@ struct Verdict {
     // The command that fixes it, with options, such as "hint --replace". It was tried, and its
     // result played. Empty for none.
     std::string fix;
+    bool lacks_times = false;      // all its times are the same
     bool seeks_elsewhere = false;  // class API: seeks by time reach another time
 
     bool plays() const { return reason == Reason::kPlays; }
