@@ -69,13 +69,16 @@ class FileCheck {
     }
 
     void remark_empty_samples(const FileFacts& facts, Json& found) const {
+        constexpr size_t kMostTracks = 10;
         std::string all;
+        size_t tracks = 0;
         for (const iso_track* track = facts.file->first_track; track; track = track->next) {
             const std::string text = empty_samples_text(facts, track);
-            if (text.empty()) continue;
+            if (text.empty() || ++tracks > kMostTracks) continue;
             all += (all.empty() ? "" : "; ") + ("track " + std::to_string(track->track_id)) + ": " +
                    text;
         }
+        if (tracks > kMostTracks) all += "; and " + counted(tracks - kMostTracks, "more track");
         if (!all.empty()) found["message"] = printable(input_name(path_) + ": " + all);
     }
 
