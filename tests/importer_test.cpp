@@ -393,6 +393,7 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(compact, "stz2", 8, be32(1000000)), "shorter than what it declares"},
         {renamed(parts, "tfhd", "free"), "traf at offset"},
         {with(parts, "tfhd", 4, be32(99)), "track 99, which the movie box does not have"},
+        {with(single, "tfhd", 1, {0, 0, 0}), "bytes after the fields that its flags declare"},
         {with(parts, "trun", 4, be32(0xFFFFFFFF)), "samples that are read"},
         {with(parts, "trun", 4, be32(1000000)), "more samples than the file has bytes"},
         {with(parts, "trun", 8, be32(0x80000000)), "outside the file"},
@@ -416,8 +417,25 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(parts, "trun", 4, be32(1)), "bytes that no sample of the fragment before it takes"},
         {with(single, "trun", 4, be32(0)), "bytes that no sample of the fragment before it takes"},
     };
-    const Result unused = import_bytes(renamed(runs, "traf", "free")).result;
-    EXPECT_THAT(unused.remark, testing::HasSubstr("bytes that no sample of the fragment before"));
+    Bytes timeless = plain;
+    for (int entry = 0; entry < 12; ++entry)
+        timeless = with(timeless, "stts", 12 + 8 * entry, be32(0));
+    const struct {
+        Bytes file;
+        const char* remark;
+    } kRemarks[] = {
+        {renamed(runs, "traf", "free"), "bytes that no sample of the fragment before"},
+        {with(parts, "trun", 8, be32(0)), "lie outside its media data (mdat)"},
+        {with(parts, "mfhd", 4, be32(7)), "the file begins with fragment 7"},
+        {with(plain, "stss", 4, be32(0)), "bytes after the entries that it declares"},
+        {timeless, "all samples have the same time (stts), though mdhd declares"},
+        {with(plain, "hdlr", 8, text("vidd")), "it is taken as 'vide'"},
+    };
+    for (const auto& [file, remark] : kRemarks) {
+        const Result result = import_bytes(file).result;
+        EXPECT_TRUE(result.ok) << result.error;
+        EXPECT_THAT(result.remark, testing::HasSubstr(remark));
+    }
     // Fragments may have no tracks, and tracks in them no runs.
     const Bytes number = box("mfhd", {words({0, 99})});
     const Bytes track = box("traf", {box("tfhd", {words({0x020000, 1})})});

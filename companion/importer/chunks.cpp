@@ -31,7 +31,7 @@ bool ChunkWalk::read_runs(const Track& track, const TrackImport& state) {
         }
         runs_.push_back(run);
     }
-    return import_.complete(reader, box);
+    return import_.complete_table(reader, box);
 }
 
 void ChunkWalk::rewind() {

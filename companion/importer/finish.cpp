@@ -147,6 +147,33 @@ void cut_edits(const Movie& movie, Track& track, std::uint64_t end) {
     }
 }
 
+// Remarks on a track without times, of which its header declares some.
+void check_times(Import& import, const Track& track, const TrackImport& state) {
+    if (track.duration > 0 || track.samples.size() < 2 || state.declared_duration == 0) return;
+    import.note("track " + std::to_string(track.id) +
+                ": all samples have the same time (stts), though mdhd declares " +
+                seconds_text(state.declared_duration, track.timescale));
+}
+
+// Remarks on fragments that begin late: those before them were cut off, or the recording was joined
+// while it went on.
+void check_begin(Import& import) {
+    constexpr std::uint32_t kMilliseconds = 1000;
+    const std::uint32_t number = import.first_fragment_number.value_or(1);
+    std::uint64_t begin = UINT64_MAX;  // milliseconds
+    for (std::size_t i = 0; i < import.tracks.size(); ++i) {
+        const Track& track = import.movie.tracks[i];
+        if (track.samples_in_movie_box > 0) return;
+        if (track.samples.empty()) continue;
+        begin = std::min(begin, rescale(import.tracks[i].start, track.timescale, kMilliseconds));
+    }
+    if (begin == UINT64_MAX || (begin == 0 && number <= 1)) return;
+    import.note("the file begins" +
+                (number > 1 ? " with fragment " + std::to_string(number) : std::string()) +
+                (begin > 0 ? (number > 1 ? ", at " : " at ") + seconds_text(begin, kMilliseconds)
+                           : std::string()));
+}
+
 }  // namespace
 
 bool finish_movie(Import& import) {
@@ -161,7 +188,9 @@ bool finish_movie(Import& import) {
         track.missing_samples =
             state.declared - std::min<std::uint64_t>(track.samples.size(), state.declared);
         state.composition_end = composition_end(track);
+        check_times(import, track, state);
     }
+    check_begin(import);
     align_starts(import);
     std::uint64_t duration = 0;
     for (std::size_t i = 0; i < import.tracks.size(); ++i) {

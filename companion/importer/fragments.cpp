@@ -99,7 +99,11 @@ bool read_fragment_header(Import& import, const Box& box, TrackFragment& fragmen
     if (has(kHasDefaultFlags)) fragment.defaults.flags = reader.u32();
     fragment.duration_is_empty = has(kDurationIsEmpty);
     fragment.base_is_moof = has(kBaseIsMoof);
-    return import.complete(reader, box);
+    if (!import.complete(reader, box)) return false;
+    // Other bytes are fields that the flags leave out.
+    return reader.left() == 0 ||
+           import.lacks_fragments(place_text(box) + " has " + std::to_string(reader.left()) +
+                                  " bytes after the fields that its flags declare");
 }
 
 bool read_fragment_time(Import& import, const Box& box, TrackFragment& fragment) {
@@ -329,6 +333,7 @@ bool FragmentReader::read_run_samples(const TrackFragment& fragment, const Box& 
         return import_.fail(box, "changed while it was read");
     }
     FragmentMedia& media = import_.fragment_media.back();
+    const std::uint64_t begin = data_end_;
     for (std::uint32_t i = 0; i < run.count; ++i) {
         Sample sample;
         sample.duration = run.has(kHasDurations) ? reader.u32() : *defaults.duration;
@@ -345,6 +350,7 @@ bool FragmentReader::read_run_samples(const TrackFragment& fragment, const Box& 
         track.samples.push_back(sample);
     }
     media.end = std::max(media.end, data_end_);
+    if (data_end_ > begin) import_.run_places.push_back({moof_.offset, begin, data_end_});
     state.next = state.end;
     return import_.complete(reader, box);
 }

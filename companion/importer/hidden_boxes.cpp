@@ -141,8 +141,26 @@ bool has_samples(Import& import, const Box& mdat, std::uint64_t bytes,
     const std::string what = place_text(mdat) + " has " + std::to_string(bytes - expected.bytes) +
                              " bytes that no sample of the fragment before it takes";
     if (expected.has_bare_run) return import.lacks_fragments(what);
-    if (expected.bytes > 0 && import.remark.empty()) import.remark = what;
+    if (expected.bytes > 0) import.note(what);
     return true;
+}
+
+// A span of the file.
+struct Span {
+    std::uint64_t begin = 0, end = 0;
+};
+
+// Remarks on the first run whose media are not inside one mdat. `media` are in the file's order.
+void check_run_places(Import& import, std::span<const Span> media) {
+    for (const RunPlace& run : import.run_places) {
+        const auto after = std::upper_bound(
+            media.begin(), media.end(), run.begin,
+            [](std::uint64_t offset, const Span& mdat) { return offset < mdat.begin; });
+        if (after != media.begin() && run.end <= std::prev(after)->end) continue;
+        import.note("samples of moof at offset " + std::to_string(run.moof) +
+                    " lie outside its media data (mdat)");
+        return;
+    }
 }
 
 }  // namespace
@@ -161,12 +179,14 @@ bool check_covered_fragments(Import& import) {
     std::uint64_t data_end = end_of_movie_samples(import.movie);
     auto fragment = import.fragment_media.begin();
     FragmentMedia expected;  // of the fragments since the mdat before
+    std::vector<Span> media;
     BoxReader file(import.source, 0, file_end, BoxReader::ReadAhead::kNo);
     for (Box box; file.header(box);) {
         if (box.type == 0 && box.end == file_end) break;  // no box: zeros at the end, or damage
         if (!is_box_or_padding(import, kFileAsContainer, box)) return false;
         const std::uint64_t end = std::min(box.end, file_end);
         const bool is_media = box.type == fourcc("mdat");
+        if (is_media) media.push_back({box.body, box.end});
         const std::uint64_t begin = is_media ? std::clamp(data_end, box.body, end) : box.body;
         if (!covers_none(import, kFileAsContainer, box, begin, end)) return false;
         const FragmentMedia before = is_media ? std::exchange(expected, {}) : FragmentMedia{};
@@ -181,6 +201,7 @@ bool check_covered_fragments(Import& import) {
         }
         file.skip(end - file.at());
     }
+    check_run_places(import, media);
     return true;
 }
 

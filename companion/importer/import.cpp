@@ -35,6 +35,24 @@ bool Import::complete(BoxReader reader, const Box& box) {
     return !std::all_of(code.begin(), code.end(), is_of_types) || covers(box, next);
 }
 
+bool Import::complete_table(BoxReader reader, const Box& box) {
+    if (!complete(reader, box)) return false;
+    const std::uint64_t bytes = reader.left();
+    bool zeros = true;
+    while (zeros && reader.left() > 0 && !reader.failed())
+        zeros = reader.u8() == 0;
+    if (!zeros)
+        note(place_text(box) + " has " + std::to_string(bytes) +
+             " bytes after the entries that it declares");
+    return true;
+}
+
+void Import::note(const std::string& what) {
+    constexpr std::size_t kMostNotes = 8;
+    if (++note_count_ <= kMostNotes) remark += (remark.empty() ? "" : "; ") + what;
+    if (note_count_ == kMostNotes + 1) remark += "; and more";
+}
+
 bool Import::lacks(const std::string& what) {
     if (!options.salvage) return fail(what);
     if (missing.empty()) missing = what;
@@ -103,6 +121,13 @@ std::uint64_t rescale(std::uint64_t value, std::uint32_t from, std::uint32_t to)
     if (to != 0 && whole >= UINT64_MAX / to) return UINT64_MAX;
     // The remainder is below 2^32, so its product fits.
     return whole * to + value % from * to / from;
+}
+
+std::string seconds_text(std::uint64_t units, std::uint32_t timescale) {
+    constexpr std::uint32_t kMilliseconds = 1000;
+    const std::uint64_t time = rescale(units, timescale, kMilliseconds);
+    const std::string rest = std::to_string(kMilliseconds + time % kMilliseconds);
+    return std::to_string(time / kMilliseconds) + "." + rest.substr(1) + " s";
 }
 
 }  // namespace kestrel::importer

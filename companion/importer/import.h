@@ -49,15 +49,16 @@ struct TrackImport {
 
     // Movie fragments. Times are decoding times in the media timescale.
     RunDefaults defaults;
-    std::uint64_t fragment_samples = 0;  // declared in all fragments
-    std::uint64_t start = 0;             // of the first sample
-    std::uint64_t end = 0;               // of the last sample
-    std::uint64_t next = 0;              // where the next run begins without a tfdt
-    bool lacks_sizes = false;            // there is no stsz or stz2 for its samples
-    bool has_entries = false;            // in the tables of times, runs or chunks
-    std::uint32_t fragments = 0;         // with samples of the track
-    std::uint64_t fragments_begin = 0;   // time of the first of them
-    std::uint32_t gaps_seen = 0;         // of Import::sequence_gaps
+    std::uint64_t fragment_samples = 0;   // declared in all fragments
+    std::uint64_t start = 0;              // of the first sample
+    std::uint64_t end = 0;                // of the last sample
+    std::uint64_t next = 0;               // where the next run begins without a tfdt
+    std::uint64_t declared_duration = 0;  // of mdhd, media timescale; 0 where it is not known
+    bool lacks_sizes = false;             // there is no stsz or stz2 for its samples
+    bool has_entries = false;             // in the tables of times, runs or chunks
+    std::uint32_t fragments = 0;          // with samples of the track
+    std::uint64_t fragments_begin = 0;    // time of the first of them
+    std::uint32_t gaps_seen = 0;          // of Import::sequence_gaps
 
     // Media time of the end of the presentation, from the first sample on.
     std::uint64_t composition_end = 0;
@@ -68,6 +69,12 @@ struct FragmentMedia {
     std::uint64_t end = 0;      // of its last sample in the file
     std::uint64_t bytes = 0;    // of all samples
     bool has_bare_run = false;  // a run without records of its samples
+};
+
+// The media of a run with samples that are not empty.
+struct RunPlace {
+    std::uint64_t moof = 0;  // its offset
+    std::uint64_t begin = 0, end = 0;
 };
 
 class Import {
@@ -84,6 +91,9 @@ class Import {
     bool whole(const BoxReader& reader, const Box& box);
     // The same for a box of which all fields were read: another box that begins there is lacking.
     bool complete(BoxReader reader, const Box& box);
+    // The same for a table: remarks on other bytes than zeros, which are entries that its count
+    // leaves out.
+    bool complete_table(BoxReader reader, const Box& box);
     // Fails because data is missing. With salvage stores the reason and returns true.
     bool lacks(const std::string& what);
     // The same, because fragments are missing.
@@ -92,6 +102,9 @@ class Import {
     bool lacks_box(std::uint32_t type, const std::string& what);
     // The same, because the bytes of `box` cover another one.
     bool covers(const Box& box, const Box& covered);
+
+    // Remarks on what may show a loss, but need not.
+    void note(const std::string& what);
 
     // Counts samples that a box declares against the limits of a file; `size` is the size of each,
     // or 0 when sizes differ. Returns how many can be whole: all, or with salvage as many as the
@@ -116,10 +129,12 @@ class Import {
     std::vector<FragmentMedia> fragment_media;  // of each moof
     std::string error;
     std::string missing;  // the first thing that the file lacks, where that is salvaged
-    std::string remark;   // the first thing that may show a loss, but need not
+    std::string remark;   // all that was noted, or the first of many
+    std::vector<RunPlace> run_places;  // of all fragments
 
   private:
     std::uint64_t claimed_ = 0;
+    std::size_t note_count_ = 0;
     std::vector<std::pair<std::uint32_t, std::size_t>> track_ids_;
 };
 
@@ -159,6 +174,9 @@ struct VersionAndFlags {
 // Converts `value` from one timescale to another, rounded down; returns the largest value on
 // overflow.
 std::uint64_t rescale(std::uint64_t value, std::uint32_t from, std::uint32_t to);
+
+// "0.667 s"
+std::string seconds_text(std::uint64_t units, std::uint32_t timescale);
 
 }  // namespace kestrel::importer
 

@@ -8,6 +8,20 @@
 
 namespace kestrel::importer {
 
+namespace {
+
+// Remarks on a handler that the sample entry contradicts, and takes that of the entry.
+void correct_handler(Import& import, std::uint32_t entry, Track& track) {
+    const std::uint32_t handler = handler_of(entry, track.handler);
+    if (handler == track.handler) return;
+    import.note("track " + std::to_string(track.id) + " has the handler type '" +
+                type_text(track.handler) + "', and samples of '" + type_text(entry) +
+                "': it is taken as '" + type_text(handler) + "'");
+    track.handler = handler;
+}
+
+}  // namespace
+
 bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImport& state) {
     BoxReader reader(import.source, stsd);
     const VersionAndFlags head(reader);
@@ -17,6 +31,7 @@ bool read_sample_entries(Import& import, const Box& stsd, Track& track, TrackImp
     std::map<std::string, std::uint32_t> known;  // by configuration
     for (Box box; reader.next(box);) {
         if (!check_child(import, stsd.type, box)) return false;
+        if (state.entries.empty()) correct_handler(import, box.type, track);
         SampleEntry entry;
         if (!read_entry(import, box, track.handler, quicktime_versions, entry)) return false;
         const auto next = static_cast<std::uint32_t>(track.descriptions.size());

@@ -8,6 +8,12 @@ namespace {
 constexpr std::uint32_t kVideo = fourcc("vide");
 constexpr std::uint32_t kSound = fourcc("soun");
 
+constexpr std::uint32_t kVisualEntries[] = {fourcc("s263"), fourcc("h263"), fourcc("mp4v"),
+                                            fourcc("avc1"), fourcc("avc3")};
+constexpr std::uint32_t kSoundEntries[] = {fourcc("samr"), fourcc("sawb"), fourcc("sawp"),
+                                           fourcc("mp4a")};
+// The handlers of tracks with visual entries.
+constexpr std::uint32_t kVisualHandlers[] = {kVideo, fourcc("auxv"), fourcc("pict")};
 constexpr std::uint32_t kProtected[] = {
     fourcc("encv"), fourcc("enca"), fourcc("enct"), fourcc("encs"),
     fourcc("encm"), fourcc("drms"), fourcc("drmi"),
@@ -119,6 +125,13 @@ bool read_entry(Import& import, const Box& box, std::uint32_t handler, bool quic
     if (!import.whole(reader, box)) return false;
     find_wave(import.source, entry);
     return true;
+}
+
+std::uint32_t handler_of(std::uint32_t entry, std::uint32_t declared) {
+    if (declared == fourcc("hint")) return declared;
+    if (contains(kSoundEntries, entry)) return kSound;
+    const bool is_wrong = contains(kVisualEntries, entry) && !contains(kVisualHandlers, declared);
+    return is_wrong ? kVideo : declared;
 }
 
 bool is_protected_type(std::uint32_t type) {

@@ -30,6 +30,10 @@ bool is_encrypted(Source& source, const SampleEntry& entry);
 // Whether the type of an entry says that it is encrypted: `encv`, `drms` and so on.
 bool is_protected_type(std::uint32_t type);
 
+// The handler of tracks with an entry of the type. `declared` is that of the file, which only some
+// types contradict.
+std::uint32_t handler_of(std::uint32_t entry, std::uint32_t declared);
+
 // iso_entry.cpp: whether an entry of the type may get that of another: `h263`, `avc3`.
 bool is_rewritten_type(std::uint32_t type);
 // The entry in its ISO form if it has one.

@@ -41,7 +41,7 @@ bool read_plain_sizes(Import& import, const Box& box, Target& to) {
         for (Sample& sample : to.track.samples)
             sample.size = reader.u32();
     }
-    return import.complete(reader, box);
+    return import.complete_table(reader, box);
 }
 
 bool read_compact_sizes(Import& import, const Box& box, Target& to) {
@@ -89,7 +89,7 @@ bool read_runs(Import& import, const Box& box, BoxReader& reader, Target& to, Ap
             apply(samples[static_cast<std::size_t>(i)], value);
         covered += count;
     }
-    if (!import.complete(reader, box)) return false;
+    if (!import.complete_table(reader, box)) return false;
     if (covered == to.state.declared) return true;
     return import.fail(box, "has entries for " + std::to_string(covered) +
                                 (covered == 1 ? " sample" : " samples") +
@@ -128,7 +128,7 @@ bool read_sync_samples(Import& import, const Box& box, Target& to) {
         }
         if (number <= samples.size()) samples[number - 1].is_sync = 1;
     }
-    return import.complete(reader, box);
+    return import.complete_table(reader, box);
 }
 
 // Places the samples in their chunks.

@@ -134,6 +134,12 @@ std::uint16_t iso_language(std::uint16_t code) {
     return code < kLeastPacked || code == kUnspecified ? Track{}.language : code;
 }
 
+// The duration that a header declares, in its timescale; 0 where it is not known.
+std::uint64_t declared_duration(BoxReader& reader, bool version1) {
+    const std::uint64_t duration = reader.u32_or_64(version1);
+    return duration == (version1 ? UINT64_MAX : UINT32_MAX) ? 0 : duration;
+}
+
 bool read_media_header(Import& import, const Box& box, TrackParts& parts) {
     Track& track = parts.track;
     BoxReader reader(import.source, box);
@@ -141,7 +147,7 @@ bool read_media_header(Import& import, const Box& box, TrackParts& parts) {
     const bool version1 = head.version == 1;
     reader.skip(version1 ? 16 : 8);  // times, as in tkhd
     track.timescale = reader.u32();
-    reader.skip(version1 ? 8 : 4);  // duration: taken from the samples
+    parts.state.declared_duration = declared_duration(reader, version1);
     track.language = iso_language(reader.u16());
     if (!import.complete(reader, box)) return false;
     return track.timescale != 0 || import.fail(box, "has a timescale of 0");
@@ -185,7 +191,7 @@ bool read_edits(Import& import, const Box& box, TrackParts& parts) {
         edit.rate = reader.u32();
         track.edits.push_back(edit);
     }
-    return import.complete(reader, box);
+    return import.complete_table(reader, box);
 }
 
 bool read_references(Import& import, const Box& box, TrackParts& parts) {
