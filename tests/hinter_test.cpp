@@ -408,6 +408,8 @@ TEST(Hinter, LeavesTracksWithoutSamplesUnhinted) {
     EXPECT_EQ(hinted.report.tracks, 2U);
     EXPECT_EQ(hinted.report.hint_tracks, 1U);
     EXPECT_STREQ(hint(file_of(frame, {speech(2, {})})).report.error, "track 2 has no samples");
+    EXPECT_STREQ(hint(file_of(frame, {speech(1, {13, 0})})).report.left_out,
+                 "track 1: 1 of 2 samples is empty: no speech is delivered for it");
 }
 
 // A player holds a frame with 20 bytes for each of its packets, 1,388 bytes of media.
@@ -524,6 +526,16 @@ TEST(Hinter, RefusesWhatItCannotHint) {
          "track 1: its decoder configuration is damaged"},
         {"long parameter set", "h264_plain.3gp", "avcC", 6, 0xFFFFFFFF,
          "track 1 has no decoder configuration"},
+        {"no sequence set", "h264_plain.3gp", "avcC", 5, 0xE0001667,
+         "track 1: it has no parameter sets; get the file again"},
+        {"no picture set", "h264_plain.3gp", "avcC", 30, 0x00000468,
+         "track 1: it has no parameter sets; get the file again"},
+        {"no layer", "mpeg4_plain.3gp", "esds", 50, 0,
+         "track 1: its decoder configuration has no video object layer; get the file again"},
+        {"samples of a byte", "mpeg4_plain.3gp", "stsz", 4, 1,
+         "track 1: 30 of 30 samples cannot be of the codec 'mp4v', the first is number 1: the "
+         "tables "
+         "point to the wrong bytes, or the media was overwritten; get the file again"},
         {"long sample", "mpeg4_plain.3gp", "stts", 12, kLong,
          "track 1 lasts too long: it counts 15360 units a second in 32 bits, so up to 77 h 40 min"},
     };

@@ -1420,6 +1420,19 @@ class Inspect(ToolTest):
             stream = run("extract", self.write("in.3gp", data), "vr").stdout
             for command in (["inspect", "-"], ["unpack", "-", "-o", "-"], ["pack", "-", "-o", "-"]):
                 self.assert_fails(run(*command, stdin=stream), 1, reason)
+        # A configuration without parameter sets.
+        bare = self.write("in.3gp", plain.replace(b"\xff\xe1\0\x16", b"\xff\xe0\0\x16"))
+        for command in (["extract", bare, "vr"], ["extract", bare, "vr", "--unpack"], ["info", bare],
+                        ["hint", bare, "-o", self.scratch / "out.3gp"]):
+            result = run(*command)
+            self.assertEqual(result.returncode, 0 if command[0] == "info" else 1)
+            self.assertIn(b"it has no parameter sets", result.stdout + result.stderr)
+        # NAL units end with their sample.
+        short = int.from_bytes(plain[at:at + 4], "big") - 1
+        cut_unit = self.write("in.3gp", plain[:at] + short.to_bytes(4, "big") + plain[at + 4:])
+        for command in (["extract", cut_unit, "vr"], ["check", cut_unit]):
+            self.assert_fails(run(*command), 1, "1 of 30 samples cannot be" if command[0] == "extract"
+                              else "1 implausible")
         # An empty picture is a remark.
         table = plain.index(b"stsz") + 12 + 4 * 30
         emptied = self.write("in.3gp", plain[:table] + bytes(4) + plain[table + 4:])

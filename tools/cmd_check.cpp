@@ -63,14 +63,14 @@ class FileCheck {
                 add(options_.quick ? judge.look(api, kind) : judge.judge(api, kind), found);
             }
         }
-        remark_empty_samples(facts, found);
+        add_remarks(facts, found);
         if (!found["verdicts"].empty() && !may_lack_tracks(facts)) return;
         found["reason"] = facts.scan.is_3gp() ? word(reason_for_no_media(facts)) : "not-3gp";
     }
 
-    void remark_empty_samples(const FileFacts& facts, Json& found) const {
+    void add_remarks(const FileFacts& facts, Json& found) const {
         constexpr size_t kMostTracks = 10;
-        std::string all;
+        std::string all = options_.quick ? "" : import_remark(facts, deadline_);
         size_t tracks = 0;
         for (const iso_track* track = facts.file->first_track; track; track = track->next) {
             const std::string text = empty_samples_text(facts, track);
@@ -365,8 +365,9 @@ constexpr char kColumns[] =
     "  unknown-table   a table has a form that this API does not read\n"
     "  large-frame     a sample is larger than this API can hold\n"
     "  incomplete      the file ends early or lacks fragments, or not all is delivered\n"
-    "  implausible     the delivered bytes cannot be of the codec: wrong tables, or overwritten "
-    "media\n"
+    "  implausible     the delivered bytes cannot be of the codec, or lack what decoders need "
+    "first:\n"
+    "                  wrong tables, or overwritten media or configuration\n"
     "  damaged         a box, a table or a sample is malformed, or too little or too much is "
     "delivered\n"
     "  ends-process    opening ends the process (kestrel/c3gpinterface.h)\n"

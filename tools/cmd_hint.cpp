@@ -91,6 +91,7 @@ void add_hint(CLI::App& app) {
                       "Leave out tracks that get no hint track");
     command->add_flag("--salvage", options->salvage,
                       "Keep the complete samples of a truncated file");
+    command->footer("Not copied: user data, metadata and other boxes (udta, meta, uuid).");
     command->callback([options] { hint(*options); });
 }
 

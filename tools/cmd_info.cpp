@@ -215,7 +215,8 @@ void print_track(const Json& track) {
             track.value("sample_count", uint64_t{0}) + track.value("samples_not_read", uint64_t{0});
         std::printf(
             "%13s%s\n", "",
-            kestrel::stream::empty_text(track["empty_sample_count"].get<uint64_t>(), all, "sample")
+            kestrel::stream::empty_text(track["empty_sample_count"].get<uint64_t>(), all, "sample",
+                                        track["codec_name"].get<std::string>().starts_with("AMR"))
                 .c_str());
     }
 }
@@ -337,6 +338,8 @@ void print_text(const std::string& input, const FileFacts& facts, const Json& ab
     } else if (about.contains("may_lack_tracks")) {
         std::printf("lost tracks  unknown: the movie box is cut or damaged; get the whole file\n");
     }
+    if (about.contains("remark"))
+        std::printf("remark       %s\n", about["remark"].get<std::string>().c_str());
     VerdictPrinter(facts, verdicts, input).print();
 }
 
@@ -347,6 +350,8 @@ void info(const Options& options) {
     if (!facts.scan.is_3gp()) throw no_media_file(options.input, facts.scan.file_size);
     const std::vector<Verdict> verdicts = Judge(facts, deadline).judge_all();
     Json about = describe_file(facts);
+    if (const std::string remark = import_remark(facts, deadline); !remark.empty())
+        about["remark"] = printable(remark);
     if (options.json) {
         about["verdicts"] = Json::array();
         for (const Verdict& verdict : verdicts)

@@ -105,7 +105,7 @@ void check_media(const FileFacts& facts, HintTracks& tracks, const std::string& 
         iso_track* media = track->media();
         if (media == nullptr || !seen.insert(media).second) continue;
         const auto implausible = implausible_samples(media, deadline);
-        if (implausible.count == 0) continue;
+        if (!implausible.any()) continue;
         const std::string text = implausible_text(facts, media, implausible);
         if (implausible.are_refused()) {
             no_media += (no_media.empty() ? "" : "; ") + text;

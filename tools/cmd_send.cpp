@@ -79,7 +79,7 @@ bool leaves_media_out(HintPackets& track, Clock::time_point deadline) {
 
 // Whether hinting anew reports samples that are no media, or refuses them.
 bool has_implausible_media(HintPackets& track, Clock::time_point deadline) {
-    return track.media() != nullptr && implausible_samples(track.media(), deadline).count > 0;
+    return track.media() != nullptr && implausible_samples(track.media(), deadline).any();
 }
 
 void refuse_many(const std::vector<iso_track*>& hints, const std::string& input) {

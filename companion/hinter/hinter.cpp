@@ -15,7 +15,6 @@
 #include "companion/importer/source.h"
 #include "kestrel/kstutil.h"
 #include "kestrel/native.h"
-#include "native/codec/amr_format.h"
 #include "native/codec/avcc.h"
 #include "native/codec/h264_units.h"
 #include "native/codec/payload_types.h"
@@ -47,10 +46,6 @@ struct Medium {
     iso_track* hint = nullptr;  // null for one without a payload format
     std::unique_ptr<HintSamples> hint_samples;
 };
-
-bool is_speech(const iso_track* track) {
-    return track->codec == ISO_CODEC_SAMR || track->codec == ISO_CODEC_SAWB;
-}
 
 // Whether the parameter sets of a track are NAL units.
 bool has_plausible_sets(const iso_track* track) {
@@ -197,6 +192,8 @@ class Job {
         HintSample made;
         stream::ImplausibleSamples implausible;
         implausible.all = samples.size();
+        const iso_track* to = medium.track.to;
+        stream::ConfigurationTest configuration(to->codec, {to->dsi, to->dsi_length});
         uint64_t empty = 0;
         for (uint32_t i = 0; i < samples.size(); ++i) {
             const auto bytes = reader_.sample(samples, i);
@@ -205,7 +202,7 @@ class Job {
             const int refused = make_next_hint(medium.hint, *bytes, figures.cts_offset, made);
             if (refused != 0) return refuse_sample(medium, refused, i, *bytes);
             if (!can_be_played(made.packets)) return refuse_long_sample(medium, i);
-            const iso_track* to = medium.track.to;
+            configuration.take_sample(*bytes, to->nal_length_size);
             if (!stream::is_plausible_sample(to->codec, to->nal_length_size, *bytes))
                 implausible.add(uint64_t{i} + 1);
             empty += bytes->empty() ? 1 : 0;
@@ -214,8 +211,12 @@ class Job {
             count_packets(made.packets);
             if (!outcome_.advance(bytes->size())) return false;
         }
-        if (empty > 0 && !is_speech(medium.track.to))
-            add_note(name_of(medium) + ": " + stream::empty_text(empty, samples.size(), "sample"));
+        implausible.configuration = configuration.fault();
+        if (empty > 0) {
+            add_note(
+                name_of(medium) + ": " +
+                stream::empty_text(empty, samples.size(), "sample", stream::is_speech(to->codec)));
+        }
         return judge_plausibility(medium, implausible);
     }
 
@@ -234,7 +235,7 @@ class Job {
             add_note(name_of(medium) + ": a parameter set cannot be of the codec '" + entry + "'" +
                      stream::kGetAgainText);
         }
-        if (implausible.count == 0) return true;
+        if (!implausible.any()) return true;
         const std::string text = name_of(medium) + ": " + implausible.text(entry);
         if (implausible.are_refused()) return outcome_.fail(KST_HINT_REFUSED, text);
         add_note(text);
@@ -304,7 +305,7 @@ class Job {
                        std::span<const uint8_t> sample) {
         if (result != kCannotBeCut) return refuse(medium, result);
         const std::string name = name_of(medium) + ": sample " + std::to_string(number + 1);
-        if (is_malformed_speech(medium.track.to, sample)) {
+        if (stream::is_uneven_speech(medium.track.to->codec, sample)) {
             stream::ImplausibleSamples samples;
             samples.uneven = uint64_t{number} + 1;
             return outcome_.fail(KST_HINT_REFUSED, name_of(medium) + ": " + samples.text(""));
@@ -312,11 +313,6 @@ class Job {
         return outcome_.fail(KST_HINT_REFUSED, name + " cannot be cut into packets of at most " +
                                                    std::to_string(options_.max_packet) + " bytes" +
                                                    limit_advice(medium.track.to));
-    }
-
-    static bool is_malformed_speech(const iso_track* track, std::span<const uint8_t> sample) {
-        if (!is_speech(track)) return false;
-        return !stream::ends_with_speech_frame(sample, amr_band(track->codec == ISO_CODEC_SAWB));
     }
 
     // Returns the advice for a speech frame longer than a packet.

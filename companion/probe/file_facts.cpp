@@ -113,6 +113,7 @@ ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
     out.timescale = movie.timescale;
     out.lacks_fragments = movie.lacks_fragments;
     out.missing = std::move(result.missing);
+    out.remark = std::move(result.remark);
     return out;
 }
 

@@ -46,6 +46,7 @@ struct ImportedMovie {
     uint32_t timescale = 0;
     bool lacks_fragments = false;  // any track may lack samples
     std::string missing;  // what the file lacks, one sentence without a full stop, or empty
+    std::string remark;   // what may show a loss, but need not, or empty
 };
 
 struct FileCloser {

@@ -66,7 +66,7 @@ Reason reason_of_places(const Subject& subject, const SamplePlaces& media,
     if (!do_agree(subject, media, hint) || are_misplaced(media, scan) || are_misplaced(hint, scan))
         return Reason::kDamaged;
     const uint32_t highest = highest_media_sample(*subject.facts.stream, hint.last);
-    if (highest > media.last_media) return Reason::kDamaged;
+    if (highest > media.last_filled) return Reason::kDamaged;
     return 0 < highest && highest < media.last_media ? Reason::kIncomplete : Reason::kNotPlayed;
 }
 

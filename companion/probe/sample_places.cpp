@@ -38,7 +38,8 @@ uint64_t last_of(const SamplePlaces& places, const SampleSizes& sizes, uint32_t 
 // Sets what is known of the last samples. The last one that is not empty ends with the last chunk.
 void set_last(SamplePlaces& places, const SampleSizes& sizes) {
     places.last_media = last_of(places, sizes, 2);
-    const uint64_t sample = last_of(places, sizes, 1);
+    places.last_filled = last_of(places, sizes, 1);
+    const uint64_t sample = places.last_filled;
     if (sample == 0 || places.chunks.empty()) return;
     const uint64_t end = places.chunks.back().end;
     places.last = {end - std::min<uint64_t>(end, sizes.at(sample - 1)), end};

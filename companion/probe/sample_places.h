@@ -31,6 +31,7 @@ struct SamplePlaces {
     uint32_t largest = 0;           // bytes of a sample
     std::vector<ByteRange> chunks;  // in the order of the samples, those that are not empty
     ByteRange last;                 // of the samples that are not empty, the last
+    uint64_t last_filled = 0;       // its number, from 1
     uint64_t last_media = 0;        // number of the last sample of media, from 1
 
     bool are_placed() const { return placed == samples && !last.is_empty(); }

@@ -46,6 +46,9 @@ class NalUnits {
         return rest.next(unit);
     }
 
+    // After the last unit: the bytes that are too few for a length.
+    std::span<const uint8_t> rest() const { return bytes_; }
+
     // Whether one so far claimed more than there is.
     bool is_cut() const { return is_cut_; }
 

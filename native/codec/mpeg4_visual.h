@@ -8,6 +8,7 @@
 namespace kestrel {
 
 // Start codes: the byte after 00 00 01 (6.2.1).
+inline constexpr uint8_t kFirstLayer = 0x20, kLastLayer = 0x2F;  // video object layers
 inline constexpr uint8_t kVisualObjectSequence = 0xB0;
 inline constexpr uint8_t kGroupOfVop = 0xB3;
 inline constexpr uint8_t kVop = 0xB6;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <string>
 
-#include "native/codec/nal_unit.h"
 #include "native/stream/plausible.h"
 
 namespace kestrel::stream {
@@ -49,18 +48,6 @@ std::string lacking(const std::string& declared, uint64_t has) {
     return "its header records declare " + declared + ", it has " + std::to_string(has);
 }
 
-// Whether a configuration has a parameter set of each kind after start codes.
-bool has_parameter_sets(std::span<const uint8_t> config) {
-    bool has_sequence = false, has_picture = false;
-    for (size_t at = 0; at + kStartCode.size() < config.size(); ++at) {
-        if (!std::equal(kStartCode.begin(), kStartCode.end(), &config[at])) continue;
-        const uint8_t type = nal_type(config.subspan(at + kStartCode.size()));
-        has_sequence = has_sequence || type == kSequenceSet;
-        has_picture = has_picture || type == kPictureSet;
-    }
-    return has_sequence && has_picture;
-}
-
 // A sample description has a byte for each (3GPP TS 26.244, 6.8; ITU-T H.264, 7.3.2.1.1).
 std::string profile_fault(const StreamHeader& header) {
     if (std::max({header.profile, header.constraints, header.level}) <= UINT8_MAX) return "";
@@ -92,8 +79,7 @@ std::string picture_size_fault(const StreamHeader& header) {
 void DeclaredExtent::header(const StreamHeader& header) {
     has_header_ = true;
     header_ = header;
-    has_config_ =
-        header.medium == Medium::kH264 ? has_parameter_sets(header.config) : !header.config.empty();
+    test_.set_header(header);
     header_.config.clear();
     // The configuration is no part of the samples, whose bytes are declared.
     MediaSink count{[this](std::span<const uint8_t> bytes) {
@@ -106,7 +92,6 @@ void DeclaredExtent::header(const StreamHeader& header) {
                         test_.end_unit();
                     }};
     depacketiser_ = make_depacketiser(header.medium, {}, std::move(count));
-    test_.set_medium(header.medium);
     to_.header(header);
 }
 
@@ -120,7 +105,6 @@ void DeclaredExtent::begin_frame() {
 
 void DeclaredExtent::end_frame() {
     if (depacketiser_ != nullptr) depacketiser_->finish();
-    if (test_.frames() == 1) begins_inside_ = test_.is_inside_sequence();
     test_.end_frame();
     empty_ += has_packets_ ? 0 : 1;
     if (beginning_ && beginning_ == beginning_before_) ++repeated_;
@@ -253,10 +237,8 @@ std::string DeclaredExtent::extent_fault() const {
 // What a file of a video stream with pictures could not declare.
 std::string DeclaredExtent::config_fault() const {
     if (is_speech() || test_.frames() == 0) return "";
-    const bool has_sets = has_config_ || test_.has_parameter_sets();
-    if (header_.medium == Medium::kH264 && !has_sets) return kNoParameterSetsText;
-    if (header_.medium == Medium::kMpeg4 && !has_config_ && begins_inside_)
-        return kNoConfigurationText;
+    const ConfigurationFault fault = test_.configuration_fault();
+    if (fault != ConfigurationFault::kNone) return text_of(fault);
     if (std::string text = profile_fault(header_); !text.empty()) return text;
     if (std::string text = duration_fault(header_); !text.empty()) return text;
     return picture_size_fault(header_);
@@ -285,7 +267,7 @@ std::string DeclaredExtent::fault() const {
 // declared duration may not show that the last frame is missing.
 std::string DeclaredExtent::doubt() const {
     const uint64_t frames = test_.frames();
-    if (empty_ > 0) return empty_text(empty_, frames, "frame", is_speech() ? "speech" : "picture");
+    if (empty_ > 0) return empty_text(empty_, frames, "frame", is_speech());
     if (!is_speech() && have_one_time_ && frames > 1)
         return "all pictures have the time " + std::to_string(first_time_);
     if (!is_speech() || gaps_.missing() > 0 || frames >= header_.frames) return "";

@@ -20,10 +20,6 @@ namespace kestrel::stream {
 // The fault of a picture size that no file can declare; empty for none.
 std::string picture_size_fault(const StreamHeader& header);
 
-// Of streams without it.
-inline constexpr const char* kNoParameterSetsText = "it has no parameter sets";
-inline constexpr const char* kNoConfigurationText = "it has no decoder configuration";
-
 // Passes the records of a walk on to another sink, and counts what they hold.
 class DeclaredExtent final : public RecordSink {
   public:
@@ -83,12 +79,10 @@ class DeclaredExtent final : public RecordSink {
     // Time and sequence number that the frame begins with, and those of the frame before.
     using Beginning = std::optional<std::pair<uint32_t, uint16_t>>;
     Beginning beginning_, beginning_before_;
-    bool has_packets_ = false;    // the current frame, or speech
-    uint64_t empty_ = 0;          // frames without
-    bool has_config_ = false;     // the header records have what decoders need first
-    bool begins_inside_ = false;  // of MPEG-4: the first frame is a picture without configuration
-    uint64_t repeated_ = 0;       // frames
-    uint64_t malformed_ = 0;      // packets
+    bool has_packets_ = false;  // the current frame, or speech
+    uint64_t empty_ = 0;        // frames without
+    uint64_t repeated_ = 0;     // frames
+    uint64_t malformed_ = 0;    // packets
 };
 
 }  // namespace kestrel::stream

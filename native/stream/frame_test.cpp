@@ -3,13 +3,17 @@
 
 #include <algorithm>
 
-#include "native/codec/mpeg4_visual.h"
-#include "native/codec/nal_unit.h"
 #include "native/stream/plausible.h"
 
 namespace kestrel::stream {
 
+void FrameTest::set_header(const StreamHeader& header) {
+    medium_ = header.medium;
+    configuration_ = ConfigurationTest(header);
+}
+
 void FrameTest::begin_frame() {
+    configuration_.begin_picture();
     ++frames_;
     plausible_ = true;
     has_units_ = has_part_ = false;
@@ -20,6 +24,7 @@ void FrameTest::take(std::span<const uint8_t> bytes) {
     const size_t count = std::min(bytes.size(), first_.size() - got_);
     std::copy_n(bytes.begin(), count, first_.begin() + static_cast<ptrdiff_t>(got_));
     got_ += count;
+    if (medium_ == Medium::kMpeg4) configuration_.take(bytes);
 }
 
 bool FrameTest::end_unit() {
@@ -27,8 +32,7 @@ bool FrameTest::end_unit() {
     const auto unit = std::span(first_).first(got_);
     plausible_ = plausible_ && is_nal_unit(unit);
     has_units_ = true;
-    has_sequence_set_ = has_sequence_set_ || nal_type(unit) == kSequenceSet;
-    has_picture_set_ = has_picture_set_ || nal_type(unit) == kPictureSet;
+    configuration_.take_unit(unit);
     has_part_ = has_part_ || is_picture_part(unit);
     got_ = 0;
     return true;
@@ -36,12 +40,6 @@ bool FrameTest::end_unit() {
 
 void FrameTest::take_speech(std::span<const uint8_t> frame) {
     plausible_ = plausible_ && is_speech_frame(frame[0], band_of(medium_));
-}
-
-bool FrameTest::is_inside_sequence() const {
-    constexpr size_t kCode = 4;
-    if (got_ < kCode || first_[0] != 0 || first_[1] != 0 || first_[2] != 1) return false;
-    return first_[3] == kVop || first_[3] == kGroupOfVop;
 }
 
 void FrameTest::end_frame() {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <span>
 
+#include "native/stream/configuration.h"
 #include "native/stream/native_walk.h"
 
 namespace kestrel::stream {
@@ -17,7 +18,7 @@ namespace kestrel::stream {
 // empty always.
 class FrameTest {
   public:
-    void set_medium(Medium medium) { medium_ = medium; }
+    void set_header(const StreamHeader& header);
 
     void begin_frame();
     // Takes the next bytes of the picture, or of the current NAL unit.
@@ -26,15 +27,15 @@ class FrameTest {
     bool end_unit();
     // Takes a speech frame in storage format.
     void take_speech(std::span<const uint8_t> frame);
-    // Before end_frame(): whether the picture of MPEG-4 begins after all headers of its sequence.
-    bool is_inside_sequence() const;
     void end_frame();
     // Counts the current frame as implausible; before the first one, counts it as the first.
     void fail();
 
     uint64_t frames() const { return frames_; }
-    // Of H.264: whether parameter sets of both kinds came.
-    bool has_parameter_sets() const { return has_sequence_set_ && has_picture_set_; }
+    // Whether the header records and the frames have what a decoder needs; it is there without any.
+    ConfigurationFault configuration_fault() const {
+        return frames_ == 0 ? ConfigurationFault::kNone : configuration_.fault();
+    }
     uint64_t implausible() const { return implausible_; }
     uint64_t first_implausible() const { return first_implausible_; }  // from 1; 0 for none
 
@@ -46,8 +47,7 @@ class FrameTest {
     bool plausible_ = true;
     bool has_units_ = false;  // of H.264
     bool has_part_ = false;
-    bool has_sequence_set_ = false;
-    bool has_picture_set_ = false;
+    ConfigurationTest configuration_;
     uint64_t frames_ = 0;
     uint64_t implausible_ = 0;
     uint64_t first_implausible_ = 0;

@@ -11,7 +11,10 @@
 namespace kestrel::stream {
 namespace {
 
-constexpr size_t kCodeBytes = 3;  // that a picture begins with
+// The least bytes of a picture that is not empty. Of H.263, the fields from PSC to PEI (ITU-T
+// H.263, 5.1). Of MPEG-4 Visual, a VOP that is not coded (ISO/IEC 14496-2, 6.2.5).
+constexpr size_t kLeastH263 = (22 + 8 + 13 + 5 + 2 + 7) / 8;
+constexpr size_t kLeastMpeg4 = (32 + 2 + 1 + 1 + 1 + 1 + 1 + 7) / 8;
 
 // Types of NAL units (ITU-T H.264, table 7-1).
 enum UnitType : uint8_t {
@@ -51,21 +54,22 @@ bool may_be_reference(uint8_t type, bool is_reference) {
 
 }  // namespace
 
-std::string empty_text(uint64_t empty, uint64_t all, const std::string& unit,
-                       const std::string& media) {
+std::string empty_text(uint64_t empty, uint64_t all, const char* unit, bool is_speech) {
     if (empty == 0) return "";
     return std::to_string(empty) + " of " + std::to_string(all) + " " + unit +
-           (all == 1 ? "" : "s") + (empty == 1 ? " is" : " are") + " empty: no " + media +
-           " is delivered for " + (empty == 1 ? "it" : "them");
+           (all == 1 ? "" : "s") + (empty == 1 ? " is" : " are") + " empty: no " +
+           (is_speech ? "speech" : "picture") + " is delivered for " + (empty == 1 ? "it" : "them");
 }
 
 bool is_h263_picture(std::span<const uint8_t> bytes) {
-    return bytes.size() < kCodeBytes ||
-           (bytes[0] == 0 && bytes[1] == 0 && (bytes[2] & 0xFC) == 0x80);
+    if (bytes.empty()) return true;
+    return bytes.size() >= kLeastH263 && bytes[0] == 0 && bytes[1] == 0 &&
+           (bytes[2] & 0xFC) == 0x80;
 }
 
 bool is_mpeg4_picture(std::span<const uint8_t> bytes) {
-    return is_h263_picture(bytes) || (bytes[0] == 0 && bytes[1] == 0 && bytes[2] == 1);
+    return is_h263_picture(bytes) ||
+           (bytes.size() >= kLeastMpeg4 && bytes[0] == 0 && bytes[1] == 0 && bytes[2] == 1);
 }
 
 bool is_nal_unit(std::span<const uint8_t> unit) {
@@ -117,6 +121,10 @@ bool ends_with_speech_frame(std::span<const uint8_t> sample, const AmrBand& band
     return at == sample.size();
 }
 
+bool is_uneven_speech(int32_t codec, std::span<const uint8_t> sample) {
+    return is_speech(codec) && !ends_with_speech_frame(sample, amr_band(codec == ISO_CODEC_SAWB));
+}
+
 bool is_h264_sample(std::span<const uint8_t> sample, int length_size) {
     constexpr int kMostZeros = 32;  // bytes
     NalUnits units(sample, length_size, EmptyUnits::kTaken);
@@ -127,7 +135,10 @@ bool is_h264_sample(std::span<const uint8_t> sample, int length_size) {
         if (zeros > kMostZeros || (!unit.empty() && !is_nal_unit(unit))) return false;
         has_part = has_part || (!unit.empty() && is_picture_part(unit));
     }
-    return has_part && !units.is_cut();
+    const auto rest = units.rest();
+    const bool is_padded =
+        std::all_of(rest.begin(), rest.end(), [](uint8_t byte) { return byte == 0; });
+    return has_part && is_padded && !units.is_cut();
 }
 
 bool is_plausible_sample(int32_t codec, int length_size, std::span<const uint8_t> sample) {
@@ -153,6 +164,7 @@ std::string ImplausibleSamples::text(const std::string& entry) const {
                " is malformed: it does not end with a speech frame; " + kWrongBytesText +
                kGetAgainText;
     }
+    if (count == 0) return std::string(text_of(configuration)) + kGetAgainText;
     return std::to_string(count) + " of " + std::to_string(all) +
            " samples cannot be of the codec '" + entry + "', the first is number " +
            std::to_string(first) + (are_refused() ? std::string(": ") + kWrongBytesText : "") +

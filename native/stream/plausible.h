@@ -7,7 +7,9 @@
 #include <span>
 #include <string>
 
+#include "kestrel/isoff.h"
 #include "native/codec/amr_format.h"
+#include "native/stream/configuration.h"
 
 namespace kestrel::stream {
 
@@ -17,12 +19,16 @@ inline constexpr const char* kWrongBytesText =
 // The next step then, unless the hint track alone is wrong.
 inline constexpr const char* kGetAgainText = "; get the file again";
 
-// A remark on samples or frames that are empty, without a full stop; empty for none. `unit` is
-// "sample" or "frame", `media` what they lack.
-std::string empty_text(uint64_t empty, uint64_t all, const std::string& unit,
-                       const std::string& media = "picture");
+// A remark on samples or frames of speech or pictures that are empty, without a full stop; empty
+// for none. `unit` is "sample" or "frame".
+std::string empty_text(uint64_t empty, uint64_t all, const char* unit, bool is_speech);
 
-// The next two take the first bytes of a picture; fewer than three may be any.
+// Whether a codec, one of kestrel/isoff.h, is speech in frames of AMR.
+constexpr bool is_speech(int32_t codec) {
+    return codec == ISO_CODEC_SAMR || codec == ISO_CODEC_SAWB;
+}
+
+// The next two take the first bytes of a picture, or all of a shorter one; none may be either.
 
 // A picture start code (ITU-T H.263, 5.1.1).
 bool is_h263_picture(std::span<const uint8_t> bytes);
@@ -44,10 +50,12 @@ bool is_speech_sample(std::span<const uint8_t> sample, const AmrBand& band);
 
 // The same of frames of any type: whether the sample ends with the last of them.
 bool ends_with_speech_frame(std::span<const uint8_t> sample, const AmrBand& band);
+// A sample of any codec: whether it is speech that does not end so.
+bool is_uneven_speech(int32_t codec, std::span<const uint8_t> sample);
 
 // A sample with lengths of `length_size` bytes before its NAL units: whether they end with it, all
 // of them are NAL units, one is part of a picture, and none follows a long run of zeros, which
-// would be empty units. An empty sample may be one.
+// would be empty units. Fewer bytes than a length are zeros. An empty sample may be one.
 bool is_h264_sample(std::span<const uint8_t> sample, int length_size);
 
 // A sample of any codec, one of kestrel/isoff.h; `length_size` is that of H.264.
@@ -58,13 +66,19 @@ struct ImplausibleSamples {
     uint64_t count = 0, first = 0;  // the first counts from 1
     uint64_t all = 0;               // samples of the track
     uint64_t uneven = 0;            // the first of speech that does not end with a frame, from 1
+    // What a decoder needs first, and neither the decoder configuration nor a sample has.
+    ConfigurationFault configuration = ConfigurationFault::kNone;
 
     void add(uint64_t number) {
         if (count++ == 0) first = number;
     }
     // Bytes of a wrong place are no media. A few such samples are left to the decoder, but speech
     // that does not end with a frame has no packets.
-    bool are_refused() const { return uneven > 0 || count > all / 2; }
+    // Without its configuration, no sample is decoded.
+    bool are_refused() const {
+        return uneven > 0 || count > all / 2 || configuration != ConfigurationFault::kNone;
+    }
+    bool any() const { return count > 0 || are_refused(); }
     // A sentence without a full stop. `entry` is the type of the sample entry, such as "s263".
     std::string text(const std::string& entry) const;
 };

@@ -16,18 +16,18 @@ namespace {
 
 static_assert(std::has_unique_object_representations_v<ImportedTrack>);
 
-// What a process passes on ahead of the tracks and the text.
+// What a process passes on ahead of the tracks and the texts.
 struct ImportedHead {
-    uint64_t tracks, duration, timescale, lacks_fragments;
+    uint64_t tracks, duration, timescale, lacks_fragments, missing;
 };
 
 std::string bytes_of(const ImportedMovie& movie) {
     const ImportedHead head{movie.tracks.size(), movie.duration, movie.timescale,
-                            movie.lacks_fragments ? 1u : 0u};
+                            movie.lacks_fragments ? 1u : 0u, movie.missing.size()};
     std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
     bytes.append(reinterpret_cast<const char*>(movie.tracks.data()),
                  movie.tracks.size() * sizeof(ImportedTrack));
-    return bytes + movie.missing;
+    return bytes + movie.missing + movie.remark;
 }
 
 ImportedMovie movie_of(const std::string& bytes) {
@@ -42,7 +42,9 @@ ImportedMovie movie_of(const std::string& bytes) {
     movie.duration = head.duration;
     movie.timescale = static_cast<uint32_t>(head.timescale);
     movie.lacks_fragments = head.lacks_fragments != 0;
-    movie.missing = bytes.substr(sizeof head + size);
+    const std::string texts = bytes.substr(sizeof head + size);
+    movie.missing = texts.substr(0, static_cast<size_t>(head.missing));
+    movie.remark = texts.substr(movie.missing.size());
     return movie;
 }
 
@@ -78,14 +80,15 @@ Error no_media_file(const std::string& input, uint64_t size) {
 }
 
 uint64_t empty_samples(const FileFacts& facts, const iso_track* track) {
-    if (!is_of(track, MediaKind::kVideo)) return 0;
+    if (!is_of(track, MediaKind::kVideo) && !kestrel::stream::is_speech(track->codec)) return 0;
     const Expected expected = expected_of(track, facts.imported_track(track));
     return expected.samples - expected.pictures;
 }
 
 std::string empty_samples_text(const FileFacts& facts, const iso_track* track) {
     const uint64_t all = expected_of(track, facts.imported_track(track)).samples;
-    return kestrel::stream::empty_text(empty_samples(facts, track), all, "sample");
+    return kestrel::stream::empty_text(empty_samples(facts, track), all, "sample",
+                                       kestrel::stream::is_speech(track->codec));
 }
 
 uint64_t memory_limit(const FileScan& scan) {
@@ -108,6 +111,11 @@ FileFacts gather_facts(kst_host* host, Clock::time_point deadline) {
     facts.host = host;
     facts.remarks = std::move(remarks);
     return facts;
+}
+
+std::string import_remark(const FileFacts& facts, Clock::time_point deadline) {
+    if (!facts.imported.tracks.empty()) return facts.imported.remark;
+    return import_apart(*facts.stream, {deadline, memory_limit(facts.scan)}).remark;
 }
 
 }  // namespace tool

@@ -22,10 +22,14 @@ Error no_media_file(const std::string& input, uint64_t size);
 // The memory limit of reading and playing: a handle holds a multiple of the boxes that it reads.
 uint64_t memory_limit(const FileScan& scan);
 
-// The samples of a video track that are empty, and a remark on them without a full stop; empty for
-// none.
+// The samples of a video or speech track that are empty, and a remark on them without a full stop;
+// empty for none.
 uint64_t empty_samples(const FileFacts& facts, const iso_track* track);
 std::string empty_samples_text(const FileFacts& facts, const iso_track* track);
+
+// What kst_hint remarks on in boxes and tables that may show a loss, without a full stop; empty for
+// nothing. Reads the tables of a plain file for it.
+std::string import_remark(const FileFacts& facts, Clock::time_point deadline);
 
 }  // namespace tool
 

@@ -17,7 +17,7 @@ void MediaTally::take(std::span<const uint8_t> stream) {
 
 void MediaTally::header(const kestrel::stream::StreamHeader& header) {
     medium_ = header.medium;
-    test_.set_medium(medium_);
+    test_.set_header(header);
     if (is_speech(medium_)) return;
     kestrel::stream::MediaSink sink{[this](std::span<const uint8_t> bytes) { take_picture(bytes); },
                                     [this] { end_unit(); }};
@@ -66,6 +66,7 @@ MediaCounts MediaTally::counts() const {
     all.frames = test_.frames();
     all.implausible = test_.implausible();
     all.first_implausible = test_.first_implausible();
+    if (counts_.bytes > 0) all.configuration_fault = test_.configuration_fault();
     return all;
 }
 

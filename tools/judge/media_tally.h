@@ -39,6 +39,8 @@ struct MediaCounts {
     uint64_t implausible = 0;
     uint64_t first_implausible = 0;
     uint64_t judged_samples = 0;  // where these are samples: their number in the track
+    // What a decoder needs first, and neither the header records nor the frames have.
+    kestrel::stream::ConfigurationFault configuration_fault{};
 };
 
 // Takes a native stream in pieces. Holds one frame. A stream that is malformed has an implausible

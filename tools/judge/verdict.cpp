@@ -19,6 +19,7 @@
 namespace tool {
 namespace {
 
+using kestrel::stream::ConfigurationFault;
 using End = ChildResult::End;
 
 constexpr uint32_t kLeastLarge = 60000;  // bytes of a sample that an API may not hold
@@ -268,9 +269,14 @@ bool is_astray(const MediaCounts& counts) {
     return counts.misled > 0 || counts.unused > 0 || counts.malformed > 0;
 }
 
+// Whether a decoder can take what was delivered, as far as its bytes show.
+bool is_decodable(const MediaCounts& counts) {
+    return counts.implausible == 0 && counts.configuration_fault == ConfigurationFault::kNone;
+}
+
 bool plays(const Subject& subject, const TrialResult& result) {
     const MediaCounts& counts = result.trial.counts;
-    return result.reached_end() && counts.bytes > 0 && counts.implausible == 0 &&
+    return result.reached_end() && counts.bytes > 0 && is_decodable(counts) &&
            is_all(subject, counts) && !has_misplaced_speech(subject, counts) &&
            !has_too_much(subject, counts) && !has_too_many_pictures(subject, counts) &&
            !is_astray(counts);
@@ -315,8 +321,7 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
         is_self_hinted(file, subject.track)) {
         return Reason::kSelfHinted;
     }
-    if (counts.implausible > 0 || has_misplaced_speech(subject, counts))
-        return Reason::kImplausible;
+    if (!is_decodable(counts) || has_misplaced_speech(subject, counts)) return Reason::kImplausible;
     if (counts.bytes == 0 || counts.misled > 0 || has_too_much(subject, counts) ||
         has_too_many_pictures(subject, counts))
         return Reason::kDamaged;
@@ -366,7 +371,7 @@ class LogSilence {
 // the medium has.
 std::string amount(const Subject& subject, const MediaCounts& counts) {
     const Expected& expected = subject.expected;
-    if (counts.bytes == 0 || counts.implausible > 0 || has_misplaced_speech(subject, counts))
+    if (counts.bytes == 0 || !is_decodable(counts) || has_misplaced_speech(subject, counts))
         return "";
     if (subject.kind == MediaKind::kVideo && counts.pictures < expected.pictures) {
         return std::to_string(counts.pictures) + " of " + std::to_string(expected.pictures) +
@@ -395,6 +400,8 @@ std::string why_incomplete(const Subject& subject, const Verdict& verdict) {
 }
 
 std::string why_implausible(const Subject& subject, const MediaCounts& counts) {
+    if (counts.implausible == 0 && counts.configuration_fault != ConfigurationFault::kNone)
+        return std::string("No decoder can play it: ") + text_of(counts.configuration_fault) + ".";
     if (counts.implausible == 0) {
         return std::string("Its samples do not end with the speech frames in them: ") +
                kestrel::stream::kWrongBytesText + ".";
@@ -505,7 +512,7 @@ FixFinder::IsFixed plays_of(const Subject& subject, const ChildLimits& limits) {
     return [&](const TrialResult& fixed, bool is_salvage) {
         TrialResult whole = fixed;
         count_samples(subject, nullptr, limits, whole);
-        if (is_salvage) return whole.reached_end() && whole.trial.counts.implausible == 0;
+        if (is_salvage) return whole.reached_end() && is_decodable(whole.trial.counts);
         return plays(subject, whole);
     };
 }
