@@ -359,7 +359,7 @@ constexpr char kColumns[] =
     "  self-hinted     the packets are in the hint track itself, which this API does not read\n"
     "  codec           this API does not play the codec\n"
     "  encrypted       the track is encrypted\n"
-    "  several-tracks  this API plays a file with one track of the medium\n"
+    "  several-tracks  this API plays a medium of one track only\n"
     "  fragmented      samples are in movie fragments, which this API does not read\n"
     "  large-box       a box declares its size in a form that this API does not read\n"
     "  unknown-table   a table has a form that this API does not read\n"

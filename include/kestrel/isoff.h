@@ -163,15 +163,14 @@ struct iso_track {
     int32_t codec;                              // an iso_codec
 
     // Decoder configuration.
-    char vendor[5];           // of `damr`, `dawp` or `d263`
-    uint8_t decoder_version;  // of the same
-    uint8_t level;            // H.263 or AVC level, or MPEG-4 Visual profile and level
-    uint8_t profile;          // H.263 or AVC profile
-    // Of AMR: of `damr`. 0 without that box, of which amr_isoFFtrack takes no frames_per_sample.
-    uint16_t mode_set;
-    uint8_t mode_change_period;
-    uint8_t frames_per_sample;
-    uint8_t object_type;  // MPEG-4 object type indication
+    char vendor[5];              // of `damr`, `dawp` or `d263`
+    uint8_t decoder_version;     // of the same
+    uint8_t level;               // H.263 or AVC level, or MPEG-4 Visual profile and level
+    uint8_t profile;             // H.263 or AVC profile
+    uint16_t mode_set;           // AMR, from `damr`; 0 without that box
+    uint8_t mode_change_period;  // the same
+    uint8_t frames_per_sample;   // the same; amr_isoFFtrack refuses 0
+    uint8_t object_type;         // MPEG-4 object type indication
     uint8_t stream_type;
     int32_t layer, alternate_group, volume;  // volume: 8.8
     uint8_t* dsi;  // decoder-specific information: payload of `esds`, or the whole `avcC`

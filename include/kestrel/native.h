@@ -46,8 +46,7 @@ enum native_mode {
 
 // Bits of TEL_RTP::flags and ORB_RTP::flags.
 static const uint32_t native_drop_no_data = 1;         // drop AMR NO_DATA frames
-static const uint32_t native_amr_format_1 = 2;         // AMR narrow band input is in format 1,
-                                                       // as samples of a file are; else in 2
+static const uint32_t native_amr_format_1 = 2;         // AMR-NB input is in format 1, not 2
 static const uint32_t orb_header_printed = 1u << 16;   // the header was printed already
 static const uint32_t orb_check_quietly = 1u << 29;    // check headers that are read
 static const uint32_t orb_check_and_print = 1u << 30;  // and print what is wrong with them
@@ -180,8 +179,8 @@ KESTREL_API int orb_native_init(orb_native* state, int payload_type, int max_pac
 // `out`. Returns the bytes written; -1 when `out_size` is too small or the codec has no packetiser;
 // -2 when an H.263 picture header cannot be parsed. After -1 the packets written so far stand.
 //
-// Each packet is a header of `tel_header_size` or `orb_header_size` bytes and a payload. Payloads
-// of `tel`, with the payload type that the header gets whatever the one given at init:
+// Each packet is a header of `tel_header_size` or `orb_header_size` bytes and a payload. `tel` has
+// these payload types, whatever was given at init, and payloads:
 //
 // - H.263, 34: of RFC 4629 with NATIVE_MODE_RFC2429, of RFC 2190 with the modes of that name, else
 //   a part of the sample.

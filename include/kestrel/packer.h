@@ -43,15 +43,18 @@ typedef struct kst_packer kst_packer;
 /* What the functions return. */
 enum {
     KST_PACK_DONE = 0,
-    /* A stream is damaged or ends inside a frame or before the last frame that its header records
-     * declare, it lacks its first frames, has frames that cannot be of its codec, or a frame twice,
-     * or more speech than they declare, or packets of it are missing or could not be joined, or its
-     * header records have values that no track has. All that is whole before the damage is in the
-     * file. kst_packer_describe, after kst_packer_write, has the reason of each stream.
+    /* The file lacks something of a stream, or the stream has a fault:
      *
-     * A stream may lack frames that its records cannot show (docs/native-format.md), and is then
-     * KST_PACK_DONE: speech a few of the last ones; a video whose records declare no duration, or
-     * a stream made after a seek, any number of the last ones. */
+     * - it is damaged or ends inside a frame; what is whole before that place is in the file
+     * - it lacks its first frames, or ends before the last frame that its header records declare
+     * - packets or speech frames are missing, or packets could not be joined
+     * - it has frames that cannot be of its codec, a frame twice, or more speech than declared
+     * - its header records have values that no track has
+     *
+     * kst_packer_describe, after kst_packer_write, has the reason for each stream. A stream may
+     * lack frames that its records cannot show (docs/native-format.md), and is then KST_PACK_DONE:
+     * speech a few of the last ones; a video whose records declare no duration, or a stream made
+     * after a seek, any number of the last ones. */
     KST_PACK_CUT = 1,
     KST_PACK_BAD_ARGUMENT = 2,
     KST_PACK_NO_MEMORY = 3,

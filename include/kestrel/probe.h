@@ -51,7 +51,7 @@ enum {
     KST_PROBE_SELF_HINTED = 3,    /* the packets are in the hint track itself (class API) */
     KST_PROBE_CODEC = 4,          /* the API does not play the codec */
     KST_PROBE_ENCRYPTED = 5,      /* the track is encrypted */
-    KST_PROBE_SEVERAL_TRACKS = 6, /* the class API plays a file with one track of the medium */
+    KST_PROBE_SEVERAL_TRACKS = 6, /* the class API plays a medium of one track only */
     KST_PROBE_FRAGMENTED = 7,     /* samples are in movie fragments */
     KST_PROBE_LARGE_BOX = 8,      /* a box declares its size in a form that the API does not read */
     KST_PROBE_UNKNOWN_TABLE = 9,  /* a table has a form that the API does not read */
