@@ -313,7 +313,7 @@ void boxes(const Options& options) {
         throw error;
     }
     if (!failure.empty() && scan.cut_box)
-        failure += "; the file is cut: " + kestrel::probe::missing_bytes(scan);
+        failure = "the file is cut: " + kestrel::probe::missing_bytes(scan) + " (" + failure + ")";
     const size_t shown =
         options.json ? show_json(options, callbacks, file) : show_lines(options, callbacks, file);
     finish_standard_output();
