@@ -58,12 +58,13 @@ def demuxed(path, stream, *options):
 
 class Extract(ToolTest):
     def test_every_clip_comes_back_by_both_apis_however_it_arrives(self):
+        steps = (777,) if IS_SANITIZED else (777, 70001, 10**7)
         for (name, mode, truth), api in itertools.product(MEDIA, ["function", "class"]):
             if api == "class" and name not in ON_CLASS_API:
                 continue
             with self.subTest(name=name, api=api):
                 stream = self.extract(name, mode, "--api", api)
-                for step in (777, 70001, 10**7):
+                for step in steps:
                     self.assertTrue(stream == self.extract(name, mode, "--api", api, "--arriving",
                                                            step))
                 media = self.unpack(stream)
@@ -1455,7 +1456,7 @@ class Inspect(ToolTest):
                     ends.append(ends[-1] + int.from_bytes(stream[ends[-1]:][:4], "little"))
                 # The last sample of speech may hold fewer frames than declared.
                 last = {"ar": 15, "vr": 2}[mode]
-                for end in (ends[0], ends[len(ends) // 2], ends[-last]):
+                for end in (ends[0], ends[len(ends) // 2], ends[-last])[2 * IS_SANITIZED:]:
                     with self.subTest(name=name, api=api, end=end):
                         for command in [("inspect", "-"), ("unpack", "-", "-o", "-")]:
                             result = run(*command, stdin=stream[:end])
