@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "common/bytes.h"
+#include "kestrel/hinter.h"
 #include "kestrel/probe.h"
 #include "tests/support/playing.h"
 #include "tests/support/syslog_capture.h"
@@ -195,6 +196,19 @@ TEST(Probe, ClassApiRefusesMoreSoundOfOneSizeThanItHoldsButNoPictures) {
         file = join({file, box("free", {Bytes(16 << 20)})});
         EXPECT_EQ(play(file, "ar", {.api = Api::kClass}).status == KST_NO_MEMORY, more == 1);
         EXPECT_EQ(judge(probe_of(file), Api::kClass, KST_MEDIUM_VIDEO).reason, KST_PROBE_NO_REASON);
+    }
+}
+
+// The last sample counts, however short it is.
+TEST(Probe, TakesHintsOfAPictureOfOneByte) {
+    for (const char* name : {"h263_plain.3gp", "mpeg4_plain.3gp"}) {
+        const MemoryHost from(with(read_sample(name), "stsz", 12 + 4 * 29, be32(1)));
+        const MemoryHost to;
+        ASSERT_EQ(kst_hint(from.table(), to.table(), nullptr, nullptr), KST_HINT_DONE);
+        for (const Api api : {Api::kFunction, Api::kClass}) {
+            EXPECT_STREQ(judge(probe_of(to.written()), api, KST_MEDIUM_VIDEO).word, "no-reason");
+            EXPECT_EQ(play(to.written(), "vr", {.api = api}).status, KST_END_OF_FILE);
+        }
     }
 }
 
