@@ -977,7 +977,11 @@ class Send(ToolTest):
                 # A packet less, a packet without constructors, no clock.
                 ("h263_hinted", rb"\0\x02\0\0(?=\0{4}\x80\x60)", b"\0\1\0\0"),
                 ("mpeg4_hinted", rb"(?<=\0{4}\x80.\0.\0\0)\0\x01(?=\x02\0)", b"\0\0"),
-                ("amrnb_hinted", b"tims", b"timr")]:
+                ("amrnb_hinted", b"tims", b"timr"),
+                # Another clock; a unit without its end; speech of bad quality.
+                ("amrnb_hinted", rb"tims\0\0\x1f\x40", b"tims\0\0\x3e\x80"),
+                ("h264_hinted_1450", rb"(?<=\0\x01\x02\0)\x02\x7d(?=\0\0\0\x01)", b"\2\x79"),
+                ("amrnb_hinted", b"\1\2\x70\x3c", b"\1\2\x70\x38")]:
             with self.subTest(name=name, new=new):
                 data, changes = re.subn(old, lambda _: new, load(name), flags=re.DOTALL)
                 self.assertGreater(changes, 0)
@@ -993,10 +997,17 @@ class Send(ToolTest):
                                  [row.split()[6][24:] for row in rows])  # of new hints
         data = load("amrnb_hinted")
         at = data.rindex(b"mdhd") + 16
-        path = self.write("f.3gp", data[:at] + bytes(4) + data[at + 4:])
-        for command, text in [(("send", path, "--to", "127.0.0.1:5004"), "has a timescale of 0"),
-                              (("packets", path), "it declares a timescale of 0 (mdhd)")]:
-            self.assert_fails(run(*command), 1, text)
+        for old, new, code, text in [
+                (data[at - 16:at + 4], data[at - 16:at] + bytes(4), 1, "a timescale of 0 (mdhd)"),
+                (data[at - 16:at + 4], data[at - 16:at] + bytes([0, 0, 0, 80]), 0,
+                 "the packets take 596.000 s, but the samples 5.944 s; 'kestrel hint --replace'"),
+                (b"tref", b"free", 0, "names no track that it hints (tref); the packets of hint s")]:
+            path = self.write("f.3gp", new.join(data.rsplit(old, 1)))
+            self.assert_fails(run("packets", path), 1, text)
+            if code == 0:
+                self.assertEqual(len(self.receive(path, 1, "--speed", 500)[0][0]), 298)
+        self.assert_fails(run("send", self.write("f.3gp", data[:at] + bytes(4) + data[at + 4:]),
+                              "--to", "127.0.0.1:5004"), 1, "has a timescale of 0")
 
     def test_media_that_lack_something_are_reported_as_without_hints(self):
         here = Datagrams(1)
@@ -1106,12 +1117,12 @@ class Send(ToolTest):
 
     def test_what_is_due_at_once_is_spread_out(self):
         data = load("amrnb_hinted")
-        movie = boxes(data, [b"moov"])[0]
+        movie = re.sub(rb"(mdhd.{12}).{4}", b"\\1" + b"\xff" * 4, boxes(data, [b"moov"])[0],
+                       flags=re.DOTALL)
         hint = movie[movie.rindex(b"trak") - 4:]
         hint = hint[:int.from_bytes(hint[:4], "big")]
-        clock = hint.index(b"mdhd") + 16
         tracks = 60
-        hints = (hint[:clock] + b"\xff\xff\xff\xff" + hint[clock + 4:]) * tracks
+        hints = hint * tracks
         path = self.write("flood.3gp", data.replace(b"moov", b"free") + struct.pack(
             ">I4s", len(hints) + len(movie) - len(hint) + 8, b"moov") +
             movie.replace(hint, hints))

@@ -71,10 +71,10 @@ bool has_spoilt_packets(HintPackets& track, Clock::time_point deadline) {
     return track.spoilt() > 0;
 }
 
-// Whether packets lack samples, or have bytes of others.
+// Whether packets lack samples, have bytes of others, or come at other times than they.
 bool leaves_media_out(HintPackets& track, Clock::time_point deadline) {
     track.compare_with_media(deadline);
-    return track.lacks_media();
+    return track.lacks_media() || track.names_no_media() || !track.is_paced_as_media();
 }
 
 // Whether hinting anew reports samples that are no media, or refuses them.
@@ -91,7 +91,7 @@ void refuse_many(const std::vector<iso_track*>& hints, const std::string& input)
 
 // Whether receivers get all that they need: times, and a description.
 bool is_complete(const iso_track* hint) {
-    return has_clock(hint) && is_described(hint);
+    return has_clock(hint) && has_described_clock(hint) && is_described(hint);
 }
 
 // Looks until a deadline: what comes after it counts as good.

@@ -2,6 +2,7 @@
 #include "tools/hint_packets.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <utility>
 
@@ -14,6 +15,8 @@
 #include "native/codec/rtp_header.h"
 #include "native/stream/depacketise.h"
 #include "tools/judge/track_samples.h"
+#include "tools/report/markup.h"
+#include "tools/session_description.h"
 
 namespace tool {
 namespace {
@@ -21,6 +24,15 @@ namespace {
 constexpr uint32_t kLongestDeclared = KST_HINT_LONGEST_PACKET;
 constexpr const char* kNewHints = "'kestrel hint --replace' makes new ones";
 constexpr int kLongestPacket = 65507;  // that a UDP datagram over IPv4 holds (RFC 768, RFC 791)
+
+// Of all samples of a track, by its time table.
+double seconds_of(const iso_track* track) {
+    double units = 0;
+    for (const iso_stts_entry& entry :
+         std::span(track->stts, static_cast<size_t>(track->stts_count)))
+        units += static_cast<double>(entry.count) * entry.delta;
+    return units / track->timescale;
+}
 
 bool is_spoilt(std::span<const uint8_t> packet) {
     return packet.size() > kestrel::kRtpHeaderSize &&
@@ -75,14 +87,25 @@ std::span<const uint8_t> HintPackets::next() {
     return packet;
 }
 
+bool HintPackets::names_no_media() {
+    return media_ == nullptr && hint_->hint_track_ref == 0 && hint_->sample_count > 0 &&
+           takes_from_nowhere(0);
+}
+
+bool HintPackets::is_paced_as_media() const {
+    constexpr double kMost = 0.1, kMostSeconds = 1;  // of the duration, and more
+    if (media_ == nullptr || hint_->timescale == 0 || media_->timescale == 0) return true;
+    const double own = seconds_of(hint_), wanted = seconds_of(media_);
+    return wanted == 0 || std::abs(own - wanted) <= kMost * wanted + kMostSeconds;
+}
+
 void HintPackets::compare_with_media(Clock::time_point deadline) {
     if (media_ == nullptr || Clock::now() > deadline || is_cut()) return;
     use_ = use_of(hint_, media_, kestrel::probe::Api::kFunction, {}, deadline);
 }
 
 bool HintPackets::takes_from_nowhere(int32_t sample) {
-    const uint32_t media = hint_->hint_track_ref;  // 0 for none
-    if (media_ != nullptr || media == 0) return false;
+    if (media_ != nullptr) return false;
     bool found = false;
     std::vector<uint8_t> bytes;
     kestrel::probe::for_each_sample_constructor(
@@ -128,6 +151,11 @@ HintPackets::Lack HintPackets::lack_after_damage(uint64_t samples) const {
     const std::string sample =
         "hint sample " + std::to_string(damaged_sample_) + " of " + std::to_string(samples);
     const std::string left_out = "its packets and all after them are left out";
+    if (lacks_track_ && hint_->hint_track_ref == 0) {
+        return {name() + ": it names no track that it hints (tref); the packets of " + sample +
+                    " and all after them are left out",
+                kNewHints};
+    }
     if (lacks_track_) {
         return {name() + ": track " + std::to_string(hint_->hint_track_ref) +
                     ", which it hints, is not in the file; the packets of " + sample +
@@ -165,6 +193,14 @@ HintPackets::Lack HintPackets::lack_in_packets() const {
     if (!has_clock(hint_)) {
         add(std::string("all timestamps are the same, as it declares ") +
             (hint_->timescale == 0 ? "a timescale of 0 (mdhd)" : "no RTP timescale (tims)"));
+    }
+    if (has_clock(hint_) && !has_described_clock(hint_)) {
+        add("timestamps of " + std::to_string(hint_->rtp_timescale) +
+            " a second (tims), which is not the clock of its description");
+    }
+    if (has_clock(hint_) && !is_paced_as_media()) {
+        add(format("the packets take %.3f s, but the samples %.3f s", seconds_of(hint_),
+                   seconds_of(media_)));
     }
     if (what.empty()) return {};
     // kst_hint refuses a timescale of 0.

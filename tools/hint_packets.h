@@ -49,6 +49,10 @@ class HintPackets {
     // bytes. Hint samples that are fewer or more than the media samples may be empty.
     uint64_t skipped_media() const { return skipped_media_; }
 
+    // Whether it has packets of a medium but names no track.
+    bool names_no_media();
+    // Whether its packets take about as long as the samples of the medium.
+    bool is_paced_as_media() const;
     // Compares the packets with the media that they are of, as far as it gets until the deadline;
     // not with media that are cut. lack() then has what they leave out.
     void compare_with_media(Clock::time_point deadline);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <string_view>
@@ -76,10 +77,18 @@ std::string encoding_of(std::string_view rtpmap) {
     return upper;
 }
 
+// 90000 of "a=rtpmap:96 H264/90000"; 0 for none.
+uint32_t clock_of(std::string_view rtpmap) {
+    const std::string_view after = rtpmap.substr(std::min(rtpmap.find('/'), rtpmap.size()));
+    return static_cast<uint32_t>(
+        std::strtoul(std::string(after.substr(!after.empty())).c_str(), nullptr, 10));
+}
+
 // What the file's own text says of the packets of a hint track.
 struct Description {
     MediaLine media;
     std::string encoding;  // of the first type of payload; empty for none
+    uint32_t clock = 0;    // of the same
     bool has_parameters = false;
 
     // Whether the type is mapped to an encoding, or stands for one.
@@ -96,8 +105,10 @@ std::optional<Description> read_description(const iso_track* hint) {
     for (std::string line; std::getline(lines, line);) {
         if (!media) media = parse_media_line(line);
         out.has_parameters = out.has_parameters || line.starts_with("a=fmtp:");
-        if (media && line.starts_with("a=rtpmap:" + std::to_string(media->types[0]) + " "))
+        if (media && line.starts_with("a=rtpmap:" + std::to_string(media->types[0]) + " ")) {
             out.encoding = encoding_of(line);
+            out.clock = clock_of(line);
+        }
     }
     if (!media) return std::nullopt;
     out.media = *media;
@@ -126,6 +137,11 @@ bool is_described(const iso_track* hint) {
     // Decoders of these need a configuration; few read MPEG-4 Visual in payloads of RFC 3640.
     if (read->encoding == "H264" || read->encoding == "MP4V-ES") return read->has_parameters;
     return !(read->media.kind == "m=video" && read->encoding == "MPEG4-GENERIC");
+}
+
+bool has_described_clock(const iso_track* hint) {
+    const std::optional<Description> read = read_description(hint);
+    return !read || read->clock == 0 || read->clock == hint->rtp_timescale;
 }
 
 bool says_encoding(const iso_track* hint) {

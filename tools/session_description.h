@@ -26,6 +26,8 @@ std::string describe_session(const std::string& name, const SessionAddress& addr
 
 // Whether the text of the hint track describes its payload so that a receiver can decode it.
 bool is_described(const iso_track* hint);
+// Whether the RTP timescale of the hint track is that of its text, if this has one.
+bool has_described_clock(const iso_track* hint);
 // Whether it says at least which encoding the packets have.
 bool says_encoding(const iso_track* hint);
 

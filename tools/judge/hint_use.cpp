@@ -187,7 +187,7 @@ class Walk {
         bool is_known = true;
         for_each_packet_entry(hint_sample, [&](const PacketEntry& entry, Bytes constructors) {
             if (entry.is_repeated()) return;
-            payloads_.begin();
+            payloads_.begin(entry.rtp_header & kRtpPayloadType);
             for (; !constructors.empty(); constructors = constructors.subspan(kConstructorSize))
                 is_known = is_known && append(constructors.first(kConstructorSize), media);
         });

@@ -9,6 +9,7 @@
 #include "native/codec/h263_payload.h"
 #include "native/codec/h264_units.h"
 #include "native/codec/mpeg4_visual.h"
+#include "native/codec/payload_types.h"
 #include "native/stream/depacketise.h"
 #include "native/stream/plausible.h"
 
@@ -73,13 +74,20 @@ bool is_slice(NalUnit unit) {
     return nal_type(unit) >= kFirstSlice && nal_type(unit) <= kIdrSlice;
 }
 
+// Whether a unit may be in packets alone: a parameter set or a delimiter.
+bool is_parameter(NalUnit unit) {
+    constexpr uint8_t kDelimiter = 9;
+    return nal_type(unit) >= kSequenceSet && nal_type(unit) <= kDelimiter;
+}
+
 // Follows the fragments of units (FU-A): each has one that begins it, and ends with the next that
 // ends one.
 class Fragments {
   public:
-    // Takes the next payload; returns whether it may follow the one before.
+    // Takes the next payload; returns whether it is one and may follow the one before.
     bool may_follow(Bytes payload) {
-        constexpr uint8_t kStart = 0x80, kEnd = 0x40;
+        constexpr uint8_t kForbidden = 0x80, kStart = 0x80, kEnd = 0x40;
+        if (payload.empty() || (payload[0] & kForbidden) != 0) return false;
         const bool is_fragment = payload.size() >= kFuHeaders && nal_type(payload) == kFuA;
         const bool was_open = std::exchange(is_open_, is_fragment && (payload[1] & kEnd) == 0);
         return was_open == (is_fragment && (payload[1] & kStart) == 0);
@@ -97,8 +105,8 @@ bool are_same(NalUnit a, NalUnit b) {
 }
 
 struct SpeechFrame {
-    int type;
-    Bytes bytes;  // without a header; not empty
+    uint8_t header;  // of storage format
+    Bytes bytes;     // without it; not empty
 };
 
 // Of a sample in storage format that ends with a frame.
@@ -107,7 +115,7 @@ std::vector<SpeechFrame> frames_of_sample(Bytes sample, const AmrBand& band) {
     while (!sample.empty()) {
         const int type = storage_frame_type(sample[0]);
         const auto size = static_cast<size_t>(storage_frame_size(band.frame_bits[type]));
-        if (size > 1) frames.push_back({type, sample.subspan(1, size - 1)});
+        if (size > 1) frames.push_back({sample[0], sample.subspan(1, size - 1)});
         sample = sample.subspan(size);
     }
     return frames;
@@ -126,7 +134,8 @@ bool add_frames(Bytes payload, const AmrBand& band, std::vector<SpeechFrame>& fr
         const int type = storage_frame_type(entry);
         const auto size = static_cast<size_t>(storage_frame_size(band.frame_bits[type])) - 1;
         if (size > payload.size() - at) return false;
-        if (size > 0) frames.push_back({type, payload.subspan(at, size)});
+        const auto header = static_cast<uint8_t>(entry & ~kMoreFollow);
+        if (size > 0) frames.push_back({header, payload.subspan(at, size)});
         at += size;
     }
     return at == payload.size();
@@ -160,16 +169,13 @@ void Payloads::for_each(See see) const {
 bool Payloads::lack_picture(Bytes picture) const {
     bool is_spoilt = false;
     for_each([&](Bytes payload) { is_spoilt = is_spoilt || stream::is_spoilt_rfc2190(payload); });
-    const auto is_joined = [&](Medium medium) {
-        std::vector<uint8_t> joined;
-        const auto join = stream::make_depacketiser(
-            medium, {},
-            {[&](Bytes bytes) { joined.insert(joined.end(), bytes.begin(), bytes.end()); }});
-        for_each([&](Bytes payload) { join->packet(payload); });
-        join->finish();
-        return are_equal(joined, picture);
-    };
-    return !is_spoilt && !is_joined(Medium::kH263Rfc4629) && !is_joined(Medium::kH263Rfc2190);
+    std::vector<uint8_t> joined;
+    const auto join = stream::make_depacketiser(
+        payload_type_ == kRfc2190PayloadType ? Medium::kH263Rfc2190 : Medium::kH263Rfc4629, {},
+        {[&](Bytes bytes) { joined.insert(joined.end(), bytes.begin(), bytes.end()); }});
+    for_each([&](Bytes payload) { join->packet(payload); });
+    join->finish();
+    return !is_spoilt && !are_equal(joined, picture);
 }
 
 bool Payloads::lack_vops(Bytes sample) const {
@@ -204,17 +210,24 @@ bool Payloads::lack_slices(Bytes sample, int length_size) const {
     are_there = are_there && fragments.are_whole();
     begins.push_back(joined.size());
     size_t next = 0;
-    const auto find = [&](NalUnit unit) {
-        while (next + 1 < begins.size()) {
-            const size_t begin = begins[next++];
-            if (are_same(unit, Bytes(joined).subspan(begin, begins[next] - begin))) return true;
-        }
-        return false;
+    const auto is_next = [&](auto is_wanted) {
+        if (next + 1 >= begins.size()) return false;
+        return is_wanted(Bytes(joined).subspan(begins[next], begins[next + 1] - begins[next]));
     };
     NalUnits units(sample, length_size);
-    for (NalUnit unit; are_there && units.next(unit);)
-        are_there = !is_slice(unit) || find(unit);
-    return !are_there;
+    for (NalUnit unit; are_there && units.next(unit);) {
+        const auto is_same = [&](NalUnit other) { return are_same(unit, other); };
+        while (is_next(is_parameter) && !is_next(is_same))
+            ++next;
+        if (is_next(is_same)) {
+            ++next;
+        } else {
+            are_there = !is_slice(unit);  // others may be left out
+        }
+    }
+    while (is_next(is_parameter))
+        ++next;
+    return !are_there || next + 1 < begins.size();
 }
 
 bool Payloads::lack_frames(Bytes sample, bool is_wide) const {
@@ -226,7 +239,7 @@ bool Payloads::lack_frames(Bytes sample, bool is_wide) const {
     for_each([&](Bytes payload) { is_whole = add_frames(payload, band, found) && is_whole; });
     return !is_whole || !std::equal(wanted.begin(), wanted.end(), found.begin(), found.end(),
                                     [](const SpeechFrame& a, const SpeechFrame& b) {
-                                        return a.type == b.type && are_equal(a.bytes, b.bytes);
+                                        return a.header == b.header && are_equal(a.bytes, b.bytes);
                                     });
 }
 

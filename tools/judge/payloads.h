@@ -20,7 +20,10 @@ class Payloads {
   public:
     void clear();
     // Begins the payload of the next packet.
-    void begin() { begins_.push_back(bytes_.size()); }
+    void begin(int payload_type) {
+        begins_.push_back(bytes_.size());
+        payload_type_ = payload_type;
+    }
     void append(std::span<const uint8_t> bytes) {
         bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
     }
@@ -43,6 +46,7 @@ class Payloads {
 
     std::vector<uint8_t> bytes_;
     std::vector<size_t> begins_;
+    int payload_type_ = 0;  // of the last packet
 };
 
 }  // namespace tool
