@@ -9,6 +9,7 @@
 #include "companion/probe/hint_constructors.h"
 #include "companion/probe/sample_places.h"
 #include "native/codec/amr_format.h"
+#include "native/stream/plausible.h"
 #include "tools/judge/payloads.h"
 #include "tools/judge/track_samples.h"
 
@@ -21,14 +22,10 @@ namespace {
 
 using Bytes = std::span<const uint8_t>;
 
-bool is_speech(const iso_track* media) {
-    return media->codec == ISO_CODEC_SAMR || media->codec == ISO_CODEC_SAWB;
-}
-
 // Whether a sample has more than frames of speech without data, which a hint track may leave out.
 bool has_media(iso_track* media, uint32_t sample, std::vector<uint8_t>& scratch) {
     const uint32_t size = sample_size_of(media, sample);
-    if (size < 2 || !is_speech(media)) return size >= 2;
+    if (size < 2 || !stream::is_speech(media->codec)) return size >= 2;
     if (size > kLongestSample) return true;
     const AmrBand& band = amr_band(media->codec == ISO_CODEC_SAWB);
     const auto bytes = read_sample(media, sample, scratch);
@@ -118,8 +115,9 @@ class Walk {
         if (is_misled && use_.misled++ == 0) use_.first_misled = uint64_t{sample} + 1;
         // A hint sample without packets, or with one that cannot be read, is reported elsewhere.
         // Payloads of speech that is not octet-aligned take no bytes of samples.
-        const bool is_judged = is_one_each_ && !is_misled && is_whole && has_packets(bytes) &&
-                               (takes_any || !has_other_header || !is_speech(media_));
+        const bool is_judged =
+            is_one_each_ && !is_misled && is_whole && has_packets(bytes) &&
+            (takes_any || !has_other_header || !stream::is_speech(media_->codec));
         if (is_judged && leaves_media_out(sample, bytes) && use_.partial++ == 0)
             use_.first_partial = uint64_t{sample} + 1;
     }

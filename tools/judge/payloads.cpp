@@ -147,8 +147,7 @@ bool are_payload_header(int32_t codec, Bytes own, size_t taken) {
     constexpr size_t kLengthSize = 2;  // of a unit in STAP-A (RFC 6184, 5.7.1)
     if (codec == ISO_CODEC_S263) return is_h263_header(own);
     if (codec == ISO_CODEC_AVC1) return own.size() <= kFuHeaders + kLengthSize * taken;
-    const bool is_speech = codec == ISO_CODEC_SAMR || codec == ISO_CODEC_SAWB;
-    return is_speech ? is_speech_header(own) : own.empty();
+    return stream::is_speech(codec) ? is_speech_header(own) : own.empty();
 }
 
 // --- joining ---
