@@ -52,7 +52,7 @@ std::string lacking(const std::string& declared, uint64_t has) {
 std::string profile_fault(const StreamHeader& header) {
     if (std::max({header.profile, header.constraints, header.level}) <= UINT8_MAX) return "";
     const std::string constraints =
-        header.medium == Medium::kH264 ? ", constraints " + std::to_string(header.constraints) : "";
+        header.constraints > UINT8_MAX ? ", constraints " + std::to_string(header.constraints) : "";
     return "its header records declare profile " + std::to_string(header.profile) + constraints +
            " and level " + std::to_string(header.level) + ", which take a byte each";
 }
