@@ -428,6 +428,10 @@ TEST(Importer, SaysWhatIsWrong) {
         {with(parts, "trun", 8, be32(0)), "lie outside its media data (mdat)"},
         {with(parts, "mfhd", 4, be32(7)), "the file begins with fragment 7"},
         {with(plain, "stss", 4, be32(0)), "bytes after the entries that it declares"},
+        {with(read_sample("amrnb_plain.3gp"), "stts", 12, be32(0)), "take 0.003 s (stts), though"},
+        {with(read_sample("h263_plain.3gp"), "stsc", 12, be32(31)), "has 1 sample more (stsc)"},
+        {renamed(read_sample("h263_hinted.3gp"), "trak", "free"),
+         "has the hints of track 1, which"},
         {timeless, "all samples have the same time (stts), though mdhd declares"},
         {with(plain, "hdlr", 8, text("vidd")), "it is taken as 'vide'"},
     };

@@ -186,6 +186,13 @@ HintPackets::Lack HintPackets::lack_in_packets() const {
             (use_.wrong() == 1 ? " leaves out media or takes" : " leave out media or take") +
             " wrong bytes, the first is number " + std::to_string(use_.first_wrong()));
     }
+    if (use_.mistimed > 0) {
+        add(std::to_string(use_.mistimed) + " of " + counted(samples_of(hint_), "hint sample") +
+            (use_.mistimed == 1 ? " has" : " have") + " a packet more than " +
+            std::to_string(kFurthestPacket) +
+            " s from the time of the sample, the first is number " +
+            std::to_string(use_.first_mistimed));
+    }
     if (use_.unused > 0) {
         add("no packets for " + std::to_string(use_.unused) + " of " +
             counted(samples_of(media_), "sample"));
@@ -224,8 +231,9 @@ HintPackets::Lack HintPackets::lack() const {
     const auto read = static_cast<uint64_t>(std::max(hint_->sample_count, 0));
     if (expected.samples > read) {
         return {name() + ": " + std::to_string(expected.samples - read) + " of " +
-                    std::to_string(expected.samples) + " hint samples are left out, as they are " +
-                    (expected.in_fragments > 0 ? "in movie fragments" : "in no chunk"),
+                    std::to_string(expected.samples) + " hint samples are left out, as " +
+                    (expected.in_fragments > 0 ? "they are in movie fragments"
+                                               : "its tables do not agree on them"),
                 ""};
     }
     return made_ == 0 ? Lack{name() + " has no packets", ""} : lack_in_packets();

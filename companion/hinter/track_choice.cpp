@@ -210,8 +210,10 @@ class Chooser {
             if (choice.track->encrypted) return refuse(*choice.track, " is encrypted");
         }
         for (const Choice& choice : choices) {
-            if (is_one_of(kPayloadTypes, type_of(*choice.track)))
-                return refuse(*choice.track, " has no samples");
+            const importer::Track& track = *choice.track;
+            if (!is_one_of(kPayloadTypes, type_of(track)) || !track.samples.empty()) continue;
+            return refuse(track,
+                          is_lost(track) ? " has no sample that is whole" : " has no samples");
         }
         return outcome_.fail(KST_HINT_REFUSED, "no AMR, H.263, MPEG-4 or H.264 track");
     }

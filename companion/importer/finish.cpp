@@ -2,6 +2,8 @@
 // Work that needs all samples: checking that they are in the file, and the times and edits that
 // depend on them.
 #include <algorithm>
+#include <set>
+#include <string>
 
 #include "companion/importer/parts.h"
 
@@ -147,12 +149,39 @@ void cut_edits(const Movie& movie, Track& track, std::uint64_t end) {
     }
 }
 
-// Remarks on a track without times, of which its header declares some.
+// Remarks on a track whose samples take much less time than its header declares.
 void check_times(Import& import, const Track& track, const TrackImport& state) {
-    if (track.duration > 0 || track.samples.size() < 2 || state.declared_duration == 0) return;
-    import.note("track " + std::to_string(track.id) +
-                ": all samples have the same time (stts), though mdhd declares " +
-                seconds_text(state.declared_duration, track.timescale));
+    constexpr std::uint64_t kLeastPart = 2;
+    const bool is_all = track.samples.size() == track.samples_in_movie_box &&
+                        track.missing_samples == 0 && !import.movie.fragmented;
+    const std::uint64_t declared = state.declared_duration;
+    const bool lacks_much = is_all && declared - track.duration >= track.timescale &&
+                            track.duration < declared / kLeastPart;
+    if (track.samples.size() < 2 || track.duration >= declared) return;
+    if (track.duration > 0 && !lacks_much) return;
+    const std::string what =
+        track.duration == 0
+            ? "all samples have the same time (stts)"
+            : "the samples take " + seconds_text(track.duration, track.timescale) + " (stts)";
+    import.note("track " + std::to_string(track.id) + ": " + what + ", though mdhd declares " +
+                seconds_text(declared, track.timescale));
+}
+
+// Remarks on hint tracks of tracks that are not there.
+void check_references(Import& import) {
+    std::set<std::uint32_t> ids;
+    for (const Track& track : import.movie.tracks)
+        ids.insert(track.id);
+    for (const Track& track : import.movie.tracks) {
+        for (const Reference& reference : track.references) {
+            if (reference.type != fourcc("hint")) continue;
+            for (const std::uint32_t id : reference.track_ids) {
+                if (ids.contains(id)) continue;
+                import.note("track " + std::to_string(track.id) + " has the hints of track " +
+                            std::to_string(id) + ", which is not in the file");
+            }
+        }
+    }
 }
 
 // Remarks on fragments that begin late: those before them were cut off, or the recording was joined
@@ -190,6 +219,7 @@ bool finish_movie(Import& import) {
         state.composition_end = composition_end(track);
         check_times(import, track, state);
     }
+    check_references(import);
     check_begin(import);
     align_starts(import);
     std::uint64_t duration = 0;

@@ -145,23 +145,30 @@ bool has_samples(Import& import, const Box& mdat, std::uint64_t bytes,
     return true;
 }
 
-// A span of the file.
-struct Span {
-    std::uint64_t begin = 0, end = 0;
-};
-
-// Remarks on the first run whose media are not inside one mdat. `media` are in the file's order.
-void check_run_places(Import& import, std::span<const Span> media) {
-    for (const RunPlace& run : import.run_places) {
-        const auto after = std::upper_bound(
-            media.begin(), media.end(), run.begin,
-            [](std::uint64_t offset, const Span& mdat) { return offset < mdat.begin; });
-        if (after != media.begin() && run.end <= std::prev(after)->end) continue;
-        import.note("samples of moof at offset " + std::to_string(run.moof) +
-                    " lie outside its media data (mdat)");
-        return;
+// Follows the runs of fragments in the order of their media, and the mdat boxes beside them.
+class RunPlaces {
+  public:
+    explicit RunPlaces(std::vector<RunPlace>& runs) : left_(runs) {
+        std::sort(runs.begin(), runs.end(),
+                  [](const RunPlace& a, const RunPlace& b) { return a.begin < b.begin; });
     }
-}
+
+    // Passes over the runs inside an mdat, the next one in the file's order.
+    void take(const Box& mdat) {
+        while (!left_.empty() && left_.front().begin >= mdat.body && left_.front().end <= mdat.end)
+            left_ = left_.subspan(1);
+    }
+
+    // After the last mdat: remarks on the first run that is not inside one.
+    void remark(Import& import) const {
+        if (left_.empty()) return;
+        import.note("samples of moof at offset " + std::to_string(left_.front().moof) +
+                    " lie outside its media data (mdat)");
+    }
+
+  private:
+    std::span<const RunPlace> left_;
+};
 
 }  // namespace
 
@@ -179,14 +186,14 @@ bool check_covered_fragments(Import& import) {
     std::uint64_t data_end = end_of_movie_samples(import.movie);
     auto fragment = import.fragment_media.begin();
     FragmentMedia expected;  // of the fragments since the mdat before
-    std::vector<Span> media;
+    RunPlaces runs(import.run_places);
     BoxReader file(import.source, 0, file_end, BoxReader::ReadAhead::kNo);
     for (Box box; file.header(box);) {
         if (box.type == 0 && box.end == file_end) break;  // no box: zeros at the end, or damage
         if (!is_box_or_padding(import, kFileAsContainer, box)) return false;
         const std::uint64_t end = std::min(box.end, file_end);
         const bool is_media = box.type == fourcc("mdat");
-        if (is_media) media.push_back({box.body, box.end});
+        if (is_media) runs.take(box);
         const std::uint64_t begin = is_media ? std::clamp(data_end, box.body, end) : box.body;
         if (!covers_none(import, kFileAsContainer, box, begin, end)) return false;
         const FragmentMedia before = is_media ? std::exchange(expected, {}) : FragmentMedia{};
@@ -201,7 +208,7 @@ bool check_covered_fragments(Import& import) {
         }
         file.skip(end - file.at());
     }
-    check_run_places(import, media);
+    runs.remark(import);
     return true;
 }
 

@@ -137,10 +137,11 @@ bool place_samples(Import& import, const SampleTables& tables, Target& to) {
     if (samples.empty()) return true;
     ChunkWalk walk(import, tables);
     if (!walk.open(to.track, to.state)) return false;
-    std::size_t placed = 0;
+    std::size_t placed = 0, surplus = 0;
     for (Chunk chunk; placed < samples.size() && walk.next(chunk);) {
         const std::size_t left = samples.size() - placed;
         const std::size_t end = placed + std::min<std::size_t>(chunk.samples, left);
+        surplus = placed + chunk.samples - end;
         for (; placed < end; ++placed) {
             samples[placed].offset = chunk.offset;
             samples[placed].description = chunk.description & kDescriptionBits;
@@ -153,6 +154,11 @@ bool place_samples(Import& import, const SampleTables& tables, Target& to) {
     // A further chunk means that samples were assigned to wrong chunks.
     Chunk further;
     const bool has_all = placed == to.state.declared;
+    if (has_all && surplus > 0) {
+        import.note("the last chunk of track " + std::to_string(to.track.id) + " has " +
+                    std::to_string(surplus) + (surplus == 1 ? " sample" : " samples") +
+                    " more (stsc) than have a size");
+    }
     const bool has_further = has_all && walk.next(further) && further.samples > 0;
     return !has_further || import.fail(*tables.chunks, "has chunks that are left without samples");
 }

@@ -105,8 +105,11 @@ ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
     kestrel::importer::Movie movie;
     // Of a cut file, what there is.
     auto result = kestrel::importer::import_movie(stream, {.salvage = true}, movie);
-    if (!result.ok) return {};
     ImportedMovie out;
+    if (!result.ok) {
+        out.remark = std::move(result.error);
+        return out;
+    }
     for (const kestrel::importer::Track& track : movie.tracks)
         out.tracks.push_back(summary(track));
     out.duration = movie.duration;

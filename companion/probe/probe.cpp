@@ -50,7 +50,8 @@ void add_fix(const Subject& subject, Judgement& judgement) {
         judgement.fix += option;
     };
     if (has_hints(facts.file.get())) add(KST_HINT_REPLACE, " --replace");
-    const bool is_cut = judgement.reason == Reason::kIncomplete && lacks_media(subject);
+    const bool is_cut = lacks_media(subject) &&
+                        (judgement.reason == Reason::kIncomplete || subject.track != nullptr);
     if (is_cut || !facts.imported.missing.empty()) add(KST_HINT_SALVAGE, " --salvage");
     judgement.fix += " -o OUT";
 }

@@ -227,7 +227,8 @@ bool seeks_elsewhere(const ClassFile& opened, MediaKind kind) {
 Reason reason_for_no_media(const FileFacts& facts) {
     if (may_lack_tracks(facts)) return Reason::kDamaged;
     if (facts.scan.has_movie && has_odd_sizes(facts)) return Reason::kLargeBox;
-    return facts.scan.damage.empty() ? Reason::kNoTrack : Reason::kDamaged;
+    // Of a file that is cut after its movie box all tracks are known.
+    return facts.scan.damage.empty() || facts.scan.cut_box ? Reason::kNoTrack : Reason::kDamaged;
 }
 
 std::string name_of_codec(const Subject& subject) {

@@ -116,7 +116,7 @@ KESTREL_API int32_t kst_Open2(mm_Interface** handle_out, KST_IOSTREAM_CALLBACK_I
  * delivered before stays good.
  *
  * - KST_END_OF_FILE: also after hint samples of a video that are malformed, whose pictures are left
- *   out without a word. KST_PROBE_NO_REASON (kestrel/probe.h) does not exclude them.
+ *   out without a report. KST_PROBE_NO_REASON (kestrel/probe.h) does not exclude them.
  * - KST_NOT_YET: a read was not served. Every call returns it, or for a video KST_FAILURE with a
  *   size of 0, where a host failed for good or a file was cut short (kestrel/stream.h has the
  *   cases): ask the host whether more can come.

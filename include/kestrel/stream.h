@@ -47,10 +47,10 @@
  *
  * | Call                      | Slot says not-yet    | Bytes after the end  | Slot says failure |
  * |---------------------------|----------------------|----------------------|-------------------|
- * | kst_Open                  | KST_FAILURE          | KST_FAILURE          | KST_FAILURE       |
+ * | kst_Open                  | KST_FAILURE (3)      | KST_FAILURE          | KST_FAILURE (3)   |
  * | kst_ReadChunk, both flags | KST_NOT_YET (1, 2)   | KST_NOT_YET (1, 2)   | KST_NOT_YET (1, 2) |
  * | C3gpInterface::Open       | KST_FAILURE          | KST_CORRUPT          | KST_CORRUPT       |
- * | ReadChunk, not arriving   | KST_FAILURE          | KST_FAILURE          | KST_FAILURE       |
+ * | ReadChunk, not arriving   | KST_FAILURE (4)      | KST_FAILURE          | KST_FAILURE (4)   |
  * | ReadChunk, arriving       | KST_NOT_YET          | KST_NOT_YET          | KST_IO_FAILURE    |
  * | SeekTo                    | KST_FAILURE          | KST_FAILURE          | KST_FAILURE       |
  *
@@ -58,6 +58,8 @@
  * (2) KST_FAILURE with a size of 0 for a video that is played by its hint track, in two cases: for
  * bytes after the end, whether the file arrives or is whole; and without `arriving` for all three
  * answers.
+ * (3) The answer of the Seek back to offset 0 is not looked at.
+ * (4) From AdvanceRead: KST_NOT_YET and KST_IO_FAILURE, as when arriving.
  *
  * The function API looks at the low 16 bits of a status, 0 for success, and never calls
  * CheckStatus. So a host that failed for good is answered KST_NOT_YET there, as most files are that

@@ -12,6 +12,7 @@ class MemoryHost {
     MemoryHost() : host_(kst_host_for_writing_memory()) {}
     explicit MemoryHost(const Bytes& bytes)
         : host_(kst_host_from_memory(bytes.data(), bytes.size())) {}
+    explicit MemoryHost(Bytes&&) = delete;
     MemoryHost(const MemoryHost&) = delete;
     MemoryHost& operator=(const MemoryHost&) = delete;
     ~MemoryHost() { kst_host_close(host_); }

@@ -114,7 +114,8 @@ FileFacts gather_facts(kst_host* host, Clock::time_point deadline) {
 }
 
 std::string import_remark(const FileFacts& facts, Clock::time_point deadline) {
-    if (!facts.imported.tracks.empty()) return facts.imported.remark;
+    const ImportedMovie& movie = facts.imported;
+    if (!movie.tracks.empty() || !movie.remark.empty()) return movie.remark;
     return import_apart(*facts.stream, {deadline, memory_limit(facts.scan)}).remark;
 }
 

@@ -36,7 +36,11 @@ void limit_files(uint64_t bytes) {
 
 bool lacks_something(const FileFacts& facts) {
     if (facts.scan.movie_is_cut || !facts.scan.has_movie) return false;  // nothing whole is found
-    return facts.scan.cut_box.has_value() || !facts.imported.missing.empty();
+    if (facts.scan.cut_box.has_value() || !facts.imported.missing.empty()) return true;
+    for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next) {
+        if (outside_file(track, facts.scan.file_size).bytes > 0) return true;
+    }
+    return false;
 }
 
 // Whether bytes of a sample are in the file.

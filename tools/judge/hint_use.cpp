@@ -74,7 +74,7 @@ class Walk {
 
     HintUse run(Clock::time_point deadline) {
         for (uint32_t i = is_one_each_ ? first_.hint : 0; i < samples_of(hint_); ++i) {
-            if (Clock::now() > deadline || sample_size_of(hint_, i) > kLongestSample) return {};
+            if (Clock::now() > deadline || sample_size_of(hint_, i) > kLongestSample) return use_;
             take(i);
         }
         const uint64_t unused = is_one_each_ ? 0 : count_unused(deadline);
@@ -94,7 +94,7 @@ class Walk {
 
     void take(uint32_t sample) {
         const auto bytes = read_sample(hint_, sample, bytes_);
-        bool is_misled = false, takes_any = false, has_other_header = false;
+        bool is_misled = false, takes_any = false, has_other_header = false, is_mistimed = false;
         uint64_t own_packets = 0;
         taken_.clear();
         const bool is_whole =
@@ -102,6 +102,7 @@ class Walk {
                 const Own own = own_of(constructors);
                 own_packets += own.may_be_media() ? 1 : 0;
                 has_other_header = has_other_header || !own.is_header;
+                is_mistimed = is_mistimed || is_far(entry.relative_time);
                 for_each_taken(constructors, [&](const SampleConstructor& from) {
                     takes_any = true;
                     is_misled = is_misled || (sample >= first_.hint && misleads(sample, from));
@@ -112,6 +113,7 @@ class Walk {
             });
         if (!takes_any) own_packets_ += own_packets;
         if (is_one_each_ && !is_misled) is_misled = taken_.overlap();
+        if (is_mistimed && use_.mistimed++ == 0) use_.first_mistimed = uint64_t{sample} + 1;
         if (is_misled && use_.misled++ == 0) use_.first_misled = uint64_t{sample} + 1;
         // A hint sample without packets, or with one that cannot be read, is reported elsewhere.
         // Payloads of speech that is not octet-aligned take no bytes of samples.
@@ -120,6 +122,12 @@ class Walk {
             (takes_any || !has_other_header || !stream::is_speech(media_->codec));
         if (is_judged && leaves_media_out(sample, bytes) && use_.partial++ == 0)
             use_.first_partial = uint64_t{sample} + 1;
+    }
+
+    // A time relative to the sample, in units of the RTP clock.
+    bool is_far(int32_t time) const {
+        const int64_t most = int64_t{kFurthestPacket} * hint_->rtp_timescale;
+        return most > 0 && (time > most || time < -most);
     }
 
     static bool has_packets(Bytes hint_sample) { return load_be16(hint_sample.data()) > 0; }

@@ -114,6 +114,7 @@ MediaCounts with_samples(const iso_track* track, uint32_t first, MediaCounts cou
     for (uint32_t number = first; number < samples_of(track); ++number) {
         // Reading moves the track's cursor, which nothing else uses.
         const auto bytes = read_sample(const_cast<iso_track*>(track), number, sample);
+        if (bytes.size() < sample.size()) continue;  // not in the file: a fix leaves it out
         const uint64_t from_one = uint64_t{number} + 1;
         if (track->codec == ISO_CODEC_AVC1) {
             count_h264(bytes, track->nal_length_size, from_one, is_judged, counts);

@@ -74,7 +74,10 @@ void SentTrack::make_next() {
     const double clock = std::max(hints_.track()->rtp_timescale, 1U);
     const PacketTimes times = entries_.next();
     const double at = times_.seconds();
-    due_ = offset_ + at + static_cast<double>(times.sent) / clock;
+    // Sending does not stop for a packet of a wrong time.
+    constexpr double kFurthest = kFurthestPacket;
+    due_ =
+        offset_ + at + std::clamp(static_cast<double>(times.sent) / clock, -kFurthest, kFurthest);
     shown_ = offset_ + at + static_cast<double>(times.shown) / clock;
 }
 
