@@ -978,7 +978,8 @@ class Send(ToolTest):
                 ("h263_hinted", rb"\0\x02\0\0(?=\0{4}\x80\x60)", b"\0\1\0\0"),
                 ("mpeg4_hinted", rb"(?<=\0{4}\x80.\0.\0\0)\0\x01(?=\x02\0)", b"\0\0"),
                 ("amrnb_hinted", b"tims", b"timr"),
-                # Two hours late. Another clock; a unit without its end; speech of bad quality.
+                # A frame of several cut. Two hours late. Another clock; a unit without its end; speech of bad quality.
+                ("amrnb_hinted_multi", rb"\x02\0\0\x1f(?=\0\0\0\x07)", b"\2\0\0\x14"),
                 ("amrnb_hinted", rb"\0{4}(?=\x80.\0\x05\0)", b"\3\x6e\xe8\0"),
                 ("amrnb_hinted", rb"tims\0\0\x1f\x40", b"tims\0\0\x3e\x80"),
                 ("h264_hinted_1450", rb"(?<=\0\x01\x02\0)\x02\x7d(?=\0\0\0\x01)", b"\2\x79"),

@@ -98,7 +98,7 @@ class Job {
         importer::Result result = importer::import_movie(*host_, how, movie_);
         if (!result.ok) return outcome_.fail(result_of(result.cause), result.error);
         salvaged_ = std::move(result.salvaged);
-        if (!result.remark.empty()) add_note(result.remark);
+        remark_ = std::move(result.remark);
         shorten_headers(movie_);
         return source_.open() || outcome_.fail(KST_HINT_SOURCE_FAILED, source_.error());
     }
@@ -344,6 +344,7 @@ class Job {
     importer::Movie movie_;
     std::string salvaged_;
     std::string notes_;
+    std::string remark_;  // of the importer
     std::vector<Choice> choices_;
     uint32_t written_ = 0;  // bytes
     int next_payload_type_ = kFirstDynamicPayloadType;
@@ -361,6 +362,7 @@ std::string Job::left_out() const {
     if (!dropped.empty()) add("left out " + dropped);
     add(salvaged_);
     add(notes_);
+    add(remark_);  // last, as there may be no room for all
     return all;
 }
 

@@ -24,10 +24,11 @@
  * different threads. One handle must not be used from two threads at once. Every function returns a
  * status (kestrel/status.h) unless it says otherwise; none throws.
  *
- * The ISO reader writes short lines about damaged boxes and tables to standard error, at most 100
- * for a handle, and then "further remarks left out". Why opening failed goes to the system log as
- * an error (kestrel/log.h), one line for each kst_Open, so also for each try at a file whose movie
- * box has not arrived. Reading writes nothing to the log at the default level, KST_NOT_YET neither.
+ * The ISO reader writes short lines about damaged boxes and tables, and those that it does not
+ * read, to standard error, at most 100 for a handle, and then "further remarks left out". Why
+ * opening failed goes to the system log as an error (kestrel/log.h), one line for each kst_Open, so
+ * also for each try at a file whose movie box has not arrived. Reading writes nothing to the log at
+ * the default level, KST_NOT_YET neither.
  */
 #ifndef KESTREL_KESTREL_H
 #define KESTREL_KESTREL_H

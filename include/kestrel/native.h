@@ -195,8 +195,8 @@ KESTREL_API int orb_native_init(orb_native* state, int payload_type, int max_pac
 //
 // Payloads of `orb` are parts of the sample, or speech frames. The payload type is that of init.
 //
-// For H.264 `out` must have room for four bytes beyond `out_size` for each FU-A packet that fits:
-// their two header bytes are credited to the room instead of charged.
+// For H.264 `out` must have room for 4 * (out_size / (max_packet + 16) + 1) bytes beyond
+// `out_size`: the two header bytes of each FU-A packet are credited to the room instead of charged.
 KESTREL_API int tel_native_packet(void* out, int out_size, void* in, int in_len, double duration,
                                   tel_native* state);
 KESTREL_API int orb_native_packet(void* out, int out_size, void* in, int in_len, double duration,

@@ -53,9 +53,10 @@ enum {
      *
      * kst_packer_describe, after kst_packer_write, has the reason for each stream. A stream may
      * lack frames that its records cannot show (docs/native-format.md), and is then KST_PACK_DONE:
-     * speech a few of the last ones; a video whose records declare no duration, or a stream made
-     * after a seek, any number of the last ones. The packets of a video without duration may
-     * all have the time 0, and its pictures then have it in the file. */
+     * speech a few of the last ones, and those at the end without packets in the hint track that
+     * it was played from; a video whose records declare no duration, or a stream made after a seek,
+     * any number of the last ones. The packets of a video without duration may all have the time 0,
+     * and its pictures then have it in the file. */
     KST_PACK_CUT = 1,
     KST_PACK_BAD_ARGUMENT = 2,
     KST_PACK_NO_MEMORY = 3,

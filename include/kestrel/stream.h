@@ -58,7 +58,7 @@
  * (2) KST_FAILURE with a size of 0 for a video that is played by its hint track, in two cases: for
  * bytes after the end, whether the file arrives or is whole; and without `arriving` for all three
  * answers.
- * (3) The answer of the Seek back to offset 0 is not looked at.
+ * (3) It may succeed where only GetOffset, or the Seek back to offset 0, is not served.
  * (4) From AdvanceRead: KST_NOT_YET and KST_IO_FAILURE, as when arriving.
  *
  * The function API looks at the low 16 bits of a status, 0 for success, and never calls

@@ -120,8 +120,11 @@ class Walk {
         const bool is_judged =
             is_one_each_ && !is_misled && is_whole && has_packets(bytes) &&
             (takes_any || !has_other_header || !stream::is_speech(media_->codec));
-        if (is_judged && leaves_media_out(sample, bytes) && use_.partial++ == 0)
-            use_.first_partial = uint64_t{sample} + 1;
+        bool is_partial = is_judged && leaves_media_out(sample, bytes);
+        // Of samples of other numbers, whether the frames are cut.
+        if (!is_one_each_ && is_whole && takes_any && stream::is_speech(media_->codec))
+            is_partial = cuts_frames(bytes);
+        if (is_partial && use_.partial++ == 0) use_.first_partial = uint64_t{sample} + 1;
     }
 
     // A time relative to the sample, in units of the RTP clock.
@@ -198,6 +201,24 @@ class Walk {
                 is_known = is_known && append(constructors.first(kConstructorSize), media);
         });
         return is_known && payloads_.lack_media_of(media_, media);
+    }
+
+    // Whether packets of speech frames of any samples do not end with a frame.
+    bool cuts_frames(Bytes hint_sample) {
+        payloads_.clear();
+        bool is_known = true;
+        for_each_packet_entry(hint_sample, [&](const PacketEntry& entry, Bytes constructors) {
+            payloads_.begin(entry.rtp_header & kRtpPayloadType);
+            for (; !constructors.empty(); constructors = constructors.subspan(kConstructorSize)) {
+                const Bytes one = constructors.first(kConstructorSize);
+                const uint32_t number = load_sample_constructor(one.data()).sample_number - 1;
+                const bool is_read = is_known && takes(one) && number < samples_of(media_) &&
+                                     sample_size_of(media_, number) <= kLongestSample;
+                const Bytes media = is_read ? read_sample(media_, number, media_bytes_) : Bytes();
+                is_known = is_known && append(one, media);
+            }
+        });
+        return is_known && !payloads_.end_with_frames(media_->codec == ISO_CODEC_SAWB);
     }
 
     // Appends what a constructor adds to its packet. Returns false where the payloads are too long,

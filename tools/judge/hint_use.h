@@ -18,7 +18,7 @@ struct HintUse {
     uint64_t misled = 0;
     uint64_t first_misled = 0;  // from 1; 0 for none
     // Of the others, where hint track and medium have as many samples, those from whose packets a
-    // receiver does not get the media of their sample.
+    // receiver does not get the media of their sample; else those whose packets cut speech frames.
     uint64_t partial = 0;
     uint64_t first_partial = 0;  // from 1; 0 for none
     // The hint samples with a packet whose time of sending is far from that of the sample.

@@ -242,6 +242,15 @@ bool Payloads::lack_frames(Bytes sample, bool is_wide) const {
                                     });
 }
 
+bool Payloads::end_with_frames(bool is_wide) const {
+    std::vector<SpeechFrame> frames;
+    bool is_whole = true;
+    for_each([&](Bytes payload) {
+        is_whole = is_whole && add_frames(payload, amr_band(is_wide), frames);
+    });
+    return is_whole;
+}
+
 bool Payloads::lack_media_of(const iso_track* media, Bytes sample) const {
     switch (media->codec) {
         case ISO_CODEC_S263:

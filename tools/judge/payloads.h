@@ -33,6 +33,8 @@ class Payloads {
     // its place. False where it cannot be said: the codec is unknown, or the sample or a header of
     // RFC 2190 is malformed.
     bool lack_media_of(const iso_track* media, std::span<const uint8_t> sample) const;
+    // Whether each payload of speech ends with its last frame.
+    bool end_with_frames(bool is_wide) const;
 
   private:
     using Bytes = std::span<const uint8_t>;
