@@ -1010,6 +1010,10 @@ class Send(ToolTest):
                 self.assertEqual(len(self.receive(path, 1, "--speed", 500)[0][0]), 298)
         self.assert_fails(run("send", self.write("f.3gp", data[:at] + bytes(4) + data[at + 4:]),
                               "--to", "127.0.0.1:5004"), 1, "has a timescale of 0")
+        # One of two hint tracks is lost.
+        path = self.write("f.3gp", b"free".join(load("av_h264_amrwb_hinted").rsplit(b"mdia", 1)))
+        self.assert_fails(run("packets", path), 1, "has no mdhd: packets may be left out")
+        self.assert_fails(run("send", path, "--to", "127.0.0.1:5004"), 1, "has no mdhd")
 
     def test_media_that_lack_something_are_reported_as_without_hints(self):
         here = Datagrams(1)
@@ -1123,8 +1127,9 @@ class Send(ToolTest):
                        flags=re.DOTALL)
         hint = movie[movie.rindex(b"trak") - 4:]
         hint = hint[:int.from_bytes(hint[:4], "big")]
-        tracks = 60
-        hints = hint * tracks
+        tracks, at = 60, hint.index(b"tkhd") + 16  # its track ID
+        hints = b"".join(hint[:at] + struct.pack(">I", 65536 + number) + hint[at + 4:]
+                         for number in range(tracks))
         path = self.write("flood.3gp", data.replace(b"moov", b"free") + struct.pack(
             ">I4s", len(hints) + len(movie) - len(hint) + 8, b"moov") +
             movie.replace(hint, hints))

@@ -193,6 +193,8 @@ def damaged_boxes():
            data[first + 8:header] + data[first + size:])
     yield "a track with too small a box", patched(data, (first + 8, struct.pack(">I", 7)))
     yield "a movie of more than there is", patched(data, (movie, struct.pack(">I", len(data) * 2)))
+    for part in (b"mdia", b"stsd"):
+        yield f"a track without {part.decode()}", data.replace(part, b"free", 1)
     hdlr = boxes(load("h263_hinted"), STBL[:3] + [b"hdlr"])[0]
     yield ("a handler of no medium",
            load("h263_hinted").replace(hdlr, hdlr.replace(b"vide", b"vid\0")))
@@ -540,7 +542,9 @@ class Check(ToolTest):
 
         result, rows = self.check("--api", "function", "--timeout", 1, path)
         self.assertEqual(rows, [("audio", "timeout", "-", "-", str(path))])
-        self.assert_fails(result, 1, "1 of 1 file does not play: 1 timeout")
+        # There may be a remark on the tables before it.
+        self.assertTrue(result.stderr.endswith(b"kestrel: 1 of 1 file does not play: 1 timeout\n"))
+        self.assertEqual(result.returncode, 1)
 
         # Quickly played, but slow to compare with its samples.
         path = self.write("one_place.3gp", samples_at_one_place(800_000))

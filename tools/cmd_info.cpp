@@ -126,7 +126,7 @@ Json describe_file(const FileFacts& facts) {
         out["tracks"].push_back(describe_track(facts, track));
     for (const ImportedTrack* track : unread_tracks(facts))
         out["tracks"].push_back(describe_unread(*track));
-    const uint32_t lost = file->own->lost_tracks;
+    const uint64_t lost = lost_tracks(facts);
     if (lost > 0) out["lost_tracks"] = lost;
     if (may_lack_tracks(facts)) out["may_lack_tracks"] = true;
     return out;

@@ -12,6 +12,7 @@
 #include "tools/commands.h"
 #include "tools/json_printer.h"
 #include "tools/judge/child_process.h"
+#include "tools/judge/facts.h"
 #include "tools/judge/fix.h"
 #include "tools/judge/media_check.h"
 #include "tools/session_description.h"
@@ -114,6 +115,13 @@ void check_media(const FileFacts& facts, HintTracks& tracks, const std::string& 
         }
     }
     if (!no_media.empty()) throw file_error(input, no_media);
+}
+
+// Fails where damage may hide hint tracks or a part of them.
+void check_boxes(const FileFacts& facts, const std::string& input) {
+    const std::string damage = import_refusal(facts, Clock::now() + kPatience);
+    if (damage.empty()) return;
+    throw file_error(input, damage + ": packets may be left out" + kestrel::stream::kGetAgainText);
 }
 
 void print_packet(uint32_t track, std::span<const uint8_t> packet, bool as_hex) {
@@ -235,6 +243,7 @@ void packets(const Options& options) {
     if (!options.json) compare_with_media(tracks);
     check_tracks(tracks, options.input);
     check_media(facts, tracks, options.input);
+    check_boxes(facts, options.input);
 }
 
 bool is_description_name(const std::string& path) {

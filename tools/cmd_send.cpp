@@ -99,6 +99,8 @@ bool can_be_sent(const FileFacts& facts, const std::string& input) {
     const std::vector<iso_track*> hints = hint_tracks(facts);
     if (hints.empty() || !std::all_of(hints.begin(), hints.end(), is_complete)) return false;
     refuse_many(hints, input);
+    // Damage may hide other hint tracks: hinting anew reports it.
+    if (!import_refusal(facts, Clock::now() + kPatience).empty()) return false;
     const HintTracks tracks = read_hint_tracks(facts, hints);
     const auto deadline = Clock::now() + kMaxLooking;
     const auto none = [&](auto is_fault) {

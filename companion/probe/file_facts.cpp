@@ -107,7 +107,8 @@ ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream) {
     auto result = kestrel::importer::import_movie(stream, {.salvage = true}, movie);
     ImportedMovie out;
     if (!result.ok) {
-        out.remark = std::move(result.error);
+        out.is_refused = result.cause == kestrel::importer::Cause::kFile;
+        if (out.is_refused) out.remark = std::move(result.error);
         return out;
     }
     for (const kestrel::importer::Track& track : movie.tracks)
@@ -142,8 +143,16 @@ FileFacts gather_facts(KST_IOSTREAM_CALLBACK_INTERFACE* stream, IsoFile file,
     return facts;
 }
 
+uint64_t lost_tracks(const FileFacts& facts) {
+    uint64_t empty = 0;
+    for (const iso_track* track = facts.file->first_track; track != nullptr; track = track->next)
+        empty += track->handler[0] == '\0' && facts.imported_track(track) == nullptr ? 1 : 0;
+    // The remains of a track that the reader counts may be among these.
+    return std::max<uint64_t>(facts.file->own->lost_tracks, empty);
+}
+
 bool may_lack_tracks(const FileFacts& facts) {
-    return facts.scan.movie_is_cut || facts.file->own->lost_tracks > 0;
+    return facts.scan.movie_is_cut || lost_tracks(facts) > 0;
 }
 
 Expected expected_of(const iso_track* track, const ImportedTrack* imported) {

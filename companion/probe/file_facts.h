@@ -45,8 +45,9 @@ struct ImportedMovie {
     uint64_t duration = 0;  // of `timescale` units a second
     uint32_t timescale = 0;
     bool lacks_fragments = false;  // any track may lack samples
-    std::string missing;  // what the file lacks, one sentence without a full stop, or empty
-    std::string remark;   // what may show a loss, but need not, or empty
+    std::string missing;      // what the file lacks, one sentence without a full stop, or empty
+    std::string remark;       // what may show a loss, but need not, or empty
+    bool is_refused = false;  // the file is damaged: `remark` has the place, and nothing is known
 };
 
 struct FileCloser {
@@ -81,6 +82,9 @@ ImportedMovie import_tracks(KST_IOSTREAM_CALLBACK_INTERFACE& stream);
 using Importing = std::function<ImportedMovie(KST_IOSTREAM_CALLBACK_INTERFACE&, const FileScan&)>;
 FileFacts gather_facts(KST_IOSTREAM_CALLBACK_INTERFACE* stream, IsoFile file,
                        const Importing& import);
+
+// At least how many tracks cannot be read, or have no handler left.
+uint64_t lost_tracks(const FileFacts& facts);
 
 // Whether tracks may be missing: the movie box is cut, or has tracks that cannot be read.
 bool may_lack_tracks(const FileFacts& facts);

@@ -144,6 +144,12 @@ bool is_encrypted(const Subject& subject) {
            (subject.imported != nullptr && subject.imported->is_encrypted != 0);
 }
 
+bool is_of_other_codec(const Subject& subject) {
+    const TrackBoxes* boxes = boxes_of(subject);
+    const bool lacks_entry = boxes != nullptr && boxes->entries.empty();
+    return !lacks_entry && !plays_codec(subject.api, subject.codec());
+}
+
 std::string unread_table(const Subject& subject) {
     const TrackBoxes* boxes = boxes_of(subject);
     if (boxes == nullptr) return "";
@@ -199,7 +205,8 @@ Reason reason_by_tables(const Subject& subject, const ClassFile& opened) {
     if (is_class && opened.ends_process()) return Reason::kEndsProcess;
     if (!subject.has_track()) return Reason::kNoTrack;
     if (is_encrypted(subject)) return Reason::kEncrypted;
-    if (!plays_codec(subject.api, subject.codec())) return Reason::kCodec;
+    if (!plays_codec(subject.api, subject.codec()))
+        return is_of_other_codec(subject) ? Reason::kCodec : Reason::kDamaged;
     const int32_t status = is_class ? opened.open(subject.kind) : int32_t{KST_SUCCESS};
     if (const Reason reason = reason_by_hints(subject, status); reason != Reason::kNotPlayed)
         return reason;

@@ -68,6 +68,8 @@ Subject subject_of(const FileFacts& facts, Api api, MediaKind kind);
 // Reasons in the boxes of a track or of the file.
 
 bool is_encrypted(const Subject& subject);
+// Whether the track has a sample entry, and its codec is none that the API plays.
+bool is_of_other_codec(const Subject& subject);
 
 // The name of a box in a form that neither API reads, and that stands for one which playing needs;
 // empty for none.

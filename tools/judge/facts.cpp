@@ -18,12 +18,13 @@ static_assert(std::has_unique_object_representations_v<ImportedTrack>);
 
 // What a process passes on ahead of the tracks and the texts.
 struct ImportedHead {
-    uint64_t tracks, duration, timescale, lacks_fragments, missing;
+    uint64_t tracks, duration, timescale, lacks_fragments, missing, is_refused;
 };
 
 std::string bytes_of(const ImportedMovie& movie) {
-    const ImportedHead head{movie.tracks.size(), movie.duration, movie.timescale,
-                            movie.lacks_fragments ? 1u : 0u, movie.missing.size()};
+    const ImportedHead head{movie.tracks.size(),  movie.duration,
+                            movie.timescale,      movie.lacks_fragments ? 1u : 0u,
+                            movie.missing.size(), movie.is_refused ? 1u : 0u};
     std::string bytes(reinterpret_cast<const char*>(&head), sizeof head);
     bytes.append(reinterpret_cast<const char*>(movie.tracks.data()),
                  movie.tracks.size() * sizeof(ImportedTrack));
@@ -42,6 +43,7 @@ ImportedMovie movie_of(const std::string& bytes) {
     movie.duration = head.duration;
     movie.timescale = static_cast<uint32_t>(head.timescale);
     movie.lacks_fragments = head.lacks_fragments != 0;
+    movie.is_refused = head.is_refused != 0;
     const std::string texts = bytes.substr(sizeof head + size);
     movie.missing = texts.substr(0, static_cast<size_t>(head.missing));
     movie.remark = texts.substr(movie.missing.size());
@@ -113,10 +115,18 @@ FileFacts gather_facts(kst_host* host, Clock::time_point deadline) {
     return facts;
 }
 
+static ImportedMovie imported(const FileFacts& facts, Clock::time_point deadline) {
+    if (!facts.imported.tracks.empty() || facts.imported.is_refused) return facts.imported;
+    return import_apart(*facts.stream, {deadline, memory_limit(facts.scan)});
+}
+
 std::string import_remark(const FileFacts& facts, Clock::time_point deadline) {
-    const ImportedMovie& movie = facts.imported;
-    if (!movie.tracks.empty() || !movie.remark.empty()) return movie.remark;
-    return import_apart(*facts.stream, {deadline, memory_limit(facts.scan)}).remark;
+    return imported(facts, deadline).remark;
+}
+
+std::string import_refusal(const FileFacts& facts, Clock::time_point deadline) {
+    ImportedMovie movie = imported(facts, deadline);
+    return movie.is_refused ? std::move(movie.remark) : "";
 }
 
 }  // namespace tool

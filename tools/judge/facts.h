@@ -31,6 +31,9 @@ std::string empty_samples_text(const FileFacts& facts, const iso_track* track);
 // nothing. Reads the tables of a plain file for it.
 std::string import_remark(const FileFacts& facts, Clock::time_point deadline);
 
+// The place of damage for which kst_hint refuses the file, with salvage as well; empty for none.
+std::string import_refusal(const FileFacts& facts, Clock::time_point deadline);
+
 }  // namespace tool
 
 #endif

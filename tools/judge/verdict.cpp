@@ -332,10 +332,8 @@ Reason reason_of_end(const Subject& subject, const TrialResult& result) {
 
 Reason reason_of(const Subject& subject, const TrialResult& result) {
     if (is_encrypted(subject)) return Reason::kEncrypted;
-    if (subject.has_track() && !result.reached_end() &&
-        !plays_codec(subject.api, subject.codec()) && result.end == End::kReported) {
-        return Reason::kCodec;
-    }
+    const bool is_refused = !result.reached_end() && result.end == End::kReported;
+    if (subject.has_track() && is_refused && is_of_other_codec(subject)) return Reason::kCodec;
     switch (result.end) {
         case End::kExit:
             return Reason::kEndsProcess;
